@@ -1,0 +1,15 @@
+// A machine of its own for a test: private state and run directories, gone when the process ends.
+#pragma once
+
+#include <string>
+
+// The directory that holds both; tests may put scratch files there.
+const std::string& PrivateDirectory();
+
+// Where the programs under test, the libraries and the sources are.
+std::string ProgramPath(const std::string& name);
+std::string LibraryPath(const std::string& name);
+std::string SourcePath(const std::string& name);
+
+// Unix path to the form that the layer takes: backslashes.
+std::string WindowsPath(const std::string& path);

@@ -1,0 +1,110 @@
+// Processes that a test starts, stops and kills.
+//
+// A child procedure is a function of the test program that runs in a process of its own:
+//
+//     CHILD_PROCESS(HoldsTheMutex) {          // int (Child& child)
+//         ...
+//         child.Say("holding");               // one line to the test
+//         child.Hear();                       // waits for one line from the test
+//         return 0;
+//     }
+//     TEST(Mutex, ...) {
+//         TestProcess holder("HoldsTheMutex", {"argument"});
+//         EXPECT_EQ(holder.Hear(), "holding");
+//         holder.Kill();
+//     }
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+struct Child {
+    std::vector<std::string> arguments;
+
+    void Say(const std::string& line);
+    std::string Hear(); // empty when the test is gone
+};
+
+using ChildProcedure = int (*)(Child& child);
+struct RegisterChild {
+    RegisterChild(const char* name, ChildProcedure procedure);
+};
+#define CHILD_PROCESS(name)                                                                                            \
+    static int name##Child(Child& child);                                                                              \
+    static const RegisterChild name##Registration(#name, name##Child);                                                 \
+    static int name##Child([[maybe_unused]] Child& child)
+
+// Environment of a process, on top of the test's own.
+using Environment = std::map<std::string, std::string>;
+
+class TestProcess {
+public:
+    // A child procedure of this test program.
+    explicit TestProcess(const std::string& child, const std::vector<std::string>& arguments = {},
+                         const Environment& environment = {});
+    // Any program, by its path; its standard error is kept apart unless it is merged.
+    static TestProcess Program(const std::string& path, const std::vector<std::string>& arguments = {},
+                               const Environment& environment = {});
+    TestProcess(TestProcess&& other) noexcept;
+    TestProcess& operator=(TestProcess&& other) noexcept;
+    ~TestProcess(); // kills what still runs, and waits for it
+
+    unsigned Id() const { return static_cast<unsigned>(m_pid); }
+    bool Running();
+    // One line of its standard output, without the newline. Fails the test after the deadline.
+    std::string Hear(int timeoutMs = 20000);
+    void Tell(const std::string& line);
+    void CloseInput();
+    // The rest of what it prints, until it closes its standard output.
+    std::string HearAll(int timeoutMs = 60000);
+    std::string Errors(); // what it wrote to standard error so far
+    void Kill();          // SIGKILL, and waits until it is gone
+    void KillOnly();      // SIGKILL, not waited for
+    void Terminate();     // SIGTERM
+    void Interrupt();     // SIGINT
+    void Stop();          // SIGSTOP, and waits until it stands still
+    void Continue();
+    // Its exit code; 128 + the signal's number when one ended it. Fails the test after the deadline.
+    int Wait(int timeoutMs = 60000);
+
+private:
+    TestProcess() = default;
+    void Start(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment);
+
+    int m_pid = -1;
+    int m_in = -1;
+    int m_out = -1;
+    int m_err = -1;
+    std::string m_buffer;
+    std::string m_errors;
+    bool m_ended = false;
+    int m_exitCode = -1;
+};
+
+// Runs a program to its end.
+struct ProgramResult {
+    int exitCode;
+    std::string output;
+    std::string errors;
+};
+ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments = {},
+                         const Environment& environment = {});
+
+// Waits until the condition holds, at most for the time given. True when it held.
+template <typename Condition>
+bool WaitUntil(Condition condition, int timeoutMs = 10000);
+
+// Milliseconds of the monotonic clock.
+double NowMs();
+void PauseMs(int milliseconds);
+
+template <typename Condition>
+bool WaitUntil(Condition condition, int timeoutMs) {
+    const double deadline = NowMs() + timeoutMs;
+    while (!condition()) {
+        if (NowMs() > deadline) return false;
+        PauseMs(1);
+    }
+    return true;
+}

@@ -1,0 +1,343 @@
+// TestProcess and the private machine over POSIX, and main() of every test program.
+#include "private_machine.h"
+#include "test_process.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+extern char** environ;
+
+namespace {
+
+std::map<std::string, ChildProcedure>& ChildProcedures() {
+    static std::map<std::string, ChildProcedure> procedures;
+    return procedures;
+}
+
+std::string g_privateDirectory;
+std::string g_self;
+constexpr const char* kDirectoryVariable = "ORIEL_TEST_DIRECTORY";
+
+void MakePrivateMachine() {
+    // Shared memory, so that a test costs no disk; the objects of the layer want a tmpfs too.
+    char pattern[] = "/dev/shm/oriel-test-XXXXXX";
+    const char* directory = mkdtemp(pattern);
+    if (directory == nullptr) {
+        std::perror("mkdtemp");
+        std::exit(2);
+    }
+    g_privateDirectory = directory;
+    std::filesystem::create_directory(g_privateDirectory + "/state");
+    std::filesystem::create_directory(g_privateDirectory + "/run");
+    std::filesystem::permissions(g_privateDirectory, std::filesystem::perms(0755));
+    setenv(kDirectoryVariable, directory, 1);
+    setenv("ORIEL_STATE_DIR", (g_privateDirectory + "/state").c_str(), 1);
+    setenv("ORIEL_RUNTIME_DIR", (g_privateDirectory + "/run").c_str(), 1);
+}
+
+void MoveDescriptor(int& to, int& from) {
+    to = std::exchange(from, -1);
+}
+
+void CloseDescriptor(int& descriptor) {
+    if (descriptor >= 0) close(descriptor);
+    descriptor = -1;
+}
+
+} // namespace
+
+void Child::Say(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+std::string Child::Hear() {
+    std::string line;
+    int c = 0;
+    while ((c = std::getchar()) != EOF && c != '\n')
+        line += static_cast<char>(c);
+    return line;
+}
+
+RegisterChild::RegisterChild(const char* name, ChildProcedure procedure) {
+    ChildProcedures()[name] = procedure;
+}
+
+TestProcess::TestProcess(const std::string& child, const std::vector<std::string>& arguments,
+                         const Environment& environment) {
+    std::vector<std::string> all{"--child=" + child};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Start(g_self, all, environment);
+}
+
+TestProcess TestProcess::Program(const std::string& path, const std::vector<std::string>& arguments,
+                                 const Environment& environment) {
+    TestProcess process;
+    process.Start(path, arguments, environment);
+    return process;
+}
+
+TestProcess::TestProcess(TestProcess&& other) noexcept {
+    *this = std::move(other);
+}
+
+TestProcess& TestProcess::operator=(TestProcess&& other) noexcept {
+    m_pid = std::exchange(other.m_pid, -1);
+    MoveDescriptor(m_in, other.m_in);
+    MoveDescriptor(m_out, other.m_out);
+    MoveDescriptor(m_err, other.m_err);
+    m_buffer = std::move(other.m_buffer);
+    m_errors = std::move(other.m_errors);
+    m_ended = std::exchange(other.m_ended, true);
+    m_exitCode = other.m_exitCode;
+    return *this;
+}
+
+void TestProcess::Start(const std::string& path, const std::vector<std::string>& arguments,
+                        const Environment& environment) {
+    int in[2];
+    int out[2];
+    int err[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe: " << std::strerror(errno);
+        return;
+    }
+    std::vector<char*> argv{const_cast<char*>(path.c_str())};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string name(*entry, std::strcspn(*entry, "="));
+        if (!environment.contains(name)) variables.emplace_back(*entry);
+    }
+    for (const auto& [name, value] : environment)
+        variables.push_back(name + "=" + value);
+    std::vector<char*> envp;
+    for (std::string& variable : variables)
+        envp.push_back(variable.data());
+    envp.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    pid_t pid = -1;
+    const int error = posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    m_in = in[1];
+    m_out = out[0];
+    m_err = err[0];
+    fcntl(m_err, F_SETFL, O_NONBLOCK);
+    if (error != 0) {
+        ADD_FAILURE() << path << ": " << std::strerror(error);
+        m_ended = true;
+        return;
+    }
+    m_pid = pid;
+}
+
+TestProcess::~TestProcess() {
+    if (m_pid > 0 && !m_ended) Kill();
+    if (testing::Test::HasFailure() && m_err >= 0) {
+        const std::string errors = Errors();
+        if (!errors.empty()) std::fprintf(stderr, "--- standard error of process %d:\n%s", m_pid, errors.c_str());
+    }
+    CloseDescriptor(m_in);
+    CloseDescriptor(m_out);
+    CloseDescriptor(m_err);
+}
+
+bool TestProcess::Running() {
+    if (m_ended || m_pid <= 0) return false;
+    int status = 0;
+    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_ended = true;
+        m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    return !m_ended;
+}
+
+std::string TestProcess::Hear(int timeoutMs) {
+    const double deadline = NowMs() + timeoutMs;
+    for (;;) {
+        const size_t end = m_buffer.find('\n');
+        if (end != std::string::npos) {
+            const std::string line = m_buffer.substr(0, end);
+            m_buffer.erase(0, end + 1);
+            return line;
+        }
+        pollfd ready{m_out, POLLIN, 0};
+        const double left = deadline - NowMs();
+        if (left <= 0 || poll(&ready, 1, static_cast<int>(left) + 1) <= 0) {
+            if (NowMs() < deadline) continue;
+            ADD_FAILURE() << "process " << m_pid << " said nothing within " << timeoutMs << " ms";
+            return {};
+        }
+        char bytes[4096];
+        const ssize_t count = read(m_out, bytes, sizeof bytes);
+        if (count <= 0) {
+            ADD_FAILURE() << "process " << m_pid << " closed its output after: " << m_buffer << "\n" << Errors();
+            return {};
+        }
+        m_buffer.append(bytes, static_cast<size_t>(count));
+    }
+}
+
+void TestProcess::Tell(const std::string& line) {
+    const std::string text = line + "\n";
+    if (write(m_in, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        ADD_FAILURE() << "process " << m_pid << " takes no input";
+}
+
+void TestProcess::CloseInput() {
+    CloseDescriptor(m_in);
+}
+
+std::string TestProcess::HearAll(int timeoutMs) {
+    const double deadline = NowMs() + timeoutMs;
+    for (;;) {
+        pollfd ready[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
+        const double left = deadline - NowMs();
+        if (left <= 0) {
+            ADD_FAILURE() << "process " << m_pid << " still runs after " << timeoutMs << " ms";
+            break;
+        }
+        if (poll(ready, 2, static_cast<int>(left) + 1) < 0 && errno != EINTR) break;
+        if (ready[1].revents != 0) Errors();
+        if (ready[0].revents == 0) continue;
+        char bytes[4096];
+        const ssize_t count = read(m_out, bytes, sizeof bytes);
+        if (count <= 0) break;
+        m_buffer.append(bytes, static_cast<size_t>(count));
+    }
+    return std::exchange(m_buffer, {});
+}
+
+std::string TestProcess::Errors() {
+    char bytes[4096];
+    ssize_t count = 0;
+    while ((count = read(m_err, bytes, sizeof bytes)) > 0)
+        m_errors.append(bytes, static_cast<size_t>(count));
+    return m_errors;
+}
+
+void TestProcess::Kill() {
+    KillOnly();
+    Wait();
+}
+
+void TestProcess::KillOnly() {
+    kill(m_pid, SIGKILL);
+}
+
+void TestProcess::Terminate() {
+    kill(m_pid, SIGTERM);
+}
+
+void TestProcess::Interrupt() {
+    kill(m_pid, SIGINT);
+}
+
+void TestProcess::Stop() {
+    kill(m_pid, SIGSTOP);
+    int status = 0;
+    waitpid(m_pid, &status, WUNTRACED);
+}
+
+void TestProcess::Continue() {
+    kill(m_pid, SIGCONT);
+}
+
+int TestProcess::Wait(int timeoutMs) {
+    if (!WaitUntil([this] { return !Running(); }, timeoutMs)) {
+        ADD_FAILURE() << "process " << m_pid << " still runs after " << timeoutMs << " ms";
+        return -1;
+    }
+    return m_exitCode;
+}
+
+ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments,
+                         const Environment& environment) {
+    TestProcess process = TestProcess::Program(path, arguments, environment);
+    process.CloseInput();
+    ProgramResult result;
+    result.output = process.HearAll();
+    result.exitCode = process.Wait();
+    result.errors = process.Errors();
+    return result;
+}
+
+double NowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+void PauseMs(int milliseconds) {
+    const timespec pause{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    nanosleep(&pause, nullptr);
+}
+
+const std::string& PrivateDirectory() {
+    return g_privateDirectory;
+}
+
+std::string ProgramPath(const std::string& name) {
+    return std::string(ORIEL_BIN_DIR "/") + name;
+}
+
+std::string LibraryPath(const std::string& name) {
+    return std::string(ORIEL_LIB_DIR "/") + name;
+}
+
+std::string SourcePath(const std::string& name) {
+    return std::string(ORIEL_SOURCE_DIR "/") + name;
+}
+
+std::string WindowsPath(const std::string& path) {
+    std::string result = path;
+    for (char& c : result)
+        if (c == '/') c = '\\';
+    return result;
+}
+
+int main(int argc, char** argv) {
+    signal(SIGPIPE, SIG_IGN);
+    g_self = std::filesystem::read_symlink("/proc/self/exe");
+    if (argc > 1 && std::strncmp(argv[1], "--child=", 8) == 0) {
+        g_privateDirectory = std::getenv(kDirectoryVariable) != nullptr ? std::getenv(kDirectoryVariable) : "";
+        const auto procedure = ChildProcedures().find(argv[1] + 8);
+        if (procedure == ChildProcedures().end()) {
+            std::fprintf(stderr, "no child procedure %s\n", argv[1] + 8);
+            return 2;
+        }
+        Child child;
+        child.arguments.assign(argv + 2, argv + argc);
+        return procedure->second(child);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    MakePrivateMachine();
+    const int result = RUN_ALL_TESTS();
+    std::error_code ignored;
+    std::filesystem::remove_all(g_privateDirectory, ignored);
+    return result;
+}
