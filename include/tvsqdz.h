@@ -1,0 +1,180 @@
+/* tvsqdz.h: reading and changing the status of monitored printers.
+ *
+ * The contract of the library. If a function does not appear in this file, it is not published.
+ *
+ * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones; a printer model may add and
+ * replace some). A caller opens a manager for one printer, and reads and updates variables through it:
+ *
+ *     TvsManager manager;
+ *     if (OpenManagerA("Front desk", NULL, 0, &manager) == TVS_OK) { ... CloseManager(manager); }
+ *
+ * Every function returns a signed 32-bit status: 0 for success, a negative code of the table below, or a positive code of
+ * the RPC run-time or the system, passed on unchanged (1722: the status database service cannot be reached). A pointer that
+ * cannot be read or written gives TVS_E_FAULT and never a crash. Functions may be called from any thread.
+ *
+ * Text of the A functions is in the ANSI code page of the system, text of the W functions in UTF-16. All numbers in values
+ * are little-endian. */
+#ifndef TVSQDZ_H
+#define TVSQDZ_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define TVS_CALL __stdcall
+#define TVS_EXPORT
+typedef wchar_t TvsWideChar;
+#else
+#define TVS_CALL
+#define TVS_EXPORT __attribute__((visibility("default")))
+#ifndef __cplusplus
+#include <uchar.h>
+#endif
+typedef char16_t TvsWideChar;
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Designates an open manager; valid in the process that opened it, until it is closed. */
+typedef uintptr_t TvsManager;
+
+/* 16 bytes, UTC: the platform's SYSTEMTIME, which <windows.h> declares. */
+struct _SYSTEMTIME;
+
+/* Status codes. */
+#define TVS_OK 0
+#define TVS_E_HANDLE (-1)            /* the handle is not an open manager of this process */
+#define TVS_E_UNAVAILABLE (-16)      /* a manager cannot be opened: not installed, not initialised, no mutex, list or database */
+#define TVS_E_UNKNOWN (-19)          /* unknown variable, or one that the operation does not serve; client kind above 12 */
+#define TVS_E_MEMORY (-33)           /* out of memory; the printer's variables cannot be determined */
+#define TVS_E_FAULT (-34)            /* the caller's memory cannot be read or written */
+#define TVS_E_SIZE (-36)             /* no buffer, or one too small: the returned size tells what is needed or was written */
+#define TVS_E_REQUEST_LOCK (-38)     /* the request lock cannot be had */
+#define TVS_E_NOT_READY (-48)        /* a wait timed out; the printer side is not ready; the port takes no direct requests */
+#define TVS_E_NO_OWNER (-49)         /* no process owns the printer; the spooler cannot open it */
+#define TVS_E_NOT_NOW (-50)          /* the printer takes no direct requests now; the job or printer is not there */
+#define TVS_E_UNREGISTERED (-80)     /* client kind 1, and the printer's model is not registered */
+#define TVS_E_SERVICE_TIMEOUT (-96)  /* the status database service did not come up in time */
+#define TVS_E_AUTHORITY (-256)       /* the caller lacks the authority for direct access */
+
+/* Client kinds. 0, 7, 8, 9 and 10 need an initialised product (or one of its own executables); 1 needs a printer of a
+ * registered model; 4 asks for compulsive polling; 6 becomes the printer's owner. */
+#define TVS_KIND_DEFAULT 0
+#define TVS_KIND_REGISTERED_MODELS 1
+#define TVS_KIND_POLLING 4
+#define TVS_KIND_OWNER 6
+#define TVS_KIND_HIGHEST 12
+
+/* Bounds of the names that an open takes, in bytes without the terminator. */
+#define TVS_PRINTER_NAME_MAX 259
+#define TVS_USER_NAME_MAX 63
+
+/* Opens a manager for a printer.
+ *
+ * printerName  name of the printer, at most 259 characters
+ * userName     on whose behalf the manager works, at most 63 characters; null or empty: the logon name of the caller
+ * clientKind   0 to 12
+ * manager      receives the handle
+ *
+ * The first open of a printer adds it to the printer list and fills its database with the initial value of every variable.
+ * Returns TVS_OK, TVS_E_UNAVAILABLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_UNREGISTERED or TVS_E_SERVICE_TIMEOUT.
+ * OpenManagerA and OpenManagerW are the Ex forms with client kind 0. */
+TVS_EXPORT int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, TvsManager* manager);
+TVS_EXPORT int32_t TVS_CALL OpenManagerExA(const char* printerName, const char* userName, uint32_t clientKind,
+                                           TvsManager* manager);
+TVS_EXPORT int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar* userName,
+                                         TvsManager* manager);
+TVS_EXPORT int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName,
+                                           uint32_t clientKind, TvsManager* manager);
+
+/* Closes a manager and everything that was registered through it. Returns TVS_OK, or TVS_E_HANDLE. */
+TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
+
+/* Reads the current value of a variable.
+ *
+ * buffer        receives the value; null to ask for its size
+ * size          of the buffer, in bytes
+ * returnedSize  receives the bytes written, or with no buffer the size needed; always written
+ *
+ * A number or record comes as it is, a string up to its NUL, a variable-length value as its payload, a queue as its oldest
+ * item, which is thereby taken off. A buffer that is too small receives the first part (a string stays terminated) and the
+ * status is TVS_E_SIZE.
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE or a positive RPC code. */
+TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
+                                              uint32_t* returnedSize);
+
+/* Tells when a variable was last written. The wide form takes names of up to 31 characters.
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN or TVS_E_FAULT. */
+TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char* variable,
+                                                  struct _SYSTEMTIME* writeTime);
+TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable,
+                                                  struct _SYSTEMTIME* writeTime);
+
+/* Stores a value. A persistent variable's copy in the printer's driver data is brought up to date too. A string is
+ * terminated in its last byte; a variable-length value is given as its payload.
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, an answer of the service or a positive RPC code. */
+TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
+                                                 uint32_t size);
+
+/* Takes the result of an asynchronous write request, once.
+ * *result receives it, or TVS_E_UNKNOWN when no such request is recorded.
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
+TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);
+
+/* Values that are records. Text fields are NUL-terminated. */
+
+/* "SendingJobInfo", and an entry of the job queues: 292 bytes. */
+typedef struct TvsJobRecord {
+    char jobName[256];
+    char ownerName[32];
+    uint32_t jobId; /* 0: no job */
+} TvsJobRecord;
+
+/* "PrinterQueue" and "SpoolerQueue": a count, then as many job records, oldest first. */
+typedef struct TvsJobQueue {
+    uint32_t count;
+    TvsJobRecord entries[1]; /* count of them */
+} TvsJobQueue;
+
+/* "PrintingJobInfo": 296 bytes. */
+typedef struct TvsPrintingJobRecord {
+    char jobName[256];
+    char ownerName[32];
+    uint32_t jobId;    /* 0: printing ended */
+    uint32_t progress; /* 0 on the first report of a job */
+} TvsPrintingJobRecord;
+
+/* "PrintingJobInfo2": 320 bytes. */
+typedef struct TvsPrintingJobRecord2 {
+    TvsPrintingJobRecord job;
+    uint32_t coverage[6];
+} TvsPrintingJobRecord2;
+
+/* "Port": 260 bytes. Bit 0x8 of portKind: the port takes no direct requests. */
+typedef struct TvsPortRecord {
+    uint32_t portKind;
+    char portName[128];
+    char portDetail[128];
+} TvsPortRecord;
+
+/* "PortEx": 264 bytes. */
+typedef struct TvsPortExRecord {
+    uint32_t extStatus; /* the value of "PrinterExtStatus" */
+    TvsPortRecord port;
+} TvsPortExRecord;
+
+#ifdef __cplusplus
+}
+
+static_assert(sizeof(TvsJobRecord) == 292 && offsetof(TvsJobRecord, ownerName) == 256 &&
+              offsetof(TvsJobRecord, jobId) == 288);
+static_assert(sizeof(TvsPrintingJobRecord) == 296 && offsetof(TvsPrintingJobRecord, progress) == 292);
+static_assert(sizeof(TvsPrintingJobRecord2) == 320 && offsetof(TvsPrintingJobRecord2, coverage) == 296);
+static_assert(sizeof(TvsPortRecord) == 260 && offsetof(TvsPortRecord, portName) == 4 &&
+              offsetof(TvsPortRecord, portDetail) == 132);
+static_assert(sizeof(TvsPortExRecord) == 264 && offsetof(TvsPortExRecord, port) == 4);
+#endif
+
+#endif
