@@ -1,0 +1,95 @@
+// One client process of the library. bench_client OPERATION [ARGUMENT]
+//
+//   read PRINTER     GetPrinterStatusA of "PrinterStatus", 12 bytes
+//   update PRINTER   UpdatePrinterStatusA of "JobStatus", 4 bytes, another value each time
+//   open PRINTER     OpenManagerExA and CloseManager
+//   mutex            the named mutex alone: take and give back, nobody else
+//   event            a named event alone: set, found signalled, reset
+//   printers N       no rounds: opens printers 1 to N that nobody knows, each kept open; prints the nanoseconds of each open
+#include <tvsqdz.h>
+#include <windows.h>
+
+#include "rounds.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Serves no special purpose, so its opens need no initialised product and start nothing.
+constexpr uint32_t kClientKind = 3;
+
+TvsManager Open(const char* printer) {
+    TvsManager manager = 0;
+    const int32_t status = OpenManagerExA(printer, "bench", kClientKind, &manager);
+    if (status != TVS_OK) {
+        std::fprintf(stderr, "%s cannot be opened: status %d\n", printer, status);
+        std::exit(1);
+    }
+    return manager;
+}
+
+int MeasureReads(const char* printer) {
+    const TvsManager manager = Open(printer);
+    return ServeRounds([manager] {
+        char value[12];
+        uint32_t size = 0;
+        return GetPrinterStatusA(manager, "PrinterStatus", value, sizeof value, &size) == TVS_OK && size == sizeof value;
+    });
+}
+
+int MeasureUpdates(const char* printer) {
+    const TvsManager manager = Open(printer);
+    uint32_t value = 0;
+    return ServeRounds([manager, value]() mutable {
+        ++value;
+        return UpdatePrinterStatusA(manager, "JobStatus", &value, sizeof value) == TVS_OK;
+    });
+}
+
+int MeasureOpens(const char* printer) {
+    Open(printer); // the first open makes the database
+    return ServeRounds([printer] { return CloseManager(Open(printer)) == TVS_OK; });
+}
+
+int MeasureMutex() {
+    const HANDLE mutex = CreateMutexA(nullptr, FALSE, "bench:mutex");
+    return ServeRounds([mutex] { return WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0 && ReleaseMutex(mutex); });
+}
+
+int MeasureEvent() {
+    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, "bench:event");
+    return ServeRounds(
+        [event] { return SetEvent(event) && WaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0 && ResetEvent(event); });
+}
+
+int OpenPrinters(long count) {
+    std::vector<double> nanoseconds;
+    for (long i = 1; i <= count; ++i) {
+        const std::string name = "Printer " + std::to_string(i);
+        const double start = NowNs();
+        Open(name.c_str());
+        nanoseconds.push_back(NowNs() - start);
+    }
+    for (const double each : nanoseconds)
+        std::printf("%.0f\n", each);
+    std::fflush(stdout);
+    std::getchar(); // the managers stay open while the service's memory is looked at
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::string operation = argc > 1 ? argv[1] : "";
+    const char* argument = argc > 2 ? argv[2] : "";
+    if (operation == "read") return MeasureReads(argument);
+    if (operation == "update") return MeasureUpdates(argument);
+    if (operation == "open") return MeasureOpens(argument);
+    if (operation == "mutex") return MeasureMutex();
+    if (operation == "event") return MeasureEvent();
+    if (operation == "printers") return OpenPrinters(std::strtol(argument, nullptr, 10));
+    std::fprintf(stderr, "usage: bench_client read|update|open PRINTER | mutex | event | printers N\n");
+    return 2;
+}
