@@ -5,7 +5,8 @@
 //   open PRINTER     OpenManagerExA and CloseManager
 //   mutex            the named mutex alone: take and give back, nobody else
 //   event            a named event alone: set, found signalled, reset
-//   printers N       no rounds: opens printers 1 to N that nobody knows, each kept open; prints the nanoseconds of each open
+//   printers N       no rounds: opens printers 1 to N that nobody knows, each kept open; prints the nanoseconds of each
+//   open
 #include <tvsqdz.h>
 #include <windows.h>
 
@@ -35,7 +36,8 @@ int MeasureReads(const char* printer) {
     return ServeRounds([manager] {
         char value[12];
         uint32_t size = 0;
-        return GetPrinterStatusA(manager, "PrinterStatus", value, sizeof value, &size) == TVS_OK && size == sizeof value;
+        return GetPrinterStatusA(manager, "PrinterStatus", value, sizeof value, &size) == TVS_OK &&
+               size == sizeof value;
     });
 }
 
@@ -55,13 +57,15 @@ int MeasureOpens(const char* printer) {
 
 int MeasureMutex() {
     const HANDLE mutex = CreateMutexA(nullptr, FALSE, "bench:mutex");
-    return ServeRounds([mutex] { return WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0 && ReleaseMutex(mutex); });
+    return ServeRounds(
+        [mutex] { return WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0 && ReleaseMutex(mutex); });
 }
 
 int MeasureEvent() {
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, "bench:event");
-    return ServeRounds(
-        [event] { return SetEvent(event) && WaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0 && ResetEvent(event); });
+    return ServeRounds([event] {
+        return SetEvent(event) && WaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0 && ResetEvent(event);
+    });
 }
 
 int OpenPrinters(long count) {

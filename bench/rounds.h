@@ -1,5 +1,5 @@
-// The conversation between a measuring program and bench/run: the program says "ready", and for each line "go SECONDS" that it
-// hears it repeats its operation for that long and answers "OPERATIONS NANOSECONDS".
+// The conversation between a measuring program and bench/run: the program says "ready", and for each line "go SECONDS"
+// that it hears it repeats its operation for that long and answers "OPERATIONS NANOSECONDS".
 #pragma once
 
 #include <cstdio>
