@@ -1,0 +1,89 @@
+/* Printers of the print spooler. Win32, "Print Spooler API Functions".
+ *
+ * The embedded spool is a database in the state directory (spooler/store.h) that all users of the machine read. A
+ * printer whose name starts with two backslashes is a connection to another machine's; the others are local, and have
+ * their driver and port also in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>"
+ * (backslashes of the name as commas), values "Printer Driver" and "Port", as Windows NT keeps them. Names compare
+ * without case. Calls give FALSE and set the last error on failure. */
+#ifndef ORIEL_WINSPOOL_H
+#define ORIEL_WINSPOOL_H
+
+#include <windef.h>
+#include <winerror.h>
+#include <winnt.h>
+
+WINBASE_BEGIN
+
+#define PRINTER_ENUM_LOCAL 0x00000002
+#define PRINTER_ENUM_CONNECTIONS 0x00000004
+
+#define PRINTER_ATTRIBUTE_QUEUED 0x00000001
+#define PRINTER_ATTRIBUTE_SHARED 0x00000008
+#define PRINTER_ATTRIBUTE_NETWORK 0x00000010
+#define PRINTER_ATTRIBUTE_LOCAL 0x00000040
+
+/* Device settings are not kept: the type is opaque and its pointers are absent. */
+typedef struct _devicemodeA DEVMODEA, *PDEVMODEA, *LPDEVMODEA;
+typedef struct _PRINTER_DEFAULTSA PRINTER_DEFAULTSA, *PPRINTER_DEFAULTSA, *LPPRINTER_DEFAULTSA;
+
+/* Level 2. On a 64-bit machine 136 bytes: 13 pointers and 8 words; with 32 bits 84. Strings are in the ANSI code page.
+ * What the spool does not keep is absent (pDevMode, pSecurityDescriptor) or an empty string. */
+typedef struct _PRINTER_INFO_2A {
+    LPSTR pServerName; /* with two leading backslashes; absent for a local printer */
+    LPSTR pPrinterName;
+    LPSTR pShareName;
+    LPSTR pPortName;
+    LPSTR pDriverName;
+    LPSTR pComment;
+    LPSTR pLocation;
+    LPDEVMODEA pDevMode;
+    LPSTR pSepFile;
+    LPSTR pPrintProcessor;
+    LPSTR pDatatype;
+    LPSTR pParameters;
+    PSECURITY_DESCRIPTOR pSecurityDescriptor;
+    DWORD Attributes; /* PRINTER_ATTRIBUTE_* */
+    DWORD Priority;
+    DWORD DefaultPriority;
+    DWORD StartTime;
+    DWORD UntilTime;
+    DWORD Status;
+    DWORD cJobs;
+    DWORD AveragePPM;
+} PRINTER_INFO_2A, *PPRINTER_INFO_2A, *LPPRINTER_INFO_2A;
+
+#ifdef __cplusplus
+static_assert(sizeof(PRINTER_INFO_2A) == 13 * sizeof(void*) + 32);
+#endif
+
+/* Lists printers in the order in which they were added. flags: PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both;
+ * name is absent; level is 2. buffer: *returned records one behind the other, then their strings. size: bytes. *needed:
+ * the bytes that it takes (on success those used). ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0.
+ * ERROR_INVALID_LEVEL, ERROR_INVALID_FLAGS. */
+WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
+                                     LPDWORD returned);
+
+/* Opens a printer by its name; *printer is a 32-bit value of this process. defaults must be absent. Printers are looked
+ * up when they are used: one that is deleted under the handle gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME.
+ */
+WINBASEAPI BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults);
+
+/* One record as EnumPrintersA gives it. level is 2. */
+WINBASEAPI BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed);
+
+WINBASEAPI BOOL WINAPI ClosePrinter(HANDLE printer);
+
+/* Adds a printer and opens it; level is 2, record a PRINTER_INFO_2A, server absent. Taken from it: pServerName,
+ * pPrinterName, pShareName, pPortName, pDriverName, pComment, pLocation, pPrintProcessor, pDatatype; a name has 1 to
+ * 220 characters without comma, the others up to 259 (1023 for pComment). Name, port and driver must be there. All
+ * other fields must be 0 except Attributes, of which PRINTER_ATTRIBUTE_SHARED counts. Drivers and ports are not looked
+ * up. NULL on failure: ERROR_PRINTER_ALREADY_EXISTS, ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER,
+ * ERROR_ACCESS_DENIED (this user may not write the spool or the registry). */
+WINBASEAPI HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record);
+
+/* Removes the printer, and its registry key with all that is below it. The handle stays to be closed. */
+WINBASEAPI BOOL WINAPI DeletePrinter(HANDLE printer);
+
+WINBASE_END
+
+#endif
