@@ -1,0 +1,159 @@
+// The RPC interface of the status database service: what its clients and the service must agree on.
+//
+// Local RPC ("ncalrpc", endpoint "TVORSDB_RPC"), interface version 1.0, NDR 2.0. The body of a request holds the in
+// parameters in order, the body of a reply the out parameters and then the status:
+//
+//    no.  procedure                  request                                          reply, before the status
+//     0   CreateDatabase             text name                                        u32 handle
+//     1   OpenDatabase               text name                                        u32 handle
+//     2   CloseDatabase              u32 handle
+//     4   GetDatabaseInfo            u32 handle                                       DatabaseInfo
+//     7   EndDatabaseInitialization  u32 handle
+//     8   CreateVariable             u32 handle, text name, u32 type, u32 size,
+//                                    u32 reserved (0), bytes initial value
+//     9   WriteVariable              u32 handle, text name, bytes value, u32 size
+//    10   ReadVariable               u32 handle, text name, u32 size                  bytes buffer, u32 value size
+//    12   SetCompositeMembers        u32 handle, text composite, text member list
+//    14   GetVariableInfo            u32 handle, text name                            VariableInfo
+//    15   WatchVariable              u32 handle, text name, u32 mode
+//    16   UnwatchVariable            u32 handle, text name
+//    18   ForwardRequest             text request
+//
+// The numbers between are not served: RPC_S_PROCNUM_OUT_OF_RANGE. ndr.h has the form of u32, text and bytes. A body
+// that cannot be read raises RPC_X_BAD_STUB_DATA. Text is bytes without NUL, compared exactly.
+//
+// What a call answers besides its status is told with the procedure below; out parameters of a call that failed are
+// zero unless it says otherwise.
+#pragma once
+
+#include <windows.h>
+
+#include <rpc.h>
+
+#include <stddef.h>
+
+namespace dblink {
+
+inline constexpr char kServiceName[] = "TVORSDB";
+inline constexpr char kProtocolSequence[] = "ncalrpc";
+inline constexpr char kEndpoint[] = "TVORSDB_RPC";
+inline constexpr char kBindingOptions[] = "Security=impersonation static true";
+
+// 57856c31-165f-42cc-8b23-81aad6f3a7b6, version 1.0.
+extern const RPC_SYNTAX_IDENTIFIER kInterfaceSyntax;
+// NDR, 8a885d04-1ceb-11c9-9fe8-08002b104860, version 2.0.
+extern const RPC_SYNTAX_IDENTIFIER kNdrSyntax;
+
+enum Procedure : UINT {
+    // Makes a database and begins its initialisation, which ends with EndDatabaseInitialization on the handle returned.
+    // kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database whose
+    // creator
+    // went away before it was ready is made anew.
+    kCreateDatabase = 0,
+    // kBeingInitialised: wait for the event of InitializedEventName() and ask again. kUnknownDatabase: there is none,
+    // or
+    // its creator went away before it was ready: begin again with CreateDatabase. (A waiter is woken in either case.)
+    kOpenDatabase = 1,
+    // Ends the handle. The last handle of a database that was never made ready gives the database up.
+    kCloseDatabase = 2,
+    kGetDatabaseInfo = 4,
+    // Only with the handle that CreateDatabase gave, else kNotCreator; kNotCreator too when it has been done already.
+    kEndDatabaseInitialization = 7,
+    // Byte, word and number have the size of their type. String and record: values of up to the size given.
+    // Variable-length:
+    // up to kValueSizeMax. Composite: size 0; it has no members until SetCompositeMembers.
+    kCreateVariable = 8,
+    // Byte, word, number: exactly their size, else kWrongSize. A composite cannot be written. A name that is not there
+    // but
+    // is that of a variable followed by "W" makes a variable of that variable's type and size limit.
+    kWriteVariable = 9,
+    // The byte array always has as many elements as size says; those behind the value are zero. kBufferTooSmall: size
+    // is
+    // not 0 and less than the value's: no part of the value, value size is what it needs. Size 0 asks for the value
+    // size.
+    kReadVariable = 10,
+    // Member names, each followed by ";". Replaces the list. A member that does not exist contributes nothing; one that
+    // is
+    // a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
+    kSetCompositeMembers = 12,
+    kGetVariableInfo = 14,
+    // Signals a named event (VariableEventName) when the variable is written: mode kEveryWrite its "Updated" event at
+    // each
+    // write, kOnlyChanges its "Changed" event when the bytes of its value changed. A signal is a pulse: the event is
+    // set and
+    // reset, after the value and its write time can be read. Watches are counted per client process, variable and mode.
+    kWatchVariable = 15,
+    // Ends one watch of this client process: the latest of the two modes that still has one. kNotWatched: it has none.
+    kUnwatchVariable = 16,
+    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>". kBadArgument: none of these.
+    // kNoPrinterSide: nothing serves that printer's requests.
+    kForwardRequest = 18,
+    kProcedureCount = 19
+};
+
+enum DatabaseType : DWORD {
+    kTypeByte = 0,
+    kTypeWord = 1,
+    kTypeNumber = 2,
+    kTypeString = 3,
+    kTypeRecord = 4,
+    kTypeVariableLength = 5,
+    kTypeComposite = 6,
+    kTypeCount = 7
+};
+
+enum WatchMode : DWORD { kEveryWrite = 1, kOnlyChanges = 2 };
+
+// What the service answers. Codes of its own, in no relation to a status of the library's exports or of the system.
+enum ServiceStatus : LONG {
+    kDone = 0,
+    kDatabaseExists = -2,    // CreateDatabase: there is one of that name
+    kUnknownDatabase = -3,   // no open database of this client has that handle; no database has that name
+    kBeingInitialised = -4,  // OpenDatabase: its creator has not made it ready yet
+    kUnknownVariable = -5,   // the database has no variable of that name
+    kVariableExists = -6,    // CreateVariable: the database has one of that name
+    kWrongSize = -7,         // a value of that size does not fit the variable's type; a composite cannot be written
+    kBufferTooSmall = -8,    // ReadVariable: the buffer does not hold the value
+    kBadName = -9,           // an empty or over-long name; a backslash in the name of a database
+    kBadArgument = -10,      // no such type, mode or request; a reserved parameter that is not 0; not a composite
+    kLimitReached = -11,     // a bound of the table below, or of this user's share
+    kNotCreator = -12,       // EndDatabaseInitialization: this handle does not initialise the database
+    kNotWatched = -13,       // UnwatchVariable: this client does not watch the variable
+    kNoPrinterSide = -14,    // ForwardRequest: nothing serves this printer's requests
+    kOutOfMemory = -15,      // the service could not get memory; nothing changed
+    kEventUnavailable = -17, // WatchVariable: the event cannot be had (its name is too long, or another object has it)
+};
+
+// GetDatabaseInfo: 24 bytes.
+struct DatabaseInfo {
+    DWORD openHandles; // of all clients, the caller's own included
+    DWORD variables;
+    SYSTEMTIME created; // UTC
+};
+static_assert(sizeof(DatabaseInfo) == 24 && offsetof(DatabaseInfo, openHandles) == 0 &&
+              offsetof(DatabaseInfo, variables) == 4 && offsetof(DatabaseInfo, created) == 8);
+
+// GetVariableInfo: 28 bytes.
+struct VariableInfo {
+    DWORD type;           // DatabaseType
+    DWORD size;           // of the present value, in bytes
+    DWORD sizeLimit;      // of a value, in bytes; 0 for a composite
+    SYSTEMTIME writeTime; // UTC, of the last write (or of its creation); of a composite, the latest of its members'.
+                          // Never earlier than the one before
+};
+static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
+              offsetof(VariableInfo, sizeLimit) == 8 && offsetof(VariableInfo, writeTime) == 12);
+
+// Limits, in bytes without the terminator where they are of text.
+inline constexpr DWORD kDatabaseNameMax = 31; // what an entry of the printer list holds
+inline constexpr DWORD kVariableNameMax = 255;
+inline constexpr DWORD kMemberListMax = 16384;
+inline constexpr DWORD kRequestTextMax = 511;
+inline constexpr DWORD kCompositeMembersMax = 64;
+inline constexpr DWORD kCompositeDepthMax = 4;
+// Of one value: a printer list of 7,000 entries of 560 bytes fits.
+inline constexpr DWORD kValueSizeMax = 4 * 1024 * 1024;
+// Of the body of a request or reply: one value, and room for everything else.
+inline constexpr DWORD kBodySizeMax = kValueSizeMax + 64 * 1024;
+
+} // namespace dblink

@@ -1,0 +1,35 @@
+// Names of the kernel objects that the library, the status database service and the product's other processes share.
+//
+//   "<database>:Initialized"               manual-reset event, plain name    set when the database is ready, or given
+//   up "TVOR:<database>:<variable>:Updated"   manual-reset event, ObjectName    pulsed at every write
+//   "TVOR:<database>:<variable>:Changed"   manual-reset event, ObjectName    pulsed when the value changed
+//
+// ObjectName: with Terminal Services the name is "Global\" and the base name, so that all logons of the machine share
+// the object; without, it is the base name.
+#pragma once
+
+#include <windows.h>
+
+#include <string_view>
+
+namespace dblink {
+
+// A name in a record of its own, so that forming one allocates nothing. A name that does not fit is empty: test text[0]
+// before it names an object, since an empty name makes an unnamed one.
+struct KernelName {
+    char text[320] = {};
+};
+
+KernelName ObjectName(bool terminalServer, std::string_view baseName);
+KernelName InitializedEventName(std::string_view database);
+
+enum class VariableSignal { Updated, Changed };
+KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
+                             VariableSignal signal);
+
+// Whether a Windows of that version runs the product suite "Terminal Server": always from 5.1 on; before it, when the
+// multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
+// What cannot be read is no. The list is held in memory of the heap given while it is searched.
+bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap);
+
+} // namespace dblink
