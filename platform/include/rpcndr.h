@@ -1,0 +1,16 @@
+/* The data representation label of a message: C706, 14.1. */
+#ifndef ORIEL_RPCNDR_H
+#define ORIEL_RPCNDR_H
+
+#include <rpc.h>
+
+#define NDR_CHAR_REP_MASK 0x0000000FU
+#define NDR_INT_REP_MASK 0x000000F0U
+#define NDR_FLOAT_REP_MASK 0x0000FF00U
+#define NDR_LITTLE_ENDIAN 0x00000010U
+#define NDR_BIG_ENDIAN 0x00000000U
+#define NDR_IEEE_FLOAT 0x00000000U
+#define NDR_ASCII_CHAR 0x00000000U
+#define NDR_LOCAL_DATA_REPRESENTATION 0x00000010U
+
+#endif
