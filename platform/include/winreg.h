@@ -1,18 +1,20 @@
 /* The registry: keys named by paths, values of any type with their exact bytes. Win32, "Registry Functions".
  *
- * HKEY_LOCAL_MACHINE is one store for all users of the machine, HKEY_CURRENT_USER one for each user; registry/store.h
+ * HKEY_LOCAL_MACHINE is one store for all users of the machine, HKEY_CURRENT_USER one for each user; registry/root.h
  * says where they lie. Names compare without case and keep their first spelling; enumeration gives the order of
- * creation. A key name has at most 255 bytes, a path 32,767, a value name 16,383, a value 1,048,576 (Windows itself
- * sets no limit on the last). Leading and trailing backslashes of a path are passed over, so are doubled ones. Strings
- * are stored as they are given, in the ANSI code page and with or without their NUL: the size counts.
+ * creation. A key name has at most 255 bytes and no control characters, a path 32,767 bytes and 512 levels, a value
+ * name 16,383 bytes, a value 1,048,576 (Windows itself sets no limit on the last). In a path a trailing backslash and
+ * doubled ones are passed over; one that starts with a backslash gives ERROR_BAD_PATHNAME. Data are stored as they are
+ * given, strings in the ANSI code page with or without their NUL: the size counts.
  *
  * All calls give ERROR_SUCCESS or a code of winerror.h and leave the last error alone. Any call may also give:
- *   ERROR_INVALID_HANDLE         not an open key of this process
- *   ERROR_INVALID_PARAMETER      a required pointer is absent, a reserved one is set, an unknown bit or option is asked
- * for ERROR_ACCESS_DENIED          the handle was opened without the right that the call needs, or this user may not
- * write ERROR_KEY_DELETED            the key was deleted under the handle ERROR_BUSY                   another process
- * held the store for more than 5 seconds ERROR_BADDB                  the store's file is damaged or not of this
- * version; nothing was changed ERROR_REGISTRY_IO_FAILED     the store's file cannot be read or written
+ *   ERROR_INVALID_HANDLE        not an open key of this process
+ *   ERROR_INVALID_PARAMETER     a required pointer is absent, a reserved one is set, an unknown bit or option
+ *   ERROR_ACCESS_DENIED         the handle lacks the right that the call needs, or this user may not write the store
+ *   ERROR_KEY_DELETED           the key was deleted under the handle
+ *   ERROR_BUSY                  another process held the store for more than 5 seconds
+ *   ERROR_BADDB                 the store's file is damaged or not of this version; nothing was changed
+ *   ERROR_REGISTRY_IO_FAILED    the store's file cannot be read or written; ERROR_DISK_FULL
  *   ERROR_NOT_ENOUGH_MEMORY
  * A call that changes something is whole or not done at all, also when the process is killed in it. All calls may be
  * made from any thread. */
@@ -67,8 +69,9 @@ WINBASEAPI LSTATUS WINAPI RegSetValueExA(HKEY key, LPCSTR valueName, DWORD reser
 /* Needs KEY_SET_VALUE. ERROR_FILE_NOT_FOUND: no such value. */
 WINBASEAPI LSTATUS WINAPI RegDeleteValueA(HKEY key, LPCSTR valueName);
 
-/* Deletes the key with its values; subKey must be given, "" means the key itself. Open handles of it answer
- * ERROR_KEY_DELETED from then on. ERROR_ACCESS_DENIED: it has subkeys, or it is a root; ERROR_FILE_NOT_FOUND. */
+/* Deletes the key with its values; subKey must be given, "" means the key itself. The rights of the handle do not count
+ * (as on Windows), those of the user do. Open handles of it answer ERROR_KEY_DELETED from then on. ERROR_ACCESS_DENIED:
+ * it has subkeys, or it is a root; ERROR_FILE_NOT_FOUND. */
 WINBASEAPI LSTATUS WINAPI RegDeleteKeyA(HKEY key, LPCSTR subKey);
 
 /* The subkey with an index from 0, in the order of their creation. Needs KEY_ENUMERATE_SUB_KEYS. nameSize: characters,

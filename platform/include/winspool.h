@@ -24,7 +24,17 @@ WINBASE_BEGIN
 
 /* Device settings are not kept: the type is opaque and its pointers are absent. */
 typedef struct _devicemodeA DEVMODEA, *PDEVMODEA, *LPDEVMODEA;
-typedef struct _PRINTER_DEFAULTSA PRINTER_DEFAULTSA, *PPRINTER_DEFAULTSA, *LPPRINTER_DEFAULTSA;
+
+/* What a printer is opened for; pDatatype and pDevMode must be absent. */
+typedef struct _PRINTER_DEFAULTSA {
+    LPSTR pDatatype;
+    LPDEVMODEA pDevMode;
+    ACCESS_MASK DesiredAccess;
+} PRINTER_DEFAULTSA, *PPRINTER_DEFAULTSA, *LPPRINTER_DEFAULTSA;
+
+#define PRINTER_ACCESS_ADMINISTER 0x00000004
+#define PRINTER_ACCESS_USE 0x00000008
+#define PRINTER_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE)
 
 /* Level 2. On a 64-bit machine 136 bytes: 13 pointers and 8 words; with 32 bits 84. Strings are in the ANSI code page.
  * What the spool does not keep is absent (pDevMode, pSecurityDescriptor) or an empty string. */
@@ -63,9 +73,10 @@ static_assert(sizeof(PRINTER_INFO_2A) == 13 * sizeof(void*) + 32);
 WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
                                      LPDWORD returned);
 
-/* Opens a printer by its name; *printer is a 32-bit value of this process. defaults must be absent. Printers are looked
- * up when they are used: one that is deleted under the handle gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME.
- */
+/* Opens a printer by its name; *printer is a 32-bit value of this process. defaults absent: PRINTER_ACCESS_USE.
+ * Deleting a printer needs PRINTER_ACCESS_ADMINISTER (in PRINTER_ALL_ACCESS), refused with ERROR_ACCESS_DENIED when
+ * this user may not write the spool. Printers are looked up when they are used: one that is deleted under the handle
+ * gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME: there is no such printer. */
 WINBASEAPI BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults);
 
 /* One record as EnumPrintersA gives it. level is 2. */
@@ -73,15 +84,16 @@ WINBASEAPI BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, D
 
 WINBASEAPI BOOL WINAPI ClosePrinter(HANDLE printer);
 
-/* Adds a printer and opens it; level is 2, record a PRINTER_INFO_2A, server absent. Taken from it: pServerName,
- * pPrinterName, pShareName, pPortName, pDriverName, pComment, pLocation, pPrintProcessor, pDatatype; a name has 1 to
- * 220 characters without comma, the others up to 259 (1023 for pComment). Name, port and driver must be there. All
- * other fields must be 0 except Attributes, of which PRINTER_ATTRIBUTE_SHARED counts. Drivers and ports are not looked
- * up. NULL on failure: ERROR_PRINTER_ALREADY_EXISTS, ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER,
+/* Adds a printer and opens it with PRINTER_ALL_ACCESS; level is 2, record a PRINTER_INFO_2A, server absent. Taken from
+ * it: pServerName, pPrinterName, pShareName, pPortName, pDriverName, pComment, pLocation, pPrintProcessor, pDatatype; a
+ * name has 1 to 220 characters without comma, the others up to 259 (1023 for pComment). Name, port and driver must be
+ * there. All other fields must be 0 except Attributes, of which PRINTER_ATTRIBUTE_SHARED counts. Drivers and ports are
+ * not looked up. NULL on failure: ERROR_PRINTER_ALREADY_EXISTS, ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER,
  * ERROR_ACCESS_DENIED (this user may not write the spool or the registry). */
 WINBASEAPI HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record);
 
-/* Removes the printer, and its registry key with all that is below it. The handle stays to be closed. */
+/* Removes the printer, and its registry key with all that is below it; needs PRINTER_ACCESS_ADMINISTER. The handle
+ * stays to be closed. */
 WINBASEAPI BOOL WINAPI DeletePrinter(HANDLE printer);
 
 WINBASE_END

@@ -87,14 +87,16 @@ typedef struct _SERVICE_TABLE_ENTRYA {
  * SC_MANAGER_CREATE_SERVICE is refused with ERROR_ACCESS_DENIED when this user may not write HKEY_LOCAL_MACHINE. */
 WINBASEAPI SC_HANDLE WINAPI OpenSCManagerA(LPCSTR machine, LPCSTR database, DWORD access);
 
-/* Opens a configured service, or one that only runs. Names compare without case and have at most 255 bytes, no slash
- * and no backslash (ERROR_INVALID_NAME). ERROR_SERVICE_DOES_NOT_EXIST. */
+/* Opens a configured service, or one that only runs. Names compare without case and have at most 80 bytes, no slash,
+ * no backslash and no control characters (ERROR_INVALID_NAME). Rights that change something (all but the query and
+ * interrogate rights, and READ_CONTROL) are refused with ERROR_ACCESS_DENIED when this user may not write
+ * HKEY_LOCAL_MACHINE. ERROR_SERVICE_DOES_NOT_EXIST. */
 WINBASEAPI SC_HANDLE WINAPI OpenServiceA(SC_HANDLE manager, LPCSTR name, DWORD access);
 
 /* Writes a service's configuration; needs SC_MANAGER_CREATE_SERVICE. type is SERVICE_WIN32_OWN_PROCESS, start one of
  * SERVICE_AUTO_START, SERVICE_DEMAND_START, SERVICE_DISABLED (the first starts nothing by itself here), errorControl
- * SERVICE_ERROR_IGNORE or SERVICE_ERROR_NORMAL. path: the command line, quoted where the program's path has spaces. The
- * last five must be absent. ERROR_SERVICE_EXISTS. */
+ * SERVICE_ERROR_IGNORE or SERVICE_ERROR_NORMAL. path: the command line, quoted where the program's path has spaces;
+ * nothing in it is replaced. The last five must be absent. ERROR_SERVICE_EXISTS. */
 WINBASEAPI SC_HANDLE WINAPI CreateServiceA(SC_HANDLE manager, LPCSTR name, LPCSTR displayName, DWORD access, DWORD type,
                                            DWORD start, DWORD errorControl, LPCSTR path, LPCSTR loadOrderGroup,
                                            LPDWORD tag, LPCSTR dependencies, LPCSTR account, LPCSTR password);
@@ -110,24 +112,26 @@ WINBASEAPI BOOL WINAPI CloseServiceHandle(SC_HANDLE object);
  * since the machine was started. */
 WINBASEAPI BOOL WINAPI QueryServiceStatus(SC_HANDLE service, LPSERVICE_STATUS status);
 
-/* Starts the configured program; needs SERVICE_START. The state is start pending on return; arguments are handed to the
- * program behind those of its command line and to its main function. ERROR_SERVICE_ALREADY_RUNNING,
- * ERROR_SERVICE_DISABLED, ERROR_SERVICE_REQUEST_TIMEOUT (the program did not reach its dispatcher within 30 seconds),
- * what CreateProcessA gives. */
+/* Starts the configured program; needs SERVICE_START. Returns when the program is in its dispatcher: its state is
+ * start pending, or already what the program told. argumentCount is 0 (else ERROR_NOT_SUPPORTED).
+ * ERROR_SERVICE_ALREADY_RUNNING, ERROR_SERVICE_DISABLED, ERROR_SERVICE_REQUEST_TIMEOUT (it did not reach its dispatcher
+ * within 30 seconds), ERROR_PROCESS_ABORTED (it ended before that), what CreateProcessA gives. */
 WINBASEAPI BOOL WINAPI StartServiceA(SC_HANDLE service, DWORD argumentCount, LPCSTR* arguments);
 
 /* SERVICE_CONTROL_STOP (needs SERVICE_STOP) or SERVICE_CONTROL_INTERROGATE (needs SERVICE_INTERROGATE; tells the status
- * that the service published last). status: as it is on return, stop pending or stopped or what the service has not
- * changed yet. ERROR_SERVICE_NOT_ACTIVE, ERROR_INVALID_SERVICE_CONTROL (the service does not accept it),
- * ERROR_SERVICE_CANNOT_ACCEPT_CTRL (it is starting or stopping), ERROR_ACCESS_DENIED (this user may not signal the
- * service's process). */
+ * that the service published last). A stop returns when the service has reacted: status is stop pending or stopped.
+ * ERROR_SERVICE_REQUEST_TIMEOUT: it did not within 30 seconds. ERROR_SERVICE_NOT_ACTIVE, ERROR_INVALID_SERVICE_CONTROL
+ * (the service does not accept it), ERROR_SERVICE_CANNOT_ACCEPT_CTRL (it is starting or stopping), ERROR_ACCESS_DENIED
+ * (this user may not signal the service's process). */
 WINBASEAPI BOOL WINAPI ControlService(SC_HANDLE service, DWORD control, LPSERVICE_STATUS status);
 
 /* The service's own side. Runs the one service of a table of one row and an empty row, its main function on a thread of
  * its own, and returns when it has told SERVICE_STOPPED. SIGTERM and SIGINT to the process become SERVICE_CONTROL_STOP,
  * handled on the thread that called the dispatcher; so call it on the first thread, before any other is started:
  * signals are blocked in threads that are started later. argv[0] of the main function is the service's name. When
- * NOTIFY_SOCKET is set its reader (sd_notify(3)) is told READY=1 and STOPPING=1. ERROR_SERVICE_ALREADY_RUNNING: another
+ * NOTIFY_SOCKET is set its reader (sd_notify(3)) is told READY=1 and STOPPING=1. A stop that comes while the service is
+ * starting is kept until it accepts one. When the main function returns before it told any status, the service stops
+ * with ERROR_PROCESS_ABORTED. ERROR_SERVICE_ALREADY_RUNNING: another
  * process runs this service, or the dispatcher was called before. ERROR_INVALID_DATA: an unusable table. */
 WINBASEAPI BOOL WINAPI StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table);
 
