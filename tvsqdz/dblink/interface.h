@@ -75,6 +75,10 @@ enum Procedure : UINT {
     // Member names, each followed by ";". Replaces the list. A member that does not exist contributes nothing; one that
     // is
     // a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
+    // kBadArgument:
+    // the variable is no composite. Reading one that comes to more than kCompositePartsMax members of members, or to
+    // more
+    // than kValueSizeMax bytes, answers kLimitReached.
     kSetCompositeMembers = 12,
     kGetVariableInfo = 14,
     // Signals a named event (VariableEventName) when the variable is written: mode kEveryWrite its "Updated" event at
@@ -151,9 +155,10 @@ inline constexpr DWORD kMemberListMax = 16384;
 inline constexpr DWORD kRequestTextMax = 511;
 inline constexpr DWORD kCompositeMembersMax = 64;
 inline constexpr DWORD kCompositeDepthMax = 4;
-// Of one value: a printer list of 7,000 entries of 560 bytes fits.
-inline constexpr DWORD kValueSizeMax = 4 * 1024 * 1024;
-// Of the body of a request or reply: one value, and room for everything else.
-inline constexpr DWORD kBodySizeMax = kValueSizeMax + 64 * 1024;
+inline constexpr DWORD kCompositePartsMax = 256;
+// Of the body of a request or reply, and of one value in it: the rest is room for everything else. A printer list of
+// 7,000 entries of 560 bytes fits. ReadVariable raises RPC_X_BAD_STUB_DATA for a size above kValueSizeMax.
+inline constexpr DWORD kBodySizeMax = 4 * 1024 * 1024;
+inline constexpr DWORD kValueSizeMax = kBodySizeMax - 64 * 1024;
 
 } // namespace dblink
