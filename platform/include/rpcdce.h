@@ -10,6 +10,9 @@
 #define __RPC_STUB
 #define RPC_ENTRY
 #define RPCRTAPI WINBASEAPI
+#ifndef DECLSPEC_NORETURN
+#define DECLSPEC_NORETURN __attribute__((noreturn))
+#endif
 
 WINBASE_BEGIN
 
@@ -111,13 +114,7 @@ RPCRTAPI RPC_STATUS RPC_ENTRY RpcBindingInqAuthClientA(RPC_BINDING_HANDLE Client
 /* Ends the dispatch function that calls it, and with it the call: the client's I_RpcSendReceive returns the status,
  * which must be positive. Only within a dispatch function. Here it unwinds the stack, on Windows it may not: hold
  * nothing that a destructor would have to release. */
-#ifdef __cplusplus
-[[noreturn]]
-#else
-_Noreturn
-#endif
-RPCRTAPI void RPC_ENTRY
-RpcRaiseException(RPC_STATUS exception);
+DECLSPEC_NORETURN RPCRTAPI void RPC_ENTRY RpcRaiseException(RPC_STATUS exception);
 
 WINBASE_END
 
