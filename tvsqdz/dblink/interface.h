@@ -45,51 +45,44 @@ extern const RPC_SYNTAX_IDENTIFIER kInterfaceSyntax;
 extern const RPC_SYNTAX_IDENTIFIER kNdrSyntax;
 
 enum Procedure : UINT {
-    // Makes a database and begins its initialisation, which ends with EndDatabaseInitialization on the handle returned.
-    // kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database whose
-    // creator
-    // went away before it was ready is made anew.
+    // Makes a database and begins its initialisation, which ends with EndDatabaseInitialization on the handle
+    // returned. kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database
+    // whose creator went away before it was ready is made anew.
     kCreateDatabase = 0,
     // kBeingInitialised: wait for the event of InitializedEventName() and ask again. kUnknownDatabase: there is none,
-    // or
-    // its creator went away before it was ready: begin again with CreateDatabase. (A waiter is woken in either case.)
+    // or its creator went away before it was ready: begin again with CreateDatabase. Waiters are woken in either case.
     kOpenDatabase = 1,
-    // Ends the handle. The last handle of a database that was never made ready gives the database up.
+    // Ends the handle. A database whose creator closes its handle before it is ready is given up.
     kCloseDatabase = 2,
     kGetDatabaseInfo = 4,
-    // Only with the handle that CreateDatabase gave, else kNotCreator; kNotCreator too when it has been done already.
+    // Only with the handle that CreateDatabase gave, once; else kNotCreator.
     kEndDatabaseInitialization = 7,
-    // Byte, word and number have the size of their type. String and record: values of up to the size given.
-    // Variable-length:
-    // up to kValueSizeMax. Composite: size 0; it has no members until SetCompositeMembers.
+    // The size is that of the initial value. Byte, word and number keep it; string and record take values of up to it;
+    // variable-length ones of up to kValueSizeMax. kWrongSize: 0 for one of the first five. A composite has size 0,
+    // and no members until SetCompositeMembers.
     kCreateVariable = 8,
-    // Byte, word, number: exactly their size, else kWrongSize. A composite cannot be written. A name that is not there
-    // but
-    // is that of a variable followed by "W" makes a variable of that variable's type and size limit.
+    // kWrongSize: not a size that the variable takes; a composite takes none. A name that is not there, but is that of
+    // a variable followed by "W", makes a variable of that variable's type and size limit.
     kWriteVariable = 9,
-    // The byte array always has as many elements as size says; those behind the value are zero. kBufferTooSmall: size
-    // is
-    // not 0 and less than the value's: no part of the value, value size is what it needs. Size 0 asks for the value
-    // size.
+    // The byte array has as many elements as size says; those behind the value are zero. kBufferTooSmall: size is less
+    // than the value's and not 0; the array is all zero, value size is what is needed. With size 0 the answer is
+    // kDone and value size.
     kReadVariable = 10,
-    // Member names, each followed by ";". Replaces the list. A member that does not exist contributes nothing; one that
-    // is
-    // a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
-    // kBadArgument:
-    // the variable is no composite. Reading one that comes to more than kCompositePartsMax members of members, or to
-    // more
-    // than kValueSizeMax bytes, answers kLimitReached.
+    // Member names, each followed by ";". Replaces the list. A member that does not exist contributes nothing; one
+    // that is a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
+    // kBadArgument: the variable is no composite. Reading one that comes to more than kCompositePartsMax members of
+    // members, or to more than kValueSizeMax bytes, answers kLimitReached.
     kSetCompositeMembers = 12,
     kGetVariableInfo = 14,
-    // Signals a named event (VariableEventName) when the variable is written: mode kEveryWrite its "Updated" event at
-    // each
-    // write, kOnlyChanges its "Changed" event when the bytes of its value changed. A signal is a pulse: the event is
-    // set and
-    // reset, after the value and its write time can be read. Watches are counted per client process, variable and mode.
+    // Signals a named event (VariableEventName) when the variable, or a member of it, is written: in mode kEveryWrite
+    // its "Updated" event at each write, in mode kOnlyChanges its "Changed" event when bytes of its value changed. A
+    // signal is a pulse: the event is set and reset, after the value and its write time can be read. Watches are
+    // counted per client process, variable and mode. kBeingInitialised: the database is not ready.
     kWatchVariable = 15,
-    // Ends one watch of this client process: the latest of the two modes that still has one. kNotWatched: it has none.
+    // Ends one watch of this client process: of the mode it used last, while that has one, else of the other.
+    // kNotWatched: it has none.
     kUnwatchVariable = 16,
-    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>". kBadArgument: none of these.
+    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these.
     // kNoPrinterSide: nothing serves that printer's requests.
     kForwardRequest = 18,
     kProcedureCount = 19
