@@ -1,0 +1,198 @@
+// Private heaps and the global allocator over the C library's.
+//
+// A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. There are several lists, each with
+// a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
+// of all heaps are taken around fork, so that the child's heaps are usable.
+#include <errhandlingapi.h>
+#include <heapapi.h>
+#include <winerror.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+
+namespace {
+
+// In front of every block; the block is what follows. Freed blocks lose their tag, so that a second free is noticed as
+// long as the memory has not been used again.
+struct alignas(16) BlockHeader {
+    BlockHeader* previous;
+    BlockHeader* next;
+    size_t size;
+    uintptr_t tag; // address of the heap's list that the block is on; 0 when free
+};
+static_assert(sizeof(BlockHeader) == 32);
+
+struct alignas(64) BlockList {
+    std::mutex lock;
+    BlockHeader* first = nullptr;
+};
+
+constexpr unsigned kListCount = 8;
+constexpr uint32_t kHeapMagic = 0x50414548; // "HEAP"
+
+struct Heap {
+    uint32_t magic = kHeapMagic;
+    Heap* previous = nullptr;
+    Heap* next = nullptr;
+    BlockList lists[kListCount];
+};
+
+std::mutex g_heapsLock;
+Heap* g_heaps = nullptr;
+
+template <typename Action>
+void ForEveryLock(Action action) {
+    for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
+        for (BlockList& list : heap->lists)
+            action(list.lock);
+}
+
+void LockAllHeaps() {
+    g_heapsLock.lock();
+    ForEveryLock([](std::mutex& lock) { lock.lock(); });
+}
+
+void UnlockAllHeaps() {
+    ForEveryLock([](std::mutex& lock) { lock.unlock(); });
+    g_heapsLock.unlock();
+}
+
+Heap* HeapOf(HANDLE handle) {
+    auto* heap = static_cast<Heap*>(handle);
+    if (heap != nullptr && reinterpret_cast<uintptr_t>(heap) % alignof(Heap) == 0 && heap->magic == kHeapMagic)
+        return heap;
+    SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+}
+
+BlockList& OwnList(Heap& heap) {
+    static std::atomic<unsigned> threads{0};
+    static thread_local const unsigned index = threads.fetch_add(1, std::memory_order_relaxed) % kListCount;
+    return heap.lists[index];
+}
+
+// The list that a block is on, which tells the heap too; null when it is not a block of this heap.
+BlockList* ListOf(Heap& heap, const BlockHeader* header) {
+    const auto begin = reinterpret_cast<uintptr_t>(&heap.lists[0]);
+    const uintptr_t offset = header->tag - begin;
+    if (offset >= sizeof heap.lists || offset % sizeof(BlockList) != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return &heap.lists[offset / sizeof(BlockList)];
+}
+
+bool RefusedFlags(DWORD flags, DWORD known) {
+    if ((flags & ~known) == 0) return false;
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return true;
+}
+
+} // namespace
+
+HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
+    if (options != 0 || maximumSize != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    auto* heap = new (std::nothrow) Heap;
+    if (heap == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    static const int forkHandlers = pthread_atfork(LockAllHeaps, UnlockAllHeaps, UnlockAllHeaps);
+    static_cast<void>(forkHandlers); // without memory for them only the children of fork suffer
+    const std::lock_guard hold(g_heapsLock);
+    heap->next = g_heaps;
+    if (g_heaps != nullptr) g_heaps->previous = heap;
+    g_heaps = heap;
+    return heap;
+}
+
+BOOL WINAPI HeapDestroy(HANDLE handle) {
+    Heap* heap = HeapOf(handle);
+    if (heap == nullptr) return FALSE;
+    {
+        const std::lock_guard hold(g_heapsLock);
+        if (heap->previous != nullptr) heap->previous->next = heap->next;
+        if (heap->next != nullptr) heap->next->previous = heap->previous;
+        if (g_heaps == heap) g_heaps = heap->next;
+    }
+    heap->magic = 0;
+    for (BlockList& list : heap->lists) {
+        while (list.first != nullptr) {
+            BlockHeader* header = list.first;
+            list.first = header->next;
+            std::free(header);
+        }
+    }
+    delete heap;
+    return TRUE;
+}
+
+LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
+    Heap* heap = HeapOf(handle);
+    if (heap == nullptr || RefusedFlags(flags, HEAP_ZERO_MEMORY)) return nullptr;
+    if (bytes > PTRDIFF_MAX - sizeof(BlockHeader)) return nullptr;
+    const size_t size = bytes + sizeof(BlockHeader);
+    void* memory = (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, size) : std::malloc(size);
+    if (memory == nullptr) return nullptr;
+    BlockList& list = OwnList(*heap);
+    auto* header = new (memory) BlockHeader;
+    header->previous = nullptr;
+    header->size = bytes;
+    header->tag = reinterpret_cast<uintptr_t>(&list);
+    const std::lock_guard hold(list.lock);
+    header->next = list.first;
+    if (list.first != nullptr) list.first->previous = header;
+    list.first = header;
+    return header + 1;
+}
+
+BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
+    Heap* heap = HeapOf(handle);
+    if (heap == nullptr || RefusedFlags(flags, 0)) return FALSE;
+    if (block == nullptr) return TRUE;
+    auto* header = static_cast<BlockHeader*>(block) - 1;
+    BlockList* list = ListOf(*heap, header);
+    if (list == nullptr) return FALSE;
+    {
+        const std::lock_guard hold(list->lock);
+        if (header->previous != nullptr) header->previous->next = header->next;
+        if (header->next != nullptr) header->next->previous = header->previous;
+        if (list->first == header) list->first = header->next;
+    }
+    *static_cast<volatile uintptr_t*>(&header->tag) = 0; // volatile, or it would be left out as dead
+    std::free(header);
+    return TRUE;
+}
+
+SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
+    constexpr auto kFailed = static_cast<SIZE_T>(-1);
+    Heap* heap = HeapOf(handle);
+    if (heap == nullptr || RefusedFlags(flags, 0)) return kFailed;
+    if (block == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return kFailed;
+    }
+    const auto* header = static_cast<const BlockHeader*>(block) - 1;
+    return ListOf(*heap, header) != nullptr ? header->size : kFailed;
+}
+
+HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
+    if (RefusedFlags(flags, GPTR)) return nullptr;
+    // A block of 0 bytes is a block.
+    const size_t size = bytes == 0 ? 1 : bytes;
+    void* memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
+    if (memory == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return memory;
+}
+
+HGLOBAL WINAPI GlobalFree(HGLOBAL memory) {
+    std::free(memory);
+    return nullptr;
+}
