@@ -1,0 +1,118 @@
+// RegisterClassExA and UnregisterClassA over a list that lives as long as the process.
+#include <window/window_class.h>
+
+#include "kernel/lock.h"
+
+#include <errhandlingapi.h>
+#include <window/export_guard.h>
+#include <winnls.h>
+
+#include <algorithm>
+#include <cstring>
+#include <list>
+
+namespace oriel {
+namespace {
+
+// Never destroyed: threads may still own windows when the process's static objects go.
+struct ClassTable {
+    Lock lock;
+    std::list<WindowClass> classes ORIEL_LOCK_CHECK(guarded_by(lock));
+};
+
+ClassTable& Classes() {
+    static ClassTable& table = *new ClassTable;
+    return table;
+}
+
+std::list<WindowClass>::iterator FindClass(ClassTable& table, LPCSTR name, HINSTANCE instance)
+    ORIEL_LOCK_CHECK(requires_capability(table.lock)) {
+    auto found = table.classes.begin();
+    while (found != table.classes.end() &&
+           !(found->instance == instance && EqualWithoutCase(found->name.c_str(), name)))
+        ++found;
+    return found;
+}
+
+// Numbers of registered names: 0xc000 to 0xffff. 0 when all are taken.
+ATOM FreeNumber(const ClassTable& table) ORIEL_LOCK_CHECK(requires_capability(table.lock)) {
+    for (unsigned number = 0xc000; number <= 0xffff; ++number)
+        if (std::none_of(table.classes.begin(), table.classes.end(), [=](auto& c) { return c.number == number; }))
+            return static_cast<ATOM>(number);
+    return 0;
+}
+
+// Names only: a class number in place of a name is a pointer below 64 KiB.
+bool IsClassName(LPCSTR name) {
+    if (reinterpret_cast<ULONG_PTR>(name) < 0x10000 || name[0] == '\0') return false;
+    return strnlen(name, ORIEL_MAX_CLASS_NAME + 1) <= ORIEL_MAX_CLASS_NAME;
+}
+
+} // namespace
+
+bool EqualWithoutCase(const char* left, const char* right) {
+    return std::strcmp(left, right) == 0 || lstrcmpiA(left, right) == 0;
+}
+
+ClassUse::ClassUse(LPCSTR name, HINSTANCE instance) {
+    if (IsClassName(name)) {
+        ClassTable& table = Classes();
+        const LockHold hold(table.lock);
+        const auto found = FindClass(table, name, instance);
+        if (found != table.classes.end()) {
+            ++found->windows;
+            m_class = &*found;
+            return;
+        }
+    }
+    SetLastError(ERROR_CANNOT_FIND_WND_CLASS);
+}
+
+ClassUse::~ClassUse() {
+    if (m_class == nullptr) return;
+    const LockHold hold(Classes().lock);
+    --m_class->windows;
+}
+
+} // namespace oriel
+
+using namespace oriel;
+
+ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass) {
+    return Undivided<ATOM>(0, [=]() -> ATOM {
+        const WNDCLASSEXA* c = windowClass;
+        if (c == nullptr || c->cbSize != sizeof *c || c->lpfnWndProc == nullptr || !IsClassName(c->lpszClassName) ||
+            c->style != 0 || c->cbClsExtra != 0 || c->cbWndExtra != 0 || c->hIcon != nullptr || c->hCursor != nullptr ||
+            c->hbrBackground != nullptr || c->lpszMenuName != nullptr || c->hIconSm != nullptr) {
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return 0;
+        }
+        ClassTable& table = Classes();
+        const LockHold hold(table.lock);
+        if (FindClass(table, c->lpszClassName, c->hInstance) != table.classes.end()) {
+            SetLastError(ERROR_CLASS_ALREADY_EXISTS);
+            return 0;
+        }
+        const ATOM number = FreeNumber(table);
+        if (number == 0) {
+            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            return 0;
+        }
+        table.classes.push_back({c->lpszClassName, c->hInstance, c->lpfnWndProc, number, 0});
+        return number;
+    });
+}
+
+BOOL WINAPI UnregisterClassA(LPCSTR className, HINSTANCE instance) {
+    return Undivided<BOOL>(FALSE, [=] {
+        ClassTable& table = Classes();
+        const LockHold hold(table.lock);
+        const auto found = IsClassName(className) ? FindClass(table, className, instance) : table.classes.end();
+        if (found == table.classes.end() || found->windows != 0) {
+            SetLastError(found == table.classes.end() ? ERROR_CLASS_DOES_NOT_EXIST : ERROR_CLASS_HAS_WINDOWS);
+            return FALSE;
+        }
+        table.classes.erase(found);
+        return TRUE;
+    });
+}

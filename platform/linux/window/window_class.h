@@ -1,0 +1,35 @@
+// The window classes of this process.
+#pragma once
+
+#include <winuser.h>
+
+#include <string>
+#include <utility>
+
+namespace oriel {
+
+struct WindowClass {
+    std::string name;
+    HINSTANCE instance;
+    WNDPROC procedure;
+    ATOM number;
+    unsigned windows; // that exist: a class with windows stays
+};
+
+// A window's share in its class. Null, with ERROR_CANNOT_FIND_WND_CLASS set, when there is no such class.
+class ClassUse {
+public:
+    ClassUse(LPCSTR name, HINSTANCE instance);
+    ClassUse(ClassUse&& other) noexcept : m_class(std::exchange(other.m_class, nullptr)) {}
+    ClassUse& operator=(ClassUse&&) = delete;
+    ~ClassUse();
+    const WindowClass* Get() const { return m_class; }
+
+private:
+    WindowClass* m_class = nullptr;
+};
+
+// Window classes and titles are compared without case, by the rules of the ANSI code page.
+bool EqualWithoutCase(const char* left, const char* right);
+
+} // namespace oriel
