@@ -3,18 +3,21 @@
 // A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. There are several lists, each with
 // a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
 // of all heaps are taken around fork, so that the child's heaps are usable.
+#include "kernel/lock.h"
+
 #include <errhandlingapi.h>
 #include <heapapi.h>
-#include <winerror.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <pthread.h>
 
 namespace {
+
+using oriel::Lock;
+using oriel::LockHold;
 
 // In front of every block; the block is what follows. Freed blocks lose their tag, so that a second free is noticed as
 // long as the memory has not been used again.
@@ -27,7 +30,7 @@ struct alignas(16) BlockHeader {
 static_assert(sizeof(BlockHeader) == 32);
 
 struct alignas(64) BlockList {
-    std::mutex lock;
+    Lock lock;
     BlockHeader* first = nullptr;
 };
 
@@ -41,24 +44,22 @@ struct Heap {
     BlockList lists[kListCount];
 };
 
-std::mutex g_heapsLock;
-Heap* g_heaps = nullptr;
+Lock g_heapsLock;
+Heap* g_heaps ORIEL_LOCK_CHECK(guarded_by(g_heapsLock)) = nullptr;
 
-template <typename Action>
-void ForEveryLock(Action action) {
+// The steps around fork. The lists are whole when the child gets them, and its locks are free.
+void LockAllHeaps() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_heapsLock.Acquire();
     for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
         for (BlockList& list : heap->lists)
-            action(list.lock);
+            list.lock.Acquire();
 }
 
-void LockAllHeaps() {
-    g_heapsLock.lock();
-    ForEveryLock([](std::mutex& lock) { lock.lock(); });
-}
-
-void UnlockAllHeaps() {
-    ForEveryLock([](std::mutex& lock) { lock.unlock(); });
-    g_heapsLock.unlock();
+void UnlockAllHeaps() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
+        for (BlockList& list : heap->lists)
+            list.lock.Release();
+    g_heapsLock.Release();
 }
 
 Heap* HeapOf(HANDLE handle) {
@@ -106,7 +107,7 @@ HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
     }
     static const int forkHandlers = pthread_atfork(LockAllHeaps, UnlockAllHeaps, UnlockAllHeaps);
     static_cast<void>(forkHandlers); // without memory for them only the children of fork suffer
-    const std::lock_guard hold(g_heapsLock);
+    const LockHold hold(g_heapsLock);
     heap->next = g_heaps;
     if (g_heaps != nullptr) g_heaps->previous = heap;
     g_heaps = heap;
@@ -117,7 +118,7 @@ BOOL WINAPI HeapDestroy(HANDLE handle) {
     Heap* heap = HeapOf(handle);
     if (heap == nullptr) return FALSE;
     {
-        const std::lock_guard hold(g_heapsLock);
+        const LockHold hold(g_heapsLock);
         if (heap->previous != nullptr) heap->previous->next = heap->next;
         if (heap->next != nullptr) heap->next->previous = heap->previous;
         if (g_heaps == heap) g_heaps = heap->next;
@@ -138,6 +139,7 @@ LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     Heap* heap = HeapOf(handle);
     if (heap == nullptr || RefusedFlags(flags, HEAP_ZERO_MEMORY)) return nullptr;
     if (bytes > PTRDIFF_MAX - sizeof(BlockHeader)) return nullptr;
+    const oriel::TerminationHold whole; // the C library's allocator has locks too
     const size_t size = bytes + sizeof(BlockHeader);
     void* memory = (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, size) : std::malloc(size);
     if (memory == nullptr) return nullptr;
@@ -146,7 +148,7 @@ LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     header->previous = nullptr;
     header->size = bytes;
     header->tag = reinterpret_cast<uintptr_t>(&list);
-    const std::lock_guard hold(list.lock);
+    const LockHold hold(list.lock);
     header->next = list.first;
     if (list.first != nullptr) list.first->previous = header;
     list.first = header;
@@ -160,8 +162,9 @@ BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
     auto* header = static_cast<BlockHeader*>(block) - 1;
     BlockList* list = ListOf(*heap, header);
     if (list == nullptr) return FALSE;
+    const oriel::TerminationHold whole;
     {
-        const std::lock_guard hold(list->lock);
+        const LockHold hold(list->lock);
         if (header->previous != nullptr) header->previous->next = header->next;
         if (header->next != nullptr) header->next->previous = header->previous;
         if (list->first == header) list->first = header->next;

@@ -1,0 +1,57 @@
+// Access control lists.
+#include "security/records.h"
+
+#include <errhandlingapi.h>
+#include <securitybaseapi.h>
+
+#include <cstring>
+
+namespace {
+
+BOOL Fail(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+} // namespace
+
+BOOL WINAPI InitializeAcl(PACL acl, DWORD aclLength, DWORD revision) {
+    if (aclLength < sizeof(ACL)) return Fail(ERROR_INSUFFICIENT_BUFFER);
+    if (acl == nullptr || revision != ACL_REVISION || aclLength > 0xFFFF) return Fail(ERROR_INVALID_PARAMETER);
+    *acl = {};
+    acl->AclRevision = ACL_REVISION;
+    acl->AclSize = static_cast<WORD>(aclLength & ~3U);
+    return TRUE;
+}
+
+BOOL WINAPI IsValidAcl(PACL acl) {
+    return oriel::AclCopy(acl).Valid() ? TRUE : FALSE;
+}
+
+BOOL WINAPI AddAccessAllowedAce(PACL acl, DWORD revision, DWORD accessMask, PSID sid) {
+    const oriel::SidCopy sidCopy(sid);
+    if (!sidCopy.Valid()) return Fail(ERROR_INVALID_SID);
+    if (revision != ACL_REVISION) return Fail(ERROR_REVISION_MISMATCH);
+    const oriel::AclCopy list(acl);
+    if (!list.Valid()) return Fail(ERROR_INVALID_ACL);
+    const size_t at = list.EntryOffset(list.count);
+    const size_t size = oriel::kAceSidOffset + sidCopy.length;
+    if (size > list.size - at || list.count == 0xFFFF) return Fail(ERROR_ALLOTTED_SPACE_EXCEEDED);
+
+    ACCESS_ALLOWED_ACE entry{};
+    entry.Header.AceType = ACCESS_ALLOWED_ACE_TYPE;
+    entry.Header.AceSize = static_cast<WORD>(size);
+    entry.Mask = accessMask;
+    auto* target = reinterpret_cast<BYTE*>(acl) + at;
+    std::memcpy(target, &entry, oriel::kAceSidOffset);
+    std::memcpy(target + oriel::kAceSidOffset, sidCopy.bytes, sidCopy.length);
+    ++acl->AceCount;
+    return TRUE;
+}
+
+BOOL WINAPI GetAce(PACL acl, DWORD index, LPVOID* ace) {
+    const oriel::AclCopy list(acl);
+    if (ace == nullptr || !list.Valid() || index >= list.count) return Fail(ERROR_INVALID_PARAMETER);
+    *ace = reinterpret_cast<BYTE*>(acl) + list.EntryOffset(index);
+    return TRUE;
+}

@@ -1,0 +1,149 @@
+// Security descriptors of both forms.
+#include "security/records.h"
+
+#include <errhandlingapi.h>
+#include <securitybaseapi.h>
+
+#include <cstring>
+
+namespace {
+
+using oriel::AclCopy;
+using oriel::DescriptorParts;
+using oriel::SidCopy;
+
+BOOL Fail(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+// The descriptor when it is an absolute one that can be changed; null with the last error otherwise.
+SECURITY_DESCRIPTOR* Changeable(PSECURITY_DESCRIPTOR descriptor) {
+    const DescriptorParts parts(descriptor);
+    if (!parts.valid) {
+        SetLastError(ERROR_UNKNOWN_REVISION);
+        return nullptr;
+    }
+    if ((parts.control & SE_SELF_RELATIVE) != 0) {
+        SetLastError(ERROR_INVALID_SECURITY_DESCR);
+        return nullptr;
+    }
+    return static_cast<SECURITY_DESCRIPTOR*>(descriptor);
+}
+
+void SetFlag(SECURITY_DESCRIPTOR_CONTROL& control, WORD flag, bool on) {
+    control = static_cast<WORD>(on ? control | flag : control & ~flag);
+}
+
+BOOL SetSidPart(PSECURITY_DESCRIPTOR descriptor, PSID SECURITY_DESCRIPTOR::*part, PSID sid, WORD defaultedFlag,
+                BOOL defaulted) {
+    SECURITY_DESCRIPTOR* target = Changeable(descriptor);
+    if (target == nullptr) return FALSE;
+    if (sid != nullptr && !SidCopy(sid).Valid()) return Fail(ERROR_INVALID_SID);
+    target->*part = sid;
+    SetFlag(target->Control, defaultedFlag, sid != nullptr && defaulted != FALSE);
+    return TRUE;
+}
+
+// The bytes of every part in the order in which the self-relative form has them.
+struct PartCopies {
+    AclCopy sacl;
+    AclCopy dacl;
+    SidCopy owner;
+    SidCopy group;
+    bool valid;
+
+    explicit PartCopies(const DescriptorParts& parts)
+        : sacl(parts.sacl), dacl(parts.dacl), owner(parts.owner), group(parts.group) {
+        const auto fits = [](const void* part, const auto& copy) { return part == nullptr || copy.Valid(); };
+        valid = parts.valid && fits(parts.sacl, sacl) && fits(parts.dacl, dacl) && fits(parts.owner, owner) &&
+                fits(parts.group, group);
+    }
+    DWORD Length() const {
+        return static_cast<DWORD>(sizeof(SECURITY_DESCRIPTOR_RELATIVE)) + sacl.size + dacl.size + owner.length +
+               group.length;
+    }
+};
+
+} // namespace
+
+BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision) {
+    if (revision != SECURITY_DESCRIPTOR_REVISION) return Fail(ERROR_UNKNOWN_REVISION);
+    if (descriptor == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    auto* target = static_cast<SECURITY_DESCRIPTOR*>(descriptor);
+    *target = {};
+    target->Revision = SECURITY_DESCRIPTOR_REVISION;
+    return TRUE;
+}
+
+BOOL WINAPI SetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR descriptor, PSID owner, BOOL defaulted) {
+    return SetSidPart(descriptor, &SECURITY_DESCRIPTOR::Owner, owner, SE_OWNER_DEFAULTED, defaulted);
+}
+
+BOOL WINAPI SetSecurityDescriptorGroup(PSECURITY_DESCRIPTOR descriptor, PSID group, BOOL defaulted) {
+    return SetSidPart(descriptor, &SECURITY_DESCRIPTOR::Group, group, SE_GROUP_DEFAULTED, defaulted);
+}
+
+BOOL WINAPI SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL dacl, BOOL defaulted) {
+    SECURITY_DESCRIPTOR* target = Changeable(descriptor);
+    if (target == nullptr) return FALSE;
+    if (present == FALSE) {
+        dacl = nullptr;
+        defaulted = FALSE;
+    }
+    if (dacl != nullptr && !AclCopy(dacl).Valid()) return Fail(ERROR_INVALID_ACL);
+    target->Dacl = dacl;
+    SetFlag(target->Control, SE_DACL_PRESENT, present != FALSE);
+    SetFlag(target->Control, SE_DACL_DEFAULTED, defaulted != FALSE);
+    return TRUE;
+}
+
+BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL present, PACL* dacl, LPBOOL defaulted) {
+    if (present == nullptr || dacl == nullptr || defaulted == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    const DescriptorParts parts(descriptor);
+    if (!parts.valid) return Fail(ERROR_UNKNOWN_REVISION);
+    *present = (parts.control & SE_DACL_PRESENT) != 0 ? TRUE : FALSE;
+    if (*present == FALSE) return TRUE;
+    *dacl = static_cast<PACL>(const_cast<void*>(parts.dacl));
+    *defaulted = (parts.control & SE_DACL_DEFAULTED) != 0 ? TRUE : FALSE;
+    return TRUE;
+}
+
+BOOL WINAPI IsValidSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor) {
+    return PartCopies(DescriptorParts(descriptor)).valid ? TRUE : FALSE;
+}
+
+DWORD WINAPI GetSecurityDescriptorLength(PSECURITY_DESCRIPTOR descriptor) {
+    const PartCopies copies{DescriptorParts(descriptor)};
+    return copies.valid ? copies.Length() : static_cast<DWORD>(SECURITY_DESCRIPTOR_MIN_LENGTH);
+}
+
+BOOL WINAPI MakeSelfRelativeSD(PSECURITY_DESCRIPTOR absolute, PSECURITY_DESCRIPTOR selfRelative, LPDWORD length) {
+    if (length == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    const DescriptorParts parts(absolute);
+    const PartCopies copies(parts);
+    if (!copies.valid) return Fail(ERROR_INVALID_SECURITY_DESCR);
+    if ((parts.control & SE_SELF_RELATIVE) != 0) return Fail(ERROR_BAD_DESCRIPTOR_FORMAT);
+    const DWORD room = *length;
+    *length = copies.Length();
+    if (room < copies.Length()) return Fail(ERROR_INSUFFICIENT_BUFFER);
+    if (selfRelative == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+
+    SECURITY_DESCRIPTOR_RELATIVE header{};
+    header.Revision = SECURITY_DESCRIPTOR_REVISION;
+    header.Control = static_cast<WORD>(parts.control | SE_SELF_RELATIVE);
+    auto* begin = static_cast<BYTE*>(selfRelative);
+    DWORD at = sizeof header;
+    const auto append = [&](const BYTE* bytes, DWORD size) -> DWORD {
+        if (size == 0) return 0;
+        std::memcpy(begin + at, bytes, size);
+        at += size;
+        return at - size;
+    };
+    header.Sacl = append(copies.sacl.bytes.get(), copies.sacl.size);
+    header.Dacl = append(copies.dacl.bytes.get(), copies.dacl.size);
+    header.Owner = append(copies.owner.bytes, copies.owner.length);
+    header.Group = append(copies.group.bytes, copies.group.length);
+    std::memcpy(begin, &header, sizeof header);
+    return TRUE;
+}
