@@ -9,6 +9,7 @@
 #include <synchapi.h>
 #include <processthreadsapi.h>
 #include <consoleapi.h>
+#include <stdhandleapi.h>
 #include <heapapi.h>
 #include <memoryapi.h>
 #include <fileapi.h>

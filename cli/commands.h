@@ -1,0 +1,53 @@
+// The commands. Each prints its result and returns its exit code, or throws Failure. Texts of their options are UTF-8
+// as the user typed them.
+#pragma once
+
+#include "failure.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// How a manager is opened. Kind 3 needs no initialised product, adds a printer that nobody has opened yet, takes no
+// ownership and starts no agent.
+struct ManagerOptions {
+    std::string printer;
+    uint32_t kind = 3;
+    std::string user; // empty: the logon name
+    bool hex = false; // values as bytes
+};
+
+Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& patterns);
+Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& names);
+Exit InfoCommand(const ManagerOptions& options, const std::vector<std::string>& names);
+
+struct NewValue {
+    std::string variable;
+    std::vector<std::string> words;
+    std::optional<std::string> hex;
+    std::optional<std::string> file; // "-": standard input
+};
+Exit SetCommand(const ManagerOptions& options, const NewValue& value);
+
+Exit PrintersCommand();
+Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port);
+Exit RemovePrinterCommand(const std::string& name);
+
+struct NewRegistryValue {
+    std::string key;
+    std::optional<std::string> name; // none: only the key is made
+    std::string type;                // "sz", "dword" ...
+    std::vector<std::string> data;
+};
+Exit RegQueryCommand(const std::string& key, const std::optional<std::string>& value, bool recursive);
+Exit RegSetCommand(const NewRegistryValue& value);
+Exit RegDeleteCommand(const std::string& key, const std::optional<std::string>& value, bool tree);
+Exit RegImportCommand(const std::string& file);
+Exit RegExportCommand(const std::string& key, const std::string& file);
+
+// Exit::NoService unless the product is installed and its service runs.
+Exit StatusCommand();
+
+// Exit::False when the product is up in another process.
+Exit UpCommand(bool quiet);

@@ -1,0 +1,8 @@
+// Whole files, for options that name one; "-" is standard input or output.
+#pragma once
+
+#include <string>
+
+// Both throw Failure.
+std::string ReadWholeFile(const std::string& path);
+void WriteWholeFile(const std::string& path, const std::string& content);

@@ -1,0 +1,209 @@
+// The command line of `oriel`: its commands and options, and where a failure ends.
+#include "commands.h"
+#include "output.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <tvsqdz.h>
+
+#include <exception>
+#include <functional>
+
+namespace {
+
+constexpr const char* kExitCodes = R"(Exit codes:
+  0  done
+  1  false, or not found
+  2  the command line, or a value on it, is wrong; nothing was done
+  3  the product is not installed, not up, or its service does not run
+  4  access denied
+  5  time-out
+
+With --json a command prints one JSON document ('up': one for each event), also when it fails:
+{"error": {"exitCode", "what", "why", "next", "code"}}. Colour is used on a terminal, unless NO_COLOR is set.)";
+
+using Command = std::function<Exit()>;
+
+// Options of the commands; they live as long as the parse and the command.
+struct Arguments {
+    ManagerOptions manager;
+    std::vector<std::string> names;
+    NewValue newValue;
+    std::string printer, driver, port = "FILE:";
+    NewRegistryValue registryValue;
+    std::string key, value, file = "-";
+    bool recursive = false, tree = false, quiet = false;
+};
+
+std::optional<std::string> WhenGiven(const CLI::Option* option, const std::string& value) {
+    return option->count() ? std::optional(value) : std::nullopt;
+}
+
+void AddManagerOptions(CLI::App& command, ManagerOptions& options) {
+    command.add_option("PRINTER", options.printer, "Name of the printer")->required();
+    command.add_option("--kind", options.kind, "Client kind of the manager (0, 7, 8, 9 and 10 need the product up)")
+        ->check(CLI::Range(0, TVS_KIND_HIGHEST))
+        ->capture_default_str();
+    command.add_option("--user", options.user, "On whose behalf the manager works (default: you)");
+}
+
+void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* vars = app.add_subcommand("vars", "Show the variables of a printer");
+    AddManagerOptions(*vars, a.manager);
+    vars->add_option("PATTERN", a.names, "Only names that match one of these; * and ? as in a shell");
+    vars->add_flag("--hex", a.manager.hex, "Values as bytes");
+    vars->callback([&] { chosen = [&] { return VarsCommand(a.manager, a.names); }; });
+
+    CLI::App* get =
+        app.add_subcommand("get", "Show the value of variables. A queue's oldest item is thereby taken off");
+    AddManagerOptions(*get, a.manager);
+    get->add_option("VARIABLE", a.names, "Names of variables")->required();
+    get->add_flag("--hex", a.manager.hex, "Values as bytes");
+    get->callback([&] { chosen = [&] { return GetCommand(a.manager, a.names); }; });
+
+    CLI::App* info = app.add_subcommand("info", "Tell when variables were last written, in UTC");
+    AddManagerOptions(*info, a.manager);
+    info->add_option("VARIABLE", a.names, "Names of variables")->required();
+    info->callback([&] { chosen = [&] { return InfoCommand(a.manager, a.names); }; });
+
+    CLI::App* set = app.add_subcommand("set", "Store a value: a number, a text, or field=value of a record (fields not "
+                                              "named keep their value)");
+    AddManagerOptions(*set, a.manager);
+    set->add_option("VARIABLE", a.newValue.variable, "Name of the variable")->required();
+    set->add_option("VALUE", a.newValue.words, "Decimal or 0x number; text; field=value ...");
+    const CLI::Option* hex = set->add_option("--hex", a.value, "The value as bytes: \"01 02 ff\"");
+    const CLI::Option* file =
+        set->add_option("--file", a.file, "The value as the bytes of a file; - is standard input");
+    set->callback([&, hex, file] {
+        a.newValue.hex = WhenGiven(hex, a.value);
+        a.newValue.file = WhenGiven(file, a.file);
+        chosen = [&] { return SetCommand(a.manager, a.newValue); };
+    });
+}
+
+void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* printers = app.add_subcommand("printers", "Show the printers, or add and remove one");
+    printers->require_subcommand(0, 1);
+    printers->callback([&] {
+        if (!chosen) chosen = [] { return PrintersCommand(); };
+    });
+
+    CLI::App* add = printers->add_subcommand("add", "Add a printer to the spooler and the registry");
+    add->add_option("NAME", a.printer, "Its name")->required();
+    add->add_option("--driver", a.driver, "Name of its driver, which is its model")->required();
+    add->add_option("--port", a.port, "Name of its port")->capture_default_str();
+    add->callback([&] { chosen = [&] { return AddPrinterCommand(a.printer, a.driver, a.port); }; });
+
+    CLI::App* remove = printers->add_subcommand(
+        "remove", "Remove a printer, with the copies of its persistent variables. The service keeps its database");
+    remove->add_option("NAME", a.printer, "Its name")->required();
+    remove->callback([&] { chosen = [&] { return RemovePrinterCommand(a.printer); }; });
+}
+
+void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* reg = app.add_subcommand("reg", "Read and change the registry");
+    reg->require_subcommand(1);
+    const char* keyHelp = "HKLM\\... or HKCU\\...";
+
+    CLI::App* query = reg->add_subcommand("query", "Show a key, or one value of it");
+    query->add_option("KEY", a.key, keyHelp)->required();
+    const CLI::Option* queryValue = query->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
+    query->add_flag("-r,--recursive", a.recursive, "Also all keys below it");
+    query->callback([&, queryValue] {
+        chosen = [&, queryValue] { return RegQueryCommand(a.key, WhenGiven(queryValue, a.value), a.recursive); };
+    });
+
+    CLI::App* set = reg->add_subcommand("set", "Write a value; the key is made when it is missing");
+    set->add_option("KEY", a.registryValue.key, keyHelp)->required();
+    const CLI::Option* setValue = set->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
+    CLI::Option* data = set->add_option("DATA", a.registryValue.data, "Text, number, or bytes in hexadecimal");
+    data->needs(const_cast<CLI::Option*>(setValue));
+    a.registryValue.type = "sz";
+    set->add_option("--type", a.registryValue.type, "sz, expand, multi, dword, qword, binary, none")
+        ->check(CLI::IsMember({"sz", "expand", "multi", "dword", "qword", "binary", "none"}))
+        ->capture_default_str();
+    set->callback([&, setValue] {
+        a.registryValue.name = WhenGiven(setValue, a.value);
+        chosen = [&] { return RegSetCommand(a.registryValue); };
+    });
+
+    CLI::App* remove = reg->add_subcommand("delete", "Delete a value, or a key");
+    remove->add_option("KEY", a.key, keyHelp)->required();
+    const CLI::Option* removeValue = remove->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
+    remove->add_flag("--tree", a.tree, "The key with all keys below it");
+    remove->callback([&, removeValue] {
+        chosen = [&, removeValue] { return RegDeleteCommand(a.key, WhenGiven(removeValue, a.value), a.tree); };
+    });
+
+    CLI::App* import = reg->add_subcommand("import", "Take in a .reg file, wholly or not at all");
+    import->add_option("FILE", a.file, "The file; - is standard input")->required();
+    import->callback([&] { chosen = [&] { return RegImportCommand(a.file);
+};
+} // namespace
+);
+
+CLI::App* exportKey = reg->add_subcommand("export", "Write a key and all below it as a .reg file");
+exportKey->add_option("KEY", a.key, keyHelp)->required();
+exportKey->add_option("FILE", a.file, "The file; - is standard output")->capture_default_str();
+exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
+}
+
+Exit Fail(const Failure& failure) {
+    PrintError(failure);
+    if (g_output.json) PrintJson({{"error", FailureJson(failure)}});
+    return failure.exitCode;
+}
+
+Exit Run(int argc, char** argv) {
+    Arguments arguments;
+    Command chosen;
+    CLI::App app{"Reads and changes the status of monitored printers, and runs the product that keeps it.", "oriel"};
+    app.set_version_flag("--version", ORIEL_VERSION);
+    app.add_flag("--json", g_output.json, "Results as JSON");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(kExitCodes);
+
+    CLI::App* up = app.add_subcommand("up", "Start the product; Ctrl-C stops it. Exits with 1 when it is up already");
+    up->add_flag("--quiet", arguments.quiet, "Only errors");
+    up->callback([&] { chosen = [&] { return UpCommand(arguments.quiet); }; });
+    CLI::App* status = app.add_subcommand("status", "Tell what is installed and what runs");
+    status->callback([&] { chosen = [] { return StatusCommand(); }; });
+    AddVariableCommands(app, arguments, chosen);
+    AddPrinterCommands(app, arguments, chosen);
+    AddRegistryCommands(app, arguments, chosen);
+    // Said once, at the top.
+    for (CLI::App* command : app.get_subcommands({}))
+        command->footer("");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& wanted) { // --help, --version
+        app.exit(wanted);
+        return Exit::Done;
+    } catch (const CLI::ParseError& error) {
+        std::string what = error.what();
+        std::replace(what.begin(), what.end(), '\n', ' ');
+        return Fail(UsageFailure(what, "'oriel --help' and 'oriel COMMAND --help' tell more"));
+    }
+    return chosen();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Exit result = Exit::False;
+    try {
+        DetectColour();
+        result = Run(argc, argv);
+    } catch (const Failure& failure) {
+        result = Fail(failure);
+    } catch (const std::exception& error) {
+        result = Fail({Exit::False, "unexpected failure", error.what(), ""});
+    }
+    if (OutputFailed() && result == Exit::Done) {
+        PrintError({Exit::False, "the result could not be written to standard output", "", ""});
+        result = Exit::False;
+    }
+    return static_cast<int>(result);
+}

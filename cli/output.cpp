@@ -1,0 +1,107 @@
+// Output of the command. State: g_output and whether a write failed.
+#include "output.h"
+
+#include "text.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+Output g_output;
+
+namespace {
+
+bool g_writeFailed = false;
+
+bool IsTerminal(DWORD which) {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(which), &mode) != FALSE;
+}
+
+std::string Paint(const std::string& text, const char* code) {
+    return std::string("\x1b[") + code + "m" + text + "\x1b[0m";
+}
+
+} // namespace
+
+void DetectColour() {
+    // Any value that is not empty counts: no-color.org.
+    const char* noColour = std::getenv("NO_COLOR");
+    const bool wanted = !noColour || !*noColour;
+    g_output.colour = wanted && IsTerminal(STD_OUTPUT_HANDLE);
+    g_output.errorColour = wanted && IsTerminal(STD_ERROR_HANDLE);
+}
+
+std::string Styled(const std::string& text, Style style) {
+    if (!g_output.colour) return text;
+    switch (style) {
+    case Style::Plain:
+        return text;
+    case Style::Name:
+        return Paint(text, "1");
+    case Style::Good:
+        return Paint(text, "32");
+    case Style::Bad:
+        return Paint(text, "31");
+    case Style::Faint:
+        return Paint(text, "2");
+    }
+    return text;
+}
+
+void PrintText(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
+        g_writeFailed = true;
+}
+
+void PrintLine(const std::string& line) {
+    PrintText(line + "\n");
+}
+
+void PrintJson(const Json& document) {
+    PrintLine(document.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+void PrintJsonLine(const Json& document) {
+    PrintLine(document.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+bool OutputFailed() {
+    return g_writeFailed;
+}
+
+void PrintError(const Failure& failure) {
+    const std::string line = Printable(FailureLine(failure)) + "\n";
+    const std::string name = g_output.errorColour ? Paint("oriel:", "1;31") : "oriel:";
+    std::fputs((name + " " + line).c_str(), stderr);
+}
+
+Json FailureJson(const Failure& failure) {
+    return {{"exitCode", static_cast<int>(failure.exitCode)},
+            {"what", failure.what},
+            {"why", failure.why},
+            {"next", failure.next},
+            {"code", failure.code}};
+}
+
+void Table::Print(bool firstRowIsHeading) const {
+    std::vector<size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], DisplayWidth(row[i]));
+    }
+    std::string text;
+    for (size_t r = 0; r < rows.size(); ++r) {
+        const auto& row = rows[r];
+        for (size_t i = 0; i < row.size(); ++i) {
+            const Style style = r == 0 && firstRowIsHeading ? Style::Faint : i == 0 ? Style::Name : Style::Plain;
+            text += Styled(row[i], style);
+            if (i + 1 < row.size()) text.append(widths[i] - DisplayWidth(row[i]) + 2, ' ');
+        }
+        text += '\n';
+    }
+    PrintText(text);
+}

@@ -1,0 +1,43 @@
+// How results reach the user: plain text, aligned tables, or with --json one JSON document on standard output.
+#pragma once
+
+#include "failure.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+// Keeps keys in the order in which they are set.
+using Json = nlohmann::ordered_json;
+
+enum class Style { Plain, Name, Good, Bad, Faint };
+
+struct Output {
+    bool json = false;
+    bool colour = false;      // standard output is a terminal and NO_COLOR is unset
+    bool errorColour = false; // the same of standard error
+};
+// Set once by main() before a command runs.
+extern Output g_output;
+
+void DetectColour();
+std::string Styled(const std::string& text, Style style);
+
+// Writes at once; a failure (a full disk, a closed pipe) makes the exit code of the command Exit::False.
+void PrintText(const std::string& text);
+void PrintLine(const std::string& line);
+void PrintJson(const Json& document);     // indented
+void PrintJsonLine(const Json& document); // on one line
+bool OutputFailed();
+
+// One line on standard error.
+void PrintError(const Failure& failure);
+// {"exitCode": 1, "what": ..., "why": ..., "next": ..., "code": -19}
+Json FailureJson(const Failure& failure);
+
+// Columns two blanks apart; the last one is not padded.
+struct Table {
+    std::vector<std::vector<std::string>> rows;
+    void Print(bool firstRowIsHeading = true) const;
+};

@@ -1,0 +1,365 @@
+// The layouts of records, and how values are shown.
+//   1 layouts   2 taking apart   3 JSON   4 text   5 putting together
+// No state.
+#include "presentation.h"
+
+#include <tvsqdz.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// ---- 1 layouts
+
+struct FieldLayout {
+    const char* name;
+    size_t offset;
+    size_t size; // 4: a number; else NUL-terminated text
+    std::span<const BitMeaning> meanings{};
+};
+
+struct RecordLayout {
+    const char* variable;
+    size_t size;
+    std::span<const FieldLayout> fields;
+};
+
+constexpr BitMeaning kPortKindBits[] = {{0x8, "takes no direct requests"}};
+constexpr BitMeaning kSpoolerBits[] = {{0x4, "ready for forwarded requests"}, {0x8, "takes refresh requests"}};
+constexpr BitMeaning kExtStatusBits[] = {{0x1, "takes direct requests"}};
+constexpr BitMeaning kAuthorityBits[] = {
+    {0x01, "print"}, {0x02, "own jobs"}, {0x04, "all jobs"}, {0x08, "direct read"}, {0x10, "direct write"}};
+
+struct NumberMeanings {
+    const char* variable;
+    std::span<const BitMeaning> bits;
+};
+constexpr NumberMeanings kNumberMeanings[] = {
+    {"PrinterExtStatus", kExtStatusBits},
+    {"SpoolerStatus", kSpoolerBits},
+    {"UserAuthority", kAuthorityBits},
+};
+
+constexpr FieldLayout kJobFields[] = {
+    {"jobName", offsetof(TvsJobRecord, jobName), sizeof(TvsJobRecord::jobName)},
+    {"ownerName", offsetof(TvsJobRecord, ownerName), sizeof(TvsJobRecord::ownerName)},
+    {"jobId", offsetof(TvsJobRecord, jobId), 4},
+};
+constexpr FieldLayout kPrintingJobFields[] = {
+    {"jobName", offsetof(TvsPrintingJobRecord, jobName), sizeof(TvsPrintingJobRecord::jobName)},
+    {"ownerName", offsetof(TvsPrintingJobRecord, ownerName), sizeof(TvsPrintingJobRecord::ownerName)},
+    {"jobId", offsetof(TvsPrintingJobRecord, jobId), 4},
+    {"progress", offsetof(TvsPrintingJobRecord, progress), 4},
+};
+constexpr FieldLayout kPortFields[] = {
+    {"portKind", offsetof(TvsPortRecord, portKind), 4, kPortKindBits},
+    {"portName", offsetof(TvsPortRecord, portName), sizeof(TvsPortRecord::portName)},
+    {"portDetail", offsetof(TvsPortRecord, portDetail), sizeof(TvsPortRecord::portDetail)},
+};
+constexpr RecordLayout kRecords[] = {
+    {"Port", sizeof(TvsPortRecord), kPortFields},
+    {"PrintingJobInfo", sizeof(TvsPrintingJobRecord), kPrintingJobFields},
+    {"SendingJobInfo", sizeof(TvsJobRecord), kJobFields},
+};
+constexpr const char* kJobQueues[] = {"PrinterQueue", "SpoolerQueue"};
+
+// Nothing for a record of a model that took the name but has another size.
+const RecordLayout* LayoutOf(const Variable& variable) {
+    for (const RecordLayout& layout : kRecords)
+        if (variable.name == layout.variable && variable.type == VariableType::Record && variable.size == layout.size)
+            return &layout;
+    return nullptr;
+}
+
+bool IsJobQueue(const Variable& variable) {
+    return variable.type == VariableType::Variable &&
+           std::any_of(std::begin(kJobQueues), std::end(kJobQueues),
+                       [&](const char* name) { return variable.name == name; });
+}
+
+unsigned NumberBits(VariableType type) {
+    switch (type) {
+    case VariableType::Byte:
+        return 8;
+    case VariableType::Word:
+        return 16;
+    case VariableType::Number:
+        return 32;
+    default:
+        return 0;
+    }
+}
+
+// ---- 2 taking apart
+
+uint64_t NumberAt(const uint8_t* bytes, unsigned bits) {
+    uint64_t number = 0;
+    std::memcpy(&number, bytes, bits / 8);
+    return number;
+}
+
+Decoded DecodeNumber(const uint8_t* bytes, unsigned bits, std::span<const BitMeaning> meanings = {}) {
+    return {.form = Decoded::Form::Number, .number = NumberAt(bytes, bits), .bits = bits, .meanings = meanings};
+}
+
+Decoded DecodeFields(std::span<const FieldLayout> fields, const uint8_t* record) {
+    Decoded decoded{.form = Decoded::Form::Parts};
+    for (const FieldLayout& field : fields) {
+        Decoded part = field.size == 4 ? DecodeNumber(record + field.offset, 32, field.meanings)
+                                       : Decoded{.form = Decoded::Form::Text,
+                                                 .text = FieldToUtf8(record + field.offset, field.size)};
+        part.name = field.name;
+        decoded.parts.push_back(std::move(part));
+    }
+    return decoded;
+}
+
+Decoded DecodeJobQueue(const Bytes& value) {
+    // The count is a writer's word: only entries that are there are shown.
+    const size_t count = std::min<size_t>(NumberAt(value.data(), 32), (value.size() - 4) / sizeof(TvsJobRecord));
+    Decoded decoded{.form = Decoded::Form::List};
+    for (size_t i = 0; i < count; ++i)
+        decoded.parts.push_back(DecodeFields(kJobFields, value.data() + 4 + i * sizeof(TvsJobRecord)));
+    return decoded;
+}
+
+Decoded DecodeWords(const Bytes& value) {
+    Decoded decoded{.form = Decoded::Form::List};
+    for (size_t at = 0; at + 4 <= value.size(); at += 4)
+        decoded.parts.push_back(DecodeNumber(value.data() + at, 32));
+    return decoded;
+}
+
+Decoded DecodeMembers(const std::vector<Variable>& variables, const Variable& composite, const Bytes& value) {
+    Decoded decoded{.form = Decoded::Form::Parts};
+    size_t at = 0;
+    for (const std::string& name : composite.members) {
+        const Variable* member = FindVariable(variables, name);
+        if (!member) continue;
+        // Behind a member whose length is not fixed nothing can be told apart any more.
+        if (!member->size || member->type == VariableType::Composite || at + member->size > value.size()) break;
+        Decoded part = Decode(variables, *member,
+                              Bytes(value.begin() + static_cast<ptrdiff_t>(at),
+                                    value.begin() + static_cast<ptrdiff_t>(at + member->size)));
+        part.name = ToUtf8(name);
+        decoded.parts.push_back(std::move(part));
+        at += member->size;
+    }
+    return decoded;
+}
+
+} // namespace
+
+Decoded Decode(const std::vector<Variable>& variables, const Variable& variable, const Bytes& value) {
+    const Decoded bytes{.form = Decoded::Form::Bytes, .bytes = value};
+    switch (variable.type) {
+    case VariableType::Byte:
+    case VariableType::Word:
+    case VariableType::Number: {
+        const unsigned bits = NumberBits(variable.type);
+        if (value.size() != bits / 8) return bytes;
+        for (const NumberMeanings& row : kNumberMeanings)
+            if (variable.name == row.variable) return DecodeNumber(value.data(), bits, row.bits);
+        return DecodeNumber(value.data(), bits);
+    }
+    case VariableType::String:
+        return {.form = Decoded::Form::Text, .text = FieldToUtf8(value.data(), value.size())};
+    case VariableType::Record:
+        if (const RecordLayout* layout = LayoutOf(variable); layout && value.size() == layout->size)
+            return DecodeFields(layout->fields, value.data());
+        if (value.empty() || value.size() % 4 != 0) return bytes;
+        return value.size() == 4 ? DecodeNumber(value.data(), 32) : DecodeWords(value);
+    case VariableType::Composite:
+        return DecodeMembers(variables, variable, value);
+    case VariableType::Variable:
+        return IsJobQueue(variable) && value.size() >= 4 ? DecodeJobQueue(value) : bytes;
+    case VariableType::Queue:
+    case VariableType::Unknown:
+        return bytes;
+    }
+    return bytes;
+}
+
+// ---- 3 JSON
+
+Json ToJson(const Decoded& decoded) {
+    switch (decoded.form) {
+    case Decoded::Form::Number:
+        return decoded.number;
+    case Decoded::Form::Text:
+        return decoded.text;
+    case Decoded::Form::Bytes:
+        return nullptr;
+    case Decoded::Form::Parts: {
+        Json object = Json::object();
+        for (const Decoded& part : decoded.parts)
+            object[part.name] = ToJson(part);
+        return object;
+    }
+    case Decoded::Form::List: {
+        Json list = Json::array();
+        for (const Decoded& part : decoded.parts)
+            list.push_back(ToJson(part));
+        return list;
+    }
+    }
+    return nullptr;
+}
+
+Json NamedBits(const Decoded& decoded) {
+    Json names = Json::array();
+    for (const BitMeaning& meaning : decoded.meanings)
+        if (decoded.number & meaning.bit) names.push_back(meaning.meaning);
+    return names;
+}
+
+// ---- 4 text
+
+namespace {
+
+std::string NumberText(const Decoded& decoded) {
+    const uint64_t sign = uint64_t{1} << (decoded.bits - 1);
+    std::string text = std::to_string(decoded.number);
+    if (decoded.number == (sign << 1) - 1) text = "-1";
+    std::string meanings;
+    for (const BitMeaning& meaning : decoded.meanings)
+        if (decoded.number & meaning.bit) meanings += (meanings.empty() ? ": " : ", ") + std::string(meaning.meaning);
+    if (decoded.number < 10 && meanings.empty()) return text;
+    char hexadecimal[24];
+    std::snprintf(hexadecimal, sizeof hexadecimal, "0x%llX", static_cast<unsigned long long>(decoded.number));
+    return text + " (" + hexadecimal + meanings + ")";
+}
+
+bool IsRecord(const Decoded& decoded) {
+    return decoded.form == Decoded::Form::Parts;
+}
+
+bool SameNumbers(const std::vector<Decoded>& parts) {
+    return std::all_of(parts.begin(), parts.end(), [&](const Decoded& part) {
+        return part.form == Decoded::Form::Number && part.number == parts.front().number;
+    });
+}
+
+} // namespace
+
+std::string OneLine(const Decoded& decoded) {
+    switch (decoded.form) {
+    case Decoded::Form::Number:
+        return NumberText(decoded);
+    case Decoded::Form::Text:
+        return "\"" + Printable(decoded.text) + "\"";
+    case Decoded::Form::Bytes:
+        return ToHex(decoded.bytes.data(), decoded.bytes.size());
+    case Decoded::Form::Parts: {
+        std::string line;
+        for (const Decoded& part : decoded.parts)
+            line += (line.empty() ? "" : ", ") + Printable(part.name) + " " +
+                    (part.parts.empty() ? OneLine(part) : "{" + OneLine(part) + "}");
+        return line;
+    }
+    case Decoded::Form::List: {
+        if (decoded.parts.empty()) return "none";
+        if (IsRecord(decoded.parts.front()))
+            return std::to_string(decoded.parts.size()) + (decoded.parts.size() == 1 ? " entry" : " entries");
+        if (decoded.parts.size() > 4 && SameNumbers(decoded.parts))
+            return NumberText(decoded.parts.front()) + ", " + std::to_string(decoded.parts.size()) + " times";
+        std::string line;
+        for (const Decoded& part : decoded.parts)
+            line += (line.empty() ? "" : ", ") + OneLine(part);
+        return line;
+    }
+    }
+    return {};
+}
+
+std::string ManyLines(const Decoded& decoded) {
+    std::string lines;
+    if (IsRecord(decoded)) {
+        for (const Decoded& part : decoded.parts)
+            lines += Printable(part.name) + ": " + OneLine(part) + "\n";
+    } else if (decoded.form == Decoded::Form::List && !decoded.parts.empty() && IsRecord(decoded.parts.front())) {
+        for (const Decoded& part : decoded.parts)
+            lines += OneLine(part) + "\n";
+    } else if (decoded.form == Decoded::Form::Text) {
+        lines = Printable(decoded.text) + "\n";
+    } else {
+        lines = OneLine(decoded) + "\n";
+    }
+    return lines;
+}
+
+// ---- 5 putting together
+
+namespace {
+
+std::string Shown(const Variable& variable) {
+    return ToUtf8(variable.name);
+}
+
+Bytes EncodeNumber(const std::string& word, unsigned bits, const std::string& name) {
+    const std::optional<uint64_t> number = ParseNumber(word, bits);
+    if (!number) {
+        throw UsageFailure("\"" + word + "\" is no number of " + std::to_string(bits) + " bits for " + name,
+                           "give it in decimal or with 0x");
+    }
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&*number);
+    return Bytes(bytes, bytes + bits / 8);
+}
+
+// Padded with NULs to `size`, one at least. Also a string variable, so that its persistent copy, which gives the size
+// of the variable when the database is made again, has room for longer texts.
+Bytes EncodeText(const std::string& word, size_t size, const std::string& name) {
+    const std::string ansi = RequireAnsi(word, name);
+    if (ansi.size() >= size) {
+        throw UsageFailure("\"" + word + "\" is too long for " + name + ": it takes " +
+                           std::to_string(size ? size - 1 : 0) + " bytes, this has " + std::to_string(ansi.size()));
+    }
+    Bytes bytes(ansi.begin(), ansi.end());
+    bytes.resize(size);
+    return bytes;
+}
+
+Bytes EncodeFields(const RecordLayout& layout, const std::vector<std::string>& words, const Bytes& present) {
+    Bytes record = present;
+    record.resize(layout.size);
+    for (const std::string& word : words) {
+        const size_t equals = word.find('=');
+        const auto field = std::find_if(layout.fields.begin(), layout.fields.end(), [&](const FieldLayout& candidate) {
+            return equals != std::string::npos && word.substr(0, equals) == candidate.name;
+        });
+        if (field == layout.fields.end()) {
+            std::string names;
+            for (const FieldLayout& candidate : layout.fields)
+                names += (names.empty() ? "" : ", ") + std::string(candidate.name);
+            throw UsageFailure("\"" + word + "\" sets no field of " + layout.variable,
+                               "give field=value; its fields are " + names);
+        }
+        const std::string name = std::string(layout.variable) + " " + field->name;
+        const std::string text = word.substr(equals + 1);
+        const Bytes bytes = field->size == 4 ? EncodeNumber(text, 32, name) : EncodeText(text, field->size, name);
+        std::copy(bytes.begin(), bytes.end(), record.begin() + static_cast<ptrdiff_t>(field->offset));
+    }
+    return record;
+}
+
+} // namespace
+
+bool NeedsPresentValue(const Variable& variable) {
+    return LayoutOf(variable) != nullptr;
+}
+
+Bytes Encode(const Variable& variable, const std::vector<std::string>& words, const Bytes& present) {
+    if (const RecordLayout* layout = LayoutOf(variable)) return EncodeFields(*layout, words, present);
+    const unsigned bits = variable.type == VariableType::Record && variable.size == 4 ? 32 : NumberBits(variable.type);
+    if (!bits && variable.type != VariableType::String) {
+        const std::string kind = TypeName(variable.type);
+        std::string next = "give its bytes with --hex or --file";
+        if (variable.type == VariableType::Composite) next = "set the variables that it is made of";
+        throw UsageFailure(Shown(variable) + " is of type " + kind + ", which has no value in words", next);
+    }
+    if (words.size() != 1) throw UsageFailure(Shown(variable) + " takes one value", "quote a text that has blanks");
+    return bits ? EncodeNumber(words.front(), bits, Shown(variable))
+                : EncodeText(words.front(), variable.size, Shown(variable));
+}

@@ -1,0 +1,165 @@
+// Printers of the spooler and of the registry. No state.
+#include "printers.h"
+
+#include "failure.h"
+#include "product.h"
+#include "registry.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
+constexpr char kDriverValue[] = "Printer Driver";
+constexpr char kPortValue[] = "Port";
+constexpr char kDriverDataKey[] = "PrinterDriverData";
+// The list of printers can grow between the question for its size and its read.
+constexpr int kAttempts = 8;
+
+std::string OrEmpty(const char* text) {
+    return text ? text : "";
+}
+
+std::vector<Printer> SpoolerPrinters() {
+    Bytes buffer;
+    DWORD needed = 0;
+    DWORD count = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (EnumPrintersA(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS, nullptr, 2, buffer.data(),
+                          static_cast<DWORD>(buffer.size()), &needed, &count)) {
+            break;
+        }
+        count = 0;
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
+        buffer.resize(needed);
+    }
+    std::vector<Printer> printers;
+    const auto* records = reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
+    for (DWORD i = 0; i < count; ++i) {
+        printers.push_back({.name = OrEmpty(records[i].pPrinterName),
+                            .driver = OrEmpty(records[i].pDriverName),
+                            .port = OrEmpty(records[i].pPortName),
+                            .inSpooler = true});
+    }
+    return printers;
+}
+
+bool SameText(const std::string& a, const std::string& b) {
+    return lstrcmpiA(a.c_str(), b.c_str()) == 0;
+}
+
+std::string TextOf(HKEY key, const char* name) {
+    const std::optional<RegistryValue> value = ReadValue(key, name);
+    return value ? value->Text().value_or("") : "";
+}
+
+// A key for the printer with the subkey that holds the copies of its persistent variables: the library writes into it
+// but never makes it.
+void CompleteRegistryKey(const std::string& name, const std::string& driver, const std::string& port) {
+    const std::string path = PrinterKeyPath(name);
+    RegistryKey data;
+    LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, path, kDriverValue, driver);
+    if (status == ERROR_SUCCESS) status = WriteText(HKEY_LOCAL_MACHINE, path, kPortValue, port);
+    if (status == ERROR_SUCCESS) status = CreateKey(HKEY_LOCAL_MACHINE, path + "\\" + kDriverDataKey, data);
+    if (status != ERROR_SUCCESS) {
+        throw SystemFailure(static_cast<uint32_t>(status),
+                            "cannot write the registry key of the printer \"" + ToUtf8(name) + "\"");
+    }
+}
+
+} // namespace
+
+std::vector<Printer> ListPrinters() {
+    std::vector<Printer> printers = SpoolerPrinters();
+    if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) {
+        for (const std::string& keyName : ListSubkeys(root.Get())) {
+            auto printer = std::find_if(printers.begin(), printers.end(), [&](const Printer& candidate) {
+                return SameText(PrinterKeyName(candidate.name), keyName);
+            });
+            if (printer == printers.end()) printer = printers.insert(printers.end(), {.name = keyName});
+            printer->inRegistry = true;
+            const RegistryKey key = OpenKey(root.Get(), keyName, KEY_QUERY_VALUE);
+            if (!key) continue;
+            // The library looks into the registry first; the spooler only counts where there is no key.
+            if (const std::string driver = TextOf(key.Get(), kDriverValue); !driver.empty()) printer->driver = driver;
+            if (printer->port.empty()) printer->port = TextOf(key.Get(), kPortValue);
+        }
+    }
+    for (Printer& printer : printers)
+        printer.registeredModel = IsRegisteredModel(printer.driver);
+    return printers;
+}
+
+std::string PrinterKeyName(const std::string& name) {
+    std::string key = name;
+    for (size_t i = 0; i < key.size(); ++i) {
+        if (IsDBCSLeadByte(static_cast<BYTE>(key[i]))) {
+            ++i;
+        } else if (key[i] == '\\') {
+            key[i] = ',';
+        }
+    }
+    return key;
+}
+
+std::string PrinterKeyPath(const std::string& name) {
+    return std::string(kPrintersKey) + "\\" + PrinterKeyName(name);
+}
+
+std::string ModelVariablesPath(const std::string& driver) {
+    return std::string(kModelsKey) + "\\" + driver + "\\Status Variables";
+}
+
+bool IsRegisteredModel(const std::string& driver) {
+    return !driver.empty() && static_cast<bool>(OpenKey(HKEY_LOCAL_MACHINE, ModelVariablesPath(driver), KEY_READ));
+}
+
+std::optional<std::string> DriverOf(const std::string& name) {
+    LSTATUS status = ERROR_SUCCESS;
+    if (const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), KEY_QUERY_VALUE, &status))
+        return TextOf(key.Get(), kDriverValue);
+    for (const Printer& printer : SpoolerPrinters())
+        if (SameText(printer.name, name)) return printer.driver;
+    return std::nullopt;
+}
+
+std::string KnownPrinterName(const std::string& name) {
+    const std::vector<Printer> printers = ListPrinters();
+    for (const Printer& printer : printers)
+        if (printer.name == name) return name;
+    for (const Printer& printer : printers) {
+        if (SameText(printer.name, name)) return printer.name;
+        // A key's name does not tell which of its commas stand for backslashes.
+        if (!printer.inSpooler && SameText(printer.name, PrinterKeyName(name))) return name;
+    }
+    const std::string shown = ToUtf8(name);
+    throw Failure{Exit::False, "no printer is called \"" + shown + "\"", "",
+                  "list them with 'oriel printers', or add it: oriel printers add \"" + shown + "\" --driver DRIVER"};
+}
+
+void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port) {
+    static char processor[] = "winprint";
+    static char dataType[] = "RAW";
+    std::string nameText = name, driverText = driver, portText = port; // the record's pointers are not const
+    PRINTER_INFO_2A record{};
+    record.pPrinterName = nameText.data();
+    record.pDriverName = driverText.data();
+    record.pPortName = portText.data();
+    record.pPrintProcessor = processor;
+    record.pDatatype = dataType;
+    const PrinterHandle printer(AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&record)));
+    if (!printer) throw SystemFailure(GetLastError(), "cannot add the printer \"" + ToUtf8(name) + "\"");
+    CompleteRegistryKey(name, driver, port);
+}
+
+void UninstallPrinter(const std::string& name) {
+    const std::string what = "cannot remove the printer \"" + ToUtf8(name) + "\"";
+    std::string nameText = name;
+    PrinterHandle printer;
+    if (OpenPrinterA(nameText.data(), printer.Receive(), nullptr) && !DeletePrinter(printer.Get()))
+        throw SystemFailure(GetLastError(), what);
+    const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
+    if (status == ERROR_FILE_NOT_FOUND && !printer) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
+    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)
+        throw SystemFailure(static_cast<uint32_t>(status), what);
+}

@@ -1,0 +1,37 @@
+// The printers of this machine: those that the spooler knows, and those that have a key in the registry.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct Printer {
+    std::string name; // ANSI; a printer that only the registry knows goes by the name of its key
+    std::string driver;
+    std::string port;
+    bool inSpooler = false;
+    bool inRegistry = false;
+    bool registeredModel = false; // its driver is a model of the product
+};
+
+std::vector<Printer> ListPrinters();
+
+// The registry's name of a printer's key: the name with commas for backslashes, double-byte characters left whole.
+std::string PrinterKeyName(const std::string& name);
+std::string PrinterKeyPath(const std::string& name);
+
+// A driver that is registered as a model has a key "Status Variables".
+std::string ModelVariablesPath(const std::string& driver);
+bool IsRegisteredModel(const std::string& driver);
+
+// The printer's driver; nothing when neither registry nor spooler knows the printer.
+std::optional<std::string> DriverOf(const std::string& name);
+
+// The name under which the user's printer is known: as given where that is known, else in another case of its letters.
+// Throws Failure when there is no such printer. Asked before every open: the library's printer list takes any name and
+// keeps it for good.
+std::string KnownPrinterName(const std::string& name);
+
+void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port);
+// Also removes the copies of persistent variables. Throws Failure.
+void UninstallPrinter(const std::string& name);

@@ -1,0 +1,130 @@
+// Questions about the product. No state.
+#include "product.h"
+
+#include "registry.h"
+
+#include <vector>
+
+namespace {
+
+bool IsTerminalServices() {
+    OSVERSIONINFOA version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    if (!GetVersionExA(&version)) return false;
+    if (version.dwMajorVersion > 5 || (version.dwMajorVersion == 5 && version.dwMinorVersion != 0)) return true;
+
+    const RegistryKey key =
+        OpenKey(HKEY_LOCAL_MACHINE, "System\\CurrentControlSet\\Control\\ProductOptions", KEY_QUERY_VALUE);
+    if (!key) return false;
+    const std::optional<RegistryValue> suites = ReadValue(key.Get(), "ProductSuite");
+    if (!suites || suites->type != REG_MULTI_SZ) return false;
+    const std::string list(suites->data.begin(), suites->data.end());
+    for (size_t at = 0; at < list.size() && list[at];) {
+        const std::string suite = list.substr(at, list.find('\0', at) - at);
+        if (suite == "Terminal Server") return true;
+        at += suite.size() + 1;
+    }
+    return false;
+}
+
+bool NeedsInitialisedProduct(uint32_t clientKind) {
+    return clientKind == 0 || (clientKind >= 7 && clientKind <= 10);
+}
+
+} // namespace
+
+std::optional<std::string> InstalledDirectory() {
+    return ReadText(HKEY_LOCAL_MACHINE, kProductKey, kDirectoryValue);
+}
+
+std::string OwnDirectory() {
+    std::string name(MAX_PATH, '\0');
+    for (;;) {
+        const DWORD length = GetModuleFileNameA(nullptr, name.data(), static_cast<DWORD>(name.size()));
+        if (!length) throw SystemFailure(GetLastError(), "cannot tell where this program is");
+        if (length < name.size()) {
+            name.resize(length);
+            return name.substr(0, name.rfind('\\') + 1);
+        }
+        name.resize(name.size() * 2);
+    }
+}
+
+bool FileExists(const std::string& path) {
+    const HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return false;
+    CloseHandle(file);
+    return true;
+}
+
+std::string SharedName(const char* name) {
+    return IsTerminalServices() ? std::string("Global\\") + name : name;
+}
+
+std::string SystemVersion() {
+    OSVERSIONINFOA version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    if (!GetVersionExA(&version)) return "unknown";
+    return std::to_string(version.dwMajorVersion) + "." + std::to_string(version.dwMinorVersion) + "." +
+           std::to_string(version.dwBuildNumber & 0xffff);
+}
+
+EveryoneSecurity::EveryoneSecurity() : attributes{sizeof attributes, &m_descriptor, FALSE}, m_descriptor{} {
+    // A list that is present and null allows everything to everyone.
+    InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE);
+}
+
+DWORD ServiceState() {
+    const ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!manager) return 0;
+    const ServiceHandle service(OpenServiceA(manager.Get(), kServiceName, SERVICE_QUERY_STATUS));
+    SERVICE_STATUS status{};
+    return service && QueryServiceStatus(service.Get(), &status) ? status.dwCurrentState : 0;
+}
+
+const char* ServiceStateName(DWORD state) {
+    switch (state) {
+    case SERVICE_STOPPED:
+        return "stopped";
+    case SERVICE_START_PENDING:
+        return "starting";
+    case SERVICE_STOP_PENDING:
+        return "stopping";
+    case SERVICE_RUNNING:
+        return "running";
+    default:
+        return "not installed";
+    }
+}
+
+bool ProductInitialised() {
+    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(kInitialisedEvent).c_str()));
+    return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+}
+
+Failure WhyUnavailable(const std::string& what, uint32_t clientKind) {
+    Failure failure = StatusFailure(TVS_E_UNAVAILABLE, what);
+    const std::optional<std::string> directory = InstalledDirectory();
+    if (!directory) {
+        failure.why = "the product is not installed on this machine";
+        failure.next = "install and start it with 'oriel up'";
+    } else if (!FileExists(*directory + kServiceProgram)) {
+        failure.why = std::string("the installation directory does not hold ") + kServiceProgram;
+        failure.next = "'oriel status' shows it; correct it with 'oriel reg set'";
+    } else if (ServiceState() != SERVICE_RUNNING) {
+        failure.why = "the status database service is not running";
+        failure.next = "start it with 'oriel up'";
+    } else if (NeedsInitialisedProduct(clientKind) && !ProductInitialised()) {
+        failure.why = "client kind " + std::to_string(clientKind) + " needs the product to be up";
+        failure.next = "start it with 'oriel up', or use another --kind";
+    } else if (NeedsInitialisedProduct(clientKind)) {
+        failure.exitCode = Exit::False;
+        failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that no one has opened yet";
+        failure.next = "use another --kind once";
+    } else {
+        failure.exitCode = Exit::False;
+        failure.next = "try again; 'oriel status' shows whether the service runs";
+    }
+    return failure;
+}

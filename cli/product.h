@@ -1,0 +1,46 @@
+// The product as it is installed and runs on this machine: its registry key, its service, its kernel objects.
+#pragma once
+
+#include "failure.h"
+#include "handles.h"
+
+#include <optional>
+#include <string>
+
+inline constexpr char kProductKey[] = "SOFTWARE\\Tavik\\Oriel";
+inline constexpr char kDirectoryValue[] = "DIRPATH";
+inline constexpr char kModelsKey[] = "SOFTWARE\\Tavik\\Oriel\\Printers";
+inline constexpr char kServiceName[] = "TVORSDB";
+inline constexpr char kServiceDisplayName[] = "Oriel status database";
+inline constexpr char kServiceProgram[] = "TVSDBN.EXE";
+inline constexpr char kServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
+inline constexpr char kUpMutex[] = "TVORPWDMutex"; // held by the start-up process; never with the Global prefix
+inline constexpr char kInitialisedEvent[] = "TVORPWD:INITIALIZED";
+
+// The folder of the product, ending with a backslash, as registered; nothing when it is not.
+std::optional<std::string> InstalledDirectory();
+// The folder of this program, ending with a backslash.
+std::string OwnDirectory();
+bool FileExists(const std::string& path);
+
+// The name of an object that all sessions of the machine share: "Global\" before it on Terminal Services.
+std::string SharedName(const char* name);
+// "5.1.2600", and whether it is a Terminal Services system.
+std::string SystemVersion();
+
+// Lets everyone use an object. The attributes point into it: it must outlive the call that takes them.
+struct EveryoneSecurity {
+    EveryoneSecurity();
+    SECURITY_ATTRIBUTES attributes;
+
+private:
+    SECURITY_DESCRIPTOR m_descriptor;
+};
+
+// SERVICE_RUNNING and the like, 0 when the service is not installed.
+DWORD ServiceState();
+const char* ServiceStateName(DWORD state);
+bool ProductInitialised();
+
+// Tells why the library could open no manager: it has one code for all reasons.
+Failure WhyUnavailable(const std::string& what, uint32_t clientKind);

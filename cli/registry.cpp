@@ -1,0 +1,93 @@
+// Reading, listing and deleting of registry.h. No state.
+#include "registry.h"
+
+namespace {
+
+constexpr DWORD kLongestKeyName = 256;
+constexpr DWORD kLongestValueName = 16384;
+// A value that grows between the question for its size and its read is asked again; more often is not believable.
+constexpr int kAttempts = 8;
+
+} // namespace
+
+std::optional<std::string> RegistryValue::Text() const {
+    if (type != REG_SZ && type != REG_EXPAND_SZ) return std::nullopt;
+    const std::string text(data.begin(), data.end());
+    return text.substr(0, text.find('\0'));
+}
+
+RegistryKey OpenKey(HKEY root, const std::string& path, REGSAM access, LSTATUS* error) {
+    RegistryKey key;
+    const LSTATUS status = RegOpenKeyExA(root, path.c_str(), 0, access, key.Receive());
+    if (error) *error = status;
+    return key;
+}
+
+LSTATUS CreateKey(HKEY root, const std::string& path, RegistryKey& key) {
+    return RegCreateKeyExA(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE, nullptr,
+                           key.Receive(), nullptr);
+}
+
+std::optional<RegistryValue> ReadValue(HKEY key, const std::string& name) {
+    RegistryValue value{.name = name};
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        DWORD size = 0;
+        if (RegQueryValueExA(key, name.c_str(), nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return std::nullopt;
+        value.data.resize(size ? size : 1); // an address also for an empty value
+        const LSTATUS status = RegQueryValueExA(key, name.c_str(), nullptr, &value.type, value.data.data(), &size);
+        if (status == ERROR_MORE_DATA) continue;
+        if (status != ERROR_SUCCESS) return std::nullopt;
+        value.data.resize(size);
+        return value;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> ReadText(HKEY root, const std::string& path, const std::string& name) {
+    const RegistryKey key = OpenKey(root, path, KEY_QUERY_VALUE);
+    if (!key) return std::nullopt;
+    const std::optional<RegistryValue> value = ReadValue(key.Get(), name);
+    return value ? value->Text() : std::nullopt;
+}
+
+LSTATUS WriteText(HKEY root, const std::string& path, const std::string& name, const std::string& text) {
+    RegistryKey key;
+    if (const LSTATUS status = CreateKey(root, path, key); status != ERROR_SUCCESS) return status;
+    return RegSetValueExA(key.Get(), name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                          static_cast<DWORD>(text.size() + 1));
+}
+
+std::vector<RegistryValue> ListValues(HKEY key) {
+    std::vector<RegistryValue> values;
+    std::string name(kLongestValueName, '\0');
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = kLongestValueName;
+        const LSTATUS status = RegEnumValueA(key, index, name.data(), &nameSize, nullptr, nullptr, nullptr, nullptr);
+        if (status != ERROR_SUCCESS) return values;
+        if (auto value = ReadValue(key, name.substr(0, nameSize))) values.push_back(std::move(*value));
+    }
+}
+
+std::vector<std::string> ListSubkeys(HKEY key) {
+    std::vector<std::string> names;
+    std::string name(kLongestKeyName, '\0');
+    for (DWORD index = 0;; ++index) {
+        DWORD size = kLongestKeyName;
+        if (RegEnumKeyExA(key, index, name.data(), &size, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            return names;
+        names.push_back(name.substr(0, size));
+    }
+}
+
+LSTATUS DeleteTree(HKEY root, const std::string& path) {
+    LSTATUS status = ERROR_SUCCESS;
+    {
+        const RegistryKey key = OpenKey(root, path, KEY_READ, &status);
+        if (!key) return status;
+        for (const std::string& name : ListSubkeys(key.Get())) {
+            status = DeleteTree(key.Get(), name);
+            if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) return status;
+        }
+    }
+    return RegDeleteKeyA(root, path.c_str());
+}

@@ -1,0 +1,244 @@
+// up: the product's start-up process. It registers the installation when that is missing, starts the status database
+// service, signals that the product is initialised, keeps the service running, and undoes all of it on Ctrl-C.
+//
+// State: g_stop, set by the console's handler, which runs on a thread of its own.
+#include "commands.h"
+
+#include "output.h"
+#include "product.h"
+#include "registry.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr DWORD kStartMs = 30000;    // for the service to run, and to stop
+constexpr DWORD kPollMs = 20;        // while it is starting or stopping
+constexpr DWORD kWatchMs = 250;      // while it runs
+constexpr DWORD kFirstPauseMs = 500; // before it is started again; doubled each time
+constexpr DWORD kLongestPauseMs = 30000;
+constexpr DWORD kHealthyMs = 60000; // of running make the next pause the first one again
+
+HANDLE g_stop = nullptr;
+
+BOOL WINAPI OnConsoleControl(DWORD event) {
+    SetEvent(g_stop);
+    // After the other events, a closed console among them, the process ends as soon as this returns: the main thread
+    // shall end it before.
+    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kStartMs);
+    return TRUE;
+}
+
+// ---- what is told
+
+struct Teller {
+    bool quiet;
+
+    // fields: more of the JSON line.
+    void Tell(const char* event, const std::string& text, Json fields = Json::object()) const {
+        if (quiet) return;
+        if (!g_output.json) {
+            PrintLine(text);
+            return;
+        }
+        Json line = {{"event", event}};
+        line.update(fields);
+        PrintJsonLine(line);
+    }
+};
+
+// ---- the installation
+
+void RegisterInstallation(const Teller& teller) {
+    const std::string own = OwnDirectory();
+    std::optional<std::string> directory = InstalledDirectory();
+    if (!directory) {
+        const LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, kProductKey, kDirectoryValue, own);
+        if (status != ERROR_SUCCESS)
+            throw SystemFailure(static_cast<uint32_t>(status), "cannot register the installation in the registry");
+        directory = own;
+        teller.Tell("registered", "registered the installation " + Printable(ToUtf8(own)),
+                    {{"directory", ToUtf8(own)}});
+    }
+    if (FileExists(*directory + kServiceProgram)) return;
+    Failure failure{Exit::NoService,
+                    "the installation directory " + ToUtf8(*directory) + " does not hold " + kServiceProgram, "",
+                    "install the product there"};
+    if (*directory != own && FileExists(own + kServiceProgram)) {
+        failure.next = R"(if it moved, register this one: oriel reg set 'HKLM\)" + std::string(kProductKey) + "' " +
+                       kDirectoryValue + " '" + ToUtf8(own) + "'";
+    }
+    throw failure;
+}
+
+// ---- the service
+
+SERVICE_STATUS Query(const ServiceHandle& service) {
+    SERVICE_STATUS status{};
+    if (!QueryServiceStatus(service.Get(), &status))
+        throw SystemFailure(GetLastError(), "cannot ask for the state of the service");
+    return status;
+}
+
+// Polls until the service has the state, fails to reach it, or the user wants to stop. True when it has the state.
+bool WaitForState(const ServiceHandle& service, DWORD pending, DWORD wanted, bool stoppable) {
+    const DWORD started = GetTickCount();
+    for (;;) {
+        const SERVICE_STATUS status = Query(service);
+        if (status.dwCurrentState == wanted) return true;
+        if (status.dwCurrentState != pending) {
+            const DWORD code = status.dwWin32ExitCode ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
+            Failure failure = SystemFailure(code, "the status database service did not start");
+            failure.exitCode = Exit::NoService;
+            throw failure;
+        }
+        if (GetTickCount() - started > kStartMs) {
+            throw SystemFailure(ERROR_SERVICE_REQUEST_TIMEOUT, wanted == SERVICE_RUNNING
+                                                                   ? "the status database service is still starting"
+                                                                   : "the status database service is still stopping");
+        }
+        if (!stoppable) {
+            Sleep(kPollMs);
+        } else if (WaitForSingleObject(g_stop, kPollMs) == WAIT_OBJECT_0) {
+            return false;
+        }
+    }
+}
+
+std::string ServiceImage() {
+    return "\"" + *InstalledDirectory() + kServiceProgram + "\"";
+}
+
+ServiceHandle CreateTheService() {
+    const std::string what = "cannot create the service " + std::string(kServiceName);
+    const ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
+    if (!manager) throw SystemFailure(GetLastError(), what);
+    ServiceHandle service(CreateServiceA(manager.Get(), kServiceName, kServiceDisplayName,
+                                         SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS, SERVICE_WIN32_OWN_PROCESS,
+                                         SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, ServiceImage().c_str(), nullptr,
+                                         nullptr, nullptr, nullptr, nullptr));
+    if (!service) throw SystemFailure(GetLastError(), what);
+    return service;
+}
+
+// The service, created when it is missing, and anew when it does not run and would start a program of another place.
+ServiceHandle TheService(const Teller& teller) {
+    const ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!manager) throw SystemFailure(GetLastError(), "cannot reach the service control manager");
+    constexpr DWORD kAccess = SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS;
+    ServiceHandle service(OpenServiceA(manager.Get(), kServiceName, kAccess));
+    if (!service && GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST)
+        throw SystemFailure(GetLastError(), "cannot open the service " + std::string(kServiceName));
+    if (service) {
+        const std::string image = ReadText(HKEY_LOCAL_MACHINE, kServiceKey, "ImagePath").value_or("");
+        if (image == ServiceImage() || Query(service).dwCurrentState != SERVICE_STOPPED) return service;
+        const ServiceHandle old(OpenServiceA(manager.Get(), kServiceName, DELETE));
+        if (!old || !DeleteService(old.Get()))
+            throw SystemFailure(GetLastError(), "cannot replace the service " + std::string(kServiceName));
+    }
+    service = CreateTheService();
+    teller.Tell("service-created", "created the service " + std::string(kServiceName), {{"service", kServiceName}});
+    return service;
+}
+
+// True when the service runs in the end, false when the user wanted to stop first.
+bool Start(const ServiceHandle& service) {
+    if (!StartServiceA(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING)
+        throw SystemFailure(GetLastError(), "cannot start the status database service");
+    return WaitForState(service, SERVICE_START_PENDING, SERVICE_RUNNING, true);
+}
+
+void Stop(const ServiceHandle& service) {
+    SERVICE_STATUS status{};
+    if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
+        if (GetLastError() == ERROR_SERVICE_NOT_ACTIVE) return;
+        throw SystemFailure(GetLastError(), "cannot stop the status database service");
+    }
+    WaitForState(service, SERVICE_STOP_PENDING, SERVICE_STOPPED, false);
+}
+
+// Watches the service until the user wants to stop, and starts it again when it ended. startedHere: set when it did.
+void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
+    DWORD pause = kFirstPauseMs;
+    DWORD runningSince = GetTickCount();
+    while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
+        const SERVICE_STATUS status = Query(service);
+        if (status.dwCurrentState != SERVICE_STOPPED) continue;
+
+        if (GetTickCount() - runningSince > kHealthyMs) pause = kFirstPauseMs;
+        PrintError({Exit::NoService, "the status database service ended", "",
+                    "starting it again in " + std::to_string(pause) + " ms", status.dwWin32ExitCode});
+        teller.Tell("service-ended", "the status database service ended",
+                    {{"code", status.dwWin32ExitCode}, {"pauseMs", pause}});
+        if (WaitForSingleObject(g_stop, pause) == WAIT_OBJECT_0) return;
+        pause = std::min(pause * 2, kLongestPauseMs);
+        try {
+            startedHere = true;
+            if (!Start(service)) return;
+            runningSince = GetTickCount();
+            teller.Tell("service-started", "the status database service runs again");
+        } catch (const Failure& failure) {
+            PrintError(failure);
+        }
+    }
+}
+
+// Says that the product is initialised for as long as it lives.
+struct InitialisedSignal {
+    InitialisedSignal() {
+        EveryoneSecurity everyone;
+        m_event = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, SharedName(kInitialisedEvent).c_str()));
+        if (!m_event || !SetEvent(m_event.Get()))
+            throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
+    }
+    ~InitialisedSignal() { ResetEvent(m_event.Get()); } // others may have it open
+
+private:
+    KernelHandle m_event;
+};
+
+// Owned from construction to its end, or Held() is false: another process holds it.
+struct UpMutex {
+    UpMutex() {
+        EveryoneSecurity everyone;
+        m_mutex = KernelHandle(CreateMutexA(&everyone.attributes, FALSE, kUpMutex));
+        if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
+        const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);
+        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
+    }
+    ~UpMutex() {
+        if (m_held) ReleaseMutex(m_mutex.Get());
+    }
+    bool Held() const { return m_held; }
+
+private:
+    KernelHandle m_mutex;
+    bool m_held = false;
+};
+
+} // namespace
+
+Exit UpCommand(bool quiet) {
+    const Teller teller{quiet};
+    const KernelHandle stop(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    if (!stop) throw SystemFailure(GetLastError(), "cannot create an event");
+    g_stop = stop.Get();
+    if (!SetConsoleCtrlHandler(OnConsoleControl, TRUE)) throw SystemFailure(GetLastError(), "cannot take over Ctrl-C");
+
+    const UpMutex mutex;
+    if (!mutex.Held())
+        throw Failure{Exit::False, "the product is already up, in another process", "", "'oriel status' shows it"};
+    RegisterInstallation(teller);
+    const ServiceHandle service = TheService(teller);
+    bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;
+    if (Start(service)) {
+        teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
+        const InitialisedSignal initialised;
+        teller.Tell("up", "the product is up; Ctrl-C stops it");
+        KeepRunning(service, teller, startedHere);
+    }
+    teller.Tell("stopping", "stopping");
+    if (startedHere) Stop(service);
+    teller.Tell("stopped", startedHere ? "stopped" : "stopped; the service, which ran before, still runs");
+    return Exit::Done;
+}

@@ -1,0 +1,74 @@
+/* A reader that keeps its manager open: for each variable that is named on a line of standard input it prints a line with
+ * the value, until the input ends. Values that another process writes meanwhile are seen at once.
+ *
+ *     reader "printer name" */
+#include <stdio.h>
+#include <string.h>
+
+#include <tvsqdz.h>
+#include <tvsqdz_variables.h>
+
+enum type { NUMBER, STRING, RECORD, VARIABLE, COMPOSITE };
+
+struct built_in {
+    const char* name;
+    enum type type;
+};
+#define ROW(name, type, size) {#name, type},
+static const struct built_in built_ins[] = {TVS_BUILT_IN_VARIABLES(ROW)};
+
+/* A variable of the printer's model is in no list: what has the size of a number is shown as one. */
+static enum type type_of(const char* name, uint32_t size) {
+    for (size_t i = 0; i < sizeof built_ins / sizeof *built_ins; ++i)
+        if (strcmp(built_ins[i].name, name) == 0) return built_ins[i].type;
+    return size == 4 ? NUMBER : RECORD;
+}
+
+static void print_value(const char* name, const unsigned char* value, uint32_t size) {
+    uint32_t number;
+
+    switch (type_of(name, size)) {
+    case NUMBER:
+        memcpy(&number, value, sizeof number);
+        printf("%u", number);
+        break;
+    case STRING:
+        printf("%.*s", (int)size, (const char*)value);
+        break;
+    default:
+        for (uint32_t i = 0; i < size; ++i) printf("%s%02x", i ? " " : "", value[i]);
+    }
+    printf("\n");
+}
+
+int main(int argc, char** argv) {
+    TvsManager manager;
+    char name[256];
+
+    if (argc != 2) {
+        fprintf(stderr, "usage: reader \"printer name\"\n");
+        return 2;
+    }
+    int32_t status = OpenManagerExA(argv[1], NULL, 3, &manager);
+    if (status != TVS_OK) {
+        fprintf(stderr, "reader: cannot open a manager: status %d; is the product up? see: oriel status\n", (int)status);
+        return 1;
+    }
+    printf("open\n");
+    fflush(stdout);
+    while (fgets(name, sizeof name, stdin)) {
+        unsigned char value[4096];
+        uint32_t size;
+
+        name[strcspn(name, "\n")] = '\0';
+        status = GetPrinterStatusA(manager, name, value, sizeof value, &size);
+        if (status == TVS_OK || (status == TVS_E_SIZE && size <= sizeof value)) {
+            print_value(name, value, size);
+        } else {
+            printf("status %d\n", (int)status);
+        }
+        fflush(stdout);
+    }
+    CloseManager(manager);
+    return 0;
+}
