@@ -188,6 +188,7 @@ SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
 
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
     if (RefusedFlags(flags, GPTR)) return nullptr;
+    const oriel::TerminationHold whole;
     // A block of 0 bytes is a block.
     const size_t size = bytes == 0 ? 1 : bytes;
     void* memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
@@ -196,6 +197,7 @@ HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
 }
 
 HGLOBAL WINAPI GlobalFree(HGLOBAL memory) {
+    const oriel::TerminationHold whole;
     std::free(memory);
     return nullptr;
 }

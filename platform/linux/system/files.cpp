@@ -1,0 +1,131 @@
+// Files, as far as their existence and the name of the executable.
+#include "kernel/errors.h"
+#include "kernel/handles.h"
+#include "text/paths.h"
+#include "text/strings.h"
+
+#include <errhandlingapi.h>
+#include <fileapi.h>
+#include <libloaderapi.h>
+#include <sysinfoapi.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct FileObject : oriel::Object {
+    int descriptor;
+};
+
+void DropFile(oriel::Object* object) {
+    if (!oriel::LastReference(object)) return;
+    auto* file = static_cast<FileObject*>(object);
+    close(file->descriptor);
+    delete file;
+}
+
+constexpr oriel::ObjectType kFileType{.name = "file", .drop = DropFile};
+
+HANDLE NoFile(DWORD error) {
+    SetLastError(error);
+    return INVALID_HANDLE_VALUE;
+}
+
+// What Windows answers for a file that cannot be opened: a missing folder on the way is told from a missing file.
+DWORD OpenError(int error, const std::string& path) {
+    if (error == ENOTDIR) return ERROR_PATH_NOT_FOUND;
+    if (error != ENOENT) return oriel::SystemError(error);
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return access(folder.c_str(), F_OK) == 0 ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+}
+
+HANDLE OpenFile(const std::string& path) {
+    // Not blocking: the name may be that of a FIFO. Not a terminal: opening one must not make it ours.
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (descriptor < 0) return NoFile(OpenError(errno, path));
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0 || S_ISDIR(status.st_mode)) {
+        close(descriptor);
+        return NoFile(ERROR_ACCESS_DENIED);
+    }
+    auto* file = new (std::nothrow) FileObject{{&kFileType}, descriptor};
+    if (file == nullptr) {
+        close(descriptor);
+        return NoFile(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    HANDLE handle = oriel::NewHandle(file, GENERIC_READ);
+    return handle != nullptr ? handle : INVALID_HANDLE_VALUE;
+}
+
+// UTF-8; empty on failure.
+std::string ExecutablePath() {
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+    if (length <= 0 || length == sizeof path) return {};
+    std::string_view name(path, static_cast<size_t>(length));
+    // An executable that was replaced while it ran, by an update of the product, keeps its name.
+    constexpr std::string_view kDeleted = " (deleted)";
+    if (name.ends_with(kDeleted) && access(std::string(name).c_str(), F_OK) != 0) name.remove_suffix(kDeleted.size());
+    return std::string(name);
+}
+
+} // namespace
+
+HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+                          DWORD disposition, DWORD attributes, HANDLE templateFile) {
+    const bool asked = access == GENERIC_READ && shareMode == FILE_SHARE_READ && security == nullptr &&
+                       disposition == OPEN_EXISTING && templateFile == nullptr &&
+                       (attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL | FILE_FLAG_NO_BUFFERING)) == 0;
+    if (!asked || fileName == nullptr) return NoFile(ERROR_INVALID_PARAMETER);
+    try {
+        const std::string path = oriel::UnixPath(fileName);
+        return path.empty() ? NoFile(ERROR_INVALID_NAME) : OpenFile(path);
+    } catch (const std::bad_alloc&) {
+        return NoFile(ERROR_NOT_ENOUGH_MEMORY);
+    }
+}
+
+DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
+    if (module != nullptr) {
+        SetLastError(ERROR_MOD_NOT_FOUND);
+        return 0;
+    }
+    if (fileName == nullptr || size == 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    try {
+        std::string path = ExecutablePath();
+        std::replace(path.begin(), path.end(), '/', '\\'); // in UTF-8, where no slash is part of another character
+        path = oriel::Utf8ToAnsi(path);
+        if (path.empty()) {
+            SetLastError(ERROR_PATH_NOT_FOUND);
+            return 0;
+        }
+        const size_t length = std::min<size_t>(path.size(), size - 1);
+        std::memcpy(fileName, path.data(), length);
+        fileName[length] = '\0';
+        if (length == path.size()) return static_cast<DWORD>(length);
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return size;
+    } catch (const std::bad_alloc&) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return 0;
+    }
+}
+
+BOOL WINAPI DisableThreadLibraryCalls(HMODULE module) {
+    if (module != nullptr) return TRUE;
+    SetLastError(ERROR_MOD_NOT_FOUND);
+    return FALSE;
+}
