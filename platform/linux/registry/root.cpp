@@ -1,0 +1,132 @@
+#include "registry/root.h"
+
+#include "directories.h"
+
+#include <cerrno>
+#include <ctime>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace oriel {
+namespace {
+
+// Numbers of keys are never used again, so that a handle of a deleted key finds nothing. Paths are folded and whole: a
+// key is found by one look-up, however deep it lies. Rows of both tables are in the order of their creation.
+constexpr const char* kSchema = R"(
+CREATE TABLE keys(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    parent INTEGER NOT NULL,
+    path BLOB NOT NULL UNIQUE,
+    name BLOB NOT NULL,
+    written INTEGER NOT NULL);
+CREATE INDEX subkeys ON keys(parent);
+CREATE TABLE vals(
+    id INTEGER PRIMARY KEY,
+    key INTEGER NOT NULL,
+    folded BLOB NOT NULL,
+    name BLOB NOT NULL,
+    type INTEGER NOT NULL,
+    data BLOB NOT NULL,
+    UNIQUE(key, folded));
+CREATE INDEX valuesofkey ON vals(key);
+INSERT INTO keys(id, parent, path, name, written) VALUES(1, 0, x'', x'', 0);
+)";
+
+constexpr const char* kRegistryStatements[] = {
+    "SELECT id, EXISTS(SELECT 1 FROM keys WHERE id = ?2) FROM keys WHERE path = ?1",
+    "SELECT parent, name FROM keys WHERE id = ?1",
+    "INSERT INTO keys(parent, path, name, written) VALUES(?1, ?2, ?3, ?4) RETURNING id",
+    "UPDATE keys SET written = ?1 WHERE id = ?2",
+    "DELETE FROM keys WHERE id = ?1",
+    "SELECT COUNT(*) FROM keys WHERE parent = ?1",
+    "SELECT name, written FROM keys WHERE parent = ?1 ORDER BY id LIMIT 1 OFFSET ?2",
+    "SELECT written, (SELECT COUNT(*) FROM keys WHERE parent = ?1),"
+    " (SELECT MAX(LENGTH(name)) FROM keys WHERE parent = ?1), COUNT(vals.id), MAX(LENGTH(vals.name)),"
+    " MAX(LENGTH(vals.data)) FROM keys LEFT JOIN vals ON vals.key = keys.id WHERE keys.id = ?1 GROUP BY keys.id",
+    "SELECT id, name FROM keys WHERE parent = ?1 ORDER BY id",
+    "SELECT type, data FROM vals WHERE key = ?1 AND folded = ?2",
+    "INSERT INTO vals(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5)"
+    " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data",
+    "DELETE FROM vals WHERE key = ?1 AND folded = ?2",
+    "DELETE FROM vals WHERE key = ?1",
+    "SELECT name, type, data FROM vals WHERE key = ?1 ORDER BY id LIMIT 1 OFFSET ?2",
+    "SELECT name, type, data FROM vals WHERE key = ?1 ORDER BY id",
+    "DELETE FROM vals WHERE key IN (SELECT id FROM keys WHERE path = ?1 OR (path > ?2 AND path < ?3))",
+    "DELETE FROM keys WHERE path = ?1 OR (path > ?2 AND path < ?3)",
+};
+
+bool IsOwned(const struct stat& directory) {
+    return S_ISDIR(directory.st_mode) && directory.st_uid == geteuid();
+}
+
+// A directory with exactly this mode, whatever the umask. One that exists keeps its own.
+bool MakeDirectory(const std::string& path, mode_t mode) {
+    if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
+    return chmod(path.c_str(), mode) == 0;
+}
+
+std::string RegistryDirectory(bool create) {
+    const std::string& state = StateDirectory();
+    if (state.empty()) return {};
+    const std::string registry = state + "/registry";
+    // Only the state directory's owner (or root) makes the folders, so that the others find them shared.
+    struct stat directory {};
+    if (create && stat(state.c_str(), &directory) == 0 && (IsOwned(directory) || geteuid() == 0)) {
+        if (!MakeDirectory(registry, 0755) || !MakeDirectory(registry + "/users", 01777)) return {};
+    }
+    return registry;
+}
+
+std::string MachinePath(bool create) {
+    const std::string registry = RegistryDirectory(create);
+    return registry.empty() ? registry : registry + "/HKLM.sqlite";
+}
+
+std::string UserPath(bool create) {
+    const std::string registry = RegistryDirectory(create);
+    if (registry.empty()) return registry;
+    const std::string own = registry + "/users/" + std::to_string(geteuid());
+    if (create && !MakeDirectory(own, 0700)) return {};
+    // Anybody may make a directory of this name in a shared folder; what lies in another's is not believed.
+    struct stat directory {};
+    if (lstat(own.c_str(), &directory) == 0 && (!IsOwned(directory) || (directory.st_mode & 022) != 0)) return {};
+    return own + "/HKCU.sqlite";
+}
+
+constexpr int kApplicationId = 0x4f724847; // "OrHG"
+constexpr int kVersion = 1;
+
+constexpr DatabaseKind kMachineKind = {
+    .applicationId = kApplicationId,
+    .version = kVersion,
+    .schema = kSchema,
+    .statements = kRegistryStatements,
+    .mode = 0644,
+    .path = MachinePath,
+};
+constexpr DatabaseKind kUserKind = {
+    .applicationId = kApplicationId,
+    .version = kVersion,
+    .schema = kSchema,
+    .statements = kRegistryStatements,
+    .mode = 0600,
+    .path = UserPath,
+};
+
+Database& g_machine = *new Database(kMachineKind, DatabaseRank::kMachineRegistry);
+Database& g_user = *new Database(kUserKind, DatabaseRank::kUserRegistry);
+
+} // namespace
+
+Database& StoreOf(Root root) {
+    return root == Root::kMachine ? g_machine : g_user;
+}
+
+int64_t TimeNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    constexpr int64_t kSecondsFrom1601To1970 = 11644473600;
+    return (now.tv_sec + kSecondsFrom1601To1970) * 10000000 + now.tv_nsec / 100;
+}
+
+} // namespace oriel
