@@ -1,0 +1,41 @@
+// The clients: one group for each client process, which is an association of the RPC run-time. What a group holds
+// belongs to it and goes with it. State: the association's context; the number of groups, in clients.cpp.
+#pragma once
+
+#include "handles.h"
+
+struct Watch; // watches.h
+
+inline constexpr DWORD kNoHandleSlot = kHandleSlots;
+
+struct Group {
+    Account* account = nullptr;
+    DWORD firstHandleSlot = kNoHandleSlot; // guarded by the lock of handles.cpp
+    Watch* watches = nullptr;              // guarded by the lock of watches.cpp
+};
+
+// The group of the call in progress, made at the first call of its process. It stays until the call returns. Null:
+// *fault is the run-time's code to raise.
+Group* CallingGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault);
+
+// The database of a handle, for one call. While the database is not ready its lock is held, so that it cannot be given
+// up in the middle of the call.
+class DatabaseUse {
+public:
+    DatabaseUse(const Group& group, DWORD handle);
+    ~DatabaseUse();
+    DatabaseUse(const DatabaseUse&) = delete;
+    DatabaseUse& operator=(const DatabaseUse&) = delete;
+
+    explicit operator bool() const { return m_database != nullptr; } // false: kUnknownDatabase
+    Database& operator*() const { return *m_database; }
+    Database* operator->() const { return m_database; }
+    bool IsReady() const { return !m_locked; }
+
+private:
+    Database* m_database;
+    bool m_locked = false;
+};
+
+// Whether every client is gone.
+bool NoClientsAreLeft();

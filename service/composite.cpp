@@ -1,0 +1,170 @@
+#include "composite.h"
+
+#include "bounds.h"
+#include "signals.h"
+
+#include <algorithm>
+#include <new>
+
+using namespace dblink;
+
+namespace {
+
+// The variables that a composite comes down to, in order.
+struct Parts {
+    const Variable* variables[kCompositePartsMax];
+    DWORD count = 0;
+    DWORD visits = 0; // of members, whether they contribute or not: what a list of composites can cost
+    bool tooMany = false;
+};
+
+Variable* Resolved(const Database& database, MemberList::Member& member) {
+    Variable* variable = member.variable.load(std::memory_order_acquire);
+    if (variable) return variable;
+    variable = FindVariable(database, member.name->Text());
+    member.variable.store(variable, std::memory_order_release); // all who find it store the same
+    return variable;
+}
+
+void Gather(const Database& database, const Variable& composite, DWORD depth, Parts& parts) {
+    MemberList* list = composite.members.load(std::memory_order_acquire);
+    for (DWORD i = 0; list && i < list->count; ++i) {
+        if (++parts.visits > kCompositePartsMax) {
+            parts.tooMany = true;
+            return;
+        }
+        const Variable* variable = Resolved(database, list->Members()[i]);
+        if (!variable) continue;
+        if (variable->type != kTypeComposite)
+            parts.variables[parts.count++] = variable;
+        else if (depth < kCompositeDepthMax)
+            Gather(database, *variable, depth + 1, parts);
+    }
+}
+
+// Appends the parts' values; false when they come to more than any value may have.
+bool CopyParts(const Parts& parts, BYTE* out, DWORD capacity, ValueState* state) {
+    state->size = 0;
+    for (DWORD i = 0; i < parts.count; ++i) {
+        const DWORD used = std::min(state->size, capacity);
+        const ValueState part = CopyValue(*parts.variables[i], out + used, capacity - used);
+        state->size += part.size;
+        state->writeTime = std::max(state->writeTime, part.writeTime);
+        if (state->size > kValueSizeMax) return false;
+    }
+    return true;
+}
+
+bool Unchanged(const Parts& parts, const DWORD* sequences) {
+    for (DWORD i = 0; i < parts.count; ++i)
+        if (SequenceNow(*parts.variables[i]) != sequences[i]) return false;
+    return true;
+}
+
+// Writers of all parts stand still while it lives. Locks are taken in their order, so that two of these cannot meet.
+class PartsHold {
+public:
+    explicit PartsHold(const Parts& parts) UNCHECKED_LOCKS {
+        for (DWORD i = 0; i < parts.count; ++i)
+            m_locks |= 1ULL << WriterLockOf(*parts.variables[i]);
+        for (DWORD lock = 0; lock < kWriterLocks; ++lock)
+            if (m_locks >> lock & 1) g_writerLocks[lock].Enter();
+    }
+    ~PartsHold() UNCHECKED_LOCKS {
+        for (DWORD lock = 0; lock < kWriterLocks; ++lock)
+            if (m_locks >> lock & 1) g_writerLocks[lock].Leave();
+    }
+
+private:
+    static_assert(kWriterLocks <= 64);
+    ULONGLONG m_locks = 0;
+};
+
+ServiceStatus ReadComposite(const Database& database, const Variable& composite, BYTE* out, DWORD capacity,
+                            ValueState* state) {
+    Parts parts;
+    Gather(database, composite, 1, parts);
+    if (parts.tooMany) return kLimitReached;
+    const ULONGLONG ownTime = ReadWriteTime(composite); // a floor: when it was made, or its list was set
+    DWORD sequences[kCompositePartsMax];
+    bool fits = false;
+    bool consistent = false;
+    for (int tries = 0; tries < kReadTries && !consistent; ++tries) {
+        for (DWORD i = 0; i < parts.count; ++i)
+            sequences[i] = SequenceBegin(*parts.variables[i]);
+        state->writeTime = ownTime;
+        fits = CopyParts(parts, out, capacity, state);
+        consistent = Unchanged(parts, sequences);
+    }
+    if (!consistent) {
+        const PartsHold hold{parts};
+        state->writeTime = ownTime;
+        fits = CopyParts(parts, out, capacity, state);
+    }
+    return fits ? kDone : kLimitReached;
+}
+
+// The next name of a member list, taken off it.
+std::string_view NextName(std::string_view& list) {
+    const size_t length = std::min(list.find(';'), list.size());
+    const std::string_view name = list.substr(0, length);
+    list.remove_prefix(std::min(length + 1, list.size()));
+    return name;
+}
+
+ServiceStatus CountNames(std::string_view list, DWORD* count) {
+    *count = 0;
+    while (!list.empty()) {
+        const std::string_view name = NextName(list);
+        if (name.size() > kVariableNameMax) return kBadName;
+        if (!name.empty()) ++*count;
+    }
+    return *count <= kCompositeMembersMax ? kDone : kLimitReached;
+}
+
+} // namespace
+
+ServiceStatus SetCompositeMembers(Database& database, Account& account, std::string_view composite,
+                                  std::string_view list) {
+    if (list.size() > kMemberListMax) return kLimitReached;
+    LockHold hold{database.lock};
+    Variable* variable = FindVariable(database, composite);
+    if (!variable) return kUnknownVariable;
+    if (variable->type != kTypeComposite) return kBadArgument;
+    DWORD count = 0;
+    ServiceStatus status = CountNames(list, &count);
+    if (status != kDone) return status;
+    void* piece = database.arena.Take(account, sizeof(MemberList) + count * sizeof(MemberList::Member),
+                                      alignof(MemberList::Member), &status);
+    if (!piece) return status;
+    auto* members = new (piece) MemberList{count};
+    for (DWORD i = 0; i < count;) {
+        const std::string_view text = NextName(list);
+        if (text.empty()) continue;
+        const Name* name = InternName(account, text, &status);
+        if (!name) return status;
+        new (&members->Members()[i++]) MemberList::Member{name, FindVariable(database, text)};
+    }
+    variable->members.store(members, std::memory_order_release);
+    TouchWriteTime(*variable);
+    SignalWritten(database, *variable, true);
+    return kDone;
+}
+
+ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, BYTE* out, DWORD capacity,
+                           ValueState* state) {
+    ServiceStatus status = kDone;
+    if (variable.type == kTypeComposite)
+        status = ReadComposite(database, variable, out, capacity, state);
+    else
+        *state = ReadValue(variable, out, capacity);
+    if (status == kDone && state->size > capacity) return kBufferTooSmall;
+    return status;
+}
+
+bool IsComposedOf(const Database& database, const Variable& composite, const Variable& variable) {
+    Parts parts;
+    Gather(database, composite, 1, parts);
+    const Variable** end = parts.variables + parts.count;
+    return std::find(parts.variables, end, &variable) != end;
+}

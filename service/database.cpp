@@ -1,0 +1,219 @@
+#include "database.h"
+
+#include "bounds.h"
+#include "clock.h"
+#include "kernel_objects.h"
+#include "signals.h"
+
+#include <new>
+#include <string.h>
+
+using namespace dblink;
+
+namespace {
+
+constexpr DWORD kTableBuckets = 4096;
+
+Lock g_tableLock; // who adds a database or starts one afresh; before a database's own lock
+std::atomic<Database*> g_table[kTableBuckets];
+
+std::atomic<Database*>& BucketOf(std::string_view name) {
+    return g_table[HashOf(name) % kTableBuckets];
+}
+
+void BeginInitialisation(Database& database, DWORD handle) {
+    LockHold hold{database.lock};
+    database.created = WriteTimeNow();
+    database.creatorHandle = handle;
+    database.initialisedEvent = CreateInitialisedEvent(database.name);
+    database.state.store(DatabaseState::Initialising, std::memory_order_release);
+}
+
+void ReleaseContents(Database& database) NEEDS(database.lock) {
+    for (std::atomic<Variable*>& bucket : database.buckets)
+        bucket.store(nullptr, std::memory_order_relaxed);
+    database.variableCount.store(0, std::memory_order_relaxed);
+    database.arena.Release();
+}
+
+// Lets go those who wait for the database: they ask again.
+void EndWaiting(Database& database) NEEDS(database.lock) {
+    if (!database.initialisedEvent) return;
+    SetEvent(database.initialisedEvent);
+    CloseHandle(database.initialisedEvent);
+    database.initialisedEvent = nullptr;
+}
+
+// A given-up database goes over to who creates it now.
+ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) NEEDS(g_tableLock) {
+    if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
+    GiveBack(*database.account, kShareDatabases, 1);
+    database.account = &account;
+    BeginInitialisation(database, handle);
+    return kDone;
+}
+
+// A variable of a name that the database does not have yet.
+ServiceStatus AddVariable(Database& database, Account& account, std::string_view name, DatabaseType type,
+                          DWORD sizeLimit, const BYTE* bytes, DWORD size, Variable** added) NEEDS(database.lock) {
+    if (name.size() > kVariableNameMax) return kBadName;
+    if (database.variableCount.load(std::memory_order_relaxed) == kVariablesPerDatabase) return kLimitReached;
+    ServiceStatus status = kDone;
+    const Name* interned = InternName(account, name, &status);
+    if (!interned) return status;
+    ValueBlock* block = nullptr;
+    if (type != kTypeComposite) {
+        const DWORD capacity = type == kTypeVariableLength ? size : sizeLimit;
+        block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
+        if (!block) return status;
+    }
+    void* piece = database.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
+    if (!piece) return status;
+    auto* variable = new (piece) Variable{};
+    variable->name = interned;
+    variable->hash = interned->hash;
+    variable->type = static_cast<BYTE>(type);
+    variable->sizeLimit = sizeLimit;
+    variable->block.store(block, std::memory_order_relaxed);
+    TouchWriteTime(*variable);
+    std::atomic<Variable*>& bucket = database.buckets[variable->hash % Database::kBuckets];
+    variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    bucket.store(variable, std::memory_order_release);
+    database.variableCount.fetch_add(1, std::memory_order_relaxed);
+    *added = variable;
+    return kDone;
+}
+
+// The first write to the companion of a variable: it takes the same values.
+ServiceStatus WriteNewCompanion(Database& database, Account& account, std::string_view name, const BYTE* bytes,
+                                DWORD size) {
+    if (name.size() < 2 || name.back() != 'W') return kUnknownVariable;
+    const Variable* base = FindVariable(database, name.substr(0, name.size() - 1));
+    if (!base || base->companion || base->type == kTypeComposite) return kUnknownVariable;
+    const ServiceStatus sizeStatus = CheckValueSize(*base, size);
+    if (sizeStatus != kDone) return sizeStatus;
+    LockHold hold{database.lock};
+    if (FindVariable(database, name)) return kVariableExists;
+    Variable* companion = nullptr;
+    const ServiceStatus status = AddVariable(database, account, name, static_cast<DatabaseType>(base->type),
+                                             base->sizeLimit, bytes, size, &companion);
+    if (status != kDone) return status;
+    companion->companion = true;
+    SignalWritten(database, *companion, true);
+    return kDone;
+}
+
+} // namespace
+
+Database* FindDatabase(std::string_view name) {
+    Database* database = BucketOf(name).load(std::memory_order_acquire);
+    while (database && database->name != name)
+        database = database->next;
+    return database;
+}
+
+ServiceStatus CreateDatabase(Account& account, std::string_view name, DWORD handle, Database** created) {
+    if (name.empty() || name.size() > kDatabaseNameMax || name.find('\\') != name.npos) return kBadName;
+    LockHold hold{g_tableLock};
+    if (Database* database = FindDatabase(name)) {
+        if (database->state.load(std::memory_order_acquire) != DatabaseState::GivenUp) return kDatabaseExists;
+        *created = database;
+        return StartAfresh(*database, account, handle);
+    }
+    if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
+    Database* database = new (std::nothrow) Database;
+    if (!database) {
+        GiveBack(account, kShareDatabases, 1);
+        return kOutOfMemory;
+    }
+    memcpy(database->name, name.data(), name.size());
+    database->account = &account;
+    BeginInitialisation(*database, handle);
+    std::atomic<Database*>& bucket = BucketOf(name);
+    database->next = bucket.load(std::memory_order_relaxed);
+    bucket.store(database, std::memory_order_release);
+    *created = database;
+    return kDone;
+}
+
+ULONGLONG CreationTime(Database& database) {
+    LockHold hold{database.lock};
+    return database.created;
+}
+
+ServiceStatus EndInitialisation(Database& database, DWORD handle) {
+    LockHold hold{database.lock};
+    if (database.state.load(std::memory_order_relaxed) != DatabaseState::Initialising ||
+        database.creatorHandle != handle)
+        return kNotCreator;
+    database.state.store(DatabaseState::Ready, std::memory_order_release);
+    EndWaiting(database);
+    return kDone;
+}
+
+void HandleIsGone(Database& database, DWORD handle) {
+    if (database.state.load(std::memory_order_acquire) == DatabaseState::Initialising) {
+        LockHold hold{database.lock};
+        if (database.state.load(std::memory_order_relaxed) == DatabaseState::Initialising &&
+            database.creatorHandle == handle) {
+            ReleaseContents(database);
+            database.state.store(DatabaseState::GivenUp, std::memory_order_release);
+            EndWaiting(database);
+        }
+    }
+    database.openHandles.fetch_sub(1);
+}
+
+Variable* FindVariable(const Database& database, std::string_view name) {
+    const DWORD hash = HashOf(name);
+    Variable* variable = database.buckets[hash % Database::kBuckets].load(std::memory_order_acquire);
+    while (variable && !(variable->hash == hash && variable->name->Text() == name))
+        variable = variable->next.load(std::memory_order_relaxed);
+    return variable;
+}
+
+ServiceStatus CreateVariable(Database& database, Account& account, std::string_view name, DatabaseType type,
+                             const BYTE* bytes, DWORD size) {
+    if (name.empty()) return kBadName;
+    if (type >= kTypeCount) return kBadArgument;
+    if (type == kTypeComposite ? size != 0 : size == 0 && type != kTypeVariableLength) return kWrongSize;
+    if (size > kValueSizeMax) return kLimitReached;
+    LockHold hold{database.lock};
+    if (FindVariable(database, name)) return kVariableExists;
+    Variable* variable = nullptr;
+    const DWORD sizeLimit = type == kTypeVariableLength ? kValueSizeMax : size;
+    const ServiceStatus status = AddVariable(database, account, name, type, sizeLimit, bytes, size, &variable);
+    if (status != kDone) return status;
+    SignalWritten(database, *variable, true); // to those who watch a composite that lists it
+    return kDone;
+}
+
+ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,
+                            DWORD size) {
+    Variable* variable = FindVariable(database, name);
+    if (!variable) {
+        const ServiceStatus status = WriteNewCompanion(database, account, name, bytes, size);
+        if (status != kVariableExists) return status;
+        variable = FindVariable(database, name); // made by another call meanwhile
+    }
+    const ServiceStatus sizeStatus = CheckValueSize(*variable, size);
+    if (sizeStatus != kDone) return sizeStatus;
+    bool changed = false;
+    const ServiceStatus status = WriteValue(*variable, database.arena, account, bytes, size, &changed);
+    if (status == kDone) SignalWritten(database, *variable, changed);
+    return status;
+}
+
+void ReleaseDatabases() {
+    LockHold hold{g_tableLock};
+    for (std::atomic<Database*>& bucket : g_table) {
+        Database* database = bucket.exchange(nullptr);
+        while (database) {
+            Database* next = database->next;
+            Account& account = *database->account;
+            delete database; // its arena gives its own charges back
+            GiveBack(account, kShareDatabases, 1);
+            database = next;
+        }
+    }
+}

@@ -1,0 +1,39 @@
+#include "kernel_objects.h"
+
+using namespace dblink;
+
+namespace {
+
+bool g_terminalServer = false;
+
+HANDLE CreateEventForEveryone(const char* name) {
+    if (!name[0]) return nullptr;
+    SECURITY_DESCRIPTOR descriptor;
+    if (!InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION) ||
+        !SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE))
+        return nullptr;
+    SECURITY_ATTRIBUTES everyone{sizeof everyone, &descriptor, FALSE};
+    return CreateEventA(&everyone, TRUE, FALSE, name);
+}
+
+} // namespace
+
+void InitialiseObjectNames() {
+    OSVERSIONINFOA version = {};
+    version.dwOSVersionInfoSize = sizeof version;
+    HANDLE heap = HeapCreate(0, 0, 0);
+    g_terminalServer =
+        heap && GetVersionExA(&version) && IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, heap);
+    if (heap) HeapDestroy(heap);
+}
+
+HANDLE CreateInitialisedEvent(std::string_view database) {
+    HANDLE event = CreateEventForEveryone(InitializedEventName(database).text);
+    // Somebody who waited for a database of that name before may still hold the event, set.
+    if (event) ResetEvent(event);
+    return event;
+}
+
+HANDLE CreateVariableEvent(std::string_view database, std::string_view variable, VariableSignal signal) {
+    return CreateEventForEveryone(VariableEventName(g_terminalServer, database, variable, signal).text);
+}

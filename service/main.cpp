@@ -1,0 +1,101 @@
+// TVSDBN.EXE, the status database service: the Windows service "TVORSDB". It keeps all databases in memory and serves
+// them over the interface of dblink/interface.h until it is asked to stop. State: the handle of its status, the stop
+// event and how it ended, here.
+#include "clients.h"
+#include "kernel_objects.h"
+#include "procedures.h"
+#include "signals.h"
+
+#include <algorithm>
+#include <iterator>
+
+using namespace dblink;
+
+namespace {
+
+// How long a start or a stop may take before somebody should wonder, in milliseconds.
+constexpr DWORD kWaitHintMs = 10000;
+
+SERVICE_STATUS_HANDLE g_serviceHandle = nullptr;
+HANDLE g_stopEvent = nullptr;
+DWORD g_exitCode = ERROR_SUCCESS;
+
+void TellState(DWORD state) {
+    const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+    SERVICE_STATUS status = {};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    status.dwWin32ExitCode = g_exitCode;
+    status.dwCheckPoint = pending ? 1 : 0;
+    status.dwWaitHint = pending ? kWaitHintMs : 0;
+    SetServiceStatus(g_serviceHandle, &status);
+}
+
+VOID WINAPI HandleControl(DWORD control) {
+    if (control == SERVICE_CONTROL_STOP) SetEvent(g_stopEvent);
+}
+
+// The run-time's text parameters are not const, though it only reads them.
+RPC_CSTR RpcText(const char* text) {
+    return reinterpret_cast<RPC_CSTR>(const_cast<char*>(text));
+}
+
+RPC_STATUS Listen() {
+    RPC_STATUS status =
+        RpcServerUseProtseqEpA(RpcText(kProtocolSequence), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, RpcText(kEndpoint), nullptr);
+    if (status != RPC_S_OK) return status;
+    status = RpcServerRegisterIf2(&g_serverInterface, nullptr, nullptr, RPC_IF_ALLOW_LOCAL_ONLY,
+                                  RPC_C_LISTEN_MAX_CALLS_DEFAULT, kBodySizeMax, nullptr);
+    if (status != RPC_S_OK) return status;
+    return RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
+}
+
+// Serves until the stop event is set.
+DWORD ServeClients() {
+    const RPC_STATUS status = Listen();
+    if (status != RPC_S_OK) return static_cast<DWORD>(status);
+    TellState(SERVICE_RUNNING);
+    WaitForSingleObject(g_stopEvent, INFINITE); // until somebody asks, however long that is
+    TellState(SERVICE_STOP_PENDING);
+    RpcMgmtStopServerListening(nullptr);
+    RpcMgmtWaitServerListen(); // no procedure waits for anything but its processor
+    RpcServerUnregisterIf(&g_serverInterface, nullptr, TRUE);
+    return ERROR_SUCCESS;
+}
+
+DWORD Run() {
+    InitialiseObjectNames();
+    InitialiseHandles();
+    if (!StartSignals()) return GetLastError();
+    const DWORD result = ServeClients();
+    StopSignals();
+    ReleaseDatabases();
+    ReleaseNames();
+    // What was charged has been given back, or we have a fault that must show.
+    const bool balanced = NoClientsAreLeft() && AccountsAreBalanced();
+    return result == ERROR_SUCCESS && !balanced ? RPC_S_INTERNAL_ERROR : result;
+}
+
+VOID WINAPI ServiceMain(DWORD, LPSTR*) {
+    g_serviceHandle = RegisterServiceCtrlHandlerA(kServiceName, HandleControl);
+    if (!g_serviceHandle) {
+        g_exitCode = GetLastError();
+        return;
+    }
+    TellState(SERVICE_START_PENDING);
+    g_exitCode = Run();
+    TellState(SERVICE_STOPPED);
+}
+
+} // namespace
+
+int main() {
+    g_stopEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!g_stopEvent) return 1;
+    char name[sizeof kServiceName];
+    std::copy(std::begin(kServiceName), std::end(kServiceName), name); // the table's text is not const
+    const SERVICE_TABLE_ENTRYA table[] = {{name, ServiceMain}, {nullptr, nullptr}};
+    if (!StartServiceCtrlDispatcherA(table)) return 1;
+    return g_exitCode == ERROR_SUCCESS ? 0 : 1;
+}

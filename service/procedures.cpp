@@ -1,0 +1,295 @@
+#include "procedures.h"
+
+#include "clients.h"
+#include "clock.h"
+#include "composite.h"
+#include "dblink/ndr.h"
+#include "watches.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string.h>
+
+using namespace dblink;
+
+namespace {
+
+// A call in progress. Text and bytes of the request stay valid in the run-time's buffer until it returns.
+struct Call {
+    RPC_MESSAGE& message;
+    NdrReader request;
+    Group& group;
+};
+
+// Each returns 0 after it has written a reply, or the run-time's code to raise: it is raised when nothing is held any
+// more.
+using ProcedureFunction = RPC_STATUS (*)(Call& call);
+
+NdrWriter BeginReply(Call& call, ULONGLONG size, RPC_STATUS* fault) {
+    call.message.BufferLength = static_cast<unsigned int>(size);
+    *fault = I_RpcGetBuffer(&call.message);
+    return *fault == RPC_S_OK ? NdrWriter{call.message.Buffer, call.message.BufferLength} : NdrWriter{nullptr, 0};
+}
+
+RPC_STATUS ReplyStatus(Call& call, LONG status) {
+    RPC_STATUS fault;
+    BeginReply(call, kNdrU32Size, &fault).Status(status);
+    return fault;
+}
+
+RPC_STATUS ReplyHandle(Call& call, DWORD handle, LONG status) {
+    RPC_STATUS fault;
+    NdrWriter reply = BeginReply(call, 2 * kNdrU32Size, &fault);
+    reply.U32(handle);
+    reply.Status(status);
+    return fault;
+}
+
+RPC_STATUS ServeCreateDatabase(Call& call) {
+    const std::string_view name = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    DWORD handle = ReserveHandle(call.group);
+    if (handle == 0) return ReplyHandle(call, 0, kLimitReached);
+    Database* database = nullptr;
+    const ServiceStatus status = CreateDatabase(*call.group.account, name, handle, &database);
+    if (status == kDone) {
+        SetHandle(handle, *database);
+    } else {
+        CancelHandle(call.group, handle);
+        handle = 0;
+    }
+    return ReplyHandle(call, handle, status);
+}
+
+ServiceStatus OpenExisting(Group& group, std::string_view name, DWORD* handle) {
+    Database* database = FindDatabase(name);
+    if (!database) return kUnknownDatabase;
+    switch (database->state.load(std::memory_order_acquire)) {
+    case DatabaseState::Initialising:
+        return kBeingInitialised;
+    case DatabaseState::GivenUp:
+        return kUnknownDatabase;
+    case DatabaseState::Ready:
+        break;
+    }
+    *handle = ReserveHandle(group);
+    if (*handle == 0) return kLimitReached;
+    SetHandle(*handle, *database);
+    return kDone;
+}
+
+RPC_STATUS ServeOpenDatabase(Call& call) {
+    const std::string_view name = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    DWORD handle = 0;
+    const ServiceStatus status = OpenExisting(call.group, name, &handle);
+    return ReplyHandle(call, handle, status);
+}
+
+RPC_STATUS ServeCloseDatabase(Call& call) {
+    const DWORD handle = call.request.U32();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    return ReplyStatus(call, CloseHandleOf(call.group, handle) ? kDone : kUnknownDatabase);
+}
+
+RPC_STATUS ServeGetDatabaseInfo(Call& call) {
+    const DWORD handle = call.request.U32();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    DatabaseInfo info = {};
+    if (database)
+        info = {database->openHandles.load(), database->variableCount.load(), ToSystemTime(CreationTime(*database))};
+    RPC_STATUS fault;
+    NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
+    reply.WriteDatabaseInfo(info);
+    reply.Status(database ? kDone : kUnknownDatabase);
+    return fault;
+}
+
+RPC_STATUS ServeEndDatabaseInitialization(Call& call) {
+    const DWORD handle = call.request.U32();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    return ReplyStatus(call, database ? EndInitialisation(*database, handle) : kUnknownDatabase);
+}
+
+RPC_STATUS ServeCreateVariable(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    const DWORD type = call.request.U32();
+    const DWORD size = call.request.U32();
+    const DWORD reserved = call.request.U32();
+    const NdrBytes value = call.request.Bytes();
+    if (!call.request.Good() || value.size != size) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    if (!database) return ReplyStatus(call, kUnknownDatabase);
+    if (reserved != 0 || type >= kTypeCount) return ReplyStatus(call, kBadArgument);
+    return ReplyStatus(
+        call, CreateVariable(*database, *call.group.account, name, static_cast<DatabaseType>(type), value.data, size));
+}
+
+RPC_STATUS ServeWriteVariable(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    const NdrBytes value = call.request.Bytes();
+    const DWORD size = call.request.U32();
+    if (!call.request.Good() || value.size != size) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    if (!database) return ReplyStatus(call, kUnknownDatabase);
+    return ReplyStatus(call, WriteVariable(*database, *call.group.account, name, value.data, size));
+}
+
+RPC_STATUS ServeReadVariable(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    const DWORD size = call.request.U32();
+    if (!call.request.Good() || size > kValueSizeMax) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    const Variable* variable = database ? FindVariable(*database, name) : nullptr;
+    RPC_STATUS fault;
+    NdrWriter reply = BeginReply(call, NdrBytesSize(size) + 2 * kNdrU32Size, &fault);
+    if (fault != RPC_S_OK) return fault;
+    BYTE* array = reply.Array(size);
+    ValueState state = {};
+    ServiceStatus status = database ? kUnknownVariable : kUnknownDatabase;
+    if (variable) status = ReadAnyValue(*database, *variable, array, size, &state);
+    const DWORD filled = status == kDone ? state.size : 0;
+    memset(array + filled, 0, size - filled);
+    if (status == kBufferTooSmall && size == 0) status = kDone;
+    reply.U32(state.size);
+    reply.Status(status);
+    return RPC_S_OK;
+}
+
+RPC_STATUS ServeSetCompositeMembers(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view composite = call.request.Text();
+    const std::string_view list = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    if (!database) return ReplyStatus(call, kUnknownDatabase);
+    return ReplyStatus(call, SetCompositeMembers(*database, *call.group.account, composite, list));
+}
+
+ServiceStatus InfoOf(const Database& database, std::string_view name, VariableInfo* info) {
+    const Variable* variable = FindVariable(database, name);
+    if (!variable) return kUnknownVariable;
+    ValueState state = {};
+    const ServiceStatus status = ReadAnyValue(database, *variable, nullptr, 0, &state);
+    if (status == kLimitReached) return status;
+    *info = {variable->type, state.size, variable->sizeLimit, ToSystemTime(state.writeTime)};
+    return kDone;
+}
+
+RPC_STATUS ServeGetVariableInfo(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    VariableInfo info = {};
+    const ServiceStatus status = database ? InfoOf(*database, name, &info) : kUnknownDatabase;
+    RPC_STATUS fault;
+    NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
+    reply.WriteVariableInfo(info);
+    reply.Status(status);
+    return fault;
+}
+
+RPC_STATUS ServeWatchVariable(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    const DWORD mode = call.request.U32();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    if (!database) return ReplyStatus(call, kUnknownDatabase);
+    if (mode != kEveryWrite && mode != kOnlyChanges) return ReplyStatus(call, kBadArgument);
+    // A database that can still be given up must not be held by anything but its handle.
+    if (!database.IsReady()) return ReplyStatus(call, kBeingInitialised);
+    Variable* variable = FindVariable(*database, name);
+    if (!variable) return ReplyStatus(call, kUnknownVariable);
+    return ReplyStatus(call, AddWatch(call.group, *database, *variable, static_cast<WatchMode>(mode)));
+}
+
+RPC_STATUS ServeUnwatchVariable(Call& call) {
+    const DWORD handle = call.request.U32();
+    const std::string_view name = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.group, handle};
+    if (!database) return ReplyStatus(call, kUnknownDatabase);
+    const Variable* variable = FindVariable(*database, name);
+    return ReplyStatus(call, variable ? EndWatch(call.group, *variable) : kUnknownVariable);
+}
+
+RPC_STATUS ServeForwardRequest(Call& call) {
+    const std::string_view request = call.request.Text();
+    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
+    constexpr std::string_view kKinds[] = {"ReadRequest:", "WriteRequest:", "Refresh:"};
+    const bool known = request.size() <= kRequestTextMax &&
+                       std::any_of(std::begin(kKinds), std::end(kKinds), [&](std::string_view kind) {
+                           return request.size() > kind.size() && request.starts_with(kind);
+                       });
+    return ReplyStatus(call, known ? kNoPrinterSide : kBadArgument);
+}
+
+struct ProcedureRow {
+    UINT number;
+    ProcedureFunction function = nullptr; // null: not served
+};
+
+constexpr ProcedureRow kProcedures[] = {
+    {kCreateDatabase, ServeCreateDatabase},
+    {kOpenDatabase, ServeOpenDatabase},
+    {kCloseDatabase, ServeCloseDatabase},
+    {3},
+    {kGetDatabaseInfo, ServeGetDatabaseInfo},
+    {5},
+    {6},
+    {kEndDatabaseInitialization, ServeEndDatabaseInitialization},
+    {kCreateVariable, ServeCreateVariable},
+    {kWriteVariable, ServeWriteVariable},
+    {kReadVariable, ServeReadVariable},
+    {11},
+    {kSetCompositeMembers, ServeSetCompositeMembers},
+    {13},
+    {kGetVariableInfo, ServeGetVariableInfo},
+    {kWatchVariable, ServeWatchVariable},
+    {kUnwatchVariable, ServeUnwatchVariable},
+    {17},
+    {kForwardRequest, ServeForwardRequest},
+};
+
+constexpr bool RowsStandAtTheirNumbers() {
+    for (UINT i = 0; i < std::size(kProcedures); ++i)
+        if (kProcedures[i].number != i) return false;
+    return std::size(kProcedures) == kProcedureCount;
+}
+static_assert(RowsStandAtTheirNumbers());
+
+RPC_STATUS Serve(RPC_MESSAGE& message) {
+    const ProcedureFunction function =
+        message.ProcNum < kProcedureCount ? kProcedures[message.ProcNum].function : nullptr;
+    if (!function) return RPC_S_PROCNUM_OUT_OF_RANGE;
+    RPC_STATUS fault = RPC_S_OK;
+    Group* group = CallingGroup(message.Handle, &fault);
+    if (!group) return fault;
+    Call call{message, NdrReader{message.Buffer, message.BufferLength, message.DataRepresentation}, *group};
+    return function(call);
+}
+
+void __RPC_STUB Dispatch(PRPC_MESSAGE message) {
+    const RPC_STATUS fault = Serve(*message);
+    if (fault != RPC_S_OK) RpcRaiseException(fault);
+}
+
+// The run-time looks functions up by number; ours are told apart by the message, so that one place guards them all.
+RPC_DISPATCH_FUNCTION g_dispatchFunctions[kProcedureCount] = {
+    Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch,
+    Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch,
+};
+
+RPC_DISPATCH_TABLE g_dispatchTable = {kProcedureCount, g_dispatchFunctions, 0};
+
+} // namespace
+
+RPC_SERVER_INTERFACE g_serverInterface = {
+    sizeof(RPC_SERVER_INTERFACE), kInterfaceSyntax, kNdrSyntax, &g_dispatchTable, 0, nullptr, nullptr, nullptr, 0};

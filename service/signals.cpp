@@ -1,0 +1,237 @@
+#include "signals.h"
+
+#include "bounds.h"
+#include "clock.h"
+#include "composite.h"
+#include "kernel_objects.h"
+
+#include <algorithm>
+#include <new>
+#include <vector>
+
+using namespace dblink;
+
+namespace {
+
+// A burst is looked at when its closing pulse was due at first; if there were writes since, it is queued again.
+struct Closing {
+    DWORD due; // tick count
+    Signal* signal;
+};
+
+Lock g_queueLock;                                        // after a variable's
+std::vector<Closing> g_closings GUARDED_BY(g_queueLock); // a heap, the earliest first; each signal at most once
+Signal* g_firstOwed GUARDED_BY(g_queueLock) = nullptr;
+Signal* g_lastOwed GUARDED_BY(g_queueLock) = nullptr;
+VariableSignals* g_allSignals GUARDED_BY(g_queueLock) = nullptr;
+SIZE_T g_signalCount GUARDED_BY(g_queueLock) = 0;
+HANDLE g_queueChanged = nullptr; // automatic: there is something owed, or an earlier closing pulse
+HANDLE g_stop = nullptr;
+HANDLE g_thread = nullptr;
+
+Signal& SignalOf(VariableSignals& signals, WatchMode mode) NEEDS(signals.lock) {
+    return mode == kEveryWrite ? signals.everyWrite : signals.onlyChanges;
+}
+
+bool IsLater(const Closing& a, const Closing& b) {
+    return a.due != b.due && TickReached(a.due, b.due);
+}
+
+void QueueClosing(Signal& signal) {
+    if (signal.closingQueued) return;
+    signal.closingQueued = true;
+    LockHold hold{g_queueLock};
+    g_closings.push_back({signal.closingDue, &signal}); // room was made with the signal
+    std::push_heap(g_closings.begin(), g_closings.end(), IsLater);
+    if (g_closings.front().signal == &signal) SetEvent(g_queueChanged);
+}
+
+void QueueOwed(Signal& signal) {
+    if (signal.owed) return;
+    signal.owed = true;
+    LockHold hold{g_queueLock};
+    signal.nextOwed = nullptr;
+    (g_firstOwed ? g_lastOwed->nextOwed : g_firstOwed) = &signal;
+    g_lastOwed = &signal;
+    SetEvent(g_queueChanged);
+}
+
+// Lets through who waits now. An event that somebody made automatic cannot be pulsed; one of those who wait goes
+// through.
+void Pulse(Signal& signal, DWORD now) {
+    if (!PulseEvent(signal.event)) {
+        SetEvent(signal.event);
+        ResetEvent(signal.event);
+    }
+    signal.pulsed = true;
+    signal.lastPulse = now;
+}
+
+void PulseForWrite(Signal& signal) {
+    const DWORD now = GetTickCount();
+    if (signal.pulsed && now - signal.lastPulse < kBurstGapMs) {
+        signal.closing = true;
+        signal.closingDue = now + kClosingDelayMs;
+    }
+    Pulse(signal, now);
+    if (signal.closing) QueueClosing(signal);
+}
+
+void Fire(VariableSignals& signals, bool changed) {
+    LockHold hold{signals.lock};
+    for (const WatchMode mode : {kEveryWrite, kOnlyChanges}) {
+        Signal& signal = SignalOf(signals, mode);
+        if (signal.watches == 0 || (mode == kOnlyChanges && !changed)) continue;
+        if (signal.watches > kWatchesPulsedAtOnce)
+            QueueOwed(signal);
+        else
+            PulseForWrite(signal);
+    }
+}
+
+Signal* TakeOwed() {
+    LockHold hold{g_queueLock};
+    Signal* signal = g_firstOwed;
+    if (signal) g_firstOwed = signal->nextOwed;
+    return signal;
+}
+
+// The signal whose burst may be over by now; else null, and the time until there may be one.
+Signal* TakeClosing(DWORD* wait) {
+    LockHold hold{g_queueLock};
+    if (g_closings.empty()) {
+        *wait = INFINITE;
+        return nullptr;
+    }
+    const DWORD now = GetTickCount();
+    const Closing first = g_closings.front();
+    if (!TickReached(now, first.due)) {
+        *wait = first.due - now;
+        return nullptr;
+    }
+    *wait = 0;
+    std::pop_heap(g_closings.begin(), g_closings.end(), IsLater);
+    g_closings.pop_back();
+    return first.signal;
+}
+
+void ServeOwed(Signal& signal) {
+    LockHold hold{signal.owner->lock};
+    signal.owed = false;
+    if (signal.event) PulseForWrite(signal);
+}
+
+void ServeClosing(Signal& signal) {
+    LockHold hold{signal.owner->lock};
+    signal.closingQueued = false;
+    if (!signal.event || !signal.closing) return;
+    const DWORD now = GetTickCount();
+    if (!TickReached(now, signal.closingDue)) {
+        QueueClosing(signal);
+        return;
+    }
+    signal.closing = false;
+    Pulse(signal, now);
+}
+
+DWORD WINAPI SignalThread(LPVOID) {
+    const HANDLE handles[] = {g_stop, g_queueChanged};
+    for (;;) {
+        DWORD wait = 0;
+        if (Signal* owed = TakeOwed())
+            ServeOwed(*owed);
+        else if (Signal* closing = TakeClosing(&wait))
+            ServeClosing(*closing);
+        if (WaitForMultipleObjects(2, handles, FALSE, wait) == WAIT_OBJECT_0) return 0;
+    }
+}
+
+void ForgetPulses(Signal& signal) {
+    CloseHandle(signal.event);
+    signal.event = nullptr;
+    signal.pulsed = false;
+    signal.closing = false;
+}
+
+} // namespace
+
+VariableSignals* SignalsOf(Database& database, Variable& variable, Account& account, ServiceStatus* status) {
+    VariableSignals* signals = variable.signals.load(std::memory_order_acquire);
+    if (signals) return signals;
+    void* piece = database.arena.Take(account, sizeof(VariableSignals), alignof(VariableSignals), status);
+    if (!piece) return nullptr;
+    signals = new (piece) VariableSignals;
+    signals->database = &database;
+    signals->variable = &variable;
+    {
+        LockHold hold{g_queueLock};
+        try {
+            const SIZE_T needed = 2 * (g_signalCount + 1);
+            if (g_closings.capacity() < needed) g_closings.reserve(2 * needed);
+        } catch (const std::bad_alloc&) {
+            signals->~VariableSignals();
+            *status = kOutOfMemory;
+            return nullptr;
+        }
+        ++g_signalCount;
+        signals->nextOfAll = g_allSignals;
+        g_allSignals = signals;
+    }
+    if (variable.type == kTypeComposite) {
+        signals->nextComposite = database.compositeSignals.load(std::memory_order_relaxed);
+        database.compositeSignals.store(signals, std::memory_order_release);
+    }
+    variable.signals.store(signals, std::memory_order_release);
+    return signals;
+}
+
+ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
+    LockHold hold{signals.lock};
+    Signal& signal = SignalOf(signals, mode);
+    if (signal.watches == 0) {
+        const VariableSignal kind = mode == kEveryWrite ? VariableSignal::Updated : VariableSignal::Changed;
+        signal.event = CreateVariableEvent(signals.database->name, signals.variable->name->Text(), kind);
+        if (!signal.event) return kEventUnavailable;
+    }
+    ++signal.watches;
+    signals.database->watches.fetch_add(1); // with the writers: WriteValue stores its count before it looks here
+    return kDone;
+}
+
+void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
+    LockHold hold{signals.lock};
+    Signal& signal = SignalOf(signals, mode);
+    signals.database->watches.fetch_sub(1);
+    if (--signal.watches == 0) ForgetPulses(signal);
+}
+
+void SignalWritten(Database& database, const Variable& variable, bool changed) {
+    if (database.watches.load(std::memory_order_seq_cst) == 0) return;
+    if (VariableSignals* signals = variable.signals.load(std::memory_order_acquire)) Fire(*signals, changed);
+    VariableSignals* composite = database.compositeSignals.load(std::memory_order_acquire);
+    for (; composite; composite = composite->nextComposite)
+        if (IsComposedOf(database, *composite->variable, variable)) Fire(*composite, changed);
+}
+
+bool StartSignals() {
+    g_queueChanged = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!g_queueChanged || !g_stop) return false;
+    g_thread = CreateThread(nullptr, 0, SignalThread, nullptr, 0, nullptr);
+    return g_thread != nullptr;
+}
+
+void StopSignals() {
+    if (g_thread) {
+        SetEvent(g_stop);
+        WaitForSingleObject(g_thread, INFINITE); // it never waits for anything but its queue
+    }
+    for (HANDLE handle : {g_thread, g_stop, g_queueChanged})
+        if (handle) CloseHandle(handle);
+    LockHold hold{g_queueLock};
+    while (g_allSignals) {
+        VariableSignals* signals = g_allSignals;
+        g_allSignals = signals->nextOfAll;
+        signals->~VariableSignals(); // its memory is its database's
+    }
+}

@@ -1,0 +1,53 @@
+// Events that tell of writes.
+//
+// A watched variable has up to two: "Updated" for every write (mode 1) and "Changed" for writes of other bytes (mode
+// 2). A signal is a pulse: it reaches who waits at that moment. A watcher that is busy delivering misses it, so a burst
+// of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. State:
+// with each watched variable; the pulses to come, served by one thread, in signals.cpp.
+#pragma once
+
+#include "database.h"
+
+struct Watch; // watches.h
+
+// One event and the pulses that it owes. All but the first two and the last are guarded by the owner's lock.
+struct Signal {
+    VariableSignals* owner;
+    dblink::WatchMode mode;
+    HANDLE event = nullptr; // while it has watches
+    DWORD watches = 0;
+    DWORD lastPulse = 0;  // tick count, once pulsed
+    DWORD closingDue = 0; // tick count, while closing
+    bool pulsed = false;
+    bool closing = false;       // a burst is still to be closed
+    bool closingQueued = false; // the queue of closing pulses has it
+    bool owed = false;          // a write has not been told yet; the list of those has it
+    Signal* nextOwed = nullptr; // guarded by the queue's lock
+};
+
+// The two of a variable; made when it is first watched, and kept.
+struct VariableSignals {
+    Database* database = nullptr;
+    Variable* variable = nullptr;
+    VariableSignals* nextComposite = nullptr; // of Database::compositeSignals; set before it can be seen
+    VariableSignals* nextOfAll = nullptr;
+    Watch* watches = nullptr; // guarded by the lock of watches.cpp
+
+    Lock lock;
+    Signal everyWrite GUARDED_BY(lock){this, dblink::kEveryWrite};
+    Signal onlyChanges GUARDED_BY(lock){this, dblink::kOnlyChanges};
+};
+
+// The signals of a variable, made when it has none. Null: *status says why. One caller at a time.
+VariableSignals* SignalsOf(Database& database, Variable& variable, Account& account, dblink::ServiceStatus* status);
+// One watch more or less; the event exists while there are any. kEventUnavailable.
+dblink::ServiceStatus AddWatchTo(VariableSignals& signals, dblink::WatchMode mode);
+void RemoveWatchFrom(VariableSignals& signals, dblink::WatchMode mode);
+
+// The variable was written, and its value can be read. changed: the bytes are others than before.
+void SignalWritten(Database& database, const Variable& variable, bool changed);
+
+// The thread that pulses later. False when it cannot be started.
+bool StartSignals();
+// Ends it; nothing is pulsed any more, and no call may be in progress.
+void StopSignals();

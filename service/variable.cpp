@@ -1,0 +1,172 @@
+#include "variable.h"
+
+#include "bounds.h"
+#include "clock.h"
+
+#include <algorithm>
+#include <memory>
+#include <string.h>
+
+using namespace dblink;
+using Word = ValueBlock::Word;
+
+Lock g_writerLocks[kWriterLocks];
+
+namespace {
+
+constexpr SIZE_T kValueAlignment = 8;
+
+bool HasFixedSize(const Variable& variable) {
+    return variable.type == kTypeByte || variable.type == kTypeWord || variable.type == kTypeNumber;
+}
+
+Word WordAt(const BYTE* bytes, DWORD size, DWORD at) {
+    Word word = 0;
+    memcpy(&word, bytes + at, std::min<DWORD>(sizeof word, size - at));
+    return word;
+}
+
+// Stores of the words and all behind them are releases, loads acquires: that keeps them between the two accesses to the
+// sequence count without a fence, which the thread sanitizer would not understand.
+void FillBlock(ValueBlock& block, const BYTE* bytes, DWORD size) {
+    std::atomic<Word>* words = block.Words();
+    for (DWORD at = 0; at < size; at += sizeof(Word))
+        words[at / sizeof(Word)].store(WordAt(bytes, size, at), std::memory_order_release);
+    block.size.store(size, std::memory_order_release);
+}
+
+bool BlockHolds(ValueBlock& block, const BYTE* bytes, DWORD size) {
+    if (block.size.load(std::memory_order_relaxed) != size) return false;
+    const std::atomic<Word>* words = block.Words();
+    for (DWORD at = 0; at < size; at += sizeof(Word)) {
+        const Word word = words[at / sizeof(Word)].load(std::memory_order_relaxed);
+        if (memcmp(&word, bytes + at, std::min<DWORD>(sizeof word, size - at)) != 0) return false;
+    }
+    return true;
+}
+
+ULONGLONG WriteTimeOf(const Variable& variable) {
+    const ULONGLONG high = variable.writeTime[1].load(std::memory_order_acquire);
+    return high << 32 | variable.writeTime[0].load(std::memory_order_acquire);
+}
+
+void StoreWriteTime(Variable& variable) {
+    // The time of day may be set back; a write time that went back would hide the write from those who compare.
+    const ULONGLONG time = std::max(WriteTimeNow(), WriteTimeOf(variable));
+    variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
+    variable.writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
+}
+
+// The writer's side of the sequence count; the writer's lock is held.
+struct Change {
+    Variable& variable;
+    DWORD before;
+
+    explicit Change(Variable& changed) : variable(changed), before(changed.sequence.load(std::memory_order_relaxed)) {
+        variable.sequence.store(before + 1, std::memory_order_relaxed);
+    }
+    // Sequentially consistent: the writer looks for watches next, and a client that has its watch by then must either
+    // be seen or see this value.
+    ~Change() { variable.sequence.store(before + 2, std::memory_order_seq_cst); }
+};
+
+} // namespace
+
+DWORD WriterLockOf(const Variable& variable) {
+    return static_cast<DWORD>(reinterpret_cast<UINT_PTR>(&variable) / sizeof(Variable) % kWriterLocks);
+}
+
+DWORD SequenceNow(const Variable& variable) {
+    return variable.sequence.load(std::memory_order_relaxed);
+}
+
+DWORD SequenceBegin(const Variable& variable) {
+    for (;;) {
+        const DWORD sequence = variable.sequence.load(std::memory_order_acquire);
+        if (sequence % 2 == 0) return sequence;
+        // The writer is a thread of this process in the middle of a copy, or waiting for the processor we have.
+        Sleep(0);
+    }
+}
+
+ServiceStatus CheckValueSize(const Variable& variable, DWORD size) {
+    if (variable.type == kTypeComposite) return kWrongSize;
+    if (HasFixedSize(variable)) return size == variable.sizeLimit ? kDone : kWrongSize;
+    return size <= variable.sizeLimit ? kDone : kWrongSize;
+}
+
+ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const BYTE* bytes, DWORD size,
+                          ServiceStatus* status) {
+    const DWORD words = (capacity + sizeof(Word) - 1) / sizeof(Word);
+    void* piece = arena.Take(account, sizeof(ValueBlock) + words * sizeof(Word), kValueAlignment, status);
+    if (!piece) return nullptr;
+    auto* block = new (piece) ValueBlock{static_cast<DWORD>(words * sizeof(Word)), 0};
+    std::uninitialized_value_construct_n(block->Words(), words);
+    FillBlock(*block, bytes, size);
+    return block;
+}
+
+ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity) {
+    ValueBlock* block = variable.block.load(std::memory_order_acquire);
+    // Size and block may belong to two different writes, which shows afterwards: until then the block's own bound
+    // holds.
+    const DWORD size = std::min(block->size.load(std::memory_order_acquire), block->capacity);
+    if (size <= capacity) {
+        const std::atomic<Word>* words = block->Words();
+        DWORD at = 0;
+        for (; at + sizeof(Word) <= size; at += sizeof(Word)) {
+            const Word word = words[at / sizeof(Word)].load(std::memory_order_acquire);
+            memcpy(out + at, &word, sizeof word);
+        }
+        if (at < size) {
+            const Word word = words[at / sizeof(Word)].load(std::memory_order_acquire);
+            memcpy(out + at, &word, size - at);
+        }
+    }
+    return {size, WriteTimeOf(variable)};
+}
+
+ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity) {
+    for (int tries = 0; tries < kReadTries; ++tries) {
+        const DWORD sequence = SequenceBegin(variable);
+        const ValueState state = CopyValue(variable, out, capacity);
+        if (SequenceNow(variable) == sequence) return state;
+    }
+    LockHold hold{g_writerLocks[WriterLockOf(variable)]};
+    return CopyValue(variable, out, capacity);
+}
+
+ULONGLONG ReadWriteTime(const Variable& variable) {
+    for (;;) {
+        const DWORD sequence = SequenceBegin(variable);
+        const ULONGLONG time = WriteTimeOf(variable);
+        if (SequenceNow(variable) == sequence) return time;
+    }
+}
+
+ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
+                         bool* changed) {
+    LockHold hold{g_writerLocks[WriterLockOf(variable)]};
+    ValueBlock* block = variable.block.load(std::memory_order_relaxed);
+    *changed = !BlockHolds(*block, bytes, size);
+    ValueBlock* grown = nullptr;
+    if (size > block->capacity) {
+        ServiceStatus status = kDone;
+        const DWORD doubled = std::min(block->capacity * 2, kValueSizeMax);
+        grown = NewValueBlock(arena, account, std::max(doubled, size), bytes, size, &status);
+        if (!grown) return status;
+    }
+    const Change change{variable};
+    if (grown)
+        variable.block.store(grown, std::memory_order_release);
+    else if (*changed)
+        FillBlock(*block, bytes, size);
+    StoreWriteTime(variable);
+    return kDone;
+}
+
+void TouchWriteTime(Variable& variable) {
+    LockHold hold{g_writerLocks[WriterLockOf(variable)]};
+    const Change change{variable};
+    StoreWriteTime(variable);
+}

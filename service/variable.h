@@ -1,0 +1,75 @@
+// A variable and its value, read without a lock.
+//
+// The value lies in a block of words behind a sequence count: a writer makes the count odd, changes size, words and
+// write time, and makes it even; a reader copies and takes what it has when the count was even and the same before and
+// after. A block that has become too small is replaced and stays where it is, so a reader never touches memory that is
+// gone. Since blocks grow by doubling, what they leave behind is less than the last.
+//
+// Writers of a variable take turns under one of 64 locks, chosen by its address. State: none beside the variable.
+#pragma once
+
+#include "names.h"
+
+struct MemberList;      // composite.h
+struct VariableSignals; // signals.h
+
+struct ValueBlock {
+    using Word = SIZE_T;
+
+    DWORD capacity; // bytes of the words behind this record; never changes
+    std::atomic<DWORD> size;
+
+    std::atomic<Word>* Words() { return reinterpret_cast<std::atomic<Word>*>(this + 1); }
+};
+static_assert(sizeof(ValueBlock) == 8 && sizeof(std::atomic<ValueBlock::Word>) == sizeof(ValueBlock::Word));
+
+// A cache line each, so that clients of two variables do not disturb each other.
+struct alignas(64) Variable {
+    std::atomic<Variable*> next; // in its database's bucket
+    const Name* name;
+    std::atomic<ValueBlock*> block;        // null for a composite
+    std::atomic<MemberList*> members;      // null for all others, and for a composite without a list
+    std::atomic<VariableSignals*> signals; // null until it is watched for the first time; then it stays
+    std::atomic<DWORD> writeTime[2];       // low and high half of 100 ns since 1601
+    std::atomic<DWORD> sequence;
+    DWORD hash;      // of its name
+    DWORD sizeLimit; // of a value; of a byte, word or number, the size itself
+    BYTE type;       // dblink::DatabaseType
+    bool companion;  // made by a write to a name of another variable and "W"
+};
+static_assert(sizeof(Variable) == 64);
+
+// Size and time of a value, as they were at one moment.
+struct ValueState {
+    DWORD size;
+    ULONGLONG writeTime;
+};
+
+// The block of a new variable's value. capacity: of the largest value that it will take before it is replaced.
+ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const BYTE* bytes, DWORD size,
+                          dblink::ServiceStatus* status);
+
+// kDone when a value of that size may be stored.
+dblink::ServiceStatus CheckValueSize(const Variable& variable, DWORD size);
+
+// Copies the value out when capacity is enough for it; else out may hold anything. Not for composites.
+ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity);
+
+ULONGLONG ReadWriteTime(const Variable& variable); // alone
+
+// Stores a value that CheckValueSize took, with the time of day as its write time, or the last one when that is later.
+// *changed: the bytes are others than before.
+dblink::ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
+                                 bool* changed);
+
+// Moves the write time on without a value: of a variable just made, of a composite whose list was set.
+void TouchWriteTime(Variable& variable);
+
+// For a reader of several variables at once. Pieces between SequenceBegin and an unchanged SequenceNow belong together.
+DWORD SequenceBegin(const Variable& variable); // waits until no writer is in the middle
+DWORD SequenceNow(const Variable& variable);
+ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity); // as ReadValue, but unchecked
+
+inline constexpr DWORD kWriterLocks = 64;
+DWORD WriterLockOf(const Variable& variable); // 0 to 63
+extern Lock g_writerLocks[kWriterLocks];

@@ -1,0 +1,99 @@
+#include "watches.h"
+
+#include <new>
+
+using namespace dblink;
+
+// Of one group and variable.
+struct Watch {
+    Watch* nextOfGroup;
+    Watch* nextOfVariable;
+    Group* group;
+    VariableSignals* signals;
+    DWORD everyWrite = 0;
+    DWORD onlyChanges = 0;
+    WatchMode lastMode = kEveryWrite;
+
+    DWORD& Count(WatchMode mode) { return mode == kEveryWrite ? everyWrite : onlyChanges; }
+};
+
+namespace {
+
+Lock g_watchesLock; // before a variable's lock
+
+Watch* FindWatch(const Group& group, const VariableSignals& signals) NEEDS(g_watchesLock) {
+    Watch* watch = signals.watches;
+    while (watch && watch->group != &group)
+        watch = watch->nextOfVariable;
+    return watch;
+}
+
+void EndOne(Watch& watch, WatchMode mode) NEEDS(g_watchesLock) {
+    --watch.Count(mode);
+    RemoveWatchFrom(*watch.signals, mode);
+    GiveBack(*watch.group->account, kShareWatches, 1);
+}
+
+void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) NEEDS(g_watchesLock) {
+    Watch** link = &list;
+    while (*link != &watch)
+        link = &((*link)->*next);
+    *link = watch.*next;
+}
+
+void DeleteIfUnused(Watch* watch) NEEDS(g_watchesLock) {
+    if (watch->everyWrite != 0 || watch->onlyChanges != 0) return;
+    Unlink(watch->signals->watches, &Watch::nextOfVariable, *watch);
+    Unlink(watch->group->watches, &Watch::nextOfGroup, *watch);
+    delete watch;
+}
+
+ServiceStatus AddCharged(Group& group, Database& database, Variable& variable, WatchMode mode) {
+    LockHold hold{g_watchesLock};
+    ServiceStatus status = kDone;
+    VariableSignals* signals = SignalsOf(database, variable, *group.account, &status);
+    if (!signals) return status;
+    Watch* watch = FindWatch(group, *signals);
+    if (!watch) {
+        watch = new (std::nothrow) Watch{group.watches, signals->watches, &group, signals};
+        if (!watch) return kOutOfMemory;
+        group.watches = signals->watches = watch;
+    }
+    status = AddWatchTo(*signals, mode);
+    if (status == kDone) {
+        ++watch->Count(mode);
+        watch->lastMode = mode;
+    }
+    DeleteIfUnused(watch);
+    return status;
+}
+
+} // namespace
+
+ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, WatchMode mode) {
+    if (!Charge(*group.account, kShareWatches, 1)) return kLimitReached;
+    const ServiceStatus status = AddCharged(group, database, variable, mode);
+    if (status != kDone) GiveBack(*group.account, kShareWatches, 1);
+    return status;
+}
+
+ServiceStatus EndWatch(Group& group, const Variable& variable) {
+    LockHold hold{g_watchesLock};
+    const VariableSignals* signals = variable.signals.load(std::memory_order_acquire);
+    Watch* watch = signals ? FindWatch(group, *signals) : nullptr;
+    if (!watch) return kNotWatched;
+    const WatchMode other = watch->lastMode == kEveryWrite ? kOnlyChanges : kEveryWrite;
+    EndOne(*watch, watch->Count(watch->lastMode) > 0 ? watch->lastMode : other);
+    DeleteIfUnused(watch);
+    return kDone;
+}
+
+void DropWatches(Group& group) {
+    LockHold hold{g_watchesLock};
+    while (Watch* watch = group.watches) {
+        for (const WatchMode mode : {kEveryWrite, kOnlyChanges})
+            while (watch->Count(mode) > 0)
+                EndOne(*watch, mode);
+        DeleteIfUnused(watch);
+    }
+}

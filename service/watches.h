@@ -1,0 +1,12 @@
+// Who watches what. A client process may watch a variable several times in each mode; the variable's events live while
+// anybody does. State: with the groups and with the watched variables, under one lock.
+#pragma once
+
+#include "clients.h"
+#include "signals.h"
+
+dblink::ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, dblink::WatchMode mode);
+// One watch of the mode that the group used last, while it has one, else of the other.
+dblink::ServiceStatus EndWatch(Group& group, const Variable& variable);
+// All of a group, none of whose calls is in progress.
+void DropWatches(Group& group);
