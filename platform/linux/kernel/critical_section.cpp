@@ -1,0 +1,79 @@
+// Critical sections. A section's whole state is in its record: LockWord is 0 free, 1 locked, 2 locked with threads
+// asleep.
+#include "kernel/lock.h"
+
+#include <processthreadsapi.h>
+#include <synchapi.h>
+
+using namespace oriel;
+
+namespace {
+
+constexpr uint32_t kFree = 0;
+constexpr uint32_t kLocked = 1;
+constexpr uint32_t kContended = 2;
+
+static_assert(sizeof(Word) == sizeof(LONG) && alignof(Word) == alignof(LONG));
+Word& LockWord(LPCRITICAL_SECTION section) {
+    return *reinterpret_cast<Word*>(&section->LockWord);
+}
+// Others read it while the owner writes it; it equals a thread's number only when that thread wrote it.
+Word& Owner(LPCRITICAL_SECTION section) {
+    return *reinterpret_cast<Word*>(&section->OwningThread);
+}
+
+bool EnterAgain(LPCRITICAL_SECTION section) {
+    if (Owner(section).load(std::memory_order_relaxed) != GetCurrentThreadId()) return false;
+    ++section->RecursionCount;
+    return true;
+}
+
+void TakeOwnership(LPCRITICAL_SECTION section) {
+    Owner(section).store(GetCurrentThreadId(), std::memory_order_relaxed);
+    section->RecursionCount = 1;
+}
+
+} // namespace
+
+void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section) {
+    *section = {};
+}
+
+void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section) {
+    *section = {};
+}
+
+BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    if (EnterAgain(section)) return TRUE;
+    uint32_t free = kFree;
+    if (!LockWord(section).compare_exchange_strong(free, kLocked, std::memory_order_acquire)) return FALSE;
+    TakeOwnership(section);
+    return TRUE;
+}
+
+void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    if (TryEnterCriticalSection(section)) return;
+    TerminationHold hold;
+    Word& word = LockWord(section);
+    while (word.exchange(kContended, std::memory_order_acquire) != kFree) {
+        SleepPoint points[2] = {{&word, kContended, false}};
+        uint32_t count = 1;
+        if (t_terminationWord != nullptr && t_terminationHolds == 1)
+            points[count++] = {const_cast<Word*>(t_terminationWord), kRunning, false};
+        SleepOn(points, count, kNever);
+        if (count == 2 && TerminationAsked()) {
+            // The wake-up for one may have been spent on this thread, which is about to stop here.
+            WakeOne(word);
+            StopHereIfAsked();
+        }
+    }
+    TakeOwnership(section);
+}
+
+void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    if (Owner(section).load(std::memory_order_relaxed) != GetCurrentThreadId()) return; // it is another's, or nobody's
+    if (--section->RecursionCount != 0) return;
+    TerminationHold hold; // between the unlocking and the waking
+    Owner(section).store(0, std::memory_order_relaxed);
+    if (LockWord(section).exchange(kFree, std::memory_order_release) == kContended) WakeOne(LockWord(section));
+}

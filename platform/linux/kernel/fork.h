@@ -1,0 +1,27 @@
+// What fork() must and must not hand to a child.
+//
+// A fork child starts with no handle of the layer's, owns no mutex and keeps none of its parent's objects alive. It may
+// use the layer afresh. This holds for fork(), whose hooks take these steps; a bare clone system call takes none, and
+// its child may only exec or exit.
+#pragma once
+
+namespace oriel {
+
+struct ForkSteps {
+    void (*before)(); // makes what it guards whole and keeps it so: takes the locks
+    void (*inParent)();
+    void (*inChild)(); // alone, with the locks of `before` held; closes what is not the child's, allocates nothing
+};
+
+// In the order of the locks.
+extern const ForkSteps kNamesFork;
+extern const ForkSteps kViewsFork;
+extern const ForkSteps kReaperFork;
+extern const ForkSteps kConsoleFork;
+extern const ForkSteps kHandlesFork;
+extern const ForkSteps kThreadFork;
+
+// Installs the hooks, once. Whatever makes the first thing that a child must not inherit calls it.
+void WatchForFork();
+
+} // namespace oriel

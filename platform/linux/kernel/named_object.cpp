@@ -1,0 +1,414 @@
+// The files of named objects, their life, and this process's list of the ones it has.
+//
+// State: the folder's descriptor and the list, under one lock. Nothing else in this process opens or closes an object's
+// file. The lock is taken before the folder's flock and before a mutex's own lock.
+#include "kernel/named_object.h"
+
+#include "directories.h"
+#include "kernel/errors.h"
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "window/descriptor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <errhandlingapi.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace oriel {
+
+namespace {
+
+constexpr uint32_t kMark = 0x316A624F; // "Obj1"
+constexpr uint32_t kLargestSection = 65536;
+// For the folder's flock, which is held for some 20 us at a time, unless its holder has been stopped.
+constexpr int64_t kOpenTimeNs = 5000 * kNsPerMs;
+// A close that cannot have it leaves a dead file, which does no harm.
+constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
+
+constinit Lock g_namesLock;
+int g_folder ORIEL_LOCK_CHECK(guarded_by(g_namesLock)) = -1;
+NamedObject* g_named[512] ORIEL_LOCK_CHECK(guarded_by(g_namesLock));
+
+size_t Bucket(const char* fileName) {
+    uint32_t hash = 2166136261U; // FNV-1a
+    for (; *fileName != '\0'; ++fileName)
+        hash = (hash ^ static_cast<unsigned char>(*fileName)) * 16777619U;
+    return hash % (sizeof g_named / sizeof g_named[0]);
+}
+
+// The file's name for an object's: "Global\" dropped; what a file name cannot hold, or what would hide it, as %XX.
+DWORD FileName(const char* name, char (&fileName)[kLongestFileName + 1]) {
+    constexpr char kGlobal[] = "Global\\";
+    if (std::strncmp(name, kGlobal, sizeof kGlobal - 1) == 0) name += sizeof kGlobal - 1;
+    if (*name == '\0') return ERROR_INVALID_NAME;
+    size_t length = 0;
+    for (const char* next = name; *next != '\0'; ++next) {
+        const auto byte = static_cast<unsigned char>(*next);
+        if (byte == '\\') return ERROR_PATH_NOT_FOUND;
+        const bool plain = byte >= 0x20 && byte != 0x7F && byte != '/' && byte != '%' && (byte != '.' || next != name);
+        if (length + (plain ? 1 : 3) > kLongestFileName) return ERROR_FILENAME_EXCED_RANGE;
+        if (plain) {
+            fileName[length++] = *next;
+            continue;
+        }
+        constexpr char kDigits[] = "0123456789ABCDEF";
+        fileName[length++] = '%';
+        fileName[length++] = kDigits[byte >> 4];
+        fileName[length++] = kDigits[byte & 15];
+    }
+    fileName[length] = '\0';
+    return ERROR_SUCCESS;
+}
+
+// The names lock and, if asked for, the folder's flock.
+class ORIEL_LOCK_CHECK(scoped_lockable) NamesHold {
+public:
+    // The lock has a bound in that its holders have one each.
+    NamesHold() ORIEL_LOCK_CHECK(acquire_capability(g_namesLock)) { g_namesLock.Acquire(); }
+    ~NamesHold() ORIEL_LOCK_CHECK(release_capability()) {
+        if (m_guarded) flock(g_folder, LOCK_UN);
+        g_namesLock.Release();
+    }
+    NamesHold(const NamesHold&) = delete;
+    NamesHold& operator=(const NamesHold&) = delete;
+
+    // The folder's flock, until the end of the hold. False with the last error set.
+    bool Guard(int64_t timeNs) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+        if (g_folder < 0) {
+            const std::string folder = RuntimeFolder("objects");
+            if (!folder.empty()) g_folder = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (g_folder < 0) {
+                SetLastError(ERROR_PATH_NOT_FOUND);
+                return false;
+            }
+            WatchForFork();
+        }
+        const int64_t deadline = MonotonicNs() + timeNs;
+        // Asking again and again is the only form of this lock that has a time limit.
+        for (int64_t pause = kNsPerMs / 50;; pause = std::min(2 * pause, kNsPerMs)) {
+            if (flock(g_folder, LOCK_EX | LOCK_NB) == 0) break;
+            if (MonotonicNs() >= deadline || TerminationAsked()) {
+                SetLastError(ERROR_TIMEOUT);
+                return false;
+            }
+            const timespec time{0, static_cast<long>(pause)};
+            nanosleep(&time, nullptr);
+        }
+        m_guarded = true;
+        return true;
+    }
+
+private:
+    TerminationHold m_hold;
+    bool m_guarded = false;
+};
+
+void CloseFile(NamedObject& object) {
+    munmap(object.head, sizeof(ObjectHead));
+    object.head = &object.own;
+    if (object.file >= 0) close(object.file);
+    object.file = -1;
+}
+
+NamedObject** FindPlace(const char* fileName) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    NamedObject** place = &g_named[Bucket(fileName)];
+    while (*place != nullptr && std::strcmp((*place)->fileName, fileName) != 0)
+        place = &(*place)->nextNamed;
+    return place;
+}
+
+size_t FileSize(ObjectKind kind, uint32_t size) {
+    return kind == ObjectKind::Section ? kSectionOffset + size : sizeof(ObjectHead);
+}
+
+bool IsEvent(ObjectKind kind) {
+    return kind == ObjectKind::ManualEvent || kind == ObjectKind::AutoEvent;
+}
+
+// Maps the head. The mapping is not for fork children: it carries the flock, and with it the object's life.
+ObjectHead* MapHead(int fd) {
+    void* address = mmap(nullptr, sizeof(ObjectHead), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (address == MAP_FAILED) return nullptr;
+    madvise(address, sizeof(ObjectHead), MADV_DONTFORK);
+    return static_cast<ObjectHead*>(address);
+}
+
+// Everything under the guard from here on.
+
+// Removes the name if no process has the object.
+void RemoveIfDead(const char* fileName) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    const Descriptor file(openat(g_folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (file.IsOpen() && flock(file.Get(), LOCK_EX | LOCK_NB) == 0) unlinkat(g_folder, fileName, 0);
+}
+
+// Fills in a file that is new, or nobody's. Its name is removed again on failure.
+DWORD StartFile(const NamedRequest& request, NamedObject& object, int fd)
+    ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    const auto size = static_cast<off_t>(FileSize(request.kind, request.size));
+    // Space is set aside here, since without it the first access to the mapping would be a fault.
+    int error = ftruncate(fd, 0) == 0 ? posix_fallocate(fd, 0, size) : errno;
+    if (error == 0 && flock(fd, LOCK_SH | LOCK_NB) != 0) error = errno;
+    if (error == 0) {
+        object.head = MapHead(fd);
+        if (object.head == nullptr) error = errno;
+    }
+    if (error != 0) {
+        unlinkat(g_folder, object.fileName, 0);
+        return SystemError(error);
+    }
+    object.kind = request.kind;
+    object.size = request.size;
+    object.head->kind = request.kind;
+    object.head->size = request.size;
+    object.head->word.store(request.word, std::memory_order_relaxed);
+    object.file = fd;
+    if (request.atCreation != nullptr && !request.atCreation(&object)) {
+        unlinkat(g_folder, object.fileName, 0);
+        return GetLastError();
+    }
+    std::atomic_ref(object.head->mark).store(kMark, std::memory_order_release);
+    return ERROR_SUCCESS;
+}
+
+// Joins the processes that have the object.
+DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const struct stat& status) {
+    ObjectHead head;
+    if (pread(fd, static_cast<void*>(&head), sizeof head, 0) != static_cast<ssize_t>(sizeof head) || head.mark != kMark)
+        return ERROR_INVALID_HANDLE;
+    if (head.kind != request.kind && !(IsEvent(head.kind) && IsEvent(request.kind))) return ERROR_INVALID_HANDLE;
+    if (head.kind == ObjectKind::Section && (head.size == 0 || head.size > kLargestSection))
+        return ERROR_INVALID_HANDLE;
+    if (static_cast<size_t>(status.st_size) != FileSize(head.kind, head.size)) return ERROR_INVALID_HANDLE;
+    if (flock(fd, LOCK_SH | LOCK_NB) != 0) return ERROR_ACCESS_DENIED; // somebody plays with the file
+    object.kind = head.kind;
+    object.size = head.size;
+    object.file = fd;
+    object.head = MapHead(fd);
+    return object.head != nullptr ? ERROR_SUCCESS : SystemError(errno);
+}
+
+// Keeps the file or lets it go: an event's mapping is enough, and processes may have thousands of them.
+DWORD Settle(NamedObject& object, Descriptor& file, DWORD error) {
+    if (error != ERROR_SUCCESS) {
+        if (object.head != nullptr && object.head != &object.own) munmap(object.head, sizeof(ObjectHead));
+        object.head = &object.own;
+        object.file = -1;
+    } else if (IsEvent(object.kind)) {
+        object.file = -1;
+    } else {
+        file.Release();
+    }
+    return error;
+}
+
+DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
+    ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    existed = false;
+    // A second round only after a dead file has been removed.
+    for (int round = 0; round < 2; ++round) {
+        if (request.create) {
+            Descriptor file(
+                openat(g_folder, object.fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+            if (file.IsOpen()) {
+                fchmod(file.Get(), request.forEveryone ? 0666 : 0600); // whatever the umask
+                return Settle(object, file, StartFile(request, object, file.Get()));
+            }
+            if (errno != EEXIST) return SystemError(errno);
+        }
+        Descriptor file(openat(g_folder, object.fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        if (!file.IsOpen()) {
+            if (errno == ENOENT && request.create) continue;
+            return errno == ELOOP || errno == EISDIR || errno == ENXIO ? ERROR_INVALID_HANDLE : SystemError(errno);
+        }
+        struct stat status {};
+        if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1)
+            return ERROR_INVALID_HANDLE;
+        if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+            existed = true;
+            return Settle(object, file, JoinFile(request, object, file.Get(), status));
+        }
+        // Nobody's. Another user's cannot be removed; it will do if everyone was to have the object.
+        const bool removed = unlinkat(g_folder, object.fileName, 0) == 0;
+        if (!request.create) return ERROR_FILE_NOT_FOUND;
+        if (removed) continue;
+        if (!request.forEveryone || (status.st_mode & 0666) != 0666) return ERROR_ACCESS_DENIED;
+        return Settle(object, file, StartFile(request, object, file.Get()));
+    }
+    return ERROR_ACCESS_DENIED;
+}
+
+// The last handle was closed, but a thread of this process still owns the mutex. If no other process has it, its name
+// goes now, as it would if nobody owned it; else the mutex stays owned.
+void RemoveNameOfOwned(NamedObject& object) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    if (flock(object.file, LOCK_EX | LOCK_NB) == 0) {
+        unlinkat(g_folder, object.fileName, 0);
+        *FindPlace(object.fileName) = object.nextNamed;
+        object.fileName[0] = '\0';
+    } else {
+        flock(object.file, LOCK_SH | LOCK_NB); // a failed change of a flock has lost it
+    }
+}
+
+NamedObject* MakeRecord(const NamedRequest& request) {
+    NamedObject* object = request.make();
+    if (object == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return object;
+}
+
+NamedObject* MakeUnnamed(const NamedRequest& request) {
+    NamedObject* object = MakeRecord(request);
+    if (object == nullptr) return nullptr;
+    object->kind = request.kind;
+    object->own.word.store(request.word, std::memory_order_relaxed);
+    if (request.atCreation == nullptr || request.atCreation(object)) return object;
+    DropReference(object);
+    return nullptr;
+}
+
+NamedObject* Fail(DWORD error) {
+    SetLastError(error);
+    return nullptr;
+}
+
+} // namespace
+
+NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
+    existed = false;
+    if (request.name == nullptr || *request.name == '\0')
+        return request.create ? MakeUnnamed(request) : Fail(ERROR_INVALID_PARAMETER);
+    char fileName[kLongestFileName + 1];
+    DWORD error = FileName(request.name, fileName);
+    if (error != ERROR_SUCCESS) return Fail(error);
+
+    NamesHold names;
+    if (NamedObject* known = *FindPlace(fileName)) {
+        if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE);
+        known->references.fetch_add(1, std::memory_order_relaxed);
+        existed = true;
+        return known;
+    }
+    if (!names.Guard(kOpenTimeNs)) return nullptr;
+    NamedObject* object = MakeRecord(request);
+    if (object == nullptr) return nullptr;
+    std::memcpy(object->fileName, fileName, sizeof fileName);
+    error = OpenFile(request, *object, existed);
+    if (error != ERROR_SUCCESS) {
+        DropReference(object);
+        return Fail(error);
+    }
+    object->named = true;
+    *FindPlace(fileName) = object;
+    return object;
+}
+
+bool DropNamed(NamedObject* object) {
+    if (!object->named) return LastReference(object);
+    // Far from the end, no lock.
+    uint32_t count = object->references.load(std::memory_order_relaxed);
+    while (count > 2)
+        if (object->references.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) return false;
+
+    NamesHold names;
+    const uint32_t left = object->references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    const bool inList = object->fileName[0] != '\0';
+    if (left == 1 && object->owned.load(std::memory_order_relaxed) && inList && names.Guard(kCloseTimeNs))
+        RemoveNameOfOwned(*object);
+    if (left != 0) return false;
+    if (inList) *FindPlace(object->fileName) = object->nextNamed;
+    const bool guarded = inList && names.Guard(kCloseTimeNs);
+    CloseFile(*object);
+    if (guarded) RemoveIfDead(object->fileName);
+    return true;
+}
+
+HANDLE HandleOfCreated(NamedObject* object, bool existed) {
+    if (object == nullptr) return nullptr;
+    const HANDLE handle = NewHandle(object, kAllRights);
+    if (handle != nullptr) SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    return handle;
+}
+
+HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map) {
+    if (object == nullptr) return nullptr;
+    constexpr DWORD kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
+    DWORD rights = desired & ~(kGeneric | MAXIMUM_ALLOWED);
+    if (desired == 0 || (rights & ~map.all) != 0) {
+        DropReference(object);
+        SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+    }
+    if ((desired & GENERIC_READ) != 0) rights |= map.read;
+    if ((desired & GENERIC_WRITE) != 0) rights |= map.write;
+    if ((desired & GENERIC_EXECUTE) != 0) rights |= map.execute;
+    if ((desired & (GENERIC_ALL | MAXIMUM_ALLOWED)) != 0) rights |= map.all;
+    return NewHandle(object, rights);
+}
+
+bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes) {
+    if (attributes == nullptr || !attributes->bInheritHandle) return true;
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return false;
+}
+
+int ReopenFile(const NamedObject& object) {
+    NamesHold names;
+    if (object.fileName[0] == '\0') return -1;
+    Descriptor file(openat(g_folder, object.fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat mine {};
+    struct stat found {};
+    if (!file.IsOpen() || fstat(object.file, &mine) != 0 || fstat(file.Get(), &found) != 0 ||
+        mine.st_ino != found.st_ino || mine.st_dev != found.st_dev)
+        return -1;
+    return file.Release();
+}
+
+namespace {
+
+// The process ends without having closed its handles: their names go too. Other threads may still be at work, so no
+// mapping may vanish under them.
+__attribute__((destructor)) void LeaveNames() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    constexpr int64_t kTimeNs = 200 * kNsPerMs;
+    if (!g_namesLock.AcquireUntil(MonotonicNs() + kTimeNs)) return;
+    g_namesLock.Release();
+    NamesHold names;
+    if (g_folder < 0 || !names.Guard(kTimeNs)) return;
+    for (NamedObject* object : g_named) {
+        for (; object != nullptr; object = object->nextNamed) {
+            if (object->file >= 0) {
+                if (flock(object->file, LOCK_EX | LOCK_NB) == 0) unlinkat(g_folder, object->fileName, 0);
+                continue;
+            }
+            // Exchanges the page for a copy in one step; the flock goes with the old one.
+            void* copy = mmap(nullptr, sizeof(ObjectHead), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (copy == MAP_FAILED) continue;
+            std::memcpy(copy, static_cast<const void*>(object->head), sizeof(ObjectHead));
+            mremap(copy, sizeof(ObjectHead), sizeof(ObjectHead), MREMAP_MAYMOVE | MREMAP_FIXED, object->head);
+            RemoveIfDead(object->fileName);
+        }
+    }
+}
+
+// The child has no object of its parent's: their mappings were not handed down, their files are closed here.
+void ForgetNames() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_namesLock.ForgetOwner();
+    if (g_folder >= 0) close(g_folder); // its flock is the parent's
+    g_folder = -1;
+    for (NamedObject*& first : g_named) {
+        for (NamedObject* object = first; object != nullptr; object = object->nextNamed)
+            if (object->file >= 0) close(object->file);
+        first = nullptr;
+    }
+}
+
+} // namespace
+
+const ForkSteps kNamesFork{TakeForFork<g_namesLock>, ReleaseAfterFork<g_namesLock>, ForgetNames};
+
+} // namespace oriel

@@ -1,0 +1,130 @@
+// Named shared memory: CreateFileMappingA, MapViewOfFile, UnmapViewOfFile.
+//
+// State: the list of this process's views, each of which keeps its section. A view is mapped through a descriptor of
+// its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the section.
+#include "kernel/errors.h"
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "kernel/named_object.h"
+#include "window/descriptor.h"
+
+#include "security/everyone.h"
+
+#include <cerrno>
+#include <errhandlingapi.h>
+#include <memory>
+#include <new>
+#include <sharedmem.h>
+#include <sys/mman.h>
+
+using namespace oriel;
+
+namespace oriel {
+
+namespace {
+
+constexpr DWORD kLargestSize = 65536;
+
+struct View {
+    void* address;
+    size_t size;
+    NamedObject* section;
+    View* next;
+};
+
+constinit Lock g_viewsLock;
+View* g_views ORIEL_LOCK_CHECK(guarded_by(g_viewsLock)) = nullptr;
+
+void DropSection(Object* object) {
+    auto* section = static_cast<NamedObject*>(object);
+    if (DropNamed(section)) delete section;
+}
+
+constexpr ObjectType kSectionType{.name = "section", .drop = DropSection};
+
+NamedObject* MakeSection() {
+    return new (std::nothrow) NamedObject{{&kSectionType}};
+}
+
+LPVOID FailMapping(DWORD error) {
+    SetLastError(error);
+    return nullptr;
+}
+
+void ForgetViews() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_viewsLock.ForgetOwner();
+    for (View* view = g_views; view != nullptr; view = view->next)
+        view->section = nullptr;
+}
+
+} // namespace
+
+const ForkSteps kViewsFork{TakeForFork<g_viewsLock>, ReleaseAfterFork<g_viewsLock>, ForgetViews};
+
+} // namespace oriel
+
+HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection, DWORD sizeHigh,
+                                 DWORD sizeLow, LPCSTR name) {
+    TerminationHold hold;
+    if (file != INVALID_HANDLE_VALUE || protection != PAGE_READWRITE || name == nullptr || *name == '\0') {
+        SetLastError(ERROR_NOT_SUPPORTED);
+        return nullptr;
+    }
+    if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    if (!AttributesAreSupported(attributes)) return nullptr;
+    bool existed = false;
+    NamedObject* section = OpenNamed({.type = &kSectionType,
+                                      .kind = ObjectKind::Section,
+                                      .name = name,
+                                      .create = true,
+                                      .forEveryone = GrantsEveryone(attributes),
+                                      .size = sizeLow,
+                                      .make = MakeSection},
+                                     existed);
+    return HandleOfCreated(section, existed);
+}
+
+LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes) {
+    HandleUse<NamedObject> section(mapping, kSectionType, 0);
+    if (!section) return nullptr;
+    const bool known = (access & FILE_MAP_WRITE) != 0 || (access & FILE_MAP_READ) != 0;
+    if (!known || (access & ~DWORD{FILE_MAP_WRITE | FILE_MAP_READ}) != 0 || offsetHigh != 0 || offsetLow != 0)
+        return FailMapping(ERROR_INVALID_PARAMETER);
+    const size_t size = section->size;
+    if (bytes > size) return FailMapping(ERROR_ACCESS_DENIED);
+    std::unique_ptr<View> view(new (std::nothrow) View{});
+    if (!view) return FailMapping(ERROR_NOT_ENOUGH_MEMORY);
+    const Descriptor file(ReopenFile(*section.Get()));
+    if (!file.IsOpen()) return FailMapping(ERROR_FILE_NOT_FOUND);
+    const int protection = (access & FILE_MAP_WRITE) != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
+    void* address = mmap(nullptr, size, protection, MAP_SHARED, file.Get(), kSectionOffset);
+    if (address == MAP_FAILED) return FailMapping(SystemError(errno));
+    section->references.fetch_add(1, std::memory_order_relaxed);
+    LockHold lock(g_viewsLock);
+    *view = {address, size, section.Get(), g_views};
+    g_views = view.release();
+    return address;
+}
+
+BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
+    TerminationHold hold;
+    std::unique_ptr<View> view;
+    {
+        LockHold lock(g_viewsLock);
+        View** place = &g_views;
+        while (*place != nullptr && (*place)->address != address)
+            place = &(*place)->next;
+        view.reset(*place);
+        if (view) *place = view->next;
+    }
+    if (!view) {
+        SetLastError(ERROR_INVALID_ADDRESS);
+        return FALSE;
+    }
+    munmap(view->address, view->size);
+    if (view->section != nullptr) DropReference(view->section);
+    return TRUE;
+}

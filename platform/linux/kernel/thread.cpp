@@ -1,0 +1,218 @@
+// Thread records, CreateThread and the end of threads. terminate.cpp stops them.
+//
+// State: a record per thread that needs one, found through a thread-local pointer; a key of the C library whose
+// destructor tells the end of a thread, whoever made it.
+#include "kernel/thread.h"
+
+#include "kernel/errors.h"
+#include "kernel/fork.h"
+
+#include <algorithm>
+#include <csignal>
+#include <errhandlingapi.h>
+#include <handleapi.h>
+#include <new>
+#include <processthreadsapi.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace oriel {
+
+constinit thread_local uint32_t t_terminationHolds __attribute__((tls_model("initial-exec"))) = 0;
+constinit thread_local const Word* t_terminationWord __attribute__((tls_model("initial-exec"))) = nullptr;
+
+namespace {
+
+constinit thread_local ThreadObject* t_thread __attribute__((tls_model("initial-exec"))) = nullptr;
+constinit thread_local DWORD t_threadId __attribute__((tls_model("initial-exec"))) = 0;
+pthread_key_t g_threadKey;
+
+constexpr size_t kSmallestStack = 65536;
+// The C library puts the thread's own data and thread-local variables on its stack; the caller asked for room to work
+// in.
+constexpr size_t kSystemShare = 32768;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kSanitizerShare = 1 << 20;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr size_t kSanitizerShare = 1 << 20;
+#else
+constexpr size_t kSanitizerShare = 0;
+#endif
+#else
+constexpr size_t kSanitizerShare = 0;
+#endif
+
+void DropThread(Object* object) {
+    if (LastReference(object)) delete static_cast<ThreadObject*>(object);
+}
+
+Grab GrabThread(Object* object, WaitPoint& point, bool) {
+    auto* thread = static_cast<ThreadObject*>(object);
+    if (thread->ended.load(std::memory_order_acquire) != 0) return Grab::Got;
+    point.word = &thread->ended;
+    return Grab::Busy;
+}
+
+void LeaveThread(void* value) {
+    auto* thread = static_cast<ThreadObject*>(value);
+    if (!thread->lastRound) {
+        // Destructors of other keys may still need mutexes: come last, in the next round.
+        thread->lastRound = true;
+        pthread_setspecific(g_threadKey, thread);
+        return;
+    }
+    ++t_terminationHolds; // from here on there is nothing left to terminate
+    if (thread->state.exchange(ThreadObject::kLeft) == kTerminationAsked) WakeAll(thread->state, false);
+    t_terminationWord = nullptr;
+    AbandonMutexes(*thread);
+    AnnounceEnd(*thread);
+    t_thread = nullptr;
+    DropThread(thread);
+    --t_terminationHolds;
+}
+
+void AdoptRecord(ThreadObject* thread) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_key_create(&g_threadKey, LeaveThread); });
+    pthread_setspecific(g_threadKey, thread);
+    t_thread = thread;
+    t_terminationWord = &thread->state;
+    WatchForFork();
+}
+
+struct ThreadStart {
+    ThreadObject* thread;
+    LPTHREAD_START_ROUTINE procedure;
+    LPVOID parameter;
+};
+
+void* RunThread(void* argument) {
+    const ThreadStart start = *static_cast<ThreadStart*>(argument);
+    delete static_cast<ThreadStart*>(argument);
+    {
+        TerminationHold hold; // one that is terminated before it has begun stops here
+        AdoptRecord(start.thread);
+        start.thread->threadId.store(GetCurrentThreadId());
+        WakeAll(start.thread->threadId, false);
+    }
+    start.thread->exitCode.store(start.procedure(start.parameter), std::memory_order_relaxed);
+    return nullptr;
+}
+
+void ForgetThread() {
+    if (t_thread != nullptr) pthread_setspecific(g_threadKey, nullptr);
+    t_thread = nullptr;
+    t_terminationWord = nullptr;
+    t_threadId = 0;
+}
+
+} // namespace
+
+const ObjectType kThreadType{.name = "thread", .drop = DropThread, .grab = GrabThread};
+const ForkSteps kThreadFork{nullptr, nullptr, ForgetThread};
+
+ThreadObject* CurrentThread() {
+    if (t_thread != nullptr) return t_thread;
+    TerminationHold hold;
+    auto* thread = new (std::nothrow) ThreadObject{{&kThreadType}};
+    if (thread == nullptr) return nullptr;
+    thread->threadId.store(GetCurrentThreadId());
+    AdoptRecord(thread);
+    return thread;
+}
+
+void AnnounceEnd(ThreadObject& thread) {
+    thread.ended.store(1, std::memory_order_release);
+    WakeAll(thread.ended, false);
+}
+
+int StartThread(size_t stackSize, void* (*procedure)(void*), void* argument) {
+    pthread_attr_t attributes;
+    int error = pthread_attr_init(&attributes);
+    if (error != 0) return error;
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (stackSize != 0) {
+        const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t size = std::max(stackSize, kSmallestStack) + kSystemShare + kSanitizerShare;
+        pthread_attr_setstacksize(&attributes, (size + page - 1) / page * page);
+    }
+    // The program's signals belong to the program's threads.
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (int number = 1; number < 32; ++number)
+        sigaddset(&blocked, number);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT, SIGPROF})
+        sigdelset(&blocked, fault);
+    pthread_attr_setsigmask_np(&attributes, &blocked);
+    pthread_t thread;
+    error = pthread_create(&thread, &attributes, procedure, argument);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+} // namespace oriel
+
+using namespace oriel;
+
+DWORD WINAPI GetCurrentThreadId() {
+    if (t_threadId == 0) {
+        t_threadId = static_cast<DWORD>(syscall(SYS_gettid));
+        WatchForFork();
+    }
+    return t_threadId;
+}
+
+HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, LPTHREAD_START_ROUTINE procedure,
+                           LPVOID parameter, DWORD flags, LPDWORD threadId) {
+    TerminationHold hold;
+    if (procedure == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    if (flags != 0 || (attributes != nullptr && attributes->bInheritHandle)) {
+        SetLastError(ERROR_NOT_SUPPORTED);
+        return nullptr;
+    }
+    auto* thread = new (std::nothrow) ThreadObject{{&kThreadType}};
+    auto* start = new (std::nothrow) ThreadStart{thread, procedure, parameter};
+    if (thread == nullptr || start == nullptr) {
+        delete thread;
+        delete start;
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    thread->references.store(2); // the handle's and the thread's
+    // The handle first: a thread that runs cannot be taken back.
+    const HANDLE handle = NewHandle(thread, kAllRights);
+    int error = 0;
+    if (handle != nullptr) error = StartThread(stackSize, RunThread, start);
+    if (handle == nullptr || error != 0) {
+        if (handle != nullptr) CloseHandle(handle);
+        DropThread(thread);
+        delete start;
+        if (error != 0) SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+        return nullptr;
+    }
+    if (threadId != nullptr) {
+        // Only the thread itself learns its number. It takes the moment that a thread needs to begin.
+        while (thread->threadId.load() == 0) {
+            const SleepPoint begun{&thread->threadId, 0, false};
+            SleepOn(&begun, 1, kNever);
+        }
+        *threadId = thread->threadId.load();
+    }
+    return handle;
+}
+
+BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exitCode) {
+    if (exitCode == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    HandleUse<ThreadObject> thread(handle, kThreadType, 0);
+    if (!thread) return FALSE;
+    *exitCode = thread->ended.load(std::memory_order_acquire) != 0 ? thread->exitCode.load() : STILL_ACTIVE;
+    return TRUE;
+}

@@ -1,0 +1,145 @@
+// Waits for objects, and Sleep.
+//
+// A wait looks at each object in turn, lowest index first, and sleeps on the words of all of them, and on the thread's
+// own state word, until one has changed; then it looks again. It allocates nothing and changes no last error unless it
+// fails.
+#include "kernel/handles.h"
+#include "kernel/thread.h"
+
+#include <algorithm>
+#include <ctime>
+#include <errhandlingapi.h>
+#include <sched.h>
+#include <synchapi.h>
+
+namespace oriel {
+
+namespace {
+
+DWORD FailWait(DWORD error) {
+    SetLastError(error);
+    return WAIT_FAILED;
+}
+
+struct Waiting {
+    TerminationHold hold;
+    HandlePin* const pins;
+    WaitPoint* const points;
+    uint32_t count = 0;
+
+    Waiting(HandlePin* pinRoom, WaitPoint* pointRoom) : pins(pinRoom), points(pointRoom) {}
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+    ~Waiting() {
+        for (uint32_t i = 0; i < count; ++i)
+            UnpinHandle(pins[i]);
+    }
+    DWORD Pin(HANDLE handle) {
+        const HandlePin pin = PinHandle(handle);
+        if (pin.object == nullptr) return ERROR_INVALID_HANDLE;
+        pins[count++] = pin;
+        if (pin.object->type->grab == nullptr) return ERROR_INVALID_HANDLE;
+        return (pin.access & SYNCHRONIZE) != 0 ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+    }
+};
+
+// The result of the first object that can be had, or WAIT_TIMEOUT.
+DWORD LookAtAll(Waiting& waiting, bool goingToSleep) {
+    for (uint32_t i = 0; i < waiting.count; ++i) {
+        Object* object = waiting.pins[i].object;
+        switch (object->type->grab(object, waiting.points[i], goingToSleep)) {
+        case Grab::Busy:
+            break;
+        case Grab::Got:
+            return WAIT_OBJECT_0 + i;
+        case Grab::Abandoned:
+            return WAIT_ABANDONED_0 + i;
+        case Grab::LimitReached:
+            return FailWait(ERROR_MUTANT_LIMIT_EXCEEDED);
+        case Grab::Failed:
+            return FailWait(ERROR_NO_SYSTEM_RESOURCES);
+        }
+    }
+    return WAIT_TIMEOUT;
+}
+
+// The thread's own word as the last of the points, if another thread could want to stop it.
+uint32_t AddOwnWord(SleepPoint* points, uint32_t count) {
+    if (t_terminationWord == nullptr) return count;
+    points[count] = {const_cast<Word*>(t_terminationWord), kRunning, false};
+    return count + 1;
+}
+
+DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
+    SleepPoint points[kMaxSleepPoints];
+    for (;;) {
+        uint32_t sliceMs = 0;
+        for (uint32_t i = 0; i < waiting.count; ++i) {
+            const WaitPoint& point = waiting.points[i];
+            points[i] = {point.word, point.value, point.shared};
+            if (point.sliceMs != 0) sliceMs = point.sliceMs;
+        }
+        const int64_t slice = sliceMs != 0 ? MonotonicNs() + sliceMs * kNsPerMs : kNever;
+        const Awake awake = SleepOn(points, AddOwnWord(points, waiting.count), std::min(deadline, slice));
+        if (awake == Awake::Failed) return FailWait(ERROR_NOACCESS); // a file has been cut short
+        // About to be stopped, at the end of the outermost call: the result is for nobody.
+        if (TerminationAsked()) return FailWait(ERROR_NO_SYSTEM_RESOURCES);
+        const bool over = awake == Awake::TimedOut && deadline <= slice;
+        const DWORD result = LookAtAll(waiting, !over);
+        if (result != WAIT_TIMEOUT || over) return result;
+    }
+}
+
+DWORD Wait(Waiting& waiting, DWORD milliseconds) {
+    const DWORD result = LookAtAll(waiting, milliseconds != 0);
+    if (result != WAIT_TIMEOUT || milliseconds == 0) return result;
+    return SleepOnAll(waiting, DeadlineAfter(milliseconds));
+}
+
+} // namespace
+
+} // namespace oriel
+
+using namespace oriel;
+
+DWORD WINAPI WaitForSingleObject(HANDLE object, DWORD milliseconds) {
+    HandlePin pin;
+    WaitPoint point;
+    Waiting waiting(&pin, &point);
+    const DWORD error = waiting.Pin(object);
+    return error != ERROR_SUCCESS ? FailWait(error) : Wait(waiting, milliseconds);
+}
+
+DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* objects, BOOL waitAll, DWORD milliseconds) {
+    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || objects == nullptr) return FailWait(ERROR_INVALID_PARAMETER);
+    if (waitAll) return FailWait(ERROR_NOT_SUPPORTED);
+    HandlePin pins[MAXIMUM_WAIT_OBJECTS];
+    WaitPoint points[MAXIMUM_WAIT_OBJECTS];
+    Waiting waiting(pins, points);
+    for (DWORD i = 0; i < count; ++i) {
+        const DWORD error = waiting.Pin(objects[i]);
+        if (error != ERROR_SUCCESS) return FailWait(error);
+    }
+    return Wait(waiting, milliseconds);
+}
+
+void WINAPI Sleep(DWORD milliseconds) {
+    if (milliseconds == 0) {
+        sched_yield();
+        return;
+    }
+    TerminationHold hold;
+    const int64_t deadline = DeadlineAfter(milliseconds);
+    constinit static Word never{0};
+    SleepPoint points[2] = {{&never, 0, false}};
+    const uint32_t count = AddOwnWord(points, 1);
+    while (!TerminationAsked() && SleepOn(points, count, deadline) == Awake::Look)
+        continue;
+}
+
+DWORD WINAPI GetTickCount() {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<DWORD>(static_cast<uint64_t>(now.tv_sec) * 1000 +
+                              static_cast<uint64_t>(now.tv_nsec) / 1'000'000);
+}
