@@ -46,41 +46,51 @@ void EndWaiting(Database& database) NEEDS(database.lock) {
 
 // A given-up database goes over to who creates it now.
 ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) NEEDS(g_tableLock) {
-    if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
-    GiveBack(*database.account, kShareDatabases, 1);
-    database.account = &account;
+    if (database.account != &account) {
+        if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
+        GiveBack(*database.account, kShareDatabases, 1);
+        database.account = &account;
+    }
     BeginInitialisation(database, handle);
     return kDone;
 }
 
-// A variable of a name that the database does not have yet.
-ServiceStatus AddVariable(Database& database, Account& account, std::string_view name, DatabaseType type,
-                          DWORD sizeLimit, const BYTE* bytes, DWORD size, Variable** added) NEEDS(database.lock) {
-    if (name.size() > kVariableNameMax) return kBadName;
+// How a variable is made.
+struct NewVariable {
+    std::string_view name; // the database does not have it yet
+    DatabaseType type;
+    DWORD sizeLimit;
+    bool companion = false;
+};
+
+ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
+                          DWORD size) NEEDS(database.lock) {
+    if (wanted.name.empty() || wanted.name.size() > kVariableNameMax) return kBadName;
     if (database.variableCount.load(std::memory_order_relaxed) == kVariablesPerDatabase) return kLimitReached;
     ServiceStatus status = kDone;
-    const Name* interned = InternName(account, name, &status);
-    if (!interned) return status;
+    const Name* name = InternName(account, wanted.name, &status);
+    if (!name) return status;
     ValueBlock* block = nullptr;
-    if (type != kTypeComposite) {
-        const DWORD capacity = type == kTypeVariableLength ? size : sizeLimit;
+    if (wanted.type != kTypeComposite) {
+        const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.sizeLimit;
         block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
         if (!block) return status;
     }
     void* piece = database.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
     if (!piece) return status;
     auto* variable = new (piece) Variable{};
-    variable->name = interned;
-    variable->hash = interned->hash;
-    variable->type = static_cast<BYTE>(type);
-    variable->sizeLimit = sizeLimit;
+    variable->name = name;
+    variable->hash = name->hash;
+    variable->type = static_cast<BYTE>(wanted.type);
+    variable->sizeLimit = wanted.sizeLimit;
+    variable->companion = wanted.companion;
     variable->block.store(block, std::memory_order_relaxed);
     TouchWriteTime(*variable);
-    std::atomic<Variable*>& bucket = database.buckets[variable->hash % Database::kBuckets];
+    std::atomic<Variable*>& bucket = database.buckets[name->hash % Database::kBuckets];
     variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
     bucket.store(variable, std::memory_order_release);
     database.variableCount.fetch_add(1, std::memory_order_relaxed);
-    *added = variable;
+    SignalWritten(database, *variable, true); // to those who watch a composite that lists it
     return kDone;
 }
 
@@ -94,13 +104,8 @@ ServiceStatus WriteNewCompanion(Database& database, Account& account, std::strin
     if (sizeStatus != kDone) return sizeStatus;
     LockHold hold{database.lock};
     if (FindVariable(database, name)) return kVariableExists;
-    Variable* companion = nullptr;
-    const ServiceStatus status = AddVariable(database, account, name, static_cast<DatabaseType>(base->type),
-                                             base->sizeLimit, bytes, size, &companion);
-    if (status != kDone) return status;
-    companion->companion = true;
-    SignalWritten(database, *companion, true);
-    return kDone;
+    return AddVariable(database, account, {name, static_cast<DatabaseType>(base->type), base->sizeLimit, true}, bytes,
+                       size);
 }
 
 } // namespace
@@ -174,18 +179,13 @@ Variable* FindVariable(const Database& database, std::string_view name) {
 
 ServiceStatus CreateVariable(Database& database, Account& account, std::string_view name, DatabaseType type,
                              const BYTE* bytes, DWORD size) {
-    if (name.empty()) return kBadName;
     if (type >= kTypeCount) return kBadArgument;
     if (type == kTypeComposite ? size != 0 : size == 0 && type != kTypeVariableLength) return kWrongSize;
     if (size > kValueSizeMax) return kLimitReached;
     LockHold hold{database.lock};
     if (FindVariable(database, name)) return kVariableExists;
-    Variable* variable = nullptr;
-    const DWORD sizeLimit = type == kTypeVariableLength ? kValueSizeMax : size;
-    const ServiceStatus status = AddVariable(database, account, name, type, sizeLimit, bytes, size, &variable);
-    if (status != kDone) return status;
-    SignalWritten(database, *variable, true); // to those who watch a composite that lists it
-    return kDone;
+    return AddVariable(database, account, {name, type, type == kTypeVariableLength ? kValueSizeMax : size}, bytes,
+                       size);
 }
 
 ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,

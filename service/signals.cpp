@@ -194,13 +194,15 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
         if (!signal.event) return kEventUnavailable;
     }
     ++signal.watches;
-    signals.database->watches.fetch_add(1); // with the writers: WriteValue stores its count before it looks here
+    signals.watchCount.fetch_add(1);
+    signals.database->watches.fetch_add(1); // the counterpart of the writer, which stores its count and then looks here
     return kDone;
 }
 
 void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
     LockHold hold{signals.lock};
     Signal& signal = SignalOf(signals, mode);
+    signals.watchCount.fetch_sub(1);
     signals.database->watches.fetch_sub(1);
     if (--signal.watches == 0) ForgetPulses(signal);
 }
@@ -210,7 +212,8 @@ void SignalWritten(Database& database, const Variable& variable, bool changed) {
     if (VariableSignals* signals = variable.signals.load(std::memory_order_acquire)) Fire(*signals, changed);
     VariableSignals* composite = database.compositeSignals.load(std::memory_order_acquire);
     for (; composite; composite = composite->nextComposite)
-        if (IsComposedOf(database, *composite->variable, variable)) Fire(*composite, changed);
+        if (composite->watchCount.load() > 0 && IsComposedOf(database, *composite->variable, variable))
+            Fire(*composite, changed);
 }
 
 bool StartSignals() {

@@ -31,7 +31,8 @@ struct VariableSignals {
     Variable* variable = nullptr;
     VariableSignals* nextComposite = nullptr; // of Database::compositeSignals; set before it can be seen
     VariableSignals* nextOfAll = nullptr;
-    Watch* watches = nullptr; // guarded by the lock of watches.cpp
+    std::atomic<DWORD> watchCount = 0; // of both
+    Watch* watches = nullptr;          // guarded by the lock of watches.cpp
 
     Lock lock;
     Signal everyWrite GUARDED_BY(lock){this, dblink::kEveryWrite};
