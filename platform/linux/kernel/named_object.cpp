@@ -9,6 +9,7 @@
 #include "kernel/fork.h"
 #include "kernel/lock.h"
 #include "window/descriptor.h"
+#include "window/export_guard.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -67,6 +68,17 @@ DWORD FileName(const char* name, char (&fileName)[kLongestFileName + 1]) {
     return ERROR_SUCCESS;
 }
 
+// -1 with the last error set.
+int OpenFolder() {
+    return WithoutExceptions<int>(-1, [] {
+        const std::string folder = RuntimeFolder("objects");
+        const int descriptor =
+            folder.empty() ? -1 : open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (descriptor < 0) SetLastError(ERROR_PATH_NOT_FOUND);
+        return descriptor;
+    });
+}
+
 // The names lock and, if asked for, the folder's flock.
 class ORIEL_LOCK_CHECK(scoped_lockable) NamesHold {
 public:
@@ -82,12 +94,8 @@ public:
     // The folder's flock, until the end of the hold. False with the last error set.
     bool Guard(int64_t timeNs) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
         if (g_folder < 0) {
-            const std::string folder = RuntimeFolder("objects");
-            if (!folder.empty()) g_folder = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (g_folder < 0) {
-                SetLastError(ERROR_PATH_NOT_FOUND);
-                return false;
-            }
+            g_folder = OpenFolder();
+            if (g_folder < 0) return false;
             WatchForFork();
         }
         const int64_t deadline = MonotonicNs() + timeNs;

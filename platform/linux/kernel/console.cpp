@@ -1,0 +1,163 @@
+// SetConsoleCtrlHandler: SIGINT and SIGTERM as console events.
+//
+// The signal handler writes one byte to a pipe; a thread reads it and runs the handlers, so that they may do what they
+// like.
+//
+// State: the handlers, the pipe and the thread, made with the first handler and kept; the dispositions that the signals
+// had before, restored with the removal of the last handler.
+#include "kernel/errors.h"
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "kernel/thread.h"
+
+#include <cerrno>
+#include <consoleapi.h>
+#include <csignal>
+#include <errhandlingapi.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace oriel {
+
+namespace {
+
+constexpr uint32_t kMostHandlers = 16;
+
+constinit Lock g_consoleLock;
+PHANDLER_ROUTINE g_handlers[kMostHandlers] ORIEL_LOCK_CHECK(guarded_by(g_consoleLock));
+uint32_t g_handlerCount ORIEL_LOCK_CHECK(guarded_by(g_consoleLock)) = 0;
+struct sigaction g_interruptBefore ORIEL_LOCK_CHECK(guarded_by(g_consoleLock));
+struct sigaction g_terminateBefore ORIEL_LOCK_CHECK(guarded_by(g_consoleLock));
+int g_reading ORIEL_LOCK_CHECK(guarded_by(g_consoleLock)) = -1;
+std::atomic<int> g_writing{-1};
+
+void OnSignal(int number) {
+    const int error = errno;
+    const auto byte = static_cast<unsigned char>(number);
+    // A full pipe loses the signal, behind thousands that wait.
+    [[maybe_unused]] const ssize_t written = write(g_writing.load(), &byte, 1);
+    errno = error;
+}
+
+void HandOutSignals() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
+    struct sigaction action {};
+    action.sa_handler = OnSignal;
+    action.sa_flags = SA_RESTART;
+    sigfillset(&action.sa_mask);
+    sigaction(SIGINT, &action, &g_interruptBefore);
+    sigaction(SIGTERM, &action, &g_terminateBefore);
+}
+
+void TakeSignalsBack() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
+    sigaction(SIGINT, &g_interruptBefore, nullptr);
+    sigaction(SIGTERM, &g_terminateBefore, nullptr);
+}
+
+// As if no handler had been there: what the signal did before it got its handler, and otherwise the end of the process.
+void EndBySignal(int number) {
+    {
+        LockHold hold(g_consoleLock);
+        TakeSignalsBack();
+        g_handlerCount = 0;
+    }
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, number);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    kill(getpid(), number);
+}
+
+void RunHandlers(int number) {
+    PHANDLER_ROUTINE handlers[kMostHandlers];
+    uint32_t count = 0;
+    {
+        LockHold hold(g_consoleLock);
+        for (; count < g_handlerCount; ++count)
+            handlers[count] = g_handlers[count];
+    }
+    if (count == 0) return; // they were removed in the meantime
+    const DWORD event = number == SIGINT ? CTRL_C_EVENT : CTRL_BREAK_EVENT;
+    while (count > 0)
+        if (handlers[--count](event)) return;
+    EndBySignal(number);
+}
+
+void* ReadSignals(void* argument) {
+    const auto reading = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    for (;;) {
+        unsigned char number = 0;
+        const ssize_t count = read(reading, &number, 1);
+        if (count == 1) RunHandlers(number);
+        if (count == 0 || (count < 0 && errno != EINTR)) return nullptr;
+    }
+}
+
+// ERROR_SUCCESS, or why there can be no events.
+DWORD StartReading() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
+    if (g_reading >= 0) return ERROR_SUCCESS;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return SystemError(errno);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    WatchForFork();
+    // Handlers are the program's: they get a stack of the usual size.
+    const int error = StartThread(0, ReadSignals, reinterpret_cast<void*>(intptr_t{ends[0]}));
+    if (error != 0) {
+        close(ends[0]);
+        close(ends[1]);
+        return SystemError(error);
+    }
+    g_reading = ends[0];
+    g_writing.store(ends[1]);
+    return ERROR_SUCCESS;
+}
+
+// The handlers are the parent's: the child has the dispositions that were there before.
+void ForgetConsole() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_consoleLock.ForgetOwner();
+    if (g_handlerCount != 0) TakeSignalsBack();
+    g_handlerCount = 0;
+    if (g_reading < 0) return;
+    close(g_reading);
+    close(g_writing.load());
+    g_reading = -1;
+    g_writing.store(-1);
+}
+
+DWORD AddHandler(PHANDLER_ROUTINE handler) {
+    LockHold hold(g_consoleLock);
+    if (g_handlerCount == kMostHandlers) return ERROR_NO_SYSTEM_RESOURCES;
+    const DWORD error = StartReading();
+    if (error != ERROR_SUCCESS) return error;
+    g_handlers[g_handlerCount++] = handler;
+    if (g_handlerCount == 1) HandOutSignals();
+    return ERROR_SUCCESS;
+}
+
+DWORD RemoveHandler(PHANDLER_ROUTINE handler) {
+    LockHold hold(g_consoleLock);
+    uint32_t last = g_handlerCount;
+    while (last > 0 && g_handlers[last - 1] != handler)
+        --last;
+    if (last == 0) return ERROR_INVALID_PARAMETER;
+    for (; last < g_handlerCount; ++last)
+        g_handlers[last - 1] = g_handlers[last];
+    if (--g_handlerCount == 0) TakeSignalsBack();
+    return ERROR_SUCCESS;
+}
+
+} // namespace
+
+const ForkSteps kConsoleFork{TakeForFork<g_consoleLock>, ReleaseAfterFork<g_consoleLock>, ForgetConsole};
+
+} // namespace oriel
+
+using namespace oriel;
+
+BOOL WINAPI SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add) {
+    DWORD error = ERROR_NOT_SUPPORTED;
+    if (handler != nullptr) error = add ? AddHandler(handler) : RemoveHandler(handler);
+    if (error == ERROR_SUCCESS) return TRUE;
+    SetLastError(error);
+    return FALSE;
+}

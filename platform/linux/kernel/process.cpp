@@ -1,0 +1,240 @@
+// Processes: CreateProcessA, OpenProcess, exit codes.
+//
+// State: a record per process with a handle; a descriptor of the process (pidfd) names it, so that a process number
+// that the system has given to another process since is never mistaken for it.
+#include "kernel/process.h"
+
+#include "kernel/command_line.h"
+#include "kernel/errors.h"
+#include "kernel/named_object.h"
+#include "text/paths.h"
+#include "text/strings.h"
+#include "window/export_guard.h"
+
+#include <cerrno>
+#include <csignal>
+#include <errhandlingapi.h>
+#include <fcntl.h>
+#include <handleapi.h>
+#include <new>
+#include <processthreadsapi.h>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
+
+namespace oriel {
+
+namespace {
+
+void DropProcess(Object* object) {
+    if (!LastReference(object)) return;
+    auto* process = static_cast<ProcessObject*>(object);
+    StopWatching(*process);
+    close(process->descriptor);
+    delete process;
+}
+
+Grab GrabProcess(Object* object, WaitPoint& point, bool goingToSleep) {
+    auto& process = *static_cast<ProcessObject*>(object);
+    if (HasEnded(process)) return Grab::Got;
+    if (goingToSleep && !WatchProcess(process)) return Grab::Failed;
+    point.word = &process.ended;
+    return process.ended.load(std::memory_order_acquire) != 0 ? Grab::Got : Grab::Busy;
+}
+
+constexpr ObjectType kProcessType{.name = "process", .drop = DropProcess, .grab = GrabProcess};
+
+// Rights that only the handle of CreateProcessA has: OpenProcess gives none but SYNCHRONIZE.
+constexpr DWORD kTerminateRight = 0x0001;
+constexpr DWORD kQueryRight = 0x0400;
+
+struct SpawnActions {
+    posix_spawn_file_actions_t actions;
+    SpawnActions() { posix_spawn_file_actions_init(&actions); }
+    ~SpawnActions() { posix_spawn_file_actions_destroy(&actions); }
+    SpawnActions(const SpawnActions&) = delete;
+    SpawnActions& operator=(const SpawnActions&) = delete;
+};
+
+struct SpawnAttributes {
+    posix_spawnattr_t attributes;
+    SpawnAttributes() { posix_spawnattr_init(&attributes); }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+};
+
+// 0, or a value of errno. A program that was not found leaves no child behind.
+int Spawn(const std::string& path, std::vector<std::string>& words, bool ownConsole, pid_t& id) {
+    SpawnActions file;
+    SpawnAttributes start;
+    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    if (ownConsole) {
+        // Out of reach of the terminal's signals, and not holding on to a pipe that others read to its end.
+        flags |= POSIX_SPAWN_SETSID;
+        posix_spawn_file_actions_addopen(&file.actions, 0, "/dev/null", O_RDWR, 0);
+        posix_spawn_file_actions_adddup2(&file.actions, 0, 1);
+        posix_spawn_file_actions_adddup2(&file.actions, 0, 2);
+    }
+    posix_spawn_file_actions_addclosefrom_np(&file.actions, 3);
+    sigset_t signals;
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&start.attributes, &signals);
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&start.attributes, &signals);
+    posix_spawnattr_setflags(&start.attributes, flags);
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    return posix_spawn(&id, path.c_str(), &file.actions, &start.attributes, argv.data(), environ);
+}
+
+DWORD SpawnError(int error, const std::string& path) {
+    if (error != ENOENT) return SystemError(error);
+    // Which part is missing? The interpreter of a script that is there counts as a format that is not known.
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) return ERROR_BAD_EXE_FORMAT;
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return stat(folder.c_str(), &status) == 0 ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+}
+
+bool AsksForNothing(const STARTUPINFOA& startup) {
+    return startup.cb == sizeof startup && startup.lpReserved == nullptr && startup.lpDesktop == nullptr &&
+           startup.lpTitle == nullptr && startup.dwX == 0 && startup.dwY == 0 && startup.dwXSize == 0 &&
+           startup.dwYSize == 0 && startup.dwXCountChars == 0 && startup.dwYCountChars == 0 &&
+           startup.dwFillAttribute == 0 && startup.dwFlags == 0 && startup.wShowWindow == 0 &&
+           startup.cbReserved2 == 0 && startup.lpReserved2 == nullptr && startup.hStdInput == nullptr &&
+           startup.hStdOutput == nullptr && startup.hStdError == nullptr;
+}
+
+BOOL FailProcess(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+// Handles for a child that runs. If they cannot be made it is killed: nobody could wait for it.
+BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
+    auto* process = new (std::nothrow) ProcessObject{{&kProcessType}};
+    const int descriptor = process != nullptr ? static_cast<int>(syscall(SYS_pidfd_open, id, 0)) : -1;
+    // Gone already: the host program lets the system reap its children.
+    const bool gone = descriptor < 0 && process != nullptr && errno == ESRCH;
+    if (descriptor < 0 && !gone) {
+        const int error = process != nullptr ? errno : ENOMEM;
+        delete process;
+        kill(id, SIGKILL);
+        waitpid(id, nullptr, 0);
+        return FailProcess(SystemError(error));
+    }
+    process->id = static_cast<DWORD>(id);
+    process->descriptor = descriptor;
+    process->child = true;
+    process->ended.store(gone ? 1 : 0);
+    process->references.store(3); // two handles and this call
+    const bool watched = WatchProcess(*process);
+    const HANDLE processHandle = NewHandle(process, kAllRights);
+    const HANDLE threadHandle = NewHandle(process, SYNCHRONIZE);
+    const bool given = watched && processHandle != nullptr && threadHandle != nullptr;
+    if (given) {
+        *information = {processHandle, threadHandle, process->id, process->id};
+    } else {
+        if (!gone) syscall(SYS_pidfd_send_signal, descriptor, SIGKILL, nullptr, 0);
+        if (!watched) waitpid(id, nullptr, 0);
+        if (processHandle != nullptr) CloseHandle(processHandle);
+        if (threadHandle != nullptr) CloseHandle(threadHandle);
+    }
+    DropReference(process);
+    return given ? TRUE : FailProcess(ERROR_NO_SYSTEM_RESOURCES);
+}
+
+BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPROCESS_INFORMATION information) {
+    std::vector<std::string> words;
+    if (commandLine != nullptr) words = DivideCommandLine(commandLine);
+    if (words.empty()) words.emplace_back(application);
+    const std::string path = UnixPath(application != nullptr ? application : words.front().c_str());
+    if (path.empty()) return FailProcess(ERROR_INVALID_PARAMETER);
+    for (std::string& word : words)
+        word = AnsiToUtf8(word);
+    pid_t id = 0;
+    const int error = Spawn(path, words, ownConsole, id);
+    return error == 0 ? GiveHandles(id, information) : FailProcess(SpawnError(error, path));
+}
+
+} // namespace
+
+} // namespace oriel
+
+using namespace oriel;
+
+DWORD WINAPI GetCurrentProcessId() {
+    return static_cast<DWORD>(getpid());
+}
+
+BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATTRIBUTES processAttributes,
+                           LPSECURITY_ATTRIBUTES threadAttributes, BOOL inheritHandles, DWORD flags, LPVOID environment,
+                           LPCSTR directory, LPSTARTUPINFOA startup, LPPROCESS_INFORMATION information) {
+    if (information == nullptr || startup == nullptr || (application == nullptr && commandLine == nullptr))
+        return FailProcess(ERROR_INVALID_PARAMETER);
+    if (!AttributesAreSupported(processAttributes) || !AttributesAreSupported(threadAttributes)) return FALSE;
+    if (inheritHandles || (flags & ~DWORD{CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS}) != 0 || environment != nullptr ||
+        directory != nullptr || !AsksForNothing(*startup))
+        return FailProcess(ERROR_NOT_SUPPORTED);
+    return Undivided<BOOL>(
+        FALSE, [&] { return StartProcess(application, commandLine, (flags & CREATE_NEW_CONSOLE) != 0, information); });
+}
+
+HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
+    TerminationHold hold;
+    const DWORD refusal = inherit ? ERROR_NOT_SUPPORTED : access != SYNCHRONIZE ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
+    if (refusal != ERROR_SUCCESS) {
+        SetLastError(refusal);
+        return nullptr;
+    }
+    auto* process = new (std::nothrow) ProcessObject{{&kProcessType}};
+    if (process == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    process->descriptor = static_cast<int>(syscall(SYS_pidfd_open, id, 0));
+    if (process->descriptor < 0) {
+        // No such process, or the number of a thread that is not a process's first.
+        const bool none = errno == ESRCH || errno == EINVAL || errno == ENOENT;
+        SetLastError(none ? ERROR_INVALID_PARAMETER : SystemError(errno));
+        delete process;
+        return nullptr;
+    }
+    process->id = id;
+    return NewHandle(process, SYNCHRONIZE);
+}
+
+BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
+    if (exitCode == nullptr) return FailProcess(ERROR_INVALID_PARAMETER);
+    if (handle == GetCurrentProcess()) {
+        *exitCode = STILL_ACTIVE;
+        return TRUE;
+    }
+    HandleUse<ProcessObject> process(handle, kProcessType, kQueryRight);
+    if (!process) return FALSE;
+    const bool ended = HasEnded(*process.Get());
+    if (ended && !process->exitCodeKnown.load()) return FailProcess(ERROR_ACCESS_DENIED);
+    *exitCode = ended ? process->exitCode.load() : STILL_ACTIVE;
+    return TRUE;
+}
+
+BOOL WINAPI TerminateProcess(HANDLE handle, UINT exitCode) {
+    if (handle == GetCurrentProcess()) _exit(static_cast<int>(exitCode));
+    HandleUse<ProcessObject> process(handle, kProcessType, kTerminateRight);
+    if (!process) return FALSE;
+    if (HasEnded(*process.Get())) return FailProcess(ERROR_ACCESS_DENIED);
+    process->exitCodeGiven.store(exitCode);
+    if (syscall(SYS_pidfd_send_signal, process->descriptor, SIGKILL, nullptr, 0) != 0)
+        return FailProcess(ERROR_ACCESS_DENIED);
+    return TRUE;
+}

@@ -1,0 +1,141 @@
+// The thread that waits for processes: one for all of them, from the first that is started or waited for. It makes the
+// end of a process a change of a word, like any other that a wait sleeps on, and leaves no zombie.
+//
+// State: the list of watched processes and the epoll descriptor, under one lock.
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "kernel/process.h"
+#include "kernel/thread.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace oriel {
+
+namespace {
+
+constinit Lock g_reaperLock;
+ProcessObject* g_watched ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = nullptr;
+int g_epoll ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = -1;
+bool g_running ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = false;
+
+// Takes the exit code of a child. A host program that waits for all its children may have been faster; then it is
+// unknown.
+void Reap(ProcessObject& process) {
+    siginfo_t info{};
+    int result = 0;
+    do
+        result = waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(process.descriptor), &info, WEXITED);
+    while (result != 0 && errno == EINTR);
+    if (result != 0) return;
+    const DWORD given = process.exitCodeGiven.load();
+    if (info.si_code == CLD_EXITED)
+        process.exitCode.store(static_cast<DWORD>(info.si_status));
+    else
+        process.exitCode.store(
+            info.si_status == SIGKILL && given != STATUS_PENDING ? given : 128 + static_cast<DWORD>(info.si_status));
+    process.exitCodeKnown.store(true);
+}
+
+void Unlink(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
+    ProcessObject** place = &g_watched;
+    while (*place != &process)
+        place = &(*place)->next;
+    *place = process.next;
+    process.watched = false;
+    epoll_ctl(g_epoll, EPOLL_CTL_DEL, process.descriptor, nullptr);
+}
+
+// True when it had not been noted yet. The watcher's reference of a child is then the caller's.
+bool NoteEnd(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
+    if (process.ended.load() != 0) return false;
+    if (process.child) Reap(process);
+    if (process.watched) Unlink(process);
+    process.ended.store(1, std::memory_order_release);
+    WakeAll(process.ended, false);
+    return true;
+}
+
+bool IsReadable(int descriptor) {
+    pollfd ready{descriptor, POLLIN, 0};
+    return poll(&ready, 1, 0) == 1;
+}
+
+// Ends those that have ended, one at a time; null when there is none left.
+ProcessObject* NextEnded() {
+    LockHold hold(g_reaperLock);
+    for (ProcessObject* process = g_watched; process != nullptr; process = process->next)
+        if (IsReadable(process->descriptor) && NoteEnd(*process)) return process;
+    return nullptr;
+}
+
+void* WatchProcesses(void* argument) {
+    const auto epoll = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    for (;;) {
+        epoll_event event{};
+        if (epoll_wait(epoll, &event, 1, -1) < 0 && errno != EINTR) return nullptr;
+        while (ProcessObject* process = NextEnded())
+            if (process->child) DropReference(process);
+    }
+}
+
+bool StartWatcher() ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
+    if (g_running) return true;
+    if (g_epoll < 0) g_epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (g_epoll < 0) return false;
+    WatchForFork();
+    g_running = StartThread(kOwnStackSize, WatchProcesses, reinterpret_cast<void*>(intptr_t{g_epoll})) == 0;
+    return g_running;
+}
+
+// The watcher is the parent's, and so are its children.
+void ForgetProcesses() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_reaperLock.ForgetOwner();
+    if (g_epoll >= 0) close(g_epoll);
+    g_epoll = -1;
+    g_running = false;
+    g_watched = nullptr;
+}
+
+} // namespace
+
+const ForkSteps kReaperFork{TakeForFork<g_reaperLock>, ReleaseAfterFork<g_reaperLock>, ForgetProcesses};
+
+bool WatchProcess(ProcessObject& process) {
+    LockHold hold(g_reaperLock);
+    if (process.watched || process.ended.load() != 0) return true;
+    if (!StartWatcher()) return false;
+    process.watched = true;
+    process.next = g_watched;
+    g_watched = &process;
+    if (process.child) process.references.fetch_add(1);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (epoll_ctl(g_epoll, EPOLL_CTL_ADD, process.descriptor, &event) == 0) return true;
+    Unlink(process);
+    if (process.child) process.references.fetch_sub(1); // not the last: the caller has one
+    return false;
+}
+
+void StopWatching(ProcessObject& process) {
+    LockHold hold(g_reaperLock);
+    if (process.watched) Unlink(process);
+}
+
+bool HasEnded(ProcessObject& process) {
+    if (process.ended.load(std::memory_order_acquire) != 0) return true;
+    if (!IsReadable(process.descriptor)) return false;
+    bool drop = false;
+    {
+        LockHold hold(g_reaperLock);
+        const bool watched = process.watched;
+        drop = NoteEnd(process) && watched && process.child;
+    }
+    if (drop) process.references.fetch_sub(1); // the watcher's; the caller has one
+    return true;
+}
+
+} // namespace oriel
