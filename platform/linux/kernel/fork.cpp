@@ -7,7 +7,7 @@ namespace oriel {
 
 namespace {
 
-constexpr const ForkSteps* kSteps[] = {&kNamesFork,   &kViewsFork,   &kReaperFork,
+constexpr const ForkSteps* kSteps[] = {&kRpcFork,     &kNamesFork,   &kViewsFork, &kReaperFork,
                                        &kConsoleFork, &kHandlesFork, &kThreadFork};
 
 void Before() {

@@ -14,6 +14,7 @@ struct ForkSteps {
 };
 
 // In the order of the locks.
+extern const ForkSteps kRpcFork;
 extern const ForkSteps kNamesFork;
 extern const ForkSteps kViewsFork;
 extern const ForkSteps kReaperFork;

@@ -1,0 +1,418 @@
+// Connections of the client: association.h.
+//
+// State: all associations of the process, under g_lock, with their connections, the idle ones among these, and the id
+// of the group that the server gave to the first. Each thread's own list of connections, which needs no lock; a key of
+// the C library gives it up when the thread ends.
+#include "rpc/association.h"
+
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "rpc/endpoint.h"
+#include "rpc/fork.h"
+
+#include <algorithm>
+#include <new>
+#include <pthread.h>
+#include <sys/socket.h>
+
+namespace oriel::rpc {
+
+struct Association {
+    std::string endpoint;
+    unsigned bindings = 0;   // 0: closing
+    unsigned references = 0; // bindings and connections
+    Association* next = nullptr;
+
+    Connection* connections = nullptr;
+    Connection* idle = nullptr;
+    unsigned idleCount = 0;
+
+    // 0: none yet, or none any more. Then one thread asks the server for a group (`founding`) and the others wait for
+    // it, so that they come to be in the same one. A founder that is terminated is given up for lost at foundingUntil.
+    uint32_t group = 0;
+    unsigned groupConnections = 0;
+    bool founding = false;
+    int64_t foundingUntil = 0;
+    Word foundingEnds{0};
+};
+
+namespace {
+
+constinit Lock g_lock;
+Association* g_associations ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
+
+constinit thread_local Connection* t_connections __attribute__((tls_model("initial-exec"))) = nullptr;
+pthread_key_t g_threadKey;
+
+void Unreference(Association& association) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    if (--association.references != 0) return;
+    for (Association** link = &g_associations; *link != nullptr; link = &(*link)->next) {
+        if (*link != &association) continue;
+        *link = association.next;
+        break;
+    }
+    delete &association;
+}
+
+// Other threads look at it: to cut the connection with the last binding, or after a fork.
+void SetSocket(Connection& connection, int socket) {
+    LockHold hold(g_lock);
+    connection.channel.socket = socket;
+}
+
+void Disconnect(Connection& connection) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    Association& association = *connection.association;
+    if (connection.channel.socket < 0) return;
+    CloseSocket(connection.channel);
+    connection.contextCount = 0;
+    if (connection.group == association.group && association.group != 0 && --association.groupConnections == 0)
+        association.group = 0; // the server has run it down
+    connection.group = 0;
+}
+
+void Destroy(Connection* connection) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    Association& association = *connection->association;
+    Disconnect(*connection);
+    if (connection->previous != nullptr)
+        connection->previous->next = connection->next;
+    else
+        association.connections = connection->next;
+    if (connection->next != nullptr) connection->next->previous = connection->previous;
+    FreeBuffers(connection->channel);
+    delete connection;
+    Unreference(association);
+}
+
+void GiveUpConnections(void*) {
+    LockHold hold(g_lock);
+    while (t_connections != nullptr) {
+        Connection* connection = t_connections;
+        t_connections = connection->nextOfOwner;
+        Association& association = *connection->association;
+        const bool enough = association.idleCount >= kMaxIdleConnections && association.groupConnections > 1;
+        if (association.bindings == 0 || connection->channel.socket < 0 || enough) {
+            Destroy(connection);
+            continue;
+        }
+        connection->busy = false;
+        Trim(connection->channel);
+        connection->nextOfOwner = association.idle;
+        association.idle = connection;
+        ++association.idleCount;
+    }
+}
+
+// Those of associations that have no binding any more.
+void DropClosed() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    for (Connection** link = &t_connections; *link != nullptr;) {
+        Connection* connection = *link;
+        if (connection->association->bindings != 0) {
+            link = &connection->nextOfOwner;
+            continue;
+        }
+        *link = connection->nextOfOwner;
+        Destroy(connection);
+    }
+}
+
+// An idle connection, or a new one without a socket, put into the thread's list. Null: no memory.
+Connection* AddConnection(Association& association) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_key_create(&g_threadKey, GiveUpConnections); });
+    WatchForFork();
+    LockHold hold(g_lock);
+    DropClosed();
+    Connection* connection = association.idle;
+    if (connection != nullptr) {
+        association.idle = connection->nextOfOwner;
+        --association.idleCount;
+    } else {
+        connection = new (std::nothrow) Connection;
+        if (connection == nullptr) return nullptr;
+        connection->association = &association;
+        connection->next = association.connections;
+        if (connection->next != nullptr) connection->next->previous = connection;
+        association.connections = connection;
+        ++association.references;
+    }
+    connection->nextOfOwner = t_connections;
+    t_connections = connection;
+    pthread_setspecific(g_threadKey, t_connections); // anything but null: the destructor is called
+    return connection;
+}
+
+// The group to name in a bind: 0 asks for one, and then FinishFounding has to follow.
+RPC_STATUS GroupToName(Association& association, int64_t deadline, uint32_t& group) {
+    for (;;) {
+        SleepPoint end{&association.foundingEnds, 0, false};
+        int64_t until = deadline;
+        {
+            LockHold hold(g_lock);
+            if (association.bindings == 0) return RPC_S_INVALID_BINDING;
+            group = association.group;
+            if (group != 0) return RPC_S_OK;
+            const int64_t now = MonotonicNs();
+            if (!association.founding || now >= association.foundingUntil) {
+                association.founding = true;
+                association.foundingUntil =
+                    deadline + 500 * kNsPerMs; // it has until the deadline, and returns soon after
+                return RPC_S_OK;
+            }
+            if (now >= deadline) return RPC_S_SERVER_UNAVAILABLE;
+            end.value = association.foundingEnds.load();
+            until = std::min(deadline, association.foundingUntil);
+        }
+        SleepOn(&end, 1, until);
+    }
+}
+
+// Notes the group that the server put the connection into, 0 when there is no connection. False: another thread has
+// founded one meanwhile, and this connection is in the wrong one.
+bool FinishFounding(Association& association, uint32_t named, Connection& connection, uint32_t granted) {
+    LockHold hold(g_lock);
+    bool right = true;
+    if (granted != 0) {
+        connection.group = granted;
+        if (association.group == 0) {
+            association.group = granted;
+            association.groupConnections = 0;
+        }
+        right = association.group == granted;
+        if (right) ++association.groupConnections;
+    }
+    if (named == 0) {
+        association.founding = false;
+        association.foundingEnds.fetch_add(1);
+        WakeAll(association.foundingEnds, false);
+    }
+    return right;
+}
+
+void ForgetGroup(Association& association, uint32_t group) {
+    LockHold hold(g_lock);
+    if (association.group == group) association.group = 0;
+}
+
+RPC_STATUS FromTransfer(Transfer result) {
+    switch (result) {
+    case Transfer::done:
+        return RPC_S_OK;
+    case Transfer::closed:
+    case Transfer::reset:
+    case Transfer::timedOut:
+        return RPC_S_SERVER_UNAVAILABLE;
+    case Transfer::noMemory:
+        return RPC_S_OUT_OF_MEMORY;
+    case Transfer::malformed:
+    case Transfer::wrongVersion:
+    case Transfer::authenticated:
+    case Transfer::tooLarge:
+        break;
+    }
+    return RPC_S_PROTOCOL_ERROR;
+}
+
+RPC_STATUS FromRejection(const ContextResult& result) {
+    switch (result.reason) {
+    case kInterfaceNotSupported:
+        return RPC_S_UNKNOWN_IF;
+    case kTransferNotSupported:
+        return RPC_S_UNSUPPORTED_TRANS_SYN;
+    case kLocalLimitExceeded:
+        return RPC_S_SERVER_TOO_BUSY;
+    default:
+        return RPC_S_CALL_FAILED_DNE;
+    }
+}
+
+// What the server answered to a bind (or alter-context) that offered one context and named the group.
+RPC_STATUS ReadAnswer(Connection& connection, const Message& message, const RPC_CLIENT_INTERFACE& interface,
+                      uint32_t& group, bool& groupUnknown) {
+    TerminationHold hold; // the results are on the heap
+    const Header& header = message.header;
+    const bool binding = connection.contextCount == 0;
+    if (header.callId != connection.callId) return RPC_S_PROTOCOL_ERROR;
+    if (binding && header.type == kBindNak) {
+        uint16_t reason = 0;
+        if (!DecodeBindNak(message.pdu, header, reason)) return RPC_S_PROTOCOL_ERROR;
+        groupUnknown = reason == kNakNotSpecified && group != 0;
+        return reason == kNakLocalLimitExceeded ? RPC_S_SERVER_TOO_BUSY : RPC_S_PROTOCOL_ERROR;
+    }
+    BindAck ack;
+    if (header.type != (binding ? kBindAck : kAlterContextResponse) || !DecodeBindAck(message.pdu, header, ack) ||
+        ack.results.size() != 1)
+        return RPC_S_PROTOCOL_ERROR;
+    if (binding) {
+        if (ack.group == 0 || (group != 0 && ack.group != group) || ack.largestReceived < kSmallestFragment)
+            return RPC_S_PROTOCOL_ERROR;
+        group = ack.group;
+        connection.channel.largestSent = std::min(ack.largestReceived, kLargestFragment);
+    }
+    const ContextResult& result = ack.results[0];
+    if (result.result != kAccepted) return FromRejection(result);
+    if (!(result.transfer == interface.TransferSyntax)) return RPC_S_PROTOCOL_ERROR;
+    connection.contexts[connection.contextCount++] = {interface.InterfaceId, interface.TransferSyntax};
+    return RPC_S_OK;
+}
+
+// Offers the interface as the connection's next context and waits for the answer.
+RPC_STATUS Offer(Connection& connection, const RPC_CLIENT_INTERFACE& interface, uint32_t& group, bool& groupUnknown,
+                 int64_t deadline) {
+    Channel& channel = connection.channel;
+    uint8_t pdu[128];
+    size_t size = 0;
+    {
+        TerminationHold hold;
+        try {
+            const Header header{.type = connection.contextCount == 0 ? kBind : kAlterContext,
+                                .callId = ++connection.callId};
+            const Bind bind{.group = group,
+                            .elements = {{.id = static_cast<uint16_t>(connection.contextCount),
+                                          .abstractSyntax = interface.InterfaceId,
+                                          .transfers = {interface.TransferSyntax}}}};
+            size = EncodeBind(pdu, header, bind);
+        } catch (const std::bad_alloc&) {
+            return RPC_S_OUT_OF_MEMORY;
+        }
+    }
+    // A server that is full answers before it has read anything, and closes: so the answer counts even if this fails.
+    const Transfer sent = SendPdu(channel, pdu, size);
+    Message message;
+    const Transfer received = Receive(channel, Side::client, message, deadline);
+    if (received != Transfer::done) return FromTransfer(sent != Transfer::done ? sent : received);
+    try {
+        return ReadAnswer(connection, message, interface, group, groupUnknown);
+    } catch (const std::bad_alloc&) {
+        return RPC_S_OUT_OF_MEMORY;
+    }
+}
+
+bool FindContext(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
+    for (unsigned i = 0; i < connection.contextCount; ++i) {
+        if (!(connection.contexts[i].abstractSyntax == interface.InterfaceId) ||
+            !(connection.contexts[i].transferSyntax == interface.TransferSyntax))
+            continue;
+        connection.contextId = static_cast<uint16_t>(i);
+        return true;
+    }
+    return false;
+}
+
+// A second interface on a connection that has one.
+RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
+    if (connection.contextCount == kMaxContexts) return RPC_S_OUT_OF_RESOURCES;
+    uint32_t group = connection.group;
+    bool ignored = false;
+    const RPC_STATUS status = Offer(connection, interface, group, ignored, DeadlineAfter(kConnectTimeMs));
+    switch (status) {
+    case RPC_S_OK:
+        FindContext(connection, interface);
+        return status;
+    case RPC_S_SERVER_UNAVAILABLE: // dead since its last call
+        LoseConnection(connection);
+        return Establish(connection, interface);
+    case RPC_S_PROTOCOL_ERROR:
+    case RPC_S_OUT_OF_MEMORY:
+        LoseConnection(connection);
+        return status;
+    default: // refused; the contexts before it are as they were
+        return status;
+    }
+}
+
+} // namespace
+
+void HoldAssociations(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    hold ? g_lock.Acquire() : g_lock.Release();
+}
+
+// The sockets are the parent's. The child's threads connect anew, as another process.
+void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    for (Association* association = g_associations; association != nullptr; association = association->next) {
+        for (Connection* connection = association->connections; connection != nullptr; connection = connection->next) {
+            CloseSocket(connection->channel);
+            connection->contextCount = 0;
+            connection->group = 0;
+        }
+        association->group = 0;
+        association->founding = false;
+    }
+    g_lock.ForgetOwner();
+}
+
+Association* OpenAssociation(const std::string& endpoint) {
+    LockHold hold(g_lock);
+    Association* association = g_associations;
+    // One without bindings is on its way out, its connections cut.
+    while (association != nullptr && (association->bindings == 0 || association->endpoint != endpoint))
+        association = association->next;
+    if (association == nullptr) {
+        association = new (std::nothrow) Association{.endpoint = endpoint, .next = g_associations};
+        if (association == nullptr) return nullptr;
+        g_associations = association;
+    }
+    ++association->bindings;
+    ++association->references;
+    return association;
+}
+
+void CloseAssociation(Association& association) {
+    LockHold hold(g_lock);
+    if (--association.bindings == 0) {
+        while (association.idle != nullptr) {
+            Connection* connection = association.idle;
+            association.idle = connection->nextOfOwner;
+            Destroy(connection);
+        }
+        // The others are their threads' to close. The server sees their end now.
+        for (Connection* connection = association.connections; connection != nullptr; connection = connection->next)
+            shutdown(connection->channel.socket, SHUT_RDWR);
+        DropClosed();
+    }
+    Unreference(association);
+}
+
+void LoseConnection(Connection& connection) {
+    LockHold hold(g_lock);
+    Disconnect(connection);
+}
+
+RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
+    Association& association = *connection.association;
+    const int64_t deadline = DeadlineAfter(kConnectTimeMs);
+    for (;;) {
+        uint32_t named = 0;
+        RPC_STATUS status = GroupToName(association, deadline, named);
+        if (status != RPC_S_OK) return status;
+        uint32_t group = named;
+        bool groupUnknown = false;
+        connection.callId = 0;
+        int socket = -1;
+        status = ConnectToEndpoint(association.endpoint, deadline, socket);
+        if (status == RPC_S_OK) {
+            SetSocket(connection, socket);
+            status = Offer(connection, interface, group, groupUnknown, deadline);
+        }
+        const bool right = FinishFounding(association, named, connection, status == RPC_S_OK ? group : 0);
+        if (status == RPC_S_OK && right) {
+            connection.contextId = 0;
+            return RPC_S_OK;
+        }
+        LoseConnection(connection);
+        if (status != RPC_S_OK && !groupUnknown) return status;
+        // The server was started anew since the group was founded.
+        if (groupUnknown) ForgetGroup(association, named);
+    }
+}
+
+RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, Connection*& connection) {
+    connection = t_connections;
+    while (connection != nullptr && (connection->association != &association || connection->busy))
+        connection = connection->nextOfOwner;
+    if (connection == nullptr) connection = AddConnection(association);
+    if (connection == nullptr) return RPC_S_OUT_OF_MEMORY;
+    if (connection->channel.socket < 0) return Establish(*connection, interface);
+    return FindContext(*connection, interface) ? RPC_S_OK : AddContext(*connection, interface);
+}
+
+} // namespace oriel::rpc

@@ -1,0 +1,34 @@
+// What an RPC_BINDING_HANDLE points to: a client's binding, or the call that a server's thread is carrying out.
+#pragma once
+
+#include <rpc.h>
+
+#include <cstdint>
+#include <string>
+
+namespace oriel::rpc {
+
+struct Association;
+
+enum class HandleKind : uint32_t {
+    free = 0,
+    binding = 0x444E4942, // "BIND"
+    call = 0x4C4C4143,    // "CALL"
+};
+
+struct HandleRecord {
+    HandleKind kind = HandleKind::free;
+};
+
+struct Binding : HandleRecord {
+    Association* association = nullptr;
+};
+
+inline bool IsKind(RPC_BINDING_HANDLE handle, HandleKind kind) {
+    return handle != nullptr && static_cast<const HandleRecord*>(handle)->kind == kind;
+}
+
+// The endpoint of a string binding that RpcBindingFromStringBindingA takes, or why it takes it not.
+RPC_STATUS ParseStringBinding(const char* text, std::string& endpoint);
+
+} // namespace oriel::rpc

@@ -1,0 +1,287 @@
+// Buffers of a connection, sending and receiving of messages: channel.h.
+#include "rpc/channel.h"
+
+#include "kernel/termination.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace oriel::rpc {
+
+namespace {
+
+constexpr size_t kTrustedHint = 256 * 1024; // a peer's word is worth that much memory before the bytes are there
+constexpr size_t kFragmentsAtOnce = 16;     // of a long message, per sendmsg
+
+void Discharge(Channel& channel, size_t bytes) {
+    if (channel.userBytes != nullptr) channel.userBytes->fetch_sub(bytes, std::memory_order_relaxed);
+}
+
+bool Charge(Channel& channel, size_t bytes) {
+    if (channel.userBytes == nullptr) return true;
+    if (channel.userBytes->fetch_add(bytes, std::memory_order_relaxed) + bytes <= channel.userLimit) return true;
+    Discharge(channel, bytes);
+    return false;
+}
+
+bool Grow(Channel& channel, Buffer& buffer, size_t size) {
+    TerminationHold hold; // the heap's own locks
+    const size_t doubled = std::min<size_t>(buffer.capacity * 2, buffer.capacity + kLargestBody / 4);
+    const size_t capacity = (std::max({size, doubled, kFirstBuffer}) + 4095) & ~size_t{4095};
+    if (!Charge(channel, capacity - buffer.capacity)) return false;
+    void* data = realloc(buffer.data, capacity);
+    if (data == nullptr) {
+        Discharge(channel, capacity - buffer.capacity);
+        return false;
+    }
+    buffer = {static_cast<uint8_t*>(data), capacity};
+    return true;
+}
+
+bool Reserve(Channel& channel, Buffer& buffer, size_t size) {
+    return size <= buffer.capacity || Grow(channel, buffer, size);
+}
+
+void Release(Channel& channel, Buffer& buffer) {
+    TerminationHold hold;
+    Discharge(channel, buffer.capacity);
+    free(buffer.data);
+    buffer = {};
+}
+
+Transfer FromErrno(int error) {
+    switch (error) {
+    case ECONNRESET:
+        return Transfer::reset;
+    case EAGAIN:
+        return Transfer::timedOut;
+    case ENOMEM:
+    case ENOBUFS:
+        return Transfer::noMemory;
+    default:
+        return Transfer::closed;
+    }
+}
+
+Transfer SendAll(int socket, iovec* pieces, size_t count) {
+    while (count > 0) {
+        msghdr message{};
+        message.msg_iov = pieces;
+        message.msg_iovlen = count;
+        const ssize_t sent = sendmsg(socket, &message, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            return FromErrno(errno);
+        }
+        size_t left = static_cast<size_t>(sent);
+        while (count > 0 && left >= pieces->iov_len) {
+            left -= pieces->iov_len;
+            ++pieces;
+            --count;
+        }
+        if (count > 0) {
+            pieces->iov_base = static_cast<uint8_t*>(pieces->iov_base) + left;
+            pieces->iov_len -= left;
+        }
+    }
+    return Transfer::done;
+}
+
+Transfer SendFragments(Channel& channel, Header header, CallHeader call, size_t length) {
+    const size_t piece = (channel.largestSent - kCallHeaderSize) & ~size_t{7};
+    uint8_t headers[kFragmentsAtOnce][kCallHeaderSize];
+    iovec pieces[kFragmentsAtOnce * 2];
+    const uint8_t flags = header.flags & static_cast<uint8_t>(~kOnlyFragment);
+    size_t offset = 0;
+    while (offset < length) {
+        size_t fragments = 0;
+        for (; fragments < kFragmentsAtOnce && offset < length; ++fragments) {
+            const size_t size = std::min(piece, length - offset);
+            header.flags = flags | (offset == 0 ? kFirstFragment : 0) | (offset + size == length ? kLastFragment : 0);
+            header.fragmentLength = static_cast<uint16_t>(kCallHeaderSize + size);
+            call.allocationHint = static_cast<uint32_t>(length - offset);
+            EncodeCallHeader(headers[fragments], header, call);
+            pieces[fragments * 2] = {headers[fragments], kCallHeaderSize};
+            pieces[fragments * 2 + 1] = {Body(channel) + offset, size};
+            offset += size;
+        }
+        const Transfer result = SendAll(channel.socket, pieces, fragments * 2);
+        if (result != Transfer::done) return result;
+    }
+    return Transfer::done;
+}
+
+// Receives until `need` bytes are there, asking for up to `want`.
+Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
+    if (channel.received >= need) return Transfer::done;
+    if (!Reserve(channel, channel.in, need)) return Transfer::noMemory;
+    want = std::min(want, channel.in.capacity);
+    while (channel.received < need) {
+        if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(kMessageTimeMs);
+        const ssize_t count = recv(channel.socket, channel.in.data + channel.received, want - channel.received,
+                                   deadline == kNever ? 0 : MSG_DONTWAIT);
+        if (count > 0) {
+            channel.received += static_cast<size_t>(count);
+            continue;
+        }
+        if (count == 0) return Transfer::closed;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return FromErrno(errno);
+        const int left = LeftMs(deadline);
+        if (left == 0) return Transfer::timedOut;
+        pollfd input{channel.socket, POLLIN, 0};
+        poll(&input, 1, left);
+    }
+    return Transfer::done;
+}
+
+// Takes `size` received bytes at `offset` away.
+void Cut(Channel& channel, size_t offset, size_t size) {
+    channel.received -= size;
+    memmove(channel.in.data + offset, channel.in.data + offset + size, channel.received - offset);
+}
+
+bool AsksForNothing(Side side, uint8_t type) {
+    return side == Side::server ? type == kCancel || type == kOrphaned : type == kShutdown;
+}
+
+} // namespace
+
+int LeftMs(int64_t deadline) {
+    return static_cast<int>(std::clamp<int64_t>((deadline - MonotonicNs() + kNsPerMs - 1) / kNsPerMs, 0, INT_MAX));
+}
+
+bool ReserveBody(Channel& channel, size_t length) {
+    return Reserve(channel, channel.out, kCallHeaderSize + length);
+}
+
+Transfer SendPdu(Channel& channel, const uint8_t* pdu, size_t size) {
+    while (size > 0) {
+        const ssize_t sent = send(channel.socket, pdu, size, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            return FromErrno(errno);
+        }
+        pdu += sent;
+        size -= static_cast<size_t>(sent);
+    }
+    return Transfer::done;
+}
+
+Transfer Send(Channel& channel, Header header, CallHeader call, size_t length) {
+    const size_t size = kCallHeaderSize + length;
+    if (size > channel.largestSent) return SendFragments(channel, header, call, length);
+    header.flags |= kOnlyFragment;
+    header.fragmentLength = static_cast<uint16_t>(size);
+    call.allocationHint = static_cast<uint32_t>(length);
+    EncodeCallHeader(channel.out.data, header, call);
+    return SendPdu(channel, channel.out.data, size);
+}
+
+Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline) {
+    const uint8_t assembled = side == Side::server ? kRequest : kResponse;
+    if (channel.consumed > 0) Cut(channel, 0, channel.consumed);
+    channel.consumed = 0;
+
+    const int64_t whole = deadline;
+    bool begun = false;
+    size_t bodyStart = 0;
+    size_t at = 0; // where the fragment begins that comes next
+    for (;;) {
+        const size_t want = begun ? at + kCallHeaderSize : channel.largestReceived + kCallHeaderSize;
+        Transfer result = Fill(channel, at + kHeaderSize, want, deadline);
+        if (result != Transfer::done) return result;
+
+        Header header;
+        const bool plausible = DecodeHeader(channel.in.data + at, header);
+        if (!begun) message.header = header;
+        if (header.majorVersion != 5 || header.minorVersion > 1) return Transfer::wrongVersion;
+        if (!plausible || header.fragmentLength > channel.largestReceived) return Transfer::malformed;
+        if (begun && at - bodyStart + header.fragmentLength > kLargestBody + kCallHeaderSize + kObjectSize)
+            return Transfer::tooLarge;
+
+        const size_t end = at + header.fragmentLength;
+        result = Fill(channel, end, end + kCallHeaderSize, deadline);
+        if (result != Transfer::done) return result;
+        uint8_t* pdu = channel.in.data + at;
+
+        if (AsksForNothing(side, header.type)) {
+            if (begun && header.type == kOrphaned && header.callId == message.header.callId) {
+                Cut(channel, 0, end);
+                begun = false;
+                at = 0;
+            } else {
+                Cut(channel, at, header.fragmentLength);
+            }
+            if (!begun) deadline = whole;
+            continue;
+        }
+        if (header.authLength != 0) return Transfer::authenticated;
+        if (header.type != assembled) {
+            // A server may give a fault instead of the rest of its response; nothing else comes between fragments.
+            if (begun && header.type != kFault) return Transfer::malformed;
+            message.header = header;
+            message.pdu = pdu;
+            channel.consumed = end;
+            return Transfer::done;
+        }
+
+        CallHeader call;
+        if (!DecodeCallHeader(pdu, header, call)) return Transfer::malformed;
+        const size_t offset =
+            kCallHeaderSize + (side == Side::server && (header.flags & kObjectUuid) != 0 ? kObjectSize : 0);
+        const size_t length = header.fragmentLength - offset;
+        if (!begun) {
+            if ((header.flags & kFirstFragment) == 0) return Transfer::malformed;
+            begun = true;
+            message.call = call;
+            bodyStart = at = offset;
+            if ((header.flags & kLastFragment) == 0 &&
+                !Reserve(channel, channel.in,
+                         std::min<size_t>(call.allocationHint, kTrustedHint) + 2 * kCallHeaderSize))
+                return Transfer::noMemory;
+        } else {
+            const Header& first = message.header;
+            if ((header.flags & kFirstFragment) != 0 || header.callId != first.callId ||
+                header.representation != first.representation || call.contextId != message.call.contextId ||
+                (side == Side::server && call.procedure != message.call.procedure))
+                return Transfer::malformed;
+            Cut(channel, at, offset);
+        }
+        at += length;
+        if (at - bodyStart > kLargestBody) return Transfer::tooLarge;
+        if ((header.flags & kLastFragment) == 0) continue;
+
+        message.body = channel.in.data + bodyStart;
+        message.length = at - bodyStart;
+        channel.consumed = at;
+        return Transfer::done;
+    }
+}
+
+void Trim(Channel& channel) {
+    if (channel.out.capacity > kKeptBuffer) Release(channel, channel.out);
+    if (channel.in.capacity > kKeptBuffer && channel.received == channel.consumed) {
+        Release(channel, channel.in);
+        channel.received = channel.consumed = 0;
+    }
+}
+
+void CloseSocket(Channel& channel) {
+    if (channel.socket >= 0) close(channel.socket);
+    channel.socket = -1;
+    channel.received = channel.consumed = 0;
+}
+
+void FreeBuffers(Channel& channel) {
+    Release(channel, channel.out);
+    Release(channel, channel.in);
+}
+
+} // namespace oriel::rpc

@@ -1,0 +1,149 @@
+// A client's call: its buffer, the request, the reply. State: the thread's connection (association.h), which the
+// message names in ReservedForRuntime from I_RpcGetBuffer to I_RpcFreeBuffer.
+//
+// Everything here is on the way of every call. There is no lock, no allocation and no system call beside one send and
+// one receive, as long as the message fits the connection's buffers and the connection lives.
+#include "rpc/association.h"
+#include "rpc/binding.h"
+#include "rpc/call.h"
+#include "rpc/fault_status.h"
+
+namespace oriel::rpc {
+
+namespace {
+
+constexpr unsigned kFlagsValid = 0x8000; // a bit that compilers of interface definitions add to the procedure number
+
+const RPC_CLIENT_INTERFACE& Interface(const RPC_MESSAGE& message) {
+    return *static_cast<const RPC_CLIENT_INTERFACE*>(message.RpcInterfaceInformation);
+}
+
+void ForgetBuffer(RPC_MESSAGE& message, Connection& connection) {
+    connection.busy = false;
+    message.Buffer = nullptr;
+    message.BufferLength = 0;
+    message.ReservedForRuntime = nullptr;
+    if (IsBulky(connection.channel)) Trim(connection.channel);
+}
+
+RPC_STATUS ReadFault(const Message& reply) {
+    CallHeader call;
+    uint32_t fault = 0;
+    if (!DecodeFault(reply.pdu, reply.header, call, fault)) return RPC_S_PROTOCOL_ERROR;
+    return StatusFromFault(fault, (reply.header.flags & kDidNotExecute) != 0);
+}
+
+RPC_STATUS FromTransfer(Transfer result) {
+    switch (result) {
+    case Transfer::done:
+        return RPC_S_OK;
+    case Transfer::reset: // the request, or its end, was still unread
+        return RPC_S_CALL_FAILED_DNE;
+    case Transfer::closed:
+    case Transfer::timedOut:
+        return RPC_S_CALL_FAILED;
+    case Transfer::noMemory:
+        return RPC_S_OUT_OF_MEMORY;
+    case Transfer::malformed:
+    case Transfer::wrongVersion:
+    case Transfer::authenticated:
+    case Transfer::tooLarge:
+        break;
+    }
+    return RPC_S_PROTOCOL_ERROR;
+}
+
+// Why a server closed the connection before it had the whole request: the fault it left, RPC_S_OK when it left none.
+RPC_STATUS Refusal(Connection& connection) {
+    Message reply;
+    if (Receive(connection.channel, Side::client, reply, MonotonicNs()) != Transfer::done) return RPC_S_OK;
+    return reply.header.type == kFault && reply.header.callId == connection.callId ? ReadFault(reply) : RPC_S_OK;
+}
+
+RPC_STATUS SendOnce(RPC_MESSAGE& message, Connection& connection, Transfer& sent) {
+    const Header header{.type = kRequest, .callId = ++connection.callId};
+    const CallHeader call{.contextId = connection.contextId,
+                          .procedure = static_cast<uint16_t>(message.ProcNum & ~kFlagsValid)};
+    sent = Send(connection.channel, header, call, message.BufferLength);
+    if (sent == Transfer::done) return RPC_S_OK;
+    // No server has the whole request, so none has carried it out.
+    const RPC_STATUS refused = Refusal(connection);
+    LoseConnection(connection);
+    if (refused != RPC_S_OK) return refused;
+    return sent == Transfer::noMemory ? RPC_S_OUT_OF_MEMORY : RPC_S_CALL_FAILED_DNE;
+}
+
+RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
+    Message reply;
+    // Without a time limit: a call lasts as long as the server needs for it, and some need long. The end of the server,
+    // or of the connection, is noticed at once; a thread that is terminated meanwhile holds nothing.
+    const Transfer received = Receive(connection.channel, Side::client, reply);
+    RPC_STATUS status = FromTransfer(received);
+    if (status == RPC_S_OK) {
+        if (reply.header.callId != connection.callId) {
+            status = RPC_S_PROTOCOL_ERROR;
+        } else if (reply.header.type == kResponse && reply.call.contextId == connection.contextId) {
+            message.Buffer = reply.body;
+            message.BufferLength = static_cast<unsigned>(reply.length);
+            message.DataRepresentation = reply.header.representation;
+            return RPC_S_OK;
+        } else if (reply.header.type == kFault) {
+            status = ReadFault(reply);
+            if (status != RPC_S_PROTOCOL_ERROR) return status; // and the connection is as good as before
+        } else {
+            status = RPC_S_PROTOCOL_ERROR;
+        }
+    }
+    LoseConnection(connection);
+    return status;
+}
+
+RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
+    Transfer sent = Transfer::done;
+    RPC_STATUS status = SendOnce(message, connection, sent);
+    if (sent == Transfer::closed || sent == Transfer::reset) {
+        if (status != RPC_S_CALL_FAILED_DNE) return status;
+        // Dead since its last call, for instance because the service was started anew. The request is still in the
+        // buffer.
+        status = Establish(connection, Interface(message));
+        if (status == RPC_S_OK) status = SendOnce(message, connection, sent);
+    }
+    return status == RPC_S_OK ? ReceiveReply(message, connection) : status;
+}
+
+} // namespace
+
+RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
+    if (message.RpcInterfaceInformation == nullptr || (message.ProcNum & ~kFlagsValid) > 0x7FFF)
+        return RPC_S_INVALID_ARG;
+    if (message.RpcFlags != 0) return RPC_S_CANNOT_SUPPORT;
+    if (message.BufferLength > kLargestBody) return RPC_S_OUT_OF_MEMORY;
+    Association& association = *static_cast<Binding*>(message.Handle)->association;
+    Connection* connection = nullptr;
+    const RPC_STATUS status = TakeConnection(association, Interface(message), connection);
+    if (status != RPC_S_OK) return status;
+    if (!ReserveBody(connection->channel, message.BufferLength)) return RPC_S_OUT_OF_MEMORY;
+    connection->busy = true;
+    connection->room = message.BufferLength;
+    message.Buffer = Body(connection->channel);
+    message.ReservedForRuntime = connection;
+    return RPC_S_OK;
+}
+
+RPC_STATUS SendRequest(RPC_MESSAGE& message) {
+    auto* connection = static_cast<Connection*>(message.ReservedForRuntime);
+    if (connection == nullptr || !connection->busy) return RPC_S_INVALID_ARG;
+    const RPC_STATUS status =
+        message.BufferLength <= connection->room ? Call(message, *connection) : RPC_S_INVALID_BOUND;
+    if (status != RPC_S_OK) ForgetBuffer(message, *connection);
+    return status;
+}
+
+RPC_STATUS FreeReply(RPC_MESSAGE& message) {
+    auto* connection = static_cast<Connection*>(message.ReservedForRuntime);
+    if (connection == nullptr) return RPC_S_INVALID_ARG;
+    ForgetBuffer(message, *connection);
+    return RPC_S_OK;
+}
+
+} // namespace oriel::rpc

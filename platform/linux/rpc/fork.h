@@ -1,0 +1,21 @@
+// What a fork child must not have of the run-time: its parent's connections, clients and endpoints (kernel/fork.h has
+// the rule).
+#pragma once
+
+#include "kernel/fork.h"
+
+namespace oriel::rpc {
+
+// Holds each part's lock over the fork, or lets go of it.
+void HoldAssociations(bool hold);
+void HoldServer(bool hold);
+void HoldInterfaces(bool hold);
+void HoldGroups(bool hold);
+
+// In the child.
+void LeaveAssociationsToParent();
+void LeaveServerToParent();
+void ForgetInterfaceCalls();
+void LeaveGroupsToParent();
+
+} // namespace oriel::rpc

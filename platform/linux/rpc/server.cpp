@@ -1,0 +1,267 @@
+// Endpoints and listening. State: the server, under g_lock: its endpoints, the connections it serves, and whether it
+// listens, is stopping or does neither. A thread per endpoint accepts; each connection has a thread of its own.
+#include "rpc/server.h"
+
+#include "kernel/fork.h"
+#include "kernel/lock.h"
+#include "kernel/thread.h"
+#include "rpc/fork.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <list>
+#include <new>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace oriel::rpc {
+
+namespace {
+
+enum class State { idle, listening, stopping };
+
+// Room for a dispatch function's work; pages that are never touched cost nothing.
+constexpr size_t kCallStackSize = 256 * 1024;
+
+constinit Lock g_lock;
+State g_state ORIEL_LOCK_CHECK(guarded_by(g_lock)) = State::idle;
+std::list<Endpoint>* g_endpoints ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr; // never freed: threads outlive main()
+ServerConnection* g_connections ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
+unsigned g_threads ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0; // that accept or serve
+bool g_waiting ORIEL_LOCK_CHECK(guarded_by(g_lock)) = false;
+Word g_stops{0};
+
+void EndThread() {
+    LockHold hold(g_lock);
+    if (--g_threads != 0) return;
+    g_state = State::idle;
+    g_stops.fetch_add(1);
+    WakeAll(g_stops, false);
+}
+
+void* ConnectionThread(void* argument) {
+    auto* connection = static_cast<ServerConnection*>(argument);
+    ServeConnection(*connection);
+    delete connection;
+    EndThread();
+    return nullptr;
+}
+
+// False: the socket is still the caller's to refuse.
+bool StartConnection(const Endpoint& endpoint, int socket) {
+    ucred client{};
+    socklen_t size = sizeof client;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return false;
+    const timeval timeout{kMessageTimeMs / 1000, 0};
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout); // a client that takes nothing of its reply
+
+    User* user = AdmitUser(client.uid);
+    if (user == nullptr) return false;
+    auto* connection = new (std::nothrow) ServerConnection;
+    if (connection == nullptr) {
+        DismissUser(user);
+        return false;
+    }
+    connection->channel.socket = socket;
+    connection->channel.userBytes = &user->bytes;
+    connection->channel.userLimit = kMaxUserBytes;
+    connection->endpoint = &endpoint;
+    connection->client = client;
+    connection->user = user;
+    snprintf(connection->identity, sizeof connection->identity, "uid:%u", client.uid);
+    bool listening = false;
+    {
+        LockHold hold(g_lock);
+        listening = g_state == State::listening;
+        if (listening) {
+            connection->next = g_connections;
+            if (connection->next != nullptr) connection->next->previous = connection;
+            g_connections = connection;
+            ++g_threads;
+        }
+    }
+    if (listening && StartThread(kCallStackSize, ConnectionThread, connection) == 0) return true;
+    if (listening) {
+        ForgetConnection(*connection);
+        EndThread();
+    }
+    DismissUser(user);
+    delete connection;
+    return false;
+}
+
+bool IsListening() {
+    LockHold hold(g_lock);
+    return g_state == State::listening;
+}
+
+void AcceptConnections(const Endpoint& endpoint) {
+    constexpr timespec kPause{0, 10000000}; // nothing can be had of the system just now: later
+    // Given up when the process has no descriptor left, so that a client that cannot be served is told so.
+    int spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    while (IsListening()) {
+        pollfd waiting{endpoint.listener, POLLIN, 0};
+        poll(&waiting, 1, -1); // for clients, or for the stop, which shuts the socket down
+        int socket = accept4(endpoint.listener, nullptr, nullptr, SOCK_CLOEXEC);
+        const int error = socket < 0 ? errno : 0;
+        if (error == 0) {
+            if (!StartConnection(endpoint, socket)) RefuseConnection(socket);
+        } else if ((error == EMFILE || error == ENFILE) && spare >= 0) {
+            close(spare);
+            socket = accept4(endpoint.listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (socket >= 0) RefuseConnection(socket);
+            spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        } else if (error != EAGAIN && error != EINTR && error != ECONNABORTED) {
+            nanosleep(&kPause, nullptr);
+        }
+    }
+    if (spare >= 0) close(spare);
+}
+
+void* AcceptThread(void* argument) {
+    auto& endpoint = *static_cast<Endpoint*>(argument);
+    AcceptConnections(endpoint);
+    {
+        LockHold hold(g_lock);
+        UnbindEndpoint(endpoint);
+    }
+    EndThread();
+    return nullptr;
+}
+
+// A client costs a descriptor, and the usual limit is made for programs that use select.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    const rlim_t wanted = std::min<rlim_t>(limit.rlim_max, kMaxConnections + 256);
+    if (limit.rlim_cur >= wanted) return;
+    limit.rlim_cur = wanted;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void StopListening() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    g_state = State::stopping;
+    for (const Endpoint& endpoint : *g_endpoints)
+        if (endpoint.listener >= 0) shutdown(endpoint.listener, SHUT_RDWR);
+    // A call in progress still gets its reply out; the next receive finds the end.
+    for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
+        shutdown(connection->channel.socket, SHUT_RD);
+}
+
+} // namespace
+
+void HoldServer(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    hold ? g_lock.Acquire() : g_lock.Release();
+}
+
+// The child serves nobody, and its clients must not wait for it when the parent ends.
+void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
+        close(connection->channel.socket);
+    g_connections = nullptr;
+    if (g_endpoints != nullptr) {
+        for (Endpoint& endpoint : *g_endpoints) {
+            for (const int descriptor : {endpoint.listener, endpoint.lock, endpoint.folder})
+                if (descriptor >= 0) close(descriptor);
+        }
+    }
+    g_endpoints = nullptr;
+    g_threads = 0;
+    g_state = State::idle;
+    g_lock.ForgetOwner();
+}
+
+bool IsInUse(const OfferedInterface* offered) {
+    LockHold hold(g_lock);
+    for (const ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
+        if (connection->calling.load() == offered) return true;
+    return false;
+}
+
+void ForgetConnection(ServerConnection& connection) {
+    LockHold hold(g_lock);
+    if (connection.previous != nullptr)
+        connection.previous->next = connection.next;
+    else
+        g_connections = connection.next;
+    if (connection.next != nullptr) connection.next->previous = connection.previous;
+}
+
+} // namespace oriel::rpc
+
+using namespace oriel;
+using namespace oriel::rpc;
+
+RPC_STATUS RPC_ENTRY RpcServerUseProtseqEpA(RPC_CSTR Protseq, unsigned int, RPC_CSTR EndpointName,
+                                            void* SecurityDescriptor) {
+    const char* protocol = reinterpret_cast<const char*>(Protseq);
+    const char* name = reinterpret_cast<const char*>(EndpointName);
+    if (protocol == nullptr || strcmp(protocol, "ncalrpc") != 0) return RPC_S_PROTSEQ_NOT_SUPPORTED;
+    if (name == nullptr || !IsEndpointName(name)) return RPC_S_INVALID_ENDPOINT_FORMAT;
+    if (SecurityDescriptor != nullptr) return RPC_S_CANNOT_SUPPORT;
+    WatchForFork();
+    LockHold hold(g_lock);
+    try {
+        if (g_endpoints == nullptr) g_endpoints = new std::list<Endpoint>;
+        for (const Endpoint& endpoint : *g_endpoints)
+            if (endpoint.name == name) return RPC_S_DUPLICATE_ENDPOINT;
+        Endpoint endpoint;
+        const RPC_STATUS status = ClaimEndpoint(name, endpoint);
+        if (status == RPC_S_OK) g_endpoints->push_back(endpoint);
+        return status;
+    } catch (const std::bad_alloc&) {
+        return RPC_S_OUT_OF_MEMORY;
+    }
+}
+
+RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int DontWait) {
+    {
+        LockHold hold(g_lock);
+        if (g_state != State::idle) return RPC_S_ALREADY_LISTENING;
+        if (g_endpoints == nullptr || g_endpoints->empty()) return RPC_S_NO_PROTSEQS_REGISTERED;
+        RaiseDescriptorLimit();
+        RPC_STATUS status = RPC_S_OK;
+        for (Endpoint& endpoint : *g_endpoints) {
+            status = BindEndpoint(endpoint);
+            if (status == RPC_S_OK && listen(endpoint.listener, kBacklog) != 0) status = RPC_S_OUT_OF_RESOURCES;
+            if (status == RPC_S_OK && StartThread(kCallStackSize, AcceptThread, &endpoint) != 0)
+                status = RPC_S_OUT_OF_THREADS;
+            if (status != RPC_S_OK) break;
+            g_state = State::listening;
+            ++g_threads;
+        }
+        if (status != RPC_S_OK) {
+            if (g_state == State::listening) StopListening();
+            return status;
+        }
+    }
+    return DontWait != 0 ? RPC_S_OK : RpcMgmtWaitServerListen();
+}
+
+RPC_STATUS RPC_ENTRY RpcMgmtStopServerListening(RPC_BINDING_HANDLE Binding) {
+    if (Binding != nullptr) return RPC_S_WRONG_KIND_OF_BINDING;
+    LockHold hold(g_lock);
+    if (g_state != State::listening) return RPC_S_NOT_LISTENING;
+    StopListening();
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY RpcMgmtWaitServerListen(void) {
+    SleepPoint stops{&g_stops, 0, false};
+    {
+        LockHold hold(g_lock);
+        if (g_state == State::idle) return RPC_S_NOT_LISTENING;
+        if (g_waiting) return RPC_S_ALREADY_LISTENING;
+        g_waiting = true;
+        stops.value = g_stops.load();
+    }
+    while (g_stops.load() == stops.value)
+        SleepOn(&stops, 1, kNever);
+    LockHold hold(g_lock);
+    g_waiting = false;
+    return RPC_S_OK;
+}

@@ -1,0 +1,88 @@
+// What a dispatch function may call: the buffer of its reply, who its client is, what it keeps for the client, and the
+// way to fail. State: the thread's connection.
+#include "rpc/call.h"
+#include "rpc/server.h"
+
+namespace oriel::rpc {
+
+thread_local constinit ServerConnection* t_connection __attribute__((tls_model("initial-exec"))) = nullptr;
+
+RPC_STATUS FindCall(RPC_BINDING_HANDLE handle, ServerConnection*& connection) {
+    if (handle == nullptr) {
+        connection = t_connection;
+        return connection != nullptr && connection->calling.load(std::memory_order_relaxed) != nullptr
+                   ? RPC_S_OK
+                   : RPC_S_NO_CALL_ACTIVE;
+    }
+    if (IsKind(handle, HandleKind::binding)) return RPC_S_WRONG_KIND_OF_BINDING;
+    if (!IsKind(handle, HandleKind::call)) return RPC_S_INVALID_BINDING;
+    connection = static_cast<ServerConnection*>(handle);
+    return RPC_S_OK;
+}
+
+RPC_STATUS GetReplyBuffer(RPC_MESSAGE& message) {
+    auto& connection = *static_cast<ServerConnection*>(message.Handle);
+    if (message.BufferLength > kLargestBody || !ReserveBody(connection.channel, message.BufferLength))
+        return RPC_S_OUT_OF_MEMORY;
+    connection.replied = true;
+    connection.replyRoom = message.BufferLength;
+    message.Buffer = Body(connection.channel);
+    return RPC_S_OK;
+}
+
+} // namespace oriel::rpc
+
+using namespace oriel::rpc;
+
+RPC_STATUS RPC_ENTRY RpcBindingInqAuthClientA(RPC_BINDING_HANDLE ClientBinding, RPC_AUTHZ_HANDLE* Privs,
+                                              RPC_CSTR* ServerPrincName, ULONG* AuthnLevel, ULONG* AuthnSvc,
+                                              ULONG* AuthzSvc) {
+    ServerConnection* connection = nullptr;
+    const RPC_STATUS status = FindCall(ClientBinding, connection);
+    if (status != RPC_S_OK) return status;
+    if (Privs != nullptr) *Privs = connection->identity;
+    if (ServerPrincName != nullptr) *ServerPrincName = nullptr;
+    if (AuthnLevel != nullptr) *AuthnLevel = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
+    if (AuthnSvc != nullptr) *AuthnSvc = RPC_C_AUTHN_WINNT;
+    if (AuthzSvc != nullptr) *AuthzSvc = RPC_C_AUTHZ_NONE;
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcBindingInqLocalClientPID(RPC_BINDING_HANDLE Binding, ULONG* Pid) {
+    if (Pid == nullptr) return RPC_S_INVALID_ARG;
+    ServerConnection* connection = nullptr;
+    const RPC_STATUS status = FindCall(Binding, connection);
+    if (status == RPC_S_OK) *Pid = static_cast<ULONG>(connection->client.pid);
+    return status;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcMonitorAssociation(RPC_BINDING_HANDLE Handle, PRPC_RUNDOWN RundownRoutine, void* Context) {
+    if (RundownRoutine == nullptr) return RPC_S_INVALID_ARG;
+    ServerConnection* connection = nullptr;
+    const RPC_STATUS status = FindCall(Handle, connection);
+    if (status != RPC_S_OK) return status;
+    connection->group->context.store(Context);
+    connection->group->rundown.store(RundownRoutine);
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcStopMonitorAssociation(RPC_BINDING_HANDLE Handle) {
+    ServerConnection* connection = nullptr;
+    const RPC_STATUS status = FindCall(Handle, connection);
+    if (status != RPC_S_OK) return status;
+    connection->group->rundown.store(nullptr);
+    connection->group->context.store(nullptr);
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcGetAssociationContext(RPC_BINDING_HANDLE BindingHandle, void** AssociationContext) {
+    if (AssociationContext == nullptr) return RPC_S_INVALID_ARG;
+    ServerConnection* connection = nullptr;
+    const RPC_STATUS status = FindCall(BindingHandle, connection);
+    if (status == RPC_S_OK) *AssociationContext = connection->group->context.load(std::memory_order_acquire);
+    return status;
+}
+
+void RPC_ENTRY RpcRaiseException(RPC_STATUS exception) {
+    throw Raised{exception};
+}

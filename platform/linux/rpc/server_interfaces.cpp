@@ -1,0 +1,101 @@
+// Interfaces that the process offers. State: their places, under g_lock, which no call takes: a connection looks an
+// interface up when it binds and holds on to its place.
+#include "kernel/lock.h"
+#include "rpc/fork.h"
+#include "rpc/server.h"
+
+#include <ctime>
+
+namespace oriel::rpc {
+
+namespace {
+
+constinit Lock g_lock;
+OfferedInterface g_interfaces[kMaxInterfaces];
+unsigned g_interfaceCount ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0;
+
+OfferedInterface* FindPlace(const RPC_SYNTAX_IDENTIFIER& id) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    for (unsigned i = 0; i < g_interfaceCount; ++i)
+        if (g_interfaces[i].id == id) return &g_interfaces[i];
+    return nullptr;
+}
+
+// By looking, so that no call has to tell that it is over. Without a time limit: a call may last long.
+void WaitForCalls(const OfferedInterface& offered) {
+    constexpr timespec kPause{0, 1000000};
+    while (IsInUse(&offered))
+        nanosleep(&kPause, nullptr);
+}
+
+} // namespace
+
+void HoldInterfaces(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    hold ? g_lock.Acquire() : g_lock.Release();
+}
+
+void ForgetInterfaceCalls() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_lock.ForgetOwner();
+}
+
+const OfferedInterface* FindInterface(const RPC_SYNTAX_IDENTIFIER& id) {
+    LockHold hold(g_lock);
+    for (unsigned i = 0; i < g_interfaceCount; ++i) {
+        const RPC_SYNTAX_IDENTIFIER& offered = g_interfaces[i].id;
+        if (memcmp(&offered.SyntaxGUID, &id.SyntaxGUID, sizeof id.SyntaxGUID) == 0 &&
+            offered.SyntaxVersion.MajorVersion == id.SyntaxVersion.MajorVersion &&
+            offered.SyntaxVersion.MinorVersion >= id.SyntaxVersion.MinorVersion &&
+            g_interfaces[i].specification.load() != nullptr)
+            return &g_interfaces[i];
+    }
+    return nullptr;
+}
+
+} // namespace oriel::rpc
+
+using namespace oriel;
+using namespace oriel::rpc;
+
+RPC_STATUS RPC_ENTRY RpcServerRegisterIf2(RPC_IF_HANDLE IfSpec, UUID* MgrTypeUuid, RPC_MGR_EPV* MgrEpv,
+                                          unsigned int Flags, unsigned int, unsigned int MaxRpcSize,
+                                          RPC_IF_CALLBACK_FN* IfCallbackFn) {
+    const auto* specification = static_cast<const RPC_SERVER_INTERFACE*>(IfSpec);
+    if (specification == nullptr || specification->Length != sizeof *specification ||
+        specification->DispatchTable == nullptr)
+        return RPC_S_INVALID_ARG;
+    if (MgrTypeUuid != nullptr || IfCallbackFn != nullptr || (Flags & ~RPC_IF_ALLOW_LOCAL_ONLY) != 0)
+        return RPC_S_CANNOT_SUPPORT;
+    OfferedInterface* place = nullptr;
+    {
+        LockHold hold(g_lock);
+        place = FindPlace(specification->InterfaceId);
+        if (place == nullptr) {
+            if (g_interfaceCount == kMaxInterfaces) return RPC_S_OUT_OF_RESOURCES;
+            place = &g_interfaces[g_interfaceCount];
+            place->id = specification->InterfaceId;
+            ++g_interfaceCount;
+        } else if (place->specification.load() != nullptr) {
+            return RPC_S_ALREADY_REGISTERED;
+        }
+    }
+    WaitForCalls(*place); // of an earlier registration, which was withdrawn without waiting
+    LockHold hold(g_lock);
+    if (place->specification.load() != nullptr) return RPC_S_ALREADY_REGISTERED;
+    place->managers = MgrEpv != nullptr ? MgrEpv : specification->DefaultManagerEpv;
+    place->largestRequest = MaxRpcSize;
+    place->specification.store(specification);
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY RpcServerUnregisterIf(RPC_IF_HANDLE IfSpec, UUID* MgrTypeUuid,
+                                           unsigned int WaitForCallsToComplete) {
+    if (MgrTypeUuid != nullptr) return RPC_S_UNKNOWN_MGR_TYPE;
+    bool known = IfSpec == nullptr;
+    for (OfferedInterface& offered : g_interfaces) {
+        const RPC_SERVER_INTERFACE* specification = offered.specification.load();
+        if (specification == nullptr || (IfSpec != nullptr && specification != IfSpec)) continue;
+        known = true;
+        offered.specification.store(nullptr);
+        if (WaitForCallsToComplete != 0) WaitForCalls(offered);
+    }
+    return known ? RPC_S_OK : RPC_S_UNKNOWN_IF;
+}
