@@ -7,8 +7,9 @@ namespace oriel {
 
 namespace {
 
-constexpr const ForkSteps* kSteps[] = {&kRpcFork,     &kNamesFork,   &kViewsFork, &kReaperFork,
-                                       &kConsoleFork, &kHandlesFork, &kThreadFork};
+constexpr const ForkSteps* kSteps[] = {
+    &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork, &kRpcFork,   &kNamesFork, &kViewsFork,
+    &kReaperFork,           &kConsoleFork,       &kHandlesFork,      &kThreadFork};
 
 void Before() {
     for (const ForkSteps* steps : kSteps)

@@ -14,6 +14,9 @@ struct ForkSteps {
 };
 
 // In the order of the locks.
+extern const ForkSteps kEventDescriptorsFork;
+extern const ForkSteps kWindowClassesFork;
+extern const ForkSteps kWindowQueuesFork;
 extern const ForkSteps kRpcFork;
 extern const ForkSteps kNamesFork;
 extern const ForkSteps kViewsFork;

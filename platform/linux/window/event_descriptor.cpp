@@ -5,6 +5,7 @@
 #include <oriel_poll.h>
 
 #include "kernel/errors.h"
+#include "kernel/fork.h"
 #include "kernel/handles.h"
 #include "kernel/lock.h"
 #include "kernel/thread.h"
@@ -17,8 +18,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <vector>
@@ -100,13 +99,7 @@ void* WatchEvents(void*) {
 }
 
 // A fork child has no such thread, and the handles are not its own.
-void BeforeFork() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    Table().lock.Acquire();
-}
-void AfterForkInParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    Table().lock.Release();
-}
-void AfterForkInChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+void ForgetParentsEvents() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     EventTable& table = Table();
     for (const WatchedEvent& watched : table.events)
         close(watched.descriptor);
@@ -114,11 +107,6 @@ void AfterForkInChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     table.changed = nullptr;
     table.running = false;
     table.lock.ForgetOwner();
-}
-
-void WatchForkOfEvents() {
-    static std::once_flag once;
-    std::call_once(once, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
 }
 
 // A handle of the layer's own for the caller's event.
@@ -151,13 +139,18 @@ DWORD StartWatching(EventTable& table) ORIEL_LOCK_CHECK(requires_capability(tabl
 }
 
 } // namespace
+
+constinit const ForkSteps kEventDescriptorsFork{
+    []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { Table().lock.Acquire(); },
+    []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { Table().lock.Release(); }, ForgetParentsEvents};
+
 } // namespace oriel
 
 using namespace oriel;
 
 int WINAPI OrielEventDescriptor(HANDLE event) {
     return Undivided(-1, [=] {
-        WatchForkOfEvents();
+        WatchForFork();
         const HANDLE own = DuplicateEvent(event);
         if (own == nullptr) return -1;
         const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

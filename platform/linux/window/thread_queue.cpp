@@ -1,6 +1,7 @@
 // Thread queues: their life with threads, processes and forks; collecting and answering.
 #include <window/thread_queue.h>
 
+#include "kernel/fork.h"
 #include "kernel/lock.h"
 
 #include <errhandlingapi.h>
@@ -11,8 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <mutex>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -57,12 +56,20 @@ void RemoveAllWindows() {
             RemoveWindow(HandleNumber(window->handle));
 }
 
-void LockQueues() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    Queues().lock.Acquire();
+bool Watch(const ThreadQueue& queue, int descriptor) {
+    epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
+    return epoll_ctl(queue.poll.Get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
-void UnlockQueues() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    Queues().lock.Release();
+
+MSG ToMessage(const PipeMessage& message) {
+    return {.hwnd = ULongToHandle(message.window),
+            .message = message.message,
+            .wParam = static_cast<WPARAM>(message.wParam),
+            .lParam = static_cast<LPARAM>(message.lParam),
+            .time = message.time,
+            .pt = {}};
 }
+
 // A fork child has no windows. It must let go of its parent's FIFOs, which would else outlive the parent as windows
 // that nobody serves. The queues themselves are left alone: the child may have been forked inside a procedure.
 void ForgetParentsWindows() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -78,29 +85,11 @@ void ForgetParentsWindows() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     Queues().lock.ForgetOwner();
 }
 
-void WatchProcess() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        pthread_atfork(LockQueues, UnlockQueues, ForgetParentsWindows);
-        std::atexit(RemoveAllWindows);
-    });
-}
-
-bool Watch(const ThreadQueue& queue, int descriptor) {
-    epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
-    return epoll_ctl(queue.poll.Get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
-}
-
-MSG ToMessage(const PipeMessage& message) {
-    return {.hwnd = ULongToHandle(message.window),
-            .message = message.message,
-            .wParam = static_cast<WPARAM>(message.wParam),
-            .lParam = static_cast<LPARAM>(message.lParam),
-            .time = message.time,
-            .pt = {}};
-}
-
 } // namespace
+
+constinit const ForkSteps kWindowQueuesFork{
+    []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { Queues().lock.Acquire(); },
+    []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { Queues().lock.Release(); }, ForgetParentsWindows};
 
 ThreadQueue* OwnQueue() {
     return t_queue;
@@ -115,7 +104,9 @@ ThreadQueue* MakeOwnQueue() {
         SetLastError(ERROR_TOO_MANY_OPEN_FILES);
         return nullptr;
     }
-    WatchProcess();
+    WatchForFork();
+    static const int atExit = std::atexit(RemoveAllWindows);
+    (void)atExit;            // without memory for it, the next finder removes them
     t_queueEnd.armed = true; // has its destructor run when the thread ends
     const LockHold hold(Queues().lock);
     Queues().queues.push_back(queue.get());

@@ -1,6 +1,7 @@
 // RegisterClassExA and UnregisterClassA over a list that lives as long as the process.
 #include <window/window_class.h>
 
+#include "kernel/fork.h"
 #include "kernel/lock.h"
 
 #include <errhandlingapi.h>
@@ -50,6 +51,10 @@ bool IsClassName(LPCSTR name) {
 
 } // namespace
 
+// Not taken before a fork: the code page, which the registry may name, is looked up under it, and the registry's locks
+// come in an order of their own.
+constinit const ForkSteps kWindowClassesFork{nullptr, nullptr, [] { Classes().lock.ForgetOwner(); }};
+
 bool EqualWithoutCase(const char* left, const char* right) {
     return std::strcmp(left, right) == 0 || lstrcmpiA(left, right) == 0;
 }
@@ -87,6 +92,7 @@ ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass) {
             SetLastError(ERROR_INVALID_PARAMETER);
             return 0;
         }
+        WatchForFork();
         ClassTable& table = Classes();
         const LockHold hold(table.lock);
         if (FindClass(table, c->lpszClassName, c->hInstance) != table.classes.end()) {
