@@ -1,0 +1,22 @@
+// Reading the current value of a variable.
+#pragma once
+
+#include "catalogue/status_variable.h"
+#include "frame/manager_record.h"
+#include "frame/status.h"
+
+// Where a read gives its value. The caller's memory is written at most once for each, and the returned size last, on
+// every way out.
+struct ReadTarget {
+    void* buffer;
+    uint32_t size; // 0 when there is no buffer
+    uint32_t* returnedSize;
+};
+
+// Both set *returned to what the returned size becomes, and write the buffer. The queue's reader also writes the
+// returned size itself when it takes an item off (*returnedWritten): no item may be lost to a pointer that cannot be
+// written.
+Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+                 uint32_t* returned);
+Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+                     uint32_t* returned, bool* returnedWritten);

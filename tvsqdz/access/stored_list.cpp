@@ -1,0 +1,53 @@
+#include "access/stored_list.h"
+
+#include "frame/heap.h"
+
+#include <string.h>
+
+namespace {
+
+struct ListHeader {
+    uint32_t length;
+    uint32_t count;
+};
+static_assert(sizeof(ListHeader) == 8);
+
+} // namespace
+
+StoredList::~StoredList() {
+    FreeBlock(m_block);
+}
+
+Status StoredList::Load() {
+    DWORD size = 0;
+    Answer answer = ReadVariable(m_database, m_name, nullptr, 0, &size);
+    if (answer != Answer::Done) return PassOn(answer);
+    m_block = static_cast<BYTE*>(AllocateZeroed(size > sizeof(ListHeader) ? size : sizeof(ListHeader)));
+    if (m_block == nullptr) return TVS_E_MEMORY;
+    DWORD readSize = 0;
+    answer = ReadVariable(m_database, m_name, m_block, size, &readSize);
+    if (answer != Answer::Done) return PassOn(answer);
+    if (size < sizeof(ListHeader)) return TVS_OK;
+    ListHeader header;
+    memcpy(&header, m_block, sizeof header);
+    const uint64_t there = (uint64_t{size} - sizeof header) / (m_itemSize > 0 ? m_itemSize : 1);
+    m_count = header.count < there ? header.count : static_cast<uint32_t>(there);
+    return TVS_OK;
+}
+
+const BYTE* StoredList::Item(uint32_t i) const {
+    return m_block + sizeof(ListHeader) + SIZE_T{i} * m_itemSize;
+}
+
+void StoredList::Remove(uint32_t i) {
+    BYTE* item = m_block + sizeof(ListHeader) + SIZE_T{i} * m_itemSize;
+    memmove(item, item + m_itemSize, SIZE_T{m_count - i - 1} * m_itemSize);
+    --m_count;
+}
+
+Answer StoredList::Store() {
+    const uint32_t size = static_cast<uint32_t>(sizeof(ListHeader)) + m_count * m_itemSize;
+    const ListHeader header = {.length = size - static_cast<uint32_t>(sizeof header.length), .count = m_count};
+    memcpy(m_block, &header, sizeof header);
+    return WriteVariable(m_database, m_name, m_block, size);
+}

@@ -1,0 +1,22 @@
+#include "access/write_time.h"
+
+#include "catalogue/variable_lookup.h"
+#include "frame/caller_memory.h"
+#include "frame/guards.h"
+
+Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime) {
+    SYSTEMTIME writeTime;
+    {
+        const MutexHold lock(manager->databaseMutex);
+        if (GetWriteTime(manager->printerDatabase, variable.name, &writeTime) != Answer::Done) return TVS_E_UNKNOWN;
+    }
+    return CopyToCaller(callersTime, &writeTime, sizeof writeTime) ? TVS_OK : TVS_E_FAULT;
+}
+
+int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char* variable, _SYSTEMTIME* writeTime) {
+    const ManagerCall call(manager);
+    if (!call) return TVS_E_HANDLE;
+    const StatusVariableDef* found = nullptr;
+    const Status status = FindCallersVariable(call.Manager(), variable, &found);
+    return status == TVS_OK ? GiveWriteTime(call.Manager(), *found, writeTime) : status;
+}

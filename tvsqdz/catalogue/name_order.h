@@ -1,0 +1,22 @@
+// The order of variable names as a constant expression: that of lstrcmpA for names of ASCII letters and digits. It lets
+// the compiler check the built-in table, whose order the look-up relies on.
+#pragma once
+
+constexpr char FoldedLetter(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+constexpr bool IsLowerCase(char c) {
+    return c >= 'a' && c <= 'z';
+}
+
+// Negative, zero, positive. Digits before letters; letters without regard to case first, and where that leaves a tie,
+// lower case before upper case.
+constexpr int CompareNames(const char* a, const char* b) {
+    int tie = 0;
+    for (; FoldedLetter(*a) == FoldedLetter(*b); ++a, ++b) {
+        if (*a == '\0') return tie;
+        if (tie == 0 && *a != *b) tie = IsLowerCase(*a) ? -1 : 1;
+    }
+    return FoldedLetter(*a) < FoldedLetter(*b) ? -1 : 1;
+}

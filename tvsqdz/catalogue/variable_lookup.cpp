@@ -1,0 +1,81 @@
+#include "catalogue/variable_lookup.h"
+
+#include "frame/caller_memory.h"
+
+const StatusVariableDef* FindStatusVariable(const ManagerRecord* manager, const char* name) {
+    int32_t low = 0;
+    int32_t high = static_cast<int32_t>(manager->variableCount) - 1;
+    while (low <= high) {
+        const int32_t middle = low + (high - low) / 2;
+        const StatusVariableDef* variable = manager->variableIndex[middle];
+        const int order = lstrcmpA(name, variable->name);
+        if (order == 0) return variable;
+        if (order < 0)
+            high = middle - 1;
+        else
+            low = middle + 1;
+    }
+    return nullptr;
+}
+
+namespace {
+
+Status FindNamed(const ManagerRecord* manager, const char* name, const StatusVariableDef** variable) {
+    *variable = FindStatusVariable(manager, name);
+    return *variable != nullptr ? TVS_OK : TVS_E_UNKNOWN;
+}
+
+} // namespace
+
+Status FindCallersVariable(const ManagerRecord* manager, const char* callersName, const StatusVariableDef** variable) {
+    char name[kVariableNameSize];
+    switch (ReadCallerText(name, kVariableNameSize, callersName)) {
+    case CallerText::Read:
+        return FindNamed(manager, name, variable);
+    case CallerText::Fault:
+        return TVS_E_FAULT;
+    case CallerText::TooLong:
+        return TVS_E_UNKNOWN;
+    }
+    return TVS_E_UNKNOWN;
+}
+
+Status FindCallersVariable(const ManagerRecord* manager, const WCHAR* callersName, const StatusVariableDef** variable) {
+    WCHAR wide[kWideVariableNameSize];
+    switch (ReadCallerText(wide, kWideVariableNameSize, callersName)) {
+    case CallerText::Read:
+        break;
+    case CallerText::Fault:
+        return TVS_E_FAULT;
+    case CallerText::TooLong:
+        return TVS_E_UNKNOWN;
+    }
+    char name[kWideVariableNameSize];
+    if (WideCharToMultiByte(CP_ACP, 0, wide, -1, name, sizeof name, nullptr, nullptr) == 0) return TVS_E_UNKNOWN;
+    return FindNamed(manager, name, variable);
+}
+
+bool DatabaseTypeOf(uint32_t flags, dblink::DatabaseType* type) {
+    switch (flags & SVT_MASK) {
+    case SVT_BYTE:
+        *type = dblink::kTypeByte;
+        return true;
+    case SVT_WORD:
+        *type = dblink::kTypeWord;
+        return true;
+    case SVT_NUMBER:
+        *type = dblink::kTypeNumber;
+        return true;
+    case SVT_STRING:
+        *type = dblink::kTypeString;
+        return true;
+    case SVT_RECORD:
+        *type = dblink::kTypeRecord;
+        return true;
+    case SVT_VARIABLE:
+        *type = dblink::kTypeVariableLength;
+        return true;
+    default:
+        return false;
+    }
+}

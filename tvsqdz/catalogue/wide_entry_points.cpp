@@ -1,0 +1,56 @@
+// The wide forms of the opens and of the write time: names are converted to the ANSI code page, and the rest is that of
+// the ANSI forms.
+#include "access/write_time.h"
+#include "catalogue/variable_lookup.h"
+#include "frame/caller_memory.h"
+#include "frame/opening.h"
+
+namespace {
+
+// What of a name does not fit its field, once it is converted, is refused rather than cut: a cut name means another
+// printer or another user.
+template <DWORD size>
+Status ConvertName(const WCHAR* callersName, DWORD flags, char (&name)[size]) {
+    WCHAR wide[size];
+    switch (ReadCallerText(wide, size, callersName)) {
+    case CallerText::Read:
+        break;
+    case CallerText::Fault:
+        return TVS_E_FAULT;
+    case CallerText::TooLong:
+        return TVS_E_UNAVAILABLE;
+    }
+    if (WideCharToMultiByte(CP_ACP, flags, wide, -1, name, size, nullptr, nullptr) != 0) return TVS_OK;
+    name[0] = '\0';
+    return TVS_E_UNAVAILABLE;
+}
+
+OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName, DWORD flags) {
+    OpenNames names;
+    names.printerStatus = ConvertName(printerName, flags, names.printer);
+    names.userStatus = ConvertName(userName, flags, names.user);
+    if (names.userStatus == TVS_E_FAULT) {
+        names.user[0] = '\0'; // counts as absent
+        names.userStatus = TVS_OK;
+    }
+    return names;
+}
+
+} // namespace
+
+int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar* userName, TvsManager* manager) {
+    return OpenManager(ConvertNames(printerName, userName, WC_DEFAULTCHAR), 0, manager);
+}
+
+int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName, uint32_t clientKind,
+                                TvsManager* manager) {
+    return OpenManager(ConvertNames(printerName, userName, 0), clientKind, manager);
+}
+
+int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable, _SYSTEMTIME* writeTime) {
+    const ManagerCall call(manager);
+    if (!call) return TVS_E_HANDLE;
+    const StatusVariableDef* found = nullptr;
+    const Status status = FindCallersVariable(call.Manager(), variable, &found);
+    return status == TVS_OK ? GiveWriteTime(call.Manager(), *found, writeTime) : status;
+}

@@ -1,0 +1,227 @@
+// The binding is the only state.
+#include "dblink/client.h"
+
+#include "dblink/ndr.h"
+#include "frame/status_service.h"
+
+#include <string.h>
+#include <string_view>
+
+namespace {
+
+using namespace dblink;
+
+RPC_BINDING_HANDLE g_binding;
+RPC_CSTR g_stringBinding;
+RPC_CLIENT_INTERFACE g_interface;
+
+// The label of the local form: little-endian integers, ASCII characters.
+constexpr ULONG kLocalRepresentation = 0x10;
+
+// CreateDatabase, the first call of an open, is the one that may find the service gone.
+constexpr int kCallsWithRestart = 4;
+
+RPC_CSTR Text(const char* text) {
+    return reinterpret_cast<RPC_CSTR>(const_cast<char*>(text));
+}
+
+// One call: the request is marshalled straight into the run-time's buffer, the reply read straight from it.
+//
+//     Call call(kProcedure, size of the body);
+//     call.request.U32(...);
+//     if (!call.Send()) return call.Failure();
+//     ... = call.reply.U32();
+//     return call.Status();
+class Call {
+public:
+    Call(Procedure procedure, ULONGLONG bodySize)
+        : m_message(), m_result(GetBuffer(procedure, bodySize)),
+          request(m_message.Buffer, m_result == RPC_S_OK ? m_message.BufferLength : 0) {}
+    ~Call() {
+        if (m_message.Buffer != nullptr) I_RpcFreeBuffer(&m_message);
+    }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    bool Send() {
+        if (m_result != RPC_S_OK) return false;
+        if (!request.Good()) { // the body was larger than it was said to be
+            m_result = RPC_X_BAD_STUB_DATA;
+            return false;
+        }
+        m_result = I_RpcSendReceive(&m_message);
+        if (m_result != RPC_S_OK) {
+            m_message.Buffer = nullptr; // the run-time has taken it back
+            return false;
+        }
+        reply = NdrReader(m_message.Buffer, m_message.BufferLength, m_message.DataRepresentation);
+        return true;
+    }
+
+    // Why there is no reply. A code of the run-time is positive; so is an exception of the server, or it is none.
+    Answer Failure() const { return m_result > 0 ? static_cast<Answer>(m_result) : Answer::BadStubData; }
+
+    // The status, the last word of every reply. A reply that cannot be read as what it should be is a failed call.
+    Answer Status() {
+        const LONG status = reply.Status();
+        return reply.Good() ? static_cast<Answer>(status) : Answer::BadStubData;
+    }
+
+private:
+    RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
+        if (g_binding == nullptr) return RPC_S_INVALID_BINDING;
+        if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY;
+        m_message.Handle = g_binding;
+        m_message.DataRepresentation = kLocalRepresentation;
+        m_message.BufferLength = static_cast<unsigned int>(bodySize);
+        m_message.ProcNum = procedure;
+        m_message.RpcInterfaceInformation = &g_interface;
+        const RPC_STATUS result = I_RpcGetBuffer(&m_message);
+        if (result != RPC_S_OK) m_message.Buffer = nullptr;
+        return result;
+    }
+
+    RPC_MESSAGE m_message;
+    RPC_STATUS m_result;
+
+public:
+    NdrWriter request;
+    NdrReader reply{nullptr, 0, kLocalRepresentation};
+};
+
+Answer CallWithName(Procedure procedure, std::string_view name, DatabaseHandle* handle) {
+    *handle = 0;
+    Call call(procedure, NdrTextSize(name));
+    call.request.Text(name);
+    if (!call.Send()) return call.Failure();
+    const DWORD opened = call.reply.U32();
+    const Answer answer = call.Status();
+    if (answer == Answer::Done) *handle = opened;
+    return answer;
+}
+
+Answer CallWithHandle(Procedure procedure, DatabaseHandle database) {
+    Call call(procedure, kNdrU32Size);
+    call.request.U32(database);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+} // namespace
+
+bool BindStatusDatabase() {
+    g_interface = {};
+    g_interface.Length = sizeof g_interface;
+    g_interface.InterfaceId = kInterfaceSyntax;
+    g_interface.TransferSyntax = kNdrSyntax;
+    if (RpcStringBindingComposeA(nullptr, Text(kProtocolSequence), nullptr, Text(kEndpoint), Text(kBindingOptions),
+                                 &g_stringBinding) != RPC_S_OK)
+        return false;
+    return RpcBindingFromStringBindingA(g_stringBinding, &g_binding) == RPC_S_OK;
+}
+
+void UnbindStatusDatabase() {
+    if (g_stringBinding != nullptr) RpcStringFreeA(&g_stringBinding);
+    if (g_binding != nullptr) RpcBindingFree(&g_binding);
+    g_stringBinding = nullptr;
+    g_binding = nullptr;
+}
+
+Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
+    Answer answer = Answer::ServerUnavailable;
+    for (int i = 0; i < kCallsWithRestart; ++i) {
+        answer = CallWithName(kCreateDatabase, name, handle);
+        if (answer != Answer::ServerUnavailable || !RestartStatusService9x()) break;
+    }
+    return answer;
+}
+
+Answer OpenDatabase(const char* name, DatabaseHandle* handle) {
+    return CallWithName(kOpenDatabase, name, handle);
+}
+
+Answer CloseDatabase(DatabaseHandle database) {
+    return CallWithHandle(kCloseDatabase, database);
+}
+
+Answer GetDatabaseInfo(DatabaseHandle database, DatabaseInfo* info) {
+    *info = {};
+    Call call(kGetDatabaseInfo, kNdrU32Size);
+    call.request.U32(database);
+    if (!call.Send()) return call.Failure();
+    const DatabaseInfo read = call.reply.ReadDatabaseInfo();
+    const Answer answer = call.Status();
+    if (answer == Answer::Done) *info = read;
+    return answer;
+}
+
+Answer EndDatabaseInitialization(DatabaseHandle database) {
+    return CallWithHandle(kEndDatabaseInitialization, database);
+}
+
+Answer CreateVariable(DatabaseHandle database, const char* name, DatabaseType type, DWORD size, const void* value) {
+    const std::string_view nameText = name;
+    if (value == nullptr) size = 0;
+    Call call(kCreateVariable, kNdrU32Size * 4 + NdrTextSize(nameText) + NdrBytesSize(size));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    call.request.U32(type);
+    call.request.U32(size);
+    call.request.U32(0); // reserved
+    call.request.Bytes(value, size);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size) {
+    const std::string_view nameText = name;
+    // What the service would answer to it, if a message could carry it there.
+    if (size > kValueSizeMax) return Answer::WrongSize;
+    Call call(kWriteVariable, kNdrU32Size * 2 + NdrTextSize(nameText) + NdrBytesSize(size));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    call.request.Bytes(value, size);
+    call.request.U32(size);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize) {
+    const std::string_view nameText = name;
+    if (buffer == nullptr) {
+        size = 0;
+        *valueSize = 0;
+    }
+    Call call(kReadVariable, kNdrU32Size * 2 + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    call.request.U32(size);
+    if (!call.Send()) return call.Failure();
+    const NdrBytes value = call.reply.Bytes();
+    const DWORD storedSize = call.reply.U32();
+    const Answer answer = call.Status();
+    // The array has as many elements as were asked for, so that a reply never exceeds the buffer.
+    if (answer == Answer::BadStubData || value.size != size) return Answer::BadStubData;
+    *valueSize = storedSize;
+    if (answer == Answer::Done && size > 0) memcpy(buffer, value.data, size);
+    return answer;
+}
+
+Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members) {
+    const std::string_view nameText = name;
+    const std::string_view membersText = members;
+    Call call(kSetCompositeMembers, kNdrU32Size + NdrTextSize(nameText) + NdrTextSize(membersText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    call.request.Text(membersText);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime) {
+    const std::string_view nameText = name;
+    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    if (!call.Send()) return call.Failure();
+    const VariableInfo info = call.reply.ReadVariableInfo();
+    const Answer answer = call.Status();
+    if (answer == Answer::Done) *writeTime = info.writeTime;
+    return answer;
+}

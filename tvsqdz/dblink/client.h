@@ -1,0 +1,59 @@
+// The client side of the status database service: the binding of the process, and a wrapper for each procedure that the
+// library calls. The procedures and what they answer are told in interface.h.
+//
+// Every read of a value or of a write time goes through ReadVariable and GetWriteTime; nothing else may assume that it
+// was a call.
+#pragma once
+
+#include "dblink/interface.h"
+#include "frame/status.h"
+
+#include <windows.h>
+
+// What a call gives: 0, an answer of the service (dblink::ServiceStatus), or the positive code of the RPC run-time or
+// of the system when the call failed. A number space of its own; those that the library asks for have a name here.
+enum class Answer : LONG {
+    Done = dblink::kDone,
+    DatabaseExists = dblink::kDatabaseExists,
+    UnknownDatabase = dblink::kUnknownDatabase,
+    BeingInitialised = dblink::kBeingInitialised,
+    WrongSize = dblink::kWrongSize,
+    BadArgument = dblink::kBadArgument,
+    TimedOut = ERROR_TIMEOUT,
+    InvalidBinding = RPC_S_INVALID_BINDING,
+    ServerUnavailable = RPC_S_SERVER_UNAVAILABLE,
+    BadStubData = RPC_X_BAD_STUB_DATA,
+};
+
+// The one place where an answer becomes the status of an export.
+constexpr Status PassOn(Answer answer) {
+    return static_cast<Status>(answer);
+}
+
+// Names a database that the service has open for this process; 0 is none.
+using DatabaseHandle = DWORD;
+
+// The binding that every procedure uses. False when it cannot be made; the calls then answer InvalidBinding.
+bool BindStatusDatabase();
+void UnbindStatusDatabase();
+
+// On failure *handle is 0. A call that finds no server has it restarted where that can be done, and is repeated: four
+// calls at most.
+Answer CreateDatabase(const char* name, DatabaseHandle* handle);
+Answer OpenDatabase(const char* name, DatabaseHandle* handle);
+Answer CloseDatabase(DatabaseHandle database);
+// *info is zero on failure.
+Answer GetDatabaseInfo(DatabaseHandle database, dblink::DatabaseInfo* info);
+Answer EndDatabaseInitialization(DatabaseHandle database);
+
+// value null: size 0 is sent, whatever size says.
+Answer CreateVariable(DatabaseHandle database, const char* name, dblink::DatabaseType type, DWORD size,
+                      const void* value);
+Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size);
+// buffer null: only the stored size is asked, and *valueSize is 0 on failure. With a buffer, *valueSize is the stored
+// size; the part of the buffer behind it is zero. On failure the buffer is untouched.
+Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize);
+// members: names, each followed by ";".
+Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members);
+// When the variable was last written, UTC.
+Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime);

@@ -1,0 +1,88 @@
+#include "frame/attach.h"
+
+#include "catalogue/variable_table.h"
+#include "dblink/client.h"
+#include "frame/closing.h"
+#include "frame/heap.h"
+#include "frame/object_security.h"
+#include "frame/platform_version.h"
+#include "frame/process_state.h"
+#include "frame/registry_text.h"
+#include "frame/timings.h"
+
+namespace {
+
+constexpr SIZE_T kInitialHeapSize = 32768;
+constexpr char kServiceExecutable[] = "TVSDBN.EXE";
+
+bool FileExists(const char* path) {
+    const KernelHandle file(
+        CreateFileA(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr));
+    return static_cast<bool>(file);
+}
+
+void DestroyHeap() {
+    HeapDestroy(g_heap);
+    g_heap = nullptr;
+}
+
+// Finds out whether the product is set up, and whether its service can run at all.
+bool FindProduct() {
+    InstalledFile service;
+    if (!FindInstalledFile(kServiceExecutable, service)) return false;
+    g_installed = FileExists(service.path);
+    return true;
+}
+
+TvsManager FirstManager() {
+    const ManagerLockHold lock;
+    return HandleOf(g_managerList);
+}
+
+void CloseAllManagers() {
+    while (const TvsManager manager = FirstManager())
+        CloseManagerOf(manager);
+}
+
+} // namespace
+
+bool AttachProcess(HINSTANCE module) {
+    g_variableCount = CountStatusVariables();
+    DisableThreadLibraryCalls(module);
+    g_heap = HeapCreate(0, kInitialHeapSize, 0);
+    if (g_heap == nullptr) return false;
+    g_terminalServer = RunsTerminalServices();
+    if (!OpenSharedCounters()) {
+        DestroyHeap();
+        return false;
+    }
+    if (!FindProduct()) {
+        CloseSharedCounters();
+        DestroyHeap();
+        return false;
+    }
+    JoinProcessCount();
+    InitializeCriticalSection(&g_managerLock.section);
+    // A binding that cannot be made shows in the calls.
+    BindStatusDatabase();
+    LetCallsIn(true);
+    return true;
+}
+
+void DetachProcess() {
+    if (!LetCallsIn(false)) return; // the attach failed, or the detach has been done
+    CloseAllManagers();
+    // At the end of a process other threads may still be in a call. They get a moment; beyond that, what they use stays
+    // in place, for the process ends anyway.
+    const bool empty = CallsHaveLeft(g_timings.detachBound);
+    CloseAllManagers(); // those whose open was on its way
+    RemoveKindBits(g_processKindMask.exchange(0));
+    LeaveProcessCount();
+    g_installed = false;
+    if (!empty) return;
+    CloseSharedCounters();
+    FreeObjectSecurity();
+    DeleteCriticalSection(&g_managerLock.section);
+    DestroyHeap();
+    UnbindStatusDatabase();
+}

@@ -1,0 +1,53 @@
+#include "frame/caller_memory.h"
+
+#include <string.h>
+
+namespace {
+
+// The smallest page of the systems we run on: a piece that ends where one of these ends lies within a page of any size.
+constexpr SIZE_T kPageSize = 4096;
+// Most texts are names: the first piece, and with it the only copy, is no longer than one.
+constexpr SIZE_T kFirstPiece = 64;
+
+SIZE_T Smaller(SIZE_T a, SIZE_T b) {
+    return a < b ? a : b;
+}
+
+// In units of the text's character. A character never straddles pieces: it may straddle pages only when the pointer is
+// not aligned to it, and then each piece ends with a whole one.
+template <typename Character>
+CallerText ReadText(Character* buffer, SIZE_T capacity, const Character* from) {
+    SIZE_T length = 0;
+    SIZE_T piece = kFirstPiece / sizeof(Character);
+    while (length < capacity) {
+        const SIZE_T address = reinterpret_cast<ULONG_PTR>(from) + length * sizeof(Character);
+        const SIZE_T inPage = (kPageSize - address % kPageSize) / sizeof(Character);
+        piece = Smaller(Smaller(piece, capacity - length), inPage > 0 ? inPage : 1);
+        if (!CopyFromCaller(buffer + length, reinterpret_cast<const void*>(address), piece * sizeof(Character)))
+            return CallerText::Fault;
+        for (SIZE_T i = 0; i < piece; ++i)
+            if (buffer[length + i] == 0) return CallerText::Read;
+        length += piece;
+        piece = capacity;
+    }
+    if (capacity > 0) buffer[0] = 0;
+    return CallerText::TooLong;
+}
+
+} // namespace
+
+bool CopyFromCaller(void* to, const void* from, SIZE_T size) {
+    return size == 0 || ReadProcessMemory(GetCurrentProcess(), from, to, size, nullptr) != FALSE;
+}
+
+bool CopyToCaller(void* to, const void* from, SIZE_T size) {
+    return size == 0 || WriteProcessMemory(GetCurrentProcess(), to, from, size, nullptr) != FALSE;
+}
+
+CallerText ReadCallerText(char* buffer, SIZE_T capacity, const char* from) {
+    return ReadText(buffer, capacity, from);
+}
+
+CallerText ReadCallerText(WCHAR* buffer, SIZE_T capacity, const WCHAR* from) {
+    return ReadText(buffer, capacity, from);
+}

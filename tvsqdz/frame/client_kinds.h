@@ -1,0 +1,40 @@
+// Client kinds: what a manager is opened as, and what that changes at its open.
+#pragma once
+
+#include <tvsqdz.h>
+
+#include <stdint.h>
+
+struct ClientKind {
+    // In the process's and the machine's kind mask. Kinds 4 and 12 share one.
+    uint32_t bit = 0;
+    // Opens only once the product is initialised, and adds no printer, unless the process is one of the product's own.
+    bool needsProduct = false;
+    // Starts the desktop agent.
+    bool startsAgent = false;
+    // The process's first open repairs a default printer that does not exist any more.
+    bool repairsDefaultPrinter = false;
+};
+
+inline constexpr ClientKind kClientKinds[] = {
+    /* 0 */ {.bit = 0, .needsProduct = true, .startsAgent = true},
+    /* 1 */ {.bit = 0x1},
+    /* 2 */ {.bit = 0x2, .repairsDefaultPrinter = true},
+    /* 3 */ {.bit = 0x4, .repairsDefaultPrinter = true},
+    /* 4 */ {.bit = 0x8, .repairsDefaultPrinter = true},
+    /* 5 */ {.bit = 0x10, .repairsDefaultPrinter = true},
+    /* 6 */ {.bit = 0x20, .repairsDefaultPrinter = true},
+    /* 7 */ {.bit = 0x40, .needsProduct = true, .startsAgent = true, .repairsDefaultPrinter = true},
+    /* 8 */ {.bit = 0x80, .needsProduct = true, .startsAgent = true},
+    /* 9 */ {.bit = 0x100, .needsProduct = true},
+    /* 10 */ {.bit = 0x200, .needsProduct = true, .repairsDefaultPrinter = true},
+    /* 11 */ {.bit = 0x400, .startsAgent = true, .repairsDefaultPrinter = true},
+    /* 12 */ {.bit = 0x8, .repairsDefaultPrinter = true},
+};
+static_assert(sizeof kClientKinds / sizeof kClientKinds[0] == TVS_KIND_HIGHEST + 1);
+
+// A desktop agent started by this kind is waited for longer.
+inline constexpr uint32_t kAgentWaitingKind = 11;
+
+// Some process has an owner manager, which serves what others relay to it.
+inline constexpr uint32_t kOwnerKindBit = kClientKinds[TVS_KIND_OWNER].bit;

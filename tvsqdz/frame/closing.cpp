@@ -1,0 +1,91 @@
+#include "frame/closing.h"
+
+#include "frame/heap.h"
+#include "frame/printer_list.h"
+#include "frame/timings.h"
+#include "frame/variable_index.h"
+#include "notify/thread_records.h"
+
+namespace {
+
+constexpr char kTerminateManager[] = "TerminateManager";
+
+// A reference to an open manager, as the detach too may hold one, which is no call.
+struct ManagerReference {
+    explicit ManagerReference(TvsManager handle) {
+        const ManagerLockHold lock;
+        manager = FindManager(handle);
+        if (manager == nullptr) return;
+        InterlockedIncrement(&manager->references);
+        terminating = (manager->flags & ManagerTerminating) != 0;
+    }
+    ~ManagerReference() {
+        if (manager != nullptr) ReleaseManager(manager);
+    }
+    ManagerReference(const ManagerReference&) = delete;
+    ManagerReference& operator=(const ManagerReference&) = delete;
+
+    ManagerRecord* manager = nullptr;
+    bool terminating = false;
+};
+
+bool TerminationIsStored(ManagerRecord* manager) {
+    uint32_t value = 0;
+    DWORD size = 0;
+    return ReadVariable(manager->printerDatabase, kTerminateManager, &value, sizeof value, &size) == Answer::Done &&
+           value != 0;
+}
+
+// The manager through which all managers were told to terminate closes last: once no other has the database open. A
+// bound of a minute, since one of them may not close at all.
+void AwaitOtherManagers(ManagerRecord* manager) {
+    dblink::DatabaseInfo info;
+    for (DWORD poll = 0; poll < g_timings.terminationPolls; ++poll) {
+        // A service that does not answer has no database open.
+        GetDatabaseInfo(manager->printerDatabase, &info);
+        if (info.openHandles < 2 && g_openManagerCount <= 1) break;
+        Sleep(g_timings.terminationPoll);
+    }
+    GetDatabaseInfo(manager->masterDatabase, &info);
+}
+
+} // namespace
+
+Status CloseManagerOf(TvsManager handle) {
+    const ManagerReference reference(handle);
+    ManagerRecord* manager = reference.manager;
+    if (manager == nullptr) return TVS_E_HANDLE;
+    if (reference.terminating && TerminationIsStored(manager)) AwaitOtherManagers(manager);
+    if (!UnlinkManager(manager)) return TVS_E_HANDLE; // another thread was faster
+
+    // What others see of the manager ends here. What the record holds is given back with its last reference, so that a
+    // call that is still on its way keeps its databases and the mutex that it may hold.
+    StopThreadRecords(manager->registrations);
+    manager->registrations = nullptr;
+    if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
+    --g_openManagerCount;
+    ReleaseManager(manager); // the list's reference
+    return TVS_OK;
+}
+
+void CloseDatabases(ManagerRecord* manager) {
+    if (manager->printerDatabase != 0) CloseDatabase(manager->printerDatabase);
+    if (manager->masterDatabase != 0) CloseDatabase(manager->masterDatabase);
+    manager->printerDatabase = 0;
+    manager->masterDatabase = 0;
+}
+
+void DestroyManager(ManagerRecord* manager) {
+    CloseDatabases(manager);
+    FreeBlock(manager->userName);
+    FreeBlock(manager->driverName);
+    if (manager->databaseMutex != nullptr) CloseHandle(manager->databaseMutex);
+    if (manager->requestMutex != nullptr) CloseHandle(manager->requestMutex);
+    FreeVariables(manager);
+    FreeBlock(manager);
+}
+
+int32_t TVS_CALL CloseManager(TvsManager manager) {
+    const LibraryCall call;
+    return call ? CloseManagerOf(manager) : TVS_E_HANDLE;
+}

@@ -1,0 +1,31 @@
+// Names of the kernel objects that the library shares with other processes, and their opening.
+//
+// Other processes must arrive at the same name, so these are an external interface. "Rule": with Terminal Services the
+// name is "Global\" and the base name.
+#pragma once
+
+#include "dblink/kernel_names.h"
+
+#include <windows.h>
+
+// Rule. The database mutex: held by an open from the printer list to the end, and around the changes of shared values.
+inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
+// Rule, the printer's database name appended. The request mutex of a printer: one request at a time.
+inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
+// Rule. Manual-reset event: the product is initialised.
+inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED";
+// Plain. Exists while the product's start-up process runs.
+inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
+
+// The base name by the rule. The name of a name that is too long is empty.
+dblink::KernelName ObjectName(const char* baseName);
+// "TVORSQD:ReqMutex:<database>", by the rule.
+dblink::KernelName RequestMutexName(const char* databaseName);
+// "TVOR:<database>:Nsr:Initialize", plain: the desktop agent is ready.
+dblink::KernelName AgentReadyName(const char* databaseName);
+
+// Creates the mutex, not owned, or opens the one that this caller may not create, for waiting. Null when neither can be
+// had.
+HANDLE CreateOrOpenMutex(const dblink::KernelName& name);
+// A manual-reset event, not signalled unless it existed.
+HANDLE CreateNamedEvent(const dblink::KernelName& name);

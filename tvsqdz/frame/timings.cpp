@@ -1,0 +1,3 @@
+#include "frame/timings.h"
+
+Timings g_timings;

@@ -1,0 +1,50 @@
+// Every time limit and pause of the library, in milliseconds. Tests shorten them; nothing else changes them.
+#pragma once
+
+#include <windows.h>
+
+struct Timings {
+    // Waiting for the status database service under Windows NT: between two looks at its state. A wait hint that the
+    // service announces is kept within the bounds, so that neither 0 nor "for ever" is taken at its word.
+    DWORD servicePoll = 490;
+    DWORD shortestWaitHint = 10;
+    DWORD longestWaitHint = 60000;
+
+    // The same under Windows 95/98/Me: between two looks for the start-up process or the service's window, and how long
+    // a window that has just appeared is given until its process takes calls.
+    DWORD startUpPoll = 500;
+    DWORD windowPoll = 500;
+    DWORD windowSettle = 3000;
+
+    // Restarting the service there: between two looks at a window that was asked to close, how long to ask in all (a
+    // process that does not close would hold every open of the machine), and how long a new process is given to show
+    // its window before the call is made again.
+    DWORD closePoll = 500;
+    DWORD closeBound = 10000;
+    DWORD restartPoll = 50;
+    DWORD restartBound = 3000;
+
+    // Waiting for a database that another process initialises: one slice, the pause when its event cannot be had, and
+    // all slices together.
+    DWORD initialisedSlice = 250;
+    DWORD initialisedPause = 10;
+    DWORD initialisedBound = 60000;
+
+    // Opening: the pause before a default printer that does not exist is replaced, and how long a desktop agent that
+    // was started is given to be ready (client kind 11, and the other kinds).
+    DWORD defaultPrinterPause = 10000;
+    DWORD agentReadyLong = 10000;
+    DWORD agentReady = 500;
+
+    // Closing: between two looks whether the other managers have ended, how many, and how long calls that are still on
+    // their way through the library hold up the process's detach.
+    DWORD terminationPoll = 200;
+    DWORD terminationPolls = 300;
+    DWORD detachBound = 2000;
+
+    // How long a thread is given to end before it is terminated: when its record is cancelled, when its manager closes.
+    DWORD cancelWait = 3000;
+    DWORD closeWait = 12000;
+};
+
+extern Timings g_timings;
