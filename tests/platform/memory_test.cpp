@@ -1,0 +1,273 @@
+// Heaps and the fault guard.
+#include "memory_kit.h"
+#include "test_process.h"
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr DWORD kSentinel = 4711;
+
+// Every kind of address, both ways. Returns what was wrong, empty for nothing.
+std::string CheckEveryKind(size_t size) {
+    BadMemory memory;
+    std::string wrong;
+    std::vector<unsigned char> buffer(size + 1);
+    for (const AddressCase& row : memory.Kinds(size)) {
+        const auto note = [&](const char* what) { wrong += std::string(row.kind) + ": " + what + "; "; };
+        for (const bool reading : {true, false}) {
+            // The own side cannot be as long as the other one claims to be.
+            const bool huge = row.size > buffer.size();
+            if (huge) buffer.resize(1U << 20);
+            std::memset(buffer.data(), reading ? 0 : 'x', buffer.size());
+            const size_t asked = huge ? buffer.size() : row.size;
+            SIZE_T count = 99;
+            SetLastError(kSentinel);
+            const BOOL done = reading
+                                  ? ReadProcessMemory(GetCurrentProcess(), row.address, buffer.data(), asked, &count)
+                                  : WriteProcessMemory(GetCurrentProcess(), row.address, buffer.data(), asked, &count);
+            if ((done != FALSE) != (reading ? row.readable : row.writable)) note(reading ? "read" : "write");
+            if (done != FALSE && (count != asked || GetLastError() != kSentinel)) note("count or error after success");
+            if (done == FALSE && count >= asked) note("count after failure");
+            if (done == FALSE && GetLastError() != (count > 0 ? ERROR_PARTIAL_COPY : ERROR_NOACCESS)) note("error");
+            for (size_t i = 0; reading && i < count; ++i)
+                if (buffer[i] != 'x') {
+                    note("bytes");
+                    break;
+                }
+            if (huge) buffer.resize(size + 1);
+        }
+    }
+    return wrong;
+}
+
+CHILD_PROCESS(CopiesInASandbox) {
+    if (!RefuseGuardCalls()) {
+        child.Say("cannot refuse");
+        return 0;
+    }
+    child.Say(CheckEveryKind(16) + CheckEveryKind(4000));
+    return 0;
+}
+
+} // namespace
+
+TEST(ProcessMemory, EveryKindOfAddressBothWays) {
+    for (const size_t size : {1U, 4U, 16U, 700U, 4000U}) {
+        EXPECT_EQ(CheckEveryKind(size), "") << size;
+        std::thread([size] { EXPECT_EQ(CheckEveryKind(size), "") << size << " in a thread"; }).join();
+    }
+}
+
+TEST(ProcessMemory, WorksWhereASandboxRefusesTheCallsItLikes) {
+    TestProcess sandbox("CopiesInASandbox");
+    const std::string said = sandbox.Hear();
+    if (said == "cannot refuse") GTEST_SKIP() << "no seccomp here";
+    EXPECT_EQ(said, "");
+    EXPECT_EQ(sandbox.Wait(), 0);
+}
+
+// Addresses that are settled without asking the system.
+TEST(ProcessMemory, OwnStackAndConstantsAreCopiedAsTheyAre) {
+    HANDLE self = GetCurrentProcess();
+    const auto check = [self] {
+        char frame[700];
+        char copy[700];
+        for (const size_t size : {0U, 1U, 7U, 8U, 63U, 700U}) {
+            for (size_t i = 0; i < sizeof frame; ++i)
+                frame[i] = static_cast<char>(i * 7 + size);
+            std::memset(copy, 0, sizeof copy);
+            SIZE_T count = 99;
+            ASSERT_TRUE(ReadProcessMemory(self, frame, copy, size, &count));
+            EXPECT_EQ(count, size);
+            EXPECT_EQ(std::memcmp(frame, copy, size), 0);
+            std::memset(frame, 0, sizeof frame);
+            ASSERT_TRUE(WriteProcessMemory(self, frame, copy, size, &count));
+            EXPECT_EQ(count, size);
+            EXPECT_EQ(std::memcmp(frame, copy, size), 0);
+            EXPECT_TRUE(size == sizeof frame || frame[size] == 0) << "wrote too much";
+        }
+    };
+    check();
+    std::thread(check).join();
+
+    // A size that leads out of the stack.
+    char frame[16] = {};
+    std::vector<char> large(16U << 20);
+    EXPECT_FALSE(ReadProcessMemory(self, frame, large.data(), large.size(), nullptr));
+
+    static const char constant[] = "PrinterStatus";
+    char copy[sizeof constant];
+    EXPECT_TRUE(ReadProcessMemory(self, constant, copy, sizeof copy, nullptr));
+    EXPECT_STREQ(copy, constant);
+    EXPECT_FALSE(WriteProcessMemory(self, const_cast<char*>(constant), "x", 1, nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOACCESS));
+}
+
+TEST(ProcessMemory, MemoryThatGoesAwayMeanwhileGivesAnErrorAtMost) {
+    BadMemory memory;
+    std::atomic<bool> stop{false};
+    std::thread racer([&] {
+        for (bool forbidden = true; !stop; forbidden = !forbidden)
+            memory.Forbid(forbidden);
+    });
+    unsigned outcomes[2] = {};
+    unsigned char copy[256];
+    for (int i = 0; i < 200'000 && (outcomes[0] < 500 || outcomes[1] < 500); ++i) {
+        const bool reading = i % 2 == 0;
+        const BOOL done = reading
+                              ? ReadProcessMemory(GetCurrentProcess(), memory.GoodPage(), copy, sizeof copy, nullptr)
+                              : WriteProcessMemory(GetCurrentProcess(), memory.GoodPage(), copy, sizeof copy, nullptr);
+        ++outcomes[done != FALSE];
+        if (reading && done != FALSE) {
+            EXPECT_EQ(copy[0], 'x');
+            EXPECT_EQ(copy[255], 'x');
+        }
+        std::memset(copy, 'x', sizeof copy);
+    }
+    stop = true;
+    racer.join();
+    EXPECT_GT(outcomes[0], 0U) << "the race never went the one way";
+    EXPECT_GT(outcomes[1], 0U) << "the race never went the other way";
+}
+
+TEST(ProcessMemory, ForkedChildCopiesItsOwnMemory) {
+    std::vector<int> value(1000, 1);
+    const auto firstRead = [&value] {
+        int copy = 0;
+        return ReadProcessMemory(GetCurrentProcess(), value.data(), &copy, sizeof copy, nullptr) != FALSE ? copy : -1;
+    };
+    EXPECT_EQ(firstRead(), 1);
+    EXPECT_EQ(RunForked([&] {
+                  value[0] = 2;
+                  if (firstRead() != 2) return 2;
+                  const int three = 3;
+                  if (!WriteProcessMemory(GetCurrentProcess(), value.data(), &three, sizeof three, nullptr)) return 3;
+                  return value[0] == 3 ? 0 : 4;
+              }),
+              0);
+    EXPECT_EQ(firstRead(), 1) << "the child wrote into its parent";
+}
+
+TEST(ProcessMemory, OtherProcessesAreRefused) {
+    int value = 0;
+    EXPECT_FALSE(ReadProcessMemory(nullptr, &value, &value, sizeof value, nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_FALSE(WriteProcessMemory(ULongToHandle(0x1234), &value, &value, sizeof value, nullptr));
+}
+
+TEST(Heap, BlocksAreZeroedAlignedAndKnowTheirSize) {
+    HANDLE heap = HeapCreate(0, 32768, 0);
+    ASSERT_NE(heap, nullptr);
+    for (const size_t size : {0U, 1U, 15U, 16U, 1000U, 100'000U, 5'000'000U}) {
+        auto* dirty = static_cast<unsigned char*>(HeapAlloc(heap, 0, size));
+        ASSERT_NE(dirty, nullptr);
+        std::memset(dirty, 0xEE, size);
+        EXPECT_EQ(HeapSize(heap, 0, dirty), size);
+        EXPECT_TRUE(HeapFree(heap, 0, dirty));
+        auto* block = static_cast<unsigned char*>(HeapAlloc(heap, HEAP_ZERO_MEMORY, size));
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0U);
+        for (size_t i = 0; i < size; ++i)
+            ASSERT_EQ(block[i], 0) << i << " of " << size;
+        EXPECT_TRUE(HeapFree(heap, 0, block));
+    }
+    EXPECT_TRUE(HeapFree(heap, 0, nullptr));
+    EXPECT_TRUE(HeapDestroy(heap));
+}
+
+TEST(Heap, ImpossibleSizesFailAndLeaveTheLastErrorAlone) {
+    HANDLE heap = HeapCreate(0, 0, 0);
+    for (const SIZE_T size : {SIZE_MAX, SIZE_MAX - 1, SIZE_MAX - 16, SIZE_MAX - 31, SIZE_MAX - 32, SIZE_MAX / 2}) {
+        SetLastError(kSentinel);
+        EXPECT_EQ(HeapAlloc(heap, HEAP_ZERO_MEMORY, size), nullptr) << size;
+        EXPECT_EQ(HeapAlloc(heap, 0, size), nullptr) << size;
+        EXPECT_EQ(GetLastError(), kSentinel);
+        EXPECT_EQ(GlobalAlloc(GPTR, size), nullptr);
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+    }
+    EXPECT_TRUE(HeapDestroy(heap));
+}
+
+TEST(Heap, RefusesWhatItDoesNotDoAndBlocksOfOtherHeaps) {
+    EXPECT_EQ(HeapCreate(0, 0, 1 << 20), nullptr);
+    EXPECT_EQ(HeapCreate(1, 0, 0), nullptr);
+    HANDLE heap = HeapCreate(0, 0, 0);
+    HANDLE other = HeapCreate(0, 0, 0);
+    EXPECT_EQ(HeapAlloc(heap, 0x10, 8), nullptr);
+    void* block = HeapAlloc(heap, 0, 8);
+    EXPECT_FALSE(HeapFree(other, 0, block));
+    EXPECT_EQ(HeapSize(other, 0, block), static_cast<SIZE_T>(-1));
+    EXPECT_TRUE(HeapFree(heap, 0, block));
+    EXPECT_EQ(HeapAlloc(nullptr, 0, 8), nullptr);
+    EXPECT_FALSE(HeapDestroy(nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(HeapDestroy(other));
+    EXPECT_TRUE(HeapDestroy(heap));
+    EXPECT_EQ(GlobalAlloc(0x2, 8), nullptr);
+    void* memory = GlobalAlloc(GPTR, 100);
+    ASSERT_NE(memory, nullptr);
+    EXPECT_EQ(static_cast<char*>(memory)[99], 0);
+    EXPECT_EQ(GlobalFree(memory), nullptr);
+}
+
+TEST(Heap, DestroyFreesWhateverWasLeft) {
+    size_t before = 0;
+    for (int round = 0; round < 20; ++round) {
+        if (round == 1) before = BytesInUse(); // the C library keeps a few blocks at hand, from the first round on
+
+        HANDLE heap = HeapCreate(0, 0, 0);
+        std::vector<void*> blocks;
+        for (size_t i = 0; i < 2000; ++i)
+            blocks.push_back(HeapAlloc(heap, 0, i % 700));
+        HeapAlloc(heap, 0, 3U << 20);
+        // Some are freed before: first, last and in the middle of the lists.
+        for (size_t i = 0; i < blocks.size(); i += 3)
+            EXPECT_TRUE(HeapFree(heap, 0, blocks[i]));
+        EXPECT_TRUE(HeapFree(heap, 0, blocks[1999]));
+        EXPECT_TRUE(HeapDestroy(heap));
+    }
+    EXPECT_LT(BytesInUse(), before + 10'000);
+}
+
+TEST(Heap, ThreadsAllocateAndFreeEachOthersBlocks) {
+    HANDLE heap = HeapCreate(0, 0, 0);
+    constexpr int kThreads = 4;
+    constexpr int kSlots = 64;
+    std::atomic<unsigned char*> slots[kSlots] = {};
+    std::atomic<int> damaged{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (unsigned i = 0; i < 20'000; ++i) {
+                const size_t size = 1 + (i * 37 + static_cast<unsigned>(t)) % 300;
+                auto* mine = static_cast<unsigned char*>(HeapAlloc(heap, 0, size));
+                std::memset(mine, static_cast<int>(size & 0xFF), size);
+                unsigned char* theirs = slots[(i * 13 + static_cast<unsigned>(t)) % kSlots].exchange(mine);
+                if (theirs == nullptr) continue;
+                const size_t found = HeapSize(heap, 0, theirs);
+                if (theirs[0] != (found & 0xFF) || theirs[found - 1] != (found & 0xFF)) ++damaged;
+                if (!HeapFree(heap, 0, theirs)) ++damaged;
+            }
+        });
+    // A child that is forked in the middle of it can use the heap.
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(RunForked([heap] {
+                      for (int k = 0; k < 100; ++k)
+                          if (!HeapFree(heap, 0, HeapAlloc(heap, HEAP_ZERO_MEMORY, 100))) return 1;
+                      return 0;
+                  }),
+                  0);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(damaged, 0);
+    EXPECT_TRUE(HeapDestroy(heap));
+}

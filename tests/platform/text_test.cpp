@@ -1,0 +1,352 @@
+// Code pages, conversion and the order of text.
+#include "private_machine.h"
+#include "test_process.h"
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::string;
+using std::u16string;
+
+u16string Decode(UINT codePage, const string& text, DWORD flags = 0) {
+    WCHAR buffer[256];
+    const int count =
+        MultiByteToWideChar(codePage, flags, text.data(), static_cast<int>(text.size()), buffer, std::size(buffer));
+    return {buffer, static_cast<size_t>(count)};
+}
+
+string Encode(UINT codePage, const u16string& text, const char* defaultChar = nullptr, LPBOOL used = nullptr) {
+    char buffer[256];
+    const int count = WideCharToMultiByte(codePage, 0, text.data(), static_cast<int>(text.size()), buffer,
+                                          std::size(buffer), defaultChar, used);
+    return {buffer, static_cast<size_t>(count)};
+}
+
+// A text in both forms, and back.
+struct Pair {
+    UINT codePage;
+    string text;
+    u16string wide;
+};
+const Pair kPairs[] = {
+    {1252, "PrinterStatus", u"PrinterStatus"},
+    {1252, "\x80 42,50 \xE4\xF6\xFC\xDF \x99\x81\xFF", u"\u20AC 42,50 \u00E4\u00F6\u00FC\u00DF \u2122\u0081\u00FF"},
+    {1251, "\xCF\xF0\xE8\xED\xF2\xE5\xF0", u"\u041F\u0440\u0438\u043D\u0442\u0435\u0440"},
+    {437, "\xC9\xCD\xBB \x81", u"\u2554\u2550\u2557 \u00FC"},
+    {932, "\x93\xFA\x96{\x8C\xEA \xB6\xC5 \x95\\\\", u"\u65E5\u672C\u8A9E \uFF76\uFF85 \u8868\\"},
+    {932, "\x81\xE0\x87T\x81\xCA\xFA\\", u"\u2252\u2160\uFFE2\u7E8A"}, // the usual ones of characters with two codes
+    {936, "\xD6\xD0\xCE\xC4", u"\u4E2D\u6587"},
+    {CP_UTF8, "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8", u"a\u00E9\u20AC\U0001F5A8"},
+};
+
+} // namespace
+
+TEST(Conversion, BothWays) {
+    for (const Pair& pair : kPairs) {
+        EXPECT_EQ(Decode(pair.codePage, pair.text), pair.wide) << pair.codePage;
+        EXPECT_EQ(Decode(pair.codePage, pair.text, MB_ERR_INVALID_CHARS), pair.wide) << pair.codePage;
+        EXPECT_EQ(Encode(pair.codePage, pair.wide), pair.text) << pair.codePage;
+    }
+    // Every byte of the default code page has a character and comes back.
+    string all;
+    for (int byte = 0; byte < 256; ++byte)
+        all += static_cast<char>(byte);
+    WCHAR wide[256];
+    ASSERT_EQ(MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, all.data(), 256, wide, 256), 256);
+    EXPECT_EQ(Encode(CP_ACP, u16string(wide, 256)), all);
+}
+
+TEST(Conversion, SizesAreExactAndTooSmallBuffersAreNotOverrun) {
+    for (const Pair& pair : kPairs) {
+        const int textSize = static_cast<int>(pair.text.size());
+        const int wideSize = static_cast<int>(pair.wide.size());
+        EXPECT_EQ(MultiByteToWideChar(pair.codePage, 0, pair.text.c_str(), -1, nullptr, 0), wideSize + 1);
+        EXPECT_EQ(WideCharToMultiByte(pair.codePage, 0, pair.wide.c_str(), -1, nullptr, 0, nullptr, nullptr),
+                  textSize + 1);
+        for (int room = 1; room <= textSize + 1; ++room) {
+            // What lies behind the room is looked at by the sanitizers too.
+            std::vector<char> text(static_cast<size_t>(room));
+            const int count =
+                WideCharToMultiByte(pair.codePage, 0, pair.wide.data(), wideSize, text.data(), room, nullptr, nullptr);
+            EXPECT_EQ(count, room < textSize ? 0 : textSize);
+            EXPECT_TRUE(count != 0 || GetLastError() == ERROR_INSUFFICIENT_BUFFER);
+            std::vector<WCHAR> wide(static_cast<size_t>(room));
+            const int units = MultiByteToWideChar(pair.codePage, 0, pair.text.data(), textSize, wide.data(), room);
+            EXPECT_EQ(units, room < wideSize ? 0 : wideSize);
+        }
+    }
+}
+
+TEST(Conversion, EveryCutOfDoubleByteText) {
+    const string text = "a\x93\xFA\x96{\x8C\xEA\xB6\x95\\z";
+    const u16string wide = u"a\u65E5\u672C\u8A9E\uFF76\u8868z";
+    const size_t starts[] = {0, 1, 3, 5, 7, 8, 10};
+    for (size_t cut = 1; cut <= text.size(); ++cut) {
+        const auto whole = static_cast<size_t>(
+            std::count_if(std::begin(starts), std::end(starts), [cut](size_t start) { return start < cut; }));
+        const bool inHalf =
+            cut != text.size() && std::find(std::begin(starts), std::end(starts), cut) == std::end(starts);
+        u16string expected = wide.substr(0, whole);
+        if (inHalf) expected.back() = u'\u30FB';
+        EXPECT_EQ(Decode(932, text.substr(0, cut)), expected) << cut;
+        EXPECT_EQ(Decode(932, text.substr(0, cut), MB_ERR_INVALID_CHARS), inHalf ? u16string() : expected) << cut;
+        // The same with a NUL in place of the trail byte: it stays the end of the text.
+        WCHAR buffer[32];
+        EXPECT_EQ(MultiByteToWideChar(932, 0, text.substr(0, cut).c_str(), -1, buffer, 32),
+                  static_cast<int>(expected.size()) + 1);
+        EXPECT_STREQ(reinterpret_cast<const char*>(buffer + expected.size()), "");
+    }
+    for (int byte = 0; byte < 256; ++byte)
+        EXPECT_EQ(IsDBCSLeadByteEx(932, static_cast<BYTE>(byte)) != FALSE,
+                  (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xFC))
+            << byte;
+}
+
+TEST(Conversion, WhatIsNotThereIsReplacedOrReported) {
+    BOOL used = FALSE;
+    EXPECT_EQ(Encode(1252, u"a\u65E5b", nullptr, &used), "a?b");
+    EXPECT_TRUE(used);
+    EXPECT_EQ(Encode(1252, u"a\u65E5b", "_"), "a_b");
+    EXPECT_EQ(Encode(1252, u"\u0100", nullptr), "?") << "a similar character is another one";
+    EXPECT_EQ(Encode(932, u"a\u00E4b", "\x81\x96"), "a\x81\x96"
+                                                    "b");
+    EXPECT_EQ(Encode(1252, u"ab", nullptr, &used), "ab");
+    EXPECT_FALSE(used);
+    EXPECT_EQ(WideCharToMultiByte(1252, WC_DEFAULTCHAR, u"\u65E5", 1, nullptr, 0, nullptr, &used), 1);
+    EXPECT_TRUE(used);
+    EXPECT_EQ(Encode(CP_UTF8, u16string(u"a") + char16_t(0xD800) + u"b"), "a\xEF\xBF\xBD"
+                                                                          "b");
+
+    const struct {
+        const char* bytes;
+        u16string wide;
+    } illFormed[] = {
+        {"\x80", u"\uFFFD"},
+        {"\xC0\x80", u"\uFFFD\uFFFD"},
+        {"\xE2\x82", u"\uFFFD"},
+        {"\xE2\x82x", u"\uFFFDx"},
+        {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},
+        {"\xF0\x9F\x96", u"\uFFFD"},
+        {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+        {"\xFF", u"\uFFFD"},
+    };
+    for (const auto& row : illFormed) {
+        EXPECT_EQ(Decode(CP_UTF8, row.bytes), row.wide);
+        SetLastError(0);
+        EXPECT_EQ(Decode(CP_UTF8, row.bytes, MB_ERR_INVALID_CHARS), u"");
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_UNICODE_TRANSLATION));
+    }
+}
+
+TEST(Conversion, RefusesWhatItCannotDo) {
+    WCHAR wide[8];
+    char text[8];
+    const auto* shared = reinterpret_cast<const char*>(wide);
+    BOOL used = FALSE;
+    const std::function<int()> refused[] = {
+        [&] { return MultiByteToWideChar(1252, 0, nullptr, 1, wide, 8); },
+        [&] { return MultiByteToWideChar(1252, 0, "a", 0, wide, 8); },
+        [&] { return MultiByteToWideChar(1252, 0, "a", -2, wide, 8); },
+        [&] { return MultiByteToWideChar(1252, 0, "a", 1, nullptr, 8); },
+        [&] { return MultiByteToWideChar(1252, 0, "a", 1, wide, -1); },
+        [&] { return MultiByteToWideChar(1252, 0, shared + 4, 4, wide, 8); },
+        [&] { return MultiByteToWideChar(12345, 0, "a", 1, wide, 8); },
+        [&] { return WideCharToMultiByte(1252, 0, wide, 4, reinterpret_cast<char*>(wide) + 2, 4, nullptr, nullptr); },
+        [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, text, 8, "?", nullptr); },
+        [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, text, 8, nullptr, &used); },
+    };
+    for (const auto& call : refused) {
+        SetLastError(0);
+        EXPECT_EQ(call(), 0) << &call - refused;
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << &call - refused;
+    }
+    EXPECT_EQ(MultiByteToWideChar(1252, 0x2, "a", 1, wide, 8), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FLAGS));
+    EXPECT_EQ(WideCharToMultiByte(1252, 0x200, u"a", 1, text, 8, nullptr, nullptr), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FLAGS));
+}
+
+namespace {
+
+CHILD_PROCESS(TellsItsCodePage) {
+    child.Say(std::to_string(GetACP()));
+    child.Say(IsDBCSLeadByte(0x95) ? "lead" : "single");
+    child.Say(std::to_string(CreateFileA(child.arguments[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                         OPEN_EXISTING, 0, nullptr) != INVALID_HANDLE_VALUE));
+    return 0;
+}
+
+void SetRegistryCodePage(const char* text) {
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SYSTEM\\CurrentControlSet\\Control\\Nls\\CodePage", 0, nullptr, 0,
+                              KEY_WRITE, nullptr, &key, nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(RegSetValueExA(key, "ACP", 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
+                             static_cast<DWORD>(std::strlen(text) + 1)),
+              ERROR_SUCCESS);
+    RegCloseKey(key);
+}
+
+} // namespace
+
+// The trail byte of the first character of the file's name is a backslash.
+TEST(AnsiCodePage, IsThatOfTheEnvironmentThenOfTheRegistryThen1252) {
+    std::ofstream(PrivateDirectory() + "/\xE8\xA1\xA8.txt") << "x";
+    const string folder = WindowsPath(PrivateDirectory());
+    const struct {
+        const char* registry;
+        const char* environment; // null: not set
+        string fileName;
+        std::vector<string> said;
+    } rows[] = {
+        {nullptr, nullptr, folder + "\\\x95\\.txt", {"1252", "single", "0"}},
+        {nullptr, "932", folder + "\\\x95\\.txt", {"932", "lead", "1"}},
+        {nullptr, "932", "C:" + folder + "\\\x95\\.txt", {"932", "lead", "1"}},
+        {nullptr, "65001", folder + "\\\xE8\xA1\xA8.txt", {"65001", "single", "1"}},
+        {"932", nullptr, folder + "\\\x95\\.txt", {"932", "lead", "1"}},
+        {"932", "1252", folder, {"1252", "single", "0"}},
+        {"932", "nonsense", folder, {"932", "lead", "0"}},
+        {"12345", nullptr, folder, {"1252", "single", "0"}},
+    };
+    for (const auto& row : rows) {
+        if (row.registry != nullptr) SetRegistryCodePage(row.registry);
+        Environment environment;
+        if (row.environment != nullptr) environment["ORIEL_ANSI_CODE_PAGE"] = row.environment;
+        TestProcess child("TellsItsCodePage", {row.fileName}, environment);
+        for (const string& line : row.said)
+            EXPECT_EQ(child.Hear(), line)
+                << (row.registry ? row.registry : "-") << ", " << (row.environment ? row.environment : "-");
+        EXPECT_EQ(child.Wait(), 0);
+    }
+}
+
+namespace {
+
+// Each sorts before the next.
+const std::vector<string> kOrdered = {
+    "",
+    " ",
+    "!",
+    "_",
+    "~",
+    "<",
+    "0",
+    "07",
+    "7",
+    "9a",
+    "a",
+    "A",
+    "\xE4",
+    "\xC4",
+    "a1",
+    "ab",
+    "aB",
+    "AB",
+    "\xE4"
+    "B",
+    "abc",
+    "ac",
+    "coop",
+    "co-op",
+    "coops",
+    "O'Hara",
+    "Ohare",
+    "RunningPSW",
+    "RWResult",
+    "SendingJobInfo",
+    "ServerOS",
+    "\xFE\xFF",
+    "Z",
+    "z0",
+};
+
+// Order of all of them, as their places in the sorted list say it.
+string CheckTotalOrder(std::vector<string> texts) {
+    std::sort(texts.begin(), texts.end(),
+              [](const string& a, const string& b) { return lstrcmpA(a.c_str(), b.c_str()) < 0; });
+    texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
+    for (size_t i = 0; i < texts.size(); ++i)
+        for (size_t k = 0; k < texts.size(); ++k) {
+            const int expected = i < k ? -1 : i > k ? 1 : 0;
+            const int result = lstrcmpA(texts[i].c_str(), texts[k].c_str());
+            if ((result > 0) - (result < 0) != expected) return "'" + texts[i] + "' and '" + texts[k] + "'";
+        }
+    return "in order";
+}
+
+std::vector<string> RandomTexts(unsigned seed) {
+    // Few letters, so that many differ in one respect only; and all that is treated in a way of its own.
+    static constexpr char kLetters[] = "aAbB1_-' \xE4\xC4\x81\x95\\\xFA";
+    std::mt19937 random(seed);
+    std::vector<string> texts;
+    for (int i = 0; i < 500; ++i) {
+        string text;
+        for (unsigned length = random() % 6; length > 0; --length)
+            text += kLetters[random() % (sizeof kLetters - 1)];
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+CHILD_PROCESS(ChecksTotalOrder) {
+    child.Say(CheckTotalOrder(RandomTexts(static_cast<unsigned>(std::stoul(child.arguments[0])))));
+    return 0;
+}
+
+} // namespace
+
+TEST(Order, IsThatOfWords) {
+    std::vector<string> shuffled = kOrdered;
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
+    std::sort(shuffled.begin(), shuffled.end(),
+              [](const string& a, const string& b) { return lstrcmpA(a.c_str(), b.c_str()) < 0; });
+    EXPECT_EQ(shuffled, kOrdered);
+    EXPECT_EQ(lstrcmpA(nullptr, nullptr), 0);
+    EXPECT_LT(lstrcmpA(nullptr, ""), 0);
+    EXPECT_GT(lstrcmpA("", nullptr), 0);
+    EXPECT_EQ(lstrlenA(nullptr), 0);
+    EXPECT_EQ(lstrlenA("abc"), 3);
+}
+
+TEST(Order, IsTotalAndOnlyIdenticalTextIsEqual) {
+    const unsigned seed = std::random_device()();
+    EXPECT_EQ(CheckTotalOrder(RandomTexts(seed)), "in order") << "seed " << seed;
+    for (const char* codePage : {"932", "65001"}) {
+        TestProcess child("ChecksTotalOrder", {std::to_string(seed)}, {{"ORIEL_ANSI_CODE_PAGE", codePage}});
+        EXPECT_EQ(child.Hear(), "in order") << "seed " << seed << ", code page " << codePage;
+    }
+}
+
+TEST(Order, WithoutCase) {
+    const struct {
+        const char* a;
+        const char* b;
+        int result;
+    } rows[] = {
+        {"SYSTEM", "system", 0},
+        {"WinSta0", "WINSTA0", 0},
+        {"WinSta0", "WinSta1", -1},
+        {"TVORSN.EXE", "tvorsn.exe", 0},
+        {"TVORSN.EXE", "TVORSN.EXE.", -1},
+        {"\xC4rger", "\xE4rger", 0},
+        {"co-op", "CO-OP", 0},
+        {"co-op", "COOP", 1},
+        {"\xC4", "A", 1},
+        {"", "", 0},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(lstrcmpiA(row.a, row.b), row.result) << row.a << " " << row.b;
+        EXPECT_EQ(lstrcmpiA(row.b, row.a), -row.result) << row.a << " " << row.b;
+    }
+}
