@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <sqlite3.h>
+#include <string_view>
 
 namespace oriel {
 namespace {
@@ -121,6 +122,15 @@ int Open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out
     return result;
 }
 
+// Asked at every read: whether there is a write-ahead log. There never is, since these files have no shared memory.
+int Access(sqlite3_vfs*, const char* name, int flags, int* result) {
+    if (flags == SQLITE_ACCESS_EXISTS && std::string_view(name).ends_with("-wal")) {
+        *result = 0;
+        return SQLITE_OK;
+    }
+    return g_system->xAccess(g_system, name, flags, result);
+}
+
 } // namespace
 
 const char* CheckedPagesVfs() {
@@ -129,12 +139,13 @@ const char* CheckedPagesVfs() {
     if (sqlite3_vfs_find(kName) == &g_checked) return kName;
     g_system = sqlite3_vfs_find(nullptr);
     if (g_system == nullptr) return nullptr;
-    // All but opening is the system's own; its methods take any object with its data.
+    // The rest is the system's own; its methods take any object with its data.
     g_checked = *g_system;
     g_checked.pNext = nullptr;
     g_checked.zName = kName;
     g_checked.szOsFile = kSystemOffset + g_system->szOsFile;
     g_checked.xOpen = Open;
+    g_checked.xAccess = Access;
     return sqlite3_vfs_register(&g_checked, 0) == SQLITE_OK ? kName : nullptr;
 }
 
