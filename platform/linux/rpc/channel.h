@@ -15,8 +15,9 @@ namespace oriel::rpc {
 
 inline constexpr size_t kFirstBuffer = 4096;
 inline constexpr size_t kKeptBuffer = 256 * 1024; // a larger one is given back after the call
-inline constexpr DWORD kMessageTimeMs = 30000;    // for a message once begun, and for a peer that takes none
-inline constexpr DWORD kConnectTimeMs = 5000;     // to be accepted, to be answered a bind
+inline constexpr DWORD kConnectTimeMs = 5000;     // to be accepted, and to be answered a bind
+inline constexpr DWORD kMessageTimeMs = 10000;    // from the first byte of a message to its last
+inline constexpr DWORD kSendTimeMs = 30000;       // for a peer that takes nothing of what is sent
 
 struct Buffer {
     uint8_t* data = nullptr;

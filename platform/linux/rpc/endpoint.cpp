@@ -144,7 +144,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
     if (getsockopt(stream.value, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
         return RPC_S_SERVER_UNAVAILABLE;
     // A server that takes nothing of a request for so long has stopped; it cannot have carried the call out.
-    SetSendTimeout(stream.value, kMessageTimeMs);
+    SetSendTimeout(stream.value, kSendTimeMs);
     socket = stream.Release();
     return RPC_S_OK;
 }

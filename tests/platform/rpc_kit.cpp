@@ -1,0 +1,257 @@
+#include "rpc_kit.h"
+
+#include <atomic>
+#include <cstring>
+#include <new>
+#include <thread>
+
+const RPC_SYNTAX_IDENTIFIER kTestInterface{
+    {0x8d1f7a10, 0x52c4, 0x4a0e, {0x9d, 0x3b, 0x0f, 0x1e, 0x2d, 0x3c, 0x4b, 0x5a}}, {1, 2}};
+const RPC_SYNTAX_IDENTIFIER kNdrSyntax{{0x8a885d04, 0x1ceb, 0x11c9, {0x9f, 0xe8, 0x08, 0x00, 0x2b, 0x10, 0x48, 0x60}},
+                                       {2, 0}};
+const RPC_SYNTAX_IDENTIFIER kUnknownInterface{{0x8d1f7a11, 0x52c4, 0x4a0e, {1, 2, 3, 4, 5, 6, 7, 8}}, {1, 0}};
+RPC_CLIENT_INTERFACE g_testClient{
+    .Length = sizeof g_testClient, .InterfaceId = kTestInterface, .TransferSyntax = kNdrSyntax};
+
+namespace {
+
+std::atomic<uint32_t> g_touches{0};
+std::atomic<uint32_t> g_holding{0};
+std::atomic<uint32_t> g_releases{0};
+std::atomic<uint32_t> g_rundowns[16];
+
+void RPC_ENTRY CountRundown(void* context) {
+    ++g_rundowns[reinterpret_cast<uintptr_t>(context) % 16];
+}
+
+uint32_t Argument(PRPC_MESSAGE message) {
+    uint32_t value = 0;
+    if (message->BufferLength < sizeof value) RpcRaiseException(RPC_X_BAD_STUB_DATA);
+    std::memcpy(&value, message->Buffer, sizeof value);
+    return value;
+}
+
+uint8_t* ReplyBuffer(PRPC_MESSAGE message, size_t size) {
+    message->BufferLength = static_cast<unsigned>(size);
+    const RPC_STATUS status = I_RpcGetBuffer(message);
+    if (status != RPC_S_OK) RpcRaiseException(status);
+    return static_cast<uint8_t*>(message->Buffer);
+}
+
+void ReplyNumbers(PRPC_MESSAGE message, const std::vector<uint32_t>& numbers) {
+    std::memcpy(ReplyBuffer(message, numbers.size() * 4), numbers.data(), numbers.size() * 4);
+}
+
+void __RPC_STUB Echo(PRPC_MESSAGE message) {
+    const void* request = message->Buffer;
+    const unsigned size = message->BufferLength;
+    std::memcpy(ReplyBuffer(message, size), request, size);
+}
+
+void __RPC_STUB Make(PRPC_MESSAGE message) {
+    const uint32_t size = Argument(message);
+    uint8_t* reply = ReplyBuffer(message, size);
+    for (uint32_t i = 0; i < size; ++i)
+        reply[i] = static_cast<uint8_t>(i * 7);
+}
+
+void __RPC_STUB Raise(PRPC_MESSAGE message) {
+    RpcRaiseException(static_cast<RPC_STATUS>(Argument(message)));
+}
+
+void __RPC_STUB Throw(PRPC_MESSAGE message) {
+    if (Argument(message) == 0) throw std::bad_alloc();
+    throw 1;
+}
+
+void __RPC_STUB Identify(PRPC_MESSAGE message) {
+    ULONG process = 0;
+    ULONG sameProcess = 0;
+    RPC_AUTHZ_HANDLE identity = nullptr;
+    ULONG level = 0;
+    if (I_RpcBindingInqLocalClientPID(message->Handle, &process) != RPC_S_OK ||
+        I_RpcBindingInqLocalClientPID(nullptr, &sameProcess) != RPC_S_OK || process != sameProcess ||
+        RpcBindingInqAuthClientA(nullptr, &identity, nullptr, &level, nullptr, nullptr) != RPC_S_OK ||
+        level != RPC_C_AUTHN_LEVEL_PKT_PRIVACY)
+        RpcRaiseException(RPC_S_INTERNAL_ERROR);
+    const std::string text = static_cast<const char*>(identity);
+    uint8_t* reply = ReplyBuffer(message, 4 + text.size());
+    std::memcpy(reply, &process, 4);
+    std::memcpy(reply + 4, text.data(), text.size());
+}
+
+void __RPC_STUB Count(PRPC_MESSAGE message) {
+    ReplyNumbers(message, {g_touches});
+}
+
+void __RPC_STUB Touch(PRPC_MESSAGE message) {
+    ReplyNumbers(message, {++g_touches});
+}
+
+void __RPC_STUB Monitor(PRPC_MESSAGE message) {
+    const uintptr_t context = Argument(message);
+    void* before = nullptr;
+    if (I_RpcGetAssociationContext(nullptr, &before) != RPC_S_OK ||
+        I_RpcMonitorAssociation(message->Handle, CountRundown, reinterpret_cast<void*>(context)) != RPC_S_OK)
+        RpcRaiseException(RPC_S_INTERNAL_ERROR);
+    ReplyNumbers(message, {static_cast<uint32_t>(reinterpret_cast<uintptr_t>(before))});
+}
+
+void __RPC_STUB StopMonitor(PRPC_MESSAGE message) {
+    if (I_RpcStopMonitorAssociation(message->Handle) != RPC_S_OK) RpcRaiseException(RPC_S_INTERNAL_ERROR);
+    ReplyNumbers(message, {});
+}
+
+void __RPC_STUB Rundowns(PRPC_MESSAGE message) {
+    ReplyNumbers(message, std::vector<uint32_t>(std::begin(g_rundowns), std::end(g_rundowns)));
+}
+
+void __RPC_STUB Hold(PRPC_MESSAGE message) {
+    const uint32_t before = g_releases;
+    ++g_holding;
+    while (g_releases == before)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    --g_holding;
+    ReplyNumbers(message, {1});
+}
+
+void __RPC_STUB Release(PRPC_MESSAGE message) {
+    ++g_releases;
+    ReplyNumbers(message, {});
+}
+
+void __RPC_STUB Holding(PRPC_MESSAGE message) {
+    ReplyNumbers(message, {g_holding});
+}
+
+void __RPC_STUB TooLong(PRPC_MESSAGE message) {
+    ReplyBuffer(message, 8);
+    message->BufferLength = 9;
+}
+
+void __RPC_STUB NoBuffer(PRPC_MESSAGE) {}
+
+void __RPC_STUB Describe(PRPC_MESSAGE message) {
+    const uint32_t representation = message->DataRepresentation;
+    const uint32_t alignment = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(message->Buffer) % 8);
+    ReplyNumbers(message, {representation, alignment});
+}
+
+RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {Echo,    Make,    Raise,       Throw,    Identify, Count,
+                                                      Touch,   Monitor, StopMonitor, Rundowns, Hold,     Release,
+                                                      Holding, TooLong, NoBuffer,    Describe, nullptr};
+RPC_DISPATCH_TABLE g_table{kProcedureCount, g_functions, 0};
+RPC_SERVER_INTERFACE g_server{
+    .Length = sizeof g_server, .InterfaceId = kTestInterface, .TransferSyntax = kNdrSyntax, .DispatchTable = &g_table};
+
+RPC_CSTR Text(const std::string& text) {
+    return reinterpret_cast<RPC_CSTR>(const_cast<char*>(text.c_str()));
+}
+
+} // namespace
+
+RPC_STATUS RegisterTestInterface() {
+    return RpcServerRegisterIf2(&g_server, nullptr, nullptr, RPC_IF_ALLOW_LOCAL_ONLY, RPC_C_LISTEN_MAX_CALLS_DEFAULT,
+                                static_cast<unsigned>(-1), nullptr);
+}
+
+RPC_STATUS UnregisterTestInterface(bool wait) {
+    return RpcServerUnregisterIf(&g_server, nullptr, wait ? 1 : 0);
+}
+
+RPC_STATUS ServeOn(const std::string& endpoint) {
+    RPC_STATUS status =
+        RpcServerUseProtseqEpA(Text("ncalrpc"), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, Text(endpoint), nullptr);
+    if (status == RPC_S_OK) status = RegisterTestInterface();
+    if (status == RPC_S_OK) status = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
+    return status;
+}
+
+CHILD_PROCESS(RpcServer) {
+    const RPC_STATUS status = ServeOn(child.arguments[0]);
+    child.Say(status == RPC_S_OK ? "listening" : "status " + std::to_string(status));
+    for (std::string order = child.Hear(); !order.empty(); order = child.Hear()) {
+        if (order == "stop") {
+            child.Say("stopping " + std::to_string(RpcMgmtStopServerListening(nullptr)));
+        } else if (order == "release") {
+            ++g_releases;
+        } else if (order == "wait") {
+            child.Say("stopped " + std::to_string(RpcMgmtWaitServerListen()));
+        } else if (order == "listen") {
+            child.Say("listening " + std::to_string(RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE)));
+        } else if (order == "withdraw") {
+            child.Say("withdrawn " + std::to_string(UnregisterTestInterface(true)));
+        } else if (order == "offer") {
+            child.Say("offered " + std::to_string(RegisterTestInterface()));
+        }
+    }
+    return 0;
+}
+
+uint32_t Reply::Number(size_t index) const {
+    uint32_t value = 0;
+    if (body.size() < index * 4 + 4) {
+        ADD_FAILURE() << "status " << status << ", " << body.size() << " bytes of reply";
+        return 0;
+    }
+    std::memcpy(&value, body.data() + index * 4, 4);
+    return value;
+}
+
+Body Number(uint32_t value) {
+    Body bytes(4);
+    std::memcpy(bytes.data(), &value, 4);
+    return bytes;
+}
+
+Body Pattern(size_t size) {
+    Body bytes(size);
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<uint8_t>(i * 7);
+    return bytes;
+}
+
+TestBinding::TestBinding(const std::string& endpoint) {
+    RPC_CSTR text = nullptr;
+    EXPECT_EQ(RpcStringBindingComposeA(nullptr, Text("ncalrpc"), nullptr, Text(endpoint),
+                                       Text("Security=impersonation static true"), &text),
+              RPC_S_OK);
+    EXPECT_EQ(RpcBindingFromStringBindingA(text, &m_handle), RPC_S_OK);
+    RpcStringFreeA(&text);
+}
+
+void TestBinding::Free() {
+    if (m_handle != nullptr) RpcBindingFree(&m_handle);
+}
+
+Reply TestBinding::Call(unsigned procedure, const Body& request, RPC_CLIENT_INTERFACE& interfaceOfCall) const {
+    RPC_MESSAGE message{};
+    message.Handle = m_handle;
+    message.DataRepresentation = 0x10;
+    message.RpcInterfaceInformation = &interfaceOfCall;
+    message.ProcNum = procedure;
+    message.BufferLength = static_cast<unsigned>(request.size());
+    Reply reply{I_RpcGetBuffer(&message), {}};
+    if (reply.status != RPC_S_OK) return reply;
+    if (!request.empty()) std::memcpy(message.Buffer, request.data(), request.size());
+    reply.status = I_RpcSendReceive(&message);
+    if (reply.status != RPC_S_OK) return reply;
+    const auto* bytes = static_cast<const uint8_t*>(message.Buffer);
+    reply.body.assign(bytes, bytes + message.BufferLength);
+    EXPECT_EQ(I_RpcFreeBuffer(&message), RPC_S_OK);
+    return reply;
+}
+
+TestServer::TestServer(const std::string& endpoint) : m_endpoint(endpoint), m_process("RpcServer", {endpoint}) {
+    EXPECT_EQ(m_process.Hear(), "listening");
+}
+
+std::string TestServer::Order(const std::string& order) {
+    m_process.Tell(order);
+    return m_process.Hear();
+}
+
+void TestServer::Restart() {
+    m_process = TestProcess("RpcServer", {m_endpoint});
+    EXPECT_EQ(m_process.Hear(), "listening");
+}

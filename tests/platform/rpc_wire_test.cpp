@@ -1,0 +1,327 @@
+// A server's answers to PDUs that another implementation, or none, may send.
+#include "rpc_pdu_kit.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+// A connection that has been bound.
+UnixStream BoundStream() {
+    UnixStream stream("test");
+    stream.Send(GoodBind());
+    EXPECT_EQ(TypeOf(stream.ReceivePdu()), kBindAckPdu);
+    return stream;
+}
+
+// The stub of the reply to a call on the connection.
+Bytes CallOn(UnixStream& stream, unsigned procedure, const Bytes& stub = {}) {
+    stream.Send(Request(procedure, stub));
+    return StubOf(stream.ReceivePdu());
+}
+
+constexpr uint32_t kUnknownInterfaceFault = 0x1C010003;
+constexpr uint32_t kProcedureFault = 0x1C010002;
+constexpr uint32_t kProtocolFault = 0x1C01000B;
+constexpr uint32_t kMemoryFault = 0x1C00001B;
+
+} // namespace
+
+TEST(RpcWire, BindOffersAreAnsweredOneByOne) {
+    TestServer server;
+    RPC_SYNTAX_IDENTIFIER other = kTestInterface;
+    other.SyntaxVersion = {1, 9};
+    UnixStream stream("test");
+    stream.Send(Pdu(kBindPdu, BindBody({{7, kUnknownInterface, {kNdrSyntax}},
+                                        {1, kTestInterface, {kNdr64, kNdrSyntax}},
+                                        {2, kTestInterface, {kNdr64}},
+                                        {3, kTestInterface, {kFeatureNegotiation}},
+                                        {4, other, {kNdrSyntax}},
+                                        {5, kTestInterface, {}},
+                                        {1, kTestInterface, {kNdrSyntax}}})));
+    const Bytes ack = stream.ReceivePdu();
+    EXPECT_EQ(TypeOf(ack), kBindAckPdu);
+    EXPECT_EQ(Get16(ack, 16), 4280U);
+    EXPECT_EQ(Get16(ack, 18), 4280U);
+    EXPECT_NE(Get32(ack, 20), 0U);
+    EXPECT_TRUE((ResultsOf(ack) == std::vector<Result>{{2, 1}, {0, 0}, {2, 2}, {3, 2}, {2, 1}, {2, 2}, {0, 0}}));
+    stream.Send(Request(kEcho, {1, 2, 3}, kOnly, 9, 1));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({1, 2, 3}));
+
+    // More interfaces, and the ids that are taken.
+    stream.Send(Pdu(kAlterPdu, BindBody({{8, kTestInterface, {kNdrSyntax}}, {7, kUnknownInterface, {kNdrSyntax}}})));
+    const Bytes altered = stream.ReceivePdu();
+    EXPECT_EQ(TypeOf(altered), kAlterAckPdu);
+    EXPECT_TRUE((ResultsOf(altered) == std::vector<Result>{{0, 0}, {2, 1}}));
+    stream.Send(Request(kEcho, {4}, kOnly, 10, 8));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({4}));
+    for (unsigned i = 0; i < 14; ++i) { // 16 in all
+        stream.Send(Pdu(kAlterPdu, BindBody({{static_cast<uint16_t>(100 + i), kTestInterface, {kNdrSyntax}}})));
+        EXPECT_TRUE((ResultsOf(stream.ReceivePdu()) == std::vector<Result>{{0, 0}}));
+    }
+    stream.Send(Pdu(kAlterPdu, BindBody({{200, kTestInterface, {kNdrSyntax}}})));
+    EXPECT_TRUE((ResultsOf(stream.ReceivePdu()) == std::vector<Result>{{2, 3}}));
+}
+
+TEST(RpcWire, BindThatCannotBeIsRefused) {
+    TestServer server;
+    const std::vector<Offer> good{{0, kTestInterface, {kNdrSyntax}}};
+    const Offer negotiation{1, kTestInterface, {kFeatureNegotiation}};
+    const auto changed = [&](size_t at, uint8_t value) {
+        Bytes pdu = GoodBind();
+        pdu[at] = value;
+        return pdu;
+    };
+    Bytes authenticated = Join({GoodBind(), {10, 2, 0, 0, 1, 0, 0, 0}, Bytes(16)});
+    authenticated[8] = static_cast<uint8_t>(authenticated.size());
+    authenticated[10] = 16;
+    struct Row {
+        const char* what;
+        Bytes pdu;
+        int reason; // -1: it is accepted
+    };
+    std::vector<Row> rows{
+        {"version 4.0", changed(0, 4), 4},
+        {"version 5.2", changed(1, 2), 4},
+        {"version 5.1", changed(1, 1), -1},
+        {"no context", Pdu(kBindPdu, BindBody({})), 0},
+        {"two negotiations", Pdu(kBindPdu, BindBody({good[0], negotiation, negotiation})), 0},
+        {"one negotiation", Pdu(kBindPdu, BindBody({good[0], negotiation})), -1},
+        {"unknown group", GoodBind(0x12345678), 0},
+        {"tiny fragments", Pdu(kBindPdu, BindBody(good, 0, 4280, 1431)), 0},
+        {"smallest fragments", Pdu(kBindPdu, BindBody(good, 0, 0, 1432)), -1},
+        {"authentication", authenticated, 8},
+        {"more contexts than there are", changed(24, 2), 0},
+        {"more transfer syntaxes than there are", changed(30, 2), 0},
+    };
+    for (unsigned flags = 0; flags < 256; flags = flags < 8 ? flags + 1 : flags * 2)
+        rows.push_back({"flags", changed(3, static_cast<uint8_t>(flags)), (flags & kOnly) == kOnly ? -1 : 0});
+    rows.push_back({"all flags", changed(3, 0xFF), -1});
+    for (const Row& row : rows) {
+        UnixStream stream("test");
+        stream.Send(row.pdu);
+        const Bytes answer = stream.ReceivePdu();
+        if (row.reason < 0) {
+            EXPECT_EQ(TypeOf(answer), kBindAckPdu) << row.what << " " << int{row.pdu[3]};
+            EXPECT_EQ(CallOn(stream, kEcho, {7}), Bytes({7})) << row.what;
+        } else {
+            EXPECT_EQ(TypeOf(answer), kBindNakPdu) << row.what << " " << int{row.pdu[3]};
+            EXPECT_EQ(static_cast<int>(Get16(answer, 16)), row.reason) << row.what;
+            EXPECT_TRUE(stream.PeerCloses()) << row.what;
+        }
+    }
+    UnixStream twice = BoundStream();
+    twice.Send(GoodBind());
+    EXPECT_EQ(TypeOf(twice.ReceivePdu()), kBindNakPdu);
+    EXPECT_TRUE(twice.PeerCloses());
+}
+
+TEST(RpcWire, GroupIsNamedByItsMembersOnly) {
+    TestServer server;
+    UnixStream first("test");
+    first.Send(GoodBind());
+    const uint32_t group = Get32(first.ReceivePdu(), 20);
+    UnixStream second("test");
+    second.Send(GoodBind(group));
+    EXPECT_EQ(Get32(second.ReceivePdu(), 20), group);
+    CallOn(second, kMonitor, Number(3));
+    EXPECT_EQ(CallOn(first, kMonitor, Number(3)), Number(3));
+    second.Close();
+    EXPECT_EQ(CallOn(first, kEcho, {1}), Bytes({1}));
+    const TestBinding other; // the same process, but not by this binding's connections
+    EXPECT_EQ(other.Call(kRundowns).Number(3), 0U);
+    first.Close();
+    EXPECT_TRUE(WaitUntil([&] { return other.Call(kRundowns).Number(3) == 1; }));
+    UnixStream late("test");
+    late.Send(GoodBind(group)); // of closed connections
+    EXPECT_EQ(TypeOf(late.ReceivePdu()), kBindNakPdu);
+}
+
+TEST(RpcWire, RequestIsAnsweredOrRefused) {
+    TestServer server;
+    UnixStream stream = BoundStream();
+    stream.Send(Request(kEcho, {1}, kOnly, 5, 99));
+    EXPECT_EQ(FaultOf(stream.ReceivePdu()), kUnknownInterfaceFault);
+    stream.Send(Request(500, {1}));
+    const Bytes fault = stream.ReceivePdu();
+    EXPECT_EQ(FaultOf(fault), kProcedureFault);
+    EXPECT_EQ(fault[3], kOnly | kNotExecuted);
+    EXPECT_EQ(Get32(fault, 12), 2U); // the call's id
+
+    // An object's UUID lies before the stub.
+    stream.Send(Request(kEcho, Join({Bytes(16, 0xEE), {1, 2}}), kOnly | kWithObject));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({1, 2}));
+    // Nobody waits for the answer to a maybe call.
+    stream.Send(Request(kTouch, {}, kOnly | kMaybeCall));
+    EXPECT_EQ(CallOn(stream, kTouch), Number(2));
+
+    // Lengths are in the sender's byte order, and so is the stub, of which the procedure is told.
+    stream.Send({5, 0, 0, 3, 0x00, 0, 0, 0, 0, 28, 0, 0, 0, 0, 0, 9, 0, 0, 0, 4, 0, 0, 0, kDescribe, 1, 2, 3, 4});
+    const Bytes described = stream.ReceivePdu();
+    EXPECT_EQ(Get32(described, 12), 9U);
+    EXPECT_EQ(described[4], 0x10);
+    EXPECT_EQ(StubOf(described), Bytes(8));
+
+    // Cancels and orphans come when they come.
+    stream.Send(Join({Pdu(kCancelPdu, {}), Pdu(kOrphanedPdu, {}), Request(kEcho, {3})}));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({3}));
+    // Two requests in one write.
+    stream.Send(Join({Request(kEcho, {1}, kOnly, 11), Request(kEcho, {2}, kOnly, 12)}));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({1}));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({2}));
+}
+
+TEST(RpcWire, FragmentsAreJoined) {
+    TestServer server;
+    UnixStream stream = BoundStream();
+    const Bytes body = Pattern(40);
+    for (const size_t piece : {1, 8, 39}) {
+        for (size_t at = 0; at < body.size(); at += piece) {
+            const size_t end = std::min(at + piece, body.size());
+            const unsigned flags = (at == 0 ? kFirst : 0) | (end == body.size() ? kLast : 0);
+            stream.Send(Request(
+                kEcho, Bytes(body.begin() + static_cast<ptrdiff_t>(at), body.begin() + static_cast<ptrdiff_t>(end)),
+                flags));
+            if (at == 8) stream.Send(Pdu(kCancelPdu, {}, kOnly, 2));
+        }
+        EXPECT_EQ(StubOf(stream.ReceivePdu()), body) << piece;
+    }
+    // A call that is given up in the middle.
+    stream.Send(Join({Request(kEcho, {1}, kFirst), Pdu(kOrphanedPdu, {}, kOnly, 2), Request(kEcho, {5})}));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({5}));
+    // A reply in fragments that the client can take, each but the last a multiple of 8.
+    stream.Send(Request(kMake, Number(10000)));
+    Bytes reply;
+    for (unsigned flags = 0; (flags & kLast) == 0;) {
+        const Bytes pdu = stream.ReceivePdu();
+        ASSERT_EQ(TypeOf(pdu), kResponsePdu);
+        EXPECT_EQ(Get32(pdu, 16), 10000U - reply.size());
+        EXPECT_EQ((pdu[3] & kFirst) != 0, reply.empty());
+        EXPECT_LE(pdu.size(), 4280U);
+        flags = pdu[3];
+        reply = Join({reply, StubOf(pdu)});
+        EXPECT_TRUE((flags & kLast) != 0 || pdu.size() % 8 == 0);
+    }
+    EXPECT_EQ(reply, Pattern(10000));
+}
+
+TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
+    TestServer server;
+    const TestBinding other;
+    const auto withLength = [](Bytes pdu, uint16_t length, uint16_t trailer = 0) {
+        memcpy(pdu.data() + 8, &length, 2);
+        memcpy(pdu.data() + 10, &trailer, 2);
+        return pdu;
+    };
+    Bytes wrongOrder = Request(kEcho, {1}, kLast);
+    wrongOrder[4] = 0;
+    std::swap(wrongOrder[8], wrongOrder[9]);
+    struct Row {
+        const char* what;
+        Bytes pdus;
+        uint32_t fault; // 0: closed without a word
+    };
+    const Row rows[] = {
+        {"another call's fragment", Join({Request(kEcho, {1}, kFirst, 2), Request(kEcho, {1}, kLast, 3)}),
+         kProtocolFault},
+        {"another context's fragment", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kLast, 2, 1)}),
+         kProtocolFault},
+        {"another procedure's fragment", Join({Request(kEcho, {1}, kFirst), Request(kMake, {1}, kLast)}),
+         kProtocolFault},
+        {"another byte order", Join({Request(kEcho, {1}, kFirst), wrongOrder}), kProtocolFault},
+        {"two first fragments", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kFirst)}), kProtocolFault},
+        {"no first fragment", Request(kEcho, {1}, kLast), kProtocolFault},
+        {"neither first nor last", Request(kEcho, {1}, 0), kProtocolFault},
+        {"a bind between fragments", Join({Request(kEcho, {1}, kFirst), GoodBind()}), kProtocolFault},
+        {"above what was negotiated", Request(kEcho, Bytes(4280 - 24 + 1)), kProtocolFault},
+        {"authentication trailer", withLength(Request(kEcho, Bytes(24)), 48, 16), kProtocolFault},
+        {"trailer longer than the fragment", withLength(Request(kEcho, {}), 24, 9), kProtocolFault},
+        {"shorter than its header", withLength(Request(kEcho, {}), 23), kProtocolFault},
+        {"length 15", withLength(Request(kEcho, {}), 15), kProtocolFault},
+        {"length 0", withLength(Request(kEcho, {}), 0), kProtocolFault},
+        {"no room for the object", Request(kEcho, Bytes(15), kOnly | kWithObject), kProtocolFault},
+        {"a response", Pdu(kResponsePdu, CallBody(0, 0, {})), 0},
+        {"authentication, third leg", Pdu(kAuth3Pdu, Bytes(4)), 0},
+        {"no such PDU", Pdu(99, Bytes(8)), 0},
+        {"alter-context without contexts", Pdu(kAlterPdu, BindBody({})), 0},
+    };
+    for (const Row& row : rows) {
+        UnixStream stream = BoundStream();
+        stream.Send(row.pdus);
+        EXPECT_EQ(FaultOf(stream.ReceivePdu()), row.fault) << row.what;
+        EXPECT_TRUE(stream.PeerCloses()) << row.what;
+    }
+    for (const Bytes& early : {Request(kEcho, {1}), Pdu(kAlterPdu, BindBody({{0, kTestInterface, {kNdrSyntax}}}))}) {
+        UnixStream stream("test");
+        stream.Send(early); // before any bind
+        EXPECT_TRUE(stream.PeerCloses());
+    }
+    UnixStream endless = BoundStream();
+    const Bytes piece = Request(kEcho, Bytes(4256), 0);
+    Bytes first = piece;
+    first[3] = kFirst;
+    bool taken = endless.Send(first);
+    for (size_t sent = 4256; taken && sent < (6 << 20); sent += 4256)
+        taken = endless.Send(piece);
+    EXPECT_FALSE(taken);
+    EXPECT_EQ(FaultOf(endless.ReceivePdu()), kMemoryFault);
+    EXPECT_EQ(other.Call(kTouch).Number(), 1U);
+}
+
+TEST(RpcWire, OneByteAtATimeIsEnough) {
+    TestServer server;
+    UnixStream stream("test");
+    for (const uint8_t byte : GoodBind())
+        stream.Send({byte});
+    EXPECT_EQ(TypeOf(stream.ReceivePdu()), kBindAckPdu);
+    for (const uint8_t byte : Join({Request(kEcho, {1, 2}, kFirst), Request(kEcho, {3}, kLast)}))
+        stream.Send({byte});
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({1, 2, 3}));
+}
+
+TEST(RpcWire, SlowAndSilentClientsStallNobody) {
+    TestServer server;
+    const TestBinding binding;
+    std::vector<std::unique_ptr<UnixStream>> slow;
+    const Bytes bind = GoodBind();
+    for (size_t i = 0; i < 64; ++i) {
+        slow.push_back(std::make_unique<UnixStream>("test"));
+        if (i % 2 != 0) {
+            slow.back()->Send(bind);
+            slow.back()->ReceivePdu();
+        }
+        const Bytes& message = i % 2 == 0 ? bind : Request(kEcho, Bytes(100));
+        slow.back()->Send(Bytes(message.begin(), message.begin() + static_cast<ptrdiff_t>(i % 40)));
+    }
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(binding.Call(kEcho, Pattern(60)).body, Pattern(60));
+    // A message that was begun has to be finished in time, and a client that connects has to bind.
+    for (const auto& stream : slow)
+        EXPECT_TRUE(stream->PeerCloses(15000)) << &stream - slow.data();
+    EXPECT_EQ(binding.Call(kEcho, Pattern(60)).body, Pattern(60));
+}
+
+TEST(RpcWire, DamagedPdusLeaveTheServerWhole) {
+    TestServer server;
+    const TestBinding binding;
+    const auto meet = [](const Bytes& before, const Bytes& damaged) {
+        UnixStream stream("test");
+        if (!before.empty()) {
+            stream.Send(before);
+            stream.ReceivePdu();
+        }
+        stream.Send(damaged);
+        stream.EndSending();
+        stream.ReceiveAll(); // whatever it says, it ends
+    };
+    ForEachDamage(GoodBind(), [&](const Bytes& damaged) { meet({}, damaged); });
+    ForEachDamage(Pdu(kAlterPdu, BindBody({{1, kTestInterface, {kNdr64, kNdrSyntax}}})),
+                  [&](const Bytes& damaged) { meet(GoodBind(), damaged); });
+    ForEachDamage(Request(kEcho, Join({Bytes(16), {1, 2, 3, 4}}), kOnly | kWithObject),
+                  [&](const Bytes& damaged) { meet(GoodBind(), damaged); });
+    ForEachDamage(Request(kEcho, {1, 2, 3, 4}, kFirst), [&](const Bytes& damaged) {
+        meet(GoodBind(), Join({damaged, Request(kEcho, {5}, kLast)}));
+    });
+    EXPECT_EQ(binding.Call(kEcho, {9}).body, Body({9}));
+    EXPECT_TRUE(server.Process().Running());
+}
