@@ -8,8 +8,8 @@ namespace oriel {
 namespace {
 
 constexpr const ForkSteps* kSteps[] = {
-    &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork, &kRpcFork,   &kNamesFork, &kViewsFork,
-    &kReaperFork,           &kConsoleFork,       &kHandlesFork,      &kThreadFork};
+    &kServiceFork, &kStoresFork, &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork, &kRpcFork,
+    &kNamesFork,   &kViewsFork,  &kReaperFork,           &kConsoleFork,       &kHandlesFork,      &kThreadFork};
 
 void Before() {
     for (const ForkSteps* steps : kSteps)

@@ -14,6 +14,8 @@ struct ForkSteps {
 };
 
 // In the order of the locks.
+extern const ForkSteps kServiceFork;
+extern const ForkSteps kStoresFork;
 extern const ForkSteps kEventDescriptorsFork;
 extern const ForkSteps kWindowClassesFork;
 extern const ForkSteps kWindowQueuesFork;

@@ -2,6 +2,7 @@
 #include "registry/database.h"
 
 #include "kernel/errors.h"
+#include "kernel/fork.h"
 #include "kernel/futex.h"
 #include "kernel/termination.h"
 #include "registry/checked_pages.h"
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -122,30 +122,29 @@ int ReadIdentity(sqlite3* connection, Identity* identity) {
 
 Database::Database(const DatabaseKind& kind, DatabaseRank rank) : m_kind(kind) {
     g_databases[static_cast<size_t>(rank)] = this;
-    static const int hooked = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
-    (void)hooked; // a process so short of memory at its start does not get far
 }
 
 // A child inherits whole databases, and the parent's connections only to leave them behind: they must be neither used
 // nor closed.
-void Database::BeforeFork() {
-    for (Database* database : g_databases)
-        if (database != nullptr) database->m_lock.lock();
-}
-
-void Database::AfterForkInParent() {
-    for (Database* database : g_databases)
-        if (database != nullptr) database->m_lock.unlock();
-}
-
-void Database::AfterForkInChild() {
-    for (Database* database : g_databases) {
-        if (database == nullptr) continue;
-        database->m_connection = nullptr;
-        database->m_statements.clear();
-        database->m_lock.unlock();
+struct DatabaseFork {
+    static void Before() {
+        for (Database* database : g_databases)
+            if (database != nullptr) database->m_lock.lock();
     }
-}
+    static void InParent() {
+        for (Database* database : g_databases)
+            if (database != nullptr) database->m_lock.unlock();
+    }
+    static void InChild() {
+        for (Database* database : g_databases) {
+            if (database == nullptr) continue;
+            database->m_connection = nullptr;
+            database->m_statements.clear();
+            database->m_lock.unlock();
+        }
+    }
+};
+const ForkSteps kStoresFork{DatabaseFork::Before, DatabaseFork::InParent, DatabaseFork::InChild};
 
 bool Database::MayWrite() const {
     std::string path = m_kind.path(false);
@@ -180,6 +179,7 @@ DWORD Database::Connect(bool create) {
     if (create && error == ERROR_FILE_NOT_FOUND) error = ERROR_ACCESS_DENIED;
     if (error != ERROR_SUCCESS) return error;
 
+    WatchForFork();
     const char* vfs = CheckedPagesVfs();
     if (vfs == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     // Not to be created; falls back to reading where the user may not write. Our own lock stands in for SQLite's.

@@ -47,9 +47,7 @@ private:
     DWORD Connect(bool create);
     DWORD CreateSchema();
     void Close();
-    static void BeforeFork();
-    static void AfterForkInParent();
-    static void AfterForkInChild();
+    friend struct DatabaseFork;
     static void CloseAll() __attribute__((destructor));
 
     const DatabaseKind& m_kind;

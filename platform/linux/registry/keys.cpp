@@ -4,6 +4,7 @@
 #include "registry/changes.h"
 #include "registry/guarded.h"
 #include "registry/names.h"
+#include "registry/rights.h"
 
 #include <cstring>
 #include <errhandlingapi.h>
@@ -16,28 +17,11 @@ void DropKey(Object* object) {
     if (LastReference(object)) delete static_cast<KeyObject*>(object);
 }
 
-constexpr REGSAM kWritingRights =
-    KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_CREATE_LINK | DELETE | WRITE_DAC | WRITE_OWNER;
+constexpr RightsMap kKeyRights = {.read = KEY_READ, .write = KEY_WRITE, .execute = KEY_READ, .all = KEY_ALL_ACCESS};
 
-// The rights that are asked for, generic ones resolved. Windows checks them against the key's descriptor; here the
-// file's mode says who may read and who may write.
 LSTATUS GrantAccess(Root root, REGSAM asked, REGSAM* granted) {
-    constexpr REGSAM kKnown =
-        KEY_ALL_ACCESS | SYNCHRONIZE | MAXIMUM_ALLOWED | GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
-    if ((asked & ~kKnown) != 0) return ERROR_INVALID_PARAMETER;
     if (asked == 0) return ERROR_ACCESS_DENIED;
-    REGSAM access = asked & KEY_ALL_ACCESS;
-    if ((asked & (GENERIC_READ | GENERIC_EXECUTE)) != 0) access |= KEY_READ;
-    if ((asked & GENERIC_WRITE) != 0) access |= KEY_WRITE;
-    if ((asked & GENERIC_ALL) != 0) access |= KEY_ALL_ACCESS;
-    const bool maximum = (asked & MAXIMUM_ALLOWED) != 0;
-    if (maximum || (access & kWritingRights) != 0) {
-        const bool mayWrite = StoreOf(root).MayWrite();
-        if (!mayWrite && (access & kWritingRights) != 0) return ERROR_ACCESS_DENIED;
-        if (maximum) access |= mayWrite ? KEY_ALL_ACCESS : KEY_READ;
-    }
-    *granted = access;
-    return ERROR_SUCCESS;
+    return static_cast<LSTATUS>(GrantRights(asked, kKeyRights, KEY_READ, StoreOf(root), granted));
 }
 
 LSTATUS HandOut(OpenKey key, PHKEY result) {
