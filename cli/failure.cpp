@@ -39,6 +39,15 @@ constexpr CodeMeaning kMeanings[] = {
     {TVS_E_SERVICE_TIMEOUT, Exit::TimedOut, "the status database service did not come up in time", kStartIt},
     {TVS_E_AUTHORITY, Exit::Denied, "you lack the authority for it on this printer", ""},
 
+    // Answers of the service.
+    {-3, Exit::False, "the service has no such database: it was started anew meanwhile", "run the command again"},
+    {-5, Exit::False, "the service keeps no value of that variable", ""},
+    {-7, Exit::False, "the value has a size that the variable cannot take",
+     "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
+    {-8, Exit::False, "the value grew while it was read", "run the command again"},
+    {-11, Exit::False, "a limit of the service is reached", ""},
+    {-15, Exit::False, "the service is out of memory", ""},
+
     {ERROR_FILE_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_PATH_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_ACCESS_DENIED, Exit::Denied, "access denied", "run it as the user who owns the product's state"},

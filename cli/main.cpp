@@ -70,7 +70,8 @@ void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
                                               "named keep their value)");
     AddManagerOptions(*set, a.manager);
     set->add_option("VARIABLE", a.newValue.variable, "Name of the variable")->required();
-    set->add_option("VALUE", a.newValue.words, "Decimal or 0x number; text; field=value ...");
+    set->add_option("VALUE", a.newValue.words,
+                    "Decimal or 0x number; text; field=value ... (behind -- when it begins with -)");
     const CLI::Option* hex = set->add_option("--hex", a.value, "The value as bytes: \"01 02 ff\"");
     const CLI::Option* file =
         set->add_option("--file", a.file, "The value as the bytes of a file; - is standard input");
@@ -135,17 +136,14 @@ void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
         chosen = [&, removeValue] { return RegDeleteCommand(a.key, WhenGiven(removeValue, a.value), a.tree); };
     });
 
-    CLI::App* import = reg->add_subcommand("import", "Take in a .reg file, wholly or not at all");
-    import->add_option("FILE", a.file, "The file; - is standard input")->required();
-    import->callback([&] { chosen = [&] { return RegImportCommand(a.file);
-};
-} // namespace
-);
+    CLI::App* importFile = reg->add_subcommand("import", "Take in a .reg file, wholly or not at all");
+    importFile->add_option("FILE", a.file, "The file; - is standard input")->required();
+    importFile->callback([&] { chosen = [&] { return RegImportCommand(a.file); }; });
 
-CLI::App* exportKey = reg->add_subcommand("export", "Write a key and all below it as a .reg file");
-exportKey->add_option("KEY", a.key, keyHelp)->required();
-exportKey->add_option("FILE", a.file, "The file; - is standard output")->capture_default_str();
-exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
+    CLI::App* exportKey = reg->add_subcommand("export", "Write a key and all below it as a .reg file");
+    exportKey->add_option("KEY", a.key, keyHelp)->required();
+    exportKey->add_option("FILE", a.file, "The file; - is standard output")->capture_default_str();
+    exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
 }
 
 Exit Fail(const Failure& failure) {
@@ -154,15 +152,22 @@ Exit Fail(const Failure& failure) {
     return failure.exitCode;
 }
 
+// Asked before the parse, since that may fail before it comes to the option.
+bool WantsJson(int argc, char** argv) {
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i)
+        if (std::string_view(argv[i]) == "--json") return true;
+    return false;
+}
+
 Exit Run(int argc, char** argv) {
     Arguments arguments;
     Command chosen;
     CLI::App app{"Reads and changes the status of monitored printers, and runs the product that keeps it.", "oriel"};
     app.set_version_flag("--version", ORIEL_VERSION);
-    app.add_flag("--json", g_output.json, "Results as JSON");
+    bool json = false; // known already: WantsJson
+    app.add_flag("--json", json, "Results as JSON");
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer(kExitCodes);
 
     CLI::App* up = app.add_subcommand("up", "Start the product; Ctrl-C stops it. Exits with 1 when it is up already");
     up->add_flag("--quiet", arguments.quiet, "Only errors");
@@ -172,9 +177,7 @@ Exit Run(int argc, char** argv) {
     AddVariableCommands(app, arguments, chosen);
     AddPrinterCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
-    // Said once, at the top.
-    for (CLI::App* command : app.get_subcommands({}))
-        command->footer("");
+    app.footer(kExitCodes); // last, or the commands would inherit it
 
     try {
         app.parse(argc, argv);
@@ -184,6 +187,7 @@ Exit Run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         std::string what = error.what();
         std::replace(what.begin(), what.end(), '\n', ' ');
+        if (what.starts_with("A ") || what.starts_with("The ")) what[0] += 'a' - 'A';
         return Fail(UsageFailure(what, "'oriel --help' and 'oriel COMMAND --help' tell more"));
     }
     return chosen();
@@ -195,6 +199,7 @@ int main(int argc, char** argv) {
     Exit result = Exit::False;
     try {
         DetectColour();
+        g_output.json = WantsJson(argc, argv);
         result = Run(argc, argv);
     } catch (const Failure& failure) {
         result = Fail(failure);

@@ -148,7 +148,14 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
     record.pPrintProcessor = processor;
     record.pDatatype = dataType;
     const PrinterHandle printer(AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&record)));
-    if (!printer) throw SystemFailure(GetLastError(), "cannot add the printer \"" + ToUtf8(name) + "\"");
+    if (!printer) {
+        Failure failure = SystemFailure(GetLastError(), "cannot add the printer \"" + ToUtf8(name) + "\"");
+        if (failure.code == ERROR_INVALID_PRINTER_NAME) {
+            failure.why = "not a valid name";
+            failure.next = "take 1 to 220 characters without a comma";
+        }
+        throw failure;
+    }
     CompleteRegistryKey(name, driver, port);
 }
 

@@ -31,6 +31,10 @@ bool NeedsInitialisedProduct(uint32_t clientKind) {
     return clientKind == 0 || (clientKind >= 7 && clientKind <= 10);
 }
 
+bool StartsDesktopAgent(uint32_t clientKind) {
+    return clientKind == 0 || clientKind == 7 || clientKind == 8 || clientKind == 11;
+}
+
 } // namespace
 
 std::optional<std::string> InstalledDirectory() {
@@ -118,6 +122,11 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind) {
     } else if (NeedsInitialisedProduct(clientKind) && !ProductInitialised()) {
         failure.why = "client kind " + std::to_string(clientKind) + " needs the product to be up";
         failure.next = "start it with 'oriel up', or use another --kind";
+    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + kAgentProgram)) {
+        failure.exitCode = Exit::False;
+        failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " + kAgentProgram +
+                      ", which is not installed";
+        failure.next = "use another --kind";
     } else if (NeedsInitialisedProduct(clientKind)) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that no one has opened yet";

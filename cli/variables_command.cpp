@@ -97,7 +97,7 @@ bool Aborts(const Failure& failure) {
 
 std::string TimeText(const SYSTEMTIME& time) {
     if (time.wYear == 0) return "";
-    char text[40];
+    char text[48];
     std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", time.wYear, time.wMonth, time.wDay,
                   time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
     return text;

@@ -1,0 +1,136 @@
+// What a user gets for each kind of command line: exit code, one line of error, one JSON document.
+#include "private_machine.h"
+#include "product.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+struct CommandLine {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string output; // a part of it
+    std::string errors; // a part of the one line; empty: there is none
+};
+
+void Check(const CommandLine& line) {
+    std::string shown;
+    for (const std::string& argument : line.arguments)
+        shown += argument + " ";
+    SCOPED_TRACE(shown);
+    const ProgramResult result = Oriel(line.arguments);
+    EXPECT_EQ(result.exitCode, line.exitCode) << result.errors;
+    EXPECT_NE(result.output.find(line.output), std::string::npos) << result.output;
+    EXPECT_NE(result.errors.find(line.errors), std::string::npos) << result.errors;
+    EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), line.errors.empty() ? 0 : 1);
+    if (line.errors.empty()) return;
+    EXPECT_TRUE(result.errors.starts_with("oriel: ")) << result.errors;
+    EXPECT_EQ(result.output, "");
+
+    // The same failure for a program.
+    const Json error = OrielJson(line.arguments, line.exitCode)["error"];
+    EXPECT_EQ(error["exitCode"], line.exitCode);
+    EXPECT_FALSE(error["what"].get<std::string>().empty());
+}
+
+} // namespace
+
+TEST(CommandLine, OnAFreshMachine) {
+    const CommandLine kLines[] = {
+        {{"--help"}, 0, "Exit codes:", ""},
+        {{"set", "--help"}, 0, "--hex", ""},
+        {{"--version"}, 0, "0.1.0", ""},
+        {{}, 2, "", "subcommand"},
+        {{"frobnicate"}, 2, "", "--help"},
+        {{"get", "Front desk"}, 2, "", "VARIABLE"},
+        {{"get", "Front desk", "PageCount", "--kind", "13"}, 2, "", "--kind"},
+        {{"get", "Front desk", "PageCount"}, 1, "", "no printer is called \"Front desk\""},
+        {{"get", "\xff", "PageCount"}, 2, "", "code page 1252"},
+        {{"status"}, 3, "not registered", ""},
+        {{"printers"}, 0, "no printers", ""},
+        {{"printers", "add", "Front desk"}, 2, "", "--driver"},
+        {{"printers", "add", "a,b", "--driver", "D"}, 1, "", "cannot add"},
+        {{"printers", "add", "", "--driver", "D"}, 2, "", "1 to 259"},
+        {{"printers", "remove", "Front desk"}, 1, "", "no such printer"},
+        {{"reg"}, 2, "", "subcommand"},
+        {{"reg", "query", "HKLM\\Nothing"}, 1, "", "no such key"},
+        {{"reg", "query", "HKXX\\Nothing"}, 2, "", "HKLM"},
+        {{"reg", "delete", "HKLM"}, 2, "", "root"},
+        {{"reg", "delete", "HKLM\\\\"}, 2, "", "root"},
+        {{"reg", "set", "HKLM\\K", "V", "12x", "--type", "dword"}, 2, "", "12x"},
+        {{"reg", "set", "HKLM\\K", "V", "0g", "--type", "binary"}, 2, "", "bytes"},
+        {{"reg", "set", "HKLM\\K", "V", "1", "--type", "word"}, 2, "", "--type"},
+        {{"reg", "import", "/nonexistent.reg"}, 1, "", "/nonexistent.reg"},
+        {{"reg", "query", "HKLM\\K"}, 1, "", "no such key"}, // the refused ones made nothing
+    };
+    for (const CommandLine& line : kLines)
+        Check(line);
+}
+
+TEST(CommandLine, WithoutTheServiceSaysHowToStartIt) {
+    OrielText({"printers", "add", "Front desk", "--driver", "Some driver"});
+    Check({{"get", "Front desk", "PageCount"},
+           3,
+           "",
+           "not installed on this machine (status -16); install and start it"});
+    OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", "\\nowhere\\"});
+    Check({{"get", "Front desk", "PageCount"}, 3, "", "does not hold TVSDBN.EXE"});
+    Check({{"up"}, 3, "", "if it moved, register this one: oriel reg set"});
+    OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", WindowsPath(ProgramPath(""))});
+    Check({{"get", "Front desk", "PageCount"}, 3, "", "start it with 'oriel up'"});
+}
+
+TEST(CommandLine, WithTheProductUp) {
+    RunningProduct product;
+    AddExamplePrinter();
+    OrielText({"printers", "add", "Other", "--driver", "Unregistered"});
+    const std::string p = "Front desk";
+    const CommandLine kLines[] = {
+        {{"status"}, 0, "running", ""},
+        {{"up"}, 1, "", "already up"},
+        {{"get", p, "PageCount"}, 0, "-1 (0xFFFFFFFF)", ""},
+        {{"get", "FRONT DESK", "PageCount"}, 0, "-1", ""},
+        {{"get", p, "pagecount"}, 1, "", "did you mean PageCount?"},
+        {{"get", p, "AccessControlList"}, 1, "", "'oriel info'"},
+        {{"info", p, "AccessControlList"}, 0, "T", ""},
+        {{"vars", p, "*nothing*"}, 1, "", "no variable"},
+        {{"set", p, "PageCount"}, 2, "", "one of VALUE"},
+        {{"set", p, "PageCount", "1", "--hex", "01"}, 2, "", "one of VALUE"},
+        {{"set", p, "PageCount", "12x"}, 2, "", "no number"},
+        {{"set", p, "PageCount", "4294967296"}, 2, "", "32 bits"},
+        {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, these are 2"},
+        {{"set", p, "PageCount", "--hex", "0"}, 2, "", "no list of bytes"},
+        {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes 31 bytes, this has 32"},
+        {{"set", p, "ServiceNote", "\xe6\x97\xa5"}, 2, "", "code page 1252"},
+        {{"set", p, "ServiceNote", "two", "words"}, 2, "", "takes one value"},
+        {{"set", p, "CurrentStatus", "1"}, 2, "", "set the variables that it is made of"},
+        {{"set", p, "PrinterBinConfig", "1"}, 2, "", "--hex or --file"},
+        {{"set", p, "Port", "colour=1"}, 2, "", "portKind, portName, portDetail"},
+        {{"set", p, "SetJob", "3"}, 1, "", "status -19"},
+        {{"set", p, "DeleteJobId", "7"}, 1, "", "status -"},
+        {{"get", p, "PageCount", "--kind", "0"}, 1, "", "TVORPZ.EXE"},
+        {{"get", p, "PageCount", "--kind", "9"}, 0, "-1", ""},
+        {{"get", "Other", "PageCount", "--kind", "1"}, 1, "", "status -80"},
+        {{"get", "Other", "PageCount", "--kind", "9"}, 1, "", "cannot add a printer"},
+    };
+    for (const CommandLine& line : kLines)
+        Check(line);
+}
+
+TEST(CommandLine, ColourOnATerminalOnly) {
+    const std::string command = ProgramPath("oriel") + " status";
+    const auto onTerminal = [&](const Environment& environment) {
+        return RunProgram("/usr/bin/script", {"-qec", command, "/dev/null"}, environment).output;
+    };
+    EXPECT_NE(onTerminal({}).find("\x1b["), std::string::npos);
+    EXPECT_EQ(onTerminal({{"NO_COLOR", "1"}}).find("\x1b["), std::string::npos);
+    EXPECT_EQ(Oriel({"status"}).output.find("\x1b["), std::string::npos);
+}
+
+TEST(CommandLine, AResultThatCannotBeWrittenIsAFailure) {
+    const ProgramResult result = RunProgram("/bin/sh", {"-c", ProgramPath("oriel") + " printers >/dev/full"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.errors.find("could not be written"), std::string::npos) << result.errors;
+}

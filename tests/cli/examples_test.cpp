@@ -1,0 +1,46 @@
+// The examples and the demonstration do what they show.
+#include "private_machine.h"
+#include "product.h"
+
+#include <gtest/gtest.h>
+
+TEST(Examples, FirstProgramReadsUpdatesAndTells) {
+    AddExamplePrinter();
+    const std::string first = ProgramPath("first");
+    const ProgramResult notUp = RunProgram(first);
+    EXPECT_EQ(notUp.exitCode, 1);
+    EXPECT_NE(notUp.errors.find("is the product up?"), std::string::npos) << notUp.errors;
+
+    RunningProduct product;
+    const ProgramResult result = RunProgram(first);
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    const std::string written = OrielText({"info", "Front desk", "PrinterLocation"});
+    EXPECT_EQ(result.output, "PrinterStatus: 0x0 0x0 0x0 (12 bytes)\nPrinterName: Front desk\n"
+                             "PrinterLocation: 2nd floor, by the window, written at " +
+                                 written.substr(0, 10) + " " + written.substr(11, 8) + " UTC\n");
+}
+
+TEST(Examples, ReaderSeesWhatOthersWrite) {
+    AddExamplePrinter();
+    RunningProduct product;
+    TestProcess reader = TestProcess::Program(ProgramPath("reader"), {"Front desk"});
+    EXPECT_EQ(reader.Hear(), "open");
+    const auto reads = [&](const std::string& variable) {
+        reader.Tell(variable);
+        return reader.Hear();
+    };
+    EXPECT_EQ(reads("TonerLevel"), "100");
+    OrielText({"set", "Front desk", "TonerLevel", "42"});
+    EXPECT_EQ(reads("TonerLevel"), "42");
+    EXPECT_EQ(reads("ServiceNote"), "new");
+    EXPECT_EQ(reads("Nothing"), "status -19");
+    reader.CloseInput();
+    EXPECT_EQ(reader.Wait(), 0) << reader.Errors();
+}
+
+TEST(Examples, DemonstrationEndsWell) {
+    const std::string bin = ProgramPath("");
+    const ProgramResult result = RunProgram(SourcePath("scripts/demo"), {"--bin", bin.substr(0, bin.size() - 1)});
+    EXPECT_EQ(result.exitCode, 0) << result.output << result.errors;
+    EXPECT_NE(result.output.find("all as expected"), std::string::npos) << result.output;
+}

@@ -1,0 +1,94 @@
+// reg: values of all types, and .reg files out and in.
+#include "private_machine.h"
+#include "product.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace {
+
+const std::string kKey = "HKLM\\SOFTWARE\\Test";
+
+} // namespace
+
+TEST(RegistryCommand, ValuesOfAllTypes) {
+    struct Case {
+        const char* name;
+        std::vector<std::string> data; // and --type
+        const char* type;
+        const char* text;
+        Json json;
+        const char* hex;
+    };
+    const Case kCases[] = {
+        {"text", {"a b"}, "REG_SZ", "a b", "a b", "61 20 62 00"},
+        {"", {"\xc3\xa9"}, "REG_SZ", "\xc3\xa9", "\xc3\xa9", "e9 00"},
+        {"path", {"%X%", "--type", "expand"}, "REG_EXPAND_SZ", "%X%", "%X%", "25 58 25 00"},
+        {"list", {"a", "bc", "--type", "multi"}, "REG_MULTI_SZ", "a | bc", {"a", "bc"}, "61 00 62 63 00 00"},
+        {"number", {"0xff", "--type", "dword"}, "REG_DWORD", "0xff (255)", 255, "ff 00 00 00"},
+        {"negative", {"-1", "--type", "dword"}, "REG_DWORD", "0xffffffff (4294967295)", 4294967295u, "ff ff ff ff"},
+        {"long",
+         {"18446744073709551615", "--type", "qword"},
+         "REG_QWORD",
+         "0xffffffffffffffff (18446744073709551615)",
+         18446744073709551615ull,
+         "ff ff ff ff ff ff ff ff"},
+        {"bytes", {"0102", "ff", "--type", "binary"}, "REG_BINARY", "01 02 ff", nullptr, "01 02 ff"},
+        {"nothing", {"--type", "none"}, "REG_NONE", "", nullptr, ""},
+    };
+    for (const Case& row : kCases) {
+        SCOPED_TRACE(row.name);
+        std::vector<std::string> command = {"reg", "set", kKey, row.name};
+        command.insert(command.end(), row.data.begin(), row.data.end());
+        OrielText(command);
+        EXPECT_EQ(OrielText({"reg", "query", kKey, row.name}), row.text);
+        const Json value = OrielJson({"reg", "query", kKey, row.name})["value"];
+        EXPECT_EQ(value, Json({{"name", row.name}, {"type", row.type}, {"data", row.json}, {"hex", row.hex}}));
+    }
+    const Json keys = OrielJson({"reg", "query", "HKEY_LOCAL_MACHINE\\software\\test"})["keys"];
+    EXPECT_EQ(keys[0]["values"].size(), std::size(kCases));
+
+    OrielText({"reg", "delete", kKey, "list"});
+    EXPECT_EQ(Oriel({"reg", "query", kKey, "list"}).exitCode, 1);
+    EXPECT_EQ(Oriel({"reg", "delete", kKey, "list"}).exitCode, 1);
+}
+
+TEST(RegistryCommand, KeysAndTrees) {
+    OrielText({"reg", "set", kKey + "\\A\\B"});
+    OrielText({"reg", "set", kKey + "\\A\\B", "v", "1"});
+    const Json keys = OrielJson({"reg", "query", kKey, "--recursive"})["keys"];
+    ASSERT_EQ(keys.size(), 3u);
+    EXPECT_EQ(keys[0]["subkeys"], Json({"A"}));
+    EXPECT_EQ(keys[2]["key"], "HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\A\\B");
+    EXPECT_EQ(keys[2]["values"][0]["data"], "1");
+
+    const ProgramResult refused = Oriel({"reg", "delete", kKey});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.errors.find("--tree"), std::string::npos) << refused.errors;
+    OrielText({"reg", "delete", kKey, "--tree"});
+    EXPECT_EQ(Oriel({"reg", "query", kKey}).exitCode, 1);
+}
+
+TEST(RegistryCommand, ExportAndImportGiveTheSame) {
+    const std::string model = SourcePath("examples/example_laser.reg");
+    OrielText({"reg", "import", model});
+    OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "quotes \" and \\", "x\\\"y"});
+    const std::string file = PrivateDirectory() + "/exported.reg";
+    OrielText({"reg", "export", "HKLM\\SOFTWARE\\Tavik", file});
+    const std::string before = OrielText({"reg", "export", "HKLM\\SOFTWARE\\Tavik"});
+    EXPECT_TRUE(before.starts_with("REGEDIT4\r\n")) << before;
+    EXPECT_NE(before.find("\"TonerLevel\"=hex:04,00,00,00,04,01,01,00,64,00,00,00"), std::string::npos) << before;
+
+    OrielText({"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"});
+    OrielText({"reg", "import", file});
+    EXPECT_EQ(OrielText({"reg", "export", "HKLM\\SOFTWARE\\Tavik"}), before);
+}
+
+TEST(RegistryCommand, ABadFileChangesNothing) {
+    const std::string file = PrivateDirectory() + "/bad.reg";
+    std::ofstream(file) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\n\"a\"=dword:1\n\"b\"=dword:xyz\n";
+    const Json error = OrielJson({"reg", "import", file}, 1)["error"];
+    EXPECT_NE(error["what"].get<std::string>().find("line 5"), std::string::npos) << error;
+    EXPECT_EQ(Oriel({"reg", "query", kKey}).exitCode, 1);
+}

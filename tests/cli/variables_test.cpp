@@ -1,0 +1,178 @@
+// Values of every kind through the command, out and in.
+#include "private_machine.h"
+#include "product.h"
+
+#include <tvsqdz_variables.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace {
+
+const std::string kPrinter = "Front desk";
+
+Json Variable(const std::string& name) {
+    return OrielJson({"get", kPrinter, name})["variables"][0];
+}
+
+} // namespace
+
+TEST(Variables, AllAreListedWithTheirInitialValues) {
+    AddExamplePrinter();
+    RunningProduct product;
+    const Json document = OrielJson({"vars", kPrinter});
+    EXPECT_EQ(document["printer"], kPrinter);
+    std::map<std::string, Json> variables;
+    for (const Json& variable : document["variables"])
+        variables[variable["name"]] = variable;
+    EXPECT_EQ(variables.size(), 59u);
+    EXPECT_EQ(document["variables"].size(), variables.size());
+
+    struct Row {
+        const char* name;
+        const char* type;
+        int size;
+    };
+    const std::map<std::string, std::string> kTypes = {{"NUMBER", "number"},
+                                                       {"STRING", "string"},
+                                                       {"RECORD", "record"},
+                                                       {"VARIABLE", "variable"},
+                                                       {"COMPOSITE", "composite"}};
+#define ROW(name, type, size) {#name, #type, size},
+    const Row kRows[] = {TVS_BUILT_IN_VARIABLES(ROW)};
+#undef ROW
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const Json& variable = variables[row.name];
+        EXPECT_EQ(variable["type"], kTypes.at(row.type));
+        EXPECT_EQ(variable["size"], row.size);
+        EXPECT_TRUE(variable.contains("written"));
+        EXPECT_FALSE(variable.contains("error")) << variable;
+        if (row.name == std::string("AccessControlList")) continue;
+        if (row.size != 0) {
+            EXPECT_EQ(variable["hex"].get<std::string>().size() + 1, row.size * 3u);
+        }
+    }
+    EXPECT_EQ(variables["PageCount"]["value"], 0xffffffffu);
+    EXPECT_EQ(variables["UserAuthority"]["bits"], Json::array());
+    EXPECT_EQ(variables["PrinterStatus"]["value"], Json({0, 0, 0}));
+    EXPECT_EQ(variables["PrinterName"]["value"], kPrinter);
+    EXPECT_EQ(variables["PrinterQueue"]["value"], Json::array());
+    EXPECT_EQ(variables["PortEx"]["value"],
+              Json({{"PrinterExtStatus", 0}, {"Port", {{"portKind", 0}, {"portName", ""}, {"portDetail", ""}}}}));
+    EXPECT_EQ(variables["PrinterStatusEx"]["value"].size(), 5u); // ErrNSMError is in no model
+    EXPECT_EQ(variables["TonerLevel"]["value"], 100);
+    EXPECT_EQ(variables["TonerLevel"]["source"], "model");
+    EXPECT_EQ(variables["PrinterModel"]["value"], "Example Laser 4000");
+    EXPECT_EQ(variables["PrinterModel"]["source"], "model");
+
+    const Json some = OrielJson({"vars", kPrinter, "toner*", "Page?ount"});
+    ASSERT_EQ(some["variables"].size(), 2u);
+    EXPECT_EQ(some["variables"][0]["name"], "PageCount");
+}
+
+TEST(Variables, WhatIsSetIsRead) {
+    AddExamplePrinter();
+    RunningProduct product;
+    struct Case {
+        const char* variable;
+        std::vector<std::string> value;
+        const char* text;
+        Json json;
+    };
+    const Case kCases[] = {
+        {"PageCount", {"1234"}, "1234 (0x4D2)", 1234},
+        {"PageCount", {"0x10"}, "16 (0x10)", 16},
+        {"PageCount", {"-2"}, "4294967294 (0xFFFFFFFE)", 4294967294u},
+        {"PageCount", {"--hex", "0x07,00 0000"}, "7", 7},
+        {"SpoolerStatus", {"12"}, "12 (0xC: ready for forwarded requests, takes refresh requests)", 12},
+        {"PrinterExtStatus", {"1"}, "1 (0x1: takes direct requests)", 1},
+        {"PrinterLocation",
+         {"B\xc3\xbcro \xe2\x82\xac"
+          "5"},
+         "B\xc3\xbcro \xe2\x82\xac"
+         "5",
+         "B\xc3\xbcro \xe2\x82\xac"
+         "5"},
+        {"PrinterLocation", {""}, "", ""},
+        {"PrinterLocation", {"--hex", "1b 5b 31 6d 0a 41 00"}, "\\x1b[1m\\nA", "\x1b[1m\nA"},
+        {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, -1 (0xFFFFFFFF)", {1, 2, 4294967295u}},
+        {"ErrNoPaper", {"5"}, "5", 5},
+        {"Port",
+         {"portKind=8", "portName=LPT1:"},
+         "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: \"\"",
+         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", ""}}},
+        {"Port",
+         {"portDetail=x"}, // the others are kept
+         "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: \"x\"",
+         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", "x"}}},
+        {"PrinterBinConfig", {"--hex", "010203"}, "01 02 03", nullptr},
+    };
+    for (const Case& row : kCases) {
+        SCOPED_TRACE(std::string(row.variable) + " " + row.value[0]);
+        std::vector<std::string> command = {"set", kPrinter, row.variable};
+        command.insert(command.end(), row.value.begin(), row.value.end());
+        EXPECT_EQ(OrielText(command), "");
+        EXPECT_EQ(OrielText({"get", kPrinter, row.variable}), row.text);
+        EXPECT_EQ(Variable(row.variable)["value"], row.json);
+    }
+    EXPECT_EQ(OrielText({"get", kPrinter, "PageCount", "PrinterBinConfig", "--hex"}),
+              "PageCount: 07 00 00 00\nPrinterBinConfig: 01 02 03");
+
+    // One that fails does not keep the others from being shown.
+    const Json mixed = OrielJson({"get", kPrinter, "Nothing", "PageCount"}, 1)["variables"];
+    EXPECT_EQ(mixed[0]["error"]["code"], -19);
+    EXPECT_EQ(mixed[1]["value"], 7);
+}
+
+TEST(Variables, JobsAreShownAndQueued) {
+    AddExamplePrinter();
+    RunningProduct product;
+    OrielText({"set", kPrinter, "SendingJobInfo", "jobName=Report", "ownerName=ann", "jobId=7"});
+    OrielText({"set", kPrinter, "SendingJobInfo", "jobName=Letter", "jobId=8"}); // the owner is kept
+    const Json report = {{"jobName", "Report"}, {"ownerName", "ann"}, {"jobId", 7}};
+    const Json letter = {{"jobName", "Letter"}, {"ownerName", "ann"}, {"jobId", 8}};
+    EXPECT_EQ(Variable("SendingJobInfo")["value"], letter);
+    EXPECT_EQ(Variable("PrinterQueue")["value"], Json({report, letter}));
+    EXPECT_EQ(OrielText({"get", kPrinter, "PrinterQueue"}),
+              "jobName \"Report\", ownerName \"ann\", jobId 7\njobName \"Letter\", ownerName \"ann\", jobId 8");
+
+    // Bytes of a file, and a count that claims more entries than there are.
+    const std::string file = PrivateDirectory() + "/queue";
+    std::ofstream(file, std::ios::binary) << std::string("\xff\xff\xff\xff", 4) << std::string(292, 'A');
+    OrielText({"set", kPrinter, "PrinterQueue", "--file", file});
+    const Json queue = Variable("PrinterQueue")["value"];
+    ASSERT_EQ(queue.size(), 1u);
+    EXPECT_EQ(queue[0]["ownerName"], std::string(32, 'A'));
+}
+
+TEST(Variables, WriteTimeMovesWithAWrite) {
+    AddExamplePrinter();
+    RunningProduct product;
+    const auto written = [] { return OrielText({"info", kPrinter, "PageCount"}); };
+    const std::string before = written();
+    EXPECT_TRUE(before.size() == 24 && before[10] == 'T' && before.back() == 'Z') << before;
+    ASSERT_TRUE(WaitUntil([&] {
+        OrielText({"set", kPrinter, "PageCount", "1"});
+        return written() > before;
+    }));
+    EXPECT_EQ(OrielJson({"info", kPrinter, "PageCount"})["variables"][0]["written"], written());
+}
+
+TEST(Variables, DoubleByteCodePage) {
+    const Environment japanese = {{"ORIEL_ANSI_CODE_PAGE", "932"}};
+    const std::string name = "\xe5\x8f\x97\xe4\xbb\x98";               // reception
+    const std::string floor = "\xe4\xba\x8c\xe9\x9a\x8e \xe8\xa1\xa8"; // its last character ends with a backslash byte
+    RunningProduct product(japanese);
+    OrielText({"printers", "add", name, "--driver", "Some driver"}, japanese);
+    EXPECT_EQ(OrielJson({"printers"}, 0, japanese)["printers"][0]["name"], name);
+    OrielText({"set", name, "PrinterLocation", floor}, japanese);
+    EXPECT_EQ(OrielText({"get", name, "PrinterLocation"}, japanese), floor);
+    EXPECT_EQ(OrielText({"get", name, "PrinterName"}, japanese), name);
+    const Json value = OrielJson({"get", name, "PrinterLocation"}, 0, japanese)["variables"][0];
+    EXPECT_EQ(value["hex"], "93 f1 8a 4b 20 95 5c 00");
+    const ProgramResult refused = Oriel({"set", name, "PrinterLocation", "\xc3\xbc"}, japanese);
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.errors.find("code page 932"), std::string::npos) << refused.errors;
+}
