@@ -33,8 +33,8 @@ bool Publish(const Window& window, const char* title) {
 }
 
 HWND Create(ThreadQueue& queue, ClassUse windowClass, const char* title) {
-    // The next creator sweeps what killed processes left behind.
-    VisitWindows([](const WindowRecord&) {});
+    // A process's first window is a good moment to sweep what killed processes left behind, where nobody ever searches.
+    if (queue.windows.empty()) VisitWindows([](const WindowRecord&) {});
     const auto window = std::make_shared<Window>(std::move(windowClass));
     DWORD handle = 0;
     window->fifo = CreateFifo(Fifo::Queue, handle);

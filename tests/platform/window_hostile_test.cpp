@@ -1,0 +1,288 @@
+// What other users of the machine can put into the folder of windows and write into a queue, and what dead processes
+// leave there. Linux only: it speaks of files.
+#include "private_machine.h"
+#include "window_kit.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string FileOf(HWND window, const char* suffix) {
+    char name[24];
+    std::snprintf(name, sizeof name, "%08x%s", HandleToULong(window), suffix);
+    return PrivateDirectory() + "/run/windows/" + name;
+}
+
+// How many files there are, all or of one kind.
+long Files(const std::string& suffix = "") {
+    const fs::directory_iterator files(PrivateDirectory() + "/run/windows");
+    return std::count_if(begin(files), end(files), [&](auto& file) { return file.path().string().ends_with(suffix); });
+}
+
+// A window as a process outside this layer could make it: the record, byte by byte, and the FIFO with its reader.
+const HWND kForged = ULongToHandle(0x1234abcd);
+
+std::string ForgedRecord() {
+    const ULONG fields[] = {0x4e49574f, 1, HandleToULong(kForged), 4711,
+                            4712}; // "OWIN", version, handle, process, thread
+    std::string record(552, '\0');
+    std::memcpy(record.data(), fields, sizeof fields);
+    return record.replace(32, 10, "TVORForged").replace(292, 6, "Forged");
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    EXPECT_EQ(write(file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(file);
+}
+
+int MakeFifo(const std::string& path, mode_t mode = 0622) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+}
+
+CHILD_PROCESS(HasWindows) {
+    umask(0077);
+    for (int i = 0; i < 3; ++i)
+        child.Say(ToText(MakeWindow("TVORTestClass", "Owned")));
+    child.Hear();
+    return 0;
+}
+
+// Its fork child lives on after it.
+CHILD_PROCESS(ForksWithAWindow) {
+    const HWND window = MakeWindow("TVORTestClass");
+    if (fork() == 0) {
+        child.Say(!DestroyWindow(window) && IsWindow(MakeWindow("TVORTestClass")) ? "child works" : "child fails");
+        child.Hear();
+        _exit(0);
+    }
+    child.Say(ToText(window));
+    while (true)
+        pause();
+}
+
+// Without any preparation for broken pipes.
+CHILD_PROCESS(SendsToAFullQueue) {
+    signal(SIGPIPE, SIG_DFL);
+    const HWND window = ToWindow(child.arguments[0]);
+    while (PostMessageA(window, WM_APP, 0, 0)) {
+    }
+    SetLastError(0);
+    SendMessageTimeoutA(window, WM_APP, 0, 0, SMTO_NORMAL, 30000, nullptr);
+    return GetLastError() == ERROR_INVALID_WINDOW_HANDLE ? 0 : 1;
+}
+
+// Says which of the things that it tries it may do.
+CHILD_PROCESS(AnotherUser) {
+    const HWND window = ToWindow(child.arguments[0]);
+    const std::string queue = FileOf(window, ".queue");
+    const std::string record = FileOf(window, ".window");
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+    std::string may;
+    if (FindWindowA("TVORTestClass", nullptr) == window) may += " find";
+    if (PostMessageA(window, WM_APP, 1, 2)) may += " post";
+    if (SendMessageTimeoutA(window, WM_NULL, 0, 0, SMTO_NORMAL, 10000, nullptr)) may += " send";
+    if (open(queue.c_str(), O_RDONLY | O_NONBLOCK) >= 0) may += " read";
+    if (open(record.c_str(), O_WRONLY) >= 0) may += " write";
+    if (unlink(queue.c_str()) == 0 || unlink(record.c_str()) == 0) may += " remove";
+    if (IsWindow(MakeWindow("TVOROtherUser"))) may += " own";
+    child.Say(may);
+    return 0;
+}
+
+} // namespace
+
+TEST(WindowFiles, GoWithTheirProcesses) {
+    TestProcess killed("HasWindows");
+    TestProcess ended("HasWindows");
+    for (int i = 0; i < 3; ++i) {
+        const HWND window = ToWindow(killed.Hear());
+        ended.Hear();
+        EXPECT_EQ(fs::status(FileOf(window, ".queue")).permissions(), fs::perms(0622)) << "whatever the umask";
+        EXPECT_EQ(fs::status(FileOf(window, ".window")).permissions(), fs::perms(0644));
+    }
+    EXPECT_EQ(Files(), 12);
+    ended.Tell("end");
+    EXPECT_EQ(ended.Wait(), 0);
+    EXPECT_EQ(Files(), 6);
+    killed.Kill();
+    EXPECT_EQ(Files(), 6) << "nobody has looked yet";
+    close(MakeFifo(FileOf(kForged, ".reply"))); // left half way by others
+    WriteFile(FileOf(kForged, ".window"), ForgedRecord());
+    EXPECT_EQ(FindWindowA("TVORTestClass", "Owned"), nullptr);
+    EXPECT_EQ(Files(), 0) << "a finder sweeps";
+    close(MakeFifo(FileOf(kForged, ".queue")));
+    EXPECT_TRUE(DestroyWindow(MakeWindow("TVORTestClass")));
+    EXPECT_EQ(Files(), 0) << "a creator sweeps";
+}
+
+TEST(WindowFiles, ForkChildDoesNotKeepItsParentsWindow) {
+    TestProcess parent("ForksWithAWindow");
+    std::string heard[2] = {parent.Hear(), parent.Hear()};
+    std::sort(std::begin(heard), std::end(heard)); // a number comes before a word
+    EXPECT_EQ(heard[1], "child works");
+    EXPECT_TRUE(IsWindow(ToWindow(heard[0])));
+    parent.Kill();
+    EXPECT_FALSE(IsWindow(ToWindow(heard[0])));
+    parent.CloseInput(); // the child's end
+    EXPECT_TRUE(WaitUntil([] { return FindWindowA("TVORTestClass", nullptr) == nullptr; }));
+}
+
+// A forged window that is whole is a window like any other; each fault makes it none.
+TEST(WindowFiles, ForgedOnesAreIgnored) {
+    ASSERT_EQ(FindWindowA(nullptr, nullptr), nullptr); // makes the folder
+    const std::string queue = FileOf(kForged, ".queue");
+    const std::string record = FileOf(kForged, ".window");
+    const std::string elsewhere = PrivateDirectory() + "/elsewhere";
+    const auto soundQueue = [&] { return MakeFifo(queue); };
+    const auto recordOf = [&](auto change) {
+        return [&record, change] {
+            std::string bytes = ForgedRecord();
+            change(bytes);
+            WriteFile(record, bytes);
+        };
+    };
+    const auto soundRecord = recordOf([](std::string&) {});
+    struct Case {
+        const char* name;
+        bool postable = true; // the queue itself is sound
+        std::function<void()> makeRecord;
+        std::function<int()> makeQueue;
+    };
+    const Case cases[] = {
+        {"sound", true, soundRecord, soundQueue},
+        {"wrong magic", true, recordOf([](std::string& bytes) { bytes[0] ^= 1; }), soundQueue},
+        {"newer version", true, recordOf([](std::string& bytes) { bytes[4] = 2; }), soundQueue},
+        {"another handle's", true, recordOf([](std::string& bytes) { bytes[8] ^= 1; }), soundQueue},
+        {"no class", true, recordOf([](std::string& bytes) { bytes[32] = '\0'; }), soundQueue},
+        {"unterminated class", true, recordOf([](std::string& bytes) { bytes.replace(32, 260, 260, 'c'); }),
+         soundQueue},
+        {"class too long", true, recordOf([](std::string& bytes) { bytes.replace(32, 257, 257, 'c'); }), soundQueue},
+        {"unterminated title", true, recordOf([](std::string& bytes) { bytes.replace(292, 260, 260, 't'); }),
+         soundQueue},
+        {"empty", true, recordOf([](std::string& bytes) { bytes.clear(); }), soundQueue},
+        {"short", true, recordOf([](std::string& bytes) { bytes.pop_back(); }), soundQueue},
+        {"huge", true, recordOf([](std::string& bytes) { bytes.resize(1 << 20); }), soundQueue},
+        {"record is a link", true,
+         [&] {
+             WriteFile(elsewhere, ForgedRecord());
+             fs::create_symlink(elsewhere, record);
+         },
+         soundQueue},
+        {"record has two names", true,
+         [&] {
+             soundRecord();
+             fs::create_hard_link(record, elsewhere);
+         },
+         soundQueue},
+        {"record is a FIFO", true, [&] { close(MakeFifo(record)); }, soundQueue},
+        {"queue is a link", false, soundRecord,
+         [&] {
+             fs::create_symlink(elsewhere, queue);
+             return MakeFifo(elsewhere);
+         }},
+        {"queue has two names", false, soundRecord,
+         [&] {
+             const int fifo = MakeFifo(queue);
+             fs::create_hard_link(queue, elsewhere);
+             return fifo;
+         }},
+        {"queue of another mode", false, soundRecord, [&] { return MakeFifo(queue, 0666); }},
+        {"queue is a file", false, soundRecord,
+         [&] { return open(queue.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0622); }},
+    };
+    for (const Case& planted : cases) {
+        SCOPED_TRACE(planted.name);
+        const bool sound = &planted == cases;
+        planted.makeRecord();
+        const int fifo = planted.makeQueue();
+        EXPECT_EQ(FindWindowA(nullptr, nullptr), sound ? kForged : nullptr);
+        EXPECT_EQ(EnumWindows([](HWND, LPARAM) -> BOOL { return FALSE; }, 0), !sound);
+        char text[300];
+        DWORD process = 0;
+        EXPECT_EQ(GetClassNameA(kForged, text, sizeof text), sound ? 10 : 0);
+        EXPECT_EQ(GetWindowThreadProcessId(kForged, &process), sound ? 4712U : 0U);
+        EXPECT_EQ(process, sound ? 4711U : 0U);
+        EXPECT_EQ(PostMessageA(kForged, WM_APP, 0, 0), planted.postable);
+        EXPECT_EQ(read(fifo, text, sizeof text) > 0, planted.postable);
+        close(fifo);
+        for (const std::string& path : {queue, record, elsewhere})
+            fs::remove(path);
+    }
+}
+
+TEST(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    const HWND window = MakeWindow("TVORTestClass");
+    TestProcess other("AnotherUser", {ToText(window)});
+    MSG message;
+    ASSERT_TRUE(TakeMessage(message));
+    EXPECT_EQ(message.lParam, 2);
+    // What it sends is answered while this thread looks for messages, of which none comes.
+    EXPECT_TRUE(WaitUntil([&] { return PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) || !other.Running(); }));
+    EXPECT_EQ(other.Hear(), " find post send own");
+    EXPECT_TRUE(IsWindow(window));
+}
+
+TEST(WindowQueue, SkipsGarbageAndLosesNoMessage) {
+    const HWND window = MakeWindow("TVORTestClass");
+    const int fifo = open(FileOf(window, ".queue").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    constexpr ULONG kMagic = 0x47534d4f; // "OMSG"
+    const auto forge = [](ULONG magic, ULONG handle, ULONG message, ULONG replyTo) {
+        const ULONG fields[10] = {magic, handle, message, 0, 0, 0, 0, 0, replyTo};
+        return std::string(reinterpret_cast<const char*>(fields), sizeof fields);
+    };
+    const ULONG handle = HandleToULong(window);
+    std::vector<std::string> garbage{forge(kMagic, handle ^ 1, WM_APP, 0),      // for another window
+                                     forge(kMagic - 1, handle, WM_APP, 0),      // no message
+                                     forge(kMagic, handle, WM_APP << 4, 0),     // with a number that does not exist
+                                     forge(kMagic, handle, WM_APP, 0x12345678), // sent, but nobody waits for the answer
+                                     std::string(4096, '\0'),
+                                     std::string(4096, 'O')};
+    // Beginnings of a message, cut where the next one cannot be taken for the rest, and any pieces.
+    for (size_t length = 1; length <= 8; ++length)
+        garbage.push_back(forge(kMagic, handle, WM_APP, 0).substr(0, length));
+    for (size_t length = 1; length < 100; length += 7)
+        garbage.emplace_back(length, static_cast<char>(length));
+    LPARAM posted = 0;
+    LPARAM taken = 0;
+    // Each alone and before messages; then all of them between messages in one queue.
+    for (const bool readEach : {true, false}) {
+        for (const std::string& bytes : garbage) {
+            for (int i = 0; i < 3; ++i) {
+                ASSERT_EQ(write(fifo, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+                ASSERT_TRUE(i == 0 || PostMessageA(window, WM_APP, 0, posted++));
+                MSG message;
+                while (readEach && PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+                    ASSERT_EQ(message.lParam, taken++);
+            }
+        }
+        MSG message;
+        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+            ASSERT_EQ(message.lParam, taken++);
+        EXPECT_EQ(taken, posted);
+    }
+    close(fifo);
+}
+
+TEST(WindowQueue, OwnersDeathIsAnErrorToASenderAndNoSignal) {
+    TestProcess owner("HasWindows");
+    TestProcess sender("SendsToAFullQueue", {owner.Hear()});
+    EXPECT_TRUE(WaitUntil([] { return Files(".reply") == 1; })) << "it waits";
+    owner.Kill();
+    EXPECT_EQ(sender.Wait(), 0);
+    EXPECT_EQ(FindWindowA(nullptr, nullptr), nullptr);
+    EXPECT_EQ(Files(), 0);
+}

@@ -1,0 +1,231 @@
+// Messages: posted and sent, between threads and processes, in order, and refused when the queue is full.
+#include "window_kit.h"
+
+#include <array>
+#include <atomic>
+#include <vector>
+
+namespace {
+
+constexpr UINT kCount = WM_APP + 1; // answered with the number of WM_APP messages so far
+constexpr UINT kEcho = WM_APP + 2;
+constexpr UINT kAskBack = WM_APP + 3; // asks the window in wParam for its echo, and answers with that
+constexpr UINT kVanish = WM_APP + 4;  // destroys its window, then answers 5
+constexpr UINT kDie = WM_APP + 5;
+
+// lParam is the answer, bent so that both parameters are seen to arrive whole.
+constexpr LPARAM kWide = static_cast<LPARAM>(0x8123456789abcdefULL >> (8 * (8 - sizeof(LPARAM))));
+
+LRESULT CALLBACK ServerProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    static LRESULT count = 0;
+    switch (message) {
+    case WM_APP:
+        ++count;
+        return 0;
+    case kCount:
+        return count;
+    case kEcho:
+        return lParam ^ static_cast<LPARAM>(wParam);
+    case kAskBack:
+        return SendMessageA(reinterpret_cast<HWND>(wParam), kEcho, 1, lParam);
+    case kVanish:
+        DestroyWindow(window);
+        return 5;
+    case kDie:
+        TerminateProcess(GetCurrentProcess(), 1);
+        return 0;
+    case WM_DESTROY:
+        PostQuitMessage(0);
+        return 0;
+    default:
+        return DefWindowProcA(window, message, wParam, lParam);
+    }
+}
+
+// Serves its window; with an argument only once it is told to.
+CHILD_PROCESS(ServesMessages) {
+    child.Say(ToText(MakeWindow("TVORServer", "", ServerProcedure)));
+    if (!child.arguments.empty()) child.Hear();
+    return RunMessageLoop();
+}
+
+// arguments: window, poster's number, how many. Waits where the queue is full.
+CHILD_PROCESS(PostsMessages) {
+    const HWND window = ToWindow(child.arguments[0]);
+    const WPARAM poster = std::stoul(child.arguments[1]);
+    for (LPARAM i = 0; i < std::stol(child.arguments[2]); ++i) {
+        const bool posted = WaitUntil(
+            [&] { return PostMessageA(window, WM_APP, poster, i) || GetLastError() != ERROR_NOT_ENOUGH_QUOTA; });
+        if (!posted || !IsWindow(window)) return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+TEST(Messages, OfFourPostersArriveCompleteAndInOrder) {
+    constexpr LPARAM kEach = 2500;
+    const HWND window = MakeWindow("TVORTestClass");
+    std::vector<TestProcess> posters;
+    for (int i = 0; i < 4; ++i)
+        posters.emplace_back("PostsMessages",
+                             std::vector<std::string>{ToText(window), std::to_string(i), std::to_string(kEach)});
+    std::array<LPARAM, 4> next{};
+    for (LPARAM i = 0; i < 4 * kEach; ++i) {
+        MSG message;
+        ASSERT_TRUE(TakeMessage(message)) << "message " << i;
+        ASSERT_EQ(message.hwnd, window);
+        ASSERT_EQ(message.message, static_cast<UINT>(WM_APP));
+        ASSERT_LT(message.wParam, 4U);
+        ASSERT_EQ(message.lParam, next[message.wParam]++);
+    }
+    for (TestProcess& poster : posters)
+        EXPECT_EQ(poster.Wait(), 0);
+    EXPECT_TRUE(QueueIsEmpty());
+}
+
+TEST(Messages, FullQueueRefusesAtOnceAndTakesAgainOnceRead) {
+    TestProcess server("ServesMessages", {"later"});
+    const HWND window = ToWindow(server.Hear());
+    server.Stop(); // as hung as an owner can be
+    LRESULT posted = 0;
+    const double start = NowMs();
+    while (PostMessageA(window, WM_APP, 0, posted))
+        ++posted;
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_QUOTA));
+    EXPECT_GE(posted, 1000);
+    EXPECT_LE(posted, 20000);
+    EXPECT_LT(NowMs() - start, 10000);
+    for (int i = 0; i < 100; ++i)
+        EXPECT_FAILS(PostMessageA(window, WM_APP, 0, 0), ERROR_NOT_ENOUGH_QUOTA);
+    EXPECT_FAILS(SendMessageTimeoutA(window, kCount, 0, 0, SMTO_BLOCK, 50, nullptr), ERROR_TIMEOUT);
+    EXPECT_TRUE(IsWindow(window));
+
+    server.Continue();
+    server.Tell("serve");
+    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == posted; })) << "none is lost or doubled";
+    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
+    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == posted + 1; }));
+}
+
+TEST(Messages, AreCheckedAndCarryTheirParametersWhole) {
+    const HWND window = MakeWindow("TVORTestClass");
+    ASSERT_TRUE(PostMessageA(window, 0xffff, static_cast<WPARAM>(~kWide), kWide));
+    MSG message;
+    ASSERT_TRUE(TakeMessage(message));
+    EXPECT_EQ(message.message, 0xffffU);
+    EXPECT_EQ(message.wParam, static_cast<WPARAM>(~kWide));
+    EXPECT_EQ(message.lParam, kWide);
+    EXPECT_FAILS(PostMessageA(window, 0x10000, 0, 0), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(PostMessageA(window, 0x000c, 0, 0), ERROR_MESSAGE_SYNC_ONLY); // WM_SETTEXT
+    EXPECT_FAILS(PeekMessageA(&message, nullptr, 0, 0, 2), ERROR_INVALID_FLAGS);
+    EXPECT_FAILS(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(GetMessageA(&message, nullptr, 9, 8) + 1, ERROR_INVALID_PARAMETER);
+}
+
+TEST(Messages, AreChosenByWindowAndRangeAndQuitComesLast) {
+    const HWND one = MakeWindow("TVORTestClass");
+    const HWND two = MakeWindow("TVORTestClass");
+    PostQuitMessage(42);
+    for (const UINT message : {WM_USER + 1, WM_USER + 5, WM_USER + 9})
+        for (const HWND window : {one, two})
+            ASSERT_TRUE(PostMessageA(window, message, 0, 0));
+    MSG message;
+    ASSERT_TRUE(PeekMessageA(&message, one, 0, 0, PM_NOREMOVE));
+    EXPECT_EQ(message.message, static_cast<UINT>(WM_USER + 1));
+    ASSERT_TRUE(PeekMessageA(&message, one, 0, 0, PM_REMOVE)) << "it was left in place";
+    EXPECT_EQ(message.message, static_cast<UINT>(WM_USER + 1));
+    ASSERT_TRUE(PeekMessageA(&message, two, WM_USER + 2, WM_USER + 8, PM_REMOVE));
+    EXPECT_EQ(message.hwnd, two);
+    EXPECT_EQ(message.message, static_cast<UINT>(WM_USER + 5));
+    EXPECT_EQ(GetMessageA(&message, nullptr, WM_USER + 9, WM_USER + 9), 1);
+    EXPECT_EQ(message.message, static_cast<UINT>(WM_USER + 9));
+
+    // Destroying a window takes its own messages. No filter holds WM_QUIT back once nothing else passes.
+    EXPECT_TRUE(DestroyWindow(one));
+    EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 1);
+    EXPECT_EQ(message.hwnd, two);
+    EXPECT_EQ(GetMessageA(&message, two, WM_APP, WM_APP), 0);
+    EXPECT_EQ(message.message, static_cast<UINT>(WM_QUIT));
+    EXPECT_EQ(message.wParam, 42U);
+    while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+        EXPECT_EQ(message.hwnd, two);
+}
+
+TEST(Messages, GetWaitsForAPosterAndDispatchCallsTheProcedure) {
+    static WPARAM got;
+    got = 0;
+    const auto procedure = [](HWND, UINT message, WPARAM wParam, LPARAM lParam) -> LRESULT {
+        got = message == WM_APP ? wParam : 0;
+        return lParam * 2;
+    };
+    const HWND window = MakeWindow("TVORTestClass", "", procedure);
+    TestProcess poster("PostsMessages", {ToText(window), "17", "1"});
+    MSG message;
+    ASSERT_EQ(GetMessageA(&message, nullptr, 0, 0), 1);
+    message.lParam = 21;
+    EXPECT_EQ(DispatchMessageA(&message), 42);
+    EXPECT_EQ(got, 17U);
+    message.hwnd = nullptr;
+    EXPECT_EQ(DispatchMessageA(&message), 0);
+    EXPECT_EQ(DispatchMessageA(nullptr), 0);
+}
+
+TEST(SentMessages, AreAnsweredByAnotherProcess) {
+    TestProcess server("ServesMessages");
+    const HWND window = ToWindow(server.Hear());
+    EXPECT_EQ(SendMessageA(window, kEcho, 0xff, kWide), kWide ^ 0xff);
+    DWORD_PTR result = 1;
+    EXPECT_EQ(SendMessageTimeoutA(window, WM_NULL, 0, 0, SMTO_BLOCK, 10000, &result), 1);
+    EXPECT_EQ(result, 0U);
+    // What was posted before is read before a later question is answered.
+    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
+    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == 1; }));
+    // It asks back while this thread waits for its answer.
+    const HWND mine = MakeWindow("TVORTestClass", "", ServerProcedure);
+    EXPECT_EQ(SendMessageA(window, kAskBack, reinterpret_cast<WPARAM>(mine), 40), 41);
+    EXPECT_TRUE(QueueIsEmpty());
+    EXPECT_FAILS(SendMessageTimeoutA(window, 0x000d, 0, 0, SMTO_NORMAL, 100, nullptr), ERROR_MESSAGE_SYNC_ONLY);
+    EXPECT_FAILS(SendMessageTimeoutA(window, WM_NULL, 0, 0, 2, 100, nullptr), ERROR_INVALID_PARAMETER);
+    // A window that its message destroyed has answered all the same.
+    EXPECT_EQ(SendMessageA(window, kVanish, 0, 0), 5);
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_EQ(server.Wait(), 0);
+}
+
+TEST(SentMessages, HaveABoundAndEndWithTheWindow) {
+    TestProcess server("ServesMessages");
+    const HWND window = ToWindow(server.Hear());
+    ASSERT_EQ(SendMessageA(window, kCount, 0, 0), 0) << "it serves";
+    server.Stop();
+    DWORD_PTR result = 1234;
+    const double start = NowMs();
+    EXPECT_FAILS(SendMessageTimeoutA(window, WM_APP, 0, 0, SMTO_NORMAL, 200, &result), ERROR_TIMEOUT);
+    EXPECT_GE(NowMs() - start, 200);
+    EXPECT_LT(NowMs() - start, 5000);
+    EXPECT_EQ(result, 1234U);
+    server.Continue();
+    // Nobody waits for it any more, so it is not carried out either.
+    EXPECT_EQ(SendMessageA(window, kCount, 0, 0), 0);
+    // The process dies while it has the message.
+    EXPECT_FAILS(SendMessageTimeoutA(window, kDie, 0, 0, SMTO_NORMAL, 20000, &result), ERROR_INVALID_WINDOW_HANDLE);
+    EXPECT_LT(NowMs() - start, 15000);
+}
+
+TEST(SentMessages, ReachOtherThreadsAndTheOwnDirectly) {
+    const HWND mine = MakeWindow("TVORTestClass", "", ServerProcedure);
+    EXPECT_EQ(SendMessageA(mine, kEcho, 3, 4), 7);
+    EXPECT_TRUE(QueueIsEmpty());
+    std::atomic<HWND> other{nullptr};
+    const auto serve = [](LPVOID parameter) -> DWORD {
+        *static_cast<std::atomic<HWND>*>(parameter) = CreateTestWindow("TVORTestClass");
+        return static_cast<DWORD>(RunMessageLoop());
+    };
+    const HANDLE thread = CreateThread(nullptr, 0, serve, &other, 0, nullptr);
+    ASSERT_TRUE(WaitUntil([&] { return other.load() != nullptr; }));
+    EXPECT_EQ(SendMessageA(other, kAskBack, reinterpret_cast<WPARAM>(mine), 6), 7);
+    EXPECT_EQ(SendMessageA(other, WM_CLOSE, 0, 0), 0);
+    EXPECT_FALSE(IsWindow(other));
+    EXPECT_EQ(WaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
+    CloseHandle(thread);
+}

@@ -1,0 +1,102 @@
+// Descriptors for event loops. Linux only, like the calls themselves.
+#include "window_kit.h"
+
+#include <oriel_poll.h>
+
+#include <poll.h>
+#include <vector>
+
+namespace {
+
+bool Readable(int descriptor, int timeoutMs = 0) {
+    pollfd state{descriptor, POLLIN, 0};
+    return poll(&state, 1, timeoutMs) == 1 && state.revents == POLLIN;
+}
+
+} // namespace
+
+TEST(QueueDescriptor, IsReadableWhileThereIsSomethingToDo) {
+    const int queue = OrielWindowQueueDescriptor();
+    const HWND window = MakeWindow("TVORTestClass");
+    const HWND second = MakeWindow("TVORTestClass");
+    EXPECT_EQ(OrielWindowQueueDescriptor(), queue);
+    EXPECT_FALSE(Readable(queue));
+
+    TestProcess poster("PostsMessages", {ToText(window), "0", "1"});
+    EXPECT_TRUE(Readable(queue, 10000));
+    EXPECT_EQ(poster.Wait(), 0);
+    ASSERT_TRUE(PostMessageA(second, WM_APP + 1, 0, 0));
+    MSG message;
+    EXPECT_TRUE(PeekMessageA(&message, window, 0, 0, PM_NOREMOVE));
+    EXPECT_TRUE(Readable(queue)) << "left in the queue";
+    EXPECT_TRUE(PeekMessageA(&message, window, 0, 0, PM_REMOVE));
+    EXPECT_TRUE(Readable(queue)) << "the other window's";
+    EXPECT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_FALSE(Readable(queue));
+
+    PostQuitMessage(0);
+    EXPECT_TRUE(Readable(queue));
+    EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 0);
+    EXPECT_FALSE(Readable(queue));
+
+    // A window goes with what is in its FIFO.
+    ASSERT_TRUE(PostMessageA(second, WM_APP, 0, 0));
+    EXPECT_TRUE(DestroyWindow(second));
+    EXPECT_FALSE(Readable(queue));
+}
+
+TEST(EventDescriptor, FollowsManualAndAutomaticEvents) {
+    const HANDLE manual = CreateEventA(nullptr, TRUE, FALSE, "TVOR:manual");
+    const HANDLE automatic = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    const int first = OrielEventDescriptor(manual);
+    const int second = OrielEventDescriptor(automatic);
+    EXPECT_TRUE(Readable(second, 10000)) << "set from the start";
+    EXPECT_FALSE(Readable(first));
+    EXPECT_EQ(WaitForSingleObject(automatic, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "taken, as a waiter takes it";
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_TRUE(OrielRearmEventDescriptor(second));
+        EXPECT_FALSE(Readable(second));
+        SetEvent(automatic);
+        EXPECT_TRUE(Readable(second, 10000));
+        SetEvent(manual);
+        EXPECT_TRUE(Readable(first, 10000));
+        EXPECT_TRUE(OrielRearmEventDescriptor(first));
+        EXPECT_TRUE(Readable(first, 10000)) << "still set";
+        ResetEvent(manual);
+        EXPECT_TRUE(Readable(first)) << "until it is re-armed";
+        EXPECT_TRUE(OrielRearmEventDescriptor(first));
+        EXPECT_FALSE(Readable(first));
+    }
+    // It watches on when the caller's own handle is closed, and holds the event no longer than it lives.
+    CloseHandle(manual);
+    const HANDLE again = OpenEventA(EVENT_MODIFY_STATE, FALSE, "TVOR:manual");
+    EXPECT_TRUE(SetEvent(again));
+    CloseHandle(again);
+    EXPECT_TRUE(Readable(first, 10000));
+    EXPECT_TRUE(OrielCloseEventDescriptor(first));
+    EXPECT_EQ(OpenEventA(EVENT_MODIFY_STATE, FALSE, "TVOR:manual"), nullptr);
+    EXPECT_FAILS(OrielCloseEventDescriptor(first), ERROR_INVALID_HANDLE);
+    EXPECT_FAILS(OrielRearmEventDescriptor(first), ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(OrielCloseEventDescriptor(second));
+    CloseHandle(automatic);
+}
+
+TEST(EventDescriptor, TakesEventsOnlyAndABoundedNumber) {
+    const auto taken = [](HANDLE handle) { return OrielEventDescriptor(handle) != -1; };
+    const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
+    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_FAILS(taken(nullptr), ERROR_INVALID_HANDLE);
+    EXPECT_FAILS(taken(mutex), ERROR_INVALID_HANDLE);
+    for (int round = 0; round < 2; ++round) { // twice: closing gives everything back
+        std::vector<int> descriptors;
+        for (int i = 0; i < ORIEL_MAX_EVENT_DESCRIPTORS; ++i)
+            descriptors.push_back(OrielEventDescriptor(event));
+        EXPECT_FAILS(taken(event), ERROR_NOT_ENOUGH_QUOTA);
+        SetEvent(event);
+        for (const int descriptor : descriptors)
+            EXPECT_TRUE(Readable(descriptor, 10000) && OrielCloseEventDescriptor(descriptor));
+        ResetEvent(event);
+    }
+    CloseHandle(mutex);
+    CloseHandle(event);
+}

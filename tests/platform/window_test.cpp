@@ -1,0 +1,205 @@
+// Classes and windows: making, finding, listing, describing and losing them, in one process and in several.
+#include "window_kit.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+LRESULT CALLBACK QuitWithWindow(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (message == WM_DESTROY) PostQuitMessage(7);
+    return DefWindowProcA(window, message, wParam, lParam);
+}
+
+// Has windows with the titles given, and serves them until one is destroyed.
+CHILD_PROCESS(OwnsWindows) {
+    for (const std::string& title : child.arguments)
+        child.Say(ToText(MakeWindow("TVORTestClass", title.c_str(), QuitWithWindow)));
+    return RunMessageLoop();
+}
+
+BOOL CALLBACK AppendWindow(HWND window, LPARAM parameter) {
+    reinterpret_cast<std::vector<HWND>*>(parameter)->push_back(window);
+    return TRUE;
+}
+
+std::vector<HWND> AllWindows() {
+    std::vector<HWND> windows;
+    EXPECT_TRUE(EnumWindows(AppendWindow, reinterpret_cast<LPARAM>(&windows)));
+    return windows;
+}
+
+} // namespace
+
+TEST(WindowClass, RegistrationIsChecked) {
+    const std::string longest(256, 'c');
+    const std::string tooLong(257, 'c');
+    WNDCLASSEXA good{};
+    good.cbSize = sizeof good;
+    good.lpfnWndProc = DefWindowProcA;
+    good.lpszClassName = "TVORTestClass";
+    const auto refused = [&](auto change) {
+        WNDCLASSEXA bad = good;
+        change(bad);
+        EXPECT_FAILS(RegisterClassExA(&bad), ERROR_INVALID_PARAMETER);
+    };
+    refused([](WNDCLASSEXA& c) { c.cbSize -= 1; });
+    refused([](WNDCLASSEXA& c) { c.lpfnWndProc = nullptr; });
+    refused([](WNDCLASSEXA& c) { c.lpszClassName = nullptr; });
+    refused([](WNDCLASSEXA& c) { c.lpszClassName = ""; });
+    refused([&](WNDCLASSEXA& c) { c.lpszClassName = tooLong.c_str(); });
+
+    const ATOM first = RegisterClassExA(&good);
+    EXPECT_NE(first, 0);
+    EXPECT_FAILS(RegisterTestClass("tvortestCLASS", DefWindowProcA), ERROR_CLASS_ALREADY_EXISTS);
+    const ATOM second = RegisterTestClass(longest.c_str(), DefWindowProcA);
+    EXPECT_TRUE(second != 0 && second != first);
+    const HWND window = CreateTestWindow("TVORTESTCLASS");
+    EXPECT_FAILS(UnregisterClassA("TVORTestClass", nullptr), ERROR_CLASS_HAS_WINDOWS);
+    EXPECT_TRUE(DestroyWindow(window));
+    EXPECT_TRUE(UnregisterClassA("TVORTestClass", nullptr));
+    EXPECT_FAILS(UnregisterClassA("TVORTestClass", nullptr), ERROR_CLASS_DOES_NOT_EXIST);
+    EXPECT_FAILS(CreateTestWindow("TVORTestClass"), ERROR_CANNOT_FIND_WND_CLASS);
+}
+
+TEST(Window, DescribesItselfAndTakesOnlyPlainParameters) {
+    RegisterTestClass("TVORTestClass", DefWindowProcA);
+    const auto create = [](const char* title, DWORD style, int x, HWND parent, void* parameter) {
+        return CreateWindowExA(0, "TVORTestClass", title, style, x, 0, 0, CW_USEDEFAULT, parent, nullptr, nullptr,
+                               parameter);
+    };
+    int anything = 0;
+    EXPECT_FAILS(create("", 0x10000000, 0, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(create("", 0, 100, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(create("", 0, 0, ULongToHandle(0x12345), nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(create("", 0, 0, nullptr, &anything), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(create(std::string(257, 't').c_str(), 0, 0, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(IsWindow(create(std::string(256, 't').c_str(), 0, 0, nullptr, nullptr)));
+
+    const HWND window = create("A title", 0, CW_USEDEFAULT, nullptr, nullptr);
+    const HWND untitled = create(nullptr, 0, 0, nullptr, nullptr);
+    char text[260] = "";
+    SetLastError(1234);
+    EXPECT_EQ(GetWindowTextA(window, text, sizeof text), 7);
+    EXPECT_STREQ(text, "A title");
+    EXPECT_EQ(GetClassNameA(window, text, 5), 4);
+    EXPECT_STREQ(text, "TVOR");
+    EXPECT_EQ(GetWindowTextA(untitled, text, sizeof text), 0);
+    EXPECT_STREQ(text, "");
+    DWORD process = 0;
+    EXPECT_EQ(GetWindowThreadProcessId(window, &process), GetCurrentThreadId());
+    EXPECT_EQ(process, GetCurrentProcessId());
+    EXPECT_EQ(GetLastError(), 1234U) << "no failure so far";
+    EXPECT_FAILS(GetClassNameA(window, text, 0), ERROR_INVALID_PARAMETER);
+}
+
+TEST(Window, StaleAndForeignHandlesAreRefused) {
+    const HWND stale = MakeWindow("TVORTestClass");
+    ASSERT_TRUE(DestroyWindow(stale));
+    for (const HWND window : {stale, HWND{}, ULongToHandle(0xffff), INVALID_HANDLE_VALUE, ULongToHandle(0x7fffffff)}) {
+        char text[16] = "unchanged";
+        DWORD process = 77;
+        EXPECT_FALSE(IsWindow(window));
+        EXPECT_FAILS(PostMessageA(window, WM_APP, 0, 0), ERROR_INVALID_WINDOW_HANDLE);
+        EXPECT_FAILS(SendMessageTimeoutA(window, WM_APP, 0, 0, SMTO_NORMAL, 10, nullptr), ERROR_INVALID_WINDOW_HANDLE);
+        EXPECT_FAILS(DestroyWindow(window), ERROR_INVALID_WINDOW_HANDLE);
+        EXPECT_FAILS(GetClassNameA(window, text, sizeof text), ERROR_INVALID_WINDOW_HANDLE);
+        EXPECT_FAILS(GetWindowThreadProcessId(window, &process), ERROR_INVALID_WINDOW_HANDLE);
+        EXPECT_STREQ(text, "unchanged");
+        EXPECT_EQ(process, 77U);
+    }
+    MSG message;
+    EXPECT_FAILS(PeekMessageA(&message, stale, 0, 0, PM_REMOVE), ERROR_INVALID_WINDOW_HANDLE);
+    TestProcess other("OwnsWindows", {"other"});
+    const HWND foreign = ToWindow(other.Hear());
+    EXPECT_FAILS(DestroyWindow(foreign), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(IsWindow(foreign));
+}
+
+TEST(Window, HandlesAreUniqueAndFit32Bits) {
+    std::vector<HWND> windows;
+    for (int i = 0; i < 200; ++i) {
+        windows.push_back(MakeWindow("TVORTestClass"));
+        EXPECT_GE(reinterpret_cast<ULONG_PTR>(windows.back()), 0x10000U);
+        EXPECT_LE(reinterpret_cast<ULONG_PTR>(windows.back()), 0x7fffffffU);
+        // Values of windows that are gone do not come back soon.
+        EXPECT_TRUE(i % 2 == 0 || DestroyWindow(windows.back()));
+    }
+    EXPECT_EQ(AllWindows().size(), 100U);
+    std::sort(windows.begin(), windows.end());
+    EXPECT_EQ(std::adjacent_find(windows.begin(), windows.end()), windows.end());
+}
+
+TEST(Window, IsFoundFromOtherProcessesByClassAndTitle) {
+    TestProcess owner("OwnsWindows", {"First", "Second", "Third"});
+    const HWND first = ToWindow(owner.Hear());
+    const HWND second = ToWindow(owner.Hear());
+    const HWND third = ToWindow(owner.Hear());
+    const HWND mine = MakeWindow("TVOROtherClass", "second");
+
+    EXPECT_EQ(FindWindowA("TVORTestClass", "First"), first);
+    EXPECT_EQ(FindWindowA("tvortestclass", "sECOND"), second);
+    EXPECT_EQ(FindWindowA("TVORTestClass", nullptr), third) << "the newest of its class";
+    EXPECT_EQ(FindWindowA(nullptr, "Second"), mine) << "the newest with this title";
+    EXPECT_EQ(FindWindowA(nullptr, nullptr), mine);
+    EXPECT_FAILS(FindWindowA("TVORTestClass", "Secon"), ERROR_FILE_NOT_FOUND);
+    EXPECT_FAILS(FindWindowA("TVORTestClass", ""), ERROR_FILE_NOT_FOUND);
+    EXPECT_FAILS(FindWindowA("TVORTestClas", nullptr), ERROR_FILE_NOT_FOUND);
+    DWORD process = 0;
+    GetWindowThreadProcessId(second, &process);
+    EXPECT_EQ(process, owner.Id());
+
+    EXPECT_EQ(AllWindows(), (std::vector<HWND>{mine, third, second, first}));
+    int seen = 0;
+    const auto stopAtSecond = [](HWND, LPARAM count) -> BOOL { return ++*reinterpret_cast<int*>(count) < 2; };
+    EXPECT_FALSE(EnumWindows(stopAtSecond, reinterpret_cast<LPARAM>(&seen)));
+    EXPECT_EQ(seen, 2);
+
+    // Asked to close from outside, the owner's procedure destroys the window, and the process ends.
+    EXPECT_TRUE(PostMessageA(first, WM_CLOSE, 0, 0));
+    EXPECT_TRUE(WaitUntil([&] { return !IsWindow(first); }));
+    EXPECT_EQ(owner.Wait(), 7);
+    EXPECT_EQ(AllWindows(), std::vector<HWND>{mine});
+}
+
+TEST(Window, IsGoneWithAKilledProcess) {
+    TestProcess owner("OwnsWindows", {"Killed"});
+    const HWND window = ToWindow(owner.Hear());
+    TestProcess survivor("OwnsWindows", {"Survivor"});
+    const HWND other = ToWindow(survivor.Hear());
+    owner.Kill();
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_FAILS(PostMessageA(window, WM_APP, 0, 0), ERROR_INVALID_WINDOW_HANDLE);
+    EXPECT_EQ(FindWindowA("TVORTestClass", "Killed"), nullptr);
+    EXPECT_EQ(AllWindows(), std::vector<HWND>{other});
+}
+
+TEST(Window, IsGoneWithItsThread) {
+    HWND window = nullptr;
+    const auto makeAndEnd = [](LPVOID parameter) -> DWORD {
+        *static_cast<HWND*>(parameter) = MakeWindow("TVORTestClass");
+        return 0;
+    };
+    const HANDLE thread = CreateThread(nullptr, 0, makeAndEnd, &window, 0, nullptr);
+    ASSERT_EQ(WaitForSingleObject(thread, 20000), static_cast<DWORD>(WAIT_OBJECT_0));
+    CloseHandle(thread);
+    EXPECT_NE(window, nullptr);
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_TRUE(UnregisterClassA("TVORTestClass", nullptr)) << "it has no windows left";
+}
+
+// The procedure is told once, while the window still exists, and cannot destroy it a second time.
+TEST(Window, DestroyTellsTheProcedure) {
+    static int told;
+    told = 0;
+    const auto procedure = [](HWND window, UINT message, WPARAM, LPARAM) -> LRESULT {
+        told += message == WM_DESTROY && IsWindow(window) && !DestroyWindow(window);
+        return 0;
+    };
+    const HWND window = MakeWindow("TVORTestClass", "", procedure);
+    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
+    EXPECT_FALSE(QueueIsEmpty());
+    EXPECT_TRUE(DestroyWindow(window));
+    EXPECT_EQ(told, 1);
+    EXPECT_TRUE(QueueIsEmpty()) << "its messages are gone with it";
+}
