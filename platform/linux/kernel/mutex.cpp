@@ -59,7 +59,7 @@ Grab TryMutex(MutexObject& mutex, ThreadObject& thread) {
         return Grab::Got;
     }
     if (mutex.owner != nullptr) return Grab::Busy;
-    if (mutex.named && !LockFile(mutex.file, F_WRLCK))
+    if (mutex.file >= 0 && !LockFile(mutex.file, F_WRLCK))
         return errno == EAGAIN || errno == EACCES ? Grab::Busy : Grab::Failed;
     mutex.references.fetch_add(1, std::memory_order_relaxed);
     mutex.owned.store(true, std::memory_order_relaxed);
@@ -83,7 +83,7 @@ void GiveUp(MutexObject& mutex, bool abandon) ORIEL_LOCK_CHECK(requires_capabili
     mutex.depth = 0;
     mutex.owned.store(false, std::memory_order_relaxed);
     if (!abandon) mutex.head->owner.store(0, std::memory_order_relaxed);
-    if (mutex.named) LockFile(mutex.file, F_UNLCK);
+    if (mutex.file >= 0) LockFile(mutex.file, F_UNLCK);
 }
 
 void Ring(MutexObject& mutex) {
