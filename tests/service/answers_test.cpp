@@ -1,0 +1,272 @@
+// What each procedure answers.
+#include "service_under_test.h"
+
+#include <thread>
+
+TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
+    const Service service;
+    DWORD creator = 0;
+    DWORD other = 0;
+    EXPECT_EQ(OpenDatabase("TVORSQD_DB1", &other), kUnknownDatabase);
+    ASSERT_EQ(CreateDatabase("TVORSQD_DB1", &creator), kDone);
+    EXPECT_EQ(CreateDatabase("TVORSQD_DB1", &other), kDatabaseExists);
+    EXPECT_EQ(other, 0u);
+    EXPECT_EQ(OpenDatabase("TVORSQD_DB1", &other), kBeingInitialised);
+    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("TVORSQD_DB1").text);
+    ASSERT_NE(ready, nullptr);
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT});
+    EXPECT_EQ(WatchVariable(creator, "Any", kEveryWrite), kBeingInitialised);
+    EXPECT_EQ(EndDatabaseInitialization(creator), kDone);
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
+    CloseHandle(ready);
+    EXPECT_EQ(EndDatabaseInitialization(creator), kNotCreator);
+    ASSERT_EQ(OpenDatabase("TVORSQD_DB1", &other), kDone);
+    EXPECT_EQ(EndDatabaseInitialization(other), kNotCreator);
+    EXPECT_EQ(CreateDatabase("TVORSQD_DB1", &creator), kDatabaseExists);
+
+    DatabaseInfo info = {};
+    EXPECT_EQ(GetDatabaseInfo(other, &info), kDone);
+    EXPECT_EQ(info.openHandles, 2u);
+    EXPECT_EQ(CloseDatabase(other), kDone);
+    for (const LONG answer : {CloseDatabase(other), GetDatabaseInfo(other, &info), EndDatabaseInitialization(other)})
+        EXPECT_EQ(answer, kUnknownDatabase);
+    EXPECT_EQ(OpenDatabase("tvorsqd_db1", &other), kUnknownDatabase) << "names are exact";
+    for (const char* bad : {"", "12345678901234567890123456789012", "A\\B"})
+        EXPECT_EQ(CreateDatabase(bad, &other), kBadName) << bad;
+    EXPECT_EQ(CreateDatabase("1234567890123456789012345678901", &other), kDone);
+}
+
+TEST(Databases, AnUnfinishedOneThatIsClosedIsMadeAfresh) {
+    const Service service;
+    DWORD handle = 0;
+    ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
+    ASSERT_EQ(CreateVariable(handle, "Old", kTypeNumber, Number(1)), kDone);
+    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Database").text);
+    ASSERT_EQ(CloseDatabase(handle), kDone);
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0}) << "who waits is let go";
+    EXPECT_EQ(OpenDatabase("Database", &handle), kUnknownDatabase);
+    ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT}) << "and waits again";
+    VariableInfo info = {};
+    EXPECT_EQ(GetVariableInfo(handle, "Old", &info), kUnknownVariable);
+    EXPECT_EQ(EndDatabaseInitialization(handle), kDone);
+    CloseHandle(ready);
+}
+
+TEST(Variables, AreCreatedAsTheirTypeAllows) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(7)}});
+    const struct {
+        const char* name;
+        DWORD type;
+        Bytes value;
+        LONG answer;
+    } rows[] = {
+        {"Number", kTypeNumber, Number(8), kVariableExists},
+        {"number", kTypeNumber, Number(8), kDone}, // another name
+        {"Byte", kTypeByte, {1}, kDone},
+        {"WideByte", kTypeByte, Number(1), kDone}, // keeps four bytes
+        {"Word", kTypeWord, {1, 2}, kDone},
+        {"Text", kTypeString, BytesOf("hello"), kDone},
+        {"List", kTypeVariableLength, {}, kDone},
+        {"All", kTypeComposite, {}, kDone},
+        {"Empty", kTypeNumber, {}, kWrongSize},
+        {"EmptyText", kTypeString, {}, kWrongSize},
+        {"FullComposite", kTypeComposite, {1}, kWrongSize},
+        {"Strange", kTypeCount, {1}, kBadArgument},
+        {"", kTypeByte, {1}, kBadName},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(CreateVariable(handle, row.name, row.type, row.value), row.answer) << row.name;
+    EXPECT_EQ(CreateVariable(handle, "Reserved", kTypeByte, {1}, 1), kBadArgument);
+    EXPECT_EQ(CreateVariable(handle + 1, "Any", kTypeByte, {1}), kUnknownDatabase);
+    EXPECT_EQ(CreateVariable(handle, std::string(255, 'n'), kTypeByte, {1}), kDone);
+    EXPECT_EQ(CreateVariable(handle, std::string(256, 'n'), kTypeByte, {1}), kBadName);
+    EXPECT_EQ(ValueOf(handle, "Number"), Number(7));
+    EXPECT_EQ(ValueOf(handle, "Text"), BytesOf("hello"));
+    EXPECT_EQ(ValueOf(handle, "All"), Bytes{});
+}
+
+TEST(Variables, TakeValuesOfTheirSizes) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Byte", kTypeByte, {1}},
+                                                    {"Word", kTypeWord, {1, 2}},
+                                                    {"Number", kTypeNumber, Number(1)},
+                                                    {"Text", kTypeString, Bytes(32, 't')},
+                                                    {"Record", kTypeRecord, Bytes(12, 'r')},
+                                                    {"List", kTypeVariableLength, {4, 0, 0, 0, 0, 0, 0, 0}},
+                                                    {"All", kTypeComposite, {}}});
+    const struct {
+        const char* name;
+        size_t size;
+        LONG answer;
+    } rows[] = {
+        {"Byte", 1, kDone},        {"Byte", 2, kWrongSize},          {"Byte", 0, kWrongSize},
+        {"Word", 2, kDone},        {"Word", 1, kWrongSize},          {"Number", 4, kDone},
+        {"Number", 8, kWrongSize}, {"Number", 3, kWrongSize},        {"Text", 32, kDone},
+        {"Text", 5, kDone},        {"Text", 33, kWrongSize},         {"Record", 12, kDone},
+        {"Record", 7, kDone},      {"Record", 13, kWrongSize},       {"List", 3, kDone},
+        {"List", 100000, kDone},   {"List", kValueSizeMax, kDone},   {"List", 0, kDone},
+        {"All", 4, kWrongSize},    {"Missing", 4, kUnknownVariable},
+    };
+    unsigned char fill = 0;
+    for (const auto& row : rows) {
+        const Bytes before = row.answer == kWrongSize ? ValueOf(handle, row.name) : Bytes{};
+        const Bytes value(row.size, ++fill);
+        EXPECT_EQ(WriteVariable(handle, row.name, value), row.answer) << row.name << ' ' << row.size;
+        if (row.answer == kUnknownVariable) continue;
+        EXPECT_EQ(ValueOf(handle, row.name), row.answer == kDone ? value : before) << row.name << ' ' << row.size;
+    }
+}
+
+TEST(Variables, AShortBufferGetsTheSizeAndNoPartOfTheValue) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Record", kTypeRecord, Bytes(12, 'r')}});
+    for (const DWORD size : {1u, 11u, 12u, 13u, 4096u}) {
+        Bytes buffer;
+        DWORD valueSize = 0;
+        EXPECT_EQ(ReadVariable(handle, "Record", size, &buffer, &valueSize), size < 12 ? kBufferTooSmall : kDone);
+        EXPECT_EQ(valueSize, 12u);
+        Bytes expected(size);
+        if (size >= 12) std::fill_n(expected.begin(), 12, 'r');
+        EXPECT_EQ(buffer, expected) << size;
+    }
+    Bytes buffer;
+    DWORD valueSize = 1;
+    EXPECT_EQ(ReadVariable(handle, "Missing", 4, &buffer, &valueSize), kUnknownVariable);
+    EXPECT_EQ(buffer, Bytes(4));
+    EXPECT_EQ(valueSize, 0u);
+}
+
+TEST(Variables, CompanionsAreMadeByTheirFirstWrite) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Tray", kTypeNumber, Number(1)},
+                                                    {"Label", kTypeString, Bytes(32)},
+                                                    {"List", kTypeVariableLength, Bytes(8)},
+                                                    {"All", kTypeComposite, {}}});
+    VariableInfo info = {};
+    EXPECT_EQ(GetVariableInfo(handle, "TrayW", &info), kUnknownVariable) << "not before";
+    EXPECT_EQ(WriteVariable(handle, "TrayW", {1, 2}), kWrongSize);
+    EXPECT_EQ(GetVariableInfo(handle, "TrayW", &info), kUnknownVariable) << "nor by a write that is refused";
+    EXPECT_EQ(WriteVariable(handle, "TrayW", Number(9)), kDone);
+    EXPECT_EQ(ValueOf(handle, "TrayW"), Number(9));
+    EXPECT_EQ(WriteVariable(handle, "TrayW", Number(10)), kDone);
+    EXPECT_EQ(ValueOf(handle, "Tray"), Number(1));
+    EXPECT_EQ(WriteVariable(handle, "LabelW", BytesOf("x")), kDone);
+    EXPECT_EQ(WriteVariable(handle, "LabelW", Bytes(32, 'y')), kDone);
+    EXPECT_EQ(WriteVariable(handle, "LabelW", Bytes(33, 'y')), kWrongSize);
+    EXPECT_EQ(WriteVariable(handle, "ListW", Bytes(5000, 'z')), kDone);
+    for (const char* name : {"AllW", "TrayWW", "W", "OtherW"})
+        EXPECT_EQ(WriteVariable(handle, name, Number(1)), kUnknownVariable) << name;
+}
+
+TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBack) {
+    const Service service;
+    SYSTEMTIME now;
+    GetSystemTime(&now);
+    const ULONGLONG before = Milliseconds(now);
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+    ULONGLONG last = before;
+    for (DWORD i = 0; i < 200; ++i) {
+        VariableInfo info = {};
+        ASSERT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
+        EXPECT_GE(Milliseconds(info.writeTime), last);
+        last = Milliseconds(info.writeTime);
+        EXPECT_EQ(WriteVariable(handle, "Number", Number(i)), kDone);
+    }
+    GetSystemTime(&now);
+    EXPECT_LE(last, Milliseconds(now));
+    EXPECT_GE(Milliseconds(now) - before, last - before);
+}
+
+TEST(Requests, AreAnsweredThatNoPrinterSideServesThem) {
+    const Service service;
+    for (const char* request : {"ReadRequest:Front desk", "WriteRequest:p", "Refresh:p"})
+        EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << request;
+    for (const char* request : {"", "ReadRequest:", "readrequest:p", "ReadRequest", "Other:p"})
+        EXPECT_EQ(ForwardRequest(request), kBadArgument) << request;
+    EXPECT_EQ(ForwardRequest("Refresh:" + std::string(kRequestTextMax, 'p')), kBadArgument);
+}
+
+TEST(Composites, AreTheirMembersInListOrder) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"A", kTypeNumber, Number(0x11111111)},
+                                                    {"B", kTypeRecord, {1, 2, 3}},
+                                                    {"C", kTypeString, BytesOf("cc")},
+                                                    {"All", kTypeComposite, {}},
+                                                    {"Outer", kTypeComposite, {}},
+                                                    {"Self", kTypeComposite, {}}});
+    const struct {
+        const char* list;
+        LONG answer;
+        Bytes value;
+    } rows[] = {
+        {"A;B;", kDone, {0x11, 0x11, 0x11, 0x11, 1, 2, 3}},
+        {"B;ErrNSMError;A;", kDone, {1, 2, 3, 0x11, 0x11, 0x11, 0x11}}, // a member that is not there
+        {"C;C;", kDone, {'c', 'c', 0, 'c', 'c', 0}},
+        {"B", kDone, {1, 2, 3}},
+        {";;B;;", kDone, {1, 2, 3}},
+        {"Missing;", kDone, {}},
+        {"", kDone, {}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(SetCompositeMembers(handle, "All", row.list), row.answer);
+        EXPECT_EQ(ValueOf(handle, "All"), row.value) << row.list;
+    }
+    EXPECT_EQ(SetCompositeMembers(handle, "A", "B;"), kBadArgument);
+    EXPECT_EQ(SetCompositeMembers(handle, "Missing", "B;"), kUnknownVariable);
+    EXPECT_EQ(SetCompositeMembers(handle, "All", std::string(256, 'n') + ";"), kBadName);
+
+    // A member that comes later is there from then on; writes show at once.
+    ASSERT_EQ(SetCompositeMembers(handle, "All", "B;Late;"), kDone);
+    EXPECT_EQ(ValueOf(handle, "All"), (Bytes{1, 2, 3}));
+    EXPECT_EQ(CreateVariable(handle, "Late", kTypeByte, {9}), kDone);
+    EXPECT_EQ(WriteVariable(handle, "B", {4}), kDone);
+    EXPECT_EQ(ValueOf(handle, "All"), (Bytes{4, 9}));
+    DWORD size = 0;
+    EXPECT_EQ(ReadVariable(handle, "All", 1, nullptr, &size), kBufferTooSmall);
+    EXPECT_EQ(size, 2u);
+
+    // Its write time is the latest of its members'.
+    VariableInfo all = {};
+    VariableInfo member = {};
+    PauseMs(5); // so that the times can differ
+    EXPECT_EQ(WriteVariable(handle, "Late", {8}), kDone);
+    EXPECT_EQ(GetVariableInfo(handle, "All", &all), kDone);
+    EXPECT_EQ(GetVariableInfo(handle, "Late", &member), kDone);
+    EXPECT_EQ(Milliseconds(all.writeTime), Milliseconds(member.writeTime));
+    EXPECT_EQ(all.type, kTypeComposite);
+    EXPECT_EQ(all.size, 2u);
+
+    // Composites of composites, and of themselves.
+    EXPECT_EQ(SetCompositeMembers(handle, "Outer", "All;A;All;"), kDone);
+    EXPECT_EQ(ValueOf(handle, "Outer"), (Bytes{4, 8, 0x11, 0x11, 0x11, 0x11, 4, 8}));
+    EXPECT_EQ(SetCompositeMembers(handle, "Self", "Late;Self;"), kDone);
+    EXPECT_EQ(ValueOf(handle, "Self"), Bytes(kCompositeDepthMax, 8));
+}
+
+TEST(Composites, HaveBounds) {
+    const Service service;
+    const DWORD handle = ReadyDatabase(
+        "Database", {{"B", kTypeByte, {1}}, {"Inner", kTypeComposite, {}}, {"Outer", kTypeComposite, {}}});
+    std::string list;
+    for (DWORD i = 0; i < kCompositeMembersMax; ++i)
+        list += "B;";
+    EXPECT_EQ(SetCompositeMembers(handle, "Inner", list), kDone);
+    EXPECT_EQ(ValueOf(handle, "Inner"), Bytes(kCompositeMembersMax, 1));
+    EXPECT_EQ(SetCompositeMembers(handle, "Inner", list + "B;"), kLimitReached);
+    EXPECT_EQ(SetCompositeMembers(handle, "Inner", std::string(kMemberListMax + 1, ';')), kLimitReached);
+    list.clear();
+    for (DWORD i = 0; i < kCompositeMembersMax; ++i)
+        list += "Outer;"; // 64 to the fourth, were there no bound
+    EXPECT_EQ(SetCompositeMembers(handle, "Outer", list), kDone);
+    DWORD size = 1;
+    EXPECT_EQ(ReadVariable(handle, "Outer", 4096, nullptr, &size), kLimitReached);
+    EXPECT_EQ(size, 0u);
+    VariableInfo info = {};
+    EXPECT_EQ(GetVariableInfo(handle, "Outer", &info), kLimitReached);
+    // More bytes than any value may have.
+    EXPECT_EQ(CreateVariable(handle, "Large", kTypeVariableLength, Bytes(kValueSizeMax / 2 + 1)), kDone);
+    EXPECT_EQ(SetCompositeMembers(handle, "Outer", "Large;Large;"), kDone);
+    EXPECT_EQ(ReadVariable(handle, "Outer", 0, nullptr, &size), kLimitReached);
+}

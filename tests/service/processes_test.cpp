@@ -1,0 +1,245 @@
+// Clients and the service as processes: what one that is killed leaves behind, and what a killed service does to
+// others.
+#include "campaign.h"
+#include "private_machine.h"
+#include "service_under_test.h"
+
+#include <tvsqdz_variables.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+namespace {
+
+DWORD OpenHandlesOf(DWORD handle) {
+    DatabaseInfo info = {};
+    EXPECT_EQ(GetDatabaseInfo(handle, &info), kDone);
+    return info.openHandles;
+}
+
+} // namespace
+
+CHILD_PROCESS(OpensAndWatches) {
+    DWORD handle = 0;
+    for (int i = 0; i < 3; ++i)
+        if (OpenDatabase("Database", &handle) != kDone) return 1;
+    if (WatchVariable(handle, "Number", kEveryWrite) != kDone) return 1;
+    if (WatchVariable(handle, "Number", kOnlyChanges) != kDone) return 1;
+    child.Say(std::to_string(handle));
+    child.Hear();
+    return 0;
+}
+
+CHILD_PROCESS(CreatesAndStays) {
+    DWORD handle = 0;
+    if (CreateDatabase("Database", &handle) != kDone) return 1;
+    if (CreateVariable(handle, "Unfinished", kTypeNumber, Number(1)) != kDone) return 1;
+    child.Say("created");
+    child.Hear();
+    return 0;
+}
+
+TEST(Clients, AKilledOneGivesItsHandlesAndWatchesBack) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+    const KernelName event = VariableEventName(true, "Database", "Number", VariableSignal::Changed);
+    for (int round = 0; round < 3; ++round) {
+        TestProcess client("OpensAndWatches");
+        const DWORD foreign = static_cast<DWORD>(std::strtoul(client.Hear().c_str(), nullptr, 10));
+        EXPECT_EQ(OpenHandlesOf(handle), 4u);
+        DatabaseInfo info = {};
+        EXPECT_EQ(GetDatabaseInfo(foreign, &info), kUnknownDatabase) << "a handle of another process";
+        EXPECT_EQ(CloseDatabase(foreign), kUnknownDatabase);
+        EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched) << "nor its watches";
+        const HANDLE held = OpenEventA(SYNCHRONIZE, FALSE, event.text);
+        EXPECT_NE(held, nullptr);
+        CloseHandle(held);
+        client.Kill();
+        EXPECT_TRUE(WaitUntil([&] { return OpenHandlesOf(handle) == 1; }));
+        EXPECT_TRUE(WaitUntil([&] {
+            const HANDLE opened = OpenEventA(SYNCHRONIZE, FALSE, event.text);
+            if (opened) CloseHandle(opened);
+            return opened == nullptr;
+        })) << "the watched variable's event goes with its last watch";
+    }
+}
+
+TEST(Clients, AnUnfinishedDatabaseIsTakenOverFromAKilledCreator) {
+    const Service service;
+    for (int round = 0; round < 3; ++round) {
+        TestProcess creator("CreatesAndStays");
+        ASSERT_EQ(creator.Hear(), "created");
+        DWORD handle = 0;
+        EXPECT_EQ(CreateDatabase("Database", &handle), kDatabaseExists);
+        EXPECT_EQ(OpenDatabase("Database", &handle), kBeingInitialised);
+        const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Database").text);
+        ASSERT_NE(ready, nullptr);
+        EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT});
+        creator.Kill();
+        EXPECT_EQ(WaitForSingleObject(ready, 10000), DWORD{WAIT_OBJECT_0}) << "nobody waits for good";
+        CloseHandle(ready);
+        EXPECT_EQ(OpenDatabase("Database", &handle), kUnknownDatabase);
+        ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
+        VariableInfo info = {};
+        EXPECT_EQ(GetVariableInfo(handle, "Unfinished", &info), kUnknownVariable);
+        EXPECT_EQ(CloseDatabase(handle), kDone); // and is given up again
+    }
+}
+
+TEST(ServiceProcess, StopsInOrderWithItsClientsConnected) {
+    Service service;
+    TestProcess client = [] {
+        const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+        EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
+        return TestProcess("OpensAndWatches");
+    }();
+    client.Hear();
+    DWORD handle = 0;
+    EXPECT_EQ(CreateDatabase("Unfinished", &handle), kDone);
+    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Unfinished").text);
+    EXPECT_EQ(ServiceState(), DWORD{SERVICE_RUNNING});
+    service.process.Terminate();
+    EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors(); // and all that was charged has been given back
+    EXPECT_EQ(ServiceState(), DWORD{SERVICE_STOPPED});
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
+    CloseHandle(ready);
+    EXPECT_GT(OpenDatabase("Database", &handle), 0) << "the run-time says so";
+}
+
+TEST(ServiceProcess, ASecondOneDoesNotStart) {
+    const Service service;
+    EXPECT_NE(RunProgram(ProgramPath("TVSDBN.EXE")).exitCode, 0);
+    DWORD handle = 0;
+    EXPECT_EQ(CreateDatabase("Database", &handle), kDone);
+}
+
+TEST(ServiceProcess, ANewOneKnowsNothingOfTheOneBefore) {
+    DWORD old = 0;
+    {
+        Service service;
+        old = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+        service.process.Kill();
+    }
+    const Service service;
+    DWORD handle = 0;
+    EXPECT_EQ(OpenDatabase("Database", &handle), kUnknownDatabase);
+    DatabaseInfo info = {};
+    EXPECT_EQ(GetDatabaseInfo(old, &info), kUnknownDatabase);
+    ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
+    EXPECT_EQ(GetDatabaseInfo(old, &info), kUnknownDatabase);
+}
+
+// Every value is one byte repeated, as often as the byte says: a mix of two of them shows.
+TEST(Load, ManyThreadsNeverSeeATornValue) {
+    constexpr int kThreads = 16;
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"Record", kTypeRecord, Bytes(255, 255)},
+                                                    {"List", kTypeVariableLength, Bytes(1, 1)},
+                                                    {"All", kTypeComposite, {}}});
+    ASSERT_EQ(SetCompositeMembers(handle, "All", "Record;List;Record;"), kDone);
+    const uint64_t seed = Seed();
+    const int rounds = Rounds(400, 40000);
+    std::atomic<int> torn = 0;
+    const auto isWhole = [](const unsigned char* bytes, size_t size) {
+        return size == bytes[0] && std::all_of(bytes, bytes + size, [&](unsigned char c) { return c == bytes[0]; });
+    };
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            std::mt19937_64 random(seed + static_cast<uint64_t>(thread));
+            for (int round = 0; round < rounds; ++round) {
+                const char* name = random() % 2 ? "Record" : "List";
+                if (random() % 2) {
+                    const auto byte = static_cast<unsigned char>(1 + random() % 255);
+                    EXPECT_EQ(WriteVariable(handle, name, Bytes(byte, byte)), kDone);
+                    continue;
+                }
+                Bytes value;
+                DWORD size = 0;
+                EXPECT_EQ(ReadVariable(handle, name, 255, &value, &size), kDone);
+                if (!isWhole(value.data(), size)) ++torn;
+                // First and last part of the composite are one variable at one moment.
+                EXPECT_EQ(ReadVariable(handle, "All", 765, &value, &size), kDone);
+                const DWORD record = value[0];
+                const DWORD list = size - 2 * record;
+                if (2 * record > size || !isWhole(value.data(), record) || !isWhole(value.data() + record, list) ||
+                    !isWhole(value.data() + record + list, record))
+                    ++torn;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(torn, 0);
+}
+
+// Whoever is in a call when the service is killed gets an error at once.
+TEST(Campaign, CallsOfAKilledServiceReturn) {
+    constexpr int kThreads = 16;
+    // By itself, on a machine that does nothing else; elsewhere only that it ends.
+    const double boundMs = Rounds(5000, 100);
+    double worst = 0;
+    for (int round = 0; round < Rounds(3, 200); ++round) {
+        Service service;
+        const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+        std::atomic<int> calls = 0;
+        std::atomic<int> running = kThreads;
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < kThreads; ++thread) {
+            threads.emplace_back([&] {
+                Bytes value;
+                while (ReadVariable(handle, "Number", 4, &value) == kDone &&
+                       WriteVariable(handle, "Number", value) == kDone)
+                    ++calls;
+                --running;
+            });
+        }
+        EXPECT_TRUE(WaitUntil([&] { return calls > 50 * kThreads; }));
+        const double killed = NowMs();
+        service.process.KillOnly();
+        EXPECT_TRUE(WaitUntil([&] { return running == 0; }));
+        worst = std::max(worst, NowMs() - killed);
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    std::printf("worst: %.1f ms\n", worst);
+    EXPECT_LE(worst, boundMs);
+}
+
+// A thousand printers, as the library creates them.
+TEST(Campaign, AThousandPrintersTakeLittleMemory) {
+    Service service;
+    const auto residentKiB = [&] {
+        const std::string path = "/proc/" + std::to_string(service.process.Id()) + "/status";
+        FILE* file = std::fopen(path.c_str(), "r");
+        char line[256];
+        long size = 0;
+        while (file && std::fgets(line, sizeof line, file))
+            std::sscanf(line, "VmRSS: %ld", &size);
+        if (file) std::fclose(file);
+        return size;
+    };
+#define VARIABLE(name, type, size) {#name, size},
+    constexpr struct {
+        const char* name;
+        size_t size;
+    } kVariables[] = {TVS_BUILT_IN_VARIABLES(VARIABLE)};
+#undef VARIABLE
+    const long before = residentKiB();
+    for (int printer = 1; printer <= 1000; ++printer) {
+        DWORD handle = 0;
+        ASSERT_EQ(CreateDatabase("TVORSQD_DB" + std::to_string(printer), &handle), kDone);
+        for (const auto& [name, size] : kVariables)
+            ASSERT_EQ(CreateVariable(handle, name, size > 0 ? kTypeRecord : kTypeVariableLength,
+                                     Bytes(size > 0 ? size : 8, 1)),
+                      kDone);
+        ASSERT_EQ(EndDatabaseInitialization(handle), kDone);
+    }
+    const long after = residentKiB();
+    std::printf("resident: %ld KiB at the start, %ld KiB with 1,000 printers\n", before, after);
+    EXPECT_LT(after, 64 * 1024);
+}
