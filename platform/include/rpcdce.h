@@ -97,9 +97,9 @@ RPCRTAPI RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int MinimumCallThreads, u
 /* No call is taken from now on; those in progress go on and are answered. Binding must be NULL: this process.
  * RPC_S_NOT_LISTENING, RPC_S_WRONG_KIND_OF_BINDING. */
 RPCRTAPI RPC_STATUS RPC_ENTRY RpcMgmtStopServerListening(RPC_BINDING_HANDLE Binding);
-/* After a stop: waits until all calls are done, all connections closed and what belonged to them run down. Without a
- * time limit, since a call may last long. RPC_S_NOT_LISTENING when nothing listens; RPC_S_ALREADY_LISTENING when
- * another thread waits already. */
+/* Waits for a stop, then until all calls are done, all connections closed and what belonged to them run down. Without a
+ * time limit, since a call may last long. A stop has to be waited for before the process can listen again.
+ * RPC_S_NOT_LISTENING; RPC_S_ALREADY_LISTENING when another thread waits already. */
 RPCRTAPI RPC_STATUS RPC_ENTRY RpcMgmtWaitServerListen(void);
 
 /* The client of the call in progress. ClientBinding: RPC_MESSAGE.Handle, or NULL for the calling thread's.

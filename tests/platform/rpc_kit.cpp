@@ -163,6 +163,7 @@ RPC_STATUS ServeOn(const std::string& endpoint) {
     RPC_STATUS status =
         RpcServerUseProtseqEpA(Text("ncalrpc"), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, Text(endpoint), nullptr);
     if (status == RPC_S_OK) status = RegisterTestInterface();
+    if (status == RPC_S_ALREADY_REGISTERED) status = RPC_S_OK;
     if (status == RPC_S_OK) status = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
     return status;
 }

@@ -111,6 +111,7 @@ void UnixStream::Close() {
 UnixListener::UnixListener(const std::string& endpoint)
     : m_path(EndpointPath(endpoint)), m_descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     std::filesystem::create_directory(PrivateDirectory() + "/run/rpc");
+    unlink(m_path.c_str()); // of a server that was killed
     const sockaddr_un address = Address(endpoint);
     if (bind(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(m_descriptor, 16) != 0)

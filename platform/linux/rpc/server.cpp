@@ -22,7 +22,12 @@ namespace oriel::rpc {
 
 namespace {
 
-enum class State { idle, listening, stopping };
+enum class State {
+    idle,
+    listening,
+    stopping,   // told to stop, or stopped, and not yet waited for
+    abandoning, // could not begin on all endpoints
+};
 
 // Room for a dispatch function's work; pages that are never touched cost nothing.
 constexpr size_t kCallStackSize = 256 * 1024;
@@ -38,7 +43,7 @@ Word g_stops{0};
 void EndThread() {
     LockHold hold(g_lock);
     if (--g_threads != 0) return;
-    g_state = State::idle;
+    if (g_state == State::abandoning) g_state = State::idle;
     g_stops.fetch_add(1);
     WakeAll(g_stops, false);
 }
@@ -143,8 +148,8 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void StopListening() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
-    g_state = State::stopping;
+void StopListening(State state) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
+    g_state = state;
     for (const Endpoint& endpoint : *g_endpoints)
         if (endpoint.listener >= 0) shutdown(endpoint.listener, SHUT_RDWR);
     // A call in progress still gets its reply out; the next receive finds the end.
@@ -171,6 +176,7 @@ void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     }
     g_endpoints = nullptr;
     g_threads = 0;
+    g_waiting = false;
     g_state = State::idle;
     g_lock.ForgetOwner();
 }
@@ -235,7 +241,7 @@ RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int Do
             ++g_threads;
         }
         if (status != RPC_S_OK) {
-            if (g_state == State::listening) StopListening();
+            if (g_state == State::listening) StopListening(State::abandoning);
             return status;
         }
     }
@@ -246,22 +252,24 @@ RPC_STATUS RPC_ENTRY RpcMgmtStopServerListening(RPC_BINDING_HANDLE Binding) {
     if (Binding != nullptr) return RPC_S_WRONG_KIND_OF_BINDING;
     LockHold hold(g_lock);
     if (g_state != State::listening) return RPC_S_NOT_LISTENING;
-    StopListening();
+    StopListening(State::stopping);
     return RPC_S_OK;
 }
 
 RPC_STATUS RPC_ENTRY RpcMgmtWaitServerListen(void) {
-    SleepPoint stops{&g_stops, 0, false};
-    {
-        LockHold hold(g_lock);
-        if (g_state == State::idle) return RPC_S_NOT_LISTENING;
-        if (g_waiting) return RPC_S_ALREADY_LISTENING;
-        g_waiting = true;
-        stops.value = g_stops.load();
-    }
-    while (g_stops.load() == stops.value)
+    for (bool first = true;; first = false) {
+        SleepPoint stops{&g_stops, 0, false};
+        {
+            LockHold hold(g_lock);
+            if (first && g_state != State::listening && g_state != State::stopping) return RPC_S_NOT_LISTENING;
+            if (first && g_waiting) return RPC_S_ALREADY_LISTENING;
+            g_waiting = g_threads != 0;
+            if (!g_waiting) {
+                g_state = State::idle;
+                return RPC_S_OK;
+            }
+            stops.value = g_stops.load();
+        }
         SleepOn(&stops, 1, kNever);
-    LockHold hold(g_lock);
-    g_waiting = false;
-    return RPC_S_OK;
+    }
 }

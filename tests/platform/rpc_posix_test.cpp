@@ -1,0 +1,136 @@
+// What only a POSIX system can do to the run-time: files in its way, fork, descriptors that run out.
+#include "private_machine.h"
+#include "rpc_pdu_kit.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
+    fs::create_directory(PrivateDirectory() + "/run/rpc");
+    const std::string target = PrivateDirectory() + "/target";
+    const auto rows = {"link", "dangling", "directory", "fifo", "file", "lock", "held"};
+    fs::create_symlink(PrivateDirectory(), EndpointPath("link"));
+    fs::create_symlink(target, EndpointPath("dangling"));
+    fs::create_directory(EndpointPath("directory"));
+    ASSERT_EQ(mkfifo(EndpointPath("fifo").c_str(), 0666), 0);
+    ASSERT_GE(mknod(EndpointPath("file").c_str(), S_IFREG | 0666, 0), 0);
+    fs::create_symlink(target, EndpointPath(".lock.lock"));
+    const UnixListener foreign("held"); // by a server that knows nothing of locks
+    for (const char* name : rows) {
+        const bool lives = std::string(name) == "held";
+        EXPECT_EQ(ServeOn(name), lives ? RPC_S_DUPLICATE_ENDPOINT : RPC_S_CANT_CREATE_ENDPOINT) << name;
+        EXPECT_TRUE(fs::symlink_status(EndpointPath(name)).type() != fs::file_type::not_found ||
+                    std::string(name) == "lock");
+    }
+    EXPECT_FALSE(fs::exists(target));
+
+    {
+        TestServer dead("dead");
+        dead.Kill();
+    }
+    EXPECT_EQ(fs::symlink_status(EndpointPath("dead")).type(), fs::file_type::socket);
+    const mode_t mask = umask(0077);
+    EXPECT_EQ(ServeOn("dead"), RPC_S_OK);
+    EXPECT_EQ(umask(mask), 0077U);
+    struct stat status {};
+    ASSERT_EQ(stat(EndpointPath("dead").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
+    const TestBinding binding("dead");
+    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    EXPECT_EQ(RpcMgmtStopServerListening(nullptr), RPC_S_OK);
+    EXPECT_EQ(RpcMgmtWaitServerListen(), RPC_S_OK);
+    EXPECT_FALSE(fs::exists(EndpointPath("dead")));
+}
+
+TEST(RpcEndpoint, LongRunDirectoryIsServedToo) {
+    const std::string directory = PrivateDirectory() + "/" + std::string(100, 'd');
+    fs::create_directory(directory);
+    TestProcess server("RpcServer", {"test"}, {{"ORIEL_RUNTIME_DIR", directory}});
+    ASSERT_EQ(server.Hear(), "listening");
+    TestProcess client("RpcClient", {"1"}, {{"ORIEL_RUNTIME_DIR", directory}});
+    ASSERT_EQ(client.Hear(), "monitored");
+    client.Tell("thread");
+    EXPECT_EQ(client.Hear(), "status 0");
+}
+
+TEST(RpcFork, ChildIsAnotherClient) {
+    TestServer server;
+    const TestBinding binding;
+    EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 0U);
+    const pid_t child = fork();
+    if (child == 0) {
+        // Connects by itself, and leaves an association of its own behind.
+        const bool own = binding.Call(kMonitor, Number(2)).Number() == 0 &&
+                         binding.Call(kIdentify).Number() == static_cast<uint32_t>(getpid());
+        _exit(own ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(WaitUntil([&] { return binding.Call(kRundowns).Number(2) == 1; }));
+    EXPECT_EQ(binding.Call(kRundowns).Number(1), 0U);
+    EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 1U);
+}
+
+TEST(RpcFork, ChildOfAServerServesNobody) {
+    ASSERT_EQ(ServeOn("forks"), RPC_S_OK);
+    const TestBinding binding("forks");
+    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    int held[2];
+    ASSERT_EQ(pipe(held), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        char byte = 0;
+        close(held[1]);
+        const bool idle = RpcMgmtWaitServerListen() == RPC_S_NOT_LISTENING && ServeOn("another") == RPC_S_OK;
+        _exit(read(held[0], &byte, 1) == 0 && idle ? 0 : 1);
+    }
+    close(held[0]);
+    // The child lives on, and holds neither the clients nor the endpoint.
+    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    EXPECT_EQ(RpcMgmtStopServerListening(nullptr), RPC_S_OK);
+    EXPECT_EQ(RpcMgmtWaitServerListen(), RPC_S_OK);
+    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_SERVER_UNAVAILABLE);
+    close(held[1]);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(RpcServer, OutOfDescriptorsRefusesAndRecovers) {
+    TestServer server;
+    const TestBinding binding;
+    ASSERT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    rlimit limit{};
+    const auto process = static_cast<pid_t>(server.Process().Id());
+    ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, nullptr, &limit), 0);
+    limit.rlim_cur = 32;
+    ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, &limit, nullptr), 0);
+    std::vector<std::unique_ptr<UnixStream>> clients;
+    unsigned refused = 0;
+    while (clients.size() < 40) {
+        clients.push_back(std::make_unique<UnixStream>("test"));
+        clients.back()->Send(GoodBind());
+        const Bytes answer = clients.back()->ReceivePdu();
+        refused += TypeOf(answer) == kBindNakPdu && Get16(answer, 16) == 2; // local limit exceeded
+    }
+    EXPECT_GT(refused, 5U);
+    EXPECT_LT(refused, 40U);
+    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    const TestBinding late;
+    std::thread([&] { EXPECT_EQ(late.Call(kTouch).status, RPC_S_SERVER_TOO_BUSY); }).join();
+    clients.clear();
+    EXPECT_TRUE(WaitUntil([&] {
+        RPC_STATUS status = RPC_S_OK;
+        std::thread([&] { status = late.Call(kTouch).status; }).join();
+        return status == RPC_S_OK;
+    }));
+}

@@ -1,0 +1,186 @@
+// A client and what a server that is none, or a broken one, may answer.
+#include "rpc_pdu_kit.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+
+// Takes one connection after the other and answers a bind with `ack` and a request with `answer`, both at once, as
+// their client is known to send both. Then it says no more, and closes once it has read what the client sends.
+class FakeServer {
+public:
+    FakeServer() : m_listener("test") {}
+
+    Reply Serve(const Bytes& ack, const Bytes& answer, size_t readsOfRequest = 1000) {
+        std::thread server([&] {
+            UnixStream stream = m_listener.Accept();
+            stream.ReceivePdu();
+            stream.Send(Join({ack, answer}));
+            stream.EndSending();
+            stream.Receive(std::min<size_t>(readsOfRequest, kRequestSize));
+        });
+        const Reply reply = m_binding.Call(kEcho, {1, 2, 3, 4});
+        server.join();
+        return reply;
+    }
+
+private:
+    static constexpr size_t kRequestSize = 28;
+    UnixListener m_listener;
+    TestBinding m_binding{"test"};
+};
+
+Bytes Ack(unsigned type = kBindAckPdu, uint32_t group = 77, unsigned received = 4280, Result result = {0, 0},
+          const RPC_SYNTAX_IDENTIFIER& transfer = kNdrSyntax) {
+    Bytes body;
+    Put16(body, 4280);
+    Put16(body, received);
+    Put32(body, group);
+    body = Join({body, {5, 0, 't', 'e', 's', 't', 0, 0}, {1, 0, 0, 0}});
+    Put16(body, result.result);
+    Put16(body, result.reason);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&transfer);
+    body.insert(body.end(), bytes, bytes + sizeof transfer);
+    return Pdu(static_cast<uint8_t>(type), body);
+}
+
+Bytes Nak(unsigned reason) {
+    return Pdu(kBindNakPdu, {static_cast<uint8_t>(reason), 0, 1, 5, 0, 0, 0, 0});
+}
+
+Bytes Response(const Bytes& stub, unsigned flags = kOnly, uint32_t callId = 2, unsigned context = 0) {
+    return Pdu(kResponsePdu, CallBody(context, 0, stub), flags, callId);
+}
+
+Bytes FaultPdu(uint32_t status, unsigned flags = kOnly) {
+    Bytes stub;
+    Put32(stub, status);
+    Put32(stub, 0);
+    return Pdu(kFaultPdu, CallBody(0, 0, stub), flags, 2);
+}
+
+Bytes Changed(Bytes pdu, size_t at, uint8_t value) {
+    pdu[at] = value;
+    return pdu;
+}
+
+} // namespace
+
+TEST(RpcReply, AnswerToABindIsChecked) {
+    FakeServer server;
+    Bytes half = Ack();
+    half.resize(20);
+    struct Row {
+        const char* what;
+        Bytes ack;
+        RPC_STATUS status;
+    };
+    const Row rows[] = {
+        {"too busy", Nak(2), RPC_S_SERVER_TOO_BUSY},
+        {"version", Nak(4), RPC_S_PROTOCOL_ERROR},
+        {"no reason", Nak(0), RPC_S_PROTOCOL_ERROR},
+        {"interface", Ack(kBindAckPdu, 77, 4280, {2, 1}), RPC_S_UNKNOWN_IF},
+        {"transfer syntax", Ack(kBindAckPdu, 77, 4280, {2, 2}), RPC_S_UNSUPPORTED_TRANS_SYN},
+        {"limit", Ack(kBindAckPdu, 77, 4280, {2, 3}), RPC_S_SERVER_TOO_BUSY},
+        {"another transfer syntax", Ack(kBindAckPdu, 77, 4280, {0, 0}, kNdr64), RPC_S_PROTOCOL_ERROR},
+        {"no group", Ack(kBindAckPdu, 0), RPC_S_PROTOCOL_ERROR},
+        {"tiny fragments", Ack(kBindAckPdu, 77, 1431), RPC_S_PROTOCOL_ERROR},
+        {"alter-context-response", Ack(kAlterAckPdu), RPC_S_PROTOCOL_ERROR},
+        {"another call", Changed(Ack(), 12, 9), RPC_S_PROTOCOL_ERROR},
+        {"two results", Changed(Ack(), 32, 2), RPC_S_PROTOCOL_ERROR},
+        {"endless port", Changed(Ack(), 25, 0xFF), RPC_S_PROTOCOL_ERROR},
+        {"a response", Response({}, kOnly, 1), RPC_S_PROTOCOL_ERROR},
+        {"version 4", Changed(Ack(), 0, 4), RPC_S_PROTOCOL_ERROR},
+        {"nothing", {}, RPC_S_SERVER_UNAVAILABLE},
+        {"half of it", half, RPC_S_SERVER_UNAVAILABLE},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(server.Serve(row.ack, {}).status, row.status) << row.what;
+    EXPECT_EQ(server.Serve(Join({Pdu(kShutdownPdu, {}), Ack()}), Response({9})).body, Body({9}));
+}
+
+TEST(RpcReply, AnswerToARequestIsChecked) {
+    FakeServer server;
+    Bytes trailer = Response(Bytes(24));
+    trailer[10] = 16;
+    Bytes tooLarge = Response(Bytes(65000), kFirst);
+    const Bytes more = Response(Bytes(65000), 0);
+    while (tooLarge.size() <= (4 << 20))
+        tooLarge.insert(tooLarge.end(), more.begin(), more.end());
+    struct Row {
+        const char* what;
+        Bytes answer;
+        RPC_STATUS status;
+    };
+    const Row rows[] = {
+        {"good", Response({5, 6}), RPC_S_OK},
+        {"in pieces", Join({Response({5}, kFirst), Response({}, 0), Response({6}, kLast)}), RPC_S_OK},
+        {"after a shutdown", Join({Pdu(kShutdownPdu, {}), Response({5, 6})}), RPC_S_OK},
+        {"fault", FaultPdu(RPC_X_BAD_STUB_DATA), RPC_X_BAD_STUB_DATA},
+        {"fault after a piece", Join({Response({5}, kFirst), FaultPdu(5)}), RPC_S_ACCESS_DENIED},
+        {"fault 0", FaultPdu(0), RPC_S_CALL_FAILED},
+        {"fault -2", FaultPdu(0xFFFFFFFE), RPC_S_CALL_FAILED},
+        {"fault, not executed", FaultPdu(0x1C000012, kOnly | kNotExecuted), RPC_S_CALL_FAILED_DNE},
+        {"short fault", Pdu(kFaultPdu, CallBody(0, 0, {}), kOnly, 2), RPC_S_PROTOCOL_ERROR},
+        {"another call's", Response({5}, kOnly, 3), RPC_S_PROTOCOL_ERROR},
+        {"another context's", Response({5}, kOnly, 2, 1), RPC_S_PROTOCOL_ERROR},
+        {"not the first", Response({5}, kLast), RPC_S_PROTOCOL_ERROR},
+        {"another call's piece", Join({Response({5}, kFirst), Response({5}, kLast, 3)}), RPC_S_PROTOCOL_ERROR},
+        {"a request", Request(kEcho, {}), RPC_S_PROTOCOL_ERROR},
+        {"length 0", Changed(Response({5}), 8, 0), RPC_S_PROTOCOL_ERROR},
+        {"length 23", Changed(Response({5}), 8, 23), RPC_S_PROTOCOL_ERROR},
+        {"trailer", trailer, RPC_S_PROTOCOL_ERROR},
+        {"version 6", Changed(Response({5}), 0, 6), RPC_S_PROTOCOL_ERROR},
+        {"too large", tooLarge, RPC_S_PROTOCOL_ERROR},
+        {"too short", Changed(Response({5}), 8, 200), RPC_S_CALL_FAILED},
+        {"first piece alone", Response({5}, kFirst), RPC_S_CALL_FAILED},
+    };
+    for (const Row& row : rows) {
+        const Reply reply = server.Serve(Ack(), row.answer);
+        EXPECT_EQ(reply.status, row.status) << row.what;
+        EXPECT_TRUE(row.status != RPC_S_OK || reply.body == Body({5, 6})) << row.what;
+    }
+    EXPECT_EQ(server.Serve(Ack(), {}).status, RPC_S_CALL_FAILED);
+    EXPECT_EQ(server.Serve(Ack(), {}, 20).status, RPC_S_CALL_FAILED_DNE); // it has not read all of it
+}
+
+TEST(RpcReply, BigEndianReplyIsHandedOnWithItsLabel) {
+    UnixListener listener("test");
+    const TestBinding binding;
+    std::thread server([&] {
+        UnixStream stream = listener.Accept();
+        stream.ReceivePdu();
+        stream.Send(Ack());
+        stream.ReceivePdu();
+        stream.Send({5, 0, 2, 3, 0x00, 0, 0, 0, 0, 28, 0, 0, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 42});
+    });
+    RPC_MESSAGE message{};
+    message.Handle = binding.Handle();
+    message.RpcInterfaceInformation = &g_testClient;
+    message.DataRepresentation = 0x10;
+    ASSERT_EQ(I_RpcGetBuffer(&message), RPC_S_OK);
+    ASSERT_EQ(I_RpcSendReceive(&message), RPC_S_OK);
+    EXPECT_EQ(message.DataRepresentation, 0U);
+    ASSERT_EQ(message.BufferLength, 4U);
+    EXPECT_EQ(static_cast<uint8_t*>(message.Buffer)[3], 42);
+    I_RpcFreeBuffer(&message);
+    server.join();
+}
+
+TEST(RpcReply, DamagedAnswersLeaveTheClientWhole) {
+    FakeServer server;
+    unsigned fine = 0;
+    const auto check = [&](const Reply& reply) {
+        EXPECT_GE(reply.status, 0);
+        EXPECT_LE(reply.body.size(), 64U);
+        fine += reply.status == RPC_S_OK;
+    };
+    // What damages nothing that matters (the port's name, the cancel count) passes.
+    const Bytes response = Response({1, 2, 3, 4});
+    ForEachDamage(Ack(), [&](const Bytes& damaged) { check(server.Serve(damaged, response)); });
+    ForEachDamage(response, [&](const Bytes& damaged) { check(server.Serve(Ack(), damaged)); });
+    ForEachDamage(FaultPdu(5), [&](const Bytes& damaged) { check(server.Serve(Ack(), damaged)); });
+    EXPECT_GT(fine, 0U);
+    EXPECT_EQ(server.Serve(Ack(), response).body, Body({1, 2, 3, 4}));
+}
