@@ -17,7 +17,6 @@ WINBASE_BEGIN
 #define PRINTER_ENUM_LOCAL 0x00000002
 #define PRINTER_ENUM_CONNECTIONS 0x00000004
 
-#define PRINTER_ATTRIBUTE_QUEUED 0x00000001
 #define PRINTER_ATTRIBUTE_SHARED 0x00000008
 #define PRINTER_ATTRIBUTE_NETWORK 0x00000010
 #define PRINTER_ATTRIBUTE_LOCAL 0x00000040
@@ -85,11 +84,13 @@ WINBASEAPI BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, D
 WINBASEAPI BOOL WINAPI ClosePrinter(HANDLE printer);
 
 /* Adds a printer and opens it with PRINTER_ALL_ACCESS; level is 2, record a PRINTER_INFO_2A, server absent. Taken from
- * it: pServerName, pPrinterName, pShareName, pPortName, pDriverName, pComment, pLocation, pPrintProcessor, pDatatype; a
- * name has 1 to 220 characters without comma, the others up to 259 (1023 for pComment). Name, port and driver must be
- * there. All other fields must be 0 except Attributes, of which PRINTER_ATTRIBUTE_SHARED counts. Drivers and ports are
- * not looked up. NULL on failure: ERROR_PRINTER_ALREADY_EXISTS, ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER,
- * ERROR_ACCESS_DENIED (this user may not write the spool or the registry). */
+ * the record: pServerName (connections only; else from the name), pPrinterName, pShareName, pPortName, pDriverName,
+ * pComment, pLocation, pPrintProcessor ("winprint" when absent), pDatatype ("RAW"); a name has 1 to 220 characters
+ * without comma, a connection's is \\server\printer, the others have up to 259 (pComment 1,023). Name, port and driver
+ * must be there. Attributes: PRINTER_ATTRIBUTE_SHARED may be set, and what the name says anyway (LOCAL, NETWORK). All
+ * other fields must be 0 or empty. Drivers and ports are not looked up. NULL on failure: ERROR_PRINTER_ALREADY_EXISTS,
+ * ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED (this user may not write the spool or the
+ * registry). */
 WINBASEAPI HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record);
 
 /* Removes the printer, and its registry key with all that is below it; needs PRINTER_ACCESS_ADMINISTER. The handle

@@ -5,8 +5,11 @@
 #include <filesystem>
 #include <fstream>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <iterator>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +26,13 @@ bool LockWholeFile(const std::string& path) {
     const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
     struct flock lock {};
     lock.l_type = F_WRLCK;
+    return file >= 0 && fcntl(file, F_SETLK, &lock) == 0;
+}
+
+bool LockForReading(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
     return file >= 0 && fcntl(file, F_SETLK, &lock) == 0;
 }
 
@@ -67,4 +77,24 @@ void ReplaceFile(const std::string& path, const std::string& bytes) {
     std::filesystem::permissions(fresh, std::filesystem::perms(0644));
     std::filesystem::remove_all(path);
     std::filesystem::rename(fresh, path);
+}
+
+NotifySocket::NotifySocket(const std::string& path)
+    : m_path(path), m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+}
+
+NotifySocket::~NotifySocket() {
+    close(m_socket);
+}
+
+std::vector<std::string> NotifySocket::Messages() {
+    std::vector<std::string> messages;
+    char text[256];
+    for (ssize_t length = 0; (length = recv(m_socket, text, sizeof text, 0)) >= 0;)
+        messages.emplace_back(text, static_cast<size_t>(length));
+    return messages;
 }

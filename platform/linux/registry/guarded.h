@@ -3,6 +3,7 @@
 
 #include "kernel/termination.h"
 
+#include <errhandlingapi.h>
 #include <new>
 #include <stdexcept>
 #include <winerror.h>
@@ -21,6 +22,12 @@ auto Guarded(Procedure procedure) -> decltype(procedure()) {
     } catch (const std::length_error&) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
+}
+
+// The result of a call that gives TRUE or FALSE and sets the last error.
+inline BOOL Succeeds(DWORD error) {
+    if (error != ERROR_SUCCESS) SetLastError(error);
+    return error == ERROR_SUCCESS;
 }
 
 } // namespace oriel

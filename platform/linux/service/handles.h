@@ -3,7 +3,6 @@
 
 #include "kernel/handles.h"
 
-#include <errhandlingapi.h>
 #include <string>
 #include <winsvc.h>
 
@@ -19,11 +18,5 @@ extern const ObjectType kServiceType;
 
 // The key of a service's configuration, below HKEY_LOCAL_MACHINE.
 std::string ServiceKeyPath(const std::string& name);
-
-// The result of a call that gives TRUE or FALSE.
-inline BOOL Succeeds(DWORD error) {
-    if (error != ERROR_SUCCESS) SetLastError(error);
-    return error == ERROR_SUCCESS;
-}
 
 } // namespace oriel

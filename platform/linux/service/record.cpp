@@ -5,6 +5,7 @@
 
 #include "directories.h"
 #include "kernel/errors.h"
+#include "kernel/futex.h"
 #include "registry/names.h"
 
 #include <cerrno>
@@ -88,6 +89,15 @@ bool IsStillThere(const std::string& path, const struct stat& file) {
     return lstat(path.c_str(), &there) == 0 && there.st_dev == file.st_dev && there.st_ino == file.st_ino;
 }
 
+// Makes room, where this user may: the folder is everybody's, but sticky.
+bool TakeAway(const std::string& path) {
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+    if (errno != EISDIR && errno != EPERM) return false;
+    // A directory, which may be filled with anything, is moved aside.
+    const std::string aside = path + "." + std::to_string(getpid()) + "." + std::to_string(MonotonicNs());
+    return rename(path.c_str(), aside.c_str()) == 0;
+}
+
 SERVICE_STATUS Stopped(DWORD exitCode) {
     SERVICE_STATUS status = {};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
@@ -117,27 +127,9 @@ bool LookOnce(const std::string& path, const Descriptor& file, const struct stat
     return true;
 }
 
-} // namespace
-
-std::string FoldServiceName(const char* name) {
-    const std::string_view text = name != nullptr ? name : "";
-    if (text.empty() || text.size() > kLongestServiceName) return {};
-    for (const char c : text)
-        if (c == '/' || c == '\\' || static_cast<unsigned char>(c) < ' ') return {};
-    return FoldName(text);
-}
-
-DWORD ReadServiceState(const std::string& folded, ServiceState* state) {
-    *state = {};
+// The state of a service that this process does not run.
+DWORD ReadOthersState(const std::string& path, ServiceState* state) {
     state->status = Stopped(ERROR_SERVICE_NEVER_STARTED);
-    if (OwnStatus(folded, &state->status)) {
-        state->known = true;
-        state->running = state->status.dwCurrentState != SERVICE_STOPPED;
-        state->process = getpid();
-        state->lastProcess = static_cast<DWORD>(getpid());
-        return ERROR_SUCCESS;
-    }
-    const std::string path = RecordPath(folded);
     if (path.empty()) return ERROR_PATH_NOT_FOUND;
     // A service that starts and stops all the time is looked at again only so often.
     constexpr int kLooks = 20;
@@ -150,6 +142,26 @@ DWORD ReadServiceState(const std::string& folded, ServiceState* state) {
         if (LookOnce(path, file, status, state)) return ERROR_SUCCESS;
     }
     return ERROR_BUSY;
+}
+
+} // namespace
+
+std::string FoldServiceName(const char* name) {
+    const std::string_view text = name != nullptr ? name : "";
+    if (text.empty() || text.size() > kLongestServiceName) return {};
+    for (const char c : text)
+        if (c == '/' || c == '\\' || static_cast<unsigned char>(c) < ' ') return {};
+    return FoldName(text);
+}
+
+DWORD ReadServiceState(const std::string& folded, ServiceState* state) {
+    *state = {};
+    if (!OwnStatus(folded, &state->status)) return ReadOthersState(RecordPath(folded), state);
+    state->known = true;
+    state->running = state->status.dwCurrentState != SERVICE_STOPPED;
+    state->process = getpid();
+    state->lastProcess = static_cast<DWORD>(getpid());
+    return ERROR_SUCCESS;
 }
 
 DWORD OwnRecord::TryAcquire(const std::string& path, bool* again) {
@@ -174,9 +186,9 @@ DWORD OwnRecord::TryAcquire(const std::string& path, bool* again) {
     ServiceState other;
     if (file.IsOpen() || errno != ENOENT) {
         file.Close();
-        if (ReadServiceState(m_folded, &other) == ERROR_SUCCESS && other.running) return ERROR_SERVICE_ALREADY_RUNNING;
+        if (ReadOthersState(path, &other) == ERROR_SUCCESS && other.running) return ERROR_SERVICE_ALREADY_RUNNING;
     }
-    *again = unlink(path.c_str()) == 0 || errno == ENOENT;
+    *again = TakeAway(path);
     return ERROR_ACCESS_DENIED;
 }
 

@@ -1,0 +1,140 @@
+#include "spooler/printer_record.h"
+
+#include "registry/names.h"
+
+#include <cstring>
+
+namespace oriel {
+namespace {
+
+constexpr size_t kLongestName = 220;
+
+struct PrinterText {
+    LPSTR PRINTER_INFO_2A::*field;
+    size_t longest;
+    bool required = false;
+    const char* otherwise = ""; // when it is absent or empty
+};
+
+// In the order of Printer::texts.
+constexpr PrinterText kPrinterTexts[kPrinterTextCount] = {
+    {&PRINTER_INFO_2A::pPrinterName, kLongestName, true},
+    {&PRINTER_INFO_2A::pServerName, 259},
+    {&PRINTER_INFO_2A::pShareName, 259},
+    {&PRINTER_INFO_2A::pPortName, 259, true},
+    {&PRINTER_INFO_2A::pDriverName, 259, true},
+    {&PRINTER_INFO_2A::pComment, 1023},
+    {&PRINTER_INFO_2A::pLocation, 259},
+    {&PRINTER_INFO_2A::pPrintProcessor, 259, false, "winprint"},
+    {&PRINTER_INFO_2A::pDatatype, 259, false, "RAW"},
+};
+static_assert(kPrinterTexts[kPrinterName].field == &PRINTER_INFO_2A::pPrinterName);
+constexpr size_t kServerText = 1;
+
+// Texts that every printer has and that are always empty.
+constexpr LPSTR PRINTER_INFO_2A::*kEmptyTexts[] = {&PRINTER_INFO_2A::pSepFile, &PRINTER_INFO_2A::pParameters};
+
+bool IsPresent(const char* text) {
+    return text != nullptr && *text != '\0';
+}
+
+// A connection's name is \\server\printer. Commas divide the entries of the profile that name printers.
+bool IsPrinterName(std::string_view name) {
+    if (name.empty() || name.size() > kLongestName || EndsWithinCharacter(name)) return false;
+    for (const char c : name)
+        if (c == ',' || static_cast<unsigned char>(c) < ' ') return false;
+    if (!IsConnection(name)) return name.front() != '\\';
+    const size_t behindServer = name.find('\\', 2);
+    return behindServer != std::string_view::npos && behindServer > 2 && behindServer + 1 < name.size();
+}
+
+// Strings fill the buffer from its end.
+struct StringSpace {
+    LPBYTE end;
+
+    LPSTR Put(std::string_view text) {
+        end -= text.size() + 1;
+        std::memcpy(end, text.data(), text.size());
+        end[text.size()] = '\0';
+        return reinterpret_cast<LPSTR>(end);
+    }
+};
+
+PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
+    PRINTER_INFO_2A record = {};
+    for (size_t text = 0; text < kPrinterTextCount; ++text) {
+        if (text == kServerText && printer.texts[text].empty()) continue; // absent for a local printer
+        record.*kPrinterTexts[text].field = strings.Put(printer.texts[text]);
+    }
+    for (const auto field : kEmptyTexts)
+        record.*field = strings.Put({});
+    record.Attributes = printer.attributes;
+    record.Priority = 1;
+    return record;
+}
+
+size_t SizeOf(const Printer& printer) {
+    size_t size = sizeof(PRINTER_INFO_2A) + std::size(kEmptyTexts);
+    for (size_t text = 0; text < kPrinterTextCount; ++text)
+        if (text != kServerText || !printer.texts[text].empty()) size += printer.texts[text].size() + 1;
+    return size;
+}
+
+} // namespace
+
+bool IsConnection(std::string_view name) {
+    return name.starts_with("\\\\");
+}
+
+std::string PrinterKeyName(std::string_view name) {
+    std::string key;
+    for (size_t at = 0; at < name.size();) {
+        const size_t length = CharacterLength(name, at);
+        if (length == 1 && name[at] == '\\')
+            key += ',';
+        else
+            key += name.substr(at, length);
+        at += length;
+    }
+    return key;
+}
+
+DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed) {
+    size_t total = 0;
+    for (const Printer& printer : printers)
+        total += SizeOf(printer);
+    *needed = static_cast<DWORD>(total);
+    if (total == 0) return ERROR_SUCCESS;
+    if (buffer == nullptr || size < total) return ERROR_INSUFFICIENT_BUFFER;
+    StringSpace strings{buffer + size};
+    for (size_t at = 0; at < printers.size(); ++at) {
+        const PRINTER_INFO_2A record = RecordOf(printers[at], strings);
+        // The caller's buffer need not be aligned.
+        std::memcpy(buffer + at * sizeof record, &record, sizeof record);
+    }
+    return ERROR_SUCCESS;
+}
+
+DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer) {
+    if (record.pDevMode != nullptr || record.pSecurityDescriptor != nullptr || IsPresent(record.pSepFile) ||
+        IsPresent(record.pParameters) || record.Priority != 0 || record.DefaultPriority != 0 || record.StartTime != 0 ||
+        record.UntilTime != 0 || record.Status != 0 || record.cJobs != 0 || record.AveragePPM != 0)
+        return ERROR_INVALID_PARAMETER;
+    if (record.pPrinterName == nullptr || !IsPrinterName(record.pPrinterName)) return ERROR_INVALID_PRINTER_NAME;
+    for (size_t text = 0; text < kPrinterTextCount; ++text) {
+        const char* given = record.*kPrinterTexts[text].field;
+        if (kPrinterTexts[text].required && !IsPresent(given)) return ERROR_INVALID_PARAMETER;
+        printer->texts[text] = IsPresent(given) ? given : kPrinterTexts[text].otherwise;
+        if (printer->texts[text].size() > kPrinterTexts[text].longest) return ERROR_INVALID_PARAMETER;
+    }
+    const std::string& name = printer->Name();
+    std::string& server = printer->texts[kServerText];
+    if (!IsConnection(name) && !server.empty()) return ERROR_INVALID_PARAMETER;
+    if (IsConnection(name) && server.empty()) server = name.substr(0, name.find('\\', 2));
+    const DWORD kind = IsConnection(name) ? PRINTER_ATTRIBUTE_NETWORK : PRINTER_ATTRIBUTE_LOCAL;
+    if ((record.Attributes & ~(kind | PRINTER_ATTRIBUTE_SHARED)) != 0) return ERROR_INVALID_PARAMETER;
+    printer->attributes = record.Attributes | kind;
+    return ERROR_SUCCESS;
+}
+
+} // namespace oriel

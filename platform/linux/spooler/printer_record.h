@@ -1,0 +1,23 @@
+// Printers as the PRINTER_INFO_2A records of callers.
+#pragma once
+
+#include "spooler/store.h"
+
+#include <span>
+
+namespace oriel {
+
+// Writes one record for each printer at the start of the buffer, and their strings at its end. *needed: the bytes that
+// it takes. ERROR_INSUFFICIENT_BUFFER, with the buffer untouched.
+DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed);
+
+// A record that a caller wants to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.
+DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer);
+
+// Whether a printer of this name is another machine's.
+bool IsConnection(std::string_view name);
+
+// A printer's key below the Printers key: its name with commas for backslashes.
+std::string PrinterKeyName(std::string_view name);
+
+} // namespace oriel

@@ -1,0 +1,175 @@
+// The spooler's calls on printers. State: handles; the printers themselves are in the store.
+#include "kernel/handles.h"
+#include "registry/changes.h"
+#include "registry/guarded.h"
+#include "registry/names.h"
+#include "registry/rights.h"
+#include "spooler/printer_record.h"
+#include "spooler/store.h"
+
+#include <cstring>
+#include <handleapi.h>
+
+namespace oriel {
+namespace {
+
+constexpr const char* kPrintersKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+
+struct PrinterObject : Object {
+    int64_t id;
+};
+
+void DropPrinter(Object* object) {
+    if (LastReference(object)) delete static_cast<PrinterObject*>(object);
+}
+constexpr ObjectType kPrinterType{.name = "printer", .drop = DropPrinter};
+
+constexpr RightsMap kPrinterRights = {.read = READ_CONTROL | PRINTER_ACCESS_USE,
+                                      .write = READ_CONTROL | PRINTER_ACCESS_USE,
+                                      .execute = READ_CONTROL | PRINTER_ACCESS_USE,
+                                      .all = PRINTER_ALL_ACCESS};
+constexpr DWORD kPrinterReaders = READ_CONTROL | PRINTER_ACCESS_USE;
+
+DWORD OpenPrinterHandle(int64_t id, DWORD access, HANDLE* handle) {
+    *handle = NewHandle(new PrinterObject{{&kPrinterType}, id}, access);
+    return *handle != nullptr ? ERROR_SUCCESS : GetLastError();
+}
+
+DWORD OpenNamedPrinter(LPCSTR name, LPHANDLE printer, const PRINTER_DEFAULTSA* defaults) {
+    if (printer == nullptr) return ERROR_INVALID_PARAMETER;
+    if (defaults != nullptr && (defaults->pDatatype != nullptr || defaults->pDevMode != nullptr))
+        return ERROR_INVALID_PARAMETER;
+    if (name == nullptr || *name == '\0') return ERROR_INVALID_PRINTER_NAME;
+    int64_t id = 0;
+    const DWORD error = FindPrinter(FoldName(name), &id);
+    if (error != ERROR_SUCCESS) return error == ERROR_FILE_NOT_FOUND ? ERROR_INVALID_PRINTER_NAME : error;
+    const DWORD asked =
+        defaults != nullptr && defaults->DesiredAccess != 0 ? defaults->DesiredAccess : PRINTER_ACCESS_USE;
+    DWORD granted = 0;
+    const DWORD refused = GrantRights(asked, kPrinterRights, kPrinterReaders, SpoolStore(), &granted);
+    return refused == ERROR_SUCCESS ? OpenPrinterHandle(id, granted, printer) : refused;
+}
+
+// What Windows NT keeps of a local printer in the registry.
+LSTATUS WritePrinterKey(const Printer& printer) {
+    const std::string path = kPrintersKey + PrinterKeyName(printer.Name());
+    static constexpr const char* kValueNames[kPrinterTextCount] = {"Name",     nullptr,           "Share Name",
+                                                                   "Port",     "Printer Driver",  "Description",
+                                                                   "Location", "Print Processor", "Datatype"};
+    std::vector<RegistryChange> changes;
+    for (size_t text = 0; text < kPrinterTextCount; ++text) {
+        if (kValueNames[text] == nullptr) continue;
+        changes.push_back({RegistryChange::kSetValue, Root::kMachine, path, kValueNames[text], REG_SZ,
+                           TextData(printer.texts[text])});
+    }
+    changes.push_back(
+        {RegistryChange::kSetValue, Root::kMachine, path, "Attributes", REG_DWORD, DwordData(printer.attributes)});
+    changes.push_back({RegistryChange::kMakeKey, Root::kMachine, path + "\\PrinterDriverData"});
+    return ApplyChanges(changes);
+}
+
+LSTATUS DeletePrinterKey(const Printer& printer) {
+    const RegistryChange removal{RegistryChange::kDeleteTree, Root::kMachine,
+                                 kPrintersKey + PrinterKeyName(printer.Name())};
+    return ApplyChanges({&removal, 1});
+}
+
+// The spool's change is ended behind the registry's: killed between the two, a key is left without a printer, and the
+// next printer of that name takes it over.
+DWORD AddNewPrinter(const PRINTER_INFO_2A& record, HANDLE* handle) {
+    Printer printer;
+    DWORD error = ReadPrinterRecord(record, &printer);
+    if (error != ERROR_SUCCESS) return error;
+    const std::string folded = FoldName(printer.Name());
+    DatabaseHold hold(SpoolStore(), DatabaseUse::kChange);
+    if (hold.Error() != ERROR_SUCCESS) return hold.Error();
+    int64_t id = 0;
+    error = AddPrinterRow(hold, printer, folded, &id);
+    if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(WritePrinterKey(printer));
+    if (error == ERROR_SUCCESS) error = hold.Commit();
+    return error == ERROR_SUCCESS ? OpenPrinterHandle(id, PRINTER_ALL_ACCESS, handle) : error;
+}
+
+DWORD ReadOpenPrinter(const PrinterObject& open, Printer* printer) {
+    const DWORD error = ReadPrinter(open.id, printer);
+    return error == ERROR_FILE_NOT_FOUND ? ERROR_PRINTER_DELETED : error;
+}
+
+DWORD DeleteOpenPrinter(const PrinterObject& open) {
+    Printer printer;
+    DWORD error = ReadOpenPrinter(open, &printer);
+    if (error != ERROR_SUCCESS) return error;
+    DatabaseHold hold(SpoolStore(), DatabaseUse::kChange);
+    if (hold.Error() != ERROR_SUCCESS) return hold.Error();
+    error = DeletePrinterRow(hold, open.id);
+    if (error == ERROR_FILE_NOT_FOUND) return ERROR_PRINTER_DELETED;
+    if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(DeletePrinterKey(printer));
+    return error == ERROR_SUCCESS ? hold.Commit() : error;
+}
+
+} // namespace
+} // namespace oriel
+
+using namespace oriel;
+
+BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
+                          LPDWORD returned) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        if (needed == nullptr || returned == nullptr || name != nullptr) return ERROR_INVALID_PARAMETER;
+        *needed = 0;
+        *returned = 0;
+        if (level != 2) return ERROR_INVALID_LEVEL;
+        if (flags == 0 || (flags & ~(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS)) != 0) return ERROR_INVALID_FLAGS;
+        std::vector<Printer> printers;
+        DWORD error = oriel::ListPrinters(&printers);
+        if (error != ERROR_SUCCESS) return error;
+        std::erase_if(printers, [flags](const Printer& printer) {
+            return (flags & (IsConnection(printer.Name()) ? PRINTER_ENUM_CONNECTIONS : PRINTER_ENUM_LOCAL)) == 0;
+        });
+        error = WritePrinterRecords(printers, buffer, size, needed);
+        if (error == ERROR_SUCCESS) *returned = static_cast<DWORD>(printers.size());
+        return error;
+    }));
+}
+
+BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults) {
+    return Succeeds(Guarded([&] { return OpenNamedPrinter(name, printer, defaults); }));
+}
+
+BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        if (needed == nullptr) return ERROR_INVALID_PARAMETER;
+        if (level != 2) return ERROR_INVALID_LEVEL;
+        Printer found;
+        const DWORD error = ReadOpenPrinter(*open.Get(), &found);
+        return error == ERROR_SUCCESS ? WritePrinterRecords({&found, 1}, buffer, size, needed) : error;
+    }));
+}
+
+BOOL WINAPI ClosePrinter(HANDLE printer) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, 0);
+        return open && CloseHandle(printer) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+    }));
+}
+
+HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record) {
+    HANDLE handle = nullptr;
+    const DWORD error = Guarded([&]() -> DWORD {
+        if (server != nullptr || record == nullptr) return ERROR_INVALID_PARAMETER;
+        if (level != 2) return ERROR_INVALID_LEVEL;
+        PRINTER_INFO_2A copy; // the caller's need not be aligned
+        std::memcpy(&copy, record, sizeof copy);
+        return AddNewPrinter(copy, &handle);
+    });
+    return Succeeds(error) ? handle : nullptr;
+}
+
+BOOL WINAPI DeletePrinter(HANDLE printer) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_ADMINISTER);
+        return open ? DeleteOpenPrinter(*open.Get()) : GetLastError(); // the use has set it
+    }));
+}

@@ -1,0 +1,284 @@
+// Printers of the spooler: how records lie in a caller's buffer, what is kept where, who may change it.
+#include "private_machine.h"
+#include "store_kit.h"
+#include "test_process.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+#include <winspool.h>
+
+#include <cstring>
+#include <filesystem>
+
+namespace {
+
+const std::string kPrintersKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+
+// A record and its texts; the last error is its result.
+DWORD Add(std::string name, std::string driver = "Driver", std::string port = "LPT1:", DWORD attributes = 0,
+          HANDLE* handle = nullptr) {
+    std::string comment = "of " + name;
+    PRINTER_INFO_2A record{};
+    record.pPrinterName = name.data();
+    record.pDriverName = driver.data();
+    record.pPortName = port.data();
+    record.pComment = comment.data();
+    record.Attributes = attributes;
+    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&record));
+    if (printer == nullptr) return GetLastError();
+    if (handle != nullptr)
+        *handle = printer;
+    else
+        ClosePrinter(printer);
+    return ERROR_SUCCESS;
+}
+
+DWORD Open(std::string name, HANDLE* printer, ACCESS_MASK access = 0) {
+    PRINTER_DEFAULTSA defaults{nullptr, nullptr, access};
+    return OpenPrinterA(name.data(), printer, access != 0 ? &defaults : nullptr) ? ERROR_SUCCESS : GetLastError();
+}
+
+std::vector<std::string> Names(DWORD flags) {
+    DWORD needed = 0;
+    DWORD returned = 0;
+    EnumPrintersA(flags, nullptr, 2, nullptr, 0, &needed, &returned);
+    std::vector<BYTE> buffer(needed);
+    EXPECT_TRUE(EnumPrintersA(flags, nullptr, 2, buffer.data(), needed, &needed, &returned)) << GetLastError();
+    std::vector<std::string> names;
+    for (DWORD at = 0; at < returned; ++at)
+        names.emplace_back(reinterpret_cast<PRINTER_INFO_2A*>(buffer.data())[at].pPrinterName);
+    return names;
+}
+
+std::string RegistryText(const std::string& key, const char* value) {
+    HKEY open = nullptr;
+    char text[256] = "";
+    DWORD size = sizeof text;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, (kPrintersKey + key).c_str(), 0, KEY_READ, &open) != ERROR_SUCCESS)
+        return "no key";
+    const LSTATUS status = RegQueryValueExA(open, value, nullptr, nullptr, reinterpret_cast<BYTE*>(text), &size);
+    RegCloseKey(open);
+    return status == ERROR_SUCCESS ? text : "no value";
+}
+
+using List = std::vector<std::string>;
+
+} // namespace
+
+TEST(Spooler, WithoutPrintersNothingIsNeededAndNothingIsMade) {
+    DWORD needed = 7;
+    DWORD returned = 7;
+    EXPECT_TRUE(EnumPrintersA(PRINTER_ENUM_LOCAL, nullptr, 2, nullptr, 0, &needed, &returned));
+    EXPECT_EQ(needed, 0U);
+    EXPECT_EQ(returned, 0U);
+    HANDLE printer = nullptr;
+    EXPECT_EQ(Open("Any", &printer), DWORD{ERROR_INVALID_PRINTER_NAME});
+    EXPECT_TRUE(std::filesystem::is_empty(PrivateDirectory() + "/state"));
+}
+
+TEST(Spooler, RecordsStandInFrontAndTheirTextsAtTheEnd) {
+    ASSERT_EQ(Add("First", "A", "COM1:", PRINTER_ATTRIBUTE_SHARED), DWORD{ERROR_SUCCESS});
+    ASSERT_EQ(Add("\\\\server\\second", "B", "net"), DWORD{ERROR_SUCCESS});
+    DWORD needed = 0;
+    DWORD returned = 0;
+    constexpr DWORD kBoth = PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS;
+    EXPECT_FALSE(EnumPrintersA(kBoth, nullptr, 2, nullptr, 0, &needed, &returned));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
+    ASSERT_GT(needed, 2 * sizeof(PRINTER_INFO_2A));
+
+    // One byte less, just enough, more than enough; at an odd address too.
+    std::vector<BYTE> memory(needed + 102, 0xee);
+    const DWORD whole = needed;
+    EXPECT_FALSE(EnumPrintersA(kBoth, nullptr, 2, memory.data(), whole - 1, &needed, &returned));
+    EXPECT_EQ(returned, 0U);
+    EXPECT_EQ(memory, std::vector<BYTE>(memory.size(), 0xee));
+    for (const DWORD offset : {0U, 1U})
+        for (const DWORD more : {0U, 100U}) {
+            std::fill(memory.begin(), memory.end(), 0xee);
+            BYTE* buffer = memory.data() + offset;
+            ASSERT_TRUE(EnumPrintersA(kBoth, nullptr, 2, buffer, whole + more, &needed, &returned));
+            EXPECT_EQ(needed, whole);
+            ASSERT_EQ(returned, 2U);
+            EXPECT_EQ(memory.back(), 0xee);
+            PRINTER_INFO_2A records[2];
+            std::memcpy(records, buffer, sizeof records);
+            for (const PRINTER_INFO_2A& record : records)
+                for (const LPSTR text : {record.pPrinterName, record.pShareName, record.pPortName, record.pDriverName,
+                                         record.pComment, record.pLocation, record.pSepFile, record.pPrintProcessor,
+                                         record.pDatatype, record.pParameters}) {
+                    ASSERT_GE(reinterpret_cast<BYTE*>(text), buffer + sizeof records + more);
+                    ASSERT_LE(reinterpret_cast<BYTE*>(text) + std::strlen(text) + 1, buffer + whole + more);
+                }
+            EXPECT_STREQ(records[0].pPrinterName, "First");
+            EXPECT_STREQ(records[0].pPortName, "COM1:");
+            EXPECT_STREQ(records[0].pDriverName, "A");
+            EXPECT_STREQ(records[0].pComment, "of First");
+            EXPECT_STREQ(records[0].pPrintProcessor, "winprint");
+            EXPECT_STREQ(records[0].pDatatype, "RAW");
+            EXPECT_EQ(records[0].pServerName, nullptr);
+            EXPECT_EQ(records[0].Attributes, DWORD{PRINTER_ATTRIBUTE_SHARED | PRINTER_ATTRIBUTE_LOCAL});
+            EXPECT_STREQ(records[1].pServerName, "\\\\server");
+            EXPECT_EQ(records[1].Attributes, DWORD{PRINTER_ATTRIBUTE_NETWORK});
+            EXPECT_EQ(records[1].pDevMode, nullptr);
+            EXPECT_EQ(records[1].pSecurityDescriptor, nullptr);
+        }
+    HANDLE printer = nullptr;
+    ASSERT_EQ(Open("FIRST", &printer), DWORD{ERROR_SUCCESS});
+    EXPECT_FALSE(GetPrinterA(printer, 2, nullptr, 0, &needed));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
+    EXPECT_TRUE(GetPrinterA(printer, 2, memory.data(), needed, &needed));
+    EXPECT_STREQ(reinterpret_cast<PRINTER_INFO_2A*>(memory.data())->pPrinterName, "First");
+}
+
+TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
+    HANDLE local = nullptr;
+    HANDLE connection = nullptr;
+    ASSERT_EQ(Add("Room 1\\Laser", "Laser Driver", "LPT2:", 0, &local), DWORD{ERROR_SUCCESS});
+    ASSERT_EQ(Add("\\\\server\\Laser", "Net Driver", "net", 0, &connection), DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(RegistryText("Room 1,Laser", "Printer Driver"), "Laser Driver");
+    EXPECT_EQ(RegistryText("Room 1,Laser", "Port"), "LPT2:");
+    EXPECT_EQ(RegistryText("Room 1,Laser", "Name"), "Room 1\\Laser");
+    EXPECT_EQ(RegistryText("Room 1,Laser\\PrinterDriverData", ""), "no value");
+    EXPECT_EQ(RegistryText(",,server,Laser", ""), "no key");
+    EXPECT_EQ(Names(PRINTER_ENUM_LOCAL), List{"Room 1\\Laser"});
+    EXPECT_EQ(Names(PRINTER_ENUM_CONNECTIONS), List{"\\\\server\\Laser"});
+    EXPECT_EQ(Add("ROOM 1\\laser"), DWORD{ERROR_PRINTER_ALREADY_EXISTS});
+
+    HANDLE use = nullptr;
+    ASSERT_EQ(Open("Room 1\\Laser", &use), DWORD{ERROR_SUCCESS});
+    EXPECT_FALSE(DeletePrinter(use));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_TRUE(DeletePrinter(local));
+    EXPECT_TRUE(DeletePrinter(connection));
+    EXPECT_EQ(RegistryText("Room 1,Laser", ""), "no key");
+    EXPECT_TRUE(Names(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS).empty());
+    // The name made anew is another printer than the one that the handles knew.
+    ASSERT_EQ(Add("Room 1\\Laser"), DWORD{ERROR_SUCCESS});
+    DWORD needed = 0;
+    for (HANDLE gone : {use, local}) {
+        EXPECT_FALSE(GetPrinterA(gone, 2, nullptr, 0, &needed));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_PRINTER_DELETED});
+        EXPECT_TRUE(ClosePrinter(gone));
+        EXPECT_FALSE(ClosePrinter(gone));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    }
+}
+
+TEST(Spooler, WhatCannotBeIsRefused) {
+    const std::string longest(220, 'n');
+    const struct {
+        std::string name;
+        std::string driver;
+        std::string port;
+        DWORD attributes;
+        DWORD code;
+    } rows[] = {
+        {longest, "D", "P", 0, ERROR_SUCCESS},
+        {longest + "n", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"a,b", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"a\nb", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"\\a", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"\\\\server", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"\\\\server\\", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"\\\\\\printer", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
+        {"A", "", "P", 0, ERROR_INVALID_PARAMETER},
+        {"A", "D", "", 0, ERROR_INVALID_PARAMETER},
+        {"A", std::string(260, 'd'), "P", 0, ERROR_INVALID_PARAMETER},
+        {"A", "D", "P", PRINTER_ATTRIBUTE_NETWORK, ERROR_INVALID_PARAMETER},
+        {"A", "D", "P", 0x1, ERROR_INVALID_PARAMETER},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(Add(row.name, row.driver, row.port, row.attributes), row.code) << row.name;
+    char name[] = "B";
+    char processor[] = "x";
+    PRINTER_INFO_2A record{};
+    record.pPrinterName = record.pDriverName = record.pPortName = name;
+    const auto add = [&record](DWORD level) { return AddPrinterA(nullptr, level, reinterpret_cast<LPBYTE>(&record)); };
+    EXPECT_EQ(add(1), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_LEVEL});
+    for (DWORD PRINTER_INFO_2A::*word : {&PRINTER_INFO_2A::Priority, &PRINTER_INFO_2A::Status, &PRINTER_INFO_2A::cJobs,
+                                         &PRINTER_INFO_2A::AveragePPM}) {
+        record.*word = 1;
+        EXPECT_EQ(add(2), nullptr);
+        record.*word = 0;
+    }
+    record.pSepFile = processor;
+    EXPECT_EQ(add(2), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+
+    DWORD needed = 0;
+    DWORD returned = 0;
+    HANDLE printer = nullptr;
+    EXPECT_FALSE(EnumPrintersA(PRINTER_ENUM_LOCAL, nullptr, 1, nullptr, 0, &needed, &returned));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_LEVEL});
+    EXPECT_FALSE(EnumPrintersA(0x40, nullptr, 2, nullptr, 0, &needed, &returned));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_FLAGS});
+    EXPECT_EQ(Open(longest, &printer, 0x80), DWORD{ERROR_ACCESS_DENIED}); // no such right
+    EXPECT_FALSE(OpenPrinterA(nullptr, &printer, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PRINTER_NAME});
+    PRINTER_DEFAULTSA defaults{name, nullptr, PRINTER_ACCESS_USE};
+    EXPECT_FALSE(OpenPrinterA(name, &printer, &defaults));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_FALSE(GetPrinterA(CreateEventA(nullptr, TRUE, FALSE, nullptr), 2, nullptr, 0, &needed));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+}
+
+CHILD_PROCESS(PrintsAsAnotherUser) {
+    if (!BecomeNobody()) return 1;
+    HANDLE printer = nullptr;
+    std::string said = Names(PRINTER_ENUM_LOCAL)[0];
+    for (const ACCESS_MASK access :
+         {ACCESS_MASK{0}, ACCESS_MASK{PRINTER_ACCESS_ADMINISTER}, ACCESS_MASK{PRINTER_ALL_ACCESS}})
+        said += " " + std::to_string(Open("Shared", &printer, access));
+    child.Say(said + " " + std::to_string(Add("Mine")) + " " + std::to_string(Add("\\\\mine\\too")));
+    return 0;
+}
+
+TEST(Spooler, AnotherUserReadsButDoesNotChange) {
+    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    ASSERT_EQ(Add("Shared"), DWORD{ERROR_SUCCESS});
+    TestProcess other("PrintsAsAnotherUser");
+    EXPECT_EQ(other.Hear(), "Shared 0 5 5 5 5");
+    EXPECT_EQ(Names(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS), List{"Shared"});
+}
+
+CHILD_PROCESS(AddsAndDeletes) {
+    for (int number = 0;; ++number) {
+        HANDLE printer = nullptr;
+        if (Add("Killed", "Driver", "LPT1:", 0, &printer) != ERROR_SUCCESS) return 1;
+        if (number == 0) child.Say("adding");
+        if (!DeletePrinter(printer) || !ClosePrinter(printer)) return 2;
+    }
+}
+
+TEST(Spooler, APrinterIsWholeWhoeverIsKilled) {
+    for (int round = 0; round < 30; ++round) {
+        TestProcess process("AddsAndDeletes");
+        ASSERT_EQ(process.Hear(), "adding");
+        PauseMs(round % 7);
+        process.Kill();
+        HANDLE printer = nullptr;
+        if (Open("Killed", &printer, PRINTER_ALL_ACCESS) == ERROR_SUCCESS) {
+            EXPECT_TRUE(DeletePrinter(printer));
+        }
+        // A key that was left over is taken over.
+        ASSERT_EQ(Add("Killed", "Next", "P", 0, &printer), DWORD{ERROR_SUCCESS});
+        EXPECT_EQ(RegistryText("Killed", "Printer Driver"), "Next");
+        EXPECT_TRUE(DeletePrinter(printer));
+    }
+}
+
+TEST(Spooler, DamageIsTold) {
+    ASSERT_EQ(Add("A"), DWORD{ERROR_SUCCESS});
+    const std::string store = PrivateDirectory() + "/state/spool.sqlite";
+    std::string bytes = ReadWholeFile(store);
+    bytes[bytes.rfind("Driver")] ^= 1;
+    ReplaceFile(store, bytes);
+    HANDLE printer = nullptr;
+    DWORD needed = 0;
+    ASSERT_EQ(Open("A", &printer), DWORD{ERROR_SUCCESS}); // the damage is elsewhere
+    EXPECT_FALSE(GetPrinterA(printer, 2, nullptr, 0, &needed));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_BADDB});
+    EXPECT_EQ(Add("B"), DWORD{ERROR_BADDB});
+}
