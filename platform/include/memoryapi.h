@@ -2,9 +2,10 @@
  *
  * process must be GetCurrentProcess(); any other is refused (ERROR_NOT_SUPPORTED; NULL: ERROR_INVALID_HANDLE).
  *
- * Page protection is honoured both ways; no signal handler is installed. The guard tells whether memory can be accessed
- * now, not whether it is the right memory: a block that was freed but is still mapped reads fine. What lies in the
- * calling thread's own live stack, or for reading in the constants of the main program, is copied without a system call.
+ * Page protection is honoured both ways; no signal handler is installed. The guard tells whether memory can be
+ * accessed now, not whether it is the right memory: a block that was freed but is still mapped reads fine. What lies in
+ * the calling thread's own live stack, or for reading in the constants of the main program, is copied without a system
+ * call.
  *
  * The side of the caller's own buffer is trusted: it must be accessible. */
 #ifndef ORIEL_MEMORYAPI_H

@@ -56,8 +56,8 @@ WINBASEAPI BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor
 WINBASEAPI BOOL WINAPI IsValidSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor);
 /* Bytes of the self-relative form; SECURITY_DESCRIPTOR_MIN_LENGTH for an invalid descriptor. */
 WINBASEAPI DWORD WINAPI GetSecurityDescriptorLength(PSECURITY_DESCRIPTOR descriptor);
-/* Writes the self-relative form of an absolute descriptor: header, owner, group, list. *length: bytes of the block, on
- * return those needed. FALSE with ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_SECURITY_DESCR, or
+/* Writes the self-relative form of an absolute descriptor: header, system list, list, owner, group. *length: bytes of
+ * the block, on return those needed. FALSE with ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_SECURITY_DESCR, or
  * ERROR_BAD_DESCRIPTOR_FORMAT when it is self-relative already. */
 WINBASEAPI BOOL WINAPI MakeSelfRelativeSD(PSECURITY_DESCRIPTOR absolute, PSECURITY_DESCRIPTOR selfRelative,
                                           LPDWORD length);

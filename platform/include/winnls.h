@@ -28,14 +28,13 @@ WINBASEAPI BOOL WINAPI IsDBCSLeadByteEx(UINT codePage, BYTE testChar);
  *
  * codePage         CP_ACP, CP_UTF8, or the number of a single- or double-byte code page that the system knows
  * flags            0, MB_PRECOMPOSED, MB_ERR_INVALID_CHARS; others are ERROR_INVALID_FLAGS. Without
- * MB_ERR_INVALID_CHARS
- *                  what is invalid becomes U+FFFD, or a single "?" for a double-byte code page's undefined character
+ *                  MB_ERR_INVALID_CHARS what is invalid becomes U+FFFD; an undefined or halved double-byte character
+ *                  becomes the code page's default: U+30FB for 932, "?" for the others
  * multiByteLength  bytes; -1: up to and with the NUL
  * wideLength       characters of the buffer; 0: ask for the number needed
  *
  * Returns the characters written (with the NUL when the source had it), 0 on failure: ERROR_INVALID_PARAMETER (NULL or
- * empty source, buffers that are the same, unknown code page), ERROR_INSUFFICIENT_BUFFER, ERROR_NO_UNICODE_TRANSLATION.
- * */
+ * empty source, buffers that overlap, unknown code page), ERROR_INSUFFICIENT_BUFFER, ERROR_NO_UNICODE_TRANSLATION. */
 WINBASEAPI int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int multiByteLength,
                                           LPWSTR wide, int wideLength);
 
@@ -45,8 +44,9 @@ WINBASEAPI int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR mul
  * defaultChar      stands for what the code page does not have; NULL: "?"
  * usedDefaultChar  receives whether it was needed; may be NULL
  *
- * CP_UTF8 takes neither of the last two (ERROR_INVALID_PARAMETER). A surrogate without its partner becomes the default
- * character, for CP_UTF8 U+FFFD. A double-byte character that does not fit is not written in half. */
+ * CP_UTF8 takes neither of the last two (ERROR_INVALID_PARAMETER); a surrogate without its partner becomes U+FFFD.
+ * Other code pages have no surrogates: each becomes the default character. A character that does not fit is not written
+ * in part. */
 WINBASEAPI int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideLength, LPSTR multiByte,
                                           int multiByteLength, LPCSTR defaultChar, LPBOOL usedDefaultChar);
 

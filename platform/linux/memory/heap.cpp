@@ -4,8 +4,8 @@
 // a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
 // of all heaps are taken around fork, so that the child's heaps are usable.
 #include "kernel/lock.h"
+#include "system/fail.h"
 
-#include <errhandlingapi.h>
 #include <heapapi.h>
 
 #include <atomic>
@@ -16,6 +16,7 @@
 
 namespace {
 
+using oriel::Fail;
 using oriel::Lock;
 using oriel::LockHold;
 
@@ -28,6 +29,7 @@ struct alignas(16) BlockHeader {
     uintptr_t tag; // address of the heap's list that the block is on; 0 when free
 };
 static_assert(sizeof(BlockHeader) == 32);
+constexpr size_t kLargestBlock = PTRDIFF_MAX - sizeof(BlockHeader);
 
 struct alignas(64) BlockList {
     Lock lock;
@@ -66,8 +68,7 @@ Heap* HeapOf(HANDLE handle) {
     auto* heap = static_cast<Heap*>(handle);
     if (heap != nullptr && reinterpret_cast<uintptr_t>(heap) % alignof(Heap) == 0 && heap->magic == kHeapMagic)
         return heap;
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
+    return Fail<Heap*>(ERROR_INVALID_HANDLE);
 }
 
 BlockList& OwnList(Heap& heap) {
@@ -80,10 +81,8 @@ BlockList& OwnList(Heap& heap) {
 BlockList* ListOf(Heap& heap, const BlockHeader* header) {
     const auto begin = reinterpret_cast<uintptr_t>(&heap.lists[0]);
     const uintptr_t offset = header->tag - begin;
-    if (offset >= sizeof heap.lists || offset % sizeof(BlockList) != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    if (offset >= sizeof heap.lists || offset % sizeof(BlockList) != 0)
+        return Fail<BlockList*>(ERROR_INVALID_PARAMETER);
     return &heap.lists[offset / sizeof(BlockList)];
 }
 
@@ -96,15 +95,9 @@ bool RefusedFlags(DWORD flags, DWORD known) {
 } // namespace
 
 HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
-    if (options != 0 || maximumSize != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    if (options != 0 || maximumSize != 0) return Fail<HANDLE>(ERROR_INVALID_PARAMETER);
     auto* heap = new (std::nothrow) Heap;
-    if (heap == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    if (heap == nullptr) return Fail<HANDLE>(ERROR_NOT_ENOUGH_MEMORY);
     static const int forkHandlers = pthread_atfork(LockAllHeaps, UnlockAllHeaps, UnlockAllHeaps);
     static_cast<void>(forkHandlers); // without memory for them only the children of fork suffer
     const LockHold hold(g_heapsLock);
@@ -138,7 +131,7 @@ BOOL WINAPI HeapDestroy(HANDLE handle) {
 LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     Heap* heap = HeapOf(handle);
     if (heap == nullptr || RefusedFlags(flags, HEAP_ZERO_MEMORY)) return nullptr;
-    if (bytes > PTRDIFF_MAX - sizeof(BlockHeader)) return nullptr;
+    if (bytes > kLargestBlock) return nullptr;
     const oriel::TerminationHold whole; // the C library's allocator has locks too
     const size_t size = bytes + sizeof(BlockHeader);
     void* memory = (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, size) : std::malloc(size);
@@ -178,10 +171,7 @@ SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
     constexpr auto kFailed = static_cast<SIZE_T>(-1);
     Heap* heap = HeapOf(handle);
     if (heap == nullptr || RefusedFlags(flags, 0)) return kFailed;
-    if (block == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return kFailed;
-    }
+    if (block == nullptr) return Fail(ERROR_INVALID_PARAMETER, kFailed);
     const auto* header = static_cast<const BlockHeader*>(block) - 1;
     return ListOf(*heap, header) != nullptr ? header->size : kFailed;
 }
@@ -191,7 +181,8 @@ HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
     const oriel::TerminationHold whole;
     // A block of 0 bytes is a block.
     const size_t size = bytes == 0 ? 1 : bytes;
-    void* memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
+    void* memory = nullptr;
+    if (size <= kLargestBlock) memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
     if (memory == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return memory;
 }

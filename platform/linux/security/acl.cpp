@@ -1,19 +1,13 @@
 // Access control lists.
 #include "security/records.h"
 
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <securitybaseapi.h>
 
 #include <cstring>
 
-namespace {
-
-BOOL Fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
-
-} // namespace
+using oriel::Fail;
 
 BOOL WINAPI InitializeAcl(PACL acl, DWORD aclLength, DWORD revision) {
     if (aclLength < sizeof(ACL)) return Fail(ERROR_INSUFFICIENT_BUFFER);

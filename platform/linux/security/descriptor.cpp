@@ -1,7 +1,8 @@
 // Security descriptors of both forms.
 #include "security/records.h"
 
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <securitybaseapi.h>
 
 #include <cstring>
@@ -10,24 +11,14 @@ namespace {
 
 using oriel::AclCopy;
 using oriel::DescriptorParts;
+using oriel::Fail;
 using oriel::SidCopy;
-
-BOOL Fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
 
 // The descriptor when it is an absolute one that can be changed; null with the last error otherwise.
 SECURITY_DESCRIPTOR* Changeable(PSECURITY_DESCRIPTOR descriptor) {
     const DescriptorParts parts(descriptor);
-    if (!parts.valid) {
-        SetLastError(ERROR_UNKNOWN_REVISION);
-        return nullptr;
-    }
-    if ((parts.control & SE_SELF_RELATIVE) != 0) {
-        SetLastError(ERROR_INVALID_SECURITY_DESCR);
-        return nullptr;
-    }
+    if (!parts.valid) return Fail<SECURITY_DESCRIPTOR*>(ERROR_UNKNOWN_REVISION);
+    if ((parts.control & SE_SELF_RELATIVE) != 0) return Fail<SECURITY_DESCRIPTOR*>(ERROR_INVALID_SECURITY_DESCR);
     return static_cast<SECURITY_DESCRIPTOR*>(descriptor);
 }
 

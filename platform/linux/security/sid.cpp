@@ -1,7 +1,8 @@
 // Security identifiers.
 #include "security/records.h"
 
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <securitybaseapi.h>
 
 #include <cstdlib>
@@ -17,19 +18,10 @@ BOOL WINAPI AllocateAndInitializeSid(PSID_IDENTIFIER_AUTHORITY identifierAuthori
                                      DWORD subAuthority0, DWORD subAuthority1, DWORD subAuthority2, DWORD subAuthority3,
                                      DWORD subAuthority4, DWORD subAuthority5, DWORD subAuthority6, DWORD subAuthority7,
                                      PSID* sid) {
-    if (subAuthorityCount == 0 || subAuthorityCount > kMostAtOnce) {
-        SetLastError(ERROR_INVALID_SID);
-        return FALSE;
-    }
-    if (identifierAuthority == nullptr || sid == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (subAuthorityCount == 0 || subAuthorityCount > kMostAtOnce) return oriel::Fail(ERROR_INVALID_SID);
+    if (identifierAuthority == nullptr || sid == nullptr) return oriel::Fail(ERROR_INVALID_PARAMETER);
     auto* bytes = static_cast<BYTE*>(std::malloc(oriel::kSidHeaderSize + subAuthorityCount * sizeof(DWORD)));
-    if (bytes == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return FALSE;
-    }
+    if (bytes == nullptr) return oriel::Fail(ERROR_NOT_ENOUGH_MEMORY);
     const DWORD all[kMostAtOnce] = {subAuthority0, subAuthority1, subAuthority2, subAuthority3,
                                     subAuthority4, subAuthority5, subAuthority6, subAuthority7};
     bytes[0] = SID_REVISION;
@@ -59,6 +51,5 @@ BOOL WINAPI EqualSid(PSID sid1, PSID sid2) {
     const oriel::SidCopy first(sid1);
     const oriel::SidCopy second(sid2);
     if (first.Valid() && second.Valid()) return first == second ? TRUE : FALSE;
-    SetLastError(ERROR_INVALID_SID);
-    return FALSE;
+    return oriel::Fail(ERROR_INVALID_SID);
 }

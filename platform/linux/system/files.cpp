@@ -1,10 +1,10 @@
 // Files, as far as their existence and the name of the executable.
 #include "kernel/errors.h"
 #include "kernel/handles.h"
+#include "system/fail.h"
 #include "text/paths.h"
 #include "text/strings.h"
 
-#include <errhandlingapi.h>
 #include <fileapi.h>
 #include <libloaderapi.h>
 #include <sysinfoapi.h>
@@ -22,6 +22,8 @@
 
 namespace {
 
+using oriel::Fail;
+
 struct FileObject : oriel::Object {
     int descriptor;
 };
@@ -36,8 +38,7 @@ void DropFile(oriel::Object* object) {
 constexpr oriel::ObjectType kFileType{.name = "file", .drop = DropFile};
 
 HANDLE NoFile(DWORD error) {
-    SetLastError(error);
-    return INVALID_HANDLE_VALUE;
+    return Fail(error, INVALID_HANDLE_VALUE);
 }
 
 // What Windows answers for a file that cannot be opened: a missing folder on the way is told from a missing file.
@@ -96,36 +97,23 @@ HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECU
 }
 
 DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
-    if (module != nullptr) {
-        SetLastError(ERROR_MOD_NOT_FOUND);
-        return 0;
-    }
-    if (fileName == nullptr || size == 0) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return 0;
-    }
+    if (module != nullptr) return Fail<DWORD>(ERROR_MOD_NOT_FOUND);
+    if (fileName == nullptr || size == 0) return Fail<DWORD>(ERROR_INSUFFICIENT_BUFFER);
     try {
         std::string path = ExecutablePath();
         std::replace(path.begin(), path.end(), '/', '\\'); // in UTF-8, where no slash is part of another character
         path = oriel::Utf8ToAnsi(path);
-        if (path.empty()) {
-            SetLastError(ERROR_PATH_NOT_FOUND);
-            return 0;
-        }
+        if (path.empty()) return Fail<DWORD>(ERROR_PATH_NOT_FOUND);
         const size_t length = std::min<size_t>(path.size(), size - 1);
         std::memcpy(fileName, path.data(), length);
         fileName[length] = '\0';
         if (length == path.size()) return static_cast<DWORD>(length);
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return size;
+        return Fail(ERROR_INSUFFICIENT_BUFFER, size);
     } catch (const std::bad_alloc&) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return 0;
+        return Fail<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
     }
 }
 
 BOOL WINAPI DisableThreadLibraryCalls(HMODULE module) {
-    if (module != nullptr) return TRUE;
-    SetLastError(ERROR_MOD_NOT_FOUND);
-    return FALSE;
+    return module != nullptr ? TRUE : Fail(ERROR_MOD_NOT_FOUND);
 }

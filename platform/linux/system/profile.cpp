@@ -1,5 +1,6 @@
 // The user's profile, of which there is the section "Windows". Kept in the registry, as Windows NT keeps it.
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <sysinfoapi.h>
 #include <winnls.h>
 #include <winreg.h>
@@ -11,15 +12,12 @@
 
 namespace {
 
+using oriel::Fail;
+
 constexpr const char* kWindowsSection = "Software\\Microsoft\\Windows NT\\CurrentVersion\\Windows";
 
 bool IsWindowsSection(LPCSTR section) {
     return section != nullptr && lstrcmpiA(section, "Windows") == 0;
-}
-
-DWORD FailWith(DWORD error) {
-    SetLastError(error);
-    return 0;
 }
 
 // A text value, up to its NUL. False when there is none.
@@ -57,7 +55,7 @@ std::string_view WithoutTrailingBlanks(std::string_view text) {
 
 DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultValue, LPSTR returned, DWORD size) {
     if (section == nullptr || keyName == nullptr || *keyName == '\0' || returned == nullptr || size == 0)
-        return FailWith(ERROR_INVALID_PARAMETER);
+        return Fail<DWORD>(ERROR_INVALID_PARAMETER);
     try {
         std::string stored;
         std::string_view text = WithoutTrailingBlanks(defaultValue != nullptr ? defaultValue : "");
@@ -67,15 +65,12 @@ DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultVal
         returned[length] = '\0';
         return static_cast<DWORD>(length);
     } catch (const std::bad_alloc&) {
-        return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+        return Fail<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
     }
 }
 
 BOOL WINAPI WriteProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR value) {
-    if (!IsWindowsSection(section) || keyName == nullptr || *keyName == '\0') {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (!IsWindowsSection(section) || keyName == nullptr || *keyName == '\0') return Fail(ERROR_INVALID_PARAMETER);
     HKEY key = nullptr;
     LSTATUS status = RegCreateKeyExA(HKEY_CURRENT_USER, kWindowsSection, 0, nullptr, REG_OPTION_NON_VOLATILE,
                                      KEY_SET_VALUE, nullptr, &key, nullptr);
@@ -89,7 +84,5 @@ BOOL WINAPI WriteProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR value) {
         }
         RegCloseKey(key);
     }
-    if (status == ERROR_SUCCESS) return TRUE;
-    SetLastError(static_cast<DWORD>(status));
-    return FALSE;
+    return status == ERROR_SUCCESS ? TRUE : Fail(static_cast<DWORD>(status));
 }

@@ -1,10 +1,13 @@
 // The time of day, and its two forms. Keeps nothing.
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <sysinfoapi.h>
 
 #include <chrono>
 
 namespace {
+
+using oriel::Fail;
 
 namespace chrono = std::chrono;
 using Ticks = chrono::duration<uint64_t, std::ratio<1, 10'000'000>>; // of a FILETIME, 100 ns
@@ -44,11 +47,6 @@ SYSTEMTIME SystemTimeOf(Ticks ticks) {
     return result;
 }
 
-BOOL InvalidParameter() {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-}
-
 } // namespace
 
 void WINAPI GetSystemTimeAsFileTime(LPFILETIME systemTimeAsFileTime) {
@@ -61,20 +59,20 @@ void WINAPI GetSystemTime(LPSYSTEMTIME systemTime) {
 
 BOOL WINAPI FileTimeToSystemTime(const FILETIME* fileTime, LPSYSTEMTIME systemTime) {
     if (fileTime == nullptr || systemTime == nullptr || fileTime->dwHighDateTime > 0x7FFFFFFF)
-        return InvalidParameter();
+        return Fail(ERROR_INVALID_PARAMETER);
     const Ticks ticks(static_cast<uint64_t>(fileTime->dwHighDateTime) << 32 | fileTime->dwLowDateTime);
     *systemTime = SystemTimeOf(ticks);
     return TRUE;
 }
 
 BOOL WINAPI SystemTimeToFileTime(const SYSTEMTIME* systemTime, LPFILETIME fileTime) {
-    if (systemTime == nullptr || fileTime == nullptr) return InvalidParameter();
+    if (systemTime == nullptr || fileTime == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     const SYSTEMTIME& time = *systemTime;
-    if (time.wYear < kFirstYear || time.wYear > kLastYear) return InvalidParameter();
+    if (time.wYear < kFirstYear || time.wYear > kLastYear) return Fail(ERROR_INVALID_PARAMETER);
     if (time.wHour > 23 || time.wMinute > 59 || time.wSecond > 59 || time.wMilliseconds > 999)
-        return InvalidParameter();
+        return Fail(ERROR_INVALID_PARAMETER);
     const chrono::year_month_day date(chrono::year(time.wYear), chrono::month(time.wMonth), chrono::day(time.wDay));
-    if (!date.ok()) return InvalidParameter();
+    if (!date.ok()) return Fail(ERROR_INVALID_PARAMETER);
     const auto days = chrono::sys_days(date) - kEpoch;
     *fileTime =
         FileTimeOf(chrono::duration_cast<Ticks>(days) + chrono::hours(time.wHour) + chrono::minutes(time.wMinute) +

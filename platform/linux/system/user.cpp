@@ -1,7 +1,7 @@
 // The user and the window station of the process, and its environment.
+#include "system/fail.h"
 #include "text/strings.h"
 
-#include <errhandlingapi.h>
 #include <sysinfoapi.h>
 #include <winstation.h>
 
@@ -15,15 +15,12 @@
 
 namespace {
 
+using oriel::Fail;
+
 constexpr const char* kDefaultStation = "WinSta0";
 constexpr const char* kNoStation = "none";
 // A value that no handle table gives out, and that fits 32 bits.
 const HWINSTA kStation = ULongToHandle(0xFFFFFFE0U);
-
-BOOL Fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
 
 // The account's name in the ANSI code page; empty when the user has none.
 std::string AccountName() {
@@ -68,9 +65,7 @@ BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size) {
 }
 
 HWINSTA WINAPI GetProcessWindowStation(void) {
-    if (std::strcmp(StationName(), kNoStation) != 0) return kStation;
-    SetLastError(ERROR_ACCESS_DENIED);
-    return nullptr;
+    return std::strcmp(StationName(), kNoStation) != 0 ? kStation : Fail<HWINSTA>(ERROR_ACCESS_DENIED);
 }
 
 BOOL WINAPI GetUserObjectInformationA(HANDLE object, int index, PVOID information, DWORD length, LPDWORD lengthNeeded) {
@@ -86,10 +81,7 @@ BOOL WINAPI GetUserObjectInformationA(HANDLE object, int index, PVOID informatio
 
 DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {
     const char* value = IsVariableName(name) ? std::getenv(name) : nullptr;
-    if (value == nullptr) {
-        SetLastError(ERROR_ENVVAR_NOT_FOUND);
-        return 0;
-    }
+    if (value == nullptr) return Fail<DWORD>(ERROR_ENVVAR_NOT_FOUND);
     const size_t length = std::strlen(value);
     if (size <= length || buffer == nullptr) return static_cast<DWORD>(length + 1);
     std::memcpy(buffer, value, length + 1);

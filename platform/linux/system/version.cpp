@@ -1,5 +1,6 @@
 // The version of the emulated Windows. Kept in the environment or the registry, read at each call.
-#include <errhandlingapi.h>
+#include "system/fail.h"
+
 #include <sysinfoapi.h>
 #include <winreg.h>
 
@@ -100,15 +101,10 @@ bool FindVersion(Version& version) {
 } // namespace
 
 BOOL WINAPI GetVersionExA(LPOSVERSIONINFOA versionInformation) {
-    if (versionInformation == nullptr || versionInformation->dwOSVersionInfoSize != sizeof(OSVERSIONINFOA)) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
+    if (versionInformation == nullptr || versionInformation->dwOSVersionInfoSize != sizeof(OSVERSIONINFOA))
+        return oriel::Fail(ERROR_INSUFFICIENT_BUFFER);
     Version version;
-    if (!FindVersion(version)) {
-        SetLastError(ERROR_INVALID_DATA);
-        return FALSE;
-    }
+    if (!FindVersion(version)) return oriel::Fail(ERROR_INVALID_DATA);
     *versionInformation = {};
     versionInformation->dwOSVersionInfoSize = sizeof(OSVERSIONINFOA);
     versionInformation->dwMajorVersion = version.major;

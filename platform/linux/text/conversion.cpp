@@ -1,8 +1,8 @@
 // MultiByteToWideChar and WideCharToMultiByte. ASCII goes eight characters at a time; the rest by the tables of the
 // code page.
+#include "system/fail.h"
 #include "text/code_page.h"
 
-#include <errhandlingapi.h>
 #include <winnls.h>
 
 #include <algorithm>
@@ -14,6 +14,7 @@
 namespace {
 
 using oriel::CodePage;
+using oriel::Fail;
 
 // Where the result goes: a buffer, or nowhere when only its size is asked for.
 template <typename Unit>
@@ -58,11 +59,6 @@ size_t CopyAscii(const From* source, size_t size, Output<To>& output) {
     return done;
 }
 
-int Fail(DWORD error) {
-    SetLastError(error);
-    return 0;
-}
-
 // The checks that both directions share. 0, or the error.
 DWORD CheckBuffers(const void* source, int sourceLength, size_t sourceUnit, const void* target, int targetLength,
                    size_t targetUnit) {
@@ -89,11 +85,11 @@ bool IsLowSurrogate(char16_t unit) {
 int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int multiByteLength, LPWSTR wide,
                                int wideLength) {
     const DWORD error = CheckBuffers(multiByte, multiByteLength, sizeof(char), wide, wideLength, sizeof(WCHAR));
-    if (error != 0) return Fail(error);
+    if (error != 0) return Fail<int>(error);
     const CodePage* page = oriel::FindCodePage(codePage);
-    if (page == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    if (page == nullptr) return Fail<int>(ERROR_INVALID_PARAMETER);
     const DWORD known = page->utf8 ? MB_ERR_INVALID_CHARS : MB_PRECOMPOSED | MB_ERR_INVALID_CHARS;
-    if ((flags & ~known) != 0) return Fail(ERROR_INVALID_FLAGS);
+    if ((flags & ~known) != 0) return Fail<int>(ERROR_INVALID_FLAGS);
 
     const auto* source = reinterpret_cast<const unsigned char*>(multiByte);
     const size_t size = multiByteLength < 0 ? std::strlen(multiByte) + 1 : static_cast<size_t>(multiByteLength);
@@ -104,7 +100,7 @@ int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int
             if (at == size) break;
         }
         const oriel::DecodedChar next = oriel::DecodeChar(*page, source + at, size - at);
-        if (!next.valid && (flags & MB_ERR_INVALID_CHARS) != 0) return Fail(ERROR_NO_UNICODE_TRANSLATION);
+        if (!next.valid && (flags & MB_ERR_INVALID_CHARS) != 0) return Fail<int>(ERROR_NO_UNICODE_TRANSLATION);
         WCHAR units[2] = {static_cast<WCHAR>(next.character)};
         size_t number = 1;
         if (next.character > 0xFFFF) {
@@ -112,7 +108,7 @@ int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int
             units[1] = static_cast<WCHAR>(0xDC00 | (next.character & 0x3FF));
             number = 2;
         }
-        if (!output.Put(units, number)) return Fail(ERROR_INSUFFICIENT_BUFFER);
+        if (!output.Put(units, number)) return Fail<int>(ERROR_INSUFFICIENT_BUFFER);
         at += next.length;
     }
     return static_cast<int>(output.count);
@@ -121,12 +117,12 @@ int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int
 int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideLength, LPSTR multiByte,
                                int multiByteLength, LPCSTR defaultChar, LPBOOL usedDefaultChar) {
     const DWORD error = CheckBuffers(wide, wideLength, sizeof(WCHAR), multiByte, multiByteLength, sizeof(char));
-    if (error != 0) return Fail(error);
+    if (error != 0) return Fail<int>(error);
     const CodePage* page = oriel::FindCodePage(codePage);
-    if (page == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-    if (page->utf8 && (defaultChar != nullptr || usedDefaultChar != nullptr)) return Fail(ERROR_INVALID_PARAMETER);
+    if (page == nullptr) return Fail<int>(ERROR_INVALID_PARAMETER);
+    if (page->utf8 && (defaultChar != nullptr || usedDefaultChar != nullptr)) return Fail<int>(ERROR_INVALID_PARAMETER);
     const DWORD known = page->utf8 ? 0 : WC_DEFAULTCHAR | WC_NO_BEST_FIT_CHARS;
-    if ((flags & ~known) != 0) return Fail(ERROR_INVALID_FLAGS);
+    if ((flags & ~known) != 0) return Fail<int>(ERROR_INVALID_FLAGS);
 
     const char* replacement = defaultChar != nullptr ? defaultChar : "?";
     const bool longReplacement =
@@ -152,7 +148,7 @@ int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wid
         const unsigned length = oriel::EncodeChar(*page, character, bytes);
         if (length == 0) used = TRUE;
         const bool fits = length == 0 ? output.Put(replacement, replacementSize) : output.Put(bytes, length);
-        if (!fits) return Fail(ERROR_INSUFFICIENT_BUFFER);
+        if (!fits) return Fail<int>(ERROR_INSUFFICIENT_BUFFER);
         at += units;
     }
     if (usedDefaultChar != nullptr) *usedDefaultChar = used;
