@@ -78,6 +78,14 @@ bool IsAsleep(DWORD threadId);
 // The calling thread blocks every signal that it can block.
 void BlockAllSignals();
 
+void WriteReport(const std::string& path, const std::string& text); // whole or not at all
+void MakeExecutable(const std::string& path);
+void LeakADescriptor(); // one that programs started from here would inherit
+[[noreturn]] void CrashHere();
+void RaiseTermination();
+std::string SignalState();
+bool IsSessionLeader();
+
 // How many descriptors are open, and how many children of this process have ended and were not waited for.
 unsigned OpenDescriptors();
 unsigned Zombies();

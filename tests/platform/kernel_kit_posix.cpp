@@ -158,3 +158,43 @@ unsigned Zombies() {
     }
     return count;
 }
+
+void WriteReport(const std::string& path, const std::string& text) {
+    std::ofstream(path + ".new", std::ios::binary) << text;
+    std::filesystem::rename(path + ".new", path);
+}
+
+void MakeExecutable(const std::string& path) {
+    chmod(path.c_str(), 0755);
+}
+
+void LeakADescriptor() {
+    [[maybe_unused]] const int leaked = dup(0);
+}
+
+void CrashHere() {
+    signal(SIGSEGV, SIG_DFL); // a sanitizer's handler would exit
+    raise(SIGSEGV);
+    std::abort();
+}
+
+void RaiseTermination() {
+    kill(getpid(), SIGTERM);
+}
+
+std::string SignalState() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    for (int number = 1; number < 32; ++number) {
+        if (sigismember(&blocked, number) == 1) return "signal " + std::to_string(number) + " blocked";
+        struct sigaction action {};
+        // The test program itself ignores SIGPIPE.
+        if (number != SIGPIPE && sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+            return "signal " + std::to_string(number) + " ignored";
+    }
+    return "no signal blocked or ignored";
+}
+
+bool IsSessionLeader() {
+    return getsid(0) == getpid();
+}
