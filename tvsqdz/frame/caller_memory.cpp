@@ -25,8 +25,12 @@ CallerText ReadText(Character* buffer, SIZE_T capacity, const Character* from) {
         piece = Smaller(Smaller(piece, capacity - length), inPage > 0 ? inPage : 1);
         if (!CopyFromCaller(buffer + length, reinterpret_cast<const void*>(address), piece * sizeof(Character)))
             return CallerText::Fault;
-        for (SIZE_T i = 0; i < piece; ++i)
-            if (buffer[length + i] == 0) return CallerText::Read;
+        for (SIZE_T i = length; i < length + piece; ++i) {
+            if (buffer[i] != 0) continue;
+            // What lay behind the text is none of anybody's business.
+            memset(buffer + i, 0, (length + piece - i) * sizeof(Character));
+            return CallerText::Read;
+        }
         length += piece;
         piece = capacity;
     }

@@ -1,0 +1,190 @@
+// Every pointer argument of every export, with every kind of bad address: the code, no crash, and nothing lost.
+#include "dblink/client.h"
+#include "machine.h"
+#include "memory_kit.h"
+
+#include <cstring>
+#include <set>
+
+namespace {
+
+constexpr size_t kPage = 4096;
+
+// The bytes from the address on that can be read: up to the end of its page, if anything.
+size_t ReadableRun(const AddressCase& row) {
+    static const std::set<std::string> kNothing = {"NULL",   "1",         "non-canonical",
+                                                   "kernel", "no access", "behind the file's end"};
+    return kNothing.contains(row.kind) ? 0 : kPage - reinterpret_cast<uintptr_t>(row.address) % kPage;
+}
+
+struct TextArgument {
+    const char* name;
+    size_t capacity; // bytes that are read before the text is too long
+    int32_t tooLong;
+    int32_t fault;
+    std::function<int32_t(const void* address)> call;
+};
+
+struct OutputArgument {
+    const char* name;
+    size_t size;
+    int32_t fault;
+    std::function<int32_t(void* address)> call;
+};
+
+} // namespace
+
+TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    uint32_t value = 0;
+    uint32_t size = 0;
+    SYSTEMTIME time;
+    TvsManager opened = 0;
+    const auto narrow = [](const void* address) { return static_cast<const char*>(address); };
+    const auto wide = [](const void* address) { return static_cast<const WCHAR*>(address); };
+    const auto closed = [&](int32_t status) {
+        if (status == TVS_OK) {
+            EXPECT_EQ(CloseManager(opened), TVS_OK);
+        }
+        return status;
+    };
+    const TextArgument arguments[] = {
+        {"GetPrinterStatusA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return GetPrinterStatusA(manager, narrow(a), &value, 4, &size); }},
+        {"GetPrinterStatusInfoA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return GetPrinterStatusInfoA(manager, narrow(a), &time); }},
+        {"GetPrinterStatusInfoW variable", 64, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return GetPrinterStatusInfoW(manager, wide(a), &time); }},
+        {"UpdatePrinterStatusA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return UpdatePrinterStatusA(manager, narrow(a), &value, 4); }},
+        {"OpenManagerA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
+         [&](const void* a) { return OpenManagerA(narrow(a), "u", &opened); }},
+        {"OpenManagerExA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
+         [&](const void* a) { return OpenManagerExA(narrow(a), "u", 2, &opened); }},
+        {"OpenManagerExA printer of kind 1", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
+         [&](const void* a) { return OpenManagerExA(narrow(a), "u", 1, &opened); }},
+        {"OpenManagerW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
+         [&](const void* a) { return OpenManagerW(wide(a), u"u", &opened); }},
+        {"OpenManagerExW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
+         [&](const void* a) { return OpenManagerExW(wide(a), u"u", 2, &opened); }},
+        // A user name that cannot be read counts as absent.
+        {"OpenManagerExA user", 64, TVS_E_UNAVAILABLE, TVS_OK,
+         [&](const void* a) { return closed(OpenManagerExA(kPrinter.c_str(), narrow(a), 2, &opened)); }},
+        {"OpenManagerExW user", 128, TVS_E_UNAVAILABLE, TVS_OK,
+         [&](const void* a) { return closed(OpenManagerExW(u"Front desk", wide(a), 2, &opened)); }},
+    };
+    BadMemory memory;
+    for (const TextArgument& argument : arguments)
+        for (const AddressCase& row : memory.Kinds(40)) {
+            const int32_t expected = ReadableRun(row) >= argument.capacity ? argument.tooLong : argument.fault;
+            EXPECT_EQ(argument.call(row.address), expected) << argument.name << ": " << row.kind;
+        }
+    // A text that ends where the page does is a text.
+    const auto atEnd = [&](const void* text, size_t bytes) { return std::memcpy(memory.AtEnd(bytes), text, bytes); };
+    EXPECT_EQ(GetPrinterStatusA(manager, static_cast<char*>(atEnd("ModelNumber", 12)), &value, 4, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, static_cast<WCHAR*>(atEnd(u"JobStatus", 20)), &time), TVS_OK);
+    EXPECT_EQ(closed(OpenManagerExA(static_cast<char*>(atEnd("Front desk", 11)), nullptr, 2, &opened)), TVS_OK);
+    // One that begins on another page than it ends.
+    const std::string longName(255, 'n');
+    std::memcpy(memory.AtEnd(kPage) + 10, longName.c_str(), 256);
+    EXPECT_EQ(GetPrinterStatusA(manager, narrow(memory.AtEnd(kPage) + 10), &value, 4, &size), TVS_E_UNKNOWN);
+}
+
+TEST(BadPointers, OutputsAreWrittenOrNothingIsLost) {
+    const Product product;
+    AddModelVariable(kModel, "Queue", 4, 0x10080, Number(0));
+    const TvsManager manager = OpenPrinter();
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const Bytes items = Joined({Number(12), Number(2), {'o', 'l', 'd', '1'}, {'n', 'e', 'w', '2'}});
+    const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0)});
+    ASSERT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 16, items.data()), Answer::Done);
+    const auto restore = [&] {
+        EXPECT_EQ(WriteVariable(database, "Queue", items.data(), 16), Answer::Done);
+        EXPECT_EQ(WriteVariable(database, "ReqResult", results.data(), 16), Answer::Done);
+    };
+    const auto unchanged = [&] {
+        Bytes now(16);
+        DWORD size = 0;
+        EXPECT_EQ(ReadVariable(database, "Queue", now.data(), 16, &size), Answer::Done);
+        const bool queueIsWhole = size == 16 && now == items;
+        EXPECT_EQ(ReadVariable(database, "ReqResult", now.data(), 16, &size), Answer::Done);
+        return queueIsWhole && size == 16 && now == results;
+    };
+    uint32_t value = 0;
+    uint32_t size = 0;
+    const auto word = [](void* address) { return static_cast<uint32_t*>(address); };
+    const char* printer = kPrinter.c_str();
+    const OutputArgument arguments[] = {
+        {"GetPrinterStatusA buffer", 4, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusA(manager, "ModelNumber", a, a != nullptr ? 4 : 0, &size); }},
+        {"GetPrinterStatusA buffer of a queue", 4, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusA(manager, "Queue", a, a != nullptr ? 4 : 0, &size); }},
+        {"GetPrinterStatusA returned size", 4, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusA(manager, "ModelNumber", &value, 4, word(a)); }},
+        {"GetPrinterStatusA returned size of a queue", 4, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusA(manager, "Queue", &value, 4, word(a)); }},
+        {"GetPrinterStatusInfoA time", 16, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusInfoA(manager, "JobStatus", static_cast<SYSTEMTIME*>(a)); }},
+        {"GetPrinterStatusInfoW time", 16, TVS_E_FAULT,
+         [&](void* a) { return GetPrinterStatusInfoW(manager, u"JobStatus", static_cast<SYSTEMTIME*>(a)); }},
+        {"ResSetPrinterStatus result", 4, TVS_E_FAULT,
+         [&](void* a) { return ResSetPrinterStatus(manager, 5, static_cast<int32_t*>(a)); }},
+        {"OpenManagerExA handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
+         [&](void* a) { return OpenManagerExA(printer, "u", 2, static_cast<TvsManager*>(a)); }},
+        {"OpenManagerExW handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
+         [&](void* a) { return OpenManagerExW(u"Front desk", u"u", 2, static_cast<TvsManager*>(a)); }},
+    };
+    BadMemory memory;
+    for (const OutputArgument& argument : arguments)
+        for (const AddressCase& row : memory.Kinds(argument.size)) {
+            SCOPED_TRACE(std::string(argument.name) + ": " + row.kind);
+            if (row.size != argument.size) continue; // the size of an output is fixed
+            restore();
+            const int32_t status = argument.call(row.address);
+            if (row.writable) {
+                EXPECT_EQ(status, TVS_OK);
+                continue;
+            }
+            // No buffer at all is the question for the size.
+            const bool asked = row.address == nullptr && std::strstr(argument.name, "buffer") != nullptr;
+            EXPECT_EQ(status, asked ? TVS_E_SIZE : argument.fault);
+            EXPECT_TRUE(unchanged());
+        }
+    while (g_managerList != nullptr && g_openManagerCount > 1)
+        EXPECT_EQ(CloseManager(HandleOf(g_managerList)), TVS_OK);
+}
+
+TEST(BadPointers, DataToStoreAreReadWholeOrNotAtAll) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    BadMemory memory;
+    for (const AddressCase& row : memory.Kinds(600)) {
+        SCOPED_TRACE(row.kind);
+        EXPECT_EQ(Update(manager, "AccessControlList", {1, 2, 3}), TVS_OK);
+        const uint32_t size = row.size > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<uint32_t>(row.size);
+        const int32_t status = UpdatePrinterStatusA(manager, "AccessControlList", row.address, size);
+        const bool huge = size == 0xFFFFFFFF;
+        EXPECT_EQ(status, huge ? PassOn(Answer::WrongSize) : row.readable ? TVS_OK : TVS_E_FAULT);
+        DWORD stored = 0;
+        EXPECT_EQ(ReadVariable(RecordOf(manager)->printerDatabase, "AccessControlList", nullptr, 0, &stored),
+                  Answer::Done);
+        EXPECT_EQ(stored, row.readable ? 604u : 7u);
+    }
+}
+
+// Handles that look like pointers are only compared.
+TEST(BadPointers, HandlesAreNeverFollowed) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    BadMemory memory;
+    uint32_t value = 0;
+    uint32_t size = 0;
+    for (const AddressCase& row : memory.Kinds(64)) {
+        const auto handle = reinterpret_cast<TvsManager>(row.address);
+        EXPECT_EQ(CloseManager(handle), TVS_E_HANDLE) << row.kind;
+        EXPECT_EQ(GetPrinterStatusA(handle, "ModelNumber", &value, 4, &size), TVS_E_HANDLE) << row.kind;
+    }
+    EXPECT_EQ(CloseManager(manager), TVS_OK);
+    EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
+}

@@ -1,0 +1,187 @@
+#include "machine.h"
+
+#include "private_machine.h"
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved);
+
+namespace {
+
+const std::string kPrintersKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+const HINSTANCE kInstance = reinterpret_cast<HINSTANCE>(ULONG_PTR{0x10000});
+
+HKEY CreateKey(HKEY root, const std::string& name) {
+    HKEY key = nullptr;
+    EXPECT_EQ(RegCreateKeyExA(root, name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr), ERROR_SUCCESS)
+        << name;
+    return key;
+}
+
+DWORD ServiceState() {
+    DWORD state = SERVICE_STOPPED;
+    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    if (const SC_HANDLE service = OpenServiceA(manager, "TVORSDB", SERVICE_QUERY_STATUS)) {
+        SERVICE_STATUS status;
+        if (QueryServiceStatus(service, &status)) state = status.dwCurrentState;
+        CloseServiceHandle(service);
+    }
+    CloseServiceHandle(manager);
+    return state;
+}
+
+DWORD WINAPI RunFunction(void* function) {
+    (*static_cast<std::function<void()>*>(function))();
+    return 0;
+}
+
+} // namespace
+
+Bytes BytesOf(const std::string& text) {
+    Bytes bytes(text.begin(), text.end());
+    bytes.push_back(0);
+    return bytes;
+}
+
+Bytes Number(uint32_t value) {
+    Bytes bytes(sizeof value);
+    std::memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
+
+Bytes Joined(const std::vector<Bytes>& parts) {
+    Bytes all;
+    for (const Bytes& part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+void SetRegistryValue(const std::string& key, const std::string& name, DWORD type, const Bytes& data, HKEY root) {
+    const HKEY opened = CreateKey(root, key);
+    EXPECT_EQ(RegSetValueExA(opened, name.c_str(), 0, type, data.data(), static_cast<DWORD>(data.size())),
+              ERROR_SUCCESS)
+        << key << " " << name;
+    RegCloseKey(opened);
+}
+
+void SetRegistryText(const std::string& key, const std::string& name, const std::string& text, HKEY root) {
+    SetRegistryValue(key, name, REG_SZ, BytesOf(text), root);
+}
+
+Bytes RegistryValue(const std::string& key, const std::string& name, HKEY root) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return {};
+    Bytes data(4096);
+    DWORD size = static_cast<DWORD>(data.size());
+    if (RegQueryValueExA(opened, name.c_str(), nullptr, nullptr, data.data(), &size) != ERROR_SUCCESS) size = 0;
+    RegCloseKey(opened);
+    data.resize(size);
+    return data;
+}
+
+std::string InstallDirectory() {
+    return WindowsPath(PrivateDirectory() + "/product/");
+}
+
+void InstallProduct() {
+    std::filesystem::create_directory(PrivateDirectory() + "/product");
+    std::ofstream(PrivateDirectory() + "/product/TVSDBN.EXE") << "present";
+    SetRegistryText("SOFTWARE\\Tavik\\Oriel", "DIRPATH", InstallDirectory());
+}
+
+void AddPrinter(const std::string& name, const std::string& driver) {
+    std::string key = name;
+    for (char& c : key)
+        if (c == '\\') c = ',';
+    SetRegistryText(kPrintersKey + key, "Printer Driver", driver);
+    RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrintersKey + key + "\\PrinterDriverData"));
+}
+
+void AddModelVariable(const std::string& driver, const std::string& name, uint32_t size, uint32_t flags,
+                      const Bytes& data) {
+    SetRegistryValue("SOFTWARE\\Tavik\\Oriel\\Printers\\" + driver + "\\Status Variables", name, REG_BINARY,
+                     Joined({Number(size), Number(flags), data}));
+}
+
+HANDLE ProductInitialisedEvent() {
+    // Everyone's, whoever makes it first: a null list allows everything.
+    SECURITY_DESCRIPTOR descriptor;
+    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
+    SECURITY_ATTRIBUTES attributes = {sizeof attributes, &descriptor, FALSE};
+    const HANDLE event = CreateEventA(&attributes, TRUE, TRUE, "Global\\TVORPWD:INITIALIZED");
+    EXPECT_NE(event, nullptr);
+    SetEvent(event);
+    return event;
+}
+
+void SetUpProduct() {
+    InstallProduct();
+    AddPrinter(kPrinter, kModel);
+    AddModelVariable(kModel, "ModelNumber", 4, 0x10004, Number(7));
+    ProductInitialisedEvent(); // lives as long as the test
+}
+
+Library::Library() {
+    EXPECT_TRUE(DllMain(kInstance, DLL_PROCESS_ATTACH, nullptr));
+}
+
+Library::~Library() {
+    DllMain(kInstance, DLL_PROCESS_DETACH, nullptr);
+}
+
+Service::Service() : process(TestProcess::Program(ProgramPath("TVSDBN.EXE"))) {
+    EXPECT_TRUE(WaitUntil([] { return ServiceState() == SERVICE_RUNNING; })) << process.Errors();
+}
+
+TvsManager OpenPrinter(uint32_t clientKind, const std::string& printer) {
+    TvsManager manager = 0;
+    EXPECT_EQ(OpenManagerExA(printer.c_str(), "operator", clientKind, &manager), TVS_OK) << printer;
+    EXPECT_NE(manager, 0u);
+    return manager;
+}
+
+int32_t OpenStatus(const std::string& printer, uint32_t clientKind, const char* user) {
+    TvsManager manager = 0;
+    const int32_t status = OpenManagerExA(printer.c_str(), user, clientKind, &manager);
+    if (status == TVS_OK) {
+        EXPECT_EQ(CloseManager(manager), TVS_OK);
+    }
+    return status;
+}
+
+ManagerRecord* RecordOf(TvsManager manager) {
+    const ManagerCall call(manager);
+    EXPECT_TRUE(call);
+    return call.Manager();
+}
+
+ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size) {
+    ReadResult result{0, 0xEEEEEEEE, Bytes(size, 0xEE)};
+    result.status = GetPrinterStatusA(manager, variable.c_str(), size > 0 ? result.bytes.data() : nullptr, size,
+                                      &result.returnedSize);
+    return result;
+}
+
+int32_t Update(TvsManager manager, const std::string& variable, const Bytes& data) {
+    return UpdatePrinterStatusA(manager, variable.c_str(), data.data(), static_cast<uint32_t>(data.size()));
+}
+
+uint32_t NumberOf(TvsManager manager, const std::string& variable) {
+    uint32_t value = 0xEEEEEEEE;
+    uint32_t size = 0;
+    EXPECT_EQ(GetPrinterStatusA(manager, variable.c_str(), &value, sizeof value, &size), TVS_OK) << variable;
+    return value;
+}
+
+TestThread::TestThread(std::function<void()> function)
+    : m_function(std::move(function)), m_thread(CreateThread(nullptr, 0, RunFunction, &m_function, 0, nullptr)) {
+    EXPECT_NE(m_thread, nullptr);
+}
+
+TestThread::~TestThread() {
+    EXPECT_EQ(WaitForSingleObject(m_thread, 20000), DWORD{WAIT_OBJECT_0});
+    CloseHandle(m_thread);
+}

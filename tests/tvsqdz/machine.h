@@ -1,0 +1,95 @@
+// The product on the test's private machine: what is set up in the registry, the real service, and managers on its
+// printers.
+#pragma once
+
+#include "frame/attach.h"
+#include "frame/manager_record.h"
+#include "test_process.h"
+
+#include <gtest/gtest.h>
+#include <tvsqdz.h>
+#include <windows.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes BytesOf(const std::string& text); // with its NUL
+Bytes Number(uint32_t value);
+Bytes Joined(const std::vector<Bytes>& parts);
+
+// Sets a value of HKEY_LOCAL_MACHINE (or of the root given), making its key.
+void SetRegistryValue(const std::string& key, const std::string& name, DWORD type, const Bytes& data,
+                      HKEY root = HKEY_LOCAL_MACHINE);
+void SetRegistryText(const std::string& key, const std::string& name, const std::string& text,
+                     HKEY root = HKEY_LOCAL_MACHINE);
+// Empty when it is not there.
+Bytes RegistryValue(const std::string& key, const std::string& name, HKEY root = HKEY_LOCAL_MACHINE);
+
+// The directory of the installed product, with a backslash at its end; it holds a TVSDBN.EXE.
+std::string InstallDirectory();
+// "DIRPATH", and the file that says that the product is installed.
+void InstallProduct();
+// A printer of a driver, known to the registry as the spooler leaves it there.
+void AddPrinter(const std::string& name, const std::string& driver);
+// A variable of a registered model. size: of the record; data: behind size and flags.
+void AddModelVariable(const std::string& driver, const std::string& name, uint32_t size, uint32_t flags,
+                      const Bytes& data);
+inline const std::string kPrinter = "Front desk";
+inline const std::string kModel = "Test Model";
+// All of the above: the product, the printer, its model, and the event that says that the product is initialised.
+void SetUpProduct();
+HANDLE ProductInitialisedEvent(); // set
+
+// The library in this process.
+struct Library {
+    Library();
+    ~Library();
+};
+
+// The real service, serving when the constructor returns.
+struct Service {
+    Service();
+    TestProcess process;
+};
+
+// The product, set up, its service running, and the library attached.
+struct Product {
+    struct SetUp {
+        SetUp() { SetUpProduct(); }
+    } setUp;
+    Service service;
+    Library library;
+};
+
+// Opens a manager; its status when that fails is a failure of the test.
+TvsManager OpenPrinter(uint32_t clientKind = 2, const std::string& printer = kPrinter);
+// The status of an open, which is closed again when it succeeds.
+int32_t OpenStatus(const std::string& printer, uint32_t clientKind, const char* user = nullptr);
+// Its record, which stays while the manager is open.
+ManagerRecord* RecordOf(TvsManager manager);
+
+struct ReadResult {
+    int32_t status;
+    uint32_t returnedSize;
+    Bytes bytes; // the whole buffer, 0xEE where nothing was written
+};
+ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size);
+int32_t Update(TvsManager manager, const std::string& variable, const Bytes& data);
+// The value of a number variable; fails the test when it cannot be read.
+uint32_t NumberOf(TvsManager manager, const std::string& variable);
+
+// A thread that runs a function; joined with the guard.
+class TestThread {
+public:
+    explicit TestThread(std::function<void()> function);
+    ~TestThread();
+    HANDLE Handle() const { return m_thread; }
+
+private:
+    std::function<void()> m_function;
+    HANDLE m_thread;
+};

@@ -1,0 +1,241 @@
+// Reading values and write times.
+#include "access/reading.h"
+#include "dblink/client.h"
+#include "machine.h"
+
+#include <cstring>
+
+namespace {
+
+struct Expected {
+    const char* variable;
+    uint32_t size; // of the buffer; 0: none
+    int32_t status;
+    uint32_t returned;
+    Bytes bytes; // the first ones; what follows must be untouched
+};
+
+void ExpectReads(TvsManager manager, const std::vector<Expected>& rows) {
+    for (const Expected& row : rows) {
+        SCOPED_TRACE(std::string(row.variable) + " into " + std::to_string(row.size));
+        const ReadResult read = Read(manager, row.variable, row.size);
+        EXPECT_EQ(read.status, row.status);
+        EXPECT_EQ(read.returnedSize, row.returned);
+        Bytes whole = row.bytes;
+        whole.resize(row.size, 0xEE);
+        EXPECT_EQ(read.bytes, whole);
+    }
+}
+
+Bytes Text(const std::string& text) { // without its NUL
+    return Bytes(text.begin(), text.end());
+}
+
+// A printer whose model has a variable of every type, created with its manager.
+struct ReadingProduct : Product {
+    ReadingProduct() {
+        AddModelVariable(kModel, "B", 4, 0x10001, Number(1)); // a byte that is registered with four
+        AddModelVariable(kModel, "Q", 8, 0x10080, Number(0));
+        AddModelVariable(kModel, "Hidden", 4, 0x4, Number(1));
+        AddModelVariable(kModel, "V", 5, 0x10010, Text("hello"));
+        AddModelVariable(kModel, "S", 4, 0x10008, Text("abcd")); // fills its field: no NUL of its own
+        AddModelVariable(kModel, "Mix", 14, 0x10040, Text("ModelNumber;S;"));
+        manager = OpenPrinter();
+        database = RecordOf(manager)->printerDatabase;
+    }
+    TvsManager manager;
+    DatabaseHandle database;
+};
+
+} // namespace
+
+TEST(Reading, EachFormAnswersEveryBufferSize) {
+    const ReadingProduct product;
+    const TvsManager manager = product.manager;
+    EXPECT_EQ(Update(manager, "PrinterStatus", Text("123456789012")), TVS_OK);
+    EXPECT_EQ(Update(manager, "PrinterLocation", BytesOf("third floor")), TVS_OK);
+    EXPECT_EQ(Update(manager, "SpoolerQueue", Joined({Number(1), Bytes(292, 'q')})), TVS_OK);
+    const Bytes queue = Joined({Number(1), Bytes(292, 'q')});
+    ExpectReads(
+        manager,
+        {
+            // Numbers and records: no buffer, short, exact, larger.
+            {"ModelNumber", 0, TVS_E_SIZE, 4, {}},
+            {"ModelNumber", 1, TVS_E_SIZE, 1, {7}},
+            {"ModelNumber", 4, TVS_OK, 4, Number(7)},
+            {"ModelNumber", 9, TVS_OK, 4, Number(7)},
+            {"PrinterStatus", 0, TVS_E_SIZE, 12, {}},
+            {"PrinterStatus", 11, TVS_E_SIZE, 11, Text("12345678901")},
+            {"PrinterStatus", 12, TVS_OK, 12, Text("123456789012")},
+            {"PrinterStatus", 300, TVS_OK, 12, Text("123456789012")},
+            // Texts: up to their NUL; cut and terminated.
+            {"PrinterLocation", 0, TVS_E_SIZE, 260, {}},
+            {"PrinterLocation", 1, TVS_E_SIZE, 1, {0}},
+            {"PrinterLocation", 6, TVS_E_SIZE, 6, BytesOf("third")},
+            {"PrinterLocation", 11, TVS_E_SIZE, 11, BytesOf("third floo")},
+            {"PrinterLocation", 12, TVS_OK, 12, BytesOf("third floor")},
+            {"PrinterLocation", 260, TVS_OK, 12, BytesOf("third floor")},
+            {"PrinterModel", 1, TVS_OK, 1, {0}},
+            {"S", 4, TVS_OK, 4, Text("abcd")},
+            {"S", 3, TVS_E_SIZE, 3, BytesOf("ab")},
+            // Variable-length values: the payload.
+            {"SpoolerQueue", 0, TVS_E_SIZE, 296, {}},
+            {"SpoolerQueue", 4, TVS_E_SIZE, 4, Number(1)},
+            {"SpoolerQueue", 296, TVS_OK, 296, queue},
+            {"SpoolerQueue", 600, TVS_OK, 296, queue},
+            {"PrinterQueue", 100, TVS_OK, 4, Number(0)},
+            {"B", 4, TVS_OK, 4, Number(1)},
+            {"V", 5, TVS_OK, 5, Text("hello")},
+            {"PrinterFontInfo", 8, TVS_OK, 8, Joined({Number(1), Number(2773)})},
+            // Composites: their members one behind the other; one that does not exist contributes nothing.
+            {"CurrentStatus", 24, TVS_OK, 24, Joined({Text("123456789012"), Number(0), Number(0), Number(0)})},
+            {"CurrentStatus", 5, TVS_E_SIZE, 5, Text("12345")},
+            {"PrinterStatusEx", 32, TVS_OK, 32, Joined({Text("123456789012"), Bytes(16, 0xFF), Number(0)})},
+            {"Mix", 0, TVS_E_SIZE, 8, {}},
+            {"Mix", 8, TVS_OK, 8, Joined({Number(7), Text("abcd")})},
+            // What is not there, or not for reading.
+            {"AccessControlList", 8, TVS_E_UNKNOWN, 0, {}},
+            {"Hidden", 8, TVS_E_UNKNOWN, 0, {}},
+            {"modelnumber", 8, TVS_E_UNKNOWN, 0, {}},
+            {"", 8, TVS_E_UNKNOWN, 0, {}},
+            {"ModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModel"
+             "NumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumber"
+             "ModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumberModelNumber",
+             8,
+             TVS_E_UNKNOWN,
+             0,
+             {}},
+        });
+    // A buffer that is not there has no size.
+    uint32_t returned = 5;
+    EXPECT_EQ(GetPrinterStatusA(manager, "ModelNumber", nullptr, 4, &returned), TVS_E_SIZE);
+    EXPECT_EQ(returned, 4u);
+    EXPECT_EQ(Read(manager + 8, "ModelNumber", 4).status, TVS_E_HANDLE);
+    EXPECT_EQ(Read(0, "ModelNumber", 4).returnedSize, 0u);
+}
+
+TEST(Reading, AQueueGivesItsOldestItemOnce) {
+    const ReadingProduct product;
+    // The service has no such variable: its answer is passed on, and nothing is taken for a value.
+    const Answer unknown = static_cast<Answer>(dblink::kUnknownVariable);
+    ExpectReads(product.manager, {{"Q", 8, PassOn(unknown), 0, {}}, {"Q", 0, PassOn(unknown), 0, {}}});
+
+    const Bytes empty = Joined({Number(4), Number(0)});
+    ASSERT_EQ(CreateVariable(product.database, "Q", dblink::kTypeVariableLength, 8, empty.data()), Answer::Done);
+    const auto store = [&](const Bytes& value) {
+        EXPECT_EQ(WriteVariable(product.database, "Q", value.data(), static_cast<DWORD>(value.size())), Answer::Done);
+    };
+    const auto stored = [&] {
+        Bytes value(100);
+        DWORD size = 0;
+        EXPECT_EQ(ReadVariable(product.database, "Q", value.data(), 100, &size), Answer::Done);
+        value.resize(size);
+        return value;
+    };
+    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 0, {}}, {"Q", 0, TVS_OK, 0, {}}});
+    store(Joined({Number(4 + 24), Number(3), Text("item one"), Text("item two"), Text("itemlast")}));
+    ExpectReads(product.manager, {{"Q", 0, TVS_E_SIZE, 8, {}},
+                                  {"Q", 100, TVS_OK, 8, Text("item one")},
+                                  {"Q", 2, TVS_E_SIZE, 2, Text("it")}}); // the rest of the second one is gone
+    EXPECT_EQ(stored(), Joined({Number(12), Number(1), Text("itemlast")}));
+    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 8, Text("itemlast")}, {"Q", 8, TVS_OK, 0, {}}});
+    EXPECT_EQ(stored(), empty);
+
+    // What another process left there is believed as far as its bytes go.
+    store(Joined({Number(1), Bytes(2)}));
+    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 0, {}}});
+    store(Joined({Number(0xFFFFFFFF), Number(0xFFFFFFFF), Text("only one"), Text("half")}));
+    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 8, Text("only one")}, {"Q", 8, TVS_OK, 0, {}}});
+}
+
+TEST(Reading, AVariableLengthValueShorterThanItsLengthIsEmpty) {
+    const ReadingProduct product;
+    ASSERT_EQ(WriteVariable(product.database, "V", "\1\2", 2), Answer::Done);
+    ExpectReads(product.manager, {{"V", 8, TVS_OK, 0, {}}, {"V", 0, TVS_E_SIZE, 0, {}}});
+}
+
+TEST(Reading, WithoutTheServiceItsAnswerIsPassedOn) {
+    ReadingProduct product;
+    product.service.process.Kill();
+    SYSTEMTIME time = {};
+    const ReadResult number = Read(product.manager, "ModelNumber", 4);
+    EXPECT_GT(number.status, 0);
+    EXPECT_EQ(number.returnedSize, 4u);
+    EXPECT_EQ(number.bytes, Number(0));
+    // Once it is known that there is none, that is what is told.
+    ExpectReads(product.manager, {{"ModelNumber", 4, RPC_S_SERVER_UNAVAILABLE, 4, Number(0)},
+                                  {"ModelNumber", 2, RPC_S_SERVER_UNAVAILABLE, 2, {0, 0}},
+                                  {"PrinterLocation", 9, RPC_S_SERVER_UNAVAILABLE, 1, {0}},
+                                  {"SpoolerQueue", 9, RPC_S_SERVER_UNAVAILABLE, 0, {}},
+                                  {"SpoolerQueue", 0, RPC_S_SERVER_UNAVAILABLE, 0, {}}});
+    EXPECT_EQ(GetPrinterStatusInfoA(product.manager, "ModelNumber", &time), TVS_E_UNKNOWN);
+    EXPECT_EQ(Update(product.manager, "ModelNumber", Number(1)), RPC_S_SERVER_UNAVAILABLE);
+    EXPECT_EQ(CloseManager(product.manager), TVS_OK);
+    const Service again;
+    EXPECT_EQ(NumberOf(OpenPrinter(), "ModelNumber"), 7u);
+}
+
+TEST(Reading, WriteTimesFollowTheWrites) {
+    const ReadingProduct product;
+    const TvsManager manager = product.manager;
+    const auto written = [](const SYSTEMTIME& time) {
+        FILETIME file;
+        EXPECT_TRUE(SystemTimeToFileTime(&time, &file));
+        return uint64_t{file.dwHighDateTime} << 32 | file.dwLowDateTime;
+    };
+    const auto now = [&] {
+        SYSTEMTIME time;
+        GetSystemTime(&time);
+        return written(time);
+    };
+    SYSTEMTIME time;
+    // Readable or not, with each form of the call.
+    for (const char* name : {"AccessControlList", "Hidden", "ModelNumber", "CurrentStatus"}) {
+        EXPECT_EQ(GetPrinterStatusInfoA(manager, name, &time), TVS_OK) << name;
+        EXPECT_LE(written(time), now()) << name;
+    }
+    const uint64_t before = now();
+    EXPECT_EQ(Update(manager, "JobStatus", Number(2)), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, u"JobStatus", &time), TVS_OK);
+    EXPECT_GE(written(time), before);
+    EXPECT_LE(written(time), now());
+    EXPECT_EQ(GetPrinterStatusInfoA(manager, "Nothing", &time), TVS_E_UNKNOWN);
+    EXPECT_EQ(GetPrinterStatusInfoA(manager, "Q", &time), TVS_E_UNKNOWN); // the service has none
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, u"JobStatusJobStatusJobStatusJobStatus", &time), TVS_E_UNKNOWN);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, u"", &time), TVS_E_UNKNOWN);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager + 8, u"JobStatus", &time), TVS_E_HANDLE);
+}
+
+// Variables that the library will serve by itself, and types that only printers define.
+TEST(Reading, HandlersAndExtendedTypesGiveTheirForms) {
+    const ReadingProduct product;
+    ManagerRecord* record = RecordOf(product.manager);
+    const auto read = [&](const StatusVariableDef& variable, uint32_t size) {
+        ReadResult result{0, 0, Bytes(size, 0xEE)};
+        result.status = ReadValue(record, variable, {result.bytes.data(), size, nullptr}, &result.returnedSize);
+        return result;
+    };
+    const LocalReadProc number = [](ManagerRecord*, void* buffer) -> uint32_t {
+        if (buffer != nullptr) std::memcpy(buffer, "\x2A\0\0", 4);
+        return 4;
+    };
+    const StatusVariableDef computed = {.flags = SVT_NUMBER, .size = 4, .localRead = number, .name = "Computed"};
+    EXPECT_EQ(read(computed, 4).bytes, Number(42));
+    EXPECT_EQ(read(computed, 0).returnedSize, 4u);
+    const LocalReadProc list = [](ManagerRecord*, void* buffer) -> uint32_t {
+        if (buffer != nullptr) std::memcpy(buffer, "\3\0\0\0abc", 7);
+        return 7;
+    };
+    const StatusVariableDef computedList = {.flags = SVT_VARIABLE, .localRead = list, .name = "ComputedList"};
+    EXPECT_EQ(read(computedList, 0).returnedSize, 3u);
+    EXPECT_EQ(read(computedList, 3).bytes, Text("abc"));
+    EXPECT_EQ(read(computedList, 2).status, TVS_E_SIZE);
+    // The stored size is asked, but the variable's own is handed over, from the start.
+    for (uint32_t size : {4u, 9u, 20u}) {
+        const StatusVariableDef extended = {.flags = 0x10000000, .size = size, .name = "V"};
+        Bytes value = Joined({Number(5), Text("hello"), Bytes(11)});
+        value.resize(size);
+        EXPECT_EQ(read(extended, size).bytes, value) << size;
+        EXPECT_EQ(read(extended, 0).returnedSize, 5u);
+    }
+}

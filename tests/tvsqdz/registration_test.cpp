@@ -1,0 +1,185 @@
+// What the registry and the spooler know of a printer: driver, model, and the variables that the model defines.
+#include "catalogue/variable_lookup.h"
+#include "frame/heap.h"
+#include "frame/printer_registration.h"
+#include "frame/variable_index.h"
+#include "machine.h"
+
+#include <winspool.h>
+
+#include <cstring>
+
+namespace {
+
+const std::string kKeys = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+
+// A record as an open has it before it asks what the printer's variables are.
+struct Record {
+    explicit Record(const std::string& printer = kPrinter) {
+        std::memcpy(manager.printerName, printer.c_str(), printer.size() + 1);
+    }
+    ~Record() {
+        FreeVariables(&manager);
+        FreeBlock(manager.driverName);
+    }
+    const StatusVariableDef* Find(const char* name) { return FindStatusVariable(&manager, name); }
+
+    ManagerRecord manager = {};
+};
+
+void AddToSpooler(std::string name, std::string driver) {
+    PRINTER_INFO_2A info = {};
+    std::string port = "LPT1:";
+    std::string server = "\\\\server";
+    if (name.starts_with("\\\\")) info.pServerName = server.data();
+    info.pPrinterName = name.data();
+    info.pDriverName = driver.data();
+    info.pPortName = port.data();
+    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<BYTE*>(&info));
+    ASSERT_NE(printer, nullptr) << name << " " << GetLastError();
+    ClosePrinter(printer);
+}
+
+bool IsSorted(const ManagerRecord& manager) {
+    for (uint32_t i = 1; i < manager.variableCount; ++i)
+        if (lstrcmpA(manager.variableIndex[i - 1]->name, manager.variableIndex[i]->name) >= 0) return false;
+    return true;
+}
+
+} // namespace
+
+TEST(Registration, KeyNamesHaveCommasForBackslashes) {
+    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue").name, ",,server,queue");
+    EXPECT_STREQ(DriverDataKeyName("Front desk").name, "Front desk");
+    EXPECT_STREQ(DriverDataKeyName("a\\").name, "a,");
+    EXPECT_EQ(std::strlen(DriverDataKeyName(std::string(259, '\\').c_str()).name), 259u);
+}
+
+// 0x83 0x5C is one character there, though its second byte is that of a backslash; at the end it has lost it.
+CHILD_PROCESS(NamesOfCodePage932) {
+    child.Say(std::string(DriverDataKeyName("\\\\\x83\\\\\x83").name) == ",,\x83\\,\x83" ? "right" : "wrong");
+    return 0;
+}
+
+TEST(Registration, DoubleByteCharactersStayWhole) {
+    TestProcess process("NamesOfCodePage932", {}, {{"ORIEL_ANSI_CODE_PAGE", "932"}});
+    EXPECT_EQ(process.Hear(), "right");
+}
+
+TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
+    InstallProduct();
+    const Library library;
+    const auto driverOf = [](const std::string& printer) -> std::string {
+        Record record(printer);
+        return LookUpDriverName(&record.manager) ? record.manager.driverName : "(none)";
+    };
+    EXPECT_EQ(driverOf("Front desk"), "(none)"); // no printers at all
+    AddPrinter("Front desk", "Driver A");
+    AddPrinter("\\\\server\\queue", "Driver B");
+    AddToSpooler("\\\\server\\far", "Driver C");
+    SetRegistryValue(kKeys + "Unterminated", "Printer Driver", REG_SZ, {'D', 'r'});
+    SetRegistryText(kKeys + "Nameless", "Port", "LPT1:");
+    EXPECT_EQ(driverOf("Front desk"), "Driver A");
+    EXPECT_EQ(driverOf("\\\\server\\queue"), "Driver B");
+    EXPECT_EQ(driverOf("\\\\server\\far"), "Driver C"); // has no key
+    EXPECT_EQ(driverOf("Unterminated"), "Dr");
+    EXPECT_EQ(driverOf("Nameless"), "(none)"); // a key that does not tell it: the spooler is not asked
+    EXPECT_EQ(driverOf("Nowhere"), "(none)");
+
+    Record known;
+    known.manager.driverName = CopyText("Known");
+    EXPECT_TRUE(LookUpDriverName(&known.manager));
+    EXPECT_STREQ(known.manager.driverName, "Known");
+}
+
+TEST(Registration, ModelsAreRegisteredWithTheirVariables) {
+    InstallProduct();
+    const Library library;
+    const std::string models = "SOFTWARE\\Tavik\\Oriel\\Printers";
+    EXPECT_FALSE(IsUnsupportedPrinter("Front desk")); // the spooler has no keys
+    AddPrinter("Front desk", "Test Model");
+    SetRegistryText(kKeys + "Nameless", "Port", "LPT1:");
+    EXPECT_FALSE(IsUnsupportedPrinter("Nowhere"));
+    EXPECT_TRUE(IsUnsupportedPrinter("Nameless"));
+    EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // the product has no key of models
+    SetRegistryText(models, "Version", "1");
+    EXPECT_FALSE(IsUnsupportedPrinter("Front desk")); // it is empty
+    SetRegistryText(models + "\\Another Model\\Status Variables", "X", "");
+    SetRegistryText(models + "\\Test Model", "Only", "a value");
+    EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // registered without variables
+    SetRegistryText(models + "\\TEST model\\Status Variables", "X", "");
+    EXPECT_FALSE(IsUnsupportedPrinter("Front desk"));
+    AddPrinter("Back office", std::string(40, 'm'));
+    SetRegistryText(models + "\\" + std::string(40, 'm') + "\\Status Variables", "X", "");
+    EXPECT_TRUE(IsUnsupportedPrinter("Back office")); // its name is no model's: too long
+}
+
+TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
+    InstallProduct();
+    AddPrinter(kPrinter, kModel);
+    const Library library;
+    {
+        Record plain; // no model
+        ASSERT_TRUE(BuildVariableIndex(&plain.manager));
+        EXPECT_EQ(plain.manager.variableCount, 57u);
+        EXPECT_EQ(plain.manager.extraVariables, nullptr);
+    }
+    const Bytes eight(8, 0xAB);
+    AddModelVariable(kModel, "Zeta", 4, 0x4, Number(9));
+    AddModelVariable(kModel, "PrinterStatus", 8, 0x10020, eight);
+    AddModelVariable(kModel, "Aardvark", 5, 0x10010, {1, 2, 3, 4, 5});
+    AddModelVariable(kModel, "Queue", 6, 0x10080, {0xFF, 0xFF, 0xFF, 0xFF});
+    AddModelVariable(kModel, "jobstatus", 4, 0x10004, Number(1)); // another name than "JobStatus"
+    AddModelVariable(kModel, "Sum", 39, 0x10040, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation"));
+    AddModelVariable(kModel, "Sum", 42, 0x10040, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation"));
+    AddModelVariable(kModel, "BadSum", 12, 0x10040, BytesOf("Zeta;Absent"));
+    AddModelVariable(kModel, "NoSum", 4, 0x10040, {0, 0, 0, 0});
+    // Skipped: another length than they say, too short, without a name, with one that nobody could ask for.
+    AddModelVariable(kModel, "Long", 4, 0x4, eight);
+    AddModelVariable(kModel, "Short", 8, 0x4, Number(1));
+    AddModelVariable(kModel, "Tiny", 3, 0x20, {1, 2, 3});
+    AddModelVariable(kModel, "LongQueue", 8, 0x80, eight);
+    AddModelVariable(kModel, "", 4, 0x4, Number(1));
+    AddModelVariable(kModel, std::string(256, 'n'), 4, 0x4, Number(1));
+    AddModelVariable(kModel, std::string(255, 'n'), 4, 0x4, Number(1));
+    SetRegistryValue("SOFTWARE\\Tavik\\Oriel\\Printers\\" + kModel + "\\Status Variables", "Empty", REG_BINARY, {});
+
+    Record record;
+    ASSERT_TRUE(BuildVariableIndex(&record.manager));
+    EXPECT_TRUE(IsSorted(record.manager));
+    EXPECT_EQ(record.manager.variableCount, 57u + 8);
+    for (const char* name : {"Long", "Short", "Tiny", "LongQueue", "Empty", ""})
+        EXPECT_EQ(record.Find(name), nullptr) << name;
+    EXPECT_NE(record.Find(std::string(255, 'n').c_str()), nullptr);
+
+    struct Row {
+        const char* name;
+        uint32_t flags, size, timeout;
+        Bytes value;
+    };
+    const Row rows[] = {
+        {"Zeta", 0x01000004, 4, 0, Number(9)},
+        {"PrinterStatus", 0x01010020, 8, 30000, eight}, // takes over the built-in row's time-out
+        {"Aardvark", 0x01010010, 5, 0, Joined({Number(5), {1, 2, 3, 4, 5}})},
+        {"Queue", 0x01010080, 6, 0, Joined({Number(4), Number(0)})},
+        {"jobstatus", 0x01010004, 4, 0, Number(1)},
+        {"Sum", 0x01010040, 8 + 4 + 6 + 260, 0, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation")},
+        {"BadSum", 0x01010040, 0, 0, BytesOf("Zeta;Absent")},
+        {"NoSum", 0x01010040, 0, 0, {0, 0, 0, 0}},
+    };
+    for (const Row& row : rows) {
+        const StatusVariableDef* found = record.Find(row.name);
+        ASSERT_NE(found, nullptr) << row.name;
+        EXPECT_EQ(found->flags, row.flags) << row.name;
+        EXPECT_EQ(found->size, row.size) << row.name;
+        EXPECT_EQ(found->timeoutMs, row.timeout) << row.name;
+        EXPECT_EQ(std::memcmp(found->defaultValue, row.value.data(), row.value.size()), 0) << row.name;
+    }
+    EXPECT_STREQ(record.manager.variableIndex[0]->name, "Aardvark");
+    EXPECT_STREQ(record.manager.variableIndex[record.manager.variableCount - 1]->name, "Zeta");
+    EXPECT_EQ(record.Find("PrinterStatusEx")->size, 32u); // of a built-in composite it is as declared
+    EXPECT_EQ(CompositeSize(&record.manager, ""), 0u);
+
+    Record nowhere("Nowhere");
+    EXPECT_FALSE(BuildVariableIndex(&nowhere.manager));
+}

@@ -1,0 +1,118 @@
+// What the library makes of each Windows: the platform bit, Terminal Services, and with it the names of kernel objects.
+#include "frame/object_names.h"
+#include "frame/object_security.h"
+#include "machine.h"
+
+namespace {
+
+constexpr const char* kSuiteKey = "System\\CurrentControlSet\\Control\\ProductOptions";
+
+void SetVersion(const char* version) {
+    SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", version);
+}
+
+} // namespace
+
+TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
+    struct Row {
+        const char* version;
+        Bytes suite; // "ProductSuite"; empty: none
+        DWORD suiteType;
+        uint32_t bit;
+        bool terminalServer;
+    };
+    const Bytes listed = Joined({BytesOf("Small Business"), BytesOf("Terminal Server"), BytesOf("")});
+    const Row rows[] = {
+        {"9x:4.0", {}, 0, OsWindows9x, false},
+        {"9x:4.10", listed, REG_MULTI_SZ, OsWindows9x, true},
+        {"3.10", {}, 0, 0, false},
+        {"3.50", {}, 0, OsNt350, false},
+        {"3.51", {}, 0, OsNt351, false},
+        {"3.52", {}, 0, OsNtLater, false},
+        {"4.0", {}, 0, OsNtLater, false},
+        {"4.0", listed, REG_MULTI_SZ, OsNtLater, true},
+        {"5.0", {}, 0, OsNtLater, false},
+        {"5.0", listed, REG_MULTI_SZ, OsNtLater, true},
+        {"5.0", listed, REG_BINARY, OsNtLater, false},
+        {"5.0", Joined({BytesOf("terminal server"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, false},
+        {"5.0", Joined({BytesOf("Small Business"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, false},
+        {"5.1", {}, 0, OsNtLater, true},
+        {"5.2", Joined({BytesOf("Small Business"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, true},
+        {"6.1", {}, 0, OsNtLater, true},
+    };
+    SetUpProduct();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.version);
+        SetVersion(row.version);
+        SetRegistryValue(kSuiteKey, "ProductSuite", row.suite.empty() ? REG_MULTI_SZ : row.suiteType, row.suite);
+        const Library library;
+        EXPECT_EQ(PlatformBit(), row.bit);
+        EXPECT_EQ(g_terminalServer, row.terminalServer);
+        const std::string prefix = row.terminalServer ? "Global\\" : "";
+        EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
+        EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
+        EXPECT_STREQ(AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+    }
+}
+
+TEST(Versions, ObjectsAreEveryones) {
+    SetUpProduct();
+    const Library library;
+    {
+        const ManagerLockHold lock;
+        ASSERT_EQ(ObjectSecurity(), nullptr);
+        ASSERT_TRUE(EnsureObjectSecurity());
+        ASSERT_TRUE(EnsureObjectSecurity());
+    }
+    const SECURITY_ATTRIBUTES* attributes = ObjectSecurity();
+    EXPECT_EQ(attributes->bInheritHandle, FALSE);
+    // Self-relative: no owner and no system list, the group Everyone, a list with one entry for Everyone.
+    const Bytes everyone = {1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    const auto* bytes = static_cast<const uint8_t*>(attributes->lpSecurityDescriptor);
+    const auto* header = reinterpret_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(bytes);
+    EXPECT_EQ(header->Revision, 1);
+    EXPECT_EQ(header->Control, SE_SELF_RELATIVE | SE_DACL_PRESENT);
+    EXPECT_EQ(header->Owner, 0u);
+    EXPECT_EQ(header->Sacl, 0u);
+    EXPECT_EQ(Bytes(bytes + header->Group, bytes + header->Group + 12), everyone);
+    const Bytes list = Joined({{2, 0, 28, 0, 1, 0, 0, 0}, {0, 0, 20, 0}, Number(GENERIC_ALL), everyone});
+    EXPECT_EQ(Bytes(bytes + header->Dacl, bytes + header->Dacl + list.size()), list);
+
+    // The general builder, with flags and two entries; and one that it refuses.
+    SID_IDENTIFIER_AUTHORITY authority = SECURITY_WORLD_SID_AUTHORITY;
+    PSID world = nullptr;
+    ASSERT_TRUE(AllocateAndInitializeSid(&authority, 1, 0, 0, 0, 0, 0, 0, 0, 0, &world));
+    const AccessEntry entries[] = {{world, 1, 0}, {world, 2, CONTAINER_INHERIT_ACE}};
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ASSERT_TRUE(BuildSecurityDescriptor(entries, 2, world, &descriptor));
+    BOOL present = FALSE;
+    BOOL defaulted = TRUE;
+    PACL acl = nullptr;
+    ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &acl, &defaulted));
+    EXPECT_EQ(defaulted, FALSE);
+    ASSERT_EQ(acl->AceCount, 2);
+    void* second = nullptr;
+    ASSERT_TRUE(GetAce(acl, 1, &second));
+    EXPECT_EQ(static_cast<ACE_HEADER*>(second)->AceFlags, CONTAINER_INHERIT_ACE);
+    Bytes invalid = everyone;
+    invalid[0] = 2;
+    const AccessEntry bad = {invalid.data(), 1, 0};
+    EXPECT_FALSE(BuildSecurityDescriptor(&bad, 1, world, &descriptor));
+    EXPECT_EQ(descriptor, nullptr);
+    FreeSid(world);
+}
+
+// Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
+TEST(Versions, OpensWorkOnEach) {
+    SetUpProduct();
+    Service service;
+    for (const char* version : {"9x:4.10", "3.10", "4.0", "5.0", "5.1"}) {
+        SCOPED_TRACE(version);
+        SetVersion(version);
+        const Library library;
+        const TvsManager manager = OpenPrinter();
+        EXPECT_EQ(ObjectSecurity() != nullptr, (PlatformBit() & OsNtAny) != 0);
+        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), PlatformBit());
+        EXPECT_EQ(CloseManager(manager), TVS_OK);
+    }
+}
