@@ -22,7 +22,7 @@ Variable* Resolved(const Database& database, MemberList::Member& member) {
     Variable* variable = member.variable.load(std::memory_order_acquire);
     if (variable) return variable;
     variable = FindVariable(database, member.name->Text());
-    member.variable.store(variable, std::memory_order_release); // all who find it store the same
+    if (variable) member.variable.store(variable, std::memory_order_release); // all who find it store the same
     return variable;
 }
 

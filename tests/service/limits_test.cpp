@@ -28,7 +28,7 @@ void ExpectOrderlyStop(Service& service) {
 
 } // namespace
 
-TEST(Limits, OfOneUserHoldAndAreGivenBack) {
+TEST(CampaignLimits, OfOneUserHoldAndAreGivenBack) {
     Service service;
     const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
     DWORD opened = 0;
@@ -49,7 +49,7 @@ TEST(Limits, OfOneUserHoldAndAreGivenBack) {
     ExpectOrderlyStop(service);
 }
 
-TEST(Limits, OfADatabaseAndOfMemoryHold) {
+TEST(CampaignLimits, OfADatabaseAndOfMemoryHold) {
     Service service;
     int number = 0;
     const auto create = [&](DWORD handle, const Bytes& value) {
@@ -69,7 +69,7 @@ TEST(Limits, OfADatabaseAndOfMemoryHold) {
     ExpectOrderlyStop(service);
 }
 
-TEST(Limits, OfDatabasesHold) {
+TEST(CampaignLimits, OfDatabasesHold) {
     Service service;
     int number = 0;
     const auto create = [&] {

@@ -2,8 +2,6 @@
 
 #include "private_machine.h"
 
-#include <cstring>
-
 namespace {
 
 RPC_CLIENT_INTERFACE g_interface = {
@@ -25,69 +23,6 @@ RPC_BINDING_HANDLE Binding() {
         return handle;
     }();
     return binding;
-}
-
-// A call: its request is written first, then Send, then its reply is read.
-class Call {
-public:
-    Call(UINT procedure, ULONGLONG size) {
-        m_message.Handle = Binding();
-        m_message.RpcInterfaceInformation = &g_interface;
-        m_message.ProcNum = procedure;
-        m_message.BufferLength = static_cast<unsigned int>(size);
-        m_message.DataRepresentation = 0x10;
-        m_fault = I_RpcGetBuffer(&m_message);
-        m_held = m_fault == RPC_S_OK;
-    }
-    ~Call() {
-        if (m_held) I_RpcFreeBuffer(&m_message);
-    }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-
-    NdrWriter Request() { return m_held ? NdrWriter{m_message.Buffer, m_message.BufferLength} : NdrWriter{nullptr, 0}; }
-    RPC_STATUS Send() {
-        if (!m_held) return m_fault;
-        m_fault = I_RpcSendReceive(&m_message);
-        m_held = m_fault == RPC_S_OK;
-        return m_fault;
-    }
-    NdrReader Reply() { return {m_message.Buffer, m_message.BufferLength, m_message.DataRepresentation}; }
-    RPC_MESSAGE& Message() { return m_message; }
-
-private:
-    RPC_MESSAGE m_message = {};
-    RPC_STATUS m_fault;
-    bool m_held;
-};
-
-// Writes the request, sends it, and lets the reply's out parameters be read before its status.
-template <typename Write, typename Read>
-LONG Exchange(UINT procedure, ULONGLONG size, Write write, Read read) {
-    Call call(procedure, size);
-    NdrWriter request = call.Request();
-    write(request);
-    const RPC_STATUS fault = call.Send();
-    if (fault != RPC_S_OK) return fault;
-    EXPECT_TRUE(request.Good());
-    NdrReader reply = call.Reply();
-    read(reply);
-    const LONG status = reply.Status();
-    EXPECT_TRUE(reply.Good()) << "procedure " << procedure;
-    return status;
-}
-
-void ReadNothing(NdrReader&) {}
-
-LONG ExchangeName(Procedure procedure, std::string_view name, DWORD* handle) {
-    return Exchange(
-        procedure, NdrTextSize(name), [&](NdrWriter& request) { request.Text(name); },
-        [&](NdrReader& reply) { *handle = reply.U32(); });
-}
-
-LONG ExchangeHandle(Procedure procedure, DWORD handle) {
-    return Exchange(
-        procedure, kNdrU32Size, [&](NdrWriter& request) { request.U32(handle); }, ReadNothing);
 }
 
 } // namespace
@@ -114,135 +49,72 @@ Bytes BytesOf(std::string_view text) {
 }
 
 Bytes Number(DWORD value) {
-    Bytes bytes(4);
-    std::memcpy(bytes.data(), &value, 4);
-    return bytes;
+    return {static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
+            static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
+}
+
+DWORD U32At(const Bytes& bytes, size_t at) {
+    if (at + 4 > bytes.size()) return 0xFFFFFFFF;
+    return bytes[at] | bytes[at + 1] << 8u | bytes[at + 2] << 16u | DWORD{bytes[at + 3]} << 24u;
+}
+
+void Body::AddPadded(const Bytes& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+}
+
+void Body::Add(DWORD value) {
+    AddPadded(Number(value));
+}
+
+void Body::Add(const Bytes& array) {
+    Add(static_cast<DWORD>(array.size()));
+    AddPadded(array);
+}
+
+void Body::Add(std::string_view text) {
+    Add(static_cast<DWORD>(text.size() + 1));
+    Add(DWORD{0});
+    Add(BytesOf(text)); // its count is the text's actual count
 }
 
 RawReply CallRaw(UINT procedure, const Bytes& body) {
-    Call call(procedure, body.size());
+    RPC_MESSAGE message = {};
+    message.Handle = Binding();
+    message.RpcInterfaceInformation = &g_interface;
+    message.ProcNum = procedure;
+    message.BufferLength = static_cast<unsigned int>(body.size());
+    message.DataRepresentation = 0x10;
     RawReply reply;
-    if (!body.empty() && call.Message().Buffer) std::memcpy(call.Message().Buffer, body.data(), body.size());
-    reply.fault = call.Send();
+    reply.fault = I_RpcGetBuffer(&message);
     if (reply.fault != RPC_S_OK) return reply;
-    const auto* bytes = static_cast<unsigned char*>(call.Message().Buffer);
-    reply.body.assign(bytes, bytes + call.Message().BufferLength);
-    reply.representation = call.Message().DataRepresentation;
+    if (!body.empty()) std::memcpy(message.Buffer, body.data(), body.size());
+    reply.fault = I_RpcSendReceive(&message);
+    if (reply.fault != RPC_S_OK) return reply;
+    EXPECT_EQ(message.DataRepresentation & 0xFF, 0x10u);
+    const auto* bytes = static_cast<unsigned char*>(message.Buffer);
+    reply.body.assign(bytes, bytes + message.BufferLength);
+    I_RpcFreeBuffer(&message);
     return reply;
 }
 
-LONG CreateDatabase(std::string_view name, DWORD* handle) {
-    return ExchangeName(kCreateDatabase, name, handle);
-}
-
-LONG OpenDatabase(std::string_view name, DWORD* handle) {
-    return ExchangeName(kOpenDatabase, name, handle);
-}
-
-LONG CloseDatabase(DWORD handle) {
-    return ExchangeHandle(kCloseDatabase, handle);
-}
-
-LONG EndDatabaseInitialization(DWORD handle) {
-    return ExchangeHandle(kEndDatabaseInitialization, handle);
-}
-
-LONG GetDatabaseInfo(DWORD handle, DatabaseInfo* info) {
-    return Exchange(
-        kGetDatabaseInfo, kNdrU32Size, [&](NdrWriter& request) { request.U32(handle); },
-        [&](NdrReader& reply) { *info = reply.ReadDatabaseInfo(); });
-}
-
-LONG CreateVariable(DWORD handle, std::string_view name, DWORD type, const Bytes& value, DWORD reserved) {
-    const DWORD size = static_cast<DWORD>(value.size());
-    return Exchange(
-        kCreateVariable, 4 * kNdrU32Size + NdrTextSize(name) + NdrBytesSize(size),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-            request.U32(type);
-            request.U32(size);
-            request.U32(reserved);
-            request.Bytes(value.data(), size);
-        },
-        ReadNothing);
-}
-
-LONG WriteVariable(DWORD handle, std::string_view name, const Bytes& value) {
-    const DWORD size = static_cast<DWORD>(value.size());
-    return Exchange(
-        kWriteVariable, 2 * kNdrU32Size + NdrTextSize(name) + NdrBytesSize(size),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-            request.Bytes(value.data(), size);
-            request.U32(size);
-        },
-        ReadNothing);
+LONG Ask(UINT procedure, const Bytes& body, void* out, size_t size) {
+    const RawReply reply = CallRaw(procedure, body);
+    if (reply.fault != RPC_S_OK) return reply.fault;
+    EXPECT_EQ(reply.body.size(), size + 4) << "procedure " << procedure;
+    if (reply.body.size() != size + 4) return -1;
+    if (size > 0) std::memcpy(out, reply.body.data(), size);
+    return static_cast<LONG>(U32At(reply.body, size));
 }
 
 LONG ReadVariable(DWORD handle, std::string_view name, DWORD size, Bytes* buffer, DWORD* valueSize) {
-    return Exchange(
-        kReadVariable, 2 * kNdrU32Size + NdrTextSize(name),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-            request.U32(size);
-        },
-        [&](NdrReader& reply) {
-            const NdrBytes bytes = reply.Bytes();
-            EXPECT_EQ(bytes.size, size);
-            if (buffer) buffer->assign(bytes.data, bytes.data + bytes.size);
-            const DWORD told = reply.U32();
-            if (valueSize) *valueSize = told;
-        });
-}
-
-LONG SetCompositeMembers(DWORD handle, std::string_view composite, std::string_view list) {
-    return Exchange(
-        kSetCompositeMembers, kNdrU32Size + NdrTextSize(composite) + NdrTextSize(list),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(composite);
-            request.Text(list);
-        },
-        ReadNothing);
-}
-
-LONG GetVariableInfo(DWORD handle, std::string_view name, VariableInfo* info) {
-    return Exchange(
-        kGetVariableInfo, kNdrU32Size + NdrTextSize(name),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-        },
-        [&](NdrReader& reply) { *info = reply.ReadVariableInfo(); });
-}
-
-LONG WatchVariable(DWORD handle, std::string_view name, DWORD mode) {
-    return Exchange(
-        kWatchVariable, 2 * kNdrU32Size + NdrTextSize(name),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-            request.U32(mode);
-        },
-        ReadNothing);
-}
-
-LONG UnwatchVariable(DWORD handle, std::string_view name) {
-    return Exchange(
-        kUnwatchVariable, kNdrU32Size + NdrTextSize(name),
-        [&](NdrWriter& request) {
-            request.U32(handle);
-            request.Text(name);
-        },
-        ReadNothing);
-}
-
-LONG ForwardRequest(std::string_view text) {
-    return Exchange(
-        kForwardRequest, NdrTextSize(text), [&](NdrWriter& request) { request.Text(text); }, ReadNothing);
+    Bytes out(4 + (size + 3) / 4 * 4 + 4);
+    const LONG status = Ask(kReadVariable, BodyOf(handle, name, size), out.data(), out.size());
+    if (status > 0) return status;
+    EXPECT_EQ(U32At(out, 0), size);
+    if (buffer) buffer->assign(out.begin() + 4, out.begin() + 4 + size);
+    if (valueSize) *valueSize = U32At(out, out.size() - 4);
+    return status;
 }
 
 DWORD ReadyDatabase(std::string_view name, const std::vector<VariableRow>& variables) {

@@ -1,12 +1,13 @@
-// The real service in the test's private machine, and calls to it as its own stubs would make them.
+// The real service in the test's private machine, and a small client of it that puts its bodies together by itself.
 #pragma once
 
+#include "dblink/interface.h"
 #include "dblink/kernel_names.h"
-#include "dblink/ndr.h"
 #include "test_process.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,30 +26,73 @@ struct Service {
 using Bytes = std::vector<unsigned char>;
 Bytes BytesOf(std::string_view text); // with its NUL
 Bytes Number(DWORD value);
+DWORD U32At(const Bytes& bytes, size_t at);
+
+// A body from its parameters: numbers are u32, text is a string, Bytes are a byte array.
+struct Body {
+    Bytes bytes;
+
+    void Add(DWORD value);
+    void Add(std::string_view text);
+    void Add(const Bytes& array);
+    void AddPadded(const Bytes& more);
+};
+template <typename... Parameters>
+Bytes BodyOf(const Parameters&... parameters) {
+    Body body;
+    (body.Add(parameters), ...);
+    return body.bytes;
+}
 
 // One call with a body as it is. fault: what the run-time says; the rest is the reply.
 struct RawReply {
     RPC_STATUS fault = RPC_S_OK;
-    DWORD representation = 0;
     Bytes body;
 };
 RawReply CallRaw(UINT procedure, const Bytes& body);
 
-// The procedures. Each gives the service's status, or the run-time's positive code.
-LONG CreateDatabase(std::string_view name, DWORD* handle);
-LONG OpenDatabase(std::string_view name, DWORD* handle);
-LONG CloseDatabase(DWORD handle);
-LONG GetDatabaseInfo(DWORD handle, DatabaseInfo* info);
-LONG EndDatabaseInitialization(DWORD handle);
-LONG CreateVariable(DWORD handle, std::string_view name, DWORD type, const Bytes& value, DWORD reserved = 0);
-LONG WriteVariable(DWORD handle, std::string_view name, const Bytes& value);
-// *buffer: the array that came back; *valueSize may be null.
+// One call; its status, or the run-time's positive code. What the reply holds before the status is copied to *out,
+// which must be as long.
+LONG Ask(UINT procedure, const Bytes& body, void* out = nullptr, size_t size = 0);
+
+inline LONG CreateDatabase(std::string_view name, DWORD* handle) {
+    return Ask(kCreateDatabase, BodyOf(name), handle, 4);
+}
+inline LONG OpenDatabase(std::string_view name, DWORD* handle) {
+    return Ask(kOpenDatabase, BodyOf(name), handle, 4);
+}
+inline LONG CloseDatabase(DWORD handle) {
+    return Ask(kCloseDatabase, BodyOf(handle));
+}
+inline LONG GetDatabaseInfo(DWORD handle, DatabaseInfo* info) {
+    return Ask(kGetDatabaseInfo, BodyOf(handle), info, sizeof *info);
+}
+inline LONG EndDatabaseInitialization(DWORD handle) {
+    return Ask(kEndDatabaseInitialization, BodyOf(handle));
+}
+inline LONG CreateVariable(DWORD handle, std::string_view name, DWORD type, const Bytes& value, DWORD reserved = 0) {
+    return Ask(kCreateVariable, BodyOf(handle, name, type, static_cast<DWORD>(value.size()), reserved, value));
+}
+inline LONG WriteVariable(DWORD handle, std::string_view name, const Bytes& value) {
+    return Ask(kWriteVariable, BodyOf(handle, name, value, static_cast<DWORD>(value.size())));
+}
+// *buffer: the array that came back, size bytes. Either output may be null.
 LONG ReadVariable(DWORD handle, std::string_view name, DWORD size, Bytes* buffer, DWORD* valueSize = nullptr);
-LONG SetCompositeMembers(DWORD handle, std::string_view composite, std::string_view list);
-LONG GetVariableInfo(DWORD handle, std::string_view name, VariableInfo* info);
-LONG WatchVariable(DWORD handle, std::string_view name, DWORD mode);
-LONG UnwatchVariable(DWORD handle, std::string_view name);
-LONG ForwardRequest(std::string_view request);
+inline LONG SetCompositeMembers(DWORD handle, std::string_view composite, std::string_view list) {
+    return Ask(kSetCompositeMembers, BodyOf(handle, composite, list));
+}
+inline LONG GetVariableInfo(DWORD handle, std::string_view name, VariableInfo* info) {
+    return Ask(kGetVariableInfo, BodyOf(handle, name), info, sizeof *info);
+}
+inline LONG WatchVariable(DWORD handle, std::string_view name, DWORD mode) {
+    return Ask(kWatchVariable, BodyOf(handle, name, mode));
+}
+inline LONG UnwatchVariable(DWORD handle, std::string_view name) {
+    return Ask(kUnwatchVariable, BodyOf(handle, name));
+}
+inline LONG ForwardRequest(std::string_view request) {
+    return Ask(kForwardRequest, BodyOf(request));
+}
 
 // A database with variables, ready; or what became of it, as a failure of the test.
 struct VariableRow {
@@ -62,5 +106,4 @@ Bytes ValueOf(DWORD handle, std::string_view name);
 
 // The watch event of a variable, created as a watcher would.
 HANDLE WatchEvent(std::string_view database, std::string_view variable, VariableSignal signal);
-// Milliseconds since 1601.
-ULONGLONG Milliseconds(const SYSTEMTIME& time);
+ULONGLONG Milliseconds(const SYSTEMTIME& time); // since 1601
