@@ -157,6 +157,13 @@ void Stop(const ServiceHandle& service) {
     WaitForState(service, SERVICE_STOP_PENDING, SERVICE_STOPPED, false);
 }
 
+void StopIfPossible(const ServiceHandle& service) {
+    try {
+        Stop(service);
+    } catch (const Failure&) {
+    }
+}
+
 // Watches the service until the user wants to stop, and starts it again when it ended. startedHere: set when it did.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
     DWORD pause = kFirstPauseMs;
@@ -231,11 +238,17 @@ Exit UpCommand(bool quiet) {
     RegisterInstallation(teller);
     const ServiceHandle service = TheService(teller);
     bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;
-    if (Start(service)) {
-        teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
-        const InitialisedSignal initialised;
-        teller.Tell("up", "the product is up; Ctrl-C stops it");
-        KeepRunning(service, teller, startedHere);
+    try {
+        if (Start(service)) {
+            teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
+            const InitialisedSignal initialised;
+            teller.Tell("up", "the product is up; Ctrl-C stops it");
+            KeepRunning(service, teller, startedHere);
+        }
+    } catch (...) {
+        // Nothing stays running that nobody looks after; the first failure is the one to tell.
+        if (startedHere) StopIfPossible(service);
+        throw;
     }
     teller.Tell("stopping", "stopping");
     if (startedHere) Stop(service);

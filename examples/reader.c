@@ -1,5 +1,6 @@
-/* A reader that keeps its manager open: for each variable that is named on a line of standard input it prints a line with
- * the value, until the input ends. Values that another process writes meanwhile are seen at once.
+/* A reader that keeps its manager open: for each variable that is named on a line of standard input ("PageCount", or
+ * "ServiceNote text" for a text that the printer's model defines) it prints a line with the value, until the input ends.
+ * Values that another process writes meanwhile are seen at once.
  *
  *     reader "printer name" */
 #include <stdio.h>
@@ -17,17 +18,18 @@ struct built_in {
 #define ROW(name, type, size) {#name, type},
 static const struct built_in built_ins[] = {TVS_BUILT_IN_VARIABLES(ROW)};
 
-/* A variable of the printer's model is in no list: what has the size of a number is shown as one. */
+/* A variable of the printer's model is in no list: it is shown as a number or as bytes, unless the user says that it is a
+ * text. */
 static enum type type_of(const char* name, uint32_t size) {
     for (size_t i = 0; i < sizeof built_ins / sizeof *built_ins; ++i)
         if (strcmp(built_ins[i].name, name) == 0) return built_ins[i].type;
     return size == 4 ? NUMBER : RECORD;
 }
 
-static void print_value(const char* name, const unsigned char* value, uint32_t size) {
+static void print_value(enum type type, const unsigned char* value, uint32_t size) {
     uint32_t number;
 
-    switch (type_of(name, size)) {
+    switch (type) {
     case NUMBER:
         memcpy(&number, value, sizeof number);
         printf("%u", number);
@@ -59,11 +61,16 @@ int main(int argc, char** argv) {
     while (fgets(name, sizeof name, stdin)) {
         unsigned char value[4096];
         uint32_t size;
+        char* blank;
+        int is_text;
 
         name[strcspn(name, "\n")] = '\0';
+        blank = strchr(name, ' ');
+        is_text = blank && strcmp(blank, " text") == 0;
+        if (blank) *blank = '\0';
         status = GetPrinterStatusA(manager, name, value, sizeof value, &size);
         if (status == TVS_OK || (status == TVS_E_SIZE && size <= sizeof value)) {
-            print_value(name, value, size);
+            print_value(is_text ? STRING : type_of(name, size), value, size);
         } else {
             printf("status %d\n", (int)status);
         }

@@ -32,7 +32,7 @@ TEST(Examples, ReaderSeesWhatOthersWrite) {
     EXPECT_EQ(reads("TonerLevel"), "100");
     OrielText({"set", "Front desk", "TonerLevel", "42"});
     EXPECT_EQ(reads("TonerLevel"), "42");
-    EXPECT_EQ(reads("ServiceNote"), "new");
+    EXPECT_EQ(reads("ServiceNote text"), "new");
     EXPECT_EQ(reads("Nothing"), "status -19");
     reader.CloseInput();
     EXPECT_EQ(reader.Wait(), 0) << reader.Errors();
