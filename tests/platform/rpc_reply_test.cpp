@@ -1,7 +1,6 @@
 // A client and what a server that is none, or a broken one, may answer.
 #include "rpc_pdu_kit.h"
 
-#include <algorithm>
 #include <thread>
 
 namespace {
@@ -12,13 +11,13 @@ class FakeServer {
 public:
     FakeServer() : m_listener("test") {}
 
-    Reply Serve(const Bytes& ack, const Bytes& answer, size_t readsOfRequest = 1000) {
+    Reply Serve(const Bytes& ack, const Bytes& answer, size_t readsOfRequest = kRequestSize) {
         std::thread server([&] {
             UnixStream stream = m_listener.Accept();
             stream.ReceivePdu();
             stream.Send(Join({ack, answer}));
-            stream.EndSending();
-            stream.Receive(std::min<size_t>(readsOfRequest, kRequestSize));
+            if (readsOfRequest == kRequestSize) stream.EndSending();
+            stream.Receive(readsOfRequest);
         });
         const Reply reply = m_binding.Call(kEcho, {1, 2, 3, 4});
         server.join();

@@ -3,6 +3,7 @@
 
 #include "directories.h"
 #include "kernel/termination.h"
+#include "window/descriptor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,22 +18,6 @@
 namespace oriel::rpc {
 
 namespace {
-
-struct Descriptor {
-    int value = -1;
-    Descriptor() = default;
-    explicit Descriptor(int descriptor) : value(descriptor) {}
-    ~Descriptor() {
-        if (value >= 0) close(value);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Release() {
-        const int descriptor = value;
-        value = -1;
-        return descriptor;
-    }
-};
 
 RPC_STATUS FromErrno(int error, RPC_STATUS otherwise) {
     switch (error) {
@@ -86,8 +71,8 @@ void SetSendTimeout(int socket, int milliseconds) {
 
 bool SomebodyListens(const sockaddr_un& address) {
     const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (probe.value < 0) return true;
-    return connect(probe.value, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+    if (!probe.IsOpen()) return true;
+    return connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
            errno != ECONNREFUSED;
 }
 
@@ -96,11 +81,11 @@ RPC_STATUS TakeLock(Endpoint& endpoint) {
     Descriptor lock(
         openat(endpoint.folder, lockName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
     struct stat status {};
-    if (lock.value < 0 || fstat(lock.value, &status) != 0)
+    if (!lock.IsOpen() || fstat(lock.Get(), &status) != 0)
         return errno == EMFILE || errno == ENFILE ? RPC_S_OUT_OF_RESOURCES : RPC_S_CANT_CREATE_ENDPOINT;
     if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1)
         return RPC_S_CANT_CREATE_ENDPOINT;
-    if (flock(lock.value, LOCK_EX | LOCK_NB) != 0) return RPC_S_DUPLICATE_ENDPOINT;
+    if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) return RPC_S_DUPLICATE_ENDPOINT;
     endpoint.lock = lock.Release();
     return RPC_S_OK;
 }
@@ -123,28 +108,28 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
         try {
             const std::string path = RuntimeFolder("rpc");
             if (path.empty()) return RPC_S_SERVER_UNAVAILABLE;
-            folder.value = OpenFolder(path);
-            if (folder.value < 0) return FromErrno(errno, RPC_S_SERVER_UNAVAILABLE);
-            address = Address(path, name, folder.value);
+            folder = Descriptor(OpenFolder(path));
+            if (!folder.IsOpen()) return FromErrno(errno, RPC_S_SERVER_UNAVAILABLE);
+            address = Address(path, name, folder.Get());
         } catch (const std::bad_alloc&) {
             return RPC_S_OUT_OF_MEMORY;
         }
-        stream.value = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (stream.value < 0) return FromErrno(errno, RPC_S_OUT_OF_RESOURCES);
+        stream = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!stream.IsOpen()) return FromErrno(errno, RPC_S_OUT_OF_RESOURCES);
     }
     for (;;) {
         const int left = LeftMs(deadline);
         if (left == 0) return RPC_S_SERVER_UNAVAILABLE;
-        SetSendTimeout(stream.value, left);
-        if (connect(stream.value, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) break;
+        SetSendTimeout(stream.Get(), left);
+        if (connect(stream.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) break;
         if (errno != EINTR) return FromErrno(errno, RPC_S_SERVER_UNAVAILABLE);
     }
     ucred server{};
     socklen_t size = sizeof server;
-    if (getsockopt(stream.value, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
+    if (getsockopt(stream.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
         return RPC_S_SERVER_UNAVAILABLE;
     // A server that takes nothing of a request for so long has stopped; it cannot have carried the call out.
-    SetSendTimeout(stream.value, kSendTimeMs);
+    SetSendTimeout(stream.Get(), kSendTimeMs);
     socket = stream.Release();
     return RPC_S_OK;
 }
@@ -175,11 +160,11 @@ RPC_STATUS BindEndpoint(Endpoint& endpoint) {
         if (unlinkat(endpoint.folder, name, 0) != 0) return RPC_S_CANT_CREATE_ENDPOINT;
     }
     Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (listener.value < 0) return FromErrno(errno, RPC_S_OUT_OF_RESOURCES);
+    if (!listener.IsOpen()) return FromErrno(errno, RPC_S_OUT_OF_RESOURCES);
     // By the mask, so that the socket never has another mode. The mask is the process's: a server claims its endpoints
     // while it starts, before it has threads that make files.
     const mode_t mask = umask(0111);
-    const int result = bind(listener.value, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int result = bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     umask(mask);
     if (result != 0) return RPC_S_CANT_CREATE_ENDPOINT;
     endpoint.listener = listener.Release();
