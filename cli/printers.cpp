@@ -162,8 +162,9 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
 void UninstallPrinter(const std::string& name) {
     const std::string what = "cannot remove the printer \"" + ToUtf8(name) + "\"";
     std::string nameText = name;
+    PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS};
     PrinterHandle printer;
-    if (OpenPrinterA(nameText.data(), printer.Receive(), nullptr) && !DeletePrinter(printer.Get()))
+    if (OpenPrinterA(nameText.data(), printer.Receive(), &rights) && !DeletePrinter(printer.Get()))
         throw SystemFailure(GetLastError(), what);
     const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
     if (status == ERROR_FILE_NOT_FOUND && !printer) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
