@@ -10,7 +10,8 @@
  *
  * Every function returns a signed 32-bit status: 0 for success, a negative code of the table below, or a positive code of
  * the RPC run-time or the system, passed on unchanged (1722: the status database service cannot be reached). A pointer that
- * cannot be read or written gives TVS_E_FAULT and never a crash. Functions may be called from any thread.
+ * cannot be read or written gives TVS_E_FAULT, unless the function says otherwise, and never a crash. Functions may be
+ * called from any thread; a manager that is closed during a call of another thread serves that call to its end.
  *
  * Text of the A functions is in the ANSI code page of the system, text of the W functions in UTF-16. All numbers in values
  * are little-endian. */
@@ -73,12 +74,13 @@ struct _SYSTEMTIME;
 
 /* Opens a manager for a printer.
  *
- * printerName  name of the printer, at most 259 characters
- * userName     on whose behalf the manager works, at most 63 characters; null or empty: the logon name of the caller
+ * printerName  name of the printer, 1 to 259 bytes; case counts
+ * userName     on whose behalf the manager works, at most 63 bytes; null, unreadable or empty: the logon name of the caller
  * clientKind   0 to 12
- * manager      receives the handle
+ * manager      receives the handle; TVS_E_UNAVAILABLE when it cannot be written
  *
  * The first open of a printer adds it to the printer list and fills its database with the initial value of every variable.
+ * A name that is empty or too long, also after its conversion from the wide form, is TVS_E_UNAVAILABLE.
  * Returns TVS_OK, TVS_E_UNAVAILABLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_UNREGISTERED or TVS_E_SERVICE_TIMEOUT.
  * OpenManagerA and OpenManagerW are the Ex forms with client kind 0. */
 TVS_EXPORT int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, TvsManager* manager);
@@ -105,21 +107,22 @@ TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                               uint32_t* returnedSize);
 
-/* Tells when a variable was last written. The wide form takes names of up to 31 characters.
+/* Tells when a variable was last written, readable or not. The wide form takes names of up to 31 characters.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN or TVS_E_FAULT. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char* variable,
                                                   struct _SYSTEMTIME* writeTime);
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable,
                                                   struct _SYSTEMTIME* writeTime);
 
-/* Stores a value. A persistent variable's copy in the printer's driver data is brought up to date too. A string is
- * terminated in its last byte; a variable-length value is given as its payload.
+/* Stores a value. A string is terminated in its last byte; a variable-length value is given as its payload. The service
+ * refuses a size that the variable does not take. A persistent variable's copy in the printer's driver data is brought up
+ * to date too, whatever the service answers.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, an answer of the service or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
                                                  uint32_t size);
 
 /* Takes the result of an asynchronous write request, once.
- * *result receives it, or TVS_E_UNKNOWN when no such request is recorded.
+ * *result receives it, or TVS_E_UNKNOWN when no such request is recorded. A result that cannot be stored is not taken.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);
 

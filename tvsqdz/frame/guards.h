@@ -3,8 +3,9 @@
 
 #include <windows.h>
 
-// Holds a named mutex. There is no time limit: the kernel gives a dead owner's mutex to the next waiter, and a living
-// owner holds it for a few calls of the service, of which each has a bound of its own.
+// Holds a named mutex. The wait has no time limit: the kernel gives a dead owner's mutex to the next waiter, and a
+// living owner holds it across a few calls of the service, which end at the latest with the service. One that stands
+// still would hold up the waiter's own calls just as well.
 struct MutexHold {
     explicit MutexHold(HANDLE mutex) { Acquire(mutex); }
     MutexHold() = default;

@@ -56,7 +56,7 @@ struct ManagerRecord {
 // The open manager that the handle designates, or null. Only the handle's value is looked at.
 ManagerRecord* FindManager(TvsManager handle) REQUIRES(g_managerLock);
 
-// Appends the record to the list, which takes over the reference that it was made with.
+// Appends the record to the list, which takes over a reference of the caller's.
 void AppendManager(ManagerRecord* manager) EXCLUDES(g_managerLock);
 
 // Takes the record off the list; false when it was not on it. The list's reference passes to the caller.

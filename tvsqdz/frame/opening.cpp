@@ -32,28 +32,35 @@ constexpr char kLmFunction[] = "LMFunction";
 constexpr char kCompulsivePolling[] = "CompulsivePolling";
 constexpr char kPrinterNameVariable[] = "PrinterName";
 
-// A manager that is being opened, with the database mutex that it holds; given back whole unless it is kept.
+// A manager that is being opened, with the database mutex that it holds; given back whole unless it is kept. The open
+// has a reference of its own: once the manager is in the list, another thread could close it.
 class Opening {
 public:
-    explicit Opening(ManagerRecord* record) : m_manager(record) {}
+    explicit Opening(ManagerRecord* record) : m_manager(record) { m_manager->references = 1; }
     ~Opening() {
-        if (m_manager == nullptr) return;
-        if ((m_manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(m_manager);
-        // Databases first, while no other open can come between; the handle of the mutex last.
-        CloseDatabases(m_manager);
+        if (!m_kept) {
+            if ((m_manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(m_manager);
+            CloseDatabases(m_manager); // while no other open can come between
+        }
         databaseLock.Release();
-        DestroyManager(m_manager);
+        ReleaseManager(m_manager);
     }
     Opening(const Opening&) = delete;
     Opening& operator=(const Opening&) = delete;
 
     ManagerRecord* Manager() const { return m_manager; }
-    void Keep() { m_manager = nullptr; }
+    // The manager goes into the list, which takes a reference.
+    void Keep() {
+        InterlockedIncrement(&m_manager->references);
+        AppendManager(m_manager);
+        m_kept = true;
+    }
 
     MutexHold databaseLock;
 
 private:
     ManagerRecord* m_manager;
+    bool m_kept = false;
 };
 
 bool HasObjectSecurity(const ManagerRecord* manager) {
@@ -134,7 +141,6 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     if (manager->requestMutex == nullptr) return TVS_E_UNAVAILABLE;
     ReadLmFunction(manager);
 
-    AppendManager(manager);
     opening.Keep();
     if (manager->clientKind == TVS_KIND_POLLING) {
         const uint32_t on = 1;
@@ -149,7 +155,6 @@ Status OpenRecord(const OpenNames& names, uint32_t clientKind, TvsManager* handl
     ManagerRecord* manager = static_cast<ManagerRecord*>(AllocateZeroed(sizeof(ManagerRecord)));
     if (manager == nullptr) return TVS_E_MEMORY;
     Opening opening(manager);
-    manager->references = 1;
     ClassifyPlatform(manager);
     manager->clientKind = clientKind;
     memcpy(manager->printerName, names.printer, sizeof manager->printerName);
