@@ -79,18 +79,21 @@ typedef struct _RPC_CLIENT_INTERFACE {
 } RPC_CLIENT_INTERFACE, *PRPC_CLIENT_INTERFACE;
 
 /* Client: finds or makes the thread's connection, binds it to the interface and gives a buffer of BufferLength bytes,
- * not zeroed. Server: the buffer of the reply. At most 4 MiB. RPC_S_INVALID_BINDING, RPC_S_SERVER_UNAVAILABLE (nobody
- * listens, or not answered within 5 s), RPC_S_SERVER_TOO_BUSY, RPC_S_UNKNOWN_IF, RPC_S_UNSUPPORTED_TRANS_SYN,
- * RPC_S_PROTOCOL_ERROR, RPC_S_OUT_OF_MEMORY, RPC_S_OUT_OF_RESOURCES. */
+ * not zeroed. Server: the buffer of the reply. At most 4 MiB, else RPC_S_OUT_OF_MEMORY; RpcFlags 0, else
+ * RPC_S_CANNOT_SUPPORT. RPC_S_INVALID_BINDING, RPC_S_INVALID_ARG, RPC_S_SERVER_UNAVAILABLE (nobody listens, or nobody
+ * who is root, the owner of the run directory or the caller's own user, or not answered within 5 s),
+ * RPC_S_ACCESS_DENIED, RPC_S_SERVER_TOO_BUSY, RPC_S_UNKNOWN_IF, RPC_S_UNSUPPORTED_TRANS_SYN, RPC_S_PROTOCOL_ERROR,
+ * RPC_S_OUT_OF_MEMORY, RPC_S_OUT_OF_RESOURCES (descriptors; more than 8 interfaces on one thread). */
 RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcGetBuffer(RPC_MESSAGE* Message);
 
 /* Makes the call and waits for the reply, as long as the server needs: a call has no time limit. On RPC_S_OK Buffer and
  * BufferLength are the reply. On any other result the buffer is gone and I_RpcFreeBuffer is not called. A connection
  * that turns out to be dead before the request could leave is replaced, once; a call that may have reached the server
  * is not repeated. RPC_S_SERVER_UNAVAILABLE, RPC_S_CALL_FAILED (connection lost: the call may have been carried out),
- * RPC_S_CALL_FAILED_DNE (lost, and it was not), RPC_S_PROTOCOL_ERROR (the reply makes no sense), RPC_S_OUT_OF_MEMORY,
- * those of I_RpcGetBuffer, and what the server raised: RPC_S_PROCNUM_OUT_OF_RANGE, RPC_S_UNKNOWN_IF,
- * RPC_X_BAD_STUB_DATA and others. */
+ * RPC_S_CALL_FAILED_DNE (lost, or nothing of the request taken for 30 s, and it was not), RPC_S_PROTOCOL_ERROR (the
+ * reply makes no sense), RPC_S_INVALID_BOUND (BufferLength was raised), RPC_S_OUT_OF_MEMORY, those of I_RpcGetBuffer,
+ * and what the server raised: RPC_S_PROCNUM_OUT_OF_RANGE, RPC_S_UNKNOWN_IF, RPC_X_BAD_STUB_DATA,
+ * RPC_S_SERVER_OUT_OF_MEMORY and others. */
 RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcSendReceive(RPC_MESSAGE* Message);
 
 /* Gives the buffer of a successful I_RpcGetBuffer or I_RpcSendReceive back and sets Buffer to NULL. Clients only; a
