@@ -115,7 +115,7 @@ WINBASEAPI BOOL WINAPI QueryServiceStatus(SC_HANDLE service, LPSERVICE_STATUS st
 /* Starts the configured program; needs SERVICE_START. Returns when the program is in its dispatcher: its state is
  * start pending, or already what the program told. argumentCount is 0 (else ERROR_NOT_SUPPORTED).
  * ERROR_SERVICE_ALREADY_RUNNING, ERROR_SERVICE_DISABLED, ERROR_SERVICE_REQUEST_TIMEOUT (it did not reach its dispatcher
- * within 30 seconds), ERROR_PROCESS_ABORTED (it ended before that), what CreateProcessA gives. */
+ * within 30 seconds, and was killed), ERROR_PROCESS_ABORTED (it ended before that), what CreateProcessA gives. */
 WINBASEAPI BOOL WINAPI StartServiceA(SC_HANDLE service, DWORD argumentCount, LPCSTR* arguments);
 
 /* SERVICE_CONTROL_STOP (needs SERVICE_STOP) or SERVICE_CONTROL_INTERROGATE (needs SERVICE_INTERROGATE; tells the status
