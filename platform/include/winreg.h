@@ -12,9 +12,9 @@
  *   ERROR_INVALID_PARAMETER     a required pointer is absent, a reserved one is set, an unknown bit or option
  *   ERROR_ACCESS_DENIED         the handle lacks the right that the call needs, or this user may not write the store
  *   ERROR_KEY_DELETED           the key was deleted under the handle
- *   ERROR_BUSY                  another process held the store for more than 5 seconds, or left a change in it half
- * done that this user may not undo ERROR_BADDB                 the store's file is damaged or not of this version;
- * nothing was changed ERROR_REGISTRY_IO_FAILED    the store's file cannot be read or written; ERROR_DISK_FULL
+ *   ERROR_BUSY                  another process held the store for 5 seconds, or died in a change that we may not undo
+ *   ERROR_BADDB                 the store's file is damaged or not of this version; nothing was changed
+ *   ERROR_REGISTRY_IO_FAILED    the store's file cannot be read or written; ERROR_DISK_FULL
  *   ERROR_NOT_ENOUGH_MEMORY
  * A call that changes something is whole or not done at all, also when the process is killed in it. All calls may be
  * made from any thread. */
