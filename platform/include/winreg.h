@@ -9,8 +9,8 @@
  *
  * All calls give ERROR_SUCCESS or a code of winerror.h and leave the last error alone. Any call may also give:
  *   ERROR_INVALID_HANDLE        not an open key of this process
- *   ERROR_INVALID_PARAMETER     a required pointer is absent, a reserved one is set, an unknown bit or option
- *   ERROR_ACCESS_DENIED         the handle lacks the right that the call needs, or this user may not write the store
+ *   ERROR_INVALID_PARAMETER     a required pointer is absent, a reserved one is set, an unknown option
+ *   ERROR_ACCESS_DENIED         the handle lacks the right needed, this user may not write the store, no such right
  *   ERROR_KEY_DELETED           the key was deleted under the handle
  *   ERROR_BUSY                  another process held the store for 5 seconds, or died in a change that we may not undo
  *   ERROR_BADDB                 the store's file is damaged or not of this version; nothing was changed
