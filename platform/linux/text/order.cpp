@@ -69,6 +69,16 @@ constexpr Element AsciiElement(unsigned char c) {
     return {c == 0x7F ? kSymbols + c : kControls + c};
 }
 
+struct AsciiElements {
+    Element elements[0x80];
+};
+constexpr AsciiElements kAsciiElements = [] {
+    AsciiElements table;
+    for (unsigned c = 0; c < 0x80; ++c)
+        table.elements[c] = AsciiElement(static_cast<unsigned char>(c));
+    return table;
+}();
+
 // The other case of the scripts whose capitals stand in rows: Greek, Cyrillic, full-width Latin. 0 for no capital.
 constexpr char32_t LowerOf(char32_t c) {
     if (c >= 0x0391 && c <= 0x03AB) return c + 0x20;
@@ -79,7 +89,7 @@ constexpr char32_t LowerOf(char32_t c) {
 }
 
 constexpr Element ElementOf(char32_t c) {
-    if (c < 0x80) return AsciiElement(static_cast<unsigned char>(c));
+    if (c < 0x80) return kAsciiElements.elements[c];
     if (c >= kFirstAccented && c < kEndAccented && kBaseLetters[c - kFirstAccented] != '.')
         return LetterElement(kBaseLetters[c - kFirstAccented], AccentOf(c));
     const bool symbol =
@@ -104,9 +114,7 @@ constexpr AsciiTable kAscii = [] {
         if (IsMinor(static_cast<char>(c))) continue;
         table.weight[c] = 1;
         for (unsigned other = 0; c > 0 && other < 0x80; ++other)
-            if (other == 0 ||
-                AsciiElement(static_cast<unsigned char>(other)).base < AsciiElement(static_cast<unsigned char>(c)).base)
-                ++table.weight[c];
+            if (other == 0 || kAsciiElements.elements[other].base < kAsciiElements.elements[c].base) ++table.weight[c];
     }
     return table;
 }();
