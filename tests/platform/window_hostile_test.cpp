@@ -30,7 +30,7 @@ long Files(const std::string& suffix = "") {
 }
 
 // A window as a process outside this layer could make it: the record, byte by byte, and the FIFO with its reader.
-const HWND kForged = ULongToHandle(0x1234abcd);
+const HWND kForged = WindowOf(0x1234abcd);
 
 std::string ForgedRecord() {
     const ULONG fields[] = {0x4e49574f, 1, HandleToULong(kForged), 4711,

@@ -27,12 +27,16 @@ inline HWND MakeWindow(const char* className, const char* title = "", WNDPROC pr
     return window;
 }
 
+inline HWND WindowOf(ULONG_PTR number) {
+    return reinterpret_cast<HWND>(number);
+}
+
 inline std::string ToText(HWND window) {
     return std::to_string(HandleToULong(window));
 }
 
 inline HWND ToWindow(const std::string& text) {
-    return ULongToHandle(static_cast<ULONG>(std::stoul(text)));
+    return WindowOf(std::stoul(text));
 }
 
 // Takes the next message; false when none came in time.

@@ -7,6 +7,7 @@
 // State: the signal, chosen and given its handler at the first termination; none before.
 #include "kernel/lock.h"
 #include "kernel/thread.h"
+#include "window/thread_queue.h"
 
 #include <cerrno>
 #include <csignal>
@@ -98,6 +99,7 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
         state = thread->state.load();
         if (first && state == ThreadObject::kStopped) {
             AbandonMutexes(*thread.Get());
+            DropWindowsOfStoppedThread(thread->threadId.load());
             thread->exitCode.store(exitCode);
             AnnounceEnd(*thread.Get());
             DropReference(thread.Get()); // the thread's own

@@ -6,6 +6,7 @@
 
 #include <errhandlingapi.h>
 #include <oriel_poll.h>
+#include <processthreadsapi.h>
 #include <window/export_guard.h>
 #include <window/window_files.h>
 
@@ -35,6 +36,7 @@ thread_local ThreadQueue* t_queue = nullptr;
 struct QueueEnd {
     bool armed = false;
     ~QueueEnd() {
+        const TerminationHold untilDone;
         ThreadQueue* queue = std::exchange(t_queue, nullptr);
         if (queue == nullptr) return;
         while (!queue->windows.empty())
@@ -98,6 +100,7 @@ ThreadQueue* OwnQueue() {
 ThreadQueue* MakeOwnQueue() {
     if (t_queue != nullptr) return t_queue;
     auto queue = std::make_unique<ThreadQueue>();
+    queue->threadId = GetCurrentThreadId();
     queue->poll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
     queue->bell = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!queue->poll.IsOpen() || !queue->bell.IsOpen() || !Watch(*queue, queue->bell.Get())) {
@@ -140,7 +143,26 @@ void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& dropped) {
         const LockHold hold(Queues().lock);
         std::erase(queue.windows, window);
     }
+    window->windowClass.Release();
     std::erase_if(queue.posted, [&](const MSG& message) { return message.hwnd == window->handle; });
+}
+
+void DropWindowsOfStoppedThread(DWORD threadId) {
+    const LockHold hold(Queues().lock);
+    for (ThreadQueue* queue : Queues().queues) {
+        if (queue->threadId != threadId) continue;
+        // Its stack may still hold windows: what they have is given up here.
+        for (const auto& window : queue->windows) {
+            RemoveWindow(HandleNumber(window->handle));
+            window->fifo.Close();
+            window->windowClass.Release();
+        }
+        queue->windows.clear();
+        queue->poll.Close();
+        queue->bell.Close();
+        std::erase(Queues().queues, queue);
+        return;
+    }
 }
 
 bool IsFull(const ThreadQueue& queue) {

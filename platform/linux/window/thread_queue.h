@@ -1,8 +1,8 @@
 // The message queue of a thread: its windows, and the messages that were taken from their FIFOs and not yet handed out.
 //
-// A queue belongs to its thread and is used by no other, except that leaving the process removes the files of all
-// windows. It has a descriptor that polls readable while there is something to do: an epoll set of the FIFOs and of a
-// bell, which is rung while messages that were taken out wait here.
+// A queue belongs to its thread and is used by no other, except when the thread has been stopped for good, and that
+// leaving the process removes the files of all windows. It has a descriptor that polls readable while there is
+// something to do: an epoll set of the FIFOs and of a bell, which is rung while messages that were taken out wait here.
 #pragma once
 
 #include <window/message_pipe.h>
@@ -26,6 +26,7 @@ struct Window {
 };
 
 struct ThreadQueue {
+    DWORD threadId = 0;
     Descriptor poll;
     Descriptor bell;
     bool rung = false;
@@ -51,8 +52,11 @@ std::shared_ptr<Window> FindOwnWindow(ThreadQueue* queue, HWND handle);
 
 // False with the last error set.
 bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
-// The window's files and messages go.
+// The window's files, its messages and its share in its class go.
 void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
+
+// Those of a thread that TerminateThread has stopped for good.
+void DropWindowsOfStoppedThread(DWORD threadId);
 
 bool IsFull(const ThreadQueue& queue);
 // Takes what has arrived, within the limit.

@@ -73,10 +73,11 @@ ClassUse::ClassUse(LPCSTR name, HINSTANCE instance) {
     SetLastError(ERROR_CANNOT_FIND_WND_CLASS);
 }
 
-ClassUse::~ClassUse() {
+void ClassUse::Release() {
     if (m_class == nullptr) return;
     const LockHold hold(Classes().lock);
     --m_class->windows;
+    m_class = nullptr;
 }
 
 } // namespace oriel

@@ -22,7 +22,8 @@ public:
     ClassUse(LPCSTR name, HINSTANCE instance);
     ClassUse(ClassUse&& other) noexcept : m_class(std::exchange(other.m_class, nullptr)) {}
     ClassUse& operator=(ClassUse&&) = delete;
-    ~ClassUse();
+    ~ClassUse() { Release(); }
+    void Release();
     const WindowClass* Get() const { return m_class; }
 
 private:
