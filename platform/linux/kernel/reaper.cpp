@@ -64,11 +64,14 @@ bool IsReadable(int descriptor) {
     return poll(&ready, 1, 0) == 1;
 }
 
-// Ends those that have ended, one at a time; null when there is none left.
-ProcessObject* NextEnded() {
+// Notes the ends of all that have ended, up to the first child, whose reference is then the caller's; null for none.
+// Another process's object may be gone as soon as the lock is.
+ProcessObject* NextEndedChild() {
     LockHold hold(g_reaperLock);
-    for (ProcessObject* process = g_watched; process != nullptr; process = process->next)
-        if (IsReadable(process->descriptor) && NoteEnd(*process)) return process;
+    for (ProcessObject *process = g_watched, *next = nullptr; process != nullptr; process = next) {
+        next = process->next;
+        if (IsReadable(process->descriptor) && NoteEnd(*process) && process->child) return process;
+    }
     return nullptr;
 }
 
@@ -77,8 +80,8 @@ void* WatchProcesses(void* argument) {
     for (;;) {
         epoll_event event{};
         if (epoll_wait(epoll, &event, 1, -1) < 0 && errno != EINTR) return nullptr;
-        while (ProcessObject* process = NextEnded())
-            if (process->child) DropReference(process);
+        while (ProcessObject* child = NextEndedChild())
+            DropReference(child);
     }
 }
 
