@@ -1,5 +1,6 @@
 #include "arena.h"
 
+#include <memory>
 #include <new>
 #include <string.h>
 
@@ -12,8 +13,11 @@ constexpr SIZE_T kChunkSize = 4096 - 32; // with the allocator's own header with
 // What would waste a good part of a chunk gets one of its own.
 constexpr SIZE_T kLargePiece = 1024;
 
-BYTE* Aligned(BYTE* place, SIZE_T alignment) {
-    return reinterpret_cast<BYTE*>((reinterpret_cast<UINT_PTR>(place) + alignment - 1) & ~(UINT_PTR{alignment} - 1));
+// The first place from there on that is aligned and has size bytes before the end; null when there is none.
+BYTE* Fit(BYTE* from, const BYTE* end, SIZE_T size, SIZE_T alignment) {
+    void* place = from;
+    size_t room = static_cast<size_t>(end - from);
+    return static_cast<BYTE*>(std::align(alignment, size, place, room));
 }
 
 } // namespace
@@ -37,15 +41,17 @@ Arena::Chunk* Arena::NewChunk(Account& account, SIZE_T size, ServiceStatus* stat
 void* Arena::Take(Account& account, SIZE_T size, SIZE_T alignment, ServiceStatus* status) {
     LockHold hold{m_lock};
     if (size >= kLargePiece) {
-        Chunk* chunk = NewChunk(account, sizeof(Chunk) + alignment + size, status);
-        return chunk ? Aligned(reinterpret_cast<BYTE*>(chunk + 1), alignment) : nullptr;
+        const SIZE_T whole = sizeof(Chunk) + alignment + size;
+        Chunk* chunk = NewChunk(account, whole, status);
+        return chunk ? Fit(reinterpret_cast<BYTE*>(chunk + 1), reinterpret_cast<BYTE*>(chunk) + whole, size, alignment)
+                     : nullptr;
     }
-    BYTE* piece = m_at ? Aligned(m_at, alignment) : nullptr;
-    if (!piece || piece > m_end || size > static_cast<SIZE_T>(m_end - piece)) {
+    BYTE* piece = Fit(m_at, m_end, size, alignment);
+    if (!piece) {
         Chunk* chunk = NewChunk(account, kChunkSize, status);
         if (!chunk) return nullptr;
         m_end = reinterpret_cast<BYTE*>(chunk) + kChunkSize;
-        piece = Aligned(reinterpret_cast<BYTE*>(chunk + 1), alignment);
+        piece = Fit(reinterpret_cast<BYTE*>(chunk + 1), m_end, size, alignment);
     }
     m_at = piece + size;
     return piece;

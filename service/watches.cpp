@@ -41,11 +41,16 @@ void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) NEEDS(g_watch
     *link = watch.*next;
 }
 
+// One that its group does not list any more.
+void Delete(Watch* watch) NEEDS(g_watchesLock) {
+    Unlink(watch->signals->watches, &Watch::nextOfVariable, *watch);
+    delete watch;
+}
+
 void DeleteIfUnused(Watch* watch) NEEDS(g_watchesLock) {
     if (watch->everyWrite != 0 || watch->onlyChanges != 0) return;
-    Unlink(watch->signals->watches, &Watch::nextOfVariable, *watch);
     Unlink(watch->group->watches, &Watch::nextOfGroup, *watch);
-    delete watch;
+    Delete(watch);
 }
 
 ServiceStatus AddCharged(Group& group, Database& database, Variable& variable, WatchMode mode) {
@@ -91,9 +96,10 @@ ServiceStatus EndWatch(Group& group, const Variable& variable) {
 void DropWatches(Group& group) {
     LockHold hold{g_watchesLock};
     while (Watch* watch = group.watches) {
+        group.watches = watch->nextOfGroup;
         for (const WatchMode mode : {kEveryWrite, kOnlyChanges})
             while (watch->Count(mode) > 0)
                 EndOne(*watch, mode);
-        DeleteIfUnused(watch);
+        Delete(watch);
     }
 }
