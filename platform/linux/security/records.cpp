@@ -95,8 +95,10 @@ DescriptorParts::DescriptorParts(const void* descriptor) {
         bool within = true;
         const auto part = [&](DWORD offset) -> const void* {
             if (offset == 0) return nullptr;
-            if (offset < sizeof relative || offset > UINTPTR_MAX - begin) within = false;
-            return reinterpret_cast<const void*>(begin + offset);
+            if (offset >= sizeof relative && offset <= UINTPTR_MAX - begin)
+                return static_cast<const BYTE*>(descriptor) + offset;
+            within = false;
+            return nullptr;
         };
         owner = part(relative.Owner);
         group = part(relative.Group);
