@@ -1,8 +1,8 @@
 /* Events, mutexes, critical sections, waits and the clock.
  *
- * Names. Up to 240 bytes, case-sensitive, one namespace for all kinds of objects and all users of the machine.
- * "Global\" before a name changes nothing; any other backslash is refused. NULL or "" makes an unnamed object, private
- * to the process.
+ * Names. Up to 250 bytes (characters that a file name cannot hold count three), case-sensitive, one namespace for all
+ * kinds of objects and all users of the machine. "Global\" before a name changes nothing; any other backslash is
+ * refused. NULL or "" makes an unnamed object, private to the process.
  *
  * Security. Attributes that give Everyone GENERIC_ALL (or hold a null DACL) let every user of the machine use the
  * object; others, and none, only the creating user (and root). Whoever may use a named object may also disturb it: its

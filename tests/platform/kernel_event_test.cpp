@@ -255,30 +255,29 @@ TEST(Event, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
          {Row{TRUE, false, "Signal", 100000}, Row{TRUE, true, nullptr, 20000}, Row{FALSE, false, "Signal", 20000}}) {
         SCOPED_TRACE(testing::Message() << "manual " << row.manual << " pulse " << row.pulse);
         const Owned event = CreateEventA(nullptr, row.manual, FALSE, row.name);
-        std::atomic<int> round{0};
+        const Owned through = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        std::atomic<int> resets{0};
         std::atomic<int> missed{0};
         std::atomic<DWORD> id{0};
         const Owned waiter = StartThread([&] {
             id.store(GetCurrentThreadId());
             for (int i = 1; i <= row.rounds; ++i) {
-                if (WaitForSingleObject(event, 2000) != WAIT_OBJECT_0) missed.fetch_add(1);
-                round.store(i);
-                while (round.load() == i)
+                if (WaitForSingleObject(event, 5000) != WAIT_OBJECT_0) missed.fetch_add(1);
+                while (resets.load() != i)
                     Sleep(0);
+                SetEvent(through);
             }
             return 0;
         });
-        for (int i = 1; i <= row.rounds; ++i) {
+        for (int i = 1; i <= row.rounds && missed.load() <= 3; ++i) {
             while (id.load() == 0 || !IsAsleep(id.load())) // it sleeps nowhere but in the wait
-                Sleep(0);
+                PauseUs(10);
             if (row.pulse)
                 PulseEvent(event);
             else
                 SetEvent(event), ResetEvent(event);
-            while (round.load() != i)
-                Sleep(0);
-            round.store(-1);
-            if (missed.load() > 3) break;
+            resets.store(i);
+            ASSERT_EQ(WaitForSingleObject(through, 20000), DWORD{WAIT_OBJECT_0});
         }
         EXPECT_EQ(missed.load(), 0);
         if (missed.load() > 3) TerminateThread(waiter, 0);

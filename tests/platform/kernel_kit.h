@@ -72,6 +72,8 @@ private:
     State* m_state;
 };
 
+void PauseUs(int microseconds);
+
 // The thread of this process is asleep in the kernel.
 bool IsAsleep(DWORD threadId);
 

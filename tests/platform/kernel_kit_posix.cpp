@@ -123,6 +123,10 @@ unsigned SignalStorm::Sent() const {
     return m_state->sent.load();
 }
 
+void PauseUs(int microseconds) {
+    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+}
+
 bool IsAsleep(DWORD threadId) {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/self/task/%u/stat", threadId);
