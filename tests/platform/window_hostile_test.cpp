@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -146,68 +145,66 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
     const std::string queue = FileOf(kForged, ".queue");
     const std::string record = FileOf(kForged, ".window");
     const std::string elsewhere = PrivateDirectory() + "/elsewhere";
-    const auto soundQueue = [&] { return MakeFifo(queue); };
-    const auto recordOf = [&](auto change) {
-        return [&record, change] {
-            std::string bytes = ForgedRecord();
-            change(bytes);
-            WriteFile(record, bytes);
-        };
+    enum Fault {
+        None,
+        RecordIsLink,
+        RecordHasTwoNames,
+        RecordIsFifo,
+        RecordOfAnotherUser,
+        QueueIsLink,
+        QueueHasTwoNames,
+        QueueOfAnotherMode,
+        QueueIsFile
     };
-    const auto soundRecord = recordOf([](std::string&) {});
     struct Case {
         const char* name;
-        bool postable = true; // the queue itself is sound
-        std::function<void()> makeRecord;
-        std::function<int()> makeQueue;
+        Fault fault = None;
+        size_t size = 552; // of the record, in which `count` bytes from `at` on have another value
+        size_t at = 0;
+        size_t count = 0;
+        char value = 0;
     };
     const Case cases[] = {
-        {"sound", true, soundRecord, soundQueue},
-        {"wrong magic", true, recordOf([](std::string& bytes) { bytes[0] ^= 1; }), soundQueue},
-        {"newer version", true, recordOf([](std::string& bytes) { bytes[4] = 2; }), soundQueue},
-        {"another handle's", true, recordOf([](std::string& bytes) { bytes[8] ^= 1; }), soundQueue},
-        {"no class", true, recordOf([](std::string& bytes) { bytes[32] = '\0'; }), soundQueue},
-        {"unterminated class", true, recordOf([](std::string& bytes) { bytes.replace(32, 260, 260, 'c'); }),
-         soundQueue},
-        {"class too long", true, recordOf([](std::string& bytes) { bytes.replace(32, 257, 257, 'c'); }), soundQueue},
-        {"unterminated title", true, recordOf([](std::string& bytes) { bytes.replace(292, 260, 260, 't'); }),
-         soundQueue},
-        {"empty", true, recordOf([](std::string& bytes) { bytes.clear(); }), soundQueue},
-        {"short", true, recordOf([](std::string& bytes) { bytes.pop_back(); }), soundQueue},
-        {"huge", true, recordOf([](std::string& bytes) { bytes.resize(1 << 20); }), soundQueue},
-        {"record is a link", true,
-         [&] {
-             WriteFile(elsewhere, ForgedRecord());
-             fs::create_symlink(elsewhere, record);
-         },
-         soundQueue},
-        {"record has two names", true,
-         [&] {
-             soundRecord();
-             fs::create_hard_link(record, elsewhere);
-         },
-         soundQueue},
-        {"record is a FIFO", true, [&] { close(MakeFifo(record)); }, soundQueue},
-        {"queue is a link", false, soundRecord,
-         [&] {
-             fs::create_symlink(elsewhere, queue);
-             return MakeFifo(elsewhere);
-         }},
-        {"queue has two names", false, soundRecord,
-         [&] {
-             const int fifo = MakeFifo(queue);
-             fs::create_hard_link(queue, elsewhere);
-             return fifo;
-         }},
-        {"queue of another mode", false, soundRecord, [&] { return MakeFifo(queue, 0666); }},
-        {"queue is a file", false, soundRecord,
-         [&] { return open(queue.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0622); }},
+        {"sound"},
+        {"no magic", None, 552, 0, 1, 'o'},
+        {"newer version", None, 552, 4, 1, 2},
+        {"another handle's", None, 552, 8, 1, 1},
+        {"no class", None, 552, 32, 1, '\0'},
+        {"unterminated class", None, 552, 32, 260, 'c'},
+        {"class too long", None, 552, 32, 257, 'c'},
+        {"unterminated title", None, 552, 292, 260, 't'},
+        {"empty", None, 0},
+        {"short", None, 551},
+        {"huge", None, 1 << 20},
+        {"record is a link", RecordIsLink},
+        {"record has two names", RecordHasTwoNames},
+        {"record is a FIFO", RecordIsFifo},
+        {"record of another user", RecordOfAnotherUser},
+        {"queue is a link", QueueIsLink},
+        {"queue has two names", QueueHasTwoNames},
+        {"queue of another mode", QueueOfAnotherMode},
+        {"queue is a file", QueueIsFile},
     };
     for (const Case& planted : cases) {
         SCOPED_TRACE(planted.name);
+        const Fault fault = planted.fault;
+        if (fault == RecordOfAnotherUser && geteuid() != 0) continue;
+        std::string bytes = ForgedRecord();
+        bytes.replace(planted.at, planted.count, planted.count, planted.value).resize(planted.size);
+        if (fault == RecordIsFifo)
+            close(MakeFifo(record, 0644));
+        else
+            WriteFile(fault == RecordIsLink ? elsewhere : record, bytes);
+        if (fault == RecordIsLink) fs::create_symlink(elsewhere, record);
+        if (fault == RecordHasTwoNames) fs::create_hard_link(record, elsewhere);
+        EXPECT_TRUE(fault != RecordOfAnotherUser || chown(record.c_str(), 65534, 65534) == 0);
+        const int fifo = fault == QueueIsFile ? open(queue.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0622)
+                                              : MakeFifo(fault == QueueIsLink ? elsewhere : queue,
+                                                         fault == QueueOfAnotherMode ? 0666 : 0622);
+        if (fault == QueueIsLink) fs::create_symlink(elsewhere, queue);
+        if (fault == QueueHasTwoNames) fs::create_hard_link(queue, elsewhere);
+
         const bool sound = &planted == cases;
-        planted.makeRecord();
-        const int fifo = planted.makeQueue();
         EXPECT_EQ(FindWindowA(nullptr, nullptr), sound ? kForged : nullptr);
         EXPECT_EQ(EnumWindows([](HWND, LPARAM) -> BOOL { return FALSE; }, 0), !sound);
         char text[300];
@@ -215,8 +212,9 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
         EXPECT_EQ(GetClassNameA(kForged, text, sizeof text), sound ? 10 : 0);
         EXPECT_EQ(GetWindowThreadProcessId(kForged, &process), sound ? 4712U : 0U);
         EXPECT_EQ(process, sound ? 4711U : 0U);
-        EXPECT_EQ(PostMessageA(kForged, WM_APP, 0, 0), planted.postable);
-        EXPECT_EQ(read(fifo, text, sizeof text) > 0, planted.postable);
+        // A bad record beside a sound queue: nobody finds the window, but what is posted to it harms nobody.
+        EXPECT_EQ(PostMessageA(kForged, WM_APP, 0, 0), fault < QueueIsLink);
+        EXPECT_EQ(read(fifo, text, sizeof text) > 0, fault < QueueIsLink);
         close(fifo);
         for (const std::string& path : {queue, record, elsewhere})
             fs::remove(path);
