@@ -70,6 +70,7 @@ constexpr CodeMeaning kMeanings[] = {
     {ERROR_PROCESS_ABORTED, Exit::NoService, "the service ended unexpectedly", kStartIt},
     {ERROR_SERVICE_NEVER_STARTED, Exit::NoService, "the status database service was not started", kStartIt},
     {RPC_S_SERVER_UNAVAILABLE, Exit::NoService, "the status database service is not running", kStartIt},
+    {RPC_S_SERVER_TOO_BUSY, Exit::TimedOut, "the status database service did not answer in time", kAskAgain},
     {RPC_S_CALL_FAILED, Exit::NoService, "the connection to the status database service broke", kAskAgain},
     {RPC_S_CALL_FAILED_DNE, Exit::NoService, "the connection to the status database service broke", kAskAgain},
     {ERROR_INVALID_PRINTER_NAME, Exit::False, "no such printer", "list them with 'oriel printers'"},

@@ -12,7 +12,6 @@ namespace {
 constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
 constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
-constexpr char kDriverDataKey[] = "PrinterDriverData";
 // The list of printers can grow between the question for its size and its read.
 constexpr int kAttempts = 8;
 
@@ -51,20 +50,6 @@ bool SameText(const std::string& a, const std::string& b) {
 std::string TextOf(HKEY key, const char* name) {
     const std::optional<RegistryValue> value = ReadValue(key, name);
     return value ? value->Text().value_or("") : "";
-}
-
-// A key for the printer with the subkey that holds the copies of its persistent variables: the library writes into it
-// but never makes it.
-void CompleteRegistryKey(const std::string& name, const std::string& driver, const std::string& port) {
-    const std::string path = PrinterKeyPath(name);
-    RegistryKey data;
-    LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, path, kDriverValue, driver);
-    if (status == ERROR_SUCCESS) status = WriteText(HKEY_LOCAL_MACHINE, path, kPortValue, port);
-    if (status == ERROR_SUCCESS) status = CreateKey(HKEY_LOCAL_MACHINE, path + "\\" + kDriverDataKey, data);
-    if (status != ERROR_SUCCESS) {
-        throw SystemFailure(static_cast<uint32_t>(status),
-                            "cannot write the registry key of the printer \"" + ToUtf8(name) + "\"");
-    }
 }
 
 } // namespace
@@ -156,18 +141,20 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
         }
         throw failure;
     }
-    CompleteRegistryKey(name, driver, port);
 }
 
 void UninstallPrinter(const std::string& name) {
     const std::string what = "cannot remove the printer \"" + ToUtf8(name) + "\"";
-    std::string nameText = name;
+    std::string nameText = name; // the call's text is not const
     PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS};
     PrinterHandle printer;
-    if (OpenPrinterA(nameText.data(), printer.Receive(), &rights) && !DeletePrinter(printer.Get()))
-        throw SystemFailure(GetLastError(), what);
+    if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
+        if (!DeletePrinter(printer.Get())) throw SystemFailure(GetLastError(), what);
+        return;
+    }
+    if (GetLastError() != ERROR_INVALID_PRINTER_NAME) throw SystemFailure(GetLastError(), what);
+    // The spooler does not know it; what the registry may still have of it can go.
     const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
-    if (status == ERROR_FILE_NOT_FOUND && !printer) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
-    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)
-        throw SystemFailure(static_cast<uint32_t>(status), what);
+    if (status == ERROR_FILE_NOT_FOUND) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
+    if (status != ERROR_SUCCESS) throw SystemFailure(static_cast<uint32_t>(status), what);
 }

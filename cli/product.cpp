@@ -3,6 +3,8 @@
 
 #include "registry.h"
 
+#include <rpcnterr.h>
+
 #include <vector>
 
 namespace {
@@ -107,7 +109,7 @@ bool ProductInitialised() {
     return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
-Failure WhyUnavailable(const std::string& what, uint32_t clientKind) {
+Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastError) {
     Failure failure = StatusFailure(TVS_E_UNAVAILABLE, what);
     const std::optional<std::string> directory = InstalledDirectory();
     if (!directory) {
@@ -127,6 +129,12 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind) {
         failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " + kAgentProgram +
                       ", which is not installed";
         failure.next = "use another --kind";
+    } else if (lastError == RPC_S_SERVER_UNAVAILABLE) {
+        failure.exitCode = Exit::TimedOut;
+        failure.why = "the status database service runs but does not answer";
+        failure.next = "try again; if it stays so, start the product anew";
+    } else if (lastError != ERROR_SUCCESS) {
+        return StatusFailure(static_cast<int32_t>(lastError), what);
     } else if (NeedsInitialisedProduct(clientKind)) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that no one has opened yet";

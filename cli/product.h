@@ -43,5 +43,5 @@ DWORD ServiceState();
 const char* ServiceStateName(DWORD state);
 bool ProductInitialised();
 
-// Tells why the library could open no manager: it has one code for all reasons.
-Failure WhyUnavailable(const std::string& what, uint32_t clientKind);
+// Tells why the library could open no manager: it has one code for all reasons. lastError: what the failed open left.
+Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastError);

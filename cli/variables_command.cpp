@@ -32,10 +32,12 @@ OpenedPrinter Open(const ManagerOptions& options) {
 
     const std::string name = KnownPrinterName(asked);
     OpenedPrinter printer{.shownName = ToUtf8(name), .variables = PrinterVariables(DriverOf(name).value_or(""))};
+    SetLastError(ERROR_SUCCESS);
     const int32_t status =
         OpenManagerExA(name.c_str(), user.empty() ? nullptr : user.c_str(), options.kind, printer.manager.Receive());
+    const DWORD lastError = GetLastError();
     const std::string what = "cannot open a manager for \"" + printer.shownName + "\"";
-    if (status == TVS_E_UNAVAILABLE) throw WhyUnavailable(what, options.kind);
+    if (status == TVS_E_UNAVAILABLE) throw WhyUnavailable(what, options.kind, lastError);
     if (status != TVS_OK) throw StatusFailure(status, what);
     return printer;
 }

@@ -119,6 +119,41 @@ TEST(CommandLine, WithTheProductUp) {
         Check(line);
 }
 
+TEST(CommandLine, AServiceThatDoesNotAnswerIsATimeOut) {
+    RunningProduct product;
+    AddExamplePrinter();
+    StopProcess(ServiceProcess());
+    Check({{"get", "Front desk", "PageCount"}, 5, "", "does not answer"});
+    ContinueProcess(ServiceProcess());
+    Check({{"get", "Front desk", "PageCount"}, 0, "-1", ""});
+}
+
+TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
+    if (RunProgram("/usr/bin/id", {"-u"}).output != "0\n") GTEST_SKIP() << "needs root to become another user";
+    RunningProduct product;
+    AddExamplePrinter();
+    OrielText({"get", "Front desk", "PageCount"});
+    const auto asNobody = [](std::vector<std::string> arguments) {
+        std::vector<std::string> all = {"--reuid=65534", "--regid=65534", "--clear-groups", ProgramPath("oriel")};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return RunProgram("/usr/bin/setpriv", all);
+    };
+    EXPECT_EQ(asNobody({"get", "Front desk", "PageCount"}).output, "-1 (0xFFFFFFFF)\n");
+    EXPECT_EQ(asNobody({"status"}).exitCode, 0);
+    for (const std::vector<std::string>& denied : std::vector<std::vector<std::string>>{
+             {"reg", "set", "HKLM\\SOFTWARE\\X", "a", "b"},
+             {"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"},
+             {"reg", "import", SourcePath("examples/example_laser.reg")},
+             {"printers", "add", "P", "--driver", "D"},
+             {"printers", "remove", "Front desk"},
+         }) {
+        const ProgramResult result = asNobody(denied);
+        EXPECT_EQ(result.exitCode, 4) << denied[0] << " " << denied[1] << ": " << result.errors;
+        EXPECT_NE(result.errors.find("access denied"), std::string::npos) << result.errors;
+    }
+    EXPECT_EQ(OrielText({"get", "Front desk", "TonerLevel"}), "100 (0x64)");
+}
+
 TEST(CommandLine, ColourOnATerminalOnly) {
     const std::string command = ProgramPath("oriel") + " status";
     const auto onTerminal = [&](const Environment& environment) {

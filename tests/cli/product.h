@@ -41,3 +41,5 @@ void AddExamplePrinter(const Environment& environment = {});
 // The process of the service on this test's machine, 0 when there is none.
 int ServiceProcess();
 void KillProcess(int process);
+void StopProcess(int process); // SIGSTOP
+void ContinueProcess(int process);

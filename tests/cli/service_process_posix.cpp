@@ -30,3 +30,11 @@ int ServiceProcess() {
 void KillProcess(int process) {
     kill(process, SIGKILL);
 }
+
+void StopProcess(int process) {
+    kill(process, SIGSTOP);
+}
+
+void ContinueProcess(int process) {
+    kill(process, SIGCONT);
+}
