@@ -22,7 +22,7 @@ std::mutex g_registration;
 // The system's file object lies right behind.
 struct CheckedFile {
     sqlite3_file base;
-    alignas(std::max_align_t) char system[1];
+    alignas(8) char system[1]; // what SQLite aligns a file object to
 };
 constexpr int kSystemOffset = offsetof(CheckedFile, system);
 
