@@ -123,7 +123,8 @@ TEST(CommandLine, AServiceThatDoesNotAnswerIsATimeOut) {
     RunningProduct product;
     AddExamplePrinter();
     StopProcess(ServiceProcess());
-    Check({{"get", "Front desk", "PageCount"}, 5, "", "does not answer"});
+    const Json error = OrielJson({"get", "Front desk", "PageCount"}, 5)["error"];
+    EXPECT_EQ(error["why"], "the status database service runs but does not answer");
     ContinueProcess(ServiceProcess());
     Check({{"get", "Front desk", "PageCount"}, 0, "-1", ""});
 }
