@@ -3,23 +3,9 @@
 #include "frame/timings.h"
 #include "machine.h"
 
-#include <winspool.h>
-
 namespace {
 
 const std::string kPortsKey = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PrinterPorts";
-
-void AddToSpooler(std::string name) {
-    PRINTER_INFO_2A info = {};
-    std::string driver = kModel;
-    std::string port = "LPT1:";
-    info.pPrinterName = name.data();
-    info.pDriverName = driver.data();
-    info.pPortName = port.data();
-    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<BYTE*>(&info));
-    ASSERT_NE(printer, nullptr) << GetLastError();
-    ClosePrinter(printer);
-}
 
 std::string Device() {
     char text[300];

@@ -1,6 +1,9 @@
 #include "machine.h"
 
+#include "dblink/client.h"
 #include "private_machine.h"
+
+#include <winspool.h>
 
 #include <cstring>
 #include <filesystem>
@@ -43,6 +46,10 @@ Bytes BytesOf(const std::string& text) {
     Bytes bytes(text.begin(), text.end());
     bytes.push_back(0);
     return bytes;
+}
+
+Bytes Text(const std::string& text) {
+    return Bytes(text.begin(), text.end());
 }
 
 Bytes Number(uint32_t value) {
@@ -99,6 +106,19 @@ void AddPrinter(const std::string& name, const std::string& driver) {
     RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrintersKey + key + "\\PrinterDriverData"));
 }
 
+void AddToSpooler(std::string name, std::string driver) {
+    PRINTER_INFO_2A info = {};
+    std::string port = "LPT1:";
+    std::string server = "\\\\server";
+    if (name.starts_with(server)) info.pServerName = server.data();
+    info.pPrinterName = name.data();
+    info.pDriverName = driver.data();
+    info.pPortName = port.data();
+    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<BYTE*>(&info));
+    ASSERT_NE(printer, nullptr) << name << " " << GetLastError();
+    ClosePrinter(printer);
+}
+
 void AddModelVariable(const std::string& driver, const std::string& name, uint32_t size, uint32_t flags,
                       const Bytes& data) {
     SetRegistryValue("SOFTWARE\\Tavik\\Oriel\\Printers\\" + driver + "\\Status Variables", name, REG_BINARY,
@@ -134,11 +154,18 @@ Library::~Library() {
 
 Service::Service() : process(TestProcess::Program(ProgramPath("TVSDBN.EXE"))) {
     EXPECT_TRUE(WaitUntil([] { return ServiceState() == SERVICE_RUNNING; })) << process.Errors();
+    // After a predecessor that was killed, the state may still be that one's for a moment.
+    const LibraryCall attached;
+    DatabaseHandle handle = 0;
+    if (attached) {
+        EXPECT_TRUE(WaitUntil([&] { return OpenDatabase("none", &handle) == Answer::UnknownDatabase; }));
+    }
 }
 
 TvsManager OpenPrinter(uint32_t clientKind, const std::string& printer) {
     TvsManager manager = 0;
-    EXPECT_EQ(OpenManagerExA(printer.c_str(), "operator", clientKind, &manager), TVS_OK) << printer;
+    EXPECT_EQ(OpenManagerExA(printer.c_str(), "operator", clientKind, &manager), TVS_OK)
+        << printer << ", last error " << GetLastError();
     EXPECT_NE(manager, 0u);
     return manager;
 }

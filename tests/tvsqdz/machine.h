@@ -18,6 +18,7 @@
 using Bytes = std::vector<uint8_t>;
 
 Bytes BytesOf(const std::string& text); // with its NUL
+Bytes Text(const std::string& text);    // without
 Bytes Number(uint32_t value);
 Bytes Joined(const std::vector<Bytes>& parts);
 
@@ -35,6 +36,8 @@ std::string InstallDirectory();
 void InstallProduct();
 // A printer of a driver, known to the registry as the spooler leaves it there.
 void AddPrinter(const std::string& name, const std::string& driver);
+// The same printer known to the spooler: with a key if it is local, without one if its name begins with a server.
+void AddToSpooler(std::string name, std::string driver = "Test Model");
 // A variable of a registered model. size: of the record; data: behind size and flags.
 void AddModelVariable(const std::string& driver, const std::string& name, uint32_t size, uint32_t flags,
                       const Bytes& data);

@@ -27,10 +27,6 @@ void ExpectReads(TvsManager manager, const std::vector<Expected>& rows) {
     }
 }
 
-Bytes Text(const std::string& text) { // without its NUL
-    return Bytes(text.begin(), text.end());
-}
-
 // A printer whose model has a variable of every type, created with its manager.
 struct ReadingProduct : Product {
     ReadingProduct() {

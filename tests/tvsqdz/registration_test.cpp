@@ -5,8 +5,6 @@
 #include "frame/variable_index.h"
 #include "machine.h"
 
-#include <winspool.h>
-
 #include <cstring>
 
 namespace {
@@ -26,19 +24,6 @@ struct Record {
 
     ManagerRecord manager = {};
 };
-
-void AddToSpooler(std::string name, std::string driver) {
-    PRINTER_INFO_2A info = {};
-    std::string port = "LPT1:";
-    std::string server = "\\\\server";
-    if (name.starts_with("\\\\")) info.pServerName = server.data();
-    info.pPrinterName = name.data();
-    info.pDriverName = driver.data();
-    info.pPortName = port.data();
-    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<BYTE*>(&info));
-    ASSERT_NE(printer, nullptr) << name << " " << GetLastError();
-    ClosePrinter(printer);
-}
 
 bool IsSorted(const ManagerRecord& manager) {
     for (uint32_t i = 1; i < manager.variableCount; ++i)

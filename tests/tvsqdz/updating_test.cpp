@@ -11,10 +11,6 @@ namespace {
 
 const std::string kDataKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\" + kPrinter + "\\PrinterDriverData";
 
-Bytes Text(const std::string& text) { // without its NUL
-    return Bytes(text.begin(), text.end());
-}
-
 Bytes Copy(const std::string& variable) {
     return RegistryValue(kDataKey, "SQD_" + variable);
 }

@@ -73,8 +73,8 @@ TEST(OutOfMemory, AnOpenFailsCleanlyAtEachAllocation) {
 TEST(OutOfMemory, TheFirstOpenOfAMachineFailsCleanly) {
     SetUpProduct();
     for (int n = 1; n < 14; ++n) { // as many as there are until the list is made
-        Service service;
         const Library library;
+        Service service;
         g_allocations = 0;
         g_failAt = n;
         OpenStatus(kPrinter, 2);
