@@ -67,7 +67,7 @@ PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
         record.*kPrinterTexts[text].field = strings.Put(printer.texts[text]);
     }
     for (const auto field : kEmptyTexts)
-        record.*field = strings.Put({});
+        record.*field = strings.Put("");
     record.Attributes = printer.attributes;
     record.Priority = 1;
     return record;
