@@ -44,7 +44,8 @@ WINBASE_BEGIN
  * NULL on failure: ERROR_INVALID_HANDLE (the name belongs to another kind of object), ERROR_ACCESS_DENIED,
  * ERROR_FILENAME_EXCED_RANGE (name too long), ERROR_PATH_NOT_FOUND (backslash; no run directory), ERROR_TIMEOUT
  * (another process held up the creation of objects for five seconds), ERROR_NO_SYSTEM_RESOURCES,
- * ERROR_NOT_ENOUGH_MEMORY. attributes: bInheritHandle must be FALSE, else ERROR_NOT_SUPPORTED. */
+ * ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY. attributes: bInheritHandle must be FALSE, else
+ * ERROR_NOT_SUPPORTED. */
 WINBASEAPI HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState,
                                       LPCSTR name);
 
@@ -53,7 +54,9 @@ WINBASEAPI HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL man
  * ERROR_INVALID_PARAMETER for no name; else as CreateEventA. inherit must be FALSE. */
 WINBASEAPI HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name);
 
-/* A thread whose wait began before the event was set is let through, even when a reset follows at once. */
+/* A thread whose wait began before the event was set is let through, even when a reset follows at once; of those that
+ * wait for an automatic event, one. ERROR_ACCESS_DENIED without EVENT_MODIFY_STATE, ERROR_NOACCESS when the object's
+ * file has been cut short. */
 WINBASEAPI BOOL WINAPI SetEvent(HANDLE event);
 WINBASEAPI BOOL WINAPI ResetEvent(HANDLE event);
 

@@ -67,18 +67,6 @@ TEST(Handles, OfNothingAreRefusedAndStaleOnesStayStale) {
         EXPECT_TRUE(CloseHandle(handle));
 }
 
-TEST(Handles, OfAnotherKindAreRefused) {
-    const Owned event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    const Owned mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    DWORD code = 0;
-    EXPECT_EQ(ErrorOf([&] { EXPECT_FALSE(SetEvent(mutex)); }), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_EQ(ErrorOf([&] { EXPECT_FALSE(ReleaseMutex(event)); }), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_EQ(ErrorOf([&] { EXPECT_FALSE(GetExitCodeThread(event, &code)); }), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_EQ(ErrorOf([&] { EXPECT_FALSE(GetExitCodeProcess(event, &code)); }), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_EQ(ErrorOf([&] { EXPECT_EQ(MapViewOfFile(event, FILE_MAP_WRITE, 0, 0, 0), nullptr); }),
-              DWORD{ERROR_INVALID_HANDLE});
-}
-
 // Handles are closed while other threads are in calls with them: every call ends, with success or with an invalid
 // handle.
 TEST(Handles, MayBeClosedUnderUse) {
@@ -282,35 +270,6 @@ TEST(Event, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
         EXPECT_EQ(missed.load(), 0);
         if (missed.load() > 3) TerminateThread(waiter, 0);
         EXPECT_TRUE(Join(waiter, 60000));
-    }
-}
-
-// Of several waiters an automatic event lets one through for each set, a manual one all.
-TEST(Event, LetsThroughOneWaiterOrAll) {
-    for (const BOOL manual : {FALSE, TRUE}) {
-        SCOPED_TRACE(manual);
-        const Owned event = CreateEventA(nullptr, manual, FALSE, nullptr);
-        std::atomic<int> through{0};
-        HANDLE waiters[8];
-        for (HANDLE& waiter : waiters)
-            waiter = StartThread([&] {
-                if (WaitForSingleObject(event, 20000) == WAIT_OBJECT_0) through.fetch_add(1);
-                return 0;
-            });
-        if (manual) {
-            SetEvent(event);
-        } else {
-            for (int i = 1; i <= 8; ++i) {
-                SetEvent(event);
-                EXPECT_TRUE(WaitUntil([&] { return through.load() == i; }));
-                EXPECT_EQ(Look(event), DWORD{WAIT_TIMEOUT});
-            }
-        }
-        for (const HANDLE waiter : waiters) {
-            EXPECT_TRUE(Join(waiter));
-            CloseHandle(waiter);
-        }
-        EXPECT_EQ(through.load(), 8);
     }
 }
 

@@ -73,25 +73,6 @@ TEST(Thread, HasTheStackThatItAskedFor) {
     EXPECT_EQ(ExitCodeOf(thread), 1U);
 }
 
-TEST(Thread, ManyComeAndGo) {
-    const unsigned before = OpenDescriptors();
-    std::atomic<int> count{0};
-    for (int round = 0; round < 20; ++round) {
-        HANDLE threads[40];
-        for (HANDLE& thread : threads)
-            thread = StartThread([&] {
-                count.fetch_add(1);
-                return 0;
-            });
-        for (const HANDLE thread : threads) {
-            EXPECT_TRUE(Join(thread));
-            CloseHandle(thread);
-        }
-    }
-    EXPECT_EQ(count.load(), 800);
-    EXPECT_EQ(OpenDescriptors(), before);
-}
-
 // Wherever a thread is, it can be stopped: its handle is ready, its mutexes are abandoned, nothing else of its runs.
 TEST(Termination, StopsAThreadWhereverItIs) {
     CRITICAL_SECTION busy;

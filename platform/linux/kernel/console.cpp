@@ -83,8 +83,12 @@ void RunHandlers(int number) {
     EndBySignal(number);
 }
 
-void* ReadSignals(void* argument) {
-    const auto reading = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+void* ReadSignals(void*) {
+    int reading = -1;
+    {
+        LockHold hold(g_consoleLock); // until the pipe is in place
+        reading = g_reading;
+    }
     for (;;) {
         unsigned char number = 0;
         const ssize_t count = read(reading, &number, 1);
@@ -101,7 +105,7 @@ DWORD StartReading() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
     WatchForFork();
     // Handlers are the program's: they get a stack of the usual size.
-    const int error = StartThread(0, ReadSignals, reinterpret_cast<void*>(intptr_t{ends[0]}));
+    const int error = StartThread(0, ReadSignals, nullptr);
     if (error != 0) {
         close(ends[0]);
         close(ends[1]);

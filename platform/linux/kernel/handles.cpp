@@ -8,6 +8,7 @@
 #include "kernel/fork.h"
 #include "kernel/lock.h"
 
+#include <bit>
 #include <errhandlingapi.h>
 #include <handleapi.h>
 #include <new>
@@ -50,7 +51,7 @@ Slot* SlotAt(uint32_t number) {
 
 HANDLE ToHandle(uint32_t number, uint64_t word) {
     const auto generation = static_cast<uint32_t>(word >> kGenerationShift) & kGenerationMask;
-    return ULongToHandle(generation << (kSlotBits + 2) | number << 2);
+    return std::bit_cast<HANDLE>(uintptr_t{generation << (kSlotBits + 2) | number << 2});
 }
 
 // The slot that a handle names, and the generation that it must have. Null for a value that no handle can have.
@@ -212,9 +213,9 @@ BOOL WINAPI CloseHandle(HANDLE handle) {
 }
 
 HANDLE WINAPI GetCurrentProcess() {
-    return reinterpret_cast<HANDLE>(LONG_PTR{-1});
+    return std::bit_cast<HANDLE>(LONG_PTR{-1});
 }
 
 HANDLE WINAPI GetCurrentThread() {
-    return reinterpret_cast<HANDLE>(LONG_PTR{-2});
+    return std::bit_cast<HANDLE>(LONG_PTR{-2});
 }

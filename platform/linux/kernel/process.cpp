@@ -90,6 +90,7 @@ int Spawn(const std::string& path, std::vector<std::string>& words, bool ownCons
     posix_spawnattr_setsigmask(&start.attributes, &signals);
     posix_spawnattr_setflags(&start.attributes, flags);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);

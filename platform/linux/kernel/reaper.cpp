@@ -75,8 +75,12 @@ ProcessObject* NextEndedChild() {
     return nullptr;
 }
 
-void* WatchProcesses(void* argument) {
-    const auto epoll = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+void* WatchProcesses(void*) {
+    int epoll = -1;
+    {
+        LockHold hold(g_reaperLock);
+        epoll = g_epoll;
+    }
     for (;;) {
         epoll_event event{};
         if (epoll_wait(epoll, &event, 1, -1) < 0 && errno != EINTR) return nullptr;
@@ -90,7 +94,7 @@ bool StartWatcher() ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
     if (g_epoll < 0) g_epoll = epoll_create1(EPOLL_CLOEXEC);
     if (g_epoll < 0) return false;
     WatchForFork();
-    g_running = StartThread(kOwnStackSize, WatchProcesses, reinterpret_cast<void*>(intptr_t{g_epoll})) == 0;
+    g_running = StartThread(kOwnStackSize, WatchProcesses, nullptr) == 0;
     return g_running;
 }
 

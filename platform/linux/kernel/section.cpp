@@ -66,7 +66,7 @@ const ForkSteps kViewsFork{TakeForFork<g_viewsLock>, ReleaseAfterFork<g_viewsLoc
 HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection, DWORD sizeHigh,
                                  DWORD sizeLow, LPCSTR name) {
     TerminationHold hold;
-    if (file != INVALID_HANDLE_VALUE || protection != PAGE_READWRITE || name == nullptr || *name == '\0') {
+    if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0') {
         SetLastError(ERROR_NOT_SUPPORTED);
         return nullptr;
     }
