@@ -1,6 +1,7 @@
 #include "machine.h"
 
 #include "dblink/client.h"
+#include "frame/printer_registration.h"
 #include "private_machine.h"
 
 #include <winspool.h>
@@ -13,7 +14,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
 
 namespace {
 
-const std::string kPrintersKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+const std::string kPrinterKeys = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
 const HINSTANCE kInstance = reinterpret_cast<HINSTANCE>(ULONG_PTR{0x10000});
 
 HKEY CreateKey(HKEY root, const std::string& name) {
@@ -99,11 +100,9 @@ void InstallProduct() {
 }
 
 void AddPrinter(const std::string& name, const std::string& driver) {
-    std::string key = name;
-    for (char& c : key)
-        if (c == '\\') c = ',';
-    SetRegistryText(kPrintersKey + key, "Printer Driver", driver);
-    RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrintersKey + key + "\\PrinterDriverData"));
+    const std::string key = DriverDataKeyName(name.c_str()).name;
+    SetRegistryText(kPrinterKeys + key, "Printer Driver", driver);
+    RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrinterKeys + key + "\\PrinterDriverData"));
 }
 
 void AddToSpooler(std::string name, std::string driver) {

@@ -78,7 +78,32 @@ std::string AgentStarts() {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// In code page 932, where the second byte of U+30BD is that of a backslash.
+CHILD_PROCESS(OpensInCodePage932) {
+    const Library library;
+    const std::u16string longest(129, u'\u30BD'); // 258 bytes
+    std::string narrow;
+    for (int i = 0; i < 129; ++i)
+        narrow += "\x83\x5C";
+    AddPrinter(narrow, kModel);
+    TvsManager manager = 0;
+    EXPECT_EQ(OpenManagerExW(longest.c_str(), u"\u30BD", 2, &manager), TVS_OK);
+    EXPECT_EQ(RecordOf(manager)->printerName, narrow);
+    EXPECT_STREQ(RecordOf(manager)->userName, "\x83\x5C");
+    EXPECT_EQ(RecordOf(manager)->variableCount, 58u);
+    EXPECT_EQ(OpenManagerExW((longest + u"\u30BD").c_str(), u"", 2, &manager), TVS_E_UNAVAILABLE);
+    EXPECT_EQ(OpenManagerExW(longest.c_str(), std::u16string(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
+    return testing::Test::HasFailure();
+}
+
 } // namespace
+
+TEST(Opening, NamesAreTextOfTheCodePage) {
+    SetUpProduct();
+    const Service service;
+    TestProcess process("OpensInCodePage932", {}, {{"ORIEL_ANSI_CODE_PAGE", "932"}});
+    EXPECT_EQ(process.Wait(), 0) << process.HearAll();
+}
 
 TEST(Opening, CodesComeInTheirOrder) {
     InstallProduct();

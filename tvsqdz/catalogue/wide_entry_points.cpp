@@ -10,7 +10,7 @@ namespace {
 // What of a name does not fit its field, once it is converted, is refused rather than cut: a cut name means another
 // printer or another user.
 template <DWORD size>
-Status ConvertName(const WCHAR* callersName, DWORD flags, char (&name)[size]) {
+Status ConvertName(const WCHAR* callersName, char (&name)[size]) {
     WCHAR wide[size];
     switch (ReadCallerText(wide, size, callersName)) {
     case CallerText::Read:
@@ -20,15 +20,17 @@ Status ConvertName(const WCHAR* callersName, DWORD flags, char (&name)[size]) {
     case CallerText::TooLong:
         return TVS_E_UNAVAILABLE;
     }
-    if (WideCharToMultiByte(CP_ACP, flags, wide, -1, name, size, nullptr, nullptr) != 0) return TVS_OK;
+    // What the code page does not have becomes its default character; the flag for that says no more, and UTF-8 refuses
+    // it.
+    if (WideCharToMultiByte(CP_ACP, 0, wide, -1, name, size, nullptr, nullptr) != 0) return TVS_OK;
     name[0] = '\0';
     return TVS_E_UNAVAILABLE;
 }
 
-OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName, DWORD flags) {
+OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName) {
     OpenNames names;
-    names.printerStatus = ConvertName(printerName, flags, names.printer);
-    names.userStatus = ConvertName(userName, flags, names.user);
+    names.printerStatus = ConvertName(printerName, names.printer);
+    names.userStatus = ConvertName(userName, names.user);
     if (names.userStatus == TVS_E_FAULT) {
         names.user[0] = '\0'; // counts as absent
         names.userStatus = TVS_OK;
@@ -39,12 +41,12 @@ OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName, DWORD fl
 } // namespace
 
 int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar* userName, TvsManager* manager) {
-    return OpenManager(ConvertNames(printerName, userName, WC_DEFAULTCHAR), 0, manager);
+    return OpenManager(ConvertNames(printerName, userName), 0, manager);
 }
 
 int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName, uint32_t clientKind,
                                 TvsManager* manager) {
-    return OpenManager(ConvertNames(printerName, userName, 0), clientKind, manager);
+    return OpenManager(ConvertNames(printerName, userName), clientKind, manager);
 }
 
 int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable, _SYSTEMTIME* writeTime) {

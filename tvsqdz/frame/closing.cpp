@@ -49,6 +49,13 @@ void AwaitOtherManagers(ManagerRecord* manager) {
     GetDatabaseInfo(manager->masterDatabase, &info);
 }
 
+ThreadRecord* TakeRegistrations(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    ThreadRecord* records = manager->registrations;
+    manager->registrations = nullptr;
+    return records;
+}
+
 } // namespace
 
 Status CloseManagerOf(TvsManager handle) {
@@ -60,8 +67,7 @@ Status CloseManagerOf(TvsManager handle) {
 
     // What others see of the manager ends here. What the record holds is given back with its last reference, so that a
     // call that is still on its way keeps its databases and the mutex that it may hold.
-    StopThreadRecords(manager->registrations);
-    manager->registrations = nullptr;
+    StopThreadRecords(TakeRegistrations(manager));
     if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
     --g_openManagerCount;
     ReleaseManager(manager); // the list's reference

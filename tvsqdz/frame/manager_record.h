@@ -45,11 +45,12 @@ struct ManagerRecord {
     char* driverName; // null: unknown
     DatabaseHandle masterDatabase;
     DatabaseHandle printerDatabase;
-    ThreadRecord* registrations; // the manager's threads; changed under g_managerLock
+    // The manager's threads. A record is added only while the manager is in the list: a close takes them all.
+    ThreadRecord* registrations GUARDED_BY(g_managerLock);
     HANDLE databaseMutex;
     HANDLE requestMutex;
     uint32_t lmFunction; // value of "LMFunction" at open; 0 under Windows NT 3.50 and 3.51
-    ManagerRecord* next; // guarded by g_managerLock
+    ManagerRecord* next GUARDED_BY(g_managerLock);
     LONG volatile references;
 };
 
