@@ -81,9 +81,9 @@ std::string AgentStarts() {
 // In code page 932, where the second byte of U+30BD is that of a backslash.
 CHILD_PROCESS(OpensInCodePage932) {
     const Library library;
-    const std::u16string longest(129, u'\u30BD'); // 258 bytes
+    const std::u16string longest(127, u'\u30BD'); // 254 bytes: the registry takes no longer key
     std::string narrow;
-    for (int i = 0; i < 129; ++i)
+    for (int i = 0; i < 127; ++i)
         narrow += "\x83\x5C";
     AddPrinter(narrow, kModel);
     TvsManager manager = 0;
@@ -91,7 +91,7 @@ CHILD_PROCESS(OpensInCodePage932) {
     EXPECT_EQ(RecordOf(manager)->printerName, narrow);
     EXPECT_STREQ(RecordOf(manager)->userName, "\x83\x5C");
     EXPECT_EQ(RecordOf(manager)->variableCount, 58u);
-    EXPECT_EQ(OpenManagerExW((longest + u"\u30BD").c_str(), u"", 2, &manager), TVS_E_UNAVAILABLE);
+    EXPECT_EQ(OpenManagerExW((longest + u"\u30BD\u30BD\u30BD").c_str(), u"", 2, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(OpenManagerExW(longest.c_str(), std::u16string(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
     return testing::Test::HasFailure();
 }
