@@ -15,7 +15,7 @@ except ImportError as error:
     print("no impacket:", error)
     sys.exit(77)
 
-ECHO, MAKE, RAISE, TOUCH = 0, 1, 2, 6
+ECHO, MAKE, RAISE, TOUCH = 0, 1, 2, 5
 INTERFACE = uuidtup_to_bin(("8d1f7a10-52c4-4a0e-9d3b-0f1e2d3c4b5a", "1.2"))
 OLDER = uuidtup_to_bin(("8d1f7a10-52c4-4a0e-9d3b-0f1e2d3c4b5a", "1.0"))
 UNKNOWN = uuidtup_to_bin(("8d1f7a11-52c4-4a0e-0102-030405060708", "1.0"))

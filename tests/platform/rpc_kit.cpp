@@ -80,10 +80,6 @@ void __RPC_STUB Identify(PRPC_MESSAGE message) {
     std::memcpy(reply + 4, text.data(), text.size());
 }
 
-void __RPC_STUB Count(PRPC_MESSAGE message) {
-    ReplyNumbers(message, {g_touches});
-}
-
 void __RPC_STUB Touch(PRPC_MESSAGE message) {
     ReplyNumbers(message, {++g_touches});
 }
@@ -137,9 +133,9 @@ void __RPC_STUB Describe(PRPC_MESSAGE message) {
     ReplyNumbers(message, {representation, alignment});
 }
 
-RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {Echo,    Make,    Raise,       Throw,    Identify, Count,
-                                                      Touch,   Monitor, StopMonitor, Rundowns, Hold,     Release,
-                                                      Holding, TooLong, NoBuffer,    Describe, nullptr};
+RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {Echo,    Make,        Raise,    Throw,  Identify, Touch,
+                                                      Monitor, StopMonitor, Rundowns, Hold,   Release,  Holding,
+                                                      TooLong, NoBuffer,    Describe, nullptr};
 RPC_DISPATCH_TABLE g_table{kProcedureCount, g_functions, 0};
 RPC_SERVER_INTERFACE g_server{
     .Length = sizeof g_server, .InterfaceId = kTestInterface, .TransferSyntax = kNdrSyntax, .DispatchTable = &g_table};

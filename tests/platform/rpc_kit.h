@@ -19,8 +19,7 @@ enum Procedure : unsigned {
     kRaise,       // number: raises it
     kThrow,       // number 0: throws std::bad_alloc, else an int
     kIdentify,    // replies the client's process id and the text of its identity
-    kCount,       // replies how many calls of kTouch have been carried out
-    kTouch,       // counts
+    kTouch,       // counts, and replies how often it was called
     kMonitor,     // number: asks for a rundown with it, replies the one asked for before
     kStopMonitor, // takes it back
     kRundowns,    // replies how often each of the 16 contexts was run down, 16 numbers
@@ -79,7 +78,7 @@ private:
     TestProcess m_process;
 };
 
-// Registers the interface in this process, with `table` of kProcedureCount entries.
+// In this process.
 RPC_STATUS RegisterTestInterface();
 RPC_STATUS UnregisterTestInterface(bool wait);
 RPC_STATUS ServeOn(const std::string& endpoint);

@@ -7,6 +7,7 @@
 
 #include "kernel/fork.h"
 #include "kernel/lock.h"
+#include "rpc/bind_offer.h"
 #include "rpc/endpoint.h"
 #include "rpc/fork.h"
 
@@ -193,100 +194,6 @@ void ForgetGroup(Association& association, uint32_t group) {
     if (association.group == group) association.group = 0;
 }
 
-RPC_STATUS FromTransfer(Transfer result) {
-    switch (result) {
-    case Transfer::done:
-        return RPC_S_OK;
-    case Transfer::closed:
-    case Transfer::reset:
-    case Transfer::timedOut:
-        return RPC_S_SERVER_UNAVAILABLE;
-    case Transfer::noMemory:
-        return RPC_S_OUT_OF_MEMORY;
-    case Transfer::malformed:
-    case Transfer::wrongVersion:
-    case Transfer::authenticated:
-    case Transfer::tooLarge:
-        break;
-    }
-    return RPC_S_PROTOCOL_ERROR;
-}
-
-RPC_STATUS FromRejection(const ContextResult& result) {
-    switch (result.reason) {
-    case kInterfaceNotSupported:
-        return RPC_S_UNKNOWN_IF;
-    case kTransferNotSupported:
-        return RPC_S_UNSUPPORTED_TRANS_SYN;
-    case kLocalLimitExceeded:
-        return RPC_S_SERVER_TOO_BUSY;
-    default:
-        return RPC_S_CALL_FAILED_DNE;
-    }
-}
-
-// What the server answered to a bind (or alter-context) that offered one context and named the group.
-RPC_STATUS ReadAnswer(Connection& connection, const Message& message, const RPC_CLIENT_INTERFACE& interface,
-                      uint32_t& group, bool& groupUnknown) {
-    TerminationHold hold; // the results are on the heap
-    const Header& header = message.header;
-    const bool binding = connection.contextCount == 0;
-    if (header.callId != connection.callId) return RPC_S_PROTOCOL_ERROR;
-    if (binding && header.type == kBindNak) {
-        uint16_t reason = 0;
-        if (!DecodeBindNak(message.pdu, header, reason)) return RPC_S_PROTOCOL_ERROR;
-        groupUnknown = reason == kNakNotSpecified && group != 0;
-        return reason == kNakLocalLimitExceeded ? RPC_S_SERVER_TOO_BUSY : RPC_S_PROTOCOL_ERROR;
-    }
-    BindAck ack;
-    if (header.type != (binding ? kBindAck : kAlterContextResponse) || !DecodeBindAck(message.pdu, header, ack) ||
-        ack.results.size() != 1)
-        return RPC_S_PROTOCOL_ERROR;
-    if (binding) {
-        if (ack.group == 0 || (group != 0 && ack.group != group) || ack.largestReceived < kSmallestFragment)
-            return RPC_S_PROTOCOL_ERROR;
-        group = ack.group;
-        connection.channel.largestSent = std::min(ack.largestReceived, kLargestFragment);
-    }
-    const ContextResult& result = ack.results[0];
-    if (result.result != kAccepted) return FromRejection(result);
-    if (!(result.transfer == interface.TransferSyntax)) return RPC_S_PROTOCOL_ERROR;
-    connection.contexts[connection.contextCount++] = {interface.InterfaceId, interface.TransferSyntax};
-    return RPC_S_OK;
-}
-
-// Offers the interface as the connection's next context and waits for the answer.
-RPC_STATUS Offer(Connection& connection, const RPC_CLIENT_INTERFACE& interface, uint32_t& group, bool& groupUnknown,
-                 int64_t deadline) {
-    Channel& channel = connection.channel;
-    uint8_t pdu[128];
-    size_t size = 0;
-    {
-        TerminationHold hold;
-        try {
-            const Header header{.type = connection.contextCount == 0 ? kBind : kAlterContext,
-                                .callId = ++connection.callId};
-            const Bind bind{.group = group,
-                            .elements = {{.id = static_cast<uint16_t>(connection.contextCount),
-                                          .abstractSyntax = interface.InterfaceId,
-                                          .transfers = {interface.TransferSyntax}}}};
-            size = EncodeBind(pdu, header, bind);
-        } catch (const std::bad_alloc&) {
-            return RPC_S_OUT_OF_MEMORY;
-        }
-    }
-    // A server that is full answers before it has read anything, and closes: so the answer counts even if this fails.
-    const Transfer sent = SendPdu(channel, pdu, size);
-    Message message;
-    const Transfer received = Receive(channel, Side::client, message, deadline);
-    if (received != Transfer::done) return FromTransfer(sent != Transfer::done ? sent : received);
-    try {
-        return ReadAnswer(connection, message, interface, group, groupUnknown);
-    } catch (const std::bad_alloc&) {
-        return RPC_S_OUT_OF_MEMORY;
-    }
-}
-
 bool FindContext(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
     for (unsigned i = 0; i < connection.contextCount; ++i) {
         if (!(connection.contexts[i].abstractSyntax == interface.InterfaceId) ||
@@ -303,7 +210,7 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
     if (connection.contextCount == kMaxContexts) return RPC_S_OUT_OF_RESOURCES;
     uint32_t group = connection.group;
     bool ignored = false;
-    const RPC_STATUS status = Offer(connection, interface, group, ignored, DeadlineAfter(kConnectTimeMs));
+    const RPC_STATUS status = OfferInterface(connection, interface, group, ignored, DeadlineAfter(kConnectTimeMs));
     switch (status) {
     case RPC_S_OK:
         FindContext(connection, interface);
@@ -391,7 +298,7 @@ RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interfa
         status = ConnectToEndpoint(association.endpoint, deadline, socket);
         if (status == RPC_S_OK) {
             SetSocket(connection, socket);
-            status = Offer(connection, interface, group, groupUnknown, deadline);
+            status = OfferInterface(connection, interface, group, groupUnknown, deadline);
         }
         const bool right = FinishFounding(association, named, connection, status == RPC_S_OK ? group : 0);
         if (status == RPC_S_OK && right) {
