@@ -18,7 +18,7 @@ inline constexpr Bound kBounds[kShareCount] = {
     /* kShareDatabases */ {.perUser = 8192, .inAll = 16384},
     // Bytes of variables, their values, names and member lists. A value that grew keeps its old block: up to twice its
     // size.
-    /* kShareMemory */ {.perUser = 256 << 20, .inAll = 1024 << 20},
+    /* kShareMemory */ {.perUser = 128 << 20, .inAll = 512 << 20},
     /* kShareHandles */ {.perUser = 65536, .inAll = kHandleSlots / 2},
     /* kShareWatches */ {.perUser = 16384, .inAll = 65536},
 };

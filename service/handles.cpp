@@ -10,15 +10,15 @@ namespace {
 // A slot is free while its handle is 0. What a reader finds beside the handle is valid when the handle is still the
 // same afterwards.
 struct Slot {
-    std::atomic<DWORD> handle;
-    DWORD previousOfGroup; // guarded by g_handlesLock, as is the next
-    DWORD nextOfGroup;
-    std::atomic<Group*> group;
-    std::atomic<Database*> database;
+    std::atomic<DWORD> handle = 0;
+    DWORD previousOfGroup = 0; // guarded by g_handlesLock, as is the next
+    DWORD nextOfGroup = 0;
+    std::atomic<Group*> group = nullptr;
+    std::atomic<Database*> database = nullptr;
 };
 
 Lock g_handlesLock;
-Slot g_slots[kHandleSlots];
+constinit Slot g_slots[kHandleSlots]; // all zero: pages without handles take no memory
 DWORD g_nextHandle GUARDED_BY(g_handlesLock) = 1;
 
 Slot& SlotOf(DWORD handle) {

@@ -8,7 +8,7 @@ constexpr int kDatabases = 8192;
 constexpr int kHandles = 65536;
 constexpr int kWatches = 16384;
 constexpr int kVariables = 2048;
-constexpr size_t kMemory = 256u << 20;
+constexpr size_t kMemory = 128u << 20;
 
 // Asks until it is refused; the number of times that it was not.
 template <typename Ask>

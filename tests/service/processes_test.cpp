@@ -210,12 +210,15 @@ TEST(Campaign, CallsOfAKilledServiceReturn) {
     EXPECT_LE(worst, boundMs);
 }
 
-// A thousand printers, as the library creates them.
+// Printers as the library creates them: 1,000 are to stay far below 64 MiB.
 TEST(Campaign, AThousandPrintersTakeLittleMemory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer takes memory of its own";
+#endif
+    const int printers = Rounds(200, 1000);
     Service service;
     const auto residentKiB = [&] {
-        const std::string path = "/proc/" + std::to_string(service.process.Id()) + "/status";
-        FILE* file = std::fopen(path.c_str(), "r");
+        FILE* file = std::fopen(("/proc/" + std::to_string(service.process.Id()) + "/status").c_str(), "r");
         char line[256];
         long size = 0;
         while (file && std::fgets(line, sizeof line, file))
@@ -230,7 +233,7 @@ TEST(Campaign, AThousandPrintersTakeLittleMemory) {
     } kVariables[] = {TVS_BUILT_IN_VARIABLES(VARIABLE)};
 #undef VARIABLE
     const long before = residentKiB();
-    for (int printer = 1; printer <= 1000; ++printer) {
+    for (int printer = 1; printer <= printers; ++printer) {
         DWORD handle = 0;
         ASSERT_EQ(CreateDatabase("TVORSQD_DB" + std::to_string(printer), &handle), kDone);
         for (const auto& [name, size] : kVariables)
@@ -240,6 +243,7 @@ TEST(Campaign, AThousandPrintersTakeLittleMemory) {
         ASSERT_EQ(EndDatabaseInitialization(handle), kDone);
     }
     const long after = residentKiB();
-    std::printf("resident: %ld KiB at the start, %ld KiB with 1,000 printers\n", before, after);
-    EXPECT_LT(after, 64 * 1024);
+    std::printf("resident: %ld KiB at the start, %ld KiB with %d printers\n", before, after, printers);
+    EXPECT_LT(after - before, 20 * 1024 * printers / 1000);
+    EXPECT_LT(before, 20 * 1024);
 }
