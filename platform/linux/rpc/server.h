@@ -26,7 +26,7 @@ struct OfferedInterface {
     RPC_SYNTAX_IDENTIFIER id{};
     // Null while it is not offered. Whoever makes a call says so in ServerConnection::calling first and looks here
     // then; whoever withdraws it clears this first and looks there then. The two that follow change only in between.
-    std::atomic<const RPC_SERVER_INTERFACE*> specification{nullptr};
+    std::atomic<const RPC_SERVER_INTERFACE*> registered{nullptr};
     RPC_MGR_EPV* managers = nullptr;
     unsigned largestRequest = 0;
 };

@@ -78,9 +78,9 @@ ContextResult JudgeContext(ServerConnection& connection, const ContextElement& e
     if (element.transfers.size() == 1 && IsFeatureNegotiation(element.transfers[0], features))
         return {.result = kNegotiateAck, .reason = static_cast<uint16_t>(features & kKeepConnectionOnOrphan)};
     const OfferedInterface* offered = FindInterface(element.abstractSyntax);
-    const RPC_SERVER_INTERFACE* specification = offered != nullptr ? offered->specification.load() : nullptr;
-    if (specification == nullptr) return result;
-    if (std::ranges::find(element.transfers, specification->TransferSyntax) == element.transfers.end()) {
+    const RPC_SERVER_INTERFACE* registered = offered != nullptr ? offered->registered.load() : nullptr;
+    if (registered == nullptr) return result;
+    if (std::ranges::find(element.transfers, registered->TransferSyntax) == element.transfers.end()) {
         result.reason = kTransferNotSupported;
         return result;
     }
@@ -96,7 +96,7 @@ ContextResult JudgeContext(ServerConnection& connection, const ContextElement& e
         }
         connection.contexts[connection.contextCount++] = {element.id, offered};
     }
-    return {.result = kAccepted, .reason = 0, .transfer = specification->TransferSyntax};
+    return {.result = kAccepted, .reason = 0, .transfer = registered->TransferSyntax};
 }
 
 bool IsOneNegotiation(const Bind& bind) {
@@ -167,11 +167,11 @@ bool SendReply(ServerConnection& connection, const Message& message, size_t leng
     return Answered(Send(connection.channel, header, {.contextId = message.call.contextId}, length));
 }
 
-// With `calling` set: so the specification cannot be withdrawn from under it.
+// With `calling` set: so the interface cannot be withdrawn from under it.
 bool CarryOut(ServerConnection& connection, const Message& message, const OfferedInterface& offered) {
-    const RPC_SERVER_INTERFACE* specification = offered.specification.load();
-    if (specification == nullptr) return SendFault(connection, message, RPC_S_UNKNOWN_IF, false);
-    const RPC_DISPATCH_TABLE& table = *specification->DispatchTable;
+    const RPC_SERVER_INTERFACE* registered = offered.registered.load();
+    if (registered == nullptr) return SendFault(connection, message, RPC_S_UNKNOWN_IF, false);
+    const RPC_DISPATCH_TABLE& table = *registered->DispatchTable;
     const unsigned procedure = message.call.procedure;
     if (procedure >= table.DispatchTableCount || table.DispatchTable[procedure] == nullptr)
         return SendFault(connection, message, RPC_S_PROCNUM_OUT_OF_RANGE, false);
@@ -183,8 +183,8 @@ bool CarryOut(ServerConnection& connection, const Message& message, const Offere
     call.Buffer = message.body;
     call.BufferLength = static_cast<unsigned>(message.length);
     call.ProcNum = procedure;
-    call.TransferSyntax = const_cast<RPC_SYNTAX_IDENTIFIER*>(&specification->TransferSyntax);
-    call.RpcInterfaceInformation = const_cast<RPC_SERVER_INTERFACE*>(specification);
+    call.TransferSyntax = const_cast<RPC_SYNTAX_IDENTIFIER*>(&registered->TransferSyntax);
+    call.RpcInterfaceInformation = const_cast<RPC_SERVER_INTERFACE*>(registered);
     call.ManagerEpv = offered.managers;
     connection.replied = false;
     RPC_STATUS status = CallFunction(table.DispatchTable[procedure], call);

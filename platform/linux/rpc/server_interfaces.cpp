@@ -44,7 +44,7 @@ const OfferedInterface* FindInterface(const RPC_SYNTAX_IDENTIFIER& id) {
         if (memcmp(&offered.SyntaxGUID, &id.SyntaxGUID, sizeof id.SyntaxGUID) == 0 &&
             offered.SyntaxVersion.MajorVersion == id.SyntaxVersion.MajorVersion &&
             offered.SyntaxVersion.MinorVersion >= id.SyntaxVersion.MinorVersion &&
-            g_interfaces[i].specification.load() != nullptr)
+            g_interfaces[i].registered.load() != nullptr)
             return &g_interfaces[i];
     }
     return nullptr;
@@ -58,31 +58,30 @@ using namespace oriel::rpc;
 RPC_STATUS RPC_ENTRY RpcServerRegisterIf2(RPC_IF_HANDLE IfSpec, UUID* MgrTypeUuid, RPC_MGR_EPV* MgrEpv,
                                           unsigned int Flags, unsigned int, unsigned int MaxRpcSize,
                                           RPC_IF_CALLBACK_FN* IfCallbackFn) {
-    const auto* specification = static_cast<const RPC_SERVER_INTERFACE*>(IfSpec);
-    if (specification == nullptr || specification->Length != sizeof *specification ||
-        specification->DispatchTable == nullptr)
+    const auto* registered = static_cast<const RPC_SERVER_INTERFACE*>(IfSpec);
+    if (registered == nullptr || registered->Length != sizeof *registered || registered->DispatchTable == nullptr)
         return RPC_S_INVALID_ARG;
     if (MgrTypeUuid != nullptr || IfCallbackFn != nullptr || (Flags & ~RPC_IF_ALLOW_LOCAL_ONLY) != 0)
         return RPC_S_CANNOT_SUPPORT;
     OfferedInterface* place = nullptr;
     {
         LockHold hold(g_lock);
-        place = FindPlace(specification->InterfaceId);
+        place = FindPlace(registered->InterfaceId);
         if (place == nullptr) {
             if (g_interfaceCount == kMaxInterfaces) return RPC_S_OUT_OF_RESOURCES;
             place = &g_interfaces[g_interfaceCount];
-            place->id = specification->InterfaceId;
+            place->id = registered->InterfaceId;
             ++g_interfaceCount;
-        } else if (place->specification.load() != nullptr) {
+        } else if (place->registered.load() != nullptr) {
             return RPC_S_ALREADY_REGISTERED;
         }
     }
     WaitForCalls(*place); // of an earlier registration, which was withdrawn without waiting
     LockHold hold(g_lock);
-    if (place->specification.load() != nullptr) return RPC_S_ALREADY_REGISTERED;
-    place->managers = MgrEpv != nullptr ? MgrEpv : specification->DefaultManagerEpv;
+    if (place->registered.load() != nullptr) return RPC_S_ALREADY_REGISTERED;
+    place->managers = MgrEpv != nullptr ? MgrEpv : registered->DefaultManagerEpv;
     place->largestRequest = MaxRpcSize;
-    place->specification.store(specification);
+    place->registered.store(registered);
     return RPC_S_OK;
 }
 
@@ -91,10 +90,10 @@ RPC_STATUS RPC_ENTRY RpcServerUnregisterIf(RPC_IF_HANDLE IfSpec, UUID* MgrTypeUu
     if (MgrTypeUuid != nullptr) return RPC_S_UNKNOWN_MGR_TYPE;
     bool known = IfSpec == nullptr;
     for (OfferedInterface& offered : g_interfaces) {
-        const RPC_SERVER_INTERFACE* specification = offered.specification.load();
-        if (specification == nullptr || (IfSpec != nullptr && specification != IfSpec)) continue;
+        const RPC_SERVER_INTERFACE* registered = offered.registered.load();
+        if (registered == nullptr || (IfSpec != nullptr && registered != IfSpec)) continue;
         known = true;
-        offered.specification.store(nullptr);
+        offered.registered.store(nullptr);
         if (WaitForCallsToComplete != 0) WaitForCalls(offered);
     }
     return known ? RPC_S_OK : RPC_S_UNKNOWN_IF;
