@@ -172,19 +172,3 @@ TEST(BadPointers, DataToStoreAreReadWholeOrNotAtAll) {
         EXPECT_EQ(stored, row.readable ? 604u : 7u);
     }
 }
-
-// Handles that look like pointers are only compared.
-TEST(BadPointers, HandlesAreNeverFollowed) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
-    BadMemory memory;
-    uint32_t value = 0;
-    uint32_t size = 0;
-    for (const AddressCase& row : memory.Kinds(64)) {
-        const auto handle = reinterpret_cast<TvsManager>(row.address);
-        EXPECT_EQ(CloseManager(handle), TVS_E_HANDLE) << row.kind;
-        EXPECT_EQ(GetPrinterStatusA(handle, "ModelNumber", &value, 4, &size), TVS_E_HANDLE) << row.kind;
-    }
-    EXPECT_EQ(CloseManager(manager), TVS_OK);
-    EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
-}

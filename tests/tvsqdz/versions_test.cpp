@@ -77,20 +77,6 @@ TEST(Versions, ObjectsAreEveryones) {
     EXPECT_EQ(Bytes(bytes + header->Group, bytes + header->Group + 12), everyone);
     const Bytes list = Joined({{2, 0, 28, 0, 1, 0, 0, 0}, {0, 0, 20, 0}, Number(GENERIC_ALL), everyone});
     EXPECT_EQ(Bytes(bytes + header->Dacl, bytes + header->Dacl + list.size()), list);
-
-    // The general builder sets the flags of an entry, and refuses one that is no SID.
-    const PSID world = everyone.data();
-    const AccessEntry entries[] = {{world, 1, 0}, {world, 2, CONTAINER_INHERIT_ACE}};
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    ASSERT_TRUE(BuildSecurityDescriptor(entries, 2, world, &descriptor));
-    const auto* built = static_cast<const uint8_t*>(descriptor);
-    const uint8_t* second = built + reinterpret_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(built)->Dacl + 8 + 20;
-    EXPECT_EQ(Bytes(second, second + 8), Joined({{0, CONTAINER_INHERIT_ACE, 20, 0}, Number(2)}));
-    Bytes invalid = everyone;
-    invalid[0] = 2;
-    const AccessEntry bad = {invalid.data(), 1, 0};
-    EXPECT_FALSE(BuildSecurityDescriptor(&bad, 1, world, &descriptor));
-    EXPECT_EQ(descriptor, nullptr);
 }
 
 // Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
