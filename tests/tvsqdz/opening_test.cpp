@@ -39,7 +39,8 @@ Bytes ListOf(const std::vector<PrinterListEntry>& entries) {
     Bytes bytes(8 + entries.size() * sizeof(PrinterListEntry));
     const uint32_t header[2] = {static_cast<uint32_t>(bytes.size()) - 4, static_cast<uint32_t>(entries.size())};
     std::memcpy(bytes.data(), header, sizeof header);
-    std::memcpy(bytes.data() + 8, entries.data(), bytes.size() - 8);
+    const auto* first = reinterpret_cast<const uint8_t*>(entries.data());
+    std::copy(first, first + bytes.size() - 8, bytes.begin() + 8);
     return bytes;
 }
 
