@@ -164,12 +164,16 @@ TEST(RpcFault, StoppedServerIsGivenUpByNewClientsOnly) {
         server.Process().Continue();
     });
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    EXPECT_GE(NowMs(), slept);
+    const double returned = NowMs();
     resumes.join();
+    EXPECT_GE(returned, slept);
     EXPECT_TRUE(WaitUntil([&] { return binding.Call(kTouch).status == RPC_S_OK; }));
 }
 
 TEST(RpcFault, TerminatedThreadLeavesTheOthersTheirCalls) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer keeps signals back from a thread that receives";
+#endif
     TestServer server;
     static TestBinding* binding = nullptr;
     TestBinding own;

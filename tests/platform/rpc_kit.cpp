@@ -1,5 +1,6 @@
 #include "rpc_kit.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -39,7 +40,7 @@ uint8_t* ReplyBuffer(PRPC_MESSAGE message, size_t size) {
 }
 
 void ReplyNumbers(PRPC_MESSAGE message, const std::vector<uint32_t>& numbers) {
-    std::memcpy(ReplyBuffer(message, numbers.size() * 4), numbers.data(), numbers.size() * 4);
+    std::ranges::copy(numbers, reinterpret_cast<uint32_t*>(ReplyBuffer(message, numbers.size() * 4)));
 }
 
 void __RPC_STUB Echo(PRPC_MESSAGE message) {

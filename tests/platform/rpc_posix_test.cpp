@@ -81,6 +81,11 @@ TEST(RpcFork, ChildIsAnotherClient) {
 }
 
 TEST(RpcFork, ChildOfAServerServesNobody) {
+#if defined(__SANITIZE_THREAD__)
+    constexpr bool kMayStartThreads = false; // the thread sanitizer ends a child that does
+#else
+    constexpr bool kMayStartThreads = true;
+#endif
     ASSERT_EQ(ServeOn("forks"), RPC_S_OK);
     const TestBinding binding("forks");
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
@@ -90,7 +95,8 @@ TEST(RpcFork, ChildOfAServerServesNobody) {
     if (child == 0) {
         char byte = 0;
         close(held[1]);
-        const bool idle = RpcMgmtWaitServerListen() == RPC_S_NOT_LISTENING && ServeOn("another") == RPC_S_OK;
+        const bool idle =
+            RpcMgmtWaitServerListen() == RPC_S_NOT_LISTENING && (!kMayStartThreads || ServeOn("another") == RPC_S_OK);
         _exit(read(held[0], &byte, 1) == 0 && idle ? 0 : 1);
     }
     close(held[0]);
