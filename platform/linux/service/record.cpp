@@ -110,7 +110,9 @@ SERVICE_STATUS Stopped(DWORD exitCode) {
 bool LookOnce(const std::string& path, const Descriptor& file, const struct stat& before, ServiceState* state) {
     const pid_t holder = LockHolder(file.Get());
     Record record;
-    const bool sound = ReadRecord(file.Get(), &record);
+    // A record of another process is what one that was killed has left: the holder has not told anything yet.
+    const bool sound =
+        ReadRecord(file.Get(), &record) && (holder <= 0 || record.process == static_cast<uint32_t>(holder));
     if (holder < 0 && (LockHolder(file.Get()) >= 0 || !IsStillThere(path, before))) return false;
     state->known = true;
     state->running = holder >= 0;
