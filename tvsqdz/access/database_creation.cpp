@@ -1,3 +1,5 @@
+// A printer's database: every variable with its first value, and the way back to it. Keeps no state; what it writes
+// lies in the service and, for persistent variables, in the registry.
 #include "access/database_creation.h"
 
 #include "access/driver_data.h"
@@ -82,7 +84,7 @@ void CreateIndexedVariable(ManagerRecord* manager, const StatusVariableDef& vari
     }
     if (value.size == 0) value = {kEmptyVariableValue, sizeof kEmptyVariableValue};
     CreateVariable(manager->printerDatabase, variable.name, type, value.size, value.data);
-    if (workingUsed) memset(working, 0, kWorkingSize);
+    if (workingUsed) memset(working, 0, kWorkingSize); // the next value may be shorter than its field
 }
 
 void CreateComposite(ManagerRecord* manager, const StatusVariableDef& variable) {
@@ -102,6 +104,7 @@ void ResetVariable(ManagerRecord* manager, const StatusVariableDef& variable, co
 Population CreatePrinterVariables(ManagerRecord* manager) {
     const HeapBlock working(kWorkingSize);
     if (working.memory == nullptr) return Population::NoMemory;
+    // Nobody else can use the database yet: others wait until its initialisation is ended below.
     for (uint32_t i = 0; i < manager->variableCount; ++i) {
         const StatusVariableDef& variable = *manager->variableIndex[i];
         dblink::DatabaseType type;

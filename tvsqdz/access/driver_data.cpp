@@ -1,3 +1,5 @@
+// The registry side of persistent variables. Failures never reach a status: a missing key or value is an absent copy,
+// and a failed write leaves the old one.
 #include "access/driver_data.h"
 
 #include "dblink/interface.h"

@@ -1,3 +1,5 @@
+// Reads of everything but queues. The road of an ordinary value, fixed in size, is the one that all processes take all
+// the time: one guarded read of the name, one call of the service, two guarded writes, and no allocation.
 #include "access/reading.h"
 
 #include "catalogue/variable_lookup.h"
@@ -33,7 +35,7 @@ struct Extent {
 
 Extent ExtentOf(const StatusVariableDef& variable, const BYTE* fetched, DWORD total, DWORD fetchedSize) {
     switch (TypeOf(variable)) {
-    case SVT_STRING: {
+    case SVT_STRING: { // a text that fills its field has no NUL in it, and none is counted
         const uint32_t length = static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(fetched), total));
         return {0, Smaller(length + 1, total)};
     }
@@ -88,12 +90,14 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
         fetched = ReadVariable(manager->printerDatabase, variable.name, value.Data(), total, &fetchedSize);
     lock.Release();
 
+    // A failed fetch is no other road: the temporary is zero then, and the answer goes along with it.
     const Extent extent = ExtentOf(variable, value.Data(), total, fetchedSize);
     return GiveValue(variable, value.Data() + extent.offset, extent.length, target, fetched, returned);
 }
 
 int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                    uint32_t* returnedSize) {
+    // No buffer and no size are the same question, for the size.
     const ReadTarget target = {buffer, buffer != nullptr ? size : 0, returnedSize};
     uint32_t returned = 0;
     bool returnedWritten = false;

@@ -1,3 +1,4 @@
+// One value of the service, held in a block of the heap from Load to the end.
 #include "access/stored_list.h"
 
 #include "frame/heap.h"
@@ -30,6 +31,7 @@ Status StoredList::Load() {
     if (size < sizeof(ListHeader)) return TVS_OK;
     ListHeader header;
     memcpy(&header, m_block, sizeof header);
+    // Items of no size are possible, since a printer model sets it; they are counted by the byte.
     const uint64_t there = (uint64_t{size} - sizeof header) / (m_itemSize > 0 ? m_itemSize : 1);
     m_count = header.count < there ? header.count : static_cast<uint32_t>(there);
     return TVS_OK;
@@ -47,6 +49,7 @@ void StoredList::Remove(uint32_t i) {
 
 Answer StoredList::Store() {
     const uint32_t size = static_cast<uint32_t>(sizeof(ListHeader)) + m_count * m_itemSize;
+    // Counted anew rather than taken from what was read, which may have been wrong.
     const ListHeader header = {.length = size - static_cast<uint32_t>(sizeof header.length), .count = m_count};
     memcpy(m_block, &header, sizeof header);
     return WriteVariable(m_database, m_name, m_block, size);

@@ -1,3 +1,4 @@
+// Write times, for the ANSI and the wide export.
 #include "access/write_time.h"
 
 #include "catalogue/variable_lookup.h"

@@ -1,3 +1,4 @@
+// The three values as records: what is built is a copy of a constant.
 #include "catalogue/built_values.h"
 
 #include <stddef.h>

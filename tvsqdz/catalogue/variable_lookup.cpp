@@ -1,3 +1,4 @@
+// A binary search over the manager's index, which nothing changes once the manager is open: no lock is needed.
 #include "catalogue/variable_lookup.h"
 
 #include "frame/caller_memory.h"

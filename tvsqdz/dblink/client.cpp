@@ -70,7 +70,7 @@ public:
 private:
     RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
         if (g_binding == nullptr) return RPC_S_INVALID_BINDING;
-        if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY;
+        if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no longer body
         m_message.Handle = g_binding;
         m_message.DataRepresentation = kLocalRepresentation;
         m_message.BufferLength = static_cast<unsigned int>(bodySize);
@@ -90,7 +90,7 @@ public:
 };
 
 Answer CallWithName(Procedure procedure, std::string_view name, DatabaseHandle* handle) {
-    *handle = 0;
+    *handle = 0; // what is not open must not be closed
     Call call(procedure, NdrTextSize(name));
     call.request.Text(name);
     if (!call.Send()) return call.Failure();
@@ -127,6 +127,7 @@ void UnbindStatusDatabase() {
 }
 
 Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
+    // The fourth failure too is followed by a restart, so that the next open finds a server.
     Answer answer = Answer::ServerUnavailable;
     for (int i = 0; i < kCallsWithRestart; ++i) {
         answer = CallWithName(kCreateDatabase, name, handle);

@@ -1,3 +1,4 @@
+// The conversation with the service until a database is open. Keeps no state.
 #include "dblink/database_opening.h"
 
 #include "dblink/kernel_names.h"

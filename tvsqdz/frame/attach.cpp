@@ -1,3 +1,5 @@
+// Attach and detach in their order. The loader calls them once each, and before and after every other call; that a
+// thread is still in a call at the process's end is the one exception, and the detach is prepared for it.
 #include "frame/attach.h"
 
 #include "catalogue/variable_table.h"
@@ -51,6 +53,7 @@ bool AttachProcess(HINSTANCE module) {
     DisableThreadLibraryCalls(module);
     g_heap = HeapCreate(0, kInitialHeapSize, 0);
     if (g_heap == nullptr) return false;
+    // First, since it decides the name of the shared block.
     g_terminalServer = RunsTerminalServices();
     if (!OpenSharedCounters()) {
         DestroyHeap();

@@ -1,3 +1,4 @@
+// The guard is the system's own copying between address spaces, used on this process.
 #include "frame/caller_memory.h"
 
 #include <string.h>

@@ -1,3 +1,5 @@
+// A close has two halves: what others see of the manager ends with the call; what the record holds is given back with
+// its last reference.
 #include "frame/closing.h"
 
 #include "frame/heap.h"
@@ -62,6 +64,7 @@ Status CloseManagerOf(TvsManager handle) {
     const ManagerReference reference(handle);
     ManagerRecord* manager = reference.manager;
     if (manager == nullptr) return TVS_E_HANDLE;
+    // Without a lock, so that the managers it waits for can close.
     if (reference.terminating && TerminationIsStored(manager)) AwaitOtherManagers(manager);
     if (!UnlinkManager(manager)) return TVS_E_HANDLE; // another thread was faster
 

@@ -1,3 +1,4 @@
+// Keeps no state: the spooler, the profile and the registry of the user have it.
 #include "frame/default_printer.h"
 
 #include "frame/guards.h"

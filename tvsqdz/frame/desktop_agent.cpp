@@ -1,3 +1,4 @@
+// The agent is known by its window, so that no second one is started. Keeps no state.
 #include "frame/desktop_agent.h"
 
 #include "frame/client_kinds.h"

@@ -1,3 +1,4 @@
+// State: g_heap, here.
 #include "frame/heap.h"
 
 #include <string.h>

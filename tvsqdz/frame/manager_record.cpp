@@ -1,3 +1,4 @@
+// The list of managers. State: g_managerList and the records in it, under g_managerLock (process_state.h).
 #include "frame/manager_record.h"
 
 #include <string.h>

@@ -1,3 +1,4 @@
+// Names are formed in records on the stack; a name that does not fit is empty and makes no object.
 #include "frame/object_names.h"
 
 #include "frame/object_security.h"

@@ -1,3 +1,4 @@
+// State: the attributes that every object is created with, here.
 #include "frame/object_security.h"
 
 #include "frame/heap.h"

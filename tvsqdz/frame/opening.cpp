@@ -134,7 +134,7 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
         RepairDefaultPrinter(manager->printerName);
     if (!StatusServiceIsUp(manager)) return TVS_E_SERVICE_TIMEOUT;
     if (!AttachPrinterDatabase(manager)) return TVS_E_UNAVAILABLE;
-    if (!BuildVariableIndex(manager)) return TVS_E_MEMORY;
+    if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also for a printer whose driver nobody knows
     if (const Status status = ObtainPrinterDatabase(manager); status != TVS_OK) return status;
     if (!SetUserName(manager, names.user)) return TVS_E_MEMORY;
     manager->requestMutex = CreateOrOpenMutex(RequestMutexName(manager->databaseName));
@@ -174,7 +174,7 @@ bool StartAgent(TvsManager handle) {
 
 Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* handleOutput) {
     const LibraryCall call;
-    if (!call || !g_installed) return TVS_E_UNAVAILABLE;
+    if (!call || !g_installed) return TVS_E_UNAVAILABLE; // before anything is looked at, the kind included
     if (clientKind == TVS_KIND_REGISTERED_MODELS) {
         if (names.printerStatus != TVS_OK) return names.printerStatus;
         if (IsUnsupportedPrinter(names.printer)) return TVS_E_UNREGISTERED;
@@ -187,6 +187,8 @@ Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* hand
     AddKindBits(kClientKinds[clientKind].bit);
     g_processKindMask |= kClientKinds[clientKind].bit;
 
+    // From here on the manager is open, and what remains is to hand it over: the handle may still fail to reach the
+    // caller, and the agent to start.
     TvsManager handle = 0;
     if (const Status status = OpenRecord(names, clientKind, &handle); status != TVS_OK) return status;
     if (!CopyToCaller(handleOutput, &handle, sizeof handle) ||

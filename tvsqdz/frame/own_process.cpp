@@ -1,3 +1,4 @@
+// Asked at each open that needs it: the name of an executable is cheap, and nothing here has to be kept.
 #include "frame/own_process.h"
 
 #include <windows.h>

@@ -1,3 +1,4 @@
+// Asked at each open and each restart: a test, or a user who changes the emulated version, sees it at once.
 #include "frame/platform_version.h"
 
 #include "dblink/kernel_names.h"

@@ -1,3 +1,5 @@
+// The list lies in the master database. It is read whole, changed here and written back whole, under the database
+// mutex.
 #include "frame/printer_list.h"
 
 #include "catalogue/variable_table.h"
@@ -109,6 +111,7 @@ bool UseExistingEntry(ManagerRecord* manager, ListBlock* block, PrinterListEntry
 
 bool AddEntry(ManagerRecord* manager, ListBlock* block, uint32_t highestIndex) {
     if (kClientKinds[manager->clientKind].needsProduct && !IsOwnProcess()) return FailWithoutAnswer();
+    // A printer keeps its number for good, so none is used twice.
     if (highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // no number is left
     PrinterList* list = block->list;
     PrinterListEntry* entry = &list->entries[list->entryCount];
@@ -155,7 +158,7 @@ bool AttachPrinterDatabase(ManagerRecord* manager) {
     const Answer answer = CreateOrOpenDatabase(kMasterDatabaseName, &manager->masterDatabase, &created);
     if (answer != Answer::Done) return Fail(answer);
     if (!(created ? MakeList(manager) : FindOrAddPrinter(manager))) {
-        const DWORD reason = GetLastError();
+        const DWORD reason = GetLastError(); // the close may change it
         CloseDatabase(manager->masterDatabase);
         manager->masterDatabase = 0;
         SetLastError(reason);
@@ -164,7 +167,7 @@ bool AttachPrinterDatabase(ManagerRecord* manager) {
     if (manager->ownerProcessId != 0) AddKindBits(kOwnerKindBit);
     if (manager->clientKind == TVS_KIND_OWNER && manager->ownerProcessId == GetCurrentProcessId())
         manager->flags |= ManagerOwnsPrinter;
-    LookUpDriverName(manager);
+    LookUpDriverName(manager); // an entry from before the driver was known
     SetLastError(ERROR_SUCCESS);
     return true;
 }

@@ -1,3 +1,4 @@
+// Reads only; a change in the registry is seen by the managers that are opened after it.
 #include "frame/printer_registration.h"
 
 #include "frame/guards.h"

@@ -1,3 +1,4 @@
+// State: all of process_state.h, the mapping of the shared counters, and who is inside.
 #include "frame/process_state.h"
 
 #include "frame/heap.h"

@@ -1,3 +1,4 @@
+// Reads of the registry that end in a text, whatever the value's type says.
 #include "frame/registry_text.h"
 
 #include "frame/heap.h"

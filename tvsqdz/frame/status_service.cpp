@@ -1,3 +1,4 @@
+// Keeps no state. Runs during opens, under the database mutex: every wait here holds up the opens of the whole machine.
 #include "frame/status_service.h"
 
 #include "dblink/interface.h"

@@ -1,3 +1,4 @@
+// The index is built once for each manager, at its open, and is constant from then on: look-ups take no lock.
 #include "frame/variable_index.h"
 
 #include "catalogue/status_variable.h"
@@ -79,6 +80,7 @@ bool ReadRows(HKEY key, DWORD valueCount, DWORD longestData, StatusVariableDef* 
     return true;
 }
 
+// By exchange: the order is the platform's, which for hostile names need not be one, and this ends whatever it answers.
 void SortByName(StatusVariableDef* rows, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i)
         for (uint32_t j = i + 1; j < count; ++j) {
@@ -122,7 +124,8 @@ void Merge(ManagerRecord* manager, uint32_t rowCount) {
             *next++ = builtIn++;
             continue;
         }
-        if (order == 0) defined->timeoutMs = builtIn++->timeoutMs; // takes its place
+        // The printer's row takes the place of the built-in one and keeps its time-out, which a model does not state.
+        if (order == 0) defined->timeoutMs = builtIn++->timeoutMs;
         *next++ = defined++;
     }
     while (builtIn != builtInEnd)
@@ -143,6 +146,7 @@ bool BuildVariableIndex(ManagerRecord* manager) {
         static_cast<const StatusVariableDef**>(AllocateZeroed(room * sizeof *manager->variableIndex));
     if (manager->variableIndex == nullptr) return false;
     Merge(manager, rowCount);
+    // Composites of the printer model; the built-in ones are as large as they are declared.
     for (StatusVariableDef* row = manager->extraVariables; rowCount > 0; ++row, --rowCount)
         if ((row->flags & SVT_COMPOSITE) != 0)
             row->size = CompositeSize(manager, static_cast<const char*>(row->defaultValue));

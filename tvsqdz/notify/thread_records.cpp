@@ -1,3 +1,5 @@
+// Both forms of the stop. A terminated thread leaves locked what it had locked, so termination is what is left when a
+// thread has had its time.
 #include "notify/thread_records.h"
 
 #include "frame/heap.h"
