@@ -116,6 +116,14 @@ TEST(RpcWire, BindThatCannotBeIsRefused) {
     EXPECT_TRUE(twice.PeerCloses());
 }
 
+// Names another process's group in a bind and says what came of it.
+CHILD_PROCESS(RpcIntruder) {
+    UnixStream stream("test");
+    stream.Send(GoodBind(static_cast<uint32_t>(std::stoul(child.arguments[0]))));
+    child.Say(TypeOf(stream.ReceivePdu()) == kBindNakPdu ? "refused" : "taken");
+    return 0;
+}
+
 TEST(RpcWire, GroupIsNamedByItsMembersOnly) {
     TestServer server;
     UnixStream first("test");
@@ -124,6 +132,8 @@ TEST(RpcWire, GroupIsNamedByItsMembersOnly) {
     UnixStream second("test");
     second.Send(GoodBind(group));
     EXPECT_EQ(Get32(second.ReceivePdu(), 20), group);
+    TestProcess intruder("RpcIntruder", {std::to_string(group)});
+    EXPECT_EQ(intruder.Hear(), "refused");
     CallOn(second, kMonitor, Number(3));
     EXPECT_EQ(CallOn(first, kMonitor, Number(3)), Number(3));
     second.Close();

@@ -11,7 +11,6 @@
 #include "rpc/endpoint.h"
 #include "rpc/fork.h"
 
-#include <algorithm>
 #include <new>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -28,13 +27,8 @@ struct Association {
     Connection* idle = nullptr;
     unsigned idleCount = 0;
 
-    // 0: none yet, or none any more. Then one thread asks the server for a group (`founding`) and the others wait for
-    // it, so that they come to be in the same one. A founder that is terminated is given up for lost at foundingUntil.
-    uint32_t group = 0;
+    uint32_t group = 0; // 0: none yet, or none any more
     unsigned groupConnections = 0;
-    bool founding = false;
-    int64_t foundingUntil = 0;
-    Word foundingEnds{0};
 };
 
 namespace {
@@ -142,51 +136,25 @@ Connection* AddConnection(Association& association) {
     return connection;
 }
 
-// The group to name in a bind: 0 asks for one, and then FinishFounding has to follow.
-RPC_STATUS GroupToName(Association& association, int64_t deadline, uint32_t& group) {
-    for (;;) {
-        SleepPoint end{&association.foundingEnds, 0, false};
-        int64_t until = deadline;
-        {
-            LockHold hold(g_lock);
-            if (association.bindings == 0) return RPC_S_INVALID_BINDING;
-            group = association.group;
-            if (group != 0) return RPC_S_OK;
-            const int64_t now = MonotonicNs();
-            if (!association.founding || now >= association.foundingUntil) {
-                association.founding = true;
-                association.foundingUntil =
-                    deadline + 500 * kNsPerMs; // it has until the deadline, and returns soon after
-                return RPC_S_OK;
-            }
-            if (now >= deadline) return RPC_S_SERVER_UNAVAILABLE;
-            end.value = association.foundingEnds.load();
-            until = std::min(deadline, association.foundingUntil);
-        }
-        SleepOn(&end, 1, until);
-    }
+RPC_STATUS GroupToName(Association& association, uint32_t& group) {
+    LockHold hold(g_lock);
+    group = association.group; // 0 asks for one
+    return association.bindings != 0 ? RPC_S_OK : RPC_S_INVALID_BINDING;
 }
 
-// Notes the group that the server put the connection into, 0 when there is no connection. False: another thread has
-// founded one meanwhile, and this connection is in the wrong one.
-bool FinishFounding(Association& association, uint32_t named, Connection& connection, uint32_t granted) {
+// Notes the group that the server put the connection into. False: it is not the one of the others, since two threads
+// asked for one at the same moment, or the group of before is gone.
+bool EnterGroup(Connection& connection, uint32_t granted) {
     LockHold hold(g_lock);
-    bool right = true;
-    if (granted != 0) {
-        connection.group = granted;
-        if (association.group == 0) {
-            association.group = granted;
-            association.groupConnections = 0;
-        }
-        right = association.group == granted;
-        if (right) ++association.groupConnections;
+    Association& association = *connection.association;
+    connection.group = granted;
+    if (association.group == 0) {
+        association.group = granted;
+        association.groupConnections = 0;
     }
-    if (named == 0) {
-        association.founding = false;
-        association.foundingEnds.fetch_add(1);
-        WakeAll(association.foundingEnds, false);
-    }
-    return right;
+    if (association.group != granted) return false;
+    ++association.groupConnections;
+    return true;
 }
 
 void ForgetGroup(Association& association, uint32_t group) {
@@ -242,7 +210,6 @@ void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
             connection->group = 0;
         }
         association->group = 0;
-        association->founding = false;
     }
     g_lock.ForgetOwner();
 }
@@ -289,26 +256,24 @@ RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interfa
     const int64_t deadline = DeadlineAfter(kConnectTimeMs);
     for (;;) {
         uint32_t named = 0;
-        RPC_STATUS status = GroupToName(association, deadline, named);
+        RPC_STATUS status = GroupToName(association, named);
         if (status != RPC_S_OK) return status;
+        int socket = -1;
+        status = ConnectToEndpoint(association.endpoint, deadline, socket);
+        if (status != RPC_S_OK) return status;
+        SetSocket(connection, socket);
+
         uint32_t group = named;
         bool groupUnknown = false;
         connection.callId = 0;
-        int socket = -1;
-        status = ConnectToEndpoint(association.endpoint, deadline, socket);
-        if (status == RPC_S_OK) {
-            SetSocket(connection, socket);
-            status = OfferInterface(connection, interface, group, groupUnknown, deadline);
-        }
-        const bool right = FinishFounding(association, named, connection, status == RPC_S_OK ? group : 0);
-        if (status == RPC_S_OK && right) {
+        status = OfferInterface(connection, interface, group, groupUnknown, deadline);
+        if (status == RPC_S_OK && EnterGroup(connection, group)) {
             connection.contextId = 0;
             return RPC_S_OK;
         }
         LoseConnection(connection);
         if (status != RPC_S_OK && !groupUnknown) return status;
-        // The server was started anew since the group was founded.
-        if (groupUnknown) ForgetGroup(association, named);
+        if (groupUnknown) ForgetGroup(association, named); // the server was started anew since
     }
 }
 
