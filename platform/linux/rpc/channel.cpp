@@ -266,8 +266,9 @@ Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline
 }
 
 void Trim(Channel& channel) {
-    if (channel.out.capacity > kKeptBuffer) Release(channel, channel.out);
-    if (channel.in.capacity > kKeptBuffer && channel.received == channel.consumed) {
+    const size_t kept = KeptBuffer(channel);
+    if (channel.out.capacity > kept) Release(channel, channel.out);
+    if (channel.in.capacity > kept && channel.received == channel.consumed) {
         Release(channel, channel.in);
         channel.received = channel.consumed = 0;
     }

@@ -9,6 +9,7 @@
 #include "kernel/futex.h"
 #include "rpc/pdu.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace oriel::rpc {
@@ -78,9 +79,15 @@ Transfer SendPdu(Channel& channel, const uint8_t* pdu, size_t size);
 // valid until the next Receive or Trim.
 Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline = kNever);
 
-// After a call: gives back what a long message needed.
+// After a call: gives back what a long message needed, and sooner when the user's connections have half of what they
+// may.
+inline size_t KeptBuffer(const Channel& channel) {
+    const bool scarce =
+        channel.userBytes != nullptr && channel.userBytes->load(std::memory_order_relaxed) > channel.userLimit / 2;
+    return scarce ? kFirstBuffer : kKeptBuffer;
+}
 inline bool IsBulky(const Channel& channel) {
-    return channel.out.capacity > kKeptBuffer || channel.in.capacity > kKeptBuffer;
+    return std::max(channel.out.capacity, channel.in.capacity) > KeptBuffer(channel);
 }
 void Trim(Channel& channel);
 
