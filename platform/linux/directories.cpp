@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "window/descriptor.h"
+#include "kernel/descriptor.h"
 
 namespace oriel {
 

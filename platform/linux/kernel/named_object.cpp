@@ -5,10 +5,10 @@
 #include "kernel/named_object.h"
 
 #include "directories.h"
+#include "kernel/descriptor.h"
 #include "kernel/errors.h"
 #include "kernel/fork.h"
 #include "kernel/lock.h"
-#include "window/descriptor.h"
 #include "window/export_guard.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 #include "rpc/bind_offer.h"
 
 #include "kernel/termination.h"
+#include "rpc/fault_status.h"
 
 #include <algorithm>
 #include <new>
@@ -9,25 +10,6 @@
 namespace oriel::rpc {
 
 namespace {
-
-RPC_STATUS FromTransfer(Transfer result) {
-    switch (result) {
-    case Transfer::done:
-        return RPC_S_OK;
-    case Transfer::closed:
-    case Transfer::reset:
-    case Transfer::timedOut:
-        return RPC_S_SERVER_UNAVAILABLE;
-    case Transfer::noMemory:
-        return RPC_S_OUT_OF_MEMORY;
-    case Transfer::malformed:
-    case Transfer::wrongVersion:
-    case Transfer::authenticated:
-    case Transfer::tooLarge:
-        break;
-    }
-    return RPC_S_PROTOCOL_ERROR;
-}
 
 RPC_STATUS FromRejection(const ContextResult& result) {
     switch (result.reason) {
@@ -97,7 +79,8 @@ RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& in
     const Transfer sent = SendPdu(channel, pdu, size);
     Message message;
     const Transfer received = Receive(channel, Side::client, message, deadline);
-    if (received != Transfer::done) return FromTransfer(sent != Transfer::done ? sent : received);
+    if (received != Transfer::done)
+        return StatusFromTransfer(sent != Transfer::done ? sent : received, RPC_S_SERVER_UNAVAILABLE);
     try {
         return ReadAnswer(connection, message, interface, group, groupUnknown);
     } catch (const std::bad_alloc&) {

@@ -33,26 +33,6 @@ RPC_STATUS ReadFault(const Message& reply) {
     return StatusFromFault(fault, (reply.header.flags & kDidNotExecute) != 0);
 }
 
-RPC_STATUS FromTransfer(Transfer result) {
-    switch (result) {
-    case Transfer::done:
-        return RPC_S_OK;
-    case Transfer::reset: // the request, or its end, was still unread
-        return RPC_S_CALL_FAILED_DNE;
-    case Transfer::closed:
-    case Transfer::timedOut:
-        return RPC_S_CALL_FAILED;
-    case Transfer::noMemory:
-        return RPC_S_OUT_OF_MEMORY;
-    case Transfer::malformed:
-    case Transfer::wrongVersion:
-    case Transfer::authenticated:
-    case Transfer::tooLarge:
-        break;
-    }
-    return RPC_S_PROTOCOL_ERROR;
-}
-
 // Why a server closed the connection before it had the whole request: the fault it left, RPC_S_OK when it left none.
 RPC_STATUS Refusal(Connection& connection) {
     Message reply;
@@ -78,7 +58,9 @@ RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     // Without a time limit: a call lasts as long as the server needs for it, and some need long. The end of the server,
     // or of the connection, is noticed at once; a thread that is terminated meanwhile holds nothing.
     const Transfer received = Receive(connection.channel, Side::client, reply);
-    RPC_STATUS status = FromTransfer(received);
+    // Reset: the request, or its end, was still unread.
+    RPC_STATUS status =
+        StatusFromTransfer(received, received == Transfer::reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
     if (status == RPC_S_OK) {
         if (reply.header.callId != connection.callId) {
             status = RPC_S_PROTOCOL_ERROR;

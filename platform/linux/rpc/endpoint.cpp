@@ -2,8 +2,8 @@
 #include "rpc/endpoint.h"
 
 #include "directories.h"
+#include "kernel/descriptor.h"
 #include "kernel/termination.h"
-#include "window/descriptor.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -65,4 +65,23 @@ RPC_STATUS StatusFromFault(uint32_t fault, bool didNotExecute) {
     return didNotExecute && status == RPC_S_CALL_FAILED ? RPC_S_CALL_FAILED_DNE : status;
 }
 
+RPC_STATUS StatusFromTransfer(Transfer result, RPC_STATUS lost) {
+    switch (result) {
+    case Transfer::done:
+        return RPC_S_OK;
+    case Transfer::closed:
+    case Transfer::reset:
+    case Transfer::timedOut:
+        return lost;
+    case Transfer::noMemory:
+        return RPC_S_OUT_OF_MEMORY;
+    case Transfer::malformed:
+    case Transfer::wrongVersion:
+    case Transfer::authenticated:
+    case Transfer::tooLarge:
+        break;
+    }
+    return RPC_S_PROTOCOL_ERROR;
+}
+
 } // namespace oriel::rpc

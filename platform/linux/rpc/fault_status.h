@@ -1,6 +1,8 @@
-// How a failed call travels: the status codes of faults (C706, appendix E, and MS-RPCE 3.1.1.5.5) and those of the
-// Win32 API.
+// What a failed call is told as: the status codes of faults (C706, appendix E, and MS-RPCE 3.1.1.5.5), those of the
+// Win32 API, and which of these a broken transfer is.
 #pragma once
+
+#include "rpc/channel.h"
 
 #include <rpc.h>
 
@@ -13,5 +15,8 @@ namespace oriel::rpc {
 // an answer of the procedure.
 uint32_t FaultFromStatus(RPC_STATUS status);
 RPC_STATUS StatusFromFault(uint32_t fault, bool didNotExecute);
+
+// `lost`: what it means here that the connection broke or nothing came in time.
+RPC_STATUS StatusFromTransfer(Transfer result, RPC_STATUS lost);
 
 } // namespace oriel::rpc

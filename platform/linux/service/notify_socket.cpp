@@ -1,6 +1,6 @@
 #include "service/notify_socket.h"
 
-#include "window/descriptor.h"
+#include "kernel/descriptor.h"
 
 #include <cstddef>
 #include <cstdlib>

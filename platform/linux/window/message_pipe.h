@@ -5,7 +5,7 @@
 // as well have filled the queue.
 #pragma once
 
-#include <window/descriptor.h>
+#include "kernel/descriptor.h"
 #include <winuser.h>
 
 #include <cstddef>

@@ -13,7 +13,7 @@
 // No state in memory.
 #pragma once
 
-#include <window/descriptor.h>
+#include "kernel/descriptor.h"
 #include <winuser.h>
 
 #include <functional>
