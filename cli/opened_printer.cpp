@@ -1,0 +1,108 @@
+// Opening a printer for a command, and what the commands read of it.
+#include "opened_printer.h"
+
+#include "printers.h"
+#include "product.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+// A value that grows between the question for its size and its read is asked again; more often is not believable.
+constexpr int kAttempts = 8;
+
+} // namespace
+
+OpenedPrinter OpenPrinterOf(const ManagerOptions& options) {
+    const std::string asked = RequireAnsi(options.printer, "the printer name");
+    const std::string user = RequireAnsi(options.user, "the user name");
+    if (asked.empty() || asked.size() > TVS_PRINTER_NAME_MAX)
+        throw UsageFailure("a printer name has 1 to " + std::to_string(TVS_PRINTER_NAME_MAX) + " bytes");
+    if (user.size() > TVS_USER_NAME_MAX)
+        throw UsageFailure("a user name has at most " + std::to_string(TVS_USER_NAME_MAX) + " bytes");
+
+    const std::string name = KnownPrinterName(asked);
+    OpenedPrinter printer{.shownName = ToUtf8(name), .variables = PrinterVariables(DriverOf(name).value_or(""))};
+    SetLastError(ERROR_SUCCESS);
+    const int32_t status =
+        OpenManagerExA(name.c_str(), user.empty() ? nullptr : user.c_str(), options.kind, printer.manager.Receive());
+    const DWORD lastError = GetLastError();
+    const std::string what = "cannot open a manager for \"" + printer.shownName + "\"";
+    if (status == TVS_E_UNAVAILABLE) throw WhyUnavailable(what, options.kind, lastError);
+    if (status != TVS_OK) throw StatusFailure(status, what);
+    return printer;
+}
+
+std::string WhatOf(const char* verb, const std::string& variable, const OpenedPrinter& printer) {
+    return std::string("cannot ") + verb + " " + variable + " of \"" + printer.shownName + "\"";
+}
+
+// Names compare with case, as the library compares them.
+const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name, const char* verb) {
+    const std::optional<std::string> ansi = ToAnsi(name);
+    if (const Variable* found = ansi ? FindVariable(printer.variables, *ansi) : nullptr) return *found;
+    Failure failure = StatusFailure(TVS_E_UNKNOWN, WhatOf(verb, name, printer));
+    failure.why = "unknown variable";
+    for (const Variable& variable : printer.variables)
+        if (ansi && lstrcmpiA(variable.name.c_str(), ansi->c_str()) == 0)
+            failure.next = "did you mean " + ToUtf8(variable.name) + "?";
+    throw failure;
+}
+
+Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem) {
+    Reading reading;
+    uint32_t size = variable.size;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const bool probe = size == 0 || (variable.type == VariableType::Queue && !takeItem);
+        reading.value.resize(probe ? 0 : size);
+        uint32_t returned = 0;
+        reading.status = GetPrinterStatusA(printer.manager.Get(), variable.name.c_str(),
+                                           probe ? nullptr : reading.value.data(), probe ? 0 : size, &returned);
+        if (probe) {
+            if (reading.status == TVS_E_SIZE && variable.type == VariableType::Queue && !takeItem) {
+                reading.value.resize(returned); // how much there is to take
+                reading.status = TVS_OK;
+            }
+            if (reading.status != TVS_E_SIZE) return reading;
+            if (returned == 0) {
+                reading.status = TVS_OK;
+                return reading;
+            }
+            size = returned;
+            continue;
+        }
+        reading.value.resize(std::min(returned, size));
+        if (reading.status != TVS_E_SIZE || variable.size) return reading;
+        size = 0;
+    }
+    return reading;
+}
+
+std::string TimeText(const SYSTEMTIME& time) {
+    if (time.wYear == 0) return "";
+    char text[48];
+    std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", time.wYear, time.wMonth, time.wDay,
+                  time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
+    return text;
+}
+
+int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, std::string& text) {
+    SYSTEMTIME time{};
+    const int32_t status = GetPrinterStatusInfoA(printer.manager.Get(), variable.name.c_str(), &time);
+    if (status == TVS_OK) text = TimeText(time);
+    return status;
+}
+
+Json VariableJson(const Variable& variable) {
+    return {{"name", ToUtf8(variable.name)},
+            {"type", TypeName(variable.type)},
+            {"size", variable.size},
+            {"source", variable.fromModel ? "model" : "built-in"}};
+}
+
+void AddValue(Json& json, const Decoded& decoded, const Bytes& value) {
+    json["value"] = ToJson(decoded);
+    if (!decoded.meanings.empty()) json["bits"] = NamedBits(decoded);
+    json["hex"] = ToHex(value.data(), value.size());
+}

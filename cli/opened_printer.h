@@ -1,0 +1,38 @@
+// A printer with a manager open on it: its variables found by name, read and described.
+#pragma once
+
+#include "catalogue.h"
+#include "commands.h"
+#include "handles.h"
+#include "output.h"
+#include "presentation.h"
+
+struct OpenedPrinter {
+    std::string shownName; // UTF-8
+    std::vector<Variable> variables;
+    Manager manager;
+};
+
+// Throws Failure.
+OpenedPrinter OpenPrinterOf(const ManagerOptions& options);
+
+// "cannot VERB PageCount of "Front desk"".
+std::string WhatOf(const char* verb, const std::string& variable, const OpenedPrinter& printer);
+
+// name: UTF-8. Throws Failure that says what it could mean instead.
+const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name, const char* verb);
+
+struct Reading {
+    int32_t status = TVS_OK;
+    Bytes value;
+};
+// takeItem: false only asks a queue for the size of its oldest item, since a read takes it off.
+Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem);
+
+// "2026-11-24T08:15:00.123Z"; empty for a time that never was.
+std::string TimeText(const SYSTEMTIME& time);
+int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, std::string& text);
+
+// Name, type, size and source; then value, bits and hex.
+Json VariableJson(const Variable& variable);
+void AddValue(Json& json, const Decoded& decoded, const Bytes& value);
