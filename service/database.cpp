@@ -61,6 +61,7 @@ struct NewVariable {
     DatabaseType type;
     DWORD sizeLimit;
     bool companion = false;
+    ForwardingRole role = ForwardingRole::None;
 };
 
 ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
@@ -84,6 +85,7 @@ ServiceStatus AddVariable(Database& database, Account& account, const NewVariabl
     variable->type = static_cast<BYTE>(wanted.type);
     variable->sizeLimit = wanted.sizeLimit;
     variable->companion = wanted.companion;
+    variable->role = wanted.role;
     variable->block.store(block, std::memory_order_relaxed);
     TouchWriteTime(*variable);
     std::atomic<Variable*>& bucket = database.buckets[name->hash % Database::kBuckets];
@@ -182,10 +184,12 @@ ServiceStatus CreateVariable(Database& database, Account& account, std::string_v
     if (type >= kTypeCount) return kBadArgument;
     if (type == kTypeComposite ? size != 0 : size == 0 && type != kTypeVariableLength) return kWrongSize;
     if (size > kValueSizeMax) return kLimitReached;
+    const ForwardingRole role = ForwardingRoleOf(name);
+    if (role != ForwardingRole::None && !IsForwardingForm(type, bytes, size)) return kBadArgument;
     LockHold hold{database.lock};
     if (FindVariable(database, name)) return kVariableExists;
-    return AddVariable(database, account, {name, type, type == kTypeVariableLength ? kValueSizeMax : size}, bytes,
-                       size);
+    return AddVariable(database, account, {name, type, type == kTypeVariableLength ? kValueSizeMax : size, false, role},
+                       bytes, size);
 }
 
 ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,
@@ -196,12 +200,21 @@ ServiceStatus WriteVariable(Database& database, Account& account, std::string_vi
         if (status != kVariableExists) return status;
         variable = FindVariable(database, name); // made by another call meanwhile
     }
+    if (variable->role == ForwardingRole::Mailbox) return kNotWritable;
     const ServiceStatus sizeStatus = CheckValueSize(*variable, size);
     if (sizeStatus != kDone) return sizeStatus;
     bool changed = false;
     const ServiceStatus status = WriteValue(*variable, database.arena, account, bytes, size, &changed);
-    if (status == kDone) SignalWritten(database, *variable, changed);
-    return status;
+    if (status != kDone) return status;
+    SignalWritten(database, *variable, changed);
+    if (variable->role == ForwardingRole::Answer) TakeAnswer(database, bytes, size);
+    return kDone;
+}
+
+void ForEachDatabase(void (*function)(Database& database)) {
+    for (std::atomic<Database*>& bucket : g_table)
+        for (Database* database = bucket.load(std::memory_order_acquire); database; database = database->next)
+            function(*database);
 }
 
 void ReleaseDatabases() {

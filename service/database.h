@@ -30,6 +30,7 @@ struct Database {
 
     Lock lock; // what changes the state, or adds a variable or member list
     Arena arena;
+    Forwarding forwarding;
     DWORD creatorHandle GUARDED_BY(lock) = 0;
     HANDLE initialisedEvent GUARDED_BY(lock) = nullptr; // while it is Initialising
     ULONGLONG created GUARDED_BY(lock) = 0;
@@ -53,6 +54,8 @@ dblink::ServiceStatus CreateVariable(Database& database, Account& account, std::
 // Stores the value and signals watchers. A variable that is not there is made when it is the companion of another.
 dblink::ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,
                                     DWORD size);
+
+void ForEachDatabase(void (*function)(Database& database));
 
 // At the end of the service, when no call is in progress.
 void ReleaseDatabases();

@@ -59,7 +59,8 @@ DWORD ServeClients() {
     WaitForSingleObject(g_stopEvent, INFINITE); // until somebody asks, however long that is
     TellState(SERVICE_STOP_PENDING);
     RpcMgmtStopServerListening(nullptr);
-    RpcMgmtWaitServerListen(); // no procedure waits for anything but its processor
+    EndForwarding();
+    RpcMgmtWaitServerListen(); // no procedure waits for anything but its processor any more
     RpcServerUnregisterIf(&g_serverInterface, nullptr, TRUE);
     return ERROR_SUCCESS;
 }
@@ -67,6 +68,7 @@ DWORD ServeClients() {
 DWORD Run() {
     InitialiseObjectNames();
     InitialiseHandles();
+    InitialiseForwarding();
     if (!StartSignals()) return GetLastError();
     const DWORD result = ServeClients();
     StopSignals();

@@ -6,7 +6,6 @@
 #include "dblink/ndr.h"
 #include "watches.h"
 
-#include <algorithm>
 #include <iterator>
 #include <string.h>
 
@@ -223,12 +222,7 @@ RPC_STATUS ServeUnwatchVariable(Call& call) {
 RPC_STATUS ServeForwardRequest(Call& call) {
     const std::string_view request = call.request.Text();
     if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    constexpr std::string_view kKinds[] = {"ReadRequest:", "WriteRequest:", "Refresh:"};
-    const bool known = request.size() <= kRequestTextMax &&
-                       std::any_of(std::begin(kKinds), std::end(kKinds), [&](std::string_view kind) {
-                           return request.size() > kind.size() && request.starts_with(kind);
-                       });
-    return ReplyStatus(call, known ? kNoPrinterSide : kBadArgument);
+    return ReplyStatus(call, ForwardRequest(request));
 }
 
 struct ProcedureRow {

@@ -200,11 +200,15 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
 }
 
 void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
-    LockHold hold{signals.lock};
-    Signal& signal = SignalOf(signals, mode);
-    signals.watchCount.fetch_sub(1);
-    signals.database->watches.fetch_sub(1);
-    if (--signal.watches == 0) ForgetPulses(signal);
+    bool last = false;
+    {
+        LockHold hold{signals.lock};
+        Signal& signal = SignalOf(signals, mode);
+        last = signals.watchCount.fetch_sub(1) == 1;
+        signals.database->watches.fetch_sub(1);
+        if (--signal.watches == 0) ForgetPulses(signal);
+    }
+    if (last && signals.variable->role == ForwardingRole::Mailbox) PrinterSideIsGone(*signals.database);
 }
 
 void SignalWritten(Database& database, const Variable& variable, bool changed) {

@@ -8,6 +8,7 @@
 // Writers of a variable take turns under one of 64 locks, chosen by its address. State: none beside the variable.
 #pragma once
 
+#include "forwarding.h"
 #include "names.h"
 
 struct MemberList;      // composite.h
@@ -36,6 +37,7 @@ struct alignas(64) Variable {
     DWORD sizeLimit; // of a value; of a byte, word or number, the size itself
     BYTE type;       // dblink::DatabaseType
     bool companion;  // made by a write to a name of another variable and "W"
+    ForwardingRole role;
 };
 static_assert(sizeof(Variable) == 64);
 

@@ -82,8 +82,11 @@ enum Procedure : UINT {
     // Ends one watch of this client process: of the mode it used last, while that has one, else of the other.
     // kNotWatched: it has none.
     kUnwatchVariable = 16,
-    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these.
-    // kNoPrinterSide: nothing serves that printer's requests.
+    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these. Waits
+    // until
+    // the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing serves
+    // that printer's requests, or what did has gone. kNoAnswer: there was none in time. One request of a printer is
+    // carried out at a time, in the order in which they came.
     kForwardRequest = 18,
     kProcedureCount = 19
 };
@@ -119,6 +122,8 @@ enum ServiceStatus : LONG {
     kNoPrinterSide = -14,    // ForwardRequest: nothing serves this printer's requests
     kOutOfMemory = -15,      // the service could not get memory; nothing changed
     kEventUnavailable = -17, // WatchVariable: the event cannot be had (its name is too long, or another object has it)
+    kNoAnswer = -18,         // ForwardRequest: the printer side did not answer in time
+    kNotWritable = -20,      // WriteVariable: the service alone writes it
 };
 
 // GetDatabaseInfo: 24 bytes.
@@ -140,6 +145,29 @@ struct VariableInfo {
 };
 static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
               offsetof(VariableInfo, sizeLimit) == 8 && offsetof(VariableInfo, writeTime) == 12);
+
+// How forwarded requests reach the printer side, and its answers the service: two records in the printer's database.
+// The printer side makes both, all zero, when the database is ready; nobody can make them of another form. While a
+// client watches the mailbox there is a printer side, and the service writes each request into the mailbox, which
+// pulses its "Updated" event, and {0, 0} when there is no more. The printer side writes the request's id with its
+// result into the answer; an id that is not that of the request in the mailbox changes nothing. What the request is
+// about stands in "ReadRequest", "WriteRequest" and "RefreshStatus".
+inline constexpr char kForwardMailbox[] = "ForwardMailbox"; // ForwardedRequest; the service alone writes it
+inline constexpr char kForwardAnswer[] = "ForwardAnswer";   // ForwardedAnswer
+
+enum RequestKind : DWORD { kNoRequest = 0, kReadRequest = 1, kWriteRequest = 2, kRefreshRequest = 3 };
+
+struct ForwardedRequest {
+    DWORD id;   // never 0; of two requests that are not far apart, never the same
+    DWORD kind; // RequestKind
+};
+static_assert(sizeof(ForwardedRequest) == 8 && offsetof(ForwardedRequest, kind) == 4);
+
+struct ForwardedAnswer {
+    DWORD id;
+    LONG result;
+};
+static_assert(sizeof(ForwardedAnswer) == 8 && offsetof(ForwardedAnswer, result) == 4);
 
 // Limits, in bytes without the terminator where they are of text.
 inline constexpr DWORD kDatabaseNameMax = 31; // what an entry of the printer list holds

@@ -1,0 +1,45 @@
+// Forwarded requests: what ForwardRequest asks of a printer reaches the printer side through the mailbox of the
+// printer's database, one request at a time, and the caller waits for its answer.
+//
+// The mailbox and its answer are the two variables that dblink/interface.h tells of. A printer side is there while a
+// client watches the mailbox; when the last one goes, all who wait are told at once. State: with each database.
+#pragma once
+
+#include "lock.h"
+
+#include "dblink/interface.h"
+
+#include <string_view>
+
+struct Database;
+
+// What a variable is to the forwarding of requests, known by its name.
+enum class ForwardingRole : BYTE { None, Mailbox, Answer };
+
+ForwardingRole ForwardingRoleOf(std::string_view name);
+// Whether a new mailbox or answer variable is as it must be.
+bool IsForwardingForm(dblink::DatabaseType type, const BYTE* bytes, DWORD size);
+
+struct ForwardedCall; // forwarding.cpp
+
+// Those who wait for the printer side of a database, in the order in which they came; the first one's request is in the
+// mailbox.
+struct Forwarding {
+    Lock lock; // after the lock of watches.cpp, before a variable's
+    ForwardedCall* first GUARDED_BY(lock) = nullptr;
+    ForwardedCall* last GUARDED_BY(lock) = nullptr;
+    DWORD lastId GUARDED_BY(lock) = 0;
+};
+
+// Carries out "ReadRequest:<printer>" and the like: the printer side's result, or why there is none.
+LONG ForwardRequest(std::string_view request);
+
+// The answer variable was written: by whom and with what must be checked.
+void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
+// Nobody watches the mailbox any more.
+void PrinterSideIsGone(Database& database);
+
+// Reads how long a request may take.
+void InitialiseForwarding();
+// Tells all who wait that the service ends; later calls wait no more.
+void EndForwarding();

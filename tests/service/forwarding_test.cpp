@@ -1,0 +1,226 @@
+// Forwarded requests, between callers, the service and a printer side that this test plays in a process of its own.
+#include "service_under_test.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+const std::string kPrinters[] = {"Front desk", "Back office", "Cellar", "Attic"};
+
+std::string DatabaseOf(size_t printer) {
+    return "TVORSQD_DB" + std::to_string(printer + 1);
+}
+
+// The printer list, with that many entries; count: what it says of them.
+Bytes PrinterList(DWORD entries, DWORD count) {
+    Bytes list = Number(4 + 560 * entries);
+    const Bytes counted = Number(count);
+    list.insert(list.end(), counted.begin(), counted.end());
+    for (DWORD i = 0; i < entries; ++i) {
+        Bytes entry(560);
+        std::memcpy(entry.data() + 8, kPrinters[i].c_str(), kPrinters[i].size());
+        std::memcpy(entry.data() + 268, DatabaseOf(i).c_str(), DatabaseOf(i).size());
+        list.insert(list.end(), entry.begin(), entry.end());
+    }
+    return list;
+}
+
+// The service, four printers and their databases.
+struct Machine {
+    explicit Machine(DWORD limitMs = 20000) {
+        HKEY key = nullptr;
+        EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Tavik\\Oriel", 0, nullptr, 0, KEY_WRITE, nullptr, &key,
+                                  nullptr),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(RegSetValueExA(key, "ForwardLimit", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&limitMs), 4),
+                  ERROR_SUCCESS);
+        RegCloseKey(key);
+        service.emplace_back();
+        master = ReadyDatabase("TVORSQD_DB", {{"PrinterDatabase", kTypeVariableLength, PrinterList(4, 4)}});
+        for (size_t i = 0; i < std::size(kPrinters); ++i)
+            printers.push_back(ReadyDatabase(DatabaseOf(i), {}));
+    }
+    std::vector<Service> service;
+    DWORD master;
+    std::vector<DWORD> printers;
+};
+
+HANDLE MailboxEvent(const std::string& database) {
+    // The emulated system is one with Terminal Services.
+    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE,
+                                    VariableEventName(true, database, kForwardMailbox, VariableSignal::Updated).text);
+    EXPECT_NE(event, nullptr);
+    return event;
+}
+
+ForwardedRequest Mailbox(DWORD handle) {
+    const Bytes value = ValueOf(handle, kForwardMailbox);
+    return {U32At(value, 0), U32At(value, 4)};
+}
+
+LONG WriteAnswer(DWORD handle, DWORD id, LONG result) {
+    Bytes answer = Number(id);
+    const Bytes second = Number(static_cast<DWORD>(result));
+    answer.insert(answer.end(), second.begin(), second.end());
+    return WriteVariable(handle, kForwardAnswer, answer);
+}
+
+// What the printer side of a printer answers to a request of a kind.
+LONG ResultFor(size_t printer, DWORD kind) {
+    return -static_cast<LONG>(1000 * printer + kind);
+}
+
+} // namespace
+
+// Arguments: the number of the printer; how many requests are left unanswered at first. Says "serving".
+CHILD_PROCESS(ServesForwardedRequests) {
+    const size_t printer = std::strtoul(child.arguments[0].c_str(), nullptr, 10);
+    unsigned long silent = std::strtoul(child.arguments[1].c_str(), nullptr, 10);
+    DWORD handle = 0;
+    if (OpenDatabase(DatabaseOf(printer), &handle) != kDone) return 1;
+    for (const char* name : {kForwardMailbox, kForwardAnswer}) {
+        const LONG status = CreateVariable(handle, name, kTypeRecord, Bytes(8));
+        if (status != kDone && status != kVariableExists) return 1;
+    }
+    if (WatchVariable(handle, kForwardMailbox, kEveryWrite) != kDone) return 1;
+    const HANDLE event = MailboxEvent(DatabaseOf(printer));
+    child.Say("serving");
+    for (DWORD last = 0;;) {
+        const ForwardedRequest request = Mailbox(handle);
+        if (request.id == last || request.id == 0) {
+            WaitForSingleObject(event, 20); // a request may have come between the look and the wait
+            continue;
+        }
+        const DWORD before = last;
+        last = request.id;
+        if (silent > 0) {
+            --silent;
+            child.Say("silent");
+            continue;
+        }
+        // Answers to other requests, and ones of no form, are not taken for this one's.
+        WriteAnswer(handle, before, 77);
+        WriteAnswer(handle, request.id + 1, 78);
+        WriteAnswer(handle, 0, 79);
+        WriteVariable(handle, kForwardAnswer, Number(request.id));
+        WriteVariable(handle, kForwardAnswer, {});
+        if (WriteAnswer(handle, request.id, ResultFor(printer, request.kind)) != kDone) return 0;
+        WriteAnswer(handle, request.id, 80);
+    }
+}
+
+namespace {
+
+TestProcess PrinterSide(size_t printer, int silent = 0) {
+    TestProcess side("ServesForwardedRequests", {std::to_string(printer), std::to_string(silent)});
+    EXPECT_EQ(side.Hear(), "serving");
+    return side;
+}
+
+} // namespace
+
+TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
+    const Machine machine;
+    const std::string request = "Refresh:" + kPrinters[1];
+    EXPECT_EQ(ForwardRequest("Refresh:Unknown"), kNoPrinterSide);
+    EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << "no mailbox";
+
+    const DWORD handle = machine.printers[1];
+    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeVariableLength, Bytes(8)), kBadArgument);
+    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, Bytes(12)), kBadArgument);
+    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, {1, 0, 0, 0, 1, 0, 0, 0}), kBadArgument);
+    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, Bytes(8)), kDone);
+    EXPECT_EQ(WriteVariable(handle, kForwardMailbox, Bytes(8)), kNotWritable);
+    EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << "nobody watches it";
+
+    TestProcess side = PrinterSide(1);
+    EXPECT_EQ(ForwardRequest(request), ResultFor(1, kRefreshRequest));
+    EXPECT_EQ(Mailbox(handle).id, 0u) << "and the mailbox is empty again";
+    // Lists that lie about their entries, end within one, or have no form at all.
+    const Bytes good = PrinterList(2, 2);
+    for (const Bytes& list : {PrinterList(2, 5000), PrinterList(2, 0), Bytes(good.begin(), good.end() - 1), Bytes{},
+                              Bytes(600, 0xFF), Bytes(9)}) {
+        ASSERT_EQ(WriteVariable(machine.master, "PrinterDatabase", list), kDone);
+        const bool listed = list.size() == good.size() && list[4] != 0;
+        EXPECT_EQ(ForwardRequest(request), listed ? ResultFor(1, kRefreshRequest) : kNoPrinterSide) << list.size();
+    }
+    Bytes renamed = good;
+    std::memcpy(renamed.data() + 8 + 560 + 8, "Front", 6);
+    ASSERT_EQ(WriteVariable(machine.master, "PrinterDatabase", renamed), kDone);
+    EXPECT_EQ(ForwardRequest("Refresh:Front"), ResultFor(1, kRefreshRequest));
+    EXPECT_EQ(ForwardRequest(request), kNoPrinterSide);
+}
+
+TEST(Forwarding, ManyCallersEachGetTheirOwnAnswer) {
+    const Machine machine;
+    std::vector<TestProcess> sides;
+    for (size_t i = 0; i < std::size(kPrinters); ++i)
+        sides.push_back(PrinterSide(i));
+    struct KindRow {
+        const char* prefix;
+        DWORD kind;
+    };
+    constexpr KindRow kKinds[] = {
+        {"ReadRequest:", kReadRequest}, {"WriteRequest:", kWriteRequest}, {"Refresh:", kRefreshRequest}};
+    std::atomic<int> right = 0;
+    std::vector<std::thread> callers;
+    for (size_t i = 0; i < 16; ++i) {
+        callers.emplace_back([i, &kKinds, &right] {
+            for (size_t round = 0; round < 25; ++round) {
+                const KindRow& row = kKinds[(i + round) % 3];
+                const size_t printer = (i / 2 + round) % std::size(kPrinters);
+                right += ForwardRequest(row.prefix + kPrinters[printer]) == ResultFor(printer, row.kind);
+            }
+        });
+    }
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(right, 16 * 25);
+}
+
+TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
+    const Machine machine(300);
+    TestProcess side = PrinterSide(0, 1);
+    LONG results[2] = {};
+    std::thread first([&] { results[0] = ForwardRequest("ReadRequest:" + kPrinters[0]); });
+    EXPECT_EQ(side.Hear(), "silent");
+    PauseMs(150); // the second waits less long for the mailbox than its own limit
+    results[1] = ForwardRequest("WriteRequest:" + kPrinters[0]);
+    first.join();
+    EXPECT_EQ(results[0], kNoAnswer);
+    EXPECT_EQ(results[1], ResultFor(0, kWriteRequest)) << "served after the first, and not by its late answer";
+
+    side.Stop();
+    const double start = NowMs();
+    EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), kNoAnswer);
+    EXPECT_GE(NowMs() - start, 290);
+    side.Continue();
+    EXPECT_EQ(ForwardRequest("ReadRequest:" + kPrinters[0]), ResultFor(0, kReadRequest));
+}
+
+TEST(Forwarding, AKilledPrinterSideLeavesNobodyWaiting) {
+    Machine machine;
+    for (int round = 0; round < 3; ++round) {
+        TestProcess side = PrinterSide(0, 1);
+        std::atomic<int> failed = 0;
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 4; ++i)
+            callers.emplace_back([&] { failed += ForwardRequest("ReadRequest:" + kPrinters[0]) == kNoPrinterSide; });
+        EXPECT_EQ(side.Hear(), "silent");
+        side.Kill();
+        for (std::thread& caller : callers)
+            caller.join();
+        EXPECT_EQ(failed, 4);
+        TestProcess next = PrinterSide(0);
+        EXPECT_EQ(ForwardRequest("ReadRequest:" + kPrinters[0]), ResultFor(0, kReadRequest));
+    }
+    TestProcess side = PrinterSide(1, 100);
+    std::thread caller([] { EXPECT_NE(ForwardRequest("ReadRequest:" + kPrinters[1]), 0); });
+    EXPECT_EQ(side.Hear(), "silent");
+    machine.service[0].process.Terminate();
+    EXPECT_EQ(machine.service[0].process.Wait(), 0) << "the service's stop waits for no answer";
+    caller.join();
+}
