@@ -43,13 +43,14 @@ void Gather(const Database& database, const Variable& composite, DWORD depth, Pa
 }
 
 // Appends the parts' values; false when they come to more than any value may have.
-bool CopyParts(const Parts& parts, BYTE* out, DWORD capacity, ValueState* state) {
-    state->size = 0;
+bool CopyParts(const Parts& parts, const ValueState& own, BYTE* out, DWORD capacity, ValueState* state) {
+    *state = own;
     for (DWORD i = 0; i < parts.count; ++i) {
         const DWORD used = std::min(state->size, capacity);
         const ValueState part = CopyValue(*parts.variables[i], out + used, capacity - used);
         state->size += part.size;
         state->writeTime = std::max(state->writeTime, part.writeTime);
+        state->writes += part.writes;
         if (state->size > kValueSizeMax) return false;
     }
     return true;
@@ -85,21 +86,20 @@ ServiceStatus ReadComposite(const Database& database, const Variable& composite,
     Parts parts;
     Gather(database, composite, 1, parts);
     if (parts.tooMany) return kLimitReached;
-    const ULONGLONG ownTime = ReadWriteTime(composite); // a floor: when it was made, or its list was set
+    // A floor: when it was made, or its list was set.
+    const ValueState own = {0, ReadWriteTime(composite), SequenceNow(composite) / 2};
     DWORD sequences[kCompositePartsMax];
     bool fits = false;
     bool consistent = false;
     for (int tries = 0; tries < kReadTries && !consistent; ++tries) {
         for (DWORD i = 0; i < parts.count; ++i)
             sequences[i] = SequenceBegin(*parts.variables[i]);
-        state->writeTime = ownTime;
-        fits = CopyParts(parts, out, capacity, state);
+        fits = CopyParts(parts, own, out, capacity, state);
         consistent = Unchanged(parts, sequences);
     }
     if (!consistent) {
         const PartsHold hold{parts};
-        state->writeTime = ownTime;
-        fits = CopyParts(parts, out, capacity, state);
+        fits = CopyParts(parts, own, out, capacity, state);
     }
     return fits ? kDone : kLimitReached;
 }

@@ -176,7 +176,7 @@ ServiceStatus InfoOf(const Database& database, std::string_view name, VariableIn
     ValueState state = {};
     const ServiceStatus status = ReadAnyValue(database, *variable, nullptr, 0, &state);
     if (status == kLimitReached) return status;
-    *info = {variable->type, state.size, variable->sizeLimit, ToSystemTime(state.writeTime)};
+    *info = {variable->type, state.size, state.writes, ToSystemTime(state.writeTime)};
     return kDone;
 }
 

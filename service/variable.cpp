@@ -123,7 +123,7 @@ ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity) {
             memcpy(out + at, &word, size - at);
         }
     }
-    return {size, WriteTimeOf(variable)};
+    return {size, WriteTimeOf(variable), SequenceNow(variable) / 2};
 }
 
 ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity) {

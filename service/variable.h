@@ -41,10 +41,11 @@ struct alignas(64) Variable {
 };
 static_assert(sizeof(Variable) == 64);
 
-// Size and time of a value, as they were at one moment.
+// Size and time of a value, as they were at one moment, and how often it had been written by then.
 struct ValueState {
     DWORD size;
     ULONGLONG writeTime;
+    DWORD writes;
 };
 
 // The block of a new variable's value. capacity: of the largest value that it will take before it is replaced.

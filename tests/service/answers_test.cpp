@@ -160,7 +160,7 @@ TEST(Variables, CompanionsAreMadeByTheirFirstWrite) {
         EXPECT_EQ(WriteVariable(handle, name, Number(1)), kUnknownVariable) << name;
 }
 
-TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBack) {
+TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBackAndWritesAreCounted) {
     const Service service;
     SYSTEMTIME now;
     GetSystemTime(&now);
@@ -171,6 +171,7 @@ TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBack) {
         VariableInfo info = {};
         ASSERT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
         EXPECT_GE(Milliseconds(info.writeTime), last);
+        EXPECT_EQ(info.writes, i);
         last = Milliseconds(info.writeTime);
         EXPECT_EQ(WriteVariable(handle, "Number", Number(i)), kDone);
     }
@@ -231,8 +232,11 @@ TEST(Composites, AreTheirMembersInListOrder) {
     VariableInfo all = {};
     VariableInfo member = {};
     PauseMs(5); // so that the times can differ
+    EXPECT_EQ(GetVariableInfo(handle, "All", &all), kDone);
+    const DWORD writes = all.writes;
     EXPECT_EQ(WriteVariable(handle, "Late", {8}), kDone);
     EXPECT_EQ(GetVariableInfo(handle, "All", &all), kDone);
+    EXPECT_EQ(all.writes, writes + 1);
     EXPECT_EQ(GetVariableInfo(handle, "Late", &member), kDone);
     EXPECT_EQ(Milliseconds(all.writeTime), Milliseconds(member.writeTime));
     EXPECT_EQ(all.type, kTypeComposite);

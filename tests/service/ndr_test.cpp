@@ -116,7 +116,7 @@ TEST(Ndr, CountsThatLieAreRefused) {
 }
 
 TEST(Ndr, RecordsHaveTheirFieldsInOrder) {
-    // type 4, size 12, limit 16, 2024-02-29 (Thursday) 23:59:58.999
+    // type 4, size 12, written 16 times, 2024-02-29 (Thursday) 23:59:58.999
     const Bytes body = {4,    0, 0, 0, 12, 0, 0,  0, 16, 0, 0,  0, //
                         0xE8, 7, 2, 0, 4,  0, 29, 0, 23, 0, 59, 0, 58, 0, 0xE7, 3};
     NdrReader reader{body.data(), static_cast<DWORD>(body.size()), kLittle};
@@ -124,7 +124,7 @@ TEST(Ndr, RecordsHaveTheirFieldsInOrder) {
     ASSERT_TRUE(reader.Good());
     EXPECT_EQ(info.type, 4u);
     EXPECT_EQ(info.size, 12u);
-    EXPECT_EQ(info.sizeLimit, 16u);
+    EXPECT_EQ(info.writes, 16u);
     const SYSTEMTIME& time = info.writeTime;
     EXPECT_EQ(time.wYear, 2024);
     EXPECT_EQ(time.wMonth, 2);

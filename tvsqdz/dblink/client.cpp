@@ -106,6 +106,16 @@ Answer CallWithHandle(Procedure procedure, DatabaseHandle database) {
     return call.Send() ? call.Status() : call.Failure();
 }
 
+Answer GetVariableInfo(DatabaseHandle database, const char* name, VariableInfo* info) {
+    const std::string_view nameText = name;
+    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    if (!call.Send()) return call.Failure();
+    *info = call.reply.ReadVariableInfo();
+    return call.Status();
+}
+
 } // namespace
 
 bool BindStatusDatabase() {
@@ -216,13 +226,39 @@ Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char
 }
 
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime) {
-    const std::string_view nameText = name;
-    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    if (!call.Send()) return call.Failure();
-    const VariableInfo info = call.reply.ReadVariableInfo();
-    const Answer answer = call.Status();
+    VariableInfo info;
+    const Answer answer = GetVariableInfo(database, name, &info);
     if (answer == Answer::Done) *writeTime = info.writeTime;
     return answer;
+}
+
+Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes) {
+    VariableInfo info;
+    const Answer answer = GetVariableInfo(database, name, &info);
+    if (answer == Answer::Done) *writes = info.writes;
+    return answer;
+}
+
+Answer WatchVariable(DatabaseHandle database, const char* name, WatchMode mode) {
+    const std::string_view nameText = name;
+    Call call(kWatchVariable, kNdrU32Size * 2 + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    call.request.U32(mode);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer UnwatchVariable(DatabaseHandle database, const char* name) {
+    const std::string_view nameText = name;
+    Call call(kUnwatchVariable, kNdrU32Size + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer ForwardRequest(const char* request) {
+    const std::string_view text = request;
+    Call call(kForwardRequest, NdrTextSize(text));
+    call.request.Text(text);
+    return call.Send() ? call.Status() : call.Failure();
 }

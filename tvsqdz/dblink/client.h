@@ -57,3 +57,11 @@ Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWO
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members);
 // When the variable was last written, UTC.
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime);
+// How often the variable was written: two counts that differ have a write between them.
+Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes);
+// Has the variable's event pulsed at its writes (VariableEventName); each watch is ended once. A pulse reaches only
+// those who wait at that moment, so whoever watches also looks, after the watch is set and from time to time.
+Answer WatchVariable(DatabaseHandle database, const char* name, dblink::WatchMode mode);
+Answer UnwatchVariable(DatabaseHandle database, const char* name);
+// Has a request carried out at a printer: "ReadRequest:<printer>" and the like. The answer is the request's result.
+Answer ForwardRequest(const char* request);

@@ -139,12 +139,13 @@ static_assert(sizeof(DatabaseInfo) == 24 && offsetof(DatabaseInfo, openHandles) 
 struct VariableInfo {
     DWORD type;           // DatabaseType
     DWORD size;           // of the present value, in bytes
-    DWORD sizeLimit;      // of a value, in bytes; 0 for a composite
+    DWORD writes;         // how often it was written, wrapping; a composite counts its members' too. Tells apart
+                          // what the write time cannot: two writes in one millisecond
     SYSTEMTIME writeTime; // UTC, of the last write (or of its creation); of a composite, the latest of its members'.
                           // Never earlier than the one before
 };
 static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
-              offsetof(VariableInfo, sizeLimit) == 8 && offsetof(VariableInfo, writeTime) == 12);
+              offsetof(VariableInfo, writes) == 8 && offsetof(VariableInfo, writeTime) == 12);
 
 // How forwarded requests reach the printer side, and its answers the service: two records in the printer's database.
 // The printer side makes both, all zero, when the database is ready; nobody can make them of another form. While a

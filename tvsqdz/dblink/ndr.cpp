@@ -94,7 +94,7 @@ VariableInfo NdrReader::ReadVariableInfo() {
     VariableInfo info;
     info.type = U32();
     info.size = U32();
-    info.sizeLimit = U32();
+    info.writes = U32();
     info.writeTime = Time();
     return info;
 }
@@ -167,7 +167,7 @@ void NdrWriter::WriteDatabaseInfo(const DatabaseInfo& info) {
 void NdrWriter::WriteVariableInfo(const VariableInfo& info) {
     U32(info.type);
     U32(info.size);
-    U32(info.sizeLimit);
+    U32(info.writes);
     Time(info.writeTime);
 }
 
