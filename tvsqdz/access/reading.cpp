@@ -95,24 +95,33 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
     return GiveValue(variable, value.Data() + extent.offset, extent.length, target, fetched, returned);
 }
 
-int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
-                                   uint32_t* returnedSize) {
+Status ReadCurrent(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+                   uint32_t* returned, bool* returnedWritten) {
+    if ((variable.flags & SVT_QUEUE) != 0) return TakeQueueItem(manager, variable, target, returned, returnedWritten);
+    return ReadValue(manager, variable, target, returned);
+}
+
+Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
+                 ReadProc read) {
     // No buffer and no size are the same question, for the size.
     const ReadTarget target = {buffer, buffer != nullptr ? size : 0, returnedSize};
     uint32_t returned = 0;
     bool returnedWritten = false;
-    const auto read = [&]() -> Status {
+    const auto serve = [&]() -> Status {
         const ManagerCall call(manager);
         if (!call) return TVS_E_HANDLE;
         const StatusVariableDef* found = nullptr;
-        if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK)
+        if (const Status status = FindCallersVariable(call.Manager(), callersVariable, &found); status != TVS_OK)
             return status;
         if ((found->flags & SVF_READABLE) == 0) return TVS_E_UNKNOWN;
-        if ((found->flags & SVT_QUEUE) != 0)
-            return TakeQueueItem(call.Manager(), *found, target, &returned, &returnedWritten);
-        return ReadValue(call.Manager(), *found, target, &returned);
+        return read(call.Manager(), *found, target, &returned, &returnedWritten);
     };
-    const Status status = read();
+    const Status status = serve();
     if (!returnedWritten && !CopyToCaller(returnedSize, &returned, sizeof returned)) return TVS_E_FAULT;
     return status;
+}
+
+int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
+                                   uint32_t* returnedSize) {
+    return ServeRead(manager, variable, buffer, size, returnedSize, ReadCurrent);
 }

@@ -1,56 +1,28 @@
 // Storing a value, with the copy of a persistent variable in the driver data.
+#include "access/caller_value.h"
 #include "access/driver_data.h"
+#include "access/printer_name.h"
 #include "catalogue/variable_lookup.h"
-#include "frame/caller_memory.h"
 #include "frame/guards.h"
-#include "frame/heap.h"
-
-#include <string.h>
 
 namespace {
 
-constexpr char kPrinterNameVariable[] = "PrinterName";
-constexpr uint32_t kLengthSize = sizeof(uint32_t);
-
-// The library's copy of the caller's data, with room for the length that a variable-length value is stored with.
-struct CopiedValue {
-    explicit CopiedValue(uint32_t dataSize) : block(SIZE_T{dataSize} + kLengthSize), size(dataSize) {}
-
-    BYTE* Data() { return block.Data() + kLengthSize; }
-
-    Scratch block;
-    uint32_t size;
-};
-
-Status StoreWithLength(ManagerRecord* manager, const StatusVariableDef& variable, CopiedValue& value) {
-    memcpy(value.block.Data(), &value.size, kLengthSize);
-    const MutexHold lock(manager->databaseMutex);
-    return PassOn(WriteVariable(manager->printerDatabase, variable.name, value.block.Data(), value.size + kLengthSize));
-}
-
-Status Store(ManagerRecord* manager, const StatusVariableDef& variable, CopiedValue& value) {
-    if (variable.localWrite != nullptr) return variable.localWrite(manager, value.Data(), value.size);
+Status Store(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value) {
+    if (variable.localWrite != nullptr) return variable.localWrite(manager, value.Data(), value.Size());
+    // Whoever reads a variable-length value asks for its size first; it must not change in between.
+    MutexHold lock;
     switch (TypeOf(variable)) {
     case SVT_VARIABLE:
-        return StoreWithLength(manager, variable, value);
+        lock.Acquire(manager->databaseMutex);
+        break;
     case SVT_STRING:
-        if (value.size > 0) value.Data()[value.size - 1] = '\0';
+        if (value.Size() > 0) value.Data()[value.Size() - 1] = '\0';
         break;
     default:
         break;
     }
-    return PassOn(WriteVariable(manager->printerDatabase, variable.name, value.Data(), value.size));
-}
-
-// The driver data lie under the name that the printer has now, which another process may have changed.
-void UpdateDriverData(ManagerRecord* manager, const StatusVariableDef& variable, const BYTE* data, uint32_t size) {
-    PrinterNameText name;
-    DWORD nameSize = 0;
-    if (ReadVariable(manager->printerDatabase, kPrinterNameVariable, name.text, sizeof name.text, &nameSize) ==
-            Answer::Done &&
-        name.text[0] != '\0' && memchr(name.text, '\0', sizeof name.text) != nullptr)
-        ChangePrinterName(manager, name);
-    WriteDriverDataValue(CurrentPrinterName(manager).text, variable, data, size);
+    const CallerValue::Bytes stored = value.Stored(TypeOf(variable) == SVT_VARIABLE);
+    return PassOn(WriteVariable(manager->printerDatabase, variable.name, stored.data, stored.size));
 }
 
 } // namespace
@@ -60,12 +32,11 @@ int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, 
     if (!call) return TVS_E_HANDLE;
     const StatusVariableDef* found = nullptr;
     if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK) return status;
-    // No value is as long; the copy, and the length in front of it, would be made for nothing.
-    if (size > dblink::kValueSizeMax) return PassOn(Answer::WrongSize);
-    CopiedValue value(size);
-    if (value.block.Data() == nullptr) return TVS_E_MEMORY;
-    if (!CopyFromCaller(value.Data(), data, size)) return TVS_E_FAULT;
+    CallerValue value(data, size);
+    if (value.Result() != TVS_OK) return value.Result();
     const Status status = Store(call.Manager(), *found, value);
-    if ((found->flags & SVF_PERSISTENT) != 0) UpdateDriverData(call.Manager(), *found, value.Data(), size);
+    // The driver data lie under the name that the printer has now, which another process may have changed.
+    if ((found->flags & SVF_PERSISTENT) != 0)
+        WriteDriverDataValue(RefreshedPrinterName(call.Manager()).text, *found, value.Data(), value.Size());
     return status;
 }

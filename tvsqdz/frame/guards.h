@@ -14,9 +14,19 @@ struct MutexHold {
     MutexHold& operator=(const MutexHold&) = delete;
 
     // An abandoned mutex counts as obtained: whatever its last owner left half done is checked by those who read it.
-    bool Acquire(HANDLE mutex) {
-        result = WaitForSingleObject(mutex, INFINITE);
+    bool Acquire(HANDLE mutex, DWORD boundMs = INFINITE) {
+        result = WaitForSingleObject(mutex, boundMs);
         if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) held = mutex;
+        return held != nullptr;
+    }
+    // The same for a thread that is to end once the event is set: false then, and nothing is held.
+    bool AcquireUnless(HANDLE stopEvent, HANDLE mutex) {
+        const HANDLE handles[] = {stopEvent, mutex};
+        const DWORD woken = WaitForMultipleObjects(2, handles, FALSE, INFINITE);
+        result = woken == WAIT_OBJECT_0 + 1      ? WAIT_OBJECT_0
+                 : woken == WAIT_ABANDONED_0 + 1 ? WAIT_ABANDONED
+                                                 : WAIT_FAILED;
+        if (result != WAIT_FAILED) held = mutex;
         return held != nullptr;
     }
     void Release() {

@@ -98,6 +98,10 @@ LibraryCall::~LibraryCall() {
     g_callsInside.fetch_sub(1);
 }
 
+bool CallsAreLetIn() {
+    return g_attached.load();
+}
+
 bool LetCallsIn(bool attached) {
     return g_attached.exchange(attached);
 }

@@ -73,6 +73,8 @@ private:
     bool m_attached;
 };
 
+// False once the detach has begun: whatever waits inside comes to its end.
+bool CallsAreLetIn();
 // Lets calls in, or no more; whether they were let in before.
 bool LetCallsIn(bool attached);
 // True when no call is in the library, at the latest after the time given.

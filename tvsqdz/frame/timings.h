@@ -36,6 +36,27 @@ struct Timings {
     DWORD agentReadyLong = 10000;
     DWORD agentReady = 500;
 
+    // Requests to the printer side: between two looks whether it is ready, and how many.
+    DWORD readinessPause = 20;
+    DWORD readinessPauses = 3;
+    // Waiting for its answer: the first slice and the longest, after each of which the result is looked at. Long enough
+    // to cost nothing, short enough for a pulse that was missed. How long an answer to a requester that died is let
+    // arrive, so that it is not taken for the next requester's.
+    DWORD answerSlice = 10;
+    DWORD longestAnswerSlice = 250;
+    DWORD lateAnswerBound = 1000;
+    // Asynchronous requests: how long a write waits for its turn, how long either waits for the answer, and the pause
+    // while there is no memory for a result.
+    DWORD requestLockBound = 5000;
+    DWORD answerBound = 60000;
+    DWORD memoryPause = 100;
+    // Requests left to the printer's owner: between two looks whether it has taken the one before, and how long one that
+    // nobody takes is waited for.
+    DWORD relayPause = 20;
+    DWORD relayBound = 10000;
+    // The owner looks whether it missed one that often.
+    DWORD relaySlice = 1000;
+
     // Closing: between two looks whether the other managers have ended, how many, and how long calls that are still on
     // their way through the library hold up the process's detach.
     DWORD terminationPoll = 200;

@@ -1,0 +1,16 @@
+// What direct reads and writes have in common: the request on the manager's path.
+#include "access/direct_access.h"
+
+#include "access/printer_name.h"
+#include "access/printer_readiness.h"
+
+Status AskPrinter(ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable, DWORD mutexWait) {
+    const PrinterRequest request = {.printerDatabase = manager->printerDatabase,
+                                    .databaseName = manager->databaseName,
+                                    .kind = kind,
+                                    .variableName = variable.name};
+    if (!UsesForwardedPath(manager)) return AskPrinterSide(request, mutexWait, INFINITE);
+    if (const Status status = PostForwardedRequest(request); status != TVS_OK) return status;
+    if (!SpoolerIsReady(request.printerDatabase)) return TVS_E_NOT_READY;
+    return ForwardPostedRequest(request, RefreshedPrinterName(manager).text);
+}

@@ -1,0 +1,26 @@
+// A printer may be renamed by any process; the database tells.
+#include "access/printer_name.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr char kPrinterNameVariable[] = "PrinterName";
+
+bool IsName(const PrinterNameText& name) {
+    return name.text[0] != '\0' && memchr(name.text, '\0', sizeof name.text) != nullptr;
+}
+
+} // namespace
+
+PrinterNameText RefreshedPrinterName(ManagerRecord* manager) {
+    PrinterNameText name;
+    DWORD size = 0;
+    if (ReadVariable(manager->printerDatabase, kPrinterNameVariable, name.text, sizeof name.text, &size) ==
+            Answer::Done &&
+        IsName(name)) {
+        ChangePrinterName(manager, name);
+        return name;
+    }
+    return CurrentPrinterName(manager);
+}

@@ -1,0 +1,8 @@
+// The name that a printer has now.
+#pragma once
+
+#include "frame/manager_record.h"
+
+// Takes over into the manager what "PrinterName" of its database says, and answers it. What cannot be read or is no
+// name leaves the one that the manager had.
+PrinterNameText RefreshedPrinterName(ManagerRecord* manager);

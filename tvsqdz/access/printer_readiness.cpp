@@ -1,0 +1,53 @@
+// Each question is one read of the printer's database. What cannot be read is no.
+#include "access/printer_readiness.h"
+
+#include "frame/timings.h"
+
+namespace {
+
+constexpr char kPrinterExtStatus[] = "PrinterExtStatus";
+constexpr uint32_t kTakesRequests = 0x1;
+
+constexpr char kSpoolerStatus[] = "SpoolerStatus";
+constexpr uint32_t kSpoolerReady = 0x4;
+constexpr uint32_t kSpoolerRuns = 0x8;
+
+constexpr char kPort[] = "Port";
+constexpr uint32_t kPortRefusesRequests = 0x8;
+
+bool ReadNumber(DatabaseHandle database, const char* name, uint32_t* value) {
+    DWORD size = 0;
+    *value = 0;
+    return ReadVariable(database, name, value, sizeof *value, &size) == Answer::Done;
+}
+
+} // namespace
+
+bool PrinterTakesRequests(const ManagerRecord* manager) {
+    if (UsesForwardedPath(manager)) return true;
+    uint32_t status = 0;
+    return ReadNumber(manager->printerDatabase, kPrinterExtStatus, &status) && (status & kTakesRequests) != 0;
+}
+
+bool PortRefusesRequests(const ManagerRecord* manager) {
+    TvsPortRecord port = {};
+    DWORD size = 0;
+    return ReadVariable(manager->printerDatabase, kPort, &port, sizeof port, &size) == Answer::Done &&
+           (port.portKind & kPortRefusesRequests) != 0;
+}
+
+bool SpoolerIsReady(DatabaseHandle printerDatabase) {
+    for (DWORD pause = 0;; ++pause) {
+        uint32_t status = 0;
+        if (!ReadNumber(printerDatabase, kSpoolerStatus, &status)) return false;
+        if ((status & kSpoolerReady) != 0) return true;
+        if ((status & kSpoolerRuns) == 0) return false;
+        Sleep(g_timings.readinessPause);
+        if (pause + 1 >= g_timings.readinessPauses) return false; // what it says by now is not asked any more
+    }
+}
+
+bool SpoolerTakesRefreshes(DatabaseHandle printerDatabase) {
+    uint32_t status = 0;
+    return ReadNumber(printerDatabase, kSpoolerStatus, &status) && (status & kSpoolerRuns) != 0;
+}

@@ -1,0 +1,174 @@
+// Both paths. State: none; what a request leaves behind is in the printer's database.
+#include "access/request_exchange.h"
+
+#include "access/printer_readiness.h"
+#include "frame/guards.h"
+#include "frame/object_names.h"
+#include "frame/process_state.h"
+#include "frame/timings.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+constexpr char kReadRequest[] = "ReadRequest";
+constexpr char kWriteRequest[] = "WriteRequest";
+constexpr char kRefresh[] = "Refresh";
+constexpr char kRefreshStatus[] = "RefreshStatus";
+constexpr char kResult[] = "RWResult";
+
+// The variable that carries the value of a write.
+struct CompanionName {
+    explicit CompanionName(const char* variableName) { snprintf(text, sizeof text, "%sW", variableName); }
+    char text[dblink::kVariableNameMax + 2]; // the service refuses what is too long
+};
+
+struct ForwardText {
+    char text[dblink::kRequestTextMax + 1];
+};
+
+const char* MailboxOf(RequestKind kind) {
+    return kind == RequestKind::Read ? kReadRequest : kWriteRequest;
+}
+
+Answer WriteText(DatabaseHandle database, const char* variable, const char* text) {
+    return WriteVariable(database, variable, text, static_cast<DWORD>(strlen(text) + 1));
+}
+
+Answer PostRequest(const PrinterRequest& request) {
+    switch (request.kind) {
+    case RequestKind::Read:
+        return WriteText(request.printerDatabase, kReadRequest, request.variableName);
+    case RequestKind::Write:
+        return WriteText(request.printerDatabase, kWriteRequest, CompanionName(request.variableName).text);
+    case RequestKind::Refresh:
+        return WriteText(request.printerDatabase, kWriteRequest, kRefreshStatus);
+    }
+    return Answer::BadArgument;
+}
+
+// A watch on the result, ended with the guard.
+struct ResultWatch {
+    explicit ResultWatch(DatabaseHandle database) : m_database(database) {
+        // Without the watch the result is looked at from time to time all the same.
+        m_set = WatchVariable(database, kResult, dblink::kEveryWrite) == Answer::Done;
+    }
+    ~ResultWatch() {
+        if (m_set) UnwatchVariable(m_database, kResult);
+    }
+    ResultWatch(const ResultWatch&) = delete;
+    ResultWatch& operator=(const ResultWatch&) = delete;
+
+private:
+    DatabaseHandle m_database;
+    bool m_set;
+};
+
+DWORD Smaller(DWORD a, DWORD b) {
+    return a < b ? a : b;
+}
+
+// Waits until the result was written once more than the count says. An event alone does not tell: its pulse is missed
+// by a thread that does not wait yet, and the pulse that closes a burst belongs to no request. So the count decides,
+// and it is looked at after each slice.
+Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DWORD boundMs) {
+    const DWORD start = GetTickCount();
+    DWORD slice = g_timings.answerSlice;
+    for (;;) {
+        const DWORD waited = GetTickCount() - start;
+        const bool isLast = boundMs != INFINITE && waited >= boundMs;
+        const DWORD left = boundMs == INFINITE ? slice : Smaller(slice, isLast ? 0 : boundMs - waited);
+        const DWORD wait = WaitForSingleObject(event, left);
+        DWORD writes = 0;
+        if (const Answer answer = GetWriteCount(database, kResult, &writes); answer != Answer::Done)
+            return PassOn(answer);
+        if (writes != writesBefore) return TVS_OK;
+        if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
+        if (wait == WAIT_OBJECT_0) {
+            // Woken for nothing; by an event that somebody left set, at once and again and again.
+            ResetEvent(event);
+            continue;
+        }
+        slice = Smaller(slice * 2, g_timings.longestAnswerSlice);
+    }
+}
+
+bool WriteTimeOf(DatabaseHandle database, const char* name, ULONGLONG* time) {
+    SYSTEMTIME written;
+    FILETIME file;
+    if (GetWriteTime(database, name, &written) != Answer::Done || !SystemTimeToFileTime(&written, &file)) return false;
+    *time = ULONGLONG{file.dwHighDateTime} << 32 | file.dwLowDateTime;
+    return true;
+}
+
+bool MayBeUnanswered(DatabaseHandle database) {
+    ULONGLONG read = 0;
+    ULONGLONG write = 0;
+    ULONGLONG result = 0;
+    return WriteTimeOf(database, kReadRequest, &read) && WriteTimeOf(database, kWriteRequest, &write) &&
+           WriteTimeOf(database, kResult, &result) && (read >= result || write >= result);
+}
+
+// The requester before this one died with the mutex. Its answer may still come, and must not be taken for ours.
+void AwaitLateAnswer(DatabaseHandle database) {
+    const DWORD start = GetTickCount();
+    while (MayBeUnanswered(database) && CallsAreLetIn() && GetTickCount() - start < g_timings.lateAnswerBound)
+        Sleep(g_timings.answerSlice);
+}
+
+Status ReadResult(DatabaseHandle database) {
+    int32_t result = 0;
+    DWORD size = 0;
+    const Answer answer = ReadVariable(database, kResult, &result, sizeof result, &size);
+    return answer == Answer::Done ? result : PassOn(answer);
+}
+
+} // namespace
+
+RequestKind WriteKindOf(const char* variableName) {
+    return strcmp(variableName, kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
+}
+
+Status PlaceValue(DatabaseHandle printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
+    if (WriteKindOf(variable.name) == RequestKind::Refresh) {
+        if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
+        const CallerValue::Bytes text = value.Text();
+        return PassOn(WriteVariable(printerDatabase, kRefreshStatus, text.data, text.size));
+    }
+    const CompanionName companion(variable.name);
+    const CallerValue::Bytes stored = value.Stored((variable.flags & SVT_VARIABLE) != 0);
+    const Answer answer = WriteVariable(printerDatabase, companion.text, stored.data, stored.size);
+    return answer == Answer::Done ? TVS_OK : TVS_E_UNKNOWN;
+}
+
+Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs) {
+    const DatabaseHandle database = request.printerDatabase;
+    if (mutexWait == WAIT_ABANDONED) AwaitLateAnswer(database);
+    const KernelHandle event(CreateNamedEvent(
+        dblink::VariableEventName(g_terminalServer, request.databaseName, kResult, dblink::VariableSignal::Updated)));
+    if (!event) return TVS_E_MEMORY;
+    {
+        const ResultWatch watch(database);
+        DWORD writes = 0;
+        Answer answer = GetWriteCount(database, kResult, &writes);
+        if (answer == Answer::Done) answer = PostRequest(request);
+        if (answer != Answer::Done) return PassOn(answer);
+        if (const Status status = AwaitResult(database, event.handle, writes, boundMs); status != TVS_OK) return status;
+    }
+    return ReadResult(database);
+}
+
+Status PostForwardedRequest(const PrinterRequest& request) {
+    // A refresh has its text in a variable of its own, and nothing to name here.
+    return request.kind == RequestKind::Refresh ? TVS_OK : PassOn(PostRequest(request));
+}
+
+Status ForwardPostedRequest(const PrinterRequest& request, const char* printerName) {
+    const char* kind = request.kind == RequestKind::Refresh ? kRefresh : MailboxOf(request.kind);
+    ForwardText text;
+    snprintf(text.text, sizeof text.text, "%s:%s", kind, printerName); // a printer's name has at most 259 bytes
+    const Status result = PassOn(ForwardRequest(text.text));
+    WriteVariable(request.printerDatabase, kResult, &result, sizeof result);
+    return result;
+}
