@@ -2,7 +2,7 @@
 // main() and after it.
 #include "../../platform/linux/dll_entry/dll_entry.cpp"
 
-#include "kernel_kit.h"
+#include "memory_kit.h"
 #include "test_process.h"
 
 #include <gtest/gtest.h>
@@ -20,22 +20,17 @@ HINSTANCE g_told;
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     const char* told = std::getenv("TELL_OF_ENTRY");
     if (told != nullptr) {
-        std::printf("%s\n", reason == DLL_PROCESS_ATTACH   ? "attach"
-                            : reason == DLL_PROCESS_DETACH ? "detach"
-                                                           : "other");
+        std::puts(reason == DLL_PROCESS_ATTACH ? "attach" : reason == DLL_PROCESS_DETACH ? "detach" : "other");
         std::fflush(stdout);
     }
-    if (reason == DLL_PROCESS_ATTACH) ++g_attaches;
+    g_attaches += reason == DLL_PROCESS_ATTACH;
     g_told = instance;
     return told == nullptr || std::string(told) != "fail";
 }
 
 CHILD_PROCESS(LeavesAfterAFork) {
     child.Say("main");
-    RunInForkChild([] {
-        std::exit(0); // not its attach, not its detach
-        return 1;
-    });
+    RunForked([]() -> int { std::exit(0); }); // not its attach, not its detach
     return 0;
 }
 
@@ -44,13 +39,10 @@ TEST(Entry, IsToldOfTheLoadAndTheUnload) {
     Dl_info self{};
     ASSERT_NE(dladdr(reinterpret_cast<void*>(&DllMain), &self), 0);
     EXPECT_EQ(g_told, self.dli_fbase);
-    struct Row {
-        const char* attach;
-        const char* output;
-    };
-    for (const Row& row : {Row{"succeed", "attach\nmain\ndetach\n"}, Row{"fail", "attach\ndetach\nmain\n"}}) {
-        TestProcess process("LeavesAfterAFork", {}, {{"TELL_OF_ENTRY", row.attach}});
-        EXPECT_EQ(process.HearAll(), row.output);
+    for (const auto& [attach, output] :
+         {std::pair{"succeed", "attach\nmain\ndetach\n"}, {"fail", "attach\ndetach\nmain\n"}}) {
+        TestProcess process("LeavesAfterAFork", {}, {{"TELL_OF_ENTRY", attach}});
+        EXPECT_EQ(process.HearAll(), output);
         EXPECT_EQ(process.Wait(), 0);
     }
 }

@@ -1,22 +1,23 @@
 // Processes that are started, waited for and ended, and console events.
-#include "kernel_kit.h"
+#include "memory_kit.h"
+#include "posix_kit.h"
 #include "private_machine.h"
-#include "store_kit.h"
-#include "test_process.h"
-
-#include <gtest/gtest.h>
+#include "win32_kit.h"
 
 #include <atomic>
 
 namespace {
 
-constexpr DWORD kSentinel = 0xBEEF;
-
-// This test program by its Windows path, with the child procedure's name and arguments behind it.
-std::string SelfCommand(const std::string& rest) {
+// This test program by its Windows path.
+std::string Self() {
     char path[MAX_PATH];
     GetModuleFileNameA(nullptr, path, sizeof path);
-    return "\"" + std::string(path) + "\" " + rest;
+    return path;
+}
+
+// A child procedure of it, with arguments.
+std::string SelfCommand(const std::string& child) {
+    return "\"" + Self() + "\" --child=" + child;
 }
 
 struct Started {
@@ -24,12 +25,14 @@ struct Started {
     BOOL started = FALSE;
     DWORD error = 0;
 
-    explicit Started(std::string commandLine, DWORD flags = NORMAL_PRIORITY_CLASS, LPCSTR application = nullptr) {
+    explicit Started(std::string commandLine, DWORD flags = NORMAL_PRIORITY_CLASS, LPCSTR application = nullptr,
+                     DWORD startupFlags = 0, BOOL inherit = FALSE) {
         STARTUPINFOA startup{};
         startup.cb = sizeof startup;
+        startup.dwFlags = startupFlags;
         SetLastError(kSentinel);
         started = CreateProcessA(application, commandLine.empty() ? nullptr : commandLine.data(), nullptr, nullptr,
-                                 FALSE, flags, nullptr, nullptr, &startup, &information);
+                                 inherit, flags, nullptr, nullptr, &startup, &information);
         error = GetLastError();
     }
     Started(const Started&) = delete;
@@ -45,17 +48,10 @@ struct Started {
         return code;
     }
     DWORD Finish() const {
-        EXPECT_EQ(WaitForSingleObject(information.hProcess, 20000), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(::Wait(information.hProcess), DWORD{WAIT_OBJECT_0});
         return ExitCode();
     }
 };
-
-// What the child wrote, once it is there.
-std::string Report(const std::string& name) {
-    const std::string path = PrivateDirectory() + "/" + name;
-    EXPECT_TRUE(WaitUntil([&] { return ReadWholeFile(path).find("end\n") != std::string::npos; }));
-    return ReadWholeFile(path);
-}
 
 } // namespace
 
@@ -64,18 +60,16 @@ CHILD_PROCESS(WritesArguments) {
     std::string text;
     for (size_t i = 1; i < child.arguments.size(); ++i)
         text += "[" + child.arguments[i] + "]";
-    WriteReport(child.arguments.at(0), text + "\nend\n");
+    ReplaceFile(child.arguments.at(0), text);
     return 0;
 }
 
 TEST(Process, GetsItsArgumentsAsWindowsDividesThem) {
-    struct Row {
+    const struct {
         const char* given;
         const char* arguments;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", ""},
-        {"/S", "[/S]"},
         {"a  b\tc ", "[a][b][c]"},
         {R"("a b" c)", "[a b][c]"},
         {R"(a"b c"d)", "[ab cd]"},
@@ -89,16 +83,14 @@ TEST(Process, GetsItsArgumentsAsWindowsDividesThem) {
         {R"("unclosed part)", "[unclosed part]"},
         {"\xE9t\xE9 \x80", "[\u00E9t\u00E9][\u20AC]"}, // code page 1252 here, UTF-8 there
     };
-    int number = 0;
-    for (const Row& row : rows) {
+    const std::string report = PrivateDirectory() + "/arguments";
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.given);
-        const std::string report = "arguments" + std::to_string(number++);
-        const Started process(
-            SelfCommand("--child=WritesArguments " + PrivateDirectory() + "/" + report + " " + row.given));
+        const Started process(SelfCommand("WritesArguments " + report + " " + row.given));
         ASSERT_TRUE(process.started) << process.error;
         EXPECT_EQ(process.error, kSentinel);
-        EXPECT_EQ(Report(report), std::string(row.arguments) + "\nend\n");
         EXPECT_EQ(process.Finish(), 0U);
+        EXPECT_EQ(ReadWholeFile(report), row.arguments);
     }
 }
 
@@ -111,33 +103,28 @@ CHILD_PROCESS(EndsAsTold) {
 TEST(Process, TellsItsEndAndExitCode) {
     const unsigned descriptors = OpenDescriptors();
     {
-        const Started normal(SelfCommand("--child=EndsAsTold 42"));
+        const Started normal(SelfCommand("EndsAsTold 42"));
         ASSERT_TRUE(normal.started);
         EXPECT_EQ(normal.Finish(), 42U);
-        EXPECT_EQ(WaitForSingleObject(normal.information.hThread, 0), DWORD{WAIT_OBJECT_0});
-        EXPECT_FALSE(TerminateProcess(normal.information.hProcess, 1)); // it has ended
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-
-        const Started crashed(SelfCommand("--child=EndsAsTold crash"));
-        EXPECT_GT(crashed.Finish(), 128U);
+        EXPECT_EQ(Look(normal.information.hThread), DWORD{WAIT_OBJECT_0});
+        EXPECT_FAILS(TerminateProcess(normal.information.hProcess, 1), ERROR_ACCESS_DENIED); // it has ended
+        EXPECT_GT(Started(SelfCommand("EndsAsTold crash")).Finish(), 128U);
 
         // In a wait with other objects, and ended from here.
         const Owned event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        const Started running(SelfCommand("--child=EndsAsTold wait"));
+        const Started running(SelfCommand("EndsAsTold wait"));
         const HANDLE objects[] = {event, running.information.hProcess, running.information.hThread};
         EXPECT_EQ(running.ExitCode(), DWORD{STILL_ACTIVE});
         EXPECT_EQ(WaitForMultipleObjects(3, objects, FALSE, 20), DWORD{WAIT_TIMEOUT});
         const Owned killer = StartThread([&] {
             PauseMs(20);
-            return TerminateProcess(running.information.hProcess, 0xC0FFEE) ? 0 : 1;
+            return Code(TerminateProcess(running.information.hProcess, 0xC0FFEE));
         });
         EXPECT_EQ(WaitForMultipleObjects(3, objects, FALSE, 20000), DWORD{WAIT_OBJECT_0 + 1});
         EXPECT_EQ(running.ExitCode(), 0xC0FFEEU);
-        EXPECT_TRUE(Join(killer));
-    }
-    {
+        EXPECT_EQ(Finish(killer), 0U);
         // Nobody waits and nobody keeps a handle: no zombie all the same.
-        const Started forgotten(SelfCommand("--child=EndsAsTold 0"));
+        const Started forgotten(SelfCommand("EndsAsTold 0"));
     }
     EXPECT_TRUE(WaitUntil([] { return Zombies() == 0; }));
     EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() <= descriptors + 1; })) << "the watcher keeps one";
@@ -147,70 +134,55 @@ TEST(Process, IsOpenedByItsNumberToBeWaitedFor) {
     TestProcess other("EndsAsTold", {"wait"});
     const Owned process = OpenProcess(SYNCHRONIZE, FALSE, other.Id());
     ASSERT_NE(static_cast<HANDLE>(process), nullptr);
-    EXPECT_EQ(WaitForSingleObject(process, 0), DWORD{WAIT_TIMEOUT});
     DWORD code = 0;
-    EXPECT_FALSE(GetExitCodeProcess(process, &code));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_FALSE(TerminateProcess(process, 1));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-    const Owned waiter = StartThread([&] { return WaitForSingleObject(process, 20000); });
-    PauseMs(20);
+    EXPECT_FAILS(GetExitCodeProcess(process, &code), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(TerminateProcess(process, 1), ERROR_ACCESS_DENIED);
+    DWORD id = 0;
+    const Owned waiter = StartThread([&] { return Wait(process); }, &id);
+    EXPECT_TRUE(WaitUntil([&] { return IsAsleep(id); }));
+    EXPECT_EQ(Look(process), DWORD{WAIT_TIMEOUT});
     other.Kill();
-    EXPECT_TRUE(Join(waiter));
-    EXPECT_EQ(WaitForSingleObject(process, 0), DWORD{WAIT_OBJECT_0});
-    EXPECT_EQ(OpenProcess(SYNCHRONIZE, FALSE, other.Id()), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_EQ(OpenProcess(EVENT_ALL_ACCESS, FALSE, GetCurrentProcessId()), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(Finish(waiter), DWORD{WAIT_OBJECT_0});
+    EXPECT_EQ(Look(process), DWORD{WAIT_OBJECT_0});
+    EXPECT_FAILS(OpenProcess(SYNCHRONIZE, FALSE, other.Id()), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(OpenProcess(EVENT_ALL_ACCESS, FALSE, GetCurrentProcessId()), ERROR_ACCESS_DENIED);
     EXPECT_TRUE(GetExitCodeProcess(GetCurrentProcess(), &code));
     EXPECT_EQ(code, DWORD{STILL_ACTIVE});
 }
 
 TEST(Process, ThatCannotBeStartedSaysWhy) {
-    const std::string notExecutable = PrivateDirectory() + "/plain";
-    WriteReport(notExecutable, "plain text");
-    const std::string notAFormat = PrivateDirectory() + "/strange";
-    WriteReport(notAFormat, std::string("\0\1\2\3", 4));
-    MakeExecutable(notAFormat);
-    struct Row {
+    const std::string folder = PrivateDirectory();
+    ReplaceFile(folder + "/plain", "plain text");
+    ReplaceFile(folder + "/strange", std::string("\0\1\2\3", 4), 0755);
+    const struct {
         std::string commandLine;
-        DWORD flags;
         DWORD error;
+        DWORD flags = 0;
+        DWORD startupFlags = 0;
+        BOOL inherit = FALSE;
+    } rows[] = {
+        {WindowsPath(folder + "/plain"), ERROR_ACCESS_DENIED},
+        {WindowsPath(folder + "/strange") + " x", ERROR_BAD_EXE_FORMAT},
+        {WindowsPath(folder + "/missing"), ERROR_FILE_NOT_FOUND},
+        {"\"C:" + WindowsPath(folder + "/miss ing") + "\" /S", ERROR_FILE_NOT_FOUND},
+        {WindowsPath(folder + "/no/where"), ERROR_PATH_NOT_FOUND},
+        {WindowsPath(folder), ERROR_ACCESS_DENIED},
+        {"\"\"", ERROR_INVALID_PARAMETER},
+        {"", ERROR_INVALID_PARAMETER},
+        {Self(), ERROR_NOT_SUPPORTED, 4},
+        {Self(), ERROR_NOT_SUPPORTED, 0, 1},
+        {Self(), ERROR_NOT_SUPPORTED, 0, 0, TRUE},
     };
-    for (const Row& row :
-         {Row{WindowsPath(notExecutable), 0, ERROR_ACCESS_DENIED},
-          Row{WindowsPath(notAFormat) + " x", 0, ERROR_BAD_EXE_FORMAT},
-          Row{WindowsPath(PrivateDirectory() + "/missing"), 0, ERROR_FILE_NOT_FOUND},
-          Row{"\"C:" + WindowsPath(PrivateDirectory() + "/miss ing") + "\" /S", 0, ERROR_FILE_NOT_FOUND},
-          Row{WindowsPath(PrivateDirectory() + "/no/where"), 0, ERROR_PATH_NOT_FOUND},
-          Row{WindowsPath(PrivateDirectory()), 0, ERROR_ACCESS_DENIED}, Row{"\"\"", 0, ERROR_INVALID_PARAMETER},
-          Row{SelfCommand(""), 4, ERROR_NOT_SUPPORTED}}) {
-        SCOPED_TRACE(row.commandLine);
-        const Started process(row.commandLine, row.flags);
-        EXPECT_FALSE(process.started);
-        EXPECT_EQ(process.error, row.error);
+    for (const auto& row : rows) {
+        const Started process(row.commandLine, row.flags, nullptr, row.startupFlags, row.inherit);
+        EXPECT_FALSE(process.started) << row.commandLine;
+        EXPECT_EQ(process.error, row.error) << row.commandLine;
     }
-    const Started nothing("");
-    EXPECT_EQ(nothing.error, DWORD{ERROR_INVALID_PARAMETER});
-
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = 1;
-    PROCESS_INFORMATION information{};
-    std::string command = SelfCommand("");
-    EXPECT_FALSE(
-        CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SUPPORTED});
-    startup.dwFlags = 0;
-    EXPECT_FALSE(
-        CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &information));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SUPPORTED});
     EXPECT_TRUE(WaitUntil([] { return Zombies() == 0; }));
 }
 
 CHILD_PROCESS(TellsWhatItStartedWith) {
-    WriteReport(child.arguments.at(0), std::to_string(OpenDescriptors()) + " descriptors, " + SignalState() +
-                                           (IsSessionLeader() ? ", own session" : "") + "\nend\n");
+    ReplaceFile(child.arguments.at(0), ProcessState());
     return 0;
 }
 
@@ -219,20 +191,14 @@ TEST(Process, StartsWithACleanSlate) {
     const Owned event = CreateEventA(nullptr, TRUE, FALSE, "E");
     const Owned mutex = CreateMutexA(nullptr, TRUE, "M");
     BlockAllSignals();
-    const std::string path = PrivateDirectory() + "/";
-    // Standard streams, and the directory that it is counting them in.
-    const Started plain(SelfCommand("--child=TellsWhatItStartedWith " + path + "plain"));
-    EXPECT_EQ(Report("plain"), "4 descriptors, no signal blocked or ignored\nend\n");
-    const Started console(SelfCommand("--child=TellsWhatItStartedWith " + path + "console"), CREATE_NEW_CONSOLE);
-    EXPECT_EQ(Report("console"), "4 descriptors, no signal blocked or ignored, own session\nend\n");
-    EXPECT_EQ(plain.Finish(), 0U);
-    EXPECT_EQ(console.Finish(), 0U);
-
+    const std::string report = PrivateDirectory() + "/report";
+    // The standard streams, and the directory that it is counting them in.
+    EXPECT_EQ(Started(SelfCommand("TellsWhatItStartedWith " + report)).Finish(), 0U);
+    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4");
+    EXPECT_EQ(Started(SelfCommand("TellsWhatItStartedWith " + report), CREATE_NEW_CONSOLE).Finish(), 0U);
+    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4, own session");
     // By the application's name, with a command line that says otherwise.
-    char self[MAX_PATH];
-    GetModuleFileNameA(nullptr, self, sizeof self);
-    const Started named("anything --child=TellsWhatItStartedWith " + path + "named", 0, self);
-    EXPECT_EQ(named.Finish(), 0U);
+    EXPECT_EQ(Started("anything --child=EndsAsTold 7", 0, Self().c_str()).Finish(), 7U);
 }
 
 namespace {
@@ -241,32 +207,29 @@ std::atomic<DWORD> g_mainThread{0};
 std::atomic<int> g_events{0};
 
 BOOL WINAPI First(DWORD event) {
-    std::printf("first %u%s\n", event, GetCurrentThreadId() == g_mainThread.load() ? " on the main thread" : "");
+    std::printf("first %u%s\n", event, GetCurrentThreadId() == g_mainThread ? " on the main thread" : "");
     std::fflush(stdout);
-    return g_events.fetch_add(1) < 2; // deals with two
+    return g_events++ < 2; // deals with two
 }
 
 BOOL WINAPI Last(DWORD event) {
     const Owned made = CreateEventA(nullptr, TRUE, TRUE, "MadeInHandler"); // anything goes
-    std::printf("last %u %s\n", event, WaitForSingleObject(made, 0) == WAIT_OBJECT_0 ? "works" : "fails");
+    std::printf("last %u %s\n", event, Look(made) == WAIT_OBJECT_0 ? "works" : "fails");
     std::fflush(stdout);
     return FALSE;
 }
 
 // Hears on another thread: thread sanitizer takes the signals of a thread that reads only when it has read.
 void HearAsleep(Child& child) {
-    const Owned hearing = StartThread([&] {
-        child.Hear();
-        return 0;
-    });
-    while (WaitForSingleObject(hearing, 0) != WAIT_OBJECT_0)
+    const Owned hearing = StartThread([&] { return child.Hear(), 0; });
+    while (Look(hearing) != WAIT_OBJECT_0)
         PauseMs(1);
 }
 
 } // namespace
 
 CHILD_PROCESS(HandlesConsoleEvents) {
-    g_mainThread.store(GetCurrentThreadId());
+    g_mainThread = GetCurrentThreadId();
     if (!SetConsoleCtrlHandler(First, TRUE) || !SetConsoleCtrlHandler(Last, TRUE)) return 1;
     if (SetConsoleCtrlHandler(nullptr, TRUE) || GetLastError() != ERROR_NOT_SUPPORTED) return 2;
     child.Say("ready");
@@ -305,17 +268,13 @@ TEST(Console, EventsReachTheHandlersLastAddedFirstOnAnotherThread) {
 // A fork child of a program with handlers takes its own signals, not its parent's.
 CHILD_PROCESS(ForksWithHandlers) {
     SetConsoleCtrlHandler(Last, TRUE);
-    const int end = RunInForkChild([] {
+    return RunForked([] {
         RaiseTermination();
         PauseMs(20000);
         return 0;
     });
-    child.Say(std::to_string(end));
-    return 0;
 }
 
 TEST(Console, HandlersAreNotInheritedByAForkChild) {
-    TestProcess process("ForksWithHandlers");
-    EXPECT_EQ(process.Hear(), std::to_string(128 + 15));
-    EXPECT_EQ(process.Wait(), 0);
+    EXPECT_EQ(TestProcess("ForksWithHandlers").Wait(), 128 + 15);
 }

@@ -1,53 +1,20 @@
 // The registry as text: what is written is read back, what is malformed changes nothing.
 #include "campaign.h"
-
-#include <gtest/gtest.h>
-#include <windows.h>
+#include "registry_kit.h"
 
 #include <random>
-#include <winreg_text.h>
 
 namespace {
 
-LSTATUS Import(const std::string& text, DWORD* line = nullptr) {
-    return RegImportTextA(text.data(), text.size(), line);
-}
-
-std::string Export(HKEY root, const char* path) {
-    SIZE_T length = 0;
-    if (const LSTATUS status = RegExportTextA(root, path, nullptr, &length); status != ERROR_SUCCESS)
-        return std::to_string(status);
-    std::string text(length, '\0');
-    SIZE_T tooShort = length - 1;
-    EXPECT_EQ(RegExportTextA(root, path, text.data(), &tooShort), ERROR_MORE_DATA);
-    EXPECT_EQ(tooShort, length);
-    EXPECT_EQ(RegExportTextA(root, path, text.data(), &length), ERROR_SUCCESS);
-    return text;
-}
-
-void Set(HKEY key, const std::string& name, DWORD type, const std::string& data) {
-    ASSERT_EQ(RegSetValueExA(key, name.c_str(), 0, type, reinterpret_cast<const BYTE*>(data.data()),
-                             static_cast<DWORD>(data.size())),
-              ERROR_SUCCESS);
-}
-
 // All that is below a key, as the registry's calls give it.
 std::string Dump(HKEY parent, const std::string& path) {
-    HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(parent, path.c_str(), 0, KEY_READ, &key), ERROR_SUCCESS);
+    HKEY key = OpenKey(parent, path, KEY_READ);
     std::string all = "[" + path + "]";
-    char name[256];
-    BYTE data[256];
-    DWORD nameSize = sizeof name;
-    DWORD size = sizeof data;
-    DWORD type = 0;
-    for (DWORD index = 0; RegEnumValueA(key, index, name, &nameSize, nullptr, &type, data, &size) == ERROR_SUCCESS;
-         ++index, nameSize = sizeof name, size = sizeof data)
-        all += std::string(name, nameSize) + '\0' + std::to_string(type) + '\0' + std::to_string(size) + '\0' +
-               std::string(reinterpret_cast<char*>(data), size);
-    for (DWORD index = 0;
-         RegEnumKeyExA(key, index, name, &nameSize, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-         ++index, nameSize = sizeof name)
+    for (const std::string& name : ValueNames(key)) {
+        const Value value = GetValue(key, name);
+        all += name + '\0' + std::to_string(value.type) + '\0' + std::to_string(value.data.size()) + '\0' + value.data;
+    }
+    for (const std::string& name : SubKeys(key))
         all += Dump(parent, path + '\\' + name);
     RegCloseKey(key);
     return all;
@@ -91,6 +58,10 @@ TEST(RegistryText, EveryFormIsRead) {
     EXPECT_EQ(Export(HKEY_CURRENT_USER, nullptr), "REGEDIT4\r\n\r\n[HKEY_CURRENT_USER]\r\n\r\n"
                                                   "[HKEY_CURRENT_USER\\Other]\r\n\"v\"=hex(a0000001):01\r\n\r\n");
     EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "Tree"), std::to_string(ERROR_FILE_NOT_FOUND));
+    char text[200];
+    SIZE_T room = 10;
+    EXPECT_EQ(RegExportTextA(HKEY_CURRENT_USER, nullptr, text, &room), ERROR_MORE_DATA);
+    EXPECT_EQ(room, Export(HKEY_CURRENT_USER).size());
 }
 
 TEST(RegistryText, UnicodeTextBecomesTheCodePages) {
@@ -162,13 +133,12 @@ TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
         EXPECT_EQ(Import(row.text, &line), ERROR_BAD_FORMAT) << row.text;
         EXPECT_EQ(line, row.line) << row.text;
     }
-    HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "K", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "K", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER})
+        EXPECT_EQ(Export(root, "K"), std::to_string(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(RegImportTextA(nullptr, 1, nullptr), ERROR_INVALID_PARAMETER);
 }
 
-TEST(RegistryText, WhatIsExportedImportsToTheSame) {
+TEST(RegistryTextCampaign, WhatIsExportedImportsToTheSame) {
     const int rounds = Rounds(150, 20000);
     std::mt19937_64 random(Seed());
     const auto text = [&random](size_t length, bool name) {
@@ -181,19 +151,16 @@ TEST(RegistryText, WhatIsExportedImportsToTheSame) {
     };
     const DWORD types[] = {REG_NONE, REG_SZ, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, REG_QWORD, 77};
     for (int round = 0; round < rounds; ++round) {
-        HKEY key = nullptr;
         for (uint64_t keys = 1 + random() % 4; keys > 0; --keys) {
             std::string path = "Round";
             for (uint64_t depth = random() % 3; depth > 0; --depth)
                 for (path += '\\'; path.back() < ' ' || path.back() == '\\';)
                     path += static_cast<char>(random() % 2 == 0 ? '!' + random() % 59 : 0xa1 + random() % 94);
-            ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                                      nullptr),
-                      ERROR_SUCCESS);
+            HKEY key = CreateKey(HKEY_LOCAL_MACHINE, path);
             for (uint64_t values = random() % 4; values > 0; --values) {
                 std::string data = text(random() % 60, false);
                 if (random() % 2 == 0) data += '\0';
-                Set(key, text(random() % 8, true), types[random() % std::size(types)], data);
+                ASSERT_EQ(SetValue(key, text(random() % 8, true), data, types[random() % std::size(types)]), 0);
             }
             RegCloseKey(key);
         }

@@ -152,10 +152,6 @@ RPC_STATUS RegisterTestInterface() {
                                 static_cast<unsigned>(-1), nullptr);
 }
 
-RPC_STATUS UnregisterTestInterface(bool wait) {
-    return RpcServerUnregisterIf(&g_server, nullptr, wait ? 1 : 0);
-}
-
 RPC_STATUS ServeOn(const std::string& endpoint) {
     RPC_STATUS status =
         RpcServerUseProtseqEpA(Text("ncalrpc"), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, Text(endpoint), nullptr);
@@ -165,23 +161,22 @@ RPC_STATUS ServeOn(const std::string& endpoint) {
     return status;
 }
 
+RPC_STATUS StopServing() {
+    const RPC_STATUS status = RpcMgmtStopServerListening(nullptr);
+    return status == RPC_S_OK ? RpcMgmtWaitServerListen() : status;
+}
+
 CHILD_PROCESS(RpcServer) {
-    const RPC_STATUS status = ServeOn(child.arguments[0]);
-    child.Say(status == RPC_S_OK ? "listening" : "status " + std::to_string(status));
+    child.Say(std::to_string(ServeOn(child.arguments[0])));
     for (std::string order = child.Hear(); !order.empty(); order = child.Hear()) {
-        if (order == "stop") {
-            child.Say("stopping " + std::to_string(RpcMgmtStopServerListening(nullptr)));
-        } else if (order == "release") {
-            ++g_releases;
-        } else if (order == "wait") {
-            child.Say("stopped " + std::to_string(RpcMgmtWaitServerListen()));
-        } else if (order == "listen") {
-            child.Say("listening " + std::to_string(RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE)));
-        } else if (order == "withdraw") {
-            child.Say("withdrawn " + std::to_string(UnregisterTestInterface(true)));
-        } else if (order == "offer") {
-            child.Say("offered " + std::to_string(RegisterTestInterface()));
-        }
+        RPC_STATUS result = RPC_S_OK;
+        if (order == "release") ++g_releases;
+        if (order == "stop") result = RpcMgmtStopServerListening(nullptr);
+        if (order == "wait") result = RpcMgmtWaitServerListen();
+        if (order == "listen") result = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
+        if (order == "withdraw") result = RpcServerUnregisterIf(&g_server, nullptr, 1);
+        if (order == "offer") result = RegisterTestInterface();
+        child.Say(std::to_string(result));
     }
     return 0;
 }
@@ -241,15 +236,15 @@ Reply TestBinding::Call(unsigned procedure, const Body& request, RPC_CLIENT_INTE
 }
 
 TestServer::TestServer(const std::string& endpoint) : m_endpoint(endpoint), m_process("RpcServer", {endpoint}) {
-    EXPECT_EQ(m_process.Hear(), "listening");
+    EXPECT_EQ(m_process.Hear(), "0");
 }
 
-std::string TestServer::Order(const std::string& order) {
+RPC_STATUS TestServer::Order(const std::string& order) {
     m_process.Tell(order);
-    return m_process.Hear();
+    return static_cast<RPC_STATUS>(std::stol("0" + m_process.Hear()));
 }
 
 void TestServer::Restart() {
     m_process = TestProcess("RpcServer", {m_endpoint});
-    EXPECT_EQ(m_process.Hear(), "listening");
+    EXPECT_EQ(m_process.Hear(), "0");
 }

@@ -68,8 +68,8 @@ class TestServer {
 public:
     explicit TestServer(const std::string& endpoint = "test");
     TestProcess& Process() { return m_process; }
-    // "stop", "wait", "listen", "withdraw", "offer": does so and answers with the status.
-    std::string Order(const std::string& order);
+    // "stop", "wait", "listen", "withdraw", "offer", or "release" of what is held.
+    RPC_STATUS Order(const std::string& order);
     void Kill() { m_process.Kill(); }
     void Restart();
 
@@ -80,5 +80,5 @@ private:
 
 // In this process.
 RPC_STATUS RegisterTestInterface();
-RPC_STATUS UnregisterTestInterface(bool wait);
 RPC_STATUS ServeOn(const std::string& endpoint);
+RPC_STATUS StopServing(); // and waits until it has stopped

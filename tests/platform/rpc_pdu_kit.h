@@ -1,6 +1,7 @@
 // PDUs made by hand, for a peer of the run-time that is not the run-time.
 #pragma once
 
+#include "campaign.h"
 #include "rpc_kit.h"
 #include "unix_stream.h"
 
@@ -36,6 +37,11 @@ inline void Put32(Bytes& bytes, uint32_t value) {
     Put16(bytes, value >> 16);
 }
 
+inline void Put(Bytes& bytes, const RPC_SYNTAX_IDENTIFIER& id) {
+    const auto* from = reinterpret_cast<const uint8_t*>(&id);
+    bytes.insert(bytes.end(), from, from + sizeof id);
+}
+
 inline unsigned Get16(const Bytes& bytes, size_t at) {
     return at + 2 <= bytes.size() ? bytes[at] | bytes[at + 1] << 8 : 0xFFFF;
 }
@@ -49,6 +55,11 @@ inline Bytes Join(std::initializer_list<Bytes> parts) {
     for (const Bytes& part : parts)
         all.insert(all.end(), part.begin(), part.end());
     return all;
+}
+
+inline Bytes Changed(Bytes pdu, size_t at, uint8_t value) {
+    pdu[at] = value;
+    return pdu;
 }
 
 inline Bytes Pdu(uint8_t type, const Bytes& body, unsigned flags = kOnly, uint32_t callId = 1) {
@@ -72,16 +83,12 @@ inline Bytes BindBody(const std::vector<Offer>& offers, uint32_t group = 0, unsi
     Put16(body, received);
     Put32(body, group);
     Put32(body, static_cast<uint32_t>(offers.size()));
-    const auto syntax = [&](const RPC_SYNTAX_IDENTIFIER& id) {
-        const auto* bytes = reinterpret_cast<const uint8_t*>(&id);
-        body.insert(body.end(), bytes, bytes + sizeof id);
-    };
     for (const Offer& offer : offers) {
         Put16(body, offer.id);
         Put16(body, static_cast<unsigned>(offer.transfers.size()));
-        syntax(offer.interfaceId);
+        Put(body, offer.interfaceId);
         for (const RPC_SYNTAX_IDENTIFIER& transfer : offer.transfers)
-            syntax(transfer);
+            Put(body, transfer);
     }
     return body;
 }
@@ -130,31 +137,28 @@ inline Bytes StubOf(const Bytes& pdu) {
     return TypeOf(pdu) == kResponsePdu && pdu.size() >= 24 ? Bytes(pdu.begin() + 24, pdu.end()) : Bytes();
 }
 
-// Systematic damage: every byte, every aligned number, every length near the true one.
+// Systematic damage: every byte, every aligned number, every length near the true one (of these a part, outside a
+// campaign), every beginning.
 template <typename Function>
 void ForEachDamage(const Bytes& good, Function function) {
-    for (size_t at = 0; at < good.size(); ++at) {
-        for (const unsigned value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x01, good[at] ^ 0x80, good[at] + 1}) {
-            Bytes bad = good;
-            bad[at] = static_cast<uint8_t>(value);
-            if (bad != good) function(bad);
-        }
-    }
+    int changes = 0;
+    const auto change = [&](size_t at, uint32_t value, size_t size) {
+        if (++changes % Rounds(5, 1) != 0) return;
+        Bytes bad = good;
+        std::memcpy(bad.data() + at, &value, size);
+        if (bad != good) function(bad);
+    };
+    for (size_t at = 0; at < good.size(); ++at)
+        for (const unsigned value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x01, good[at] ^ 0x80, good[at] + 1})
+            change(at, value, 1);
     for (size_t at = 0; at + 4 <= good.size(); at += 4) {
         const uint32_t value = Get32(good, at);
         for (const uint32_t changed : {0U, 1U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFEU, value + 1, value - 1,
-                                       value * 2, ~value, __builtin_bswap32(value)}) {
-            Bytes bad = good;
-            std::memcpy(bad.data() + at, &changed, 4);
-            if (bad != good) function(bad);
-        }
+                                       value * 2, ~value, __builtin_bswap32(value)})
+            change(at, changed, 4);
     }
-    for (int change = -42; change <= 30; ++change) {
-        Bytes bad = good;
-        const auto length = static_cast<uint16_t>(static_cast<int>(good.size()) + change);
-        std::memcpy(bad.data() + 8, &length, 2);
-        if (bad != good) function(bad);
-    }
+    for (int difference = -42; difference <= 30; ++difference)
+        change(8, static_cast<uint32_t>(static_cast<int>(good.size()) + difference), 2);
     for (size_t size = 0; size < good.size(); ++size)
         function(Bytes(good.begin(), good.begin() + static_cast<ptrdiff_t>(size)));
 }

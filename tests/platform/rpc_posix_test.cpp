@@ -1,10 +1,9 @@
 // What only a POSIX system can do to the run-time: files in its way, fork, descriptors that run out.
+#include "memory_kit.h"
 #include "private_machine.h"
 #include "rpc_pdu_kit.h"
 
-#include <cerrno>
 #include <filesystem>
-#include <memory>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,37 +15,30 @@ namespace fs = std::filesystem;
 TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
     fs::create_directory(PrivateDirectory() + "/run/rpc");
     const std::string target = PrivateDirectory() + "/target";
-    const auto rows = {"link", "dangling", "directory", "fifo", "file", "lock", "held"};
     fs::create_symlink(PrivateDirectory(), EndpointPath("link"));
     fs::create_symlink(target, EndpointPath("dangling"));
     fs::create_directory(EndpointPath("directory"));
     ASSERT_EQ(mkfifo(EndpointPath("fifo").c_str(), 0666), 0);
     ASSERT_GE(mknod(EndpointPath("file").c_str(), S_IFREG | 0666, 0), 0);
     fs::create_symlink(target, EndpointPath(".lock.lock"));
-    const UnixListener foreign("held"); // by a server that knows nothing of locks
-    for (const char* name : rows) {
-        const bool lives = std::string(name) == "held";
-        EXPECT_EQ(ServeOn(name), lives ? RPC_S_DUPLICATE_ENDPOINT : RPC_S_CANT_CREATE_ENDPOINT) << name;
-        EXPECT_TRUE(fs::symlink_status(EndpointPath(name)).type() != fs::file_type::not_found ||
-                    std::string(name) == "lock");
+    for (const char* name : {"link", "dangling", "directory", "fifo", "file", "lock"}) {
+        EXPECT_EQ(ServeOn(name), RPC_S_CANT_CREATE_ENDPOINT) << name;
+        EXPECT_NE(fs::exists(fs::symlink_status(EndpointPath(name))), std::string(name) == "lock");
     }
+    const UnixListener foreign("held"); // by a server that knows nothing of locks
+    EXPECT_EQ(ServeOn("held"), RPC_S_DUPLICATE_ENDPOINT);
+    EXPECT_TRUE(fs::is_socket(EndpointPath("held")));
     EXPECT_FALSE(fs::exists(target));
 
-    {
-        TestServer dead("dead");
-        dead.Kill();
-    }
-    EXPECT_EQ(fs::symlink_status(EndpointPath("dead")).type(), fs::file_type::socket);
-    const mode_t mask = umask(0077);
+    TestServer("dead").Kill();
+    EXPECT_TRUE(fs::is_socket(EndpointPath("dead")));
+    umask(0077);
     EXPECT_EQ(ServeOn("dead"), RPC_S_OK);
-    EXPECT_EQ(umask(mask), 0077U);
-    struct stat status {};
-    ASSERT_EQ(stat(EndpointPath("dead").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
+    EXPECT_EQ(umask(0022), 0077U);
+    EXPECT_EQ(fs::status(EndpointPath("dead")).permissions(), fs::perms(0666));
     const TestBinding binding("dead");
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    EXPECT_EQ(RpcMgmtStopServerListening(nullptr), RPC_S_OK);
-    EXPECT_EQ(RpcMgmtWaitServerListen(), RPC_S_OK);
+    EXPECT_EQ(StopServing(), RPC_S_OK);
     EXPECT_FALSE(fs::exists(EndpointPath("dead")));
 }
 
@@ -54,27 +46,23 @@ TEST(RpcEndpoint, LongRunDirectoryIsServedToo) {
     const std::string directory = PrivateDirectory() + "/" + std::string(100, 'd');
     fs::create_directory(directory);
     TestProcess server("RpcServer", {"test"}, {{"ORIEL_RUNTIME_DIR", directory}});
-    ASSERT_EQ(server.Hear(), "listening");
+    ASSERT_EQ(server.Hear(), "0");
     TestProcess client("RpcClient", {"1"}, {{"ORIEL_RUNTIME_DIR", directory}});
     ASSERT_EQ(client.Hear(), "monitored");
     client.Tell("thread");
-    EXPECT_EQ(client.Hear(), "status 0");
+    EXPECT_EQ(client.Hear(), "0");
 }
 
 TEST(RpcFork, ChildIsAnotherClient) {
     TestServer server;
     const TestBinding binding;
     EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 0U);
-    const pid_t child = fork();
-    if (child == 0) {
-        // Connects by itself, and leaves an association of its own behind.
-        const bool own = binding.Call(kMonitor, Number(2)).Number() == 0 &&
+    EXPECT_EQ(RunForked([&] {
+                  // Connects by itself, and leaves an association of its own behind.
+                  return binding.Call(kMonitor, Number(2)).Number() == 0 &&
                          binding.Call(kIdentify).Number() == static_cast<uint32_t>(getpid());
-        _exit(own ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+              }),
+              1);
     EXPECT_TRUE(WaitUntil([&] { return binding.Call(kRundowns).Number(2) == 1; }));
     EXPECT_EQ(binding.Call(kRundowns).Number(1), 0U);
     EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 1U);
@@ -102,8 +90,7 @@ TEST(RpcFork, ChildOfAServerServesNobody) {
     close(held[0]);
     // The child lives on, and holds neither the clients nor the endpoint.
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    EXPECT_EQ(RpcMgmtStopServerListening(nullptr), RPC_S_OK);
-    EXPECT_EQ(RpcMgmtWaitServerListen(), RPC_S_OK);
+    EXPECT_EQ(StopServing(), RPC_S_OK);
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_SERVER_UNAVAILABLE);
     close(held[1]);
     int status = -1;
@@ -120,23 +107,22 @@ TEST(RpcServer, OutOfDescriptorsRefusesAndRecovers) {
     ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, nullptr, &limit), 0);
     limit.rlim_cur = 32;
     ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, &limit, nullptr), 0);
-    std::vector<std::unique_ptr<UnixStream>> clients;
+    std::vector<UnixStream> clients;
     unsigned refused = 0;
     while (clients.size() < 40) {
-        clients.push_back(std::make_unique<UnixStream>("test"));
-        clients.back()->Send(GoodBind());
-        const Bytes answer = clients.back()->ReceivePdu();
+        clients.emplace_back("test");
+        clients.back().Send(GoodBind());
+        const Bytes answer = clients.back().ReceivePdu();
         refused += TypeOf(answer) == kBindNakPdu && Get16(answer, 16) == 2; // local limit exceeded
     }
     EXPECT_GT(refused, 5U);
     EXPECT_LT(refused, 40U);
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
     const TestBinding late;
-    std::thread([&] { EXPECT_EQ(late.Call(kTouch).status, RPC_S_SERVER_TOO_BUSY); }).join();
+    RPC_STATUS status = RPC_S_OK;
+    const auto call = [&] { std::thread([&] { status = late.Call(kTouch).status; }).join(); };
+    call();
+    EXPECT_EQ(status, RPC_S_SERVER_TOO_BUSY);
     clients.clear();
-    EXPECT_TRUE(WaitUntil([&] {
-        RPC_STATUS status = RPC_S_OK;
-        std::thread([&] { status = late.Call(kTouch).status; }).join();
-        return status == RPC_S_OK;
-    }));
+    EXPECT_TRUE(WaitUntil([&] { return call(), status == RPC_S_OK; }));
 }

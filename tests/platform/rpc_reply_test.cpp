@@ -14,15 +14,18 @@ public:
     Reply Serve(const Bytes& ack, const Bytes& answer, size_t readsOfRequest = kRequestSize) {
         std::thread server([&] {
             UnixStream stream = m_listener.Accept();
-            stream.ReceivePdu();
+            bind = stream.ReceivePdu();
             stream.Send(Join({ack, answer}));
             if (readsOfRequest == kRequestSize) stream.EndSending();
-            stream.Receive(readsOfRequest);
+            request = stream.Receive(readsOfRequest);
         });
         const Reply reply = m_binding.Call(kEcho, {1, 2, 3, 4});
         server.join();
         return reply;
     }
+
+    Bytes bind;
+    Bytes request;
 
 private:
     static constexpr size_t kRequestSize = 28;
@@ -39,8 +42,7 @@ Bytes Ack(unsigned type = kBindAckPdu, uint32_t group = 77, unsigned received = 
     body = Join({body, {5, 0, 't', 'e', 's', 't', 0, 0}, {1, 0, 0, 0}});
     Put16(body, result.result);
     Put16(body, result.reason);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&transfer);
-    body.insert(body.end(), bytes, bytes + sizeof transfer);
+    Put(body, transfer);
     return Pdu(static_cast<uint8_t>(type), body);
 }
 
@@ -59,23 +61,17 @@ Bytes FaultPdu(uint32_t status, unsigned flags = kOnly) {
     return Pdu(kFaultPdu, CallBody(0, 0, stub), flags, 2);
 }
 
-Bytes Changed(Bytes pdu, size_t at, uint8_t value) {
-    pdu[at] = value;
-    return pdu;
-}
-
 } // namespace
 
 TEST(RpcReply, AnswerToABindIsChecked) {
     FakeServer server;
     Bytes half = Ack();
     half.resize(20);
-    struct Row {
+    const struct {
         const char* what;
         Bytes ack;
         RPC_STATUS status;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"too busy", Nak(2), RPC_S_SERVER_TOO_BUSY},
         {"version", Nak(4), RPC_S_PROTOCOL_ERROR},
         {"no reason", Nak(0), RPC_S_PROTOCOL_ERROR},
@@ -94,25 +90,22 @@ TEST(RpcReply, AnswerToABindIsChecked) {
         {"nothing", {}, RPC_S_SERVER_UNAVAILABLE},
         {"half of it", half, RPC_S_SERVER_UNAVAILABLE},
     };
-    for (const Row& row : rows)
+    for (const auto& row : rows)
         EXPECT_EQ(server.Serve(row.ack, {}).status, row.status) << row.what;
     EXPECT_EQ(server.Serve(Join({Pdu(kShutdownPdu, {}), Ack()}), Response({9})).body, Body({9}));
 }
 
 TEST(RpcReply, AnswerToARequestIsChecked) {
     FakeServer server;
-    Bytes trailer = Response(Bytes(24));
-    trailer[10] = 16;
     Bytes tooLarge = Response(Bytes(65000), kFirst);
     const Bytes more = Response(Bytes(65000), 0);
     while (tooLarge.size() <= (4 << 20))
         tooLarge.insert(tooLarge.end(), more.begin(), more.end());
-    struct Row {
+    const struct {
         const char* what;
         Bytes answer;
         RPC_STATUS status;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"good", Response({5, 6}), RPC_S_OK},
         {"in pieces", Join({Response({5}, kFirst), Response({}, 0), Response({6}, kLast)}), RPC_S_OK},
         {"after a shutdown", Join({Pdu(kShutdownPdu, {}), Response({5, 6})}), RPC_S_OK},
@@ -120,6 +113,12 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
         {"fault after a piece", Join({Response({5}, kFirst), FaultPdu(5)}), RPC_S_ACCESS_DENIED},
         {"fault 0", FaultPdu(0), RPC_S_CALL_FAILED},
         {"fault -2", FaultPdu(0xFFFFFFFE), RPC_S_CALL_FAILED},
+        {"an exception as a fault", FaultPdu(0xC0000005), RPC_S_CALL_FAILED},
+        {"unknown fault", FaultPdu(0x1C00FFFF), RPC_S_CALL_FAILED},
+        {"nca_s_op_rng_error", FaultPdu(0x1C010002), RPC_S_PROCNUM_OUT_OF_RANGE},
+        {"nca_unk_if", FaultPdu(0x1C010003), RPC_S_UNKNOWN_IF},
+        {"nca_server_too_busy", FaultPdu(0x1C010014), RPC_S_SERVER_TOO_BUSY},
+        {"nca_s_fault_remote_no_memory", FaultPdu(0x1C00001B), RPC_S_SERVER_OUT_OF_MEMORY},
         {"fault, not executed", FaultPdu(0x1C000012, kOnly | kNotExecuted), RPC_S_CALL_FAILED_DNE},
         {"short fault", Pdu(kFaultPdu, CallBody(0, 0, {}), kOnly, 2), RPC_S_PROTOCOL_ERROR},
         {"another call's", Response({5}, kOnly, 3), RPC_S_PROTOCOL_ERROR},
@@ -129,13 +128,13 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
         {"a request", Request(kEcho, {}), RPC_S_PROTOCOL_ERROR},
         {"length 0", Changed(Response({5}), 8, 0), RPC_S_PROTOCOL_ERROR},
         {"length 23", Changed(Response({5}), 8, 23), RPC_S_PROTOCOL_ERROR},
-        {"trailer", trailer, RPC_S_PROTOCOL_ERROR},
+        {"trailer", Changed(Response(Bytes(24)), 10, 16), RPC_S_PROTOCOL_ERROR},
         {"version 6", Changed(Response({5}), 0, 6), RPC_S_PROTOCOL_ERROR},
         {"too large", tooLarge, RPC_S_PROTOCOL_ERROR},
         {"too short", Changed(Response({5}), 8, 200), RPC_S_CALL_FAILED},
         {"first piece alone", Response({5}, kFirst), RPC_S_CALL_FAILED},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         const Reply reply = server.Serve(Ack(), row.answer);
         EXPECT_EQ(reply.status, row.status) << row.what;
         EXPECT_TRUE(row.status != RPC_S_OK || reply.body == Body({5, 6})) << row.what;
@@ -167,7 +166,19 @@ TEST(RpcReply, BigEndianReplyIsHandedOnWithItsLabel) {
     server.join();
 }
 
-TEST(RpcReply, DamagedAnswersLeaveTheClientWhole) {
+TEST(RpcReply, ClientSendsTheseBytes) {
+    FakeServer server;
+    EXPECT_EQ(server.Serve(Ack(), Response({9})).body, Body({9}));
+    // Version 5.0, bind, first and last fragment, little-endian, 72 bytes, call 1; fragments, no group; one context, 0:
+    // the interface in NDR.
+    const unsigned fragment = Get16(server.bind, 16);
+    EXPECT_EQ(server.bind, Pdu(kBindPdu, BindBody({{0, kTestInterface, {kNdrSyntax}}}, 0, fragment, fragment)));
+    EXPECT_GE(fragment, 1432U);
+    // Request, 28 bytes, call 2; 4 bytes of stub, context 0, procedure 0.
+    EXPECT_EQ(server.request, Pdu(kRequestPdu, CallBody(0, kEcho, {1, 2, 3, 4}, 4), kOnly, 2));
+}
+
+TEST(RpcReplyCampaign, DamagedAnswersLeaveTheClientWhole) {
     FakeServer server;
     unsigned fine = 0;
     const auto check = [&](const Reply& reply) {

@@ -1,12 +1,10 @@
 // Services: their state seen from other processes, how they start and stop, and records that cannot be believed.
 #include "campaign.h"
+#include "posix_kit.h"
 #include "private_machine.h"
-#include "store_kit.h"
-#include "test_process.h"
+#include "win32_kit.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
+#include <algorithm>
 #include <filesystem>
 #include <random>
 #include <sstream>
@@ -96,10 +94,36 @@ SERVICE_STATUS Query(const char* name) {
 }
 
 // State, controls, exit code, check point, wait hint.
-std::vector<DWORD> Fields(const SERVICE_STATUS& status) {
+using Fields = std::vector<DWORD>;
+Fields FieldsOf(const SERVICE_STATUS& status) {
     return {status.dwCurrentState, status.dwControlsAccepted, status.dwWin32ExitCode, status.dwCheckPoint,
             status.dwWaitHint};
 }
+
+Fields Stopped(DWORD exitCode) {
+    return {SERVICE_STOPPED, 0, exitCode, 0, 0};
+}
+
+bool WaitForState(const char* name, DWORD state) {
+    return WaitUntil([&] { return Query(name).dwCurrentState == state; });
+}
+
+DWORD Stop(SC_HANDLE service) {
+    SERVICE_STATUS status{};
+    return Code(ControlService(service, SERVICE_CONTROL_STOP, &status));
+}
+
+// A service process that does as it is told.
+struct Ordered : TestProcess {
+    explicit Ordered(const char* name = "Svc", const Environment& environment = {})
+        : TestProcess("RunsService", {name, "orders"}, environment) {
+        EXPECT_EQ(Hear(), "main");
+    }
+    void Order(const char* order) {
+        Tell(order);
+        EXPECT_EQ(Hear(), "told 0") << order;
+    }
+};
 
 std::string CommandLine(const std::string& name, const std::string& mode) {
     char program[MAX_PATH];
@@ -116,158 +140,136 @@ std::string RecordFile(const std::string& name) {
     return PrivateDirectory() + "/run/services/" + name + ".status";
 }
 
-// Code of the last error when the call failed.
-DWORD Code(BOOL result) {
-    return result ? ERROR_SUCCESS : GetLastError();
-}
-
 } // namespace
 
 TEST(ServiceControl, EveryStateIsSeenByOtherProcesses) {
     CreateTestService("Svc", "/bin/true");
-    EXPECT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, ERROR_SERVICE_NEVER_STARTED, 0, 0}));
-    TestProcess service("RunsService", {"Svc", "orders"});
-    ASSERT_EQ(service.Hear(), "main");
-    EXPECT_EQ(Fields(Query("svc")), (std::vector<DWORD>{SERVICE_START_PENDING, 0, 0, 0, 0}));
+    EXPECT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_SERVICE_NEVER_STARTED));
+    Ordered service;
+    EXPECT_EQ(FieldsOf(Query("svc")), (Fields{SERVICE_START_PENDING, 0, 0, 0, 0}));
     const struct {
         const char* order;
-        std::vector<DWORD> fields;
+        Fields fields;
     } steps[] = {
-        {"2 0 1 500", {SERVICE_START_PENDING, 0, 0, 1, 500}},     {"2 0 2 700", {SERVICE_START_PENDING, 0, 0, 2, 700}},
-        {"4 1", {SERVICE_RUNNING, SERVICE_ACCEPT_STOP, 0, 0, 0}}, {"4 0", {SERVICE_RUNNING, 0, 0, 0, 0}},
-        {"3 0 5 10", {SERVICE_STOP_PENDING, 0, 0, 5, 10}},        {"1 0 0 0 1234", {SERVICE_STOPPED, 0, 1234, 0, 0}},
+        {"2 0 1 500", {SERVICE_START_PENDING, 0, 0, 1, 500}},
+        {"4 1", {SERVICE_RUNNING, SERVICE_ACCEPT_STOP, 0, 0, 0}},
+        {"4 0", {SERVICE_RUNNING, 0, 0, 0, 0}},
+        {"3 0 5 10", {SERVICE_STOP_PENDING, 0, 0, 5, 10}},
+        {"1 0 0 0 1234", Stopped(1234)},
     };
     for (const auto& step : steps) {
-        service.Tell(step.order);
-        ASSERT_EQ(service.Hear(), "told 0");
-        EXPECT_EQ(Fields(Query("SVC")), step.fields) << step.order;
+        service.Order(step.order);
+        EXPECT_EQ(FieldsOf(Query("SVC")), step.fields) << step.order;
     }
     EXPECT_EQ(service.Wait(), 0);
-    EXPECT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, 1234, 0, 0}));
+    EXPECT_EQ(FieldsOf(Query("Svc")), Stopped(1234));
+    EXPECT_EQ(TestProcess("RunsService", {"Svc", "silent"}).Wait(), 0);
+    EXPECT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_PROCESS_ABORTED)) << "a main function that told nothing";
 }
 
-TEST(ServiceControl, AServiceThatIsKilledIsStoppedAtOnce) {
+CHILD_PROCESS(LocksTheRecord) {
+    child.Say(LockWholeFile(RecordFile("SVC")) ? "locked" : "failed");
+    child.Hear();
+    return 0;
+}
+
+TEST(ServiceControlCampaign, AServiceThatIsKilledIsStoppedAtOnce) {
     CreateTestService("Svc", "/bin/true");
-    const int rounds = Rounds(20, 500);
+    const int rounds = Rounds(10, 500);
     for (int round = 0; round < rounds; ++round) {
-        TestProcess service("RunsService", {"Svc", "orders"});
-        ASSERT_EQ(service.Hear(), "main");
-        if (round % 2 == 0) {
-            service.Tell("4 1");
-            service.Hear();
-        }
+        Ordered service;
+        if (round % 2 != 0) service.Order("4 1");
         service.Kill();
-        ASSERT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, ERROR_PROCESS_ABORTED, 0, 0}));
+        ASSERT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_PROCESS_ABORTED));
     }
+    // What the killed one left, "running", is not taken for the word of the next, which has the record but told
+    // nothing.
+    TestProcess next("LocksTheRecord");
+    ASSERT_EQ(next.Hear(), "locked");
+    EXPECT_EQ(FieldsOf(Query("Svc")), (Fields{SERVICE_START_PENDING, 0, 0, 0, 0}));
 }
 
 TEST(ServiceControl, SignalsAreStopControls) {
     for (const bool interrupt : {false, true}) {
-        TestProcess service("RunsService", {"Svc", "orders"});
-        ASSERT_EQ(service.Hear(), "main");
+        Ordered service;
         // A stop that comes too early is kept until the service accepts one.
         interrupt ? service.Interrupt() : service.Terminate();
-        service.Tell("2 0 1");
-        ASSERT_EQ(service.Hear(), "told 0");
-        service.Tell("4 0");
-        ASSERT_EQ(service.Hear(), "told 0");
+        service.Order("2 0 1");
+        service.Order("4 0");
         EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_RUNNING});
-        service.Tell("4 1");
-        ASSERT_EQ(service.Hear(), "told 0");
+        service.Order("4 1");
         service.Tell("wait");
         ASSERT_EQ(service.Hear(), "asked to stop");
         EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_STOP_PENDING});
         service.Terminate(); // and one that comes too late does nothing
-        service.Tell("1");
-        ASSERT_EQ(service.Hear(), "told 0");
+        service.Order("1");
         EXPECT_EQ(service.Wait(), 0);
     }
 }
 
 TEST(ServiceControl, ASecondInstanceIsRefused) {
-    TestProcess first("RunsService", {"Svc", "orders"});
-    ASSERT_EQ(first.Hear(), "main");
+    Ordered first;
     TestProcess second("RunsService", {"SVC", "orders"});
     EXPECT_EQ(second.Hear(), "refused " + std::to_string(ERROR_SERVICE_ALREADY_RUNNING));
-    TestProcess another("RunsService", {"Other", "orders"});
-    EXPECT_EQ(another.Hear(), "main");
+    const Ordered another("Other");
     // From the word that it stopped on, the next may come, however long the process still takes.
-    first.Tell("1");
-    ASSERT_EQ(first.Hear(), "told 0");
-    first.Stop();
-    TestProcess third("RunsService", {"Svc", "orders"});
-    EXPECT_EQ(third.Hear(), "main");
+    first.Order("1");
+    first.TestProcess::Stop();
+    const Ordered third;
     EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_START_PENDING});
     first.Continue();
     EXPECT_EQ(first.Wait(), 0);
     EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_START_PENDING});
 }
 
-TEST(ServiceControl, AMainFunctionWithoutAWordStopsTheService) {
-    TestProcess service("RunsService", {"Svc", "silent"});
-    EXPECT_EQ(service.Wait(), 0);
-    CreateTestService("Svc", "/bin/true");
-    EXPECT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, ERROR_PROCESS_ABORTED, 0, 0}));
-}
-
 TEST(ServiceControl, AConfiguredServiceIsStartedAndStopped) {
     SC_HANDLE service = CreateTestService("Svc", CommandLine("Svc", "normal"));
     ASSERT_NE(service, nullptr) << GetLastError();
-    EXPECT_EQ(CreateTestService("SVC", "/bin/true"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_EXISTS});
-
+    EXPECT_FAILS(CreateTestService("SVC", "/bin/true"), ERROR_SERVICE_EXISTS);
     SERVICE_STATUS status{};
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_SERVICE_NOT_ACTIVE});
-    ASSERT_EQ(Code(StartServiceA(service, 0, nullptr)), DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(Stop(service), DWORD{ERROR_SERVICE_NOT_ACTIVE});
+    ASSERT_TRUE(StartServiceA(service, 0, nullptr)) << GetLastError();
     EXPECT_NE(Query("Svc").dwCurrentState, DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(Code(StartServiceA(service, 0, nullptr)), DWORD{ERROR_SERVICE_ALREADY_RUNNING});
-    ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_RUNNING; }));
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_INTERROGATE, &status)), DWORD{ERROR_SUCCESS});
+    EXPECT_FAILS(StartServiceA(service, 0, nullptr), ERROR_SERVICE_ALREADY_RUNNING);
+    ASSERT_TRUE(WaitForState("Svc", SERVICE_RUNNING));
+    EXPECT_TRUE(ControlService(service, SERVICE_CONTROL_INTERROGATE, &status));
     EXPECT_EQ(status.dwCurrentState, DWORD{SERVICE_RUNNING});
-    EXPECT_EQ(Code(ControlService(service, 128, &status)), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_FAILS(ControlService(service, 128, &status), ERROR_INVALID_PARAMETER);
 
     // It goes on without its configuration, and can still be stopped.
-    EXPECT_EQ(Code(DeleteService(service)), DWORD{ERROR_SUCCESS});
-    EXPECT_EQ(Code(DeleteService(service)), DWORD{ERROR_SERVICE_MARKED_FOR_DELETE});
+    EXPECT_TRUE(DeleteService(service));
+    EXPECT_FAILS(DeleteService(service), ERROR_SERVICE_MARKED_FOR_DELETE);
     EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_RUNNING});
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_SUCCESS});
+    EXPECT_TRUE(ControlService(service, SERVICE_CONTROL_STOP, &status));
     EXPECT_NE(status.dwCurrentState, DWORD{SERVICE_RUNNING});
-    ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == ERROR_SERVICE_DOES_NOT_EXIST; }));
+    ASSERT_TRUE(WaitForState("Svc", ERROR_SERVICE_DOES_NOT_EXIST));
     EXPECT_TRUE(QueryServiceStatus(service, &status));
-    EXPECT_EQ(Fields(status), (std::vector<DWORD>{SERVICE_STOPPED, 0, 42, 0, 0}));
-    EXPECT_EQ(Code(StartServiceA(service, 0, nullptr)), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
+    EXPECT_EQ(FieldsOf(status), Stopped(42));
+    EXPECT_FAILS(StartServiceA(service, 0, nullptr), ERROR_SERVICE_DOES_NOT_EXIST);
     EXPECT_TRUE(CloseServiceHandle(service));
-    EXPECT_EQ(Code(CloseServiceHandle(service)), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_FAILS(CloseServiceHandle(service), ERROR_INVALID_HANDLE);
 }
 
-TEST(ServiceControl, WhatCannotStartSaysWhy) {
+TEST(ServiceControl, WhatCannotStartOrStopSaysWhy) {
     const struct {
         const char* name;
         const char* path;
         DWORD start;
-        DWORD code;
+        DWORD error;
     } rows[] = {
         {"ends", "/bin/false", SERVICE_DEMAND_START, ERROR_PROCESS_ABORTED},
         {"missing", "\\no\\such\\program", SERVICE_DEMAND_START, ERROR_PATH_NOT_FOUND},
         {"disabled", "/bin/true", SERVICE_DISABLED, ERROR_SERVICE_DISABLED},
     };
-    for (const auto& row : rows) {
-        SC_HANDLE service = CreateTestService(row.name, row.path, row.start);
-        EXPECT_EQ(Code(StartServiceA(service, 0, nullptr)), row.code) << row.name;
-    }
-    SC_HANDLE service = CreateTestService("arguments", "/bin/true");
+    for (const auto& row : rows)
+        EXPECT_FAILS(StartServiceA(CreateTestService(row.name, row.path, row.start), 0, nullptr), row.error);
+    SC_HANDLE service = CreateTestService("Svc", "/bin/true");
     LPCSTR argument = "a";
-    EXPECT_EQ(Code(StartServiceA(service, 1, &argument)), DWORD{ERROR_NOT_SUPPORTED});
-    // One that is asked to stop while it cannot.
-    SERVICE_STATUS status{};
-    service = CreateTestService("Svc", "/bin/true");
-    TestProcess process("RunsService", {"Svc", "orders"});
-    ASSERT_EQ(process.Hear(), "main");
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_SERVICE_CANNOT_ACCEPT_CTRL});
-    EXPECT_EQ(status.dwCurrentState, DWORD{SERVICE_START_PENDING});
-    process.Tell("4 0");
-    process.Hear();
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_INVALID_SERVICE_CONTROL});
+    EXPECT_FAILS(StartServiceA(service, 1, &argument), ERROR_NOT_SUPPORTED);
+    Ordered process;
+    EXPECT_EQ(Stop(service), DWORD{ERROR_SERVICE_CANNOT_ACCEPT_CTRL});
+    process.Order("4 0");
+    EXPECT_EQ(Stop(service), DWORD{ERROR_INVALID_SERVICE_CONTROL});
 }
 
 CHILD_PROCESS(StartsTheService) {
@@ -280,75 +282,65 @@ CHILD_PROCESS(StartsTheService) {
 
 TEST(ServiceControl, OfTwoWhoStartItAtOnceOneIsFirst) {
     SC_HANDLE service = CreateTestService("Svc", CommandLine("Svc", "normal"));
-    for (int round = 0; round < 5; ++round) {
-        TestProcess one("StartsTheService");
-        TestProcess two("StartsTheService");
-        one.Hear();
-        two.Hear();
-        one.Tell("go");
-        two.Tell("go");
-        std::vector<std::string> codes{one.Hear(), two.Hear()};
+    for (int round = 0; round < 3; ++round) {
+        TestProcess both[] = {TestProcess("StartsTheService"), TestProcess("StartsTheService")};
+        for (TestProcess& one : both)
+            one.Hear();
+        for (TestProcess& one : both)
+            one.Tell("go");
+        std::vector<std::string> codes{both[0].Hear(), both[1].Hear()};
         std::sort(codes.begin(), codes.end());
         EXPECT_EQ(codes, (std::vector<std::string>{"0", std::to_string(ERROR_SERVICE_ALREADY_RUNNING)}));
-        ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_RUNNING; }));
-        SERVICE_STATUS status{};
-        EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_SUCCESS});
-        ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_STOPPED; }));
+        ASSERT_TRUE(WaitForState("Svc", SERVICE_RUNNING));
+        EXPECT_EQ(Stop(service), DWORD{ERROR_SUCCESS});
+        ASSERT_TRUE(WaitForState("Svc", SERVICE_STOPPED));
     }
 }
 
 TEST(ServiceControl, ArgumentsAndRightsAreChecked) {
-    const auto open = [](const char* machine, const char* database, DWORD access) {
-        return Code(OpenSCManagerA(machine, database, access) != nullptr);
-    };
-    EXPECT_EQ(open("elsewhere", nullptr, SC_MANAGER_CONNECT), DWORD{ERROR_NOT_SUPPORTED});
-    EXPECT_EQ(open("", "Other", SC_MANAGER_CONNECT), DWORD{ERROR_INVALID_NAME});
-    EXPECT_EQ(open("", SERVICES_ACTIVE_DATABASEA, GENERIC_READ), DWORD{ERROR_SUCCESS});
-    EXPECT_EQ(open("", nullptr, 0x40000), DWORD{ERROR_SUCCESS}); // WRITE_DAC
-    EXPECT_EQ(open("", nullptr, 0x8000), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_FAILS(OpenSCManagerA("elsewhere", nullptr, SC_MANAGER_CONNECT), ERROR_NOT_SUPPORTED);
+    EXPECT_FAILS(OpenSCManagerA("", "Other", SC_MANAGER_CONNECT), ERROR_INVALID_NAME);
+    EXPECT_FAILS(Manager(0x8000), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(OpenSCManagerA("", SERVICES_ACTIVE_DATABASEA, GENERIC_READ));
+    EXPECT_TRUE(Manager(0x40000)); // WRITE_DAC
 
     CreateTestService("Svc", "/bin/true");
-    for (const std::string& name :
-         {std::string(), std::string("a/b"), std::string("a\\b"), std::string("tab\t"), std::string(81, 'n')})
-        EXPECT_EQ(Code(OpenServiceA(Manager(), name.c_str(), SERVICE_QUERY_STATUS) != nullptr),
-                  DWORD{ERROR_INVALID_NAME});
-    EXPECT_EQ(Code(OpenServiceA(Manager(), "absent", SERVICE_QUERY_STATUS) != nullptr),
-              DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
-    EXPECT_EQ(Code(OpenServiceA(nullptr, "Svc", SERVICE_QUERY_STATUS) != nullptr), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_EQ(CreateServiceA(Manager(SC_MANAGER_CONNECT), "New", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
-                             SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, "x", nullptr, nullptr, nullptr, nullptr,
-                             nullptr),
-              nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(CreateServiceA(Manager(), "New", nullptr, 0, 0x20, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, "x",
-                             nullptr, nullptr, nullptr, nullptr, nullptr),
-              nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    const auto open = [](const std::string& name, DWORD access = SERVICE_QUERY_STATUS) {
+        return OpenServiceA(Manager(), name.c_str(), access);
+    };
+    for (const std::string& name : {std::string(), std::string("a/b"), std::string("tab\t"), std::string(81, 'n')})
+        EXPECT_FAILS(open(name), ERROR_INVALID_NAME);
+    EXPECT_FAILS(open("absent"), ERROR_SERVICE_DOES_NOT_EXIST);
+    EXPECT_FAILS(OpenServiceA(nullptr, "Svc", SERVICE_QUERY_STATUS), ERROR_INVALID_HANDLE);
+    const auto create = [](DWORD access, DWORD type) {
+        return CreateServiceA(Manager(access), "New", nullptr, 0, type, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, "x",
+                              nullptr, nullptr, nullptr, nullptr, nullptr);
+    };
+    EXPECT_FAILS(create(SC_MANAGER_CONNECT, SERVICE_WIN32_OWN_PROCESS), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(create(SC_MANAGER_ALL_ACCESS, 0x20), ERROR_INVALID_PARAMETER);
     SERVICE_STATUS status{};
-    SC_HANDLE service = OpenServiceA(Manager(), "Svc", SERVICE_INTERROGATE);
-    EXPECT_EQ(Code(QueryServiceStatus(service, &status)), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(Code(StartServiceA(service, 0, nullptr)), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(Code(ControlService(service, SERVICE_CONTROL_STOP, &status)), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(Code(DeleteService(service)), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(Code(QueryServiceStatus(Manager(), &status)), DWORD{ERROR_INVALID_HANDLE});
+    SC_HANDLE service = open("Svc", SERVICE_INTERROGATE);
+    EXPECT_FAILS(QueryServiceStatus(service, &status), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(StartServiceA(service, 0, nullptr), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(ControlService(service, SERVICE_CONTROL_STOP, &status), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(DeleteService(service), ERROR_ACCESS_DENIED);
+    EXPECT_FAILS(QueryServiceStatus(Manager(), &status), ERROR_INVALID_HANDLE);
 
     // The service's own calls, in a process that is none.
-    EXPECT_EQ(RegisterServiceCtrlHandlerA("Svc", OnControl), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_NOT_IN_EXE});
-    EXPECT_EQ(Code(SetServiceStatus(nullptr, &status)), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_FAILS(RegisterServiceCtrlHandlerA("Svc", OnControl), ERROR_SERVICE_NOT_IN_EXE);
+    EXPECT_FAILS(SetServiceStatus(nullptr, &status), ERROR_INVALID_HANDLE);
     const SERVICE_TABLE_ENTRYA empty[] = {{nullptr, nullptr}};
-    EXPECT_EQ(Code(StartServiceCtrlDispatcherA(empty)), DWORD{ERROR_INVALID_DATA});
+    EXPECT_FAILS(StartServiceCtrlDispatcherA(empty), ERROR_INVALID_DATA);
 }
 
 CHILD_PROCESS(LooksAsAnotherUser) {
     if (!BecomeNobody()) return 1;
     std::string said = std::to_string(Query("Svc").dwCurrentState);
     for (const DWORD access : {SERVICE_START, SERVICE_STOP, static_cast<int>(DELETE), SERVICE_INTERROGATE})
-        said += " " + std::to_string(Code(OpenServiceA(Manager(SC_MANAGER_CONNECT), "Svc", access) != nullptr));
-    child.Say(said + " " + std::to_string(Code(Manager(SC_MANAGER_CREATE_SERVICE) != nullptr)));
-    // Holds on to what it may read, and runs a service of that name itself.
-    const bool locked = LockForReading(RecordFile("SVC"));
-    child.Say(locked ? "locked" : "not locked");
+        said += " " + std::to_string(Code(OpenServiceA(Manager(SC_MANAGER_CONNECT), "Svc", access)));
+    child.Say(said + " " + std::to_string(Code(Manager(SC_MANAGER_CREATE_SERVICE))));
+    // Holds on to what it may read.
+    child.Say(LockWholeFile(RecordFile("SVC"), true) ? "locked" : "not locked");
     child.Hear();
     return 0;
 }
@@ -356,18 +348,14 @@ CHILD_PROCESS(LooksAsAnotherUser) {
 TEST(ServiceControl, AnotherUserLooksAndCannotBeInTheWay) {
     if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
     SC_HANDLE service = CreateTestService("Svc", CommandLine("Svc", "normal"));
-    ASSERT_TRUE(StartServiceA(service, 0, nullptr));
-    ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_RUNNING; }));
-    SERVICE_STATUS status{};
-    ASSERT_TRUE(ControlService(service, SERVICE_CONTROL_STOP, &status));
-    ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_STOPPED; }));
+    Ordered().Order("1");
     TestProcess other("LooksAsAnotherUser");
     EXPECT_EQ(other.Hear(), "1 5 5 5 0 5");
     ASSERT_EQ(other.Hear(), "locked");
     EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_STOPPED});
-    ASSERT_EQ(Code(StartServiceA(service, 0, nullptr)), DWORD{ERROR_SUCCESS});
-    ASSERT_TRUE(WaitUntil([] { return Query("Svc").dwCurrentState == SERVICE_RUNNING; }));
-    ASSERT_TRUE(ControlService(service, SERVICE_CONTROL_STOP, &status));
+    ASSERT_TRUE(StartServiceA(service, 0, nullptr)) << GetLastError();
+    ASSERT_TRUE(WaitForState("Svc", SERVICE_RUNNING));
+    EXPECT_EQ(Stop(service), DWORD{ERROR_SUCCESS});
 }
 
 CHILD_PROCESS(PretendsToBeTheService) {
@@ -377,44 +365,38 @@ CHILD_PROCESS(PretendsToBeTheService) {
 
 TEST(ServiceControl, ARecordThatCannotBeBelievedIsNoService) {
     CreateTestService("Svc", "/bin/true");
-    TestProcess service("RunsService", {"Svc", "orders"});
-    ASSERT_EQ(service.Hear(), "main");
-    service.Tell("4 1");
-    service.Hear();
-    const std::string sound = ReadWholeFile(RecordFile("SVC"));
-    service.Kill();
-
+    std::string sound;
+    {
+        Ordered service;
+        service.Order("4 1");
+        sound = ReadWholeFile(RecordFile("SVC"));
+    }
     for (const Plant plant : {Plant::kLink, Plant::kPipe, Plant::kDirectory}) {
         ASSERT_TRUE(PlantInPlace(RecordFile("SVC"), plant, PrivateDirectory() + "/state"));
         EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_STOPPED}) << static_cast<int>(plant);
-        TestProcess next("RunsService", {"Svc", "orders"});
-        EXPECT_EQ(next.Hear(), "main");
+        const Ordered next;
     }
     std::mt19937_64 random(Seed());
     for (int round = 0; round < 200; ++round) {
         std::string damaged = sound.substr(0, round % 5 == 0 ? random() % sound.size() : sound.size());
         if (!damaged.empty()) damaged[random() % damaged.size()] ^= static_cast<char>(1 + random() % 255);
         ReplaceFile(RecordFile("SVC"), damaged);
-        ASSERT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, ERROR_PROCESS_ABORTED, 0, 0}));
+        ASSERT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_PROCESS_ABORTED));
     }
     std::filesystem::remove(RecordFile("SVC"));
     if (!IsRoot()) return;
     TestProcess pretender("PretendsToBeTheService", {"Svc", "orders"});
     ASSERT_EQ(pretender.Hear(), "main");
-    EXPECT_EQ(Fields(Query("Svc")), (std::vector<DWORD>{SERVICE_STOPPED, 0, ERROR_SERVICE_NEVER_STARTED, 0, 0}));
-    TestProcess real("RunsService", {"Svc", "orders"});
-    EXPECT_EQ(real.Hear(), "main");
+    EXPECT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_SERVICE_NEVER_STARTED));
+    const Ordered real;
     EXPECT_EQ(Query("Svc").dwCurrentState, DWORD{SERVICE_START_PENDING});
 }
 
 TEST(ServiceControl, TheSupervisorIsTold) {
     NotifySocket supervisor(PrivateDirectory() + "/notify");
-    TestProcess service("RunsService", {"Svc", "orders"}, {{"NOTIFY_SOCKET", supervisor.Path()}});
-    ASSERT_EQ(service.Hear(), "main");
-    for (const char* order : {"2 0 1", "4 1", "4 1", "3 0 1", "1"}) {
-        service.Tell(order);
-        ASSERT_EQ(service.Hear(), "told 0");
-    }
+    Ordered service("Svc", {{"NOTIFY_SOCKET", PrivateDirectory() + "/notify"}});
+    for (const char* order : {"2 0 1", "4 1", "4 1", "3 0 1", "1"})
+        service.Order(order);
     EXPECT_EQ(service.Wait(), 0);
     EXPECT_EQ(supervisor.Messages(), (std::vector<std::string>{"READY=1", "STOPPING=1"}));
 }

@@ -1,5 +1,6 @@
 // What other users of the machine can put into the folder of windows and write into a queue, and what dead processes
 // leave there. Linux only: it speaks of files.
+#include "posix_kit.h"
 #include "private_machine.h"
 #include "window_kit.h"
 
@@ -37,12 +38,6 @@ std::string ForgedRecord() {
     std::string record(552, '\0');
     std::memcpy(record.data(), fields, sizeof fields);
     return record.replace(32, 10, "TVORForged").replace(292, 6, "Forged");
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    EXPECT_EQ(write(file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(file);
 }
 
 int MakeFifo(const std::string& path, mode_t mode = 0622) {
@@ -88,7 +83,7 @@ CHILD_PROCESS(AnotherUser) {
     const HWND window = ToWindow(child.arguments[0]);
     const std::string queue = FileOf(window, ".queue");
     const std::string record = FileOf(window, ".window");
-    if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+    if (!BecomeNobody()) return 2;
     std::string may;
     if (FindWindowA("TVORTestClass", nullptr) == window) may += " find";
     if (PostMessageA(window, WM_APP, 1, 2)) may += " post";
@@ -106,8 +101,9 @@ CHILD_PROCESS(AnotherUser) {
 TEST(WindowFiles, GoWithTheirProcesses) {
     TestProcess killed("HasWindows");
     TestProcess ended("HasWindows");
+    HWND window = nullptr;
     for (int i = 0; i < 3; ++i) {
-        const HWND window = ToWindow(killed.Hear());
+        window = ToWindow(killed.Hear());
         ended.Hear();
         EXPECT_EQ(fs::status(FileOf(window, ".queue")).permissions(), fs::perms(0622)) << "whatever the umask";
         EXPECT_EQ(fs::status(FileOf(window, ".window")).permissions(), fs::perms(0644));
@@ -118,8 +114,10 @@ TEST(WindowFiles, GoWithTheirProcesses) {
     EXPECT_EQ(Files(), 6);
     killed.Kill();
     EXPECT_EQ(Files(), 6) << "nobody has looked yet";
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_FAILS(PostMessageA(window, WM_APP, 0, 0), ERROR_INVALID_WINDOW_HANDLE);
     close(MakeFifo(FileOf(kForged, ".reply"))); // left half way by others
-    WriteFile(FileOf(kForged, ".window"), ForgedRecord());
+    ReplaceFile(FileOf(kForged, ".window"), ForgedRecord());
     EXPECT_EQ(FindWindowA("TVORTestClass", "Owned"), nullptr);
     EXPECT_EQ(Files(), 0) << "a finder sweeps";
     close(MakeFifo(FileOf(kForged, ".queue")));
@@ -146,15 +144,10 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
     const std::string record = FileOf(kForged, ".window");
     const std::string elsewhere = PrivateDirectory() + "/elsewhere";
     enum Fault {
-        None,
-        RecordIsLink,
-        RecordHasTwoNames,
-        RecordIsFifo,
-        RecordOfAnotherUser,
-        QueueIsLink,
-        QueueHasTwoNames,
-        QueueOfAnotherMode,
-        QueueIsFile
+        // clang-format off
+        None, RecordIsLink, RecordHasTwoNames, RecordIsFifo, RecordOfAnotherUser,
+        QueueIsLink, QueueHasTwoNames, QueueOfAnotherMode, QueueIsFile
+        // clang-format on
     };
     struct Case {
         const char* name;
@@ -188,15 +181,13 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
     for (const Case& planted : cases) {
         SCOPED_TRACE(planted.name);
         const Fault fault = planted.fault;
-        if (fault == RecordOfAnotherUser && geteuid() != 0) continue;
+        if (fault == RecordOfAnotherUser && !IsRoot()) continue;
         std::string bytes = ForgedRecord();
         bytes.replace(planted.at, planted.count, planted.count, planted.value).resize(planted.size);
-        if (fault == RecordIsFifo)
-            close(MakeFifo(record, 0644));
-        else
-            WriteFile(fault == RecordIsLink ? elsewhere : record, bytes);
-        if (fault == RecordIsLink) fs::create_symlink(elsewhere, record);
-        if (fault == RecordHasTwoNames) fs::create_hard_link(record, elsewhere);
+        ReplaceFile(fault == RecordIsLink ? elsewhere : record, bytes);
+        EXPECT_TRUE(fault != RecordIsFifo || PlantInPlace(record, Plant::kPipe, ""));
+        EXPECT_TRUE(fault != RecordIsLink || PlantInPlace(record, Plant::kLink, elsewhere));
+        EXPECT_TRUE(fault != RecordHasTwoNames || PlantInPlace(elsewhere, Plant::kHardLink, record));
         EXPECT_TRUE(fault != RecordOfAnotherUser || chown(record.c_str(), 65534, 65534) == 0);
         const int fifo = fault == QueueIsFile ? open(queue.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0622)
                                               : MakeFifo(fault == QueueIsLink ? elsewhere : queue,
@@ -222,7 +213,7 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
 }
 
 TEST(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
     const HWND window = MakeWindow("TVORTestClass");
     TestProcess other("AnotherUser", {ToText(window)});
     MSG message;

@@ -1,12 +1,7 @@
 // Windows for tests: making them, reading their messages with a deadline, handing their handles to other processes.
 #pragma once
 
-#include "test_process.h"
-
-#include <gtest/gtest.h>
-#include <windows.h>
-
-#include <string>
+#include "win32_kit.h"
 
 inline ATOM RegisterTestClass(const char* name, WNDPROC procedure) {
     WNDCLASSEXA windowClass{};
@@ -57,10 +52,3 @@ inline int RunMessageLoop() {
         DispatchMessageA(&message);
     return more == 0 ? static_cast<int>(message.wParam) : -1;
 }
-
-#define EXPECT_FAILS(call, error)                                                                                      \
-    do {                                                                                                               \
-        SetLastError(0);                                                                                               \
-        EXPECT_FALSE(call);                                                                                            \
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)) << #call;                                                 \
-    } while (false)

@@ -64,7 +64,7 @@ CHILD_PROCESS(PostsMessages) {
 } // namespace
 
 TEST(Messages, OfFourPostersArriveCompleteAndInOrder) {
-    constexpr LPARAM kEach = 2500;
+    constexpr LPARAM kEach = 1500;
     const HWND window = MakeWindow("TVORTestClass");
     std::vector<TestProcess> posters;
     for (int i = 0; i < 4; ++i)
@@ -217,15 +217,13 @@ TEST(SentMessages, ReachOtherThreadsAndTheOwnDirectly) {
     EXPECT_EQ(SendMessageA(mine, kEcho, 3, 4), 7);
     EXPECT_TRUE(QueueIsEmpty());
     std::atomic<HWND> other{nullptr};
-    const auto serve = [](LPVOID parameter) -> DWORD {
-        *static_cast<std::atomic<HWND>*>(parameter) = CreateTestWindow("TVORTestClass");
-        return static_cast<DWORD>(RunMessageLoop());
-    };
-    const HANDLE thread = CreateThread(nullptr, 0, serve, &other, 0, nullptr);
+    const Owned thread = StartThread([&] {
+        other = CreateTestWindow("TVORTestClass");
+        return RunMessageLoop();
+    });
     ASSERT_TRUE(WaitUntil([&] { return other.load() != nullptr; }));
     EXPECT_EQ(SendMessageA(other, kAskBack, reinterpret_cast<WPARAM>(mine), 6), 7);
     EXPECT_EQ(SendMessageA(other, WM_CLOSE, 0, 0), 0);
     EXPECT_FALSE(IsWindow(other));
-    EXPECT_EQ(WaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
-    CloseHandle(thread);
+    EXPECT_EQ(Finish(thread), 0U);
 }

@@ -35,21 +35,13 @@ std::vector<HWND> AllWindows() {
 TEST(WindowClass, RegistrationIsChecked) {
     const std::string longest(256, 'c');
     const std::string tooLong(257, 'c');
-    WNDCLASSEXA good{};
-    good.cbSize = sizeof good;
-    good.lpfnWndProc = DefWindowProcA;
-    good.lpszClassName = "TVORTestClass";
-    const auto refused = [&](auto change) {
-        WNDCLASSEXA bad = good;
-        change(bad);
-        EXPECT_FAILS(RegisterClassExA(&bad), ERROR_INVALID_PARAMETER);
-    };
-    refused([](WNDCLASSEXA& c) { c.cbSize -= 1; });
-    refused([](WNDCLASSEXA& c) { c.lpfnWndProc = nullptr; });
-    refused([](WNDCLASSEXA& c) { c.lpszClassName = nullptr; });
-    refused([](WNDCLASSEXA& c) { c.lpszClassName = ""; });
-    refused([&](WNDCLASSEXA& c) { c.lpszClassName = tooLong.c_str(); });
-
+    const WNDCLASSEXA good{.cbSize = sizeof good, .lpfnWndProc = DefWindowProcA, .lpszClassName = "TVORTestClass"};
+    WNDCLASSEXA shorter = good;
+    shorter.cbSize -= 1;
+    EXPECT_FAILS(RegisterClassExA(&shorter), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(RegisterTestClass("NoProcedure", nullptr), ERROR_INVALID_PARAMETER);
+    for (const char* name : {static_cast<const char*>(nullptr), "", tooLong.c_str()})
+        EXPECT_FAILS(RegisterTestClass(name, DefWindowProcA), ERROR_INVALID_PARAMETER);
     const ATOM first = RegisterClassExA(&good);
     EXPECT_NE(first, 0);
     EXPECT_FAILS(RegisterTestClass("tvortestCLASS", DefWindowProcA), ERROR_CLASS_ALREADY_EXISTS);
@@ -162,41 +154,22 @@ TEST(Window, IsFoundFromOtherProcessesByClassAndTitle) {
     EXPECT_EQ(AllWindows(), std::vector<HWND>{mine});
 }
 
-TEST(Window, IsGoneWithAKilledProcess) {
-    TestProcess owner("OwnsWindows", {"Killed"});
-    const HWND window = ToWindow(owner.Hear());
-    TestProcess survivor("OwnsWindows", {"Survivor"});
-    const HWND other = ToWindow(survivor.Hear());
-    owner.Kill();
-    EXPECT_FALSE(IsWindow(window));
-    EXPECT_FAILS(PostMessageA(window, WM_APP, 0, 0), ERROR_INVALID_WINDOW_HANDLE);
-    EXPECT_EQ(FindWindowA("TVORTestClass", "Killed"), nullptr);
-    EXPECT_EQ(AllWindows(), std::vector<HWND>{other});
-}
-
 // Whether the thread ends or is stopped while it waits for messages.
 TEST(Window, IsGoneWithItsThread) {
-    struct Shared {
-        bool waits;
-        std::atomic<HWND> window{nullptr};
-    };
-    const auto makeWindow = [](LPVOID parameter) -> DWORD {
-        auto* shared = static_cast<Shared*>(parameter);
-        shared->window = MakeWindow("TVORTestClass");
-        return shared->waits ? static_cast<DWORD>(RunMessageLoop()) : 0;
-    };
     for (const bool waits : {false, true}) {
-        Shared shared{waits};
-        const HANDLE thread = CreateThread(nullptr, 0, makeWindow, &shared, 0, nullptr);
-        ASSERT_TRUE(WaitUntil([&] { return shared.window.load() != nullptr; }));
+        std::atomic<HWND> window{nullptr};
+        const Owned thread = StartThread([&] {
+            window = MakeWindow("TVORTestClass");
+            return waits ? RunMessageLoop() : 0;
+        });
+        ASSERT_TRUE(WaitUntil([&] { return window.load() != nullptr; }));
         if (waits) {
             // Once it answers it is in its loop.
-            EXPECT_EQ(SendMessageTimeoutA(shared.window, WM_NULL, 0, 0, SMTO_NORMAL, 10000, nullptr), 1);
+            EXPECT_EQ(SendMessageTimeoutA(window, WM_NULL, 0, 0, SMTO_NORMAL, 10000, nullptr), 1);
             EXPECT_TRUE(TerminateThread(thread, 1));
         }
-        EXPECT_EQ(WaitForSingleObject(thread, 20000), static_cast<DWORD>(WAIT_OBJECT_0));
-        CloseHandle(thread);
-        EXPECT_FALSE(IsWindow(shared.window));
+        EXPECT_EQ(Finish(thread), waits ? 1U : 0U);
+        EXPECT_FALSE(IsWindow(window));
         EXPECT_TRUE(UnregisterClassA("TVORTestClass", nullptr)) << "it has no windows left";
     }
 }
