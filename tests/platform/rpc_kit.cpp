@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstring>
 #include <new>
-#include <thread>
 
 const RPC_SYNTAX_IDENTIFIER kTestInterface{
     {0x8d1f7a10, 0x52c4, 0x4a0e, {0x9d, 0x3b, 0x0f, 0x1e, 0x2d, 0x3c, 0x4b, 0x5a}}, {1, 2}};
@@ -43,29 +42,18 @@ void ReplyNumbers(PRPC_MESSAGE message, const std::vector<uint32_t>& numbers) {
     std::ranges::copy(numbers, reinterpret_cast<uint32_t*>(ReplyBuffer(message, numbers.size() * 4)));
 }
 
-void __RPC_STUB Echo(PRPC_MESSAGE message) {
+void Echo(PRPC_MESSAGE message) {
     const void* request = message->Buffer;
     const unsigned size = message->BufferLength;
     std::memcpy(ReplyBuffer(message, size), request, size);
 }
 
-void __RPC_STUB Make(PRPC_MESSAGE message) {
-    const uint32_t size = Argument(message);
-    uint8_t* reply = ReplyBuffer(message, size);
-    for (uint32_t i = 0; i < size; ++i)
-        reply[i] = static_cast<uint8_t>(i * 7);
-}
-
-void __RPC_STUB Raise(PRPC_MESSAGE message) {
-    RpcRaiseException(static_cast<RPC_STATUS>(Argument(message)));
-}
-
-void __RPC_STUB Throw(PRPC_MESSAGE message) {
+void Throw(PRPC_MESSAGE message) {
     if (Argument(message) == 0) throw std::bad_alloc();
     throw 1;
 }
 
-void __RPC_STUB Identify(PRPC_MESSAGE message) {
+void Identify(PRPC_MESSAGE message) {
     ULONG process = 0;
     ULONG sameProcess = 0;
     RPC_AUTHZ_HANDLE identity = nullptr;
@@ -81,11 +69,7 @@ void __RPC_STUB Identify(PRPC_MESSAGE message) {
     std::memcpy(reply + 4, text.data(), text.size());
 }
 
-void __RPC_STUB Touch(PRPC_MESSAGE message) {
-    ReplyNumbers(message, {++g_touches});
-}
-
-void __RPC_STUB Monitor(PRPC_MESSAGE message) {
+void Monitor(PRPC_MESSAGE message) {
     const uintptr_t context = Argument(message);
     void* before = nullptr;
     if (I_RpcGetAssociationContext(nullptr, &before) != RPC_S_OK ||
@@ -94,49 +78,45 @@ void __RPC_STUB Monitor(PRPC_MESSAGE message) {
     ReplyNumbers(message, {static_cast<uint32_t>(reinterpret_cast<uintptr_t>(before))});
 }
 
-void __RPC_STUB StopMonitor(PRPC_MESSAGE message) {
+void StopMonitor(PRPC_MESSAGE message) {
     if (I_RpcStopMonitorAssociation(message->Handle) != RPC_S_OK) RpcRaiseException(RPC_S_INTERNAL_ERROR);
     ReplyNumbers(message, {});
 }
 
-void __RPC_STUB Rundowns(PRPC_MESSAGE message) {
-    ReplyNumbers(message, std::vector<uint32_t>(std::begin(g_rundowns), std::end(g_rundowns)));
-}
-
-void __RPC_STUB Hold(PRPC_MESSAGE message) {
+void Hold(PRPC_MESSAGE message) {
     const uint32_t before = g_releases;
-    ++g_holding;
-    while (g_releases == before)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (++g_holding; g_releases == before;)
+        PauseMs(1);
     --g_holding;
     ReplyNumbers(message, {1});
 }
 
-void __RPC_STUB Release(PRPC_MESSAGE message) {
-    ++g_releases;
-    ReplyNumbers(message, {});
-}
-
-void __RPC_STUB Holding(PRPC_MESSAGE message) {
-    ReplyNumbers(message, {g_holding});
-}
-
-void __RPC_STUB TooLong(PRPC_MESSAGE message) {
-    ReplyBuffer(message, 8);
-    message->BufferLength = 9;
-}
-
-void __RPC_STUB NoBuffer(PRPC_MESSAGE) {}
-
-void __RPC_STUB Describe(PRPC_MESSAGE message) {
-    const uint32_t representation = message->DataRepresentation;
-    const uint32_t alignment = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(message->Buffer) % 8);
-    ReplyNumbers(message, {representation, alignment});
-}
-
-RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {Echo,    Make,        Raise,    Throw,  Identify, Touch,
-                                                      Monitor, StopMonitor, Rundowns, Hold,   Release,  Holding,
-                                                      TooLong, NoBuffer,    Describe, nullptr};
+RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {
+    Echo,
+    [](PRPC_MESSAGE message) {
+        const Body made = Pattern(Argument(message));
+        std::ranges::copy(made, ReplyBuffer(message, made.size()));
+    },
+    [](PRPC_MESSAGE message) { RpcRaiseException(static_cast<RPC_STATUS>(Argument(message))); },
+    Throw,
+    Identify,
+    [](PRPC_MESSAGE message) { ReplyNumbers(message, {++g_touches}); },
+    Monitor,
+    StopMonitor,
+    [](PRPC_MESSAGE message) {
+        ReplyNumbers(message, {std::begin(g_rundowns), std::end(g_rundowns)});
+    },
+    Hold,
+    [](PRPC_MESSAGE message) { ReplyNumbers(message, {++g_releases}); },
+    [](PRPC_MESSAGE message) { ReplyNumbers(message, {g_holding}); },
+    [](PRPC_MESSAGE message) { ReplyBuffer(message, 8), message->BufferLength = 9; },
+    [](PRPC_MESSAGE) {},
+    [](PRPC_MESSAGE message) {
+        const auto address = reinterpret_cast<uintptr_t>(message->Buffer);
+        ReplyNumbers(message, {static_cast<uint32_t>(message->DataRepresentation), static_cast<uint32_t>(address % 8)});
+    },
+    nullptr,
+};
 RPC_DISPATCH_TABLE g_table{kProcedureCount, g_functions, 0};
 RPC_SERVER_INTERFACE g_server{
     .Length = sizeof g_server, .InterfaceId = kTestInterface, .TransferSyntax = kNdrSyntax, .DispatchTable = &g_table};

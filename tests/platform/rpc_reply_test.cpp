@@ -143,29 +143,6 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
     EXPECT_EQ(server.Serve(Ack(), {}, 20).status, RPC_S_CALL_FAILED_DNE); // it has not read all of it
 }
 
-TEST(RpcReply, BigEndianReplyIsHandedOnWithItsLabel) {
-    UnixListener listener("test");
-    const TestBinding binding;
-    std::thread server([&] {
-        UnixStream stream = listener.Accept();
-        stream.ReceivePdu();
-        stream.Send(Ack());
-        stream.ReceivePdu();
-        stream.Send({5, 0, 2, 3, 0x00, 0, 0, 0, 0, 28, 0, 0, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 42});
-    });
-    RPC_MESSAGE message{};
-    message.Handle = binding.Handle();
-    message.RpcInterfaceInformation = &g_testClient;
-    message.DataRepresentation = 0x10;
-    ASSERT_EQ(I_RpcGetBuffer(&message), RPC_S_OK);
-    ASSERT_EQ(I_RpcSendReceive(&message), RPC_S_OK);
-    EXPECT_EQ(message.DataRepresentation, 0U);
-    ASSERT_EQ(message.BufferLength, 4U);
-    EXPECT_EQ(static_cast<uint8_t*>(message.Buffer)[3], 42);
-    I_RpcFreeBuffer(&message);
-    server.join();
-}
-
 TEST(RpcReply, ClientSendsTheseBytes) {
     FakeServer server;
     EXPECT_EQ(server.Serve(Ack(), Response({9})).body, Body({9}));

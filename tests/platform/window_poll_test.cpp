@@ -87,10 +87,10 @@ TEST(EventDescriptor, TakesEventsOnlyAndABoundedNumber) {
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     EXPECT_FAILS(taken(nullptr), ERROR_INVALID_HANDLE);
     EXPECT_FAILS(taken(mutex), ERROR_INVALID_HANDLE);
-    for (int round = 0; round < 2; ++round) { // twice: closing gives everything back
-        std::vector<int> descriptors;
-        for (int i = 0; i < ORIEL_MAX_EVENT_DESCRIPTORS; ++i)
-            descriptors.push_back(OrielEventDescriptor(event));
+    for (int twice = 0; twice < 2; ++twice) { // closing gives everything back
+        std::vector<int> descriptors(ORIEL_MAX_EVENT_DESCRIPTORS);
+        for (int& descriptor : descriptors)
+            descriptor = OrielEventDescriptor(event);
         EXPECT_FAILS(taken(event), ERROR_NOT_ENOUGH_QUOTA);
         SetEvent(event);
         for (const int descriptor : descriptors)

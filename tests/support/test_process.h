@@ -71,6 +71,7 @@ public:
 private:
     TestProcess() = default;
     void Start(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment);
+    void Ended(int status); // as wait(2) tells it
 
     int m_pid = -1;
     int m_in = -1;

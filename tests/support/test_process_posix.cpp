@@ -169,11 +169,13 @@ TestProcess::~TestProcess() {
 bool TestProcess::Running() {
     if (m_ended || m_pid <= 0) return false;
     int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_ended = true;
-        m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
+    if (waitpid(m_pid, &status, WNOHANG) == m_pid) Ended(status);
     return !m_ended;
+}
+
+void TestProcess::Ended(int status) {
+    m_ended = true;
+    m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string TestProcess::Hear(int timeoutMs) {
@@ -246,7 +248,7 @@ void TestProcess::Kill() {
 }
 
 void TestProcess::KillOnly() {
-    kill(m_pid, SIGKILL);
+    if (!m_ended) kill(m_pid, SIGKILL);
 }
 
 void TestProcess::Terminate() {
@@ -260,11 +262,11 @@ void TestProcess::Interrupt() {
 void TestProcess::Stop() {
     kill(m_pid, SIGSTOP);
     int status = 0;
-    waitpid(m_pid, &status, WUNTRACED);
+    if (waitpid(m_pid, &status, WUNTRACED) == m_pid && !WIFSTOPPED(status)) Ended(status); // it was faster
 }
 
 void TestProcess::Continue() {
-    kill(m_pid, SIGCONT);
+    if (!m_ended) kill(m_pid, SIGCONT);
 }
 
 int TestProcess::Wait(int timeoutMs) {
