@@ -98,28 +98,26 @@ TEST(Wait, LeavesTheLastErrorAloneUnlessItFails) {
     const HANDLE unset = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
     const struct {
-        const char* what;
         std::vector<HANDLE> objects;
-        BOOL all;
-        DWORD milliseconds;
-        DWORD result;
-        DWORD error;
+        DWORD milliseconds, result, error;
+        BOOL all = FALSE;
     } rows[] = {
-        {"set", {set}, FALSE, INFINITE, WAIT_OBJECT_0, kSentinel},
-        {"mutex", {unset, mutex}, FALSE, INFINITE, WAIT_OBJECT_0 + 1, kSentinel},
-        {"zero time", {unset}, FALSE, 0, WAIT_TIMEOUT, kSentinel},
-        {"some time", {unset}, FALSE, 5, WAIT_TIMEOUT, kSentinel},
-        {"none", {}, FALSE, 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-        {"65", std::vector<HANDLE>(65, set), FALSE, 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-        {"all", {set, set}, TRUE, 0, WAIT_FAILED, ERROR_NOT_SUPPORTED},
-        {"null among them", {set, nullptr}, FALSE, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
-        {"pseudo handle", {set, GetCurrentProcess()}, FALSE, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
+        {{set}, INFINITE, WAIT_OBJECT_0, kSentinel},
+        {{unset, mutex}, INFINITE, WAIT_OBJECT_0 + 1, kSentinel},
+        {{unset}, 0, WAIT_TIMEOUT, kSentinel},
+        {{unset}, 5, WAIT_TIMEOUT, kSentinel},
+        {{}, 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+        {std::vector<HANDLE>(65, set), 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+        {{set, nullptr}, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
+        {{set, GetCurrentProcess()}, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
+        {{set, set}, 0, WAIT_FAILED, ERROR_NOT_SUPPORTED, TRUE},
     };
     for (const auto& row : rows) {
         SetLastError(kSentinel);
         const auto count = static_cast<DWORD>(row.objects.size());
-        EXPECT_EQ(WaitForMultipleObjects(count, row.objects.data(), row.all, row.milliseconds), row.result) << row.what;
-        EXPECT_EQ(GetLastError(), row.error) << row.what;
+        EXPECT_EQ(WaitForMultipleObjects(count, row.objects.data(), row.all, row.milliseconds), row.result)
+            << &row - rows;
+        EXPECT_EQ(GetLastError(), row.error) << &row - rows;
     }
 }
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <thread>
 
 namespace {
@@ -188,35 +187,29 @@ TEST(RpcFault, EndpointHasOneServer) {
 }
 
 // Eight threads call until they have seen the server fail and come back. Says how long the longest call took that
-// failed, in milliseconds, and which odd statuses there were.
+// failed, in milliseconds; ends with the number of odd statuses.
 CHILD_PROCESS(RpcLoad) {
     const TestBinding binding;
-    std::atomic<unsigned> running{0}, odd{0};
+    std::atomic<int> running{0}, odd{0};
     double longest[8] = {};
     std::vector<std::thread> threads;
     for (double& own : longest)
         threads.emplace_back([&] {
-            for (bool succeeded = false, failed = false;;) {
+            RPC_STATUS status = binding.Call(kEcho).status;
+            for (++running; status == RPC_S_OK;) {
                 const double begin = NowMs();
-                const RPC_STATUS status = binding.Call(kEcho, Pattern(60)).status;
-                if (status == RPC_S_OK) {
-                    if (failed) return;
-                    if (!std::exchange(succeeded, true)) ++running;
-                    continue;
-                }
-                failed = true;
-                own = std::max(own, NowMs() - begin);
-                odd += status != RPC_S_CALL_FAILED && status != RPC_S_CALL_FAILED_DNE &&
-                       status != RPC_S_SERVER_UNAVAILABLE;
-                PauseMs(1);
+                status = binding.Call(kEcho, Pattern(60)).status;
+                own = NowMs() - begin; // in the end, of the one that failed
             }
+            odd += status != RPC_S_CALL_FAILED && status != RPC_S_CALL_FAILED_DNE && status != RPC_S_SERVER_UNAVAILABLE;
+            odd += !WaitUntil([&] { return binding.Call(kEcho).status == RPC_S_OK; });
         });
     WaitUntil([&] { return running == 8; });
     child.Say("running");
     for (std::thread& thread : threads)
         thread.join();
-    child.Say(odd == 0 ? std::to_string(*std::max_element(longest, longest + 8)) : "odd statuses");
-    return 0;
+    child.Say(std::to_string(*std::max_element(longest, longest + 8)));
+    return odd;
 }
 
 TEST(RpcCampaign, KilledServerUnderLoadIsNoticedAndMissedByNobody) {
@@ -224,18 +217,18 @@ TEST(RpcCampaign, KilledServerUnderLoadIsNoticedAndMissedByNobody) {
     double longest = 0;
     TestServer server;
     for (int round = 0; round < rounds; ++round) {
-        std::vector<std::unique_ptr<TestProcess>> clients;
+        std::vector<TestProcess> clients;
         for (int i = 0; i < 4; ++i)
-            clients.push_back(std::make_unique<TestProcess>("RpcLoad"));
-        for (const auto& client : clients)
-            ASSERT_EQ(client->Hear(), "running");
+            clients.emplace_back("RpcLoad");
+        for (TestProcess& client : clients)
+            ASSERT_EQ(client.Hear(), "running");
         server.Kill();
         server.Restart();
-        for (const auto& client : clients) {
-            longest = std::max(longest, std::stod(client->Hear()));
-            EXPECT_EQ(client->Wait(), 0);
+        for (TestProcess& client : clients) {
+            longest = std::max(longest, std::stod(client.Hear()));
+            EXPECT_EQ(client.Wait(), 0);
         }
     }
     std::printf("longest call that failed %.1f ms\n", longest);
-    EXPECT_LT(longest, 100);
+    EXPECT_LT(longest, Rounds(5000, 100)); // outside a campaign the machine may be loaded
 }

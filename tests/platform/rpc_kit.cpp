@@ -111,10 +111,6 @@ RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {
     [](PRPC_MESSAGE message) { ReplyNumbers(message, {g_holding}); },
     [](PRPC_MESSAGE message) { ReplyBuffer(message, 8), message->BufferLength = 9; },
     [](PRPC_MESSAGE) {},
-    [](PRPC_MESSAGE message) {
-        const auto address = reinterpret_cast<uintptr_t>(message->Buffer);
-        ReplyNumbers(message, {static_cast<uint32_t>(message->DataRepresentation), static_cast<uint32_t>(address % 8)});
-    },
     nullptr,
 };
 RPC_DISPATCH_TABLE g_table{kProcedureCount, g_functions, 0};

@@ -28,7 +28,6 @@ enum Procedure : unsigned {
     kHolding,     // replies how many kHold are in progress
     kTooLong,     // claims a longer reply than its buffer
     kNoBuffer,    // takes no buffer for its reply
-    kDescribe,    // replies the data representation and the address of the body modulo 8
     kHole,        // not offered
     kProcedureCount,
 };

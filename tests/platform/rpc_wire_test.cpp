@@ -88,14 +88,7 @@ TEST(RpcWire, BindThatCannotBeIsRefused) {
         {"more contexts than there are", changed(24, 2), 0},
         {"more transfer syntaxes than there are", changed(30, 2), 0},
     };
-    // A bind of big-endian numbers; cut short at every length.
-    rows.push_back(
-        {"big-endian",
-         {5,    0,    11,   3,    0,    0,    0,    0,    0,    72,   0,    0,    0,    0,    0,    7,    0x10, 0xB8,
-          0x10, 0xB8, 0,    0,    0,    0,    1,    0,    0,    0,    0,    0,    1,    0,    0x8d, 0x1f, 0x7a, 0x10,
-          0x52, 0xc4, 0x4a, 0x0e, 0x9d, 0x3b, 0x0f, 0x1e, 0x2d, 0x3c, 0x4b, 0x5a, 0,    2,    0,    1,    0x8a, 0x88,
-          0x5d, 0x04, 0x1c, 0xeb, 0x11, 0xc9, 0x9f, 0xe8, 0x08, 0x00, 0x2b, 0x10, 0x48, 0x60, 0,    0,    0,    2},
-         -1});
+    // Cut short at every length.
     for (size_t size = 16; size < GoodBind().size(); ++size)
         rows.push_back({"short", changed(8, static_cast<uint8_t>(size)), 0});
     for (unsigned flags = 0; flags < 256; flags = flags < 8 ? flags + 1 : flags * 2)
@@ -168,13 +161,6 @@ TEST(RpcWire, RequestIsAnsweredOrRefused) {
     // Nobody waits for the answer to a maybe call.
     stream.Send(Request(kTouch, {}, kOnly | kMaybeCall));
     EXPECT_EQ(CallOn(stream, kTouch), Number(2));
-
-    // Lengths are in the sender's byte order, and so is the stub, of which the procedure is told.
-    stream.Send({5, 0, 0, 3, 0x00, 0, 0, 0, 0, 28, 0, 0, 0, 0, 0, 9, 0, 0, 0, 4, 0, 0, 0, kDescribe, 1, 2, 3, 4});
-    const Bytes described = stream.ReceivePdu();
-    EXPECT_EQ(Get32(described, 12), 9U);
-    EXPECT_EQ(described[4], 0x10);
-    EXPECT_EQ(StubOf(described), Bytes(8));
 
     // Cancels and orphans come when they come.
     stream.Send(Join({Pdu(kCancelPdu, {}), Pdu(kOrphanedPdu, {}), Request(kEcho, {3})}));

@@ -112,32 +112,6 @@ TEST(Descriptor, WithoutListAllowsEverythingOrSaysNothing) {
     EXPECT_EQ(acl, nullptr);
 }
 
-TEST(Descriptor, PartsThatDoNotFitAreRefused) {
-    SID_IDENTIFIER_AUTHORITY authority = kWorld;
-    PSID sid = nullptr;
-    for (const BYTE count : {0, 9, 255})
-        EXPECT_FAILS(AllocateAndInitializeSid(&authority, count, 1, 2, 3, 4, 5, 6, 7, 8, &sid), ERROR_INVALID_SID);
-
-    const Sid everyone;
-    alignas(DWORD) BYTE list[64];
-    auto* acl = reinterpret_cast<PACL>(list);
-    EXPECT_FAILS(InitializeAcl(acl, 7, ACL_REVISION), ERROR_INSUFFICIENT_BUFFER);
-    EXPECT_FALSE(InitializeAcl(acl, 64, 4));
-    EXPECT_FALSE(InitializeAcl(acl, 0x10000, ACL_REVISION));
-    ASSERT_TRUE(InitializeAcl(acl, 49, ACL_REVISION));
-    EXPECT_EQ(acl->AclSize, 48);
-    EXPECT_TRUE(AddAccessAllowedAce(acl, ACL_REVISION, 1, everyone.sid));
-    EXPECT_FALSE(AddAccessAllowedAce(acl, ACL_REVISION + 1, 1, everyone.sid));
-    EXPECT_TRUE(AddAccessAllowedAce(acl, ACL_REVISION, 2, everyone.sid));
-    EXPECT_FAILS(AddAccessAllowedAce(acl, ACL_REVISION, 3, everyone.sid), ERROR_ALLOTTED_SPACE_EXCEEDED);
-    EXPECT_EQ(acl->AceCount, 2);
-    EXPECT_TRUE(IsValidAcl(acl));
-    acl->AceCount = 3;
-    LPVOID entry = nullptr;
-    EXPECT_FALSE(IsValidAcl(acl));
-    EXPECT_FALSE(GetAce(acl, 0, &entry));
-}
-
 // Records that end where memory ends.
 TEST(HostileRecords, TruncatedAtEveryLengthAreInvalid) {
     BadMemory memory;

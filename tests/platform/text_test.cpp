@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -262,21 +263,14 @@ TEST(Order, IsTotalAndOnlyIdenticalTextIsEqual) {
 }
 
 TEST(Order, WithoutCase) {
-    const struct {
-        const char* a;
-        const char* b;
-        int result;
-    } rows[] = {
-        {"SYSTEM", "system", 0},
-        {"WinSta0", "WinSta1", -1},
-        {"TVORSN.EXE", "TVORSN.EXE.", -1},
-        {"\xC4rger", "\xE4rger", 0},
-        {"co-op", "CO-OP", 0},
-        {"co-op", "COOP", 1},
-        {"\xC4", "A", 1},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(lstrcmpiA(row.a, row.b), row.result) << row.a << " " << row.b;
-        EXPECT_EQ(lstrcmpiA(row.b, row.a), -row.result) << row.a << " " << row.b;
+    for (const auto& [a, b, result] : {std::tuple{"SYSTEM", "system", 0},
+                                       {"WinSta0", "WinSta1", -1},
+                                       {"TVORSN.EXE", "tvorsn.exe.", -1},
+                                       {"\xC4rger", "\xE4rger", 0},
+                                       {"co-op", "CO-OP", 0},
+                                       {"co-op", "COOP", 1},
+                                       {"\xC4", "A", 1}}) {
+        EXPECT_EQ(lstrcmpiA(a, b), result) << a << " " << b;
+        EXPECT_EQ(lstrcmpiA(b, a), -result) << a << " " << b;
     }
 }

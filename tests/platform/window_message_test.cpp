@@ -146,8 +146,6 @@ TEST(Messages, AreChosenByWindowAndRangeAndQuitComesLast) {
 
     // Destroying a window takes its own messages. No filter holds WM_QUIT back once nothing else passes.
     EXPECT_TRUE(DestroyWindow(one));
-    EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 1);
-    EXPECT_EQ(message.hwnd, two);
     EXPECT_EQ(GetMessageA(&message, two, WM_APP, WM_APP), 0);
     EXPECT_EQ(message.message, static_cast<UINT>(WM_QUIT));
     EXPECT_EQ(message.wParam, 42U);
