@@ -154,6 +154,76 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char*
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);
 
+/* Notification: being told of every change of a variable, by an event that is set, a message that is posted, or a function
+ * that is called. Each registration has a thread of the library's, which waits and delivers; a write that comes while it
+ * delivers is delivered afterwards, so that whoever reads the variable when told has the last value, but several writes in
+ * a row may be told once. Some variables tell every write, most only writes of another value.
+ *
+ * Names of more than 31 characters are TVS_E_UNKNOWN. On failure nothing is registered, and a handle that cannot be written
+ * (TVS_E_FAULT) undoes its registration. Registrations end with their manager.
+ *
+ * Designates a registration of a manager. Valid until it is cancelled or its manager is closed. */
+typedef uintptr_t TvsRegistration;
+
+/* A function that is called when a variable was written.
+ *
+ * manager   the one that it was registered through
+ * index     the variable's place in the list of an Ex registration, from 0; else 0
+ * variable  its name
+ * value     the value as the database stores it: a variable-length one with a u32 length (of what follows it) in front; good
+ *           during the call only. Null, with size 0, when it was registered without value or the value cannot be had
+ *
+ * It runs on the registration's thread, which has a stack of 64 KiB and no other work meanwhile. It may call this library,
+ * also to cancel its registration or to close the manager: it is then not called again. */
+typedef void(TVS_CALL* TvsCallback)(TvsManager manager, uint32_t index, const char* variable, const void* value,
+                                    uint32_t size);
+
+/* Sets an event (a HANDLE of the platform, with the right to modify it, open as long as the registration lives) whenever the
+ * variable was written. The Ex form watches the first `count` variables of a list of names separated by ";", an event each.
+ *
+ * registration  receives the handle
+ *
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN (a name is unknown or missing, or a list has more than 63 variables beside the
+ * job records and queues, "PrinterStatus", "PrinterExtStatus", "CurrentStatus" and "JobStatus", which have a thread of their
+ * own each), TVS_E_MEMORY (also when no thread can be started) or TVS_E_FAULT. */
+TVS_EXPORT int32_t TVS_CALL SetNotificationEventA(TvsManager manager, const char* variable, void* event,
+                                                  TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationEventExA(TvsManager manager, uint32_t count, const char* variables,
+                                                    void* const* events, TvsRegistration* registration);
+
+/* The same by a message that is posted to a window (an HWND) with both parameters 0. The Ex form has a message number for
+ * each variable. A window that is gone or has a full queue is not told.
+ *
+ * A process that has opened managers of kinds 0, 7 and 9 only leaves its registrations to the process that owns the printer,
+ * which posts the messages: TVS_E_NO_OWNER when no manager of kind 6 is open. The handle is then a number that all entries
+ * of the list share, the single form accepts any name, the limit of a list is that of its text (64 KiB), and answers of the
+ * service are passed on. */
+TVS_EXPORT int32_t TVS_CALL SetNotificationMsgA(TvsManager manager, const char* variable, void* window, uint32_t message,
+                                                TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExA(TvsManager manager, uint32_t count, const char* variables, void* window,
+                                                  const uint32_t* messages, TvsRegistration* registration);
+
+/* The same by a call of a function. withoutValue: not 0 when the function needs no value, which saves reading it. A null
+ * function is TVS_E_FAULT. */
+TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackA(TvsManager manager, const char* variable, TvsCallback callback,
+                                                     uint32_t withoutValue, TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackExA(TvsManager manager, uint32_t count, const char* variables,
+                                                       const TvsCallback* callbacks, const uint32_t* withoutValue,
+                                                       TvsRegistration* registration);
+
+/* Cancels a registration; nothing is delivered any more once the call has returned. A function that is being called is waited
+ * for, 3 seconds at most: then its thread is stopped for good, wherever it is. Cancelling a registration in its own function
+ * returns at once.
+ *
+ * KillNotificationEvent and KillNotificationCallback do the same: each cancels any registration that this process serves.
+ * KillNotificationMsg cancels message registrations, also those that the printer's owner serves; of these a number that is
+ * unknown is TVS_OK.
+ * Returns TVS_OK, or TVS_E_HANDLE when the manager has no such registration; KillNotificationMsg also TVS_E_NO_OWNER,
+ * TVS_E_MEMORY or an answer of the service for those that the owner serves. */
+TVS_EXPORT int32_t TVS_CALL KillNotificationEvent(TvsManager manager, TvsRegistration registration);
+TVS_EXPORT int32_t TVS_CALL KillNotificationCallback(TvsManager manager, TvsRegistration registration);
+TVS_EXPORT int32_t TVS_CALL KillNotificationMsg(TvsManager manager, TvsRegistration registration);
+
 /* Values that are records. Text fields are NUL-terminated. */
 
 /* "SendingJobInfo", and an entry of the job queues: 292 bytes. */

@@ -29,6 +29,8 @@ inline constexpr DWORD kVariablesPerDatabase = 2048;
 // A pulse that follows another within the gap is part of a burst, and the burst is closed by a pulse of its own.
 inline constexpr DWORD kBurstGapMs = 250;
 inline constexpr DWORD kClosingDelayMs = 50;
+// So does one that follows a question for the write time, whose asker needs a moment to come to wait.
+inline constexpr DWORD kLookGapMs = 20;
 // Up to so many watches the writer's call pulses before its reply. Beyond, it would be held up by waking them all.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
 

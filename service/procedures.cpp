@@ -170,9 +170,10 @@ RPC_STATUS ServeSetCompositeMembers(Call& call) {
     return ReplyStatus(call, SetCompositeMembers(*database, *call.group.account, composite, list));
 }
 
-ServiceStatus InfoOf(const Database& database, std::string_view name, VariableInfo* info) {
-    const Variable* variable = FindVariable(database, name);
+ServiceStatus InfoOf(Database& database, std::string_view name, VariableInfo* info) {
+    Variable* variable = FindVariable(database, name);
     if (!variable) return kUnknownVariable;
+    NoteLook(*variable);
     ValueState state = {};
     const ServiceStatus status = ReadAnyValue(database, *variable, nullptr, 0, &state);
     if (status == kLimitReached) return status;

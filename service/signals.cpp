@@ -67,9 +67,14 @@ void Pulse(Signal& signal, DWORD now) {
     signal.lastPulse = now;
 }
 
+// Who asked for the write time a moment ago may not wait yet.
+bool IsLookedAt(const VariableSignals& signals, DWORD now) {
+    return signals.looked.load() && now - signals.lastLook.load() < kLookGapMs;
+}
+
 void PulseForWrite(Signal& signal) {
     const DWORD now = GetTickCount();
-    if (signal.pulsed && now - signal.lastPulse < kBurstGapMs) {
+    if (signal.pulsed && (now - signal.lastPulse < kBurstGapMs || IsLookedAt(*signal.owner, now))) {
         signal.closing = true;
         signal.closingDue = now + kClosingDelayMs;
     }
@@ -209,6 +214,14 @@ void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
         if (--signal.watches == 0) ForgetPulses(signal);
     }
     if (last && signals.variable->role == ForwardingRole::Mailbox) PrinterSideIsGone(*signals.database);
+}
+
+// Stored with a barrier before the write time is read, as the writer stores that before it looks here.
+void NoteLook(Variable& variable) {
+    VariableSignals* signals = variable.signals.load(std::memory_order_acquire);
+    if (!signals || signals->watchCount.load() == 0) return;
+    signals->lastLook.store(GetTickCount());
+    signals->looked.exchange(true);
 }
 
 void SignalWritten(Database& database, const Variable& variable, bool changed) {

@@ -2,8 +2,9 @@
 //
 // A watched variable has up to two: "Updated" for every write (mode 1) and "Changed" for writes of other bytes (mode
 // 2). A signal is a pulse: it reaches who waits at that moment. A watcher that is busy delivering misses it, so a burst
-// of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. State:
-// with each watched variable; the pulses to come, served by one thread, in signals.cpp.
+// of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. So does
+// one that has just asked for the write time, found nothing new and goes to wait: a write right after that counts as
+// part of the burst. State: with each watched variable; the pulses to come, served by one thread, in signals.cpp.
 #pragma once
 
 #include "database.h"
@@ -32,7 +33,9 @@ struct VariableSignals {
     VariableSignals* nextComposite = nullptr; // of Database::compositeSignals; set before it can be seen
     VariableSignals* nextOfAll = nullptr;
     std::atomic<DWORD> watchCount = 0; // of both
-    Watch* watches = nullptr;          // guarded by the lock of watches.cpp
+    std::atomic<DWORD> lastLook = 0;   // tick count of the last question for the write time, once looked
+    std::atomic<bool> looked = false;
+    Watch* watches = nullptr; // guarded by the lock of watches.cpp
 
     Lock lock;
     Signal everyWrite GUARDED_BY(lock){this, dblink::kEveryWrite};
@@ -44,6 +47,9 @@ VariableSignals* SignalsOf(Database& database, Variable& variable, Account& acco
 // One watch more or less; the event exists while there are any. kEventUnavailable.
 dblink::ServiceStatus AddWatchTo(VariableSignals& signals, dblink::WatchMode mode);
 void RemoveWatchFrom(VariableSignals& signals, dblink::WatchMode mode);
+
+// Somebody is going to ask when the variable was written: before its write time is read.
+void NoteLook(Variable& variable);
 
 // The variable was written, and its value can be read. changed: the bytes are others than before.
 void SignalWritten(Database& database, const Variable& variable, bool changed);

@@ -19,11 +19,16 @@ StoredList::~StoredList() {
     FreeBlock(m_block);
 }
 
-Status StoredList::Load() {
+SIZE_T StoredList::ItemOffset(uint32_t i) const {
+    return sizeof(ListHeader) + SIZE_T{i} * m_itemSize;
+}
+
+Status StoredList::Load(uint32_t room) {
     DWORD size = 0;
     Answer answer = ReadVariable(m_database, m_name, nullptr, 0, &size);
     if (answer != Answer::Done) return PassOn(answer);
-    m_block = static_cast<BYTE*>(AllocateZeroed(size > sizeof(ListHeader) ? size : sizeof(ListHeader)));
+    const SIZE_T least = size > sizeof(ListHeader) ? size : sizeof(ListHeader);
+    m_block = static_cast<BYTE*>(AllocateZeroed(least + SIZE_T{room} * m_itemSize));
     if (m_block == nullptr) return TVS_E_MEMORY;
     DWORD readSize = 0;
     answer = ReadVariable(m_database, m_name, m_block, size, &readSize);
@@ -38,11 +43,11 @@ Status StoredList::Load() {
 }
 
 const BYTE* StoredList::Item(uint32_t i) const {
-    return m_block + sizeof(ListHeader) + SIZE_T{i} * m_itemSize;
+    return m_block + ItemOffset(i);
 }
 
 void StoredList::Remove(uint32_t i) {
-    BYTE* item = m_block + sizeof(ListHeader) + SIZE_T{i} * m_itemSize;
+    BYTE* item = Item(i);
     memmove(item, item + m_itemSize, SIZE_T{m_count - i - 1} * m_itemSize);
     --m_count;
 }

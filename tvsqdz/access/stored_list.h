@@ -17,15 +17,20 @@ public:
     StoredList& operator=(const StoredList&) = delete;
 
     // TVS_OK, TVS_E_MEMORY, or the answer of the service. A value too short for a list is an empty one, and a count
-    // that promises more items than are there is lowered to those that are.
-    Status Load();
+    // that promises more items than are there is lowered to those that are. room: for that many more items.
+    Status Load(uint32_t room = 0);
     uint32_t Count() const { return m_count; }
     const BYTE* Item(uint32_t i) const;
+    BYTE* Item(uint32_t i) { return m_block + ItemOffset(i); }
+    // One more item at the end, in the room that was asked for; the caller fills it.
+    BYTE* Append() { return Item(m_count++); }
     // Takes an item out; the later ones move up.
     void Remove(uint32_t i);
     Answer Store();
 
 private:
+    SIZE_T ItemOffset(uint32_t i) const;
+
     DatabaseHandle m_database;
     const char* m_name;
     uint32_t m_itemSize;

@@ -12,21 +12,24 @@ struct ClientKind {
     bool needsProduct = false;
     // Starts the desktop agent.
     bool startsAgent = false;
+    // Leaves the messages of its notifications to the printer's owner.
+    bool relaysMessages = false;
     // The process's first open repairs a default printer that does not exist any more.
     bool repairsDefaultPrinter = false;
 };
 
 inline constexpr ClientKind kClientKinds[] = {
-    /* 0 */ {.bit = 0, .needsProduct = true, .startsAgent = true},
+    /* 0 */ {.bit = 0, .needsProduct = true, .startsAgent = true, .relaysMessages = true},
     /* 1 */ {.bit = 0x1},
     /* 2 */ {.bit = 0x2, .repairsDefaultPrinter = true},
     /* 3 */ {.bit = 0x4, .repairsDefaultPrinter = true},
     /* 4 */ {.bit = 0x8, .repairsDefaultPrinter = true},
     /* 5 */ {.bit = 0x10, .repairsDefaultPrinter = true},
     /* 6 */ {.bit = 0x20, .repairsDefaultPrinter = true},
-    /* 7 */ {.bit = 0x40, .needsProduct = true, .startsAgent = true, .repairsDefaultPrinter = true},
+    /* 7 */
+    {.bit = 0x40, .needsProduct = true, .startsAgent = true, .relaysMessages = true, .repairsDefaultPrinter = true},
     /* 8 */ {.bit = 0x80, .needsProduct = true, .startsAgent = true},
-    /* 9 */ {.bit = 0x100, .needsProduct = true},
+    /* 9 */ {.bit = 0x100, .needsProduct = true, .relaysMessages = true},
     /* 10 */ {.bit = 0x200, .needsProduct = true, .repairsDefaultPrinter = true},
     /* 11 */ {.bit = 0x400, .startsAgent = true, .repairsDefaultPrinter = true},
     /* 12 */ {.bit = 0x8, .repairsDefaultPrinter = true},
@@ -38,3 +41,13 @@ inline constexpr uint32_t kAgentWaitingKind = 11;
 
 // Some process has an owner manager, which serves what others relay to it.
 inline constexpr uint32_t kOwnerKindBit = kClientKinds[TVS_KIND_OWNER].bit;
+
+// A process that opened a manager of any of these delivers its messages itself.
+consteval uint32_t LocalDeliveryKinds() {
+    uint32_t bits = 0;
+    for (const ClientKind& kind : kClientKinds)
+        if (!kind.relaysMessages) bits |= kind.bit;
+    return bits;
+}
+inline constexpr uint32_t kLocalDeliveryKinds = LocalDeliveryKinds();
+static_assert(kLocalDeliveryKinds == 0x6BF);

@@ -16,6 +16,7 @@ char* CopyText(const char* text);
 
 // A block of the heap that is freed with the guard unless it is taken out.
 struct HeapBlock {
+    HeapBlock() = default;
     explicit HeapBlock(SIZE_T size) : memory(static_cast<BYTE*>(AllocateZeroed(size))) {}
     ~HeapBlock() { FreeBlock(memory); }
     HeapBlock(const HeapBlock&) = delete;
@@ -27,7 +28,7 @@ struct HeapBlock {
         return taken;
     }
 
-    BYTE* memory; // null: out of memory
+    BYTE* memory = nullptr; // null: out of memory
 };
 
 // A text in a block of the heap, such as CopyText gives.

@@ -102,6 +102,14 @@ bool CallsAreLetIn() {
     return g_attached.load();
 }
 
+void CountAsCall() {
+    g_callsInside.fetch_add(1);
+}
+
+void UncountAsCall() {
+    g_callsInside.fetch_sub(1);
+}
+
 bool LetCallsIn(bool attached) {
     return g_attached.exchange(attached);
 }

@@ -13,7 +13,8 @@
 struct ManagerRecord;
 
 // Guards the list of managers, every manager's list of thread records, its printer name, and the one-time build of the
-// object security. No thread waits for a named mutex or for another thread while it holds it.
+// object security. No thread waits for a named mutex or for another thread while it holds it, but for the moment in
+// which one is terminated.
 struct CAPABILITY("g_managerLock") ManagerLock {
     CRITICAL_SECTION section;
 };
@@ -72,6 +73,10 @@ public:
 private:
     bool m_attached;
 };
+
+// The same for a thread of the library's that no call waits for: between the two a detach waits for it.
+void CountAsCall();
+void UncountAsCall();
 
 // False once the detach has begun: whatever waits inside comes to its end.
 bool CallsAreLetIn();

@@ -63,9 +63,20 @@ struct Timings {
     DWORD terminationPolls = 300;
     DWORD detachBound = 2000;
 
+    // How long the start of a manager's thread waits for it to begin its work.
+    DWORD beginWait = 1000;
+
     // How long a thread is given to end before it is terminated: when its record is cancelled, when its manager closes.
     DWORD cancelWait = 3000;
     DWORD closeWait = 12000;
+
+    // How long after its start a watcher looks whether there was a write before it waited.
+    DWORD firstLook = 50;
+
+    // How long a default watcher stays awake after a delivery by event or message, and after a callback, before it
+    // looks whether it missed a write.
+    DWORD changeAwake = 200;
+    DWORD callbackAwake = 1000;
 };
 
 extern Timings g_timings;

@@ -1,22 +1,66 @@
-// Both forms of the stop. A terminated thread leaves locked what it had locked, so termination is what is left when a
-// thread has had its time.
+// The start, and both forms of the stop. A terminated thread leaves locked what it had locked, so termination is what
+// is left when a thread has had its time.
 #include "notify/thread_records.h"
 
 #include "frame/heap.h"
+#include "frame/object_security.h"
 #include "frame/timings.h"
 
 namespace {
 
+constexpr SIZE_T kStackSize = 65536;
 constexpr DWORD kTerminatedExitCode = 0;
 
-void EndThread(HANDLE thread, DWORD boundMs) {
-    if (WaitForSingleObject(thread, boundMs) == WAIT_TIMEOUT) TerminateThread(thread, kTerminatedExitCode);
+void CloseHandles(const ThreadRecord* record) {
+    for (const HANDLE handle : {record->thread, record->stopEvent, record->begunEvent})
+        if (handle != nullptr) CloseHandle(handle);
 }
 
 void FreeRecord(ThreadRecord* record) {
-    CloseHandle(record->stopEvent);
-    CloseHandle(record->thread);
+    CloseHandles(record);
+    ManagerRecord* manager = record->manager;
     FreeBlock(record);
+    if (manager != nullptr) ReleaseManager(manager);
+}
+
+bool IsOwn(const ThreadRecord* record) {
+    return record->threadId == GetCurrentThreadId();
+}
+
+void LeaveToItself(ThreadRecord* record) {
+    record->stoppedByItself = true;
+    CountAsCall(); // for nobody else waits for this thread any more
+}
+
+DWORD WINAPI RunRecord(void* parameter) {
+    auto* record = static_cast<ThreadRecord*>(parameter);
+    const DWORD result = record->procedure(record);
+    if (record->stoppedByItself) {
+        FreeRecord(record);
+        UncountAsCall();
+    }
+    return result;
+}
+
+// False when the thread runs on: what it uses must then stay.
+bool Terminate(HANDLE thread, DWORD boundMs) {
+    {
+        // A callback may be inside a call of the library's. Stopped while this lock is ours, it does not hold it.
+        const ManagerLockHold lock;
+        if (!TerminateThread(thread, kTerminatedExitCode)) return false;
+    }
+    return WaitForSingleObject(thread, boundMs) == WAIT_OBJECT_0;
+}
+
+bool EndThread(HANDLE thread, DWORD boundMs) {
+    return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread, boundMs);
+}
+
+// As EndThread; a thread that has ended is not waited for.
+bool EndThreadOfList(HANDLE thread) {
+    DWORD exitCode = STILL_ACTIVE;
+    if (!GetExitCodeThread(thread, &exitCode)) return Terminate(thread, g_timings.closeWait);
+    return exitCode != STILL_ACTIVE || EndThread(thread, g_timings.closeWait);
 }
 
 } // namespace
@@ -28,10 +72,36 @@ ThreadRecord* FindLastRegistration(ThreadRecord* head) {
     return head;
 }
 
+bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc procedure) {
+    record->stopEvent = CreateEventA(ObjectSecurity(), TRUE, FALSE, nullptr);
+    record->begunEvent = CreateEventA(ObjectSecurity(), TRUE, FALSE, nullptr);
+    record->procedure = procedure;
+    record->manager = manager;
+    InterlockedIncrement(&manager->references);
+    DWORD threadId = 0;
+    if (record->stopEvent != nullptr && record->begunEvent != nullptr)
+        record->thread = CreateThread(nullptr, kStackSize, RunRecord, record, 0, &threadId);
+    if (record->thread == nullptr) {
+        CloseHandles(record);
+        ReleaseManager(manager); // not the last one: the caller has its own
+        return false;
+    }
+    record->threadId = threadId;
+    const HANDLE begunOrEnded[] = {record->begunEvent, record->thread};
+    WaitForMultipleObjects(2, begunOrEnded, FALSE, g_timings.beginWait);
+    return true;
+}
+
+void ThreadHasBegun(const ThreadRecord& record) {
+    SetEvent(record.begunEvent);
+}
+
 void StopThreadRecord(ThreadRecord* record) {
     SetEvent(record->stopEvent);
-    EndThread(record->thread, g_timings.cancelWait);
-    FreeRecord(record);
+    if (IsOwn(record))
+        LeaveToItself(record);
+    else if (EndThread(record->thread, g_timings.cancelWait))
+        FreeRecord(record);
 }
 
 void StopThreadRecords(ThreadRecord* head) {
@@ -40,11 +110,9 @@ void StopThreadRecords(ThreadRecord* head) {
     while (head != nullptr) {
         ThreadRecord* record = head;
         head = record->next;
-        DWORD exitCode = STILL_ACTIVE;
-        if (!GetExitCodeThread(record->thread, &exitCode))
-            TerminateThread(record->thread, kTerminatedExitCode);
-        else if (exitCode == STILL_ACTIVE)
-            EndThread(record->thread, g_timings.closeWait);
-        FreeRecord(record);
+        if (IsOwn(record))
+            LeaveToItself(record);
+        else if (EndThreadOfList(record->thread))
+            FreeRecord(record);
     }
 }

@@ -2,8 +2,12 @@
 //
 // Every record of a manager's list (ManagerRecord.registrations) begins with a ThreadRecord and is a zero-filled block
 // of the heap. The list is changed under g_managerLock. The thread never closes its handles and never frees its record:
-// it ends once its stop event is set, and whoever stopped it gives both back.
+// it ends once its stop event is set, and whoever stopped it gives all of it back. Only a thread that stops its own
+// record, a callback that cancels its registration, does that itself, when it ends.
 #pragma once
+
+#include "catalogue/status_variable.h"
+#include "frame/manager_record.h"
 
 #include <windows.h>
 
@@ -13,15 +17,29 @@ struct ThreadRecord {
     ThreadRecord* next; // null: the last one
     uint32_t threadId;
     HANDLE thread;
-    HANDLE stopEvent; // unnamed, manual-reset
+    HANDLE stopEvent;       // unnamed, manual-reset
+    HANDLE begunEvent;      // the same: the thread watches what it is to watch
+    ManagerRecord* manager; // a reference: what the thread uses of the manager stays as long as the record; or null
+    ThreadProc procedure;   // what the thread runs, with the record as its parameter
+    bool stoppedByItself;   // touched by the thread alone
 };
 
 // The record that a new one is appended behind; null for an empty list.
 ThreadRecord* FindLastRegistration(ThreadRecord* head);
 
+// Makes the events and starts the thread, with a stack of 64 KiB; the record takes a reference to the manager. Returns
+// once the thread says that it has begun, so that what is written from then on is not missed; a service that stands
+// still holds it up no longer than Timings.beginWait. False: nothing has been started, and the record is still the
+// caller's.
+bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc procedure);
+
+// For the thread to say: its watches are in place, and next it waits.
+void ThreadHasBegun(const ThreadRecord& record);
+
 // Stops the thread of a record that is on no list any more, and frees the record. A thread that does not end in time
-// (Timings.cancelWait) is terminated. Called without a lock; not by the thread itself.
-void StopThreadRecord(ThreadRecord* record);
+// (Timings.cancelWait) is terminated. Called without a lock. In the thread itself it returns at once, and the record is
+// freed when the thread ends.
+void StopThreadRecord(ThreadRecord* record) EXCLUDES(g_managerLock);
 
 // The same for a whole list: all threads are told before the first is waited for (Timings.closeWait each).
-void StopThreadRecords(ThreadRecord* head);
+void StopThreadRecords(ThreadRecord* head) EXCLUDES(g_managerLock);

@@ -1,0 +1,11 @@
+// The handlers that rows of the variable table name: declared here, beside the table, and defined where what they serve
+// lies. A row names none where the default serves it.
+#pragma once
+
+#include "catalogue/status_variable.h"
+
+// Watchers: thread procedures whose parameter is a NotificationRegistration (notify/registration_record.h).
+DWORD WINAPI ChangeWatch(void* registration);           // the default for events and messages, of any number of entries
+DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callbacks
+DWORD WINAPI VariableWatch(void* registration);         // of one variable, each signal one delivery
+DWORD WINAPI VariableCallbackWatch(void* registration); // the same for callbacks

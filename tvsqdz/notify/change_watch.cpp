@@ -1,0 +1,141 @@
+// The default watchers, for registrations of any number of variables.
+//
+// A pulse reaches only who waits, and a watcher that delivers does not. So after each delivery it stays awake: it waits
+// for a short time only, and when nothing came it compares the write times of all its variables with those it has told.
+// Once a comparison finds nothing new it waits without a limit. State: on the watcher's stack.
+#include "catalogue/variable_handlers.h"
+#include "frame/timings.h"
+#include "notify/callback_value.h"
+#include "notify/delivery.h"
+
+namespace {
+
+constexpr DWORD kEnded = 1;
+// The same result of the wait so many times in a row is no burst any more: somebody left the event set.
+constexpr uint32_t kRepeatsTrusted = 100;
+
+class ChangeWatcher {
+public:
+    ChangeWatcher(const NotificationRegistration& registration, DWORD awakeMs, CallbackValue* value);
+    ~ChangeWatcher();
+    ChangeWatcher(const ChangeWatcher&) = delete;
+    ChangeWatcher& operator=(const ChangeWatcher&) = delete;
+
+    void Run();
+
+private:
+    const NotificationEntry& Entry(DWORD k) const { return m_registration.entries[m_entryOf[k]]; }
+    bool IsChange(DWORD result) const { return result > WAIT_OBJECT_0 && result < WAIT_OBJECT_0 + m_count; }
+    DWORD Wait(DWORD milliseconds) const { return WaitForMultipleObjects(m_count, m_handles, FALSE, milliseconds); }
+    DWORD WaitAwake();
+    void Tell(DWORD k);
+    bool TellFirstNew();
+
+    const NotificationRegistration& m_registration;
+    const DWORD m_awakeMs;
+    CallbackValue* const m_value; // null: delivers by event or message
+    // The wait set: the stop event, then the change events of the entries that are not delegated, in their order.
+    DWORD m_count = 1;
+    HANDLE m_handles[MAXIMUM_WAIT_OBJECTS];
+    uint32_t m_entryOf[MAXIMUM_WAIT_OBJECTS];
+    SYSTEMTIME m_nextWrite[MAXIMUM_WAIT_OBJECTS] = {}; // from when on a write is one that has not been told
+    DWORD m_lastAwake = WAIT_OBJECT_0;                 // the result of the last wait after a delivery
+    uint32_t m_repeats = 0;
+};
+
+dblink::WatchMode ModeOf(const NotificationEntry& entry) {
+    return (entry.mode & NOTIFY_ON_UPDATE) != 0 ? dblink::kEveryWrite : dblink::kOnlyChanges;
+}
+
+ChangeWatcher::ChangeWatcher(const NotificationRegistration& registration, DWORD awakeMs, CallbackValue* value)
+    : m_registration(registration), m_awakeMs(awakeMs), m_value(value) {
+    m_handles[0] = registration.thread.stopEvent;
+    for (uint32_t i = 0; i < registration.entryCount && m_count < MAXIMUM_WAIT_OBJECTS; ++i) {
+        const NotificationEntry& entry = registration.entries[i];
+        if ((entry.mode & NOTIFY_DELEGATED) != 0) continue;
+        m_entryOf[m_count] = i;
+        SYSTEMTIME written = {};
+        ReadWriteTime(registration, entry, &written); // what was written before is not news
+        m_nextWrite[m_count] = MillisecondAfter(written);
+        m_handles[m_count] = BeginWatch(registration, entry.variableName, ModeOf(entry));
+        ++m_count;
+    }
+    ThreadHasBegun(registration.thread);
+}
+
+ChangeWatcher::~ChangeWatcher() {
+    for (DWORD k = 1; k < m_count; ++k)
+        EndWatch(m_registration, Entry(k).variableName, m_handles[k]);
+}
+
+void ChangeWatcher::Tell(DWORD k) {
+    const NotificationEntry& entry = Entry(k);
+    if (m_value == nullptr) {
+        Deliver(entry);
+        return;
+    }
+    DWORD size = 0;
+    const BYTE* value = entry.withoutValue != 0 ? nullptr : m_value->Read(m_registration, entry, &size);
+    CallBack(m_registration, entry, m_entryOf[k], value, size);
+}
+
+// One delivery for each comparison; what else is new is found by the next one.
+bool ChangeWatcher::TellFirstNew() {
+    for (DWORD k = 1; k < m_count; ++k) {
+        SYSTEMTIME written = {};
+        if (!ReadWriteTime(m_registration, Entry(k), &written) || !IsNotEarlier(written, m_nextWrite[k])) continue;
+        m_nextWrite[k] = MillisecondAfter(written);
+        Tell(k);
+        return true;
+    }
+    return false;
+}
+
+DWORD ChangeWatcher::WaitAwake() {
+    const DWORD result = Wait(m_awakeMs);
+    if (result != m_lastAwake) {
+        m_lastAwake = result;
+        m_repeats = 0;
+        return result;
+    }
+    if (++m_repeats <= kRepeatsTrusted) return result;
+    m_repeats = 0;
+    if (IsChange(result)) ResetEvent(m_handles[result - WAIT_OBJECT_0]);
+    return result;
+}
+
+void ChangeWatcher::Run() {
+    DWORD result = Wait(g_timings.firstLook); // a write may have come before this wait
+    for (;;) {
+        if (result == WAIT_TIMEOUT) {
+            if (!TellFirstNew()) {
+                m_repeats = 0;
+                result = Wait(INFINITE);
+                continue;
+            }
+        } else if (IsChange(result)) {
+            const DWORD k = result - WAIT_OBJECT_0;
+            SYSTEMTIME written = {};
+            if (ReadWriteTime(m_registration, Entry(k), &written)) m_nextWrite[k] = MillisecondAfter(written);
+            Tell(k);
+        } else {
+            return; // the stop event, or a wait that failed
+        }
+        result = WaitAwake();
+    }
+}
+
+} // namespace
+
+DWORD WINAPI ChangeWatch(void* registration) {
+    ChangeWatcher watcher(RegistrationOf(registration), g_timings.changeAwake, nullptr);
+    watcher.Run();
+    return kEnded;
+}
+
+DWORD WINAPI ChangeCallbackWatch(void* registration) {
+    CallbackValue value(true);
+    ChangeWatcher watcher(RegistrationOf(registration), g_timings.callbackAwake, &value);
+    watcher.Run();
+    return kEnded;
+}

@@ -1,0 +1,24 @@
+// What watcher threads have in common: the watched event of a variable, its write time, and telling the registrant.
+#pragma once
+
+#include "notify/registration_record.h"
+
+#include <windows.h>
+
+// Opens the event of a variable of the registration's printer, which the service pulses at every write or at every
+// change, and has it do so. Null when there is no event; a wait for it then fails, and the watcher ends.
+HANDLE BeginWatch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
+void EndWatch(const NotificationRegistration& registration, const char* variableName, HANDLE event);
+
+// By event or message, as the entry says. A window that is gone or whose queue is full is not told.
+void Deliver(const NotificationEntry& entry);
+// By callback. value: null and size 0 for none.
+void CallBack(const NotificationRegistration& registration, const NotificationEntry& entry, uint32_t index,
+              const void* value, DWORD size);
+
+// When the entry's variable was last written; false when the service does not tell.
+bool ReadWriteTime(const NotificationRegistration& registration, const NotificationEntry& entry, SYSTEMTIME* time);
+// Times are compared from the year down to the milliseconds, and the day of the week not at all. A write counts as
+// another one when it is not earlier than a millisecond after the one that was told.
+SYSTEMTIME MillisecondAfter(SYSTEMTIME time);
+bool IsNotEarlier(const SYSTEMTIME& time, const SYSTEMTIME& other);

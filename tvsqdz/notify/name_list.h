@@ -1,0 +1,24 @@
+// A caller's list of variable names: one text, the names separated by ";". Empty names are skipped.
+#pragma once
+
+#include "frame/status.h"
+
+#include <stdint.h>
+
+class NameList {
+public:
+    NameList() = default;
+    ~NameList();
+    NameList(const NameList&) = delete;
+    NameList& operator=(const NameList&) = delete;
+
+    // Copies the caller's text, which has count names or more; for none it is not looked at. TVS_OK, TVS_E_FAULT,
+    // TVS_E_MEMORY, or TVS_E_UNKNOWN when names are missing or the text is longer than any list of names.
+    Status Read(uint32_t count, const char* callersNames);
+    // The next name, good as long as the list; null when there is no more.
+    const char* Next();
+
+private:
+    char* m_text = nullptr; // of the heap
+    char* m_rest = nullptr;
+};

@@ -1,0 +1,158 @@
+// State: the manager's list of records, under g_managerLock.
+#include "notify/registrations.h"
+
+#include "catalogue/variable_handlers.h"
+#include "catalogue/variable_lookup.h"
+#include "frame/heap.h"
+
+#include <string.h>
+
+namespace {
+
+TvsRegistration RegistrationHandle(const ThreadRecord* record) {
+    return reinterpret_cast<TvsRegistration>(record);
+}
+
+// A close takes the list once the manager is off its own: what is appended later would never be stopped.
+bool Append(ManagerRecord* manager, ThreadRecord* record) {
+    const ManagerLockHold lock;
+    if (FindManager(HandleOf(manager)) != manager) return false;
+    ThreadRecord* last = FindLastRegistration(manager->registrations);
+    (last != nullptr ? last->next : manager->registrations) = record;
+    return true;
+}
+
+NotificationRegistration* TakeOut(ManagerRecord* manager, TvsRegistration handle) {
+    const ManagerLockHold lock;
+    if (FindManager(HandleOf(manager)) != manager) return nullptr;
+    for (ThreadRecord** link = &manager->registrations; *link != nullptr; link = &(*link)->next) {
+        ThreadRecord* record = *link;
+        if (RegistrationHandle(record) != handle) continue;
+        *link = record->next;
+        record->next = nullptr;
+        return reinterpret_cast<NotificationRegistration*>(record);
+    }
+    return nullptr;
+}
+
+void CancelDelegated(ManagerRecord* manager, const NotificationRegistration& registration) {
+    for (uint32_t i = 0; i < registration.entryCount; ++i)
+        if ((registration.entries[i].mode & NOTIFY_DELEGATED) != 0)
+            KillRegistration(manager, registration.entries[i].target);
+}
+
+bool Posts(const NotificationEntry& entry, const char* variableName, HWND window, uint32_t message) {
+    return (entry.mode & NOTIFY_BY_MESSAGE) != 0 && entry.target == reinterpret_cast<UINT_PTR>(window) &&
+           entry.message == message && strcmp(entry.variableName, variableName) == 0;
+}
+
+} // namespace
+
+bool CanBeWatched(const StatusVariableDef& variable) {
+    return strlen(variable.name) < kWatchedNameSize;
+}
+
+ThreadProc OwnWatcher(const StatusVariableDef& variable, DeliveryForm form) {
+    return form == DeliveryForm::Callback ? variable.callbackThreadProc : variable.watchThreadProc;
+}
+
+ThreadProc DefaultWatcher(DeliveryForm form) {
+    return form == DeliveryForm::Callback ? ChangeCallbackWatch : ChangeWatch;
+}
+
+NotificationRegistration* NewRegistration(ManagerRecord* manager, uint32_t entryCount) {
+    const uint64_t size = RegistrationSize(entryCount);
+    if (size > SIZE_MAX) return nullptr;
+    auto* registration = static_cast<NotificationRegistration*>(AllocateZeroed(static_cast<SIZE_T>(size)));
+    if (registration == nullptr) return nullptr;
+    registration->databaseMutex = manager->databaseMutex;
+    registration->printerDatabase = manager->printerDatabase;
+    memcpy(registration->databaseName, manager->databaseName, sizeof registration->databaseName - 1);
+    registration->userName = manager->userName;
+    registration->callbackContext = HandleOf(manager);
+    registration->entryCount = entryCount;
+    return registration;
+}
+
+void SetEntry(NotificationEntry& entry, const StatusVariableDef& variable, DeliveryForm form) {
+    entry.mode = (form == DeliveryForm::Message ? NOTIFY_BY_MESSAGE : NOTIFY_BY_EVENT) |
+                 ((variable.flags & SVF_NOTIFY_EVERY_WRITE) != 0 ? NOTIFY_ON_UPDATE : NOTIFY_ON_CHANGE);
+    memcpy(entry.variableName, variable.name, strlen(variable.name)); // CanBeWatched: the block is zero behind it
+    const bool sizeVaries = (variable.flags & (SVT_PROBED | SVT_QUEUE)) != 0; // a queue's size is that of an item
+    entry.valueSize = sizeVaries ? 0 : variable.size;
+}
+
+void SetTarget(NotificationEntry& entry, DeliveryForm form, const DeliveryTarget& target) {
+    entry.target = target.target;
+    if (form == DeliveryForm::Message) entry.message = target.number;
+    if (form == DeliveryForm::Callback) entry.withoutValue = target.number;
+}
+
+Status StartRegistration(ManagerRecord* manager, NotificationRegistration* registration, ThreadProc watcher,
+                         TvsRegistration* handle) {
+    ThreadRecord* record = &registration->thread;
+    if (!StartThreadRecord(record, manager, watcher)) {
+        CancelDelegated(manager, *registration);
+        FreeBlock(registration);
+        return TVS_E_MEMORY;
+    }
+    if (!Append(manager, record)) {
+        CancelDelegated(manager, *registration);
+        StopThreadRecord(record);
+        return TVS_E_HANDLE;
+    }
+    // The record itself may be gone by now, cancelled from its callback or with its manager.
+    *handle = RegistrationHandle(record);
+    return TVS_OK;
+}
+
+Status AddRegistration(ManagerRecord* manager, const StatusVariableDef& variable, DeliveryForm form,
+                       const DeliveryTarget& target, uint32_t index, TvsRegistration* handle) {
+    if (!CanBeWatched(variable)) return TVS_E_UNKNOWN;
+    NotificationRegistration* registration = NewRegistration(manager, 1);
+    if (registration == nullptr) return TVS_E_MEMORY;
+    registration->callbackIndex = index;
+    SetEntry(registration->entries[0], variable, form);
+    SetTarget(registration->entries[0], form, target);
+    const ThreadProc own = OwnWatcher(variable, form);
+    return StartRegistration(manager, registration, own != nullptr ? own : DefaultWatcher(form), handle);
+}
+
+Status AddRegistrationOfName(ManagerRecord* manager, const char* variableName, DeliveryForm form,
+                             const DeliveryTarget& target, uint32_t index, TvsRegistration* handle) {
+    const StatusVariableDef* variable = FindStatusVariable(manager, variableName);
+    if (variable == nullptr) return TVS_E_UNKNOWN;
+    return AddRegistration(manager, *variable, form, target, index, handle);
+}
+
+Status AddMessageRegistration(ManagerRecord* manager, const char* variableName, HWND window, uint32_t message,
+                              TvsRegistration* handle) {
+    return AddRegistrationOfName(manager, variableName, DeliveryForm::Message,
+                                 {reinterpret_cast<UINT_PTR>(window), message}, 0, handle);
+}
+
+Status AddCallbackRegistration(ManagerRecord* manager, const char* variableName, TvsCallback callback,
+                               uint32_t withoutValue, uint32_t index, TvsRegistration* handle) {
+    return AddRegistrationOfName(manager, variableName, DeliveryForm::Callback,
+                                 {reinterpret_cast<UINT_PTR>(callback), withoutValue}, index, handle);
+}
+
+Status KillRegistration(ManagerRecord* manager, TvsRegistration handle) {
+    if (handle == 0) return TVS_E_HANDLE;
+    NotificationRegistration* registration = TakeOut(manager, handle);
+    if (registration == nullptr) return TVS_E_HANDLE;
+    CancelDelegated(manager, *registration);
+    StopThreadRecord(&registration->thread);
+    return TVS_OK;
+}
+
+TvsRegistration FindMessageRegistration(ManagerRecord* manager, const char* variableName, HWND window,
+                                        uint32_t message) {
+    const ManagerLockHold lock;
+    for (const ThreadRecord* record = manager->registrations; record != nullptr; record = record->next) {
+        const NotificationRegistration& registration = RegistrationOf(record);
+        for (uint32_t i = 0; i < registration.entryCount; ++i)
+            if (Posts(registration.entries[i], variableName, window, message)) return RegistrationHandle(record);
+    }
+    return 0;
+}

@@ -1,0 +1,102 @@
+// The watchers of one variable whose every signal is one delivery.
+//
+// A pulse reaches only who waits. One that a delivery missed comes once more a moment later; a delivery that took
+// longer, be it a callback or that the process stood still, is followed by a look whether there was a write since.
+// State: on the watcher's stack.
+#include "catalogue/variable_handlers.h"
+#include "frame/timings.h"
+#include "notify/callback_value.h"
+#include "notify/delivery.h"
+
+namespace {
+
+constexpr DWORD kEnded = 1;
+// More signals than this within a second mean that somebody left the event set.
+constexpr uint32_t kSignalsCounted = 100;
+constexpr DWORD kSignalsCountedMs = 1000;
+
+// A watcher that is back within this time has missed no pulse that does not come again.
+constexpr DWORD kPulseComesAgainMs = 40;
+
+class VariableWatcher {
+public:
+    // *told: when the variable was last written; that is not news. looks: after every delivery.
+    VariableWatcher(const NotificationRegistration& registration, bool looks, SYSTEMTIME* told)
+        : m_registration(registration), m_looks(looks), m_handles{registration.thread.stopEvent, nullptr},
+          m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()), m_lastCheck(m_awakeSince) {
+        ReadWriteTime(registration, Entry(), told);
+        m_handles[1] = BeginWatch(registration, Entry().variableName, dblink::kOnlyChanges);
+        ThreadHasBegun(registration.thread);
+    }
+    ~VariableWatcher() { EndWatch(m_registration, Entry().variableName, m_handles[1]); }
+    VariableWatcher(const VariableWatcher&) = delete;
+    VariableWatcher& operator=(const VariableWatcher&) = delete;
+
+    const NotificationEntry& Entry() const { return m_registration.entries[0]; }
+
+    // True when the variable was written; false when the watcher is to end. told: when the last delivery began, or when
+    // what it told was written.
+    bool AwaitWrite(const SYSTEMTIME& told) {
+        for (;;) {
+            if (m_wait == INFINITE && GetTickCount() - m_awakeSince > kPulseComesAgainMs) m_wait = 0;
+            const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, m_wait);
+            m_awakeSince = GetTickCount();
+            if (result == WAIT_OBJECT_0 + 1) {
+                CountSignal();
+                break;
+            }
+            if (result != WAIT_TIMEOUT) return false;
+            SYSTEMTIME written = {};
+            m_wait = INFINITE;
+            if (ReadWriteTime(m_registration, Entry(), &written) && IsNotEarlier(written, MillisecondAfter(told)))
+                break;
+        }
+        m_wait = m_looks ? 0 : INFINITE;
+        return true;
+    }
+
+private:
+    void CountSignal() {
+        if (++m_signals <= kSignalsCounted) return;
+        m_signals = 0;
+        const DWORD now = GetTickCount();
+        if (now > m_lastCheck && now - m_lastCheck < kSignalsCountedMs) ResetEvent(m_handles[1]);
+        m_lastCheck = now;
+    }
+
+    const NotificationRegistration& m_registration;
+    const bool m_looks;
+    HANDLE m_handles[2]; // the stop event, the change event
+    DWORD m_wait;        // the first one is short: a write may have come before it
+    DWORD m_awakeSince;  // tick count
+    uint32_t m_signals = 0;
+    DWORD m_lastCheck; // tick count
+};
+
+} // namespace
+
+// The clock tells the writes from before a delivery from those after it: asking the service would hold the delivery up.
+DWORD WINAPI VariableWatch(void* parameter) {
+    SYSTEMTIME told = {};
+    VariableWatcher watcher(RegistrationOf(parameter), false, &told);
+    while (watcher.AwaitWrite(told)) {
+        GetSystemTime(&told);
+        Deliver(watcher.Entry());
+    }
+    return kEnded;
+}
+
+DWORD WINAPI VariableCallbackWatch(void* parameter) {
+    const NotificationRegistration& registration = RegistrationOf(parameter);
+    const NotificationEntry& entry = registration.entries[0];
+    CallbackValue value(entry.valueSize == 0);
+    SYSTEMTIME told = {};
+    VariableWatcher watcher(registration, true, &told);
+    while (watcher.AwaitWrite(told)) {
+        ReadWriteTime(registration, entry, &told);
+        DWORD size = 0;
+        const BYTE* bytes = entry.withoutValue != 0 ? nullptr : value.Read(registration, entry, &size);
+        CallBack(registration, entry, registration.callbackIndex, bytes, size);
+    }
+    return kEnded;
+}
