@@ -9,3 +9,7 @@ DWORD WINAPI ChangeWatch(void* registration);           // the default for event
 DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callbacks
 DWORD WINAPI VariableWatch(void* registration);         // of one variable, each signal one delivery
 DWORD WINAPI VariableCallbackWatch(void* registration); // the same for callbacks
+DWORD WINAPI TerminateManagerWatch(void* registration); // one termination of the product's managers
+
+// Writes: the status is that of the update.
+int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // local/termination.cpp

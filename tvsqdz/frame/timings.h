@@ -63,6 +63,12 @@ struct Timings {
     DWORD terminationPolls = 300;
     DWORD detachBound = 2000;
 
+    // Asking the product's windows to close: between two looks whether one has gone, and how many; and the pause after
+    // all of it.
+    DWORD windowClosePoll = 100;
+    DWORD windowClosePolls = 100;
+    DWORD terminationPause = 1000;
+
     // How long the start of a manager's thread waits for it to begin its work.
     DWORD beginWait = 1000;
 
