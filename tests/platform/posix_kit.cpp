@@ -46,11 +46,6 @@ void ReplaceFile(const std::string& path, const std::string& bytes, unsigned mod
     fs::rename(fresh, path);
 }
 
-unsigned FileMode(const std::string& path) {
-    struct stat file {};
-    return lstat(path.c_str(), &file) == 0 ? file.st_mode & 07777 : 0;
-}
-
 bool PlantInPlace(const std::string& path, Plant plant, const std::string& target) {
     fs::remove_all(path);
     switch (plant) {

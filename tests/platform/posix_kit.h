@@ -13,7 +13,6 @@ void SetUmask(unsigned mask);
 std::string ReadWholeFile(const std::string& path);
 // Replaces the file, as a restored backup would: those who have it open see that it is another.
 void ReplaceFile(const std::string& path, const std::string& bytes, unsigned mode = 0644);
-unsigned FileMode(const std::string& path);
 
 // Makes something else than a file of its own in its place.
 enum class Plant { kLink, kHardLink, kPipe, kDirectory };

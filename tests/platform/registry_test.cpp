@@ -258,7 +258,7 @@ CHILD_PROCESS(WritesPairs) {
 }
 
 TEST(RegistryCampaign, ChangesAreWholeWhoeverIsKilled) {
-    const int rounds = Rounds(40, 5000);
+    const int rounds = Rounds(40, 2000);
     std::mt19937_64 random(Seed());
     TestProcess steady("WritesPairs", {"steady"});
     steady.Hear();
@@ -309,7 +309,7 @@ TEST(RegistryCampaign, DamageIsToldAndNeverTakenForData) {
     ASSERT_GT(sound.size(), 100000U);
     std::mt19937_64 random(Seed());
     int told = 0;
-    const int rounds = Rounds(300, 100000);
+    const int rounds = Rounds(300, 20000);
     for (int round = 0; round < rounds; ++round) {
         std::string damaged = sound;
         if (round % 10 == 0) damaged.resize(1 + random() % (sound.size() - 1));

@@ -123,7 +123,7 @@ TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
 }
 
 TEST(RegistryTextCampaign, WhatIsExportedImportsToTheSame) {
-    const int rounds = Rounds(150, 20000);
+    const int rounds = Rounds(150, 8000);
     std::mt19937_64 random(Seed());
     const auto text = [&random](size_t length, bool name) {
         std::string result;
