@@ -32,6 +32,11 @@ struct OutputArgument {
     std::function<int32_t(void* address)> call;
 };
 
+// What is registered by them is never delivered.
+const TvsCallback kCallback = [](TvsManager, uint32_t, const char*, const void*, uint32_t) {};
+void* const kEvents[2] = {};
+const uint32_t kNumbers[2] = {};
+
 } // namespace
 
 TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
@@ -62,6 +67,20 @@ TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
          [&](const void* a) { return GetPrinterStatusDirectA(manager, narrow(a), &value, 4, &size); }},
         {"SetPrinterStatusDirectA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
          [&](const void* a) { return SetPrinterStatusDirectA(manager, narrow(a), &value, 4); }},
+        {"SetNotificationEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetNotificationEventA(manager, narrow(a), nullptr, &opened); }},
+        {"SetNotificationMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetNotificationMsgA(manager, narrow(a), nullptr, 1, &opened); }},
+        {"SetNotificationCallbackA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetNotificationCallbackA(manager, narrow(a), kCallback, 0, &opened); }},
+        {"SetNotificationEventExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetNotificationEventExA(manager, 1, narrow(a), kEvents, &opened); }},
+        {"SetNotificationMsgExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetNotificationMsgExA(manager, 1, narrow(a), nullptr, kNumbers, &opened); }},
+        {"SetNotificationCallbackExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) {
+             return SetNotificationCallbackExA(manager, 1, narrow(a), &kCallback, kNumbers, &opened);
+         }},
         {"OpenManagerA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
          [&](const void* a) { return OpenManagerA(narrow(a), "u", &opened); }},
         {"OpenManagerExA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
@@ -175,4 +194,60 @@ TEST(BadPointers, DataToStoreAreReadWholeOrNotAtAll) {
                   Answer::Done);
         EXPECT_EQ(stored, row.readable ? 604u : 7u);
     }
+}
+
+// A list with a variable that is delegated and one that is not.
+TEST(BadPointers, NotificationsAreRegisteredWholeOrNotAtAll) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    const char one[] = "PrinterStatus";
+    const char two[] = "PrinterStatus;ModelNumber";
+    const TvsCallback callbacks[] = {kCallback, kCallback};
+    TvsRegistration made = 0;
+    const auto handle = [](void* a) { return static_cast<TvsRegistration*>(a); };
+    const auto numbers = [](void* a) { return static_cast<const uint32_t*>(a); };
+    const struct {
+        const char* name;
+        size_t size;
+        bool isOutput;
+        std::function<int32_t(void* address)> call;
+    } arguments[] = {
+        {"EventA", sizeof made, true, [&](void* a) { return SetNotificationEventA(manager, one, nullptr, handle(a)); }},
+        {"MsgA", sizeof made, true, [&](void* a) { return SetNotificationMsgA(manager, one, nullptr, 1, handle(a)); }},
+        {"CallbackA", sizeof made, true,
+         [&](void* a) { return SetNotificationCallbackA(manager, one, kCallback, 0, handle(a)); }},
+        {"EventExA", sizeof made, true,
+         [&](void* a) { return SetNotificationEventExA(manager, 2, two, kEvents, handle(a)); }},
+        {"MsgExA", sizeof made, true,
+         [&](void* a) { return SetNotificationMsgExA(manager, 2, two, nullptr, kNumbers, handle(a)); }},
+        {"CallbackExA", sizeof made, true,
+         [&](void* a) { return SetNotificationCallbackExA(manager, 2, two, callbacks, kNumbers, handle(a)); }},
+        {"EventExA events", 2 * sizeof(void*), false,
+         [&](void* a) { return SetNotificationEventExA(manager, 2, two, static_cast<void**>(a), &made); }},
+        {"MsgExA messages", 8, false,
+         [&](void* a) { return SetNotificationMsgExA(manager, 2, two, nullptr, numbers(a), &made); }},
+        {"CallbackExA callbacks", 2 * sizeof(TvsCallback), false,
+         [&](void* a) {
+             return SetNotificationCallbackExA(manager, 2, two, static_cast<TvsCallback*>(a), kNumbers, &made);
+         }},
+        {"CallbackExA flags", 8, false,
+         [&](void* a) { return SetNotificationCallbackExA(manager, 2, two, callbacks, numbers(a), &made); }},
+    };
+    const auto registered = [&] {
+        const ManagerLockHold lock;
+        return FindManager(manager)->registrations != nullptr;
+    };
+    BadMemory memory;
+    for (const auto& argument : arguments)
+        for (const AddressCase& row : memory.Kinds(argument.size)) {
+            if (row.size != argument.size) continue; // the size is not told
+            SCOPED_TRACE(std::string(argument.name) + ": " + row.kind);
+            const bool good = argument.isOutput ? row.writable : row.readable;
+            EXPECT_EQ(argument.call(row.address), good ? TVS_OK : TVS_E_FAULT);
+            EXPECT_EQ(registered(), good);
+            if (!good) continue;
+            if (argument.isOutput) std::memcpy(&made, row.address, sizeof made);
+            EXPECT_EQ(KillNotificationEvent(manager, made), TVS_OK);
+            EXPECT_FALSE(registered());
+        }
 }

@@ -9,7 +9,7 @@
 #include <string>
 
 // Longer than anything that is told late: the pause of the service after a burst and the first look of a watcher.
-inline constexpr int kQuietMs = 250;
+inline constexpr int kQuietMs = 300;
 inline constexpr UINT kMessage = WM_APP + 7;
 
 // The calls of one callback. Its own work is done before it is counted.

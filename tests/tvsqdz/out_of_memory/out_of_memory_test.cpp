@@ -102,6 +102,18 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     some([&] { return Update(manager, "Big", Bytes(600, 'c')); });
     int32_t result = 0;
     some([&] { return ResSetPrinterStatus(manager, 1, &result); });
+    // A list of which one variable has a registration of its own.
+    some([&] {
+        HANDLE const events[] = {nullptr, nullptr};
+        TvsRegistration handle = 0;
+        const int32_t status = SetNotificationEventExA(manager, 2, "PrinterStatus;ModelNumber", events, &handle);
+        if (status == TVS_OK) {
+            EXPECT_EQ(KillNotificationEvent(manager, handle), TVS_OK);
+        }
+        const ManagerLockHold lock;
+        EXPECT_EQ(FindManager(manager)->registrations, nullptr);
+        return status;
+    });
     // An item that could not be read is still there.
     const int before = 10;
     int taken = 0;
