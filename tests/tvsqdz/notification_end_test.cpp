@@ -159,6 +159,7 @@ TEST(NotificationEnd, NothingIsDeliveredAfterACancelAndNothingIsLeftBehind) {
             for (const Form form : kForms) {
                 Registrant registrant(form, manager, variable);
                 ASSERT_GT(registrant.Told(), 0);
+                ASSERT_GT(HeldNow().objects, before.objects);
                 ASSERT_EQ(registrant.Cancel(), TVS_OK);
                 registrant.Told(0);
                 PauseMs(1); // the writes go on
