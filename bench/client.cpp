@@ -3,6 +3,10 @@
 //   read PRINTER     GetPrinterStatusA of "PrinterStatus", 12 bytes
 //   update PRINTER   UpdatePrinterStatusA of "JobStatus", 4 bytes, another value each time
 //   open PRINTER     OpenManagerExA and CloseManager
+//   told-event|told-message|told-callback PRINTER
+//                    an update, until a registration of this process has told it in that form
+//   watched PRINTER N
+//                    an update while N registrations of this process watch the variable
 //   mutex            the named mutex alone: take and give back, nobody else
 //   event            a named event alone: set, found signalled, reset
 //   printers N       no rounds: opens printers 1 to N that nobody knows, each kept open; prints the nanoseconds of each
@@ -55,6 +59,63 @@ int MeasureOpens(const char* printer) {
     return ServeRounds([printer] { return CloseManager(Open(printer)) == TVS_OK; });
 }
 
+// ---- told
+
+constexpr char kToldVariable[] = "JobStatus";
+HANDLE g_told = nullptr; // automatic
+
+void TVS_CALL OnCall(TvsManager, uint32_t, const char*, const void*, uint32_t) {
+    SetEvent(g_told);
+}
+
+// The message is taken from the queue by the measuring thread, which owns the window.
+HWND CreateMessageWindow() {
+    WNDCLASSEXA windowClass{};
+    windowClass.cbSize = sizeof windowClass;
+    windowClass.lpfnWndProc = &DefWindowProcA;
+    windowClass.lpszClassName = "Bench";
+    RegisterClassExA(&windowClass);
+    return CreateWindowExA(0, "Bench", "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+}
+
+int MeasureTold(const std::string& form, const char* printer) {
+    const TvsManager manager = Open(printer);
+    g_told = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    const HWND window = CreateMessageWindow();
+    TvsRegistration registration = 0;
+    int32_t status = TVS_E_UNKNOWN;
+    if (form == "told-event") status = SetNotificationEventA(manager, kToldVariable, g_told, &registration);
+    if (form == "told-message") status = SetNotificationMsgA(manager, kToldVariable, window, WM_APP, &registration);
+    if (form == "told-callback") status = SetNotificationCallbackA(manager, kToldVariable, &OnCall, 1, &registration);
+    if (status != TVS_OK) {
+        std::fprintf(stderr, "%s: status %d\n", form.c_str(), status);
+        return 1;
+    }
+    const bool byMessage = form == "told-message";
+    uint32_t value = 0;
+    return ServeRounds([=]() mutable {
+        ++value;
+        if (UpdatePrinterStatusA(manager, kToldVariable, &value, sizeof value) != TVS_OK) return false;
+        MSG message;
+        return byMessage ? GetMessageA(&message, window, 0, 0) > 0
+                         : WaitForSingleObject(g_told, 10000) == WAIT_OBJECT_0;
+    });
+}
+
+int MeasureWatched(const char* printer, long count) {
+    const TvsManager manager = Open(printer);
+    g_told = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (long i = 0; i < count; ++i) {
+        TvsRegistration registration = 0;
+        if (SetNotificationEventA(manager, kToldVariable, g_told, &registration) != TVS_OK) return 1;
+    }
+    uint32_t value = 0;
+    return ServeRounds([manager, value]() mutable {
+        ++value;
+        return UpdatePrinterStatusA(manager, kToldVariable, &value, sizeof value) == TVS_OK;
+    });
+}
+
 int MeasureMutex() {
     const HANDLE mutex = CreateMutexA(nullptr, FALSE, "bench:mutex");
     return ServeRounds(
@@ -91,9 +152,13 @@ int main(int argc, char** argv) {
     if (operation == "read") return MeasureReads(argument);
     if (operation == "update") return MeasureUpdates(argument);
     if (operation == "open") return MeasureOpens(argument);
+    if (operation.starts_with("told-")) return MeasureTold(operation, argument);
+    if (operation == "watched") return MeasureWatched(argument, argc > 3 ? std::strtol(argv[3], nullptr, 10) : 0);
     if (operation == "mutex") return MeasureMutex();
     if (operation == "event") return MeasureEvent();
     if (operation == "printers") return OpenPrinters(std::strtol(argument, nullptr, 10));
-    std::fprintf(stderr, "usage: bench_client read|update|open PRINTER | mutex | event | printers N\n");
+    std::fprintf(
+        stderr,
+        "usage: bench_client read|update|open|told-FORM PRINTER | watched PRINTER N | mutex | event | printers N\n");
     return 2;
 }

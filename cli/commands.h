@@ -30,6 +30,17 @@ struct NewValue {
 };
 Exit SetCommand(const ManagerOptions& options, const NewValue& value);
 
+enum class DeliveredBy { Event, Message, Callback };
+struct WatchOptions {
+    std::vector<std::string> variables;
+    std::vector<std::string> until; // conditions, all of which must hold; none: until the user ends it
+    std::optional<uint32_t> timeoutMs;
+    DeliveredBy by = DeliveredBy::Event;
+};
+// Exit::Done when the conditions hold, or when the user ended a watch without conditions.
+Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted);
+Exit TerminateCommand(const ManagerOptions& options);
+
 Exit PrintersCommand();
 Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port);
 Exit RemovePrinterCommand(const std::string& name);

@@ -40,7 +40,7 @@ constexpr CodeMeaning kMeanings[] = {
     {TVS_E_AUTHORITY, Exit::Denied, "you lack the authority for it on this printer", ""},
 
     // Answers of the service.
-    {-3, Exit::False, "the service has no such database: it was started anew meanwhile", "run the command again"},
+    {-3, Exit::NoService, "the service has no such database: it was started anew meanwhile", "run the command again"},
     {-5, Exit::False, "the service keeps no value of that variable", ""},
     {-7, Exit::False, "the value has a size that the variable cannot take",
      "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},

@@ -29,6 +29,8 @@ struct Arguments {
     ManagerOptions manager;
     std::vector<std::string> names;
     NewValue newValue;
+    WatchOptions watch;
+    double timeoutSeconds = 0;
     std::string printer, driver, port = "FILE:";
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
@@ -80,6 +82,35 @@ void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
         a.newValue.file = WhenGiven(file, a.file);
         chosen = [&] { return SetCommand(a.manager, a.newValue); };
     });
+}
+
+void AddWatchCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* watch = app.add_subcommand("watch", "Print each change of variables, as it happens, until Ctrl-C");
+    AddManagerOptions(*watch, a.manager);
+    watch->add_option("VARIABLE", a.watch.variables, "Names of variables; those of --until are watched too");
+    watch->add_flag("--hex", a.manager.hex, "Values as bytes");
+    watch
+        ->add_option(
+            "--until", a.watch.until,
+            "End with 0 when this holds (all of them, when given again): NAME or NAME.FIELD, one of = != < <= > "
+            ">= & (any of these bits), and a value; a number of -1 is not known and has no order")
+        ->allow_extra_args(false);
+    const CLI::Option* timeout = watch->add_option("--timeout", a.timeoutSeconds, "End with 5 after so many seconds")
+                                     ->check(CLI::Range(0.0, 1e6));
+    const std::map<std::string, DeliveredBy> forms = {
+        {"event", DeliveredBy::Event}, {"message", DeliveredBy::Message}, {"callback", DeliveredBy::Callback}};
+    watch->add_option("--by", a.watch.by, "The form in which the library tells: event, message or callback")
+        ->transform(CLI::CheckedTransformer(forms))
+        ->default_str("event");
+    watch->callback([&, timeout] {
+        if (timeout->count()) a.watch.timeoutMs = static_cast<uint32_t>(a.timeoutSeconds * 1000);
+        chosen = [&] { return WatchCommand(a.manager, a.watch); };
+    });
+
+    CLI::App* terminate = app.add_subcommand(
+        "terminate", "Ask all managers of the machine to shut down, and the product's windows to close");
+    AddManagerOptions(*terminate, a.manager);
+    terminate->callback([&] { chosen = [&] { return TerminateCommand(a.manager); }; });
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
@@ -175,6 +206,7 @@ Exit Run(int argc, char** argv) {
     CLI::App* status = app.add_subcommand("status", "Tell what is installed and what runs");
     status->callback([&] { chosen = [] { return StatusCommand(); }; });
     AddVariableCommands(app, arguments, chosen);
+    AddWatchCommands(app, arguments, chosen);
     AddPrinterCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
     app.footer(kExitCodes); // last, or the commands would inherit it

@@ -1,9 +1,10 @@
 // up: the product's start-up process. It registers the installation when that is missing, starts the status database
 // service, signals that the product is initialised, keeps the service running, and undoes all of it on Ctrl-C.
 //
-// State: g_stop, set by the console's handler, which runs on a thread of its own.
+// State: g_stop, set when the user wants to stop.
 #include "commands.h"
 
+#include "interrupt.h"
 #include "output.h"
 #include "product.h"
 #include "registry.h"
@@ -20,14 +21,6 @@ constexpr DWORD kLongestPauseMs = 30000;
 constexpr DWORD kHealthyMs = 60000; // of running make the next pause the first one again
 
 HANDLE g_stop = nullptr;
-
-BOOL WINAPI OnConsoleControl(DWORD event) {
-    SetEvent(g_stop);
-    // After the other events, a closed console among them, the process ends as soon as this returns: the main thread
-    // shall end it before.
-    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kStartMs);
-    return TRUE;
-}
 
 // ---- what is told
 
@@ -227,10 +220,7 @@ private:
 
 Exit UpCommand(bool quiet) {
     const Teller teller{quiet};
-    const KernelHandle stop(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    if (!stop) throw SystemFailure(GetLastError(), "cannot create an event");
-    g_stop = stop.Get();
-    if (!SetConsoleCtrlHandler(OnConsoleControl, TRUE)) throw SystemFailure(GetLastError(), "cannot take over Ctrl-C");
+    g_stop = TakeOverInterrupts(kStartMs);
 
     const UpMutex mutex;
     if (!mutex.Held())

@@ -31,6 +31,9 @@ inline constexpr DWORD kBurstGapMs = 250;
 inline constexpr DWORD kClosingDelayMs = 50;
 // So does one that follows a question for the write time, whose asker needs a moment to come to wait.
 inline constexpr DWORD kLookGapMs = 20;
+// A watcher of many variables misses what is pulsed while it delivers: the closing pulses of one database keep this
+// distance.
+inline constexpr DWORD kClosingSpacingMs = 4;
 // Up to so many watches the writer's call pulses before its reply. Beyond, it would be held up by waking them all.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
 

@@ -27,6 +27,7 @@ struct Database {
     // Watches in the whole database: while there are none, a write looks for no events.
     std::atomic<DWORD> watches = 0;
     std::atomic<VariableSignals*> compositeSignals = nullptr; // of composites that were watched
+    DWORD nextClosing = 0; // tick count from which a burst may be closed; of the thread in signals.cpp alone
 
     Lock lock; // what changes the state, or adds a variable or member list
     Arena arena;

@@ -76,6 +76,7 @@ void PulseForWrite(Signal& signal) {
     const DWORD now = GetTickCount();
     if (signal.pulsed && (now - signal.lastPulse < kBurstGapMs || IsLookedAt(*signal.owner, now))) {
         signal.closing = true;
+        signal.closingPlaced = false;
         signal.closingDue = now + kClosingDelayMs;
     }
     Pulse(signal, now);
@@ -126,11 +127,22 @@ void ServeOwed(Signal& signal) {
     if (signal.event) PulseForWrite(signal);
 }
 
+// Gives a burst that is over its turn among those of its database.
+void Place(Signal& signal, DWORD now) NEEDS(signal.owner->lock) {
+    DWORD& next = signal.owner->database->nextClosing;
+    // One that lies far ahead is left from before the tick count wrapped round.
+    const bool waits = !TickReached(now, next) && next - now <= kClosingSpacingMs * 2 * kVariablesPerDatabase;
+    signal.closingDue = waits ? next : now;
+    next = signal.closingDue + kClosingSpacingMs;
+    signal.closingPlaced = true;
+}
+
 void ServeClosing(Signal& signal) {
     LockHold hold{signal.owner->lock};
     signal.closingQueued = false;
     if (!signal.event || !signal.closing) return;
     const DWORD now = GetTickCount();
+    if (TickReached(now, signal.closingDue) && !signal.closingPlaced) Place(signal, now);
     if (!TickReached(now, signal.closingDue)) {
         QueueClosing(signal);
         return;

@@ -4,7 +4,8 @@
 // 2). A signal is a pulse: it reaches who waits at that moment. A watcher that is busy delivering misses it, so a burst
 // of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. So does
 // one that has just asked for the write time, found nothing new and goes to wait: a write right after that counts as
-// part of the burst. State: with each watched variable; the pulses to come, served by one thread, in signals.cpp.
+// part of the burst. Closing pulses of one database keep a distance, since one watcher may wait for many of its
+// variables. State: with each watched variable; the pulses to come, served by one thread, in signals.cpp.
 #pragma once
 
 #include "database.h"
@@ -21,6 +22,7 @@ struct Signal {
     DWORD closingDue = 0; // tick count, while closing
     bool pulsed = false;
     bool closing = false;       // a burst is still to be closed
+    bool closingPlaced = false; // closingDue keeps its distance to others
     bool closingQueued = false; // the queue of closing pulses has it
     bool owed = false;          // a write has not been told yet; the list of those has it
     Signal* nextOwed = nullptr; // guarded by the queue's lock
