@@ -72,10 +72,23 @@ void PrintChange(const Watch& watch, const Watched& before, const Watched& now) 
               Shown(watch, variable, before.value) + " -> " + Shown(watch, variable, now.value));
 }
 
+// As ReadNow, of a variable that was read before: only a service that is another one by now can refuse it.
+Watched ReadAgain(const Watch& watch, const Variable& variable) {
+    try {
+        return ReadNow(watch, variable);
+    } catch (Failure& failure) {
+        if (failure.exitCode != Exit::False) throw;
+        failure.exitCode = Exit::NoService;
+        failure.why = "the status database service was started anew, and knows nothing of this watch";
+        failure.next = "run the command again";
+        throw;
+    }
+}
+
 // Prints the variable when it was written since it was last looked at.
 void Look(Watch& watch, size_t place) {
     Watched& last = watch.variables[place];
-    Watched now = ReadNow(watch, *last.variable);
+    Watched now = ReadAgain(watch, *last.variable);
     if (now.value == last.value && now.written == last.written) return;
     PrintChange(watch, last, now);
     last = std::move(now);

@@ -34,6 +34,9 @@ inline constexpr DWORD kLookGapMs = 20;
 // A watcher of many variables misses what is pulsed while it delivers: the closing pulses of one database keep this
 // distance.
 inline constexpr DWORD kClosingSpacingMs = 4;
+// A closing pulse is repeated while somebody who asks for the write time when told has not asked.
+inline constexpr DWORD kClosingRepeatMs = 60;
+inline constexpr DWORD kClosingRepeats = 6;
 // Up to so many watches the writer's call pulses before its reply. Beyond, it would be held up by waking them all.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
 

@@ -170,10 +170,10 @@ RPC_STATUS ServeSetCompositeMembers(Call& call) {
     return ReplyStatus(call, SetCompositeMembers(*database, *call.group.account, composite, list));
 }
 
-ServiceStatus InfoOf(Database& database, std::string_view name, VariableInfo* info) {
+ServiceStatus InfoOf(const Group& group, Database& database, std::string_view name, VariableInfo* info) {
     Variable* variable = FindVariable(database, name);
     if (!variable) return kUnknownVariable;
-    NoteLook(*variable);
+    NoteQuestion(group, *variable);
     ValueState state = {};
     const ServiceStatus status = ReadAnyValue(database, *variable, nullptr, 0, &state);
     if (status == kLimitReached) return status;
@@ -187,7 +187,7 @@ RPC_STATUS ServeGetVariableInfo(Call& call) {
     if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
     const DatabaseUse database{call.group, handle};
     VariableInfo info = {};
-    const ServiceStatus status = database ? InfoOf(*database, name, &info) : kUnknownDatabase;
+    const ServiceStatus status = database ? InfoOf(call.group, *database, name, &info) : kUnknownDatabase;
     RPC_STATUS fault;
     NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
     reply.WriteVariableInfo(info);

@@ -77,6 +77,7 @@ void PulseForWrite(Signal& signal) {
     if (signal.pulsed && (now - signal.lastPulse < kBurstGapMs || IsLookedAt(*signal.owner, now))) {
         signal.closing = true;
         signal.closingPlaced = false;
+        signal.repeats = 0;
         signal.closingDue = now + kClosingDelayMs;
     }
     Pulse(signal, now);
@@ -84,6 +85,7 @@ void PulseForWrite(Signal& signal) {
 }
 
 void Fire(VariableSignals& signals, bool changed) {
+    signals.writes.fetch_add(1);
     LockHold hold{signals.lock};
     for (const WatchMode mode : {kEveryWrite, kOnlyChanges}) {
         Signal& signal = SignalOf(signals, mode);
@@ -138,17 +140,29 @@ void Place(Signal& signal, DWORD now) NEEDS(signal.owner->lock) {
 }
 
 void ServeClosing(Signal& signal) {
+    const bool missed = WasMissed(*signal.owner, signal.mode); // takes a lock that comes before the owner's
     LockHold hold{signal.owner->lock};
     signal.closingQueued = false;
     if (!signal.event || !signal.closing) return;
     const DWORD now = GetTickCount();
-    if (TickReached(now, signal.closingDue) && !signal.closingPlaced) Place(signal, now);
+    if (TickReached(now, signal.closingDue)) {
+        if (signal.repeats > 0 && !missed) {
+            signal.closing = false;
+            return;
+        }
+        if (!signal.closingPlaced) Place(signal, now);
+    }
     if (!TickReached(now, signal.closingDue)) {
         QueueClosing(signal);
         return;
     }
-    signal.closing = false;
     Pulse(signal, now);
+    signal.closing = signal.repeats < kClosingRepeats;
+    if (!signal.closing) return;
+    ++signal.repeats;
+    signal.closingPlaced = false;
+    signal.closingDue = now + kClosingRepeatMs;
+    QueueClosing(signal);
 }
 
 DWORD WINAPI SignalThread(LPVOID) {
@@ -229,11 +243,11 @@ void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
 }
 
 // Stored with a barrier before the write time is read, as the writer stores that before it looks here.
-void NoteLook(Variable& variable) {
-    VariableSignals* signals = variable.signals.load(std::memory_order_acquire);
-    if (!signals || signals->watchCount.load() == 0) return;
-    signals->lastLook.store(GetTickCount());
-    signals->looked.exchange(true);
+bool NoteLook(VariableSignals& signals) {
+    if (signals.watchCount.load() == 0) return false;
+    signals.lastLook.store(GetTickCount());
+    signals.looked.exchange(true);
+    return true;
 }
 
 void SignalWritten(Database& database, const Variable& variable, bool changed) {

@@ -4,8 +4,9 @@
 // 2). A signal is a pulse: it reaches who waits at that moment. A watcher that is busy delivering misses it, so a burst
 // of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. So does
 // one that has just asked for the write time, found nothing new and goes to wait: a write right after that counts as
-// part of the burst. Closing pulses of one database keep a distance, since one watcher may wait for many of its
-// variables. State: with each watched variable; the pulses to come, served by one thread, in signals.cpp.
+// part of the burst. One watcher may wait for many variables: closing pulses of one database keep a distance, and are
+// repeated a few times for those who ask for the write time whenever they are told and have not asked. State: with each
+// watched variable; the pulses to come, served by one thread, in signals.cpp.
 #pragma once
 
 #include "database.h"
@@ -24,6 +25,7 @@ struct Signal {
     bool closing = false;       // a burst is still to be closed
     bool closingPlaced = false; // closingDue keeps its distance to others
     bool closingQueued = false; // the queue of closing pulses has it
+    DWORD repeats = 0;          // of the closing pulse
     bool owed = false;          // a write has not been told yet; the list of those has it
     Signal* nextOwed = nullptr; // guarded by the queue's lock
 };
@@ -37,6 +39,7 @@ struct VariableSignals {
     std::atomic<DWORD> watchCount = 0; // of both
     std::atomic<DWORD> lastLook = 0;   // tick count of the last question for the write time, once looked
     std::atomic<bool> looked = false;
+    std::atomic<DWORD> writes = 0;
     Watch* watches = nullptr; // guarded by the lock of watches.cpp
 
     Lock lock;
@@ -50,8 +53,11 @@ VariableSignals* SignalsOf(Database& database, Variable& variable, Account& acco
 dblink::ServiceStatus AddWatchTo(VariableSignals& signals, dblink::WatchMode mode);
 void RemoveWatchFrom(VariableSignals& signals, dblink::WatchMode mode);
 
-// Somebody is going to ask when the variable was written: before its write time is read.
-void NoteLook(Variable& variable);
+// Somebody is going to ask when the variable was written: before its write time is read. False: nobody watches it.
+bool NoteLook(VariableSignals& signals);
+// Whether one who watches in this mode, and asks for the write time when told, has not done so since the last write.
+// Defined with the watches.
+bool WasMissed(VariableSignals& signals, dblink::WatchMode mode);
 
 // The variable was written, and its value can be read. changed: the bytes are others than before.
 void SignalWritten(Database& database, const Variable& variable, bool changed);

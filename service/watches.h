@@ -8,5 +8,7 @@
 dblink::ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, dblink::WatchMode mode);
 // One watch of the mode that the group used last, while it has one, else of the other.
 dblink::ServiceStatus EndWatch(Group& group, const Variable& variable);
+// The group is going to ask when the variable was written.
+void NoteQuestion(const Group& group, const Variable& variable);
 // All of a group, none of whose calls is in progress.
 void DropWatches(Group& group);
