@@ -29,8 +29,10 @@ inline constexpr DWORD kVariablesPerDatabase = 2048;
 // A pulse that follows another within the gap is part of a burst, and the burst is closed by a pulse of its own.
 inline constexpr DWORD kBurstGapMs = 250;
 inline constexpr DWORD kClosingDelayMs = 50;
-// So does one that follows a question for the write time, whose asker needs a moment to come to wait.
-inline constexpr DWORD kLookGapMs = 20;
+// One that follows a question for the write time within the gap may come before the asker waits. Whether it has asked
+// again is looked at after the delay, long enough for one that was told to have had its turn.
+inline constexpr DWORD kLookGapMs = 1000;
+inline constexpr DWORD kLookDelayMs = 200;
 // A watcher of many variables misses what is pulsed while it delivers: the closing pulses of one database keep this
 // distance.
 inline constexpr DWORD kClosingSpacingMs = 4;

@@ -37,11 +37,12 @@ bool IsLater(const Closing& a, const Closing& b) {
     return a.due != b.due && TickReached(a.due, b.due);
 }
 
-void QueueClosing(Signal& signal) {
+// due: not after closingDue; an earlier one is looked at twice.
+void QueueClosing(Signal& signal, DWORD due) {
     if (signal.closingQueued) return;
     signal.closingQueued = true;
     LockHold hold{g_queueLock};
-    g_closings.push_back({signal.closingDue, &signal}); // room was made with the signal
+    g_closings.push_back({due, &signal}); // room was made with the signal
     std::push_heap(g_closings.begin(), g_closings.end(), IsLater);
     if (g_closings.front().signal == &signal) SetEvent(g_queueChanged);
 }
@@ -67,21 +68,24 @@ void Pulse(Signal& signal, DWORD now) {
     signal.lastPulse = now;
 }
 
-// Who asked for the write time a moment ago may not wait yet.
+// Who asked for the write time a moment ago may not wait yet; whether it does is looked at later.
 bool IsLookedAt(const VariableSignals& signals, DWORD now) {
     return signals.looked.load() && now - signals.lastLook.load() < kLookGapMs;
 }
 
 void PulseForWrite(Signal& signal) {
     const DWORD now = GetTickCount();
-    if (signal.pulsed && (now - signal.lastPulse < kBurstGapMs || IsLookedAt(*signal.owner, now))) {
+    const bool burst = signal.pulsed && now - signal.lastPulse < kBurstGapMs;
+    if (burst || IsLookedAt(*signal.owner, now)) {
+        // After a single write, only for those who were on their way to wait and missed it.
+        const bool inAnyCase = burst || (signal.closing && signal.repeats == 0);
+        signal.repeats = inAnyCase ? 0 : 1;
         signal.closing = true;
         signal.closingPlaced = false;
-        signal.repeats = 0;
-        signal.closingDue = now + kClosingDelayMs;
+        signal.closingDue = now + (inAnyCase ? kClosingDelayMs : kLookDelayMs);
     }
     Pulse(signal, now);
-    if (signal.closing) QueueClosing(signal);
+    if (signal.closing) QueueClosing(signal, now + kClosingDelayMs);
 }
 
 void Fire(VariableSignals& signals, bool changed) {
@@ -153,7 +157,7 @@ void ServeClosing(Signal& signal) {
         if (!signal.closingPlaced) Place(signal, now);
     }
     if (!TickReached(now, signal.closingDue)) {
-        QueueClosing(signal);
+        QueueClosing(signal, signal.closingDue);
         return;
     }
     Pulse(signal, now);
@@ -162,7 +166,7 @@ void ServeClosing(Signal& signal) {
     ++signal.repeats;
     signal.closingPlaced = false;
     signal.closingDue = now + kClosingRepeatMs;
-    QueueClosing(signal);
+    QueueClosing(signal, signal.closingDue);
 }
 
 DWORD WINAPI SignalThread(LPVOID) {

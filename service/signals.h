@@ -2,11 +2,14 @@
 //
 // A watched variable has up to two: "Updated" for every write (mode 1) and "Changed" for writes of other bytes (mode
 // 2). A signal is a pulse: it reaches who waits at that moment. A watcher that is busy delivering misses it, so a burst
-// of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again. So does
-// one that has just asked for the write time, found nothing new and goes to wait: a write right after that counts as
-// part of the burst. One watcher may wait for many variables: closing pulses of one database keep a distance, and are
-// repeated a few times for those who ask for the write time whenever they are told and have not asked. State: with each
-// watched variable; the pulses to come, served by one thread, in signals.cpp.
+// of pulses is closed by one more, 50 ms after its last write; whoever came back to wait by then is told again.
+//
+// Most watchers ask for the write time whenever they are told. The closing pulse is repeated a few times while one of
+// them has not asked since the last write; and a single write that came just after such a question, when its asker may
+// not have waited yet, is looked at in the same way. One watcher may wait for many variables: closing pulses of one
+// database keep a distance.
+//
+// State: with each watched variable; the pulses to come, served by one thread, in signals.cpp.
 #pragma once
 
 #include "database.h"
@@ -25,7 +28,7 @@ struct Signal {
     bool closing = false;       // a burst is still to be closed
     bool closingPlaced = false; // closingDue keeps its distance to others
     bool closingQueued = false; // the queue of closing pulses has it
-    DWORD repeats = 0;          // of the closing pulse
+    DWORD repeats = 0;          // of the closing pulse; 0: it comes in any case
     bool owed = false;          // a write has not been told yet; the list of those has it
     Signal* nextOwed = nullptr; // guarded by the queue's lock
 };

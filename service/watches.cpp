@@ -13,9 +13,8 @@ struct Watch {
     DWORD everyWrite = 0;
     DWORD onlyChanges = 0;
     WatchMode lastMode = kEveryWrite;
-    bool asks = false;   // for the write time
-    DWORD askedAt = 0;   // the variable's count of writes then
-    DWORD questions = 0; // at that count
+    bool asks = false; // for the write time
+    DWORD askedAt = 0; // the variable's count of writes then
 
     DWORD& Count(WatchMode mode) { return mode == kEveryWrite ? everyWrite : onlyChanges; }
 };
@@ -102,21 +101,15 @@ void NoteQuestion(const Group& group, const Variable& variable) {
     LockHold hold{g_watchesLock};
     Watch* watch = FindWatch(group, *signals);
     if (!watch) return;
-    const DWORD writes = signals->writes.load();
-    if (watch->askedAt != writes) watch->questions = 0;
-    watch->askedAt = writes;
     watch->asks = true;
-    ++watch->questions;
+    watch->askedAt = signals->writes.load();
 }
 
 bool WasMissed(VariableSignals& signals, WatchMode mode) {
     LockHold hold{g_watchesLock};
     const DWORD writes = signals.writes.load();
-    for (Watch* watch = signals.watches; watch; watch = watch->nextOfVariable) {
-        if (!watch->asks || watch->Count(mode) == 0) continue;
-        const DWORD questions = watch->askedAt == writes ? watch->questions : 0;
-        if (questions < watch->everyWrite + watch->onlyChanges) return true;
-    }
+    for (Watch* watch = signals.watches; watch; watch = watch->nextOfVariable)
+        if (watch->asks && watch->askedAt != writes && watch->Count(mode) > 0) return true;
     return false;
 }
 

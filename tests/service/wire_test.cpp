@@ -69,7 +69,7 @@ TEST(Wire, RequestAndReplyBytesOfEveryProcedure) {
     ASSERT_EQ(reply.body.size(), 32u);
     EXPECT_EQ(U32At(reply.body, 0), 4u) << "type";
     EXPECT_EQ(U32At(reply.body, 4), 3u) << "size";
-    EXPECT_EQ(U32At(reply.body, 8), 5u) << "limit";
+    EXPECT_EQ(U32At(reply.body, 8), 2u) << "writes, its creation among them";
     EXPECT_EQ(U32At(reply.body, 28), 0u) << "status";
     SYSTEMTIME written, now;
     std::memcpy(&written, reply.body.data() + 12, sizeof written);
