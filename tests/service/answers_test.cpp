@@ -1,28 +1,36 @@
 // What each procedure answers.
 #include "service_under_test.h"
 
-#include <thread>
-
 TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     const Service service;
+    const char* name = "TVORSQD_DB1";
     DWORD creator = 0;
     DWORD other = 0;
-    EXPECT_EQ(OpenDatabase("TVORSQD_DB1", &other), kUnknownDatabase);
-    ASSERT_EQ(CreateDatabase("TVORSQD_DB1", &creator), kDone);
-    EXPECT_EQ(CreateDatabase("TVORSQD_DB1", &other), kDatabaseExists);
-    EXPECT_EQ(other, 0u);
-    EXPECT_EQ(OpenDatabase("TVORSQD_DB1", &other), kBeingInitialised);
-    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("TVORSQD_DB1").text);
+    EXPECT_EQ(OpenDatabase(name, &other), kUnknownDatabase);
+    ASSERT_EQ(CreateDatabase(name, &creator), kDone);
+    ASSERT_EQ(CreateVariable(creator, "Old", kTypeNumber, Number(1)), kDone);
+    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, "TVORSQD_DB1:Initialized");
     ASSERT_NE(ready, nullptr);
+    // An unfinished one that is closed is made afresh; who waits for it is let go, and waits again.
+    ASSERT_EQ(CloseDatabase(creator), kDone);
+    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
+    EXPECT_EQ(OpenDatabase(name, &other), kUnknownDatabase);
+    ASSERT_EQ(CreateDatabase(name, &creator), kDone);
     EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT});
+    VariableInfo variable = {};
+    EXPECT_EQ(GetVariableInfo(creator, "Old", &variable), kUnknownVariable);
+
+    EXPECT_EQ(CreateDatabase(name, &other), kDatabaseExists);
+    EXPECT_EQ(other, 0u);
+    EXPECT_EQ(OpenDatabase(name, &other), kBeingInitialised);
     EXPECT_EQ(WatchVariable(creator, "Any", kEveryWrite), kBeingInitialised);
     EXPECT_EQ(EndDatabaseInitialization(creator), kDone);
     EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
     CloseHandle(ready);
     EXPECT_EQ(EndDatabaseInitialization(creator), kNotCreator);
-    ASSERT_EQ(OpenDatabase("TVORSQD_DB1", &other), kDone);
+    ASSERT_EQ(OpenDatabase(name, &other), kDone);
     EXPECT_EQ(EndDatabaseInitialization(other), kNotCreator);
-    EXPECT_EQ(CreateDatabase("TVORSQD_DB1", &creator), kDatabaseExists);
+    EXPECT_EQ(CreateDatabase(name, &creator), kDatabaseExists);
 
     DatabaseInfo info = {};
     EXPECT_EQ(GetDatabaseInfo(other, &info), kDone);
@@ -36,38 +44,18 @@ TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     EXPECT_EQ(CreateDatabase("1234567890123456789012345678901", &other), kDone);
 }
 
-TEST(Databases, AnUnfinishedOneThatIsClosedIsMadeAfresh) {
-    const Service service;
-    DWORD handle = 0;
-    ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
-    ASSERT_EQ(CreateVariable(handle, "Old", kTypeNumber, Number(1)), kDone);
-    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Database").text);
-    ASSERT_EQ(CloseDatabase(handle), kDone);
-    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0}) << "who waits is let go";
-    EXPECT_EQ(OpenDatabase("Database", &handle), kUnknownDatabase);
-    ASSERT_EQ(CreateDatabase("Database", &handle), kDone);
-    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT}) << "and waits again";
-    VariableInfo info = {};
-    EXPECT_EQ(GetVariableInfo(handle, "Old", &info), kUnknownVariable);
-    EXPECT_EQ(EndDatabaseInitialization(handle), kDone);
-    CloseHandle(ready);
-}
-
 TEST(Variables, AreCreatedAsTheirTypeAllows) {
     const Service service;
     const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(7)}});
     const struct {
-        const char* name;
+        std::string name;
         DWORD type;
         Bytes value;
         LONG answer;
     } rows[] = {
         {"Number", kTypeNumber, Number(8), kVariableExists},
         {"number", kTypeNumber, Number(8), kDone}, // another name
-        {"Byte", kTypeByte, {1}, kDone},
         {"WideByte", kTypeByte, Number(1), kDone}, // keeps four bytes
-        {"Word", kTypeWord, {1, 2}, kDone},
-        {"Text", kTypeString, BytesOf("hello"), kDone},
         {"List", kTypeVariableLength, {}, kDone},
         {"All", kTypeComposite, {}, kDone},
         {"Empty", kTypeNumber, {}, kWrongSize},
@@ -75,16 +63,18 @@ TEST(Variables, AreCreatedAsTheirTypeAllows) {
         {"FullComposite", kTypeComposite, {1}, kWrongSize},
         {"Strange", kTypeCount, {1}, kBadArgument},
         {"", kTypeByte, {1}, kBadName},
+        {std::string(255, 'n'), kTypeByte, {1}, kDone},
+        {std::string(256, 'n'), kTypeByte, {1}, kBadName},
     };
-    for (const auto& row : rows)
+    for (const auto& row : rows) {
         EXPECT_EQ(CreateVariable(handle, row.name, row.type, row.value), row.answer) << row.name;
+        if (row.answer == kDone) {
+            EXPECT_EQ(ValueOf(handle, row.name), row.value) << row.name;
+        }
+    }
     EXPECT_EQ(CreateVariable(handle, "Reserved", kTypeByte, {1}, 1), kBadArgument);
     EXPECT_EQ(CreateVariable(handle + 1, "Any", kTypeByte, {1}), kUnknownDatabase);
-    EXPECT_EQ(CreateVariable(handle, std::string(255, 'n'), kTypeByte, {1}), kDone);
-    EXPECT_EQ(CreateVariable(handle, std::string(256, 'n'), kTypeByte, {1}), kBadName);
     EXPECT_EQ(ValueOf(handle, "Number"), Number(7));
-    EXPECT_EQ(ValueOf(handle, "Text"), BytesOf("hello"));
-    EXPECT_EQ(ValueOf(handle, "All"), Bytes{});
 }
 
 TEST(Variables, TakeValuesOfTheirSizes) {
@@ -101,72 +91,74 @@ TEST(Variables, TakeValuesOfTheirSizes) {
         size_t size;
         LONG answer;
     } rows[] = {
-        {"Byte", 1, kDone},        {"Byte", 2, kWrongSize},          {"Byte", 0, kWrongSize},
-        {"Word", 2, kDone},        {"Word", 1, kWrongSize},          {"Number", 4, kDone},
-        {"Number", 8, kWrongSize}, {"Number", 3, kWrongSize},        {"Text", 32, kDone},
-        {"Text", 5, kDone},        {"Text", 33, kWrongSize},         {"Record", 12, kDone},
-        {"Record", 7, kDone},      {"Record", 13, kWrongSize},       {"List", 3, kDone},
-        {"List", 100000, kDone},   {"List", kValueSizeMax, kDone},   {"List", 0, kDone},
-        {"All", 4, kWrongSize},    {"Missing", 4, kUnknownVariable},
+        {"Byte", 1, kDone},
+        {"Byte", 2, kWrongSize},
+        {"Byte", 0, kWrongSize},
+        {"Word", 2, kDone},
+        {"Word", 1, kWrongSize},
+        {"Number", 4, kDone},
+        {"Number", 8, kWrongSize},
+        {"Text", 32, kDone},
+        {"Text", 5, kDone},
+        {"Text", 33, kWrongSize},
+        {"Record", 12, kDone},
+        {"Record", 7, kDone},
+        {"Record", 13, kWrongSize},
+        {"List", 100000, kDone},
+        {"List", kValueSizeMax, kDone},
+        {"List", 0, kDone},
+        {"All", 4, kWrongSize},
+        {"Missing", 4, kUnknownVariable},
+        // A companion is made by its first write that is taken.
+        {"NumberW", 2, kWrongSize},
+        {"NumberW", 4, kDone},
+        {"NumberW", 4, kDone},
+        {"TextW", 1, kDone},
+        {"TextW", 32, kDone},
+        {"TextW", 33, kWrongSize},
+        {"ListW", 5000, kDone},
+        {"AllW", 4, kUnknownVariable},
+        {"NumberWW", 4, kUnknownVariable},
+        {"W", 4, kUnknownVariable},
     };
     unsigned char fill = 0;
     for (const auto& row : rows) {
-        const Bytes before = row.answer == kWrongSize ? ValueOf(handle, row.name) : Bytes{};
+        SCOPED_TRACE(row.name + (" " + std::to_string(row.size)));
+        VariableInfo info = {};
+        const bool known = GetVariableInfo(handle, row.name, &info) == kDone;
+        const Bytes before = known ? ValueOf(handle, row.name) : Bytes{};
         const Bytes value(row.size, ++fill);
-        EXPECT_EQ(WriteVariable(handle, row.name, value), row.answer) << row.name << ' ' << row.size;
-        if (row.answer == kUnknownVariable) continue;
-        EXPECT_EQ(ValueOf(handle, row.name), row.answer == kDone ? value : before) << row.name << ' ' << row.size;
+        EXPECT_EQ(WriteVariable(handle, row.name, value), row.answer);
+        EXPECT_EQ(GetVariableInfo(handle, row.name, &info) == kDone, known || row.answer == kDone);
+        if (!known && row.answer != kDone) continue;
+        EXPECT_EQ(ValueOf(handle, row.name), row.answer == kDone ? value : before);
     }
+    EXPECT_NE(ValueOf(handle, "Number"), ValueOf(handle, "NumberW"));
 }
 
 TEST(Variables, AShortBufferGetsTheSizeAndNoPartOfTheValue) {
     const Service service;
     const DWORD handle = ReadyDatabase("Database", {{"Record", kTypeRecord, Bytes(12, 'r')}});
+    Bytes buffer;
+    DWORD valueSize = 0;
     for (const DWORD size : {1u, 11u, 12u, 13u, 4096u}) {
-        Bytes buffer;
-        DWORD valueSize = 0;
         EXPECT_EQ(ReadVariable(handle, "Record", size, &buffer, &valueSize), size < 12 ? kBufferTooSmall : kDone);
         EXPECT_EQ(valueSize, 12u);
         Bytes expected(size);
         if (size >= 12) std::fill_n(expected.begin(), 12, 'r');
         EXPECT_EQ(buffer, expected) << size;
     }
-    Bytes buffer;
-    DWORD valueSize = 1;
     EXPECT_EQ(ReadVariable(handle, "Missing", 4, &buffer, &valueSize), kUnknownVariable);
     EXPECT_EQ(buffer, Bytes(4));
     EXPECT_EQ(valueSize, 0u);
-}
-
-TEST(Variables, CompanionsAreMadeByTheirFirstWrite) {
-    const Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"Tray", kTypeNumber, Number(1)},
-                                                    {"Label", kTypeString, Bytes(32)},
-                                                    {"List", kTypeVariableLength, Bytes(8)},
-                                                    {"All", kTypeComposite, {}}});
-    VariableInfo info = {};
-    EXPECT_EQ(GetVariableInfo(handle, "TrayW", &info), kUnknownVariable) << "not before";
-    EXPECT_EQ(WriteVariable(handle, "TrayW", {1, 2}), kWrongSize);
-    EXPECT_EQ(GetVariableInfo(handle, "TrayW", &info), kUnknownVariable) << "nor by a write that is refused";
-    EXPECT_EQ(WriteVariable(handle, "TrayW", Number(9)), kDone);
-    EXPECT_EQ(ValueOf(handle, "TrayW"), Number(9));
-    EXPECT_EQ(WriteVariable(handle, "TrayW", Number(10)), kDone);
-    EXPECT_EQ(ValueOf(handle, "Tray"), Number(1));
-    EXPECT_EQ(WriteVariable(handle, "LabelW", BytesOf("x")), kDone);
-    EXPECT_EQ(WriteVariable(handle, "LabelW", Bytes(32, 'y')), kDone);
-    EXPECT_EQ(WriteVariable(handle, "LabelW", Bytes(33, 'y')), kWrongSize);
-    EXPECT_EQ(WriteVariable(handle, "ListW", Bytes(5000, 'z')), kDone);
-    for (const char* name : {"AllW", "TrayWW", "W", "OtherW"})
-        EXPECT_EQ(WriteVariable(handle, name, Number(1)), kUnknownVariable) << name;
 }
 
 TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBackAndWritesAreCounted) {
     const Service service;
     SYSTEMTIME now;
     GetSystemTime(&now);
-    const ULONGLONG before = Milliseconds(now);
+    ULONGLONG last = Milliseconds(now);
     const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-    ULONGLONG last = before;
     for (DWORD i = 0; i < 200; ++i) {
         VariableInfo info = {};
         ASSERT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
@@ -177,7 +169,6 @@ TEST(Variables, WriteTimesAreKeptInUtcAndNeverGoBackAndWritesAreCounted) {
     }
     GetSystemTime(&now);
     EXPECT_LE(last, Milliseconds(now));
-    EXPECT_GE(Milliseconds(now) - before, last - before);
 }
 
 TEST(Requests, AreAnsweredThatNoPrinterSideServesThem) {
@@ -199,19 +190,18 @@ TEST(Composites, AreTheirMembersInListOrder) {
                                                     {"Self", kTypeComposite, {}}});
     const struct {
         const char* list;
-        LONG answer;
         Bytes value;
     } rows[] = {
-        {"A;B;", kDone, {0x11, 0x11, 0x11, 0x11, 1, 2, 3}},
-        {"B;ErrNSMError;A;", kDone, {1, 2, 3, 0x11, 0x11, 0x11, 0x11}}, // a member that is not there
-        {"C;C;", kDone, {'c', 'c', 0, 'c', 'c', 0}},
-        {"B", kDone, {1, 2, 3}},
-        {";;B;;", kDone, {1, 2, 3}},
-        {"Missing;", kDone, {}},
-        {"", kDone, {}},
+        {"A;B;", {0x11, 0x11, 0x11, 0x11, 1, 2, 3}},
+        {"B;ErrNSMError;A;", {1, 2, 3, 0x11, 0x11, 0x11, 0x11}}, // a member that is not there
+        {"C;C;", {'c', 'c', 0, 'c', 'c', 0}},
+        {"B", {1, 2, 3}},
+        {";;B;;", {1, 2, 3}},
+        {"Missing;", {}},
+        {"", {}},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(SetCompositeMembers(handle, "All", row.list), row.answer);
+        EXPECT_EQ(SetCompositeMembers(handle, "All", row.list), kDone);
         EXPECT_EQ(ValueOf(handle, "All"), row.value) << row.list;
     }
     EXPECT_EQ(SetCompositeMembers(handle, "A", "B;"), kBadArgument);

@@ -46,7 +46,11 @@ CHILD_PROCESS(CreatesAndStays) {
 TEST(Clients, AKilledOneGivesItsHandlesAndWatchesBack) {
     const Service service;
     const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-    const KernelName event = VariableEventName(true, "Database", "Number", VariableSignal::Changed);
+    const auto eventExists = [] {
+        const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, "Global\\TVOR:Database:Number:Changed");
+        if (event) CloseHandle(event);
+        return event != nullptr;
+    };
     for (int round = 0; round < 3; ++round) {
         TestProcess client("OpensAndWatches");
         const DWORD foreign = static_cast<DWORD>(std::strtoul(client.Hear().c_str(), nullptr, 10));
@@ -55,16 +59,10 @@ TEST(Clients, AKilledOneGivesItsHandlesAndWatchesBack) {
         EXPECT_EQ(GetDatabaseInfo(foreign, &info), kUnknownDatabase) << "a handle of another process";
         EXPECT_EQ(CloseDatabase(foreign), kUnknownDatabase);
         EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched) << "nor its watches";
-        const HANDLE held = OpenEventA(SYNCHRONIZE, FALSE, event.text);
-        EXPECT_NE(held, nullptr);
-        CloseHandle(held);
+        EXPECT_TRUE(eventExists());
         client.Kill();
         EXPECT_TRUE(WaitUntil([&] { return OpenHandlesOf(handle) == 1; }));
-        EXPECT_TRUE(WaitUntil([&] {
-            const HANDLE opened = OpenEventA(SYNCHRONIZE, FALSE, event.text);
-            if (opened) CloseHandle(opened);
-            return opened == nullptr;
-        })) << "the watched variable's event goes with its last watch";
+        EXPECT_TRUE(WaitUntil([&] { return !eventExists(); }));
     }
 }
 
@@ -76,7 +74,7 @@ TEST(Clients, AnUnfinishedDatabaseIsTakenOverFromAKilledCreator) {
         DWORD handle = 0;
         EXPECT_EQ(CreateDatabase("Database", &handle), kDatabaseExists);
         EXPECT_EQ(OpenDatabase("Database", &handle), kBeingInitialised);
-        const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Database").text);
+        const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, "Database:Initialized");
         ASSERT_NE(ready, nullptr);
         EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_TIMEOUT});
         creator.Kill();
@@ -90,42 +88,26 @@ TEST(Clients, AnUnfinishedDatabaseIsTakenOverFromAKilledCreator) {
     }
 }
 
-TEST(ServiceProcess, StopsInOrderWithItsClientsConnected) {
-    Service service;
-    TestProcess client = [] {
-        const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-        EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
-        return TestProcess("OpensAndWatches");
-    }();
-    client.Hear();
-    DWORD handle = 0;
-    EXPECT_EQ(CreateDatabase("Unfinished", &handle), kDone);
-    const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, InitializedEventName("Unfinished").text);
-    EXPECT_EQ(ServiceState(), DWORD{SERVICE_RUNNING});
-    service.process.Terminate();
-    EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors(); // and all that was charged has been given back
-    EXPECT_EQ(ServiceState(), DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
-    CloseHandle(ready);
-    EXPECT_GT(OpenDatabase("Database", &handle), 0) << "the run-time says so";
-}
-
-TEST(ServiceProcess, ASecondOneDoesNotStart) {
-    const Service service;
-    EXPECT_NE(RunProgram(ProgramPath("TVSDBN.EXE")).exitCode, 0);
-    DWORD handle = 0;
-    EXPECT_EQ(CreateDatabase("Database", &handle), kDone);
-}
-
-TEST(ServiceProcess, ANewOneKnowsNothingOfTheOneBefore) {
+TEST(ServiceProcess, OneServesAndStopsInOrderAndTheNextKnowsNothingOfIt) {
     DWORD old = 0;
+    DWORD handle = 0;
     {
         Service service;
         old = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-        service.process.Kill();
+        EXPECT_EQ(WatchVariable(old, "Number", kEveryWrite), kDone);
+        TestProcess client("OpensAndWatches");
+        client.Hear();
+        EXPECT_NE(RunProgram(ProgramPath("TVSDBN.EXE")).exitCode, 0) << "a second one does not start";
+        EXPECT_EQ(CreateDatabase("Unfinished", &handle), kDone);
+        const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, "Unfinished:Initialized");
+        service.process.Terminate();
+        EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors(); // all that was charged has been given back
+        EXPECT_EQ(ServiceState(), DWORD{SERVICE_STOPPED});
+        EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});
+        CloseHandle(ready);
+        EXPECT_GT(OpenDatabase("Database", &handle), 0) << "the run-time says so";
     }
     const Service service;
-    DWORD handle = 0;
     EXPECT_EQ(OpenDatabase("Database", &handle), kUnknownDatabase);
     DatabaseInfo info = {};
     EXPECT_EQ(GetDatabaseInfo(old, &info), kUnknownDatabase);

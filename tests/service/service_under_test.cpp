@@ -1,6 +1,6 @@
 #include "service_under_test.h"
 
-#include "private_machine.h"
+#include <cstring>
 
 namespace {
 
@@ -26,32 +26,6 @@ RPC_BINDING_HANDLE Binding() {
 }
 
 } // namespace
-
-DWORD ServiceState() {
-    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-    const SC_HANDLE service = manager ? OpenServiceA(manager, kServiceName, SERVICE_QUERY_STATUS) : nullptr;
-    SERVICE_STATUS status = {};
-    status.dwCurrentState = SERVICE_STOPPED;
-    if (service) QueryServiceStatus(service, &status);
-    if (service) CloseServiceHandle(service);
-    if (manager) CloseServiceHandle(manager);
-    return status.dwCurrentState;
-}
-
-Service::Service() : process(TestProcess::Program(ProgramPath("TVSDBN.EXE"))) {
-    EXPECT_TRUE(WaitUntil([] { return ServiceState() == SERVICE_RUNNING; }, 20000)) << process.Errors();
-}
-
-Bytes BytesOf(std::string_view text) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.push_back(0);
-    return bytes;
-}
-
-Bytes Number(DWORD value) {
-    return {static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
-            static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
-}
 
 DWORD U32At(const Bytes& bytes, size_t at) {
     if (at + 4 > bytes.size()) return 0xFFFFFFFF;
@@ -132,17 +106,6 @@ Bytes ValueOf(DWORD handle, std::string_view name) {
     EXPECT_EQ(ReadVariable(handle, name, 0, nullptr, &size), kDone) << name;
     EXPECT_EQ(ReadVariable(handle, name, size, &value, &size), kDone) << name;
     return value;
-}
-
-HANDLE WatchEvent(std::string_view database, std::string_view variable, VariableSignal signal) {
-    SECURITY_DESCRIPTOR descriptor;
-    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
-    SECURITY_ATTRIBUTES everyone{sizeof everyone, &descriptor, FALSE};
-    // The emulated system is one with Terminal Services unless a test says otherwise.
-    const HANDLE event = CreateEventA(&everyone, TRUE, FALSE, VariableEventName(true, database, variable, signal).text);
-    EXPECT_NE(event, nullptr);
-    return event;
 }
 
 ULONGLONG Milliseconds(const SYSTEMTIME& time) {

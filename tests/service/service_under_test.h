@@ -1,31 +1,16 @@
-// The real service in the test's private machine, and a small client of it that puts its bodies together by itself.
+// A small client of the service that puts its bodies together by itself.
 #pragma once
 
 #include "dblink/interface.h"
 #include "dblink/kernel_names.h"
-#include "test_process.h"
+#include "status_service.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
-#include <string_view>
-#include <vector>
 
 using namespace dblink; // NOLINT(google-build-using-namespace): all of these tests speak its language
 
-// What the service manager says of the service: SERVICE_STOPPED when it is not there.
-DWORD ServiceState();
-
-// A started service, serving when the constructor returns. Killed with the test, unless it is stopped before.
-struct Service {
-    Service();
-    TestProcess process;
-};
-
-using Bytes = std::vector<unsigned char>;
-Bytes BytesOf(std::string_view text); // with its NUL
-Bytes Number(DWORD value);
 DWORD U32At(const Bytes& bytes, size_t at);
 
 // A body from its parameters: numbers are u32, text is a string, Bytes are a byte array.
@@ -103,7 +88,4 @@ struct VariableRow {
 DWORD ReadyDatabase(std::string_view name, const std::vector<VariableRow>& variables);
 // The whole value by two calls: its size, its bytes. Fails the test when one does.
 Bytes ValueOf(DWORD handle, std::string_view name);
-
-// The watch event of a variable, created as a watcher would.
-HANDLE WatchEvent(std::string_view database, std::string_view variable, VariableSignal signal);
 ULONGLONG Milliseconds(const SYSTEMTIME& time); // since 1601

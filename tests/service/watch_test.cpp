@@ -2,49 +2,58 @@
 #include "service_under_test.h"
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 namespace {
 
-constexpr char kDatabase[] = "Database";
-// Longer than a burst takes to be closed: what has not come by then does not come.
-constexpr DWORD kQuietMs = 400;
+// Longer than a burst takes to be closed: what has not come by then does not come, and what is written then is no part
+// of it.
+constexpr DWORD kQuietMs = 300;
 
-bool IsPulsedWithin(HANDLE event, DWORD milliseconds) {
-    return WaitForSingleObject(event, milliseconds) == WAIT_OBJECT_0;
+// The emulated system is one with Terminal Services unless a test says otherwise.
+std::string EventName(const std::string& variable, const std::string& signal) {
+    return "Global\\TVOR:Database:" + variable + ":" + signal;
 }
+
+bool EventExists(const std::string& name) {
+    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.c_str());
+    if (event) CloseHandle(event);
+    return event != nullptr;
+}
+
+// The watch event of a variable, created as a watcher would.
+struct WatchEvent {
+    WatchEvent(const std::string& variable, const std::string& signal)
+        : handle(CreateEventA(nullptr, TRUE, FALSE, EventName(variable, signal).c_str())) {
+        EXPECT_NE(handle, nullptr);
+    }
+    ~WatchEvent() { CloseHandle(handle); }
+    bool IsPulsedWithin(DWORD ms) const { return WaitForSingleObject(handle, ms) == WAIT_OBJECT_0; }
+    const HANDLE handle;
+};
 
 // Counts the pulses that reach a thread which does nothing but wait.
 class PulseCounter {
 public:
-    explicit PulseCounter(HANDLE event) : m_event(event), m_stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+    PulseCounter(const std::string& variable, const std::string& signal)
+        : m_event(variable, signal), m_stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
         m_thread = std::thread([this] {
-            const HANDLE handles[] = {m_stop, m_event};
+            const HANDLE handles[] = {m_stop, m_event.handle};
             while (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1)
-                ++m_pulses;
+                ++pulses;
         });
-        PauseMs(50); // until it waits: nothing tells that from outside
     }
     ~PulseCounter() {
         SetEvent(m_stop);
         m_thread.join();
         CloseHandle(m_stop);
     }
-    int Pulses() const { return m_pulses; }
-    // The pulses by the time that no more come.
-    int PulsesAtRest() const {
-        int pulses = m_pulses;
-        for (;;) {
-            PauseMs(kQuietMs);
-            if (pulses == m_pulses) return pulses;
-            pulses = m_pulses;
-        }
-    }
+    std::atomic<int> pulses = 0;
 
 private:
-    HANDLE m_event;
+    WatchEvent m_event;
     HANDLE m_stop;
-    std::atomic<int> m_pulses = 0;
     std::thread m_thread;
 };
 
@@ -52,62 +61,59 @@ private:
 
 TEST(Watches, PulseOncePerIsolatedWriteByMode) {
     const Service service;
-    const DWORD handle = ReadyDatabase(kDatabase, {{"Number", kTypeNumber, Number(1)}});
-    const HANDLE updated = WatchEvent(kDatabase, "Number", VariableSignal::Updated);
-    const HANDLE changed = WatchEvent(kDatabase, "Number", VariableSignal::Changed);
-    PulseCounter updates{updated};
-    PulseCounter changes{changed};
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(2)), kDone);
-    EXPECT_EQ(updates.PulsesAtRest() + changes.PulsesAtRest(), 0) << "nobody watches yet";
-    EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
-    EXPECT_EQ(WatchVariable(handle, "Number", kOnlyChanges), kDone);
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(2)), kDone);
-    EXPECT_EQ(updates.PulsesAtRest(), 1);
-    EXPECT_EQ(changes.PulsesAtRest(), 0) << "the same bytes";
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(3)), kDone);
-    EXPECT_EQ(updates.PulsesAtRest(), 2);
-    EXPECT_EQ(changes.PulsesAtRest(), 1);
-    // The last mode used is the first to end.
-    EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone);
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(4)), kDone);
-    EXPECT_EQ(updates.PulsesAtRest(), 3);
-    EXPECT_EQ(changes.PulsesAtRest(), 1);
-    EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone);
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(5)), kDone);
-    EXPECT_EQ(updates.PulsesAtRest(), 3);
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
+    PulseCounter updates{"Number", "Updated"};
+    PulseCounter changes{"Number", "Changed"};
+    const auto watch = [&](DWORD mode) { EXPECT_EQ(WatchVariable(handle, "Number", mode), kDone); };
+    const auto unwatch = [&] { EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone); };
+    const struct {
+        std::function<void()> before;
+        DWORD value;
+        int updates, changes; // in all
+    } rows[] = {
+        {[] {}, 2, 0, 0}, // nobody watches yet
+        {[&] { watch(kEveryWrite), watch(kOnlyChanges); }, 2, 1, 0},
+        {[] {}, 3, 2, 1},
+        {unwatch, 4, 3, 1}, // the last mode used is the first to end
+        {unwatch, 5, 3, 1},
+    };
+    for (const auto& row : rows) {
+        row.before();
+        PauseMs(kQuietMs); // also until the counters wait
+        EXPECT_EQ(WriteVariable(handle, "Number", Number(row.value)), kDone);
+        EXPECT_TRUE(WaitUntil([&] { return updates.pulses >= row.updates && changes.pulses >= row.changes; }));
+        EXPECT_EQ(updates.pulses, row.updates) << row.value;
+        EXPECT_EQ(changes.pulses, row.changes) << row.value;
+    }
+    PauseMs(kQuietMs);
+    EXPECT_EQ(updates.pulses + changes.pulses, 4);
     EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched);
-    CloseHandle(updated);
-    CloseHandle(changed);
 }
 
 TEST(Watches, AreCountedAndRefusedWhereTheyCannotBe) {
     const Service service;
     const std::string longName(250, 'n');
     const DWORD handle = ReadyDatabase(
-        kDatabase,
+        "Database",
         {{"Number", kTypeNumber, Number(1)}, {longName.c_str(), kTypeByte, {1}}, {"Squatted", kTypeByte, {1}}});
     EXPECT_EQ(WatchVariable(handle, "Missing", kEveryWrite), kUnknownVariable);
     EXPECT_EQ(WatchVariable(handle, "Number", 0), kBadArgument);
     EXPECT_EQ(WatchVariable(handle, "Number", 3), kBadArgument);
     EXPECT_EQ(WatchVariable(handle, longName, kEveryWrite), kEventUnavailable);
-    const HANDLE mutex =
-        CreateMutexA(nullptr, FALSE, VariableEventName(true, kDatabase, "Squatted", VariableSignal::Updated).text);
+    const HANDLE mutex = CreateMutexA(nullptr, FALSE, EventName("Squatted", "Updated").c_str());
     ASSERT_NE(mutex, nullptr);
     EXPECT_EQ(WatchVariable(handle, "Squatted", kEveryWrite), kEventUnavailable);
     EXPECT_EQ(UnwatchVariable(handle, "Squatted"), kNotWatched);
     CloseHandle(mutex);
     EXPECT_EQ(WatchVariable(handle, "Squatted", kEveryWrite), kDone);
 
-    const KernelName name = VariableEventName(true, kDatabase, "Number", VariableSignal::Updated);
     for (int i = 0; i < 20; ++i)
         EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
     for (int i = 0; i < 20; ++i) {
-        const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.text);
-        EXPECT_NE(event, nullptr) << "the service holds the event while anybody watches";
-        CloseHandle(event);
+        EXPECT_TRUE(EventExists(EventName("Number", "Updated"))) << "the service holds it while anybody watches";
         EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone);
     }
-    EXPECT_EQ(OpenEventA(SYNCHRONIZE, FALSE, name.text), nullptr);
+    EXPECT_FALSE(EventExists(EventName("Number", "Updated")));
     EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched);
 }
 
@@ -116,107 +122,105 @@ TEST(Watches, AreCountedAndRefusedWhereTheyCannotBe) {
 // call pulses, with many another thread.
 TEST(Watches, ABurstIsClosedByAPulseOfItsOwn) {
     const Service service;
-    const DWORD handle = ReadyDatabase(kDatabase, {{"Number", kTypeNumber, Number(0)}});
-    const HANDLE event = WatchEvent(kDatabase, "Number", VariableSignal::Changed);
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(0)}});
+    const WatchEvent event("Number", "Changed"); // of the busy watcher
+    PulseCounter all{"Number", "Changed"};
     DWORD value = 0;
-    const auto write = [&] {
-        EXPECT_EQ(WriteVariable(handle, "Number", Number(++value)), kDone);
-        PauseMs(20); // longer than the write's own pulse needs
-    };
+    const auto write = [&] { EXPECT_EQ(WriteVariable(handle, "Number", Number(++value)), kDone); };
     for (const int watches : {1, 9}) {
         SCOPED_TRACE(watches);
         for (int i = 0; i < watches; ++i)
             ASSERT_EQ(WatchVariable(handle, "Number", kOnlyChanges), kDone);
-        // On a busy machine a pause can outlast the time to the closing pulse: a burst that this test slept through
-        // shows nothing.
-        const auto burstIsClosed = [&](int writes) {
-            PauseMs(kQuietMs); // what was written before is no part of this burst
-            for (int i = 0; i < writes; ++i)
-                write();
-            return IsPulsedWithin(event, 1000);
-        };
-        for (int writes = 2; writes < 5; ++writes) {
-            EXPECT_TRUE(burstIsClosed(writes) || burstIsClosed(writes) || burstIsClosed(writes)) << writes;
-            EXPECT_FALSE(IsPulsedWithin(event, kQuietMs)) << "one closing pulse";
-        }
+        PauseMs(kQuietMs);
+        int before = all.pulses;
         write();
-        EXPECT_FALSE(IsPulsedWithin(event, kQuietMs)) << "an isolated write is one pulse";
+        EXPECT_TRUE(WaitUntil([&] { return all.pulses > before; }));
+        EXPECT_FALSE(event.IsPulsedWithin(kQuietMs)) << "an isolated write is one pulse";
+        before = all.pulses;
+        for (int i = 0; i < 3; ++i)
+            write();
+        EXPECT_TRUE(event.IsPulsedWithin(5000));
+        PauseMs(kQuietMs);
+        EXPECT_LE(all.pulses, before + 4) << "one closing pulse";
 
         VariableInfo info = {};
         EXPECT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
         write();
-        EXPECT_TRUE(IsPulsedWithin(event, 5000)) << "a write right after a question";
-        EXPECT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
-        PauseMs(20);
-        EXPECT_FALSE(IsPulsedWithin(event, kQuietMs)) << "it has been asked about";
+        EXPECT_TRUE(event.IsPulsedWithin(5000)) << "a write right after a question";
+        EXPECT_TRUE(WaitUntil([&] {
+            EXPECT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
+            return !event.IsPulsedWithin(kQuietMs);
+        })) << "until it has been asked about";
         for (int i = 0; i < watches; ++i)
             ASSERT_EQ(UnwatchVariable(handle, "Number"), kDone);
     }
-    CloseHandle(event);
 }
 
 TEST(Watches, OnACompositeFireForItsMembers) {
     const Service service;
-    const DWORD handle = ReadyDatabase(kDatabase, {{"A", kTypeNumber, Number(1)},
-                                                   {"B", kTypeNumber, Number(1)},
-                                                   {"Other", kTypeNumber, Number(1)},
-                                                   {"Inner", kTypeComposite, {}},
-                                                   {"Outer", kTypeComposite, {}}});
+    const DWORD handle = ReadyDatabase("Database", {{"A", kTypeNumber, Number(1)},
+                                                    {"B", kTypeNumber, Number(1)},
+                                                    {"Other", kTypeNumber, Number(1)},
+                                                    {"Inner", kTypeComposite, {}},
+                                                    {"Outer", kTypeComposite, {}}});
     ASSERT_EQ(SetCompositeMembers(handle, "Inner", "B;Late;"), kDone);
     ASSERT_EQ(SetCompositeMembers(handle, "Outer", "A;Inner;"), kDone);
     ASSERT_EQ(WatchVariable(handle, "Outer", kOnlyChanges), kDone);
-    const HANDLE event = WatchEvent(kDatabase, "Outer", VariableSignal::Changed);
-    PulseCounter counter{event};
-    int expected = 0;
-    for (const auto& [name, value, pulses] : {std::tuple{"A", 2u, 1}, {"B", 2u, 1}, {"B", 2u, 0}, {"Other", 2u, 0}}) {
-        EXPECT_EQ(WriteVariable(handle, name, Number(value)), kDone);
-        expected += pulses;
-        EXPECT_EQ(counter.PulsesAtRest(), expected) << name;
+    PulseCounter counter{"Outer", "Changed"};
+    const auto write = [&](const char* name, DWORD value) { return WriteVariable(handle, name, Number(value)); };
+    const struct {
+        std::function<LONG()> change;
+        int pulses; // in all
+    } rows[] = {
+        {[&] { return write("A", 2); }, 1},
+        {[&] { return write("B", 2); }, 2},
+        {[&] { return write("B", 2) + write("Other", 2); }, 2},              // no change, no member
+        {[&] { return CreateVariable(handle, "Late", kTypeByte, {1}); }, 3}, // a member came
+        {[&] { return SetCompositeMembers(handle, "Outer", "A;"); }, 4},     // the list changed
+        {[&] { return write("B", 7); }, 4},                                  // no member any more
+    };
+    for (const auto& row : rows) {
+        PauseMs(kQuietMs);
+        EXPECT_EQ(counter.pulses, &row == rows ? 0 : (&row)[-1].pulses);
+        EXPECT_EQ(row.change(), kDone);
+        EXPECT_TRUE(WaitUntil([&] { return counter.pulses >= row.pulses; })) << &row - rows;
     }
-    EXPECT_EQ(CreateVariable(handle, "Late", kTypeByte, {1}), kDone);
-    EXPECT_EQ(counter.PulsesAtRest(), ++expected) << "a member came";
-    EXPECT_EQ(SetCompositeMembers(handle, "Outer", "A;"), kDone);
-    EXPECT_EQ(counter.PulsesAtRest(), ++expected) << "the list changed";
-    EXPECT_EQ(WriteVariable(handle, "B", Number(7)), kDone);
-    EXPECT_EQ(counter.PulsesAtRest(), expected) << "no member any more";
-    CloseHandle(event);
+    PauseMs(kQuietMs);
+    EXPECT_EQ(counter.pulses, 4);
 }
 
 // Writers flat out, watchers that take their time: after the last write each sees the last value, without looking again
 // on its own.
 TEST(Watches, EveryWatcherEndsWithTheLastValue) {
     constexpr int kWatchers = 12; // more than are pulsed at once
-    constexpr int kWriters = 4;
+    constexpr DWORD kLast = 12345;
     const Service service;
-    const DWORD handle = ReadyDatabase(kDatabase, {{"Number", kTypeNumber, Number(0)}});
+    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(0)}});
     std::atomic<DWORD> seen[kWatchers] = {};
     std::atomic<int> ready = 0;
     std::vector<std::thread> watchers;
     const HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     for (int i = 0; i < kWatchers; ++i) {
         watchers.emplace_back([&, i] {
-            const HANDLE event = WatchEvent(kDatabase, "Number", VariableSignal::Updated);
+            const WatchEvent event("Number", "Updated");
             EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
             ++ready;
-            const HANDLE handles[] = {stop, event};
+            const HANDLE handles[] = {stop, event.handle};
             while (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
-                const Bytes value = ValueOf(handle, "Number");
-                seen[i] = value[0] | value[1] << 8u;
+                seen[i] = U32At(ValueOf(handle, "Number"), 0);
                 PauseMs(i); // busy
             }
-            CloseHandle(event);
         });
     }
-    ASSERT_TRUE(WaitUntil([&] { return ready == kWatchers; }));
+    EXPECT_TRUE(WaitUntil([&] { return ready == kWatchers; }));
     std::vector<std::thread> writers;
-    for (int writer = 0; writer < kWriters; ++writer)
+    for (int writer = 0; writer < 4; ++writer)
         writers.emplace_back([&] {
             for (DWORD i = 1; i < 500; ++i)
                 EXPECT_EQ(WriteVariable(handle, "Number", Number(i)), kDone);
         });
     for (std::thread& writer : writers)
         writer.join();
-    constexpr DWORD kLast = 12345;
     EXPECT_EQ(WriteVariable(handle, "Number", Number(kLast)), kDone);
     for (int i = 0; i < kWatchers; ++i)
         EXPECT_TRUE(WaitUntil([&] { return seen[i] == kLast; })) << i << " saw " << seen[i];

@@ -103,6 +103,12 @@ TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
             EXPECT_EQ(CallRaw(procedure, Bytes(body.begin(), body.begin() + size)).fault, RPC_X_BAD_STUB_DATA)
                 << procedure << " cut to " << size;
     }
+    // Counts of a text that lie: "AB" has a maximum, an offset and an actual count, its characters and their NUL.
+    for (const auto& [at, byte] : {std::pair{0, 2}, {4, 1}, {8, 0}, {11, 0x80}, {14, 'C'}, {13, 0}}) {
+        Bytes text = BodyOf("AB");
+        text[static_cast<size_t>(at)] = static_cast<unsigned char>(byte);
+        EXPECT_EQ(CallRaw(0, text).fault, RPC_X_BAD_STUB_DATA) << at;
+    }
     DWORD again = 0;
     ASSERT_EQ(OpenDatabase("Database", &again), kDone);
     EXPECT_EQ(CallRaw(9, BodyOf(again, "Value", Bytes{7}, 2u)).fault, RPC_X_BAD_STUB_DATA)

@@ -24,18 +24,6 @@ HKEY CreateKey(HKEY root, const std::string& name) {
     return key;
 }
 
-DWORD ServiceState() {
-    DWORD state = SERVICE_STOPPED;
-    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-    if (const SC_HANDLE service = OpenServiceA(manager, "TVORSDB", SERVICE_QUERY_STATUS)) {
-        SERVICE_STATUS status;
-        if (QueryServiceStatus(service, &status)) state = status.dwCurrentState;
-        CloseServiceHandle(service);
-    }
-    CloseServiceHandle(manager);
-    return state;
-}
-
 DWORD WINAPI RunFunction(void* function) {
     (*static_cast<std::function<void()>*>(function))();
     return 0;
@@ -43,20 +31,8 @@ DWORD WINAPI RunFunction(void* function) {
 
 } // namespace
 
-Bytes BytesOf(const std::string& text) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.push_back(0);
-    return bytes;
-}
-
 Bytes Text(const std::string& text) {
     return Bytes(text.begin(), text.end());
-}
-
-Bytes Number(uint32_t value) {
-    Bytes bytes(sizeof value);
-    std::memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
 }
 
 Bytes Joined(const std::vector<Bytes>& parts) {
@@ -149,16 +125,6 @@ Library::Library() {
 
 Library::~Library() {
     DllMain(kInstance, DLL_PROCESS_DETACH, nullptr);
-}
-
-Service::Service() : process(TestProcess::Program(ProgramPath("TVSDBN.EXE"))) {
-    EXPECT_TRUE(WaitUntil([] { return ServiceState() == SERVICE_RUNNING; })) << process.Errors();
-    // After a predecessor that was killed, the state may still be that one's for a moment.
-    const LibraryCall attached;
-    DatabaseHandle handle = 0;
-    if (attached) {
-        EXPECT_TRUE(WaitUntil([&] { return OpenDatabase("none", &handle) == Answer::UnknownDatabase; }));
-    }
 }
 
 TvsManager OpenPrinter(uint32_t clientKind, const std::string& printer) {

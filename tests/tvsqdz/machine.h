@@ -4,7 +4,7 @@
 
 #include "frame/attach.h"
 #include "frame/manager_record.h"
-#include "test_process.h"
+#include "status_service.h"
 
 #include <gtest/gtest.h>
 #include <tvsqdz.h>
@@ -15,11 +15,7 @@
 #include <string>
 #include <vector>
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes BytesOf(const std::string& text); // with its NUL
-Bytes Text(const std::string& text);    // without
-Bytes Number(uint32_t value);
+Bytes Text(const std::string& text); // without a NUL
 Bytes Joined(const std::vector<Bytes>& parts);
 
 // Sets a value of HKEY_LOCAL_MACHINE (or of the root given), making its key.
@@ -51,12 +47,6 @@ HANDLE ProductInitialisedEvent(); // set
 struct Library {
     Library();
     ~Library();
-};
-
-// The real service, serving when the constructor returns.
-struct Service {
-    Service();
-    TestProcess process;
 };
 
 // The product, set up, its service running, and the library attached.
