@@ -77,7 +77,7 @@ TEST(OpeningProcesses, ManyOpenTheSameNewPrinterAtOnce) {
 TEST(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
     const Product product;
     const TvsManager kept = OpenPrinter(); // so that the mutex exists
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < 3; ++round) {
         TestProcess holder("HoldsTheDatabaseMutex");
         EXPECT_EQ(holder.Hear(), "0");
         std::atomic<double> opened{0};
@@ -143,25 +143,15 @@ TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_OK);
 }
 
-// A manager that one thread opened serves the others when that thread has ended.
-TEST(OpeningProcesses, HandlesBelongToTheProcessNotToTheThread) {
-    const Product product;
-    TvsManager manager = 0;
-    {
-        TestThread opener([&] { manager = OpenPrinter(); });
-    }
-    EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
-    {
-        TestThread closer([&] { EXPECT_EQ(CloseManager(manager), TVS_OK); });
-    }
-}
-
 // A close while other threads are in calls on the same manager: each call gets its value or the handle's end.
 TEST(OpeningProcesses, CloseDuringCallsHarmsNobody) {
     const Product product;
     const TvsManager kept = OpenPrinter();
     for (int round = 0; round < 20; ++round) {
-        const TvsManager manager = OpenPrinter();
+        TvsManager manager = 0;
+        { // opened by a thread that has ended
+            TestThread opener([&] { manager = OpenPrinter(); });
+        }
         std::atomic<int> reads{0};
         std::vector<std::unique_ptr<TestThread>> readers;
         for (int i = 0; i < 4; ++i)

@@ -1,6 +1,7 @@
 // Opening and closing managers: every code in its order, the client kinds, the printer list.
 #include "dblink/client.h"
 #include "frame/printer_list.h"
+#include "frame/printer_registration.h"
 #include "frame/timings.h"
 #include "machine.h"
 #include "private_machine.h"
@@ -48,20 +49,6 @@ void WriteList(DatabaseHandle master, const Bytes& list) {
     EXPECT_EQ(WriteVariable(master, "PrinterDatabase", list.data(), static_cast<DWORD>(list.size())), Answer::Done);
 }
 
-struct OpenedWindow {
-    explicit OpenedWindow(const char* className) {
-        WNDCLASSEXA windowClass = {};
-        windowClass.cbSize = sizeof windowClass;
-        windowClass.lpfnWndProc = DefWindowProcA;
-        windowClass.lpszClassName = className;
-        RegisterClassExA(&windowClass);
-        window = CreateWindowExA(0, className, "any title", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
-        EXPECT_NE(window, nullptr);
-    }
-    ~OpenedWindow() { DestroyWindow(window); }
-    HWND window;
-};
-
 std::string AgentFile() {
     return PrivateDirectory() + "/product/TVORPZ.EXE";
 }
@@ -94,6 +81,8 @@ CHILD_PROCESS(OpensInCodePage932) {
     EXPECT_EQ(RecordOf(manager)->variableCount, 58u);
     EXPECT_EQ(OpenManagerExW((longest + u"\u30BD\u30BD\u30BD").c_str(), u"", 2, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(OpenManagerExW(longest.c_str(), std::u16string(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
+    // Backslashes become commas, but not those that end a character; at the end the character is cut.
+    EXPECT_STREQ(DriverDataKeyName("\\\\\x83\\\\\x83").name, ",,\x83\\,\x83");
     return testing::Test::HasFailure();
 }
 
@@ -171,9 +160,7 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
     const char* printer = kPrinter.c_str();
     const Row rows[] = {
         {[&] { return OpenManagerExA(printer, user63.c_str(), 3, &manager); }, 3, user63},
-        {[&] { return OpenManagerExA(printer, "", 3, &manager); }, 3, "logged-on"},
         {[&] { return OpenManagerExA(printer, nullptr, 3, &manager); }, 3, "logged-on"},
-        {[&] { return OpenManagerExA(printer, reinterpret_cast<const char*>(1), 3, &manager); }, 3, "logged-on"},
         {[&] { return OpenManagerExW(u"Front desk", wideUser63.c_str(), 3, &manager); }, 3, user63},
         {[&] { return OpenManagerExW(u"Front desk", nullptr, 3, &manager); }, 3, "logged-on"},
         {[&] { return OpenManagerExW(u"Front desk", u"J\u00fcrgen", 12, &manager); }, 12, "J\xfcrgen"},
@@ -202,11 +189,6 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
     EXPECT_STREQ(RecordOf(second)->userName, "logged-on");
     EXPECT_EQ(CloseManager(manager), TVS_OK);
     EXPECT_EQ(NumberOf(second, "ModelNumber"), 7u);
-    // Wide names that do not fit are refused, those that cannot be read too.
-    const std::u16string longName(260, u'p');
-    EXPECT_EQ(OpenManagerExW(longName.c_str(), nullptr, 2, &manager), TVS_E_UNAVAILABLE);
-    EXPECT_EQ(OpenManagerW(u"Front desk", longName.c_str(), &manager), TVS_E_UNAVAILABLE);
-    EXPECT_EQ(OpenManagerExW(nullptr, nullptr, 2, &manager), TVS_E_FAULT);
 }
 
 TEST(Opening, KindsDoWhatTheyAreFor) {
@@ -253,14 +235,19 @@ TEST(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
     }
     SetEnvironmentVariableA("ORIEL_WINDOW_STATION", "winsta0");
     EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_E_UNAVAILABLE);
-    const OpenedWindow agent("TVORPSPWndClass");
+    WNDCLASSEXA windowClass = {};
+    windowClass.cbSize = sizeof windowClass;
+    windowClass.lpfnWndProc = DefWindowProcA;
+    windowClass.lpszClassName = "TVORPSPWndClass";
+    RegisterClassExA(&windowClass);
+    const HWND window =
+        CreateWindowExA(0, "TVORPSPWndClass", "any title", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
     EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_OK);
-}
+    DestroyWindow(window);
 
-// An agent that says that it is ready is waited for no longer.
-TEST(Opening, DesktopAgentsReadinessIsWaitedFor) {
-    const Product product;
+    // An agent that says that it is ready is waited for no longer.
     InstallAgent();
+    std::filesystem::remove(PrivateDirectory() + "/started");
     g_timings.agentReadyLong = 60000;
     const HANDLE ready = CreateEventA(nullptr, TRUE, FALSE, "TVOR:TVORSQD_DB1:Nsr:Initialize");
     TestThread agent([ready] {
@@ -278,12 +265,11 @@ TEST(PrinterList, GrowsAndKeepsItsNumbers) {
     AddPrinter("front desk", kModel); // another printer than "Front desk"
     EXPECT_EQ(RecordOf(OpenPrinter(2, "Back office"))->printerIndex, 2u);
     EXPECT_EQ(RecordOf(OpenPrinter(2, "front desk"))->printerIndex, 3u);
+    PrinterListEntry second = Entry(2, "Back office");
+    std::strcpy(second.driverName, kModel.c_str());
     const std::vector<PrinterListEntry> list = ReadPrinterList(first);
     ASSERT_EQ(list.size(), 3u);
-    EXPECT_STREQ(list[1].printerName, "Back office");
-    EXPECT_STREQ(list[1].databaseName, "TVORSQD_DB2");
-    EXPECT_STREQ(list[1].driverName, kModel.c_str());
-    EXPECT_EQ(list[1].ownerProcessId, 0u);
+    EXPECT_EQ(std::memcmp(&list[1], &second, sizeof second), 0);
 
     const DatabaseHandle master = RecordOf(first)->masterDatabase;
     WriteList(master, ListOf({Entry(1, kPrinter), Entry(5, "A"), Entry(3, "B")}));
@@ -335,13 +321,13 @@ TEST(PrinterList, OwnershipIsTakenAndGivenBack) {
     EXPECT_EQ(KindMask() & 0x20, 0u);
     const DWORD self = GetCurrentProcessId();
     const auto owner = [&] { return ReadPrinterList(reader)[0].ownerProcessId; };
-    const TvsManager first = OpenPrinter(6);
-    EXPECT_EQ(owner(), self);
-    EXPECT_NE(RecordOf(first)->flags & ManagerOwnsPrinter, 0u);
-    EXPECT_EQ(CloseManager(first), TVS_OK);
-    EXPECT_EQ(owner(), 0u);
-    EXPECT_EQ(CloseManager(OpenPrinter(6)), TVS_OK);
-    EXPECT_EQ(owner(), 0u);
+    for (int round = 0; round < 2; ++round) {
+        const TvsManager first = OpenPrinter(6);
+        EXPECT_EQ(owner(), self);
+        EXPECT_NE(RecordOf(first)->flags & ManagerOwnsPrinter, 0u);
+        EXPECT_EQ(CloseManager(first), TVS_OK);
+        EXPECT_EQ(owner(), 0u);
+    }
 
     // A printer of another process: known to be owned, not taken over, not given back.
     WriteList(RecordOf(reader)->masterDatabase, ListOf({Entry(1, kPrinter, self + 1)}));

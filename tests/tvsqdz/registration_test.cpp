@@ -25,31 +25,7 @@ struct Record {
     ManagerRecord manager = {};
 };
 
-bool IsSorted(const ManagerRecord& manager) {
-    for (uint32_t i = 1; i < manager.variableCount; ++i)
-        if (lstrcmpA(manager.variableIndex[i - 1]->name, manager.variableIndex[i]->name) >= 0) return false;
-    return true;
-}
-
 } // namespace
-
-TEST(Registration, KeyNamesHaveCommasForBackslashes) {
-    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue").name, ",,server,queue");
-    EXPECT_STREQ(DriverDataKeyName("Front desk").name, "Front desk");
-    EXPECT_STREQ(DriverDataKeyName("a\\").name, "a,");
-    EXPECT_EQ(std::strlen(DriverDataKeyName(std::string(259, '\\').c_str()).name), 259u);
-}
-
-// 0x83 0x5C is one character there, though its second byte is that of a backslash; at the end it has lost it.
-CHILD_PROCESS(NamesOfCodePage932) {
-    child.Say(std::string(DriverDataKeyName("\\\\\x83\\\\\x83").name) == ",,\x83\\,\x83" ? "right" : "wrong");
-    return 0;
-}
-
-TEST(Registration, DoubleByteCharactersStayWhole) {
-    TestProcess process("NamesOfCodePage932", {}, {{"ORIEL_ANSI_CODE_PAGE", "932"}});
-    EXPECT_EQ(process.Hear(), "right");
-}
 
 TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
     InstallProduct();
@@ -58,6 +34,7 @@ TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
         Record record(printer);
         return LookUpDriverName(&record.manager) ? record.manager.driverName : "(none)";
     };
+    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue\\").name, ",,server,queue,");
     EXPECT_EQ(driverOf("Front desk"), "(none)"); // no printers at all
     AddPrinter("Front desk", "Driver A");
     AddPrinter("\\\\server\\queue", "Driver B");
@@ -70,11 +47,6 @@ TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
     EXPECT_EQ(driverOf("Unterminated"), "Dr");
     EXPECT_EQ(driverOf("Nameless"), "(none)"); // a key that does not tell it: the spooler is not asked
     EXPECT_EQ(driverOf("Nowhere"), "(none)");
-
-    Record known;
-    known.manager.driverName = CopyText("Known");
-    EXPECT_TRUE(LookUpDriverName(&known.manager));
-    EXPECT_STREQ(known.manager.driverName, "Known");
 }
 
 TEST(Registration, ModelsAreRegisteredWithTheirVariables) {
@@ -103,19 +75,12 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
     InstallProduct();
     AddPrinter(kPrinter, kModel);
     const Library library;
-    {
-        Record plain; // no model
-        ASSERT_TRUE(BuildVariableIndex(&plain.manager));
-        EXPECT_EQ(plain.manager.variableCount, 57u);
-        EXPECT_EQ(plain.manager.extraVariables, nullptr);
-    }
     const Bytes eight(8, 0xAB);
     AddModelVariable(kModel, "Zeta", 4, 0x4, Number(9));
     AddModelVariable(kModel, "PrinterStatus", 8, 0x10020, eight);
     AddModelVariable(kModel, "Aardvark", 5, 0x10010, {1, 2, 3, 4, 5});
     AddModelVariable(kModel, "Queue", 6, 0x10080, {0xFF, 0xFF, 0xFF, 0xFF});
     AddModelVariable(kModel, "jobstatus", 4, 0x10004, Number(1)); // another name than "JobStatus"
-    AddModelVariable(kModel, "Sum", 39, 0x10040, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation"));
     AddModelVariable(kModel, "Sum", 42, 0x10040, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation"));
     AddModelVariable(kModel, "BadSum", 12, 0x10040, BytesOf("Zeta;Absent"));
     AddModelVariable(kModel, "NoSum", 4, 0x10040, {0, 0, 0, 0});
@@ -131,7 +96,8 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
 
     Record record;
     ASSERT_TRUE(BuildVariableIndex(&record.manager));
-    EXPECT_TRUE(IsSorted(record.manager));
+    for (uint32_t i = 1; i < record.manager.variableCount; ++i)
+        EXPECT_LT(lstrcmpA(record.manager.variableIndex[i - 1]->name, record.manager.variableIndex[i]->name), 0);
     EXPECT_EQ(record.manager.variableCount, 57u + 8);
     for (const char* name : {"Long", "Short", "Tiny", "LongQueue", "Empty", ""})
         EXPECT_EQ(record.Find(name), nullptr) << name;
@@ -160,8 +126,6 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
         EXPECT_EQ(found->timeoutMs, row.timeout) << row.name;
         EXPECT_EQ(std::memcmp(found->defaultValue, row.value.data(), row.value.size()), 0) << row.name;
     }
-    EXPECT_STREQ(record.manager.variableIndex[0]->name, "Aardvark");
-    EXPECT_STREQ(record.manager.variableIndex[record.manager.variableCount - 1]->name, "Zeta");
     EXPECT_EQ(record.Find("PrinterStatusEx")->size, 32u); // of a built-in composite it is as declared
     EXPECT_EQ(CompositeSize(&record.manager, ""), 0u);
 

@@ -225,7 +225,7 @@ TEST(Updating, HandlersTakeTheWriteInPlaceOfTheDatabase) {
 }
 
 TEST(RequestResults, EachIsGivenOnce) {
-    const Product product;
+    Product product;
     const TvsManager manager = OpenPrinter();
     const auto result = [&](uint32_t id) {
         int32_t value = 1;
@@ -259,13 +259,6 @@ TEST(RequestResults, EachIsGivenOnce) {
     int32_t value = 1;
     EXPECT_EQ(ResSetPrinterStatus(manager + 8, 1, &value), TVS_E_HANDLE);
     EXPECT_EQ(value, 1);
-}
-
-TEST(RequestResults, WithoutTheServiceThereIsNone) {
-    Product product;
-    const TvsManager manager = OpenPrinter();
     product.service.process.Kill();
-    int32_t value = 1;
-    EXPECT_EQ(ResSetPrinterStatus(manager, 1, &value), TVS_OK);
-    EXPECT_EQ(value, TVS_E_UNKNOWN);
+    EXPECT_EQ(result(1), TVS_E_UNKNOWN);
 }

@@ -3,16 +3,7 @@
 #include "frame/object_security.h"
 #include "machine.h"
 
-namespace {
-
-constexpr const char* kSuiteKey = "System\\CurrentControlSet\\Control\\ProductOptions";
-
-void SetVersion(const char* version) {
-    SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", version);
-}
-
-} // namespace
-
+// Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
 TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
     struct Row {
         const char* version;
@@ -21,30 +12,37 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         uint32_t bit;
         bool terminalServer;
     };
+    const Bytes business = Joined({BytesOf("Small Business"), BytesOf("")});
     const Bytes listed = Joined({BytesOf("Small Business"), BytesOf("Terminal Server"), BytesOf("")});
     const Row rows[] = {
-        {"9x:4.0", {}, 0, OsWindows9x, false},
+        {"9x:4.0", {}, REG_MULTI_SZ, OsWindows9x, false},
         {"9x:4.10", listed, REG_MULTI_SZ, OsWindows9x, true},
-        {"3.10", {}, 0, 0, false},
-        {"3.50", {}, 0, OsNt350, false},
-        {"3.51", {}, 0, OsNt351, false},
-        {"3.52", {}, 0, OsNtLater, false},
-        {"4.0", {}, 0, OsNtLater, false},
+        {"3.10", {}, REG_MULTI_SZ, 0, false},
+        {"3.50", {}, REG_MULTI_SZ, OsNt350, false},
+        {"3.51", {}, REG_MULTI_SZ, OsNt351, false},
+        {"3.52", {}, REG_MULTI_SZ, OsNtLater, false},
+        {"4.0", {}, REG_MULTI_SZ, OsNtLater, false},
         {"4.0", listed, REG_MULTI_SZ, OsNtLater, true},
-        {"5.0", {}, 0, OsNtLater, false},
+        {"5.0", {}, REG_MULTI_SZ, OsNtLater, false},
         {"5.0", listed, REG_MULTI_SZ, OsNtLater, true},
+        {"5.0", Text("Terminal Server"), REG_MULTI_SZ, OsNtLater, true}, // stored without its NULs
         {"5.0", listed, REG_BINARY, OsNtLater, false},
-        {"5.0", Joined({BytesOf("terminal server"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, false},
-        {"5.0", Joined({BytesOf("Small Business"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, false},
-        {"5.1", {}, 0, OsNtLater, true},
-        {"5.2", Joined({BytesOf("Small Business"), BytesOf("")}), REG_MULTI_SZ, OsNtLater, true},
-        {"6.1", {}, 0, OsNtLater, true},
+        {"5.0", BytesOf("Terminal Server"), REG_SZ, OsNtLater, false},
+        {"5.0", BytesOf("terminal server"), REG_MULTI_SZ, OsNtLater, false},
+        {"5.0", BytesOf("Terminal Server 2"), REG_MULTI_SZ, OsNtLater, false},
+        {"5.0", Joined({{0}, listed}), REG_MULTI_SZ, OsNtLater, false}, // the list ends first
+        {"5.0", business, REG_MULTI_SZ, OsNtLater, false},
+        {"5.1", {}, REG_MULTI_SZ, OsNtLater, true},
+        {"5.2", business, REG_MULTI_SZ, OsNtLater, true},
+        {"6.1", {}, REG_MULTI_SZ, OsNtLater, true},
     };
     SetUpProduct();
+    const Service service;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.version);
-        SetVersion(row.version);
-        SetRegistryValue(kSuiteKey, "ProductSuite", row.suite.empty() ? REG_MULTI_SZ : row.suiteType, row.suite);
+        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", row.version);
+        SetRegistryValue("System\\CurrentControlSet\\Control\\ProductOptions", "ProductSuite", row.suiteType,
+                         row.suite);
         const Library library;
         EXPECT_EQ(PlatformBit(), row.bit);
         EXPECT_EQ(g_terminalServer, row.terminalServer);
@@ -52,6 +50,10 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
         EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
         EXPECT_STREQ(AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+        const TvsManager manager = OpenPrinter();
+        EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
+        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);
+        EXPECT_EQ(CloseManager(manager), TVS_OK);
     }
 }
 
@@ -77,19 +79,4 @@ TEST(Versions, ObjectsAreEveryones) {
     EXPECT_EQ(Bytes(bytes + header->Group, bytes + header->Group + 12), everyone);
     const Bytes list = Joined({{2, 0, 28, 0, 1, 0, 0, 0}, {0, 0, 20, 0}, Number(GENERIC_ALL), everyone});
     EXPECT_EQ(Bytes(bytes + header->Dacl, bytes + header->Dacl + list.size()), list);
-}
-
-// Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
-TEST(Versions, OpensWorkOnEach) {
-    SetUpProduct();
-    Service service;
-    for (const char* version : {"9x:4.10", "3.10", "4.0", "5.0", "5.1"}) {
-        SCOPED_TRACE(version);
-        SetVersion(version);
-        const Library library;
-        const TvsManager manager = OpenPrinter();
-        EXPECT_EQ(ObjectSecurity() != nullptr, (PlatformBit() & OsNtAny) != 0);
-        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), PlatformBit());
-        EXPECT_EQ(CloseManager(manager), TVS_OK);
-    }
 }
