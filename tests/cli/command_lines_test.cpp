@@ -16,10 +16,7 @@ struct CommandLine {
 };
 
 void Check(const CommandLine& line) {
-    std::string shown;
-    for (const std::string& argument : line.arguments)
-        shown += argument + " ";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(testing::PrintToString(line.arguments));
     const ProgramResult result = Oriel(line.arguments);
     EXPECT_EQ(result.exitCode, line.exitCode) << result.errors;
     EXPECT_NE(result.output.find(line.output), std::string::npos) << result.output;
@@ -42,7 +39,6 @@ void Check(const CommandLine& line) {
 TEST(CommandLine, OnAFreshMachine) {
     const CommandLine kLines[] = {
         {{"--help"}, 0, "Exit codes:", ""},
-        {{"set", "--help"}, 0, "--hex", ""},
         {{"--version"}, 0, "0.1.0", ""},
         {{}, 2, "", "subcommand"},
         {{"frobnicate"}, 2, "", "--help"},
@@ -60,7 +56,6 @@ TEST(CommandLine, OnAFreshMachine) {
         {{"reg", "query", "HKLM\\Nothing"}, 1, "", "no such key"},
         {{"reg", "query", "HKXX\\Nothing"}, 2, "", "HKLM"},
         {{"reg", "delete", "HKLM"}, 2, "", "root"},
-        {{"reg", "delete", "HKLM\\\\"}, 2, "", "root"},
         {{"reg", "set", "HKLM\\K", "V", "12x", "--type", "dword"}, 2, "", "12x"},
         {{"reg", "set", "HKLM\\K", "V", "0g", "--type", "binary"}, 2, "", "bytes"},
         {{"reg", "set", "HKLM\\K", "V", "1", "--type", "word"}, 2, "", "--type"},
@@ -103,7 +98,6 @@ TEST(CommandLine, WithTheProductUp) {
         {{"set", p, "PageCount", "12x"}, 2, "", "no number"},
         {{"set", p, "PageCount", "4294967296"}, 2, "", "32 bits"},
         {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, these are 2"},
-        {{"set", p, "PageCount", "--hex", "0"}, 2, "", "no list of bytes"},
         {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes 31 bytes, this has 32"},
         {{"set", p, "ServiceNote", "\xe6\x97\xa5"}, 2, "", "code page 1252"},
         {{"set", p, "ServiceNote", "two", "words"}, 2, "", "takes one value"},
@@ -117,16 +111,12 @@ TEST(CommandLine, WithTheProductUp) {
     };
     for (const CommandLine& line : kLines)
         Check(line);
-}
 
-TEST(CommandLine, AServiceThatDoesNotAnswerIsATimeOut) {
-    RunningProduct product;
-    AddExamplePrinter();
     StopProcess(ServiceProcess());
-    const Json error = OrielJson({"get", "Front desk", "PageCount"}, 5)["error"];
+    const Json error = OrielJson({"get", p, "PageCount"}, 5)["error"];
     EXPECT_EQ(error["why"], "the status database service runs but does not answer");
     ContinueProcess(ServiceProcess());
-    Check({{"get", "Front desk", "PageCount"}, 0, "-1", ""});
+    Check({{"get", p, "PageCount"}, 0, "-1", ""});
 }
 
 TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
@@ -155,18 +145,16 @@ TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
     EXPECT_EQ(OrielText({"get", "Front desk", "TonerLevel"}), "100 (0x64)");
 }
 
-TEST(CommandLine, ColourOnATerminalOnly) {
-    const std::string command = ProgramPath("oriel") + " status";
+TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {
+    const std::string oriel = ProgramPath("oriel");
     const auto onTerminal = [&](const Environment& environment) {
-        return RunProgram("/usr/bin/script", {"-qec", command, "/dev/null"}, environment).output;
+        return RunProgram("/usr/bin/script", {"-qec", oriel + " status", "/dev/null"}, environment).output;
     };
     EXPECT_NE(onTerminal({}).find("\x1b["), std::string::npos);
     EXPECT_EQ(onTerminal({{"NO_COLOR", "1"}}).find("\x1b["), std::string::npos);
     EXPECT_EQ(Oriel({"status"}).output.find("\x1b["), std::string::npos);
-}
 
-TEST(CommandLine, AResultThatCannotBeWrittenIsAFailure) {
-    const ProgramResult result = RunProgram("/bin/sh", {"-c", ProgramPath("oriel") + " printers >/dev/full"});
+    const ProgramResult result = RunProgram("/bin/sh", {"-c", oriel + " printers >/dev/full"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.errors.find("could not be written"), std::string::npos) << result.errors;
 }

@@ -6,13 +6,9 @@
 
 #include <fstream>
 
-namespace {
+static const std::string kKey = "HKLM\\SOFTWARE\\Test";
 
-const std::string kKey = "HKLM\\SOFTWARE\\Test";
-
-} // namespace
-
-TEST(RegistryCommand, ValuesOfAllTypes) {
+TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
     struct Case {
         const char* name;
         std::vector<std::string> data; // and --type
@@ -46,18 +42,16 @@ TEST(RegistryCommand, ValuesOfAllTypes) {
         const Json value = OrielJson({"reg", "query", kKey, row.name})["value"];
         EXPECT_EQ(value, Json({{"name", row.name}, {"type", row.type}, {"data", row.json}, {"hex", row.hex}}));
     }
-    const Json keys = OrielJson({"reg", "query", "HKEY_LOCAL_MACHINE\\software\\test"})["keys"];
+    Json keys = OrielJson({"reg", "query", "HKEY_LOCAL_MACHINE\\software\\test"})["keys"];
     EXPECT_EQ(keys[0]["values"].size(), std::size(kCases));
 
     OrielText({"reg", "delete", kKey, "list"});
     EXPECT_EQ(Oriel({"reg", "query", kKey, "list"}).exitCode, 1);
     EXPECT_EQ(Oriel({"reg", "delete", kKey, "list"}).exitCode, 1);
-}
 
-TEST(RegistryCommand, KeysAndTrees) {
     OrielText({"reg", "set", kKey + "\\A\\B"});
     OrielText({"reg", "set", kKey + "\\A\\B", "v", "1"});
-    const Json keys = OrielJson({"reg", "query", kKey, "--recursive"})["keys"];
+    keys = OrielJson({"reg", "query", kKey, "--recursive"})["keys"];
     ASSERT_EQ(keys.size(), 3u);
     EXPECT_EQ(keys[0]["subkeys"], Json({"A"}));
     EXPECT_EQ(keys[2]["key"], "HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\A\\B");
@@ -70,7 +64,7 @@ TEST(RegistryCommand, KeysAndTrees) {
     EXPECT_EQ(Oriel({"reg", "query", kKey}).exitCode, 1);
 }
 
-TEST(RegistryCommand, ExportAndImportGiveTheSame) {
+TEST(RegistryCommand, ExportAndImportGiveTheSameAndABadFileChangesNothing) {
     const std::string model = SourcePath("examples/example_laser.reg");
     OrielText({"reg", "import", model});
     OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "quotes \" and \\", "x\\\"y"});
@@ -83,10 +77,7 @@ TEST(RegistryCommand, ExportAndImportGiveTheSame) {
     OrielText({"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"});
     OrielText({"reg", "import", file});
     EXPECT_EQ(OrielText({"reg", "export", "HKLM\\SOFTWARE\\Tavik"}), before);
-}
 
-TEST(RegistryCommand, ABadFileChangesNothing) {
-    const std::string file = PrivateDirectory() + "/bad.reg";
     std::ofstream(file) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\n\"a\"=dword:1\n\"b\"=dword:xyz\n";
     const Json error = OrielJson({"reg", "import", file}, 1)["error"];
     EXPECT_NE(error["what"].get<std::string>().find("line 5"), std::string::npos) << error;

@@ -4,9 +4,17 @@
 
 #include <gtest/gtest.h>
 
-TEST(Up, MakesTheProductReadyAndUndoesItOnInterrupt) {
+TEST(Up, MakesTheProductReadyKeepsItSoAndUndoesItOnInterrupt) {
+    const std::string serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
+    // A service of another place is replaced.
+    OrielText({"reg", "set", serviceKey, "ImagePath", "\\old\\TVSDBN.EXE"});
+    OrielText({"reg", "set", serviceKey, "Type", "16", "--type", "dword"});
+    OrielText({"reg", "set", serviceKey, "Start", "3", "--type", "dword"});
+    AddExamplePrinter();
     {
         RunningProduct product;
+        EXPECT_EQ(OrielText({"reg", "query", serviceKey, "ImagePath"}),
+                  "\"" + WindowsPath(ProgramPath("TVSDBN.EXE")) + "\"");
         const Json status = OrielJson({"status"});
         EXPECT_EQ(status["installed"], true);
         EXPECT_EQ(status["service"], "running");
@@ -16,53 +24,38 @@ TEST(Up, MakesTheProductReadyAndUndoesItOnInterrupt) {
         EXPECT_EQ(status["codePage"], 1252);
         EXPECT_EQ(status["stateDirectory"], std::getenv("ORIEL_STATE_DIR"));
         EXPECT_EQ(status["runDirectory"], std::getenv("ORIEL_RUNTIME_DIR"));
-        EXPECT_NE(ServiceProcess(), 0);
+
+        // A second one leaves the first alone.
+        EXPECT_EQ(OrielJson({"up"}, 1)["error"]["what"], "the product is already up, in another process");
+
+        // A service that was killed is started again, and the values that have a copy are back.
+        OrielText({"set", "Front desk", "PageCount", "77"});
+        const int first = ServiceProcess();
+        ASSERT_NE(first, 0);
+        KillProcess(first);
+        product.Event("service-ended");
+        product.Event("service-started");
+        EXPECT_NE(ServiceProcess(), first);
+        EXPECT_EQ(OrielJson({"get", "Front desk", "PageCount"})["variables"][0]["value"], 77);
 
         product.Interrupt();
         product.Event("stopping");
         product.Event("stopped");
-        EXPECT_EQ(product.Wait(), 0) << product.Errors();
+        EXPECT_EQ(product.Wait(), 0);
+        EXPECT_NE(product.Errors().find("starting it again"), std::string::npos) << product.Errors();
     }
     const Json status = OrielJson({"status"}, 3);
     EXPECT_EQ(status["service"], "stopped");
     EXPECT_EQ(status["initialised"], false);
     EXPECT_EQ(ServiceProcess(), 0);
 
-    RunningProduct again;
-    EXPECT_EQ(OrielJson({"status"})["initialised"], true);
-}
-
-TEST(Up, SecondOneLeavesTheFirstAlone) {
-    RunningProduct product;
-    const Json error = OrielJson({"up"}, 1)["error"];
-    EXPECT_EQ(error["what"], "the product is already up, in another process");
-    EXPECT_EQ(OrielJson({"status"})["service"], "running");
-}
-
-TEST(Up, StartsAServiceThatWasKilledAgain) {
-    AddExamplePrinter();
-    RunningProduct product;
-    OrielText({"set", "Front desk", "PageCount", "77"});
-    const int first = ServiceProcess();
-    ASSERT_NE(first, 0);
-    KillProcess(first);
-    product.Event("service-ended");
-    product.Event("service-started");
-    EXPECT_NE(ServiceProcess(), first);
-    // The values that have a copy are back.
-    EXPECT_EQ(OrielJson({"get", "Front desk", "PageCount"})["variables"][0]["value"], 77);
-    product.Terminate();
-    EXPECT_EQ(product.Wait(), 0);
-    EXPECT_EQ(ServiceProcess(), 0);
-    EXPECT_NE(product.Errors().find("starting it again"), std::string::npos) << product.Errors();
-}
-
-TEST(Up, LeavesAServiceRunningThatRanBefore) {
-    { RunningProduct once; } // registers the installation and the service
+    // A service that ran before is left running.
     TestProcess service = TestProcess::Program(ProgramPath("TVSDBN.EXE"));
     ASSERT_TRUE(WaitUntil([] { return Oriel({"status"}).exitCode == 0; })); // it is, once the service runs
-    EXPECT_EQ(OrielJson({"status"})["service"], "running");
-    { RunningProduct product; }
+    {
+        RunningProduct again;
+        EXPECT_EQ(OrielJson({"status"})["initialised"], true);
+    }
     EXPECT_EQ(OrielJson({"status"})["service"], "running");
     service.Terminate();
     EXPECT_EQ(service.Wait(), 0);
@@ -75,13 +68,4 @@ TEST(Up, QuietSaysNothing) {
     EXPECT_EQ(up.HearAll(), "");
     EXPECT_EQ(up.Wait(), 0);
     EXPECT_EQ(up.Errors(), "");
-}
-
-TEST(Up, ReplacesAServiceOfAnotherPlace) {
-    OrielText({"reg", "set", "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB", "ImagePath", "\\old\\TVSDBN.EXE"});
-    OrielText({"reg", "set", "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB", "Type", "16", "--type", "dword"});
-    OrielText({"reg", "set", "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB", "Start", "3", "--type", "dword"});
-    RunningProduct product;
-    EXPECT_EQ(OrielText({"reg", "query", "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB", "ImagePath"}),
-              "\"" + WindowsPath(ProgramPath("TVSDBN.EXE")) + "\"");
 }
