@@ -27,6 +27,7 @@ public:
     // The next event, which must be this one.
     Json Event(const std::string& name);
     void Interrupt() { m_up.Interrupt(); }
+    void Terminate() { m_up.Terminate(); }
     int Wait() { return m_up.Wait(); }
     std::string Errors() { return m_up.Errors(); }
 
