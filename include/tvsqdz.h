@@ -149,7 +149,40 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
                                                  uint32_t size);
 
-/* Takes the result of an asynchronous write request, once.
+/* Asynchronous requests: a direct read or write that is carried out on a thread of the library's, while the caller goes on.
+ *
+ * The end is told by setting an event (a HANDLE of the platform, with the right to modify it and open until then) or by
+ * posting a message (a number) with both parameters 0 to a window (an HWND). A request may outlive its manager; one that is
+ * still on its way when the library is unloaded ends as not answered. One request at a time is carried out at a printer in
+ * the whole system, and a call of the read forms or of SetReqPrinterStatusMsgA waits until the one before it has ended.
+ *
+ * A read ends when the printer side has answered, or after 60 seconds; the value is then read with GetPrinterStatusA. In a
+ * process that has opened managers of kinds 0, 7 and 9 only, a read that ends with a message is left to the process that
+ * owns the printer, which carries it out: TVS_E_NO_OWNER when there is none, or when it takes no requests for 10 seconds.
+ *
+ * A write gives its number at once, *requestId being 0 on failure; ResSetPrinterStatus tells its result: that of the printer
+ * side; TVS_E_REQUEST_LOCK when it had not its turn within 5 seconds or was not answered within 60; an answer of the service
+ * or a positive RPC code. Until it ends the result is TVS_REQUEST_PENDING, or 0 for the message form. A message for a window
+ * that is gone by then is not posted, and the result is not kept. Values, and a write of "RefreshStatus", are as for
+ * SetPrinterStatusDirectA.
+ *
+ * Return, in the order in which they are tested, TVS_E_FAULT (requestId), TVS_E_HANDLE, TVS_E_NO_OWNER (message forms),
+ * TVS_E_UNKNOWN (also for what no printer can be asked for, or a name of more than 31 characters), TVS_E_NOT_NOW (the printer
+ * side takes no requests), then for a read TVS_E_NOT_READY (the port takes none) and TVS_E_AUTHORITY, for a write the
+ * authority first; TVS_E_NOT_READY (the spooler is not ready), TVS_E_MEMORY and TVS_E_FAULT (the data), TVS_E_REQUEST_LOCK,
+ * TVS_E_NOT_NOW (a refresh, and the spooler takes none), TVS_E_UNKNOWN (the value is not one that the variable takes),
+ * TVS_E_MEMORY (also when no thread can be started), TVS_OK; or an answer of the service or a positive RPC code. */
+TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusEventA(TvsManager manager, const char* variable, void* event);
+TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusMsgA(TvsManager manager, const char* variable, void* window,
+                                                    uint32_t message);
+TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusEventA(TvsManager manager, const char* variable, const void* data,
+                                                      uint32_t size, void* event, uint32_t* requestId);
+TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const char* variable, const void* data,
+                                                    uint32_t size, void* window, uint32_t message, uint32_t* requestId);
+
+#define TVS_REQUEST_PENDING (-1)
+
+/* Takes the result of an asynchronous write request, once. One that has not finished is taken too.
  * *result receives it, or TVS_E_UNKNOWN when no such request is recorded. A result that cannot be stored is not taken.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);

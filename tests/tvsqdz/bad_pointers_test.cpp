@@ -81,6 +81,14 @@ TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
          [&](const void* a) {
              return SetNotificationCallbackExA(manager, 1, narrow(a), &kCallback, kNumbers, &opened);
          }},
+        {"GetReqPrinterStatusEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return GetReqPrinterStatusEventA(manager, narrow(a), nullptr); }},
+        {"GetReqPrinterStatusMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return GetReqPrinterStatusMsgA(manager, narrow(a), nullptr, 0); }},
+        {"SetReqPrinterStatusEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetReqPrinterStatusEventA(manager, narrow(a), &value, 4, nullptr, &size); }},
+        {"SetReqPrinterStatusMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
+         [&](const void* a) { return SetReqPrinterStatusMsgA(manager, narrow(a), &value, 4, nullptr, 0, &size); }},
         {"OpenManagerA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
          [&](const void* a) { return OpenManagerA(narrow(a), "u", &opened); }},
         {"OpenManagerExA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,

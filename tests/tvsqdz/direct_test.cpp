@@ -11,7 +11,7 @@ namespace {
 struct DirectProduct : Product {
     DirectProduct() {
         AddDirectVariables();
-        manager = OpenPrinter();
+        manager = OpenAuthorised();
         record = RecordOf(manager);
         database = record->printerDatabase;
         SetReady(manager);
@@ -35,7 +35,7 @@ int32_t WriteDirectly(TvsManager manager, const std::string& variable, const Byt
 // Reads a number directly until told to stop, a line for each: "status value".
 CHILD_PROCESS(ReadsDirectly) {
     const Library library;
-    const TvsManager manager = OpenPrinter();
+    const TvsManager manager = OpenAuthorised();
     for (;;) {
         if (child.Hear() != "read") return CloseManager(manager);
         uint32_t value = 0;
@@ -67,8 +67,8 @@ TEST(Direct, AnswersComeInTheirOrder) {
     };
     for (const Row& row : {
              Row{"printer side takes nothing", 0, 8, 0, 0, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW},
-             Row{"port", 1, 8, 0, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
-             Row{"port, forwarded", 0, 8, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
+             Row{"port", 1, 9, 0, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
+             Row{"port, forwarded", 0, 9, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
              Row{"no refreshes", 1, 0, 0, 4, -77, -77, TVS_E_SIZE, TVS_E_NOT_NOW},
              Row{"spooler not ready", 0, 0, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_NOW},
              Row{"all well", 1, 0xF0, 0, 8, -77, -77, TVS_E_SIZE, -77},

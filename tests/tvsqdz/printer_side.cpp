@@ -96,6 +96,16 @@ void AddDirectVariables() {
     AddModelVariable(kModel, "Plain", 4, 0x30004, Number(4));
 }
 
+bool TakeMessage(MSG& message, HWND window) {
+    return WaitUntil([&] { return PeekMessageA(&message, window, 0, 0, PM_REMOVE) != FALSE; });
+}
+
+TvsManager OpenAuthorised(const std::string& printer) {
+    TvsManager manager = 0;
+    EXPECT_EQ(OpenManagerExA(printer.c_str(), kPowerfulUser, 2, &manager), TVS_OK);
+    return manager;
+}
+
 void SetReady(TvsManager manager, uint32_t extStatus, uint32_t spoolerStatus, uint32_t portKind) {
     EXPECT_EQ(Update(manager, "PrinterExtStatus", Number(extStatus)), TVS_OK);
     EXPECT_EQ(Update(manager, "SpoolerStatus", Number(spoolerStatus)), TVS_OK);

@@ -39,5 +39,11 @@ Bytes StoredBytes(DatabaseHandle database, const std::string& variable);
 // The variables that a printer of the test's model can be asked for: DNumber, DText (16 bytes), DVariable, DRead (only
 // read), and Plain, which it cannot.
 void AddDirectVariables();
+// Takes the next message of a window of this thread's; false when none comes in time.
+bool TakeMessage(MSG& message, HWND window);
+
+// A manager of the user who may do everything, whatever the printer's access control list says.
+inline constexpr char kPowerfulUser[] = "\\\\.\\kptmon";
+TvsManager OpenAuthorised(const std::string& printer = kPrinter);
 // The status that direct requests need: of the printer and the spooler.
 void SetReady(TvsManager manager, uint32_t extStatus = 1, uint32_t spoolerStatus = 0xC, uint32_t portKind = 0);

@@ -18,6 +18,7 @@
 #include "frame/printer_registration.h"
 #include "frame/status_service.h"
 #include "frame/variable_index.h"
+#include "notify/manager_service.h"
 
 #include <string.h>
 
@@ -140,6 +141,8 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     manager->requestMutex = CreateOrOpenMutex(RequestMutexName(manager->databaseName));
     if (manager->requestMutex == nullptr) return TVS_E_UNAVAILABLE;
     ReadLmFunction(manager);
+    // Its record has to be the first, so before anybody can register.
+    if ((manager->flags & ManagerOwnsPrinter) != 0 && !StartManagerService(manager)) return TVS_E_MEMORY;
 
     opening.Keep();
     if (manager->clientKind == TVS_KIND_POLLING) {

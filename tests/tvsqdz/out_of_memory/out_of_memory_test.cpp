@@ -1,13 +1,15 @@
 // Every allocation of the library made to fail, one after the other.
+#include "frame/timings.h"
 #include "machine.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 
 namespace {
 
-int g_allocations;
-int g_failAt; // 0: none
+std::atomic<int> g_allocations; // of all threads
+std::atomic<int> g_failAt;      // 0: none
 
 } // namespace
 
@@ -15,8 +17,7 @@ extern "C" {
 LPVOID WINAPI __real_HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes);
 LPVOID WINAPI __wrap_HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes);
 LPVOID WINAPI __wrap_HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
-    ++g_allocations;
-    return g_allocations == g_failAt ? nullptr : __real_HeapAlloc(heap, flags, bytes);
+    return ++g_allocations == g_failAt ? nullptr : __real_HeapAlloc(heap, flags, bytes);
 }
 }
 
@@ -126,6 +127,50 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     while (Read(manager, "Queue", 4).returnedSize > 0)
         ++left;
     EXPECT_EQ(taken + left, before);
+}
+
+// What cannot be started is answered, and leaves no entry and no number; what was started comes to its result.
+TEST(OutOfMemory, ARequestIsRefusedOrCarriedOut) {
+    const Product product;
+    g_timings.answerBound = 1; // nobody answers
+    g_timings.memoryPause = 1;
+    AddModelVariable(kModel, "DNumber", 4, 0x30204, Number(1));
+    TvsManager manager = 0; // of a user who may do everything
+    EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), "\\\\.\\kptmon", 2, &manager), TVS_OK);
+    EXPECT_EQ(Update(manager, "PrinterExtStatus", Number(1)), TVS_OK);
+    EXPECT_EQ(Update(manager, "SpoolerStatus", Number(4)), TVS_OK);
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    const std::function<int32_t(uint32_t*)> forms[] = {
+        [&](uint32_t* number) {
+            const uint32_t value = 2;
+            return SetReqPrinterStatusEventA(manager, "DNumber", &value, sizeof value, event, number);
+        },
+        [&](uint32_t*) { return GetReqPrinterStatusEventA(manager, "DNumber", event); }};
+    for (const auto& start : forms) {
+        const int allocations = FailEach(
+            [&] {
+                uint32_t number = 0;
+                int32_t result = 0;
+                const int32_t status = start(&number);
+                if (status == TVS_OK) {
+                    EXPECT_EQ(WaitForSingleObject(event, 10000), DWORD{WAIT_OBJECT_0});
+                }
+                if (number != 0) {
+                    g_failAt = 0;
+                    EXPECT_EQ(ResSetPrinterStatus(manager, number, &result), TVS_OK);
+                    EXPECT_EQ(result, TVS_E_REQUEST_LOCK);
+                }
+                EXPECT_TRUE(status == TVS_OK || number == 0);
+                DWORD size = 0;
+                EXPECT_EQ(ReadVariable(RecordOf(manager)->printerDatabase, "ReqResult", nullptr, 0, &size),
+                          Answer::Done);
+                EXPECT_EQ(size, 8u) << "the empty list";
+                return status;
+            },
+            {TVS_E_MEMORY, TVS_OK});
+        EXPECT_GT(allocations, 0);
+    }
+    CloseHandle(event);
 }
 
 TEST(OutOfMemory, AnAttachWithoutAHeapsMemoryIsInert) {

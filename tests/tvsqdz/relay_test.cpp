@@ -1,0 +1,202 @@
+// What processes that deliver no messages leave to the printer's owner, and the owner's service thread.
+#include "frame/client_kinds.h"
+#include "frame/timings.h"
+#include "notification_kit.h"
+#include "notify/registrations.h"
+#include "notify/relayed_registrations.h"
+#include "notify/status_request.h"
+#include "printer_side.h"
+
+#include <cstring>
+#include <set>
+
+namespace {
+
+constexpr uint32_t kTold = 0x8001; // and the numbers behind it: requests
+
+// Owns the printer until it is told to close.
+CHILD_PROCESS(OwnsThePrinter) {
+    const Library library;
+    const TvsManager manager = OpenPrinter(6);
+    child.Say((RecordOf(manager)->flags & ManagerOwnsPrinter) != 0 ? "owner" : "guest");
+    child.Hear();
+    return CloseManager(manager);
+}
+
+// A process that relays. Commands: "watch", "cancel", "read N" (so many requests in a row), "hear" (says the numbers of
+// the messages of the next moment, in their order), "end".
+CHILD_PROCESS(RelaysToTheOwner) {
+    const Library library;
+    const HWND agent = MakeWindow("TVORPSPWndClass"); // so that none is started
+    const HWND window = MakeWindow("Registrant");
+    TvsManager manager = 0;
+    EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), kPowerfulUser, 0, &manager), TVS_OK);
+    TvsRegistration registration = 0;
+    child.Say("ready");
+    for (;;) {
+        const std::string command = child.Hear();
+        int32_t status = TVS_OK;
+        MSG message = {};
+        if (command == "watch") status = SetNotificationMsgA(manager, "JobStatus", window, kTold, &registration);
+        if (command == "cancel") status = KillNotificationMsg(manager, registration);
+        if (command.starts_with("read "))
+            for (uint32_t i = 1; i <= std::stoul(command.substr(5)) && status == TVS_OK; ++i)
+                status = GetReqPrinterStatusMsgA(manager, "DNumber", window, kTold + i);
+        if (command == "hear") {
+            child.Say(TakeMessage(message, window) ? std::to_string(message.message - kTold) : "nothing");
+            continue;
+        }
+        if (command == "end" || command.empty()) break;
+        child.Say(std::to_string(status));
+    }
+    DestroyWindow(window);
+    DestroyWindow(agent);
+    return CloseManager(manager) + testing::Test::HasFailure();
+}
+
+struct RelayProduct : Product {
+    RelayProduct() {
+        AddDirectVariables();
+        manager = OpenPrinter();
+        database = RecordOf(manager)->printerDatabase;
+        SetReady(manager);
+    }
+    Bytes List() const { return StoredBytes(database, "NotifyMsg"); }
+    TvsManager manager;
+    DatabaseHandle database;
+};
+
+std::string Ask(TestProcess& process, const std::string& command) {
+    process.Tell(command);
+    return process.Hear();
+}
+
+const Bytes kEmptyList = Joined({Number(4), Number(0)});
+
+} // namespace
+
+TEST(Relay, ARegistrantAnOwnerAndAWriterInThreeProcesses) {
+    const RelayProduct product;
+    TestProcess owner("OwnsThePrinter");
+    EXPECT_EQ(owner.Hear(), "owner");
+    TestProcess registrant("RelaysToTheOwner");
+    EXPECT_EQ(registrant.Hear(), "ready");
+    EXPECT_EQ(Ask(registrant, "watch"), "0");
+    // The owner's watcher begins some time after the entry was made: it tells of what is written from then on.
+    std::atomic<uint32_t> value = 0;
+    registrant.Tell("hear");
+    const TestThread writer([&] {
+        while (value < 200) {
+            EXPECT_EQ(Update(product.manager, "JobStatus", Number(++value)), TVS_OK);
+            PauseMs(20);
+        }
+    });
+    EXPECT_EQ(registrant.Hear(), "0");
+    value = 200;
+    WaitForSingleObject(writer.Handle(), 10000);
+    EXPECT_EQ(product.List().size(), 56u);
+    EXPECT_EQ(Ask(registrant, "cancel"), "0");
+    EXPECT_TRUE(WaitUntil([&] { return product.List() == kEmptyList; })) << "the owner takes out what was cancelled";
+    registrant.Tell("end");
+    EXPECT_EQ(registrant.Wait(), 0) << registrant.Errors();
+    owner.Tell("close");
+    EXPECT_EQ(owner.Wait(), 0) << owner.Errors();
+}
+
+TEST(Relay, RequestsInARowAreAllPerformedAlsoByTheOwnersSuccessor) {
+    RelayProduct product;
+    std::optional<PrinterSide> printer(std::in_place, RecordOf(product.manager),
+                                       [&](const std::string&, const std::string& text) {
+                                           StoreBytes(product.database, text, Number(5));
+                                           return 0;
+                                       });
+    TestProcess owner("OwnsThePrinter");
+    EXPECT_EQ(owner.Hear(), "owner");
+    TestProcess registrant("RelaysToTheOwner");
+    EXPECT_EQ(registrant.Hear(), "ready");
+    EXPECT_EQ(Ask(registrant, "read 8"), "0");
+    std::set<std::string> told;
+    for (int i = 0; i < 8; ++i)
+        told.insert(Ask(registrant, "hear"));
+    EXPECT_EQ(told, (std::set<std::string>{"1", "2", "3", "4", "5", "6", "7", "8"}));
+    EXPECT_EQ(printer->Requests(), 8);
+    // One is left while nobody owns the printer: the next owner finds it. (The entry keeps the dead one's number.)
+    owner.Kill();
+    EXPECT_EQ(Ask(registrant, "read 1"), "0");
+    Bytes list(568);
+    DWORD size = 0;
+    ManagerRecord* record = RecordOf(product.manager);
+    EXPECT_EQ(ReadVariable(record->masterDatabase, "PrinterDatabase", list.data(), 568, &size), Answer::Done);
+    std::memset(&list[12], 0, 4);
+    EXPECT_EQ(WriteVariable(record->masterDatabase, "PrinterDatabase", list.data(), 568), Answer::Done);
+    TestProcess successor("OwnsThePrinter");
+    EXPECT_EQ(successor.Hear(), "owner");
+    EXPECT_EQ(Ask(registrant, "hear"), "1");
+    EXPECT_EQ(StoredBytes(product.database, "RequestMsg"), Bytes(364));
+}
+
+// What lies in the two variables is anybody's: it is answered with nothing, or with what can be done of it.
+TEST(Relay, TheOwnerChecksWhatOthersWrote) {
+    const RelayProduct product;
+    const TvsManager owner = OpenPrinter(6);
+    std::atomic<int> asked = 0;
+    const PrinterSide printer(RecordOf(product.manager), [&](const std::string&, const std::string&) {
+        ++asked;
+        return 0;
+    });
+    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    StatusRequest request = {};
+    request.requestFlags = REQ_READ | REQ_BY_EVENT; // another process's event: not to be set
+    request.target = HandleToULong(event);
+    std::memset(request.variableName, 'x', sizeof request.variableName);
+    std::memset(request.printerName, 'x', sizeof request.printerName);
+    EXPECT_EQ(WriteVariable(product.database, "RequestMsg", &request, sizeof request), Answer::Done);
+    EXPECT_TRUE(WaitUntil([&] { return asked == 1; }));
+    EXPECT_EQ(WaitForSingleObject(event, 100), DWORD{WAIT_TIMEOUT});
+    // Entries of unknown variables and without an end, a count that promises more, and one that is good.
+    const HWND window = MakeWindow("Registrant");
+    MessageRegistrationEntry bad = {1, 0, HandleToULong(window), kTold, {}};
+    std::memset(bad.variableName, 'y', sizeof bad.variableName);
+    MessageRegistrationEntry good = {2, 0, HandleToULong(window), kTold, "JobStatus"};
+    MessageRegistrationEntry same = {3, 0, HandleToULong(window), kTold, "JobStatus"};
+    const auto bytes = [](const MessageRegistrationEntry& entry) {
+        const auto* first = reinterpret_cast<const uint8_t*>(&entry);
+        return Bytes(first, first + sizeof entry);
+    };
+    const auto store = [&] {
+        StoreBytes(product.database, "NotifyMsg",
+                   Joined({Number(9999), Number(7), bytes(bad), bytes(good), bytes(same)}));
+    };
+    const auto registration = [&] { return FindMessageRegistration(RecordOf(owner), "JobStatus", window, kTold); };
+    store();
+    EXPECT_TRUE(WaitUntil([&] { return registration() != 0; }));
+    // Both share one registration, which the other keeps when the first is cancelled.
+    const TvsRegistration shared = registration();
+    good.registrationId = 0;
+    store();
+    EXPECT_TRUE(WaitUntil([&] { return product.List() == Joined({Number(100), Number(2), bytes(bad), bytes(same)}); }));
+    EXPECT_EQ(registration(), shared);
+    same.registrationId = 0;
+    store();
+    EXPECT_TRUE(WaitUntil([&] { return registration() == 0; }));
+    // The close of the owner waits for nobody who holds the database mutex.
+    const HANDLE held = RecordOf(product.manager)->databaseMutex;
+    const HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<bool> holds = false;
+    const TestThread holder([&] {
+        EXPECT_EQ(WaitForSingleObject(held, 10000), DWORD{WAIT_OBJECT_0});
+        holds = true;
+        WaitForSingleObject(release, 20000);
+        ReleaseMutex(held);
+    });
+    ASSERT_TRUE(WaitUntil([&] { return holds.load(); }));
+    store();
+    PauseMs(50); // the service thread waits for the mutex by now
+    const double before = NowMs();
+    const TestThread releaser([&] {
+        WaitUntil([&] { return NowMs() - before > 3000; }); // the ownership is given up under the mutex
+        SetEvent(release);
+    });
+    EXPECT_EQ(CloseManager(owner), TVS_OK);
+    EXPECT_LT(NowMs() - before, 9000) << "its thread ended by itself, not after its 12 seconds";
+}
