@@ -14,8 +14,9 @@
 struct ManagerOptions {
     std::string printer;
     uint32_t kind = 3;
-    std::string user; // empty: the logon name
-    bool hex = false; // values as bytes
+    std::string user;    // empty: the logon name
+    bool hex = false;    // values as bytes
+    bool direct = false; // asks the printer itself
 };
 
 Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& patterns);
@@ -27,8 +28,12 @@ struct NewValue {
     std::vector<std::string> words;
     std::optional<std::string> hex;
     std::optional<std::string> file; // "-": standard input
+    bool asynchronous = false;       // by a request whose result waits to be asked for
+    bool wait = false;               // for that result
 };
 Exit SetCommand(const ManagerOptions& options, const NewValue& value);
+// Takes the result of a request that an asynchronous set made.
+Exit ResultCommand(const ManagerOptions& options, uint32_t request);
 
 enum class DeliveredBy { Event, Message, Callback };
 struct WatchOptions {

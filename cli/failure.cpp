@@ -46,7 +46,10 @@ constexpr CodeMeaning kMeanings[] = {
      "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
     {-8, Exit::False, "the value grew while it was read", "run the command again"},
     {-11, Exit::False, "a limit of the service is reached", ""},
+    {-14, Exit::NoService, "no printer side serves the printer",
+     "'oriel up' starts one for each printer that has a device"},
     {-15, Exit::False, "the service is out of memory", ""},
+    {-18, Exit::TimedOut, "the printer side did not answer", kAskAgain},
 
     {ERROR_FILE_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_PATH_NOT_FOUND, Exit::False, "not found", ""},

@@ -34,6 +34,7 @@ struct Arguments {
     std::string printer, driver, port = "FILE:";
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
+    uint32_t request = 0;
     bool recursive = false, tree = false, quiet = false;
 };
 
@@ -61,6 +62,8 @@ void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
     AddManagerOptions(*get, a.manager);
     get->add_option("VARIABLE", a.names, "Names of variables")->required();
     get->add_flag("--hex", a.manager.hex, "Values as bytes");
+    get->add_flag("--direct", a.manager.direct,
+                  "What the printer itself says now, for variables that it can be asked for");
     get->callback([&] { chosen = [&] { return GetCommand(a.manager, a.names); }; });
 
     CLI::App* info = app.add_subcommand("info", "Tell when variables were last written, in UTC");
@@ -77,6 +80,12 @@ void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
     const CLI::Option* hex = set->add_option("--hex", a.value, "The value as bytes: \"01 02 ff\"");
     const CLI::Option* file =
         set->add_option("--file", a.file, "The value as the bytes of a file; - is standard input");
+    set->add_flag("--direct", a.manager.direct, "To the printer itself, which is waited for");
+    CLI::Option* asynchronous =
+        set->add_flag("--async", a.newValue.asynchronous,
+                      "As a request to the printer: prints its number at once, ends when it is done, and leaves its "
+                      "result to 'oriel result'");
+    set->add_flag("--wait", a.newValue.wait, "Takes the result of the request too")->needs(asynchronous);
     set->callback([&, hex, file] {
         a.newValue.hex = WhenGiven(hex, a.value);
         a.newValue.file = WhenGiven(file, a.file);
@@ -111,6 +120,13 @@ void AddWatchCommands(CLI::App& app, Arguments& a, Command& chosen) {
         "terminate", "Ask all managers of the machine to shut down, and the product's windows to close");
     AddManagerOptions(*terminate, a.manager);
     terminate->callback([&] { chosen = [&] { return TerminateCommand(a.manager); }; });
+}
+
+void AddResultCommand(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* result = app.add_subcommand("result", "Take the result of a request that 'set --async' made, once");
+    AddManagerOptions(*result, a.manager);
+    result->add_option("REQUEST", a.request, "Its number")->required();
+    result->callback([&] { chosen = [&] { return ResultCommand(a.manager, a.request); }; });
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
@@ -207,6 +223,7 @@ Exit Run(int argc, char** argv) {
     status->callback([&] { chosen = [] { return StatusCommand(); }; });
     AddVariableCommands(app, arguments, chosen);
     AddWatchCommands(app, arguments, chosen);
+    AddResultCommand(app, arguments, chosen);
     AddPrinterCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
     app.footer(kExitCodes); // last, or the commands would inherit it

@@ -50,15 +50,15 @@ const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name,
     throw failure;
 }
 
-Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem) {
+Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem, ReadFunction read) {
     Reading reading;
     uint32_t size = variable.size;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const bool probe = size == 0 || (variable.type == VariableType::Queue && !takeItem);
         reading.value.resize(probe ? 0 : size);
         uint32_t returned = 0;
-        reading.status = GetPrinterStatusA(printer.manager.Get(), variable.name.c_str(),
-                                           probe ? nullptr : reading.value.data(), probe ? 0 : size, &returned);
+        reading.status = read(printer.manager.Get(), variable.name.c_str(), probe ? nullptr : reading.value.data(),
+                              probe ? 0 : size, &returned);
         if (probe) {
             if (reading.status == TVS_E_SIZE && variable.type == VariableType::Queue && !takeItem) {
                 reading.value.resize(returned); // how much there is to take

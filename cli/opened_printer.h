@@ -26,8 +26,11 @@ struct Reading {
     int32_t status = TVS_OK;
     Bytes value;
 };
+// GetPrinterStatusA and those like it.
+using ReadFunction = int32_t(TVS_CALL*)(TvsManager, const char*, void*, uint32_t, uint32_t*);
 // takeItem: false only asks a queue for the size of its oldest item, since a read takes it off.
-Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem);
+Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem,
+                  ReadFunction read = GetPrinterStatusA);
 
 // "2026-11-24T08:15:00.123Z"; empty for a time that never was.
 std::string TimeText(const SYSTEMTIME& time);

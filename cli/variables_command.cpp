@@ -1,4 +1,4 @@
-// vars, get, info, set: what is done with the variables of one printer.
+// vars, get, info, set, result: what is done with the variables of one printer.
 #include "commands.h"
 
 #include "files.h"
@@ -94,7 +94,8 @@ Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names
 Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& names) {
     const OpenedPrinter printer = OpenPrinterOf(options);
     return ForEach(printer, names, "read", [&](const Variable& variable, Json& json) {
-        const Reading reading = ReadValue(printer, variable, true);
+        const Reading reading =
+            ReadValue(printer, variable, true, options.direct ? GetPrinterStatusDirectA : GetPrinterStatusA);
         const std::string name = ToUtf8(variable.name);
         if (reading.status != TVS_OK) {
             Failure failure = StatusFailure(reading.status, WhatOf("read", name, printer));
@@ -170,19 +171,67 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
     return bytes;
 }
 
+// Longer than the library gives a request in all.
+constexpr DWORD kRequestBoundMs = 90000;
+
+// Starts the request and waits until it has been carried out, which it is only while this process lives. Its number is
+// told at once.
+uint32_t CarryOutRequest(const OpenedPrinter& printer, const Variable& variable, const Bytes& bytes, bool tellNumber) {
+    const std::string what = WhatOf("write", ToUtf8(variable.name), printer);
+    const KernelHandle done{CreateEventA(nullptr, TRUE, FALSE, nullptr)};
+    if (!done) throw SystemFailure(GetLastError(), what);
+    uint32_t request = 0;
+    const int32_t status = SetReqPrinterStatusEventA(printer.manager.Get(), variable.name.c_str(), bytes.data(),
+                                                     static_cast<uint32_t>(bytes.size()), done.Get(), &request);
+    if (status != TVS_OK) throw StatusFailure(status, what);
+    if (tellNumber) PrintLine(std::to_string(request));
+    if (WaitForSingleObject(done.Get(), kRequestBoundMs) != WAIT_OBJECT_0) throw SystemFailure(WAIT_TIMEOUT, what);
+    return request;
+}
+
+int32_t TakeResult(const OpenedPrinter& printer, uint32_t request) {
+    int32_t result = 0;
+    const std::string what = "cannot ask for the result of request " + std::to_string(request);
+    const int32_t status = ResSetPrinterStatus(printer.manager.Get(), request, &result);
+    if (status != TVS_OK) throw StatusFailure(status, what);
+    if (result == TVS_E_UNKNOWN)
+        throw Failure{Exit::False, what, "the printer has no result of such a request",
+                      "each result is given once, to whoever asks first", result};
+    if (result == TVS_REQUEST_PENDING)
+        throw Failure{Exit::False, what, "it has not finished, and its result will not be kept", "", result};
+    if (result != TVS_OK) throw StatusFailure(result, "request " + std::to_string(request) + " failed");
+    return result;
+}
+
 } // namespace
 
 Exit SetCommand(const ManagerOptions& options, const NewValue& value) {
+    if (options.direct && value.asynchronous) throw UsageFailure("set takes one of --direct and --async");
     const OpenedPrinter printer = OpenPrinterOf(options);
     const Variable& variable = FindNamed(printer, value.variable, "write");
     const Bytes bytes = ValueToWrite(printer, variable, value);
-    const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), variable.name.c_str(), bytes.data(),
-                                                static_cast<uint32_t>(bytes.size()));
-    if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", ToUtf8(variable.name), printer));
-    if (g_output.json) {
-        Json json = VariableJson(variable);
-        json["written"] = bytes.size();
-        PrintJson({{"printer", printer.shownName}, {"variable", json}});
+    Json json = VariableJson(variable);
+    json["written"] = bytes.size();
+    if (value.asynchronous) {
+        const uint32_t request = CarryOutRequest(printer, variable, bytes, !value.wait && !g_output.json);
+        json["request"] = request;
+        if (value.wait) json["result"] = TakeResult(printer, request);
+    } else {
+        const auto write = options.direct ? SetPrinterStatusDirectA : UpdatePrinterStatusA;
+        const int32_t status =
+            write(printer.manager.Get(), variable.name.c_str(), bytes.data(), static_cast<uint32_t>(bytes.size()));
+        if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", ToUtf8(variable.name), printer));
     }
+    if (g_output.json) PrintJson({{"printer", printer.shownName}, {"variable", json}});
+    return Exit::Done;
+}
+
+Exit ResultCommand(const ManagerOptions& options, uint32_t request) {
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    const int32_t result = TakeResult(printer, request);
+    if (g_output.json)
+        PrintJson({{"printer", printer.shownName}, {"request", request}, {"result", result}});
+    else
+        PrintLine(std::to_string(result));
     return Exit::Done;
 }
