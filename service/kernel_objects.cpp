@@ -19,12 +19,7 @@ HANDLE CreateEventForEveryone(const char* name) {
 } // namespace
 
 void InitialiseObjectNames() {
-    OSVERSIONINFOA version = {};
-    version.dwOSVersionInfoSize = sizeof version;
-    HANDLE heap = HeapCreate(0, 0, 0);
-    g_terminalServer =
-        heap && GetVersionExA(&version) && IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, heap);
-    if (heap) HeapDestroy(heap);
+    g_terminalServer = MachineIsTerminalServer();
 }
 
 HANDLE CreateInitialisedEvent(std::string_view database) {

@@ -106,16 +106,6 @@ Answer CallWithHandle(Procedure procedure, DatabaseHandle database) {
     return call.Send() ? call.Status() : call.Failure();
 }
 
-Answer GetVariableInfo(DatabaseHandle database, const char* name, VariableInfo* info) {
-    const std::string_view nameText = name;
-    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    if (!call.Send()) return call.Failure();
-    *info = call.reply.ReadVariableInfo();
-    return call.Status();
-}
-
 } // namespace
 
 bool BindStatusDatabase() {
@@ -223,6 +213,16 @@ Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char
     call.request.Text(nameText);
     call.request.Text(membersText);
     return call.Send() ? call.Status() : call.Failure();
+}
+
+Answer GetVariableInfo(DatabaseHandle database, const char* name, VariableInfo* info) {
+    const std::string_view nameText = name;
+    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
+    call.request.U32(database);
+    call.request.Text(nameText);
+    if (!call.Send()) return call.Failure();
+    *info = call.reply.ReadVariableInfo();
+    return call.Status();
 }
 
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime) {

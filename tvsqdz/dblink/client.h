@@ -55,6 +55,8 @@ Answer WriteVariable(DatabaseHandle database, const char* name, const void* valu
 Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize);
 // members: names, each followed by ";".
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members);
+// *info is of no use on failure.
+Answer GetVariableInfo(DatabaseHandle database, const char* name, dblink::VariableInfo* info);
 // When the variable was last written, UTC.
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime);
 // How often the variable was written: two counts that differ have a write between them.

@@ -87,4 +87,14 @@ bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
     return Lists({list.text, size}, kTerminalServerSuite);
 }
 
+bool MachineIsTerminalServer() {
+    OSVERSIONINFOA version = {};
+    version.dwOSVersionInfoSize = sizeof version;
+    HANDLE heap = HeapCreate(0, 0, 0);
+    const bool found =
+        heap && GetVersionExA(&version) && IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, heap);
+    if (heap) HeapDestroy(heap);
+    return found;
+}
+
 } // namespace dblink

@@ -31,5 +31,7 @@ KernelName VariableEventName(bool terminalServer, std::string_view database, std
 // multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
 // What cannot be read is no. The list is held in memory of the heap given while it is searched.
 bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap);
+// The same of this machine; for programs without a heap of their own.
+bool MachineIsTerminalServer();
 
 } // namespace dblink

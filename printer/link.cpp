@@ -1,0 +1,239 @@
+// Connecting, and values in the forms of the database. State: the link's.
+#include "link.h"
+
+#include "frame/status_service.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string.h>
+
+using namespace dblink;
+
+// The client asks for it when it creates a database, which a printer side never does.
+bool RestartStatusService9x() {
+    return false;
+}
+
+namespace {
+
+constexpr char kMasterDatabase[] = "TVORSQD_DB";
+constexpr char kPrinterList[] = "PrinterDatabase";
+constexpr const char* kWatchedNames[kWatchedCount] = {"ReadRequest", "WriteRequest", kForwardMailbox, "LMFunction"};
+
+// A name that the printer list holds; u32 length of the rest, u32 count, then such entries.
+struct ListEntry {
+    DWORD index;
+    DWORD ownerProcessId;
+    char printerName[260];
+    char databaseName[32];
+    char driverName[260];
+};
+static_assert(sizeof(ListEntry) == 560 && offsetof(ListEntry, printerName) == 8 &&
+              offsetof(ListEntry, databaseName) == 268);
+constexpr SIZE_T kListHeader = 8;
+
+template <SIZE_T Size>
+std::string_view FieldText(const char (&field)[Size]) {
+    return {field, static_cast<SIZE_T>(std::find(field, field + Size, '\0') - field)};
+}
+
+// What an answer means for the link: a service that cannot be reached, or does not know what we opened, is another one.
+LONG Examine(Link& link, Answer answer) {
+    const auto status = static_cast<LONG>(answer);
+    if (status > 0 || status == kUnknownDatabase) link.lost = true;
+    return status;
+}
+
+// Reads the whole value; it may grow between the question for its size and its read.
+LONG ReadWhole(DatabaseHandle database, const char* variable, Bytes* value) {
+    LONG status = kBufferTooSmall;
+    for (int attempt = 0; attempt < 4 && status == kBufferTooSmall; ++attempt) {
+        DWORD size = static_cast<DWORD>(value->size());
+        status =
+            static_cast<LONG>(ReadVariable(database, variable, value->empty() ? nullptr : value->data(), size, &size));
+        const bool asked = value->empty();
+        value->resize(std::min(size, kValueSizeMax));
+        if (status == kDone && asked && size > 0) status = kBufferTooSmall;
+    }
+    return status;
+}
+
+// The name of the printer's database; empty when the list does not have it. Any process may have written the list.
+std::string DatabaseInList(const Bytes& list, const std::string& printer) {
+    DWORD count = 0;
+    if (list.size() < kListHeader) return "";
+    memcpy(&count, list.data() + sizeof count, sizeof count);
+    for (SIZE_T at = kListHeader; count > 0 && at + sizeof(ListEntry) <= list.size();
+         at += sizeof(ListEntry), --count) {
+        ListEntry entry;
+        memcpy(&entry, list.data() + at, sizeof entry);
+        if (FieldText(entry.printerName) == printer) return std::string(FieldText(entry.databaseName));
+    }
+    return "";
+}
+
+std::string FindDatabaseName(const std::string& printer, std::string* name) {
+    DatabaseHandle master = 0;
+    const auto opened = static_cast<LONG>(OpenDatabase(kMasterDatabase, &master));
+    if (opened > 0) return "the status database service does not answer (" + std::to_string(opened) + ")";
+    if (opened != kDone) return "no printer has been opened yet";
+    Bytes list;
+    const LONG status = ReadWhole(master, kPrinterList, &list);
+    CloseDatabase(master);
+    if (status == kDone) *name = DatabaseInList(list, printer);
+    return name->empty() ? "the printer has not been opened yet" : "";
+}
+
+// Two printer sides would answer each other's requests. The other one's end gives the mutex free.
+bool BecomeOnlyOne(Link& link) {
+    SECURITY_DESCRIPTOR descriptor;
+    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
+    SECURITY_ATTRIBUTES everyone{sizeof everyone, &descriptor, FALSE};
+    const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
+    HANDLE mutex = name.text[0] ? CreateMutexA(&everyone, FALSE, name.text) : nullptr;
+    if (!mutex) return false;
+    const DWORD wait = WaitForSingleObject(mutex, 0);
+    if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
+        CloseHandle(mutex);
+        return false;
+    }
+    link.onlyOne = mutex;
+    return true;
+}
+
+// Whoever served the printer before may have made them.
+bool MakeMailbox(Link& link) {
+    constexpr BYTE kEmpty[sizeof(ForwardedRequest)] = {};
+    static_assert(sizeof kEmpty == sizeof(ForwardedAnswer));
+    for (const char* variable : {kForwardMailbox, kForwardAnswer}) {
+        const LONG status = Examine(link, CreateVariable(link.database, variable, kTypeRecord, sizeof kEmpty, kEmpty));
+        if (status != kDone && status != kVariableExists) return false;
+    }
+    return true;
+}
+
+// The service makes the event when the variable is watched.
+bool Watch(Link& link, DWORD which) {
+    const char* variable = kWatchedNames[which];
+    if (Examine(link, WatchVariable(link.database, variable, kEveryWrite)) != kDone) return false;
+    const KernelName name =
+        VariableEventName(link.terminalServer, link.databaseName, variable, VariableSignal::Updated);
+    link.events[which] = OpenEventA(SYNCHRONIZE, FALSE, name.text);
+    if (!link.events[which]) UnwatchVariable(link.database, variable);
+    return link.events[which] != nullptr;
+}
+
+// A lone number in as many bytes as the variable has, when the others only repeat its sign.
+bool NarrowNumber(Bytes& bytes, SIZE_T size) {
+    LONG number = 0;
+    if (bytes.size() != sizeof number) return bytes.size() == size;
+    memcpy(&number, bytes.data(), sizeof number);
+    const LONG above = size == sizeof number ? 0 : number >> (8 * size);
+    bytes.resize(size);
+    return above == 0 || (above == -1 && (bytes.back() & 0x80) != 0);
+}
+
+// The bytes that the database keeps. False: no value of such a variable.
+bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
+    switch (info.type) {
+    case kTypeByte:
+    case kTypeWord:
+    case kTypeNumber:
+        return NarrowNumber(bytes, info.size);
+    case kTypeString:
+    case kTypeRecord:
+        bytes.resize(std::max<SIZE_T>(bytes.size(), info.size));
+        return true;
+    case kTypeVariableLength: {
+        const DWORD length = static_cast<DWORD>(bytes.size());
+        const auto* lengthBytes = reinterpret_cast<const BYTE*>(&length);
+        bytes.insert(bytes.begin(), lengthBytes, lengthBytes + sizeof length);
+        return true;
+    }
+    default: // a composite has its members' values
+        return false;
+    }
+}
+
+} // namespace
+
+std::string Connect(Link& link) {
+    std::string name;
+    std::string failure = FindDatabaseName(link.printer, &name);
+    if (!failure.empty()) return failure;
+    link.databaseName = name;
+    if (OpenDatabase(name.c_str(), &link.database) != Answer::Done) return "the printer's database is not ready yet";
+    link.lost = false;
+    if (!BecomeOnlyOne(link)) return "another printer side serves the printer";
+    if (!MakeMailbox(link)) return "the mailbox of forwarded requests cannot be made";
+    for (DWORD which = 0; which < kWatchedCount; ++which)
+        if (!Watch(link, which)) return std::string("\"") + kWatchedNames[which] + "\" cannot be watched";
+    return "";
+}
+
+void Disconnect(Link& link) {
+    // Watches are the process's, not the handle's. A link that is lost has none any more.
+    for (DWORD which = 0; which < kWatchedCount; ++which) {
+        if (!link.events[which]) continue;
+        CloseHandle(link.events[which]);
+        link.events[which] = nullptr;
+        if (!link.lost) UnwatchVariable(link.database, kWatchedNames[which]);
+    }
+    if (link.database != 0) CloseDatabase(link.database);
+    link.database = 0;
+    if (link.onlyOne) {
+        ReleaseMutex(link.onlyOne);
+        CloseHandle(link.onlyOne);
+    }
+    link.onlyOne = nullptr;
+    link.known.clear();
+    link.lost = true;
+}
+
+LONG ReadBytes(Link& link, const char* variable, Bytes* value) {
+    return Examine(link, static_cast<Answer>(ReadWhole(link.database, variable, value)));
+}
+
+LONG WriteBytes(Link& link, const char* variable, const void* value, DWORD size) {
+    return Examine(link, WriteVariable(link.database, variable, value, size));
+}
+
+std::string ReadTextOf(Link& link, const char* variable) {
+    Bytes value;
+    if (ReadBytes(link, variable, &value) != kDone) return "";
+    return {value.begin(), std::find(value.begin(), value.end(), BYTE{0})};
+}
+
+DWORD ReadNumberOf(Link& link, const char* variable) {
+    Bytes value;
+    DWORD number = 0;
+    if (ReadBytes(link, variable, &value) == kDone && value.size() == sizeof number)
+        memcpy(&number, value.data(), sizeof number);
+    return number;
+}
+
+LONG InfoOf(Link& link, const char* variable, VariableInfo* info) {
+    return Examine(link, GetVariableInfo(link.database, variable, info));
+}
+
+LONG StoreValue(Link& link, const DeviceValue& value) {
+    const char* variable = value.variable.c_str();
+    auto known = link.known.find(value.variable);
+    if (known == link.known.end()) {
+        VariableInfo info = {};
+        if (const LONG status = InfoOf(link, variable, &info); status != kDone) return status;
+        known = link.known.emplace(value.variable, info).first;
+    }
+    Bytes bytes = value.bytes;
+    if (!ToStoredForm(known->second, bytes)) return kWrongSize;
+    return WriteBytes(link, variable, bytes.data(), static_cast<DWORD>(bytes.size()));
+}
+
+bool SomebodyWaits(const Link& link) {
+    const KernelName name =
+        VariableEventName(link.terminalServer, link.databaseName, "RWResult", VariableSignal::Updated);
+    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.text);
+    if (event) CloseHandle(event);
+    return event != nullptr;
+}

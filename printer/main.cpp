@@ -1,0 +1,113 @@
+// TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a script.
+//
+//     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N]
+//     TVSPSD.EXE --script FILE --check
+//
+// Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break), 1 when it cannot begin, 2 when the command line or the
+// script is wrong. State: the stop event, set by the console's handler on a thread of its own.
+#include "printer_side.h"
+#include "scripted_device.h"
+
+#include "dblink/client.h"
+
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <stdio.h>
+
+namespace {
+
+constexpr int kStopped = 0;
+constexpr int kCannotBegin = 1;
+constexpr int kWrong = 2;
+constexpr SIZE_T kPrinterNameMax = 259;
+constexpr DWORD kSpeedMax = 10000;
+constexpr DWORD kStopMs = 10000; // longer than the end of the service takes
+
+HANDLE g_stop = nullptr;
+
+BOOL WINAPI OnConsoleControl(DWORD event) {
+    SetEvent(g_stop);
+    // After other events the process ends as soon as this returns: the main thread shall end it before.
+    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kStopMs);
+    return TRUE;
+}
+
+int Complain(const std::string& text) {
+    fprintf(stderr, "TVSPSD: %s\n", text.c_str());
+    return kWrong;
+}
+
+struct CommandLine {
+    PrinterSideOptions side;
+    std::string script;
+    DWORD speed = 1;
+    bool check = false;
+};
+
+// Empty, or what is wrong.
+std::string ReadCommandLine(int count, char** words, CommandLine* line) {
+    for (int i = 1; i < count; ++i) {
+        const std::string option = words[i];
+        if (option == "--check") {
+            line->check = true;
+            continue;
+        }
+        if (i + 1 == count) return option + " needs something behind it, or is no option";
+        const std::string value = words[++i];
+        if (option == "--printer") {
+            line->side.printer = value;
+        } else if (option == "--port") {
+            line->side.port = value;
+        } else if (option == "--script") {
+            line->script = value;
+        } else if (option == "--speed") {
+            const char* end = value.data() + value.size();
+            const std::from_chars_result result = std::from_chars(value.data(), end, line->speed);
+            if (result.ec != std::errc{} || result.ptr != end || line->speed == 0 || line->speed > kSpeedMax)
+                return "--speed takes a number from 1 to " + std::to_string(kSpeedMax);
+        } else {
+            return "there is no option " + option;
+        }
+    }
+    if (line->script.empty()) return "--script FILE is missing";
+    if (line->check) return "";
+    if (line->side.printer.empty() || line->side.printer.size() > kPrinterNameMax)
+        return "--printer NAME is missing or too long";
+    return "";
+}
+
+// kStopped, or kWrong after it was told why.
+int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    if (!file.good() && !file.eof()) return Complain("cannot read " + path);
+    std::vector<std::string> errors;
+    *statements = ReadScript(text, path.substr(path.find_last_of("/\\") + 1), &errors);
+    for (const std::string& error : errors)
+        Complain(error);
+    return errors.empty() ? kStopped : kWrong;
+}
+
+int Run(const CommandLine& line) {
+    ScriptedPrinter printer;
+    printer.speed = line.speed;
+    if (const int result = ReadScriptFile(line.script, &printer.statements); result != kStopped || line.check)
+        return result;
+    g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase()) {
+        Complain("cannot begin, system error " + std::to_string(GetLastError()));
+        return kCannotBegin;
+    }
+    ServePrinter(line.side, DeviceOf(printer), g_stop);
+    UnbindStatusDatabase();
+    return kStopped;
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    CommandLine line;
+    const std::string wrong = ReadCommandLine(count, words, &line);
+    return wrong.empty() ? Run(line) : Complain(wrong);
+}

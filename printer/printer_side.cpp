@@ -1,0 +1,414 @@
+// One thread: it waits for a request, for the device and for answers that are due, and does one thing after the other.
+//
+// A pulse reaches only who waits at that moment. So the counts of writes are compared too: soon after anything
+// happened, then less and less often; a request is found at the latest after kIdleLookMs. State: the record of the one
+// printer.
+#include "printer_side.h"
+
+#include "link.h"
+
+#include <tvsqdz.h>
+
+#include <algorithm>
+#include <optional>
+#include <stdio.h>
+#include <string.h>
+
+using namespace dblink;
+
+namespace {
+
+constexpr DWORD kFirstLookMs = 20;
+constexpr DWORD kIdleLookMs = 1000;
+constexpr DWORD kFirstRetryMs = 50; // to connect; doubled each time
+constexpr DWORD kLongestRetryMs = 2000;
+
+// Where requests are forwarded, the name in the request variable is written first: it is not carried out itself, unless
+// nothing is forwarded within this time and somebody waits for an answer in the other way.
+constexpr DWORD kForwardGraceMs = 250;
+// The other way round, a request that was carried out already is not carried out once more because it is forwarded too.
+constexpr DWORD kDoubledMs = 2000;
+
+// What "PrinterExtStatus" and "SpoolerStatus" must have for requests to be made.
+constexpr DWORD kTakesRequests = 0x1;
+constexpr DWORD kSpoolerUp = 0x8;
+constexpr DWORD kSpoolerReady = 0x4;
+
+struct PortRecord {
+    DWORD portKind;
+    char portName[128];
+    char portDetail[128];
+};
+static_assert(sizeof(PortRecord) == 260);
+constexpr DWORD kOrdinaryPort = 0x1; // anything but 0, which says that no port is known, and 0x8
+
+// A request being carried out, or waiting for what it is.
+struct Job {
+    RequestKind kind = kNoRequest; // of a refresh by the request variable: kWriteRequest
+    DWORD writes = 0;              // the count of the request variable
+    bool byVariable = false;       // the answer goes to "RWResult"
+    DWORD forwardId = 0;           // the answer goes to the mailbox's
+    bool begun = false;
+    ULONGLONG due = 0; // of the answer; of a job not begun, of the end of its grace
+    DeviceReply reply{};
+};
+
+// The last request that was carried out for its variable: it may be forwarded too.
+struct Carried {
+    RequestKind kind = kNoRequest;
+    DWORD writes = 0;
+    LONG result = 0;
+    ULONGLONG at = 0;
+};
+
+struct PrinterSide {
+    const PrinterSideOptions& options;
+    const Device& device;
+    HANDLE stop;
+    Link link;
+    std::string told{}; // the last message
+    DWORD lastTick = GetTickCount();
+    ULONGLONG now = 0;  // milliseconds since the start
+    DWORD seen[2] = {}; // write counts of the two request variables
+    DWORD mailboxId = 0;
+    bool forwarded = false; // "LMFunction": requests come through the mailbox
+    std::optional<Job> job{};
+    Carried carried{};
+};
+
+constexpr const char* kRequestVariables[] = {"ReadRequest", "WriteRequest"};
+
+DWORD VariableOf(RequestKind kind) {
+    return kind == kReadRequest ? kWatchedRead : kWatchedWrite;
+}
+
+void UpdateClock(PrinterSide& side) {
+    const DWORD tick = GetTickCount();
+    side.now += tick - side.lastTick;
+    side.lastTick = tick;
+}
+
+void Tell(PrinterSide& side, const std::string& message) {
+    if (message == side.told) return;
+    side.told = message;
+    fprintf(stderr, "TVSPSD: %s: %s\n", side.options.printer.c_str(), message.c_str());
+}
+
+// ---- values
+
+// The first failure. A value that cannot be stored is told, and the others are stored all the same.
+LONG StoreValues(PrinterSide& side, const std::vector<DeviceValue>& values) {
+    LONG first = kDone;
+    for (const DeviceValue& value : values) {
+        const LONG status = StoreValue(side.link, value);
+        if (status != kDone && !side.link.lost)
+            Tell(side, value.origin + ": \"" + value.variable + "\" does not take this value (" +
+                           std::to_string(status) + ")");
+        if (first == kDone) first = status;
+    }
+    return first;
+}
+
+Bytes BytesOfNumber(DWORD number) {
+    Bytes bytes(sizeof number);
+    memcpy(bytes.data(), &number, sizeof number);
+    return bytes;
+}
+
+bool IsOneOf(const std::vector<DeviceValue>& values, const char* variable) {
+    return std::any_of(values.begin(), values.end(),
+                       [&](const DeviceValue& value) { return value.variable == variable; });
+}
+
+// What every printer has. Where the device says nothing it takes requests.
+void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue>& values) {
+    const auto add = [&](const char* variable, Bytes bytes) {
+        if (!IsOneOf(values, variable)) values.push_back({variable, std::move(bytes), "the printer side"});
+    };
+    if (!options.port.empty()) {
+        PortRecord port = {.portKind = kOrdinaryPort, .portName = {}, .portDetail = {}};
+        options.port.copy(port.portName, sizeof port.portName - 1);
+        const auto* bytes = reinterpret_cast<const BYTE*>(&port);
+        add("Port", Bytes(bytes, bytes + sizeof port));
+    }
+    add("SpoolerStatus", BytesOfNumber(kSpoolerUp | kSpoolerReady));
+    add("PrinterExtStatus", BytesOfNumber(kTakesRequests));
+    // What says that requests are taken comes last.
+    std::stable_partition(values.begin(), values.end(), [](const DeviceValue& value) {
+        return value.variable != "SpoolerStatus" && value.variable != "PrinterExtStatus";
+    });
+}
+
+// ---- requests
+
+void Answer(PrinterSide& side, const Job& job, LONG result) {
+    if (job.byVariable) {
+        WriteBytes(side.link, "RWResult", &result, sizeof result);
+        side.carried = {job.kind, job.writes, result, side.now};
+    }
+    if (job.forwardId != 0) {
+        const ForwardedAnswer answer = {job.forwardId, result};
+        WriteBytes(side.link, kForwardAnswer, &answer, sizeof answer);
+    }
+}
+
+void FinishJob(PrinterSide& side) {
+    const Job job = std::move(*side.job);
+    side.job.reset();
+    const LONG stored = StoreValues(side, job.reply.values);
+    Answer(side, job, job.reply.result != 0 ? job.reply.result : stored);
+}
+
+// The companion's value as the variable itself has it.
+LONG ReadCompanion(PrinterSide& side, const std::string& companion, Bytes* value) {
+    if (const LONG status = ReadBytes(side.link, companion.c_str(), value); status != kDone) return status;
+    VariableInfo info = {};
+    if (const LONG status = InfoOf(side.link, companion.c_str(), &info); status != kDone) return status;
+    if (info.type != kTypeVariableLength) return kDone;
+    DWORD length = 0;
+    if (value->size() < sizeof length) return kWrongSize;
+    memcpy(&length, value->data(), sizeof length);
+    if (length > value->size() - sizeof length) return kWrongSize;
+    value->erase(value->begin(), value->begin() + sizeof length);
+    value->resize(length);
+    return kDone;
+}
+
+DeviceReply AskRefresh(PrinterSide& side) {
+    return side.device.refresh(side.device.self, ReadTextOf(side.link, "RefreshStatus"));
+}
+
+// Anybody may have written the request variables: a text that names nothing is answered like any unknown name.
+DeviceReply AskDevice(PrinterSide& side, RequestKind kind) {
+    if (kind == kRefreshRequest) return AskRefresh(side);
+    std::string name = ReadTextOf(side.link, kRequestVariables[VariableOf(kind)]);
+    if (kind == kReadRequest && !name.empty()) return side.device.read(side.device.self, name);
+    if (name == "RefreshStatus") return AskRefresh(side);
+    DeviceReply reply;
+    reply.result = TVS_E_UNKNOWN;
+    if (kind != kWriteRequest || name.size() < 2 || name.back() != 'W') return reply;
+    Bytes value;
+    reply.result = ReadCompanion(side, name, &value);
+    if (reply.result == kUnknownVariable) reply.result = TVS_E_UNKNOWN;
+    if (reply.result != kDone) return reply;
+    name.pop_back();
+    return side.device.write(side.device.self, name, value);
+}
+
+// A job that is not answered yet gives way: its requester has given up, or does not keep to the printer's mutex. Its
+// late answer would be taken for the answer to the new request.
+void BeginJob(PrinterSide& side, Job job) {
+    if (side.job && side.job->forwardId != 0 && side.job->forwardId != job.forwardId)
+        Answer(side, {.forwardId = side.job->forwardId}, TVS_E_NOT_NOW);
+    side.job = std::move(job);
+    side.job->begun = true;
+    side.job->reply = AskDevice(side, side.job->kind);
+    side.job->due = side.now + side.job->reply.delayMs;
+    if (side.job->reply.silent)
+        side.job.reset();
+    else if (side.job->reply.delayMs == 0)
+        FinishJob(side);
+}
+
+void CheckVariable(PrinterSide& side, RequestKind kind) {
+    const DWORD which = VariableOf(kind);
+    VariableInfo info = {};
+    if (InfoOf(side.link, kRequestVariables[which], &info) != kDone || info.writes == side.seen[which]) return;
+    side.seen[which] = info.writes;
+    Job job = {.kind = kind, .writes = info.writes, .byVariable = true};
+    if (!side.forwarded) {
+        BeginJob(side, std::move(job));
+        return;
+    }
+    if (side.job && side.job->begun) return; // what is forwarded next belongs to it, or to nobody
+    job.due = side.now + kForwardGraceMs;
+    side.job = std::move(job);
+}
+
+// The request that a forwarded one stands for may have been seen already, by its variable.
+bool JoinsKnownRequest(PrinterSide& side, RequestKind kind, DWORD writes, DWORD id) {
+    if (side.job && side.job->begun && side.job->kind == kind && side.job->writes == writes &&
+        side.job->forwardId == 0) {
+        side.job->forwardId = id;
+        return true;
+    }
+    Carried& carried = side.carried;
+    if (carried.kind != kind || carried.writes != writes || side.now - carried.at > kDoubledMs) return false;
+    carried.kind = kNoRequest;
+    Answer(side, {.forwardId = id}, carried.result);
+    return true;
+}
+
+void CheckMailbox(PrinterSide& side) {
+    Bytes value;
+    ForwardedRequest request = {};
+    if (ReadBytes(side.link, kForwardMailbox, &value) != kDone || value.size() != sizeof request) return;
+    memcpy(&request, value.data(), sizeof request);
+    if (request.id == 0 || request.id == side.mailboxId) return;
+    side.mailboxId = request.id;
+    const auto kind = static_cast<RequestKind>(request.kind);
+    Job job = {.kind = kind, .forwardId = request.id};
+    if (kind == kReadRequest || kind == kWriteRequest) {
+        const DWORD which = VariableOf(kind);
+        VariableInfo info = {};
+        if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return;
+        if (info.writes == side.seen[which] && JoinsKnownRequest(side, kind, info.writes, request.id)) return;
+        side.seen[which] = job.writes = info.writes;
+    }
+    BeginJob(side, std::move(job));
+}
+
+// Nothing was forwarded in time for what stands in a request variable.
+void EndGrace(PrinterSide& side) {
+    const Job job = std::move(*side.job);
+    side.job.reset();
+    if (SomebodyWaits(side.link)) BeginJob(side, job);
+}
+
+void CheckJob(PrinterSide& side) {
+    if (!side.job || side.now < side.job->due) return;
+    if (side.job->begun)
+        FinishJob(side);
+    else
+        EndGrace(side);
+}
+
+void CheckAll(PrinterSide& side) {
+    side.forwarded = ReadNumberOf(side.link, "LMFunction") != 0;
+    CheckMailbox(side);
+    CheckVariable(side, kReadRequest);
+    CheckVariable(side, kWriteRequest);
+}
+
+// ---- beginning and end of a connection
+
+ULONGLONG TimeOf(const VariableInfo& info) {
+    FILETIME time = {};
+    SystemTimeToFileTime(&info.writeTime, &time);
+    return ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+}
+
+// A predecessor that was killed may have left a request unanswered: it was written after the last answer, and its
+// requester still waits. All other requests of the past are over. Times tell milliseconds: a request within that of the
+// last answer counts as later, for the worse would be that somebody waits for good.
+void FindUnanswered(PrinterSide& side) {
+    VariableInfo answer = {};
+    const bool waits = SomebodyWaits(side.link) && InfoOf(side.link, "RWResult", &answer) == kDone;
+    for (const DWORD which : {kWatchedRead, kWatchedWrite}) {
+        VariableInfo info = {};
+        if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return;
+        const bool later = TimeOf(info) >= TimeOf(answer);
+        const bool open = waits && later && !ReadTextOf(side.link, kRequestVariables[which]).empty();
+        side.seen[which] = open ? info.writes - 1 : info.writes;
+    }
+}
+
+void BeginService(PrinterSide& side) {
+    side.job.reset();
+    side.carried = {};
+    side.mailboxId = 0;
+    FindUnanswered(side);
+    std::vector<DeviceValue> values = side.device.state(side.device.self);
+    AddWhatIsMissing(side.options, values);
+    StoreValues(side, values);
+    CheckAll(side);
+}
+
+// Says that no more requests are taken, and leaves nobody waiting.
+void EndService(PrinterSide& side) {
+    if (side.link.lost) return;
+    const DWORD extStatus = ReadNumberOf(side.link, "PrinterExtStatus") & ~kTakesRequests;
+    const DWORD spoolerStatus = ReadNumberOf(side.link, "SpoolerStatus") & ~(kSpoolerUp | kSpoolerReady);
+    WriteBytes(side.link, "PrinterExtStatus", &extStatus, sizeof extStatus);
+    WriteBytes(side.link, "SpoolerStatus", &spoolerStatus, sizeof spoolerStatus);
+    if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
+}
+
+// ---- the loop
+
+// False: it shall stop.
+bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
+    const Link& link = side.link;
+    const HANDLE handles[] = {side.stop, link.events[kWatchedRead], link.events[kWatchedWrite],
+                              link.events[kWatchedMailbox], link.events[kWatchedFunction]};
+    const DWORD result = WaitForMultipleObjects(1 + kWatchedCount, handles, FALSE, wait);
+    UpdateClock(side);
+    switch (result) {
+    case WAIT_OBJECT_0:
+        return false;
+    case WAIT_OBJECT_0 + 1 + kWatchedRead:
+        CheckVariable(side, kReadRequest);
+        break;
+    case WAIT_OBJECT_0 + 1 + kWatchedWrite:
+        CheckVariable(side, kWriteRequest);
+        break;
+    case WAIT_OBJECT_0 + 1 + kWatchedMailbox:
+        CheckMailbox(side);
+        break;
+    case WAIT_OBJECT_0 + 1 + kWatchedFunction:
+        side.forwarded = ReadNumberOf(side.link, "LMFunction") != 0;
+        break;
+    case WAIT_TIMEOUT:
+        *look = true;
+        break;
+    default: // handles that cannot be waited for: another connection has others
+        side.link.lost = true;
+        break;
+    }
+    return true;
+}
+
+DWORD Until(const PrinterSide& side, ULONGLONG due) {
+    return due > side.now ? static_cast<DWORD>(std::min<ULONGLONG>(due - side.now, kIdleLookMs)) : 0;
+}
+
+// Until the link is lost or it shall stop, which is false.
+bool ServeLink(PrinterSide& side) {
+    DWORD lookMs = kFirstLookMs;
+    ULONGLONG lookAt = side.now + lookMs;
+    while (!side.link.lost) {
+        DWORD next = kNothingDue;
+        const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);
+        StoreValues(side, changed);
+        CheckJob(side);
+        DWORD wait = std::min(next, Until(side, lookAt));
+        if (side.job) wait = std::min(wait, Until(side, side.job->due));
+        bool look = false;
+        if (!WaitForWork(side, wait, &look)) return false;
+        if (!look) {
+            lookMs = kFirstLookMs;
+            lookAt = side.now + lookMs;
+        } else if (side.now >= lookAt) {
+            CheckAll(side);
+            lookMs = std::min(lookMs * 2, kIdleLookMs);
+            lookAt = side.now + lookMs;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+void ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop) {
+    PrinterSide side{.options = options, .device = device, .stop = stop, .link = {.printer = options.printer}};
+    DWORD retry = kFirstRetryMs;
+    bool goOn = true;
+    while (goOn) {
+        UpdateClock(side);
+        DWORD next = 0;
+        device.advance(device.self, side.now, &next); // what it says is asked for again when there is a connection
+        const std::string failure = Connect(side.link);
+        if (failure.empty()) {
+            BeginService(side);
+            retry = kFirstRetryMs;
+            side.told.clear();
+            goOn = ServeLink(side);
+            if (!goOn) EndService(side);
+        } else if (retry == kLongestRetryMs) { // at the start of the product it is as it must be
+            Tell(side, failure + "; waiting");
+        }
+        Disconnect(side.link);
+        if (goOn && WaitForSingleObject(stop, retry) == WAIT_OBJECT_0) goOn = false;
+        retry = std::min(retry * 2, kLongestRetryMs);
+    }
+}

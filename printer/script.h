@@ -1,0 +1,29 @@
+// The text of a scripted printer, read into statements. docs/printer.md has the language.
+#pragma once
+
+#include "device.h"
+
+#include <string_view>
+
+// How requests are answered.
+struct Rule {
+    DWORD delayMs = 0;
+    LONG result = 0;
+    bool silent = false;
+    bool sets = false; // this value, at the answer, in place of what would be done otherwise
+    DeviceValue value{};
+};
+
+enum class Verb { Set, Wait, OnRead, OnWrite, OnRefresh, Repeat };
+
+struct Statement {
+    Verb verb;
+    DeviceValue value{};    // Set
+    ULONGLONG waitMs = 0;   // Wait
+    std::string variable{}; // OnRead, OnWrite: the name, or "*"
+    Rule rule{};            // OnRead, OnWrite, OnRefresh
+};
+
+// Statements in the order of their lines. name: of the script, for origins and errors. errors: "NAME:LINE: what is
+// wrong", one for each line that is; then the result is of no use.
+std::vector<Statement> ReadScript(std::string_view text, const std::string& name, std::vector<std::string>* errors);

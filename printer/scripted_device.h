@@ -1,0 +1,25 @@
+// A printer that a script plays: what it has and does is what the statements say as time goes on.
+#pragma once
+
+#include "script.h"
+
+#include <map>
+
+struct ScriptedPrinter {
+    std::vector<Statement> statements;
+    DWORD speed = 1; // so many times faster than the script says
+
+    // The script's own time is now * speed.
+
+    SIZE_T at = 0;     // the statement that is next
+    ULONGLONG due = 0; // of the next statement, in the script's time
+    bool started = false;
+    bool waited = false; // for the statement that is next
+    std::map<std::string, DeviceValue> values;
+    std::map<std::string, Rule> readRules; // "*": of all others
+    std::map<std::string, Rule> writeRules;
+    Rule refreshRule;
+};
+
+// The device lives as long as the printer.
+Device DeviceOf(ScriptedPrinter& printer);
