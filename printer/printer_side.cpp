@@ -10,6 +10,7 @@
 #include <tvsqdz.h>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <stdio.h>
 #include <string.h>
@@ -18,14 +19,14 @@ using namespace dblink;
 
 namespace {
 
-constexpr DWORD kFirstLookMs = 20;
+constexpr DWORD kFirstLookMs = 2;
 constexpr DWORD kIdleLookMs = 1000;
 constexpr DWORD kFirstRetryMs = 50; // to connect; doubled each time
 constexpr DWORD kLongestRetryMs = 2000;
 
-// Where requests are forwarded, the name in the request variable is written first: it is not carried out itself, unless
-// nothing is forwarded within this time and somebody waits for an answer in the other way.
-constexpr DWORD kForwardGraceMs = 250;
+// Where requests are forwarded, the request variable is written first. What stands there is not carried out for itself,
+// unless nothing is forwarded within once to twice this time and somebody waits for an answer in the other way.
+constexpr DWORD kForwardGraceMs = 150;
 // The other way round, a request that was carried out already is not carried out once more because it is forwarded too.
 constexpr DWORD kDoubledMs = 2000;
 
@@ -42,14 +43,13 @@ struct PortRecord {
 static_assert(sizeof(PortRecord) == 260);
 constexpr DWORD kOrdinaryPort = 0x1; // anything but 0, which says that no port is known, and 0x8
 
-// A request being carried out, or waiting for what it is.
+// A request being carried out.
 struct Job {
     RequestKind kind = kNoRequest; // of a refresh by the request variable: kWriteRequest
     DWORD writes = 0;              // the count of the request variable
     bool byVariable = false;       // the answer goes to "RWResult"
     DWORD forwardId = 0;           // the answer goes to the mailbox's
-    bool begun = false;
-    ULONGLONG due = 0; // of the answer; of a job not begun, of the end of its grace
+    ULONGLONG due = 0;             // of the answer
     DeviceReply reply{};
 };
 
@@ -68,8 +68,10 @@ struct PrinterSide {
     Link link;
     std::string told{}; // the last message
     DWORD lastTick = GetTickCount();
-    ULONGLONG now = 0;  // milliseconds since the start
-    DWORD seen[2] = {}; // write counts of the two request variables
+    ULONGLONG now = 0;       // milliseconds since the start
+    DWORD seen[2] = {};      // write counts of the two request variables
+    DWORD unclaimed[2] = {}; // counts that no forwarded request has come for yet
+    ULONGLONG graceEnd = 0;  // when they are looked at; 0: there are none
     DWORD mailboxId = 0;
     bool forwarded = false; // "LMFunction": requests come through the mailbox
     std::optional<Job> job{};
@@ -201,7 +203,6 @@ void BeginJob(PrinterSide& side, Job job) {
     if (side.job && side.job->forwardId != 0 && side.job->forwardId != job.forwardId)
         Answer(side, {.forwardId = side.job->forwardId}, TVS_E_NOT_NOW);
     side.job = std::move(job);
-    side.job->begun = true;
     side.job->reply = AskDevice(side, side.job->kind);
     side.job->due = side.now + side.job->reply.delayMs;
     if (side.job->reply.silent)
@@ -210,25 +211,50 @@ void BeginJob(PrinterSide& side, Job job) {
         FinishJob(side);
 }
 
+void BeginGrace(PrinterSide& side) {
+    if (side.graceEnd == 0) side.graceEnd = side.now + kForwardGraceMs;
+}
+
+// Whether the variable was written since it was looked at.
+bool IsNew(PrinterSide& side, DWORD which, DWORD* writes) {
+    VariableInfo info = {};
+    if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return false;
+    *writes = info.writes;
+    return info.writes != side.seen[which];
+}
+
 void CheckVariable(PrinterSide& side, RequestKind kind) {
     const DWORD which = VariableOf(kind);
-    VariableInfo info = {};
-    if (InfoOf(side.link, kRequestVariables[which], &info) != kDone || info.writes == side.seen[which]) return;
-    side.seen[which] = info.writes;
-    Job job = {.kind = kind, .writes = info.writes, .byVariable = true};
-    if (!side.forwarded) {
-        BeginJob(side, std::move(job));
+    DWORD writes = 0;
+    if (!IsNew(side, which, &writes)) return;
+    if (side.forwarded) {
+        BeginGrace(side);
         return;
     }
-    if (side.job && side.job->begun) return; // what is forwarded next belongs to it, or to nobody
-    job.due = side.now + kForwardGraceMs;
-    side.job = std::move(job);
+    side.seen[which] = writes;
+    BeginJob(side, {.kind = kind, .writes = writes, .byVariable = true});
+}
+
+// A request that stood there at the end of the last grace too is not going to be forwarded.
+void EndGrace(PrinterSide& side) {
+    side.graceEnd = 0;
+    for (const RequestKind kind : {kReadRequest, kWriteRequest}) {
+        const DWORD which = VariableOf(kind);
+        DWORD writes = 0;
+        if (!IsNew(side, which, &writes)) continue;
+        if (side.unclaimed[which] != writes) {
+            side.unclaimed[which] = writes;
+            BeginGrace(side);
+            continue;
+        }
+        side.seen[which] = writes;
+        if (!side.job && SomebodyWaits(side.link)) BeginJob(side, {.kind = kind, .writes = writes, .byVariable = true});
+    }
 }
 
 // The request that a forwarded one stands for may have been seen already, by its variable.
 bool JoinsKnownRequest(PrinterSide& side, RequestKind kind, DWORD writes, DWORD id) {
-    if (side.job && side.job->begun && side.job->kind == kind && side.job->writes == writes &&
-        side.job->forwardId == 0) {
+    if (side.job && side.job->kind == kind && side.job->writes == writes && side.job->forwardId == 0) {
         side.job->forwardId = id;
         return true;
     }
@@ -250,27 +276,24 @@ void CheckMailbox(PrinterSide& side) {
     Job job = {.kind = kind, .forwardId = request.id};
     if (kind == kReadRequest || kind == kWriteRequest) {
         const DWORD which = VariableOf(kind);
-        VariableInfo info = {};
-        if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return;
-        if (info.writes == side.seen[which] && JoinsKnownRequest(side, kind, info.writes, request.id)) return;
-        side.seen[which] = job.writes = info.writes;
+        if (!IsNew(side, which, &job.writes) && JoinsKnownRequest(side, kind, job.writes, request.id)) return;
+        side.seen[which] = job.writes;
     }
     BeginJob(side, std::move(job));
 }
 
-// Nothing was forwarded in time for what stands in a request variable.
-void EndGrace(PrinterSide& side) {
-    const Job job = std::move(*side.job);
-    side.job.reset();
-    if (SomebodyWaits(side.link)) BeginJob(side, job);
+void CheckTimes(PrinterSide& side) {
+    if (side.job && side.now >= side.job->due) FinishJob(side);
+    if (side.graceEnd != 0 && side.now >= side.graceEnd) EndGrace(side);
 }
 
-void CheckJob(PrinterSide& side) {
-    if (!side.job || side.now < side.job->due) return;
-    if (side.job->begun)
-        FinishJob(side);
+// A request variable's event says all that is to be known where requests are forwarded. To look would take the time in
+// which the mailbox is written, whose pulse would then be missed.
+void OnRequestEvent(PrinterSide& side, RequestKind kind) {
+    if (side.forwarded)
+        BeginGrace(side);
     else
-        EndGrace(side);
+        CheckVariable(side, kind);
 }
 
 void CheckAll(PrinterSide& side) {
@@ -307,7 +330,9 @@ void BeginService(PrinterSide& side) {
     side.job.reset();
     side.carried = {};
     side.mailboxId = 0;
+    side.graceEnd = 0;
     FindUnanswered(side);
+    std::copy(std::begin(side.seen), std::end(side.seen), side.unclaimed);
     std::vector<DeviceValue> values = side.device.state(side.device.self);
     AddWhatIsMissing(side.options, values);
     StoreValues(side, values);
@@ -337,10 +362,10 @@ bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
     case WAIT_OBJECT_0:
         return false;
     case WAIT_OBJECT_0 + 1 + kWatchedRead:
-        CheckVariable(side, kReadRequest);
+        OnRequestEvent(side, kReadRequest);
         break;
     case WAIT_OBJECT_0 + 1 + kWatchedWrite:
-        CheckVariable(side, kWriteRequest);
+        OnRequestEvent(side, kWriteRequest);
         break;
     case WAIT_OBJECT_0 + 1 + kWatchedMailbox:
         CheckMailbox(side);
@@ -370,9 +395,10 @@ bool ServeLink(PrinterSide& side) {
         DWORD next = kNothingDue;
         const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);
         StoreValues(side, changed);
-        CheckJob(side);
+        CheckTimes(side);
         DWORD wait = std::min(next, Until(side, lookAt));
         if (side.job) wait = std::min(wait, Until(side, side.job->due));
+        if (side.graceEnd != 0) wait = std::min(wait, Until(side, side.graceEnd));
         bool look = false;
         if (!WaitForWork(side, wait, &look)) return false;
         if (!look) {
@@ -399,9 +425,9 @@ void ServePrinter(const PrinterSideOptions& options, const Device& device, HANDL
         device.advance(device.self, side.now, &next); // what it says is asked for again when there is a connection
         const std::string failure = Connect(side.link);
         if (failure.empty()) {
+            side.told.clear();
             BeginService(side);
             retry = kFirstRetryMs;
-            side.told.clear();
             goOn = ServeLink(side);
             if (!goOn) EndService(side);
         } else if (retry == kLongestRetryMs) { // at the start of the product it is as it must be

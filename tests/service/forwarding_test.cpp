@@ -1,5 +1,5 @@
 // Forwarded requests, between callers, the service and a printer side that this test plays in a process of its own.
-#include "service_under_test.h"
+#include "printer_machine.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -7,46 +7,6 @@
 #include <thread>
 
 namespace {
-
-const std::string kPrinters[] = {"Front desk", "Back office", "Cellar", "Attic"};
-
-std::string DatabaseOf(size_t printer) {
-    return "TVORSQD_DB" + std::to_string(printer + 1);
-}
-
-// The printer list, with that many entries; count: what it says of them.
-Bytes PrinterList(DWORD entries, DWORD count) {
-    Bytes list = Number(4 + 560 * entries);
-    const Bytes counted = Number(count);
-    list.insert(list.end(), counted.begin(), counted.end());
-    for (DWORD i = 0; i < entries; ++i) {
-        Bytes entry(560);
-        std::memcpy(entry.data() + 8, kPrinters[i].c_str(), kPrinters[i].size());
-        std::memcpy(entry.data() + 268, DatabaseOf(i).c_str(), DatabaseOf(i).size());
-        list.insert(list.end(), entry.begin(), entry.end());
-    }
-    return list;
-}
-
-// The service, four printers and their databases.
-struct Machine {
-    explicit Machine(DWORD limitMs = 20000) {
-        HKEY key = nullptr;
-        EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Tavik\\Oriel", 0, nullptr, 0, KEY_WRITE, nullptr, &key,
-                                  nullptr),
-                  ERROR_SUCCESS);
-        EXPECT_EQ(RegSetValueExA(key, "ForwardLimit", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&limitMs), 4),
-                  ERROR_SUCCESS);
-        RegCloseKey(key);
-        service.emplace_back();
-        master = ReadyDatabase("TVORSQD_DB", {{"PrinterDatabase", kTypeVariableLength, PrinterList(4, 4)}});
-        for (size_t i = 0; i < std::size(kPrinters); ++i)
-            printers.push_back(ReadyDatabase(DatabaseOf(i), {}));
-    }
-    std::vector<Service> service;
-    DWORD master;
-    std::vector<DWORD> printers;
-};
 
 HANDLE MailboxEvent(const std::string& database) {
     // The emulated system is one with Terminal Services.
@@ -123,12 +83,12 @@ TestProcess PrinterSide(size_t printer, int silent = 0) {
 } // namespace
 
 TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
-    const Machine machine;
+    const PrinterMachine machine;
     const std::string request = "Refresh:" + kPrinters[1];
     EXPECT_EQ(ForwardRequest("Refresh:Unknown"), kNoPrinterSide);
     EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << "no mailbox";
 
-    const DWORD handle = machine.printers[1];
+    const DWORD handle = machine.databases[1];
     EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeVariableLength, Bytes(8)), kBadArgument);
     EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, Bytes(12)), kBadArgument);
     EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, {1, 0, 0, 0, 1, 0, 0, 0}), kBadArgument);
@@ -155,7 +115,7 @@ TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
 }
 
 TEST(Forwarding, ManyCallersEachGetTheirOwnAnswer) {
-    const Machine machine;
+    const PrinterMachine machine;
     std::vector<TestProcess> sides;
     for (size_t i = 0; i < std::size(kPrinters); ++i)
         sides.push_back(PrinterSide(i));
@@ -182,7 +142,7 @@ TEST(Forwarding, ManyCallersEachGetTheirOwnAnswer) {
 }
 
 TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
-    const Machine machine(300);
+    const PrinterMachine machine(300);
     TestProcess side = PrinterSide(0, 1);
     LONG results[2] = {};
     std::thread first([&] { results[0] = ForwardRequest("ReadRequest:" + kPrinters[0]); });
@@ -202,7 +162,7 @@ TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
 }
 
 TEST(Forwarding, AKilledPrinterSideLeavesNobodyWaiting) {
-    Machine machine;
+    PrinterMachine machine;
     for (int round = 0; round < 3; ++round) {
         TestProcess side = PrinterSide(0, 1);
         std::atomic<int> failed = 0;
@@ -220,7 +180,7 @@ TEST(Forwarding, AKilledPrinterSideLeavesNobodyWaiting) {
     TestProcess side = PrinterSide(1, 100);
     std::thread caller([] { EXPECT_NE(ForwardRequest("ReadRequest:" + kPrinters[1]), 0); });
     EXPECT_EQ(side.Hear(), "silent");
-    machine.service[0].process.Terminate();
-    EXPECT_EQ(machine.service[0].process.Wait(), 0) << "the service's stop waits for no answer";
+    machine.service->process.Terminate();
+    EXPECT_EQ(machine.service->process.Wait(), 0) << "the service's stop waits for no answer";
     caller.join();
 }

@@ -1,0 +1,23 @@
+// The service with four printers: their list, and a database for each.
+#pragma once
+
+#include "service_under_test.h"
+
+#include <memory>
+
+inline const std::string kPrinters[] = {"Front desk", "Back office", "Cellar", "Attic"};
+
+std::string DatabaseOf(size_t printer);
+// The printer list, with that many entries; count: what it says of them.
+Bytes PrinterList(DWORD entries, DWORD count);
+
+struct PrinterMachine {
+    // limitMs: of a forwarded request. variables: of each printer.
+    explicit PrinterMachine(DWORD limitMs = 20000, const std::vector<VariableRow>& variables = {});
+    void StartService();
+
+    std::vector<VariableRow> variables;
+    std::unique_ptr<Service> service;
+    DWORD master = 0;
+    std::vector<DWORD> databases;
+};
