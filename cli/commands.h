@@ -47,7 +47,9 @@ Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted);
 Exit TerminateCommand(const ManagerOptions& options);
 
 Exit PrintersCommand();
-Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port);
+// script: the file that the printer's side plays.
+Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port,
+                       const std::optional<std::string>& script);
 Exit RemovePrinterCommand(const std::string& name);
 
 struct NewRegistryValue {

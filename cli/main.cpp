@@ -31,7 +31,7 @@ struct Arguments {
     NewValue newValue;
     WatchOptions watch;
     double timeoutSeconds = 0;
-    std::string printer, driver, port = "FILE:";
+    std::string printer, driver, port = "FILE:", script;
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
     uint32_t request = 0;
@@ -140,7 +140,11 @@ void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
     add->add_option("NAME", a.printer, "Its name")->required();
     add->add_option("--driver", a.driver, "Name of its driver, which is its model")->required();
     add->add_option("--port", a.port, "Name of its port")->capture_default_str();
-    add->callback([&] { chosen = [&] { return AddPrinterCommand(a.printer, a.driver, a.port); }; });
+    const CLI::Option* script =
+        add->add_option("--script", a.script, "'up' starts a printer side for it, which plays this script");
+    add->callback([&, script] {
+        chosen = [&, script] { return AddPrinterCommand(a.printer, a.driver, a.port, WhenGiven(script, a.script)); };
+    });
 
     CLI::App* remove = printers->add_subcommand(
         "remove", "Remove a printer, with the copies of its persistent variables. The service keeps its database");

@@ -12,6 +12,7 @@ namespace {
 constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
 constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
+constexpr char kScriptValue[] = "Oriel Script"; // of the product's, where everything of the printer goes with it
 // The list of printers can grow between the question for its size and its read.
 constexpr int kAttempts = 8;
 
@@ -67,6 +68,7 @@ std::vector<Printer> ListPrinters() {
             if (!key) continue;
             // The library looks into the registry first; the spooler only counts where there is no key.
             if (const std::string driver = TextOf(key.Get(), kDriverValue); !driver.empty()) printer->driver = driver;
+            printer->script = TextOf(key.Get(), kScriptValue);
             if (printer->port.empty()) printer->port = TextOf(key.Get(), kPortValue);
         }
     }
@@ -122,6 +124,14 @@ std::string KnownPrinterName(const std::string& name) {
                   "list them with 'oriel printers', or add it: oriel printers add \"" + shown + "\" --driver DRIVER"};
 }
 
+void SetPrinterScript(const std::string& name, const std::string& path) {
+    const LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kScriptValue, path);
+    if (status != ERROR_SUCCESS) {
+        throw SystemFailure(static_cast<uint32_t>(status),
+                            "cannot store the script of the printer \"" + ToUtf8(name) + "\"");
+    }
+}
+
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port) {
     static char processor[] = "winprint";
     static char dataType[] = "RAW";
@@ -150,6 +160,7 @@ void UninstallPrinter(const std::string& name) {
     PrinterHandle printer;
     if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
         if (!DeletePrinter(printer.Get())) throw SystemFailure(GetLastError(), what);
+        DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name)); // a connection has none from the spooler, but of ours
         return;
     }
     if (GetLastError() != ERROR_INVALID_PRINTER_NAME) throw SystemFailure(GetLastError(), what);

@@ -9,6 +9,7 @@ struct Printer {
     std::string name; // ANSI; a printer that only the registry knows goes by the name of its key
     std::string driver;
     std::string port;
+    std::string script; // that its printer side plays; empty: it has none
     bool inSpooler = false;
     bool inRegistry = false;
     bool registeredModel = false; // its driver is a model of the product
@@ -31,6 +32,9 @@ std::optional<std::string> DriverOf(const std::string& name);
 // Throws Failure when there is no such printer. Asked before every open: the library's printer list takes any name and
 // keeps it for good.
 std::string KnownPrinterName(const std::string& name);
+
+// The printer side that `oriel up` starts for it plays that file. Throws Failure.
+void SetPrinterScript(const std::string& name, const std::string& path);
 
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port);
 // Also removes the copies of persistent variables. Throws Failure.

@@ -1,13 +1,16 @@
 // up: the product's start-up process. It registers the installation when that is missing, starts the status database
-// service, signals that the product is initialised, keeps the service running, and undoes all of it on Ctrl-C.
+// service, signals that the product is initialised, starts a printer side for each printer that has a script, keeps all
+// of them running, and undoes all of it on Ctrl-C.
 //
 // State: g_stop, set when the user wants to stop.
 #include "commands.h"
 
 #include "interrupt.h"
 #include "output.h"
+#include "printer_sides.h"
 #include "product.h"
 #include "registry.h"
+#include "text.h"
 
 #include <algorithm>
 
@@ -157,12 +160,28 @@ void StopIfPossible(const ServiceHandle& service) {
     }
 }
 
-// Watches the service until the user wants to stop, and starts it again when it ended. startedHere: set when it did.
+void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
+    const std::string printer = ToUtf8(news.printer);
+    Json fields = {{"printer", printer}};
+    std::string text = "the printer side of \"" + Printable(printer) + "\" runs";
+    if (news.pauseMs != 0) {
+        text = "the printer side of \"" + Printable(printer) + "\" ended";
+        fields.update({{"code", news.code}, {"pauseMs", news.pauseMs}});
+        PrintError({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+    }
+    teller.Tell(news.event, text, fields);
+}
+
+// Watches service and printer sides until the user wants to stop, and starts what ended again. startedHere: set when it
+// was the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
+    PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
     DWORD pause = kFirstPauseMs;
     DWORD runningSince = GetTickCount();
+    sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
         const SERVICE_STATUS status = Query(service);
+        if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
 
         if (GetTickCount() - runningSince > kHealthyMs) pause = kFirstPauseMs;
@@ -176,6 +195,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& start
             startedHere = true;
             if (!Start(service)) return;
             runningSince = GetTickCount();
+            sides.ServiceIsNew();
             teller.Tell("service-started", "the status database service runs again");
         } catch (const Failure& failure) {
             PrintError(failure);

@@ -1,14 +1,16 @@
 // TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a script.
 //
-//     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N]
+//     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N] [--owner PROCESS]
 //     TVSPSD.EXE --script FILE --check
 //
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break), 1 when it cannot begin, 2 when the command line or the
-// script is wrong. State: the stop event, set by the console's handler on a thread of its own.
+// script is wrong. State: the stop event, set by the console's handler and by who waits for the owner, each on a thread
+// of its own; and what that thread waits for.
 #include "printer_side.h"
 #include "scripted_device.h"
 
 #include "dblink/client.h"
+#include "dblink/kernel_names.h"
 
 #include <charconv>
 #include <fstream>
@@ -25,12 +27,30 @@ constexpr DWORD kSpeedMax = 10000;
 constexpr DWORD kStopMs = 10000; // longer than the end of the service takes
 
 HANDLE g_stop = nullptr;
+HANDLE g_owner[2] = {}; // the owner's process, its event
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
     SetEvent(g_stop);
     // After other events the process ends as soon as this returns: the main thread shall end it before.
     if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kStopMs);
     return TRUE;
+}
+
+DWORD WINAPI WaitForOwner(LPVOID) {
+    WaitForMultipleObjects(2, g_owner, FALSE, INFINITE); // as long as we live, if need be
+    SetEvent(g_stop);
+    return 0;
+}
+
+// False when there is no such process any more, or it has no event.
+bool FollowOwner(DWORD process) {
+    const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(process);
+    g_owner[0] = OpenProcess(SYNCHRONIZE, FALSE, process);
+    g_owner[1] = OpenEventA(SYNCHRONIZE, FALSE, dblink::ObjectName(dblink::MachineIsTerminalServer(), event).text);
+    if (!g_owner[0] || !g_owner[1]) return false;
+    const HANDLE thread = CreateThread(nullptr, 0, WaitForOwner, nullptr, 0, nullptr);
+    if (thread) CloseHandle(thread);
+    return thread != nullptr;
 }
 
 int Complain(const std::string& text) {
@@ -42,8 +62,29 @@ struct CommandLine {
     PrinterSideOptions side;
     std::string script;
     DWORD speed = 1;
+    DWORD owner = 0;
     bool check = false;
 };
+
+bool ReadNumber(const std::string& word, DWORD* number) {
+    const char* end = word.data() + word.size();
+    const std::from_chars_result result = std::from_chars(word.data(), end, *number);
+    return result.ec == std::errc{} && result.ptr == end;
+}
+
+// Names are in the ANSI code page, command lines in that or in UTF-8, as the system has it.
+std::string ToAnsi(const std::string& word) {
+    const int size = static_cast<int>(word.size());
+    std::vector<WCHAR> wide(word.size());
+    const int length =
+        size == 0 ? 0 : MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, word.data(), size, wide.data(), size);
+    if (length <= 0) return word;
+    std::string ansi(2 * word.size(), '\0');
+    const int ansiSize = static_cast<int>(ansi.size());
+    ansi.resize(static_cast<SIZE_T>(
+        WideCharToMultiByte(CP_ACP, 0, wide.data(), length, ansi.data(), ansiSize, nullptr, nullptr)));
+    return ansi;
+}
 
 // Empty, or what is wrong.
 std::string ReadCommandLine(int count, char** words, CommandLine* line) {
@@ -56,16 +97,16 @@ std::string ReadCommandLine(int count, char** words, CommandLine* line) {
         if (i + 1 == count) return option + " needs something behind it, or is no option";
         const std::string value = words[++i];
         if (option == "--printer") {
-            line->side.printer = value;
+            line->side.printer = ToAnsi(value);
         } else if (option == "--port") {
-            line->side.port = value;
+            line->side.port = ToAnsi(value);
         } else if (option == "--script") {
             line->script = value;
         } else if (option == "--speed") {
-            const char* end = value.data() + value.size();
-            const std::from_chars_result result = std::from_chars(value.data(), end, line->speed);
-            if (result.ec != std::errc{} || result.ptr != end || line->speed == 0 || line->speed > kSpeedMax)
+            if (!ReadNumber(value, &line->speed) || line->speed == 0 || line->speed > kSpeedMax)
                 return "--speed takes a number from 1 to " + std::to_string(kSpeedMax);
+        } else if (option == "--owner") {
+            if (!ReadNumber(value, &line->owner) || line->owner == 0) return "--owner takes the number of a process";
         } else {
             return "there is no option " + option;
         }
@@ -95,7 +136,8 @@ int Run(const CommandLine& line) {
     if (const int result = ReadScriptFile(line.script, &printer.statements); result != kStopped || line.check)
         return result;
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase()) {
+    if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase() ||
+        (line.owner != 0 && !FollowOwner(line.owner))) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }

@@ -38,7 +38,8 @@ private:
 // The example model, and "Front desk", a printer of it.
 void AddExamplePrinter(const Environment& environment = {});
 
-// The process of the service on this test's machine, 0 when there is none.
+// The process of a program, and of the service, on this test's machine; 0 when there is none.
+int ProcessOf(const std::string& program);
 int ServiceProcess();
 void KillProcess(int process);
 void StopProcess(int process); // SIGSTOP

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 TEST(Up, MakesTheProductReadyKeepsItSoAndUndoesItOnInterrupt) {
     const std::string serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
     // A service of another place is replaced.
@@ -68,4 +70,42 @@ TEST(Up, QuietSaysNothing) {
     EXPECT_EQ(up.HearAll(), "");
     EXPECT_EQ(up.Wait(), 0);
     EXPECT_EQ(up.Errors(), "");
+}
+
+TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
+    const std::string script = PrivateDirectory() + "/printer.script";
+    std::ofstream(script) << "set PageCount 4711\n";
+    OrielText({"printers", "add", "Plain", "--driver", "Any"});
+    OrielText(
+        {"printers", "add", "Scripted \"one\" \xC3\xA9", "--driver", "Any", "--port", "LPT1:", "--script", script});
+    EXPECT_EQ(OrielJson({"printers", "add", "No", "--driver", "Any", "--script", "relative"}, 2)["error"]["exitCode"],
+              2);
+    EXPECT_EQ(OrielJson({"printers", "add", "No", "--driver", "Any", "--script", script + "x"}, 1)["error"]["exitCode"],
+              1);
+    const std::string printer = "Scripted \"one\" \xC3\xA9";
+    const auto pageCount = [&] { return OrielJson({"get", printer, "PageCount"})["variables"][0]["value"]; };
+    const auto takesRequests = [&] {
+        return OrielJson({"get", printer, "PrinterExtStatus"})["variables"][0]["value"] == 1;
+    };
+    RunningProduct product;
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], printer);
+    ASSERT_TRUE(WaitUntil(takesRequests));
+    EXPECT_EQ(pageCount(), 4711);
+    EXPECT_EQ(OrielJson({"get", printer, "Port"})["variables"][0]["value"]["portName"], "LPT1:");
+
+    KillProcess(ProcessOf("TVSPSD.EXE"));
+    EXPECT_EQ(product.Event("printer-side-ended")["code"], 128 + 9);
+    product.Event("printer-side-started");
+    KillProcess(ServiceProcess()); // its databases with it
+    product.Event("service-ended");
+    product.Event("service-started");
+    ASSERT_TRUE(WaitUntil(takesRequests));
+    EXPECT_EQ(pageCount(), 4711);
+
+    // What is added later is found.
+    OrielText({"printers", "add", "Late", "--driver", "Any", "--script", script});
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], "Late");
+    product.Terminate();
+    EXPECT_EQ(product.Wait(), 0) << product.Errors();
+    EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is left";
 }

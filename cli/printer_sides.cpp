@@ -1,0 +1,135 @@
+// Processes of the printer sides. State: the object's.
+#include "printer_sides.h"
+
+#include "output.h"
+#include "printers.h"
+#include "product.h"
+#include "text.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
+constexpr DWORD kSettingsMs = 2000;  // between looks at which printers have a script
+constexpr DWORD kFirstPauseMs = 500; // before one that ended is started again; doubled each time
+constexpr DWORD kLongestPauseMs = 30000;
+constexpr DWORD kHealthyMs = 60000; // of running make the next pause the first one again
+constexpr DWORD kStopMs = 5000;     // for all of them to end
+// A kind that needs the service alone, takes no ownership and starts no agent.
+constexpr uint32_t kPlainClient = 3;
+
+// A word of a command line as the C run-time divides it.
+std::string Quoted(const std::string& word) {
+    std::string quoted = "\"";
+    size_t backslashes = 0;
+    for (const char c : word) {
+        if (c == '"') quoted.append(backslashes + 1, '\\');
+        backslashes = c == '\\' ? backslashes + 1 : 0;
+        quoted += c;
+    }
+    quoted.append(backslashes, '\\');
+    return quoted + '"';
+}
+
+bool HasPassed(DWORD due) {
+    return static_cast<LONG>(GetTickCount() - due) >= 0;
+}
+
+} // namespace
+
+PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
+    const std::string name = SharedName(("TVORSQD:StopPrinterSides:" + std::to_string(GetCurrentProcessId())).c_str());
+    EveryoneSecurity everyone;
+    m_stop = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, name.c_str()));
+    if (!m_stop) throw SystemFailure(GetLastError(), "cannot create the event that ends the printer sides");
+    ResetEvent(m_stop.Get()); // of another process that had this number
+}
+
+PrinterSides::~PrinterSides() {
+    SetEvent(m_stop.Get());
+    const DWORD start = GetTickCount();
+    for (Side& side : m_sides) {
+        if (!side.process) continue;
+        const DWORD waited = std::min(GetTickCount() - start, kStopMs);
+        if (WaitForSingleObject(side.process.Get(), kStopMs - waited) == WAIT_OBJECT_0) continue;
+        TerminateProcess(side.process.Get(), 1);
+    }
+}
+
+// New printers get a side, those that are gone or have another script lose theirs.
+void PrinterSides::ReadSettings() {
+    if (m_settingsRead && GetTickCount() - m_settingsReadAt < kSettingsMs) return;
+    m_settingsRead = true;
+    m_settingsReadAt = GetTickCount();
+    const std::vector<Printer> printers = ListPrinters();
+    const auto isConfigured = [&](const Side& side) {
+        return std::any_of(printers.begin(), printers.end(), [&](const Printer& printer) {
+            return printer.name == side.printer && printer.script == side.script && printer.port == side.port;
+        });
+    };
+    for (Side& side : m_sides)
+        if (!isConfigured(side) && side.process) TerminateProcess(side.process.Get(), 0);
+    std::erase_if(m_sides, [&](const Side& side) { return !isConfigured(side); });
+    for (const Printer& printer : printers) {
+        const auto isOfPrinter = [&](const Side& side) { return side.printer == printer.name; };
+        if (printer.script.empty() || std::any_of(m_sides.begin(), m_sides.end(), isOfPrinter)) continue;
+        m_sides.push_back({.printer = printer.name,
+                           .port = printer.port,
+                           .script = printer.script,
+                           .dueAt = GetTickCount(),
+                           .pauseMs = kFirstPauseMs});
+    }
+}
+
+// The first manager of a printer makes its database, which the printer side waits for.
+void PrinterSides::OpenOnce(const Side& side) {
+    if (std::find(m_opened.begin(), m_opened.end(), side.printer) != m_opened.end()) return;
+    m_opened.push_back(side.printer);
+    Manager manager;
+    const int32_t status = OpenManagerExA(side.printer.c_str(), nullptr, kPlainClient, manager.Receive());
+    if (status != TVS_OK)
+        PrintError(
+            StatusFailure(status, "cannot open the printer \"" + ToUtf8(side.printer) + "\" for its printer side"));
+}
+
+void PrinterSides::StartSide(Side& side) {
+    const std::optional<std::string> directory = InstalledDirectory();
+    const std::string program = directory.value_or("") + kPrinterSideProgram;
+    std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --script " +
+                              Quoted(side.script) + " --owner " + std::to_string(GetCurrentProcessId());
+    if (!side.port.empty()) commandLine += " --port " + Quoted(side.port);
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION information{};
+    side.startedAt = GetTickCount();
+    if (!CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &information)) {
+        PrintError(SystemFailure(GetLastError(), "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
+        side.dueAt = GetTickCount() + side.pauseMs;
+        side.pauseMs = std::min(side.pauseMs * 2, kLongestPauseMs);
+        return;
+    }
+    CloseHandle(information.hThread);
+    side.process = KernelHandle(information.hProcess);
+    m_tell({.event = "printer-side-started", .printer = side.printer});
+}
+
+void PrinterSides::NoteEnd(Side& side) {
+    DWORD code = 0;
+    GetExitCodeProcess(side.process.Get(), &code);
+    side.process.Reset();
+    if (GetTickCount() - side.startedAt > kHealthyMs) side.pauseMs = kFirstPauseMs;
+    side.dueAt = GetTickCount() + side.pauseMs;
+    m_tell({.event = "printer-side-ended", .printer = side.printer, .code = code, .pauseMs = side.pauseMs});
+    side.pauseMs = std::min(side.pauseMs * 2, kLongestPauseMs);
+}
+
+void PrinterSides::Tend() {
+    ReadSettings();
+    for (Side& side : m_sides) {
+        OpenOnce(side);
+        if (side.process && WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) NoteEnd(side);
+        if (!side.process && HasPassed(side.dueAt)) StartSide(side);
+    }
+}
