@@ -83,10 +83,9 @@ enum Procedure : UINT {
     // kNotWatched: it has none.
     kUnwatchVariable = 16,
     // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these. Waits
-    // until
-    // the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing serves
-    // that printer's requests, or what did has gone. kNoAnswer: there was none in time. One request of a printer is
-    // carried out at a time, in the order in which they came.
+    // until the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing
+    // serves that printer's requests, or what did has gone. kNoAnswer: there was none in time. One request of a printer
+    // is carried out at a time, in the order in which they came.
     kForwardRequest = 18,
     kProcedureCount = 19
 };
