@@ -2,8 +2,8 @@
  *
  * The contract of the library. If a function does not appear in this file, it is not published.
  *
- * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones; a printer model may add and
- * replace some). A caller opens a manager for one printer, and reads and updates variables through it:
+ * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones, tvsqdz_records.h has the layouts
+ * of those that are records; a printer model may add and replace some). A caller opens a manager for one printer, and reads and updates variables through it:
  *
  *     TvsManager manager;
  *     if (OpenManagerA("Front desk", NULL, 0, &manager) == TVS_OK) { ... CloseManager(manager); }
@@ -18,20 +18,17 @@
 #ifndef TVSQDZ_H
 #define TVSQDZ_H
 
+#include <tvsqdz_records.h>
+
 #include <stddef.h>
 #include <stdint.h>
 
 #if defined(_WIN32)
 #define TVS_CALL __stdcall
 #define TVS_EXPORT
-typedef wchar_t TvsWideChar;
 #else
 #define TVS_CALL
 #define TVS_EXPORT __attribute__((visibility("default")))
-#ifndef __cplusplus
-#include <uchar.h>
-#endif
-typedef char16_t TvsWideChar;
 #endif
 
 #ifdef __cplusplus
@@ -49,7 +46,7 @@ struct _SYSTEMTIME;
 #define TVS_E_HANDLE (-1)            /* the handle is not an open manager of this process */
 #define TVS_E_UNAVAILABLE (-16)      /* a manager cannot be opened: not installed, not initialised, no mutex, list or database */
 #define TVS_E_UNKNOWN (-19)          /* unknown variable, or one that the operation does not serve; client kind above 12 */
-#define TVS_E_MEMORY (-33)           /* out of memory; the printer's variables cannot be determined */
+#define TVS_E_MEMORY (-33)           /* out of memory; the printer's variables cannot be determined; no room for a wide record */
 #define TVS_E_FAULT (-34)            /* the caller's memory cannot be read or written */
 #define TVS_E_SIZE (-36)             /* no buffer, or one too small: the returned size tells what is needed or was written */
 #define TVS_E_REQUEST_LOCK (-38)     /* the request lock cannot be had */
@@ -106,6 +103,19 @@ TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                               uint32_t* returnedSize);
+
+/* Reads the wide form of a value. The name has up to 31 characters.
+ *
+ * A string and the records of tvsqdz_records.h come in their wide form, every other value as GetPrinterStatusA gives it.
+ * A wide string always makes the returned size twice the size of the buffer; with no buffer it is the size of the whole
+ * field. It ends at its NUL; where the buffer is too small it is cut at a whole character and terminated, and the status is
+ * TVS_E_SIZE. A record or a queue comes whole or not at all: with no buffer, or one too small, the status is TVS_E_MEMORY and
+ * the returned size the one needed; of a queue the count is written even then.
+ *
+ * Returns what GetPrinterStatusA returns, but for a string or record that could not be fetched from the service an empty one
+ * and the status of its conversion. */
+TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideChar* variable, void* buffer,
+                                              uint32_t size, uint32_t* returnedSize);
 
 /* Reads the value that a variable has in the printer now: the printer side asks the printer, and the caller waits until it has
  * answered, for as long as that takes. One request at a time is made of a printer, in the whole system.
@@ -183,6 +193,16 @@ TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const ch
 #define TVS_REQUEST_PENDING (-1)
 
 /* Takes the result of an asynchronous write request, once. One that has not finished is taken too.
+/* Stores the wide form of a value. The name has up to 31 characters.
+ *
+ * data is converted as GetPrinterStatusW tells: a string, which need not be terminated, or a record of at least its wide size;
+ * a queue has as many entries as it counts. Text that does not fit its field in the ANSI code page is cut at a whole
+ * character and terminated; a character that the code page does not have becomes its default character.
+ * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a record, a queue or a string that is too short. */
+TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                                 uint32_t size);
+
+/* Takes the result of an asynchronous write request, once.
  * *result receives it, or TVS_E_UNKNOWN when no such request is recorded. A result that cannot be stored is not taken.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);
@@ -257,58 +277,8 @@ TVS_EXPORT int32_t TVS_CALL KillNotificationEvent(TvsManager manager, TvsRegistr
 TVS_EXPORT int32_t TVS_CALL KillNotificationCallback(TvsManager manager, TvsRegistration registration);
 TVS_EXPORT int32_t TVS_CALL KillNotificationMsg(TvsManager manager, TvsRegistration registration);
 
-/* Values that are records. Text fields are NUL-terminated. */
-
-/* "SendingJobInfo", and an entry of the job queues: 292 bytes. */
-typedef struct TvsJobRecord {
-    char jobName[256];
-    char ownerName[32];
-    uint32_t jobId; /* 0: no job */
-} TvsJobRecord;
-
-/* "PrinterQueue" and "SpoolerQueue": a count, then as many job records, oldest first. */
-typedef struct TvsJobQueue {
-    uint32_t count;
-    TvsJobRecord entries[1]; /* count of them */
-} TvsJobQueue;
-
-/* "PrintingJobInfo": 296 bytes. */
-typedef struct TvsPrintingJobRecord {
-    char jobName[256];
-    char ownerName[32];
-    uint32_t jobId;    /* 0: printing ended */
-    uint32_t progress; /* 0 on the first report of a job */
-} TvsPrintingJobRecord;
-
-/* "PrintingJobInfo2": 320 bytes. */
-typedef struct TvsPrintingJobRecord2 {
-    TvsPrintingJobRecord job;
-    uint32_t coverage[6];
-} TvsPrintingJobRecord2;
-
-/* "Port": 260 bytes. Bit 0x8 of portKind: the port takes no direct requests. */
-typedef struct TvsPortRecord {
-    uint32_t portKind;
-    char portName[128];
-    char portDetail[128];
-} TvsPortRecord;
-
-/* "PortEx": 264 bytes. */
-typedef struct TvsPortExRecord {
-    uint32_t extStatus; /* the value of "PrinterExtStatus" */
-    TvsPortRecord port;
-} TvsPortExRecord;
-
 #ifdef __cplusplus
 }
-
-static_assert(sizeof(TvsJobRecord) == 292 && offsetof(TvsJobRecord, ownerName) == 256 &&
-              offsetof(TvsJobRecord, jobId) == 288);
-static_assert(sizeof(TvsPrintingJobRecord) == 296 && offsetof(TvsPrintingJobRecord, progress) == 292);
-static_assert(sizeof(TvsPrintingJobRecord2) == 320 && offsetof(TvsPrintingJobRecord2, coverage) == 296);
-static_assert(sizeof(TvsPortRecord) == 260 && offsetof(TvsPortRecord, portName) == 4 &&
-              offsetof(TvsPortRecord, portDetail) == 132);
-static_assert(sizeof(TvsPortExRecord) == 264 && offsetof(TvsPortExRecord, port) == 4);
 #endif
 
 #endif

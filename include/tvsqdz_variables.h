@@ -5,7 +5,7 @@
  *
  *   NUMBER     32-bit number
  *   STRING     NUL-terminated text in a field of that size
- *   RECORD     fixed record; tvsqdz.h has the layouts
+ *   RECORD     fixed record; tvsqdz_records.h has the layouts
  *   VARIABLE   variable-length value
  *   COMPOSITE  the values of other variables, one after the other
  *

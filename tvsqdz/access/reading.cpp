@@ -101,8 +101,11 @@ Status ReadCurrent(ManagerRecord* manager, const StatusVariableDef& variable, co
     return ReadValue(manager, variable, target, returned);
 }
 
-Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
-                 ReadProc read) {
+namespace {
+
+template <typename Character>
+Status Serve(TvsManager manager, const Character* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
+             ReadProc read) {
     // No buffer and no size are the same question, for the size.
     const ReadTarget target = {buffer, buffer != nullptr ? size : 0, returnedSize};
     uint32_t returned = 0;
@@ -119,6 +122,18 @@ Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, 
     const Status status = serve();
     if (!returnedWritten && !CopyToCaller(returnedSize, &returned, sizeof returned)) return TVS_E_FAULT;
     return status;
+}
+
+} // namespace
+
+Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
+                 ReadProc read) {
+    return Serve(manager, callersVariable, buffer, size, returnedSize, read);
+}
+
+Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
+                 ReadProc read) {
+    return Serve(manager, callersVariable, buffer, size, returnedSize, read);
 }
 
 int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,

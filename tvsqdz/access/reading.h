@@ -28,3 +28,5 @@ using ReadProc = Status (*)(ManagerRecord* manager, const StatusVariableDef& var
                             uint32_t* returned, bool* returnedWritten);
 Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
                  ReadProc read);
+Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
+                 ReadProc read);

@@ -1,4 +1,6 @@
 // Storing a value, with the copy of a persistent variable in the driver data.
+#include "access/updating.h"
+
 #include "access/caller_value.h"
 #include "access/driver_data.h"
 #include "access/printer_name.h"
@@ -27,16 +29,20 @@ Status Store(ManagerRecord* manager, const StatusVariableDef& variable, CallerVa
 
 } // namespace
 
+Status UpdateValue(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size) {
+    CallerValue value(data, size);
+    if (value.Result() != TVS_OK) return value.Result();
+    const Status status = Store(manager, variable, value);
+    // The driver data lie under the name that the printer has now, which another process may have changed.
+    if ((variable.flags & SVF_PERSISTENT) != 0)
+        WriteDriverDataValue(RefreshedPrinterName(manager).text, variable, value.Data(), value.Size());
+    return status;
+}
+
 int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data, uint32_t size) {
     const ManagerCall call(manager);
     if (!call) return TVS_E_HANDLE;
     const StatusVariableDef* found = nullptr;
     if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK) return status;
-    CallerValue value(data, size);
-    if (value.Result() != TVS_OK) return value.Result();
-    const Status status = Store(call.Manager(), *found, value);
-    // The driver data lie under the name that the printer has now, which another process may have changed.
-    if ((found->flags & SVF_PERSISTENT) != 0)
-        WriteDriverDataValue(RefreshedPrinterName(call.Manager()).text, *found, value.Data(), value.Size());
-    return status;
+    return UpdateValue(call.Manager(), *found, data, size);
 }

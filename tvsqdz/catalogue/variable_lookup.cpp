@@ -21,8 +21,9 @@ const StatusVariableDef* FindStatusVariable(const ManagerRecord* manager, const 
 
 namespace {
 
-Status FindNamed(const ManagerRecord* manager, const char* name, const StatusVariableDef** variable) {
-    *variable = FindStatusVariable(manager, name);
+Status FindNamed(const ManagerRecord* manager, CallerText read, const char* name, const StatusVariableDef** variable) {
+    if (read == CallerText::Fault) return TVS_E_FAULT;
+    *variable = read == CallerText::Read ? FindStatusVariable(manager, name) : nullptr;
     return *variable != nullptr ? TVS_OK : TVS_E_UNKNOWN;
 }
 
@@ -30,30 +31,14 @@ Status FindNamed(const ManagerRecord* manager, const char* name, const StatusVar
 
 Status FindCallersVariable(const ManagerRecord* manager, const char* callersName, const StatusVariableDef** variable) {
     char name[kVariableNameSize];
-    switch (ReadCallerText(name, kVariableNameSize, callersName)) {
-    case CallerText::Read:
-        return FindNamed(manager, name, variable);
-    case CallerText::Fault:
-        return TVS_E_FAULT;
-    case CallerText::TooLong:
-        return TVS_E_UNKNOWN;
-    }
-    return TVS_E_UNKNOWN;
+    const CallerText read = ReadCallerText(name, kVariableNameSize, callersName);
+    return FindNamed(manager, read, name, variable);
 }
 
 Status FindCallersVariable(const ManagerRecord* manager, const WCHAR* callersName, const StatusVariableDef** variable) {
-    WCHAR wide[kWideVariableNameSize];
-    switch (ReadCallerText(wide, kWideVariableNameSize, callersName)) {
-    case CallerText::Read:
-        break;
-    case CallerText::Fault:
-        return TVS_E_FAULT;
-    case CallerText::TooLong:
-        return TVS_E_UNKNOWN;
-    }
     char name[kWideVariableNameSize];
-    if (WideCharToMultiByte(CP_ACP, 0, wide, -1, name, sizeof name, nullptr, nullptr) == 0) return TVS_E_UNKNOWN;
-    return FindNamed(manager, name, variable);
+    const CallerText read = ReadCallerName(name, callersName);
+    return FindNamed(manager, read, name, variable);
 }
 
 bool DatabaseTypeOf(uint32_t flags, dblink::DatabaseType* type) {

@@ -3,6 +3,7 @@
 #include "catalogue/variable_table.h"
 
 #include "catalogue/built_values.h"
+#include "catalogue/converters.h"
 #include "catalogue/name_order.h"
 #include "catalogue/variable_handlers.h"
 
@@ -101,8 +102,18 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .size = 4,
      .defaultValue = &kMinusOne,
      .name = "PageCount"},
-    {.flags = SVT_RECORD | SVF_READABLE, .size = 260, .defaultValue = kZeros, .name = "Port"},
-    {.flags = SVT_COMPOSITE | SVF_READABLE, .size = 264, .defaultValue = "PrinterExtStatus;Port;", .name = "PortEx"},
+    {.flags = SVT_RECORD | SVF_READABLE,
+     .size = 260,
+     .defaultValue = kZeros,
+     .toWide = PortToWide,
+     .toAnsi = PortToAnsi,
+     .name = "Port"},
+    {.flags = SVT_COMPOSITE | SVF_READABLE,
+     .size = 264,
+     .defaultValue = "PrinterExtStatus;Port;",
+     .toWide = PortExToWide,
+     .toAnsi = PortExToAnsi,
+     .name = "PortEx"},
     {.flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
      .size = 4,
      .timeoutMs = 60000,
@@ -139,11 +150,15 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .size = 260,
      .timeoutMs = 1800000,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "PrinterLocation"},
     {.flags = SVT_STRING | SVF_READABLE | Carried<0x00300400>(),
      .size = 64,
      .timeoutMs = 1800000,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "PrinterManufacturer"},
     {.flags = SVT_NUMBER | SVF_READABLE | SVF_PERSISTENT | Carried<0x02240400>(),
      .size = 4,
@@ -153,8 +168,15 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .size = 64,
      .timeoutMs = 1800000,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "PrinterModel"},
-    {.flags = SVT_STRING | SVF_READABLE, .size = 260, .defaultValue = kZeros, .name = "PrinterName"},
+    {.flags = SVT_STRING | SVF_READABLE,
+     .size = 260,
+     .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
+     .name = "PrinterName"},
     {.flags = SVT_VARIABLE | SVF_READABLE | SVF_PERSISTENT | SVF_RESET_ON_PORT_CHANGE | Carried<0x02340400>(),
      .timeoutMs = 3600000,
      .buildDefault = BuildOptionConfig,
@@ -164,6 +186,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .defaultValue = kEmptyVariableValue,
      .watchThreadProc = VariableWatch,
      .callbackThreadProc = VariableCallbackWatch,
+     .toWide = JobQueueToWide,
+     .toAnsi = JobQueueToAnsi,
      .name = "PrinterQueue"},
     {.flags = SVT_RECORD | SVF_READABLE | Carried<0x00300400>(),
      .size = 12,
@@ -187,6 +211,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .defaultValue = kZeros,
      .watchThreadProc = VariableWatch,
      .callbackThreadProc = VariableCallbackWatch,
+     .toWide = PrintingJobToWide,
+     .toAnsi = PrintingJobToAnsi,
      .name = "PrintingJobInfo"},
     {.flags = SVT_COMPOSITE | SVF_READABLE | Carried<0x04300000>(),
      .size = 320,
@@ -194,6 +220,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .defaultValue = "PrintingJobInfo;CoverageInfo;",
      .watchThreadProc = VariableWatch,
      .callbackThreadProc = VariableCallbackWatch,
+     .toWide = PrintingJob2ToWide,
+     .toAnsi = PrintingJob2ToAnsi,
      .name = "PrintingJobInfo2"},
     {.flags = SVT_NUMBER | SVF_READABLE, .size = 4, .defaultValue = &kZeroNumber, .name = "PrintingMyJob"},
     {.flags = SVT_RECORD | SVF_READABLE | Carried<0x04300400>(),
@@ -204,6 +232,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
     {.flags = SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_NOTIFY_EVERY_WRITE,
      .size = 32,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "ReadRequest"},
     {.flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
      .size = 4,
@@ -213,6 +243,7 @@ constexpr StatusVariableDef kStatusVariables[] = {
          SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_DIRECT | SVF_WRITE_WITHOUT_AUTHORITY | Carried<0x04000000>(),
      .size = 260,
      .defaultValue = kZeros,
+     .toAnsi = StringToAnsi,
      .name = "RefreshStatus"},
     {.flags = SVT_NUMBER | SVF_READABLE, .size = 4, .defaultValue = &kMinusOne, .name = "RunningPSW"},
     {.flags = SVT_NUMBER | SVF_READABLE | SVF_NOTIFY_EVERY_WRITE,
@@ -225,6 +256,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .defaultValue = kZeros,
      .watchThreadProc = ChangeWatch,
      .callbackThreadProc = ChangeCallbackWatch,
+     .toWide = JobRecordToWide,
+     .toAnsi = JobRecordToAnsi,
      .name = "SendingJobInfo"},
     {.flags = SVT_RECORD | SVF_READABLE | Carried<0x00100000>(),
      .size = 12,
@@ -234,6 +267,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .size = 32,
      .timeoutMs = 1800000,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "ServiceTag"},
     {.flags = SVT_NUMBER | SVF_READABLE | SVF_WRITABLE, .size = 4, .defaultValue = &kMinusOne, .name = "SetJob"},
     {.flags = SVT_VARIABLE | SVF_READABLE | Carried<0x00300400>(),
@@ -241,6 +276,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .defaultValue = kEmptyVariableValue,
      .watchThreadProc = ChangeWatch,
      .callbackThreadProc = ChangeCallbackWatch,
+     .toWide = JobQueueToWide,
+     .toAnsi = JobQueueToAnsi,
      .name = "SpoolerQueue"},
     {.flags = SVT_NUMBER | SVF_READABLE | Carried<0x00300000>(),
      .size = 4,
@@ -266,6 +303,8 @@ constexpr StatusVariableDef kStatusVariables[] = {
     {.flags = SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_NOTIFY_EVERY_WRITE,
      .size = 32,
      .defaultValue = kZeros,
+     .toWide = StringToWide,
+     .toAnsi = StringToAnsi,
      .name = "WriteRequest"},
     // The end of the rows.
     {.size = 0xFFFFFFFF},
@@ -308,6 +347,13 @@ consteval bool EveryFixedSizeHasAValue() {
     return true;
 }
 static_assert(EveryFixedSizeHasAValue());
+
+consteval bool ConvertedStringsFitTheirConverters() {
+    for (uint32_t i = 0; i < kRowCount; ++i)
+        if (kStatusVariables[i].toAnsi == StringToAnsi && kStatusVariables[i].size > kStringSizeMax) return false;
+    return true;
+}
+static_assert(ConvertedStringsFitTheirConverters());
 
 } // namespace
 

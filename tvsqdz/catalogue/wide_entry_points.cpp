@@ -1,29 +1,25 @@
-// The wide forms of the opens and of the write time: names are converted to the ANSI code page, and the rest is that of
-// the ANSI forms.
+// The wide exports: names, and values that have a wide form, are converted to the ANSI code page or from it, and the
+// rest is what the ANSI forms do.
+#include "access/reading.h"
+#include "access/updating.h"
 #include "access/write_time.h"
 #include "catalogue/variable_lookup.h"
+#include "catalogue/wide_values.h"
 #include "frame/caller_memory.h"
 #include "frame/opening.h"
 
 namespace {
 
-// What of a name does not fit its field, once it is converted, is refused rather than cut: a cut name means another
-// printer or another user.
 template <DWORD size>
 Status ConvertName(const WCHAR* callersName, char (&name)[size]) {
-    WCHAR wide[size];
-    switch (ReadCallerText(wide, size, callersName)) {
+    switch (ReadCallerName(name, callersName)) {
     case CallerText::Read:
-        break;
+        return TVS_OK;
     case CallerText::Fault:
         return TVS_E_FAULT;
     case CallerText::TooLong:
-        return TVS_E_UNAVAILABLE;
+        break;
     }
-    // What the code page does not have becomes its default character; the flag for that says no more, and UTF-8 refuses
-    // it.
-    if (WideCharToMultiByte(CP_ACP, 0, wide, -1, name, size, nullptr, nullptr) != 0) return TVS_OK;
-    name[0] = '\0';
     return TVS_E_UNAVAILABLE;
 }
 
@@ -47,6 +43,16 @@ int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar*
 int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName, uint32_t clientKind,
                                 TvsManager* manager) {
     return OpenManager(ConvertNames(printerName, userName), clientKind, manager);
+}
+
+int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideChar* variable, void* buffer, uint32_t size,
+                                   uint32_t* returnedSize) {
+    return ServeRead(manager, variable, buffer, size, returnedSize, ReadWide<ReadCurrent>);
+}
+
+int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                      uint32_t size) {
+    return ServeWideWrite(manager, variable, data, size, UpdateValue);
 }
 
 int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable, _SYSTEMTIME* writeTime) {

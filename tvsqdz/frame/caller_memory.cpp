@@ -35,8 +35,21 @@ CallerText ReadText(Character* buffer, SIZE_T capacity, const Character* from) {
         length += piece;
         piece = capacity;
     }
-    if (capacity > 0) buffer[0] = 0;
     return CallerText::TooLong;
+}
+
+template <typename Character>
+CallerText ReadWholeText(Character* buffer, SIZE_T capacity, const Character* from) {
+    const CallerText result = ReadText(buffer, capacity, from);
+    if (result == CallerText::TooLong && capacity > 0) buffer[0] = 0;
+    return result;
+}
+
+// Terminated behind the last character that may be looked at.
+template <typename Character>
+bool CopyText(Character* buffer, SIZE_T limit, const Character* from) {
+    buffer[limit] = 0;
+    return ReadText(buffer, limit, from) != CallerText::Fault;
 }
 
 } // namespace
@@ -50,9 +63,29 @@ bool CopyToCaller(void* to, const void* from, SIZE_T size) {
 }
 
 CallerText ReadCallerText(char* buffer, SIZE_T capacity, const char* from) {
-    return ReadText(buffer, capacity, from);
+    return ReadWholeText(buffer, capacity, from);
 }
 
 CallerText ReadCallerText(WCHAR* buffer, SIZE_T capacity, const WCHAR* from) {
-    return ReadText(buffer, capacity, from);
+    return ReadWholeText(buffer, capacity, from);
+}
+
+CallerText ReadCallerName(char* buffer, int capacity, const WCHAR* from) {
+    WCHAR wide[kNameSizeMax];
+    buffer[0] = '\0';
+    const CallerText result = ReadCallerText(wide, static_cast<SIZE_T>(capacity), from);
+    if (result != CallerText::Read) return result;
+    // What the code page does not have becomes its default character; the flag for that says no more, and UTF-8 refuses
+    // it.
+    if (WideCharToMultiByte(CP_ACP, 0, wide, -1, buffer, capacity, nullptr, nullptr) != 0) return CallerText::Read;
+    buffer[0] = '\0';
+    return CallerText::TooLong;
+}
+
+bool CopyCallerText(char* buffer, SIZE_T limit, const char* from) {
+    return CopyText(buffer, limit, from);
+}
+
+bool CopyCallerText(WCHAR* buffer, SIZE_T limit, const WCHAR* from) {
+    return CopyText(buffer, limit, from);
 }

@@ -21,3 +21,18 @@ enum class CallerText {
 // touched before the text was seen to reach it.
 CallerText ReadCallerText(char* buffer, SIZE_T capacity, const char* from);
 CallerText ReadCallerText(WCHAR* buffer, SIZE_T capacity, const WCHAR* from);
+
+// Copies a text that may end without a NUL, at the limit: no character from there on is looked at. The buffer has one
+// character more than the limit, and what is in it is terminated. False on a fault.
+bool CopyCallerText(char* buffer, SIZE_T limit, const char* from);
+bool CopyCallerText(WCHAR* buffer, SIZE_T limit, const WCHAR* from);
+
+// A wide name converted to the ANSI code page. One that does not fit is TooLong rather than cut: a cut name means
+// another printer, user or variable. The buffer then holds no text.
+inline constexpr SIZE_T kNameSizeMax = 260;
+CallerText ReadCallerName(char* buffer, int capacity, const WCHAR* from);
+template <SIZE_T size>
+CallerText ReadCallerName(char (&buffer)[size], const WCHAR* from) {
+    static_assert(size <= kNameSizeMax);
+    return ReadCallerName(buffer, static_cast<int>(size), from);
+}

@@ -1,0 +1,370 @@
+// The converters, and the reads and writes that use them, in code pages of one, two and more bytes a character.
+#include "catalogue/converters.h"
+#include "catalogue/status_variable.h"
+#include "machine.h"
+#include "memory_kit.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+using Wide = std::u16string;
+
+// A character of the code page in both forms. The second byte of the one of 932 is a backslash; the one of UTF-8 is a
+// pair of surrogates.
+struct Script {
+    const char* codePage;
+    std::string ansi;
+    Wide wide;
+};
+const Script kScripts[] = {
+    {"1252", "\xF6", u"\u00F6"}, {"932", "\x95\x5C", u"\u8868"}, {"65001", "\xF0\x9F\x98\x80", u"\U0001F600"}};
+
+struct Sample {
+    std::string ansi;
+    Wide wide;
+};
+
+// Some letters, then as many of the script's characters as stay within both limits.
+Sample Cut(const Script& script, size_t letters, size_t characters, size_t bytes, size_t units) {
+    Sample sample;
+    for (size_t i = 0; i < letters + characters; ++i) {
+        const std::string ansi = i < letters ? "a" : script.ansi;
+        const Wide wide = i < letters ? u"a" : script.wide;
+        if (sample.ansi.size() + ansi.size() > bytes || sample.wide.size() + wide.size() > units) break;
+        sample.ansi += ansi;
+        sample.wide += wide;
+    }
+    return sample;
+}
+
+struct FieldRow {
+    size_t ansi, wide, characters;
+};
+struct NumbersRow {
+    size_t ansi, wide, count;
+};
+struct RecordRow {
+    const char* variable;
+    ConvertProc toWide, toAnsi;
+    size_t ansiSize, wideSize;
+    std::vector<FieldRow> texts;
+    NumbersRow numbers;
+};
+const std::vector<RecordRow> kRecords = {
+    {"SendingJobInfo", JobRecordToWide, JobRecordToAnsi, 292, 580, {{0, 0, 256}, {256, 512, 32}}, {288, 576, 1}},
+    {"PrintingJobInfo", PrintingJobToWide, PrintingJobToAnsi, 296, 584, {{0, 0, 256}, {256, 512, 32}}, {288, 576, 2}},
+    {"PrintingJobInfo2",
+     PrintingJob2ToWide,
+     PrintingJob2ToAnsi,
+     320,
+     608,
+     {{0, 0, 256}, {256, 512, 32}},
+     {288, 576, 8}},
+    {"Port", PortToWide, PortToAnsi, 260, 516, {{4, 4, 128}, {132, 260, 128}}, {0, 0, 1}},
+    {"PortEx", PortExToWide, PortExToAnsi, 264, 520, {{8, 8, 128}, {136, 264, 128}}, {0, 0, 2}},
+};
+
+// Both forms of a record with these texts in its fields. filler: what follows a text in its field.
+struct Forms {
+    Bytes ansi, wide;
+};
+Forms FormsOf(const RecordRow& row, const std::vector<Sample>& texts, uint8_t filler) {
+    Forms forms{Bytes(row.ansiSize, filler), Bytes(row.wideSize, filler)};
+    for (size_t i = 0; i < row.texts.size(); ++i) {
+        const FieldRow& field = row.texts[i];
+        const size_t bytes = std::min(texts[i].ansi.size() + 1, field.characters);
+        const size_t units = std::min(texts[i].wide.size() + 1, field.characters);
+        std::memcpy(forms.ansi.data() + field.ansi, texts[i].ansi.c_str(), bytes);
+        std::memcpy(forms.wide.data() + field.wide, texts[i].wide.c_str(), 2 * units);
+    }
+    for (uint32_t i = 0; i < row.numbers.count; ++i) {
+        const uint32_t number = 0x01020304 * (i + 1);
+        std::memcpy(forms.ansi.data() + row.numbers.ansi + 4 * i, &number, 4);
+        std::memcpy(forms.wide.data() + row.numbers.wide + 4 * i, &number, 4);
+    }
+    return forms;
+}
+
+Forms OrdinaryForms(const RecordRow& row, const Script& script) {
+    return FormsOf(row, {Cut(script, 3, 5, 100, 100), Cut(script, 1, 2, 100, 100)}, 0);
+}
+
+Forms QueueOf(const Script& script, uint32_t count) {
+    Forms queue{Number(count), Number(count)};
+    for (uint32_t i = 0; i < count; ++i) {
+        const Forms entry = FormsOf(kRecords[0], {Cut(script, i, 9, 99, 99), Cut(script, 0, i, 99, 99)}, 0);
+        queue.ansi = Joined({queue.ansi, entry.ansi});
+        queue.wide = Joined({queue.wide, entry.wide});
+    }
+    return queue;
+}
+
+Bytes WideBytes(const Wide& text) { // with its NUL
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
+    return Bytes(bytes, bytes + 2 * (text.size() + 1));
+}
+
+// A buffer that ends where memory does, with the byte 'x' in it and before it.
+struct GuardedBuffer {
+    GuardedBuffer(BadMemory& memory, size_t size) : data(memory.AtEnd(size)), bytes(size) {
+        std::memset(data - kBefore, 'x', kBefore + size);
+    }
+    // It holds these bytes and nothing else was touched.
+    void ExpectOnly(Bytes expected) {
+        expected.insert(expected.begin(), kBefore, 'x');
+        expected.resize(kBefore + bytes, 'x');
+        EXPECT_EQ(Bytes(data - kBefore, data + bytes), expected);
+    }
+    static constexpr size_t kBefore = 64;
+    unsigned char* data;
+    size_t bytes;
+};
+
+void CheckFields(const Script& script) {
+    for (const RecordRow& row : kRecords)
+        for (size_t letters = 0; letters < 4; ++letters)
+            for (size_t characters = 0; characters <= row.texts[0].characters; ++characters) {
+                std::vector<Sample> asked, narrow, wide;
+                std::vector<Sample> full;
+                for (const FieldRow& field : row.texts) {
+                    const size_t most = field.characters;
+                    asked.push_back(Cut(script, letters, characters, SIZE_MAX, most)); // fills the wide field
+                    narrow.push_back(Cut(script, letters, characters, most - 1, most));
+                    full.push_back(Cut(script, letters, characters, most, SIZE_MAX)); // fills the ANSI field
+                    wide.push_back(Cut(script, letters, characters, most, most - 1));
+                }
+                uint32_t size = 0;
+                Bytes ansi(row.ansiSize, 'x');
+                Bytes source = FormsOf(row, asked, 0xEE).wide;
+                ASSERT_EQ(row.toAnsi(source.data(), ansi.data(), static_cast<uint32_t>(row.wideSize), &size), TVS_OK);
+                ASSERT_EQ(size, row.ansiSize);
+                ASSERT_EQ(ansi, FormsOf(row, narrow, 0).ansi) << row.variable << " " << letters << " " << characters;
+                Bytes converted(row.wideSize, 'x');
+                source = FormsOf(row, full, 0xEE).ansi;
+                ASSERT_EQ(row.toWide(converted.data(), source.data(), static_cast<uint32_t>(row.wideSize), &size),
+                          TVS_OK);
+                ASSERT_EQ(size, row.wideSize);
+                ASSERT_EQ(converted, FormsOf(row, wide, 0).wide) << row.variable << " " << letters << " " << characters;
+            }
+}
+
+const Script& ScriptOf(const Child& child) {
+    return *std::find_if(std::begin(kScripts), std::end(kScripts),
+                         [&](const Script& script) { return child.arguments[0] == script.codePage; });
+}
+
+// What GetPrinterStatusW must say of a value of these forms for every size of the buffer.
+void CheckReads(TvsManager manager, const Wide& variable, const Bytes& whole, bool isQueue) {
+    BadMemory memory;
+    for (uint32_t bytes = 0; bytes <= whole.size() + 2; ++bytes) {
+        SCOPED_TRACE("size " + std::to_string(bytes));
+        const bool fits = bytes >= whole.size();
+        uint32_t size = 77;
+        GuardedBuffer buffer(memory, bytes);
+        EXPECT_EQ(GetPrinterStatusW(manager, variable.c_str(), buffer.data, bytes, &size),
+                  fits ? TVS_OK : TVS_E_MEMORY);
+        EXPECT_EQ(size, whole.size());
+        buffer.ExpectOnly(fits ? whole : Bytes(whole.begin(), whole.begin() + (isQueue && bytes >= 4 ? 4 : 0)));
+    }
+}
+
+// Writes the value with every size and reads what was stored by the ANSI form.
+void CheckWrites(TvsManager manager, const Wide& variable, const Forms& forms) {
+    const std::string name(variable.begin(), variable.end());
+    BadMemory memory;
+    Bytes stored = Read(manager, name, 4000).bytes;
+    for (uint32_t bytes = 0; bytes <= forms.wide.size() + 2; ++bytes) {
+        SCOPED_TRACE("size " + std::to_string(bytes));
+        GuardedBuffer value(memory, bytes);
+        std::memcpy(value.data, forms.wide.data(), std::min<size_t>(bytes, forms.wide.size()));
+        const bool fits = bytes >= forms.wide.size();
+        EXPECT_EQ(UpdatePrinterStatusW(manager, variable.c_str(), value.data, bytes), fits ? TVS_OK : TVS_E_MEMORY);
+        if (fits) std::copy(forms.ansi.begin(), forms.ansi.end(), stored.begin());
+        stored.resize(fits ? forms.ansi.size() : stored.size());
+        stored.resize(4000, 0xEE);
+        EXPECT_EQ(Read(manager, name, 4000).bytes, stored);
+    }
+}
+
+void CheckText(TvsManager manager, const Script& script) {
+    BadMemory memory;
+    const Sample text = Cut(script, 1, 12, 99, 99);
+    const Bytes wide = WideBytes(text.wide);
+    for (uint32_t bytes = 0; bytes <= wide.size() + 2; ++bytes) {
+        SCOPED_TRACE("size " + std::to_string(bytes));
+        const size_t room = bytes / 2;
+        // A text may take more bytes than it has characters; one that is not terminated loses its last character.
+        GuardedBuffer value(memory, bytes);
+        std::memcpy(value.data, wide.data(), std::min<size_t>(bytes, wide.size()));
+        EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", value.data, bytes),
+                  room > 0 ? TVS_OK : TVS_E_MEMORY);
+        if (room > 0) {
+            const Bytes kept = BytesOf(Cut(script, 1, 12, 99, room - 1).ansi);
+            const ReadResult narrow = Read(manager, "PrinterLocation", 260);
+            EXPECT_EQ(Bytes(narrow.bytes.begin(), narrow.bytes.begin() + narrow.returnedSize), kept);
+        }
+
+        EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", wide.data(), static_cast<uint32_t>(wide.size())),
+                  TVS_OK);
+        GuardedBuffer buffer(memory, bytes);
+        uint32_t size = 77;
+        const int32_t status = GetPrinterStatusW(manager, u"PrinterLocation", buffer.data, bytes, &size);
+        EXPECT_EQ(status, bytes == 0 ? TVS_E_MEMORY : room > text.wide.size() ? TVS_OK : TVS_E_SIZE);
+        EXPECT_EQ(size, bytes == 0 ? 520 : 2 * bytes);
+        buffer.ExpectOnly(room > 0 ? WideBytes(Cut(script, 1, 12, 99, room - 1).wide) : Bytes{});
+    }
+    // More than the field takes is cut to it, and a text that fills it is read whole.
+    const Bytes longText = WideBytes(Cut(script, 1, 300, SIZE_MAX, 259).wide);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", longText.data(), 520), TVS_OK);
+    Bytes whole(600);
+    uint32_t size = 0;
+    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterLocation", whole.data(), 600, &size), TVS_OK);
+    whole.resize(2 * (Wide(reinterpret_cast<const char16_t*>(whole.data())).size() + 1));
+    EXPECT_EQ(whole, WideBytes(Cut(script, 1, 300, 259, 259).wide));
+}
+
+CHILD_PROCESS(ReadsAndWrites) {
+    const Library library;
+    const Script& script = ScriptOf(child);
+    const TvsManager manager = OpenPrinter();
+    const RecordRow& sending = kRecords[0];
+    const RecordRow& printing = kRecords[1];
+    const RecordRow& port = kRecords[3];
+    for (const RecordRow* row : {&sending, &printing, &port}) {
+        const Forms forms = OrdinaryForms(*row, script);
+        const Wide name(row->variable, row->variable + std::strlen(row->variable));
+        CheckWrites(manager, name, forms);
+        CheckReads(manager, name, forms.wide, false);
+    }
+    // Composites: the member that was just written, and numbers as they were at first.
+    const Bytes printed = OrdinaryForms(printing, script).wide;
+    CheckReads(manager, u"PrintingJobInfo2", Joined({printed, Bytes(24)}), false);
+    CheckReads(manager, u"PortEx", Joined({Number(0), OrdinaryForms(port, script).wide}), false);
+    for (uint32_t count : {3u, 0u}) {
+        const Forms queue = QueueOf(script, count);
+        CheckWrites(manager, u"PrinterQueue", queue);
+        CheckReads(manager, u"PrinterQueue", queue.wide, true);
+    }
+    CheckText(manager, script);
+    return testing::Test::HasFailure() ? 1 : 0;
+}
+
+CHILD_PROCESS(ChecksFields) {
+    CheckFields(ScriptOf(child));
+    return testing::Test::HasFailure() ? 1 : 0;
+}
+
+void RunInEachCodePage(const char* procedure) {
+    for (const Script& script : kScripts) {
+        TestProcess process(procedure, {script.codePage}, {{"ORIEL_ANSI_CODE_PAGE", script.codePage}});
+        const std::string output = process.HearAll();
+        EXPECT_EQ(process.Wait(), 0) << script.codePage << "\n" << output << process.Errors();
+    }
+}
+
+} // namespace
+
+TEST(Wide, RecordsAreConvertedFieldByFieldAndCutAtWholeCharacters) {
+    RunInEachCodePage("ChecksFields");
+}
+
+// What no export asks a converter.
+TEST(Wide, ConvertersAnswerForAbsentBuffers) {
+    Bytes buffer(1000);
+    struct Row {
+        ConvertProc convert;
+        void *wide, *ansi;
+        uint32_t size;
+        int32_t status;
+        uint32_t outSize;
+    };
+    const Row rows[] = {
+        {PortToWide, buffer.data(), nullptr, 515, TVS_E_MEMORY, 516},
+        {PortToWide, buffer.data(), nullptr, 516, TVS_E_FAULT, 0},
+        {JobRecordToAnsi, nullptr, nullptr, 580, TVS_E_MEMORY, 292},
+        {JobRecordToAnsi, buffer.data(), buffer.data(), 579, TVS_E_MEMORY, 292},
+        {JobQueueToWide, nullptr, nullptr, 9, TVS_E_FAULT, 0},
+        {JobQueueToAnsi, nullptr, buffer.data(), 9, TVS_E_FAULT, 0},
+        {StringToWide, nullptr, nullptr, 260, TVS_E_MEMORY, 520},
+        {StringToWide, buffer.data(), nullptr, 260, TVS_E_FAULT, 0},
+        {StringToAnsi, nullptr, nullptr, 520, TVS_E_MEMORY, 260},
+        {StringToAnsi, nullptr, buffer.data(), 520, TVS_E_FAULT, 0},
+    };
+    for (const Row& row : rows) {
+        uint32_t outSize = 77;
+        EXPECT_EQ(row.convert(row.wide, row.ansi, row.size, &outSize), row.status) << &row - rows;
+        EXPECT_EQ(outSize, row.outSize) << &row - rows;
+    }
+}
+
+TEST(Wide, ReadsAndWritesKeepToTheirBuffersAndToWholeCharacters) {
+    SetUpProduct();
+    const Service service;
+    RunInEachCodePage("ReadsAndWrites");
+}
+
+TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    uint32_t value = 5;
+    uint32_t size = 77;
+    EXPECT_EQ(UpdatePrinterStatusW(manager, u"JobStatus", &value, 4), TVS_OK);
+    value = 0;
+    EXPECT_EQ(GetPrinterStatusW(manager, u"JobStatus", &value, 4, &size), TVS_OK);
+    EXPECT_EQ(value, 5u);
+    EXPECT_EQ(GetPrinterStatusW(manager, u"JobStatus", nullptr, 9, &size), TVS_E_SIZE);
+    EXPECT_EQ(size, 4u);
+    EXPECT_EQ(GetPrinterStatusW(manager, u"AccessControlList", &value, 4, &size), TVS_E_UNKNOWN);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(GetPrinterStatusW(0, u"JobStatus", &value, 4, &size), TVS_E_HANDLE);
+    EXPECT_EQ(UpdatePrinterStatusW(0, u"JobStatus", &value, 4), TVS_E_HANDLE);
+    for (const Wide& name : {Wide(u"Nothing"), Wide(u""), Wide(31, u'a'), Wide(32, u'a'), Wide(5000, u'a')}) {
+        EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), &value, 4, &size), TVS_E_UNKNOWN);
+        EXPECT_EQ(UpdatePrinterStatusW(manager, name.c_str(), &value, 4), TVS_E_UNKNOWN);
+    }
+    // A count that promises more than the value, and than the buffer, has.
+    const Bytes lying = Joined({Number(0xFFFFFFFF), Bytes(1000)});
+    EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterQueue", lying.data(), 1004), TVS_E_MEMORY);
+    EXPECT_EQ(Update(manager, "PrinterQueue", Number(1)), TVS_OK);
+    Bytes queue(584, 'x');
+    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterQueue", queue.data(), 584, &size), TVS_OK);
+    EXPECT_EQ(queue, Joined({Number(1), Bytes(580)}));
+    EXPECT_EQ(Update(manager, "PrinterQueue", Number(0xFFFFFFFF)), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterQueue", queue.data(), 584, &size), TVS_E_MEMORY);
+    EXPECT_EQ(size, 0xFFFFFFFFu);
+}
+
+TEST(Wide, BadPointersAreFaults) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    BadMemory memory;
+    struct Row {
+        const char16_t* variable;
+        uint32_t size;
+    };
+    const Bytes none(4);
+    EXPECT_EQ(Update(manager, "PrinterQueue", none), TVS_OK);
+    for (const Row& row : {Row{u"SendingJobInfo", 580}, Row{u"PrinterQueue", 4}})
+        for (const AddressCase& memoryCase : memory.Kinds(row.size)) {
+            SCOPED_TRACE(memoryCase.kind + std::to_string(row.size));
+            if (memoryCase.size != row.size) continue;
+            uint32_t size = 77;
+            const int32_t read = GetPrinterStatusW(manager, row.variable, memoryCase.address, row.size, &size);
+            EXPECT_EQ(read, memoryCase.writable ? TVS_OK : memoryCase.address == nullptr ? TVS_E_MEMORY : TVS_E_FAULT);
+            if (read == TVS_E_FAULT) {
+                EXPECT_EQ(size, 0u);
+            }
+            std::memset(memory.GoodPage(), 0, 4096); // texts that end, queues without entries
+            const int32_t written = UpdatePrinterStatusW(manager, row.variable, memoryCase.address, row.size);
+            if (!memoryCase.readable) {
+                EXPECT_EQ(written, TVS_E_FAULT);
+            }
+            EXPECT_EQ(Update(manager, "PrinterQueue", none), TVS_OK);
+        }
+    uint32_t value = 0;
+    EXPECT_EQ(GetPrinterStatusW(manager, u"SendingJobInfo", nullptr, 0, nullptr), TVS_E_FAULT);
+    EXPECT_EQ(GetPrinterStatusW(manager, nullptr, &value, 4, &value), TVS_E_FAULT);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, nullptr, &value, 4), TVS_E_FAULT);
+}
