@@ -2,8 +2,9 @@
  *
  * The contract of the library. If a function does not appear in this file, it is not published.
  *
- * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones, tvsqdz_records.h has the layouts
- * of those that are records; a printer model may add and replace some). A caller opens a manager for one printer, and reads and updates variables through it:
+ * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones, tvsqdz_records.h has the
+ * layouts of those that are records; a printer model may add and replace some). A caller opens a manager for one printer,
+ * and reads and updates variables through it:
  *
  *     TvsManager manager;
  *     if (OpenManagerA("Front desk", NULL, 0, &manager) == TVS_OK) { ... CloseManager(manager); }
@@ -46,7 +47,7 @@ struct _SYSTEMTIME;
 #define TVS_E_HANDLE (-1)            /* the handle is not an open manager of this process */
 #define TVS_E_UNAVAILABLE (-16)      /* a manager cannot be opened: not installed, not initialised, no mutex, list or database */
 #define TVS_E_UNKNOWN (-19)          /* unknown variable, or one that the operation does not serve; client kind above 12 */
-#define TVS_E_MEMORY (-33)           /* out of memory; the printer's variables cannot be determined; no room for a wide record */
+#define TVS_E_MEMORY (-33)           /* out of memory; the printer's variables cannot be determined; a wide value too short */
 #define TVS_E_FAULT (-34)            /* the caller's memory cannot be read or written */
 #define TVS_E_SIZE (-36)             /* no buffer, or one too small: the returned size tells what is needed or was written */
 #define TVS_E_REQUEST_LOCK (-38)     /* the request lock cannot be had */
@@ -106,14 +107,14 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* va
 
 /* Reads the wide form of a value. The name has up to 31 characters.
  *
- * A string and the records of tvsqdz_records.h come in their wide form, every other value as GetPrinterStatusA gives it.
- * A wide string always makes the returned size twice the size of the buffer; with no buffer it is the size of the whole
- * field. It ends at its NUL; where the buffer is too small it is cut at a whole character and terminated, and the status is
- * TVS_E_SIZE. A record or a queue comes whole or not at all: with no buffer, or one too small, the status is TVS_E_MEMORY and
- * the returned size the one needed; of a queue the count is written even then.
+ * Strings and the records of tvsqdz_records.h come in their wide form, every other value as GetPrinterStatusA gives it.
+ * A string ends at its NUL; in a buffer that is too small it is cut at a whole character and terminated, and the status is
+ * TVS_E_SIZE. Its returned size is twice that of the buffer; with no buffer it is that of the whole wide field, and the
+ * status TVS_E_MEMORY. A record or a queue comes whole or not at all: with no buffer, or one too small, the status is
+ * TVS_E_MEMORY and the returned size the one needed; of a queue the count is written even then.
  *
- * Returns what GetPrinterStatusA returns, but for a string or record that could not be fetched from the service an empty one
- * and the status of its conversion. */
+ * Returns what GetPrinterStatusA returns; but a string or record of fixed size that the service did not give is an empty
+ * one, and the status that of its conversion. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideChar* variable, void* buffer,
                                               uint32_t size, uint32_t* returnedSize);
 
@@ -195,10 +196,12 @@ TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const ch
 /* Takes the result of an asynchronous write request, once. One that has not finished is taken too.
 /* Stores the wide form of a value. The name has up to 31 characters.
  *
- * data is converted as GetPrinterStatusW tells: a string, which need not be terminated, or a record of at least its wide size;
- * a queue has as many entries as it counts. Text that does not fit its field in the ANSI code page is cut at a whole
- * character and terminated; a character that the code page does not have becomes its default character.
- * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a record, a queue or a string that is too short. */
+ * data, size  a string with its NUL (without one it loses its last character); a record of its wide size at least; a queue
+ *             of as many entries as it counts; any other value as UpdatePrinterStatusA takes it
+ *
+ * Text that does not fit its field in the ANSI code page is cut at a whole character and terminated; a character that the
+ * code page does not have becomes its default character.
+ * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a value that ends before its record does. */
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
                                                  uint32_t size);
 
