@@ -118,10 +118,11 @@ Decoded DecodeFields(std::span<const FieldLayout> fields, const uint8_t* record)
 
 Decoded DecodeJobQueue(const Bytes& value) {
     // The count is a writer's word: only entries that are there are shown.
-    const size_t count = std::min<size_t>(NumberAt(value.data(), 32), (value.size() - 4) / sizeof(TvsJobRecord));
+    constexpr size_t kEntries = offsetof(TvsJobQueue, entries);
+    const size_t count = std::min<size_t>(NumberAt(value.data(), 32), (value.size() - kEntries) / sizeof(TvsJobRecord));
     Decoded decoded{.form = Decoded::Form::List};
     for (size_t i = 0; i < count; ++i)
-        decoded.parts.push_back(DecodeFields(kJobFields, value.data() + 4 + i * sizeof(TvsJobRecord)));
+        decoded.parts.push_back(DecodeFields(kJobFields, value.data() + kEntries + i * sizeof(TvsJobRecord)));
     return decoded;
 }
 
@@ -174,7 +175,7 @@ Decoded Decode(const std::vector<Variable>& variables, const Variable& variable,
     case VariableType::Composite:
         return DecodeMembers(variables, variable, value);
     case VariableType::Variable:
-        return IsJobQueue(variable) && value.size() >= 4 ? DecodeJobQueue(value) : bytes;
+        return IsJobQueue(variable) && value.size() >= TVS_JOB_QUEUE_SIZE(0) ? DecodeJobQueue(value) : bytes;
     case VariableType::Queue:
     case VariableType::Unknown:
         return bytes;

@@ -124,26 +124,31 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideC
  * buffer, size, returnedSize  as for GetPrinterStatusA; with no buffer the printer is not asked. A string that is cut is not
  *                             terminated.
  *
- * A variable that a printer cannot be asked for is read as by GetPrinterStatusA.
+ * A variable that a printer cannot be asked for is read as by GetPrinterStatusA. The wide form gives the wide form of the
+ * value, as GetPrinterStatusW does.
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW (the printer side takes no
  * requests), TVS_E_NOT_READY (the port takes none, or the spooler that forwards them is not ready), TVS_E_AUTHORITY,
  * TVS_E_SIZE, the result of the printer side if it is not 0, TVS_E_MEMORY, TVS_E_FAULT, TVS_OK; or an answer of the service
  * or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                                     uint32_t* returnedSize);
+TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, void* buffer,
+                                                    uint32_t size, uint32_t* returnedSize);
 
 /* Writes a value to the printer, and waits until the printer side has answered, for as long as that takes. The value in the
  * database changes when the printer side says so. A write of "RefreshStatus", a text, asks for a refresh instead; it needs no
  * authority. A variable that no printer takes is written by the library's own handler, if it has one.
  *
  * data, size  the value as the variable's type has it; of a variable-length value its payload. A text of a refresh ends at its
- *             NUL or at the size.
+ *             NUL or at the size. The wide form takes the wide form of the value, as UpdatePrinterStatusW does.
  *
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW, TVS_E_AUTHORITY, TVS_E_SIZE (not
  * the size that the variable has), TVS_E_NOT_READY, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NOT_NOW (a refresh, and the spooler takes
  * none), TVS_E_UNKNOWN (the value is not one that the variable takes), the result of the printer side, which is TVS_OK when
  * it has done it; or an answer of the service or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variable, const void* data,
+                                                    uint32_t size);
+TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, const void* data,
                                                     uint32_t size);
 
 /* Tells when a variable was last written, readable or not. The wide form takes names of up to 31 characters.

@@ -1,8 +1,9 @@
 // The converters, and the reads and writes that use them, in code pages of one, two and more bytes a character.
 #include "catalogue/converters.h"
-#include "catalogue/status_variable.h"
+#include "catalogue/variable_table.h"
 #include "machine.h"
 #include "memory_kit.h"
+#include "printer_side.h"
 
 #include <algorithm>
 #include <cstring>
@@ -324,6 +325,27 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
         EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), &value, 4, &size), TVS_E_UNKNOWN);
         EXPECT_EQ(UpdatePrinterStatusW(manager, name.c_str(), &value, 4), TVS_E_UNKNOWN);
     }
+    // Every variable that can be read tells its size in both forms, and has its first value in them.
+    for (uint32_t i = 0; i < CountStatusVariables(); ++i) {
+        const StatusVariableDef& row = kStatusVariables[i];
+        if ((row.flags & SVF_READABLE) == 0) continue;
+        SCOPED_TRACE(row.name);
+        const auto record = std::find_if(kRecords.begin(), kRecords.end(), [&](const RecordRow& known) {
+            return std::string(known.variable) == row.name;
+        });
+        const ReadResult narrow = Read(manager, row.name, 700);
+        const uint32_t narrowSize = Read(manager, row.name, 0).returnedSize;
+        const bool isText = TypeOf(row) == SVT_STRING && row.toWide != nullptr;
+        const Wide name(row.name, row.name + std::strlen(row.name));
+        Bytes wide(700, 0xEE);
+        EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), nullptr, 0, &size), row.toWide ? TVS_E_MEMORY : TVS_E_SIZE);
+        EXPECT_EQ(size, record != kRecords.end() ? record->wideSize : isText ? 2 * narrowSize : narrowSize);
+        EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), wide.data(), 700, &size), TVS_OK);
+        EXPECT_EQ(size, record != kRecords.end() ? record->wideSize : isText ? 1400 : narrow.returnedSize);
+        if (record == kRecords.end() && !isText) {
+            EXPECT_EQ(wide, narrow.bytes);
+        }
+    }
     // A count that promises more than the value, and than the buffer, has.
     const Bytes lying = Joined({Number(0xFFFFFFFF), Bytes(1000)});
     EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterQueue", lying.data(), 1004), TVS_E_MEMORY);
@@ -334,6 +356,36 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
     EXPECT_EQ(Update(manager, "PrinterQueue", Number(0xFFFFFFFF)), TVS_OK);
     EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterQueue", queue.data(), 584, &size), TVS_E_MEMORY);
     EXPECT_EQ(size, 0xFFFFFFFFu);
+}
+
+TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
+    const Product product;
+    AddDirectVariables();
+    const TvsManager manager = OpenPrinter();
+    const ManagerRecord* record = RecordOf(manager);
+    SetReady(manager);
+    const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
+        if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
+        return 0;
+    });
+    uint32_t value = 0;
+    uint32_t size = 77;
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"DNumber", &value, 4, &size), TVS_OK);
+    EXPECT_EQ(value, 11u);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"DNumber", &value, 8), TVS_E_SIZE);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"DNumber", &value, 4), TVS_OK);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"JobStatus", &value, 4), TVS_E_UNKNOWN);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"RefreshStatus", u"B\u00FCro", 10), TVS_OK);
+    const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
+    EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
+    // What no printer is asked for is read as GetPrinterStatusW reads it.
+    const Bytes job = OrdinaryForms(kRecords[0], kScripts[0]).wide;
+    EXPECT_EQ(UpdatePrinterStatusW(manager, u"SendingJobInfo", job.data(), 580), TVS_OK);
+    Bytes buffer(580);
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"SendingJobInfo", buffer.data(), 580, &size), TVS_OK);
+    EXPECT_EQ(buffer, job);
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"SendingJobInfo", buffer.data(), 300, &size), TVS_E_MEMORY);
+    EXPECT_EQ(size, 580u);
 }
 
 TEST(Wide, BadPointersAreFaults) {

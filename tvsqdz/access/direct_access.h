@@ -13,7 +13,7 @@ Status ReadDirect(ManagerRecord* manager, const StatusVariableDef& variable, con
                   uint32_t* returned, bool* returnedWritten);
 
 // data: the caller's. A variable that the printer does not take is given to its handler; TVS_E_UNKNOWN when it has
-// none.
+// none, and for one that is not writable.
 Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size);
 
 // Has the printer asked, by the manager's path, and waits for the result, which is the status. TVS_E_NOT_READY when a

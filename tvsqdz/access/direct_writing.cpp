@@ -29,6 +29,7 @@ Status CheckWrite(const ManagerRecord* manager, const StatusVariableDef& variabl
 } // namespace
 
 Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size) {
+    if ((variable.flags & SVF_WRITABLE) == 0) return TVS_E_UNKNOWN;
     if ((variable.flags & SVF_DIRECT) == 0) return WriteByHandler(manager, variable, data, size);
     if (const Status status = CheckWrite(manager, variable, size); status != TVS_OK) return status;
     CallerValue value(data, size); // before anybody is held up
@@ -45,6 +46,5 @@ int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variabl
     if (!call) return TVS_E_HANDLE;
     const StatusVariableDef* found = nullptr;
     if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK) return status;
-    if ((found->flags & SVF_WRITABLE) == 0) return TVS_E_UNKNOWN;
     return WriteDirect(call.Manager(), *found, data, size);
 }

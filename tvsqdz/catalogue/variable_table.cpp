@@ -348,6 +348,17 @@ consteval bool EveryFixedSizeHasAValue() {
 }
 static_assert(EveryFixedSizeHasAValue());
 
+consteval uint32_t SizeOf(std::string_view name) {
+    for (uint32_t i = 0; i < kRowCount; ++i)
+        if (kStatusVariables[i].name == name) return kStatusVariables[i].size;
+    return 0;
+}
+static_assert(SizeOf("SendingJobInfo") == sizeof(TvsJobRecord));
+static_assert(SizeOf("PrintingJobInfo") == sizeof(TvsPrintingJobRecord));
+static_assert(SizeOf("PrintingJobInfo2") == sizeof(TvsPrintingJobRecord2));
+static_assert(SizeOf("CoverageInfo") == sizeof(TvsPrintingJobRecord2::coverage));
+static_assert(SizeOf("Port") == sizeof(TvsPortRecord) && SizeOf("PortEx") == sizeof(TvsPortExRecord));
+
 consteval bool ConvertedStringsFitTheirConverters() {
     for (uint32_t i = 0; i < kRowCount; ++i)
         if (kStatusVariables[i].toAnsi == StringToAnsi && kStatusVariables[i].size > kStringSizeMax) return false;

@@ -1,5 +1,6 @@
 // The wide exports: names, and values that have a wide form, are converted to the ANSI code page or from it, and the
 // rest is what the ANSI forms do.
+#include "access/direct_access.h"
 #include "access/reading.h"
 #include "access/updating.h"
 #include "access/write_time.h"
@@ -48,6 +49,16 @@ int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideCha
 int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideChar* variable, void* buffer, uint32_t size,
                                    uint32_t* returnedSize) {
     return ServeRead(manager, variable, buffer, size, returnedSize, ReadWide<ReadCurrent>);
+}
+
+int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, void* buffer, uint32_t size,
+                                         uint32_t* returnedSize) {
+    return ServeRead(manager, variable, buffer, size, returnedSize, ReadWide<ReadDirect>);
+}
+
+int32_t TVS_CALL SetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                         uint32_t size) {
+    return ServeWideWrite(manager, variable, data, size, WriteDirect);
 }
 
 int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
