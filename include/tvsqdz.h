@@ -251,6 +251,10 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationEventA(TvsManager manager, const char
                                                   TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationEventExA(TvsManager manager, uint32_t count, const char* variables,
                                                     void* const* events, TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationEventW(TvsManager manager, const TvsWideChar* variable, void* event,
+                                                  TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationEventExW(TvsManager manager, uint32_t count, const TvsWideChar* variables,
+                                                    void* const* events, TvsRegistration* registration);
 
 /* The same by a message that is posted to a window (an HWND) with both parameters 0. The Ex form has a message number for
  * each variable. A window that is gone or has a full queue is not told.
@@ -263,6 +267,10 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationMsgA(TvsManager manager, const char* 
                                                 TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExA(TvsManager manager, uint32_t count, const char* variables, void* window,
                                                   const uint32_t* messages, TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationMsgW(TvsManager manager, const TvsWideChar* variable, void* window,
+                                                uint32_t message, TvsRegistration* registration);
+TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExW(TvsManager manager, uint32_t count, const TvsWideChar* variables,
+                                                  void* window, const uint32_t* messages, TvsRegistration* registration);
 
 /* The same by a call of a function. withoutValue: not 0 when the function needs no value, which saves reading it. A null
  * function is TVS_E_FAULT. */

@@ -3,6 +3,8 @@
 #include "catalogue/variable_table.h"
 #include "machine.h"
 #include "memory_kit.h"
+#include "notification_kit.h"
+#include "notify/registration_record.h"
 #include "printer_side.h"
 
 #include <algorithm>
@@ -386,6 +388,42 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     EXPECT_EQ(buffer, job);
     EXPECT_EQ(GetPrinterStatusDirectW(manager, u"SendingJobInfo", buffer.data(), 300, &size), TVS_E_MEMORY);
     EXPECT_EQ(size, 580u);
+}
+
+TEST(Wide, RegistrationsAreMadeByWideNames) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    void* const events[] = {event, event};
+    const uint32_t messages[] = {kMessage, kMessage + 1};
+    const HWND window = MakeWindow("Wide");
+    TvsRegistration handles[4] = {};
+    EXPECT_EQ(SetNotificationEventW(manager, u"JobStatus", event, &handles[0]), TVS_OK);
+    EXPECT_EQ(SetNotificationMsgW(manager, u"JobStatus", window, kMessage, &handles[1]), TVS_OK);
+    EXPECT_EQ(SetNotificationEventExW(manager, 2, u"PageCount;LMStatus", events, &handles[2]), TVS_OK);
+    EXPECT_EQ(SetNotificationMsgExW(manager, 2, u"PageCount;LMStatus", window, messages, &handles[3]), TVS_OK);
+    const char* const names[4][2] = {
+        {"JobStatus"}, {"JobStatus"}, {"PageCount", "LMStatus"}, {"PageCount", "LMStatus"}};
+    for (int i = 0; i < 4; ++i)
+        for (uint32_t entry = 0; entry < RegistrationAt(handles[i])->entryCount; ++entry)
+            EXPECT_STREQ(RegistrationAt(handles[i])->entries[entry].variableName, names[i][entry]) << i;
+    EXPECT_EQ(Update(manager, "JobStatus", Number(3)), TVS_OK);
+    EXPECT_EQ(WaitForSingleObject(event, 10000), WAIT_OBJECT_0);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(i % 2 ? KillNotificationMsg(manager, handles[i]) : KillNotificationEvent(manager, handles[i]),
+                  TVS_OK);
+    for (const Wide& name : {Wide(u"Nothing"), Wide(32, u'a'), Wide(70000, u'a')}) {
+        EXPECT_EQ(SetNotificationEventW(manager, name.c_str(), event, handles), TVS_E_UNKNOWN);
+        EXPECT_EQ(SetNotificationMsgW(manager, name.c_str(), window, 1, handles), TVS_E_UNKNOWN);
+        EXPECT_EQ(SetNotificationEventExW(manager, 1, name.c_str(), events, handles), TVS_E_UNKNOWN);
+        EXPECT_EQ(SetNotificationMsgExW(manager, 1, name.c_str(), window, messages, handles), TVS_E_UNKNOWN);
+        EXPECT_EQ(SetNotificationEventW(0, name.c_str(), event, handles), TVS_E_HANDLE);
+        EXPECT_EQ(SetNotificationEventExW(0, 1, name.c_str(), events, handles), TVS_E_HANDLE);
+    }
+    EXPECT_EQ(RegistrationCount(manager), 0);
+    // Without names the list is not looked at.
+    EXPECT_EQ(SetNotificationEventExW(manager, 0, nullptr, nullptr, handles),
+              SetNotificationEventExA(manager, 0, nullptr, nullptr, handles + 1));
 }
 
 TEST(Wide, BadPointersAreFaults) {

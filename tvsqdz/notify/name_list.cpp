@@ -1,12 +1,11 @@
 #include "notify/name_list.h"
 
 #include "frame/caller_memory.h"
-#include "frame/heap.h"
 
 namespace {
 
 constexpr char kSeparator = ';';
-// The text is read into blocks of growing size, for it does not say how long it is. A list of 63 names fits the first
+// A text is read into blocks of growing size, for it does not say how long it is. A list of 63 names fits the first
 // one or two; the last one is more than anybody needs, and bounds what a text without an end costs.
 constexpr SIZE_T kFirstSize = 1024;
 constexpr SIZE_T kLastSize = 65536;
@@ -18,23 +17,15 @@ uint32_t CountNames(const char* text) {
     return count;
 }
 
-} // namespace
-
-NameList::~NameList() {
-    FreeBlock(m_text);
-}
-
-Status NameList::Read(uint32_t count, const char* callersNames) {
-    if (count == 0) return TVS_OK;
+template <typename Character>
+Status CopyLongText(const Character* callersText, HeapBlock* text) {
     for (SIZE_T size = kFirstSize; size <= kLastSize; size *= 8) {
-        HeapBlock block(size);
+        HeapBlock block(size * sizeof(Character));
         if (block.memory == nullptr) return TVS_E_MEMORY;
-        char* text = reinterpret_cast<char*>(block.memory);
-        switch (ReadCallerText(text, size, callersNames)) {
+        switch (ReadCallerText(reinterpret_cast<Character*>(block.memory), size, callersText)) {
         case CallerText::Read:
-            block.Take();
-            m_text = m_rest = text;
-            return CountNames(text) >= count ? TVS_OK : TVS_E_UNKNOWN;
+            text->memory = block.Take();
+            return TVS_OK;
         case CallerText::Fault:
             return TVS_E_FAULT;
         case CallerText::TooLong:
@@ -42,6 +33,39 @@ Status NameList::Read(uint32_t count, const char* callersNames) {
         }
     }
     return TVS_E_UNKNOWN;
+}
+
+} // namespace
+
+Status CopyCallersNames(const char* callersNames, HeapBlock* text) {
+    return CopyLongText(callersNames, text);
+}
+
+Status CopyCallersNames(const WCHAR* callersNames, HeapBlock* text) {
+    HeapBlock wide;
+    if (const Status status = CopyLongText(callersNames, &wide); status != TVS_OK) return status;
+    const auto convert = [&](BYTE* to, int size) {
+        return WideCharToMultiByte(CP_ACP, 0, reinterpret_cast<const WCHAR*>(wide.memory), -1,
+                                   reinterpret_cast<char*>(to), size, nullptr, nullptr);
+    };
+    const int size = convert(nullptr, 0);
+    HeapBlock narrow(static_cast<SIZE_T>(size));
+    if (narrow.memory == nullptr) return TVS_E_MEMORY;
+    if (convert(narrow.memory, size) == 0) return TVS_E_UNKNOWN;
+    text->memory = narrow.Take();
+    return TVS_OK;
+}
+
+NameList::~NameList() {
+    FreeBlock(m_text);
+}
+
+Status NameList::Read(uint32_t count, const char* callersNames) {
+    if (count == 0) return TVS_OK;
+    HeapBlock text;
+    if (const Status status = CopyCallersNames(callersNames, &text); status != TVS_OK) return status;
+    m_text = m_rest = reinterpret_cast<char*>(text.Take());
+    return CountNames(m_text) >= count ? TVS_OK : TVS_E_UNKNOWN;
 }
 
 const char* NameList::Next() {

@@ -1,9 +1,18 @@
 // A caller's list of variable names: one text, the names separated by ";". Empty names are skipped.
 #pragma once
 
+#include "frame/heap.h"
 #include "frame/status.h"
 
+#include <windows.h>
+
 #include <stdint.h>
+
+// Copies a caller's list, of whatever length up to 64 Ki characters, into a block of the heap. The wide one is
+// converted to the ANSI code page. TVS_OK, TVS_E_FAULT, TVS_E_MEMORY, or TVS_E_UNKNOWN when it is longer than any list
+// of names.
+Status CopyCallersNames(const char* callersNames, HeapBlock* text);
+Status CopyCallersNames(const WCHAR* callersNames, HeapBlock* text);
 
 class NameList {
 public:
