@@ -84,7 +84,8 @@ WINBASEAPI BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPS
                                       LPVOID environment, LPCSTR directory, LPSTARTUPINFOA startup,
                                       LPPROCESS_INFORMATION information);
 
-/* access: SYNCHRONIZE, nothing else (ERROR_ACCESS_DENIED). ERROR_INVALID_PARAMETER when there is no such process. */
+/* access: SYNCHRONIZE, PROCESS_QUERY_INFORMATION or both, nothing else (ERROR_ACCESS_DENIED). ERROR_INVALID_PARAMETER
+ * when there is no such process. */
 WINBASEAPI HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD processId);
 
 /* STILL_ACTIVE while it runs. The low 8 bits of what the process returned; the whole code that TerminateProcess gave
@@ -95,6 +96,17 @@ WINBASEAPI BOOL WINAPI GetExitCodeProcess(HANDLE process, LPDWORD exitCode);
 /* Kills it at once; of the own process, none of its clean-up runs. ERROR_ACCESS_DENIED for a handle of OpenProcess and
  * for a process that has ended. */
 WINBASEAPI BOOL WINAPI TerminateProcess(HANDLE process, UINT exitCode);
+
+/* The token of a process: the effective user and groups that its first thread runs with when this is called; of the
+ * own process, without what that thread impersonates. process: GetCurrentProcess(), or a handle with
+ * PROCESS_QUERY_INFORMATION. access: of READ_CONTROL, TOKEN_QUERY, TOKEN_DUPLICATE and TOKEN_IMPERSONATE; others are
+ * ERROR_ACCESS_DENIED. ERROR_INVALID_PARAMETER: the process has ended. Closed with CloseHandle. */
+WINBASEAPI BOOL WINAPI OpenProcessToken(HANDLE process, DWORD access, PHANDLE token);
+
+/* The token that the calling thread impersonates: one given to ImpersonateLoggedOnUser, or else the thread's own
+ * effective user and groups where they differ from the process's. ERROR_NO_TOKEN: it impersonates nobody. thread:
+ * GetCurrentThread() (ERROR_NOT_SUPPORTED for others). A thread may always open its own token, openAsSelf or not. */
+WINBASEAPI BOOL WINAPI OpenThreadToken(HANDLE thread, DWORD access, BOOL openAsSelf, PHANDLE token);
 
 WINBASE_END
 

@@ -1,5 +1,8 @@
 /* Security identifiers, access control lists and security descriptors, in the binary form of Windows (winnt.h has the
- * layouts).
+ * layouts), and what a token says.
+ *
+ * A user of this system is S-1-22-1-uid, a group S-1-22-2-gid. Every user belongs to Everyone (S-1-1-0), Authenticated
+ * Users (S-1-5-11) and Users (S-1-5-32-545), root to Administrators (S-1-5-32-544) too.
  *
  * What these calls read is taken as hostile: counts and sizes are checked before use, and memory that cannot be read
  * makes a record invalid instead of ending the process. What they write to is trusted. Records must be aligned to 4
@@ -37,6 +40,10 @@ WINBASEAPI BOOL WINAPI AddAccessAllowedAce(PACL acl, DWORD revision, DWORD acces
 /* The address of an entry inside the list, which is valid up to there. FALSE with ERROR_INVALID_PARAMETER when there is
  * no such entry or the list is invalid. */
 WINBASEAPI BOOL WINAPI GetAce(PACL acl, DWORD index, LPVOID* ace);
+/* informationClass: AclSizeInformation; information: ACL_SIZE_INFORMATION, length: its bytes or more. FALSE with
+ * ERROR_INVALID_ACL, ERROR_INSUFFICIENT_BUFFER or ERROR_INVALID_PARAMETER. */
+WINBASEAPI BOOL WINAPI GetAclInformation(PACL acl, LPVOID information, DWORD length,
+                                         ACL_INFORMATION_CLASS informationClass);
 
 /* Makes an absolute descriptor without owner, group or lists. revision must be SECURITY_DESCRIPTOR_REVISION
  * (ERROR_UNKNOWN_REVISION). */
@@ -61,6 +68,20 @@ WINBASEAPI DWORD WINAPI GetSecurityDescriptorLength(PSECURITY_DESCRIPTOR descrip
  * ERROR_BAD_DESCRIPTOR_FORMAT when it is self-relative already. */
 WINBASEAPI BOOL WINAPI MakeSelfRelativeSD(PSECURITY_DESCRIPTOR absolute, PSECURITY_DESCRIPTOR selfRelative,
                                           LPDWORD length);
+
+/* TokenUser (TOKEN_USER) or TokenGroups (TOKEN_GROUPS: the effective group first); the SIDs follow in the same block.
+ * Needs TOKEN_QUERY. *needed: bytes of the whole. FALSE with ERROR_INSUFFICIENT_BUFFER or ERROR_INVALID_PARAMETER. */
+WINBASEAPI BOOL WINAPI GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS informationClass, LPVOID information,
+                                           DWORD length, PDWORD needed);
+
+/* The calling thread, and no other, acts as the token's user and groups from now on: in this layer and towards the
+ * system, whose effective ids of the thread become the token's. Needs TOKEN_QUERY and TOKEN_DUPLICATE.
+ * ERROR_PRIVILEGE_NOT_HELD: this process may not take on another user; the thread then acts as before. A thread's
+ * calls of services (rpcdce.h) go on under the process's user. */
+WINBASEAPI BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token);
+/* The thread acts as the process again; TRUE also when it did already. On FALSE it does not, and must do nothing
+ * more in anybody's name. */
+WINBASEAPI BOOL WINAPI RevertToSelf(void);
 
 WINBASE_END
 

@@ -47,6 +47,21 @@ typedef PVOID PSID;
 #define SID_MAX_SUB_AUTHORITIES 15
 #define SECURITY_WORLD_SID_AUTHORITY {{0, 0, 0, 0, 0, 1}}
 #define SECURITY_WORLD_RID 0x00000000L
+#define SECURITY_CREATOR_SID_AUTHORITY {{0, 0, 0, 0, 0, 3}}
+#define SECURITY_CREATOR_OWNER_RID 0x00000000L
+
+/* What a SID stands for. */
+typedef enum _SID_NAME_USE {
+    SidTypeUser = 1,
+    SidTypeGroup = 2,
+    SidTypeAlias = 4,
+    SidTypeWellKnownGroup = 5
+} SID_NAME_USE, *PSID_NAME_USE;
+
+typedef struct _SID_AND_ATTRIBUTES {
+    PSID Sid;
+    DWORD Attributes;
+} SID_AND_ATTRIBUTES, *PSID_AND_ATTRIBUTES;
 
 /* Access control lists: 8 bytes, then the entries back to back. */
 typedef struct _ACL {
@@ -77,6 +92,33 @@ typedef struct _ACCESS_ALLOWED_ACE {
 #define CONTAINER_INHERIT_ACE 0x2
 #define NO_PROPAGATE_INHERIT_ACE 0x4
 #define INHERIT_ONLY_ACE 0x8
+#define INHERITED_ACE 0x10
+
+typedef enum _ACL_INFORMATION_CLASS { AclSizeInformation = 2 } ACL_INFORMATION_CLASS;
+typedef struct _ACL_SIZE_INFORMATION {
+    DWORD AceCount;
+    DWORD AclBytesInUse;
+    DWORD AclBytesFree;
+} ACL_SIZE_INFORMATION, *PACL_SIZE_INFORMATION;
+
+/* Access tokens: who a process or a thread acts as. */
+#define TOKEN_DUPLICATE 0x0002
+#define TOKEN_IMPERSONATE 0x0004
+#define TOKEN_QUERY 0x0008
+#define TOKEN_READ (STANDARD_RIGHTS_READ | TOKEN_QUERY)
+
+typedef enum _TOKEN_INFORMATION_CLASS { TokenUser = 1, TokenGroups = 2 } TOKEN_INFORMATION_CLASS;
+typedef struct _TOKEN_USER {
+    SID_AND_ATTRIBUTES User;
+} TOKEN_USER, *PTOKEN_USER;
+typedef struct _TOKEN_GROUPS {
+    DWORD GroupCount;
+    SID_AND_ATTRIBUTES Groups[1]; /* GroupCount of them */
+} TOKEN_GROUPS, *PTOKEN_GROUPS;
+
+#define SE_GROUP_MANDATORY 0x00000001L
+#define SE_GROUP_ENABLED_BY_DEFAULT 0x00000002L
+#define SE_GROUP_ENABLED 0x00000004L
 
 typedef PVOID PSECURITY_DESCRIPTOR;
 typedef WORD SECURITY_DESCRIPTOR_CONTROL, *PSECURITY_DESCRIPTOR_CONTROL;
@@ -138,6 +180,7 @@ typedef struct _SECURITY_DESCRIPTOR_RELATIVE {
 #define REG_OPENED_EXISTING_KEY 2
 
 /* Processes and files. */
+#define PROCESS_QUERY_INFORMATION 0x0400
 #define PAGE_READONLY 0x02
 #define PAGE_READWRITE 0x04
 #define FILE_SHARE_READ 0x00000001

@@ -35,6 +35,9 @@ typedef struct _PRINTER_DEFAULTSA {
 #define PRINTER_ACCESS_USE 0x00000008
 #define PRINTER_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE)
 
+/* Rights on jobs, as entries of a printer's list give them. */
+#define JOB_ACCESS_ADMINISTER 0x00000010
+
 /* Level 2. On a 64-bit machine 136 bytes: 13 pointers and 8 words; with 32 bits 84. Strings are in the ANSI code page.
  * What the spool does not keep is absent (pDevMode, pSecurityDescriptor) or an empty string. */
 typedef struct _PRINTER_INFO_2A {

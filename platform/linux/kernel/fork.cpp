@@ -8,8 +8,9 @@ namespace oriel {
 namespace {
 
 constexpr const ForkSteps* kSteps[] = {
-    &kServiceFork, &kStoresFork, &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork, &kRpcFork,
-    &kNamesFork,   &kViewsFork,  &kReaperFork,           &kConsoleFork,       &kHandlesFork,      &kThreadFork};
+    &kServiceFork, &kStoresFork, &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,  &kRpcFork,
+    &kNamesFork,   &kViewsFork,  &kReaperFork,           &kConsoleFork,       &kImpersonationFork, &kHandlesFork,
+    &kThreadFork};
 
 void Before() {
     for (const ForkSteps* steps : kSteps)

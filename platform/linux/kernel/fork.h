@@ -24,6 +24,7 @@ extern const ForkSteps kNamesFork;
 extern const ForkSteps kViewsFork;
 extern const ForkSteps kReaperFork;
 extern const ForkSteps kConsoleFork;
+extern const ForkSteps kImpersonationFork;
 extern const ForkSteps kHandlesFork;
 extern const ForkSteps kThreadFork;
 

@@ -7,6 +7,7 @@
 #include "kernel/command_line.h"
 #include "kernel/errors.h"
 #include "kernel/named_object.h"
+#include "security/impersonation.h"
 #include "text/paths.h"
 #include "text/strings.h"
 #include "window/export_guard.h"
@@ -48,11 +49,14 @@ Grab GrabProcess(Object* object, WaitPoint& point, bool goingToSleep) {
     return process.ended.load(std::memory_order_acquire) != 0 ? Grab::Got : Grab::Busy;
 }
 
-constexpr ObjectType kProcessType{.name = "process", .drop = DropProcess, .grab = GrabProcess};
+} // namespace
 
-// Rights that only the handle of CreateProcessA has: OpenProcess gives none but SYNCHRONIZE.
+const ObjectType kProcessType{.name = "process", .drop = DropProcess, .grab = GrabProcess};
+
+namespace {
+
+// A right that only the handle of CreateProcessA has: OpenProcess gives it to nobody.
 constexpr DWORD kTerminateRight = 0x0001;
-constexpr DWORD kQueryRight = 0x0400;
 
 struct SpawnActions {
     posix_spawn_file_actions_t actions;
@@ -163,6 +167,7 @@ BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPRO
     if (path.empty()) return FailProcess(ERROR_INVALID_PARAMETER);
     for (std::string& word : words)
         word = AnsiToUtf8(word);
+    const AsOwnProcess ourselves; // a process is its parent's, whoever the thread acts for
     pid_t id = 0;
     const int error = Spawn(path, words, ownConsole, id);
     return error == 0 ? GiveHandles(id, information) : FailProcess(SpawnError(error, path));
@@ -193,7 +198,8 @@ BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATT
 
 HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
     TerminationHold hold;
-    const DWORD refusal = inherit ? ERROR_NOT_SUPPORTED : access != SYNCHRONIZE ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
+    const bool known = access != 0 && (access & ~DWORD{SYNCHRONIZE | PROCESS_QUERY_INFORMATION}) == 0;
+    const DWORD refusal = inherit ? ERROR_NOT_SUPPORTED : known ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
     if (refusal != ERROR_SUCCESS) {
         SetLastError(refusal);
         return nullptr;
@@ -212,7 +218,7 @@ HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
         return nullptr;
     }
     process->id = id;
-    return NewHandle(process, SYNCHRONIZE);
+    return NewHandle(process, access);
 }
 
 BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
@@ -221,7 +227,7 @@ BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
         *exitCode = STILL_ACTIVE;
         return TRUE;
     }
-    HandleUse<ProcessObject> process(handle, kProcessType, kQueryRight);
+    HandleUse<ProcessObject> process(handle, kProcessType, PROCESS_QUERY_INFORMATION);
     if (!process) return FALSE;
     const bool ended = HasEnded(*process.Get());
     if (ended && !process->exitCodeKnown.load()) return FailProcess(ERROR_ACCESS_DENIED);

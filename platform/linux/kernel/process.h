@@ -19,6 +19,8 @@ struct ProcessObject : Object {
     ProcessObject* next = nullptr;
 };
 
+extern const ObjectType kProcessType;
+
 // From now on, `ended` tells of the end, and a child is reaped then. While a child is watched, the watcher holds one of
 // the references. False when that cannot be done.
 bool WatchProcess(ProcessObject& process);

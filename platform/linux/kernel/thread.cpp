@@ -6,6 +6,7 @@
 
 #include "kernel/errors.h"
 #include "kernel/fork.h"
+#include "security/impersonation.h"
 
 #include <algorithm>
 #include <csignal>
@@ -146,6 +147,7 @@ int StartThread(size_t stackSize, void* (*procedure)(void*), void* argument) {
     for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT, SIGPROF})
         sigdelset(&blocked, fault);
     pthread_attr_setsigmask_np(&attributes, &blocked);
+    const AsOwnProcess ourselves; // a thread begins without its creator's impersonation
     pthread_t thread;
     error = pthread_create(&thread, &attributes, procedure, argument);
     pthread_attr_destroy(&attributes);

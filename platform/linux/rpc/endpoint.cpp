@@ -4,6 +4,7 @@
 #include "directories.h"
 #include "kernel/descriptor.h"
 #include "kernel/termination.h"
+#include "security/impersonation.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -100,6 +101,8 @@ bool IsEndpointName(std::string_view name) {
 }
 
 RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& socket) {
+    // The server takes the one who connects for the client, and hands nothing of one user's to another.
+    const AsOwnProcess ourselves;
     Descriptor folder;
     Descriptor stream;
     sockaddr_un address;

@@ -49,3 +49,13 @@ BOOL WINAPI GetAce(PACL acl, DWORD index, LPVOID* ace) {
     *ace = reinterpret_cast<BYTE*>(acl) + list.EntryOffset(index);
     return TRUE;
 }
+
+BOOL WINAPI GetAclInformation(PACL acl, LPVOID information, DWORD length, ACL_INFORMATION_CLASS informationClass) {
+    if (informationClass != AclSizeInformation || information == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    if (length < sizeof(ACL_SIZE_INFORMATION)) return Fail(ERROR_INSUFFICIENT_BUFFER);
+    const oriel::AclCopy list(acl);
+    if (!list.Valid()) return Fail(ERROR_INVALID_ACL);
+    const auto used = static_cast<DWORD>(list.EntryOffset(list.count));
+    *static_cast<ACL_SIZE_INFORMATION*>(information) = {list.count, used, list.size - used};
+    return TRUE;
+}

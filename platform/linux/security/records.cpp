@@ -57,6 +57,21 @@ SidCopy::SidCopy(const void* sid) {
     if (GuardedRead(bytes + kSidHeaderSize, rest, whole - kSidHeaderSize, &copied)) length = whole;
 }
 
+SidCopy::SidCopy(BYTE authority, std::initializer_list<DWORD> subAuthorities) {
+    std::memset(bytes, 0, kSidHeaderSize);
+    bytes[0] = SID_REVISION;
+    bytes[kSidHeaderSize - 1] = authority;
+    for (const DWORD subAuthority : subAuthorities)
+        std::memcpy(bytes + kSidHeaderSize + bytes[1]++ * sizeof subAuthority, &subAuthority, sizeof subAuthority);
+    length = static_cast<DWORD>(kSidHeaderSize + bytes[1] * sizeof(DWORD));
+}
+
+DWORD SidCopy::SubAuthority(DWORD index) const {
+    DWORD value = 0;
+    std::memcpy(&value, bytes + kSidHeaderSize + index * sizeof value, sizeof value);
+    return value;
+}
+
 bool SidCopy::operator==(const SidCopy& other) const {
     return length == other.length && std::memcmp(bytes, other.bytes, length) == 0;
 }

@@ -5,6 +5,7 @@
 #include <winnt.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 
 namespace oriel {
@@ -18,8 +19,12 @@ struct SidCopy {
     DWORD length = 0; // bytes in use; 0 when there is no valid SID
     alignas(DWORD) BYTE bytes[kMaxSidSize];
 
+    SidCopy() = default;
     explicit SidCopy(const void* sid);
+    SidCopy(BYTE authority, std::initializer_list<DWORD> subAuthorities);
     bool Valid() const { return length != 0; }
+    DWORD SubAuthorities() const { return bytes[1]; }
+    DWORD SubAuthority(DWORD index) const;
     bool operator==(const SidCopy& other) const;
 };
 

@@ -1,17 +1,14 @@
 // The user and the window station of the process, and its environment.
+#include "security/accounts.h"
 #include "system/fail.h"
-#include "text/strings.h"
 
 #include <sysinfoapi.h>
 #include <winstation.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <pwd.h>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -21,21 +18,6 @@ constexpr const char* kDefaultStation = "WinSta0";
 constexpr const char* kNoStation = "none";
 // A value that no handle table gives out, and that fits 32 bits.
 const HWINSTA kStation = ULongToHandle(0xFFFFFFE0U);
-
-// The account's name in the ANSI code page; empty when the user has none.
-std::string AccountName() {
-    std::vector<char> buffer(1024);
-    for (;;) {
-        passwd entry{};
-        passwd* found = nullptr;
-        const int error = getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
-        if (error == ERANGE && buffer.size() < (1U << 20)) {
-            buffer.resize(buffer.size() * 2);
-            continue;
-        }
-        return error == 0 && found != nullptr ? oriel::Utf8ToAnsi(found->pw_name) : std::string();
-    }
-}
 
 const char* StationName() {
     const char* name = std::getenv("ORIEL_WINDOW_STATION");
@@ -52,7 +34,7 @@ BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size) {
     if (size == nullptr || (buffer == nullptr && *size != 0)) return Fail(ERROR_INVALID_PARAMETER);
     try {
         const char* set = std::getenv("ORIEL_LOGON_NAME");
-        const std::string name = set != nullptr && *set != '\0' ? std::string(set) : AccountName();
+        const std::string name = set != nullptr && *set != '\0' ? std::string(set) : oriel::NameOfUser(geteuid());
         if (name.empty()) return Fail(ERROR_NONE_MAPPED);
         const DWORD room = *size;
         *size = static_cast<DWORD>(name.size() + 1);

@@ -1,0 +1,115 @@
+// Credentials by system calls of the thread's own: the C library's setters would change every thread of the process.
+// Keeps nothing.
+#include "security/credentials.h"
+
+#include "kernel/descriptor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <fcntl.h>
+#include <grp.h>
+#include <string>
+#include <string_view>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace oriel {
+namespace {
+
+constexpr long kUnchanged = -1;
+constexpr size_t kStatusChunk = 4096;
+constexpr size_t kEffective = 1; // of the ids in a line: real, effective, saved, file system
+
+bool SetGroups(const std::vector<gid_t>& groups) {
+    return syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
+}
+
+bool SetGroup(gid_t group) {
+    return syscall(SYS_setresgid, kUnchanged, group, kUnchanged) == 0;
+}
+
+bool SetUser(uid_t user) {
+    return syscall(SYS_setresuid, kUnchanged, user, kUnchanged) == 0;
+}
+
+std::vector<gid_t> Sorted(std::vector<gid_t> groups) {
+    std::sort(groups.begin(), groups.end());
+    return groups;
+}
+
+// The numbers of a line of a status file; empty when there is no such line.
+std::vector<unsigned> Numbers(std::string_view status, std::string_view title) {
+    std::vector<unsigned> numbers;
+    const size_t at = status.find(title);
+    if (at == std::string_view::npos) return numbers;
+    std::string_view line = status.substr(at + title.size());
+    line = line.substr(0, line.find('\n'));
+    while (true) {
+        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+        unsigned number = 0;
+        const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+        if (error != std::errc()) return numbers;
+        numbers.push_back(number);
+        line.remove_prefix(static_cast<size_t>(end - line.data()));
+    }
+}
+
+// Empty when there is no such process.
+std::string StatusFile(pid_t process) {
+    const std::string path = "/proc/" + std::to_string(process) + "/status";
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string status;
+    for (size_t size = 0;;) {
+        status.resize(size + kStatusChunk);
+        const ssize_t got = read(file.Get(), status.data() + size, kStatusChunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return {};
+        size += static_cast<size_t>(got);
+        if (got == 0) {
+            status.resize(size);
+            return status;
+        }
+    }
+}
+
+} // namespace
+
+Credentials ThreadCredentials() {
+    Credentials credentials{.user = geteuid(), .group = getegid()};
+    // The count can only change by this thread's own doing.
+    const int count = getgroups(0, nullptr);
+    credentials.groups.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    if (count > 0 && getgroups(count, credentials.groups.data()) != count) credentials.groups.clear();
+    std::sort(credentials.groups.begin(), credentials.groups.end());
+    return credentials;
+}
+
+bool ProcessCredentials(pid_t process, Credentials& credentials) {
+    const std::string status = StatusFile(process);
+    const std::vector<unsigned> users = Numbers(status, "\nUid:");
+    const std::vector<unsigned> groups = Numbers(status, "\nGid:");
+    if (users.size() <= kEffective || groups.size() <= kEffective) return false;
+    credentials = {users[kEffective], groups[kEffective], Sorted(Numbers(status, "\nGroups:"))};
+    return true;
+}
+
+bool TakeOn(const Credentials& credentials) {
+    const Credentials before = ThreadCredentials();
+    if (before == credentials) return true;
+    // The rights to change groups come with the user: on the way up the user goes first, on the way down last.
+    const bool up = credentials.user == 0;
+    if (up && !SetUser(credentials.user)) return false;
+    const bool groups = before.groups == credentials.groups || SetGroups(credentials.groups);
+    const bool group = groups && SetGroup(credentials.group);
+    if (group && (up || SetUser(credentials.user))) return true;
+    // What was allowed on the way is allowed on the way back; where it is not, the thread would go on as a mixture of
+    // two users, which no code may be handed.
+    const bool undone = (!groups || before.groups == credentials.groups || SetGroups(before.groups)) &&
+                        (!group || SetGroup(before.group)) && (!up || SetUser(before.user));
+    if (!undone) std::abort();
+    return false;
+}
+
+} // namespace oriel

@@ -1,0 +1,29 @@
+// Who a thread acts as, and whose process it is in.
+#pragma once
+
+#include "security/credentials.h"
+
+namespace oriel {
+
+// The credentials of this process, without what any thread impersonates. Throws std::bad_alloc.
+Credentials OwnCredentials();
+
+// The token user that the calling thread impersonates; false when it acts as its process. Throws std::bad_alloc.
+bool ImpersonatedCredentials(Credentials& credentials);
+
+// Takes the calling thread back to the process's credentials as long as this exists, where it impersonates and may:
+// what it then does is done in the process's name. Windows does so for the threads and processes that it starts and the
+// servers that it connects to.
+class AsOwnProcess {
+public:
+    AsOwnProcess();
+    ~AsOwnProcess();
+    AsOwnProcess(const AsOwnProcess&) = delete;
+    AsOwnProcess& operator=(const AsOwnProcess&) = delete;
+
+private:
+    bool m_changed = false;
+    Credentials m_impersonated;
+};
+
+} // namespace oriel
