@@ -70,6 +70,13 @@ struct _SYSTEMTIME;
 #define TVS_PRINTER_NAME_MAX 259
 #define TVS_USER_NAME_MAX 63
 
+/* Bits of "UserAuthority": what the calling user may do with the printer. */
+#define TVS_AUTHORITY_PRINT 0x01u
+#define TVS_AUTHORITY_OWN_JOBS 0x02u     /* manage jobs of one's own */
+#define TVS_AUTHORITY_ALL_JOBS 0x04u     /* manage everybody's jobs */
+#define TVS_AUTHORITY_DIRECT_READ 0x08u  /* ask the printer itself */
+#define TVS_AUTHORITY_DIRECT_WRITE 0x10u /* change settings of the printer itself */
+
 /* Opens a manager for a printer.
  *
  * printerName  name of the printer, 1 to 259 bytes; case counts

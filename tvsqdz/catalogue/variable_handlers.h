@@ -13,3 +13,6 @@ DWORD WINAPI TerminateManagerWatch(void* registration); // one termination of th
 
 // Writes: the status is that of the update.
 int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // local/termination.cpp
+
+// Reads inside the library (LocalReadProc).
+uint32_t UserAuthorityRead(ManagerRecord* manager, void* buffer); // "UserAuthority", 4 bytes

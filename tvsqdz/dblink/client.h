@@ -18,6 +18,7 @@ enum class Answer : LONG {
     UnknownDatabase = dblink::kUnknownDatabase,
     BeingInitialised = dblink::kBeingInitialised,
     WrongSize = dblink::kWrongSize,
+    BufferTooSmall = dblink::kBufferTooSmall,
     BadArgument = dblink::kBadArgument,
     TimedOut = ERROR_TIMEOUT,
     InvalidBinding = RPC_S_INVALID_BINDING,

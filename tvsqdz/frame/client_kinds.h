@@ -36,6 +36,9 @@ inline constexpr ClientKind kClientKinds[] = {
 };
 static_assert(sizeof kClientKinds / sizeof kClientKinds[0] == TVS_KIND_HIGHEST + 1);
 
+// This process has opened a manager that asks for compulsive polling.
+inline constexpr uint32_t kPollingKindBit = kClientKinds[TVS_KIND_POLLING].bit;
+
 // A desktop agent started by this kind is waited for longer.
 inline constexpr uint32_t kAgentWaitingKind = 11;
 

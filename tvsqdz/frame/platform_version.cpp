@@ -4,8 +4,6 @@
 #include "dblink/kernel_names.h"
 #include "frame/heap.h"
 
-namespace {
-
 OSVERSIONINFOA SystemVersion() {
     OSVERSIONINFOA version = {};
     version.dwOSVersionInfoSize = sizeof version;
@@ -13,8 +11,6 @@ OSVERSIONINFOA SystemVersion() {
     if (!GetVersionExA(&version)) version = {};
     return version;
 }
-
-} // namespace
 
 uint32_t PlatformBit() {
     const OSVERSIONINFOA version = SystemVersion();
