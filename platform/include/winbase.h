@@ -33,6 +33,9 @@ WINBASEAPI BOOL WINAPI LookupAccountSidA(LPCSTR system, PSID sid, LPSTR name, LP
 WINBASEAPI BOOL WINAPI LookupAccountNameA(LPCSTR system, LPCSTR account, PSID sid, LPDWORD sidLength, LPSTR domain,
                                           LPDWORD domainLength, PSID_NAME_USE use);
 
+/* Frees what calls of sddl.h give; nothing else. NULL on success; NULL may be freed. */
+WINBASEAPI HLOCAL WINAPI LocalFree(HLOCAL memory);
+
 WINBASE_END
 
 #endif
