@@ -10,6 +10,7 @@ DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callb
 DWORD WINAPI VariableWatch(void* registration);         // of one variable, each signal one delivery
 DWORD WINAPI VariableCallbackWatch(void* registration); // the same for callbacks
 DWORD WINAPI TerminateManagerWatch(void* registration); // one termination of the product's managers
+DWORD WINAPI UserAuthorityWatch(void* registration);    // the authority computed for a read has changed
 
 // Writes: the status is that of the update.
 int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // local/termination.cpp

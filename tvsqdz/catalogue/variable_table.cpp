@@ -298,6 +298,7 @@ constexpr StatusVariableDef kStatusVariables[] = {
      .size = 4,
      .timeoutMs = 60000,
      .defaultValue = &kOne,
+     .watchThreadProc = UserAuthorityWatch,
      .localRead = UserAuthorityRead,
      .name = "UserAuthority"},
     {.flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),

@@ -17,7 +17,7 @@ void AccessControlList::Drop() {
     m_size = 0;
 }
 
-bool AccessControlList::Load(DatabaseHandle database) {
+Status AccessControlList::Load(DatabaseHandle database) {
     Drop();
     DWORD size = 0;
     Answer answer = ReadVariable(database, kName, m_small, sizeof m_small, &size);
@@ -25,15 +25,15 @@ bool AccessControlList::Load(DatabaseHandle database) {
         FreeBlock(m_block);
         const DWORD room = size;
         m_block = static_cast<BYTE*>(AllocateZeroed(room));
-        if (m_block == nullptr) return false;
+        if (m_block == nullptr) return TVS_E_MEMORY;
         answer = ReadVariable(database, kName, m_block, room, &size);
     }
     if (answer != Answer::Done) {
         Drop();
-        return false;
+        return PassOn(answer);
     }
     m_size = size;
-    return true;
+    return TVS_OK;
 }
 
 bool AccessControlList::operator==(const AccessControlList& other) const {

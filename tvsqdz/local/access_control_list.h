@@ -4,6 +4,7 @@
 
 #include "dblink/client.h"
 #include "frame/heap.h"
+#include "frame/status.h"
 
 #include <stdint.h>
 
@@ -14,17 +15,16 @@ public:
     AccessControlList(const AccessControlList&) = delete;
     AccessControlList& operator=(const AccessControlList&) = delete;
 
-    // Reads it anew. False, and none is held, when it cannot be read or there is no memory. Asks the service once for a
-    // list of ordinary size.
-    bool Load(DatabaseHandle database);
-    // Gives nothing: no list is held.
-    void Drop();
+    // Reads it anew, with one call of the service for a list of ordinary size. TVS_OK, TVS_E_MEMORY or the answer of
+    // the service; none is held then.
+    Status Load(DatabaseHandle database);
     // The ACL, aligned to 4 bytes, and what is there of it: 0 bytes for a value that is all length or less.
     const void* Acl() const { return Value() + kLengthSize; }
     uint32_t AclSize() const { return m_size > kLengthSize ? m_size - kLengthSize : 0; }
     bool operator==(const AccessControlList& other) const;
 
 private:
+    void Drop();
     static constexpr uint32_t kLengthSize = sizeof(uint32_t);
     const BYTE* Value() const { return m_block != nullptr ? m_block : m_small; }
 

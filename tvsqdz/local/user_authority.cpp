@@ -19,9 +19,6 @@ constexpr uint32_t kAllAuthority = TVS_AUTHORITY_PRINT | TVS_AUTHORITY_OWN_JOBS 
 constexpr uint32_t kPollingAuthority = TVS_AUTHORITY_PRINT | TVS_AUTHORITY_OWN_JOBS | TVS_AUTHORITY_DIRECT_READ;
 static_assert(kAllAuthority == 31 && kPollingAuthority == 11);
 
-// A port of exactly this kind has an authority of its own in the database.
-constexpr uint32_t kPortWithoutRequests = 0x8;
-
 // What the component that serves such a port says; nothing when that cannot be read.
 uint32_t StoredAuthority(DatabaseHandle database) {
     uint32_t authority = 0;
@@ -33,7 +30,7 @@ uint32_t StoredAuthority(DatabaseHandle database) {
 uint32_t PrinterAuthority(const ManagerRecord* manager) {
     if (strcmp(manager->userName, kPortMonitorUser) == 0) return kAllAuthority;
     AccessControlList list;
-    if (!list.Load(manager->printerDatabase)) return TVS_AUTHORITY_PRINT;
+    if (list.Load(manager->printerDatabase) != TVS_OK) return TVS_AUTHORITY_PRINT;
     return AclAuthority(list.Acl(), list.AclSize());
 }
 
@@ -47,6 +44,7 @@ uint32_t StoredPortKind(DatabaseHandle database) {
 }
 
 uint32_t UserAuthority(const ManagerRecord* manager) {
+    // A port of exactly this kind has an authority of its own; one with the bit among others has not.
     if (StoredPortKind(manager->printerDatabase) == kPortWithoutRequests)
         return StoredAuthority(manager->printerDatabase);
     const bool polls = (g_processKindMask.load() & kPollingKindBit) != 0;

@@ -17,6 +17,16 @@ void EndWatch(const NotificationRegistration& registration, const char* variable
     if (event != nullptr) CloseHandle(event);
 }
 
+void SignalCount::Count(HANDLE event) {
+    constexpr uint32_t kSignalsCounted = 100;
+    constexpr DWORD kSignalsCountedMs = 1000;
+    if (++m_signals <= kSignalsCounted) return;
+    m_signals = 0;
+    const DWORD now = GetTickCount();
+    if (now > m_lastCheck && now - m_lastCheck < kSignalsCountedMs) ResetEvent(event);
+    m_lastCheck = now;
+}
+
 void Deliver(const NotificationEntry& entry) {
     if ((entry.mode & NOTIFY_BY_EVENT) != 0)
         SetEvent(reinterpret_cast<HANDLE>(entry.target));

@@ -10,6 +10,16 @@
 HANDLE BeginWatch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
 void EndWatch(const NotificationRegistration& registration, const char* variableName, HANDLE event);
 
+// Notices an event that somebody left set: after more than 100 signals within a second it is reset.
+class SignalCount {
+public:
+    void Count(HANDLE event);
+
+private:
+    uint32_t m_signals = 0;
+    DWORD m_lastCheck = GetTickCount();
+};
+
 // By event or message, as the entry says. A window that is gone or whose queue is full is not told.
 void Deliver(const NotificationEntry& entry);
 // By callback. value: null and size 0 for none.

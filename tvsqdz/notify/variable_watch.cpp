@@ -11,10 +11,6 @@
 namespace {
 
 constexpr DWORD kEnded = 1;
-// More signals than this within a second mean that somebody left the event set.
-constexpr uint32_t kSignalsCounted = 100;
-constexpr DWORD kSignalsCountedMs = 1000;
-
 // A watcher that is back within this time has missed no pulse that does not come again.
 constexpr DWORD kPulseComesAgainMs = 40;
 
@@ -23,7 +19,7 @@ public:
     // *told: when the variable was last written; that is not news. looks: after every delivery.
     VariableWatcher(const NotificationRegistration& registration, bool looks, SYSTEMTIME* told)
         : m_registration(registration), m_looks(looks), m_handles{registration.thread.stopEvent, nullptr},
-          m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()), m_lastCheck(m_awakeSince) {
+          m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()) {
         ReadWriteTime(registration, Entry(), told);
         m_handles[1] = BeginWatch(registration, Entry().variableName, dblink::kOnlyChanges);
         ThreadHasBegun(registration.thread);
@@ -42,7 +38,7 @@ public:
             const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, m_wait);
             m_awakeSince = GetTickCount();
             if (result == WAIT_OBJECT_0 + 1) {
-                CountSignal();
+                m_signals.Count(m_handles[1]);
                 break;
             }
             if (result != WAIT_TIMEOUT) return false;
@@ -56,21 +52,12 @@ public:
     }
 
 private:
-    void CountSignal() {
-        if (++m_signals <= kSignalsCounted) return;
-        m_signals = 0;
-        const DWORD now = GetTickCount();
-        if (now > m_lastCheck && now - m_lastCheck < kSignalsCountedMs) ResetEvent(m_handles[1]);
-        m_lastCheck = now;
-    }
-
     const NotificationRegistration& m_registration;
     const bool m_looks;
     HANDLE m_handles[2]; // the stop event, the change event
     DWORD m_wait;        // the first one is short: a write may have come before it
     DWORD m_awakeSince;  // tick count
-    uint32_t m_signals = 0;
-    DWORD m_lastCheck; // tick count
+    SignalCount m_signals;
 };
 
 } // namespace

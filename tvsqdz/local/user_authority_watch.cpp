@@ -1,0 +1,89 @@
+// The watcher of "UserAuthority": tells when the authority that a read would give has become another one.
+//
+// State: on the watcher's stack.
+#include "catalogue/variable_handlers.h"
+#include "frame/guards.h"
+#include "frame/platform_version.h"
+#include "frame/timings.h"
+#include "local/access_control_list.h"
+#include "local/user_authority.h"
+#include "notify/delivery.h"
+
+namespace {
+
+constexpr DWORD kEnded = 1;
+constexpr char kAccessControlList[] = "AccessControlList";
+
+// Looks again after this time when there was no memory for the list.
+constexpr DWORD kMemoryPauseMs = 100;
+// A watcher that is back within this time has missed no pulse that does not come again.
+constexpr DWORD kPulseComesAgainMs = 40;
+
+class ListWatcher {
+public:
+    explicit ListWatcher(const NotificationRegistration& registration)
+        : m_registration(registration), m_handles{registration.thread.stopEvent,
+                                                  BeginWatch(registration, kAccessControlList, dblink::kOnlyChanges)} {
+        // Without a list nobody has any authority.
+        if (Load(m_list) == TVS_OK) m_told = AclAuthority(m_list.Acl(), m_list.AclSize());
+        ThreadHasBegun(registration.thread);
+    }
+    ~ListWatcher() { EndWatch(m_registration, kAccessControlList, m_handles[1]); }
+    ListWatcher(const ListWatcher&) = delete;
+    ListWatcher& operator=(const ListWatcher&) = delete;
+
+    void Run() {
+        DWORD wait = g_timings.firstLook; // a write may have come before this wait
+        for (;;) {
+            const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, wait);
+            if (result == WAIT_OBJECT_0 || result == WAIT_FAILED) return;
+            if (result == WAIT_OBJECT_0 + 1) m_signals.Count(m_handles[1]);
+            wait = TellChange() == TVS_E_MEMORY ? kMemoryPauseMs : TimeToNextLook();
+        }
+    }
+
+private:
+    // The mutex is held no longer than the service needs to answer.
+    Status Load(AccessControlList& list) const {
+        const MutexHold lock(m_registration.databaseMutex);
+        return list.Load(m_registration.printerDatabase);
+    }
+
+    // A list that cannot be read is no news.
+    Status TellChange() {
+        const Status status = Load(m_list);
+        if (status != TVS_OK) return status;
+        const uint32_t authority = AclAuthority(m_list.Acl(), m_list.AclSize());
+        if (authority == m_told) return status;
+        m_told = authority;
+        Deliver(m_registration.entries[0]);
+        return status;
+    }
+
+    // Accounts may take long to be asked for, and the list may be another one by then.
+    DWORD TimeToNextLook() const {
+        const DWORD begun = GetTickCount();
+        AccessControlList now;
+        const Status status = Load(now);
+        if (status == TVS_E_MEMORY) return kMemoryPauseMs;
+        if (status == TVS_OK && !(now == m_list)) return 0;
+        return GetTickCount() - begun > kPulseComesAgainMs ? g_timings.firstLook : INFINITE;
+    }
+
+    const NotificationRegistration& m_registration;
+    HANDLE m_handles[2]; // the stop event, the change event
+    AccessControlList m_list;
+    uint32_t m_told = 0;
+    SignalCount m_signals;
+};
+
+} // namespace
+
+DWORD WINAPI UserAuthorityWatch(void* parameter) {
+    const NotificationRegistration& registration = RegistrationOf(parameter);
+    const bool fromList = SystemVersion().dwPlatformId == VER_PLATFORM_WIN32_NT &&
+                          (StoredPortKind(registration.printerDatabase) & kPortWithoutRequests) == 0;
+    if (!fromList) return VariableWatch(parameter);
+    ListWatcher(registration).Run();
+    return kEnded;
+}
