@@ -46,6 +46,12 @@ struct WatchOptions {
 Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted);
 Exit TerminateCommand(const ManagerOptions& options);
 
+// What this user may do with the printer; explain: and which entry of its access control list gave or took what.
+Exit AuthorityCommand(const ManagerOptions& options, bool explain);
+Exit AclShowCommand(const ManagerOptions& options);
+// text: "D:(A;;SWRC;;;WD)..."
+Exit AclSetCommand(const ManagerOptions& options, const std::string& text);
+
 Exit PrintersCommand();
 // script: the file that the printer's side plays.
 Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port,

@@ -35,7 +35,7 @@ struct Arguments {
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
     uint32_t request = 0;
-    bool recursive = false, tree = false, quiet = false;
+    bool recursive = false, tree = false, quiet = false, explain = false;
 };
 
 std::optional<std::string> WhenGiven(const CLI::Option* option, const std::string& value) {
@@ -127,6 +127,24 @@ void AddResultCommand(CLI::App& app, Arguments& a, Command& chosen) {
     AddManagerOptions(*result, a.manager);
     result->add_option("REQUEST", a.request, "Its number")->required();
     result->callback([&] { chosen = [&] { return ResultCommand(a.manager, a.request); }; });
+}
+
+void AddAuthorityCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* authority = app.add_subcommand("authority", "Show what you may do with a printer");
+    AddManagerOptions(*authority, a.manager);
+    authority->add_flag("--explain", a.explain, "And which entry of the printer's list gave or took each right");
+    authority->callback([&] { chosen = [&] { return AuthorityCommand(a.manager, a.explain); }; });
+
+    CLI::App* acl = app.add_subcommand("acl", "Show or replace the access control list of a printer");
+    acl->require_subcommand(1);
+    CLI::App* show = acl->add_subcommand("show", "Show it as text");
+    AddManagerOptions(*show, a.manager);
+    show->callback([&] { chosen = [&] { return AclShowCommand(a.manager); }; });
+    CLI::App* set = acl->add_subcommand("set", "Replace it");
+    AddManagerOptions(*set, a.manager);
+    set->add_option("TEXT", a.value, "D:(A;;SWRC;;;WD)(D;;0x10;;;NAME) ...: SDDL, where accounts may have their names")
+        ->required();
+    set->callback([&] { chosen = [&] { return AclSetCommand(a.manager, a.value); }; });
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
@@ -228,6 +246,7 @@ Exit Run(int argc, char** argv) {
     AddVariableCommands(app, arguments, chosen);
     AddWatchCommands(app, arguments, chosen);
     AddResultCommand(app, arguments, chosen);
+    AddAuthorityCommands(app, arguments, chosen);
     AddPrinterCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
     app.footer(kExitCodes); // last, or the commands would inherit it

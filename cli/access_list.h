@@ -1,0 +1,34 @@
+// The access control list of a printer: read from the service itself, since the library lets no one read it, and taken
+// apart for people.
+#pragma once
+
+#include "opened_printer.h"
+
+#include <windows.h>
+
+// Whom an entry counts for, seen by the user of this process.
+enum class Counts { ForUser, ForGroup, ForOwners, NotForYou, NoAccount, OtherKind };
+
+struct ListEntry {
+    bool denies = false;
+    DWORD mask = 0;
+    std::string text;    // "(A;;SWRC;;;WD)", or its bytes when it is of another kind
+    std::string account; // UTF-8, "Unix User\alice"; the SID when there is no such account; empty for another kind
+    Counts counts = Counts::OtherKind;
+};
+
+// The list as it is stored, in the binary form. Throws Failure when it cannot be read.
+Bytes ReadAccessControlList(const OpenedPrinter& printer);
+// Valid, and wholly there.
+bool IsWholeList(const Bytes& list);
+// "D:(A;;SWRC;;;WD)...", of a whole list. Throws Failure for a list that has no such form.
+std::string ListText(const Bytes& list);
+// The entries of a whole list. Throws Failure when this user cannot be determined.
+std::vector<ListEntry> ListEntries(const Bytes& list);
+
+// The binary form of a text as ListText gives it; an account may also be given by its name, UTF-8, in place of its SID.
+// Throws Failure.
+Bytes ParseListText(const std::string& text);
+
+// "Unix User\alice", UTF-8: the user of this process.
+std::string OwnAccountName();

@@ -1,0 +1,243 @@
+// authority, acl: what this user may do with a printer, why, and the list that says so.
+#include "access_list.h"
+
+#include <winspool.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr char kUserAuthority[] = "UserAuthority";
+constexpr char kAccessControlList[] = "AccessControlList";
+constexpr char kPortMonitorUser[] = "\\\\.\\kptmon";
+constexpr uint32_t kPollingKinds[] = {TVS_KIND_POLLING, 12};
+constexpr uint32_t kPortWithItsOwn = 8;
+constexpr DWORD kManagesJobs = GENERIC_ALL | JOB_ACCESS_ADMINISTER;
+constexpr DWORD kAdministers = PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE | JOB_ACCESS_ADMINISTER;
+
+// What an entry's mask adds up to, for the user or for the owners of jobs.
+struct Rights {
+    DWORD allowed = 0;
+    DWORD denied = 0;
+    DWORD Effective() const { return allowed & ~denied; }
+};
+
+bool CountsForYou(const ListEntry& entry) {
+    return entry.counts == Counts::ForUser || entry.counts == Counts::ForGroup;
+}
+
+bool CountsForOwners(const ListEntry& entry) {
+    return entry.counts == Counts::ForOwners;
+}
+
+template <typename Whom>
+Rights Sum(const std::vector<ListEntry>& entries, Whom whom) {
+    Rights rights;
+    for (const ListEntry& entry : entries)
+        if (whom(entry)) (entry.denies ? rights.denied : rights.allowed) |= entry.mask;
+    return rights;
+}
+
+// One right that the list may give: how it came to be had or not.
+struct Explanation {
+    const char* right;
+    bool had = false;
+    DWORD missing = 0;        // of a right that takes all of several bits
+    std::vector<size_t> gave; // numbers of entries, from 1
+    std::vector<size_t> took;
+};
+
+class Explainer {
+public:
+    explicit Explainer(const std::vector<ListEntry>& entries)
+        : m_entries(entries), m_yours(Sum(entries, CountsForYou)), m_owners(Sum(entries, CountsForOwners)) {}
+
+    std::vector<Explanation> All() const {
+        Explanation print = Any("print", PRINTER_ACCESS_USE);
+        Explanation ownJobs = Any("own jobs", kManagesJobs);
+        for (size_t i = 0; i < m_entries.size(); ++i)
+            if (CountsForOwners(m_entries[i])) Note(ownJobs, i, kManagesJobs, m_owners);
+        ownJobs.had |= (m_owners.Effective() & kManagesJobs) != 0;
+        return {print, ownJobs, Any("all jobs", kManagesJobs), Any("direct read", kManagesJobs | PRINTER_ACCESS_USE),
+                DirectWrite()};
+    }
+
+private:
+    void Note(Explanation& explanation, size_t index, DWORD bits, const Rights& rights) const {
+        const ListEntry& entry = m_entries[index];
+        if (!entry.denies && (entry.mask & bits & ~rights.denied) != 0) explanation.gave.push_back(index + 1);
+        if (entry.denies && (entry.mask & bits & rights.allowed) != 0) explanation.took.push_back(index + 1);
+    }
+
+    Explanation Any(const char* right, DWORD bits) const {
+        Explanation explanation{.right = right, .had = (m_yours.Effective() & bits) != 0};
+        for (size_t i = 0; i < m_entries.size(); ++i)
+            if (CountsForYou(m_entries[i])) Note(explanation, i, bits, m_yours);
+        return explanation;
+    }
+
+    // Rights of the printer itself, or the standard ones: before Windows 2000 and where a generic right is among them.
+    Explanation DirectWrite() const {
+        OSVERSIONINFOA version{};
+        version.dwOSVersionInfoSize = sizeof version;
+        const bool later = GetVersionExA(&version) && version.dwMajorVersion > 4;
+        const bool generic = (m_yours.Effective() & (GENERIC_ALL | GENERIC_EXECUTE)) != 0;
+        const DWORD bits = later && !generic ? kAdministers : STANDARD_RIGHTS_REQUIRED;
+        Explanation explanation = Any("direct write", bits);
+        explanation.missing = bits & ~m_yours.Effective();
+        explanation.had = explanation.missing == 0;
+        return explanation;
+    }
+
+    const std::vector<ListEntry>& m_entries;
+    Rights m_yours;
+    Rights m_owners;
+};
+
+const char* CountsText(Counts counts) {
+    switch (counts) {
+    case Counts::ForUser:
+        return "you";
+    case Counts::ForGroup:
+        return "a group of yours";
+    case Counts::ForOwners:
+        return "owners of jobs";
+    case Counts::NotForYou:
+        return "not you";
+    case Counts::NoAccount:
+        return "nobody: no such account";
+    case Counts::OtherKind:
+        return "nobody: neither allows nor denies";
+    }
+    return "";
+}
+
+std::string Numbers(const std::vector<size_t>& numbers) {
+    std::string text;
+    for (const size_t number : numbers)
+        text += (text.empty() ? "" : ", ") + std::to_string(number);
+    return text;
+}
+
+std::string HexText(DWORD bits) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", static_cast<unsigned>(bits));
+    return text;
+}
+
+std::string Reason(const Explanation& explanation) {
+    std::string text;
+    if (!explanation.gave.empty()) text = "given by " + Numbers(explanation.gave);
+    if (!explanation.took.empty()) text += (text.empty() ? "taken by " : ", taken by ") + Numbers(explanation.took);
+    if (text.empty()) return "no entry gives it";
+    if (explanation.missing != 0) text += ", lacks " + HexText(explanation.missing);
+    return text;
+}
+
+Json EntriesJson(const std::vector<ListEntry>& entries) {
+    Json list = Json::array();
+    for (size_t i = 0; i < entries.size(); ++i)
+        list.push_back({{"entry", i + 1},
+                        {"text", entries[i].text},
+                        {"account", entries[i].account},
+                        {"countsFor", CountsText(entries[i].counts)}});
+    return list;
+}
+
+Json RightsJson(const std::vector<Explanation>& rights) {
+    Json list = Json::array();
+    for (const Explanation& right : rights)
+        list.push_back({{"right", right.right}, {"granted", right.had}, {"given", right.gave}, {"taken", right.took}});
+    return list;
+}
+
+// Where the library takes the authority from, other than the list; empty for the list.
+std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& options) {
+    OSVERSIONINFOA version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    const Reading port = ReadValue(printer, FindNamed(printer, "Port", "read"), false);
+    uint32_t kind = 0;
+    if (port.status == TVS_OK && port.value.size() >= sizeof kind)
+        std::copy_n(port.value.begin(), sizeof kind, reinterpret_cast<uint8_t*>(&kind));
+    if (kind == kPortWithItsOwn) return "the printer's port: what is stored in UserAuthority";
+    if (std::count(std::begin(kPollingKinds), std::end(kPollingKinds), options.kind) != 0)
+        return "the client kind: the same for all who ask for polling";
+    if (GetVersionExA(&version) && version.dwPlatformId == VER_PLATFORM_WIN32_WINDOWS)
+        return "the system: Windows 95, 98 and Me have no accounts";
+    if (options.user == kPortMonitorUser) return "the user name: the port monitor may do everything";
+    return "";
+}
+
+void ExplainList(const OpenedPrinter& printer, Json& document) {
+    const Bytes list = ReadAccessControlList(printer);
+    const bool whole = IsWholeList(list);
+    const std::vector<ListEntry> entries = whole ? ListEntries(list) : std::vector<ListEntry>();
+    const std::vector<Explanation> rights = Explainer(entries).All();
+    document["entries"] = EntriesJson(entries);
+    document["rights"] = RightsJson(rights);
+    if (g_output.json) return;
+    if (!whole) return PrintLine("There is no valid access control list, so nobody has any right.");
+    Table list2{{{"ENTRY", "TEXT", "ACCOUNT", "COUNTS FOR"}}};
+    for (size_t i = 0; i < entries.size(); ++i)
+        list2.rows.push_back(
+            {std::to_string(i + 1), entries[i].text, Printable(entries[i].account), CountsText(entries[i].counts)});
+    list2.Print();
+    Table reasons{{{"RIGHT", "GRANTED", "WHY"}}};
+    for (const Explanation& right : rights)
+        reasons.rows.push_back({right.right, right.had ? "yes" : "no", Reason(right)});
+    reasons.Print();
+}
+
+} // namespace
+
+Exit AuthorityCommand(const ManagerOptions& options, bool explain) {
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    const Variable& variable = FindNamed(printer, kUserAuthority, "read");
+    const Reading reading = ReadValue(printer, variable, false);
+    if (reading.status != TVS_OK) throw StatusFailure(reading.status, WhatOf("read", kUserAuthority, printer));
+    const Decoded decoded = Decode(printer.variables, variable, reading.value);
+    const std::string other = OtherSource(printer, options);
+    Json document = {{"printer", printer.shownName},
+                     {"user", OwnAccountName()},
+                     {"authority", ToJson(decoded)},
+                     {"bits", NamedBits(decoded)},
+                     {"source", other.empty() ? "the access control list" : other}};
+    if (!g_output.json) PrintLine(OneLine(decoded));
+    if (explain && !g_output.json) PrintLine("From " + document["source"].get<std::string>() + ".");
+    if (explain && other.empty()) ExplainList(printer, document);
+    if (g_output.json) PrintJson(document);
+    return Exit::Done;
+}
+
+Exit AclShowCommand(const ManagerOptions& options) {
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    const Bytes list = ReadAccessControlList(printer);
+    const bool whole = IsWholeList(list);
+    if (!g_output.json) {
+        if (!whole)
+            throw Failure{Exit::False, "\"" + printer.shownName + "\" has no valid access control list", "",
+                          "give it one: oriel acl set \"" + printer.shownName + "\" 'D:(A;;SWRC;;;WD)'"};
+        PrintLine(ListText(list));
+        return Exit::Done;
+    }
+    Json document = {{"printer", printer.shownName}, {"valid", whole}, {"hex", ToHex(list.data(), list.size())}};
+    const std::vector<ListEntry> entries = whole ? ListEntries(list) : std::vector<ListEntry>();
+    const bool hasText = whole && std::none_of(entries.begin(), entries.end(), [](const ListEntry& entry) {
+                             return entry.counts == Counts::OtherKind;
+                         });
+    document["text"] = hasText ? Json(ListText(list)) : Json(nullptr);
+    document["entries"] = EntriesJson(entries);
+    PrintJson(document);
+    return Exit::Done;
+}
+
+Exit AclSetCommand(const ManagerOptions& options, const std::string& text) {
+    const Bytes list = ParseListText(text);
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), kAccessControlList, list.data(),
+                                                static_cast<uint32_t>(list.size()));
+    if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", kAccessControlList, printer));
+    if (g_output.json) PrintJson({{"printer", printer.shownName}, {"text", ListText(list)}, {"written", list.size()}});
+    return Exit::Done;
+}
