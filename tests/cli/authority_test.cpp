@@ -56,8 +56,12 @@ TEST(Authority, IsExplainedAsTheLibraryComputesIt) {
             const std::string name = right["right"];
             const auto at = std::find(kRights.begin(), kRights.end(), name) - kRights.begin();
             if (right["granted"]) bits |= 1u << at;
-            if (row.given.contains(name)) EXPECT_EQ(right["given"], row.given[name]) << name;
-            if (row.taken.contains(name)) EXPECT_EQ(right["taken"], row.taken[name]) << name;
+            if (row.given.contains(name)) {
+                EXPECT_EQ(right["given"], row.given[name]) << name;
+            }
+            if (row.taken.contains(name)) {
+                EXPECT_EQ(right["taken"], row.taken[name]) << name;
+            }
             EXPECT_EQ(right["taken"].empty(), !row.taken.contains(name)) << name;
         }
         EXPECT_EQ(document["authority"], bits);
