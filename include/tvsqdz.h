@@ -172,6 +172,17 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
                                                  uint32_t size);
 
+/* Stores the wide form of a value. The name has up to 31 characters.
+ *
+ * data, size  a string with its NUL (without one it loses its last character); a record of its wide size at least; a queue
+ *             of as many entries as it counts; any other value as UpdatePrinterStatusA takes it
+ *
+ * Text that does not fit its field in the ANSI code page is cut at a whole character and terminated; a character that the
+ * code page does not have becomes its default character.
+ * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a value that ends before its record does. */
+TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                                 uint32_t size);
+
 /* Asynchronous requests: a direct read or write that is carried out on a thread of the library's, while the caller goes on.
  *
  * The end is told by setting an event (a HANDLE of the platform, with the right to modify it and open until then) or by
@@ -206,18 +217,6 @@ TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const ch
 #define TVS_REQUEST_PENDING (-1)
 
 /* Takes the result of an asynchronous write request, once. One that has not finished is taken too.
-/* Stores the wide form of a value. The name has up to 31 characters.
- *
- * data, size  a string with its NUL (without one it loses its last character); a record of its wide size at least; a queue
- *             of as many entries as it counts; any other value as UpdatePrinterStatusA takes it
- *
- * Text that does not fit its field in the ANSI code page is cut at a whole character and terminated; a character that the
- * code page does not have becomes its default character.
- * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a value that ends before its record does. */
-TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
-                                                 uint32_t size);
-
-/* Takes the result of an asynchronous write request, once.
  * *result receives it, or TVS_E_UNKNOWN when no such request is recorded. A result that cannot be stored is not taken.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);

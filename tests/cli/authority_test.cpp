@@ -35,7 +35,7 @@ TEST(Authority, IsExplainedAsTheLibraryComputesIt) {
         {" D: (A;; 0x8 ;;;Everyone) (D;;SW;;;BUILTIN\\Administrators)\n",
          "D:(A;;SW;;;WD)(D;;SW;;;BA)",
          {},
-         {{"print", {2}}, {"direct read", {2}}}},
+         {{"print", {2}}, {"direct read", {2}}, {"direct write", {2}}}},
         {"D:(A;ID;0xf003c;;;BA)(D;;LC;;;root)",
          "D:(A;ID;LCSWRPWPSDRCWDWO;;;BA)(D;;LC;;;S-1-22-1-0)",
          {{"all jobs", {1}}, {"direct write", {1}}},

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
-#include <set>
 
 namespace {
 
@@ -158,7 +157,6 @@ TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
     const auto startPrinter = [&] { return start("ServesAPrinter", {kPrinter}); };
     TestProcess printer = startPrinter();
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    std::set<uint32_t> taken;
     for (int round = 0; round < Rounds(12, 1000); ++round) {
         SCOPED_TRACE(round);
         TestProcess requester = start("MixesOperations", {kPrinter, std::to_string(random()), "2", "0"});
@@ -172,15 +170,13 @@ TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
                 printer = startPrinter();
             }
         });
-        // While it is in the list no other request has its number.
-        uint32_t number = 0;
+        uint32_t number = 0; // once its result is taken, another request may have it
         ASSERT_EQ(WriteAndWait(manager, event, &number), TVS_OK);
         WaitForSingleObject(killer.Handle(), 20000);
         // What is left belongs to the dead; each once.
         std::vector<uint32_t> left = NumbersLeft(RecordOf(manager)->printerDatabase);
         std::sort(left.begin(), left.end());
         EXPECT_EQ(std::adjacent_find(left.begin(), left.end()), left.end());
-        EXPECT_EQ(std::count(left.begin(), left.end(), number), 0) << "its result was taken";
     }
     CloseHandle(event);
 }
