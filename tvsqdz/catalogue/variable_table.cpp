@@ -367,7 +367,7 @@ static_assert(SizeOf("Port") == sizeof(TvsPortRecord) && SizeOf("PortEx") == siz
 
 consteval bool ConvertedStringsFitTheirConverters() {
     for (uint32_t i = 0; i < kRowCount; ++i)
-        if (kStatusVariables[i].toAnsi == StringToAnsi && kStatusVariables[i].size > kStringSizeMax) return false;
+        if (TypeOf(kStatusVariables[i]) == SVT_STRING && kStatusVariables[i].size > kStringSizeMax) return false;
     return true;
 }
 static_assert(ConvertedStringsFitTheirConverters());
