@@ -198,7 +198,7 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWi
  * side; TVS_E_REQUEST_LOCK when it had not its turn within 5 seconds or was not answered within 60; an answer of the service
  * or a positive RPC code. Until it ends the result is TVS_REQUEST_PENDING, or 0 for the message form. A message for a window
  * that is gone by then is not posted, and the result is not kept. Values, and a write of "RefreshStatus", are as for
- * SetPrinterStatusDirectA.
+ * SetPrinterStatusDirectA and SetPrinterStatusDirectW.
  *
  * Return, in the order in which they are tested, TVS_E_FAULT (requestId), TVS_E_HANDLE, TVS_E_NO_OWNER (message forms),
  * TVS_E_UNKNOWN (also for what no printer can be asked for, or a name of more than 31 characters), TVS_E_NOT_NOW (the printer
@@ -209,9 +209,16 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWi
 TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusEventA(TvsManager manager, const char* variable, void* event);
 TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusMsgA(TvsManager manager, const char* variable, void* window,
                                                     uint32_t message);
+TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusEventW(TvsManager manager, const TvsWideChar* variable, void* event);
+TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusMsgW(TvsManager manager, const TvsWideChar* variable, void* window,
+                                                    uint32_t message);
 TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusEventA(TvsManager manager, const char* variable, const void* data,
                                                       uint32_t size, void* event, uint32_t* requestId);
 TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const char* variable, const void* data,
+                                                    uint32_t size, void* window, uint32_t message, uint32_t* requestId);
+TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusEventW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                                      uint32_t size, void* event, uint32_t* requestId);
+TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgW(TvsManager manager, const TvsWideChar* variable, const void* data,
                                                     uint32_t size, void* window, uint32_t message, uint32_t* requestId);
 
 #define TVS_REQUEST_PENDING (-1)

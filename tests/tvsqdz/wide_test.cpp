@@ -390,6 +390,46 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     EXPECT_EQ(size, 580u);
 }
 
+TEST(Wide, AsynchronousRequestsTakeTheWideForm) {
+    const Product product;
+    AddDirectVariables();
+    const TvsManager manager = OpenAuthorised();
+    const ManagerRecord* record = RecordOf(manager);
+    SetReady(manager);
+    const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
+        if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
+        return text == "DNumberW" ? -77 : 0;
+    });
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    const HWND window = MakeWindow("Requests");
+    uint32_t number = 5;
+    uint32_t id = 77;
+    int32_t result = 0;
+    MSG message;
+    EXPECT_EQ(GetReqPrinterStatusEventW(manager, u"DNumber", event), TVS_OK);
+    EXPECT_EQ(WaitForSingleObject(event, 10000), WAIT_OBJECT_0);
+    EXPECT_EQ(NumberOf(manager, "DNumber"), 11u);
+    EXPECT_EQ(GetReqPrinterStatusMsgW(manager, u"DNumber", window, kMessage), TVS_OK);
+    EXPECT_TRUE(TakeMessage(message, window));
+    EXPECT_EQ(SetReqPrinterStatusEventW(manager, u"DNumber", &number, 4, event, &id), TVS_OK);
+    EXPECT_EQ(WaitForSingleObject(event, 10000), WAIT_OBJECT_0);
+    EXPECT_EQ(ResSetPrinterStatus(manager, id, &result), TVS_OK);
+    EXPECT_EQ(result, -77);
+    EXPECT_EQ(SetReqPrinterStatusMsgW(manager, u"RefreshStatus", u"B\u00FCro", 10, window, kMessage, &id), TVS_OK);
+    EXPECT_TRUE(TakeMessage(message, window));
+    const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
+    EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
+    // The number is 0 whatever fails, before the ANSI form too, and looked at first.
+    for (const Wide& name : {Wide(u"Nothing"), Wide(32, u'a')}) {
+        EXPECT_EQ(GetReqPrinterStatusEventW(manager, name.c_str(), event), TVS_E_UNKNOWN);
+        EXPECT_EQ(GetReqPrinterStatusMsgW(0, name.c_str(), window, 1), TVS_E_HANDLE);
+        id = 77;
+        EXPECT_EQ(SetReqPrinterStatusEventW(manager, name.c_str(), &number, 4, event, &id), TVS_E_UNKNOWN);
+        EXPECT_EQ(id, 0u);
+        EXPECT_EQ(SetReqPrinterStatusMsgW(manager, name.c_str(), &number, 4, window, 1, nullptr), TVS_E_FAULT);
+    }
+}
+
 TEST(Wide, RegistrationsAreMadeByWideNames) {
     const Product product;
     const TvsManager manager = OpenPrinter();

@@ -1,37 +1,15 @@
 // The wide exports of notification: the names are converted, and the ANSI forms do the rest.
-#include "catalogue/variable_lookup.h"
-#include "frame/caller_memory.h"
-#include "frame/manager_record.h"
+#include "catalogue/wide_names.h"
 #include "notify/name_list.h"
 
 namespace {
-
-// The handle comes first, as in the ANSI forms.
-Status Refuse(TvsManager manager, Status status) {
-    const ManagerCall call(manager);
-    return call ? status : TVS_E_HANDLE;
-}
-
-template <typename AnsiForm> // Status(const char* name)
-Status WithName(TvsManager manager, const WCHAR* callersName, AnsiForm ansiForm) {
-    char name[kWideVariableNameSize];
-    switch (ReadCallerName(name, callersName)) {
-    case CallerText::Read:
-        return ansiForm(name);
-    case CallerText::Fault:
-        return Refuse(manager, TVS_E_FAULT);
-    case CallerText::TooLong:
-        break;
-    }
-    return Refuse(manager, TVS_E_UNKNOWN);
-}
 
 // A list without names is not looked at.
 template <typename AnsiForm> // Status(const char* names)
 Status WithNames(TvsManager manager, uint32_t count, const WCHAR* callersNames, AnsiForm ansiForm) {
     HeapBlock names;
     const Status status = count > 0 ? CopyCallersNames(callersNames, &names) : TVS_OK;
-    return status == TVS_OK ? ansiForm(reinterpret_cast<const char*>(names.memory)) : Refuse(manager, status);
+    return status == TVS_OK ? ansiForm(reinterpret_cast<const char*>(names.memory)) : RefuseName(manager, status);
 }
 
 } // namespace
