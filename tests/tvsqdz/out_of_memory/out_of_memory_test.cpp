@@ -101,6 +101,13 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     none([&] { return Read(manager, "PrinterQueue", 100).status; });
     some([&] { return Read(manager, "Big", 600).status; });
     some([&] { return Update(manager, "Big", Bytes(600, 'c')); });
+    // So with wide forms; of a queue each form has its buffer.
+    uint32_t size = 0;
+    TvsJobRecordWide job = {};
+    TvsJobQueueWide jobs = {.count = 1, .entries = {}};
+    none([&] { return GetPrinterStatusW(manager, u"SendingJobInfo", &job, sizeof job, &size); });
+    some([&] { return UpdatePrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs); });
+    some([&] { return GetPrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs, &size); });
     int32_t result = 0;
     some([&] { return ResSetPrinterStatus(manager, 1, &result); });
     // A list of which one variable has a registration of its own.
