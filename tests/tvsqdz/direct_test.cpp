@@ -63,10 +63,16 @@ TEST(Direct, AnswersComeInTheirOrder) {
         int32_t read;      // of DNumber with a buffer of 4
         int32_t write;     // of DNumber
         int32_t wrongSize; // write of 8 bytes
-        int32_t refresh;
+        int32_t refresh;   // needs no authority
+        const char* user = kPowerfulUser;
     };
     for (const Row& row : {
              Row{"printer side takes nothing", 0, 8, 0, 0, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW},
+             Row{"port, no authority", 1, 9, 0, 8, TVS_E_NOT_READY, TVS_E_AUTHORITY, TVS_E_AUTHORITY, TVS_E_NOT_READY,
+                 "operator"},
+             Row{"no authority", 1, 0, 0, 8, TVS_E_AUTHORITY, TVS_E_AUTHORITY, TVS_E_AUTHORITY, -77, "operator"},
+             Row{"no authority, forwarded", 0, 0, 1, 0, TVS_E_AUTHORITY, TVS_E_AUTHORITY, TVS_E_AUTHORITY,
+                 TVS_E_NOT_NOW, "operator"},
              Row{"port", 1, 9, 0, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
              Row{"port, forwarded", 0, 9, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
              Row{"no refreshes", 1, 0, 0, 4, -77, -77, TVS_E_SIZE, TVS_E_NOT_NOW},
@@ -76,6 +82,7 @@ TEST(Direct, AnswersComeInTheirOrder) {
         SCOPED_TRACE(row.what);
         SetReady(manager, row.extStatus, row.spoolerStatus, row.portKind);
         product.record->lmFunction = row.forward;
+        std::strcpy(product.record->userName, row.user);
         EXPECT_EQ(ReadDirectly(manager, "DNumber", 4).status, row.read);
         EXPECT_EQ(WriteDirectly(manager, "DNumber", Number(1)), row.write);
         EXPECT_EQ(WriteDirectly(manager, "DNumber", Bytes(8)), row.wrongSize);

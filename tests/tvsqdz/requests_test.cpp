@@ -90,6 +90,13 @@ TEST(Requests, AnswersComeInTheirOrder) {
     EXPECT_EQ(all(manager, "DNumber"), each(TVS_E_NOT_NOW));
     SetReady(manager, 1, 0, 9);
     EXPECT_EQ(all(manager, "DNumber"), each(TVS_E_NOT_READY)) << "port";
+    std::strcpy(product.record->userName, "operator");
+    const std::vector<int32_t> noAuthority = {TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_AUTHORITY, TVS_E_AUTHORITY};
+    EXPECT_EQ(all(manager, "DNumber"), noAuthority);
+    SetReady(manager, 1, 0);
+    EXPECT_EQ(all(manager, "DNumber"), each(TVS_E_AUTHORITY)) << "before the spooler";
+    EXPECT_EQ(product.StartWrite(BytesOf("all"), "RefreshStatus"), TVS_E_NOT_READY) << "needs none";
+    std::strcpy(product.record->userName, kPowerfulUser);
     product.record->lmFunction = 1;
     SetReady(manager, 0, 0, 9);
     EXPECT_EQ(all(manager, "DNumber"), each(TVS_E_NOT_READY)) << "nobody asks the printer side on the forwarded path";
@@ -239,7 +246,7 @@ TEST(Requests, WhatIsNotAnsweredEndsAndTheNextGoesOn) {
 
 TEST(Requests, ARequestOutlivesItsManagerAndEndsWithTheLibrary) {
     RequestProduct product;
-    TvsManager second = OpenPrinter();
+    TvsManager second = OpenAuthorised();
     EXPECT_EQ(product.StartWrite(), TVS_OK);
     EXPECT_EQ(CloseManager(product.manager), TVS_OK);
     product.manager = second;

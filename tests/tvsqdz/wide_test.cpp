@@ -363,7 +363,7 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
 TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     const Product product;
     AddDirectVariables();
-    const TvsManager manager = OpenPrinter();
+    const TvsManager manager = OpenAuthorised();
     const ManagerRecord* record = RecordOf(manager);
     SetReady(manager);
     const PrinterSide printer(record, [&](const std::string&, const std::string& text) {

@@ -3,6 +3,12 @@
 
 #include "access/printer_name.h"
 #include "access/printer_readiness.h"
+#include "local/user_authority.h"
+
+bool MayWriteDirectly(const ManagerRecord* manager, const StatusVariableDef& variable) {
+    return (variable.flags & SVF_WRITE_WITHOUT_AUTHORITY) != 0 ||
+           (UserAuthority(manager) & TVS_AUTHORITY_DIRECT_WRITE) != 0;
+}
 
 Status AskPrinter(ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable, DWORD mutexWait) {
     const PrinterRequest request = {.printerDatabase = manager->printerDatabase,

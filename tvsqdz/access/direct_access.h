@@ -16,6 +16,9 @@ Status ReadDirect(ManagerRecord* manager, const StatusVariableDef& variable, con
 // none, and for one that is not writable.
 Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size);
 
+// The calling user has the authority for a write of the variable, or it needs none.
+bool MayWriteDirectly(const ManagerRecord* manager, const StatusVariableDef& variable);
+
 // Has the printer asked, by the manager's path, and waits for the result, which is the status. TVS_E_NOT_READY when a
 // request that is to be forwarded finds no spooler ready. The request mutex is held; mutexWait: the result of that
 // wait.

@@ -5,6 +5,7 @@
 #include "frame/caller_memory.h"
 #include "frame/guards.h"
 #include "frame/heap.h"
+#include "local/user_authority.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ Status CheckRead(const ManagerRecord* manager) {
     const bool refused = PortRefusesRequests(manager);
     if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
     if (refused) return TVS_E_NOT_READY;
-    return TVS_OK;
+    return (UserAuthority(manager) & TVS_AUTHORITY_DIRECT_READ) != 0 ? TVS_OK : TVS_E_AUTHORITY;
 }
 
 Status GiveFetched(const ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,

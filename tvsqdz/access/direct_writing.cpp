@@ -21,6 +21,7 @@ bool HasFixedSize(const StatusVariableDef& variable) {
 
 Status CheckWrite(const ManagerRecord* manager, const StatusVariableDef& variable, uint32_t size) {
     if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
+    if (!MayWriteDirectly(manager, variable)) return TVS_E_AUTHORITY;
     if (HasFixedSize(variable) && size != variable.size) return TVS_E_SIZE;
     if (PortRefusesRequests(manager)) return TVS_E_NOT_READY;
     return TVS_OK;

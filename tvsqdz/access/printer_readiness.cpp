@@ -2,6 +2,7 @@
 #include "access/printer_readiness.h"
 
 #include "frame/timings.h"
+#include "local/user_authority.h"
 
 namespace {
 
@@ -11,9 +12,6 @@ constexpr uint32_t kTakesRequests = 0x1;
 constexpr char kSpoolerStatus[] = "SpoolerStatus";
 constexpr uint32_t kSpoolerReady = 0x4;
 constexpr uint32_t kSpoolerRuns = 0x8;
-
-constexpr char kPort[] = "Port";
-constexpr uint32_t kPortRefusesRequests = 0x8;
 
 bool ReadNumber(DatabaseHandle database, const char* name, uint32_t* value) {
     DWORD size = 0;
@@ -30,10 +28,7 @@ bool PrinterTakesRequests(const ManagerRecord* manager) {
 }
 
 bool PortRefusesRequests(const ManagerRecord* manager) {
-    TvsPortRecord port = {};
-    DWORD size = 0;
-    return ReadVariable(manager->printerDatabase, kPort, &port, sizeof port, &size) == Answer::Done &&
-           (port.portKind & kPortRefusesRequests) != 0;
+    return (StoredPortKind(manager->printerDatabase) & kPortWithoutRequests) != 0;
 }
 
 bool SpoolerIsReady(DatabaseHandle printerDatabase) {

@@ -1,6 +1,7 @@
 // The exports that start a direct read or write and return at once. What can be refused is refused here, on the
 // caller's thread; the exchange itself runs on a thread of its own (request_threads.h), or in the printer's owner
 // (relayed_requests.h).
+#include "access/direct_access.h"
 #include "access/printer_name.h"
 #include "access/printer_readiness.h"
 #include "access/request_exchange.h"
@@ -8,6 +9,7 @@
 #include "catalogue/variable_lookup.h"
 #include "frame/caller_memory.h"
 #include "frame/guards.h"
+#include "local/user_authority.h"
 #include "notify/relayed_registrations.h"
 #include "notify/relayed_requests.h"
 #include "notify/request_threads.h"
@@ -54,6 +56,7 @@ StatusRequest NewRequest(ManagerRecord* manager, const StatusVariableDef& variab
 Status CheckRead(ManagerRecord* manager) {
     if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
     if (PortRefusesRequests(manager)) return TVS_E_NOT_READY;
+    if ((UserAuthority(manager) & TVS_AUTHORITY_DIRECT_READ) == 0) return TVS_E_AUTHORITY;
     return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
 }
 
@@ -75,8 +78,9 @@ Status StartRead(TvsManager handle, const char* variable, const Completion& comp
     return StartRequestThread(manager, request, nullptr, lock.result) ? TVS_OK : TVS_E_MEMORY;
 }
 
-Status CheckWrite(ManagerRecord* manager) {
+Status CheckWrite(ManagerRecord* manager, const StatusVariableDef& variable) {
     if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
+    if (!MayWriteDirectly(manager, variable)) return TVS_E_AUTHORITY;
     if (PortRefusesRequests(manager)) return TVS_E_NOT_READY;
     return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
 }
@@ -131,7 +135,7 @@ Status StartWrite(TvsManager handle, const char* variable, const void* data, uin
     const StatusVariableDef* found = nullptr;
     if (const Status status = FindRequested(manager, variable, SVF_WRITABLE | SVF_DIRECT, &found); status != TVS_OK)
         return status;
-    if (const Status status = CheckWrite(manager); status != TVS_OK) return status;
+    if (const Status status = CheckWrite(manager, *found); status != TVS_OK) return status;
     CallerValue value(data, size); // before anybody is held up
     if (value.Result() != TVS_OK) return value.Result();
     return PlaceAndStart(manager, *found, value, completion, callersNumber);
