@@ -1,4 +1,4 @@
-// A client that shares no code with ours: the bytes are those of the protocol, not only those that our two sides agree
+// Clients that share no code with ours: the bytes are those of the protocol, not only those that our two sides agree
 // on.
 #include "private_machine.h"
 #include "service_under_test.h"
@@ -14,4 +14,16 @@ TEST(ForeignClient, IsServedInEitherByteOrder) {
         ASSERT_EQ(OpenDatabase(std::string("Of ") + order, &handle), kDone);
         EXPECT_EQ(ValueOf(handle, "Value").size(), 256u * 300);
     }
+}
+
+// A DCE/RPC and NDR implementation of others.
+TEST(ForeignClient, OfAnIndependentImplementationReadsAndWrites) {
+    const Service service;
+    const std::string socket = PrivateDirectory() + "/run/rpc/" + kEndpoint;
+    const ProgramResult result = RunProgram("/usr/bin/python3", {SourcePath("tests/service/ndr_client.py"), socket});
+    if (result.output.starts_with("skipped")) GTEST_SKIP() << result.output;
+    EXPECT_EQ(result.output, "ok\n") << result.errors;
+    DWORD handle = 0;
+    ASSERT_EQ(OpenDatabase("FromPython", &handle), kDone);
+    EXPECT_EQ(ValueOf(handle, "Greeting").size(), 256u * 300);
 }
