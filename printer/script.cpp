@@ -293,7 +293,7 @@ void CheckRepeat(const std::vector<Statement>& before) {
 std::vector<Statement> ReadScript(std::string_view text, const std::string& name, std::vector<std::string>* errors) {
     std::vector<Statement> statements;
     for (unsigned line = 1; !text.empty(); ++line) {
-        const SIZE_T end = std::min(text.find('\n'), text.size());
+        const size_t end = std::min(text.find('\n'), text.size());
         Words words(text.substr(0, end));
         text.remove_prefix(std::min(end + 1, text.size()));
         if (words.AtEnd()) continue;
