@@ -146,6 +146,7 @@ TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
     const Product product;
     AddDirectVariables();
     g_timings.requestLockBound = 60000;
+    g_timings.answerBound = 3000;
     const TvsManager manager = OpenAuthorised();
     SetReady(manager);
     std::mt19937_64 random(Seed());
@@ -171,7 +172,9 @@ TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
             }
         });
         uint32_t number = 0; // once its result is taken, another request may have it
-        ASSERT_EQ(WriteAndWait(manager, event, &number), TVS_OK);
+        // What a printer side had taken when it was killed, nobody answers.
+        const int32_t status = WriteAndWait(manager, event, &number);
+        ASSERT_TRUE(status == TVS_OK || (killPrinter && status == TVS_E_REQUEST_LOCK)) << status;
         WaitForSingleObject(killer.Handle(), 20000);
         // What is left belongs to the dead; each once.
         std::vector<uint32_t> left = NumbersLeft(RecordOf(manager)->printerDatabase);
