@@ -347,6 +347,13 @@ void EndService(PrinterSide& side) {
     WriteBytes(side.link, "PrinterExtStatus", &extStatus, sizeof extStatus);
     WriteBytes(side.link, "SpoolerStatus", &spoolerStatus, sizeof spoolerStatus);
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
+    // One may have been made since the last look. What comes from here on waits for the next printer side; what is in
+    // the mailbox the service answers, when its watch ends.
+    for (const RequestKind kind : {kReadRequest, kWriteRequest}) {
+        DWORD writes = 0;
+        if (IsNew(side, VariableOf(kind), &writes) && SomebodyWaits(side.link))
+            Answer(side, {.kind = kind, .writes = writes, .byVariable = true}, TVS_E_NOT_NOW);
+    }
 }
 
 // ---- the loop
