@@ -125,16 +125,16 @@ void StoreInMailbox(Database& database, Variable& mailbox, const ForwardedReques
 // Puts the first call's request into the mailbox, or none. That the mailbox was emptied tells a printer side that comes
 // later what it need not do, and the one that is there nothing: it is not signalled.
 void PostFirst(Database& database) NEEDS(database.forwarding.lock) {
-    Forwarding& forwarding = database.forwarding;
     Variable* mailbox = FindVariable(database, kForwardMailbox);
     if (!mailbox) return;
-    ForwardedCall* call = forwarding.first;
+    ForwardedCall* call = database.forwarding.first;
     if (!call) {
         StoreInMailbox(database, *mailbox, {});
         return;
     }
-    if (++forwarding.lastId == 0) ++forwarding.lastId;
-    call->id = forwarding.lastId;
+    DWORD& id = database.forwarding.lastId;
+    if (++id == 0) ++id;
+    call->id = id;
     StoreInMailbox(database, *mailbox, {call->id, call->kind});
     SignalWritten(database, *mailbox, true);
 }
@@ -156,30 +156,27 @@ void Finish(Forwarding& forwarding, ForwardedCall& call, LONG result) NEEDS(forw
 }
 
 void FailAll(Database& database) NEEDS(database.forwarding.lock) {
-    Forwarding& forwarding = database.forwarding;
-    if (!forwarding.first) return;
-    while (forwarding.first)
-        Finish(forwarding, *forwarding.first, kNoPrinterSide);
+    if (!database.forwarding.first) return;
+    while (database.forwarding.first)
+        Finish(database.forwarding, *database.forwarding.first, kNoPrinterSide);
     PostFirst(database);
 }
 
 bool Enter(Database& database, ForwardedCall& call) {
-    Forwarding& forwarding = database.forwarding;
-    LockHold hold{forwarding.lock};
+    LockHold hold{database.forwarding.lock};
     if (g_ending.load() || !MailboxOf(database)) return false;
-    (forwarding.last ? forwarding.last->next : forwarding.first) = &call;
-    forwarding.last = &call;
-    if (forwarding.first == &call) PostFirst(database);
+    (database.forwarding.last ? database.forwarding.last->next : database.forwarding.first) = &call;
+    database.forwarding.last = &call;
+    if (database.forwarding.first == &call) PostFirst(database);
     return true;
 }
 
 // The time is over; the answer may have come in this very moment.
 void Leave(Database& database, ForwardedCall& call) {
-    Forwarding& forwarding = database.forwarding;
-    LockHold hold{forwarding.lock};
+    LockHold hold{database.forwarding.lock};
     if (!call.waiting) return;
-    const bool wasPosted = forwarding.first == &call;
-    TakeOut(forwarding, call);
+    const bool wasPosted = database.forwarding.first == &call;
+    TakeOut(database.forwarding, call);
     if (wasPosted) PostFirst(database);
 }
 
@@ -229,12 +226,11 @@ void TakeAnswer(Database& database, const BYTE* bytes, DWORD size) {
     ForwardedAnswer answer;
     if (size != sizeof answer) return;
     memcpy(&answer, bytes, sizeof answer);
-    Forwarding& forwarding = database.forwarding;
-    LockHold hold{forwarding.lock};
+    LockHold hold{database.forwarding.lock};
     // One that comes too late, or for another request, has another number.
-    ForwardedCall* call = forwarding.first;
+    ForwardedCall* call = database.forwarding.first;
     if (!call || call->id != answer.id) return;
-    Finish(forwarding, *call, answer.result);
+    Finish(database.forwarding, *call, answer.result);
     PostFirst(database);
 }
 

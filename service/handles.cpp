@@ -7,17 +7,18 @@
 
 namespace {
 
+Lock g_handlesLock;
+
 // A slot is free while its handle is 0. What a reader finds beside the handle is valid when the handle is still the
 // same afterwards.
 struct Slot {
     std::atomic<DWORD> handle = 0;
-    DWORD previousOfGroup = 0; // guarded by g_handlesLock, as is the next
-    DWORD nextOfGroup = 0;
+    DWORD previousOfGroup GUARDED_BY(g_handlesLock) = 0;
+    DWORD nextOfGroup GUARDED_BY(g_handlesLock) = 0;
     std::atomic<Group*> group = nullptr;
     std::atomic<Database*> database = nullptr;
 };
 
-Lock g_handlesLock;
 constinit Slot g_slots[kHandleSlots]; // all zero: pages without handles take no memory
 DWORD g_nextHandle GUARDED_BY(g_handlesLock) = 1;
 

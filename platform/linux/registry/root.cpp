@@ -40,13 +40,13 @@ constexpr const char* kRegistryStatements[] = {
     "DELETE FROM keys WHERE id = ?1",
     "SELECT COUNT(*) FROM keys WHERE parent = ?1",
     "SELECT name, written FROM keys WHERE parent = ?1 ORDER BY id LIMIT 1 OFFSET ?2",
-    "SELECT written, (SELECT COUNT(*) FROM keys WHERE parent = ?1),"
-    " (SELECT MAX(LENGTH(name)) FROM keys WHERE parent = ?1), COUNT(vals.id), MAX(LENGTH(vals.name)),"
-    " MAX(LENGTH(vals.data)) FROM keys LEFT JOIN vals ON vals.key = keys.id WHERE keys.id = ?1 GROUP BY keys.id",
+    ("SELECT written, (SELECT COUNT(*) FROM keys WHERE parent = ?1),"
+     " (SELECT MAX(LENGTH(name)) FROM keys WHERE parent = ?1), COUNT(vals.id), MAX(LENGTH(vals.name)),"
+     " MAX(LENGTH(vals.data)) FROM keys LEFT JOIN vals ON vals.key = keys.id WHERE keys.id = ?1 GROUP BY keys.id"),
     "SELECT id, name FROM keys WHERE parent = ?1 ORDER BY id",
     "SELECT type, data FROM vals WHERE key = ?1 AND folded = ?2",
-    "INSERT INTO vals(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5)"
-    " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data",
+    ("INSERT INTO vals(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5)"
+     " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data"),
     "DELETE FROM vals WHERE key = ?1 AND folded = ?2",
     "DELETE FROM vals WHERE key = ?1",
     "SELECT name, type, data FROM vals WHERE key = ?1 ORDER BY id LIMIT 1 OFFSET ?2",
