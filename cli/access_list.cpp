@@ -1,41 +1,20 @@
 // Reading the list, and its two forms. No state but the client's binding.
 #include "access_list.h"
 
-#include "dblink/client.h"
-#include "frame/status_service.h"
+#include "dblink/program_client.h"
 
 #include <sddl.h>
 
 #include <algorithm>
 #include <cstring>
 
-// The client asks for it when it creates a database, which this command never does.
-bool RestartStatusService9x() {
-    return false;
-}
-
 namespace {
 
-constexpr char kMasterDatabase[] = "TVORSQD_DB";
-constexpr char kListOfPrinters[] = "PrinterDatabase";
 constexpr char kVariable[] = "AccessControlList";
 constexpr size_t kLengthSize = sizeof(uint32_t); // before every value whose size varies
 constexpr size_t kSidOffset = offsetof(ACCESS_ALLOWED_ACE, SidStart);
-// A value that grows between the question for its size and its read is asked again; more often is not believable.
-constexpr int kAttempts = 8;
 constexpr size_t kLargestSid = offsetof(SID, SubAuthority) + SID_MAX_SUB_AUTHORITIES * sizeof(DWORD);
 constexpr DWORD kNameSize = 512;
-
-// An entry of the list of printers, which begins with its length and a count.
-struct PrinterEntry {
-    DWORD index;
-    DWORD ownerProcessId;
-    char printerName[260];
-    char databaseName[32];
-    char driverName[260];
-};
-static_assert(sizeof(PrinterEntry) == 560 && offsetof(PrinterEntry, databaseName) == 268);
-constexpr size_t kFirstEntry = 2 * sizeof(DWORD);
 
 using LocalMemory = Guard<HLOCAL, &LocalFree>;
 using Database = Guard<DatabaseHandle, &CloseDatabase>;
@@ -44,37 +23,14 @@ using Database = Guard<DatabaseHandle, &CloseDatabase>;
     throw StatusFailure(static_cast<int32_t>(answer), WhatOf("read", kVariable, printer));
 }
 
-Bytes ReadStored(const OpenedPrinter& printer, DatabaseHandle database, const char* name) {
-    Bytes value;
-    DWORD size = 0;
-    Answer answer = ReadVariable(database, name, nullptr, 0, &size);
-    for (int i = 0; i < kAttempts && answer == Answer::Done && size > value.size(); ++i) {
-        value.resize(size);
-        answer = ReadVariable(database, name, value.data(), static_cast<DWORD>(value.size()), &size);
-        if (answer == Answer::BufferTooSmall) answer = Answer::Done;
-    }
-    if (answer != Answer::Done || size > value.size()) FailWith(printer, answer);
-    value.resize(size);
-    return value;
-}
-
-Database OpenNamed(const OpenedPrinter& printer, const char* name) {
+Database OpenDatabaseOf(const OpenedPrinter& printer) {
+    std::string name;
+    Answer answer = FindPrinterDatabase(RequireAnsi(printer.shownName, "the printer name"), &name);
+    if (answer == Answer::Done && name.empty()) answer = Answer::UnknownDatabase;
     Database database;
-    if (const Answer answer = OpenDatabase(name, database.Receive()); answer != Answer::Done) FailWith(printer, answer);
+    if (answer == Answer::Done) answer = OpenDatabase(name.c_str(), database.Receive());
+    if (answer != Answer::Done) FailWith(printer, answer);
     return database;
-}
-
-std::string DatabaseNameOf(const OpenedPrinter& printer) {
-    const std::string name = RequireAnsi(printer.shownName, "the printer name");
-    const Bytes list = ReadStored(printer, OpenNamed(printer, kMasterDatabase).Get(), kListOfPrinters);
-    for (size_t at = kFirstEntry; at + sizeof(PrinterEntry) <= list.size(); at += sizeof(PrinterEntry)) {
-        PrinterEntry entry;
-        std::memcpy(&entry, list.data() + at, sizeof entry);
-        entry.printerName[sizeof entry.printerName - 1] = '\0';
-        entry.databaseName[sizeof entry.databaseName - 1] = '\0';
-        if (name == entry.printerName) return entry.databaseName;
-    }
-    FailWith(printer, Answer::UnknownDatabase);
 }
 
 // A block that is aligned as records must be.
@@ -216,7 +172,10 @@ Bytes ReadAccessControlList(const OpenedPrinter& printer) {
     struct Unbind {
         ~Unbind() { UnbindStatusDatabase(); }
     } unbind;
-    Bytes value = ReadStored(printer, OpenNamed(printer, DatabaseNameOf(printer).c_str()).Get(), kVariable);
+    const Database database = OpenDatabaseOf(printer);
+    Bytes value;
+    if (const Answer answer = ReadWholeValue(database.Get(), kVariable, &value); answer != Answer::Done)
+        FailWith(printer, answer);
     value.erase(value.begin(), value.begin() + static_cast<ptrdiff_t>(std::min(value.size(), kLengthSize)));
     return value;
 }

@@ -6,6 +6,8 @@
 #include "product.h"
 #include "text.h"
 
+#include "dblink/kernel_names.h"
+
 #include <algorithm>
 
 namespace {
@@ -40,7 +42,7 @@ bool HasPassed(DWORD due) {
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
     const std::string name = SharedName(("TVORSQD:StopPrinterSides:" + std::to_string(GetCurrentProcessId())).c_str());
-    EveryoneSecurity everyone;
+    dblink::EveryoneAccess everyone;
     m_stop = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, name.c_str()));
     if (!m_stop) throw SystemFailure(GetLastError(), "cannot create the event that ends the printer sides");
     ResetEvent(m_stop.Get()); // of another process that had this number

@@ -3,31 +3,13 @@
 
 #include "registry.h"
 
+#include "dblink/kernel_names.h"
+
 #include <rpcnterr.h>
 
 #include <vector>
 
 namespace {
-
-bool IsTerminalServices() {
-    OSVERSIONINFOA version{};
-    version.dwOSVersionInfoSize = sizeof version;
-    if (!GetVersionExA(&version)) return false;
-    if (version.dwMajorVersion > 5 || (version.dwMajorVersion == 5 && version.dwMinorVersion != 0)) return true;
-
-    const RegistryKey key =
-        OpenKey(HKEY_LOCAL_MACHINE, "System\\CurrentControlSet\\Control\\ProductOptions", KEY_QUERY_VALUE);
-    if (!key) return false;
-    const std::optional<RegistryValue> suites = ReadValue(key.Get(), "ProductSuite");
-    if (!suites || suites->type != REG_MULTI_SZ) return false;
-    const std::string list(suites->data.begin(), suites->data.end());
-    for (size_t at = 0; at < list.size() && list[at];) {
-        const std::string suite = list.substr(at, list.find('\0', at) - at);
-        if (suite == "Terminal Server") return true;
-        at += suite.size() + 1;
-    }
-    return false;
-}
 
 bool NeedsInitialisedProduct(uint32_t clientKind) {
     return clientKind == 0 || (clientKind >= 7 && clientKind <= 10);
@@ -64,7 +46,7 @@ bool FileExists(const std::string& path) {
 }
 
 std::string SharedName(const char* name) {
-    return IsTerminalServices() ? std::string("Global\\") + name : name;
+    return dblink::ObjectName(dblink::MachineIsTerminalServer(), name).text;
 }
 
 std::string SystemVersion() {
@@ -73,12 +55,6 @@ std::string SystemVersion() {
     if (!GetVersionExA(&version)) return "unknown";
     return std::to_string(version.dwMajorVersion) + "." + std::to_string(version.dwMinorVersion) + "." +
            std::to_string(version.dwBuildNumber & 0xffff);
-}
-
-EveryoneSecurity::EveryoneSecurity() : attributes{sizeof attributes, &m_descriptor, FALSE}, m_descriptor{} {
-    // A list that is present and null allows everything to everyone.
-    InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE);
 }
 
 DWORD ServiceState() {

@@ -29,15 +29,6 @@ std::string SharedName(const char* name);
 // "5.1.2600", and whether it is a Terminal Services system.
 std::string SystemVersion();
 
-// Lets everyone use an object. The attributes point into it: it must outlive the call that takes them.
-struct EveryoneSecurity {
-    EveryoneSecurity();
-    SECURITY_ATTRIBUTES attributes;
-
-private:
-    SECURITY_DESCRIPTOR m_descriptor;
-};
-
 // SERVICE_RUNNING and the like, 0 when the service is not installed.
 DWORD ServiceState();
 const char* ServiceStateName(DWORD state);

@@ -10,6 +10,8 @@
 #include "printer_sides.h"
 #include "product.h"
 #include "registry.h"
+
+#include "dblink/kernel_names.h"
 #include "text.h"
 
 #include <algorithm>
@@ -206,7 +208,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& start
 // Says that the product is initialised for as long as it lives.
 struct InitialisedSignal {
     InitialisedSignal() {
-        EveryoneSecurity everyone;
+        dblink::EveryoneAccess everyone;
         m_event = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, SharedName(kInitialisedEvent).c_str()));
         if (!m_event || !SetEvent(m_event.Get()))
             throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
@@ -220,7 +222,7 @@ private:
 // Owned from construction to its end, or Held() is false: another process holds it.
 struct UpMutex {
     UpMutex() {
-        EveryoneSecurity everyone;
+        dblink::EveryoneAccess everyone;
         m_mutex = KernelHandle(CreateMutexA(&everyone.attributes, FALSE, kUpMutex));
         if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
         const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);

@@ -1,7 +1,7 @@
 // Connecting, and values in the forms of the database. State: the link's.
 #include "link.h"
 
-#include "frame/status_service.h"
+#include "dblink/program_client.h"
 
 #include <algorithm>
 #include <iterator>
@@ -9,33 +9,9 @@
 
 using namespace dblink;
 
-// The client asks for it when it creates a database, which a printer side never does.
-bool RestartStatusService9x() {
-    return false;
-}
-
 namespace {
 
-constexpr char kMasterDatabase[] = "TVORSQD_DB";
-constexpr char kPrinterList[] = "PrinterDatabase";
 constexpr const char* kWatchedNames[kWatchedCount] = {"ReadRequest", "WriteRequest", kForwardMailbox, "LMFunction"};
-
-// A name that the printer list holds; u32 length of the rest, u32 count, then such entries.
-struct ListEntry {
-    DWORD index;
-    DWORD ownerProcessId;
-    char printerName[260];
-    char databaseName[32];
-    char driverName[260];
-};
-static_assert(sizeof(ListEntry) == 560 && offsetof(ListEntry, printerName) == 8 &&
-              offsetof(ListEntry, databaseName) == 268);
-constexpr SIZE_T kListHeader = 8;
-
-template <SIZE_T Size>
-std::string_view FieldText(const char (&field)[Size]) {
-    return {field, static_cast<SIZE_T>(std::find(field, field + Size, '\0') - field)};
-}
 
 // What an answer means for the link: a service that cannot be reached, or does not know what we opened, is another one.
 LONG Examine(Link& link, Answer answer) {
@@ -44,54 +20,19 @@ LONG Examine(Link& link, Answer answer) {
     return status;
 }
 
-// Reads the whole value; it may grow between the question for its size and its read.
-LONG ReadWhole(DatabaseHandle database, const char* variable, Bytes* value) {
-    LONG status = kBufferTooSmall;
-    for (int attempt = 0; attempt < 4 && status == kBufferTooSmall; ++attempt) {
-        DWORD size = static_cast<DWORD>(value->size());
-        status =
-            static_cast<LONG>(ReadVariable(database, variable, value->empty() ? nullptr : value->data(), size, &size));
-        const bool asked = value->empty();
-        value->resize(std::min(size, kValueSizeMax));
-        if (status == kDone && asked && size > 0) status = kBufferTooSmall;
-    }
-    return status;
-}
-
-// The name of the printer's database; empty when the list does not have it. Any process may have written the list.
-std::string DatabaseInList(const Bytes& list, const std::string& printer) {
-    DWORD count = 0;
-    if (list.size() < kListHeader) return "";
-    memcpy(&count, list.data() + sizeof count, sizeof count);
-    for (SIZE_T at = kListHeader; count > 0 && at + sizeof(ListEntry) <= list.size();
-         at += sizeof(ListEntry), --count) {
-        ListEntry entry;
-        memcpy(&entry, list.data() + at, sizeof entry);
-        if (FieldText(entry.printerName) == printer) return std::string(FieldText(entry.databaseName));
-    }
-    return "";
-}
-
 std::string FindDatabaseName(const std::string& printer, std::string* name) {
-    DatabaseHandle master = 0;
-    const auto opened = static_cast<LONG>(OpenDatabase(kMasterDatabase, &master));
-    if (opened > 0) return "the status database service does not answer (" + std::to_string(opened) + ")";
-    if (opened != kDone) return "no printer has been opened yet";
-    Bytes list;
-    const LONG status = ReadWhole(master, kPrinterList, &list);
-    CloseDatabase(master);
-    if (status == kDone) *name = DatabaseInList(list, printer);
+    const Answer answer = FindPrinterDatabase(printer, name);
+    const auto status = static_cast<LONG>(answer);
+    if (status > 0) return "the status database service does not answer (" + std::to_string(status) + ")";
+    if (answer != Answer::Done) return "no printer has been opened yet";
     return name->empty() ? "the printer has not been opened yet" : "";
 }
 
 // Two printer sides would answer each other's requests. The other one's end gives the mutex free.
 bool BecomeOnlyOne(Link& link) {
-    SECURITY_DESCRIPTOR descriptor;
-    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE);
-    SECURITY_ATTRIBUTES everyone{sizeof everyone, &descriptor, FALSE};
+    EveryoneAccess everyone;
     const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
-    HANDLE mutex = name.text[0] ? CreateMutexA(&everyone, FALSE, name.text) : nullptr;
+    HANDLE mutex = name.text[0] ? CreateMutexA(&everyone.attributes, FALSE, name.text) : nullptr;
     if (!mutex) return false;
     const DWORD wait = WaitForSingleObject(mutex, 0);
     if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
@@ -192,7 +133,7 @@ void Disconnect(Link& link) {
 }
 
 LONG ReadBytes(Link& link, const char* variable, Bytes* value) {
-    return Examine(link, static_cast<Answer>(ReadWhole(link.database, variable, value)));
+    return Examine(link, ReadWholeValue(link.database, variable, value));
 }
 
 LONG WriteBytes(Link& link, const char* variable, const void* value, DWORD size) {

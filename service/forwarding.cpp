@@ -5,6 +5,8 @@
 #include "clock.h"
 #include "signals.h"
 
+#include "dblink/printer_list.h"
+
 #include <algorithm>
 #include <new>
 #include <string.h>
@@ -35,18 +37,6 @@ std::atomic<bool> g_ending = false;
 
 // ---- the printer list: which database a printer has
 
-constexpr std::string_view kMasterDatabase = "TVORSQD_DB";
-constexpr std::string_view kPrinterList = "PrinterDatabase";
-
-// The value of the printer list: u32 length of the rest, u32 count, then entries of 560 bytes.
-constexpr SIZE_T kListHeader = 8;
-constexpr SIZE_T kListCount = 4;
-constexpr SIZE_T kEntrySize = 560;
-constexpr SIZE_T kEntryName = 8; // char[260]
-constexpr SIZE_T kEntryNameSize = 260;
-constexpr SIZE_T kEntryDatabase = 268; // char[32]
-constexpr SIZE_T kEntryDatabaseSize = 32;
-
 struct ListCopy {
     const Variable* variable = nullptr;
     DWORD sequence = 0;
@@ -60,7 +50,7 @@ ListCopy g_list GUARDED_BY(g_listLock);
 bool RefreshList() NEEDS(g_listLock) {
     const Database* master = FindDatabase(kMasterDatabase);
     if (!master || master->state.load(std::memory_order_acquire) != DatabaseState::Ready) return false;
-    const Variable* variable = FindVariable(*master, kPrinterList);
+    const Variable* variable = FindVariable(*master, kPrinterListVariable);
     if (!variable || variable->type == kTypeComposite) return false;
     for (;;) {
         // A count taken before the value is never ahead of it: what is read may be newer, and is then read once more.
@@ -81,28 +71,12 @@ bool RefreshList() NEEDS(g_listLock) {
     }
 }
 
-std::string_view FieldText(const BYTE* field, SIZE_T size) {
-    const auto* text = reinterpret_cast<const char*>(field);
-    return {text, static_cast<SIZE_T>(std::find(text, text + size, '\0') - text)};
-}
-
 // Null: the printer has none that can be used.
 Database* DatabaseOfPrinter(std::string_view printer) {
     LockHold hold{g_listLock};
     if (!RefreshList()) return nullptr;
-    const std::vector<BYTE>& list = g_list.bytes;
-    if (list.size() < kListHeader) return nullptr;
-    DWORD count = 0;
-    memcpy(&count, list.data() + kListCount, sizeof count);
-    const SIZE_T entries = std::min<SIZE_T>(count, (list.size() - kListHeader) / kEntrySize);
-    for (SIZE_T i = 0; i < entries; ++i) {
-        const BYTE* entry = list.data() + kListHeader + i * kEntrySize;
-        if (FieldText(entry + kEntryName, kEntryNameSize) != printer) continue;
-        Database* database = FindDatabase(FieldText(entry + kEntryDatabase, kEntryDatabaseSize));
-        const bool ready = database && database->state.load(std::memory_order_acquire) == DatabaseState::Ready;
-        return ready ? database : nullptr;
-    }
-    return nullptr;
+    Database* database = FindDatabase(DatabaseInPrinterList(g_list.bytes.data(), g_list.bytes.size(), printer));
+    return database && database->state.load(std::memory_order_acquire) == DatabaseState::Ready ? database : nullptr;
 }
 
 // ---- the mailbox

@@ -8,12 +8,8 @@ bool g_terminalServer = false;
 
 HANDLE CreateEventForEveryone(const char* name) {
     if (!name[0]) return nullptr;
-    SECURITY_DESCRIPTOR descriptor;
-    if (!InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION) ||
-        !SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE))
-        return nullptr;
-    SECURITY_ATTRIBUTES everyone{sizeof everyone, &descriptor, FALSE};
-    return CreateEventA(&everyone, TRUE, FALSE, name);
+    EveryoneAccess everyone;
+    return everyone ? CreateEventA(&everyone.attributes, TRUE, FALSE, name) : nullptr;
 }
 
 } // namespace

@@ -70,6 +70,12 @@ KernelName VariableEventName(bool terminalServer, std::string_view database, std
                    signal == VariableSignal::Updated ? ":Updated" : ":Changed"});
 }
 
+// A list that is present and null allows everything to everyone.
+EveryoneAccess::EveryoneAccess()
+    : attributes{sizeof attributes, &m_descriptor, FALSE}, m_descriptor{},
+      m_valid(InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
+              SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE)) {}
+
 bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
     if (majorVersion > 5 || (majorVersion == 5 && minorVersion != 0)) return true;
     OpenKey options;

@@ -27,6 +27,20 @@ enum class VariableSignal { Updated, Changed };
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
                              VariableSignal signal);
 
+// Lets everyone use an object that is made with its attributes, which point into it. False: the system refused it.
+struct EveryoneAccess {
+    EveryoneAccess();
+    EveryoneAccess(const EveryoneAccess&) = delete;
+    EveryoneAccess& operator=(const EveryoneAccess&) = delete;
+    explicit operator bool() const { return m_valid; }
+
+    SECURITY_ATTRIBUTES attributes;
+
+private:
+    SECURITY_DESCRIPTOR m_descriptor;
+    bool m_valid;
+};
+
 // Whether a Windows of that version runs the product suite "Terminal Server": always from 5.1 on; before it, when the
 // multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
 // What cannot be read is no. The list is held in memory of the heap given while it is searched.

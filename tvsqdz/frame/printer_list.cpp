@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr char kMasterDatabaseName[] = "TVORSQD_DB";
-constexpr char kListName[] = "PrinterDatabase";
 constexpr DWORD kListHeader = offsetof(PrinterList, entries);
 // Shorter values are no list: it has had an entry ever since it exists.
 constexpr DWORD kSmallestList = sizeof(PrinterListEntry);
@@ -53,12 +51,12 @@ bool FailWithoutAnswer() {
 // entries hold is checked where one is used.
 bool ReadList(DatabaseHandle master, ListBlock* block) {
     DWORD size = 0;
-    Answer answer = ReadVariable(master, kListName, nullptr, 0, &size);
+    Answer answer = ReadVariable(master, dblink::kPrinterListVariable, nullptr, 0, &size);
     if (answer != Answer::Done) return Fail(answer);
     if (size < kSmallestList) return FailWithoutAnswer();
     block->list = static_cast<PrinterList*>(AllocateZeroed(SIZE_T{size} + sizeof(PrinterListEntry)));
     if (block->list == nullptr) return FailWithoutAnswer();
-    answer = ReadVariable(master, kListName, block->list, size, &block->size);
+    answer = ReadVariable(master, dblink::kPrinterListVariable, block->list, size, &block->size);
     if (answer != Answer::Done) return Fail(answer);
     if (block->size > size) return FailWithoutAnswer(); // not what the service promises
     if (block->size < kListHeader || ListSize(block->list->entryCount) > block->size) return FailWithoutAnswer();
@@ -88,7 +86,7 @@ void FillEntry(ManagerRecord* manager, uint32_t index, PrinterListEntry* entry) 
     *entry = {};
     entry->index = index;
     memcpy(entry->printerName, manager->printerName, sizeof entry->printerName);
-    snprintf(entry->databaseName, sizeof entry->databaseName, "%s%u", kMasterDatabaseName,
+    snprintf(entry->databaseName, sizeof entry->databaseName, "%s%u", dblink::kMasterDatabase,
              static_cast<unsigned>(index));
     if (LookUpDriverName(manager) && strlen(manager->driverName) < sizeof entry->driverName)
         strcpy(entry->driverName, manager->driverName);
@@ -102,7 +100,8 @@ bool UseExistingEntry(ManagerRecord* manager, ListBlock* block, PrinterListEntry
     if (entry->ownerProcessId == 0 && manager->clientKind == TVS_KIND_OWNER) {
         entry->ownerProcessId = GetCurrentProcessId();
         // An owner that the list does not tell of is none.
-        const Answer answer = WriteVariable(manager->masterDatabase, kListName, block->list, block->size);
+        const Answer answer =
+            WriteVariable(manager->masterDatabase, dblink::kPrinterListVariable, block->list, block->size);
         if (answer != Answer::Done) return Fail(answer);
     }
     TakeOverEntry(manager, *entry);
@@ -119,7 +118,7 @@ bool AddEntry(ManagerRecord* manager, ListBlock* block, uint32_t highestIndex) {
     ++list->entryCount;
     const DWORD size = static_cast<DWORD>(ListSize(list->entryCount));
     list->storedLength = size - static_cast<DWORD>(sizeof list->storedLength);
-    const Answer answer = WriteVariable(manager->masterDatabase, kListName, list, size);
+    const Answer answer = WriteVariable(manager->masterDatabase, dblink::kPrinterListVariable, list, size);
     if (answer != Answer::Done) return Fail(answer);
     TakeOverEntry(manager, *entry);
     return true;
@@ -142,9 +141,9 @@ bool MakeList(ManagerRecord* manager) {
     list->entryCount = 1;
     FillEntry(manager, 1, &list->entries[0]);
     const DatabaseHandle master = manager->masterDatabase;
-    Answer answer =
-        CreateVariable(master, kListName, dblink::kTypeVariableLength, sizeof kEmptyVariableValue, kEmptyVariableValue);
-    if (answer == Answer::Done) answer = WriteVariable(master, kListName, list, sizeof *list);
+    Answer answer = CreateVariable(master, dblink::kPrinterListVariable, dblink::kTypeVariableLength,
+                                   sizeof kEmptyVariableValue, kEmptyVariableValue);
+    if (answer == Answer::Done) answer = WriteVariable(master, dblink::kPrinterListVariable, list, sizeof *list);
     if (answer == Answer::Done) answer = EndDatabaseInitialization(master); // others wait for it
     if (answer != Answer::Done) return Fail(answer);
     TakeOverEntry(manager, list->entries[0]);
@@ -155,7 +154,7 @@ bool MakeList(ManagerRecord* manager) {
 
 bool AttachPrinterDatabase(ManagerRecord* manager) {
     bool created = false;
-    const Answer answer = CreateOrOpenDatabase(kMasterDatabaseName, &manager->masterDatabase, &created);
+    const Answer answer = CreateOrOpenDatabase(dblink::kMasterDatabase, &manager->masterDatabase, &created);
     if (answer != Answer::Done) return Fail(answer);
     if (!(created ? MakeList(manager) : FindOrAddPrinter(manager))) {
         const DWORD reason = GetLastError(); // the close may change it
@@ -184,7 +183,7 @@ void ReleasePrinterOwnership(ManagerRecord* manager) {
             continue;
         entry.ownerProcessId = 0;
         manager->ownerProcessId = 0;
-        WriteVariable(manager->masterDatabase, kListName, block.list, block.size);
+        WriteVariable(manager->masterDatabase, dblink::kPrinterListVariable, block.list, block.size);
         return;
     }
 }

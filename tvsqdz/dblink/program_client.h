@@ -1,0 +1,15 @@
+// The service's client in the product's programs, which have memory and texts of their own. A program that is linked
+// with it has the calls of client.h too.
+#pragma once
+
+#include "dblink/client.h"
+
+#include <string>
+#include <vector>
+
+// Reads a value whatever its size, which may change between the question for it and the read. Empty on failure.
+Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYTE>* value);
+
+// The name of a printer's database, empty on failure. Answer::Done and empty: the printer list does not have the
+// printer.
+Answer FindPrinterDatabase(const std::string& printer, std::string* database);
