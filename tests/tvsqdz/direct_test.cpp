@@ -8,24 +8,8 @@
 
 namespace {
 
-struct DirectProduct : Product {
-    DirectProduct() {
-        AddDirectVariables();
-        manager = OpenAuthorised();
-        record = RecordOf(manager);
-        database = record->printerDatabase;
-        SetReady(manager);
-    }
-    TvsManager manager;
-    ManagerRecord* record;
-    DatabaseHandle database;
-};
-
 ReadResult ReadDirectly(TvsManager manager, const std::string& variable, uint32_t size) {
-    ReadResult result{0, 0xEEEEEEEE, Bytes(size, 0xEE)};
-    result.status = GetPrinterStatusDirectA(manager, variable.c_str(), size > 0 ? result.bytes.data() : nullptr, size,
-                                            &result.returnedSize);
-    return result;
+    return Read(manager, variable, size, GetPrinterStatusDirectA);
 }
 
 int32_t WriteDirectly(TvsManager manager, const std::string& variable, const Bytes& data) {

@@ -150,10 +150,10 @@ ManagerRecord* RecordOf(TvsManager manager) {
     return call.Manager();
 }
 
-ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size) {
+ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size, decltype(&GetPrinterStatusA) read) {
     ReadResult result{0, 0xEEEEEEEE, Bytes(size, 0xEE)};
-    result.status = GetPrinterStatusA(manager, variable.c_str(), size > 0 ? result.bytes.data() : nullptr, size,
-                                      &result.returnedSize);
+    result.status =
+        read(manager, variable.c_str(), size > 0 ? result.bytes.data() : nullptr, size, &result.returnedSize);
     return result;
 }
 

@@ -70,7 +70,8 @@ struct ReadResult {
     uint32_t returnedSize;
     Bytes bytes; // the whole buffer, 0xEE where nothing was written
 };
-ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size);
+ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size,
+                decltype(&GetPrinterStatusA) read = GetPrinterStatusA);
 int32_t Update(TvsManager manager, const std::string& variable, const Bytes& data);
 // The value of a number variable; fails the test when it cannot be read.
 uint32_t NumberOf(TvsManager manager, const std::string& variable);

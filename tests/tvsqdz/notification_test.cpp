@@ -33,8 +33,8 @@ void WriteInIsolation(int rounds) {
             for (Registrant* registrant : all)
                 ASSERT_EQ(registrant->Told(0), 0) << "round " << round;
         }
-        // The same value again is told only of a variable that tells every write. (A default watcher that is still awake
-        // tells that too.)
+        // The same value again is told only of a variable that tells every write. (A default watcher that is still
+        // awake tells that too.)
         ASSERT_EQ(Update(manager, variable, Number(1000 + rounds)), TVS_OK);
         for (Registrant* registrant : all)
             EXPECT_EQ(registrant->Told(kQuietMs), variable == std::string("RWResult") ? 1 : 0);

@@ -111,3 +111,11 @@ void SetReady(TvsManager manager, uint32_t extStatus, uint32_t spoolerStatus, ui
     EXPECT_EQ(Update(manager, "SpoolerStatus", Number(spoolerStatus)), TVS_OK);
     EXPECT_EQ(Update(manager, "Port", Joined({Number(portKind), Bytes(256)})), TVS_OK);
 }
+
+DirectProduct::DirectProduct() {
+    AddDirectVariables();
+    manager = OpenAuthorised();
+    record = RecordOf(manager);
+    database = record->printerDatabase;
+    SetReady(manager);
+}

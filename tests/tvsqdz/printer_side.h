@@ -47,3 +47,11 @@ inline constexpr char kPowerfulUser[] = "\\\\.\\kptmon";
 TvsManager OpenAuthorised(const std::string& printer = kPrinter);
 // The status that direct requests need: of the printer and the spooler.
 void SetReady(TvsManager manager, uint32_t extStatus = 1, uint32_t spoolerStatus = 0xC, uint32_t portKind = 0);
+
+// The product with a manager of that user on a printer that is ready for requests.
+struct DirectProduct : Product {
+    DirectProduct();
+    TvsManager manager;
+    ManagerRecord* record;
+    DatabaseHandle database;
+};

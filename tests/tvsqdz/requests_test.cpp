@@ -16,14 +16,7 @@ namespace {
 
 constexpr uint32_t kDone = 0x8001;
 
-struct RequestProduct : Product {
-    RequestProduct() {
-        AddDirectVariables();
-        manager = OpenAuthorised();
-        record = RecordOf(manager);
-        database = record->printerDatabase;
-        SetReady(manager);
-    }
+struct RequestProduct : DirectProduct {
     ~RequestProduct() { CloseHandle(event); }
 
     int32_t StartRead(const char* variable = "DNumber") { return GetReqPrinterStatusEventA(manager, variable, event); }
@@ -46,9 +39,6 @@ struct RequestProduct : Product {
         return result;
     }
 
-    TvsManager manager;
-    ManagerRecord* record;
-    DatabaseHandle database;
     HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     uint32_t number = 0;
 };

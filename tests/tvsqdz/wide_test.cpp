@@ -361,11 +361,9 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
 }
 
 TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
-    const Product product;
-    AddDirectVariables();
-    const TvsManager manager = OpenAuthorised();
-    const ManagerRecord* record = RecordOf(manager);
-    SetReady(manager);
+    const DirectProduct product;
+    const TvsManager manager = product.manager;
+    const ManagerRecord* record = product.record;
     const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
         if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
         return 0;
@@ -391,11 +389,9 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
 }
 
 TEST(Wide, AsynchronousRequestsTakeTheWideForm) {
-    const Product product;
-    AddDirectVariables();
-    const TvsManager manager = OpenAuthorised();
-    const ManagerRecord* record = RecordOf(manager);
-    SetReady(manager);
+    const DirectProduct product;
+    const TvsManager manager = product.manager;
+    const ManagerRecord* record = product.record;
     const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
         if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
         return text == "DNumberW" ? -77 : 0;
