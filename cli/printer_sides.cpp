@@ -13,10 +13,7 @@
 namespace {
 
 constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
-constexpr DWORD kSettingsMs = 2000;  // between looks at which printers have a script
-constexpr DWORD kFirstPauseMs = 500; // before one that ended is started again; doubled each time
-constexpr DWORD kLongestPauseMs = 30000;
-constexpr DWORD kHealthyMs = 60000; // of running make the next pause the first one again
+constexpr DWORD kSettingsMs = 2000; // between looks at which printers have a script
 constexpr DWORD kStopMs = 5000;     // for all of them to end
 // A kind that needs the service alone, takes no ownership and starts no agent.
 constexpr uint32_t kPlainClient = 3;
@@ -76,11 +73,8 @@ void PrinterSides::ReadSettings() {
     for (const Printer& printer : printers) {
         const auto isOfPrinter = [&](const Side& side) { return side.printer == printer.name; };
         if (printer.script.empty() || std::any_of(m_sides.begin(), m_sides.end(), isOfPrinter)) continue;
-        m_sides.push_back({.printer = printer.name,
-                           .port = printer.port,
-                           .script = printer.script,
-                           .dueAt = GetTickCount(),
-                           .pauseMs = kFirstPauseMs});
+        m_sides.push_back(
+            {.printer = printer.name, .port = printer.port, .script = printer.script, .dueAt = GetTickCount()});
     }
 }
 
@@ -104,12 +98,11 @@ void PrinterSides::StartSide(Side& side) {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION information{};
-    side.startedAt = GetTickCount();
+    side.restart.Began();
     if (!CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                         &information)) {
         PrintError(SystemFailure(GetLastError(), "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
-        side.dueAt = GetTickCount() + side.pauseMs;
-        side.pauseMs = std::min(side.pauseMs * 2, kLongestPauseMs);
+        side.dueAt = GetTickCount() + side.restart.AfterEnd();
         return;
     }
     CloseHandle(information.hThread);
@@ -121,10 +114,9 @@ void PrinterSides::NoteEnd(Side& side) {
     DWORD code = 0;
     GetExitCodeProcess(side.process.Get(), &code);
     side.process.Reset();
-    if (GetTickCount() - side.startedAt > kHealthyMs) side.pauseMs = kFirstPauseMs;
-    side.dueAt = GetTickCount() + side.pauseMs;
-    m_tell({.event = "printer-side-ended", .printer = side.printer, .code = code, .pauseMs = side.pauseMs});
-    side.pauseMs = std::min(side.pauseMs * 2, kLongestPauseMs);
+    const DWORD pause = side.restart.AfterEnd();
+    side.dueAt = GetTickCount() + pause;
+    m_tell({.event = "printer-side-ended", .printer = side.printer, .code = code, .pauseMs = pause});
 }
 
 void PrinterSides::Tend() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "handles.h"
+#include "restart_pause.h"
 
 #include <functional>
 #include <string>
@@ -37,9 +38,8 @@ private:
         std::string port;
         std::string script;
         KernelHandle process{};
-        DWORD startedAt = 0; // tick counts
-        DWORD dueAt = 0;
-        DWORD pauseMs = 0;
+        DWORD dueAt = 0; // tick count
+        RestartPause restart{};
     };
 
     void ReadSettings();

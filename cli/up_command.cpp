@@ -10,6 +10,7 @@
 #include "printer_sides.h"
 #include "product.h"
 #include "registry.h"
+#include "restart_pause.h"
 
 #include "dblink/kernel_names.h"
 #include "text.h"
@@ -18,12 +19,9 @@
 
 namespace {
 
-constexpr DWORD kStartMs = 30000;    // for the service to run, and to stop
-constexpr DWORD kPollMs = 20;        // while it is starting or stopping
-constexpr DWORD kWatchMs = 250;      // while it runs
-constexpr DWORD kFirstPauseMs = 500; // before it is started again; doubled each time
-constexpr DWORD kLongestPauseMs = 30000;
-constexpr DWORD kHealthyMs = 60000; // of running make the next pause the first one again
+constexpr DWORD kStartMs = 30000; // for the service to run, and to stop
+constexpr DWORD kPollMs = 20;     // while it is starting or stopping
+constexpr DWORD kWatchMs = 250;   // while it runs
 
 HANDLE g_stop = nullptr;
 
@@ -178,25 +176,23 @@ void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
 // was the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
     PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
-    DWORD pause = kFirstPauseMs;
-    DWORD runningSince = GetTickCount();
+    RestartPause restart;
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
         const SERVICE_STATUS status = Query(service);
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
 
-        if (GetTickCount() - runningSince > kHealthyMs) pause = kFirstPauseMs;
+        const DWORD pause = restart.AfterEnd();
         PrintError({Exit::NoService, "the status database service ended", "",
                     "starting it again in " + std::to_string(pause) + " ms", status.dwWin32ExitCode});
         teller.Tell("service-ended", "the status database service ended",
                     {{"code", status.dwWin32ExitCode}, {"pauseMs", pause}});
         if (WaitForSingleObject(g_stop, pause) == WAIT_OBJECT_0) return;
-        pause = std::min(pause * 2, kLongestPauseMs);
+        restart.Began();
         try {
             startedHere = true;
             if (!Start(service)) return;
-            runningSince = GetTickCount();
             sides.ServiceIsNew();
             teller.Tell("service-started", "the status database service runs again");
         } catch (const Failure& failure) {
