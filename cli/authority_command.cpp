@@ -12,7 +12,6 @@ constexpr char kUserAuthority[] = "UserAuthority";
 constexpr char kAccessControlList[] = "AccessControlList";
 constexpr char kPortMonitorUser[] = "\\\\.\\kptmon";
 constexpr uint32_t kPollingKinds[] = {TVS_KIND_POLLING, 12};
-constexpr uint32_t kPortWithItsOwn = 8;
 constexpr DWORD kManagesJobs = GENERIC_ALL | JOB_ACCESS_ADMINISTER;
 constexpr DWORD kAdministers = PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE | JOB_ACCESS_ADMINISTER;
 
@@ -160,7 +159,7 @@ std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& opti
     uint32_t kind = 0;
     if (port.status == TVS_OK && port.value.size() >= sizeof kind)
         std::copy_n(port.value.begin(), sizeof kind, reinterpret_cast<uint8_t*>(&kind));
-    if (kind == kPortWithItsOwn) return "the printer's port: what is stored in UserAuthority";
+    if (kind == TVS_PORT_NO_REQUESTS) return "the printer's port: what is stored in UserAuthority";
     if (std::count(std::begin(kPollingKinds), std::end(kPollingKinds), options.kind) != 0)
         return "the client kind: the same for all who ask for polling";
     if (GetVersionExA(&version) && version.dwPlatformId == VER_PLATFORM_WIN32_WINDOWS)

@@ -26,11 +26,15 @@ struct RecordLayout {
     std::span<const FieldLayout> fields;
 };
 
-constexpr BitMeaning kPortKindBits[] = {{0x8, "takes no direct requests"}};
-constexpr BitMeaning kSpoolerBits[] = {{0x4, "ready for forwarded requests"}, {0x8, "takes refresh requests"}};
-constexpr BitMeaning kExtStatusBits[] = {{0x1, "takes direct requests"}};
-constexpr BitMeaning kAuthorityBits[] = {
-    {0x01, "print"}, {0x02, "own jobs"}, {0x04, "all jobs"}, {0x08, "direct read"}, {0x10, "direct write"}};
+constexpr BitMeaning kPortKindBits[] = {{TVS_PORT_NO_REQUESTS, "takes no direct requests"}};
+constexpr BitMeaning kSpoolerBits[] = {{TVS_SPOOLER_READY, "ready for forwarded requests"},
+                                       {TVS_SPOOLER_RUNS, "takes refresh requests"}};
+constexpr BitMeaning kExtStatusBits[] = {{TVS_EXT_STATUS_TAKES_REQUESTS, "takes direct requests"}};
+constexpr BitMeaning kAuthorityBits[] = {{TVS_AUTHORITY_PRINT, "print"},
+                                         {TVS_AUTHORITY_OWN_JOBS, "own jobs"},
+                                         {TVS_AUTHORITY_ALL_JOBS, "all jobs"},
+                                         {TVS_AUTHORITY_DIRECT_READ, "direct read"},
+                                         {TVS_AUTHORITY_DIRECT_WRITE, "direct write"}};
 
 struct NumberMeanings {
     const char* variable;

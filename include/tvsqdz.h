@@ -77,6 +77,12 @@ struct _SYSTEMTIME;
 #define TVS_AUTHORITY_DIRECT_READ 0x08u  /* ask the printer itself */
 #define TVS_AUTHORITY_DIRECT_WRITE 0x10u /* change settings of the printer itself */
 
+/* Bits that requests to the printer depend on: of "PrinterExtStatus", of "SpoolerStatus", of a port's portKind. */
+#define TVS_EXT_STATUS_TAKES_REQUESTS 0x1u
+#define TVS_SPOOLER_READY 0x4u /* for forwarded requests */
+#define TVS_SPOOLER_RUNS 0x8u  /* refresh requests are taken */
+#define TVS_PORT_NO_REQUESTS 0x8u
+
 /* Opens a manager for a printer.
  *
  * printerName  name of the printer, 1 to 259 bytes; case counts

@@ -79,7 +79,7 @@ typedef struct TvsPrintingJobRecord2Wide {
     uint32_t coverage[6];
 } TvsPrintingJobRecord2Wide;
 
-/* "Port": 260 bytes, wide 516. Bit 0x8 of portKind: the port takes no direct requests. */
+/* "Port": 260 bytes, wide 516. portKind: TVS_PORT_NO_REQUESTS. */
 typedef struct TvsPortRecord {
     uint32_t portKind;
     char portName[TVS_PORT_TEXT_SIZE];

@@ -30,18 +30,9 @@ constexpr DWORD kForwardGraceMs = 150;
 // The other way round, a request that was carried out already is not carried out once more because it is forwarded too.
 constexpr DWORD kDoubledMs = 2000;
 
-// What "PrinterExtStatus" and "SpoolerStatus" must have for requests to be made.
-constexpr DWORD kTakesRequests = 0x1;
-constexpr DWORD kSpoolerUp = 0x8;
-constexpr DWORD kSpoolerReady = 0x4;
-
-struct PortRecord {
-    DWORD portKind;
-    char portName[128];
-    char portDetail[128];
-};
-static_assert(sizeof(PortRecord) == 260);
-constexpr DWORD kOrdinaryPort = 0x1; // anything but 0, which says that no port is known, and 0x8
+constexpr DWORD kOrdinaryPort = 0x1; // anything but 0, which says that no port is known, and TVS_PORT_NO_REQUESTS
+// Of the spooler that requests find.
+constexpr DWORD kSpoolerUp = TVS_SPOOLER_RUNS | TVS_SPOOLER_READY;
 
 // A request being carried out.
 struct Job {
@@ -128,13 +119,13 @@ void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue
         if (!IsOneOf(values, variable)) values.push_back({variable, std::move(bytes), "the printer side"});
     };
     if (!options.port.empty()) {
-        PortRecord port = {.portKind = kOrdinaryPort, .portName = {}, .portDetail = {}};
+        TvsPortRecord port = {.portKind = kOrdinaryPort, .portName = {}, .portDetail = {}};
         options.port.copy(port.portName, sizeof port.portName - 1);
         const auto* bytes = reinterpret_cast<const BYTE*>(&port);
         add("Port", Bytes(bytes, bytes + sizeof port));
     }
-    add("SpoolerStatus", BytesOfNumber(kSpoolerUp | kSpoolerReady));
-    add("PrinterExtStatus", BytesOfNumber(kTakesRequests));
+    add("SpoolerStatus", BytesOfNumber(kSpoolerUp));
+    add("PrinterExtStatus", BytesOfNumber(TVS_EXT_STATUS_TAKES_REQUESTS));
     // What says that requests are taken comes last.
     std::stable_partition(values.begin(), values.end(), [](const DeviceValue& value) {
         return value.variable != "SpoolerStatus" && value.variable != "PrinterExtStatus";
@@ -342,8 +333,8 @@ void BeginService(PrinterSide& side) {
 // Says that no more requests are taken, and leaves nobody waiting.
 void EndService(PrinterSide& side) {
     if (side.link.lost) return;
-    const DWORD extStatus = ReadNumberOf(side.link, "PrinterExtStatus") & ~kTakesRequests;
-    const DWORD spoolerStatus = ReadNumberOf(side.link, "SpoolerStatus") & ~(kSpoolerUp | kSpoolerReady);
+    const DWORD extStatus = ReadNumberOf(side.link, "PrinterExtStatus") & ~TVS_EXT_STATUS_TAKES_REQUESTS;
+    const DWORD spoolerStatus = ReadNumberOf(side.link, "SpoolerStatus") & ~kSpoolerUp;
     WriteBytes(side.link, "PrinterExtStatus", &extStatus, sizeof extStatus);
     WriteBytes(side.link, "SpoolerStatus", &spoolerStatus, sizeof spoolerStatus);
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);

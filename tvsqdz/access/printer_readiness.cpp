@@ -7,11 +7,7 @@
 namespace {
 
 constexpr char kPrinterExtStatus[] = "PrinterExtStatus";
-constexpr uint32_t kTakesRequests = 0x1;
-
 constexpr char kSpoolerStatus[] = "SpoolerStatus";
-constexpr uint32_t kSpoolerReady = 0x4;
-constexpr uint32_t kSpoolerRuns = 0x8;
 
 bool ReadNumber(DatabaseHandle database, const char* name, uint32_t* value) {
     DWORD size = 0;
@@ -24,19 +20,20 @@ bool ReadNumber(DatabaseHandle database, const char* name, uint32_t* value) {
 bool PrinterTakesRequests(const ManagerRecord* manager) {
     if (UsesForwardedPath(manager)) return true;
     uint32_t status = 0;
-    return ReadNumber(manager->printerDatabase, kPrinterExtStatus, &status) && (status & kTakesRequests) != 0;
+    return ReadNumber(manager->printerDatabase, kPrinterExtStatus, &status) &&
+           (status & TVS_EXT_STATUS_TAKES_REQUESTS) != 0;
 }
 
 bool PortRefusesRequests(const ManagerRecord* manager) {
-    return (StoredPortKind(manager->printerDatabase) & kPortWithoutRequests) != 0;
+    return (StoredPortKind(manager->printerDatabase) & TVS_PORT_NO_REQUESTS) != 0;
 }
 
 bool SpoolerIsReady(DatabaseHandle printerDatabase) {
     for (DWORD pause = 0;; ++pause) {
         uint32_t status = 0;
         if (!ReadNumber(printerDatabase, kSpoolerStatus, &status)) return false;
-        if ((status & kSpoolerReady) != 0) return true;
-        if ((status & kSpoolerRuns) == 0) return false;
+        if ((status & TVS_SPOOLER_READY) != 0) return true;
+        if ((status & TVS_SPOOLER_RUNS) == 0) return false;
         Sleep(g_timings.readinessPause);
         if (pause + 1 >= g_timings.readinessPauses) return false; // what it says by now is not asked any more
     }
@@ -44,5 +41,5 @@ bool SpoolerIsReady(DatabaseHandle printerDatabase) {
 
 bool SpoolerTakesRefreshes(DatabaseHandle printerDatabase) {
     uint32_t status = 0;
-    return ReadNumber(printerDatabase, kSpoolerStatus, &status) && (status & kSpoolerRuns) != 0;
+    return ReadNumber(printerDatabase, kSpoolerStatus, &status) && (status & TVS_SPOOLER_RUNS) != 0;
 }

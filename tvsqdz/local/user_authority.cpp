@@ -45,7 +45,7 @@ uint32_t StoredPortKind(DatabaseHandle database) {
 
 uint32_t UserAuthority(const ManagerRecord* manager) {
     // A port of exactly this kind has an authority of its own; one with the bit among others has not.
-    if (StoredPortKind(manager->printerDatabase) == kPortWithoutRequests)
+    if (StoredPortKind(manager->printerDatabase) == TVS_PORT_NO_REQUESTS)
         return StoredAuthority(manager->printerDatabase);
     const bool polls = (g_processKindMask.load() & kPollingKindBit) != 0;
     // Without accounts everybody may do everything.

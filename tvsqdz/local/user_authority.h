@@ -16,7 +16,5 @@ uint32_t UserAuthority(const ManagerRecord* manager);
 // are there. 0 when the list is invalid, longer than that, or the user cannot be determined.
 uint32_t AclAuthority(const void* acl, uint32_t size);
 
-// Bit of a port that takes no direct requests.
-inline constexpr uint32_t kPortWithoutRequests = 0x8;
 // The kind of the printer's port as it is stored; 0 when it cannot be read.
 uint32_t StoredPortKind(DatabaseHandle database);

@@ -14,11 +14,6 @@ namespace {
 constexpr DWORD kEnded = 1;
 constexpr char kAccessControlList[] = "AccessControlList";
 
-// Looks again after this time when there was no memory for the list.
-constexpr DWORD kMemoryPauseMs = 100;
-// A watcher that is back within this time has missed no pulse that does not come again.
-constexpr DWORD kPulseComesAgainMs = 40;
-
 class ListWatcher {
 public:
     explicit ListWatcher(const NotificationRegistration& registration)
@@ -38,7 +33,7 @@ public:
             const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, wait);
             if (result == WAIT_OBJECT_0 || result == WAIT_FAILED) return;
             if (result == WAIT_OBJECT_0 + 1) m_signals.Count(m_handles[1]);
-            wait = TellChange() == TVS_E_MEMORY ? kMemoryPauseMs : TimeToNextLook();
+            wait = TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : TimeToNextLook();
         }
     }
 
@@ -65,7 +60,7 @@ private:
         const DWORD begun = GetTickCount();
         AccessControlList now;
         const Status status = Load(now);
-        if (status == TVS_E_MEMORY) return kMemoryPauseMs;
+        if (status == TVS_E_MEMORY) return g_timings.memoryPause;
         if (status == TVS_OK && !(now == m_list)) return 0;
         return GetTickCount() - begun > kPulseComesAgainMs ? g_timings.firstLook : INFINITE;
     }
@@ -82,7 +77,7 @@ private:
 DWORD WINAPI UserAuthorityWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
     const bool fromList = SystemVersion().dwPlatformId == VER_PLATFORM_WIN32_NT &&
-                          (StoredPortKind(registration.printerDatabase) & kPortWithoutRequests) == 0;
+                          (StoredPortKind(registration.printerDatabase) & TVS_PORT_NO_REQUESTS) == 0;
     if (!fromList) return VariableWatch(parameter);
     ListWatcher(registration).Run();
     return kEnded;
