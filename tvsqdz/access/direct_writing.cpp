@@ -43,9 +43,7 @@ Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, co
 }
 
 int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variable, const void* data, uint32_t size) {
-    const ManagerCall call(manager);
-    if (!call) return TVS_E_HANDLE;
-    const StatusVariableDef* found = nullptr;
-    if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK) return status;
-    return WriteDirect(call.Manager(), *found, data, size);
+    return WithVariable(manager, variable, [&](ManagerRecord* record, const StatusVariableDef& found) {
+        return WriteDirect(record, found, data, size);
+    });
 }

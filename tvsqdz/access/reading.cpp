@@ -110,16 +110,11 @@ Status Serve(TvsManager manager, const Character* callersVariable, void* buffer,
     const ReadTarget target = {buffer, buffer != nullptr ? size : 0, returnedSize};
     uint32_t returned = 0;
     bool returnedWritten = false;
-    const auto serve = [&]() -> Status {
-        const ManagerCall call(manager);
-        if (!call) return TVS_E_HANDLE;
-        const StatusVariableDef* found = nullptr;
-        if (const Status status = FindCallersVariable(call.Manager(), callersVariable, &found); status != TVS_OK)
-            return status;
-        if ((found->flags & SVF_READABLE) == 0) return TVS_E_UNKNOWN;
-        return read(call.Manager(), *found, target, &returned, &returnedWritten);
+    const auto serve = [&](ManagerRecord* record, const StatusVariableDef& variable) -> Status {
+        if ((variable.flags & SVF_READABLE) == 0) return TVS_E_UNKNOWN;
+        return read(record, variable, target, &returned, &returnedWritten);
     };
-    const Status status = serve();
+    const Status status = WithVariable(manager, callersVariable, serve);
     if (!returnedWritten && !CopyToCaller(returnedSize, &returned, sizeof returned)) return TVS_E_FAULT;
     return status;
 }

@@ -17,7 +17,7 @@ struct RequestResult {
     uint32_t requestId;
     int32_t result;
 };
-static_assert(sizeof(RequestResult) == 8);
+static_assert(sizeof(RequestResult) == 8 && offsetof(RequestResult, requestId) == 0);
 
 // The list, with the database mutex held for as long as it lives.
 struct ResultList {
@@ -40,16 +40,6 @@ struct ResultList {
     MutexHold lock;
     StoredList list;
 };
-
-// One more than the largest of the list; 0 when that is the last number there is.
-uint32_t NextNumber(const ResultList& results) {
-    uint32_t largest = 0;
-    for (uint32_t i = 0; i < results.list.Count(); ++i) {
-        const uint32_t number = results.Entry(i).requestId;
-        if (number > largest) largest = number;
-    }
-    return largest + 1;
-}
 
 // Changes the entry of the request. Nobody hears of a failure, so memory is waited for, with the mutex given back
 // meanwhile; what the service does not take is lost with it.
@@ -76,7 +66,7 @@ void ChangeEntry(ManagerRecord* manager, uint32_t requestId, Change change) {
 Status EnterRequest(ManagerRecord* manager, int32_t result, uint32_t* callersNumber, uint32_t* requestId) {
     ResultList results(manager);
     if (const Status status = results.list.Load(1); status != TVS_OK) return status;
-    const RequestResult entry = {.requestId = NextNumber(results), .result = result};
+    const RequestResult entry = {.requestId = results.list.NextNumber(), .result = result};
     if (entry.requestId == 0) return TVS_E_MEMORY;
     if (!CopyToCaller(callersNumber, &entry.requestId, sizeof entry.requestId)) return TVS_E_FAULT;
     memcpy(results.list.Append(), &entry, sizeof entry);

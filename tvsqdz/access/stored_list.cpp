@@ -59,3 +59,13 @@ Answer StoredList::Store() {
     memcpy(m_block, &header, sizeof header);
     return WriteVariable(m_database, m_name, m_block, size);
 }
+
+uint32_t StoredList::NextNumber() const {
+    uint32_t largest = 0;
+    for (uint32_t i = 0; i < m_count; ++i) {
+        uint32_t number = 0;
+        memcpy(&number, Item(i), sizeof number);
+        if (number > largest) largest = number;
+    }
+    return largest + 1;
+}

@@ -27,6 +27,8 @@ public:
     // Takes an item out; the later ones move up.
     void Remove(uint32_t i);
     Answer Store();
+    // Of items that begin with a u32 number: one more than the largest; 0 when that is the last number there is.
+    uint32_t NextNumber() const;
 
 private:
     SIZE_T ItemOffset(uint32_t i) const;

@@ -40,9 +40,7 @@ Status UpdateValue(ManagerRecord* manager, const StatusVariableDef& variable, co
 }
 
 int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data, uint32_t size) {
-    const ManagerCall call(manager);
-    if (!call) return TVS_E_HANDLE;
-    const StatusVariableDef* found = nullptr;
-    if (const Status status = FindCallersVariable(call.Manager(), variable, &found); status != TVS_OK) return status;
-    return UpdateValue(call.Manager(), *found, data, size);
+    return WithVariable(manager, variable, [&](ManagerRecord* record, const StatusVariableDef& found) {
+        return UpdateValue(record, found, data, size);
+    });
 }

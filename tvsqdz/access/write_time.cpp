@@ -15,9 +15,7 @@ Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, 
 }
 
 int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char* variable, _SYSTEMTIME* writeTime) {
-    const ManagerCall call(manager);
-    if (!call) return TVS_E_HANDLE;
-    const StatusVariableDef* found = nullptr;
-    const Status status = FindCallersVariable(call.Manager(), variable, &found);
-    return status == TVS_OK ? GiveWriteTime(call.Manager(), *found, writeTime) : status;
+    return WithVariable(manager, variable, [&](ManagerRecord* record, const StatusVariableDef& found) {
+        return GiveWriteTime(record, found, writeTime);
+    });
 }

@@ -18,6 +18,16 @@ const StatusVariableDef* FindStatusVariable(const ManagerRecord* manager, const 
 Status FindCallersVariable(const ManagerRecord* manager, const char* callersName, const StatusVariableDef** variable);
 Status FindCallersVariable(const ManagerRecord* manager, const WCHAR* callersName, const StatusVariableDef** variable);
 
+// The frame of an export that works on one variable: the manager, the variable, and then what it does.
+template <typename Character, typename Operation> // Status(ManagerRecord* manager, const StatusVariableDef& variable)
+Status WithVariable(TvsManager handle, const Character* callersName, Operation operation) {
+    const ManagerCall call(handle);
+    if (!call) return TVS_E_HANDLE;
+    const StatusVariableDef* found = nullptr;
+    if (const Status status = FindCallersVariable(call.Manager(), callersName, &found); status != TVS_OK) return status;
+    return operation(call.Manager(), *found);
+}
+
 // The type under which the database stores a variable; false for those that are not stored as plain ones: composites,
 // queues, extended types and codes that are none.
 bool DatabaseTypeOf(uint32_t flags, dblink::DatabaseType* type);

@@ -67,9 +67,7 @@ int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* var
 }
 
 int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable, _SYSTEMTIME* writeTime) {
-    const ManagerCall call(manager);
-    if (!call) return TVS_E_HANDLE;
-    const StatusVariableDef* found = nullptr;
-    const Status status = FindCallersVariable(call.Manager(), variable, &found);
-    return status == TVS_OK ? GiveWriteTime(call.Manager(), *found, writeTime) : status;
+    return WithVariable(manager, variable, [&](ManagerRecord* record, const StatusVariableDef& found) {
+        return GiveWriteTime(record, found, writeTime);
+    });
 }

@@ -31,16 +31,14 @@ Status Narrow(const StatusVariableDef& variable, const void* value, uint32_t siz
 // write(manager, variable, data, size), whose data may be the caller's when there is nothing to convert.
 template <typename Write>
 Status ServeWideWrite(TvsManager manager, const WCHAR* callersVariable, const void* value, uint32_t size, Write write) {
-    const ManagerCall call(manager);
-    if (!call) return TVS_E_HANDLE;
-    const StatusVariableDef* found = nullptr;
-    if (const Status status = FindCallersVariable(call.Manager(), callersVariable, &found); status != TVS_OK)
-        return status;
-    if (found->toAnsi == nullptr) return write(call.Manager(), *found, value, size);
-    uint32_t narrowSize = 0;
-    if (const Status status = AskNarrowSize(*found, value, size, &narrowSize); status != TVS_OK) return status;
-    Scratch narrow(narrowSize);
-    if (narrow.Data() == nullptr) return TVS_E_MEMORY;
-    if (const Status status = Narrow(*found, value, size, narrow.Data(), &narrowSize); status != TVS_OK) return status;
-    return write(call.Manager(), *found, static_cast<const void*>(narrow.Data()), narrowSize);
+    return WithVariable(manager, callersVariable, [&](ManagerRecord* record, const StatusVariableDef& variable) {
+        if (variable.toAnsi == nullptr) return write(record, variable, value, size);
+        uint32_t narrowSize = 0;
+        if (const Status status = AskNarrowSize(variable, value, size, &narrowSize); status != TVS_OK) return status;
+        Scratch narrow(narrowSize);
+        if (narrow.Data() == nullptr) return TVS_E_MEMORY;
+        if (const Status status = Narrow(variable, value, size, narrow.Data(), &narrowSize); status != TVS_OK)
+            return status;
+        return write(record, variable, static_cast<const void*>(narrow.Data()), narrowSize);
+    });
 }

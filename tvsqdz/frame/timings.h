@@ -50,8 +50,8 @@ struct Timings {
     DWORD requestLockBound = 5000;
     DWORD answerBound = 60000;
     DWORD memoryPause = 100;
-    // Requests left to the printer's owner: between two looks whether it has taken the one before, and how long one that
-    // nobody takes is waited for.
+    // Requests left to the printer's owner: between two looks whether it has taken the one before, and how long one
+    // that nobody takes is waited for.
     DWORD relayPause = 20;
     DWORD relayBound = 10000;
     // The owner looks whether it missed one that often.

@@ -85,9 +85,10 @@ Status CheckWrite(ManagerRecord* manager, const StatusVariableDef& variable) {
     return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
 }
 
-void ResetNumber(uint32_t* callersNumber) {
+// False when the caller's memory takes no number; where it took one before it does.
+bool ResetNumber(uint32_t* callersNumber) {
     const uint32_t none = 0;
-    CopyToCaller(callersNumber, &none, sizeof none); // it took one before
+    return CopyToCaller(callersNumber, &none, sizeof none);
 }
 
 // From the lock on. The event form holds the database mutex, under which the result is entered too, and the message
@@ -126,8 +127,7 @@ Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, 
 
 Status StartWrite(TvsManager handle, const char* variable, const void* data, uint32_t size,
                   const Completion& completion, uint32_t* callersNumber) {
-    const uint32_t none = 0;
-    if (!CopyToCaller(callersNumber, &none, sizeof none)) return TVS_E_FAULT;
+    if (!ResetNumber(callersNumber)) return TVS_E_FAULT;
     const ManagerCall call(handle);
     if (!call) return TVS_E_HANDLE;
     ManagerRecord* manager = call.Manager();

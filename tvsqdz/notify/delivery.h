@@ -10,6 +10,9 @@
 HANDLE BeginWatch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
 void EndWatch(const NotificationRegistration& registration, const char* variableName, HANDLE event);
 
+// A watcher that is back within this time has missed no pulse that does not come again.
+inline constexpr DWORD kPulseComesAgainMs = 40;
+
 // Notices an event that somebody left set: after more than 100 signals within a second it is reset.
 class SignalCount {
 public:

@@ -30,21 +30,11 @@ struct RelayedList {
     StoredList list;
 };
 
-// One more than the largest of the list; 0 when that is the last number there is.
-uint32_t NextNumber(const RelayedList& relayed) {
-    uint32_t largest = 0;
-    for (uint32_t i = 0; i < relayed.list.Count(); ++i) {
-        const uint32_t number = relayed.Entry(i).registrationId;
-        if (number > largest) largest = number;
-    }
-    return largest + 1;
-}
-
 // Appends the entries and gives them their number.
 Status Relay(ManagerRecord* manager, MessageRegistrationEntry* entries, uint32_t count, TvsRegistration* handle) {
     RelayedList relayed(manager);
     if (const Status status = relayed.list.Load(count); status != TVS_OK) return status;
-    const uint32_t number = NextNumber(relayed);
+    const uint32_t number = relayed.list.NextNumber();
     if (number == 0) return TVS_E_MEMORY;
     for (uint32_t i = 0; i < count; ++i) {
         entries[i].registrationId = number;

@@ -11,9 +11,6 @@
 namespace {
 
 constexpr DWORD kEnded = 1;
-// A watcher that is back within this time has missed no pulse that does not come again.
-constexpr DWORD kPulseComesAgainMs = 40;
-
 class VariableWatcher {
 public:
     // *told: when the variable was last written; that is not news. looks: after every delivery.
