@@ -1,4 +1,4 @@
-/* Printers of the print spooler. Win32, "Print Spooler API Functions".
+/* Printers and jobs of the print spooler. Win32, "Print Spooler API Functions".
  *
  * The embedded spool is a database in the state directory (spooler/store.h) that all users of the machine read. A
  * printer whose name starts with two backslashes is a connection to another machine's; the others are local, and have
@@ -8,6 +8,7 @@
 #ifndef ORIEL_WINSPOOL_H
 #define ORIEL_WINSPOOL_H
 
+#include <minwinbase.h>
 #include <windef.h>
 #include <winerror.h>
 #include <winnt.h>
@@ -68,6 +69,55 @@ typedef struct _PRINTER_INFO_2A {
 static_assert(sizeof(PRINTER_INFO_2A) == 13 * sizeof(void*) + 32);
 #endif
 
+/* A job's Status. */
+#define JOB_STATUS_PAUSED 0x00000001
+#define JOB_STATUS_ERROR 0x00000002
+#define JOB_STATUS_DELETING 0x00000004 /* it goes as soon as whoever spools it notices */
+#define JOB_STATUS_SPOOLING 0x00000008 /* its document is not complete yet */
+#define JOB_STATUS_PRINTING 0x00000010
+#define JOB_STATUS_OFFLINE 0x00000020
+#define JOB_STATUS_PAPEROUT 0x00000040
+#define JOB_STATUS_PRINTED 0x00000080
+#define JOB_STATUS_DELETED 0x00000100
+#define JOB_STATUS_BLOCKED_DEVQ 0x00000200
+#define JOB_STATUS_USER_INTERVENTION 0x00000400
+#define JOB_STATUS_RESTART 0x00000800
+
+/* What SetJobA does to a job. */
+#define JOB_CONTROL_PAUSE 1
+#define JOB_CONTROL_RESUME 2
+#define JOB_CONTROL_CANCEL 3
+#define JOB_CONTROL_DELETE 5
+
+/* A job, level 1. On a 64-bit machine 96 bytes, with 32 bits 64. Strings are in the ANSI code page; what is not known
+ * is an empty string. */
+typedef struct _JOB_INFO_1A {
+    DWORD JobId; /* 1 to 0x7FFFFFFF */
+    LPSTR pPrinterName;
+    LPSTR pMachineName; /* with two leading backslashes */
+    LPSTR pUserName;    /* whose it is: the account's name, else the user's number */
+    LPSTR pDocument;
+    LPSTR pDatatype;
+    LPSTR pStatus; /* absent: Status says all */
+    DWORD Status;  /* JOB_STATUS_* */
+    DWORD Priority;
+    DWORD Position;   /* in the printer's queue, from 1 */
+    DWORD TotalPages; /* 0: not known */
+    DWORD PagesPrinted;
+    SYSTEMTIME Submitted; /* UTC */
+} JOB_INFO_1A, *PJOB_INFO_1A, *LPJOB_INFO_1A;
+
+#ifdef __cplusplus
+static_assert(sizeof(JOB_INFO_1A) == (sizeof(void*) == 8 ? 96 : 64));
+#endif
+
+/* A document that is to be a job, level 1. */
+typedef struct _DOC_INFO_1A {
+    LPSTR pDocName;    /* up to 1,023 bytes; may be absent */
+    LPSTR pOutputFile; /* must be absent */
+    LPSTR pDatatype;   /* up to 63 bytes; absent: "RAW" */
+} DOC_INFO_1A, *PDOC_INFO_1A, *LPDOC_INFO_1A;
+
 /* Lists printers in the order in which they were added. flags: PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both;
  * name is absent; level is 2. buffer: *returned records one behind the other, then their strings. size: bytes. *needed:
  * the bytes that it takes (on success those used). ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0.
@@ -99,6 +149,30 @@ WINBASEAPI HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record);
 /* Removes the printer, and its registry key with all that is below it; needs PRINTER_ACCESS_ADMINISTER. The handle
  * stays to be closed. */
 WINBASEAPI BOOL WINAPI DeletePrinter(HANDLE printer);
+
+/* Jobs of a printer in the order of its queue, those that are complete and those still spooled. first: how many to pass
+ * over; count: how many at most. level is 1. buffer, size, *needed and *returned as EnumPrintersA has them. */
+WINBASEAPI BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD level, LPBYTE buffer, DWORD size,
+                                 LPDWORD needed, LPDWORD returned);
+
+/* Does something to a job (JOB_CONTROL_*). level must be 0 and record absent. A job that is still spooled is cancelled
+ * by whoever spools it, and is JOB_STATUS_DELETING until then. Pausing a paused job, or resuming one that is not,
+ * succeeds. ERROR_INVALID_PARAMETER: the printer has no such job, or there is no such command. ERROR_ACCESS_DENIED: it
+ * is another user's. */
+WINBASEAPI BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD command);
+
+/* Begins a job of the calling thread's user; level is 1, record a DOC_INFO_1A. The job's number, 0 on failure:
+ * ERROR_ACCESS_DENIED (this user may not spool), ERROR_NOT_ENOUGH_QUOTA (10,000 jobs are there), ERROR_BUSY (this
+ * handle spools one already), ERROR_NOT_SUPPORTED (a printer that is not the embedded spool's). The job is dropped when
+ * the handle is closed, or the process ends, before EndDocPrinter. */
+WINBASEAPI DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record);
+
+/* Adds to the document. *written: bytes that were taken, also on failure. ERROR_SPL_NO_STARTDOC; ERROR_PRINT_CANCELLED:
+ * the job was cancelled meanwhile; ERROR_DISK_FULL. */
+WINBASEAPI BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD written);
+
+/* The document is complete. ERROR_SPL_NO_STARTDOC, ERROR_PRINT_CANCELLED. */
+WINBASEAPI BOOL WINAPI EndDocPrinter(HANDLE printer);
 
 WINBASE_END
 

@@ -96,13 +96,24 @@ const std::string& RuntimeDirectory() {
     return directory;
 }
 
-std::string RuntimeFolder(const char* name) {
-    const std::string& directory = RuntimeDirectory();
+namespace {
+
+std::string FolderBelow(const std::string& directory, const char* name) {
     struct stat status {};
     if (directory.empty() || stat(directory.c_str(), &status) != 0) return "";
     std::string path = directory + "/" + name;
-    // Shared when other users get into the run directory at all.
+    // Shared when other users get into the directory at all.
     return MakeDirectory(path, (status.st_mode & S_IXOTH) != 0 ? 01777 : 0700) ? path : "";
+}
+
+} // namespace
+
+std::string RuntimeFolder(const char* name) {
+    return FolderBelow(RuntimeDirectory(), name);
+}
+
+std::string StateFolder(const char* name) {
+    return FolderBelow(StateDirectory(), name);
 }
 
 } // namespace oriel

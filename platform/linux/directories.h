@@ -1,5 +1,5 @@
-// Where the layer keeps what outlives a process: the state directory (registry, spool; survives a restart of the machine)
-// and the run directory (sockets, kernel objects, windows; on a tmpfs).
+// Where the layer keeps what outlives a process: the state directory (registry, spool; survives a restart of the
+// machine) and the run directory (sockets, kernel objects, windows; on a tmpfs).
 //
 // ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR name them. Without them root uses /var/lib/oriel and /run/oriel, shared by all
 // users of the machine; another user uses those too when they exist, else directories of its own under XDG_STATE_HOME
@@ -15,7 +15,8 @@ namespace oriel {
 const std::string& StateDirectory();
 const std::string& RuntimeDirectory();
 
-// A folder below the run directory that all users of the machine may put entries into (mode 1777 when it is shared).
+// A folder below the directory that all users of the machine may put entries into (mode 1777 when it is shared).
 std::string RuntimeFolder(const char* name);
+std::string StateFolder(const char* name);
 
 } // namespace oriel

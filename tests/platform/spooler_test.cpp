@@ -2,54 +2,14 @@
 #include "campaign.h"
 #include "posix_kit.h"
 #include "private_machine.h"
-#include "registry_kit.h"
-#include "win32_kit.h"
-
-#include <winspool.h>
+#include "spooler_kit.h"
 
 #include <cstring>
 #include <filesystem>
 
 namespace {
 
-// A record and its texts; the last error is its result.
-DWORD Add(std::string name, std::string driver = "Driver", std::string port = "LPT1:", DWORD attributes = 0,
-          HANDLE* handle = nullptr) {
-    std::string comment = "of " + name;
-    PRINTER_INFO_2A record{};
-    record.pPrinterName = name.data();
-    record.pDriverName = driver.data();
-    record.pPortName = port.data();
-    record.pComment = comment.data();
-    record.Attributes = attributes;
-    const HANDLE printer = AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&record));
-    if (printer == nullptr) return GetLastError();
-    if (handle != nullptr)
-        *handle = printer;
-    else
-        ClosePrinter(printer);
-    return ERROR_SUCCESS;
-}
-
-DWORD Open(std::string name, HANDLE* printer, ACCESS_MASK access = 0) {
-    PRINTER_DEFAULTSA defaults{nullptr, nullptr, access};
-    return OpenPrinterA(name.data(), printer, access != 0 ? &defaults : nullptr) ? ERROR_SUCCESS : GetLastError();
-}
-
 constexpr DWORD kLocal = PRINTER_ENUM_LOCAL;
-constexpr DWORD kBoth = PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS;
-
-Names PrintersOf(DWORD flags) {
-    DWORD needed = 0;
-    DWORD returned = 0;
-    EnumPrintersA(flags, nullptr, 2, nullptr, 0, &needed, &returned);
-    std::vector<BYTE> buffer(needed);
-    EXPECT_TRUE(EnumPrintersA(flags, nullptr, 2, buffer.data(), needed, &needed, &returned)) << GetLastError();
-    Names names;
-    for (DWORD at = 0; at < returned; ++at)
-        names.emplace_back(reinterpret_cast<PRINTER_INFO_2A*>(buffer.data())[at].pPrinterName);
-    return names;
-}
 
 std::string RegistryText(const std::string& printer, const char* value) {
     HKEY key = nullptr;

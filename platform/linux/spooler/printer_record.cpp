@@ -1,23 +1,24 @@
 #include "spooler/printer_record.h"
 
 #include "registry/names.h"
+#include "spooler/record_space.h"
 
-#include <cstring>
+#include <winspool.h>
 
 namespace oriel {
 namespace {
 
 constexpr size_t kLongestName = 220;
 
-struct PrinterText {
+struct PrinterTextField {
     LPSTR PRINTER_INFO_2A::*field;
     size_t longest;
     bool required = false;
     const char* otherwise = ""; // when it is absent or empty
 };
 
-// In the order of Printer::texts.
-constexpr PrinterText kPrinterTexts[kPrinterTextCount] = {
+// In the order of PrinterText.
+constexpr PrinterTextField kPrinterTexts[kPrinterTextCount] = {
     {&PRINTER_INFO_2A::pPrinterName, kLongestName, true},
     {&PRINTER_INFO_2A::pServerName, 259},
     {&PRINTER_INFO_2A::pShareName, 259},
@@ -29,7 +30,7 @@ constexpr PrinterText kPrinterTexts[kPrinterTextCount] = {
     {&PRINTER_INFO_2A::pDatatype, 259, false, "RAW"},
 };
 static_assert(kPrinterTexts[kPrinterName].field == &PRINTER_INFO_2A::pPrinterName);
-constexpr size_t kServerText = 1;
+static_assert(kPrinterTexts[kPrinterDatatype].field == &PRINTER_INFO_2A::pDatatype);
 
 // Texts that every printer has and that are always empty.
 constexpr LPSTR PRINTER_INFO_2A::*kEmptyTexts[] = {&PRINTER_INFO_2A::pSepFile, &PRINTER_INFO_2A::pParameters};
@@ -48,22 +49,10 @@ bool IsPrinterName(std::string_view name) {
     return behindServer != std::string_view::npos && behindServer > 2 && behindServer + 1 < name.size();
 }
 
-// Strings fill the buffer from its end.
-struct StringSpace {
-    LPBYTE end;
-
-    LPSTR Put(std::string_view text) {
-        end -= text.size() + 1;
-        std::memcpy(end, text.data(), text.size());
-        end[text.size()] = '\0';
-        return reinterpret_cast<LPSTR>(end);
-    }
-};
-
 PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
     PRINTER_INFO_2A record = {};
     for (size_t text = 0; text < kPrinterTextCount; ++text) {
-        if (text == kServerText && printer.texts[text].empty()) continue; // absent for a local printer
+        if (text == kServerName && printer.texts[text].empty()) continue; // absent for a local printer
         record.*kPrinterTexts[text].field = strings.Put(printer.texts[text]);
     }
     for (const auto field : kEmptyTexts)
@@ -76,7 +65,7 @@ PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
 size_t SizeOf(const Printer& printer) {
     size_t size = sizeof(PRINTER_INFO_2A) + std::size(kEmptyTexts);
     for (size_t text = 0; text < kPrinterTextCount; ++text)
-        if (text != kServerText || !printer.texts[text].empty()) size += printer.texts[text].size() + 1;
+        if (text != kServerName || !printer.texts[text].empty()) size += printer.texts[text].size() + 1;
     return size;
 }
 
@@ -100,19 +89,9 @@ std::string PrinterKeyName(std::string_view name) {
 }
 
 DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed) {
-    size_t total = 0;
-    for (const Printer& printer : printers)
-        total += SizeOf(printer);
-    *needed = static_cast<DWORD>(total);
-    if (total == 0) return ERROR_SUCCESS;
-    if (buffer == nullptr || size < total) return ERROR_INSUFFICIENT_BUFFER;
-    StringSpace strings{buffer + size};
-    for (size_t at = 0; at < printers.size(); ++at) {
-        const PRINTER_INFO_2A record = RecordOf(printers[at], strings);
-        // The caller's buffer need not be aligned.
-        std::memcpy(buffer + at * sizeof record, &record, sizeof record);
-    }
-    return ERROR_SUCCESS;
+    return WriteRecords(
+        printers, buffer, size, needed, SizeOf,
+        [](const Printer& printer, size_t, StringSpace& strings) { return RecordOf(printer, strings); });
 }
 
 DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer) {
@@ -128,7 +107,7 @@ DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer) {
         if (printer->texts[text].size() > kPrinterTexts[text].longest) return ERROR_INVALID_PARAMETER;
     }
     const std::string& name = printer->Name();
-    std::string& server = printer->texts[kServerText];
+    std::string& server = printer->texts[kServerName];
     if (!IsConnection(name) && !server.empty()) return ERROR_INVALID_PARAMETER;
     if (IsConnection(name) && server.empty()) server = name.substr(0, name.find('\\', 2));
     const DWORD kind = IsConnection(name) ? PRINTER_ATTRIBUTE_NETWORK : PRINTER_ATTRIBUTE_LOCAL;

@@ -1,14 +1,15 @@
 // Printers as the PRINTER_INFO_2A records of callers.
 #pragma once
 
-#include "spooler/store.h"
+#include "spooler/back_end.h"
 
 #include <span>
+#include <string_view>
+#include <winspool.h>
 
 namespace oriel {
 
-// Writes one record for each printer at the start of the buffer, and their strings at its end. *needed: the bytes that
-// it takes. ERROR_INSUFFICIENT_BUFFER, with the buffer untouched.
+// As WriteRecords (record_space.h) does.
 DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed);
 
 // A record that a caller wants to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.

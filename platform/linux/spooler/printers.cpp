@@ -1,9 +1,9 @@
-// The spooler's calls on printers. State: handles; the printers themselves are in the store.
-#include "kernel/handles.h"
+// The spooler's calls on printers. State: handles; the printers themselves are in the back ends.
 #include "registry/changes.h"
 #include "registry/guarded.h"
 #include "registry/names.h"
 #include "registry/rights.h"
+#include "spooler/printer_object.h"
 #include "spooler/printer_record.h"
 #include "spooler/store.h"
 
@@ -15,14 +15,16 @@ namespace {
 
 constexpr const char* kPrintersKey = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
 
-struct PrinterObject : Object {
-    int64_t id;
-};
-
 void DropPrinter(Object* object) {
-    if (LastReference(object)) delete static_cast<PrinterObject*>(object);
+    if (!LastReference(object)) return;
+    auto* printer = static_cast<PrinterObject*>(object);
+    // Without memory for it the job is left as one whose process died.
+    Guarded([printer]() -> DWORD {
+        DropDocument(printer->document);
+        return ERROR_SUCCESS;
+    });
+    delete printer;
 }
-constexpr ObjectType kPrinterType{.name = "printer", .drop = DropPrinter};
 
 constexpr RightsMap kPrinterRights = {.read = READ_CONTROL | PRINTER_ACCESS_USE,
                                       .write = READ_CONTROL | PRINTER_ACCESS_USE,
@@ -30,8 +32,8 @@ constexpr RightsMap kPrinterRights = {.read = READ_CONTROL | PRINTER_ACCESS_USE,
                                       .all = PRINTER_ALL_ACCESS};
 constexpr DWORD kPrinterReaders = READ_CONTROL | PRINTER_ACCESS_USE;
 
-DWORD OpenPrinterHandle(int64_t id, DWORD access, HANDLE* handle) {
-    *handle = NewHandle(new PrinterObject{{&kPrinterType}, id}, access);
+DWORD OpenPrinterHandle(const SpoolerBackEnd& backEnd, PrinterKey key, DWORD access, HANDLE* handle) {
+    *handle = NewHandle(new PrinterObject(&backEnd, std::move(key)), access);
     return *handle != nullptr ? ERROR_SUCCESS : GetLastError();
 }
 
@@ -40,14 +42,15 @@ DWORD OpenNamedPrinter(LPCSTR name, LPHANDLE printer, const PRINTER_DEFAULTSA* d
     if (defaults != nullptr && (defaults->pDatatype != nullptr || defaults->pDevMode != nullptr))
         return ERROR_INVALID_PARAMETER;
     if (name == nullptr || *name == '\0') return ERROR_INVALID_PRINTER_NAME;
-    int64_t id = 0;
-    const DWORD error = FindPrinter(FoldName(name), &id);
-    if (error != ERROR_SUCCESS) return error == ERROR_FILE_NOT_FOUND ? ERROR_INVALID_PRINTER_NAME : error;
+    const SpoolerBackEnd* backEnd = &kEmbeddedSpool;
+    PrinterKey key;
+    const DWORD error = backEnd->findPrinter(name, &key);
+    if (error != ERROR_SUCCESS) return error;
     const DWORD asked =
         defaults != nullptr && defaults->DesiredAccess != 0 ? defaults->DesiredAccess : PRINTER_ACCESS_USE;
     DWORD granted = 0;
     const DWORD refused = GrantRights(asked, kPrinterRights, kPrinterReaders, SpoolStore(), &granted);
-    return refused == ERROR_SUCCESS ? OpenPrinterHandle(id, granted, printer) : refused;
+    return refused == ERROR_SUCCESS ? OpenPrinterHandle(*backEnd, std::move(key), granted, printer) : refused;
 }
 
 // What Windows NT keeps of a local printer in the registry.
@@ -87,27 +90,33 @@ DWORD AddNewPrinter(const PRINTER_INFO_2A& record, HANDLE* handle) {
     error = AddPrinterRow(hold, printer, folded, &id);
     if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(WritePrinterKey(printer));
     if (error == ERROR_SUCCESS) error = hold.Commit();
-    return error == ERROR_SUCCESS ? OpenPrinterHandle(id, PRINTER_ALL_ACCESS, handle) : error;
-}
-
-DWORD ReadOpenPrinter(const PrinterObject& open, Printer* printer) {
-    const DWORD error = ReadPrinter(open.id, printer);
-    return error == ERROR_FILE_NOT_FOUND ? ERROR_PRINTER_DELETED : error;
+    if (error != ERROR_SUCCESS) return error;
+    MakeJobsFolder(); // so that others can print; who spools tries it again
+    return OpenPrinterHandle(kEmbeddedSpool, {id, printer.Name()}, PRINTER_ALL_ACCESS, handle);
 }
 
 DWORD DeleteOpenPrinter(const PrinterObject& open) {
     Printer printer;
-    DWORD error = ReadOpenPrinter(open, &printer);
+    if (open.backEnd != &kEmbeddedSpool) return ERROR_NOT_SUPPORTED;
+    DWORD error = open.backEnd->readPrinter(open.key, &printer);
     if (error != ERROR_SUCCESS) return error;
     DatabaseHold hold(SpoolStore(), DatabaseUse::kChange);
     if (hold.Error() != ERROR_SUCCESS) return hold.Error();
-    error = DeletePrinterRow(hold, open.id);
+    error = DeletePrinterRow(hold, open.key.id);
     if (error == ERROR_FILE_NOT_FOUND) return ERROR_PRINTER_DELETED;
     if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(DeletePrinterKey(printer));
-    return error == ERROR_SUCCESS ? hold.Commit() : error;
+    if (error == ERROR_SUCCESS) error = hold.Commit();
+    if (error == ERROR_SUCCESS) RemoveJobsOf(open.key.id);
+    return error;
 }
 
 } // namespace
+
+const ObjectType kPrinterType{.name = "printer", .drop = DropPrinter};
+
+PrinterObject::PrinterObject(const SpoolerBackEnd* printersOf, PrinterKey printer)
+    : Object{&kPrinterType}, backEnd(printersOf), key(std::move(printer)) {}
+
 } // namespace oriel
 
 using namespace oriel;
@@ -121,7 +130,7 @@ BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, D
         if (level != 2) return ERROR_INVALID_LEVEL;
         if (flags == 0 || (flags & ~(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS)) != 0) return ERROR_INVALID_FLAGS;
         std::vector<Printer> printers;
-        DWORD error = oriel::ListPrinters(&printers);
+        DWORD error = kEmbeddedSpool.listPrinters(&printers);
         if (error != ERROR_SUCCESS) return error;
         std::erase_if(printers, [flags](const Printer& printer) {
             return (flags & (IsConnection(printer.Name()) ? PRINTER_ENUM_CONNECTIONS : PRINTER_ENUM_LOCAL)) == 0;
@@ -143,7 +152,7 @@ BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, DWORD size, 
         if (needed == nullptr) return ERROR_INVALID_PARAMETER;
         if (level != 2) return ERROR_INVALID_LEVEL;
         Printer found;
-        const DWORD error = ReadOpenPrinter(*open.Get(), &found);
+        const DWORD error = open->backEnd->readPrinter(open->key, &found);
         return error == ERROR_SUCCESS ? WritePrinterRecords({&found, 1}, buffer, size, needed) : error;
     }));
 }

@@ -1,25 +1,10 @@
-// The embedded spool: the printers of the machine, in <state directory>/spool.sqlite, mode 0644.
+// The printers of the embedded spool, in <state directory>/spool.sqlite, mode 0644.
 #pragma once
 
 #include "registry/database.h"
-
-#include <string>
-#include <vector>
-#include <winspool.h>
+#include "spooler/back_end.h"
 
 namespace oriel {
-
-// The texts that the spool keeps of a printer; kPrinterTexts (printer_record.h) says where a PRINTER_INFO_2A has them.
-constexpr size_t kPrinterTextCount = 9;
-constexpr size_t kPrinterName = 0;
-
-struct Printer {
-    int64_t id = 0;
-    std::string texts[kPrinterTextCount];
-    DWORD attributes = 0;
-
-    const std::string& Name() const { return texts[kPrinterName]; }
-};
 
 Database& SpoolStore();
 

@@ -1,0 +1,116 @@
+// The spooler's calls on jobs and on documents that become jobs. State: the document that a handle spools.
+#include "registry/guarded.h"
+#include "spooler/job_record.h"
+#include "spooler/printer_object.h"
+
+#include <cstring>
+#include <winspool.h>
+
+namespace oriel {
+namespace {
+
+DWORD CommandOf(DWORD number, JobCommand* command) {
+    switch (number) {
+    case JOB_CONTROL_PAUSE:
+        *command = JobCommand::kPause;
+        return ERROR_SUCCESS;
+    case JOB_CONTROL_RESUME:
+        *command = JobCommand::kResume;
+        return ERROR_SUCCESS;
+    case JOB_CONTROL_CANCEL:
+    case JOB_CONTROL_DELETE:
+        *command = JobCommand::kCancel;
+        return ERROR_SUCCESS;
+    default:
+        return ERROR_INVALID_PARAMETER;
+    }
+}
+
+std::string_view TextOr(const char* text, std::string_view otherwise) {
+    return text != nullptr && *text != '\0' ? text : otherwise;
+}
+
+DWORD StartDocumentOf(PrinterObject& printer, const DOC_INFO_1A& record, DWORD* job) {
+    if (record.pOutputFile != nullptr) return ERROR_INVALID_PARAMETER;
+    if (printer.backEnd != &kEmbeddedSpool) return ERROR_NOT_SUPPORTED;
+    Printer known;
+    if (const DWORD error = printer.backEnd->readPrinter(printer.key, &known); error != ERROR_SUCCESS) return error;
+    const std::lock_guard hold(printer.documentLock);
+    if (printer.document.job != 0) return ERROR_BUSY;
+    const DWORD error = StartDocument(printer.key.id, {TextOr(record.pDocName, ""), TextOr(record.pDatatype, "RAW")},
+                                      &printer.document);
+    *job = printer.document.job;
+    return error;
+}
+
+} // namespace
+} // namespace oriel
+
+using namespace oriel;
+
+BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
+                      LPDWORD returned) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        if (needed == nullptr || returned == nullptr) return ERROR_INVALID_PARAMETER;
+        *needed = 0;
+        *returned = 0;
+        if (level != 1) return ERROR_INVALID_LEVEL;
+        std::vector<Job> jobs;
+        DWORD error = open->backEnd->listJobs(open->key, &jobs);
+        if (error != ERROR_SUCCESS) return error;
+        const size_t begin = std::min<size_t>(first, jobs.size());
+        const std::span<const Job> asked(jobs.data() + begin, std::min<size_t>(count, jobs.size() - begin));
+        error = WriteJobRecords(asked, begin, open->key.name, buffer, size, needed);
+        if (error == ERROR_SUCCESS) *returned = static_cast<DWORD>(asked.size());
+        return error;
+    }));
+}
+
+BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD command) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        if (level != 0) return ERROR_INVALID_LEVEL;
+        if (record != nullptr) return ERROR_INVALID_PARAMETER;
+        JobCommand known{};
+        const DWORD error = CommandOf(command, &known);
+        return error == ERROR_SUCCESS ? open->backEnd->changeJob(open->key, job, known) : error;
+    }));
+}
+
+DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record) {
+    DWORD job = 0;
+    Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        if (level != 1) return ERROR_INVALID_LEVEL;
+        if (record == nullptr) return ERROR_INVALID_PARAMETER;
+        DOC_INFO_1A copy; // the caller's need not be aligned
+        std::memcpy(&copy, record, sizeof copy);
+        return StartDocumentOf(*open.Get(), copy, &job);
+    }));
+    return job;
+}
+
+BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD written) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        if (written == nullptr || (buffer == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;
+        *written = 0;
+        const std::lock_guard hold(open->documentLock);
+        if (open->document.job == 0) return ERROR_SPL_NO_STARTDOC;
+        return AppendToDocument(open->document, buffer, size, written);
+    }));
+}
+
+BOOL WINAPI EndDocPrinter(HANDLE printer) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
+        if (!open) return GetLastError();
+        const std::lock_guard hold(open->documentLock);
+        return open->document.job != 0 ? EndDocument(open->document) : DWORD{ERROR_SPL_NO_STARTDOC};
+    }));
+}

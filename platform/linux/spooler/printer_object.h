@@ -1,0 +1,24 @@
+// What a printer's handle stands for.
+#pragma once
+
+#include "kernel/handles.h"
+#include "spooler/back_end.h"
+#include "spooler/job_files.h"
+
+#include <mutex>
+
+namespace oriel {
+
+struct PrinterObject : Object {
+    PrinterObject(const SpoolerBackEnd* printersOf, PrinterKey printer);
+
+    const SpoolerBackEnd* const backEnd;
+    const PrinterKey key;
+    // Held for as long as a file of the spool takes its bytes.
+    std::mutex documentLock;
+    SpooledDocument document; // begun with StartDocPrinterA
+};
+
+extern const ObjectType kPrinterType;
+
+} // namespace oriel
