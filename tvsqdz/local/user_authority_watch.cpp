@@ -17,24 +17,19 @@ constexpr char kAccessControlList[] = "AccessControlList";
 class ListWatcher {
 public:
     explicit ListWatcher(const NotificationRegistration& registration)
-        : m_registration(registration), m_handles{registration.thread.stopEvent,
-                                                  BeginWatch(registration, kAccessControlList, dblink::kOnlyChanges)} {
+        : m_registration(registration),
+          m_changeEvent(BeginWatch(registration, kAccessControlList, dblink::kOnlyChanges)) {
         // Without a list nobody has any authority.
         if (Load(m_list) == TVS_OK) m_told = AclAuthority(m_list.Acl(), m_list.AclSize());
         ThreadHasBegun(registration.thread);
     }
-    ~ListWatcher() { EndWatch(m_registration, kAccessControlList, m_handles[1]); }
+    ~ListWatcher() { EndWatch(m_registration, kAccessControlList, m_changeEvent); }
     ListWatcher(const ListWatcher&) = delete;
     ListWatcher& operator=(const ListWatcher&) = delete;
 
     void Run() {
-        DWORD wait = g_timings.firstLook; // a write may have come before this wait
-        for (;;) {
-            const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, wait);
-            if (result == WAIT_OBJECT_0 || result == WAIT_FAILED) return;
-            if (result == WAIT_OBJECT_0 + 1) m_signals.Count(m_handles[1]);
-            wait = TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : TimeToNextLook();
-        }
+        WatchUntilStopped(m_registration.thread.stopEvent, m_changeEvent, g_timings.firstLook,
+                          [this] { return TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : TimeToNextLook(); });
     }
 
 private:
@@ -66,10 +61,9 @@ private:
     }
 
     const NotificationRegistration& m_registration;
-    HANDLE m_handles[2]; // the stop event, the change event
+    const HANDLE m_changeEvent;
     AccessControlList m_list;
     uint32_t m_told = 0;
-    SignalCount m_signals;
 };
 
 } // namespace

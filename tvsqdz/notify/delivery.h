@@ -23,6 +23,21 @@ private:
     DWORD m_lastCheck = GetTickCount();
 };
 
+// The life of a watcher that works out anew, at every signal, what it watches: tellChange does that, delivers, and
+// answers how long to wait until the next look without a signal. changeEvent: of BeginWatch.
+template <typename TellChange> // DWORD()
+void WatchUntilStopped(HANDLE stopEvent, HANDLE changeEvent, DWORD firstLook, TellChange tellChange) {
+    const HANDLE handles[] = {stopEvent, changeEvent};
+    SignalCount signals;
+    DWORD wait = firstLook; // a write may have come before this wait
+    for (;;) {
+        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, wait);
+        if (result == WAIT_OBJECT_0 || result == WAIT_FAILED) return;
+        if (result == WAIT_OBJECT_0 + 1) signals.Count(changeEvent);
+        wait = tellChange();
+    }
+}
+
 // By event or message, as the entry says. A window that is gone or whose queue is full is not told.
 void Deliver(const NotificationEntry& entry);
 // By callback. value: null and size 0 for none.

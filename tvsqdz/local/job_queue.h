@@ -1,0 +1,32 @@
+// The queues of jobs, "PrinterQueue" and "SpoolerQueue", in the form in which the database has them.
+//
+// "PrinterQueue" has the jobs that were sent to the printer and are not printed yet. Every change of it is made under
+// the database mutex, from the read to the write.
+#pragma once
+
+#include "access/stored_list.h"
+#include "dblink/client.h"
+#include "frame/status.h"
+
+#include <tvsqdz_records.h>
+#include <windows.h>
+
+#include <stdint.h>
+
+inline constexpr char kPrinterQueue[] = "PrinterQueue";
+inline constexpr char kSpoolerQueue[] = "SpoolerQueue";
+inline constexpr uint32_t kPrinterQueueLimit = 50;
+
+struct JobQueue : StoredList {
+    JobQueue(DatabaseHandle database, const char* name) : StoredList(database, name, sizeof(TvsJobRecord)) {}
+
+    const TvsJobRecord& Job(uint32_t i) const { return *reinterpret_cast<const TvsJobRecord*>(Item(i)); }
+};
+
+// The entries whose owner is the user, without regard to the case of the letters A to Z.
+uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName);
+
+// The same of a stored queue, which is read under the database mutex. TVS_OK, TVS_E_MEMORY, or the service's answer;
+// *count is untouched then.
+Status ReadOwnerJobCount(DatabaseHandle database, HANDLE databaseMutex, const char* queueName, const char* userName,
+                         uint32_t* count);

@@ -1,0 +1,93 @@
+// "PrintingMyJob" and "SpoolingMyJob": how many jobs of a queue are the manager's own. Counted anew each time; the
+// watcher's state is on its stack.
+#include "catalogue/variable_handlers.h"
+#include "frame/manager_record.h"
+#include "frame/timings.h"
+#include "local/job_queue.h"
+#include "notify/delivery.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr DWORD kEnded = 0;
+constexpr int kAttempts = 4;
+
+// The value's size, or the status of the last attempt.
+uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer) {
+    uint32_t count = 0;
+    if (buffer == nullptr) return sizeof count;
+    Status status = TVS_OK;
+    for (int i = 0; i < kAttempts; ++i) {
+        status =
+            ReadOwnerJobCount(manager->printerDatabase, manager->databaseMutex, queueName, manager->userName, &count);
+        if (status == TVS_OK || status == TVS_E_MEMORY) break;
+    }
+    memcpy(buffer, &count, sizeof count);
+    return status == TVS_OK ? sizeof count : static_cast<uint32_t>(status);
+}
+
+class MyJobWatcher {
+public:
+    MyJobWatcher(const NotificationRegistration& registration, const char* queueName)
+        : m_registration(registration), m_queueName(queueName),
+          m_changeEvent(BeginWatch(registration, queueName, dblink::kOnlyChanges)) {
+        // A queue that cannot be read counts as empty, as a read of the variable has it.
+        while (Count(&m_told) == TVS_E_MEMORY &&
+               WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT) {
+        }
+        ThreadHasBegun(registration.thread);
+    }
+    ~MyJobWatcher() { EndWatch(m_registration, m_queueName, m_changeEvent); }
+    MyJobWatcher(const MyJobWatcher&) = delete;
+    MyJobWatcher& operator=(const MyJobWatcher&) = delete;
+
+    void Run() {
+        WatchUntilStopped(m_registration.thread.stopEvent, m_changeEvent, g_timings.firstLook,
+                          [this] { return TellChange(); });
+    }
+
+private:
+    Status Count(uint32_t* count) const {
+        return ReadOwnerJobCount(m_registration.printerDatabase, m_registration.databaseMutex, m_queueName,
+                                 m_registration.userName, count);
+    }
+
+    // The question for the write time shows the service that this watcher was told: a pulse that comes while it counts
+    // is repeated. A count that took long is followed by another.
+    DWORD TellChange() {
+        const DWORD begun = GetTickCount();
+        SYSTEMTIME written = {};
+        GetWriteTime(m_registration.printerDatabase, m_queueName, &written);
+        uint32_t count = 0;
+        const Status status = Count(&count);
+        if (status == TVS_OK && count != m_told) {
+            m_told = count;
+            Deliver(m_registration.entries[0]);
+        }
+        if (status == TVS_E_MEMORY) return g_timings.memoryPause;
+        return GetTickCount() - begun > kPulseComesAgainMs ? g_timings.firstLook : INFINITE;
+    }
+
+    const NotificationRegistration& m_registration;
+    const char* const m_queueName;
+    const HANDLE m_changeEvent;
+    uint32_t m_told = 0;
+};
+
+} // namespace
+
+uint32_t PrintingMyJobRead(ManagerRecord* manager, void* buffer) {
+    return ReadMyJobs(manager, kPrinterQueue, buffer);
+}
+
+uint32_t SpoolingMyJobRead(ManagerRecord* manager, void* buffer) {
+    return ReadMyJobs(manager, kSpoolerQueue, buffer);
+}
+
+DWORD WINAPI MyJobWatch(void* parameter) {
+    const NotificationRegistration& registration = RegistrationOf(parameter);
+    const bool printing = strcmp(registration.entries[0].variableName, "PrintingMyJob") == 0;
+    MyJobWatcher(registration, printing ? kPrinterQueue : kSpoolerQueue).Run();
+    return kEnded;
+}
