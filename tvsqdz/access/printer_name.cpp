@@ -13,14 +13,15 @@ bool IsName(const PrinterNameText& name) {
 
 } // namespace
 
+bool ReadStoredPrinterName(DatabaseHandle database, PrinterNameText* name) {
+    DWORD size = 0;
+    return ReadVariable(database, kPrinterNameVariable, name->text, sizeof name->text, &size) == Answer::Done &&
+           IsName(*name);
+}
+
 PrinterNameText RefreshedPrinterName(ManagerRecord* manager) {
     PrinterNameText name;
-    DWORD size = 0;
-    if (ReadVariable(manager->printerDatabase, kPrinterNameVariable, name.text, sizeof name.text, &size) ==
-            Answer::Done &&
-        IsName(name)) {
-        ChangePrinterName(manager, name);
-        return name;
-    }
-    return CurrentPrinterName(manager);
+    if (!ReadStoredPrinterName(manager->printerDatabase, &name)) return CurrentPrinterName(manager);
+    ChangePrinterName(manager, name);
+    return name;
 }

@@ -30,6 +30,7 @@ struct ListBlock {
 
     PrinterList* list = nullptr;
     DWORD size = 0; // of the value
+    bool outOfMemory = false;
 };
 
 template <size_t size>
@@ -55,7 +56,8 @@ bool ReadList(DatabaseHandle master, ListBlock* block) {
     if (answer != Answer::Done) return Fail(answer);
     if (size < kSmallestList) return FailWithoutAnswer();
     block->list = static_cast<PrinterList*>(AllocateZeroed(SIZE_T{size} + sizeof(PrinterListEntry)));
-    if (block->list == nullptr) return FailWithoutAnswer();
+    block->outOfMemory = block->list == nullptr;
+    if (block->outOfMemory) return FailWithoutAnswer();
     answer = ReadVariable(master, dblink::kPrinterListVariable, block->list, size, &block->size);
     if (answer != Answer::Done) return Fail(answer);
     if (block->size > size) return FailWithoutAnswer(); // not what the service promises
@@ -171,16 +173,28 @@ bool AttachPrinterDatabase(ManagerRecord* manager) {
     return true;
 }
 
+Renaming RenameInPrinterList(DatabaseHandle master, const PrinterNameText& oldName, const PrinterNameText& newName) {
+    ListBlock block;
+    if (!ReadList(master, &block)) return block.outOfMemory ? Renaming::NoMemory : Renaming::UnknownPrinter;
+    uint32_t highestIndex = 0;
+    PrinterListEntry* entry = FindPrinter(block.list, oldName.text, &highestIndex);
+    if (entry == nullptr) return Renaming::UnknownPrinter;
+    // Of two entries with one name nobody would find the later one's database again.
+    if (FindPrinter(block.list, newName.text, &highestIndex) != nullptr) return Renaming::NameTaken;
+    memcpy(entry->printerName, newName.text, sizeof entry->printerName);
+    return WriteVariable(master, dblink::kPrinterListVariable, block.list, block.size) == Answer::Done
+               ? Renaming::Done
+               : Renaming::NotStored;
+}
+
 void ReleasePrinterOwnership(ManagerRecord* manager) {
     const MutexHold lock(manager->databaseMutex);
     ListBlock block;
     if (!ReadList(manager->masterDatabase, &block)) return;
-    const PrinterNameText printerName = CurrentPrinterName(manager);
     for (uint32_t i = 0; i < block.list->entryCount; ++i) {
         PrinterListEntry& entry = block.list->entries[i];
-        if (entry.ownerProcessId != manager->ownerProcessId || !IsTerminated(entry.printerName) ||
-            strcmp(entry.printerName, printerName.text) != 0)
-            continue;
+        // By its number: the printer may have been renamed by another process.
+        if (entry.ownerProcessId != manager->ownerProcessId || entry.index != manager->printerIndex) continue;
         entry.ownerProcessId = 0;
         manager->ownerProcessId = 0;
         WriteVariable(manager->masterDatabase, dblink::kPrinterListVariable, block.list, block.size);

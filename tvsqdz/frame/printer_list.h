@@ -15,5 +15,16 @@ static_assert(sizeof PrinterListEntry::printerName == kPrinterNameSize);
 // was the reason, or 0.
 bool AttachPrinterDatabase(ManagerRecord* manager);
 
+// What RenameInPrinterList did.
+enum class Renaming {
+    Done,
+    UnknownPrinter, // no entry has the old name, or there is no list
+    NameTaken,      // another entry has the new name already
+    NotStored,      // the service refused the list
+    NoMemory
+};
+// Gives the first entry of the old name the new one. The database mutex is held by the caller.
+Renaming RenameInPrinterList(DatabaseHandle master, const PrinterNameText& oldName, const PrinterNameText& newName);
+
 // Gives the ownership that ManagerOwnsPrinter tells of back. Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);

@@ -108,6 +108,12 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     none([&] { return GetPrinterStatusW(manager, u"SendingJobInfo", &job, sizeof job, &size); });
     some([&] { return UpdatePrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs); });
     some([&] { return GetPrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs, &size); });
+    // A report of a job, the change of a name. What is counted without memory is 0.
+    some([&] { return Update(manager, "SendingJobInfo", Bytes(292, 1)); });
+    some([&] { return Update(manager, "PrintingJobInfo", Bytes(296)); });
+    some([&] { return Read(manager, "PrintingMyJob", 4).status; });
+    int names = 0;
+    some([&] { return Update(manager, "PrinterName", BytesOf("Name " + std::to_string(++names))); });
     int32_t result = 0;
     some([&] { return ResSetPrinterStatus(manager, 1, &result); });
     // A list of which one variable has a registration of its own.
