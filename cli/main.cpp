@@ -1,5 +1,6 @@
 // The command line of `oriel`: its commands and options, and where a failure ends.
 #include "commands.h"
+#include "opened_printer.h"
 #include "output.h"
 #include "text.h"
 
@@ -148,6 +149,16 @@ void AddAuthorityCommands(CLI::App& app, Arguments& a, Command& chosen) {
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* open = app.add_subcommand("open", "Open a printer and close it again, which makes its variables");
+    open->group(""); // of use to 'up' alone
+    AddManagerOptions(*open, a.manager);
+    open->callback([&] {
+        chosen = [&] {
+            OpenPrinterOf(a.manager);
+            return Exit::Done;
+        };
+    });
+
     CLI::App* printers = app.add_subcommand("printers", "Show the printers, or add and remove one");
     printers->require_subcommand(0, 1);
     printers->callback([&] {

@@ -15,8 +15,7 @@ namespace {
 constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
 constexpr DWORD kSettingsMs = 2000; // between looks at which printers have a script
 constexpr DWORD kStopMs = 5000;     // for all of them to end
-// A kind that needs the service alone, takes no ownership and starts no agent.
-constexpr uint32_t kPlainClient = 3;
+constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to make its database
 
 // A word of a command line as the C run-time divides it.
 std::string Quoted(const std::string& word) {
@@ -29,6 +28,18 @@ std::string Quoted(const std::string& word) {
     }
     quoted.append(backslashes, '\\');
     return quoted + '"';
+}
+
+// Starts a program with that command line; empty when it cannot, which the last error then tells.
+KernelHandle StartProgram(const std::string& program, std::string commandLine) {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION information{};
+    if (!CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &information))
+        return {};
+    CloseHandle(information.hThread);
+    return KernelHandle(information.hProcess);
 }
 
 bool HasPassed(DWORD due) {
@@ -78,15 +89,20 @@ void PrinterSides::ReadSettings() {
     }
 }
 
-// The first manager of a printer makes its database, which the printer side waits for.
+// The first manager of a printer makes its database, which the printer side waits for. A process of its own opens it:
+// the library in this one may have been loaded before the product was installed, and then opens nothing.
 void PrinterSides::OpenOnce(const Side& side) {
     if (std::find(m_opened.begin(), m_opened.end(), side.printer) != m_opened.end()) return;
     m_opened.push_back(side.printer);
-    Manager manager;
-    const int32_t status = OpenManagerExA(side.printer.c_str(), nullptr, kPlainClient, manager.Receive());
-    if (status != TVS_OK)
-        PrintError(
-            StatusFailure(status, "cannot open the printer \"" + ToUtf8(side.printer) + "\" for its printer side"));
+    const std::string what = "cannot open the printer \"" + ToUtf8(side.printer) + "\" for its printer side";
+    const std::string program = OwnProgram();
+    const KernelHandle process = StartProgram(program, Quoted(program) + " open -- " + Quoted(side.printer));
+    if (!process) {
+        PrintError(SystemFailure(GetLastError(), what));
+    } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {
+        TerminateProcess(process.Get(), 1);
+        PrintError(SystemFailure(WAIT_TIMEOUT, what));
+    } // else it has told itself what went wrong
 }
 
 void PrinterSides::StartSide(Side& side) {
@@ -95,18 +111,13 @@ void PrinterSides::StartSide(Side& side) {
     std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --script " +
                               Quoted(side.script) + " --owner " + std::to_string(GetCurrentProcessId());
     if (!side.port.empty()) commandLine += " --port " + Quoted(side.port);
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION information{};
     side.restart.Began();
-    if (!CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &information)) {
+    side.process = StartProgram(program, commandLine);
+    if (!side.process) {
         PrintError(SystemFailure(GetLastError(), "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
         side.dueAt = GetTickCount() + side.restart.AfterEnd();
         return;
     }
-    CloseHandle(information.hThread);
-    side.process = KernelHandle(information.hProcess);
     m_tell({.event = "printer-side-started", .printer = side.printer});
 }
 

@@ -25,17 +25,22 @@ std::optional<std::string> InstalledDirectory() {
     return ReadText(HKEY_LOCAL_MACHINE, kProductKey, kDirectoryValue);
 }
 
-std::string OwnDirectory() {
+std::string OwnProgram() {
     std::string name(MAX_PATH, '\0');
     for (;;) {
         const DWORD length = GetModuleFileNameA(nullptr, name.data(), static_cast<DWORD>(name.size()));
         if (!length) throw SystemFailure(GetLastError(), "cannot tell where this program is");
         if (length < name.size()) {
             name.resize(length);
-            return name.substr(0, name.rfind('\\') + 1);
+            return name;
         }
         name.resize(name.size() * 2);
     }
+}
+
+std::string OwnDirectory() {
+    const std::string name = OwnProgram();
+    return name.substr(0, name.rfind('\\') + 1);
 }
 
 bool FileExists(const std::string& path) {

@@ -20,7 +20,8 @@ inline constexpr char kInitialisedEvent[] = "TVORPWD:INITIALIZED";
 
 // The folder of the product, ending with a backslash, as registered; nothing when it is not.
 std::optional<std::string> InstalledDirectory();
-// The folder of this program, ending with a backslash.
+// The path of this program; its folder, ending with a backslash.
+std::string OwnProgram();
 std::string OwnDirectory();
 bool FileExists(const std::string& path);
 

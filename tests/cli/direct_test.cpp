@@ -1,6 +1,8 @@
-// Commands that ask the printer itself: what they answer while no printer side serves it, and their results.
+// Commands that ask the printer itself: what they answer while no printer side serves it, and what a real one answers.
+#include "private_machine.h"
 #include "product.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -36,4 +38,43 @@ TEST(DirectCommands, WithoutAPrinterSideTheyAreRefused) {
         EXPECT_EQ(error["code"], row.code) << document;
     }
     EXPECT_EQ(OrielText({"get", kPrinter, "TonerLevel", "--direct"}), "100 (0x64)") << "a stored one";
+}
+
+TEST(DirectCommands, AreAnsweredByThePrinterSide) {
+    AddExamplePrinter();
+    // A number that the printer can be asked for, and told.
+    const std::string model = PrivateDirectory() + "/copies.reg";
+    std::ofstream(model) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Tavik\\Oriel\\Printers\\Example Laser\\Status "
+                            "Variables]\n\"Copies\"=hex:04,00,00,00,04,02,03,00,01,00,00,00\n";
+    OrielText({"reg", "import", model});
+    const std::string script = PrivateDirectory() + "/printer.script";
+    std::ofstream(script) << "set Copies 1\nset PageCount 3\n"
+                             "on read PageCount set PageCount 4711\n"
+                             "on write Copies delay 100ms\n"
+                             "on refresh fail -77\n";
+    const std::string printer = "Back office";
+    OrielText({"printers", "add", printer, "--driver", "Example Laser", "--port", "LPT1:", "--script", script});
+    RunningProduct product;
+    product.Event("printer-side-started");
+    ASSERT_TRUE(WaitUntil([&] { return OrielText({"get", printer, "PrinterExtStatus"}).starts_with("1 "); }));
+    EXPECT_EQ(product.Errors(), "");
+
+    EXPECT_EQ(OrielJson({"get", printer, "PageCount", "--direct"}, 4)["variables"][0]["error"]["code"], -256)
+        << "nobody has a right yet";
+    OrielText({"acl", "set", printer, "D:(A;;LCSWRPWPSDRCWDWO;;;WD)"});
+    EXPECT_EQ(OrielText({"get", printer, "PageCount"}), "3");
+    EXPECT_EQ(OrielText({"get", printer, "PageCount", "--direct"}), "4711 (0x1267)");
+    EXPECT_EQ(OrielText({"get", printer, "PageCount"}), "4711 (0x1267)") << "what was asked for is stored";
+
+    OrielText({"set", printer, "Copies", "2", "--direct"});
+    EXPECT_EQ(OrielText({"get", printer, "Copies", "--direct"}), "2");
+    EXPECT_EQ(OrielJson({"set", printer, "Copies", "3", "--async", "--wait"})["variable"]["result"], 0);
+    EXPECT_EQ(OrielText({"get", printer, "Copies", "--direct"}), "3");
+    EXPECT_EQ(OrielJson({"set", printer, "RefreshStatus", "all", "--direct"}, 1)["error"]["code"], -77);
+
+    // A result is given to whoever asks first.
+    const std::string request = OrielText({"set", printer, "Copies", "4", "--async"});
+    EXPECT_EQ(OrielText({"result", printer, request}), "0");
+    EXPECT_EQ(OrielJson({"result", printer, request}, 1)["error"]["code"], -19);
+    EXPECT_EQ(OrielText({"get", printer, "Copies", "--direct"}), "4");
 }

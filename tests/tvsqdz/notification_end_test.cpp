@@ -45,6 +45,9 @@ void ExpectHeld(const Holdings& before) {
 // message queue of a thread that once had a window.
 // Its watchers are waited for: a thread that the library has seen end is still the kernel's for a moment.
 void WarmUp(TvsManager manager) {
+    {
+        const TestThread first([] {});
+    } // a sanitizer's own thread comes with the first
     const long threads = HeldNow().threads;
     {
         Registrant registrants[] = {{Form::Event, manager, "JobStatus"},
