@@ -1,5 +1,6 @@
 #include "clients.h"
 
+#include "associations.h"
 #include "watches.h"
 
 #include <new>
@@ -20,21 +21,21 @@ void __RPC_API RunDown(void* context) {
 }
 
 Group* MakeGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
-    RPC_AUTHZ_HANDLE user = nullptr;
-    *fault = RpcBindingInqAuthClientA(client, &user, nullptr, nullptr, nullptr, nullptr);
+    const char* user = nullptr;
+    *fault = ClientUser(client, &user);
     if (*fault != RPC_S_OK) return nullptr;
     Group* group = new (std::nothrow) Group;
     if (!group) {
         *fault = RPC_S_OUT_OF_MEMORY;
         return nullptr;
     }
-    group->account = EnterAccount(static_cast<const char*>(user));
+    group->account = EnterAccount(user);
     if (!group->account) {
         delete group;
         *fault = RPC_S_OUT_OF_RESOURCES;
         return nullptr;
     }
-    *fault = I_RpcMonitorAssociation(client, RunDown, group);
+    *fault = MonitorAssociation(client, RunDown, group);
     if (*fault != RPC_S_OK) {
         LeaveAccount(group->account);
         delete group;
@@ -48,10 +49,10 @@ Group* MakeGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
 
 Group* CallingGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
     void* context = nullptr;
-    *fault = I_RpcGetAssociationContext(client, &context);
+    *fault = AssociationContext(client, &context);
     if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
     LockHold hold{g_groupsLock};
-    *fault = I_RpcGetAssociationContext(client, &context);
+    *fault = AssociationContext(client, &context);
     if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
     return MakeGroup(client, fault);
 }

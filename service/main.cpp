@@ -1,6 +1,7 @@
 // TVSDBN.EXE, the status database service: the Windows service "TVORSDB". It keeps all databases in memory and serves
 // them over the interface of dblink/interface.h until it is asked to stop. State: the handle of its status, the stop
 // event and how it ended, here.
+#include "associations.h"
 #include "clients.h"
 #include "kernel_objects.h"
 #include "procedures.h"
@@ -62,6 +63,7 @@ DWORD ServeClients() {
     EndForwarding();
     RpcMgmtWaitServerListen(); // no procedure waits for anything but its processor any more
     RpcServerUnregisterIf(&g_serverInterface, nullptr, TRUE);
+    EndAssociations();
     return ERROR_SUCCESS;
 }
 
