@@ -73,5 +73,9 @@ Exit RegExportCommand(const std::string& key, const std::string& file);
 // Exit::NoService unless the product is installed and its service runs.
 Exit StatusCommand();
 
+struct UpOptions {
+    bool quiet = false;
+    bool demoPrinter = false; // with a printer to play with
+};
 // Exit::False when the product is up in another process.
-Exit UpCommand(bool quiet);
+Exit UpCommand(const UpOptions& options);

@@ -12,3 +12,6 @@ std::string RunDirectoryName();
 // .reg text. ImportRegistry: whole or not at all; errorLine is the line refused, 0 when the failure belongs to none.
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine);
 LSTATUS ExportRegistry(HKEY root, const std::string& path, std::string& text);
+
+// A line of sd_notify(3) to what started this program, if that listens. The first call is made before anything is started.
+void TellSupervisor(const char* line);

@@ -2,6 +2,7 @@
 #include "layer.h"
 
 #include <oriel_directories.h>
+#include <oriel_supervisor.h>
 #include <winreg_text.h>
 
 namespace {
@@ -35,4 +36,8 @@ LSTATUS ExportRegistry(HKEY root, const std::string& path, std::string& text) {
     }
     text.resize(length);
     return status;
+}
+
+void TellSupervisor(const char* line) {
+    OrielTellSupervisor(line);
 }

@@ -36,7 +36,8 @@ struct Arguments {
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
     uint32_t request = 0;
-    bool recursive = false, tree = false, quiet = false, explain = false;
+    UpOptions up;
+    bool recursive = false, tree = false, explain = false;
 };
 
 std::optional<std::string> WhenGiven(const CLI::Option* option, const std::string& value) {
@@ -250,8 +251,10 @@ Exit Run(int argc, char** argv) {
     app.fallthrough();
 
     CLI::App* up = app.add_subcommand("up", "Start the product; Ctrl-C stops it. Exits with 1 when it is up already");
-    up->add_flag("--quiet", arguments.quiet, "Only errors");
-    up->callback([&] { chosen = [&] { return UpCommand(arguments.quiet); }; });
+    up->add_flag("--quiet", arguments.up.quiet, "Only errors");
+    up->add_flag("--demo-printer", arguments.up.demoPrinter,
+                 "With a printer \"Demo printer\" whose device plays a script");
+    up->callback([&] { chosen = [&] { return UpCommand(arguments.up); }; });
     CLI::App* status = app.add_subcommand("status", "Tell what is installed and what runs");
     status->callback([&] { chosen = [] { return StatusCommand(); }; });
     AddVariableCommands(app, arguments, chosen);

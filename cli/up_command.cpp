@@ -5,7 +5,9 @@
 // State: g_stop, set when the user wants to stop.
 #include "commands.h"
 
+#include "demo_printer.h"
 #include "interrupt.h"
+#include "layer.h"
 #include "output.h"
 #include "printer_sides.h"
 #include "product.h"
@@ -172,6 +174,13 @@ void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
     teller.Tell(news.event, text, fields);
 }
 
+void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
+    teller.Tell("demo-printer",
+                "the printer \"" + demo.name + "\" plays " + Printable(demo.script) + "; try: oriel watch \"" +
+                    demo.name + "\" PrinterStatus PageCount TonerLevel",
+                {{"printer", demo.name}, {"script", demo.script}});
+}
+
 // Watches service and printer sides until the user wants to stop, and starts what ended again. startedHere: set when it
 // was the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
@@ -236,14 +245,16 @@ private:
 
 } // namespace
 
-Exit UpCommand(bool quiet) {
-    const Teller teller{quiet};
+Exit UpCommand(const UpOptions& options) {
+    const Teller teller{options.quiet};
+    TellSupervisor("STATUS=starting");
     g_stop = TakeOverInterrupts(kStartMs);
 
     const UpMutex mutex;
     if (!mutex.Held())
         throw Failure{Exit::False, "the product is already up, in another process", "", "'oriel status' shows it"};
     RegisterInstallation(teller);
+    if (options.demoPrinter) TellOfDemoPrinter(teller, EnsureDemoPrinter());
     const ServiceHandle service = TheService(teller);
     bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;
     try {
@@ -251,6 +262,8 @@ Exit UpCommand(bool quiet) {
             teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
             const InitialisedSignal initialised;
             teller.Tell("up", "the product is up; Ctrl-C stops it");
+            TellSupervisor("STATUS=up");
+            TellSupervisor("READY=1");
             KeepRunning(service, teller, startedHere);
         }
     } catch (...) {
@@ -258,6 +271,7 @@ Exit UpCommand(bool quiet) {
         if (startedHere) StopIfPossible(service);
         throw;
     }
+    TellSupervisor("STOPPING=1");
     teller.Tell("stopping", "stopping");
     if (startedHere) Stop(service);
     teller.Tell("stopped", startedHere ? "stopped" : "stopped; the service, which ran before, still runs");

@@ -1,4 +1,5 @@
 // The start-up process: what it makes, what it undoes, and that it keeps the service running.
+#include "notify_socket.h"
 #include "private_machine.h"
 #include "product.h"
 
@@ -108,4 +109,28 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
     product.Terminate();
     EXPECT_EQ(product.Wait(), 0) << product.Errors();
     EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is left";
+}
+
+TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
+    const std::string script = std::string(std::getenv("ORIEL_STATE_DIR")) + "/demo_printer.script";
+    for (const std::string expected : {"30", "4711"}) {
+        const std::string name = PrivateDirectory() + "/" + expected;
+        NotifySocket supervisor(name);
+        TestProcess up =
+            TestProcess::Program(ProgramPath("oriel"), {"up", "--demo-printer", "--json"}, {{"NOTIFY_SOCKET", name}});
+        std::string line;
+        do {
+            line = up.Hear();
+        } while (!line.empty() && line.find("printer-side-started") == std::string::npos);
+        // Nobody else has opened the printer, and on the first round the installation was not even registered.
+        EXPECT_TRUE(WaitUntil([&] { return OrielText({"get", "Demo printer", "TonerLevel"}).starts_with(expected); }));
+        up.Terminate();
+        EXPECT_EQ(up.Wait(), 0);
+        EXPECT_EQ(up.Errors(), "");
+        EXPECT_EQ(supervisor.Messages(),
+                  (std::vector<std::string>{"STATUS=starting", "STATUS=up", "READY=1", "STOPPING=1"}));
+        // What its user made of it stays.
+        std::ofstream(script) << "set TonerLevel 4711\n";
+    }
+    EXPECT_EQ(OrielJson({"printers"})["printers"].size(), 1U);
 }

@@ -1,5 +1,6 @@
 // Services: their state seen from other processes, how they start and stop, and records that cannot be believed.
 #include "campaign.h"
+#include "notify_socket.h"
 #include "posix_kit.h"
 #include "private_machine.h"
 #include "win32_kit.h"

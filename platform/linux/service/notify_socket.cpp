@@ -1,3 +1,4 @@
+// The supervisor's socket. State: its name, once a program that is no service has taken it out of the environment.
 #include "service/notify_socket.h"
 
 #include "kernel/descriptor.h"
@@ -5,18 +6,26 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <oriel_supervisor.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace oriel {
 
-void TellSupervisor(const char* line) {
+namespace {
+
+std::string SocketName() {
     const char* name = secure_getenv("NOTIFY_SOCKET");
+    return name != nullptr ? name : "";
+}
+
+void Send(const std::string& name, const char* line) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const size_t length = name != nullptr ? std::strlen(name) : 0;
+    const size_t length = name.size();
     if (length < 2 || length >= sizeof address.sun_path || (name[0] != '/' && name[0] != '@')) return;
-    std::memcpy(address.sun_path, name, length);
+    std::memcpy(address.sun_path, name.data(), length);
     // A name in the abstract namespace, which begins with a NUL.
     if (name[0] == '@') address.sun_path[0] = '\0';
     const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -25,4 +34,17 @@ void TellSupervisor(const char* line) {
            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
 }
 
+} // namespace
+
+void TellSupervisor(const char* line) {
+    Send(SocketName(), line);
+}
+
 } // namespace oriel
+
+void WINAPI OrielTellSupervisor(LPCSTR line) {
+    // Never destroyed: threads may outlive the end of main().
+    static const std::string& name = *new std::string(oriel::SocketName());
+    unsetenv("NOTIFY_SOCKET");
+    if (line != nullptr) oriel::Send(name, line);
+}

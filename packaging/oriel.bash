@@ -1,0 +1,85 @@
+# bash completion for oriel. Commands and options come from `oriel --help`, printers and variables from the product, so
+# that there is nothing here to bring up to date.
+
+# The words of a section of a help text: commands of "Subcommands:", options of "Options:".
+_oriel_section() {
+    "$@" --help 2>/dev/null | sed -n "/^$section:/,/^\$/{s/^  \(-[a-z],\)\{0,1\}\([a-z-][a-z-]*\).*/\2/p}"
+}
+
+# A field of each record of a list in JSON.
+_oriel_names() {
+    "$@" --json 2>/dev/null | sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p' | sed 's/\\\(["\\/]\)/\1/g'
+}
+
+# Adds those of the lines that begin with the word, quoted as the user's shell needs them.
+_oriel_offer() {
+    local line typed=$word quoted
+    [[ $typed == [\"\']* ]] && quoted=${typed:0:1} typed=${typed:1}
+    [[ $quoted ]] || typed=${typed//\\/}
+    while IFS= read -r line; do
+        [[ $line == "$typed"* ]] || continue
+        if [[ $quoted ]]; then COMPREPLY+=("$line"); else COMPREPLY+=("$(printf '%q' "$line")"); fi
+    done
+}
+
+_oriel() {
+    local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} section
+    local -a command=("$1") rest=()
+    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port)'
+    COMPREPLY=()
+
+    # Commands and their own commands first; what follows are their words.
+    section=Subcommands
+    commands=$(_oriel_section "$program")
+    for ((i = 1; i < COMP_CWORD; ++i)); do
+        place=${COMP_WORDS[i]}
+        if [[ $place == -* || ${COMP_WORDS[i - 1]} =~ ^($with_value)$ ]]; then continue; fi
+        if [[ ${#rest[@]} -eq 0 ]] && grep -qxF -e "$place" <<<"$commands"; then
+            command+=("$place")
+            commands=$(_oriel_section "${command[@]}")
+        else
+            rest+=("$place")
+        fi
+    done
+
+    case $before in
+    --script | --file)
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
+        ;;
+    --by) _oriel_offer <<<$'event\nmessage\ncallback' ; return ;;
+    --type) _oriel_offer <<<$'sz\nexpand\nmulti\ndword\nqword\nbinary\nnone' ; return ;;
+    --kind | --user | --timeout | --until | --driver | --port) return ;;
+    esac
+    if [[ $word == -* ]]; then
+        section=Options
+        _oriel_offer < <(_oriel_section "${command[@]}")
+        return
+    fi
+    if [[ $commands && ${#rest[@]} -eq 0 ]]; then
+        _oriel_offer <<<"$commands"
+        return
+    fi
+    case "${command[*]:1}" in
+    "reg import")
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        ;;
+    reg* | "printers add" | up | status) ;;
+    *)
+        if [[ ${#rest[@]} -eq 0 ]]; then
+            _oriel_offer < <(_oriel_names "$program" printers)
+        elif [[ "${command[*]:1}" =~ ^(vars|get|info|set|watch)$ ]]; then
+            # The name is here as it was typed. Never evaluated: it would be run before the user wants that.
+            place=${rest[0]}
+            case $place in
+            \"*\" | \'*\') place=${place:1:-1} ;;
+            *) place=${place//\\/} ;;
+            esac
+            _oriel_offer < <(_oriel_names "$program" vars "$place")
+        fi
+        ;;
+    esac
+}
+complete -F _oriel oriel
