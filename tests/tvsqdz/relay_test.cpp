@@ -1,4 +1,5 @@
 // What processes that deliver no messages leave to the printer's owner, and the owner's service thread.
+#include "campaign.h"
 #include "frame/client_kinds.h"
 #include "frame/timings.h"
 #include "notification_kit.h"
@@ -8,6 +9,7 @@
 #include "printer_side.h"
 
 #include <cstring>
+#include <random>
 #include <set>
 
 namespace {
@@ -23,8 +25,8 @@ CHILD_PROCESS(OwnsThePrinter) {
     return CloseManager(manager);
 }
 
-// A process that relays. Commands: "watch", "cancel", "read N" (so many requests in a row), "hear" (says the numbers of
-// the messages of the next moment, in their order), "end".
+// A process that relays. Commands: "watch", "cancel", "read N" (so many requests in a row), "ask N" (one, of that
+// number), "hear" (says the number of the next message), "end".
 CHILD_PROCESS(RelaysToTheOwner) {
     const Library library;
     const HWND agent = MakeWindow("TVORPSPWndClass"); // so that none is started
@@ -42,6 +44,9 @@ CHILD_PROCESS(RelaysToTheOwner) {
         if (command.starts_with("read "))
             for (uint32_t i = 1; i <= std::stoul(command.substr(5)) && status == TVS_OK; ++i)
                 status = GetReqPrinterStatusMsgA(manager, "DNumber", window, kTold + i);
+        if (command.starts_with("ask "))
+            status = GetReqPrinterStatusMsgA(manager, "DNumber", window,
+                                             kTold + static_cast<uint32_t>(std::stoul(command.substr(4))));
         if (command == "hear") {
             child.Say(TakeMessage(message, window) ? std::to_string(message.message - kTold) : "nothing");
             continue;
@@ -62,6 +67,15 @@ struct RelayProduct : Product {
         SetReady(manager);
     }
     Bytes List() const { return StoredBytes(database, "NotifyMsg"); }
+    // The printer's entry keeps the number of an owner that was killed.
+    void ForgetOwner() const {
+        const DatabaseHandle master = RecordOf(manager)->masterDatabase;
+        Bytes list(568);
+        DWORD size = 0;
+        EXPECT_EQ(ReadVariable(master, "PrinterDatabase", list.data(), 568, &size), Answer::Done);
+        std::memset(&list[12], 0, 4);
+        EXPECT_EQ(WriteVariable(master, "PrinterDatabase", list.data(), 568), Answer::Done);
+    }
     TvsManager manager;
     DatabaseHandle database;
 };
@@ -120,19 +134,47 @@ TEST(Relay, RequestsInARowAreAllPerformedAlsoByTheOwnersSuccessor) {
         told.insert(Ask(registrant, "hear"));
     EXPECT_EQ(told, (std::set<std::string>{"1", "2", "3", "4", "5", "6", "7", "8"}));
     EXPECT_EQ(printer->Requests(), 8);
-    // One is left while nobody owns the printer: the next owner finds it. (The entry keeps the dead one's number.)
+    // One is left while nobody owns the printer: the next owner finds it.
     owner.Kill();
     EXPECT_EQ(Ask(registrant, "read 1"), "0");
-    Bytes list(568);
-    DWORD size = 0;
-    ManagerRecord* record = RecordOf(product.manager);
-    EXPECT_EQ(ReadVariable(record->masterDatabase, "PrinterDatabase", list.data(), 568, &size), Answer::Done);
-    std::memset(&list[12], 0, 4);
-    EXPECT_EQ(WriteVariable(record->masterDatabase, "PrinterDatabase", list.data(), 568), Answer::Done);
+    product.ForgetOwner();
     TestProcess successor("OwnsThePrinter");
     EXPECT_EQ(successor.Hear(), "owner");
     EXPECT_EQ(Ask(registrant, "hear"), "1");
     EXPECT_EQ(StoredBytes(product.database, "RequestMsg"), Bytes(364));
+}
+
+// The owner is killed at any moment of its work: nobody who relays is held up, and what is asked of its successor is
+// done.
+TEST(RelayCampaign, AKilledOwnerHoldsNobodyUp) {
+    RelayProduct product;
+    const PrinterSide printer(RecordOf(product.manager), [&](const std::string&, const std::string& text) {
+        StoreBytes(product.database, text, Number(5));
+        return 0;
+    });
+    std::mt19937_64 random(Seed());
+    TestProcess registrant("RelaysToTheOwner");
+    EXPECT_EQ(registrant.Hear(), "ready");
+    std::optional<TestProcess> owner(std::in_place, "OwnsThePrinter");
+    for (int round = 0; round < Rounds(4, 1000); ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_EQ(owner->Hear(), "owner");
+        registrant.Tell("read 3"); // the numbers 1 to 3; those that the dead one had taken up are never told
+        PauseMs(static_cast<int>(random() % 12));
+        owner->Kill();
+        product.ForgetOwner();
+        owner.emplace("OwnsThePrinter");
+        ASSERT_EQ(registrant.Hear(), "0");
+        const std::string number = std::to_string(10 + round);
+        ASSERT_EQ(Ask(registrant, "ask " + number), "0");
+        std::string told;
+        do
+            told = Ask(registrant, "hear");
+        while (told.size() == 1);
+        ASSERT_EQ(told, number);
+    }
+    registrant.Tell("end");
+    EXPECT_EQ(registrant.Wait(), 0) << registrant.Errors();
 }
 
 // What lies in the two variables is anybody's: it is answered with nothing, or with what can be done of it.
