@@ -112,11 +112,13 @@ TEST(Requests, ReadsAndWritesAreDoneAndTold) {
         EXPECT_TRUE(TakeMessage(message, window));
         return message.message == kDone && message.wParam == 0 && message.lParam == 0;
     };
-    std::vector<std::string> asked;
+    std::vector<std::string> asked; // to be read once requests says that they are there
+    std::atomic<int> requests = 0;
     const HANDLE go = CreateEventA(nullptr, TRUE, TRUE, nullptr);
     const PrinterSide printer(product.record, [&](const std::string& mailbox, const std::string& text) {
         WaitForSingleObject(go, 10000);
         asked.push_back(mailbox + ":" + text);
+        ++requests;
         if (mailbox == "ReadRequest") StoreBytes(product.database, text, Number(42));
         return text == "DTextW" ? -77 : 0;
     });
@@ -139,7 +141,7 @@ TEST(Requests, ReadsAndWritesAreDoneAndTold) {
     EXPECT_EQ(product.number, 3u);
     EXPECT_EQ(product.Result(3), TVS_REQUEST_PENDING) << "asked for too early, and taken";
     SetEvent(go);
-    ASSERT_TRUE(WaitUntil([&] { return asked.size() == 5; }));
+    ASSERT_TRUE(WaitUntil([&] { return requests == 5; }));
     ASSERT_TRUE(WaitUntil([&] { // the last one's thread has recorded what it could
         const Bytes list = StoredBytes(product.database, "ReqResult");
         return list == Joined({Number(20), Number(2), Number(1), Number(0), Number(2), Number(0xFFFFFFB3)});
