@@ -1,10 +1,13 @@
 /* Printers and jobs of the print spooler. Win32, "Print Spooler API Functions".
  *
- * The embedded spool is a database in the state directory (spooler/store.h) that all users of the machine read. A
- * printer whose name starts with two backslashes is a connection to another machine's; the others are local, and have
- * their driver and port also in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>"
- * (backslashes of the name as commas), values "Printer Driver" and "Port", as Windows NT keeps them. Names compare
- * without case. Calls give FALSE and set the last error on failure. */
+ * There are two sources of printers. The embedded spool is a database in the state directory (spooler/store.h) that all
+ * users of the machine read; its jobs are files of their users (spooler/job_files.h). A printer of it whose name starts
+ * with two backslashes is a connection to another machine's; the others are local, and have their driver and port also
+ * in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>" (backslashes of the name as commas),
+ * values "Printer Driver" and "Port", as Windows NT keeps them. Queues of the system's print server (CUPS;
+ * spooler/print_server.h) are local printers too, unless the embedded spool has one of that name. A call that needs
+ * that server waits two seconds for it at most: ERROR_TIMEOUT, RPC_S_SERVER_UNAVAILABLE. Names compare without case.
+ * Calls give FALSE and set the last error on failure. */
 #ifndef ORIEL_WINSPOOL_H
 #define ORIEL_WINSPOOL_H
 
@@ -118,10 +121,10 @@ typedef struct _DOC_INFO_1A {
     LPSTR pDatatype;   /* up to 63 bytes; absent: "RAW" */
 } DOC_INFO_1A, *PDOC_INFO_1A, *LPDOC_INFO_1A;
 
-/* Lists printers in the order in which they were added. flags: PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both;
- * name is absent; level is 2. buffer: *returned records one behind the other, then their strings. size: bytes. *needed:
- * the bytes that it takes (on success those used). ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0.
- * ERROR_INVALID_LEVEL, ERROR_INVALID_FLAGS. */
+/* Lists printers in the order in which they were added, then those of the print server if it answers. flags:
+ * PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both; name is absent; level is 2. buffer: *returned records one
+ * behind the other, then their strings. size: bytes. *needed: the bytes that it takes (on success those used).
+ * ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0. ERROR_INVALID_LEVEL, ERROR_INVALID_FLAGS. */
 WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
                                      LPDWORD returned);
 

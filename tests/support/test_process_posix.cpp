@@ -46,6 +46,7 @@ void MakePrivateMachine() {
     setenv(kDirectoryVariable, directory, 1);
     setenv("ORIEL_STATE_DIR", (g_privateDirectory + "/state").c_str(), 1);
     setenv("ORIEL_RUNTIME_DIR", (g_privateDirectory + "/run").c_str(), 1);
+    setenv("CUPS_SERVER", (g_privateDirectory + "/no-print-server").c_str(), 1);
 }
 
 void MoveDescriptor(int& to, int& from) {

@@ -39,16 +39,6 @@ bool IsPresent(const char* text) {
     return text != nullptr && *text != '\0';
 }
 
-// A connection's name is \\server\printer. Commas divide the entries of the profile that name printers.
-bool IsPrinterName(std::string_view name) {
-    if (name.empty() || name.size() > kLongestName || EndsWithinCharacter(name)) return false;
-    for (const char c : name)
-        if (c == ',' || static_cast<unsigned char>(c) < ' ') return false;
-    if (!IsConnection(name)) return name.front() != '\\';
-    const size_t behindServer = name.find('\\', 2);
-    return behindServer != std::string_view::npos && behindServer > 2 && behindServer + 1 < name.size();
-}
-
 PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
     PRINTER_INFO_2A record = {};
     for (size_t text = 0; text < kPrinterTextCount; ++text) {
@@ -73,6 +63,16 @@ size_t SizeOf(const Printer& printer) {
 
 bool IsConnection(std::string_view name) {
     return name.starts_with("\\\\");
+}
+
+// A connection's name is \\server\printer. Commas divide the entries of the profile that name printers.
+bool IsPrinterName(std::string_view name) {
+    if (name.empty() || name.size() > kLongestName || EndsWithinCharacter(name)) return false;
+    for (const char c : name)
+        if (c == ',' || static_cast<unsigned char>(c) < ' ') return false;
+    if (!IsConnection(name)) return name.front() != '\\';
+    const size_t behindServer = name.find('\\', 2);
+    return behindServer != std::string_view::npos && behindServer > 2 && behindServer + 1 < name.size();
 }
 
 std::string PrinterKeyName(std::string_view name) {

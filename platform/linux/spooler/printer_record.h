@@ -15,6 +15,9 @@ DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWOR
 // A record that a caller wants to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.
 DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer);
 
+// Whether a printer may be called so.
+bool IsPrinterName(std::string_view name);
+
 // Whether a printer of this name is another machine's.
 bool IsConnection(std::string_view name);
 

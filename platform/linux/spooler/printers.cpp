@@ -3,12 +3,15 @@
 #include "registry/guarded.h"
 #include "registry/names.h"
 #include "registry/rights.h"
+#include "spooler/print_server.h"
 #include "spooler/printer_object.h"
 #include "spooler/printer_record.h"
 #include "spooler/store.h"
 
+#include <algorithm>
 #include <cstring>
 #include <handleapi.h>
+#include <rpcnterr.h>
 
 namespace oriel {
 namespace {
@@ -37,14 +40,41 @@ DWORD OpenPrinterHandle(const SpoolerBackEnd& backEnd, PrinterKey key, DWORD acc
     return *handle != nullptr ? ERROR_SUCCESS : GetLastError();
 }
 
+// A name in both is the embedded spool's.
+DWORD FindNamedPrinter(const std::string& name, const SpoolerBackEnd** backEnd, PrinterKey* key) {
+    *backEnd = &kEmbeddedSpool;
+    const DWORD error = kEmbeddedSpool.findPrinter(name, key);
+    if (error != ERROR_INVALID_PRINTER_NAME) return error;
+    *backEnd = &kPrintServer;
+    if (PrintServerIsPaused()) return ERROR_TIMEOUT;
+    const DWORD elsewhere = kPrintServer.findPrinter(name, key);
+    // Without a server there is no such printer.
+    return elsewhere == RPC_S_SERVER_UNAVAILABLE ? error : elsewhere;
+}
+
+// The embedded spool's, then the print server's when it answers.
+DWORD ListAllPrinters(std::vector<Printer>* printers) {
+    const DWORD error = kEmbeddedSpool.listPrinters(printers);
+    if (error != ERROR_SUCCESS || PrintServerIsPaused()) return error;
+    std::vector<Printer> more;
+    if (kPrintServer.listPrinters(&more) != ERROR_SUCCESS) return ERROR_SUCCESS;
+    std::vector<std::string> known;
+    for (const Printer& printer : *printers)
+        known.push_back(FoldName(printer.Name()));
+    for (Printer& printer : more)
+        if (std::find(known.begin(), known.end(), FoldName(printer.Name())) == known.end())
+            printers->push_back(std::move(printer));
+    return ERROR_SUCCESS;
+}
+
 DWORD OpenNamedPrinter(LPCSTR name, LPHANDLE printer, const PRINTER_DEFAULTSA* defaults) {
     if (printer == nullptr) return ERROR_INVALID_PARAMETER;
     if (defaults != nullptr && (defaults->pDatatype != nullptr || defaults->pDevMode != nullptr))
         return ERROR_INVALID_PARAMETER;
     if (name == nullptr || *name == '\0') return ERROR_INVALID_PRINTER_NAME;
-    const SpoolerBackEnd* backEnd = &kEmbeddedSpool;
+    const SpoolerBackEnd* backEnd = nullptr;
     PrinterKey key;
-    const DWORD error = backEnd->findPrinter(name, &key);
+    const DWORD error = FindNamedPrinter(name, &backEnd, &key);
     if (error != ERROR_SUCCESS) return error;
     const DWORD asked =
         defaults != nullptr && defaults->DesiredAccess != 0 ? defaults->DesiredAccess : PRINTER_ACCESS_USE;
@@ -130,7 +160,7 @@ BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, D
         if (level != 2) return ERROR_INVALID_LEVEL;
         if (flags == 0 || (flags & ~(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS)) != 0) return ERROR_INVALID_FLAGS;
         std::vector<Printer> printers;
-        DWORD error = kEmbeddedSpool.listPrinters(&printers);
+        DWORD error = ListAllPrinters(&printers);
         if (error != ERROR_SUCCESS) return error;
         std::erase_if(printers, [flags](const Printer& printer) {
             return (flags & (IsConnection(printer.Name()) ? PRINTER_ENUM_CONNECTIONS : PRINTER_ENUM_LOCAL)) == 0;

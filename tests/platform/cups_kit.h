@@ -1,0 +1,68 @@
+// A print server of the test's own: cupsd as an ordinary process on a socket in the private directory, and CUPS's own
+// commands to look at it.
+#pragma once
+
+#include "private_machine.h"
+#include "test_process.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+class PrintServer {
+public:
+    PrintServer() : m_folder(PrivateDirectory() + "/cups"), m_server(Start()) {
+        setenv("CUPS_SERVER", Socket().c_str(), 1);
+        EXPECT_TRUE(
+            WaitUntil([] { return RunProgram("/usr/bin/lpstat", {"-r"}).output == "scheduler is running\n"; }, 30000));
+        Command("/usr/sbin/lpadmin", {"-p", "Office", "-D", "of the office", "-L", "Room 1", "-v", "file:/dev/null"});
+        // It takes jobs, and prints none: they stay.
+        Command("/usr/sbin/cupsaccept", {"Office"});
+    }
+
+    std::string Socket() const { return m_folder + "/socket"; }
+    TestProcess& Process() { return m_server; }
+
+    std::string Command(const std::string& path, const std::vector<std::string>& arguments) {
+        const ProgramResult result = RunProgram(path, arguments);
+        EXPECT_EQ(result.exitCode, 0) << path << ": " << result.errors << Log();
+        return result.output;
+    }
+    // As its own command tells: "job-hold-until-specified" or "none", "" when the job is not in the queue.
+    std::string Alerts(int job, const std::string& queue = "Office") {
+        const std::string all = Command("/usr/bin/lpstat", {"-l", "-o"});
+        const size_t at = all.find(queue + "-" + std::to_string(job) + " ");
+        const size_t alerts = all.find("Alerts: ", at);
+        return at == std::string::npos ? "" : all.substr(alerts + 8, all.find('\n', alerts) - alerts - 8);
+    }
+    void Print(const std::string& title, const std::string& queue = "Office") {
+        std::ofstream(m_folder + "/document") << title;
+        Command("/usr/bin/lp", {"-d", queue, "-t", title, m_folder + "/document"});
+    }
+    std::string Log() const {
+        std::ifstream file(m_folder + "/error_log");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+private:
+    TestProcess Start() {
+        std::string files = "FileDevice Yes\nErrorLog " + m_folder + "/error_log\nAccessLog " + m_folder +
+                            "/access_log\nPageLog " + m_folder + "/page_log\n";
+        for (const char* name : {"ServerRoot", "RequestRoot", "CacheDir", "StateDir", "TempDir"}) {
+            std::filesystem::create_directories(m_folder + "/" + name);
+            files += std::string(name) + " " + m_folder + "/" + name + "\n";
+        }
+        std::string group = RunProgram("/usr/bin/id", {"-gn"}).output;
+        files += "SystemGroup " + group;
+        std::ofstream(m_folder + "/files.conf") << files;
+        std::ofstream(m_folder + "/cupsd.conf") << "Listen " << Socket()
+                                                << "\nBrowsing No\nWebInterface No\nLogLevel warn\n"
+                                                   "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
+        return TestProcess::Program("/usr/sbin/cupsd",
+                                    {"-f", "-c", m_folder + "/cupsd.conf", "-s", m_folder + "/files.conf"});
+    }
+
+    const std::string m_folder;
+    TestProcess m_server;
+};
