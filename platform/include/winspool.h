@@ -72,7 +72,8 @@ typedef struct _PRINTER_INFO_2A {
 static_assert(sizeof(PRINTER_INFO_2A) == 13 * sizeof(void*) + 32);
 #endif
 
-/* A job's Status. */
+/* A job's Status. The embedded spool's jobs are paused, deleting or spooling; the print server's may be printing,
+ * blocked or printed too. The others are those of other systems. */
 #define JOB_STATUS_PAUSED 0x00000001
 #define JOB_STATUS_ERROR 0x00000002
 #define JOB_STATUS_DELETING 0x00000004 /* it goes as soon as whoever spools it notices */

@@ -168,6 +168,8 @@ CHILD_PROCESS(SpoolsAsAnotherUser) {
     std::string said = std::to_string(ReadWholeFile(JobFile(child.arguments[0] + ".data")).size());
     for (const DWORD command : {JOB_CONTROL_PAUSE, JOB_CONTROL_RESUME, JOB_CONTROL_CANCEL})
         said += " " + std::to_string(Control(printer, job, command));
+    const auto open = static_cast<DWORD>(std::stoul(child.arguments[1]));
+    said += " " + std::to_string(Control(printer, open, JOB_CONTROL_CANCEL));
     const DWORD own = Print(printer, "own");
     child.Say(said + " " + std::to_string(Control(printer, own, JOB_CONTROL_PAUSE)));
     return 0;
@@ -178,11 +180,14 @@ TEST(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
     SetUmask(077);
     const HANDLE printer = NewPrinter();
     const DWORD job = Print(printer, "secret");
-    TestProcess other("SpoolsAsAnotherUser", {std::to_string(job)});
-    EXPECT_EQ(other.Hear(), "0 5 5 5 0");
+    const DWORD open = Print(printer, "open to all");
+    std::filesystem::permissions(JobFile(std::to_string(open)), std::filesystem::perms(0666));
+    TestProcess other("SpoolsAsAnotherUser", {std::to_string(job), std::to_string(open)});
+    EXPECT_EQ(other.Hear(), "0 5 5 5 5 0");
     EXPECT_EQ(other.Wait(), 0);
-    EXPECT_EQ(JobsOf(printer), Line(job, 0, "secret") + Line(job + 1, JOB_STATUS_PAUSED, "own", "nobody"));
-    EXPECT_EQ(Control(printer, job + 1, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS}) << "root may";
+    EXPECT_EQ(JobsOf(printer), Line(job, 0, "secret") + Line(open, 0, "open to all") +
+                                   Line(open + 1, JOB_STATUS_PAUSED, "own", "nobody"));
+    EXPECT_EQ(Control(printer, open + 1, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS}) << "root may";
 }
 
 TEST(SpoolerJobs, WhatIsNoJobIsPassedOver) {

@@ -241,7 +241,9 @@ DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command) {
     // Another's file, or one that went just now.
     if (!file.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
     if (command == JobCommand::kCancel && !read.spooling) {
-        RemoveFiles(folder, job);
+        // A head that its user lets others write is not theirs to remove.
+        if (unlinkat(folder, HeadName(job).c_str(), 0) != 0) return FileError();
+        unlinkat(folder, DataName(job).c_str(), 0);
         return ERROR_SUCCESS;
     }
     const bool done = command == JobCommand::kCancel ? WriteWord(file.Get(), offsetof(JobHead, deleting), kSet)
