@@ -158,7 +158,8 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const Tv
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW, TVS_E_AUTHORITY, TVS_E_SIZE (not
  * the size that the variable has), TVS_E_NOT_READY, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NOT_NOW (a refresh, and the spooler takes
  * none), TVS_E_UNKNOWN (the value is not one that the variable takes), the result of the printer side, which is TVS_OK when
- * it has done it; or an answer of the service or a positive RPC code. */
+ * it has done it, or what UpdatePrinterStatusA tells of "SetJob" and "DeleteJobId"; or an answer of the service or a positive
+ * RPC code. */
 TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variable, const void* data,
                                                     uint32_t size);
 TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, const void* data,
@@ -174,7 +175,23 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
 /* Stores a value. A string is terminated in its last byte; a variable-length value is given as its payload. The service
  * refuses a size that the variable does not take. A persistent variable's copy in the printer's driver data is brought up
  * to date too, whatever the service answers.
- * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, an answer of the service or a positive RPC code. */
+ *
+ * Some variables are more than their value; of a longer value than theirs they take what they need:
+ *
+ *   SendingJobInfo    a job other than 0 is appended to "PrinterQueue" too, which keeps the newest 50
+ *   PrintingJobInfo   jobId 0: printing has ended, and the job goes from "PrinterQueue" if it is at its head. progress 0: the
+ *   PrintingJobInfo2  first report of a job, which gets its names from the head; a later one gets them from the first
+ *   SetJob            1 pauses, 2 resumes in the print spooler the job that is being sent; TVS_E_UNKNOWN for other numbers
+ *   DeleteJobId       cancels the job of that number; TVS_E_NOT_NOW when there is none, or when it is being deleted
+ *   Port              another port than the one before takes the configuration variables back to their initial values
+ *   PrinterName       renames the printer for all processes, in the printer list too; TVS_E_NOT_NOW when it is not there
+ *   TerminateManager  asks all managers to shut down
+ *
+ * The commands to the spooler give TVS_E_NO_OWNER when it does not open the printer or does not list its jobs; what becomes of
+ * the command is not told.
+ *
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NO_OWNER, TVS_E_NOT_NOW, an answer of the
+ * service or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
                                                  uint32_t size);
 

@@ -18,6 +18,8 @@ DWORD WINAPI MyJobWatch(void* registration);            // the number of the man
 int32_t SendingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrintingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t size);
+int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size);
+int32_t DeleteJobIdWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // local/termination.cpp
