@@ -52,6 +52,28 @@ Exit AclShowCommand(const ManagerOptions& options);
 // text: "D:(A;;SWRC;;;WD)..."
 Exit AclSetCommand(const ManagerOptions& options, const std::string& text);
 
+// Jobs of the spooler, and of the queues "PrinterQueue" and "SpoolerQueue".
+Exit JobsCommand(const ManagerOptions& options);
+// Pauses, or resumes, the job that is being sent to the printer.
+Exit SetJobCommand(const ManagerOptions& options, bool pause);
+Exit CancelCommand(const ManagerOptions& options, uint32_t job);
+struct PrintJob {
+    std::string printer;
+    std::string file = "-"; // standard input
+    std::string title;      // empty: the file's name
+    bool held = false;      // paused from the start
+};
+// Puts a document into the spooler, and prints the number of its job.
+Exit PrintCommand(const PrintJob& wanted);
+
+Exit RenameCommand(const ManagerOptions& options, const std::string& newName);
+struct NewPort {
+    std::string kind;
+    std::string name;
+    std::string detail;
+};
+Exit PortCommand(const ManagerOptions& options, const std::optional<NewPort>& wanted); // none: shows it
+
 Exit PrintersCommand();
 // script: the file that the printer's side plays.
 Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port,

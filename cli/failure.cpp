@@ -40,6 +40,7 @@ constexpr CodeMeaning kMeanings[] = {
     {TVS_E_AUTHORITY, Exit::Denied, "you lack the authority for it on this printer", ""},
 
     // Answers of the service.
+    {-2, Exit::False, "the product knows another printer of that name", ""},
     {-3, Exit::NoService, "the service has no such database: it was started anew meanwhile", "run the command again"},
     {-5, Exit::False, "the service keeps no value of that variable", ""},
     {-7, Exit::False, "the value has a size that the variable cannot take",
@@ -78,6 +79,10 @@ constexpr CodeMeaning kMeanings[] = {
     {RPC_S_CALL_FAILED_DNE, Exit::NoService, "the connection to the status database service broke", kAskAgain},
     {ERROR_INVALID_PRINTER_NAME, Exit::False, "no such printer", "list them with 'oriel printers'"},
     {ERROR_PRINTER_ALREADY_EXISTS, Exit::False, "there is a printer of that name", "list them with 'oriel printers'"},
+    {ERROR_NOT_SUPPORTED, Exit::False, "the spooler of this printer does not do that", ""},
+    {ERROR_NOT_ENOUGH_QUOTA, Exit::False, "the spooler has as many jobs as it takes", "let some print, or cancel them"},
+    {ERROR_PRINT_CANCELLED, Exit::False, "the job was cancelled meanwhile", ""},
+    {ERROR_DISK_FULL, Exit::False, "the disk is full", ""},
     {ERROR_PRINTER_DELETED, Exit::False, "the printer was deleted meanwhile", ""},
 };
 

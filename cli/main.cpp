@@ -35,7 +35,10 @@ struct Arguments {
     std::string printer, driver, port = "FILE:", script;
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
+    PrintJob print;
+    NewPort newPort;
     uint32_t request = 0;
+    uint32_t job = 0;
     UpOptions up;
     bool recursive = false, tree = false, explain = false;
 };
@@ -147,6 +150,48 @@ void AddAuthorityCommands(CLI::App& app, Arguments& a, Command& chosen) {
     set->add_option("TEXT", a.value, "D:(A;;SWRC;;;WD)(D;;0x10;;;NAME) ...: SDDL, where accounts may have their names")
         ->required();
     set->callback([&] { chosen = [&] { return AclSetCommand(a.manager, a.value); }; });
+}
+
+void AddJobCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* jobs = app.add_subcommand("jobs", "Show the jobs of a printer: in the spooler and in its own queues");
+    AddManagerOptions(*jobs, a.manager);
+    jobs->callback([&] { chosen = [&] { return JobsCommand(a.manager); }; });
+
+    for (const bool pause : {true, false}) {
+        CLI::App* command = pause ? app.add_subcommand("pause", "Pause the job that is being sent to a printer")
+                                  : app.add_subcommand("resume", "Go on with the job that is being sent to a printer");
+        AddManagerOptions(*command, a.manager);
+        command->callback([&, pause] { chosen = [&, pause] { return SetJobCommand(a.manager, pause); }; });
+    }
+
+    CLI::App* cancel = app.add_subcommand("cancel", "Cancel a job of a printer");
+    AddManagerOptions(*cancel, a.manager);
+    cancel->add_option("JOB", a.job, "Its number, as 'jobs' shows it")->required();
+    cancel->callback([&] { chosen = [&] { return CancelCommand(a.manager, a.job); }; });
+
+    CLI::App* print = app.add_subcommand("print", "Put a document into the spooler; prints the number of its job");
+    print->add_option("PRINTER", a.print.printer, "Name of the printer")->required();
+    print->add_option("FILE", a.print.file, "The document; - is standard input")->capture_default_str();
+    print->add_option("--title", a.print.title, "The job's title (default: the file's name)");
+    print->add_flag("--held", a.print.held, "The job is paused from the start");
+    print->callback([&] { chosen = [&] { return PrintCommand(a.print); }; });
+}
+
+void AddNameCommands(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* rename = app.add_subcommand("rename", "Give a printer another name, everywhere");
+    AddManagerOptions(*rename, a.manager);
+    rename->add_option("NEW", a.value, "Its new name")->required();
+    rename->callback([&] { chosen = [&] { return RenameCommand(a.manager, a.value); }; });
+
+    CLI::App* port = app.add_subcommand("port", "Show the port of a printer, or tell that it has another");
+    AddManagerOptions(*port, a.manager);
+    CLI::Option* kind = port->add_option("KIND", a.newPort.kind, "Bits; 8: a port that takes no direct requests");
+    CLI::Option* name = port->add_option("NAME", a.newPort.name, "Name of the port");
+    port->add_option("DETAIL", a.newPort.detail, "More about it");
+    kind->needs(name);
+    port->callback([&, kind] {
+        chosen = [&, kind] { return PortCommand(a.manager, kind->count() ? std::optional(a.newPort) : std::nullopt); };
+    });
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
@@ -261,7 +306,9 @@ Exit Run(int argc, char** argv) {
     AddWatchCommands(app, arguments, chosen);
     AddResultCommand(app, arguments, chosen);
     AddAuthorityCommands(app, arguments, chosen);
+    AddJobCommands(app, arguments, chosen);
     AddPrinterCommands(app, arguments, chosen);
+    AddNameCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
     app.footer(kExitCodes); // last, or the commands would inherit it
 

@@ -5,6 +5,8 @@
 #include "product.h"
 #include "registry.h"
 
+#include <tvsqdz.h>
+
 #include <algorithm>
 
 namespace {
@@ -75,6 +77,13 @@ std::vector<Printer> ListPrinters() {
     for (Printer& printer : printers)
         printer.registeredModel = IsRegisteredModel(printer.driver);
     return printers;
+}
+
+std::string RequirePrinterText(const std::string& text, const char* what) {
+    const std::string ansi = RequireAnsi(text, what);
+    if (ansi.empty() || ansi.size() > TVS_PRINTER_NAME_MAX)
+        throw UsageFailure(std::string(what) + " has 1 to " + std::to_string(TVS_PRINTER_NAME_MAX) + " bytes");
+    return ansi;
 }
 
 std::string PrinterKeyName(const std::string& name) {
@@ -151,6 +160,77 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
         }
         throw failure;
     }
+}
+
+namespace {
+
+// What the new key has already, from the spooler, stays.
+LSTATUS CopyKey(HKEY from, const std::string& path) {
+    RegistryKey to;
+    if (const LSTATUS status = CreateKey(HKEY_LOCAL_MACHINE, path, to); status != ERROR_SUCCESS) return status;
+    for (const RegistryValue& value : ListValues(from)) {
+        if (value.name == kScriptValue || ReadValue(to.Get(), value.name)) continue;
+        const LSTATUS status = RegSetValueExA(to.Get(), value.name.c_str(), 0, value.type, value.data.data(),
+                                              static_cast<DWORD>(value.data.size()));
+        if (status != ERROR_SUCCESS) return status;
+    }
+    for (const std::string& name : ListSubkeys(from)) {
+        const RegistryKey key = OpenKey(from, name, KEY_READ);
+        if (!key) continue;
+        if (const LSTATUS status = CopyKey(key.Get(), path + "\\" + name); status != ERROR_SUCCESS) return status;
+    }
+    return ERROR_SUCCESS;
+}
+
+// The printer's record of level 2. Throws Failure.
+Bytes PrinterRecord(HANDLE printer, const std::string& what) {
+    Bytes buffer;
+    DWORD needed = 0;
+    for (int attempt = 0; !GetPrinterA(printer, 2, buffer.data(), static_cast<DWORD>(buffer.size()), &needed);) {
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || ++attempt == kAttempts)
+            throw SystemFailure(GetLastError(), what);
+        buffer.resize(needed);
+    }
+    return buffer;
+}
+
+} // namespace
+
+void CopyPrinter(const std::string& name, const std::string& newName, const std::string& what) {
+    for (const Printer& printer : ListPrinters())
+        if (SameText(printer.name, newName)) throw SystemFailure(ERROR_PRINTER_ALREADY_EXISTS, what);
+    std::string nameText = name, newText = newName;                 // the calls' texts are not const
+    PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS}; // it will have to be removed
+    PrinterHandle printer;
+    if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
+        Bytes buffer = PrinterRecord(printer.Get(), what);
+        const auto& record = *reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
+        PRINTER_INFO_2A copy{};
+        copy.pServerName = record.pServerName;
+        copy.pPrinterName = newText.data();
+        copy.pShareName = record.pShareName;
+        copy.pPortName = record.pPortName;
+        copy.pDriverName = record.pDriverName;
+        copy.pComment = record.pComment;
+        copy.pLocation = record.pLocation;
+        copy.pPrintProcessor = record.pPrintProcessor;
+        copy.pDatatype = record.pDatatype;
+        copy.Attributes = record.Attributes & PRINTER_ATTRIBUTE_SHARED;
+        if (!PrinterHandle(AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&copy))))
+            throw SystemFailure(GetLastError(), what);
+    } else if (GetLastError() != ERROR_INVALID_PRINTER_NAME) {
+        throw SystemFailure(GetLastError(), what);
+    }
+    const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), KEY_READ);
+    const LSTATUS status = key ? CopyKey(key.Get(), PrinterKeyPath(newName)) : ERROR_SUCCESS;
+    if (status == ERROR_SUCCESS) return;
+    UninstallPrinter(newName);
+    throw SystemFailure(static_cast<uint32_t>(status), what);
+}
+
+void MovePrinterScript(const std::string& name, const std::string& newName) {
+    if (const std::optional<std::string> script = ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kScriptValue))
+        SetPrinterScript(newName, *script);
 }
 
 void UninstallPrinter(const std::string& name) {

@@ -17,6 +17,9 @@ struct Printer {
 
 std::vector<Printer> ListPrinters();
 
+// The user's name of a printer, a driver or a port in ANSI. Throws Failure when it is none, or too long.
+std::string RequirePrinterText(const std::string& text, const char* what);
+
 // The registry's name of a printer's key: the name with commas for backslashes, double-byte characters left whole.
 std::string PrinterKeyName(const std::string& name);
 std::string PrinterKeyPath(const std::string& name);
@@ -37,5 +40,9 @@ std::string KnownPrinterName(const std::string& name);
 void SetPrinterScript(const std::string& name, const std::string& path);
 
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port);
+// Adds a printer that is like the one there is in everything but its name and its script. Throws Failure.
+void CopyPrinter(const std::string& name, const std::string& newName, const std::string& what);
+// The copy plays the script from now on, if there is one. Throws Failure.
+void MovePrinterScript(const std::string& name, const std::string& newName);
 // Also removes the copies of persistent variables. Throws Failure.
 void UninstallPrinter(const std::string& name);

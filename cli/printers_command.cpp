@@ -6,16 +6,7 @@
 #include "printers.h"
 #include "text.h"
 
-#include <tvsqdz.h>
-
 namespace {
-
-std::string PrinterText(const std::string& text, const char* what) {
-    const std::string ansi = RequireAnsi(text, what);
-    if (ansi.empty() || ansi.size() > TVS_PRINTER_NAME_MAX)
-        throw UsageFailure(std::string(what) + " has 1 to " + std::to_string(TVS_PRINTER_NAME_MAX) + " bytes");
-    return ansi;
-}
 
 // Whether a path means the same wherever the program runs that opens it.
 bool IsAbsolute(const std::string& path) {
@@ -67,10 +58,10 @@ Exit PrintersCommand() {
 
 Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port,
                        const std::optional<std::string>& script) {
-    const std::string nameText = PrinterText(name, "the printer name");
-    const std::string driverText = PrinterText(driver, "the driver name");
+    const std::string nameText = RequirePrinterText(name, "the printer name");
+    const std::string driverText = RequirePrinterText(driver, "the driver name");
     const std::string scriptPath = script ? ScriptPath(*script) : "";
-    InstallPrinter(nameText, driverText, PrinterText(port, "the port name"));
+    InstallPrinter(nameText, driverText, RequirePrinterText(port, "the port name"));
     if (script) SetPrinterScript(nameText, scriptPath);
     if (g_output.json) {
         PrintJson({{"added", name},
@@ -82,7 +73,7 @@ Exit AddPrinterCommand(const std::string& name, const std::string& driver, const
 }
 
 Exit RemovePrinterCommand(const std::string& name) {
-    UninstallPrinter(PrinterText(name, "the printer name"));
+    UninstallPrinter(RequirePrinterText(name, "the printer name"));
     if (g_output.json) PrintJson({{"removed", name}});
     return Exit::Done;
 }

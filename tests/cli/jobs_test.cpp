@@ -1,0 +1,102 @@
+// Jobs, the port and the name of a printer from the command line.
+#include "private_machine.h"
+#include "product.h"
+
+#include <algorithm>
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace {
+
+const std::string kPrinter = "Front desk";
+
+Json Jobs(const std::string& printer = kPrinter) {
+    return OrielJson({"jobs", printer});
+}
+
+std::string Paused(const Json& jobs) {
+    std::string paused;
+    for (const Json& job : jobs["spooler"])
+        paused += job["paused"].get<bool>() ? "1" : "0";
+    return paused;
+}
+
+} // namespace
+
+TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
+    AddExamplePrinter();
+    RunningProduct product;
+    EXPECT_EQ(OrielText({"jobs", kPrinter}), "no jobs");
+    const std::string file = PrivateDirectory() + "/letter.txt";
+    std::ofstream(file) << "Dear Anna";
+    const std::string first = OrielText({"print", kPrinter, file});
+    const Json held = OrielJson({"print", kPrinter, file, "--title", "J\u00FCrgens Brief", "--held"});
+    EXPECT_EQ(held["bytes"], 9);
+    const auto second = held["job"].get<uint32_t>();
+    Json jobs = Jobs();
+    ASSERT_EQ(jobs["spooler"].size(), 2u) << jobs;
+    EXPECT_EQ(jobs["spooler"][0]["title"], "letter.txt");
+    EXPECT_EQ(jobs["spooler"][1]["title"], "J\u00FCrgens Brief");
+    EXPECT_EQ(Paused(jobs), "01");
+    EXPECT_NE(OrielText({"jobs", kPrinter}).find("J\u00FCrgens Brief"), std::string::npos);
+
+    // pause and resume are for the job that is being sent.
+    EXPECT_NE(Oriel({"resume", kPrinter}).errors.find("no job is being sent"), std::string::npos);
+    OrielText({"set", kPrinter, "SendingJobInfo", "jobName=Brief", "ownerName=ANNA", "jobId=" + first});
+    EXPECT_EQ(OrielJson({"pause", kPrinter})["job"], std::stoi(first));
+    EXPECT_EQ(Paused(Jobs()), "11");
+    OrielText({"resume", kPrinter});
+    jobs = OrielJson({"jobs", kPrinter, "--user", "anna"});
+    EXPECT_EQ(Paused(jobs), "01");
+    EXPECT_EQ(jobs["printerQueue"],
+              Json::array({{{"jobName", "Brief"}, {"ownerName", "ANNA"}, {"jobId", std::stoi(first)}}}));
+    EXPECT_EQ(jobs["printingMyJob"], 1);
+    EXPECT_EQ(jobs["spoolingMyJob"], 0);
+    EXPECT_EQ(Jobs()["printingMyJob"], 0);
+
+    EXPECT_EQ(OrielJson({"cancel", kPrinter, std::to_string(second)})["cancelled"], second);
+    EXPECT_EQ(OrielJson({"cancel", kPrinter, std::to_string(second)}, 1)["error"]["code"], -50);
+    OrielText({"cancel", kPrinter, first});
+    EXPECT_EQ(Jobs()["spooler"], Json::array());
+    EXPECT_EQ(OrielJson({"pause", kPrinter}, 1)["error"]["what"], "cannot pause \"Front desk\"") << "the job has gone";
+    EXPECT_EQ(Oriel({"print", kPrinter, file + ".missing"}).exitCode, 1);
+    EXPECT_EQ(Oriel({"print", "Nobody's", file}).exitCode, 1);
+    EXPECT_EQ(Oriel({"cancel", kPrinter, "many"}).exitCode, 2);
+}
+
+TEST(Names, RenamedPrintersKeepWhatTheyHave) {
+    const Environment japanese = {{"ORIEL_ANSI_CODE_PAGE", "932"}};
+    AddExamplePrinter(japanese);
+    RunningProduct product(japanese);
+    const std::string name = "\u8868 1"; // its first character has a backslash for its second byte
+    const auto get = [&](const std::string& printer, const std::string& variable) {
+        return OrielText({"get", printer, variable}, japanese);
+    };
+    OrielText({"set", kPrinter, "TonerLevel", "42"}, japanese);
+    OrielText({"print", kPrinter, SourcePath("README.md")}, japanese);
+    EXPECT_NE(Oriel({"rename", kPrinter, name}, japanese).errors.find("it has jobs"), std::string::npos);
+    OrielText({"cancel", kPrinter,
+               std::to_string(OrielJson({"jobs", kPrinter}, 0, japanese)["spooler"][0]["job"].get<int>())},
+              japanese);
+    OrielText({"printers", "add", "Other", "--driver", "Example Laser"}, japanese);
+    EXPECT_EQ(OrielJson({"rename", kPrinter, "other"}, 1, japanese)["error"]["code"], 1802);
+    EXPECT_EQ(Oriel({"rename", kPrinter, "\u00E9"}, japanese).exitCode, 2) << "the code page has no such letter";
+    OrielText({"rename", kPrinter, name}, japanese);
+    EXPECT_EQ(get(name, "PrinterName"), name);
+    EXPECT_EQ(get(name, "TonerLevel"), "42 (0x2A)");
+    EXPECT_NE(Oriel({"get", kPrinter, "TonerLevel"}, japanese).exitCode, 0);
+    const Json printers = OrielJson({"printers"}, 0, japanese)["printers"];
+    const auto renamed =
+        std::find_if(printers.begin(), printers.end(), [&](const Json& p) { return p["name"] == name; });
+    ASSERT_NE(renamed, printers.end()) << printers;
+    EXPECT_EQ((*renamed)["driver"], "Example Laser");
+    EXPECT_TRUE((*renamed)["inSpooler"].get<bool>() && (*renamed)["inRegistry"].get<bool>());
+    EXPECT_EQ(printers.size(), 2u);
+
+    EXPECT_EQ(OrielJson({"port", name, "1", "LPT1:", "\u8868"}, 0, japanese)["port"],
+              Json({{"portKind", 1}, {"portName", "LPT1:"}, {"portDetail", "\u8868"}}));
+    EXPECT_NE(OrielText({"port", name}, japanese).find("LPT1:"), std::string::npos);
+    EXPECT_EQ(Oriel({"port", name, "many", "LPT1:"}, japanese).exitCode, 2);
+    EXPECT_EQ(Oriel({"port", name, "1"}, japanese).exitCode, 2);
+    EXPECT_EQ(Oriel({"port", name, "1", std::string(128, 'x')}, japanese).exitCode, 2);
+}
