@@ -68,7 +68,10 @@ _oriel() {
         ;;
     reg* | "printers add" | up | status) ;;
     *)
-        if [[ ${#rest[@]} -eq 0 ]]; then
+        if [[ ${#rest[@]} -eq 1 && ${command[1]} == print ]]; then
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        elif [[ ${#rest[@]} -eq 0 ]]; then
             _oriel_offer < <(_oriel_names "$program" printers)
         elif [[ "${command[*]:1}" =~ ^(vars|get|info|set|watch)$ ]]; then
             # The name is here as it was typed. Never evaluated: it would be run before the user wants that.
