@@ -13,6 +13,8 @@ namespace oriel {
 
 namespace {
 
+constexpr const char* kRuntimeFolders[] = {"objects", "rpc", "services", "windows"};
+
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
 
 // Whether a directory can be relied on: nobody but its owner, who is this user or root, can exchange what is in it.
@@ -109,7 +111,14 @@ std::string FolderBelow(const std::string& directory, const char* name) {
 } // namespace
 
 std::string RuntimeFolder(const char* name) {
-    return FolderBelow(RuntimeDirectory(), name);
+    const std::string& directory = RuntimeDirectory();
+    // Whoever makes the first makes all: in root's directory no user could make one later.
+    struct stat status {};
+    if (!directory.empty() && lstat((directory + "/" + name).c_str(), &status) != 0) {
+        for (const char* folder : kRuntimeFolders)
+            FolderBelow(directory, folder);
+    }
+    return FolderBelow(directory, name);
 }
 
 std::string StateFolder(const char* name) {
