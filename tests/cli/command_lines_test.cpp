@@ -131,6 +131,8 @@ TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
     };
     EXPECT_EQ(asNobody({"get", "Front desk", "PageCount"}).output, "-1 (0xFFFFFFFF)\n");
     EXPECT_EQ(asNobody({"status"}).exitCode, 0);
+    // Nobody else has a window yet, and the folder of windows lies in root's directory.
+    EXPECT_EQ(asNobody({"watch", "Front desk", "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
     for (const std::vector<std::string>& denied : std::vector<std::vector<std::string>>{
              {"reg", "set", "HKLM\\SOFTWARE\\X", "a", "b"},
              {"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"},
