@@ -145,7 +145,8 @@ Exit CancelCommand(const ManagerOptions& options, uint32_t id) {
 Exit PrintCommand(const PrintJob& wanted) {
     const std::string name = KnownPrinterName(RequirePrinterText(wanted.printer, "the printer name"));
     std::string title = wanted.title;
-    if (title.empty()) title = wanted.file == "-" ? "standard input" : wanted.file.substr(wanted.file.rfind('/') + 1);
+    if (title.empty())
+        title = wanted.file == "-" ? "standard input" : wanted.file.substr(wanted.file.find_last_of("/\\") + 1);
     const std::string titleText = RequireAnsi(title, "the title");
     if (titleText.size() > kTitleMax) throw UsageFailure("a title has at most " + std::to_string(kTitleMax) + " bytes");
     const std::string content = ReadWholeFile(wanted.file);

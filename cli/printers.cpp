@@ -203,6 +203,13 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
     PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS}; // it will have to be removed
     PrinterHandle printer;
     if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
+        // Of its own printers the spooler keeps the name there too; others it could not remove afterwards.
+        if (!ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), "Name")) {
+            Failure failure = SystemFailure(ERROR_NOT_SUPPORTED, what);
+            failure.why = "the printer is a print server's";
+            failure.next = "tell the product by 'oriel set PRINTER PrinterName NEW', then rename it there";
+            throw failure;
+        }
         Bytes buffer = PrinterRecord(printer.Get(), what);
         const auto& record = *reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
         PRINTER_INFO_2A copy{};

@@ -81,6 +81,8 @@ TEST(Names, RenamedPrintersKeepWhatTheyHave) {
     OrielText({"printers", "add", "Other", "--driver", "Example Laser"}, japanese);
     EXPECT_EQ(OrielJson({"rename", kPrinter, "other"}, 1, japanese)["error"]["code"], 1802);
     EXPECT_EQ(Oriel({"rename", kPrinter, "\u00E9"}, japanese).exitCode, 2) << "the code page has no such letter";
+    OrielText({"printers", "add", "\\\\server\\lp", "--driver", "Example Laser"}, japanese);
+    EXPECT_EQ(OrielJson({"rename", "\\\\server\\lp", "lp"}, 1, japanese)["error"]["code"], 50) << "another machine's";
     OrielText({"rename", kPrinter, name}, japanese);
     EXPECT_EQ(get(name, "PrinterName"), name);
     EXPECT_EQ(get(name, "TonerLevel"), "42 (0x2A)");
@@ -91,7 +93,7 @@ TEST(Names, RenamedPrintersKeepWhatTheyHave) {
     ASSERT_NE(renamed, printers.end()) << printers;
     EXPECT_EQ((*renamed)["driver"], "Example Laser");
     EXPECT_TRUE((*renamed)["inSpooler"].get<bool>() && (*renamed)["inRegistry"].get<bool>());
-    EXPECT_EQ(printers.size(), 2u);
+    EXPECT_EQ(printers.size(), 3u);
 
     EXPECT_EQ(OrielJson({"port", name, "1", "LPT1:", "\u8868"}, 0, japanese)["port"],
               Json({{"portKind", 1}, {"portName", "LPT1:"}, {"portDetail", "\u8868"}}));
