@@ -235,6 +235,8 @@ CHILD_PROCESS(ReadsAndWrites) {
     const RecordRow& sending = kRecords[0];
     const RecordRow& printing = kRecords[1];
     const RecordRow& port = kRecords[3];
+    // Else a report of the same job would keep the names that it had in another code page.
+    EXPECT_EQ(Update(manager, "PrintingJobInfo", Bytes(sizeof(TvsPrintingJobRecord))), TVS_OK);
     for (const RecordRow* row : {&sending, &printing, &port}) {
         const Forms forms = OrdinaryForms(*row, script);
         const Wide name(row->variable, row->variable + std::strlen(row->variable));
