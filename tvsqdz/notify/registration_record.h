@@ -43,6 +43,9 @@ struct NotificationRegistration {
     NotificationEntry entries[1]; // entryCount of them
 };
 static_assert(offsetof(NotificationRegistration, thread) == 0);
+static_assert(offsetof(NotificationEntry, mode) == 0 && offsetof(NotificationEntry, withoutValue) == 4 &&
+              offsetof(NotificationEntry, variableName) == 8 && offsetof(NotificationEntry, target) == 40 &&
+              offsetof(NotificationEntry, message) == 40 + sizeof(UINT_PTR));
 
 constexpr uint64_t RegistrationSize(uint32_t entryCount) {
     return offsetof(NotificationRegistration, entries) + uint64_t{sizeof(NotificationEntry)} * entryCount;

@@ -11,6 +11,7 @@
 
 #include <windows.h>
 
+#include <stddef.h>
 #include <stdint.h>
 
 struct ThreadRecord {
@@ -23,6 +24,9 @@ struct ThreadRecord {
     ThreadProc procedure;   // what the thread runs, with the record as its parameter
     bool stoppedByItself;   // touched by the thread alone
 };
+static_assert(offsetof(ThreadRecord, next) == 0 && offsetof(ThreadRecord, threadId) == sizeof(void*) &&
+              offsetof(ThreadRecord, thread) == 2 * sizeof(void*) &&
+              offsetof(ThreadRecord, stopEvent) == 3 * sizeof(void*));
 
 // The record that a new one is appended behind; null for an empty list.
 ThreadRecord* FindLastRegistration(ThreadRecord* head);
