@@ -4,6 +4,8 @@
 
 #include "catalogue/status_variable.h"
 
+#include <string.h>
+
 // Watchers: thread procedures whose parameter is a NotificationRegistration (notify/registration_record.h).
 DWORD WINAPI ChangeWatch(void* registration);           // the default for events and messages, of any number of entries
 DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callbacks
@@ -15,6 +17,13 @@ DWORD WINAPI MyJobWatch(void* registration);            // the number of the man
 
 // Writes: the status is that of the update. A value longer than its record is looked at as far as that reaches; a
 // shorter one is refused.
+template <typename Record>
+bool TakeRecord(const void* data, uint32_t size, Record* record) {
+    if (size < sizeof *record) return false;
+    memcpy(record, data, sizeof *record);
+    return true;
+}
+
 int32_t SendingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrintingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t size);

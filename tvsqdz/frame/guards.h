@@ -2,6 +2,7 @@
 #pragma once
 
 #include <windows.h>
+#include <winspool.h>
 
 // Holds a named mutex. The wait has no time limit: the kernel gives a dead owner's mutex to the next waiter, and a
 // living owner holds it across a few calls of the service, which end at the latest with the service. One that stands
@@ -76,4 +77,20 @@ struct RegistryKey {
 
     HKEY key = nullptr;
     LSTATUS error = ERROR_SUCCESS;
+};
+
+// A printer of the spooler, by its name, for PRINTER_ACCESS_USE.
+struct SpoolerPrinter {
+    explicit SpoolerPrinter(char* name) {
+        if (!OpenPrinterA(name, &handle, nullptr)) handle = nullptr;
+    }
+    ~SpoolerPrinter() {
+        if (handle != nullptr) ClosePrinter(handle);
+    }
+    SpoolerPrinter(const SpoolerPrinter&) = delete;
+    SpoolerPrinter& operator=(const SpoolerPrinter&) = delete;
+
+    explicit operator bool() const { return handle != nullptr; }
+
+    HANDLE handle = nullptr;
 };

@@ -15,17 +15,10 @@ constexpr char kDriverValue[] = "Printer Driver";
 // Of a model's key name, its NUL included; longer ones are no models.
 constexpr DWORD kModelNameSize = 32;
 
-struct SpoolerPrinter {
-    ~SpoolerPrinter() {
-        if (handle != nullptr) ClosePrinter(handle);
-    }
-    HANDLE handle = nullptr;
-};
-
 // The spooler knows printers that have no key, such as connections to another machine's.
 char* DriverNameFromSpooler(char* printerName) {
-    SpoolerPrinter printer;
-    if (!OpenPrinterA(printerName, &printer.handle, nullptr)) return nullptr;
+    const SpoolerPrinter printer(printerName);
+    if (!printer) return nullptr;
     DWORD needed = 0;
     GetPrinterA(printer.handle, 2, nullptr, 0, &needed);
     if (needed < sizeof(PRINTER_INFO_2A)) return nullptr;

@@ -15,13 +15,6 @@ constexpr char kSendingJobInfo[] = "SendingJobInfo";
 constexpr char kPrintingJobInfo[] = "PrintingJobInfo";
 constexpr char kCoverageInfo[] = "CoverageInfo";
 
-template <typename Record>
-bool TakeRecord(const void* data, uint32_t size, Record* record) {
-    if (size < sizeof *record) return false;
-    memcpy(record, data, sizeof *record);
-    return true;
-}
-
 // A job at the end; the oldest ones make room for it.
 Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
     const MutexHold lock(manager->databaseMutex);

@@ -35,8 +35,7 @@ bool TakeName(const void* data, uint32_t size, PrinterNameText* name) {
 
 int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPortRecord port;
-    if (size < sizeof port) return PassOn(Answer::WrongSize);
-    memcpy(&port, data, sizeof port);
+    if (!TakeRecord(data, size, &port)) return PassOn(Answer::WrongSize);
     const MutexHold lock(manager->databaseMutex);
     TvsPortRecord stored = {}; // one that cannot be read counts as none yet
     DWORD storedSize = 0;

@@ -3,12 +3,11 @@
 // What the spooler answers to a command is not told; whether there is such a job is.
 #include "access/printer_name.h"
 #include "catalogue/variable_handlers.h"
+#include "frame/guards.h"
 #include "frame/heap.h"
 
 #include <tvsqdz_records.h>
 #include <winspool.h>
-
-#include <string.h>
 
 namespace {
 
@@ -18,28 +17,6 @@ constexpr uint32_t kResumeCommand = 2;
 constexpr DWORD kAllJobs = 0xFFFFFFFF;
 // The list can grow between the question for its size and its read; more often than that is not believable.
 constexpr int kAttempts = 8;
-
-// The spooler's printer of the name that it has now.
-struct SpoolerPrinter {
-    explicit SpoolerPrinter(ManagerRecord* manager) {
-        PrinterNameText name = RefreshedPrinterName(manager);
-        if (!OpenPrinterA(name.text, &handle, nullptr)) handle = nullptr;
-    }
-    ~SpoolerPrinter() {
-        if (handle != nullptr) ClosePrinter(handle);
-    }
-    SpoolerPrinter(const SpoolerPrinter&) = delete;
-    SpoolerPrinter& operator=(const SpoolerPrinter&) = delete;
-
-    HANDLE handle = nullptr; // null: the spooler does not open it
-};
-
-// The number that a value begins with.
-bool TakeNumber(const void* data, uint32_t size, uint32_t* number) {
-    if (size < sizeof *number) return false;
-    memcpy(number, data, sizeof *number);
-    return true;
-}
 
 // The job that is being sent; 0 when there is none, or when that cannot be read.
 uint32_t SendingJob(DatabaseHandle database) {
@@ -87,10 +64,11 @@ private:
 
 int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     uint32_t command = 0;
-    if (!TakeNumber(data, size, &command)) return TVS_E_FAULT;
+    if (!TakeRecord(data, size, &command)) return TVS_E_FAULT;
     if (command != kPauseCommand && command != kResumeCommand) return TVS_E_UNKNOWN;
-    const SpoolerPrinter printer(manager);
-    if (printer.handle == nullptr) return TVS_E_NO_OWNER;
+    PrinterNameText name = RefreshedPrinterName(manager);
+    const SpoolerPrinter printer(name.text);
+    if (!printer) return TVS_E_NO_OWNER;
     const uint32_t job = SendingJob(manager->printerDatabase);
     if (job != 0)
         SetJobA(printer.handle, job, 0, nullptr, command == kPauseCommand ? JOB_CONTROL_PAUSE : JOB_CONTROL_RESUME);
@@ -99,10 +77,11 @@ int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size) {
 
 int32_t DeleteJobIdWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     uint32_t id = 0;
-    if (!TakeNumber(data, size, &id)) return TVS_E_FAULT;
-    const SpoolerPrinter printer(manager);
+    if (!TakeRecord(data, size, &id)) return TVS_E_FAULT;
+    PrinterNameText name = RefreshedPrinterName(manager);
+    const SpoolerPrinter printer(name.text);
     JobList jobs;
-    if (printer.handle == nullptr || !jobs.Load(printer.handle)) return TVS_E_NO_OWNER;
+    if (!printer || !jobs.Load(printer.handle)) return TVS_E_NO_OWNER;
     const JOB_INFO_1A* job = jobs.Find(id);
     if (job == nullptr || (job->Status & JOB_STATUS_DELETING) != 0) return TVS_E_NOT_NOW;
     SetJobA(printer.handle, id, 0, nullptr, JOB_CONTROL_CANCEL);

@@ -11,6 +11,7 @@
 namespace {
 
 constexpr DWORD kEnded = 1;
+
 class VariableWatcher {
 public:
     // *told: when the variable was last written; that is not news. looks: after every delivery.
