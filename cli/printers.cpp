@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "product.h"
 #include "registry.h"
+#include "spooler.h"
 
 #include <tvsqdz.h>
 
@@ -15,28 +16,16 @@ constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Prin
 constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
 constexpr char kScriptValue[] = "Oriel Script"; // of the product's, where everything of the printer goes with it
-// The list of printers can grow between the question for its size and its read.
-constexpr int kAttempts = 8;
 
-std::string OrEmpty(const char* text) {
-    return text ? text : "";
-}
-
+// None when the spooler cannot be asked.
 std::vector<Printer> SpoolerPrinters() {
-    Bytes buffer;
-    DWORD needed = 0;
     DWORD count = 0;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (EnumPrintersA(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS, nullptr, 2, buffer.data(),
-                          static_cast<DWORD>(buffer.size()), &needed, &count)) {
-            break;
-        }
-        count = 0;
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
-        buffer.resize(needed);
-    }
+    const auto buffer = SpoolerRecords([&](LPBYTE into, DWORD size, LPDWORD needed) {
+        return EnumPrintersA(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS, nullptr, 2, into, size, needed, &count);
+    });
     std::vector<Printer> printers;
-    const auto* records = reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
+    if (!buffer) return printers;
+    const auto* records = reinterpret_cast<const PRINTER_INFO_2A*>(buffer->data());
     for (DWORD i = 0; i < count; ++i) {
         printers.push_back({.name = OrEmpty(records[i].pPrinterName),
                             .driver = OrEmpty(records[i].pDriverName),
@@ -182,18 +171,6 @@ LSTATUS CopyKey(HKEY from, const std::string& path) {
     return ERROR_SUCCESS;
 }
 
-// The printer's record of level 2. Throws Failure.
-Bytes PrinterRecord(HANDLE printer, const std::string& what) {
-    Bytes buffer;
-    DWORD needed = 0;
-    for (int attempt = 0; !GetPrinterA(printer, 2, buffer.data(), static_cast<DWORD>(buffer.size()), &needed);) {
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || ++attempt == kAttempts)
-            throw SystemFailure(GetLastError(), what);
-        buffer.resize(needed);
-    }
-    return buffer;
-}
-
 } // namespace
 
 void CopyPrinter(const std::string& name, const std::string& newName, const std::string& what) {
@@ -210,8 +187,10 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
             failure.next = "tell the product by 'oriel set PRINTER PrinterName NEW', then rename it there";
             throw failure;
         }
-        Bytes buffer = PrinterRecord(printer.Get(), what);
-        const auto& record = *reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
+        const auto buffer = SpoolerRecords(
+            [&](LPBYTE into, DWORD size, LPDWORD needed) { return GetPrinterA(printer.Get(), 2, into, size, needed); });
+        if (!buffer) throw SystemFailure(GetLastError(), what);
+        const auto& record = *reinterpret_cast<const PRINTER_INFO_2A*>(buffer->data());
         PRINTER_INFO_2A copy{};
         copy.pServerName = record.pServerName;
         copy.pPrinterName = newText.data();

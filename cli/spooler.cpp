@@ -8,8 +8,6 @@
 
 namespace {
 
-// The list can grow between the question for its size and its read.
-constexpr int kAttempts = 8;
 constexpr DWORD kAllJobs = 0xFFFFFFFF;
 constexpr size_t kPiece = size_t{1} << 20; // of a document that is written at once
 
@@ -31,10 +29,6 @@ constexpr struct {
     {JOB_STATUS_RESTART, "restarted"},
 };
 
-std::string OrEmpty(const char* text) {
-    return text ? text : "";
-}
-
 } // namespace
 
 PrinterHandle OpenInSpooler(const std::string& name) {
@@ -46,17 +40,13 @@ PrinterHandle OpenInSpooler(const std::string& name) {
 }
 
 std::vector<SpoolerJob> ListJobs(HANDLE printer, const std::string& shownName) {
-    Bytes buffer;
-    DWORD needed = 0;
     DWORD count = 0;
-    int attempt = 0;
-    while (!EnumJobsA(printer, 0, kAllJobs, 1, buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || ++attempt == kAttempts)
-            throw SystemFailure(GetLastError(), "cannot list the jobs of \"" + shownName + "\" in the spooler");
-        buffer.resize(needed);
-    }
+    const auto buffer = SpoolerRecords([&](LPBYTE into, DWORD size, LPDWORD needed) {
+        return EnumJobsA(printer, 0, kAllJobs, 1, into, size, needed, &count);
+    });
+    if (!buffer) throw SystemFailure(GetLastError(), "cannot list the jobs of \"" + shownName + "\" in the spooler");
     std::vector<SpoolerJob> jobs;
-    const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer.data());
+    const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer->data());
     for (DWORD i = 0; i < count; ++i) {
         jobs.push_back({.id = records[i].JobId,
                         .document = OrEmpty(records[i].pDocument),

@@ -2,12 +2,33 @@
 #pragma once
 
 #include "handles.h"
+#include "text.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// Calls EnumPrintersA and those like it until the buffer, which can have grown too small since the question for its
+// size, holds what they list. call: BOOL(LPBYTE buffer, DWORD size, LPDWORD needed). Nothing: the last error tells.
+template <typename Call>
+std::optional<Bytes> SpoolerRecords(Call call) {
+    constexpr int kAttempts = 8; // more often is not believable
+    Bytes buffer;
+    DWORD needed = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (call(buffer.data(), static_cast<DWORD>(buffer.size()), &needed)) return buffer;
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
+        buffer.resize(needed);
+    }
+    return std::nullopt;
+}
+
+// A text of such a record.
+inline std::string OrEmpty(const char* text) {
+    return text ? text : "";
+}
 
 struct SpoolerJob {
     uint32_t id = 0;
