@@ -118,16 +118,17 @@ void PrinterSides::StartSide(Side& side) {
         side.dueAt = GetTickCount() + side.restart.AfterEnd();
         return;
     }
-    m_tell({.event = "printer-side-started", .printer = side.printer});
+    m_tell({.printer = side.printer, .started = true});
 }
 
 void PrinterSides::NoteEnd(Side& side) {
     DWORD code = 0;
     GetExitCodeProcess(side.process.Get(), &code);
     side.process.Reset();
-    const DWORD pause = side.restart.AfterEnd();
+    side.stopped = code == 0;
+    const DWORD pause = side.stopped ? 0 : side.restart.AfterEnd();
     side.dueAt = GetTickCount() + pause;
-    m_tell({.event = "printer-side-ended", .printer = side.printer, .code = code, .pauseMs = pause});
+    m_tell({.printer = side.printer, .code = code, .pauseMs = pause});
 }
 
 void PrinterSides::Tend() {
@@ -135,6 +136,6 @@ void PrinterSides::Tend() {
     for (Side& side : m_sides) {
         OpenOnce(side);
         if (side.process && WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) NoteEnd(side);
-        if (!side.process && HasPassed(side.dueAt)) StartSide(side);
+        if (!side.process && !side.stopped && HasPassed(side.dueAt)) StartSide(side);
     }
 }

@@ -8,13 +8,12 @@
 #include <string>
 #include <vector>
 
-// What happened, and to which printer: "printer-side-started"; "printer-side-ended" with the exit code and the pause
-// before it is started again.
+// A printer's side was started, or it ended.
 struct PrinterSideNews {
-    const char* event;
     std::string printer; // ANSI
-    DWORD code = 0;
-    DWORD pauseMs = 0;
+    bool started = false;
+    DWORD code = 0;    // with which it ended: 0, as it was asked to
+    DWORD pauseMs = 0; // until it is started again; 0: it is not
 };
 using TellPrinterSideNews = std::function<void(const PrinterSideNews& news)>;
 
@@ -38,7 +37,8 @@ private:
         std::string port;
         std::string script;
         KernelHandle process{};
-        DWORD dueAt = 0; // tick count
+        DWORD dueAt = 0;      // tick count
+        bool stopped = false; // by who asked it to
         RestartPause restart{};
     };
 

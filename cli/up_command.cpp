@@ -165,13 +165,17 @@ void StopIfPossible(const ServiceHandle& service) {
 void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
     const std::string printer = ToUtf8(news.printer);
     Json fields = {{"printer", printer}};
-    std::string text = "the printer side of \"" + Printable(printer) + "\" runs";
-    if (news.pauseMs != 0) {
-        text = "the printer side of \"" + Printable(printer) + "\" ended";
+    std::string text = "the printer side of \"" + Printable(printer) + "\" ";
+    if (news.started) {
+        text += "runs";
+    } else {
         fields.update({{"code", news.code}, {"pauseMs", news.pauseMs}});
-        PrintError({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+        text += news.pauseMs != 0 ? "ended" : "ended, as it was asked to";
+        if (news.pauseMs != 0)
+            PrintError(
+                {Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
     }
-    teller.Tell(news.event, text, fields);
+    teller.Tell(news.started ? "printer-side-started" : "printer-side-ended", text, fields);
 }
 
 void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {

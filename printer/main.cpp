@@ -3,15 +3,17 @@
 //     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N] [--owner PROCESS]
 //     TVSPSD.EXE --script FILE --check
 //
-// Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break), 1 when it cannot begin, 2 when the command line or the
-// script is wrong. State: the stop event, set by the console's handler and by who waits for the owner, each on a thread
-// of its own; and what that thread waits for.
+// Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or the end of all managers of the
+// machine, of which it is one), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the stop
+// event, set by the console's handler and by who waits for the others, each on a thread of its own; and what that
+// thread waits for.
 #include "printer_side.h"
 #include "scripted_device.h"
 
 #include "dblink/client.h"
 #include "dblink/kernel_names.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -27,7 +29,8 @@ constexpr DWORD kSpeedMax = 10000;
 constexpr DWORD kStopMs = 10000; // longer than the end of the service takes
 
 HANDLE g_stop = nullptr;
-HANDLE g_owner[2] = {}; // the owner's process, its event
+HANDLE g_endings[3] = {}; // the event of termination; with an owner, its process and its event
+DWORD g_endingCount = 0;
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
     SetEvent(g_stop);
@@ -36,19 +39,27 @@ BOOL WINAPI OnConsoleControl(DWORD event) {
     return TRUE;
 }
 
-DWORD WINAPI WaitForOwner(LPVOID) {
-    WaitForMultipleObjects(2, g_owner, FALSE, INFINITE); // as long as we live, if need be
+DWORD WINAPI WaitForEnding(LPVOID) {
+    WaitForMultipleObjects(g_endingCount, g_endings, FALSE, INFINITE); // as long as we live, if need be
     SetEvent(g_stop);
     return 0;
 }
 
-// False when there is no such process any more, or it has no event.
-bool FollowOwner(DWORD process) {
-    const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(process);
-    g_owner[0] = OpenProcess(SYNCHRONIZE, FALSE, process);
-    g_owner[1] = OpenEventA(SYNCHRONIZE, FALSE, dblink::ObjectName(dblink::MachineIsTerminalServer(), event).text);
-    if (!g_owner[0] || !g_owner[1]) return false;
-    const HANDLE thread = CreateThread(nullptr, 0, WaitForOwner, nullptr, 0, nullptr);
+// False when the owner, if there shall be one, lives no more or has no event.
+bool FollowEndings(DWORD owner) {
+    using namespace dblink;
+    const bool terminalServer = MachineIsTerminalServer();
+    EveryoneAccess everyone;
+    if (!everyone) return false;
+    g_endings[g_endingCount++] =
+        CreateEventA(&everyone.attributes, TRUE, FALSE, ObjectName(terminalServer, kTerminationName).text);
+    if (owner != 0) {
+        const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(owner);
+        g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);
+        g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, ObjectName(terminalServer, event).text);
+    }
+    if (std::count(g_endings, g_endings + g_endingCount, HANDLE{}) != 0) return false;
+    const HANDLE thread = CreateThread(nullptr, 0, WaitForEnding, nullptr, 0, nullptr);
     if (thread) CloseHandle(thread);
     return thread != nullptr;
 }
@@ -137,7 +148,7 @@ int Run(const CommandLine& line) {
         return result;
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase() ||
-        (line.owner != 0 && !FollowOwner(line.owner))) {
+        !FollowEndings(line.owner)) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }

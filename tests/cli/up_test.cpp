@@ -106,6 +106,12 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
     // What is added later is found.
     OrielText({"printers", "add", "Late", "--driver", "Any", "--script", script});
     EXPECT_EQ(product.Event("printer-side-started")["printer"], "Late");
+
+    // Printer sides have their printers open: a termination waits for them, and they end for it.
+    OrielText({"terminate", printer});
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(product.Event("printer-side-ended")["pauseMs"], 0);
+    EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is started again";
     product.Terminate();
     EXPECT_EQ(product.Wait(), 0) << product.Errors();
     EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is left";

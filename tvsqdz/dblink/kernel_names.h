@@ -3,6 +3,8 @@
 //   "<database>:Initialized"               manual-reset event, plain name    set when the database is ready, or given
 //   up "TVOR:<database>:<variable>:Updated"   manual-reset event, ObjectName    pulsed at every write
 //   "TVOR:<database>:<variable>:Changed"   manual-reset event, ObjectName    pulsed when the value changed
+//   "TVORSQD:TerminateManager"             manual-reset event, ObjectName    set when all managers of the machine are
+//   asked to shut down, and for as long as somebody has it open then
 //
 // ObjectName: with Terminal Services the name is "Global\" and the base name, so that all logons of the machine share
 // the object; without, it is the base name.
@@ -22,6 +24,8 @@ struct KernelName {
 
 KernelName ObjectName(bool terminalServer, std::string_view baseName);
 KernelName InitializedEventName(std::string_view database);
+
+inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager"; // the base name
 
 enum class VariableSignal { Updated, Changed };
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,

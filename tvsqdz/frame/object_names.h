@@ -14,8 +14,6 @@ inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
 // Rule. Manual-reset event: the product is initialised.
 inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED";
-// Rule. Manual-reset event: the managers are asked to terminate. Set for as long as somebody has it open.
-inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";
 // Plain. Exists while the product's start-up process runs.
 inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 

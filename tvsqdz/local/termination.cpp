@@ -54,7 +54,7 @@ void CloseProductWindows(bool isNt) {
 }
 
 void WakeWatchers() {
-    const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, ObjectName(kTerminationName).text));
+    const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, ObjectName(dblink::kTerminationName).text));
     if (event) SetEvent(event.handle); // without it nobody watches
 }
 
@@ -83,7 +83,7 @@ int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t
 // One termination, and no more: who wants to be told again registers again.
 DWORD WINAPI TerminateManagerWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
-    const KernelHandle terminated(CreateNamedEvent(ObjectName(kTerminationName)));
+    const KernelHandle terminated(CreateNamedEvent(ObjectName(dblink::kTerminationName)));
     ThreadHasBegun(registration.thread);
     const HANDLE handles[] = {registration.thread.stopEvent, terminated.handle};
     if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
