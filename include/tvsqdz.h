@@ -265,7 +265,8 @@ typedef uintptr_t TvsRegistration;
 /* A function that is called when a variable was written.
  *
  * manager   the one that it was registered through
- * index     the variable's place in the list of an Ex registration, from 0; else 0
+ * index     the variable's place in the list of an Ex registration, from 0; else 0. "CurrentStatus", "JobStatus",
+ *           "SendingJobInfo" and "SpoolerQueue" have 0 in a list too: they are told apart by their names
  * variable  its name
  * value     the value as the database stores it: a variable-length one with a u32 length (of what follows it) in front; good
  *           during the call only. Null, with size 0, when it was registered without value or the value cannot be had
