@@ -45,6 +45,12 @@ uint64_t CheckSum(const unsigned char* page, sqlite3_int64 offset) {
 
 int Read(sqlite3_file* file, void* data, int amount, sqlite3_int64 offset) {
     const int result = System(file)->pMethods->xRead(System(file), data, amount, offset);
+    // Behind the end there is nothing. Part of a page is what is left of it, and SQLite would fill it up with zeros.
+    if (result == SQLITE_IOERR_SHORT_READ && amount == kPageSize) {
+        sqlite3_int64 size = 0;
+        if (System(file)->pMethods->xFileSize(System(file), &size) != SQLITE_OK || size > offset)
+            return SQLITE_IOERR_DATA;
+    }
     if (result != SQLITE_OK) return result;
     if (amount == kPageSize && offset % kPageSize == 0) {
         const auto* page = static_cast<const unsigned char*>(data);
