@@ -46,6 +46,14 @@ std::string TextOf(HKEY key, const char* name) {
 
 } // namespace
 
+void EnsurePrintersKey() {
+    if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) return;
+    RegistryKey made;
+    const LSTATUS status = CreateKey(HKEY_LOCAL_MACHINE, kPrintersKey, made);
+    if (status != ERROR_SUCCESS)
+        throw SystemFailure(static_cast<uint32_t>(status), "cannot make the registry's key of printers");
+}
+
 std::vector<Printer> ListPrinters() {
     std::vector<Printer> printers = SpoolerPrinters();
     if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) {

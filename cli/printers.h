@@ -15,6 +15,10 @@ struct Printer {
     bool registeredModel = false; // its driver is a model of the product
 };
 
+// Makes the registry's key of the spooler's printers, which Windows has from the start: where it is missing, the
+// library does not ask the spooler for the drivers of printers that have no key. Throws Failure.
+void EnsurePrintersKey();
+
 std::vector<Printer> ListPrinters();
 
 // The user's name of a printer, a driver or a port in ANSI. Throws Failure when it is none, or too long.

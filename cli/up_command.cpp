@@ -10,6 +10,7 @@
 #include "layer.h"
 #include "output.h"
 #include "printer_sides.h"
+#include "printers.h"
 #include "product.h"
 #include "registry.h"
 #include "restart_pause.h"
@@ -258,6 +259,7 @@ Exit UpCommand(const UpOptions& options) {
     if (!mutex.Held())
         throw Failure{Exit::False, "the product is already up, in another process", "", "'oriel status' shows it"};
     RegisterInstallation(teller);
+    EnsurePrintersKey();
     if (options.demoPrinter) TellOfDemoPrinter(teller, EnsureDemoPrinter());
     const ServiceHandle service = TheService(teller);
     bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;

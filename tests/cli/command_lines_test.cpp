@@ -120,19 +120,14 @@ TEST(CommandLine, WithTheProductUp) {
 }
 
 TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
-    if (RunProgram("/usr/bin/id", {"-u"}).output != "0\n") GTEST_SKIP() << "needs root to become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to become another user";
     RunningProduct product;
     AddExamplePrinter();
     OrielText({"get", "Front desk", "PageCount"});
-    const auto asNobody = [](std::vector<std::string> arguments) {
-        std::vector<std::string> all = {"--reuid=65534", "--regid=65534", "--clear-groups", ProgramPath("oriel")};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return RunProgram("/usr/bin/setpriv", all);
-    };
-    EXPECT_EQ(asNobody({"get", "Front desk", "PageCount"}).output, "-1 (0xFFFFFFFF)\n");
-    EXPECT_EQ(asNobody({"status"}).exitCode, 0);
+    EXPECT_EQ(OrielAsNobody({"get", "Front desk", "PageCount"}).output, "-1 (0xFFFFFFFF)\n");
+    EXPECT_EQ(OrielAsNobody({"status"}).exitCode, 0);
     // Nobody else has a window yet, and the folder of windows lies in root's directory.
-    EXPECT_EQ(asNobody({"watch", "Front desk", "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
+    EXPECT_EQ(OrielAsNobody({"watch", "Front desk", "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
     for (const std::vector<std::string>& denied : std::vector<std::vector<std::string>>{
              {"reg", "set", "HKLM\\SOFTWARE\\X", "a", "b"},
              {"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"},
@@ -140,7 +135,7 @@ TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
              {"printers", "add", "P", "--driver", "D"},
              {"printers", "remove", "Front desk"},
          }) {
-        const ProgramResult result = asNobody(denied);
+        const ProgramResult result = OrielAsNobody(denied);
         EXPECT_EQ(result.exitCode, 4) << denied[0] << " " << denied[1] << ": " << result.errors;
         EXPECT_NE(result.errors.find("access denied"), std::string::npos) << result.errors;
     }

@@ -8,6 +8,16 @@ ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment
     return RunProgram(ProgramPath("oriel"), arguments, environment);
 }
 
+bool RunsAsRoot() {
+    return RunProgram("/usr/bin/id", {"-u"}).output == "0\n";
+}
+
+ProgramResult OrielAsNobody(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {"--reuid=65534", "--regid=65534", "--clear-groups", ProgramPath("oriel")};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return RunProgram("/usr/bin/setpriv", all);
+}
+
 Json OrielJson(std::vector<std::string> arguments, int exitCode, const Environment& environment) {
     arguments.push_back("--json");
     const ProgramResult result = Oriel(arguments, environment);

@@ -12,6 +12,10 @@ using Json = nlohmann::json;
 
 ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment& environment = {});
 
+// The same as another user, which only root can.
+bool RunsAsRoot();
+ProgramResult OrielAsNobody(const std::vector<std::string>& arguments);
+
 // With --json: the one document that it must print. Fails the test when the exit code or the output is another.
 Json OrielJson(std::vector<std::string> arguments, int exitCode = 0, const Environment& environment = {});
 

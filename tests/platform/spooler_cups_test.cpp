@@ -1,5 +1,5 @@
 // Printers and jobs of a real print server, and servers that do not answer.
-#include "cups_kit.h"
+#include "print_server.h"
 #include "posix_kit.h"
 #include "spooler_kit.h"
 #include "unix_stream.h"
