@@ -8,10 +8,6 @@ ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment
     return RunProgram(ProgramPath("oriel"), arguments, environment);
 }
 
-bool RunsAsRoot() {
-    return RunProgram("/usr/bin/id", {"-u"}).output == "0\n";
-}
-
 ProgramResult OrielAsNobody(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"--reuid=65534", "--regid=65534", "--clear-groups", ProgramPath("oriel")};
     all.insert(all.end(), arguments.begin(), arguments.end());

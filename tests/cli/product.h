@@ -13,7 +13,6 @@ using Json = nlohmann::json;
 ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment& environment = {});
 
 // The same as another user, which only root can.
-bool RunsAsRoot();
 ProgramResult OrielAsNobody(const std::vector<std::string>& arguments);
 
 // With --json: the one document that it must print. Fails the test when the exit code or the output is another.

@@ -202,7 +202,7 @@ CHILD_PROCESS(UsesThemAsNobody) {
 }
 
 TEST(Rights, LetOtherUsersInOrNot) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become somebody else";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become somebody else";
     SECURITY_DESCRIPTOR nullDacl, blank;
     SECURITY_ATTRIBUTES everyone{sizeof everyone, &nullDacl, FALSE};
     SECURITY_ATTRIBUTES withBlank{sizeof withBlank, &blank, FALSE};

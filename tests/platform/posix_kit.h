@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-bool IsRoot();
 // From here on this process is a user without rights. Only root can do it.
 bool BecomeNobody();
 void SetUmask(unsigned mask);

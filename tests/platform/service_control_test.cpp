@@ -329,7 +329,7 @@ CHILD_PROCESS(LooksAsAnotherUser) {
 }
 
 TEST(ServiceControl, AnotherUserLooksAndCannotBeInTheWay) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     SC_HANDLE service = CreateTestService("Svc", CommandLine("Svc", "normal"));
     Ordered().Order("1");
     TestProcess other("LooksAsAnotherUser");
@@ -367,7 +367,7 @@ TEST(ServiceControl, ARecordThatCannotBeBelievedIsNoService) {
         ASSERT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_PROCESS_ABORTED));
     }
     std::filesystem::remove(RecordFile("SVC"));
-    if (!IsRoot()) return;
+    if (!RunsAsRoot()) return;
     TestProcess pretender("PretendsToBeTheService", {"Svc", "orders"});
     ASSERT_EQ(pretender.Hear(), "main");
     EXPECT_EQ(FieldsOf(Query("Svc")), Stopped(ERROR_SERVICE_NEVER_STARTED));

@@ -1,6 +1,6 @@
 // Printers and jobs of a real print server, and servers that do not answer.
-#include "print_server.h"
 #include "posix_kit.h"
+#include "print_server.h"
 #include "spooler_kit.h"
 #include "unix_stream.h"
 
@@ -108,7 +108,7 @@ CHILD_PROCESS(ChangesJobsAsAnotherUser) {
 }
 
 TEST(PrintServer, AJobOfAnotherUserIsRefused) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     PrintServer server;
     server.Print("secret");
     TestProcess other("ChangesJobsAsAnotherUser");

@@ -176,7 +176,7 @@ CHILD_PROCESS(SpoolsAsAnotherUser) {
 }
 
 TEST(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     SetUmask(077);
     const HANDLE printer = NewPrinter();
     const DWORD job = Print(printer, "secret");

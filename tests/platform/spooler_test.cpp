@@ -146,7 +146,7 @@ CHILD_PROCESS(PrintsAsAnotherUser) {
 }
 
 TEST(Spooler, AnotherUserReadsButDoesNotChange) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     ASSERT_EQ(Add("Shared"), DWORD{ERROR_SUCCESS});
     TestProcess other("PrintsAsAnotherUser");
     EXPECT_EQ(other.Hear(), "Shared 0 5 5 5 5");

@@ -181,7 +181,7 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
     for (const Case& planted : cases) {
         SCOPED_TRACE(planted.name);
         const Fault fault = planted.fault;
-        if (fault == RecordOfAnotherUser && !IsRoot()) continue;
+        if (fault == RecordOfAnotherUser && !RunsAsRoot()) continue;
         std::string bytes = ForgedRecord();
         bytes.replace(planted.at, planted.count, planted.count, planted.value).resize(planted.size);
         ReplaceFile(fault == RecordIsLink ? elsewhere : record, bytes);
@@ -213,7 +213,7 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
 }
 
 TEST(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
-    if (!IsRoot()) GTEST_SKIP() << "only root can become another user";
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     const HWND window = MakeWindow("TVORTestClass");
     TestProcess other("AnotherUser", {ToText(window)});
     MSG message;

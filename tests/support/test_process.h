@@ -92,6 +92,9 @@ struct ProgramResult {
 ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments = {},
                          const Environment& environment = {});
 
+// Whether it may start processes, and have threads, of other users.
+bool RunsAsRoot();
+
 // Waits until the condition holds, at most for the time given. True when it held.
 template <typename Condition>
 bool WaitUntil(Condition condition, int timeoutMs = 10000);

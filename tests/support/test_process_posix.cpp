@@ -289,6 +289,10 @@ ProgramResult RunProgram(const std::string& path, const std::vector<std::string>
     return result;
 }
 
+bool RunsAsRoot() {
+    return geteuid() == 0;
+}
+
 double NowMs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);

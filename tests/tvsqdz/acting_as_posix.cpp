@@ -10,10 +10,6 @@ bool ActAs(unsigned user, unsigned group, const std::vector<unsigned>& groups) {
            syscall(SYS_setresuid, -1, user, -1) == 0;
 }
 
-bool RunsAsRoot() {
-    return geteuid() == 0;
-}
-
 unsigned EffectiveUser() {
     return geteuid();
 }
