@@ -50,8 +50,7 @@ bool HasPassed(DWORD due) {
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
     const std::string name = SharedName(("TVORSQD:StopPrinterSides:" + std::to_string(GetCurrentProcessId())).c_str());
-    dblink::EveryoneAccess everyone;
-    m_stop = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, name.c_str()));
+    m_stop = KernelHandle(dblink::CreateEventForEveryone(name.c_str()));
     if (!m_stop) throw SystemFailure(GetLastError(), "cannot create the event that ends the printer sides");
     ResetEvent(m_stop.Get()); // of another process that had this number
 }

@@ -165,18 +165,15 @@ void StopIfPossible(const ServiceHandle& service) {
 
 void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
     const std::string printer = ToUtf8(news.printer);
-    Json fields = {{"printer", printer}};
-    std::string text = "the printer side of \"" + Printable(printer) + "\" ";
+    const std::string side = "the printer side of \"" + Printable(printer) + "\" ";
     if (news.started) {
-        text += "runs";
-    } else {
-        fields.update({{"code", news.code}, {"pauseMs", news.pauseMs}});
-        text += news.pauseMs != 0 ? "ended" : "ended, as it was asked to";
-        if (news.pauseMs != 0)
-            PrintError(
-                {Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+        teller.Tell("printer-side-started", side + "runs", {{"printer", printer}});
+        return;
     }
-    teller.Tell(news.started ? "printer-side-started" : "printer-side-ended", text, fields);
+    const std::string text = side + (news.pauseMs != 0 ? "ended" : "ended, as it was asked to");
+    if (news.pauseMs != 0)
+        PrintError({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+    teller.Tell("printer-side-ended", text, {{"printer", printer}, {"code", news.code}, {"pauseMs", news.pauseMs}});
 }
 
 void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
@@ -218,8 +215,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& start
 // Says that the product is initialised for as long as it lives.
 struct InitialisedSignal {
     InitialisedSignal() {
-        dblink::EveryoneAccess everyone;
-        m_event = KernelHandle(CreateEventA(&everyone.attributes, TRUE, FALSE, SharedName(kInitialisedEvent).c_str()));
+        m_event = KernelHandle(dblink::CreateEventForEveryone(SharedName(kInitialisedEvent).c_str()));
         if (!m_event || !SetEvent(m_event.Get()))
             throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
     }

@@ -49,10 +49,7 @@ DWORD WINAPI WaitForEnding(LPVOID) {
 bool FollowEndings(DWORD owner) {
     using namespace dblink;
     const bool terminalServer = MachineIsTerminalServer();
-    EveryoneAccess everyone;
-    if (!everyone) return false;
-    g_endings[g_endingCount++] =
-        CreateEventA(&everyone.attributes, TRUE, FALSE, ObjectName(terminalServer, kTerminationName).text);
+    g_endings[g_endingCount++] = CreateEventForEveryone(ObjectName(terminalServer, kTerminationName).text);
     if (owner != 0) {
         const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(owner);
         g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);

@@ -6,12 +6,6 @@ namespace {
 
 bool g_terminalServer = false;
 
-HANDLE CreateEventForEveryone(const char* name) {
-    if (!name[0]) return nullptr;
-    EveryoneAccess everyone;
-    return everyone ? CreateEventA(&everyone.attributes, TRUE, FALSE, name) : nullptr;
-}
-
 } // namespace
 
 void InitialiseObjectNames() {

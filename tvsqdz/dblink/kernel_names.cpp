@@ -76,6 +76,12 @@ EveryoneAccess::EveryoneAccess()
       m_valid(InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
               SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE)) {}
 
+HANDLE CreateEventForEveryone(const char* name) {
+    if (name[0] == '\0') return nullptr;
+    EveryoneAccess everyone;
+    return everyone ? CreateEventA(&everyone.attributes, TRUE, FALSE, name) : nullptr;
+}
+
 bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
     if (majorVersion > 5 || (majorVersion == 5 && minorVersion != 0)) return true;
     OpenKey options;

@@ -1,10 +1,11 @@
 // Names of the kernel objects that the library, the status database service and the product's other processes share.
 //
-//   "<database>:Initialized"               manual-reset event, plain name    set when the database is ready, or given
-//   up "TVOR:<database>:<variable>:Updated"   manual-reset event, ObjectName    pulsed at every write
-//   "TVOR:<database>:<variable>:Changed"   manual-reset event, ObjectName    pulsed when the value changed
-//   "TVORSQD:TerminateManager"             manual-reset event, ObjectName    set when all managers of the machine are
-//   asked to shut down, and for as long as somebody has it open then
+// Manual-reset events, all but the first with a name from ObjectName:
+//   "<database>:Initialized"              set when the database is ready, or given up
+//   "TVOR:<database>:<variable>:Updated"  pulsed at every write
+//   "TVOR:<database>:<variable>:Changed"  pulsed when the value changed
+//   "TVORSQD:TerminateManager"            set when all managers of the machine are asked to shut down; it stays so for
+//                                         as long as somebody has it open
 //
 // ObjectName: with Terminal Services the name is "Global\" and the base name, so that all logons of the machine share
 // the object; without, it is the base name.
@@ -44,6 +45,9 @@ private:
     SECURITY_DESCRIPTOR m_descriptor;
     bool m_valid;
 };
+
+// A manual-reset event that everyone may use, not set unless it existed. Null when it cannot be had, or without a name.
+HANDLE CreateEventForEveryone(const char* name);
 
 // Whether a Windows of that version runs the product suite "Terminal Server": always from 5.1 on; before it, when the
 // multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
