@@ -13,3 +13,10 @@ std::string SourcePath(const std::string& name);
 
 // Unix path to the form that the layer takes: backslashes.
 std::string WindowsPath(const std::string& path);
+
+// For main(), a file for each system: the path of the test program, what it sets up for itself, and the directory of a
+// new private machine, which children find in this variable.
+inline constexpr const char* kPrivateDirectoryVariable = "ORIEL_TEST_DIRECTORY";
+std::string OwnProgram();
+void PrepareTestProgram();
+std::string MakePrivateMachine();

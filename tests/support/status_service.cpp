@@ -1,7 +1,5 @@
 #include "status_service.h"
 
-#include "private_machine.h"
-
 #include <gtest/gtest.h>
 
 DWORD ServiceState() {
@@ -15,7 +13,7 @@ DWORD ServiceState() {
     return status.dwCurrentState;
 }
 
-Service::Service() : process(TestProcess::Program(ProgramPath("TVSDBN.EXE"))) {
+Service::Service() : process(StartTheService()) {
     EXPECT_TRUE(WaitUntil([] { return ServiceState() == SERVICE_RUNNING; }, 20000)) << process.Errors();
 }
 

@@ -11,6 +11,9 @@
 // What the service manager says of the service: SERVICE_STOPPED when it is not there.
 DWORD ServiceState();
 
+// Starts its process; a file for each system, since Windows lets a service be started by its service manager alone.
+TestProcess StartTheService();
+
 // A started service, serving when the constructor returns. Killed with the test, unless it is stopped before.
 struct Service {
     Service();

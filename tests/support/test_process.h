@@ -46,11 +46,13 @@ public:
     // Any program, by its path; its standard error is kept apart unless it is merged.
     static TestProcess Program(const std::string& path, const std::vector<std::string>& arguments = {},
                                const Environment& environment = {});
+    // One that another process started; its streams are not at hand. Windows only.
+    static TestProcess Adopted(unsigned id);
     TestProcess(TestProcess&& other) noexcept;
     TestProcess& operator=(TestProcess&& other) noexcept;
     ~TestProcess(); // kills what still runs, and waits for it
 
-    unsigned Id() const { return static_cast<unsigned>(m_pid); }
+    unsigned Id() const;
     bool Running();
     // One line of its standard output, without the newline. Fails the test after the deadline.
     std::string Hear(int timeoutMs = 20000);
@@ -73,7 +75,7 @@ private:
     void Start(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment);
     void Ended(int status); // as wait(2) tells it
 
-    int m_pid = -1;
+    int m_pid = -1; // on Windows this and the next three are handles, of which 32 bits count
     int m_in = -1;
     int m_out = -1;
     int m_err = -1;

@@ -1,4 +1,4 @@
-// TestProcess and the private machine over POSIX, and main() of every test program.
+// TestProcess and the private machine over POSIX.
 #include "private_machine.h"
 #include "test_process.h"
 
@@ -22,33 +22,6 @@ extern char** environ;
 
 namespace {
 
-std::map<std::string, ChildProcedure>& ChildProcedures() {
-    static std::map<std::string, ChildProcedure> procedures;
-    return procedures;
-}
-
-std::string g_privateDirectory;
-std::string g_self;
-constexpr const char* kDirectoryVariable = "ORIEL_TEST_DIRECTORY";
-
-void MakePrivateMachine() {
-    // Shared memory, so that a test costs no disk; the objects of the layer want a tmpfs too.
-    char pattern[] = "/dev/shm/oriel-test-XXXXXX";
-    const char* directory = mkdtemp(pattern);
-    if (directory == nullptr) {
-        std::perror("mkdtemp");
-        std::exit(2);
-    }
-    g_privateDirectory = directory;
-    std::filesystem::create_directory(g_privateDirectory + "/state");
-    std::filesystem::create_directory(g_privateDirectory + "/run");
-    std::filesystem::permissions(g_privateDirectory, std::filesystem::perms(0755));
-    setenv(kDirectoryVariable, directory, 1);
-    setenv("ORIEL_STATE_DIR", (g_privateDirectory + "/state").c_str(), 1);
-    setenv("ORIEL_RUNTIME_DIR", (g_privateDirectory + "/run").c_str(), 1);
-    setenv("CUPS_SERVER", (g_privateDirectory + "/no-print-server").c_str(), 1);
-}
-
 void MoveDescriptor(int& to, int& from) {
     to = std::exchange(from, -1);
 }
@@ -59,37 +32,6 @@ void CloseDescriptor(int& descriptor) {
 }
 
 } // namespace
-
-void Child::Say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
-std::string Child::Hear() {
-    std::string line;
-    int c = 0;
-    while ((c = std::getchar()) != EOF && c != '\n')
-        line += static_cast<char>(c);
-    return line;
-}
-
-RegisterChild::RegisterChild(const char* name, ChildProcedure procedure) {
-    ChildProcedures()[name] = procedure;
-}
-
-TestProcess::TestProcess(const std::string& child, const std::vector<std::string>& arguments,
-                         const Environment& environment) {
-    std::vector<std::string> all{"--child=" + child};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    Start(g_self, all, environment);
-}
-
-TestProcess TestProcess::Program(const std::string& path, const std::vector<std::string>& arguments,
-                                 const Environment& environment) {
-    TestProcess process;
-    process.Start(path, arguments, environment);
-    return process;
-}
 
 TestProcess::TestProcess(TestProcess&& other) noexcept {
     *this = std::move(other);
@@ -165,6 +107,10 @@ TestProcess::~TestProcess() {
     CloseDescriptor(m_in);
     CloseDescriptor(m_out);
     CloseDescriptor(m_err);
+}
+
+unsigned TestProcess::Id() const {
+    return static_cast<unsigned>(m_pid);
 }
 
 bool TestProcess::Running() {
@@ -278,17 +224,6 @@ int TestProcess::Wait(int timeoutMs) {
     return m_exitCode;
 }
 
-ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments,
-                         const Environment& environment) {
-    TestProcess process = TestProcess::Program(path, arguments, environment);
-    process.CloseInput();
-    ProgramResult result;
-    result.output = process.HearAll();
-    result.exitCode = process.Wait();
-    result.errors = process.Errors();
-    return result;
-}
-
 bool RunsAsRoot() {
     return geteuid() == 0;
 }
@@ -304,8 +239,30 @@ void PauseMs(int milliseconds) {
     nanosleep(&pause, nullptr);
 }
 
-const std::string& PrivateDirectory() {
-    return g_privateDirectory;
+std::string OwnProgram() {
+    return std::filesystem::read_symlink("/proc/self/exe");
+}
+
+void PrepareTestProgram() {
+    signal(SIGPIPE, SIG_IGN);
+}
+
+std::string MakePrivateMachine() {
+    // Shared memory, so that a test costs no disk; the objects of the layer want a tmpfs too.
+    char pattern[] = "/dev/shm/oriel-test-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        std::perror("mkdtemp");
+        std::exit(2);
+    }
+    const std::string directory = pattern;
+    std::filesystem::create_directory(directory + "/state");
+    std::filesystem::create_directory(directory + "/run");
+    std::filesystem::permissions(directory, std::filesystem::perms(0755));
+    setenv(kPrivateDirectoryVariable, directory.c_str(), 1);
+    setenv("ORIEL_STATE_DIR", (directory + "/state").c_str(), 1);
+    setenv("ORIEL_RUNTIME_DIR", (directory + "/run").c_str(), 1);
+    setenv("CUPS_SERVER", (directory + "/no-print-server").c_str(), 1);
+    return directory;
 }
 
 std::string ProgramPath(const std::string& name) {
@@ -314,37 +271,4 @@ std::string ProgramPath(const std::string& name) {
 
 std::string LibraryPath(const std::string& name) {
     return std::string(ORIEL_LIB_DIR "/") + name;
-}
-
-std::string SourcePath(const std::string& name) {
-    return std::string(ORIEL_SOURCE_DIR "/") + name;
-}
-
-std::string WindowsPath(const std::string& path) {
-    std::string result = path;
-    for (char& c : result)
-        if (c == '/') c = '\\';
-    return result;
-}
-
-int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);
-    g_self = std::filesystem::read_symlink("/proc/self/exe");
-    if (argc > 1 && std::strncmp(argv[1], "--child=", 8) == 0) {
-        g_privateDirectory = std::getenv(kDirectoryVariable) != nullptr ? std::getenv(kDirectoryVariable) : "";
-        const auto procedure = ChildProcedures().find(argv[1] + 8);
-        if (procedure == ChildProcedures().end()) {
-            std::fprintf(stderr, "no child procedure %s\n", argv[1] + 8);
-            return 2;
-        }
-        Child child;
-        child.arguments.assign(argv + 2, argv + argc);
-        return procedure->second(child);
-    }
-    testing::InitGoogleTest(&argc, argv);
-    MakePrivateMachine();
-    const int result = RUN_ALL_TESTS();
-    std::error_code ignored;
-    std::filesystem::remove_all(g_privateDirectory, ignored);
-    return result;
 }

@@ -1,0 +1,6 @@
+#include "private_machine.h"
+#include "status_service.h"
+
+TestProcess StartTheService() {
+    return TestProcess::Program(ProgramPath("TVSDBN.EXE"));
+}

@@ -1,0 +1,101 @@
+// What of test_process.h and private_machine.h is the same everywhere, and main() of every test program.
+#include "test_process.h"
+#include "private_machine.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+namespace {
+
+std::map<std::string, ChildProcedure>& ChildProcedures() {
+    static std::map<std::string, ChildProcedure> procedures;
+    return procedures;
+}
+
+std::string g_privateDirectory;
+
+} // namespace
+
+void Child::Say(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+std::string Child::Hear() {
+    std::string line;
+    int c = 0;
+    while ((c = std::getchar()) != EOF && c != '\n')
+        line += static_cast<char>(c);
+    return line;
+}
+
+RegisterChild::RegisterChild(const char* name, ChildProcedure procedure) {
+    ChildProcedures()[name] = procedure;
+}
+
+TestProcess::TestProcess(const std::string& child, const std::vector<std::string>& arguments,
+                         const Environment& environment) {
+    std::vector<std::string> all{"--child=" + child};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Start(OwnProgram(), all, environment);
+}
+
+TestProcess TestProcess::Program(const std::string& path, const std::vector<std::string>& arguments,
+                                 const Environment& environment) {
+    TestProcess process;
+    process.Start(path, arguments, environment);
+    return process;
+}
+
+ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments,
+                         const Environment& environment) {
+    TestProcess process = TestProcess::Program(path, arguments, environment);
+    process.CloseInput();
+    ProgramResult result;
+    result.output = process.HearAll();
+    result.exitCode = process.Wait();
+    result.errors = process.Errors();
+    return result;
+}
+
+const std::string& PrivateDirectory() {
+    return g_privateDirectory;
+}
+
+std::string SourcePath(const std::string& name) {
+    return std::string(ORIEL_SOURCE_DIR "/") + name;
+}
+
+std::string WindowsPath(const std::string& path) {
+    std::string result = path;
+    for (char& c : result)
+        if (c == '/') c = '\\';
+    return result;
+}
+
+int main(int argc, char** argv) {
+    PrepareTestProgram();
+    if (argc > 1 && std::strncmp(argv[1], "--child=", 8) == 0) {
+        const char* directory = std::getenv(kPrivateDirectoryVariable);
+        g_privateDirectory = directory != nullptr ? directory : "";
+        const auto procedure = ChildProcedures().find(argv[1] + 8);
+        if (procedure == ChildProcedures().end()) {
+            std::fprintf(stderr, "no child procedure %s\n", argv[1] + 8);
+            return 2;
+        }
+        Child child;
+        child.arguments.assign(argv + 2, argv + argc);
+        return procedure->second(child);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    if (testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
+    g_privateDirectory = MakePrivateMachine();
+    const int result = RUN_ALL_TESTS();
+    std::error_code ignored;
+    std::filesystem::remove_all(g_privateDirectory, ignored);
+    return result;
+}
