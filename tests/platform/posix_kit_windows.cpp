@@ -83,13 +83,3 @@ unsigned OpenDescriptors() {
 unsigned Zombies() {
     NotHere("processes that have to be waited for");
 }
-
-NotifySocket::NotifySocket(const std::string&) : m_socket(-1) {
-    NotHere("a supervisor's socket");
-}
-
-NotifySocket::~NotifySocket() = default;
-
-std::vector<std::string> NotifySocket::Messages() {
-    return {};
-}

@@ -3,6 +3,7 @@
 #include "registry_kit.h"
 #include "win32_kit.h"
 
+#include <array>
 #include <cstring>
 #include <fstream>
 
@@ -142,7 +143,7 @@ TEST(SystemTexts, FitOrTellTheirSize) {
     const string path(text, length);
     EXPECT_EQ(path.front(), '\\');
     EXPECT_NE(path.substr(path.rfind('\\') + 1).find("_tests"), string::npos) << path;
-    for (const DWORD room : {1U, 5U, length, length + 1}) {
+    for (const DWORD room : std::array{DWORD{1}, DWORD{5}, length, length + 1}) {
         std::memset(text, '#', sizeof text);
         SetLastError(kSentinel);
         EXPECT_EQ(GetModuleFileNameA(nullptr, text, room), room > length ? length : room);
@@ -150,7 +151,7 @@ TEST(SystemTexts, FitOrTellTheirSize) {
         EXPECT_EQ(text[room], '#');
         EXPECT_EQ(GetLastError() == ERROR_INSUFFICIENT_BUFFER, room <= length);
     }
-    EXPECT_EQ(GetModuleFileNameA(ULongToHandle(0x1000), text, sizeof text), 0U);
+    EXPECT_EQ(GetModuleFileNameA(static_cast<HMODULE>(ULongToHandle(0x1000)), text, sizeof text), 0U);
 }
 
 TEST(Profile, OfTheWindowsSectionIsKept) {

@@ -1,6 +1,7 @@
 // Code pages, conversion and the order of text.
 #include "private_machine.h"
 #include "registry_kit.h"
+#include "wide_literal.h"
 #include "win32_kit.h"
 
 #include <algorithm>
@@ -12,16 +13,15 @@
 namespace {
 
 using std::string;
-using std::u16string;
 
-u16string Decode(UINT codePage, const string& text, DWORD flags = 0) {
+WideString Decode(UINT codePage, const string& text, DWORD flags = 0) {
     WCHAR buffer[256];
     const int count =
         MultiByteToWideChar(codePage, flags, text.data(), static_cast<int>(text.size()), buffer, std::size(buffer));
     return {buffer, static_cast<size_t>(count)};
 }
 
-string Encode(UINT codePage, const u16string& text, const char* defaultChar = nullptr, LPBOOL used = nullptr) {
+string Encode(UINT codePage, const WideString& text, const char* defaultChar = nullptr, LPBOOL used = nullptr) {
     char buffer[256];
     const int count = WideCharToMultiByte(codePage, 0, text.data(), static_cast<int>(text.size()), buffer,
                                           std::size(buffer), defaultChar, used);
@@ -32,15 +32,17 @@ string Encode(UINT codePage, const u16string& text, const char* defaultChar = nu
 struct Pair {
     UINT codePage;
     string text;
-    u16string wide;
+    WideString wide;
 };
 const Pair kPairs[] = {
-    {1252, "PrinterStatus", u"PrinterStatus"},
-    {1252, "\x80 42,50 \xE4\xF6\xFC\xDF \x99\x81\xFF", u"\u20AC 42,50 \u00E4\u00F6\u00FC\u00DF \u2122\u0081\u00FF"},
-    {437, "\xC9\xCD\xBB \x81", u"\u2554\u2550\u2557 \u00FC"},
-    {932, "\x93\xFA\x96{\x8C\xEA \xB6\xC5 \x95\\\\", u"\u65E5\u672C\u8A9E \uFF76\uFF85 \u8868\\"},
-    {932, "\x81\xE0\x87T\x81\xCA\xFA\\", u"\u2252\u2160\uFFE2\u7E8A"}, // the usual ones of characters with two codes
-    {CP_UTF8, "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8", u"a\u00E9\u20AC\U0001F5A8"},
+    {1252, "PrinterStatus", WIDE("PrinterStatus")},
+    {1252, "\x80 42,50 \xE4\xF6\xFC\xDF \x99\x81\xFF",
+     WIDE("\u20AC 42,50 \u00E4\u00F6\u00FC\u00DF \u2122\u0081\u00FF")},
+    {437, "\xC9\xCD\xBB \x81", WIDE("\u2554\u2550\u2557 \u00FC")},
+    {932, "\x93\xFA\x96{\x8C\xEA \xB6\xC5 \x95\\\\", WIDE("\u65E5\u672C\u8A9E \uFF76\uFF85 \u8868\\")},
+    {932, "\x81\xE0\x87T\x81\xCA\xFA\\",
+     WIDE("\u2252\u2160\uFFE2\u7E8A")}, // the usual ones of characters with two codes
+    {CP_UTF8, "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8", WIDE("a\u00E9\u20AC\U0001F5A8")},
 };
 
 } // namespace
@@ -72,19 +74,19 @@ TEST(Conversion, BothWaysIntoEveryRoom) {
 
 TEST(Conversion, EveryCutOfDoubleByteText) {
     const string text = "a\x93\xFA\x96{\x8C\xEA\xB6\x95\\z";
-    const u16string wide = u"a\u65E5\u672C\u8A9E\uFF76\u8868z";
+    const WideString wide = WIDE("a\u65E5\u672C\u8A9E\uFF76\u8868z");
     const size_t starts[] = {0, 1, 3, 5, 7, 8, 10};
     for (size_t cut = 1; cut <= text.size(); ++cut) {
         const auto whole = static_cast<size_t>(
             std::count_if(std::begin(starts), std::end(starts), [cut](size_t start) { return start < cut; }));
         const bool inHalf =
             cut != text.size() && std::find(std::begin(starts), std::end(starts), cut) == std::end(starts);
-        u16string expected = wide.substr(0, whole);
+        WideString expected = wide.substr(0, whole);
         if (inHalf) expected.back() = u'\u30FB';
         EXPECT_EQ(Decode(932, text.substr(0, cut)), expected) << cut;
-        EXPECT_EQ(Decode(932, text.substr(0, cut), MB_ERR_INVALID_CHARS), inHalf ? u16string() : expected) << cut;
+        EXPECT_EQ(Decode(932, text.substr(0, cut), MB_ERR_INVALID_CHARS), inHalf ? WideString() : expected) << cut;
         // The same with a NUL in place of the trail byte: it stays the end of the text.
-        EXPECT_EQ(Decode(932, text.substr(0, cut) + '\0'), expected + u'\0') << cut;
+        EXPECT_EQ(Decode(932, text.substr(0, cut) + '\0'), expected + WCHAR{}) << cut;
     }
     for (int byte = 0; byte < 256; ++byte)
         EXPECT_EQ(IsDBCSLeadByteEx(932, static_cast<BYTE>(byte)) != FALSE,
@@ -94,28 +96,28 @@ TEST(Conversion, EveryCutOfDoubleByteText) {
 
 TEST(Conversion, WhatIsNotThereIsReplacedOrReported) {
     BOOL used = FALSE;
-    EXPECT_EQ(Encode(1252, u"a\u65E5b", nullptr, &used), "a?b");
+    EXPECT_EQ(Encode(1252, WIDE("a\u65E5b"), nullptr, &used), "a?b");
     EXPECT_TRUE(used);
-    EXPECT_EQ(Encode(1252, u"a\u65E5b", "_"), "a_b");
-    EXPECT_EQ(Encode(1252, u"\u0100", nullptr), "?") << "a similar character is another one";
-    EXPECT_EQ(Encode(932, u"a\u00E4b", "\x81\x96"), "a\x81\x96\x62");
-    EXPECT_EQ(Encode(1252, u"ab", nullptr, &used), "ab");
+    EXPECT_EQ(Encode(1252, WIDE("a\u65E5b"), "_"), "a_b");
+    EXPECT_EQ(Encode(1252, WIDE("\u0100"), nullptr), "?") << "a similar character is another one";
+    EXPECT_EQ(Encode(932, WIDE("a\u00E4b"), "\x81\x96"), "a\x81\x96\x62");
+    EXPECT_EQ(Encode(1252, WIDE("ab"), nullptr, &used), "ab");
     EXPECT_FALSE(used);
-    EXPECT_EQ(WideCharToMultiByte(1252, WC_DEFAULTCHAR, u"\u65E5", 1, nullptr, 0, nullptr, &used), 1);
+    EXPECT_EQ(WideCharToMultiByte(1252, WC_DEFAULTCHAR, WIDE("\u65E5"), 1, nullptr, 0, nullptr, &used), 1);
     EXPECT_TRUE(used);
-    EXPECT_EQ(Encode(CP_UTF8, u16string(u"a") + char16_t(0xD800) + u"b"), "a\xEF\xBF\xBD\x62");
+    EXPECT_EQ(Encode(CP_UTF8, WideString(WIDE("a")) + WCHAR(0xD800) + WIDE("b")), "a\xEF\xBF\xBD\x62");
 
     // What the calls' contract forbids beside UTF-8, and a room of the text's own.
     WCHAR room[8];
     const auto* shared = reinterpret_cast<const char*>(room) + 4;
-    EXPECT_FAILS(Encode(CP_UTF8, u"a", "?").size(), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(Encode(CP_UTF8, u"a", nullptr, &used).size(), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(Encode(CP_UTF8, WIDE("a"), "?").size(), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(Encode(CP_UTF8, WIDE("a"), nullptr, &used).size(), ERROR_INVALID_PARAMETER);
     EXPECT_FAILS(MultiByteToWideChar(1252, 0, shared, 4, room, 8), ERROR_INVALID_PARAMETER);
     EXPECT_FAILS(Decode(1252, "a", 0x2).size(), ERROR_INVALID_FLAGS);
     EXPECT_FAILS(Decode(12345, "a").size(), ERROR_INVALID_PARAMETER);
-    for (const auto& [bytes, wide] : {std::pair{"\xC0\x80", u"\uFFFD\uFFFD"},
-                                      {"\xE2\x82x", u"\uFFFDx"},
-                                      {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"}}) {
+    for (const auto& [bytes, wide] : {std::pair{"\xC0\x80", WIDE("\uFFFD\uFFFD")},
+                                      {"\xE2\x82x", WIDE("\uFFFDx")},
+                                      {"\xF4\x90\x80\x80", WIDE("\uFFFD\uFFFD\uFFFD\uFFFD")}}) {
         EXPECT_EQ(Decode(CP_UTF8, bytes), wide);
         EXPECT_FAILS(Decode(CP_UTF8, bytes, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
     }

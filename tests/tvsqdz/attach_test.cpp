@@ -5,6 +5,7 @@
 #include "frame/timings.h"
 #include "machine.h"
 #include "private_machine.h"
+#include "wide_literal.h"
 
 #include <filesystem>
 
@@ -21,12 +22,12 @@ void ExpectInert() {
     int32_t result = 0;
     SYSTEMTIME time;
     EXPECT_EQ(OpenManagerExA("Front desk", nullptr, 13, &manager), TVS_E_UNAVAILABLE);
-    EXPECT_EQ(OpenManagerW(u"Front desk", nullptr, &manager), TVS_E_UNAVAILABLE);
+    EXPECT_EQ(OpenManagerW(WIDE("Front desk"), nullptr, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(CloseManager(1), TVS_E_HANDLE);
     EXPECT_EQ(GetPrinterStatusA(1, "JobStatus", &size, 4, &size), TVS_E_HANDLE);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(GetPrinterStatusInfoA(1, "JobStatus", &time), TVS_E_HANDLE);
-    EXPECT_EQ(GetPrinterStatusInfoW(1, u"JobStatus", &time), TVS_E_HANDLE);
+    EXPECT_EQ(GetPrinterStatusInfoW(1, WIDE("JobStatus"), &time), TVS_E_HANDLE);
     EXPECT_EQ(UpdatePrinterStatusA(1, "JobStatus", &size, 4), TVS_E_HANDLE);
     EXPECT_EQ(ResSetPrinterStatus(1, 1, &result), TVS_E_HANDLE);
 }

@@ -2,6 +2,7 @@
 #include "dblink/client.h"
 #include "machine.h"
 #include "memory_kit.h"
+#include "wide_literal.h"
 
 #include <cstring>
 #include <set>
@@ -104,14 +105,14 @@ TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
         {"OpenManagerExA printer of kind 1", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
          [&](const void* a) { return OpenManagerExA(narrow(a), "u", 1, &opened); }},
         {"OpenManagerW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerW(wide(a), u"u", &opened); }},
+         [&](const void* a) { return OpenManagerW(wide(a), WIDE("u"), &opened); }},
         {"OpenManagerExW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerExW(wide(a), u"u", 2, &opened); }},
+         [&](const void* a) { return OpenManagerExW(wide(a), WIDE("u"), 2, &opened); }},
         // A user name that cannot be read counts as absent.
         {"OpenManagerExA user", 64, TVS_E_UNAVAILABLE, TVS_OK,
          [&](const void* a) { return closed(OpenManagerExA(kPrinter.c_str(), narrow(a), 2, &opened)); }},
         {"OpenManagerExW user", 128, TVS_E_UNAVAILABLE, TVS_OK,
-         [&](const void* a) { return closed(OpenManagerExW(u"Front desk", wide(a), 2, &opened)); }},
+         [&](const void* a) { return closed(OpenManagerExW(WIDE("Front desk"), wide(a), 2, &opened)); }},
     };
     BadMemory memory;
     for (const TextArgument& argument : arguments)
@@ -122,7 +123,7 @@ TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
     // A text that ends where the page does is a text.
     const auto atEnd = [&](const void* text, size_t bytes) { return std::memcpy(memory.AtEnd(bytes), text, bytes); };
     EXPECT_EQ(GetPrinterStatusA(manager, static_cast<char*>(atEnd("ModelNumber", 12)), &value, 4, &size), TVS_OK);
-    EXPECT_EQ(GetPrinterStatusInfoW(manager, static_cast<WCHAR*>(atEnd(u"JobStatus", 20)), &time), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, static_cast<WCHAR*>(atEnd(WIDE("JobStatus"), 20)), &time), TVS_OK);
     EXPECT_EQ(closed(OpenManagerExA(static_cast<char*>(atEnd("Front desk", 11)), nullptr, 2, &opened)), TVS_OK);
     // One that begins on another page than it ends.
     const std::string longName(255, 'n');
@@ -166,13 +167,13 @@ TEST(BadPointers, OutputsAreWrittenOrNothingIsLost) {
         {"GetPrinterStatusInfoA time", 16, TVS_E_FAULT,
          [&](void* a) { return GetPrinterStatusInfoA(manager, "JobStatus", static_cast<SYSTEMTIME*>(a)); }},
         {"GetPrinterStatusInfoW time", 16, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusInfoW(manager, u"JobStatus", static_cast<SYSTEMTIME*>(a)); }},
+         [&](void* a) { return GetPrinterStatusInfoW(manager, WIDE("JobStatus"), static_cast<SYSTEMTIME*>(a)); }},
         {"ResSetPrinterStatus result", 4, TVS_E_FAULT,
          [&](void* a) { return ResSetPrinterStatus(manager, 5, static_cast<int32_t*>(a)); }},
         {"OpenManagerExA handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
          [&](void* a) { return OpenManagerExA(printer, "u", 2, static_cast<TvsManager*>(a)); }},
         {"OpenManagerExW handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
-         [&](void* a) { return OpenManagerExW(u"Front desk", u"u", 2, static_cast<TvsManager*>(a)); }},
+         [&](void* a) { return OpenManagerExW(WIDE("Front desk"), WIDE("u"), 2, static_cast<TvsManager*>(a)); }},
     };
     BadMemory memory;
     for (const OutputArgument& argument : arguments)

@@ -5,6 +5,7 @@
 #include "frame/timings.h"
 #include "machine.h"
 #include "private_machine.h"
+#include "wide_literal.h"
 
 #include <cstring>
 #include <filesystem>
@@ -69,18 +70,18 @@ std::string AgentStarts() {
 // In code page 932, where the second byte of U+30BD is that of a backslash.
 CHILD_PROCESS(OpensInCodePage932) {
     const Library library;
-    const std::u16string longest(127, u'\u30BD'); // 254 bytes: the registry takes no longer key
+    const WideString longest(127, u'\u30BD'); // 254 bytes: the registry takes no longer key
     std::string narrow;
     for (int i = 0; i < 127; ++i)
         narrow += "\x83\x5C";
     AddPrinter(narrow, kModel);
     TvsManager manager = 0;
-    EXPECT_EQ(OpenManagerExW(longest.c_str(), u"\u30BD", 2, &manager), TVS_OK);
+    EXPECT_EQ(OpenManagerExW(longest.c_str(), WIDE("\u30BD"), 2, &manager), TVS_OK);
     EXPECT_EQ(RecordOf(manager)->printerName, narrow);
     EXPECT_STREQ(RecordOf(manager)->userName, "\x83\x5C");
     EXPECT_EQ(RecordOf(manager)->variableCount, 58u);
-    EXPECT_EQ(OpenManagerExW((longest + u"\u30BD\u30BD\u30BD").c_str(), u"", 2, &manager), TVS_E_UNAVAILABLE);
-    EXPECT_EQ(OpenManagerExW(longest.c_str(), std::u16string(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
+    EXPECT_EQ(OpenManagerExW((longest + WIDE("\u30BD\u30BD\u30BD")).c_str(), WIDE(""), 2, &manager), TVS_E_UNAVAILABLE);
+    EXPECT_EQ(OpenManagerExW(longest.c_str(), WideString(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
     // Backslashes become commas, but not those that end a character; at the end the character is cut.
     EXPECT_STREQ(DriverDataKeyName("\\\\\x83\\\\\x83").name, ",,\x83\\,\x83");
     return testing::Test::HasFailure();
@@ -150,7 +151,7 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
     const Product product;
     SetEnvironmentVariableA("ORIEL_LOGON_NAME", "logged-on");
     const std::string user63(63, 'u');
-    const std::u16string wideUser63(63, u'u');
+    const WideString wideUser63(63, u'u');
     TvsManager manager = 0;
     struct Row {
         std::function<int32_t()> open;
@@ -161,9 +162,9 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
     const Row rows[] = {
         {[&] { return OpenManagerExA(printer, user63.c_str(), 3, &manager); }, 3, user63},
         {[&] { return OpenManagerExA(printer, nullptr, 3, &manager); }, 3, "logged-on"},
-        {[&] { return OpenManagerExW(u"Front desk", wideUser63.c_str(), 3, &manager); }, 3, user63},
-        {[&] { return OpenManagerExW(u"Front desk", nullptr, 3, &manager); }, 3, "logged-on"},
-        {[&] { return OpenManagerExW(u"Front desk", u"J\u00fcrgen", 12, &manager); }, 12, "J\xfcrgen"},
+        {[&] { return OpenManagerExW(WIDE("Front desk"), wideUser63.c_str(), 3, &manager); }, 3, user63},
+        {[&] { return OpenManagerExW(WIDE("Front desk"), nullptr, 3, &manager); }, 3, "logged-on"},
+        {[&] { return OpenManagerExW(WIDE("Front desk"), WIDE("J\u00fcrgen"), 12, &manager); }, 12, "J\xfcrgen"},
     };
     for (const Row& row : rows) {
         ASSERT_EQ(row.open(), TVS_OK);
@@ -184,7 +185,7 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
     SetEnvironmentVariableA("ORIEL_WINDOW_STATION", "Service-0x0");
     EXPECT_EQ(OpenManagerA(printer, nullptr, &manager), TVS_OK);
     TvsManager second = 0;
-    EXPECT_EQ(OpenManagerW(u"Front desk", u"", &second), TVS_OK);
+    EXPECT_EQ(OpenManagerW(WIDE("Front desk"), WIDE(""), &second), TVS_OK);
     EXPECT_NE(manager, second);
     EXPECT_STREQ(RecordOf(second)->userName, "logged-on");
     EXPECT_EQ(CloseManager(manager), TVS_OK);

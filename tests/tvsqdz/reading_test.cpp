@@ -2,6 +2,7 @@
 #include "access/reading.h"
 #include "dblink/client.h"
 #include "machine.h"
+#include "wide_literal.h"
 
 #include <cstring>
 
@@ -173,14 +174,14 @@ TEST(Reading, WriteTimesFollowTheWrites) {
         EXPECT_LE(written(), before) << name;
     }
     EXPECT_EQ(Update(manager, "JobStatus", Number(2)), TVS_OK);
-    EXPECT_EQ(GetPrinterStatusInfoW(manager, u"JobStatus", &time), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, WIDE("JobStatus"), &time), TVS_OK);
     const uint64_t then = written();
     EXPECT_GE(then, before);
     GetSystemTime(&time);
     EXPECT_LE(then, written());
     EXPECT_EQ(GetPrinterStatusInfoA(manager, "Nothing", &time), TVS_E_UNKNOWN);
     EXPECT_EQ(GetPrinterStatusInfoA(manager, "Q", &time), TVS_E_UNKNOWN); // the service has none
-    EXPECT_EQ(GetPrinterStatusInfoW(manager + 8, u"JobStatus", &time), TVS_E_HANDLE);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager + 8, WIDE("JobStatus"), &time), TVS_E_HANDLE);
 }
 
 // Variables that the library will serve by itself, and types that only printers define.

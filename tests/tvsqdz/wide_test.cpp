@@ -6,13 +6,14 @@
 #include "notification_kit.h"
 #include "notify/registration_record.h"
 #include "printer_side.h"
+#include "wide_literal.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace {
 
-using Wide = std::u16string;
+using Wide = WideString;
 
 // A character of the code page in both forms. The second byte of the one of 932 is a backslash; the one of UTF-8 is a
 // pair of surrogates.
@@ -21,8 +22,9 @@ struct Script {
     std::string ansi;
     Wide wide;
 };
-const Script kScripts[] = {
-    {"1252", "\xF6", u"\u00F6"}, {"932", "\x95\x5C", u"\u8868"}, {"65001", "\xF0\x9F\x98\x80", u"\U0001F600"}};
+const Script kScripts[] = {{"1252", "\xF6", WIDE("\u00F6")},
+                           {"932", "\x95\x5C", WIDE("\u8868")},
+                           {"65001", "\xF0\x9F\x98\x80", WIDE("\U0001F600")}};
 
 struct Sample {
     std::string ansi;
@@ -34,7 +36,7 @@ Sample Cut(const Script& script, size_t letters, size_t characters, size_t bytes
     Sample sample;
     for (size_t i = 0; i < letters + characters; ++i) {
         const std::string ansi = i < letters ? "a" : script.ansi;
-        const Wide wide = i < letters ? u"a" : script.wide;
+        const Wide wide = i < letters ? WIDE("a") : script.wide;
         if (sample.ansi.size() + ansi.size() > bytes || sample.wide.size() + wide.size() > units) break;
         sample.ansi += ansi;
         sample.wide += wide;
@@ -201,7 +203,7 @@ void CheckText(TvsManager manager, const Script& script) {
         // A text may take more bytes than it has characters; one that is not terminated loses its last character.
         GuardedBuffer value(memory, bytes);
         std::memcpy(value.data, wide.data(), std::min<size_t>(bytes, wide.size()));
-        EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", value.data, bytes),
+        EXPECT_EQ(UpdatePrinterStatusW(manager, WIDE("PrinterLocation"), value.data, bytes),
                   room > 0 ? TVS_OK : TVS_E_MEMORY);
         if (room > 0) {
             const Bytes kept = BytesOf(Cut(script, 1, 12, 99, room - 1).ansi);
@@ -209,22 +211,23 @@ void CheckText(TvsManager manager, const Script& script) {
             EXPECT_EQ(Bytes(narrow.bytes.begin(), narrow.bytes.begin() + narrow.returnedSize), kept);
         }
 
-        EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", wide.data(), static_cast<uint32_t>(wide.size())),
-                  TVS_OK);
+        EXPECT_EQ(
+            UpdatePrinterStatusW(manager, WIDE("PrinterLocation"), wide.data(), static_cast<uint32_t>(wide.size())),
+            TVS_OK);
         GuardedBuffer buffer(memory, bytes);
         uint32_t size = 77;
-        const int32_t status = GetPrinterStatusW(manager, u"PrinterLocation", buffer.data, bytes, &size);
+        const int32_t status = GetPrinterStatusW(manager, WIDE("PrinterLocation"), buffer.data, bytes, &size);
         EXPECT_EQ(status, bytes == 0 ? TVS_E_MEMORY : room > text.wide.size() ? TVS_OK : TVS_E_SIZE);
         EXPECT_EQ(size, bytes == 0 ? 520 : 2 * bytes);
         buffer.ExpectOnly(room > 0 ? WideBytes(Cut(script, 1, 12, 99, room - 1).wide) : Bytes{});
     }
     // More than the field takes is cut to it, and a text that fills it is read whole.
     const Bytes longText = WideBytes(Cut(script, 1, 300, SIZE_MAX, 259).wide);
-    EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterLocation", longText.data(), 520), TVS_OK);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, WIDE("PrinterLocation"), longText.data(), 520), TVS_OK);
     Bytes whole(600);
     uint32_t size = 0;
-    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterLocation", whole.data(), 600, &size), TVS_OK);
-    whole.resize(2 * (Wide(reinterpret_cast<const char16_t*>(whole.data())).size() + 1));
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("PrinterLocation"), whole.data(), 600, &size), TVS_OK);
+    whole.resize(2 * (Wide(reinterpret_cast<const WCHAR*>(whole.data())).size() + 1));
     EXPECT_EQ(whole, WideBytes(Cut(script, 1, 300, 259, 259).wide));
 }
 
@@ -245,12 +248,12 @@ CHILD_PROCESS(ReadsAndWrites) {
     }
     // Composites: the member that was just written, and numbers as they were at first.
     const Bytes printed = OrdinaryForms(printing, script).wide;
-    CheckReads(manager, u"PrintingJobInfo2", Joined({printed, Bytes(24)}), false);
-    CheckReads(manager, u"PortEx", Joined({Number(0), OrdinaryForms(port, script).wide}), false);
+    CheckReads(manager, WIDE("PrintingJobInfo2"), Joined({printed, Bytes(24)}), false);
+    CheckReads(manager, WIDE("PortEx"), Joined({Number(0), OrdinaryForms(port, script).wide}), false);
     for (uint32_t count : {3u, 0u}) {
         const Forms queue = QueueOf(script, count);
-        CheckWrites(manager, u"PrinterQueue", queue);
-        CheckReads(manager, u"PrinterQueue", queue.wide, true);
+        CheckWrites(manager, WIDE("PrinterQueue"), queue);
+        CheckReads(manager, WIDE("PrinterQueue"), queue.wide, true);
     }
     CheckText(manager, script);
     return testing::Test::HasFailure() ? 1 : 0;
@@ -315,17 +318,17 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
     const TvsManager manager = OpenPrinter();
     uint32_t value = 5;
     uint32_t size = 77;
-    EXPECT_EQ(UpdatePrinterStatusW(manager, u"JobStatus", &value, 4), TVS_OK);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, WIDE("JobStatus"), &value, 4), TVS_OK);
     value = 0;
-    EXPECT_EQ(GetPrinterStatusW(manager, u"JobStatus", &value, 4, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("JobStatus"), &value, 4, &size), TVS_OK);
     EXPECT_EQ(value, 5u);
-    EXPECT_EQ(GetPrinterStatusW(manager, u"JobStatus", nullptr, 9, &size), TVS_E_SIZE);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("JobStatus"), nullptr, 9, &size), TVS_E_SIZE);
     EXPECT_EQ(size, 4u);
-    EXPECT_EQ(GetPrinterStatusW(manager, u"AccessControlList", &value, 4, &size), TVS_E_UNKNOWN);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("AccessControlList"), &value, 4, &size), TVS_E_UNKNOWN);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(GetPrinterStatusW(0, u"JobStatus", &value, 4, &size), TVS_E_HANDLE);
-    EXPECT_EQ(UpdatePrinterStatusW(0, u"JobStatus", &value, 4), TVS_E_HANDLE);
-    for (const Wide& name : {Wide(u"Nothing"), Wide(u""), Wide(31, u'a'), Wide(32, u'a'), Wide(5000, u'a')}) {
+    EXPECT_EQ(GetPrinterStatusW(0, WIDE("JobStatus"), &value, 4, &size), TVS_E_HANDLE);
+    EXPECT_EQ(UpdatePrinterStatusW(0, WIDE("JobStatus"), &value, 4), TVS_E_HANDLE);
+    for (const Wide& name : {Wide(WIDE("Nothing")), Wide(WIDE("")), Wide(31, u'a'), Wide(32, u'a'), Wide(5000, u'a')}) {
         EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), &value, 4, &size), TVS_E_UNKNOWN);
         EXPECT_EQ(UpdatePrinterStatusW(manager, name.c_str(), &value, 4), TVS_E_UNKNOWN);
     }
@@ -352,13 +355,13 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
     }
     // A count that promises more than the value, and than the buffer, has.
     const Bytes lying = Joined({Number(0xFFFFFFFF), Bytes(1000)});
-    EXPECT_EQ(UpdatePrinterStatusW(manager, u"PrinterQueue", lying.data(), 1004), TVS_E_MEMORY);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, WIDE("PrinterQueue"), lying.data(), 1004), TVS_E_MEMORY);
     EXPECT_EQ(Update(manager, "PrinterQueue", Number(1)), TVS_OK);
     Bytes queue(584, 'x');
-    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterQueue", queue.data(), 584, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("PrinterQueue"), queue.data(), 584, &size), TVS_OK);
     EXPECT_EQ(queue, Joined({Number(1), Bytes(580)}));
     EXPECT_EQ(Update(manager, "PrinterQueue", Number(0xFFFFFFFF)), TVS_OK);
-    EXPECT_EQ(GetPrinterStatusW(manager, u"PrinterQueue", queue.data(), 584, &size), TVS_E_MEMORY);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("PrinterQueue"), queue.data(), 584, &size), TVS_E_MEMORY);
     EXPECT_EQ(size, 0xFFFFFFFFu);
 }
 
@@ -372,21 +375,21 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     });
     uint32_t value = 0;
     uint32_t size = 77;
-    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"DNumber", &value, 4, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, WIDE("DNumber"), &value, 4, &size), TVS_OK);
     EXPECT_EQ(value, 11u);
-    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"DNumber", &value, 8), TVS_E_SIZE);
-    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"DNumber", &value, 4), TVS_OK);
-    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"JobStatus", &value, 4), TVS_E_UNKNOWN);
-    EXPECT_EQ(SetPrinterStatusDirectW(manager, u"RefreshStatus", u"B\u00FCro", 10), TVS_OK);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("DNumber"), &value, 8), TVS_E_SIZE);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("DNumber"), &value, 4), TVS_OK);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("JobStatus"), &value, 4), TVS_E_UNKNOWN);
+    EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("RefreshStatus"), WIDE("B\u00FCro"), 10), TVS_OK);
     const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
     EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
     // What no printer is asked for is read as GetPrinterStatusW reads it.
     const Bytes job = OrdinaryForms(kRecords[0], kScripts[0]).wide;
-    EXPECT_EQ(UpdatePrinterStatusW(manager, u"SendingJobInfo", job.data(), 580), TVS_OK);
+    EXPECT_EQ(UpdatePrinterStatusW(manager, WIDE("SendingJobInfo"), job.data(), 580), TVS_OK);
     Bytes buffer(580);
-    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"SendingJobInfo", buffer.data(), 580, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, WIDE("SendingJobInfo"), buffer.data(), 580, &size), TVS_OK);
     EXPECT_EQ(buffer, job);
-    EXPECT_EQ(GetPrinterStatusDirectW(manager, u"SendingJobInfo", buffer.data(), 300, &size), TVS_E_MEMORY);
+    EXPECT_EQ(GetPrinterStatusDirectW(manager, WIDE("SendingJobInfo"), buffer.data(), 300, &size), TVS_E_MEMORY);
     EXPECT_EQ(size, 580u);
 }
 
@@ -404,21 +407,22 @@ TEST(Wide, AsynchronousRequestsTakeTheWideForm) {
     uint32_t id = 77;
     int32_t result = 0;
     MSG message;
-    EXPECT_EQ(GetReqPrinterStatusEventW(manager, u"DNumber", event), TVS_OK);
+    EXPECT_EQ(GetReqPrinterStatusEventW(manager, WIDE("DNumber"), event), TVS_OK);
     EXPECT_EQ(WaitForSingleObject(event, 10000), WAIT_OBJECT_0);
     EXPECT_EQ(NumberOf(manager, "DNumber"), 11u);
-    EXPECT_EQ(GetReqPrinterStatusMsgW(manager, u"DNumber", window, kMessage), TVS_OK);
+    EXPECT_EQ(GetReqPrinterStatusMsgW(manager, WIDE("DNumber"), window, kMessage), TVS_OK);
     EXPECT_TRUE(TakeMessage(message, window));
-    EXPECT_EQ(SetReqPrinterStatusEventW(manager, u"DNumber", &number, 4, event, &id), TVS_OK);
+    EXPECT_EQ(SetReqPrinterStatusEventW(manager, WIDE("DNumber"), &number, 4, event, &id), TVS_OK);
     EXPECT_EQ(WaitForSingleObject(event, 10000), WAIT_OBJECT_0);
     EXPECT_EQ(ResSetPrinterStatus(manager, id, &result), TVS_OK);
     EXPECT_EQ(result, -77);
-    EXPECT_EQ(SetReqPrinterStatusMsgW(manager, u"RefreshStatus", u"B\u00FCro", 10, window, kMessage, &id), TVS_OK);
+    EXPECT_EQ(SetReqPrinterStatusMsgW(manager, WIDE("RefreshStatus"), WIDE("B\u00FCro"), 10, window, kMessage, &id),
+              TVS_OK);
     EXPECT_TRUE(TakeMessage(message, window));
     const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
     EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
     // The number is 0 whatever fails, before the ANSI form too, and looked at first.
-    for (const Wide& name : {Wide(u"Nothing"), Wide(32, u'a')}) {
+    for (const Wide& name : {Wide(WIDE("Nothing")), Wide(32, u'a')}) {
         EXPECT_EQ(GetReqPrinterStatusEventW(manager, name.c_str(), event), TVS_E_UNKNOWN);
         EXPECT_EQ(GetReqPrinterStatusMsgW(0, name.c_str(), window, 1), TVS_E_HANDLE);
         id = 77;
@@ -436,10 +440,10 @@ TEST(Wide, RegistrationsAreMadeByWideNames) {
     const uint32_t messages[] = {kMessage, kMessage + 1};
     const HWND window = MakeWindow("Wide");
     TvsRegistration handles[4] = {};
-    EXPECT_EQ(SetNotificationEventW(manager, u"JobStatus", event, &handles[0]), TVS_OK);
-    EXPECT_EQ(SetNotificationMsgW(manager, u"JobStatus", window, kMessage, &handles[1]), TVS_OK);
-    EXPECT_EQ(SetNotificationEventExW(manager, 2, u"PageCount;LMStatus", events, &handles[2]), TVS_OK);
-    EXPECT_EQ(SetNotificationMsgExW(manager, 2, u"PageCount;LMStatus", window, messages, &handles[3]), TVS_OK);
+    EXPECT_EQ(SetNotificationEventW(manager, WIDE("JobStatus"), event, &handles[0]), TVS_OK);
+    EXPECT_EQ(SetNotificationMsgW(manager, WIDE("JobStatus"), window, kMessage, &handles[1]), TVS_OK);
+    EXPECT_EQ(SetNotificationEventExW(manager, 2, WIDE("PageCount;LMStatus"), events, &handles[2]), TVS_OK);
+    EXPECT_EQ(SetNotificationMsgExW(manager, 2, WIDE("PageCount;LMStatus"), window, messages, &handles[3]), TVS_OK);
     const char* const names[4][2] = {
         {"JobStatus"}, {"JobStatus"}, {"PageCount", "LMStatus"}, {"PageCount", "LMStatus"}};
     for (int i = 0; i < 4; ++i)
@@ -450,7 +454,7 @@ TEST(Wide, RegistrationsAreMadeByWideNames) {
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(i % 2 ? KillNotificationMsg(manager, handles[i]) : KillNotificationEvent(manager, handles[i]),
                   TVS_OK);
-    for (const Wide& name : {Wide(u"Nothing"), Wide(32, u'a'), Wide(70000, u'a')}) {
+    for (const Wide& name : {Wide(WIDE("Nothing")), Wide(32, u'a'), Wide(70000, u'a')}) {
         EXPECT_EQ(SetNotificationEventW(manager, name.c_str(), event, handles), TVS_E_UNKNOWN);
         EXPECT_EQ(SetNotificationMsgW(manager, name.c_str(), window, 1, handles), TVS_E_UNKNOWN);
         EXPECT_EQ(SetNotificationEventExW(manager, 1, name.c_str(), events, handles), TVS_E_UNKNOWN);
@@ -469,12 +473,12 @@ TEST(Wide, BadPointersAreFaults) {
     const TvsManager manager = OpenPrinter();
     BadMemory memory;
     struct Row {
-        const char16_t* variable;
+        const WCHAR* variable;
         uint32_t size;
     };
     const Bytes none(4);
     EXPECT_EQ(Update(manager, "PrinterQueue", none), TVS_OK);
-    for (const Row& row : {Row{u"SendingJobInfo", 580}, Row{u"PrinterQueue", 4}})
+    for (const Row& row : {Row{WIDE("SendingJobInfo"), 580}, Row{WIDE("PrinterQueue"), 4}})
         for (const AddressCase& memoryCase : memory.Kinds(row.size)) {
             SCOPED_TRACE(memoryCase.kind + std::to_string(row.size));
             if (memoryCase.size != row.size) continue;
@@ -492,7 +496,7 @@ TEST(Wide, BadPointersAreFaults) {
             EXPECT_EQ(Update(manager, "PrinterQueue", none), TVS_OK);
         }
     uint32_t value = 0;
-    EXPECT_EQ(GetPrinterStatusW(manager, u"SendingJobInfo", nullptr, 0, nullptr), TVS_E_FAULT);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("SendingJobInfo"), nullptr, 0, nullptr), TVS_E_FAULT);
     EXPECT_EQ(GetPrinterStatusW(manager, nullptr, &value, 4, &value), TVS_E_FAULT);
     EXPECT_EQ(UpdatePrinterStatusW(manager, nullptr, &value, 4), TVS_E_FAULT);
 }

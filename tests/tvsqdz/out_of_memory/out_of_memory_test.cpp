@@ -1,6 +1,7 @@
 // Every allocation of the library made to fail, one after the other.
 #include "frame/timings.h"
 #include "machine.h"
+#include "wide_literal.h"
 
 #include <algorithm>
 #include <atomic>
@@ -105,9 +106,9 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     uint32_t size = 0;
     TvsJobRecordWide job = {};
     TvsJobQueueWide jobs = {.count = 1, .entries = {}};
-    none([&] { return GetPrinterStatusW(manager, u"SendingJobInfo", &job, sizeof job, &size); });
-    some([&] { return UpdatePrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs); });
-    some([&] { return GetPrinterStatusW(manager, u"SpoolerQueue", &jobs, sizeof jobs, &size); });
+    none([&] { return GetPrinterStatusW(manager, WIDE("SendingJobInfo"), &job, sizeof job, &size); });
+    some([&] { return UpdatePrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs); });
+    some([&] { return GetPrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs, &size); });
     // A report of a job, the change of a name. What is counted without memory is 0.
     some([&] { return Update(manager, "SendingJobInfo", Bytes(292, 1)); });
     some([&] { return Update(manager, "PrintingJobInfo", Bytes(296)); });
