@@ -98,6 +98,25 @@ void ClearSubkeys(const char* path) {
     RegCloseKey(key);
 }
 
+void DeleteServices(std::initializer_list<const char*> names) {
+    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    for (const char* name : names) {
+        const SC_HANDLE service = OpenServiceA(manager, name, SERVICE_STOP | DELETE);
+        if (!service) continue;
+        SERVICE_STATUS status = {};
+        ControlService(service, SERVICE_CONTROL_STOP, &status);
+        DeleteService(service);
+        CloseServiceHandle(service);
+        // It is gone once its process is, and nobody has it open.
+        WaitUntil([&] {
+            const SC_HANDLE still = OpenServiceA(manager, name, SERVICE_QUERY_STATUS);
+            if (still) CloseServiceHandle(still);
+            return still == nullptr;
+        });
+    }
+    CloseServiceHandle(manager);
+}
+
 } // namespace
 
 void NotHere(const std::string& what) {
@@ -338,6 +357,7 @@ void PrepareTestProgram() {
 std::string MakePrivateMachine() {
     ClearSubkeys("SOFTWARE\\Tavik");
     ClearSubkeys("System\\CurrentControlSet\\Control\\Print\\Printers");
+    DeleteServices({"Svc", "Other"});
     char folder[MAX_PATH];
     GetTempPathA(sizeof folder, folder);
     const std::string directory = folder + ("oriel-test-" + std::to_string(GetCurrentProcessId()));
