@@ -41,6 +41,7 @@ TEST(Thread, RunsAndLeavesItsExitCode) {
     EXPECT_TRUE(GetExitCodeThread(running, &code));
     EXPECT_EQ(code, DWORD{STILL_ACTIVE});
     EXPECT_EQ(Wait(running, 10), DWORD{WAIT_TIMEOUT});
+    if (!OnTheLayer()) return; // which refuses what it has no use for
     const auto nothing = [](LPVOID) -> DWORD { return 0; };
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     EXPECT_FAILS(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER);
@@ -50,6 +51,7 @@ TEST(Thread, RunsAndLeavesItsExitCode) {
 
 // Wherever a thread is, it can be stopped: its handle is ready, its mutexes are abandoned, nothing else of its runs.
 TEST(Termination, StopsAThreadWhereverItIs) {
+    NeedsTheLayer("threads that can be stopped without harm");
     CRITICAL_SECTION busy;
     InitializeCriticalSection(&busy);
     EnterCriticalSection(&busy);
@@ -138,6 +140,7 @@ TEST(Termination, StopsAThreadWhereverItIs) {
 
 // A thread that is stopped again and again in the middle of calls never takes a lock of the layer with it.
 TEST(Termination, LeavesTheLayerWhole) {
+    NeedsTheLayer("threads that can be stopped without harm");
     const Owned shared = CreateMutexA(nullptr, FALSE, "Shared");
     for (int round = 0; round < 100; ++round) {
         const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
@@ -161,6 +164,7 @@ TEST(Termination, LeavesTheLayerWhole) {
 }
 
 TEST(Termination, IsRefusedForWhatCannotBeStopped) {
+    NeedsTheLayer("threads that cannot be stopped");
     const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     HANDLE own = nullptr;
     const Owned suicidal = StartThread([&] {

@@ -6,6 +6,8 @@
 #include "registry_kit.h"
 #include "win32_kit.h"
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -71,15 +73,17 @@ TEST(Registry, ValuesKeepTypeAndExactBytes) {
         EXPECT_EQ(buffer.find_first_not_of('#'), std::string::npos);
     }
     EXPECT_EQ(GetValue(key, "absent").status, ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(SetValue(key, "too large", std::string((1 << 20) + 1, 'x')), ERROR_INVALID_PARAMETER);
+    if (OnTheLayer()) {
+        EXPECT_EQ(SetValue(key, "too large", std::string((1 << 20) + 1, 'x')), ERROR_INVALID_PARAMETER);
+    }
     EXPECT_EQ(SetValue(key, std::string(16383, 'n'), "longest"), ERROR_SUCCESS);
     EXPECT_EQ(SetValue(key, std::string(16384, 'n'), "too long"), ERROR_INVALID_PARAMETER);
 }
 
 TEST(Registry, NamesCompareWithoutCaseAndKeepTheirSpelling) {
-    HKEY key = CreateKey(kMachine, "SoftWare\\Caf\xe9");
-    EXPECT_EQ(SubKeys(OpenKey(kMachine, "SOFTWARE")), Names{"Caf\xe9"});
-    OpenKey(kMachine, "software\\CAF\xc9"); // E with an acute accent, upper case
+    HKEY key = CreateKey(kMachine, "SoftWare\\Tavik\\Caf\xe9");
+    EXPECT_EQ(SubKeys(OpenKey(kMachine, "SOFTWARE\\TAVIK")), Names{"Caf\xe9"});
+    OpenKey(kMachine, "software\\tavik\\CAF\xc9"); // E with an acute accent, upper case
     ASSERT_EQ(SetValue(key, "Na\xefve", "1"), ERROR_SUCCESS);
     ASSERT_EQ(SetValue(key, "NA\xcfVE", "2"), ERROR_SUCCESS);
     EXPECT_EQ(ValueNames(key), Names{"Na\xefve"});
@@ -97,17 +101,19 @@ TEST(Registry, PathsAreReadAsWindowsReadsThem) {
         std::string path;
         LSTATUS open;
         LSTATUS create;
+        bool onTheLayer = false;
     } paths[] = {
         {"A\\B\\", ERROR_SUCCESS, ERROR_SUCCESS},
         {"", ERROR_SUCCESS, ERROR_SUCCESS},
         {"\\A", ERROR_BAD_PATHNAME, ERROR_BAD_PATHNAME},
         {"A\\C", ERROR_FILE_NOT_FOUND, ERROR_SUCCESS},
         {"A\\B\\" + longest + "k", ERROR_INVALID_PARAMETER, ERROR_INVALID_PARAMETER},
-        {"A\\tab\there", ERROR_INVALID_PARAMETER, ERROR_INVALID_PARAMETER},
+        {"A\\tab\there", ERROR_INVALID_PARAMETER, ERROR_INVALID_PARAMETER, true},
         {deepest, ERROR_FILE_NOT_FOUND, ERROR_SUCCESS},
         {deepest + "\\d", ERROR_FILE_NOT_FOUND, ERROR_INVALID_PARAMETER},
     };
     for (const auto& row : paths) {
+        if (row.onTheLayer && !OnTheLayer()) continue;
         HKEY key = nullptr;
         EXPECT_EQ(RegOpenKeyExA(kMachine, row.path.c_str(), 0, KEY_READ, &key), row.open) << row.path;
         EXPECT_EQ(key != nullptr, row.open == ERROR_SUCCESS);
@@ -124,14 +130,18 @@ TEST(Registry, HandlesHaveOnlyTheRightsTheyWereOpenedWith) {
     } rows[] = {
         {KEY_READ, "q__kvi_"},       {KEY_QUERY_VALUE, "q___vi_"}, {KEY_WRITE, "_sd___c"},
         {KEY_ALL_ACCESS, "qsdkvic"}, {MAXIMUM_ALLOWED, "qsdkvic"}, {0, nullptr},
-        {0x0100, nullptr},
+        {0x0400, nullptr},
     };
     for (const auto& row : rows) {
         HKEY key = nullptr;
+        if (row.allowed == nullptr && !OnTheLayer()) continue;
         const LSTATUS opened = RegOpenKeyExA(kMachine, "K", 0, row.access, &key);
         ASSERT_EQ(opened, row.allowed != nullptr ? ERROR_SUCCESS : ERROR_ACCESS_DENIED) << std::hex << row.access;
         if (row.allowed != nullptr) {
-            EXPECT_EQ(AllowedCalls(key), row.allowed) << std::hex << row.access;
+            // Windows asks the key, not the handle, whether it may be looked at and have subkeys.
+            const size_t asked = OnTheLayer() ? std::string::npos : 5;
+            EXPECT_EQ(AllowedCalls(key).substr(0, asked), std::string(row.allowed).substr(0, asked))
+                << std::hex << row.access;
         }
     }
 }
@@ -176,29 +186,35 @@ TEST(Registry, EnumerationIsInTheOrderOfCreation) {
     RegDeleteValueA(key, "mango");
     RegDeleteKeyA(key, "apple");
     CreateKey(key, "apple");
-    EXPECT_EQ(ValueNames(key), (Names{"zebra", "Apple", "banana"}));
-    EXPECT_EQ(SubKeys(key), (Names{"zebra", "mango", "banana", "apple"}));
+    if (OnTheLayer()) { // elsewhere in any order
+        EXPECT_EQ(ValueNames(key), (Names{"zebra", "Apple", "banana"}));
+        EXPECT_EQ(SubKeys(key), (Names{"zebra", "mango", "banana", "apple"}));
+    }
 
     DWORD counts[5] = {};
     FILETIME written{};
     RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &counts[0], &counts[1], nullptr, &counts[2], &counts[3],
                      &counts[4], nullptr, &written);
-    EXPECT_EQ(std::vector<DWORD>(counts, counts + 5), (std::vector<DWORD>{4, 6, 3, 6, 8}));
-    EXPECT_GT(written.dwHighDateTime, 0x01d00000U); // after 2014
+    EXPECT_EQ(std::vector<DWORD>(counts, counts + 4), (std::vector<DWORD>{4, 6, 3, 6}));
+    EXPECT_TRUE(counts[4] == 8 || (!OnTheLayer() && counts[4] > 8)); // Windows counts text as it keeps it
+    EXPECT_GT(written.dwHighDateTime, 0x01d00000U);                  // after 2014
     // Buffers of just the size, and one less.
     char name[7] = "######";
     BYTE data[3];
+    const Names names = ValueNames(key);
+    const auto banana = static_cast<DWORD>(std::find(names.begin(), names.end(), "banana") - names.begin());
     const auto enumerate = [&](DWORD nameSize, DWORD dataSize) {
-        return RegEnumValueA(key, 2, name, &nameSize, nullptr, nullptr, data, &dataSize);
+        return RegEnumValueA(key, banana, name, &nameSize, nullptr, nullptr, data, &dataSize);
     };
     EXPECT_EQ(enumerate(6, 3), ERROR_MORE_DATA);
-    EXPECT_STREQ(name, "######");
+    EXPECT_TRUE(!OnTheLayer() || std::strcmp(name, "######") == 0);
     EXPECT_EQ(enumerate(7, 2), ERROR_MORE_DATA);
     EXPECT_EQ(enumerate(7, 3), ERROR_SUCCESS);
     EXPECT_STREQ(name, "banana");
 }
 
 TEST(Registry, ReadingCreatesNothing) {
+    NeedsTheLayer("a machine with nothing in it");
     HKEY key = nullptr;
     EXPECT_EQ(RegOpenKeyExA(kMachine, "Software", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegDeleteKeyA(kMachine, "Software"), ERROR_FILE_NOT_FOUND);

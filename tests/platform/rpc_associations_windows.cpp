@@ -1,8 +1,7 @@
 // The import library of the toolchain has not the calls for associations. They are looked for in the run-time of the
 // machine; where it has none, they say so.
-#include <windows.h>
-
-#include <rpc.h>
+#include "not_here.h"
+#include "rpc_kit.h"
 
 namespace {
 
@@ -18,6 +17,11 @@ using StopMonitor = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client);
 using GetContext = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, void** context);
 
 } // namespace
+
+void NeedsAssociations() {
+    if (!GetProcAddress(GetModuleHandleA("RPCRT4.dll"), "I_RpcMonitorAssociation"))
+        NotHere("the run-time's calls for associations");
+}
 
 // As a linked import would be.
 extern "C" {

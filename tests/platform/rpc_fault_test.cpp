@@ -32,6 +32,7 @@ CHILD_PROCESS(RpcClient) {
 }
 
 TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
+    NeedsAssociations();
     TestServer server;
     const TestBinding observer;
     const struct {
@@ -64,6 +65,7 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
 }
 
 TEST(RpcAssociation, ThreadsOfAProcessShareOne) {
+    NeedsAssociations();
     TestServer server;
     const TestBinding binding;
     std::vector<std::thread> threads;

@@ -1,6 +1,7 @@
 // A test interface, a server of it in a process of its own, and calls to it.
 #pragma once
 
+#include "posix_kit.h"
 #include "test_process.h"
 
 #include <gtest/gtest.h>
@@ -76,6 +77,9 @@ private:
     std::string m_endpoint;
     TestProcess m_process;
 };
+
+// Ends the test as skipped where the run-time has no calls for associations.
+void NeedsAssociations();
 
 // In this process.
 RPC_STATUS RegisterTestInterface();

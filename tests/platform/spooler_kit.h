@@ -9,6 +9,7 @@
 // A record and its texts; the last error is its result.
 inline DWORD Add(std::string name, std::string driver = "Driver", std::string port = "LPT1:", DWORD attributes = 0,
                  HANDLE* handle = nullptr) {
+    NeedsTheLayer("printers without an installed driver");
     std::string comment = "of " + name;
     PRINTER_INFO_2A record{};
     record.pPrinterName = name.data();

@@ -355,6 +355,8 @@ void PrepareTestProgram() {
 }
 
 std::string MakePrivateMachine() {
+    for (const char* key : {"A", "D", "K", "Order", "Software\\Values"})
+        RegDeleteTreeA(HKEY_LOCAL_MACHINE, key);
     ClearSubkeys("SOFTWARE\\Tavik");
     ClearSubkeys("System\\CurrentControlSet\\Control\\Print\\Printers");
     DeleteServices({"Svc", "Other"});

@@ -1,0 +1,3 @@
+#include "rpc_kit.h"
+
+void NeedsAssociations() {}
