@@ -20,12 +20,6 @@
 
 namespace fs = std::filesystem;
 
-bool OnTheLayer() {
-    return true;
-}
-
-void NeedsTheLayer(const char*) {}
-
 bool BecomeNobody() {
     constexpr uid_t kNobody = 65534;
     return setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0;

@@ -5,11 +5,6 @@
 #include <string>
 #include <vector>
 
-// Whether the layer answers. It refuses what nobody needs where Windows has a use for it, and has settings of its own.
-bool OnTheLayer();
-// Ends the test as skipped where it does not.
-void NeedsTheLayer(const char* forWhat);
-
 // From here on this process is a user without rights. Only root can do it.
 bool BecomeNobody();
 void SetUmask(unsigned mask);

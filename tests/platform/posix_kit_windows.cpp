@@ -8,14 +8,6 @@
 #include <fstream>
 #include <iterator>
 
-bool OnTheLayer() {
-    return false;
-}
-
-void NeedsTheLayer(const char* forWhat) {
-    NotHere(forWhat);
-}
-
 bool BecomeNobody() {
     NotHere("a way to become another user");
 }

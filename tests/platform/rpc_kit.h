@@ -1,7 +1,7 @@
 // A test interface, a server of it in a process of its own, and calls to it.
 #pragma once
 
-#include "posix_kit.h"
+#include "not_here.h"
 #include "test_process.h"
 
 #include <gtest/gtest.h>

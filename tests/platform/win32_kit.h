@@ -1,7 +1,7 @@
 // What most tests of the layer need, over Win32 alone.
 #pragma once
 
-#include "posix_kit.h"
+#include "not_here.h"
 #include "test_process.h"
 
 #include <gtest/gtest.h>

@@ -131,6 +131,14 @@ void NotHere(const std::string& what) {
     throw testing::AssertionException(skipped); // GoogleTest ends the test, and reports nothing more
 }
 
+bool OnTheLayer() {
+    return false;
+}
+
+void NeedsTheLayer(const char* forWhat) {
+    NotHere(forWhat);
+}
+
 TestProcess::TestProcess(TestProcess&& other) noexcept {
     *this = std::move(other);
 }

@@ -10,7 +10,9 @@ using WideString = std::basic_string<WCHAR>;
 
 template <typename Character>
 constexpr const Character* LiteralOf(const char16_t* utf16, const wchar_t* wide) {
-    if constexpr (std::is_same_v<Character, char16_t>) return utf16;
-    else return wide;
+    if constexpr (std::is_same_v<Character, char16_t>)
+        return utf16;
+    else
+        return wide;
 }
 #define WIDE(literal) LiteralOf<WCHAR>(u##literal, L##literal)

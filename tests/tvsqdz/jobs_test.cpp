@@ -63,8 +63,7 @@ std::vector<TvsJobRecord> Queued(TvsManager manager, const char* variable = "Pri
     if (read.returnedSize >= sizeof count) std::memcpy(&count, read.bytes.data(), sizeof count);
     EXPECT_TRUE(read.returnedSize == TVS_JOB_QUEUE_SIZE(count) || (read.returnedSize == 4 && count == 0));
     std::vector<TvsJobRecord> jobs(std::min(count, 64u));
-    if (!jobs.empty())
-        std::memcpy(jobs.data(), read.bytes.data() + sizeof count, jobs.size() * sizeof(TvsJobRecord));
+    if (!jobs.empty()) std::memcpy(jobs.data(), read.bytes.data() + sizeof count, jobs.size() * sizeof(TvsJobRecord));
     return jobs;
 }
 

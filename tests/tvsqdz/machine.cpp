@@ -2,6 +2,7 @@
 
 #include "dblink/client.h"
 #include "frame/printer_registration.h"
+#include "not_here.h"
 #include "private_machine.h"
 
 #include <winspool.h>
@@ -82,6 +83,7 @@ void AddPrinter(const std::string& name, const std::string& driver) {
 }
 
 void AddToSpooler(std::string name, std::string driver) {
+    NeedsTheLayer("printers without an installed driver");
     PRINTER_INFO_2A info = {};
     std::string port = "LPT1:";
     std::string server = "\\\\server";

@@ -2,39 +2,11 @@
 #include "campaign.h"
 #include "dblink/kernel_names.h"
 #include "frame/timings.h"
+#include "holdings.h"
 #include "notification_kit.h"
 #include "private_machine.h"
 
-#include <filesystem>
-#include <oriel_directories.h>
-
 namespace {
-
-// What the process holds that a registration may take: threads, descriptors, and objects of the machine.
-struct Holdings {
-    long threads = 0;
-    long descriptors = 0;
-    long objects = 0;
-    bool IsWithin(const Holdings& other) const {
-        return threads <= other.threads && descriptors <= other.descriptors && objects <= other.objects;
-    }
-};
-std::ostream& operator<<(std::ostream& out, const Holdings& held) {
-    return out << held.threads << " threads, " << held.descriptors << " descriptors, " << held.objects << " objects";
-}
-
-Holdings HeldNow() {
-    const auto entries = [](const std::string& path) {
-        std::error_code error;
-        return std::distance(std::filesystem::directory_iterator(path, error), {});
-    };
-    Holdings held = {entries("/proc/self/task"), entries("/proc/self/fd"), 0};
-    std::error_code error;
-    for (const auto& entry :
-         std::filesystem::directory_iterator(OrielRuntimeDirectory() + std::string("/objects"), error))
-        held.objects += entry.path().filename().string().find("TVOR:") != std::string::npos;
-    return held;
-}
 
 // Nothing more than before, once the service has followed.
 void ExpectHeld(const Holdings& before) {

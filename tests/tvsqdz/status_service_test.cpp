@@ -101,16 +101,16 @@ CHILD_PROCESS(AnswersAsTold) {
     RPC_DISPATCH_FUNCTION functions[dblink::kProcedureCount];
     std::fill(std::begin(functions), std::end(functions), AnswerAsTold);
     RPC_DISPATCH_TABLE table = {dblink::kProcedureCount, functions, 0};
-    RPC_SERVER_INTERFACE interface = {};
-    interface.Length = sizeof interface;
-    interface.InterfaceId = dblink::kInterfaceSyntax;
-    interface.TransferSyntax = dblink::kNdrSyntax;
-    interface.DispatchTable = &table;
+    RPC_SERVER_INTERFACE offered = {};
+    offered.Length = sizeof offered;
+    offered.InterfaceId = dblink::kInterfaceSyntax;
+    offered.TransferSyntax = dblink::kNdrSyntax;
+    offered.DispatchTable = &table;
     char protocol[] = "ncalrpc";
     char endpoint[] = "TVORSDB_RPC";
     const bool listens = RpcServerUseProtseqEpA(reinterpret_cast<RPC_CSTR>(protocol), 10,
                                                 reinterpret_cast<RPC_CSTR>(endpoint), nullptr) == RPC_S_OK &&
-                         RpcServerRegisterIf2(&interface, nullptr, nullptr, 0, 10, 0xFFFFFFFF, nullptr) == RPC_S_OK &&
+                         RpcServerRegisterIf2(&offered, nullptr, nullptr, 0, 10, 0xFFFFFFFF, nullptr) == RPC_S_OK &&
                          RpcServerListen(1, 10, TRUE) == RPC_S_OK;
     child.Say(listens ? "listens" : "does not");
     for (std::string line = child.Hear(); !line.empty(); line = child.Hear()) {

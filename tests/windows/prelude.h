@@ -3,4 +3,7 @@
 
 #include <windows.h>
 
+#include <winspool.h>
+
+#undef OpenPrinter
 #undef ReplaceFile
