@@ -14,6 +14,10 @@ std::string SourcePath(const std::string& name);
 // Unix path to the form that the layer takes: backslashes.
 std::string WindowsPath(const std::string& path);
 
+// One of the layer's settings, for this process and those that it starts from now on; null takes it back. Ends the test
+// as skipped where Windows answers, which is what it is.
+void UseSetting(const char* name, const char* value);
+
 // For main(), a file for each system: the path of the test program, what it sets up for itself, and the directory of a
 // new private machine, which children find in this variable.
 inline constexpr const char* kPrivateDirectoryVariable = "ORIEL_TEST_DIRECTORY";

@@ -101,10 +101,15 @@ void ClearSubkeys(const char* path) {
 void DeleteServices(std::initializer_list<const char*> names) {
     const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
     for (const char* name : names) {
-        const SC_HANDLE service = OpenServiceA(manager, name, SERVICE_STOP | DELETE);
+        const SC_HANDLE service = OpenServiceA(manager, name, SERVICE_QUERY_STATUS | DELETE);
         if (!service) continue;
-        SERVICE_STATUS status = {};
-        ControlService(service, SERVICE_CONTROL_STOP, &status);
+        SERVICE_STATUS_PROCESS status = {};
+        DWORD needed = 0;
+        QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status, &needed);
+        const HANDLE process =
+            status.dwProcessId == 0 ? nullptr : OpenProcess(PROCESS_TERMINATE, FALSE, status.dwProcessId);
+        if (process) TerminateProcess(process, kKilled);
+        if (process) CloseHandle(process);
         DeleteService(service);
         CloseServiceHandle(service);
         // It is gone once its process is, and nobody has it open.
@@ -367,7 +372,7 @@ std::string MakePrivateMachine() {
         RegDeleteTreeA(HKEY_LOCAL_MACHINE, key);
     ClearSubkeys("SOFTWARE\\Tavik");
     ClearSubkeys("System\\CurrentControlSet\\Control\\Print\\Printers");
-    DeleteServices({"Svc", "Other"});
+    DeleteServices({"Svc", "Other", "TVORSDB"});
     char folder[MAX_PATH];
     GetTempPathA(sizeof folder, folder);
     const std::string directory = folder + ("oriel-test-" + std::to_string(GetCurrentProcessId()));

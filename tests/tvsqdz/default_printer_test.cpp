@@ -52,7 +52,7 @@ TEST(DefaultPrinter, IsRepairedByAProcessesFirstOpen) {
     AddToSpooler("Front desk");
     SetRegistryText(kPortsKey, "Front desk", "winspool,Ne01:,15,45", HKEY_CURRENT_USER);
     const auto repairs = [](uint32_t kind, const char* version) {
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", version);
+        UseSetting("ORIEL_WINDOWS_VERSION", version);
         WriteProfileStringA("Windows", "device", "Gone,winspool,LPT1:");
         EXPECT_EQ(OpenStatus(kPrinter, kind), TVS_OK) << kind;
         return Device().starts_with("Front desk");

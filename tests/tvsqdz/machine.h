@@ -4,6 +4,8 @@
 
 #include "frame/attach.h"
 #include "frame/manager_record.h"
+#include "not_here.h"
+#include "private_machine.h"
 #include "status_service.h"
 
 #include <gtest/gtest.h>

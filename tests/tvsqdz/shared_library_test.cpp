@@ -56,6 +56,11 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
 
 TEST(SharedLibrary, WithoutTheProductItLoadsAndRefuses) {
     TestProcess process("LoadsTheSharedLibrary");
+    // Where DllMain refuses, Windows does not load it.
+    if (!OnTheLayer()) {
+        EXPECT_EQ(process.Hear(), "error " + std::to_string(ERROR_DLL_INIT_FAILED));
+        return;
+    }
     EXPECT_EQ(process.Hear(), "-16 -1 0");
     process.Tell("unload");
     EXPECT_EQ(process.Hear(), "unloaded");

@@ -138,6 +138,7 @@ std::string Hex(const Bytes& bytes) {
 } // namespace
 
 TEST(StatusService, UnderNtItIsWaitedFor) {
+    NeedsTheLayer("services that were started by hand");
     g_timings.servicePoll = 20;
     EXPECT_FALSE(WaitForStatusService(60)); // it does not exist
     TestProcess service("IsTheService");
@@ -171,6 +172,7 @@ TEST(StatusService, UnderNtItIsWaitedFor) {
 }
 
 TEST(StatusService, UnderWindows9xItsWindowIsWaitedForAndItIsRestarted) {
+    NeedsTheLayer("Windows 9x");
     g_timings.startUpPoll = 1;
     g_timings.windowPoll = 1;
     g_timings.windowSettle = 1;
@@ -187,7 +189,7 @@ TEST(StatusService, UnderWindows9xItsWindowIsWaitedForAndItIsRestarted) {
     g_timings.closePoll = 1;
     SetStartCommand();
     EXPECT_FALSE(RestartStatusService9x()); // not elsewhere
-    SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", "9x:4.10");
+    UseSetting("ORIEL_WINDOWS_VERSION", "9x:4.10");
     EXPECT_TRUE(RestartStatusService9x());
     EXPECT_EQ(window.Hear(), "closed"); // the old one was asked to go
     EXPECT_FALSE(WaitForStatusService9x(1));
@@ -214,7 +216,7 @@ TEST(StatusService, AMissingServerIsRestartedBetweenFourCalls) {
         EXPECT_EQ(handle, 0u);
         EXPECT_EQ(Starts(), 0u); // under NT it is not the library's to start
     }
-    SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", "9x:4.0");
+    UseSetting("ORIEL_WINDOWS_VERSION", "9x:4.0");
     const Library library;
     EXPECT_EQ(CreateDatabase("D", &handle), Answer::ServerUnavailable);
     EXPECT_TRUE(WaitUntil([] { return Starts() == 4; })); // also after the fourth

@@ -86,7 +86,8 @@ TEST(Termination, AsksTheProductsWindowsOfItsWindows) {
     } rows[] = {{"5.1", 0}, {"9x:4.10", 1}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.version);
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", row.version);
+        if (row.asked9x != 0 && !OnTheLayer()) continue;
+        if (OnTheLayer()) UseSetting("ORIEL_WINDOWS_VERSION", row.version);
         const Product product;
         g_timings.windowClosePolls = 1;
         g_timings.windowClosePoll = 1;

@@ -112,10 +112,10 @@ TEST(Authority, OfListsForUsersAndGroups) {
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.what);
         const Bytes list = List(row.list);
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", "5.1.2600");
+        UseSetting("ORIEL_WINDOWS_VERSION", "5.1.2600");
         EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), row.daemon);
         EXPECT_EQ(AuthorityFrom(list), row.root);
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", "4.0.1381");
+        UseSetting("ORIEL_WINDOWS_VERSION", "4.0.1381");
         EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), row.daemonOnNt4);
     }
 }

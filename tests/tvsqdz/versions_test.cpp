@@ -40,7 +40,7 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
     const Service service;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.version);
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", row.version);
+        UseSetting("ORIEL_WINDOWS_VERSION", row.version);
         SetRegistryValue("System\\CurrentControlSet\\Control\\ProductOptions", "ProductSuite", row.suiteType,
                          row.suite);
         const Library library;
