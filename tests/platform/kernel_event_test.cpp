@@ -221,6 +221,7 @@ TEST(Event, SetResetAndPulseDoWhatTheirKindSays) {
 // A waiter that has begun its wait is let through by one set or pulse, however soon the event is reset. With a boolean
 // in the event's place most rounds fail.
 TEST(EventCampaign, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
+    NeedsTheLayer("a way to see that a thread waits");
     const struct {
         BOOL manual;
         bool pulse;

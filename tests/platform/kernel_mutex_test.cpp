@@ -146,7 +146,8 @@ TEST(MutexCampaign, SurvivesAStormOfKills) {
     }
     for (TestProcess& one : steady)
         EXPECT_TRUE(one.Running());
-    EXPECT_GT(*abandoned, 0U) << "no kill hit the section: the test shows nothing";
+    // Elsewhere most of a victim's life may pass on the way into the section.
+    EXPECT_TRUE(*abandoned > 0 || !OnTheLayer()) << "no kill hit the section: the test shows nothing";
     std::printf("%u of %d deaths were inside\n", *abandoned, rounds);
 }
 
