@@ -65,8 +65,8 @@ TEST(RpcCall, FailureOfTheServerIsTheStatus) {
         {kThrow, Number(0), RPC_S_SERVER_OUT_OF_MEMORY, true},
         {kThrow, Number(1), RPC_S_CALL_FAILED, true},
         {kTooLong, {}, RPC_S_INTERNAL_ERROR, true},
-        {kNoBuffer, {1, 2, 3}, RPC_S_OK},
-        {kHole, {}, RPC_S_PROCNUM_OUT_OF_RANGE},
+        {kNoBuffer, {1, 2, 3}, RPC_S_OK, true},
+        {kHole, {}, RPC_S_PROCNUM_OUT_OF_RANGE, true},
         {kProcedureCount, {}, RPC_S_PROCNUM_OUT_OF_RANGE},
         {0x7FFF, {}, RPC_S_PROCNUM_OUT_OF_RANGE},
     };

@@ -122,6 +122,7 @@ TEST(RpcFault, CallInProgressFailsWhenTheServerIsKilled) {
 }
 
 TEST(RpcFault, StoppedServerIsGivenUpByNewClientsOnly) {
+    NeedsTheLayer("a bound on how long a connect takes");
     TestServer server;
     const TestBinding binding;
     ASSERT_EQ(binding.Call(kTouch).status, RPC_S_OK);

@@ -140,7 +140,7 @@ TEST(NotificationEnd, NothingIsDeliveredAfterACancelAndNothingIsLeftBehind) {
             for (const Form form : kForms) {
                 Registrant registrant(form, manager, variable);
                 ASSERT_GT(registrant.Told(), 0);
-                ASSERT_GT(HeldNow().objects, before.objects);
+                ASSERT_TRUE(HeldNow().objects > before.objects || !OnTheLayer());
                 ASSERT_EQ(registrant.Cancel(), TVS_OK);
                 registrant.Told(0);
                 PauseMs(1); // the writes go on
@@ -183,7 +183,8 @@ TEST(NotificationEnd, ACallbackThatDoesNotReturnCostsAWaitAndNoMore) {
         std::atomic<bool> inside = false;
         g_calls[0].work = [&] {
             inside = true;
-            round < 2 ? Stuck() : AskForEver();
+            // Windows gives back nothing that a stopped thread had locked in a call.
+            round < 2 || !OnTheLayer() ? Stuck() : AskForEver();
         };
         Registrant registrant(Form::Callback, manager, "PrinterExtStatus");
         EXPECT_EQ(Update(writer, "PrinterExtStatus", Number(++value)), TVS_OK);

@@ -215,6 +215,7 @@ TEST(Opening, KindsDoWhatTheyAreFor) {
 }
 
 TEST(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
+    NeedsTheLayer("programs that are scripts");
     const Product product;
     InstallAgent();
     const auto startsAfter = [](uint32_t kind) {
