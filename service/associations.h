@@ -6,11 +6,27 @@
 
 #include <rpc.h>
 
-// The context that MonitorAssociation gave the client's process; null before.
-RPC_STATUS AssociationContext(RPC_BINDING_HANDLE client, void** context);
-// runDown(context) is called once, when the process's last connection has closed and its calls have returned.
-RPC_STATUS MonitorAssociation(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context);
-// The name of the client's user; the run-time keeps the text for as long as the call.
-RPC_STATUS ClientUser(RPC_BINDING_HANDLE client, const char** user);
+struct ClientProcess; // where the run-time has no associations
+
+// The association of a call in progress. For as long as it lives, the association's context stays.
+class CallersAssociation {
+public:
+    explicit CallersAssociation(RPC_BINDING_HANDLE client);
+    ~CallersAssociation();
+    CallersAssociation(const CallersAssociation&) = delete;
+    CallersAssociation& operator=(const CallersAssociation&) = delete;
+
+    // The context that Monitor gave the client's process; null before.
+    RPC_STATUS Context(void** context) const;
+    // runDown(context) is called once, when the process's last connection has closed and its calls have returned.
+    RPC_STATUS Monitor(PRPC_RUNDOWN runDown, void* context) const;
+    // The name of the client's user; the run-time keeps the text for as long as the call.
+    RPC_STATUS User(const char** user) const;
+
+private:
+    RPC_BINDING_HANDLE m_client;
+    ClientProcess* m_process = nullptr;
+};
+
 // After the last call: ends what the run-time did not end itself.
 void EndAssociations();

@@ -1,16 +1,20 @@
 #include "associations.h"
 
-RPC_STATUS AssociationContext(RPC_BINDING_HANDLE client, void** context) {
-    return I_RpcGetAssociationContext(client, context);
+CallersAssociation::CallersAssociation(RPC_BINDING_HANDLE client) : m_client(client) {}
+
+CallersAssociation::~CallersAssociation() = default;
+
+RPC_STATUS CallersAssociation::Context(void** context) const {
+    return I_RpcGetAssociationContext(m_client, context);
 }
 
-RPC_STATUS MonitorAssociation(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context) {
-    return I_RpcMonitorAssociation(client, runDown, context);
+RPC_STATUS CallersAssociation::Monitor(PRPC_RUNDOWN runDown, void* context) const {
+    return I_RpcMonitorAssociation(m_client, runDown, context);
 }
 
-RPC_STATUS ClientUser(RPC_BINDING_HANDLE client, const char** user) {
+RPC_STATUS CallersAssociation::User(const char** user) const {
     RPC_AUTHZ_HANDLE name = nullptr;
-    const RPC_STATUS status = RpcBindingInqAuthClientA(client, &name, nullptr, nullptr, nullptr, nullptr);
+    const RPC_STATUS status = RpcBindingInqAuthClientA(m_client, &name, nullptr, nullptr, nullptr, nullptr);
     *user = static_cast<const char*>(name);
     return status;
 }

@@ -1,16 +1,31 @@
 // The calls for associations are looked for in the run-time of the machine: the toolchain's import library has them
-// not, or decorated for another count of parameters, and not every implementation has them. Where it has none, all
-// clients count as one process, which ends with the service: nothing of a client that died is released before.
+// not, or decorated for another count of parameters, and not every implementation has them. Where it has none, a client
+// is the process whose number the run-time tells, and it is gone when that process has ended and its calls have
+// returned. Those whose process cannot be told or waited for count as one, which ends with the service.
 //
-// State: the one process's context.
+// State: the processes of clients.
 #include "associations.h"
 
 #include "lock.h"
 
+#include <new>
+
+struct ClientProcess {
+    DWORD id = 0;            // 0: of those that cannot be told
+    HANDLE handle = nullptr; // keeps the number from being another's
+    HANDLE wait = nullptr;   // for its end, once monitored
+    PRPC_RUNDOWN runDown = nullptr;
+    void* context = nullptr;
+    DWORD calls = 0; // in progress
+    bool ended = false;
+    ClientProcess* next = nullptr;
+};
+
 namespace {
 
 using GetContext = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, void** context);
-using Monitor = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context);
+using MonitorClient = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context);
+using GetProcessOf = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, unsigned long* process);
 
 template <typename Function>
 Function Find(const char* name) {
@@ -18,32 +33,124 @@ Function Find(const char* name) {
 }
 
 const auto g_getContext = Find<GetContext>("I_RpcGetAssociationContext");
-const auto g_monitor = Find<Monitor>("I_RpcMonitorAssociation");
+const auto g_monitor = Find<MonitorClient>("I_RpcMonitorAssociation");
+const auto g_getProcess = Find<GetProcessOf>("I_RpcBindingInqLocalClientPID");
 
 Lock g_lock;
-void* g_context GUARDED_BY(g_lock) = nullptr;
-PRPC_RUNDOWN g_runDown GUARDED_BY(g_lock) = nullptr;
+ClientProcess* g_processes GUARDED_BY(g_lock) = nullptr;
+
+bool HasAssociations() {
+    return g_getContext && g_monitor;
+}
+
+// The client's process, open to be waited for, with its number; 0 and null when it cannot be told.
+HANDLE OpenClient(RPC_BINDING_HANDLE client, DWORD* id) {
+    unsigned long process = 0;
+    *id = 0;
+    if (!g_getProcess || g_getProcess(client, &process) != RPC_S_OK) return nullptr;
+    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
+    if (handle) *id = process;
+    return handle;
+}
+
+ClientProcess* FindProcess(DWORD id) NEEDS(g_lock) {
+    ClientProcess* process = g_processes;
+    while (process && process->id != id)
+        process = process->next;
+    return process;
+}
+
+void Unlink(const ClientProcess* process) NEEDS(g_lock) {
+    ClientProcess** link = &g_processes;
+    while (*link != process)
+        link = &(*link)->next;
+    *link = process->next;
+}
+
+// Of one that is not in the list any more.
+void RunDown(ClientProcess* process) {
+    if (process->wait) UnregisterWaitEx(process->wait, nullptr); // it may be the one that calls
+    if (process->runDown) process->runDown(process->context);
+    if (process->handle) CloseHandle(process->handle);
+    delete process;
+}
+
+// Takes one out of the list that nobody needs any more: it has ended, or was never monitored.
+bool TakeOut(const ClientProcess* process) NEEDS(g_lock) {
+    if (process->calls > 0 || (process->runDown && !process->ended)) return false;
+    Unlink(process);
+    return true;
+}
+
+void CALLBACK ProcessHasEnded(void* parameter, BOOLEAN) {
+    auto* process = static_cast<ClientProcess*>(parameter);
+    bool last = false;
+    {
+        LockHold hold{g_lock};
+        process->ended = true;
+        last = TakeOut(process);
+    }
+    if (last) RunDown(process);
+}
 
 } // namespace
 
-RPC_STATUS AssociationContext(RPC_BINDING_HANDLE client, void** context) {
-    if (g_getContext && g_monitor) return g_getContext(client, context);
+CallersAssociation::CallersAssociation(RPC_BINDING_HANDLE client) : m_client(client) {
+    if (HasAssociations()) return;
+    DWORD id = 0;
+    const HANDLE handle = OpenClient(client, &id);
     LockHold hold{g_lock};
-    *context = g_context;
+    m_process = FindProcess(id);
+    if (m_process) {
+        if (handle) CloseHandle(handle);
+    } else {
+        m_process = new (std::nothrow) ClientProcess;
+        if (!m_process) {
+            if (handle) CloseHandle(handle);
+            return;
+        }
+        m_process->id = id;
+        m_process->handle = handle;
+        m_process->next = g_processes;
+        g_processes = m_process;
+    }
+    ++m_process->calls;
+}
+
+CallersAssociation::~CallersAssociation() {
+    if (!m_process) return;
+    bool last = false;
+    {
+        LockHold hold{g_lock};
+        --m_process->calls;
+        last = TakeOut(m_process);
+    }
+    if (last) RunDown(m_process);
+}
+
+RPC_STATUS CallersAssociation::Context(void** context) const {
+    if (HasAssociations()) return g_getContext(m_client, context);
+    if (!m_process) return RPC_S_OUT_OF_MEMORY;
+    LockHold hold{g_lock};
+    *context = m_process->context;
     return RPC_S_OK;
 }
 
-RPC_STATUS MonitorAssociation(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context) {
-    if (g_getContext && g_monitor) return g_monitor(client, runDown, context);
-    LockHold hold{g_lock};
-    g_context = context;
-    g_runDown = runDown;
+RPC_STATUS CallersAssociation::Monitor(PRPC_RUNDOWN runDown, void* context) const {
+    if (HasAssociations()) return g_monitor(m_client, runDown, context);
+    if (!m_process) return RPC_S_OUT_OF_MEMORY;
+    LockHold hold{g_lock}; // the end of the process waits until all of this is set
+    if (m_process->handle && !RegisterWaitForSingleObject(&m_process->wait, m_process->handle, ProcessHasEnded,
+                                                          m_process, INFINITE, WT_EXECUTEONLYONCE))
+        return RPC_S_OUT_OF_RESOURCES;
+    m_process->context = context;
+    m_process->runDown = runDown;
     return RPC_S_OK;
 }
 
-RPC_STATUS ClientUser(RPC_BINDING_HANDLE client, const char** user) {
+RPC_STATUS CallersAssociation::User(const char** user) const {
     RPC_AUTHZ_HANDLE name = nullptr;
-    const RPC_STATUS status = RpcBindingInqAuthClientA(client, &name, nullptr, nullptr, nullptr, nullptr);
+    const RPC_STATUS status = RpcBindingInqAuthClientA(m_client, &name, nullptr, nullptr, nullptr, nullptr);
     if (status != RPC_S_OK && status != RPC_S_BINDING_HAS_NO_AUTH) return status;
     // Those that the run-time does not name have one account in common.
     *user = name ? static_cast<const char*>(name) : "";
@@ -51,7 +158,20 @@ RPC_STATUS ClientUser(RPC_BINDING_HANDLE client, const char** user) {
 }
 
 void EndAssociations() {
-    LockHold hold{g_lock};
-    if (g_context) g_runDown(g_context);
-    g_context = nullptr;
+    for (;;) {
+        ClientProcess* process = nullptr;
+        {
+            LockHold hold{g_lock};
+            process = g_processes;
+            if (!process) return;
+            process->calls = 1; // now the end of the process leaves it to us
+        }
+        if (process->wait) UnregisterWaitEx(process->wait, INVALID_HANDLE_VALUE); // and is waited for
+        process->wait = nullptr;
+        {
+            LockHold hold{g_lock};
+            Unlink(process);
+        }
+        RunDown(process);
+    }
 }

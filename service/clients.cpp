@@ -1,6 +1,5 @@
 #include "clients.h"
 
-#include "associations.h"
 #include "watches.h"
 
 #include <new>
@@ -20,9 +19,9 @@ void __RPC_API RunDown(void* context) {
     g_groups.fetch_sub(1);
 }
 
-Group* MakeGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
+Group* MakeGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
     const char* user = nullptr;
-    *fault = ClientUser(client, &user);
+    *fault = caller.User(&user);
     if (*fault != RPC_S_OK) return nullptr;
     Group* group = new (std::nothrow) Group;
     if (!group) {
@@ -35,7 +34,7 @@ Group* MakeGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
         *fault = RPC_S_OUT_OF_RESOURCES;
         return nullptr;
     }
-    *fault = MonitorAssociation(client, RunDown, group);
+    *fault = caller.Monitor(RunDown, group);
     if (*fault != RPC_S_OK) {
         LeaveAccount(group->account);
         delete group;
@@ -47,14 +46,14 @@ Group* MakeGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
 
 } // namespace
 
-Group* CallingGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault) {
+Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
     void* context = nullptr;
-    *fault = AssociationContext(client, &context);
+    *fault = caller.Context(&context);
     if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
     LockHold hold{g_groupsLock};
-    *fault = AssociationContext(client, &context);
+    *fault = caller.Context(&context);
     if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
-    return MakeGroup(client, fault);
+    return MakeGroup(caller, fault);
 }
 
 DatabaseUse::DatabaseUse(const Group& group, DWORD handle) UNCHECKED_LOCKS : m_database(FindHandle(group, handle)) {

@@ -2,6 +2,7 @@
 // belongs to it and goes with it. State: the association's context; the number of groups, in clients.cpp.
 #pragma once
 
+#include "associations.h"
 #include "handles.h"
 
 struct Watch; // watches.h
@@ -14,9 +15,9 @@ struct Group {
     Watch* watches = nullptr;              // guarded by the lock of watches.cpp
 };
 
-// The group of the call in progress, made at the first call of its process. It stays until the call returns. Null:
-// *fault is the run-time's code to raise.
-Group* CallingGroup(RPC_BINDING_HANDLE client, RPC_STATUS* fault);
+// The group of the call in progress, made at the first call of its process. Null: *fault is the run-time's code to
+// raise.
+Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault);
 
 // The database of a handle, for one call. While the database is not ready its lock is held, so that it cannot be given
 // up in the middle of the call.

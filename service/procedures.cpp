@@ -265,7 +265,8 @@ RPC_STATUS Serve(RPC_MESSAGE& message) {
         message.ProcNum < kProcedureCount ? kProcedures[message.ProcNum].function : nullptr;
     if (!function) return RPC_S_PROCNUM_OUT_OF_RANGE;
     RPC_STATUS fault = RPC_S_OK;
-    Group* group = CallingGroup(message.Handle, &fault);
+    const CallersAssociation caller(message.Handle);
+    Group* group = CallingGroup(caller, &fault);
     if (!group) return fault;
     Call call{message, NdrReader{message.Buffer, message.BufferLength, message.DataRepresentation}, *group};
     return function(call);

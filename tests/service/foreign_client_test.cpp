@@ -1,9 +1,11 @@
 // Clients that share no code with ours: the bytes are those of the protocol, not only those that our two sides agree
 // on.
+#include "not_here.h"
 #include "private_machine.h"
 #include "service_under_test.h"
 
 TEST(ForeignClient, IsServedInEitherByteOrder) {
+    NeedsTheLayer("an endpoint that is a socket");
     const Service service;
     const std::string socket = PrivateDirectory() + "/run/rpc/" + kEndpoint;
     for (const char* order : {"little", "big"}) {
@@ -18,6 +20,7 @@ TEST(ForeignClient, IsServedInEitherByteOrder) {
 
 // A DCE/RPC and NDR implementation of others.
 TEST(ForeignClient, OfAnIndependentImplementationReadsAndWrites) {
+    NeedsTheLayer("an endpoint that is a socket");
     const Service service;
     const std::string socket = PrivateDirectory() + "/run/rpc/" + kEndpoint;
     const ProgramResult result = RunProgram("/usr/bin/python3", {SourcePath("tests/service/ndr_client.py"), socket});

@@ -180,7 +180,7 @@ TEST(Forwarding, AKilledPrinterSideLeavesNobodyWaiting) {
     TestProcess side = PrinterSide(1, 100);
     std::thread caller([] { EXPECT_NE(ForwardRequest("ReadRequest:" + kPrinters[1]), 0); });
     EXPECT_EQ(side.Hear(), "silent");
-    machine.service->process.Terminate();
+    machine.service->Stop();
     EXPECT_EQ(machine.service->process.Wait(), 0) << "the service's stop waits for no answer";
     caller.join();
 }

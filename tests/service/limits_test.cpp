@@ -23,7 +23,7 @@ int TimesUntilRefused(Ask ask, int most) {
 }
 
 void ExpectOrderlyStop(Service& service) {
-    service.process.Terminate();
+    service.Stop();
     EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors();
 }
 

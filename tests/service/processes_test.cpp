@@ -100,7 +100,7 @@ TEST(ServiceProcess, OneServesAndStopsInOrderAndTheNextKnowsNothingOfIt) {
         EXPECT_NE(RunProgram(ProgramPath("TVSDBN.EXE")).exitCode, 0) << "a second one does not start";
         EXPECT_EQ(CreateDatabase("Unfinished", &handle), kDone);
         const HANDLE ready = OpenEventA(SYNCHRONIZE, FALSE, "Unfinished:Initialized");
-        service.process.Terminate();
+        service.Stop();
         EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors(); // all that was charged has been given back
         EXPECT_EQ(ServiceState(), DWORD{SERVICE_STOPPED});
         EXPECT_EQ(WaitForSingleObject(ready, 0), DWORD{WAIT_OBJECT_0});

@@ -17,6 +17,7 @@ TestProcess StartTheService();
 // A started service, serving when the constructor returns. Killed with the test, unless it is stopped before.
 struct Service {
     Service();
+    void Stop(); // asks it to, as its supervisor or its manager does; a file for each system
     TestProcess process;
 };
 

@@ -4,3 +4,7 @@
 TestProcess StartTheService() {
     return TestProcess::Program(ProgramPath("TVSDBN.EXE"));
 }
+
+void Service::Stop() {
+    process.Terminate();
+}

@@ -22,3 +22,12 @@ TestProcess StartTheService() {
     CloseServiceHandle(manager);
     return TestProcess::Adopted(status.dwProcessId);
 }
+
+void Service::Stop() {
+    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    const SC_HANDLE service = OpenServiceA(manager, "TVORSDB", SERVICE_STOP);
+    SERVICE_STATUS status = {};
+    EXPECT_TRUE(ControlService(service, SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    CloseServiceHandle(service);
+    CloseServiceHandle(manager);
+}

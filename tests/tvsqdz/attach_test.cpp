@@ -58,7 +58,7 @@ CHILD_PROCESS(TellsWhetherOwn) {
 std::string RunCopy(const std::string& name) {
     const std::string copy = PrivateDirectory() + "/copies/" + name;
     std::filesystem::create_directory(PrivateDirectory() + "/copies");
-    std::filesystem::copy_file("/proc/self/exe", copy);
+    std::filesystem::copy_file(OwnProgram(), copy);
     ProgramResult result = RunProgram(copy, {"--child=TellsWhetherOwn"});
     std::filesystem::remove(copy);
     return result.output.substr(0, result.output.find('\n'));

@@ -56,9 +56,9 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
 
 TEST(SharedLibrary, WithoutTheProductItLoadsAndRefuses) {
     TestProcess process("LoadsTheSharedLibrary");
-    // Where DllMain refuses, Windows does not load it.
+    // Where DllMain refuses, Windows does not load it (ERROR_DLL_INIT_FAILED).
     if (!OnTheLayer()) {
-        EXPECT_EQ(process.Hear(), "error " + std::to_string(ERROR_DLL_INIT_FAILED));
+        EXPECT_EQ(process.Hear(), "error 1114");
         return;
     }
     EXPECT_EQ(process.Hear(), "-16 -1 0");
