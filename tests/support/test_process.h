@@ -15,6 +15,7 @@
 //     }
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -54,6 +55,7 @@ public:
 
     unsigned Id() const;
     bool Running();
+    size_t ResidentBytes() const; // of its memory; fails the test when the system does not tell
     // One line of its standard output, without the newline. Fails the test after the deadline.
     std::string Hear(int timeoutMs = 20000);
     void Tell(const std::string& line);

@@ -114,6 +114,17 @@ unsigned TestProcess::Id() const {
     return static_cast<unsigned>(m_pid);
 }
 
+size_t TestProcess::ResidentBytes() const {
+    FILE* file = std::fopen(("/proc/" + std::to_string(Id()) + "/status").c_str(), "r");
+    char line[256];
+    size_t kibibytes = 0;
+    while (file && std::fgets(line, sizeof line, file))
+        std::sscanf(line, "VmRSS: %zu", &kibibytes);
+    if (file) std::fclose(file);
+    EXPECT_GT(kibibytes, 0u) << "process " << Id();
+    return kibibytes * 1024;
+}
+
 bool TestProcess::Running() {
     if (m_ended || m_pid <= 0) return false;
     int status = 0;

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <io.h>
+#include <psapi.h>
 #include <utility>
 
 namespace {
@@ -222,6 +223,13 @@ TestProcess::~TestProcess() {
 
 unsigned TestProcess::Id() const {
     return GetProcessId(HandleOf(m_pid));
+}
+
+size_t TestProcess::ResidentBytes() const {
+    PROCESS_MEMORY_COUNTERS counters{};
+    EXPECT_TRUE(GetProcessMemoryInfo(HandleOf(m_pid), &counters, sizeof counters)) << GetLastError();
+    EXPECT_GT(counters.WorkingSetSize, 0u);
+    return counters.WorkingSetSize;
 }
 
 bool TestProcess::Running() {
