@@ -38,6 +38,7 @@ const auto g_getProcess = Find<GetProcessOf>("I_RpcBindingInqLocalClientPID");
 
 Lock g_lock;
 ClientProcess* g_processes GUARDED_BY(g_lock) = nullptr;
+DWORD g_runDowns GUARDED_BY(g_lock) = 0; // in progress, of what is not in the list any more
 
 bool HasAssociations() {
     return g_getContext && g_monitor;
@@ -60,11 +61,13 @@ ClientProcess* FindProcess(DWORD id) NEEDS(g_lock) {
     return process;
 }
 
+// Out of the list, to be run down.
 void Unlink(const ClientProcess* process) NEEDS(g_lock) {
     ClientProcess** link = &g_processes;
     while (*link != process)
         link = &(*link)->next;
     *link = process->next;
+    ++g_runDowns;
 }
 
 // Of one that is not in the list any more.
@@ -73,6 +76,8 @@ void RunDown(ClientProcess* process) {
     if (process->runDown) process->runDown(process->context);
     if (process->handle) CloseHandle(process->handle);
     delete process;
+    LockHold hold{g_lock};
+    --g_runDowns;
 }
 
 // Takes one out of the list that nobody needs any more: it has ended, or was never monitored.
@@ -163,8 +168,12 @@ void EndAssociations() {
         {
             LockHold hold{g_lock};
             process = g_processes;
-            if (!process) return;
-            process->calls = 1; // now the end of the process leaves it to us
+            if (!process && g_runDowns == 0) return;
+            if (process) process->calls = 1; // now the end of the process leaves it to us
+        }
+        if (!process) {
+            Sleep(1); // another thread is at the last one; a run-down waits for nobody
+            continue;
         }
         if (process->wait) UnregisterWaitEx(process->wait, INVALID_HANDLE_VALUE); // and is waited for
         process->wait = nullptr;
