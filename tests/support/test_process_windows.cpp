@@ -22,6 +22,7 @@ namespace {
 
 constexpr UINT kKilled = 137; // as a shell tells it
 constexpr UINT kNotHere = 77;
+const std::string kNotHereText = "not on this system: ";
 bool g_isChild = false;
 
 HANDLE HandleOf(int number) {
@@ -127,7 +128,7 @@ void DeleteServices(std::initializer_list<const char*> names) {
 
 void NotHere(const std::string& what) {
     if (g_isChild) {
-        std::fprintf(stderr, "not on this system: %s\n", what.c_str());
+        std::fprintf(stderr, "%s%s", kNotHereText.c_str(), what.c_str());
         std::fflush(stderr);
         ExitProcess(kNotHere);
     }
@@ -256,7 +257,8 @@ std::string TestProcess::Hear(int timeoutMs) {
             return line;
         }
         if (!open) {
-            if (Wait() == static_cast<int>(kNotHere)) NotHere(Errors());
+            if (Wait() == static_cast<int>(kNotHere))
+                NotHere(Errors().substr(Errors().rfind(kNotHereText) + kNotHereText.size()));
             ADD_FAILURE() << "process " << Id() << " closed its output after: " << m_buffer << "\n" << Errors();
             return {};
         }
