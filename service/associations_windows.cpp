@@ -44,20 +44,35 @@ bool HasAssociations() {
     return g_getContext && g_monitor;
 }
 
-// The client's process, open to be waited for, with its number; 0 and null when it cannot be told.
-HANDLE OpenClient(RPC_BINDING_HANDLE client, DWORD* id) {
+// The number of the client's process; 0 when it cannot be told.
+DWORD ProcessOf(RPC_BINDING_HANDLE client) {
     unsigned long process = 0;
-    *id = 0;
-    if (!g_getProcess || g_getProcess(client, &process) != RPC_S_OK) return nullptr;
-    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
-    if (handle) *id = process;
-    return handle;
+    return g_getProcess && g_getProcess(client, &process) == RPC_S_OK ? process : 0;
 }
 
 ClientProcess* FindProcess(DWORD id) NEEDS(g_lock) {
     ClientProcess* process = g_processes;
     while (process && process->id != id)
         process = process->next;
+    return process;
+}
+
+// Null when there is no memory for it. One that cannot be waited for is among those that cannot be told.
+ClientProcess* AddProcess(DWORD id) NEEDS(g_lock) {
+    const HANDLE handle = id != 0 ? OpenProcess(SYNCHRONIZE, FALSE, id) : nullptr;
+    if (!handle) {
+        id = 0;
+        if (ClientProcess* others = FindProcess(0)) return others;
+    }
+    auto* process = new (std::nothrow) ClientProcess;
+    if (!process) {
+        if (handle) CloseHandle(handle);
+        return nullptr;
+    }
+    process->id = id;
+    process->handle = handle;
+    process->next = g_processes;
+    g_processes = process;
     return process;
 }
 
@@ -102,24 +117,11 @@ void CALLBACK ProcessHasEnded(void* parameter, BOOLEAN) {
 
 CallersAssociation::CallersAssociation(RPC_BINDING_HANDLE client) : m_client(client) {
     if (HasAssociations()) return;
-    DWORD id = 0;
-    const HANDLE handle = OpenClient(client, &id);
+    const DWORD id = ProcessOf(client);
     LockHold hold{g_lock};
     m_process = FindProcess(id);
-    if (m_process) {
-        if (handle) CloseHandle(handle);
-    } else {
-        m_process = new (std::nothrow) ClientProcess;
-        if (!m_process) {
-            if (handle) CloseHandle(handle);
-            return;
-        }
-        m_process->id = id;
-        m_process->handle = handle;
-        m_process->next = g_processes;
-        g_processes = m_process;
-    }
-    ++m_process->calls;
+    if (!m_process) m_process = AddProcess(id);
+    if (m_process) ++m_process->calls;
 }
 
 CallersAssociation::~CallersAssociation() {
