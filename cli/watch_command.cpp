@@ -17,6 +17,7 @@ constexpr DWORD kLastWordsMs = 5000;
 // later a look finds out whether there is still a service that could tell anything.
 constexpr DWORD kFirstLooksMs[] = {50, 200, 1000};
 constexpr DWORD kLookMs = 5000;
+constexpr int kReadsMost = 4; // of a value that is being written
 
 struct Watched {
     const Variable* variable = nullptr;
@@ -40,16 +41,26 @@ std::string Shown(const Watch& watch, const Variable& variable, const Bytes& val
     return watch.hex ? ToHex(value.data(), value.size()) : OneLine(DecodedValue(watch, variable, value));
 }
 
-// The time is read first: a write between the two reads then counts as one more change, and none is lost.
+std::string WrittenNow(const Watch& watch, const Variable& variable) {
+    std::string written;
+    const int32_t status = ReadWriteTime(watch.printer, variable, written);
+    if (status != TVS_OK) throw StatusFailure(status, WhatOf("read", ToUtf8(variable.name), watch.printer));
+    return written;
+}
+
+// Time and value are read until there was no write between them. Where writes do not leave off the time is that of one
+// before: what came after it counts as one more change, and none is lost.
 Watched ReadNow(const Watch& watch, const Variable& variable) {
-    Watched now{.variable = &variable};
-    const int32_t timeStatus = ReadWriteTime(watch.printer, variable, now.written);
-    Reading reading{timeStatus, {}};
-    if (timeStatus == TVS_OK) reading = ReadValue(watch.printer, variable, false);
-    if (reading.status != TVS_OK)
-        throw StatusFailure(reading.status, WhatOf("read", ToUtf8(variable.name), watch.printer));
-    now.value = std::move(reading.value);
-    return now;
+    Watched now{.variable = &variable, .written = WrittenNow(watch, variable)};
+    for (int reads = 1;; ++reads) {
+        Reading reading = ReadValue(watch.printer, variable, false);
+        if (reading.status != TVS_OK)
+            throw StatusFailure(reading.status, WhatOf("read", ToUtf8(variable.name), watch.printer));
+        now.value = std::move(reading.value);
+        const std::string written = WrittenNow(watch, variable);
+        if (written == now.written || reads == kReadsMost) return now;
+        now.written = written;
+    }
 }
 
 void PrintChange(const Watch& watch, const Watched& before, const Watched& now) {
