@@ -130,7 +130,7 @@ TEST(Registry, HandlesHaveOnlyTheRightsTheyWereOpenedWith) {
     } rows[] = {
         {KEY_READ, "q__kvi_"},       {KEY_QUERY_VALUE, "q___vi_"}, {KEY_WRITE, "_sd___c"},
         {KEY_ALL_ACCESS, "qsdkvic"}, {MAXIMUM_ALLOWED, "qsdkvic"}, {0, nullptr},
-        {0x0400, nullptr},
+        {0x0100, nullptr},
     };
     for (const auto& row : rows) {
         HKEY key = nullptr;

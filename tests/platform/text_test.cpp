@@ -119,6 +119,12 @@ TEST(Conversion, WhatIsNotThereIsReplacedOrReported) {
         EXPECT_EQ(Decode(CP_UTF8, bytes), wide) << bytes;
         EXPECT_FAILS(Decode(CP_UTF8, bytes, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
     }
+    // Beyond the last character.
+    const char beyond[] = "\xF4\x90\x80\x80";
+    EXPECT_FAILS(Decode(CP_UTF8, beyond, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
+    if (OnTheLayer()) { // how many stand for it is nowhere said
+        EXPECT_EQ(Decode(CP_UTF8, beyond), WIDE("\uFFFD\uFFFD\uFFFD\uFFFD"));
+    }
 }
 
 TEST(Conversion, DefaultsForUtf8AndARoomOfItsOwnAreRefused) {

@@ -192,6 +192,7 @@ TEST(SentMessages, HaveABoundAndEndWithTheWindow) {
     // Nobody waits for it any more, so it is not carried out either.
     EXPECT_EQ(SendMessageA(window, kCount, 0, 0), 0);
     // The process dies while it has the message.
+    SetLastError(kSentinel);
     EXPECT_EQ(SendMessageTimeoutA(window, kDie, 0, 0, SMTO_NORMAL, 20000, &result), 0);
     EXPECT_TRUE(GetLastError() == ERROR_INVALID_WINDOW_HANDLE || !OnTheLayer());
     EXPECT_LT(NowMs() - start, 15000);
