@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 namespace {
 
@@ -56,6 +57,22 @@ TestProcess TestProcess::Program(const std::string& path, const std::vector<std:
     TestProcess process;
     process.Start(path, arguments, environment);
     return process;
+}
+
+TestProcess::TestProcess(TestProcess&& other) noexcept {
+    *this = std::move(other);
+}
+
+TestProcess& TestProcess::operator=(TestProcess&& other) noexcept {
+    m_pid = std::exchange(other.m_pid, -1);
+    m_in = std::exchange(other.m_in, -1);
+    m_out = std::exchange(other.m_out, -1);
+    m_err = std::exchange(other.m_err, -1);
+    m_buffer = std::move(other.m_buffer);
+    m_errors = std::move(other.m_errors);
+    m_ended = std::exchange(other.m_ended, true);
+    m_exitCode = other.m_exitCode;
+    return *this;
 }
 
 ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments,

@@ -23,32 +23,12 @@ extern char** environ;
 
 namespace {
 
-void MoveDescriptor(int& to, int& from) {
-    to = std::exchange(from, -1);
-}
-
 void CloseDescriptor(int& descriptor) {
     if (descriptor >= 0) close(descriptor);
     descriptor = -1;
 }
 
 } // namespace
-
-TestProcess::TestProcess(TestProcess&& other) noexcept {
-    *this = std::move(other);
-}
-
-TestProcess& TestProcess::operator=(TestProcess&& other) noexcept {
-    m_pid = std::exchange(other.m_pid, -1);
-    MoveDescriptor(m_in, other.m_in);
-    MoveDescriptor(m_out, other.m_out);
-    MoveDescriptor(m_err, other.m_err);
-    m_buffer = std::move(other.m_buffer);
-    m_errors = std::move(other.m_errors);
-    m_ended = std::exchange(other.m_ended, true);
-    m_exitCode = other.m_exitCode;
-    return *this;
-}
 
 void TestProcess::Start(const std::string& path, const std::vector<std::string>& arguments,
                         const Environment& environment) {

@@ -33,10 +33,6 @@ int NumberOf(HANDLE handle) {
     return static_cast<int>(HandleToLong(handle));
 }
 
-void MoveHandle(int& to, int& from) {
-    to = std::exchange(from, -1);
-}
-
 void CloseNumber(int& number) {
     if (number != -1) CloseHandle(HandleOf(number));
     number = -1;
@@ -144,22 +140,6 @@ bool OnTheLayer() {
 
 void NeedsTheLayer(const char* forWhat) {
     NotHere(forWhat);
-}
-
-TestProcess::TestProcess(TestProcess&& other) noexcept {
-    *this = std::move(other);
-}
-
-TestProcess& TestProcess::operator=(TestProcess&& other) noexcept {
-    m_pid = std::exchange(other.m_pid, -1);
-    MoveHandle(m_in, other.m_in);
-    MoveHandle(m_out, other.m_out);
-    MoveHandle(m_err, other.m_err);
-    m_buffer = std::move(other.m_buffer);
-    m_errors = std::move(other.m_errors);
-    m_ended = std::exchange(other.m_ended, true);
-    m_exitCode = other.m_exitCode;
-    return *this;
 }
 
 void TestProcess::Start(const std::string& path, const std::vector<std::string>& arguments,
