@@ -6,7 +6,9 @@
 #include "dblink/ndr.h"
 #include "watches.h"
 
+#include <exception>
 #include <iterator>
+#include <random>
 #include <string.h>
 
 using namespace dblink;
@@ -89,6 +91,28 @@ RPC_STATUS ServeCloseDatabase(Call& call) {
     const DWORD handle = call.request.U32();
     if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
     return ReplyStatus(call, CloseHandleOf(call.group, handle) ? kDone : kUnknownDatabase);
+}
+
+ServiceInstance NewInstance() {
+    ServiceInstance instance = 0;
+    try {
+        std::random_device random;
+        instance = ServiceInstance{random()} << 32 | random();
+    } catch (const std::exception&) {
+        instance = ServiceInstance{GetCurrentProcessId()} << 32 | GetTickCount(); // enough to tell two runs apart
+    }
+    return instance != 0 ? instance : 1;
+}
+
+const ServiceInstance g_instance = NewInstance();
+
+RPC_STATUS ServeGetServiceInstance(Call& call) {
+    RPC_STATUS fault;
+    NdrWriter reply = BeginReply(call, 3 * kNdrU32Size, &fault);
+    reply.U32(static_cast<DWORD>(g_instance));
+    reply.U32(static_cast<DWORD>(g_instance >> 32));
+    reply.Status(kDone);
+    return fault;
 }
 
 RPC_STATUS ServeGetDatabaseInfo(Call& call) {
@@ -235,7 +259,7 @@ constexpr ProcedureRow kProcedures[] = {
     {kCreateDatabase, ServeCreateDatabase},
     {kOpenDatabase, ServeOpenDatabase},
     {kCloseDatabase, ServeCloseDatabase},
-    {3},
+    {kGetServiceInstance, ServeGetServiceInstance},
     {kGetDatabaseInfo, ServeGetDatabaseInfo},
     {5},
     {6},

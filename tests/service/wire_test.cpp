@@ -115,7 +115,7 @@ TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
         << "array and size parameter differ";
     EXPECT_EQ(CallRaw(10, BodyOf(again, "Value", kValueSizeMax + 1)).fault, RPC_X_BAD_STUB_DATA);
     EXPECT_EQ(ValueOf(again, "Value"), (Bytes{1, 2, 3}));
-    for (const UINT procedure : {3u, 5u, 6u, 11u, 13u, 17u, 19u, 4711u})
+    for (const UINT procedure : {5u, 6u, 11u, 13u, 17u, 19u, 4711u})
         EXPECT_EQ(CallRaw(procedure, BodyOf(again)).fault, RPC_S_PROCNUM_OUT_OF_RANGE) << procedure;
 }
 

@@ -135,7 +135,7 @@ TEST(BadPointers, OutputsAreWrittenOrNothingIsLost) {
     const Product product;
     AddModelVariable(kModel, "Queue", 4, 0x10080, Number(0));
     const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     const Bytes items = Joined({Number(12), Number(2), {'o', 'l', 'd', '1'}, {'n', 'e', 'w', '2'}});
     const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0)});
     ASSERT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 16, items.data()), Answer::Done);

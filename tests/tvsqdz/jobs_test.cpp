@@ -192,7 +192,7 @@ TEST(JobQueue, IsReadAsWhatAnotherProgramMayHaveStored) {
     EXPECT_EQ(QueuedIds(manager), Ids{5});
     // A database that has gone: the read gives up, its reader is told that there is none.
     ManagerRecord* record = RecordOf(manager);
-    EXPECT_EQ(CloseDatabase(record->printerDatabase), Answer::Done);
+    EXPECT_EQ(CloseDatabase(record->printerDatabase.handle), Answer::Done);
     uint32_t count = 7;
     EXPECT_EQ(static_cast<int32_t>(PrintingMyJobRead(record, &count)), PassOn(Answer::UnknownDatabase));
     EXPECT_EQ(count, 0u);

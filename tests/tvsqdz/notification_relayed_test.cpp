@@ -19,7 +19,7 @@ Bytes List(const std::vector<Bytes>& entries) {
 TEST(RelayedNotification, TheListHoldsWhatTheOwnerIsToServe) {
     const Product product;
     const TvsManager manager = OpenPrinter(9); // one that starts no agent
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     const auto list = [&] {
         Bytes bytes(4096);
         DWORD size = 0;

@@ -93,7 +93,7 @@ TEST(Notification, ACallbackGetsItsIndexAndTheValueThatIsStored) {
 TEST(Notification, AValueThatIsTooLargeForItsVariableIsNotPassedOn) {
     const Product product;
     const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     // The row says 12 bytes; a composite takes any number.
     StatusVariableDef row = *RecordOf(manager)->variableIndex[0];
     row = {.flags = SVT_RECORD, .size = 12, .callbackThreadProc = VariableCallbackWatch, .name = "Wide"};

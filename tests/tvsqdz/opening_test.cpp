@@ -281,7 +281,7 @@ TEST(PrinterList, GrowsAndKeepsItsNumbers) {
     ASSERT_EQ(list.size(), 3u);
     EXPECT_EQ(std::memcmp(&list[1], &second, sizeof second), 0);
 
-    const DatabaseHandle master = RecordOf(first)->masterDatabase;
+    const DatabaseHandle master = RecordOf(first)->masterDatabase.handle;
     WriteList(master, ListOf({Entry(1, kPrinter), Entry(5, "A"), Entry(3, "B")}));
     AddPrinter("New", kModel);
     EXPECT_EQ(RecordOf(OpenPrinter(2, "New"))->printerIndex, 6u);
@@ -297,7 +297,7 @@ TEST(PrinterList, GrowsAndKeepsItsNumbers) {
 TEST(PrinterList, DamagedListsRefuseTheOpenAndStayAsTheyAre) {
     const Product product;
     const TvsManager opened = OpenPrinter();
-    const DatabaseHandle master = RecordOf(opened)->masterDatabase;
+    const DatabaseHandle master = RecordOf(opened)->masterDatabase.handle;
     AddPrinter("New", kModel);
     Bytes countTooHigh = ListOf({Entry(1, kPrinter)});
     countTooHigh[4] = 2;
@@ -340,7 +340,7 @@ TEST(PrinterList, OwnershipIsTakenAndGivenBack) {
     }
 
     // A printer of another process: known to be owned, not taken over, not given back.
-    WriteList(RecordOf(reader)->masterDatabase, ListOf({Entry(1, kPrinter, self + 1)}));
+    WriteList(RecordOf(reader)->masterDatabase.handle, ListOf({Entry(1, kPrinter, self + 1)}));
     RemoveKindBits(0x20);
     const TvsManager second = OpenPrinter(6);
     EXPECT_EQ(RecordOf(second)->ownerProcessId, self + 1);
@@ -350,12 +350,12 @@ TEST(PrinterList, OwnershipIsTakenAndGivenBack) {
     EXPECT_EQ(owner(), self + 1);
 
     // An open that fails later gives it back too.
-    WriteList(RecordOf(reader)->masterDatabase, ListOf({Entry(1, kPrinter)}));
+    WriteList(RecordOf(reader)->masterDatabase.handle, ListOf({Entry(1, kPrinter)}));
     EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), "u", 6, nullptr), TVS_E_UNAVAILABLE);
     EXPECT_EQ(owner(), 0u);
     PrinterListEntry broken = Entry(1, kPrinter);
     std::strcpy(broken.databaseName, "a\\b"); // no database has such a name
-    WriteList(RecordOf(reader)->masterDatabase, ListOf({broken}));
+    WriteList(RecordOf(reader)->masterDatabase.handle, ListOf({broken}));
     EXPECT_EQ(OpenStatus(kPrinter, 6), TVS_E_UNAVAILABLE);
     EXPECT_EQ(owner(), 0u);
 }

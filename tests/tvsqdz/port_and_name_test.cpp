@@ -101,7 +101,7 @@ TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
         {"another printer's", BytesOf("Other"), PassOn(Answer::DatabaseExists)},
         {"its own", BytesOf(kPrinter), TVS_OK},
     };
-    const DWORD master = RecordOf(manager)->masterDatabase;
+    const DWORD master = RecordOf(manager)->masterDatabase.handle;
     DWORD writes = 0;
     ASSERT_EQ(GetWriteCount(master, dblink::kPrinterListVariable, &writes), Answer::Done);
     for (const auto& row : refused) {

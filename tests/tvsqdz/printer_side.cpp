@@ -71,7 +71,7 @@ void ServePrinter(DatabaseHandle database, const std::string& databaseName, cons
 PrinterSide::PrinterSide(const ManagerRecord* manager, Answering answer)
     : m_answer(std::move(answer)), m_stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)),
       m_ready(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
-    m_thread.emplace([this, database = manager->printerDatabase, name = std::string(manager->databaseName)] {
+    m_thread.emplace([this, database = manager->printerDatabase.handle.load(), name = std::string(manager->databaseName)] {
         const Answering counted = [this](const std::string& mailbox, const std::string& text) {
             ++m_requests;
             return m_answer(mailbox, text);
@@ -116,6 +116,6 @@ DirectProduct::DirectProduct() {
     AddDirectVariables();
     manager = OpenAuthorised();
     record = RecordOf(manager);
-    database = record->printerDatabase;
+    database = record->printerDatabase.handle;
     SetReady(manager);
 }

@@ -38,7 +38,7 @@ struct ReadingProduct : Product {
         AddModelVariable(kModel, "S", 4, 0x10008, Text("abcd")); // fills its field: no NUL of its own
         AddModelVariable(kModel, "Mix", 14, 0x10040, Text("ModelNumber;S;"));
         manager = OpenPrinter();
-        database = RecordOf(manager)->printerDatabase;
+        database = RecordOf(manager)->printerDatabase.handle;
     }
     TvsManager manager;
     DatabaseHandle database;

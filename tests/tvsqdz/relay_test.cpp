@@ -63,13 +63,13 @@ struct RelayProduct : Product {
     RelayProduct() {
         AddDirectVariables();
         manager = OpenPrinter();
-        database = RecordOf(manager)->printerDatabase;
+        database = RecordOf(manager)->printerDatabase.handle;
         SetReady(manager);
     }
     Bytes List() const { return StoredBytes(database, "NotifyMsg"); }
     // The printer's entry keeps the number of an owner that was killed.
     void ForgetOwner() const {
-        const DatabaseHandle master = RecordOf(manager)->masterDatabase;
+        const DatabaseHandle master = RecordOf(manager)->masterDatabase.handle;
         Bytes list(568);
         DWORD size = 0;
         EXPECT_EQ(ReadVariable(master, "PrinterDatabase", list.data(), 568, &size), Answer::Done);

@@ -22,9 +22,9 @@ CHILD_PROCESS(ServesAPrinter) {
     });
     uint32_t reads = 0;
     ServePrinter(
-        record->printerDatabase, record->databaseName,
+        record->printerDatabase.handle, record->databaseName,
         [&](const std::string& mailbox, const std::string& text) {
-            if (mailbox == "ReadRequest") StoreBytes(record->printerDatabase, text, Number(++reads));
+            if (mailbox == "ReadRequest") StoreBytes(record->printerDatabase.handle, text, Number(++reads));
             return 0;
         },
         stop, [&] { child.Say("serves"); });
@@ -134,7 +134,7 @@ TEST(RequestCampaign, ManyProcessesMixOperationsAndAllResultsAreAccountedFor) {
         EXPECT_EQ(process.Wait(), 0) << process.Errors();
     }
     for (const TvsManager manager : managers)
-        EXPECT_EQ(NumbersLeft(RecordOf(manager)->printerDatabase), std::vector<uint32_t>());
+        EXPECT_EQ(NumbersLeft(RecordOf(manager)->printerDatabase.handle), std::vector<uint32_t>());
     for (TestProcess& printer : printers) {
         printer.Tell("end");
         EXPECT_EQ(printer.Wait(), 0) << printer.Errors();
@@ -177,7 +177,7 @@ TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
         ASSERT_TRUE(status == TVS_OK || (killPrinter && status == TVS_E_REQUEST_LOCK)) << status;
         WaitForSingleObject(killer.Handle(), 20000);
         // What is left belongs to the dead; each once.
-        std::vector<uint32_t> left = NumbersLeft(RecordOf(manager)->printerDatabase);
+        std::vector<uint32_t> left = NumbersLeft(RecordOf(manager)->printerDatabase.handle);
         std::sort(left.begin(), left.end());
         EXPECT_EQ(std::adjacent_find(left.begin(), left.end()), left.end());
     }

@@ -370,7 +370,7 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     const TvsManager manager = product.manager;
     const ManagerRecord* record = product.record;
     const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
-        if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
+        if (text == "DNumber") StoreBytes(record->printerDatabase.handle, "DNumber", Number(11));
         return 0;
     });
     uint32_t value = 0;
@@ -381,7 +381,7 @@ TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {
     EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("DNumber"), &value, 4), TVS_OK);
     EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("JobStatus"), &value, 4), TVS_E_UNKNOWN);
     EXPECT_EQ(SetPrinterStatusDirectW(manager, WIDE("RefreshStatus"), WIDE("B\u00FCro"), 10), TVS_OK);
-    const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
+    const Bytes refresh = StoredBytes(record->printerDatabase.handle, "RefreshStatus");
     EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
     // What no printer is asked for is read as GetPrinterStatusW reads it.
     const Bytes job = OrdinaryForms(kRecords[0], kScripts[0]).wide;
@@ -398,7 +398,7 @@ TEST(Wide, AsynchronousRequestsTakeTheWideForm) {
     const TvsManager manager = product.manager;
     const ManagerRecord* record = product.record;
     const PrinterSide printer(record, [&](const std::string&, const std::string& text) {
-        if (text == "DNumber") StoreBytes(record->printerDatabase, "DNumber", Number(11));
+        if (text == "DNumber") StoreBytes(record->printerDatabase.handle, "DNumber", Number(11));
         return text == "DNumberW" ? -77 : 0;
     });
     const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -419,7 +419,7 @@ TEST(Wide, AsynchronousRequestsTakeTheWideForm) {
     EXPECT_EQ(SetReqPrinterStatusMsgW(manager, WIDE("RefreshStatus"), WIDE("B\u00FCro"), 10, window, kMessage, &id),
               TVS_OK);
     EXPECT_TRUE(TakeMessage(message, window));
-    const Bytes refresh = StoredBytes(record->printerDatabase, "RefreshStatus");
+    const Bytes refresh = StoredBytes(record->printerDatabase.handle, "RefreshStatus");
     EXPECT_STREQ(reinterpret_cast<const char*>(refresh.data()), "B\xFCro");
     // The number is 0 whatever fails, before the ANSI form too, and looked at first.
     for (const Wide& name : {Wide(WIDE("Nothing")), Wide(32, u'a')}) {

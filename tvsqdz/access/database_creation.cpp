@@ -83,13 +83,14 @@ void CreateIndexedVariable(ManagerRecord* manager, const StatusVariableDef& vari
         workingUsed = true;
     }
     if (value.size == 0) value = {kEmptyVariableValue, sizeof kEmptyVariableValue};
-    CreateVariable(manager->printerDatabase, variable.name, type, value.size, value.data);
+    CreateVariable(manager->printerDatabase.handle, variable.name, type, value.size, value.data);
     if (workingUsed) memset(working, 0, kWorkingSize); // the next value may be shorter than its field
 }
 
 void CreateComposite(ManagerRecord* manager, const StatusVariableDef& variable) {
-    CreateVariable(manager->printerDatabase, variable.name, dblink::kTypeComposite, variable.size, nullptr);
-    SetCompositeMembers(manager->printerDatabase, variable.name, static_cast<const char*>(variable.defaultValue));
+    CreateVariable(manager->printerDatabase.handle, variable.name, dblink::kTypeComposite, variable.size, nullptr);
+    SetCompositeMembers(manager->printerDatabase.handle, variable.name,
+                        static_cast<const char*>(variable.defaultValue));
 }
 
 void ResetVariable(ManagerRecord* manager, const StatusVariableDef& variable, const BYTE* data, DWORD size) {
@@ -115,7 +116,7 @@ Population CreatePrinterVariables(ManagerRecord* manager) {
         if ((manager->variableIndex[i]->flags & SVT_COMPOSITE) != 0)
             CreateComposite(manager, *manager->variableIndex[i]);
 
-    const DatabaseHandle database = manager->printerDatabase;
+    const DatabaseHandle database = manager->printerDatabase.handle;
     CreateVariable(database, kMessageRegistrations, dblink::kTypeVariableLength, sizeof kEmptyVariableValue,
                    kEmptyVariableValue);
     CreateVariable(database, kRelayedRequest, dblink::kTypeRecord, kRelayedRequestSize, working.memory);

@@ -11,12 +11,9 @@ bool MayWriteDirectly(const ManagerRecord* manager, const StatusVariableDef& var
 }
 
 Status AskPrinter(ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable, DWORD mutexWait) {
-    const PrinterRequest request = {.printerDatabase = manager->printerDatabase,
-                                    .databaseName = manager->databaseName,
-                                    .kind = kind,
-                                    .variableName = variable.name};
+    const PrinterRequest request = RequestOf(manager, kind, variable.name);
     if (!UsesForwardedPath(manager)) return AskPrinterSide(request, mutexWait, INFINITE);
     if (const Status status = PostForwardedRequest(request); status != TVS_OK) return status;
-    if (!SpoolerIsReady(request.printerDatabase)) return TVS_E_NOT_READY;
+    if (!SpoolerIsReady(manager->printerDatabase)) return TVS_E_NOT_READY;
     return ForwardPostedRequest(request, RefreshedPrinterName(manager).text);
 }

@@ -13,7 +13,7 @@ bool IsName(const PrinterNameText& name) {
 
 } // namespace
 
-bool ReadStoredPrinterName(DatabaseHandle database, PrinterNameText* name) {
+bool ReadStoredPrinterName(const ManagerDatabase& database, PrinterNameText* name) {
     DWORD size = 0;
     return ReadVariable(database, kPrinterNameVariable, name->text, sizeof name->text, &size) == Answer::Done &&
            IsName(*name);

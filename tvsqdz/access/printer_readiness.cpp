@@ -9,7 +9,7 @@ namespace {
 constexpr char kPrinterExtStatus[] = "PrinterExtStatus";
 constexpr char kSpoolerStatus[] = "SpoolerStatus";
 
-bool ReadNumber(DatabaseHandle database, const char* name, uint32_t* value) {
+bool ReadNumber(const ManagerDatabase& database, const char* name, uint32_t* value) {
     DWORD size = 0;
     *value = 0;
     return ReadVariable(database, name, value, sizeof *value, &size) == Answer::Done;
@@ -28,7 +28,7 @@ bool PortRefusesRequests(const ManagerRecord* manager) {
     return (StoredPortKind(manager->printerDatabase) & TVS_PORT_NO_REQUESTS) != 0;
 }
 
-bool SpoolerIsReady(DatabaseHandle printerDatabase) {
+bool SpoolerIsReady(const ManagerDatabase& printerDatabase) {
     for (DWORD pause = 0;; ++pause) {
         uint32_t status = 0;
         if (!ReadNumber(printerDatabase, kSpoolerStatus, &status)) return false;
@@ -39,7 +39,7 @@ bool SpoolerIsReady(DatabaseHandle printerDatabase) {
     }
 }
 
-bool SpoolerTakesRefreshes(DatabaseHandle printerDatabase) {
+bool SpoolerTakesRefreshes(const ManagerDatabase& printerDatabase) {
     uint32_t status = 0;
     return ReadNumber(printerDatabase, kSpoolerStatus, &status) && (status & TVS_SPOOLER_RUNS) != 0;
 }

@@ -13,6 +13,6 @@ bool PrinterTakesRequests(const ManagerRecord* manager);
 // The printer's port is one that no request can go through.
 bool PortRefusesRequests(const ManagerRecord* manager);
 // Waits a moment for a spooler that is still getting ready (Timings.readinessPause, .readinessPauses).
-bool SpoolerIsReady(DatabaseHandle printerDatabase);
+bool SpoolerIsReady(const ManagerDatabase& printerDatabase);
 // The spooler takes refreshes.
-bool SpoolerTakesRefreshes(DatabaseHandle printerDatabase);
+bool SpoolerTakesRefreshes(const ManagerDatabase& printerDatabase);

@@ -28,6 +28,11 @@ struct ForwardText {
     char text[dblink::kRequestTextMax + 1];
 };
 
+// A service that does not know the handle is another one than the request was begun with.
+Status Ended(Answer answer) {
+    return PassOn(answer == Answer::UnknownDatabase ? Answer::CallFailed : answer);
+}
+
 const char* MailboxOf(RequestKind kind) {
     return kind == RequestKind::Read ? kReadRequest : kWriteRequest;
 }
@@ -82,7 +87,7 @@ Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DW
         const DWORD wait = WaitForSingleObject(event, left);
         DWORD writes = 0;
         if (const Answer answer = GetWriteCount(database, kResult, &writes); answer != Answer::Done)
-            return PassOn(answer);
+            return Ended(answer);
         if (writes != writesBefore) return TVS_OK;
         if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
         if (wait == WAIT_OBJECT_0) {
@@ -121,16 +126,23 @@ Status ReadResult(DatabaseHandle database) {
     int32_t result = 0;
     DWORD size = 0;
     const Answer answer = ReadVariable(database, kResult, &result, sizeof result, &size);
-    return answer == Answer::Done ? result : PassOn(answer);
+    return answer == Answer::Done ? result : Ended(answer);
 }
 
 } // namespace
+
+PrinterRequest RequestOf(const ManagerRecord* manager, RequestKind kind, const char* variableName) {
+    return {.printerDatabase = manager->printerDatabase.handle,
+            .databaseName = CurrentDatabaseName(manager),
+            .kind = kind,
+            .variableName = variableName};
+}
 
 RequestKind WriteKindOf(const char* variableName) {
     return strcmp(variableName, kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
 }
 
-Status PlaceValue(DatabaseHandle printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
+Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
     if (WriteKindOf(variable.name) == RequestKind::Refresh) {
         if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
         const CallerValue::Bytes text = value.Text();
@@ -145,15 +157,15 @@ Status PlaceValue(DatabaseHandle printerDatabase, const StatusVariableDef& varia
 Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs) {
     const DatabaseHandle database = request.printerDatabase;
     if (mutexWait == WAIT_ABANDONED) AwaitLateAnswer(database);
-    const KernelHandle event(CreateNamedEvent(
-        dblink::VariableEventName(g_terminalServer, request.databaseName, kResult, dblink::VariableSignal::Updated)));
+    const KernelHandle event(CreateNamedEvent(dblink::VariableEventName(g_terminalServer, request.databaseName.text,
+                                                                        kResult, dblink::VariableSignal::Updated)));
     if (!event) return TVS_E_MEMORY;
     {
         const ResultWatch watch(database);
         DWORD writes = 0;
         Answer answer = GetWriteCount(database, kResult, &writes);
         if (answer == Answer::Done) answer = PostRequest(request);
-        if (answer != Answer::Done) return PassOn(answer);
+        if (answer != Answer::Done) return Ended(answer);
         if (const Status status = AwaitResult(database, event.handle, writes, boundMs); status != TVS_OK) return status;
     }
     return ReadResult(database);
@@ -161,7 +173,7 @@ Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boun
 
 Status PostForwardedRequest(const PrinterRequest& request) {
     // A refresh has its text in a variable of its own, and nothing to name here.
-    return request.kind == RequestKind::Refresh ? TVS_OK : PassOn(PostRequest(request));
+    return request.kind == RequestKind::Refresh ? TVS_OK : Ended(PostRequest(request));
 }
 
 Status ForwardPostedRequest(const PrinterRequest& request, const char* printerName) {

@@ -13,29 +13,33 @@
 
 #include "access/caller_value.h"
 #include "catalogue/status_variable.h"
-#include "dblink/client.h"
+#include "frame/manager_record.h"
 #include "frame/status.h"
 
 #include <stdint.h>
 
 enum class RequestKind { Read, Write, Refresh };
 
+// Made of one service and answered by it: with the next one nobody knows of the request any more.
 struct PrinterRequest {
     DatabaseHandle printerDatabase;
-    const char* databaseName;
+    DatabaseNameText databaseName;
     RequestKind kind;
     const char* variableName; // not used by a refresh
 };
+
+PrinterRequest RequestOf(const ManagerRecord* manager, RequestKind kind, const char* variableName);
 
 // What a write of that variable asks for: a refresh is the write of "RefreshStatus".
 RequestKind WriteKindOf(const char* variableName);
 
 // Places what a write or a refresh of a variable is about. TVS_OK; TVS_E_UNKNOWN when a companion does not take the
 // value; TVS_E_NOT_NOW for a refresh while the spooler takes none; or the service's answer to the text of a refresh.
-Status PlaceValue(DatabaseHandle printerDatabase, const StatusVariableDef& variable, CallerValue& value);
+Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value);
 
 // The event path. mutexWait: the result of the wait for the request mutex. The status is the request's result, an
-// answer of the service when the request cannot be made or its result cannot be read, TVS_E_MEMORY when there is no
+// answer of the service when the request cannot be made or its result cannot be read, that of a failed call when the
+// service was started anew meanwhile, TVS_E_MEMORY when there is no
 // completion event, or TVS_E_REQUEST_LOCK when there is no answer in time, or the library is being unloaded. boundMs
 // INFINITE: a printer side that never answers holds up the caller and everyone behind it.
 Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs);

@@ -4,13 +4,13 @@
 // Whoever changes one holds the mutex that belongs to it from Load to Store.
 #pragma once
 
-#include "dblink/client.h"
+#include "dblink/manager_database.h"
 #include "frame/status.h"
 
 class StoredList {
 public:
     // name stays the caller's. itemSize: in bytes.
-    StoredList(DatabaseHandle database, const char* name, uint32_t itemSize)
+    StoredList(const ManagerDatabase& database, const char* name, uint32_t itemSize)
         : m_database(database), m_name(name), m_itemSize(itemSize) {}
     ~StoredList();
     StoredList(const StoredList&) = delete;
@@ -33,7 +33,7 @@ public:
 private:
     SIZE_T ItemOffset(uint32_t i) const;
 
-    DatabaseHandle m_database;
+    const ManagerDatabase& m_database;
     const char* m_name;
     uint32_t m_itemSize;
     uint32_t m_count = 0;

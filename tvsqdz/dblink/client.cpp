@@ -144,6 +144,17 @@ Answer CloseDatabase(DatabaseHandle database) {
     return CallWithHandle(kCloseDatabase, database);
 }
 
+Answer GetServiceInstance(ServiceInstance* instance) {
+    *instance = 0;
+    Call call(kGetServiceInstance, 0);
+    if (!call.Send()) return call.Failure();
+    const DWORD low = call.reply.U32();
+    const DWORD high = call.reply.U32();
+    const Answer answer = call.Status();
+    if (answer == Answer::Done) *instance = ServiceInstance{high} << 32 | low;
+    return answer;
+}
+
 Answer GetDatabaseInfo(DatabaseHandle database, DatabaseInfo* info) {
     *info = {};
     Call call(kGetDatabaseInfo, kNdrU32Size);

@@ -23,6 +23,7 @@ enum class Answer : LONG {
     TimedOut = ERROR_TIMEOUT,
     InvalidBinding = RPC_S_INVALID_BINDING,
     ServerUnavailable = RPC_S_SERVER_UNAVAILABLE,
+    CallFailed = RPC_S_CALL_FAILED,
     BadStubData = RPC_X_BAD_STUB_DATA,
 };
 
@@ -43,6 +44,8 @@ void UnbindStatusDatabase();
 Answer CreateDatabase(const char* name, DatabaseHandle* handle);
 Answer OpenDatabase(const char* name, DatabaseHandle* handle);
 Answer CloseDatabase(DatabaseHandle database);
+// *instance is 0 on failure.
+Answer GetServiceInstance(dblink::ServiceInstance* instance);
 // *info is zero on failure.
 Answer GetDatabaseInfo(DatabaseHandle database, dblink::DatabaseInfo* info);
 Answer EndDatabaseInitialization(DatabaseHandle database);

@@ -7,6 +7,7 @@
 //     0   CreateDatabase             text name                                        u32 handle
 //     1   OpenDatabase               text name                                        u32 handle
 //     2   CloseDatabase              u32 handle
+//     3   GetServiceInstance                                                          u32, u32: ServiceInstance
 //     4   GetDatabaseInfo            u32 handle                                       DatabaseInfo
 //     7   EndDatabaseInitialization  u32 handle
 //     8   CreateVariable             u32 handle, text name, u32 type, u32 size,
@@ -54,6 +55,8 @@ enum Procedure : UINT {
     kOpenDatabase = 1,
     // Ends the handle. A database whose creator closes its handle before it is ready is given up.
     kCloseDatabase = 2,
+    // Which run of the service this is. A handle that it does not know is one of an earlier run, when that was another.
+    kGetServiceInstance = 3,
     kGetDatabaseInfo = 4,
     // Only with the handle that CreateDatabase gave, once; else kNotCreator.
     kEndDatabaseInitialization = 7,
@@ -124,6 +127,9 @@ enum ServiceStatus : LONG {
     kNoAnswer = -18,         // ForwardRequest: the printer side did not answer in time
     kNotWritable = -20,      // WriteVariable: the service alone writes it
 };
+
+// GetServiceInstance: chosen at random when the service starts; never 0.
+using ServiceInstance = ULONGLONG;
 
 // GetDatabaseInfo: 24 bytes.
 struct DatabaseInfo {

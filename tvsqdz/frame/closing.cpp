@@ -4,6 +4,7 @@
 
 #include "frame/heap.h"
 #include "frame/printer_list.h"
+#include "frame/reopening.h"
 #include "frame/timings.h"
 #include "frame/variable_index.h"
 #include "notify/thread_records.h"
@@ -78,10 +79,8 @@ Status CloseManagerOf(TvsManager handle) {
 }
 
 void CloseDatabases(ManagerRecord* manager) {
-    if (manager->printerDatabase != 0) CloseDatabase(manager->printerDatabase);
-    if (manager->masterDatabase != 0) CloseDatabase(manager->masterDatabase);
-    manager->printerDatabase = 0;
-    manager->masterDatabase = 0;
+    for (ManagerDatabase* database : {&manager->printerDatabase, &manager->masterDatabase})
+        if (const DatabaseHandle handle = database->handle.exchange(0); handle != 0) CloseDatabase(handle);
 }
 
 void DestroyManager(ManagerRecord* manager) {
@@ -90,6 +89,7 @@ void DestroyManager(ManagerRecord* manager) {
     FreeBlock(manager->driverName);
     if (manager->databaseMutex != nullptr) CloseHandle(manager->databaseMutex);
     if (manager->requestMutex != nullptr) CloseHandle(manager->requestMutex);
+    CloseRetiredMutexes(manager);
     FreeVariables(manager);
     FreeBlock(manager);
 }

@@ -49,6 +49,13 @@ void ChangePrinterName(ManagerRecord* manager, const PrinterNameText& name) {
     memcpy(manager->printerName, name.text, sizeof name.text);
 }
 
+DatabaseNameText CurrentDatabaseName(const ManagerRecord* manager) {
+    DatabaseNameText name = {};
+    const ManagerLockHold lock;
+    memcpy(name.text, manager->databaseName, sizeof name.text - 1);
+    return name;
+}
+
 ManagerCall::ManagerCall(TvsManager handle) {
     if (!m_call) return;
     const ManagerLockHold lock;

@@ -5,16 +5,18 @@
 // to go takes the record down, so a manager that is closed while another thread is in a call on it outlives that call.
 #pragma once
 
-#include "dblink/client.h"
+#include "dblink/manager_database.h"
 #include "frame/platform_version.h"
 #include "frame/process_state.h"
 
 #include <tvsqdz.h>
 #include <windows.h>
 
+#include <atomic>
 #include <stddef.h>
 #include <stdint.h>
 
+struct RetiredMutex;
 struct StatusVariableDef;
 struct ThreadRecord;
 
@@ -42,17 +44,23 @@ struct ManagerRecord {
     // As it was given at open; an update of a persistent variable takes over a new name. After the open it is read and
     // changed under g_managerLock (CurrentPrinterName).
     char printerName[kPrinterNameSize];
+    // Another one when the printer has another number in the list of a new service. Read and changed as printerName is
+    // (CurrentDatabaseName).
     char databaseName[kDatabaseNameSize];
     char* driverName; // null: unknown
-    DatabaseHandle masterDatabase;
-    DatabaseHandle printerDatabase;
+    ManagerDatabase masterDatabase;
+    ManagerDatabase printerDatabase;
     // The manager's threads. A record is added only while the manager is in the list: a close takes them all.
     ThreadRecord* registrations GUARDED_BY(g_managerLock);
     HANDLE databaseMutex;
-    HANDLE requestMutex;
+    std::atomic<HANDLE> requestMutex;
     uint32_t lmFunction; // value of "LMFunction" at open; 0 under Windows NT 3.50 and 3.51
     ManagerRecord* next GUARDED_BY(g_managerLock);
     LONG volatile references;
+    // The service that the databases are open in; 0: it does not tell.
+    std::atomic<dblink::ServiceInstance> serviceInstance;
+    RetiredMutex* retiredMutexes GUARDED_BY(g_managerLock); // request mutexes of names that the database had before
+    std::atomic<DWORD> serviceLookedFor;                    // tick count: when a watcher last looked for a new service
 };
 static_assert(offsetof(ManagerRecord, flags) == 0 && offsetof(ManagerRecord, clientKind) == 4 &&
               offsetof(ManagerRecord, variableCount) == 8 && sizeof ManagerRecord::printerName == 260 &&
@@ -97,6 +105,12 @@ struct PrinterNameText {
 };
 PrinterNameText CurrentPrinterName(ManagerRecord* manager) EXCLUDES(g_managerLock);
 void ChangePrinterName(ManagerRecord* manager, const PrinterNameText& name) EXCLUDES(g_managerLock);
+
+// The name of the printer's database now.
+struct DatabaseNameText {
+    char text[dblink::kDatabaseNameMax + 1];
+};
+DatabaseNameText CurrentDatabaseName(const ManagerRecord* manager) EXCLUDES(g_managerLock);
 
 // A call on a manager, from the check of the handle to the export's return.
 class ManagerCall {

@@ -90,10 +90,13 @@ void WritePrinterName(ManagerRecord* manager) {
     WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
 }
 
+} // namespace
+
 Status ObtainPrinterDatabase(ManagerRecord* manager) {
     bool created = false;
-    if (CreateOrOpenDatabase(manager->databaseName, &manager->printerDatabase, &created) != Answer::Done)
-        return TVS_E_UNAVAILABLE;
+    DatabaseHandle database = 0;
+    if (CreateOrOpenDatabase(manager->databaseName, &database, &created) != Answer::Done) return TVS_E_UNAVAILABLE;
+    manager->printerDatabase.handle = database;
     if (!created) return TVS_OK;
     switch (CreatePrinterVariables(manager)) {
     case Population::Done:
@@ -106,6 +109,14 @@ Status ObtainPrinterDatabase(ManagerRecord* manager) {
     }
     return TVS_E_UNAVAILABLE;
 }
+
+void AskForPolling(ManagerRecord* manager) {
+    const uint32_t on = 1;
+    if (manager->clientKind == TVS_KIND_POLLING)
+        WriteVariable(manager->printerDatabase, kCompulsivePolling, &on, sizeof on);
+}
+
+namespace {
 
 bool SetUserName(ManagerRecord* manager, const char* userName) {
     manager->userName = static_cast<char*>(AllocateZeroed(kUserNameSize));
@@ -134,7 +145,7 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
         kClientKinds[manager->clientKind].repairsDefaultPrinter)
         RepairDefaultPrinter(manager->printerName);
     if (!StatusServiceIsUp(manager)) return TVS_E_SERVICE_TIMEOUT;
-    if (!AttachPrinterDatabase(manager)) return TVS_E_UNAVAILABLE;
+    if (!AttachPrinterDatabase(manager, nullptr)) return TVS_E_UNAVAILABLE;
     if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also for a printer whose driver nobody knows
     if (const Status status = ObtainPrinterDatabase(manager); status != TVS_OK) return status;
     if (!SetUserName(manager, names.user)) return TVS_E_MEMORY;
@@ -145,10 +156,7 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     if ((manager->flags & ManagerOwnsPrinter) != 0 && !StartManagerService(manager)) return TVS_E_MEMORY;
 
     opening.Keep();
-    if (manager->clientKind == TVS_KIND_POLLING) {
-        const uint32_t on = 1;
-        WriteVariable(manager->printerDatabase, kCompulsivePolling, &on, sizeof on);
-    }
+    AskForPolling(manager);
     ++g_openManagerCount;
     return TVS_OK;
 }

@@ -50,7 +50,7 @@ bool FailWithoutAnswer() {
 
 // The list is written by every process of the product: its counts are checked against what was read. What single
 // entries hold is checked where one is used.
-bool ReadList(DatabaseHandle master, ListBlock* block) {
+bool ReadList(const ManagerDatabase& master, ListBlock* block) {
     DWORD size = 0;
     Answer answer = ReadVariable(master, dblink::kPrinterListVariable, nullptr, 0, &size);
     if (answer != Answer::Done) return Fail(answer);
@@ -83,8 +83,18 @@ void TakeOverEntry(ManagerRecord* manager, const PrinterListEntry& entry) {
     manager->ownerProcessId = entry.ownerProcessId;
 }
 
+bool WantsOwnership(const ManagerRecord* manager, const FormerPlace* former) {
+    return manager->clientKind == TVS_KIND_OWNER && (former == nullptr || former->ownedPrinter);
+}
+
+bool HasNumber(const PrinterList* list, uint32_t index) {
+    for (uint32_t i = 0; i < list->entryCount; ++i)
+        if (list->entries[i].index == index) return true;
+    return false;
+}
+
 // An entry for the manager's printer under the number given.
-void FillEntry(ManagerRecord* manager, uint32_t index, PrinterListEntry* entry) {
+void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index, PrinterListEntry* entry) {
     *entry = {};
     entry->index = index;
     memcpy(entry->printerName, manager->printerName, sizeof entry->printerName);
@@ -92,14 +102,14 @@ void FillEntry(ManagerRecord* manager, uint32_t index, PrinterListEntry* entry) 
              static_cast<unsigned>(index));
     if (LookUpDriverName(manager) && strlen(manager->driverName) < sizeof entry->driverName)
         strcpy(entry->driverName, manager->driverName);
-    if (manager->clientKind == TVS_KIND_OWNER) entry->ownerProcessId = GetCurrentProcessId();
+    if (WantsOwnership(manager, former)) entry->ownerProcessId = GetCurrentProcessId();
 }
 
-bool UseExistingEntry(ManagerRecord* manager, ListBlock* block, PrinterListEntry* entry) {
+bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
     if (!IsTerminated(entry->databaseName) || entry->databaseName[0] == '\0' || !IsTerminated(entry->driverName))
         return FailWithoutAnswer();
     if (entry->driverName[0] != '\0') manager->driverName = CopyText(entry->driverName);
-    if (entry->ownerProcessId == 0 && manager->clientKind == TVS_KIND_OWNER) {
+    if (entry->ownerProcessId == 0 && WantsOwnership(manager, former)) {
         entry->ownerProcessId = GetCurrentProcessId();
         // An owner that the list does not tell of is none.
         const Answer answer =
@@ -110,13 +120,15 @@ bool UseExistingEntry(ManagerRecord* manager, ListBlock* block, PrinterListEntry
     return true;
 }
 
-bool AddEntry(ManagerRecord* manager, ListBlock* block, uint32_t highestIndex) {
-    if (kClientKinds[manager->clientKind].needsProduct && !IsOwnProcess()) return FailWithoutAnswer();
-    // A printer keeps its number for good, so none is used twice.
-    if (highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // no number is left
+bool AddEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, uint32_t highestIndex) {
+    if (former == nullptr && kClientKinds[manager->clientKind].needsProduct && !IsOwnProcess())
+        return FailWithoutAnswer();
     PrinterList* list = block->list;
+    // A printer keeps its number for good, so none is used twice.
+    const bool keepsNumber = former != nullptr && !HasNumber(list, former->printerIndex);
+    if (!keepsNumber && highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // no number is left
     PrinterListEntry* entry = &list->entries[list->entryCount];
-    FillEntry(manager, highestIndex + 1, entry);
+    FillEntry(manager, former, keepsNumber ? former->printerIndex : highestIndex + 1, entry);
     ++list->entryCount;
     const DWORD size = static_cast<DWORD>(ListSize(list->entryCount));
     list->storedLength = size - static_cast<DWORD>(sizeof list->storedLength);
@@ -126,23 +138,24 @@ bool AddEntry(ManagerRecord* manager, ListBlock* block, uint32_t highestIndex) {
     return true;
 }
 
-bool FindOrAddPrinter(ManagerRecord* manager) {
+bool FindOrAddPrinter(ManagerRecord* manager, const FormerPlace* former) {
     ListBlock block;
     if (!ReadList(manager->masterDatabase, &block)) return false;
     uint32_t highestIndex = 0;
     PrinterListEntry* entry = FindPrinter(block.list, manager->printerName, &highestIndex);
-    return entry != nullptr ? UseExistingEntry(manager, &block, entry) : AddEntry(manager, &block, highestIndex);
+    return entry != nullptr ? UseExistingEntry(manager, former, &block, entry)
+                            : AddEntry(manager, former, &block, highestIndex);
 }
 
 // The machine's first open, whatever its client kind.
-bool MakeList(ManagerRecord* manager) {
+bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
     const HeapBlock block(sizeof(PrinterList));
     if (block.memory == nullptr) return FailWithoutAnswer();
     PrinterList* list = reinterpret_cast<PrinterList*>(block.memory);
     list->storedLength = sizeof *list - sizeof list->storedLength;
     list->entryCount = 1;
-    FillEntry(manager, 1, &list->entries[0]);
-    const DatabaseHandle master = manager->masterDatabase;
+    FillEntry(manager, former, former != nullptr ? former->printerIndex : 1, &list->entries[0]);
+    const DatabaseHandle master = manager->masterDatabase.handle;
     Answer answer = CreateVariable(master, dblink::kPrinterListVariable, dblink::kTypeVariableLength,
                                    sizeof kEmptyVariableValue, kEmptyVariableValue);
     if (answer == Answer::Done) answer = WriteVariable(master, dblink::kPrinterListVariable, list, sizeof *list);
@@ -154,26 +167,35 @@ bool MakeList(ManagerRecord* manager) {
 
 } // namespace
 
-bool AttachPrinterDatabase(ManagerRecord* manager) {
+bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
+    // Asked before anything is opened: handles of a later service than this one are opened again in vain, those of an
+    // earlier one would be taken for its own. Where the creation restarts the service, there is none to ask before.
+    dblink::ServiceInstance instance = 0;
+    GetServiceInstance(&instance);
     bool created = false;
-    const Answer answer = CreateOrOpenDatabase(dblink::kMasterDatabase, &manager->masterDatabase, &created);
+    DatabaseHandle master = 0;
+    const Answer answer = CreateOrOpenDatabase(dblink::kMasterDatabase, &master, &created);
     if (answer != Answer::Done) return Fail(answer);
-    if (!(created ? MakeList(manager) : FindOrAddPrinter(manager))) {
+    manager->masterDatabase.handle = master;
+    if (instance == 0) GetServiceInstance(&instance);
+    manager->serviceInstance = instance;
+    if (!(created ? MakeList(manager, former) : FindOrAddPrinter(manager, former))) {
         const DWORD reason = GetLastError(); // the close may change it
-        CloseDatabase(manager->masterDatabase);
-        manager->masterDatabase = 0;
+        CloseDatabase(master);
+        manager->masterDatabase.handle = 0;
         SetLastError(reason);
         return false;
     }
     if (manager->ownerProcessId != 0) AddKindBits(kOwnerKindBit);
-    if (manager->clientKind == TVS_KIND_OWNER && manager->ownerProcessId == GetCurrentProcessId())
+    if (WantsOwnership(manager, former) && manager->ownerProcessId == GetCurrentProcessId())
         manager->flags |= ManagerOwnsPrinter;
     LookUpDriverName(manager); // an entry from before the driver was known
     SetLastError(ERROR_SUCCESS);
     return true;
 }
 
-Renaming RenameInPrinterList(DatabaseHandle master, const PrinterNameText& oldName, const PrinterNameText& newName) {
+Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameText& oldName,
+                             const PrinterNameText& newName) {
     ListBlock block;
     if (!ReadList(master, &block)) return block.outOfMemory ? Renaming::NoMemory : Renaming::UnknownPrinter;
     uint32_t highestIndex = 0;

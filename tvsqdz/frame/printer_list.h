@@ -8,12 +8,21 @@ using dblink::PrinterList;
 using dblink::PrinterListEntry;
 static_assert(sizeof PrinterListEntry::printerName == kPrinterNameSize);
 
+// What a manager had in the list of an earlier service.
+struct FormerPlace {
+    uint32_t printerIndex;
+    bool ownedPrinter;
+};
+
 // Finds the manager's printer in the list or adds it; makes the master database and the list when the machine has none.
 // The database mutex is held by the caller, printerName and clientKind are set. On success masterDatabase is open and
-// databaseName, printerIndex, ownerProcessId and, where it is known, driverName are set; a client of kind 6 has become
-// the owner when there was none (ManagerOwnsPrinter). On failure nothing is open, and the last error is the answer that
-// was the reason, or 0.
-bool AttachPrinterDatabase(ManagerRecord* manager);
+// serviceInstance, databaseName, printerIndex, ownerProcessId and, where it is known, driverName are set; a client of
+// kind 6 has become the owner when there was none (ManagerOwnsPrinter). On failure nothing is open, and the last error
+// is the answer that was the reason, or 0.
+//
+// former: null at an open. A manager that had a place may add its printer whatever its kind, under the number that it
+// had if that is free, and becomes the owner only if it was the owner.
+bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former);
 
 // What RenameInPrinterList did.
 enum class Renaming {
@@ -24,7 +33,8 @@ enum class Renaming {
     NoMemory
 };
 // Gives the first entry of the old name the new one. The database mutex is held by the caller.
-Renaming RenameInPrinterList(DatabaseHandle master, const PrinterNameText& oldName, const PrinterNameText& newName);
+Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameText& oldName,
+                             const PrinterNameText& newName);
 
 // Gives the ownership that ManagerOwnsPrinter tells of back. Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);

@@ -30,6 +30,11 @@ struct Timings {
     DWORD initialisedPause = 10;
     DWORD initialisedBound = 60000;
 
+    // A manager whose service was started anew: how long a call waits for another manager's open or reopening before it
+    // gives up; and how often a watcher that nobody tells anything looks whether there is a new service.
+    DWORD reopenBound = 10000;
+    DWORD serviceLook = 2000;
+
     // Opening: the pause before a default printer that does not exist is replaced, and how long a desktop agent that
     // was started is given to be ready (client kind 11, and the other kinds).
     DWORD defaultPrinterPause = 10000;

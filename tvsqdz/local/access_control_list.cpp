@@ -17,7 +17,7 @@ void AccessControlList::Drop() {
     m_size = 0;
 }
 
-Status AccessControlList::Load(DatabaseHandle database) {
+Status AccessControlList::Load(const ManagerDatabase& database) {
     Drop();
     DWORD size = 0;
     Answer answer = ReadVariable(database, kName, m_small, sizeof m_small, &size);

@@ -2,7 +2,7 @@
 // ACL in the Windows form.
 #pragma once
 
-#include "dblink/client.h"
+#include "dblink/manager_database.h"
 #include "frame/heap.h"
 #include "frame/status.h"
 
@@ -17,7 +17,7 @@ public:
 
     // Reads it anew, with one call of the service for a list of ordinary size. TVS_OK, TVS_E_MEMORY or the answer of
     // the service; none is held then.
-    Status Load(DatabaseHandle database);
+    Status Load(const ManagerDatabase& database);
     // The ACL, aligned to 4 bytes, and what is there of it: 0 bytes for a value that is all length or less.
     const void* Acl() const { return Value() + kLengthSize; }
     uint32_t AclSize() const { return m_size > kLengthSize ? m_size - kLengthSize : 0; }

@@ -33,8 +33,8 @@ uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName) {
     return count;
 }
 
-Status ReadOwnerJobCount(DatabaseHandle database, HANDLE databaseMutex, const char* queueName, const char* userName,
-                         uint32_t* count) {
+Status ReadOwnerJobCount(const ManagerDatabase& database, HANDLE databaseMutex, const char* queueName,
+                         const char* userName, uint32_t* count) {
     JobQueue queue(database, queueName);
     {
         const MutexHold lock(databaseMutex);

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "access/stored_list.h"
-#include "dblink/client.h"
+#include "dblink/manager_database.h"
 #include "frame/status.h"
 
 #include <tvsqdz_records.h>
@@ -18,7 +18,7 @@ inline constexpr char kSpoolerQueue[] = "SpoolerQueue";
 inline constexpr uint32_t kPrinterQueueLimit = 50;
 
 struct JobQueue : StoredList {
-    JobQueue(DatabaseHandle database, const char* name) : StoredList(database, name, sizeof(TvsJobRecord)) {}
+    JobQueue(const ManagerDatabase& database, const char* name) : StoredList(database, name, sizeof(TvsJobRecord)) {}
 
     const TvsJobRecord& Job(uint32_t i) const { return *reinterpret_cast<const TvsJobRecord*>(Item(i)); }
 };
@@ -28,5 +28,5 @@ uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName);
 
 // The same of a stored queue, which is read under the database mutex. TVS_OK, TVS_E_MEMORY, or the service's answer;
 // *count is untouched then.
-Status ReadOwnerJobCount(DatabaseHandle database, HANDLE databaseMutex, const char* queueName, const char* userName,
-                         uint32_t* count);
+Status ReadOwnerJobCount(const ManagerDatabase& database, HANDLE databaseMutex, const char* queueName,
+                         const char* userName, uint32_t* count);

@@ -30,26 +30,23 @@ uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer)
 class MyJobWatcher {
 public:
     MyJobWatcher(const NotificationRegistration& registration, const char* queueName)
-        : m_registration(registration), m_queueName(queueName),
-          m_changeEvent(BeginWatch(registration, queueName, dblink::kOnlyChanges)) {
+        : m_registration(registration), m_queueName(queueName), m_watch(registration, queueName, dblink::kOnlyChanges) {
         // A queue that cannot be read counts as empty, as a read of the variable has it.
         while (Count(&m_told) == TVS_E_MEMORY &&
                WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT) {
         }
         ThreadHasBegun(registration.thread);
     }
-    ~MyJobWatcher() { EndWatch(m_registration, m_queueName, m_changeEvent); }
     MyJobWatcher(const MyJobWatcher&) = delete;
     MyJobWatcher& operator=(const MyJobWatcher&) = delete;
 
     void Run() {
-        WatchUntilStopped(m_registration.thread.stopEvent, m_changeEvent, g_timings.firstLook,
-                          [this] { return TellChange(); });
+        WatchUntilStopped(m_registration, m_watch, g_timings.firstLook, [this] { return TellChange(); });
     }
 
 private:
     Status Count(uint32_t* count) const {
-        return ReadOwnerJobCount(m_registration.printerDatabase, m_registration.databaseMutex, m_queueName,
+        return ReadOwnerJobCount(PrinterDatabaseOf(m_registration), m_registration.databaseMutex, m_queueName,
                                  m_registration.userName, count);
     }
 
@@ -58,7 +55,7 @@ private:
     DWORD TellChange() {
         const DWORD begun = GetTickCount();
         SYSTEMTIME written = {};
-        GetWriteTime(m_registration.printerDatabase, m_queueName, &written);
+        GetWriteTime(PrinterDatabaseOf(m_registration), m_queueName, &written);
         uint32_t count = 0;
         const Status status = Count(&count);
         if (status == TVS_OK && count != m_told) {
@@ -71,7 +68,7 @@ private:
 
     const NotificationRegistration& m_registration;
     const char* const m_queueName;
-    const HANDLE m_changeEvent;
+    Watch m_watch;
     uint32_t m_told = 0;
 };
 

@@ -19,7 +19,7 @@ constexpr DWORD kAllJobs = 0xFFFFFFFF;
 constexpr int kAttempts = 8;
 
 // The job that is being sent; 0 when there is none, or when that cannot be read.
-uint32_t SendingJob(DatabaseHandle database) {
+uint32_t SendingJob(const ManagerDatabase& database) {
     TvsJobRecord job = {};
     DWORD size = 0;
     ReadVariable(database, kSendingJobInfo, &job, sizeof job, &size);

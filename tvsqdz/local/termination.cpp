@@ -58,7 +58,7 @@ void WakeWatchers() {
     if (event) SetEvent(event.handle); // without it nobody watches
 }
 
-Answer Store(DatabaseHandle database, uint32_t value) {
+Answer Store(const ManagerDatabase& database, uint32_t value) {
     return WriteVariable(database, kTerminateManager, &value, sizeof value);
 }
 
@@ -87,7 +87,7 @@ DWORD WINAPI TerminateManagerWatch(void* parameter) {
     ThreadHasBegun(registration.thread);
     const HANDLE handles[] = {registration.thread.stopEvent, terminated.handle};
     if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
-        Store(registration.printerDatabase, 1);
+        Store(PrinterDatabaseOf(registration), 1);
         Deliver(registration.entries[0]);
     }
     return kEnded;

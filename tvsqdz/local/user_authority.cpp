@@ -20,7 +20,7 @@ constexpr uint32_t kPollingAuthority = TVS_AUTHORITY_PRINT | TVS_AUTHORITY_OWN_J
 static_assert(kAllAuthority == 31 && kPollingAuthority == 11);
 
 // What the component that serves such a port says; nothing when that cannot be read.
-uint32_t StoredAuthority(DatabaseHandle database) {
+uint32_t StoredAuthority(const ManagerDatabase& database) {
     uint32_t authority = 0;
     DWORD size = 0;
     if (ReadVariable(database, "UserAuthority", &authority, sizeof authority, &size) != Answer::Done) return 0;
@@ -36,7 +36,7 @@ uint32_t PrinterAuthority(const ManagerRecord* manager) {
 
 } // namespace
 
-uint32_t StoredPortKind(DatabaseHandle database) {
+uint32_t StoredPortKind(const ManagerDatabase& database) {
     TvsPortRecord port = {};
     DWORD size = 0;
     if (ReadVariable(database, "Port", &port, sizeof port, &size) != Answer::Done) return 0;

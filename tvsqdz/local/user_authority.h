@@ -4,7 +4,7 @@
 // the process where the thread impersonates nobody. Nothing is kept.
 #pragma once
 
-#include "dblink/client.h"
+#include "dblink/manager_database.h"
 #include "frame/manager_record.h"
 
 #include <stdint.h>
@@ -17,4 +17,4 @@ uint32_t UserAuthority(const ManagerRecord* manager);
 uint32_t AclAuthority(const void* acl, uint32_t size);
 
 // The kind of the printer's port as it is stored; 0 when it cannot be read.
-uint32_t StoredPortKind(DatabaseHandle database);
+uint32_t StoredPortKind(const ManagerDatabase& database);

@@ -17,18 +17,16 @@ constexpr char kAccessControlList[] = "AccessControlList";
 class ListWatcher {
 public:
     explicit ListWatcher(const NotificationRegistration& registration)
-        : m_registration(registration),
-          m_changeEvent(BeginWatch(registration, kAccessControlList, dblink::kOnlyChanges)) {
+        : m_registration(registration), m_watch(registration, kAccessControlList, dblink::kOnlyChanges) {
         // Without a list nobody has any authority.
         if (Load(m_list) == TVS_OK) m_told = AclAuthority(m_list.Acl(), m_list.AclSize());
         ThreadHasBegun(registration.thread);
     }
-    ~ListWatcher() { EndWatch(m_registration, kAccessControlList, m_changeEvent); }
     ListWatcher(const ListWatcher&) = delete;
     ListWatcher& operator=(const ListWatcher&) = delete;
 
     void Run() {
-        WatchUntilStopped(m_registration.thread.stopEvent, m_changeEvent, g_timings.firstLook,
+        WatchUntilStopped(m_registration, m_watch, g_timings.firstLook,
                           [this] { return TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : TimeToNextLook(); });
     }
 
@@ -36,7 +34,7 @@ private:
     // The mutex is held no longer than the service needs to answer.
     Status Load(AccessControlList& list) const {
         const MutexHold lock(m_registration.databaseMutex);
-        return list.Load(m_registration.printerDatabase);
+        return list.Load(PrinterDatabaseOf(m_registration));
     }
 
     // A list that cannot be read is no news.
@@ -61,7 +59,7 @@ private:
     }
 
     const NotificationRegistration& m_registration;
-    const HANDLE m_changeEvent;
+    Watch m_watch;
     AccessControlList m_list;
     uint32_t m_told = 0;
 };
@@ -71,7 +69,7 @@ private:
 DWORD WINAPI UserAuthorityWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
     const bool fromList = SystemVersion().dwPlatformId == VER_PLATFORM_WIN32_NT &&
-                          (StoredPortKind(registration.printerDatabase) & TVS_PORT_NO_REQUESTS) == 0;
+                          (StoredPortKind(PrinterDatabaseOf(registration)) & TVS_PORT_NO_REQUESTS) == 0;
     if (!fromList) return VariableWatch(parameter);
     ListWatcher(registration).Run();
     return kEnded;

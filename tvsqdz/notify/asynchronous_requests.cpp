@@ -46,7 +46,8 @@ StatusRequest NewRequest(ManagerRecord* manager, const StatusVariableDef& variab
     request.target = HandleToULong(completion.target);
     request.message = completion.message;
     memcpy(request.variableName, variable.name, strlen(variable.name));
-    memcpy(request.databaseName, manager->databaseName, sizeof request.databaseName - 1);
+    const DatabaseNameText database = CurrentDatabaseName(manager);
+    memcpy(request.databaseName, database.text, sizeof request.databaseName);
     const PrinterNameText printer = RefreshedPrinterName(manager);
     memcpy(request.printerName, printer.text, sizeof request.printerName);
     request.useForward = UsesForwardedPath(manager) ? 1 : 0;
@@ -95,7 +96,7 @@ bool ResetNumber(uint32_t* callersNumber) {
 // form the request mutex, so that it waits for its turn here.
 Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value,
                      const Completion& completion, uint32_t* callersNumber) {
-    MutexHold lock(completion.IsMessage() ? manager->requestMutex : manager->databaseMutex);
+    MutexHold lock(completion.IsMessage() ? manager->requestMutex.load() : manager->databaseMutex);
     if (lock.held == nullptr) return TVS_E_REQUEST_LOCK;
     const bool isHandled = completion.IsMessage() && variable.localWrite != nullptr;
     if (!isHandled) {

@@ -7,7 +7,7 @@ namespace {
 constexpr DWORD kFirstCapacity = 16384;
 
 // The service's word for a size is believed only as far as the buffer goes.
-bool ReadInto(void* buffer, DWORD capacity, DatabaseHandle database, const char* name, DWORD* size) {
+bool ReadInto(void* buffer, DWORD capacity, const ManagerDatabase& database, const char* name, DWORD* size) {
     return ReadVariable(database, name, buffer, capacity, size) == Answer::Done && *size <= capacity;
 }
 
@@ -23,7 +23,7 @@ void CallbackValue::Resize(DWORD capacity) {
     m_capacity = m_block != nullptr ? capacity : 0;
 }
 
-const BYTE* CallbackValue::ReadGrowing(DatabaseHandle database, const char* name, DWORD* size) {
+const BYTE* CallbackValue::ReadGrowing(const ManagerDatabase& database, const char* name, DWORD* size) {
     if (m_block == nullptr) Resize(kFirstCapacity);
     if (m_block != nullptr && ReadInto(m_block, m_capacity, database, name, size)) return m_block;
     DWORD needed = 0;
@@ -37,7 +37,7 @@ const BYTE* CallbackValue::ReadGrowing(DatabaseHandle database, const char* name
 
 const BYTE* CallbackValue::Read(const NotificationRegistration& registration, const NotificationEntry& entry,
                                 DWORD* size) {
-    const DatabaseHandle database = registration.printerDatabase;
+    const ManagerDatabase& database = PrinterDatabaseOf(registration);
     // A reply is as long as the buffer, so a value of known size is asked for with that.
     if (entry.valueSize != 0 && entry.valueSize <= sizeof m_fixed &&
         ReadInto(m_fixed, entry.valueSize, database, entry.variableName, size))

@@ -20,7 +20,7 @@ public:
 private:
     static constexpr DWORD kFixedMax = 320; // "PrintingJobInfo2", the largest that is watched on its own
 
-    const BYTE* ReadGrowing(DatabaseHandle database, const char* name, DWORD* size);
+    const BYTE* ReadGrowing(const ManagerDatabase& database, const char* name, DWORD* size);
     void Resize(DWORD capacity);
 
     bool m_grows;

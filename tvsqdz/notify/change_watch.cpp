@@ -17,7 +17,6 @@ constexpr uint32_t kRepeatsTrusted = 100;
 class ChangeWatcher {
 public:
     ChangeWatcher(const NotificationRegistration& registration, DWORD awakeMs, CallbackValue* value);
-    ~ChangeWatcher();
     ChangeWatcher(const ChangeWatcher&) = delete;
     ChangeWatcher& operator=(const ChangeWatcher&) = delete;
 
@@ -27,9 +26,12 @@ private:
     const NotificationEntry& Entry(DWORD k) const { return m_registration.entries[m_entryOf[k]]; }
     bool IsChange(DWORD result) const { return result > WAIT_OBJECT_0 && result < WAIT_OBJECT_0 + m_count; }
     DWORD Wait(DWORD milliseconds) const { return WaitForMultipleObjects(m_count, m_handles, FALSE, milliseconds); }
+    DWORD WaitIdle() const;
     DWORD WaitAwake();
     void Tell(DWORD k);
     bool TellFirstNew();
+    bool ServiceIsNew() const { return m_count > 1 && m_watches[1].IsLost(); }
+    void RenewAndTell();
 
     const NotificationRegistration& m_registration;
     const DWORD m_awakeMs;
@@ -37,6 +39,7 @@ private:
     // The wait set: the stop event, then the change events of the entries that are not delegated, in their order.
     DWORD m_count = 1;
     HANDLE m_handles[MAXIMUM_WAIT_OBJECTS];
+    Watch m_watches[MAXIMUM_WAIT_OBJECTS];
     uint32_t m_entryOf[MAXIMUM_WAIT_OBJECTS];
     SYSTEMTIME m_nextWrite[MAXIMUM_WAIT_OBJECTS] = {}; // from when on a write is one that has not been told
     DWORD m_lastAwake = WAIT_OBJECT_0;                 // the result of the last wait after a delivery
@@ -57,15 +60,11 @@ ChangeWatcher::ChangeWatcher(const NotificationRegistration& registration, DWORD
         SYSTEMTIME written = {};
         ReadWriteTime(registration, entry, &written); // what was written before is not news
         m_nextWrite[m_count] = MillisecondAfter(written);
-        m_handles[m_count] = BeginWatch(registration, entry.variableName, ModeOf(entry));
+        m_watches[m_count].Begin(registration, entry.variableName, ModeOf(entry));
+        m_handles[m_count] = m_watches[m_count].Event();
         ++m_count;
     }
     ThreadHasBegun(registration.thread);
-}
-
-ChangeWatcher::~ChangeWatcher() {
-    for (DWORD k = 1; k < m_count; ++k)
-        EndWatch(m_registration, Entry(k).variableName, m_handles[k]);
 }
 
 void ChangeWatcher::Tell(DWORD k) {
@@ -91,6 +90,29 @@ bool ChangeWatcher::TellFirstNew() {
     return false;
 }
 
+// Everything may have been written since the service before this one went.
+void ChangeWatcher::RenewAndTell() {
+    for (DWORD k = 1; k < m_count; ++k) {
+        m_watches[k].Renew();
+        m_handles[k] = m_watches[k].Event();
+    }
+    for (DWORD k = 1; k < m_count; ++k) {
+        SYSTEMTIME written = {};
+        if (ReadWriteTime(m_registration, Entry(k), &written)) m_nextWrite[k] = MillisecondAfter(written);
+        Tell(k);
+    }
+}
+
+// Until something happens, be it that the service is another one.
+DWORD ChangeWatcher::WaitIdle() const {
+    for (;;) {
+        const DWORD result = Wait(m_count > 1 ? g_timings.serviceLook : INFINITE);
+        if (result != WAIT_TIMEOUT) return result;
+        LookForNewService(m_registration);
+        if (ServiceIsNew()) return result;
+    }
+}
+
 DWORD ChangeWatcher::WaitAwake() {
     const DWORD result = Wait(m_awakeMs);
     if (result != m_lastAwake) {
@@ -107,10 +129,12 @@ DWORD ChangeWatcher::WaitAwake() {
 void ChangeWatcher::Run() {
     DWORD result = Wait(g_timings.firstLook); // a write may have come before this wait
     for (;;) {
-        if (result == WAIT_TIMEOUT) {
+        if (result != WAIT_OBJECT_0 && result != WAIT_FAILED && ServiceIsNew()) {
+            RenewAndTell();
+        } else if (result == WAIT_TIMEOUT) {
             if (!TellFirstNew()) {
                 m_repeats = 0;
-                result = Wait(INFINITE);
+                result = WaitIdle();
                 continue;
             }
         } else if (IsChange(result)) {

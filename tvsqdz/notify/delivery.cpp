@@ -3,18 +3,39 @@
 #include "frame/object_names.h"
 #include "frame/process_state.h"
 
-HANDLE BeginWatch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode) {
+void Watch::Begin(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode) {
+    m_registration = &registration;
+    m_variable = variableName;
+    m_mode = mode;
     const dblink::VariableSignal signal =
         mode == dblink::kEveryWrite ? dblink::VariableSignal::Updated : dblink::VariableSignal::Changed;
-    HANDLE event =
-        CreateNamedEvent(dblink::VariableEventName(g_terminalServer, registration.databaseName, variableName, signal));
-    WatchVariable(registration.printerDatabase, variableName, mode);
-    return event;
+    // Before the name and the watch: if the service changes in between, the watch is one that is lost.
+    m_database = PrinterDatabaseOf(registration).handle;
+    const DatabaseNameText database = CurrentDatabaseName(registration.thread.manager);
+    m_event = CreateNamedEvent(dblink::VariableEventName(g_terminalServer, database.text, variableName, signal));
+    WatchVariable(m_database, variableName, mode);
 }
 
-void EndWatch(const NotificationRegistration& registration, const char* variableName, HANDLE event) {
-    UnwatchVariable(registration.printerDatabase, variableName);
-    if (event != nullptr) CloseHandle(event);
+// With the handle that it was made with: a later service counts the watches of others under that name.
+void Watch::End() {
+    if (m_registration == nullptr) return;
+    UnwatchVariable(m_database, m_variable);
+    if (m_event != nullptr) CloseHandle(m_event);
+}
+
+void Watch::Renew() {
+    End();
+    Begin(*m_registration, m_variable, m_mode);
+}
+
+void LookForNewService(const NotificationRegistration& registration) {
+    ManagerRecord* manager = registration.thread.manager;
+    const DWORD now = GetTickCount();
+    DWORD before = manager->serviceLookedFor;
+    if (now - before < g_timings.serviceLook / 2 || !manager->serviceLookedFor.compare_exchange_strong(before, now))
+        return;
+    dblink::DatabaseInfo info;
+    GetDatabaseInfo(manager->printerDatabase, &info);
 }
 
 void SignalCount::Count(HANDLE event) {
@@ -41,7 +62,7 @@ void CallBack(const NotificationRegistration& registration, const NotificationEn
 }
 
 bool ReadWriteTime(const NotificationRegistration& registration, const NotificationEntry& entry, SYSTEMTIME* time) {
-    return GetWriteTime(registration.printerDatabase, entry.variableName, time) == Answer::Done;
+    return GetWriteTime(PrinterDatabaseOf(registration), entry.variableName, time) == Answer::Done;
 }
 
 SYSTEMTIME MillisecondAfter(SYSTEMTIME time) {

@@ -1,14 +1,44 @@
 // What watcher threads have in common: the watched event of a variable, its write time, and telling the registrant.
 #pragma once
 
+#include "frame/timings.h"
 #include "notify/registration_record.h"
 
 #include <windows.h>
 
-// Opens the event of a variable of the registration's printer, which the service pulses at every write or at every
-// change, and has it do so. Null when there is no event; a wait for it then fails, and the watcher ends.
-HANDLE BeginWatch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
-void EndWatch(const NotificationRegistration& registration, const char* variableName, HANDLE event);
+// The event of a variable of the registration's printer, which the service pulses at every write or at every change for
+// as long as the watch lives. A service that was started anew knows nothing of it: it is lost then, and renewed by its
+// watcher, which tells what may have been missed.
+class Watch {
+public:
+    Watch() = default;
+    Watch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode) {
+        Begin(registration, variableName, mode);
+    }
+    ~Watch() { End(); }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+    // variableName stays the caller's.
+    void Begin(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
+    // Null when there is no event; a wait for it then fails, and the watcher ends. Another one after a renewal.
+    HANDLE Event() const { return m_event; }
+    bool IsLost() const { return PrinterDatabaseOf(*m_registration).handle != m_database; }
+    void Renew();
+
+private:
+    void End();
+
+    const NotificationRegistration* m_registration = nullptr;
+    const char* m_variable = nullptr;
+    dblink::WatchMode m_mode = dblink::kOnlyChanges;
+    DatabaseHandle m_database = 0; // that it was made with
+    HANDLE m_event = nullptr;
+};
+
+// For a watcher that nothing was told for Timings.serviceLook: opens the manager's databases again if there is a new
+// service, whereupon its watches are lost. One watcher of a manager asks for all of them.
+void LookForNewService(const NotificationRegistration& registration);
 
 // A watcher that is back within this time has missed no pulse that does not come again.
 inline constexpr DWORD kPulseComesAgainMs = 40;
@@ -24,16 +54,23 @@ private:
 };
 
 // The life of a watcher that works out anew, at every signal, what it watches: tellChange does that, delivers, and
-// answers how long to wait until the next look without a signal. changeEvent: of BeginWatch.
+// answers how long to wait until the next look without a signal.
 template <typename TellChange> // DWORD()
-void WatchUntilStopped(HANDLE stopEvent, HANDLE changeEvent, DWORD firstLook, TellChange tellChange) {
-    const HANDLE handles[] = {stopEvent, changeEvent};
+void WatchUntilStopped(const NotificationRegistration& registration, Watch& watch, DWORD firstLook,
+                       TellChange tellChange) {
     SignalCount signals;
     DWORD wait = firstLook; // a write may have come before this wait
     for (;;) {
-        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, wait);
+        const HANDLE handles[] = {registration.thread.stopEvent, watch.Event()};
+        const bool idle = wait == INFINITE;
+        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, idle ? g_timings.serviceLook : wait);
         if (result == WAIT_OBJECT_0 || result == WAIT_FAILED) return;
-        if (result == WAIT_OBJECT_0 + 1) signals.Count(changeEvent);
+        if (result == WAIT_OBJECT_0 + 1) signals.Count(watch.Event());
+        if (idle && result == WAIT_TIMEOUT) {
+            LookForNewService(registration);
+            if (!watch.IsLost()) continue;
+        }
+        if (watch.IsLost()) watch.Renew();
         wait = tellChange();
     }
 }

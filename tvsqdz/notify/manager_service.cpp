@@ -18,21 +18,6 @@ namespace {
 constexpr DWORD kStopped = 1;
 constexpr DWORD kNotServed = static_cast<DWORD>(-1);
 
-// One of the two variables that others write to.
-struct Mailbox {
-    Mailbox(const NotificationRegistration& owner, const char* name)
-        : registration(owner), variable(name), event(BeginWatch(owner, name, dblink::kEveryWrite)) {}
-    ~Mailbox() {
-        if (event != nullptr) EndWatch(registration, variable, event);
-    }
-    Mailbox(const Mailbox&) = delete;
-    Mailbox& operator=(const Mailbox&) = delete;
-
-    const NotificationRegistration& registration;
-    const char* variable;
-    HANDLE event; // null: there is none
-};
-
 MessageRegistrationEntry EntryOf(const StoredList& list, uint32_t i) {
     MessageRegistrationEntry entry;
     memcpy(&entry, list.Item(i), sizeof entry);
@@ -88,6 +73,48 @@ void Compare(ManagerRecord* manager, const StoredList& list, Pass* pass) {
     }
 }
 
+// The live entries as the last pass saw them. A service that is started anew has none, while those who registered them
+// go on waiting, and cancel them by their numbers.
+class KnownEntries {
+public:
+    KnownEntries() = default;
+    ~KnownEntries() { FreeBlock(m_entries); }
+    KnownEntries(const KnownEntries&) = delete;
+    KnownEntries& operator=(const KnownEntries&) = delete;
+
+    // Without memory for it, it knows none.
+    void Remember(const StoredList& list) {
+        FreeBlock(m_entries);
+        m_count = 0;
+        m_entries = static_cast<MessageRegistrationEntry*>(
+            AllocateZeroed(SIZE_T{list.Count()} * sizeof(MessageRegistrationEntry) + 1));
+        for (uint32_t i = 0; m_entries != nullptr && i < list.Count(); ++i)
+            if (const MessageRegistrationEntry entry = EntryOf(list, i); IsLive(entry)) m_entries[m_count++] = entry;
+    }
+
+    // Appends those that the list does not have. The database mutex is held.
+    void Restore(ManagerRecord* manager) const {
+        StoredList list(manager->printerDatabase, kRelayedRegistrationsVariable, sizeof(MessageRegistrationEntry));
+        if (m_count == 0 || list.Load(m_count) != TVS_OK) return;
+        const uint32_t before = list.Count();
+        for (uint32_t i = 0; i < m_count; ++i)
+            if (!IsIn(list, m_entries[i])) memcpy(list.Append(), &m_entries[i], sizeof m_entries[i]);
+        if (list.Count() != before) list.Store();
+    }
+
+private:
+    static bool IsIn(const StoredList& list, const MessageRegistrationEntry& known) {
+        for (uint32_t i = 0; i < list.Count(); ++i)
+            if (const MessageRegistrationEntry entry = EntryOf(list, i);
+                entry.registrationId == known.registrationId && IsSame(entry, known))
+                return true;
+        return false;
+    }
+
+    MessageRegistrationEntry* m_entries = nullptr;
+    uint32_t m_count = 0;
+};
+
 void RemoveCancelled(StoredList& list) {
     for (uint32_t i = list.Count(); i > 0; --i)
         if (!IsLive(EntryOf(list, i - 1))) list.Remove(i - 1);
@@ -96,7 +123,7 @@ void RemoveCancelled(StoredList& list) {
 
 // One pass over the registrations. The lock is let go before anything is cancelled, since a watcher that is to end may
 // be waiting for it; and it is not waited for beyond the stop. False when the pass has to be made again.
-bool ServeRegistrations(ManagerRecord* manager, HANDLE stop) {
+bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known) {
     MutexHold lock;
     if (!lock.AcquireUnless(stop, manager->databaseMutex)) return true;
     StoredList list(manager->printerDatabase, kRelayedRegistrationsVariable, sizeof(MessageRegistrationEntry));
@@ -107,6 +134,7 @@ bool ServeRegistrations(ManagerRecord* manager, HANDLE stop) {
     Pass pass = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
     Compare(manager, list, &pass);
     if (pass.anyCancelled) RemoveCancelled(list);
+    known.Remember(list);
     lock.Release();
     for (uint32_t i = 0; i < pass.endedCount; ++i)
         KillRegistration(manager, pass.ended[i]);
@@ -124,24 +152,44 @@ bool ServeRequest(ManagerRecord* manager, HANDLE stop) {
     return true;
 }
 
+void RestoreRegistrations(ManagerRecord* manager, HANDLE stop, const KnownEntries& known) {
+    MutexHold lock;
+    if (lock.AcquireUnless(stop, manager->databaseMutex)) known.Restore(manager);
+}
+
+// Another process may have become the owner in a new service before this one came to open its databases there.
+bool OwnsPrinter(const ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    return (manager->flags & ManagerOwnsPrinter) != 0;
+}
+
 DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
-    const Mailbox registrations(record, kRelayedRegistrationsVariable);
-    const Mailbox requests(record, kRelayedRequestVariable);
-    if (registrations.event == nullptr || requests.event == nullptr) return kNotServed;
+    Watch registrations(record, kRelayedRegistrationsVariable, dblink::kEveryWrite);
+    Watch requests(record, kRelayedRequestVariable, dblink::kEveryWrite);
     const HANDLE stop = record.thread.stopEvent;
-    const HANDLE handles[] = {stop, registrations.event, requests.event};
     DWORD registrationWrites = 0;
     DWORD requestWrites = 0;
+    KnownEntries known;
     // A pulse that came while a pass ran is missed, so what was written is counted, now and after each slice. A pass
     // that has to be made again leaves its count as it was.
     for (;;) {
-        const DatabaseHandle database = manager->printerDatabase;
+        const ManagerDatabase& database = manager->printerDatabase;
         DWORD writes = 0;
-        if (GetWriteCount(database, kRelayedRegistrationsVariable, &writes) == Answer::Done &&
-            writes != registrationWrites && ServeRegistrations(manager, stop))
+        const bool answers = GetWriteCount(database, kRelayedRegistrationsVariable, &writes) == Answer::Done;
+        const bool serves = answers && OwnsPrinter(manager);
+        if (registrations.IsLost() || requests.IsLost()) {
+            if (serves) RestoreRegistrations(manager, stop, known);
+            registrations.Renew();
+            requests.Renew();
+            registrationWrites = 0;
+            requestWrites = 0;
+        }
+        const HANDLE handles[] = {stop, registrations.Event(), requests.Event()};
+        if (handles[1] == nullptr || handles[2] == nullptr) return kNotServed;
+        if (serves && writes != registrationWrites && ServeRegistrations(manager, stop, known))
             registrationWrites = writes;
-        if (GetWriteCount(database, kRelayedRequestVariable, &writes) == Answer::Done && writes != requestWrites &&
-            ServeRequest(manager, stop))
+        if (serves && GetWriteCount(database, kRelayedRequestVariable, &writes) == Answer::Done &&
+            writes != requestWrites && ServeRequest(manager, stop))
             requestWrites = writes;
         switch (WaitForMultipleObjects(3, handles, FALSE, g_timings.relaySlice)) {
         case WAIT_OBJECT_0:

@@ -34,8 +34,6 @@ struct NotificationRegistration {
     ThreadRecord thread;
     // Copies of what the manager has; thread.manager keeps them good.
     HANDLE databaseMutex;
-    DatabaseHandle printerDatabase;
-    char databaseName[dblink::kDatabaseNameMax + 1];
     const char* userName;
     TvsManager callbackContext; // the callback's first argument
     uint32_t callbackIndex;     // the second one where a watcher serves a single variable
@@ -49,6 +47,11 @@ static_assert(offsetof(NotificationEntry, mode) == 0 && offsetof(NotificationEnt
 
 constexpr uint64_t RegistrationSize(uint32_t entryCount) {
     return offsetof(NotificationRegistration, entries) + uint64_t{sizeof(NotificationEntry)} * entryCount;
+}
+
+// What every call of a watcher goes through. In the watcher's thread, which keeps the manager.
+inline const ManagerDatabase& PrinterDatabaseOf(const NotificationRegistration& registration) {
+    return registration.thread.manager->printerDatabase;
 }
 
 inline const NotificationRegistration& RegistrationOf(const void* threadParameter) {

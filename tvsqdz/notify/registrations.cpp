@@ -66,8 +66,6 @@ NotificationRegistration* NewRegistration(ManagerRecord* manager, uint32_t entry
     auto* registration = static_cast<NotificationRegistration*>(AllocateZeroed(static_cast<SIZE_T>(size)));
     if (registration == nullptr) return nullptr;
     registration->databaseMutex = manager->databaseMutex;
-    registration->printerDatabase = manager->printerDatabase;
-    memcpy(registration->databaseName, manager->databaseName, sizeof registration->databaseName - 1);
     registration->userName = manager->userName;
     registration->callbackContext = HandleOf(manager);
     registration->entryCount = entryCount;

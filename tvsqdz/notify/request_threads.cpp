@@ -32,10 +32,7 @@ RequestKind KindOf(const StatusRequest& request) {
 
 // The exchange. The request mutex is held.
 Status CarryOut(RequestTask& task, DWORD mutexWait) {
-    const PrinterRequest request = {.printerDatabase = task.manager->printerDatabase,
-                                    .databaseName = task.manager->databaseName,
-                                    .kind = KindOf(task.request),
-                                    .variableName = task.request.variableName};
+    const PrinterRequest request = RequestOf(task.manager, KindOf(task.request), task.request.variableName);
     if (task.request.useForward == 0) {
         // The starter may have been the one to find its predecessor dead.
         if (task.mutexWait == WAIT_ABANDONED) mutexWait = WAIT_ABANDONED;

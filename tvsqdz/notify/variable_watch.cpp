@@ -16,30 +16,36 @@ class VariableWatcher {
 public:
     // *told: when the variable was last written; that is not news. looks: after every delivery.
     VariableWatcher(const NotificationRegistration& registration, bool looks, SYSTEMTIME* told)
-        : m_registration(registration), m_looks(looks), m_handles{registration.thread.stopEvent, nullptr},
-          m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()) {
+        : m_registration(registration), m_looks(looks), m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()) {
         ReadWriteTime(registration, Entry(), told);
-        m_handles[1] = BeginWatch(registration, Entry().variableName, dblink::kOnlyChanges);
+        m_watch.Begin(registration, Entry().variableName, dblink::kOnlyChanges);
         ThreadHasBegun(registration.thread);
     }
-    ~VariableWatcher() { EndWatch(m_registration, Entry().variableName, m_handles[1]); }
     VariableWatcher(const VariableWatcher&) = delete;
     VariableWatcher& operator=(const VariableWatcher&) = delete;
 
     const NotificationEntry& Entry() const { return m_registration.entries[0]; }
 
-    // True when the variable was written; false when the watcher is to end. told: when the last delivery began, or when
-    // what it told was written.
+    // True when the variable was written, or may have been while the service was started anew; false when the watcher
+    // is to end. told: when the last delivery began, or when what it told was written.
     bool AwaitWrite(const SYSTEMTIME& told) {
         for (;;) {
             if (m_wait == INFINITE && GetTickCount() - m_awakeSince > kPulseComesAgainMs) m_wait = 0;
-            const DWORD result = WaitForMultipleObjects(2, m_handles, FALSE, m_wait);
+            const bool idle = m_wait == INFINITE;
+            const HANDLE handles[] = {m_registration.thread.stopEvent, m_watch.Event()};
+            const DWORD result = WaitForMultipleObjects(2, handles, FALSE, idle ? g_timings.serviceLook : m_wait);
             m_awakeSince = GetTickCount();
-            if (result == WAIT_OBJECT_0 + 1) {
-                m_signals.Count(m_handles[1]);
+            if (result != WAIT_OBJECT_0 + 1 && result != WAIT_TIMEOUT) return false;
+            if (idle && result == WAIT_TIMEOUT) LookForNewService(m_registration);
+            if (m_watch.IsLost()) {
+                m_watch.Renew();
                 break;
             }
-            if (result != WAIT_TIMEOUT) return false;
+            if (result == WAIT_OBJECT_0 + 1) {
+                m_signals.Count(m_watch.Event());
+                break;
+            }
+            if (idle) continue;
             SYSTEMTIME written = {};
             m_wait = INFINITE;
             if (ReadWriteTime(m_registration, Entry(), &written) && IsNotEarlier(written, MillisecondAfter(told)))
@@ -52,9 +58,9 @@ public:
 private:
     const NotificationRegistration& m_registration;
     const bool m_looks;
-    HANDLE m_handles[2]; // the stop event, the change event
-    DWORD m_wait;        // the first one is short: a write may have come before it
-    DWORD m_awakeSince;  // tick count
+    Watch m_watch;
+    DWORD m_wait;       // the first one is short: a write may have come before it
+    DWORD m_awakeSince; // tick count
     SignalCount m_signals;
 };
 

@@ -91,7 +91,7 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     AddModelVariable(kModel, "Big", 600, 0x10120, Bytes(600, 'b'));
     AddModelVariable(kModel, "Queue", 4, 0x10080, {0, 0, 0, 0});
     const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     const Bytes queue = Joined({Number(4 + 40), Number(10), Bytes(40, 'i')});
     EXPECT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 48, queue.data()), Answer::Done);
     const auto none = [&](const std::function<int32_t()>& run) { EXPECT_EQ(FailEach(run, {}), 0); };
