@@ -71,13 +71,14 @@ void ServePrinter(DatabaseHandle database, const std::string& databaseName, cons
 PrinterSide::PrinterSide(const ManagerRecord* manager, Answering answer)
     : m_answer(std::move(answer)), m_stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)),
       m_ready(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
-    m_thread.emplace([this, database = manager->printerDatabase.handle.load(), name = std::string(manager->databaseName)] {
-        const Answering counted = [this](const std::string& mailbox, const std::string& text) {
-            ++m_requests;
-            return m_answer(mailbox, text);
-        };
-        ServePrinter(database, name, counted, m_stop, [this] { SetEvent(m_ready); });
-    });
+    m_thread.emplace(
+        [this, database = manager->printerDatabase.handle.load(), name = std::string(manager->databaseName)] {
+            const Answering counted = [this](const std::string& mailbox, const std::string& text) {
+                ++m_requests;
+                return m_answer(mailbox, text);
+            };
+            ServePrinter(database, name, counted, m_stop, [this] { SetEvent(m_ready); });
+        });
     EXPECT_EQ(WaitForSingleObject(m_ready, 10000), DWORD{WAIT_OBJECT_0});
 }
 

@@ -1,6 +1,7 @@
 // What processes that deliver no messages leave to the printer's owner, and the owner's service thread.
 #include "campaign.h"
 #include "frame/client_kinds.h"
+#include "frame/guards.h"
 #include "frame/timings.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
@@ -9,6 +10,7 @@
 #include "printer_side.h"
 
 #include <cstring>
+#include <optional>
 #include <random>
 #include <set>
 
@@ -111,6 +113,42 @@ TEST(Relay, ARegistrantAnOwnerAndAWriterInThreeProcesses) {
     EXPECT_EQ(product.List().size(), 56u);
     EXPECT_EQ(Ask(registrant, "cancel"), "0");
     EXPECT_TRUE(WaitUntil([&] { return product.List() == kEmptyList; })) << "the owner takes out what was cancelled";
+    registrant.Tell("end");
+    EXPECT_EQ(registrant.Wait(), 0) << registrant.Errors();
+    owner.Tell("close");
+    EXPECT_EQ(owner.Wait(), 0) << owner.Errors();
+}
+
+TEST(Relay, RegistrationsOutliveTheService) {
+    SetUpProduct();
+    std::optional<Service> service{std::in_place};
+    const Library library;
+    const TvsManager manager = OpenPrinter();
+    TestProcess owner("OwnsThePrinter");
+    EXPECT_EQ(owner.Hear(), "owner");
+    TestProcess registrant("RelaysToTheOwner");
+    EXPECT_EQ(registrant.Hear(), "ready");
+    EXPECT_EQ(Ask(registrant, "watch"), "0");
+    const auto list = [&] {
+        Bytes bytes(4096);
+        DWORD size = 0;
+        EXPECT_EQ(ReadVariable(RecordOf(manager)->printerDatabase, "NotifyMsg", bytes.data(), 4096, &size),
+                  Answer::Done);
+        bytes.resize(size);
+        return bytes;
+    };
+    // The owner has taken it up when there is a watcher of the variable.
+    const std::string event = "Global\\TVOR:" + std::string(RecordOf(manager)->databaseName) + ":JobStatus:Changed";
+    const auto isServed = [&] { return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).handle != nullptr; };
+    EXPECT_TRUE(WaitUntil(isServed));
+    const Bytes before = list();
+    service->process.Kill();
+    service.emplace();
+    EXPECT_TRUE(WaitUntil([&] { return list() == before; })) << "the owner puts back what it knows";
+    EXPECT_EQ(Ask(registrant, "hear"), "0") << "something may have been missed";
+    EXPECT_EQ(Ask(registrant, "cancel"), "0");
+    EXPECT_TRUE(WaitUntil([&] { return list() == kEmptyList; }));
+    EXPECT_TRUE(WaitUntil([&] { return !isServed(); }));
     registrant.Tell("end");
     EXPECT_EQ(registrant.Wait(), 0) << registrant.Errors();
     owner.Tell("close");

@@ -82,7 +82,9 @@ void ChangeWatcher::Tell(DWORD k) {
 bool ChangeWatcher::TellFirstNew() {
     for (DWORD k = 1; k < m_count; ++k) {
         SYSTEMTIME written = {};
-        if (!ReadWriteTime(m_registration, Entry(k), &written) || !IsNotEarlier(written, m_nextWrite[k])) continue;
+        const bool isRead = ReadWriteTime(m_registration, Entry(k), &written);
+        if (ServiceIsNew()) return false;
+        if (!isRead || !IsNotEarlier(written, m_nextWrite[k])) continue;
         m_nextWrite[k] = MillisecondAfter(written);
         Tell(k);
         return true;
@@ -134,13 +136,14 @@ void ChangeWatcher::Run() {
         } else if (result == WAIT_TIMEOUT) {
             if (!TellFirstNew()) {
                 m_repeats = 0;
-                result = WaitIdle();
+                if (!ServiceIsNew()) result = WaitIdle();
                 continue;
             }
         } else if (IsChange(result)) {
             const DWORD k = result - WAIT_OBJECT_0;
             SYSTEMTIME written = {};
             if (ReadWriteTime(m_registration, Entry(k), &written)) m_nextWrite[k] = MillisecondAfter(written);
+            if (ServiceIsNew()) continue;
             Tell(k);
         } else {
             return; // the stop event, or a wait that failed

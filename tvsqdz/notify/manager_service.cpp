@@ -131,10 +131,10 @@ bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known
     if (loaded != TVS_OK) return loaded != TVS_E_MEMORY;
     HeapBlock endedBlock(SIZE_T{list.Count()} * sizeof(TvsRegistration) + 1);
     if (endedBlock.memory == nullptr) return false;
+    known.Remember(list);
     Pass pass = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
     Compare(manager, list, &pass);
     if (pass.anyCancelled) RemoveCancelled(list);
-    known.Remember(list);
     lock.Release();
     for (uint32_t i = 0; i < pass.endedCount; ++i)
         KillRegistration(manager, pass.ended[i]);

@@ -36,20 +36,22 @@ public:
             const DWORD result = WaitForMultipleObjects(2, handles, FALSE, idle ? g_timings.serviceLook : m_wait);
             m_awakeSince = GetTickCount();
             if (result != WAIT_OBJECT_0 + 1 && result != WAIT_TIMEOUT) return false;
-            if (idle && result == WAIT_TIMEOUT) LookForNewService(m_registration);
+            SYSTEMTIME written = {};
+            bool isWritten = result == WAIT_OBJECT_0 + 1;
+            if (isWritten) {
+                m_signals.Count(m_watch.Event());
+            } else if (idle) {
+                LookForNewService(m_registration);
+            } else {
+                m_wait = INFINITE;
+                isWritten =
+                    ReadWriteTime(m_registration, Entry(), &written) && IsNotEarlier(written, MillisecondAfter(told));
+            }
             if (m_watch.IsLost()) {
                 m_watch.Renew();
                 break;
             }
-            if (result == WAIT_OBJECT_0 + 1) {
-                m_signals.Count(m_watch.Event());
-                break;
-            }
-            if (idle) continue;
-            SYSTEMTIME written = {};
-            m_wait = INFINITE;
-            if (ReadWriteTime(m_registration, Entry(), &written) && IsNotEarlier(written, MillisecondAfter(told)))
-                break;
+            if (isWritten) break;
         }
         m_wait = m_looks ? 0 : INFINITE;
         return true;
