@@ -58,6 +58,42 @@ struct _SYSTEMTIME;
 #define TVS_E_SERVICE_TIMEOUT (-96)  /* the status database service did not come up in time */
 #define TVS_E_AUTHORITY (-256)       /* the caller lacks the authority for direct access */
 
+/* Answers of the status database service. A function whose description names some of them passes them on unchanged. They
+ * are numbers of the service, apart from the codes above; every one of them is listed in the service's documentation.
+ *
+ *    -2  another printer has this name already
+ *    -3  the printer's database is not open: after a restart of the service it could not be opened again
+ *    -5  the printer's database has no such variable: another model made the database, or nobody has made this queue
+ *    -7  the variable does not take a value of this size
+ *    -8  the stored value is larger than the variable, or grew during the call
+ *   -11  a limit of the service, or the user's share of it, is used up; a composite value is too large
+ *   -14  nothing serves this printer's forwarded requests
+ *   -15  the service is out of memory; nothing changed
+ *   -18  the printer side did not answer a forwarded request in time
+ *
+ * When the service is down, and after it has come back.
+ *
+ * A call that does not reach the service gives 1722, one that was on its way when the service went 1726 or 1727 (with 1726
+ * it may have been carried out). Calls do not wait for the service. When a new service runs, the next call through a
+ * manager opens its databases there and is carried out; nothing has to be opened again. Values that have a copy in the
+ * printer's driver data return, all others have their initial values until somebody writes them. Requests under way end
+ * with 1726, and results that were not yet taken with ResSetPrinterStatus are gone. Registrations go on: each is told once,
+ * within some seconds, since it may have missed something. An owner (client kind 6) becomes the owner again, unless another
+ * process was faster.
+ *
+ * While the service is down, these differ from 1722:
+ *
+ *   OpenManager...            TVS_E_UNAVAILABLE
+ *   GetPrinterStatusW         TVS_OK, and an empty text or record, for strings and records of fixed size; their conversion
+ *                             hides the code. To tell, read a number, or use GetPrinterStatusA.
+ *   GetPrinterStatusInfo...   TVS_E_UNKNOWN
+ *   direct reads and writes   TVS_E_NOT_NOW; TVS_E_AUTHORITY where requests are forwarded
+ *   UpdatePrinterStatus...    TVS_OK for "Port", "SendingJobInfo" without a job, "PrintingJobInfo", "PrintingJobInfo2" and
+ *                             "SetJob", which store nothing then; TVS_E_NOT_NOW for "PrinterName"
+ *   ResSetPrinterStatus       TVS_OK, and TVS_E_UNKNOWN as the result
+ *   SetNotification...        TVS_OK; delivery begins when the service is back
+ *   CloseManager              TVS_OK */
+
 /* Client kinds. 0, 7, 8, 9 and 10 need an initialised product (or one of its own executables); 1 needs a printer of a
  * registered model; 4 asks for compulsive polling; 6 becomes the printer's owner. */
 #define TVS_KIND_DEFAULT 0
@@ -114,7 +150,8 @@ TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
  * A number or record comes as it is, a string up to its NUL, a variable-length value as its payload, a queue as its oldest
  * item, which is thereby taken off. A buffer that is too small receives the first part (a string stays terminated) and the
  * status is TVS_E_SIZE.
- * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE or a positive RPC code. */
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE, an answer of the service (-3, -5, -8 or
+ * -11, for a queue also -15) or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                               uint32_t* returnedSize);
 
@@ -142,7 +179,7 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideC
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW (the printer side takes no
  * requests), TVS_E_NOT_READY (the port takes none, or the spooler that forwards them is not ready), TVS_E_AUTHORITY,
  * TVS_E_SIZE, the result of the printer side if it is not 0, TVS_E_MEMORY, TVS_E_FAULT, TVS_OK; or an answer of the service
- * or a positive RPC code. */
+ * (-3, -5, -7, -8, -11, -15; -14 or -18 of a forwarded request) or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
                                                     uint32_t* returnedSize);
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, void* buffer,
@@ -158,15 +195,15 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const Tv
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW, TVS_E_AUTHORITY, TVS_E_SIZE (not
  * the size that the variable has), TVS_E_NOT_READY, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NOT_NOW (a refresh, and the spooler takes
  * none), TVS_E_UNKNOWN (the value is not one that the variable takes), the result of the printer side, which is TVS_OK when
- * it has done it, or what UpdatePrinterStatusA tells of "SetJob" and "DeleteJobId"; or an answer of the service or a positive
- * RPC code. */
+ * it has done it, or what UpdatePrinterStatusA tells of "SetJob" and "DeleteJobId"; or an answer of the service (-3, -5, -7,
+ * -8, -11, -15; -14 or -18 of a forwarded request) or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variable, const void* data,
                                                     uint32_t size);
 TVS_EXPORT int32_t TVS_CALL SetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, const void* data,
                                                     uint32_t size);
 
 /* Tells when a variable was last written, readable or not. The wide form takes names of up to 31 characters.
- * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN or TVS_E_FAULT. */
+ * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN (also when the service does not tell) or TVS_E_FAULT. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char* variable,
                                                   struct _SYSTEMTIME* writeTime);
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable,
@@ -191,7 +228,7 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
  * the command is not told.
  *
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NO_OWNER, TVS_E_NOT_NOW, an answer of the
- * service or a positive RPC code. */
+ * service (-2 for "PrinterName", -3, -5, -7, -8, -11 or -15) or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char* variable, const void* data,
                                                  uint32_t size);
 
@@ -219,8 +256,9 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWi
  *
  * A write gives its number at once, *requestId being 0 on failure; ResSetPrinterStatus tells its result: that of the printer
  * side; TVS_E_REQUEST_LOCK when it had not its turn within 5 seconds or was not answered within 60; an answer of the service
- * or a positive RPC code. Until it ends the result is TVS_REQUEST_PENDING, or 0 for the message form. A message for a window
- * that is gone by then is not posted, and the result is not kept. Values, and a write of "RefreshStatus", are as for
+ * (as of SetPrinterStatusDirectA) or a positive RPC code. Until it ends the result is TVS_REQUEST_PENDING, or 0 for the
+ * message form. A message for a window that is gone by then is not posted, and the result is not kept. Values, and a write
+ * of "RefreshStatus", are as for
  * SetPrinterStatusDirectA and SetPrinterStatusDirectW.
  *
  * Return, in the order in which they are tested, TVS_E_FAULT (requestId), TVS_E_HANDLE, TVS_E_NO_OWNER (message forms),
@@ -228,7 +266,8 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWi
  * side takes no requests), then for a read TVS_E_NOT_READY (the port takes none) and TVS_E_AUTHORITY, for a write the
  * authority first; TVS_E_NOT_READY (the spooler is not ready), TVS_E_MEMORY and TVS_E_FAULT (the data), TVS_E_REQUEST_LOCK,
  * TVS_E_NOT_NOW (a refresh, and the spooler takes none), TVS_E_UNKNOWN (the value is not one that the variable takes),
- * TVS_E_MEMORY (also when no thread can be started), TVS_OK; or an answer of the service or a positive RPC code. */
+ * TVS_E_MEMORY (also when no thread can be started), TVS_OK; or an answer of the service (-3, -5, -7, -8, -11 or -15) or a
+ * positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusEventA(TvsManager manager, const char* variable, void* event);
 TVS_EXPORT int32_t TVS_CALL GetReqPrinterStatusMsgA(TvsManager manager, const char* variable, void* window,
                                                     uint32_t message);
@@ -299,7 +338,7 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationEventExW(TvsManager manager, uint32_t
  * A process that has opened managers of kinds 0, 7 and 9 only leaves its registrations to the process that owns the printer,
  * which posts the messages: TVS_E_NO_OWNER when no manager of kind 6 is open. The handle is then a number that all entries
  * of the list share, the single form accepts any name, the limit of a list is that of its text (64 KiB), and answers of the
- * service are passed on. */
+ * service (-3, -5, -7, -8, -11 or -15) are passed on. */
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgA(TvsManager manager, const char* variable, void* window, uint32_t message,
                                                 TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExA(TvsManager manager, uint32_t count, const char* variables, void* window,
@@ -325,7 +364,7 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackExA(TvsManager manager, uint3
  * KillNotificationMsg cancels message registrations, also those that the printer's owner serves; of these a number that is
  * unknown is TVS_OK.
  * Returns TVS_OK, or TVS_E_HANDLE when the manager has no such registration; KillNotificationMsg also TVS_E_NO_OWNER,
- * TVS_E_MEMORY or an answer of the service for those that the owner serves. */
+ * TVS_E_MEMORY, an answer of the service (-3, -5, -7, -8, -11 or -15) or a positive RPC code for those that the owner serves. */
 TVS_EXPORT int32_t TVS_CALL KillNotificationEvent(TvsManager manager, TvsRegistration registration);
 TVS_EXPORT int32_t TVS_CALL KillNotificationCallback(TvsManager manager, TvsRegistration registration);
 TVS_EXPORT int32_t TVS_CALL KillNotificationMsg(TvsManager manager, TvsRegistration registration);

@@ -82,6 +82,12 @@ TEST(Wire, RequestAndReplyBytesOfEveryProcedure) {
     EXPECT_EQ(U32At(reply.body, 4), 2u) << "variables";
     EXPECT_EQ(U32At(reply.body, 24), 0u);
 
+    reply = CallRaw(3, {});
+    ASSERT_EQ(reply.body.size(), 12u);
+    EXPECT_NE(U32At(reply.body, 0) | U32At(reply.body, 4), 0u) << "the instance";
+    EXPECT_EQ(U32At(reply.body, 8), 0u);
+    EXPECT_EQ(CallRaw(3, {}).body, reply.body);
+
     EXPECT_EQ(CallRaw(15, BodyOf(handle, "V", 1u)).body, kDoneReply);
     EXPECT_EQ(CallRaw(16, BodyOf(handle, "V")).body, kDoneReply);
     EXPECT_EQ(CallRaw(18, BodyOf("Refresh:Front desk")).body, (Bytes{0xF2, 0xFF, 0xFF, 0xFF})) << "-14";
