@@ -119,8 +119,7 @@ TEST(CommandLine, WithTheProductUp) {
     Check({{"get", p, "PageCount"}, 0, "-1", ""});
 }
 
-TEST(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to become another user";
+TEST_AS_ROOT(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
     RunningProduct product;
     AddExamplePrinter();
     OrielText({"get", "Front desk", "PageCount"});

@@ -206,8 +206,7 @@ CHILD_PROCESS(UsesThemAsNobody) {
     return 0; // the last one out of another user's object: the file is left, dead
 }
 
-TEST(Rights, LetOtherUsersInOrNot) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become somebody else";
+TEST_AS_ROOT(Rights, LetOtherUsersInOrNot) {
     SECURITY_DESCRIPTOR nullDacl, blank;
     SECURITY_ATTRIBUTES everyone{sizeof everyone, &nullDacl, FALSE};
     SECURITY_ATTRIBUTES withBlank{sizeof withBlank, &blank, FALSE};

@@ -242,8 +242,7 @@ CHILD_PROCESS(IsAnotherUser) {
     return 0;
 }
 
-TEST(Registry, AnotherUserReadsTheMachinesPartAndWritesItsOwn) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(Registry, AnotherUserReadsTheMachinesPartAndWritesItsOwn) {
     SetUmask(0777); // must not matter
     SetValue(CreateKey(kMachine, "K"), "v", "first");
     SetValue(HKEY_CURRENT_USER, "v", "root's");

@@ -339,8 +339,7 @@ CHILD_PROCESS(LooksAsAnotherUser) {
     return 0;
 }
 
-TEST(ServiceControl, AnotherUserLooksAndCannotBeInTheWay) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(ServiceControl, AnotherUserLooksAndCannotBeInTheWay) {
     SC_HANDLE service = CreateTestService("Svc", CommandLine("Svc", "normal"));
     Ordered().Order("1");
     TestProcess other("LooksAsAnotherUser");

@@ -107,8 +107,7 @@ CHILD_PROCESS(ChangesJobsAsAnotherUser) {
     return 0;
 }
 
-TEST(PrintServer, AJobOfAnotherUserIsRefused) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(PrintServer, AJobOfAnotherUserIsRefused) {
     PrintServer server;
     server.Print("secret");
     TestProcess other("ChangesJobsAsAnotherUser");

@@ -175,8 +175,7 @@ CHILD_PROCESS(SpoolsAsAnotherUser) {
     return 0;
 }
 
-TEST(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
     SetUmask(077);
     const HANDLE printer = NewPrinter();
     const DWORD job = Print(printer, "secret");

@@ -145,8 +145,7 @@ CHILD_PROCESS(PrintsAsAnotherUser) {
     return 0;
 }
 
-TEST(Spooler, AnotherUserReadsButDoesNotChange) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(Spooler, AnotherUserReadsButDoesNotChange) {
     ASSERT_EQ(Add("Shared"), DWORD{ERROR_SUCCESS});
     TestProcess other("PrintsAsAnotherUser");
     EXPECT_EQ(other.Hear(), "Shared 0 5 5 5 5");

@@ -74,8 +74,7 @@ const std::string kDaemon = "S-1-22-1-1 S-1-22-2-1 S-1-22-2-7 S-1-1-0 S-1-5-11 S
 
 } // namespace
 
-TEST(Tokens, OfOtherProcessesAreActedForByOneThread) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to act as other users";
+TEST_AS_ROOT(Tokens, OfOtherProcessesAreActedForByOneThread) {
     const std::string own = WhoIs(TokenOfProcess(GetCurrentProcessId()));
     EXPECT_TRUE(own.starts_with("S-1-22-1-0 S-1-22-2-0 ")) << own;
     EXPECT_TRUE(own.ends_with("S-1-1-0 S-1-5-11 S-1-5-32-545 S-1-5-32-544 ")) << own;

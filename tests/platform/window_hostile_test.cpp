@@ -212,8 +212,7 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
     }
 }
 
-TEST(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+TEST_AS_ROOT(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
     const HWND window = MakeWindow("TVORTestClass");
     TestProcess other("AnotherUser", {ToText(window)});
     MSG message;

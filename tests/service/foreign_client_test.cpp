@@ -24,7 +24,6 @@ TEST(ForeignClient, OfAnIndependentImplementationReadsAndWrites) {
     const Service service;
     const std::string socket = PrivateDirectory() + "/run/rpc/" + kEndpoint;
     const ProgramResult result = RunProgram("/usr/bin/python3", {SourcePath("tests/service/ndr_client.py"), socket});
-    if (result.output.starts_with("skipped")) GTEST_SKIP() << result.output;
     EXPECT_EQ(result.output, "ok\n") << result.errors;
     DWORD handle = 0;
     ASSERT_EQ(OpenDatabase("FromPython", &handle), kDone);

@@ -1,20 +1,15 @@
 """A client of the status database that shares no code with it: an independent implementation of DCE/RPC and NDR.
 
-ndr_client.py SOCKET: makes a database, creates, writes and reads a variable, and prints "ok". Prints "skipped" and the
-reason where the package that it stands on is not installed.
+ndr_client.py SOCKET: makes a database, creates, writes and reads a variable, and prints "ok".
 """
 
 import socket
 import sys
 
-try:
-    from impacket.dcerpc.v5 import rpcrt, transport
-    from impacket.dcerpc.v5.dtypes import LONG, STR, ULONG
-    from impacket.dcerpc.v5.ndr import NDRCALL, NDRUniConformantArray
-    from impacket.uuid import uuidtup_to_bin
-except ImportError as reason:
-    print(f"skipped: {reason}")
-    sys.exit(0)
+from impacket.dcerpc.v5 import rpcrt, transport
+from impacket.dcerpc.v5.dtypes import LONG, STR, ULONG
+from impacket.dcerpc.v5.ndr import NDRCALL, NDRUniConformantArray
+from impacket.uuid import uuidtup_to_bin
 
 INTERFACE = ("57856c31-165f-42cc-8b23-81aad6f3a7b6", "1.0")
 VARIABLE_LENGTH = 5

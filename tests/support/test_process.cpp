@@ -45,6 +45,17 @@ RegisterChild::RegisterChild(const char* name, ChildProcedure procedure) {
     ChildProcedures()[name] = procedure;
 }
 
+RegisterRootTest::RegisterRootTest(const char* suite, const char* name, const char* file, int line, void (*body)()) {
+    struct Test : testing::Test {
+        explicit Test(void (*body)()) : m_body(body) {}
+        void TestBody() override { m_body(); }
+        void (*m_body)();
+    };
+    if (!RunsAsRoot()) return;
+    testing::RegisterTest(suite, name, nullptr, nullptr, file, line,
+                          [body]() -> testing::Test* { return new Test(body); });
+}
+
 TestProcess::TestProcess(const std::string& child, const std::vector<std::string>& arguments,
                          const Environment& environment) {
     std::vector<std::string> all{"--child=" + child};

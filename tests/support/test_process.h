@@ -99,6 +99,16 @@ ProgramResult RunProgram(const std::string& path, const std::vector<std::string>
 // Whether it may start processes, and have threads, of other users.
 bool RunsAsRoot();
 
+// A test that acts as other users. It exists for root only; nobody else sees it listed, so it is never skipped.
+struct RegisterRootTest {
+    RegisterRootTest(const char* suite, const char* name, const char* file, int line, void (*body)());
+};
+#define TEST_AS_ROOT(suite, name)                                                                                      \
+    static void suite##_##name##_AsRoot();                                                                             \
+    static const RegisterRootTest suite##_##name##_Registration(#suite, #name, __FILE__, __LINE__,                     \
+                                                                suite##_##name##_AsRoot);                              \
+    static void suite##_##name##_AsRoot()
+
 // Waits until the condition holds, at most for the time given. True when it held.
 template <typename Condition>
 bool WaitUntil(Condition condition, int timeoutMs = 10000);

@@ -101,8 +101,7 @@ TEST(UserAuthority, OfTheLongestListIsThatOfItsEntries) {
 }
 
 // The thread's first call of the service comes while it impersonates: the service must take it for the process's.
-TEST(UserAuthority, IsThatOfWhomTheThreadImpersonates) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to act as other users";
+TEST_AS_ROOT(UserAuthority, IsThatOfWhomTheThreadImpersonates) {
     const Product product;
     const TvsManager manager = OpenPrinter();
     ASSERT_EQ(Update(manager, "AccessControlList",

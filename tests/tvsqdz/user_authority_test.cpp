@@ -56,8 +56,7 @@ Entry Deny(const Bytes& sid, uint32_t mask) {
 
 } // namespace
 
-TEST(Authority, OfListsForUsersAndGroups) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to act as other users";
+TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
     const AttachedLibrary library;
     const Bytes user = UserSid(kDaemon);
     const Bytes group = GroupSid(kDaemon);
@@ -120,8 +119,7 @@ TEST(Authority, OfListsForUsersAndGroups) {
     }
 }
 
-TEST(Authority, AnAccountThatWasDeletedGivesAndTakesNothing) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs root to act as other users";
+TEST_AS_ROOT(Authority, AnAccountThatWasDeletedGivesAndTakesNothing) {
     const AttachedLibrary library;
     const auto asNobody = [](const std::vector<Entry>& list) {
         return AuthorityAs(kNobodys, kDaemon, {kNobodys + 1}, List(list));
