@@ -128,8 +128,8 @@ struct _SYSTEMTIME;
  *
  * The first open of a printer adds it to the printer list and fills its database with the initial value of every variable.
  * A name that is empty or too long, also after its conversion from the wide form, is TVS_E_UNAVAILABLE.
- * Returns TVS_OK, TVS_E_UNAVAILABLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_UNREGISTERED or TVS_E_SERVICE_TIMEOUT.
- * OpenManagerA and OpenManagerW are the Ex forms with client kind 0. */
+ * OpenManagerA and OpenManagerW are the Ex forms with client kind 0.
+ * Returns TVS_OK, TVS_E_UNAVAILABLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_UNREGISTERED or TVS_E_SERVICE_TIMEOUT. */
 TVS_EXPORT int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, TvsManager* manager);
 TVS_EXPORT int32_t TVS_CALL OpenManagerExA(const char* printerName, const char* userName, uint32_t clientKind,
                                            TvsManager* manager);
@@ -217,7 +217,8 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
  *
  *   SendingJobInfo    a job other than 0 is appended to "PrinterQueue" too, which keeps the newest 50
  *   PrintingJobInfo   jobId 0: printing has ended, and the job goes from "PrinterQueue" if it is at its head. progress 0: the
- *   PrintingJobInfo2  first report of a job, which gets its names from the head; a later one gets them from the first
+ *                     first report of a job, which gets its names from the head; a later one gets them from the first
+ *   PrintingJobInfo2  the same
  *   SetJob            1 pauses, 2 resumes in the print spooler the job that is being sent; TVS_E_UNKNOWN for other numbers
  *   DeleteJobId       cancels the job of that number; TVS_E_NOT_NOW when there is none, or when it is being deleted
  *   Port              another port than the one before takes the configuration variables back to their initial values
@@ -296,9 +297,9 @@ TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t req
  * a row may be told once. Some variables tell every write, most only writes of another value.
  *
  * Names of more than 31 characters are TVS_E_UNKNOWN. On failure nothing is registered, and a handle that cannot be written
- * (TVS_E_FAULT) undoes its registration. Registrations end with their manager.
- *
- * Designates a registration of a manager. Valid until it is cancelled or its manager is closed. */
+ * (TVS_E_FAULT) undoes its registration. Registrations end with their manager. */
+
+/* Designates a registration of a manager. Valid until it is cancelled or its manager is closed. */
 typedef uintptr_t TvsRegistration;
 
 /* A function that is called when a variable was written.

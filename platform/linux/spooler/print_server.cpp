@@ -22,7 +22,7 @@
 namespace oriel {
 namespace {
 
-constexpr const char* kModule = "liboriel_cups.so";
+constexpr const char* kModule = "oriel/liboriel_cups.so"; // beside the layer
 constexpr const char* kUsualSocket = "/run/cups/cups.sock";
 constexpr const char* kSystemSettings = "/etc/cups/client.conf";
 constexpr const char* kUserSettings = "/.cups/client.conf"; // below the home directory
