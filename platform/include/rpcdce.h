@@ -111,6 +111,13 @@ RPCRTAPI RPC_STATUS RPC_ENTRY RpcBindingInqAuthClientA(RPC_BINDING_HANDLE Client
                                                        RPC_CSTR* ServerPrincName, ULONG* AuthnLevel, ULONG* AuthnSvc,
                                                        ULONG* AuthzSvc);
 
+/* Within a dispatch function: until RpcRevertToSelf, which it calls before it returns, the token of the thread
+ * (OpenThreadToken) is the client's: the user and groups that its process had when it connected, as the kernel tells.
+ * The thread's ids stay those of the process, so what it opens is opened in the process's name. NULL is the call in
+ * progress. RPC_S_NO_CALL_ACTIVE, RPC_S_CANNOT_SUPPORT (the system does not tell), RPC_S_OUT_OF_MEMORY. */
+RPCRTAPI RPC_STATUS RPC_ENTRY RpcImpersonateClient(RPC_BINDING_HANDLE BindingHandle);
+RPCRTAPI RPC_STATUS RPC_ENTRY RpcRevertToSelf(void);
+
 /* Ends the dispatch function that calls it, and with it the call: the client's I_RpcSendReceive returns the status,
  * which must be positive. Only within a dispatch function. Here it unwinds the stack, on Windows it may not: hold
  * nothing that a destructor would have to release. */

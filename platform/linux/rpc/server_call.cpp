@@ -2,6 +2,12 @@
 // way to fail. State: the thread's connection.
 #include "rpc/call.h"
 #include "rpc/server.h"
+#include "security/impersonation.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <new>
 
 namespace oriel::rpc {
 
@@ -30,6 +36,24 @@ RPC_STATUS GetReplyBuffer(RPC_MESSAGE& message) {
     return RPC_S_OK;
 }
 
+namespace {
+
+// Of the process when it connected.
+bool ClientCredentials(const ServerConnection& connection, Credentials& credentials) {
+    credentials = {connection.client.uid, connection.client.gid, {}};
+    socklen_t size = 0;
+    // An empty buffer asks for the room that is needed.
+    const int socket = connection.channel.socket;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size) == 0) return true;
+    if (errno != ERANGE) return false;
+    credentials.groups.resize(size / sizeof(gid_t));
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, credentials.groups.data(), &size) != 0) return false;
+    std::sort(credentials.groups.begin(), credentials.groups.end());
+    return true;
+}
+
+} // namespace
+
 } // namespace oriel::rpc
 
 using namespace oriel::rpc;
@@ -45,6 +69,24 @@ RPC_STATUS RPC_ENTRY RpcBindingInqAuthClientA(RPC_BINDING_HANDLE ClientBinding, 
     if (AuthnLevel != nullptr) *AuthnLevel = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
     if (AuthnSvc != nullptr) *AuthnSvc = RPC_C_AUTHN_WINNT;
     if (AuthzSvc != nullptr) *AuthzSvc = RPC_C_AUTHZ_NONE;
+    return RPC_S_OK;
+}
+
+RPC_STATUS RPC_ENTRY RpcImpersonateClient(RPC_BINDING_HANDLE BindingHandle) {
+    ServerConnection* connection = nullptr;
+    if (const RPC_STATUS status = FindCall(BindingHandle, connection); status != RPC_S_OK) return status;
+    try {
+        auto client = std::make_unique<oriel::Credentials>();
+        if (!ClientCredentials(*connection, *client)) return RPC_S_CANNOT_SUPPORT;
+        oriel::SpeakFor(std::move(client));
+        return RPC_S_OK;
+    } catch (const std::bad_alloc&) {
+        return RPC_S_OUT_OF_MEMORY;
+    }
+}
+
+RPC_STATUS RPC_ENTRY RpcRevertToSelf(void) {
+    oriel::SpeakFor(nullptr);
     return RPC_S_OK;
 }
 

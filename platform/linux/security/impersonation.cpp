@@ -1,7 +1,7 @@
 // Impersonation: the kernel keeps what a thread acts as; kept here is what it was before.
 //
-// State: t_own of each thread; g_firstThreadsOwn, that of the process's first thread, since the others read their
-// process's credentials from that thread.
+// State: t_own and t_client of each thread; g_firstThreadsOwn, that of the process's first thread, since the others
+// read their process's credentials from that thread.
 #include "security/impersonation.h"
 
 #include "kernel/fork.h"
@@ -43,6 +43,7 @@ private:
     std::unique_ptr<Credentials> m_own;
 };
 thread_local OwnBefore t_own;
+thread_local std::unique_ptr<Credentials> t_client; // whom a server's thread speaks for
 
 // The thread that forked is the first one of the child.
 void InForkChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -72,11 +73,19 @@ Credentials OwnCredentials() {
 }
 
 bool ImpersonatedCredentials(Credentials& credentials) {
+    if (t_client != nullptr) {
+        credentials = *t_client;
+        return true;
+    }
     if (t_own.Get() == nullptr && IsFirstThread()) return false;
     Credentials now = ThreadCredentials();
     if (t_own.Get() == nullptr && now == OwnCredentials()) return false;
     credentials = std::move(now);
     return true;
+}
+
+void SpeakFor(std::unique_ptr<Credentials> client) {
+    t_client = std::move(client);
 }
 
 AsOwnProcess::AsOwnProcess() {
@@ -113,6 +122,7 @@ BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token) {
 
 BOOL WINAPI RevertToSelf(void) {
     return Undivided<BOOL>(FALSE, []() -> BOOL {
+        t_client.reset();
         Credentials impersonated;
         if (!ImpersonatedCredentials(impersonated)) return TRUE;
         if (!TakeOn(OwnCredentials())) return Fail(ERROR_ACCESS_DENIED);

@@ -3,13 +3,19 @@
 
 #include "security/credentials.h"
 
+#include <memory>
+
 namespace oriel {
 
 // The credentials of this process, without what any thread impersonates. Throws std::bad_alloc.
 Credentials OwnCredentials();
 
-// The token user that the calling thread impersonates; false when it acts as its process. Throws std::bad_alloc.
+// The user and groups that the calling thread impersonates; false when it acts as its process. Throws std::bad_alloc.
 bool ImpersonatedCredentials(Credentials& credentials);
+
+// From now on that is what the calling thread impersonates, for who asks for its token; its ids stay as they are. Null:
+// no more.
+void SpeakFor(std::unique_ptr<Credentials> client);
 
 // Takes the calling thread back to the process's credentials as long as this exists, where it impersonates and may:
 // what it then does is done in the process's name. Windows does so for the threads and processes that it starts and the
