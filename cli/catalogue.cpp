@@ -45,6 +45,13 @@ constexpr VariableType NUMBER = VariableType::Number, STRING = VariableType::Str
 constexpr BuiltIn kBuiltIn[] = {TVS_BUILT_IN_VARIABLES(BUILT_IN_ROW)};
 #undef BUILT_IN_ROW
 
+// Of varying size, but with a first value of this many bytes, for which composites have room.
+struct BuiltRoom {
+    const char* name;
+    uint32_t room;
+};
+constexpr BuiltRoom kBuiltRooms[] = {{"PrinterBinConfig", 64}, {"PrinterFontInfo", 8}, {"PrinterOptConfig", 12}};
+
 // What the built-in composites are made of; a member that the printer does not have contributes nothing.
 struct Composition {
     const char* name;
@@ -81,11 +88,16 @@ bool ReadModelVariable(const RegistryValue& value, Variable& variable) {
     const uint32_t flags = WordAt(value.data, kFlagsAt);
     const auto type = std::find_if(std::begin(kTypes), std::end(kTypes),
                                    [&](const TypeRow& candidate) { return candidate.code == (flags & kTypeMask); });
-    variable = {.name = value.name, .size = size, .readable = (flags & kReadable) != 0, .fromModel = true};
+    variable = {
+        .name = value.name, .size = size, .room = size, .readable = (flags & kReadable) != 0, .fromModel = true};
     if (type != std::end(kTypes)) variable.type = type->type;
     if (variable.type == VariableType::Queue) return value.data.size() == kQueueValueSize;
     if (value.data.size() - kDefaultAt != size) return false;
-    if (variable.type == VariableType::Variable) variable.size = 0;
+    if (variable.type == VariableType::Variable) {
+        variable.size = 0;
+        // The empty value, a payload of one word that is 0, takes no room.
+        if (size == sizeof(uint32_t) && WordAt(value.data, kDefaultAt) == 0) variable.room = 0;
+    }
     if (variable.type == VariableType::Composite) {
         const std::string list(value.data.begin() + kDefaultAt, value.data.end());
         variable.members = SplitMembers(list.substr(0, list.find('\0')));
@@ -93,12 +105,16 @@ bool ReadModelVariable(const RegistryValue& value, Variable& variable) {
     return true;
 }
 
+// A model's composite has no size when a member is absent; of a built-in one the member keeps its share.
 uint32_t CompositeSize(const std::vector<Variable>& variables, const Variable& composite) {
+    uint32_t absent = composite.size;
+    for (const BuiltIn& row : kBuiltIn)
+        absent -= row.size * static_cast<uint32_t>(std::ranges::count(composite.members, row.name));
     uint32_t size = 0;
     for (const std::string& member : composite.members) {
         const Variable* found = FindVariable(variables, member);
-        if (!found) return 0;
-        size += found->size;
+        if (!found && composite.fromModel) return 0;
+        size += found ? found->room : absent;
     }
     return size;
 }
@@ -114,7 +130,9 @@ const char* TypeName(VariableType type) {
 std::vector<Variable> PrinterVariables(const std::string& driver) {
     std::vector<Variable> variables;
     for (const BuiltIn& row : kBuiltIn) {
-        Variable variable{.name = row.name, .type = row.type, .size = row.size};
+        Variable variable{.name = row.name, .type = row.type, .size = row.size, .room = row.size};
+        for (const BuiltRoom& built : kBuiltRooms)
+            if (variable.name == built.name) variable.room = built.room;
         for (const Composition& composition : kCompositions)
             if (variable.name == composition.name) variable.members = SplitMembers(composition.members);
         variable.readable = variable.name != "AccessControlList";
@@ -132,9 +150,11 @@ std::vector<Variable> PrinterVariables(const std::string& driver) {
     }
     std::sort(variables.begin(), variables.end(),
               [](const Variable& a, const Variable& b) { return lstrcmpA(a.name.c_str(), b.name.c_str()) < 0; });
-    for (Variable& variable : variables)
-        if (variable.fromModel && variable.type == VariableType::Composite)
-            variable.size = CompositeSize(variables, variable);
+    // The model's own may have built-in ones among their members.
+    for (const bool fromModel : {false, true})
+        for (Variable& variable : variables)
+            if (variable.fromModel == fromModel && variable.type == VariableType::Composite)
+                variable.room = variable.size = CompositeSize(variables, variable);
     return variables;
 }
 

@@ -11,6 +11,7 @@ struct Variable {
     std::string name; // ANSI
     VariableType type = VariableType::Unknown;
     uint32_t size = 0; // of the value in bytes; 0: it varies. Of a queue: of one item
+    uint32_t room = 0; // bytes that it takes in a composite
     bool readable = true;
     bool fromModel = false;
     std::vector<std::string> members; // of a composite, in their order

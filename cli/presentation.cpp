@@ -143,14 +143,15 @@ Decoded DecodeMembers(const std::vector<Variable>& variables, const Variable& co
     for (const std::string& name : composite.members) {
         const Variable* member = FindVariable(variables, name);
         if (!member) continue;
-        // Behind a member whose length is not fixed nothing can be told apart any more.
-        if (!member->size || member->type == VariableType::Composite || at + member->size > value.size()) break;
-        Decoded part = Decode(variables, *member,
-                              Bytes(value.begin() + static_cast<ptrdiff_t>(at),
-                                    value.begin() + static_cast<ptrdiff_t>(at + member->size)));
+        if (member->type == VariableType::Composite || at + member->room > value.size()) break;
+        const auto begin = value.begin() + static_cast<ptrdiff_t>(at);
+        const Bytes bytes(begin, begin + static_cast<ptrdiff_t>(member->room));
+        // What varies is cut or filled up to its room, and has no form any more.
+        Decoded part = member->size != 0 ? Decode(variables, *member, bytes)
+                                         : Decoded{.form = Decoded::Form::Bytes, .bytes = bytes};
         part.name = ToUtf8(name);
         decoded.parts.push_back(std::move(part));
-        at += member->size;
+        at += member->room;
     }
     return decoded;
 }

@@ -20,6 +20,9 @@ public:
     RPC_STATUS Context(void** context) const;
     // runDown(context) is called once, when the process's last connection has closed and its calls have returned.
     RPC_STATUS Monitor(PRPC_RUNDOWN runDown, void* context) const;
+    // The number of the client's process; 0 when it cannot be told.
+    DWORD Process() const;
+    RPC_BINDING_HANDLE Binding() const { return m_client; }
     // The name of the client's user; the run-time keeps the text for as long as the call.
     RPC_STATUS User(const char** user) const;
 

@@ -12,6 +12,11 @@ RPC_STATUS CallersAssociation::Monitor(PRPC_RUNDOWN runDown, void* context) cons
     return I_RpcMonitorAssociation(m_client, runDown, context);
 }
 
+DWORD CallersAssociation::Process() const {
+    ULONG process = 0;
+    return I_RpcBindingInqLocalClientPID(m_client, &process) == RPC_S_OK ? process : 0;
+}
+
 RPC_STATUS CallersAssociation::User(const char** user) const {
     RPC_AUTHZ_HANDLE name = nullptr;
     const RPC_STATUS status = RpcBindingInqAuthClientA(m_client, &name, nullptr, nullptr, nullptr, nullptr);

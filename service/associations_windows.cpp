@@ -155,6 +155,10 @@ RPC_STATUS CallersAssociation::Monitor(PRPC_RUNDOWN runDown, void* context) cons
     return RPC_S_OK;
 }
 
+DWORD CallersAssociation::Process() const {
+    return ProcessOf(m_client);
+}
+
 RPC_STATUS CallersAssociation::User(const char** user) const {
     RPC_AUTHZ_HANDLE name = nullptr;
     const RPC_STATUS status = RpcBindingInqAuthClientA(m_client, &name, nullptr, nullptr, nullptr, nullptr);

@@ -9,10 +9,20 @@ struct Watch; // watches.h
 
 inline constexpr DWORD kNoHandleSlot = kHandleSlots;
 
+// Whether a client's user is the one that runs the service.
+enum class ServiceUser : BYTE { Unknown, Yes, No };
+
 struct Group {
     Account* account = nullptr;
+    std::atomic<ServiceUser> serviceUser = ServiceUser::Unknown;
     DWORD firstHandleSlot = kNoHandleSlot; // guarded by the lock of handles.cpp
     Watch* watches = nullptr;              // guarded by the lock of watches.cpp
+};
+
+// Who makes the call in progress.
+struct Caller {
+    Group& group;
+    const CallersAssociation& association;
 };
 
 // The group of the call in progress, made at the first call of its process. Null: *fault is the run-time's code to

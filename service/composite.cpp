@@ -2,6 +2,7 @@
 
 #include "bounds.h"
 #include "signals.h"
+#include "writing.h"
 
 #include <algorithm>
 #include <new>
@@ -12,7 +13,7 @@ namespace {
 
 // The variables that a composite comes down to, in order.
 struct Parts {
-    const Variable* variables[kCompositePartsMax];
+    Variable* variables[kCompositePartsMax];
     DWORD count = 0;
     DWORD visits = 0; // of members, whether they contribute or not: what a list of composites can cost
     bool tooMany = false;
@@ -33,7 +34,7 @@ void Gather(const Database& database, const Variable& composite, DWORD depth, Pa
             parts.tooMany = true;
             return;
         }
-        const Variable* variable = Resolved(database, list->Members()[i]);
+        Variable* variable = Resolved(database, list->Members()[i]);
         if (!variable) continue;
         if (variable->type != kTypeComposite)
             parts.variables[parts.count++] = variable;
@@ -47,7 +48,7 @@ bool CopyParts(const Parts& parts, const ValueState& own, BYTE* out, DWORD capac
     *state = own;
     for (DWORD i = 0; i < parts.count; ++i) {
         const DWORD used = std::min(state->size, capacity);
-        const ValueState part = CopyValue(*parts.variables[i], out + used, capacity - used);
+        const ValueState part = CopyPart(*parts.variables[i], out + used, capacity - used);
         state->size += part.size;
         state->writeTime = std::max(state->writeTime, part.writeTime);
         state->writes += part.writes;
@@ -104,6 +105,18 @@ ServiceStatus ReadComposite(const Database& database, const Variable& composite,
     return fits ? kDone : kLimitReached;
 }
 
+// Whether a value of that size can be written to the parts.
+bool TakesWholeValues(const Parts& parts, DWORD size) {
+    DWORD whole = 0; // no sum of 256 rooms of 4 MiB overflows
+    for (DWORD i = 0; i < parts.count; ++i) {
+        const Variable* variable = parts.variables[i];
+        if (variable->type == kTypeVariableLength) return false;
+        if (std::find(parts.variables, parts.variables + i, variable) != parts.variables + i) return false;
+        whole += variable->room;
+    }
+    return parts.count > 0 && whole == size;
+}
+
 // The next name of a member list, taken off it.
 std::string_view NextName(std::string_view& list) {
     const size_t length = std::min(list.find(';'), list.size());
@@ -124,9 +137,11 @@ ServiceStatus CountNames(std::string_view list, DWORD* count) {
 
 } // namespace
 
-ServiceStatus SetCompositeMembers(Database& database, Account& account, std::string_view composite,
+ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std::string_view composite,
                                   std::string_view list) {
     if (list.size() > kMemberListMax) return kLimitReached;
+    if (!MayShape(database, caller)) return kAccessDenied;
+    Account& account = *caller.group.account;
     LockHold hold{database.lock};
     Variable* variable = FindVariable(database, composite);
     if (!variable) return kUnknownVariable;
@@ -147,7 +162,7 @@ ServiceStatus SetCompositeMembers(Database& database, Account& account, std::str
     }
     variable->members.store(members, std::memory_order_release);
     TouchWriteTime(*variable);
-    SignalWritten(database, *variable, true);
+    SignalWritten(database, Written{variable, true});
     return kDone;
 }
 
@@ -162,9 +177,46 @@ ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, B
     return status;
 }
 
-bool IsComposedOf(const Database& database, const Variable& composite, const Variable& variable) {
+ServiceStatus WriteComposite(Database& database, const Caller& caller, const Variable& composite, const BYTE* bytes,
+                             DWORD size) {
     Parts parts;
     Gather(database, composite, 1, parts);
-    const Variable** end = parts.variables + parts.count;
-    return std::find(parts.variables, end, &variable) != end;
+    if (parts.tooMany) return kLimitReached;
+    if (!TakesWholeValues(parts, size)) return kWrongSize;
+    Written written[kCompositePartsMax];
+    const std::span<Written> all{written, parts.count};
+    const BYTE* part = bytes;
+    for (DWORD i = 0; i < parts.count; ++i) {
+        Variable* variable = parts.variables[i];
+        const ServiceStatus status = CheckWrite(caller, database, *variable, part, variable->room);
+        if (status != kDone) return status;
+        all[i] = {variable, false};
+        part += variable->room;
+    }
+    {
+        const PartsHold hold{parts};
+        WriteTogether(all, bytes);
+    }
+    SignalWritten(database, all);
+    part = bytes;
+    for (const Written& each : all) {
+        FollowWrite(caller, database, *each.variable, part, each.variable->room);
+        part += each.variable->room;
+    }
+    return kDone;
+}
+
+bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,
+                  bool* changed) {
+    Parts parts;
+    Gather(database, composite, 1, parts);
+    bool found = false;
+    *changed = false;
+    for (const Written& written : variables) {
+        Variable** end = parts.variables + parts.count;
+        if (std::find(parts.variables, end, written.variable) == end) continue;
+        found = true;
+        *changed |= written.changed;
+    }
+    return found;
 }

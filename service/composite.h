@@ -1,4 +1,5 @@
-// Composite variables: values composed on read from their members' in list order.
+// Composite variables: values composed on read from their members' in list order, each in the room that it was created
+// with.
 #pragma once
 
 #include "database.h"
@@ -15,7 +16,7 @@ struct alignas(void*) MemberList {
 };
 
 // list: names, each followed by ";". Empty names are passed over, the last ";" may be missing.
-dblink::ServiceStatus SetCompositeMembers(Database& database, Account& account, std::string_view composite,
+dblink::ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std::string_view composite,
                                           std::string_view list);
 
 // Any variable's value: kDone, or kBufferTooSmall when capacity is less than state->size (out may hold anything then),
@@ -23,5 +24,12 @@ dblink::ServiceStatus SetCompositeMembers(Database& database, Account& account, 
 dblink::ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, BYTE* out, DWORD capacity,
                                    ValueState* state);
 
-// Whether the composite has that variable among its members, or theirs.
-bool IsComposedOf(const Database& database, const Variable& composite, const Variable& variable);
+// Gives each member its part of the value, all at one moment, and signals watchers. kWrongSize: the value is not as
+// long as the composite; it has no members, one twice, or one of variable length, whose value would be cut. Who may not
+// write one of the members writes none.
+dblink::ServiceStatus WriteComposite(Database& database, const Caller& caller, const Variable& composite,
+                                     const BYTE* bytes, DWORD size);
+
+// Whether the composite has one of those variables among its members, or theirs; *changed: and one that changed.
+bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,
+                  bool* changed);

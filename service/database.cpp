@@ -1,12 +1,17 @@
 #include "database.h"
 
+#include "administrators.h"
 #include "bounds.h"
 #include "clock.h"
 #include "kernel_objects.h"
+#include "printers.h"
 #include "signals.h"
+
+#include "dblink/printer_list.h"
 
 #include <new>
 #include <string.h>
+#include <vector>
 
 using namespace dblink;
 
@@ -59,9 +64,9 @@ ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) NE
 struct NewVariable {
     std::string_view name; // the database does not have it yet
     DatabaseType type;
-    DWORD sizeLimit;
+    DWORD room;
     bool companion = false;
-    ForwardingRole role = ForwardingRole::None;
+    VariableRole role = VariableRole::None;
 };
 
 ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
@@ -73,7 +78,7 @@ ServiceStatus AddVariable(Database& database, Account& account, const NewVariabl
     if (!name) return status;
     ValueBlock* block = nullptr;
     if (wanted.type != kTypeComposite) {
-        const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.sizeLimit;
+        const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.room;
         block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
         if (!block) return status;
     }
@@ -83,7 +88,7 @@ ServiceStatus AddVariable(Database& database, Account& account, const NewVariabl
     variable->name = name;
     variable->hash = name->hash;
     variable->type = static_cast<BYTE>(wanted.type);
-    variable->sizeLimit = wanted.sizeLimit;
+    variable->room = wanted.room;
     variable->companion = wanted.companion;
     variable->role = wanted.role;
     variable->block.store(block, std::memory_order_relaxed);
@@ -92,25 +97,15 @@ ServiceStatus AddVariable(Database& database, Account& account, const NewVariabl
     variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
     bucket.store(variable, std::memory_order_release);
     database.variableCount.fetch_add(1, std::memory_order_relaxed);
-    SignalWritten(database, *variable, true); // to those who watch a composite that lists it
+    SignalWritten(database, Written{variable, true}); // to those who watch a composite that lists it
     return kDone;
 }
 
-// The first write to the companion of a variable: it takes the same values.
-ServiceStatus WriteNewCompanion(Database& database, Account& account, std::string_view name, const BYTE* bytes,
-                                DWORD size) {
-    if (name.size() < 2 || name.back() != 'W') return kUnknownVariable;
-    const Variable* base = FindVariable(database, name.substr(0, name.size() - 1));
-    if (!base || base->companion || base->type == kTypeComposite) return kUnknownVariable;
-    const ServiceStatus sizeStatus = CheckValueSize(*base, size);
-    if (sizeStatus != kDone) return sizeStatus;
-    LockHold hold{database.lock};
-    if (FindVariable(database, name)) return kVariableExists;
-    return AddVariable(database, account, {name, static_cast<DatabaseType>(base->type), base->sizeLimit, true}, bytes,
-                       size);
-}
-
 } // namespace
+
+bool MayShape(const Database& database, const Caller& caller) {
+    return database.state.load(std::memory_order_acquire) != DatabaseState::Ready || IsAdministrator(caller);
+}
 
 Database* FindDatabase(std::string_view name) {
     Database* database = BucketOf(name).load(std::memory_order_acquire);
@@ -119,8 +114,11 @@ Database* FindDatabase(std::string_view name) {
     return database;
 }
 
-ServiceStatus CreateDatabase(Account& account, std::string_view name, DWORD handle, Database** created) {
+ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** created) {
     if (name.empty() || name.size() > kDatabaseNameMax || name.find('\\') != name.npos) return kBadName;
+    if (FindDatabase(name) == nullptr && name != kMasterDatabase && !IsListed(name) && !IsAdministrator(caller))
+        return kAccessDenied;
+    Account& account = *caller.group.account;
     LockHold hold{g_tableLock};
     if (Database* database = FindDatabase(name)) {
         if (database->state.load(std::memory_order_acquire) != DatabaseState::GivenUp) return kDatabaseExists;
@@ -179,36 +177,63 @@ Variable* FindVariable(const Database& database, std::string_view name) {
     return variable;
 }
 
-ServiceStatus CreateVariable(Database& database, Account& account, std::string_view name, DatabaseType type,
+namespace {
+
+// What a variable of that role may be made as.
+bool IsFormOf(VariableRole role, DatabaseType type, const BYTE* bytes, DWORD size) {
+    switch (role) {
+    case VariableRole::Mailbox:
+    case VariableRole::Answer:
+        return IsForwardingForm(type, bytes, size);
+    case VariableRole::AccessList:
+    case VariableRole::PrinterList:
+        return type == kTypeVariableLength;
+    default:
+        return true;
+    }
+}
+
+// A list of printers comes to be by the same writes as it grows.
+bool MayBegin(const Caller& caller, VariableRole role, const BYTE* bytes, DWORD size) {
+    return role != VariableRole::PrinterList || RoomFor(kTypeVariableLength, bytes, size) == 0 ||
+           IsAdministrator(caller);
+}
+
+} // namespace
+
+ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name, DatabaseType type,
                              const BYTE* bytes, DWORD size) {
     if (type >= kTypeCount) return kBadArgument;
     if (type == kTypeComposite ? size != 0 : size == 0 && type != kTypeVariableLength) return kWrongSize;
     if (size > kValueSizeMax) return kLimitReached;
-    const ForwardingRole role = ForwardingRoleOf(name);
-    if (role != ForwardingRole::None && !IsForwardingForm(type, bytes, size)) return kBadArgument;
+    const VariableRole role = RoleOf(database.name, name);
+    if (!IsFormOf(role, type, bytes, size)) return kBadArgument;
+    if (!MayShape(database, caller) || !MayBegin(caller, role, bytes, size)) return kAccessDenied;
+    std::vector<BYTE> list;
+    if (role == VariableRole::AccessList && !FirstAccessList(database, caller, bytes, size, list)) return kOutOfMemory;
     LockHold hold{database.lock};
     if (FindVariable(database, name)) return kVariableExists;
-    return AddVariable(database, account, {name, type, type == kTypeVariableLength ? kValueSizeMax : size, false, role},
-                       bytes, size);
+    const NewVariable wanted = {name, type, RoomFor(type, bytes, size), false, role};
+    if (role == VariableRole::AccessList) {
+        bytes = list.data();
+        size = static_cast<DWORD>(list.size());
+    }
+    return AddVariable(database, *caller.group.account, wanted, bytes, size);
 }
 
-ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,
-                            DWORD size) {
-    Variable* variable = FindVariable(database, name);
-    if (!variable) {
-        const ServiceStatus status = WriteNewCompanion(database, account, name, bytes, size);
-        if (status != kVariableExists) return status;
-        variable = FindVariable(database, name); // made by another call meanwhile
-    }
-    if (variable->role == ForwardingRole::Mailbox) return kNotWritable;
-    const ServiceStatus sizeStatus = CheckValueSize(*variable, size);
+ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,
+                                DWORD size) {
+    if (name.size() < 2 || name.back() != 'W') return kUnknownVariable;
+    const Variable* base = FindVariable(database, name.substr(0, name.size() - 1));
+    if (!base || base->companion || base->type == kTypeComposite) return kUnknownVariable;
+    const VariableRole role = RoleOfCompanion(base->role);
+    if (role == VariableRole::Setting && !IsAdministrator(caller)) return kAccessDenied;
+    const ServiceStatus sizeStatus = CheckValueSize(*base, size);
     if (sizeStatus != kDone) return sizeStatus;
-    bool changed = false;
-    const ServiceStatus status = WriteValue(*variable, database.arena, account, bytes, size, &changed);
-    if (status != kDone) return status;
-    SignalWritten(database, *variable, changed);
-    if (variable->role == ForwardingRole::Answer) TakeAnswer(database, bytes, size);
-    return kDone;
+    LockHold hold{database.lock};
+    if (FindVariable(database, name)) return kVariableExists;
+    return AddVariable(database, *caller.group.account,
+                       {name, static_cast<DatabaseType>(base->type), base->room, true, role}, bytes, size);
 }
 
 void ForEachDatabase(void (*function)(Database& database)) {

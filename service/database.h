@@ -8,6 +8,8 @@
 
 #include "variable.h"
 
+struct Caller; // clients.h
+
 enum class DatabaseState : DWORD {
     Initialising, // its creator fills it
     Ready,
@@ -37,8 +39,9 @@ struct Database {
     ULONGLONG created GUARDED_BY(lock) = 0;
 };
 
-// handle: the one that the creator will have; the database is its to make ready.
-dblink::ServiceStatus CreateDatabase(Account& account, std::string_view name, DWORD handle, Database** database);
+// handle: the one that the creator will have; the database is its to make ready. kAccessDenied: only an administrator
+// makes one that the printer list does not have.
+dblink::ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** database);
 // Null when there is none.
 Database* FindDatabase(std::string_view name);
 // kNotCreator when it is not that handle's to make ready.
@@ -50,11 +53,15 @@ ULONGLONG CreationTime(Database& database);
 
 // Null when there is none.
 Variable* FindVariable(const Database& database, std::string_view name);
-dblink::ServiceStatus CreateVariable(Database& database, Account& account, std::string_view name,
+// Whether the caller may add variables or change what composites are made of: whoever makes the database until it is
+// ready, then administrators.
+bool MayShape(const Database& database, const Caller& caller);
+dblink::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
                                      dblink::DatabaseType type, const BYTE* bytes, DWORD size);
-// Stores the value and signals watchers. A variable that is not there is made when it is the companion of another.
-dblink::ServiceStatus WriteVariable(Database& database, Account& account, std::string_view name, const BYTE* bytes,
-                                    DWORD size);
+// The first write to a name that is another variable's and "W": the variable takes the same values as the other.
+// kVariableExists: another call made it.
+dblink::ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name,
+                                        const BYTE* bytes, DWORD size);
 
 void ForEachDatabase(void (*function)(Database& database));
 

@@ -1,16 +1,13 @@
-// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, whether
-// the service ends, and a copy of the printer list as it was read last.
+// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, and
+// whether the service ends.
 #include "forwarding.h"
 
-#include "clock.h"
+#include "printers.h"
+#include "settings.h"
 #include "signals.h"
 
-#include "dblink/printer_list.h"
-
 #include <algorithm>
-#include <new>
 #include <string.h>
-#include <vector>
 
 using namespace dblink;
 
@@ -25,7 +22,6 @@ struct ForwardedCall {
 
 namespace {
 
-constexpr char kSettingsKey[] = "SOFTWARE\\Tavik\\Oriel";
 constexpr char kLimitValue[] = "ForwardLimit"; // milliseconds
 // As long as an asynchronous request waits for its printer side.
 constexpr DWORD kDefaultLimitMs = 60000;
@@ -34,50 +30,6 @@ constexpr DWORD kLongestLimitMs = 600000;
 
 DWORD g_limitMs = kDefaultLimitMs;
 std::atomic<bool> g_ending = false;
-
-// ---- the printer list: which database a printer has
-
-struct ListCopy {
-    const Variable* variable = nullptr;
-    DWORD sequence = 0;
-    std::vector<BYTE> bytes;
-};
-
-Lock g_listLock;
-ListCopy g_list GUARDED_BY(g_listLock);
-
-// The list as it is now. Any client may have written anything there: only whole entries are looked at.
-bool RefreshList() NEEDS(g_listLock) {
-    const Database* master = FindDatabase(kMasterDatabase);
-    if (!master || master->state.load(std::memory_order_acquire) != DatabaseState::Ready) return false;
-    const Variable* variable = FindVariable(*master, kPrinterListVariable);
-    if (!variable || variable->type == kTypeComposite) return false;
-    for (;;) {
-        // A count taken before the value is never ahead of it: what is read may be newer, and is then read once more.
-        const DWORD sequence = SequenceBegin(*variable);
-        if (g_list.variable == variable && g_list.sequence == sequence) return true;
-        const ValueState state = ReadValue(*variable, g_list.bytes.data(), static_cast<DWORD>(g_list.bytes.size()));
-        const bool fits = state.size <= g_list.bytes.size();
-        g_list.variable = nullptr;
-        try {
-            g_list.bytes.resize(state.size);
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-        if (!fits) continue; // with room for it now
-        g_list.variable = variable;
-        g_list.sequence = sequence;
-        return true;
-    }
-}
-
-// Null: the printer has none that can be used.
-Database* DatabaseOfPrinter(std::string_view printer) {
-    LockHold hold{g_listLock};
-    if (!RefreshList()) return nullptr;
-    Database* database = FindDatabase(DatabaseInPrinterList(g_list.bytes.data(), g_list.bytes.size(), printer));
-    return database && database->state.load(std::memory_order_acquire) == DatabaseState::Ready ? database : nullptr;
-}
 
 // ---- the mailbox
 
@@ -96,6 +48,11 @@ void StoreInMailbox(Database& database, Variable& mailbox, const ForwardedReques
     WriteValue(mailbox, database.arena, *database.account, bytes, sizeof bytes, &changed);
 }
 
+DWORD NextId(Forwarding& forwarding) NEEDS(forwarding.lock) {
+    if (++forwarding.lastId == 0) ++forwarding.lastId;
+    return forwarding.lastId;
+}
+
 // Puts the first call's request into the mailbox, or none. That the mailbox was emptied tells a printer side that comes
 // later what it need not do, and the one that is there nothing: it is not signalled.
 void PostFirst(Database& database) NEEDS(database.forwarding.lock) {
@@ -106,11 +63,9 @@ void PostFirst(Database& database) NEEDS(database.forwarding.lock) {
         StoreInMailbox(database, *mailbox, {});
         return;
     }
-    DWORD& id = database.forwarding.lastId;
-    if (++id == 0) ++id;
-    call->id = id;
+    call->id = NextId(database.forwarding);
     StoreInMailbox(database, *mailbox, {call->id, call->kind});
-    SignalWritten(database, *mailbox, true);
+    SignalWritten(database, Written{mailbox, true});
 }
 
 void TakeOut(Forwarding& forwarding, ForwardedCall& call) NEEDS(forwarding.lock) {
@@ -136,9 +91,56 @@ void FailAll(Database& database) NEEDS(database.forwarding.lock) {
     PostFirst(database);
 }
 
+// ---- a printer side that is gone
+
+// Bits that say that requests are taken, which whoever took them cannot take back any more.
+struct TakingBits {
+    std::string_view variable;
+    DWORD bits;
+};
+constexpr TakingBits kTakingBits[] = {{"PrinterExtStatus", 0x1}, {"SpoolerStatus", 0xC}};
+
+constexpr LONG kUnavailable = -50; // what a printer side says that stops
+
+void StoreNumber(Database& database, Variable& variable, DWORD number) {
+    BYTE bytes[sizeof number];
+    memcpy(bytes, &number, sizeof number);
+    bool changed = false;
+    if (CheckValueSize(variable, sizeof number) != kDone) return;
+    WriteValue(variable, database.arena, *database.account, bytes, sizeof bytes, &changed); // as large as the block
+    SignalWritten(database, Written{&variable, changed});
+}
+
+void ClearBits(Database& database, std::string_view name, DWORD bits) {
+    Variable* variable = FindVariable(database, name);
+    if (!variable || variable->type != kTypeNumber) return;
+    DWORD number = 0;
+    BYTE bytes[sizeof number] = {};
+    if (ReadValue(*variable, bytes, sizeof bytes).size != sizeof bytes) return;
+    memcpy(&number, bytes, sizeof number);
+    if ((number & bits) != 0) StoreNumber(database, *variable, number & ~bits);
+}
+
+// Whoever watches "RWResult" waits for the answer to the request that was written since the last one. Times tell
+// milliseconds: a request within that of the last answer counts as open, for the worse would be that somebody waits for
+// good.
+void AnswerOpenRequest(Database& database) {
+    Variable* result = FindVariable(database, "RWResult");
+    if (!result || result->type != kTypeNumber) return;
+    const VariableSignals* signals = result->signals.load(std::memory_order_acquire);
+    if (!signals || signals->watchCount.load() == 0) return;
+    const ULONGLONG answered = ReadWriteTime(*result);
+    for (const std::string_view name : {"ReadRequest", "WriteRequest"}) {
+        const Variable* request = FindVariable(database, name);
+        if (!request || request->type == kTypeComposite || ReadWriteTime(*request) < answered) continue;
+        StoreNumber(database, *result, static_cast<DWORD>(kUnavailable));
+        return;
+    }
+}
+
 bool Enter(Database& database, ForwardedCall& call) {
     LockHold hold{database.forwarding.lock};
-    if (g_ending.load() || !MailboxOf(database)) return false;
+    if (g_ending.load() || database.forwarding.ending || !MailboxOf(database)) return false;
     (database.forwarding.last ? database.forwarding.last->next : database.forwarding.first) = &call;
     database.forwarding.last = &call;
     if (database.forwarding.first == &call) PostFirst(database);
@@ -170,12 +172,6 @@ LONG ForwardToPrinter(RequestKind kind, std::string_view printer) {
 }
 
 } // namespace
-
-ForwardingRole ForwardingRoleOf(std::string_view name) {
-    if (name == kForwardMailbox) return ForwardingRole::Mailbox;
-    if (name == kForwardAnswer) return ForwardingRole::Answer;
-    return ForwardingRole::None;
-}
 
 bool IsForwardingForm(DatabaseType type, const BYTE* bytes, DWORD size) {
     return type == kTypeRecord && size == sizeof(ForwardedRequest) &&
@@ -211,18 +207,39 @@ void TakeAnswer(Database& database, const BYTE* bytes, DWORD size) {
 void PrinterSideIsGone(Database& database) {
     LockHold hold{database.forwarding.lock};
     // Another may have come meanwhile: it finds the request in the mailbox.
-    if (!MailboxOf(database)) FailAll(database);
+    if (MailboxOf(database)) return;
+    const bool wasAsked = database.forwarding.ending;
+    database.forwarding.ending = false;
+    if (wasAsked && !database.forwarding.first) PostFirst(database); // its successor is not asked to end
+    FailAll(database);
+    for (const TakingBits& row : kTakingBits)
+        ClearBits(database, row.variable, row.bits);
+    AnswerOpenRequest(database);
+}
+
+void AnswerUnserved(Database& database) {
+    // Where no printer side of ours has been, another kind may serve the request.
+    if (!FindVariable(database, kForwardMailbox)) return;
+    LockHold hold{database.forwarding.lock};
+    if (!MailboxOf(database)) AnswerOpenRequest(database);
+}
+
+void EndPrinterSides() {
+    ForEachDatabase([](Database& database) {
+        if (database.state.load(std::memory_order_acquire) != DatabaseState::Ready) return;
+        LockHold hold{database.forwarding.lock};
+        Variable* mailbox = MailboxOf(database);
+        if (!mailbox) return;
+        FailAll(database);
+        database.forwarding.ending = true;
+        StoreInMailbox(database, *mailbox, {NextId(database.forwarding), kEndRequest});
+        SignalWritten(database, Written{mailbox, true});
+    });
 }
 
 void InitialiseForwarding() {
-    HKEY key = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return;
-    DWORD type = 0;
     DWORD limit = 0;
-    DWORD size = sizeof limit;
-    const LSTATUS status = RegQueryValueExA(key, kLimitValue, nullptr, &type, reinterpret_cast<BYTE*>(&limit), &size);
-    RegCloseKey(key);
-    if (status == ERROR_SUCCESS && type == REG_DWORD && size == sizeof limit)
+    if (ReadSetting(kLimitValue, REG_DWORD, &limit, sizeof limit))
         g_limitMs = std::clamp(limit, kShortestLimitMs, kLongestLimitMs);
 }
 

@@ -2,7 +2,8 @@
 // printer's database, one request at a time, and the caller waits for its answer.
 //
 // The mailbox and its answer are the two variables that dblink/interface.h tells of. A printer side is there while a
-// client watches the mailbox; when the last one goes, all who wait are told at once. State: with each database.
+// client watches the mailbox; when the last one goes, all who wait are told at once, also those who do not wait in a
+// call of the service but for "RWResult". State: with each database.
 #pragma once
 
 #include "lock.h"
@@ -13,10 +14,6 @@
 
 struct Database;
 
-// What a variable is to the forwarding of requests, known by its name.
-enum class ForwardingRole : BYTE { None, Mailbox, Answer };
-
-ForwardingRole ForwardingRoleOf(std::string_view name);
 // Whether a new mailbox or answer variable is as it must be.
 bool IsForwardingForm(dblink::DatabaseType type, const BYTE* bytes, DWORD size);
 
@@ -29,6 +26,7 @@ struct Forwarding {
     ForwardedCall* first GUARDED_BY(lock) = nullptr;
     ForwardedCall* last GUARDED_BY(lock) = nullptr;
     DWORD lastId GUARDED_BY(lock) = 0;
+    bool ending GUARDED_BY(lock) = false; // the printer side was asked to end: no more requests are handed over
 };
 
 // Carries out "ReadRequest:<printer>" and the like: the printer side's result, or why there is none.
@@ -36,8 +34,13 @@ LONG ForwardRequest(std::string_view request);
 
 // The answer variable was written: by whom and with what must be checked.
 void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
-// Nobody watches the mailbox any more.
+// Nobody watches the mailbox any more: "PrinterExtStatus" and "SpoolerStatus" say so, whether the printer side could or
+// not, and who waits for "RWResult" is answered.
 void PrinterSideIsGone(Database& database);
+// A request was written. When the printer side has gone by now, it is answered.
+void AnswerUnserved(Database& database);
+// All managers are asked to terminate: each printer side that serves a printer is asked to end.
+void EndPrinterSides();
 
 // Reads how long a request may take.
 void InitialiseForwarding();

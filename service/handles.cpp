@@ -82,6 +82,14 @@ Database* FindHandle(const Group& group, DWORD handle) {
     return owner == &group && slot.handle.load(std::memory_order_relaxed) == handle ? database : nullptr;
 }
 
+DWORD HandlesOf(const Group& group, const Database& database) {
+    LockHold hold{g_handlesLock};
+    DWORD count = 0;
+    for (DWORD slot = group.firstHandleSlot; slot != kNoHandleSlot; slot = g_slots[slot].nextOfGroup)
+        count += g_slots[slot].database.load(std::memory_order_relaxed) == &database;
+    return count;
+}
+
 bool CloseHandleOf(Group& group, DWORD handle) {
     Database* database = nullptr;
     {

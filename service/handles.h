@@ -15,6 +15,9 @@ DWORD ReserveHandle(Group& group);
 void SetHandle(DWORD handle, Database& database);
 void CancelHandle(Group& group, DWORD handle); // one that was not set
 
+// How many of the group's are of that database.
+DWORD HandlesOf(const Group& group, const Database& database);
+
 // The database, or null: not a handle of this group.
 Database* FindHandle(const Group& group, DWORD handle);
 // Ends a handle and tells its database. False: not a handle of this group.

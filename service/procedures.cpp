@@ -1,10 +1,13 @@
 #include "procedures.h"
 
+#include "administrators.h"
 #include "clients.h"
 #include "clock.h"
 #include "composite.h"
-#include "dblink/ndr.h"
 #include "watches.h"
+#include "writing.h"
+
+#include "dblink/ndr.h"
 
 #include <exception>
 #include <iterator>
@@ -19,7 +22,8 @@ namespace {
 struct Call {
     RPC_MESSAGE& message;
     NdrReader request;
-    Group& group;
+    Caller caller;
+    Group& group = caller.group;
 };
 
 // Each returns 0 after it has written a reply, or the run-time's code to raise: it is raised when nothing is held any
@@ -52,7 +56,7 @@ RPC_STATUS ServeCreateDatabase(Call& call) {
     DWORD handle = ReserveHandle(call.group);
     if (handle == 0) return ReplyHandle(call, 0, kLimitReached);
     Database* database = nullptr;
-    const ServiceStatus status = CreateDatabase(*call.group.account, name, handle, &database);
+    const ServiceStatus status = CreateDatabase(call.caller, name, handle, &database);
     if (status == kDone) {
         SetHandle(handle, *database);
     } else {
@@ -115,13 +119,20 @@ RPC_STATUS ServeGetServiceInstance(Call& call) {
     return fault;
 }
 
+// Those that have the database open but for its printer sides, which are no managers: one that waits for the others to
+// close would wait for them.
+DWORD ManagersOf(Database& database) {
+    const DWORD printerSides = HandlesOfPrinterSides(database);
+    const DWORD all = database.openHandles.load();
+    return all > printerSides ? all - printerSides : 0;
+}
+
 RPC_STATUS ServeGetDatabaseInfo(Call& call) {
     const DWORD handle = call.request.U32();
     if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
     const DatabaseUse database{call.group, handle};
     DatabaseInfo info = {};
-    if (database)
-        info = {database->openHandles.load(), database->variableCount.load(), ToSystemTime(CreationTime(*database))};
+    if (database) info = {ManagersOf(*database), database->variableCount.load(), ToSystemTime(CreationTime(*database))};
     RPC_STATUS fault;
     NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
     reply.WriteDatabaseInfo(info);
@@ -147,8 +158,8 @@ RPC_STATUS ServeCreateVariable(Call& call) {
     const DatabaseUse database{call.group, handle};
     if (!database) return ReplyStatus(call, kUnknownDatabase);
     if (reserved != 0 || type >= kTypeCount) return ReplyStatus(call, kBadArgument);
-    return ReplyStatus(
-        call, CreateVariable(*database, *call.group.account, name, static_cast<DatabaseType>(type), value.data, size));
+    return ReplyStatus(call,
+                       CreateVariable(*database, call.caller, name, static_cast<DatabaseType>(type), value.data, size));
 }
 
 RPC_STATUS ServeWriteVariable(Call& call) {
@@ -159,7 +170,7 @@ RPC_STATUS ServeWriteVariable(Call& call) {
     if (!call.request.Good() || value.size != size) return RPC_X_BAD_STUB_DATA;
     const DatabaseUse database{call.group, handle};
     if (!database) return ReplyStatus(call, kUnknownDatabase);
-    return ReplyStatus(call, WriteVariable(*database, *call.group.account, name, value.data, size));
+    return ReplyStatus(call, WriteVariable(*database, call.caller, name, value.data, size));
 }
 
 RPC_STATUS ServeReadVariable(Call& call) {
@@ -191,7 +202,7 @@ RPC_STATUS ServeSetCompositeMembers(Call& call) {
     if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
     const DatabaseUse database{call.group, handle};
     if (!database) return ReplyStatus(call, kUnknownDatabase);
-    return ReplyStatus(call, SetCompositeMembers(*database, *call.group.account, composite, list));
+    return ReplyStatus(call, SetCompositeMembers(*database, call.caller, composite, list));
 }
 
 ServiceStatus InfoOf(const Group& group, Database& database, std::string_view name, VariableInfo* info) {
@@ -231,6 +242,9 @@ RPC_STATUS ServeWatchVariable(Call& call) {
     if (!database.IsReady()) return ReplyStatus(call, kBeingInitialised);
     Variable* variable = FindVariable(*database, name);
     if (!variable) return ReplyStatus(call, kUnknownVariable);
+    // Whoever watches the mailbox is the printer side, and answers for the printer.
+    if (variable->role == VariableRole::Mailbox && !IsAdministrator(call.caller))
+        return ReplyStatus(call, kAccessDenied);
     return ReplyStatus(call, AddWatch(call.group, *database, *variable, static_cast<WatchMode>(mode)));
 }
 
@@ -292,7 +306,7 @@ RPC_STATUS Serve(RPC_MESSAGE& message) {
     const CallersAssociation caller(message.Handle);
     Group* group = CallingGroup(caller, &fault);
     if (!group) return fault;
-    Call call{message, NdrReader{message.Buffer, message.BufferLength, message.DataRepresentation}, *group};
+    Call call{message, NdrReader{message.Buffer, message.BufferLength, message.DataRepresentation}, {*group, caller}};
     return function(call);
 }
 

@@ -243,7 +243,7 @@ void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
         signals.database->watches.fetch_sub(1);
         if (--signal.watches == 0) ForgetPulses(signal);
     }
-    if (last && signals.variable->role == ForwardingRole::Mailbox) PrinterSideIsGone(*signals.database);
+    if (last && signals.variable->role == VariableRole::Mailbox) PrinterSideIsGone(*signals.database);
 }
 
 // Stored with a barrier before the write time is read, as the writer stores that before it looks here.
@@ -254,13 +254,17 @@ bool NoteLook(VariableSignals& signals) {
     return true;
 }
 
-void SignalWritten(Database& database, const Variable& variable, bool changed) {
+void SignalWritten(Database& database, std::span<const Written> variables) {
     if (database.watches.load(std::memory_order_seq_cst) == 0) return;
-    if (VariableSignals* signals = variable.signals.load(std::memory_order_acquire)) Fire(*signals, changed);
+    for (const Written& written : variables)
+        if (VariableSignals* signals = written.variable->signals.load(std::memory_order_acquire))
+            Fire(*signals, written.changed);
     VariableSignals* composite = database.compositeSignals.load(std::memory_order_acquire);
-    for (; composite; composite = composite->nextComposite)
-        if (composite->watchCount.load() > 0 && IsComposedOf(database, *composite->variable, variable))
+    for (; composite; composite = composite->nextComposite) {
+        bool changed = false;
+        if (composite->watchCount.load() > 0 && IsComposedOf(database, *composite->variable, variables, &changed))
             Fire(*composite, changed);
+    }
 }
 
 bool StartSignals() {

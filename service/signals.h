@@ -62,8 +62,12 @@ bool NoteLook(VariableSignals& signals);
 // Defined with the watches.
 bool WasMissed(VariableSignals& signals, dblink::WatchMode mode);
 
-// The variable was written, and its value can be read. changed: the bytes are others than before.
-void SignalWritten(Database& database, const Variable& variable, bool changed);
+// Variables were written at one moment, and their values can be read: each watched one and each watched composite of
+// any of them is told once.
+void SignalWritten(Database& database, std::span<const Written> variables);
+inline void SignalWritten(Database& database, const Written& variable) {
+    SignalWritten(database, std::span{&variable, 1});
+}
 
 // The thread that pulses later. False when it cannot be started.
 bool StartSignals();

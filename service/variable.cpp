@@ -15,6 +15,7 @@ Lock g_writerLocks[kWriterLocks];
 namespace {
 
 constexpr SIZE_T kValueAlignment = 8;
+constexpr DWORD kLengthSize = sizeof(DWORD); // of a variable-length value, before its payload
 
 bool HasFixedSize(const Variable& variable) {
     return variable.type == kTypeByte || variable.type == kTypeWord || variable.type == kTypeNumber;
@@ -50,25 +51,43 @@ ULONGLONG WriteTimeOf(const Variable& variable) {
     return high << 32 | variable.writeTime[0].load(std::memory_order_acquire);
 }
 
-void StoreWriteTime(Variable& variable) {
+void StoreWriteTime(Variable& variable, ULONGLONG now) {
     // The time of day may be set back; a write time that went back would hide the write from those who compare.
-    const ULONGLONG time = std::max(WriteTimeNow(), WriteTimeOf(variable));
+    const ULONGLONG time = std::max(now, WriteTimeOf(variable));
     variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
     variable.writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
 }
 
 // The writer's side of the sequence count; the writer's lock is held.
+void BeginChange(Variable& variable) {
+    variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+// Sequentially consistent: the writer looks for watches next, and a client that has its watch by then must either be
+// seen or see this value.
+void EndChange(Variable& variable) {
+    variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
+}
+
 struct Change {
     Variable& variable;
-    DWORD before;
 
-    explicit Change(Variable& changed) : variable(changed), before(changed.sequence.load(std::memory_order_relaxed)) {
-        variable.sequence.store(before + 1, std::memory_order_relaxed);
-    }
-    // Sequentially consistent: the writer looks for watches next, and a client that has its watch by then must either
-    // be seen or see this value.
-    ~Change() { variable.sequence.store(before + 2, std::memory_order_seq_cst); }
+    explicit Change(Variable& changed) : variable(changed) { BeginChange(variable); }
+    ~Change() { EndChange(variable); }
 };
+
+// Bytes [from, to) of the value.
+void CopyBytes(ValueBlock& block, DWORD from, DWORD to, BYTE* out) {
+    const std::atomic<Word>* words = block.Words();
+    for (DWORD at = from; at < to;) {
+        const DWORD within = at % sizeof(Word);
+        const DWORD count = std::min<DWORD>(sizeof(Word) - within, to - at);
+        const Word word = words[at / sizeof(Word)].load(std::memory_order_acquire);
+        memcpy(out, reinterpret_cast<const BYTE*>(&word) + within, count);
+        out += count;
+        at += count;
+    }
+}
 
 } // namespace
 
@@ -91,8 +110,15 @@ DWORD SequenceBegin(const Variable& variable) {
 
 ServiceStatus CheckValueSize(const Variable& variable, DWORD size) {
     if (variable.type == kTypeComposite) return kWrongSize;
-    if (HasFixedSize(variable)) return size == variable.sizeLimit ? kDone : kWrongSize;
-    return size <= variable.sizeLimit ? kDone : kWrongSize;
+    if (HasFixedSize(variable)) return size == variable.room ? kDone : kWrongSize;
+    return size <= (variable.type == kTypeVariableLength ? kValueSizeMax : variable.room) ? kDone : kWrongSize;
+}
+
+DWORD RoomFor(DatabaseType type, const BYTE* bytes, DWORD size) {
+    constexpr BYTE kEmpty[] = {4, 0, 0, 0, 0, 0, 0, 0};
+    if (type != kTypeVariableLength) return size;
+    if (size <= kLengthSize || (size == sizeof kEmpty && memcmp(bytes, kEmpty, size) == 0)) return 0;
+    return size - kLengthSize;
 }
 
 ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const BYTE* bytes, DWORD size,
@@ -124,6 +150,18 @@ ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity) {
         }
     }
     return {size, WriteTimeOf(variable), SequenceNow(variable) / 2};
+}
+
+ValueState CopyPart(const Variable& variable, BYTE* out, DWORD capacity) {
+    ValueBlock* block = variable.block.load(std::memory_order_acquire);
+    const DWORD size = std::min(block->size.load(std::memory_order_acquire), block->capacity);
+    if (variable.room <= capacity) {
+        const DWORD from = variable.type == kTypeVariableLength ? std::min(kLengthSize, size) : 0;
+        const DWORD count = std::min(size - from, variable.room);
+        CopyBytes(*block, from, from + count, out);
+        memset(out + count, 0, variable.room - count);
+    }
+    return {variable.room, WriteTimeOf(variable), SequenceNow(variable) / 2};
 }
 
 ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity) {
@@ -161,12 +199,30 @@ ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, con
         variable.block.store(grown, std::memory_order_release);
     else if (*changed)
         FillBlock(*block, bytes, size);
-    StoreWriteTime(variable);
+    StoreWriteTime(variable, WriteTimeNow());
     return kDone;
 }
 
 void TouchWriteTime(Variable& variable) {
     LockHold hold{g_writerLocks[WriterLockOf(variable)]};
     const Change change{variable};
-    StoreWriteTime(variable);
+    StoreWriteTime(variable, WriteTimeNow());
+}
+
+// Readers of several variables see none of the new values before all of them are there: no count becomes even before
+// the last one has become odd.
+void WriteTogether(std::span<Written> variables, const BYTE* bytes) {
+    const ULONGLONG now = WriteTimeNow();
+    for (const Written& written : variables)
+        BeginChange(*written.variable);
+    for (Written& written : variables) {
+        Variable& variable = *written.variable;
+        ValueBlock& block = *variable.block.load(std::memory_order_relaxed); // has room for it
+        written.changed = !BlockHolds(block, bytes, variable.room);
+        if (written.changed) FillBlock(block, bytes, variable.room);
+        StoreWriteTime(variable, now);
+        bytes += variable.room;
+    }
+    for (const Written& written : variables)
+        EndChange(*written.variable);
 }

@@ -10,6 +10,9 @@
 
 #include "forwarding.h"
 #include "names.h"
+#include "roles.h"
+
+#include <span>
 
 struct MemberList;      // composite.h
 struct VariableSignals; // signals.h
@@ -33,11 +36,11 @@ struct alignas(64) Variable {
     std::atomic<VariableSignals*> signals; // null until it is watched for the first time; then it stays
     std::atomic<DWORD> writeTime[2];       // low and high half of 100 ns since 1601
     std::atomic<DWORD> sequence;
-    DWORD hash;      // of its name
-    DWORD sizeLimit; // of a value; of a byte, word or number, the size itself
-    BYTE type;       // dblink::DatabaseType
-    bool companion;  // made by a write to a name of another variable and "W"
-    ForwardingRole role;
+    DWORD hash; // of its name
+    DWORD room; // bytes that it takes in a composite; of all but the variable-length ones, those of the largest value
+    BYTE type;  // dblink::DatabaseType
+    bool companion; // made by a write to a name of another variable and "W"
+    VariableRole role;
 };
 static_assert(sizeof(Variable) == 64);
 
@@ -54,6 +57,10 @@ ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const 
 
 // kDone when a value of that size may be stored.
 dblink::ServiceStatus CheckValueSize(const Variable& variable, DWORD size);
+
+// What a variable of that type takes in a composite when it is created with that value: its size, or the payload of a
+// variable-length one. The empty variable-length value, {4, 0}, has none.
+DWORD RoomFor(dblink::DatabaseType type, const BYTE* bytes, DWORD size);
 
 // Copies the value out when capacity is enough for it; else out may hold anything. Not for composites.
 ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity);
@@ -72,7 +79,20 @@ void TouchWriteTime(Variable& variable);
 DWORD SequenceBegin(const Variable& variable); // waits until no writer is in the middle
 DWORD SequenceNow(const Variable& variable);
 ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity); // as ReadValue, but unchecked
+// The same of what it contributes to a composite: always its room, with zeros behind a shorter value. Of a
+// variable-length value the payload, as much as there is room for.
+ValueState CopyPart(const Variable& variable, BYTE* out, DWORD capacity);
 
 inline constexpr DWORD kWriterLocks = 64;
 DWORD WriterLockOf(const Variable& variable); // 0 to 63
 extern Lock g_writerLocks[kWriterLocks];
+
+// A variable that was written; changed: its bytes are others than before.
+struct Written {
+    Variable* variable;
+    bool changed;
+};
+
+// Stores values of several variables at one moment: bytes has one behind the other, each as long as the variable's
+// room. No variable is there twice or of variable length, and the locks of all their writers are held.
+void WriteTogether(std::span<Written> variables, const BYTE* bytes);

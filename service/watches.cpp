@@ -123,3 +123,14 @@ void DropWatches(Group& group) {
         Delete(watch);
     }
 }
+
+DWORD HandlesOfPrinterSides(const Database& database) {
+    const Variable* mailbox = FindVariable(database, kForwardMailbox);
+    const VariableSignals* signals = mailbox ? mailbox->signals.load(std::memory_order_acquire) : nullptr;
+    if (!signals || signals->watchCount.load() == 0) return 0;
+    LockHold hold{g_watchesLock};
+    DWORD handles = 0;
+    for (const Watch* watch = signals->watches; watch; watch = watch->nextOfVariable)
+        handles += HandlesOf(*watch->group, database);
+    return handles;
+}

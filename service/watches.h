@@ -10,5 +10,7 @@ dblink::ServiceStatus AddWatch(Group& group, Database& database, Variable& varia
 dblink::ServiceStatus EndWatch(Group& group, const Variable& variable);
 // The group is going to ask when the variable was written.
 void NoteQuestion(const Group& group, const Variable& variable);
+// Handles of the database that belong to those who watch its mailbox.
+DWORD HandlesOfPrinterSides(const Database& database);
 // All of a group, none of whose calls is in progress.
 void DropWatches(Group& group);

@@ -1,6 +1,8 @@
 // What each procedure answers.
 #include "service_under_test.h"
 
+#include <algorithm>
+
 TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     const Service service;
     const char* name = "TVORSQD_DB1";
@@ -107,7 +109,7 @@ TEST(Variables, TakeValuesOfTheirSizes) {
         {"List", 100000, kDone},
         {"List", kValueSizeMax, kDone},
         {"List", 0, kDone},
-        {"All", 4, kWrongSize},
+        {"All", 4, kWrongSize}, // it has no members
         {"Missing", 4, kUnknownVariable},
         // A companion is made by its first write that is taken.
         {"NumberW", 2, kWrongSize},
@@ -185,6 +187,8 @@ TEST(Composites, AreTheirMembersInListOrder) {
     const DWORD handle = ReadyDatabase("Database", {{"A", kTypeNumber, Number(0x11111111)},
                                                     {"B", kTypeRecord, {1, 2, 3}},
                                                     {"C", kTypeString, BytesOf("cc")},
+                                                    {"List", kTypeVariableLength, {3, 0, 0, 0, 5, 6, 7}},
+                                                    {"Queue", kTypeVariableLength, {4, 0, 0, 0, 0, 0, 0, 0}},
                                                     {"All", kTypeComposite, {}},
                                                     {"Outer", kTypeComposite, {}},
                                                     {"Self", kTypeComposite, {}}});
@@ -212,11 +216,22 @@ TEST(Composites, AreTheirMembersInListOrder) {
     ASSERT_EQ(SetCompositeMembers(handle, "All", "B;Late;"), kDone);
     EXPECT_EQ(ValueOf(handle, "All"), (Bytes{1, 2, 3}));
     EXPECT_EQ(CreateVariable(handle, "Late", kTypeByte, {9}), kDone);
+    // No value moves the members behind it.
     EXPECT_EQ(WriteVariable(handle, "B", {4}), kDone);
-    EXPECT_EQ(ValueOf(handle, "All"), (Bytes{4, 9}));
+    EXPECT_EQ(ValueOf(handle, "All"), (Bytes{4, 0, 0, 9}));
     DWORD size = 0;
-    EXPECT_EQ(ReadVariable(handle, "All", 1, nullptr, &size), kBufferTooSmall);
-    EXPECT_EQ(size, 2u);
+    EXPECT_EQ(ReadVariable(handle, "All", 3, nullptr, &size), kBufferTooSmall);
+    EXPECT_EQ(size, 4u);
+    ASSERT_EQ(SetCompositeMembers(handle, "Outer", "List;Queue;Late;"), kDone);
+    EXPECT_EQ(ValueOf(handle, "Outer"), (Bytes{5, 6, 7, 9}));
+    for (const Bytes& list : {Bytes{1, 0, 0, 0, 8}, Bytes{8}, Bytes{}, Bytes{5, 0, 0, 0, 1, 2, 3, 4, 5}}) {
+        EXPECT_EQ(WriteVariable(handle, "List", list), kDone);
+        EXPECT_EQ(WriteVariable(handle, "Queue", Bytes(500, 1)), kDone);
+        Bytes expected(list.begin() + static_cast<ptrdiff_t>(std::min<size_t>(list.size(), 4)), list.end());
+        expected.resize(3);
+        expected.push_back(9);
+        EXPECT_EQ(ValueOf(handle, "Outer"), expected);
+    }
 
     // Its write time is the latest of its members'.
     VariableInfo all = {};
@@ -230,13 +245,48 @@ TEST(Composites, AreTheirMembersInListOrder) {
     EXPECT_EQ(GetVariableInfo(handle, "Late", &member), kDone);
     EXPECT_EQ(Milliseconds(all.writeTime), Milliseconds(member.writeTime));
     EXPECT_EQ(all.type, kTypeComposite);
-    EXPECT_EQ(all.size, 2u);
+    EXPECT_EQ(all.size, 4u);
 
     // Composites of composites, and of themselves.
     EXPECT_EQ(SetCompositeMembers(handle, "Outer", "All;A;All;"), kDone);
-    EXPECT_EQ(ValueOf(handle, "Outer"), (Bytes{4, 8, 0x11, 0x11, 0x11, 0x11, 4, 8}));
+    EXPECT_EQ(ValueOf(handle, "Outer"), (Bytes{4, 0, 0, 8, 0x11, 0x11, 0x11, 0x11, 4, 0, 0, 8}));
     EXPECT_EQ(SetCompositeMembers(handle, "Self", "Late;Self;"), kDone);
     EXPECT_EQ(ValueOf(handle, "Self"), Bytes(kCompositeDepthMax, 8));
+}
+
+TEST(Composites, AWriteGoesToTheMembersOrNowhere) {
+    const Service service;
+    const DWORD handle = ReadyDatabase("Database", {{"A", kTypeNumber, Number(1)},
+                                                    {"B", kTypeRecord, {1, 2, 3}},
+                                                    {"List", kTypeVariableLength, {1, 0, 0, 0, 9}},
+                                                    {"Inner", kTypeComposite, {}},
+                                                    {"All", kTypeComposite, {}}});
+    ASSERT_EQ(SetCompositeMembers(handle, "Inner", "B;Missing;"), kDone);
+    const struct {
+        const char* list;
+        size_t size;
+        LONG answer;
+    } rows[] = {
+        {"A;Inner;", 7, kDone},      {"Inner;A;", 7, kDone},  {"A;Inner;", 6, kWrongSize}, {"A;Inner;", 8, kWrongSize},
+        {"A;Inner;", 0, kWrongSize}, {"A;A;", 8, kWrongSize}, {"A;List;", 5, kWrongSize},  {"Missing;", 0, kWrongSize},
+    };
+    unsigned char fill = 0x40;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.list + std::to_string(row.size));
+        ASSERT_EQ(SetCompositeMembers(handle, "All", row.list), kDone);
+        const Bytes before = ValueOf(handle, "All");
+        VariableInfo member = {};
+        ASSERT_EQ(GetVariableInfo(handle, "A", &member), kDone);
+        const DWORD writes = member.writes;
+        Bytes value(row.size);
+        for (unsigned char& byte : value)
+            byte = ++fill;
+        EXPECT_EQ(WriteVariable(handle, "All", value), row.answer);
+        EXPECT_EQ(ValueOf(handle, "All"), row.answer == kDone ? value : before);
+        EXPECT_EQ(GetVariableInfo(handle, "A", &member), kDone);
+        EXPECT_EQ(member.writes, writes + (row.answer == kDone));
+    }
+    EXPECT_EQ(ValueOf(handle, "List"), (Bytes{1, 0, 0, 0, 9}));
 }
 
 TEST(Composites, HaveBounds) {
@@ -260,7 +310,7 @@ TEST(Composites, HaveBounds) {
     VariableInfo info = {};
     EXPECT_EQ(GetVariableInfo(handle, "Outer", &info), kLimitReached);
     // More bytes than any value may have.
-    EXPECT_EQ(CreateVariable(handle, "Large", kTypeVariableLength, Bytes(kValueSizeMax / 2 + 1)), kDone);
+    EXPECT_EQ(CreateVariable(handle, "Large", kTypeVariableLength, Bytes(kValueSizeMax / 2 + 8)), kDone);
     EXPECT_EQ(SetCompositeMembers(handle, "Outer", "Large;Large;"), kDone);
     EXPECT_EQ(ReadVariable(handle, "Outer", 0, nullptr, &size), kLimitReached);
 }

@@ -56,6 +56,10 @@ CHILD_PROCESS(ServesForwardedRequests) {
         }
         const DWORD before = last;
         last = request.id;
+        if (request.kind == kEndRequest) {
+            child.Say("asked to end");
+            return 0;
+        }
         if (silent > 0) {
             --silent;
             child.Say("silent");
@@ -159,6 +163,94 @@ TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
     EXPECT_GE(NowMs() - start, 290);
     side.Continue();
     EXPECT_EQ(ForwardRequest("ReadRequest:" + kPrinters[0]), ResultFor(0, kReadRequest));
+}
+
+namespace {
+
+const std::vector<VariableRow> kRequestVariables = {
+    {"ReadRequest", kTypeString, Bytes(32)},   {"WriteRequest", kTypeString, Bytes(32)},
+    {"RWResult", kTypeNumber, Number(0)},      {"PrinterExtStatus", kTypeNumber, Number(0)},
+    {"SpoolerStatus", kTypeNumber, Number(0)}, {"TerminateManager", kTypeNumber, Number(0)}};
+constexpr DWORD kUnavailable = static_cast<DWORD>(-50);
+
+DWORD NumberIn(DWORD handle, const char* variable) {
+    return U32At(ValueOf(handle, variable), 0);
+}
+
+} // namespace
+
+// Requests that stand in their variables, without a call of the service that waits.
+TEST(Forwarding, APrinterSideThatIsGoneLeavesNoBitsAndNoRequest) {
+    const PrinterMachine machine(20000, kRequestVariables);
+    const DWORD handle = machine.databases[0];
+    const auto sayReady = [&] {
+        EXPECT_EQ(WriteVariable(handle, "PrinterExtStatus", Number(0x81)), kDone);
+        EXPECT_EQ(WriteVariable(handle, "SpoolerStatus", Number(0x1C)), kDone);
+    };
+    ASSERT_EQ(WatchVariable(handle, "RWResult", kEveryWrite), kDone);
+    EXPECT_EQ(WriteVariable(handle, "ReadRequest", BytesOf("PageCount")), kDone);
+    EXPECT_EQ(NumberIn(handle, "RWResult"), 0u) << "a printer side of another kind may serve it";
+    for (const char* request : {"ReadRequest", "WriteRequest"}) {
+        SCOPED_TRACE(request);
+        TestProcess side = PrinterSide(0);
+        EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone); // the last answer
+        PauseMs(5);
+        sayReady();
+        EXPECT_EQ(WriteVariable(handle, request, BytesOf("PageCount")), kDone);
+        {
+            TestProcess second = PrinterSide(0);
+            second.Kill();
+        }
+        EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest)) << "the first still serves";
+        EXPECT_EQ(NumberIn(handle, "PrinterExtStatus"), 0x81u);
+        EXPECT_EQ(NumberIn(handle, "RWResult"), 7u);
+        side.KillOnly();
+        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "RWResult") == kUnavailable; }));
+        EXPECT_EQ(NumberIn(handle, "PrinterExtStatus"), 0x80u);
+        EXPECT_EQ(NumberIn(handle, "SpoolerStatus"), 0x10u);
+        // One that was made too late to see that.
+        EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone);
+        PauseMs(5);
+        EXPECT_EQ(WriteVariable(handle, request, BytesOf("PageCount")), kDone);
+        EXPECT_EQ(NumberIn(handle, "RWResult"), kUnavailable);
+    }
+    // Nothing is open, or nobody waits: no answer comes of itself.
+    for (const bool waits : {true, false}) {
+        TestProcess side = PrinterSide(0);
+        sayReady();
+        if (!waits) {
+            EXPECT_EQ(UnwatchVariable(handle, "RWResult"), kDone);
+            EXPECT_EQ(WriteVariable(handle, "ReadRequest", BytesOf("PageCount")), kDone);
+        }
+        PauseMs(5);
+        if (waits) {
+            EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone);
+        }
+        side.KillOnly();
+        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "SpoolerStatus") == 0x10; }));
+        EXPECT_EQ(NumberIn(handle, "RWResult"), 7u);
+    }
+}
+
+TEST(Forwarding, ATerminationAsksThePrinterSidesToEnd) {
+    const PrinterMachine machine(20000, kRequestVariables);
+    TestProcess sides[] = {PrinterSide(0), PrinterSide(1, 1)};
+    DatabaseInfo info = {};
+    EXPECT_EQ(GetDatabaseInfo(machine.databases[0], &info), kDone);
+    EXPECT_EQ(info.openHandles, 1u) << "a printer side is no manager";
+    std::thread waits([&] { EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[1]), kNoPrinterSide); });
+    EXPECT_EQ(sides[1].Hear(), "silent");
+    EXPECT_EQ(WriteVariable(machine.databases[2], "TerminateManager", Number(0)), kDone);
+    EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest));
+    EXPECT_EQ(WriteVariable(machine.databases[2], "TerminateManager", Number(1)), kDone);
+    waits.join();
+    for (TestProcess& side : sides) {
+        EXPECT_EQ(side.Hear(), "asked to end");
+        EXPECT_EQ(side.Wait(), 0);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Mailbox(machine.databases[0]).id == 0; })) << "its successor is not asked";
+    TestProcess next = PrinterSide(0);
+    EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest));
 }
 
 TEST(Forwarding, AKilledPrinterSideLeavesNobodyWaiting) {

@@ -11,9 +11,10 @@ Bytes PrinterList(DWORD entries, DWORD count) {
     const Bytes counted = Number(count);
     list.insert(list.end(), counted.begin(), counted.end());
     for (DWORD i = 0; i < entries; ++i) {
-        Bytes entry(560);
-        std::memcpy(entry.data() + 8, kPrinters[i].c_str(), kPrinters[i].size());
-        std::memcpy(entry.data() + 268, DatabaseOf(i).c_str(), DatabaseOf(i).size());
+        Bytes entry(kEntrySize);
+        entry[0] = static_cast<unsigned char>(i + 1);
+        std::memcpy(entry.data() + kNameAt, kPrinters[i].c_str(), kPrinters[i].size());
+        std::memcpy(entry.data() + kDatabaseAt, DatabaseOf(i).c_str(), DatabaseOf(i).size());
         list.insert(list.end(), entry.begin(), entry.end());
     }
     return list;

@@ -10,6 +10,11 @@ inline const std::string kPrinters[] = {"Front desk", "Back office", "Cellar", "
 std::string DatabaseOf(size_t printer);
 // The printer list, with that many entries; count: what it says of them.
 Bytes PrinterList(DWORD entries, DWORD count);
+inline constexpr size_t kEntryAt = 8; // of the list, and what an entry has where
+inline constexpr size_t kEntrySize = 560;
+inline constexpr size_t kOwnerAt = 4;
+inline constexpr size_t kNameAt = 8;
+inline constexpr size_t kDatabaseAt = 268;
 
 struct PrinterMachine {
     // limitMs: of a forwarded request. variables: of each printer.

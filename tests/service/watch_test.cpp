@@ -167,26 +167,33 @@ TEST(Watches, OnACompositeFireForItsMembers) {
     ASSERT_EQ(SetCompositeMembers(handle, "Outer", "A;Inner;"), kDone);
     ASSERT_EQ(WatchVariable(handle, "Outer", kOnlyChanges), kDone);
     PulseCounter counter{"Outer", "Changed"};
+    ASSERT_EQ(WatchVariable(handle, "A", kEveryWrite), kDone);
+    PulseCounter member{"A", "Updated"};
     const auto write = [&](const char* name, DWORD value) { return WriteVariable(handle, name, Number(value)); };
     const struct {
         std::function<LONG()> change;
         int pulses; // in all
+        int ofA = 1;
     } rows[] = {
         {[&] { return write("A", 2); }, 1},
         {[&] { return write("B", 2); }, 2},
         {[&] { return write("B", 2) + write("Other", 2); }, 2},              // no change, no member
         {[&] { return CreateVariable(handle, "Late", kTypeByte, {1}); }, 3}, // a member came
-        {[&] { return SetCompositeMembers(handle, "Outer", "A;"); }, 4},     // the list changed
-        {[&] { return write("B", 7); }, 4},                                  // no member any more
+        {[&] { return WriteVariable(handle, "Outer", Bytes(9, 5)); }, 4, 2}, // one write of three members
+        {[&] { return WriteVariable(handle, "Outer", Bytes(9, 5)); }, 4, 3}, // no change
+        {[&] { return SetCompositeMembers(handle, "Outer", "A;"); }, 5, 3},  // the list changed
+        {[&] { return write("B", 7); }, 5, 3},                               // no member any more
     };
     for (const auto& row : rows) {
         PauseMs(kQuietMs);
         EXPECT_EQ(counter.pulses, &row == rows ? 0 : (&row)[-1].pulses);
+        EXPECT_EQ(member.pulses, &row == rows ? 0 : (&row)[-1].ofA);
         EXPECT_EQ(row.change(), kDone);
-        EXPECT_TRUE(WaitUntil([&] { return counter.pulses >= row.pulses; })) << &row - rows;
+        EXPECT_TRUE(WaitUntil([&] { return counter.pulses >= row.pulses && member.pulses >= row.ofA; })) << &row - rows;
     }
     PauseMs(kQuietMs);
-    EXPECT_EQ(counter.pulses, 4);
+    EXPECT_EQ(counter.pulses, 5);
+    EXPECT_EQ(member.pulses, 3);
 }
 
 // Writers flat out, watchers that take their time: after the last write each sees the last value, without looking again

@@ -62,8 +62,8 @@ TEST(Wire, RequestAndReplyBytesOfEveryProcedure) {
               (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0xF8, 0xFF, 0xFF, 0xFF}));
     // Size 0: an empty array, the value size, status 0.
     EXPECT_EQ(CallRaw(10, BodyOf(handle, "V", 0u)).body, (Bytes{0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(CallRaw(10, BodyOf(handle, "C", 6u)).body,
-              (Bytes{6, 0, 0, 0, 6, 7, 8, 6, 7, 8, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(CallRaw(10, BodyOf(handle, "C", 10u)).body,
+              (Bytes{10, 0, 0, 0, 6, 7, 8, 0, 0, 6, 7, 8, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0}));
 
     reply = CallRaw(14, BodyOf(handle, "V"));
     ASSERT_EQ(reply.body.size(), 32u);

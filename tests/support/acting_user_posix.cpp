@@ -1,5 +1,5 @@
 // The one thread's ids by system calls.
-#include "acting_as.h"
+#include "acting_user.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "acting_as.h"
+#include "acting_user.h"
 #include "not_here.h"
 
 bool ActAs(unsigned, unsigned, const std::vector<unsigned>&) {

@@ -1,12 +1,8 @@
 // Threads that act as other users, and lists that say what they may do.
 #pragma once
 
+#include "acting_user.h"
 #include "machine.h"
-
-// The calling thread, and no other, acts as this user from here to its end. False without the rights to do so.
-bool ActAs(unsigned user, unsigned group, const std::vector<unsigned>& groups = {});
-// Calls of which each would be one of the calling thread alone.
-unsigned EffectiveUser();
 
 // S-1-AUTHORITY-SUB-SUB...
 Bytes Sid(uint8_t authority, const std::vector<uint32_t>& subAuthorities);

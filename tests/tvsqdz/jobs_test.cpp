@@ -7,6 +7,7 @@
 #include <tvsqdz_records.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -162,6 +163,25 @@ TEST(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
     for (const char* variable : {"SendingJobInfo", "PrintingJobInfo", "PrintingJobInfo2"})
         EXPECT_EQ(Update(manager, variable, Bytes(291, 1)), PassOn(Answer::WrongSize)) << variable;
     EXPECT_EQ(QueuedIds(manager), Range(2, 50));
+}
+
+TEST(JobQueue, AReportIsOneWrite) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    std::atomic<bool> done = false;
+    int mixed = 0;
+    {
+        const TestThread writer([&] {
+            for (uint32_t id = 1; id <= 1000; ++id)
+                EXPECT_EQ(Report(manager, Printing(id, 1), true), TVS_OK);
+            done = true;
+        });
+        while (!done) {
+            const auto report = RecordIn<TvsPrintingJobRecord2>(manager, "PrintingJobInfo2");
+            mixed += report.job.jobId != 0 && report.coverage[0] != report.job.jobId + 1;
+        }
+    }
+    EXPECT_EQ(mixed, 0);
 }
 
 TEST(JobQueue, IsReadAsWhatAnotherProgramMayHaveStored) {

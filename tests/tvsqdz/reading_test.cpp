@@ -102,6 +102,42 @@ TEST(Reading, EachFormAnswersEveryBufferSize) {
     EXPECT_EQ(Read(0, "ModelNumber", 4).returnedSize, 0u);
 }
 
+TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
+    SetUpProduct();
+    AddModelVariable(kModel, "PrinterStatus", 16, 0x10020, Bytes(16, 's'));
+    AddModelVariable(kModel, "ErrNSMError", 6, 0x10020, Bytes(6, 'n'));
+    AddModelVariable(kModel, "L", 3, 0x10010, Text("abc"));
+    AddModelVariable(kModel, "Mix", 33, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
+    const Service service;
+    const Library library;
+    const TvsManager manager = OpenPrinter();
+    ASSERT_EQ(Update(manager, "PrinterStatus", Text("12345678")), TVS_OK); // half of its field
+    ASSERT_EQ(Update(manager, "L", Text("longer")), TVS_OK);
+    const Bytes status = Joined({Text("12345678"), Bytes(8)});
+    const std::vector<Expected> rows = {
+        {"CurrentStatus", 0, TVS_E_SIZE, 28, {}},
+        {"CurrentStatus", 28, TVS_OK, 28, Joined({status, Bytes(12)})},
+        {"PrinterStatusEx", 38, TVS_OK, 38, Joined({status, Bytes(16, 0xFF), Bytes(6, 'n')})},
+        {"Mix", 0, TVS_E_SIZE, 22, {}},
+        {"Mix", 22, TVS_OK, 22, Joined({Text("lon"), status, Text("lon")})},
+    };
+    ExpectReads(manager, rows);
+    for (const Expected& row : rows) {
+        SCOPED_TRACE(row.variable);
+        const ReadResult direct = Read(manager, row.variable, row.size, GetPrinterStatusDirectA);
+        EXPECT_EQ(direct.status, row.status);
+        EXPECT_EQ(direct.bytes, row.bytes);
+        const WideString name(row.variable, row.variable + std::strlen(row.variable));
+        Bytes wide(row.size);
+        uint32_t returned = 0;
+        EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), wide.data(), row.size, &returned), row.status);
+        EXPECT_EQ(returned, row.returned);
+        EXPECT_EQ(wide, row.bytes);
+        SYSTEMTIME written;
+        EXPECT_EQ(GetPrinterStatusInfoA(manager, row.variable, &written), TVS_OK);
+    }
+}
+
 TEST(Reading, AQueueGivesItsOldestItemOnce) {
     const ReadingProduct product;
     // The service has no such variable: its answer is passed on, and nothing is taken for a value.

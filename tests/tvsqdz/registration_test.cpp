@@ -82,6 +82,7 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
     AddModelVariable(kModel, "Queue", 6, 0x10080, {0xFF, 0xFF, 0xFF, 0xFF});
     AddModelVariable(kModel, "jobstatus", 4, 0x10004, Number(1)); // another name than "JobStatus"
     AddModelVariable(kModel, "Sum", 42, 0x10040, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation"));
+    AddModelVariable(kModel, "Lists", 53, 0x10040, BytesOf("Aardvark;PrinterQueue;PrinterFontInfo;CurrentStatus;"));
     AddModelVariable(kModel, "BadSum", 12, 0x10040, BytesOf("Zeta;Absent"));
     AddModelVariable(kModel, "NoSum", 4, 0x10040, {0, 0, 0, 0});
     // Skipped: another length than they say, too short, without a name, with one that nobody could ask for.
@@ -98,7 +99,7 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
     ASSERT_TRUE(BuildVariableIndex(&record.manager));
     for (uint32_t i = 1; i < record.manager.variableCount; ++i)
         EXPECT_LT(lstrcmpA(record.manager.variableIndex[i - 1]->name, record.manager.variableIndex[i]->name), 0);
-    EXPECT_EQ(record.manager.variableCount, 57u + 8);
+    EXPECT_EQ(record.manager.variableCount, 57u + 9);
     for (const char* name : {"Long", "Short", "Tiny", "LongQueue", "Empty", ""})
         EXPECT_EQ(record.Find(name), nullptr) << name;
     EXPECT_NE(record.Find(std::string(255, 'n').c_str()), nullptr);
@@ -115,8 +116,13 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
         {"Queue", 0x01010080, 6, 0, Joined({Number(4), Number(0)})},
         {"jobstatus", 0x01010004, 4, 0, Number(1)},
         {"Sum", 0x01010040, 8 + 4 + 6 + 260, 0, BytesOf("PrinterStatus;;Zeta;Queue;PrinterLocation")},
+        {"Lists", 0x01010040, 5 + 0 + 8 + 20, 0, Text("Aardvark;")},
         {"BadSum", 0x01010040, 0, 0, BytesOf("Zeta;Absent")},
         {"NoSum", 0x01010040, 0, 0, {0, 0, 0, 0}},
+        // Built-in ones follow their members; one that is absent keeps its share.
+        {"CurrentStatus", 0x00010040, 20, 0, BytesOf("PrinterStatus;SpoolerStatus;ClientStatus;JobStatus;")},
+        {"PrinterStatusEx", 0x00010040, 28, 0, Text("PrinterStatus;ErrPaperJam;")},
+        {"PortEx", 0x00010040, 264, 0, BytesOf("PrinterExtStatus;Port;")},
     };
     for (const Row& row : rows) {
         const StatusVariableDef* found = record.Find(row.name);
@@ -126,7 +132,6 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
         EXPECT_EQ(found->timeoutMs, row.timeout) << row.name;
         EXPECT_EQ(std::memcmp(found->defaultValue, row.value.data(), row.value.size()), 0) << row.name;
     }
-    EXPECT_EQ(record.Find("PrinterStatusEx")->size, 32u); // of a built-in composite it is as declared
     EXPECT_EQ(CompositeSize(&record.manager, ""), 0u);
 
     Record nowhere("Nowhere");

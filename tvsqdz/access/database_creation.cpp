@@ -72,19 +72,30 @@ void TakePersistentValue(const char* printerName, const StatusVariableDef& varia
     *value = {working, size};
 }
 
-void CreateIndexedVariable(ManagerRecord* manager, const StatusVariableDef& variable, dblink::DatabaseType type,
-                           BYTE* working) {
+// The value without a persistent copy. A built one is put into the buffer, of kWorkingSize bytes.
+InitialValue FirstValue(const StatusVariableDef& variable, BYTE* buffer) {
     InitialValue value = CatalogueValue(variable);
-    bool workingUsed = (variable.flags & SVF_PERSISTENT) != 0;
-    if (workingUsed) TakePersistentValue(manager->printerName, variable, working, &value);
     if (value.size == 0 && variable.buildDefault != nullptr && variable.buildDefault(nullptr) <= kWorkingSize) {
-        void* buffer = working;
-        value = {working, variable.buildDefault(&buffer)};
-        workingUsed = true;
+        void* built = buffer;
+        value = {buffer, variable.buildDefault(&built)};
     }
     if (value.size == 0) value = {kEmptyVariableValue, sizeof kEmptyVariableValue};
-    CreateVariable(manager->printerDatabase.handle, variable.name, type, value.size, value.data);
-    if (workingUsed) memset(working, 0, kWorkingSize); // the next value may be shorter than its field
+    return value;
+}
+
+void CreateIndexedVariable(ManagerRecord* manager, const StatusVariableDef& variable, dblink::DatabaseType type,
+                           BYTE* working) {
+    const DatabaseHandle database = manager->printerDatabase.handle;
+    BYTE built[kWorkingSize] = {};
+    const InitialValue first = FirstValue(variable, built);
+    InitialValue value = first;
+    if ((variable.flags & SVF_PERSISTENT) != 0) TakePersistentValue(manager->printerName, variable, working, &value);
+    // The room that a variable has in composites is that of the value it is created with, which the index knows.
+    const bool keepsRoom = value.size == first.size;
+    CreateVariable(database, variable.name, type, keepsRoom ? value.size : first.size,
+                   keepsRoom ? value.data : first.data);
+    if (!keepsRoom) WriteVariable(database, variable.name, value.data, value.size);
+    if (value.data == working) memset(working, 0, kWorkingSize); // the next value may be shorter than its field
 }
 
 void CreateComposite(ManagerRecord* manager, const StatusVariableDef& variable) {

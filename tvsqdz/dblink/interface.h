@@ -64,14 +64,20 @@ enum Procedure : UINT {
     // variable-length ones of up to kValueSizeMax. kWrongSize: 0 for one of the first five. A composite has size 0,
     // and no members until SetCompositeMembers.
     kCreateVariable = 8,
-    // kWrongSize: not a size that the variable takes; a composite takes none. A name that is not there, but is that of
-    // a variable followed by "W", makes a variable of that variable's type and size limit.
+    // kWrongSize: not a size that the variable takes. A value of a composite has its size; it goes to the members, all
+    // at
+    // one moment, and whoever watches it or one of them is told once. A composite that has a member twice or one of
+    // variable length takes no value. A name that is not there, but is that of a variable followed by "W", makes a
+    // variable of that variable's type and size limit.
     kWriteVariable = 9,
     // The byte array has as many elements as size says; those behind the value are zero. kBufferTooSmall: size is less
     // than the value's and not 0; the array is all zero, value size is what is needed. With size 0 the answer is
     // kDone and value size.
     kReadVariable = 10,
-    // Member names, each followed by ";". Replaces the list. A member that does not exist contributes nothing; one
+    // Member names, each followed by ";". Replaces the list. A member takes the size that it was created with, zeros
+    // behind a shorter value; one of variable length that of the payload it was created with, which is none for the
+    // empty value {4, 0}. So no value moves the members behind it. A member that does not exist contributes nothing;
+    // one
     // that is a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
     // kBadArgument: the variable is no composite. Reading one that comes to more than kCompositePartsMax members of
     // members, or to more than kValueSizeMax bytes, answers kLimitReached.
@@ -114,7 +120,7 @@ enum ServiceStatus : LONG {
     kBeingInitialised = -4,  // OpenDatabase: its creator has not made it ready yet
     kUnknownVariable = -5,   // the database has no variable of that name
     kVariableExists = -6,    // CreateVariable: the database has one of that name
-    kWrongSize = -7,         // a value of that size does not fit the variable's type; a composite cannot be written
+    kWrongSize = -7,         // a value of that size does not fit the variable
     kBufferTooSmall = -8,    // ReadVariable: the buffer does not hold the value
     kBadName = -9,           // an empty or over-long name; a backslash in the name of a database
     kBadArgument = -10,      // no such type, mode or request; a reserved parameter that is not 0; not a composite
@@ -126,6 +132,7 @@ enum ServiceStatus : LONG {
     kEventUnavailable = -17, // WatchVariable: the event cannot be had (its name is too long, or another object has it)
     kNoAnswer = -18,         // ForwardRequest: the printer side did not answer in time
     kNotWritable = -20,      // WriteVariable: the service alone writes it
+    kAccessDenied = ERROR_ACCESS_DENIED, // for administrators only: the system's own code
 };
 
 // GetServiceInstance: chosen at random when the service starts; never 0.
@@ -133,7 +140,7 @@ using ServiceInstance = ULONGLONG;
 
 // GetDatabaseInfo: 24 bytes.
 struct DatabaseInfo {
-    DWORD openHandles; // of all clients, the caller's own included
+    DWORD openHandles; // of all clients but the printer sides, the caller's own included
     DWORD variables;
     SYSTEMTIME created; // UTC
 };
@@ -157,11 +164,20 @@ static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 &&
 // client watches the mailbox there is a printer side, and the service writes each request into the mailbox, which
 // pulses its "Updated" event, and {0, 0} when there is no more. The printer side writes the request's id with its
 // result into the answer; an id that is not that of the request in the mailbox changes nothing. What the request is
-// about stands in "ReadRequest", "WriteRequest" and "RefreshStatus".
+// about stands in "ReadRequest", "WriteRequest" and "RefreshStatus". When nobody watches the mailbox any more, however
+// the printer side ended, the service takes bit 0x1 of "PrinterExtStatus" and the bits 0xC of "SpoolerStatus" away, and
+// writes -50 to "RWResult" if somebody watches that and a request was written since the last answer; so for each
+// request that is written while nobody watches.
 inline constexpr char kForwardMailbox[] = "ForwardMailbox"; // ForwardedRequest; the service alone writes it
 inline constexpr char kForwardAnswer[] = "ForwardAnswer";   // ForwardedAnswer
 
-enum RequestKind : DWORD { kNoRequest = 0, kReadRequest = 1, kWriteRequest = 2, kRefreshRequest = 3 };
+enum RequestKind : DWORD {
+    kNoRequest = 0,
+    kReadRequest = 1,
+    kWriteRequest = 2,
+    kRefreshRequest = 3,
+    kEndRequest = 4 // all managers are asked to terminate: the printer side ends, without an answer
+};
 
 struct ForwardedRequest {
     DWORD id;   // never 0; of two requests that are not far apart, never the same

@@ -8,6 +8,7 @@
 #include "frame/heap.h"
 #include "frame/printer_registration.h"
 
+#include <algorithm>
 #include <stdio.h>
 #include <string.h>
 
@@ -91,6 +92,11 @@ void SortByName(StatusVariableDef* rows, uint32_t count) {
         }
 }
 
+SIZE_T CountBuiltInComposites() {
+    return static_cast<SIZE_T>(std::count_if(kStatusVariables, kStatusVariables + g_variableCount,
+                                             [](const auto& row) { return (row.flags & SVT_COMPOSITE) != 0; }));
+}
+
 // The model's own rows, sorted, in extraVariables; none when the printer has no model or the key cannot be read. False
 // without memory.
 bool ReadModelVariables(ManagerRecord* manager, uint32_t* rowCount) {
@@ -103,8 +109,8 @@ bool ReadModelVariables(ManagerRecord* manager, uint32_t* rowCount) {
                          &longestData, nullptr, nullptr) != ERROR_SUCCESS ||
         valueCount == 0)
         return true;
-    // Room for a row that ends the array, and an even number of rows.
-    const SIZE_T room = (SIZE_T{valueCount} + 2) & ~SIZE_T{1};
+    // Also for the built-in composites, and for a row that ends the array.
+    const SIZE_T room = SIZE_T{valueCount} + CountBuiltInComposites() + 1;
     manager->extraVariables = static_cast<StatusVariableDef*>(AllocateZeroed(room * sizeof(StatusVariableDef)));
     if (manager->extraVariables == nullptr) return false;
     if (!ReadRows(key.key, valueCount, longestData, manager->extraVariables, rowCount)) return false;
@@ -135,6 +141,72 @@ void Merge(ManagerRecord* manager, uint32_t rowCount) {
     manager->variableCount = static_cast<uint32_t>(next - manager->variableIndex);
 }
 
+// The bytes that the variable takes in a composite: the service composes the members' values in the room that they were
+// created with. Of a variable-length one that is its first payload, and none for the empty value.
+uint32_t RoomOf(const StatusVariableDef& variable) {
+    if (TypeOf(variable) != SVT_VARIABLE) return variable.size;
+    uint32_t length = 0;
+    if (variable.size == 0 && variable.buildDefault != nullptr) {
+        length = variable.buildDefault(nullptr) - static_cast<uint32_t>(sizeof length);
+    } else if (memcmp(variable.defaultValue, kEmptyVariableValue, sizeof kEmptyVariableValue) != 0) {
+        memcpy(&length, variable.defaultValue, sizeof length);
+    }
+    return length;
+}
+
+template <typename SizeOf>
+uint64_t SumOfMembers(const char* members, SizeOf sizeOf) {
+    uint64_t sum = 0;
+    while (*members != '\0') {
+        const size_t length = strcspn(members, ";");
+        char name[kVariableNameSize] = {}; // no variable has a longer one; cut, it is not found either
+        memcpy(name, members, length < sizeof name ? length : 0);
+        if (length > 0) sum += sizeOf(static_cast<const char*>(name));
+        members += length;
+        if (*members == ';') ++members;
+    }
+    return sum;
+}
+
+uint32_t BuiltInSize(const char* name) {
+    const StatusVariableDef* end = kStatusVariables + g_variableCount;
+    const auto* row =
+        std::find_if(kStatusVariables, end, [&](const auto& each) { return strcmp(each.name, name) == 0; });
+    return row != end ? row->size : 0;
+}
+
+// What the members take that this printer has; one that it lacks keeps its share of the declared size.
+uint32_t BuiltInCompositeSize(const ManagerRecord* manager, const StatusVariableDef& composite) {
+    const char* members = static_cast<const char*>(composite.defaultValue);
+    const uint32_t absent = composite.size - static_cast<uint32_t>(SumOfMembers(members, BuiltInSize));
+    const uint64_t sum = SumOfMembers(members, [&](const char* name) {
+        const StatusVariableDef* member = FindStatusVariable(manager, name);
+        return member != nullptr ? RoomOf(*member) : absent;
+    });
+    return sum <= 0xFFFFFFFF ? static_cast<uint32_t>(sum) : 0;
+}
+
+// A built-in composite of which the model replaced a member has a row of its own, `spare` being those behind the
+// model's. Its handlers know the layout as it is declared, and are gone with it. False without memory.
+bool FitBuiltInComposites(ManagerRecord* manager, StatusVariableDef* spare) {
+    for (uint32_t i = 0; i < manager->variableCount; ++i) {
+        const StatusVariableDef& row = *manager->variableIndex[i];
+        if ((row.flags & (SVT_COMPOSITE | SVF_PRINTER_DEFINED)) != SVT_COMPOSITE) continue;
+        const uint32_t size = BuiltInCompositeSize(manager, row);
+        if (size == row.size) continue;
+        *spare = {.flags = row.flags,
+                  .size = size,
+                  .timeoutMs = row.timeoutMs,
+                  .defaultValue = CopyText(static_cast<const char*>(row.defaultValue)),
+                  .watchThreadProc = row.watchThreadProc,
+                  .callbackThreadProc = row.callbackThreadProc,
+                  .name = CopyText(row.name)};
+        if (spare->name == nullptr || spare->defaultValue == nullptr) return false;
+        manager->variableIndex[i] = spare++;
+    }
+    return true;
+}
+
 } // namespace
 
 bool BuildVariableIndex(ManagerRecord* manager) {
@@ -146,7 +218,9 @@ bool BuildVariableIndex(ManagerRecord* manager) {
         static_cast<const StatusVariableDef**>(AllocateZeroed(room * sizeof *manager->variableIndex));
     if (manager->variableIndex == nullptr) return false;
     Merge(manager, rowCount);
-    // Composites of the printer model; the built-in ones are as large as they are declared.
+    if (rowCount == 0) return true;
+    if (!FitBuiltInComposites(manager, manager->extraVariables + rowCount)) return false;
+    // Those of the printer model, which may have built-in ones among their members.
     for (StatusVariableDef* row = manager->extraVariables; rowCount > 0; ++row, --rowCount)
         if ((row->flags & SVT_COMPOSITE) != 0)
             row->size = CompositeSize(manager, static_cast<const char*>(row->defaultValue));
@@ -165,19 +239,11 @@ void FreeVariables(ManagerRecord* manager) {
 }
 
 uint32_t CompositeSize(const ManagerRecord* manager, const char* members) {
-    const OwnedText copy(CopyText(members));
-    if (copy.text == nullptr) return 0;
-    uint64_t sum = 0;
-    for (char* name = copy.text; *name != '\0';) {
-        char* end = name + strcspn(name, ";");
-        char* next = *end == ';' ? end + 1 : end;
-        *end = '\0';
-        if (end != name) {
-            const StatusVariableDef* member = FindStatusVariable(manager, name);
-            if (member == nullptr) return 0;
-            sum += member->size;
-        }
-        name = next;
-    }
-    return sum <= 0xFFFFFFFF ? static_cast<uint32_t>(sum) : 0;
+    bool known = true;
+    const uint64_t sum = SumOfMembers(members, [&](const char* name) -> uint32_t {
+        const StatusVariableDef* member = FindStatusVariable(manager, name);
+        known = known && member != nullptr;
+        return member != nullptr ? RoomOf(*member) : 0;
+    });
+    return known && sum <= 0xFFFFFFFF ? static_cast<uint32_t>(sum) : 0;
 }

@@ -13,5 +13,5 @@
 bool BuildVariableIndex(ManagerRecord* manager);
 void FreeVariables(ManagerRecord* manager);
 
-// The sum of the members' sizes as the manager's index has them; 0 when one is not there.
+// What the members take in a composite, as the manager's index has them; 0 when one is not there.
 uint32_t CompositeSize(const ManagerRecord* manager, const char* members);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kSendingJobInfo[] = "SendingJobInfo";
 constexpr char kPrintingJobInfo[] = "PrintingJobInfo";
-constexpr char kCoverageInfo[] = "CoverageInfo";
+constexpr char kPrintingJobInfo2[] = "PrintingJobInfo2";
 
 // A job at the end; the oldest ones make room for it.
 Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
@@ -83,12 +83,11 @@ int32_t PrintingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t 
     return TVS_OK;
 }
 
-// A composite is stored as its members. The coverage comes first: whoever is told of the job then finds it.
+// One write: nobody finds the job of one report with the coverage of another.
 int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPrintingJobRecord2 report;
     if (!TakeRecord(data, size, &report)) return PassOn(Answer::WrongSize);
     if (const Status status = CompareWithPrinterQueue(manager, &report.job); status != TVS_OK) return status;
-    WriteVariable(manager->printerDatabase, kCoverageInfo, report.coverage, sizeof report.coverage);
-    WriteVariable(manager->printerDatabase, kPrintingJobInfo, &report.job, sizeof report.job);
+    WriteVariable(manager->printerDatabase, kPrintingJobInfo2, &report, sizeof report);
     return TVS_OK;
 }

@@ -1,0 +1,248 @@
+#include "printers.h"
+
+#include "administrators.h"
+#include "kept_lists.h"
+#include "signals.h"
+
+#include "dblink/printer_list.h"
+
+#include <algorithm>
+#include <new>
+#include <stdio.h>
+#include <string.h>
+
+using namespace dblink;
+
+namespace {
+
+struct ListCopy {
+    const Variable* variable = nullptr;
+    DWORD sequence = 0;
+    std::vector<BYTE> bytes;
+};
+
+Lock g_printersLock; // before a variable's
+ListCopy g_list GUARDED_BY(g_printersLock);
+
+// The list as it is now. False: no memory.
+bool RefreshFrom(const Variable& variable) NEEDS(g_printersLock) {
+    for (;;) {
+        // A count taken before the value is never ahead of it: what is read may be newer, and is then read once more.
+        const DWORD sequence = SequenceBegin(variable);
+        if (g_list.variable == &variable && g_list.sequence == sequence) return true;
+        const ValueState state = ReadValue(variable, g_list.bytes.data(), static_cast<DWORD>(g_list.bytes.size()));
+        const bool fits = state.size <= g_list.bytes.size();
+        g_list.variable = nullptr;
+        try {
+            g_list.bytes.resize(state.size);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        if (!fits) continue; // with room for it now
+        g_list.variable = &variable;
+        g_list.sequence = sequence;
+        return true;
+    }
+}
+
+bool RefreshList() NEEDS(g_printersLock) {
+    const Database* master = FindDatabase(kMasterDatabase);
+    if (!master || master->state.load(std::memory_order_acquire) != DatabaseState::Ready) return false;
+    const Variable* variable = FindVariable(*master, kPrinterListVariable);
+    return variable && variable->type != kTypeComposite && RefreshFrom(*variable);
+}
+
+std::string_view ListedPrinter(std::string_view database) NEEDS(g_printersLock) {
+    if (!RefreshList()) return {};
+    return PrinterInPrinterList(g_list.bytes.data(), g_list.bytes.size(), database);
+}
+
+// ---- what anybody may change of the list
+
+// The list of a value, which may be of any form and address.
+struct ListView {
+    const BYTE* bytes = nullptr;
+    DWORD count = 0;
+    bool whole = false; // it has its entries and nothing else
+
+    ListView(const BYTE* value, SIZE_T size) : bytes(value) {
+        constexpr SIZE_T kHeader = offsetof(PrinterList, entries);
+        if (size < kHeader) return;
+        uint32_t length = 0;
+        memcpy(&length, value, sizeof length);
+        memcpy(&count, value + offsetof(PrinterList, entryCount), sizeof count);
+        whole = length == size - sizeof length && size - kHeader == ULONGLONG{count} * sizeof(PrinterListEntry);
+    }
+    PrinterListEntry Entry(DWORD index) const {
+        PrinterListEntry entry;
+        memcpy(&entry, bytes + offsetof(PrinterList, entries) + index * sizeof entry, sizeof entry);
+        return entry;
+    }
+};
+
+template <SIZE_T size>
+std::string_view TextOf(const char (&field)[size]) {
+    return {field, strnlen(field, size)};
+}
+
+// Nobody gives a printer to another process, or takes it from one.
+bool OwnsOrReleases(PrinterListEntry before, const PrinterListEntry& after, DWORD process) {
+    const uint32_t from = before.ownerProcessId;
+    const uint32_t to = after.ownerProcessId;
+    before.ownerProcessId = to;
+    return memcmp(&before, &after, sizeof after) == 0 &&
+           (from == to || (from == 0 && to == process) || (from == process && to == 0));
+}
+
+// A printer may have the number that it had with an earlier service, but nobody uses the numbers up.
+constexpr uint32_t kNumberStep = 65536;
+
+bool IsNewPrinter(const ListView& before, const PrinterListEntry& entry, DWORD process) {
+    uint32_t highest = 0;
+    for (DWORD i = 0; i < before.count; ++i) {
+        const PrinterListEntry present = before.Entry(i);
+        if (present.index == entry.index || TextOf(present.printerName) == TextOf(entry.printerName)) return false;
+        highest = std::max(highest, present.index);
+    }
+    if (entry.index > highest && entry.index - highest > kNumberStep) return false;
+    char database[sizeof entry.databaseName];
+    snprintf(database, sizeof database, "%s%u", kMasterDatabase, static_cast<unsigned>(entry.index));
+    const std::string_view printer = TextOf(entry.printerName);
+    return entry.index != 0 && TextOf(entry.databaseName) == database && !printer.empty() &&
+           printer.size() < sizeof entry.printerName && TextOf(entry.driverName).size() < sizeof entry.driverName &&
+           (entry.ownerProcessId == 0 || entry.ownerProcessId == process);
+}
+
+// Whether the value adds one printer at most and changes nothing but the ownership of the process.
+bool IsEverybodys(const ListView& before, const ListView& after, DWORD process) {
+    if (!before.whole || !after.whole) return false;
+    if (after.count != before.count && after.count != before.count + 1) return false;
+    for (DWORD i = 0; i < before.count; ++i)
+        if (!OwnsOrReleases(before.Entry(i), after.Entry(i), process)) return false;
+    return after.count == before.count || IsNewPrinter(before, after.Entry(before.count), process);
+}
+
+// ---- renamed printers
+
+struct Renamed {
+    std::string before;
+    std::string after;
+    std::optional<std::vector<BYTE>> kept;
+};
+
+// Throws std::bad_alloc.
+std::vector<Renamed> RenamedPrinters(const ListView& before, const ListView& after) {
+    std::vector<Renamed> all;
+    if (!before.whole || !after.whole) return all;
+    for (DWORD i = 0; i < std::min(before.count, after.count); ++i) {
+        const PrinterListEntry was = before.Entry(i);
+        const PrinterListEntry is = after.Entry(i);
+        if (TextOf(was.databaseName) != TextOf(is.databaseName) || TextOf(was.printerName) == TextOf(is.printerName))
+            continue;
+        const std::string name{TextOf(was.printerName)};
+        all.push_back({name, std::string{TextOf(is.printerName)}, KeptAccessList(name)});
+    }
+    return all;
+}
+
+// Names may be exchanged among printers: all are forgotten first.
+void MoveAccessLists(const std::vector<Renamed>& all) {
+    for (const Renamed& renamed : all) {
+        ForgetAccessList(renamed.before);
+        ForgetAccessList(renamed.after);
+    }
+    for (const Renamed& renamed : all)
+        if (renamed.kept) KeepAccessList(renamed.after, renamed.kept->data(), static_cast<DWORD>(renamed.kept->size()));
+}
+
+} // namespace
+
+Database* DatabaseOfPrinter(std::string_view printer) {
+    LockHold hold{g_printersLock};
+    if (!RefreshList()) return nullptr;
+    Database* database = FindDatabase(DatabaseInPrinterList(g_list.bytes.data(), g_list.bytes.size(), printer));
+    return database && database->state.load(std::memory_order_acquire) == DatabaseState::Ready ? database : nullptr;
+}
+
+bool IsListed(std::string_view database, std::string_view printer) {
+    LockHold hold{g_printersLock};
+    const std::string_view listed = ListedPrinter(database);
+    return !listed.empty() && (printer.empty() || listed == printer);
+}
+
+namespace {
+
+// False: it is for administrators, and the caller is not known to be one.
+bool StoreList(Database& database, Variable& variable, const Caller& caller, bool administrator, const BYTE* bytes,
+               DWORD size, Written* written, ServiceStatus* status) {
+    LockHold hold{g_printersLock};
+    *status = kOutOfMemory;
+    if (!RefreshFrom(variable)) return true;
+    const ListView before{g_list.bytes.data(), g_list.bytes.size()};
+    const ListView after{bytes, size};
+    const bool everybodys = IsEverybodys(before, after, caller.association.Process());
+    if (!everybodys && !administrator) return false;
+    const std::vector<Renamed> renamed = everybodys ? std::vector<Renamed>{} : RenamedPrinters(before, after);
+    *status = WriteValue(variable, database.arena, *caller.group.account, bytes, size, &written->changed);
+    if (*status == kDone) MoveAccessLists(renamed);
+    return true;
+}
+
+} // namespace
+
+ServiceStatus WritePrinterList(Database& database, Variable& variable, const Caller& caller, const BYTE* bytes,
+                               DWORD size) {
+    Written written{&variable, false};
+    ServiceStatus status = kDone;
+    try {
+        // Who is an administrator may take its time to be found out, and is asked without the lock.
+        if (!StoreList(database, variable, caller, false, bytes, size, &written, &status)) {
+            if (!IsAdministrator(caller)) return kAccessDenied;
+            StoreList(database, variable, caller, true, bytes, size, &written, &status);
+        }
+    } catch (const std::bad_alloc&) {
+        return kOutOfMemory;
+    }
+    if (status == kDone) SignalWritten(database, written);
+    return status;
+}
+
+ServiceStatus WriteAccessList(Database& database, Variable& variable, Account& account, const BYTE* bytes, DWORD size,
+                              bool* changed) {
+    LockHold hold{g_printersLock};
+    const std::string_view printer = ListedPrinter(database.name);
+    if (printer.empty()) return WriteValue(variable, database.arena, account, bytes, size, changed);
+    const std::optional<std::vector<BYTE>> kept = KeptAccessList(printer);
+    if (!kept || !std::equal(kept->begin(), kept->end(), bytes, bytes + size))
+        if (const LSTATUS status = KeepAccessList(printer, bytes, size); status != ERROR_SUCCESS)
+            return static_cast<ServiceStatus>(status);
+    const ServiceStatus status = WriteValue(variable, database.arena, account, bytes, size, changed);
+    if (status == kDone) return kDone;
+    if (kept)
+        KeepAccessList(printer, kept->data(), static_cast<DWORD>(kept->size()));
+    else
+        ForgetAccessList(printer);
+    return status;
+}
+
+bool FirstAccessList(const Database& database, const Caller& caller, const BYTE* bytes, DWORD size,
+                     std::vector<BYTE>& first) {
+    try {
+        std::optional<std::vector<BYTE>> kept;
+        {
+            LockHold hold{g_printersLock};
+            const std::string_view printer = ListedPrinter(database.name);
+            if (!printer.empty()) kept = KeptAccessList(printer);
+        }
+        constexpr BYTE kEmpty[] = {4, 0, 0, 0, 0, 0, 0, 0};
+        if (kept && kept->size() <= kValueSizeMax)
+            first = std::move(*kept);
+        else if (IsAdministrator(caller))
+            first.assign(bytes, bytes + size);
+        else
+            first.assign(std::begin(kEmpty), std::end(kEmpty));
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}

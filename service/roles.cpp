@@ -1,0 +1,41 @@
+#include "roles.h"
+
+#include "dblink/interface.h"
+#include "dblink/printer_list.h"
+
+using namespace dblink;
+
+namespace {
+
+struct RoleRow {
+    std::string_view variable;
+    VariableRole role;
+};
+
+constexpr RoleRow kOfPrinters[] = {
+    {kForwardMailbox, VariableRole::Mailbox},        {kForwardAnswer, VariableRole::Answer},
+    {"AccessControlList", VariableRole::AccessList}, {"Port", VariableRole::Setting},
+    {"PrinterName", VariableRole::PrinterName},      {"ReadRequest", VariableRole::Request},
+    {"WriteRequest", VariableRole::Request},         {"TerminateManager", VariableRole::Termination},
+};
+
+} // namespace
+
+VariableRole RoleOf(std::string_view database, std::string_view variable) {
+    if (database == kMasterDatabase)
+        return variable == kPrinterListVariable ? VariableRole::PrinterList : VariableRole::None;
+    for (const RoleRow& row : kOfPrinters)
+        if (row.variable == variable) return row.role;
+    return VariableRole::None;
+}
+
+VariableRole RoleOfCompanion(VariableRole role) {
+    switch (role) {
+    case VariableRole::None:
+    case VariableRole::Request:
+    case VariableRole::Termination:
+        return VariableRole::None;
+    default:
+        return VariableRole::Setting;
+    }
+}

@@ -1,0 +1,9 @@
+// Threads that act as other users.
+#pragma once
+
+#include <vector>
+
+// The calling thread, and no other, acts as this user from here to its end. False without the rights to do so.
+bool ActAs(unsigned user, unsigned group, const std::vector<unsigned>& groups = {});
+// Calls of which each would be one of the calling thread alone.
+unsigned EffectiveUser();
