@@ -1,5 +1,6 @@
 // The printer's port and its name: what a change of them changes beside them.
 #include "access/database_creation.h"
+#include "acting_user.h"
 #include "dblink/client.h"
 #include "frame/printer_list.h"
 #include "machine.h"
@@ -80,6 +81,43 @@ TEST(Port, AnotherOneResetsWhatDependsOnIt) {
     }
     EXPECT_EQ(Update(manager, "Port", Bytes(259)), PassOn(Answer::WrongSize));
     EXPECT_EQ(Read(manager, "Port", 260).bytes, endless);
+}
+
+CHILD_PROCESS(ChangesSettingsAsAnotherUser) {
+    if (!ActAs(65534, 65534)) return 1;
+    const Library library;
+    const TvsManager manager = OpenPrinter();
+    for (const LONG status :
+         {Update(manager, "Port", Port(1, "LPT9:")), Update(manager, "PrinterName", BytesOf("Mine")),
+          Update(manager, "AccessControlList", Bytes(12, 1)), Update(manager, "PageCount", Number(6))})
+        child.Say(std::to_string(status));
+    // A printer that nobody has opened yet.
+    const TvsManager first = OpenPrinter(TVS_KIND_OWNER, kNewName);
+    child.Say(StoredName(first) + " " + std::to_string(NumberOf(first, "UserAuthority")));
+    child.Say(std::to_string(CloseManager(first)));
+    return 0;
+}
+
+TEST(Settings, OfAnotherUserChangeNothing) {
+    NeedsTheLayer("threads that are other users by number");
+    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
+    const Product product;
+    AddPrinter(kNewName, kModel);
+    const TvsManager manager = OpenPrinter();
+    ASSERT_EQ(Update(manager, "Port", Port(1, "LPT1:")), TVS_OK);
+    const Bytes config = Text("as the printer said");
+    ASSERT_EQ(Update(manager, "PrinterOptConfig", config), TVS_OK);
+    TestProcess other("ChangesSettingsAsAnotherUser");
+    for (const int expected : {ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, TVS_OK})
+        EXPECT_EQ(other.Hear(), std::to_string(expected));
+    EXPECT_EQ(other.Hear(), kNewName + " 0");
+    EXPECT_EQ(other.Hear(), "0");
+    EXPECT_EQ(other.Wait(), 0) << other.Errors();
+    EXPECT_EQ(Read(manager, "Port", 260).bytes, Port(1, "LPT1:"));
+    EXPECT_EQ(Read(manager, "PrinterOptConfig", static_cast<uint32_t>(config.size())).bytes, config);
+    EXPECT_EQ(ListedNames(manager), kPrinter + ";" + kNewName + ";");
+    EXPECT_EQ(StoredName(manager), kPrinter);
+    EXPECT_EQ(NumberOf(manager, "PageCount"), 6u);
 }
 
 TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {

@@ -20,6 +20,7 @@ enum class Answer : LONG {
     WrongSize = dblink::kWrongSize,
     BufferTooSmall = dblink::kBufferTooSmall,
     BadArgument = dblink::kBadArgument,
+    AccessDenied = dblink::kAccessDenied,
     TimedOut = ERROR_TIMEOUT,
     InvalidBinding = RPC_S_INVALID_BINDING,
     ServerUnavailable = RPC_S_SERVER_UNAVAILABLE,

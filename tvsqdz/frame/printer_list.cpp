@@ -204,9 +204,14 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     // Of two entries with one name nobody would find the later one's database again.
     if (FindPrinter(block.list, newName.text, &highestIndex) != nullptr) return Renaming::NameTaken;
     memcpy(entry->printerName, newName.text, sizeof entry->printerName);
-    return WriteVariable(master, dblink::kPrinterListVariable, block.list, block.size) == Answer::Done
-               ? Renaming::Done
-               : Renaming::NotStored;
+    switch (WriteVariable(master, dblink::kPrinterListVariable, block.list, block.size)) {
+    case Answer::Done:
+        return Renaming::Done;
+    case Answer::AccessDenied:
+        return Renaming::Denied;
+    default:
+        return Renaming::NotStored;
+    }
 }
 
 void ReleasePrinterOwnership(ManagerRecord* manager) {

@@ -30,6 +30,7 @@ enum class Renaming {
     UnknownPrinter, // no entry has the old name, or there is no list
     NameTaken,      // another entry has the new name already
     NotStored,      // the service refused the list
+    Denied,         // ... to this user
     NoMemory
 };
 // Gives the first entry of the old name the new one. The database mutex is held by the caller.

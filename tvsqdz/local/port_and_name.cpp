@@ -40,11 +40,13 @@ int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPortRecord stored = {}; // one that cannot be read counts as none yet
     DWORD storedSize = 0;
     ReadVariable(manager->printerDatabase, kPort, &stored, sizeof stored, &storedSize);
+    // First: for whoever may not change the port nothing changes.
+    const Answer answer = WriteVariable(manager->printerDatabase, kPort, &port, sizeof port);
+    if (answer == Answer::AccessDenied) return PassOn(answer);
     if (stored.portKind != 0 && !IsSamePort(stored, port)) {
         RefreshedPrinterName(manager); // the driver data lie under the name that the printer has now
         ResetPortDependentVariables(manager);
     }
-    WriteVariable(manager->printerDatabase, kPort, &port, sizeof port);
     return TVS_OK;
 }
 
@@ -59,6 +61,8 @@ int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size
     case Renaming::UnknownPrinter:
     case Renaming::NotStored:
         return TVS_E_NOT_NOW;
+    case Renaming::Denied:
+        return PassOn(Answer::AccessDenied);
     case Renaming::NameTaken:
         return PassOn(Answer::DatabaseExists);
     case Renaming::NoMemory:
