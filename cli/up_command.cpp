@@ -225,11 +225,11 @@ private:
     KernelHandle m_event;
 };
 
-// Owned from construction to its end, or Held() is false: another process holds it.
+// This user's alone. Owned from construction to its end, or Held() is false: another process holds it.
 struct UpMutex {
     UpMutex() {
-        dblink::EveryoneAccess everyone;
-        m_mutex = KernelHandle(CreateMutexA(&everyone.attributes, FALSE, kUpMutex));
+        m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, kUpMutex));
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // it is another user's
         if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
         const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);
         m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;

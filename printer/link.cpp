@@ -28,11 +28,11 @@ std::string FindDatabaseName(const std::string& printer, std::string* name) {
     return name->empty() ? "the printer has not been opened yet" : "";
 }
 
-// Two printer sides would answer each other's requests. The other one's end gives the mutex free.
+// Two printer sides would answer each other's requests. The other one's end gives the mutex free, which is this user's
+// alone: another's would keep the printer without one.
 bool BecomeOnlyOne(Link& link) {
-    EveryoneAccess everyone;
     const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
-    HANDLE mutex = name.text[0] ? CreateMutexA(&everyone.attributes, FALSE, name.text) : nullptr;
+    HANDLE mutex = name.text[0] ? CreateMutexA(nullptr, FALSE, name.text) : nullptr;
     if (!mutex) return false;
     const DWORD wait = WaitForSingleObject(mutex, 0);
     if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
@@ -84,6 +84,7 @@ bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
         return NarrowNumber(bytes, info.size);
     case kTypeString:
     case kTypeRecord:
+    case kTypeComposite:
         bytes.resize(std::max<SIZE_T>(bytes.size(), info.size));
         return true;
     case kTypeVariableLength: {
@@ -92,7 +93,7 @@ bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
         bytes.insert(bytes.begin(), lengthBytes, lengthBytes + sizeof length);
         return true;
     }
-    default: // a composite has its members' values
+    default:
         return false;
     }
 }

@@ -3,9 +3,9 @@
 //     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N] [--owner PROCESS]
 //     TVSPSD.EXE --script FILE --check
 //
-// Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or the end of all managers of the
-// machine, of which it is one), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the stop
-// event, set by the console's handler and by who waits for the others, each on a thread of its own; and what that
+// Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
+// ends all managers of the machine), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the
+// stop event, set by the console's handler and by who waits for the others, each on a thread of its own; and what that
 // thread waits for.
 #include "printer_side.h"
 #include "scripted_device.h"
@@ -29,7 +29,7 @@ constexpr DWORD kSpeedMax = 10000;
 constexpr DWORD kStopMs = 10000; // longer than the end of the service takes
 
 HANDLE g_stop = nullptr;
-HANDLE g_endings[3] = {}; // the event of termination; with an owner, its process and its event
+HANDLE g_endings[2] = {}; // with an owner, its process and its event
 DWORD g_endingCount = 0;
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
@@ -48,13 +48,13 @@ DWORD WINAPI WaitForEnding(LPVOID) {
 // False when the owner, if there shall be one, lives no more or has no event.
 bool FollowEndings(DWORD owner) {
     using namespace dblink;
-    const bool terminalServer = MachineIsTerminalServer();
-    g_endings[g_endingCount++] = CreateEventForEveryone(ObjectName(terminalServer, kTerminationName).text);
     if (owner != 0) {
+        const bool terminalServer = MachineIsTerminalServer();
         const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(owner);
         g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);
         g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, ObjectName(terminalServer, event).text);
     }
+    if (g_endingCount == 0) return true;
     if (std::count(g_endings, g_endings + g_endingCount, HANDLE{}) != 0) return false;
     const HANDLE thread = CreateThread(nullptr, 0, WaitForEnding, nullptr, 0, nullptr);
     if (thread) CloseHandle(thread);
