@@ -306,9 +306,9 @@ ULONGLONG TimeOf(const VariableInfo& info) {
     return ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
 
-// A request may have come since the mailbox is watched, or before another printer side was gone: it was written after
-// the last answer, and its requester still waits. All other requests of the past are over. Times tell milliseconds: a
-// request within that of the last answer counts as later, for the worse would be that somebody waits for good.
+// A predecessor that was killed may have left a request unanswered: it was written after the last answer, and its
+// requester still waits. All other requests of the past are over. Times tell milliseconds: a request within that of the
+// last answer counts as later, for the worse would be that somebody waits for good.
 void FindUnanswered(PrinterSide& side) {
     VariableInfo answer = {};
     const bool waits = SomebodyWaits(side.link) && InfoOf(side.link, "RWResult", &answer) == kDone;

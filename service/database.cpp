@@ -236,7 +236,7 @@ ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::s
                        {name, static_cast<DatabaseType>(base->type), base->room, true, role}, bytes, size);
 }
 
-void ForEachDatabase(void (*function)(Database& database)) {
+void ForEachDatabase(const std::function<void(Database& database)>& function) {
     for (std::atomic<Database*>& bucket : g_table)
         for (Database* database = bucket.load(std::memory_order_acquire); database; database = database->next)
             function(*database);

@@ -8,6 +8,8 @@
 
 #include "variable.h"
 
+#include <functional>
+
 struct Caller; // clients.h
 
 enum class DatabaseState : DWORD {
@@ -63,7 +65,7 @@ dblink::ServiceStatus CreateVariable(Database& database, const Caller& caller, s
 dblink::ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name,
                                         const BYTE* bytes, DWORD size);
 
-void ForEachDatabase(void (*function)(Database& database));
+void ForEachDatabase(const std::function<void(Database& database)>& function);
 
 // At the end of the service, when no call is in progress.
 void ReleaseDatabases();

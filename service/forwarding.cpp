@@ -1,7 +1,8 @@
-// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, and
-// whether the service ends.
+// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, whether the
+// service ends, and the thread that answers for a printer side that has no successor.
 #include "forwarding.h"
 
+#include "clock.h"
 #include "printers.h"
 #include "settings.h"
 #include "signals.h"
@@ -28,7 +29,13 @@ constexpr DWORD kDefaultLimitMs = 60000;
 constexpr DWORD kShortestLimitMs = 10;
 constexpr DWORD kLongestLimitMs = 600000;
 
+// Longer than the first restart of a printer side takes.
+constexpr DWORD kSuccessorMs = 2000;
+
 DWORD g_limitMs = kDefaultLimitMs;
+HANDLE g_successorAwaited = nullptr; // automatic
+HANDLE g_stop = nullptr;
+HANDLE g_thread = nullptr;
 std::atomic<bool> g_ending = false;
 
 // ---- the mailbox
@@ -138,6 +145,39 @@ void AnswerOpenRequest(Database& database) {
     }
 }
 
+// A printer side that is started again, or stood by, carries the request out. How long one is waited for.
+void AwaitSuccessor(Database& database) NEEDS(database.forwarding.lock) {
+    Forwarding& forwarding = database.forwarding;
+    if (forwarding.awaitsSuccessor) return;
+    forwarding.awaitsSuccessor = true;
+    forwarding.successorDue = GetTickCount() + std::min(kSuccessorMs, g_limitMs);
+    SetEvent(g_successorAwaited);
+}
+
+// Answers for a database whose time is over; *wait: until that of another is, at most.
+void EndAwaiting(Database& database, DWORD* wait) {
+    LockHold hold{database.forwarding.lock};
+    Forwarding& forwarding = database.forwarding;
+    if (!forwarding.awaitsSuccessor) return;
+    const DWORD now = GetTickCount();
+    if (!TickReached(now, forwarding.successorDue)) {
+        *wait = std::min(*wait, forwarding.successorDue - now);
+        return;
+    }
+    forwarding.awaitsSuccessor = false;
+    if (!MailboxOf(database)) AnswerOpenRequest(database);
+}
+
+DWORD WINAPI SuccessorThread(LPVOID) {
+    const HANDLE handles[] = {g_stop, g_successorAwaited};
+    DWORD wait = INFINITE;
+    while (WaitForMultipleObjects(2, handles, FALSE, wait) != WAIT_OBJECT_0) {
+        wait = INFINITE;
+        ForEachDatabase([&wait](Database& database) { EndAwaiting(database, &wait); });
+    }
+    return 0;
+}
+
 bool Enter(Database& database, ForwardedCall& call) {
     LockHold hold{database.forwarding.lock};
     if (g_ending.load() || database.forwarding.ending || !MailboxOf(database)) return false;
@@ -214,14 +254,14 @@ void PrinterSideIsGone(Database& database) {
     FailAll(database);
     for (const TakingBits& row : kTakingBits)
         ClearBits(database, row.variable, row.bits);
-    AnswerOpenRequest(database);
+    AwaitSuccessor(database);
 }
 
 void AnswerUnserved(Database& database) {
     // Where no printer side of ours has been, another kind may serve the request.
     if (!FindVariable(database, kForwardMailbox)) return;
     LockHold hold{database.forwarding.lock};
-    if (!MailboxOf(database)) AnswerOpenRequest(database);
+    if (!MailboxOf(database)) AwaitSuccessor(database);
 }
 
 void EndPrinterSides() {
@@ -237,10 +277,15 @@ void EndPrinterSides() {
     });
 }
 
-void InitialiseForwarding() {
+bool StartForwarding() {
     DWORD limit = 0;
     if (ReadSetting(kLimitValue, REG_DWORD, &limit, sizeof limit))
         g_limitMs = std::clamp(limit, kShortestLimitMs, kLongestLimitMs);
+    g_successorAwaited = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (!g_successorAwaited || !g_stop) return false;
+    g_thread = CreateThread(nullptr, 0, SuccessorThread, nullptr, 0, nullptr);
+    return g_thread != nullptr;
 }
 
 void EndForwarding() {
@@ -249,4 +294,13 @@ void EndForwarding() {
         LockHold hold{database.forwarding.lock};
         FailAll(database);
     });
+}
+
+void StopForwarding() {
+    if (g_thread) {
+        SetEvent(g_stop);
+        WaitForSingleObject(g_thread, INFINITE); // it waits for no client
+    }
+    for (HANDLE handle : {g_thread, g_stop, g_successorAwaited})
+        if (handle) CloseHandle(handle);
 }

@@ -26,6 +26,8 @@ struct Forwarding {
     ForwardedCall* first GUARDED_BY(lock) = nullptr;
     ForwardedCall* last GUARDED_BY(lock) = nullptr;
     DWORD lastId GUARDED_BY(lock) = 0;
+    bool awaitsSuccessor GUARDED_BY(lock) = false; // for a request that stands open when the time is over
+    DWORD successorDue GUARDED_BY(lock) = 0;       // tick count
     bool ending GUARDED_BY(lock) = false; // the printer side was asked to end: no more requests are handed over
 };
 
@@ -35,14 +37,17 @@ LONG ForwardRequest(std::string_view request);
 // The answer variable was written: by whom and with what must be checked.
 void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
 // Nobody watches the mailbox any more: "PrinterExtStatus" and "SpoolerStatus" say so, whether the printer side could or
-// not, and who waits for "RWResult" is answered.
+// not, and who waits for "RWResult" is answered, unless another one comes soon.
 void PrinterSideIsGone(Database& database);
-// A request was written. When the printer side has gone by now, it is answered.
+// A request was written. When the printer side has gone by now, it is answered in the same way.
 void AnswerUnserved(Database& database);
 // All managers are asked to terminate: each printer side that serves a printer is asked to end.
 void EndPrinterSides();
 
-// Reads how long a request may take.
-void InitialiseForwarding();
+// Reads how long a request may take, and starts the thread that answers for printer sides without a successor. False: it
+// cannot be started.
+bool StartForwarding();
 // Tells all who wait that the service ends; later calls wait no more.
 void EndForwarding();
+// Ends the thread.
+void StopForwarding();

@@ -70,9 +70,9 @@ DWORD ServeClients() {
 DWORD Run() {
     InitialiseObjectNames();
     InitialiseHandles();
-    InitialiseForwarding();
-    if (!StartSignals()) return GetLastError();
+    if (!StartForwarding() || !StartSignals()) return GetLastError();
     const DWORD result = ServeClients();
+    StopForwarding();
     StopSignals();
     ReleaseDatabases();
     ReleaseNames();

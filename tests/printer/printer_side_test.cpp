@@ -19,6 +19,7 @@ const std::vector<VariableRow> kVariables = {
     {"LMFunction", kTypeNumber, Number(0)},
     {"SpoolerStatus", kTypeNumber, Number(0)},
     {"PrinterExtStatus", kTypeNumber, Number(0)},
+    {"TerminateManager", kTypeNumber, Number(0)},
     {"PrinterStatus", kTypeRecord, Bytes(12)},
     {"ErrPaperJam", kTypeNumber, Number(0xFFFFFFFF)},
     {"PageCount", kTypeNumber, Number(0xFFFFFFFF)},
@@ -226,15 +227,13 @@ TEST(PrinterSide, KeepsItsVariablesTrueAndAnswersRequests) {
     }
     EXPECT_EQ(DirectRead(database, "PageCount"), 0);
     Request pending(database, "ReadRequest", "ErrPaperJam");
-    HANDLE termination = nullptr;
-    if (OnTheLayer()) {
-        side.process.Terminate();
-    } else { // without signals it ends with all managers
-        termination = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:TerminateManager");
-        SetEvent(termination);
-    }
+    // The event of termination is everybody's, and ends no printer side.
+    const HANDLE termination = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:TerminateManager");
+    SetEvent(termination);
+    EXPECT_FALSE(pending.Answered(100));
+    EXPECT_EQ(WriteVariable(database, "TerminateManager", Number(1)), kDone); // an administrator's write does
     EXPECT_EQ(side.process.Wait(), 0);
-    if (termination) CloseHandle(termination);
+    CloseHandle(termination);
     EXPECT_TRUE(pending.Answered(5000)) << "nobody is left waiting";
     EXPECT_EQ(NumberOf(database, "PrinterExtStatus") & 1, 0u);
     EXPECT_EQ(NumberOf(database, "SpoolerStatus") & 0xC, 0u);

@@ -166,8 +166,8 @@ static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 &&
 // result into the answer; an id that is not that of the request in the mailbox changes nothing. What the request is
 // about stands in "ReadRequest", "WriteRequest" and "RefreshStatus". When nobody watches the mailbox any more, however
 // the printer side ended, the service takes bit 0x1 of "PrinterExtStatus" and the bits 0xC of "SpoolerStatus" away, and
-// writes -50 to "RWResult" if somebody watches that and a request was written since the last answer; so for each
-// request that is written while nobody watches.
+// if nobody watches the mailbox again within 2 s, writes -50 to "RWResult" when somebody watches that and a request was
+// written since the last answer; so for each request that is written while nobody watches the mailbox.
 inline constexpr char kForwardMailbox[] = "ForwardMailbox"; // ForwardedRequest; the service alone writes it
 inline constexpr char kForwardAnswer[] = "ForwardAnswer";   // ForwardedAnswer
 
