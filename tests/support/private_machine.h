@@ -21,6 +21,8 @@ void UseSetting(const char* name, const char* value);
 // For main(), a file for each system: the path of the test program, what it sets up for itself, and the directory of a
 // new private machine, which children find in this variable.
 inline constexpr const char* kPrivateDirectoryVariable = "ORIEL_TEST_DIRECTORY";
+// Where test programs make their private machines instead of in shared memory, on Linux.
+inline constexpr const char* kMachinesVariable = "ORIEL_TEST_MACHINES";
 std::string OwnProgram();
 void PrepareTestProgram();
 std::string MakePrivateMachine();

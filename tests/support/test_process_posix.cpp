@@ -246,13 +246,13 @@ void PrepareTestProgram() {
 }
 
 std::string MakePrivateMachine() {
-    // Shared memory, so that a test costs no disk; the objects of the layer want a tmpfs too.
-    char pattern[] = "/dev/shm/oriel-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        std::perror("mkdtemp");
+    // Shared memory, so that a test costs no disk.
+    const char* parent = std::getenv(kMachinesVariable);
+    std::string directory = (parent != nullptr ? parent : "/dev/shm") + std::string("/oriel-test-XXXXXX");
+    if (mkdtemp(directory.data()) == nullptr) {
+        std::perror(directory.c_str());
         std::exit(2);
     }
-    const std::string directory = pattern;
     std::filesystem::create_directory(directory + "/state");
     std::filesystem::create_directory(directory + "/run");
     std::filesystem::permissions(directory, std::filesystem::perms(0755));

@@ -1,7 +1,7 @@
 // The files of named objects, their life, and this process's list of the ones it has.
 //
-// State: the folder's descriptor and the list, under one lock. Nothing else in this process opens or closes an object's
-// file. The lock is taken before the folder's flock and before a mutex's own lock.
+// State: the folder's descriptor, what its file system does, and the list, under one lock. Nothing else in this process
+// opens or closes an object's file. The lock is taken before the folder's flock and before a mutex's own lock.
 #include "kernel/named_object.h"
 
 #include "directories.h"
@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <errhandlingapi.h>
@@ -35,6 +36,7 @@ constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
 
 constinit Lock g_namesLock;
 int g_folder ORIEL_LOCK_CHECK(guarded_by(g_namesLock)) = -1;
+bool g_mappingKeepsLock ORIEL_LOCK_CHECK(guarded_by(g_namesLock)) = false; // see MappingKeepsLock
 NamedObject* g_named[512] ORIEL_LOCK_CHECK(guarded_by(g_namesLock));
 
 size_t Bucket(const char* fileName) {
@@ -79,6 +81,24 @@ int OpenFolder() {
     });
 }
 
+// Whether a flock lasts until the last mapping is gone, although the descriptor has been closed. It does on most file
+// systems, whose mappings hold the open file. One that stacks on another (overlayfs, and so most containers) maps the
+// file below it, and the lock goes with the descriptor. False where it cannot be found out: a descriptor then stays
+// open for each object, which is right everywhere.
+bool MappingKeepsLock(int folder) {
+    Descriptor first(openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    if (!first.IsOpen() || flock(first.Get(), LOCK_SH | LOCK_NB) != 0) return false;
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", first.Get());
+    const Descriptor second(open(path, O_RDWR | O_CLOEXEC));
+    void* mapping = mmap(nullptr, sizeof(ObjectHead), PROT_READ, MAP_SHARED, first.Get(), 0);
+    if (mapping == MAP_FAILED) return false;
+    first.Close();
+    const bool kept = second.IsOpen() && flock(second.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    munmap(mapping, sizeof(ObjectHead));
+    return kept;
+}
+
 // The names lock and, if asked for, the folder's flock.
 class ORIEL_LOCK_CHECK(scoped_lockable) NamesHold {
 public:
@@ -96,6 +116,7 @@ public:
         if (g_folder < 0) {
             g_folder = OpenFolder();
             if (g_folder < 0) return false;
+            g_mappingKeepsLock = MappingKeepsLock(g_folder);
             WatchForFork();
         }
         const int64_t deadline = MonotonicNs() + timeNs;
@@ -202,13 +223,14 @@ DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const s
     return object.head != nullptr ? ERROR_SUCCESS : SystemError(errno);
 }
 
-// Keeps the file or lets it go: an event's mapping is enough, and processes may have thousands of them.
-DWORD Settle(NamedObject& object, Descriptor& file, DWORD error) {
+// Keeps the file or lets it go: where an event's mapping is enough, it takes no descriptor, since processes may have
+// thousands of events.
+DWORD Settle(NamedObject& object, Descriptor& file, DWORD error) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     if (error != ERROR_SUCCESS) {
         if (object.head != nullptr && object.head != &object.own) munmap(object.head, sizeof(ObjectHead));
         object.head = &object.own;
         object.file = -1;
-    } else if (IsEvent(object.kind)) {
+    } else if (IsEvent(object.kind) && g_mappingKeepsLock) {
         object.file = -1;
     } else {
         file.Release();

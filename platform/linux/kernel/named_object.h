@@ -1,10 +1,10 @@
 // Objects that processes share by name: events, mutexes, sections. Unnamed ones have the same record, without a file.
 //
 // A named object is a small file in the run directory's folder "objects", named as the object is, which every process
-// that uses it maps. The process's mapping carries a shared flock, which says that the object is alive; the last one
-// out removes the file. A file that nobody holds was left by a process that died; whoever creates the object next
-// starts it afresh. All of this happens under one lock, an exclusive flock of the folder, for which nobody waits longer
-// than a few seconds.
+// that uses it maps. The process's mapping, or its open descriptor where that has to be, carries a shared flock, which
+// says that the object is alive; the last one out removes the file. A file that nobody holds was left by a process that
+// died; whoever creates the object next starts it afresh. All of this happens under one lock, an exclusive flock of the
+// folder, for which nobody waits longer than a few seconds.
 //
 // Only numbers lie in the file: no pointers, no types of the C library. Others write it too, so it is looked at before
 // it is used: a regular file with one link, of the right size, with the right marks. A process that may write the file
@@ -41,7 +41,7 @@ struct NamedObject : Object {
     std::atomic<bool> owned{false};           // one of the references is that of the thread that owns the mutex
     ObjectHead own{};                         // of an unnamed object
     ObjectHead* head = &own;                  // else the file's, mapped
-    int file = -1;                            // kept open where the kind needs it: mutexes and sections
+    int file = -1;                            // kept open where the kind or the file system needs it
     char fileName[kLongestFileName + 1] = ""; // "" once the name has been removed
     NamedObject* nextNamed = nullptr;
 };

@@ -7,7 +7,6 @@
 #include "kernel/thread.h"
 #include "rpc/fork.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -138,13 +137,12 @@ void* AcceptThread(void* argument) {
     return nullptr;
 }
 
-// A client costs a descriptor, and the usual limit is made for programs that use select.
+// A client costs a descriptor, and so does each of its events on some file systems. The usual limit is made for
+// programs that use select.
 void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-    const rlim_t wanted = std::min<rlim_t>(limit.rlim_max, kMaxConnections + 256);
-    if (limit.rlim_cur >= wanted) return;
-    limit.rlim_cur = wanted;
+    limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
