@@ -1,5 +1,7 @@
 // Threads, and their termination.
+#include "campaign.h"
 #include "posix_kit.h"
+#include "timings.h"
 #include "win32_kit.h"
 
 #include <atomic>
@@ -142,7 +144,7 @@ TEST(Termination, StopsAThreadWhereverItIs) {
 TEST(Termination, LeavesTheLayerWhole) {
     NeedsTheLayer("threads that can be stopped without harm");
     const Owned shared = CreateMutexA(nullptr, FALSE, "Shared");
-    for (int round = 0; round < 100; ++round) {
+    for (int round = Rounds(39, 2000); round > 0; --round) {
         const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         const Owned thread = StartThread([&] {
             for (SetEvent(begun);;) {
@@ -186,6 +188,7 @@ TEST(Termination, IsRefusedForWhatCannotBeStopped) {
         return 5;
     });
     EXPECT_TRUE(WaitUntil([&] { return ready.load(); }));
+    oriel::g_timings.threadStop = 100;
     EXPECT_FAILS(TerminateThread(stubborn, 1), ERROR_TIMEOUT);
     EXPECT_EQ(Look(stubborn), DWORD{WAIT_TIMEOUT});
     over = true;

@@ -4,6 +4,7 @@
 #include "posix_kit.h"
 #include "private_machine.h"
 #include "registry_kit.h"
+#include "timings.h"
 #include "win32_kit.h"
 
 #include <algorithm>
@@ -304,7 +305,11 @@ TEST(Registry, AHeldStoreIsBusyNotWaitedForEndlessly) {
     HKEY key = CreateKey(kMachine, "K");
     TestProcess holder("LocksAFile", {MachineStore()});
     ASSERT_EQ(holder.Hear(), "locked");
+    oriel::g_timings.registryBusy = 100;
+    const double begin = NowMs();
     EXPECT_EQ(SetValue(key, "v", "1"), ERROR_BUSY);
+    EXPECT_GE(NowMs() - begin, 99);
+    EXPECT_LT(NowMs() - begin, 4000);
     holder.Kill();
     EXPECT_EQ(SetValue(key, "v", "1"), ERROR_SUCCESS);
     EXPECT_EQ(RunForked([] { // a fork child goes on by itself

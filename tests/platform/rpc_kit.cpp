@@ -1,4 +1,5 @@
 #include "rpc_kit.h"
+#include "timings.h"
 
 #include <algorithm>
 #include <atomic>
@@ -151,6 +152,7 @@ CHILD_PROCESS(RpcServer) {
         if (order == "wait") result = RpcMgmtWaitServerListen();
         if (order == "listen") result = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
         if (order == "withdraw") result = RpcServerUnregisterIf(&g_server, nullptr, 1);
+        if (order == "hurry") oriel::g_timings.rpcMessage = 500;
         if (order == "offer") result = RegisterTestInterface();
         child.Say(std::to_string(result));
     }

@@ -68,7 +68,8 @@ class TestServer {
 public:
     explicit TestServer(const std::string& endpoint = "test");
     TestProcess& Process() { return m_process; }
-    // "stop", "wait", "listen", "withdraw", "offer", or "release" of what is held.
+    // "stop", "wait", "listen", "withdraw", "offer", "release" of what is held, or "hurry": half a second for a
+    // message.
     RPC_STATUS Order(const std::string& order);
     void Kill() { m_process.Kill(); }
     void Restart();

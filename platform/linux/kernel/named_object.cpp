@@ -9,6 +9,7 @@
 #include "kernel/errors.h"
 #include "kernel/fork.h"
 #include "kernel/lock.h"
+#include "timings.h"
 #include "window/export_guard.h"
 
 #include <algorithm>
@@ -29,9 +30,7 @@ namespace {
 
 constexpr uint32_t kMark = 0x316A624F; // "Obj1"
 constexpr uint32_t kLargestSection = 65536;
-// For the folder's flock, which is held for some 20 us at a time, unless its holder has been stopped.
-constexpr int64_t kOpenTimeNs = 5000 * kNsPerMs;
-// A close that cannot have it leaves a dead file, which does no harm.
+// For the folder's flock. A close that cannot have it leaves a dead file, which does no harm.
 constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
 
 constinit Lock g_namesLock;
@@ -324,7 +323,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
         existed = true;
         return known;
     }
-    if (!names.Guard(kOpenTimeNs)) return nullptr;
+    if (!names.Guard(g_timings.namesLock * kNsPerMs)) return nullptr;
     NamedObject* object = MakeRecord(request);
     if (object == nullptr) return nullptr;
     std::memcpy(object->fileName, fileName, sizeof fileName);

@@ -7,6 +7,7 @@
 // State: the signal, chosen and given its handler at the first termination; none before.
 #include "kernel/lock.h"
 #include "kernel/thread.h"
+#include "timings.h"
 #include "window/thread_queue.h"
 
 #include <cerrno>
@@ -20,9 +21,6 @@
 namespace oriel {
 
 namespace {
-
-// For a thread to get out of the layer or into its signal handler. Microseconds, unless the machine is badly loaded.
-constexpr int64_t kStopDeadlineNs = 2000 * kNsPerMs;
 
 constinit Lock g_signalLock;
 int g_signal ORIEL_LOCK_CHECK(guarded_by(g_signalLock)) = 0;
@@ -85,7 +83,7 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
         SetLastError(ERROR_NOT_SUPPORTED);
         return FALSE;
     }
-    const int64_t deadline = MonotonicNs() + kStopDeadlineNs;
+    const int64_t deadline = MonotonicNs() + g_timings.threadStop * kNsPerMs;
     uint32_t state = kRunning;
     const bool first = thread->state.compare_exchange_strong(state, kTerminationAsked);
     if (first) {

@@ -6,6 +6,7 @@
 #include "kernel/futex.h"
 #include "kernel/termination.h"
 #include "registry/checked_pages.h"
+#include "timings.h"
 
 #include <cerrno>
 #include <ctime>
@@ -18,8 +19,7 @@
 namespace oriel {
 namespace {
 
-constexpr int64_t kBusyNs = 5000 * kNsPerMs;
-constexpr int64_t kBusySliceNs = 5 * kNsPerMs;
+constexpr int64_t kBusySliceMs = 5;
 
 // Every database of the process, by its rank.
 Database* g_databases[3];
@@ -86,8 +86,8 @@ DWORD CreateFileIfMissing(const std::string& path, mode_t mode) {
 
 // Another process has the file: come back soon, unless that goes on for too long or this thread is to be terminated.
 int WhenBusy(void*, int count) {
-    if (TerminationAsked() || count >= kBusyNs / kBusySliceNs) return 0;
-    const timespec slice{0, kBusySliceNs};
+    if (TerminationAsked() || count >= g_timings.registryBusy / kBusySliceMs) return 0;
+    const timespec slice{0, kBusySliceMs * kNsPerMs};
     nanosleep(&slice, nullptr);
     return 1;
 }

@@ -10,6 +10,7 @@
 #include "rpc/bind_offer.h"
 #include "rpc/endpoint.h"
 #include "rpc/fork.h"
+#include "timings.h"
 
 #include <new>
 #include <pthread.h>
@@ -178,7 +179,8 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
     if (connection.contextCount == kMaxContexts) return RPC_S_OUT_OF_RESOURCES;
     uint32_t group = connection.group;
     bool ignored = false;
-    const RPC_STATUS status = OfferInterface(connection, interface, group, ignored, DeadlineAfter(kConnectTimeMs));
+    const RPC_STATUS status =
+        OfferInterface(connection, interface, group, ignored, DeadlineAfter(g_timings.rpcConnect));
     switch (status) {
     case RPC_S_OK:
         FindContext(connection, interface);
@@ -253,7 +255,7 @@ void LoseConnection(Connection& connection) {
 
 RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
     Association& association = *connection.association;
-    const int64_t deadline = DeadlineAfter(kConnectTimeMs);
+    const int64_t deadline = DeadlineAfter(g_timings.rpcConnect);
     for (;;) {
         uint32_t named = 0;
         RPC_STATUS status = GroupToName(association, named);

@@ -2,6 +2,7 @@
 #include "rpc/channel.h"
 
 #include "kernel/termination.h"
+#include "timings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -123,7 +124,7 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
     if (!Reserve(channel, channel.in, need)) return Transfer::noMemory;
     want = std::min(want, channel.in.capacity);
     while (channel.received < need) {
-        if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(kMessageTimeMs);
+        if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(g_timings.rpcMessage);
         const ssize_t count = recv(channel.socket, channel.in.data + channel.received, want - channel.received,
                                    deadline == kNever ? 0 : MSG_DONTWAIT);
         if (count > 0) {

@@ -16,9 +16,6 @@ namespace oriel::rpc {
 
 inline constexpr size_t kFirstBuffer = 4096;
 inline constexpr size_t kKeptBuffer = 256 * 1024; // a larger one is given back after the call
-inline constexpr DWORD kConnectTimeMs = 5000;     // to be accepted, and to be answered a bind
-inline constexpr DWORD kMessageTimeMs = 10000;    // from the first byte of a message to its last
-inline constexpr DWORD kSendTimeMs = 30000;       // for a peer that takes nothing of what is sent
 
 struct Buffer {
     uint8_t* data = nullptr;
@@ -75,8 +72,8 @@ Transfer SendPdu(Channel& channel, const uint8_t* pdu, size_t size);
 // The next message. The server's side takes requests, the client's responses, assembled from their fragments; every
 // other PDU comes as it is, but those that ask for nothing: cancels, orphans (which drop the fragments of their call),
 // shutdowns. Without a deadline it waits without bound for the first byte, since a peer may have nothing to say for
-// long and its end is noticed; once a message has begun it must be complete within kMessageTimeMs. The message stays
-// valid until the next Receive or Trim.
+// long and its end is noticed; once a message has begun it must be complete within Timings::rpcMessage. The message
+// stays valid until the next Receive or Trim.
 Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline = kNever);
 
 // After a call: gives back what a long message needed, and sooner when the user's connections have half of what they

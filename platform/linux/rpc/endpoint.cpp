@@ -5,6 +5,7 @@
 #include "kernel/descriptor.h"
 #include "kernel/termination.h"
 #include "security/impersonation.h"
+#include "timings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -132,7 +133,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
     if (getsockopt(stream.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
         return RPC_S_SERVER_UNAVAILABLE;
     // A server that takes nothing of a request for so long has stopped; it cannot have carried the call out.
-    SetSendTimeout(stream.Get(), kSendTimeMs);
+    SetSendTimeout(stream.Get(), g_timings.rpcSend);
     socket = stream.Release();
     return RPC_S_OK;
 }

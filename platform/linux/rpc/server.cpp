@@ -6,6 +6,7 @@
 #include "kernel/lock.h"
 #include "kernel/thread.h"
 #include "rpc/fork.h"
+#include "timings.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -60,7 +61,7 @@ bool StartConnection(const Endpoint& endpoint, int socket) {
     ucred client{};
     socklen_t size = sizeof client;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return false;
-    const timeval timeout{kSendTimeMs / 1000, 0};
+    const timeval timeout{g_timings.rpcSend / 1000, 0};
     setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout); // a client that takes nothing of its reply
 
     User* user = AdmitUser(client.uid);

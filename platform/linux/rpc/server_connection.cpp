@@ -5,6 +5,7 @@
 // else: nothing here waits while it holds a lock.
 #include "rpc/fault_status.h"
 #include "rpc/server.h"
+#include "timings.h"
 
 #include <algorithm>
 #include <cxxabi.h>
@@ -225,7 +226,7 @@ void ServeConnection(ServerConnection& connection) {
     t_connection = &connection;
     connection.kind = HandleKind::call;
     // A client connects in order to bind. After that it may be silent for as long as it likes.
-    const int64_t bindDeadline = DeadlineAfter(kMessageTimeMs);
+    const int64_t bindDeadline = DeadlineAfter(g_timings.rpcMessage);
     try {
         for (;;) {
             Message message{};

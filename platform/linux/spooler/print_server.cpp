@@ -7,6 +7,7 @@
 #include "security/accounts.h"
 #include "spooler/printer_record.h"
 #include "text/strings.h"
+#include "timings.h"
 
 #include <atomic>
 #include <cerrno>
@@ -26,8 +27,6 @@ constexpr const char* kModule = "oriel/liboriel_cups.so"; // beside the layer
 constexpr const char* kUsualSocket = "/run/cups/cups.sock";
 constexpr const char* kSystemSettings = "/etc/cups/client.conf";
 constexpr const char* kUserSettings = "/.cups/client.conf"; // below the home directory
-// A call has two seconds in all; the rest is for what is around the server's answers.
-constexpr int64_t kCallNs = 1800 * kNsPerMs;
 constexpr int64_t kPauseNs = 5000 * kNsPerMs;
 
 std::atomic<int64_t> g_pausedUntilNs{0};
@@ -98,7 +97,7 @@ DWORD AskServer(Call call) {
     how.user = AnsiToUtf8(NameOfUser(user));
     if (how.user.empty()) how.user = std::to_string(user);
     how.mayAll = user == 0;
-    how.deadlineNs = MonotonicNs() + kCallNs;
+    how.deadlineNs = MonotonicNs() + g_timings.printServerCall * kNsPerMs;
     const DWORD error = call(*module, how);
     g_pausedUntilNs = error == ERROR_TIMEOUT ? MonotonicNs() + kPauseNs : 0;
     return error;

@@ -1,0 +1,8 @@
+// The one instance; its values are those of its declaration until a test changes them.
+#include "timings.h"
+
+namespace oriel {
+
+Timings g_timings;
+
+} // namespace oriel
