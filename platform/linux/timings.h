@@ -12,6 +12,8 @@ struct Timings {
     // For a thread that is terminated to get out of the layer or into its signal handler. Microseconds, unless the
     // machine is badly loaded.
     uint32_t threadStop = 2000;
+    // Between two looks of a thread that waits for a named mutex: nobody rings for an owner that was killed.
+    uint32_t mutexSlice = 50;
     // For the registry, while another process writes.
     uint32_t registryBusy = 5000;
     // RPC: to be accepted, and to be answered a bind; from the first byte of a message to its last; for a peer that

@@ -1,6 +1,7 @@
 // Mutexes, critical sections and shared sections: ownership, and what happens to it when the owner ends.
 #include "campaign.h"
 #include "posix_kit.h"
+#include "timings.h"
 #include "win32_kit.h"
 
 #include <atomic>
@@ -56,6 +57,8 @@ TEST(Mutex, IsReleasedAsOftenAsItWasTaken) {
 }
 
 TEST(Mutex, IsAbandonedOnceByAThreadThatEnds) {
+    oriel::g_timings.mutexSlice = 60000; // who is not woken sleeps on
+    const DWORD self = GetCurrentThreadId();
     for (const char* name : kNames)
         for (const bool blocked : {false, true}) {
             SCOPED_TRACE(testing::Message() << (name != nullptr ? name : "none") << (blocked ? ", blocked" : ""));
@@ -63,18 +66,21 @@ TEST(Mutex, IsAbandonedOnceByAThreadThatEnds) {
             const Owned taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
             const Owned never = CreateEventA(nullptr, TRUE, FALSE, nullptr);
             const HANDLE both[] = {never, mutex};
+            std::atomic<bool> waits{false};
             const Owned owner = StartThread([&] {
                 Wait(mutex);
                 Wait(mutex);
                 SetEvent(taken);
-                if (blocked) PauseMs(30); // ends while the other waits
-                return 0;
+                return blocked && !WaitUntil([&] { return waits && IsAsleep(self); }) ? 1 : 0;
             });
             Wait(taken);
             if (!blocked) Wait(owner);
             SetLastError(kSentinel);
-            EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 20000), DWORD{WAIT_ABANDONED_0 + 1});
+            const double begin = NowMs();
+            waits = true;
+            EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 10000), DWORD{WAIT_ABANDONED_0 + 1});
             EXPECT_EQ(GetLastError(), kSentinel);
+            EXPECT_LT(NowMs() - begin, 5000) << "woken by the end, not by the time limit";
             EXPECT_EQ(LookFromElsewhere(mutex), DWORD{WAIT_TIMEOUT}) << "abandoned, but owned now";
             EXPECT_TRUE(ReleaseMutex(mutex));
             EXPECT_FALSE(ReleaseMutex(mutex)) << "once";
@@ -82,6 +88,7 @@ TEST(Mutex, IsAbandonedOnceByAThreadThatEnds) {
             EXPECT_TRUE(ReleaseMutex(mutex));
             EXPECT_EQ(Finish(owner), 0U);
         }
+    oriel::g_timings = {};
 }
 
 CHILD_PROCESS(OwnsTheMutex) {

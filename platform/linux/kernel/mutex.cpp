@@ -12,6 +12,7 @@
 #include "kernel/lock.h"
 #include "kernel/named_object.h"
 #include "kernel/thread.h"
+#include "timings.h"
 
 #include "security/everyone.h"
 
@@ -34,7 +35,6 @@ struct MutexObject : NamedObject {
 namespace {
 
 constexpr uint32_t kSomebodySleeps = 1;
-constexpr uint32_t kSleepSliceMs = 50;
 constexpr uint32_t kDeepest = 0x7FFFFFFF;
 
 void DropMutex(Object* object) {
@@ -103,7 +103,7 @@ Grab GrabMutex(Object* object, WaitPoint& point, bool goingToSleep) {
     point.word = &mutex.head->word;
     point.value = point.word->fetch_or(kSomebodySleeps, std::memory_order_acq_rel) | kSomebodySleeps;
     point.shared = mutex.named;
-    point.sliceMs = mutex.named ? kSleepSliceMs : 0;
+    point.sliceMs = mutex.named ? g_timings.mutexSlice : 0;
     return TryMutex(mutex, *thread);
 }
 
