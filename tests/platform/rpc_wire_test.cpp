@@ -286,6 +286,16 @@ TEST(RpcWire, SlowAndSilentClientsStallNobody) {
     EXPECT_EQ(binding.Call(kEcho, Pattern(60)).body, Pattern(60));
 }
 
+// A user may have 4,096 at a time, and any number one after the other.
+TEST(RpcWire, ConnectionsOfOneUserAreGivenBack) {
+    TestServer server;
+    for (int count = 1; count <= 4100; ++count) {
+        UnixStream stream("test");
+        ASSERT_TRUE(stream.Send(GoodBind()));
+        ASSERT_EQ(TypeOf(stream.ReceivePdu()), kBindAckPdu) << count;
+    }
+}
+
 TEST(RpcWireCampaign, DamagedPdusLeaveTheServerWhole) {
     TestServer server;
     const TestBinding binding;
