@@ -105,6 +105,33 @@ TEST_AS_ROOT(Tokens, OfOtherProcessesAreActedForByOneThread) {
     EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
 }
 
+// A list has at most 64 KiB, however long or short its text is.
+TEST(Lists, OfLongTextsAreKeptWholeOrRefused) {
+    const auto repeated = [](const std::string& entry, size_t length) {
+        std::string text = "D:";
+        while (text.size() < length)
+            text += entry;
+        return text;
+    };
+    PSECURITY_DESCRIPTOR list = nullptr;
+    LPSTR again = nullptr;
+    // 70 KB of long entries are a list of 41 KB,
+    const std::string fits = repeated("(A;;GA;;;S-1-5-21-4000000001-4000000002-4000000003-4000000004)", 70000);
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(fits.c_str(), SDDL_REVISION_1, &list, nullptr));
+    ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorA(list, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                                     &again, nullptr));
+    EXPECT_EQ(again, fits);
+    LocalFree(again);
+    LocalFree(list);
+    // and of short ones one of 117 KB, whose size would be cut to 51 KB.
+    const std::string tooLong = repeated("(A;;GA;;;WD)", 70000);
+    EXPECT_FALSE(
+        ConvertStringSecurityDescriptorToSecurityDescriptorA(tooLong.c_str(), SDDL_REVISION_1, &list, nullptr));
+    if (OnTheLayer()) {
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_ACL});
+    }
+}
+
 TEST(Accounts, AreFoundBySidAndByName) {
     NeedsTheLayer("the accounts of Linux");
     struct Row {
