@@ -3,12 +3,14 @@
 
 #include <windows.h>
 
-// UTC, in 100 ns since 1601, cut to the millisecond that a SYSTEMTIME can tell.
+inline constexpr ULONGLONG kWriteTimeStep = 10000; // a millisecond, which is what a SYSTEMTIME can tell
+
+// UTC, in 100 ns since 1601, cut to the millisecond.
 inline ULONGLONG WriteTimeNow() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     const ULONGLONG time = ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime;
-    return time - time % 10000;
+    return time - time % kWriteTimeStep;
 }
 
 inline SYSTEMTIME ToSystemTime(ULONGLONG time) {

@@ -52,8 +52,9 @@ ULONGLONG WriteTimeOf(const Variable& variable) {
 }
 
 void StoreWriteTime(Variable& variable, ULONGLONG now) {
-    // The time of day may be set back; a write time that went back would hide the write from those who compare.
-    const ULONGLONG time = std::max(now, WriteTimeOf(variable));
+    // Watchers compare write times to find what they missed: two writes never have the same one, be it that they come
+    // within a millisecond or that the time of day is set back.
+    const ULONGLONG time = std::max(now, WriteTimeOf(variable) + kWriteTimeStep);
     variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
     variable.writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
 }
