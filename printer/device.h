@@ -17,6 +17,16 @@ struct DeviceValue {
     std::string variable;
     Bytes bytes;
     std::string origin; // where it comes from, for messages: "day.script:12"
+    bool item = false;  // of a queue, which gets it behind the others
+};
+
+inline constexpr DWORD kQueueLength = 50;
+
+// A queue that programs take items from, the oldest first.
+struct DeviceQueue {
+    std::string variable;
+    DWORD itemSize = 0;
+    DWORD length = kQueueLength; // items it holds at most; one more takes the oldest away
 };
 
 // How a request went.
@@ -28,6 +38,7 @@ struct DeviceReply {
 };
 
 inline constexpr DWORD kNothingDue = INFINITE;
+inline constexpr DWORD kHoldJobs = INFINITE;
 
 struct Device {
     // All that the printer has. Called at each new connection with the service.
@@ -38,5 +49,11 @@ struct Device {
     DeviceReply (*refresh)(void* self, const std::string& argument);
     // What has happened by now; now: milliseconds from any start on. *next: milliseconds until there is more.
     std::vector<DeviceValue> (*advance)(void* self, ULONGLONG now, DWORD* next);
+    // Queues that it has beside those of the printer's model, or with other bounds.
+    std::vector<DeviceQueue> (*queues)(void* self);
+    // How long a page of a job takes now, in milliseconds; kHoldJobs: no page comes out.
+    DWORD (*pageMs)(void* self);
+    // So many pages of jobs came out.
+    std::vector<DeviceValue> (*pagesOut)(void* self, DWORD count);
     void* self;
 };

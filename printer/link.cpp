@@ -20,8 +20,8 @@ LONG Examine(Link& link, Answer answer) {
     return status;
 }
 
-std::string FindDatabaseName(const std::string& printer, std::string* name) {
-    const Answer answer = FindPrinterDatabase(printer, name);
+std::string FindDatabaseName(const std::string& printer, std::string* name, std::string* driver) {
+    const Answer answer = FindPrinterDatabase(printer, name, driver);
     const auto status = static_cast<LONG>(answer);
     if (status > 0) return "the status database service does not answer (" + std::to_string(status) + ")";
     if (answer != Answer::Done) return "no printer has been opened yet";
@@ -102,7 +102,7 @@ bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
 
 std::string Connect(Link& link) {
     std::string name;
-    std::string failure = FindDatabaseName(link.printer, &name);
+    std::string failure = FindDatabaseName(link.printer, &name, &link.driver);
     if (!failure.empty()) return failure;
     link.databaseName = name;
     if (OpenDatabase(name.c_str(), &link.database) != Answer::Done) return "the printer's database is not ready yet";
@@ -157,6 +157,10 @@ DWORD ReadNumberOf(Link& link, const char* variable) {
 
 LONG InfoOf(Link& link, const char* variable, VariableInfo* info) {
     return Examine(link, GetVariableInfo(link.database, variable, info));
+}
+
+LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size) {
+    return Examine(link, CreateVariable(link.database, variable, kTypeVariableLength, size, value));
 }
 
 LONG StoreValue(Link& link, const DeviceValue& value) {

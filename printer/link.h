@@ -21,6 +21,7 @@ struct Link {
     const bool terminalServer = dblink::MachineIsTerminalServer();
 
     std::string databaseName{};
+    std::string driver{}; // of the printer; empty: not known
     DatabaseHandle database = 0;
     HANDLE events[kWatchedCount] = {};
     HANDLE onlyOne = nullptr; // mutex, owned: one printer side serves a printer
@@ -40,6 +41,9 @@ std::string ReadTextOf(Link& link, const char* variable);
 // 0 also when it cannot be read.
 DWORD ReadNumberOf(Link& link, const char* variable);
 LONG InfoOf(Link& link, const char* variable, dblink::VariableInfo* info);
+
+// A variable-length variable. kVariableExists: it was there.
+LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size);
 
 // Stores a value of the printer in the form that the variable has. kDone, an answer of the service, or a positive code.
 LONG StoreValue(Link& link, const DeviceValue& value);

@@ -149,9 +149,10 @@ int Run(const CommandLine& line) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }
-    ServePrinter(line.side, DeviceOf(printer), g_stop);
+    const bool served = ServePrinter(line.side, DeviceOf(printer), g_stop);
+    if (!served) Complain("cannot take jobs, system error " + std::to_string(GetLastError()));
     UnbindStatusDatabase();
-    return kStopped;
+    return served ? kStopped : kCannotBegin;
 }
 
 } // namespace

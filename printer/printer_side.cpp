@@ -5,7 +5,9 @@
 // printer.
 #include "printer_side.h"
 
+#include "jobs.h"
 #include "link.h"
+#include "queues.h"
 
 #include <tvsqdz.h>
 
@@ -67,6 +69,8 @@ struct PrinterSide {
     bool forwarded = false; // "LMFunction": requests come through the mailbox
     std::optional<Job> job{};
     Carried carried{};
+    Queues queues{};
+    JobTaker* jobs = nullptr;
 };
 
 constexpr const char* kRequestVariables[] = {"ReadRequest", "WriteRequest"};
@@ -89,16 +93,29 @@ void Tell(PrinterSide& side, const std::string& message) {
 
 // ---- values
 
+void TellOfValue(PrinterSide& side, const std::string& origin, const std::string& variable, LONG status) {
+    if (!side.link.lost)
+        Tell(side, origin + ": \"" + variable + "\" does not take this value (" + std::to_string(status) + ")");
+}
+
+void PutWaitingItems(PrinterSide& side) {
+    const QueueResult result = PutItems(side.link, side.queues);
+    if (result.status != kDone) TellOfValue(side, result.origin, result.variable, result.status);
+}
+
 // The first failure. A value that cannot be stored is told, and the others are stored all the same.
 LONG StoreValues(PrinterSide& side, const std::vector<DeviceValue>& values) {
     LONG first = kDone;
     for (const DeviceValue& value : values) {
+        if (value.item) {
+            AddItem(side.queues, value);
+            continue;
+        }
         const LONG status = StoreValue(side.link, value);
-        if (status != kDone && !side.link.lost)
-            Tell(side, value.origin + ": \"" + value.variable + "\" does not take this value (" +
-                           std::to_string(status) + ")");
+        if (status != kDone) TellOfValue(side, value.origin, value.variable, status);
         if (first == kDone) first = status;
     }
+    PutWaitingItems(side);
     return first;
 }
 
@@ -196,10 +213,12 @@ void BeginJob(PrinterSide& side, Job job) {
     side.job = std::move(job);
     side.job->reply = AskDevice(side, side.job->kind);
     side.job->due = side.now + side.job->reply.delayMs;
-    if (side.job->reply.silent)
-        side.job.reset();
-    else if (side.job->reply.delayMs == 0)
-        FinishJob(side);
+    if (!side.job->reply.silent && side.job->reply.delayMs == 0) FinishJob(side);
+}
+
+// One that is never answered is kept only so that its requester does not wait for a printer side that is gone.
+bool IsDue(const PrinterSide& side) {
+    return side.job && !side.job->reply.silent;
 }
 
 void BeginGrace(PrinterSide& side) {
@@ -239,7 +258,8 @@ void EndGrace(PrinterSide& side) {
             continue;
         }
         side.seen[which] = writes;
-        if (!side.job && SomebodyWaits(side.link)) BeginJob(side, {.kind = kind, .writes = writes, .byVariable = true});
+        if (!IsDue(side) && SomebodyWaits(side.link))
+            BeginJob(side, {.kind = kind, .writes = writes, .byVariable = true});
     }
 }
 
@@ -278,7 +298,7 @@ void CheckMailbox(PrinterSide& side) {
 }
 
 void CheckTimes(PrinterSide& side) {
-    if (side.job && side.now >= side.job->due) FinishJob(side);
+    if (IsDue(side) && side.now >= side.job->due) FinishJob(side);
     if (side.graceEnd != 0 && side.now >= side.graceEnd) EndGrace(side);
 }
 
@@ -326,6 +346,9 @@ void BeginService(PrinterSide& side) {
     side.carried = {};
     side.mailboxId = 0;
     side.graceEnd = 0;
+    if (const QueueResult made = MakeQueues(side.link, side.queues, side.device.queues(side.device.self));
+        made.status != kDone)
+        Tell(side, "the queue \"" + made.variable + "\" cannot be made (" + std::to_string(made.status) + ")");
     FindUnanswered(side);
     std::copy(std::begin(side.seen), std::end(side.seen), side.unclaimed);
     std::vector<DeviceValue> values = side.device.state(side.device.self);
@@ -356,9 +379,13 @@ void EndService(PrinterSide& side) {
 // False: it shall stop.
 bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
     const Link& link = side.link;
-    const HANDLE handles[] = {side.stop, link.events[kWatchedRead], link.events[kWatchedWrite],
-                              link.events[kWatchedMailbox], link.events[kWatchedFunction]};
-    const DWORD result = WaitForMultipleObjects(1 + kWatchedCount, handles, FALSE, wait);
+    const HANDLE handles[] = {side.stop,
+                              link.events[kWatchedRead],
+                              link.events[kWatchedWrite],
+                              link.events[kWatchedMailbox],
+                              link.events[kWatchedFunction],
+                              side.jobs->pagesOut};
+    const DWORD result = WaitForMultipleObjects(static_cast<DWORD>(std::size(handles)), handles, FALSE, wait);
     UpdateClock(side);
     switch (result) {
     case WAIT_OBJECT_0:
@@ -374,6 +401,9 @@ bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
         break;
     case WAIT_OBJECT_0 + 1 + kWatchedFunction:
         side.forwarded = ReadNumberOf(side.link, "LMFunction") != 0;
+        break;
+    case WAIT_OBJECT_0 + 1 + kWatchedCount:
+        StoreValues(side, side.device.pagesOut(side.device.self, TakePagesOut(*side.jobs)));
         break;
     case WAIT_TIMEOUT:
         *look = true;
@@ -397,10 +427,12 @@ bool ServeLink(PrinterSide& side) {
         DWORD next = kNothingDue;
         const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);
         StoreValues(side, changed);
+        SetPace(*side.jobs, side.device.pageMs(side.device.self));
         CheckTimes(side);
         DWORD wait = std::min(next, Until(side, lookAt));
-        if (side.job) wait = std::min(wait, Until(side, side.job->due));
+        if (IsDue(side)) wait = std::min(wait, Until(side, side.job->due));
         if (side.graceEnd != 0) wait = std::min(wait, Until(side, side.graceEnd));
+        if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
         bool look = false;
         if (!WaitForWork(side, wait, &look)) return false;
         if (!look) {
@@ -415,16 +447,17 @@ bool ServeLink(PrinterSide& side) {
     return true;
 }
 
-} // namespace
-
-void ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop) {
-    PrinterSide side{.options = options, .device = device, .stop = stop, .link = {.printer = options.printer}};
+// Until it shall stop.
+void Serve(PrinterSide& side) {
+    const Device& device = side.device;
     DWORD retry = kFirstRetryMs;
     bool goOn = true;
     while (goOn) {
         UpdateClock(side);
         DWORD next = 0;
-        device.advance(device.self, side.now, &next); // what it says is asked for again when there is a connection
+        // Values are asked for again when there is a connection; items are said once.
+        for (const DeviceValue& value : device.advance(device.self, side.now, &next))
+            if (value.item) AddItem(side.queues, value);
         const std::string failure = Connect(side.link);
         if (failure.empty()) {
             side.told.clear();
@@ -436,7 +469,19 @@ void ServePrinter(const PrinterSideOptions& options, const Device& device, HANDL
             Tell(side, failure + "; waiting");
         }
         Disconnect(side.link);
-        if (goOn && WaitForSingleObject(stop, retry) == WAIT_OBJECT_0) goOn = false;
+        if (goOn && WaitForSingleObject(side.stop, retry) == WAIT_OBJECT_0) goOn = false;
         retry = std::min(retry * 2, kLongestRetryMs);
     }
+}
+
+} // namespace
+
+bool ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop) {
+    PrinterSide side{.options = options, .device = device, .stop = stop, .link = {.printer = options.printer}};
+    side.jobs = StartJobs(options.printer, stop);
+    if (!side.jobs) return false;
+    Serve(side);
+    EndJobs(side.jobs);
+    CloseQueues(side.queues);
+    return true;
 }

@@ -11,5 +11,6 @@ struct PrinterSideOptions {
     std::string port;    // the name for "Port", unless the device has the variable; may be empty
 };
 
-// Serves until stop is set. One message to standard error for what goes wrong, not for each time.
-void ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop);
+// Serves until stop is set. One message to standard error for what goes wrong, not for each time. False when it cannot
+// begin, which the last error tells.
+bool ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop);

@@ -13,6 +13,9 @@ namespace {
 
 constexpr SIZE_T kNameMax = 31; // what a request variable holds
 constexpr SIZE_T kFieldMax = 65536;
+constexpr DWORD kPagesMax = 100000;
+constexpr DWORD kQueueLengthMax = 1000;
+constexpr ULONGLONG kLongestPageMs = 60 * 60 * 1000;
 
 // What is wrong with a line; caught where lines are counted.
 struct LineError {
@@ -91,10 +94,15 @@ DWORD ParseNumber(std::string_view word) {
     return static_cast<DWORD>(*number);
 }
 
+DWORD ParseCount(std::string_view digits, const char* what, DWORD most) {
+    const std::optional<DWORD> count = ToNumber<DWORD>(digits, 10);
+    if (!count || *count == 0 || *count > most)
+        Fail(Quoted(digits) + " is no " + what + " from 1 to " + std::to_string(most));
+    return *count;
+}
+
 SIZE_T ParseSize(std::string_view digits) {
-    const std::optional<DWORD> size = ToNumber<DWORD>(digits, 10);
-    if (!size || *size == 0 || *size > kFieldMax) Fail(Quoted(digits) + " is no size from 1 to 65536");
-    return *size;
+    return ParseCount(digits, "size", kFieldMax);
 }
 
 BYTE ParseHexByte(std::string_view digits) {
@@ -258,19 +266,48 @@ Statement TakeOn(Words& words, const std::string& origin) {
     return statement;
 }
 
+DWORD TakePace(Words& words) {
+    if (words.Peek() == "hold") {
+        words.Take("");
+        return kHoldJobs;
+    }
+    const ULONGLONG pace = TakeDuration(words);
+    if (pace == 0 || pace > kLongestPageMs) Fail("a page takes from 1ms to 60m");
+    return static_cast<DWORD>(pace);
+}
+
+DeviceQueue TakeQueue(Words& words) {
+    DeviceQueue queue{.variable = TakeName(words)};
+    queue.itemSize = static_cast<DWORD>(ParseSize(words.Take("the size of an item")));
+    if (!words.AtEnd()) queue.length = ParseCount(words.Take(""), "length", kQueueLengthMax);
+    if (ULONGLONG{queue.itemSize} * queue.length > dblink::kValueSizeMax / 2)
+        Fail("the queue is larger than any can be");
+    return queue;
+}
+
 Statement TakeStatement(Words& words, const std::string& origin) {
     const std::string_view verb = words.Take("a statement");
     Statement statement{.verb = Verb::Repeat};
-    if (verb == "set") {
-        statement.verb = Verb::Set;
+    if (verb == "set" || verb == "initially" || verb == "append") {
+        statement.verb = verb == "set" ? Verb::Set : verb == "append" ? Verb::Append : Verb::Initially;
         statement.value = TakeValue(words, origin);
+        statement.value.item = statement.verb == Verb::Append;
+    } else if (verb == "pages") {
+        statement.verb = Verb::Pages;
+        statement.number = ParseCount(words.Take("a number of pages"), "number of pages", kPagesMax);
+    } else if (verb == "jobs") {
+        statement.verb = Verb::Jobs;
+        statement.number = TakePace(words);
+    } else if (verb == "queue") {
+        statement.verb = Verb::Queue;
+        statement.queue = TakeQueue(words);
     } else if (verb == "wait") {
         statement.verb = Verb::Wait;
         statement.waitMs = TakeDuration(words);
     } else if (verb == "on") {
         statement = TakeOn(words, origin);
     } else if (verb != "repeat") {
-        Fail("statements are 'set', 'wait', 'on' and 'repeat', not " + Quoted(verb));
+        Fail("there is no statement " + Quoted(verb));
     }
     words.ExpectEnd();
     return statement;

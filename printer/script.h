@@ -14,11 +14,13 @@ struct Rule {
     DeviceValue value{};
 };
 
-enum class Verb { Set, Wait, OnRead, OnWrite, OnRefresh, Repeat };
+enum class Verb { Set, Initially, Wait, OnRead, OnWrite, OnRefresh, Pages, Jobs, Queue, Append, Repeat };
 
 struct Statement {
     Verb verb;
-    DeviceValue value{};    // Set
+    DeviceValue value{};    // Set, Initially, Append
+    DWORD number = 0;       // Pages: how many; Jobs: milliseconds a page, or kHoldJobs
+    DeviceQueue queue{};    // Queue
     ULONGLONG waitMs = 0;   // Wait
     std::string variable{}; // OnRead, OnWrite: the name, or "*"
     Rule rule{};            // OnRead, OnWrite, OnRefresh

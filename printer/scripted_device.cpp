@@ -4,6 +4,7 @@
 #include <tvsqdz.h>
 
 #include <algorithm>
+#include <string.h>
 
 namespace {
 
@@ -66,6 +67,35 @@ DeviceReply Refresh(void* self, const std::string&) {
     return reply;
 }
 
+// A counter that nobody has set counts from 0.
+DeviceValue AddPages(ScriptedPrinter& printer, DWORD count) {
+    constexpr char kPageCount[] = "PageCount";
+    constexpr DWORD kUnknown = 0xFFFFFFFF;
+    DeviceValue& value = printer.values[kPageCount];
+    DWORD pages = 0;
+    if (value.bytes.size() == sizeof pages) memcpy(&pages, value.bytes.data(), sizeof pages);
+    pages = pages == kUnknown ? count : pages + count;
+    const auto* bytes = reinterpret_cast<const BYTE*>(&pages);
+    value = {.variable = kPageCount, .bytes = {bytes, bytes + sizeof pages}, .origin = "the pages that came out"};
+    return value;
+}
+
+std::vector<DeviceQueue> Queues(void* self) {
+    std::vector<DeviceQueue> queues;
+    for (const Statement& statement : PrinterOf(self).statements)
+        if (statement.verb == Verb::Queue) queues.push_back(statement.queue);
+    return queues;
+}
+
+DWORD PageMs(void* self) {
+    const ScriptedPrinter& printer = PrinterOf(self);
+    return printer.pageMs == kHoldJobs ? kHoldJobs : std::max<DWORD>(printer.pageMs / printer.speed, 1);
+}
+
+std::vector<DeviceValue> PagesOut(void* self, DWORD count) {
+    return {AddPages(PrinterOf(self), count)};
+}
+
 // A repeating script that falls behind, as when the machine slept, goes on from now.
 constexpr ULONGLONG kCatchUpMs = 60000;
 
@@ -76,6 +106,21 @@ bool Step(ScriptedPrinter& printer, ULONGLONG now, std::vector<DeviceValue>& cha
     case Verb::Set:
         printer.values[statement.value.variable] = statement.value;
         changed.push_back(statement.value);
+        break;
+    case Verb::Initially:
+        if (printer.values.emplace(statement.value.variable, statement.value).second)
+            changed.push_back(statement.value);
+        break;
+    case Verb::Append:
+        changed.push_back(statement.value);
+        break;
+    case Verb::Pages:
+        changed.push_back(AddPages(printer, statement.number));
+        break;
+    case Verb::Jobs:
+        printer.pageMs = statement.number;
+        break;
+    case Verb::Queue: // holds from the start
         break;
     case Verb::Wait:
         if (!printer.waited) printer.due += statement.waitMs;
@@ -119,5 +164,13 @@ std::vector<DeviceValue> Advance(void* self, ULONGLONG now, DWORD* next) {
 } // namespace
 
 Device DeviceOf(ScriptedPrinter& printer) {
-    return {.state = State, .read = Read, .write = Write, .refresh = Refresh, .advance = Advance, .self = &printer};
+    return {.state = State,
+            .read = Read,
+            .write = Write,
+            .refresh = Refresh,
+            .advance = Advance,
+            .queues = Queues,
+            .pageMs = PageMs,
+            .pagesOut = PagesOut,
+            .self = &printer};
 }

@@ -7,7 +7,8 @@
 
 struct ScriptedPrinter {
     std::vector<Statement> statements;
-    DWORD speed = 1; // so many times faster than the script says
+    DWORD speed = 1;    // so many times faster than the script says
+    DWORD pageMs = 300; // of a page of a job, in the script's time; kHoldJobs
 
     // The script's own time is now * speed.
 

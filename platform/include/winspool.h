@@ -41,6 +41,7 @@ typedef struct _PRINTER_DEFAULTSA {
 
 /* Rights on jobs, as entries of a printer's list give them. */
 #define JOB_ACCESS_ADMINISTER 0x00000010
+#define JOB_ACCESS_READ 0x00000020
 
 /* Level 2. On a 64-bit machine 136 bytes: 13 pointers and 8 words; with 32 bits 84. Strings are in the ANSI code page.
  * What the spool does not keep is absent (pDevMode, pSecurityDescriptor) or an empty string. */
@@ -132,7 +133,11 @@ WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYT
 /* Opens a printer by its name; *printer is a 32-bit value of this process. defaults absent: PRINTER_ACCESS_USE.
  * Deleting a printer needs PRINTER_ACCESS_ADMINISTER (in PRINTER_ALL_ACCESS), refused with ERROR_ACCESS_DENIED when
  * this user may not write the spool. Printers are looked up when they are used: one that is deleted under the handle
- * gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME: there is no such printer. */
+ * gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME: there is no such printer.
+ *
+ * "<printer>, Job <number>" opens the document of a complete job of the embedded spool, for ReadPrinter and no other call;
+ * its rights are JOB_ACCESS_READ. ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: it is another
+ * user's, and this one is not root. */
 WINBASEAPI BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults);
 
 /* One record as EnumPrintersA gives it. level is 2. */
@@ -177,6 +182,25 @@ WINBASEAPI BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, L
 
 /* The document is complete. ERROR_SPL_NO_STARTDOC, ERROR_PRINT_CANCELLED. */
 WINBASEAPI BOOL WINAPI EndDocPrinter(HANDLE printer);
+
+/* Reads on in a job's document, which OpenPrinterA opened. *read: bytes; 0 at the end. */
+WINBASEAPI BOOL WINAPI ReadPrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD read);
+
+#define PRINTER_CHANGE_JOB 0x0000FF00
+
+/* A handle to wait for: it is signalled once a job of the printer came, was completed, paused, resumed or cancelled.
+ * filter: PRINTER_CHANGE_JOB; options 0, notifyOptions absent. INVALID_HANDLE_VALUE on failure: ERROR_NOT_SUPPORTED (a
+ * printer that is not the embedded spool's), ERROR_INVALID_PARAMETER, the errors of CreateEventA. Jobs that go with the
+ * process that spooled them, or whose files somebody removed, are not told. */
+WINBASEAPI HANDLE WINAPI FindFirstPrinterChangeNotification(HANDLE printer, DWORD filter, DWORD options,
+                                                            LPVOID notifyOptions);
+
+/* From here on the handle waits for the next change, for all who wait for this printer's: look at the jobs afterwards.
+ * *change, which may be absent: PRINTER_CHANGE_JOB. notifyOptions and info are absent. */
+WINBASEAPI BOOL WINAPI FindNextPrinterChangeNotification(HANDLE notification, LPDWORD change, LPVOID notifyOptions,
+                                                         LPVOID* info);
+
+WINBASEAPI BOOL WINAPI FindClosePrinterChangeNotification(HANDLE notification);
 
 WINBASE_END
 

@@ -27,6 +27,9 @@ KernelName ObjectName(bool terminalServer, std::string_view baseName);
 KernelName InitializedEventName(std::string_view database);
 
 inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager"; // the base name
+// The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
+// shared values.
+inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
 
 enum class VariableSignal { Updated, Changed };
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,

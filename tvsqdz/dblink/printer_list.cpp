@@ -14,33 +14,42 @@ std::string_view FieldText(const BYTE* field, SIZE_T size) {
     return {text, strnlen(text, size)};
 }
 
-// Of the entry whose field at keyAt is key, the other field.
-std::string_view Find(const BYTE* list, SIZE_T size, SIZE_T keyAt, SIZE_T keySize, std::string_view key, SIZE_T otherAt,
-                      SIZE_T otherSize) {
-    if (size < kHeader) return {};
+// Of the first entry whose field at keyAt is key; null when the list has none.
+const BYTE* FindEntry(const BYTE* list, SIZE_T size, SIZE_T keyAt, SIZE_T keySize, std::string_view key) {
+    if (size < kHeader) return nullptr;
     uint32_t count = 0;
     memcpy(&count, list + offsetof(PrinterList, entryCount), sizeof count);
     const SIZE_T whole = (size - kHeader) / sizeof(PrinterListEntry);
     for (SIZE_T i = 0; i < count && i < whole; ++i) {
         const BYTE* entry = list + kHeader + i * sizeof(PrinterListEntry);
-        if (FieldText(entry + keyAt, keySize) == key) return FieldText(entry + otherAt, otherSize);
+        if (FieldText(entry + keyAt, keySize) == key) return entry;
     }
-    return {};
+    return nullptr;
 }
 
-constexpr SIZE_T kPrinterAt = offsetof(PrinterListEntry, printerName);
-constexpr SIZE_T kPrinterSize = sizeof PrinterListEntry::printerName;
-constexpr SIZE_T kDatabaseAt = offsetof(PrinterListEntry, databaseName);
-constexpr SIZE_T kDatabaseSize = sizeof PrinterListEntry::databaseName;
+const BYTE* EntryOfPrinter(const BYTE* list, SIZE_T size, std::string_view printer) {
+    return FindEntry(list, size, offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName, printer);
+}
 
 } // namespace
 
 std::string_view DatabaseInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer) {
-    return Find(list, size, kPrinterAt, kPrinterSize, printer, kDatabaseAt, kDatabaseSize);
+    const BYTE* entry = EntryOfPrinter(list, size, printer);
+    if (entry == nullptr) return {};
+    return FieldText(entry + offsetof(PrinterListEntry, databaseName), sizeof PrinterListEntry::databaseName);
+}
+
+std::string_view DriverInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer) {
+    const BYTE* entry = EntryOfPrinter(list, size, printer);
+    if (entry == nullptr) return {};
+    return FieldText(entry + offsetof(PrinterListEntry, driverName), sizeof PrinterListEntry::driverName);
 }
 
 std::string_view PrinterInPrinterList(const BYTE* list, SIZE_T size, std::string_view database) {
-    return Find(list, size, kDatabaseAt, kDatabaseSize, database, kPrinterAt, kPrinterSize);
+    const BYTE* entry = FindEntry(list, size, offsetof(PrinterListEntry, databaseName),
+                                  sizeof PrinterListEntry::databaseName, database);
+    if (entry == nullptr) return {};
+    return FieldText(entry + offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName);
 }
 
 } // namespace dblink

@@ -37,6 +37,8 @@ static_assert(sizeof(PrinterList) == 568 && offsetof(PrinterList, entryCount) ==
 // The name of the printer's database, in the list's own bytes; empty when the list does not have it. Only entries that
 // are wholly there, and no more than the list counts, are looked at.
 std::string_view DatabaseInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer);
+// The same of the printer's driver, which may not be known.
+std::string_view DriverInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer);
 // The same of the printer whose database that is.
 std::string_view PrinterInPrinterList(const BYTE* list, SIZE_T size, std::string_view database);
 

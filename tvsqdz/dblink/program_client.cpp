@@ -32,7 +32,7 @@ Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYT
     return answer;
 }
 
-Answer FindPrinterDatabase(const std::string& printer, std::string* database) {
+Answer FindPrinterDatabase(const std::string& printer, std::string* database, std::string* driver) {
     database->clear();
     DatabaseHandle master = 0;
     Answer answer = OpenDatabase(dblink::kMasterDatabase, &master);
@@ -41,5 +41,6 @@ Answer FindPrinterDatabase(const std::string& printer, std::string* database) {
     answer = ReadWholeValue(master, dblink::kPrinterListVariable, &list);
     CloseDatabase(master);
     *database = dblink::DatabaseInPrinterList(list.data(), list.size(), printer);
+    if (driver) *driver = dblink::DriverInPrinterList(list.data(), list.size(), printer);
     return answer;
 }

@@ -11,5 +11,5 @@
 Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYTE>* value);
 
 // The name of a printer's database, empty on failure. Answer::Done and empty: the printer list does not have the
-// printer.
-Answer FindPrinterDatabase(const std::string& printer, std::string* database);
+// printer. driver, which may be absent: the printer's, empty where it is not known.
+Answer FindPrinterDatabase(const std::string& printer, std::string* database, std::string* driver = nullptr);

@@ -8,8 +8,8 @@
 
 #include <windows.h>
 
-// Rule. The database mutex: held by an open from the printer list to the end, and around the changes of shared values.
-inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
+// Rule. The database mutex, which the product's other programs take too.
+using dblink::kDatabaseMutexName;
 // Rule, the printer's database name appended. The request mutex of a printer: one request at a time.
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
 // Rule. Manual-reset event: the product is initialised.

@@ -252,6 +252,26 @@ DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command) {
     return done ? ERROR_SUCCESS : FileError();
 }
 
+DWORD OpenJobDocument(int64_t printer, DWORD job, Descriptor* document) {
+    const Folder opened = OpenJobsFolder();
+    if (opened == nullptr || job == 0) return ERROR_INVALID_PARAMETER;
+    const int folder = dirfd(opened.get());
+    const Descriptor head = OpenHead(folder, job, O_RDONLY);
+    HeadRead read;
+    if (!head.IsOpen() || !ReadHead(head.Get(), &read) || !read.living || read.head.complete != kSet ||
+        read.head.printer != printer)
+        return ERROR_INVALID_PARAMETER;
+    Descriptor data(openat(folder, DataName(job).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!data.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
+    // Root reads others': what its user put here in place of the document may be a name of a file that is not theirs.
+    struct stat status {};
+    if (fstat(data.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
+        status.st_uid != read.owner)
+        return ERROR_ACCESS_DENIED;
+    *document = std::move(data);
+    return ERROR_SUCCESS;
+}
+
 void RemoveJobsOf(int64_t printer) {
     const Folder folder = OpenJobsFolder();
     if (folder == nullptr) return;

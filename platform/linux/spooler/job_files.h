@@ -18,6 +18,8 @@ DWORD MakeJobsFolder();
 // The complete jobs of a printer and those still spooled, by number; at most 10,000.
 DWORD ListJobFiles(int64_t printer, std::vector<Job>* jobs);
 DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command);
+// The document of a complete job, for reading. ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED.
+DWORD OpenJobDocument(int64_t printer, DWORD job, Descriptor* document);
 // The jobs of a printer that goes; those that this user may not remove stay, and are nobody's.
 void RemoveJobsOf(int64_t printer);
 

@@ -1,8 +1,11 @@
 // The spooler's calls on jobs and on documents that become jobs. State: the document that a handle spools.
+#include "kernel/errors.h"
 #include "registry/guarded.h"
+#include "spooler/job_changes.h"
 #include "spooler/job_record.h"
 #include "spooler/printer_object.h"
 
+#include <cerrno>
 #include <cstring>
 #include <winspool.h>
 
@@ -75,8 +78,10 @@ BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD
         if (level != 0) return ERROR_INVALID_LEVEL;
         if (record != nullptr) return ERROR_INVALID_PARAMETER;
         JobCommand known{};
-        const DWORD error = CommandOf(command, &known);
-        return error == ERROR_SUCCESS ? open->backEnd->changeJob(open->key, job, known) : error;
+        DWORD error = CommandOf(command, &known);
+        if (error == ERROR_SUCCESS) error = open->backEnd->changeJob(open->key, job, known);
+        if (error == ERROR_SUCCESS && open->backEnd == &kEmbeddedSpool) TellOfJobs(open->key.id);
+        return error;
     }));
 }
 
@@ -89,7 +94,9 @@ DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record) {
         if (record == nullptr) return ERROR_INVALID_PARAMETER;
         DOC_INFO_1A copy; // the caller's need not be aligned
         std::memcpy(&copy, record, sizeof copy);
-        return StartDocumentOf(*open.Get(), copy, &job);
+        const DWORD error = StartDocumentOf(*open.Get(), copy, &job);
+        if (error == ERROR_SUCCESS) TellOfJobs(open->key.id);
+        return error;
     }));
     return job;
 }
@@ -111,6 +118,26 @@ BOOL WINAPI EndDocPrinter(HANDLE printer) {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         const std::lock_guard hold(open->documentLock);
-        return open->document.job != 0 ? EndDocument(open->document) : DWORD{ERROR_SPL_NO_STARTDOC};
+        if (open->document.job == 0) return ERROR_SPL_NO_STARTDOC;
+        const DWORD error = EndDocument(open->document);
+        TellOfJobs(open->key.id);
+        return error;
+    }));
+}
+
+BOOL WINAPI ReadPrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD readBytes) {
+    return Succeeds(Guarded([&]() -> DWORD {
+        const HandleUse<PrinterObject> open(printer, kPrinterType, JOB_ACCESS_READ);
+        if (!open) return GetLastError();
+        if (readBytes == nullptr || (buffer == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;
+        *readBytes = 0;
+        const std::lock_guard hold(open->documentLock);
+        ssize_t count = 0;
+        do {
+            count = read(open->jobDocument.Get(), buffer, size);
+        } while (count < 0 && errno == EINTR);
+        if (count < 0) return errno == EFAULT ? DWORD{ERROR_NOACCESS} : SystemError(errno);
+        *readBytes = static_cast<DWORD>(count);
+        return ERROR_SUCCESS;
     }));
 }

@@ -17,6 +17,7 @@ struct PrinterObject : Object {
     // Held for as long as a file of the spool takes its bytes.
     std::mutex documentLock;
     SpooledDocument document; // begun with StartDocPrinterA
+    Descriptor jobDocument;   // of a job that was opened instead of its printer
 };
 
 extern const ObjectType kPrinterType;

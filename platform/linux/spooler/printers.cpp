@@ -3,12 +3,14 @@
 #include "registry/guarded.h"
 #include "registry/names.h"
 #include "registry/rights.h"
+#include "spooler/job_changes.h"
 #include "spooler/print_server.h"
 #include "spooler/printer_object.h"
 #include "spooler/printer_record.h"
 #include "spooler/store.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <handleapi.h>
 #include <rpcnterr.h>
@@ -67,11 +69,39 @@ DWORD ListAllPrinters(std::vector<Printer>* printers) {
     return ERROR_SUCCESS;
 }
 
+// "<printer>, Job <number>": the number, and the name without it; 0 for any other name. Printers have no commas.
+DWORD JobInName(std::string& name) {
+    constexpr std::string_view kJob = ", Job ";
+    const size_t at = name.rfind(kJob);
+    if (at == std::string::npos) return 0;
+    DWORD number = 0;
+    const char* end = name.data() + name.size();
+    const auto [last, error] = std::from_chars(name.data() + at + kJob.size(), end, number);
+    if (error != std::errc() || last != end) return 0;
+    name.resize(at);
+    return number;
+}
+
+DWORD OpenJob(const std::string& name, DWORD job, LPHANDLE handle, const PRINTER_DEFAULTSA* defaults) {
+    if (defaults != nullptr && (defaults->DesiredAccess & ~JOB_ACCESS_READ) != 0) return ERROR_ACCESS_DENIED;
+    PrinterKey key;
+    DWORD error = kEmbeddedSpool.findPrinter(name, &key);
+    Descriptor document;
+    if (error == ERROR_SUCCESS) error = OpenJobDocument(key.id, job, &document);
+    if (error != ERROR_SUCCESS) return error;
+    auto* object = new PrinterObject(&kEmbeddedSpool, std::move(key));
+    object->jobDocument = std::move(document);
+    *handle = NewHandle(object, JOB_ACCESS_READ);
+    return *handle != nullptr ? ERROR_SUCCESS : GetLastError();
+}
+
 DWORD OpenNamedPrinter(LPCSTR name, LPHANDLE printer, const PRINTER_DEFAULTSA* defaults) {
     if (printer == nullptr) return ERROR_INVALID_PARAMETER;
     if (defaults != nullptr && (defaults->pDatatype != nullptr || defaults->pDevMode != nullptr))
         return ERROR_INVALID_PARAMETER;
     if (name == nullptr || *name == '\0') return ERROR_INVALID_PRINTER_NAME;
+    std::string printerOfJob = name;
+    if (const DWORD job = JobInName(printerOfJob); job != 0) return OpenJob(printerOfJob, job, printer, defaults);
     const SpoolerBackEnd* backEnd = nullptr;
     PrinterKey key;
     const DWORD error = FindNamedPrinter(name, &backEnd, &key);
@@ -137,6 +167,7 @@ DWORD DeleteOpenPrinter(const PrinterObject& open) {
     if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(DeletePrinterKey(printer));
     if (error == ERROR_SUCCESS) error = hold.Commit();
     if (error == ERROR_SUCCESS) RemoveJobsOf(open.key.id);
+    if (error == ERROR_SUCCESS) TellOfJobs(open.key.id);
     return error;
 }
 

@@ -1,0 +1,365 @@
+// The thread that prints the spooler's jobs. It reports through a manager of the library, which keeps "PrinterQueue" as
+// it keeps it for everybody, and has one only while there are jobs. State: the records of thread and jobs.
+#include "jobs.h"
+
+#include "device.h"
+#include "spool.h"
+
+#include <tvsqdz.h>
+
+#include <algorithm>
+#include <deque>
+#include <set>
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+constexpr SIZE_T kStackSize = 256 * 1024;
+constexpr DWORD kEndMs = 3000;
+// Jobs can go without a word, with the process that spooled them; and a service that is gone comes back.
+constexpr DWORD kLookMs = 2000;
+// Needs nothing but a product that is up: neither owner nor agent, and the default printer is left alone.
+constexpr DWORD kClientKind = 9;
+constexpr SIZE_T kInPrinterMax = 4;      // jobs that were sent and are not printed yet
+constexpr SIZE_T kSpoolerQueueMax = 500; // entries
+
+// "JobStatus" of the job that is being printed: the numbers of RFC 8011 for the states of a job; 0: there is none.
+constexpr DWORD kNoJob = 0;
+constexpr DWORD kJobProcessing = 5;
+constexpr DWORD kJobStopped = 6;
+
+// A job on its way.
+struct Sent {
+    DWORD id = 0;
+    DWORD pages = 0;
+    DWORD out = 0; // of them
+    std::string name;
+    std::string owner;
+    bool begun = false;     // its first report was made
+    bool cancelled = false; // it is not in the spool any more
+    bool paused = false;
+};
+
+struct Taker {
+    JobTaker& jobs;
+    HANDLE printer = nullptr;
+    HANDLE changes = INVALID_HANDLE_VALUE; // of its jobs
+    TvsManager manager = 0;
+    bool tidied = false; // what a predecessor that died left behind is gone
+    bool failed = false; // a report was not taken: the service is another one, or none
+    std::vector<SpooledJob> spooled{};
+    std::optional<Sent> sending{};
+    std::deque<Sent> inPrinter{}; // the first of them is being printed
+    DWORD sendDue = 0;            // tick counts
+    DWORD pageDue = 0;
+    std::set<DWORD> printed{};           // and could not be removed from the spool
+    std::set<DWORD> refused{};           // this user may not read them
+    std::vector<BYTE> spoolerQueue{};    // as it was reported last; empty: not yet
+    std::optional<DWORD> jobStatus = {}; // the same
+};
+
+bool HasPassed(DWORD due) {
+    return static_cast<LONG>(GetTickCount() - due) >= 0;
+}
+
+// ---- reports
+
+void Report(Taker& taker, const char* variable, const void* value, SIZE_T size) {
+    if (taker.failed) return;
+    taker.failed = UpdatePrinterStatusA(taker.manager, variable, value, static_cast<uint32_t>(size)) != TVS_OK;
+}
+
+// Cut at a whole character.
+template <SIZE_T size>
+void SetText(char (&field)[size], const std::string& text) {
+    SIZE_T length = 0;
+    while (length < text.size()) {
+        const SIZE_T character = IsDBCSLeadByte(static_cast<BYTE>(text[length])) ? 2 : 1;
+        if (length + character >= size || length + character > text.size()) break;
+        length += character;
+    }
+    memcpy(field, text.data(), length);
+}
+
+TvsJobRecord RecordOf(const std::string& name, const std::string& owner, DWORD id) {
+    TvsJobRecord record{};
+    SetText(record.jobName, name);
+    SetText(record.ownerName, owner);
+    record.jobId = id;
+    return record;
+}
+
+// A job begins to be sent, which also puts it into "PrinterQueue"; null: it has been sent.
+void ReportSending(Taker& taker, const Sent* job) {
+    const TvsJobRecord record = job ? RecordOf(job->name, job->owner, job->id) : TvsJobRecord{};
+    Report(taker, "SendingJobInfo", &record, sizeof record);
+}
+
+// So many pages are out; null: printing has ended.
+void ReportPrinting(Taker& taker, const Sent* job) {
+    TvsPrintingJobRecord2 record{};
+    if (job) {
+        SetText(record.job.jobName, job->name);
+        SetText(record.job.ownerName, job->owner);
+        record.job.jobId = job->id;
+        record.job.progress = job->out;
+    }
+    Report(taker, "PrintingJobInfo2", &record, sizeof record);
+}
+
+void ReportJobStatus(Taker& taker, DWORD status) {
+    if (taker.jobStatus == status) return;
+    taker.jobStatus = status;
+    Report(taker, "JobStatus", &status, sizeof status);
+}
+
+bool IsOnItsWay(const Taker& taker, DWORD id) {
+    const auto isJob = [id](const Sent& job) { return job.id == id; };
+    return (taker.sending && taker.sending->id == id) || taker.printed.count(id) != 0 ||
+           std::any_of(taker.inPrinter.begin(), taker.inPrinter.end(), isJob);
+}
+
+// The jobs that were not sent yet.
+void ReportSpoolerQueue(Taker& taker) {
+    std::vector<TvsJobRecord> entries;
+    for (const SpooledJob& job : taker.spooled)
+        if (!IsOnItsWay(taker, job.id) && entries.size() < kSpoolerQueueMax)
+            entries.push_back(RecordOf(job.name, job.owner, job.id));
+    const auto count = static_cast<DWORD>(entries.size());
+    std::vector<BYTE> queue(TVS_JOB_QUEUE_SIZE(entries.size()));
+    memcpy(queue.data(), &count, sizeof count);
+    if (count != 0) memcpy(&queue[sizeof count], entries.data(), queue.size() - sizeof count);
+    if (queue == taker.spoolerQueue) return;
+    Report(taker, "SpoolerQueue", queue.data(), queue.size());
+    taker.spoolerQueue = std::move(queue);
+}
+
+// Nothing is sent or printed. What is in the printer's queue then is of jobs that are still in the spool.
+void ReportNothing(Taker& taker) {
+    constexpr DWORD kEmptyQueue = 0;
+    ReportSending(taker, nullptr);
+    ReportPrinting(taker, nullptr);
+    Report(taker, "PrinterQueue", &kEmptyQueue, sizeof kEmptyQueue);
+    ReportJobStatus(taker, kNoJob);
+}
+
+template <typename Record>
+DWORD JobIn(const Taker& taker, const char* variable, Record record, DWORD Record::*id) {
+    uint32_t size = 0;
+    if (GetPrinterStatusA(taker.manager, variable, &record, sizeof record, &size) != TVS_OK) return 0;
+    return record.*id;
+}
+
+// True when there is a manager.
+bool OpenManager(Taker& taker) {
+    if (taker.manager) return true;
+    if (OpenManagerExA(taker.jobs.printer.c_str(), nullptr, kClientKind, &taker.manager) != TVS_OK) {
+        taker.manager = 0;
+        return false;
+    }
+    taker.spoolerQueue.clear();
+    taker.jobStatus.reset();
+    if (taker.tidied) return true;
+    taker.tidied = true;
+    if (JobIn(taker, "SendingJobInfo", TvsJobRecord{}, &TvsJobRecord::jobId) != 0 ||
+        JobIn(taker, "PrintingJobInfo", TvsPrintingJobRecord{}, &TvsPrintingJobRecord::jobId) != 0)
+        ReportNothing(taker);
+    return true;
+}
+
+void CloseOwnManager(Taker& taker) {
+    if (taker.manager) CloseManager(taker.manager);
+    taker.manager = 0;
+}
+
+// ---- jobs
+
+// False when the printer has gone.
+bool LookIntoSpool(Taker& taker) {
+    if (taker.changes != INVALID_HANDLE_VALUE)
+        FindNextPrinterChangeNotification(taker.changes, nullptr, nullptr, nullptr);
+    std::optional<std::vector<SpooledJob>> spooled = ListSpooledJobs(taker.printer);
+    if (!spooled) return GetLastError() != ERROR_PRINTER_DELETED;
+    taker.spooled = std::move(*spooled);
+    const auto find = [&](DWORD id) {
+        return std::find_if(taker.spooled.begin(), taker.spooled.end(),
+                            [id](const SpooledJob& job) { return job.id == id; });
+    };
+    const auto note = [&](Sent& job) {
+        const auto found = find(job.id);
+        job.cancelled = job.cancelled || found == taker.spooled.end() || (found->status & JOB_STATUS_DELETING) != 0;
+        job.paused = !job.cancelled && (found->status & JOB_STATUS_PAUSED) != 0;
+    };
+    if (taker.sending) note(*taker.sending);
+    std::for_each(taker.inPrinter.begin(), taker.inPrinter.end(), note);
+    for (std::set<DWORD>* known : {&taker.printed, &taker.refused})
+        std::erase_if(*known, [&](DWORD id) { return find(id) == taker.spooled.end(); });
+    return true;
+}
+
+void SendNext(Taker& taker, DWORD pageMs) {
+    constexpr DWORD kNotReady = JOB_STATUS_PAUSED | JOB_STATUS_DELETING | JOB_STATUS_SPOOLING;
+    for (const SpooledJob& job : taker.spooled) {
+        if ((job.status & kNotReady) != 0 || IsOnItsWay(taker, job.id) || taker.refused.count(job.id) != 0) continue;
+        const std::optional<DWORD> pages = PagesOfJob(taker.jobs.printer, job.id);
+        if (!pages) {
+            taker.refused.insert(job.id);
+            fprintf(stderr, "TVSPSD: %s: job %u is another user's, and stays in the spool: only root prints it\n",
+                    taker.jobs.printer.c_str(), static_cast<unsigned>(job.id));
+            continue;
+        }
+        taker.sending = Sent{.id = job.id, .pages = *pages, .name = job.name, .owner = job.owner};
+        taker.sendDue = GetTickCount() + pageMs;
+        ReportSending(taker, &*taker.sending);
+        return;
+    }
+}
+
+void Send(Taker& taker, DWORD pageMs) {
+    if (taker.sending) {
+        const bool held = pageMs == kHoldJobs || taker.sending->paused;
+        if (!taker.sending->cancelled && (held || !HasPassed(taker.sendDue))) return;
+        ReportSending(taker, nullptr);
+        // A cancelled one too: it leaves "PrinterQueue" only when its turn to be printed comes.
+        taker.inPrinter.push_back(std::move(*taker.sending));
+        taker.sending.reset();
+    }
+    if (taker.inPrinter.size() < kInPrinterMax && pageMs != kHoldJobs) SendNext(taker, pageMs);
+}
+
+void EndPrinting(Taker& taker) {
+    const Sent job = std::move(taker.inPrinter.front());
+    taker.inPrinter.pop_front();
+    ReportPrinting(taker, nullptr);
+    ReportJobStatus(taker, kNoJob);
+    if (!job.cancelled && !SetJobA(taker.printer, job.id, 0, nullptr, JOB_CONTROL_DELETE)) taker.printed.insert(job.id);
+}
+
+void Print(Taker& taker, DWORD pageMs) {
+    while (!taker.inPrinter.empty() && !taker.failed) {
+        Sent& job = taker.inPrinter.front();
+        const bool held = pageMs == kHoldJobs || job.paused;
+        if (!job.begun) {
+            job.begun = true;
+            ReportPrinting(taker, &job);
+            taker.pageDue = GetTickCount() + (held ? 0 : pageMs);
+        }
+        if (!job.cancelled) {
+            ReportJobStatus(taker, held ? kJobStopped : kJobProcessing);
+            if (held || !HasPassed(taker.pageDue)) return;
+            taker.pageDue = GetTickCount() + pageMs;
+            ++job.out;
+            ReportPrinting(taker, &job);
+            ++taker.jobs.pages;
+            SetEvent(taker.jobs.pagesOut);
+            if (job.out < job.pages) return;
+        }
+        EndPrinting(taker);
+    }
+}
+
+// ---- the thread
+
+bool HasWork(const Taker& taker) {
+    return taker.sending || !taker.inPrinter.empty() ||
+           std::any_of(taker.spooled.begin(), taker.spooled.end(), [&](const SpooledJob& job) {
+               return taker.printed.count(job.id) == 0 && taker.refused.count(job.id) == 0;
+           });
+}
+
+DWORD Until(DWORD due) {
+    return HasPassed(due) ? 0 : due - GetTickCount();
+}
+
+// How long to wait unless something happens.
+DWORD Pause(const Taker& taker, DWORD pageMs) {
+    if (!taker.manager) return taker.tidied && taker.spooled.empty() ? INFINITE : kLookMs;
+    DWORD pause = kLookMs;
+    if (pageMs == kHoldJobs) return pause;
+    if (taker.sending && !taker.sending->paused) pause = std::min(pause, Until(taker.sendDue));
+    if (!taker.inPrinter.empty() && !taker.inPrinter.front().paused) pause = std::min(pause, Until(taker.pageDue));
+    return pause;
+}
+
+// What was on its way is in the spool all the same, and is printed anew.
+void StartOver(Taker& taker) {
+    CloseOwnManager(taker);
+    taker.sending.reset();
+    taker.inPrinter.clear();
+    taker.failed = false;
+}
+
+void TakeUntilStopped(Taker& taker) {
+    const HANDLE handles[] = {taker.jobs.stop, taker.jobs.paceChanged, taker.changes};
+    const DWORD count = taker.changes != INVALID_HANDLE_VALUE ? 3 : 2;
+    for (;;) {
+        if (!LookIntoSpool(taker)) return;
+        const DWORD pageMs = taker.jobs.pageMs;
+        const bool work = HasWork(taker);
+        if ((work || !taker.tidied) && OpenManager(taker)) {
+            Send(taker, pageMs);
+            Print(taker, pageMs);
+        }
+        if (taker.manager) ReportSpoolerQueue(taker);
+        const bool failed = taker.failed;
+        if (failed) StartOver(taker);
+        if (!HasWork(taker)) CloseOwnManager(taker);
+        DWORD pause = failed ? kLookMs : Pause(taker, pageMs);
+        if (count == 2) pause = std::min(pause, kLookMs);
+        const DWORD wait = WaitForMultipleObjects(failed ? 1 : count, handles, FALSE, pause);
+        if (wait == WAIT_OBJECT_0 || wait == WAIT_FAILED) return;
+    }
+}
+
+// None where the spooler has no such printer, or its jobs are not ours.
+HANDLE OpenSpoolerPrinter(const JobTaker& jobs) {
+    std::string name = jobs.printer; // the call's text is not const
+    HANDLE printer = nullptr;
+    while (!OpenPrinterA(name.data(), &printer, nullptr)) {
+        if (GetLastError() == ERROR_INVALID_PRINTER_NAME) return nullptr;
+        if (WaitForSingleObject(jobs.stop, kLookMs) != WAIT_TIMEOUT) return nullptr;
+    }
+    return printer;
+}
+
+DWORD WINAPI TakeJobs(LPVOID parameter) {
+    Taker taker{.jobs = *static_cast<JobTaker*>(parameter)};
+    taker.printer = SpoolIsOurs() ? OpenSpoolerPrinter(taker.jobs) : nullptr;
+    if (!taker.printer) return 0;
+    taker.changes = FindFirstPrinterChangeNotification(taker.printer, PRINTER_CHANGE_JOB, 0, nullptr);
+    if (taker.changes != INVALID_HANDLE_VALUE || GetLastError() != ERROR_NOT_SUPPORTED) TakeUntilStopped(taker);
+    if (taker.manager && (taker.sending || !taker.inPrinter.empty())) ReportNothing(taker);
+    CloseOwnManager(taker);
+    if (taker.changes != INVALID_HANDLE_VALUE) FindClosePrinterChangeNotification(taker.changes);
+    ClosePrinter(taker.printer);
+    return 0;
+}
+
+} // namespace
+
+JobTaker* StartJobs(const std::string& printer, HANDLE stop) {
+    auto* jobs = new JobTaker;
+    jobs->printer = printer;
+    jobs->stop = stop;
+    jobs->paceChanged = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    jobs->pagesOut = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    if (jobs->paceChanged && jobs->pagesOut)
+        jobs->thread = CreateThread(nullptr, kStackSize, TakeJobs, jobs, 0, nullptr);
+    return jobs->thread ? jobs : nullptr; // without one the process ends
+}
+
+void SetPace(JobTaker& jobs, DWORD pageMs) {
+    if (jobs.pageMs.exchange(pageMs) != pageMs) SetEvent(jobs.paceChanged);
+}
+
+DWORD TakePagesOut(JobTaker& jobs) {
+    return jobs.pages.exchange(0);
+}
+
+void EndJobs(JobTaker* jobs) {
+    if (WaitForSingleObject(jobs->thread, kEndMs) != WAIT_OBJECT_0) return;
+    for (const HANDLE handle : {jobs->thread, jobs->paceChanged, jobs->pagesOut})
+        CloseHandle(handle);
+    delete jobs;
+}
