@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
 constexpr DWORD kSettingsMs = 2000; // between looks at which printers have a script
-constexpr DWORD kStopMs = 5000;     // for all of them to end
+constexpr DWORD kStopMs = 5000;     // for those that were told to end
 constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to make its database
 
 // A word of a command line as the C run-time divides it.
@@ -46,17 +46,35 @@ bool HasPassed(DWORD due) {
     return static_cast<LONG>(GetTickCount() - due) >= 0;
 }
 
+// An event for this user alone that no other process has. Who knows its name can wait for it.
+KernelHandle NewStopEvent(std::string& name) {
+    constexpr int kAttempts = 64; // names that others took before us
+    static DWORD number = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        name = SharedName(
+            ("TVORSQD:StopPrinterSide:" + std::to_string(GetCurrentProcessId()) + ":" + std::to_string(++number))
+                .c_str());
+        KernelHandle event(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
+        if (event && GetLastError() != ERROR_ALREADY_EXISTS) return event;
+    }
+    return {};
+}
+
+// Whether all managers of the machine are being asked to shut down: a side that began now would end at once.
+bool TerminationIsAsked() {
+    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(dblink::kTerminationName).c_str()));
+    return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+}
+
 } // namespace
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
-    const std::string name = SharedName(("TVORSQD:StopPrinterSides:" + std::to_string(GetCurrentProcessId())).c_str());
-    m_stop = KernelHandle(dblink::CreateEventForEveryone(name.c_str()));
-    if (!m_stop) throw SystemFailure(GetLastError(), "cannot create the event that ends the printer sides");
-    ResetEvent(m_stop.Get()); // of another process that had this number
+    ForgetAllSideStates(); // of a process that was killed
 }
 
 PrinterSides::~PrinterSides() {
-    SetEvent(m_stop.Get());
+    for (Side& side : m_sides)
+        AskToEnd(side);
     const DWORD start = GetTickCount();
     for (Side& side : m_sides) {
         if (!side.process) continue;
@@ -64,6 +82,22 @@ PrinterSides::~PrinterSides() {
         if (WaitForSingleObject(side.process.Get(), kStopMs - waited) == WAIT_OBJECT_0) continue;
         TerminateProcess(side.process.Get(), 1);
     }
+    ForgetAllSideStates();
+}
+
+void PrinterSides::Publish(const Side& side, const PrinterSideState& state) {
+    PrinterSideState full = state;
+    full.printer = side.printer;
+    GetSystemTime(&full.since);
+    PublishSideState(full);
+}
+
+// It answers who waits for it, and says that it takes no more requests. One that does not end in time is ended.
+void PrinterSides::AskToEnd(Side& side) {
+    if (side.leaving || !side.process) return;
+    side.leaving = true;
+    side.dueAt = GetTickCount() + kStopMs;
+    SetEvent(side.stop.Get());
 }
 
 // New printers get a side, those that are gone or have another script lose theirs.
@@ -71,18 +105,22 @@ void PrinterSides::ReadSettings() {
     if (m_settingsRead && GetTickCount() - m_settingsReadAt < kSettingsMs) return;
     m_settingsRead = true;
     m_settingsReadAt = GetTickCount();
-    const std::vector<Printer> printers = ListPrinters();
+    const std::vector<Printer> printers = ScriptedPrinters();
     const auto isConfigured = [&](const Side& side) {
         return std::any_of(printers.begin(), printers.end(), [&](const Printer& printer) {
             return printer.name == side.printer && printer.script == side.script && printer.port == side.port;
         });
     };
     for (Side& side : m_sides)
-        if (!isConfigured(side) && side.process) TerminateProcess(side.process.Get(), 0);
-    std::erase_if(m_sides, [&](const Side& side) { return !isConfigured(side); });
+        if (!isConfigured(side)) AskToEnd(side);
+    std::erase_if(m_sides, [&](const Side& side) {
+        const bool gone = !side.process && !isConfigured(side);
+        if (gone) ForgetSideState(side.printer);
+        return gone;
+    });
     for (const Printer& printer : printers) {
         const auto isOfPrinter = [&](const Side& side) { return side.printer == printer.name; };
-        if (printer.script.empty() || std::any_of(m_sides.begin(), m_sides.end(), isOfPrinter)) continue;
+        if (std::any_of(m_sides.begin(), m_sides.end(), isOfPrinter)) continue;
         m_sides.push_back(
             {.printer = printer.name, .port = printer.port, .script = printer.script, .dueAt = GetTickCount()});
     }
@@ -107,34 +145,69 @@ void PrinterSides::OpenOnce(const Side& side) {
 void PrinterSides::StartSide(Side& side) {
     const std::optional<std::string> directory = InstalledDirectory();
     const std::string program = directory.value_or("") + kPrinterSideProgram;
+    std::string stop;
+    side.stop = NewStopEvent(stop);
     std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --script " +
-                              Quoted(side.script) + " --owner " + std::to_string(GetCurrentProcessId());
+                              Quoted(side.script) + " --owner " + std::to_string(GetCurrentProcessId()) +
+                              " --stop-event " + Quoted(stop);
     if (!side.port.empty()) commandLine += " --port " + Quoted(side.port);
     side.restart.Began();
-    side.process = StartProgram(program, commandLine);
+    side.resting = false;
+    if (side.stop) side.process = StartProgram(program, commandLine);
     if (!side.process) {
-        PrintError(SystemFailure(GetLastError(), "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
-        side.dueAt = GetTickCount() + side.restart.AfterEnd();
+        const DWORD error = GetLastError();
+        const DWORD pause = side.restart.AfterEnd();
+        side.dueAt = GetTickCount() + pause;
+        Publish(side, {.state = SideState::Restarting, .startFailed = true, .code = error, .pauseMs = pause});
+        PrintError(SystemFailure(error, "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
         return;
     }
+    Publish(side, {.state = SideState::Running});
     m_tell({.printer = side.printer, .started = true});
 }
 
+// One that ended without a fault was asked to, as all managers of the machine can be. It comes back when somebody opens
+// its printer, of which the opening manager tells by an event; where that cannot be had, once the termination is over.
 void PrinterSides::NoteEnd(Side& side) {
     DWORD code = 0;
     GetExitCodeProcess(side.process.Get(), &code);
     side.process.Reset();
-    side.stopped = code == 0;
-    const DWORD pause = side.stopped ? 0 : side.restart.AfterEnd();
+    side.stop.Reset();
+    if (side.leaving) {
+        m_tell({.printer = side.printer, .code = code});
+        return;
+    }
+    side.resting = code == 0;
+    const DWORD pause = side.resting ? 0 : side.restart.AfterEnd();
     side.dueAt = GetTickCount() + pause;
+    if (side.resting) {
+        const std::string name = dblink::OpenedEventName(dblink::MachineIsTerminalServer(), side.printer).text;
+        side.opened = KernelHandle(dblink::CreateEventForEveryone(name.c_str()));
+        if (side.opened) ResetEvent(side.opened.Get());
+    }
+    Publish(side, {.state = side.resting ? SideState::Resting : SideState::Restarting, .code = code, .pauseMs = pause});
     m_tell({.printer = side.printer, .code = code, .pauseMs = pause});
 }
 
 void PrinterSides::Tend() {
+    for (Side& side : m_sides) {
+        if (!side.process) continue;
+        if (WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) {
+            NoteEnd(side);
+            if (side.leaving) m_settingsRead = false; // its printer may have another one
+        } else if (side.leaving && HasPassed(side.dueAt)) {
+            TerminateProcess(side.process.Get(), 1);
+        }
+    }
     ReadSettings();
     for (Side& side : m_sides) {
-        OpenOnce(side);
-        if (side.process && WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) NoteEnd(side);
-        if (!side.process && !side.stopped && HasPassed(side.dueAt)) StartSide(side);
+        if (!side.leaving) OpenOnce(side);
+        if (side.process || !HasPassed(side.dueAt)) continue;
+        if (side.resting) {
+            const bool asked = !side.opened || WaitForSingleObject(side.opened.Get(), 0) == WAIT_OBJECT_0;
+            if (!asked || TerminationIsAsked()) continue;
+            side.opened.Reset();
+        }
+        StartSide(side);
     }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "handles.h"
+#include "printer_side_states.h"
 #include "restart_pause.h"
 
 #include <functional>
@@ -19,7 +20,6 @@ using TellPrinterSideNews = std::function<void(const PrinterSideNews& news)>;
 
 class PrinterSides {
 public:
-    // Throws Failure.
     explicit PrinterSides(TellPrinterSideNews tell);
     // Ends those that still run.
     ~PrinterSides();
@@ -37,18 +37,22 @@ private:
         std::string port;
         std::string script;
         KernelHandle process{};
-        DWORD dueAt = 0;      // tick count
-        bool stopped = false; // by who asked it to
+        KernelHandle stop{};   // event: the process shall end
+        bool leaving = false;  // it was told so, since its printer has no such side any more
+        DWORD dueAt = 0;       // tick count: of the next start, or of the end by force of one that leaves
+        bool resting = false;  // until its printer is opened
+        KernelHandle opened{}; // event: it was, since then. None: it could not be had
         RestartPause restart{};
     };
 
     void ReadSettings();
     void StartSide(Side& side);
+    void AskToEnd(Side& side);
     void NoteEnd(Side& side);
     void OpenOnce(const Side& side);
+    void Publish(const Side& side, const PrinterSideState& state);
 
     TellPrinterSideNews m_tell;
-    KernelHandle m_stop; // all of them end when it is set
     std::vector<Side> m_sides;
     std::vector<std::string> m_opened; // printers whose database is there
     DWORD m_settingsReadAt = 0;

@@ -15,6 +15,7 @@ namespace {
 constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
 constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
+constexpr char kNameValue[] = "Name";           // the spooler's, of printers of its own
 constexpr char kScriptValue[] = "Oriel Script"; // of the product's, where everything of the printer goes with it
 
 // None when the spooler cannot be asked.
@@ -73,6 +74,27 @@ std::vector<Printer> ListPrinters() {
     }
     for (Printer& printer : printers)
         printer.registeredModel = IsRegisteredModel(printer.driver);
+    return printers;
+}
+
+std::vector<Printer> ScriptedPrinters() {
+    std::vector<Printer> printers;
+    bool others = false;
+    if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) {
+        for (const std::string& keyName : ListSubkeys(root.Get())) {
+            const RegistryKey key = OpenKey(root.Get(), keyName, KEY_QUERY_VALUE);
+            Printer printer{.inRegistry = true};
+            if (key) printer.script = TextOf(key.Get(), kScriptValue);
+            if (printer.script.empty()) continue;
+            printer.name = TextOf(key.Get(), kNameValue);
+            printer.port = TextOf(key.Get(), kPortValue);
+            others = others || printer.name.empty();
+            printers.push_back(printer);
+        }
+    }
+    if (!others) return printers;
+    printers = ListPrinters();
+    std::erase_if(printers, [](const Printer& printer) { return printer.script.empty(); });
     return printers;
 }
 
@@ -189,7 +211,7 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
     PrinterHandle printer;
     if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
         // Of its own printers the spooler keeps the name there too; others it could not remove afterwards.
-        if (!ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), "Name")) {
+        if (!ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kNameValue)) {
             Failure failure = SystemFailure(ERROR_NOT_SUPPORTED, what);
             failure.why = "the printer is a print server's";
             failure.next = "tell the product by 'oriel set PRINTER PrinterName NEW', then rename it there";

@@ -1,6 +1,7 @@
 // TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a script.
 //
 //     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N] [--owner PROCESS]
+//                [--stop-event NAME]
 //     TVSPSD.EXE --script FILE --check
 //
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
@@ -29,7 +30,7 @@ constexpr DWORD kSpeedMax = 10000;
 constexpr DWORD kStopMs = 10000; // longer than the end of the service takes
 
 HANDLE g_stop = nullptr;
-HANDLE g_endings[2] = {}; // with an owner, its process and its event
+HANDLE g_endings[2] = {}; // an owner's process; a stop event of its own
 DWORD g_endingCount = 0;
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
@@ -45,15 +46,10 @@ DWORD WINAPI WaitForEnding(LPVOID) {
     return 0;
 }
 
-// False when the owner, if there shall be one, lives no more or has no event.
-bool FollowEndings(DWORD owner) {
-    using namespace dblink;
-    if (owner != 0) {
-        const bool terminalServer = MachineIsTerminalServer();
-        const std::string event = "TVORSQD:StopPrinterSides:" + std::to_string(owner);
-        g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);
-        g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, ObjectName(terminalServer, event).text);
-    }
+// False when the owner, if there shall be one, lives no more, or there is no such event.
+bool FollowEndings(DWORD owner, const std::string& stopEvent) {
+    if (owner != 0) g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);
+    if (!stopEvent.empty()) g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, stopEvent.c_str());
     if (g_endingCount == 0) return true;
     if (std::count(g_endings, g_endings + g_endingCount, HANDLE{}) != 0) return false;
     const HANDLE thread = CreateThread(nullptr, 0, WaitForEnding, nullptr, 0, nullptr);
@@ -71,6 +67,7 @@ struct CommandLine {
     std::string script;
     DWORD speed = 1;
     DWORD owner = 0;
+    std::string stopEvent;
     bool check = false;
 };
 
@@ -110,6 +107,8 @@ std::string ReadCommandLine(int count, char** words, CommandLine* line) {
             line->side.port = ToAnsi(value);
         } else if (option == "--script") {
             line->script = value;
+        } else if (option == "--stop-event") {
+            line->stopEvent = value;
         } else if (option == "--speed") {
             if (!ReadNumber(value, &line->speed) || line->speed == 0 || line->speed > kSpeedMax)
                 return "--speed takes a number from 1 to " + std::to_string(kSpeedMax);
@@ -145,7 +144,7 @@ int Run(const CommandLine& line) {
         return result;
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase() ||
-        !FollowEndings(line.owner)) {
+        !FollowEndings(line.owner, line.stopEvent)) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }

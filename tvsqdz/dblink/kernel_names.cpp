@@ -1,6 +1,7 @@
 #include "dblink/kernel_names.h"
 
 #include <initializer_list>
+#include <stdint.h>
 #include <string.h>
 
 namespace dblink {
@@ -62,6 +63,18 @@ KernelName ObjectName(bool terminalServer, std::string_view baseName) {
 
 KernelName InitializedEventName(std::string_view database) {
     return Joined({database, ":Initialized"});
+}
+
+KernelName OpenedEventName(bool terminalServer, std::string_view printer) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    constexpr size_t kLength = 16;
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : printer)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    char digits[kLength];
+    for (size_t i = 0; i < kLength; ++i)
+        digits[i] = kDigits[hash >> (60 - 4 * i) & 15];
+    return Joined({Prefix(terminalServer), "TVORSQD:Opened:", {digits, kLength}});
 }
 
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,

@@ -4,6 +4,8 @@
 //   "<database>:Initialized"              set when the database is ready, or given up
 //   "TVOR:<database>:<variable>:Updated"  pulsed at every write
 //   "TVOR:<database>:<variable>:Changed"  pulsed when the value changed
+//   "TVORSQD:Opened:<printer's hash>"     set by each open of a manager for the printer; exists while the start-up
+//                                         process waits for that
 //   "TVORSQD:TerminateManager"            set when all managers of the machine are asked to shut down; it stays so for
 //                                         as long as somebody has it open
 //
@@ -30,6 +32,10 @@ inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager"; // the ba
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.
 inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
+
+// A printer's name may be longer than an object's, and have backslashes: 16 digits of its 64-bit FNV-1a hash stand for
+// it. Two that collide are told of each other's opens, which is no more than an open in vain.
+KernelName OpenedEventName(bool terminalServer, std::string_view printer);
 
 enum class VariableSignal { Updated, Changed };
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,

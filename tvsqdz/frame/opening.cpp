@@ -135,6 +135,15 @@ void ReadLmFunction(ManagerRecord* manager) {
     ReadVariable(manager->printerDatabase, kLmFunction, &manager->lmFunction, sizeof manager->lmFunction, &valueSize);
 }
 
+// Its printer side may have ended when all managers were asked to shut down: whoever starts it again waits for this.
+void TellOfOpen(const ManagerRecord* manager) {
+    const DWORD lastError = GetLastError();
+    const KernelHandle opened(
+        OpenEventA(EVENT_MODIFY_STATE, FALSE, dblink::OpenedEventName(g_terminalServer, manager->printerName).text));
+    if (opened) SetEvent(opened.handle);
+    SetLastError(lastError);
+}
+
 // From the database mutex to the manager in the list.
 Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     ManagerRecord* manager = opening.Manager();
@@ -158,6 +167,7 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     opening.Keep();
     AskForPolling(manager);
     ++g_openManagerCount;
+    TellOfOpen(manager);
     return TVS_OK;
 }
 
