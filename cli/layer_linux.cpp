@@ -1,11 +1,38 @@
 // The one file of the command that uses headers of the platform layer which Windows does not have.
 #include "layer.h"
 
+#include "failure.h"
+
 #include <oriel_directories.h>
 #include <oriel_supervisor.h>
 #include <winreg_text.h>
 
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+
 namespace {
+
+// The value of --scope; null without one.
+const char* WantedScope(int argc, char** argv) {
+    constexpr char kOption[] = "--scope";
+    constexpr size_t kLength = sizeof kOption - 1;
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strncmp(argv[i], kOption, kLength) != 0) continue;
+        if (argv[i][kLength] == '=') return argv[i] + kLength + 1;
+        if (argv[i][kLength] == '\0') return argv[i + 1];
+    }
+    return nullptr;
+}
+
+// The library asks for the directories as it is loaded, before main(). The functions of .preinit_array run before that.
+// A value that is no scope is refused by the parse in main().
+void BeforeLibraries(int argc, char** argv, char**) {
+    OrielOnlyLook();
+    if (const char* scope = WantedScope(argc, argv)) OrielChooseScope(scope);
+}
+using BeforeLibrariesFunction = void (*)(int argc, char** argv, char** environment);
+[[gnu::section(".preinit_array"), gnu::used]] const BeforeLibrariesFunction g_beforeLibraries = BeforeLibraries;
 
 // A key that grows between the question for its size and its export is asked again; more often is not believable.
 constexpr int kAttempts = 8;
@@ -18,6 +45,31 @@ std::string StateDirectoryName() {
 
 std::string RunDirectoryName() {
     return OrielRuntimeDirectory();
+}
+
+std::string ScopeName() {
+    const char* scope = OrielScope();
+    if (scope == nullptr) throw UsageFailure("ORIEL_SCOPE is neither \"system\" nor \"user\"", "correct or unset it");
+    return *scope != '\0' ? scope : "environment";
+}
+
+bool HasScopes() {
+    return true;
+}
+
+void ClaimDirectories() {
+    if (OrielClaimDirectories()) return;
+    throw SystemFailure(GetLastError(),
+                        "cannot make the directories " + StateDirectoryName() + " and " + RunDirectoryName());
+}
+
+std::string ShownPath(std::string path) {
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return path;
+}
+
+void KeepRunningOnClosedPipes() {
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine) {

@@ -12,6 +12,22 @@ std::string RunDirectoryName() {
     return {};
 }
 
+std::string ScopeName() {
+    return {};
+}
+
+bool HasScopes() {
+    return false;
+}
+
+void ClaimDirectories() {}
+
+std::string ShownPath(std::string path) {
+    return path;
+}
+
+void KeepRunningOnClosedPipes() {} // they do not end processes there
+
 LSTATUS ImportRegistry(const std::string&, DWORD&) {
     throw Failure{Exit::False, "cannot import", "on Windows the system does that itself", "use 'reg import FILE'"};
 }

@@ -250,6 +250,7 @@ Exit UpCommand(const UpOptions& options) {
     const Teller teller{options.quiet};
     TellSupervisor("STATUS=starting");
     g_stop = TakeOverInterrupts(kStartMs);
+    ClaimDirectories();
 
     const UpMutex mutex;
     if (!mutex.Held())

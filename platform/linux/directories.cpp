@@ -1,6 +1,8 @@
-// The state and run directories. State: the two names, found once.
+// The state and run directories. State: the scope and the two names, found once; whether each directory was seen to be
+// there and safe; whether this process only looks.
 #include "directories.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -44,58 +46,161 @@ std::string Variable(const char* name) {
     return value != nullptr ? value : "";
 }
 
-struct Choice {
-    const char* variable;     // names the directory itself
-    const char* shared;       // root's, and all users' once it exists
-    const char* userVariable; // names the folder of a user's own ones
-    const char* underHome;    // that folder otherwise, below the home directory,
-    const char* fallback;     // or else this one, with the user's number behind it
+struct Directory {
+    std::string path;
+    mode_t mode = 0700;
+    bool named = false; // by a variable: a link is as good as what it leads to, since whoever set it chose that
+    std::atomic<bool> seen = false; // there and safe
 };
 
-std::string FindDirectory(const Choice& choice) {
-    std::string path = Variable(choice.variable);
-    if (!path.empty()) {
-        while (path.size() > 1 && path.back() == '/')
-            path.pop_back();
-        // A link is as good as what it leads to: whoever set the variable chose it.
-        struct stat status {};
-        if (stat(path.c_str(), &status) == 0) return IsTrusted(status) ? path : "";
-        MakeParents(path);
-        return MakeDirectory(path, 0755) ? path : "";
-    }
-    path = choice.shared;
-    if (geteuid() == 0) {
-        MakeParents(path);
-        return MakeDirectory(path, 0755) ? path : "";
-    }
-    struct stat status {};
-    if (lstat(path.c_str(), &status) == 0) return IsTrusted(status) ? path : "";
+struct Directories {
+    Scope scope = Scope::Wrong;
+    Directory state;
+    Directory runtime;
+};
 
-    path = Variable(choice.userVariable);
+// What ChooseScope chose; Wrong: nothing.
+std::atomic<Scope> g_chosen = Scope::Wrong;
+std::atomic<bool> g_found = false;
+std::atomic<bool> g_onlyLooks = false;
+
+constexpr const char* kScopeVariable = "ORIEL_SCOPE";
+constexpr const char* kSystemState = "/var/lib/oriel";
+constexpr const char* kSystemRuntime = "/run/oriel";
+constexpr const char* kInUseFile = "/in-use";
+
+std::string UsersDirectory(const char* variable, const char* underHome, const char* fallback) {
+    std::string path = Variable(variable);
     const std::string home = Variable("HOME");
-    if (path.empty() && choice.underHome != nullptr && !home.empty()) path = home + choice.underHome;
-    path = !path.empty() ? path + "/oriel" : choice.fallback + std::to_string(geteuid());
-    MakeParents(path);
-    return MakeDirectory(path, 0700) ? path : "";
+    if (path.empty() && underHome != nullptr && !home.empty()) path = home + underHome;
+    return !path.empty() ? path + "/oriel" : fallback + std::to_string(geteuid());
 }
 
-// Never destroyed: threads may outlive the end of main().
-const std::string& Found(const Choice& choice) {
-    return *new std::string(FindDirectory(choice));
+// Record locks are asked for without being taken, so that looking disturbs nobody who takes one.
+struct flock WholeFile() {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+bool IsInUse(const std::string& runtime) {
+    struct stat status {};
+    if (lstat(runtime.c_str(), &status) != 0 || !IsTrusted(status)) return false;
+    const Descriptor file(open((runtime + kInUseFile).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct flock lock = WholeFile();
+    return file.IsOpen() && fcntl(file.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+Scope FindScope(const std::string& usersRuntime) {
+    if (const Scope chosen = g_chosen.load(); chosen != Scope::Wrong) return chosen;
+    const std::string wanted = Variable(kScopeVariable);
+    if (wanted == "system") return Scope::System;
+    if (wanted == "user") return Scope::User;
+    if (!wanted.empty()) return Scope::Wrong;
+    if (IsInUse(usersRuntime)) return Scope::User;
+    struct stat status {};
+    return geteuid() == 0 || lstat(kSystemState, &status) == 0 ? Scope::System : Scope::User;
+}
+
+void Choose(Directory& directory, const char* variable, Scope scope, const char* systems, const std::string& users) {
+    directory.path = Variable(variable);
+    directory.named = !directory.path.empty();
+    while (directory.path.size() > 1 && directory.path.back() == '/')
+        directory.path.pop_back();
+    directory.mode = directory.named || scope == Scope::System ? 0755 : 0700;
+    if (directory.named || scope == Scope::Wrong) return;
+    directory.path = scope == Scope::System ? systems : users;
+}
+
+Directories& Find() {
+    // Never destroyed: threads may outlive the end of main().
+    auto& found = *new Directories;
+    const std::string users = UsersDirectory("XDG_RUNTIME_DIR", nullptr, "/tmp/oriel-");
+    found.scope = FindScope(users);
+    Choose(found.state, "ORIEL_STATE_DIR", found.scope, kSystemState,
+           UsersDirectory("XDG_STATE_HOME", "/.local/state", "/var/tmp/oriel-"));
+    Choose(found.runtime, "ORIEL_RUNTIME_DIR", found.scope, kSystemRuntime, users);
+    if (found.state.named || found.runtime.named) found.scope = Scope::Named;
+    g_found = true;
+    return found;
+}
+
+Directories& Found() {
+    static Directories& found = Find();
+    return found;
+}
+
+const std::string& Nothing() {
+    static const std::string& nothing = *new std::string;
+    return nothing;
+}
+
+enum class Presence { Missing, Safe, Unsafe };
+
+// One that was safe once stays so: nobody else can exchange it.
+Presence Look(Directory& directory) {
+    if (directory.path.empty()) return Presence::Unsafe;
+    if (directory.seen.load(std::memory_order_relaxed)) return Presence::Safe;
+    struct stat status {};
+    const char* path = directory.path.c_str();
+    if ((directory.named ? stat(path, &status) : lstat(path, &status)) != 0)
+        return errno == ENOENT ? Presence::Missing : Presence::Unsafe;
+    if (!IsTrusted(status)) return Presence::Unsafe;
+    directory.seen.store(true, std::memory_order_relaxed);
+    return Presence::Safe;
+}
+
+const std::string& IfThere(Directory& directory) {
+    return Look(directory) == Presence::Safe ? directory.path : Nothing();
+}
+
+// A directory that was taken away since it was seen is made anew.
+const std::string& Made(Directory& directory) {
+    struct stat status {};
+    if (directory.seen && stat(directory.path.c_str(), &status) != 0) directory.seen = false;
+    if (Look(directory) == Presence::Missing) {
+        MakeParents(directory.path);
+        if (!MakeDirectory(directory.path, directory.mode)) return Nothing();
+    }
+    return IfThere(directory);
 }
 
 } // namespace
 
+Scope TheScope() {
+    return Found().scope;
+}
+
+bool ChooseScope(Scope scope) {
+    if (g_found) return false;
+    g_chosen = scope;
+    return true;
+}
+
+const std::string& StateDirectoryName() {
+    return Found().state.path;
+}
+
+const std::string& RuntimeDirectoryName() {
+    return Found().runtime.path;
+}
+
 const std::string& StateDirectory() {
-    static const std::string& directory =
-        Found({"ORIEL_STATE_DIR", "/var/lib/oriel", "XDG_STATE_HOME", "/.local/state", "/var/tmp/oriel-"});
-    return directory;
+    return IfThere(Found().state);
 }
 
 const std::string& RuntimeDirectory() {
-    static const std::string& directory =
-        Found({"ORIEL_RUNTIME_DIR", "/run/oriel", "XDG_RUNTIME_DIR", nullptr, "/tmp/oriel-"});
-    return directory;
+    return IfThere(Found().runtime);
+}
+
+const std::string& MakeStateDirectory() {
+    return Made(Found().state);
+}
+
+const std::string& MissingStateDirectory() {
+    Directory& state = Found().state;
+    return Look(state) == Presence::Missing ? state.path : Nothing();
 }
 
 namespace {
@@ -111,7 +216,14 @@ std::string FolderBelow(const std::string& directory, const char* name) {
 } // namespace
 
 std::string RuntimeFolder(const char* name) {
-    const std::string& directory = RuntimeDirectory();
+    Directory& runtime = Found().runtime;
+    if (g_onlyLooks) {
+        std::string path = IfThere(runtime);
+        if (!path.empty()) path.append("/").append(name);
+        struct stat status {};
+        return !path.empty() && lstat(path.c_str(), &status) == 0 && IsTrusted(status) ? path : "";
+    }
+    const std::string& directory = Made(runtime);
     // Whoever makes the first makes all: in root's directory no user could make one later.
     struct stat status {};
     if (!directory.empty() && lstat((directory + "/" + name).c_str(), &status) != 0) {
@@ -122,7 +234,24 @@ std::string RuntimeFolder(const char* name) {
 }
 
 std::string StateFolder(const char* name) {
-    return FolderBelow(StateDirectory(), name);
+    return FolderBelow(MakeStateDirectory(), name);
+}
+
+void OnlyLook() {
+    g_onlyLooks = true;
+}
+
+bool ClaimDirectories() {
+    g_onlyLooks = false;
+    if (MakeStateDirectory().empty() || RuntimeFolder(kRuntimeFolders[0]).empty()) return false;
+    const Scope scope = TheScope();
+    if (scope != Scope::Named) setenv(kScopeVariable, scope == Scope::System ? "system" : "user", 1);
+    // The lock goes with the process. One that cannot be had is another's who claims the same.
+    const std::string path = RuntimeDirectory() + kInUseFile;
+    Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    struct flock lock = WholeFile();
+    if (file.IsOpen() && fcntl(file.Get(), F_SETLK, &lock) == 0) file.Release();
+    return true;
 }
 
 } // namespace oriel

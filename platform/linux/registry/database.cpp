@@ -1,6 +1,7 @@
 // Connections: how a file is trusted, opened, made and closed; and the errors of SQLite as those of the system.
 #include "registry/database.h"
 
+#include "directories.h"
 #include "kernel/errors.h"
 #include "kernel/fork.h"
 #include "kernel/futex.h"
@@ -148,6 +149,7 @@ const ForkSteps kStoresFork{DatabaseFork::Before, DatabaseFork::InParent, Databa
 
 bool Database::MayWrite() const {
     std::string path = m_kind.path(false);
+    if (path.empty()) path = MissingStateDirectory();
     if (path.empty()) return false;
     if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT) return false;
     // The journal and what is missing are made in the nearest directory that exists.
@@ -171,7 +173,8 @@ DWORD Database::Open(bool create) {
 
 DWORD Database::Connect(bool create) {
     const std::string path = m_kind.path(create);
-    if (path.empty()) return ERROR_ACCESS_DENIED;
+    if (path.empty())
+        return create || MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
     DWORD error = ERROR_SUCCESS;
     if (create) error = CreateFileIfMissing(path, m_kind.mode);
     if (error == ERROR_SUCCESS) error = CheckFile(path);

@@ -66,7 +66,7 @@ bool MakeDirectory(const std::string& path, mode_t mode) {
 }
 
 std::string RegistryDirectory(bool create) {
-    const std::string& state = StateDirectory();
+    const std::string& state = create ? MakeStateDirectory() : StateDirectory();
     if (state.empty()) return {};
     const std::string registry = state + "/registry";
     // Only the state directory's owner (or root) makes the folders, so that the others find them shared.

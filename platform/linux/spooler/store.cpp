@@ -36,8 +36,8 @@ constexpr const char* kStatements[] = {
     "DELETE FROM printers WHERE id = ?1",
 };
 
-std::string SpoolPath(bool) {
-    const std::string& state = StateDirectory();
+std::string SpoolPath(bool create) {
+    const std::string& state = create ? MakeStateDirectory() : StateDirectory();
     return state.empty() ? state : state + "/spool.sqlite";
 }
 
