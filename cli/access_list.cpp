@@ -1,7 +1,7 @@
-// Reading the list, and its two forms. No state but the client's binding.
+// Reading the list, and its two forms. No state.
 #include "access_list.h"
 
-#include "dblink/program_client.h"
+#include "service_client.h"
 
 #include <sddl.h>
 
@@ -17,21 +17,6 @@ constexpr size_t kLargestSid = offsetof(SID, SubAuthority) + SID_MAX_SUB_AUTHORI
 constexpr DWORD kNameSize = 512;
 
 using LocalMemory = Guard<HLOCAL, &LocalFree>;
-using Database = Guard<DatabaseHandle, &CloseDatabase>;
-
-[[noreturn]] void FailWith(const OpenedPrinter& printer, Answer answer) {
-    throw StatusFailure(static_cast<int32_t>(answer), WhatOf("read", kVariable, printer));
-}
-
-Database OpenDatabaseOf(const OpenedPrinter& printer) {
-    std::string name;
-    Answer answer = FindPrinterDatabase(RequireAnsi(printer.shownName, "the printer name"), &name);
-    if (answer == Answer::Done && name.empty()) answer = Answer::UnknownDatabase;
-    Database database;
-    if (answer == Answer::Done) answer = OpenDatabase(name.c_str(), database.Receive());
-    if (answer != Answer::Done) FailWith(printer, answer);
-    return database;
-}
 
 // A block that is aligned as records must be.
 PACL AsList(const Bytes& list) {
@@ -168,14 +153,7 @@ std::string WithSids(const std::string& text) {
 } // namespace
 
 Bytes ReadAccessControlList(const OpenedPrinter& printer) {
-    if (!BindStatusDatabase()) FailWith(printer, Answer::InvalidBinding);
-    struct Unbind {
-        ~Unbind() { UnbindStatusDatabase(); }
-    } unbind;
-    const Database database = OpenDatabaseOf(printer);
-    Bytes value;
-    if (const Answer answer = ReadWholeValue(database.Get(), kVariable, &value); answer != Answer::Done)
-        FailWith(printer, answer);
+    Bytes value = ServiceDatabase(printer, WhatOf("read", kVariable, printer)).Read(kVariable);
     value.erase(value.begin(), value.begin() + static_cast<ptrdiff_t>(std::min(value.size(), kLengthSize)));
     return value;
 }

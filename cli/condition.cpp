@@ -57,10 +57,6 @@ bool NumberHolds(Comparison comparison, uint64_t number, uint64_t operand, bool 
     return false;
 }
 
-uint64_t AllOnes(unsigned bits) {
-    return ~uint64_t{0} >> (64 - bits);
-}
-
 } // namespace
 
 Condition ParseCondition(const OpenedPrinter& printer, const std::string& text) {
@@ -69,7 +65,7 @@ Condition ParseCondition(const OpenedPrinter& printer, const std::string& text) 
     const auto* used = std::find_if(std::begin(kOperators), std::end(kOperators), [&](const Operator& candidate) {
         return place != std::string::npos && text.compare(place, candidate.text.size(), candidate.text) == 0;
     });
-    if (used == std::end(kOperators)) throw UsageFailure("\"" + text + "\" is no condition", grammar);
+    if (used == std::end(kOperators)) throw UsageFailure("\"" + text + "\" is not a condition", grammar);
 
     Condition condition{.comparison = used->comparison};
     const std::string_view operand = Trimmed(std::string_view(text).substr(place + used->text.size()));
@@ -90,12 +86,12 @@ Condition ParseCondition(const OpenedPrinter& printer, const std::string& text) 
     if (compared == nullptr)
         throw UsageFailure(name + " has no field \"" + condition.field + "\"", "'oriel get' shows its fields");
     if (compared->form == Decoded::Form::Number) {
-        if (!ParseNumber(condition.operand, compared->bits))
-            throw UsageFailure("\"" + condition.operand + "\" is no number that " + name + " can have",
-                               "give it in decimal or with 0x");
+        if (!ParseKnownOrUnknown(condition.operand, compared->bits))
+            throw UsageFailure("\"" + condition.operand + "\" is not a number that " + name + " can have",
+                               "give it in decimal, or in hexadecimal with 0x");
     } else if (compared->form != Decoded::Form::Text || Orders(condition.comparison)) {
-        throw UsageFailure("\"" + text + "\" compares what has no such order",
-                           "compare numbers, or texts with = and !=");
+        throw UsageFailure("\"" + text + "\" compares a value that has no order",
+                           "compare numbers, or compare text with = and !=");
     }
     return condition;
 }
@@ -104,9 +100,8 @@ bool Holds(const Condition& condition, const Decoded& value) {
     const Decoded* compared = Compared(condition, value);
     if (compared == nullptr) return false;
     if (compared->form == Decoded::Form::Number) {
-        const std::optional<uint64_t> operand = ParseNumber(condition.operand, compared->bits);
-        const bool known = compared->number != AllOnes(compared->bits);
-        return operand && NumberHolds(condition.comparison, compared->number, *operand, known);
+        const std::optional<uint64_t> operand = ParseKnownOrUnknown(condition.operand, compared->bits);
+        return operand && NumberHolds(condition.comparison, compared->number, *operand, !IsUnknown(*compared));
     }
     return (compared->text == condition.operand) == (condition.comparison == Comparison::Equal);
 }

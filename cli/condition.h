@@ -15,5 +15,6 @@ struct Condition {
 // Throws Failure (Exit::Usage), also when the variable has no such field or no value that can be compared so.
 Condition ParseCondition(const OpenedPrinter& printer, const std::string& text);
 
-// A number that is -1 is not known: it is equal to -1, different from all others, and neither less nor greater.
+// A number that is not known (-1) is equal to "unknown" and to -1, different from all others, and neither less nor
+// greater.
 bool Holds(const Condition& condition, const Decoded& value);

@@ -1,19 +1,13 @@
 // The three forms. Events are waited for directly; messages arrive at a window that a thread of its own owns, and calls
 // on threads of the library: both pass through one queue.
 //
-// State: g_called, the queue of the process that calls go to.
+// State: g_called, where calls go: a process has one such watch at a time.
 #include "deliveries.h"
 
+#include <algorithm>
 #include <deque>
 
 namespace {
-
-std::string NameList(const std::vector<const Variable*>& variables) {
-    std::string names;
-    for (const Variable* variable : variables)
-        names += variable->name + ";";
-    return names;
-}
 
 KernelHandle NewEvent(bool manualReset) {
     KernelHandle event(CreateEventA(nullptr, manualReset, FALSE, nullptr));
@@ -25,53 +19,87 @@ void Check(int32_t status, const OpenedPrinter& printer) {
     if (status == TVS_OK) return;
     Failure failure = StatusFailure(status, "cannot watch the variables of \"" + printer.shownName + "\"");
     if (status == TVS_E_NO_OWNER)
-        failure.next = "its owner's process posts the messages of this kind of manager: open one of kind 6, or "
-                       "watch with another --kind";
+        failure.next = "messages of this client kind come from the owner's process: open a manager of kind 6 first, or "
+                       "use another --kind";
     throw failure;
 }
 
-// A registration that is cancelled when it goes.
-struct Registration {
-    explicit Registration(const OpenedPrinter& opened) : printer(opened) {}
-    ~Registration() {
-        if (handle) cancel(printer.manager.Get(), handle);
+// One call of the library takes so many variables.
+constexpr size_t kMostInList = 63;
+
+// Registrations that are cancelled when they go.
+struct Registrations {
+    using Cancel = int32_t(TVS_CALL*)(TvsManager, TvsRegistration);
+
+    Registrations(const OpenedPrinter& opened, Cancel cancelOne) : printer(opened), cancel(cancelOne) {}
+    ~Registrations() {
+        for (const TvsRegistration handle : handles)
+            cancel(printer.manager.Get(), handle);
     }
-    Registration(const Registration&) = delete;
-    Registration& operator=(const Registration&) = delete;
+    Registrations(const Registrations&) = delete;
+    Registrations& operator=(const Registrations&) = delete;
+
+    // one: int32_t(uint32_t count, const char* names, size_t first, TvsRegistration* handle).
+    template <typename One>
+    void Add(const std::vector<const Variable*>& variables, One one) {
+        for (size_t first = 0; first < variables.size(); first += kMostInList) {
+            const size_t count = std::min(kMostInList, variables.size() - first);
+            std::string names;
+            for (size_t i = first; i < first + count; ++i)
+                names += variables[i]->name + ";";
+            TvsRegistration handle = 0;
+            Check(one(static_cast<uint32_t>(count), names.c_str(), first, &handle), printer);
+            handles.push_back(handle);
+        }
+    }
 
     const OpenedPrinter& printer;
-    int32_t(TVS_CALL* cancel)(TvsManager, TvsRegistration) = &KillNotificationEvent;
-    TvsRegistration handle = 0;
+    Cancel cancel;
+    std::vector<TvsRegistration> handles;
 };
 
 // ---- events
 
+// What can be waited for together with the interrupt. With more variables than that, several share an event.
+constexpr size_t kMostEvents = MAXIMUM_WAIT_OBJECTS - 1;
+
 struct EventDeliveries : Deliveries {
     EventDeliveries(const OpenedPrinter& printer, const std::vector<const Variable*>& variables)
-        : registration(printer) {
+        : count(variables.size()), registrations(printer, &KillNotificationEvent) {
         std::vector<void*> handles;
-        for (size_t i = 0; i < variables.size(); ++i) {
-            events.push_back(NewEvent(false));
-            handles.push_back(events.back().Get());
+        for (size_t i = 0; i < count; ++i) {
+            if (i < kMostEvents) events.push_back(NewEvent(false));
+            handles.push_back(events[i % kMostEvents].Get());
         }
-        Check(SetNotificationEventExA(printer.manager.Get(), static_cast<uint32_t>(variables.size()),
-                                      NameList(variables).c_str(), handles.data(), &registration.handle),
-              printer);
+        registrations.Add(variables, [&](uint32_t size, const char* names, size_t first, TvsRegistration* handle) {
+            return SetNotificationEventExA(printer.manager.Get(), size, names, &handles[first], handle);
+        });
     }
 
     std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
+        if (due.empty()) Wait(timeoutMs, interrupted);
+        if (due.empty()) return std::nullopt;
+        const size_t place = due.front();
+        due.pop_front();
+        return place;
+    }
+
+    void Wait(DWORD timeoutMs, HANDLE interrupted) {
         std::vector<HANDLE> handles{interrupted};
         for (const KernelHandle& event : events)
             handles.push_back(event.Get());
         const DWORD result =
             WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, timeoutMs);
         if (result == WAIT_FAILED) throw SystemFailure(GetLastError(), "cannot wait for changes");
-        if (result == WAIT_TIMEOUT || result == WAIT_OBJECT_0) return std::nullopt;
-        return result - WAIT_OBJECT_0 - 1;
+        if (result == WAIT_TIMEOUT || result == WAIT_OBJECT_0) return;
+        for (size_t place = result - WAIT_OBJECT_0 - 1; place < count; place += kMostEvents)
+            due.push_back(place);
     }
 
+    size_t count;
     std::vector<KernelHandle> events;
-    Registration registration; // goes first
+    std::deque<size_t> due;
+    Registrations registrations; // goes first
 };
 
 // ---- the queue of the other forms
@@ -113,24 +141,31 @@ struct Queue {
 
 // ---- calls
 
-Queue* g_called = nullptr;
+// Where calls go: the queue, and the variables' names in their order, since not every call knows its place.
+struct Called {
+    Queue& queue;
+    std::vector<std::string> names;
+};
+Called* g_called = nullptr;
 
-void TVS_CALL OnCall(TvsManager, uint32_t place, const char*, const void*, uint32_t) {
-    g_called->Push(place);
+void TVS_CALL OnCall(TvsManager, uint32_t, const char* variable, const void*, uint32_t) {
+    const auto place = std::find(g_called->names.begin(), g_called->names.end(), variable);
+    if (place != g_called->names.end()) g_called->queue.Push(static_cast<size_t>(place - g_called->names.begin()));
 }
 
 struct CallbackDeliveries : Deliveries {
     CallbackDeliveries(const OpenedPrinter& printer, const std::vector<const Variable*>& variables)
-        : registration(printer) {
-        g_called = &queue;
-        registration.cancel = &KillNotificationCallback;
+        : called{queue, {}}, registrations(printer, &KillNotificationCallback) {
+        for (const Variable* variable : variables)
+            called.names.push_back(variable->name);
+        g_called = &called;
         const std::vector<TvsCallback> callbacks(variables.size(), &OnCall);
         // All three forms read the value in the same way, when they were told.
         const std::vector<uint32_t> withoutValue(variables.size(), 1);
-        Check(SetNotificationCallbackExA(printer.manager.Get(), static_cast<uint32_t>(variables.size()),
-                                         NameList(variables).c_str(), callbacks.data(), withoutValue.data(),
-                                         &registration.handle),
-              printer);
+        registrations.Add(variables, [&](uint32_t size, const char* names, size_t first, TvsRegistration* handle) {
+            return SetNotificationCallbackExA(printer.manager.Get(), size, names, &callbacks[first],
+                                              &withoutValue[first], handle);
+        });
     }
 
     std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
@@ -138,7 +173,8 @@ struct CallbackDeliveries : Deliveries {
     }
 
     Queue queue;
-    Registration registration; // goes first
+    Called called;
+    Registrations registrations; // goes first
 };
 
 // ---- messages
@@ -203,14 +239,13 @@ private:
 
 struct MessageDeliveries : Deliveries {
     MessageDeliveries(const OpenedPrinter& printer, const std::vector<const Variable*>& variables)
-        : window(queue), registration(printer) {
-        registration.cancel = &KillNotificationMsg;
+        : window(queue), registrations(printer, &KillNotificationMsg) {
         std::vector<uint32_t> messages;
         for (size_t i = 0; i < variables.size(); ++i)
             messages.push_back(static_cast<uint32_t>(WM_APP + i));
-        Check(SetNotificationMsgExA(printer.manager.Get(), static_cast<uint32_t>(variables.size()),
-                                    NameList(variables).c_str(), window.window, messages.data(), &registration.handle),
-              printer);
+        registrations.Add(variables, [&](uint32_t size, const char* names, size_t first, TvsRegistration* handle) {
+            return SetNotificationMsgExA(printer.manager.Get(), size, names, window.window, &messages[first], handle);
+        });
     }
 
     std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
@@ -219,7 +254,7 @@ struct MessageDeliveries : Deliveries {
 
     Queue queue;
     MessageWindow window;
-    Registration registration; // goes first
+    Registrations registrations; // goes first
 };
 
 } // namespace

@@ -12,6 +12,6 @@ struct Deliveries {
     virtual std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) = 0;
 };
 
-// Registers all variables by one call of the library. The printer must outlive what is returned. Throws Failure.
+// Registers all variables, as many as there are. The printer must outlive what is returned. Throws Failure.
 std::unique_ptr<Deliveries> Register(const OpenedPrinter& printer, const std::vector<const Variable*>& variables,
                                      DeliveredBy by);

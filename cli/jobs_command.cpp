@@ -53,8 +53,8 @@ void Command(const OpenedPrinter& printer, const char* variable, uint32_t value,
     if (status == TVS_OK) return;
     Failure failure = StatusFailure(status, what);
     if (status == TVS_E_NOT_NOW) {
-        failure.why = "the spooler has no such job, or is deleting it already";
-        failure.next = "list them with 'oriel jobs PRINTER'";
+        failure.why = "the spooler has no such job, or is already deleting it";
+        failure.next = "list the jobs with 'oriel jobs PRINTER'";
     }
     if (status == TVS_E_NO_OWNER) failure.why = "the spooler does not know the printer";
     throw failure;
@@ -62,7 +62,7 @@ void Command(const OpenedPrinter& printer, const char* variable, uint32_t value,
 
 // The library does not tell what the spooler answered: what became of the job tells.
 [[noreturn]] void ThrowRefused(const std::string& what) {
-    throw Failure{Exit::Denied, what, "the spooler did not do it", "a job is its owner's, and the administrator's"};
+    throw Failure{Exit::Denied, what, "the spooler refused", "only its owner and an administrator may change a job"};
 }
 
 } // namespace
@@ -95,7 +95,7 @@ Exit JobsCommand(const ManagerOptions& options) {
         Json jobs = ValueJson(printer, queue.variable);
         if (!jobs.is_array()) jobs = Json::array(); // no queue has been stored yet
         for (const Json& job : jobs) {
-            const uint32_t id = job["jobId"].get<uint32_t>();
+            const uint32_t id = job["jobId"].is_null() ? UINT32_MAX : job["jobId"].get<uint32_t>();
             table.rows.push_back({queue.variable, std::to_string(id), Printable(job["ownerName"].get<std::string>()),
                                   id == printing  ? "printing"
                                   : id == sending ? "sending"
@@ -125,7 +125,7 @@ Exit SetJobCommand(const ManagerOptions& options, bool pause) {
     if (id == 0) throw Failure{Exit::False, what, "no job is being sent to the printer", "see 'oriel jobs PRINTER'"};
     Command(printer, "SetJob", pause ? 1 : 2, what);
     const std::optional<SpoolerJob> job = FindJob(printer, id);
-    if (!job) throw Failure{Exit::False, what, "the spooler has no job " + std::to_string(id) + " any more", ""};
+    if (!job) throw Failure{Exit::False, what, "job " + std::to_string(id) + " is no longer in the spooler", ""};
     if (((job->status & JOB_STATUS_PAUSED) != 0) != pause) ThrowRefused(what);
     if (g_output.json) PrintJson({{"printer", printer.shownName}, {"job", id}, {"paused", pause}});
     return Exit::Done;

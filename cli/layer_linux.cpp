@@ -4,11 +4,11 @@
 #include "failure.h"
 
 #include <oriel_directories.h>
+#include <oriel_streams.h>
 #include <oriel_supervisor.h>
 #include <winreg_text.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 
 namespace {
@@ -69,7 +69,7 @@ std::string ShownPath(std::string path) {
 }
 
 void KeepRunningOnClosedPipes() {
-    std::signal(SIGPIPE, SIG_IGN);
+    OrielFailOnClosedPipes();
 }
 
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine) {

@@ -1,5 +1,6 @@
 // The command line of `oriel`: its commands and options, and where a failure ends.
 #include "commands.h"
+#include "layer.h"
 #include "opened_printer.h"
 #include "output.h"
 #include "text.h"
@@ -16,12 +17,12 @@ constexpr const char* kExitCodes = R"(Exit codes:
   0  done
   1  false, or not found
   2  the command line, or a value on it, is wrong; nothing was done
-  3  the product is not installed, not up, or its service does not run
+  3  the product is not installed or not running
   4  access denied
-  5  time-out
+  5  timed out
 
-With --json a command prints one JSON document ('up': one for each event), also when it fails:
-{"error": {"exitCode", "what", "why", "next", "code"}}. Colour is used on a terminal, unless NO_COLOR is set.)";
+With --json a command prints one JSON document ('up' and 'watch': one line for each event), also when it fails:
+{"error": {"exitCode", "what", "why", "next", "code"}}. Output to a terminal is coloured unless NO_COLOR is set.)";
 
 using Command = std::function<Exit()>;
 
@@ -41,6 +42,9 @@ struct Arguments {
     uint32_t job = 0;
     UpOptions up;
     bool recursive = false, tree = false, explain = false;
+    std::vector<std::string> helpFor;
+    bool json = false; // known before the parse: WantsJson
+    std::string scope; // the layer knows it already
 };
 
 std::optional<std::string> WhenGiven(const CLI::Option* option, const std::string& value) {
@@ -49,48 +53,47 @@ std::optional<std::string> WhenGiven(const CLI::Option* option, const std::strin
 
 void AddManagerOptions(CLI::App& command, ManagerOptions& options) {
     command.add_option("PRINTER", options.printer, "Name of the printer")->required();
-    command.add_option("--kind", options.kind, "Client kind of the manager (0, 7, 8, 9 and 10 need the product up)")
+    command.add_option("--kind", options.kind, "Client kind of the manager; 0, 7, 8, 9 and 10 need a running product")
         ->check(CLI::Range(0, TVS_KIND_HIGHEST))
         ->capture_default_str();
-    command.add_option("--user", options.user, "On whose behalf the manager works (default: you)");
+    command.add_option("--user", options.user, "The user for whom the manager works (default: you)");
 }
 
 void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
     CLI::App* vars = app.add_subcommand("vars", "Show the variables of a printer");
     AddManagerOptions(*vars, a.manager);
-    vars->add_option("PATTERN", a.names, "Only names that match one of these; * and ? as in a shell");
-    vars->add_flag("--hex", a.manager.hex, "Values as bytes");
+    vars->add_option("PATTERN", a.names, "Show only names that match; * and ? work as in a shell");
+    vars->add_flag("--hex", a.manager.hex, "Show values as hexadecimal bytes");
     vars->callback([&] { chosen = [&] { return VarsCommand(a.manager, a.names); }; });
 
-    CLI::App* get =
-        app.add_subcommand("get", "Show the value of variables. A queue's oldest item is thereby taken off");
+    CLI::App* get = app.add_subcommand("get", "Show the values of variables. Reading a queue removes its oldest item");
     AddManagerOptions(*get, a.manager);
     get->add_option("VARIABLE", a.names, "Names of variables")->required();
-    get->add_flag("--hex", a.manager.hex, "Values as bytes");
-    get->add_flag("--direct", a.manager.direct,
-                  "What the printer itself says now, for variables that it can be asked for");
+    get->add_flag("--hex", a.manager.hex, "Show values as hexadecimal bytes");
+    get->add_flag("--direct", a.manager.direct, "Ask the printer itself, where the variable allows that");
     get->callback([&] { chosen = [&] { return GetCommand(a.manager, a.names); }; });
 
-    CLI::App* info = app.add_subcommand("info", "Tell when variables were last written, in UTC");
+    CLI::App* info = app.add_subcommand("info", "Show when variables were last written, in UTC");
     AddManagerOptions(*info, a.manager);
     info->add_option("VARIABLE", a.names, "Names of variables")->required();
     info->callback([&] { chosen = [&] { return InfoCommand(a.manager, a.names); }; });
 
-    CLI::App* set = app.add_subcommand("set", "Store a value: a number, a text, or field=value of a record (fields not "
-                                              "named keep their value)");
+    CLI::App* set =
+        app.add_subcommand("set", "Store a value: a number, text, or FIELD=VALUE for a record (other fields "
+                                  "keep their values)");
     AddManagerOptions(*set, a.manager);
     set->add_option("VARIABLE", a.newValue.variable, "Name of the variable")->required();
     set->add_option("VALUE", a.newValue.words,
-                    "Decimal or 0x number; text; field=value ... (behind -- when it begins with -)");
-    const CLI::Option* hex = set->add_option("--hex", a.value, "The value as bytes: \"01 02 ff\"");
-    const CLI::Option* file =
-        set->add_option("--file", a.file, "The value as the bytes of a file; - is standard input");
-    set->add_flag("--direct", a.manager.direct, "To the printer itself, which is waited for");
-    CLI::Option* asynchronous =
-        set->add_flag("--async", a.newValue.asynchronous,
-                      "As a request to the printer: prints its number at once, ends when it is done, and leaves its "
-                      "result to 'oriel result'");
-    set->add_flag("--wait", a.newValue.wait, "Takes the result of the request too")->needs(asynchronous);
+                    "A decimal or 0x number, \"unknown\", text, or FIELD=VALUE ...; put -- before a value that starts "
+                    "with -");
+    const CLI::Option* hex = set->add_option("--hex", a.value, "The value as hexadecimal bytes: \"01 02 ff\"");
+    const CLI::Option* file = set->add_option("--file", a.file, "Take the value from a file; - is standard input");
+    set->add_flag("--direct", a.manager.direct, "Send to the printer and wait");
+    CLI::Option* asynchronous = set->add_flag(
+        "--async", a.newValue.asynchronous,
+        "Send a request to the printer: print its number, end when it has been carried out, and leave the "
+        "result to 'oriel result'");
+    set->add_flag("--wait", a.newValue.wait, "With --async: also take the result")->needs(asynchronous);
     set->callback([&, hex, file] {
         a.newValue.hex = WhenGiven(hex, a.value);
         a.newValue.file = WhenGiven(file, a.file);
@@ -99,21 +102,23 @@ void AddVariableCommands(CLI::App& app, Arguments& a, Command& chosen) {
 }
 
 void AddWatchCommands(CLI::App& app, Arguments& a, Command& chosen) {
-    CLI::App* watch = app.add_subcommand("watch", "Print each change of variables, as it happens, until Ctrl-C");
+    CLI::App* watch =
+        app.add_subcommand("watch", "Print the values of variables and each change as it happens, until Ctrl-C");
     AddManagerOptions(*watch, a.manager);
-    watch->add_option("VARIABLE", a.watch.variables, "Names of variables; those of --until are watched too");
-    watch->add_flag("--hex", a.manager.hex, "Values as bytes");
+    watch->add_option("VARIABLE", a.watch.variables,
+                      "Names of variables (default: those of --until, or all that can be watched)");
+    watch->add_flag("--hex", a.manager.hex, "Show values as hexadecimal bytes");
     watch
         ->add_option(
             "--until", a.watch.until,
-            "End with 0 when this holds (all of them, when given again): NAME or NAME.FIELD, one of = != < <= > "
-            ">= & (any of these bits), and a value; a number of -1 is not known and has no order")
+            "End with 0 when this holds: NAME or NAME.FIELD, one of = != < <= > >= & (any of these bits), and a value "
+            "or \"unknown\". If given more than once, all must hold")
         ->allow_extra_args(false);
-    const CLI::Option* timeout = watch->add_option("--timeout", a.timeoutSeconds, "End with 5 after so many seconds")
+    const CLI::Option* timeout = watch->add_option("--timeout", a.timeoutSeconds, "End with 5 after this many seconds")
                                      ->check(CLI::Range(0.0, 1e6));
     const std::map<std::string, DeliveredBy> forms = {
         {"event", DeliveredBy::Event}, {"message", DeliveredBy::Message}, {"callback", DeliveredBy::Callback}};
-    watch->add_option("--by", a.watch.by, "The form in which the library tells: event, message or callback")
+    watch->add_option("--by", a.watch.by, "How the library reports changes: event, message or callback")
         ->transform(CLI::CheckedTransformer(forms))
         ->default_str("event");
     watch->callback([&, timeout] {
@@ -122,72 +127,75 @@ void AddWatchCommands(CLI::App& app, Arguments& a, Command& chosen) {
     });
 
     CLI::App* terminate = app.add_subcommand(
-        "terminate", "Ask all managers of the machine to shut down, and the product's windows to close");
+        "terminate", "Ask all managers on the machine to shut down, and the product's windows to close");
     AddManagerOptions(*terminate, a.manager);
     terminate->callback([&] { chosen = [&] { return TerminateCommand(a.manager); }; });
 }
 
 void AddResultCommand(CLI::App& app, Arguments& a, Command& chosen) {
-    CLI::App* result = app.add_subcommand("result", "Take the result of a request that 'set --async' made, once");
+    CLI::App* result =
+        app.add_subcommand("result", "Take the result of a request made by 'set --async'; each can be taken once");
     AddManagerOptions(*result, a.manager);
-    result->add_option("REQUEST", a.request, "Its number")->required();
+    result->add_option("REQUEST", a.request, "Number of the request")->required();
     result->callback([&] { chosen = [&] { return ResultCommand(a.manager, a.request); }; });
 }
 
 void AddAuthorityCommands(CLI::App& app, Arguments& a, Command& chosen) {
     CLI::App* authority = app.add_subcommand("authority", "Show what you may do with a printer");
     AddManagerOptions(*authority, a.manager);
-    authority->add_flag("--explain", a.explain, "And which entry of the printer's list gave or took each right");
+    authority->add_flag("--explain", a.explain,
+                        "Also show which entry of the access control list gave or denied each right");
     authority->callback([&] { chosen = [&] { return AuthorityCommand(a.manager, a.explain); }; });
 
     CLI::App* acl = app.add_subcommand("acl", "Show or replace the access control list of a printer");
     acl->require_subcommand(1);
-    CLI::App* show = acl->add_subcommand("show", "Show it as text");
+    CLI::App* show = acl->add_subcommand("show", "Show the list as SDDL text");
     AddManagerOptions(*show, a.manager);
     show->callback([&] { chosen = [&] { return AclShowCommand(a.manager); }; });
-    CLI::App* set = acl->add_subcommand("set", "Replace it");
+    CLI::App* set = acl->add_subcommand("set", "Replace the list");
     AddManagerOptions(*set, a.manager);
-    set->add_option("TEXT", a.value, "D:(A;;SWRC;;;WD)(D;;0x10;;;NAME) ...: SDDL, where accounts may have their names")
+    set->add_option("TEXT", a.value, "SDDL text, in which accounts may be names: D:(A;;SWRC;;;WD)(D;;0x10;;;NAME) ...")
         ->required();
     set->callback([&] { chosen = [&] { return AclSetCommand(a.manager, a.value); }; });
 }
 
 void AddJobCommands(CLI::App& app, Arguments& a, Command& chosen) {
-    CLI::App* jobs = app.add_subcommand("jobs", "Show the jobs of a printer: in the spooler and in its own queues");
+    CLI::App* jobs = app.add_subcommand("jobs", "Show the jobs of a printer, in the spooler and in its own queues");
     AddManagerOptions(*jobs, a.manager);
     jobs->callback([&] { chosen = [&] { return JobsCommand(a.manager); }; });
 
     for (const bool pause : {true, false}) {
         CLI::App* command = pause ? app.add_subcommand("pause", "Pause the job that is being sent to a printer")
-                                  : app.add_subcommand("resume", "Go on with the job that is being sent to a printer");
+                                  : app.add_subcommand("resume", "Resume the job that is being sent to a printer");
         AddManagerOptions(*command, a.manager);
         command->callback([&, pause] { chosen = [&, pause] { return SetJobCommand(a.manager, pause); }; });
     }
 
     CLI::App* cancel = app.add_subcommand("cancel", "Cancel a job of a printer");
     AddManagerOptions(*cancel, a.manager);
-    cancel->add_option("JOB", a.job, "Its number, as 'jobs' shows it")->required();
+    cancel->add_option("JOB", a.job, "Number of the job, as 'jobs' shows it")->required();
     cancel->callback([&] { chosen = [&] { return CancelCommand(a.manager, a.job); }; });
 
-    CLI::App* print = app.add_subcommand("print", "Put a document into the spooler; prints the number of its job");
+    CLI::App* print = app.add_subcommand("print", "Spool a document and print its job number");
     print->add_option("PRINTER", a.print.printer, "Name of the printer")->required();
     print->add_option("FILE", a.print.file, "The document; - is standard input")->capture_default_str();
-    print->add_option("--title", a.print.title, "The job's title (default: the file's name)");
-    print->add_flag("--held", a.print.held, "The job is paused from the start");
+    print->add_option("--title", a.print.title, "Title of the job (default: the name of the file)");
+    print->add_flag("--held", a.print.held, "Pause the job before it can print");
     print->callback([&] { chosen = [&] { return PrintCommand(a.print); }; });
 }
 
 void AddNameCommands(CLI::App& app, Arguments& a, Command& chosen) {
-    CLI::App* rename = app.add_subcommand("rename", "Give a printer another name, everywhere");
+    CLI::App* rename = app.add_subcommand("rename", "Rename a printer everywhere");
     AddManagerOptions(*rename, a.manager);
-    rename->add_option("NEW", a.value, "Its new name")->required();
+    rename->add_option("NEW", a.value, "The new name")->required();
     rename->callback([&] { chosen = [&] { return RenameCommand(a.manager, a.value); }; });
 
-    CLI::App* port = app.add_subcommand("port", "Show the port of a printer, or tell that it has another");
+    CLI::App* port = app.add_subcommand("port", "Show the port of a printer, or change it");
     AddManagerOptions(*port, a.manager);
-    CLI::Option* kind = port->add_option("KIND", a.newPort.kind, "Bits; 8: a port that takes no direct requests");
+    CLI::Option* kind =
+        port->add_option("KIND", a.newPort.kind, "Bits, as a number; 8: the port takes no direct requests");
     CLI::Option* name = port->add_option("NAME", a.newPort.name, "Name of the port");
-    port->add_option("DETAIL", a.newPort.detail, "More about it");
+    port->add_option("DETAIL", a.newPort.detail, "More about the port");
     kind->needs(name);
     port->callback([&, kind] {
         chosen = [&, kind] { return PortCommand(a.manager, kind->count() ? std::optional(a.newPort) : std::nullopt); };
@@ -212,18 +220,19 @@ void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
     });
 
     CLI::App* add = printers->add_subcommand("add", "Add a printer to the spooler and the registry");
-    add->add_option("NAME", a.printer, "Its name")->required();
-    add->add_option("--driver", a.driver, "Name of its driver, which is its model")->required();
-    add->add_option("--port", a.port, "Name of its port")->capture_default_str();
+    add->add_option("NAME", a.printer, "Name of the printer")->required();
+    add->add_option("--driver", a.driver, "Name of the driver, which is also the model")->required();
+    add->add_option("--port", a.port, "Name of the port")->capture_default_str();
     const CLI::Option* script =
-        add->add_option("--script", a.script, "'up' starts a printer side for it, which plays this script");
+        add->add_option("--script", a.script, "Script of the printer; 'oriel up' starts a printer side that plays it");
     add->callback([&, script] {
         chosen = [&, script] { return AddPrinterCommand(a.printer, a.driver, a.port, WhenGiven(script, a.script)); };
     });
 
     CLI::App* remove = printers->add_subcommand(
-        "remove", "Remove a printer, with the copies of its persistent variables. The service keeps its database");
-    remove->add_option("NAME", a.printer, "Its name")->required();
+        "remove",
+        "Remove a printer and the stored copies of its variables. The service keeps its database until it ends");
+    remove->add_option("NAME", a.printer, "Name of the printer")->required();
     remove->callback([&] { chosen = [&] { return RemovePrinterCommand(a.printer); }; });
 }
 
@@ -232,18 +241,18 @@ void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
     reg->require_subcommand(1);
     const char* keyHelp = "HKLM\\... or HKCU\\...";
 
-    CLI::App* query = reg->add_subcommand("query", "Show a key, or one value of it");
+    CLI::App* query = reg->add_subcommand("query", "Show a key, or one of its values");
     query->add_option("KEY", a.key, keyHelp)->required();
     const CLI::Option* queryValue = query->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
-    query->add_flag("-r,--recursive", a.recursive, "Also all keys below it");
+    query->add_flag("-r,--recursive", a.recursive, "Show all keys below it too");
     query->callback([&, queryValue] {
         chosen = [&, queryValue] { return RegQueryCommand(a.key, WhenGiven(queryValue, a.value), a.recursive); };
     });
 
-    CLI::App* set = reg->add_subcommand("set", "Write a value; the key is made when it is missing");
+    CLI::App* set = reg->add_subcommand("set", "Write a value; a missing key is created");
     set->add_option("KEY", a.registryValue.key, keyHelp)->required();
     const CLI::Option* setValue = set->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
-    CLI::Option* data = set->add_option("DATA", a.registryValue.data, "Text, number, or bytes in hexadecimal");
+    CLI::Option* data = set->add_option("DATA", a.registryValue.data, "Text, a number, or hexadecimal bytes");
     data->needs(const_cast<CLI::Option*>(setValue));
     a.registryValue.type = "sz";
     set->add_option("--type", a.registryValue.type, "sz, expand, multi, dword, qword, binary, none")
@@ -257,25 +266,103 @@ void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
     CLI::App* remove = reg->add_subcommand("delete", "Delete a value, or a key");
     remove->add_option("KEY", a.key, keyHelp)->required();
     const CLI::Option* removeValue = remove->add_option("VALUE", a.value, "Name of the value; \"\": the default value");
-    remove->add_flag("--tree", a.tree, "The key with all keys below it");
+    remove->add_flag("--tree", a.tree, "Delete the key with all keys below it");
     remove->callback([&, removeValue] {
         chosen = [&, removeValue] { return RegDeleteCommand(a.key, WhenGiven(removeValue, a.value), a.tree); };
     });
 
-    CLI::App* importFile = reg->add_subcommand("import", "Take in a .reg file, wholly or not at all");
+    CLI::App* importFile = reg->add_subcommand("import", "Import a .reg file, all of it or nothing");
     importFile->add_option("FILE", a.file, "The file; - is standard input")->required();
     importFile->callback([&] { chosen = [&] { return RegImportCommand(a.file); }; });
 
-    CLI::App* exportKey = reg->add_subcommand("export", "Write a key and all below it as a .reg file");
+    CLI::App* exportKey = reg->add_subcommand("export", "Write a key and everything below it as a .reg file");
     exportKey->add_option("KEY", a.key, keyHelp)->required();
     exportKey->add_option("FILE", a.file, "The file; - is standard output")->capture_default_str();
     exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
 }
 
 Exit Fail(const Failure& failure) {
-    PrintError(failure);
-    if (g_output.json) PrintJson({{"error", FailureJson(failure)}});
+    PrintFailure(failure);
     return failure.exitCode;
+}
+
+// ---- help, and command lines that are no command's
+
+// Options that every command takes stand in the help of each.
+void AddCommonOptions(CLI::App& command, Arguments& a) {
+    command.add_flag("--json", a.json, "Print JSON");
+    if (HasScopes()) {
+        command
+            .add_option("--scope", a.scope,
+                        "The product to talk to: the system's, or your own (default: your own while it is up)")
+            ->check(CLI::IsMember({"system", "user"}));
+    }
+    for (CLI::App* below : command.get_subcommands({}))
+        AddCommonOptions(*below, a);
+}
+
+std::vector<std::string> CommandNames(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; }))
+        if (!below->get_group().empty()) names.push_back(below->get_name());
+    return names;
+}
+
+[[noreturn]] void ThrowNoSuchCommand(const CLI::App& command, const std::string& word) {
+    const std::string inside = command.get_parent() == nullptr ? "" : " of '" + command.get_name() + "'";
+    const std::string nearest = Nearest(word, CommandNames(command));
+    throw UsageFailure("there is no command \"" + word + "\"" + inside,
+                       nearest.empty() ? "'oriel --help' lists the commands" : "did you mean \"" + nearest + "\"?");
+}
+
+// The command that the words name; words that follow it are its own. Throws Failure when it should name one and does
+// not.
+CLI::App& FindCommand(CLI::App& app, const std::vector<std::string>& words) {
+    CLI::App* command = &app;
+    for (const std::string& word : words) {
+        if (CommandNames(*command).empty()) break;
+        const auto below = command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+        if (below.empty()) ThrowNoSuchCommand(*command, word);
+        command = below.front();
+    }
+    return *command;
+}
+
+void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* help = app.add_subcommand("help", "Show the help of a command");
+    help->add_option("COMMAND", a.helpFor, "The command (default: all of them in short)");
+    help->callback([&] {
+        chosen = [&] {
+            PrintText(FindCommand(app, a.helpFor).help());
+            return Exit::Done;
+        };
+    });
+}
+
+// The words of a command line that are no options. What belongs to an option counts as well: it stands behind the
+// command.
+std::vector<std::string> Words(int argc, char** argv) {
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--scope") ++i;
+        if (!word.starts_with('-')) words.push_back(word);
+    }
+    return words;
+}
+
+Failure ParseFailure(CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
+    const CLI::App& command = FindCommand(app, Words(argc, argv));
+    std::string name = "oriel";
+    if (command.get_parent() != nullptr) {
+        const bool nested = command.get_parent()->get_parent() != nullptr;
+        name += " " + (nested ? command.get_parent()->get_name() + " " : "") + command.get_name();
+    }
+    std::string what = error.what();
+    std::replace(what.begin(), what.end(), '\n', ' ');
+    if (what.starts_with("A subcommand")) what = "a command is missing";
+    if (what.starts_with("The ")) what[0] = 't';
+    return UsageFailure(what, "see '" + name + " --help'");
 }
 
 // Asked before the parse, since that may fail before it comes to the option.
@@ -290,17 +377,15 @@ Exit Run(int argc, char** argv) {
     Command chosen;
     CLI::App app{"Reads and changes the status of monitored printers, and runs the product that keeps it.", "oriel"};
     app.set_version_flag("--version", ORIEL_VERSION);
-    bool json = false; // known already: WantsJson
-    app.add_flag("--json", json, "Results as JSON");
     app.require_subcommand(1);
     app.fallthrough();
 
-    CLI::App* up = app.add_subcommand("up", "Start the product; Ctrl-C stops it. Exits with 1 when it is up already");
-    up->add_flag("--quiet", arguments.up.quiet, "Only errors");
+    CLI::App* up = app.add_subcommand("up", "Start the product; Ctrl-C stops it. Ends with 1 if it is already up");
+    up->add_flag("--quiet", arguments.up.quiet, "Print only errors");
     up->add_flag("--demo-printer", arguments.up.demoPrinter,
-                 "With a printer \"Demo printer\" whose device plays a script");
+                 "Add a printer \"Demo printer\" whose device plays a script");
     up->callback([&] { chosen = [&] { return UpCommand(arguments.up); }; });
-    CLI::App* status = app.add_subcommand("status", "Tell what is installed and what runs");
+    CLI::App* status = app.add_subcommand("status", "Show what is installed and what runs");
     status->callback([&] { chosen = [] { return StatusCommand(); }; });
     AddVariableCommands(app, arguments, chosen);
     AddWatchCommands(app, arguments, chosen);
@@ -310,6 +395,8 @@ Exit Run(int argc, char** argv) {
     AddPrinterCommands(app, arguments, chosen);
     AddNameCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
+    AddHelpCommand(app, arguments, chosen);
+    AddCommonOptions(app, arguments);
     app.footer(kExitCodes); // last, or the commands would inherit it
 
     try {
@@ -318,11 +405,11 @@ Exit Run(int argc, char** argv) {
         app.exit(wanted);
         return Exit::Done;
     } catch (const CLI::ParseError& error) {
-        std::string what = error.what();
-        std::replace(what.begin(), what.end(), '\n', ' ');
-        if (what.starts_with("A ") || what.starts_with("The ")) what[0] += 'a' - 'A';
-        return Fail(UsageFailure(what, "'oriel --help' and 'oriel COMMAND --help' tell more"));
+        throw ParseFailure(app, argc, argv, error);
     }
+    if (ScopeName() == "environment" && !arguments.scope.empty())
+        throw UsageFailure("--scope has no effect here: the environment names the directories",
+                           "unset ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR, or omit it");
     return chosen();
 }
 
@@ -333,15 +420,17 @@ int main(int argc, char** argv) {
     try {
         DetectColour();
         g_output.json = WantsJson(argc, argv);
+        const std::vector<std::string> words = Words(argc, argv);
+        g_output.stream = !words.empty() && (words.front() == "up" || words.front() == "watch");
         result = Run(argc, argv);
     } catch (const Failure& failure) {
         result = Fail(failure);
     } catch (const std::exception& error) {
         result = Fail({Exit::False, "unexpected failure", error.what(), ""});
     }
-    if (OutputFailed() && result == Exit::Done) {
-        PrintError({Exit::False, "the result could not be written to standard output", "", ""});
-        result = Exit::False;
+    if (const std::optional<Failure> failure = OutputFailure()) {
+        PrintError(*failure);
+        if (result == Exit::Done) result = failure->exitCode;
     }
     return static_cast<int>(result);
 }

@@ -12,6 +12,18 @@ namespace {
 // A value that grows between the question for its size and its read is asked again; more often is not believable.
 constexpr int kAttempts = 8;
 
+void OpenManager(OpenedPrinter& printer, const ManagerOptions& options) {
+    const std::string name = RequireAnsi(printer.shownName, "the printer name");
+    const std::string user = RequireAnsi(options.user, "the user name");
+    SetLastError(ERROR_SUCCESS);
+    const int32_t status =
+        OpenManagerExA(name.c_str(), user.empty() ? nullptr : user.c_str(), options.kind, printer.manager.Receive());
+    const DWORD lastError = GetLastError();
+    const std::string what = "cannot open the printer \"" + printer.shownName + "\"";
+    if (status == TVS_E_UNAVAILABLE) throw WhyUnavailable(what, options.kind, lastError);
+    if (status != TVS_OK) throw StatusFailure(status, what);
+}
+
 } // namespace
 
 OpenedPrinter OpenPrinterOf(const ManagerOptions& options) {
@@ -24,14 +36,13 @@ OpenedPrinter OpenPrinterOf(const ManagerOptions& options) {
 
     const std::string name = KnownPrinterName(asked);
     OpenedPrinter printer{.shownName = ToUtf8(name), .variables = PrinterVariables(DriverOf(name).value_or(""))};
-    SetLastError(ERROR_SUCCESS);
-    const int32_t status =
-        OpenManagerExA(name.c_str(), user.empty() ? nullptr : user.c_str(), options.kind, printer.manager.Receive());
-    const DWORD lastError = GetLastError();
-    const std::string what = "cannot open a manager for \"" + printer.shownName + "\"";
-    if (status == TVS_E_UNAVAILABLE) throw WhyUnavailable(what, options.kind, lastError);
-    if (status != TVS_OK) throw StatusFailure(status, what);
+    OpenManager(printer, options);
     return printer;
+}
+
+void OpenAgain(OpenedPrinter& printer, const ManagerOptions& options) {
+    printer.manager.Reset();
+    OpenManager(printer, options);
 }
 
 std::string WhatOf(const char* verb, const std::string& variable, const OpenedPrinter& printer) {
@@ -44,9 +55,11 @@ const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name,
     if (const Variable* found = ansi ? FindVariable(printer.variables, *ansi) : nullptr) return *found;
     Failure failure = StatusFailure(TVS_E_UNKNOWN, WhatOf(verb, name, printer));
     failure.why = "unknown variable";
+    std::vector<std::string> names;
     for (const Variable& variable : printer.variables)
-        if (ansi && lstrcmpiA(variable.name.c_str(), ansi->c_str()) == 0)
-            failure.next = "did you mean " + ToUtf8(variable.name) + "?";
+        names.push_back(ToUtf8(variable.name));
+    if (const std::string nearest = Nearest(name, names); !nearest.empty())
+        failure.next = "did you mean " + nearest + "?";
     throw failure;
 }
 
@@ -103,6 +116,7 @@ Json VariableJson(const Variable& variable) {
 
 void AddValue(Json& json, const Decoded& decoded, const Bytes& value) {
     json["value"] = ToJson(decoded);
+    if (IsUnknown(decoded)) json["raw"] = decoded.number;
     if (!decoded.meanings.empty()) json["bits"] = NamedBits(decoded);
     json["hex"] = ToHex(value.data(), value.size());
 }

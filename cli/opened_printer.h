@@ -15,6 +15,8 @@ struct OpenedPrinter {
 
 // Throws Failure.
 OpenedPrinter OpenPrinterOf(const ManagerOptions& options);
+// Another manager in place of the one that it has. Throws Failure.
+void OpenAgain(OpenedPrinter& printer, const ManagerOptions& options);
 
 // "cannot VERB PageCount of "Front desk"".
 std::string WhatOf(const char* verb, const std::string& variable, const OpenedPrinter& printer);

@@ -1,4 +1,4 @@
-// Output of the command. State: g_output and whether a write failed.
+// Output of the command. State: g_output and why the first write failed.
 #include "output.h"
 
 #include "text.h"
@@ -6,14 +6,16 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 Output g_output;
 
 namespace {
 
-bool g_writeFailed = false;
+int g_writeError = 0; // of errno
 
 bool IsTerminal(DWORD which) {
     DWORD mode = 0;
@@ -52,8 +54,10 @@ std::string Styled(const std::string& text, Style style) {
 }
 
 void PrintText(const std::string& text) {
+    if (g_writeError != 0) return;
+    errno = 0;
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-        g_writeFailed = true;
+        g_writeError = errno != 0 ? errno : EIO;
 }
 
 void PrintLine(const std::string& line) {
@@ -68,14 +72,24 @@ void PrintJsonLine(const Json& document) {
     PrintLine(document.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-bool OutputFailed() {
-    return g_writeFailed;
+std::optional<Failure> OutputFailure() {
+    if (g_writeError == 0) return std::nullopt;
+    return Failure{Exit::False, "cannot write to standard output", std::strerror(g_writeError), ""};
 }
 
 void PrintError(const Failure& failure) {
     const std::string line = Printable(FailureLine(failure)) + "\n";
     const std::string name = g_output.errorColour ? Paint("oriel:", "1;31") : "oriel:";
     std::fputs((name + " " + line).c_str(), stderr);
+}
+
+void PrintFailure(const Failure& failure) {
+    PrintError(failure);
+    if (!g_output.json) return;
+    Json line = Json::object();
+    if (g_output.stream) line["event"] = "error";
+    line["error"] = FailureJson(failure);
+    PrintJsonLine(line);
 }
 
 Json FailureJson(const Failure& failure) {

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ enum class Style { Plain, Name, Good, Bad, Faint };
 
 struct Output {
     bool json = false;
+    bool stream = false;      // with json: a line for each event, failures too
     bool colour = false;      // standard output is a terminal and NO_COLOR is unset
     bool errorColour = false; // the same of standard error
 };
@@ -24,15 +26,18 @@ extern Output g_output;
 void DetectColour();
 std::string Styled(const std::string& text, Style style);
 
-// Writes at once; a failure (a full disk, a closed pipe) makes the exit code of the command Exit::False.
+// Writes at once. What cannot be written (a full disk, a closed pipe) is kept for OutputFailure.
 void PrintText(const std::string& text);
 void PrintLine(const std::string& line);
 void PrintJson(const Json& document);     // indented
 void PrintJsonLine(const Json& document); // on one line
-bool OutputFailed();
+// None while everything could be written.
+std::optional<Failure> OutputFailure();
 
 // One line on standard error.
 void PrintError(const Failure& failure);
+// The same, and with --json {"error": ...} on one line of standard output; in a stream with "event": "error" before it.
+void PrintFailure(const Failure& failure);
 // {"exitCode": 1, "what": ..., "why": ..., "next": ..., "code": -19}
 Json FailureJson(const Failure& failure);
 

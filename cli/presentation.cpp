@@ -190,10 +190,14 @@ Decoded Decode(const std::vector<Variable>& variables, const Variable& variable,
 
 // ---- 3 JSON
 
+bool IsUnknown(const Decoded& decoded) {
+    return decoded.form == Decoded::Form::Number && decoded.bits == 32 && decoded.number == UINT32_MAX;
+}
+
 Json ToJson(const Decoded& decoded) {
     switch (decoded.form) {
     case Decoded::Form::Number:
-        return decoded.number;
+        return IsUnknown(decoded) ? Json(nullptr) : Json(decoded.number);
     case Decoded::Form::Text:
         return decoded.text;
     case Decoded::Form::Bytes:
@@ -216,6 +220,7 @@ Json ToJson(const Decoded& decoded) {
 
 Json NamedBits(const Decoded& decoded) {
     Json names = Json::array();
+    if (IsUnknown(decoded)) return names;
     for (const BitMeaning& meaning : decoded.meanings)
         if (decoded.number & meaning.bit) names.push_back(meaning.meaning);
     return names;
@@ -226,9 +231,8 @@ Json NamedBits(const Decoded& decoded) {
 namespace {
 
 std::string NumberText(const Decoded& decoded) {
-    const uint64_t sign = uint64_t{1} << (decoded.bits - 1);
-    std::string text = std::to_string(decoded.number);
-    if (decoded.number == (sign << 1) - 1) text = "-1";
+    if (IsUnknown(decoded)) return kUnknown;
+    const std::string text = std::to_string(decoded.number);
     std::string meanings;
     for (const BitMeaning& meaning : decoded.meanings)
         if (decoded.number & meaning.bit) meanings += (meanings.empty() ? ": " : ", ") + std::string(meaning.meaning);
@@ -304,11 +308,15 @@ std::string Shown(const Variable& variable) {
     return ToUtf8(variable.name);
 }
 
+std::string ASizedNumber(unsigned bits) {
+    return (bits == 8 ? "an " : "a ") + std::to_string(bits) + "-bit number";
+}
+
 Bytes EncodeNumber(const std::string& word, unsigned bits, const std::string& name) {
-    const std::optional<uint64_t> number = ParseNumber(word, bits);
+    const std::optional<uint64_t> number = ParseKnownOrUnknown(word, bits);
     if (!number) {
-        throw UsageFailure("\"" + word + "\" is no number of " + std::to_string(bits) + " bits for " + name,
-                           "give it in decimal or with 0x");
+        throw UsageFailure(name + " takes " + ASizedNumber(bits) + ", not \"" + word + "\"",
+                           "give it in decimal, or in hexadecimal with 0x");
     }
     const auto* bytes = reinterpret_cast<const uint8_t*>(&*number);
     return Bytes(bytes, bytes + bits / 8);
@@ -319,8 +327,8 @@ Bytes EncodeNumber(const std::string& word, unsigned bits, const std::string& na
 Bytes EncodeText(const std::string& word, size_t size, const std::string& name) {
     const std::string ansi = RequireAnsi(word, name);
     if (ansi.size() >= size) {
-        throw UsageFailure("\"" + word + "\" is too long for " + name + ": it takes " +
-                           std::to_string(size ? size - 1 : 0) + " bytes, this has " + std::to_string(ansi.size()));
+        throw UsageFailure(name + " takes at most " + std::to_string(size ? size - 1 : 0) + " bytes, not " +
+                           std::to_string(ansi.size()));
     }
     Bytes bytes(ansi.begin(), ansi.end());
     bytes.resize(size);
@@ -339,8 +347,8 @@ Bytes EncodeFields(const RecordLayout& layout, const std::vector<std::string>& w
             std::string names;
             for (const FieldLayout& candidate : layout.fields)
                 names += (names.empty() ? "" : ", ") + std::string(candidate.name);
-            throw UsageFailure("\"" + word + "\" sets no field of " + layout.variable,
-                               "give field=value; its fields are " + names);
+            throw UsageFailure("\"" + word + "\" does not set a field of " + layout.variable,
+                               "give FIELD=VALUE; the fields are " + names);
         }
         const std::string name = std::string(layout.variable) + " " + field->name;
         const std::string text = word.substr(equals + 1);
@@ -352,6 +360,11 @@ Bytes EncodeFields(const RecordLayout& layout, const std::vector<std::string>& w
 
 } // namespace
 
+std::optional<uint64_t> ParseKnownOrUnknown(const std::string& word, unsigned bits) {
+    if (bits == 32 && word == kUnknown) return UINT32_MAX;
+    return ParseNumber(word, bits);
+}
+
 bool NeedsPresentValue(const Variable& variable) {
     return LayoutOf(variable) != nullptr;
 }
@@ -362,10 +375,10 @@ Bytes Encode(const Variable& variable, const std::vector<std::string>& words, co
     if (!bits && variable.type != VariableType::String) {
         const std::string kind = TypeName(variable.type);
         std::string next = "give its bytes with --hex or --file";
-        if (variable.type == VariableType::Composite) next = "set the variables that it is made of";
-        throw UsageFailure(Shown(variable) + " is of type " + kind + ", which has no value in words", next);
+        if (variable.type == VariableType::Composite) next = "set the variables it is made of";
+        throw UsageFailure(Shown(variable) + " has the type " + kind + ", which cannot be typed as text", next);
     }
-    if (words.size() != 1) throw UsageFailure(Shown(variable) + " takes one value", "quote a text that has blanks");
+    if (words.size() != 1) throw UsageFailure(Shown(variable) + " takes one value", "quote text that contains spaces");
     return bits ? EncodeNumber(words.front(), bits, Shown(variable))
                 : EncodeText(words.front(), variable.size, Shown(variable));
 }

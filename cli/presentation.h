@@ -31,8 +31,11 @@ struct Decoded {
 // variables: those of the printer, for the members of a composite.
 Decoded Decode(const std::vector<Variable>& variables, const Variable& variable, const Bytes& value);
 
-// A number is unsigned; one with known bits comes as a number too, and NamedBits tells the names of those that are set.
-// Bytes come as null: the caller adds them in hexadecimal.
+// The highest number of 32 bits says that the value is not known.
+bool IsUnknown(const Decoded& decoded);
+
+// A number is unsigned, null when it is not known; one with known bits comes as a number too, and NamedBits tells the
+// names of those that are set. Bytes come as null: the caller adds them in hexadecimal.
 Json ToJson(const Decoded& decoded);
 Json NamedBits(const Decoded& decoded);
 
@@ -40,8 +43,11 @@ std::string OneLine(const Decoded& decoded);
 // A line each for the fields of a record, else one line.
 std::string ManyLines(const Decoded& decoded);
 
-// The value that the user's words stand for. One word: a number or a text. field=value words: a record's fields, the
-// others as in `present`. Throws Failure (Exit::Usage).
+// The value that the user's words stand for. One word: a number, "unknown", or a text. field=value words: a record's
+// fields, the others as in `present`. Throws Failure (Exit::Usage).
 Bytes Encode(const Variable& variable, const std::vector<std::string>& words, const Bytes& present);
+// A number as the user types it, or "unknown".
+inline constexpr char kUnknown[] = "unknown";
+std::optional<uint64_t> ParseKnownOrUnknown(const std::string& word, unsigned bits);
 // True when Encode needs the present value.
 bool NeedsPresentValue(const Variable& variable);

@@ -1,7 +1,9 @@
 // Questions about the product. No state.
 #include "product.h"
 
+#include "layer.h"
 #include "registry.h"
+#include "text.h"
 
 #include "dblink/kernel_names.h"
 
@@ -19,7 +21,20 @@ bool StartsDesktopAgent(uint32_t clientKind) {
     return clientKind == 0 || clientKind == 7 || clientKind == 8 || clientKind == 11;
 }
 
+// " in /run/oriel (the system's product)".
+std::string In(const std::string& directory) {
+    if (directory.empty()) return "";
+    const std::string scope = ScopeName();
+    const char* whose = scope == "system" ? " (the system's product)" : scope == "user" ? " (your own product)" : "";
+    return " in " + Printable(directory) + whose;
+}
+
 } // namespace
+
+std::string HowToStart() {
+    if (ScopeName() != "system") return "start it with 'oriel up'";
+    return "start it as root with 'oriel up', or one of your own with 'oriel up --scope user'";
+}
 
 std::optional<std::string> InstalledDirectory() {
     return ReadText(HKEY_LOCAL_MACHINE, kProductKey, kDirectoryValue);
@@ -94,17 +109,19 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
     Failure failure = StatusFailure(TVS_E_UNAVAILABLE, what);
     const std::optional<std::string> directory = InstalledDirectory();
     if (!directory) {
-        failure.why = "the product is not installed on this machine";
-        failure.next = "install and start it with 'oriel up'";
+        failure.why = "no product is registered" + In(StateDirectoryName());
+        failure.next = HowToStart();
     } else if (!FileExists(*directory + kServiceProgram)) {
-        failure.why = std::string("the installation directory does not hold ") + kServiceProgram;
-        failure.next = "'oriel status' shows it; correct it with 'oriel reg set'";
+        failure.why = "the registered directory " + ShownPath(ToUtf8(*directory)) + " has no " + kServiceProgram;
+        failure.next =
+            std::string("correct it: oriel reg set 'HKLM\\") + kProductKey + "' " + kDirectoryValue + " PATH";
     } else if (ServiceState() != SERVICE_RUNNING) {
-        failure.why = "the status database service is not running";
-        failure.next = "start it with 'oriel up'";
+        failure.why = "no status database service runs" + In(RunDirectoryName());
+        failure.next = HowToStart();
     } else if (NeedsInitialisedProduct(clientKind) && !ProductInitialised()) {
-        failure.why = "client kind " + std::to_string(clientKind) + " needs the product to be up";
-        failure.next = "start it with 'oriel up', or use another --kind";
+        failure.why =
+            "client kind " + std::to_string(clientKind) + " needs a running product, and only its service runs";
+        failure.next = HowToStart() + ", or use another --kind";
     } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + kAgentProgram)) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " + kAgentProgram +
@@ -113,13 +130,13 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
     } else if (lastError == RPC_S_SERVER_UNAVAILABLE) {
         failure.exitCode = Exit::TimedOut;
         failure.why = "the status database service runs but does not answer";
-        failure.next = "try again; if it stays so, start the product anew";
+        failure.next = "try again; if that does not help, restart the product";
     } else if (lastError != ERROR_SUCCESS) {
         return StatusFailure(static_cast<int32_t>(lastError), what);
     } else if (NeedsInitialisedProduct(clientKind)) {
         failure.exitCode = Exit::False;
-        failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that no one has opened yet";
-        failure.next = "use another --kind once";
+        failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that nobody has opened yet";
+        failure.next = "open it once with another --kind";
     } else {
         failure.exitCode = Exit::False;
         failure.next = "try again; 'oriel status' shows whether the service runs";

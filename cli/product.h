@@ -35,5 +35,8 @@ DWORD ServiceState();
 const char* ServiceStateName(DWORD state);
 bool ProductInitialised();
 
+// "start it with 'oriel up'", as it is done for the product that this command talks to.
+std::string HowToStart();
+
 // Tells why the library could open no manager: it has one code for all reasons. lastError: what the failed open left.
 Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastError);

@@ -8,10 +8,28 @@
 
 #include <optional>
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
+
+struct ScopeText {
+    const char* name;
+    const char* text;
+};
+constexpr ScopeText kScopes[] = {
+    {"system", "system (shared by all users; --scope user: your own)"},
+    {"user", "user (your own; --scope system: the one shared by all users)"},
+    {"environment", "ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR"},
+};
 
 std::string YesNo(bool yes) {
     return yes ? Styled("yes", Style::Good) : Styled("no", Style::Bad);
+}
+
+std::string DirectoryText(const std::string& path) {
+    if (path.empty()) return "none that is safe to use";
+    return Printable(path);
 }
 
 } // namespace
@@ -23,12 +41,14 @@ Exit StatusCommand() {
     const bool running = state == SERVICE_RUNNING;
     const bool initialised = ProductInitialised();
     const bool fine = program && running;
+    const std::string scope = ScopeName();
     if (g_output.json) {
         PrintJson({{"version", ORIEL_VERSION},
                    {"installed", program},
-                   {"directory", directory ? Json(ToUtf8(*directory)) : Json(nullptr)},
+                   {"directory", directory ? Json(ShownPath(ToUtf8(*directory))) : Json(nullptr)},
                    {"service", ServiceStateName(state)},
                    {"initialised", initialised},
+                   {"scope", scope.empty() ? Json(nullptr) : Json(scope)},
                    {"stateDirectory", StateDirectoryName()},
                    {"runDirectory", RunDirectoryName()},
                    {"windowsVersion", SystemVersion()},
@@ -36,10 +56,10 @@ Exit StatusCommand() {
         return fine ? Exit::Done : Exit::NoService;
     }
 
-    std::string where = "not registered; 'oriel up' does it";
+    std::string where = "'oriel up' registers it";
     if (directory) {
-        where = Printable(ToUtf8(*directory));
-        if (!program) where += std::string(", which does not hold ") + kServiceProgram;
+        where = Printable(ShownPath(ToUtf8(*directory)));
+        if (!program) where += std::string(", which has no ") + kServiceProgram;
     }
     Table table;
     table.rows = {
@@ -48,11 +68,17 @@ Exit StatusCommand() {
         {"service",
          std::string(kServiceName) + " " + Styled(ServiceStateName(state), running ? Style::Good : Style::Bad)},
         {"initialised", YesNo(initialised)},
-        {"state directory", Printable(StateDirectoryName())},
-        {"run directory", Printable(RunDirectoryName())},
-        {"system version", SystemVersion()},
-        {"code page", std::to_string(GetACP())},
     };
+    const auto* scopeText = std::find_if(std::begin(kScopes), std::end(kScopes),
+                                         [&](const ScopeText& candidate) { return scope == candidate.name; });
+    if (scopeText != std::end(kScopes)) {
+        table.rows.push_back({"scope", scopeText->text});
+        table.rows.push_back({"state directory", DirectoryText(StateDirectoryName())});
+        table.rows.push_back({"run directory", DirectoryText(RunDirectoryName())});
+    }
+    table.rows.push_back({"system version", SystemVersion()});
+    table.rows.push_back({"code page", std::to_string(GetACP())});
     table.Print(false);
+    if (!fine) PrintLine(HowToStart());
     return fine ? Exit::Done : Exit::NoService;
 }

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace {
@@ -51,6 +52,23 @@ int HexDigit(char c) {
 
 char LowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+}
+
+// How many letters have to be put in, taken out, exchanged or swapped with their neighbour.
+size_t Slips(std::string_view a, std::string_view b) {
+    std::vector<std::vector<size_t>> table(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            size_t& here = table[i][j];
+            here = i == 0 ? j : i;
+            if (i == 0 || j == 0) continue;
+            const auto same = [&](size_t m, size_t n) { return LowerCase(a[m]) == LowerCase(b[n]); };
+            here = std::min({table[i - 1][j] + 1, table[i][j - 1] + 1, table[i - 1][j - 1] + !same(i - 1, j - 1)});
+            if (i > 1 && j > 1 && same(i - 1, j - 2) && same(i - 2, j - 1))
+                here = std::min(here, table[i - 2][j - 2] + 1);
+        }
+    }
+    return table[a.size()][b.size()];
 }
 
 } // namespace
@@ -182,4 +200,18 @@ bool MatchesPattern(std::string_view pattern, std::string_view text) {
     while (p < pattern.size() && pattern[p] == '*')
         ++p;
     return p == pattern.size();
+}
+
+std::string Nearest(std::string_view word, const std::vector<std::string>& candidates) {
+    constexpr size_t kLongest = 64; // of a word that is worth the work
+    std::string nearest;
+    size_t fewest = word.size() > kLongest ? 0 : 1 + std::min<size_t>(2, word.size() / 3);
+    for (const std::string& candidate : candidates) {
+        if (candidate.size() > kLongest || fewest == 0) continue;
+        if (const size_t slips = Slips(word, candidate); slips < fewest) {
+            fewest = slips;
+            nearest = candidate;
+        }
+    }
+    return nearest;
 }

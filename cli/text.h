@@ -31,5 +31,9 @@ std::optional<Bytes> FromHex(std::string_view text);
 // or as an unsigned number.
 std::optional<uint64_t> ParseNumber(std::string_view text, unsigned bits);
 
+// The candidate that the word was most likely meant to be: the same in another case, or a slip or two away; empty when
+// there is none.
+std::string Nearest(std::string_view word, const std::vector<std::string>& candidates);
+
 // Shell pattern with * and ?, letters without regard to case.
 bool MatchesPattern(std::string_view pattern, std::string_view text);

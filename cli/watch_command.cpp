@@ -1,36 +1,48 @@
-// watch: prints each change of variables as the library tells it, until a condition holds, the time is over or the user
-// ends it. terminate: asks all managers of the machine to shut down.
+// watch: prints the present values of variables and each change as the library tells it, until conditions hold, the
+// time is over or the user ends it. A restart of the service is survived. terminate: asks all managers of the machine
+// to shut down.
 #include "commands.h"
 
 #include "condition.h"
 #include "deliveries.h"
 #include "interrupt.h"
+#include "layer.h"
 #include "printers.h"
+#include "product.h"
+#include "service_client.h"
 
 #include <algorithm>
 
 namespace {
 
-constexpr size_t kMostVariables = 63; // that can be waited for together with the interrupt
 constexpr DWORD kLastWordsMs = 5000;
-// A registration takes hold a moment after the call that makes it, so what was written in that moment is looked for;
-// later a look finds out whether there is still a service that could tell anything.
+// A message or a pulse can get lost, so all variables are also read now and then: soon after the registration, later
+// less often.
 constexpr DWORD kFirstLooksMs[] = {50, 200, 1000};
 constexpr DWORD kLookMs = 5000;
-constexpr int kReadsMost = 4; // of a value that is being written
+constexpr DWORD kServiceLookMs = 1000; // between questions whether the service is still the same
+constexpr DWORD kServicePollMs = 200;  // while it is gone
+constexpr DWORD kReopenMs = 30000;     // for a printer to be opened once a service runs again
+constexpr int kReadsMost = 4;          // of a value that is being written
 
 struct Watched {
     const Variable* variable = nullptr;
     Bytes value;
     std::string written; // empty: never
+    bool failing = false;
 };
 
 struct Watch {
-    const OpenedPrinter& printer;
-    bool hex = false;
-    std::vector<Watched> variables;
-    std::vector<Condition> conditions;
+    OpenedPrinter& printer;
+    const ManagerOptions& options;
+    const WatchOptions& wanted;
+    std::vector<Watched> variables{};
+    std::vector<Condition> conditions{};
+    std::optional<ServiceDatabase> service{};
+    std::unique_ptr<Deliveries> deliveries{}; // goes first
 };
+
+// ---- what is shown
 
 Decoded DecodedValue(const Watch& watch, const Variable& variable, const Bytes& value) {
     return Decode(watch.printer.variables, variable, value);
@@ -38,13 +50,64 @@ Decoded DecodedValue(const Watch& watch, const Variable& variable, const Bytes& 
 
 std::string Shown(const Watch& watch, const Variable& variable, const Bytes& value) {
     if (variable.type == VariableType::Queue) return value.empty() ? "(empty)" : "(an item waits)";
-    return watch.hex ? ToHex(value.data(), value.size()) : OneLine(DecodedValue(watch, variable, value));
+    return watch.options.hex ? ToHex(value.data(), value.size()) : OneLine(DecodedValue(watch, variable, value));
 }
+
+std::string TimeNow() {
+    SYSTEMTIME now{};
+    GetSystemTime(&now);
+    return TimeText(now);
+}
+
+// A line of JSON: "start" has the value alone, "change" also the one before.
+void PrintValueJson(const Watch& watch, const char* event, const Watched& now, const Bytes* before) {
+    const Variable& variable = *now.variable;
+    Json json = {{"event", event},
+                 {"time", now.written.empty() ? Json(nullptr) : Json(now.written)},
+                 {"printer", watch.printer.shownName},
+                 {"name", ToUtf8(variable.name)}};
+    if (variable.type == VariableType::Queue) {
+        json["waiting"] = !now.value.empty();
+    } else {
+        if (before != nullptr) json["old"] = ToJson(DecodedValue(watch, variable, *before));
+        AddValue(json, DecodedValue(watch, variable, now.value), now.value);
+    }
+    PrintJsonLine(json);
+}
+
+void PrintStart(const Watch& watch, const Watched& now) {
+    if (g_output.json) {
+        PrintValueJson(watch, "start", now, nullptr);
+        return;
+    }
+    PrintLine(Styled("watching", Style::Faint) + " " + Styled(ToUtf8(now.variable->name), Style::Name) + ": " +
+              Shown(watch, *now.variable, now.value));
+}
+
+void PrintChange(const Watch& watch, const Watched& before, const Watched& now) {
+    if (g_output.json) {
+        PrintValueJson(watch, "change", now, &before.value);
+        return;
+    }
+    const std::string time = now.written.empty() ? "(never written)" : now.written;
+    PrintLine(Styled(time, Style::Faint) + "  " + Styled(ToUtf8(now.variable->name), Style::Name) + ": " +
+              Shown(watch, *now.variable, before.value) + " -> " + Shown(watch, *now.variable, now.value));
+}
+
+void PrintServiceEvent(const Watch& watch, const char* event, const char* text) {
+    if (g_output.json) {
+        PrintJsonLine({{"event", event}, {"time", TimeNow()}, {"printer", watch.printer.shownName}});
+    } else {
+        PrintLine(Styled(TimeNow(), Style::Faint) + "  " + text);
+    }
+}
+
+// ---- reading
 
 std::string WrittenNow(const Watch& watch, const Variable& variable) {
     std::string written;
     const int32_t status = ReadWriteTime(watch.printer, variable, written);
-    if (status != TVS_OK) throw StatusFailure(status, WhatOf("read", ToUtf8(variable.name), watch.printer));
+    if (status != TVS_OK) throw StatusFailure(status, WhatOf("watch", ToUtf8(variable.name), watch.printer));
     return written;
 }
 
@@ -55,7 +118,7 @@ Watched ReadNow(const Watch& watch, const Variable& variable) {
     for (int reads = 1;; ++reads) {
         Reading reading = ReadValue(watch.printer, variable, false);
         if (reading.status != TVS_OK)
-            throw StatusFailure(reading.status, WhatOf("read", ToUtf8(variable.name), watch.printer));
+            throw StatusFailure(reading.status, WhatOf("watch", ToUtf8(variable.name), watch.printer));
         now.value = std::move(reading.value);
         const std::string written = WrittenNow(watch, variable);
         if (written == now.written || reads == kReadsMost) return now;
@@ -63,46 +126,20 @@ Watched ReadNow(const Watch& watch, const Variable& variable) {
     }
 }
 
-void PrintChange(const Watch& watch, const Watched& before, const Watched& now) {
-    const Variable& variable = *now.variable;
-    if (g_output.json) {
-        Json json = {{"time", now.written.empty() ? Json(nullptr) : Json(now.written)},
-                     {"printer", watch.printer.shownName},
-                     {"name", ToUtf8(variable.name)}};
-        if (variable.type == VariableType::Queue) {
-            json["waiting"] = !now.value.empty();
-        } else {
-            json["old"] = ToJson(DecodedValue(watch, variable, before.value));
-            AddValue(json, DecodedValue(watch, variable, now.value), now.value);
-        }
-        PrintJsonLine(json);
-        return;
-    }
-    const std::string time = now.written.empty() ? "(never written)" : now.written;
-    PrintLine(Styled(time, Style::Faint) + "  " + Styled(ToUtf8(variable.name), Style::Name) + ": " +
-              Shown(watch, variable, before.value) + " -> " + Shown(watch, variable, now.value));
-}
-
-// As ReadNow, of a variable that was read before: only a service that is another one by now can refuse it.
-Watched ReadAgain(const Watch& watch, const Variable& variable) {
-    try {
-        return ReadNow(watch, variable);
-    } catch (Failure& failure) {
-        if (failure.exitCode != Exit::False) throw;
-        failure.exitCode = Exit::NoService;
-        failure.why = "the status database service was started anew, and knows nothing of this watch";
-        failure.next = "run the command again";
-        throw;
-    }
-}
-
-// Prints the variable when it was written since it was last looked at.
-void Look(Watch& watch, size_t place) {
+// Prints the variable when it was written since it was last looked at, or with onlyValues when its value differs. A
+// variable that cannot be read is told once, and looked at again.
+void Look(Watch& watch, size_t place, bool onlyValues = false) {
     Watched& last = watch.variables[place];
-    Watched now = ReadAgain(watch, *last.variable);
-    if (now.value == last.value && now.written == last.written) return;
-    PrintChange(watch, last, now);
-    last = std::move(now);
+    try {
+        Watched now = ReadNow(watch, *last.variable);
+        if (now.value != last.value || (now.written != last.written && !onlyValues)) PrintChange(watch, last, now);
+        last = std::move(now);
+    } catch (const Failure& failure) {
+        // One of a service that is gone is told as that.
+        if (watch.service->Look() != ServiceDatabase::Service::Same) return;
+        if (!last.failing) PrintFailure(failure);
+        last.failing = true;
+    }
 }
 
 bool ConditionsHold(const Watch& watch) {
@@ -115,76 +152,180 @@ bool ConditionsHold(const Watch& watch) {
            });
 }
 
+// ---- which variables
+
 void AddVariable(Watch& watch, const Variable& variable) {
-    if (!variable.readable)
-        throw Failure{Exit::False, WhatOf("watch", ToUtf8(variable.name), watch.printer),
-                      "the library lets no one read it", "", 0};
     const auto same = [&](const Watched& each) { return each.variable == &variable; };
-    if (std::any_of(watch.variables.begin(), watch.variables.end(), same)) return;
-    watch.variables.push_back({.variable = &variable});
+    if (std::none_of(watch.variables.begin(), watch.variables.end(), same))
+        watch.variables.push_back({.variable = &variable});
 }
 
-// How long until `due` milliseconds after `start`; 0 when that is over.
-DWORD Remaining(DWORD start, DWORD due) {
-    const DWORD elapsed = GetTickCount() - start;
-    return elapsed < due ? due - elapsed : 0;
+// Nothing named: all that can be watched.
+void ChooseVariables(Watch& watch) {
+    for (const std::string& text : watch.wanted.until)
+        watch.conditions.push_back(ParseCondition(watch.printer, text));
+    for (const std::string& name : watch.wanted.variables)
+        AddVariable(watch, FindNamed(watch.printer, name, "watch"));
+    for (const Condition& condition : watch.conditions)
+        AddVariable(watch, *condition.variable);
+    if (!watch.variables.empty()) return;
+    for (const Variable& variable : watch.printer.variables)
+        if (variable.readable) AddVariable(watch, variable);
 }
 
-Exit Follow(Watch& watch, Deliveries& deliveries, std::optional<DWORD> timeoutMs, HANDLE interrupted) {
-    const DWORD start = GetTickCount();
+// Throws Failure unless the variable can be read and watched.
+void Try(Watch& watch, const Watched& each, bool registers) {
+    if (!each.variable->readable)
+        throw Failure{Exit::False, WhatOf("watch", ToUtf8(each.variable->name), watch.printer),
+                      "this variable is write-only", ""};
+    ReadNow(watch, *each.variable);
+    if (registers) Register(watch.printer, {each.variable}, watch.wanted.by);
+}
+
+// Takes out what cannot be watched, and tells it. What a condition needs, and the last one, is the end instead.
+void DropUnwatchable(Watch& watch, bool registers) {
+    for (auto each = watch.variables.begin(); each != watch.variables.end();) {
+        try {
+            Try(watch, *each, registers);
+            ++each;
+        } catch (const Failure& failure) {
+            const bool needed = std::any_of(watch.conditions.begin(), watch.conditions.end(),
+                                            [&](const Condition& one) { return one.variable == each->variable; });
+            if (needed || watch.variables.size() == 1 || failure.exitCode == Exit::NoService) throw;
+            PrintFailure(failure);
+            each = watch.variables.erase(each);
+        }
+    }
+}
+
+void RegisterAll(Watch& watch) {
+    std::vector<const Variable*> list;
+    for (const Watched& each : watch.variables)
+        list.push_back(each.variable);
+    watch.deliveries = Register(watch.printer, list, watch.wanted.by);
+}
+
+void Begin(Watch& watch) {
+    ChooseVariables(watch);
+    watch.service.emplace(watch.printer, "cannot watch \"" + watch.printer.shownName + "\"");
+    DropUnwatchable(watch, false);
+    try {
+        RegisterAll(watch);
+    } catch (const Failure& failure) {
+        if (failure.code != TVS_E_UNKNOWN) throw; // the library does not say which one
+        DropUnwatchable(watch, true);
+        RegisterAll(watch);
+    }
+    // What is written from now on is told, so that whoever hears this may write.
+    for (Watched& each : watch.variables) {
+        each = ReadNow(watch, *each.variable);
+        PrintStart(watch, each);
+    }
+}
+
+// ---- following
+
+struct Clock {
+    std::optional<DWORD> timeoutMs;
+    DWORD start = GetTickCount();
+
+    DWORD Elapsed() const { return GetTickCount() - start; }
+    // Until `due` milliseconds after the start; 0 when that is over.
+    DWORD Until(DWORD due) const {
+        const DWORD elapsed = Elapsed();
+        return elapsed < due ? due - elapsed : 0;
+    }
+    DWORD UntilEnd() const { return timeoutMs ? Until(*timeoutMs) : INFINITE; }
+};
+
+enum class Ended { No, Interrupted, TimedOut };
+
+Ended Pause(const Clock& clock, HANDLE interrupted, DWORD pauseMs) {
+    if (WaitForSingleObject(interrupted, std::min(pauseMs, clock.UntilEnd())) == WAIT_OBJECT_0)
+        return Ended::Interrupted;
+    return clock.UntilEnd() == 0 ? Ended::TimedOut : Ended::No;
+}
+
+// Opens the printer again at another service, which knows nothing of this watch.
+void StartAnew(Watch& watch) {
+    watch.deliveries.reset();
+    watch.service.reset();
+    OpenAgain(watch.printer, watch.options);
+    watch.service.emplace(watch.printer, "cannot watch \"" + watch.printer.shownName + "\"");
+    RegisterAll(watch);
+}
+
+// Waits for a service, and goes on with it.
+Ended Survive(Watch& watch, const Clock& clock, HANDLE interrupted, bool gone) {
+    if (gone) PrintServiceEvent(watch, "service-ended", "the status service ended; waiting for it");
+    DWORD running = 0; // for how long a service runs that does not open the printer
+    for (;;) {
+        try {
+            if (ServiceState() == SERVICE_RUNNING) {
+                StartAnew(watch);
+                break;
+            }
+            running = 0;
+        } catch (const Failure&) {
+            running += kServicePollMs;
+            if (running > kReopenMs) throw;
+        }
+        if (const Ended ended = Pause(clock, interrupted, kServicePollMs); ended != Ended::No) return ended;
+    }
+    PrintServiceEvent(watch, "service-restarted", "the status service was restarted");
+    for (size_t i = 0; i < watch.variables.size(); ++i)
+        Look(watch, i, true);
+    return Ended::No;
+}
+
+Ended TendService(Watch& watch, const Clock& clock, HANDLE interrupted) {
+    const ServiceDatabase::Service found = watch.service->Look();
+    if (found == ServiceDatabase::Service::Same) return Ended::No;
+    return Survive(watch, clock, interrupted, found == ServiceDatabase::Service::Gone);
+}
+
+// Until the conditions hold: Ended::No.
+Ended Follow(Watch& watch, const Clock& clock, HANDLE interrupted) {
     size_t looks = 0;
-    DWORD lookDue = kFirstLooksMs[0];
-    while (WaitForSingleObject(interrupted, 0) != WAIT_OBJECT_0) {
-        if (OutputFailed()) return Exit::False; // nobody reads any more
-        const DWORD untilEnd = timeoutMs ? Remaining(start, *timeoutMs) : INFINITE;
-        if (untilEnd == 0) return Exit::TimedOut;
-        const DWORD untilLook = Remaining(start, lookDue);
-        if (const auto told = deliveries.Next(std::min(untilEnd, untilLook), interrupted)) {
-            Look(watch, *told);
-        } else if (Remaining(start, lookDue) == 0) {
+    DWORD lookDue = clock.Elapsed() + kFirstLooksMs[0];
+    DWORD serviceDue = clock.Elapsed() + kServiceLookMs;
+    while (!ConditionsHold(watch) && !OutputFailure()) {
+        if (const Ended ended = Pause(clock, interrupted, 0); ended != Ended::No) return ended;
+        const DWORD wait = std::min({clock.UntilEnd(), clock.Until(lookDue), clock.Until(serviceDue)});
+        if (const auto told = watch.deliveries->Next(wait, interrupted)) Look(watch, *told);
+        if (clock.Until(serviceDue) == 0) {
+            if (const Ended ended = TendService(watch, clock, interrupted); ended != Ended::No) return ended;
+            serviceDue = clock.Elapsed() + kServiceLookMs;
+        }
+        if (clock.Until(lookDue) == 0) {
             for (size_t i = 0; i < watch.variables.size(); ++i)
                 Look(watch, i);
             ++looks;
-            lookDue = looks < std::size(kFirstLooksMs) ? kFirstLooksMs[looks] : GetTickCount() - start + kLookMs;
+            lookDue = clock.Elapsed() + (looks < std::size(kFirstLooksMs) ? kFirstLooksMs[looks] : kLookMs);
         }
-        if (ConditionsHold(watch)) return Exit::Done;
     }
-    return watch.conditions.empty() ? Exit::Done : Exit::False;
+    return Ended::No;
 }
 
 } // namespace
 
 Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted) {
     const HANDLE interrupted = TakeOverInterrupts(kLastWordsMs);
-    const OpenedPrinter printer = OpenPrinterOf(options);
-    Watch watch{.printer = printer, .hex = options.hex, .variables = {}, .conditions = {}};
-    for (const std::string& text : wanted.until)
-        watch.conditions.push_back(ParseCondition(printer, text));
-    for (const std::string& name : wanted.variables)
-        AddVariable(watch, FindNamed(printer, name, "watch"));
-    for (const Condition& condition : watch.conditions)
-        AddVariable(watch, *condition.variable);
-    if (watch.variables.empty()) throw UsageFailure("watch needs a variable, or --until with a condition");
-    if (watch.variables.size() > kMostVariables)
-        throw UsageFailure("watch takes at most " + std::to_string(kMostVariables) + " variables");
-
-    std::vector<const Variable*> list;
-    for (Watched& each : watch.variables) {
-        each = ReadNow(watch, *each.variable);
-        list.push_back(each.variable);
+    KeepRunningOnClosedPipes();
+    const Clock clock{.timeoutMs = wanted.timeoutMs};
+    OpenedPrinter printer = OpenPrinterOf(options);
+    Watch watch{.printer = printer, .options = options, .wanted = wanted};
+    Begin(watch);
+    switch (Follow(watch, clock, interrupted)) {
+    case Ended::No:
+        return Exit::Done;
+    case Ended::Interrupted:
+        return watch.conditions.empty() ? Exit::Done : Exit::False;
+    case Ended::TimedOut:
+        break;
     }
-    const std::unique_ptr<Deliveries> deliveries = Register(printer, list, wanted.by);
-    for (const Watched& each : watch.variables)
-        if (!g_output.json)
-            PrintLine(Styled("watching", Style::Faint) + " " + Styled(ToUtf8(each.variable->name), Style::Name) + ": " +
-                      Shown(watch, *each.variable, each.value));
-    if (ConditionsHold(watch)) return Exit::Done;
-
-    const Exit result = Follow(watch, *deliveries, wanted.timeoutMs, interrupted);
-    if (result == Exit::TimedOut)
-        PrintError({Exit::TimedOut, "the time to watch \"" + printer.shownName + "\" is over",
-                    watch.conditions.empty() ? "" : "the condition did not come to hold", ""});
-    return result;
+    throw Failure{Exit::TimedOut, "watching \"" + printer.shownName + "\" timed out",
+                  watch.conditions.empty() ? "" : "the condition was not met", ""};
 }
 
 Exit TerminateCommand(const ManagerOptions& options) {

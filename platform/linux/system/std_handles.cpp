@@ -1,8 +1,10 @@
 // Standard streams: handles that are the numbers by which they are asked for. No state.
 #include <errhandlingapi.h>
+#include <oriel_streams.h>
 #include <stdhandleapi.h>
 #include <winerror.h>
 
+#include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -34,4 +36,8 @@ BOOL WINAPI GetConsoleMode(HANDLE consoleHandle, LPDWORD mode) {
     }
     *mode = 0;
     return TRUE;
+}
+
+void WINAPI OrielFailOnClosedPipes() {
+    std::signal(SIGPIPE, SIG_IGN);
 }

@@ -1,0 +1,37 @@
+// One binding for the process: there is one such database at a time. No state of its own.
+#include "service_client.h"
+
+namespace {
+
+void Check(Answer answer, const std::string& what) {
+    if (answer != Answer::Done) throw StatusFailure(static_cast<int32_t>(answer), what);
+}
+
+} // namespace
+
+ServiceDatabase::ServiceDatabase(const OpenedPrinter& printer, const std::string& what) : m_what(what) {
+    if (!BindStatusDatabase()) Check(Answer::InvalidBinding, m_what);
+    std::string name;
+    Check(FindPrinterDatabase(RequireAnsi(printer.shownName, "the printer name"), &name), m_what);
+    if (name.empty()) Check(Answer::UnknownDatabase, m_what);
+    Check(OpenDatabase(name.c_str(), m_database.Receive()), m_what);
+}
+
+Bytes ServiceDatabase::Read(const char* variable) const {
+    Bytes value;
+    Check(ReadWholeValue(m_database.Get(), variable, &value), m_what);
+    return value;
+}
+
+// A service never gives out a handle of the one before it.
+ServiceDatabase::Service ServiceDatabase::Look() const {
+    dblink::DatabaseInfo info{};
+    switch (GetDatabaseInfo(m_database.Get(), &info)) {
+    case Answer::Done:
+        return Service::Same;
+    case Answer::UnknownDatabase:
+        return Service::Another;
+    default:
+        return Service::Gone;
+    }
+}
