@@ -218,7 +218,8 @@ private:
         windowClass.cbSize = sizeof windowClass;
         windowClass.lpfnWndProc = &WindowProcedure;
         windowClass.lpszClassName = kWindowClass;
-        if (RegisterClassExA(&windowClass))
+        // The class stays with the process.
+        if (RegisterClassExA(&windowClass) || GetLastError() == ERROR_CLASS_ALREADY_EXISTS)
             window = CreateWindowExA(0, kWindowClass, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
         m_error = GetLastError();
         SetEvent(m_ready.Get());

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
+constexpr size_t kLongestNewName = 220; // that the spooler takes
 constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
 constexpr char kNameValue[] = "Name";           // the spooler's, of printers of its own
@@ -105,6 +106,15 @@ std::string RequirePrinterText(const std::string& text, const char* what) {
     return ansi;
 }
 
+// A backslash is a comma in the name of the registry's key: such a name stands for a printer of another machine.
+std::string RequireNewPrinterName(const std::string& text) {
+    const std::string name = RequirePrinterText(text, "the printer name");
+    if (name.size() > kLongestNewName || PrinterKeyName(name).find(',') != std::string::npos)
+        throw UsageFailure("\"" + text + "\" cannot be the name of a printer",
+                           "use 1 to 220 characters, and no comma or backslash");
+    return name;
+}
+
 std::string PrinterKeyName(const std::string& name) {
     std::string key = name;
     for (size_t i = 0; i < key.size(); ++i) {
@@ -175,7 +185,7 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
         Failure failure = SystemFailure(GetLastError(), "cannot add the printer \"" + ToUtf8(name) + "\"");
         if (failure.code == ERROR_INVALID_PRINTER_NAME) {
             failure.why = "not a valid name";
-            failure.next = "take 1 to 220 characters without a comma";
+            failure.next = "use 1 to 220 characters, and no comma or backslash";
         }
         throw failure;
     }
@@ -213,8 +223,8 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
         // Of its own printers the spooler keeps the name there too; others it could not remove afterwards.
         if (!ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kNameValue)) {
             Failure failure = SystemFailure(ERROR_NOT_SUPPORTED, what);
-            failure.why = "the printer is a print server's";
-            failure.next = "tell the product by 'oriel set PRINTER PrinterName NEW', then rename it there";
+            failure.why = "the printer belongs to a print server";
+            failure.next = "rename it there, and tell the product with 'oriel set PRINTER PrinterName NEW'";
             throw failure;
         }
         const auto buffer = SpoolerRecords(

@@ -27,6 +27,9 @@ std::vector<Printer> ScriptedPrinters();
 // The user's name of a printer, a driver or a port in ANSI. Throws Failure when it is none, or too long.
 std::string RequirePrinterText(const std::string& text, const char* what);
 
+// The same of the name of a printer that is to be made here.
+std::string RequireNewPrinterName(const std::string& text);
+
 // The registry's name of a printer's key: the name with commas for backslashes, double-byte characters left whole.
 std::string PrinterKeyName(const std::string& name);
 std::string PrinterKeyPath(const std::string& name);

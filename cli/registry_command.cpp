@@ -35,7 +35,7 @@ KeyPath ParseKey(const std::string& text) {
         const std::string below = end < text.size() ? text.substr(end + 1) : "";
         return {row.root, RequireAnsi(below, "the key"), row.name + (below.empty() ? "" : "\\" + below)};
     }
-    throw UsageFailure("\"" + text + "\" does not begin with a root", "begin with HKLM\\ or HKCU\\");
+    throw UsageFailure("\"" + text + "\" does not start with a root key", "start it with HKLM\\ or HKCU\\");
 }
 
 Failure KeyFailure(LSTATUS status, const std::string& verb, const KeyPath& key) {
@@ -157,7 +157,7 @@ Bytes EncodeData(DWORD type, const std::vector<std::string>& data) {
     Bytes bytes;
     if (type == REG_MULTI_SZ) {
         for (const std::string& text : data) {
-            if (text.empty()) throw UsageFailure("a string of a REG_MULTI_SZ cannot be empty");
+            if (text.empty()) throw UsageFailure("a string in a REG_MULTI_SZ cannot be empty");
             const Bytes one = ZeroEnded(text, "the data");
             bytes.insert(bytes.end(), one.begin(), one.end());
         }
@@ -169,14 +169,17 @@ Bytes EncodeData(DWORD type, const std::vector<std::string>& data) {
         for (const std::string& word : data)
             text += word + " ";
         const std::optional<Bytes> parsed = FromHex(text);
-        if (!parsed) throw UsageFailure("\"" + text + "\" is no list of bytes", "give two hexadecimal digits for each");
+        if (!parsed)
+            throw UsageFailure("\"" + text + "\" is not a list of bytes", "give two hexadecimal digits for each byte");
         return *parsed;
     }
-    if (data.size() != 1) throw UsageFailure(TypeName(type) + " takes one DATA", "quote a text that has blanks");
+    if (data.size() != 1) throw UsageFailure(TypeName(type) + " takes one DATA", "quote text that contains spaces");
     if (type == REG_SZ || type == REG_EXPAND_SZ) return ZeroEnded(data.front(), "the data");
     const unsigned bits = type == REG_QWORD ? 64 : 32;
     const std::optional<uint64_t> number = ParseNumber(data.front(), bits);
-    if (!number) throw UsageFailure("\"" + data.front() + "\" is no number of " + std::to_string(bits) + " bits");
+    if (!number)
+        throw UsageFailure(TypeName(type) + " takes a " + std::to_string(bits) + "-bit number, not \"" + data.front() +
+                           "\"");
     const auto* start = reinterpret_cast<const uint8_t*>(&*number);
     return Bytes(start, start + bits / 8);
 }
@@ -197,7 +200,7 @@ Exit RegQueryCommand(const std::string& keyText, const std::optional<std::string
     const std::optional<RegistryValue> value = ReadValue(key.Get(), RequireAnsi(*valueName, "the value name"));
     if (!value)
         throw Failure{Exit::False, "no value \"" + *valueName + "\" in " + path.shown, "",
-                      "'oriel reg query' of the key lists them"};
+                      "list them with 'oriel reg query \"" + path.shown + "\"'"};
     if (g_output.json) {
         PrintJson({{"key", path.shown}, {"value", ValueJson(*value)}});
     } else {
@@ -214,7 +217,7 @@ Exit RegSetCommand(const NewRegistryValue& value) {
     const Bytes data = value.name ? EncodeData(type->type, value.data) : Bytes{};
     RegistryKey key;
     LSTATUS status = CreateKey(path.root, path.path, key);
-    if (status != ERROR_SUCCESS) throw KeyFailure(status, "make the key", path);
+    if (status != ERROR_SUCCESS) throw KeyFailure(status, "create the key", path);
     if (value.name) {
         status = RegSetValueExA(key.Get(), RequireAnsi(*value.name, "the value name").c_str(), 0, type->type,
                                 data.data(), static_cast<DWORD>(data.size()));
@@ -236,7 +239,7 @@ Exit RegDeleteCommand(const std::string& keyText, const std::optional<std::strin
         if (status != ERROR_SUCCESS) throw KeyFailure(status, "delete \"" + *valueName + "\" of", path);
     } else {
         if (path.path.find_first_not_of('\\') == std::string::npos)
-            throw UsageFailure("a root cannot be deleted", "name a key below it");
+            throw UsageFailure("a root key cannot be deleted", "name a key below it");
         {
             const RegistryKey key = OpenKey(path.root, path.path, KEY_READ, &status);
             if (!key) throw KeyFailure(status, "delete", path);
@@ -257,7 +260,7 @@ Exit RegImportCommand(const std::string& file) {
     if (status != ERROR_SUCCESS) {
         const std::string where = line ? ", line " + std::to_string(line) : "";
         Failure failure = SystemFailure(static_cast<uint32_t>(status), "cannot import " + file + where);
-        if (status == ERROR_BAD_FORMAT) failure.next = "nothing was changed; correct that line";
+        if (status == ERROR_BAD_FORMAT) failure.next = "correct that line; nothing was changed";
         throw failure;
     }
     if (g_output.json) PrintJson({{"imported", file}});

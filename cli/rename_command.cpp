@@ -12,7 +12,7 @@ namespace {
 void RequireNoJobs(const std::string& name, const std::string& what) {
     const PrinterHandle spooler = OpenInSpooler(name);
     if (!spooler || ListJobs(spooler.Get(), ToUtf8(name)).empty()) return;
-    throw Failure{Exit::False, what, "it has jobs in the spooler", "let them print, or cancel them"};
+    throw Failure{Exit::False, what, "it has jobs in the spooler", "wait until they have printed, or cancel them"};
 }
 
 void PutText(char (&field)[TVS_PORT_TEXT_SIZE], const std::string& text, const char* what) {
@@ -32,7 +32,7 @@ int32_t StoreName(const OpenedPrinter& printer, const std::string& name) {
 // The product knows the printer by its new name before `up` can see a printer of that name with a script: what it then
 // opened would become a printer of its own.
 Exit RenameCommand(const ManagerOptions& options, const std::string& newName) {
-    const std::string name = RequirePrinterText(newName, "the new name");
+    const std::string name = RequireNewPrinterName(newName);
     const OpenedPrinter printer = OpenPrinterOf(options);
     const std::string oldName = RequireAnsi(printer.shownName, "the printer name");
     const std::string what = "cannot rename \"" + printer.shownName + "\" to \"" + newName + "\"";
@@ -55,7 +55,7 @@ Exit PortCommand(const ManagerOptions& options, const std::optional<NewPort>& wa
     std::optional<TvsPortRecord> record;
     if (wanted) {
         const std::optional<uint64_t> kind = ParseNumber(wanted->kind, 32);
-        if (!kind) throw UsageFailure("\"" + wanted->kind + "\" is no kind of a port", "it is a 32-bit number");
+        if (!kind) throw UsageFailure("KIND takes a 32-bit number, not \"" + wanted->kind + "\"");
         record = TvsPortRecord{};
         record->portKind = static_cast<uint32_t>(*kind);
         PutText(record->portName, wanted->name, "the port's name");

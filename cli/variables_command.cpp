@@ -22,6 +22,7 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
     const OpenedPrinter printer = OpenPrinterOf(options);
     Json list = Json::array();
     Table table{{{"NAME", "TYPE", "SIZE", "WRITTEN (UTC)", "VALUE"}}};
+    bool missing = false; // from the database, which was made before the model was registered
     for (const Variable& variable : printer.variables) {
         const std::string name = ToUtf8(variable.name);
         const auto matches = [&](const std::string& pattern) { return MatchesPattern(pattern, name); };
@@ -33,11 +34,12 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
         const Reading reading = variable.readable ? ReadValue(printer, variable, false) : Reading{TVS_E_UNKNOWN, {}};
         if (!variable.readable) {
             json["readable"] = false;
-            shown = "(not readable)";
+            shown = "(write-only)";
         } else if (reading.status != TVS_OK) {
             const Failure failure = StatusFailure(reading.status, WhatOf("read", name, printer));
             if (Aborts(failure)) throw failure;
             json["error"] = FailureJson(failure);
+            missing = missing || variable.fromModel;
             shown = "(" + failure.why + ", status " + std::to_string(reading.status) + ")";
         } else if (queue) {
             json["waiting"] = !reading.value.empty();
@@ -53,12 +55,16 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
         list.push_back(std::move(json));
     }
     const bool none = list.empty();
+    if (missing)
+        PrintError({Exit::Done, "variables of the model are missing from the database of \"" + printer.shownName + "\"",
+                    "the model was registered after the printer was first opened",
+                    "restart the product; databases are then made anew"});
     if (g_output.json) {
         PrintJson({{"printer", printer.shownName}, {"variables", list}});
     } else if (!none) {
         table.Print();
     } else {
-        PrintError({Exit::False, "no variable of \"" + printer.shownName + "\" has such a name", "",
+        PrintError({Exit::False, "no variable of \"" + printer.shownName + "\" matches", "",
                     "list all with 'oriel vars PRINTER'"});
     }
     return none ? Exit::False : Exit::Done;
@@ -100,8 +106,8 @@ Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& n
         if (reading.status != TVS_OK) {
             Failure failure = StatusFailure(reading.status, WhatOf("read", name, printer));
             if (!variable.readable) {
-                failure.why = "the library lets no one read it";
-                failure.next = "'oriel info' tells when it was last written";
+                failure.why = "this variable is write-only";
+                failure.next = "'oriel info' shows when it was last written";
             }
             throw failure;
         }
@@ -156,7 +162,8 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
     if (value.hex) {
         std::optional<Bytes> parsed = FromHex(*value.hex);
         if (!parsed)
-            throw UsageFailure("\"" + *value.hex + "\" is no list of bytes", "give two hexadecimal digits for each");
+            throw UsageFailure("\"" + *value.hex + "\" is not a list of bytes",
+                               "give two hexadecimal digits for each byte");
         bytes = std::move(*parsed);
     } else {
         bytes = BytesOf(ReadWholeFile(*value.file));
@@ -166,7 +173,7 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
     const bool fixed = bounded && variable.type != VariableType::String;
     if ((fixed && bytes.size() != variable.size) || (bounded && bytes.size() > variable.size)) {
         throw UsageFailure(ToUtf8(variable.name) + " takes " + (fixed ? "" : "at most ") +
-                           std::to_string(variable.size) + " bytes, these are " + std::to_string(bytes.size()));
+                           std::to_string(variable.size) + " bytes, not " + std::to_string(bytes.size()));
     }
     return bytes;
 }
@@ -195,10 +202,10 @@ int32_t TakeResult(const OpenedPrinter& printer, uint32_t request) {
     const int32_t status = ResSetPrinterStatus(printer.manager.Get(), request, &result);
     if (status != TVS_OK) throw StatusFailure(status, what);
     if (result == TVS_E_UNKNOWN)
-        throw Failure{Exit::False, what, "the printer has no result of such a request",
-                      "each result is given once, to whoever asks first", result};
+        throw Failure{Exit::False, what, "the printer has no result for this request", "each result can be taken once",
+                      result};
     if (result == TVS_REQUEST_PENDING)
-        throw Failure{Exit::False, what, "it has not finished, and its result will not be kept", "", result};
+        throw Failure{Exit::False, what, "it has not finished, and its result is lost now", "", result};
     if (result != TVS_OK) throw StatusFailure(result, "request " + std::to_string(request) + " failed");
     return result;
 }
