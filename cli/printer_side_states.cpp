@@ -2,6 +2,7 @@
 #include "printer_side_states.h"
 
 #include "failure.h"
+#include "opened_printer.h"
 #include "product.h"
 #include "registry.h"
 
@@ -76,6 +77,19 @@ std::string WhyNotRunning(const PrinterSideState& state) {
     if (state.code == kCannotBegin) return "it could not begin; its message is where 'oriel up' writes its own";
     if (state.code > kSignals) return "it was ended by signal " + std::to_string(state.code - kSignals);
     return "it ended with " + std::to_string(state.code);
+}
+
+Json SideJson(const PrinterSideState& state) {
+    return {{"state", SideStateName(state.state)},
+            {"why", WhyNotRunning(state)},
+            {"code", state.code},
+            {"pauseMs", state.pauseMs},
+            {"since", TimeText(state.since)}};
+}
+
+std::string SideText(const PrinterSideState& state) {
+    const std::string why = WhyNotRunning(state);
+    return SideStateName(state.state) + (why.empty() ? "" : ": " + why);
 }
 
 void PublishSideState(const PrinterSideState& state) {

@@ -12,6 +12,8 @@
 // over.
 #pragma once
 
+#include "output.h"
+
 #include <windows.h>
 
 #include <string>
@@ -41,6 +43,11 @@ const char* SideStateName(SideState state);
 // Why it does not run, as one phrase without a full stop: "it was ended by signal 9", "its script or command line is
 // wrong (TVSPSD.EXE --check tells what)". Empty when it runs.
 std::string WhyNotRunning(const PrinterSideState& state);
+
+// {"state", "why", "code", "pauseMs", "since"}.
+Json SideJson(const PrinterSideState& state);
+// "running", "restarting: it ended with 3".
+std::string SideText(const PrinterSideState& state);
 
 // For `oriel up`. A registry that cannot be written loses what is told here, and nothing else.
 void PublishSideState(const PrinterSideState& state);

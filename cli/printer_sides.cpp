@@ -1,6 +1,7 @@
 // Processes of the printer sides. State: the object's.
 #include "printer_sides.h"
 
+#include "child_program.h"
 #include "output.h"
 #include "printers.h"
 #include "product.h"
@@ -12,35 +13,9 @@
 
 namespace {
 
-constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
 constexpr DWORD kSettingsMs = 2000; // between looks at which printers have a script
 constexpr DWORD kStopMs = 5000;     // for those that were told to end
 constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to make its database
-
-// A word of a command line as the C run-time divides it.
-std::string Quoted(const std::string& word) {
-    std::string quoted = "\"";
-    size_t backslashes = 0;
-    for (const char c : word) {
-        if (c == '"') quoted.append(backslashes + 1, '\\');
-        backslashes = c == '\\' ? backslashes + 1 : 0;
-        quoted += c;
-    }
-    quoted.append(backslashes, '\\');
-    return quoted + '"';
-}
-
-// Starts a program with that command line; empty when it cannot, which the last error then tells.
-KernelHandle StartProgram(const std::string& program, std::string commandLine) {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION information{};
-    if (!CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &information))
-        return {};
-    CloseHandle(information.hThread);
-    return KernelHandle(information.hProcess);
-}
 
 bool HasPassed(DWORD due) {
     return static_cast<LONG>(GetTickCount() - due) >= 0;

@@ -20,8 +20,8 @@ struct Printer {
 void EnsurePrintersKey();
 
 std::vector<Printer> ListPrinters();
-// Those that have a script: name, port and script. Reads the registry alone, and so does not wake a print server that is
-// started when it is asked; but for a printer of that server which was given a script.
+// Those that have a script: name, port and script. Reads the registry alone, and so does not wake a print server that
+// is started when it is asked; but for a printer of that server which was given a script.
 std::vector<Printer> ScriptedPrinters();
 
 // The user's name of a printer, a driver or a port in ANSI. Throws Failure when it is none, or too long.

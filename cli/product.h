@@ -13,6 +13,7 @@ inline constexpr char kModelsKey[] = "SOFTWARE\\Tavik\\Oriel\\Printers";
 inline constexpr char kServiceName[] = "TVORSDB";
 inline constexpr char kServiceDisplayName[] = "Oriel status database";
 inline constexpr char kServiceProgram[] = "TVSDBN.EXE";
+inline constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
 inline constexpr char kAgentProgram[] = "TVORPZ.EXE";
 inline constexpr char kServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
 inline constexpr char kUpMutex[] = "TVORPWDMutex"; // held by the start-up process; never with the Global prefix

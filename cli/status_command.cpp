@@ -3,6 +3,7 @@
 
 #include "layer.h"
 #include "output.h"
+#include "printer_side_states.h"
 #include "product.h"
 #include "text.h"
 
@@ -42,12 +43,20 @@ Exit StatusCommand() {
     const bool initialised = ProductInitialised();
     const bool fine = program && running;
     const std::string scope = ScopeName();
+    const std::vector<PrinterSideState> sides = ReadPrinterSideStates();
     if (g_output.json) {
+        Json sideList = Json::array();
+        for (const PrinterSideState& side : sides) {
+            Json json = {{"printer", ToUtf8(side.printer)}};
+            json.update(SideJson(side));
+            sideList.push_back(std::move(json));
+        }
         PrintJson({{"version", ORIEL_VERSION},
                    {"installed", program},
                    {"directory", directory ? Json(ShownPath(ToUtf8(*directory))) : Json(nullptr)},
                    {"service", ServiceStateName(state)},
                    {"initialised", initialised},
+                   {"printerSides", sideList},
                    {"scope", scope.empty() ? Json(nullptr) : Json(scope)},
                    {"stateDirectory", StateDirectoryName()},
                    {"runDirectory", RunDirectoryName()},
@@ -69,6 +78,8 @@ Exit StatusCommand() {
          std::string(kServiceName) + " " + Styled(ServiceStateName(state), running ? Style::Good : Style::Bad)},
         {"initialised", YesNo(initialised)},
     };
+    for (const PrinterSideState& side : sides)
+        table.rows.push_back({"printer side", Printable(ToUtf8(side.printer)) + ", " + SideText(side)});
     const auto* scopeText = std::find_if(std::begin(kScopes), std::end(kScopes),
                                          [&](const ScopeText& candidate) { return scope == candidate.name; });
     if (scopeText != std::end(kScopes)) {
