@@ -174,6 +174,9 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideC
  * buffer, size, returnedSize  as for GetPrinterStatusA; with no buffer the printer is not asked. A string that is cut is not
  *                             terminated.
  *
+ * A printer can be asked for variables with names of up to 31 characters, which is what the request has room for; one with
+ * a longer name is TVS_E_UNKNOWN.
+ *
  * A variable that a printer cannot be asked for is read as by GetPrinterStatusA. The wide form gives the wide form of the
  * value, as GetPrinterStatusW does.
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW (the printer side takes no
@@ -191,6 +194,9 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const Tv
  *
  * data, size  the value as the variable's type has it; of a variable-length value its payload. A text of a refresh ends at its
  *             NUL or at the size. The wide form takes the wide form of the value, as UpdatePrinterStatusW does.
+ *
+ * A printer takes variables with names of up to 30 characters, one less than a read: the request names another variable,
+ * with a "W" behind the name. One with a longer name is TVS_E_UNKNOWN.
  *
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW, TVS_E_AUTHORITY, TVS_E_SIZE (not
  * the size that the variable has), TVS_E_NOT_READY, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NOT_NOW (a refresh, and the spooler takes
@@ -263,8 +269,8 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWi
  * SetPrinterStatusDirectA and SetPrinterStatusDirectW.
  *
  * Return, in the order in which they are tested, TVS_E_FAULT (requestId), TVS_E_HANDLE, TVS_E_NO_OWNER (message forms),
- * TVS_E_UNKNOWN (also for what no printer can be asked for, or a name of more than 31 characters), TVS_E_NOT_NOW (the printer
- * side takes no requests), then for a read TVS_E_NOT_READY (the port takes none) and TVS_E_AUTHORITY, for a write the
+ * TVS_E_UNKNOWN (also for what no printer can be asked for, or a name of more than 31 characters, for a write 30), TVS_E_NOT_NOW
+ * (the printer side takes no requests), then for a read TVS_E_NOT_READY (the port takes none) and TVS_E_AUTHORITY, for a write the
  * authority first; TVS_E_NOT_READY (the spooler is not ready), TVS_E_MEMORY and TVS_E_FAULT (the data), TVS_E_REQUEST_LOCK,
  * TVS_E_NOT_NOW (a refresh, and the spooler takes none), TVS_E_UNKNOWN (the value is not one that the variable takes),
  * TVS_E_MEMORY (also when no thread can be started), TVS_OK; or an answer of the service (-3, -5, -7, -8, -11 or -15) or a

@@ -59,6 +59,7 @@ Status ReadDirect(ManagerRecord* manager, const StatusVariableDef& variable, con
                   uint32_t* returned, bool* returnedWritten) {
     if ((variable.flags & (SVF_DIRECT | SVF_DIRECT_READ)) == 0)
         return ReadCurrent(manager, variable, target, returned, returnedWritten);
+    if (!FitsMailbox(manager, RequestKind::Read, variable)) return TVS_E_UNKNOWN;
     if (const Status status = CheckRead(manager); status != TVS_OK) return status;
 
     const MutexHold lock(manager->requestMutex);

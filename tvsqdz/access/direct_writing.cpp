@@ -32,6 +32,8 @@ Status CheckWrite(const ManagerRecord* manager, const StatusVariableDef& variabl
 Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size) {
     if ((variable.flags & SVF_WRITABLE) == 0) return TVS_E_UNKNOWN;
     if ((variable.flags & SVF_DIRECT) == 0) return WriteByHandler(manager, variable, data, size);
+    const RequestKind kind = WriteKindOf(variable.name);
+    if (!FitsMailbox(manager, kind, variable)) return TVS_E_UNKNOWN;
     if (const Status status = CheckWrite(manager, variable, size); status != TVS_OK) return status;
     CallerValue value(data, size); // before anybody is held up
     if (value.Result() != TVS_OK) return value.Result();
@@ -39,7 +41,7 @@ Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, co
     const MutexHold lock(manager->requestMutex);
     if (lock.held == nullptr) return TVS_E_NOT_READY;
     if (const Status status = PlaceValue(manager->printerDatabase, variable, value); status != TVS_OK) return status;
-    return AskPrinter(manager, WriteKindOf(variable.name), variable, lock.result);
+    return AskPrinter(manager, kind, variable, lock.result);
 }
 
 int32_t TVS_CALL SetPrinterStatusDirectA(TvsManager manager, const char* variable, const void* data, uint32_t size) {

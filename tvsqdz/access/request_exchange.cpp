@@ -2,6 +2,7 @@
 #include "access/request_exchange.h"
 
 #include "access/printer_readiness.h"
+#include "catalogue/variable_lookup.h"
 #include "frame/guards.h"
 #include "frame/object_names.h"
 #include "frame/process_state.h"
@@ -17,12 +18,6 @@ constexpr char kWriteRequest[] = "WriteRequest";
 constexpr char kRefresh[] = "Refresh";
 constexpr char kRefreshStatus[] = "RefreshStatus";
 constexpr char kResult[] = "RWResult";
-
-// The variable that carries the value of a write.
-struct CompanionName {
-    explicit CompanionName(const char* variableName) { snprintf(text, sizeof text, "%sW", variableName); }
-    char text[dblink::kVariableNameMax + 2]; // the service refuses what is too long
-};
 
 struct ForwardText {
     char text[dblink::kRequestTextMax + 1];
@@ -41,16 +36,18 @@ Answer WriteText(DatabaseHandle database, const char* variable, const char* text
     return WriteVariable(database, variable, text, static_cast<DWORD>(strlen(text) + 1));
 }
 
-Answer PostRequest(const PrinterRequest& request) {
-    switch (request.kind) {
-    case RequestKind::Read:
-        return WriteText(request.printerDatabase, kReadRequest, request.variableName);
-    case RequestKind::Write:
-        return WriteText(request.printerDatabase, kWriteRequest, CompanionName(request.variableName).text);
-    case RequestKind::Refresh:
-        return WriteText(request.printerDatabase, kWriteRequest, kRefreshStatus);
+// What a request names: of a write the companion, the variable that carries its value.
+struct RequestText {
+    RequestText(RequestKind kind, const char* variableName) {
+        const char* name = kind == RequestKind::Refresh ? kRefreshStatus : variableName;
+        snprintf(text, sizeof text, "%s%s", name, kind == RequestKind::Write ? "W" : "");
     }
-    return Answer::BadArgument;
+    char text[dblink::kVariableNameMax + 2]; // the service refuses what is too long
+};
+
+Answer PostRequest(const PrinterRequest& request) {
+    return WriteText(request.printerDatabase, MailboxOf(request.kind),
+                     RequestText(request.kind, request.variableName).text);
 }
 
 // A watch on the result, ended with the guard.
@@ -142,13 +139,18 @@ RequestKind WriteKindOf(const char* variableName) {
     return strcmp(variableName, kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
 }
 
+bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable) {
+    const StatusVariableDef* mailbox = FindStatusVariable(manager, MailboxOf(kind));
+    return mailbox != nullptr && strlen(RequestText(kind, variable.name).text) < mailbox->size;
+}
+
 Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
     if (WriteKindOf(variable.name) == RequestKind::Refresh) {
         if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
         const CallerValue::Bytes text = value.Text();
         return PassOn(WriteVariable(printerDatabase, kRefreshStatus, text.data, text.size));
     }
-    const CompanionName companion(variable.name);
+    const RequestText companion(RequestKind::Write, variable.name);
     const CallerValue::Bytes stored = value.Stored((variable.flags & SVT_VARIABLE) != 0);
     const Answer answer = WriteVariable(printerDatabase, companion.text, stored.data, stored.size);
     return answer == Answer::Done ? TVS_OK : TVS_E_UNKNOWN;

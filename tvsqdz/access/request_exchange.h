@@ -13,6 +13,7 @@
 
 #include "access/caller_value.h"
 #include "catalogue/status_variable.h"
+#include "dblink/client.h"
 #include "frame/manager_record.h"
 #include "frame/status.h"
 
@@ -32,6 +33,10 @@ PrinterRequest RequestOf(const ManagerRecord* manager, RequestKind kind, const c
 
 // What a write of that variable asks for: a refresh is the write of "RefreshStatus".
 RequestKind WriteKindOf(const char* variableName);
+
+// What such a request names fits the mailbox: the name of the variable, or that of its companion, which is one longer.
+// The printer cannot be asked for a variable with a longer name.
+bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable);
 
 // Places what a write or a refresh of a variable is about. TVS_OK; TVS_E_UNKNOWN when a companion does not take the
 // value; TVS_E_NOT_NOW for a refresh while the spooler takes none; or the service's answer to the text of a refresh.

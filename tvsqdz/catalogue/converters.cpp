@@ -215,8 +215,9 @@ Status ConvertQueue(const Direction& direction, const void* source, void* destin
     Scratch from(fromSize);
     Scratch to(told);
     if (from.Data() == nullptr || to.Data() == nullptr) return Refuse(told, outSize);
-    if (!CopyFromCaller(from.Data(), source, fromSize)) return TVS_E_FAULT;
-    memcpy(to.Data(), &count, kCountSize); // the one that the sizes are of, whatever the source says meanwhile
+    const auto* entries = static_cast<const BYTE*>(source) + kCountSize; // the count has been read, and stands
+    if (!CopyFromCaller(from.Data() + kCountSize, entries, fromSize - kCountSize)) return TVS_E_FAULT;
+    memcpy(to.Data(), &count, kCountSize);
     for (SIZE_T i = 0; i < count; ++i)
         direction.convert(kJobForms, from.Data() + kCountSize + i * fromStride, to.Data() + kCountSize + i * toStride);
     if (!CopyToCaller(destination, to.Data(), told)) return TVS_E_FAULT;
@@ -225,6 +226,23 @@ Status ConvertQueue(const Direction& direction, const void* source, void* destin
 }
 
 } // namespace
+
+Status CopyWideQueue(const void* callersQueue, uint32_t size, HeapBlock* copy) {
+    if (callersQueue == nullptr) return TVS_E_FAULT;
+    if (size < kCountSize) return TVS_E_MEMORY; // it ends before its count
+    uint32_t count = 0;
+    if (!CopyFromCaller(&count, callersQueue, kCountSize)) return TVS_E_FAULT;
+    const uint64_t needed = QueueSize(count, kJobForms.wideSize);
+    if (needed > size) return TVS_E_MEMORY;
+    HeapBlock block(static_cast<SIZE_T>(needed));
+    if (block.memory == nullptr) return TVS_E_MEMORY;
+    memcpy(block.memory, &count, kCountSize);
+    const auto* entries = static_cast<const BYTE*>(callersQueue) + kCountSize;
+    if (!CopyFromCaller(block.memory + kCountSize, entries, static_cast<SIZE_T>(needed) - kCountSize))
+        return TVS_E_FAULT;
+    copy->memory = block.Take();
+    return TVS_OK;
+}
 
 int32_t WINAPI JobRecordToWide(void* wide, void* ansi, uint32_t size, uint32_t* outSize) {
     return ConvertRecord(kJobForms, kToWide, ansi, wide, size, outSize);

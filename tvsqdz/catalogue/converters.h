@@ -15,6 +15,9 @@
 //   TVS_E_SIZE    StringToWide alone: the text did not fit and was cut
 #pragma once
 
+#include "frame/heap.h"
+#include "frame/status.h"
+
 #include <tvsqdz.h>
 #include <windows.h>
 
@@ -36,6 +39,11 @@ int32_t WINAPI PortExToAnsi(void* wide, void* ansi, uint32_t size, uint32_t* out
 // also bounds how much of the destination (ToWide) or of the source (ToAnsi) is touched.
 int32_t WINAPI JobQueueToWide(void* wide, void* ansi, uint32_t size, uint32_t* outSize);
 int32_t WINAPI JobQueueToAnsi(void* wide, void* ansi, uint32_t size, uint32_t* outSize);
+
+// A copy of a caller's wide queue: its count, and as many entries. A conversion asks a queue twice how long it is, once
+// for the size and once for the entries, and both times the answer has to be the same. TVS_OK, TVS_E_FAULT, or
+// TVS_E_MEMORY, also for a queue that is longer than the size says.
+Status CopyWideQueue(const void* callersQueue, uint32_t size, HeapBlock* copy);
 
 // The out-size is twice the size (StringToWide) or half of it (StringToAnsi), whatever the text. A wide text ends at
 // its NUL or at the size.

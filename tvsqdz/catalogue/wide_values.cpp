@@ -62,25 +62,37 @@ Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const
     return ReadAndConvert(manager, variable, target.buffer, wideSize, ansiRoom, returned, returnedWritten, read);
 }
 
-Status AskNarrowSize(const StatusVariableDef& variable, const void* value, uint32_t size, uint32_t* narrowSize) {
-    if (size > kWideSizeMax) return PassOn(Answer::WrongSize);
-    // Asked with the value, for a queue has its count there. No converter writes its source.
-    const Status status = variable.toAnsi(const_cast<void*>(value), nullptr, size, narrowSize);
-    if (status == TVS_E_FAULT) return status;
+WideValue::WideValue(const StatusVariableDef& variable, const void* callersValue, uint32_t size)
+    : m_variable(variable), m_value(const_cast<void*>(callersValue)), m_size(size) {
+    if (size > kWideSizeMax) {
+        m_result = PassOn(Answer::WrongSize);
+    } else if ((variable.flags & SVT_PROBED) != 0) {
+        m_result = CopyWideQueue(callersValue, size, &m_copy);
+        m_value = m_copy.memory;
+    }
+}
+
+Status WideValue::AskNarrowSize(uint32_t* narrowSize) {
+    if (m_result != TVS_OK) return m_result;
+    m_variable.toAnsi(m_value, nullptr, m_size, narrowSize); // a queue is asked with its count; no other one is read
     if (*narrowSize == 0) return TVS_E_MEMORY;
     // A text may take more bytes than it has characters, up to those of its field.
-    if (IsString(variable)) *narrowSize = Larger(*narrowSize, variable.size);
+    if (IsString(m_variable)) *narrowSize = Larger(*narrowSize, m_variable.size);
     return TVS_OK;
 }
 
-Status Narrow(const StatusVariableDef& variable, const void* value, uint32_t size, BYTE* narrow, uint32_t* narrowSize) {
-    if (!IsString(variable)) return variable.toAnsi(const_cast<void*>(value), narrow, size, narrowSize);
-    // The text ends before the caller's size, as an ANSI one does, but its bytes may take the whole field.
+Status WideValue::Narrow(BYTE* narrow, uint32_t* narrowSize) {
+    return IsString(m_variable) ? NarrowString(narrow, narrowSize)
+                                : m_variable.toAnsi(m_value, narrow, m_size, narrowSize);
+}
+
+// The text ends before the caller's size, as an ANSI one does, but its bytes may take the whole field.
+Status WideValue::NarrowString(BYTE* narrow, uint32_t* narrowSize) {
     WCHAR text[kStringSizeMax + 1];
-    const uint32_t characters = size / sizeof(WCHAR);
-    if (!CopyCallerText(text, Smaller(characters - 1, kStringSizeMax), static_cast<const WCHAR*>(value)))
+    const uint32_t characters = m_size / sizeof(WCHAR);
+    if (!CopyCallerText(text, Smaller(characters - 1, kStringSizeMax), static_cast<const WCHAR*>(m_value)))
         return TVS_E_FAULT;
-    const Status status = variable.toAnsi(text, narrow, *narrowSize * sizeof(WCHAR), narrowSize);
+    const Status status = m_variable.toAnsi(text, narrow, *narrowSize * sizeof(WCHAR), narrowSize);
     if (status == TVS_OK) {
         const SIZE_T length = strnlen(reinterpret_cast<const char*>(narrow), *narrowSize);
         *narrowSize = Larger(characters, static_cast<uint32_t>(length) + 1);

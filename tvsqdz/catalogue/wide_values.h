@@ -20,12 +20,29 @@ Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const
     return ReadWide(manager, variable, target, returned, returnedWritten, read);
 }
 
-// The two steps of converting a caller's wide value: how many bytes it takes, and the conversion into a zero-filled
-// buffer of that many. The second one lowers *narrowSize to the bytes that are to be written.
-// TVS_OK, TVS_E_FAULT, TVS_E_MEMORY for a value that ends before its record does, or the service's answer to a value
-// that is larger than any.
-Status AskNarrowSize(const StatusVariableDef& variable, const void* value, uint32_t size, uint32_t* narrowSize);
-Status Narrow(const StatusVariableDef& variable, const void* value, uint32_t size, BYTE* narrow, uint32_t* narrowSize);
+// A wide value that a caller gives to be written, on its way to the ANSI form. Its memory is read once: here when the
+// value itself says how long it is, else by the conversion. So a thread that changes it meanwhile changes what is
+// written, and never how much.
+class WideValue {
+public:
+    WideValue(const StatusVariableDef& variable, const void* callersValue, uint32_t size);
+
+    // The two steps: how many bytes the ANSI form takes, and the conversion into a zero-filled buffer of that many. The
+    // second one lowers *narrowSize to the bytes that are to be written.
+    // TVS_OK, TVS_E_FAULT, TVS_E_MEMORY for a value that ends before its record does, or the service's answer to a
+    // value that is larger than any.
+    Status AskNarrowSize(uint32_t* narrowSize);
+    Status Narrow(BYTE* narrow, uint32_t* narrowSize);
+
+private:
+    Status NarrowString(BYTE* narrow, uint32_t* narrowSize);
+
+    const StatusVariableDef& m_variable;
+    void* m_value; // the caller's, which no converter writes, or m_copy
+    const uint32_t m_size;
+    HeapBlock m_copy;
+    Status m_result = TVS_OK;
+};
 
 // The frame of a wide write: the manager, the variable, and the ANSI form of the value, handed to
 // write(manager, variable, data, size), whose data may be the caller's when there is nothing to convert.
@@ -33,12 +50,12 @@ template <typename Write>
 Status ServeWideWrite(TvsManager manager, const WCHAR* callersVariable, const void* value, uint32_t size, Write write) {
     return WithVariable(manager, callersVariable, [&](ManagerRecord* record, const StatusVariableDef& variable) {
         if (variable.toAnsi == nullptr) return write(record, variable, value, size);
+        WideValue wide(variable, value, size);
         uint32_t narrowSize = 0;
-        if (const Status status = AskNarrowSize(variable, value, size, &narrowSize); status != TVS_OK) return status;
+        if (const Status status = wide.AskNarrowSize(&narrowSize); status != TVS_OK) return status;
         Scratch narrow(narrowSize);
         if (narrow.Data() == nullptr) return TVS_E_MEMORY;
-        if (const Status status = Narrow(variable, value, size, narrow.Data(), &narrowSize); status != TVS_OK)
-            return status;
+        if (const Status status = wide.Narrow(narrow.Data(), &narrowSize); status != TVS_OK) return status;
         return write(record, variable, static_cast<const void*>(narrow.Data()), narrowSize);
     });
 }

@@ -106,9 +106,10 @@ void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index
 }
 
 bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
-    if (!IsTerminated(entry->databaseName) || entry->databaseName[0] == '\0' || !IsTerminated(entry->driverName))
-        return FailWithoutAnswer();
-    if (entry->driverName[0] != '\0') manager->driverName = CopyText(entry->driverName);
+    if (!IsTerminated(entry->databaseName) || entry->databaseName[0] == '\0') return FailWithoutAnswer();
+    // A name without an end is no name, and its driver one that is not known.
+    if (IsTerminated(entry->driverName) && entry->driverName[0] != '\0')
+        manager->driverName = CopyText(entry->driverName);
     if (entry->ownerProcessId == 0 && WantsOwnership(manager, former)) {
         entry->ownerProcessId = GetCurrentProcessId();
         // An owner that the list does not tell of is none.

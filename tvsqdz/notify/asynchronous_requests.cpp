@@ -31,12 +31,16 @@ bool IsRelayed(const Completion& completion) {
     return completion.IsMessage() && !DeliversMessagesItself();
 }
 
-// A variable that has all of these bits, and a name that fits a request.
-Status FindRequested(ManagerRecord* manager, const char* callersName, uint32_t bits,
+// A variable that has this bit beside SVF_DIRECT, and a name that fits a request.
+Status FindRequested(ManagerRecord* manager, const char* callersName, uint32_t bit,
                      const StatusVariableDef** variable) {
     if (const Status status = FindCallersVariable(manager, callersName, variable); status != TVS_OK) return status;
-    const bool fits = strlen((*variable)->name) < sizeof StatusRequest::variableName;
-    return fits && ((*variable)->flags & bits) == bits ? TVS_OK : TVS_E_UNKNOWN;
+    const StatusVariableDef& found = **variable;
+    const uint32_t bits = bit | SVF_DIRECT;
+    const RequestKind kind = bit == SVF_READABLE ? RequestKind::Read : WriteKindOf(found.name);
+    const bool fits =
+        strlen(found.name) < sizeof StatusRequest::variableName && FitsMailbox(manager, kind, found);
+    return fits && (found.flags & bits) == bits ? TVS_OK : TVS_E_UNKNOWN;
 }
 
 StatusRequest NewRequest(ManagerRecord* manager, const StatusVariableDef& variable, uint32_t direction,
@@ -68,7 +72,7 @@ Status StartRead(TvsManager handle, const char* variable, const Completion& comp
     const bool relayed = IsRelayed(completion);
     if (relayed && !OwnerProcessExists()) return TVS_E_NO_OWNER;
     const StatusVariableDef* found = nullptr;
-    if (const Status status = FindRequested(manager, variable, SVF_READABLE | SVF_DIRECT, &found); status != TVS_OK)
+    if (const Status status = FindRequested(manager, variable, SVF_READABLE, &found); status != TVS_OK)
         return status;
     if (const Status status = CheckRead(manager); status != TVS_OK) return status;
 
@@ -134,7 +138,7 @@ Status StartWrite(TvsManager handle, const char* variable, const void* data, uin
     ManagerRecord* manager = call.Manager();
     if (IsRelayed(completion) && !OwnerProcessExists()) return TVS_E_NO_OWNER;
     const StatusVariableDef* found = nullptr;
-    if (const Status status = FindRequested(manager, variable, SVF_WRITABLE | SVF_DIRECT, &found); status != TVS_OK)
+    if (const Status status = FindRequested(manager, variable, SVF_WRITABLE, &found); status != TVS_OK)
         return status;
     if (const Status status = CheckWrite(manager, *found); status != TVS_OK) return status;
     CallerValue value(data, size); // before anybody is held up

@@ -45,31 +45,28 @@ TvsRegistration LocalRegistration(ManagerRecord* manager, const MessageRegistrat
     return FindMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window), entry.message);
 }
 
-// What a pass finds out.
-struct Pass {
+// What has been cancelled.
+struct Cancelled {
     TvsRegistration* ended; // room for as many as the list has entries
     uint32_t endedCount = 0;
-    bool anyCancelled = false; // of those that were registered
-    bool complete = true;
+    bool any = false; // of those that were registered
+
+    // Entries may share one, and once it is ended another may have its handle.
+    void AddOnce(TvsRegistration registration) {
+        for (uint32_t i = 0; i < endedCount; ++i)
+            if (ended[i] == registration) return;
+        ended[endedCount++] = registration;
+    }
 };
 
-// Registers what is live and not registered, and gathers what is registered and cancelled, unless a live entry shares
-// it.
-void Compare(ManagerRecord* manager, const StoredList& list, Pass* pass) {
+// Gathers what is registered and cancelled, unless a live entry shares it.
+void FindCancelled(ManagerRecord* manager, const StoredList& list, Cancelled* cancelled) {
     for (uint32_t i = 0; i < list.Count(); ++i) {
         const MessageRegistrationEntry entry = EntryOf(list, i);
-        TvsRegistration registration = LocalRegistration(manager, entry);
-        if (!IsLive(entry)) {
-            if (registration == 0) continue;
-            pass->anyCancelled = true;
-            if (!IsWantedByAnother(list, entry)) pass->ended[pass->endedCount++] = registration;
-        } else if (registration == 0) {
-            const Status status = AddMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window),
-                                                         entry.message, &registration);
-            // A variable that there is not will not be there at the next pass either. All else may change: there was no
-            // memory, or the open of the manager has not come to its end yet.
-            if (status != TVS_OK && status != TVS_E_UNKNOWN) pass->complete = false;
-        }
+        const TvsRegistration registration = IsLive(entry) ? 0 : LocalRegistration(manager, entry);
+        if (registration == 0) continue;
+        cancelled->any = true;
+        if (!IsWantedByAnother(list, entry)) cancelled->AddOnce(registration);
     }
 }
 
@@ -115,14 +112,31 @@ private:
     uint32_t m_count = 0;
 };
 
+// Registers what is live and not registered. False when something could not be.
+bool RegisterLive(ManagerRecord* manager, const StoredList& list) {
+    bool complete = true;
+    for (uint32_t i = 0; i < list.Count(); ++i) {
+        const MessageRegistrationEntry entry = EntryOf(list, i);
+        if (!IsLive(entry) || LocalRegistration(manager, entry) != 0) continue;
+        TvsRegistration registration = 0;
+        const Status status = AddMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window),
+                                                     entry.message, &registration);
+        // A variable that there is not will not be there at the next pass either. All else may change: there was no
+        // memory, or the open of the manager has not come to its end yet.
+        if (status != TVS_OK && status != TVS_E_UNKNOWN) complete = false;
+    }
+    return complete;
+}
+
 void RemoveCancelled(StoredList& list) {
     for (uint32_t i = list.Count(); i > 0; --i)
         if (!IsLive(EntryOf(list, i - 1))) list.Remove(i - 1);
     list.Store();
 }
 
-// One pass over the registrations. The lock is let go before anything is cancelled, since a watcher that is to end may
-// be waiting for it; and it is not waited for beyond the stop. False when the pass has to be made again.
+// One pass over the registrations. The lock is let go before anything is registered or cancelled, since a watcher that
+// begins or is to end may be waiting for it; and it is not waited for beyond the stop. An entry that is cancelled
+// between is a write, and the next pass ends what this one registered. False when the pass has to be made again.
 bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known) {
     MutexHold lock;
     if (!lock.AcquireUnless(stop, manager->databaseMutex)) return true;
@@ -132,13 +146,14 @@ bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known
     HeapBlock endedBlock(SIZE_T{list.Count()} * sizeof(TvsRegistration) + 1);
     if (endedBlock.memory == nullptr) return false;
     known.Remember(list);
-    Pass pass = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
-    Compare(manager, list, &pass);
-    if (pass.anyCancelled) RemoveCancelled(list);
+    Cancelled cancelled = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
+    FindCancelled(manager, list, &cancelled);
+    if (cancelled.any) RemoveCancelled(list);
     lock.Release();
-    for (uint32_t i = 0; i < pass.endedCount; ++i)
-        KillRegistration(manager, pass.ended[i]);
-    return pass.complete;
+    const bool complete = RegisterLive(manager, list);
+    for (uint32_t i = 0; i < cancelled.endedCount; ++i)
+        KillRegistration(manager, cancelled.ended[i]);
+    return complete;
 }
 
 // Starts the thread of a request that is there. It is taken out afterwards: one that cannot be started is tried again.

@@ -6,5 +6,6 @@
 #include "frame/manager_record.h"
 
 // Starts the thread of a manager that owns its printer and is not in the list of managers yet: its record becomes the
-// first of the manager's. False when there is no memory or no thread.
+// first of the manager's. Nobody waits for the thread to begin, for it looks first of all for what was left before.
+// False when there is no memory or no thread.
 bool StartManagerService(ManagerRecord* manager);

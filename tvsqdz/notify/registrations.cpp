@@ -94,6 +94,7 @@ Status StartRegistration(ManagerRecord* manager, NotificationRegistration* regis
         FreeBlock(registration);
         return TVS_E_MEMORY;
     }
+    AwaitThreadBegun(*record);
     if (!Append(manager, record)) {
         CancelDelegated(manager, *registration);
         StopThreadRecord(record);

@@ -87,9 +87,12 @@ bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc 
         return false;
     }
     record->threadId = threadId;
-    const HANDLE begunOrEnded[] = {record->begunEvent, record->thread};
-    WaitForMultipleObjects(2, begunOrEnded, FALSE, g_timings.beginWait);
     return true;
+}
+
+void AwaitThreadBegun(const ThreadRecord& record) {
+    const HANDLE begunOrEnded[] = {record.begunEvent, record.thread};
+    WaitForMultipleObjects(2, begunOrEnded, FALSE, g_timings.beginWait);
 }
 
 void ThreadHasBegun(const ThreadRecord& record) {

@@ -31,12 +31,14 @@ static_assert(offsetof(ThreadRecord, next) == 0 && offsetof(ThreadRecord, thread
 // The record that a new one is appended behind; null for an empty list.
 ThreadRecord* FindLastRegistration(ThreadRecord* head);
 
-// Makes the events and starts the thread, with a stack of 64 KiB; the record takes a reference to the manager. Returns
-// once the thread says that it has begun, so that what is written from then on is not missed; a service that stands
-// still holds it up no longer than Timings.beginWait. False: nothing has been started, and the record is still the
-// caller's.
+// Makes the events and starts the thread, with a stack of 64 KiB; the record takes a reference to the manager. False:
+// nothing has been started, and the record is still the caller's.
 bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc procedure);
 
+// Waits until the thread says that it has begun, so that what is written from then on is not missed. A service that
+// stands still holds it up no longer than Timings.beginWait. The thread may need a named mutex to begin: nobody calls
+// this who holds one.
+void AwaitThreadBegun(const ThreadRecord& record);
 // For the thread to say: its watches are in place, and next it waits.
 void ThreadHasBegun(const ThreadRecord& record);
 
