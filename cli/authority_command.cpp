@@ -231,12 +231,27 @@ Exit AclShowCommand(const ManagerOptions& options) {
     return Exit::Done;
 }
 
-Exit AclSetCommand(const ManagerOptions& options, const std::string& text) {
-    const Bytes list = ParseListText(text);
-    const OpenedPrinter printer = OpenPrinterOf(options);
+namespace {
+
+void WriteList(const OpenedPrinter& printer, const Bytes& list) {
     const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), kAccessControlList, list.data(),
                                                 static_cast<uint32_t>(list.size()));
     if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", kAccessControlList, printer));
+}
+
+} // namespace
+
+Exit AclSetCommand(const ManagerOptions& options, const std::string& text) {
+    const Bytes list = ParseListText(text);
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    WriteList(printer, list);
     if (g_output.json) PrintJson({{"printer", printer.shownName}, {"text", ListText(list)}, {"written", list.size()}});
+    return Exit::Done;
+}
+
+Exit OpenCommand(const ManagerOptions& options, const std::string& accessList) {
+    const OpenedPrinter printer = OpenPrinterOf(options);
+    if (!accessList.empty() && !IsWholeList(ReadAccessControlList(printer)))
+        WriteList(printer, ParseListText(accessList));
     return Exit::Done;
 }

@@ -51,6 +51,8 @@ Exit AuthorityCommand(const ManagerOptions& options, bool explain);
 Exit AclShowCommand(const ManagerOptions& options);
 // text: "D:(A;;SWRC;;;WD)..."
 Exit AclSetCommand(const ManagerOptions& options, const std::string& text);
+// Opens a printer and closes it again, which makes its variables. accessList: it gets this one unless it has one.
+Exit OpenCommand(const ManagerOptions& options, const std::string& accessList);
 
 // Jobs of the spooler, and of the queues "PrinterQueue" and "SpoolerQueue".
 Exit JobsCommand(const ManagerOptions& options);

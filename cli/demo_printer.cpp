@@ -1,6 +1,7 @@
 // The demo printer. No state.
 #include "demo_printer.h"
 
+#include "access_list.h"
 #include "failure.h"
 #include "files.h"
 #include "layer.h"
@@ -45,5 +46,5 @@ DemoPrinter EnsureDemoPrinter() {
         InstallPrinter(kName, kDriver, kPort);
         SetPrinterScript(kName, scriptText);
     }
-    return {kName, script};
+    return {kName, script, "D:(A;;SWRC;;;WD)(A;;RPWPSDRCWDWO;;;CO)(A;;LCSWRPWPSDRCWDWO;;;" + OwnAccountName() + ")"};
 }

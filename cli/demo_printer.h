@@ -6,6 +6,8 @@
 struct DemoPrinter {
     std::string name;   // UTF-8
     std::string script; // the path of its own copy, UTF-8
+    // The access control list that it gets unless it has one: all may print, and its user may do everything.
+    std::string accessList;
 };
 
 // Makes what is missing of it: the model in the registry, a copy of the script in the state directory, the printer.

@@ -3,6 +3,7 @@
 
 #include "files.h"
 #include "opened_printer.h"
+#include "printer_side_states.h"
 #include "printers.h"
 #include "spooler.h"
 
@@ -63,6 +64,25 @@ void Command(const OpenedPrinter& printer, const char* variable, uint32_t value,
 // The library does not tell what the spooler answered: what became of the job tells.
 [[noreturn]] void ThrowRefused(const std::string& what) {
     throw Failure{Exit::Denied, what, "the spooler refused", "only its owner and an administrator may change a job"};
+}
+
+// Why nothing prints the printer's jobs now, and what to do; nothing when a printer side does.
+std::optional<Failure> WhyNothingPrints(const std::string& printer) {
+    Failure failure{Exit::False, "the job waits, and nothing prints it", "the printer has no device",
+                    "give it one: oriel printers add NAME --driver DRIVER --script FILE"};
+    bool scripted = false;
+    for (const Printer& known : ScriptedPrinters())
+        scripted = scripted || lstrcmpiA(known.name.c_str(), printer.c_str()) == 0;
+    if (!scripted) return failure;
+    failure.why = "its printer side does not run";
+    failure.next = "start the product: oriel up";
+    for (const PrinterSideState& side : ReadPrinterSideStates()) {
+        if (lstrcmpiA(side.printer.c_str(), printer.c_str()) != 0) continue;
+        if (side.state == SideState::Running) return std::nullopt;
+        failure.why += ": " + WhyNotRunning(side);
+        failure.next = "'oriel printers' shows its state";
+    }
+    return failure;
 }
 
 } // namespace
@@ -154,14 +174,15 @@ Exit PrintCommand(const PrintJob& wanted) {
     const PrinterHandle printer = OpenInSpooler(name);
     if (!printer) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
     const uint32_t job = SpoolDocument(printer.Get(), titleText, content, wanted.held, what);
+    const std::optional<Failure> nothing = WhyNothingPrints(name);
     if (g_output.json) {
-        PrintJson({{"printer", ToUtf8(name)},
-                   {"job", job},
-                   {"title", title},
-                   {"bytes", content.size()},
-                   {"paused", wanted.held}});
+        Json document{{"printer", ToUtf8(name)}, {"job", job},        {"title", title}, {"bytes", content.size()},
+                      {"paused", wanted.held},   {"prints", !nothing}};
+        if (nothing) document["why"] = nothing->why;
+        PrintJson(document);
     } else {
         PrintLine(std::to_string(job));
     }
-    return Exit::Done;
+    if (nothing) PrintError(*nothing);
+    return Exit::Done; // it is spooled
 }

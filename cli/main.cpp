@@ -206,12 +206,8 @@ void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
     CLI::App* open = app.add_subcommand("open", "Open a printer and close it again, which makes its variables");
     open->group(""); // of use to 'up' alone
     AddManagerOptions(*open, a.manager);
-    open->callback([&] {
-        chosen = [&] {
-            OpenPrinterOf(a.manager);
-            return Exit::Done;
-        };
-    });
+    open->add_option("--access-list", a.value, "The access control list that it gets unless it has one");
+    open->callback([&] { chosen = [&] { return OpenCommand(a.manager, a.value); }; });
 
     CLI::App* printers = app.add_subcommand("printers", "Show the printers, or add and remove one");
     printers->require_subcommand(0, 1);

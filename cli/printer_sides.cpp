@@ -108,7 +108,10 @@ void PrinterSides::OpenOnce(const Side& side) {
     m_opened.push_back(side.printer);
     const std::string what = "cannot open the printer \"" + ToUtf8(side.printer) + "\" for its printer side";
     const std::string program = OwnProgram();
-    const KernelHandle process = StartProgram(program, Quoted(program) + " open -- " + Quoted(side.printer));
+    const auto list = m_accessLists.find(side.printer);
+    const std::string options = list == m_accessLists.end() ? "" : " --access-list " + Quoted(list->second);
+    const KernelHandle process =
+        StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(side.printer));
     if (!process) {
         PrintError(SystemFailure(GetLastError(), what));
     } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {

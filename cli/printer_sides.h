@@ -6,6 +6,7 @@
 #include "restart_pause.h"
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ public:
     PrinterSides(const PrinterSides&) = delete;
     PrinterSides& operator=(const PrinterSides&) = delete;
 
+    // The printer gets this access control list, a text, at its first open unless it has one.
+    void GiveAccessList(const std::string& printer, const std::string& list) { m_accessLists.emplace(printer, list); }
     // Looks at printers and processes, starts and ends what is due. To be called now and then while the service runs.
     void Tend();
     // The service is another one: it has no databases.
@@ -55,6 +58,7 @@ private:
     TellPrinterSideNews m_tell;
     std::vector<Side> m_sides;
     std::vector<std::string> m_opened; // printers whose database is there
+    std::map<std::string, std::string> m_accessLists{};
     DWORD m_settingsReadAt = 0;
     bool m_settingsRead = false;
 };

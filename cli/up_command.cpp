@@ -185,8 +185,10 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
 
 // Watches service and printer sides until the user wants to stop, and starts what ended again. startedHere: set when it
 // was the service.
-void KeepRunning(const ServiceHandle& service, const Teller& teller, bool& startedHere) {
+void KeepRunning(const ServiceHandle& service, const Teller& teller, const std::optional<DemoPrinter>& demo,
+                 bool& startedHere) {
     PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
+    if (demo) sides.GiveAccessList(demo->name, demo->accessList);
     RestartPause restart;
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
@@ -257,7 +259,11 @@ Exit UpCommand(const UpOptions& options) {
         throw Failure{Exit::False, "the product is already up, in another process", "", "'oriel status' shows it"};
     RegisterInstallation(teller);
     EnsurePrintersKey();
-    if (options.demoPrinter) TellOfDemoPrinter(teller, EnsureDemoPrinter());
+    std::optional<DemoPrinter> demo;
+    if (options.demoPrinter) {
+        demo = EnsureDemoPrinter();
+        TellOfDemoPrinter(teller, *demo);
+    }
     const ServiceHandle service = TheService(teller);
     bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;
     try {
@@ -267,7 +273,7 @@ Exit UpCommand(const UpOptions& options) {
             teller.Tell("up", "the product is up; Ctrl-C stops it");
             TellSupervisor("STATUS=up");
             TellSupervisor("READY=1");
-            KeepRunning(service, teller, startedHere);
+            KeepRunning(service, teller, demo, startedHere);
         }
     } catch (...) {
         // Nothing stays running that nobody looks after; the first failure is the one to tell.

@@ -42,13 +42,15 @@ TEST(DirectCommands, WithoutAPrinterSideTheyAreRefused) {
 
 TEST(DirectCommands, AreAnsweredByThePrinterSide) {
     AddExamplePrinter();
-    // A number that the printer can be asked for, and told.
+    // A number that the printer can be asked for, and told; and a queue.
     const std::string model = PrivateDirectory() + "/copies.reg";
     std::ofstream(model) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Tavik\\Oriel\\Printers\\Example Laser\\Status "
-                            "Variables]\n\"Copies\"=hex:04,00,00,00,04,02,03,00,01,00,00,00\n";
+                            "Variables]\n\"Copies\"=hex:04,00,00,00,04,02,03,00,01,00,00,00\n"
+                            "\"Events\"=hex:04,00,00,00,80,00,01,00,00,00,00,00\n";
     OrielText({"reg", "import", model});
     const std::string script = PrivateDirectory() + "/printer.script";
     std::ofstream(script) << "set Copies 1\nset PageCount 3\n"
+                             "append Events 6\nappend Events 7\nappend Events 8:8\nqueue Events 4 2\n"
                              "on read PageCount set PageCount 4711\n"
                              "on write Copies delay 100ms\n"
                              "on refresh fail -77\n";
@@ -58,6 +60,12 @@ TEST(DirectCommands, AreAnsweredByThePrinterSide) {
     product.Event("printer-side-started");
     ASSERT_TRUE(WaitUntil([&] { return OrielText({"get", printer, "PrinterExtStatus"}).starts_with("1 "); }));
     EXPECT_EQ(product.Errors(), "");
+
+    // The queue holds the two newest; each is there once, and what no one has put in is not.
+    const auto event = [&] { return OrielJson({"get", printer, "Events"})["variables"][0]["hex"]; };
+    EXPECT_EQ(event(), "07 00 00 00");
+    EXPECT_EQ(event(), "08 00 00 00");
+    EXPECT_EQ(event(), "");
 
     EXPECT_EQ(OrielJson({"get", printer, "PageCount", "--direct"}, 4)["variables"][0]["error"]["code"], -256)
         << "nobody has a right yet";

@@ -5,7 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 using Json = nlohmann::json;
@@ -40,6 +42,19 @@ private:
 
 // The example model, and "Front desk", a printer of it.
 void AddExamplePrinter(const Environment& environment = {});
+
+// A socket that counts who connects, and closes each connection at once.
+class CountedSocket {
+public:
+    explicit CountedSocket(const std::string& path);
+    ~CountedSocket();
+    int Connections() const { return m_connections; }
+
+private:
+    std::atomic<int> m_connections = 0;
+    int m_listener = -1;
+    std::thread m_thread;
+};
 
 // The process of a program, and of the service, on this test's machine; 0 when there is none.
 int ProcessOf(const std::string& program);

@@ -106,15 +106,51 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
     // What is added later is found.
     OrielText({"printers", "add", "Late", "--driver", "Any", "--script", script});
     EXPECT_EQ(product.Event("printer-side-started")["printer"], "Late");
+    const auto lateTakesRequests = [] { return OrielText({"get", "Late", "PrinterExtStatus"}).starts_with("1 "); };
+    ASSERT_TRUE(WaitUntil(lateTakesRequests)) << "one that is only starting does not hear of a termination";
 
     // Printer sides have their printers open: a termination waits for them, and they end for it.
     OrielText({"terminate", printer});
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(product.Event("printer-side-ended")["pauseMs"], 0);
-    EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is started again";
+    EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0);
+    const Json job = OrielJson({"print", "Late", script});
+    EXPECT_EQ(job["prints"], false);
+    EXPECT_EQ(job["why"],
+              "its printer side does not run: it was asked to end; it starts again when the printer is opened");
+    // Each comes back when its printer is opened.
+    OrielText({"get", "Late", "PageCount"});
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], "Late");
+    ASSERT_TRUE(WaitUntil(lateTakesRequests));
+    OrielText({"get", printer, "PageCount"});
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], printer);
+    ASSERT_TRUE(WaitUntil(takesRequests));
     product.Terminate();
     EXPECT_EQ(product.Wait(), 0) << product.Errors();
     EXPECT_EQ(ProcessOf("TVSPSD.EXE"), 0) << "none is left";
+    EXPECT_EQ(OrielJson({"print", "Plain", script})["why"], "the printer has no device");
+}
+
+TEST(Up, TellsAPrinterSideToEndAndAsksNoPrintServerWithoutReason) {
+    const std::string script = PrivateDirectory() + "/printer.script";
+    std::ofstream(script) << "set PageCount 1\non read * ignore\n";
+    OrielText({"printers", "add", "Office", "--driver", "Any", "--script", script});
+    const std::string path = PrivateDirectory() + "/print-server";
+    const CountedSocket server(path);
+    RunningProduct product({{"CUPS_SERVER", path}});
+    product.Event("printer-side-started");
+    ASSERT_TRUE(WaitUntil([] { return OrielText({"get", "Office", "PrinterExtStatus"}).starts_with("1 "); }));
+    OrielText({"acl", "set", "Office", "D:(A;;LCSWRPWPSDRCWDWO;;;WD)"});
+    TestProcess waits =
+        TestProcess::Program(ProgramPath("oriel"), {"get", "Office", "PageCount", "--direct", "--json"});
+    ASSERT_TRUE(WaitUntil([] { return OrielText({"get", "Office", "ReadRequest"}) == "PageCount"; }));
+
+    const int connections = server.Connections();
+    OrielText({"reg", "delete", R"(HKLM\System\CurrentControlSet\Control\Print\Printers\Office)", "Oriel Script"});
+    EXPECT_EQ(product.Event("printer-side-ended")["code"], 0); // up has looked for changes
+    EXPECT_EQ(server.Connections(), connections);
+    EXPECT_EQ(Json::parse(waits.HearAll())["variables"][0]["error"]["code"], -50) << "nobody is left waiting";
+    EXPECT_EQ(OrielText({"get", "Office", "PrinterExtStatus"}), "0");
 }
 
 TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
@@ -130,6 +166,12 @@ TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
         } while (!line.empty() && line.find("printer-side-started") == std::string::npos);
         // Nobody else has opened the printer, and on the first round the installation was not even registered.
         EXPECT_TRUE(WaitUntil([&] { return OrielText({"get", "Demo printer", "TonerLevel"}).starts_with(expected); }));
+        if (expected == "30") {
+            ASSERT_TRUE(WaitUntil([] {
+                return OrielText({"get", "Demo printer", "PrinterExtStatus"}).starts_with("1 ");
+            }));
+            EXPECT_TRUE(OrielText({"get", "Demo printer", "PageCount", "--direct"}).starts_with("150"));
+        }
         up.Terminate();
         EXPECT_EQ(up.Wait(), 0);
         EXPECT_EQ(up.Errors(), "");

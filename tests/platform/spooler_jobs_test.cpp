@@ -170,6 +170,9 @@ CHILD_PROCESS(SpoolsAsAnotherUser) {
         said += " " + std::to_string(Control(printer, job, command));
     const auto open = static_cast<DWORD>(std::stoul(child.arguments[1]));
     said += " " + std::to_string(Control(printer, open, JOB_CONTROL_CANCEL));
+    HANDLE document = nullptr;
+    for (const DWORD others : {job, open})
+        said += " " + std::to_string(Open("Office, Job " + std::to_string(others), &document));
     const DWORD own = Print(printer, "own");
     child.Say(said + " " + std::to_string(Control(printer, own, JOB_CONTROL_PAUSE)));
     return 0;
@@ -182,11 +185,56 @@ TEST_AS_ROOT(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
     const DWORD open = Print(printer, "open to all");
     std::filesystem::permissions(JobFile(std::to_string(open)), std::filesystem::perms(0666));
     TestProcess other("SpoolsAsAnotherUser", {std::to_string(job), std::to_string(open)});
-    EXPECT_EQ(other.Hear(), "0 5 5 5 5 0");
+    EXPECT_EQ(other.Hear(), "0 5 5 5 5 5 5 0");
     EXPECT_EQ(other.Wait(), 0);
     EXPECT_EQ(JobsOf(printer), Line(job, 0, "secret") + Line(open, 0, "open to all") +
                                    Line(open + 1, JOB_STATUS_PAUSED, "own", "nobody"));
+    HANDLE document = nullptr;
+    const std::string own = "Office, Job " + std::to_string(open + 1);
+    EXPECT_EQ(Open(own, &document), DWORD{ERROR_SUCCESS}) << "root may";
+    // What its user puts in its place is not read for them.
+    std::filesystem::remove(JobFile(std::to_string(open + 1) + ".data"));
+    std::filesystem::create_hard_link(JobFile(std::to_string(job) + ".data"),
+                                      JobFile(std::to_string(open + 1) + ".data"));
+    EXPECT_EQ(Open(own, &document), DWORD{ERROR_ACCESS_DENIED});
     EXPECT_EQ(Control(printer, open + 1, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS}) << "root may";
+}
+
+TEST(SpoolerJobs, AreToldAndRead) {
+    const HANDLE printer = NewPrinter();
+    const HANDLE changes = FindFirstPrinterChangeNotification(printer, PRINTER_CHANGE_JOB, 0, nullptr);
+    ASSERT_NE(changes, INVALID_HANDLE_VALUE);
+    const auto told = [&] {
+        const bool set = WaitForSingleObject(changes, 0) == WAIT_OBJECT_0;
+        DWORD change = 0;
+        EXPECT_TRUE(FindNextPrinterChangeNotification(changes, &change, nullptr, nullptr));
+        EXPECT_EQ(change, DWORD{PRINTER_CHANGE_JOB});
+        return set;
+    };
+    EXPECT_FALSE(told());
+    const DWORD job = Print(printer, "letter", "Dear Anna");
+    EXPECT_TRUE(told());
+    EXPECT_FALSE(told());
+    EXPECT_EQ(Control(printer, job, JOB_CONTROL_PAUSE), DWORD{ERROR_SUCCESS});
+    EXPECT_TRUE(told());
+    EXPECT_EQ(Control(printer, job, 77), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_FALSE(told());
+
+    HANDLE document = nullptr;
+    ASSERT_EQ(Open("office, Job " + std::to_string(job), &document), DWORD{ERROR_SUCCESS});
+    char text[16] = {};
+    DWORD read = 0;
+    EXPECT_TRUE(ReadPrinter(document, text, 5, &read) && read == 5);
+    EXPECT_TRUE(ReadPrinter(document, text + 5, 11, &read) && read == 4);
+    EXPECT_STREQ(text, "Dear Anna");
+    EXPECT_TRUE(ReadPrinter(document, text, 5, &read) && read == 0);
+    EXPECT_FAILS(ReadPrinter(printer, text, 5, &read), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(JobsOf(document), "error 5") << "it is a job and no printer";
+    for (const char* name : {"Office, Job 99", "Office, Job 0", "Office, Job ", "None, Job 1"})
+        EXPECT_NE(Open(name, &document), DWORD{ERROR_SUCCESS}) << name;
+    const DWORD spooling = Start(printer, "unfinished");
+    EXPECT_EQ(Open("Office, Job " + std::to_string(spooling), &document), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_TRUE(FindClosePrinterChangeNotification(changes));
 }
 
 TEST(SpoolerJobs, WhatIsNoJobIsPassedOver) {

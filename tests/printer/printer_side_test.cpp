@@ -123,8 +123,18 @@ TEST(Script, ErrorsAreToldWithTheirLines) {
         {"on read * delay 2s refuse", ""},
         {"on write PageCount fail -38", ""},
         {"on refresh delay 0ms", ""},
+        {"initially PageCount 7", ""},
+        {"pages 3", ""},
+        {"jobs 300ms", ""},
+        {"jobs hold", ""},
+        {"queue Events 12 3", ""},
+        {"append Events \"x\"", ""},
         {"", ""},
-        {"sett PageCount 1", "statements are 'set', 'wait', 'on' and 'repeat', not 'sett'"},
+        {"sett PageCount 1", "there is no statement 'sett'"},
+        {"pages 0", "'0' is no number of pages from 1 to 100000"},
+        {"jobs 0s", "a page takes from 1ms to 60m"},
+        {"queue Events 12 1001", "'1001' is no length from 1 to 1000"},
+        {"queue Events 65536 1000", "the queue is larger than any can be"},
         {"set", "there should be the name of a variable"},
         {"set PageCount", "there should be a value"},
         {"set PageCount 4294967296", "'4294967296' is no 32-bit number"},
@@ -229,11 +239,12 @@ TEST(PrinterSide, KeepsItsVariablesTrueAndAnswersRequests) {
     const HANDLE termination = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:TerminateManager");
     SetEvent(termination);
     EXPECT_EQ(DirectRead(database, "PageCount"), 0);
-    Request pending(database, "ReadRequest", "ErrPaperJam");
+    Request pending(database, "ReadRequest", "Silent");
+    EXPECT_FALSE(pending.Answered(100));
     EXPECT_EQ(WriteVariable(database, "TerminateManager", Number(1)), kDone);
     EXPECT_EQ(side.process.Wait(), 0);
     CloseHandle(termination);
-    EXPECT_TRUE(pending.Answered(5000)) << "nobody is left waiting";
+    EXPECT_EQ(pending.Result(5000), -50) << "nobody is left waiting";
     EXPECT_EQ(NumberOf(database, "PrinterExtStatus") & 1, 0u);
     EXPECT_EQ(NumberOf(database, "SpoolerStatus") & 0xC, 0u);
     EXPECT_NE(side.process.Errors().find("p0.script:6: \"Unknown\" does not take this value (-5)"), std::string::npos)
