@@ -178,7 +178,9 @@ void Try(Watch& watch, const Watched& each, bool registers) {
     if (!each.variable->readable)
         throw Failure{Exit::False, WhatOf("watch", ToUtf8(each.variable->name), watch.printer),
                       "this variable is write-only", ""};
-    ReadNow(watch, *each.variable);
+    const Reading reading = ReadValue(watch.printer, *each.variable, false);
+    if (reading.status != TVS_OK)
+        throw StatusFailure(reading.status, WhatOf("watch", ToUtf8(each.variable->name), watch.printer));
     if (registers) Register(watch.printer, {each.variable}, watch.wanted.by);
 }
 

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
@@ -37,22 +39,31 @@ void Check(const CommandLine& line) {
 } // namespace
 
 TEST(CommandLine, OnAFreshMachine) {
+    const std::string good = PrivateDirectory() + "/good.script";
+    std::ofstream(good) << "set PageCount 1\n";
     const CommandLine kLines[] = {
         {{"--help"}, 0, "Exit codes:", ""},
         {{"--version"}, 0, "0.1.0", ""},
-        {{}, 2, "", "subcommand"},
-        {{"frobnicate"}, 2, "", "--help"},
+        {{"help", "reg", "set"}, 0, "Write a value", ""},
+        {{}, 2, "", "a command is missing"},
+        {{"frobnicate"}, 2, "", "there is no command \"frobnicate\"; 'oriel --help'"},
+        {{"--scope", "user", "wacth", "Front desk"}, 2, "", "did you mean \"watch\"?"},
+        {{"reg", "qurey"}, 2, "", "there is no command \"qurey\" of 'reg'; did you mean \"query\"?"},
+        {{"help", "statsu"}, 2, "", "did you mean \"status\"?"},
+        {{"status", "--scope", "user"}, 2, "", "the environment names the directories"},
+        {{"status", "--scope", "mine"}, 2, "", "--scope"},
         {{"get", "Front desk"}, 2, "", "VARIABLE"},
         {{"get", "Front desk", "PageCount", "--kind", "13"}, 2, "", "--kind"},
         {{"get", "Front desk", "PageCount"}, 1, "", "no printer is called \"Front desk\""},
         {{"get", "\xff", "PageCount"}, 2, "", "code page 1252"},
-        {{"status"}, 3, "not registered", ""},
+        {{"status"}, 3, "'oriel up' registers it", ""},
         {{"printers"}, 0, "no printers", ""},
         {{"printers", "add", "Front desk"}, 2, "", "--driver"},
-        {{"printers", "add", "a,b", "--driver", "D"}, 1, "", "cannot add"},
+        {{"printers", "add", "a,b", "--driver", "D"}, 2, "", "no comma or backslash"},
+        {{"printers", "add", "a\\b", "--driver", "D", "--script", good}, 2, "", "no comma or backslash"},
         {{"printers", "add", "", "--driver", "D"}, 2, "", "1 to 259"},
         {{"printers", "remove", "Front desk"}, 1, "", "no such printer"},
-        {{"reg"}, 2, "", "subcommand"},
+        {{"reg"}, 2, "", "a command is missing"},
         {{"reg", "query", "HKLM\\Nothing"}, 1, "", "no such key"},
         {{"reg", "query", "HKXX\\Nothing"}, 2, "", "HKLM"},
         {{"reg", "delete", "HKLM"}, 2, "", "root"},
@@ -61,9 +72,25 @@ TEST(CommandLine, OnAFreshMachine) {
         {{"reg", "set", "HKLM\\K", "V", "1", "--type", "word"}, 2, "", "--type"},
         {{"reg", "import", "/nonexistent.reg"}, 1, "", "/nonexistent.reg"},
         {{"reg", "query", "HKLM\\K"}, 1, "", "no such key"}, // the refused ones made nothing
+        {{"printers"}, 0, "no printers", ""},
     };
     for (const CommandLine& line : kLines)
         Check(line);
+    EXPECT_TRUE(std::filesystem::is_empty(std::getenv("ORIEL_STATE_DIR"))) << "looking makes nothing";
+    EXPECT_TRUE(std::filesystem::is_empty(std::getenv("ORIEL_RUNTIME_DIR")));
+
+    // A script is checked before anything is added.
+    const std::string bad = PrivateDirectory() + "/bad.script";
+    std::ofstream(bad) << "set PageCount 1\nplay\n";
+    const ProgramResult refused = Oriel({"printers", "add", "P", "--driver", "D", "--script", bad});
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.errors.find("bad.script:2:"), std::string::npos) << refused.errors;
+    EXPECT_EQ(OrielJson({"printers"})["printers"], Json::array());
+
+    // Each command has the options of all in its help.
+    for (const char* command : {"up", "get", "acl", "reg"})
+        for (const char* option : {"--json", "--scope"})
+            EXPECT_NE(OrielText({"help", command}).find(option), std::string::npos) << command;
 }
 
 TEST(CommandLine, WithoutTheServiceSaysHowToStartIt) {
@@ -71,12 +98,15 @@ TEST(CommandLine, WithoutTheServiceSaysHowToStartIt) {
     Check({{"get", "Front desk", "PageCount"},
            3,
            "",
-           "not installed on this machine (status -16); install and start it"});
+           "no product is registered in " + std::string(std::getenv("ORIEL_STATE_DIR")) + " (status -16); start it"});
     OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", "\\nowhere\\"});
-    Check({{"get", "Front desk", "PageCount"}, 3, "", "does not hold TVSDBN.EXE"});
+    Check({{"get", "Front desk", "PageCount"}, 3, "", "has no TVSDBN.EXE (status -16); correct it: oriel reg set"});
     Check({{"up"}, 3, "", "if it moved, register this one: oriel reg set"});
     OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", WindowsPath(ProgramPath(""))});
-    Check({{"get", "Front desk", "PageCount"}, 3, "", "start it with 'oriel up'"});
+    Check({{"get", "Front desk", "PageCount"},
+           3,
+           "",
+           "no status database service runs in " + std::string(std::getenv("ORIEL_RUNTIME_DIR"))});
 }
 
 TEST(CommandLine, WithTheProductUp) {
@@ -87,25 +117,25 @@ TEST(CommandLine, WithTheProductUp) {
     const CommandLine kLines[] = {
         {{"status"}, 0, "running", ""},
         {{"up"}, 1, "", "already up"},
-        {{"get", p, "PageCount"}, 0, "-1 (0xFFFFFFFF)", ""},
-        {{"get", "FRONT DESK", "PageCount"}, 0, "-1", ""},
-        {{"get", p, "pagecount"}, 1, "", "did you mean PageCount?"},
+        {{"get", p, "PageCount"}, 0, "unknown", ""},
+        {{"get", "FRONT DESK", "PageCount"}, 0, "unknown", ""},
+        {{"get", p, "PagCuont"}, 1, "", "did you mean PageCount?"},
         {{"get", p, "AccessControlList"}, 1, "", "'oriel info'"},
         {{"info", p, "AccessControlList"}, 0, "T", ""},
         {{"vars", p, "*nothing*"}, 1, "", "no variable"},
         {{"set", p, "PageCount"}, 2, "", "one of VALUE"},
         {{"set", p, "PageCount", "1", "--hex", "01"}, 2, "", "one of VALUE"},
-        {{"set", p, "PageCount", "12x"}, 2, "", "no number"},
-        {{"set", p, "PageCount", "4294967296"}, 2, "", "32 bits"},
-        {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, these are 2"},
-        {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes 31 bytes, this has 32"},
+        {{"set", p, "PageCount", "12x"}, 2, "", "PageCount takes a 32-bit number, not \"12x\""},
+        {{"set", p, "PageCount", "4294967296"}, 2, "", "32-bit"},
+        {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, not 2"},
+        {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes at most 31 bytes, not 32"},
         {{"set", p, "ServiceNote", "\xe6\x97\xa5"}, 2, "", "code page 1252"},
         {{"set", p, "ServiceNote", "two", "words"}, 2, "", "takes one value"},
-        {{"set", p, "CurrentStatus", "1"}, 2, "", "set the variables that it is made of"},
+        {{"set", p, "CurrentStatus", "1"}, 2, "", "set the variables it is made of"},
         {{"set", p, "PrinterBinConfig", "1"}, 2, "", "--hex or --file"},
         {{"set", p, "Port", "colour=1"}, 2, "", "portKind, portName, portDetail"},
         {{"get", p, "PageCount", "--kind", "0"}, 1, "", "TVORPZ.EXE"},
-        {{"get", p, "PageCount", "--kind", "9"}, 0, "-1", ""},
+        {{"get", p, "PageCount", "--kind", "9"}, 0, "unknown", ""},
         {{"get", "Other", "PageCount", "--kind", "1"}, 1, "", "status -80"},
         {{"get", "Other", "PageCount", "--kind", "9"}, 1, "", "cannot add a printer"},
     };
@@ -116,14 +146,14 @@ TEST(CommandLine, WithTheProductUp) {
     const Json error = OrielJson({"get", p, "PageCount"}, 5)["error"];
     EXPECT_EQ(error["why"], "the status database service runs but does not answer");
     ContinueProcess(ServiceProcess());
-    Check({{"get", p, "PageCount"}, 0, "-1", ""});
+    Check({{"get", p, "PageCount"}, 0, "unknown", ""});
 }
 
 TEST_AS_ROOT(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
     RunningProduct product;
     AddExamplePrinter();
     OrielText({"get", "Front desk", "PageCount"});
-    EXPECT_EQ(OrielAsNobody({"get", "Front desk", "PageCount"}).output, "-1 (0xFFFFFFFF)\n");
+    EXPECT_EQ(OrielAsNobody({"get", "Front desk", "PageCount"}).output, "unknown\n");
     EXPECT_EQ(OrielAsNobody({"status"}).exitCode, 0);
     // Nobody else has a window yet, and the folder of windows lies in root's directory.
     EXPECT_EQ(OrielAsNobody({"watch", "Front desk", "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
@@ -152,5 +182,44 @@ TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {
 
     const ProgramResult result = RunProgram("/bin/sh", {"-c", oriel + " printers >/dev/full"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_NE(result.errors.find("could not be written"), std::string::npos) << result.errors;
+    EXPECT_NE(result.errors.find("cannot write to standard output: No space"), std::string::npos) << result.errors;
+}
+
+// On a machine with the real directories, on file systems of its own. Root has a product there and another user one of
+// his own.
+TEST(CommandLine, TalksToTheUsersOwnProductWhileItIsUpElseToTheSystems) {
+    if (!RunsAsRoot() || RunProgram("/usr/bin/unshare", {"-m", "true"}).exitCode != 0)
+        GTEST_SKIP() << "needs root to mount file systems";
+    constexpr const char* kScript = R"sh(
+        unset ORIEL_STATE_DIR ORIEL_RUNTIME_DIR
+        mount -t tmpfs -o mode=0755 state /var/lib && mount -t tmpfs -o mode=0755 run /run || exit 9
+        mkdir -m 0700 /run/home /run/own && chown 1:1 /run/home /run/own
+        user="setpriv --reuid=1 --regid=1 --clear-groups env HOME=/run/home XDG_RUNTIME_DIR=/run/own"
+        up() { "$@" up >/run/log 2>&1 & for _ in $(seq 200); do grep -q 'is up' /run/log && return; sleep 0.05; done; }
+        is() { "$@" --json | sed -n 's/^  "\(service\|scope\)": "\(.*\)",/\2/p' | tr '\n' ' '; }
+        for command in status printers 'reg query HKLM' 'vars P' 'get P V' 'watch P' help; do "$oriel" $command; done >/dev/null 2>&1
+        $user "$oriel" status >/dev/null
+        find /var/lib /run -name 'oriel*' | wc -l
+        is $user "$oriel" status; echo fresh
+        up $user "$oriel"; users=$!
+        "$oriel" reg set 'HKLM\SOFTWARE\X' a b
+        is $user "$oriel" status; is "$oriel" status; echo his is up
+        is $user "$oriel" --scope system status; is $user ORIEL_SCOPE=system "$oriel" status --scope=user; echo chosen
+        kill $users; wait $users
+        is $user "$oriel" status; echo his is not up
+        up "$oriel"; systems=$!
+        is $user "$oriel" status; is $user ORIEL_SCOPE=user "$oriel" status; echo the system is up
+        kill $systems; wait $systems
+        ORIEL_SCOPE=mine "$oriel" status 2>&1
+    )sh";
+    const ProgramResult result =
+        RunProgram("/usr/bin/unshare", {"-m", "sh", "-c", kScript}, {{"oriel", ProgramPath("oriel")}});
+    EXPECT_EQ(result.output, "0\n"
+                             "not installed user fresh\n"
+                             "running user not installed system his is up\n"
+                             "not installed system running user chosen\n"
+                             "not installed system his is not up\n"
+                             "running system stopped user the system is up\n"
+                             "oriel: ORIEL_SCOPE is neither \"system\" nor \"user\"; correct or unset it\n")
+        << result.errors;
 }

@@ -49,7 +49,8 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
         if (size == 0 || variable["type"] == "string" || name == std::string("AccessControlList")) continue;
         EXPECT_EQ(variable["hex"].get<std::string>().size() + 1, size * 3);
     }
-    EXPECT_EQ(variables["PageCount"]["value"], 0xffffffffu);
+    EXPECT_EQ(variables["PageCount"]["value"], Json()) << "not known yet";
+    EXPECT_EQ(variables["PageCount"]["raw"], 0xffffffffu);
     EXPECT_EQ(variables["SpoolerStatus"]["bits"], Json::array());
     EXPECT_EQ(variables["PrinterStatus"]["value"], Json({0, 0, 0}));
     EXPECT_EQ(variables["PrinterName"]["value"], kPrinter);
@@ -65,6 +66,12 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
     const Json some = OrielJson({"vars", kPrinter, "toner*", "Page?ount"});
     ASSERT_EQ(some["variables"].size(), 2u);
     EXPECT_EQ(some["variables"][0]["name"], "PageCount");
+
+    // A model that is changed after the first open.
+    const std::string model = R"(HKLM\SOFTWARE\Tavik\Oriel\Printers\Example Laser\Status Variables)";
+    OrielText({"reg", "set", model, "Later", "04000000 04010100 64000000", "--type", "binary"});
+    EXPECT_EQ(OrielJson({"vars", kPrinter, "Later"})["variables"][0]["error"]["code"], -5);
+    EXPECT_NE(Oriel({"vars", kPrinter, "Later"}).errors.find("restart the product"), std::string::npos);
 }
 
 TEST(Variables, WhatIsSetIsRead) {
@@ -79,6 +86,7 @@ TEST(Variables, WhatIsSetIsRead) {
     const Case kCases[] = {
         {"PageCount", {"1234"}, "1234 (0x4D2)", 1234},
         {"PageCount", {"0x10"}, "16 (0x10)", 16},
+        {"PageCount", {"unknown"}, "unknown", nullptr},
         {"PageCount", {"-2"}, "4294967294 (0xFFFFFFFE)", 4294967294u},
         {"PageCount", {"--hex", "0x07,00 0000"}, "7", 7},
         {"SpoolerStatus", {"12"}, "12 (0xC: ready for forwarded requests, takes refresh requests)", 12},
@@ -86,7 +94,7 @@ TEST(Variables, WhatIsSetIsRead) {
         {"PrinterLocation", {"B\xc3\xbcro 5\xe2\x82\xac"}, "B\xc3\xbcro 5\xe2\x82\xac", "B\xc3\xbcro 5\xe2\x82\xac"},
         {"PrinterLocation", {""}, "", ""},
         {"PrinterLocation", {"--hex", "1b 5b 31 6d 0a 41 00"}, "\\x1b[1m\\nA", "\x1b[1m\nA"},
-        {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, -1 (0xFFFFFFFF)", {1, 2, 4294967295u}},
+        {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, unknown", {1, 2, nullptr}},
         {"Port",
          {"portKind=8", "portName=LPT1:"},
          "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: \"\"",
