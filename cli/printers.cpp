@@ -106,10 +106,23 @@ std::string RequirePrinterText(const std::string& text, const char* what) {
     return ansi;
 }
 
-// A backslash is a comma in the name of the registry's key: such a name stands for a printer of another machine.
+namespace {
+
+// "\\SERVER\NAME", the one form of a name with backslashes.
+bool IsConnection(const std::string& name) {
+    const std::string key = PrinterKeyName(name); // commas for backslashes, and no others
+    const size_t third = key.find(',', 2);
+    return key.starts_with(",,") && third != std::string::npos && third > 2 && third + 1 < key.size() &&
+           key.find(',', third + 1) == std::string::npos;
+}
+
+} // namespace
+
 std::string RequireNewPrinterName(const std::string& text) {
     const std::string name = RequirePrinterText(text, "the printer name");
-    if (name.size() > kLongestNewName || PrinterKeyName(name).find(',') != std::string::npos)
+    const bool comma = name.find(',') != std::string::npos; // never the second byte of a character
+    const bool backslash = PrinterKeyName(name) != name;
+    if (name.size() > kLongestNewName || comma || (backslash && !IsConnection(name)))
         throw UsageFailure("\"" + text + "\" cannot be the name of a printer",
                            "use 1 to 220 characters, and no comma or backslash");
     return name;
