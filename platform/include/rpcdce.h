@@ -64,6 +64,14 @@ RPCRTAPI RPC_STATUS RPC_ENTRY RpcBindingFromStringBindingA(RPC_CSTR StringBindin
  */
 RPCRTAPI RPC_STATUS RPC_ENTRY RpcBindingFree(RPC_BINDING_HANDLE* Binding);
 
+#define RPC_C_OPT_CALL_TIMEOUT 12
+
+/* How long a call through the handle may take, from its I_RpcGetBuffer on, in milliseconds; 0, as at first: as long as
+ * the server needs. A call that takes longer gives RPC_S_CALL_CANCELLED, and the server may carry it out all the same.
+ * For calls that begin afterwards. Windows has no such limit for "ncalrpc", and answers RPC_S_CANNOT_SUPPORT, which
+ * every other option gets here. RPC_S_INVALID_BINDING, RPC_S_INVALID_ARG (more than 32 bits). */
+RPCRTAPI RPC_STATUS RPC_ENTRY RpcBindingSetOption(RPC_BINDING_HANDLE hBinding, ULONG option, ULONG_PTR optionValue);
+
 /* ---- Servers
  * ---------------------------------------------------------------------------------------------------------- */
 

@@ -131,6 +131,33 @@ TEST(RpcCall, TwoMessagesOfAThreadDoNotShareABuffer) {
     EXPECT_EQ(I_RpcFreeBuffer(&first), RPC_S_OK);
 }
 
+TEST(RpcCall, MayHaveATimeLimit) {
+    NeedsTheLayer("a limit for local calls");
+    TestServer server;
+    const TestBinding binding;
+    const TestBinding other;
+    EXPECT_EQ(RpcBindingSetOption(nullptr, RPC_C_OPT_CALL_TIMEOUT, 1), RPC_S_INVALID_BINDING);
+    EXPECT_EQ(RpcBindingSetOption(binding.Handle(), 1, 1), RPC_S_CANNOT_SUPPORT);
+    EXPECT_EQ(RpcBindingSetOption(binding.Handle(), RPC_C_OPT_CALL_TIMEOUT, 100), RPC_S_OK);
+    const auto expectCancelled = [&](const Body& body) {
+        const double before = NowMs();
+        EXPECT_EQ(binding.Call(kHold, body).status, RPC_S_CALL_CANCELLED);
+        EXPECT_GE(NowMs() - before, 99);
+        EXPECT_LT(NowMs() - before, 5000);
+    };
+    expectCancelled({}); // connected anew, and then not
+    EXPECT_EQ(binding.Call(kEcho, Pattern(8)).body, Pattern(8));
+    expectCancelled({});
+    server.Process().Stop();
+    expectCancelled({});                 // it does not even answer who connects
+    expectCancelled(Body(3 << 20, 'x')); // nor take what is sent
+    server.Process().Continue();
+    EXPECT_EQ(RpcBindingSetOption(binding.Handle(), RPC_C_OPT_CALL_TIMEOUT, 0), RPC_S_OK);
+    EXPECT_EQ(binding.Call(kEcho, Pattern(3 << 20)).body, Pattern(3 << 20));
+    EXPECT_EQ(other.Call(kEcho, Pattern(8)).body, Pattern(8));
+    EXPECT_EQ(server.Order("release"), RPC_S_OK);
+}
+
 TEST(RpcServer, StopLetsCallsInProgressReturn) {
     TestServer server;
     const TestBinding binding;

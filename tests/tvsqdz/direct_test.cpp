@@ -134,6 +134,34 @@ TEST(Direct, ValuesGoThroughTheDatabase) {
     }
 }
 
+// A request has room for 31 characters, and names of a write the companion, which has one more.
+TEST(Direct, ANameThatDoesNotFitTheRequestIsUnknown) {
+    const auto nameOf = [](size_t length) { return std::string(length, 'n'); };
+    for (size_t length = 30; length < 34; ++length)
+        AddModelVariable(kModel, nameOf(length), 4, 0x30204, Number(1));
+    const DirectProduct product;
+    const TvsManager manager = product.manager;
+    const PrinterSide printer(product.record, [](const std::string&, const std::string&) { return 0; });
+    const HANDLE done = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (size_t length = 30; length < 34; ++length) {
+        SCOPED_TRACE(length);
+        const std::string name = nameOf(length);
+        const int32_t read = length < 32 ? TVS_OK : TVS_E_UNKNOWN;
+        const int32_t write = length < 31 ? TVS_OK : TVS_E_UNKNOWN;
+        uint32_t number = 0;
+        int32_t result = 5;
+        EXPECT_EQ(ReadDirectly(manager, name, 4).status, read);
+        EXPECT_EQ(WriteDirectly(manager, name, Number(7)), write);
+        EXPECT_EQ(GetReqPrinterStatusEventA(manager, name.c_str(), done), read);
+        EXPECT_EQ(WaitForSingleObject(done, read == TVS_OK ? 10000 : 0), read == TVS_OK ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+        EXPECT_EQ(SetReqPrinterStatusEventA(manager, name.c_str(), &number, 4, done, &number), write);
+        if (write != TVS_OK) continue;
+        EXPECT_EQ(WaitForSingleObject(done, 10000), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(ResSetPrinterStatus(manager, number, &result), TVS_OK);
+        EXPECT_EQ(result, 0);
+    }
+}
+
 TEST(Direct, BadAddressesAreAnErrorAndLoseNoLock) {
     const DirectProduct product;
     const PrinterSide printer(product.record, [](const std::string&, const std::string&) { return 0; });
@@ -158,12 +186,13 @@ TEST(Direct, BadAddressesAreAnErrorAndLoseNoLock) {
 TEST(Direct, AForwardedRequestWaitsAMomentForTheSpoolerAndLeavesItsResult) {
     const DirectProduct product;
     product.record->lmFunction = 1;
-    g_timings.readinessPause = 100;
+    g_timings.readinessPause = 1;
     SetReady(product.manager, 0, 8);
-    EXPECT_EQ(ReadDirectly(product.manager, "DNumber", 4).status, TVS_E_NOT_READY);
-    EXPECT_EQ(StoredBytes(product.database, "ReadRequest"), BytesOf("DNumber"));
+    EXPECT_EQ(ReadDirectly(product.manager, "DText", 4).status, TVS_E_NOT_READY);
+    EXPECT_EQ(StoredBytes(product.database, "ReadRequest"), BytesOf("DText"));
+    g_timings.readinessPause = 1000; // the spooler needs a part of one
     TestThread spooler([&] {
-        PauseMs(120); // after the second look
+        WaitUntil([&] { return StoredBytes(product.database, "ReadRequest") == BytesOf("DNumber"); });
         SetReady(product.manager, 0, 12);
     });
     const int32_t status = ReadDirectly(product.manager, "DNumber", 4).status;

@@ -305,9 +305,7 @@ TEST(PrinterList, DamagedListsRefuseTheOpenAndStayAsTheyAre) {
     std::memset(countHuge.data() + 4, 0xFF, 4);
     Bytes endlessName = ListOf({Entry(1, kPrinter)});
     std::memset(endlessName.data() + 8 + 268, 'x', 32); // databaseName
-    Bytes endlessDriver = ListOf({Entry(1, kPrinter)});
-    std::memset(endlessDriver.data() + 8 + 300, 'x', 260);
-    for (const Bytes& list : {ListOf({}), Bytes(559), countTooHigh, countHuge, endlessName, endlessDriver}) {
+    for (const Bytes& list : {ListOf({}), Bytes(559), countTooHigh, countHuge, endlessName}) {
         WriteList(master, list);
         EXPECT_EQ(OpenStatus(kPrinter, 6), TVS_E_UNAVAILABLE);
         DWORD size = 0;
@@ -315,6 +313,11 @@ TEST(PrinterList, DamagedListsRefuseTheOpenAndStayAsTheyAre) {
         ReadVariable(master, "PrinterDatabase", now.data(), static_cast<DWORD>(now.size()), &size);
         EXPECT_EQ(now, list);
     }
+    // A driver without an end is one that the list does not know: the registry does.
+    PrinterListEntry endless = Entry(1, kPrinter);
+    std::memset(endless.driverName, 'x', sizeof endless.driverName);
+    WriteList(master, ListOf({endless}));
+    EXPECT_STREQ(RecordOf(OpenPrinter())->driverName, kModel.c_str());
     // No number is left; an entry that is no text is nobody's, and no harm to others.
     WriteList(master, ListOf({Entry(0xFFFFFFFF, "Last")}));
     EXPECT_EQ(OpenStatus("New", 2), TVS_E_UNAVAILABLE);

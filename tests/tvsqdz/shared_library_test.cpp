@@ -1,4 +1,5 @@
 // The library as it is shipped, in a process that loads it.
+#include "dblink/kernel_names.h"
 #include "loaded_library.h"
 #include "machine.h"
 
@@ -9,7 +10,18 @@ Function* Export(void* library, const char* name, Function*) {
     return reinterpret_cast<Function*>(FindExport(library, name));
 }
 
-// Opens, updates, reads and leaves the manager to the process's end.
+// Reads for ever.
+struct Reader {
+    decltype(&GetPrinterStatusA) read;
+    TvsManager manager;
+};
+DWORD WINAPI ReadForEver(void* parameter) {
+    const Reader reader = *static_cast<Reader*>(parameter);
+    for (uint32_t value = 0, size = 0;;)
+        reader.read(reader.manager, "ModelNumber", &value, sizeof value, &size);
+}
+
+// Opens, reads, and leaves the manager to the process's end. "watch": with a thread in a call, and watchers.
 CHILD_PROCESS(LoadsTheSharedLibrary) {
     std::string failure;
     void* library = LoadTheLibrary(failure);
@@ -25,12 +37,24 @@ CHILD_PROCESS(LoadsTheSharedLibrary) {
     const int32_t opened = open(kPrinter.c_str(), "u", 6, &manager);
     const int32_t status = read(manager, "ModelNumber", &value, sizeof value, &size);
     child.Say(std::to_string(opened) + " " + std::to_string(status) + " " + std::to_string(value));
-    if (child.Hear() == "unload") {
+    const std::string end = child.Hear();
+    if (end == "unload") {
         UnloadTheLibrary(library);
         child.Say("unloaded");
         child.Hear();
     }
-    return 0;
+    if (end == "watch") {
+        const auto watch = Export(library, "SetNotificationEventA", &SetNotificationEventA);
+        TvsRegistration registration = 0;
+        for (const char* variable : {"ModelNumber", "PrinterStatus", "PrintingMyJob"})
+            EXPECT_EQ(watch(manager, variable, nullptr, &registration), TVS_OK);
+        static Reader reader;
+        reader = {read, manager};
+        CreateThread(nullptr, 0, ReadForEver, &reader, 0, nullptr);
+        child.Say("watching");
+        child.Hear();
+    }
+    return testing::Test::HasFailure();
 }
 
 } // namespace
@@ -52,6 +76,30 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
         EXPECT_TRUE(
             WaitUntil([&] { return (RecordOf(OpenPrinter())->ownerProcessId == process.Id()) == (end == "kill"); }));
     }
+}
+
+// The end of a process closes its managers, but not at any price.
+TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
+    NeedsTheLayer("a limit for local calls");
+    SetUpProduct();
+    Service service;
+    TestProcess process("LoadsTheSharedLibrary");
+    EXPECT_EQ(process.Hear(), "0 0 7");
+    process.Tell("watch");
+    EXPECT_EQ(process.Hear(), "watching");
+    service.process.Stop();
+    // A watcher that is woken asks the service, and has no answer when the end begins.
+    const HANDLE changed =
+        OpenEventA(EVENT_MODIFY_STATE, FALSE,
+                   dblink::VariableEventName(true, "TVORSQD_DB1", "ModelNumber", dblink::VariableSignal::Changed).text);
+    ASSERT_NE(changed, nullptr);
+    SetEvent(changed);
+    PauseMs(50);
+    const double before = NowMs();
+    process.Tell("end");
+    EXPECT_EQ(process.Wait(), 0) << process.Errors();
+    EXPECT_LT(NowMs() - before, 3000);
+    service.process.Continue();
 }
 
 TEST(SharedLibrary, WithoutTheProductItLoadsAndRefuses) {

@@ -1,4 +1,5 @@
 // The converters, and the reads and writes that use them, in code pages of one, two and more bytes a character.
+#include "campaign.h"
 #include "catalogue/converters.h"
 #include "catalogue/variable_table.h"
 #include "machine.h"
@@ -363,6 +364,46 @@ TEST(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
     EXPECT_EQ(Update(manager, "PrinterQueue", Number(0xFFFFFFFF)), TVS_OK);
     EXPECT_EQ(GetPrinterStatusW(manager, WIDE("PrinterQueue"), queue.data(), 584, &size), TVS_E_MEMORY);
     EXPECT_EQ(size, 0xFFFFFFFFu);
+}
+
+// Another thread changes the count while the value is written: what is stored is one of the queues that there were.
+TEST(Wide, AQueueThatChangesMeanwhileIsWrittenAsItWasRead) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    constexpr uint32_t kMany = 12;
+    alignas(4) static unsigned char queue[4 + kMany * sizeof(TvsJobRecordWide)];
+    auto* count = reinterpret_cast<volatile uint32_t*>(queue);
+    std::atomic<bool> stop = false;
+    const TestThread changer([&] {
+        while (!stop)
+            *count = *count == 1 ? kMany : 1;
+    });
+    for (int round = Rounds(3000, 300000); round > 0; --round) {
+        if (UpdatePrinterStatusW(manager, WIDE("PrinterQueue"), queue, sizeof queue) != TVS_OK) ADD_FAILURE();
+        if (round % 16 != 0) continue;
+        const Bytes stored = StoredBytes(RecordOf(manager)->printerDatabase, "PrinterQueue");
+        const Bytes counted(stored.begin() + 4, stored.begin() + 8);
+        EXPECT_TRUE(stored.size() == 8 + sizeof(TvsJobRecord)
+                        ? counted == Number(1)
+                        : stored.size() == 8 + kMany * sizeof(TvsJobRecord) && counted == Number(kMany));
+    }
+    stop = true;
+}
+
+// What no value can be is answered as in the ANSI form, before anything is read or made room for.
+TEST(Wide, ASizeBeyondAnyValuesIsRefusedAsInTheAnsiForm) {
+    const Product product;
+    const TvsManager manager = OpenPrinter();
+    const char value = 0;
+    for (const auto& [name, wide] : {std::pair{"PrinterLocation", WIDE("PrinterLocation")},
+                                     {"SendingJobInfo", WIDE("SendingJobInfo")},
+                                     {"PrinterQueue", WIDE("PrinterQueue")},
+                                     {"JobStatus", WIDE("JobStatus")}})
+        for (const uint32_t size : {uint32_t{8} << 20, (uint32_t{8} << 20) + 2, 0x7FFFFFFEu, 0xFFFFFFFFu}) {
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(size));
+            EXPECT_EQ(UpdatePrinterStatusA(manager, name, &value, size), PassOn(Answer::WrongSize));
+            EXPECT_EQ(UpdatePrinterStatusW(manager, wide, &value, size), PassOn(Answer::WrongSize));
+        }
 }
 
 TEST(Wide, DirectRequestsTakeAndGiveTheWideForm) {

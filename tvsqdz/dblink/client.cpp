@@ -4,6 +4,7 @@
 #include "dblink/ndr.h"
 #include "frame/status_service.h"
 
+#include <atomic>
 #include <string.h>
 #include <string_view>
 
@@ -14,6 +15,29 @@ using namespace dblink;
 RPC_BINDING_HANDLE g_binding;
 RPC_CSTR g_stringBinding;
 RPC_CLIENT_INTERFACE g_interface;
+
+// Of a process that ends.
+struct CallBound {
+    DWORD start; // tick count
+    DWORD boundMs;
+    DWORD eachMs;
+};
+CallBound g_bound;
+std::atomic<bool> g_isBounded;
+std::atomic<bool> g_gaveUp;
+
+// False when no call is made any more. Several threads may set the limit at once, to nearly the same.
+bool LimitCall() {
+    if (!g_isBounded.load()) return true;
+    if (g_gaveUp.load()) return false;
+    RpcBindingSetOption(g_binding, RPC_C_OPT_CALL_TIMEOUT, LeftForCalls());
+    return true;
+}
+
+RPC_STATUS NoteResult(RPC_STATUS result) {
+    if (result == RPC_S_CALL_CANCELLED) g_gaveUp = true;
+    return result;
+}
 
 // The label of the local form: little-endian integers, ASCII characters.
 constexpr ULONG kLocalRepresentation = 0x10;
@@ -49,7 +73,7 @@ public:
             m_result = RPC_X_BAD_STUB_DATA;
             return false;
         }
-        m_result = I_RpcSendReceive(&m_message);
+        m_result = NoteResult(I_RpcSendReceive(&m_message));
         if (m_result != RPC_S_OK) {
             m_message.Buffer = nullptr; // the run-time has taken it back
             return false;
@@ -71,12 +95,13 @@ private:
     RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
         if (g_binding == nullptr) return RPC_S_INVALID_BINDING;
         if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no longer body
+        if (!LimitCall()) return RPC_S_CALL_CANCELLED;
         m_message.Handle = g_binding;
         m_message.DataRepresentation = kLocalRepresentation;
         m_message.BufferLength = static_cast<unsigned int>(bodySize);
         m_message.ProcNum = procedure;
         m_message.RpcInterfaceInformation = &g_interface;
-        const RPC_STATUS result = I_RpcGetBuffer(&m_message);
+        const RPC_STATUS result = NoteResult(I_RpcGetBuffer(&m_message));
         if (result != RPC_S_OK) m_message.Buffer = nullptr;
         return result;
     }
@@ -108,7 +133,25 @@ Answer CallWithHandle(Procedure procedure, DatabaseHandle database) {
 
 } // namespace
 
+void BoundCalls(DWORD boundMs, DWORD eachMs) {
+    g_bound = {GetTickCount(), boundMs, eachMs};
+    g_isBounded = true;
+}
+
+DWORD LeftForCalls() {
+    if (!g_isBounded.load()) return INFINITE;
+    if (g_gaveUp.load()) return 0;
+    const DWORD spent = GetTickCount() - g_bound.start;
+    const DWORD left = spent < g_bound.boundMs ? g_bound.boundMs - spent : 0;
+    return left > g_bound.eachMs ? left : g_bound.eachMs;
+}
+
+bool CallsWereGivenUp() {
+    return g_gaveUp.load();
+}
+
 bool BindStatusDatabase() {
+    g_isBounded = g_gaveUp = false;
     g_interface = {};
     g_interface.Length = sizeof g_interface;
     g_interface.InterfaceId = kInterfaceSyntax;

@@ -40,6 +40,15 @@ using DatabaseHandle = DWORD;
 bool BindStatusDatabase();
 void UnbindStatusDatabase();
 
+// For a process that ends, until the next binding: its calls are not held up by a service that stands still. They have
+// boundMs together and beyond that eachMs each, for as long as all are answered; once one was not, no more is made.
+// Windows cannot bound a local call; there this bounds what LeftForCalls bounds.
+void BoundCalls(DWORD boundMs, DWORD eachMs);
+// How long a call that began now might take, for other waits that end with the service's answers: INFINITE while calls
+// are not bounded, 0 once one was given up.
+DWORD LeftForCalls();
+bool CallsWereGivenUp();
+
 // On failure *handle is 0. A call that finds no server has it restarted where that can be done, and is repeated: four
 // calls at most.
 Answer CreateDatabase(const char* name, DatabaseHandle* handle);

@@ -74,10 +74,11 @@ bool AttachProcess(HINSTANCE module) {
 
 void DetachProcess() {
     if (!LetCallsIn(false)) return; // the attach failed, or the detach has been done
+    BoundCalls(g_timings.detachCalls, g_timings.detachCall);
     CloseAllManagers();
     // At the end of a process other threads may still be in a call. They get a moment; beyond that, what they use stays
     // in place, for the process ends anyway.
-    const bool empty = CallsHaveLeft(g_timings.detachBound);
+    const bool empty = CallsHaveLeft(CallsWereGivenUp() ? g_timings.detachBoundOfStill : g_timings.detachBound);
     CloseAllManagers(); // those whose open was on its way
     RemoveKindBits(g_processKindMask.exchange(0));
     LeaveProcessCount();

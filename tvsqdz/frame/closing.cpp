@@ -46,7 +46,7 @@ void AwaitOtherManagers(ManagerRecord* manager) {
     for (DWORD poll = 0; poll < g_timings.terminationPolls; ++poll) {
         // A service that does not answer has no database open.
         GetDatabaseInfo(manager->printerDatabase, &info);
-        if (info.openHandles < 2 && g_openManagerCount <= 1) break;
+        if ((info.openHandles < 2 && g_openManagerCount <= 1) || CallsWereGivenUp()) break;
         Sleep(g_timings.terminationPoll);
     }
     GetDatabaseInfo(manager->masterDatabase, &info);

@@ -216,7 +216,15 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
 }
 
 void ReleasePrinterOwnership(ManagerRecord* manager) {
-    const MutexHold lock(manager->databaseMutex);
+    MutexHold lock;
+    // Whoever holds the mutex waits for the service: a process that ends asks it too, and goes without it if there is
+    // no answer.
+    while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
+        dblink::DatabaseInfo info;
+        if (lock.result != WAIT_TIMEOUT) return;
+        GetDatabaseInfo(manager->masterDatabase, &info);
+        if (CallsWereGivenUp()) return;
+    }
     ListBlock block;
     if (!ReadList(manager->masterDatabase, &block)) return;
     for (uint32_t i = 0; i < block.list->entryCount; ++i) {

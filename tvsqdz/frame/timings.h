@@ -62,11 +62,19 @@ struct Timings {
     // The owner looks whether it missed one that often.
     DWORD relaySlice = 1000;
 
-    // Closing: between two looks whether the other managers have ended, how many, and how long calls that are still on
-    // their way through the library hold up the process's detach.
+    // Closing: between two looks whether the other managers have ended, and how many.
     DWORD terminationPoll = 200;
     DWORD terminationPolls = 300;
+
+    // A process that ends is not held up by a service that stands still: how long its calls may take together, and how
+    // long each may take beyond that, as long as all are answered. How long a thread that may be in such a call is
+    // given to end once the service was found not to answer, and how long calls of other threads that are still on
+    // their way through the library hold up the detach.
+    DWORD detachCalls = 1200;
+    DWORD detachCall = 100;
+    DWORD detachThread = 50;
     DWORD detachBound = 2000;
+    DWORD detachBoundOfStill = 500; // the latter when the service does not answer
 
     // Asking the product's windows to close: between two looks whether one has gone, and how many; and the pause after
     // all of it.

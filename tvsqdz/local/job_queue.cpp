@@ -33,13 +33,11 @@ uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName) {
     return count;
 }
 
-Status ReadOwnerJobCount(const ManagerDatabase& database, HANDLE databaseMutex, const char* queueName,
-                         const char* userName, uint32_t* count) {
+Status ReadOwnerJobCount(const ManagerDatabase& database, const char* queueName, const char* userName, MutexHold& lock,
+                         uint32_t* count) {
     JobQueue queue(database, queueName);
-    {
-        const MutexHold lock(databaseMutex);
-        if (const Status status = queue.Load(); status != TVS_OK) return status;
-    }
+    if (const Status status = queue.Load(); status != TVS_OK) return status;
+    lock.Release();
     *count = CountOwnerJobs(queue, userName);
     return TVS_OK;
 }

@@ -6,6 +6,7 @@
 
 #include "access/stored_list.h"
 #include "dblink/manager_database.h"
+#include "frame/guards.h"
 #include "frame/status.h"
 
 #include <tvsqdz_records.h>
@@ -26,7 +27,7 @@ struct JobQueue : StoredList {
 // The entries whose owner is the user, without regard to the case of the letters A to Z.
 uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName);
 
-// The same of a stored queue, which is read under the database mutex. TVS_OK, TVS_E_MEMORY, or the service's answer;
-// *count is untouched then.
-Status ReadOwnerJobCount(const ManagerDatabase& database, HANDLE databaseMutex, const char* queueName,
-                         const char* userName, uint32_t* count);
+// The same of a stored queue. lock: holds the database mutex, which is let go once the queue is read. TVS_OK,
+// TVS_E_MEMORY, or the service's answer; *count is untouched then.
+Status ReadOwnerJobCount(const ManagerDatabase& database, const char* queueName, const char* userName, MutexHold& lock,
+                         uint32_t* count);

@@ -19,8 +19,8 @@ uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer)
     if (buffer == nullptr) return sizeof count;
     Status status = TVS_OK;
     for (int i = 0; i < kAttempts; ++i) {
-        status =
-            ReadOwnerJobCount(manager->printerDatabase, manager->databaseMutex, queueName, manager->userName, &count);
+        MutexHold lock(manager->databaseMutex);
+        status = ReadOwnerJobCount(manager->printerDatabase, queueName, manager->userName, lock, &count);
         if (status == TVS_OK || status == TVS_E_MEMORY) break;
     }
     memcpy(buffer, &count, sizeof count);
@@ -45,9 +45,11 @@ public:
     }
 
 private:
+    // A watcher that is to end does not wait for the mutex; what it counts is of no interest any more.
     Status Count(uint32_t* count) const {
-        return ReadOwnerJobCount(PrinterDatabaseOf(m_registration), m_registration.databaseMutex, m_queueName,
-                                 m_registration.userName, count);
+        MutexHold lock;
+        if (!lock.AcquireUnless(m_registration.thread.stopEvent, m_registration.databaseMutex)) return TVS_OK;
+        return ReadOwnerJobCount(PrinterDatabaseOf(m_registration), m_queueName, m_registration.userName, lock, count);
     }
 
     // The question for the write time shows the service that this watcher was told: a pulse that comes while it counts
@@ -56,7 +58,7 @@ private:
         const DWORD begun = GetTickCount();
         SYSTEMTIME written = {};
         GetWriteTime(PrinterDatabaseOf(m_registration), m_queueName, &written);
-        uint32_t count = 0;
+        uint32_t count = m_told;
         const Status status = Count(&count);
         if (status == TVS_OK && count != m_told) {
             m_told = count;

@@ -31,9 +31,11 @@ public:
     }
 
 private:
-    // The mutex is held no longer than the service needs to answer.
+    // The mutex is held no longer than the service needs to answer, and not waited for by a watcher that is to end.
     Status Load(AccessControlList& list) const {
-        const MutexHold lock(m_registration.databaseMutex);
+        MutexHold lock;
+        if (!lock.AcquireUnless(m_registration.thread.stopEvent, m_registration.databaseMutex))
+            return TVS_E_REQUEST_LOCK;
         return list.Load(PrinterDatabaseOf(m_registration));
     }
 

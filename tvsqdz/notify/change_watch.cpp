@@ -1,7 +1,7 @@
 // The default watchers, for registrations of any number of variables.
 //
 // A pulse reaches only who waits, and a watcher that delivers does not. So after each delivery it stays awake: it waits
-// for a short time only, and when nothing came it compares the write times of all its variables with those it has told.
+// for a short time only, and when nothing came it compares the last writes of all its variables with those it has told.
 // Once a comparison finds nothing new it waits without a limit. State: on the watcher's stack.
 #include "catalogue/variable_handlers.h"
 #include "frame/timings.h"
@@ -41,8 +41,8 @@ private:
     HANDLE m_handles[MAXIMUM_WAIT_OBJECTS];
     Watch m_watches[MAXIMUM_WAIT_OBJECTS];
     uint32_t m_entryOf[MAXIMUM_WAIT_OBJECTS];
-    SYSTEMTIME m_nextWrite[MAXIMUM_WAIT_OBJECTS] = {}; // from when on a write is one that has not been told
-    DWORD m_lastAwake = WAIT_OBJECT_0;                 // the result of the last wait after a delivery
+    LastWrite m_told[MAXIMUM_WAIT_OBJECTS] = {};
+    DWORD m_lastAwake = WAIT_OBJECT_0; // the result of the last wait after a delivery
     uint32_t m_repeats = 0;
 };
 
@@ -57,9 +57,7 @@ ChangeWatcher::ChangeWatcher(const NotificationRegistration& registration, DWORD
         const NotificationEntry& entry = registration.entries[i];
         if ((entry.mode & NOTIFY_DELEGATED) != 0) continue;
         m_entryOf[m_count] = i;
-        SYSTEMTIME written = {};
-        ReadWriteTime(registration, entry, &written); // what was written before is not news
-        m_nextWrite[m_count] = MillisecondAfter(written);
+        ReadLastWrite(registration, entry, &m_told[m_count]); // what was written before is not news
         m_watches[m_count].Begin(registration, entry.variableName, ModeOf(entry));
         m_handles[m_count] = m_watches[m_count].Event();
         ++m_count;
@@ -81,11 +79,11 @@ void ChangeWatcher::Tell(DWORD k) {
 // One delivery for each comparison; what else is new is found by the next one.
 bool ChangeWatcher::TellFirstNew() {
     for (DWORD k = 1; k < m_count; ++k) {
-        SYSTEMTIME written = {};
-        const bool isRead = ReadWriteTime(m_registration, Entry(k), &written);
+        LastWrite write;
+        const bool isRead = ReadLastWrite(m_registration, Entry(k), &write);
         if (ServiceIsNew()) return false;
-        if (!isRead || !IsNotEarlier(written, m_nextWrite[k])) continue;
-        m_nextWrite[k] = MillisecondAfter(written);
+        if (!isRead || IsSameWrite(write, m_told[k])) continue;
+        m_told[k] = write;
         Tell(k);
         return true;
     }
@@ -99,8 +97,7 @@ void ChangeWatcher::RenewAndTell() {
         m_handles[k] = m_watches[k].Event();
     }
     for (DWORD k = 1; k < m_count; ++k) {
-        SYSTEMTIME written = {};
-        if (ReadWriteTime(m_registration, Entry(k), &written)) m_nextWrite[k] = MillisecondAfter(written);
+        ReadLastWrite(m_registration, Entry(k), &m_told[k]);
         Tell(k);
     }
 }
@@ -141,8 +138,7 @@ void ChangeWatcher::Run() {
             }
         } else if (IsChange(result)) {
             const DWORD k = result - WAIT_OBJECT_0;
-            SYSTEMTIME written = {};
-            if (ReadWriteTime(m_registration, Entry(k), &written)) m_nextWrite[k] = MillisecondAfter(written);
+            ReadLastWrite(m_registration, Entry(k), &m_told[k]);
             if (ServiceIsNew()) continue;
             Tell(k);
         } else {

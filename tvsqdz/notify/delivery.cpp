@@ -61,13 +61,15 @@ void CallBack(const NotificationRegistration& registration, const NotificationEn
     callback(registration.callbackContext, index, entry.variableName, value, size);
 }
 
-bool ReadWriteTime(const NotificationRegistration& registration, const NotificationEntry& entry, SYSTEMTIME* time) {
-    return GetWriteTime(PrinterDatabaseOf(registration), entry.variableName, time) == Answer::Done;
+bool ReadLastWrite(const NotificationRegistration& registration, const NotificationEntry& entry, LastWrite* write) {
+    dblink::VariableInfo info;
+    if (GetVariableInfo(PrinterDatabaseOf(registration), entry.variableName, &info) != Answer::Done) return false;
+    *write = {info.writeTime, info.writes};
+    return true;
 }
 
-SYSTEMTIME MillisecondAfter(SYSTEMTIME time) {
-    ++time.wMilliseconds; // 1000 is still less than the next second
-    return time;
+bool IsSameWrite(const LastWrite& a, const LastWrite& b) {
+    return a.count == b.count && IsNotEarlier(a.time, b.time) && IsNotEarlier(b.time, a.time);
 }
 
 bool IsNotEarlier(const SYSTEMTIME& time, const SYSTEMTIME& other) {

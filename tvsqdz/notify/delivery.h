@@ -1,4 +1,4 @@
-// What watcher threads have in common: the watched event of a variable, its write time, and telling the registrant.
+// What watcher threads have in common: the watched event of a variable, its last write, and telling the registrant.
 #pragma once
 
 #include "frame/timings.h"
@@ -81,9 +81,14 @@ void Deliver(const NotificationEntry& entry);
 void CallBack(const NotificationRegistration& registration, const NotificationEntry& entry, uint32_t index,
               const void* value, DWORD size);
 
-// When the entry's variable was last written; false when the service does not tell.
-bool ReadWriteTime(const NotificationRegistration& registration, const NotificationEntry& entry, SYSTEMTIME* time);
-// Times are compared from the year down to the milliseconds, and the day of the week not at all. A write counts as
-// another one when it is not earlier than a millisecond after the one that was told.
-SYSTEMTIME MillisecondAfter(SYSTEMTIME time);
+// The last write of a variable. The time alone does not tell two apart that follow within a millisecond, or within a
+// tick of the system's clock; the count alone could be that of a service that was started anew.
+struct LastWrite {
+    SYSTEMTIME time;
+    DWORD count;
+};
+// False when the service does not tell.
+bool ReadLastWrite(const NotificationRegistration& registration, const NotificationEntry& entry, LastWrite* write);
+bool IsSameWrite(const LastWrite& a, const LastWrite& b);
+// From the year down to the milliseconds; the day of the week is not looked at.
 bool IsNotEarlier(const SYSTEMTIME& time, const SYSTEMTIME& other);

@@ -56,11 +56,23 @@ bool EndThread(HANDLE thread, DWORD boundMs) {
     return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread, boundMs);
 }
 
+// A thread may be in a call of the service from before a process's end, and such a call has no time limit. So the
+// service is asked before the thread is given its whole time.
+DWORD TimeToEnd(const ThreadRecord* record) {
+    const DWORD left = LeftForCalls();
+    if (left >= g_timings.closeWait || record->manager == nullptr) return g_timings.closeWait;
+    if (WaitForSingleObject(record->thread, left) == WAIT_TIMEOUT && !CallsWereGivenUp()) {
+        dblink::DatabaseInfo info;
+        GetDatabaseInfo(record->manager->masterDatabase, &info);
+    }
+    return CallsWereGivenUp() ? g_timings.detachThread : g_timings.closeWait;
+}
+
 // As EndThread; a thread that has ended is not waited for.
-bool EndThreadOfList(HANDLE thread) {
+bool EndThreadOfList(const ThreadRecord* record) {
     DWORD exitCode = STILL_ACTIVE;
-    if (!GetExitCodeThread(thread, &exitCode)) return Terminate(thread, g_timings.closeWait);
-    return exitCode != STILL_ACTIVE || EndThread(thread, g_timings.closeWait);
+    if (!GetExitCodeThread(record->thread, &exitCode)) return Terminate(record->thread, g_timings.closeWait);
+    return exitCode != STILL_ACTIVE || EndThread(record->thread, TimeToEnd(record));
 }
 
 } // namespace
@@ -115,7 +127,7 @@ void StopThreadRecords(ThreadRecord* head) {
         head = record->next;
         if (IsOwn(record))
             LeaveToItself(record);
-        else if (EndThreadOfList(record->thread))
+        else if (EndThreadOfList(record))
             FreeRecord(record);
     }
 }

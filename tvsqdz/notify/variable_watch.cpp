@@ -14,10 +14,10 @@ constexpr DWORD kEnded = 1;
 
 class VariableWatcher {
 public:
-    // *told: when the variable was last written; that is not news. looks: after every delivery.
-    VariableWatcher(const NotificationRegistration& registration, bool looks, SYSTEMTIME* told)
+    // looks: after every delivery.
+    VariableWatcher(const NotificationRegistration& registration, bool looks)
         : m_registration(registration), m_looks(looks), m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()) {
-        ReadWriteTime(registration, Entry(), told);
+        ReadLastWrite(registration, Entry(), &m_told); // what was written before is not news
         m_watch.Begin(registration, Entry().variableName, dblink::kOnlyChanges);
         ThreadHasBegun(registration.thread);
     }
@@ -27,8 +27,8 @@ public:
     const NotificationEntry& Entry() const { return m_registration.entries[0]; }
 
     // True when the variable was written, or may have been while the service was started anew; false when the watcher
-    // is to end. told: when the last delivery began, or when what it told was written.
-    bool AwaitWrite(const SYSTEMTIME& told) {
+    // is to end.
+    bool AwaitWrite() {
         for (;;) {
             if (m_wait == INFINITE && GetTickCount() - m_awakeSince > kPulseComesAgainMs) m_wait = 0;
             const bool idle = m_wait == INFINITE;
@@ -36,7 +36,6 @@ public:
             const DWORD result = WaitForMultipleObjects(2, handles, FALSE, idle ? g_timings.serviceLook : m_wait);
             m_awakeSince = GetTickCount();
             if (result != WAIT_OBJECT_0 + 1 && result != WAIT_TIMEOUT) return false;
-            SYSTEMTIME written = {};
             bool isWritten = result == WAIT_OBJECT_0 + 1;
             if (isWritten) {
                 m_signals.Count(m_watch.Event());
@@ -44,8 +43,7 @@ public:
                 LookForNewService(m_registration);
             } else {
                 m_wait = INFINITE;
-                isWritten =
-                    ReadWriteTime(m_registration, Entry(), &written) && IsNotEarlier(written, MillisecondAfter(told));
+                isWritten = IsWrittenSince();
             }
             if (m_watch.IsLost()) {
                 m_watch.Renew();
@@ -57,23 +55,39 @@ public:
         return true;
     }
 
+    // Before the delivery, either asks for the write that is told, or takes the time of the clock. To ask the service
+    // would hold the delivery up.
+    void NoteWrite() { ReadLastWrite(m_registration, Entry(), &m_told); }
+    void NoteTime() {
+        GetSystemTime(&m_told.time);
+        m_countIsKnown = false;
+    }
+
 private:
+    // By the clock alone a second write in the millisecond of a delivery is not told apart: the two are a burst, whose
+    // closing pulse comes.
+    bool IsWrittenSince() const {
+        LastWrite write;
+        if (!ReadLastWrite(m_registration, Entry(), &write)) return false;
+        return m_countIsKnown ? !IsSameWrite(write, m_told) : !IsNotEarlier(m_told.time, write.time);
+    }
+
     const NotificationRegistration& m_registration;
     const bool m_looks;
     Watch m_watch;
     DWORD m_wait;       // the first one is short: a write may have come before it
     DWORD m_awakeSince; // tick count
     SignalCount m_signals;
+    LastWrite m_told = {}; // the last delivery
+    bool m_countIsKnown = true;
 };
 
 } // namespace
 
-// The clock tells the writes from before a delivery from those after it: asking the service would hold the delivery up.
 DWORD WINAPI VariableWatch(void* parameter) {
-    SYSTEMTIME told = {};
-    VariableWatcher watcher(RegistrationOf(parameter), false, &told);
-    while (watcher.AwaitWrite(told)) {
-        GetSystemTime(&told);
+    VariableWatcher watcher(RegistrationOf(parameter), false);
+    while (watcher.AwaitWrite()) {
+        watcher.NoteTime();
         Deliver(watcher.Entry());
     }
     return kEnded;
@@ -83,10 +97,9 @@ DWORD WINAPI VariableCallbackWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
     const NotificationEntry& entry = registration.entries[0];
     CallbackValue value(entry.valueSize == 0);
-    SYSTEMTIME told = {};
-    VariableWatcher watcher(registration, true, &told);
-    while (watcher.AwaitWrite(told)) {
-        ReadWriteTime(registration, entry, &told);
+    VariableWatcher watcher(registration, true);
+    while (watcher.AwaitWrite()) {
+        watcher.NoteWrite();
         DWORD size = 0;
         const BYTE* bytes = entry.withoutValue != 0 ? nullptr : value.Read(registration, entry, &size);
         CallBack(registration, entry, registration.callbackIndex, bytes, size);

@@ -12,6 +12,7 @@
 #include "rpc/fork.h"
 #include "timings.h"
 
+#include <algorithm>
 #include <new>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -179,8 +180,8 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
     if (connection.contextCount == kMaxContexts) return RPC_S_OUT_OF_RESOURCES;
     uint32_t group = connection.group;
     bool ignored = false;
-    const RPC_STATUS status =
-        OfferInterface(connection, interface, group, ignored, DeadlineAfter(g_timings.rpcConnect));
+    const int64_t deadline = std::min(DeadlineAfter(g_timings.rpcConnect), connection.deadline);
+    const RPC_STATUS status = OfferInterface(connection, interface, group, ignored, deadline);
     switch (status) {
     case RPC_S_OK:
         FindContext(connection, interface);
@@ -255,7 +256,8 @@ void LoseConnection(Connection& connection) {
 
 RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
     Association& association = *connection.association;
-    const int64_t deadline = DeadlineAfter(g_timings.rpcConnect);
+    const int64_t deadline = std::min(DeadlineAfter(g_timings.rpcConnect), connection.deadline);
+    connection.sendTimeIsShort = false;
     for (;;) {
         uint32_t named = 0;
         RPC_STATUS status = GroupToName(association, named);
@@ -279,12 +281,14 @@ RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interfa
     }
 }
 
-RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, Connection*& connection) {
+RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, int64_t deadline,
+                          Connection*& connection) {
     connection = t_connections;
     while (connection != nullptr && (connection->association != &association || connection->busy))
         connection = connection->nextOfOwner;
     if (connection == nullptr) connection = AddConnection(association);
     if (connection == nullptr) return RPC_S_OUT_OF_MEMORY;
+    connection->deadline = deadline;
     if (connection->channel.socket < 0) return Establish(*connection, interface);
     return FindContext(*connection, interface) ? RPC_S_OK : AddContext(*connection, interface);
 }

@@ -21,10 +21,12 @@ inline constexpr unsigned kMaxIdleConnections = 8; // of ended threads; one more
 struct Connection {
     Channel channel; // no socket until it is first used, and after it was lost
     Association* association = nullptr;
-    bool busy = false;      // between I_RpcGetBuffer and I_RpcFreeBuffer
-    size_t room = 0;        // of the body that was asked for
-    uint32_t callId = 0;    // the last one used
-    uint16_t contextId = 0; // of the call in preparation: an index to what follows
+    bool busy = false;            // between I_RpcGetBuffer and I_RpcFreeBuffer
+    size_t room = 0;              // of the body that was asked for
+    uint32_t callId = 0;          // the last one used
+    int64_t deadline = kNever;    // of the call in preparation
+    bool sendTimeIsShort = false; // the socket's, for a call with a deadline
+    uint16_t contextId = 0;       // of the call in preparation: an index to what follows
     unsigned contextCount = 0;
     struct {
         RPC_SYNTAX_IDENTIFIER abstractSyntax;
@@ -41,10 +43,11 @@ struct Connection {
 Association* OpenAssociation(const std::string& endpoint);
 void CloseAssociation(Association& association);
 
-// A connection of the calling thread that is not busy, connected and bound to the interface, with contextId set. The
-// statuses of I_RpcGetBuffer.
-RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, Connection*& connection);
-// Connects it anew, after LoseConnection.
+// A connection of the calling thread that is not busy, connected and bound to the interface, with contextId and
+// deadline set. The statuses of I_RpcGetBuffer.
+RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, int64_t deadline,
+                          Connection*& connection);
+// Connects it anew, after LoseConnection, by its deadline at the latest.
 RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interface);
 // Closes its socket, after what went wrong on it.
 void LoseConnection(Connection& connection);

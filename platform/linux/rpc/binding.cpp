@@ -124,3 +124,11 @@ RPC_STATUS RPC_ENTRY RpcBindingFree(RPC_BINDING_HANDLE* Handle) {
     delete binding;
     return RPC_S_OK;
 }
+
+RPC_STATUS RPC_ENTRY RpcBindingSetOption(RPC_BINDING_HANDLE hBinding, ULONG option, ULONG_PTR optionValue) {
+    if (!IsKind(hBinding, HandleKind::binding)) return RPC_S_INVALID_BINDING;
+    if (option != RPC_C_OPT_CALL_TIMEOUT) return RPC_S_CANNOT_SUPPORT;
+    if (optionValue > UINT32_MAX) return RPC_S_INVALID_ARG;
+    static_cast<Binding*>(hBinding)->callTimeMs.store(static_cast<uint32_t>(optionValue), std::memory_order_relaxed);
+    return RPC_S_OK;
+}

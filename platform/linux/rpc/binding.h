@@ -3,6 +3,7 @@
 
 #include <rpc.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -22,6 +23,7 @@ struct HandleRecord {
 
 struct Binding : HandleRecord {
     Association* association = nullptr;
+    std::atomic<uint32_t> callTimeMs = 0; // 0: no limit
 };
 
 inline bool IsKind(RPC_BINDING_HANDLE handle, HandleKind kind) {

@@ -6,7 +6,11 @@
 #include "rpc/association.h"
 #include "rpc/binding.h"
 #include "rpc/call.h"
+#include "rpc/endpoint.h"
 #include "rpc/fault_status.h"
+#include "timings.h"
+
+#include <algorithm>
 
 namespace oriel::rpc {
 
@@ -55,9 +59,10 @@ RPC_STATUS SendOnce(RPC_MESSAGE& message, Connection& connection, Transfer& sent
 
 RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     Message reply;
-    // Without a time limit: a call lasts as long as the server needs for it, and some need long. The end of the server,
-    // or of the connection, is noticed at once; a thread that is terminated meanwhile holds nothing.
-    const Transfer received = Receive(connection.channel, Side::client, reply);
+    // Without a time limit, unless the binding has one: a call lasts as long as the server needs for it, and some need
+    // long. The end of the server, or of the connection, is noticed at once; a thread that is terminated meanwhile
+    // holds nothing.
+    const Transfer received = Receive(connection.channel, Side::client, reply, connection.deadline);
     // Reset: the request, or its end, was still unread.
     RPC_STATUS status =
         StatusFromTransfer(received, received == Transfer::reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
@@ -80,7 +85,22 @@ RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     return status;
 }
 
+// What went wrong by the deadline went wrong for its sake.
+RPC_STATUS OrCancelled(RPC_STATUS status, int64_t deadline) {
+    return status != RPC_S_OK && deadline != kNever && LeftMs(deadline) == 0 ? RPC_S_CALL_CANCELLED : status;
+}
+
+// A server that stands still takes what its socket has room for, and no more.
+void LimitSending(Connection& connection) {
+    const bool shorter = connection.deadline != kNever;
+    if (!shorter && !connection.sendTimeIsShort) return;
+    SetSendTime(connection.channel.socket,
+                shorter ? std::max(LeftMs(connection.deadline), 1) : static_cast<int>(g_timings.rpcSend));
+    connection.sendTimeIsShort = shorter;
+}
+
 RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
+    LimitSending(connection);
     Transfer sent = Transfer::done;
     RPC_STATUS status = SendOnce(message, connection, sent);
     if (sent == Transfer::closed || sent == Transfer::reset) {
@@ -100,10 +120,12 @@ RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
         return RPC_S_INVALID_ARG;
     if (message.RpcFlags != 0) return RPC_S_CANNOT_SUPPORT;
     if (message.BufferLength > kLargestBody) return RPC_S_OUT_OF_MEMORY;
-    Association& association = *static_cast<Binding*>(message.Handle)->association;
+    const Binding& binding = *static_cast<Binding*>(message.Handle);
+    const uint32_t timeMs = binding.callTimeMs.load(std::memory_order_relaxed);
+    const int64_t deadline = timeMs != 0 ? DeadlineAfter(timeMs) : kNever;
     Connection* connection = nullptr;
-    const RPC_STATUS status = TakeConnection(association, Interface(message), connection);
-    if (status != RPC_S_OK) return status;
+    const RPC_STATUS status = TakeConnection(*binding.association, Interface(message), deadline, connection);
+    if (status != RPC_S_OK) return OrCancelled(status, deadline);
     if (!ReserveBody(connection->channel, message.BufferLength)) return RPC_S_OUT_OF_MEMORY;
     connection->busy = true;
     connection->room = message.BufferLength;
@@ -115,8 +137,9 @@ RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
 RPC_STATUS SendRequest(RPC_MESSAGE& message) {
     auto* connection = static_cast<Connection*>(message.ReservedForRuntime);
     if (connection == nullptr || !connection->busy) return RPC_S_INVALID_ARG;
-    const RPC_STATUS status =
-        message.BufferLength <= connection->room ? Call(message, *connection) : RPC_S_INVALID_BOUND;
+    const RPC_STATUS status = message.BufferLength <= connection->room
+                                  ? OrCancelled(Call(message, *connection), connection->deadline)
+                                  : RPC_S_INVALID_BOUND;
     if (status != RPC_S_OK) ForgetBuffer(message, *connection);
     return status;
 }

@@ -65,12 +65,6 @@ bool IsSafeToServeIn(int folder) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (status.st_mode & S_ISVTX) != 0;
 }
 
-// A blocking connect to a Unix socket waits for room in the backlog no longer than the send time-out.
-void SetSendTimeout(int socket, int milliseconds) {
-    const timeval timeout{milliseconds / 1000, (milliseconds % 1000) * 1000};
-    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-}
-
 bool SomebodyListens(const sockaddr_un& address) {
     const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe.IsOpen()) return true;
@@ -101,6 +95,11 @@ bool IsEndpointName(std::string_view name) {
     });
 }
 
+void SetSendTime(int socket, int milliseconds) {
+    const timeval time{milliseconds / 1000, (milliseconds % 1000) * 1000};
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+}
+
 RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& socket) {
     // The server takes the one who connects for the client, and hands nothing of one user's to another.
     const AsOwnProcess ourselves;
@@ -124,7 +123,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
     for (;;) {
         const int left = LeftMs(deadline);
         if (left == 0) return RPC_S_SERVER_UNAVAILABLE;
-        SetSendTimeout(stream.Get(), left);
+        SetSendTime(stream.Get(), left);
         if (connect(stream.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) break;
         if (errno != EINTR) return FromErrno(errno, RPC_S_SERVER_UNAVAILABLE);
     }
@@ -133,7 +132,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
     if (getsockopt(stream.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
         return RPC_S_SERVER_UNAVAILABLE;
     // A server that takes nothing of a request for so long has stopped; it cannot have carried the call out.
-    SetSendTimeout(stream.Get(), g_timings.rpcSend);
+    SetSendTime(stream.Get(), g_timings.rpcSend);
     socket = stream.Release();
     return RPC_S_OK;
 }

@@ -20,6 +20,9 @@ bool IsEndpointName(std::string_view name);
 // RPC_S_ACCESS_DENIED: no right to connect. RPC_S_OUT_OF_RESOURCES, RPC_S_OUT_OF_MEMORY.
 RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& socket);
 
+// How long a send may wait for room in the socket, and a connect for room in the backlog.
+void SetSendTime(int socket, int milliseconds);
+
 // A server's. Descriptors are -1 when there are none.
 struct Endpoint {
     std::string name;
