@@ -25,6 +25,10 @@ Answer ReadVariable(const ManagerDatabase& database, const char* name, void* buf
     return Made(database, [&](DatabaseHandle handle) { return ReadVariable(handle, name, buffer, size, valueSize); });
 }
 
+Answer GetVariableInfo(const ManagerDatabase& database, const char* name, dblink::VariableInfo* info) {
+    return Made(database, [&](DatabaseHandle handle) { return GetVariableInfo(handle, name, info); });
+}
+
 Answer GetWriteTime(const ManagerDatabase& database, const char* name, SYSTEMTIME* writeTime) {
     return Made(database, [&](DatabaseHandle handle) { return GetWriteTime(handle, name, writeTime); });
 }

@@ -19,6 +19,7 @@ static_assert(sizeof(ManagerDatabase) == sizeof(DatabaseHandle));
 Answer GetDatabaseInfo(const ManagerDatabase& database, dblink::DatabaseInfo* info);
 Answer WriteVariable(const ManagerDatabase& database, const char* name, const void* value, DWORD size);
 Answer ReadVariable(const ManagerDatabase& database, const char* name, void* buffer, DWORD size, DWORD* valueSize);
+Answer GetVariableInfo(const ManagerDatabase& database, const char* name, dblink::VariableInfo* info);
 Answer GetWriteTime(const ManagerDatabase& database, const char* name, SYSTEMTIME* writeTime);
 Answer GetWriteCount(const ManagerDatabase& database, const char* name, DWORD* writes);
 
