@@ -20,6 +20,10 @@ WINBASEAPI DWORD WINAPI GetCurrentProcessId(void);
 /* Unique among the threads of the machine that run at the same time. */
 WINBASEAPI DWORD WINAPI GetCurrentThreadId(void);
 
+/* How many handles of all kinds the process has open: only of the calling one, by its pseudo handle. For tests and for
+ * whoever looks for a leak. ERROR_INVALID_HANDLE, ERROR_INVALID_PARAMETER (count is NULL). */
+WINBASEAPI BOOL WINAPI GetProcessHandleCount(HANDLE process, LPDWORD count);
+
 /* stackSize: bytes, 0 for the system's default; raised to 64 KiB where less is asked. flags must be 0.
  * The thread does not take the process's signals, apart from its own faults. threadId may be NULL.
  * NULL on failure: ERROR_INVALID_PARAMETER (no start routine), ERROR_NOT_SUPPORTED (flags, an inheritable handle),

@@ -151,17 +151,21 @@ TEST(NotificationEnd, NothingIsDeliveredAfterACancelAndNothingIsLeftBehind) {
     }
 }
 
-TEST(NotificationEndCampaign, RegisteringAndCancellingUnderLoad) {
+TEST(NotificationEndCampaign, OpeningRegisteringAndCancellingUnderLoadLeavesNothing) {
     const Product product;
     const TvsManager manager = OpenPrinter();
     WarmUp(manager);
     const Writer writer(manager, "ModelNumber");
     const Holdings before = HeldNow();
     const HANDLE events[] = {nullptr, nullptr};
-    for (int round = Rounds(50, 10000); round > 0; --round) {
+    for (int round = Rounds(1000, 10000); round > 0; --round) {
+        const TvsManager another = OpenPrinter();
         TvsRegistration handle = 0;
-        ASSERT_EQ(SetNotificationEventExA(manager, 2, "ModelNumber;PrinterStatus", events, &handle), TVS_OK);
-        ASSERT_EQ(KillNotificationEvent(manager, handle), TVS_OK);
+        ASSERT_EQ(SetNotificationEventExA(another, 2, "ModelNumber;PrinterStatus", events, &handle), TVS_OK);
+        if (round % 2 == 0) {
+            ASSERT_EQ(KillNotificationEvent(another, handle), TVS_OK);
+        }
+        ASSERT_EQ(CloseManager(another), TVS_OK);
     }
     ExpectHeld(before);
     EXPECT_TRUE(WaitUntil([&] { return IsUnwatched(RecordOf(manager)->databaseName, "ModelNumber"); }));

@@ -212,6 +212,19 @@ BOOL WINAPI CloseHandle(HANDLE handle) {
     return TRUE;
 }
 
+BOOL WINAPI GetProcessHandleCount(HANDLE process, LPDWORD count) {
+    if (process != GetCurrentProcess() || count == nullptr) {
+        SetLastError(count == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    DWORD open = 0;
+    LockHold hold(g_tableLock);
+    for (uint32_t number = 1; number < g_slotCount; ++number)
+        open += (SlotAt(number)->word.load(std::memory_order_relaxed) & kOpen) != 0;
+    *count = open;
+    return TRUE;
+}
+
 HANDLE WINAPI GetCurrentProcess() {
     return std::bit_cast<HANDLE>(LONG_PTR{-1});
 }
