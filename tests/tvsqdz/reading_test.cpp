@@ -106,8 +106,8 @@ TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
     SetUpProduct();
     AddModelVariable(kModel, "PrinterStatus", 16, 0x10020, Bytes(16, 's'));
     AddModelVariable(kModel, "ErrNSMError", 6, 0x10020, Bytes(6, 'n'));
-    AddModelVariable(kModel, "L", 3, 0x10010, Text("abc"));
-    AddModelVariable(kModel, "Mix", 33, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
+    AddModelVariable(kModel, "L", 4, 0x10010, Text("abcd"));
+    AddModelVariable(kModel, "Mix", 32, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
     const Service service;
     const Library library;
     const TvsManager manager = OpenPrinter();
@@ -118,8 +118,8 @@ TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
         {"CurrentStatus", 0, TVS_E_SIZE, 28, {}},
         {"CurrentStatus", 28, TVS_OK, 28, Joined({status, Bytes(12)})},
         {"PrinterStatusEx", 38, TVS_OK, 38, Joined({status, Bytes(16, 0xFF), Bytes(6, 'n')})},
-        {"Mix", 0, TVS_E_SIZE, 22, {}},
-        {"Mix", 22, TVS_OK, 22, Joined({Text("lon"), status, Text("lon")})},
+        {"Mix", 0, TVS_E_SIZE, 24, {}},
+        {"Mix", 24, TVS_OK, 24, Joined({Text("long"), status, Text("long")})},
     };
     ExpectReads(manager, rows);
     for (const Expected& row : rows) {

@@ -64,6 +64,7 @@ TEST(Updating, ValuesAreStoredInTheFormOfTheirType) {
         Bytes stored;
     };
     const int32_t wrongSize = PassOn(Answer::WrongSize);
+    const Bytes whole = Joined({Bytes(12, 'w'), Number(1), Number(2), Number(5)});
     const Row rows[] = {
         {"JobStatus", Number(5), TVS_OK, Number(5)},
         {"JobStatus", {1, 2}, wrongSize, Number(5)},
@@ -75,7 +76,9 @@ TEST(Updating, ValuesAreStoredInTheFormOfTheirType) {
         {"AccessControlList", Text("list"), TVS_OK, Joined({Number(4), Text("list")})},
         {"AccessControlList", {}, TVS_OK, Number(0)},
         {"AccessControlList", Bytes(600, 'L'), TVS_OK, Joined({Number(600), Bytes(600, 'L')})},
-        {"CurrentStatus", Bytes(24), wrongSize, Joined({Text("abc"), Number(0), Number(0), Number(5)})},
+        {"CurrentStatus", Bytes(23), wrongSize, Joined({Text("abc"), Bytes(9), Number(0), Number(0), Number(5)})},
+        {"CurrentStatus", whole, TVS_OK, whole},
+        {"PrinterStatus", Text("d"), TVS_OK, Text("d")},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.variable) + " with " + std::to_string(row.data.size()) + " bytes");
