@@ -128,8 +128,8 @@ std::string HexText(DWORD bits) {
 std::string Reason(const Explanation& explanation) {
     std::string text;
     if (!explanation.gave.empty()) text = "given by " + Numbers(explanation.gave);
-    if (!explanation.took.empty()) text += (text.empty() ? "taken by " : ", taken by ") + Numbers(explanation.took);
-    if (text.empty()) return "no entry gives it";
+    if (!explanation.took.empty()) text += (text.empty() ? "denied by " : ", denied by ") + Numbers(explanation.took);
+    if (text.empty()) return "no entry gives this right";
     if (explanation.missing != 0) text += ", lacks " + HexText(explanation.missing);
     return text;
 }
@@ -159,11 +159,11 @@ std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& opti
     uint32_t kind = 0;
     if (port.status == TVS_OK && port.value.size() >= sizeof kind)
         std::copy_n(port.value.begin(), sizeof kind, reinterpret_cast<uint8_t*>(&kind));
-    if (kind == TVS_PORT_NO_REQUESTS) return "the printer's port: what is stored in UserAuthority";
+    if (kind == TVS_PORT_NO_REQUESTS) return "the value stored in UserAuthority, because of the printer's port";
     if (std::count(std::begin(kPollingKinds), std::end(kPollingKinds), options.kind) != 0)
-        return "the client kind: the same for all who ask for polling";
+        return "the client kind, which polls and has the same rights for everybody";
     if (GetVersionExA(&version) && version.dwPlatformId == VER_PLATFORM_WIN32_WINDOWS)
-        return "the system: Windows 95, 98 and Me have no accounts";
+        return "the system version: Windows 95, 98 and Me have no accounts";
     if (options.user == kPortMonitorUser) return "the user name: the port monitor may do everything";
     return "";
 }

@@ -324,12 +324,26 @@ CLI::App& FindCommand(CLI::App& app, const std::vector<std::string>& words) {
     return *command;
 }
 
+// "oriel reg set"; empty for none.
+std::string PathOf(const CLI::App* command) {
+    if (command == nullptr) return "";
+    const std::string above = PathOf(command->get_parent());
+    return above.empty() ? command->get_name() : above + " " + command->get_name();
+}
+
 void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
     CLI::App* help = app.add_subcommand("help", "Show the help of a command");
     help->add_option("COMMAND", a.helpFor, "The command (default: all of them in short)");
     help->callback([&] {
         chosen = [&] {
-            PrintText(FindCommand(app, a.helpFor).help());
+            const CLI::App& command = FindCommand(app, a.helpFor);
+            // Not by help(): of a parsed command that is the help of what was parsed below it.
+            const std::string path = PathOf(&command);
+            const std::string text = command.get_formatter()->make_help(&command, path, CLI::AppFormatMode::Normal);
+            if (g_output.json)
+                PrintJson({{"help", text}});
+            else
+                PrintText(text);
             return Exit::Done;
         };
     });
@@ -348,12 +362,7 @@ std::vector<std::string> Words(int argc, char** argv) {
 }
 
 Failure ParseFailure(CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
-    const CLI::App& command = FindCommand(app, Words(argc, argv));
-    std::string name = "oriel";
-    if (command.get_parent() != nullptr) {
-        const bool nested = command.get_parent()->get_parent() != nullptr;
-        name += " " + (nested ? command.get_parent()->get_name() + " " : "") + command.get_name();
-    }
+    const std::string name = PathOf(&FindCommand(app, Words(argc, argv)));
     std::string what = error.what();
     std::replace(what.begin(), what.end(), '\n', ' ');
     if (what.starts_with("A subcommand")) what = "a command is missing";

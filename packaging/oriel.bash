@@ -25,7 +25,7 @@ _oriel_offer() {
 _oriel() {
     local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} section
     local -a command=("$1") rest=()
-    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port)'
+    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port|title|scope)'
     COMPREPLY=()
 
     # Commands and their own commands first; what follows are their words.
@@ -49,8 +49,9 @@ _oriel() {
         return
         ;;
     --by) _oriel_offer <<<$'event\nmessage\ncallback' ; return ;;
+    --scope) _oriel_offer <<<$'system\nuser' ; return ;;
     --type) _oriel_offer <<<$'sz\nexpand\nmulti\ndword\nqword\nbinary\nnone' ; return ;;
-    --kind | --user | --timeout | --until | --driver | --port) return ;;
+    --kind | --user | --timeout | --until | --driver | --port | --title) return ;;
     esac
     if [[ $word == -* ]]; then
         section=Options
@@ -65,6 +66,10 @@ _oriel() {
     "reg import")
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        ;;
+    help*)
+        section=Subcommands
+        [[ ${#rest[@]} -gt 0 ]] || _oriel_offer < <(_oriel_section "$program")
         ;;
     reg* | "printers add" | up | status) ;;
     *)

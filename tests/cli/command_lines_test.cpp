@@ -44,7 +44,8 @@ TEST(CommandLine, OnAFreshMachine) {
     const CommandLine kLines[] = {
         {{"--help"}, 0, "Exit codes:", ""},
         {{"--version"}, 0, "0.1.0", ""},
-        {{"help", "reg", "set"}, 0, "Write a value", ""},
+        {{"help"}, 0, "Exit codes:", ""},
+        {{"help", "reg", "set"}, 0, "Usage: oriel reg set", ""},
         {{}, 2, "", "a command is missing"},
         {{"frobnicate"}, 2, "", "there is no command \"frobnicate\"; 'oriel --help'"},
         {{"--scope", "user", "wacth", "Front desk"}, 2, "", "did you mean \"watch\"?"},
