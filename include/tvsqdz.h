@@ -138,7 +138,9 @@ TVS_EXPORT int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const T
 TVS_EXPORT int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName,
                                            uint32_t clientKind, TvsManager* manager);
 
-/* Closes a manager and everything that was registered through it. Returns TVS_OK, or TVS_E_HANDLE. */
+/* Closes a manager and everything that was registered through it. Managers that are open when the process ends, or the library
+ * is unloaded, are closed then; a service that stands still holds the end of a process up for less than 3 seconds.
+ * Returns TVS_OK, or TVS_E_HANDLE. */
 TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
 
 /* Reads the current value of a variable.

@@ -317,7 +317,9 @@ TEST(PrinterList, DamagedListsRefuseTheOpenAndStayAsTheyAre) {
     PrinterListEntry endless = Entry(1, kPrinter);
     std::memset(endless.driverName, 'x', sizeof endless.driverName);
     WriteList(master, ListOf({endless}));
-    EXPECT_STREQ(RecordOf(OpenPrinter())->driverName, kModel.c_str());
+    const TvsManager unknown = OpenPrinter();
+    ASSERT_NE(unknown, 0u);
+    EXPECT_STREQ(RecordOf(unknown)->driverName, kModel.c_str());
     // No number is left; an entry that is no text is nobody's, and no harm to others.
     WriteList(master, ListOf({Entry(0xFFFFFFFF, "Last")}));
     EXPECT_EQ(OpenStatus("New", 2), TVS_E_UNAVAILABLE);

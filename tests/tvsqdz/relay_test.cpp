@@ -88,6 +88,16 @@ std::string Ask(TestProcess& process, const std::string& command) {
     return process.Hear();
 }
 
+Bytes BytesOfEntry(const MessageRegistrationEntry& entry) {
+    const auto* first = reinterpret_cast<const uint8_t*>(&entry);
+    return Bytes(first, first + sizeof entry);
+}
+Bytes Entry(HWND window, const char* variable) {
+    MessageRegistrationEntry entry = {1, 0, HandleToULong(window), kTold, {}};
+    std::strcpy(entry.variableName, variable);
+    return BytesOfEntry(entry);
+}
+
 const Bytes kEmptyList = Joined({Number(4), Number(0)});
 
 } // namespace
@@ -240,13 +250,9 @@ TEST(Relay, TheOwnerChecksWhatOthersWrote) {
     std::memset(bad.variableName, 'y', sizeof bad.variableName);
     MessageRegistrationEntry good = {2, 0, HandleToULong(window), kTold, "JobStatus"};
     MessageRegistrationEntry same = {3, 0, HandleToULong(window), kTold, "JobStatus"};
-    const auto bytes = [](const MessageRegistrationEntry& entry) {
-        const auto* first = reinterpret_cast<const uint8_t*>(&entry);
-        return Bytes(first, first + sizeof entry);
-    };
     const auto store = [&] {
         StoreBytes(product.database, "NotifyMsg",
-                   Joined({Number(9999), Number(7), bytes(bad), bytes(good), bytes(same)}));
+                   Joined({Number(9999), Number(7), BytesOfEntry(bad), BytesOfEntry(good), BytesOfEntry(same)}));
     };
     const auto registration = [&] { return FindMessageRegistration(RecordOf(owner), "JobStatus", window, kTold); };
     store();
@@ -255,7 +261,9 @@ TEST(Relay, TheOwnerChecksWhatOthersWrote) {
     const TvsRegistration shared = registration();
     good.registrationId = 0;
     store();
-    EXPECT_TRUE(WaitUntil([&] { return product.List() == Joined({Number(100), Number(2), bytes(bad), bytes(same)}); }));
+    EXPECT_TRUE(WaitUntil([&] {
+        return product.List() == Joined({Number(100), Number(2), BytesOfEntry(bad), BytesOfEntry(same)});
+    }));
     EXPECT_EQ(registration(), shared);
     same.registrationId = 0;
     store();
@@ -300,14 +308,10 @@ TEST(Relay, TheDatabaseMutexIsHeldForNoThread) {
     });
     const TvsManager owner = OpenPrinter(6);
     const HWND window = MakeWindow("Registrant");
-    Bytes entries;
     const char* const kNeedTheMutex[] = {"PrintingMyJob", "SpoolingMyJob", "UserAuthority"};
-    for (const char* variable : kNeedTheMutex) {
-        MessageRegistrationEntry entry = {1, 0, HandleToULong(window), kTold, {}};
-        std::strcpy(entry.variableName, variable);
-        const auto* first = reinterpret_cast<const uint8_t*>(&entry);
-        entries.insert(entries.end(), first, first + sizeof entry);
-    }
+    Bytes entries;
+    for (const char* variable : kNeedTheMutex)
+        entries = Joined({entries, Entry(window, variable)});
     StoreBytes(product.database, "NotifyMsg", Joined({Number(148), Number(3), entries}));
     for (const char* variable : kNeedTheMutex)
         EXPECT_TRUE(
@@ -327,8 +331,6 @@ TEST(Relay, AnOwnerOfTwoPrintersThatClosesOneServesTheOther) {
     EXPECT_EQ(RecordOf(OpenPrinter())->ownerProcessId, GetCurrentProcessId());
     EXPECT_EQ(RecordOf(OpenPrinter(2, "Back office"))->ownerProcessId, 0u);
     const HWND window = MakeWindow("Registrant");
-    const MessageRegistrationEntry entry = {1, 0, HandleToULong(window), kTold, "JobStatus"};
-    const auto* first = reinterpret_cast<const uint8_t*>(&entry);
-    StoreBytes(product.database, "NotifyMsg", Joined({Number(52), Number(1), Bytes(first, first + sizeof entry)}));
+    StoreBytes(product.database, "NotifyMsg", Joined({Number(52), Number(1), Entry(window, "JobStatus")}));
     EXPECT_TRUE(WaitUntil([&] { return FindMessageRegistration(RecordOf(kept), "JobStatus", window, kTold) != 0; }));
 }

@@ -87,6 +87,9 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
     EXPECT_EQ(process.Hear(), "0 0 7");
     process.Tell("watch");
     EXPECT_EQ(process.Hear(), "watching");
+    // Somebody has the mutex under which an owner gives its printer back.
+    const HANDLE mutex = OpenMutexA(SYNCHRONIZE, FALSE, "TVORSQD:Mutex:DabaBase");
+    ASSERT_EQ(WaitForSingleObject(mutex, 10000), DWORD{WAIT_OBJECT_0});
     service.process.Stop();
     // A watcher that is woken asks the service, and has no answer when the end begins.
     const HANDLE changed =
