@@ -106,14 +106,18 @@ TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
     SetUpProduct();
     AddModelVariable(kModel, "PrinterStatus", 16, 0x10020, Bytes(16, 's'));
     AddModelVariable(kModel, "ErrNSMError", 6, 0x10020, Bytes(6, 'n'));
-    AddModelVariable(kModel, "L", 4, 0x10010, Text("abcd"));
+    AddModelVariable(kModel, "L", 4, 0x10110, Text("abcd")); // begins with a copy of another length
+    SetRegistryValue("System\\CurrentControlSet\\Control\\Print\\Printers\\" + kPrinter + "\\PrinterDriverData",
+                     "SQD_L", REG_BINARY, Text("x"));
     AddModelVariable(kModel, "Mix", 32, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
     const Service service;
     const Library library;
     const TvsManager manager = OpenPrinter();
     ASSERT_EQ(Update(manager, "PrinterStatus", Text("12345678")), TVS_OK); // half of its field
-    ASSERT_EQ(Update(manager, "L", Text("longer")), TVS_OK);
     const Bytes status = Joined({Text("12345678"), Bytes(8)});
+    const Bytes copy = Joined({Text("x"), Bytes(3)});
+    ExpectReads(manager, {{"Mix", 24, TVS_OK, 24, Joined({copy, status, copy})}, {"L", 1, TVS_OK, 1, Text("x")}});
+    ASSERT_EQ(Update(manager, "L", Text("longer")), TVS_OK);
     const std::vector<Expected> rows = {
         {"CurrentStatus", 0, TVS_E_SIZE, 28, {}},
         {"CurrentStatus", 28, TVS_OK, 28, Joined({status, Bytes(12)})},
