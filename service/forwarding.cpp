@@ -1,5 +1,5 @@
-// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, whether the
-// service ends, and the thread that answers for a printer side that has no successor.
+// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, whether
+// the service ends, and the thread that answers for a printer side that has no successor.
 #include "forwarding.h"
 
 #include "clock.h"

@@ -44,8 +44,8 @@ void AnswerUnserved(Database& database);
 // All managers are asked to terminate: each printer side that serves a printer is asked to end.
 void EndPrinterSides();
 
-// Reads how long a request may take, and starts the thread that answers for printer sides without a successor. False: it
-// cannot be started.
+// Reads how long a request may take, and starts the thread that answers for printer sides without a successor. False:
+// it cannot be started.
 bool StartForwarding();
 // Tells all who wait that the service ends; later calls wait no more.
 void EndForwarding();
