@@ -10,6 +10,7 @@
 #include "frame/own_process.h"
 #include "frame/printer_registration.h"
 #include "frame/process_state.h"
+#include "frame/timings.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -215,18 +216,21 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     }
 }
 
-void ReleasePrinterOwnership(ManagerRecord* manager) {
+namespace {
+
+// False without memory for the list.
+bool TryToReleaseOwnership(ManagerRecord* manager) {
     MutexHold lock;
     // Whoever holds the mutex waits for the service: a process that ends asks it too, and goes without it if there is
     // no answer.
     while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
         dblink::DatabaseInfo info;
-        if (lock.result != WAIT_TIMEOUT) return;
+        if (lock.result != WAIT_TIMEOUT) return true;
         GetDatabaseInfo(manager->masterDatabase, &info);
-        if (CallsWereGivenUp()) return;
+        if (CallsWereGivenUp()) return true;
     }
     ListBlock block;
-    if (!ReadList(manager->masterDatabase, &block)) return;
+    if (!ReadList(manager->masterDatabase, &block)) return !block.outOfMemory;
     for (uint32_t i = 0; i < block.list->entryCount; ++i) {
         PrinterListEntry& entry = block.list->entries[i];
         // By its number: the printer may have been renamed by another process.
@@ -234,6 +238,15 @@ void ReleasePrinterOwnership(ManagerRecord* manager) {
         entry.ownerProcessId = 0;
         manager->ownerProcessId = 0;
         WriteVariable(manager->masterDatabase, dblink::kPrinterListVariable, block.list, block.size);
-        return;
+        break;
     }
+    return true;
+}
+
+} // namespace
+
+void ReleasePrinterOwnership(ManagerRecord* manager) {
+    // A printer that is not given back stays this process's until it ends, and nobody serves its requests.
+    for (DWORD pause = 0; !TryToReleaseOwnership(manager) && pause < g_timings.releasePauses; ++pause)
+        Sleep(g_timings.memoryPause);
 }

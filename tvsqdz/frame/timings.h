@@ -55,6 +55,8 @@ struct Timings {
     DWORD requestLockBound = 5000;
     DWORD answerBound = 60000;
     DWORD memoryPause = 100;
+    // How many of those pauses the owner of a printer waits for the memory to give it back.
+    DWORD releasePauses = 3;
     // Requests left to the printer's owner: between two looks whether it has taken the one before, and how long one
     // that nobody takes is waited for.
     DWORD relayPause = 20;
