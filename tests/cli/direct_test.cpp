@@ -63,7 +63,9 @@ TEST(DirectCommands, AreAnsweredByThePrinterSide) {
 
     // The queue holds the two newest; each is there once, and what no one has put in is not.
     const auto event = [&] { return OrielJson({"get", printer, "Events"})["variables"][0]["hex"]; };
-    EXPECT_EQ(event(), "07 00 00 00");
+    Json first;
+    ASSERT_TRUE(WaitUntil([&] { return (first = event()) != ""; })); // they are put in once nobody holds the mutex
+    EXPECT_EQ(first, "07 00 00 00");
     EXPECT_EQ(event(), "08 00 00 00");
     EXPECT_EQ(event(), "");
 

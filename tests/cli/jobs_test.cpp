@@ -41,7 +41,6 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
         KillProcess(ProcessOf("TVSPSD.EXE"));
         product.Event("printer-side-ended");
         product.Event("printer-side-started");
-        ASSERT_TRUE(WaitUntil([&] { return value("PageCount") == 100; }));
     };
     ASSERT_TRUE(WaitUntil([&] { return value("PageCount") == 1; }));
 
@@ -71,19 +70,20 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
     EXPECT_NE(reports.find("doc.pdf"), std::string::npos) << reports;
 
     // One whose printer side dies is printed from its beginning by the next one; cancelled, it comes no further.
-    const std::string book = OrielText({"print", printer, file("book", std::string(200, '\f'))});
+    const std::string book = OrielText({"print", printer, file("book", std::string(1000, '\f'))});
     ASSERT_TRUE(WaitUntil([&] { return value("PageCount") > 108; }));
     EXPECT_EQ(value("PrintingJobInfo")["jobName"], "book");
     EXPECT_EQ(value("PrintingJobInfo")["ownerName"], jobs["spooler"][0]["owner"]);
     EXPECT_EQ(value("JobStatus"), 5);
     EXPECT_EQ(value("PrintingMyJob"), 1);
     killPrinterSide();
-    ASSERT_TRUE(WaitUntil([&] { return value("PageCount") > 102; }, 20000));
+    ASSERT_TRUE(WaitUntil([&] { return value("PageCount") < 108; })) << "it counts from 100 again";
+    ASSERT_TRUE(WaitUntil([&] { return value("PageCount") > 108; }, 30000));
     EXPECT_EQ(value("PrintingMyJob"), 1);
     OrielText({"cancel", printer, book});
     ASSERT_TRUE(WaitUntil([&] { return Jobs(printer)["printerQueue"] == Json::array(); }));
     EXPECT_EQ(value("PrintingJobInfo")["jobId"], 0);
-    EXPECT_LT(value("PageCount"), 300);
+    EXPECT_LT(value("PageCount"), 1000);
 }
 
 TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
