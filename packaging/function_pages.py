@@ -2,7 +2,8 @@
 """Makes the manual pages of the library from its header, which holds the contract of each function.
 
 function_pages.py HEADER OVERVIEW FOLDER
-OVERVIEW: the page about the library as a whole; @CODES@, @CONSTANTS@ and @FUNCTIONS@ stand for what the header has of them.
+OVERVIEW: the page about the library as a whole; @CODES@, @CONSTANTS@ and @FUNCTIONS@ stand for what the header has of them,
+and @REMARKS@ for its comments that have no declaration below them.
 FOLDER: receives the pages: each function has one of its name, which leads to the page of its group.
 
 How the header is read: a comment in the first column describes the declarations below it. One that begins with a title of
@@ -170,14 +171,18 @@ def main(header, overview, folder):
     listed = []
     for page in pages:
         listed += [".It " + " , ".join(f"Xr {name} 3" for name in names_of(page)), summary(page[0])]
-    constants = Writer(functions)
+    constants, remarks = Writer(functions), Writer(functions)
     for comment, code in BLOCK.findall(text)[1:]:  # the first one is about the file
-        if not re.search(FUNCTION, code) and not re.search(CODE, code) and "#define TVS_" in code:
+        if not code.strip():
+            remarks.put(".Pp")
+            remarks.paragraphs(Block(comment, code).lines)
+        elif not FUNCTION.search(code) and not CODE.search(code) and "#define TVS_" in code:
             constants.put(".Pp")
             constants.paragraphs(Block(comment, code).lines)
             constants.put(".Bd -literal -offset indent", escape(code.strip()), ".Ed")
-    for name, lines in (("@CODES@", codes), ("@FUNCTIONS@", listed), ("@CONSTANTS@", constants.lines)):
-        template = template.replace(name, "\n".join(lines))
+    for name, lines in (("@CODES@", codes), ("@FUNCTIONS@", listed), ("@CONSTANTS@", constants.lines),
+                        ("@REMARKS@", remarks.lines)):
+        template = template.replace(name + "\n", "".join(line + "\n" for line in lines))
     (folder / "tvsqdz.3").write_text(template)
 
 
