@@ -48,6 +48,7 @@ struct Taker {
     TvsManager manager = 0;
     bool tidied = false; // what a predecessor that died left behind is gone
     bool failed = false; // a report was not taken: the service is another one, or none
+    DWORD services = 0;  // of the record of the thread, when the manager was opened
     std::vector<SpooledJob> spooled{};
     std::optional<Sent> sending{};
     std::deque<Sent> inPrinter{}; // the first of them is being printed
@@ -144,6 +145,16 @@ void ReportNothing(Taker& taker) {
     ReportJobStatus(taker, kNoJob);
 }
 
+// To a service that has none of it.
+void ReportAnew(Taker& taker) {
+    constexpr DWORD kEmptyQueue = 0;
+    Report(taker, "PrinterQueue", &kEmptyQueue, sizeof kEmptyQueue);
+    for (const Sent& job : taker.inPrinter)
+        ReportSending(taker, &job);
+    ReportSending(taker, taker.sending ? &*taker.sending : nullptr);
+    if (!taker.inPrinter.empty() && taker.inPrinter.front().begun) ReportPrinting(taker, &taker.inPrinter.front());
+}
+
 template <typename Record>
 DWORD JobIn(const Taker& taker, const char* variable, Record record, DWORD Record::*id) {
     uint32_t size = 0;
@@ -151,8 +162,16 @@ DWORD JobIn(const Taker& taker, const char* variable, Record record, DWORD Recor
     return record.*id;
 }
 
+void CloseOwnManager(Taker& taker) {
+    if (taker.manager) CloseManager(taker.manager);
+    taker.manager = 0;
+}
+
 // True when there is a manager.
 bool OpenManager(Taker& taker) {
+    const DWORD services = taker.jobs.services;
+    if (services != taker.services) CloseOwnManager(taker);
+    taker.services = services;
     if (taker.manager) return true;
     if (OpenManagerExA(taker.jobs.printer.c_str(), nullptr, kClientKind, &taker.manager) != TVS_OK) {
         taker.manager = 0;
@@ -160,17 +179,13 @@ bool OpenManager(Taker& taker) {
     }
     taker.spoolerQueue.clear();
     taker.jobStatus.reset();
+    if (taker.sending || !taker.inPrinter.empty()) ReportAnew(taker);
     if (taker.tidied) return true;
     taker.tidied = true;
     if (JobIn(taker, "SendingJobInfo", TvsJobRecord{}, &TvsJobRecord::jobId) != 0 ||
         JobIn(taker, "PrintingJobInfo", TvsPrintingJobRecord{}, &TvsPrintingJobRecord::jobId) != 0)
         ReportNothing(taker);
     return true;
-}
-
-void CloseOwnManager(Taker& taker) {
-    if (taker.manager) CloseManager(taker.manager);
-    taker.manager = 0;
 }
 
 // ---- jobs
@@ -282,14 +297,6 @@ DWORD Pause(const Taker& taker, DWORD pageMs) {
     return pause;
 }
 
-// What was on its way is in the spool all the same, and is printed anew.
-void StartOver(Taker& taker) {
-    CloseOwnManager(taker);
-    taker.sending.reset();
-    taker.inPrinter.clear();
-    taker.failed = false;
-}
-
 void TakeUntilStopped(Taker& taker) {
     const HANDLE handles[] = {taker.jobs.stop, taker.jobs.paceChanged, taker.changes};
     const DWORD count = taker.changes != INVALID_HANDLE_VALUE ? 3 : 2;
@@ -303,8 +310,8 @@ void TakeUntilStopped(Taker& taker) {
         }
         if (taker.manager) ReportSpoolerQueue(taker);
         const bool failed = taker.failed;
-        if (failed) StartOver(taker);
-        if (!HasWork(taker)) CloseOwnManager(taker);
+        if (failed || !HasWork(taker)) CloseOwnManager(taker);
+        taker.failed = false;
         DWORD pause = failed ? kLookMs : Pause(taker, pageMs);
         if (count == 2) pause = std::min(pause, kLookMs);
         const DWORD wait = WaitForMultipleObjects(failed ? 1 : count, handles, FALSE, pause);
@@ -351,6 +358,11 @@ JobTaker* StartJobs(const std::string& printer, HANDLE stop) {
 
 void SetPace(JobTaker& jobs, DWORD pageMs) {
     if (jobs.pageMs.exchange(pageMs) != pageMs) SetEvent(jobs.paceChanged);
+}
+
+void TellOfService(JobTaker& jobs) {
+    ++jobs.services;
+    SetEvent(jobs.paceChanged);
 }
 
 DWORD TakePagesOut(JobTaker& jobs) {

@@ -20,12 +20,15 @@ struct JobTaker {
     HANDLE pagesOut = nullptr;            // the same: TakePagesOut is due
     std::atomic<DWORD> pageMs = INFINITE; // kHoldJobs: no page comes out
     std::atomic<DWORD> pages = 0;
+    std::atomic<DWORD> services = 0; // how often TellOfService was called
     HANDLE thread = nullptr;
 };
 
 // Null when it cannot: the last error tells.
 JobTaker* StartJobs(const std::string& printer, HANDLE stop);
 void SetPace(JobTaker& jobs, DWORD pageMs);
+// The service is connected anew, and may be another one, which knows nothing of the jobs on their way.
+void TellOfService(JobTaker& jobs);
 // How many since the last call.
 DWORD TakePagesOut(JobTaker& jobs);
 // Once stop is set: waits for the thread, which another process may hold up, for 3 s at most. It is then left behind

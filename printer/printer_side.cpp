@@ -462,6 +462,7 @@ void Serve(PrinterSide& side) {
         if (failure.empty()) {
             side.told.clear();
             BeginService(side);
+            TellOfService(*side.jobs);
             retry = kFirstRetryMs;
             goOn = ServeLink(side);
             if (!goOn) EndService(side);

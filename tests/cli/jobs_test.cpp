@@ -69,13 +69,20 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
     const std::string reports = watch.HearAll();
     EXPECT_NE(reports.find("doc.pdf"), std::string::npos) << reports;
 
-    // One whose printer side dies is printed from its beginning by the next one; cancelled, it comes no further.
+    // One whose printer side dies is printed from its beginning by the next one; cancelled, it comes out no further.
     const std::string book = OrielText({"print", printer, file("book", std::string(1000, '\f'))});
     ASSERT_TRUE(WaitUntil([&] { return value("PageCount") > 108; }));
     EXPECT_EQ(value("PrintingJobInfo")["jobName"], "book");
     EXPECT_EQ(value("PrintingJobInfo")["ownerName"], jobs["spooler"][0]["owner"]);
     EXPECT_EQ(value("JobStatus"), 5);
     EXPECT_EQ(value("PrintingMyJob"), 1);
+    // A new service is told of it anew.
+    KillProcess(ServiceProcess());
+    product.Event("service-ended");
+    product.Event("service-started");
+    ASSERT_TRUE(WaitUntil([&] { return value("PrintingMyJob") == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return value("PrintingJobInfo")["progress"] > 3; }));
+    EXPECT_EQ(value("PrintingJobInfo")["jobName"], "book");
     killPrinterSide();
     ASSERT_TRUE(WaitUntil([&] { return value("PageCount") < 108; })) << "it counts from 100 again";
     ASSERT_TRUE(WaitUntil([&] { return value("PageCount") > 108; }, 30000));
