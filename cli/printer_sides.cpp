@@ -35,12 +35,6 @@ KernelHandle NewStopEvent(std::string& name) {
     return {};
 }
 
-// Whether all managers of the machine are being asked to shut down: a side that began now would end at once.
-bool TerminationIsAsked() {
-    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(dblink::kTerminationName).c_str()));
-    return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
-}
-
 } // namespace
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
@@ -183,7 +177,7 @@ void PrinterSides::Tend() {
         if (side.process || !HasPassed(side.dueAt)) continue;
         if (side.resting) {
             const bool asked = !side.opened || WaitForSingleObject(side.opened.Get(), 0) == WAIT_OBJECT_0;
-            if (!asked || TerminationIsAsked()) continue;
+            if (!asked) continue;
             side.opened.Reset();
         }
         StartSide(side);
