@@ -1,5 +1,5 @@
 // Where the layer keeps what outlives a process: the state directory (registry, spool; survives a restart of the
-// machine) and the run directory (sockets, kernel objects, windows; on a tmpfs).
+// machine) and the run directory (sockets, kernel objects, windows; best on a tmpfs).
 //
 // ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR name them. Otherwise they are those of a scope:
 //

@@ -12,10 +12,10 @@ HANDLE HandleOf(ULONG_PTR value) {
     return reinterpret_cast<HANDLE>(value);
 }
 
-// Sets the event a moment later.
+// Sets the event once the calling thread is asleep.
 HANDLE SetSoon(HANDLE event) {
-    return StartThread([event] {
-        Sleep(20);
+    return StartThread([event, waiter = GetCurrentThreadId()]() -> DWORD {
+        if (!WaitUntil([&] { return IsAsleep(waiter); })) return ERROR_TIMEOUT;
         return SetEvent(event) ? 0 : GetLastError();
     });
 }
@@ -141,7 +141,7 @@ TEST(Wait, LastsUntilItsDeadlineUnderAStormOfSignals) {
 TEST(Wait, KeepsItsObjectWhenTheHandleIsClosed) {
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, "Kept");
     DWORD id = 0;
-    const Owned waiter = StartThread([&] { return Wait(event, 300); }, &id);
+    const Owned waiter = StartThread([&] { return Wait(event, 100); }, &id);
     EXPECT_TRUE(WaitUntil([&] { return IsAsleep(id); }));
     ASSERT_TRUE(CloseHandle(event));
     EXPECT_EQ(Finish(waiter), DWORD{WAIT_TIMEOUT}) << "it runs to its end";
@@ -162,8 +162,9 @@ CHILD_PROCESS(WaitsForMany) {
     if (WaitForMultipleObjects(64, objects, FALSE, 60) != WAIT_TIMEOUT) return 3;
     if (WaitForSingleObject(objects[0], 60) != WAIT_TIMEOUT) return 4;
     if (NowMs() - begin < 119) return 5;
-    const Owned sleeper = StartThread([&] { return WaitForMultipleObjects(64, objects, FALSE, INFINITE); });
-    Sleep(20);
+    DWORD id = 0;
+    const Owned sleeper = StartThread([&] { return WaitForMultipleObjects(64, objects, FALSE, INFINITE); }, &id);
+    if (!WaitUntil([&] { return IsAsleep(id); })) return 7;
     return TerminateThread(sleeper, 1) && Finish(sleeper) == 1 ? 0 : 6;
 }
 

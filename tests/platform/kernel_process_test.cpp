@@ -114,8 +114,8 @@ TEST(Process, TellsItsEndAndExitCode) {
         const HANDLE objects[] = {event, running.information.hProcess, running.information.hThread};
         EXPECT_EQ(running.ExitCode(), DWORD{STILL_ACTIVE});
         EXPECT_EQ(WaitForMultipleObjects(3, objects, FALSE, 20), DWORD{WAIT_TIMEOUT});
-        const Owned killer = StartThread([&] {
-            PauseMs(20);
+        const Owned killer = StartThread([&, waiter = GetCurrentThreadId()] {
+            EXPECT_TRUE(WaitUntil([&] { return IsAsleep(waiter); }));
             return Code(TerminateProcess(running.information.hProcess, 0xC0FFEE));
         });
         EXPECT_EQ(WaitForMultipleObjects(3, objects, FALSE, 20000), DWORD{WAIT_OBJECT_0 + 1});

@@ -149,7 +149,7 @@ TEST(RpcFault, StoppedServerIsGivenUpByNewClientsOnly) {
     // A call that has been sent waits for as long as it takes.
     std::atomic<bool> goesOn{false};
     std::thread resumes([&] {
-        PauseMs(200);
+        PauseMs(400); // longer than a connect has
         goesOn = true;
         server.Process().Continue();
     });
