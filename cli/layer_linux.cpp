@@ -59,8 +59,10 @@ bool HasScopes() {
 
 void ClaimDirectories() {
     if (OrielClaimDirectories()) return;
-    throw SystemFailure(GetLastError(),
-                        "cannot make the directories " + StateDirectoryName() + " and " + RunDirectoryName());
+    Failure failure = SystemFailure(GetLastError(), "cannot make the directories " + StateDirectoryName() + " and " +
+                                                        RunDirectoryName());
+    if (ScopeName() == "system") failure.next = "run it as root, or start your own with 'oriel up --scope user'";
+    throw failure;
 }
 
 std::string ShownPath(std::string path) {

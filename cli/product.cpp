@@ -113,8 +113,8 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
         failure.next = HowToStart();
     } else if (!FileExists(*directory + kServiceProgram)) {
         failure.why = "the registered directory " + ShownPath(ToUtf8(*directory)) + " has no " + kServiceProgram;
-        failure.next =
-            std::string("correct it: oriel reg set 'HKLM\\") + kProductKey + "' " + kDirectoryValue + " PATH";
+        failure.next = std::string("correct it: oriel reg set 'HKLM\\") + kProductKey + "' " + kDirectoryValue + " '" +
+                       ToUtf8(OwnDirectory()) + "'";
     } else if (ServiceState() != SERVICE_RUNNING) {
         failure.why = "no status database service runs" + In(RunDirectoryName());
         failure.next = HowToStart();

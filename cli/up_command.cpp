@@ -56,12 +56,12 @@ void RegisterInstallation(const Teller& teller) {
         if (status != ERROR_SUCCESS)
             throw SystemFailure(static_cast<uint32_t>(status), "cannot register the installation in the registry");
         directory = own;
-        teller.Tell("registered", "registered the installation " + Printable(ToUtf8(own)),
-                    {{"directory", ToUtf8(own)}});
+        teller.Tell("registered", "registered the installation " + Printable(ShownPath(ToUtf8(own))),
+                    {{"directory", ShownPath(ToUtf8(own))}});
     }
     if (FileExists(*directory + kServiceProgram)) return;
     Failure failure{Exit::NoService,
-                    "the installation directory " + ToUtf8(*directory) + " does not hold " + kServiceProgram, "",
+                    "the installation directory " + ShownPath(ToUtf8(*directory)) + " has no " + kServiceProgram, "",
                     "install the product there"};
     if (*directory != own && FileExists(own + kServiceProgram)) {
         failure.next = R"(if it moved, register this one: oriel reg set 'HKLM\)" + std::string(kProductKey) + "' " +
