@@ -117,7 +117,7 @@ TEST(Notification, ACallbackOnAQueueGetsAllOfIt) {
     AddModelVariable(kModel, "Queue", 4, 0x10080, Number(0));
     const Product product;
     const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase;
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     ASSERT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 8, "\4\0\0\0\0\0\0\0"), Answer::Done);
     const Registrant registrant(Form::Callback, manager, "Queue");
     const Bytes queue = Joined({Number(12), Number(2), Number(7), Number(8)});
@@ -144,7 +144,7 @@ TEST(Notification, AWriteDuringACallbackIsTold) {
         inside = 0;
         EXPECT_EQ(Update(manager, variable, Number(100)), TVS_OK);
         ASSERT_TRUE(WaitUntil([&] { return inside == 1; }));
-        EXPECT_EQ(UnwatchVariable(RecordOf(manager)->printerDatabase, variable), Answer::Done);
+        EXPECT_EQ(UnwatchVariable(RecordOf(manager)->printerDatabase.handle, variable), Answer::Done);
         EXPECT_EQ(Update(manager, variable, Number(200)), TVS_OK);
         SetEvent(go);
         EXPECT_TRUE(WaitUntil([&] { return inside == 2; }));
@@ -168,7 +168,7 @@ TEST(Notification, TheFirstLookTellsWhatWasWrittenBeforeTheFirstWait) {
         const std::string variable = i < kVariables ? nameOf(i) : "PrinterExtStatus";
         EXPECT_EQ(Update(manager, variable, Number(1)), TVS_OK);
         registrants[i].emplace(Form::Event, manager, variable);
-        EXPECT_EQ(UnwatchVariable(RecordOf(manager)->printerDatabase, variable.c_str()), Answer::Done);
+        EXPECT_EQ(UnwatchVariable(RecordOf(manager)->printerDatabase.handle, variable.c_str()), Answer::Done);
         EXPECT_EQ(Update(manager, variable, Number(2)), TVS_OK);
     }
     for (int i = 0; i <= kVariables; ++i)

@@ -381,7 +381,7 @@ TEST(Wide, AQueueThatChangesMeanwhileIsWrittenAsItWasRead) {
     for (int round = Rounds(3000, 300000); round > 0; --round) {
         if (UpdatePrinterStatusW(manager, WIDE("PrinterQueue"), queue, sizeof queue) != TVS_OK) ADD_FAILURE();
         if (round % 16 != 0) continue;
-        const Bytes stored = StoredBytes(RecordOf(manager)->printerDatabase, "PrinterQueue");
+        const Bytes stored = StoredBytes(RecordOf(manager)->printerDatabase.handle, "PrinterQueue");
         const Bytes counted(stored.begin() + 4, stored.begin() + 8);
         EXPECT_TRUE(stored.size() == 8 + sizeof(TvsJobRecord)
                         ? counted == Number(1)
