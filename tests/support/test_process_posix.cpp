@@ -259,6 +259,9 @@ std::string MakePrivateMachine() {
     setenv(kPrivateDirectoryVariable, directory.c_str(), 1);
     setenv("ORIEL_STATE_DIR", (directory + "/state").c_str(), 1);
     setenv("ORIEL_RUNTIME_DIR", (directory + "/run").c_str(), 1);
+    // No desktop, whoever runs the tests.
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
     setenv("CUPS_SERVER", (directory + "/no-print-server").c_str(), 1);
     return directory;
 }

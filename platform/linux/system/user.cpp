@@ -1,9 +1,8 @@
-// The user and the window station of the process, and its environment.
+// The user of the process, and its environment.
 #include "security/accounts.h"
 #include "system/fail.h"
 
 #include <sysinfoapi.h>
-#include <winstation.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -13,16 +12,6 @@
 namespace {
 
 using oriel::Fail;
-
-constexpr const char* kDefaultStation = "WinSta0";
-constexpr const char* kNoStation = "none";
-// A value that no handle table gives out, and that fits 32 bits.
-const HWINSTA kStation = ULongToHandle(0xFFFFFFE0U);
-
-const char* StationName() {
-    const char* name = std::getenv("ORIEL_WINDOW_STATION");
-    return name != nullptr && *name != '\0' ? name : kDefaultStation;
-}
 
 bool IsVariableName(LPCSTR name) {
     return name != nullptr && *name != '\0' && std::strchr(name, '=') == nullptr;
@@ -44,21 +33,6 @@ BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size) {
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY);
     }
-}
-
-HWINSTA WINAPI GetProcessWindowStation(void) {
-    return std::strcmp(StationName(), kNoStation) != 0 ? kStation : Fail<HWINSTA>(ERROR_ACCESS_DENIED);
-}
-
-BOOL WINAPI GetUserObjectInformationA(HANDLE object, int index, PVOID information, DWORD length, LPDWORD lengthNeeded) {
-    if (object != kStation) return Fail(ERROR_INVALID_HANDLE);
-    if (index != UOI_NAME || (information == nullptr && length != 0)) return Fail(ERROR_INVALID_PARAMETER);
-    const char* name = StationName();
-    const size_t needed = std::strlen(name) + 1;
-    if (lengthNeeded != nullptr) *lengthNeeded = static_cast<DWORD>(needed);
-    if (length < needed) return Fail(ERROR_INSUFFICIENT_BUFFER);
-    std::memcpy(information, name, needed);
-    return TRUE;
 }
 
 DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {
