@@ -1,17 +1,19 @@
 // The one table from codes to meanings, advice and exit codes.
 #include "failure.h"
 
-#include <tvsqdz.h>
+#include <tvsqdz_status.h>
 #include <windows.h>
 
 #include <rpcnterr.h>
 
+#include <algorithm>
+
 namespace {
 
 struct CodeMeaning {
-    int64_t code;
+    int32_t code;
     Exit exitCode;
-    const char* why;
+    const char* why; // null: the text of tvsqdz_status.h
     const char* next;
 };
 
@@ -21,51 +23,43 @@ constexpr const char* kAskAgain = "try again; 'oriel status' shows whether the s
 // Negative: status codes of the library and answers of the service that it passes on. Positive: codes of the system and
 // of the RPC run-time.
 constexpr CodeMeaning kMeanings[] = {
-    {TVS_E_HANDLE, Exit::False, "the manager is no longer open", "run the command again"},
-    {TVS_E_UNAVAILABLE, Exit::NoService, "no manager can be opened", "see 'oriel status'"},
-    {TVS_E_UNKNOWN, Exit::False, "unknown variable, or one that does not allow this operation",
-     "list the variables with 'oriel vars PRINTER'"},
-    {TVS_E_MEMORY, Exit::False, "out of memory, or the printer has no driver that defines its variables",
-     "see the DRIVER column of 'oriel printers'"},
-    {TVS_E_FAULT, Exit::False, "memory cannot be read or written", ""},
-    {TVS_E_SIZE, Exit::False, "the value has another size", "see the SIZE column of 'oriel vars PRINTER'"},
-    {TVS_E_REQUEST_LOCK, Exit::TimedOut, "another request holds the printer's request lock", kAskAgain},
-    {TVS_E_NOT_READY, Exit::TimedOut, "the printer side is not ready", kAskAgain},
-    {TVS_E_NO_OWNER, Exit::False, "no process owns the printer, or the spooler does not know it",
-     "see 'oriel printers'"},
-    {TVS_E_NOT_NOW, Exit::False, "the printer takes no such request now, or the job does not exist",
-     "'oriel printers' shows whether its printer side runs"},
-    {TVS_E_UNREGISTERED, Exit::False, "the printer's model is not registered",
-     "register it with 'oriel reg import FILE', or use another --kind"},
-    {TVS_E_SERVICE_TIMEOUT, Exit::TimedOut, "the status database service did not come up in time", kStartIt},
-    {TVS_E_AUTHORITY, Exit::Denied, "you do not have the right to do this on this printer",
-     "'oriel authority PRINTER --explain' shows your rights"},
+    {TVS_E_HANDLE, Exit::False, nullptr, "run the command again"},
+    {TVS_E_UNAVAILABLE, Exit::NoService, nullptr, "see 'oriel status'"},
+    {TVS_E_UNKNOWN, Exit::False, nullptr, "list the variables with 'oriel vars PRINTER'"},
+    {TVS_E_MEMORY, Exit::False, nullptr, "see the DRIVER column of 'oriel printers'"},
+    {TVS_E_FAULT, Exit::False, nullptr, ""},
+    {TVS_E_SIZE, Exit::False, nullptr, "see the SIZE column of 'oriel vars PRINTER'"},
+    {TVS_E_REQUEST_LOCK, Exit::TimedOut, nullptr, kAskAgain},
+    {TVS_E_NOT_READY, Exit::TimedOut, nullptr, kAskAgain},
+    {TVS_E_NO_OWNER, Exit::False, nullptr, "see 'oriel printers'"},
+    {TVS_E_NOT_NOW, Exit::False, nullptr, "'oriel printers' shows whether its printer side runs"},
+    {TVS_E_UNREGISTERED, Exit::False, nullptr, "register it with 'oriel reg import FILE', or use another --kind"},
+    {TVS_E_SERVICE_TIMEOUT, Exit::TimedOut, nullptr, kStartIt},
+    {TVS_E_AUTHORITY, Exit::Denied, nullptr, "'oriel authority PRINTER --explain' shows your rights"},
 
     // Answers of the service.
-    {-2, Exit::False, "the product knows another printer by that name", "choose another name"},
-    {-3, Exit::NoService, "the service was restarted and has no database of the printer yet", "run the command again"},
-    {-5, Exit::False, "the printer's database does not have that variable",
+    {-2, Exit::False, nullptr, "choose another name"},
+    {-3, Exit::NoService, nullptr, "run the command again"},
+    {-5, Exit::False, nullptr,
      "a model that was registered after the printer was first opened counts once the product is restarted"},
-    {-7, Exit::False, "the variable does not take a value of this size",
-     "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
-    {-8, Exit::False, "the value grew while it was being read", "run the command again"},
-    {-11, Exit::False, "a limit of the service is reached", ""},
-    {-14, Exit::NoService, "no printer side serves the printer",
-     "'oriel up' starts one for each printer that was added with --script"},
-    {-15, Exit::False, "the service is out of memory", ""},
-    {-18, Exit::TimedOut, "the printer side did not answer", kAskAgain},
+    {-7, Exit::False, nullptr, "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
+    {-8, Exit::False, nullptr, "run the command again"},
+    {-11, Exit::False, nullptr, ""},
+    {-14, Exit::NoService, nullptr, "'oriel up' starts one for each printer that was added with --script"},
+    {-15, Exit::False, nullptr, ""},
+    {-18, Exit::TimedOut, nullptr, kAskAgain},
 
     {ERROR_FILE_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_PATH_NOT_FOUND, Exit::False, "not found", ""},
-    {ERROR_ACCESS_DENIED, Exit::Denied, "access denied",
-     "run the command as the owner of the state directory that 'oriel status' shows"},
-    {ERROR_NOT_ENOUGH_MEMORY, Exit::False, "out of memory", ""},
+    {ERROR_ACCESS_DENIED, Exit::Denied, nullptr,
+     "run it as root, as a member of the administrators' group, or as the owner of the state that 'oriel status' shows"},
+    {ERROR_NOT_ENOUGH_MEMORY, Exit::False, nullptr, ""},
     {ERROR_BAD_FORMAT, Exit::False, "not in the expected format", ""},
-    {ERROR_INVALID_PARAMETER, Exit::False, "the system refused it as invalid", ""},
+    {ERROR_INVALID_PARAMETER, Exit::False, nullptr, ""},
     {ERROR_INVALID_NAME, Exit::False, "not a valid name", ""},
     {ERROR_BUSY, Exit::TimedOut, "another process keeps the registry locked", "try again"},
     {WAIT_TIMEOUT, Exit::TimedOut, "timed out", "try again"},
-    {ERROR_TIMEOUT, Exit::TimedOut, "timed out", "try again"},
+    {ERROR_TIMEOUT, Exit::TimedOut, nullptr, "try again"},
     {ERROR_KEY_DELETED, Exit::False, "the key has been deleted", ""},
     {ERROR_BADDB, Exit::False, "the registry's file is damaged", "restore the state directory from a copy"},
     {ERROR_REGISTRY_IO_FAILED, Exit::False, "the registry's file cannot be read or written",
@@ -77,10 +71,10 @@ constexpr CodeMeaning kMeanings[] = {
     {ERROR_SERVICE_NOT_ACTIVE, Exit::NoService, "the status database service is not running", kStartIt},
     {ERROR_PROCESS_ABORTED, Exit::NoService, "the service ended unexpectedly", kStartIt},
     {ERROR_SERVICE_NEVER_STARTED, Exit::NoService, "the status database service was not started", kStartIt},
-    {RPC_S_SERVER_UNAVAILABLE, Exit::NoService, "the status database service is not running", kStartIt},
-    {RPC_S_SERVER_TOO_BUSY, Exit::TimedOut, "the status database service did not answer in time", kAskAgain},
-    {RPC_S_CALL_FAILED, Exit::NoService, "the connection to the status database service broke", kAskAgain},
-    {RPC_S_CALL_FAILED_DNE, Exit::NoService, "the connection to the status database service broke", kAskAgain},
+    {RPC_S_SERVER_UNAVAILABLE, Exit::NoService, nullptr, kStartIt},
+    {RPC_S_SERVER_TOO_BUSY, Exit::TimedOut, nullptr, kAskAgain},
+    {RPC_S_CALL_FAILED, Exit::NoService, nullptr, kAskAgain},
+    {RPC_S_CALL_FAILED_DNE, Exit::NoService, nullptr, kAskAgain},
     {ERROR_INVALID_PRINTER_NAME, Exit::False, "no such printer", "list them with 'oriel printers'"},
     {ERROR_PRINTER_ALREADY_EXISTS, Exit::False, "there is already a printer with that name",
      "list them with 'oriel printers'"},
@@ -92,10 +86,12 @@ constexpr CodeMeaning kMeanings[] = {
 };
 
 Failure Explain(int64_t code, std::string what) {
+    // What is above the library's numbers is the system's.
+    const char* text = TvsStatusText(static_cast<int32_t>(std::min<int64_t>(code, INT32_MAX)));
     for (const CodeMeaning& meaning : kMeanings)
-        if (meaning.code == code) return {meaning.exitCode, std::move(what), meaning.why, meaning.next, code};
-    return {Exit::False, std::move(what), code < 0 ? "the status database service refused it" : "system error", "",
-            code};
+        if (meaning.code == code)
+            return {meaning.exitCode, std::move(what), meaning.why ? meaning.why : text, meaning.next, code};
+    return {Exit::False, std::move(what), text, "", code};
 }
 
 } // namespace
