@@ -5,6 +5,7 @@
 #include "registry.h"
 #include "text.h"
 
+#include "dblink/desktop_agent.h"
 #include "dblink/kernel_names.h"
 
 #include <rpcnterr.h>
@@ -101,7 +102,7 @@ const char* ServiceStateName(DWORD state) {
 }
 
 bool ProductInitialised() {
-    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(kInitialisedEvent).c_str()));
+    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(dblink::kProductInitialisedName).c_str()));
     return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
@@ -122,10 +123,10 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
         failure.why =
             "client kind " + std::to_string(clientKind) + " needs a running product, and only its service runs";
         failure.next = HowToStart() + ", or use another --kind";
-    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + kAgentProgram)) {
+    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + dblink::kAgentExecutable)) {
         failure.exitCode = Exit::False;
-        failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " + kAgentProgram +
-                      ", which is not installed";
+        failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " +
+                      dblink::kAgentExecutable + ", which is not installed";
         failure.next = "use another --kind";
     } else if (lastError == RPC_S_SERVER_UNAVAILABLE) {
         failure.exitCode = Exit::TimedOut;

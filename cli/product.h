@@ -14,10 +14,8 @@ inline constexpr char kServiceName[] = "TVORSDB";
 inline constexpr char kServiceDisplayName[] = "Oriel status database";
 inline constexpr char kServiceProgram[] = "TVSDBN.EXE";
 inline constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
-inline constexpr char kAgentProgram[] = "TVORPZ.EXE";
 inline constexpr char kServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
 inline constexpr char kUpMutex[] = "TVORPWDMutex"; // held by the start-up process; never with the Global prefix
-inline constexpr char kInitialisedEvent[] = "TVORPWD:INITIALIZED";
 
 // The folder of the product, ending with a backslash, as registered; nothing when it is not.
 std::optional<std::string> InstalledDirectory();

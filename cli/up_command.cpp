@@ -217,7 +217,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, const std::
 // Says that the product is initialised for as long as it lives.
 struct InitialisedSignal {
     InitialisedSignal() {
-        m_event = KernelHandle(dblink::CreateEventForEveryone(SharedName(kInitialisedEvent).c_str()));
+        m_event = KernelHandle(dblink::CreateEventForEveryone(SharedName(dblink::kProductInitialisedName).c_str()));
         if (!m_event || !SetEvent(m_event.Get()))
             throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
     }

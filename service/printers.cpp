@@ -52,9 +52,9 @@ bool RefreshList() NEEDS(g_printersLock) {
     return variable && variable->type != kTypeComposite && RefreshFrom(*variable);
 }
 
-std::string_view ListedPrinter(std::string_view database) NEEDS(g_printersLock) {
+std::string_view PrinterOfDatabase(std::string_view database) NEEDS(g_printersLock) {
     if (!RefreshList()) return {};
-    return PrinterInPrinterList(g_list.bytes.data(), g_list.bytes.size(), database);
+    return FindListedDatabase(g_list.bytes.data(), g_list.bytes.size(), database).name;
 }
 
 // ---- what anybody may change of the list
@@ -160,13 +160,13 @@ void MoveAccessLists(const std::vector<Renamed>& all) {
 Database* DatabaseOfPrinter(std::string_view printer) {
     LockHold hold{g_printersLock};
     if (!RefreshList()) return nullptr;
-    Database* database = FindDatabase(DatabaseInPrinterList(g_list.bytes.data(), g_list.bytes.size(), printer));
+    Database* database = FindDatabase(FindListedPrinter(g_list.bytes.data(), g_list.bytes.size(), printer).database);
     return database && database->state.load(std::memory_order_acquire) == DatabaseState::Ready ? database : nullptr;
 }
 
 bool IsListed(std::string_view database, std::string_view printer) {
     LockHold hold{g_printersLock};
-    const std::string_view listed = ListedPrinter(database);
+    const std::string_view listed = PrinterOfDatabase(database);
     return !listed.empty() && (printer.empty() || listed == printer);
 }
 
@@ -210,7 +210,7 @@ ServiceStatus WritePrinterList(Database& database, Variable& variable, const Cal
 ServiceStatus WriteAccessList(Database& database, Variable& variable, Account& account, const BYTE* bytes, DWORD size,
                               bool* changed) {
     LockHold hold{g_printersLock};
-    const std::string_view printer = ListedPrinter(database.name);
+    const std::string_view printer = PrinterOfDatabase(database.name);
     if (printer.empty()) return WriteValue(variable, database.arena, account, bytes, size, changed);
     const std::optional<std::vector<BYTE>> kept = KeptAccessList(printer);
     if (!kept || !std::equal(kept->begin(), kept->end(), bytes, bytes + size))
@@ -231,7 +231,7 @@ bool FirstAccessList(const Database& database, const Caller& caller, const BYTE*
         std::optional<std::vector<BYTE>> kept;
         {
             LockHold hold{g_printersLock};
-            const std::string_view printer = ListedPrinter(database.name);
+            const std::string_view printer = PrinterOfDatabase(database.name);
             if (!printer.empty()) kept = KeptAccessList(printer);
         }
         constexpr BYTE kEmpty[] = {4, 0, 0, 0, 0, 0, 0, 0};

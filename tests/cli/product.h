@@ -56,7 +56,8 @@ private:
     std::thread m_thread;
 };
 
-// The process of a program, and of the service, on this test's machine; 0 when there is none.
+// The processes of a program, the one of the service, on this test's machine; 0 when there is none.
+std::vector<int> ProcessesOf(const std::string& program);
 int ProcessOf(const std::string& program);
 int ServiceProcess();
 void KillProcess(int process);

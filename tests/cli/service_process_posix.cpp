@@ -38,15 +38,21 @@ CountedSocket::~CountedSocket() {
     close(m_listener);
 }
 
-int ProcessOf(const std::string& program) {
+std::vector<int> ProcessesOf(const std::string& program) {
+    std::vector<int> processes;
     const std::string state = std::string("ORIEL_STATE_DIR=") + std::getenv("ORIEL_STATE_DIR") + '\0';
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const int process = std::atoi(entry.path().filename().c_str());
         if (process <= 0 || FileText(entry.path() / "cmdline").find(program) == std::string::npos) continue;
         const std::string variables = '\0' + FileText(entry.path() / "environ");
-        if (variables.find('\0' + state) != std::string::npos) return process;
+        if (variables.find('\0' + state) != std::string::npos) processes.push_back(process);
     }
-    return 0;
+    return processes;
+}
+
+int ProcessOf(const std::string& program) {
+    const std::vector<int> processes = ProcessesOf(program);
+    return processes.empty() ? 0 : processes.front();
 }
 
 int ServiceProcess() {

@@ -107,8 +107,7 @@ TEST(Attach, WithoutTheProductTheLibraryIsInert) {
 TEST(Attach, CountersAreTheMachines) {
     SetUpProduct();
     Service service;
-    const Environment noDesktop = {{"ORIEL_WINDOW_STATION", "none"}}; // kind 0 would start the desktop agent
-    TestProcess first("CountsProcesses", {}, noDesktop);
+    TestProcess first("CountsProcesses");
     EXPECT_EQ(first.Hear(), "1 0");
     TestProcess second("CountsProcesses");
     EXPECT_EQ(second.Hear(), "2 0");

@@ -185,11 +185,12 @@ TEST(Opening, AManagerCarriesWhatItWasOpenedWith) {
         EXPECT_EQ(CloseManager(manager), TVS_OK);
         EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
     }
-    // Kind 0 starts the desktop agent, which there is none of.
+    // Kind 0 starts the desktop agent, which there is none of; and where there is no desktop it needs none.
+    if (OnTheLayer()) UseSetting("ORIEL_WINDOW_STATION", "WinSta0");
     EXPECT_EQ(OpenManagerA(printer, nullptr, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
     if (!OnTheLayer()) return; // where it depends on who runs the test
-    UseSetting("ORIEL_WINDOW_STATION", "Service-0x0");
+    UseSetting("ORIEL_WINDOW_STATION", nullptr);
     EXPECT_EQ(OpenManagerA(printer, nullptr, &manager), TVS_OK);
     TvsManager second = 0;
     EXPECT_EQ(OpenManagerW(WIDE("Front desk"), WIDE(""), &second), TVS_OK);
@@ -219,6 +220,7 @@ TEST(Opening, KindsDoWhatTheyAreFor) {
 TEST(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
     NeedsTheLayer("programs that are scripts");
     const Product product;
+    UseSetting("DISPLAY", ":0");
     InstallAgent();
     const auto startsAfter = [](uint32_t kind) {
         std::filesystem::remove(PrivateDirectory() + "/started");
@@ -243,6 +245,9 @@ TEST(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
         UseSetting("ORIEL_WINDOW_STATION", station);
         EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_OK);
     }
+    UseSetting("ORIEL_WINDOW_STATION", nullptr);
+    UseSetting("DISPLAY", nullptr);
+    EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_OK);
     UseSetting("ORIEL_WINDOW_STATION", "winsta0");
     EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_E_UNAVAILABLE);
     WNDCLASSEXA windowClass = {};

@@ -49,7 +49,7 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         const std::string prefix = row.terminalServer ? "Global\\" : "";
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
         EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
-        EXPECT_STREQ(AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+        EXPECT_STREQ(dblink::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
         const TvsManager manager = OpenPrinter();
         EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
         EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);

@@ -151,10 +151,9 @@ static_assert(sizeof(DatabaseInfo) == 24 && offsetof(DatabaseInfo, openHandles) 
 struct VariableInfo {
     DWORD type;           // DatabaseType
     DWORD size;           // of the present value, in bytes
-    DWORD writes;         // how often it was written, wrapping; a composite counts its members' too. Tells apart
-                          // what the write time cannot: two writes in one millisecond
+    DWORD writes;         // how often it was written, wrapping; a composite counts its members' too
     SYSTEMTIME writeTime; // UTC, of the last write (or of its creation); of a composite, the latest of its members'.
-                          // Never earlier than the one before
+                          // Each write of a variable has a later one than the write before
 };
 static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
               offsetof(VariableInfo, writes) == 8 && offsetof(VariableInfo, writeTime) == 12);

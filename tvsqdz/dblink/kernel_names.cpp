@@ -77,6 +77,10 @@ KernelName OpenedEventName(bool terminalServer, std::string_view printer) {
     return Joined({Prefix(terminalServer), "TVORSQD:Opened:", {digits, kLength}});
 }
 
+KernelName AgentReadyName(std::string_view database) {
+    return Joined({"TVOR:", database, ":Nsr:Initialize"});
+}
+
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
                              VariableSignal signal) {
     return Joined({Prefix(terminalServer), "TVOR:", database, ":", variable,

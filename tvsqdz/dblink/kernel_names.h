@@ -1,11 +1,13 @@
 // Names of the kernel objects that the library, the status database service and the product's other processes share.
 //
-// Manual-reset events, all but the first with a name from ObjectName:
-//   "<database>:Initialized"              set when the database is ready, or given up
+// Manual-reset events, with a name from ObjectName where they are not called plain:
+//   "<database>:Initialized"              plain: set when the database is ready, or given up
 //   "TVOR:<database>:<variable>:Updated"  pulsed at every write
 //   "TVOR:<database>:<variable>:Changed"  pulsed when the value changed
 //   "TVORSQD:Opened:<printer's hash>"     set by each open of a manager for the printer; exists while the start-up
 //                                         process waits for that
+//   "TVOR:<database>:Nsr:Initialize"      plain too: set when the desktop agent is ready
+//   "TVORPWD:INITIALIZED"                 set while the product is up
 //   "TVORSQD:TerminateManager"            set when all managers of the machine are asked to shut down; it stays so for
 //                                         as long as somebody has it open
 //
@@ -27,8 +29,10 @@ struct KernelName {
 
 KernelName ObjectName(bool terminalServer, std::string_view baseName);
 KernelName InitializedEventName(std::string_view database);
+KernelName AgentReadyName(std::string_view database);
 
 inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager"; // the base name
+inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.
 inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";

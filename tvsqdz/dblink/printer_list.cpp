@@ -14,42 +14,38 @@ std::string_view FieldText(const BYTE* field, SIZE_T size) {
     return {text, strnlen(text, size)};
 }
 
-// Of the first entry whose field at keyAt is key; null when the list has none.
-const BYTE* FindEntry(const BYTE* list, SIZE_T size, SIZE_T keyAt, SIZE_T keySize, std::string_view key) {
-    if (size < kHeader) return nullptr;
-    uint32_t count = 0;
-    memcpy(&count, list + offsetof(PrinterList, entryCount), sizeof count);
-    const SIZE_T whole = (size - kHeader) / sizeof(PrinterListEntry);
-    for (SIZE_T i = 0; i < count && i < whole; ++i) {
-        const BYTE* entry = list + kHeader + i * sizeof(PrinterListEntry);
-        if (FieldText(entry + keyAt, keySize) == key) return entry;
-    }
-    return nullptr;
-}
-
-const BYTE* EntryOfPrinter(const BYTE* list, SIZE_T size, std::string_view printer) {
-    return FindEntry(list, size, offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName, printer);
+ListedPrinter FindListed(const BYTE* list, SIZE_T size, std::string_view ListedPrinter::*key, std::string_view value) {
+    const SIZE_T count = CountPrinterList(list, size);
+    for (SIZE_T i = 0; i < count; ++i)
+        if (const ListedPrinter printer = PrinterInList(list, i); printer.*key == value) return printer;
+    return {};
 }
 
 } // namespace
 
-std::string_view DatabaseInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer) {
-    const BYTE* entry = EntryOfPrinter(list, size, printer);
-    if (entry == nullptr) return {};
-    return FieldText(entry + offsetof(PrinterListEntry, databaseName), sizeof PrinterListEntry::databaseName);
+SIZE_T CountPrinterList(const BYTE* list, SIZE_T size) {
+    if (size < kHeader) return 0;
+    uint32_t count = 0;
+    memcpy(&count, list + offsetof(PrinterList, entryCount), sizeof count);
+    const SIZE_T whole = (size - kHeader) / sizeof(PrinterListEntry);
+    return count < whole ? count : whole;
 }
 
-std::string_view DriverInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer) {
-    const BYTE* entry = EntryOfPrinter(list, size, printer);
-    if (entry == nullptr) return {};
-    return FieldText(entry + offsetof(PrinterListEntry, driverName), sizeof PrinterListEntry::driverName);
+ListedPrinter PrinterInList(const BYTE* list, SIZE_T place) {
+    const BYTE* entry = list + kHeader + place * sizeof(PrinterListEntry);
+    return {
+        .name = FieldText(entry + offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName),
+        .database = FieldText(entry + offsetof(PrinterListEntry, databaseName), sizeof PrinterListEntry::databaseName),
+        .driver = FieldText(entry + offsetof(PrinterListEntry, driverName), sizeof PrinterListEntry::driverName),
+    };
 }
 
-std::string_view PrinterInPrinterList(const BYTE* list, SIZE_T size, std::string_view database) {
-    const BYTE* entry = FindEntry(list, size, offsetof(PrinterListEntry, databaseName),
-                                  sizeof PrinterListEntry::databaseName, database);
-    if (entry == nullptr) return {};
-    return FieldText(entry + offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName);
+ListedPrinter FindListedPrinter(const BYTE* list, SIZE_T size, std::string_view printer) {
+    return FindListed(list, size, &ListedPrinter::name, printer);
+}
+
+ListedPrinter FindListedDatabase(const BYTE* list, SIZE_T size, std::string_view database) {
+    return FindListed(list, size, &ListedPrinter::database, database);
 }
 
 } // namespace dblink

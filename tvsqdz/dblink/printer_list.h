@@ -34,12 +34,20 @@ struct PrinterList {
 static_assert(sizeof(PrinterList) == 568 && offsetof(PrinterList, entryCount) == 4 &&
               offsetof(PrinterList, entries) == 8);
 
-// The name of the printer's database, in the list's own bytes; empty when the list does not have it. Only entries that
-// are wholly there, and no more than the list counts, are looked at.
-std::string_view DatabaseInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer);
-// The same of the printer's driver, which may not be known.
-std::string_view DriverInPrinterList(const BYTE* list, SIZE_T size, std::string_view printer);
-// The same of the printer whose database that is.
-std::string_view PrinterInPrinterList(const BYTE* list, SIZE_T size, std::string_view database);
+// The number of entries: those that are wholly there, and no more than the list counts.
+SIZE_T CountPrinterList(const BYTE* list, SIZE_T size);
+
+// What an entry says, in the list's own bytes. A driver that is not known is empty.
+struct ListedPrinter {
+    std::string_view name;
+    std::string_view database;
+    std::string_view driver;
+};
+// place: from 0, less than the count.
+ListedPrinter PrinterInList(const BYTE* list, SIZE_T place);
+
+// The first entry of that printer, or with that database; all fields are empty when the list has none.
+ListedPrinter FindListedPrinter(const BYTE* list, SIZE_T size, std::string_view printer);
+ListedPrinter FindListedDatabase(const BYTE* list, SIZE_T size, std::string_view database);
 
 } // namespace dblink

@@ -12,6 +12,16 @@ bool RestartStatusService9x() {
 
 namespace {
 
+Answer ReadPrinterList(std::vector<BYTE>* list) {
+    list->clear();
+    DatabaseHandle master = 0;
+    Answer answer = OpenDatabase(dblink::kMasterDatabase, &master);
+    if (answer != Answer::Done) return answer;
+    answer = ReadWholeValue(master, dblink::kPrinterListVariable, list);
+    CloseDatabase(master);
+    return answer;
+}
+
 // A value that outgrows the room that was just asked for, time after time, is not believable.
 constexpr int kAttempts = 8;
 
@@ -32,15 +42,20 @@ Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYT
     return answer;
 }
 
-Answer FindPrinterDatabase(const std::string& printer, std::string* database, std::string* driver) {
-    database->clear();
-    DatabaseHandle master = 0;
-    Answer answer = OpenDatabase(dblink::kMasterDatabase, &master);
-    if (answer != Answer::Done) return answer;
+Answer ListPrinterDatabases(std::vector<std::string>* databases) {
     std::vector<BYTE> list;
-    answer = ReadWholeValue(master, dblink::kPrinterListVariable, &list);
-    CloseDatabase(master);
-    *database = dblink::DatabaseInPrinterList(list.data(), list.size(), printer);
-    if (driver) *driver = dblink::DriverInPrinterList(list.data(), list.size(), printer);
+    const Answer answer = ReadPrinterList(&list);
+    databases->clear();
+    for (SIZE_T i = 0; i < dblink::CountPrinterList(list.data(), list.size()); ++i)
+        databases->emplace_back(dblink::PrinterInList(list.data(), i).database);
+    return answer;
+}
+
+Answer FindPrinterDatabase(const std::string& printer, std::string* database, std::string* driver) {
+    std::vector<BYTE> list;
+    const Answer answer = ReadPrinterList(&list);
+    const dblink::ListedPrinter found = dblink::FindListedPrinter(list.data(), list.size(), printer);
+    *database = found.database;
+    if (driver) *driver = found.driver;
     return answer;
 }

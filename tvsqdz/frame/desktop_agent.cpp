@@ -1,6 +1,7 @@
 // The agent is known by its window, so that no second one is started. Keeps no state.
 #include "frame/desktop_agent.h"
 
+#include "dblink/desktop_agent.h"
 #include "frame/client_kinds.h"
 #include "frame/guards.h"
 #include "frame/object_names.h"
@@ -11,10 +12,7 @@
 
 namespace {
 
-constexpr char kAgentExecutable[] = "TVORPZ.EXE";
-constexpr char kAgentWindowClass[] = "TVORPSPWndClass";
 constexpr char kSystemAccount[] = "SYSTEM";
-constexpr char kInteractiveStation[] = "WinSta0";
 constexpr DWORD kNameSize = 64;
 
 // Under Windows NT, where services run beside the desktop.
@@ -27,20 +25,20 @@ bool HasDesktop() {
     char name[kNameSize];
     DWORD needed = 0;
     if (!GetUserObjectInformationA(station, UOI_NAME, name, sizeof name, &needed)) return false;
-    return lstrcmpiA(name, kInteractiveStation) == 0;
+    return lstrcmpiA(name, dblink::kInteractiveStation) == 0;
 }
 
 } // namespace
 
 bool LaunchDesktopAgent(const ManagerRecord* manager) {
     if ((manager->flags & OsNtAny) != 0 && !HasDesktop()) return true;
-    if (FindWindowA(kAgentWindowClass, nullptr) != nullptr) return true;
+    if (FindWindowA(dblink::kAgentWindowClass, nullptr) != nullptr) return true;
 
-    const KernelHandle ready(CreateNamedEvent(AgentReadyName(manager->databaseName)));
+    const KernelHandle ready(CreateNamedEvent(dblink::AgentReadyName(manager->databaseName)));
     InstalledFile agent;
-    if (!FindInstalledFile(kAgentExecutable, agent)) return false;
-    char commandLine[sizeof agent.path + sizeof "\"\" /S"];
-    snprintf(commandLine, sizeof commandLine, "\"%s\" /S", agent.path);
+    if (!FindInstalledFile(dblink::kAgentExecutable, agent)) return false;
+    char commandLine[sizeof agent.path + sizeof "\"\" " + sizeof dblink::kAgentSwitch];
+    snprintf(commandLine, sizeof commandLine, "\"%s\" %s", agent.path, dblink::kAgentSwitch);
     STARTUPINFOA startUp = {};
     startUp.cb = sizeof startUp;
     PROCESS_INFORMATION process = {};

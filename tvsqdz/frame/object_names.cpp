@@ -6,26 +6,14 @@
 
 #include <stdio.h>
 
-namespace {
-
-dblink::KernelName Composed(const char* prefix, const char* databaseName, const char* suffix) {
-    dblink::KernelName name;
-    const int length = snprintf(name.text, sizeof name.text, "%s%s%s", prefix, databaseName, suffix);
-    return length < static_cast<int>(sizeof name.text) ? name : dblink::KernelName{};
-}
-
-} // namespace
-
 dblink::KernelName ObjectName(const char* baseName) {
     return dblink::ObjectName(g_terminalServer, baseName);
 }
 
 dblink::KernelName RequestMutexName(const char* databaseName) {
-    return ObjectName(Composed(kRequestMutexPrefix, databaseName, "").text);
-}
-
-dblink::KernelName AgentReadyName(const char* databaseName) {
-    return Composed("TVOR:", databaseName, ":Nsr:Initialize");
+    dblink::KernelName name;
+    const int length = snprintf(name.text, sizeof name.text, "%s%s", kRequestMutexPrefix, databaseName);
+    return length < static_cast<int>(sizeof name.text) ? ObjectName(name.text) : dblink::KernelName{};
 }
 
 HANDLE CreateOrOpenMutex(const dblink::KernelName& name) {

@@ -12,8 +12,6 @@
 using dblink::kDatabaseMutexName;
 // Rule, the printer's database name appended. The request mutex of a printer: one request at a time.
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
-// Rule. Manual-reset event: the product is initialised.
-inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED";
 // Plain. Exists while the product's start-up process runs.
 inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 
@@ -21,8 +19,6 @@ inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 dblink::KernelName ObjectName(const char* baseName);
 // "TVORSQD:ReqMutex:<database>", by the rule.
 dblink::KernelName RequestMutexName(const char* databaseName);
-// "TVOR:<database>:Nsr:Initialize", plain: the desktop agent is ready.
-dblink::KernelName AgentReadyName(const char* databaseName);
 
 // Creates the mutex, not owned, or opens the one that this caller may not create, for waiting. Null when neither can be
 // had.

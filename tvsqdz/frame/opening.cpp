@@ -71,7 +71,7 @@ bool HasObjectSecurity(const ManagerRecord* manager) {
 }
 
 bool ProductIsInitialised() {
-    const KernelHandle initialised(CreateNamedEvent(ObjectName(kProductInitialisedName)));
+    const KernelHandle initialised(CreateNamedEvent(ObjectName(dblink::kProductInitialisedName)));
     return initialised && WaitForSingleObject(initialised.handle, 0) == WAIT_OBJECT_0;
 }
 

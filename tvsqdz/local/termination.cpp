@@ -3,6 +3,7 @@
 // Whoever watches the variable, for whichever printer, waits for one named event of the machine. It stays set as long
 // as somebody has it open, so that a watcher who comes later is told too. State: the event.
 #include "catalogue/variable_handlers.h"
+#include "dblink/desktop_agent.h"
 #include "frame/guards.h"
 #include "frame/object_names.h"
 #include "frame/status.h"
@@ -18,12 +19,12 @@ constexpr DWORD kEnded = 1;
 
 // A window of the product's other programs, and the message that asks it to close.
 struct TerminationTarget {
-    char windowClass[20];
+    const char* windowClass;
     UINT message;
 };
 constexpr TerminationTarget kEveryWindow = {"TVORRPWndClass", 1225};
 // The first window of each class.
-constexpr TerminationTarget kFirstWindow = {"TVORPSPWndClass", 1030};
+constexpr TerminationTarget kFirstWindow = {dblink::kAgentWindowClass, dblink::kAgentEndMessage};
 constexpr TerminationTarget kFirstWindows9x[] = {{"TVORNSS95WndClass", 1026}, {"TVORPWD95WndClass", 1024}};
 
 // The window's program decides what it does; one that stays is left alone after a while.

@@ -1,0 +1,159 @@
+// TVORPZ.EXE, the desktop agent: the product's presence on the user's desktop. The library starts it when a manager of
+// some client kinds is opened, and knows it by its window.
+//
+//     TVORPZ.EXE /S
+//
+// There is one for each desktop: another one says that there is an agent, and ends. It shows nothing yet. It ends when
+// it is asked to, when all managers of the machine are asked to terminate, when the product is stopped, and with the
+// desktop: none of those who use it starts it again before somebody opens a manager.
+//
+// Two threads: the first has the window, the other one waits for the end. State: what that one needs, set before it is
+// started.
+#include "layer.h"
+
+#include "dblink/desktop_agent.h"
+#include "dblink/kernel_names.h"
+#include "dblink/program_client.h"
+
+#include <stdio.h>
+
+namespace {
+
+constexpr int kEnded = 0;
+constexpr int kCannotBegin = 1;
+constexpr int kWrong = 2;
+
+constexpr char kOneAgentMutex[] = "TVORSQD:DesktopAgent";
+constexpr DWORD kOneAgentMs = 5000; // for another one that begins to have its window
+constexpr DWORD kLookMs = 2000;     // between looks at product and desktop
+constexpr DWORD kPostAgainMs = 20;  // to a queue that is full
+
+HWND g_window = nullptr;
+HANDLE g_termination = nullptr;
+bool g_productWasUp = false; // some client kinds need no product that is up, and so does their agent
+
+// Held while the window is looked for and made, so that of two that begin at once one finds the other's. An agent that
+// cannot have it, because somebody keeps it, begins all the same: two of them do no harm.
+struct OneAgentHold {
+    OneAgentHold() {
+        dblink::EveryoneAccess everyone;
+        if (everyone) m_mutex = CreateMutexA(&everyone.attributes, FALSE, kOneAgentMutex);
+        if (m_mutex == nullptr) return;
+        const DWORD wait = WaitForSingleObject(m_mutex, kOneAgentMs);
+        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
+    }
+    ~OneAgentHold() {
+        if (m_held) ReleaseMutex(m_mutex);
+        if (m_mutex != nullptr) CloseHandle(m_mutex);
+    }
+    OneAgentHold(const OneAgentHold&) = delete;
+    OneAgentHold& operator=(const OneAgentHold&) = delete;
+
+private:
+    HANDLE m_mutex = nullptr;
+    bool m_held = false;
+};
+
+LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    switch (message) {
+    case dblink::kAgentEndMessage:
+        DestroyWindow(window);
+        return 0;
+    case WM_DESTROY:
+        PostQuitMessage(0);
+        return 0;
+    default:
+        return DefWindowProcA(window, message, wParam, lParam);
+    }
+}
+
+// False when there is none and none can be made; g_window stays null when another agent has one.
+bool BecomeTheAgent() {
+    const OneAgentHold hold;
+    if (FindWindowA(dblink::kAgentWindowClass, nullptr) != nullptr) return true;
+    WNDCLASSEXA windowClass = {};
+    windowClass.cbSize = sizeof windowClass;
+    windowClass.lpfnWndProc = OnMessage;
+    windowClass.lpszClassName = dblink::kAgentWindowClass;
+    if (RegisterClassExA(&windowClass) == 0) return false;
+    g_window = CreateWindowExA(0, dblink::kAgentWindowClass, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    return g_window != nullptr;
+}
+
+// Whoever started an agent waits for the event of the printer that he opens: it is one in the list, and only those who
+// wait have their events. Nobody waits for this; where the service stands still, so do the opens.
+void TellReady() {
+    std::vector<std::string> databases;
+    ListPrinterDatabases(&databases);
+    for (const std::string& database : databases) {
+        const HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, dblink::AgentReadyName(database).text);
+        if (event == nullptr) continue;
+        SetEvent(event);
+        CloseHandle(event);
+    }
+}
+
+// The event is not kept open: it would outlive a start-up process that was killed.
+bool ProductIsUp() {
+    const bool terminalServer = dblink::MachineIsTerminalServer();
+    const HANDLE event =
+        OpenEventA(SYNCHRONIZE, FALSE, dblink::ObjectName(terminalServer, dblink::kProductInitialisedName).text);
+    if (event == nullptr) return false;
+    const bool up = WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
+    CloseHandle(event);
+    return up;
+}
+
+// Waits for a while. The agent can do without an event that cannot be had.
+bool IsTerminated() {
+    const DWORD wait = g_termination != nullptr ? WaitForSingleObject(g_termination, kLookMs) : WAIT_FAILED;
+    if (wait == WAIT_FAILED) Sleep(kLookMs);
+    return wait == WAIT_OBJECT_0;
+}
+
+DWORD WINAPI WaitForEnd(LPVOID) {
+    TellReady();
+    do {
+        const bool up = ProductIsUp();
+        if ((g_productWasUp && !up) || !DesktopLives()) break;
+        g_productWasUp = up;
+    } while (!IsTerminated());
+    while (!PostMessageA(g_window, dblink::kAgentEndMessage, 0, 0)) {
+        // A queue that is full is being emptied; a window that nobody can reach is of no use.
+        if (GetLastError() != ERROR_NOT_ENOUGH_QUOTA) TerminateProcess(GetCurrentProcess(), kEnded);
+        Sleep(kPostAgainMs);
+    }
+    return 0;
+}
+
+bool StartWaiting() {
+    const bool terminalServer = dblink::MachineIsTerminalServer();
+    g_termination = dblink::CreateEventForEveryone(dblink::ObjectName(terminalServer, dblink::kTerminationName).text);
+    const HANDLE thread = CreateThread(nullptr, 0, WaitForEnd, nullptr, 0, nullptr);
+    if (thread != nullptr) CloseHandle(thread);
+    return thread != nullptr;
+}
+
+int Run() {
+    g_productWasUp = ProductIsUp();
+    if (!BindStatusDatabase() || !BecomeTheAgent()) return kCannotBegin;
+    if (g_window == nullptr) {
+        TellReady();
+        return kEnded;
+    }
+    if (!StartWaiting()) return kCannotBegin;
+    MSG message;
+    while (GetMessageA(&message, nullptr, 0, 0) > 0) // for as long as nobody wants the agent to end
+        DispatchMessageA(&message);
+    return kEnded;
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    if (count != 2 || lstrcmpiA(words[1], dblink::kAgentSwitch) != 0) {
+        fprintf(stderr, "usage: %s %s\n", dblink::kAgentExecutable, dblink::kAgentSwitch);
+        return kWrong;
+    }
+    return LeaveCreator() ? Run() : kCannotBegin;
+}
