@@ -95,23 +95,28 @@ void PrinterSides::ReadSettings() {
     }
 }
 
-// The first manager of a printer makes its database, which the printer side waits for. A process of its own opens it:
-// the library in this one may have been loaded before the product was installed, and then opens nothing.
-void PrinterSides::OpenOnce(const Side& side) {
-    if (std::find(m_opened.begin(), m_opened.end(), side.printer) != m_opened.end()) return;
-    m_opened.push_back(side.printer);
-    const std::string what = "cannot open the printer \"" + ToUtf8(side.printer) + "\" for its printer side";
+// The first manager of a printer makes its database, which its printer side and others wait for. A process of its own
+// opens it: the library in this one may have been loaded before the product was installed, and then opens nothing.
+void PrinterSides::OpenOnce(const std::string& printer) {
+    if (std::find(m_opened.begin(), m_opened.end(), printer) != m_opened.end()) return;
+    m_opened.push_back(printer);
+    const std::string what = "cannot open the printer \"" + ToUtf8(printer) + "\"";
     const std::string program = OwnProgram();
-    const auto list = m_accessLists.find(side.printer);
+    const auto list = m_accessLists.find(printer);
     const std::string options = list == m_accessLists.end() ? "" : " --access-list " + Quoted(list->second);
     const KernelHandle process =
-        StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(side.printer));
+        StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(printer));
     if (!process) {
         PrintError(SystemFailure(GetLastError(), what));
     } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {
         TerminateProcess(process.Get(), 1);
         PrintError(SystemFailure(WAIT_TIMEOUT, what));
     } // else it has told itself what went wrong
+}
+
+void PrinterSides::OpenPrinters() {
+    for (const Printer& printer : ListPrinters())
+        if (!printer.driver.empty()) OpenOnce(printer.name);
 }
 
 void PrinterSides::StartSide(Side& side) {
@@ -173,7 +178,7 @@ void PrinterSides::Tend() {
     }
     ReadSettings();
     for (Side& side : m_sides) {
-        if (!side.leaving) OpenOnce(side);
+        if (!side.leaving) OpenOnce(side.printer);
         if (side.process || !HasPassed(side.dueAt)) continue;
         if (side.resting) {
             const bool asked = !side.opened || WaitForSingleObject(side.opened.Get(), 0) == WAIT_OBJECT_0;

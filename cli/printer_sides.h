@@ -31,6 +31,9 @@ public:
     void GiveAccessList(const std::string& printer, const std::string& list) { m_accessLists.emplace(printer, list); }
     // Looks at printers and processes, starts and ends what is due. To be called now and then while the service runs.
     void Tend();
+    // Opens each printer that has a driver once, so that its database is there: most client kinds open no other. Asks the
+    // print server, so not again and again.
+    void OpenPrinters();
     // The service is another one: it has no databases.
     void ServiceIsNew() { m_opened.clear(); }
 
@@ -52,7 +55,7 @@ private:
     void StartSide(Side& side);
     void AskToEnd(Side& side);
     void NoteEnd(Side& side);
-    void OpenOnce(const Side& side);
+    void OpenOnce(const std::string& printer);
     void Publish(const Side& side, const PrinterSideState& state);
 
     TellPrinterSideNews m_tell;

@@ -3,6 +3,7 @@
 
 #include "child_program.h"
 #include "files.h"
+#include "opened_printer.h"
 #include "output.h"
 #include "printer_side_states.h"
 #include "printers.h"
@@ -53,6 +54,16 @@ const char* WhoKnows(const Printer& printer) {
     return "registry";
 }
 
+// Most client kinds open only a printer that has been opened before; `up` opens those that it finds when it starts.
+// What hinders an open is told to whoever needs it.
+void OpenForOthers(const std::string& name) {
+    if (!ProductInitialised()) return;
+    try {
+        OpenPrinterOf({.printer = name});
+    } catch (const Failure&) {
+    }
+}
+
 } // namespace
 
 Exit PrintersCommand() {
@@ -99,6 +110,7 @@ Exit AddPrinterCommand(const std::string& name, const std::string& driver, const
         UninstallPrinter(nameText); // the whole or nothing
         throw;
     }
+    OpenForOthers(name);
     if (g_output.json) {
         PrintJson({{"added", name},
                    {"driver", driver},

@@ -185,10 +185,7 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
 
 // Watches service and printer sides until the user wants to stop, and starts what ended again. startedHere: set when it
 // was the service.
-void KeepRunning(const ServiceHandle& service, const Teller& teller, const std::optional<DemoPrinter>& demo,
-                 bool& startedHere) {
-    PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
-    if (demo) sides.GiveAccessList(demo->name, demo->accessList);
+void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
     RestartPause restart;
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
@@ -207,6 +204,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, const std::
             startedHere = true;
             if (!Start(service)) return;
             sides.ServiceIsNew();
+            sides.OpenPrinters();
             teller.Tell("service-started", "the status database service runs again");
         } catch (const Failure& failure) {
             PrintError(failure);
@@ -269,11 +267,14 @@ Exit UpCommand(const UpOptions& options) {
     try {
         if (Start(service)) {
             teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
+            PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
+            if (demo) sides.GiveAccessList(demo->name, demo->accessList);
+            sides.OpenPrinters(); // before anybody is told that he may
             const InitialisedSignal initialised;
             teller.Tell("up", "the product is up; Ctrl-C stops it");
             TellSupervisor("STATUS=up");
             TellSupervisor("READY=1");
-            KeepRunning(service, teller, demo, startedHere);
+            KeepRunning(service, teller, sides, startedHere);
         }
     } catch (...) {
         // Nothing stays running that nobody looks after; the first failure is the one to tell.

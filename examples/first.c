@@ -8,19 +8,12 @@
 
 #include <windows.h> /* SYSTEMTIME */
 
-#include <tvsqdz.h>
-
-/* Client kind of the manager. Kinds without a name of their own, like this one, read and update, take no ownership of the
- * printer and need nothing but the service. */
-#define ORDINARY_CLIENT 3
+#include <tvsqdz_status.h> /* tvsqdz.h, and a text for each status */
 
 /* Every call returns a status: 0, a negative code of tvsqdz.h, or a positive code of the system. */
 static int failed(const char* what, int32_t status) {
     if (status == TVS_OK) return 0;
-    fprintf(stderr, "%s: status %d", what, (int)status);
-    if (status == TVS_E_UNAVAILABLE) fprintf(stderr, " (is the product up? see: oriel status)");
-    if (status == TVS_E_UNKNOWN) fprintf(stderr, " (no such variable)");
-    fprintf(stderr, "\n");
+    fprintf(stderr, "%s: %s (status %d)\n", what, TvsStatusText(status), (int)status);
     return 1;
 }
 
@@ -62,7 +55,7 @@ int main(int argc, char** argv) {
     const char* printer = argc > 1 ? argv[1] : "Front desk";
     TvsManager manager;
 
-    int32_t status = OpenManagerExA(printer, NULL, ORDINARY_CLIENT, &manager);
+    int32_t status = OpenManagerA(printer, NULL, &manager);
     if (failed("opening a manager", status)) return 1;
 
     int result = show(manager);

@@ -7,13 +7,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <tvsqdz.h>
+#include <tvsqdz_status.h>
 
 #define ORDINARY_CLIENT 3 /* reads and updates, takes no ownership, needs nothing but the service */
 
 static int failed(const char* what, int32_t status) {
     if (status == TVS_OK) return 0;
-    fprintf(stderr, "queue: %s: status %d\n", what, (int)status);
+    fprintf(stderr, "queue: %s: %s (status %d)\n", what, TvsStatusText(status), (int)status);
     return 1;
 }
 
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
     TvsManager manager;
     int result;
 
-    if (failed("opening a manager (is the product up? see: oriel status)",
+    if (failed("opening a manager",
                OpenManagerExA(argc > 1 ? argv[1] : "Front desk", NULL, ORDINARY_CLIENT, &manager)))
         return 1;
     result = show(manager);

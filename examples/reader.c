@@ -6,7 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <tvsqdz.h>
+#include <tvsqdz_status.h>
 #include <tvsqdz_variables.h>
 
 enum type { NUMBER, STRING, RECORD, VARIABLE, COMPOSITE };
@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
     }
     int32_t status = OpenManagerExA(argv[1], NULL, 3, &manager);
     if (status != TVS_OK) {
-        fprintf(stderr, "reader: cannot open a manager: status %d; is the product up? see: oriel status\n", (int)status);
+        fprintf(stderr, "reader: opening a manager: %s (status %d)\n", TvsStatusText(status), (int)status);
         return 1;
     }
     printf("open\n");

@@ -2,17 +2,33 @@
  *
  * The contract of the library. If a function does not appear in this file, it is not published.
  *
- * A printer's status is a set of named variables (tvsqdz_variables.h lists the built-in ones, tvsqdz_records.h has the
- * layouts of those that are records; a printer model may add and replace some). A caller opens a manager for one printer,
+ * A printer's status is a set of named variables. tvsqdz_variables.h lists the built-in ones, and tvsqdz_records.h has the
+ * layouts of those that are records; a printer model may add and replace some. A program opens a manager for one printer,
  * and reads and updates variables through it:
  *
- *     TvsManager manager;
- *     if (OpenManagerA("Front desk", NULL, 0, &manager) == TVS_OK) { ... CloseManager(manager); }
+ *     #include <stdio.h>
+ *     #include <tvsqdz_status.h>
  *
- * Every function returns a signed 32-bit status: 0 for success, a negative code of the table below, or a positive code of
- * the RPC run-time or the system, passed on unchanged (1722: the status database service cannot be reached). A pointer that
- * cannot be read or written gives TVS_E_FAULT, unless the function says otherwise, and never a crash. Functions may be
- * called from any thread; a manager that is closed during a call of another thread serves that call to its end.
+ *     int main(void) {
+ *         TvsManager manager;
+ *         uint32_t jam, size;
+ *         int32_t status = OpenManagerA("Front desk", NULL, &manager);
+ *         if (status == TVS_OK) {
+ *             status = GetPrinterStatusA(manager, "ErrPaperJam", &jam, sizeof jam, &size);
+ *             if (status == TVS_OK) printf("paper jam: %s\n", jam != 0 ? "yes" : "no");
+ *             CloseManager(manager);
+ *         }
+ *         if (status != TVS_OK) fprintf(stderr, "Front desk: %s\n", TvsStatusText(status));
+ *         return status != TVS_OK;
+ *     }
+ *
+ * The product has to be up ("oriel up") and to know the printer ("oriel printers").
+ *
+ * Every function returns a signed 32-bit status: 0 for success, a negative code, or a positive code of the RPC run-time or
+ * the system, passed on unchanged (1722: the status database service cannot be reached). The table below lists the library's
+ * own codes, and tvsqdz_status.h says in words what each status means. A pointer that cannot be read or written gives
+ * TVS_E_FAULT, unless the function says otherwise, and never a crash. Functions may be called from any thread; a manager
+ * that is closed during a call of another thread serves that call to its end.
  *
  * Text of the A functions is in the ANSI code page of the system, text of the W functions in UTF-16. All numbers in values
  * are little-endian. */

@@ -3,9 +3,10 @@
 #include "product.h"
 
 #include <gtest/gtest.h>
-#include <tvsqdz.h>
+#include <tvsqdz_status.h>
 
 #include <cstring>
+#include <fstream>
 
 namespace {
 
@@ -19,14 +20,75 @@ std::string Hex(const void* bytes, size_t size) {
     return text;
 }
 
+// The lines of a file behind the one that is `before`, as long as they begin with the prefix, which is taken off, or
+// have nothing but it.
+std::string Lines(const std::string& file, const std::string& before, const std::string& prefix,
+                  const std::string& end) {
+    std::ifstream stream(SourcePath(file));
+    std::string line, text;
+    while (std::getline(stream, line) && line != before) {
+    }
+    while (std::getline(stream, line) && line != end)
+        text += (line.starts_with(prefix) ? line.substr(prefix.size()) : "") + "\n";
+    return text;
+}
+
+struct Printed {
+    const char* where;
+    std::string text;
+    const char* printer;
+    const char* variable; // set to 2 before it runs
+    const char* output;
+};
+
+// Builds the text as a user would.
+std::string Build(const Printed& program) {
+    const std::string source = PrivateDirectory() + "/" + program.where + ".c";
+    const std::string built = PrivateDirectory() + "/" + program.where;
+    std::ofstream(source) << program.text;
+    const ProgramResult result =
+        RunProgram("/bin/sh",
+                   {"-c",
+                    ORIEL_C_COMPILER
+                    R"( -std=c11 -Wall -Wextra -Wpedantic -Werror "$0" -o "$1" $(pkg-config --cflags --libs tvsqdz))",
+                    source, built},
+                   {{"PKG_CONFIG_PATH", ORIEL_PKG_CONFIG}});
+    EXPECT_EQ(result.exitCode, 0) << program.where << ": " << result.errors;
+    return built;
+}
+
 } // namespace
+
+TEST(Examples, ProgramsOfHeaderAndReadmeBuildAndRun) {
+    const Printed programs[] = {
+        {"header",
+         Lines("include/tvsqdz.h", " * and reads and updates variables through it:", " *     ",
+               " * The product has to be up (\"oriel up\") and to know the printer (\"oriel printers\")."),
+         "Front desk", "ErrPaperJam", "paper jam: yes\n"},
+        {"readme", Lines("README.md", "```c", "", "```"), "Demo printer", "PageCount", "pages printed: 2\n"},
+    };
+    AddExamplePrinter();
+    OrielText({"printers", "add", "Demo printer", "--driver", "Example Laser"});
+    for (const Printed& program : programs) {
+        const ProgramResult notUp = RunProgram(Build(program));
+        EXPECT_EQ(notUp.exitCode, 1) << program.where;
+        EXPECT_EQ(notUp.errors, std::string(program.printer) + ": " + TvsStatusText(TVS_E_UNAVAILABLE) + "\n");
+    }
+    RunningProduct product;
+    for (const Printed& program : programs) {
+        OrielText({"set", program.printer, program.variable, "2"});
+        const ProgramResult result = RunProgram(PrivateDirectory() + "/" + program.where);
+        EXPECT_EQ(result.output, program.output) << result.errors;
+        EXPECT_EQ(result.exitCode, 0) << program.where;
+    }
+}
 
 TEST(Examples, FirstProgramReadsUpdatesAndTells) {
     AddExamplePrinter();
     const std::string first = ProgramPath("first");
     const ProgramResult notUp = RunProgram(first);
     EXPECT_EQ(notUp.exitCode, 1);
-    EXPECT_NE(notUp.errors.find("is the product up?"), std::string::npos) << notUp.errors;
+    EXPECT_NE(notUp.errors.find("the product is not up"), std::string::npos) << notUp.errors;
 
     RunningProduct product;
     const ProgramResult result = RunProgram(first);

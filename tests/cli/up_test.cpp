@@ -92,6 +92,10 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
     EXPECT_EQ(product.Event("printer-side-started")["printer"], printer);
     ASSERT_TRUE(WaitUntil(takesRequests));
     EXPECT_EQ(pageCount(), 4711);
+    // A client kind that opens only what has been opened before.
+    OrielText({"printers", "add", "Later", "--driver", "Any"});
+    for (const char* other : {"Plain", "Later"})
+        EXPECT_EQ(Oriel({"get", other, "PageCount", "--kind", "9"}).exitCode, 0) << other;
     EXPECT_EQ(OrielJson({"get", printer, "Port"})["variables"][0]["value"]["portName"], "LPT1:");
 
     KillProcess(ProcessOf("TVSPSD.EXE"));
