@@ -52,7 +52,8 @@ constexpr CodeMeaning kMeanings[] = {
     {ERROR_FILE_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_PATH_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_ACCESS_DENIED, Exit::Denied, nullptr,
-     "run it as root, as a member of the administrators' group, or as the owner of the state that 'oriel status' shows"},
+     "run it as root, as a member of the administrators' group, or as the owner of the state that 'oriel status' "
+     "shows"},
     {ERROR_NOT_ENOUGH_MEMORY, Exit::False, nullptr, ""},
     {ERROR_BAD_FORMAT, Exit::False, "not in the expected format", ""},
     {ERROR_INVALID_PARAMETER, Exit::False, nullptr, ""},

@@ -104,8 +104,7 @@ void PrinterSides::OpenOnce(const std::string& printer) {
     const std::string program = OwnProgram();
     const auto list = m_accessLists.find(printer);
     const std::string options = list == m_accessLists.end() ? "" : " --access-list " + Quoted(list->second);
-    const KernelHandle process =
-        StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(printer));
+    const KernelHandle process = StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(printer));
     if (!process) {
         PrintError(SystemFailure(GetLastError(), what));
     } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {

@@ -51,10 +51,9 @@ ULONGLONG WriteTimeOf(const Variable& variable) {
     return high << 32 | variable.writeTime[0].load(std::memory_order_acquire);
 }
 
-void StoreWriteTime(Variable& variable, ULONGLONG now) {
-    // Watchers compare write times to find what they missed: two writes never have the same one, be it that they come
-    // within a millisecond or that the time of day is set back.
-    const ULONGLONG time = std::max(now, WriteTimeOf(variable) + kWriteTimeStep);
+// Now, unless the time of day was set back to before `earliest`.
+void StoreWriteTime(Variable& variable, ULONGLONG now, ULONGLONG earliest) {
+    const ULONGLONG time = std::max(now, earliest);
     variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
     variable.writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
 }
@@ -200,14 +199,15 @@ ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, con
         variable.block.store(grown, std::memory_order_release);
     else if (*changed)
         FillBlock(*block, bytes, size);
-    StoreWriteTime(variable, WriteTimeNow());
+    // Watchers compare write times to find what they missed: two writes never have the same one.
+    StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable) + kWriteTimeStep);
     return kDone;
 }
 
 void TouchWriteTime(Variable& variable) {
     LockHold hold{g_writerLocks[WriterLockOf(variable)]};
     const Change change{variable};
-    StoreWriteTime(variable, WriteTimeNow());
+    StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable));
 }
 
 // Readers of several variables see none of the new values before all of them are there: no count becomes even before
@@ -221,7 +221,7 @@ void WriteTogether(std::span<Written> variables, const BYTE* bytes) {
         ValueBlock& block = *variable.block.load(std::memory_order_relaxed); // has room for it
         written.changed = !BlockHolds(block, bytes, variable.room);
         if (written.changed) FillBlock(block, bytes, variable.room);
-        StoreWriteTime(variable, now);
+        StoreWriteTime(variable, now, WriteTimeOf(variable) + kWriteTimeStep);
         bytes += variable.room;
     }
     for (const Written& written : variables)

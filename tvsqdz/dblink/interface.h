@@ -153,7 +153,7 @@ struct VariableInfo {
     DWORD size;           // of the present value, in bytes
     DWORD writes;         // how often it was written, wrapping; a composite counts its members' too
     SYSTEMTIME writeTime; // UTC, of the last write (or of its creation); of a composite, the latest of its members'.
-                          // Each write of a variable has a later one than the write before
+                          // Never earlier than the one before, and later for each write of a value
 };
 static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
               offsetof(VariableInfo, writes) == 8 && offsetof(VariableInfo, writeTime) == 12);

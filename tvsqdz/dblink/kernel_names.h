@@ -31,7 +31,7 @@ KernelName ObjectName(bool terminalServer, std::string_view baseName);
 KernelName InitializedEventName(std::string_view database);
 KernelName AgentReadyName(std::string_view database);
 
-inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager"; // the base name
+inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";   // the base name
 inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.

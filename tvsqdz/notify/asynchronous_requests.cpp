@@ -38,8 +38,7 @@ Status FindRequested(ManagerRecord* manager, const char* callersName, uint32_t b
     const StatusVariableDef& found = **variable;
     const uint32_t bits = bit | SVF_DIRECT;
     const RequestKind kind = bit == SVF_READABLE ? RequestKind::Read : WriteKindOf(found.name);
-    const bool fits =
-        strlen(found.name) < sizeof StatusRequest::variableName && FitsMailbox(manager, kind, found);
+    const bool fits = strlen(found.name) < sizeof StatusRequest::variableName && FitsMailbox(manager, kind, found);
     return fits && (found.flags & bits) == bits ? TVS_OK : TVS_E_UNKNOWN;
 }
 
@@ -72,8 +71,7 @@ Status StartRead(TvsManager handle, const char* variable, const Completion& comp
     const bool relayed = IsRelayed(completion);
     if (relayed && !OwnerProcessExists()) return TVS_E_NO_OWNER;
     const StatusVariableDef* found = nullptr;
-    if (const Status status = FindRequested(manager, variable, SVF_READABLE, &found); status != TVS_OK)
-        return status;
+    if (const Status status = FindRequested(manager, variable, SVF_READABLE, &found); status != TVS_OK) return status;
     if (const Status status = CheckRead(manager); status != TVS_OK) return status;
 
     MutexHold lock(manager->requestMutex);
@@ -138,8 +136,7 @@ Status StartWrite(TvsManager handle, const char* variable, const void* data, uin
     ManagerRecord* manager = call.Manager();
     if (IsRelayed(completion) && !OwnerProcessExists()) return TVS_E_NO_OWNER;
     const StatusVariableDef* found = nullptr;
-    if (const Status status = FindRequested(manager, variable, SVF_WRITABLE, &found); status != TVS_OK)
-        return status;
+    if (const Status status = FindRequested(manager, variable, SVF_WRITABLE, &found); status != TVS_OK) return status;
     if (const Status status = CheckWrite(manager, *found); status != TVS_OK) return status;
     CallerValue value(data, size); // before anybody is held up
     if (value.Result() != TVS_OK) return value.Result();
