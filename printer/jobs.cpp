@@ -156,7 +156,7 @@ void ReportAnew(Taker& taker) {
 }
 
 template <typename Record>
-DWORD JobIn(const Taker& taker, const char* variable, Record record, DWORD Record::*id) {
+DWORD JobIn(const Taker& taker, const char* variable, Record record, uint32_t Record::*id) {
     uint32_t size = 0;
     if (GetPrinterStatusA(taker.manager, variable, &record, sizeof record, &size) != TVS_OK) return 0;
     return record.*id;
