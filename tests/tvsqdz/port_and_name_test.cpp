@@ -108,7 +108,8 @@ TEST(Settings, OfAnotherUserChangeNothing) {
     const Bytes config = Text("as the printer said");
     ASSERT_EQ(Update(manager, "PrinterOptConfig", config), TVS_OK);
     TestProcess other("ChangesSettingsAsAnotherUser");
-    for (const int expected : {ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, TVS_OK})
+    for (const Status expected :
+         {Status{ERROR_ACCESS_DENIED}, Status{ERROR_ACCESS_DENIED}, Status{ERROR_ACCESS_DENIED}, TVS_OK})
         EXPECT_EQ(other.Hear(), std::to_string(expected));
     EXPECT_EQ(other.Hear(), kNewName + " 0");
     EXPECT_EQ(other.Hear(), "0");
