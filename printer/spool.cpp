@@ -44,7 +44,7 @@ SIZE_T PagesOfText(std::string_view text) {
         const std::string_view sheet = text.substr(0, end);
         const SIZE_T lines = CountOf(sheet, "\n") + (sheet.ends_with('\n') ? 0 : 1);
         pages += std::max<SIZE_T>((lines + kLinesOfPage - 1) / kLinesOfPage, 1);
-        text.remove_prefix(std::min(end + 1, text.size()));
+        text.remove_prefix(std::min<size_t>(end + 1, text.size()));
     }
     return pages;
 }
