@@ -28,8 +28,8 @@ std::string FindDatabaseName(const std::string& printer, std::string* name, std:
     return name->empty() ? "the printer has not been opened yet" : "";
 }
 
-// Two printer sides would answer each other's requests. The other one's end gives the mutex free, which is this user's
-// alone: another's would keep the printer without one.
+// Two printer sides would answer each other's requests. The end of the other one releases the mutex. It
+// is this user's alone: anybody else who held it would keep the printer without a printer side.
 bool BecomeOnlyOne(Link& link) {
     const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
     HANDLE mutex = name.text[0] ? CreateMutexA(nullptr, FALSE, name.text) : nullptr;

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr DWORD kAllJobs = 0xFFFFFFFF;
-constexpr int kAttempts = 8; // a list that outgrows its buffer more often is not believable
+constexpr int kAttempts = 8; // a list that outgrows its buffer eight times in a row means something is wrong
 constexpr SIZE_T kDocumentMax = SIZE_T{32} << 20;
 constexpr DWORD kPieceSize = 64 * 1024;
 constexpr SIZE_T kPagesMax = 10000;

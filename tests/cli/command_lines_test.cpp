@@ -187,9 +187,7 @@ TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {
 
 // On a machine with the real directories, on file systems of its own. Root has a product there and another user one of
 // his own.
-TEST(CommandLine, TalksToTheUsersOwnProductWhileItIsUpElseToTheSystems) {
-    if (!RunsAsRoot() || RunProgram("/usr/bin/unshare", {"-m", "true"}).exitCode != 0)
-        GTEST_SKIP() << "needs root to mount file systems";
+TEST_AS_ROOT(CommandLine, TalksToTheUsersOwnProductWhileItIsUpElseToTheSystems) {
     constexpr const char* kScript = R"sh(
         unset ORIEL_STATE_DIR ORIEL_RUNTIME_DIR
         mount -t tmpfs -o mode=0755 state /var/lib && mount -t tmpfs -o mode=0755 run /run || exit 9

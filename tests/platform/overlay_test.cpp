@@ -68,8 +68,7 @@ CHILD_PROCESS(RunsOutOfDescriptors) {
 
 } // namespace
 
-TEST(Overlay, AnEventCostsADescriptorThereAndNoneInSharedMemory) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can mount an overlay";
+TEST_AS_ROOT(Overlay, AnEventCostsADescriptorThereAndNoneInSharedMemory) {
     const OverlayMount overlay;
     if (!overlay.IsMounted()) return;
     for (const auto& [directory, cost] : {std::pair{PrivateDirectory() + "/run", "0"}, {overlay.Path(), "10"}}) {
@@ -80,8 +79,7 @@ TEST(Overlay, AnEventCostsADescriptorThereAndNoneInSharedMemory) {
 }
 
 // What these tests find in shared memory they find there too, each in a process of its own as always.
-TEST(Overlay, IsAsGoodAsSharedMemory) {
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can mount an overlay";
+TEST_AS_ROOT(Overlay, IsAsGoodAsSharedMemory) {
     const OverlayMount overlay;
     if (!overlay.IsMounted()) return;
     std::istringstream lines(RunProgram(OwnProgram(), {"--gtest_list_tests", kOnDisk}).output);

@@ -130,9 +130,8 @@ CHILD_PROCESS(CallsAsAnotherUser) {
     return 0;
 }
 
-TEST(Authority, SettingsAreForAdministrators) {
+TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
     NeedsTheLayer("threads that are other users by number");
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs processes of other users";
     UseAdministratorsGroup(kMembersGroupName);
     const PrinterMachine machine(20000, kVariables);
     const DWORD handle = machine.databases[0];
@@ -184,9 +183,8 @@ TEST(Authority, SettingsAreForAdministrators) {
     }
 }
 
-TEST(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
+TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
     NeedsTheLayer("threads that are other users by number");
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs processes of other users";
     UseAdministratorsGroup("");
     const PrinterMachine machine(20000, kVariables);
     OtherUser nobody;
@@ -239,9 +237,8 @@ TEST(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
     }
 }
 
-TEST(Authority, AnAccessListStaysThroughRestartsAndRenames) {
+TEST_AS_ROOT(Authority, AnAccessListStaysThroughRestartsAndRenames) {
     NeedsTheLayer("threads that are other users by number");
-    if (!RunsAsRoot()) GTEST_SKIP() << "needs processes of other users";
     PrinterMachine machine(20000, {});
     const auto listOf = [](size_t printer) {
         DWORD handle = 0;

@@ -98,9 +98,8 @@ CHILD_PROCESS(ChangesSettingsAsAnotherUser) {
     return 0;
 }
 
-TEST(Settings, OfAnotherUserChangeNothing) {
+TEST_AS_ROOT(Settings, OfAnotherUserChangeNothing) {
     NeedsTheLayer("threads that are other users by number");
-    if (!RunsAsRoot()) GTEST_SKIP() << "only root can become another user";
     const Product product;
     AddPrinter(kNewName, kModel);
     const TvsManager manager = OpenPrinter();
