@@ -373,6 +373,7 @@ TEST(Wide, AQueueThatChangesMeanwhileIsWrittenAsItWasRead) {
     constexpr uint32_t kMany = 12;
     alignas(4) static unsigned char queue[4 + kMany * sizeof(TvsJobRecordWide)];
     auto* count = reinterpret_cast<volatile uint32_t*>(queue);
+    *count = 1; // the other thread may begin late
     std::atomic<bool> stop = false;
     const TestThread changer([&] {
         while (!stop)
