@@ -11,9 +11,9 @@
 // started.
 #include "layer.h"
 
-#include "dblink/desktop_agent.h"
-#include "dblink/kernel_names.h"
-#include "dblink/program_client.h"
+#include "product/desktop_agent.h"
+#include "product/object_names.h"
+#include "product/program_client.h"
 
 #include <stdio.h>
 
@@ -36,7 +36,7 @@ bool g_productWasUp = false; // some client kinds need no product that is up, an
 // cannot have it, because somebody keeps it, begins all the same: two of them do no harm.
 struct OneAgentHold {
     OneAgentHold() {
-        dblink::EveryoneAccess everyone;
+        product::EveryoneAccess everyone;
         if (everyone) m_mutex = CreateMutexA(&everyone.attributes, FALSE, kOneAgentMutex);
         if (m_mutex == nullptr) return;
         const DWORD wait = WaitForSingleObject(m_mutex, kOneAgentMs);
@@ -56,7 +56,7 @@ private:
 
 LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
     switch (message) {
-    case dblink::kAgentEndMessage:
+    case product::kAgentEndMessage:
         DestroyWindow(window);
         return 0;
     case WM_DESTROY:
@@ -70,13 +70,13 @@ LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lPar
 // False when there is none and none can be made; g_window stays null when another agent has one.
 bool BecomeTheAgent() {
     const OneAgentHold hold;
-    if (FindWindowA(dblink::kAgentWindowClass, nullptr) != nullptr) return true;
+    if (FindWindowA(product::kAgentWindowClass, nullptr) != nullptr) return true;
     WNDCLASSEXA windowClass = {};
     windowClass.cbSize = sizeof windowClass;
     windowClass.lpfnWndProc = OnMessage;
-    windowClass.lpszClassName = dblink::kAgentWindowClass;
+    windowClass.lpszClassName = product::kAgentWindowClass;
     if (RegisterClassExA(&windowClass) == 0) return false;
-    g_window = CreateWindowExA(0, dblink::kAgentWindowClass, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    g_window = CreateWindowExA(0, product::kAgentWindowClass, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
     return g_window != nullptr;
 }
 
@@ -86,7 +86,7 @@ void TellReady() {
     std::vector<std::string> databases;
     ListPrinterDatabases(&databases);
     for (const std::string& database : databases) {
-        const HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, dblink::AgentReadyName(database).text);
+        const HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, product::AgentReadyName(database).text);
         if (event == nullptr) continue;
         SetEvent(event);
         CloseHandle(event);
@@ -95,9 +95,9 @@ void TellReady() {
 
 // The event is not kept open: it would outlive a start-up process that was killed.
 bool ProductIsUp() {
-    const bool terminalServer = dblink::MachineIsTerminalServer();
+    const bool terminalServer = product::MachineIsTerminalServer();
     const HANDLE event =
-        OpenEventA(SYNCHRONIZE, FALSE, dblink::ObjectName(terminalServer, dblink::kProductInitialisedName).text);
+        OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(terminalServer, product::kProductInitialisedName).text);
     if (event == nullptr) return false;
     const bool up = WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
     CloseHandle(event);
@@ -118,7 +118,7 @@ DWORD WINAPI WaitForEnd(LPVOID) {
         if ((g_productWasUp && !up) || !DesktopLives()) break;
         g_productWasUp = up;
     } while (!IsTerminated());
-    while (!PostMessageA(g_window, dblink::kAgentEndMessage, 0, 0)) {
+    while (!PostMessageA(g_window, product::kAgentEndMessage, 0, 0)) {
         // A queue that is full is being emptied; a window that nobody can reach is of no use.
         if (GetLastError() != ERROR_NOT_ENOUGH_QUOTA) TerminateProcess(GetCurrentProcess(), kEnded);
         Sleep(kPostAgainMs);
@@ -127,8 +127,9 @@ DWORD WINAPI WaitForEnd(LPVOID) {
 }
 
 bool StartWaiting() {
-    const bool terminalServer = dblink::MachineIsTerminalServer();
-    g_termination = dblink::CreateEventForEveryone(dblink::ObjectName(terminalServer, dblink::kTerminationName).text);
+    const bool terminalServer = product::MachineIsTerminalServer();
+    g_termination =
+        product::CreateEventForEveryone(product::ObjectName(terminalServer, product::kTerminationName).text);
     const HANDLE thread = CreateThread(nullptr, 0, WaitForEnd, nullptr, 0, nullptr);
     if (thread != nullptr) CloseHandle(thread);
     return thread != nullptr;
@@ -151,8 +152,8 @@ int Run() {
 } // namespace
 
 int main(int count, char** words) {
-    if (count != 2 || lstrcmpiA(words[1], dblink::kAgentSwitch) != 0) {
-        fprintf(stderr, "usage: %s %s\n", dblink::kAgentExecutable, dblink::kAgentSwitch);
+    if (count != 2 || lstrcmpiA(words[1], product::kAgentSwitch) != 0) {
+        fprintf(stderr, "usage: %s %s\n", product::kAgentExecutable, product::kAgentSwitch);
         return kWrong;
     }
     return LeaveCreator() ? Run() : kCannotBegin;

@@ -7,7 +7,7 @@
 #include "product.h"
 #include "text.h"
 
-#include "dblink/kernel_names.h"
+#include "product/object_names.h"
 
 #include <algorithm>
 
@@ -157,8 +157,8 @@ void PrinterSides::NoteEnd(Side& side) {
     const DWORD pause = side.resting ? 0 : side.restart.AfterEnd();
     side.dueAt = GetTickCount() + pause;
     if (side.resting) {
-        const std::string name = dblink::OpenedEventName(dblink::MachineIsTerminalServer(), side.printer).text;
-        side.opened = KernelHandle(dblink::CreateEventForEveryone(name.c_str()));
+        const std::string name = product::OpenedEventName(product::MachineIsTerminalServer(), side.printer).text;
+        side.opened = KernelHandle(product::CreateEventForEveryone(name.c_str()));
         if (side.opened) ResetEvent(side.opened.Get());
     }
     Publish(side, {.state = side.resting ? SideState::Resting : SideState::Restarting, .code = code, .pauseMs = pause});

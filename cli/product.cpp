@@ -5,8 +5,8 @@
 #include "registry.h"
 #include "text.h"
 
-#include "dblink/desktop_agent.h"
-#include "dblink/kernel_names.h"
+#include "product/desktop_agent.h"
+#include "product/object_names.h"
 
 #include <rpcnterr.h>
 
@@ -67,7 +67,7 @@ bool FileExists(const std::string& path) {
 }
 
 std::string SharedName(const char* name) {
-    return dblink::ObjectName(dblink::MachineIsTerminalServer(), name).text;
+    return product::ObjectName(product::MachineIsTerminalServer(), name).text;
 }
 
 std::string SystemVersion() {
@@ -102,7 +102,7 @@ const char* ServiceStateName(DWORD state) {
 }
 
 bool ProductInitialised() {
-    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(dblink::kProductInitialisedName).c_str()));
+    const KernelHandle event(OpenEventA(SYNCHRONIZE, FALSE, SharedName(product::kProductInitialisedName).c_str()));
     return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
@@ -123,10 +123,10 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
         failure.why =
             "client kind " + std::to_string(clientKind) + " needs a running product, and only its service runs";
         failure.next = HowToStart() + ", or use another --kind";
-    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + dblink::kAgentExecutable)) {
+    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + product::kAgentExecutable)) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " +
-                      dblink::kAgentExecutable + ", which is not installed";
+                      product::kAgentExecutable + ", which is not installed";
         failure.next = "use another --kind";
     } else if (lastError == RPC_S_SERVER_UNAVAILABLE) {
         failure.exitCode = Exit::TimedOut;

@@ -25,7 +25,7 @@ Bytes ServiceDatabase::Read(const char* variable) const {
 
 // A service never gives out a handle of the one before it.
 ServiceDatabase::Service ServiceDatabase::Look() const {
-    dblink::DatabaseInfo info{};
+    product::DatabaseInfo info{};
     switch (GetDatabaseInfo(m_database.Get(), &info)) {
     case Answer::Done:
         return Service::Same;

@@ -4,7 +4,7 @@
 
 #include "opened_printer.h"
 
-#include "dblink/program_client.h"
+#include "product/program_client.h"
 
 // A printer's database as the service has it open for this process.
 class ServiceDatabase {

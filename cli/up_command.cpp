@@ -15,7 +15,7 @@
 #include "registry.h"
 #include "restart_pause.h"
 
-#include "dblink/kernel_names.h"
+#include "product/object_names.h"
 #include "text.h"
 
 #include <algorithm>
@@ -215,7 +215,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
 // Says that the product is initialised for as long as it lives.
 struct InitialisedSignal {
     InitialisedSignal() {
-        m_event = KernelHandle(dblink::CreateEventForEveryone(SharedName(dblink::kProductInitialisedName).c_str()));
+        m_event = KernelHandle(product::CreateEventForEveryone(SharedName(product::kProductInitialisedName).c_str()));
         if (!m_event || !SetEvent(m_event.Get()))
             throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
     }

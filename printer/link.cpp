@@ -1,13 +1,13 @@
 // Connecting, and values in the forms of the database. State: the link's.
 #include "link.h"
 
-#include "dblink/program_client.h"
+#include "product/program_client.h"
 
 #include <algorithm>
 #include <iterator>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include "device.h"
 
-#include "dblink/client.h"
-#include "dblink/kernel_names.h"
+#include "product/client.h"
+#include "product/object_names.h"
 
 #include <map>
 #include <string>
@@ -18,7 +18,7 @@ enum Watched : DWORD { kWatchedRead, kWatchedWrite, kWatchedMailbox, kWatchedFun
 
 struct Link {
     std::string printer; // its name, in the ANSI code page
-    const bool terminalServer = dblink::MachineIsTerminalServer();
+    const bool terminalServer = product::MachineIsTerminalServer();
 
     std::string databaseName{};
     std::string driver{}; // of the printer; empty: not known
@@ -26,7 +26,7 @@ struct Link {
     HANDLE events[kWatchedCount] = {};
     HANDLE onlyOne = nullptr; // mutex, owned: one printer side serves a printer
     bool lost = true;
-    std::map<std::string, dblink::VariableInfo> known{}; // type and size of what was stored before
+    std::map<std::string, product::VariableInfo> known{}; // type and size of what was stored before
 };
 
 // Why there is no connection yet, in words; empty when there is one now.
@@ -40,7 +40,7 @@ LONG WriteBytes(Link& link, const char* variable, const void* value, DWORD size)
 std::string ReadTextOf(Link& link, const char* variable);
 // 0 also when it cannot be read.
 DWORD ReadNumberOf(Link& link, const char* variable);
-LONG InfoOf(Link& link, const char* variable, dblink::VariableInfo* info);
+LONG InfoOf(Link& link, const char* variable, product::VariableInfo* info);
 
 // A variable-length variable. kVariableExists: it was there.
 LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size);

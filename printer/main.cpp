@@ -11,8 +11,8 @@
 #include "printer_side.h"
 #include "scripted_device.h"
 
-#include "dblink/client.h"
-#include "dblink/kernel_names.h"
+#include "product/client.h"
+#include "product/object_names.h"
 
 #include <algorithm>
 #include <charconv>

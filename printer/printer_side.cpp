@@ -17,7 +17,7 @@
 #include <stdio.h>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

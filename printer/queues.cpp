@@ -5,7 +5,7 @@
 #include <iterator>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

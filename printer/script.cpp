@@ -1,7 +1,7 @@
 // A line at a time, words from left to right. No state.
 #include "script.h"
 
-#include "dblink/interface.h"
+#include "product/interface.h"
 
 #include <tvsqdz.h>
 
@@ -185,7 +185,7 @@ void AppendItem(std::string_view word, Bytes& out) {
     } else {
         AppendNumber(word, out);
     }
-    if (out.size() > dblink::kValueSizeMax - sizeof(DWORD)) Fail("the value is larger than any value can be");
+    if (out.size() > product::kValueSizeMax - sizeof(DWORD)) Fail("the value is larger than any value can be");
 }
 
 // ---- statements
@@ -280,7 +280,7 @@ DeviceQueue TakeQueue(Words& words) {
     DeviceQueue queue{.variable = TakeName(words)};
     queue.itemSize = static_cast<DWORD>(ParseSize(words.Take("the size of an item")));
     if (!words.AtEnd()) queue.length = ParseCount(words.Take(""), "length", kQueueLengthMax);
-    if (ULONGLONG{queue.itemSize} * queue.length > dblink::kValueSizeMax / 2)
+    if (ULONGLONG{queue.itemSize} * queue.length > product::kValueSizeMax / 2)
         Fail("the queue is larger than any can be");
     return queue;
 }

@@ -4,7 +4,7 @@
 #include <new>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

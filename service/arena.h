@@ -14,7 +14,7 @@ public:
     Arena& operator=(const Arena&) = delete;
 
     // Zeroed bytes, aligned to 8 or 64. Null: *status is kLimitReached or kOutOfMemory.
-    void* Take(Account& account, SIZE_T size, SIZE_T alignment, dblink::ServiceStatus* status);
+    void* Take(Account& account, SIZE_T size, SIZE_T alignment, product::ServiceStatus* status);
 
     // Frees everything and gives the charges back. Nobody may be using a piece.
     void Release();
@@ -25,7 +25,7 @@ private:
         Account* account;
         SIZE_T size;
     };
-    Chunk* NewChunk(Account& account, SIZE_T size, dblink::ServiceStatus* status) NEEDS(m_lock);
+    Chunk* NewChunk(Account& account, SIZE_T size, product::ServiceStatus* status) NEEDS(m_lock);
 
     Lock m_lock;
     Chunk* m_chunks GUARDED_BY(m_lock) = nullptr;

@@ -1,7 +1,7 @@
-// Bounds and times of the service, beside those of the interface (dblink/interface.h).
+// Bounds and times of the service, beside those of the interface (product/interface.h).
 #pragma once
 
-#include "dblink/interface.h"
+#include "product/interface.h"
 
 // What is charged to the user who caused it before it is done, and given back when it ends.
 enum Share { kShareDatabases, kShareMemory, kShareHandles, kShareWatches, kShareCount };

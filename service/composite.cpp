@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <new>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

@@ -7,13 +7,13 @@
 #include "printers.h"
 #include "signals.h"
 
-#include "dblink/printer_list.h"
+#include "product/printer_list.h"
 
 #include <new>
 #include <string.h>
 #include <vector>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

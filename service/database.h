@@ -22,7 +22,7 @@ struct Database {
     static constexpr DWORD kBuckets = 128;
 
     Database* next = nullptr; // in its bucket; set before it can be seen
-    char name[dblink::kDatabaseNameMax + 1] = {};
+    char name[product::kDatabaseNameMax + 1] = {};
     Account* account = nullptr; // charged for it; guarded by the table's lock
     std::atomic<DatabaseState> state = DatabaseState::Initialising;
     std::atomic<DWORD> openHandles = 0;
@@ -43,11 +43,11 @@ struct Database {
 
 // handle: the one that the creator will have; the database is its to make ready. kAccessDenied: only an administrator
 // makes one that the printer list does not have.
-dblink::ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** database);
+product::ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** database);
 // Null when there is none.
 Database* FindDatabase(std::string_view name);
 // kNotCreator when it is not that handle's to make ready.
-dblink::ServiceStatus EndInitialisation(Database& database, DWORD handle);
+product::ServiceStatus EndInitialisation(Database& database, DWORD handle);
 // The handle was closed, or its owner died: a database that it was to initialise is given up and those who wait are
 // woken.
 void HandleIsGone(Database& database, DWORD handle);
@@ -58,12 +58,12 @@ Variable* FindVariable(const Database& database, std::string_view name);
 // Whether the caller may add variables or change what composites are made of: whoever makes the database until it is
 // ready, then administrators.
 bool MayShape(const Database& database, const Caller& caller);
-dblink::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
-                                     dblink::DatabaseType type, const BYTE* bytes, DWORD size);
+product::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
+                                      product::DatabaseType type, const BYTE* bytes, DWORD size);
 // The first write to a name that is another variable's and "W": the variable takes the same values as the other.
 // kVariableExists: another call made it.
-dblink::ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name,
-                                        const BYTE* bytes, DWORD size);
+product::ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name,
+                                         const BYTE* bytes, DWORD size);
 
 void ForEachDatabase(const std::function<void(Database& database)>& function);
 

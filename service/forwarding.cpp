@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 struct ForwardedCall {
     ForwardedCall* next = nullptr;

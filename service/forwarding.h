@@ -1,21 +1,21 @@
 // Forwarded requests: what ForwardRequest asks of a printer reaches the printer side through the mailbox of the
 // printer's database, one request at a time, and the caller waits for its answer.
 //
-// The mailbox and its answer are the two variables that dblink/interface.h tells of. A printer side is there while a
+// The mailbox and its answer are the two variables that product/interface.h tells of. A printer side is there while a
 // client watches the mailbox; when the last one goes, all who wait are told at once, also those who do not wait in a
 // call of the service but for "RWResult". State: with each database.
 #pragma once
 
 #include "lock.h"
 
-#include "dblink/interface.h"
+#include "product/interface.h"
 
 #include <string_view>
 
 struct Database;
 
 // Whether a new mailbox or answer variable is as it must be.
-bool IsForwardingForm(dblink::DatabaseType type, const BYTE* bytes, DWORD size);
+bool IsForwardingForm(product::DatabaseType type, const BYTE* bytes, DWORD size);
 
 struct ForwardedCall; // forwarding.cpp
 

@@ -1,6 +1,6 @@
 #include "kernel_objects.h"
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

@@ -2,7 +2,7 @@
 // prefix, read once at the start.
 #pragma once
 
-#include "dblink/kernel_names.h"
+#include "product/object_names.h"
 
 // Reads what the names depend on.
 void InitialiseObjectNames();
@@ -10,4 +10,4 @@ void InitialiseObjectNames();
 // "<database>:Initialized", not set. Null when it cannot be had; those who wait then ask again and again instead.
 HANDLE CreateInitialisedEvent(std::string_view database);
 // A variable's "Updated" or "Changed" event. Null when it cannot be had.
-HANDLE CreateVariableEvent(std::string_view database, std::string_view variable, dblink::VariableSignal signal);
+HANDLE CreateVariableEvent(std::string_view database, std::string_view variable, product::VariableSignal signal);

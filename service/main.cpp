@@ -1,5 +1,5 @@
 // TVSDBN.EXE, the status database service: the Windows service "TVORSDB". It keeps all databases in memory and serves
-// them over the interface of dblink/interface.h until it is asked to stop. State: the handle of its status, the stop
+// them over the interface of product/interface.h until it is asked to stop. State: the handle of its status, the stop
 // event and how it ended, here.
 #include "associations.h"
 #include "clients.h"
@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <iterator>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

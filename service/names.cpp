@@ -19,7 +19,7 @@ DWORD HashOf(std::string_view text) {
     return hash;
 }
 
-const Name* InternName(Account& account, std::string_view text, dblink::ServiceStatus* status) {
+const Name* InternName(Account& account, std::string_view text, product::ServiceStatus* status) {
     const DWORD hash = HashOf(text);
     LockHold hold{g_namesLock};
     Name*& bucket = g_buckets[hash % kBuckets];

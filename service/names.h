@@ -18,7 +18,7 @@ struct Name {
 DWORD HashOf(std::string_view text);
 
 // The name with that text. Null: *status says why.
-const Name* InternName(Account& account, std::string_view text, dblink::ServiceStatus* status);
+const Name* InternName(Account& account, std::string_view text, product::ServiceStatus* status);
 
 // At the end of the service.
 void ReleaseNames();

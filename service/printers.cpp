@@ -4,14 +4,14 @@
 #include "kept_lists.h"
 #include "signals.h"
 
-#include "dblink/printer_list.h"
+#include "product/printer_list.h"
 
 #include <algorithm>
 #include <new>
 #include <stdio.h>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

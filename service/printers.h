@@ -16,13 +16,13 @@ bool IsListed(std::string_view database, std::string_view printer = {});
 
 // The value of a size that the variable takes. kAccessDenied: a change that is for administrators. A printer that gets
 // another name keeps its access control list.
-dblink::ServiceStatus WritePrinterList(Database& database, Variable& variable, const Caller& caller, const BYTE* bytes,
-                                       DWORD size);
+product::ServiceStatus WritePrinterList(Database& database, Variable& variable, const Caller& caller, const BYTE* bytes,
+                                        DWORD size);
 
 // An administrator's, of a size that the variable takes; it is kept before it counts. A code of the system when that
 // fails: the list is as before.
-dblink::ServiceStatus WriteAccessList(Database& database, Variable& variable, Account& account, const BYTE* bytes,
-                                      DWORD size, bool* changed);
+product::ServiceStatus WriteAccessList(Database& database, Variable& variable, Account& account, const BYTE* bytes,
+                                       DWORD size, bool* changed);
 // What the variable of a new database begins with: the kept list of the printer; without one what an administrator who
 // makes the database says, else none. False: no memory.
 bool FirstAccessList(const Database& database, const Caller& caller, const BYTE* bytes, DWORD size,

@@ -7,14 +7,14 @@
 #include "watches.h"
 #include "writing.h"
 
-#include "dblink/ndr.h"
+#include "product/ndr.h"
 
 #include <exception>
 #include <iterator>
 #include <random>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The procedures of the interface: from the request's bytes to the reply's.
 #pragma once
 
-#include "dblink/interface.h"
+#include "product/interface.h"
 
 // The interface as RpcServerRegisterIf2 takes it.
 extern RPC_SERVER_INTERFACE g_serverInterface;

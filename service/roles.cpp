@@ -1,9 +1,9 @@
 #include "roles.h"
 
-#include "dblink/interface.h"
-#include "dblink/printer_list.h"
+#include "product/interface.h"
+#include "product/printer_list.h"
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

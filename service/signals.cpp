@@ -9,7 +9,7 @@
 #include <new>
 #include <vector>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

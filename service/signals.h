@@ -19,7 +19,7 @@ struct Watch; // watches.h
 // One event and the pulses that it owes. All but the first two and the last are guarded by the owner's lock.
 struct Signal {
     VariableSignals* owner;
-    dblink::WatchMode mode;
+    product::WatchMode mode;
     HANDLE event = nullptr; // while it has watches
     DWORD watches = 0;
     DWORD lastPulse = 0;  // tick count, once pulsed
@@ -46,21 +46,21 @@ struct VariableSignals {
     Watch* watches = nullptr; // guarded by the lock of watches.cpp
 
     Lock lock;
-    Signal everyWrite GUARDED_BY(lock){this, dblink::kEveryWrite};
-    Signal onlyChanges GUARDED_BY(lock){this, dblink::kOnlyChanges};
+    Signal everyWrite GUARDED_BY(lock){this, product::kEveryWrite};
+    Signal onlyChanges GUARDED_BY(lock){this, product::kOnlyChanges};
 };
 
 // The signals of a variable, made when it has none. Null: *status says why. One caller at a time.
-VariableSignals* SignalsOf(Database& database, Variable& variable, Account& account, dblink::ServiceStatus* status);
+VariableSignals* SignalsOf(Database& database, Variable& variable, Account& account, product::ServiceStatus* status);
 // One watch more or less; the event exists while there are any. kEventUnavailable.
-dblink::ServiceStatus AddWatchTo(VariableSignals& signals, dblink::WatchMode mode);
-void RemoveWatchFrom(VariableSignals& signals, dblink::WatchMode mode);
+product::ServiceStatus AddWatchTo(VariableSignals& signals, product::WatchMode mode);
+void RemoveWatchFrom(VariableSignals& signals, product::WatchMode mode);
 
 // Somebody is going to ask when the variable was written: before its write time is read. False: nobody watches it.
 bool NoteLook(VariableSignals& signals);
 // Whether one who watches in this mode, and asks for the write time when told, has not done so since the last write.
 // Defined with the watches.
-bool WasMissed(VariableSignals& signals, dblink::WatchMode mode);
+bool WasMissed(VariableSignals& signals, product::WatchMode mode);
 
 // Variables were written at one moment, and their values can be read: each watched one and each watched composite of
 // any of them is told once.

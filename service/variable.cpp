@@ -7,7 +7,7 @@
 #include <memory>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 using Word = ValueBlock::Word;
 
 Lock g_writerLocks[kWriterLocks];

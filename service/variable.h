@@ -38,7 +38,7 @@ struct alignas(64) Variable {
     std::atomic<DWORD> sequence;
     DWORD hash; // of its name
     DWORD room; // bytes that it takes in a composite; of all but the variable-length ones, those of the largest value
-    BYTE type;  // dblink::DatabaseType
+    BYTE type;  // product::DatabaseType
     bool companion; // made by a write to a name of another variable and "W"
     VariableRole role;
 };
@@ -53,14 +53,14 @@ struct ValueState {
 
 // The block of a new variable's value. capacity: of the largest value that it will take before it is replaced.
 ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const BYTE* bytes, DWORD size,
-                          dblink::ServiceStatus* status);
+                          product::ServiceStatus* status);
 
 // kDone when a value of that size may be stored.
-dblink::ServiceStatus CheckValueSize(const Variable& variable, DWORD size);
+product::ServiceStatus CheckValueSize(const Variable& variable, DWORD size);
 
 // What a variable of that type takes in a composite when it is created with that value: its size, or the payload of a
 // variable-length one. The empty variable-length value, {4, 0}, has none.
-DWORD RoomFor(dblink::DatabaseType type, const BYTE* bytes, DWORD size);
+DWORD RoomFor(product::DatabaseType type, const BYTE* bytes, DWORD size);
 
 // Copies the value out when capacity is enough for it; else out may hold anything. Not for composites.
 ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity);
@@ -69,8 +69,8 @@ ULONGLONG ReadWriteTime(const Variable& variable); // alone
 
 // Stores a value that CheckValueSize took, with the time of day as its write time, or the last one when that is later.
 // *changed: the bytes are others than before.
-dblink::ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
-                                 bool* changed);
+product::ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
+                                  bool* changed);
 
 // Moves the write time on without a value: of a variable just made, of a composite whose list was set.
 void TouchWriteTime(Variable& variable);

@@ -2,7 +2,7 @@
 
 #include <new>
 
-using namespace dblink;
+using namespace product;
 
 // Of one group and variable.
 struct Watch {

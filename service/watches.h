@@ -5,9 +5,9 @@
 #include "clients.h"
 #include "signals.h"
 
-dblink::ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, dblink::WatchMode mode);
+product::ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, product::WatchMode mode);
 // One watch of the mode that the group used last, while it has one, else of the other.
-dblink::ServiceStatus EndWatch(Group& group, const Variable& variable);
+product::ServiceStatus EndWatch(Group& group, const Variable& variable);
 // The group is going to ask when the variable was written.
 void NoteQuestion(const Group& group, const Variable& variable);
 // Handles of the database that belong to those who watch its mailbox.

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <string.h>
 
-using namespace dblink;
+using namespace product;
 
 namespace {
 

@@ -1,15 +1,15 @@
 // A small client of the service that puts its bodies together by itself.
 #pragma once
 
-#include "dblink/interface.h"
-#include "dblink/kernel_names.h"
+#include "product/interface.h"
+#include "product/object_names.h"
 #include "status_service.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-using namespace dblink; // NOLINT(google-build-using-namespace): all of these tests speak its language
+using namespace product; // NOLINT(google-build-using-namespace): all of these tests speak its language
 
 DWORD U32At(const Bytes& bytes, size_t at);
 

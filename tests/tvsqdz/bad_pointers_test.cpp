@@ -1,7 +1,7 @@
 // Every pointer argument of every export, with every kind of bad address: the code, no crash, and nothing lost.
-#include "dblink/client.h"
 #include "machine.h"
 #include "memory_kit.h"
+#include "product/client.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -138,7 +138,7 @@ TEST(BadPointers, OutputsAreWrittenOrNothingIsLost) {
     const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     const Bytes items = Joined({Number(12), Number(2), {'o', 'l', 'd', '1'}, {'n', 'e', 'w', '2'}});
     const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0)});
-    ASSERT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 16, items.data()), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Queue", product::kTypeVariableLength, 16, items.data()), Answer::Done);
     const auto restore = [&] {
         EXPECT_EQ(WriteVariable(database, "Queue", items.data(), 16), Answer::Done);
         EXPECT_EQ(WriteVariable(database, "ReqResult", results.data(), 16), Answer::Done);

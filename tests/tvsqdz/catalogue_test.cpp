@@ -1,8 +1,8 @@
 // The built-in table, its order, and the look-up.
-#include "catalogue/name_order.h"
-#include "catalogue/variable_lookup.h"
-#include "catalogue/variable_table.h"
 #include "machine.h"
+#include "manager/variable_lookup.h"
+#include "manager/variable_table.h"
+#include "product/name_order.h"
 
 TEST(Catalogue, EveryRowIsFoundAndNothingElse) {
     std::vector<const StatusVariableDef*> rows;
@@ -44,7 +44,7 @@ TEST(Catalogue, OnlyPlainTypesAreDatabaseTypes) {
                         {0x310010, 5}, {0x40, -1}, {0x80, -1},       {0x05, -1},      {0x00, -1},
                         {0x90, -1},    {0x03, -1}, {0x10000004, -1}, {0x20000010, -1}};
     for (const Row& row : rows) {
-        dblink::DatabaseType type = dblink::kTypeCount;
+        product::DatabaseType type = product::kTypeCount;
         EXPECT_EQ(DatabaseTypeOf(row.flags, &type), row.type >= 0) << std::hex << row.flags;
         if (row.type >= 0) {
             EXPECT_EQ(static_cast<int>(type), row.type) << std::hex << row.flags;

@@ -1,7 +1,7 @@
 // The repair of a default printer that does not exist any more.
-#include "frame/default_printer.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "manager/default_printer.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Direct reads and writes: what each answers, in which order, and what an exchange survives.
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "memory_kit.h"
 #include "printer_side.h"
+#include "product/object_names.h"
 
 #include <cstring>
 
@@ -202,8 +202,8 @@ TEST(Direct, AForwardedRequestWaitsAMomentForTheSpoolerAndLeavesItsResult) {
 
 TEST(Direct, AnEventThatTellsNothingEndsNoRequest) {
     const DirectProduct product;
-    const dblink::KernelName name =
-        dblink::VariableEventName(true, product.record->databaseName, "RWResult", dblink::VariableSignal::Updated);
+    const product::KernelName name =
+        product::VariableEventName(true, product.record->databaseName, "RWResult", product::VariableSignal::Updated);
     const HANDLE event = CreateEventA(nullptr, TRUE, TRUE, name.text); // left set by somebody
     std::atomic<int32_t> result = 5;
     const PrinterSide printer(product.record, [&](const std::string&, const std::string&) {

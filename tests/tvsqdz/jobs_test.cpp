@@ -1,8 +1,8 @@
 // The queue of jobs: what reports of sent and printed jobs do to it, whose jobs are in it, and who is told.
 #include "campaign.h"
-#include "catalogue/variable_handlers.h"
-#include "dblink/client.h"
+#include "manager/variable_handlers.h"
 #include "notification_kit.h"
+#include "product/client.h"
 
 #include <tvsqdz_records.h>
 

@@ -1,9 +1,9 @@
 #include "machine.h"
 
-#include "dblink/client.h"
-#include "frame/printer_registration.h"
+#include "manager/printer_registration.h"
 #include "not_here.h"
 #include "private_machine.h"
+#include "product/client.h"
 
 #include <winspool.h>
 

@@ -2,8 +2,8 @@
 // printers.
 #pragma once
 
-#include "frame/attach.h"
-#include "frame/manager_record.h"
+#include "exports/attach.h"
+#include "manager/manager_record.h"
 #include "not_here.h"
 #include "private_machine.h"
 #include "status_service.h"

@@ -1,10 +1,10 @@
 // How registrations end: cancelled, from inside and outside, with their manager, and when a callback does not return.
+#include "base/timings.h"
 #include "campaign.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
 #include "holdings.h"
 #include "notification_kit.h"
 #include "private_machine.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -36,9 +36,9 @@ void WarmUp(TvsManager manager) {
 
 // The service has no watch of it any more, and nobody else the event.
 bool IsUnwatched(const std::string& database, const char* variable) {
-    for (const auto signal : {dblink::VariableSignal::Updated, dblink::VariableSignal::Changed}) {
+    for (const auto signal : {product::VariableSignal::Updated, product::VariableSignal::Changed}) {
         const HANDLE event =
-            OpenEventA(SYNCHRONIZE, FALSE, dblink::VariableEventName(true, database, variable, signal).text);
+            OpenEventA(SYNCHRONIZE, FALSE, product::VariableEventName(true, database, variable, signal).text);
         if (event == nullptr) continue;
         CloseHandle(event);
         return false;

@@ -1,11 +1,11 @@
 // Registrations: what is watched by whom, what is delivered, what is refused.
+#include "base/timings.h"
 #include "campaign.h"
-#include "catalogue/variable_handlers.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "manager/variable_handlers.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
 #include "printer_side.h"
+#include "product/object_names.h"
 
 #include <optional>
 
@@ -100,7 +100,7 @@ TEST(Notification, AValueThatIsTooLargeForItsVariableIsNotPassedOn) {
     // The row says 12 bytes; a composite takes any number.
     StatusVariableDef row = *RecordOf(manager)->variableIndex[0];
     row = {.flags = SVT_RECORD, .size = 12, .callbackThreadProc = VariableCallbackWatch, .name = "Wide"};
-    ASSERT_EQ(CreateVariable(database, "Wide", dblink::kTypeVariableLength, 8, "\4\0\0\0\0\0\0\0"), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Wide", product::kTypeVariableLength, 8, "\4\0\0\0\0\0\0\0"), Answer::Done);
     TvsRegistration handle = 0;
     const DeliveryTarget target = {reinterpret_cast<UINT_PTR>(CallbackOf(0))};
     ASSERT_EQ(AddRegistration(RecordOf(manager), row, DeliveryForm::Callback, target, 0, &handle), TVS_OK);
@@ -118,7 +118,7 @@ TEST(Notification, ACallbackOnAQueueGetsAllOfIt) {
     const Product product;
     const TvsManager manager = OpenPrinter();
     const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
-    ASSERT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 8, "\4\0\0\0\0\0\0\0"), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Queue", product::kTypeVariableLength, 8, "\4\0\0\0\0\0\0\0"), Answer::Done);
     const Registrant registrant(Form::Callback, manager, "Queue");
     const Bytes queue = Joined({Number(12), Number(2), Number(7), Number(8)});
     StoreBytes(database, "Queue", queue);
@@ -321,8 +321,8 @@ TEST(Notification, AnEventThatSomebodyLeftSetIsResetAfterAWhile) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.variable);
         Registrant registrant(Form::Callback, manager, row.variable);
-        const dblink::KernelName name = dblink::VariableEventName(true, RecordOf(manager)->databaseName, row.variable,
-                                                                  dblink::VariableSignal::Changed);
+        const product::KernelName name = product::VariableEventName(true, RecordOf(manager)->databaseName, row.variable,
+                                                                    product::VariableSignal::Changed);
         const HANDLE event = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, name.text);
         ASSERT_NE(event, nullptr);
         const int before = g_calls[0].count;

@@ -1,9 +1,9 @@
 // Opens of many processes at once, and of those that die in the middle.
-#include "dblink/client.h"
-#include "dblink/database_opening.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/database_opening.h"
+#include "product/client.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -136,7 +136,7 @@ TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_TIMEOUT});
     // An event of that name which is set and means nothing does not make it spin or believe.
-    const HANDLE stale = CreateEventA(nullptr, TRUE, TRUE, dblink::InitializedEventName("TVORSQD_DB").text);
+    const HANDLE stale = CreateEventA(nullptr, TRUE, TRUE, product::InitializedEventName("TVORSQD_DB").text);
     SetEvent(stale);
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     creator.Kill();

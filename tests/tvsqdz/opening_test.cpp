@@ -1,10 +1,10 @@
 // Opening and closing managers: every code in its order, the client kinds, the printer list.
-#include "dblink/client.h"
-#include "frame/printer_list.h"
-#include "frame/printer_registration.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "manager/printer_list.h"
+#include "manager/printer_registration.h"
 #include "private_machine.h"
+#include "product/client.h"
 #include "wide_literal.h"
 
 #include <cstring>

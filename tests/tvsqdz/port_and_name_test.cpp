@@ -1,9 +1,9 @@
 // The printer's port and its name: what a change of them changes beside them.
-#include "access/database_creation.h"
 #include "acting_user.h"
-#include "dblink/client.h"
-#include "frame/printer_list.h"
 #include "machine.h"
+#include "manager/printer_list.h"
+#include "product/client.h"
+#include "values/database_creation.h"
 
 #include <tvsqdz_records.h>
 
@@ -26,7 +26,7 @@ Bytes Port(uint32_t kind, const std::string& name, const std::string& detail = "
 std::string ListedNames(TvsManager manager) {
     Bytes list(64 * sizeof(PrinterListEntry));
     DWORD size = 0;
-    EXPECT_EQ(ReadVariable(RecordOf(manager)->masterDatabase, dblink::kPrinterListVariable, list.data(),
+    EXPECT_EQ(ReadVariable(RecordOf(manager)->masterDatabase, product::kPrinterListVariable, list.data(),
                            static_cast<DWORD>(list.size()), &size),
               Answer::Done);
     std::string names;
@@ -141,7 +141,7 @@ TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
     };
     const DWORD master = RecordOf(manager)->masterDatabase.handle;
     DWORD writes = 0;
-    ASSERT_EQ(GetWriteCount(master, dblink::kPrinterListVariable, &writes), Answer::Done);
+    ASSERT_EQ(GetWriteCount(master, product::kPrinterListVariable, &writes), Answer::Done);
     for (const auto& row : refused) {
         SCOPED_TRACE(row.what);
         EXPECT_EQ(Update(manager, "PrinterName", row.name), row.status);
@@ -149,7 +149,7 @@ TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
         EXPECT_EQ(StoredName(manager), kPrinter);
     }
     DWORD writesNow = 0;
-    ASSERT_EQ(GetWriteCount(master, dblink::kPrinterListVariable, &writesNow), Answer::Done);
+    ASSERT_EQ(GetWriteCount(master, product::kPrinterListVariable, &writesNow), Answer::Done);
     EXPECT_EQ(writesNow, writes);
 
     EXPECT_EQ(Update(manager, "PrinterName", BytesOf(kNewName)), TVS_OK);

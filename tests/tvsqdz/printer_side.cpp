@@ -1,6 +1,6 @@
 #include "printer_side.h"
 
-#include "dblink/kernel_names.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -41,10 +41,10 @@ void ServePrinter(DatabaseHandle database, const std::string& databaseName, cons
     HANDLE events[3] = {stop};
     DWORD seen[2];
     for (int i = 0; i < 2; ++i) {
-        const dblink::KernelName name =
-            dblink::VariableEventName(true, databaseName, kMailboxes[i], dblink::VariableSignal::Updated);
+        const product::KernelName name =
+            product::VariableEventName(true, databaseName, kMailboxes[i], product::VariableSignal::Updated);
         events[i + 1] = CreateEventA(nullptr, TRUE, FALSE, name.text);
-        EXPECT_EQ(WatchVariable(database, kMailboxes[i], dblink::kEveryWrite), Answer::Done);
+        EXPECT_EQ(WatchVariable(database, kMailboxes[i], product::kEveryWrite), Answer::Done);
         seen[i] = WritesOf(database, kMailboxes[i]);
         if (TimeOf(database, kMailboxes[i]) > TimeOf(database, "RWResult")) --seen[i];
     }

@@ -1,8 +1,8 @@
 // A printer side as small as one can be: it watches the mailbox of a printer's database and answers what comes.
 #pragma once
 
-#include "dblink/client.h"
 #include "machine.h"
+#include "product/client.h"
 
 #include <atomic>
 #include <functional>

@@ -1,7 +1,7 @@
 // Reading values and write times.
-#include "access/reading.h"
-#include "dblink/client.h"
 #include "machine.h"
+#include "product/client.h"
+#include "values/reading.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -145,11 +145,11 @@ TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
 TEST(Reading, AQueueGivesItsOldestItemOnce) {
     const ReadingProduct product;
     // The service has no such variable: its answer is passed on, and nothing is taken for a value.
-    const Answer unknown = static_cast<Answer>(dblink::kUnknownVariable);
+    const Answer unknown = static_cast<Answer>(product::kUnknownVariable);
     ExpectReads(product.manager, {{"Q", 8, PassOn(unknown), 0, {}}, {"Q", 0, PassOn(unknown), 0, {}}});
 
     const Bytes empty = Joined({Number(4), Number(0)});
-    ASSERT_EQ(CreateVariable(product.database, "Q", dblink::kTypeVariableLength, 8, empty.data()), Answer::Done);
+    ASSERT_EQ(CreateVariable(product.database, "Q", product::kTypeVariableLength, 8, empty.data()), Answer::Done);
     const auto store = [&](const Bytes& value) {
         EXPECT_EQ(WriteVariable(product.database, "Q", value.data(), static_cast<DWORD>(value.size())), Answer::Done);
     };

@@ -1,9 +1,9 @@
 // What the registry and the spooler know of a printer: driver, model, and the variables that the model defines.
-#include "catalogue/variable_lookup.h"
-#include "frame/heap.h"
-#include "frame/printer_registration.h"
-#include "frame/variable_index.h"
+#include "base/heap.h"
 #include "machine.h"
+#include "manager/printer_registration.h"
+#include "manager/variable_index.h"
+#include "manager/variable_lookup.h"
 
 #include <cstring>
 

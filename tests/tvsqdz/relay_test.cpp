@@ -1,13 +1,13 @@
 // What processes that deliver no messages leave to the printer's owner, and the owner's service thread.
+#include "base/timings.h"
 #include "campaign.h"
-#include "frame/client_kinds.h"
-#include "frame/guards.h"
-#include "frame/timings.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
 #include "notify/relayed_registrations.h"
-#include "notify/status_request.h"
 #include "printer_side.h"
+#include "product/client_kinds.h"
+#include "product/guards.h"
+#include "requests/status_request.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 // Requests of many processes at once, and of processes that die in the middle.
+#include "base/timings.h"
 #include "campaign.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
 #include "printer_side.h"
+#include "product/object_names.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,12 +1,12 @@
 // Asynchronous requests: their codes in their order, their results, and what they survive.
-#include "access/request_results.h"
-#include "catalogue/variable_lookup.h"
-#include "dblink/kernel_names.h"
-#include "frame/client_kinds.h"
-#include "frame/timings.h"
+#include "base/timings.h"
+#include "manager/variable_lookup.h"
 #include "memory_kit.h"
 #include "notification_kit.h"
 #include "printer_side.h"
+#include "product/client_kinds.h"
+#include "product/object_names.h"
+#include "requests/results.h"
 
 #include <algorithm>
 #include <cstring>

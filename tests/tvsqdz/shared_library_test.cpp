@@ -1,7 +1,7 @@
 // The library as it is shipped, in a process that loads it.
-#include "dblink/kernel_names.h"
 #include "loaded_library.h"
 #include "machine.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -92,9 +92,9 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
     ASSERT_EQ(WaitForSingleObject(mutex, 10000), DWORD{WAIT_OBJECT_0});
     service.process.Stop();
     // A watcher that is woken asks the service, and has no answer when the end begins.
-    const HANDLE changed =
-        OpenEventA(EVENT_MODIFY_STATE, FALSE,
-                   dblink::VariableEventName(true, "TVORSQD_DB1", "ModelNumber", dblink::VariableSignal::Changed).text);
+    const HANDLE changed = OpenEventA(
+        EVENT_MODIFY_STATE, FALSE,
+        product::VariableEventName(true, "TVORSQD_DB1", "ModelNumber", product::VariableSignal::Changed).text);
     ASSERT_NE(changed, nullptr);
     SetEvent(changed);
     PauseMs(50);

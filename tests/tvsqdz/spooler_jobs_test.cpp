@@ -1,6 +1,6 @@
 // Commands to jobs of the print spooler, here the embedded one.
-#include "dblink/client.h"
 #include "machine.h"
+#include "product/client.h"
 
 #include <tvsqdz_records.h>
 #include <winspool.h>

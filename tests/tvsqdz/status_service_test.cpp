@@ -1,10 +1,10 @@
 // Finding and restarting the status database service, and the client's way with answers of every kind.
-#include "dblink/client.h"
-#include "dblink/ndr.h"
-#include "frame/status_service.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/status_service.h"
 #include "private_machine.h"
+#include "product/client.h"
+#include "product/ndr.h"
 
 #include <filesystem>
 #include <fstream>
@@ -98,13 +98,13 @@ void AnswerAsTold(PRPC_MESSAGE message) {
 }
 
 CHILD_PROCESS(AnswersAsTold) {
-    RPC_DISPATCH_FUNCTION functions[dblink::kProcedureCount];
+    RPC_DISPATCH_FUNCTION functions[product::kProcedureCount];
     std::fill(std::begin(functions), std::end(functions), AnswerAsTold);
-    RPC_DISPATCH_TABLE table = {dblink::kProcedureCount, functions, 0};
+    RPC_DISPATCH_TABLE table = {product::kProcedureCount, functions, 0};
     RPC_SERVER_INTERFACE offered = {};
     offered.Length = sizeof offered;
-    offered.InterfaceId = dblink::kInterfaceSyntax;
-    offered.TransferSyntax = dblink::kNdrSyntax;
+    offered.InterfaceId = product::kInterfaceSyntax;
+    offered.TransferSyntax = product::kNdrSyntax;
     offered.DispatchTable = &table;
     char protocol[] = "ncalrpc";
     char endpoint[] = "TVORSDB_RPC";
@@ -242,7 +242,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
     ASSERT_EQ(server.Hear(), "listens");
     const Library library;
     DatabaseHandle handle = 0;
-    dblink::DatabaseInfo info;
+    product::DatabaseInfo info;
     SYSTEMTIME time = {};
     DWORD size = 0;
     Bytes buffer(8);
@@ -258,7 +258,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
         {"CloseDatabase", Number(0), [&] { return CloseDatabase(5); }},
         {"GetDatabaseInfo", Joined({Bytes(24, 1), Number(0)}), [&] { return GetDatabaseInfo(5, &info); }},
         {"EndDatabaseInitialization", Number(0), [&] { return EndDatabaseInitialization(5); }},
-        {"CreateVariable", Number(0), [&] { return CreateVariable(5, "V", dblink::kTypeNumber, 4, "abc"); }},
+        {"CreateVariable", Number(0), [&] { return CreateVariable(5, "V", product::kTypeNumber, 4, "abc"); }},
         {"WriteVariable", Number(0), [&] { return WriteVariable(5, "V", "abc", 4); }},
         {"SetCompositeMembers", Number(0), [&] { return SetCompositeMembers(5, "V", "A;B;"); }},
         {"GetWriteTime", Joined({Bytes(28, 1), Number(0)}), [&] { return GetWriteTime(5, "V", &time); }},
@@ -283,7 +283,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
         ASSERT_EQ(Tell(server, Hex(Joined({Number(count), Bytes(12, 0x44), Number(8), Number(0)}))), "set");
         EXPECT_EQ(ReadVariable(5, "V", buffer.data(), 8, &size), Answer::BadStubData) << count;
     }
-    const Answer tooSmall = static_cast<Answer>(dblink::kBufferTooSmall);
+    const Answer tooSmall = static_cast<Answer>(product::kBufferTooSmall);
     ASSERT_EQ(
         Tell(server, Hex(Joined({Number(8), Bytes(8, 0x55), Number(100), Number(static_cast<uint32_t>(tooSmall))}))),
         "set");
@@ -296,7 +296,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
     EXPECT_EQ(Tell(server, "calls"), "0");
     // A composite is created without a value, whatever size it has.
     ASSERT_EQ(Tell(server, Hex(Number(0))), "set");
-    EXPECT_EQ(CreateVariable(5, "V", dblink::kTypeComposite, 0xFFFFFFFF, nullptr), Answer::Done);
+    EXPECT_EQ(CreateVariable(5, "V", product::kTypeComposite, 0xFFFFFFFF, nullptr), Answer::Done);
 
     // Nonsense costs an open its manager and no more.
     g_timings.initialisedBound = 50;

@@ -1,5 +1,5 @@
 // Every status that an export can give has words.
-#include "dblink/client.h"
+#include "product/client.h"
 
 #include <gtest/gtest.h>
 #include <tvsqdz_status.h>
@@ -14,7 +14,7 @@ TEST(StatusText, HasWordsForEveryCodeOfLibraryServiceAndRunTime) {
          {TVS_E_HANDLE, TVS_E_UNAVAILABLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE, TVS_E_REQUEST_LOCK,
           TVS_E_NOT_READY, TVS_E_NO_OWNER, TVS_E_NOT_NOW, TVS_E_UNREGISTERED, TVS_E_SERVICE_TIMEOUT, TVS_E_AUTHORITY})
         EXPECT_STRNE(TvsStatusText(status), TvsStatusText(kUnknownOfService)) << status;
-    for (int32_t answer = dblink::kDatabaseExists; answer >= dblink::kNotWritable; --answer)
+    for (int32_t answer = product::kDatabaseExists; answer >= product::kNotWritable; --answer)
         EXPECT_STRNE(TvsStatusText(answer), TvsStatusText(kUnknownOfService)) << answer;
     for (const int32_t code : std::initializer_list<int32_t>{
              ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, RPC_S_OUT_OF_MEMORY, ERROR_INVALID_PARAMETER, ERROR_TIMEOUT,

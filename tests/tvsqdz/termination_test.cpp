@@ -1,5 +1,5 @@
 // "TerminateManager": who is told, who is asked to close, and what becomes of the value.
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "notification_kit.h"
 
 namespace {

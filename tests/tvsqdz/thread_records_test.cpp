@@ -1,8 +1,8 @@
 // How the threads of a manager are stopped.
-#include "frame/heap.h"
-#include "frame/timings.h"
+#include "base/heap.h"
+#include "base/timings.h"
 #include "machine.h"
-#include "notify/thread_records.h"
+#include "manager/thread_records.h"
 
 namespace {
 

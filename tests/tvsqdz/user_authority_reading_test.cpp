@@ -2,7 +2,7 @@
 #include "acting_as.h"
 #include "notification_kit.h"
 
-#include "dblink/client.h"
+#include "product/client.h"
 
 #include <cstring>
 

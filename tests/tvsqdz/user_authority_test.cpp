@@ -3,7 +3,7 @@
 #include "campaign.h"
 #include "memory_kit.h"
 
-#include "local/user_authority.h"
+#include "values/user_authority.h"
 
 #include <cstring>
 #include <random>

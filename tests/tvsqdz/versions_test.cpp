@@ -1,7 +1,7 @@
 // What the library makes of each Windows: the platform bit, Terminal Services, and with it the names of kernel objects.
-#include "frame/object_names.h"
-#include "frame/object_security.h"
 #include "machine.h"
+#include "machine/object_names.h"
+#include "machine/object_security.h"
 
 // Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
 TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
@@ -49,7 +49,7 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         const std::string prefix = row.terminalServer ? "Global\\" : "";
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
         EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
-        EXPECT_STREQ(dblink::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+        EXPECT_STREQ(product::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
         const TvsManager manager = OpenPrinter();
         EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
         EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);

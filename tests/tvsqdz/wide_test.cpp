@@ -1,8 +1,8 @@
 // The converters, and the reads and writes that use them, in code pages of one, two and more bytes a character.
+#include "base/converters.h"
 #include "campaign.h"
-#include "catalogue/converters.h"
-#include "catalogue/variable_table.h"
 #include "machine.h"
+#include "manager/variable_table.h"
 #include "memory_kit.h"
 #include "notification_kit.h"
 #include "notify/registration_record.h"

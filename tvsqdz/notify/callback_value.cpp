@@ -1,6 +1,6 @@
 #include "notify/callback_value.h"
 
-#include "frame/heap.h"
+#include "base/heap.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // A copy of an array of the caller's, in memory of the library's own.
 #pragma once
 
-#include "frame/caller_memory.h"
-#include "frame/heap.h"
-#include "frame/status.h"
+#include "base/caller_memory.h"
+#include "base/heap.h"
+#include "product/status.h"
 
 #include <string.h>
 

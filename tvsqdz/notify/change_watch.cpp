@@ -3,8 +3,8 @@
 // A pulse reaches only who waits, and a watcher that delivers does not. So after each delivery it stays awake: it waits
 // for a short time only, and when nothing came it compares the last writes of all its variables with those it has told.
 // Once a comparison finds nothing new it waits without a limit. State: on the watcher's stack.
-#include "catalogue/variable_handlers.h"
-#include "frame/timings.h"
+#include "base/timings.h"
+#include "manager/variable_handlers.h"
 #include "notify/callback_value.h"
 #include "notify/delivery.h"
 
@@ -46,8 +46,8 @@ private:
     uint32_t m_repeats = 0;
 };
 
-dblink::WatchMode ModeOf(const NotificationEntry& entry) {
-    return (entry.mode & NOTIFY_ON_UPDATE) != 0 ? dblink::kEveryWrite : dblink::kOnlyChanges;
+product::WatchMode ModeOf(const NotificationEntry& entry) {
+    return (entry.mode & NOTIFY_ON_UPDATE) != 0 ? product::kEveryWrite : product::kOnlyChanges;
 }
 
 ChangeWatcher::ChangeWatcher(const NotificationRegistration& registration, DWORD awakeMs, CallbackValue* value)

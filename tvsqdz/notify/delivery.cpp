@@ -1,18 +1,18 @@
 #include "notify/delivery.h"
 
-#include "frame/object_names.h"
-#include "frame/process_state.h"
+#include "machine/object_names.h"
+#include "machine/process_state.h"
 
-void Watch::Begin(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode) {
+void Watch::Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode) {
     m_registration = &registration;
     m_variable = variableName;
     m_mode = mode;
-    const dblink::VariableSignal signal =
-        mode == dblink::kEveryWrite ? dblink::VariableSignal::Updated : dblink::VariableSignal::Changed;
+    const product::VariableSignal signal =
+        mode == product::kEveryWrite ? product::VariableSignal::Updated : product::VariableSignal::Changed;
     // Before the name and the watch: if the service changes in between, the watch is one that is lost.
     m_database = PrinterDatabaseOf(registration).handle;
     const DatabaseNameText database = CurrentDatabaseName(registration.thread.manager);
-    m_event = CreateNamedEvent(dblink::VariableEventName(g_terminalServer, database.text, variableName, signal));
+    m_event = CreateNamedEvent(product::VariableEventName(g_terminalServer, database.text, variableName, signal));
     WatchVariable(m_database, variableName, mode);
 }
 
@@ -34,7 +34,7 @@ void LookForNewService(const NotificationRegistration& registration) {
     DWORD before = manager->serviceLookedFor;
     if (now - before < g_timings.serviceLook / 2 || !manager->serviceLookedFor.compare_exchange_strong(before, now))
         return;
-    dblink::DatabaseInfo info;
+    product::DatabaseInfo info;
     GetDatabaseInfo(manager->printerDatabase, &info);
 }
 
@@ -62,7 +62,7 @@ void CallBack(const NotificationRegistration& registration, const NotificationEn
 }
 
 bool ReadLastWrite(const NotificationRegistration& registration, const NotificationEntry& entry, LastWrite* write) {
-    dblink::VariableInfo info;
+    product::VariableInfo info;
     if (GetVariableInfo(PrinterDatabaseOf(registration), entry.variableName, &info) != Answer::Done) return false;
     *write = {info.writeTime, info.writes};
     return true;

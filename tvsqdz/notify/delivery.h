@@ -1,7 +1,7 @@
 // What watcher threads have in common: the watched event of a variable, its last write, and telling the registrant.
 #pragma once
 
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "notify/registration_record.h"
 
 #include <windows.h>
@@ -12,7 +12,7 @@
 class Watch {
 public:
     Watch() = default;
-    Watch(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode) {
+    Watch(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode) {
         Begin(registration, variableName, mode);
     }
     ~Watch() { End(); }
@@ -20,7 +20,7 @@ public:
     Watch& operator=(const Watch&) = delete;
 
     // variableName stays the caller's.
-    void Begin(const NotificationRegistration& registration, const char* variableName, dblink::WatchMode mode);
+    void Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode);
     // Null when there is no event; a wait for it then fails, and the watcher ends. Another one after a renewal.
     HANDLE Event() const { return m_event; }
     bool IsLost() const { return PrinterDatabaseOf(*m_registration).handle != m_database; }
@@ -31,7 +31,7 @@ private:
 
     const NotificationRegistration* m_registration = nullptr;
     const char* m_variable = nullptr;
-    dblink::WatchMode m_mode = dblink::kOnlyChanges;
+    product::WatchMode m_mode = product::kOnlyChanges;
     DatabaseHandle m_database = 0; // that it was made with
     HANDLE m_event = nullptr;
 };

@@ -1,6 +1,6 @@
 #include "notify/name_list.h"
 
-#include "frame/caller_memory.h"
+#include "base/caller_memory.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // A caller's list of variable names: one text, the names separated by ";". Empty names are skipped.
 #pragma once
 
-#include "frame/heap.h"
-#include "frame/status.h"
+#include "base/heap.h"
+#include "product/status.h"
 
 #include <windows.h>
 

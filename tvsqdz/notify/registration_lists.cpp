@@ -1,8 +1,8 @@
 // Nothing is kept beside the records.
 #include "notify/registration_lists.h"
 
-#include "catalogue/variable_lookup.h"
-#include "frame/heap.h"
+#include "base/heap.h"
+#include "manager/variable_lookup.h"
 #include "notify/caller_array.h"
 #include "notify/name_list.h"
 

@@ -4,7 +4,7 @@
 // one of these.
 #pragma once
 
-#include "notify/thread_records.h"
+#include "manager/thread_records.h"
 
 #include <tvsqdz.h>
 #include <windows.h>

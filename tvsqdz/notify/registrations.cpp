@@ -1,9 +1,9 @@
 // State: the manager's list of records, under g_managerLock.
 #include "notify/registrations.h"
 
-#include "catalogue/variable_handlers.h"
-#include "catalogue/variable_lookup.h"
-#include "frame/heap.h"
+#include "base/heap.h"
+#include "manager/variable_handlers.h"
+#include "manager/variable_lookup.h"
 
 #include <string.h>
 

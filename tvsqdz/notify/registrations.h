@@ -5,10 +5,10 @@
 // to. Registrations that another process serves are in relayed_registrations.h.
 #pragma once
 
-#include "catalogue/status_variable.h"
-#include "frame/manager_record.h"
-#include "frame/status.h"
+#include "manager/manager_record.h"
+#include "manager/status_variable.h"
 #include "notify/registration_record.h"
+#include "product/status.h"
 
 #include <tvsqdz.h>
 #include <windows.h>

@@ -1,14 +1,14 @@
 // State: the printer's database.
 #include "notify/relayed_registrations.h"
 
-#include "access/stored_list.h"
-#include "catalogue/variable_lookup.h"
-#include "frame/client_kinds.h"
-#include "frame/guards.h"
-#include "frame/heap.h"
+#include "base/heap.h"
+#include "manager/variable_lookup.h"
 #include "notify/caller_array.h"
 #include "notify/name_list.h"
 #include "notify/registrations.h"
+#include "product/client_kinds.h"
+#include "product/guards.h"
+#include "values/stored_list.h"
 
 #include <string.h>
 

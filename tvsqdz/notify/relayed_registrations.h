@@ -1,13 +1,13 @@
 // Message registrations that the printer's owner serves: processes which deliver no messages themselves leave them in
-// the variable "NotifyMsg" of the printer's database, a list (access/stored_list.h) of the entries below.
+// the variable "NotifyMsg" of the printer's database, a list (values/stored_list.h) of the entries below.
 //
 // An entry lives until its number is set to 0; the owner takes it out then. Whoever changes the list holds the database
 // mutex. The manager of every call is one that the caller has a reference to.
 #pragma once
 
-#include "frame/manager_record.h"
-#include "frame/status.h"
+#include "manager/manager_record.h"
 #include "notify/registration_record.h"
+#include "product/status.h"
 
 #include <windows.h>
 

@@ -3,8 +3,8 @@
 // A pulse reaches only who waits. One that a delivery missed comes once more a moment later; a delivery that took
 // longer, be it a callback or that the process stood still, is followed by a look whether there was a write since.
 // State: on the watcher's stack.
-#include "catalogue/variable_handlers.h"
-#include "frame/timings.h"
+#include "base/timings.h"
+#include "manager/variable_handlers.h"
 #include "notify/callback_value.h"
 #include "notify/delivery.h"
 
@@ -18,7 +18,7 @@ public:
     VariableWatcher(const NotificationRegistration& registration, bool looks)
         : m_registration(registration), m_looks(looks), m_wait(g_timings.firstLook), m_awakeSince(GetTickCount()) {
         ReadLastWrite(registration, Entry(), &m_told); // what was written before is not news
-        m_watch.Begin(registration, Entry().variableName, dblink::kOnlyChanges);
+        m_watch.Begin(registration, Entry().variableName, product::kOnlyChanges);
         ThreadHasBegun(registration.thread);
     }
     VariableWatcher(const VariableWatcher&) = delete;

@@ -1,5 +1,5 @@
 // Every allocation of the library made to fail, one after the other.
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
 #include "wide_literal.h"
 
@@ -91,7 +91,7 @@ TEST(OutOfMemory, CallsFailWithTheirCode) {
     const TvsManager manager = OpenPrinter();
     const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
     const Bytes queue = Joined({Number(4 + 40), Number(10), Bytes(40, 'i')});
-    EXPECT_EQ(CreateVariable(database, "Queue", dblink::kTypeVariableLength, 48, queue.data()), Answer::Done);
+    EXPECT_EQ(CreateVariable(database, "Queue", product::kTypeVariableLength, 48, queue.data()), Answer::Done);
     const auto none = [&](const std::function<int32_t()>& run) { EXPECT_EQ(FailEach(run, {}), 0); };
     const auto some = [&](const std::function<int32_t()>& run) { EXPECT_GT(FailEach(run, {TVS_E_MEMORY, TVS_OK}), 0); };
     // Ordinary values cost no allocation; large ones one.

@@ -1,0 +1,206 @@
+// The RPC interface of the status database service: what its clients and the service must agree on.
+//
+// Local RPC ("ncalrpc", endpoint "TVORSDB_RPC"), interface version 1.0, NDR 2.0. The body of a request holds the in
+// parameters in order, the body of a reply the out parameters and then the status:
+//
+//    no.  procedure                  request                                          reply, before the status
+//     0   CreateDatabase             text name                                        u32 handle
+//     1   OpenDatabase               text name                                        u32 handle
+//     2   CloseDatabase              u32 handle
+//     3   GetServiceInstance                                                          u32, u32: ServiceInstance
+//     4   GetDatabaseInfo            u32 handle                                       DatabaseInfo
+//     7   EndDatabaseInitialization  u32 handle
+//     8   CreateVariable             u32 handle, text name, u32 type, u32 size,
+//                                    u32 reserved (0), bytes initial value
+//     9   WriteVariable              u32 handle, text name, bytes value, u32 size
+//    10   ReadVariable               u32 handle, text name, u32 size                  bytes buffer, u32 value size
+//    12   SetCompositeMembers        u32 handle, text composite, text member list
+//    14   GetVariableInfo            u32 handle, text name                            VariableInfo
+//    15   WatchVariable              u32 handle, text name, u32 mode
+//    16   UnwatchVariable            u32 handle, text name
+//    18   ForwardRequest             text request
+//
+// The numbers between are not served: RPC_S_PROCNUM_OUT_OF_RANGE. ndr.h has the form of u32, text and bytes. A body
+// that cannot be read raises RPC_X_BAD_STUB_DATA. Text is bytes without NUL, compared exactly.
+//
+// What a call answers besides its status is told with the procedure below; out parameters of a call that failed are
+// zero unless it says otherwise.
+#pragma once
+
+#include <windows.h>
+
+#include <rpc.h>
+
+#include <stddef.h>
+
+namespace product {
+
+inline constexpr char kServiceName[] = "TVORSDB";
+inline constexpr char kProtocolSequence[] = "ncalrpc";
+inline constexpr char kEndpoint[] = "TVORSDB_RPC";
+inline constexpr char kBindingOptions[] = "Security=impersonation static true";
+
+// 57856c31-165f-42cc-8b23-81aad6f3a7b6, version 1.0.
+extern const RPC_SYNTAX_IDENTIFIER kInterfaceSyntax;
+// NDR, 8a885d04-1ceb-11c9-9fe8-08002b104860, version 2.0.
+extern const RPC_SYNTAX_IDENTIFIER kNdrSyntax;
+
+enum Procedure : UINT {
+    // Makes a database and begins its initialisation, which ends with EndDatabaseInitialization on the handle
+    // returned. kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database
+    // whose creator went away before it was ready is made anew.
+    kCreateDatabase = 0,
+    // kBeingInitialised: wait for the event of InitializedEventName() and ask again. kUnknownDatabase: there is none,
+    // or its creator went away before it was ready: begin again with CreateDatabase. Waiters are woken in either case.
+    kOpenDatabase = 1,
+    // Ends the handle. A database whose creator closes its handle before it is ready is given up.
+    kCloseDatabase = 2,
+    // Which run of the service this is. A handle that it does not know is one of an earlier run, when that was another.
+    kGetServiceInstance = 3,
+    kGetDatabaseInfo = 4,
+    // Only with the handle that CreateDatabase gave, once; else kNotCreator.
+    kEndDatabaseInitialization = 7,
+    // The size is that of the initial value. Byte, word and number keep it; string and record take values of up to it;
+    // variable-length ones of up to kValueSizeMax. kWrongSize: 0 for one of the first five. A composite has size 0,
+    // and no members until SetCompositeMembers.
+    kCreateVariable = 8,
+    // kWrongSize: not a size that the variable takes. A value of a composite has its size; it goes to the members, all
+    // at
+    // one moment, and whoever watches it or one of them is told once. A composite that has a member twice or one of
+    // variable length takes no value. A name that is not there, but is that of a variable followed by "W", makes a
+    // variable of that variable's type and size limit.
+    kWriteVariable = 9,
+    // The byte array has as many elements as size says; those behind the value are zero. kBufferTooSmall: size is less
+    // than the value's and not 0; the array is all zero, value size is what is needed. With size 0 the answer is
+    // kDone and value size.
+    kReadVariable = 10,
+    // Member names, each followed by ";". Replaces the list. A member takes the size that it was created with, zeros
+    // behind a shorter value; one of variable length that of the payload it was created with, which is none for the
+    // empty value {4, 0}. So no value moves the members behind it. A member that does not exist contributes nothing;
+    // one
+    // that is a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
+    // kBadArgument: the variable is no composite. Reading one that comes to more than kCompositePartsMax members of
+    // members, or to more than kValueSizeMax bytes, answers kLimitReached.
+    kSetCompositeMembers = 12,
+    kGetVariableInfo = 14,
+    // Signals a named event (VariableEventName) when the variable, or a member of it, is written: in mode kEveryWrite
+    // its "Updated" event at each write, in mode kOnlyChanges its "Changed" event when bytes of its value changed. A
+    // signal is a pulse: the event is set and reset, after the value and its write time can be read. Watches are
+    // counted per client process, variable and mode. kBeingInitialised: the database is not ready.
+    kWatchVariable = 15,
+    // Ends one watch of this client process: of the mode it used last, while that has one, else of the other.
+    // kNotWatched: it has none.
+    kUnwatchVariable = 16,
+    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these. Waits
+    // until the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing
+    // serves that printer's requests, or what did has gone. kNoAnswer: there was none in time. One request of a printer
+    // is carried out at a time, in the order in which they came.
+    kForwardRequest = 18,
+    kProcedureCount = 19
+};
+
+enum DatabaseType : DWORD {
+    kTypeByte = 0,
+    kTypeWord = 1,
+    kTypeNumber = 2,
+    kTypeString = 3,
+    kTypeRecord = 4,
+    kTypeVariableLength = 5,
+    kTypeComposite = 6,
+    kTypeCount = 7
+};
+
+enum WatchMode : DWORD { kEveryWrite = 1, kOnlyChanges = 2 };
+
+// What the service answers. Codes of its own, in no relation to a status of the library's exports or of the system.
+enum ServiceStatus : LONG {
+    kDone = 0,
+    kDatabaseExists = -2,    // CreateDatabase: there is one of that name
+    kUnknownDatabase = -3,   // no open database of this client has that handle; no database has that name
+    kBeingInitialised = -4,  // OpenDatabase: its creator has not made it ready yet
+    kUnknownVariable = -5,   // the database has no variable of that name
+    kVariableExists = -6,    // CreateVariable: the database has one of that name
+    kWrongSize = -7,         // a value of that size does not fit the variable
+    kBufferTooSmall = -8,    // ReadVariable: the buffer does not hold the value
+    kBadName = -9,           // an empty or over-long name; a backslash in the name of a database
+    kBadArgument = -10,      // no such type, mode or request; a reserved parameter that is not 0; not a composite
+    kLimitReached = -11,     // a bound of the table below, or of this user's share
+    kNotCreator = -12,       // EndDatabaseInitialization: this handle does not initialise the database
+    kNotWatched = -13,       // UnwatchVariable: this client does not watch the variable
+    kNoPrinterSide = -14,    // ForwardRequest: nothing serves this printer's requests
+    kOutOfMemory = -15,      // the service could not get memory; nothing changed
+    kEventUnavailable = -17, // WatchVariable: the event cannot be had (its name is too long, or another object has it)
+    kNoAnswer = -18,         // ForwardRequest: the printer side did not answer in time
+    kNotWritable = -20,      // WriteVariable: the service alone writes it
+    kAccessDenied = ERROR_ACCESS_DENIED, // for administrators only: the system's own code
+};
+
+// GetServiceInstance: chosen at random when the service starts; never 0.
+using ServiceInstance = ULONGLONG;
+
+// GetDatabaseInfo: 24 bytes.
+struct DatabaseInfo {
+    DWORD openHandles; // of all clients but the printer sides, the caller's own included
+    DWORD variables;
+    SYSTEMTIME created; // UTC
+};
+static_assert(sizeof(DatabaseInfo) == 24 && offsetof(DatabaseInfo, openHandles) == 0 &&
+              offsetof(DatabaseInfo, variables) == 4 && offsetof(DatabaseInfo, created) == 8);
+
+// GetVariableInfo: 28 bytes.
+struct VariableInfo {
+    DWORD type;           // DatabaseType
+    DWORD size;           // of the present value, in bytes
+    DWORD writes;         // how often it was written, wrapping; a composite counts its members' too
+    SYSTEMTIME writeTime; // UTC, of the last write (or of its creation); of a composite, the latest of its members'.
+                          // Never earlier than the one before, and later for each write of a value
+};
+static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
+              offsetof(VariableInfo, writes) == 8 && offsetof(VariableInfo, writeTime) == 12);
+
+// How forwarded requests reach the printer side, and its answers the service: two records in the printer's database.
+// The printer side makes both, all zero, when the database is ready; nobody can make them of another form. While a
+// client watches the mailbox there is a printer side, and the service writes each request into the mailbox, which
+// pulses its "Updated" event, and {0, 0} when there is no more. The printer side writes the request's id with its
+// result into the answer; an id that is not that of the request in the mailbox changes nothing. What the request is
+// about stands in "ReadRequest", "WriteRequest" and "RefreshStatus". When nobody watches the mailbox any more, however
+// the printer side ended, the service takes bit 0x1 of "PrinterExtStatus" and the bits 0xC of "SpoolerStatus" away, and
+// if nobody watches the mailbox again within 2 s, writes -50 to "RWResult" when somebody watches that and a request was
+// written since the last answer; so for each request that is written while nobody watches the mailbox.
+inline constexpr char kForwardMailbox[] = "ForwardMailbox"; // ForwardedRequest; the service alone writes it
+inline constexpr char kForwardAnswer[] = "ForwardAnswer";   // ForwardedAnswer
+
+enum RequestKind : DWORD {
+    kNoRequest = 0,
+    kReadRequest = 1,
+    kWriteRequest = 2,
+    kRefreshRequest = 3,
+    kEndRequest = 4 // all managers are asked to terminate: the printer side ends, without an answer
+};
+
+struct ForwardedRequest {
+    DWORD id;   // never 0; of two requests that are not far apart, never the same
+    DWORD kind; // RequestKind
+};
+static_assert(sizeof(ForwardedRequest) == 8 && offsetof(ForwardedRequest, kind) == 4);
+
+struct ForwardedAnswer {
+    DWORD id;
+    LONG result;
+};
+static_assert(sizeof(ForwardedAnswer) == 8 && offsetof(ForwardedAnswer, result) == 4);
+
+// Limits, in bytes without the terminator where they are of text.
+inline constexpr DWORD kDatabaseNameMax = 31; // what an entry of the printer list holds
+inline constexpr DWORD kVariableNameMax = 255;
+inline constexpr DWORD kMemberListMax = 16384;
+inline constexpr DWORD kRequestTextMax = 511;
+inline constexpr DWORD kCompositeMembersMax = 64;
+inline constexpr DWORD kCompositeDepthMax = 4;
+inline constexpr DWORD kCompositePartsMax = 256;
+// Of the body of a request or reply, and of one value in it: the rest is room for everything else. A printer list of
+// 7,000 entries of 560 bytes fits. ReadVariable raises RPC_X_BAD_STUB_DATA for a size above kValueSizeMax.
+inline constexpr DWORD kBodySizeMax = 4 * 1024 * 1024;
+inline constexpr DWORD kValueSizeMax = kBodySizeMax - 64 * 1024;
+
+} // namespace product

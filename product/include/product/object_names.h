@@ -1,0 +1,72 @@
+// Names of the kernel objects that the library, the status database service and the product's other processes share.
+//
+// Manual-reset events, with a name from ObjectName where they are not called plain:
+//   "<database>:Initialized"              plain: set when the database is ready, or given up
+//   "TVOR:<database>:<variable>:Updated"  pulsed at every write
+//   "TVOR:<database>:<variable>:Changed"  pulsed when the value changed
+//   "TVORSQD:Opened:<printer's hash>"     set by each open of a manager for the printer; exists while the start-up
+//                                         process waits for that
+//   "TVOR:<database>:Nsr:Initialize"      plain too: set when the desktop agent is ready
+//   "TVORPWD:INITIALIZED"                 set while the product is up
+//   "TVORSQD:TerminateManager"            set when all managers of the machine are asked to shut down; it stays so for
+//                                         as long as somebody has it open
+//
+// ObjectName: with Terminal Services the name is "Global\" and the base name, so that all logons of the machine share
+// the object; without, it is the base name.
+#pragma once
+
+#include <windows.h>
+
+#include <string_view>
+
+namespace product {
+
+// A name in a record of its own, so that forming one allocates nothing. A name that does not fit is empty: test text[0]
+// before it names an object, since an empty name makes an unnamed one.
+struct KernelName {
+    char text[320] = {};
+};
+
+KernelName ObjectName(bool terminalServer, std::string_view baseName);
+KernelName InitializedEventName(std::string_view database);
+KernelName AgentReadyName(std::string_view database);
+
+inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";   // the base name
+inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name
+// The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
+// shared values.
+inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
+
+// A printer's name may be longer than an object's, and have backslashes: 16 digits of its 64-bit FNV-1a hash stand for
+// it. Two that collide are told of each other's opens, which is no more than an open in vain.
+KernelName OpenedEventName(bool terminalServer, std::string_view printer);
+
+enum class VariableSignal { Updated, Changed };
+KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
+                             VariableSignal signal);
+
+// Lets everyone use an object that is made with its attributes, which point into it. False: the system refused it.
+struct EveryoneAccess {
+    EveryoneAccess();
+    EveryoneAccess(const EveryoneAccess&) = delete;
+    EveryoneAccess& operator=(const EveryoneAccess&) = delete;
+    explicit operator bool() const { return m_valid; }
+
+    SECURITY_ATTRIBUTES attributes;
+
+private:
+    SECURITY_DESCRIPTOR m_descriptor;
+    bool m_valid;
+};
+
+// A manual-reset event that everyone may use, not set unless it existed. Null when it cannot be had, or without a name.
+HANDLE CreateEventForEveryone(const char* name);
+
+// Whether a Windows of that version runs the product suite "Terminal Server": always from 5.1 on; before it, when the
+// multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
+// What cannot be read is no. The list is held in memory of the heap given while it is searched.
+bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap);
+// The same of this machine; for programs without a heap of their own.
+bool MachineIsTerminalServer();
+
+} // namespace product

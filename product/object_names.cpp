@@ -1,0 +1,129 @@
+#include "product/object_names.h"
+
+#include <initializer_list>
+#include <stdint.h>
+#include <string.h>
+
+namespace product {
+
+namespace {
+
+constexpr char kSuiteKey[] = "System\\CurrentControlSet\\Control\\ProductOptions";
+constexpr char kSuiteValue[] = "ProductSuite";
+constexpr char kTerminalServerSuite[] = "Terminal Server";
+constexpr DWORD kSuiteListMax = 64 * 1024;
+
+KernelName Joined(std::initializer_list<std::string_view> parts) {
+    KernelName name;
+    size_t length = 0;
+    for (std::string_view part : parts) {
+        if (part.size() >= sizeof name.text - length) return {};
+        memcpy(name.text + length, part.data(), part.size());
+        length += part.size();
+    }
+    return name;
+}
+
+std::string_view Prefix(bool terminalServer) {
+    return terminalServer ? "Global\\" : "";
+}
+
+struct OpenKey {
+    HKEY key = nullptr;
+    ~OpenKey() {
+        if (key) RegCloseKey(key);
+    }
+};
+
+struct ListBlock {
+    HANDLE heap;
+    char* text;
+    ~ListBlock() {
+        if (text) HeapFree(heap, 0, text);
+    }
+};
+
+bool Lists(std::string_view list, std::string_view wanted) {
+    while (!list.empty()) {
+        const size_t length = list.find('\0');
+        const std::string_view entry = list.substr(0, length);
+        if (entry.empty()) return false;
+        if (entry == wanted) return true;
+        if (length == std::string_view::npos) return false;
+        list.remove_prefix(length + 1);
+    }
+    return false;
+}
+
+} // namespace
+
+KernelName ObjectName(bool terminalServer, std::string_view baseName) {
+    return Joined({Prefix(terminalServer), baseName});
+}
+
+KernelName InitializedEventName(std::string_view database) {
+    return Joined({database, ":Initialized"});
+}
+
+KernelName OpenedEventName(bool terminalServer, std::string_view printer) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    constexpr size_t kLength = 16;
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : printer)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    char digits[kLength];
+    for (size_t i = 0; i < kLength; ++i)
+        digits[i] = kDigits[hash >> (60 - 4 * i) & 15];
+    return Joined({Prefix(terminalServer), "TVORSQD:Opened:", {digits, kLength}});
+}
+
+KernelName AgentReadyName(std::string_view database) {
+    return Joined({"TVOR:", database, ":Nsr:Initialize"});
+}
+
+KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
+                             VariableSignal signal) {
+    return Joined({Prefix(terminalServer), "TVOR:", database, ":", variable,
+                   signal == VariableSignal::Updated ? ":Updated" : ":Changed"});
+}
+
+// A list that is present and null allows everything to everyone.
+EveryoneAccess::EveryoneAccess()
+    : attributes{sizeof attributes, &m_descriptor, FALSE}, m_descriptor{},
+      m_valid(InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
+              SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE)) {}
+
+HANDLE CreateEventForEveryone(const char* name) {
+    if (name[0] == '\0') return nullptr;
+    EveryoneAccess everyone;
+    return everyone ? CreateEventA(&everyone.attributes, TRUE, FALSE, name) : nullptr;
+}
+
+bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
+    if (majorVersion > 5 || (majorVersion == 5 && minorVersion != 0)) return true;
+    OpenKey options;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSuiteKey, 0, KEY_QUERY_VALUE, &options.key) != ERROR_SUCCESS) return false;
+    DWORD size = 0;
+    if (RegQueryValueExA(options.key, kSuiteValue, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return false;
+    if (size == 0 || size > kSuiteListMax) return false;
+    const ListBlock list{heap, static_cast<char*>(HeapAlloc(heap, HEAP_ZERO_MEMORY, size))};
+    if (!list.text) return false;
+    DWORD type = REG_NONE;
+    if (RegQueryValueExA(options.key, kSuiteValue, nullptr, &type, reinterpret_cast<BYTE*>(list.text), &size) !=
+            ERROR_SUCCESS ||
+        type != REG_MULTI_SZ)
+        return false;
+    return Lists({list.text, size}, kTerminalServerSuite);
+}
+
+bool MachineIsTerminalServer() {
+    OSVERSIONINFOA version = {};
+    version.dwOSVersionInfoSize = sizeof version;
+    HANDLE heap = HeapCreate(0, 0, 0);
+    const bool found =
+        heap && GetVersionExA(&version) && IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, heap);
+    if (heap) HeapDestroy(heap);
+    return found;
+}
+
+} // namespace product

@@ -1,0 +1,51 @@
+#include "product/printer_list.h"
+
+#include <string.h>
+
+namespace product {
+
+namespace {
+
+constexpr SIZE_T kHeader = offsetof(PrinterList, entries);
+
+// A field of any address, which may have no NUL.
+std::string_view FieldText(const BYTE* field, SIZE_T size) {
+    const auto* text = reinterpret_cast<const char*>(field);
+    return {text, strnlen(text, size)};
+}
+
+ListedPrinter FindListed(const BYTE* list, SIZE_T size, std::string_view ListedPrinter::*key, std::string_view value) {
+    const SIZE_T count = CountPrinterList(list, size);
+    for (SIZE_T i = 0; i < count; ++i)
+        if (const ListedPrinter printer = PrinterInList(list, i); printer.*key == value) return printer;
+    return {};
+}
+
+} // namespace
+
+SIZE_T CountPrinterList(const BYTE* list, SIZE_T size) {
+    if (size < kHeader) return 0;
+    uint32_t count = 0;
+    memcpy(&count, list + offsetof(PrinterList, entryCount), sizeof count);
+    const SIZE_T whole = (size - kHeader) / sizeof(PrinterListEntry);
+    return count < whole ? count : whole;
+}
+
+ListedPrinter PrinterInList(const BYTE* list, SIZE_T place) {
+    const BYTE* entry = list + kHeader + place * sizeof(PrinterListEntry);
+    return {
+        .name = FieldText(entry + offsetof(PrinterListEntry, printerName), sizeof PrinterListEntry::printerName),
+        .database = FieldText(entry + offsetof(PrinterListEntry, databaseName), sizeof PrinterListEntry::databaseName),
+        .driver = FieldText(entry + offsetof(PrinterListEntry, driverName), sizeof PrinterListEntry::driverName),
+    };
+}
+
+ListedPrinter FindListedPrinter(const BYTE* list, SIZE_T size, std::string_view printer) {
+    return FindListed(list, size, &ListedPrinter::name, printer);
+}
+
+ListedPrinter FindListedDatabase(const BYTE* list, SIZE_T size, std::string_view database) {
+    return FindListed(list, size, &ListedPrinter::database, database);
+}
+
+} // namespace product

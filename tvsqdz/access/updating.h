@@ -1,9 +1,0 @@
-// Storing a value.
-#pragma once
-
-#include "catalogue/status_variable.h"
-#include "frame/manager_record.h"
-#include "frame/status.h"
-
-// What an update does once the variable is found. data may be a caller's memory.
-Status UpdateValue(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size);

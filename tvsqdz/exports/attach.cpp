@@ -1,0 +1,92 @@
+// Attach and detach in their order. The loader calls them once each, and before and after every other call; that a
+// thread is still in a call at the process's end is the one exception, and the detach is prepared for it.
+#include "exports/attach.h"
+
+#include "base/heap.h"
+#include "base/platform_version.h"
+#include "base/registry_text.h"
+#include "base/timings.h"
+#include "exports/closing.h"
+#include "machine/object_security.h"
+#include "machine/process_state.h"
+#include "manager/variable_table.h"
+#include "product/client.h"
+
+namespace {
+
+constexpr SIZE_T kInitialHeapSize = 32768;
+constexpr char kServiceExecutable[] = "TVSDBN.EXE";
+
+bool FileExists(const char* path) {
+    const KernelHandle file(
+        CreateFileA(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr));
+    return static_cast<bool>(file);
+}
+
+void DestroyHeap() {
+    HeapDestroy(g_heap);
+    g_heap = nullptr;
+}
+
+// Finds out whether the product is set up, and whether its service can run at all.
+bool FindProduct() {
+    InstalledFile service;
+    if (!FindInstalledFile(kServiceExecutable, service)) return false;
+    g_installed = FileExists(service.path);
+    return true;
+}
+
+TvsManager FirstManager() {
+    const ManagerLockHold lock;
+    return HandleOf(g_managerList);
+}
+
+void CloseAllManagers() {
+    while (const TvsManager manager = FirstManager())
+        CloseManagerOf(manager);
+}
+
+} // namespace
+
+bool AttachProcess(HINSTANCE module) {
+    g_variableCount = CountStatusVariables();
+    DisableThreadLibraryCalls(module);
+    g_heap = HeapCreate(0, kInitialHeapSize, 0);
+    if (g_heap == nullptr) return false;
+    // First, since it decides the name of the shared block.
+    g_terminalServer = RunsTerminalServices();
+    if (!OpenSharedCounters()) {
+        DestroyHeap();
+        return false;
+    }
+    if (!FindProduct()) {
+        CloseSharedCounters();
+        DestroyHeap();
+        return false;
+    }
+    JoinProcessCount();
+    InitializeCriticalSection(&g_managerLock.section);
+    // A binding that cannot be made shows in the calls.
+    BindStatusDatabase();
+    LetCallsIn(true);
+    return true;
+}
+
+void DetachProcess() {
+    if (!LetCallsIn(false)) return; // the attach failed, or the detach has been done
+    BoundCalls(g_timings.detachCalls, g_timings.detachCall);
+    CloseAllManagers();
+    // At the end of a process other threads may still be in a call. They get a moment; beyond that, what they use stays
+    // in place, for the process ends anyway.
+    const bool empty = CallsHaveLeft(CallsWereGivenUp() ? g_timings.detachBoundOfStill : g_timings.detachBound);
+    CloseAllManagers(); // those whose open was on its way
+    RemoveKindBits(g_processKindMask.exchange(0));
+    LeaveProcessCount();
+    g_installed = false;
+    if (!empty) return;
+    CloseSharedCounters();
+    FreeObjectSecurity();
+    DeleteCriticalSection(&g_managerLock.section);
+    DestroyHeap();
+    UnbindStatusDatabase();
+}

@@ -1,0 +1,100 @@
+// A close has two halves: what others see of the manager ends with the call; what the record holds is given back with
+// its last reference.
+#include "exports/closing.h"
+
+#include "base/heap.h"
+#include "base/timings.h"
+#include "exports/reopening.h"
+#include "manager/printer_list.h"
+#include "manager/thread_records.h"
+#include "manager/variable_index.h"
+
+namespace {
+
+constexpr char kTerminateManager[] = "TerminateManager";
+
+// A reference to an open manager, as the detach too may hold one, which is no call.
+struct ManagerReference {
+    explicit ManagerReference(TvsManager handle) {
+        const ManagerLockHold lock;
+        manager = FindManager(handle);
+        if (manager == nullptr) return;
+        InterlockedIncrement(&manager->references);
+        terminating = (manager->flags & ManagerTerminating) != 0;
+    }
+    ~ManagerReference() {
+        if (manager != nullptr) ReleaseManager(manager);
+    }
+    ManagerReference(const ManagerReference&) = delete;
+    ManagerReference& operator=(const ManagerReference&) = delete;
+
+    ManagerRecord* manager = nullptr;
+    bool terminating = false;
+};
+
+bool TerminationIsStored(ManagerRecord* manager) {
+    uint32_t value = 0;
+    DWORD size = 0;
+    return ReadVariable(manager->printerDatabase, kTerminateManager, &value, sizeof value, &size) == Answer::Done &&
+           value != 0;
+}
+
+// The manager through which all managers were told to terminate closes last: once no other has the database open. A
+// bound of a minute, since one of them may not close at all.
+void AwaitOtherManagers(ManagerRecord* manager) {
+    product::DatabaseInfo info;
+    for (DWORD poll = 0; poll < g_timings.terminationPolls; ++poll) {
+        // A service that does not answer has no database open.
+        GetDatabaseInfo(manager->printerDatabase, &info);
+        if ((info.openHandles < 2 && g_openManagerCount <= 1) || CallsWereGivenUp()) break;
+        Sleep(g_timings.terminationPoll);
+    }
+    GetDatabaseInfo(manager->masterDatabase, &info);
+}
+
+ThreadRecord* TakeRegistrations(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    ThreadRecord* records = manager->registrations;
+    manager->registrations = nullptr;
+    return records;
+}
+
+} // namespace
+
+Status CloseManagerOf(TvsManager handle) {
+    const ManagerReference reference(handle);
+    ManagerRecord* manager = reference.manager;
+    if (manager == nullptr) return TVS_E_HANDLE;
+    // Without a lock, so that the managers it waits for can close.
+    if (reference.terminating && TerminationIsStored(manager)) AwaitOtherManagers(manager);
+    if (!UnlinkManager(manager)) return TVS_E_HANDLE; // another thread was faster
+
+    // What others see of the manager ends here. What the record holds is given back with its last reference, so that a
+    // call that is still on its way keeps its databases and the mutex that it may hold.
+    StopThreadRecords(TakeRegistrations(manager));
+    if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
+    --g_openManagerCount;
+    ReleaseManager(manager); // the list's reference
+    return TVS_OK;
+}
+
+void CloseDatabases(ManagerRecord* manager) {
+    for (ManagerDatabase* database : {&manager->printerDatabase, &manager->masterDatabase})
+        if (const DatabaseHandle handle = database->handle.exchange(0); handle != 0) CloseDatabase(handle);
+}
+
+void DestroyManager(ManagerRecord* manager) {
+    CloseDatabases(manager);
+    FreeBlock(manager->userName);
+    FreeBlock(manager->driverName);
+    if (manager->databaseMutex != nullptr) CloseHandle(manager->databaseMutex);
+    if (manager->requestMutex != nullptr) CloseHandle(manager->requestMutex);
+    CloseRetiredMutexes(manager);
+    FreeVariables(manager);
+    FreeBlock(manager);
+}
+
+int32_t TVS_CALL CloseManager(TvsManager manager) {
+    const LibraryCall call;
+    return call ? CloseManagerOf(manager) : TVS_E_HANDLE;
+}

@@ -1,0 +1,259 @@
+// Opening a manager joins the product's other processes: under the machine-wide database mutex it finds or adds the
+// printer in the printer list, creates or opens the printer's database, and takes the mutexes that later calls need.
+#include "exports/opening.h"
+
+#include "base/caller_memory.h"
+#include "base/heap.h"
+#include "base/own_process.h"
+#include "exports/closing.h"
+#include "machine/database_opening.h"
+#include "machine/object_names.h"
+#include "machine/object_security.h"
+#include "machine/status_service.h"
+#include "manager/default_printer.h"
+#include "manager/desktop_agent.h"
+#include "manager/printer_list.h"
+#include "manager/printer_registration.h"
+#include "manager/variable_index.h"
+#include "product/client_kinds.h"
+#include "product/guards.h"
+#include "requests/manager_service.h"
+#include "values/database_creation.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr DWORD kServiceSeconds = 60;
+// The start-up process, the service and this process: with fewer, the service may still be starting.
+constexpr uint32_t kProcessesOfARunningProduct = 3;
+constexpr DWORD kLogonNameSize = 80;
+
+constexpr char kLmFunction[] = "LMFunction";
+constexpr char kCompulsivePolling[] = "CompulsivePolling";
+constexpr char kPrinterNameVariable[] = "PrinterName";
+
+// A manager that is being opened, with the database mutex that it holds; given back whole unless it is kept. The open
+// has a reference of its own: once the manager is in the list, another thread could close it.
+class Opening {
+public:
+    explicit Opening(ManagerRecord* record) : m_manager(record) { m_manager->references = 1; }
+    ~Opening() {
+        if (!m_kept) {
+            if ((m_manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(m_manager);
+            CloseDatabases(m_manager); // while no other open can come between
+        }
+        databaseLock.Release();
+        ReleaseManager(m_manager);
+    }
+    Opening(const Opening&) = delete;
+    Opening& operator=(const Opening&) = delete;
+
+    ManagerRecord* Manager() const { return m_manager; }
+    // The manager goes into the list, which takes a reference.
+    void Keep() {
+        InterlockedIncrement(&m_manager->references);
+        AppendManager(m_manager);
+        m_kept = true;
+    }
+
+    MutexHold databaseLock;
+
+private:
+    ManagerRecord* m_manager;
+    bool m_kept = false;
+};
+
+bool HasObjectSecurity(const ManagerRecord* manager) {
+    if ((manager->flags & OsNtAny) == 0) return true; // the platform's default
+    const ManagerLockHold lock;
+    return EnsureObjectSecurity();
+}
+
+bool ProductIsInitialised() {
+    const KernelHandle initialised(CreateNamedEvent(ObjectName(product::kProductInitialisedName)));
+    return initialised && WaitForSingleObject(initialised.handle, 0) == WAIT_OBJECT_0;
+}
+
+// Windows NT 3.50 and 3.51 let applications start before the services are up. Later systems do not, and under Windows
+// 95/98/Me the creation of a database restarts a service that is missing.
+bool StatusServiceIsUp(const ManagerRecord* manager) {
+    if ((manager->flags & (OsNt350 | OsNt351)) == 0) return true;
+    if (ProcessCount() >= kProcessesOfARunningProduct || g_openManagerCount != 0) return true;
+    return WaitForStatusService(kServiceSeconds);
+}
+
+// Twice, with the driver's name known in between: whoever watches the variable is told when all of it is there.
+void WritePrinterName(ManagerRecord* manager) {
+    WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
+    LookUpDriverName(manager);
+    WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
+}
+
+} // namespace
+
+Status ObtainPrinterDatabase(ManagerRecord* manager) {
+    bool created = false;
+    DatabaseHandle database = 0;
+    if (CreateOrOpenDatabase(manager->databaseName, &database, &created) != Answer::Done) return TVS_E_UNAVAILABLE;
+    manager->printerDatabase.handle = database;
+    if (!created) return TVS_OK;
+    switch (CreatePrinterVariables(manager)) {
+    case Population::Done:
+        WritePrinterName(manager);
+        return TVS_OK;
+    case Population::NoMemory:
+        return TVS_E_MEMORY; // the release closes the database, and the next opener creates it
+    case Population::NotReady:
+        break;
+    }
+    return TVS_E_UNAVAILABLE;
+}
+
+void AskForPolling(ManagerRecord* manager) {
+    const uint32_t on = 1;
+    if (manager->clientKind == TVS_KIND_POLLING)
+        WriteVariable(manager->printerDatabase, kCompulsivePolling, &on, sizeof on);
+}
+
+namespace {
+
+bool SetUserName(ManagerRecord* manager, const char* userName) {
+    manager->userName = static_cast<char*>(AllocateZeroed(kUserNameSize));
+    if (manager->userName == nullptr) return false;
+    char logonName[kLogonNameSize];
+    DWORD size = sizeof logonName;
+    const char* name = userName;
+    if (*name == '\0') name = GetUserNameA(logonName, &size) ? logonName : "";
+    memcpy(manager->userName, name, strnlen(name, kUserNameSize - 1)); // a longer logon name is cut
+    return true;
+}
+
+void ReadLmFunction(ManagerRecord* manager) {
+    if ((manager->flags & (OsNt350 | OsNt351)) != 0) return; // stays 0
+    DWORD valueSize = 0;
+    ReadVariable(manager->printerDatabase, kLmFunction, &manager->lmFunction, sizeof manager->lmFunction, &valueSize);
+}
+
+// Its printer side may have ended when all managers were asked to shut down: whoever starts it again waits for this.
+void TellOfOpen(const ManagerRecord* manager) {
+    const DWORD lastError = GetLastError();
+    const KernelHandle opened(
+        OpenEventA(EVENT_MODIFY_STATE, FALSE, product::OpenedEventName(g_terminalServer, manager->printerName).text));
+    if (opened) SetEvent(opened.handle);
+    SetLastError(lastError);
+}
+
+// From the database mutex to the manager in the list.
+Status JoinTheProduct(Opening& opening, const OpenNames& names) {
+    ManagerRecord* manager = opening.Manager();
+    manager->databaseMutex = CreateOrOpenMutex(ObjectName(kDatabaseMutexName));
+    if (manager->databaseMutex == nullptr || !opening.databaseLock.Acquire(manager->databaseMutex))
+        return TVS_E_UNAVAILABLE;
+    if ((manager->flags & OsNtAny) != 0 && g_openManagerCount == 0 &&
+        kClientKinds[manager->clientKind].repairsDefaultPrinter)
+        RepairDefaultPrinter(manager->printerName);
+    if (!StatusServiceIsUp(manager)) return TVS_E_SERVICE_TIMEOUT;
+    if (!AttachPrinterDatabase(manager, nullptr)) return TVS_E_UNAVAILABLE;
+    if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also for a printer whose driver nobody knows
+    if (const Status status = ObtainPrinterDatabase(manager); status != TVS_OK) return status;
+    if (!SetUserName(manager, names.user)) return TVS_E_MEMORY;
+    manager->requestMutex = CreateOrOpenMutex(RequestMutexName(manager->databaseName));
+    if (manager->requestMutex == nullptr) return TVS_E_UNAVAILABLE;
+    ReadLmFunction(manager);
+    // Its record has to be the first, so before anybody can register.
+    if ((manager->flags & ManagerOwnsPrinter) != 0 && !StartManagerService(manager)) return TVS_E_MEMORY;
+
+    opening.Keep();
+    AskForPolling(manager);
+    ++g_openManagerCount;
+    TellOfOpen(manager);
+    return TVS_OK;
+}
+
+// Makes the record and opens it; *handle designates it on success.
+Status OpenRecord(const OpenNames& names, uint32_t clientKind, TvsManager* handle) {
+    ManagerRecord* manager = static_cast<ManagerRecord*>(AllocateZeroed(sizeof(ManagerRecord)));
+    if (manager == nullptr) return TVS_E_MEMORY;
+    Opening opening(manager);
+    ClassifyPlatform(manager);
+    manager->clientKind = clientKind;
+    memcpy(manager->printerName, names.printer, sizeof manager->printerName);
+    if (!HasObjectSecurity(manager)) return TVS_E_UNAVAILABLE;
+    if (kClientKinds[clientKind].needsProduct && !ProductIsInitialised() && !IsOwnProcess()) return TVS_E_UNAVAILABLE;
+    const Status status = JoinTheProduct(opening, names);
+    if (status == TVS_OK) *handle = HandleOf(manager);
+    return status;
+}
+
+bool StartAgent(TvsManager handle) {
+    const ManagerCall call(handle);
+    return call && LaunchDesktopAgent(call.Manager());
+}
+
+} // namespace
+
+Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* handleOutput) {
+    const LibraryCall call;
+    if (!call || !g_installed) return TVS_E_UNAVAILABLE; // before anything is looked at, the kind included
+    if (clientKind == TVS_KIND_REGISTERED_MODELS) {
+        if (names.printerStatus != TVS_OK) return names.printerStatus;
+        if (IsUnsupportedPrinter(names.printer)) return TVS_E_UNREGISTERED;
+    }
+    if (clientKind > TVS_KIND_HIGHEST) return TVS_E_UNKNOWN;
+    if (names.printerStatus != TVS_OK) return names.printerStatus;
+    if (names.printer[0] == '\0') return TVS_E_UNAVAILABLE; // no printer has it, but the list would keep it for good
+    if (names.userStatus != TVS_OK) return names.userStatus;
+    // They stay set even when a later step fails.
+    AddKindBits(kClientKinds[clientKind].bit);
+    g_processKindMask |= kClientKinds[clientKind].bit;
+
+    // From here on the manager is open, and what remains is to hand it over: the handle may still fail to reach the
+    // caller, and the agent to start.
+    TvsManager handle = 0;
+    if (const Status status = OpenRecord(names, clientKind, &handle); status != TVS_OK) return status;
+    if (!CopyToCaller(handleOutput, &handle, sizeof handle) ||
+        (kClientKinds[clientKind].startsAgent && !StartAgent(handle))) {
+        CloseManagerOf(handle);
+        return TVS_E_UNAVAILABLE;
+    }
+    return TVS_OK;
+}
+
+namespace {
+
+OpenNames ReadNames(const char* printerName, const char* userName) {
+    OpenNames names;
+    switch (ReadCallerText(names.printer, kPrinterNameSize, printerName)) {
+    case CallerText::Read:
+        break;
+    case CallerText::Fault:
+        names.printerStatus = TVS_E_FAULT;
+        break;
+    case CallerText::TooLong:
+        names.printerStatus = TVS_E_UNAVAILABLE;
+        break;
+    }
+    switch (ReadCallerText(names.user, kUserNameSize, userName)) {
+    case CallerText::Read:
+        break;
+    case CallerText::Fault:
+        names.user[0] = '\0'; // counts as absent
+        break;
+    case CallerText::TooLong:
+        names.userStatus = TVS_E_UNAVAILABLE;
+        break;
+    }
+    return names;
+}
+
+} // namespace
+
+int32_t TVS_CALL OpenManagerExA(const char* printerName, const char* userName, uint32_t clientKind,
+                                TvsManager* manager) {
+    return OpenManager(ReadNames(printerName, userName), clientKind, manager);
+}
+
+int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, TvsManager* manager) {
+    return OpenManagerExA(printerName, userName, 0, manager);
+}

@@ -1,0 +1,165 @@
+// The exports that start a direct read or write and return at once. What can be refused is refused here, on the
+// caller's thread; the exchange itself runs on a thread of its own (request_threads.h), or in the printer's owner
+// (relayed_requests.h).
+#include "base/caller_memory.h"
+#include "manager/variable_lookup.h"
+#include "notify/relayed_registrations.h"
+#include "product/guards.h"
+#include "requests/direct_access.h"
+#include "requests/exchange.h"
+#include "requests/readiness.h"
+#include "requests/relayed_requests.h"
+#include "requests/request_threads.h"
+#include "requests/results.h"
+#include "values/printer_name.h"
+#include "values/user_authority.h"
+
+#include <string.h>
+
+namespace {
+
+// How the requester is told.
+struct Completion {
+    uint32_t flag; // REQ_BY_EVENT or REQ_BY_MESSAGE
+    void* target;  // event or window
+    uint32_t message;
+
+    bool IsMessage() const { return flag == REQ_BY_MESSAGE; }
+};
+
+bool IsRelayed(const Completion& completion) {
+    return completion.IsMessage() && !DeliversMessagesItself();
+}
+
+// A variable that has this bit beside SVF_DIRECT, and a name that fits a request.
+Status FindRequested(ManagerRecord* manager, const char* callersName, uint32_t bit,
+                     const StatusVariableDef** variable) {
+    if (const Status status = FindCallersVariable(manager, callersName, variable); status != TVS_OK) return status;
+    const StatusVariableDef& found = **variable;
+    const uint32_t bits = bit | SVF_DIRECT;
+    const RequestKind kind = bit == SVF_READABLE ? RequestKind::Read : WriteKindOf(found.name);
+    const bool fits = strlen(found.name) < sizeof StatusRequest::variableName && FitsMailbox(manager, kind, found);
+    return fits && (found.flags & bits) == bits ? TVS_OK : TVS_E_UNKNOWN;
+}
+
+StatusRequest NewRequest(ManagerRecord* manager, const StatusVariableDef& variable, uint32_t direction,
+                         const Completion& completion) {
+    StatusRequest request = {};
+    request.requestFlags = direction | completion.flag;
+    request.target = HandleToULong(completion.target);
+    request.message = completion.message;
+    memcpy(request.variableName, variable.name, strlen(variable.name));
+    const DatabaseNameText database = CurrentDatabaseName(manager);
+    memcpy(request.databaseName, database.text, sizeof request.databaseName);
+    const PrinterNameText printer = RefreshedPrinterName(manager);
+    memcpy(request.printerName, printer.text, sizeof request.printerName);
+    request.useForward = UsesForwardedPath(manager) ? 1 : 0;
+    return request;
+}
+
+Status CheckRead(ManagerRecord* manager) {
+    if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
+    if (PortRefusesRequests(manager)) return TVS_E_NOT_READY;
+    if ((UserAuthority(manager) & TVS_AUTHORITY_DIRECT_READ) == 0) return TVS_E_AUTHORITY;
+    return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
+}
+
+Status StartRead(TvsManager handle, const char* variable, const Completion& completion) {
+    const ManagerCall call(handle);
+    if (!call) return TVS_E_HANDLE;
+    ManagerRecord* manager = call.Manager();
+    const bool relayed = IsRelayed(completion);
+    if (relayed && !OwnerProcessExists()) return TVS_E_NO_OWNER;
+    const StatusVariableDef* found = nullptr;
+    if (const Status status = FindRequested(manager, variable, SVF_READABLE, &found); status != TVS_OK) return status;
+    if (const Status status = CheckRead(manager); status != TVS_OK) return status;
+
+    MutexHold lock(manager->requestMutex);
+    if (lock.held == nullptr) return TVS_E_REQUEST_LOCK;
+    const StatusRequest request = NewRequest(manager, *found, REQ_READ, completion);
+    if (relayed) return RelayRequest(manager, request, lock);
+    return StartRequestThread(manager, request, nullptr, lock.result) ? TVS_OK : TVS_E_MEMORY;
+}
+
+Status CheckWrite(ManagerRecord* manager, const StatusVariableDef& variable) {
+    if (!PrinterTakesRequests(manager)) return TVS_E_NOT_NOW;
+    if (!MayWriteDirectly(manager, variable)) return TVS_E_AUTHORITY;
+    if (PortRefusesRequests(manager)) return TVS_E_NOT_READY;
+    return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
+}
+
+// False when the caller's memory takes no number; where it took one before it does.
+bool ResetNumber(uint32_t* callersNumber) {
+    const uint32_t none = 0;
+    return CopyToCaller(callersNumber, &none, sizeof none);
+}
+
+// From the lock on. The event form holds the database mutex, under which the result is entered too, and the message
+// form the request mutex, so that it waits for its turn here.
+Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value,
+                     const Completion& completion, uint32_t* callersNumber) {
+    MutexHold lock(completion.IsMessage() ? manager->requestMutex.load() : manager->databaseMutex);
+    if (lock.held == nullptr) return TVS_E_REQUEST_LOCK;
+    const bool isHandled = completion.IsMessage() && variable.localWrite != nullptr;
+    if (!isHandled) {
+        const Status status = PlaceValue(manager->printerDatabase, variable, value);
+        if (status != TVS_OK) return status;
+    }
+    StatusRequest request = NewRequest(manager, variable, REQ_WRITE, completion);
+    const bool isRefresh = WriteKindOf(variable.name) == RequestKind::Refresh;
+    request.isRefresh = isRefresh ? 1 : 0;
+    if (isHandled) variable.localWrite(manager, value.Data(), value.Size());
+
+    const int32_t firstResult = completion.IsMessage() ? TVS_OK : TVS_REQUEST_PENDING;
+    if (const Status status = EnterRequest(manager, firstResult, callersNumber, &request.requestId); status != TVS_OK) {
+        if (completion.IsMessage()) ResetNumber(callersNumber);
+        return status;
+    }
+    if (isHandled) {
+        lock.Release();
+        TellCompletion(request);
+        return TVS_OK;
+    }
+    const CallerValue::Bytes text = value.Text();
+    const DWORD mutexWait = completion.IsMessage() ? lock.result : DWORD{WAIT_OBJECT_0};
+    if (StartRequestThread(manager, request, isRefresh ? &text : nullptr, mutexWait)) return TVS_OK;
+    RemoveRequest(manager, request.requestId);
+    ResetNumber(callersNumber);
+    return TVS_E_MEMORY;
+}
+
+Status StartWrite(TvsManager handle, const char* variable, const void* data, uint32_t size,
+                  const Completion& completion, uint32_t* callersNumber) {
+    if (!ResetNumber(callersNumber)) return TVS_E_FAULT;
+    const ManagerCall call(handle);
+    if (!call) return TVS_E_HANDLE;
+    ManagerRecord* manager = call.Manager();
+    if (IsRelayed(completion) && !OwnerProcessExists()) return TVS_E_NO_OWNER;
+    const StatusVariableDef* found = nullptr;
+    if (const Status status = FindRequested(manager, variable, SVF_WRITABLE, &found); status != TVS_OK) return status;
+    if (const Status status = CheckWrite(manager, *found); status != TVS_OK) return status;
+    CallerValue value(data, size); // before anybody is held up
+    if (value.Result() != TVS_OK) return value.Result();
+    return PlaceAndStart(manager, *found, value, completion, callersNumber);
+}
+
+} // namespace
+
+int32_t TVS_CALL GetReqPrinterStatusEventA(TvsManager manager, const char* variable, void* event) {
+    return StartRead(manager, variable, {.flag = REQ_BY_EVENT, .target = event, .message = 0});
+}
+
+int32_t TVS_CALL GetReqPrinterStatusMsgA(TvsManager manager, const char* variable, void* window, uint32_t message) {
+    return StartRead(manager, variable, {.flag = REQ_BY_MESSAGE, .target = window, .message = message});
+}
+
+int32_t TVS_CALL SetReqPrinterStatusEventA(TvsManager manager, const char* variable, const void* data, uint32_t size,
+                                           void* event, uint32_t* requestId) {
+    return StartWrite(manager, variable, data, size, {.flag = REQ_BY_EVENT, .target = event, .message = 0}, requestId);
+}
+
+int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const char* variable, const void* data, uint32_t size,
+                                         void* window, uint32_t message, uint32_t* requestId) {
+    return StartWrite(manager, variable, data, size, {.flag = REQ_BY_MESSAGE, .target = window, .message = message},
+                      requestId);
+}

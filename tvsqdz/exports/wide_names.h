@@ -1,0 +1,27 @@
+// The frame of a wide export that converts nothing but a variable's name and leaves the rest to its ANSI form.
+#pragma once
+
+#include "base/caller_memory.h"
+#include "manager/manager_record.h"
+#include "manager/variable_lookup.h"
+#include "product/status.h"
+
+// The handle comes first, as in the ANSI forms.
+inline Status RefuseName(TvsManager manager, Status status) {
+    const ManagerCall call(manager);
+    return call ? status : TVS_E_HANDLE;
+}
+
+template <typename AnsiForm> // Status(const char* name)
+Status WithName(TvsManager manager, const WCHAR* callersName, AnsiForm ansiForm) {
+    char name[kWideVariableNameSize];
+    switch (ReadCallerName(name, callersName)) {
+    case CallerText::Read:
+        return ansiForm(name);
+    case CallerText::Fault:
+        return RefuseName(manager, TVS_E_FAULT);
+    case CallerText::TooLong:
+        break;
+    }
+    return RefuseName(manager, TVS_E_UNKNOWN);
+}

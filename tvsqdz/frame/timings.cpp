@@ -1,4 +1,0 @@
-// The one instance; its values are those of its declaration until a test changes them.
-#include "frame/timings.h"
-
-Timings g_timings;

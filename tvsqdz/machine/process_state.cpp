@@ -1,0 +1,124 @@
+// State: all of process_state.h, the mapping of the shared counters, and who is inside.
+#include "machine/process_state.h"
+
+#include "base/heap.h"
+#include "base/platform_version.h"
+#include "machine/object_names.h"
+#include "machine/object_security.h"
+
+ManagerLock g_managerLock;
+ManagerRecord* g_managerList;
+std::atomic<uint32_t> g_openManagerCount;
+std::atomic<uint32_t> g_processKindMask;
+uint32_t g_variableCount;
+bool g_installed;
+bool g_terminalServer;
+SharedCounters* g_sharedCounters;
+
+namespace {
+
+constexpr char kSharedCountersName[] = "TVORSQD:SharedCounters";
+
+HANDLE g_countersMapping;
+std::atomic<bool> g_attached;
+std::atomic<uint32_t> g_callsInside;
+
+HANDLE CreateCountersMapping(SECURITY_ATTRIBUTES* security) {
+    const product::KernelName name = ObjectName(kSharedCountersName);
+    HANDLE mapping =
+        CreateFileMappingA(INVALID_HANDLE_VALUE, security, PAGE_READWRITE, 0, sizeof(SharedCounters), name.text);
+    if (mapping != nullptr || GetLastError() != ERROR_ACCESS_DENIED) return mapping;
+    // Windows lets an ordinary user make no mapping in the global namespace: the session then has a block of its own.
+    return CreateFileMappingA(INVALID_HANDLE_VALUE, security, PAGE_READWRITE, 0, sizeof(SharedCounters),
+                              kSharedCountersName);
+}
+
+} // namespace
+
+bool OpenSharedCounters() {
+    SECURITY_ATTRIBUTES attributes = {
+        .nLength = sizeof attributes, .lpSecurityDescriptor = nullptr, .bInheritHandle = FALSE};
+    const bool secured = (PlatformBit() & OsNtAny) != 0;
+    if (secured) {
+        attributes.lpSecurityDescriptor = BuildObjectSecurity();
+        if (attributes.lpSecurityDescriptor == nullptr) return false;
+    }
+    g_countersMapping = CreateCountersMapping(secured ? &attributes : nullptr);
+    FreeBlock(attributes.lpSecurityDescriptor);
+    if (g_countersMapping == nullptr) return false;
+    g_sharedCounters =
+        static_cast<SharedCounters*>(MapViewOfFile(g_countersMapping, FILE_MAP_WRITE, 0, 0, sizeof(SharedCounters)));
+    if (g_sharedCounters == nullptr) {
+        CloseHandle(g_countersMapping);
+        g_countersMapping = nullptr;
+        return false;
+    }
+    return true;
+}
+
+void JoinProcessCount() {
+    InterlockedIncrement(&g_sharedCounters->processCount);
+}
+
+void LeaveProcessCount() {
+    InterlockedDecrement(&g_sharedCounters->processCount);
+}
+
+void CloseSharedCounters() {
+    UnmapViewOfFile(g_sharedCounters);
+    g_sharedCounters = nullptr;
+    CloseHandle(g_countersMapping);
+    g_countersMapping = nullptr;
+}
+
+uint32_t ProcessCount() {
+    return static_cast<uint32_t>(InterlockedOr(&g_sharedCounters->processCount, 0));
+}
+
+uint32_t KindMask() {
+    return static_cast<uint32_t>(InterlockedOr(&g_sharedCounters->kindMask, 0));
+}
+
+void AddKindBits(uint32_t bits) {
+    InterlockedOr(&g_sharedCounters->kindMask, static_cast<LONG>(bits));
+}
+
+void RemoveKindBits(uint32_t bits) {
+    InterlockedAnd(&g_sharedCounters->kindMask, static_cast<LONG>(~bits));
+}
+
+// Whoever comes in is counted before the flag is read, and a detach clears the flag before it reads the count: one of
+// the two sees the other.
+LibraryCall::LibraryCall() {
+    g_callsInside.fetch_add(1);
+    m_attached = g_attached.load();
+}
+
+LibraryCall::~LibraryCall() {
+    g_callsInside.fetch_sub(1);
+}
+
+bool CallsAreLetIn() {
+    return g_attached.load();
+}
+
+void CountAsCall() {
+    g_callsInside.fetch_add(1);
+}
+
+void UncountAsCall() {
+    g_callsInside.fetch_sub(1);
+}
+
+bool LetCallsIn(bool attached) {
+    return g_attached.exchange(attached);
+}
+
+bool CallsHaveLeft(DWORD boundMs) {
+    const DWORD start = GetTickCount();
+    while (g_callsInside.load() != 0) {
+        if (GetTickCount() - start >= boundMs) return false;
+        Sleep(1);
+    }
+    return true;
+}

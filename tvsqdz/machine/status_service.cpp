@@ -1,0 +1,119 @@
+// Keeps no state. Runs during opens, under the database mutex: every wait here holds up the opens of the whole machine.
+#include "machine/status_service.h"
+
+#include "base/platform_version.h"
+#include "base/registry_text.h"
+#include "base/timings.h"
+#include "machine/object_names.h"
+#include "product/guards.h"
+#include "product/interface.h"
+
+namespace {
+
+constexpr char kWindowClass[] = "TVORSDB95WndClass";
+constexpr char kWindowTitle[] = "TVORSDB95";
+constexpr char kRunServicesKey[] = "SOFTWARE\\Tavik\\Oriel\\RunServices";
+constexpr DWORD kExecutablePathSize = 260;
+constexpr int kStartUpProcessLooks = 6;
+
+struct ServiceHandle {
+    ~ServiceHandle() {
+        if (handle != nullptr) CloseServiceHandle(handle);
+    }
+    SC_HANDLE handle;
+};
+
+DWORD WithinHintBounds(DWORD hint) {
+    if (hint < g_timings.shortestWaitHint) return g_timings.shortestWaitHint;
+    return hint > g_timings.longestWaitHint ? g_timings.longestWaitHint : hint;
+}
+
+HWND ServiceWindow() {
+    return FindWindowA(kWindowClass, kWindowTitle);
+}
+
+bool StartUpProcessRuns() {
+    for (int look = 0; look < kStartUpProcessLooks; ++look) {
+        const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, kStartUpMutexName));
+        if (mutex) return true;
+        Sleep(g_timings.startUpPoll);
+    }
+    return false;
+}
+
+// Asks the present process to close and waits until its window is gone; false when it stays.
+bool CloseServiceWindow() {
+    const DWORD start = GetTickCount();
+    HWND window = ServiceWindow();
+    if (window == nullptr) return true;
+    // With a bound: a process that hangs answers nothing.
+    DWORD_PTR ignored = 0;
+    SendMessageTimeoutA(window, WM_CLOSE, 0, 0, SMTO_NORMAL, g_timings.closeBound, &ignored);
+    while (IsWindow(window)) {
+        if (GetTickCount() - start >= g_timings.closeBound) return false;
+        Sleep(g_timings.closePoll);
+    }
+    return true;
+}
+
+// The new process needs a moment until it takes calls; repeating the call at once would only make it be restarted.
+void WaitForServiceWindow() {
+    const DWORD start = GetTickCount();
+    while (ServiceWindow() == nullptr && GetTickCount() - start < g_timings.restartBound)
+        Sleep(g_timings.restartPoll);
+}
+
+} // namespace
+
+bool WaitForStatusService(DWORD seconds) {
+    DWORD polls = seconds * 2;
+    const ServiceHandle manager{OpenSCManagerA(nullptr, nullptr, GENERIC_READ)};
+    if (manager.handle == nullptr) return false;
+    const ServiceHandle service{OpenServiceA(manager.handle, product::kServiceName, SERVICE_QUERY_STATUS)};
+    if (service.handle == nullptr) return false;
+    for (;;) {
+        SERVICE_STATUS status;
+        if (!QueryServiceStatus(service.handle, &status)) return false;
+        if (status.dwCurrentState == SERVICE_RUNNING) return true;
+        if (status.dwCurrentState == SERVICE_STOPPED) return false;
+        if (status.dwCurrentState == SERVICE_START_PENDING && status.dwCheckPoint != 0) {
+            Sleep(WithinHintBounds(status.dwWaitHint)); // it is working on it: not counted
+            continue;
+        }
+        Sleep(g_timings.servicePoll);
+        if (polls <= 1) return false;
+        --polls;
+    }
+}
+
+bool WaitForStatusService9x(DWORD seconds) {
+    if (!StartUpProcessRuns()) return false;
+    for (DWORD polls = seconds * 2; polls > 0; --polls) {
+        if (ServiceWindow() != nullptr) {
+            Sleep(g_timings.windowSettle);
+            return true;
+        }
+        Sleep(g_timings.windowPoll);
+    }
+    return false;
+}
+
+bool RestartStatusService9x() {
+    if (PlatformBit() != OsWindows9x) return false;
+    char path[kExecutablePathSize + 1];
+    {
+        const RegistryKey runServices(HKEY_LOCAL_MACHINE, kRunServicesKey, KEY_QUERY_VALUE);
+        if (!runServices || !ReadRegistryText(runServices.key, product::kServiceName, path, sizeof path)) return false;
+    }
+    if (!CloseServiceWindow()) return false;
+    STARTUPINFOA startUp = {};
+    startUp.cb = sizeof startUp;
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessA(path, nullptr, nullptr, nullptr, FALSE, NORMAL_PRIORITY_CLASS, nullptr, nullptr, &startUp,
+                        &process))
+        return false;
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    WaitForServiceWindow();
+    return true;
+}

@@ -1,0 +1,68 @@
+// The list of managers. State: g_managerList and the records in it, under g_managerLock (process_state.h).
+#include "manager/manager_record.h"
+
+#include <string.h>
+
+ManagerRecord* FindManager(TvsManager handle) {
+    for (ManagerRecord* manager = g_managerList; manager != nullptr; manager = manager->next)
+        if (HandleOf(manager) == handle) return manager;
+    return nullptr;
+}
+
+void AppendManager(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    ManagerRecord** link = &g_managerList;
+    while (*link != nullptr)
+        link = &(*link)->next;
+    manager->next = nullptr;
+    *link = manager;
+}
+
+bool UnlinkManager(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    for (ManagerRecord** link = &g_managerList; *link != nullptr; link = &(*link)->next) {
+        if (*link != manager) continue;
+        *link = manager->next;
+        manager->next = nullptr;
+        return true;
+    }
+    return false;
+}
+
+void ClassifyPlatform(ManagerRecord* manager) {
+    manager->flags |= PlatformBit();
+}
+
+void ReleaseManager(ManagerRecord* manager) {
+    if (InterlockedDecrement(&manager->references) == 0) DestroyManager(manager);
+}
+
+PrinterNameText CurrentPrinterName(ManagerRecord* manager) {
+    PrinterNameText name;
+    const ManagerLockHold lock;
+    memcpy(name.text, manager->printerName, sizeof name.text);
+    return name;
+}
+
+void ChangePrinterName(ManagerRecord* manager, const PrinterNameText& name) {
+    const ManagerLockHold lock;
+    memcpy(manager->printerName, name.text, sizeof name.text);
+}
+
+DatabaseNameText CurrentDatabaseName(const ManagerRecord* manager) {
+    DatabaseNameText name = {};
+    const ManagerLockHold lock;
+    memcpy(name.text, manager->databaseName, sizeof name.text - 1);
+    return name;
+}
+
+ManagerCall::ManagerCall(TvsManager handle) {
+    if (!m_call) return;
+    const ManagerLockHold lock;
+    m_manager = FindManager(handle);
+    if (m_manager != nullptr) InterlockedIncrement(&m_manager->references);
+}
+
+ManagerCall::~ManagerCall() {
+    if (m_manager != nullptr) ReleaseManager(m_manager);
+}

@@ -1,0 +1,252 @@
+// The list lies in the master database. It is read whole, changed here and written back whole, under the database
+// mutex.
+#include "manager/printer_list.h"
+
+#include "base/heap.h"
+#include "base/own_process.h"
+#include "base/timings.h"
+#include "machine/database_opening.h"
+#include "machine/process_state.h"
+#include "manager/printer_registration.h"
+#include "manager/variable_table.h"
+#include "product/client_kinds.h"
+#include "product/guards.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+constexpr DWORD kListHeader = offsetof(PrinterList, entries);
+// Shorter values are no list: it has had an entry ever since it exists.
+constexpr DWORD kSmallestList = sizeof(PrinterListEntry);
+
+constexpr uint64_t ListSize(uint64_t entryCount) {
+    return kListHeader + sizeof(PrinterListEntry) * entryCount;
+}
+
+// The list as it was read, with room for one more entry.
+struct ListBlock {
+    ~ListBlock() { FreeBlock(list); }
+
+    PrinterList* list = nullptr;
+    DWORD size = 0; // of the value
+    bool outOfMemory = false;
+};
+
+template <size_t size>
+bool IsTerminated(const char (&text)[size]) {
+    return memchr(text, '\0', size) != nullptr;
+}
+
+// Fails with an answer, which becomes the last error: the one channel that tells why an open was refused.
+bool Fail(Answer answer) {
+    SetLastError(static_cast<DWORD>(answer));
+    return false;
+}
+
+bool FailWithoutAnswer() {
+    return Fail(Answer::Done);
+}
+
+// The list is written by every process of the product: its counts are checked against what was read. What single
+// entries hold is checked where one is used.
+bool ReadList(const ManagerDatabase& master, ListBlock* block) {
+    DWORD size = 0;
+    Answer answer = ReadVariable(master, product::kPrinterListVariable, nullptr, 0, &size);
+    if (answer != Answer::Done) return Fail(answer);
+    if (size < kSmallestList) return FailWithoutAnswer();
+    block->list = static_cast<PrinterList*>(AllocateZeroed(SIZE_T{size} + sizeof(PrinterListEntry)));
+    block->outOfMemory = block->list == nullptr;
+    if (block->outOfMemory) return FailWithoutAnswer();
+    answer = ReadVariable(master, product::kPrinterListVariable, block->list, size, &block->size);
+    if (answer != Answer::Done) return Fail(answer);
+    if (block->size > size) return FailWithoutAnswer(); // not what the service promises
+    if (block->size < kListHeader || ListSize(block->list->entryCount) > block->size) return FailWithoutAnswer();
+    return true;
+}
+
+// The first entry of that printer; and the highest number seen up to it.
+PrinterListEntry* FindPrinter(PrinterList* list, const char* printerName, uint32_t* highestIndex) {
+    *highestIndex = 0;
+    for (uint32_t i = 0; i < list->entryCount; ++i) {
+        PrinterListEntry* entry = &list->entries[i];
+        if (entry->index > *highestIndex) *highestIndex = entry->index;
+        if (IsTerminated(entry->printerName) && strcmp(entry->printerName, printerName) == 0) return entry;
+    }
+    return nullptr;
+}
+
+void TakeOverEntry(ManagerRecord* manager, const PrinterListEntry& entry) {
+    memcpy(manager->printerName, entry.printerName, sizeof entry.printerName);
+    memcpy(manager->databaseName, entry.databaseName, sizeof entry.databaseName);
+    manager->printerIndex = entry.index;
+    manager->ownerProcessId = entry.ownerProcessId;
+}
+
+bool WantsOwnership(const ManagerRecord* manager, const FormerPlace* former) {
+    return manager->clientKind == TVS_KIND_OWNER && (former == nullptr || former->ownedPrinter);
+}
+
+bool HasNumber(const PrinterList* list, uint32_t index) {
+    for (uint32_t i = 0; i < list->entryCount; ++i)
+        if (list->entries[i].index == index) return true;
+    return false;
+}
+
+// An entry for the manager's printer under the number given.
+void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index, PrinterListEntry* entry) {
+    *entry = {};
+    entry->index = index;
+    memcpy(entry->printerName, manager->printerName, sizeof entry->printerName);
+    snprintf(entry->databaseName, sizeof entry->databaseName, "%s%u", product::kMasterDatabase,
+             static_cast<unsigned>(index));
+    if (LookUpDriverName(manager) && strlen(manager->driverName) < sizeof entry->driverName)
+        strcpy(entry->driverName, manager->driverName);
+    if (WantsOwnership(manager, former)) entry->ownerProcessId = GetCurrentProcessId();
+}
+
+bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
+    if (!IsTerminated(entry->databaseName) || entry->databaseName[0] == '\0') return FailWithoutAnswer();
+    // A name without an end is no name, and its driver one that is not known.
+    if (IsTerminated(entry->driverName) && entry->driverName[0] != '\0')
+        manager->driverName = CopyText(entry->driverName);
+    if (entry->ownerProcessId == 0 && WantsOwnership(manager, former)) {
+        entry->ownerProcessId = GetCurrentProcessId();
+        // An owner that the list does not tell of is none.
+        const Answer answer =
+            WriteVariable(manager->masterDatabase, product::kPrinterListVariable, block->list, block->size);
+        if (answer != Answer::Done) return Fail(answer);
+    }
+    TakeOverEntry(manager, *entry);
+    return true;
+}
+
+bool AddEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, uint32_t highestIndex) {
+    if (former == nullptr && kClientKinds[manager->clientKind].needsProduct && !IsOwnProcess())
+        return FailWithoutAnswer();
+    PrinterList* list = block->list;
+    // A printer keeps its number for good, so none is used twice.
+    const bool keepsNumber = former != nullptr && !HasNumber(list, former->printerIndex);
+    if (!keepsNumber && highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // no number is left
+    PrinterListEntry* entry = &list->entries[list->entryCount];
+    FillEntry(manager, former, keepsNumber ? former->printerIndex : highestIndex + 1, entry);
+    ++list->entryCount;
+    const DWORD size = static_cast<DWORD>(ListSize(list->entryCount));
+    list->storedLength = size - static_cast<DWORD>(sizeof list->storedLength);
+    const Answer answer = WriteVariable(manager->masterDatabase, product::kPrinterListVariable, list, size);
+    if (answer != Answer::Done) return Fail(answer);
+    TakeOverEntry(manager, *entry);
+    return true;
+}
+
+bool FindOrAddPrinter(ManagerRecord* manager, const FormerPlace* former) {
+    ListBlock block;
+    if (!ReadList(manager->masterDatabase, &block)) return false;
+    uint32_t highestIndex = 0;
+    PrinterListEntry* entry = FindPrinter(block.list, manager->printerName, &highestIndex);
+    return entry != nullptr ? UseExistingEntry(manager, former, &block, entry)
+                            : AddEntry(manager, former, &block, highestIndex);
+}
+
+// The machine's first open, whatever its client kind.
+bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
+    const HeapBlock block(sizeof(PrinterList));
+    if (block.memory == nullptr) return FailWithoutAnswer();
+    PrinterList* list = reinterpret_cast<PrinterList*>(block.memory);
+    list->storedLength = sizeof *list - sizeof list->storedLength;
+    list->entryCount = 1;
+    FillEntry(manager, former, former != nullptr ? former->printerIndex : 1, &list->entries[0]);
+    const DatabaseHandle master = manager->masterDatabase.handle;
+    Answer answer = CreateVariable(master, product::kPrinterListVariable, product::kTypeVariableLength,
+                                   sizeof kEmptyVariableValue, kEmptyVariableValue);
+    if (answer == Answer::Done) answer = WriteVariable(master, product::kPrinterListVariable, list, sizeof *list);
+    if (answer == Answer::Done) answer = EndDatabaseInitialization(master); // others wait for it
+    if (answer != Answer::Done) return Fail(answer);
+    TakeOverEntry(manager, list->entries[0]);
+    return true;
+}
+
+} // namespace
+
+bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
+    // Asked before anything is opened: handles of a later service than this one are opened again in vain, those of an
+    // earlier one would be taken for its own. Where the creation restarts the service, there is none to ask before.
+    product::ServiceInstance instance = 0;
+    GetServiceInstance(&instance);
+    bool created = false;
+    DatabaseHandle master = 0;
+    const Answer answer = CreateOrOpenDatabase(product::kMasterDatabase, &master, &created);
+    if (answer != Answer::Done) return Fail(answer);
+    manager->masterDatabase.handle = master;
+    if (instance == 0) GetServiceInstance(&instance);
+    manager->serviceInstance = instance;
+    if (!(created ? MakeList(manager, former) : FindOrAddPrinter(manager, former))) {
+        const DWORD reason = GetLastError(); // the close may change it
+        CloseDatabase(master);
+        manager->masterDatabase.handle = 0;
+        SetLastError(reason);
+        return false;
+    }
+    if (manager->ownerProcessId != 0) AddKindBits(kOwnerKindBit);
+    if (WantsOwnership(manager, former) && manager->ownerProcessId == GetCurrentProcessId())
+        manager->flags |= ManagerOwnsPrinter;
+    LookUpDriverName(manager); // an entry from before the driver was known
+    SetLastError(ERROR_SUCCESS);
+    return true;
+}
+
+Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameText& oldName,
+                             const PrinterNameText& newName) {
+    ListBlock block;
+    if (!ReadList(master, &block)) return block.outOfMemory ? Renaming::NoMemory : Renaming::UnknownPrinter;
+    uint32_t highestIndex = 0;
+    PrinterListEntry* entry = FindPrinter(block.list, oldName.text, &highestIndex);
+    if (entry == nullptr) return Renaming::UnknownPrinter;
+    // Of two entries with one name nobody would find the later one's database again.
+    if (FindPrinter(block.list, newName.text, &highestIndex) != nullptr) return Renaming::NameTaken;
+    memcpy(entry->printerName, newName.text, sizeof entry->printerName);
+    switch (WriteVariable(master, product::kPrinterListVariable, block.list, block.size)) {
+    case Answer::Done:
+        return Renaming::Done;
+    case Answer::AccessDenied:
+        return Renaming::Denied;
+    default:
+        return Renaming::NotStored;
+    }
+}
+
+namespace {
+
+// False without memory for the list.
+bool TryToReleaseOwnership(ManagerRecord* manager) {
+    MutexHold lock;
+    // Whoever holds the mutex waits for the service: a process that ends asks it too, and goes without it if there is
+    // no answer.
+    while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
+        product::DatabaseInfo info;
+        if (lock.result != WAIT_TIMEOUT) return true;
+        GetDatabaseInfo(manager->masterDatabase, &info);
+        if (CallsWereGivenUp()) return true;
+    }
+    ListBlock block;
+    if (!ReadList(manager->masterDatabase, &block)) return !block.outOfMemory;
+    for (uint32_t i = 0; i < block.list->entryCount; ++i) {
+        PrinterListEntry& entry = block.list->entries[i];
+        // By its number: the printer may have been renamed by another process.
+        if (entry.ownerProcessId != manager->ownerProcessId || entry.index != manager->printerIndex) continue;
+        entry.ownerProcessId = 0;
+        manager->ownerProcessId = 0;
+        WriteVariable(manager->masterDatabase, product::kPrinterListVariable, block.list, block.size);
+        break;
+    }
+    return true;
+}
+
+} // namespace
+
+void ReleasePrinterOwnership(ManagerRecord* manager) {
+    // A printer that is not given back stays this process's until it ends, and nobody serves its requests.
+    for (DWORD pause = 0; !TryToReleaseOwnership(manager) && pause < g_timings.releasePauses; ++pause)
+        Sleep(g_timings.memoryPause);
+}

@@ -1,0 +1,133 @@
+// The start, and both forms of the stop. A terminated thread leaves locked what it had locked, so termination is what
+// is left when a thread has had its time.
+#include "manager/thread_records.h"
+
+#include "base/heap.h"
+#include "base/timings.h"
+#include "machine/object_security.h"
+
+namespace {
+
+constexpr SIZE_T kStackSize = 65536;
+constexpr DWORD kTerminatedExitCode = 0;
+
+void CloseHandles(const ThreadRecord* record) {
+    for (const HANDLE handle : {record->thread, record->stopEvent, record->begunEvent})
+        if (handle != nullptr) CloseHandle(handle);
+}
+
+void FreeRecord(ThreadRecord* record) {
+    CloseHandles(record);
+    ManagerRecord* manager = record->manager;
+    FreeBlock(record);
+    if (manager != nullptr) ReleaseManager(manager);
+}
+
+bool IsOwn(const ThreadRecord* record) {
+    return record->threadId == GetCurrentThreadId();
+}
+
+void LeaveToItself(ThreadRecord* record) {
+    record->stoppedByItself = true;
+    CountAsCall(); // for nobody else waits for this thread any more
+}
+
+DWORD WINAPI RunRecord(void* parameter) {
+    auto* record = static_cast<ThreadRecord*>(parameter);
+    const DWORD result = record->procedure(record);
+    if (record->stoppedByItself) {
+        FreeRecord(record);
+        UncountAsCall();
+    }
+    return result;
+}
+
+// False when the thread runs on: what it uses must then stay.
+bool Terminate(HANDLE thread, DWORD boundMs) {
+    {
+        // A callback may be inside a call of the library's. Stopped while this lock is ours, it does not hold it.
+        const ManagerLockHold lock;
+        if (!TerminateThread(thread, kTerminatedExitCode)) return false;
+    }
+    return WaitForSingleObject(thread, boundMs) == WAIT_OBJECT_0;
+}
+
+bool EndThread(HANDLE thread, DWORD boundMs) {
+    return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread, boundMs);
+}
+
+// A thread may be in a call of the service from before a process's end, and such a call has no time limit. So the
+// service is asked before the thread is given its whole time.
+DWORD TimeToEnd(const ThreadRecord* record) {
+    const DWORD left = LeftForCalls();
+    if (left >= g_timings.closeWait || record->manager == nullptr) return g_timings.closeWait;
+    if (WaitForSingleObject(record->thread, left) == WAIT_TIMEOUT && !CallsWereGivenUp()) {
+        product::DatabaseInfo info;
+        GetDatabaseInfo(record->manager->masterDatabase, &info);
+    }
+    return CallsWereGivenUp() ? g_timings.detachThread : g_timings.closeWait;
+}
+
+// As EndThread; a thread that has ended is not waited for.
+bool EndThreadOfList(const ThreadRecord* record) {
+    DWORD exitCode = STILL_ACTIVE;
+    if (!GetExitCodeThread(record->thread, &exitCode)) return Terminate(record->thread, g_timings.closeWait);
+    return exitCode != STILL_ACTIVE || EndThread(record->thread, TimeToEnd(record));
+}
+
+} // namespace
+
+ThreadRecord* FindLastRegistration(ThreadRecord* head) {
+    if (head == nullptr) return nullptr;
+    while (head->next != nullptr)
+        head = head->next;
+    return head;
+}
+
+bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc procedure) {
+    record->stopEvent = CreateEventA(ObjectSecurity(), TRUE, FALSE, nullptr);
+    record->begunEvent = CreateEventA(ObjectSecurity(), TRUE, FALSE, nullptr);
+    record->procedure = procedure;
+    record->manager = manager;
+    InterlockedIncrement(&manager->references);
+    DWORD threadId = 0;
+    if (record->stopEvent != nullptr && record->begunEvent != nullptr)
+        record->thread = CreateThread(nullptr, kStackSize, RunRecord, record, 0, &threadId);
+    if (record->thread == nullptr) {
+        CloseHandles(record);
+        ReleaseManager(manager); // not the last one: the caller has its own
+        return false;
+    }
+    record->threadId = threadId;
+    return true;
+}
+
+void AwaitThreadBegun(const ThreadRecord& record) {
+    const HANDLE begunOrEnded[] = {record.begunEvent, record.thread};
+    WaitForMultipleObjects(2, begunOrEnded, FALSE, g_timings.beginWait);
+}
+
+void ThreadHasBegun(const ThreadRecord& record) {
+    SetEvent(record.begunEvent);
+}
+
+void StopThreadRecord(ThreadRecord* record) {
+    SetEvent(record->stopEvent);
+    if (IsOwn(record))
+        LeaveToItself(record);
+    else if (EndThread(record->thread, g_timings.cancelWait))
+        FreeRecord(record);
+}
+
+void StopThreadRecords(ThreadRecord* head) {
+    for (ThreadRecord* record = head; record != nullptr; record = record->next)
+        SetEvent(record->stopEvent);
+    while (head != nullptr) {
+        ThreadRecord* record = head;
+        head = record->next;
+        if (IsOwn(record))
+            LeaveToItself(record);
+        else if (EndThreadOfList(record))
+            FreeRecord(record);
+    }
+}

@@ -1,0 +1,188 @@
+// Both paths. State: none; what a request leaves behind is in the printer's database.
+#include "requests/exchange.h"
+
+#include "base/timings.h"
+#include "machine/object_names.h"
+#include "machine/process_state.h"
+#include "manager/variable_lookup.h"
+#include "product/guards.h"
+#include "requests/readiness.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+constexpr char kReadRequest[] = "ReadRequest";
+constexpr char kWriteRequest[] = "WriteRequest";
+constexpr char kRefresh[] = "Refresh";
+constexpr char kRefreshStatus[] = "RefreshStatus";
+constexpr char kResult[] = "RWResult";
+
+struct ForwardText {
+    char text[product::kRequestTextMax + 1];
+};
+
+// A service that does not know the handle is another one than the request was begun with.
+Status Ended(Answer answer) {
+    return PassOn(answer == Answer::UnknownDatabase ? Answer::CallFailed : answer);
+}
+
+const char* MailboxOf(RequestKind kind) {
+    return kind == RequestKind::Read ? kReadRequest : kWriteRequest;
+}
+
+Answer WriteText(DatabaseHandle database, const char* variable, const char* text) {
+    return WriteVariable(database, variable, text, static_cast<DWORD>(strlen(text) + 1));
+}
+
+// What a request names: of a write the companion, the variable that carries its value.
+struct RequestText {
+    RequestText(RequestKind kind, const char* variableName) {
+        const char* name = kind == RequestKind::Refresh ? kRefreshStatus : variableName;
+        snprintf(text, sizeof text, "%s%s", name, kind == RequestKind::Write ? "W" : "");
+    }
+    char text[product::kVariableNameMax + 2]; // the service refuses what is too long
+};
+
+Answer PostRequest(const PrinterRequest& request) {
+    return WriteText(request.printerDatabase, MailboxOf(request.kind),
+                     RequestText(request.kind, request.variableName).text);
+}
+
+// A watch on the result, ended with the guard.
+struct ResultWatch {
+    explicit ResultWatch(DatabaseHandle database) : m_database(database) {
+        // Without the watch the result is looked at from time to time all the same.
+        m_set = WatchVariable(database, kResult, product::kEveryWrite) == Answer::Done;
+    }
+    ~ResultWatch() {
+        if (m_set) UnwatchVariable(m_database, kResult);
+    }
+    ResultWatch(const ResultWatch&) = delete;
+    ResultWatch& operator=(const ResultWatch&) = delete;
+
+private:
+    DatabaseHandle m_database;
+    bool m_set;
+};
+
+DWORD Smaller(DWORD a, DWORD b) {
+    return a < b ? a : b;
+}
+
+// Waits until the result was written once more than the count says. An event alone does not tell: its pulse is missed
+// by a thread that does not wait yet, and the pulse that closes a burst belongs to no request. So the count decides,
+// and it is looked at after each slice.
+Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DWORD boundMs) {
+    const DWORD start = GetTickCount();
+    DWORD slice = g_timings.answerSlice;
+    for (;;) {
+        const DWORD waited = GetTickCount() - start;
+        const bool isLast = boundMs != INFINITE && waited >= boundMs;
+        const DWORD left = boundMs == INFINITE ? slice : Smaller(slice, isLast ? 0 : boundMs - waited);
+        const DWORD wait = WaitForSingleObject(event, left);
+        DWORD writes = 0;
+        if (const Answer answer = GetWriteCount(database, kResult, &writes); answer != Answer::Done)
+            return Ended(answer);
+        if (writes != writesBefore) return TVS_OK;
+        if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
+        if (wait == WAIT_OBJECT_0) {
+            // Woken for nothing; by an event that somebody left set, at once and again and again.
+            ResetEvent(event);
+            continue;
+        }
+        slice = Smaller(slice * 2, g_timings.longestAnswerSlice);
+    }
+}
+
+bool WriteTimeOf(DatabaseHandle database, const char* name, ULONGLONG* time) {
+    SYSTEMTIME written;
+    FILETIME file;
+    if (GetWriteTime(database, name, &written) != Answer::Done || !SystemTimeToFileTime(&written, &file)) return false;
+    *time = ULONGLONG{file.dwHighDateTime} << 32 | file.dwLowDateTime;
+    return true;
+}
+
+bool MayBeUnanswered(DatabaseHandle database) {
+    ULONGLONG read = 0;
+    ULONGLONG write = 0;
+    ULONGLONG result = 0;
+    return WriteTimeOf(database, kReadRequest, &read) && WriteTimeOf(database, kWriteRequest, &write) &&
+           WriteTimeOf(database, kResult, &result) && (read >= result || write >= result);
+}
+
+// The requester before this one died with the mutex. Its answer may still come, and must not be taken for ours.
+void AwaitLateAnswer(DatabaseHandle database) {
+    const DWORD start = GetTickCount();
+    while (MayBeUnanswered(database) && CallsAreLetIn() && GetTickCount() - start < g_timings.lateAnswerBound)
+        Sleep(g_timings.answerSlice);
+}
+
+Status ReadResult(DatabaseHandle database) {
+    int32_t result = 0;
+    DWORD size = 0;
+    const Answer answer = ReadVariable(database, kResult, &result, sizeof result, &size);
+    return answer == Answer::Done ? result : Ended(answer);
+}
+
+} // namespace
+
+PrinterRequest RequestOf(const ManagerRecord* manager, RequestKind kind, const char* variableName) {
+    return {.printerDatabase = manager->printerDatabase.handle,
+            .databaseName = CurrentDatabaseName(manager),
+            .kind = kind,
+            .variableName = variableName};
+}
+
+RequestKind WriteKindOf(const char* variableName) {
+    return strcmp(variableName, kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
+}
+
+bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable) {
+    const StatusVariableDef* mailbox = FindStatusVariable(manager, MailboxOf(kind));
+    return mailbox != nullptr && strlen(RequestText(kind, variable.name).text) < mailbox->size;
+}
+
+Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
+    if (WriteKindOf(variable.name) == RequestKind::Refresh) {
+        if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
+        const CallerValue::Bytes text = value.Text();
+        return PassOn(WriteVariable(printerDatabase, kRefreshStatus, text.data, text.size));
+    }
+    const RequestText companion(RequestKind::Write, variable.name);
+    const CallerValue::Bytes stored = value.Stored((variable.flags & SVT_VARIABLE) != 0);
+    const Answer answer = WriteVariable(printerDatabase, companion.text, stored.data, stored.size);
+    return answer == Answer::Done ? TVS_OK : TVS_E_UNKNOWN;
+}
+
+Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs) {
+    const DatabaseHandle database = request.printerDatabase;
+    if (mutexWait == WAIT_ABANDONED) AwaitLateAnswer(database);
+    const KernelHandle event(CreateNamedEvent(product::VariableEventName(g_terminalServer, request.databaseName.text,
+                                                                         kResult, product::VariableSignal::Updated)));
+    if (!event) return TVS_E_MEMORY;
+    {
+        const ResultWatch watch(database);
+        DWORD writes = 0;
+        Answer answer = GetWriteCount(database, kResult, &writes);
+        if (answer == Answer::Done) answer = PostRequest(request);
+        if (answer != Answer::Done) return Ended(answer);
+        if (const Status status = AwaitResult(database, event.handle, writes, boundMs); status != TVS_OK) return status;
+    }
+    return ReadResult(database);
+}
+
+Status PostForwardedRequest(const PrinterRequest& request) {
+    // A refresh has its text in a variable of its own, and nothing to name here.
+    return request.kind == RequestKind::Refresh ? TVS_OK : Ended(PostRequest(request));
+}
+
+Status ForwardPostedRequest(const PrinterRequest& request, const char* printerName) {
+    const char* kind = request.kind == RequestKind::Refresh ? kRefresh : MailboxOf(request.kind);
+    ForwardText text;
+    snprintf(text.text, sizeof text.text, "%s:%s", kind, printerName); // a printer's name has at most 259 bytes
+    const Status result = PassOn(ForwardRequest(text.text));
+    WriteVariable(request.printerDatabase, kResult, &result, sizeof result);
+    return result;
+}

@@ -1,0 +1,76 @@
+// "Port" and "PrinterName": where the printer is and what it is called. A change of either is more than the value.
+//
+// State: the printer's database and, for the name, the printer list. Both are changed under the database mutex, so that
+// two processes that change them at once leave what one after the other would have left.
+#include "manager/printer_list.h"
+#include "manager/variable_handlers.h"
+#include "product/guards.h"
+#include "values/database_creation.h"
+#include "values/printer_name.h"
+
+#include <tvsqdz_records.h>
+
+#include <string.h>
+
+namespace {
+
+constexpr char kPort[] = "Port";
+constexpr char kPrinterName[] = "PrinterName";
+
+bool IsSamePort(const TvsPortRecord& a, const TvsPortRecord& b) {
+    return a.portKind == b.portKind && strncmp(a.portName, b.portName, sizeof a.portName) == 0 &&
+           strncmp(a.portDetail, b.portDetail, sizeof a.portDetail) == 0;
+}
+
+// The text of a value, with or without a NUL; false when it is none that a printer can have.
+bool TakeName(const void* data, uint32_t size, PrinterNameText* name) {
+    const size_t length = strnlen(static_cast<const char*>(data), size);
+    if (length == 0 || length >= sizeof name->text) return false;
+    *name = {};
+    memcpy(name->text, data, length);
+    return true;
+}
+
+} // namespace
+
+int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    TvsPortRecord port;
+    if (!TakeRecord(data, size, &port)) return PassOn(Answer::WrongSize);
+    const MutexHold lock(manager->databaseMutex);
+    TvsPortRecord stored = {}; // one that cannot be read counts as none yet
+    DWORD storedSize = 0;
+    ReadVariable(manager->printerDatabase, kPort, &stored, sizeof stored, &storedSize);
+    // First: for whoever may not change the port nothing changes.
+    const Answer answer = WriteVariable(manager->printerDatabase, kPort, &port, sizeof port);
+    if (answer == Answer::AccessDenied) return PassOn(answer);
+    if (stored.portKind != 0 && !IsSamePort(stored, port)) {
+        RefreshedPrinterName(manager); // the driver data lie under the name that the printer has now
+        ResetPortDependentVariables(manager);
+    }
+    return TVS_OK;
+}
+
+int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    PrinterNameText name;
+    if (!TakeName(data, size, &name)) return PassOn(Answer::WrongSize);
+    const MutexHold lock(manager->databaseMutex);
+    PrinterNameText old;
+    if (!ReadStoredPrinterName(manager->printerDatabase, &old)) return TVS_E_NOT_NOW;
+    if (strcmp(name.text, old.text) == 0) return TVS_OK;
+    switch (RenameInPrinterList(manager->masterDatabase, old, name)) {
+    case Renaming::UnknownPrinter:
+    case Renaming::NotStored:
+        return TVS_E_NOT_NOW;
+    case Renaming::Denied:
+        return PassOn(Answer::AccessDenied);
+    case Renaming::NameTaken:
+        return PassOn(Answer::DatabaseExists);
+    case Renaming::NoMemory:
+        return TVS_E_MEMORY;
+    case Renaming::Done:
+        break;
+    }
+    ChangePrinterName(manager, name);
+    WriteVariable(manager->printerDatabase, kPrinterName, name.text, sizeof name.text);
+    return TVS_OK;
+}
