@@ -1,6 +1,6 @@
 // Attach and detach, and the state of the process and the machine.
-#include "base/heap.h"
-#include "base/own_process.h"
+#include "base/memory.h"
+#include "base/system.h"
 #include "base/timings.h"
 #include "machine.h"
 #include "machine/process_state.h"

@@ -1,7 +1,7 @@
 // The built-in table, its order, and the look-up.
 #include "machine.h"
-#include "manager/variable_lookup.h"
-#include "manager/variable_table.h"
+#include "manager/variable_index.h"
+#include "manager/variables.h"
 #include "product/name_order.h"
 
 TEST(Catalogue, EveryRowIsFoundAndNothingElse) {

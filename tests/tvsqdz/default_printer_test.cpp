@@ -1,7 +1,7 @@
 // The repair of a default printer that does not exist any more.
 #include "base/timings.h"
 #include "machine.h"
-#include "manager/default_printer.h"
+#include "manager/kind_effects.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The queue of jobs: what reports of sent and printed jobs do to it, whose jobs are in it, and who is told.
 #include "campaign.h"
-#include "manager/variable_handlers.h"
+#include "manager/variables.h"
 #include "notification_kit.h"
 #include "product/client.h"
 

@@ -1,6 +1,6 @@
 #include "notification_kit.h"
 
-#include "notify/registration_record.h"
+#include "notify/delivery.h"
 
 Calls g_calls[4];
 

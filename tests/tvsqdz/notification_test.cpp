@@ -1,7 +1,7 @@
 // Registrations: what is watched by whom, what is delivered, what is refused.
 #include "base/timings.h"
 #include "campaign.h"
-#include "manager/variable_handlers.h"
+#include "manager/variables.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
 #include "printer_side.h"

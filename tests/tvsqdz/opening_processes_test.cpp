@@ -1,7 +1,7 @@
 // Opens of many processes at once, and of those that die in the middle.
 #include "base/timings.h"
 #include "machine.h"
-#include "machine/database_opening.h"
+#include "machine/status_service.h"
 #include "product/client.h"
 #include "product/object_names.h"
 

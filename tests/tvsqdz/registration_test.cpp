@@ -1,9 +1,8 @@
 // What the registry and the spooler know of a printer: driver, model, and the variables that the model defines.
-#include "base/heap.h"
+#include "base/memory.h"
 #include "machine.h"
 #include "manager/printer_registration.h"
 #include "manager/variable_index.h"
-#include "manager/variable_lookup.h"
 
 #include <cstring>
 

@@ -7,7 +7,7 @@
 #include "printer_side.h"
 #include "product/client_kinds.h"
 #include "product/guards.h"
-#include "requests/status_request.h"
+#include "requests/threads.h"
 
 #include <algorithm>
 #include <cstring>

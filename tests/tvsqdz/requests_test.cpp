@@ -1,12 +1,12 @@
 // Asynchronous requests: their codes in their order, their results, and what they survive.
 #include "base/timings.h"
-#include "manager/variable_lookup.h"
+#include "manager/variable_index.h"
 #include "memory_kit.h"
 #include "notification_kit.h"
 #include "printer_side.h"
 #include "product/client_kinds.h"
 #include "product/object_names.h"
-#include "requests/results.h"
+#include "requests/threads.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,5 +1,5 @@
 // How the threads of a manager are stopped.
-#include "base/heap.h"
+#include "base/memory.h"
 #include "base/timings.h"
 #include "machine.h"
 #include "manager/thread_records.h"

@@ -1,9 +1,9 @@
 // Updates, the copies in the driver data, the reset on a port change, and the results of write requests.
 #include "machine.h"
-#include "manager/variable_lookup.h"
+#include "manager/variable_index.h"
 #include "product/client.h"
 #include "values/database_creation.h"
-#include "values/driver_data.h"
+#include "values/updating.h"
 
 #include <cstring>
 

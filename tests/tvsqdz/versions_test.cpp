@@ -1,7 +1,6 @@
 // What the library makes of each Windows: the platform bit, Terminal Services, and with it the names of kernel objects.
 #include "machine.h"
-#include "machine/object_names.h"
-#include "machine/object_security.h"
+#include "machine/objects.h"
 
 // Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
 TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {

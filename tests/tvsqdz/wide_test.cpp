@@ -2,10 +2,10 @@
 #include "base/converters.h"
 #include "campaign.h"
 #include "machine.h"
-#include "manager/variable_table.h"
+#include "manager/variables.h"
 #include "memory_kit.h"
 #include "notification_kit.h"
-#include "notify/registration_record.h"
+#include "notify/delivery.h"
 #include "printer_side.h"
 #include "wide_literal.h"
 

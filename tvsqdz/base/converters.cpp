@@ -1,10 +1,10 @@
 // One table of fields for each record, and one procedure for each direction that works by it. No state.
 #include "base/converters.h"
 
-#include "base/caller_memory.h"
-#include "base/heap.h"
+#include "base/memory.h"
 #include "product/status.h"
 
+#include <algorithm>
 #include <string.h>
 
 namespace {
@@ -83,10 +83,6 @@ static_assert(CoversTheRecord(kPortForms) && CoversTheRecord(kPortExForms));
 constexpr uint32_t kWideRecordSizeMax = sizeof(TvsPrintingJobRecord2Wide);
 
 constexpr uint32_t kCountSize = sizeof(uint32_t);
-
-uint32_t Smaller(uint32_t a, uint32_t b) {
-    return a < b ? a : b;
-}
 
 uint32_t LengthOf(const WCHAR* text, uint32_t most) {
     uint32_t length = 0;
@@ -314,7 +310,7 @@ int32_t WINAPI StringToAnsi(void* wide, void* ansi, uint32_t size, uint32_t* out
     if (ansi == nullptr || room == 0) return TVS_E_MEMORY;
     WCHAR from[kStringSizeMax + 1];
     char to[kStringSizeMax];
-    const uint32_t characters = Smaller(room, kStringSizeMax);
+    const uint32_t characters = std::min(room, kStringSizeMax);
     *outSize = 0;
     if (!CopyCallerText(from, characters, static_cast<const WCHAR*>(wide))) return TVS_E_FAULT;
     const uint32_t bytes = NarrowText(from, characters, to);

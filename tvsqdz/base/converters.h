@@ -15,7 +15,7 @@
 //   TVS_E_SIZE    StringToWide alone: the text did not fit and was cut
 #pragma once
 
-#include "base/heap.h"
+#include "base/memory.h"
 #include "product/status.h"
 
 #include <tvsqdz.h>

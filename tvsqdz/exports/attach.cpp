@@ -2,14 +2,13 @@
 // thread is still in a call at the process's end is the one exception, and the detach is prepared for it.
 #include "exports/attach.h"
 
-#include "base/heap.h"
-#include "base/platform_version.h"
-#include "base/registry_text.h"
+#include "base/memory.h"
+#include "base/system.h"
 #include "base/timings.h"
 #include "exports/closing.h"
-#include "machine/object_security.h"
+#include "machine/objects.h"
 #include "machine/process_state.h"
-#include "manager/variable_table.h"
+#include "manager/variables.h"
 #include "product/client.h"
 
 namespace {
@@ -89,4 +88,18 @@ void DetachProcess() {
     DeleteCriticalSection(&g_managerLock.section);
     DestroyHeap();
     UnbindStatusDatabase();
+}
+
+// The entry point, which the loader calls when the library comes into a process and when it goes.
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
+    switch (reason) {
+    case DLL_PROCESS_ATTACH:
+        return AttachProcess(module);
+    case DLL_PROCESS_DETACH:
+        DetachProcess();
+        return TRUE;
+    default:
+        return TRUE;
+    }
 }

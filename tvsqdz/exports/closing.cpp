@@ -2,7 +2,7 @@
 // its last reference.
 #include "exports/closing.h"
 
-#include "base/heap.h"
+#include "base/memory.h"
 #include "base/timings.h"
 #include "exports/reopening.h"
 #include "manager/printer_list.h"

@@ -2,22 +2,18 @@
 // printer in the printer list, creates or opens the printer's database, and takes the mutexes that later calls need.
 #include "exports/opening.h"
 
-#include "base/caller_memory.h"
-#include "base/heap.h"
-#include "base/own_process.h"
+#include "base/memory.h"
+#include "base/system.h"
 #include "exports/closing.h"
-#include "machine/database_opening.h"
-#include "machine/object_names.h"
-#include "machine/object_security.h"
+#include "machine/objects.h"
 #include "machine/status_service.h"
-#include "manager/default_printer.h"
-#include "manager/desktop_agent.h"
+#include "manager/kind_effects.h"
 #include "manager/printer_list.h"
 #include "manager/printer_registration.h"
 #include "manager/variable_index.h"
 #include "product/client_kinds.h"
 #include "product/guards.h"
-#include "requests/manager_service.h"
+#include "requests/owner.h"
 #include "values/database_creation.h"
 
 #include <string.h>
@@ -247,6 +243,30 @@ OpenNames ReadNames(const char* printerName, const char* userName) {
     return names;
 }
 
+template <DWORD size>
+Status ConvertName(const WCHAR* callersName, char (&name)[size]) {
+    switch (ReadCallerName(name, callersName)) {
+    case CallerText::Read:
+        return TVS_OK;
+    case CallerText::Fault:
+        return TVS_E_FAULT;
+    case CallerText::TooLong:
+        break;
+    }
+    return TVS_E_UNAVAILABLE;
+}
+
+OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName) {
+    OpenNames names;
+    names.printerStatus = ConvertName(printerName, names.printer);
+    names.userStatus = ConvertName(userName, names.user);
+    if (names.userStatus == TVS_E_FAULT) {
+        names.user[0] = '\0'; // counts as absent
+        names.userStatus = TVS_OK;
+    }
+    return names;
+}
+
 } // namespace
 
 int32_t TVS_CALL OpenManagerExA(const char* printerName, const char* userName, uint32_t clientKind,
@@ -256,4 +276,13 @@ int32_t TVS_CALL OpenManagerExA(const char* printerName, const char* userName, u
 
 int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, TvsManager* manager) {
     return OpenManagerExA(printerName, userName, 0, manager);
+}
+
+int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar* userName, TvsManager* manager) {
+    return OpenManager(ConvertNames(printerName, userName), 0, manager);
+}
+
+int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName, uint32_t clientKind,
+                                TvsManager* manager) {
+    return OpenManager(ConvertNames(printerName, userName), clientKind, manager);
 }

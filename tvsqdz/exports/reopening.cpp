@@ -1,11 +1,11 @@
 // State: the manager's record.
 #include "exports/reopening.h"
 
-#include "base/heap.h"
+#include "base/memory.h"
 #include "base/timings.h"
 #include "exports/closing.h"
 #include "exports/opening.h"
-#include "machine/object_names.h"
+#include "machine/objects.h"
 #include "manager/printer_list.h"
 #include "product/guards.h"
 

@@ -1,18 +1,18 @@
 // The exports that start a direct read or write and return at once. What can be refused is refused here, on the
 // caller's thread; the exchange itself runs on a thread of its own (request_threads.h), or in the printer's owner
 // (relayed_requests.h).
-#include "base/caller_memory.h"
-#include "manager/variable_lookup.h"
+#include "base/memory.h"
+#include "exports/wide_names.h"
+#include "manager/variable_index.h"
 #include "notify/relayed_registrations.h"
 #include "product/guards.h"
-#include "requests/direct_access.h"
+#include "requests/direct.h"
 #include "requests/exchange.h"
-#include "requests/readiness.h"
-#include "requests/relayed_requests.h"
-#include "requests/request_threads.h"
-#include "requests/results.h"
-#include "values/printer_name.h"
+#include "requests/owner.h"
+#include "requests/threads.h"
+#include "values/port_and_name.h"
 #include "values/user_authority.h"
+#include "values/wide_values.h"
 
 #include <string.h>
 
@@ -162,4 +162,54 @@ int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const char* variabl
                                          void* window, uint32_t message, uint32_t* requestId) {
     return StartWrite(manager, variable, data, size, {.flag = REQ_BY_MESSAGE, .target = window, .message = message},
                       requestId);
+}
+
+// The wide exports of asynchronous requests.
+
+namespace {
+
+// The caller's number is 0 whatever fails, also before the ANSI form is reached.
+template <typename AnsiForm> // Status(const char* name, const void* data, uint32_t size)
+Status StartWrite(TvsManager manager, const WCHAR* callersVariable, const void* value, uint32_t size,
+                  uint32_t* requestId, AnsiForm ansiForm) {
+    const uint32_t none = 0;
+    if (!CopyToCaller(requestId, &none, sizeof none)) return TVS_E_FAULT;
+    const auto write = [&](ManagerRecord*, const StatusVariableDef& variable, const void* data, uint32_t dataSize) {
+        return ansiForm(variable.name, data, dataSize);
+    };
+    return ServeWideWrite(manager, callersVariable, value, size, write);
+}
+
+} // namespace
+
+int32_t TVS_CALL GetReqPrinterStatusEventW(TvsManager manager, const TvsWideChar* variable, void* event) {
+    return WithName(manager, variable,
+                    [&](const char* name) { return GetReqPrinterStatusEventA(manager, name, event); });
+}
+
+int32_t TVS_CALL GetReqPrinterStatusMsgW(TvsManager manager, const TvsWideChar* variable, void* window,
+                                         uint32_t message) {
+    return WithName(manager, variable,
+                    [&](const char* name) { return GetReqPrinterStatusMsgA(manager, name, window, message); });
+}
+
+int32_t TVS_CALL SetReqPrinterStatusEventW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                           uint32_t size, void* event, uint32_t* requestId) {
+    const auto ansiForm = [&](const char* name, const void* value, uint32_t valueSize) {
+        return SetReqPrinterStatusEventA(manager, name, value, valueSize, event, requestId);
+    };
+    return StartWrite(manager, variable, data, size, requestId, ansiForm);
+}
+
+int32_t TVS_CALL SetReqPrinterStatusMsgW(TvsManager manager, const TvsWideChar* variable, const void* data,
+                                         uint32_t size, void* window, uint32_t message, uint32_t* requestId) {
+    const auto ansiForm = [&](const char* name, const void* value, uint32_t valueSize) {
+        return SetReqPrinterStatusMsgA(manager, name, value, valueSize, window, message, requestId);
+    };
+    return StartWrite(manager, variable, data, size, requestId, ansiForm);
+}
+
+int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result) {
+    const ManagerCall call(manager);
+    return call ? TakeResult(call.Manager(), requestId, result) : TVS_E_HANDLE;
 }

@@ -1,9 +1,9 @@
 // The frame of a wide export that converts nothing but a variable's name and leaves the rest to its ANSI form.
 #pragma once
 
-#include "base/caller_memory.h"
+#include "base/memory.h"
 #include "manager/manager_record.h"
-#include "manager/variable_lookup.h"
+#include "manager/variable_index.h"
 #include "product/status.h"
 
 // The handle comes first, as in the ANSI forms.

@@ -1,10 +1,9 @@
 // State: all of process_state.h, the mapping of the shared counters, and who is inside.
 #include "machine/process_state.h"
 
-#include "base/heap.h"
-#include "base/platform_version.h"
-#include "machine/object_names.h"
-#include "machine/object_security.h"
+#include "base/memory.h"
+#include "base/system.h"
+#include "machine/objects.h"
 
 ManagerLock g_managerLock;
 ManagerRecord* g_managerList;

@@ -4,6 +4,8 @@
 // that shows itself by a window and whose executable the registry names.
 #pragma once
 
+#include "product/client.h"
+
 #include <windows.h>
 
 // True once the NT service runs; false when it is stopped, cannot be asked, or is not up in time. A service that keeps
@@ -17,3 +19,9 @@ bool WaitForStatusService9x(DWORD seconds);
 // Windows 95/98/Me: has the present process close and starts a new one. True when one was started; always false
 // elsewhere.
 bool RestartStatusService9x();
+
+// Getting hold of a database that may not exist yet, may be ready, or may just be initialised by another process.
+
+// Creates the database or opens the one that exists. Done: *handle is open, and with *created the caller initialises it
+// and ends that with EndDatabaseInitialization. Any other answer is why there is no handle.
+Answer CreateOrOpenDatabase(const char* name, DatabaseHandle* handle, bool* created);

@@ -5,16 +5,15 @@
 // to go takes the record down, so a manager that is closed while another thread is in a call on it outlives that call.
 #pragma once
 
-#include "base/platform_version.h"
+#include "base/system.h"
 #include "machine/process_state.h"
 #include "manager/manager_database.h"
-
-#include <tvsqdz.h>
-#include <windows.h>
 
 #include <atomic>
 #include <stddef.h>
 #include <stdint.h>
+#include <tvsqdz.h>
+#include <windows.h>
 
 struct RetiredMutex;
 struct StatusVariableDef;

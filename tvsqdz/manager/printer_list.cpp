@@ -2,13 +2,13 @@
 // mutex.
 #include "manager/printer_list.h"
 
-#include "base/heap.h"
-#include "base/own_process.h"
+#include "base/memory.h"
+#include "base/system.h"
 #include "base/timings.h"
-#include "machine/database_opening.h"
 #include "machine/process_state.h"
+#include "machine/status_service.h"
 #include "manager/printer_registration.h"
-#include "manager/variable_table.h"
+#include "manager/variables.h"
 #include "product/client_kinds.h"
 #include "product/guards.h"
 

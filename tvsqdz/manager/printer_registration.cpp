@@ -1,8 +1,8 @@
 // Reads only; a change in the registry is seen by the managers that are opened after it.
 #include "manager/printer_registration.h"
 
-#include "base/heap.h"
-#include "base/registry_text.h"
+#include "base/memory.h"
+#include "base/system.h"
 #include "product/guards.h"
 
 #include <winspool.h>

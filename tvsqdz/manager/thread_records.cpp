@@ -2,9 +2,9 @@
 // is left when a thread has had its time.
 #include "manager/thread_records.h"
 
-#include "base/heap.h"
+#include "base/memory.h"
 #include "base/timings.h"
-#include "machine/object_security.h"
+#include "machine/objects.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "manager/manager_record.h"
-#include "manager/status_variable.h"
+#include "manager/variables.h"
 
 #include <windows.h>
 

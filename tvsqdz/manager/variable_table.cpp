@@ -1,10 +1,9 @@
 // The built-in status variables: constant data. The rows stand in the order of their names, which the look-up relies
 // on; the compiler checks the order, and that the rows agree with the published list.
-#include "manager/variable_table.h"
+#include "manager/variables.h"
 
 #include "base/converters.h"
 #include "manager/built_values.h"
-#include "manager/variable_handlers.h"
 #include "product/name_order.h"
 
 #include <tvsqdz_variables.h>

@@ -1,10 +1,90 @@
-// What watcher threads have in common: the watched event of a variable, its last write, and telling the registrant.
+// The record of a notification registration: what is watched, how it is told, and the thread that does it.
+//
+// Made complete before its thread starts; the thread reads it and writes nothing. Every record of a manager's list is
+// one of these.
 #pragma once
 
 #include "base/timings.h"
-#include "notify/registration_record.h"
+#include "manager/thread_records.h"
 
+#include <stddef.h>
+#include <stdint.h>
+#include <tvsqdz.h>
 #include <windows.h>
+
+inline constexpr DWORD kWatchedNameSize = 32; // with its NUL
+
+// Bits of NotificationEntry.mode.
+inline constexpr uint32_t NOTIFY_BY_EVENT = 0x001;   // sets the event `target`
+inline constexpr uint32_t NOTIFY_BY_MESSAGE = 0x002; // posts `message` to the window `target`
+inline constexpr uint32_t NOTIFY_DELEGATED = 0x004;  // served by a registration of its own, whose handle is `target`
+inline constexpr uint32_t NOTIFY_ON_UPDATE = 0x100;  // tells every write
+inline constexpr uint32_t NOTIFY_ON_CHANGE = 0x200;  // tells writes of another value
+
+struct NotificationEntry {
+    uint32_t mode;
+    uint32_t withoutValue; // callbacks: not 0 when the callback gets no value
+    char variableName[kWatchedNameSize];
+    UINT_PTR target;    // event, window, callback or registration
+    uint32_t message;   // messages: the number to post
+    uint32_t valueSize; // of a value of fixed size; else 0
+};
+
+struct NotificationRegistration {
+    ThreadRecord thread;
+    // Copies of what the manager has; thread.manager keeps them good.
+    HANDLE databaseMutex;
+    const char* userName;
+    TvsManager callbackContext; // the callback's first argument
+    uint32_t callbackIndex;     // the second one where a watcher serves a single variable
+    uint32_t entryCount;
+    NotificationEntry entries[1]; // entryCount of them
+};
+static_assert(offsetof(NotificationRegistration, thread) == 0);
+static_assert(offsetof(NotificationEntry, mode) == 0 && offsetof(NotificationEntry, withoutValue) == 4 &&
+              offsetof(NotificationEntry, variableName) == 8 && offsetof(NotificationEntry, target) == 40 &&
+              offsetof(NotificationEntry, message) == 40 + sizeof(UINT_PTR));
+
+constexpr uint64_t RegistrationSize(uint32_t entryCount) {
+    return offsetof(NotificationRegistration, entries) + uint64_t{sizeof(NotificationEntry)} * entryCount;
+}
+
+// What every call of a watcher goes through. In the watcher's thread, which keeps the manager.
+inline const ManagerDatabase& PrinterDatabaseOf(const NotificationRegistration& registration) {
+    return registration.thread.manager->printerDatabase;
+}
+
+inline const NotificationRegistration& RegistrationOf(const void* threadParameter) {
+    return *static_cast<const NotificationRegistration*>(threadParameter);
+}
+
+// The value that a callback is given: read by its watcher, good for the duration of the call.
+
+class CallbackValue {
+public:
+    // grows: a value that does not fit is read again with as much room as it needs.
+    explicit CallbackValue(bool grows) : m_grows(grows) {}
+    ~CallbackValue();
+    CallbackValue(const CallbackValue&) = delete;
+    CallbackValue& operator=(const CallbackValue&) = delete;
+
+    // The value as the database stores it. Null and *size 0 when it cannot be had, or is larger than its variable's
+    // fixed size and may not grow: the callback then learns of the write, and of no bytes that are not the value.
+    const BYTE* Read(const NotificationRegistration& registration, const NotificationEntry& entry, DWORD* size);
+
+private:
+    static constexpr DWORD kFixedMax = 320; // "PrintingJobInfo2", the largest that is watched on its own
+
+    const BYTE* ReadGrowing(const ManagerDatabase& database, const char* name, DWORD* size);
+    void Resize(DWORD capacity);
+
+    bool m_grows;
+    BYTE* m_block = nullptr; // of the heap; made when the first value needs it
+    DWORD m_capacity = 0;
+    alignas(8) BYTE m_fixed[kFixedMax];
+};
+
+// What watcher threads have in common: the watched event of a variable, its last write, and telling the registrant.
 
 // The event of a variable of the registration's printer, which the service pulses at every write or at every change for
 // as long as the watch lives. A service that was started anew knows nothing of it: it is lost then, and renewed by its
@@ -92,3 +172,6 @@ bool ReadLastWrite(const NotificationRegistration& registration, const Notificat
 bool IsSameWrite(const LastWrite& a, const LastWrite& b);
 // From the year down to the milliseconds; the day of the week is not looked at.
 bool IsNotEarlier(const SYSTEMTIME& time, const SYSTEMTIME& other);
+
+// The exit code of a watch thread that ends by itself.
+inline constexpr DWORD kWatchEnded = 1;

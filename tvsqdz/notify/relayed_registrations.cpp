@@ -1,10 +1,9 @@
 // State: the printer's database.
 #include "notify/relayed_registrations.h"
 
-#include "base/heap.h"
-#include "manager/variable_lookup.h"
-#include "notify/caller_array.h"
-#include "notify/name_list.h"
+#include "base/memory.h"
+#include "manager/variable_index.h"
+#include "notify/caller_lists.h"
 #include "notify/registrations.h"
 #include "product/client_kinds.h"
 #include "product/guards.h"

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "manager/manager_record.h"
-#include "notify/registration_record.h"
+#include "notify/delivery.h"
 #include "product/status.h"
 
 #include <windows.h>

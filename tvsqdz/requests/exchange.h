@@ -12,10 +12,10 @@
 #pragma once
 
 #include "manager/manager_record.h"
-#include "manager/status_variable.h"
+#include "manager/variables.h"
 #include "product/client.h"
 #include "product/status.h"
-#include "values/caller_value.h"
+#include "values/updating.h"
 
 #include <stdint.h>
 
@@ -53,3 +53,19 @@ Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boun
 // second is the request's result.
 Status PostForwardedRequest(const PrinterRequest& request);
 Status ForwardPostedRequest(const PrinterRequest& request, const char* printerName);
+
+// What is asked before a request goes to the printer side: whether it takes one, and whether this caller may make it.
+
+// Requests of the manager travel through the service's ForwardRequest, not through the printer side's mailbox.
+inline bool UsesForwardedPath(const ManagerRecord* manager) {
+    return manager->lmFunction != 0;
+}
+
+// The printer side answers requests now. Nobody is asked on the forwarded path, where SpoolerIsReady tells.
+bool PrinterTakesRequests(const ManagerRecord* manager);
+// The printer's port is one that no request can go through.
+bool PortRefusesRequests(const ManagerRecord* manager);
+// Waits a moment for a spooler that is still getting ready (Timings.readinessPause, .readinessPauses).
+bool SpoolerIsReady(const ManagerDatabase& printerDatabase);
+// The spooler takes refreshes.
+bool SpoolerTakesRefreshes(const ManagerDatabase& printerDatabase);

@@ -2,10 +2,10 @@
 // lies in the service and, for persistent variables, in the registry.
 #include "values/database_creation.h"
 
-#include "base/heap.h"
-#include "manager/variable_lookup.h"
-#include "manager/variable_table.h"
-#include "values/driver_data.h"
+#include "base/memory.h"
+#include "manager/variable_index.h"
+#include "manager/variables.h"
+#include "values/updating.h"
 
 #include <string.h>
 

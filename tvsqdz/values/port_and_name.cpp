@@ -2,15 +2,15 @@
 //
 // State: the printer's database and, for the name, the printer list. Both are changed under the database mutex, so that
 // two processes that change them at once leave what one after the other would have left.
+#include "values/port_and_name.h"
+
 #include "manager/printer_list.h"
-#include "manager/variable_handlers.h"
+#include "manager/variables.h"
 #include "product/guards.h"
 #include "values/database_creation.h"
-#include "values/printer_name.h"
-
-#include <tvsqdz_records.h>
 
 #include <string.h>
+#include <tvsqdz_records.h>
 
 namespace {
 
@@ -73,4 +73,29 @@ int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size
     ChangePrinterName(manager, name);
     WriteVariable(manager->printerDatabase, kPrinterName, name.text, sizeof name.text);
     return TVS_OK;
+}
+
+// A printer may be renamed by any process; the database tells.
+
+namespace {
+
+constexpr char kPrinterNameVariable[] = "PrinterName";
+
+bool IsName(const PrinterNameText& name) {
+    return name.text[0] != '\0' && memchr(name.text, '\0', sizeof name.text) != nullptr;
+}
+
+} // namespace
+
+bool ReadStoredPrinterName(const ManagerDatabase& database, PrinterNameText* name) {
+    DWORD size = 0;
+    return ReadVariable(database, kPrinterNameVariable, name->text, sizeof name->text, &size) == Answer::Done &&
+           IsName(*name);
+}
+
+PrinterNameText RefreshedPrinterName(ManagerRecord* manager) {
+    PrinterNameText name;
+    if (!ReadStoredPrinterName(manager->printerDatabase, &name)) return CurrentPrinterName(manager);
+    ChangePrinterName(manager, name);
+    return name;
 }

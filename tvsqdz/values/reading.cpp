@@ -2,24 +2,17 @@
 // the time: one guarded read of the name, one call of the service, two guarded writes, and no allocation.
 #include "values/reading.h"
 
-#include "base/caller_memory.h"
-#include "base/heap.h"
-#include "manager/variable_lookup.h"
+#include "base/memory.h"
+#include "manager/variable_index.h"
 #include "product/guards.h"
+#include "values/stored_list.h"
 
+#include <algorithm>
 #include <string.h>
 
 namespace {
 
 constexpr DWORD kLengthSize = sizeof(uint32_t);
-
-uint32_t Smaller(uint32_t a, uint32_t b) {
-    return a < b ? a : b;
-}
-
-uint32_t Larger(uint32_t a, uint32_t b) {
-    return a > b ? a : b;
-}
 
 // The payload of a value stored with its length first. A stored size below that of the length stands for an empty
 // value.
@@ -37,10 +30,10 @@ Extent ExtentOf(const StatusVariableDef& variable, const BYTE* fetched, DWORD to
     switch (TypeOf(variable)) {
     case SVT_STRING: { // a text that fills its field has no NUL in it, and none is counted
         const uint32_t length = static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(fetched), total));
-        return {0, Smaller(length + 1, total)};
+        return {0, std::min<uint32_t>(length + 1, total)};
     }
     case SVT_VARIABLE:
-        return {kLengthSize, PayloadSize(Smaller(fetchedSize, total))};
+        return {kLengthSize, PayloadSize(std::min<uint32_t>(fetchedSize, total))};
     default:
         return {0, variable.size};
     }
@@ -52,7 +45,7 @@ Status GiveValue(const StatusVariableDef& variable, BYTE* value, uint32_t length
     const bool cut = target.size < length;
     // Terminated before it is copied, so that one write does both.
     if (cut && (variable.flags & SVT_STRING) != 0) value[target.size - 1] = '\0';
-    const uint32_t given = Smaller(target.size, length);
+    const uint32_t given = std::min(target.size, length);
     if (!CopyToCaller(target.buffer, value, given)) return TVS_E_FAULT;
     *returned = given;
     if (fetched != Answer::Done) return PassOn(fetched);
@@ -80,7 +73,7 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
     }
 
     // Room also for what is handed over without having been stored: an extended type's own size, an absent length.
-    Scratch value(Larger(Larger(total, variable.size), kLengthSize));
+    Scratch value(std::max<uint32_t>({total, variable.size, kLengthSize}));
     if (value.Data() == nullptr) return TVS_E_MEMORY;
     DWORD fetchedSize = 0;
     Answer fetched = Answer::Done;
@@ -131,7 +124,40 @@ Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer,
     return Serve(manager, callersVariable, buffer, size, returnedSize, read);
 }
 
-int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
-                                   uint32_t* returnedSize) {
-    return ServeRead(manager, variable, buffer, size, returnedSize, ReadCurrent);
+// Reading a queue takes its oldest item off, under the database mutex, with which other processes append.
+
+Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+                     uint32_t* returned, bool* returnedWritten) {
+    const MutexHold lock(manager->databaseMutex);
+    StoredList queue(manager->printerDatabase, variable.name, variable.size);
+    if (const Status status = queue.Load(); status != TVS_OK) return status;
+    if (queue.Count() == 0) return TVS_OK;
+    if (target.size == 0) {
+        *returned = variable.size;
+        return TVS_E_SIZE;
+    }
+
+    const bool cut = target.size < variable.size;
+    const uint32_t given = cut ? target.size : variable.size;
+    if (!CopyToCaller(target.buffer, queue.Item(0), given)) return TVS_E_FAULT;
+    *returned = given;
+    if (!CopyToCaller(target.returnedSize, returned, sizeof *returned)) return TVS_E_FAULT;
+    *returnedWritten = true;
+
+    // The item has reached the caller, if only in part: now it goes.
+    queue.Remove(0);
+    const Answer answer = queue.Store();
+    if (answer != Answer::Done) return PassOn(answer);
+    return cut ? TVS_E_SIZE : TVS_OK;
+}
+
+// Write times, for the ANSI and the wide export.
+
+Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime) {
+    SYSTEMTIME writeTime;
+    {
+        const MutexHold lock(manager->databaseMutex);
+        if (GetWriteTime(manager->printerDatabase, variable.name, &writeTime) != Answer::Done) return TVS_E_UNKNOWN;
+    }
+    return CopyToCaller(callersTime, &writeTime, sizeof writeTime) ? TVS_OK : TVS_E_FAULT;
 }

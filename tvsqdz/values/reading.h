@@ -2,7 +2,7 @@
 #pragma once
 
 #include "manager/manager_record.h"
-#include "manager/status_variable.h"
+#include "manager/variables.h"
 #include "product/status.h"
 
 // Where a read gives its value. The caller's memory is written at most once for each, and the returned size last, on
@@ -30,3 +30,8 @@ Status ServeRead(TvsManager manager, const char* callersVariable, void* buffer, 
                  ReadProc read);
 Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
                  ReadProc read);
+
+// When a variable was last written.
+
+// Writes the time to the caller's 16 bytes. TVS_OK, TVS_E_UNKNOWN when the service does not tell it, TVS_E_FAULT.
+Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime);

@@ -1,10 +1,11 @@
 // No state.
 #include "values/wide_values.h"
 
-#include "base/caller_memory.h"
 #include "base/converters.h"
+#include "base/memory.h"
 #include "product/client.h"
 
+#include <algorithm>
 #include <string.h>
 
 namespace {
@@ -15,19 +16,11 @@ constexpr uint32_t kWideSizeMax = 2 * product::kValueSizeMax;
 constexpr uint32_t kCountSize = sizeof(uint32_t);
 constexpr uint32_t kNulSize = 1;
 
-uint32_t Smaller(uint32_t a, uint32_t b) {
-    return a < b ? a : b;
-}
-
-uint32_t Larger(uint32_t a, uint32_t b) {
-    return a > b ? a : b;
-}
-
 // Reads into a buffer of that many bytes at least and converts from it. The answer of the conversion stands over that
 // of the read, unless nothing was read.
 Status ReadAndConvert(ManagerRecord* manager, const StatusVariableDef& variable, void* wide, uint32_t wideSize,
                       uint32_t ansiRoom, uint32_t* returned, bool* returnedWritten, ReadProc read) {
-    const uint32_t room = Larger(ansiRoom, kCountSize);
+    const uint32_t room = std::max(ansiRoom, kCountSize);
     Scratch ansi(room + kNulSize);
     if (ansi.Data() == nullptr) return TVS_E_MEMORY;
     uint32_t ansiSize = 0;
@@ -55,7 +48,7 @@ Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const
                 bool* returnedWritten, ReadProc read) {
     if (variable.toWide == nullptr) return read(manager, variable, target, returned, returnedWritten);
     if (target.size == 0) return AskWideSize(manager, variable, returned, returnedWritten, read);
-    const uint32_t wideSize = Smaller(target.size, kWideSizeMax);
+    const uint32_t wideSize = std::min(target.size, kWideSizeMax);
     // A value of a fixed size is read whole: only the conversion knows where characters begin, and whether one is
     // missing. What varies fits in less room than its wide form.
     const uint32_t ansiRoom = (variable.flags & SVT_PROBED) != 0 ? wideSize : variable.size;
@@ -77,7 +70,7 @@ Status WideValue::AskNarrowSize(uint32_t* narrowSize) {
     m_variable.toAnsi(m_value, nullptr, m_size, narrowSize); // a queue is asked with its count; no other one is read
     if (*narrowSize == 0) return TVS_E_MEMORY;
     // A text may take more bytes than it has characters, up to those of its field.
-    if (IsString(m_variable)) *narrowSize = Larger(*narrowSize, m_variable.size);
+    if (IsString(m_variable)) *narrowSize = std::max(*narrowSize, m_variable.size);
     return TVS_OK;
 }
 
@@ -90,12 +83,12 @@ Status WideValue::Narrow(BYTE* narrow, uint32_t* narrowSize) {
 Status WideValue::NarrowString(BYTE* narrow, uint32_t* narrowSize) {
     WCHAR text[kStringSizeMax + 1];
     const uint32_t characters = m_size / sizeof(WCHAR);
-    if (!CopyCallerText(text, Smaller(characters - 1, kStringSizeMax), static_cast<const WCHAR*>(m_value)))
+    if (!CopyCallerText(text, std::min(characters - 1, kStringSizeMax), static_cast<const WCHAR*>(m_value)))
         return TVS_E_FAULT;
     const Status status = m_variable.toAnsi(text, narrow, *narrowSize * sizeof(WCHAR), narrowSize);
     if (status == TVS_OK) {
         const SIZE_T length = strnlen(reinterpret_cast<const char*>(narrow), *narrowSize);
-        *narrowSize = Larger(characters, static_cast<uint32_t>(length) + 1);
+        *narrowSize = std::max(characters, static_cast<uint32_t>(length) + 1);
     }
     return status;
 }

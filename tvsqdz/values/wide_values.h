@@ -1,10 +1,10 @@
 // The wide reads and writes of values: the ANSI operation with a conversion behind or before it.
 #pragma once
 
-#include "base/heap.h"
+#include "base/memory.h"
 #include "manager/manager_record.h"
-#include "manager/status_variable.h"
-#include "manager/variable_lookup.h"
+#include "manager/variable_index.h"
+#include "manager/variables.h"
 #include "product/status.h"
 #include "values/reading.h"
 

@@ -1,4 +1,0 @@
-// Whether the calling process runs one of the product's own executables.
-#pragma once
-
-bool IsOwnProcess();

@@ -1,0 +1,44 @@
+// Which Windows this is.
+#pragma once
+
+#include "product/guards.h"
+
+#include <stdint.h>
+#include <windows.h>
+
+// Bits of ManagerRecord.flags; at most one of them is set.
+inline constexpr uint32_t OsWindows9x = 0x01000000; // Windows 95, 98, Me
+inline constexpr uint32_t OsNt350 = 0x02000000;     // Windows NT 3.50
+inline constexpr uint32_t OsNt351 = 0x04000000;     // Windows NT 3.51
+inline constexpr uint32_t OsNtLater = 0x08000000;   // every later Windows NT
+inline constexpr uint32_t OsNtAny = OsNt350 | OsNt351 | OsNtLater;
+
+// All zero when it cannot be told.
+OSVERSIONINFOA SystemVersion();
+
+// One of them, or 0 for a Windows before NT 3.50 and any other platform.
+uint32_t PlatformBit();
+
+// Whether the system runs Terminal Services.
+bool RunsTerminalServices();
+
+// Whether the calling process runs one of the product's own executables.
+
+bool IsOwnProcess();
+
+// Texts in the registry. What a value holds is anybody's: it is bounded and terminated here.
+
+// The product's key, and the value that names the directory it is installed in.
+inline constexpr char kProductKey[] = "SOFTWARE\\Tavik\\Oriel";
+
+// Reads a value as a text, up to its first NUL. False when it is missing or longer than the buffer.
+bool ReadRegistryText(HKEY key, const char* valueName, char* buffer, DWORD capacity);
+
+// A value of any length as a text in a block of its own; null when it is missing or there is no memory.
+char* CopyRegistryText(HKEY key, const char* valueName);
+
+// "DIRPATH", which ends with a backslash, followed by a file name. False when the value or its key is missing.
+struct InstalledFile {
+    char path[300];
+};
+bool FindInstalledFile(const char* fileName, InstalledFile& file);

@@ -1,0 +1,300 @@
+// State: the thread's record, and what it registers, on the manager's list; all else is in the printer's database.
+#include "requests/owner.h"
+
+#include "base/memory.h"
+#include "base/timings.h"
+#include "notify/delivery.h"
+#include "notify/registrations.h"
+#include "notify/relayed_registrations.h"
+#include "product/guards.h"
+#include "requests/threads.h"
+#include "values/stored_list.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr DWORD kStopped = 1;
+constexpr DWORD kNotServed = static_cast<DWORD>(-1);
+
+MessageRegistrationEntry EntryOf(const StoredList& list, uint32_t i) {
+    MessageRegistrationEntry entry;
+    memcpy(&entry, list.Item(i), sizeof entry);
+    entry.variableName[sizeof entry.variableName - 1] = '\0'; // others wrote it
+    return entry;
+}
+
+bool IsLive(const MessageRegistrationEntry& entry) {
+    return entry.registrationId != 0;
+}
+
+bool IsSame(const MessageRegistrationEntry& a, const MessageRegistrationEntry& b) {
+    return a.window == b.window && a.message == b.message && strcmp(a.variableName, b.variableName) == 0;
+}
+
+bool IsWantedByAnother(const StoredList& list, const MessageRegistrationEntry& cancelled) {
+    for (uint32_t i = 0; i < list.Count(); ++i) {
+        const MessageRegistrationEntry entry = EntryOf(list, i);
+        if (IsLive(entry) && IsSame(entry, cancelled)) return true;
+    }
+    return false;
+}
+
+TvsRegistration LocalRegistration(ManagerRecord* manager, const MessageRegistrationEntry& entry) {
+    return FindMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window), entry.message);
+}
+
+// What has been cancelled.
+struct Cancelled {
+    TvsRegistration* ended; // room for as many as the list has entries
+    uint32_t endedCount = 0;
+    bool any = false; // of those that were registered
+
+    // Entries may share one, and once it is ended another may have its handle.
+    void AddOnce(TvsRegistration registration) {
+        for (uint32_t i = 0; i < endedCount; ++i)
+            if (ended[i] == registration) return;
+        ended[endedCount++] = registration;
+    }
+};
+
+// Gathers what is registered and cancelled, unless a live entry shares it.
+void FindCancelled(ManagerRecord* manager, const StoredList& list, Cancelled* cancelled) {
+    for (uint32_t i = 0; i < list.Count(); ++i) {
+        const MessageRegistrationEntry entry = EntryOf(list, i);
+        const TvsRegistration registration = IsLive(entry) ? 0 : LocalRegistration(manager, entry);
+        if (registration == 0) continue;
+        cancelled->any = true;
+        if (!IsWantedByAnother(list, entry)) cancelled->AddOnce(registration);
+    }
+}
+
+// The live entries as the last pass saw them. A service that is started anew has none, while those who registered them
+// go on waiting, and cancel them by their numbers.
+class KnownEntries {
+public:
+    KnownEntries() = default;
+    ~KnownEntries() { FreeBlock(m_entries); }
+    KnownEntries(const KnownEntries&) = delete;
+    KnownEntries& operator=(const KnownEntries&) = delete;
+
+    // Without memory for it, it knows none.
+    void Remember(const StoredList& list) {
+        FreeBlock(m_entries);
+        m_count = 0;
+        m_entries = static_cast<MessageRegistrationEntry*>(
+            AllocateZeroed(SIZE_T{list.Count()} * sizeof(MessageRegistrationEntry) + 1));
+        for (uint32_t i = 0; m_entries != nullptr && i < list.Count(); ++i)
+            if (const MessageRegistrationEntry entry = EntryOf(list, i); IsLive(entry)) m_entries[m_count++] = entry;
+    }
+
+    // Appends those that the list does not have. The database mutex is held.
+    void Restore(ManagerRecord* manager) const {
+        StoredList list(manager->printerDatabase, kRelayedRegistrationsVariable, sizeof(MessageRegistrationEntry));
+        if (m_count == 0 || list.Load(m_count) != TVS_OK) return;
+        const uint32_t before = list.Count();
+        for (uint32_t i = 0; i < m_count; ++i)
+            if (!IsIn(list, m_entries[i])) memcpy(list.Append(), &m_entries[i], sizeof m_entries[i]);
+        if (list.Count() != before) list.Store();
+    }
+
+private:
+    static bool IsIn(const StoredList& list, const MessageRegistrationEntry& known) {
+        for (uint32_t i = 0; i < list.Count(); ++i)
+            if (const MessageRegistrationEntry entry = EntryOf(list, i);
+                entry.registrationId == known.registrationId && IsSame(entry, known))
+                return true;
+        return false;
+    }
+
+    MessageRegistrationEntry* m_entries = nullptr;
+    uint32_t m_count = 0;
+};
+
+// Registers what is live and not registered. False when something could not be.
+bool RegisterLive(ManagerRecord* manager, const StoredList& list) {
+    bool complete = true;
+    for (uint32_t i = 0; i < list.Count(); ++i) {
+        const MessageRegistrationEntry entry = EntryOf(list, i);
+        if (!IsLive(entry) || LocalRegistration(manager, entry) != 0) continue;
+        TvsRegistration registration = 0;
+        const Status status = AddMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window),
+                                                     entry.message, &registration);
+        // A variable that there is not will not be there at the next pass either. All else may change: there was no
+        // memory, or the open of the manager has not come to its end yet.
+        if (status != TVS_OK && status != TVS_E_UNKNOWN) complete = false;
+    }
+    return complete;
+}
+
+void RemoveCancelled(StoredList& list) {
+    for (uint32_t i = list.Count(); i > 0; --i)
+        if (!IsLive(EntryOf(list, i - 1))) list.Remove(i - 1);
+    list.Store();
+}
+
+// One pass over the registrations. The lock is let go before anything is registered or cancelled, since a watcher that
+// begins or is to end may be waiting for it; and it is not waited for beyond the stop. An entry that is cancelled
+// between is a write, and the next pass ends what this one registered. False when the pass has to be made again.
+bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known) {
+    MutexHold lock;
+    if (!lock.AcquireUnless(stop, manager->databaseMutex)) return true;
+    StoredList list(manager->printerDatabase, kRelayedRegistrationsVariable, sizeof(MessageRegistrationEntry));
+    const Status loaded = list.Load();
+    if (loaded != TVS_OK) return loaded != TVS_E_MEMORY;
+    HeapBlock endedBlock(SIZE_T{list.Count()} * sizeof(TvsRegistration) + 1);
+    if (endedBlock.memory == nullptr) return false;
+    known.Remember(list);
+    Cancelled cancelled = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
+    FindCancelled(manager, list, &cancelled);
+    if (cancelled.any) RemoveCancelled(list);
+    lock.Release();
+    const bool complete = RegisterLive(manager, list);
+    for (uint32_t i = 0; i < cancelled.endedCount; ++i)
+        KillRegistration(manager, cancelled.ended[i]);
+    return complete;
+}
+
+// Starts the thread of a request that is there. It is taken out afterwards: one that cannot be started is tried again.
+bool ServeRequest(ManagerRecord* manager, HANDLE stop) {
+    MutexHold lock;
+    if (!lock.AcquireUnless(stop, manager->requestMutex)) return true;
+    StatusRequest request;
+    if (!ReadRelayedRequest(manager, &request)) return true;
+    if (!StartRequestThread(manager, request, nullptr, lock.result)) return false;
+    ClearRelayedRequest(manager);
+    return true;
+}
+
+void RestoreRegistrations(ManagerRecord* manager, HANDLE stop, const KnownEntries& known) {
+    MutexHold lock;
+    if (lock.AcquireUnless(stop, manager->databaseMutex)) known.Restore(manager);
+}
+
+// Another process may have become the owner in a new service before this one came to open its databases there.
+bool OwnsPrinter(const ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    return (manager->flags & ManagerOwnsPrinter) != 0;
+}
+
+DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
+    Watch registrations(record, kRelayedRegistrationsVariable, product::kEveryWrite);
+    Watch requests(record, kRelayedRequestVariable, product::kEveryWrite);
+    const HANDLE stop = record.thread.stopEvent;
+    DWORD registrationWrites = 0;
+    DWORD requestWrites = 0;
+    KnownEntries known;
+    // A pulse that came while a pass ran is missed, so what was written is counted, now and after each slice. A pass
+    // that has to be made again leaves its count as it was.
+    for (;;) {
+        const ManagerDatabase& database = manager->printerDatabase;
+        DWORD writes = 0;
+        const bool answers = GetWriteCount(database, kRelayedRegistrationsVariable, &writes) == Answer::Done;
+        const bool serves = answers && OwnsPrinter(manager);
+        if (registrations.IsLost() || requests.IsLost()) {
+            if (serves) RestoreRegistrations(manager, stop, known);
+            registrations.Renew();
+            requests.Renew();
+            registrationWrites = 0;
+            requestWrites = 0;
+        }
+        const HANDLE handles[] = {stop, registrations.Event(), requests.Event()};
+        if (handles[1] == nullptr || handles[2] == nullptr) return kNotServed;
+        if (serves && writes != registrationWrites && ServeRegistrations(manager, stop, known))
+            registrationWrites = writes;
+        if (serves && GetWriteCount(database, kRelayedRequestVariable, &writes) == Answer::Done &&
+            writes != requestWrites && ServeRequest(manager, stop))
+            requestWrites = writes;
+        switch (WaitForMultipleObjects(3, handles, FALSE, g_timings.relaySlice)) {
+        case WAIT_OBJECT_0:
+            return kStopped;
+        case WAIT_FAILED:
+            return GetLastError();
+        default:
+            break;
+        }
+    }
+}
+
+void SetRunning(ManagerRecord* manager, bool runs) {
+    const ManagerLockHold lock;
+    if (runs)
+        manager->flags |= ManagerServiceRunning;
+    else
+        manager->flags &= ~ManagerServiceRunning;
+}
+
+DWORD WINAPI ManagerServiceThread(void* parameter) {
+    const NotificationRegistration& record = RegistrationOf(parameter);
+    const DWORD result = Serve(record.thread.manager, record);
+    SetRunning(record.thread.manager, false);
+    return result;
+}
+
+} // namespace
+
+bool StartManagerService(ManagerRecord* manager) {
+    NotificationRegistration* record = NewRegistration(manager, 1);
+    if (record == nullptr) return false;
+    memcpy(record->entries[0].variableName, kRelayedRegistrationsVariable, sizeof kRelayedRegistrationsVariable);
+    SetRunning(manager, true);
+    if (!StartThreadRecord(&record->thread, manager, ManagerServiceThread)) {
+        SetRunning(manager, false);
+        FreeBlock(record);
+        return false;
+    }
+    const ManagerLockHold lock;
+    manager->registrations = &record->thread;
+    return true;
+}
+
+// State: the printer's database.
+
+namespace {
+
+Answer ReadRecord(ManagerRecord* manager, StatusRequest* request) {
+    DWORD size = 0;
+    *request = {};
+    return ReadVariable(manager->printerDatabase, kRelayedRequestVariable, request, sizeof *request, &size);
+}
+
+Answer WriteRecord(ManagerRecord* manager, const StatusRequest& request) {
+    return WriteVariable(manager->printerDatabase, kRelayedRequestVariable, &request, sizeof request);
+}
+
+bool IsRequest(const StatusRequest& request) {
+    return request.requestFlags != 0;
+}
+
+template <SIZE_T size>
+void Terminate(char (&text)[size]) {
+    text[size - 1] = '\0';
+}
+
+} // namespace
+
+Status RelayRequest(ManagerRecord* manager, const StatusRequest& request, MutexHold& lock) {
+    const DWORD start = GetTickCount();
+    for (;;) {
+        StatusRequest present;
+        if (const Answer answer = ReadRecord(manager, &present); answer != Answer::Done) return PassOn(answer);
+        if (!IsRequest(present)) return PassOn(WriteRecord(manager, request));
+        if (GetTickCount() - start >= g_timings.relayBound) return TVS_E_NO_OWNER;
+        lock.Release();
+        Sleep(g_timings.relayPause);
+        if (!lock.Acquire(manager->requestMutex)) return TVS_E_REQUEST_LOCK;
+    }
+}
+
+bool ReadRelayedRequest(ManagerRecord* manager, StatusRequest* request) {
+    if (ReadRecord(manager, request) != Answer::Done || !IsRequest(*request)) return false;
+    Terminate(request->variableName);
+    Terminate(request->printerName);
+    request->requestFlags = (request->requestFlags & REQ_WRITE) != 0 ? REQ_WRITE : REQ_READ;
+    request->requestFlags |= REQ_BY_MESSAGE;
+    return true;
+}
+
+void ClearRelayedRequest(ManagerRecord* manager) {
+    WriteRecord(manager, {});
+}

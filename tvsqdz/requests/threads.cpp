@@ -1,0 +1,212 @@
+// State: the task of each thread, a block of the heap that passes to the thread with its start.
+#include "requests/threads.h"
+
+#include "base/memory.h"
+#include "base/timings.h"
+#include "machine/process_state.h"
+#include "notify/relayed_registrations.h"
+#include "product/guards.h"
+#include "requests/exchange.h"
+#include "values/stored_list.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr SIZE_T kStackSize = 65536;
+constexpr char kRefreshStatus[] = "RefreshStatus";
+
+struct RequestTask {
+    ManagerRecord* manager; // a reference
+    StatusRequest request;
+    DWORD mutexWait;      // of the starter
+    uint32_t refreshSize; // of the text behind this record, its NUL included; 0: there is none
+
+    BYTE* RefreshText() { return reinterpret_cast<BYTE*>(this + 1); }
+};
+
+RequestKind KindOf(const StatusRequest& request) {
+    if ((request.requestFlags & REQ_WRITE) == 0) return RequestKind::Read;
+    return request.isRefresh != 0 ? RequestKind::Refresh : RequestKind::Write;
+}
+
+// The exchange. The request mutex is held.
+Status CarryOut(RequestTask& task, DWORD mutexWait) {
+    const PrinterRequest request = RequestOf(task.manager, KindOf(task.request), task.request.variableName);
+    if (task.request.useForward == 0) {
+        // The starter may have been the one to find its predecessor dead.
+        if (task.mutexWait == WAIT_ABANDONED) mutexWait = WAIT_ABANDONED;
+        return AskPrinterSide(request, mutexWait, g_timings.answerBound);
+    }
+    if (task.refreshSize != 0)
+        WriteVariable(request.printerDatabase, kRefreshStatus, task.RefreshText(), task.refreshSize);
+    if (const Status status = PostForwardedRequest(request); status != TVS_OK) return status;
+    return ForwardPostedRequest(request, task.request.printerName);
+}
+
+void PerformRead(RequestTask& task) {
+    const MutexHold lock(task.manager->requestMutex);
+    if (lock.held != nullptr) CarryOut(task, lock.result); // how it ended, the variable tells
+    TellCompletion(task.request);
+}
+
+bool CanBeTold(const StatusRequest& request) {
+    return (request.requestFlags & REQ_BY_EVENT) != 0 || IsWindow(WindowFromStored(request.target));
+}
+
+void PerformWrite(RequestTask& task) {
+    MutexHold lock;
+    Status result = TVS_E_REQUEST_LOCK;
+    if (lock.Acquire(task.manager->requestMutex, g_timings.requestLockBound)) result = CarryOut(task, lock.result);
+    if (!CanBeTold(task.request)) {
+        RemoveRequest(task.manager, task.request.requestId);
+        return;
+    }
+    RecordResult(task.manager, task.request.requestId, result);
+    TellCompletion(task.request);
+}
+
+void Finish(RequestTask* task) {
+    ReleaseManager(task->manager);
+    FreeBlock(task);
+    UncountAsCall(); // from here on the library may be gone
+}
+
+DWORD WINAPI ReadRequestThread(void* parameter) {
+    auto* task = static_cast<RequestTask*>(parameter);
+    PerformRead(*task);
+    Finish(task);
+    return 0;
+}
+
+DWORD WINAPI WriteRequestThread(void* parameter) {
+    auto* task = static_cast<RequestTask*>(parameter);
+    PerformWrite(*task);
+    Finish(task);
+    return 0;
+}
+
+} // namespace
+
+bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const CallerValue::Bytes* refresh,
+                        DWORD mutexWait) {
+    const uint32_t refreshSize = refresh != nullptr ? refresh->size : 0;
+    auto* task = static_cast<RequestTask*>(AllocateZeroed(sizeof(RequestTask) + refreshSize));
+    if (task == nullptr) return false;
+    *task = {.manager = manager, .request = request, .mutexWait = mutexWait, .refreshSize = refreshSize};
+    if (refreshSize != 0) memcpy(task->RefreshText(), refresh->data, refreshSize);
+    InterlockedIncrement(&manager->references);
+    CountAsCall();
+    const bool writes = (request.requestFlags & REQ_WRITE) != 0;
+    const HANDLE thread =
+        CreateThread(nullptr, kStackSize, writes ? WriteRequestThread : ReadRequestThread, task, 0, nullptr);
+    if (thread == nullptr) {
+        Finish(task);
+        return false;
+    }
+    CloseHandle(thread);
+    return true;
+}
+
+void TellCompletion(const StatusRequest& request) {
+    if ((request.requestFlags & REQ_BY_EVENT) != 0)
+        SetEvent(ULongToHandle(request.target));
+    else
+        PostMessageA(WindowFromStored(request.target), request.message, 0, 0);
+}
+
+// State: the printer's database.
+
+namespace {
+
+constexpr char kResultsVariable[] = "ReqResult";
+
+struct RequestResult {
+    uint32_t requestId;
+    int32_t result;
+};
+static_assert(sizeof(RequestResult) == 8 && offsetof(RequestResult, requestId) == 0);
+
+// The list, with the database mutex held for as long as it lives.
+struct ResultList {
+    explicit ResultList(ManagerRecord* manager)
+        : lock(manager->databaseMutex), list(manager->printerDatabase, kResultsVariable, sizeof(RequestResult)) {}
+
+    RequestResult Entry(uint32_t i) const {
+        RequestResult entry;
+        memcpy(&entry, list.Item(i), sizeof entry);
+        return entry;
+    }
+    // The place of the request's result; the count when there is none.
+    uint32_t Find(uint32_t requestId) const {
+        uint32_t i = 0;
+        while (i < list.Count() && Entry(i).requestId != requestId)
+            ++i;
+        return i;
+    }
+
+    MutexHold lock;
+    StoredList list;
+};
+
+// Changes the entry of the request. Nobody hears of a failure, so memory is waited for, with the mutex given back
+// meanwhile; what the service does not take is lost with it.
+template <typename Change>
+void ChangeEntry(ManagerRecord* manager, uint32_t requestId, Change change) {
+    for (;;) {
+        ResultList results(manager);
+        const Status loaded = results.list.Load();
+        if (loaded == TVS_OK) {
+            const uint32_t place = results.Find(requestId);
+            if (place == results.list.Count()) return;
+            change(results.list, place);
+            results.list.Store();
+            return;
+        }
+        if (loaded != TVS_E_MEMORY || !CallsAreLetIn()) return;
+        results.lock.Release();
+        Sleep(g_timings.memoryPause);
+    }
+}
+
+} // namespace
+
+Status EnterRequest(ManagerRecord* manager, int32_t result, uint32_t* callersNumber, uint32_t* requestId) {
+    ResultList results(manager);
+    if (const Status status = results.list.Load(1); status != TVS_OK) return status;
+    const RequestResult entry = {.requestId = results.list.NextNumber(), .result = result};
+    if (entry.requestId == 0) return TVS_E_MEMORY;
+    if (!CopyToCaller(callersNumber, &entry.requestId, sizeof entry.requestId)) return TVS_E_FAULT;
+    memcpy(results.list.Append(), &entry, sizeof entry);
+    *requestId = entry.requestId;
+    return PassOn(results.list.Store());
+}
+
+void RecordResult(ManagerRecord* manager, uint32_t requestId, int32_t result) {
+    ChangeEntry(manager, requestId, [&](StoredList& list, uint32_t place) {
+        const RequestResult entry = {.requestId = requestId, .result = result};
+        memcpy(list.Item(place), &entry, sizeof entry);
+    });
+}
+
+void RemoveRequest(ManagerRecord* manager, uint32_t requestId) {
+    ChangeEntry(manager, requestId, [](StoredList& list, uint32_t place) { list.Remove(place); });
+}
+
+Status TakeResult(ManagerRecord* manager, uint32_t requestId, int32_t* callersResult) {
+    ResultList results(manager);
+    if (results.lock.result == WAIT_TIMEOUT) return TVS_E_NOT_READY;
+    if (results.list.Load() == TVS_E_MEMORY) return TVS_E_MEMORY;
+
+    // A list that cannot be read has no result of this request.
+    const uint32_t place = results.Find(requestId);
+    const bool isThere = place < results.list.Count();
+    const int32_t value = isThere ? results.Entry(place).result : TVS_E_UNKNOWN;
+    // Told before it is taken off: no result may be lost to a pointer that cannot be written.
+    if (!CopyToCaller(callersResult, &value, sizeof value)) return TVS_E_FAULT;
+    if (isThere) {
+        results.list.Remove(place);
+        results.list.Store();
+    }
+    return TVS_OK;
+}

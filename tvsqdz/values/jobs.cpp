@@ -1,0 +1,179 @@
+// "SendingJobInfo", "PrintingJobInfo" and "PrintingJobInfo2": reports of the job that is sent and of the one that is
+// printed, and what they do to "PrinterQueue".
+//
+// State: the variables. Those of the reports are written outside the database mutex; nobody reads one to change it.
+#include "base/memory.h"
+#include "manager/manager_record.h"
+#include "manager/variables.h"
+#include "product/guards.h"
+#include "values/port_and_name.h"
+#include "values/stored_list.h"
+
+#include <string.h>
+#include <tvsqdz_records.h>
+#include <winspool.h>
+
+namespace {
+
+constexpr char kSendingJobInfo[] = "SendingJobInfo";
+constexpr char kPrintingJobInfo[] = "PrintingJobInfo";
+constexpr char kPrintingJobInfo2[] = "PrintingJobInfo2";
+
+// A job at the end; the oldest ones make room for it.
+Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
+    const MutexHold lock(manager->databaseMutex);
+    JobQueue queue(manager->printerDatabase, kPrinterQueue);
+    // A queue that cannot be read is left alone: written anew it would have this job only.
+    if (const Status status = queue.Load(1); status != TVS_OK) return status;
+    while (queue.Count() >= kPrinterQueueLimit)
+        queue.Remove(0);
+    memcpy(queue.Append(), &job, sizeof job);
+    queue.Store();
+    return TVS_OK;
+}
+
+// From a job record or from a printing job record. What another process stored may have no end.
+template <typename Record>
+void TakeNames(const Record& from, TvsPrintingJobRecord* to) {
+    memcpy(to->jobName, from.jobName, sizeof to->jobName);
+    memcpy(to->ownerName, from.ownerName, sizeof to->ownerName);
+    to->jobName[sizeof to->jobName - 1] = '\0';
+    to->ownerName[sizeof to->ownerName - 1] = '\0';
+}
+
+// Completes a report of the job at the head of the queue, and takes the head off when its printing has ended. A job
+// behind the head stays where it is. TVS_E_MEMORY: the report was not looked at.
+Status CompareWithPrinterQueue(ManagerRecord* manager, TvsPrintingJobRecord* report) {
+    const bool ended = report->jobId == 0;
+    TvsPrintingJobRecord current = {}; // no job, unless it can be read
+    if (ended || report->progress != 0) {
+        DWORD size = 0;
+        ReadVariable(manager->printerDatabase, kPrintingJobInfo, &current, sizeof current, &size);
+    }
+    if (!ended && report->progress != 0) {
+        if (current.jobId == report->jobId) TakeNames(current, report);
+        return TVS_OK;
+    }
+
+    const MutexHold lock(manager->databaseMutex);
+    JobQueue queue(manager->printerDatabase, kPrinterQueue);
+    if (queue.Load() == TVS_E_MEMORY) return TVS_E_MEMORY;
+    if (queue.Count() == 0) return TVS_OK; // one that cannot be read has none
+    const TvsJobRecord& head = queue.Job(0);
+    if (head.jobId != (ended ? current.jobId : report->jobId)) return TVS_OK;
+    if (ended) {
+        queue.Remove(0);
+        queue.Store();
+    } else {
+        TakeNames(head, report);
+    }
+    return TVS_OK;
+}
+
+} // namespace
+
+int32_t SendingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    TvsJobRecord job;
+    if (!TakeRecord(data, size, &job)) return PassOn(Answer::WrongSize);
+    WriteVariable(manager->printerDatabase, kSendingJobInfo, &job, sizeof job);
+    return job.jobId != 0 ? AppendToPrinterQueue(manager, job) : TVS_OK;
+}
+
+int32_t PrintingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    TvsPrintingJobRecord report;
+    if (!TakeRecord(data, size, &report)) return PassOn(Answer::WrongSize);
+    if (const Status status = CompareWithPrinterQueue(manager, &report); status != TVS_OK) return status;
+    WriteVariable(manager->printerDatabase, kPrintingJobInfo, &report, sizeof report);
+    return TVS_OK;
+}
+
+// One write: nobody finds the job of one report with the coverage of another.
+int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t size) {
+    TvsPrintingJobRecord2 report;
+    if (!TakeRecord(data, size, &report)) return PassOn(Answer::WrongSize);
+    if (const Status status = CompareWithPrinterQueue(manager, &report.job); status != TVS_OK) return status;
+    WriteVariable(manager->printerDatabase, kPrintingJobInfo2, &report, sizeof report);
+    return TVS_OK;
+}
+
+// "SetJob" and "DeleteJobId": commands to jobs of the print spooler. Keeps nothing.
+//
+// What the spooler answers to a command is not told; whether there is such a job is.
+
+namespace {
+
+constexpr uint32_t kPauseCommand = 1;
+constexpr uint32_t kResumeCommand = 2;
+constexpr DWORD kAllJobs = 0xFFFFFFFF;
+// The list can grow between the question for its size and its read; more often than that is not believable.
+constexpr int kAttempts = 8;
+
+// The job that is being sent; 0 when there is none, or when that cannot be read.
+uint32_t SendingJob(const ManagerDatabase& database) {
+    TvsJobRecord job = {};
+    DWORD size = 0;
+    ReadVariable(database, kSendingJobInfo, &job, sizeof job, &size);
+    return job.jobId;
+}
+
+class JobList {
+public:
+    // False when the jobs cannot be listed.
+    bool Load(HANDLE printer) {
+        DWORD needed = 0;
+        DWORD size = 0;
+        for (int i = 0; i < kAttempts; ++i) {
+            if (EnumJobsA(printer, 0, kAllJobs, 1, m_block, size, &needed, &m_count)) return true;
+            m_count = 0;
+            if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
+            FreeBlock(m_block);
+            m_block = static_cast<BYTE*>(AllocateZeroed(needed));
+            if (m_block == nullptr) return false;
+            size = needed;
+        }
+        return false;
+    }
+    JobList() = default;
+    ~JobList() { FreeBlock(m_block); }
+    JobList(const JobList&) = delete;
+    JobList& operator=(const JobList&) = delete;
+
+    const JOB_INFO_1A* Find(DWORD id) const {
+        const auto* jobs = reinterpret_cast<const JOB_INFO_1A*>(m_block);
+        for (DWORD i = 0; i < m_count; ++i)
+            if (jobs[i].JobId == id) return &jobs[i];
+        return nullptr;
+    }
+
+private:
+    BYTE* m_block = nullptr; // of the heap
+    DWORD m_count = 0;
+};
+
+} // namespace
+
+int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    uint32_t command = 0;
+    if (!TakeRecord(data, size, &command)) return TVS_E_FAULT;
+    if (command != kPauseCommand && command != kResumeCommand) return TVS_E_UNKNOWN;
+    PrinterNameText name = RefreshedPrinterName(manager);
+    const SpoolerPrinter printer(name.text);
+    if (!printer) return TVS_E_NO_OWNER;
+    const uint32_t job = SendingJob(manager->printerDatabase);
+    if (job != 0)
+        SetJobA(printer.handle, job, 0, nullptr, command == kPauseCommand ? JOB_CONTROL_PAUSE : JOB_CONTROL_RESUME);
+    return TVS_OK;
+}
+
+int32_t DeleteJobIdWrite(ManagerRecord* manager, const void* data, uint32_t size) {
+    uint32_t id = 0;
+    if (!TakeRecord(data, size, &id)) return TVS_E_FAULT;
+    PrinterNameText name = RefreshedPrinterName(manager);
+    const SpoolerPrinter printer(name.text);
+    JobList jobs;
+    if (!printer || !jobs.Load(printer.handle)) return TVS_E_NO_OWNER;
+    const JOB_INFO_1A* job = jobs.Find(id);
+    if (job == nullptr || (job->Status & JOB_STATUS_DELETING) != 0) return TVS_E_NOT_NOW;
+    SetJobA(printer.handle, id, 0, nullptr, JOB_CONTROL_CANCEL);
+    return TVS_OK;
+}
