@@ -1,4 +1,4 @@
-// One table of fields for each record, and one procedure for each direction that works by it. No state.
+// Converters. One table of fields per record, and one procedure per direction that works from the table. No state.
 #include "base/converters.h"
 
 #include "base/memory.h"
@@ -15,7 +15,7 @@ struct TextField {
     uint32_t characters; // the NUL included
 };
 
-// The numbers of every record lie side by side.
+// The numbers of every record are contiguous.
 struct RecordForms {
     uint32_t ansiSize;
     uint32_t wideSize;
@@ -71,7 +71,7 @@ constexpr RecordForms kPortExForms = {
     .numbersSize = 8,
 };
 
-// Every byte of either form is in a field.
+// The fields cover every byte of both forms.
 consteval bool CoversTheRecord(const RecordForms& forms) {
     const uint32_t characters = forms.texts[0].characters + forms.texts[1].characters;
     return forms.numbersSize + characters == forms.ansiSize && forms.numbersSize + 2 * characters == forms.wideSize;
@@ -91,26 +91,26 @@ uint32_t LengthOf(const WCHAR* text, uint32_t most) {
     return length;
 }
 
-// Converts a text that ends at its NUL or after `characters` bytes; wide has room for as many. No code page has more
-// units of UTF-16 than bytes. The units, of which there is no NUL.
+// Converts a text that ends at its NUL or after `characters` bytes; wide has room for as many units, and no code page
+// needs more. Returns the number of units; they are not terminated.
 uint32_t WidenText(const char* text, uint32_t characters, WCHAR* wide) {
     const int length = static_cast<int>(strnlen(text, characters));
     if (length == 0) return 0;
     return static_cast<uint32_t>(MultiByteToWideChar(CP_ACP, 0, text, length, wide, static_cast<int>(characters)));
 }
 
-// Without the half of a character that a cut left at the end.
+// Drops half a character that a cut left at the end.
 uint32_t WholeUnits(const WCHAR* text, uint32_t units) {
     return units > 0 && (text[units - 1] & 0xFC00) == 0xD800 ? units - 1 : units;
 }
 
-// How much of the text there is room for.
+// How much of the text fits.
 uint32_t FittingUnits(const WCHAR* text, uint32_t units, uint32_t room) {
     return units <= room ? units : WholeUnits(text, room);
 }
 
-// Converts a text that ends at its NUL or after `characters` units into a buffer of that many bytes, as much of it as
-// fits with a NUL. The bytes without it.
+// Converts a text that ends at its NUL or after `characters` units. As much as fits into `size` bytes together with a
+// NUL is written. Returns the bytes without the NUL.
 uint32_t NarrowText(const WCHAR* wide, uint32_t characters, char* text) {
     const uint32_t length = WholeUnits(wide, LengthOf(wide, characters));
     const int room = static_cast<int>(characters) - 1;
@@ -120,7 +120,7 @@ uint32_t NarrowText(const WCHAR* wide, uint32_t characters, char* text) {
     if (length == 0 || room <= 0) return 0;
     const int bytes = convert(length, text, room);
     if (bytes > 0) return static_cast<uint32_t>(bytes);
-    // It does not fit: the longest beginning that does is between none of it and all of it.
+    // It does not fit: search for the longest beginning that does.
     uint32_t fits = 0;
     for (uint32_t tooLong = length; tooLong - fits > 1;) {
         const uint32_t middle = fits + (tooLong - fits) / 2;
@@ -133,7 +133,7 @@ uint32_t NarrowText(const WCHAR* wide, uint32_t characters, char* text) {
     return fits > 0 ? static_cast<uint32_t>(convert(fits, text, room)) : 0;
 }
 
-// These two write every byte of the other form: what lay behind a text stays where it was.
+// Both functions write every byte of the other form; bytes behind a text are not carried over.
 void WidenRecord(const RecordForms& forms, const BYTE* ansi, BYTE* wide) {
     for (const TextField& field : forms.texts) {
         WCHAR text[kStringSizeMax];
@@ -157,7 +157,7 @@ void NarrowRecord(const RecordForms& forms, const BYTE* wide, BYTE* ansi) {
     memcpy(ansi + forms.ansiNumbers, wide + forms.wideNumbers, forms.numbersSize);
 }
 
-// One way of converting: what is read, what is written, and how.
+// One direction: what is read, what is written, and how.
 struct Direction {
     uint32_t RecordForms::*from;
     uint32_t RecordForms::*to;
@@ -171,8 +171,8 @@ Status Refuse(uint32_t needed, uint32_t* outSize) {
     return TVS_E_MEMORY;
 }
 
-// In both directions the size is that of the wide form: a source between the ANSI and the wide size is refused too, for
-// it ends before its record does.
+// In both directions the size is that of the wide form. A source between the ANSI and the wide size is refused too,
+// because it is shorter than its record.
 Status ConvertRecord(const RecordForms& forms, const Direction& direction, const void* source, void* destination,
                      uint32_t size, uint32_t* outSize) {
     const uint32_t needed = forms.*direction.to;
@@ -197,7 +197,7 @@ Status ConvertQueue(const Direction& direction, const void* source, void* destin
     const uint32_t toStride = kJobForms.*direction.to;
     *outSize = 0;
     if (source == nullptr) return TVS_E_FAULT;
-    if (direction.from == kToAnsi.from && size < kCountSize) return TVS_E_MEMORY; // the source ends before its count
+    if (direction.from == kToAnsi.from && size < kCountSize) return TVS_E_MEMORY; // shorter than its count
     uint32_t count = 0;
     if (!CopyFromCaller(&count, source, kCountSize)) return TVS_E_FAULT;
     const uint64_t needed = QueueSize(count, toStride);
@@ -211,7 +211,8 @@ Status ConvertQueue(const Direction& direction, const void* source, void* destin
     Scratch from(fromSize);
     Scratch to(told);
     if (from.Data() == nullptr || to.Data() == nullptr) return Refuse(told, outSize);
-    const auto* entries = static_cast<const BYTE*>(source) + kCountSize; // the count has been read, and stands
+    const auto* entries =
+        static_cast<const BYTE*>(source) + kCountSize; // the count has been copied and must not be read again
     if (!CopyFromCaller(from.Data() + kCountSize, entries, fromSize - kCountSize)) return TVS_E_FAULT;
     memcpy(to.Data(), &count, kCountSize);
     for (SIZE_T i = 0; i < count; ++i)
@@ -225,7 +226,7 @@ Status ConvertQueue(const Direction& direction, const void* source, void* destin
 
 Status CopyWideQueue(const void* callersQueue, uint32_t size, HeapBlock* copy) {
     if (callersQueue == nullptr) return TVS_E_FAULT;
-    if (size < kCountSize) return TVS_E_MEMORY; // it ends before its count
+    if (size < kCountSize) return TVS_E_MEMORY; // shorter than its count
     uint32_t count = 0;
     if (!CopyFromCaller(&count, callersQueue, kCountSize)) return TVS_E_FAULT;
     const uint64_t needed = QueueSize(count, kJobForms.wideSize);

@@ -1,4 +1,4 @@
-// State: g_heap, here.
+// The heap and the fault guard. State: g_heap.
 #include "base/memory.h"
 
 #include <string.h>
@@ -33,21 +33,22 @@ Scratch::~Scratch() {
     if (m_data != m_small) FreeBlock(m_data);
 }
 
-// The guard is the system's own copying between address spaces, used on this process.
+// The guard is the system's own copying between address spaces, applied to this process.
 
 namespace {
 
-// The smallest page of the systems we run on: a piece that ends where one of these ends lies within a page of any size.
+// The smallest page size of the systems we run on. A piece that ends at a multiple of this size lies within one page
+// whatever the page size is.
 constexpr SIZE_T kPageSize = 4096;
-// Most texts are names: the first piece, and with it the only copy, is no longer than one.
+// Most texts are names; the first piece is no longer than one, and usually the only copy.
 constexpr SIZE_T kFirstPiece = 64;
 
 SIZE_T Smaller(SIZE_T a, SIZE_T b) {
     return a < b ? a : b;
 }
 
-// In units of the text's character. A character never straddles pieces: it may straddle pages only when the pointer is
-// not aligned to it, and then each piece ends with a whole one.
+// In units of a character. A character does not straddle two pieces; it may straddle two pages only when the pointer is
+// unaligned, and then each piece still ends with a whole character.
 template <typename Character>
 CallerText ReadText(Character* buffer, SIZE_T capacity, const Character* from) {
     SIZE_T length = 0;
@@ -60,7 +61,7 @@ CallerText ReadText(Character* buffer, SIZE_T capacity, const Character* from) {
             return CallerText::Fault;
         for (SIZE_T i = length; i < length + piece; ++i) {
             if (buffer[i] != 0) continue;
-            // What lay behind the text is none of anybody's business.
+            // Bytes behind the text must not leave this function.
             memset(buffer + i, 0, (length + piece - i) * sizeof(Character));
             return CallerText::Read;
         }
@@ -77,7 +78,7 @@ CallerText ReadWholeText(Character* buffer, SIZE_T capacity, const Character* fr
     return result;
 }
 
-// Terminated behind the last character that may be looked at.
+// Terminated behind the last character that may be read.
 template <typename Character>
 bool CopyText(Character* buffer, SIZE_T limit, const Character* from) {
     buffer[limit] = 0;
@@ -107,8 +108,8 @@ CallerText ReadCallerName(char* buffer, int capacity, const WCHAR* from) {
     buffer[0] = '\0';
     const CallerText result = ReadCallerText(wide, static_cast<SIZE_T>(capacity), from);
     if (result != CallerText::Read) return result;
-    // What the code page does not have becomes its default character; the flag for that says no more, and UTF-8 refuses
-    // it.
+    // A character that the code page lacks becomes the default character. The flag that reports this adds nothing, and
+    // UTF-8 refuses it.
     if (WideCharToMultiByte(CP_ACP, 0, wide, -1, buffer, capacity, nullptr, nullptr) != 0) return CallerText::Read;
     buffer[0] = '\0';
     return CallerText::TooLong;

@@ -1,20 +1,19 @@
-// The library's memory: one private heap, from which every block comes zero-filled, and the guards that give blocks
-// back.
+// Memory: the library's private heap, and the fault guard for the caller's memory. State: g_heap, in memory.cpp.
 #pragma once
 
 #include <windows.h>
 
-// Made at process attach, destroyed at process detach.
+// Created at process attach, destroyed at process detach. Every block is zero-filled.
 extern HANDLE g_heap;
 
-// Null when there is no memory.
+// Returns null when out of memory.
 void* AllocateZeroed(SIZE_T size);
-// Null is let pass.
+// Null is ignored.
 void FreeBlock(void* block);
-// A copy of a text, terminated; null when there is no memory.
+// A terminated copy of a text; null when out of memory.
 char* CopyText(const char* text);
 
-// A block of the heap that is freed with the guard unless it is taken out.
+// A block of the heap, freed by the destructor unless Take() was called.
 struct HeapBlock {
     HeapBlock() = default;
     explicit HeapBlock(SIZE_T size) : memory(static_cast<BYTE*>(AllocateZeroed(size))) {}
@@ -31,18 +30,18 @@ struct HeapBlock {
     BYTE* memory = nullptr; // null: out of memory
 };
 
-// A text in a block of the heap, such as CopyText gives.
+// A text that owns a heap block, as returned by CopyText.
 struct OwnedText {
     explicit OwnedText(char* owned) : text(owned) {}
     ~OwnedText() { FreeBlock(text); }
     OwnedText(const OwnedText&) = delete;
     OwnedText& operator=(const OwnedText&) = delete;
 
-    char* text; // null: there is none
+    char* text; // may be null
 };
 
-// A temporary of the size given, zero-filled: on the stack while it is small, so that reading an ordinary value costs
-// no allocation, and from the heap beyond that.
+// A zero-filled temporary buffer. Small ones are on the stack, so that reading an ordinary value allocates nothing;
+// larger ones are on the heap.
 class Scratch {
 public:
     static constexpr SIZE_T kOnStack = 512;
@@ -52,7 +51,7 @@ public:
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
 
-    // Null when there is no memory.
+    // Null when out of memory.
     BYTE* Data() { return m_data; }
 
 private:
@@ -60,34 +59,35 @@ private:
     alignas(8) BYTE m_small[kOnStack]; // the first `size` bytes are set
 };
 
-// The fault guard: every access to memory that a caller points at goes through here.
+// The fault guard. Every access to memory that a caller points to goes through these functions.
 //
-// The kernel is asked to copy, so a bad pointer is an answer and no fault; nothing installs a handler in the process.
-// Caller memory may change while it is read: it is copied in once and the copy is worked on; outputs are written last.
+// The kernel does the copying, so a bad pointer gives an error instead of a fault, and no signal or exception handler
+// is installed in the process. Another thread may change caller memory during a call: it is copied in once, the library
+// works on the copy, and outputs are written last.
 
-// False when not all bytes could be copied. Nothing may then be said of the destination, except that a caller's memory
-// may hold a first part.
+// False when not all bytes could be copied. The destination is then undefined, except that caller memory may hold the
+// first part.
 bool CopyFromCaller(void* to, const void* from, SIZE_T size);
 bool CopyToCaller(void* to, const void* from, SIZE_T size);
 
 enum class CallerText {
     Read,
-    Fault,  // it cannot be read up to its NUL
-    TooLong // it does not fit; the buffer holds no text
+    Fault,  // cannot be read up to its NUL
+    TooLong // does not fit; the buffer holds no text
 };
 
-// Copies a text with its NUL. capacity: of the buffer, in bytes or in characters, NUL included. No byte of a page is
-// touched before the text was seen to reach it.
+// Copies a text with its NUL. capacity: of the buffer, in bytes or in characters, including the NUL. A page is read
+// only once the text is known to reach it.
 CallerText ReadCallerText(char* buffer, SIZE_T capacity, const char* from);
 CallerText ReadCallerText(WCHAR* buffer, SIZE_T capacity, const WCHAR* from);
 
-// Copies a text that may end without a NUL, at the limit: no character from there on is looked at. The buffer has one
-// character more than the limit, and what is in it is terminated. False on a fault.
+// Copies at most `limit` characters of a text that need not be terminated; nothing behind the limit is read. The buffer
+// has room for one character more, and its text is always terminated. False on a fault.
 bool CopyCallerText(char* buffer, SIZE_T limit, const char* from);
 bool CopyCallerText(WCHAR* buffer, SIZE_T limit, const WCHAR* from);
 
-// A wide name converted to the ANSI code page. One that does not fit is TooLong rather than cut: a cut name means
-// another printer, user or variable. The buffer then holds no text.
+// Converts a wide name to the ANSI code page. A name that does not fit is TooLong rather than cut, because a cut name
+// would be that of another printer, user or variable. The buffer then holds no text.
 inline constexpr SIZE_T kNameSizeMax = 260;
 CallerText ReadCallerName(char* buffer, int capacity, const WCHAR* from);
 template <SIZE_T size>

@@ -1,4 +1,4 @@
-// Asked at each open and each restart: a test, or a user who changes the emulated version, sees it at once.
+// Determined at each open and restart, so that a change of the emulated version takes effect at once. No state.
 #include "base/system.h"
 
 #include "base/memory.h"
@@ -10,7 +10,7 @@
 OSVERSIONINFOA SystemVersion() {
     OSVERSIONINFOA version = {};
     version.dwOSVersionInfoSize = sizeof version;
-    // A version that cannot be read stays all zero, which is no platform.
+    // A version that cannot be read stays all zero, which no platform has.
     if (!GetVersionExA(&version)) version = {};
     return version;
 }
@@ -30,13 +30,11 @@ bool RunsTerminalServices() {
     return product::IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, g_heap);
 }
 
-// Asked at each open that needs it: the name of an executable is cheap, and nothing here has to be kept.
-
 namespace {
 
 constexpr const char* kOwnExecutables[] = {"TVORSN.EXE", "TVORS9.EXE", "TVPILN.EXE", "TVRMMN.EXE", "TVRMM9.EXE"};
 
-// The second byte of a double-byte character may look like a backslash.
+// The second byte of a double-byte character may equal a backslash.
 const char* BehindLastBackslash(const char* path) {
     const char* fileName = path;
     while (*path != '\0') {
@@ -54,14 +52,14 @@ const char* BehindLastBackslash(const char* path) {
 bool IsOwnProcess() {
     char path[MAX_PATH];
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
-    if (length == 0 || length >= sizeof path) return false; // a path that was cut has another end
+    if (length == 0 || length >= sizeof path) return false; // a cut path ends elsewhere
     const char* fileName = BehindLastBackslash(path);
     for (const char* own : kOwnExecutables)
         if (lstrcmpiA(fileName, own) == 0) return true;
     return false;
 }
 
-// Reads of the registry that end in a text, whatever the value's type says.
+// Registry values as texts, whatever type they have.
 
 namespace {
 
@@ -71,7 +69,7 @@ constexpr DWORD kInstallDirectorySize = 260;
 } // namespace
 
 bool ReadRegistryText(HKEY key, const char* valueName, char* buffer, DWORD capacity) {
-    DWORD size = capacity - 1; // one byte for the NUL that the value need not have
+    DWORD size = capacity - 1; // one byte for the NUL, which the value may lack
     if (RegQueryValueExA(key, valueName, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS)
         return false;
     buffer[size] = '\0';
@@ -91,6 +89,6 @@ bool FindInstalledFile(const char* fileName, InstalledFile& file) {
     const RegistryKey product(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
     char directory[kInstallDirectorySize + 1];
     if (!product || !ReadRegistryText(product.key, kInstallDirectoryValue, directory, sizeof directory)) return false;
-    // Appended as it is: a directory without its backslash names another file.
+    // Appended unchanged: a directory without its backslash names another file.
     return snprintf(file.path, sizeof file.path, "%s%s", directory, fileName) < static_cast<int>(sizeof file.path);
 }

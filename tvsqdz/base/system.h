@@ -1,4 +1,4 @@
-// Which Windows this is.
+// The Windows version, the own executable, and texts of the registry. No state.
 #pragma once
 
 #include "product/guards.h"
@@ -13,28 +13,28 @@ inline constexpr uint32_t OsNt351 = 0x04000000;     // Windows NT 3.51
 inline constexpr uint32_t OsNtLater = 0x08000000;   // every later Windows NT
 inline constexpr uint32_t OsNtAny = OsNt350 | OsNt351 | OsNtLater;
 
-// All zero when it cannot be told.
+// All zero when it cannot be determined.
 OSVERSIONINFOA SystemVersion();
 
-// One of them, or 0 for a Windows before NT 3.50 and any other platform.
+// One of the bits above; 0 for a Windows before NT 3.50 and any other platform.
 uint32_t PlatformBit();
 
 // Whether the system runs Terminal Services.
 bool RunsTerminalServices();
 
-// Whether the calling process runs one of the product's own executables.
+// Whether the calling process runs one of the product's executables.
 
 bool IsOwnProcess();
 
-// Texts in the registry. What a value holds is anybody's: it is bounded and terminated here.
+// Texts in the registry. Their contents are not trusted: they are bounded and terminated here.
 
-// The product's key, and the value that names the directory it is installed in.
+// The product's key, and the value with the directory in which it is installed.
 inline constexpr char kProductKey[] = "SOFTWARE\\Tavik\\Oriel";
 
-// Reads a value as a text, up to its first NUL. False when it is missing or longer than the buffer.
+// Reads a value as text, up to its first NUL. False when it is missing or longer than the buffer.
 bool ReadRegistryText(HKEY key, const char* valueName, char* buffer, DWORD capacity);
 
-// A value of any length as a text in a block of its own; null when it is missing or there is no memory.
+// A value of any length as text in a heap block; null when it is missing or out of memory.
 char* CopyRegistryText(HKEY key, const char* valueName);
 
 // "DIRPATH", which ends with a backslash, followed by a file name. False when the value or its key is missing.

@@ -1,5 +1,6 @@
-// Attach and detach in their order. The loader calls them once each, and before and after every other call; that a
-// thread is still in a call at the process's end is the one exception, and the detach is prepared for it.
+// The entry point of the loader, and the order of attach and detach. No other call runs before or after them, with one
+// exception that the detach handles: threads may still be inside calls when the process ends. State: that of
+// machine/process_state.h.
 #include "exports/attach.h"
 
 #include "base/memory.h"
@@ -27,7 +28,7 @@ void DestroyHeap() {
     g_heap = nullptr;
 }
 
-// Finds out whether the product is set up, and whether its service can run at all.
+// Checks whether the product is set up and its service can run at all.
 bool FindProduct() {
     InstalledFile service;
     if (!FindInstalledFile(kServiceExecutable, service)) return false;
@@ -52,7 +53,7 @@ bool AttachProcess(HINSTANCE module) {
     DisableThreadLibraryCalls(module);
     g_heap = HeapCreate(0, kInitialHeapSize, 0);
     if (g_heap == nullptr) return false;
-    // First, since it decides the name of the shared block.
+    // First, because it decides the name of the shared block.
     g_terminalServer = RunsTerminalServices();
     if (!OpenSharedCounters()) {
         DestroyHeap();
@@ -72,13 +73,13 @@ bool AttachProcess(HINSTANCE module) {
 }
 
 void DetachProcess() {
-    if (!LetCallsIn(false)) return; // the attach failed, or the detach has been done
+    if (!LetCallsIn(false)) return; // the attach failed, or the detach is done
     BoundCalls(g_timings.detachCalls, g_timings.detachCall);
     CloseAllManagers();
-    // At the end of a process other threads may still be in a call. They get a moment; beyond that, what they use stays
-    // in place, for the process ends anyway.
+    // At the end of a process other threads may still be inside calls. They get a moment; after that, what they use
+    // stays in place, because the process ends anyway.
     const bool empty = CallsHaveLeft(CallsWereGivenUp() ? g_timings.detachBoundOfStill : g_timings.detachBound);
-    CloseAllManagers(); // those whose open was on its way
+    CloseAllManagers(); // those whose open was in progress
     RemoveKindBits(g_processKindMask.exchange(0));
     LeaveProcessCount();
     g_installed = false;
@@ -90,7 +91,7 @@ void DetachProcess() {
     UnbindStatusDatabase();
 }
 
-// The entry point, which the loader calls when the library comes into a process and when it goes.
+// The entry point: called by the loader when the process loads and unloads the library.
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
     switch (reason) {

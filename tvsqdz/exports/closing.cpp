@@ -1,5 +1,5 @@
-// A close has two halves: what others see of the manager ends with the call; what the record holds is given back with
-// its last reference.
+// CloseManager. A close has two halves: the call ends what others see of the manager; the last reference releases what
+// the record holds. State: the manager's record.
 #include "exports/closing.h"
 
 #include "base/memory.h"
@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kTerminateManager[] = "TerminateManager";
 
-// A reference to an open manager, as the detach too may hold one, which is no call.
+// A reference to an open manager. Unlike a ManagerCall, the detach may hold one too.
 struct ManagerReference {
     explicit ManagerReference(TvsManager handle) {
         const ManagerLockHold lock;
@@ -39,8 +39,8 @@ bool TerminationIsStored(ManagerRecord* manager) {
            value != 0;
 }
 
-// The manager through which all managers were told to terminate closes last: once no other has the database open. A
-// bound of a minute, since one of them may not close at all.
+// The manager that told all managers to terminate closes last, when no other has the database open. Bounded by a
+// minute, because one of them may never close.
 void AwaitOtherManagers(ManagerRecord* manager) {
     product::DatabaseInfo info;
     for (DWORD poll = 0; poll < g_timings.terminationPolls; ++poll) {
@@ -65,12 +65,12 @@ Status CloseManagerOf(TvsManager handle) {
     const ManagerReference reference(handle);
     ManagerRecord* manager = reference.manager;
     if (manager == nullptr) return TVS_E_HANDLE;
-    // Without a lock, so that the managers it waits for can close.
+    // Without a lock, so that the other managers can close.
     if (reference.terminating && TerminationIsStored(manager)) AwaitOtherManagers(manager);
     if (!UnlinkManager(manager)) return TVS_E_HANDLE; // another thread was faster
 
-    // What others see of the manager ends here. What the record holds is given back with its last reference, so that a
-    // call that is still on its way keeps its databases and the mutex that it may hold.
+    // What others see of the manager ends here. The last reference releases what the record holds, so that a call in
+    // progress keeps its databases and a mutex that it may hold.
     StopThreadRecords(TakeRegistrations(manager));
     if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
     --g_openManagerCount;

@@ -1,4 +1,5 @@
-// The exports of notification. A handle that cannot be given to the caller undoes its registration.
+// The SetNotification and KillNotification exports. A registration whose handle cannot be written to the caller is
+// undone. No state.
 #include "base/memory.h"
 #include "exports/wide_names.h"
 #include "manager/variable_index.h"
@@ -53,7 +54,7 @@ Status RelayOne(ManagerRecord* manager, const char* callersName, HWND window, ui
     return GiveHandle(manager, status, made, callersHandle, CancelRelayedRegistration);
 }
 
-// How the messages of this process are delivered, asked before the manager is looked for.
+// How messages of this process are delivered; decided before the manager is looked up.
 class MessageCall {
 public:
     explicit MessageCall(TvsManager handle) : m_manager(handle) {
@@ -165,11 +166,9 @@ int32_t TVS_CALL KillNotificationMsg(TvsManager manager, TvsRegistration registr
                         : KillRegistration(call.Manager(), registration);
 }
 
-// The wide exports of notification: the names are converted, and the ANSI forms do the rest.
-
 namespace {
 
-// A list without names is not looked at.
+// With count 0 the list is not read.
 template <typename AnsiForm> // Status(const char* names)
 Status WithNames(TvsManager manager, uint32_t count, const WCHAR* callersNames, AnsiForm ansiForm) {
     HeapBlock names;

@@ -1,5 +1,6 @@
-// Opening a manager joins the product's other processes: under the machine-wide database mutex it finds or adds the
-// printer in the printer list, creates or opens the printer's database, and takes the mutexes that later calls need.
+// OpenManager and OpenManagerEx, A and W. Under the machine-wide database mutex an open finds or adds the printer in
+// the printer list, creates or opens the printer's database, and opens the mutexes that later calls need. State: the
+// manager's record.
 #include "exports/opening.h"
 
 #include "base/memory.h"
@@ -21,7 +22,7 @@
 namespace {
 
 constexpr DWORD kServiceSeconds = 60;
-// The start-up process, the service and this process: with fewer, the service may still be starting.
+// The start-up process, the service and this process: with fewer processes the service may still be starting.
 constexpr uint32_t kProcessesOfARunningProduct = 3;
 constexpr DWORD kLogonNameSize = 80;
 
@@ -29,15 +30,15 @@ constexpr char kLmFunction[] = "LMFunction";
 constexpr char kCompulsivePolling[] = "CompulsivePolling";
 constexpr char kPrinterNameVariable[] = "PrinterName";
 
-// A manager that is being opened, with the database mutex that it holds; given back whole unless it is kept. The open
-// has a reference of its own: once the manager is in the list, another thread could close it.
+// A manager that is being opened, with the database mutex. Unless it is kept, the destructor undoes everything. The
+// open has its own reference: another thread could close the manager once it is in the list.
 class Opening {
 public:
     explicit Opening(ManagerRecord* record) : m_manager(record) { m_manager->references = 1; }
     ~Opening() {
         if (!m_kept) {
             if ((m_manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(m_manager);
-            CloseDatabases(m_manager); // while no other open can come between
+            CloseDatabases(m_manager); // before another open can come between
         }
         databaseLock.Release();
         ReleaseManager(m_manager);
@@ -46,7 +47,7 @@ public:
     Opening& operator=(const Opening&) = delete;
 
     ManagerRecord* Manager() const { return m_manager; }
-    // The manager goes into the list, which takes a reference.
+    // Puts the manager into the list, which takes a reference.
     void Keep() {
         InterlockedIncrement(&m_manager->references);
         AppendManager(m_manager);
@@ -61,7 +62,7 @@ private:
 };
 
 bool HasObjectSecurity(const ManagerRecord* manager) {
-    if ((manager->flags & OsNtAny) == 0) return true; // the platform's default
+    if ((manager->flags & OsNtAny) == 0) return true; // the default of the platform
     const ManagerLockHold lock;
     return EnsureObjectSecurity();
 }
@@ -72,14 +73,14 @@ bool ProductIsInitialised() {
 }
 
 // Windows NT 3.50 and 3.51 let applications start before the services are up. Later systems do not, and under Windows
-// 95/98/Me the creation of a database restarts a service that is missing.
+// 95/98/Me the creation of a database restarts a missing service.
 bool StatusServiceIsUp(const ManagerRecord* manager) {
     if ((manager->flags & (OsNt350 | OsNt351)) == 0) return true;
     if (ProcessCount() >= kProcessesOfARunningProduct || g_openManagerCount != 0) return true;
     return WaitForStatusService(kServiceSeconds);
 }
 
-// Twice, with the driver's name known in between: whoever watches the variable is told when all of it is there.
+// Written twice, with the name of the driver in between: watchers of the variable are notified when all of it is there.
 void WritePrinterName(ManagerRecord* manager) {
     WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
     LookUpDriverName(manager);
@@ -99,7 +100,7 @@ Status ObtainPrinterDatabase(ManagerRecord* manager) {
         WritePrinterName(manager);
         return TVS_OK;
     case Population::NoMemory:
-        return TVS_E_MEMORY; // the release closes the database, and the next opener creates it
+        return TVS_E_MEMORY; // the destructor closes the database, and the next open creates it
     case Population::NotReady:
         break;
     }
@@ -131,7 +132,8 @@ void ReadLmFunction(ManagerRecord* manager) {
     ReadVariable(manager->printerDatabase, kLmFunction, &manager->lmFunction, sizeof manager->lmFunction, &valueSize);
 }
 
-// Its printer side may have ended when all managers were asked to shut down: whoever starts it again waits for this.
+// Its printer side may have ended when all managers were asked to shut down; whoever starts it again waits for this
+// event.
 void TellOfOpen(const ManagerRecord* manager) {
     const DWORD lastError = GetLastError();
     const KernelHandle opened(
@@ -151,13 +153,13 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
         RepairDefaultPrinter(manager->printerName);
     if (!StatusServiceIsUp(manager)) return TVS_E_SERVICE_TIMEOUT;
     if (!AttachPrinterDatabase(manager, nullptr)) return TVS_E_UNAVAILABLE;
-    if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also for a printer whose driver nobody knows
+    if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also when the driver of the printer is unknown
     if (const Status status = ObtainPrinterDatabase(manager); status != TVS_OK) return status;
     if (!SetUserName(manager, names.user)) return TVS_E_MEMORY;
     manager->requestMutex = CreateOrOpenMutex(RequestMutexName(manager->databaseName));
     if (manager->requestMutex == nullptr) return TVS_E_UNAVAILABLE;
     ReadLmFunction(manager);
-    // Its record has to be the first, so before anybody can register.
+    // Its record has to be the first, so it is created before anybody can register.
     if ((manager->flags & ManagerOwnsPrinter) != 0 && !StartManagerService(manager)) return TVS_E_MEMORY;
 
     opening.Keep();
@@ -167,7 +169,7 @@ Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     return TVS_OK;
 }
 
-// Makes the record and opens it; *handle designates it on success.
+// Creates the record and opens it; *handle designates it on success.
 Status OpenRecord(const OpenNames& names, uint32_t clientKind, TvsManager* handle) {
     ManagerRecord* manager = static_cast<ManagerRecord*>(AllocateZeroed(sizeof(ManagerRecord)));
     if (manager == nullptr) return TVS_E_MEMORY;
@@ -191,21 +193,21 @@ bool StartAgent(TvsManager handle) {
 
 Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* handleOutput) {
     const LibraryCall call;
-    if (!call || !g_installed) return TVS_E_UNAVAILABLE; // before anything is looked at, the kind included
+    if (!call || !g_installed) return TVS_E_UNAVAILABLE; // before any argument is checked
     if (clientKind == TVS_KIND_REGISTERED_MODELS) {
         if (names.printerStatus != TVS_OK) return names.printerStatus;
         if (IsUnsupportedPrinter(names.printer)) return TVS_E_UNREGISTERED;
     }
     if (clientKind > TVS_KIND_HIGHEST) return TVS_E_UNKNOWN;
     if (names.printerStatus != TVS_OK) return names.printerStatus;
-    if (names.printer[0] == '\0') return TVS_E_UNAVAILABLE; // no printer has it, but the list would keep it for good
+    if (names.printer[0] == '\0')
+        return TVS_E_UNAVAILABLE; // no printer has an empty name, but the list would keep it for good
     if (names.userStatus != TVS_OK) return names.userStatus;
     // They stay set even when a later step fails.
     AddKindBits(kClientKinds[clientKind].bit);
     g_processKindMask |= kClientKinds[clientKind].bit;
 
-    // From here on the manager is open, and what remains is to hand it over: the handle may still fail to reach the
-    // caller, and the agent to start.
+    // The manager is open now. Two steps may still fail: writing the handle to the caller, and starting the agent.
     TvsManager handle = 0;
     if (const Status status = OpenRecord(names, clientKind, &handle); status != TVS_OK) return status;
     if (!CopyToCaller(handleOutput, &handle, sizeof handle) ||

@@ -1,11 +1,11 @@
-// Opening a manager, for the ANSI and the wide exports.
+// Opening a manager.
 #pragma once
 
 #include "manager/manager_record.h"
 #include "product/status.h"
 
-// The names that an open works with, copied in from the caller and bounded. A status other than TVS_OK says why there
-// is no name; the open reports it where it needs the name.
+// The names of an open, copied from the caller and bounded. A status other than TVS_OK says why there is no name; the
+// open reports it where it needs the name.
 struct OpenNames {
     Status printerStatus = TVS_OK;
     char printer[kPrinterNameSize] = {};
@@ -13,13 +13,13 @@ struct OpenNames {
     char user[kUserNameSize] = {}; // empty: the logon name of the caller
 };
 
-// Steps that an open and a reopening have in common. The database mutex is held.
+// Steps that an open and a reopening share. The caller holds the database mutex.
 
-// Creates the database that databaseName names, with the initial value of every variable, or opens it: printerDatabase.
-// TVS_OK, TVS_E_UNAVAILABLE or TVS_E_MEMORY; a database that was opened stays the record's even then.
+// Creates the database databaseName with the initial value of every variable, or opens it: printerDatabase. TVS_OK,
+// TVS_E_UNAVAILABLE or TVS_E_MEMORY; a database that was opened stays in the record on failure.
 Status ObtainPrinterDatabase(ManagerRecord* manager);
-// Writes what a manager of the client kind that asks for compulsive polling leaves for the printer side.
+// For the client kind that asks for compulsive polling: writes the request for the printer side.
 void AskForPolling(ManagerRecord* manager);
 
-// The steps of an open from the installation test to the stored handle. handleOutput is the caller's.
+// All steps of an open, from the installation check to the stored handle. handleOutput is caller memory.
 Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* handleOutput);

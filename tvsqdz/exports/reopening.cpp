@@ -1,4 +1,4 @@
-// State: the manager's record.
+// Reopening. State: the manager's record.
 #include "exports/reopening.h"
 
 #include "base/memory.h"
@@ -11,7 +11,8 @@
 
 #include <string.h>
 
-// A thread may wait for a mutex, or hold it, while its manager gets another: so it stays open as long as the record.
+// A thread may wait for a mutex, or hold it, when its manager gets another one, so a mutex stays open as long as the
+// record.
 struct RetiredMutex {
     HANDLE mutex;
     RetiredMutex* next;
@@ -19,8 +20,8 @@ struct RetiredMutex {
 
 namespace {
 
-// The record that a reopening works on, so that the steps are those of an open and nobody sees the manager half done.
-// What it still has in the end is given back.
+// The record on which a reopening works, so that its steps are those of an open and nobody sees the manager half done.
+// The destructor releases what is still in it.
 class FreshRecord {
 public:
     explicit FreshRecord(ManagerRecord* manager) : m_block(sizeof(ManagerRecord)) {
@@ -72,7 +73,7 @@ struct Holder {
     ManagerRecord* const manager;
 };
 
-// A request mutex has the name of its database, which may be another one now.
+// The request mutex is named after the database, whose name may have changed.
 bool ObtainRequestMutex(const ManagerRecord* manager, ManagerRecord* fresh, HeapBlock* retired) {
     if (strcmp(CurrentDatabaseName(manager).text, fresh->databaseName) == 0) return true;
     fresh->requestMutex = CreateOrOpenMutex(RequestMutexName(fresh->databaseName));
@@ -80,8 +81,8 @@ bool ObtainRequestMutex(const ManagerRecord* manager, ManagerRecord* fresh, Heap
     return fresh->requestMutex != nullptr && retired->memory != nullptr;
 }
 
-// Gives the manager what the fresh record has, which keeps nothing of it. Not a manager that was closed meanwhile: its
-// close would not give it back.
+// Moves the contents of the fresh record to the manager, unless the manager was closed meanwhile: its close would not
+// release them.
 void TakeOver(ManagerRecord* manager, ManagerRecord* fresh, HeapBlock& retired) {
     const ManagerLockHold lock;
     if (FindManager(HandleOf(manager)) != manager) return;
@@ -102,7 +103,7 @@ void TakeOver(ManagerRecord* manager, ManagerRecord* fresh, HeapBlock& retired) 
     manager->serviceInstance = fresh->serviceInstance.load();
 }
 
-// The database mutex is held.
+// The caller holds the database mutex.
 Answer Reopen(ManagerRecord* manager) {
     FreshRecord fresh(manager);
     if (fresh.record == nullptr) return Answer::UnknownDatabase; // the next call tries again
@@ -112,7 +113,7 @@ Answer Reopen(ManagerRecord* manager) {
     if (!AttachPrinterDatabase(fresh.record, &former) || ObtainPrinterDatabase(fresh.record) != TVS_OK ||
         !ObtainRequestMutex(manager, fresh.record, &retired)) {
         product::ServiceInstance instance = 0;
-        const Answer answer = GetServiceInstance(&instance); // it may have gone again
+        const Answer answer = GetServiceInstance(&instance); // the service may have ended again
         return answer != Answer::Done ? answer : Answer::UnknownDatabase;
     }
     AskForPolling(fresh.record);
@@ -129,14 +130,14 @@ Answer FollowService(const ManagerDatabase& database, DatabaseHandle* handle) {
     product::ServiceInstance instance = 0;
     if (const Answer answer = GetServiceInstance(&instance); answer != Answer::Done) return answer;
     if (manager->serviceInstance != instance) {
-        // Opens and reopenings of other managers may be before this one.
+        // Opens and reopenings of other managers may come first.
         MutexHold lock;
         if (!lock.Acquire(manager->databaseMutex, g_timings.reopenBound)) return Answer::UnknownDatabase;
         if (manager->serviceInstance != instance) {
             if (const Answer answer = Reopen(manager); answer != Answer::Done) return answer;
         }
     }
-    // The same service knows no more of the handle than before.
+    // It is the same service, which does not know the handle.
     const DatabaseHandle now = database.handle;
     if (now == *handle) return Answer::UnknownDatabase;
     *handle = now;

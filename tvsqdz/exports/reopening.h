@@ -1,12 +1,12 @@
-// Opening a manager's databases again in a service that was started anew (FollowService of manager/manager_database.h).
+// Opening a manager's databases again in a restarted service (FollowService of manager/manager_database.h).
 //
-// Done by whichever thread finds that the service is another one, under the database mutex, while the other threads of
-// the manager wait for it there. What the manager had of the old service goes over to the new one: its place in the
-// printer list with the number, where that is free, and the ownership, unless another process took it first. Its
-// variables start from their initial values and driver-data copies, as after any creation of the database.
+// The thread that finds a new service does it under the database mutex, while other threads of the manager wait there.
+// The manager keeps its place in the printer list with its number, if that is free, and its ownership, unless another
+// process took it first. Its variables start with their initial values and driver-data copies, as after any creation of
+// the database.
 #pragma once
 
 #include "manager/manager_record.h"
 
-// For the end of the record: what reopenings left open for threads that may still have waited for it.
+// For the end of the record: closes the mutexes that reopenings left open because threads might still wait for them.
 void CloseRetiredMutexes(ManagerRecord* manager);

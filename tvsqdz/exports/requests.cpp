@@ -1,6 +1,6 @@
-// The exports that start a direct read or write and return at once. What can be refused is refused here, on the
-// caller's thread; the exchange itself runs on a thread of its own (request_threads.h), or in the printer's owner
-// (relayed_requests.h).
+// The asynchronous exports: GetReqPrinterStatus and SetReqPrinterStatus by event and by message, and
+// ResSetPrinterStatus. Everything that can be refused is refused on the caller's thread; the exchange runs on its own
+// thread (requests/threads.h), or in the printer's owner (requests/owner.h). No state.
 #include "base/memory.h"
 #include "exports/wide_names.h"
 #include "manager/variable_index.h"
@@ -18,7 +18,7 @@
 
 namespace {
 
-// How the requester is told.
+// How the requester is notified.
 struct Completion {
     uint32_t flag; // REQ_BY_EVENT or REQ_BY_MESSAGE
     void* target;  // event or window
@@ -31,7 +31,7 @@ bool IsRelayed(const Completion& completion) {
     return completion.IsMessage() && !DeliversMessagesItself();
 }
 
-// A variable that has this bit beside SVF_DIRECT, and a name that fits a request.
+// Finds a variable that has this bit and SVF_DIRECT, and a name that fits a request.
 Status FindRequested(ManagerRecord* manager, const char* callersName, uint32_t bit,
                      const StatusVariableDef** variable) {
     if (const Status status = FindCallersVariable(manager, callersName, variable); status != TVS_OK) return status;
@@ -88,14 +88,14 @@ Status CheckWrite(ManagerRecord* manager, const StatusVariableDef& variable) {
     return SpoolerIsReady(manager->printerDatabase) ? TVS_OK : TVS_E_NOT_READY;
 }
 
-// False when the caller's memory takes no number; where it took one before it does.
+// False when the number cannot be written. Used before a request, and again after a failure.
 bool ResetNumber(uint32_t* callersNumber) {
     const uint32_t none = 0;
     return CopyToCaller(callersNumber, &none, sizeof none);
 }
 
-// From the lock on. The event form holds the database mutex, under which the result is entered too, and the message
-// form the request mutex, so that it waits for its turn here.
+// From the lock to the start. The event form holds the database mutex, under which the result is entered; the message
+// form holds the request mutex, so it waits for its turn here.
 Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value,
                      const Completion& completion, uint32_t* callersNumber) {
     MutexHold lock(completion.IsMessage() ? manager->requestMutex.load() : manager->databaseMutex);
@@ -138,7 +138,7 @@ Status StartWrite(TvsManager handle, const char* variable, const void* data, uin
     const StatusVariableDef* found = nullptr;
     if (const Status status = FindRequested(manager, variable, SVF_WRITABLE, &found); status != TVS_OK) return status;
     if (const Status status = CheckWrite(manager, *found); status != TVS_OK) return status;
-    CallerValue value(data, size); // before anybody is held up
+    CallerValue value(data, size); // before anybody has to wait
     if (value.Result() != TVS_OK) return value.Result();
     return PlaceAndStart(manager, *found, value, completion, callersNumber);
 }
@@ -164,11 +164,9 @@ int32_t TVS_CALL SetReqPrinterStatusMsgA(TvsManager manager, const char* variabl
                       requestId);
 }
 
-// The wide exports of asynchronous requests.
-
 namespace {
 
-// The caller's number is 0 whatever fails, also before the ANSI form is reached.
+// The caller's number is 0 after every failure, also before the ANSI form is called.
 template <typename AnsiForm> // Status(const char* name, const void* data, uint32_t size)
 Status StartWrite(TvsManager manager, const WCHAR* callersVariable, const void* value, uint32_t size,
                   uint32_t* requestId, AnsiForm ansiForm) {

@@ -1,4 +1,4 @@
-// The frame of a wide export that converts nothing but a variable's name and leaves the rest to its ANSI form.
+// The frame of a wide export that converts only the name of the variable and then calls its ANSI form. No state.
 #pragma once
 
 #include "base/memory.h"
@@ -6,7 +6,7 @@
 #include "manager/variable_index.h"
 #include "product/status.h"
 
-// The handle comes first, as in the ANSI forms.
+// The handle is checked first, as in the ANSI forms.
 inline Status RefuseName(TvsManager manager, Status status) {
     const ManagerCall call(manager);
     return call ? status : TVS_E_HANDLE;

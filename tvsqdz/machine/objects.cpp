@@ -1,4 +1,5 @@
-// Names are formed in records on the stack; a name that does not fit is empty and makes no object.
+// Objects of objects.h. Names are formed in records on the stack; a name that does not fit is empty and creates no
+// object. State: g_objectSecurity.
 #include "machine/objects.h"
 
 #include "base/memory.h"
@@ -17,7 +18,7 @@ product::KernelName RequestMutexName(const char* databaseName) {
 }
 
 HANDLE CreateOrOpenMutex(const product::KernelName& name) {
-    if (name.text[0] == '\0') return nullptr; // would make an unnamed one
+    if (name.text[0] == '\0') return nullptr; // an empty name would create an unnamed object
     HANDLE mutex = CreateMutexA(ObjectSecurity(), FALSE, name.text);
     return mutex != nullptr ? mutex : OpenMutexA(SYNCHRONIZE, FALSE, name.text);
 }
@@ -27,13 +28,11 @@ HANDLE CreateNamedEvent(const product::KernelName& name) {
     return CreateEventA(ObjectSecurity(), TRUE, FALSE, name.text);
 }
 
-// State: the attributes that every object is created with, here.
-
 namespace {
 
 std::atomic<SECURITY_ATTRIBUTES*> g_objectSecurity;
 
-// An entry takes its header and mask, 8 bytes, and its SID.
+// An entry is its header and mask, 8 bytes, and its SID.
 constexpr DWORD kAceHeaderSize = 8;
 
 } // namespace
@@ -91,7 +90,8 @@ bool EnsureObjectSecurity() {
     attributes->nLength = sizeof *attributes;
     attributes->lpSecurityDescriptor = BuildObjectSecurity();
     attributes->bInheritHandle = FALSE;
-    // An object without the descriptor would lock out the other users: better no manager than half a machine.
+    // An object without the descriptor would lock out other users: no manager is better than one that only its user can
+    // share.
     if (attributes->lpSecurityDescriptor == nullptr) return false;
     block.Take();
     g_objectSecurity = attributes;

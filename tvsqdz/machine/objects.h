@@ -1,7 +1,6 @@
-// Names of the kernel objects that the library shares with other processes, and their opening.
-//
-// Other processes must arrive at the same name, so these are an external interface. "Rule": with Terminal Services the
-// name is "Global\" and the base name.
+// Kernel objects that the library shares with other processes: names, creation, security. The names are an external
+// interface: other programs form the same ones. "Rule": with Terminal Services a name is "Global\" and the base name,
+// else the base name. State: the security attributes.
 #pragma once
 
 #include "machine/process_state.h"
@@ -11,42 +10,42 @@
 
 // Rule. The database mutex, which the product's other programs take too.
 using product::kDatabaseMutexName;
-// Rule, the printer's database name appended. The request mutex of a printer: one request at a time.
+// Rule, followed by the printer's database name. The request mutex of a printer: one request at a time.
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
 // Plain. Exists while the product's start-up process runs.
 inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 
-// The base name by the rule. The name of a name that is too long is empty.
+// The name by the rule; empty when it would be too long.
 product::KernelName ObjectName(const char* baseName);
 // "TVORSQD:ReqMutex:<database>", by the rule.
 product::KernelName RequestMutexName(const char* databaseName);
 
-// Creates the mutex, not owned, or opens the one that this caller may not create, for waiting. Null when neither can be
-// had.
+// Creates the mutex without owning it. When the caller may not create it, opens the existing one for waiting. Null when
+// neither works.
 HANDLE CreateOrOpenMutex(const product::KernelName& name);
-// A manual-reset event, not signalled unless it existed.
+// A manual-reset event; not set, unless it existed and was.
 HANDLE CreateNamedEvent(const product::KernelName& name);
 
-// The security of every kernel object that the library creates: full access for everyone, so that the processes of all
-// users of the machine meet on the same objects.
+// Every object that the library creates grants full access to everyone, so that the processes of all users share the
+// same objects.
 
-// One entry of an access control list that allows.
+// One allowing entry of an access control list.
 struct AccessEntry {
     PSID sid;
     ACCESS_MASK mask;
     BYTE aceFlags;
 };
 
-// Builds a self-relative descriptor in a block of the heap: no owner, the group given, no system list, a discretionary
-// list of the entries in their order. False when there is no memory or a part is invalid; *descriptor is then null.
+// Builds a self-relative descriptor in a heap block: no owner, the given group, no system ACL, a discretionary ACL with
+// the entries in their order. False when out of memory or a part is invalid; *descriptor is then null.
 bool BuildSecurityDescriptor(const AccessEntry* entries, DWORD count, PSID group, PSECURITY_DESCRIPTOR* descriptor);
 
 // The descriptor of the library's objects; null when it cannot be built.
 PSECURITY_DESCRIPTOR BuildObjectSecurity();
 
-// The attributes that objects are created with: none on Windows 95/98/Me, and until the process's first open. From then
-// on they stay as they are until the detach, so they are read without the lock.
+// The attributes for creating objects: null on Windows 95/98/Me and until the first open of the process. They do not
+// change after that until the detach, so they are read without the lock.
 SECURITY_ATTRIBUTES* ObjectSecurity();
-// Builds them if they do not exist yet; false when that fails.
+// Builds them unless they exist; false on failure.
 bool EnsureObjectSecurity() REQUIRES(g_managerLock);
 void FreeObjectSecurity();

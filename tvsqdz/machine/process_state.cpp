@@ -1,4 +1,5 @@
-// State: all of process_state.h, the mapping of the shared counters, and who is inside.
+// State: everything that process_state.h declares, the mapping of the shared counters, and the number of calls inside
+// the library.
 #include "machine/process_state.h"
 
 #include "base/memory.h"
@@ -27,7 +28,8 @@ HANDLE CreateCountersMapping(SECURITY_ATTRIBUTES* security) {
     HANDLE mapping =
         CreateFileMappingA(INVALID_HANDLE_VALUE, security, PAGE_READWRITE, 0, sizeof(SharedCounters), name.text);
     if (mapping != nullptr || GetLastError() != ERROR_ACCESS_DENIED) return mapping;
-    // Windows lets an ordinary user make no mapping in the global namespace: the session then has a block of its own.
+    // On Windows an ordinary user cannot create a mapping in the global namespace; the session then has a block of its
+    // own.
     return CreateFileMappingA(INVALID_HANDLE_VALUE, security, PAGE_READWRITE, 0, sizeof(SharedCounters),
                               kSharedCountersName);
 }
@@ -86,8 +88,8 @@ void RemoveKindBits(uint32_t bits) {
     InterlockedAnd(&g_sharedCounters->kindMask, static_cast<LONG>(~bits));
 }
 
-// Whoever comes in is counted before the flag is read, and a detach clears the flag before it reads the count: one of
-// the two sees the other.
+// A call counts itself before it reads the flag, and a detach clears the flag before it reads the count, so one of the
+// two sees the other.
 LibraryCall::LibraryCall() {
     g_callsInside.fetch_add(1);
     m_attached = g_attached.load();

@@ -1,6 +1,5 @@
-// State of the process and of the machine, and the scope that every export runs in.
-//
-// All of it is set up at process attach and taken down at process detach (exports/attach.cpp).
+// State of the process and of the machine, and the scope that every export runs in. Set up at process attach and taken
+// down at process detach (exports/attach.cpp).
 #pragma once
 
 #include "product/lock_analysis.h"
@@ -12,9 +11,9 @@
 
 struct ManagerRecord;
 
-// Guards the list of managers, every manager's list of thread records, its printer name, and the one-time build of the
-// object security. No thread waits for a named mutex or for another thread while it holds it, but for the moment in
-// which one is terminated.
+// Protects the list of managers, the thread records and the printer name of each manager, and the one-time build of the
+// object security. A thread that holds it waits neither for a named mutex nor for another thread, except for the short
+// wait that terminates one.
 struct CAPABILITY("g_managerLock") ManagerLock {
     CRITICAL_SECTION section;
 };
@@ -27,22 +26,22 @@ struct SCOPED_CAPABILITY ManagerLockHold {
     ManagerLockHold& operator=(const ManagerLockHold&) = delete;
 };
 
-// The open managers of the process, in the order of their opening.
+// The open managers of the process, in the order in which they were opened.
 extern ManagerRecord* g_managerList GUARDED_BY(g_managerLock);
 
 // Managers that this process has open.
 extern std::atomic<uint32_t> g_openManagerCount;
-// Kind bits of every manager that this process opened since it loaded the library.
+// Kind bits of every manager that this process has opened since it loaded the library.
 extern std::atomic<uint32_t> g_processKindMask;
 // Rows of the built-in variable table.
 extern uint32_t g_variableCount;
-// The executable of the status database service is there. Without it every open fails.
+// The executable of the status database service exists. Every open fails otherwise.
 extern bool g_installed;
-// Kernel objects have names of the global namespace.
+// Kernel objects have names in the global namespace.
 extern bool g_terminalServer;
 
-// What all processes that have the library loaded see: 8 bytes, zero when the first one loads it. Changed with the
-// Interlocked operations only, and without a lock: a process that is killed keeps its share until the last one is gone.
+// Shared by all processes that have the library loaded: 8 bytes, zero when the first process loads it. Changed with
+// Interlocked operations only, without a lock. A killed process keeps its share until the last process is gone.
 struct SharedCounters {
     LONG volatile processCount;
     LONG volatile kindMask;
@@ -59,8 +58,8 @@ uint32_t KindMask();
 void AddKindBits(uint32_t bits);
 void RemoveKindBits(uint32_t bits);
 
-// The scope of an export. A library that is not attached, be it that its attach failed or that its detach has begun,
-// lets nothing in; a detach waits for those who are in.
+// The scope of an export. It is false while the library is not attached: its attach failed, or its detach has begun. A
+// detach waits for the calls that are inside.
 class LibraryCall {
 public:
     LibraryCall();
@@ -74,13 +73,13 @@ private:
     bool m_attached;
 };
 
-// The same for a thread of the library's that no call waits for: between the two a detach waits for it.
+// The same for a thread of the library that no call waits for: a detach waits for it between the two calls.
 void CountAsCall();
 void UncountAsCall();
 
-// False once the detach has begun: whatever waits inside comes to its end.
+// False once the detach has begun; long waits inside the library then end.
 bool CallsAreLetIn();
-// Lets calls in, or no more; whether they were let in before.
+// Admits calls, or stops admitting them; returns whether they were admitted before.
 bool LetCallsIn(bool attached);
-// True when no call is in the library, at the latest after the time given.
+// True when no call is inside the library; waits for that up to the bound.
 bool CallsHaveLeft(DWORD boundMs);

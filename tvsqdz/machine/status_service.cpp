@@ -1,4 +1,4 @@
-// Keeps no state. Runs during opens, under the database mutex: every wait here holds up the opens of the whole machine.
+// No state. Runs during opens, under the database mutex: every wait here delays the opens of the whole machine.
 #include "machine/status_service.h"
 
 #include "base/system.h"
@@ -41,12 +41,12 @@ bool StartUpProcessRuns() {
     return false;
 }
 
-// Asks the present process to close and waits until its window is gone; false when it stays.
+// Asks the running process to close and waits until its window is gone; false when it stays.
 bool CloseServiceWindow() {
     const DWORD start = GetTickCount();
     HWND window = ServiceWindow();
     if (window == nullptr) return true;
-    // With a bound: a process that hangs answers nothing.
+    // Bounded: a hung process does not answer.
     DWORD_PTR ignored = 0;
     SendMessageTimeoutA(window, WM_CLOSE, 0, 0, SMTO_NORMAL, g_timings.closeBound, &ignored);
     while (IsWindow(window)) {
@@ -56,7 +56,7 @@ bool CloseServiceWindow() {
     return true;
 }
 
-// The new process needs a moment until it takes calls; repeating the call at once would only make it be restarted.
+// The new process needs a moment before it takes calls; repeating the call at once would only restart it again.
 void WaitForServiceWindow() {
     const DWORD start = GetTickCount();
     while (ServiceWindow() == nullptr && GetTickCount() - start < g_timings.restartBound)
@@ -77,7 +77,7 @@ bool WaitForStatusService(DWORD seconds) {
         if (status.dwCurrentState == SERVICE_RUNNING) return true;
         if (status.dwCurrentState == SERVICE_STOPPED) return false;
         if (status.dwCurrentState == SERVICE_START_PENDING && status.dwCheckPoint != 0) {
-            Sleep(WithinHintBounds(status.dwWaitHint)); // it is working on it: not counted
+            Sleep(WithinHintBounds(status.dwWaitHint)); // it reports progress: not counted
             continue;
         }
         Sleep(g_timings.servicePoll);
@@ -118,29 +118,27 @@ bool RestartStatusService9x() {
     return true;
 }
 
-// The conversation with the service until a database is open. Keeps no state.
-
 namespace {
 
-// A database can be given up by its creator between our two calls. That this happens again and again is no accident.
+// The creator can abandon a database between our two calls. Five times in a row means something is wrong.
 constexpr int kAttempts = 5;
 
-// Opens a database that another process may still be initialising. The event that its end sets says only that asking
-// again is worthwhile: it may be missing, or stem from somebody else, or its database may be given up instead, so the
-// service is asked again after every slice.
+// Opens a database that another process may still be initialising. The event only means that it is worth asking again:
+// it may be missing or belong to somebody else, or the database may be abandoned. So the service is asked again after
+// every slice.
 Answer OpenWhenInitialised(const char* name, DatabaseHandle* handle) {
     const DWORD start = GetTickCount();
     bool toldBefore = false;
     for (;;) {
         const Answer answer = OpenDatabase(name, handle);
         if (answer != Answer::BeingInitialised) return answer;
-        // A creator that lives and does not come to an end would hold us, and with us every open of the machine.
+        // A live creator that never finishes would block us, and with us every open on the machine.
         if (GetTickCount() - start >= g_timings.initialisedBound) return Answer::TimedOut;
         const KernelHandle initialised(OpenEventA(SYNCHRONIZE, FALSE, product::InitializedEventName(name).text));
         const DWORD wait =
             initialised ? WaitForSingleObject(initialised.handle, g_timings.initialisedSlice) : WAIT_FAILED;
         const bool told = wait == WAIT_OBJECT_0;
-        // No event, or one that is set and means nothing: asking at once would be asking without a pause.
+        // Without an event, or with one that somebody left set, asking again at once would be a busy loop.
         if (wait == WAIT_FAILED || (told && toldBefore)) Sleep(g_timings.initialisedPause);
         toldBefore = told;
     }

@@ -1,4 +1,4 @@
-// Keeps no state: the spooler, the profile and the registry of the user have it.
+// No state: the spooler, the profile and the registry of the user have it.
 #include "manager/kind_effects.h"
 
 #include "base/memory.h"
@@ -57,7 +57,7 @@ bool RepairDefaultPrinter(const char* printerName) {
     device[strcspn(device, ",")] = '\0';
     if (Contains(reinterpret_cast<const PRINTER_INFO_2A*>(printers.memory), count, device)) return true;
 
-    // Not at once: a printer that is just being set up has its ports entry by then.
+    // Not immediately: a printer that is just being set up has its ports entry by then.
     Sleep(g_timings.defaultPrinterPause);
 
     const RegistryKey ports(HKEY_CURRENT_USER, kPortsKey, KEY_QUERY_VALUE);
@@ -68,14 +68,14 @@ bool RepairDefaultPrinter(const char* printerName) {
     return KeepNameSpoolerAndPort(repaired) && WriteProfileStringA(kProfileSection, kProfileKey, repaired) != FALSE;
 }
 
-// The agent is known by its window, so that no second one is started. Keeps no state.
+// The agent is found by its window, so that only one runs.
 
 namespace {
 
 constexpr char kSystemAccount[] = "SYSTEM";
 constexpr DWORD kNameSize = 64;
 
-// Under Windows NT, where services run beside the desktop.
+// Windows NT, where services run beside the desktop.
 bool HasDesktop() {
     char user[kNameSize];
     DWORD userSize = sizeof user;

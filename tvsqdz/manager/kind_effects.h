@@ -1,15 +1,15 @@
-// The user's default printer, which may have gone.
+// What the opens of some client kinds do besides: repair the user's default printer, start the desktop agent. No state.
 #pragma once
 
 #include "manager/manager_record.h"
 
-// Makes the printer the default one when the present default printer does not exist any more. False when there is none
-// to compare with or the change could not be made.
+// Makes the printer the default one when the current default printer no longer exists. False when there is no default
+// printer or it could not be changed.
 bool RepairDefaultPrinter(const char* printerName);
 
-// The desktop agent: the product's window on the user's desktop, started by the opens of some client kinds.
+// The desktop agent is the product's window on the user's desktop.
 
-// Starts the agent unless it runs or there is no desktop to run on: a caller that is the system itself, or a window
-// station other than the interactive one. False when it should run and cannot be started. An agent that is not ready in
-// time is none of the caller's business.
+// Starts the agent unless it runs or has no desktop to run on: the caller is the system account, or the window station
+// is not the interactive one. False when it should run and cannot be started. An agent that is not ready in time is not
+// an error.
 bool LaunchDesktopAgent(const ManagerRecord* manager);

@@ -1,4 +1,5 @@
-// The list of managers. State: g_managerList and the records in it, under g_managerLock (process_state.h).
+// The list of managers, and calls through a ManagerDatabase. State: g_managerList and its records, under g_managerLock
+// (machine/process_state.h).
 #include "manager/manager_record.h"
 
 #include "manager/manager_database.h"

@@ -1,5 +1,5 @@
-// The list lies in the master database. It is read whole, changed here and written back whole, under the database
-// mutex.
+// The list is in the master database. It is read whole, changed in memory and written back whole, under the database
+// mutex. No state.
 #include "manager/printer_list.h"
 
 #include "base/memory.h"
@@ -18,14 +18,14 @@
 namespace {
 
 constexpr DWORD kListHeader = offsetof(PrinterList, entries);
-// Shorter values are no list: it has had an entry ever since it exists.
+// A shorter value is not a list: a list has at least one entry.
 constexpr DWORD kSmallestList = sizeof(PrinterListEntry);
 
 constexpr uint64_t ListSize(uint64_t entryCount) {
     return kListHeader + sizeof(PrinterListEntry) * entryCount;
 }
 
-// The list as it was read, with room for one more entry.
+// The list as read, with room for one more entry.
 struct ListBlock {
     ~ListBlock() { FreeBlock(list); }
 
@@ -39,7 +39,7 @@ bool IsTerminated(const char (&text)[size]) {
     return memchr(text, '\0', size) != nullptr;
 }
 
-// Fails with an answer, which becomes the last error: the one channel that tells why an open was refused.
+// Fails with an answer, which becomes the last error: the only way to report why an open was refused.
 bool Fail(Answer answer) {
     SetLastError(static_cast<DWORD>(answer));
     return false;
@@ -49,8 +49,8 @@ bool FailWithoutAnswer() {
     return Fail(Answer::Done);
 }
 
-// The list is written by every process of the product: its counts are checked against what was read. What single
-// entries hold is checked where one is used.
+// Every process of the product writes the list, so its counts are checked against what was read. The contents of an
+// entry are checked where they are used.
 bool ReadList(const ManagerDatabase& master, ListBlock* block) {
     DWORD size = 0;
     Answer answer = ReadVariable(master, product::kPrinterListVariable, nullptr, 0, &size);
@@ -61,12 +61,12 @@ bool ReadList(const ManagerDatabase& master, ListBlock* block) {
     if (block->outOfMemory) return FailWithoutAnswer();
     answer = ReadVariable(master, product::kPrinterListVariable, block->list, size, &block->size);
     if (answer != Answer::Done) return Fail(answer);
-    if (block->size > size) return FailWithoutAnswer(); // not what the service promises
+    if (block->size > size) return FailWithoutAnswer(); // the service does not keep its contract
     if (block->size < kListHeader || ListSize(block->list->entryCount) > block->size) return FailWithoutAnswer();
     return true;
 }
 
-// The first entry of that printer; and the highest number seen up to it.
+// The first entry of that printer, and the highest number seen up to it.
 PrinterListEntry* FindPrinter(PrinterList* list, const char* printerName, uint32_t* highestIndex) {
     *highestIndex = 0;
     for (uint32_t i = 0; i < list->entryCount; ++i) {
@@ -94,7 +94,7 @@ bool HasNumber(const PrinterList* list, uint32_t index) {
     return false;
 }
 
-// An entry for the manager's printer under the number given.
+// An entry for the manager's printer with the given number.
 void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index, PrinterListEntry* entry) {
     *entry = {};
     entry->index = index;
@@ -108,12 +108,12 @@ void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index
 
 bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
     if (!IsTerminated(entry->databaseName) || entry->databaseName[0] == '\0') return FailWithoutAnswer();
-    // A name without an end is no name, and its driver one that is not known.
+    // An unterminated name is not a name; an unterminated driver is unknown.
     if (IsTerminated(entry->driverName) && entry->driverName[0] != '\0')
         manager->driverName = CopyText(entry->driverName);
     if (entry->ownerProcessId == 0 && WantsOwnership(manager, former)) {
         entry->ownerProcessId = GetCurrentProcessId();
-        // An owner that the list does not tell of is none.
+        // An owner whose process id is not in the list counts as none.
         const Answer answer =
             WriteVariable(manager->masterDatabase, product::kPrinterListVariable, block->list, block->size);
         if (answer != Answer::Done) return Fail(answer);
@@ -126,9 +126,9 @@ bool AddEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* bloc
     if (former == nullptr && kClientKinds[manager->clientKind].needsProduct && !IsOwnProcess())
         return FailWithoutAnswer();
     PrinterList* list = block->list;
-    // A printer keeps its number for good, so none is used twice.
+    // A printer keeps its number for good, so no number is used twice.
     const bool keepsNumber = former != nullptr && !HasNumber(list, former->printerIndex);
-    if (!keepsNumber && highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // no number is left
+    if (!keepsNumber && highestIndex == 0xFFFFFFFF) return FailWithoutAnswer(); // all numbers are used
     PrinterListEntry* entry = &list->entries[list->entryCount];
     FillEntry(manager, former, keepsNumber ? former->printerIndex : highestIndex + 1, entry);
     ++list->entryCount;
@@ -149,7 +149,7 @@ bool FindOrAddPrinter(ManagerRecord* manager, const FormerPlace* former) {
                             : AddEntry(manager, former, &block, highestIndex);
 }
 
-// The machine's first open, whatever its client kind.
+// The first open on the machine, whatever its client kind.
 bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
     const HeapBlock block(sizeof(PrinterList));
     if (block.memory == nullptr) return FailWithoutAnswer();
@@ -161,7 +161,7 @@ bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
     Answer answer = CreateVariable(master, product::kPrinterListVariable, product::kTypeVariableLength,
                                    sizeof kEmptyVariableValue, kEmptyVariableValue);
     if (answer == Answer::Done) answer = WriteVariable(master, product::kPrinterListVariable, list, sizeof *list);
-    if (answer == Answer::Done) answer = EndDatabaseInitialization(master); // others wait for it
+    if (answer == Answer::Done) answer = EndDatabaseInitialization(master); // others wait for this
     if (answer != Answer::Done) return Fail(answer);
     TakeOverEntry(manager, list->entries[0]);
     return true;
@@ -170,8 +170,9 @@ bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
 } // namespace
 
 bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
-    // Asked before anything is opened: handles of a later service than this one are opened again in vain, those of an
-    // earlier one would be taken for its own. Where the creation restarts the service, there is none to ask before.
+    // The instance is read before anything is opened. Handles of a later service would then be opened once more for
+    // nothing; read afterwards, handles of an earlier one would be taken for handles of this one. Where the creation
+    // restarts the service, there is none to ask before.
     product::ServiceInstance instance = 0;
     GetServiceInstance(&instance);
     bool created = false;
@@ -191,7 +192,7 @@ bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
     if (manager->ownerProcessId != 0) AddKindBits(kOwnerKindBit);
     if (WantsOwnership(manager, former) && manager->ownerProcessId == GetCurrentProcessId())
         manager->flags |= ManagerOwnsPrinter;
-    LookUpDriverName(manager); // an entry from before the driver was known
+    LookUpDriverName(manager); // the entry may be older than the knowledge of the driver
     SetLastError(ERROR_SUCCESS);
     return true;
 }
@@ -203,7 +204,7 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     uint32_t highestIndex = 0;
     PrinterListEntry* entry = FindPrinter(block.list, oldName.text, &highestIndex);
     if (entry == nullptr) return Renaming::UnknownPrinter;
-    // Of two entries with one name nobody would find the later one's database again.
+    // With two entries of one name nobody would find the database of the second one.
     if (FindPrinter(block.list, newName.text, &highestIndex) != nullptr) return Renaming::NameTaken;
     memcpy(entry->printerName, newName.text, sizeof entry->printerName);
     switch (WriteVariable(master, product::kPrinterListVariable, block.list, block.size)) {
@@ -218,11 +219,11 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
 
 namespace {
 
-// False without memory for the list.
+// False when there is no memory for the list.
 bool TryToReleaseOwnership(ManagerRecord* manager) {
     MutexHold lock;
-    // Whoever holds the mutex waits for the service: a process that ends asks it too, and goes without it if there is
-    // no answer.
+    // The holder of the mutex waits for the service. A process that ends also needs the service, and goes on without
+    // the mutex when the service does not answer.
     while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
         product::DatabaseInfo info;
         if (lock.result != WAIT_TIMEOUT) return true;
@@ -233,7 +234,7 @@ bool TryToReleaseOwnership(ManagerRecord* manager) {
     if (!ReadList(manager->masterDatabase, &block)) return !block.outOfMemory;
     for (uint32_t i = 0; i < block.list->entryCount; ++i) {
         PrinterListEntry& entry = block.list->entries[i];
-        // By its number: the printer may have been renamed by another process.
+        // By number: another process may have renamed the printer.
         if (entry.ownerProcessId != manager->ownerProcessId || entry.index != manager->printerIndex) continue;
         entry.ownerProcessId = 0;
         manager->ownerProcessId = 0;
@@ -246,7 +247,7 @@ bool TryToReleaseOwnership(ManagerRecord* manager) {
 } // namespace
 
 void ReleasePrinterOwnership(ManagerRecord* manager) {
-    // A printer that is not given back stays this process's until it ends, and nobody serves its requests.
+    // A printer that is not released belongs to this process until it ends, and nobody serves its requests.
     for (DWORD pause = 0; !TryToReleaseOwnership(manager) && pause < g_timings.releasePauses; ++pause)
         Sleep(g_timings.memoryPause);
 }

@@ -1,4 +1,4 @@
-// What an open and a close do in the printer list.
+// What an open and a close do with the printer list. No state: the list is in the master database.
 #pragma once
 
 #include "manager/manager_record.h"
@@ -8,34 +8,34 @@ using product::PrinterList;
 using product::PrinterListEntry;
 static_assert(sizeof PrinterListEntry::printerName == kPrinterNameSize);
 
-// What a manager had in the list of an earlier service.
+// The place of a manager in the list of an earlier service.
 struct FormerPlace {
     uint32_t printerIndex;
     bool ownedPrinter;
 };
 
-// Finds the manager's printer in the list or adds it; makes the master database and the list when the machine has none.
-// The database mutex is held by the caller, printerName and clientKind are set. On success masterDatabase is open and
-// serviceInstance, databaseName, printerIndex, ownerProcessId and, where it is known, driverName are set; a client of
-// kind 6 has become the owner when there was none (ManagerOwnsPrinter). On failure nothing is open, and the last error
-// is the answer that was the reason, or 0.
+// Finds the manager's printer in the list or adds it; creates the master database and the list when the machine has
+// none. The caller holds the database mutex and has set printerName and clientKind. On success masterDatabase is open
+// and serviceInstance, databaseName, printerIndex, ownerProcessId and, if known, driverName are set; a client of kind 6
+// has become the owner if there was none (ManagerOwnsPrinter). On failure nothing is open, and the last error is the
+// service's answer that was the reason, or 0.
 //
-// former: null at an open. A manager that had a place may add its printer whatever its kind, under the number that it
-// had if that is free, and becomes the owner only if it was the owner.
+// former: null at an open. A manager that had a place may add its printer whatever its kind, gets its former number if
+// that is free, and becomes the owner only if it was the owner.
 bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former);
 
-// What RenameInPrinterList did.
+// The results of RenameInPrinterList.
 enum class Renaming {
     Done,
-    UnknownPrinter, // no entry has the old name, or there is no list
-    NameTaken,      // another entry has the new name already
-    NotStored,      // the service refused the list
-    Denied,         // ... to this user
+    UnknownPrinter, // no entry has the old name, or the list does not exist
+    NameTaken,      // another entry already has the new name
+    NotStored,      // the service did not take the list
+    Denied,         // this user may not change the list
     NoMemory
 };
-// Gives the first entry of the old name the new one. The database mutex is held by the caller.
+// Renames the first entry with the old name. The caller holds the database mutex.
 Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameText& oldName,
                              const PrinterNameText& newName);
 
-// Gives the ownership that ManagerOwnsPrinter tells of back. Takes the database mutex itself.
+// Releases the ownership of the printer (ManagerOwnsPrinter). Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);

@@ -1,5 +1,5 @@
-// The start, and both forms of the stop. A terminated thread leaves locked what it had locked, so termination is what
-// is left when a thread has had its time.
+// Starting and stopping threads. Termination is the last resort: a terminated thread leaves its locks locked. No state
+// but the records.
 #include "manager/thread_records.h"
 
 #include "base/memory.h"
@@ -29,7 +29,7 @@ bool IsOwn(const ThreadRecord* record) {
 
 void LeaveToItself(ThreadRecord* record) {
     record->stoppedByItself = true;
-    CountAsCall(); // for nobody else waits for this thread any more
+    CountAsCall(); // because nobody else waits for this thread now
 }
 
 DWORD WINAPI RunRecord(void* parameter) {
@@ -42,10 +42,11 @@ DWORD WINAPI RunRecord(void* parameter) {
     return result;
 }
 
-// False when the thread runs on: what it uses must then stay.
+// False when the thread still runs; what it uses must then stay.
 bool Terminate(HANDLE thread, DWORD boundMs) {
     {
-        // A callback may be inside a call of the library's. Stopped while this lock is ours, it does not hold it.
+        // A callback may be inside a call of the library. Terminated while we hold this lock, it cannot hold the lock
+        // itself.
         const ManagerLockHold lock;
         if (!TerminateThread(thread, kTerminatedExitCode)) return false;
     }
@@ -56,8 +57,8 @@ bool EndThread(HANDLE thread, DWORD boundMs) {
     return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread, boundMs);
 }
 
-// A thread may be in a call of the service from before a process's end, and such a call has no time limit. So the
-// service is asked before the thread is given its whole time.
+// When the process ends, a thread may still be in an unbounded call of the service. So the service is asked before the
+// thread gets its full time.
 DWORD TimeToEnd(const ThreadRecord* record) {
     const DWORD left = LeftForCalls();
     if (left >= g_timings.closeWait || record->manager == nullptr) return g_timings.closeWait;
@@ -68,7 +69,7 @@ DWORD TimeToEnd(const ThreadRecord* record) {
     return CallsWereGivenUp() ? g_timings.detachThread : g_timings.closeWait;
 }
 
-// As EndThread; a thread that has ended is not waited for.
+// Like EndThread, but does not wait for a thread that has ended.
 bool EndThreadOfList(const ThreadRecord* record) {
     DWORD exitCode = STILL_ACTIVE;
     if (!GetExitCodeThread(record->thread, &exitCode)) return Terminate(record->thread, g_timings.closeWait);
@@ -95,7 +96,7 @@ bool StartThreadRecord(ThreadRecord* record, ManagerRecord* manager, ThreadProc 
         record->thread = CreateThread(nullptr, kStackSize, RunRecord, record, 0, &threadId);
     if (record->thread == nullptr) {
         CloseHandles(record);
-        ReleaseManager(manager); // not the last one: the caller has its own
+        ReleaseManager(manager); // not the last reference: the caller has one
         return false;
     }
     record->threadId = threadId;

@@ -5,8 +5,9 @@
 namespace {
 
 constexpr char kSeparator = ';';
-// A text is read into blocks of growing size, for it does not say how long it is. A list of 63 names fits the first
-// one or two; the last one is more than anybody needs, and bounds what a text without an end costs.
+// Copies of a caller's name lists. No state. The length of a text is unknown, so it is read into blocks of growing
+// size. The first one or two hold a list of 63 names; the last one is larger than anybody needs, and limits the cost of
+// an unterminated text.
 constexpr SIZE_T kFirstSize = 1024;
 constexpr SIZE_T kLastSize = 65536;
 

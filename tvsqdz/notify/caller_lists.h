@@ -1,4 +1,6 @@
-// A caller's list of variable names: one text, the names separated by ";". Empty names are skipped.
+// Copies of a caller's lists: variable names, and arrays. No state.
+//
+// A list of names is one text with the names separated by ";". Empty names are skipped.
 #pragma once
 
 #include "base/memory.h"
@@ -8,9 +10,8 @@
 #include <string.h>
 #include <windows.h>
 
-// Copies a caller's list, of whatever length up to 64 Ki characters, into a block of the heap. The wide one is
-// converted to the ANSI code page. TVS_OK, TVS_E_FAULT, TVS_E_MEMORY, or TVS_E_UNKNOWN when it is longer than any list
-// of names.
+// Copies a caller's list of up to 64 Ki characters into a heap block; the wide form is converted to the ANSI code page.
+// TVS_OK, TVS_E_FAULT, TVS_E_MEMORY, or TVS_E_UNKNOWN when it is longer than any list of names.
 Status CopyCallersNames(const char* callersNames, HeapBlock* text);
 Status CopyCallersNames(const WCHAR* callersNames, HeapBlock* text);
 
@@ -21,10 +22,10 @@ public:
     NameList(const NameList&) = delete;
     NameList& operator=(const NameList&) = delete;
 
-    // Copies the caller's text, which has count names or more; for none it is not looked at. TVS_OK, TVS_E_FAULT,
+    // Copies the caller's text, which must have at least count names; with count 0 it is not read. TVS_OK, TVS_E_FAULT,
     // TVS_E_MEMORY, or TVS_E_UNKNOWN when names are missing or the text is longer than any list of names.
     Status Read(uint32_t count, const char* callersNames);
-    // The next name, good as long as the list; null when there is no more.
+    // The next name, valid as long as the list; null at the end.
     const char* Next();
 
 private:
@@ -32,11 +33,11 @@ private:
     char* m_rest = nullptr;
 };
 
-// A copy of an array of the caller's, in memory of the library's own.
+// A copy of a caller's array in the library's memory.
 
 template <typename Element>
 struct CallerArray {
-    // isThere false: nothing is read, and all elements are 0.
+    // isThere false: the array is not read, and all elements are 0.
     CallerArray(uint32_t count, const Element* from, bool isThere = true) : block(SIZE_T{count} * sizeof(Element)) {
         if (block.Data() == nullptr)
             status = TVS_E_MEMORY;

@@ -10,14 +10,14 @@ void Watch::Begin(const NotificationRegistration& registration, const char* vari
     m_mode = mode;
     const product::VariableSignal signal =
         mode == product::kEveryWrite ? product::VariableSignal::Updated : product::VariableSignal::Changed;
-    // Before the name and the watch: if the service changes in between, the watch is one that is lost.
+    // Before the name and the watch: when the service changes in between, the watch counts as lost.
     m_database = PrinterDatabaseOf(registration).handle;
     const DatabaseNameText database = CurrentDatabaseName(registration.thread.manager);
     m_event = CreateNamedEvent(product::VariableEventName(g_terminalServer, database.text, variableName, signal));
     WatchVariable(m_database, variableName, mode);
 }
 
-// With the handle that it was made with: a later service counts the watches of others under that name.
+// With the handle with which it was made: a later service counts the watches of others under that name.
 void Watch::End() {
     if (m_registration == nullptr) return;
     UnwatchVariable(m_database, m_variable);
@@ -86,7 +86,7 @@ namespace {
 
 constexpr DWORD kFirstCapacity = 16384;
 
-// The service's word for a size is believed only as far as the buffer goes.
+// The size that the service returns is not trusted beyond the buffer.
 bool ReadInto(void* buffer, DWORD capacity, const ManagerDatabase& database, const char* name, DWORD* size) {
     return ReadVariable(database, name, buffer, capacity, size) == Answer::Done && *size <= capacity;
 }
@@ -118,7 +118,7 @@ const BYTE* CallbackValue::ReadGrowing(const ManagerDatabase& database, const ch
 const BYTE* CallbackValue::Read(const NotificationRegistration& registration, const NotificationEntry& entry,
                                 DWORD* size) {
     const ManagerDatabase& database = PrinterDatabaseOf(registration);
-    // A reply is as long as the buffer, so a value of known size is asked for with that.
+    // A reply has the length of the buffer, so a value of known size is asked for with that size.
     if (entry.valueSize != 0 && entry.valueSize <= sizeof m_fixed &&
         ReadInto(m_fixed, entry.valueSize, database, entry.variableName, size))
         return m_fixed;

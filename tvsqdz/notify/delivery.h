@@ -1,7 +1,8 @@
-// The record of a notification registration: what is watched, how it is told, and the thread that does it.
+// The notification record, and what all watchers share: the watch of a variable, its last write, the value for a
+// callback, the delivery.
 //
-// Made complete before its thread starts; the thread reads it and writes nothing. Every record of a manager's list is
-// one of these.
+// A record is complete before its thread starts; the thread only reads it. Every record of a manager's list is one of
+// these. State: the records; the rest is on the stacks of watchers.
 #pragma once
 
 #include "base/timings.h"
@@ -12,14 +13,14 @@
 #include <tvsqdz.h>
 #include <windows.h>
 
-inline constexpr DWORD kWatchedNameSize = 32; // with its NUL
+inline constexpr DWORD kWatchedNameSize = 32; // including the NUL
 
 // Bits of NotificationEntry.mode.
 inline constexpr uint32_t NOTIFY_BY_EVENT = 0x001;   // sets the event `target`
 inline constexpr uint32_t NOTIFY_BY_MESSAGE = 0x002; // posts `message` to the window `target`
-inline constexpr uint32_t NOTIFY_DELEGATED = 0x004;  // served by a registration of its own, whose handle is `target`
-inline constexpr uint32_t NOTIFY_ON_UPDATE = 0x100;  // tells every write
-inline constexpr uint32_t NOTIFY_ON_CHANGE = 0x200;  // tells writes of another value
+inline constexpr uint32_t NOTIFY_DELEGATED = 0x004;  // served by its own registration, whose handle is `target`
+inline constexpr uint32_t NOTIFY_ON_UPDATE = 0x100;  // delivers every write
+inline constexpr uint32_t NOTIFY_ON_CHANGE = 0x200;  // delivers writes that change the value
 
 struct NotificationEntry {
     uint32_t mode;
@@ -27,16 +28,16 @@ struct NotificationEntry {
     char variableName[kWatchedNameSize];
     UINT_PTR target;    // event, window, callback or registration
     uint32_t message;   // messages: the number to post
-    uint32_t valueSize; // of a value of fixed size; else 0
+    uint32_t valueSize; // of a value of fixed size, else 0
 };
 
 struct NotificationRegistration {
     ThreadRecord thread;
-    // Copies of what the manager has; thread.manager keeps them good.
+    // Copies from the manager; thread.manager keeps them valid.
     HANDLE databaseMutex;
     const char* userName;
     TvsManager callbackContext; // the callback's first argument
-    uint32_t callbackIndex;     // the second one where a watcher serves a single variable
+    uint32_t callbackIndex;     // the second argument where a watcher serves a single variable
     uint32_t entryCount;
     NotificationEntry entries[1]; // entryCount of them
 };
@@ -49,7 +50,7 @@ constexpr uint64_t RegistrationSize(uint32_t entryCount) {
     return offsetof(NotificationRegistration, entries) + uint64_t{sizeof(NotificationEntry)} * entryCount;
 }
 
-// What every call of a watcher goes through. In the watcher's thread, which keeps the manager.
+// For calls of a watcher, in its thread, which keeps the manager alive.
 inline const ManagerDatabase& PrinterDatabaseOf(const NotificationRegistration& registration) {
     return registration.thread.manager->printerDatabase;
 }
@@ -58,18 +59,18 @@ inline const NotificationRegistration& RegistrationOf(const void* threadParamete
     return *static_cast<const NotificationRegistration*>(threadParameter);
 }
 
-// The value that a callback is given: read by its watcher, good for the duration of the call.
+// The value that a watcher reads for a callback, valid during the callback.
 
 class CallbackValue {
 public:
-    // grows: a value that does not fit is read again with as much room as it needs.
+    // grows: when a value does not fit, the buffer grows and the value is read again.
     explicit CallbackValue(bool grows) : m_grows(grows) {}
     ~CallbackValue();
     CallbackValue(const CallbackValue&) = delete;
     CallbackValue& operator=(const CallbackValue&) = delete;
 
-    // The value as the database stores it. Null and *size 0 when it cannot be had, or is larger than its variable's
-    // fixed size and may not grow: the callback then learns of the write, and of no bytes that are not the value.
+    // The value as the database stores it. Null and *size 0 when it cannot be read, or is larger than the fixed size of
+    // its variable and the buffer may not grow; the callback then learns of the write without a value.
     const BYTE* Read(const NotificationRegistration& registration, const NotificationEntry& entry, DWORD* size);
 
 private:
@@ -79,16 +80,14 @@ private:
     void Resize(DWORD capacity);
 
     bool m_grows;
-    BYTE* m_block = nullptr; // of the heap; made when the first value needs it
+    BYTE* m_block = nullptr; // of the heap; allocated for the first value that needs it
     DWORD m_capacity = 0;
     alignas(8) BYTE m_fixed[kFixedMax];
 };
 
-// What watcher threads have in common: the watched event of a variable, its last write, and telling the registrant.
-
-// The event of a variable of the registration's printer, which the service pulses at every write or at every change for
-// as long as the watch lives. A service that was started anew knows nothing of it: it is lost then, and renewed by its
-// watcher, which tells what may have been missed.
+// The event of a printer's variable, which the service pulses at every write or at every change while the watch exists.
+// A restarted service does not know the watch: it is lost, and its watcher renews it and delivers once for whatever was
+// missed.
 class Watch {
 public:
     Watch() = default;
@@ -99,9 +98,9 @@ public:
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
-    // variableName stays the caller's.
+    // variableName: owned by the caller.
     void Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode);
-    // Null when there is no event; a wait for it then fails, and the watcher ends. Another one after a renewal.
+    // Null when there is no event; a wait for it then fails, and the watcher ends. Changes with a renewal.
     HANDLE Event() const { return m_event; }
     bool IsLost() const { return PrinterDatabaseOf(*m_registration).handle != m_database; }
     void Renew();
@@ -112,18 +111,18 @@ private:
     const NotificationRegistration* m_registration = nullptr;
     const char* m_variable = nullptr;
     product::WatchMode m_mode = product::kOnlyChanges;
-    DatabaseHandle m_database = 0; // that it was made with
+    DatabaseHandle m_database = 0; // in which the watch was made
     HANDLE m_event = nullptr;
 };
 
-// For a watcher that nothing was told for Timings.serviceLook: opens the manager's databases again if there is a new
-// service, whereupon its watches are lost. One watcher of a manager asks for all of them.
+// For a watcher that was idle for Timings.serviceLook: opens the manager's databases again when there is a new service,
+// which makes the watches lost. One watcher asks for all watchers of a manager.
 void LookForNewService(const NotificationRegistration& registration);
 
-// A watcher that is back within this time has missed no pulse that does not come again.
+// A watcher that returns within this time has missed no pulse that is not repeated.
 inline constexpr DWORD kPulseComesAgainMs = 40;
 
-// Notices an event that somebody left set: after more than 100 signals within a second it is reset.
+// Detects an event that somebody left set: it is reset after more than 100 signals within a second.
 class SignalCount {
 public:
     void Count(HANDLE event);
@@ -133,8 +132,8 @@ private:
     DWORD m_lastCheck = GetTickCount();
 };
 
-// The life of a watcher that works out anew, at every signal, what it watches: tellChange does that, delivers, and
-// answers how long to wait until the next look without a signal.
+// The loop of a watcher that computes what it watches. tellChange computes it after every signal, delivers, and returns
+// how long to wait before the next look without a signal.
 template <typename TellChange> // DWORD()
 void WatchUntilStopped(const NotificationRegistration& registration, Watch& watch, DWORD firstLook,
                        TellChange tellChange) {
@@ -155,22 +154,22 @@ void WatchUntilStopped(const NotificationRegistration& registration, Watch& watc
     }
 }
 
-// By event or message, as the entry says. A window that is gone or whose queue is full is not told.
+// By event or message, as the entry says. A window that is gone or whose queue is full gets nothing.
 void Deliver(const NotificationEntry& entry);
 // By callback. value: null and size 0 for none.
 void CallBack(const NotificationRegistration& registration, const NotificationEntry& entry, uint32_t index,
               const void* value, DWORD size);
 
-// The last write of a variable. The time alone does not tell two apart that follow within a millisecond, or within a
-// tick of the system's clock; the count alone could be that of a service that was started anew.
+// The last write of a variable. The time alone does not distinguish two writes within a millisecond, or within a tick
+// of the clock; the count alone could be that of a restarted service.
 struct LastWrite {
     SYSTEMTIME time;
     DWORD count;
 };
-// False when the service does not tell.
+// False when the service does not answer with them.
 bool ReadLastWrite(const NotificationRegistration& registration, const NotificationEntry& entry, LastWrite* write);
 bool IsSameWrite(const LastWrite& a, const LastWrite& b);
-// From the year down to the milliseconds; the day of the week is not looked at.
+// Compares from the year to the milliseconds, without the day of the week.
 bool IsNotEarlier(const SYSTEMTIME& time, const SYSTEMTIME& other);
 
 // The exit code of a watch thread that ends by itself.

@@ -1,5 +1,6 @@
-// "PrintingMyJob" and "SpoolingMyJob": how many jobs of a queue are the manager's own. Counted anew each time; the
-// watcher's state is on its stack.
+// Variables that are computed, with their watchers: "PrintingMyJob" and "SpoolingMyJob" (how many jobs of a queue are
+// the manager's own), "UserAuthority", and "TerminateManager". State: on the watchers' stacks; of "TerminateManager" a
+// named event.
 #include "base/system.h"
 #include "base/timings.h"
 #include "machine/objects.h"
@@ -16,10 +17,10 @@
 
 namespace {
 
-constexpr DWORD kMyJobWatchEnded = 0; // its exit code, unlike that of the others
+constexpr DWORD kMyJobWatchEnded = 0; // its exit code differs from that of the others
 constexpr int kAttempts = 4;
 
-// The value's size, or the status of the last attempt.
+// The size of the value, or the status of the last attempt.
 uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer) {
     uint32_t count = 0;
     if (buffer == nullptr) return sizeof count;
@@ -38,7 +39,7 @@ public:
     MyJobWatcher(const NotificationRegistration& registration, const char* queueName)
         : m_registration(registration), m_queueName(queueName),
           m_watch(registration, queueName, product::kOnlyChanges) {
-        // A queue that cannot be read counts as empty, as a read of the variable has it.
+        // A queue that cannot be read counts as empty, as in a read of the variable.
         while (Count(&m_told) == TVS_E_MEMORY &&
                WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT) {
         }
@@ -52,15 +53,15 @@ public:
     }
 
 private:
-    // A watcher that is to end does not wait for the mutex; what it counts is of no interest any more.
+    // A watcher that has to end does not wait for the mutex; its count no longer matters.
     Status Count(uint32_t* count) const {
         MutexHold lock;
         if (!lock.AcquireUnless(m_registration.thread.stopEvent, m_registration.databaseMutex)) return TVS_OK;
         return ReadOwnerJobCount(PrinterDatabaseOf(m_registration), m_queueName, m_registration.userName, lock, count);
     }
 
-    // The question for the write time shows the service that this watcher was told: a pulse that comes while it counts
-    // is repeated. A count that took long is followed by another.
+    // Asking for the write time tells the service that this watcher was notified: it repeats a pulse that comes during
+    // the count. A count that took long is followed by another.
     DWORD TellChange() {
         const DWORD begun = GetTickCount();
         SYSTEMTIME written = {};
@@ -98,9 +99,7 @@ DWORD WINAPI MyJobWatch(void* parameter) {
     return kMyJobWatchEnded;
 }
 
-// The watcher of "UserAuthority": tells when the authority that a read would give has become another one.
-//
-// State: on the watcher's stack.
+// The watcher of "UserAuthority": delivers when a read would return another authority than before.
 
 namespace {
 
@@ -123,7 +122,7 @@ public:
     }
 
 private:
-    // The mutex is held no longer than the service needs to answer, and not waited for by a watcher that is to end.
+    // The mutex is held only for one answer of the service, and a watcher that has to end does not wait for it.
     Status Load(AccessControlList& list) const {
         MutexHold lock;
         if (!lock.AcquireUnless(m_registration.thread.stopEvent, m_registration.databaseMutex))
@@ -131,7 +130,7 @@ private:
         return list.Load(PrinterDatabaseOf(m_registration));
     }
 
-    // A list that cannot be read is no news.
+    // A list that cannot be read is not a change.
     Status TellChange() {
         const Status status = Load(m_list);
         if (status != TVS_OK) return status;
@@ -142,7 +141,7 @@ private:
         return status;
     }
 
-    // Accounts may take long to be asked for, and the list may be another one by then.
+    // Looking up accounts may take long, and the list may have changed meanwhile.
     DWORD TimeToNextLook() const {
         const DWORD begun = GetTickCount();
         AccessControlList now;
@@ -169,10 +168,10 @@ DWORD WINAPI UserAuthorityWatch(void* parameter) {
     return kWatchEnded;
 }
 
-// "TerminateManager": asking every manager of the product to shut down, and being told of it.
+// "TerminateManager" asks every manager of the product to shut down.
 //
-// Whoever watches the variable, for whichever printer, waits for one named event of the machine. It stays set as long
-// as somebody has it open, so that a watcher who comes later is told too. State: the event.
+// Everybody who watches it, for whichever printer, waits for one named event of the machine. The event stays set while
+// somebody has it open, so that later watchers are notified too.
 
 namespace {
 
@@ -188,7 +187,7 @@ constexpr TerminationTarget kEveryWindow = {"TVORRPWndClass", 1225};
 constexpr TerminationTarget kFirstWindow = {product::kAgentWindowClass, product::kAgentEndMessage};
 constexpr TerminationTarget kFirstWindows9x[] = {{"TVORNSS95WndClass", 1026}, {"TVORPWD95WndClass", 1024}};
 
-// The window's program decides what it does; one that stays is left alone after a while.
+// The program decides what to do; a window that stays is left alone after a while.
 void AskToClose(HWND window, UINT message) {
     PostMessageA(window, message, 0, 0);
     for (DWORD poll = 0; poll < g_timings.windowClosePolls && IsWindow(window); ++poll)
@@ -217,7 +216,7 @@ void CloseProductWindows(bool isNt) {
 
 void WakeWatchers() {
     const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, ObjectName(product::kTerminationName).text));
-    if (event) SetEvent(event.handle); // without it nobody watches
+    if (event) SetEvent(event.handle); // nobody watches without it
 }
 
 Answer Store(const ManagerDatabase& database, uint32_t value) {
@@ -230,7 +229,7 @@ int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t
     uint32_t value = 0;
     if (size != sizeof value) return PassOn(Answer::WrongSize);
     memcpy(&value, data, sizeof value);
-    WakeWatchers(); // whatever the value is
+    WakeWatchers(); // for any value
     const Status status = PassOn(Store(manager->printerDatabase, value));
     if (value == 0) return status;
     CloseProductWindows((manager->flags & OsNtAny) != 0);
@@ -242,7 +241,7 @@ int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t
     return status;
 }
 
-// One termination, and no more: who wants to be told again registers again.
+// Delivers one termination; the registrant registers again for the next one.
 DWORD WINAPI TerminateManagerWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
     const KernelHandle terminated(CreateNamedEvent(ObjectName(product::kTerminationName)));

@@ -1,4 +1,4 @@
-// State: the manager's list of records, under g_managerLock.
+// Registrations of one and of several variables. State: the manager's list of records, under g_managerLock.
 #include "notify/registrations.h"
 
 #include "base/memory.h"
@@ -14,7 +14,8 @@ TvsRegistration RegistrationHandle(const ThreadRecord* record) {
     return reinterpret_cast<TvsRegistration>(record);
 }
 
-// A close takes the list once the manager is off its own: what is appended later would never be stopped.
+// A close takes the list after it has removed the manager from the list of managers; a record that is appended later
+// would never be stopped.
 bool Append(ManagerRecord* manager, ThreadRecord* record) {
     const ManagerLockHold lock;
     if (FindManager(HandleOf(manager)) != manager) return false;
@@ -76,7 +77,8 @@ NotificationRegistration* NewRegistration(ManagerRecord* manager, uint32_t entry
 void SetEntry(NotificationEntry& entry, const StatusVariableDef& variable, DeliveryForm form) {
     entry.mode = (form == DeliveryForm::Message ? NOTIFY_BY_MESSAGE : NOTIFY_BY_EVENT) |
                  ((variable.flags & SVF_NOTIFY_EVERY_WRITE) != 0 ? NOTIFY_ON_UPDATE : NOTIFY_ON_CHANGE);
-    memcpy(entry.variableName, variable.name, strlen(variable.name)); // CanBeWatched: the block is zero behind it
+    memcpy(entry.variableName, variable.name,
+           strlen(variable.name)); // CanBeWatched checked the length; the block is zero behind it
     const bool sizeVaries = (variable.flags & (SVT_PROBED | SVT_QUEUE)) != 0; // a queue's size is that of an item
     entry.valueSize = sizeVaries ? 0 : variable.size;
 }
@@ -101,7 +103,7 @@ Status StartRegistration(ManagerRecord* manager, NotificationRegistration* regis
         StopThreadRecord(record);
         return TVS_E_HANDLE;
     }
-    // The record itself may be gone by now, cancelled from its callback or with its manager.
+    // The record may be gone by now, cancelled from its callback or with its manager.
     *handle = RegistrationHandle(record);
     return TVS_OK;
 }
@@ -157,14 +159,12 @@ TvsRegistration FindMessageRegistration(ManagerRecord* manager, const char* vari
     return 0;
 }
 
-// Nothing is kept beside the records.
-
 namespace {
 
-// Of the handles that a wait takes one is the stop event.
+// One of the handles in a wait is the stop event.
 constexpr uint32_t kServedByOneWatcher = MAXIMUM_WAIT_OBJECTS - 1;
 
-// Names and modes of the entries. Of one that is delegated the mode tells it, and the handle is still to come.
+// Sets names and modes of the entries. The mode marks a delegated entry, whose handle is set later.
 Status SetVariables(NotificationRegistration* registration, const ManagerRecord* manager, DeliveryForm form,
                     NameList& names) {
     uint32_t servedTogether = 0;
@@ -180,7 +180,7 @@ Status SetVariables(NotificationRegistration* registration, const ManagerRecord*
     return TVS_OK;
 }
 
-// The record with its names and without its targets; the names are the caller's.
+// Creates the record with its names and without its targets; the names are caller memory.
 Status NewListed(ManagerRecord* manager, const RegistrationList& list, HeapBlock& record) {
     NameList names;
     if (const Status status = names.Read(list.count, list.names); status != TVS_OK) return status;

@@ -1,4 +1,4 @@
-// State: the printer's database.
+// Relayed registrations. State: the printer's database.
 #include "notify/relayed_registrations.h"
 
 #include "base/memory.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-// "NotifyMsg" of the manager's printer, with the database mutex held for as long as it lives.
+// "NotifyMsg" of the manager's printer. Holds the database mutex as long as it lives.
 struct RelayedList {
     explicit RelayedList(ManagerRecord* manager)
         : lock(manager->databaseMutex),
@@ -29,7 +29,7 @@ struct RelayedList {
     StoredList list;
 };
 
-// Appends the entries and gives them their number.
+// Appends the entries with their number.
 Status Relay(ManagerRecord* manager, MessageRegistrationEntry* entries, uint32_t count, TvsRegistration* handle) {
     RelayedList relayed(manager);
     if (const Status status = relayed.list.Load(count); status != TVS_OK) return status;
@@ -47,10 +47,10 @@ Status Relay(ManagerRecord* manager, MessageRegistrationEntry* entries, uint32_t
 void SetRelayed(MessageRegistrationEntry* entry, const char* variableName, HWND window, uint32_t message) {
     entry->window = HandleToULong(window);
     entry->message = message;
-    memcpy(entry->variableName, variableName, strlen(variableName)); // zero behind it
+    memcpy(entry->variableName, variableName, strlen(variableName)); // the entry is zero behind it
 }
 
-// A value that no window has would become another window's.
+// A value that is not a window handle would become the handle of another window.
 bool CanBeStored(HWND window) {
     return WindowFromStored(HandleToULong(window)) == window;
 }
@@ -94,7 +94,7 @@ Status AddRelayedRegistrations(ManagerRecord* manager, uint32_t count, const cha
 }
 
 Status CancelRelayedRegistration(ManagerRecord* manager, TvsRegistration handle) {
-    if (handle == 0) return TVS_OK; // the number of those that are cancelled already
+    if (handle == 0) return TVS_OK; // entries that are already cancelled have this number
     RelayedList relayed(manager);
     if (const Status status = relayed.list.Load(); status != TVS_OK) return status;
     bool changed = false;

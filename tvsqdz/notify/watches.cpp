@@ -1,15 +1,16 @@
-// The default watchers, for registrations of any number of variables.
+// The default watchers, for registrations of any number of variables, and the watchers of one variable, which deliver
+// once per signal. State: on the watchers' stacks.
 //
-// A pulse reaches only who waits, and a watcher that delivers does not. So after each delivery it stays awake: it waits
-// for a short time only, and when nothing came it compares the last writes of all its variables with those it has told.
-// Once a comparison finds nothing new it waits without a limit. State: on the watcher's stack.
+// A pulse reaches only threads that wait, and a watcher does not wait while it delivers. So a default watcher stays
+// awake after each delivery: it waits for a short time only, and when nothing came it compares the last writes of all
+// its variables with those that it has delivered. When a comparison finds nothing new, it waits without a limit.
 #include "base/timings.h"
 #include "manager/variables.h"
 #include "notify/delivery.h"
 
 namespace {
 
-// The same result of the wait so many times in a row is no burst any more: somebody left the event set.
+// The same result this many times in a row is not a burst: somebody left the event set.
 constexpr uint32_t kRepeatsTrusted = 100;
 
 class ChangeWatcher {
@@ -34,13 +35,14 @@ private:
     const NotificationRegistration& m_registration;
     const DWORD m_awakeMs;
     CallbackValue* const m_value; // null: delivers by event or message
-    // The wait set: the stop event, then the change events of the entries that are not delegated, in their order.
+    // The handles of the wait: the stop event, then the change events of the entries that are not delegated, in their
+    // order.
     DWORD m_count = 1;
     HANDLE m_handles[MAXIMUM_WAIT_OBJECTS];
     Watch m_watches[MAXIMUM_WAIT_OBJECTS];
     uint32_t m_entryOf[MAXIMUM_WAIT_OBJECTS];
     LastWrite m_told[MAXIMUM_WAIT_OBJECTS] = {};
-    DWORD m_lastAwake = WAIT_OBJECT_0; // the result of the last wait after a delivery
+    DWORD m_lastAwake = WAIT_OBJECT_0; // result of the last wait after a delivery
     uint32_t m_repeats = 0;
 };
 
@@ -55,7 +57,7 @@ ChangeWatcher::ChangeWatcher(const NotificationRegistration& registration, DWORD
         const NotificationEntry& entry = registration.entries[i];
         if ((entry.mode & NOTIFY_DELEGATED) != 0) continue;
         m_entryOf[m_count] = i;
-        ReadLastWrite(registration, entry, &m_told[m_count]); // what was written before is not news
+        ReadLastWrite(registration, entry, &m_told[m_count]); // writes before the watch are not delivered
         m_watches[m_count].Begin(registration, entry.variableName, ModeOf(entry));
         m_handles[m_count] = m_watches[m_count].Event();
         ++m_count;
@@ -74,7 +76,7 @@ void ChangeWatcher::Tell(DWORD k) {
     CallBack(m_registration, entry, m_entryOf[k], value, size);
 }
 
-// One delivery for each comparison; what else is new is found by the next one.
+// Delivers one entry per comparison; the next comparison finds what else is new.
 bool ChangeWatcher::TellFirstNew() {
     for (DWORD k = 1; k < m_count; ++k) {
         LastWrite write;
@@ -88,7 +90,7 @@ bool ChangeWatcher::TellFirstNew() {
     return false;
 }
 
-// Everything may have been written since the service before this one went.
+// Anything may have been written before the previous service ended.
 void ChangeWatcher::RenewAndTell() {
     for (DWORD k = 1; k < m_count; ++k) {
         m_watches[k].Renew();
@@ -100,7 +102,7 @@ void ChangeWatcher::RenewAndTell() {
     }
 }
 
-// Until something happens, be it that the service is another one.
+// Waits until something happens, including a change of the service.
 DWORD ChangeWatcher::WaitIdle() const {
     for (;;) {
         const DWORD result = Wait(m_count > 1 ? g_timings.serviceLook : INFINITE);
@@ -140,7 +142,7 @@ void ChangeWatcher::Run() {
             if (ServiceIsNew()) continue;
             Tell(k);
         } else {
-            return; // the stop event, or a wait that failed
+            return; // the stop event, or a failed wait
         }
         result = WaitAwake();
     }
@@ -161,11 +163,8 @@ DWORD WINAPI ChangeCallbackWatch(void* registration) {
     return kWatchEnded;
 }
 
-// The watchers of one variable whose every signal is one delivery.
-//
-// A pulse reaches only who waits. One that a delivery missed comes once more a moment later; a delivery that took
-// longer, be it a callback or that the process stood still, is followed by a look whether there was a write since.
-// State: on the watcher's stack.
+// Watchers of one variable. A pulse during a short delivery is repeated a moment later. After a long delivery, by a
+// callback or because the process was stopped, the watcher checks for a write in between.
 
 namespace {
 
@@ -183,8 +182,8 @@ public:
 
     const NotificationEntry& Entry() const { return m_registration.entries[0]; }
 
-    // True when the variable was written, or may have been while the service was started anew; false when the watcher
-    // is to end.
+    // True when the variable was written, or may have been while the service restarted; false when the watcher has to
+    // end.
     bool AwaitWrite() {
         for (;;) {
             if (m_wait == INFINITE && GetTickCount() - m_awakeSince > kPulseComesAgainMs) m_wait = 0;
@@ -212,8 +211,8 @@ public:
         return true;
     }
 
-    // Before the delivery, either asks for the write that is told, or takes the time of the clock. To ask the service
-    // would hold the delivery up.
+    // Called before the delivery: reads the last write, or takes the time of the clock, because asking the service
+    // would delay the delivery.
     void NoteWrite() { ReadLastWrite(m_registration, Entry(), &m_told); }
     void NoteTime() {
         GetSystemTime(&m_told.time);
@@ -221,8 +220,8 @@ public:
     }
 
 private:
-    // By the clock alone a second write in the millisecond of a delivery is not told apart: the two are a burst, whose
-    // closing pulse comes.
+    // The clock alone does not distinguish a second write in the millisecond of a delivery. The two are a burst, which
+    // ends with a closing pulse.
     bool IsWrittenSince() const {
         LastWrite write;
         if (!ReadLastWrite(m_registration, Entry(), &write)) return false;

@@ -1,4 +1,4 @@
-// What direct reads and writes have in common: the request on the manager's path.
+// Direct reads and writes. No state.
 #include "requests/direct.h"
 
 #include "base/memory.h"
@@ -22,7 +22,7 @@ Status AskPrinter(ManagerRecord* manager, RequestKind kind, const StatusVariable
     return ForwardPostedRequest(request, RefreshedPrinterName(manager).text);
 }
 
-// A direct read: the printer side stores the value that the printer gives, and then it is read as any other.
+// A direct read: the printer side stores the value from the printer, and it is then read like any other.
 
 namespace {
 
@@ -32,12 +32,12 @@ bool HasLength(const StatusVariableDef& variable) {
     return (variable.flags & SVT_VARIABLE) != 0;
 }
 
-// How much the database keeps of it now, the length of a variable-length value included.
+// The stored size, including the length of a variable-length value.
 Status AskStoredSize(const ManagerRecord* manager, const StatusVariableDef& variable, DWORD* size) {
     *size = variable.size;
     if (!HasLength(variable)) return TVS_OK;
     const Status status = PassOn(ReadVariable(manager->printerDatabase, variable.name, nullptr, 0, size));
-    if (*size < kLengthSize) *size = kLengthSize; // as good as an empty value
+    if (*size < kLengthSize) *size = kLengthSize; // treated as an empty value
     return status;
 }
 
@@ -50,7 +50,7 @@ Status CheckRead(const ManagerRecord* manager) {
 
 Status GiveFetched(const ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                    uint32_t* returned) {
-    // Between asking for the size and fetching the value nobody may change it.
+    // Nobody may change the value between the query for its size and the fetch.
     MutexHold lock;
     if (HasLength(variable)) lock.Acquire(manager->databaseMutex);
     DWORD total = 0;
@@ -123,7 +123,7 @@ Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, co
     const RequestKind kind = WriteKindOf(variable.name);
     if (!FitsMailbox(manager, kind, variable)) return TVS_E_UNKNOWN;
     if (const Status status = CheckWrite(manager, variable, size); status != TVS_OK) return status;
-    CallerValue value(data, size); // before anybody is held up
+    CallerValue value(data, size); // before anybody has to wait
     if (value.Result() != TVS_OK) return value.Result();
 
     const MutexHold lock(manager->requestMutex);

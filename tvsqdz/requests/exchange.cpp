@@ -1,4 +1,4 @@
-// Both paths. State: none; what a request leaves behind is in the printer's database.
+// The exchange on both paths. No state: a request in progress is in the printer's database.
 #include "requests/exchange.h"
 
 #include "base/timings.h"
@@ -23,7 +23,7 @@ struct ForwardText {
     char text[product::kRequestTextMax + 1];
 };
 
-// A service that does not know the handle is another one than the request was begun with.
+// When the service does not know the handle, it is not the one with which the request began.
 Status Ended(Answer answer) {
     return PassOn(answer == Answer::UnknownDatabase ? Answer::CallFailed : answer);
 }
@@ -36,13 +36,13 @@ Answer WriteText(DatabaseHandle database, const char* variable, const char* text
     return WriteVariable(database, variable, text, static_cast<DWORD>(strlen(text) + 1));
 }
 
-// What a request names: of a write the companion, the variable that carries its value.
+// The name in a request: for a write the companion, which carries the value.
 struct RequestText {
     RequestText(RequestKind kind, const char* variableName) {
         const char* name = kind == RequestKind::Refresh ? kRefreshStatus : variableName;
         snprintf(text, sizeof text, "%s%s", name, kind == RequestKind::Write ? "W" : "");
     }
-    char text[product::kVariableNameMax + 2]; // the service refuses what is too long
+    char text[product::kVariableNameMax + 2]; // the service refuses longer names
 };
 
 Answer PostRequest(const PrinterRequest& request) {
@@ -50,10 +50,10 @@ Answer PostRequest(const PrinterRequest& request) {
                      RequestText(request.kind, request.variableName).text);
 }
 
-// A watch on the result, ended with the guard.
+// A watch on the result, ended by the destructor.
 struct ResultWatch {
     explicit ResultWatch(DatabaseHandle database) : m_database(database) {
-        // Without the watch the result is looked at from time to time all the same.
+        // Without the watch the result is still checked from time to time.
         m_set = WatchVariable(database, kResult, product::kEveryWrite) == Answer::Done;
     }
     ~ResultWatch() {
@@ -71,9 +71,9 @@ DWORD Smaller(DWORD a, DWORD b) {
     return a < b ? a : b;
 }
 
-// Waits until the result was written once more than the count says. An event alone does not tell: its pulse is missed
-// by a thread that does not wait yet, and the pulse that closes a burst belongs to no request. So the count decides,
-// and it is looked at after each slice.
+// Waits until the write count of the result differs from the given one. The event alone is not enough: a thread that
+// does not wait yet misses its pulse, and the closing pulse of a burst belongs to no request. So the count is checked
+// after each slice.
 Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DWORD boundMs) {
     const DWORD start = GetTickCount();
     DWORD slice = g_timings.answerSlice;
@@ -88,7 +88,7 @@ Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DW
         if (writes != writesBefore) return TVS_OK;
         if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
         if (wait == WAIT_OBJECT_0) {
-            // Woken for nothing; by an event that somebody left set, at once and again and again.
+            // A spurious wake-up; an event that somebody left set causes them without end.
             ResetEvent(event);
             continue;
         }
@@ -112,7 +112,7 @@ bool MayBeUnanswered(DatabaseHandle database) {
            WriteTimeOf(database, kResult, &result) && (read >= result || write >= result);
 }
 
-// The requester before this one died with the mutex. Its answer may still come, and must not be taken for ours.
+// The previous requester died with the mutex. Its answer may still come, and must not be taken for ours.
 void AwaitLateAnswer(DatabaseHandle database) {
     const DWORD start = GetTickCount();
     while (MayBeUnanswered(database) && CallsAreLetIn() && GetTickCount() - start < g_timings.lateAnswerBound)
@@ -174,7 +174,7 @@ Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boun
 }
 
 Status PostForwardedRequest(const PrinterRequest& request) {
-    // A refresh has its text in a variable of its own, and nothing to name here.
+    // The text of a refresh is in its own variable; the request names nothing.
     return request.kind == RequestKind::Refresh ? TVS_OK : Ended(PostRequest(request));
 }
 
@@ -187,7 +187,7 @@ Status ForwardPostedRequest(const PrinterRequest& request, const char* printerNa
     return result;
 }
 
-// Each question is one read of the printer's database. What cannot be read is no.
+// Each question is one read of the printer's database; a value that cannot be read means no.
 
 namespace {
 
@@ -220,7 +220,7 @@ bool SpoolerIsReady(const ManagerDatabase& printerDatabase) {
         if ((status & TVS_SPOOLER_READY) != 0) return true;
         if ((status & TVS_SPOOLER_RUNS) == 0) return false;
         Sleep(g_timings.readinessPause);
-        if (pause + 1 >= g_timings.readinessPauses) return false; // what it says by now is not asked any more
+        if (pause + 1 >= g_timings.readinessPauses) return false; // the last state is not read again
     }
 }
 

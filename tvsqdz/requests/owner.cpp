@@ -1,4 +1,5 @@
-// State: the thread's record, and what it registers, on the manager's list; all else is in the printer's database.
+// The service of a printer's owner. State: the record of the thread and its registrations, on the manager's list;
+// everything else is in the printer's database.
 #include "requests/owner.h"
 
 #include "base/memory.h"
@@ -20,7 +21,7 @@ constexpr DWORD kNotServed = static_cast<DWORD>(-1);
 MessageRegistrationEntry EntryOf(const StoredList& list, uint32_t i) {
     MessageRegistrationEntry entry;
     memcpy(&entry, list.Item(i), sizeof entry);
-    entry.variableName[sizeof entry.variableName - 1] = '\0'; // others wrote it
+    entry.variableName[sizeof entry.variableName - 1] = '\0'; // written by others
     return entry;
 }
 
@@ -44,13 +45,13 @@ TvsRegistration LocalRegistration(ManagerRecord* manager, const MessageRegistrat
     return FindMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window), entry.message);
 }
 
-// What has been cancelled.
+// The registrations that have been cancelled.
 struct Cancelled {
-    TvsRegistration* ended; // room for as many as the list has entries
+    TvsRegistration* ended; // as many as the list has entries
     uint32_t endedCount = 0;
-    bool any = false; // of those that were registered
+    bool any = false; // a registered entry was cancelled
 
-    // Entries may share one, and once it is ended another may have its handle.
+    // Entries may share a registration, and once it has ended another one may get its handle.
     void AddOnce(TvsRegistration registration) {
         for (uint32_t i = 0; i < endedCount; ++i)
             if (ended[i] == registration) return;
@@ -58,7 +59,7 @@ struct Cancelled {
     }
 };
 
-// Gathers what is registered and cancelled, unless a live entry shares it.
+// Collects the registration of a cancelled entry, unless a live entry shares it.
 void FindCancelled(ManagerRecord* manager, const StoredList& list, Cancelled* cancelled) {
     for (uint32_t i = 0; i < list.Count(); ++i) {
         const MessageRegistrationEntry entry = EntryOf(list, i);
@@ -69,8 +70,8 @@ void FindCancelled(ManagerRecord* manager, const StoredList& list, Cancelled* ca
     }
 }
 
-// The live entries as the last pass saw them. A service that is started anew has none, while those who registered them
-// go on waiting, and cancel them by their numbers.
+// The live entries of the last pass. A restarted service has none, while those who registered them still wait, and will
+// cancel them by their numbers.
 class KnownEntries {
 public:
     KnownEntries() = default;
@@ -78,7 +79,7 @@ public:
     KnownEntries(const KnownEntries&) = delete;
     KnownEntries& operator=(const KnownEntries&) = delete;
 
-    // Without memory for it, it knows none.
+    // When out of memory, empty.
     void Remember(const StoredList& list) {
         FreeBlock(m_entries);
         m_count = 0;
@@ -88,7 +89,7 @@ public:
             if (const MessageRegistrationEntry entry = EntryOf(list, i); IsLive(entry)) m_entries[m_count++] = entry;
     }
 
-    // Appends those that the list does not have. The database mutex is held.
+    // Appends those that the list lacks. The caller holds the database mutex.
     void Restore(ManagerRecord* manager) const {
         StoredList list(manager->printerDatabase, kRelayedRegistrationsVariable, sizeof(MessageRegistrationEntry));
         if (m_count == 0 || list.Load(m_count) != TVS_OK) return;
@@ -111,7 +112,7 @@ private:
     uint32_t m_count = 0;
 };
 
-// Registers what is live and not registered. False when something could not be.
+// Registers live entries that are not yet registered. False when one could not be.
 bool RegisterLive(ManagerRecord* manager, const StoredList& list) {
     bool complete = true;
     for (uint32_t i = 0; i < list.Count(); ++i) {
@@ -120,8 +121,8 @@ bool RegisterLive(ManagerRecord* manager, const StoredList& list) {
         TvsRegistration registration = 0;
         const Status status = AddMessageRegistration(manager, entry.variableName, WindowFromStored(entry.window),
                                                      entry.message, &registration);
-        // A variable that there is not will not be there at the next pass either. All else may change: there was no
-        // memory, or the open of the manager has not come to its end yet.
+        // A variable that does not exist now will not exist in the next pass. All other failures may pass: out of
+        // memory, or an open that has not finished.
         if (status != TVS_OK && status != TVS_E_UNKNOWN) complete = false;
     }
     return complete;
@@ -133,9 +134,9 @@ void RemoveCancelled(StoredList& list) {
     list.Store();
 }
 
-// One pass over the registrations. The lock is let go before anything is registered or cancelled, since a watcher that
-// begins or is to end may be waiting for it; and it is not waited for beyond the stop. An entry that is cancelled
-// between is a write, and the next pass ends what this one registered. False when the pass has to be made again.
+// One pass over the registrations. The lock is released before anything is registered or cancelled, because a watcher
+// that begins or ends may wait for it, and a wait for the lock ends with the stop event. An entry that is cancelled in
+// between is a write, and the next pass ends what this one registered. False when the pass has to be repeated.
 bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known) {
     MutexHold lock;
     if (!lock.AcquireUnless(stop, manager->databaseMutex)) return true;
@@ -155,7 +156,8 @@ bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known
     return complete;
 }
 
-// Starts the thread of a request that is there. It is taken out afterwards: one that cannot be started is tried again.
+// Starts the thread of the request, if there is one, and then takes the request: one whose thread cannot be started is
+// tried again.
 bool ServeRequest(ManagerRecord* manager, HANDLE stop) {
     MutexHold lock;
     if (!lock.AcquireUnless(stop, manager->requestMutex)) return true;
@@ -171,7 +173,7 @@ void RestoreRegistrations(ManagerRecord* manager, HANDLE stop, const KnownEntrie
     if (lock.AcquireUnless(stop, manager->databaseMutex)) known.Restore(manager);
 }
 
-// Another process may have become the owner in a new service before this one came to open its databases there.
+// In a new service another process may have become the owner before this one opened its databases there.
 bool OwnsPrinter(const ManagerRecord* manager) {
     const ManagerLockHold lock;
     return (manager->flags & ManagerOwnsPrinter) != 0;
@@ -184,8 +186,8 @@ DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
     DWORD registrationWrites = 0;
     DWORD requestWrites = 0;
     KnownEntries known;
-    // A pulse that came while a pass ran is missed, so what was written is counted, now and after each slice. A pass
-    // that has to be made again leaves its count as it was.
+    // A pulse during a pass is missed, so writes are counted, now and after each slice. A pass that has to be repeated
+    // keeps its old count.
     for (;;) {
         const ManagerDatabase& database = manager->printerDatabase;
         DWORD writes = 0;
@@ -247,8 +249,6 @@ bool StartManagerService(ManagerRecord* manager) {
     manager->registrations = &record->thread;
     return true;
 }
-
-// State: the printer's database.
 
 namespace {
 

@@ -1,6 +1,6 @@
-// The manager service: in the process that owns a printer, a thread that serves what other processes relay to it, until
-// its manager closes. It turns the message registrations that they leave (relayed_registrations.h) into registrations
-// of its manager, and carries out the read requests that they leave (relayed_requests.h).
+// The service of a printer's owner for other processes: a thread that runs until its manager closes. It turns the
+// message registrations that other processes leave (notify/relayed_registrations.h) into registrations of its manager,
+// and carries out the read requests that they leave here.
 #pragma once
 
 #include "manager/manager_record.h"
@@ -8,26 +8,26 @@
 #include "product/status.h"
 #include "requests/threads.h"
 
-// Starts the thread of a manager that owns its printer and is not in the list of managers yet: its record becomes the
-// first of the manager's. Nobody waits for the thread to begin, for it looks first of all for what was left before.
-// False when there is no memory or no thread.
+// Starts the thread of a manager that owns its printer and is not yet in the list of managers; its record becomes the
+// manager's first. The thread is not waited for, because it first looks for what was left earlier. False when out of
+// memory or threads.
 bool StartManagerService(ManagerRecord* manager);
 
-// Read requests that the printer's owner carries out: a process which delivers no messages itself leaves a request in
-// the variable "RequestMsg" of the printer's database, which has room for one (status_request.h).
+// A process that delivers no messages itself leaves a read request in the variable "RequestMsg" of the printer's
+// database, which has room for one (StatusRequest of threads.h).
 //
-// Whoever changes the variable holds the printer's request mutex. The owner takes a request out by clearing the
-// variable, and a request that has not been taken is never written over: its successor's requester waits.
+// Whoever changes the variable holds the printer's request mutex. The owner takes a request by clearing the variable. A
+// request that has not been taken is never overwritten: the next requester waits.
 
 inline constexpr char kRelayedRequestVariable[] = "RequestMsg";
 
-// Leaves the request. lock: the request mutex, held; it is let go while another request has to be taken first, for
-// Timings.relayBound at most. TVS_OK, TVS_E_NO_OWNER when nobody takes that one, TVS_E_REQUEST_LOCK, or the answer of
-// the service.
+// Leaves the request. lock: the request mutex, held; it is released while an earlier request has to be taken first, for
+// at most Timings.relayBound. TVS_OK, TVS_E_NO_OWNER when nobody takes the earlier one, TVS_E_REQUEST_LOCK, or the
+// answer of the service.
 Status RelayRequest(ManagerRecord* manager, const StatusRequest& request, MutexHold& lock);
 
-// The owner's side; the request mutex is held. False when there is none. What the requester wrote is not trusted: the
-// record's texts end within their fields, and it completes by a message, since an event of its number would be another
-// process's.
+// For the owner; the caller holds the request mutex. False when there is no request. The record is not trusted: its
+// texts are terminated within their fields, and it completes by a message, because an event handle would be that of
+// another process.
 bool ReadRelayedRequest(ManagerRecord* manager, StatusRequest* request);
 void ClearRelayedRequest(ManagerRecord* manager);

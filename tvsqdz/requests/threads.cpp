@@ -1,4 +1,5 @@
-// State: the task of each thread, a block of the heap that passes to the thread with its start.
+// Threads and results of asynchronous requests. State: the task of each thread, a heap block that the thread owns from
+// its start; the results are in the printer's database.
 #include "requests/threads.h"
 
 #include "base/memory.h"
@@ -20,7 +21,7 @@ struct RequestTask {
     ManagerRecord* manager; // a reference
     StatusRequest request;
     DWORD mutexWait;      // of the starter
-    uint32_t refreshSize; // of the text behind this record, its NUL included; 0: there is none
+    uint32_t refreshSize; // of the text behind this record, including the NUL; 0: none
 
     BYTE* RefreshText() { return reinterpret_cast<BYTE*>(this + 1); }
 };
@@ -30,11 +31,11 @@ RequestKind KindOf(const StatusRequest& request) {
     return request.isRefresh != 0 ? RequestKind::Refresh : RequestKind::Write;
 }
 
-// The exchange. The request mutex is held.
+// The exchange. The caller holds the request mutex.
 Status CarryOut(RequestTask& task, DWORD mutexWait) {
     const PrinterRequest request = RequestOf(task.manager, KindOf(task.request), task.request.variableName);
     if (task.request.useForward == 0) {
-        // The starter may have been the one to find its predecessor dead.
+        // The starter may have been the one that found its predecessor dead.
         if (task.mutexWait == WAIT_ABANDONED) mutexWait = WAIT_ABANDONED;
         return AskPrinterSide(request, mutexWait, g_timings.answerBound);
     }
@@ -46,7 +47,7 @@ Status CarryOut(RequestTask& task, DWORD mutexWait) {
 
 void PerformRead(RequestTask& task) {
     const MutexHold lock(task.manager->requestMutex);
-    if (lock.held != nullptr) CarryOut(task, lock.result); // how it ended, the variable tells
+    if (lock.held != nullptr) CarryOut(task, lock.result); // the variable says how it ended
     TellCompletion(task.request);
 }
 
@@ -69,7 +70,7 @@ void PerformWrite(RequestTask& task) {
 void Finish(RequestTask* task) {
     ReleaseManager(task->manager);
     FreeBlock(task);
-    UncountAsCall(); // from here on the library may be gone
+    UncountAsCall(); // the library may be unloaded from here on
 }
 
 DWORD WINAPI ReadRequestThread(void* parameter) {
@@ -115,8 +116,6 @@ void TellCompletion(const StatusRequest& request) {
         PostMessageA(WindowFromStored(request.target), request.message, 0, 0);
 }
 
-// State: the printer's database.
-
 namespace {
 
 constexpr char kResultsVariable[] = "ReqResult";
@@ -127,7 +126,7 @@ struct RequestResult {
 };
 static_assert(sizeof(RequestResult) == 8 && offsetof(RequestResult, requestId) == 0);
 
-// The list, with the database mutex held for as long as it lives.
+// The list. Holds the database mutex as long as it lives.
 struct ResultList {
     explicit ResultList(ManagerRecord* manager)
         : lock(manager->databaseMutex), list(manager->printerDatabase, kResultsVariable, sizeof(RequestResult)) {}
@@ -137,7 +136,7 @@ struct ResultList {
         memcpy(&entry, list.Item(i), sizeof entry);
         return entry;
     }
-    // The place of the request's result; the count when there is none.
+    // The place of the request; the count when it is not there.
     uint32_t Find(uint32_t requestId) const {
         uint32_t i = 0;
         while (i < list.Count() && Entry(i).requestId != requestId)
@@ -149,8 +148,8 @@ struct ResultList {
     StoredList list;
 };
 
-// Changes the entry of the request. Nobody hears of a failure, so memory is waited for, with the mutex given back
-// meanwhile; what the service does not take is lost with it.
+// Changes the entry of the request. Nobody would hear of a failure, so this waits for memory, with the mutex released
+// meanwhile; a change that the service refuses is lost.
 template <typename Change>
 void ChangeEntry(ManagerRecord* manager, uint32_t requestId, Change change) {
     for (;;) {
@@ -198,11 +197,11 @@ Status TakeResult(ManagerRecord* manager, uint32_t requestId, int32_t* callersRe
     if (results.lock.result == WAIT_TIMEOUT) return TVS_E_NOT_READY;
     if (results.list.Load() == TVS_E_MEMORY) return TVS_E_MEMORY;
 
-    // A list that cannot be read has no result of this request.
+    // An unreadable list does not have the result.
     const uint32_t place = results.Find(requestId);
     const bool isThere = place < results.list.Count();
     const int32_t value = isThere ? results.Entry(place).result : TVS_E_UNKNOWN;
-    // Told before it is taken off: no result may be lost to a pointer that cannot be written.
+    // Written before it is removed, so that a bad pointer loses no result.
     if (!CopyToCaller(callersResult, &value, sizeof value)) return TVS_E_FAULT;
     if (isThere) {
         results.list.Remove(place);

@@ -1,7 +1,8 @@
-// The record of one asynchronous request, as it lies in "RequestMsg" of the printer's database when a process leaves a
-// request to the printer's owner.
+// Asynchronous requests: their record, their results, and the threads that carry them out. State: "RequestMsg" and
+// "ReqResult" of the printer's database.
 //
-// 364 bytes, little-endian, stored: handles have 32 bits in it, and what only its own process could use is 0.
+// StatusRequest is what a process leaves in "RequestMsg" for the printer's owner: 364 bytes, little-endian, stored.
+// Handles have 32 bits in it; fields that only the own process could use are 0.
 #pragma once
 
 #include "manager/manager_record.h"
@@ -14,8 +15,8 @@
 #include <tvsqdz.h>
 #include <windows.h>
 
-// Bits of StatusRequest.requestFlags: one of each pair. None at all: there is no request.
-inline constexpr uint32_t REQ_BY_EVENT = 0x00001;   // sets the event `target` when it is done
+// Bits of StatusRequest.requestFlags: one of each pair. 0: no request.
+inline constexpr uint32_t REQ_BY_EVENT = 0x00001;   // sets the event `target` on completion
 inline constexpr uint32_t REQ_BY_MESSAGE = 0x00002; // posts `message` to the window `target`
 inline constexpr uint32_t REQ_READ = 0x10000;
 inline constexpr uint32_t REQ_WRITE = 0x20000;
@@ -32,7 +33,7 @@ struct StatusRequest {
     char databaseName[product::kDatabaseNameMax + 1];
     char printerName[TVS_PRINTER_NAME_MAX + 1];
     uint32_t refreshText; // 0
-    uint32_t useForward;  // not 0: the service has it carried out
+    uint32_t useForward;  // not 0: forwarded by the service
     uint32_t isRefresh;   // not 0: a write of "RefreshStatus"
 };
 static_assert(sizeof(StatusRequest) == 364 && offsetof(StatusRequest, requestId) == 0 &&
@@ -43,39 +44,36 @@ static_assert(sizeof(StatusRequest) == 364 && offsetof(StatusRequest, requestId)
               offsetof(StatusRequest, printerName) == 92 && offsetof(StatusRequest, refreshText) == 352 &&
               offsetof(StatusRequest, useForward) == 356 && offsetof(StatusRequest, isRefresh) == 360);
 
-// "ReqResult" of a printer's database: the results of asynchronous write requests, which wait there until they are
-// asked for. A list (values/stored_list.h) of 8-byte items: u32 number, i32 result; in the order in which they were
-// made.
+// "ReqResult" has the results of asynchronous writes until they are asked for: a list (values/stored_list.h) of 8-byte
+// items, u32 number and i32 result, in the order of the requests.
 //
-// Whoever changes the list holds the database mutex, in every process and from the first read to the write, and never
-// while anything is waited for. Not the request mutex: a request keeps that for as long as the printer takes, and the
-// result of another one may be asked for meanwhile. The database mutex is the inner one of the two.
+// Whoever changes the list holds the database mutex from the read to the write, and waits for nothing meanwhile. Not
+// the request mutex: a request holds that as long as the printer takes, and others may ask for their results meanwhile.
+// The database mutex is the inner one of the two.
 
-// Enters a request under the next number, one more than the largest in the list. number receives it before the list is
-// changed, and not at all when that fails: it may be the caller's memory. TVS_OK and *requestId; TVS_E_MEMORY, also
-// when the numbers are used up; TVS_E_FAULT; or the answer of the service, in which case the list is as it was.
+// Enters a request under the next number, the largest in the list plus one. callersNumber, which may be caller memory,
+// receives the number before the list is changed; a failure of that leaves the list unchanged. TVS_OK and *requestId;
+// TVS_E_MEMORY, also when the numbers are used up; TVS_E_FAULT; or the answer of the service.
 Status EnterRequest(ManagerRecord* manager, int32_t result, uint32_t* callersNumber, uint32_t* requestId);
 
-// Sets the result of the request, wherever it comes from; one that is not in the list (any more) has been given up.
+// Sets the result of a request. A request that is not in the list (any more) was abandoned.
 void RecordResult(ManagerRecord* manager, uint32_t requestId, int32_t result);
-// Takes a request off whose result nobody will ask for.
+// Removes a request whose result nobody will ask for.
 void RemoveRequest(ManagerRecord* manager, uint32_t requestId);
 
-// Hands the result of a request to the caller and takes it off the list; TVS_REQUEST_PENDING, while there is none,
-// stays there. TVS_OK, with TVS_E_UNKNOWN as the result of a request that is not in the list; TVS_E_NOT_READY,
-// TVS_E_MEMORY or TVS_E_FAULT.
+// Writes the result of a request to the caller and removes it from the list. TVS_OK, with TVS_E_UNKNOWN as the result
+// of a request that is not in the list; TVS_E_NOT_READY, TVS_E_MEMORY or TVS_E_FAULT.
 Status TakeResult(ManagerRecord* manager, uint32_t requestId, int32_t* callersResult);
 
-// The threads that carry out asynchronous requests. Nobody waits for them: each ends by itself, after the exchange with
-// the printer side or its time limit (Timings.requestLockBound, .answerBound), and tells its requester.
+// Threads. Nobody waits for them: each ends after the exchange with the printer side or its time limit
+// (Timings.requestLockBound, .answerBound), and notifies its requester.
 //
-// A thread holds a reference to its manager, so that what it uses stays until it ends, however early the manager is
-// closed; and the detach of the library waits for it, which hurries it up.
+// A thread holds a reference to its manager, so that what it uses stays however early the manager is closed. The detach
+// of the library waits for the thread, and hurries it.
 
-// Starts the thread of the request, with a stack of 64 KiB. The manager is one that the caller has a reference to, from
-// inside a call or on a thread that the manager's close waits for. refresh: the text of a refresh that is forwarded, or
-// null. mutexWait: the result of the caller's wait for the request mutex. False: there is no memory or no thread, and
-// nothing was started. The request is copied.
+// Starts the thread of the request, with a stack of 64 KiB. The caller has a reference to the manager. refresh: the
+// text of a refresh that is forwarded, or null. mutexWait: the result of the caller's wait for the request mutex.
+// False: out of memory or threads, and nothing was started. The request is copied.
 bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const CallerValue::Bytes* refresh,
                         DWORD mutexWait);
 

@@ -1,7 +1,7 @@
-// "SendingJobInfo", "PrintingJobInfo" and "PrintingJobInfo2": reports of the job that is sent and of the one that is
-// printed, and what they do to "PrinterQueue".
+// Job reports ("SendingJobInfo", "PrintingJobInfo", "PrintingJobInfo2") with their effect on "PrinterQueue", and
+// commands to jobs of the print spooler ("SetJob", "DeleteJobId").
 //
-// State: the variables. Those of the reports are written outside the database mutex; nobody reads one to change it.
+// State: the variables. The reports are written outside the database mutex, because nobody reads one to change it.
 #include "base/memory.h"
 #include "manager/manager_record.h"
 #include "manager/variables.h"
@@ -19,11 +19,11 @@ constexpr char kSendingJobInfo[] = "SendingJobInfo";
 constexpr char kPrintingJobInfo[] = "PrintingJobInfo";
 constexpr char kPrintingJobInfo2[] = "PrintingJobInfo2";
 
-// A job at the end; the oldest ones make room for it.
+// Appends a job; the oldest ones make room for it.
 Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
     const MutexHold lock(manager->databaseMutex);
     JobQueue queue(manager->printerDatabase, kPrinterQueue);
-    // A queue that cannot be read is left alone: written anew it would have this job only.
+    // A queue that cannot be read is not written, because it would then have this job only.
     if (const Status status = queue.Load(1); status != TVS_OK) return status;
     while (queue.Count() >= kPrinterQueueLimit)
         queue.Remove(0);
@@ -32,7 +32,7 @@ Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
     return TVS_OK;
 }
 
-// From a job record or from a printing job record. What another process stored may have no end.
+// From a job record or a printing job record. A text that another process stored may lack its NUL.
 template <typename Record>
 void TakeNames(const Record& from, TvsPrintingJobRecord* to) {
     memcpy(to->jobName, from.jobName, sizeof to->jobName);
@@ -41,11 +41,11 @@ void TakeNames(const Record& from, TvsPrintingJobRecord* to) {
     to->ownerName[sizeof to->ownerName - 1] = '\0';
 }
 
-// Completes a report of the job at the head of the queue, and takes the head off when its printing has ended. A job
-// behind the head stays where it is. TVS_E_MEMORY: the report was not looked at.
+// Completes a report about the job at the head of the queue, and removes the head when its printing has ended. A job
+// behind the head is left in place. TVS_E_MEMORY: the report was not processed.
 Status CompareWithPrinterQueue(ManagerRecord* manager, TvsPrintingJobRecord* report) {
     const bool ended = report->jobId == 0;
-    TvsPrintingJobRecord current = {}; // no job, unless it can be read
+    TvsPrintingJobRecord current = {}; // stays zero, no job, when it cannot be read
     if (ended || report->progress != 0) {
         DWORD size = 0;
         ReadVariable(manager->printerDatabase, kPrintingJobInfo, &current, sizeof current, &size);
@@ -58,7 +58,7 @@ Status CompareWithPrinterQueue(ManagerRecord* manager, TvsPrintingJobRecord* rep
     const MutexHold lock(manager->databaseMutex);
     JobQueue queue(manager->printerDatabase, kPrinterQueue);
     if (queue.Load() == TVS_E_MEMORY) return TVS_E_MEMORY;
-    if (queue.Count() == 0) return TVS_OK; // one that cannot be read has none
+    if (queue.Count() == 0) return TVS_OK; // an unreadable queue counts as empty
     const TvsJobRecord& head = queue.Job(0);
     if (head.jobId != (ended ? current.jobId : report->jobId)) return TVS_OK;
     if (ended) {
@@ -87,7 +87,7 @@ int32_t PrintingJobInfoWrite(ManagerRecord* manager, const void* data, uint32_t 
     return TVS_OK;
 }
 
-// One write: nobody finds the job of one report with the coverage of another.
+// One write, so that nobody reads the job of one report with the coverage of another.
 int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPrintingJobRecord2 report;
     if (!TakeRecord(data, size, &report)) return PassOn(Answer::WrongSize);
@@ -96,9 +96,7 @@ int32_t PrintingJobInfo2Write(ManagerRecord* manager, const void* data, uint32_t
     return TVS_OK;
 }
 
-// "SetJob" and "DeleteJobId": commands to jobs of the print spooler. Keeps nothing.
-//
-// What the spooler answers to a command is not told; whether there is such a job is.
+// Commands to jobs. The status says whether the job exists, not what the spooler answered to the command.
 
 namespace {
 
@@ -108,7 +106,7 @@ constexpr DWORD kAllJobs = 0xFFFFFFFF;
 // The list can grow between the question for its size and its read; more often than that is not believable.
 constexpr int kAttempts = 8;
 
-// The job that is being sent; 0 when there is none, or when that cannot be read.
+// The job that is being sent; 0 when there is none or it cannot be read.
 uint32_t SendingJob(const ManagerDatabase& database) {
     TvsJobRecord job = {};
     DWORD size = 0;

@@ -1,4 +1,4 @@
-// "Port" and "PrinterName": where the printer is and what it is called. A change of either is more than the value.
+// "Port" and "PrinterName": where the printer is and what it is called. A change of either changes more than the value.
 //
 // State: the printer's database and, for the name, the printer list. Both are changed under the database mutex, so that
 // two processes that change them at once leave what one after the other would have left.
@@ -22,7 +22,7 @@ bool IsSamePort(const TvsPortRecord& a, const TvsPortRecord& b) {
            strncmp(a.portDetail, b.portDetail, sizeof a.portDetail) == 0;
 }
 
-// The text of a value, with or without a NUL; false when it is none that a printer can have.
+// The text of a value, with or without a NUL; false when a printer cannot have it.
 bool TakeName(const void* data, uint32_t size, PrinterNameText* name) {
     const size_t length = strnlen(static_cast<const char*>(data), size);
     if (length == 0 || length >= sizeof name->text) return false;
@@ -37,14 +37,14 @@ int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPortRecord port;
     if (!TakeRecord(data, size, &port)) return PassOn(Answer::WrongSize);
     const MutexHold lock(manager->databaseMutex);
-    TvsPortRecord stored = {}; // one that cannot be read counts as none yet
+    TvsPortRecord stored = {}; // unreadable: no port yet
     DWORD storedSize = 0;
     ReadVariable(manager->printerDatabase, kPort, &stored, sizeof stored, &storedSize);
-    // First: for whoever may not change the port nothing changes.
+    // First, so that nothing changes for somebody who may not change the port.
     const Answer answer = WriteVariable(manager->printerDatabase, kPort, &port, sizeof port);
     if (answer == Answer::AccessDenied) return PassOn(answer);
     if (stored.portKind != 0 && !IsSamePort(stored, port)) {
-        RefreshedPrinterName(manager); // the driver data lie under the name that the printer has now
+        RefreshedPrinterName(manager); // the driver data are stored under the current name
         ResetPortDependentVariables(manager);
     }
     return TVS_OK;
@@ -74,8 +74,6 @@ int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size
     WriteVariable(manager->printerDatabase, kPrinterName, name.text, sizeof name.text);
     return TVS_OK;
 }
-
-// A printer may be renamed by any process; the database tells.
 
 namespace {
 

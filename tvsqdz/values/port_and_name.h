@@ -1,11 +1,11 @@
-// The name that a printer has now.
+// The current name of a printer, which any process may have changed. No state.
 #pragma once
 
 #include "manager/manager_record.h"
 
-// What "PrinterName" of a printer's database says; false when it cannot be read or is no name.
+// The value of "PrinterName" in a printer's database; false when it cannot be read or is not a valid name.
 bool ReadStoredPrinterName(const ManagerDatabase& database, PrinterNameText* name);
 
-// Takes over into the manager what "PrinterName" of its database says, and answers it. What cannot be read or is no
-// name leaves the one that the manager had.
+// Copies "PrinterName" of the database into the manager and returns it. When it cannot be read or is not a valid name,
+// the manager keeps its name.
 PrinterNameText RefreshedPrinterName(ManagerRecord* manager);

@@ -1,5 +1,5 @@
-// Reads of everything but queues. The road of an ordinary value, fixed in size, is the one that all processes take all
-// the time: one guarded read of the name, one call of the service, two guarded writes, and no allocation.
+// Reads. Every process reads ordinary values of fixed size all the time; that path is one guarded read of the name, one
+// call of the service, two guarded writes, and no allocation. No state.
 #include "values/reading.h"
 
 #include "base/memory.h"
@@ -14,8 +14,8 @@ namespace {
 
 constexpr DWORD kLengthSize = sizeof(uint32_t);
 
-// The payload of a value stored with its length first. A stored size below that of the length stands for an empty
-// value.
+// The payload size of a value that is stored with its length first. A stored size below that of the length means an
+// empty value.
 uint32_t PayloadSize(DWORD storedSize) {
     return storedSize > kLengthSize ? storedSize - kLengthSize : 0;
 }
@@ -28,7 +28,7 @@ struct Extent {
 
 Extent ExtentOf(const StatusVariableDef& variable, const BYTE* fetched, DWORD total, DWORD fetchedSize) {
     switch (TypeOf(variable)) {
-    case SVT_STRING: { // a text that fills its field has no NUL in it, and none is counted
+    case SVT_STRING: { // a text that fills its field has no NUL, and none is counted
         const uint32_t length = static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(fetched), total));
         return {0, std::min<uint32_t>(length + 1, total)};
     }
@@ -39,11 +39,11 @@ Extent ExtentOf(const StatusVariableDef& variable, const BYTE* fetched, DWORD to
     }
 }
 
-// Copies what fits. The answer of the fetch stands over the lack of room.
+// Copies what fits. The answer of the fetch takes precedence over TVS_E_SIZE.
 Status GiveValue(const StatusVariableDef& variable, BYTE* value, uint32_t length, const ReadTarget& target,
                  Answer fetched, uint32_t* returned) {
     const bool cut = target.size < length;
-    // Terminated before it is copied, so that one write does both.
+    // Terminated before the copy, so that one write does both.
     if (cut && (variable.flags & SVT_STRING) != 0) value[target.size - 1] = '\0';
     const uint32_t given = std::min(target.size, length);
     if (!CopyToCaller(target.buffer, value, given)) return TVS_E_FAULT;
@@ -57,7 +57,7 @@ Status GiveValue(const StatusVariableDef& variable, BYTE* value, uint32_t length
 Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                  uint32_t* returned) {
     const bool probed = (variable.flags & SVT_PROBED) != 0;
-    // Between asking for the size and fetching the value nobody may change it.
+    // Nobody may change the value between the query for its size and the fetch.
     MutexHold lock;
     DWORD total = variable.size;
     if (probed && variable.localRead != nullptr) {
@@ -72,7 +72,7 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
         return TVS_E_SIZE;
     }
 
-    // Room also for what is handed over without having been stored: an extended type's own size, an absent length.
+    // With room for what is returned without being stored: the own size of an extended type, a missing length.
     Scratch value(std::max<uint32_t>({total, variable.size, kLengthSize}));
     if (value.Data() == nullptr) return TVS_E_MEMORY;
     DWORD fetchedSize = 0;
@@ -83,7 +83,7 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
         fetched = ReadVariable(manager->printerDatabase, variable.name, value.Data(), total, &fetchedSize);
     lock.Release();
 
-    // A failed fetch is no other road: the temporary is zero then, and the answer goes along with it.
+    // A failed fetch takes the same path: the temporary is zero then, and the answer is passed on.
     const Extent extent = ExtentOf(variable, value.Data(), total, fetchedSize);
     return GiveValue(variable, value.Data() + extent.offset, extent.length, target, fetched, returned);
 }
@@ -99,7 +99,7 @@ namespace {
 template <typename Character>
 Status Serve(TvsManager manager, const Character* callersVariable, void* buffer, uint32_t size, uint32_t* returnedSize,
              ReadProc read) {
-    // No buffer and no size are the same question, for the size.
+    // No buffer and no size both ask for the size.
     const ReadTarget target = {buffer, buffer != nullptr ? size : 0, returnedSize};
     uint32_t returned = 0;
     bool returnedWritten = false;
@@ -124,7 +124,7 @@ Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer,
     return Serve(manager, callersVariable, buffer, size, returnedSize, read);
 }
 
-// Reading a queue takes its oldest item off, under the database mutex, with which other processes append.
+// A read of a queue removes its oldest item, under the database mutex, which other processes hold to append.
 
 Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                      uint32_t* returned, bool* returnedWritten) {
@@ -144,14 +144,12 @@ Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, 
     if (!CopyToCaller(target.returnedSize, returned, sizeof *returned)) return TVS_E_FAULT;
     *returnedWritten = true;
 
-    // The item has reached the caller, if only in part: now it goes.
+    // The caller has the item, or its first part; now it is removed.
     queue.Remove(0);
     const Answer answer = queue.Store();
     if (answer != Answer::Done) return PassOn(answer);
     return cut ? TVS_E_SIZE : TVS_OK;
 }
-
-// Write times, for the ANSI and the wide export.
 
 Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime) {
     SYSTEMTIME writeTime;

@@ -1,4 +1,4 @@
-// One value of the service, held in a block of the heap from Load to the end.
+// Stored lists and job queues. State: the value, in a heap block from Load to the destructor.
 #include "values/stored_list.h"
 
 #include "base/memory.h"
@@ -38,7 +38,7 @@ Status StoredList::Load(uint32_t room) {
     if (size < sizeof(ListHeader)) return TVS_OK;
     ListHeader header;
     memcpy(&header, m_block, sizeof header);
-    // Items of no size are possible, since a printer model sets it; they are counted by the byte.
+    // A printer model may set an item size of 0; the count is then taken for bytes.
     const uint64_t there = (uint64_t{size} - sizeof header) / (m_itemSize > 0 ? m_itemSize : 1);
     m_count = header.count < there ? header.count : static_cast<uint32_t>(there);
     return TVS_OK;
@@ -56,7 +56,7 @@ void StoredList::Remove(uint32_t i) {
 
 Answer StoredList::Store() {
     const uint32_t size = static_cast<uint32_t>(sizeof(ListHeader)) + m_count * m_itemSize;
-    // Counted anew rather than taken from what was read, which may have been wrong.
+    // Computed, not copied from what was read, which may have been wrong.
     const ListHeader header = {.length = size - static_cast<uint32_t>(sizeof header.length), .count = m_count};
     memcpy(m_block, &header, sizeof header);
     return WriteVariable(m_database, m_name, m_block, size);
@@ -72,11 +72,9 @@ uint32_t StoredList::NextNumber() const {
     return largest + 1;
 }
 
-// Whose jobs are in a queue. Keeps nothing.
-
 namespace {
 
-// Character by character: the second byte of a double-byte character may look like a letter and is none.
+// Character by character: the second byte of a double-byte character may equal a letter.
 bool IsSameUser(const char* a, const char* b, size_t length) {
     for (size_t i = 0; i < length; ++i) {
         if (IsDBCSLeadByte(static_cast<BYTE>(a[i])) && i + 1 < length) {

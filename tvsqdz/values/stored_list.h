@@ -1,7 +1,7 @@
 // Values that other processes append to: u32 length, u32 count, and that many items of one size back to back, oldest
-// first. The length counts the count and the items. Queues and the results of write requests are such values.
+// first. The length covers the count and the items. Queues and the results of write requests have this form.
 //
-// Whoever changes one holds the mutex that belongs to it from Load to Store.
+// Whoever changes one holds its mutex from Load to Store.
 #pragma once
 
 #include "manager/manager_database.h"
@@ -14,25 +14,25 @@
 
 class StoredList {
 public:
-    // name stays the caller's. itemSize: in bytes.
+    // name: owned by the caller. itemSize: in bytes.
     StoredList(const ManagerDatabase& database, const char* name, uint32_t itemSize)
         : m_database(database), m_name(name), m_itemSize(itemSize) {}
     ~StoredList();
     StoredList(const StoredList&) = delete;
     StoredList& operator=(const StoredList&) = delete;
 
-    // TVS_OK, TVS_E_MEMORY, or the answer of the service. A value too short for a list is an empty one, and a count
-    // that promises more items than are there is lowered to those that are. room: for that many more items.
+    // TVS_OK, TVS_E_MEMORY, or the answer of the service. A value too short for a list is an empty list, and a count
+    // larger than the items that are there is lowered. room: for that many more items.
     Status Load(uint32_t room = 0);
     uint32_t Count() const { return m_count; }
     const BYTE* Item(uint32_t i) const;
     BYTE* Item(uint32_t i) { return m_block + ItemOffset(i); }
-    // One more item at the end, in the room that was asked for; the caller fills it.
+    // Appends an item, in the room that was asked for; the caller fills it.
     BYTE* Append() { return Item(m_count++); }
-    // Takes an item out; the later ones move up.
+    // Removes an item; the later ones move up.
     void Remove(uint32_t i);
     Answer Store();
-    // Of items that begin with a u32 number: one more than the largest; 0 when that is the last number there is.
+    // For items that begin with a u32 number: the largest plus one; 0 when the numbers are used up.
     uint32_t NextNumber() const;
 
 private:
@@ -45,10 +45,10 @@ private:
     BYTE* m_block = nullptr; // of the heap
 };
 
-// The queues of jobs, "PrinterQueue" and "SpoolerQueue", in the form in which the database has them.
+// The job queues "PrinterQueue" and "SpoolerQueue", as the database stores them.
 //
-// "PrinterQueue" has the jobs that were sent to the printer and are not printed yet. Every change of it is made under
-// the database mutex, from the read to the write.
+// "PrinterQueue" has the jobs that were sent to the printer and are not yet printed. It is changed only under the
+// database mutex, from the read to the write.
 
 inline constexpr char kPrinterQueue[] = "PrinterQueue";
 inline constexpr char kSpoolerQueue[] = "SpoolerQueue";
@@ -60,10 +60,10 @@ struct JobQueue : StoredList {
     const TvsJobRecord& Job(uint32_t i) const { return *reinterpret_cast<const TvsJobRecord*>(Item(i)); }
 };
 
-// The entries whose owner is the user, without regard to the case of the letters A to Z.
+// The entries whose owner is the user; A to Z compare without case.
 uint32_t CountOwnerJobs(const JobQueue& queue, const char* userName);
 
-// The same of a stored queue. lock: holds the database mutex, which is let go once the queue is read. TVS_OK,
-// TVS_E_MEMORY, or the service's answer; *count is untouched then.
+// The same for a stored queue. lock: holds the database mutex, which is released once the queue is read. TVS_OK,
+// TVS_E_MEMORY, or the answer of the service; *count is untouched on failure.
 Status ReadOwnerJobCount(const ManagerDatabase& database, const char* queueName, const char* userName, MutexHold& lock,
                          uint32_t* count);

@@ -1,4 +1,4 @@
-// Storing a value, with the copy of a persistent variable in the driver data.
+// Updates and driver-data copies. No state.
 #include "values/updating.h"
 
 #include "base/memory.h"
@@ -16,7 +16,7 @@ namespace {
 
 Status Store(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value) {
     if (variable.localWrite != nullptr) return variable.localWrite(manager, value.Data(), value.Size());
-    // Whoever reads a variable-length value asks for its size first; it must not change in between.
+    // Readers of a variable-length value ask for its size first; it must not change in between.
     MutexHold lock;
     switch (TypeOf(variable)) {
     case SVT_VARIABLE:
@@ -38,13 +38,13 @@ Status UpdateValue(ManagerRecord* manager, const StatusVariableDef& variable, co
     CallerValue value(data, size);
     if (value.Result() != TVS_OK) return value.Result();
     const Status status = Store(manager, variable, value);
-    // The driver data lie under the name that the printer has now, which another process may have changed.
+    // The driver data are stored under the current name of the printer, which another process may have changed.
     if ((variable.flags & SVF_PERSISTENT) != 0)
         WriteDriverDataValue(RefreshedPrinterName(manager).text, variable, value.Data(), value.Size());
     return status;
 }
 
-// Copied in once, so that what is checked is what is written.
+// Copied once, so that the bytes that are checked are the bytes that are written.
 
 namespace {
 
@@ -78,8 +78,8 @@ CallerValue::Bytes CallerValue::Text() {
     return {Data(), static_cast<uint32_t>(length) + kTerminatorSize};
 }
 
-// The registry side of persistent variables. Failures never reach a status: a missing key or value is an absent copy,
-// and a failed write leaves the old one.
+// Driver data. Failures do not become a status: a missing key or value means no copy, and a failed write leaves the old
+// one.
 
 namespace {
 
@@ -105,7 +105,7 @@ struct StoredForm {
     DWORD size;
 };
 
-// False for a type that has no copy, and for data that is shorter than its number.
+// False for a type that has no copy, and for data shorter than its number.
 bool StoredFormOf(const StatusVariableDef& variable, DWORD size, StoredForm* form) {
     const uint32_t flags = variable.flags;
     if ((flags & SVT_NUMBER) != 0)

@@ -1,4 +1,5 @@
-// Storing a value.
+// Updates: the value that a caller gives, its storage, and the copies of persistent variables in the driver data. No
+// state.
 #pragma once
 
 #include "base/memory.h"
@@ -9,18 +10,16 @@
 #include <stdint.h>
 #include <windows.h>
 
-// What an update does once the variable is found. data may be a caller's memory.
+// Stores a value in a variable. data may be caller memory.
 Status UpdateValue(ManagerRecord* manager, const StatusVariableDef& variable, const void* data, uint32_t size);
 
-// The library's copy of a value that a caller gives to be written.
-//
-// In the block, the u32 length that a variable-length value is stored with lies in front of the bytes, and a NUL behind
-// them.
+// The library's copy of a value that a caller gives to be written. In the block, the u32 length with which a
+// variable-length value is stored precedes the bytes, and a NUL follows them.
 
 class CallerValue {
 public:
-    // Reads the caller's bytes. Result() then tells: TVS_OK, TVS_E_MEMORY, TVS_E_FAULT, or the answer of the service to
-    // a value that is larger than any it keeps, for which no copy is made.
+    // Copies the caller's bytes. Result() is then TVS_OK, TVS_E_MEMORY, TVS_E_FAULT, or the service's answer to a value
+    // above its limit, for which no copy is made.
     CallerValue(const void* data, uint32_t size);
 
     Status Result() const { return m_result; }
@@ -31,9 +30,9 @@ public:
         const BYTE* data;
         uint32_t size;
     };
-    // With the length in front, as a variable-length value is stored, or without.
+    // The bytes with the length in front, as a variable-length value is stored, or without.
     Bytes Stored(bool withLength);
-    // As a text: up to the first NUL, else all of them, always terminated. size: with the NUL.
+    // As text: up to the first NUL, else all bytes; always terminated. size: including the NUL.
     Bytes Text();
 
 private:
@@ -42,16 +41,16 @@ private:
     Status m_result;
 };
 
-// Copies of persistent variables in the printer's driver data: registry values "SQD_<variable>" below the printer's
-// key, which outlive every database.
+// Copies of persistent variables in the driver data: registry values "SQD_<variable>" below the printer's key, which
+// outlive every database.
 //
-// The registry type and the bytes follow the variable's type: numbers REG_DWORD (with 1, 2 or 4 bytes), texts REG_SZ,
-// records and variable-length values REG_BINARY (the latter without their length).
+// The registry type and the bytes follow the type of the variable: REG_DWORD for numbers (of 1, 2 or 4 bytes), REG_SZ
+// for texts, REG_BINARY for records and variable-length values (the latter without their length).
 
-// The size of the copy in the form in which the database stores the value: a variable-length one with its length first.
-// 0: there is no copy. With a buffer the copy is read into it; 0 also when it does not fit.
+// The size of the copy as the database stores the value: a variable-length one with its length first. 0: there is no
+// copy. With a buffer the copy is read into it; 0 also when it does not fit.
 DWORD ReadDriverDataValue(const char* printerName, const StatusVariableDef& variable, void* buffer, DWORD capacity);
 
-// True when the registry holds the data afterwards. data: a value as callers have it, of size bytes. A copy that holds
-// the same bytes is left alone.
+// True when the registry has the data on return. data: the value as callers see it, `size` bytes. A copy that already
+// has these bytes is not written again.
 bool WriteDriverDataValue(const char* printerName, const StatusVariableDef& variable, const void* data, DWORD size);

@@ -1,4 +1,4 @@
-// No state.
+// Wide reads and writes of values. No state.
 #include "values/wide_values.h"
 
 #include "base/converters.h"
@@ -10,14 +10,14 @@
 
 namespace {
 
-// No wide form is longer: what a caller's buffer has beyond that is never used.
+// No wide form is larger; the rest of a larger buffer is never used.
 constexpr uint32_t kWideSizeMax = 2 * product::kValueSizeMax;
-// What the converters look at whatever was read: a queue's count, the NUL of a string.
+// Converters access this much of any value: the count of a queue, the NUL of a string.
 constexpr uint32_t kCountSize = sizeof(uint32_t);
 constexpr uint32_t kNulSize = 1;
 
-// Reads into a buffer of that many bytes at least and converts from it. The answer of the conversion stands over that
-// of the read, unless nothing was read.
+// Reads into a buffer of at least that many bytes and converts from it. The status of the conversion takes precedence
+// over that of the read, unless nothing was read.
 Status ReadAndConvert(ManagerRecord* manager, const StatusVariableDef& variable, void* wide, uint32_t wideSize,
                       uint32_t ansiRoom, uint32_t* returned, bool* returnedWritten, ReadProc read) {
     const uint32_t room = std::max(ansiRoom, kCountSize);
@@ -28,7 +28,7 @@ Status ReadAndConvert(ManagerRecord* manager, const StatusVariableDef& variable,
     return ansiSize != 0 ? variable.toWide(wide, ansi.Data(), wideSize, returned) : status;
 }
 
-// Of a value whose size varies the wide size follows from its bytes, else from the ANSI size.
+// For a value of varying size the wide size follows from its bytes, else from the ANSI size.
 Status AskWideSize(ManagerRecord* manager, const StatusVariableDef& variable, uint32_t* returned, bool* returnedWritten,
                    ReadProc read) {
     uint32_t ansiSize = 0;
@@ -49,8 +49,8 @@ Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const
     if (variable.toWide == nullptr) return read(manager, variable, target, returned, returnedWritten);
     if (target.size == 0) return AskWideSize(manager, variable, returned, returnedWritten, read);
     const uint32_t wideSize = std::min(target.size, kWideSizeMax);
-    // A value of a fixed size is read whole: only the conversion knows where characters begin, and whether one is
-    // missing. What varies fits in less room than its wide form.
+    // A value of fixed size is read whole, because only the conversion knows character boundaries. A value of varying
+    // size needs less room than its wide form.
     const uint32_t ansiRoom = (variable.flags & SVT_PROBED) != 0 ? wideSize : variable.size;
     return ReadAndConvert(manager, variable, target.buffer, wideSize, ansiRoom, returned, returnedWritten, read);
 }
@@ -67,9 +67,9 @@ WideValue::WideValue(const StatusVariableDef& variable, const void* callersValue
 
 Status WideValue::AskNarrowSize(uint32_t* narrowSize) {
     if (m_result != TVS_OK) return m_result;
-    m_variable.toAnsi(m_value, nullptr, m_size, narrowSize); // a queue is asked with its count; no other one is read
+    m_variable.toAnsi(m_value, nullptr, m_size, narrowSize); // of a queue the count is read, of other values nothing
     if (*narrowSize == 0) return TVS_E_MEMORY;
-    // A text may take more bytes than it has characters, up to those of its field.
+    // A text may have more bytes than characters, up to the size of its field.
     if (IsString(m_variable)) *narrowSize = std::max(*narrowSize, m_variable.size);
     return TVS_OK;
 }
@@ -79,7 +79,7 @@ Status WideValue::Narrow(BYTE* narrow, uint32_t* narrowSize) {
                                 : m_variable.toAnsi(m_value, narrow, m_size, narrowSize);
 }
 
-// The text ends before the caller's size, as an ANSI one does, but its bytes may take the whole field.
+// The text ends before the caller's size, as an ANSI one does, but its bytes may fill the whole field.
 Status WideValue::NarrowString(BYTE* narrow, uint32_t* narrowSize) {
     WCHAR text[kStringSizeMax + 1];
     const uint32_t characters = m_size / sizeof(WCHAR);

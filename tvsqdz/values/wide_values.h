@@ -1,4 +1,4 @@
-// The wide reads and writes of values: the ANSI operation with a conversion behind or before it.
+// Wide reads and writes of values: the ANSI operation with a conversion after or before it. No state.
 #pragma once
 
 #include "base/memory.h"
@@ -8,29 +8,28 @@
 #include "product/status.h"
 #include "values/reading.h"
 
-// Reads by the ANSI operation and converts the value. Without a converter the two forms are the same bytes, and the
-// operation serves the caller itself.
+// Reads with the ANSI operation and converts the value. Without a converter both forms have the same bytes, and the
+// operation serves the caller directly.
 Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target, uint32_t* returned,
                 bool* returnedWritten, ReadProc read);
 
-// The same as a way of reading.
+// The same as a ReadProc.
 template <ReadProc read>
 Status ReadWide(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target, uint32_t* returned,
                 bool* returnedWritten) {
     return ReadWide(manager, variable, target, returned, returnedWritten, read);
 }
 
-// A wide value that a caller gives to be written, on its way to the ANSI form. Its memory is read once: here when the
-// value itself says how long it is, else by the conversion. So a thread that changes it meanwhile changes what is
-// written, and never how much.
+// A wide value that a caller gives to be written, and its conversion to the ANSI form. Caller memory is read once: here
+// when the value contains its own length, else by the conversion. A thread that changes it meanwhile can change what is
+// written, but not how much.
 class WideValue {
 public:
     WideValue(const StatusVariableDef& variable, const void* callersValue, uint32_t size);
 
-    // The two steps: how many bytes the ANSI form takes, and the conversion into a zero-filled buffer of that many. The
-    // second one lowers *narrowSize to the bytes that are to be written.
-    // TVS_OK, TVS_E_FAULT, TVS_E_MEMORY for a value that ends before its record does, or the service's answer to a
-    // value that is larger than any.
+    // Two steps: the size of the ANSI form, and the conversion into a zero-filled buffer of that size. The second step
+    // lowers *narrowSize to the bytes that are to be written. TVS_OK, TVS_E_FAULT, TVS_E_MEMORY for a value that is
+    // shorter than its record, or the service's answer to a value above its limit.
     Status AskNarrowSize(uint32_t* narrowSize);
     Status Narrow(BYTE* narrow, uint32_t* narrowSize);
 
@@ -44,8 +43,8 @@ private:
     Status m_result = TVS_OK;
 };
 
-// The frame of a wide write: the manager, the variable, and the ANSI form of the value, handed to
-// write(manager, variable, data, size), whose data may be the caller's when there is nothing to convert.
+// The frame of a wide write: finds the manager and the variable, converts the value, and calls write(manager, variable,
+// data, size). data is caller memory when there is nothing to convert.
 template <typename Write>
 Status ServeWideWrite(TvsManager manager, const WCHAR* callersVariable, const void* value, uint32_t size, Write write) {
     return WithVariable(manager, callersVariable, [&](ManagerRecord* record, const StatusVariableDef& variable) {
