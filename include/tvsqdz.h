@@ -27,8 +27,8 @@
  * Every function returns a signed 32-bit status: 0 for success, a negative code, or a positive code of the RPC run-time or
  * the system, passed on unchanged (1722: the status database service cannot be reached). The table below lists the library's
  * own codes, and tvsqdz_status.h says in words what each status means. A pointer that cannot be read or written gives
- * TVS_E_FAULT, unless the function says otherwise, and never a crash. Functions may be called from any thread; a manager
- * that is closed during a call of another thread serves that call to its end.
+ * TVS_E_FAULT, unless the function says otherwise, and never a crash. Functions may be called from any thread; when a manager
+ * is closed during a call of another thread, that call still completes.
  *
  * Text of the A functions is in the ANSI code page of the system, text of the W functions in UTF-16. All numbers in values
  * are little-endian. */
@@ -74,8 +74,8 @@ struct _SYSTEMTIME;
 #define TVS_E_SERVICE_TIMEOUT (-96)  /* the status database service did not come up in time */
 #define TVS_E_AUTHORITY (-256)       /* the caller lacks the authority for direct access */
 
-/* Answers of the status database service. A function whose description names some of them passes them on unchanged. They
- * are numbers of the service, apart from the codes above; every one of them is listed in the service's documentation.
+/* Answers of the status database service. A function whose description names some of them passes them on unchanged. They are
+ * the service's own numbers, separate from the codes above; docs/service.md lists all of them.
  *
  *    -2  another printer has this name already
  *    -3  the printer's database is not open: after a restart of the service it could not be opened again
@@ -89,13 +89,12 @@ struct _SYSTEMTIME;
  *
  * When the service is down, and after it has come back.
  *
- * A call that does not reach the service gives 1722, one that was on its way when the service went 1726 or 1727 (with 1726
- * it may have been carried out). Calls do not wait for the service. When a new service runs, the next call through a
- * manager opens its databases there and is carried out; nothing has to be opened again. Values that have a copy in the
- * printer's driver data return, all others have their initial values until somebody writes them. Requests under way end
- * with 1726, and results that were not yet taken with ResSetPrinterStatus are gone. Registrations go on: each is told once,
- * within some seconds, since it may have missed something. An owner (client kind 6) becomes the owner again, unless another
- * process was faster.
+ * A call that does not reach the service gives 1722; one in progress when the service ends gives 1726 or 1727 (with 1726 it may
+ * have been carried out). Calls do not wait for the service. With a new service, the next call through a manager opens its
+ * databases there and is carried out; applications need not open anything again. Values with a copy in the printer's driver
+ * data return; all others have their initial values until somebody writes them. Requests in progress end with 1726, and results
+ * not yet taken with ResSetPrinterStatus are lost. Registrations continue: each is notified once, within some seconds, since it
+ * may have missed a write. An owner (client kind 6) becomes the owner again, unless another process was faster.
  *
  * While the service is down, these differ from 1722:
  *
@@ -154,8 +153,8 @@ TVS_EXPORT int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const T
 TVS_EXPORT int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName,
                                            uint32_t clientKind, TvsManager* manager);
 
-/* Closes a manager and everything that was registered through it. Managers that are open when the process ends, or the library
- * is unloaded, are closed then; a service that stands still holds the end of a process up for less than 3 seconds.
+/* Closes a manager and everything that was registered through it. Managers that are still open when the process ends, or when
+ * the library is unloaded, are closed then; a service that is stopped delays the end of a process by less than 3 seconds.
  * Returns TVS_OK, or TVS_E_HANDLE. */
 TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
 
@@ -165,9 +164,9 @@ TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
  * size          of the buffer, in bytes
  * returnedSize  receives the bytes written, or with no buffer the size needed; always written
  *
- * A number or record comes as it is, a string up to its NUL, a variable-length value as its payload, a queue as its oldest
- * item, which is thereby taken off. A buffer that is too small receives the first part (a string stays terminated) and the
- * status is TVS_E_SIZE.
+ * A number or record is returned unchanged, a string up to its NUL, a variable-length value as its payload, and of a queue the
+ * oldest item, which is removed. A buffer that is too small receives the first part (a string stays terminated), with status
+ * TVS_E_SIZE.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_SIZE, an answer of the service (-3, -5, -8 or
  * -11, for a queue also -15) or a positive RPC code. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* variable, void* buffer, uint32_t size,
@@ -175,27 +174,27 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusA(TvsManager manager, const char* va
 
 /* Reads the wide form of a value. The name has up to 31 characters.
  *
- * Strings and the records of tvsqdz_records.h come in their wide form, every other value as GetPrinterStatusA gives it.
- * A string ends at its NUL; in a buffer that is too small it is cut at a whole character and terminated, and the status is
- * TVS_E_SIZE. Its returned size is twice that of the buffer; with no buffer it is that of the whole wide field, and the
- * status TVS_E_MEMORY. A record or a queue comes whole or not at all: with no buffer, or one too small, the status is
- * TVS_E_MEMORY and the returned size the one needed; of a queue the count is written even then.
+ * Strings and the records of tvsqdz_records.h are returned in their wide form, all other values as by GetPrinterStatusA. A
+ * string ends at its NUL; in a buffer that is too small it is cut at a whole character and terminated, with status TVS_E_SIZE.
+ * Its returned size is twice that of the buffer; without a buffer it is that of the whole wide field, with status TVS_E_MEMORY.
+ * A record or a queue is returned whole or not at all: without a buffer, or with one that is too small, the status is
+ * TVS_E_MEMORY and the returned size is the size needed; of a queue the count is still written.
  *
- * Returns what GetPrinterStatusA returns; but a string or record of fixed size that the service did not give is an empty
- * one, and the status that of its conversion. */
+ * Returns what GetPrinterStatusA returns; but when the service does not return a string or record of fixed size, the result is
+ * an empty one with the status of its conversion. */
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusW(TvsManager manager, const TvsWideChar* variable, void* buffer,
                                               uint32_t size, uint32_t* returnedSize);
 
-/* Reads the value that a variable has in the printer now: the printer side asks the printer, and the caller waits until it has
- * answered, for as long as that takes. One request at a time is made of a printer, in the whole system.
+/* Reads the current value from the printer itself: the printer side asks the printer, and the call waits for the answer,
+ * however long that takes. A printer handles one request at a time, in the whole system.
  *
  * buffer, size, returnedSize  as for GetPrinterStatusA; with no buffer the printer is not asked. A string that is cut is not
  *                             terminated.
  *
- * A printer can be asked for variables with names of up to 31 characters, which is what the request has room for; one with
- * a longer name is TVS_E_UNKNOWN.
+ * A printer can be asked for variables with names of up to 31 characters, the limit of a request; a longer name gives
+ * TVS_E_UNKNOWN.
  *
- * A variable that a printer cannot be asked for is read as by GetPrinterStatusA. The wide form gives the wide form of the
+ * A variable that a printer cannot be asked for is read as by GetPrinterStatusA. The wide form returns the wide form of the
  * value, as GetPrinterStatusW does.
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW (the printer side takes no
  * requests), TVS_E_NOT_READY (the port takes none, or the spooler that forwards them is not ready), TVS_E_AUTHORITY,
@@ -206,15 +205,15 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectA(TvsManager manager, const ch
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusDirectW(TvsManager manager, const TvsWideChar* variable, void* buffer,
                                                     uint32_t size, uint32_t* returnedSize);
 
-/* Writes a value to the printer, and waits until the printer side has answered, for as long as that takes. The value in the
- * database changes when the printer side says so. A write of "RefreshStatus", a text, asks for a refresh instead; it needs no
- * authority. A variable that no printer takes is written by the library's own handler, if it has one.
+/* Writes a value to the printer, and waits for the answer of the printer side, however long that takes. The value in the
+ * database changes when the printer side writes it. A write of "RefreshStatus", a text, requests a refresh instead, and needs
+ * no authority. A variable that printers do not take goes to the library's handler for it, if there is one.
  *
  * data, size  the value as the variable's type has it; of a variable-length value its payload. A text of a refresh ends at its
  *             NUL or at the size. The wide form takes the wide form of the value, as UpdatePrinterStatusW does.
  *
- * A printer takes variables with names of up to 30 characters, one less than a read: the request names another variable,
- * with a "W" behind the name. One with a longer name is TVS_E_UNKNOWN.
+ * A printer takes variables with names of up to 30 characters, one less than in a read, because the request names another
+ * variable, with a "W" appended. A longer name gives TVS_E_UNKNOWN.
  *
  * Returns, in the order in which they are tested, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_NOT_NOW, TVS_E_AUTHORITY, TVS_E_SIZE (not
  * the size that the variable has), TVS_E_NOT_READY, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NOT_NOW (a refresh, and the spooler takes
@@ -233,11 +232,11 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoA(TvsManager manager, const char
 TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsWideChar* variable,
                                                   struct _SYSTEMTIME* writeTime);
 
-/* Stores a value. A string is terminated in its last byte; a variable-length value is given as its payload. The service
- * refuses a size that the variable does not take. A persistent variable's copy in the printer's driver data is brought up
- * to date too, whatever the service answers.
+/* Stores a value. A string is terminated in its last byte; a variable-length value is given as its payload. The service refuses
+ * a size that the variable does not take. For a persistent variable the copy in the printer's driver data is updated too,
+ * whatever the service answers.
  *
- * Some variables are more than their value; of a longer value than theirs they take what they need:
+ * Writes of some variables do more than store a value. They use the first part of a value that is too long:
  *
  *   SendingJobInfo    a job other than 0 is appended to "PrinterQueue" too, which keeps the newest 50
  *   PrintingJobInfo   jobId 0: printing has ended, and the job goes from "PrinterQueue" if it is at its head. progress 0: the
@@ -249,8 +248,8 @@ TVS_EXPORT int32_t TVS_CALL GetPrinterStatusInfoW(TvsManager manager, const TvsW
  *   PrinterName       renames the printer for all processes, in the printer list too; TVS_E_NOT_NOW when it is not there
  *   TerminateManager  asks all managers to shut down
  *
- * The commands to the spooler give TVS_E_NO_OWNER when it does not open the printer or does not list its jobs; what becomes of
- * the command is not told.
+ * The commands to the spooler return TVS_E_NO_OWNER when it does not open the printer or does not list its jobs. The outcome of
+ * a command is not reported.
  *
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_UNKNOWN, TVS_E_MEMORY, TVS_E_FAULT, TVS_E_NO_OWNER, TVS_E_NOT_NOW, an answer of the
  * service (-2 for "PrinterName", -3, -5, -7, -8, -11 or -15) or a positive RPC code. */
@@ -262,29 +261,28 @@ TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusA(TvsManager manager, const char*
  * data, size  a string with its NUL (without one it loses its last character); a record of its wide size at least; a queue
  *             of as many entries as it counts; any other value as UpdatePrinterStatusA takes it
  *
- * Text that does not fit its field in the ANSI code page is cut at a whole character and terminated; a character that the
- * code page does not have becomes its default character.
+ * Text that does not fit its field in the ANSI code page is cut at a whole character and terminated; a character that the code
+ * page lacks becomes its default character.
  * Returns what UpdatePrinterStatusA returns, and TVS_E_MEMORY for a value that ends before its record does. */
 TVS_EXPORT int32_t TVS_CALL UpdatePrinterStatusW(TvsManager manager, const TvsWideChar* variable, const void* data,
                                                  uint32_t size);
 
-/* Asynchronous requests: a direct read or write that is carried out on a thread of the library's, while the caller goes on.
+/* Asynchronous requests: a direct read or write on a thread of the library, while the caller goes on.
  *
- * The end is told by setting an event (a HANDLE of the platform, with the right to modify it and open until then) or by
- * posting a message (a number) with both parameters 0 to a window (an HWND). A request may outlive its manager; one that is
- * still on its way when the library is unloaded ends as not answered. One request at a time is carried out at a printer in
- * the whole system, and a call of the read forms or of SetReqPrinterStatusMsgA waits until the one before it has ended.
+ * Completion sets an event (a HANDLE of the platform, with the right to modify it, which must stay open until then) or posts a
+ * message (a number) with both parameters 0 to a window (an HWND). A request may outlive its manager; one that is still in
+ * progress when the library is unloaded ends as not answered. A printer handles one request at a time in the whole system, and
+ * a call of the read forms or of SetReqPrinterStatusMsgA waits until the previous request has ended.
  *
  * A read ends when the printer side has answered, or after 60 seconds; the value is then read with GetPrinterStatusA. In a
- * process that has opened managers of kinds 0, 7 and 9 only, a read that ends with a message is left to the process that
- * owns the printer, which carries it out: TVS_E_NO_OWNER when there is none, or when it takes no requests for 10 seconds.
+ * process that has opened only managers of kinds 0, 7 and 9, a read that completes with a message is carried out by the process
+ * that owns the printer: TVS_E_NO_OWNER when there is none, or when it takes no requests for 10 seconds.
  *
- * A write gives its number at once, *requestId being 0 on failure; ResSetPrinterStatus tells its result: that of the printer
- * side; TVS_E_REQUEST_LOCK when it had not its turn within 5 seconds or was not answered within 60; an answer of the service
- * (as of SetPrinterStatusDirectA) or a positive RPC code. Until it ends the result is TVS_REQUEST_PENDING, or 0 for the
- * message form. A message for a window that is gone by then is not posted, and the result is not kept. Values, and a write
- * of "RefreshStatus", are as for
- * SetPrinterStatusDirectA and SetPrinterStatusDirectW.
+ * A write returns its number at once; *requestId is 0 on failure. ResSetPrinterStatus returns its result: that of the printer
+ * side; TVS_E_REQUEST_LOCK when it did not get its turn within 5 seconds or was not answered within 60; an answer of the
+ * service (as of SetPrinterStatusDirectA) or a positive RPC code. Until the write ends the result is TVS_REQUEST_PENDING, or 0
+ * for the message form. A message for a window that is gone is not posted, and the result is dropped. Values, and a write of
+ * "RefreshStatus", are as for SetPrinterStatusDirectA and SetPrinterStatusDirectW.
  *
  * Return, in the order in which they are tested, TVS_E_FAULT (requestId), TVS_E_HANDLE, TVS_E_NO_OWNER (message forms),
  * TVS_E_UNKNOWN (also for what no printer can be asked for, or a name of more than 31 characters, for a write 30), TVS_E_NOT_NOW
@@ -310,23 +308,23 @@ TVS_EXPORT int32_t TVS_CALL SetReqPrinterStatusMsgW(TvsManager manager, const Tv
 
 #define TVS_REQUEST_PENDING (-1)
 
-/* Takes the result of an asynchronous write request, once. One that has not finished is taken too.
- * *result receives it, or TVS_E_UNKNOWN when no such request is recorded. A result that cannot be stored is not taken.
+/* Takes the result of an asynchronous write request, once; that of an unfinished request is taken too. *result receives it, or
+ * TVS_E_UNKNOWN when no such request is recorded. A result that cannot be written to *result is not taken.
  * Returns TVS_OK, TVS_E_HANDLE, TVS_E_MEMORY, TVS_E_FAULT or TVS_E_NOT_READY. */
 TVS_EXPORT int32_t TVS_CALL ResSetPrinterStatus(TvsManager manager, uint32_t requestId, int32_t* result);
 
-/* Notification: being told of every change of a variable, by an event that is set, a message that is posted, or a function
- * that is called. Each registration has a thread of the library's, which waits and delivers; a write that comes while it
- * delivers is delivered afterwards, so that whoever reads the variable when told has the last value, but several writes in
- * a row may be told once. Some variables tell every write, most only writes of another value.
+/* Notification: a program is notified of every change of a variable by an event that is set, a message that is posted, or a
+ * function that is called. Each registration has a thread of the library, which waits and delivers. A write during a delivery
+ * is delivered afterwards, so whoever then reads the variable gets the last value, but several writes in a row may be delivered
+ * once. Some variables deliver every write, most only writes that change the value.
  *
- * Names of more than 31 characters are TVS_E_UNKNOWN. On failure nothing is registered, and a handle that cannot be written
+ * Names of more than 31 characters give TVS_E_UNKNOWN. On failure nothing is registered, and a handle that cannot be written
  * (TVS_E_FAULT) undoes its registration. Registrations end with their manager. */
 
 /* Designates a registration of a manager. Valid until it is cancelled or its manager is closed. */
 typedef uintptr_t TvsRegistration;
 
-/* A function that is called when a variable was written.
+/* A function that is called after a variable was written.
  *
  * manager   the one that it was registered through
  * index     the variable's place in the list of an Ex registration, from 0; else 0. "CurrentStatus", "JobStatus",
@@ -335,8 +333,8 @@ typedef uintptr_t TvsRegistration;
  * value     the value as the database stores it: a variable-length one with a u32 length (of what follows it) in front; good
  *           during the call only. Null, with size 0, when it was registered without value or the value cannot be had
  *
- * It runs on the registration's thread, which has a stack of 64 KiB and no other work meanwhile. It may call this library,
- * also to cancel its registration or to close the manager: it is then not called again. */
+ * It runs on the registration's thread, which has a stack of 64 KiB and does nothing else meanwhile. It may call this library,
+ * also to cancel its registration or to close the manager; it is then not called again. */
 typedef void(TVS_CALL* TvsCallback)(TvsManager manager, uint32_t index, const char* variable, const void* value,
                                     uint32_t size);
 
@@ -357,13 +355,13 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationEventW(TvsManager manager, const TvsW
 TVS_EXPORT int32_t TVS_CALL SetNotificationEventExW(TvsManager manager, uint32_t count, const TvsWideChar* variables,
                                                     void* const* events, TvsRegistration* registration);
 
-/* The same by a message that is posted to a window (an HWND) with both parameters 0. The Ex form has a message number for
- * each variable. A window that is gone or has a full queue is not told.
+/* The same by a message that is posted to a window (an HWND) with both parameters 0. The Ex form has a message number for each
+ * variable. A window that is gone or whose queue is full gets no message.
  *
- * A process that has opened managers of kinds 0, 7 and 9 only leaves its registrations to the process that owns the printer,
- * which posts the messages: TVS_E_NO_OWNER when no manager of kind 6 is open. The handle is then a number that all entries
- * of the list share, the single form accepts any name, the limit of a list is that of its text (64 KiB), and answers of the
- * service (-3, -5, -7, -8, -11 or -15) are passed on. */
+ * In a process that has opened only managers of kinds 0, 7 and 9, the process that owns the printer serves the registrations
+ * and posts the messages: TVS_E_NO_OWNER when no manager of kind 6 is open. The handle is then a number that all entries of a
+ * list share, the single form accepts any name, a list is limited by its text only (64 KiB), and answers of the service (-3,
+ * -5, -7, -8, -11 or -15) are passed on. */
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgA(TvsManager manager, const char* variable, void* window, uint32_t message,
                                                 TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExA(TvsManager manager, uint32_t count, const char* variables, void* window,
@@ -373,21 +371,20 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationMsgW(TvsManager manager, const TvsWid
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExW(TvsManager manager, uint32_t count, const TvsWideChar* variables,
                                                   void* window, const uint32_t* messages, TvsRegistration* registration);
 
-/* The same by a call of a function. withoutValue: not 0 when the function needs no value, which saves reading it. A null
- * function is TVS_E_FAULT. */
+/* The same by a function call. withoutValue: not 0 when the function needs no value, which saves reading it. A null function
+ * gives TVS_E_FAULT. */
 TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackA(TvsManager manager, const char* variable, TvsCallback callback,
                                                      uint32_t withoutValue, TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackExA(TvsManager manager, uint32_t count, const char* variables,
                                                        const TvsCallback* callbacks, const uint32_t* withoutValue,
                                                        TvsRegistration* registration);
 
-/* Cancels a registration; nothing is delivered any more once the call has returned. A function that is being called is waited
- * for, 3 seconds at most: then its thread is stopped for good, wherever it is. Cancelling a registration in its own function
- * returns at once.
+/* Cancels a registration; nothing is delivered after the call has returned. The call waits for a running function, for at most
+ * 3 seconds; then its thread is terminated, wherever it is. Cancelling a registration in its own function returns at once.
  *
  * KillNotificationEvent and KillNotificationCallback do the same: each cancels any registration that this process serves.
- * KillNotificationMsg cancels message registrations, also those that the printer's owner serves; of these a number that is
- * unknown is TVS_OK.
+ * KillNotificationMsg cancels message registrations, also those that the printer's owner serves; of these an unknown number
+ * gives TVS_OK.
  * Returns TVS_OK, or TVS_E_HANDLE when the manager has no such registration; KillNotificationMsg also TVS_E_NO_OWNER,
  * TVS_E_MEMORY, an answer of the service (-3, -5, -7, -8, -11 or -15) or a positive RPC code for those that the owner serves. */
 TVS_EXPORT int32_t TVS_CALL KillNotificationEvent(TvsManager manager, TvsRegistration registration);

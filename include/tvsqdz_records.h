@@ -1,7 +1,7 @@
-/* tvsqdz_records.h: the values of variables that are records, in the form of the A functions and in that of the W functions.
+/* tvsqdz_records.h: values that are records, in the form of the A functions and in the form of the W functions.
  *
  * Text is in fields of a fixed number of characters and NUL-terminated inside its field: in the ANSI code page of the system
- * in the ANSI form, in UTF-16 in the wide form. What follows the NUL has no meaning. Numbers are 32-bit, little-endian and
+ * in the ANSI form, in UTF-16 in the wide form. Bytes behind the NUL have no meaning. Numbers are 32-bit, little-endian and
  * the same in both forms, and the records have no padding. Other records ("PrinterStatus", "CoverageInfo" and so on) have no
  * text: the A and the W functions exchange the same bytes of them. */
 #ifndef TVSQDZ_RECORDS_H
@@ -103,7 +103,7 @@ typedef struct TvsPortExRecordWide {
     TvsPortRecordWide port;
 } TvsPortExRecordWide;
 
-/* The layouts travel: no compiler may choose others. */
+/* The layouts are an external interface; no compiler may choose others. */
 #ifdef __cplusplus
 #define TVS_ASSERT(condition) static_assert(condition, #condition)
 #else
