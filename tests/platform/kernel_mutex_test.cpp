@@ -1,7 +1,7 @@
 // Mutexes, critical sections and shared sections: ownership, and what happens to it when the owner ends.
+#include "base/timings.h"
 #include "campaign.h"
 #include "posix_kit.h"
-#include "timings.h"
 #include "win32_kit.h"
 
 #include <atomic>

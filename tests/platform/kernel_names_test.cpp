@@ -1,9 +1,9 @@
 // Names of kernel objects: who gets the same object, with which rights, and how long it lives.
+#include "base/timings.h"
 #include "campaign.h"
 #include "memory_kit.h"
 #include "posix_kit.h"
 #include "private_machine.h"
-#include "timings.h"
 #include "win32_kit.h"
 
 #include <tuple>

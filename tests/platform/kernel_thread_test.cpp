@@ -1,7 +1,7 @@
 // Threads, and their termination.
+#include "base/timings.h"
 #include "campaign.h"
 #include "posix_kit.h"
-#include "timings.h"
 #include "win32_kit.h"
 
 #include <atomic>

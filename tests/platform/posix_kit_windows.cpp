@@ -1,7 +1,7 @@
 // What of the kit Windows has a form of; a test that asks for the rest is skipped there.
+#include "base/timings.h"
 #include "not_here.h"
 #include "posix_kit.h"
-#include "timings.h"
 
 #include <windows.h>
 

@@ -1,10 +1,10 @@
 // The registry: values and keys as Win32 has them, between processes and users, and over a damaged store.
+#include "base/timings.h"
 #include "campaign.h"
 #include "memory_kit.h"
 #include "posix_kit.h"
 #include "private_machine.h"
 #include "registry_kit.h"
-#include "timings.h"
 #include "win32_kit.h"
 
 #include <algorithm>

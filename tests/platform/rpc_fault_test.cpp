@@ -1,7 +1,7 @@
 // Servers and clients that are killed, stopped and started anew, and threads that end.
+#include "base/timings.h"
 #include "campaign.h"
 #include "rpc_kit.h"
-#include "timings.h"
 #include "win32_kit.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 #include "rpc_kit.h"
-#include "timings.h"
+#include "base/timings.h"
 
 #include <algorithm>
 #include <atomic>

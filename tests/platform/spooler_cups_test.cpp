@@ -1,8 +1,8 @@
 // Printers and jobs of a real print server, and servers that do not answer.
+#include "base/timings.h"
 #include "posix_kit.h"
 #include "print_server.h"
 #include "spooler_kit.h"
-#include "timings.h"
 #include "unix_stream.h"
 
 #include <rpcnterr.h>

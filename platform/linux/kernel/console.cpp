@@ -5,9 +5,9 @@
 //
 // State: the handlers, the pipe and the thread, made with the first handler and kept; the dispositions that the signals
 // had before, restored with the removal of the last handler.
-#include "kernel/errors.h"
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/errors.h"
+#include "base/fork.h"
+#include "base/lock.h"
 #include "kernel/thread.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 // Critical sections. A section's whole state is in its record: LockWord is 0 free, 1 locked, 2 locked with threads
 // asleep.
-#include "kernel/lock.h"
+#include "base/lock.h"
 
 #include <processthreadsapi.h>
 #include <synchapi.h>

@@ -17,8 +17,8 @@
 //     use(file->descriptor);
 #pragma once
 
-#include "kernel/futex.h"
-#include "kernel/termination.h"
+#include "base/futex.h"
+#include "base/termination.h"
 
 #include <winnt.h>
 

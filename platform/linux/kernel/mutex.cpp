@@ -9,10 +9,10 @@
 // short.
 //
 // Lock order: the names lock (named_object.cpp), then a mutex's own lock.
-#include "kernel/lock.h"
+#include "base/lock.h"
+#include "base/timings.h"
 #include "kernel/named_object.h"
 #include "kernel/thread.h"
-#include "timings.h"
 
 #include "security/everyone.h"
 

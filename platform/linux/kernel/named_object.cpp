@@ -4,13 +4,13 @@
 // opens or closes an object's file. The lock is taken before the folder's flock and before a mutex's own lock.
 #include "kernel/named_object.h"
 
-#include "directories.h"
-#include "kernel/descriptor.h"
-#include "kernel/errors.h"
-#include "kernel/fork.h"
-#include "kernel/lock.h"
-#include "timings.h"
-#include "window/export_guard.h"
+#include "base/descriptor.h"
+#include "base/directories.h"
+#include "base/errors.h"
+#include "base/export_guard.h"
+#include "base/fork.h"
+#include "base/lock.h"
+#include "base/timings.h"
 
 #include <algorithm>
 #include <cerrno>

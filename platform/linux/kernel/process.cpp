@@ -4,13 +4,13 @@
 // that the system has given to another process since is never mistaken for it.
 #include "kernel/process.h"
 
+#include "base/errors.h"
+#include "base/export_guard.h"
 #include "kernel/command_line.h"
-#include "kernel/errors.h"
 #include "kernel/named_object.h"
 #include "security/impersonation.h"
 #include "text/paths.h"
 #include "text/strings.h"
-#include "window/export_guard.h"
 
 #include <cerrno>
 #include <csignal>

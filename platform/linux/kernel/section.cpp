@@ -2,10 +2,10 @@
 //
 // State: the list of this process's views, each of which keeps its section. A view is mapped through a descriptor of
 // its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the section.
-#include "kernel/descriptor.h"
-#include "kernel/errors.h"
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/descriptor.h"
+#include "base/errors.h"
+#include "base/fork.h"
+#include "base/lock.h"
 #include "kernel/named_object.h"
 
 #include "security/everyone.h"

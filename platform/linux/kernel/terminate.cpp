@@ -5,9 +5,9 @@
 // anything. Where the thread is inside the layer (TerminationHold) it stops when it leaves.
 //
 // State: the signal, chosen and given its handler at the first termination; none before.
-#include "kernel/lock.h"
+#include "base/lock.h"
+#include "base/timings.h"
 #include "kernel/thread.h"
-#include "timings.h"
 #include "window/thread_queue.h"
 
 #include <cerrno>

@@ -4,8 +4,8 @@
 // destructor tells the end of a thread, whoever made it.
 #include "kernel/thread.h"
 
-#include "kernel/errors.h"
-#include "kernel/fork.h"
+#include "base/errors.h"
+#include "base/fork.h"
 #include "security/impersonation.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 // A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. There are several lists, each with
 // a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
 // of all heaps are taken around fork, so that the child's heaps are usable.
-#include "kernel/lock.h"
-#include "system/fail.h"
+#include "base/fail.h"
+#include "base/lock.h"
 
 #include <heapapi.h>
 

@@ -1,10 +1,10 @@
 // The calls on keys.
 #include "registry/keys.h"
 
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
 #include "registry/names.h"
-#include "registry/rights.h"
+#include "store/rights.h"
 
 #include <cstring>
 #include <errhandlingapi.h>

@@ -1,6 +1,6 @@
 #include "registry/root.h"
 
-#include "directories.h"
+#include "base/directories.h"
 
 #include <cerrno>
 #include <ctime>

@@ -5,7 +5,7 @@
 // 1777 when root shares it.
 #pragma once
 
-#include "registry/database.h"
+#include "store/database.h"
 
 #include <winreg.h>
 

@@ -1,6 +1,6 @@
 // Writing .reg text: the keys are collected in one view of the store, then written without it.
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
 #include "registry/keys.h"
 #include "registry/names.h"
 

@@ -1,6 +1,6 @@
 // Reading .reg text: the whole of it becomes a list of changes first, then they are applied together.
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
 #include "registry/names.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // The calls on values.
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
 #include "registry/keys.h"
 
 using namespace oriel;

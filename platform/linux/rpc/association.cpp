@@ -5,12 +5,12 @@
 // the C library gives it up when the thread ends.
 #include "rpc/association.h"
 
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/fork.h"
+#include "base/lock.h"
+#include "base/timings.h"
 #include "rpc/bind_offer.h"
 #include "rpc/endpoint.h"
 #include "rpc/fork.h"
-#include "timings.h"
 
 #include <algorithm>
 #include <new>

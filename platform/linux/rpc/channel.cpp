@@ -1,8 +1,8 @@
 // Buffers of a connection, sending and receiving of messages: channel.h.
 #include "rpc/channel.h"
 
-#include "kernel/termination.h"
-#include "timings.h"
+#include "base/termination.h"
+#include "base/timings.h"
 
 #include <algorithm>
 #include <cerrno>

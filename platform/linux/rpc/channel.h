@@ -6,7 +6,7 @@
 // received is read where the socket put it. Fragments that follow are closed up in place.
 #pragma once
 
-#include "kernel/futex.h"
+#include "base/futex.h"
 #include "rpc/pdu.h"
 
 #include <algorithm>

@@ -3,12 +3,12 @@
 //
 // Everything here is on the way of every call. There is no lock, no allocation and no system call beside one send and
 // one receive, as long as the message fits the connection's buffers and the connection lives.
+#include "base/timings.h"
 #include "rpc/association.h"
 #include "rpc/binding.h"
 #include "rpc/call.h"
 #include "rpc/endpoint.h"
 #include "rpc/fault_status.h"
-#include "timings.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 // the end of a connection take.
 #include "rpc/client_groups.h"
 
-#include "kernel/lock.h"
+#include "base/lock.h"
 #include "rpc/fork.h"
 
 #include <new>

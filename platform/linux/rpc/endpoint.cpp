@@ -1,11 +1,11 @@
 // Sockets of endpoints: endpoint.h. No state of its own; the files are in the run directory.
 #include "rpc/endpoint.h"
 
-#include "directories.h"
-#include "kernel/descriptor.h"
-#include "kernel/termination.h"
+#include "base/descriptor.h"
+#include "base/directories.h"
+#include "base/termination.h"
+#include "base/timings.h"
 #include "security/impersonation.h"
-#include "timings.h"
 
 #include <algorithm>
 #include <cerrno>

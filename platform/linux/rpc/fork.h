@@ -2,7 +2,7 @@
 // the rule).
 #pragma once
 
-#include "kernel/fork.h"
+#include "base/fork.h"
 
 namespace oriel::rpc {
 

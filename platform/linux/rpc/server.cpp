@@ -2,11 +2,11 @@
 // listens, is stopping or does neither. A thread per endpoint accepts; each connection has a thread of its own.
 #include "rpc/server.h"
 
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/fork.h"
+#include "base/lock.h"
+#include "base/timings.h"
 #include "kernel/thread.h"
 #include "rpc/fork.h"
-#include "timings.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -3,9 +3,9 @@
 //
 // A client is another process and may send anything. Whatever is wrong with it ends its connection and touches nobody
 // else: nothing here waits while it holds a lock.
+#include "base/timings.h"
 #include "rpc/fault_status.h"
 #include "rpc/server.h"
-#include "timings.h"
 
 #include <algorithm>
 #include <cxxabi.h>

@@ -1,6 +1,6 @@
 // Interfaces that the process offers. State: their places, under g_lock, which no call takes: a connection looks an
 // interface up when it binds and holds on to its place.
-#include "kernel/lock.h"
+#include "base/lock.h"
 #include "rpc/fork.h"
 #include "rpc/server.h"
 

@@ -1,9 +1,9 @@
 // Accounts of this system's account database, asked anew each time, and a constant table of others.
 #include "security/accounts.h"
 
-#include "system/fail.h"
+#include "base/export_guard.h"
+#include "base/fail.h"
 #include "text/strings.h"
-#include "window/export_guard.h"
 
 #include <winbase.h>
 #include <winnls.h>

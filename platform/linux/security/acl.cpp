@@ -1,7 +1,7 @@
 // Access control lists.
 #include "security/records.h"
 
-#include "system/fail.h"
+#include "base/fail.h"
 
 #include <securitybaseapi.h>
 

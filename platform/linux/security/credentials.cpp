@@ -2,7 +2,7 @@
 // Keeps nothing.
 #include "security/credentials.h"
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 
 #include <algorithm>
 #include <cerrno>

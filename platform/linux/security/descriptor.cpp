@@ -1,7 +1,7 @@
 // Security descriptors of both forms.
 #include "security/records.h"
 
-#include "system/fail.h"
+#include "base/fail.h"
 
 #include <securitybaseapi.h>
 

@@ -4,11 +4,11 @@
 // read their process's credentials from that thread.
 #include "security/impersonation.h"
 
-#include "kernel/fork.h"
-#include "kernel/lock.h"
-#include "security/token.h"
-#include "system/fail.h"
-#include "window/export_guard.h"
+#include "base/export_guard.h"
+#include "base/fail.h"
+#include "base/fork.h"
+#include "base/lock.h"
+#include "kernel/token.h"
 
 #include <securitybaseapi.h>
 

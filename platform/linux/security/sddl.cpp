@@ -1,7 +1,7 @@
 // Security records as text. Keeps nothing.
+#include "base/export_guard.h"
+#include "base/fail.h"
 #include "security/accounts.h"
-#include "system/fail.h"
-#include "window/export_guard.h"
 
 #include <sddl.h>
 #include <securitybaseapi.h>

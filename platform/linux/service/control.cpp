@@ -1,6 +1,6 @@
 // Starting services and asking them to stop: calls that wait for another process, up to 30 seconds as Windows does.
-#include "kernel/futex.h"
-#include "registry/guarded.h"
+#include "base/futex.h"
+#include "base/guarded.h"
 #include "service/handles.h"
 #include "service/record.h"
 

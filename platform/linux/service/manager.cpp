@@ -1,9 +1,9 @@
 // The service manager and the configuration of services. State: in the registry.
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
-#include "registry/rights.h"
 #include "service/handles.h"
 #include "service/record.h"
+#include "store/rights.h"
 
 #include <cstring>
 #include <handleapi.h>

@@ -1,7 +1,7 @@
 // The supervisor's socket. State: its name, once a program that is no service has taken it out of the environment.
 #include "service/notify_socket.h"
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 
 #include <cstddef>
 #include <cstdlib>

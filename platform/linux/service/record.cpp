@@ -3,9 +3,9 @@
 // runs a service never opens that service's record again (OwnStatus).
 #include "service/record.h"
 
-#include "directories.h"
-#include "kernel/errors.h"
-#include "kernel/futex.h"
+#include "base/directories.h"
+#include "base/errors.h"
+#include "base/futex.h"
 #include "registry/names.h"
 
 #include <cerrno>

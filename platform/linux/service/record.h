@@ -6,7 +6,7 @@
 // checked before it is believed.
 #pragma once
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 
 #include <string>
 #include <sys/types.h>

@@ -1,7 +1,7 @@
 // Change notifications of the spooler, as the events that they are. No state.
 #include "spooler/job_changes.h"
 
-#include "registry/guarded.h"
+#include "base/guarded.h"
 #include "spooler/printer_object.h"
 
 #include <handleapi.h>

@@ -7,7 +7,7 @@
 // files are looked at before they are used; what is no job is passed over.
 #pragma once
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 #include "spooler/back_end.h"
 
 namespace oriel {

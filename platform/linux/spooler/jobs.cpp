@@ -1,6 +1,6 @@
 // The spooler's calls on jobs and on documents that become jobs. State: the document that a handle spools.
-#include "kernel/errors.h"
-#include "registry/guarded.h"
+#include "base/errors.h"
+#include "base/guarded.h"
 #include "spooler/job_changes.h"
 #include "spooler/job_record.h"
 #include "spooler/printer_object.h"

@@ -2,12 +2,12 @@
 // when a server that does not answer is left alone.
 #include "spooler/print_server.h"
 
-#include "kernel/descriptor.h"
-#include "kernel/futex.h"
+#include "base/descriptor.h"
+#include "base/futex.h"
+#include "base/timings.h"
 #include "security/accounts.h"
 #include "spooler/printer_record.h"
 #include "text/strings.h"
-#include "timings.h"
 
 #include <atomic>
 #include <cerrno>

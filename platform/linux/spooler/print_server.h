@@ -1,9 +1,9 @@
 // The system's print server (CUPS) as a back end, and what its module offers.
 //
-// libcups brings some thirty libraries, so what uses it is a module of its own, oriel/liboriel_cups.so beside this library.
-// It is loaded by the first call that a server may answer, and stays: not while the server's socket refuses, or is not
-// there. Which server: CUPS_SERVER, else ServerName in ~/.cups/client.conf or /etc/cups/client.conf, else the socket of
-// this machine's.
+// libcups brings some thirty libraries, so what uses it is a module of its own, oriel/liboriel_cups.so beside this
+// library. It is loaded by the first call that a server may answer, and stays: not while the server's socket refuses,
+// or is not there. Which server: CUPS_SERVER, else ServerName in ~/.cups/client.conf or /etc/cups/client.conf, else the
+// socket of this machine's.
 #pragma once
 
 #include "spooler/back_end.h"

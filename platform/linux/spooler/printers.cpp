@@ -1,13 +1,13 @@
 // The spooler's calls on printers. State: handles; the printers themselves are in the back ends.
+#include "base/guarded.h"
 #include "registry/changes.h"
-#include "registry/guarded.h"
 #include "registry/names.h"
-#include "registry/rights.h"
 #include "spooler/job_changes.h"
 #include "spooler/print_server.h"
 #include "spooler/printer_object.h"
 #include "spooler/printer_record.h"
 #include "spooler/store.h"
+#include "store/rights.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,6 +1,6 @@
 #include "spooler/store.h"
 
-#include "directories.h"
+#include "base/directories.h"
 
 #include <winerror.h>
 

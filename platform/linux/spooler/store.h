@@ -1,8 +1,8 @@
 // The printers of the embedded spool, in <state directory>/spool.sqlite, mode 0644.
 #pragma once
 
-#include "registry/database.h"
 #include "spooler/back_end.h"
+#include "store/database.h"
 
 namespace oriel {
 

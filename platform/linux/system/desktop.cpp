@@ -1,8 +1,8 @@
 // The user's desktop: the window station of the process and the display behind it. No state; all is found in the
 // environment at each call.
-#include "kernel/descriptor.h"
-#include "kernel/errors.h"
-#include "system/fail.h"
+#include "base/descriptor.h"
+#include "base/errors.h"
+#include "base/fail.h"
 
 #include <oriel_desktop.h>
 #include <winstation.h>

@@ -1,7 +1,7 @@
 // Files, as far as their existence and the name of the executable.
-#include "kernel/errors.h"
+#include "base/errors.h"
+#include "base/fail.h"
 #include "kernel/handles.h"
-#include "system/fail.h"
 #include "text/paths.h"
 #include "text/strings.h"
 

@@ -1,7 +1,7 @@
 // The directories of the layer, for programs above it. State: in directories.cpp.
 #include <oriel_directories.h>
 
-#include "directories.h"
+#include "base/directories.h"
 
 #include <cstring>
 #include <errhandlingapi.h>

@@ -1,5 +1,5 @@
 // The user's profile, of which there is the section "Windows". Kept in the registry, as Windows NT keeps it.
-#include "system/fail.h"
+#include "base/fail.h"
 
 #include <sysinfoapi.h>
 #include <winnls.h>

@@ -1,5 +1,5 @@
 // The time of day, and its two forms. Keeps nothing.
-#include "system/fail.h"
+#include "base/fail.h"
 
 #include <sysinfoapi.h>
 

@@ -1,6 +1,6 @@
 // The user of the process, and its environment.
+#include "base/fail.h"
 #include "security/accounts.h"
-#include "system/fail.h"
 
 #include <sysinfoapi.h>
 

@@ -1,5 +1,5 @@
 // The version of the emulated Windows. Kept in the environment or the registry, read at each call.
-#include "system/fail.h"
+#include "base/fail.h"
 
 #include <sysinfoapi.h>
 #include <winreg.h>

@@ -1,6 +1,6 @@
 // MultiByteToWideChar and WideCharToMultiByte. ASCII goes eight characters at a time; the rest by the tables of the
 // code page.
-#include "system/fail.h"
+#include "base/fail.h"
 #include "text/code_page.h"
 
 #include <winnls.h>

@@ -4,16 +4,16 @@
 // change of the table ends the round. It waits through handles of its own, so callers may close theirs.
 #include <oriel_poll.h>
 
-#include "kernel/errors.h"
-#include "kernel/fork.h"
+#include "base/errors.h"
+#include "base/fork.h"
+#include "base/lock.h"
 #include "kernel/handles.h"
-#include "kernel/lock.h"
 #include "kernel/thread.h"
 
+#include "base/export_guard.h"
 #include <errhandlingapi.h>
 #include <handleapi.h>
 #include <synchapi.h>
-#include <window/export_guard.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
 // Writing and reading the records of a window's FIFO.
-#include <window/message_pipe.h>
+#include "window/message_pipe.h"
 
 #include <cerrno>
 #include <climits>

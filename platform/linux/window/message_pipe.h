@@ -5,7 +5,7 @@
 // as well have filled the queue.
 #pragma once
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 #include <winuser.h>
 
 #include <cstddef>

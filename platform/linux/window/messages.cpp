@@ -1,11 +1,11 @@
 // Posting, reading and dispatching messages.
-#include <window/messages.h>
+#include "window/messages.h"
 
+#include "base/export_guard.h"
+#include "window/thread_queue.h"
+#include "window/window_files.h"
 #include <errhandlingapi.h>
 #include <synchapi.h>
-#include <window/export_guard.h>
-#include <window/thread_queue.h>
-#include <window/window_files.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // What posting and sending share.
 #pragma once
 
-#include <window/message_pipe.h>
+#include "window/message_pipe.h"
 
 namespace oriel {
 

@@ -1,12 +1,12 @@
 // Sending: a message with an answer. The sender opens a FIFO of its own for the answer and names it in the message.
-#include <window/messages.h>
+#include "window/messages.h"
 
-#include "kernel/futex.h"
+#include "base/futex.h"
 
+#include "base/export_guard.h"
+#include "window/thread_queue.h"
+#include "window/window_files.h"
 #include <errhandlingapi.h>
-#include <window/export_guard.h>
-#include <window/thread_queue.h>
-#include <window/window_files.h>
 
 #include <ctime>
 #include <poll.h>

@@ -1,14 +1,14 @@
 // Thread queues: their life with threads, processes and forks; collecting and answering.
-#include <window/thread_queue.h>
+#include "window/thread_queue.h"
 
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/fork.h"
+#include "base/lock.h"
 
+#include "base/export_guard.h"
+#include "window/window_files.h"
 #include <errhandlingapi.h>
 #include <oriel_poll.h>
 #include <processthreadsapi.h>
-#include <window/export_guard.h>
-#include <window/window_files.h>
 
 #include <algorithm>
 #include <cerrno>

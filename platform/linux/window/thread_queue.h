@@ -5,8 +5,8 @@
 // something to do: an epoll set of the FIFOs and of a bell, which is rung while messages that were taken out wait here.
 #pragma once
 
-#include <window/message_pipe.h>
-#include <window/window_class.h>
+#include "window/message_pipe.h"
+#include "window/window_class.h"
 
 #include <deque>
 #include <memory>

@@ -1,11 +1,11 @@
 // RegisterClassExA and UnregisterClassA over a list that lives as long as the process.
-#include <window/window_class.h>
+#include "window/window_class.h"
 
-#include "kernel/fork.h"
-#include "kernel/lock.h"
+#include "base/fork.h"
+#include "base/lock.h"
 
+#include "base/export_guard.h"
 #include <errhandlingapi.h>
-#include <window/export_guard.h>
 #include <winnls.h>
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 // The files of windows: making, checking, listing and sweeping them. Every one that another process made is looked at
 // as hostile input: type, owner, mode, links, size, magic, terminated text.
-#include <window/window_files.h>
+#include "window/window_files.h"
 
-#include "directories.h"
-#include "kernel/errors.h"
-#include "kernel/termination.h"
+#include "base/directories.h"
+#include "base/errors.h"
+#include "base/termination.h"
 
 #include <errhandlingapi.h>
 #include <winerror.h>

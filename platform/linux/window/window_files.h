@@ -13,7 +13,7 @@
 // No state in memory.
 #pragma once
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 #include <winuser.h>
 
 #include <functional>

@@ -1,13 +1,13 @@
 // Creating and destroying windows, finding and listing them, asking about them.
 #include <winuser.h>
 
-#include "kernel/futex.h"
+#include "base/futex.h"
 
+#include "base/export_guard.h"
+#include "window/thread_queue.h"
+#include "window/window_files.h"
 #include <errhandlingapi.h>
 #include <processthreadsapi.h>
-#include <window/export_guard.h>
-#include <window/thread_queue.h>
-#include <window/window_files.h>
 
 #include <algorithm>
 #include <cstring>

@@ -2,7 +2,7 @@
 //
 // State: whether futex_waitv works, found out once. ORIEL_NO_FUTEX_WAITV=1 in the environment says that it does not,
 // which is how the other way is tested.
-#include "kernel/futex.h"
+#include "base/futex.h"
 
 #include <algorithm>
 #include <cerrno>

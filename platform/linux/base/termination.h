@@ -1,13 +1,13 @@
 // Keeps TerminateThread from stopping a thread where it would take the layer down with it.
 //
 // A thread that TerminateThread stops in the middle of something leaves it as it is, for good: what it locked stays
-// locked. Inside the layer it is therefore stopped only where it holds nothing of the layer's. LockHold (kernel/lock.h)
+// locked. Inside the layer it is therefore stopped only where it holds nothing of the layer's. LockHold (base/lock.h)
 // and HandleUse (kernel/handles.h) see to that by themselves; other code that changes state shared by the process's
 // threads puts a TerminationHold around it. It must not be around a wait for another process, unless that wait asks
 // TerminationAsked() and comes back.
 #pragma once
 
-#include "kernel/futex.h"
+#include "base/futex.h"
 
 namespace oriel {
 

@@ -1,7 +1,7 @@
 // What is around every call of the registry, the services and the spooler.
 #pragma once
 
-#include "kernel/termination.h"
+#include "base/termination.h"
 
 #include <errhandlingapi.h>
 #include <new>

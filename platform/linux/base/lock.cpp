@@ -1,5 +1,5 @@
 // The contended half of Lock.
-#include "kernel/lock.h"
+#include "base/lock.h"
 
 namespace oriel {
 

@@ -1,5 +1,5 @@
 // The fork hooks. State: whether they are installed.
-#include "kernel/fork.h"
+#include "base/fork.h"
 
 #include <pthread.h>
 

@@ -1,5 +1,5 @@
 // The last error of each thread, and the last errors that stand for the errors of Linux calls.
-#include "kernel/errors.h"
+#include "base/errors.h"
 
 #include <cerrno>
 #include <errhandlingapi.h>

@@ -1,7 +1,7 @@
 // The frame of every call of this folder.
 #pragma once
 
-#include "kernel/termination.h"
+#include "base/termination.h"
 
 #include <errhandlingapi.h>
 

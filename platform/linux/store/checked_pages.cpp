@@ -1,6 +1,6 @@
 // A database's main file goes through the methods below; journals are SQLite's own business and have check sums
 // already.
-#include "registry/checked_pages.h"
+#include "store/checked_pages.h"
 
 #include <cstddef>
 #include <cstdint>

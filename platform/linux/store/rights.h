@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kernel/named_object.h"
-#include "registry/database.h"
+#include "store/database.h"
 
 namespace oriel {
 

@@ -1,11 +1,11 @@
 // Tokens: opening them, and what they say. State: a record per open token.
-#include "security/token.h"
+#include "kernel/token.h"
 
+#include "base/export_guard.h"
+#include "base/fail.h"
 #include "kernel/process.h"
 #include "security/accounts.h"
 #include "security/impersonation.h"
-#include "system/fail.h"
-#include "window/export_guard.h"
 
 #include <processthreadsapi.h>
 #include <securitybaseapi.h>

@@ -1,13 +1,13 @@
 // Connections: how a file is trusted, opened, made and closed; and the errors of SQLite as those of the system.
-#include "registry/database.h"
+#include "store/database.h"
 
-#include "directories.h"
-#include "kernel/errors.h"
-#include "kernel/fork.h"
-#include "kernel/futex.h"
-#include "kernel/termination.h"
-#include "registry/checked_pages.h"
-#include "timings.h"
+#include "base/directories.h"
+#include "base/errors.h"
+#include "base/fork.h"
+#include "base/futex.h"
+#include "base/termination.h"
+#include "base/timings.h"
+#include "store/checked_pages.h"
 
 #include <cerrno>
 #include <ctime>
@@ -173,8 +173,7 @@ DWORD Database::Open(bool create) {
 
 DWORD Database::Connect(bool create) {
     const std::string path = m_kind.path(create);
-    if (path.empty())
-        return create || MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
+    if (path.empty()) return create || MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
     DWORD error = ERROR_SUCCESS;
     if (create) error = CreateFileIfMissing(path, m_kind.mode);
     if (error == ERROR_SUCCESS) error = CheckFile(path);

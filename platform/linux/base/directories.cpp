@@ -1,6 +1,6 @@
 // The state and run directories. State: the scope and the two names, found once; whether each directory was seen to be
 // there and safe; whether this process only looks.
-#include "directories.h"
+#include "base/directories.h"
 
 #include <atomic>
 #include <cerrno>
@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "kernel/descriptor.h"
+#include "base/descriptor.h"
 
 namespace oriel {
 

@@ -1,5 +1,5 @@
 // The one instance; its values are those of its declaration until a test changes them.
-#include "timings.h"
+#include "base/timings.h"
 
 namespace oriel {
 

@@ -1,4 +1,4 @@
-#include "registry/rights.h"
+#include "store/rights.h"
 
 #include <winerror.h>
 

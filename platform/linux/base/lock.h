@@ -2,8 +2,8 @@
 // is terminated. Constant-initialised and without a destructor, so that they work before main() and after it.
 #pragma once
 
-#include "kernel/futex.h"
-#include "kernel/termination.h"
+#include "base/futex.h"
+#include "base/termination.h"
 
 #include <synchapi.h>
 
