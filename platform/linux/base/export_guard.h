@@ -1,7 +1,7 @@
 // The frame of every call of this folder.
 #pragma once
 
-#include "base/termination.h"
+#include "base/lock.h"
 
 #include <errhandlingapi.h>
 

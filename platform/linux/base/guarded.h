@@ -1,7 +1,7 @@
 // What is around every call of the registry, the services and the spooler.
 #pragma once
 
-#include "base/termination.h"
+#include "base/lock.h"
 
 #include <errhandlingapi.h>
 #include <new>

@@ -1,7 +1,37 @@
-// The contended half of Lock.
 #include "base/lock.h"
 
+#include <csignal>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace oriel {
+
+constinit thread_local uint32_t t_terminationHolds __attribute__((tls_model("initial-exec"))) = 0;
+constinit thread_local Word* t_terminationWord __attribute__((tls_model("initial-exec"))) = nullptr;
+
+namespace {
+
+[[noreturn]] void StandStill() {
+    for (;;)
+        syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);
+}
+
+} // namespace
+
+void StopHereIfAsked() {
+    // No handler of the program's may run on a thread that is no more.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    uint32_t asked = kTerminationAsked;
+    if (t_terminationWord->compare_exchange_strong(asked, kStopped)) {
+        WakeAll(*t_terminationWord, false);
+        StandStill();
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr); // whoever asked has given up
+}
 
 bool Lock::AcquireContended(int64_t deadline) {
     // Whoever had to wait once takes it as contended: there may be others asleep.

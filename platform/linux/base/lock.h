@@ -1,14 +1,52 @@
-// The layer's own locks: one word, never held across a wait for another process, and never left locked by a thread that
-// is terminated. Constant-initialised and without a destructor, so that they work before main() and after it.
+// The layer's own locks, and what TerminateThread must not interrupt.
+//
+// A thread that TerminateThread stops in the middle of something leaves it as it is, for good: what it locked stays
+// locked. Inside the layer a thread is therefore stopped only where it holds nothing of the layer's. LockHold and
+// HandleUse (kernel/handles.h) see to that; other code that changes state shared by the process's threads puts a
+// TerminationHold around it. A TerminationHold must not be around a wait for another process, unless that wait asks
+// TerminationAsked() and comes back.
+//
+// State: a thread's count of holds and the address of its state word; the word is in its record (kernel/thread.h).
 #pragma once
 
 #include "base/futex.h"
-#include "base/termination.h"
 
 #include <synchapi.h>
 
 namespace oriel {
 
+// The calling thread's holds; its word, null until the thread has a record (kernel/thread.h), is kTerminationAsked once
+// another thread wants to stop it. Initial-exec: a signal handler reads them.
+extern constinit thread_local uint32_t t_terminationHolds __attribute__((tls_model("initial-exec")));
+extern constinit thread_local Word* t_terminationWord __attribute__((tls_model("initial-exec")));
+
+constexpr uint32_t kRunning = 0;
+constexpr uint32_t kTerminationAsked = 1;
+constexpr uint32_t kStopped = 2; // it stands still for good
+
+// True: give up what can be given up, and return.
+inline bool TerminationAsked() {
+    return t_terminationWord != nullptr && t_terminationWord->load(std::memory_order_relaxed) == kTerminationAsked;
+}
+
+// Stops the calling thread for good if that was asked.
+void StopHereIfAsked();
+
+struct TerminationHold {
+    TerminationHold() {
+        ++t_terminationHolds;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~TerminationHold() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (--t_terminationHolds == 0 && TerminationAsked()) StopHereIfAsked();
+    }
+    TerminationHold(const TerminationHold&) = delete;
+    TerminationHold& operator=(const TerminationHold&) = delete;
+};
+
+// One word, never held across a wait for another process. Constant-initialised and without a destructor, so that a Lock
+// works before main() and after it.
 class ORIEL_LOCK_CHECK(capability("lock")) Lock {
 public:
     constexpr Lock() = default;

@@ -6,8 +6,8 @@
 // State: the handlers, the pipe and the thread, made with the first handler and kept; the dispositions that the signals
 // had before, restored with the removal of the last handler.
 #include "base/errors.h"
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "kernel/thread.h"
 
 #include <cerrno>

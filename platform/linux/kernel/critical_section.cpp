@@ -59,7 +59,7 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no
         SleepPoint points[2] = {{&word, kContended, false}};
         uint32_t count = 1;
         if (t_terminationWord != nullptr && t_terminationHolds == 1)
-            points[count++] = {const_cast<Word*>(t_terminationWord), kRunning, false};
+            points[count++] = {t_terminationWord, kRunning, false};
         SleepOn(points, count, kNever);
         if (count == 2 && TerminationAsked()) {
             // The wake-up for one may have been spent on this thread, which is about to stop here.

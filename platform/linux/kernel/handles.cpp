@@ -5,8 +5,8 @@
 // object's reference is given up when the handle is closed and the last pin is gone, whichever comes last.
 #include "kernel/handles.h"
 
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 
 #include <bit>
 #include <errhandlingapi.h>

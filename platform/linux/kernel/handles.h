@@ -18,7 +18,7 @@
 #pragma once
 
 #include "base/futex.h"
-#include "base/termination.h"
+#include "base/lock.h"
 
 #include <winnt.h>
 

@@ -8,8 +8,8 @@
 #include "base/directories.h"
 #include "base/errors.h"
 #include "base/export_guard.h"
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "base/timings.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 // end of a process a change of a word, like any other that a wait sleeps on, and leaves no zombie.
 //
 // State: the list of watched processes and the epoll descriptor, under one lock.
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "kernel/process.h"
 #include "kernel/thread.h"
 

@@ -4,8 +4,8 @@
 // its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the section.
 #include "base/descriptor.h"
 #include "base/errors.h"
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "kernel/named_object.h"
 
 #include "security/everyone.h"

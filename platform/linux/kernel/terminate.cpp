@@ -6,15 +6,14 @@
 //
 // State: the signal, chosen and given its handler at the first termination; none before.
 #include "base/lock.h"
+#include "base/steps.h"
 #include "base/timings.h"
 #include "kernel/thread.h"
-#include "window/thread_queue.h"
 
 #include <cerrno>
 #include <csignal>
 #include <errhandlingapi.h>
 #include <processthreadsapi.h>
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -24,11 +23,6 @@ namespace {
 
 constinit Lock g_signalLock;
 int g_signal ORIEL_LOCK_CHECK(guarded_by(g_signalLock)) = 0;
-
-[[noreturn]] void StandStill() {
-    for (;;)
-        syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);
-}
 
 void StopSignal(int) {
     const int error = errno;
@@ -57,21 +51,6 @@ int SignalForStopping() {
 
 } // namespace
 
-void StopHereIfAsked() {
-    ThreadObject* thread = CurrentThread();
-    // No handler of the program's may run on a thread that is no more.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    uint32_t asked = kTerminationAsked;
-    if (thread->state.compare_exchange_strong(asked, ThreadObject::kStopped)) {
-        WakeAll(thread->state, false);
-        StandStill();
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr); // whoever asked has given up
-}
-
 } // namespace oriel
 
 using namespace oriel;
@@ -95,9 +74,9 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
     // For the thread to stand still or, when another caller was first, for that caller to have dealt with it.
     while (thread->ended.load() == 0) {
         state = thread->state.load();
-        if (first && state == ThreadObject::kStopped) {
+        if (first && state == kStopped) {
             AbandonMutexes(*thread.Get());
-            DropWindowsOfStoppedThread(thread->threadId.load());
+            RunStoppedThreadSteps(thread->threadId.load());
             thread->exitCode.store(exitCode);
             AnnounceEnd(*thread.Get());
             DropReference(thread.Get()); // the thread's own

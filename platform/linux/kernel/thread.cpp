@@ -5,7 +5,7 @@
 #include "kernel/thread.h"
 
 #include "base/errors.h"
-#include "base/fork.h"
+#include "base/steps.h"
 #include "security/impersonation.h"
 
 #include <algorithm>
@@ -19,9 +19,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
-constinit thread_local uint32_t t_terminationHolds __attribute__((tls_model("initial-exec"))) = 0;
-constinit thread_local const Word* t_terminationWord __attribute__((tls_model("initial-exec"))) = nullptr;
 
 namespace {
 
@@ -65,7 +62,7 @@ void LeaveThread(void* value) {
         return;
     }
     ++t_terminationHolds; // from here on there is nothing left to terminate
-    if (thread->state.exchange(ThreadObject::kLeft) == kTerminationAsked) WakeAll(thread->state, false);
+    if (thread->state.exchange(kLeft) == kTerminationAsked) WakeAll(thread->state, false);
     t_terminationWord = nullptr;
     AbandonMutexes(*thread);
     AnnounceEnd(*thread);

@@ -9,14 +9,14 @@ namespace oriel {
 
 struct MutexObject;
 
+// A thread's state, beside those of base/lock.h: it has come to its end by itself.
+constexpr uint32_t kLeft = 3;
+
 // What another thread may want to know of this one. The thread itself and every handle hold a reference.
 struct ThreadObject : Object {
-    // kRunning, kTerminationAsked, or:
-    static constexpr uint32_t kStopped = 2; // it stands still for good
-    static constexpr uint32_t kLeft = 3;    // it has come to its end by itself
-    Word state{kRunning};
-    Word ended{0};    // 1: ready to a wait
-    Word threadId{0}; // 0 until it has begun
+    Word state{kRunning}; // kRunning, kTerminationAsked, kStopped, kLeft
+    Word ended{0};        // 1: ready to a wait
+    Word threadId{0};     // 0 until it has begun
     std::atomic<DWORD> exitCode{STATUS_PENDING};
     bool lastRound = false; // its destructors have been run once
     MutexObject* mutexes =

@@ -1,6 +1,5 @@
-// Tokens: opening them, and what they say. State: a record per open token.
-#include "kernel/token.h"
-
+// Access tokens: opening them, what they say, and acting as their user. State: a record per open token, with the user
+// and groups as they were when it was opened.
 #include "base/export_guard.h"
 #include "base/fail.h"
 #include "kernel/process.h"
@@ -16,12 +15,18 @@
 namespace oriel {
 namespace {
 
+struct TokenObject : Object {
+    Credentials credentials;
+};
+
 constexpr DWORD kTokenRights = READ_CONTROL | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE;
 constexpr DWORD kGroupAttributes = SE_GROUP_MANDATORY | SE_GROUP_ENABLED_BY_DEFAULT | SE_GROUP_ENABLED;
 
 void DropToken(Object* object) {
     if (LastReference(object)) delete static_cast<TokenObject*>(object);
 }
+
+constexpr ObjectType kTokenType{.name = "token", .drop = DropToken};
 
 BOOL GiveToken(Credentials credentials, DWORD access, PHANDLE token) {
     auto* object = new TokenObject{{&kTokenType}, std::move(credentials)};
@@ -58,8 +63,6 @@ BOOL GiveSids(const std::vector<SidCopy>& sids, size_t fixed, LPVOID information
 }
 
 } // namespace
-
-const ObjectType kTokenType{.name = "token", .drop = DropToken};
 
 } // namespace oriel
 
@@ -108,5 +111,21 @@ BOOL WINAPI GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS informatio
             groups->GroupCount = static_cast<DWORD>(sids.size());
             groups->Groups[i] = {sid, kGroupAttributes};
         });
+    });
+}
+
+BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token) {
+    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+        const HandleUse<TokenObject> use(token, kTokenType, TOKEN_QUERY | TOKEN_DUPLICATE);
+        if (!use) return FALSE;
+        const DWORD error = ActAs(use->credentials);
+        return error == ERROR_SUCCESS ? TRUE : Fail(error);
+    });
+}
+
+BOOL WINAPI RevertToSelf(void) {
+    return Undivided<BOOL>(FALSE, []() -> BOOL {
+        const DWORD error = ActAsProcess();
+        return error == ERROR_SUCCESS ? TRUE : Fail(error);
     });
 }

@@ -66,7 +66,7 @@ DWORD LookAtAll(Waiting& waiting, bool goingToSleep) {
 // The thread's own word as the last of the points, if another thread could want to stop it.
 uint32_t AddOwnWord(SleepPoint* points, uint32_t count) {
     if (t_terminationWord == nullptr) return count;
-    points[count] = {const_cast<Word*>(t_terminationWord), kRunning, false};
+    points[count] = {t_terminationWord, kRunning, false};
     return count + 1;
 }
 

@@ -5,8 +5,8 @@
 // the C library gives it up when the thread ends.
 #include "rpc/association.h"
 
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "base/timings.h"
 #include "rpc/bind_offer.h"
 #include "rpc/endpoint.h"

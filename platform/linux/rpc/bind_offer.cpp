@@ -1,7 +1,7 @@
 // Binds and alter-contexts of a client: bind_offer.h. No state.
 #include "rpc/bind_offer.h"
 
-#include "base/termination.h"
+#include "base/lock.h"
 #include "rpc/fault_status.h"
 
 #include <algorithm>

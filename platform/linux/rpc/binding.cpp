@@ -1,7 +1,7 @@
 // String bindings and binding handles. No state; the bindings' connections are in association.cpp.
 #include "rpc/binding.h"
 
-#include "base/termination.h"
+#include "base/lock.h"
 #include "rpc/association.h"
 #include "rpc/endpoint.h"
 

@@ -1,7 +1,7 @@
 // Buffers of a connection, sending and receiving of messages: channel.h.
 #include "rpc/channel.h"
 
-#include "base/termination.h"
+#include "base/lock.h"
 #include "base/timings.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 
 #include "base/descriptor.h"
 #include "base/directories.h"
-#include "base/termination.h"
+#include "base/lock.h"
 #include "base/timings.h"
 #include "security/impersonation.h"
 

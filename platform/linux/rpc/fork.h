@@ -1,8 +1,8 @@
-// What a fork child must not have of the run-time: its parent's connections, clients and endpoints (kernel/fork.h has
+// What a fork child must not have of the run-time: its parent's connections, clients and endpoints (base/steps.h has
 // the rule).
 #pragma once
 
-#include "base/fork.h"
+#include "base/steps.h"
 
 namespace oriel::rpc {
 

@@ -2,8 +2,8 @@
 // listens, is stopping or does neither. A thread per endpoint accepts; each connection has a thread of its own.
 #include "rpc/server.h"
 
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "base/timings.h"
 #include "kernel/thread.h"
 #include "rpc/fork.h"

@@ -4,18 +4,14 @@
 // read their process's credentials from that thread.
 #include "security/impersonation.h"
 
-#include "base/export_guard.h"
-#include "base/fail.h"
-#include "base/fork.h"
 #include "base/lock.h"
-#include "kernel/token.h"
-
-#include <securitybaseapi.h>
+#include "base/steps.h"
 
 #include <cstdlib>
 #include <memory>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <winerror.h>
 
 namespace oriel {
 namespace {
@@ -98,35 +94,27 @@ AsOwnProcess::~AsOwnProcess() {
     if (m_changed && !TakeOn(m_impersonated)) std::abort();
 }
 
+DWORD ActAs(const Credentials& credentials) {
+    WatchForFork();
+    auto own = std::make_unique<Credentials>(OwnCredentials());
+    const Credentials before = ThreadCredentials();
+    // A thread that acts for one user goes to the next by way of itself, who may.
+    if (!TakeOn(*own)) return ERROR_PRIVILEGE_NOT_HELD;
+    const bool first = t_own.Get() == nullptr;
+    t_own.Set(std::move(own)); // before the change, which other threads may see at once
+    if (TakeOn(credentials)) return ERROR_SUCCESS;
+    if (!TakeOn(before)) std::abort();
+    if (first) t_own.Set(nullptr);
+    return ERROR_PRIVILEGE_NOT_HELD;
+}
+
+DWORD ActAsProcess() {
+    t_client.reset();
+    Credentials impersonated;
+    if (!ImpersonatedCredentials(impersonated)) return ERROR_SUCCESS;
+    if (!TakeOn(OwnCredentials())) return ERROR_ACCESS_DENIED;
+    t_own.Set(nullptr);
+    return ERROR_SUCCESS;
+}
+
 } // namespace oriel
-
-using namespace oriel;
-
-BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
-        const HandleUse<TokenObject> use(token, kTokenType, TOKEN_QUERY | TOKEN_DUPLICATE);
-        if (!use) return FALSE;
-        WatchForFork();
-        auto own = std::make_unique<Credentials>(OwnCredentials());
-        const Credentials before = ThreadCredentials();
-        // A thread that acts for one user goes to the next by way of itself, who may.
-        if (!TakeOn(*own)) return Fail(ERROR_PRIVILEGE_NOT_HELD);
-        const bool first = t_own.Get() == nullptr;
-        t_own.Set(std::move(own)); // before the change, which other threads may see at once
-        if (TakeOn(use->credentials)) return TRUE;
-        if (!TakeOn(before)) std::abort();
-        if (first) t_own.Set(nullptr);
-        return Fail(ERROR_PRIVILEGE_NOT_HELD);
-    });
-}
-
-BOOL WINAPI RevertToSelf(void) {
-    return Undivided<BOOL>(FALSE, []() -> BOOL {
-        t_client.reset();
-        Credentials impersonated;
-        if (!ImpersonatedCredentials(impersonated)) return TRUE;
-        if (!TakeOn(OwnCredentials())) return Fail(ERROR_ACCESS_DENIED);
-        t_own.Set(nullptr);
-        return TRUE;
-    });
-}

@@ -4,6 +4,7 @@
 #include "security/credentials.h"
 
 #include <memory>
+#include <windef.h>
 
 namespace oriel {
 
@@ -16,6 +17,11 @@ bool ImpersonatedCredentials(Credentials& credentials);
 // From now on that is what the calling thread impersonates, for who asks for its token; its ids stay as they are. Null:
 // no more.
 void SpeakFor(std::unique_ptr<Credentials> client);
+
+// Has the calling thread act as these from now on, or as its process again; it then speaks for nobody. ERROR_SUCCESS;
+// ERROR_PRIVILEGE_NOT_HELD or ERROR_ACCESS_DENIED, with everything as before. Throws std::bad_alloc.
+DWORD ActAs(const Credentials& credentials);
+DWORD ActAsProcess();
 
 // Takes the calling thread back to the process's credentials as long as this exists, where it impersonates and may:
 // what it then does is done in the process's name. Windows does so for the threads and processes that it starts and the

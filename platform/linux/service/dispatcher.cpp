@@ -3,9 +3,9 @@
 // State: the one service of the process, g_service. Signals are blocked and taken from a descriptor; nothing runs in a
 // signal handler.
 #include "base/errors.h"
-#include "base/fork.h"
 #include "base/guarded.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "service/handles.h"
 #include "service/notify_socket.h"
 #include "service/record.h"

@@ -3,9 +3,9 @@
 
 #include "base/directories.h"
 #include "base/errors.h"
-#include "base/fork.h"
 #include "base/futex.h"
-#include "base/termination.h"
+#include "base/lock.h"
+#include "base/steps.h"
 #include "base/timings.h"
 #include "store/checked_pages.h"
 

@@ -5,8 +5,8 @@
 #include <oriel_poll.h>
 
 #include "base/errors.h"
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 

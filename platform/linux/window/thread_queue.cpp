@@ -1,8 +1,8 @@
 // Thread queues: their life with threads, processes and forks; collecting and answering.
 #include "window/thread_queue.h"
 
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 
 #include "base/export_guard.h"
 #include "window/window_files.h"

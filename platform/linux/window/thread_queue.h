@@ -55,9 +55,6 @@ bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
 // The window's files, its messages and its share in its class go.
 void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
 
-// Those of a thread that TerminateThread has stopped for good.
-void DropWindowsOfStoppedThread(DWORD threadId);
-
 bool IsFull(const ThreadQueue& queue);
 // Takes what has arrived, within the limit.
 void Collect(ThreadQueue& queue);

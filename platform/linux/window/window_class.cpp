@@ -1,8 +1,8 @@
 // RegisterClassExA and UnregisterClassA over a list that lives as long as the process.
 #include "window/window_class.h"
 
-#include "base/fork.h"
 #include "base/lock.h"
+#include "base/steps.h"
 
 #include "base/export_guard.h"
 #include <errhandlingapi.h>

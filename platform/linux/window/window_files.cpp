@@ -4,7 +4,7 @@
 
 #include "base/directories.h"
 #include "base/errors.h"
-#include "base/termination.h"
+#include "base/lock.h"
 
 #include <errhandlingapi.h>
 #include <winerror.h>

@@ -1,9 +1,12 @@
-// What fork() must and must not hand to a child.
+// What the folders above do when the process forks, and when a thread has been stopped: each declares its steps here
+// and defines them where its state is.
 //
 // A fork child starts with no handle of the layer's, owns no mutex and keeps none of its parent's objects alive. It may
 // use the layer afresh. This holds for fork(), whose hooks take these steps; a bare clone system call takes none, and
 // its child may only exec or exit.
 #pragma once
+
+#include <windef.h>
 
 namespace oriel {
 
@@ -30,5 +33,12 @@ extern const ForkSteps kThreadFork;
 
 // Installs the hooks, once. Whatever makes the first thing that a child must not inherit calls it.
 void WatchForFork();
+
+// For a thread that TerminateThread has stopped for good, on the thread that stopped it: gives up what the stopped one
+// would have given up at its end.
+using StoppedThreadStep = void(DWORD threadId);
+extern StoppedThreadStep DropWindowsOfStoppedThread;
+
+void RunStoppedThreadSteps(DWORD threadId);
 
 } // namespace oriel

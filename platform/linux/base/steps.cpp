@@ -1,5 +1,5 @@
-// The fork hooks. State: whether they are installed.
-#include "base/fork.h"
+// The lists of steps, in the order in which they run. State: whether the fork hooks are installed.
+#include "base/steps.h"
 
 #include <pthread.h>
 
@@ -7,23 +7,25 @@ namespace oriel {
 
 namespace {
 
-constexpr const ForkSteps* kSteps[] = {
+constexpr const ForkSteps* kForkSteps[] = {
     &kServiceFork, &kStoresFork, &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,  &kRpcFork,
     &kNamesFork,   &kViewsFork,  &kReaperFork,           &kConsoleFork,       &kImpersonationFork, &kHandlesFork,
     &kThreadFork};
 
+constexpr StoppedThreadStep* kStoppedThreadSteps[] = {&DropWindowsOfStoppedThread};
+
 void Before() {
-    for (const ForkSteps* steps : kSteps)
+    for (const ForkSteps* steps : kForkSteps)
         if (steps->before != nullptr) steps->before();
 }
 
 void InParent() {
-    for (const ForkSteps* steps : kSteps)
+    for (const ForkSteps* steps : kForkSteps)
         if (steps->inParent != nullptr) steps->inParent();
 }
 
 void InChild() {
-    for (const ForkSteps* steps : kSteps)
+    for (const ForkSteps* steps : kForkSteps)
         steps->inChild();
 }
 
@@ -32,6 +34,11 @@ void InChild() {
 void WatchForFork() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, [] { pthread_atfork(Before, InParent, InChild); });
+}
+
+void RunStoppedThreadSteps(DWORD threadId) {
+    for (StoppedThreadStep* step : kStoppedThreadSteps)
+        step(threadId);
 }
 
 } // namespace oriel
