@@ -5,7 +5,7 @@
 //
 // State: the handlers, the pipe and the thread, made with the first handler and kept; the dispositions that the signals
 // had before, restored with the removal of the last handler.
-#include "base/errors.h"
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/thread.h"
@@ -162,6 +162,5 @@ BOOL WINAPI SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add) {
     DWORD error = ERROR_NOT_SUPPORTED;
     if (handler != nullptr) error = add ? AddHandler(handler) : RemoveHandler(handler);
     if (error == ERROR_SUCCESS) return TRUE;
-    SetLastError(error);
-    return FALSE;
+    return Fail(error);
 }

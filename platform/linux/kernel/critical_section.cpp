@@ -5,8 +5,7 @@
 #include <processthreadsapi.h>
 #include <synchapi.h>
 
-using namespace oriel;
-
+namespace oriel {
 namespace {
 
 constexpr uint32_t kFree = 0;
@@ -34,6 +33,9 @@ void TakeOwnership(LPCRITICAL_SECTION section) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section) {
     *section = {};

@@ -10,6 +10,7 @@
 //
 // Setting is one system call that changes the word and wakes all sleepers: a process that is killed cannot have set an
 // event and not woken them.
+#include "base/call.h"
 #include "kernel/named_object.h"
 
 #include "security/everyone.h"
@@ -18,8 +19,7 @@
 #include <new>
 #include <synchapi.h>
 
-using namespace oriel;
-
+namespace oriel {
 namespace {
 
 constexpr uint32_t kSet = 1;
@@ -103,6 +103,9 @@ BOOL Written(bool written) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState, LPCSTR name) {
     TerminationHold hold;
@@ -121,10 +124,7 @@ HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, B
 
 HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name) {
     TerminationHold hold;
-    if (inherit) {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+    if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
     bool existed = false;
     NamedObject* event =
         OpenNamed({.type = &kEventType, .kind = ObjectKind::ManualEvent, .name = name, .make = MakeEvent}, existed);
@@ -150,10 +150,7 @@ BOOL WINAPI ResetEvent(HANDLE handle) {
 BOOL WINAPI PulseEvent(HANDLE handle) {
     HandleUse<NamedObject> event(handle, kEventType, EVENT_MODIFY_STATE);
     if (!event) return FALSE;
-    if (event->kind != ObjectKind::ManualEvent) {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return FALSE;
-    }
+    if (event->kind != ObjectKind::ManualEvent) return Fail(ERROR_NOT_SUPPORTED);
     // While it is set nobody waits for it. A set that comes in between stays: it came after the pulse.
     event->head->word.fetch_add(0, std::memory_order_acq_rel);
     if (Clear(*event.Get())) return TRUE;

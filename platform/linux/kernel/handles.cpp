@@ -5,6 +5,7 @@
 // object's reference is given up when the handle is closed and the last pin is gone, whichever comes last.
 #include "kernel/handles.h"
 
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 
@@ -123,8 +124,7 @@ HANDLE NewHandle(Object* object, DWORD access) {
     }
     if (number == 0) {
         DropReference(object);
-        SetLastError(error);
-        return nullptr;
+        return Fail(error, nullptr);
     }
     Slot& slot = *SlotAt(number);
     slot.object = object;
@@ -203,20 +203,16 @@ BOOL WINAPI CloseHandle(HANDLE handle) {
     Slot* slot = SlotOf(handle, generation, number);
     uint64_t word = slot != nullptr ? slot->word.load(std::memory_order_relaxed) : 0;
     do {
-        if (slot == nullptr || word >> kGenerationShift != generation || (word & kOpen) == 0) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return FALSE;
-        }
+        if (slot == nullptr || word >> kGenerationShift != generation || (word & kOpen) == 0)
+            return Fail(ERROR_INVALID_HANDLE);
     } while (!slot->word.compare_exchange_weak(word, word & ~kOpen, std::memory_order_acq_rel));
     if ((word & kPinMask) == 0) Retire(number, *slot);
     return TRUE;
 }
 
 BOOL WINAPI GetProcessHandleCount(HANDLE process, LPDWORD count) {
-    if (process != GetCurrentProcess() || count == nullptr) {
-        SetLastError(count == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    if (process != GetCurrentProcess() || count == nullptr)
+        return Fail(count == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_HANDLE);
     DWORD open = 0;
     LockHold hold(g_tableLock);
     for (uint32_t number = 1; number < g_slotCount; ++number)

@@ -9,6 +9,7 @@
 // short.
 //
 // Lock order: the names lock (named_object.cpp), then a mutex's own lock.
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/timings.h"
 #include "kernel/named_object.h"
@@ -121,8 +122,7 @@ NamedObject* MakeMutex() {
 bool OwnAtCreation(NamedObject* object) {
     ThreadObject* thread = CurrentThread();
     if (thread != nullptr && TryMutex(*static_cast<MutexObject*>(object), *thread) == Grab::Got) return true;
-    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
-    return false;
+    return Fail(ERROR_NO_SYSTEM_RESOURCES, false);
 }
 
 } // namespace
@@ -159,10 +159,7 @@ HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES attributes, BOOL initialOwner, 
 
 HANDLE WINAPI OpenMutexA(DWORD access, BOOL inherit, LPCSTR name) {
     TerminationHold hold;
-    if (inherit) {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+    if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
     bool existed = false;
     NamedObject* mutex =
         OpenNamed({.type = &kMutexType, .kind = ObjectKind::Mutex, .name = name, .make = MakeMutex}, existed);
@@ -176,10 +173,7 @@ BOOL WINAPI ReleaseMutex(HANDLE handle) {
     ThreadObject* thread = CurrentThread();
     {
         LockHold hold(mutex.lock);
-        if (thread == nullptr || mutex.owner != thread) {
-            SetLastError(ERROR_NOT_OWNER);
-            return FALSE;
-        }
+        if (thread == nullptr || mutex.owner != thread) return Fail(ERROR_NOT_OWNER);
         if (--mutex.depth != 0) return TRUE;
         GiveUp(mutex, false);
     }

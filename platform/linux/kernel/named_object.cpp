@@ -4,10 +4,9 @@
 // opens or closes an object's file. The lock is taken before the folder's flock and before a mutex's own lock.
 #include "kernel/named_object.h"
 
+#include "base/call.h"
 #include "base/descriptor.h"
 #include "base/directories.h"
-#include "base/errors.h"
-#include "base/export_guard.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
@@ -71,7 +70,7 @@ DWORD FileName(const char* name, char (&fileName)[kLongestFileName + 1]) {
 
 // -1 with the last error set.
 int OpenFolder() {
-    return WithoutExceptions<int>(-1, [] {
+    return WaitingCall<int>(-1, [] {
         const std::string folder = RuntimeFolder("objects");
         const int descriptor =
             folder.empty() ? -1 : open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -122,10 +121,7 @@ public:
         // Asking again and again is the only form of this lock that has a time limit.
         for (int64_t pause = kNsPerMs / 50;; pause = std::min(2 * pause, kNsPerMs)) {
             if (flock(g_folder, LOCK_EX | LOCK_NB) == 0) break;
-            if (MonotonicNs() >= deadline || TerminationAsked()) {
-                SetLastError(ERROR_TIMEOUT);
-                return false;
-            }
+            if (MonotonicNs() >= deadline || TerminationAsked()) return Fail(ERROR_TIMEOUT, false);
             const timespec time{0, static_cast<long>(pause)};
             nanosleep(&time, nullptr);
         }
@@ -301,24 +297,19 @@ NamedObject* MakeUnnamed(const NamedRequest& request) {
     return nullptr;
 }
 
-NamedObject* Fail(DWORD error) {
-    SetLastError(error);
-    return nullptr;
-}
-
 } // namespace
 
 NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     existed = false;
     if (request.name == nullptr || *request.name == '\0')
-        return request.create ? MakeUnnamed(request) : Fail(ERROR_INVALID_PARAMETER);
+        return request.create ? MakeUnnamed(request) : Fail<NamedObject*>(ERROR_INVALID_PARAMETER);
     char fileName[kLongestFileName + 1];
     DWORD error = FileName(request.name, fileName);
-    if (error != ERROR_SUCCESS) return Fail(error);
+    if (error != ERROR_SUCCESS) return Fail(error, nullptr);
 
     NamesHold names;
     if (NamedObject* known = *FindPlace(fileName)) {
-        if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE);
+        if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE, nullptr);
         known->references.fetch_add(1, std::memory_order_relaxed);
         existed = true;
         return known;
@@ -330,7 +321,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     error = OpenFile(request, *object, existed);
     if (error != ERROR_SUCCESS) {
         DropReference(object);
-        return Fail(error);
+        return Fail(error, nullptr);
     }
     object->named = true;
     *FindPlace(fileName) = object;
@@ -370,8 +361,7 @@ HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map
     DWORD rights = desired & ~(kGeneric | MAXIMUM_ALLOWED);
     if (desired == 0 || (rights & ~map.all) != 0) {
         DropReference(object);
-        SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
+        return Fail(ERROR_ACCESS_DENIED, nullptr);
     }
     if ((desired & GENERIC_READ) != 0) rights |= map.read;
     if ((desired & GENERIC_WRITE) != 0) rights |= map.write;
@@ -382,8 +372,7 @@ HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map
 
 bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes) {
     if (attributes == nullptr || !attributes->bInheritHandle) return true;
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return false;
+    return Fail(ERROR_NOT_SUPPORTED, false);
 }
 
 int ReopenFile(const NamedObject& object) {

@@ -4,8 +4,7 @@
 // that the system has given to another process since is never mistaken for it.
 #include "kernel/process.h"
 
-#include "base/errors.h"
-#include "base/export_guard.h"
+#include "base/call.h"
 #include "kernel/command_line.h"
 #include "kernel/named_object.h"
 #include "security/impersonation.h"
@@ -120,11 +119,6 @@ bool AsksForNothing(const STARTUPINFOA& startup) {
            startup.hStdOutput == nullptr && startup.hStdError == nullptr;
 }
 
-BOOL FailProcess(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
-
 // Handles for a child that runs. If they cannot be made it is killed: nobody could wait for it.
 BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
     auto* process = new (std::nothrow) ProcessObject{{&kProcessType}};
@@ -136,7 +130,7 @@ BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
         delete process;
         kill(id, SIGKILL);
         waitpid(id, nullptr, 0);
-        return FailProcess(SystemError(error));
+        return Fail(SystemError(error));
     }
     process->id = static_cast<DWORD>(id);
     process->descriptor = descriptor;
@@ -156,7 +150,7 @@ BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
         if (threadHandle != nullptr) CloseHandle(threadHandle);
     }
     DropReference(process);
-    return given ? TRUE : FailProcess(ERROR_NO_SYSTEM_RESOURCES);
+    return given ? TRUE : Fail(ERROR_NO_SYSTEM_RESOURCES);
 }
 
 BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPROCESS_INFORMATION information) {
@@ -164,13 +158,13 @@ BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPRO
     if (commandLine != nullptr) words = DivideCommandLine(commandLine);
     if (words.empty()) words.emplace_back(application);
     const std::string path = UnixPath(application != nullptr ? application : words.front().c_str());
-    if (path.empty()) return FailProcess(ERROR_INVALID_PARAMETER);
+    if (path.empty()) return Fail(ERROR_INVALID_PARAMETER);
     for (std::string& word : words)
         word = AnsiToUtf8(word);
     const AsOwnProcess ourselves; // a process is its parent's, whoever the thread acts for
     pid_t id = 0;
     const int error = Spawn(path, words, ownConsole, id);
-    return error == 0 ? GiveHandles(id, information) : FailProcess(SpawnError(error, path));
+    return error == 0 ? GiveHandles(id, information) : Fail(SpawnError(error, path));
 }
 
 } // namespace
@@ -187,12 +181,12 @@ BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATT
                            LPSECURITY_ATTRIBUTES threadAttributes, BOOL inheritHandles, DWORD flags, LPVOID environment,
                            LPCSTR directory, LPSTARTUPINFOA startup, LPPROCESS_INFORMATION information) {
     if (information == nullptr || startup == nullptr || (application == nullptr && commandLine == nullptr))
-        return FailProcess(ERROR_INVALID_PARAMETER);
+        return Fail(ERROR_INVALID_PARAMETER);
     if (!AttributesAreSupported(processAttributes) || !AttributesAreSupported(threadAttributes)) return FALSE;
     if (inheritHandles || (flags & ~DWORD{CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS}) != 0 || environment != nullptr ||
         directory != nullptr || !AsksForNothing(*startup))
-        return FailProcess(ERROR_NOT_SUPPORTED);
-    return Undivided<BOOL>(
+        return Fail(ERROR_NOT_SUPPORTED);
+    return Call<BOOL>(
         FALSE, [&] { return StartProcess(application, commandLine, (flags & CREATE_NEW_CONSOLE) != 0, information); });
 }
 
@@ -200,15 +194,9 @@ HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
     TerminationHold hold;
     const bool known = access != 0 && (access & ~DWORD{SYNCHRONIZE | PROCESS_QUERY_INFORMATION}) == 0;
     const DWORD refusal = inherit ? ERROR_NOT_SUPPORTED : known ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
-    if (refusal != ERROR_SUCCESS) {
-        SetLastError(refusal);
-        return nullptr;
-    }
+    if (refusal != ERROR_SUCCESS) return Fail(refusal, nullptr);
     auto* process = new (std::nothrow) ProcessObject{{&kProcessType}};
-    if (process == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    if (process == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     process->descriptor = static_cast<int>(syscall(SYS_pidfd_open, id, 0));
     if (process->descriptor < 0) {
         // No such process, or the number of a thread that is not a process's first.
@@ -222,7 +210,7 @@ HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
 }
 
 BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
-    if (exitCode == nullptr) return FailProcess(ERROR_INVALID_PARAMETER);
+    if (exitCode == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     if (handle == GetCurrentProcess()) {
         *exitCode = STILL_ACTIVE;
         return TRUE;
@@ -230,7 +218,7 @@ BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
     HandleUse<ProcessObject> process(handle, kProcessType, PROCESS_QUERY_INFORMATION);
     if (!process) return FALSE;
     const bool ended = HasEnded(*process.Get());
-    if (ended && !process->exitCodeKnown.load()) return FailProcess(ERROR_ACCESS_DENIED);
+    if (ended && !process->exitCodeKnown.load()) return Fail(ERROR_ACCESS_DENIED);
     *exitCode = ended ? process->exitCode.load() : STILL_ACTIVE;
     return TRUE;
 }
@@ -239,9 +227,8 @@ BOOL WINAPI TerminateProcess(HANDLE handle, UINT exitCode) {
     if (handle == GetCurrentProcess()) _exit(static_cast<int>(exitCode));
     HandleUse<ProcessObject> process(handle, kProcessType, kTerminateRight);
     if (!process) return FALSE;
-    if (HasEnded(*process.Get())) return FailProcess(ERROR_ACCESS_DENIED);
+    if (HasEnded(*process.Get())) return Fail(ERROR_ACCESS_DENIED);
     process->exitCodeGiven.store(exitCode);
-    if (syscall(SYS_pidfd_send_signal, process->descriptor, SIGKILL, nullptr, 0) != 0)
-        return FailProcess(ERROR_ACCESS_DENIED);
+    if (syscall(SYS_pidfd_send_signal, process->descriptor, SIGKILL, nullptr, 0) != 0) return Fail(ERROR_ACCESS_DENIED);
     return TRUE;
 }

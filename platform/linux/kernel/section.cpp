@@ -2,8 +2,8 @@
 //
 // State: the list of this process's views, each of which keeps its section. A view is mapped through a descriptor of
 // its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the section.
+#include "base/call.h"
 #include "base/descriptor.h"
-#include "base/errors.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/named_object.h"
@@ -46,11 +46,6 @@ NamedObject* MakeSection() {
     return new (std::nothrow) NamedObject{{&kSectionType}};
 }
 
-LPVOID FailMapping(DWORD error) {
-    SetLastError(error);
-    return nullptr;
-}
-
 void ForgetViews() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_viewsLock.ForgetOwner();
     for (View* view = g_views; view != nullptr; view = view->next)
@@ -66,14 +61,9 @@ const ForkSteps kViewsFork{TakeForFork<g_viewsLock>, ReleaseAfterFork<g_viewsLoc
 HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection, DWORD sizeHigh,
                                  DWORD sizeLow, LPCSTR name) {
     TerminationHold hold;
-    if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0') {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
-    if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0')
+        return Fail(ERROR_NOT_SUPPORTED, nullptr);
+    if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) return Fail(ERROR_INVALID_PARAMETER, nullptr);
     if (!AttributesAreSupported(attributes)) return nullptr;
     bool existed = false;
     NamedObject* section = OpenNamed({.type = &kSectionType,
@@ -92,16 +82,16 @@ LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWOR
     if (!section) return nullptr;
     const bool known = (access & FILE_MAP_WRITE) != 0 || (access & FILE_MAP_READ) != 0;
     if (!known || (access & ~DWORD{FILE_MAP_WRITE | FILE_MAP_READ}) != 0 || offsetHigh != 0 || offsetLow != 0)
-        return FailMapping(ERROR_INVALID_PARAMETER);
+        return Fail(ERROR_INVALID_PARAMETER, nullptr);
     const size_t size = section->size;
-    if (bytes > size) return FailMapping(ERROR_ACCESS_DENIED);
+    if (bytes > size) return Fail(ERROR_ACCESS_DENIED, nullptr);
     std::unique_ptr<View> view(new (std::nothrow) View{});
-    if (!view) return FailMapping(ERROR_NOT_ENOUGH_MEMORY);
+    if (!view) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     const Descriptor file(ReopenFile(*section.Get()));
-    if (!file.IsOpen()) return FailMapping(ERROR_FILE_NOT_FOUND);
+    if (!file.IsOpen()) return Fail(ERROR_FILE_NOT_FOUND, nullptr);
     const int protection = (access & FILE_MAP_WRITE) != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
     void* address = mmap(nullptr, size, protection, MAP_SHARED, file.Get(), kSectionOffset);
-    if (address == MAP_FAILED) return FailMapping(SystemError(errno));
+    if (address == MAP_FAILED) return Fail(SystemError(errno), nullptr);
     section->references.fetch_add(1, std::memory_order_relaxed);
     LockHold lock(g_viewsLock);
     *view = {address, size, section.Get(), g_views};
@@ -120,10 +110,7 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
         view.reset(*place);
         if (view) *place = view->next;
     }
-    if (!view) {
-        SetLastError(ERROR_INVALID_ADDRESS);
-        return FALSE;
-    }
+    if (!view) return Fail(ERROR_INVALID_ADDRESS);
     munmap(view->address, view->size);
     if (view->section != nullptr) DropReference(view->section);
     return TRUE;

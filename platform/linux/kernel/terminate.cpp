@@ -5,6 +5,7 @@
 // anything. Where the thread is inside the layer (TerminationHold) it stops when it leaves.
 //
 // State: the signal, chosen and given its handler at the first termination; none before.
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
@@ -58,10 +59,7 @@ using namespace oriel;
 BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
     HandleUse<ThreadObject> thread(handle, kThreadType, 0);
     if (!thread) return FALSE;
-    if (thread.Get() == CurrentThread()) {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return FALSE;
-    }
+    if (thread.Get() == CurrentThread()) return Fail(ERROR_NOT_SUPPORTED);
     const int64_t deadline = MonotonicNs() + g_timings.threadStop * kNsPerMs;
     uint32_t state = kRunning;
     const bool first = thread->state.compare_exchange_strong(state, kTerminationAsked);
@@ -86,8 +84,7 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
         if (SleepOn(stopping, 2, deadline) != Awake::TimedOut) continue;
         state = kTerminationAsked;
         if (first && !thread->state.compare_exchange_strong(state, kRunning)) continue;
-        SetLastError(ERROR_TIMEOUT);
-        return FALSE;
+        return Fail(ERROR_TIMEOUT);
     }
     return TRUE;
 }

@@ -4,7 +4,7 @@
 // destructor tells the end of a thread, whoever made it.
 #include "kernel/thread.h"
 
-#include "base/errors.h"
+#include "base/call.h"
 #include "base/steps.h"
 #include "security/impersonation.h"
 
@@ -166,21 +166,14 @@ DWORD WINAPI GetCurrentThreadId() {
 HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, LPTHREAD_START_ROUTINE procedure,
                            LPVOID parameter, DWORD flags, LPDWORD threadId) {
     TerminationHold hold;
-    if (procedure == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    if (flags != 0 || (attributes != nullptr && attributes->bInheritHandle)) {
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+    if (procedure == nullptr) return Fail(ERROR_INVALID_PARAMETER, nullptr);
+    if (flags != 0 || (attributes != nullptr && attributes->bInheritHandle)) return Fail(ERROR_NOT_SUPPORTED, nullptr);
     auto* thread = new (std::nothrow) ThreadObject{{&kThreadType}};
     auto* start = new (std::nothrow) ThreadStart{thread, procedure, parameter};
     if (thread == nullptr || start == nullptr) {
         delete thread;
         delete start;
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
+        return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
     thread->references.store(2); // the handle's and the thread's
     // The handle first: a thread that runs cannot be taken back.
@@ -206,10 +199,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, L
 }
 
 BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exitCode) {
-    if (exitCode == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (exitCode == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     HandleUse<ThreadObject> thread(handle, kThreadType, 0);
     if (!thread) return FALSE;
     *exitCode = thread->ended.load(std::memory_order_acquire) != 0 ? thread->exitCode.load() : STILL_ACTIVE;

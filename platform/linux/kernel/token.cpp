@@ -1,7 +1,6 @@
 // Access tokens: opening them, what they say, and acting as their user. State: a record per open token, with the user
 // and groups as they were when it was opened.
-#include "base/export_guard.h"
-#include "base/fail.h"
+#include "base/call.h"
 #include "kernel/process.h"
 #include "security/accounts.h"
 #include "security/impersonation.h"
@@ -69,7 +68,7 @@ BOOL GiveSids(const std::vector<SidCopy>& sids, size_t fixed, LPVOID information
 using namespace oriel;
 
 BOOL WINAPI OpenProcessToken(HANDLE process, DWORD access, PHANDLE token) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (const DWORD refusal = Refusal(access, token); refusal != ERROR_SUCCESS) return Fail(refusal);
         if (process == GetCurrentProcess()) return GiveToken(OwnCredentials(), access, token);
         const HandleUse<ProcessObject> use(process, kProcessType, PROCESS_QUERY_INFORMATION);
@@ -83,7 +82,7 @@ BOOL WINAPI OpenProcessToken(HANDLE process, DWORD access, PHANDLE token) {
 }
 
 BOOL WINAPI OpenThreadToken(HANDLE thread, DWORD access, BOOL, PHANDLE token) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (const DWORD refusal = Refusal(access, token); refusal != ERROR_SUCCESS) return Fail(refusal);
         if (thread != GetCurrentThread()) return Fail(ERROR_NOT_SUPPORTED);
         Credentials credentials;
@@ -94,7 +93,7 @@ BOOL WINAPI OpenThreadToken(HANDLE thread, DWORD access, BOOL, PHANDLE token) {
 
 BOOL WINAPI GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS informationClass, LPVOID information,
                                 DWORD length, PDWORD needed) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (needed == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         const HandleUse<TokenObject> use(token, kTokenType, TOKEN_QUERY);
         if (!use) return FALSE;
@@ -115,7 +114,7 @@ BOOL WINAPI GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS informatio
 }
 
 BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         const HandleUse<TokenObject> use(token, kTokenType, TOKEN_QUERY | TOKEN_DUPLICATE);
         if (!use) return FALSE;
         const DWORD error = ActAs(use->credentials);
@@ -124,7 +123,7 @@ BOOL WINAPI ImpersonateLoggedOnUser(HANDLE token) {
 }
 
 BOOL WINAPI RevertToSelf(void) {
-    return Undivided<BOOL>(FALSE, []() -> BOOL {
+    return Call<BOOL>(FALSE, []() -> BOOL {
         const DWORD error = ActAsProcess();
         return error == ERROR_SUCCESS ? TRUE : Fail(error);
     });

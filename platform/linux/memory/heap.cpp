@@ -3,7 +3,7 @@
 // A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. There are several lists, each with
 // a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
 // of all heaps are taken around fork, so that the child's heaps are usable.
-#include "base/fail.h"
+#include "base/call.h"
 #include "base/lock.h"
 
 #include <heapapi.h>
@@ -14,11 +14,8 @@
 #include <new>
 #include <pthread.h>
 
+namespace oriel {
 namespace {
-
-using oriel::Fail;
-using oriel::Lock;
-using oriel::LockHold;
 
 // In front of every block; the block is what follows. Freed blocks lose their tag, so that a second free is noticed as
 // long as the memory has not been used again.
@@ -93,6 +90,9 @@ bool RefusedFlags(DWORD flags, DWORD known) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
     if (options != 0 || maximumSize != 0) return Fail<HANDLE>(ERROR_INVALID_PARAMETER);
@@ -132,7 +132,7 @@ LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     Heap* heap = HeapOf(handle);
     if (heap == nullptr || RefusedFlags(flags, HEAP_ZERO_MEMORY)) return nullptr;
     if (bytes > kLargestBlock) return nullptr;
-    const oriel::TerminationHold whole; // the C library's allocator has locks too
+    const TerminationHold whole; // the C library's allocator has locks too
     const size_t size = bytes + sizeof(BlockHeader);
     void* memory = (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, size) : std::malloc(size);
     if (memory == nullptr) return nullptr;
@@ -155,7 +155,7 @@ BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
     auto* header = static_cast<BlockHeader*>(block) - 1;
     BlockList* list = ListOf(*heap, header);
     if (list == nullptr) return FALSE;
-    const oriel::TerminationHold whole;
+    const TerminationHold whole;
     {
         const LockHold hold(list->lock);
         if (header->previous != nullptr) header->previous->next = header->next;
@@ -178,7 +178,7 @@ SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
 
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
     if (RefusedFlags(flags, GPTR)) return nullptr;
-    const oriel::TerminationHold whole;
+    const TerminationHold whole;
     // A block of 0 bytes is a block.
     const size_t size = bytes == 0 ? 1 : bytes;
     void* memory = nullptr;
@@ -188,7 +188,7 @@ HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
 }
 
 HGLOBAL WINAPI GlobalFree(HGLOBAL memory) {
-    const oriel::TerminationHold whole;
+    const TerminationHold whole;
     std::free(memory);
     return nullptr;
 }

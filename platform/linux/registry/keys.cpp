@@ -1,7 +1,7 @@
 // The calls on keys.
 #include "registry/keys.h"
 
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "registry/names.h"
 #include "store/rights.h"
@@ -117,7 +117,7 @@ FILETIME FileTimeOf(int64_t time) {
 using namespace oriel;
 
 LSTATUS WINAPI RegOpenKeyExA(HKEY key, LPCSTR subKey, DWORD options, REGSAM access, PHKEY result) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (result == nullptr || options != 0) return ERROR_INVALID_PARAMETER;
         const KeyUse base(key, 0);
         if (base.Error() != ERROR_SUCCESS) return base.Error();
@@ -134,7 +134,7 @@ LSTATUS WINAPI RegOpenKeyExA(HKEY key, LPCSTR subKey, DWORD options, REGSAM acce
 
 LSTATUS WINAPI RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD reserved, LPSTR keyClass, DWORD options, REGSAM access,
                                LPSECURITY_ATTRIBUTES security, PHKEY result, LPDWORD disposition) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (result == nullptr || subKey == nullptr || reserved != 0 || !TextOf(keyClass).empty() ||
             options != REG_OPTION_NON_VOLATILE || security != nullptr)
             return ERROR_INVALID_PARAMETER;
@@ -164,14 +164,14 @@ LSTATUS WINAPI RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD reserved, LPSTR ke
 
 LSTATUS WINAPI RegCloseKey(HKEY key) {
     if (key == HKEY_LOCAL_MACHINE || key == HKEY_CURRENT_USER) return ERROR_SUCCESS;
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         const KeyUse open(key, 0);
         return open.Error() == ERROR_SUCCESS && CloseHandle(key) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
     });
 }
 
 LSTATUS WINAPI RegDeleteKeyA(HKEY key, LPCSTR subKey) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (subKey == nullptr) return ERROR_INVALID_PARAMETER;
         const KeyUse base(key, 0);
         if (base.Error() != ERROR_SUCCESS) return base.Error();
@@ -196,7 +196,7 @@ LSTATUS WINAPI RegDeleteKeyA(HKEY key, LPCSTR subKey) {
 
 LSTATUS WINAPI RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, LPDWORD nameSize, LPDWORD reserved, LPSTR keyClass,
                              LPDWORD classSize, PFILETIME lastWrite) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (name == nullptr || nameSize == nullptr || reserved != nullptr) return ERROR_INVALID_PARAMETER;
         if (keyClass != nullptr && (classSize == nullptr || *classSize == 0)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_ENUMERATE_SUB_KEYS);
@@ -216,7 +216,7 @@ LSTATUS WINAPI RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, LPDWORD nameSize
 LSTATUS WINAPI RegQueryInfoKeyA(HKEY key, LPSTR keyClass, LPDWORD classSize, LPDWORD reserved, LPDWORD subKeys,
                                 LPDWORD longestSubKey, LPDWORD longestClass, LPDWORD values, LPDWORD longestValueName,
                                 LPDWORD longestValueData, LPDWORD securitySize, PFILETIME lastWrite) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (reserved != nullptr || securitySize != nullptr) return ERROR_INVALID_PARAMETER;
         if (keyClass != nullptr && (classSize == nullptr || *classSize == 0)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_QUERY_VALUE);

@@ -1,5 +1,5 @@
 // Writing .reg text: the keys are collected in one view of the store, then written without it.
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "registry/keys.h"
 #include "registry/names.h"
@@ -146,7 +146,7 @@ std::string TextOfKeys(const std::vector<CollectedKey>& keys) {
 using namespace oriel;
 
 LSTATUS WINAPI RegExportTextA(HKEY key, LPCSTR subKey, char* text, SIZE_T* length) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (length == nullptr) return ERROR_INVALID_PARAMETER;
         const KeyUse base(key, KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS);
         if (base.Error() != ERROR_SUCCESS) return base.Error();

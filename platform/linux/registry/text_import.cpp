@@ -1,5 +1,5 @@
 // Reading .reg text: the whole of it becomes a list of changes first, then they are applied together.
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "registry/names.h"
 
@@ -297,7 +297,7 @@ LSTATUS ImportText(std::string_view text, DWORD* line) {
 using namespace oriel;
 
 LSTATUS WINAPI RegImportTextA(const char* text, SIZE_T length, LPDWORD errorLine) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         // What one list of changes may take of memory has to end somewhere.
         constexpr SIZE_T kLongestText = 256 << 20;
         if (text == nullptr || length > kLongestText) return ERROR_INVALID_PARAMETER;

@@ -1,12 +1,12 @@
 // The calls on values.
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "registry/keys.h"
 
 using namespace oriel;
 
 LSTATUS WINAPI RegQueryValueExA(HKEY key, LPCSTR valueName, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (reserved != nullptr || (data != nullptr && size == nullptr)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_QUERY_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
@@ -20,7 +20,7 @@ LSTATUS WINAPI RegQueryValueExA(HKEY key, LPCSTR valueName, LPDWORD reserved, LP
 }
 
 LSTATUS WINAPI RegSetValueExA(HKEY key, LPCSTR valueName, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (reserved != 0 || (data == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_SET_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
@@ -35,7 +35,7 @@ LSTATUS WINAPI RegSetValueExA(HKEY key, LPCSTR valueName, DWORD reserved, DWORD 
 }
 
 LSTATUS WINAPI RegDeleteValueA(HKEY key, LPCSTR valueName) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         const KeyUse open(key, KEY_SET_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
         const std::string folded = FoldName(TextOf(valueName));
@@ -52,7 +52,7 @@ LSTATUS WINAPI RegDeleteValueA(HKEY key, LPCSTR valueName) {
 
 LSTATUS WINAPI RegEnumValueA(HKEY key, DWORD index, LPSTR valueName, LPDWORD nameSize, LPDWORD reserved, LPDWORD type,
                              LPBYTE data, LPDWORD size) {
-    return Guarded([&]() -> LSTATUS {
+    return CodeCall([&]() -> LSTATUS {
         if (valueName == nullptr || nameSize == nullptr || reserved != nullptr || (data != nullptr && size == nullptr))
             return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_QUERY_VALUE);

@@ -1,8 +1,7 @@
 // Accounts of this system's account database, asked anew each time, and a constant table of others.
 #include "security/accounts.h"
 
-#include "base/export_guard.h"
-#include "base/fail.h"
+#include "base/call.h"
 #include "text/strings.h"
 
 #include <winbase.h>
@@ -149,7 +148,7 @@ using namespace oriel;
 
 BOOL WINAPI LookupAccountSidA(LPCSTR system, PSID sid, LPSTR name, LPDWORD nameLength, LPSTR domain,
                               LPDWORD domainLength, PSID_NAME_USE use) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (nameLength == nullptr || domainLength == nullptr || use == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         if (system != nullptr) return Fail(ERROR_NOT_SUPPORTED);
         const SidCopy copy(sid);
@@ -171,7 +170,7 @@ BOOL WINAPI LookupAccountSidA(LPCSTR system, PSID sid, LPSTR name, LPDWORD nameL
 
 BOOL WINAPI LookupAccountNameA(LPCSTR system, LPCSTR accountName, PSID sid, LPDWORD sidLength, LPSTR domain,
                                LPDWORD domainLength, PSID_NAME_USE use) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (accountName == nullptr || sidLength == nullptr || domainLength == nullptr || use == nullptr)
             return Fail(ERROR_INVALID_PARAMETER);
         if (system != nullptr) return Fail(ERROR_NOT_SUPPORTED);

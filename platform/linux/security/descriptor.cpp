@@ -1,18 +1,14 @@
 // Security descriptors of both forms.
 #include "security/records.h"
 
-#include "base/fail.h"
+#include "base/call.h"
 
 #include <securitybaseapi.h>
 
 #include <cstring>
 
+namespace oriel {
 namespace {
-
-using oriel::AclCopy;
-using oriel::DescriptorParts;
-using oriel::Fail;
-using oriel::SidCopy;
 
 // The descriptor when it is an absolute one that can be changed; null with the last error otherwise.
 SECURITY_DESCRIPTOR* Changeable(PSECURITY_DESCRIPTOR descriptor) {
@@ -57,6 +53,9 @@ struct PartCopies {
 };
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision) {
     if (revision != SECURITY_DESCRIPTOR_REVISION) return Fail(ERROR_UNKNOWN_REVISION);

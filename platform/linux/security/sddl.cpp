@@ -1,6 +1,5 @@
 // Security records as text. Keeps nothing.
-#include "base/export_guard.h"
-#include "base/fail.h"
+#include "base/call.h"
 #include "security/accounts.h"
 
 #include <sddl.h>
@@ -15,8 +14,7 @@
 #include <string>
 #include <vector>
 
-using namespace oriel;
-
+namespace oriel {
 namespace {
 
 // In the order in which rights are written.
@@ -212,6 +210,9 @@ BOOL Give(Pointer* to, const void* data, size_t size) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HLOCAL WINAPI LocalFree(HLOCAL memory) {
     std::free(memory);
@@ -219,7 +220,7 @@ HLOCAL WINAPI LocalFree(HLOCAL memory) {
 }
 
 BOOL WINAPI ConvertSidToStringSidA(PSID sid, LPSTR* text) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         const SidCopy copy(sid);
         if (!copy.Valid()) return Fail(ERROR_INVALID_SID);
         if (text == nullptr) return Fail(ERROR_INVALID_PARAMETER);
@@ -229,7 +230,7 @@ BOOL WINAPI ConvertSidToStringSidA(PSID sid, LPSTR* text) {
 }
 
 BOOL WINAPI ConvertStringSidToSidA(LPCSTR text, PSID* sid) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (text == nullptr || sid == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         const SidCopy parsed = SidOf(text);
         return parsed.Valid() ? Give(sid, parsed.bytes, parsed.length) : Fail(ERROR_INVALID_SID);
@@ -239,7 +240,7 @@ BOOL WINAPI ConvertStringSidToSidA(LPCSTR text, PSID* sid) {
 BOOL WINAPI ConvertSecurityDescriptorToStringSecurityDescriptorA(PSECURITY_DESCRIPTOR descriptor, DWORD revision,
                                                                  SECURITY_INFORMATION information, LPSTR* text,
                                                                  PULONG length) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (revision != SDDL_REVISION_1) return Fail(ERROR_UNKNOWN_REVISION);
         if (information != DACL_SECURITY_INFORMATION || text == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         const DescriptorParts parts(descriptor);
@@ -264,7 +265,7 @@ BOOL WINAPI ConvertSecurityDescriptorToStringSecurityDescriptorA(PSECURITY_DESCR
 
 BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorA(LPCSTR text, DWORD revision,
                                                                  PSECURITY_DESCRIPTOR* descriptor, PULONG size) {
-    return Undivided<BOOL>(FALSE, [&]() -> BOOL {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         if (revision != SDDL_REVISION_1) return Fail(ERROR_UNKNOWN_REVISION);
         if (text == nullptr || descriptor == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         std::vector<BYTE> list;

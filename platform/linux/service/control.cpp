@@ -1,6 +1,6 @@
 // Starting services and asking them to stop: calls that wait for another process, up to 30 seconds as Windows does.
+#include "base/call.h"
 #include "base/futex.h"
-#include "base/guarded.h"
 #include "service/handles.h"
 #include "service/record.h"
 
@@ -80,7 +80,7 @@ DWORD WaitForDispatcher(const Launch& launch) {
     for (;;) {
         const bool ended = WaitForSingleObject(launch.process.hProcess, kPollMs) == WAIT_OBJECT_0;
         ServiceState state;
-        const DWORD error = Guarded([&] { return ReadServiceState(launch.folded, &state); });
+        const DWORD error = CodeCall([&] { return ReadServiceState(launch.folded, &state); });
         if (error != ERROR_SUCCESS) return error;
         // One that was quick to stop again has started too.
         const bool ours = state.lastProcess == launch.process.dwProcessId;
@@ -122,7 +122,7 @@ DWORD WaitForReaction(const std::string& folded, LPSERVICE_STATUS status) {
     const int64_t deadline = DeadlineAfter(kLongestWaitMs);
     for (;;) {
         ServiceState state;
-        const DWORD error = Guarded([&] { return ReadServiceState(folded, &state); });
+        const DWORD error = CodeCall([&] { return ReadServiceState(folded, &state); });
         if (error != ERROR_SUCCESS) return error;
         *status = state.status;
         if (!state.running || state.status.dwCurrentState != SERVICE_RUNNING) return ERROR_SUCCESS;
@@ -138,7 +138,7 @@ using namespace oriel;
 
 BOOL WINAPI StartServiceA(SC_HANDLE service, DWORD argumentCount, LPCSTR*) {
     Launch launch;
-    DWORD error = Guarded([&]() -> DWORD {
+    DWORD error = CodeCall([&]() -> DWORD {
         const HandleUse<ServiceObject> use(service, kServiceType, SERVICE_START);
         if (!use) return GetLastError();
         if (argumentCount != 0) return ERROR_NOT_SUPPORTED;
@@ -155,7 +155,7 @@ BOOL WINAPI StartServiceA(SC_HANDLE service, DWORD argumentCount, LPCSTR*) {
 BOOL WINAPI ControlService(SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {
     std::string folded;
     SERVICE_STATUS now = {};
-    DWORD error = Guarded([&]() -> DWORD {
+    DWORD error = CodeCall([&]() -> DWORD {
         if (status == nullptr) return ERROR_INVALID_PARAMETER;
         if (control != SERVICE_CONTROL_STOP && control != SERVICE_CONTROL_INTERROGATE) return ERROR_INVALID_PARAMETER;
         const bool stop = control == SERVICE_CONTROL_STOP;

@@ -2,8 +2,7 @@
 //
 // State: the one service of the process, g_service. Signals are blocked and taken from a descriptor; nothing runs in a
 // signal handler.
-#include "base/errors.h"
-#include "base/guarded.h"
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "service/handles.h"
@@ -210,7 +209,7 @@ BOOL WINAPI StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
     BlockedSignals signals;
     if (signals.Get() < 0) return Succeeds(ERROR_NO_SYSTEM_RESOURCES);
     OwnService* service = nullptr;
-    DWORD error = Guarded([&] { return BecomeService(table, &service); });
+    DWORD error = CodeCall([&] { return BecomeService(table, &service); });
     if (error != ERROR_SUCCESS) return Succeeds(error);
     const HANDLE thread = CreateThread(nullptr, 0, RunMain, service, 0, nullptr);
     if (thread == nullptr) {
@@ -228,7 +227,7 @@ BOOL WINAPI StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
 }
 
 SERVICE_STATUS_HANDLE WINAPI RegisterServiceCtrlHandlerA(LPCSTR name, LPHANDLER_FUNCTION handler) {
-    const DWORD error = Guarded([&]() -> DWORD {
+    const DWORD error = CodeCall([&]() -> DWORD {
         if (name == nullptr || handler == nullptr) return ERROR_INVALID_PARAMETER;
         const std::string folded = FoldServiceName(name);
         LockHold hold(g_serviceLock);
@@ -240,7 +239,7 @@ SERVICE_STATUS_HANDLE WINAPI RegisterServiceCtrlHandlerA(LPCSTR name, LPHANDLER_
 }
 
 BOOL WINAPI SetServiceStatus(SERVICE_STATUS_HANDLE service, LPSERVICE_STATUS status) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         LockHold hold(g_serviceLock);
         if (service != kStatusHandle || g_service == nullptr || g_service->status.dwCurrentState == SERVICE_STOPPED)
             return ERROR_INVALID_HANDLE;

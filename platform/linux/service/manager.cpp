@@ -1,5 +1,5 @@
 // The service manager and the configuration of services. State: in the registry.
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "service/handles.h"
 #include "service/record.h"
@@ -115,7 +115,7 @@ using namespace oriel;
 
 SC_HANDLE WINAPI OpenSCManagerA(LPCSTR machine, LPCSTR database, DWORD access) {
     SC_HANDLE handle = nullptr;
-    const DWORD error = Guarded([&]() -> DWORD {
+    const DWORD error = CodeCall([&]() -> DWORD {
         if (machine != nullptr && *machine != '\0') return ERROR_NOT_SUPPORTED;
         if (database != nullptr && std::strcmp(database, SERVICES_ACTIVE_DATABASEA) != 0) return ERROR_INVALID_NAME;
         DWORD granted = 0;
@@ -130,14 +130,14 @@ SC_HANDLE WINAPI OpenSCManagerA(LPCSTR machine, LPCSTR database, DWORD access) {
 
 SC_HANDLE WINAPI OpenServiceA(SC_HANDLE manager, LPCSTR name, DWORD access) {
     SC_HANDLE handle = nullptr;
-    return Succeeds(Guarded([&] { return OpenNamedService(manager, name, access, &handle); })) ? handle : nullptr;
+    return Succeeds(CodeCall([&] { return OpenNamedService(manager, name, access, &handle); })) ? handle : nullptr;
 }
 
 SC_HANDLE WINAPI CreateServiceA(SC_HANDLE manager, LPCSTR name, LPCSTR displayName, DWORD access, DWORD type,
                                 DWORD start, DWORD errorControl, LPCSTR path, LPCSTR loadOrderGroup, LPDWORD tag,
                                 LPCSTR dependencies, LPCSTR account, LPCSTR password) {
     SC_HANDLE handle = nullptr;
-    const DWORD error = Guarded([&]() -> DWORD {
+    const DWORD error = CodeCall([&]() -> DWORD {
         const HandleUse<ManagerObject> use(manager, kManagerType, SC_MANAGER_CREATE_SERVICE);
         if (!use) return GetLastError();
         if (name == nullptr || loadOrderGroup != nullptr || tag != nullptr || dependencies != nullptr ||
@@ -151,7 +151,7 @@ SC_HANDLE WINAPI CreateServiceA(SC_HANDLE manager, LPCSTR name, LPCSTR displayNa
 }
 
 BOOL WINAPI DeleteService(SC_HANDLE service) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<ServiceObject> use(service, kServiceType, DELETE);
         if (!use) return GetLastError();
         const DWORD error = FindConfiguration(use->name);
@@ -169,7 +169,7 @@ BOOL WINAPI CloseServiceHandle(SC_HANDLE object) {
 }
 
 BOOL WINAPI QueryServiceStatus(SC_HANDLE service, LPSERVICE_STATUS status) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<ServiceObject> use(service, kServiceType, SERVICE_QUERY_STATUS);
         if (!use) return GetLastError();
         if (status == nullptr) return ERROR_INVALID_PARAMETER;

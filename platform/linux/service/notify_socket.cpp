@@ -42,9 +42,11 @@ void TellSupervisor(const char* line) {
 
 } // namespace oriel
 
+using namespace oriel;
+
 void WINAPI OrielTellSupervisor(LPCSTR line) {
     // Never destroyed: threads may outlive the end of main().
-    static const std::string& name = *new std::string(oriel::SocketName());
+    static const std::string& name = *new std::string(SocketName());
     unsetenv("NOTIFY_SOCKET");
-    if (line != nullptr) oriel::Send(name, line);
+    if (line != nullptr) Send(name, line);
 }

@@ -3,8 +3,8 @@
 // runs a service never opens that service's record again (OwnStatus).
 #include "service/record.h"
 
+#include "base/call.h"
 #include "base/directories.h"
-#include "base/errors.h"
 #include "base/futex.h"
 #include "registry/names.h"
 

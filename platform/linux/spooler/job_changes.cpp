@@ -1,7 +1,7 @@
 // Change notifications of the spooler, as the events that they are. No state.
 #include "spooler/job_changes.h"
 
-#include "base/guarded.h"
+#include "base/call.h"
 #include "spooler/printer_object.h"
 
 #include <handleapi.h>
@@ -44,7 +44,7 @@ using namespace oriel;
 
 HANDLE WINAPI FindFirstPrinterChangeNotification(HANDLE printer, DWORD filter, DWORD options, LPVOID notifyOptions) {
     HANDLE event = nullptr;
-    const DWORD error = Guarded([&]() -> DWORD {
+    const DWORD error = CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (filter != PRINTER_CHANGE_JOB || options != 0 || notifyOptions != nullptr) return ERROR_INVALID_PARAMETER;

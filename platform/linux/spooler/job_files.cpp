@@ -1,8 +1,8 @@
 // The files of jobs: their layout, who may do what, and how they come and go.
 #include "spooler/job_files.h"
 
+#include "base/call.h"
 #include "base/directories.h"
-#include "base/errors.h"
 #include "security/accounts.h"
 
 #include <algorithm>

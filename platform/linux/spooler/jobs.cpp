@@ -1,6 +1,5 @@
 // The spooler's calls on jobs and on documents that become jobs. State: the document that a handle spools.
-#include "base/errors.h"
-#include "base/guarded.h"
+#include "base/call.h"
 #include "spooler/job_changes.h"
 #include "spooler/job_record.h"
 #include "spooler/printer_object.h"
@@ -53,7 +52,7 @@ using namespace oriel;
 
 BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
                       LPDWORD returned) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (needed == nullptr || returned == nullptr) return ERROR_INVALID_PARAMETER;
@@ -72,7 +71,7 @@ BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD level, LPB
 }
 
 BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD command) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (level != 0) return ERROR_INVALID_LEVEL;
@@ -87,7 +86,7 @@ BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD
 
 DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record) {
     DWORD job = 0;
-    Succeeds(Guarded([&]() -> DWORD {
+    Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (level != 1) return ERROR_INVALID_LEVEL;
@@ -102,7 +101,7 @@ DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record) {
 }
 
 BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD written) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (written == nullptr || (buffer == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;
@@ -114,7 +113,7 @@ BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD writ
 }
 
 BOOL WINAPI EndDocPrinter(HANDLE printer) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         const std::lock_guard hold(open->documentLock);
@@ -126,7 +125,7 @@ BOOL WINAPI EndDocPrinter(HANDLE printer) {
 }
 
 BOOL WINAPI ReadPrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD readBytes) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, JOB_ACCESS_READ);
         if (!open) return GetLastError();
         if (readBytes == nullptr || (buffer == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;

@@ -1,5 +1,5 @@
 // The spooler's calls on printers. State: handles; the printers themselves are in the back ends.
-#include "base/guarded.h"
+#include "base/call.h"
 #include "registry/changes.h"
 #include "registry/names.h"
 #include "spooler/job_changes.h"
@@ -24,7 +24,7 @@ void DropPrinter(Object* object) {
     if (!LastReference(object)) return;
     auto* printer = static_cast<PrinterObject*>(object);
     // Without memory for it the job is left as one whose process died.
-    Guarded([printer]() -> DWORD {
+    CodeCall([printer]() -> DWORD {
         DropDocument(printer->document);
         return ERROR_SUCCESS;
     });
@@ -184,7 +184,7 @@ using namespace oriel;
 
 BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
                           LPDWORD returned) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         if (needed == nullptr || returned == nullptr || name != nullptr) return ERROR_INVALID_PARAMETER;
         *needed = 0;
         *returned = 0;
@@ -203,11 +203,11 @@ BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, D
 }
 
 BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults) {
-    return Succeeds(Guarded([&] { return OpenNamedPrinter(name, printer, defaults); }));
+    return Succeeds(CodeCall([&] { return OpenNamedPrinter(name, printer, defaults); }));
 }
 
 BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
         if (needed == nullptr) return ERROR_INVALID_PARAMETER;
@@ -219,7 +219,7 @@ BOOL WINAPI GetPrinterA(HANDLE printer, DWORD level, LPBYTE buffer, DWORD size, 
 }
 
 BOOL WINAPI ClosePrinter(HANDLE printer) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, 0);
         return open && CloseHandle(printer) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
     }));
@@ -227,7 +227,7 @@ BOOL WINAPI ClosePrinter(HANDLE printer) {
 
 HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record) {
     HANDLE handle = nullptr;
-    const DWORD error = Guarded([&]() -> DWORD {
+    const DWORD error = CodeCall([&]() -> DWORD {
         if (server != nullptr || record == nullptr) return ERROR_INVALID_PARAMETER;
         if (level != 2) return ERROR_INVALID_LEVEL;
         PRINTER_INFO_2A copy; // the caller's need not be aligned
@@ -238,7 +238,7 @@ HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record) {
 }
 
 BOOL WINAPI DeletePrinter(HANDLE printer) {
-    return Succeeds(Guarded([&]() -> DWORD {
+    return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_ADMINISTER);
         return open ? DeleteOpenPrinter(*open.Get()) : GetLastError(); // the use has set it
     }));

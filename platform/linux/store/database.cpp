@@ -1,8 +1,8 @@
 // Connections: how a file is trusted, opened, made and closed; and the errors of SQLite as those of the system.
 #include "store/database.h"
 
+#include "base/call.h"
 #include "base/directories.h"
-#include "base/errors.h"
 #include "base/futex.h"
 #include "base/lock.h"
 #include "base/steps.h"

@@ -1,8 +1,7 @@
 // The user's desktop: the window station of the process and the display behind it. No state; all is found in the
 // environment at each call.
+#include "base/call.h"
 #include "base/descriptor.h"
-#include "base/errors.h"
-#include "base/fail.h"
 
 #include <oriel_desktop.h>
 #include <winstation.h>
@@ -23,9 +22,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+namespace oriel {
 namespace {
-
-using oriel::Fail;
 
 constexpr char kDesktopStation[] = "WinSta0";
 constexpr char kNoStation[] = "none";
@@ -52,7 +50,7 @@ std::string StationName() {
 // False only when there is certainly nobody.
 bool SomebodyListens(const void* address, size_t size) {
     const auto* generic = static_cast<const sockaddr*>(address);
-    const oriel::Descriptor socket(::socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const Descriptor socket(::socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval second{.tv_sec = 1, .tv_usec = 0};
     if (!socket.IsOpen() || setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &second, sizeof second) != 0) return true;
     if (connect(socket.Get(), generic, static_cast<socklen_t>(size)) == 0) return true;
@@ -102,28 +100,27 @@ bool DisplayLives() {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HWINSTA WINAPI GetProcessWindowStation(void) {
-    try {
+    return Call<HWINSTA>(nullptr, [&]() -> HWINSTA {
         return StationName() != kNoStation ? kStation : Fail<HWINSTA>(ERROR_ACCESS_DENIED);
-    } catch (const std::bad_alloc&) {
-        return Fail<HWINSTA>(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 BOOL WINAPI GetUserObjectInformationA(HANDLE object, int index, PVOID information, DWORD length, LPDWORD lengthNeeded) {
     if (object != kStation) return Fail(ERROR_INVALID_HANDLE);
     if (index != UOI_NAME || (information == nullptr && length != 0)) return Fail(ERROR_INVALID_PARAMETER);
-    try {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         const std::string name = StationName();
         const size_t needed = name.size() + 1;
         if (lengthNeeded != nullptr) *lengthNeeded = static_cast<DWORD>(needed);
         if (length < needed) return Fail(ERROR_INSUFFICIENT_BUFFER);
         std::memcpy(information, name.c_str(), needed);
         return TRUE;
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 BOOL WINAPI OrielDesktopLives(void) {
@@ -135,5 +132,5 @@ BOOL WINAPI OrielDesktopLives(void) {
 }
 
 BOOL WINAPI OrielLeaveCreator(void) {
-    return daemon(0, 0) == 0 ? TRUE : Fail(oriel::SystemError(errno));
+    return daemon(0, 0) == 0 ? TRUE : Fail(SystemError(errno));
 }

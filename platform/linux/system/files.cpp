@@ -1,6 +1,5 @@
 // Files, as far as their existence and the name of the executable.
-#include "base/errors.h"
-#include "base/fail.h"
+#include "base/call.h"
 #include "kernel/handles.h"
 #include "text/paths.h"
 #include "text/strings.h"
@@ -20,22 +19,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace oriel {
 namespace {
 
-using oriel::Fail;
-
-struct FileObject : oriel::Object {
+struct FileObject : Object {
     int descriptor;
 };
 
-void DropFile(oriel::Object* object) {
-    if (!oriel::LastReference(object)) return;
+void DropFile(Object* object) {
+    if (!LastReference(object)) return;
     auto* file = static_cast<FileObject*>(object);
     close(file->descriptor);
     delete file;
 }
 
-constexpr oriel::ObjectType kFileType{.name = "file", .drop = DropFile};
+constexpr ObjectType kFileType{.name = "file", .drop = DropFile};
 
 HANDLE NoFile(DWORD error) {
     return Fail(error, INVALID_HANDLE_VALUE);
@@ -44,7 +42,7 @@ HANDLE NoFile(DWORD error) {
 // What Windows answers for a file that cannot be opened: a missing folder on the way is told from a missing file.
 DWORD OpenError(int error, const std::string& path) {
     if (error == ENOTDIR) return ERROR_PATH_NOT_FOUND;
-    if (error != ENOENT) return oriel::SystemError(error);
+    if (error != ENOENT) return SystemError(error);
     const size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     return access(folder.c_str(), F_OK) == 0 ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
@@ -64,7 +62,7 @@ HANDLE OpenFile(const std::string& path) {
         close(descriptor);
         return NoFile(ERROR_NOT_ENOUGH_MEMORY);
     }
-    HANDLE handle = oriel::NewHandle(file, GENERIC_READ);
+    HANDLE handle = NewHandle(file, GENERIC_READ);
     return handle != nullptr ? handle : INVALID_HANDLE_VALUE;
 }
 
@@ -81,6 +79,9 @@ std::string ExecutablePath() {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
                           DWORD disposition, DWORD attributes, HANDLE templateFile) {
@@ -88,30 +89,26 @@ HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECU
                        disposition == OPEN_EXISTING && templateFile == nullptr &&
                        (attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL | FILE_FLAG_NO_BUFFERING)) == 0;
     if (!asked || fileName == nullptr) return NoFile(ERROR_INVALID_PARAMETER);
-    try {
-        const std::string path = oriel::UnixPath(fileName);
+    return Call<HANDLE>(INVALID_HANDLE_VALUE, [&]() -> HANDLE {
+        const std::string path = UnixPath(fileName);
         return path.empty() ? NoFile(ERROR_INVALID_NAME) : OpenFile(path);
-    } catch (const std::bad_alloc&) {
-        return NoFile(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
     if (module != nullptr) return Fail<DWORD>(ERROR_MOD_NOT_FOUND);
     if (fileName == nullptr || size == 0) return Fail<DWORD>(ERROR_INSUFFICIENT_BUFFER);
-    try {
+    return Call<DWORD>(0, [&]() -> DWORD {
         std::string path = ExecutablePath();
         std::replace(path.begin(), path.end(), '/', '\\'); // in UTF-8, where no slash is part of another character
-        path = oriel::Utf8ToAnsi(path);
+        path = Utf8ToAnsi(path);
         if (path.empty()) return Fail<DWORD>(ERROR_PATH_NOT_FOUND);
         const size_t length = std::min<size_t>(path.size(), size - 1);
         std::memcpy(fileName, path.data(), length);
         fileName[length] = '\0';
         if (length == path.size()) return static_cast<DWORD>(length);
         return Fail(ERROR_INSUFFICIENT_BUFFER, size);
-    } catch (const std::bad_alloc&) {
-        return Fail<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 BOOL WINAPI DisableThreadLibraryCalls(HMODULE module) {

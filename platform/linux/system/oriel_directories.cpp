@@ -1,4 +1,5 @@
 // The directories of the layer, for programs above it. State: in directories.cpp.
+#include "base/call.h"
 #include <oriel_directories.h>
 
 #include "base/directories.h"
@@ -7,23 +8,25 @@
 #include <errhandlingapi.h>
 #include <winerror.h>
 
+using namespace oriel;
+
 const char* WINAPI OrielStateDirectory() {
-    return oriel::StateDirectoryName().c_str();
+    return StateDirectoryName().c_str();
 }
 
 const char* WINAPI OrielRuntimeDirectory() {
-    return oriel::RuntimeDirectoryName().c_str();
+    return RuntimeDirectoryName().c_str();
 }
 
 const char* WINAPI OrielScope() {
-    switch (oriel::TheScope()) {
-    case oriel::Scope::System:
+    switch (TheScope()) {
+    case Scope::System:
         return "system";
-    case oriel::Scope::User:
+    case Scope::User:
         return "user";
-    case oriel::Scope::Named:
+    case Scope::Named:
         return "";
-    case oriel::Scope::Wrong:
+    case Scope::Wrong:
         break;
     }
     return nullptr;
@@ -32,15 +35,14 @@ const char* WINAPI OrielScope() {
 BOOL WINAPI OrielChooseScope(const char* scope) {
     const bool system = std::strcmp(scope, "system") == 0;
     if (!system && std::strcmp(scope, "user") != 0) return FALSE;
-    return oriel::ChooseScope(system ? oriel::Scope::System : oriel::Scope::User);
+    return ChooseScope(system ? Scope::System : Scope::User);
 }
 
 void WINAPI OrielOnlyLook() {
-    oriel::OnlyLook();
+    OnlyLook();
 }
 
 BOOL WINAPI OrielClaimDirectories() {
-    if (oriel::ClaimDirectories()) return TRUE;
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
+    if (ClaimDirectories()) return TRUE;
+    return Fail(ERROR_ACCESS_DENIED);
 }

@@ -1,5 +1,5 @@
 // The user's profile, of which there is the section "Windows". Kept in the registry, as Windows NT keeps it.
-#include "base/fail.h"
+#include "base/call.h"
 
 #include <sysinfoapi.h>
 #include <winnls.h>
@@ -10,9 +10,8 @@
 #include <string>
 #include <string_view>
 
+namespace oriel {
 namespace {
-
-using oriel::Fail;
 
 constexpr const char* kWindowsSection = "Software\\Microsoft\\Windows NT\\CurrentVersion\\Windows";
 
@@ -52,11 +51,14 @@ std::string_view WithoutTrailingBlanks(std::string_view text) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultValue, LPSTR returned, DWORD size) {
     if (section == nullptr || keyName == nullptr || *keyName == '\0' || returned == nullptr || size == 0)
         return Fail<DWORD>(ERROR_INVALID_PARAMETER);
-    try {
+    return Call<DWORD>(0, [&]() -> DWORD {
         std::string stored;
         std::string_view text = WithoutTrailingBlanks(defaultValue != nullptr ? defaultValue : "");
         if (IsWindowsSection(section) && ReadText(keyName, stored)) text = WithoutQuotes(stored);
@@ -64,9 +66,7 @@ DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultVal
         std::memcpy(returned, text.data(), length);
         returned[length] = '\0';
         return static_cast<DWORD>(length);
-    } catch (const std::bad_alloc&) {
-        return Fail<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 BOOL WINAPI WriteProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR value) {

@@ -1,4 +1,5 @@
 // Standard streams: handles that are the numbers by which they are asked for. No state.
+#include "base/call.h"
 #include <errhandlingapi.h>
 #include <oriel_streams.h>
 #include <stdhandleapi.h>
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace oriel {
 namespace {
 
 // STDIN_FILENO and its two neighbours count up, STD_INPUT_HANDLE and its count down.
@@ -17,6 +19,9 @@ int DescriptorOf(DWORD stdHandle) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 HANDLE WINAPI GetStdHandle(DWORD stdHandle) {
     const int descriptor = DescriptorOf(stdHandle);
@@ -30,10 +35,8 @@ HANDLE WINAPI GetStdHandle(DWORD stdHandle) {
 
 BOOL WINAPI GetConsoleMode(HANDLE consoleHandle, LPDWORD mode) {
     const int descriptor = DescriptorOf(HandleToULong(consoleHandle));
-    if (descriptor < 0 || consoleHandle != ULongToHandle(HandleToULong(consoleHandle)) || !isatty(descriptor)) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    if (descriptor < 0 || consoleHandle != ULongToHandle(HandleToULong(consoleHandle)) || !isatty(descriptor))
+        return Fail(ERROR_INVALID_HANDLE);
     *mode = 0;
     return TRUE;
 }

@@ -1,13 +1,12 @@
 // The time of day, and its two forms. Keeps nothing.
-#include "base/fail.h"
+#include "base/call.h"
 
 #include <sysinfoapi.h>
 
 #include <chrono>
 
+namespace oriel {
 namespace {
-
-using oriel::Fail;
 
 namespace chrono = std::chrono;
 using Ticks = chrono::duration<uint64_t, std::ratio<1, 10'000'000>>; // of a FILETIME, 100 ns
@@ -48,6 +47,9 @@ SYSTEMTIME SystemTimeOf(Ticks ticks) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 void WINAPI GetSystemTimeAsFileTime(LPFILETIME systemTimeAsFileTime) {
     *systemTimeAsFileTime = FileTimeOf(Now());

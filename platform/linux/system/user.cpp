@@ -1,5 +1,5 @@
 // The user of the process, and its environment.
-#include "base/fail.h"
+#include "base/call.h"
 #include "security/accounts.h"
 
 #include <sysinfoapi.h>
@@ -9,30 +9,30 @@
 #include <string>
 #include <unistd.h>
 
+namespace oriel {
 namespace {
-
-using oriel::Fail;
 
 bool IsVariableName(LPCSTR name) {
     return name != nullptr && *name != '\0' && std::strchr(name, '=') == nullptr;
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size) {
     if (size == nullptr || (buffer == nullptr && *size != 0)) return Fail(ERROR_INVALID_PARAMETER);
-    try {
+    return Call<BOOL>(FALSE, [&]() -> BOOL {
         const char* set = std::getenv("ORIEL_LOGON_NAME");
-        const std::string name = set != nullptr && *set != '\0' ? std::string(set) : oriel::NameOfUser(geteuid());
+        const std::string name = set != nullptr && *set != '\0' ? std::string(set) : NameOfUser(geteuid());
         if (name.empty()) return Fail(ERROR_NONE_MAPPED);
         const DWORD room = *size;
         *size = static_cast<DWORD>(name.size() + 1);
         if (room <= name.size()) return Fail(ERROR_INSUFFICIENT_BUFFER);
         std::memcpy(buffer, name.c_str(), name.size() + 1);
         return TRUE;
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    });
 }
 
 DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {

@@ -1,5 +1,5 @@
 // The version of the emulated Windows. Kept in the environment or the registry, read at each call.
-#include "base/fail.h"
+#include "base/call.h"
 
 #include <sysinfoapi.h>
 #include <winreg.h>
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string_view>
 
+namespace oriel {
 namespace {
 
 struct Version {
@@ -99,12 +100,15 @@ bool FindVersion(Version& version) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 BOOL WINAPI GetVersionExA(LPOSVERSIONINFOA versionInformation) {
     if (versionInformation == nullptr || versionInformation->dwOSVersionInfoSize != sizeof(OSVERSIONINFOA))
-        return oriel::Fail(ERROR_INSUFFICIENT_BUFFER);
+        return Fail(ERROR_INSUFFICIENT_BUFFER);
     Version version;
-    if (!FindVersion(version)) return oriel::Fail(ERROR_INVALID_DATA);
+    if (!FindVersion(version)) return Fail(ERROR_INVALID_DATA);
     *versionInformation = {};
     versionInformation->dwOSVersionInfoSize = sizeof(OSVERSIONINFOA);
     versionInformation->dwMajorVersion = version.major;

@@ -62,12 +62,14 @@ const CodePage& AnsiCodePage() {
 
 } // namespace oriel
 
+using namespace oriel;
+
 UINT WINAPI GetACP(void) {
-    return oriel::AnsiCodePage().number;
+    return AnsiCodePage().number;
 }
 
 BOOL WINAPI IsDBCSLeadByteEx(UINT codePage, BYTE testChar) {
-    const oriel::CodePage* page = oriel::FindCodePage(codePage);
+    const CodePage* page = FindCodePage(codePage);
     return page != nullptr && page->pairs[testChar] != nullptr ? TRUE : FALSE;
 }
 

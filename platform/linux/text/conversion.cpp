@@ -1,6 +1,6 @@
 // MultiByteToWideChar and WideCharToMultiByte. ASCII goes eight characters at a time; the rest by the tables of the
 // code page.
-#include "base/fail.h"
+#include "base/call.h"
 #include "text/code_page.h"
 
 #include <winnls.h>
@@ -11,10 +11,8 @@
 #include <string>
 #include <type_traits>
 
+namespace oriel {
 namespace {
-
-using oriel::CodePage;
-using oriel::Fail;
 
 // Where the result goes: a buffer, or nowhere when only its size is asked for.
 template <typename Unit>
@@ -81,12 +79,15 @@ bool IsLowSurrogate(char16_t unit) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int multiByteLength, LPWSTR wide,
                                int wideLength) {
     const DWORD error = CheckBuffers(multiByte, multiByteLength, sizeof(char), wide, wideLength, sizeof(WCHAR));
     if (error != 0) return Fail<int>(error);
-    const CodePage* page = oriel::FindCodePage(codePage);
+    const CodePage* page = FindCodePage(codePage);
     if (page == nullptr) return Fail<int>(ERROR_INVALID_PARAMETER);
     const DWORD known = page->utf8 ? MB_ERR_INVALID_CHARS : MB_PRECOMPOSED | MB_ERR_INVALID_CHARS;
     if ((flags & ~known) != 0) return Fail<int>(ERROR_INVALID_FLAGS);
@@ -99,7 +100,7 @@ int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR multiByte, int
             at += CopyAscii(multiByte + at, size - at, output);
             if (at == size) break;
         }
-        const oriel::DecodedChar next = oriel::DecodeChar(*page, source + at, size - at);
+        const DecodedChar next = DecodeChar(*page, source + at, size - at);
         if (!next.valid && (flags & MB_ERR_INVALID_CHARS) != 0) return Fail<int>(ERROR_NO_UNICODE_TRANSLATION);
         WCHAR units[2] = {static_cast<WCHAR>(next.character)};
         size_t number = 1;
@@ -118,7 +119,7 @@ int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wid
                                int multiByteLength, LPCSTR defaultChar, LPBOOL usedDefaultChar) {
     const DWORD error = CheckBuffers(wide, wideLength, sizeof(WCHAR), multiByte, multiByteLength, sizeof(char));
     if (error != 0) return Fail<int>(error);
-    const CodePage* page = oriel::FindCodePage(codePage);
+    const CodePage* page = FindCodePage(codePage);
     if (page == nullptr) return Fail<int>(ERROR_INVALID_PARAMETER);
     if (page->utf8 && (defaultChar != nullptr || usedDefaultChar != nullptr)) return Fail<int>(ERROR_INVALID_PARAMETER);
     const DWORD known = page->utf8 ? 0 : WC_DEFAULTCHAR | WC_NO_BEST_FIT_CHARS;
@@ -142,10 +143,10 @@ int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wid
             character = 0x10000 + ((character & 0x3FF) << 10 | (wide[at + 1] & 0x3FF));
             units = 2;
         } else if (page->utf8 && (IsHighSurrogate(wide[at]) || IsLowSurrogate(wide[at]))) {
-            character = oriel::kReplacement;
+            character = kReplacement;
         }
         char bytes[4];
-        const unsigned length = oriel::EncodeChar(*page, character, bytes);
+        const unsigned length = EncodeChar(*page, character, bytes);
         if (length == 0) used = TRUE;
         const bool fits = length == 0 ? output.Put(replacement, replacementSize) : output.Put(bytes, length);
         if (!fits) return Fail<int>(ERROR_INSUFFICIENT_BUFFER);

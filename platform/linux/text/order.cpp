@@ -12,9 +12,9 @@
 #include <cstring>
 #include <string_view>
 
+namespace oriel {
 namespace {
 
-using oriel::CodePage;
 using std::string_view;
 
 // Weights by which characters of one kind stand together; each kind below begins where the one before it has ended.
@@ -145,7 +145,7 @@ public:
     Element Next() {
         while (m_at < m_text.size()) {
             const auto* bytes = reinterpret_cast<const unsigned char*>(m_text.data()) + m_at;
-            const oriel::DecodedChar next = oriel::DecodeChar(m_page, bytes, m_text.size() - m_at);
+            const DecodedChar next = DecodeChar(m_page, bytes, m_text.size() - m_at);
             m_at += next.length;
             // An invalid byte stands for itself, behind all characters.
             if (!next.valid) return {kInvalid + bytes[0], next.length == 2 ? bytes[1] : 0U};
@@ -157,7 +157,7 @@ public:
     }
 
 private:
-    const CodePage& m_page = oriel::AnsiCodePage();
+    const CodePage& m_page = AnsiCodePage();
     string_view m_text;
     Minor m_minor;
     size_t m_at = 0;
@@ -213,6 +213,9 @@ int Compare(LPCSTR string1, LPCSTR string2, bool withCase) {
 }
 
 } // namespace
+} // namespace oriel
+
+using namespace oriel;
 
 int WINAPI lstrcmpA(LPCSTR string1, LPCSTR string2) {
     return Compare(string1, string2, true);

@@ -4,13 +4,12 @@
 // change of the table ends the round. It waits through handles of its own, so callers may close theirs.
 #include <oriel_poll.h>
 
-#include "base/errors.h"
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 
-#include "base/export_guard.h"
 #include <errhandlingapi.h>
 #include <handleapi.h>
 #include <synchapi.h>
@@ -114,8 +113,7 @@ HANDLE DuplicateEvent(HANDLE event) {
     const HandlePin pin = PinHandle(event);
     if (pin.object == nullptr || std::strcmp(pin.object->type->name, "event") != 0) {
         if (pin.object != nullptr) UnpinHandle(pin);
-        SetLastError(ERROR_INVALID_HANDLE);
-        return nullptr;
+        return Fail(ERROR_INVALID_HANDLE, nullptr);
     }
     HANDLE own = nullptr;
     if ((pin.access & SYNCHRONIZE) == 0) {
@@ -149,7 +147,7 @@ constinit const ForkSteps kEventDescriptorsFork{
 using namespace oriel;
 
 int WINAPI OrielEventDescriptor(HANDLE event) {
-    return Undivided(-1, [=] {
+    return Call(-1, [=] {
         WatchForFork();
         const HANDLE own = DuplicateEvent(event);
         if (own == nullptr) return -1;
@@ -168,13 +166,12 @@ int WINAPI OrielEventDescriptor(HANDLE event) {
         }
         CloseHandle(own);
         if (descriptor >= 0) close(descriptor);
-        SetLastError(error);
-        return -1;
+        return Fail(error, -1);
     });
 }
 
 BOOL WINAPI OrielRearmEventDescriptor(int descriptor) {
-    return Undivided<BOOL>(FALSE, [=] {
+    return Call<BOOL>(FALSE, [=] {
         EventTable& table = Table();
         const LockHold hold(table.lock);
         for (WatchedEvent& watched : table.events) {
@@ -185,13 +182,12 @@ BOOL WINAPI OrielRearmEventDescriptor(int descriptor) {
             SetEvent(table.changed);
             return TRUE;
         }
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
+        return Fail(ERROR_INVALID_HANDLE);
     });
 }
 
 BOOL WINAPI OrielCloseEventDescriptor(int descriptor) {
-    return Undivided<BOOL>(FALSE, [=] {
+    return Call<BOOL>(FALSE, [=] {
         EventTable& table = Table();
         HANDLE event = nullptr;
         uint32_t round = 0;
@@ -200,10 +196,7 @@ BOOL WINAPI OrielCloseEventDescriptor(int descriptor) {
             const auto found = std::find_if(table.events.begin(), table.events.end(), [=](const WatchedEvent& watched) {
                 return watched.descriptor == descriptor;
             });
-            if (found == table.events.end()) {
-                SetLastError(ERROR_INVALID_HANDLE);
-                return FALSE;
-            }
+            if (found == table.events.end()) return Fail(ERROR_INVALID_HANDLE);
             event = found->event;
             table.events.erase(found);
             round = table.rounds.load();

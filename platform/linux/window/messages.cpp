@@ -1,7 +1,7 @@
 // Posting, reading and dispatching messages.
 #include "window/messages.h"
 
-#include "base/export_guard.h"
+#include "base/call.h"
 #include "window/thread_queue.h"
 #include "window/window_files.h"
 #include <errhandlingapi.h>
@@ -92,14 +92,9 @@ Found Next(MSG* message, const Filter& filter, bool remove, bool wait) {
 } // namespace
 
 bool CheckMessage(HWND window, UINT message) {
-    if (message > kHighestMessage) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return false;
-    }
-    if (std::binary_search(std::begin(kPointerMessages), std::end(kPointerMessages), message)) {
-        SetLastError(ERROR_MESSAGE_SYNC_ONLY);
-        return false;
-    }
+    if (message > kHighestMessage) return Fail(ERROR_INVALID_PARAMETER, false);
+    if (std::binary_search(std::begin(kPointerMessages), std::end(kPointerMessages), message))
+        return Fail(ERROR_MESSAGE_SYNC_ONLY, false);
     if (!IsWindowNumber(window)) SetLastError(ERROR_INVALID_WINDOW_HANDLE);
     return IsWindowNumber(window);
 }
@@ -120,7 +115,7 @@ PipeMessage MakePipeMessage(HWND window, UINT message, WPARAM wParam, LPARAM lPa
 using namespace oriel;
 
 BOOL WINAPI PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-    return Undivided<BOOL>(FALSE, [=] {
+    return Call<BOOL>(FALSE, [=] {
         if (!CheckMessage(window, message)) return FALSE;
         const Descriptor fifo = OpenFifo(Fifo::Queue, HandleNumber(window));
         if (!fifo.IsOpen()) return FALSE;
@@ -128,29 +123,24 @@ BOOL WINAPI PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam
         case PipeWrite::Written:
             return TRUE;
         case PipeWrite::Full:
-            SetLastError(ERROR_NOT_ENOUGH_QUOTA);
-            return FALSE;
+            return Fail(ERROR_NOT_ENOUGH_QUOTA);
         case PipeWrite::Gone:
             break;
         }
-        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-        return FALSE;
+        return Fail(ERROR_INVALID_WINDOW_HANDLE);
     });
 }
 
 BOOL WINAPI GetMessageA(LPMSG message, HWND window, UINT filterMin, UINT filterMax) {
-    return WithoutExceptions<BOOL>(-1, [=]() -> BOOL {
+    return WaitingCall<BOOL>(-1, [=]() -> BOOL {
         if (Next(message, {window, filterMin, filterMax}, true, true) == Found::Failure) return -1;
         return message->message != WM_QUIT;
     });
 }
 
 BOOL WINAPI PeekMessageA(LPMSG message, HWND window, UINT filterMin, UINT filterMax, UINT remove) {
-    return WithoutExceptions<BOOL>(FALSE, [=]() -> BOOL {
-        if (remove != PM_NOREMOVE && remove != PM_REMOVE) {
-            SetLastError(ERROR_INVALID_FLAGS);
-            return FALSE;
-        }
+    return WaitingCall<BOOL>(FALSE, [=]() -> BOOL {
+        if (remove != PM_NOREMOVE && remove != PM_REMOVE) return Fail(ERROR_INVALID_FLAGS);
         return Next(message, {window, filterMin, filterMax}, remove == PM_REMOVE, false) == Found::Message;
     });
 }
@@ -164,7 +154,7 @@ LRESULT WINAPI DispatchMessageA(const MSG* message) {
 }
 
 void WINAPI PostQuitMessage(int exitCode) {
-    Undivided<bool>(false, [=] {
+    Call<bool>(false, [=] {
         ThreadQueue* queue = MakeOwnQueue();
         if (queue == nullptr) return false;
         queue->quit = true;

@@ -3,7 +3,7 @@
 
 #include "base/futex.h"
 
-#include "base/export_guard.h"
+#include "base/call.h"
 #include "window/thread_queue.h"
 #include "window/window_files.h"
 #include <errhandlingapi.h>
@@ -95,21 +95,15 @@ using namespace oriel;
 
 LRESULT WINAPI SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT flags, UINT timeout,
                                    DWORD_PTR* result) {
-    return WithoutExceptions<LRESULT>(FALSE, [=]() -> LRESULT {
-        if (flags != SMTO_NORMAL && flags != SMTO_BLOCK) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return FALSE;
-        }
+    return WaitingCall<LRESULT>(FALSE, [=]() -> LRESULT {
+        if (flags != SMTO_NORMAL && flags != SMTO_BLOCK) return Fail(ERROR_INVALID_PARAMETER);
         LRESULT answer = 0;
         if (const std::shared_ptr<Window> own = FindOwnWindow(OwnQueue(), window)) {
             answer = own->procedure(window, message, wParam, lParam);
         } else {
             if (!CheckMessage(window, message)) return FALSE;
             const DWORD error = Send(MakePipeMessage(window, message, wParam, lParam), flags, timeout, answer);
-            if (error != ERROR_SUCCESS) {
-                SetLastError(error);
-                return FALSE;
-            }
+            if (error != ERROR_SUCCESS) return Fail(error);
         }
         if (result != nullptr) *result = static_cast<DWORD_PTR>(answer);
         return TRUE;

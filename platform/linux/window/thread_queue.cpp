@@ -4,7 +4,7 @@
 #include "base/lock.h"
 #include "base/steps.h"
 
-#include "base/export_guard.h"
+#include "base/call.h"
 #include "window/window_files.h"
 #include <errhandlingapi.h>
 #include <oriel_poll.h>
@@ -103,10 +103,8 @@ ThreadQueue* MakeOwnQueue() {
     queue->threadId = GetCurrentThreadId();
     queue->poll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
     queue->bell = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!queue->poll.IsOpen() || !queue->bell.IsOpen() || !Watch(*queue, queue->bell.Get())) {
-        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
-        return nullptr;
-    }
+    if (!queue->poll.IsOpen() || !queue->bell.IsOpen() || !Watch(*queue, queue->bell.Get()))
+        return Fail(ERROR_TOO_MANY_OPEN_FILES, nullptr);
     WatchForFork();
     static const int atExit = std::atexit(RemoveAllWindows);
     (void)atExit;            // without memory for it, the next finder removes them
@@ -125,10 +123,7 @@ std::shared_ptr<Window> FindOwnWindow(ThreadQueue* queue, HWND handle) {
 }
 
 bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window) {
-    if (!Watch(queue, window->fifo.Get())) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return false;
-    }
+    if (!Watch(queue, window->fifo.Get())) return Fail(ERROR_NOT_ENOUGH_MEMORY, false);
     const LockHold hold(Queues().lock);
     queue.windows.push_back(window);
     return true;
@@ -217,7 +212,7 @@ void SetBell(ThreadQueue& queue, bool ring) {
 
 int WINAPI OrielWindowQueueDescriptor() {
     using namespace oriel;
-    return WithoutExceptions(-1, [] {
+    return WaitingCall(-1, [] {
         const ThreadQueue* queue = MakeOwnQueue();
         return queue != nullptr ? queue->poll.Get() : -1;
     });

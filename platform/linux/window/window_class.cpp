@@ -4,7 +4,7 @@
 #include "base/lock.h"
 #include "base/steps.h"
 
-#include "base/export_guard.h"
+#include "base/call.h"
 #include <errhandlingapi.h>
 #include <winnls.h>
 
@@ -85,7 +85,7 @@ void ClassUse::Release() {
 using namespace oriel;
 
 ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass) {
-    return Undivided<ATOM>(0, [=]() -> ATOM {
+    return Call<ATOM>(0, [=]() -> ATOM {
         const WNDCLASSEXA* c = windowClass;
         if (c == nullptr || c->cbSize != sizeof *c || c->lpfnWndProc == nullptr || !IsClassName(c->lpszClassName) ||
             c->style != 0 || c->cbClsExtra != 0 || c->cbWndExtra != 0 || c->hIcon != nullptr || c->hCursor != nullptr ||
@@ -111,14 +111,12 @@ ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass) {
 }
 
 BOOL WINAPI UnregisterClassA(LPCSTR className, HINSTANCE instance) {
-    return Undivided<BOOL>(FALSE, [=] {
+    return Call<BOOL>(FALSE, [=] {
         ClassTable& table = Classes();
         const LockHold hold(table.lock);
         const auto found = IsClassName(className) ? FindClass(table, className, instance) : table.classes.end();
-        if (found == table.classes.end() || found->windows != 0) {
-            SetLastError(found == table.classes.end() ? ERROR_CLASS_DOES_NOT_EXIST : ERROR_CLASS_HAS_WINDOWS);
-            return FALSE;
-        }
+        if (found == table.classes.end() || found->windows != 0)
+            return Fail(found == table.classes.end() ? ERROR_CLASS_DOES_NOT_EXIST : ERROR_CLASS_HAS_WINDOWS);
         table.classes.erase(found);
         return TRUE;
     });

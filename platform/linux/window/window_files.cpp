@@ -2,8 +2,8 @@
 // as hostile input: type, owner, mode, links, size, magic, terminated text.
 #include "window/window_files.h"
 
+#include "base/call.h"
 #include "base/directories.h"
-#include "base/errors.h"
 #include "base/lock.h"
 
 #include <errhandlingapi.h>

@@ -3,7 +3,7 @@
 
 #include "base/futex.h"
 
-#include "base/export_guard.h"
+#include "base/call.h"
 #include "window/thread_queue.h"
 #include "window/window_files.h"
 #include <errhandlingapi.h>
@@ -52,8 +52,7 @@ HWND Create(ThreadQueue& queue, ClassUse windowClass, const char* title) {
 // A record of a living window, for the calls that ask about one.
 bool Describe(HWND window, WindowRecord& record) {
     if (IsWindowNumber(window)) return ReadWindow(HandleNumber(window), record);
-    SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-    return false;
+    return Fail(ERROR_INVALID_WINDOW_HANDLE, false);
 }
 
 int CopyText(const char* text, LPSTR buffer, int size) {
@@ -79,14 +78,12 @@ using namespace oriel;
 
 HWND WINAPI CreateWindowExA(DWORD exStyle, LPCSTR className, LPCSTR windowName, DWORD style, int x, int y, int width,
                             int height, HWND parent, HMENU menu, HINSTANCE instance, LPVOID parameter) {
-    return Undivided<HWND>(nullptr, [=]() -> HWND {
+    return Call<HWND>(nullptr, [=]() -> HWND {
         const char* title = windowName != nullptr ? windowName : "";
         if (exStyle != 0 || style != WS_OVERLAPPED || !IsPlain(x) || !IsPlain(y) || !IsPlain(width) ||
             !IsPlain(height) || parent != nullptr || menu != nullptr || parameter != nullptr ||
-            strnlen(title, ORIEL_MAX_WINDOW_TEXT + 1) > ORIEL_MAX_WINDOW_TEXT) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return nullptr;
-        }
+            strnlen(title, ORIEL_MAX_WINDOW_TEXT + 1) > ORIEL_MAX_WINDOW_TEXT)
+            return Fail(ERROR_INVALID_PARAMETER, nullptr);
         ThreadQueue* queue = MakeOwnQueue();
         if (queue == nullptr) return nullptr;
         ClassUse windowClass(className, instance);
@@ -95,13 +92,11 @@ HWND WINAPI CreateWindowExA(DWORD exStyle, LPCSTR className, LPCSTR windowName, 
 }
 
 BOOL WINAPI DestroyWindow(HWND handle) {
-    return WithoutExceptions<BOOL>(FALSE, [=] {
+    return WaitingCall<BOOL>(FALSE, [=] {
         ThreadQueue* queue = OwnQueue();
         const std::shared_ptr<Window> window = FindOwnWindow(queue, handle);
-        if (window == nullptr || window->destroying) {
-            SetLastError(window == nullptr && IsWindow(handle) ? ERROR_ACCESS_DENIED : ERROR_INVALID_WINDOW_HANDLE);
-            return FALSE;
-        }
+        if (window == nullptr || window->destroying)
+            return Fail(window == nullptr && IsWindow(handle) ? ERROR_ACCESS_DENIED : ERROR_INVALID_WINDOW_HANDLE);
         window->destroying = true;
         window->procedure(handle, WM_DESTROY, 0, 0);
         DropWindow(*queue, window);
@@ -115,12 +110,9 @@ LRESULT WINAPI DefWindowProcA(HWND window, UINT message, WPARAM, LPARAM) {
 }
 
 HWND WINAPI FindWindowA(LPCSTR className, LPCSTR windowName) {
-    return Undivided<HWND>(nullptr, [=]() -> HWND {
+    return Call<HWND>(nullptr, [=]() -> HWND {
         const auto number = reinterpret_cast<ULONG_PTR>(className);
-        if (number != 0 && number < 0x10000) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return nullptr;
-        }
+        if (number != 0 && number < 0x10000) return Fail(ERROR_INVALID_PARAMETER, nullptr);
         DWORD handle = 0;
         ULONGLONG created = 0;
         VisitWindows([&](const WindowRecord& record) {
@@ -136,11 +128,8 @@ HWND WINAPI FindWindowA(LPCSTR className, LPCSTR windowName) {
 }
 
 BOOL WINAPI EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
-    return WithoutExceptions<BOOL>(FALSE, [=] {
-        if (procedure == nullptr) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return FALSE;
-        }
+    return WaitingCall<BOOL>(FALSE, [=] {
+        if (procedure == nullptr) return Fail(ERROR_INVALID_PARAMETER);
         struct Entry {
             ULONGLONG created;
             HWND window;
@@ -157,15 +146,15 @@ BOOL WINAPI EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
 }
 
 int WINAPI GetClassNameA(HWND window, LPSTR buffer, int size) {
-    return Undivided(0, [=] { return GetText(window, &WindowRecord::className, buffer, size); });
+    return Call(0, [=] { return GetText(window, &WindowRecord::className, buffer, size); });
 }
 
 int WINAPI GetWindowTextA(HWND window, LPSTR buffer, int size) {
-    return Undivided(0, [=] { return GetText(window, &WindowRecord::title, buffer, size); });
+    return Call(0, [=] { return GetText(window, &WindowRecord::title, buffer, size); });
 }
 
 DWORD WINAPI GetWindowThreadProcessId(HWND window, LPDWORD processId) {
-    return Undivided<DWORD>(0, [=]() -> DWORD {
+    return Call<DWORD>(0, [=]() -> DWORD {
         WindowRecord record;
         if (!Describe(window, record)) return 0;
         if (processId != nullptr) *processId = record.processId;
@@ -174,6 +163,6 @@ DWORD WINAPI GetWindowThreadProcessId(HWND window, LPDWORD processId) {
 }
 
 BOOL WINAPI IsWindow(HWND window) {
-    return Undivided<BOOL>(
-        FALSE, [=] { return IsWindowNumber(window) && OpenFifo(Fifo::Queue, HandleNumber(window)).IsOpen(); });
+    return Call<BOOL>(FALSE,
+                      [=] { return IsWindowNumber(window) && OpenFifo(Fifo::Queue, HandleNumber(window)).IsOpen(); });
 }

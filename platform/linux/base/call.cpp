@@ -1,5 +1,5 @@
 // The last error of each thread, and the last errors that stand for the errors of Linux calls.
-#include "base/errors.h"
+#include "base/call.h"
 
 #include <cerrno>
 #include <errhandlingapi.h>
