@@ -1,6 +1,6 @@
 // The entry of a library: this test program is one, with the platform's entry file compiled in. Its DllMain runs before
 // main() and after it.
-#include "../../platform/linux/dll_entry/dll_entry.cpp"
+#include "../../platform/dll_entry/dll_entry.cpp"
 
 #include "memory_kit.h"
 #include "test_process.h"
