@@ -1,6 +1,6 @@
 /* Printers and jobs of the print spooler. Win32, "Print Spooler API Functions".
  *
- * There are two sources of printers. The embedded spool is a database in the state directory (spooler/store.h) that all
+ * There are two sources of printers. The embedded spool is a database in the state directory (spooler/embedded.h) that all
  * users of the machine read; its jobs are files of their users (spooler/job_files.h). A printer of it whose name starts
  * with two backslashes is a connection to another machine's; the others are local, and have their driver and port also
  * in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>" (backslashes of the name as commas),

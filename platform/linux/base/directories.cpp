@@ -1,18 +1,22 @@
-// The state and run directories. State: the scope and the two names, found once; whether each directory was seen to be
-// there and safe; whether this process only looks.
+// The state and run directories, for the layer and for programs above it. State: the scope and the two names, found
+// once; whether each directory was seen to be there and safe; whether this process only looks.
 #include "base/directories.h"
+
+#include "base/call.h"
+#include "base/descriptor.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <errhandlingapi.h>
 #include <fcntl.h>
+#include <oriel_directories.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "base/descriptor.h"
+#include <winerror.h>
 
 namespace oriel {
-
 namespace {
 
 constexpr const char* kRuntimeFolders[] = {"objects", "rpc", "services", "windows"};
@@ -255,3 +259,42 @@ bool ClaimDirectories() {
 }
 
 } // namespace oriel
+
+using namespace oriel;
+
+const char* WINAPI OrielStateDirectory() {
+    return StateDirectoryName().c_str();
+}
+
+const char* WINAPI OrielRuntimeDirectory() {
+    return RuntimeDirectoryName().c_str();
+}
+
+const char* WINAPI OrielScope() {
+    switch (TheScope()) {
+    case Scope::System:
+        return "system";
+    case Scope::User:
+        return "user";
+    case Scope::Named:
+        return "";
+    case Scope::Wrong:
+        break;
+    }
+    return nullptr;
+}
+
+BOOL WINAPI OrielChooseScope(const char* scope) {
+    const bool system = std::strcmp(scope, "system") == 0;
+    if (!system && std::strcmp(scope, "user") != 0) return FALSE;
+    return ChooseScope(system ? Scope::System : Scope::User);
+}
+
+void WINAPI OrielOnlyLook() {
+    OnlyLook();
+}
+
+BOOL WINAPI OrielClaimDirectories() {
+    if (ClaimDirectories()) return TRUE;
+    return Fail(ERROR_ACCESS_DENIED);
+}

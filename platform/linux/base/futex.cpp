@@ -1,8 +1,10 @@
 // The futex system calls, with a bounded polling wait where the kernel cannot sleep on several words at once.
 //
 // State: whether futex_waitv works, found out once. ORIEL_NO_FUTEX_WAITV=1 in the environment says that it does not,
-// which is how the other way is tested.
+// which is how the other way is tested. The one instance of the time limits.
 #include "base/futex.h"
+
+#include "base/timings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +16,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
 namespace {
 
 // Without futex_waitv: how long a sleep on one word may overlook the second one (the sleeper's own, changed only by its
@@ -123,5 +124,7 @@ bool OrAndWakeAll(Word& word, uint32_t bits, bool shared) {
 bool AddAndWakeAll(Word& word, uint32_t amount, bool shared) {
     return ChangeAndWakeAll(word, FUTEX_OP_ADD, amount, shared);
 }
+
+Timings g_timings;
 
 } // namespace oriel

@@ -4,12 +4,12 @@
 #include <pthread.h>
 
 namespace oriel {
-
 namespace {
 
 constexpr const ForkSteps* kForkSteps[] = {
-    &kServiceFork, &kStoresFork, &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,  &kRpcFork,
-    &kNamesFork,   &kViewsFork,  &kReaperFork,           &kConsoleFork,       &kImpersonationFork, &kHandlesFork,
+    &kServiceFork,   &kStoresFork,    &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,
+    &kRpcClientFork, &kRpcServerFork, &kRpcInterfacesFork,    &kRpcGroupsFork,     &kNamesFork,
+    &kViewsFork,     &kReaperFork,    &kConsoleFork,          &kImpersonationFork, &kHandlesFork,
     &kThreadFork};
 
 constexpr StoppedThreadStep* kStoppedThreadSteps[] = {&DropWindowsOfStoppedThread};

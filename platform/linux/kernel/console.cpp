@@ -1,4 +1,5 @@
-// SetConsoleCtrlHandler: SIGINT and SIGTERM as console events.
+// The console: SIGINT and SIGTERM as console events, and the standard streams, whose handles are the numbers by which
+// they are asked for.
 //
 // The signal handler writes one byte to a pipe; a thread reads it and runs the handlers, so that they may do what they
 // like.
@@ -15,11 +16,13 @@
 #include <csignal>
 #include <errhandlingapi.h>
 #include <fcntl.h>
+#include <oriel_streams.h>
 #include <pthread.h>
+#include <stdhandleapi.h>
 #include <unistd.h>
+#include <winerror.h>
 
 namespace oriel {
-
 namespace {
 
 constexpr uint32_t kMostHandlers = 16;
@@ -154,6 +157,15 @@ DWORD RemoveHandler(PHANDLER_ROUTINE handler) {
 
 const ForkSteps kConsoleFork{TakeForFork<g_consoleLock>, ReleaseAfterFork<g_consoleLock>, ForgetConsole};
 
+namespace {
+
+// STDIN_FILENO and its two neighbours count up, STD_INPUT_HANDLE and its count down.
+int DescriptorOf(DWORD stdHandle) {
+    const DWORD descriptor = STD_INPUT_HANDLE - stdHandle;
+    return descriptor <= STDERR_FILENO ? static_cast<int>(descriptor) : -1;
+}
+
+} // namespace
 } // namespace oriel
 
 using namespace oriel;
@@ -163,4 +175,26 @@ BOOL WINAPI SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add) {
     if (handler != nullptr) error = add ? AddHandler(handler) : RemoveHandler(handler);
     if (error == ERROR_SUCCESS) return TRUE;
     return Fail(error);
+}
+
+HANDLE WINAPI GetStdHandle(DWORD stdHandle) {
+    const int descriptor = DescriptorOf(stdHandle);
+    if (descriptor < 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (fcntl(descriptor, F_GETFD) < 0) return nullptr;
+    return ULongToHandle(stdHandle);
+}
+
+BOOL WINAPI GetConsoleMode(HANDLE consoleHandle, LPDWORD mode) {
+    const int descriptor = DescriptorOf(HandleToULong(consoleHandle));
+    if (descriptor < 0 || consoleHandle != ULongToHandle(HandleToULong(consoleHandle)) || !isatty(descriptor))
+        return Fail(ERROR_INVALID_HANDLE);
+    *mode = 0;
+    return TRUE;
+}
+
+void WINAPI OrielFailOnClosedPipes() {
+    std::signal(SIGPIPE, SIG_IGN);
 }

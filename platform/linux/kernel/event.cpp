@@ -13,7 +13,7 @@
 #include "base/call.h"
 #include "kernel/named_object.h"
 
-#include "security/everyone.h"
+#include "security/records.h"
 
 #include <errhandlingapi.h>
 #include <new>

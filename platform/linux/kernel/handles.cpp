@@ -16,7 +16,6 @@
 #include <processthreadsapi.h>
 
 namespace oriel {
-
 namespace {
 
 constexpr uint32_t kSlotBits = 16;

@@ -15,7 +15,7 @@
 #include "kernel/named_object.h"
 #include "kernel/thread.h"
 
-#include "security/everyone.h"
+#include "security/records.h"
 
 #include <cerrno>
 #include <errhandlingapi.h>

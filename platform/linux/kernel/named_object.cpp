@@ -24,7 +24,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
 namespace {
 
 constexpr uint32_t kMark = 0x316A624F; // "Obj1"

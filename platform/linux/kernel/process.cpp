@@ -1,21 +1,21 @@
-// Processes: CreateProcessA, OpenProcess, exit codes.
+// Processes: CreateProcessA, OpenProcess, exit codes; the memory of the own one under the fault guard.
 //
 // State: a record per process with a handle; a descriptor of the process (pidfd) names it, so that a process number
 // that the system has given to another process since is never mistaken for it.
 #include "kernel/process.h"
 
 #include "base/call.h"
-#include "kernel/command_line.h"
 #include "kernel/named_object.h"
-#include "security/impersonation.h"
-#include "text/paths.h"
-#include "text/strings.h"
+#include "memory/guard.h"
+#include "security/credentials.h"
+#include "text/names.h"
 
 #include <cerrno>
 #include <csignal>
 #include <errhandlingapi.h>
 #include <fcntl.h>
 #include <handleapi.h>
+#include <memoryapi.h>
 #include <new>
 #include <processthreadsapi.h>
 #include <spawn.h>
@@ -29,6 +29,64 @@
 extern char** environ;
 
 namespace oriel {
+namespace {
+
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+std::string FirstWord(const char*& next) {
+    std::string word;
+    if (*next == '"') {
+        ++next;
+        while (*next != '\0' && *next != '"')
+            word += *next++;
+        if (*next == '"') ++next;
+        return word;
+    }
+    while (*next != '\0' && !IsBlank(*next))
+        word += *next++;
+    return word;
+}
+
+std::string Argument(const char*& next) {
+    std::string word;
+    bool quoted = false;
+    while (*next != '\0' && (quoted || !IsBlank(*next))) {
+        size_t backslashes = 0;
+        for (; *next == '\\'; ++next)
+            ++backslashes;
+        if (*next != '"') {
+            word.append(backslashes, '\\');
+            if (backslashes == 0) word += *next++;
+            continue;
+        }
+        word.append(backslashes / 2, '\\');
+        if (backslashes % 2 != 0 || (quoted && next[1] == '"')) {
+            word += '"';
+            if (backslashes % 2 == 0) ++next;
+        } else {
+            quoted = !quoted;
+        }
+        ++next;
+    }
+    return word;
+}
+
+} // namespace
+
+std::vector<std::string> DivideCommandLine(const char* commandLine) {
+    const char* next = commandLine;
+    while (IsBlank(*next))
+        ++next;
+    std::vector<std::string> words{FirstWord(next)};
+    for (;;) {
+        while (IsBlank(*next))
+            ++next;
+        if (*next == '\0') return words;
+        words.push_back(Argument(next));
+    }
+}
 
 namespace {
 
@@ -167,8 +225,18 @@ BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPRO
     return error == 0 ? GiveHandles(id, information) : Fail(SpawnError(error, path));
 }
 
-} // namespace
+BOOL Report(bool whole, size_t copied, SIZE_T* count) {
+    if (count != nullptr) *count = copied;
+    if (!whole) SetLastError(copied > 0 ? ERROR_PARTIAL_COPY : ERROR_NOACCESS);
+    return whole ? TRUE : FALSE;
+}
 
+bool IsOwnProcess(HANDLE process) {
+    if (process == GetCurrentProcess()) return true;
+    return Fail(process == nullptr ? ERROR_INVALID_HANDLE : ERROR_NOT_SUPPORTED, false);
+}
+
+} // namespace
 } // namespace oriel
 
 using namespace oriel;
@@ -231,4 +299,18 @@ BOOL WINAPI TerminateProcess(HANDLE handle, UINT exitCode) {
     process->exitCodeGiven.store(exitCode);
     if (syscall(SYS_pidfd_send_signal, process->descriptor, SIGKILL, nullptr, 0) != 0) return Fail(ERROR_ACCESS_DENIED);
     return TRUE;
+}
+
+BOOL WINAPI ReadProcessMemory(HANDLE process, LPCVOID baseAddress, LPVOID buffer, SIZE_T size, SIZE_T* bytesRead) {
+    if (!IsOwnProcess(process)) return FALSE;
+    size_t copied = 0;
+    const bool whole = GuardedRead(buffer, baseAddress, size, &copied);
+    return Report(whole, copied, bytesRead);
+}
+
+BOOL WINAPI WriteProcessMemory(HANDLE process, LPVOID baseAddress, LPCVOID buffer, SIZE_T size, SIZE_T* bytesWritten) {
+    if (!IsOwnProcess(process)) return FALSE;
+    size_t copied = 0;
+    const bool whole = GuardedWrite(baseAddress, buffer, size, &copied);
+    return Report(whole, copied, bytesWritten);
 }

@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
 namespace {
 
 constinit Lock g_reaperLock;

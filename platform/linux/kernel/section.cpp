@@ -8,7 +8,7 @@
 #include "base/steps.h"
 #include "kernel/named_object.h"
 
-#include "security/everyone.h"
+#include "security/records.h"
 
 #include <cerrno>
 #include <errhandlingapi.h>
@@ -20,7 +20,6 @@
 using namespace oriel;
 
 namespace oriel {
-
 namespace {
 
 constexpr DWORD kLargestSize = 65536;

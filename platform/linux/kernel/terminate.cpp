@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
 namespace {
 
 constinit Lock g_signalLock;
@@ -51,7 +50,6 @@ int SignalForStopping() {
 }
 
 } // namespace
-
 } // namespace oriel
 
 using namespace oriel;

@@ -6,7 +6,7 @@
 
 #include "base/call.h"
 #include "base/steps.h"
-#include "security/impersonation.h"
+#include "security/credentials.h"
 
 #include <algorithm>
 #include <csignal>
@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 namespace oriel {
-
 namespace {
 
 constinit thread_local ThreadObject* t_thread __attribute__((tls_model("initial-exec"))) = nullptr;

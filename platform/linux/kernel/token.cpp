@@ -3,7 +3,7 @@
 #include "base/call.h"
 #include "kernel/process.h"
 #include "security/accounts.h"
-#include "security/impersonation.h"
+#include "security/credentials.h"
 
 #include <processthreadsapi.h>
 #include <securitybaseapi.h>
@@ -62,7 +62,6 @@ BOOL GiveSids(const std::vector<SidCopy>& sids, size_t fixed, LPVOID information
 }
 
 } // namespace
-
 } // namespace oriel
 
 using namespace oriel;

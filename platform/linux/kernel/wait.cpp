@@ -13,7 +13,6 @@
 #include <synchapi.h>
 
 namespace oriel {
-
 namespace {
 
 DWORD FailWait(DWORD error) {
@@ -97,7 +96,6 @@ DWORD Wait(Waiting& waiting, DWORD milliseconds) {
 }
 
 } // namespace
-
 } // namespace oriel
 
 using namespace oriel;

@@ -1,8 +1,8 @@
 // Changes of the registry: the steps of which every writing call is made, and lists of changes that happen together.
 #pragma once
 
-#include "registry/names.h"
 #include "registry/root.h"
+#include "text/names.h"
 
 #include <span>
 #include <string>

@@ -1,6 +1,8 @@
+// The files of the two stores, their schema and statements; paths of keys. State: the two databases.
 #include "registry/root.h"
 
 #include "base/directories.h"
+#include "text/names.h"
 
 #include <cerrno>
 #include <ctime>
@@ -127,6 +129,34 @@ int64_t TimeNow() {
     clock_gettime(CLOCK_REALTIME, &now);
     constexpr int64_t kSecondsFrom1601To1970 = 11644473600;
     return (now.tv_sec + kSecondsFrom1601To1970) * 10000000 + now.tv_nsec / 100;
+}
+
+LSTATUS DivideKeyPath(std::string_view path, std::vector<KeyName>* names) {
+    if (path.empty()) return ERROR_SUCCESS;
+    if (path.front() == '\\') return ERROR_BAD_PATHNAME;
+    if (path.size() > kLongestPath) return ERROR_INVALID_PARAMETER;
+    size_t at = 0;
+    while (at < path.size()) {
+        size_t end = at;
+        while (end < path.size() && path[end] != '\\') {
+            if (static_cast<unsigned char>(path[end]) < ' ') return ERROR_INVALID_PARAMETER;
+            end += CharacterLength(path, end);
+        }
+        if (end > path.size() || end - at > kLongestKeyName) return ERROR_INVALID_PARAMETER;
+        const std::string_view name = path.substr(at, end - at);
+        if (!name.empty()) names->push_back({name, FoldName(name)});
+        at = end + 1;
+    }
+    return ERROR_SUCCESS;
+}
+
+std::string JoinKeyPath(std::string_view parent, const std::vector<KeyName>& names) {
+    std::string path(parent);
+    for (const KeyName& name : names) {
+        if (!path.empty()) path += '\\';
+        path += name.folded;
+    }
+    return path;
 }
 
 } // namespace oriel

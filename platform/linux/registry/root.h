@@ -1,4 +1,4 @@
-// The two stores of the registry and the tables in them.
+// The two stores of the registry, the tables in them, and how keys are named.
 //
 // HKEY_LOCAL_MACHINE is <state directory>/registry/HKLM.sqlite, mode 0644, of the user who made it. HKEY_CURRENT_USER
 // is <state directory>/registry/users/<uid>/HKCU.sqlite, in a directory that only its user may enter; users has mode
@@ -7,6 +7,9 @@
 
 #include "store/database.h"
 
+#include <string>
+#include <string_view>
+#include <vector>
 #include <winreg.h>
 
 namespace oriel {
@@ -42,5 +45,24 @@ enum RegistryStatement : size_t {
 
 // 100 ns units since 1601-01-01, UTC, as a FILETIME has them.
 int64_t TimeNow();
+
+inline constexpr size_t kLongestKeyName = 255;
+inline constexpr size_t kLongestValueName = 16383;
+inline constexpr size_t kLongestPath = 32767;
+inline constexpr int kDeepestPath = 512;
+inline constexpr size_t kLargestData = 1 << 20;
+
+struct KeyName {
+    std::string_view spelled; // in the text that was divided
+    std::string folded;
+};
+
+// Divides a path below a key: trailing and doubled backslashes are passed over; none for an absent or empty path.
+// ERROR_BAD_PATHNAME: it starts with a backslash. ERROR_INVALID_PARAMETER: a name or the path is too long, or has
+// control characters.
+LSTATUS DivideKeyPath(std::string_view path, std::vector<KeyName>* names);
+
+// The folded path of a key below another, as the store has it: names with a backslash between them, "" for the root.
+std::string JoinKeyPath(std::string_view parent, const std::vector<KeyName>& names);
 
 } // namespace oriel

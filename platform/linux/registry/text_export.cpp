@@ -2,7 +2,8 @@
 #include "base/call.h"
 #include "registry/changes.h"
 #include "registry/keys.h"
-#include "registry/names.h"
+#include "registry/root.h"
+#include "text/names.h"
 
 #include <algorithm>
 #include <cstdio>

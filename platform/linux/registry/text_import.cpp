@@ -1,7 +1,8 @@
 // Reading .reg text: the whole of it becomes a list of changes first, then they are applied together.
 #include "base/call.h"
 #include "registry/changes.h"
-#include "registry/names.h"
+#include "registry/root.h"
+#include "text/names.h"
 
 #include <algorithm>
 #include <winnls.h>

@@ -8,9 +8,8 @@
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
-#include "rpc/bind_offer.h"
 #include "rpc/endpoint.h"
-#include "rpc/fork.h"
+#include "rpc/fault_status.h"
 
 #include <algorithm>
 #include <new>
@@ -34,6 +33,84 @@ struct Association {
 };
 
 namespace {
+
+RPC_STATUS FromRejection(const ContextResult& result) {
+    switch (result.reason) {
+    case kInterfaceNotSupported:
+        return RPC_S_UNKNOWN_IF;
+    case kTransferNotSupported:
+        return RPC_S_UNSUPPORTED_TRANS_SYN;
+    case kLocalLimitExceeded:
+        return RPC_S_SERVER_TOO_BUSY;
+    default:
+        return RPC_S_CALL_FAILED_DNE;
+    }
+}
+
+// What the server answered to a bind (or alter-context) that offered one context and named the group.
+RPC_STATUS ReadAnswer(Connection& connection, const Message& message, const RPC_CLIENT_INTERFACE& interface,
+                      uint32_t& group, bool& groupUnknown) {
+    TerminationHold hold; // the results are on the heap
+    const Header& header = message.header;
+    const bool binding = connection.contextCount == 0;
+    if (header.callId != connection.callId) return RPC_S_PROTOCOL_ERROR;
+    if (binding && header.type == kBindNak) {
+        uint16_t reason = 0;
+        if (!DecodeBindNak(message.pdu, header, reason)) return RPC_S_PROTOCOL_ERROR;
+        groupUnknown = reason == kNakNotSpecified && group != 0;
+        return reason == kNakLocalLimitExceeded ? RPC_S_SERVER_TOO_BUSY : RPC_S_PROTOCOL_ERROR;
+    }
+    BindAck ack;
+    if (header.type != (binding ? kBindAck : kAlterContextResponse) || !DecodeBindAck(message.pdu, header, ack) ||
+        ack.results.size() != 1)
+        return RPC_S_PROTOCOL_ERROR;
+    if (binding) {
+        if (ack.group == 0 || (group != 0 && ack.group != group) || ack.largestReceived < kSmallestFragment)
+            return RPC_S_PROTOCOL_ERROR;
+        group = ack.group;
+        connection.channel.largestSent = std::min(ack.largestReceived, kLargestFragment);
+    }
+    const ContextResult& result = ack.results[0];
+    if (result.result != kAccepted) return FromRejection(result);
+    if (!(result.transfer == interface.TransferSyntax)) return RPC_S_PROTOCOL_ERROR;
+    connection.contexts[connection.contextCount++] = {interface.InterfaceId, interface.TransferSyntax};
+    return RPC_S_OK;
+}
+
+// Offers the interface as the connection's next context and waits for the answer: in a bind, when it is the first,
+// which names `group` (0: asks for one) and on success sets it to the group granted; else in an alter-context.
+// RPC_S_SERVER_UNAVAILABLE: no answer, or the connection is dead. groupUnknown: the server knows no such group.
+RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& interface, uint32_t& group,
+                          bool& groupUnknown, int64_t deadline) {
+    Channel& channel = connection.channel;
+    uint8_t pdu[128];
+    size_t size = 0;
+    {
+        TerminationHold hold;
+        try {
+            const Header header{.type = connection.contextCount == 0 ? kBind : kAlterContext,
+                                .callId = ++connection.callId};
+            const Bind bind{.group = group,
+                            .elements = {{.id = static_cast<uint16_t>(connection.contextCount),
+                                          .abstractSyntax = interface.InterfaceId,
+                                          .transfers = {interface.TransferSyntax}}}};
+            size = EncodeBind(pdu, header, bind);
+        } catch (const std::bad_alloc&) {
+            return RPC_S_OUT_OF_MEMORY;
+        }
+    }
+    // A server that is full answers before it has read anything, and closes: so the answer counts even if this fails.
+    const Transfer sent = SendPdu(channel, pdu, size);
+    Message message;
+    const Transfer received = Receive(channel, Side::client, message, deadline);
+    if (received != Transfer::done)
+        return StatusFromTransfer(sent != Transfer::done ? sent : received, RPC_S_SERVER_UNAVAILABLE);
+    try {
+        return ReadAnswer(connection, message, interface, group, groupUnknown);
+    } catch (const std::bad_alloc&) {
+        return RPC_S_OUT_OF_MEMORY;
+    }
+}
 
 constinit Lock g_lock;
 Association* g_associations ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
@@ -200,23 +277,6 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
 
 } // namespace
 
-void HoldAssociations(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    hold ? g_lock.Acquire() : g_lock.Release();
-}
-
-// The sockets are the parent's. The child's threads connect anew, as another process.
-void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    for (Association* association = g_associations; association != nullptr; association = association->next) {
-        for (Connection* connection = association->connections; connection != nullptr; connection = connection->next) {
-            CloseSocket(connection->channel);
-            connection->contextCount = 0;
-            connection->group = 0;
-        }
-        association->group = 0;
-    }
-    g_lock.ForgetOwner();
-}
-
 Association* OpenAssociation(const std::string& endpoint) {
     LockHold hold(g_lock);
     Association* association = g_associations;
@@ -293,4 +353,24 @@ RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& 
     return FindContext(*connection, interface) ? RPC_S_OK : AddContext(*connection, interface);
 }
 
+namespace {
+
+// The sockets are the parent's. The child's threads connect anew, as another process.
+void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    for (Association* association = g_associations; association != nullptr; association = association->next) {
+        for (Connection* connection = association->connections; connection != nullptr; connection = connection->next) {
+            CloseSocket(connection->channel);
+            connection->contextCount = 0;
+            connection->group = 0;
+        }
+        association->group = 0;
+    }
+    g_lock.ForgetOwner();
+}
+
+} // namespace
 } // namespace oriel::rpc
+
+namespace oriel {
+const ForkSteps kRpcClientFork{TakeForFork<rpc::g_lock>, ReleaseAfterFork<rpc::g_lock>, rpc::LeaveAssociationsToParent};
+} // namespace oriel

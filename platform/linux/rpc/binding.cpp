@@ -11,7 +11,6 @@
 #include <new>
 
 namespace oriel::rpc {
-
 namespace {
 
 const char* Text(RPC_CSTR string) {

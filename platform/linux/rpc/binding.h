@@ -30,6 +30,9 @@ inline bool IsKind(RPC_BINDING_HANDLE handle, HandleKind kind) {
     return handle != nullptr && static_cast<const HandleRecord*>(handle)->kind == kind;
 }
 
+// I_RpcGetBuffer within a dispatch function (server_call.cpp).
+RPC_STATUS GetReplyBuffer(RPC_MESSAGE& message);
+
 // The endpoint of a string binding that RpcBindingFromStringBindingA takes, or why it takes it not.
 RPC_STATUS ParseStringBinding(const char* text, std::string& endpoint);
 

@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 namespace oriel::rpc {
-
 namespace {
 
 constexpr size_t kTrustedHint = 256 * 1024; // a peer's word is worth that much memory before the bytes are there

@@ -1,4 +1,5 @@
-// A client's call: its buffer, the request, the reply. State: the thread's connection (association.h), which the
+// The message calls, sorted by what their handle is: a server's call (server_call.cpp) or a client's binding, whose
+// buffer, request and reply are here. State: the thread's connection (association.h), which the
 // message names in ReservedForRuntime from I_RpcGetBuffer to I_RpcFreeBuffer.
 //
 // Everything here is on the way of every call. There is no lock, no allocation and no system call beside one send and
@@ -6,14 +7,12 @@
 #include "base/timings.h"
 #include "rpc/association.h"
 #include "rpc/binding.h"
-#include "rpc/call.h"
 #include "rpc/endpoint.h"
 #include "rpc/fault_status.h"
 
 #include <algorithm>
 
 namespace oriel::rpc {
-
 namespace {
 
 constexpr unsigned kFlagsValid = 0x8000; // a bit that compilers of interface definitions add to the procedure number
@@ -113,8 +112,6 @@ RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
     return status == RPC_S_OK ? ReceiveReply(message, connection) : status;
 }
 
-} // namespace
-
 RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
     if (message.RpcInterfaceInformation == nullptr || (message.ProcNum & ~kFlagsValid) > 0x7FFF)
         return RPC_S_INVALID_ARG;
@@ -151,4 +148,24 @@ RPC_STATUS FreeReply(RPC_MESSAGE& message) {
     return RPC_S_OK;
 }
 
+} // namespace
 } // namespace oriel::rpc
+
+using namespace oriel::rpc;
+
+RPC_STATUS RPC_ENTRY I_RpcGetBuffer(RPC_MESSAGE* Message) {
+    if (Message == nullptr) return RPC_S_INVALID_ARG;
+    if (IsKind(Message->Handle, HandleKind::binding)) return GetRequestBuffer(*Message);
+    if (IsKind(Message->Handle, HandleKind::call)) return GetReplyBuffer(*Message);
+    return RPC_S_INVALID_BINDING;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcSendReceive(RPC_MESSAGE* Message) {
+    if (Message == nullptr) return RPC_S_INVALID_ARG;
+    return IsKind(Message->Handle, HandleKind::binding) ? SendRequest(*Message) : RPC_S_INVALID_BINDING;
+}
+
+RPC_STATUS RPC_ENTRY I_RpcFreeBuffer(RPC_MESSAGE* Message) {
+    if (Message == nullptr) return RPC_S_INVALID_ARG;
+    return IsKind(Message->Handle, HandleKind::binding) ? FreeReply(*Message) : RPC_S_INVALID_BINDING;
+}

@@ -3,13 +3,12 @@
 #include "rpc/client_groups.h"
 
 #include "base/lock.h"
-#include "rpc/fork.h"
+#include "base/steps.h"
 
 #include <new>
 #include <sys/random.h>
 
 namespace oriel::rpc {
-
 namespace {
 
 constinit Lock g_lock;
@@ -41,17 +40,6 @@ uint32_t NewGroupId() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
 }
 
 } // namespace
-
-void HoldGroups(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    hold ? g_lock.Acquire() : g_lock.Release();
-}
-
-void LeaveGroupsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    g_users = nullptr;
-    g_groups = nullptr;
-    g_connections = 0;
-    g_lock.ForgetOwner();
-}
 
 User* AdmitUser(uid_t id) {
     LockHold hold(g_lock);
@@ -103,4 +91,18 @@ void LeaveGroup(Group* group) {
     delete group;
 }
 
+namespace {
+
+void LeaveGroupsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_users = nullptr;
+    g_groups = nullptr;
+    g_connections = 0;
+    g_lock.ForgetOwner();
+}
+
+} // namespace
 } // namespace oriel::rpc
+
+namespace oriel {
+const ForkSteps kRpcGroupsFork{TakeForFork<rpc::g_lock>, ReleaseAfterFork<rpc::g_lock>, rpc::LeaveGroupsToParent};
+} // namespace oriel

@@ -5,7 +5,7 @@
 #include "base/directories.h"
 #include "base/lock.h"
 #include "base/timings.h"
-#include "security/impersonation.h"
+#include "security/credentials.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 namespace oriel::rpc {
-
 namespace {
 
 RPC_STATUS FromErrno(int error, RPC_STATUS otherwise) {

@@ -2,7 +2,6 @@
 #include "rpc/fault_status.h"
 
 namespace oriel::rpc {
-
 namespace {
 
 struct Row {

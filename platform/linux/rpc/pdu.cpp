@@ -2,7 +2,6 @@
 #include "rpc/pdu.h"
 
 namespace oriel::rpc {
-
 namespace {
 
 // Reads forward through a PDU; once it ran out, everything else reads as zero and Complete() says so.

@@ -6,7 +6,6 @@
 #include "base/steps.h"
 #include "base/timings.h"
 #include "kernel/thread.h"
-#include "rpc/fork.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -19,7 +18,6 @@
 #include <unistd.h>
 
 namespace oriel::rpc {
-
 namespace {
 
 enum class State {
@@ -158,9 +156,23 @@ void StopListening(State state) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
 
 } // namespace
 
-void HoldServer(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    hold ? g_lock.Acquire() : g_lock.Release();
+bool IsInUse(const OfferedInterface* offered) {
+    LockHold hold(g_lock);
+    for (const ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
+        if (connection->calling.load() == offered) return true;
+    return false;
 }
+
+void ForgetConnection(ServerConnection& connection) {
+    LockHold hold(g_lock);
+    if (connection.previous != nullptr)
+        connection.previous->next = connection.next;
+    else
+        g_connections = connection.next;
+    if (connection.next != nullptr) connection.next->previous = connection.previous;
+}
+
+namespace {
 
 // The child serves nobody, and its clients must not wait for it when the parent ends.
 void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -180,23 +192,12 @@ void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_lock.ForgetOwner();
 }
 
-bool IsInUse(const OfferedInterface* offered) {
-    LockHold hold(g_lock);
-    for (const ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
-        if (connection->calling.load() == offered) return true;
-    return false;
-}
-
-void ForgetConnection(ServerConnection& connection) {
-    LockHold hold(g_lock);
-    if (connection.previous != nullptr)
-        connection.previous->next = connection.next;
-    else
-        g_connections = connection.next;
-    if (connection.next != nullptr) connection.next->previous = connection.previous;
-}
-
+} // namespace
 } // namespace oriel::rpc
+
+namespace oriel {
+const ForkSteps kRpcServerFork{TakeForFork<rpc::g_lock>, ReleaseAfterFork<rpc::g_lock>, rpc::LeaveServerToParent};
+} // namespace oriel
 
 using namespace oriel;
 using namespace oriel::rpc;

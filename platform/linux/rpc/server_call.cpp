@@ -1,8 +1,7 @@
 // What a dispatch function may call: the buffer of its reply, who its client is, what it keeps for the client, and the
 // way to fail. State: the thread's connection.
-#include "rpc/call.h"
 #include "rpc/server.h"
-#include "security/impersonation.h"
+#include "security/credentials.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -53,7 +52,6 @@ bool ClientCredentials(const ServerConnection& connection, Credentials& credenti
 }
 
 } // namespace
-
 } // namespace oriel::rpc
 
 using namespace oriel::rpc;

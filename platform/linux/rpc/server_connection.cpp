@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 namespace oriel::rpc {
-
 namespace {
 
 bool Answered(Transfer result) {

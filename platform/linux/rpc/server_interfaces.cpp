@@ -1,13 +1,12 @@
 // Interfaces that the process offers. State: their places, under g_lock, which no call takes: a connection looks an
 // interface up when it binds and holds on to its place.
 #include "base/lock.h"
-#include "rpc/fork.h"
+#include "base/steps.h"
 #include "rpc/server.h"
 
 #include <ctime>
 
 namespace oriel::rpc {
-
 namespace {
 
 constinit Lock g_lock;
@@ -29,14 +28,6 @@ void WaitForCalls(const OfferedInterface& offered) {
 
 } // namespace
 
-void HoldInterfaces(bool hold) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    hold ? g_lock.Acquire() : g_lock.Release();
-}
-
-void ForgetInterfaceCalls() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    g_lock.ForgetOwner();
-}
-
 const OfferedInterface* FindInterface(const RPC_SYNTAX_IDENTIFIER& id) {
     LockHold hold(g_lock);
     for (unsigned i = 0; i < g_interfaceCount; ++i) {
@@ -50,7 +41,18 @@ const OfferedInterface* FindInterface(const RPC_SYNTAX_IDENTIFIER& id) {
     return nullptr;
 }
 
+namespace {
+
+void ForgetInterfaceCalls() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    g_lock.ForgetOwner();
+}
+
+} // namespace
 } // namespace oriel::rpc
+
+namespace oriel {
+const ForkSteps kRpcInterfacesFork{TakeForFork<rpc::g_lock>, ReleaseAfterFork<rpc::g_lock>, rpc::ForgetInterfaceCalls};
+} // namespace oriel
 
 using namespace oriel;
 using namespace oriel::rpc;

@@ -2,7 +2,7 @@
 #include "security/accounts.h"
 
 #include "base/call.h"
-#include "text/strings.h"
+#include "text/names.h"
 
 #include <winbase.h>
 #include <winnls.h>

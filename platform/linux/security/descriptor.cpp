@@ -1,14 +1,15 @@
-// Security descriptors of both forms.
+// The calls on SIDs, access control lists and security descriptors of both forms. No state.
+#include "base/call.h"
 #include "security/records.h"
 
-#include "base/call.h"
-
-#include <securitybaseapi.h>
-
+#include <cstdlib>
 #include <cstring>
+#include <securitybaseapi.h>
 
 namespace oriel {
 namespace {
+
+constexpr BYTE kMostAtOnce = 8; // sub-authorities that AllocateAndInitializeSid takes
 
 // The descriptor when it is an absolute one that can be changed; null with the last error otherwise.
 SECURITY_DESCRIPTOR* Changeable(PSECURITY_DESCRIPTOR descriptor) {
@@ -56,6 +57,97 @@ struct PartCopies {
 } // namespace oriel
 
 using namespace oriel;
+
+BOOL WINAPI AllocateAndInitializeSid(PSID_IDENTIFIER_AUTHORITY identifierAuthority, BYTE subAuthorityCount,
+                                     DWORD subAuthority0, DWORD subAuthority1, DWORD subAuthority2, DWORD subAuthority3,
+                                     DWORD subAuthority4, DWORD subAuthority5, DWORD subAuthority6, DWORD subAuthority7,
+                                     PSID* sid) {
+    if (subAuthorityCount == 0 || subAuthorityCount > kMostAtOnce) return Fail(ERROR_INVALID_SID);
+    if (identifierAuthority == nullptr || sid == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    auto* bytes = static_cast<BYTE*>(std::malloc(kSidHeaderSize + subAuthorityCount * sizeof(DWORD)));
+    if (bytes == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY);
+    const DWORD all[kMostAtOnce] = {subAuthority0, subAuthority1, subAuthority2, subAuthority3,
+                                    subAuthority4, subAuthority5, subAuthority6, subAuthority7};
+    bytes[0] = SID_REVISION;
+    bytes[1] = subAuthorityCount;
+    std::memcpy(bytes + offsetof(SID, IdentifierAuthority), identifierAuthority, sizeof *identifierAuthority);
+    std::memcpy(bytes + kSidHeaderSize, all, subAuthorityCount * sizeof(DWORD));
+    *sid = bytes;
+    return TRUE;
+}
+
+PVOID WINAPI FreeSid(PSID sid) {
+    std::free(sid);
+    return nullptr;
+}
+
+BOOL WINAPI IsValidSid(PSID sid) {
+    return SidCopy(sid).Valid() ? TRUE : FALSE;
+}
+
+DWORD WINAPI GetLengthSid(PSID sid) {
+    const SidCopy copy(sid);
+    if (!copy.Valid()) SetLastError(ERROR_INVALID_SID);
+    return copy.length;
+}
+
+BOOL WINAPI EqualSid(PSID sid1, PSID sid2) {
+    const SidCopy first(sid1);
+    const SidCopy second(sid2);
+    if (first.Valid() && second.Valid()) return first == second ? TRUE : FALSE;
+    return Fail(ERROR_INVALID_SID);
+}
+
+BOOL WINAPI InitializeAcl(PACL acl, DWORD aclLength, DWORD revision) {
+    if (aclLength < sizeof(ACL)) return Fail(ERROR_INSUFFICIENT_BUFFER);
+    if (acl == nullptr || revision != ACL_REVISION || aclLength > 0xFFFF) return Fail(ERROR_INVALID_PARAMETER);
+    *acl = {};
+    acl->AclRevision = ACL_REVISION;
+    acl->AclSize = static_cast<WORD>(aclLength & ~3U);
+    return TRUE;
+}
+
+BOOL WINAPI IsValidAcl(PACL acl) {
+    return AclCopy(acl).Valid() ? TRUE : FALSE;
+}
+
+BOOL WINAPI AddAccessAllowedAce(PACL acl, DWORD revision, DWORD accessMask, PSID sid) {
+    const SidCopy sidCopy(sid);
+    if (!sidCopy.Valid()) return Fail(ERROR_INVALID_SID);
+    if (revision != ACL_REVISION) return Fail(ERROR_REVISION_MISMATCH);
+    const AclCopy list(acl);
+    if (!list.Valid()) return Fail(ERROR_INVALID_ACL);
+    const size_t at = list.EntryOffset(list.count);
+    const size_t size = kAceSidOffset + sidCopy.length;
+    if (size > list.size - at || list.count == 0xFFFF) return Fail(ERROR_ALLOTTED_SPACE_EXCEEDED);
+
+    ACCESS_ALLOWED_ACE entry{};
+    entry.Header.AceType = ACCESS_ALLOWED_ACE_TYPE;
+    entry.Header.AceSize = static_cast<WORD>(size);
+    entry.Mask = accessMask;
+    auto* target = reinterpret_cast<BYTE*>(acl) + at;
+    std::memcpy(target, &entry, kAceSidOffset);
+    std::memcpy(target + kAceSidOffset, sidCopy.bytes, sidCopy.length);
+    ++acl->AceCount;
+    return TRUE;
+}
+
+BOOL WINAPI GetAce(PACL acl, DWORD index, LPVOID* ace) {
+    const AclCopy list(acl);
+    if (ace == nullptr || !list.Valid() || index >= list.count) return Fail(ERROR_INVALID_PARAMETER);
+    *ace = reinterpret_cast<BYTE*>(acl) + list.EntryOffset(index);
+    return TRUE;
+}
+
+BOOL WINAPI GetAclInformation(PACL acl, LPVOID information, DWORD length, ACL_INFORMATION_CLASS informationClass) {
+    if (informationClass != AclSizeInformation || information == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    if (length < sizeof(ACL_SIZE_INFORMATION)) return Fail(ERROR_INSUFFICIENT_BUFFER);
+    const AclCopy list(acl);
+    if (!list.Valid()) return Fail(ERROR_INVALID_ACL);
+    const auto used = static_cast<DWORD>(list.EntryOffset(list.count));
+    *static_cast<ACL_SIZE_INFORMATION*>(information) = {list.count, used, list.size - used};
+    return TRUE;
+}
 
 BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision) {
     if (revision != SECURITY_DESCRIPTOR_REVISION) return Fail(ERROR_UNKNOWN_REVISION);

@@ -2,11 +2,11 @@
 // copy. Layouts: Win32, "SID structure", "ACL structure", "SECURITY_DESCRIPTOR structure".
 #pragma once
 
-#include <winnt.h>
-
 #include <cstddef>
 #include <initializer_list>
 #include <memory>
+#include <minwinbase.h>
+#include <winnt.h>
 
 namespace oriel {
 
@@ -52,5 +52,10 @@ struct DescriptorParts {
 
     explicit DescriptorParts(const void* descriptor);
 };
+
+// True when everyone has full access: the descriptor has a DACL that is null, or one with an access-allowed entry of
+// GENERIC_ALL for Everyone that no denying entry stands before. False without attributes or descriptor, without a DACL,
+// and for a descriptor that is invalid: its memory is read under the fault guard and every count and offset is checked.
+bool GrantsEveryone(const SECURITY_ATTRIBUTES* attributes);
 
 } // namespace oriel

@@ -1,7 +1,6 @@
 // Starting services and asking them to stop: calls that wait for another process, up to 30 seconds as Windows does.
 #include "base/call.h"
 #include "base/futex.h"
-#include "service/handles.h"
 #include "service/record.h"
 
 #include <cerrno>

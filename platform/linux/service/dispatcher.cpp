@@ -3,25 +3,58 @@
 // State: the one service of the process, g_service. Signals are blocked and taken from a descriptor; nothing runs in a
 // signal handler.
 #include "base/call.h"
+#include "base/descriptor.h"
 #include "base/lock.h"
 #include "base/steps.h"
-#include "service/handles.h"
-#include "service/notify_socket.h"
 #include "service/record.h"
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <handleapi.h>
 #include <memory>
+#include <oriel_supervisor.h>
 #include <poll.h>
 #include <processthreadsapi.h>
 #include <pthread.h>
+#include <string>
 #include <synchapi.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace oriel {
+namespace {
+
+std::string SocketName() {
+    const char* name = secure_getenv("NOTIFY_SOCKET");
+    return name != nullptr ? name : "";
+}
+
+void Send(const std::string& name, const char* line) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = name.size();
+    if (length < 2 || length >= sizeof address.sun_path || (name[0] != '/' && name[0] != '@')) return;
+    std::memcpy(address.sun_path, name.data(), length);
+    // A name in the abstract namespace, which begins with a NUL.
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket.IsOpen()) return;
+    sendto(socket.Get(), line, std::strlen(line), MSG_NOSIGNAL | MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+}
+
+} // namespace
+
+void TellSupervisor(const char* line) {
+    Send(SocketName(), line);
+}
+
 namespace {
 
 struct OwnService {
@@ -204,6 +237,13 @@ bool OwnStatus(const std::string& folded, SERVICE_STATUS* status) {
 } // namespace oriel
 
 using namespace oriel;
+
+void WINAPI OrielTellSupervisor(LPCSTR line) {
+    // Never destroyed: threads may outlive the end of main().
+    static const std::string& name = *new std::string(SocketName());
+    unsetenv("NOTIFY_SOCKET");
+    if (line != nullptr) Send(name, line);
+}
 
 BOOL WINAPI StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
     BlockedSignals signals;

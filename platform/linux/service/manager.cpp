@@ -1,9 +1,8 @@
 // The service manager and the configuration of services. State: in the registry.
 #include "base/call.h"
 #include "registry/changes.h"
-#include "service/handles.h"
 #include "service/record.h"
-#include "store/rights.h"
+#include "store/database.h"
 
 #include <cstring>
 #include <handleapi.h>

@@ -6,7 +6,7 @@
 #include "base/call.h"
 #include "base/directories.h"
 #include "base/futex.h"
-#include "registry/names.h"
+#include "text/names.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "base/descriptor.h"
+#include "kernel/handles.h"
 
 #include <string>
 #include <sys/types.h>
@@ -51,5 +52,16 @@ private:
 
 // Guarded by the dispatcher's lock (dispatcher.cpp); reading goes through OwnStatus.
 bool OwnStatus(const std::string& folded, SERVICE_STATUS* status);
+
+struct ManagerObject : Object {};
+struct ServiceObject : Object {
+    std::string name; // as it was asked for
+    std::string folded;
+};
+extern const ObjectType kManagerType;
+extern const ObjectType kServiceType;
+
+// The key of a service's configuration, below HKEY_LOCAL_MACHINE.
+std::string ServiceKeyPath(const std::string& name);
 
 } // namespace oriel

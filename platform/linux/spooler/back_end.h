@@ -11,7 +11,7 @@
 
 namespace oriel {
 
-// The texts that are known of a printer; kPrinterTexts (printer_record.cpp) says where a PRINTER_INFO_2A has them.
+// The texts that are known of a printer; kPrinterTexts (records.cpp) says where a PRINTER_INFO_2A has them.
 enum PrinterText : size_t {
     kPrinterName,
     kServerName,

@@ -6,8 +6,8 @@
 #include "base/futex.h"
 #include "base/timings.h"
 #include "security/accounts.h"
-#include "spooler/printer_record.h"
-#include "text/strings.h"
+#include "spooler/records.h"
+#include "text/names.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,11 +1,13 @@
-// What a printer's handle stands for.
+// What a printer's handle stands for, and what tells of changes of its jobs.
 #pragma once
 
 #include "kernel/handles.h"
 #include "spooler/back_end.h"
 #include "spooler/job_files.h"
 
+#include <cstdint>
 #include <mutex>
+#include <windef.h>
 
 namespace oriel {
 
@@ -21,5 +23,9 @@ struct PrinterObject : Object {
 };
 
 extern const ObjectType kPrinterType;
+
+// Something became of a job of this printer. Without anybody who waits it is a look for a name and no more. Leaves the
+// last error alone.
+void TellOfJobs(int64_t printer);
 
 } // namespace oriel

@@ -1,13 +1,12 @@
 // The spooler's calls on printers. State: handles; the printers themselves are in the back ends.
 #include "base/call.h"
 #include "registry/changes.h"
-#include "registry/names.h"
-#include "spooler/job_changes.h"
+#include "spooler/embedded.h"
 #include "spooler/print_server.h"
 #include "spooler/printer_object.h"
-#include "spooler/printer_record.h"
-#include "spooler/store.h"
-#include "store/rights.h"
+#include "spooler/records.h"
+#include "store/database.h"
+#include "text/names.h"
 
 #include <algorithm>
 #include <charconv>

@@ -5,6 +5,8 @@
 // and what does not match is ERROR_BADDB. A fork child opens the file anew.
 #pragma once
 
+#include "kernel/named_object.h"
+
 #include <cstdint>
 #include <mutex>
 #include <span>
@@ -112,5 +114,10 @@ private:
     sqlite3_stmt* m_statement;
     int m_bound = 0;
 };
+
+// The rights that are asked for, generic ones and MAXIMUM_ALLOWED resolved. Windows looks at an object's descriptor;
+// here everybody who may read the store has the rights of readers, and the others go with the right to write it.
+// ERROR_ACCESS_DENIED, also for bits that the kind does not have.
+DWORD GrantRights(DWORD asked, const RightsMap& map, DWORD readers, const Database& store, DWORD* granted);
 
 } // namespace oriel

@@ -1,5 +1,6 @@
 // Builds and keeps the tables of code pages. They stand in a list that only grows: a thread that builds one links it in
-// with one exchange, and a table that another thread was quicker with is thrown away.
+// with one exchange, and a table that another thread was quicker with is thrown away. Which code page is the ANSI one
+// is settled once for the process, on first need.
 #include "text/code_page.h"
 
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <iconv.h>
 #include <memory>
 #include <new>
+#include <winnls.h>
 
 namespace oriel {
 namespace {
@@ -257,4 +259,47 @@ unsigned EncodeChar(const CodePage& page, char32_t character, char (&bytes)[4]) 
     return 2;
 }
 
+namespace {
+
+std::atomic<const CodePage*> g_ansiCodePage{nullptr};
+
+const CodePage& SettleAnsiCodePage() {
+    const UINT number = AnsiCodePageSetting();
+    const CodePage* page = number != 0 ? FindCodePage(number) : nullptr;
+    if (page == nullptr) page = FindCodePage(kWesternCodePage);
+    const CodePage* settled = nullptr;
+    return g_ansiCodePage.compare_exchange_strong(settled, page) ? *page : *settled;
+}
+
+} // namespace
+
+const CodePage& AnsiCodePage() {
+    const CodePage* page = g_ansiCodePage.load(std::memory_order_acquire);
+    if (page != nullptr) [[likely]]
+        return *page;
+    // The registry may itself ask for the code page while it is opened; its own names are ASCII then.
+    static thread_local bool settling = false;
+    if (settling) return *FindCodePage(kWesternCodePage);
+    settling = true;
+    const CodePage& settled = SettleAnsiCodePage();
+    settling = false;
+    return settled;
+}
+
 } // namespace oriel
+
+using namespace oriel;
+
+UINT WINAPI GetACP(void) {
+    return AnsiCodePage().number;
+}
+
+BOOL WINAPI IsDBCSLeadByteEx(UINT codePage, BYTE testChar) {
+    const CodePage* page = FindCodePage(codePage);
+    return page != nullptr && page->pairs[testChar] != nullptr ? TRUE : FALSE;
+}
+
+BOOL WINAPI IsDBCSLeadByte(BYTE testChar) {
+    // No ANSI code page has a lead byte that is ASCII.
+    return testChar >= 0x80 ? IsDBCSLeadByteEx(CP_ACP, testChar) : FALSE;
+}

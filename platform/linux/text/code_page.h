@@ -32,6 +32,9 @@ struct CodePage {
 // code page.
 const CodePage* FindCodePage(UINT number);
 const CodePage& AnsiCodePage();
+// What this machine's is set to, 0 when nothing says so. Above this folder, for it may read the registry
+// (system/settings.cpp).
+UINT AnsiCodePageSetting();
 
 struct DecodedChar {
     char32_t character; // kReplacement or undefinedChar when it is invalid

@@ -1,13 +1,18 @@
-// The version of the emulated Windows. Kept in the environment or the registry, read at each call.
+// What the emulated Windows is set to, kept in the environment or the registry and read at each call: its version, its
+// ANSI code page, the section "Windows" of the user's profile.
 #include "base/call.h"
+#include "text/code_page.h"
 
-#include <sysinfoapi.h>
-#include <winreg.h>
-
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <string_view>
+#include <sysinfoapi.h>
+#include <winnls.h>
+#include <winreg.h>
 
 namespace oriel {
 namespace {
@@ -99,7 +104,72 @@ bool FindVersion(Version& version) {
     return wellFormed;
 }
 
+constexpr const char* kWindowsSection = "Software\\Microsoft\\Windows NT\\CurrentVersion\\Windows";
+
+bool IsWindowsSection(LPCSTR section) {
+    return section != nullptr && lstrcmpiA(section, "Windows") == 0;
+}
+
+// A text value, up to its NUL. False when there is none.
+bool ReadText(LPCSTR name, std::string& text) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_CURRENT_USER, kWindowsSection, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
+    DWORD type = REG_NONE;
+    DWORD size = 0;
+    LSTATUS status = RegQueryValueExA(key, name, nullptr, &type, nullptr, &size);
+    if (status == ERROR_SUCCESS && type == REG_SZ) {
+        // One that grew since it was measured counts as missing rather than as half of it.
+        text.resize(size);
+        status = RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(text.data()), &size);
+    }
+    RegCloseKey(key);
+    if (status != ERROR_SUCCESS || type != REG_SZ) return false;
+    text.resize(std::min<size_t>(size, text.size()));
+    text.resize(std::strlen(text.c_str()));
+    return true;
+}
+
+std::string_view WithoutQuotes(std::string_view text) {
+    if (text.size() < 2 || text.front() != text.back()) return text;
+    if (text.front() != '"' && text.front() != '\'') return text;
+    return text.substr(1, text.size() - 2);
+}
+
+std::string_view WithoutTrailingBlanks(std::string_view text) {
+    while (text.ends_with(' '))
+        text.remove_suffix(1);
+    return text;
+}
+
+// 0 when the text is not a number.
+UINT NumberOf(const char* text) {
+    UINT number = 0;
+    const char* end = text + std::strlen(text);
+    const auto [last, error] = std::from_chars(text, end, number);
+    return error == std::errc() && last == end ? number : 0;
+}
+
+UINT NumberInRegistry() {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SYSTEM\\CurrentControlSet\\Control\\Nls\\CodePage", 0, KEY_QUERY_VALUE,
+                      &key) != ERROR_SUCCESS)
+        return 0;
+    char text[16] = {};
+    DWORD size = sizeof text - 1;
+    DWORD type = REG_NONE;
+    const LSTATUS status = RegQueryValueExA(key, "ACP", nullptr, &type, reinterpret_cast<BYTE*>(text), &size);
+    RegCloseKey(key);
+    return status == ERROR_SUCCESS && type == REG_SZ ? NumberOf(text) : 0;
+}
+
 } // namespace
+
+UINT AnsiCodePageSetting() {
+    const char* setting = std::getenv("ORIEL_ANSI_CODE_PAGE");
+    const UINT number = setting != nullptr ? NumberOf(setting) : 0;
+    return number != 0 ? number : NumberInRegistry();
+}
+
 } // namespace oriel
 
 using namespace oriel;
@@ -116,4 +186,36 @@ BOOL WINAPI GetVersionExA(LPOSVERSIONINFOA versionInformation) {
     versionInformation->dwBuildNumber = version.build;
     versionInformation->dwPlatformId = version.platform;
     return TRUE;
+}
+
+DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultValue, LPSTR returned, DWORD size) {
+    if (section == nullptr || keyName == nullptr || *keyName == '\0' || returned == nullptr || size == 0)
+        return Fail<DWORD>(ERROR_INVALID_PARAMETER);
+    return Call<DWORD>(0, [&]() -> DWORD {
+        std::string stored;
+        std::string_view text = WithoutTrailingBlanks(defaultValue != nullptr ? defaultValue : "");
+        if (IsWindowsSection(section) && ReadText(keyName, stored)) text = WithoutQuotes(stored);
+        const size_t length = std::min<size_t>(text.size(), size - 1);
+        std::memcpy(returned, text.data(), length);
+        returned[length] = '\0';
+        return static_cast<DWORD>(length);
+    });
+}
+
+BOOL WINAPI WriteProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR value) {
+    if (!IsWindowsSection(section) || keyName == nullptr || *keyName == '\0') return Fail(ERROR_INVALID_PARAMETER);
+    HKEY key = nullptr;
+    LSTATUS status = RegCreateKeyExA(HKEY_CURRENT_USER, kWindowsSection, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                     KEY_SET_VALUE, nullptr, &key, nullptr);
+    if (status == ERROR_SUCCESS) {
+        if (value != nullptr) {
+            const auto size = static_cast<DWORD>(std::strlen(value) + 1);
+            status = RegSetValueExA(key, keyName, 0, REG_SZ, reinterpret_cast<const BYTE*>(value), size);
+        } else {
+            status = RegDeleteValueA(key, keyName);
+            if (status == ERROR_FILE_NOT_FOUND) status = ERROR_SUCCESS;
+        }
+        RegCloseKey(key);
+    }
+    return status == ERROR_SUCCESS ? TRUE : Fail(static_cast<DWORD>(status));
 }

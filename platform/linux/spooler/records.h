@@ -1,11 +1,15 @@
-// How the spooler's calls lay records into a caller's buffer: the records in front, their texts at the end.
+// Printers and jobs as the PRINTER_INFO_2A and JOB_INFO_1A records of callers: the records in front of the caller's
+// buffer, their texts at its end.
 #pragma once
+
+#include "spooler/back_end.h"
 
 #include <cstring>
 #include <span>
 #include <string_view>
 #include <windef.h>
 #include <winerror.h>
+#include <winspool.h>
 
 namespace oriel {
 
@@ -40,5 +44,24 @@ DWORD WriteRecords(std::span<const Item> items, LPBYTE buffer, DWORD size, LPDWO
     }
     return ERROR_SUCCESS;
 }
+
+// As WriteRecords does.
+DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed);
+
+// A record that a caller wants to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.
+DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer);
+
+// Whether a printer may be called so.
+bool IsPrinterName(std::string_view name);
+
+// Whether a printer of this name is another machine's.
+bool IsConnection(std::string_view name);
+
+// A printer's key below the Printers key: its name with commas for backslashes.
+std::string PrinterKeyName(std::string_view name);
+
+// As WriteRecords does. first: place of the first one in the queue, from 0.
+DWORD WriteJobRecords(std::span<const Job> jobs, size_t first, const std::string& printer, LPBYTE buffer, DWORD size,
+                      LPDWORD needed);
 
 } // namespace oriel
