@@ -1,8 +1,8 @@
-// Connections of the client: association.h.
+// The client's connections.
 //
-// State: all associations of the process, under g_lock, with their connections, the idle ones among these, and the id
-// of the group that the server gave to the first. Each thread's own list of connections, which needs no lock; a key of
-// the C library gives it up when the thread ends.
+// State: all associations of the process, under g_lock, with their connections, idle ones included, and the id of the
+// group that the server gave the first connection. Each thread's list of connections needs no lock; a key of the C
+// library releases it when the thread ends.
 #include "rpc/association.h"
 
 #include "base/lock.h"
@@ -28,7 +28,7 @@ struct Association {
     Connection* idle = nullptr;
     unsigned idleCount = 0;
 
-    uint32_t group = 0; // 0: none yet, or none any more
+    uint32_t group = 0; // 0: none
     unsigned groupConnections = 0;
 };
 
@@ -47,7 +47,7 @@ RPC_STATUS FromRejection(const ContextResult& result) {
     }
 }
 
-// What the server answered to a bind (or alter-context) that offered one context and named the group.
+// The server's answer to a bind (or alter-context) that offered one context and named the group.
 RPC_STATUS ReadAnswer(Connection& connection, const Message& message, const RPC_CLIENT_INTERFACE& interface,
                       uint32_t& group, bool& groupUnknown) {
     TerminationHold hold; // the results are on the heap
@@ -77,9 +77,9 @@ RPC_STATUS ReadAnswer(Connection& connection, const Message& message, const RPC_
     return RPC_S_OK;
 }
 
-// Offers the interface as the connection's next context and waits for the answer: in a bind, when it is the first,
-// which names `group` (0: asks for one) and on success sets it to the group granted; else in an alter-context.
-// RPC_S_SERVER_UNAVAILABLE: no answer, or the connection is dead. groupUnknown: the server knows no such group.
+// Offers the interface as the next context of the connection and waits for the answer. The first offer is a bind: it
+// names `group` (0: asks for a new one) and on success sets it to the group granted. Later ones are alter-contexts.
+// RPC_S_SERVER_UNAVAILABLE: no answer, or the connection is dead. groupUnknown: the server does not know the group.
 RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& interface, uint32_t& group,
                           bool& groupUnknown, int64_t deadline) {
     Channel& channel = connection.channel;
@@ -99,7 +99,7 @@ RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& in
             return RPC_S_OUT_OF_MEMORY;
         }
     }
-    // A server that is full answers before it has read anything, and closes: so the answer counts even if this fails.
+    // A full server answers before it has read anything, and closes; so the answer counts even when the send fails.
     const Transfer sent = SendPdu(channel, pdu, size);
     Message message;
     const Transfer received = Receive(channel, Side::client, message, deadline);
@@ -128,7 +128,7 @@ void Unreference(Association& association) ORIEL_LOCK_CHECK(requires_capability(
     delete &association;
 }
 
-// Other threads look at it: to cut the connection with the last binding, or after a fork.
+// Other threads access it to cut the connection with the last binding, or after a fork.
 void SetSocket(Connection& connection, int socket) {
     LockHold hold(g_lock);
     connection.channel.socket = socket;
@@ -176,7 +176,7 @@ void GiveUpConnections(void*) {
     }
 }
 
-// Those of associations that have no binding any more.
+// Connections of associations without bindings.
 void DropClosed() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     for (Connection** link = &t_connections; *link != nullptr;) {
         Connection* connection = *link;
@@ -189,7 +189,7 @@ void DropClosed() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     }
 }
 
-// An idle connection, or a new one without a socket, put into the thread's list. Null: no memory.
+// Puts an idle connection, or a new one without a socket, into the thread's list. Null: out of memory.
 Connection* AddConnection(Association& association) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, [] { pthread_key_create(&g_threadKey, GiveUpConnections); });
@@ -211,7 +211,7 @@ Connection* AddConnection(Association& association) {
     }
     connection->nextOfOwner = t_connections;
     t_connections = connection;
-    pthread_setspecific(g_threadKey, t_connections); // anything but null: the destructor is called
+    pthread_setspecific(g_threadKey, t_connections); // not null, so that the destructor runs
     return connection;
 }
 
@@ -221,8 +221,8 @@ RPC_STATUS GroupToName(Association& association, uint32_t& group) {
     return association.bindings != 0 ? RPC_S_OK : RPC_S_INVALID_BINDING;
 }
 
-// Notes the group that the server put the connection into. False: it is not the one of the others, since two threads
-// asked for one at the same moment, or the group of before is gone.
+// Records the group of the connection. False when it differs from that of the other connections: two threads asked for
+// one at the same time, or the earlier group is gone.
 bool EnterGroup(Connection& connection, uint32_t granted) {
     LockHold hold(g_lock);
     Association& association = *connection.association;
@@ -252,7 +252,7 @@ bool FindContext(Connection& connection, const RPC_CLIENT_INTERFACE& interface) 
     return false;
 }
 
-// A second interface on a connection that has one.
+// A second interface on a bound connection.
 RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interface) {
     if (connection.contextCount == kMaxContexts) return RPC_S_OUT_OF_RESOURCES;
     uint32_t group = connection.group;
@@ -270,7 +270,7 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
     case RPC_S_OUT_OF_MEMORY:
         LoseConnection(connection);
         return status;
-    default: // refused; the contexts before it are as they were
+    default: // refused; the earlier contexts are unchanged
         return status;
     }
 }
@@ -280,7 +280,7 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
 Association* OpenAssociation(const std::string& endpoint) {
     LockHold hold(g_lock);
     Association* association = g_associations;
-    // One without bindings is on its way out, its connections cut.
+    // An association without bindings is being removed, with its connections cut.
     while (association != nullptr && (association->bindings == 0 || association->endpoint != endpoint))
         association = association->next;
     if (association == nullptr) {
@@ -301,7 +301,7 @@ void CloseAssociation(Association& association) {
             association.idle = connection->nextOfOwner;
             Destroy(connection);
         }
-        // The others are their threads' to close. The server sees their end now.
+        // Their threads close the others. The server sees their end now.
         for (Connection* connection = association.connections; connection != nullptr; connection = connection->next)
             shutdown(connection->channel.socket, SHUT_RDWR);
         DropClosed();
@@ -337,7 +337,7 @@ RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interfa
         }
         LoseConnection(connection);
         if (status != RPC_S_OK && !groupUnknown) return status;
-        if (groupUnknown) ForgetGroup(association, named); // the server was started anew since
+        if (groupUnknown) ForgetGroup(association, named); // the server has restarted since
     }
 }
 
@@ -355,7 +355,7 @@ RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& 
 
 namespace {
 
-// The sockets are the parent's. The child's threads connect anew, as another process.
+// The sockets belong to the parent. Threads of the child reconnect, as another process.
 void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     for (Association* association = g_associations; association != nullptr; association = association->next) {
         for (Connection* connection = association->connections; connection != nullptr; connection = connection->next) {

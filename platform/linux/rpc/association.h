@@ -1,9 +1,9 @@
-// The client's connections: one for each thread that calls, all to one endpoint forming an association, which is what a
-// server runs down when it is gone.
+// The client's connections, one per calling thread. All connections to one endpoint form an association, which the
+// server runs down when its last connection closes.
 //
-// A thread keeps its connection. When the thread ends, its connection waits for the next thread that needs one: the
-// last one is never closed while the process holds a binding to the endpoint, for with it the server would take back
-// what the process has open there.
+// A thread keeps its connection. When the thread ends, its connection becomes idle until another thread needs one. The
+// last connection stays open while the process holds a binding to the endpoint; otherwise the server would release what
+// the process has open there. State: association.cpp.
 #pragma once
 
 #include "rpc/channel.h"
@@ -14,19 +14,19 @@ namespace oriel::rpc {
 
 struct Association;
 
-inline constexpr unsigned kMaxContexts = 8;        // interfaces that a thread uses on one connection
-inline constexpr unsigned kMaxIdleConnections = 8; // of ended threads; one more is closed
+inline constexpr unsigned kMaxContexts = 8;        // interfaces per connection
+inline constexpr unsigned kMaxIdleConnections = 8; // of threads that ended; more are closed
 
-// Belongs to the thread in whose list it is, or to none and is idle.
+// Owned by the thread in whose list it is; in no list while idle.
 struct Connection {
-    Channel channel; // no socket until it is first used, and after it was lost
+    Channel channel; // no socket before its first use and after it was lost
     Association* association = nullptr;
     bool busy = false;            // between I_RpcGetBuffer and I_RpcFreeBuffer
-    size_t room = 0;              // of the body that was asked for
+    size_t room = 0;              // of the body asked for
     uint32_t callId = 0;          // the last one used
     int64_t deadline = kNever;    // of the call in preparation
-    bool sendTimeIsShort = false; // the socket's, for a call with a deadline
-    uint16_t contextId = 0;       // of the call in preparation: an index to what follows
+    bool sendTimeIsShort = false; // SO_SNDTIMEO is short, for a call with a deadline
+    uint16_t contextId = 0;       // of the call in preparation: an index into the next array
     unsigned contextCount = 0;
     struct {
         RPC_SYNTAX_IDENTIFIER abstractSyntax;
@@ -39,17 +39,17 @@ struct Connection {
     Connection* previous = nullptr;
 };
 
-// One binding more to an endpoint, one less. With the last, its connections end. Null: no memory.
+// Adds or removes a binding to an endpoint. Removing the last one closes its connections. Null: out of memory.
 Association* OpenAssociation(const std::string& endpoint);
 void CloseAssociation(Association& association);
 
 // A connection of the calling thread that is not busy, connected and bound to the interface, with contextId and
-// deadline set. The statuses of I_RpcGetBuffer.
+// deadline set. Returns the statuses of I_RpcGetBuffer.
 RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, int64_t deadline,
                           Connection*& connection);
-// Connects it anew, after LoseConnection, by its deadline at the latest.
+// Reconnects after LoseConnection, before its deadline.
 RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interface);
-// Closes its socket, after what went wrong on it.
+// Closes its socket after an error on it.
 void LoseConnection(Connection& connection);
 
 } // namespace oriel::rpc

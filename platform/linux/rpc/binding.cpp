@@ -17,7 +17,7 @@ const char* Text(RPC_CSTR string) {
     return string != nullptr ? reinterpret_cast<const char*>(string) : "";
 }
 
-// Takes what is before the separator off the front; all of it when there is none.
+// Removes what precedes the separator; everything when there is none.
 std::string_view TakeUntil(std::string_view& text, char separator) {
     const size_t end = text.find(separator);
     const std::string_view taken = text.substr(0, end);
@@ -25,9 +25,9 @@ std::string_view TakeUntil(std::string_view& text, char separator) {
     return taken;
 }
 
-// "Security=": how far a server may act as the client, whether its identity is looked at anew, and whether privileges
-// that are off count. The kernel tells a server who its client is, as it was when it connected: so never anonymous,
-// never dynamic.
+// "Security=": how far a server may impersonate the client, whether its identity is tracked dynamically, and whether
+// disabled privileges count. The kernel tells a server the identity that its client had when it connected: never
+// anonymous, never dynamic.
 bool IsSecurityOption(std::string_view value) {
     const std::string_view level = TakeUntil(value, ' ');
     const std::string_view tracking = TakeUntil(value, ' ');

@@ -1,4 +1,4 @@
-// What an RPC_BINDING_HANDLE points to: a client's binding, or the call that a server's thread is carrying out.
+// What an RPC_BINDING_HANDLE points to: a client's binding, or the call that a server thread is executing.
 #pragma once
 
 #include <rpc.h>
@@ -33,7 +33,7 @@ inline bool IsKind(RPC_BINDING_HANDLE handle, HandleKind kind) {
 // I_RpcGetBuffer within a dispatch function (server_call.cpp).
 RPC_STATUS GetReplyBuffer(RPC_MESSAGE& message);
 
-// The endpoint of a string binding that RpcBindingFromStringBindingA takes, or why it takes it not.
+// The endpoint of a string binding that RpcBindingFromStringBindingA accepts, or the reason for refusing it.
 RPC_STATUS ParseStringBinding(const char* text, std::string& endpoint);
 
 } // namespace oriel::rpc

@@ -1,4 +1,4 @@
-// Buffers of a connection, sending and receiving of messages: channel.h.
+// Buffers of a connection; sending and receiving of messages. State: the Channel.
 #include "rpc/channel.h"
 
 #include "base/lock.h"
@@ -16,7 +16,7 @@
 namespace oriel::rpc {
 namespace {
 
-constexpr size_t kTrustedHint = 256 * 1024; // a peer's word is worth that much memory before the bytes are there
+constexpr size_t kTrustedHint = 256 * 1024; // memory allocated on the word of a peer alone
 constexpr size_t kFragmentsAtOnce = 16;     // of a long message, per sendmsg
 
 void Discharge(Channel& channel, size_t bytes) {
@@ -31,7 +31,7 @@ bool Charge(Channel& channel, size_t bytes) {
 }
 
 bool Grow(Channel& channel, Buffer& buffer, size_t size) {
-    TerminationHold hold; // the heap's own locks
+    TerminationHold hold; // the heap takes locks
     const size_t doubled = std::min<size_t>(buffer.capacity * 2, buffer.capacity + kLargestBody / 4);
     const size_t capacity = (std::max({size, doubled, kFirstBuffer}) + 4095) & ~size_t{4095};
     if (!Charge(channel, capacity - buffer.capacity)) return false;
@@ -141,7 +141,7 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
     return Transfer::done;
 }
 
-// Takes `size` received bytes at `offset` away.
+// Removes `size` received bytes at `offset`.
 void Cut(Channel& channel, size_t offset, size_t size) {
     channel.received -= size;
     memmove(channel.in.data + offset, channel.in.data + offset + size, channel.received - offset);
@@ -192,7 +192,7 @@ Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline
     const int64_t whole = deadline;
     bool begun = false;
     size_t bodyStart = 0;
-    size_t at = 0; // where the fragment begins that comes next
+    size_t at = 0; // start of the next fragment
     for (;;) {
         const size_t want = begun ? at + kCallHeaderSize : channel.largestReceived + kCallHeaderSize;
         Transfer result = Fill(channel, at + kHeaderSize, want, deadline);
@@ -224,7 +224,7 @@ Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline
         }
         if (header.authLength != 0) return Transfer::authenticated;
         if (header.type != assembled) {
-            // A server may give a fault instead of the rest of its response; nothing else comes between fragments.
+            // A server may send a fault instead of the rest of its response; nothing else may come between fragments.
             if (begun && header.type != kFault) return Transfer::malformed;
             message.header = header;
             message.pdu = pdu;

@@ -1,9 +1,9 @@
-// The message calls, sorted by what their handle is: a server's call (server_call.cpp) or a client's binding, whose
-// buffer, request and reply are here. State: the thread's connection (association.h), which the
-// message names in ReservedForRuntime from I_RpcGetBuffer to I_RpcFreeBuffer.
+// The message calls. Their handle selects a server's call (server_call.cpp) or a client's binding, whose buffer,
+// request and reply are handled here. State: the thread's connection (association.h), which the message names in
+// ReservedForRuntime from I_RpcGetBuffer to I_RpcFreeBuffer.
 //
-// Everything here is on the way of every call. There is no lock, no allocation and no system call beside one send and
-// one receive, as long as the message fits the connection's buffers and the connection lives.
+// This is the path of every call: no lock, no allocation and no system call besides one send and one receive, while the
+// message fits the connection's buffers and the connection lives.
 #include "base/timings.h"
 #include "rpc/association.h"
 #include "rpc/binding.h"
@@ -15,7 +15,7 @@
 namespace oriel::rpc {
 namespace {
 
-constexpr unsigned kFlagsValid = 0x8000; // a bit that compilers of interface definitions add to the procedure number
+constexpr unsigned kFlagsValid = 0x8000; // set by interface compilers in the procedure number
 
 const RPC_CLIENT_INTERFACE& Interface(const RPC_MESSAGE& message) {
     return *static_cast<const RPC_CLIENT_INTERFACE*>(message.RpcInterfaceInformation);
@@ -36,7 +36,8 @@ RPC_STATUS ReadFault(const Message& reply) {
     return StatusFromFault(fault, (reply.header.flags & kDidNotExecute) != 0);
 }
 
-// Why a server closed the connection before it had the whole request: the fault it left, RPC_S_OK when it left none.
+// The fault that a server left when it closed the connection before it had the whole request; RPC_S_OK when it left
+// none.
 RPC_STATUS Refusal(Connection& connection) {
     Message reply;
     if (Receive(connection.channel, Side::client, reply, MonotonicNs()) != Transfer::done) return RPC_S_OK;
@@ -49,7 +50,7 @@ RPC_STATUS SendOnce(RPC_MESSAGE& message, Connection& connection, Transfer& sent
                           .procedure = static_cast<uint16_t>(message.ProcNum & ~kFlagsValid)};
     sent = Send(connection.channel, header, call, message.BufferLength);
     if (sent == Transfer::done) return RPC_S_OK;
-    // No server has the whole request, so none has carried it out.
+    // No server has the whole request, so none has executed it.
     const RPC_STATUS refused = Refusal(connection);
     LoseConnection(connection);
     if (refused != RPC_S_OK) return refused;
@@ -58,11 +59,10 @@ RPC_STATUS SendOnce(RPC_MESSAGE& message, Connection& connection, Transfer& sent
 
 RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     Message reply;
-    // Without a time limit, unless the binding has one: a call lasts as long as the server needs for it, and some need
-    // long. The end of the server, or of the connection, is noticed at once; a thread that is terminated meanwhile
-    // holds nothing.
+    // Unbounded, unless the binding has a limit: a call lasts as long as the server needs, and some need long. The end
+    // of the server or of the connection is noticed at once; a thread that is terminated here holds nothing.
     const Transfer received = Receive(connection.channel, Side::client, reply, connection.deadline);
-    // Reset: the request, or its end, was still unread.
+    // Reset: the server had not read the whole request.
     RPC_STATUS status =
         StatusFromTransfer(received, received == Transfer::reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
     if (status == RPC_S_OK) {
@@ -75,7 +75,7 @@ RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
             return RPC_S_OK;
         } else if (reply.header.type == kFault) {
             status = ReadFault(reply);
-            if (status != RPC_S_PROTOCOL_ERROR) return status; // and the connection is as good as before
+            if (status != RPC_S_PROTOCOL_ERROR) return status; // the connection is still usable
         } else {
             status = RPC_S_PROTOCOL_ERROR;
         }
@@ -84,12 +84,12 @@ RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     return status;
 }
 
-// What went wrong by the deadline went wrong for its sake.
+// An error at the deadline counts as a time-out.
 RPC_STATUS OrCancelled(RPC_STATUS status, int64_t deadline) {
     return status != RPC_S_OK && deadline != kNever && LeftMs(deadline) == 0 ? RPC_S_CALL_CANCELLED : status;
 }
 
-// A server that stands still takes what its socket has room for, and no more.
+// A stopped server accepts what fits its socket, and no more.
 void LimitSending(Connection& connection) {
     const bool shorter = connection.deadline != kNever;
     if (!shorter && !connection.sendTimeIsShort) return;
@@ -104,8 +104,7 @@ RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
     RPC_STATUS status = SendOnce(message, connection, sent);
     if (sent == Transfer::closed || sent == Transfer::reset) {
         if (status != RPC_S_CALL_FAILED_DNE) return status;
-        // Dead since its last call, for instance because the service was started anew. The request is still in the
-        // buffer.
+        // Dead since its last call, for instance because the service restarted. The request is still in the buffer.
         status = Establish(connection, Interface(message));
         if (status == RPC_S_OK) status = SendOnce(message, connection, sent);
     }

@@ -1,5 +1,5 @@
-// Association groups and users of a server: client_groups.h. State: both lists, under g_lock, which only the begin and
-// the end of a connection take.
+// Association groups and users of a server. State: both lists, under g_lock, which only the start and the end of a
+// connection take.
 #include "rpc/client_groups.h"
 
 #include "base/lock.h"
@@ -31,7 +31,7 @@ Group* FindGroup(uint32_t id) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     return group;
 }
 
-// Random, so that a client that outlived another server does not meet somebody else's group here.
+// Random, so that a client that outlived another server does not find somebody else's group here.
 uint32_t NewGroupId() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     for (;;) {
         uint32_t id = 0;

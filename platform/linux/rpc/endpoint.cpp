@@ -1,4 +1,4 @@
-// Sockets of endpoints: endpoint.h. No state of its own; the files are in the run directory.
+// Sockets of endpoints. No state; the files are in the run directory.
 #include "rpc/endpoint.h"
 
 #include "base/descriptor.h"
@@ -45,7 +45,7 @@ int OpenFolder(const std::string& folder) {
     return open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-// A path that is too long for a socket's address goes by way of the open folder.
+// A path that is too long for a socket address is reached through the open folder.
 sockaddr_un Address(const std::string& path, const std::string& name, int folder) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -57,7 +57,7 @@ sockaddr_un Address(const std::string& path, const std::string& name, int folder
     return address;
 }
 
-// Sockets may be put there by us without another user being able to put his own in their place.
+// True when only we can put sockets there: no other user can replace them.
 bool IsSafeToServeIn(int folder) {
     struct stat status {};
     if (fstat(folder, &status) != 0 || !IsTrusted(status.st_uid)) return false;
@@ -100,7 +100,7 @@ void SetSendTime(int socket, int milliseconds) {
 }
 
 RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& socket) {
-    // The server takes the one who connects for the client, and hands nothing of one user's to another.
+    // The server takes the user who connects for the client, and does not hand one user's objects to another.
     const AsOwnProcess ourselves;
     Descriptor folder;
     Descriptor stream;
@@ -130,7 +130,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
     socklen_t size = sizeof server;
     if (getsockopt(stream.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 || !IsTrusted(server.uid))
         return RPC_S_SERVER_UNAVAILABLE;
-    // A server that takes nothing of a request for so long has stopped; it cannot have carried the call out.
+    // A server that accepts nothing of a request for so long has stopped; it cannot have executed the call.
     SetSendTime(stream.Get(), g_timings.rpcSend);
     socket = stream.Release();
     return RPC_S_OK;
@@ -163,8 +163,8 @@ RPC_STATUS BindEndpoint(Endpoint& endpoint) {
     }
     Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.IsOpen()) return FromErrno(errno, RPC_S_OUT_OF_RESOURCES);
-    // By the mask, so that the socket never has another mode. The mask is the process's: a server claims its endpoints
-    // while it starts, before it has threads that make files.
+    // Set through the umask, so that the socket never has another mode. The umask belongs to the process: a server
+    // claims its endpoints at its start, before it has threads that create files.
     const mode_t mask = umask(0111);
     const int result = bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     umask(mask);

@@ -1,4 +1,4 @@
-// The table between the codes of faults and of the Win32 API. No state.
+// The table of fault codes and Win32 codes. No state.
 #include "rpc/fault_status.h"
 
 namespace oriel::rpc {
@@ -9,7 +9,7 @@ struct Row {
     RPC_STATUS status;
 };
 
-// The first row of a status is the one it is sent as.
+// A status is sent as the code of its first row.
 constexpr Row kRows[] = {
     {.fault = 0x1C010001, .status = RPC_S_COMM_FAILURE},          // comm_failure
     {.fault = 0x1C010002, .status = RPC_S_PROCNUM_OUT_OF_RANGE},  // op_rng_error
@@ -33,15 +33,15 @@ constexpr Row kRows[] = {
     {.fault = 0x1C000017, .status = RPC_X_PIPE_DISCIPLINE_ERROR}, // fault_pipe_discipline
     {.fault = 0x1C00001A, .status = RPC_X_SS_CONTEXT_MISMATCH},   // fault_context_mismatch
     {.fault = 0x1C00001B, .status = RPC_S_SERVER_OUT_OF_MEMORY},  // fault_remote_no_memory
-    {.fault = 0x1C00001B, .status = RPC_S_OUT_OF_MEMORY}, // what is out of memory is the server, seen from the client
-    {.fault = 0x1C010013, .status = RPC_S_SERVER_OUT_OF_MEMORY}, // out_args_too_big
-    {.fault = 0x1C000008, .status = RPC_S_PROTOCOL_ERROR},       // rpc_version_mismatch
-    {.fault = 0x1C00001C, .status = RPC_S_PROTOCOL_ERROR},       // invalid_pres_context_id
-    {.fault = 0x1C00000A, .status = RPC_S_CALL_FAILED_DNE},      // bad_actid
-    {.fault = 0x1C000013, .status = RPC_S_COMM_FAILURE},         // fault_remote_comm_failure
+    {.fault = 0x1C00001B, .status = RPC_S_OUT_OF_MEMORY},         // seen from the client, the server is out of memory
+    {.fault = 0x1C010013, .status = RPC_S_SERVER_OUT_OF_MEMORY},  // out_args_too_big
+    {.fault = 0x1C000008, .status = RPC_S_PROTOCOL_ERROR},        // rpc_version_mismatch
+    {.fault = 0x1C00001C, .status = RPC_S_PROTOCOL_ERROR},        // invalid_pres_context_id
+    {.fault = 0x1C00000A, .status = RPC_S_CALL_FAILED_DNE},       // bad_actid
+    {.fault = 0x1C000013, .status = RPC_S_COMM_FAILURE},          // fault_remote_comm_failure
 };
 
-// In the upper eight bits of a code: what has no row there says nothing to a caller.
+// The upper eight bits of a code; such a code without a row means nothing to a caller.
 constexpr uint32_t kProtocolCodes = 0x1C000000;
 
 } // namespace

@@ -4,7 +4,7 @@
 namespace oriel::rpc {
 namespace {
 
-// Reads forward through a PDU; once it ran out, everything else reads as zero and Complete() says so.
+// Reads forward through a PDU. Past the end everything reads as zero, and Complete() is false.
 class Reader {
 public:
     Reader(const uint8_t* pdu, size_t offset, size_t size, bool bigEndian)
@@ -102,7 +102,7 @@ public:
         Number(header.callId);
     }
 
-    // The size of the PDU, written into its header; 0 when there was no room.
+    // Stores the size of the PDU in its header and returns it; 0 when there was no room.
     size_t Finish() {
         if (m_at > m_out.size() || m_at > 0xFFFF) return 0;
         m_out[8] = static_cast<uint8_t>(m_at & 0xFF);
@@ -255,7 +255,7 @@ size_t EncodeBindNak(std::span<uint8_t> out, Header header, uint16_t reason) {
     Writer writer(out);
     writer.PduHeader(header);
     writer.Word(reason);
-    writer.Byte(1); // the versions that are spoken: 5.0 alone
+    writer.Byte(1); // the supported versions: 5.0 only
     writer.Byte(5);
     writer.Byte(0);
     writer.Align(4);

@@ -1,9 +1,9 @@
 // The protocol data units of DCE 1.1 RPC, connection-oriented, version 5.0 (The Open Group, C706, chapter 12), as far
 // as a local run-time without authentication needs them; bind-time feature negotiation as in MS-RPCE 3.3.1.5.3.
 //
-// Pure functions over bytes. What is decoded comes from another process: every length is checked here, and a decoder
-// that returns false has seen a PDU that its sender got wrong. Integers are read in the byte order that the header
-// names and written little-endian. UUIDs and versions are RPC_SYNTAX_IDENTIFIERs in memory.
+// Pure functions over bytes. Decoded bytes come from another process, so every length is checked here; a decoder that
+// returns false has seen an invalid PDU. Integers are read in the byte order of the header and written little-endian.
+// UUIDs and versions are RPC_SYNTAX_IDENTIFIERs in memory.
 #pragma once
 
 #include <rpc.h>
@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-// No padding in it.
+// No padding.
 inline bool operator==(const RPC_SYNTAX_IDENTIFIER& a, const RPC_SYNTAX_IDENTIFIER& b) {
     return memcmp(&a, &b, sizeof a) == 0;
 }
@@ -110,7 +110,7 @@ enum RejectionReason : uint16_t {
 
 struct ContextResult {
     uint16_t result = kAccepted;
-    uint16_t reason = 0; // of a negotiate-ack: the features that both sides have
+    uint16_t reason = 0; // of a negotiate-ack: the features of both sides
     RPC_SYNTAX_IDENTIFIER transfer{};
     bool operator==(const ContextResult&) const = default;
 };
@@ -133,16 +133,16 @@ enum BindNakReason : uint16_t {
     kNakAuthenticationNotRecognized = 8,
 };
 
-// Features of bind-time negotiation. Ours: an orphaned call does not end the connection.
+// Bind-time features. Ours: an orphaned call does not end the connection.
 inline constexpr uint16_t kKeepConnectionOnOrphan = 0x0002;
-// The bits that a peer asks for, when the transfer syntax is the negotiation's marker.
+// The feature bits of a peer, when the transfer syntax is the negotiation marker.
 bool IsFeatureNegotiation(const RPC_SYNTAX_IDENTIFIER& transfer, uint16_t& features);
 
-// From the first kHeaderSize bytes; nothing is judged but that its lengths can be true: a fragment of at least the
-// common header, and of more than its authentication trailer.
+// Decodes the first kHeaderSize bytes. Only the lengths are checked: a fragment has at least the common header, and
+// more than its authentication trailer.
 bool DecodeHeader(const uint8_t* pdu, Header& header);
 
-// Of a whole PDU, header.fragmentLength bytes.
+// From a whole PDU, header.fragmentLength bytes.
 bool DecodeCallHeader(const uint8_t* pdu, const Header& header, CallHeader& call);
 bool DecodeFault(const uint8_t* pdu, const Header& header, CallHeader& call, uint32_t& status);
 bool DecodeBind(const uint8_t* pdu, const Header& header, Bind& bind);
@@ -155,7 +155,7 @@ size_t EncodeBindAck(std::span<uint8_t> out, Header header, const BindAck& ack);
 size_t EncodeBindNak(std::span<uint8_t> out, Header header, uint16_t reason);
 size_t EncodeFault(std::span<uint8_t> out, Header header, const CallHeader& call, uint32_t status);
 
-// The kCallHeaderSize bytes before a body; header.fragmentLength is taken as given. On the way of every call.
+// Writes the kCallHeaderSize bytes before a body; header.fragmentLength is used as given. On the path of every call.
 inline void EncodeCallHeader(uint8_t* out, const Header& header, const CallHeader& call) {
     struct Wire {
         uint8_t majorVersion, minorVersion, type, flags;

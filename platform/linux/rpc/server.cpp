@@ -1,5 +1,5 @@
-// Endpoints and listening. State: the server, under g_lock: its endpoints, the connections it serves, and whether it
-// listens, is stopping or does neither. A thread per endpoint accepts; each connection has a thread of its own.
+// Endpoints and listening. State, under g_lock: the endpoints, the connections in service, and whether the server
+// listens, stops, or neither. One thread per endpoint accepts; each connection has its own thread.
 #include "rpc/server.h"
 
 #include "base/lock.h"
@@ -23,18 +23,18 @@ namespace {
 enum class State {
     idle,
     listening,
-    stopping,   // told to stop, or stopped, and not yet waited for
-    abandoning, // could not begin on all endpoints
+    stopping,   // asked to stop, or stopped, and not yet waited for
+    abandoning, // could not start on all endpoints
 };
 
-// Room for a dispatch function's work; pages that are never touched cost nothing.
+// For the work of a dispatch function; untouched pages cost nothing.
 constexpr size_t kCallStackSize = 256 * 1024;
 
 constinit Lock g_lock;
 State g_state ORIEL_LOCK_CHECK(guarded_by(g_lock)) = State::idle;
 std::list<Endpoint>* g_endpoints ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr; // never freed: threads outlive main()
 ServerConnection* g_connections ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
-unsigned g_threads ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0; // that accept or serve
+unsigned g_threads ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0; // accepting or serving
 bool g_waiting ORIEL_LOCK_CHECK(guarded_by(g_lock)) = false;
 Word g_stops{0};
 
@@ -54,13 +54,14 @@ void* ConnectionThread(void* argument) {
     return nullptr;
 }
 
-// False: the socket is still the caller's to refuse.
+// False: the caller still has to refuse the socket.
 bool StartConnection(const Endpoint& endpoint, int socket) {
     ucred client{};
     socklen_t size = sizeof client;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return false;
     const timeval timeout{g_timings.rpcSend / 1000, 0};
-    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout); // a client that takes nothing of its reply
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout,
+               sizeof timeout); // against a client that does not read its reply
 
     User* user = AdmitUser(client.uid);
     if (user == nullptr) return false;
@@ -103,8 +104,8 @@ bool IsListening() {
 }
 
 void AcceptConnections(const Endpoint& endpoint) {
-    constexpr timespec kPause{0, 10000000}; // nothing can be had of the system just now: later
-    // Given up when the process has no descriptor left, so that a client that cannot be served is told so.
+    constexpr timespec kPause{0, 10000000}; // the system is out of resources: retry later
+    // Released when the process is out of descriptors, so that a client that cannot be served gets an answer.
     int spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
     while (IsListening()) {
         pollfd waiting{endpoint.listener, POLLIN, 0};
@@ -136,7 +137,7 @@ void* AcceptThread(void* argument) {
     return nullptr;
 }
 
-// A client costs a descriptor, and so does each of its events on some file systems. The usual limit is made for
+// A client needs a descriptor, and on some file systems so does each of its events. The usual limit is meant for
 // programs that use select.
 void RaiseDescriptorLimit() {
     rlimit limit{};
@@ -149,7 +150,7 @@ void StopListening(State state) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     g_state = state;
     for (const Endpoint& endpoint : *g_endpoints)
         if (endpoint.listener >= 0) shutdown(endpoint.listener, SHUT_RDWR);
-    // A call in progress still gets its reply out; the next receive finds the end.
+    // A call in progress still sends its reply; the next receive sees the end.
     for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
         shutdown(connection->channel.socket, SHUT_RD);
 }
@@ -174,7 +175,7 @@ void ForgetConnection(ServerConnection& connection) {
 
 namespace {
 
-// The child serves nobody, and its clients must not wait for it when the parent ends.
+// The child serves nobody, and clients of the parent must not wait for it when the parent ends.
 void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
         close(connection->channel.socket);

@@ -1,9 +1,9 @@
-// The server's records, shared by its files:
+// The server's records, shared by its files. State: server.cpp, server_interfaces.cpp, client_groups.cpp.
 //
-//   server.cpp             endpoints, listening, accepting, the end of it
-//   server_interfaces.cpp  what is offered
+//   server.cpp             endpoints, listening, accepting, stopping
+//   server_interfaces.cpp  registered interfaces
 //   server_connection.cpp  the thread of a connection: binds, requests, replies
-//   server_call.cpp        what a dispatch function calls
+//   server_call.cpp        the calls of a dispatch function
 //   client_groups.cpp      association groups and users
 #pragma once
 
@@ -18,31 +18,31 @@
 namespace oriel::rpc {
 
 inline constexpr unsigned kMaxInterfaces = 32;
-inline constexpr unsigned kMaxServerContexts = 16; // interfaces that a client uses on one connection
+inline constexpr unsigned kMaxServerContexts = 16; // interfaces per connection
 inline constexpr int kBacklog = 128;
 
-// A place for one interface, never given to another.
+// A slot for one interface, never reused for another.
 struct OfferedInterface {
     RPC_SYNTAX_IDENTIFIER id{};
-    // Null while it is not offered. Whoever makes a call says so in ServerConnection::calling first and looks here
-    // then; whoever withdraws it clears this first and looks there then. The two that follow change only in between.
+    // Null while not registered. A caller sets ServerConnection::calling first and then reads this; an unregistration
+    // clears this first and then reads `calling`. The next two members change only in between.
     std::atomic<const RPC_SERVER_INTERFACE*> registered{nullptr};
     RPC_MGR_EPV* managers = nullptr;
     unsigned largestRequest = 0;
 };
 
-// One client's connection; its thread's alone but for `calling` and, under the server's lock, the socket and the links.
-// As a HandleRecord it is the call that the thread is carrying out.
+// One client's connection. Only its thread uses it, except for `calling` and, under the server's lock, the socket and
+// the links. As a HandleRecord it is the call that the thread executes.
 struct ServerConnection : HandleRecord {
     Channel channel;
     const Endpoint* endpoint = nullptr;
     ucred client{};
     char identity[24] = {}; // "uid:" and the number
     User* user = nullptr;
-    Group* group = nullptr; // from the bind on
+    Group* group = nullptr; // set by the bind
 
     std::atomic<const OfferedInterface*> calling{nullptr};
-    bool replied = false; // the dispatch function has taken a buffer for its reply
+    bool replied = false; // the dispatch function has a buffer for its reply
     size_t replyRoom = 0;
     struct {
         uint16_t id;
@@ -54,24 +54,24 @@ struct ServerConnection : HandleRecord {
     ServerConnection* previous = nullptr;
 };
 
-// The interface that a client asks for by that id: same UUID and major version, at least its minor version. Null: none.
+// The interface with that UUID, the same major version and at least the minor version. Null: none.
 const OfferedInterface* FindInterface(const RPC_SYNTAX_IDENTIFIER& id);
 
-// Serves the connection until its end and gives back all that it had but the record.
+// Serves the connection until its end and releases everything but the record.
 void ServeConnection(ServerConnection& connection);
-// Refuses a client that was never served.
+// Refuses a client that was not served.
 void RefuseConnection(int socket);
 
-// The connection whose call the thread is carrying out, by handle or, with null, the thread's own.
+// The connection whose call the thread executes, by handle, or with null the thread's own.
 RPC_STATUS FindCall(RPC_BINDING_HANDLE handle, ServerConnection*& connection);
 extern thread_local constinit ServerConnection* t_connection;
 
-// True while a call of any connection uses the interface; under the server's lock inside.
+// True while a call of any connection uses the interface; takes the server's lock.
 bool IsInUse(const OfferedInterface* offered);
-// Takes a connection whose socket is about to be closed from the list.
+// Removes a connection whose socket is about to be closed from the list.
 void ForgetConnection(ServerConnection& connection);
 
-// What RpcRaiseException throws, and the dispatcher catches.
+// Thrown by RpcRaiseException, caught by the dispatcher.
 struct Raised {
     RPC_STATUS status;
 };

@@ -1,5 +1,5 @@
-// What a dispatch function may call: the buffer of its reply, who its client is, what it keeps for the client, and the
-// way to fail. State: the thread's connection.
+// What a dispatch function may call: its reply buffer, the identity of its client, its context for the client, and
+// raising a failure. State: the thread's connection.
 #include "rpc/server.h"
 #include "security/credentials.h"
 
@@ -37,11 +37,11 @@ RPC_STATUS GetReplyBuffer(RPC_MESSAGE& message) {
 
 namespace {
 
-// Of the process when it connected.
+// The process id at connect time.
 bool ClientCredentials(const ServerConnection& connection, Credentials& credentials) {
     credentials = {connection.client.uid, connection.client.gid, {}};
     socklen_t size = 0;
-    // An empty buffer asks for the room that is needed.
+    // An empty buffer asks for the size needed.
     const int socket = connection.channel.socket;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size) == 0) return true;
     if (errno != ERANGE) return false;

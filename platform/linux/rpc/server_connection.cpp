@@ -1,8 +1,7 @@
-// The thread of one connection: it waits for a PDU, does what it asks for, answers, and waits again. State: the
-// connection.
+// The thread of one connection: waits for a PDU, handles it, answers, and waits again. State: the connection.
 //
-// A client is another process and may send anything. Whatever is wrong with it ends its connection and touches nobody
-// else: nothing here waits while it holds a lock.
+// A client is another process and may send anything. An error ends its connection and affects nobody else: no wait here
+// holds a lock.
 #include "base/timings.h"
 #include "rpc/fault_status.h"
 #include "rpc/server.h"
@@ -19,7 +18,7 @@ bool Answered(Transfer result) {
     return result == Transfer::done;
 }
 
-// An answer that is no response goes through the send buffer, as its size depends on what was asked.
+// Answers other than responses use the send buffer, because their size depends on the request.
 bool Answer(ServerConnection& connection, const Message& message, uint8_t type, size_t largest, auto encode) {
     Channel& channel = connection.channel;
     if (!ReserveBody(channel, largest)) return false;
@@ -40,7 +39,7 @@ bool SendFault(ServerConnection& connection, const Message& message, RPC_STATUS 
     });
 }
 
-// Says why, where the protocol has words for it. The connection ends in any case.
+// Sends the reason where the protocol has one. The connection ends in any case.
 void Refuse(ServerConnection& connection, const Message& message, Transfer why) {
     const bool isBind = message.header.type == kBind;
     const bool isRequest = message.header.type == kRequest && connection.group != nullptr;
@@ -86,7 +85,7 @@ ContextResult JudgeContext(ServerConnection& connection, const ContextElement& e
     }
     const OfferedInterface* known = FindContext(connection, element.id);
     if (known != nullptr && known != offered) {
-        result.reason = kReasonNotSpecified; // an id stands for one interface as long as the connection lives
+        result.reason = kReasonNotSpecified; // an id stays with one interface as long as the connection lives
         return result;
     }
     if (known == nullptr) {
@@ -156,9 +155,9 @@ RPC_STATUS CallFunction(RPC_DISPATCH_FUNCTION function, RPC_MESSAGE& call) {
     } catch (const std::bad_alloc&) {
         return RPC_S_OUT_OF_MEMORY;
     } catch (const abi::__forced_unwind&) {
-        throw; // the end of the thread is no failure of the call
+        throw; // the end of the thread is not a failure of the call
     } catch (...) {
-        return RPC_S_CALL_FAILED; // as Windows does with an exception of any kind
+        return RPC_S_CALL_FAILED; // like Windows, for an exception of any kind
     }
 }
 
@@ -167,7 +166,7 @@ bool SendReply(ServerConnection& connection, const Message& message, size_t leng
     return Answered(Send(connection.channel, header, {.contextId = message.call.contextId}, length));
 }
 
-// With `calling` set: so the interface cannot be withdrawn from under it.
+// With `calling` set, so that the interface cannot be unregistered meanwhile.
 bool CarryOut(ServerConnection& connection, const Message& message, const OfferedInterface& offered) {
     const RPC_SERVER_INTERFACE* registered = offered.registered.load();
     if (registered == nullptr) return SendFault(connection, message, RPC_S_UNKNOWN_IF, false);
@@ -215,7 +214,7 @@ bool Handle(ServerConnection& connection, const Message& message) {
     case kAlterContext:
         return HandleAlterContext(connection, message);
     default:
-        return false; // nothing that a client without authentication has to say
+        return false; // not valid from a client without authentication
     }
 }
 
@@ -238,7 +237,7 @@ void ServeConnection(ServerConnection& connection) {
             if (!Handle(connection, message)) break;
         }
     } catch (const std::bad_alloc&) {
-        // A bind that there was no memory for.
+        // A bind that failed for lack of memory.
     }
     connection.kind = HandleKind::free;
     t_connection = nullptr;
@@ -250,7 +249,7 @@ void ServeConnection(ServerConnection& connection) {
 }
 
 void RefuseConnection(int socket) {
-    // The call id is a guess, as nothing has been read: 1 is what clients begin with.
+    // Nothing has been read, so the call id is a guess: clients begin with 1.
     uint8_t nak[kFaultSize];
     const size_t size = EncodeBindNak(nak, {.type = kBindNak, .callId = 1}, kNakLocalLimitExceeded);
     send(socket, nak, size, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -1,5 +1,5 @@
-// Interfaces that the process offers. State: their places, under g_lock, which no call takes: a connection looks an
-// interface up when it binds and holds on to its place.
+// Registered interfaces. State: their slots, under g_lock, which calls do not take: a connection looks an interface up
+// when it binds and keeps its slot.
 #include "base/lock.h"
 #include "base/steps.h"
 #include "rpc/server.h"
@@ -19,7 +19,7 @@ OfferedInterface* FindPlace(const RPC_SYNTAX_IDENTIFIER& id) ORIEL_LOCK_CHECK(re
     return nullptr;
 }
 
-// By looking, so that no call has to tell that it is over. Without a time limit: a call may last long.
+// Polls, so that calls need not report their end. Unbounded: a call may last long.
 void WaitForCalls(const OfferedInterface& offered) {
     constexpr timespec kPause{0, 1000000};
     while (IsInUse(&offered))
@@ -78,7 +78,7 @@ RPC_STATUS RPC_ENTRY RpcServerRegisterIf2(RPC_IF_HANDLE IfSpec, UUID* MgrTypeUui
             return RPC_S_ALREADY_REGISTERED;
         }
     }
-    WaitForCalls(*place); // of an earlier registration, which was withdrawn without waiting
+    WaitForCalls(*place); // of an earlier registration that did not wait for its calls
     LockHold hold(g_lock);
     if (place->registered.load() != nullptr) return RPC_S_ALREADY_REGISTERED;
     place->managers = MgrEpv != nullptr ? MgrEpv : registered->DefaultManagerEpv;

@@ -1,4 +1,5 @@
-// Starting services and asking them to stop: calls that wait for another process, up to 30 seconds as Windows does.
+// Starting services and asking them to stop: calls that wait for another process, up to 30 seconds as on Windows. No
+// state.
 #include "base/call.h"
 #include "base/futex.h"
 #include "service/record.h"
@@ -62,7 +63,7 @@ DWORD LaunchService(const ServiceObject& service, Launch* launch) {
     if (error != ERROR_SUCCESS) return error;
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
-    // Away from the terminal: its Ctrl-C is for who starts the service.
+    // A session of its own: the Ctrl-C of the terminal is for whoever starts the service.
     if (!CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr,
                         &startup, &launch->process))
         return GetLastError();
@@ -70,9 +71,9 @@ DWORD LaunchService(const ServiceObject& service, Launch* launch) {
     return ERROR_SUCCESS;
 }
 
-// Whether the process, or what it started, has come to its dispatcher.
+// True when the process, or one that it started, has reached its dispatcher.
 DWORD WaitForDispatcher(const Launch& launch) {
-    // Another process is the service: one that ours started, or one that was faster, in which case ours ends soon.
+    // Another process is the service: one that ours started, or one that was faster; ours then ends soon.
     constexpr DWORD kOthersMs = 1000;
     const int64_t deadline = DeadlineAfter(kLongestWaitMs);
     int64_t othersDeadline = kNever;
@@ -81,7 +82,7 @@ DWORD WaitForDispatcher(const Launch& launch) {
         ServiceState state;
         const DWORD error = CodeCall([&] { return ReadServiceState(launch.folded, &state); });
         if (error != ERROR_SUCCESS) return error;
-        // One that was quick to stop again has started too.
+        // A service that stopped again quickly has started too.
         const bool ours = state.lastProcess == launch.process.dwProcessId;
         if (ours && (state.running || launch.lastProcess != state.lastProcess)) return ERROR_SUCCESS;
         if (ended) return state.running ? ERROR_SERVICE_ALREADY_RUNNING : ERROR_PROCESS_ABORTED;
@@ -95,8 +96,7 @@ DWORD SignalService(const std::string& folded, const ServiceState& state) {
     if (state.process == getpid()) return kill(getpid(), SIGTERM) == 0 ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, state.process, 0)));
     if (!process.IsOpen()) return errno == ESRCH ? ERROR_SERVICE_NOT_ACTIVE : ERROR_ACCESS_DENIED;
-    // The number may have been given to another process before it was opened; who has the lock now has had it all the
-    // time.
+    // The process id may have been reused before it was opened; the current lock holder had the lock all the time.
     ServiceState now;
     const DWORD error = ReadServiceState(folded, &now);
     if (error != ERROR_SUCCESS) return error;
@@ -105,7 +105,7 @@ DWORD SignalService(const std::string& folded, const ServiceState& state) {
     return errno == ESRCH ? ERROR_SERVICE_NOT_ACTIVE : ERROR_ACCESS_DENIED;
 }
 
-// status: what the service told before it was asked.
+// status: the status before the control.
 DWORD AskToStop(const std::string& folded, LPSERVICE_STATUS status) {
     ServiceState state;
     DWORD error = ReadServiceState(folded, &state);
@@ -145,7 +145,7 @@ BOOL WINAPI StartServiceA(SC_HANDLE service, DWORD argumentCount, LPCSTR*) {
     });
     if (error != ERROR_SUCCESS) return Succeeds(error);
     error = WaitForDispatcher(launch);
-    // Nobody would ever find one that hangs before it has the service's name.
+    // Nobody would ever find a process that hangs before it has the service's name.
     if (error == ERROR_SERVICE_REQUEST_TIMEOUT) TerminateProcess(launch.process.hProcess, error);
     CloseHandle(launch.process.hProcess);
     return Succeeds(error);
@@ -169,7 +169,7 @@ BOOL WINAPI ControlService(SC_HANDLE service, DWORD control, LPSERVICE_STATUS st
         return state.running ? ERROR_SUCCESS : ERROR_SERVICE_NOT_ACTIVE;
     });
     if (error == ERROR_SUCCESS && control == SERVICE_CONTROL_STOP) error = WaitForReaction(folded, &now);
-    // As on Windows, the status is told with these errors too.
+    // As on Windows, the status is returned with these errors too.
     if (error == ERROR_SUCCESS || error == ERROR_SERVICE_NOT_ACTIVE || error == ERROR_INVALID_SERVICE_CONTROL ||
         error == ERROR_SERVICE_CANNOT_ACCEPT_CTRL)
         *status = now;

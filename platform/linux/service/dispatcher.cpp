@@ -1,6 +1,6 @@
-// The service's own side: its dispatcher, its status, and signals as controls.
+// The dispatcher of a service: its status, and signals as controls.
 //
-// State: the one service of the process, g_service. Signals are blocked and taken from a descriptor; nothing runs in a
+// State: g_service, the one service of the process. Signals are blocked and read from a descriptor; nothing runs in a
 // signal handler.
 #include "base/call.h"
 #include "base/descriptor.h"
@@ -64,24 +64,24 @@ struct OwnService {
     LPHANDLER_FUNCTION handler = nullptr;
     OwnRecord record;
     SERVICE_STATUS status = {};
-    bool told = false;      // the service has told a status itself
+    bool told = false;      // the service has set a status itself
     bool mainEnded = false; // its main function has returned
-    bool stopAsked = false; // by a signal, and not handed to the service yet
-    bool toldReady = false; // to the supervisor
+    bool stopAsked = false; // by a signal, not yet passed to the service
+    bool toldReady = false; // READY=1 was sent to the supervisor
     bool toldStopping = false;
-    Descriptor wake; // an event descriptor: the dispatcher is to look again
+    Descriptor wake; // an eventfd: wakes the dispatcher
 };
 
-// Of a process that calls the dispatcher once. Never destroyed: its threads may outlive the end of main().
+// For a process that calls the dispatcher once. Never destroyed: its threads may outlive main().
 constinit Lock g_serviceLock;
 OwnService* g_service ORIEL_LOCK_CHECK(guarded_by(g_serviceLock)) = nullptr;
 
-// The only one there is; no address, for it is never looked up.
+// The only status handle; not an address, since it is never looked up.
 const auto kStatusHandle = reinterpret_cast<SERVICE_STATUS_HANDLE>(uintptr_t{0x4f7253});
 
 void WakeDispatcher(const OwnService& service) {
     const uint64_t one = 1;
-    // A counter that is full wakes just as well.
+    // A full counter wakes just as well.
     [[maybe_unused]] const ssize_t written = write(service.wake.Get(), &one, sizeof one);
 }
 
@@ -98,7 +98,7 @@ DWORD PublishStatus(OwnService& service, const SERVICE_STATUS& status)
         TellSupervisor("STOPPING=1");
         service.toldStopping = true;
     }
-    // From here on another process may be the service.
+    // Another process may be the service from here on.
     if (state == SERVICE_STOPPED) service.record.Release();
     WakeDispatcher(service);
     return error;
@@ -133,7 +133,7 @@ public:
         m_descriptor = Descriptor(signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK));
     }
     ~BlockedSignals() {
-        Take(); // one that came again on the way out is answered already
+        Take(); // a repeated signal on the way out needs no further answer
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
     BlockedSignals(const BlockedSignals&) = delete;
@@ -177,10 +177,10 @@ DWORD BecomeService(const SERVICE_TABLE_ENTRYA* table, OwnService** result) {
     return ERROR_SUCCESS;
 }
 
-// What the dispatcher has to do now.
+// What the dispatcher has to do next.
 struct Duty {
     bool stopped;
-    LPHANDLER_FUNCTION stopHandler; // to be called with the stop control
+    LPHANDLER_FUNCTION stopHandler; // called with the stop control
 };
 
 Duty NextDuty(OwnService& service) {
@@ -203,7 +203,7 @@ void Dispatch(OwnService& service, BlockedSignals& signals) {
             duty.stopHandler(SERVICE_CONTROL_STOP);
             continue;
         }
-        // As long as the service runs.
+        // For as long as the service runs.
         pollfd ready[] = {{signals.Get(), POLLIN, 0}, {service.wake.Get(), POLLIN, 0}};
         if (poll(ready, 2, -1) < 0) continue;
         uint64_t count = 0;
@@ -221,7 +221,7 @@ bool IsPublishable(const SERVICE_STATUS& status) {
 
 } // namespace
 
-// A child is not the service, and must not keep its files open.
+// A fork child is not the service, and must not keep its files open.
 const ForkSteps kServiceFork{[]() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { g_serviceLock.Acquire(); },
                              []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) { g_serviceLock.Release(); },
                              []() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -239,7 +239,7 @@ bool OwnStatus(const std::string& folded, SERVICE_STATUS* status) {
 using namespace oriel;
 
 void WINAPI OrielTellSupervisor(LPCSTR line) {
-    // Never destroyed: threads may outlive the end of main().
+    // Never destroyed: threads may outlive main().
     static const std::string& name = *new std::string(SocketName());
     unsetenv("NOTIFY_SOCKET");
     if (line != nullptr) Send(name, line);
@@ -259,7 +259,7 @@ BOOL WINAPI StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
         return Succeeds(error);
     }
     Dispatch(*service, signals);
-    // The main function usually has only its return left, which the end of the process should not overtake.
+    // The main function usually only has to return; the exit of the process should not overtake that.
     constexpr DWORD kLastStepsMs = 2000;
     WaitForSingleObject(thread, kLastStepsMs);
     CloseHandle(thread);

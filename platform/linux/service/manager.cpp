@@ -1,4 +1,4 @@
-// The service manager and the configuration of services. State: in the registry.
+// The service manager and the configuration of services. State: the registry.
 #include "base/call.h"
 #include "registry/changes.h"
 #include "service/record.h"
@@ -34,7 +34,7 @@ void DropService(Object* object) {
     if (LastReference(object)) delete static_cast<ServiceObject*>(object);
 }
 
-// ERROR_FILE_NOT_FOUND when it is not.
+// ERROR_FILE_NOT_FOUND when it is not configured.
 DWORD FindConfiguration(const std::string& name) {
     HKEY key = nullptr;
     LSTATUS status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, ServiceKeyPath(name).c_str(), 0, KEY_QUERY_VALUE, &key);

@@ -1,6 +1,8 @@
-// POSIX record locks are what is needed here: they go with the process, not with descriptors that children inherit, and
-// the system tells who has one. Their catch is that closing any descriptor of the file drops them, so the process that
-// runs a service never opens that service's record again (OwnStatus).
+// Records of services. State: the files.
+//
+// POSIX record locks fit: they belong to the process, not to descriptors that children inherit, and the system names
+// the holder. Their drawback is that closing any descriptor of the file drops them, so the process that runs a service
+// never opens its own record again (OwnStatus).
 #include "service/record.h"
 
 #include "base/call.h"
@@ -22,13 +24,13 @@ namespace {
 constexpr char kMagic[8] = {'O', 'r', 'S', 'v', 'c', 'S', 't', '1'};
 constexpr size_t kLongestServiceName = 80;
 
-// The file: 56 bytes, in the byte order of the machine, which it does not outlive.
+// The file: 56 bytes in the byte order of the machine.
 struct Record {
     char magic[8];
     uint32_t process;
     SERVICE_STATUS status;
     uint64_t unused;
-    uint64_t sum; // of all before
+    uint64_t sum; // checksum of everything before
 };
 static_assert(sizeof(Record) == 56 && offsetof(Record, status) == 12 && offsetof(Record, sum) == 48);
 
@@ -65,14 +67,14 @@ struct flock WholeFile(short type) {
     return lock;
 }
 
-// Who holds the service's lock: its process, 0 for one beyond our view, -1 for nobody. A reader's lock is nobody's.
+// The holder of the service's lock: its process, 0 for one that is not visible, -1 for nobody. Read locks do not count.
 pid_t LockHolder(int file) {
     struct flock lock = WholeFile(F_RDLCK);
     if (fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return -1;
     return lock.l_pid;
 }
 
-// A record that is being written may be caught between two states, for as long as one write takes.
+// A read may hit a record between two states while it is written.
 bool ReadRecord(int file, Record* record) {
     constexpr int kTries = 50;
     for (int tries = 0; tries < kTries; ++tries) {
@@ -89,11 +91,11 @@ bool IsStillThere(const std::string& path, const struct stat& file) {
     return lstat(path.c_str(), &there) == 0 && there.st_dev == file.st_dev && there.st_ino == file.st_ino;
 }
 
-// Makes room, where this user may: the folder is everybody's, but sticky.
+// Removes the file, where this user may: the folder is everybody's, but sticky.
 bool TakeAway(const std::string& path) {
     if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
     if (errno != EISDIR && errno != EPERM) return false;
-    // A directory, which may be filled with anything, is moved aside.
+    // A directory, which may contain anything, is renamed.
     const std::string aside = path + "." + std::to_string(getpid()) + "." + std::to_string(MonotonicNs());
     return rename(path.c_str(), aside.c_str()) == 0;
 }
@@ -106,11 +108,11 @@ SERVICE_STATUS Stopped(DWORD exitCode) {
     return status;
 }
 
-// One look. False when the record was exchanged or taken into use meanwhile.
+// One look. False when the record was replaced or taken into use meanwhile.
 bool LookOnce(const std::string& path, const Descriptor& file, const struct stat& before, ServiceState* state) {
     const pid_t holder = LockHolder(file.Get());
     Record record;
-    // A record of another process is what one that was killed has left: the holder has not told anything yet.
+    // A record of another process was left by a killed one: the holder has not written yet.
     const bool sound =
         ReadRecord(file.Get(), &record) && (holder <= 0 || record.process == static_cast<uint32_t>(holder));
     if (holder < 0 && (LockHolder(file.Get()) >= 0 || !IsStillThere(path, before))) return false;
@@ -133,10 +135,10 @@ bool LookOnce(const std::string& path, const Descriptor& file, const struct stat
 DWORD ReadOthersState(const std::string& path, ServiceState* state) {
     state->status = Stopped(ERROR_SERVICE_NEVER_STARTED);
     if (path.empty()) return ERROR_PATH_NOT_FOUND;
-    // A service that starts and stops all the time is looked at again only so often.
+    // Bounded: a service may start and stop all the time.
     constexpr int kLooks = 20;
     for (int looks = 0; looks < kLooks; ++looks) {
-        // A pipe in this place must not hold us up.
+        // A pipe in this place must not block us.
         const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!file.IsOpen()) return errno == EMFILE || errno == ENFILE ? SystemError(errno) : DWORD{ERROR_SUCCESS};
         struct stat status {};
@@ -182,9 +184,9 @@ DWORD OwnRecord::TryAcquire(const std::string& path, bool* again) {
         }
         if (errno != EACCES && errno != EAGAIN) return SystemError(errno);
         if (LockHolder(file.Get()) >= 0) return ERROR_SERVICE_ALREADY_RUNNING;
-        // Only readers are in the way, who can lock what they can read: they may keep that file.
+        // Only readers are in the way; they can lock what they can read, and may keep that file.
     }
-    // What is in this place is not ours; or it is another user's, whose service may be running.
+    // The file in this place is not ours, or another user's service may be running.
     ServiceState other;
     if (file.IsOpen() || errno != ENOENT) {
         file.Close();
@@ -198,7 +200,7 @@ DWORD OwnRecord::Acquire(const std::string& folded, const SERVICE_STATUS& status
     const std::string path = RecordPath(folded);
     if (path.empty()) return ERROR_PATH_NOT_FOUND;
     m_folded = folded;
-    // Each further try is due to somebody who took the file away or put another there.
+    // Each retry means that somebody removed the file or put another there.
     constexpr int kTries = 20;
     DWORD error = ERROR_BUSY;
     bool again = true;

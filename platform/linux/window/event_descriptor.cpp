@@ -1,7 +1,7 @@
-// Descriptors for events: an eventfd for each, and one thread of the layer's that waits for all of their events.
+// Descriptors for events: an eventfd each, and one thread of the layer that waits for all events.
 //
-// The thread runs while there is a descriptor. What it waits for is copied under the lock at the start of a round; a
-// change of the table ends the round. It waits through handles of its own, so callers may close theirs.
+// State: the table, under its lock. The thread runs while a descriptor exists. It copies the table at the start of a
+// round, and a change of the table ends the round. It waits through its own handles, so callers may close theirs.
 #include <oriel_poll.h>
 
 #include "base/call.h"
@@ -30,10 +30,10 @@ struct WatchedEvent {
     int descriptor;
     HANDLE event;
     bool armed;
-    bool broken; // it cannot be waited for any more
+    bool broken; // it can no longer be waited for
 };
 
-// Never destroyed: the thread may run on while the process leaves.
+// Never destroyed: the thread may run while the process exits.
 struct EventTable {
     Lock lock;
     std::vector<WatchedEvent> events ORIEL_LOCK_CHECK(guarded_by(lock));
@@ -88,7 +88,7 @@ void* WatchEvents(void*) {
             if (result != WAIT_OBJECT_0) Report(table, round.descriptors[result - WAIT_OBJECT_0], false);
             continue;
         }
-        // One of them is broken, a named event whose file another user has cut short: find out which.
+        // One of them is broken, such as a named event whose file another user truncated: find out which.
         for (DWORD i = 1; i < round.count; ++i) {
             const DWORD state = WaitForSingleObject(round.handles[i], 0);
             if (state != WAIT_TIMEOUT) Report(table, round.descriptors[i], state == WAIT_FAILED);
@@ -97,7 +97,7 @@ void* WatchEvents(void*) {
     return nullptr;
 }
 
-// A fork child has no such thread, and the handles are not its own.
+// A fork child does not have the thread, and the handles are not its own.
 void ForgetParentsEvents() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     EventTable& table = Table();
     for (const WatchedEvent& watched : table.events)
@@ -108,7 +108,7 @@ void ForgetParentsEvents() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     table.lock.ForgetOwner();
 }
 
-// A handle of the layer's own for the caller's event.
+// Duplicates the caller's event for the layer.
 HANDLE DuplicateEvent(HANDLE event) {
     const HandlePin pin = PinHandle(event);
     if (pin.object == nullptr || std::strcmp(pin.object->type->name, "event") != 0) {
@@ -126,7 +126,7 @@ HANDLE DuplicateEvent(HANDLE event) {
     return own;
 }
 
-// ERROR_SUCCESS or why the table cannot watch.
+// ERROR_SUCCESS, or why the table cannot watch.
 DWORD StartWatching(EventTable& table) ORIEL_LOCK_CHECK(requires_capability(table.lock)) {
     if (table.events.size() >= ORIEL_MAX_EVENT_DESCRIPTORS) return ERROR_NOT_ENOUGH_QUOTA;
     table.events.reserve(ORIEL_MAX_EVENT_DESCRIPTORS);
@@ -202,8 +202,7 @@ BOOL WINAPI OrielCloseEventDescriptor(int descriptor) {
             round = table.rounds.load();
             SetEvent(table.changed);
         }
-        // Until the thread has begun another round it may use the handle. It does nothing but wait, so this takes no
-        // bound.
+        // The thread may use the handle until it begins another round. It only waits, so this needs no bound.
         const SleepPoint nextRound{&table.rounds, round, false};
         while (table.rounds.load() == round)
             SleepOn(&nextRound, 1, kNever);

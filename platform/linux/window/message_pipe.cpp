@@ -13,8 +13,8 @@ namespace {
 
 static_assert(sizeof(PipeMessage) <= PIPE_BUF, "longer writes are not atomic");
 
-// A write to a FIFO whose reader has just gone raises SIGPIPE, which ends the host process unless it prepared for that.
-// The signal goes to the writing thread, so it can be held back there and taken away.
+// A write to a FIFO whose reader is gone raises SIGPIPE in the writing thread, which by default ends the host process.
+// The signal is blocked and consumed in that thread.
 class SigpipeHeld {
 public:
     SigpipeHeld() {
@@ -69,7 +69,7 @@ PipeWrite WriteMessage(const Descriptor& fifo, const PipeMessage& message) {
 }
 
 void WriteAnswer(const Descriptor& fifo, const PipeAnswer& answer) {
-    // Whoever asked may have given up; then nobody misses the answer.
+    // The requester may have given up; then nobody misses the answer.
     Write(fifo, &answer, sizeof answer);
 }
 
@@ -90,7 +90,7 @@ bool MessageReader::Read(const Descriptor& fifo, DWORD window, std::vector<PipeM
         if (isMessage) messages.push_back(message);
         at += isMessage ? sizeof message : 1;
     }
-    // Writes of messages are atomic: in a FIFO that is empty now, a piece of one has no second half to come.
+    // Writes of messages are atomic, so the rest of a partial message cannot follow in an empty FIFO.
     const bool empty = static_cast<size_t>(count) < wanted;
     m_used = empty ? 0 : m_used - at;
     std::memmove(m_bytes, m_bytes + at, m_used);

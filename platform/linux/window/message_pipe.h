@@ -1,8 +1,8 @@
-// Messages on their way through a FIFO: records of one size, each written with one call that is whole or not at all.
+// Messages in a FIFO: records of one size, each written whole by one call or not at all.
 //
-// Everybody may write to a window's FIFO, so what is read is hostile input: a reader skips what is no message and finds
-// the next one. It cannot be kept from losing a message that a hostile writer wraps into garbage, but that writer could
-// as well have filled the queue.
+// Everybody may write to a window's FIFO, so its contents are hostile input: a reader skips invalid bytes and finds the
+// next message. A hostile writer can hide a message in garbage, but could as well fill the queue. No state but the FIFO
+// and the reader.
 #pragma once
 
 #include "base/descriptor.h"
@@ -14,8 +14,8 @@
 
 namespace oriel {
 
-// 40 bytes. magic and window begin every message; a message posted has replyTo 0, a message sent names the FIFO that
-// takes the answer.
+// 40 bytes. Every message begins with magic and window. replyTo is 0 in a posted message; in a sent one it names the
+// FIFO for the answer.
 struct PipeMessage {
     DWORD magic;
     DWORD window;
@@ -24,7 +24,7 @@ struct PipeMessage {
     ULONGLONG wParam;
     ULONGLONG lParam;
     DWORD replyTo;
-    DWORD secret; // repeated in the answer: everybody may write to the reply FIFO, only the receiver knows this
+    DWORD secret; // repeated in the answer; only the receiver knows it, while everybody may write to the reply FIFO
 };
 static_assert(sizeof(PipeMessage) == 40 && offsetof(PipeMessage, wParam) == 16 && offsetof(PipeMessage, replyTo) == 32);
 
@@ -43,12 +43,12 @@ enum class PipeWrite { Written, Full, Gone };
 PipeWrite WriteMessage(const Descriptor& fifo, const PipeMessage& message);
 void WriteAnswer(const Descriptor& fifo, const PipeAnswer& answer);
 
-// Takes what a window's FIFO holds, in pieces of kMessagesAtOnce. Keeps the beginning of a message between two pieces.
+// Reads a window's FIFO in pieces of kMessagesAtOnce. Keeps a partial message between two pieces.
 class MessageReader {
 public:
     static constexpr size_t kMessagesAtOnce = 64;
 
-    // Appends the messages of one piece. False when the FIFO is empty now.
+    // Appends the messages of one piece. False when the FIFO is empty.
     bool Read(const Descriptor& fifo, DWORD window, std::vector<PipeMessage>& messages);
 
 private:
@@ -56,7 +56,7 @@ private:
     size_t m_used = 0;
 };
 
-// The answer with this secret, if it is there; others are skipped.
+// The answer with this secret, if it has arrived; others are skipped.
 std::optional<LRESULT> ReadAnswer(const Descriptor& fifo, DWORD secret);
 
 } // namespace oriel

@@ -1,5 +1,5 @@
-// Posting, reading and dispatching messages; sending, which is a message with an answer. The sender opens a FIFO of its
-// own for the answer and names it in the message.
+// Posting, reading and dispatching messages, and sending, which is a message with an answer: the sender opens a FIFO
+// for the answer and names it in the message. State: the queues (thread_queue.cpp).
 #include "base/call.h"
 #include "base/futex.h"
 #include "window/thread_queue.h"
@@ -17,8 +17,7 @@
 namespace oriel {
 namespace {
 
-// System messages whose parameters are addresses, in ascending order: text, sizes, styles, drawing, creation, copied
-// data.
+// System messages whose parameters are addresses, ascending: text, sizes, styles, drawing, creation, copied data.
 constexpr UINT kPointerMessages[] = {0x001, 0x00c, 0x00d, 0x01a, 0x01b, 0x024, 0x02b, 0x02c, 0x02d, 0x039, 0x046,
                                      0x047, 0x04a, 0x04e, 0x053, 0x07c, 0x07d, 0x081, 0x083, 0x214, 0x216};
 static_assert(std::is_sorted(std::begin(kPointerMessages), std::end(kPointerMessages)));
@@ -60,7 +59,7 @@ bool SomethingWaits(const ThreadQueue& queue) {
     return queue.quit || !queue.posted.empty() || !queue.sent.empty();
 }
 
-// Without a bound: whoever calls GetMessageA asks for that.
+// Unbounded, as GetMessageA is.
 void WaitForArrival(const ThreadQueue& queue) {
     epoll_event event;
     while (epoll_wait(queue.poll.Get(), &event, 1, -1) < 0 && errno == EINTR) {
@@ -84,15 +83,15 @@ Found Next(MSG* message, const Filter& filter, bool remove, bool wait) {
             SetBell(*queue, SomethingWaits(*queue));
             return any ? Found::Message : Found::Nothing;
         }
-        // As many as may wait do so, none passes the filter, and nothing more can come in.
+        // The limit of waiting messages is reached, none passes the filter, and nothing more can come in.
         if (IsFull(*queue)) return Failure(ERROR_NOT_ENOUGH_QUOTA);
-        // What waits here does not pass the filter and must not end the wait.
+        // Waiting messages that do not pass the filter must not end the wait.
         SetBell(*queue, false);
         WaitForArrival(*queue);
     }
 }
 
-// Whether the message may leave its thread and the handle may be a window's; else false with the last error set.
+// True when the message may leave its thread and the handle may be a window's; else false with the last error set.
 bool CheckMessage(HWND window, UINT message) {
     if (message > kHighestMessage) return Fail(ERROR_INVALID_PARAMETER, false);
     if (std::binary_search(std::begin(kPointerMessages), std::end(kPointerMessages), message))
@@ -128,8 +127,8 @@ private:
     Descriptor m_fifo;
 };
 
-// Sleeps until the other side did something or the deadline has passed (false). Under SMTO_NORMAL messages that others
-// send to this thread meanwhile are answered: two threads that send to each other would else wait for ever.
+// Sleeps until the other side acts or the deadline passes (false). With SMTO_NORMAL it answers messages that others
+// send to this thread meanwhile; otherwise two threads that send to each other would wait for ever.
 bool WaitForOther(const Descriptor& target, short targetEvents, const Descriptor& reply, UINT flags, int64_t deadline) {
     std::vector<pollfd> watched{{target.Get(), targetEvents, 0}, {reply.Get(), POLLIN, 0}};
     ThreadQueue* queue = flags == SMTO_NORMAL ? OwnQueue() : nullptr;
@@ -138,7 +137,7 @@ bool WaitForOther(const Descriptor& target, short targetEvents, const Descriptor
             watched.push_back({window->fifo.Get(), POLLIN, 0});
     const int64_t left = deadline - MonotonicNs();
     if (left <= 0) return false;
-    // A signal ends the sleep early: the callers look again.
+    // A signal ends the sleep early: the callers check again.
     const timespec slice{left / 1'000'000'000, left % 1'000'000'000};
     ppoll(watched.data(), watched.size(), &slice, nullptr);
     if (queue != nullptr) {
@@ -156,7 +155,7 @@ DWORD Secret() {
     return secret;
 }
 
-// ERROR_SUCCESS or why not. Answers go to result.
+// ERROR_SUCCESS or why not. The answer goes to result.
 DWORD Send(PipeMessage message, UINT flags, UINT timeout, LRESULT& result) {
     const int64_t deadline = MonotonicNs() + timeout * kNsPerMs;
     const Descriptor target = OpenFifo(Fifo::Queue, message.window);
@@ -172,7 +171,7 @@ DWORD Send(PipeMessage message, UINT flags, UINT timeout, LRESULT& result) {
     }
     if (written == PipeWrite::Gone) return ERROR_INVALID_WINDOW_HANDLE;
     for (;;) {
-        // The window is looked at before the answer: it answers before it goes.
+        // The window is checked before the answer, because it answers before it closes.
         pollfd state{target.Get(), 0, 0};
         const bool gone = poll(&state, 1, 0) == 1 && (state.revents & POLLERR) != 0;
         if (const auto answer = ReadAnswer(reply.Fifo(), message.secret)) {

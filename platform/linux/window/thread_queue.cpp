@@ -1,4 +1,4 @@
-// Thread queues: their life with threads, processes and forks; collecting and answering.
+// Thread queues: their lifetime with threads, processes and forks; reading and answering.
 #include "window/thread_queue.h"
 
 #include "base/lock.h"
@@ -19,7 +19,7 @@
 namespace oriel {
 namespace {
 
-// Every queue of the process. Never destroyed: other threads may run on while the process leaves.
+// Every queue of the process. Never destroyed: other threads may run on while the process exits.
 struct QueueTable {
     Lock lock;
     std::vector<ThreadQueue*> queues ORIEL_LOCK_CHECK(guarded_by(lock));
@@ -32,7 +32,7 @@ QueueTable& Queues() {
 
 thread_local ThreadQueue* t_queue = nullptr;
 
-// A thread that ends takes its windows with it.
+// A thread that ends destroys its windows.
 struct QueueEnd {
     bool armed = false;
     ~QueueEnd() {
@@ -50,7 +50,7 @@ struct QueueEnd {
 };
 thread_local QueueEnd t_queueEnd;
 
-// A process that leaves by exit() while other threads still have windows.
+// For a process that calls exit() while other threads still have windows.
 void RemoveAllWindows() {
     const LockHold hold(Queues().lock);
     for (const ThreadQueue* queue : Queues().queues)
@@ -72,8 +72,8 @@ MSG ToMessage(const PipeMessage& message) {
             .pt = {}};
 }
 
-// A fork child has no windows. It must let go of its parent's FIFOs, which would else outlive the parent as windows
-// that nobody serves. The queues themselves are left alone: the child may have been forked inside a procedure.
+// A fork child has no windows. It closes its parent's FIFOs; otherwise they would outlive the parent as windows that
+// nobody serves. The queues are left alone, because the fork may have happened inside a procedure.
 void ForgetParentsWindows() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     for (ThreadQueue* queue : Queues().queues) {
         for (const auto& window : queue->windows)
@@ -107,8 +107,8 @@ ThreadQueue* MakeOwnQueue() {
         return Fail(ERROR_TOO_MANY_OPEN_FILES, nullptr);
     WatchForFork();
     static const int atExit = std::atexit(RemoveAllWindows);
-    (void)atExit;            // without memory for it, the next finder removes them
-    t_queueEnd.armed = true; // has its destructor run when the thread ends
+    (void)atExit;            // when out of memory, the next search removes them
+    t_queueEnd.armed = true; // arms the destructor at thread end
     const LockHold hold(Queues().lock);
     Queues().queues.push_back(queue.get());
     t_queue = queue.release();
@@ -131,7 +131,7 @@ bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window) {
 
 void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& dropped) {
     const TerminationHold untilDone;
-    const std::shared_ptr<Window> window = dropped; // the caller's may be the list's own
+    const std::shared_ptr<Window> window = dropped; // the argument may be the list's own
     RemoveWindow(HandleNumber(window->handle));
     epoll_ctl(queue.poll.Get(), EPOLL_CTL_DEL, window->fifo.Get(), nullptr);
     {
@@ -146,7 +146,7 @@ void DropWindowsOfStoppedThread(DWORD threadId) {
     const LockHold hold(Queues().lock);
     for (ThreadQueue* queue : Queues().queues) {
         if (queue->threadId != threadId) continue;
-        // Its stack may still hold windows: what they have is given up here.
+        // Its stack may still hold windows; they are released here.
         for (const auto& window : queue->windows) {
             RemoveWindow(HandleNumber(window->handle));
             window->fifo.Close();
@@ -166,7 +166,7 @@ bool IsFull(const ThreadQueue& queue) {
 
 void Collect(ThreadQueue& queue) {
     const TerminationHold untilDone;
-    // One whole FIFO at a time, or whoever writes garbage without end would keep the thread here.
+    // One FIFO at a time, so that a writer of endless garbage cannot keep the thread here.
     constexpr int kMostPieces = 64 * 1024 / (MessageReader::kMessagesAtOnce * sizeof(PipeMessage)) + 1;
     for (const auto& window : queue.windows) {
         bool more = true;
@@ -190,7 +190,7 @@ void AnswerSent(ThreadQueue& queue) {
         const std::shared_ptr<Window> window = FindOwnWindow(&queue, ULongToHandle(message.window));
         if (window == nullptr) continue;
         const Descriptor reply = OpenFifo(Fifo::Reply, message.replyTo);
-        if (!reply.IsOpen()) continue; // whoever asked has given up
+        if (!reply.IsOpen()) continue; // the requester has given up
         const LRESULT result = window->procedure(window->handle, message.message, static_cast<WPARAM>(message.wParam),
                                                  static_cast<LPARAM>(message.lParam));
         WriteAnswer(reply, {kAnswerMagic, message.secret, static_cast<ULONGLONG>(result)});

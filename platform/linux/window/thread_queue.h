@@ -1,8 +1,8 @@
-// The message queue of a thread: its windows, and the messages that were taken from their FIFOs and not yet handed out.
+// The message queue of a thread: its windows, and the messages read from their FIFOs and not yet dispatched.
 //
-// A queue belongs to its thread and is used by no other, except when the thread has been stopped for good, and that
-// leaving the process removes the files of all windows. It has a descriptor that polls readable while there is
-// something to do: an epoll set of the FIFOs and of a bell, which is rung while messages that were taken out wait here.
+// A queue belongs to its thread. Exceptions: a terminated thread's queue is released by others, and the exit of the
+// process removes the files of all windows. Its descriptor polls readable while there is something to do: an epoll set
+// of the FIFOs and of an eventfd that is set while read messages wait here.
 #pragma once
 
 #include "window/message_pipe.h"
@@ -38,27 +38,27 @@ struct ThreadQueue {
     int exitCode = 0;
 };
 
-// As many as Windows lets pile up; beyond it they stay in the FIFOs, which then refuse more.
+// The limit of Windows; more messages stay in the FIFOs, which then refuse new ones.
 constexpr size_t kMostWaitingMessages = 10000;
 
 // The calling thread's queue; null when it never had a window or asked for the descriptor.
 ThreadQueue* OwnQueue();
-// Makes it if need be; null with the last error set.
+// Creates it if necessary; null with the last error set.
 ThreadQueue* MakeOwnQueue();
 
-// A window of this queue, null for any other handle. Who holds it keeps its FIFO open: a message that was sent to a
-// window is answered before its sender sees the FIFO close, even when the message destroyed the window.
+// A window of this queue, null for other handles. Holding it keeps the FIFO open: a sent message is answered before its
+// sender sees the FIFO close, even when the message destroyed the window.
 std::shared_ptr<Window> FindOwnWindow(ThreadQueue* queue, HWND handle);
 
 // False with the last error set.
 bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
-// The window's files, its messages and its share in its class go.
+// Removes the window's files, its messages and its reference to its class.
 void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
 
 bool IsFull(const ThreadQueue& queue);
-// Takes what has arrived, within the limit.
+// Reads what has arrived, up to the limit.
 void Collect(ThreadQueue& queue);
-// Calls the procedures that messages were sent to, and answers.
+// Calls the window procedures for sent messages, and answers.
 void AnswerSent(ThreadQueue& queue);
 void SetBell(ThreadQueue& queue, bool ring);
 

@@ -1,4 +1,4 @@
-// RegisterClassExA and UnregisterClassA over a list that lives as long as the process.
+// RegisterClassExA and UnregisterClassA. State: the list of classes, which lives as long as the process.
 #include "window/window_class.h"
 
 #include "base/lock.h"
@@ -15,7 +15,7 @@
 namespace oriel {
 namespace {
 
-// Never destroyed: threads may still own windows when the process's static objects go.
+// Never destroyed: threads may own windows while the process exits.
 struct ClassTable {
     Lock lock;
     std::list<WindowClass> classes ORIEL_LOCK_CHECK(guarded_by(lock));
@@ -35,7 +35,7 @@ std::list<WindowClass>::iterator FindClass(ClassTable& table, LPCSTR name, HINST
     return found;
 }
 
-// Numbers of registered names: 0xc000 to 0xffff. 0 when all are taken.
+// Atoms: 0xc000 to 0xffff. 0 when all are used.
 ATOM FreeNumber(const ClassTable& table) ORIEL_LOCK_CHECK(requires_capability(table.lock)) {
     for (unsigned number = 0xc000; number <= 0xffff; ++number)
         if (std::none_of(table.classes.begin(), table.classes.end(), [=](auto& c) { return c.number == number; }))
@@ -43,7 +43,7 @@ ATOM FreeNumber(const ClassTable& table) ORIEL_LOCK_CHECK(requires_capability(ta
     return 0;
 }
 
-// Names only: a class number in place of a name is a pointer below 64 KiB.
+// Names only: an atom is a pointer below 64 KiB.
 bool IsClassName(LPCSTR name) {
     if (reinterpret_cast<ULONG_PTR>(name) < 0x10000 || name[0] == '\0') return false;
     return strnlen(name, ORIEL_MAX_CLASS_NAME + 1) <= ORIEL_MAX_CLASS_NAME;
@@ -51,8 +51,8 @@ bool IsClassName(LPCSTR name) {
 
 } // namespace
 
-// Not taken before a fork: the code page, which the registry may name, is looked up under it, and the registry's locks
-// come in an order of their own.
+// Not taken before a fork: under it the code page is determined, possibly from the registry, whose locks have their own
+// order.
 constinit const ForkSteps kWindowClassesFork{nullptr, nullptr, [] { Classes().lock.ForgetOwner(); }};
 
 bool EqualWithoutCase(const char* left, const char* right) {

@@ -13,10 +13,10 @@ struct WindowClass {
     HINSTANCE instance;
     WNDPROC procedure;
     ATOM number;
-    unsigned windows; // that exist: a class with windows stays
+    unsigned windows; // existing ones; a class with windows cannot be unregistered
 };
 
-// A window's share in its class. Null, with ERROR_CANNOT_FIND_WND_CLASS set, when there is no such class.
+// A window's reference to its class. Null, with ERROR_CANNOT_FIND_WND_CLASS, when there is no such class.
 class ClassUse {
 public:
     ClassUse(LPCSTR name, HINSTANCE instance);
@@ -30,7 +30,7 @@ private:
     WindowClass* m_class = nullptr;
 };
 
-// Window classes and titles are compared without case, by the rules of the ANSI code page.
+// Compares names of classes and titles without case, by the ANSI code page.
 bool EqualWithoutCase(const char* left, const char* right);
 
 } // namespace oriel

@@ -1,5 +1,5 @@
-// The files of windows: making, checking, listing and sweeping them. Every one that another process made is looked at
-// as hostile input: type, owner, mode, links, size, magic, terminated text.
+// The files of windows: creating, checking, listing and removing them. Files of other processes are hostile input:
+// type, owner, mode, links, size, magic and termination of texts are checked.
 #include "window/window_files.h"
 
 #include "base/call.h"
@@ -28,9 +28,9 @@ constexpr mode_t kFifoMode = 0622;
 constexpr mode_t kRecordMode = 0644;
 constexpr DWORD kLowestHandle = 0x10000;
 constexpr DWORD kHandleMask = 0x7fffffff;
-// A random name that is taken is an accident of one in millions, unless somebody plants them: then creating fails.
+// A random name is taken once in millions of times, unless somebody plants files; then creating fails.
 constexpr int kNameTries = 16;
-// Unfinished files of a process that died while it made them. Making takes microseconds, so a minute is out of reach.
+// Unfinished files of a process that died while creating them. That takes microseconds, so a minute is safe.
 constexpr time_t kUnfinishedSeconds = 60;
 
 constexpr std::string_view kUnfinishedPrefix = ".new-";
@@ -72,15 +72,15 @@ void SetErrorFromErrno() {
     SetLastError(SystemError(errno));
 }
 
-// Nothing to open: the caller has no descriptor or memory left, or there is no such window.
+// Cannot be opened: out of descriptors or memory, or there is no such window.
 void SetErrorOfNoWindow() {
     if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) return SetErrorFromErrno();
     SetLastError(ERROR_INVALID_WINDOW_HANDLE);
 }
 
 Descriptor OpenFolder() {
-    // The folder is made once and looked up by its path each time, so that a run directory that was cleaned and made
-    // anew is found again. The path is never freed: windows are removed while static objects go.
+    // The folder is created once and looked up by path each time, so that a recreated run directory is found. The path
+    // is never freed: windows are removed while static objects are destroyed.
     static const std::string& path = *new std::string(RuntimeFolder("windows"));
     constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     Descriptor folder(open(path.c_str(), kFlags));
@@ -90,8 +90,8 @@ Descriptor OpenFolder() {
 
 enum class Life { Living, Dead, Unknown };
 
-// Opens a FIFO for posting. Dead: there is none, or none with a reader. Unknown: something that cannot be told, such as
-// no descriptor left, or a file that this layer did not make.
+// Opens a FIFO for posting. Dead: missing, or without a reader. Unknown: cannot be determined, such as out of
+// descriptors, or a foreign file.
 Life OpenFifoIn(const Descriptor& folder, const char* name, Descriptor& fifo) {
     if (!folder.IsOpen()) return Life::Unknown;
     Descriptor opened(openat(folder.Get(), name, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
@@ -128,20 +128,20 @@ bool ReadRecordIn(const Descriptor& folder, DWORD handle, WindowRecord& record, 
     return true;
 }
 
-// A record counts only beside a living FIFO of the same user: nobody describes another user's window.
+// A record counts only with a live FIFO of the same user, so that nobody can describe another user's window.
 Life ReadWindowIn(const Descriptor& folder, DWORD handle, WindowRecord& record) {
     Descriptor fifo;
     const Life life = OpenFifoIn(folder, NameOf(handle, kQueueSuffix).text, fifo);
     if (life != Life::Living) return life;
     struct stat status;
     uid_t owner = 0;
-    errno = 0; // what is found wrong with a file leaves it so
+    errno = 0; // a wrong file leaves it 0
     if (fstat(fifo.Get(), &status) == 0 && ReadRecordIn(folder, handle, record, owner) && owner == status.st_uid)
         return Life::Living;
     return Life::Unknown;
 }
 
-// "5f3a09c1.window" with its suffix: the handle; 0 for any other name.
+// The handle of "5f3a09c1.window" with that suffix; 0 for other names.
 DWORD HandleInName(const char* name, const char* suffix) {
     char* end = nullptr;
     const unsigned long handle = std::strtoul(name, &end, 16);
@@ -175,7 +175,7 @@ Descriptor CreateFifo(Fifo kind, DWORD& handle) {
         if (mkfifoat(folder.Get(), unfinished.text, 0600) != 0) continue;
         Descriptor fifo(openat(folder.Get(), unfinished.text, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
         const DWORD candidate = RandomHandle();
-        // The mode is set apart from the making, which the process's umask cuts.
+        // The mode is set separately, because the umask applies to creation.
         if (fifo.IsOpen() && fchmod(fifo.Get(), kFifoMode) == 0 &&
             renameat2(folder.Get(), unfinished.text, folder.Get(), NameOf(candidate, SuffixOf(kind)).text,
                       RENAME_NOREPLACE) == 0) {

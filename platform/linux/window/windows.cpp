@@ -1,4 +1,5 @@
-// Creating and destroying windows, finding and listing them, asking about them.
+// Creating and destroying windows, finding and listing them, querying them. State: the queues (thread_queue.cpp) and
+// the files (window_files.h).
 #include <winuser.h>
 
 #include "base/futex.h"
@@ -33,7 +34,7 @@ bool Publish(const Window& window, const char* title) {
 }
 
 HWND Create(ThreadQueue& queue, ClassUse windowClass, const char* title) {
-    // A process's first window is a good moment to sweep what killed processes left behind, where nobody ever searches.
+    // The first window of a process also removes what killed processes left, in case nobody ever searches.
     if (queue.windows.empty()) VisitWindows([](const WindowRecord&) {});
     const auto window = std::make_shared<Window>(std::move(windowClass));
     DWORD handle = 0;
@@ -49,7 +50,7 @@ HWND Create(ThreadQueue& queue, ClassUse windowClass, const char* title) {
     return nullptr;
 }
 
-// A record of a living window, for the calls that ask about one.
+// The record of a live window, for queries.
 bool Describe(HWND window, WindowRecord& record) {
     if (IsWindowNumber(window)) return ReadWindow(HandleNumber(window), record);
     return Fail(ERROR_INVALID_WINDOW_HANDLE, false);
