@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kUsualPort = 631;
 constexpr int64_t kNsPerMs = 1'000'000;
-// How often libcups looks whether the time is up while it waits.
+// How often libcups checks the deadline while it waits.
 constexpr double kLookSeconds = 0.25;
 
 int64_t NowNs() {
@@ -33,7 +33,7 @@ const char* NoPassword(const char*, http_t*, const char*, const char*, void*) {
     return nullptr;
 }
 
-// It sets the process's answer to SIGPIPE, once: that is the program's.
+// It would set the process's handling of SIGPIPE, once; that is the program's business.
 void InitializeQuietly() {
     static const bool done = [] {
         struct sigaction before {};
@@ -51,7 +51,7 @@ void Divide(const std::string& server, std::string* host, int* port) {
     *port = kUsualPort;
     const size_t colon = host->rfind(':');
     const size_t bracket = host->rfind(']');
-    const bool onlyColon = host->find(':') == colon; // else an address of IPv6
+    const bool onlyColon = host->find(':') == colon; // else an IPv6 address
     if (colon != std::string::npos && (bracket != std::string::npos ? colon > bracket : onlyColon)) {
         *port = std::atoi(host->c_str() + colon + 1);
         host->resize(colon);
@@ -101,7 +101,7 @@ Connection::Connection(const PrintServerCall& call) : m_call(call) {
     if (m_http == nullptr) return;
     httpSetTimeout(m_http, kLookSeconds, GoOnWaiting, const_cast<int64_t*>(&m_call.deadlineNs));
     m_socket = fcntl(httpGetFd(m_http), F_DUPFD_CLOEXEC, 0);
-    // The program's signals are not for this thread.
+    // Signals of the program are not for this thread.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

@@ -1,4 +1,4 @@
-// One exchange of requests with the print server, over in time.
+// One exchange with the print server, bounded in time. State: the connection.
 #pragma once
 
 #include "spooler/print_server.h"
@@ -17,8 +17,8 @@ struct DeleteMessage {
 };
 using Message = std::unique_ptr<ipp_t, DeleteMessage>;
 
-// libcups writes to sockets that may be broken, and counts on the process ignoring SIGPIPE. The program decides about
-// that, so the signal is kept from this thread instead.
+// libcups writes to sockets that may be broken, and expects that the process ignores SIGPIPE. That is the program's
+// decision, so the signal is blocked in this thread instead.
 class SigpipeHold {
 public:
     SigpipeHold();
@@ -31,21 +31,21 @@ private:
     bool m_pending;
 };
 
-// A connection for one call. At the deadline it is cut off, whatever libcups waits for then: a server that stands
-// still, or that answers byte by byte.
+// A connection for one call. It is cut at the deadline, whatever libcups waits for: a server may be stopped, or answer
+// byte by byte.
 class Connection {
 public:
-    // Throws std::bad_alloc and std::system_error (no thread can be had).
+    // Throws std::bad_alloc and std::system_error (no thread available).
     explicit Connection(const PrintServerCall& call);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // A request about a printer, or about none (null), in the name of the call's user. Throws std::bad_alloc.
+    // A request about a printer, or about none (null), as the call's user. Throws std::bad_alloc.
     Message Request(ipp_op_t operation, const char* queue) const;
-    // Sends it. The answer, null when none came; *status is then IPP_STATUS_ERROR_INTERNAL, say.
+    // Sends it and returns the answer; null when none came, with *status IPP_STATUS_ERROR_INTERNAL or similar.
     Message Ask(Message request, ipp_status_t* status);
-    // What a call ends with that got no answer.
+    // The error of a call without an answer.
     DWORD Failure() const;
 
 private:
@@ -54,7 +54,7 @@ private:
     const PrintServerCall& m_call;
     SigpipeHold m_sigpipe;
     http_t* m_http = nullptr;
-    int m_socket = -1; // a descriptor of ours for the connection: libcups may close its own at any time
+    int m_socket = -1; // our descriptor of the connection: libcups may close its own at any time
     std::mutex m_lock;
     std::condition_variable m_ended;
     bool m_over = false; // under the lock

@@ -1,5 +1,5 @@
-// The module that speaks to the print server: printers and jobs of CUPS (RFC 8011, and the operations of its own that
-// it documents), through libcups. Keeps nothing between calls.
+// The module for the print server: printers and jobs of CUPS (RFC 8011, and CUPS's documented operations) through
+// libcups. No state between calls.
 #include "connection.h"
 
 #include <cstring>
@@ -45,7 +45,7 @@ public:
             if (std::strcmp(ippGetName(attribute), name) == 0) return attribute;
         return nullptr;
     }
-    // Empty when it is not told, also for one that the user may not know.
+    // Empty when absent, also when the user may not know it.
     std::string Text(const char* name) const {
         const char* text = ippGetString(Find(name), 0, nullptr);
         return text != nullptr ? text : "";
@@ -59,7 +59,7 @@ private:
     std::vector<ipp_attribute_t*> m_all;
 };
 
-// take(attributes): of each printer or job in the answer.
+// Calls take(attributes) for each printer or job in the answer.
 template <typename Take>
 void ForEach(const Message& answer, ipp_tag_t group, Take take) {
     Attributes one;
@@ -78,7 +78,7 @@ bool Succeeded(ipp_status_t status) {
     return status <= IPP_STATUS_OK_CONFLICTING;
 }
 
-// ERROR_FILE_NOT_FOUND stands for what the request was about.
+// ERROR_FILE_NOT_FOUND means the subject of the request.
 DWORD ErrorOf(ipp_status_t status, const Message& answer, const Connection& connection) {
     if (Succeeded(status)) return ERROR_SUCCESS;
     switch (status) {
@@ -131,7 +131,7 @@ DWORD StatusOf(const Attributes& attributes) {
     case IPP_JSTATE_PROCESSING:
         status = JOB_STATUS_PRINTING;
         break;
-    case IPP_JSTATE_STOPPED: // its printer is
+    case IPP_JSTATE_STOPPED: // its printer is stopped
         status = JOB_STATUS_BLOCKED_DEVQ;
         break;
     case IPP_JSTATE_CANCELED:
@@ -165,7 +165,7 @@ Job JobOf(const Attributes& attributes) {
     return job;
 }
 
-// Whether a job is in a printer's queue; names of queues have no case.
+// True when the job is in the printer's queue; queue names have no case.
 bool IsOf(const Attributes& job, const std::string& queue) {
     char scheme[HTTP_MAX_URI];
     char user[HTTP_MAX_URI];
@@ -242,7 +242,7 @@ ipp_op_t OperationOf(JobCommand command) {
 DWORD ChangeJob(const PrintServerCall& call, const std::string& name, DWORD job, JobCommand command) {
     if (job == 0 || job > INT32_MAX) return ERROR_INVALID_PARAMETER;
     Connection connection(call);
-    // The server looks for a number in all its queues.
+    // The server searches all its queues for the number.
     Message question = JobRequest(connection, IPP_OP_GET_JOB_ATTRIBUTES, name, job);
     AskFor(question, kJobAttributes);
     ipp_status_t status{};
@@ -260,13 +260,13 @@ DWORD ChangeJob(const PrintServerCall& call, const std::string& name, DWORD job,
 
     const Message answer = connection.Ask(JobRequest(connection, OperationOf(command), name, job), &status);
     error = ErrorOf(status, answer, connection);
-    // One that is not held: the server says so before it looks at whose it is.
+    // For a job that is not held the server reports that before it checks the owner.
     if (status == IPP_STATUS_ERROR_NOT_POSSIBLE && command == JobCommand::kResume)
         return isOwn ? DWORD{ERROR_SUCCESS} : DWORD{ERROR_ACCESS_DENIED};
     return error == ERROR_FILE_NOT_FOUND ? DWORD{ERROR_INVALID_PARAMETER} : error;
 }
 
-// Without exceptions but a lack of memory.
+// Throws only on lack of memory.
 template <auto procedure, typename... Arguments>
 DWORD Only(Arguments... arguments) {
     try {

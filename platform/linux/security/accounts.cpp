@@ -1,4 +1,4 @@
-// Accounts of this system's account database, asked anew each time, and a constant table of others.
+// Accounts of the system's account database, queried each time, and a constant table of well-known ones. No state.
 #include "security/accounts.h"
 
 #include "base/call.h"
@@ -34,8 +34,8 @@ const WellKnownAccount kWellKnown[] = {
 };
 constexpr const char* kEverybodys[] = {"WD", "AU", "BU"};
 
-// The entry that `find` looks for with a buffer of the right size, as getpwnam_r and its like want it; then what `take`
-// makes of it.
+// Calls `find` with a buffer of the size that getpwnam_r and its relatives need; returns what `take` makes of the
+// entry.
 template <typename Entry, typename Find, typename Take>
 auto FromDatabase(Find find, Take take) {
     std::vector<char> buffer(1024);
@@ -58,7 +58,7 @@ std::string NameOfGroup(gid_t group) {
 struct Account {
     SidCopy sid;
     std::string domain;
-    std::string name; // empty: there is none
+    std::string name; // empty: none
     SID_NAME_USE use = SidTypeUser;
 };
 
@@ -75,7 +75,7 @@ bool SameText(const std::string& a, const std::string& b) {
     return lstrcmpiA(a.c_str(), b.c_str()) == 0;
 }
 
-// domain empty: any. Domains and the names of the table compare without case, as on Windows; those of this system are
+// domain empty: any. Domains and names of the table compare without case, as on Windows; those of this system are
 // exact.
 Account AccountNamed(const std::string& domain, const std::string& name, bool anyDomain) {
     for (const WellKnownAccount& known : kWellKnown)
@@ -99,7 +99,7 @@ Account AccountNamed(const std::string& domain, const std::string& name, bool an
     return account;
 }
 
-// What is given with its size in and out: the size needed when it does not fit.
+// An output with its size in and out: the size needed when it does not fit.
 bool Fits(const void* buffer, DWORD room, DWORD needed) {
     return buffer != nullptr && room >= needed;
 }

@@ -1,4 +1,4 @@
-// Accounts: which SID stands for which user or group of this system.
+// Accounts: the SIDs of this system's users and groups. No state.
 #pragma once
 
 #include "security/credentials.h"
@@ -12,12 +12,12 @@ namespace oriel {
 SidCopy SidOfUser(uid_t user);   // S-1-22-1-uid
 SidCopy SidOfGroup(gid_t group); // S-1-22-2-gid
 
-// All groups that somebody with these credentials belongs to, the effective one first.
+// All groups of these credentials, the effective one first.
 std::vector<SidCopy> GroupsOf(const Credentials& credentials);
 
-// Groups and owners that are no accounts of this system.
+// Well-known groups and owners that are not accounts of this system.
 struct WellKnownAccount {
-    const char* alias; // two letters, as the text form of descriptors has it
+    const char* alias; // two letters, as in SDDL
     const char* domain;
     const char* name;
     SID_NAME_USE use;

@@ -1,8 +1,8 @@
-// Credentials by system calls of the thread's own: the C library's setters would change every thread of the process.
-// The kernel keeps what a thread acts as; kept here is what it was before.
+// Credentials by system calls of the thread, because the setters of the C library change every thread of the process.
+// The kernel knows what a thread acts as; we keep what it was before.
 //
-// State: t_own and t_client of each thread; g_firstThreadsOwn, that of the process's first thread, since the others
-// read their process's credentials from that thread.
+// State: t_own and t_client of each thread; g_firstThreadsOwn, that of the first thread, from which other threads read
+// the credentials of the process.
 #include "security/credentials.h"
 
 #include "base/descriptor.h"
@@ -27,7 +27,7 @@ namespace {
 
 constexpr long kUnchanged = -1;
 constexpr size_t kStatusChunk = 4096;
-constexpr size_t kEffective = 1; // of the ids in a line: real, effective, saved, file system
+constexpr size_t kEffective = 1; // index in a line: real, effective, saved, file system
 
 bool SetGroups(const std::vector<gid_t>& groups) {
     return syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
@@ -46,7 +46,7 @@ std::vector<gid_t> Sorted(std::vector<gid_t> groups) {
     return groups;
 }
 
-// The numbers of a line of a status file; empty when there is no such line.
+// The numbers in a line of a status file; empty when there is no such line.
 std::vector<unsigned> Numbers(std::string_view status, std::string_view title) {
     std::vector<unsigned> numbers;
     const size_t at = status.find(title);
@@ -85,7 +85,7 @@ std::string StatusFile(pid_t process) {
 
 Credentials ThreadCredentials() {
     Credentials credentials{.user = geteuid(), .group = getegid()};
-    // The count can only change by this thread's own doing.
+    // Only this thread can change the count.
     const int count = getgroups(0, nullptr);
     credentials.groups.resize(count > 0 ? static_cast<size_t>(count) : 0);
     if (count > 0 && getgroups(count, credentials.groups.data()) != count) credentials.groups.clear();
@@ -105,14 +105,14 @@ bool ProcessCredentials(pid_t process, Credentials& credentials) {
 bool TakeOn(const Credentials& credentials) {
     const Credentials before = ThreadCredentials();
     if (before == credentials) return true;
-    // The rights to change groups come with the user: on the way up the user goes first, on the way down last.
+    // The right to change groups comes with the user: the user changes first on the way up, last on the way down.
     const bool up = credentials.user == 0;
     if (up && !SetUser(credentials.user)) return false;
     const bool groups = before.groups == credentials.groups || SetGroups(credentials.groups);
     const bool group = groups && SetGroup(credentials.group);
     if (group && (up || SetUser(credentials.user))) return true;
-    // What was allowed on the way is allowed on the way back; where it is not, the thread would go on as a mixture of
-    // two users, which no code may be handed.
+    // What was allowed on the way in is allowed on the way back. Otherwise the thread would continue as a mixture of
+    // two users, which no code may run as.
     const bool undone = (!groups || before.groups == credentials.groups || SetGroups(before.groups)) &&
                         (!group || SetGroup(before.group)) && (!up || SetUser(before.user));
     if (!undone) std::abort();
@@ -128,7 +128,7 @@ bool IsFirstThread() {
 constinit Lock g_firstThreadLock;
 const Credentials* g_firstThreadsOwn ORIEL_LOCK_CHECK(guarded_by(g_firstThreadLock)) = nullptr;
 
-// Null: the thread does not impersonate by our doing.
+// Null: the layer does not make the thread impersonate.
 class OwnBefore {
 public:
     ~OwnBefore() { Set(nullptr); }
@@ -144,7 +144,7 @@ private:
     std::unique_ptr<Credentials> m_own;
 };
 thread_local OwnBefore t_own;
-thread_local std::unique_ptr<Credentials> t_client; // whom a server's thread speaks for
+thread_local std::unique_ptr<Credentials> t_client; // the client of a server thread
 
 // The thread that forked is the first one of the child.
 void InForkChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -152,7 +152,7 @@ void InForkChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_firstThreadLock.ForgetOwner();
 }
 
-// Effective and saved user differ only in a thread that may go back to another one.
+// The effective and saved users differ only in a thread that may return to another user.
 bool MayActForAnother() {
     uid_t real = 0;
     uid_t effective = 0;
@@ -195,7 +195,7 @@ AsOwnProcess::AsOwnProcess() {
 }
 
 AsOwnProcess::~AsOwnProcess() {
-    // Going on with more rights than the caller took on would be worse than ending.
+    // Continuing with more rights than the caller took on would be worse than ending.
     if (m_changed && !TakeOn(m_impersonated)) std::abort();
 }
 
@@ -203,7 +203,7 @@ DWORD ActAs(const Credentials& credentials) {
     WatchForFork();
     auto own = std::make_unique<Credentials>(OwnCredentials());
     const Credentials before = ThreadCredentials();
-    // A thread that acts for one user goes to the next by way of itself, who may.
+    // A thread that acts for one user switches to the next through its own user, who may.
     if (!TakeOn(*own)) return ERROR_PRIVILEGE_NOT_HELD;
     const bool first = t_own.Get() == nullptr;
     t_own.Set(std::move(own)); // before the change, which other threads may see at once

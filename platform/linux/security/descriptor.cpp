@@ -9,9 +9,9 @@
 namespace oriel {
 namespace {
 
-constexpr BYTE kMostAtOnce = 8; // sub-authorities that AllocateAndInitializeSid takes
+constexpr BYTE kMostAtOnce = 8; // limit of AllocateAndInitializeSid
 
-// The descriptor when it is an absolute one that can be changed; null with the last error otherwise.
+// The descriptor if it is absolute and can be changed; null with the last error otherwise.
 SECURITY_DESCRIPTOR* Changeable(PSECURITY_DESCRIPTOR descriptor) {
     const DescriptorParts parts(descriptor);
     if (!parts.valid) return Fail<SECURITY_DESCRIPTOR*>(ERROR_UNKNOWN_REVISION);
@@ -33,7 +33,7 @@ BOOL SetSidPart(PSECURITY_DESCRIPTOR descriptor, PSID SECURITY_DESCRIPTOR::*part
     return TRUE;
 }
 
-// The bytes of every part in the order in which the self-relative form has them.
+// The bytes of every part, in the order of the self-relative form.
 struct PartCopies {
     AclCopy sacl;
     AclCopy dacl;

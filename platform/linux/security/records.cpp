@@ -1,4 +1,4 @@
-// Copies and checks. Keeps nothing.
+// Copies and checks of security records. No state.
 #include "security/records.h"
 
 #include "memory/guard.h"
@@ -16,7 +16,7 @@ bool IsAligned(const void* record) {
     return reinterpret_cast<uintptr_t>(record) % sizeof(DWORD) == 0;
 }
 
-// Bytes of the SID at the start of a record of the size given; 0 when it is not a valid one.
+// Bytes of the SID at the start of a record of the given size; 0 when it is not valid.
 DWORD SidLength(const BYTE* record, size_t size) {
     if (size < kSidHeaderSize || record[0] != SID_REVISION || record[1] > SID_MAX_SUB_AUTHORITIES) return 0;
     const size_t length = kSidHeaderSize + record[1] * sizeof(DWORD);
@@ -29,7 +29,7 @@ ACE_HEADER EntryHeader(const BYTE* entry) {
     return header;
 }
 
-// Every entry of the list lies within it and is well formed.
+// True when every entry lies within the list and is well formed.
 bool EntriesAreValid(const BYTE* list, size_t size, size_t count) {
     size_t at = sizeof(ACL);
     for (; count > 0; --count) {
@@ -100,7 +100,7 @@ size_t AclCopy::EntryOffset(DWORD index) const {
 }
 
 DescriptorParts::DescriptorParts(const void* descriptor) {
-    // Both forms begin alike; the shorter one tells which it is.
+    // Both forms begin alike; the shorter one says which it is.
     SECURITY_DESCRIPTOR_RELATIVE relative;
     if (!IsAligned(descriptor) || !GuardedCopy(relative, descriptor)) return;
     if (relative.Revision != SECURITY_DESCRIPTOR_REVISION) return;
@@ -150,7 +150,7 @@ bool GrantsEveryone(const SECURITY_ATTRIBUTES* attributes) {
         const BYTE* entry = list.bytes.get() + list.EntryOffset(i);
         ACCESS_ALLOWED_ACE fixed;
         std::memcpy(&fixed.Header, entry, sizeof fixed.Header);
-        // Whoever is denied something is not everyone; such a list is left to those who can read it.
+        // A list that denies somebody something is not open to everyone.
         if (fixed.Header.AceType == ACCESS_DENIED_ACE_TYPE) return false;
         if (fixed.Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (fixed.Header.AceFlags & INHERIT_ONLY_ACE) != 0)
             continue;

@@ -1,5 +1,5 @@
-// Security records read from memory that nobody vouches for: copied once under the fault guard, then checked in the
-// copy. Layouts: Win32, "SID structure", "ACL structure", "SECURITY_DESCRIPTOR structure".
+// Security records from untrusted memory: copied once under the fault guard, then checked in the copy. Layouts: Win32,
+// "SID structure", "ACL structure", "SECURITY_DESCRIPTOR structure". No state.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ constexpr size_t kAceSidOffset = offsetof(ACCESS_ALLOWED_ACE, SidStart);
 
 // A valid SID: revision 1, at most 15 sub-authorities.
 struct SidCopy {
-    DWORD length = 0; // bytes in use; 0 when there is no valid SID
+    DWORD length = 0; // bytes in use; 0: not a valid SID
     alignas(DWORD) BYTE bytes[kMaxSidSize];
 
     SidCopy() = default;
@@ -28,22 +28,22 @@ struct SidCopy {
     bool operator==(const SidCopy& other) const;
 };
 
-// A valid access control list: header, count and every entry agree with its size, and entries that allow or deny hold a
-// valid SID.
+// A valid access control list: header, count and every entry agree with its size, and allowing and denying entries have
+// a valid SID.
 struct AclCopy {
-    WORD size = 0; // bytes; 0 when there is no valid list
+    WORD size = 0; // bytes; 0: not a valid list
     WORD count = 0;
     std::unique_ptr<BYTE[]> bytes;
 
     explicit AclCopy(const void* acl);
     bool Valid() const { return size != 0; }
-    // Offset of an entry; that of the free space for index == count.
+    // Offset of an entry; for index == count that of the free space.
     size_t EntryOffset(DWORD index) const;
 };
 
-// The parts of a descriptor of either form: addresses, null for none. They have not been looked into.
+// The parts of a descriptor of either form: addresses, null when absent. They are not checked.
 struct DescriptorParts {
-    bool valid = false; // the header could be read and has revision 1, and no part lies beyond the end of memory
+    bool valid = false; // the header is readable and has revision 1, and no part is beyond the end of memory
     WORD control = 0;
     const void* owner = nullptr;
     const void* group = nullptr;
@@ -53,9 +53,9 @@ struct DescriptorParts {
     explicit DescriptorParts(const void* descriptor);
 };
 
-// True when everyone has full access: the descriptor has a DACL that is null, or one with an access-allowed entry of
-// GENERIC_ALL for Everyone that no denying entry stands before. False without attributes or descriptor, without a DACL,
-// and for a descriptor that is invalid: its memory is read under the fault guard and every count and offset is checked.
+// True when everyone has full access: the DACL is null, or has an allowing entry of GENERIC_ALL for Everyone with no
+// denying entry before it. False without attributes, descriptor or DACL, and for an invalid descriptor: its memory is
+// read under the fault guard, and every count and offset is checked.
 bool GrantsEveryone(const SECURITY_ATTRIBUTES* attributes);
 
 } // namespace oriel

@@ -1,4 +1,4 @@
-// Security records as text. Keeps nothing.
+// Security records as text (SDDL). No state.
 #include "base/call.h"
 #include "security/accounts.h"
 
@@ -48,9 +48,9 @@ constexpr Letters kFlags[] = {
 constexpr Letters kTypes[] = {{"A", ACCESS_ALLOWED_ACE_TYPE}, {"D", ACCESS_DENIED_ACE_TYPE}};
 
 constexpr char kListTitle[] = "D:";
-constexpr size_t kFields = 6; // of an entry: type, flags, rights, object, inherited object, account
+constexpr size_t kFields = 6; // type, flags, rights, object, inherited object, account
 constexpr size_t kLargestList = 0xFFFC;
-constexpr unsigned long long kDecimalAuthorities = 1ULL << 32; // one beyond the last
+constexpr unsigned long long kDecimalAuthorities = 1ULL << 32; // above this, authorities are written in hexadecimal
 
 // A number up to the end of the text, decimal or with 0x.
 std::optional<unsigned long long> Number(std::string_view text, unsigned long long limit) {
@@ -105,7 +105,7 @@ std::string SidText(const SidCopy& sid) {
     return whole;
 }
 
-// An invalid one when the text is none.
+// An invalid SID when the text is not one.
 SidCopy SidOf(std::string_view text) {
     if (const WellKnownAccount* known = FindWellKnownAlias(text)) return known->sid;
     if (!text.starts_with("S-1-")) return {};
@@ -146,7 +146,7 @@ std::optional<std::string> EntryText(const BYTE* entry) {
            ToLetters(kRights, fixed.Mask).value_or(number) + ";;;" + SidOrAlias(SidCopy(entry + kAceSidOffset)) + ")";
 }
 
-// Appends the entry that stands between two brackets. ERROR_SUCCESS or why it cannot be.
+// Appends the entry between two brackets. ERROR_SUCCESS or why not.
 DWORD AppendEntry(std::vector<BYTE>& list, std::string_view text) {
     std::string_view fields[kFields];
     for (size_t i = 0; i < kFields; ++i) {
@@ -181,7 +181,7 @@ DWORD AppendEntry(std::vector<BYTE>& list, std::string_view text) {
     return ERROR_SUCCESS;
 }
 
-// The list of a text that is nothing but a list.
+// The list of a text that is only a list.
 DWORD ParseList(std::string_view text, std::vector<BYTE>& list) {
     list.resize(sizeof(ACL));
     text = Trimmed(text);
@@ -200,7 +200,7 @@ DWORD ParseList(std::string_view text, std::vector<BYTE>& list) {
     return ERROR_SUCCESS;
 }
 
-// A block that LocalFree frees.
+// A block for LocalFree.
 template <typename Pointer>
 BOOL Give(Pointer* to, const void* data, size_t size) {
     void* block = std::malloc(size);

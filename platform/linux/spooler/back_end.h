@@ -1,7 +1,7 @@
-// What the spooler's calls ask of whoever has the printers: the embedded spool, or the system's print server.
+// The back ends of the spooler: the embedded spool, and the system's print server. No state.
 //
-// Plain records of the standard library and no more, since a back end may be a module of its own: texts are in the ANSI
-// code page on this side of a back end, times are those of the system.
+// Plain records of the standard library only, because a back end may be a module of its own. On this side of a back end
+// texts are in the ANSI code page and times are those of the system.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace oriel {
 
-// The texts that are known of a printer; kPrinterTexts (records.cpp) says where a PRINTER_INFO_2A has them.
+// The texts of a printer; kPrinterTexts (records.cpp) maps them to PRINTER_INFO_2A.
 enum PrinterText : size_t {
     kPrinterName,
     kServerName,
@@ -26,14 +26,14 @@ enum PrinterText : size_t {
 };
 
 struct Printer {
-    int64_t id = 0; // of the embedded spool; 0 elsewhere
+    int64_t id = 0; // in the embedded spool; else 0
     std::string texts[kPrinterTextCount];
     DWORD attributes = 0;
 
     const std::string& Name() const { return texts[kPrinterName]; }
 };
 
-// A printer as a handle knows it. It is looked up when it is used.
+// A printer as its handle knows it; looked up whenever it is used.
 struct PrinterKey {
     int64_t id = 0;
     std::string name;
@@ -54,17 +54,17 @@ struct Job {
 
 enum class JobCommand { kPause, kResume, kCancel };
 
-// Every procedure gives ERROR_SUCCESS or a code of its call's contract; they may throw std::bad_alloc, nothing else.
-// Any thread calls them, several at once.
+// Every procedure returns ERROR_SUCCESS or a code of its call's contract, and throws only std::bad_alloc. Any threads
+// may call them at the same time.
 struct SpoolerBackEnd {
     DWORD (*listPrinters)(std::vector<Printer>* printers);
     // ERROR_INVALID_PRINTER_NAME: there is no such printer.
     DWORD (*findPrinter)(const std::string& name, PrinterKey* key);
-    // ERROR_PRINTER_DELETED: it has gone, here and below.
+    // ERROR_PRINTER_DELETED, here and below: the printer is gone.
     DWORD (*readPrinter)(const PrinterKey& key, Printer* printer);
-    // In the order of the queue.
+    // In queue order.
     DWORD (*listJobs)(const PrinterKey& key, std::vector<Job>* jobs);
-    // ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: the thread's user may not.
+    // ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: not allowed to the thread's user.
     DWORD (*changeJob)(const PrinterKey& key, DWORD job, JobCommand command);
 };
 

@@ -1,4 +1,4 @@
-// The embedded spool as a back end: printers in a database, jobs in files (job_files.cpp).
+// The embedded spool as a back end: printers in a database, jobs in files (job_files.cpp). State: the database.
 #include "spooler/embedded.h"
 
 #include "base/directories.h"
@@ -10,7 +10,7 @@
 namespace oriel {
 namespace {
 
-// Numbers are never used again, so that a handle of a deleted printer finds nothing.
+// Numbers are never reused, so that a handle of a deleted printer finds nothing.
 constexpr const char* kSchema = R"(
 CREATE TABLE printers(
     id INTEGER PRIMARY KEY AUTOINCREMENT,

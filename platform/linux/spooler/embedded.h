@@ -10,11 +10,11 @@ Database& SpoolStore();
 
 // ERROR_SUCCESS or a code of DatabaseHold. Printers are in the order in which they were added.
 DWORD ListPrinters(std::vector<Printer>* printers);
-// ERROR_FILE_NOT_FOUND when there is no such printer (any more). folded: the name as FoldName gives it.
+// ERROR_FILE_NOT_FOUND when the printer does not exist (any more). folded: the name from FoldName.
 DWORD FindPrinter(const std::string& folded, int64_t* id);
 DWORD ReadPrinter(int64_t id, Printer* printer);
 
-// Within a hold that changes. ERROR_PRINTER_ALREADY_EXISTS; *id is the new printer's.
+// Within a hold that changes the database. ERROR_PRINTER_ALREADY_EXISTS; *id is that of the new printer.
 DWORD AddPrinterRow(DatabaseHold& hold, const Printer& printer, const std::string& folded, int64_t* id);
 // ERROR_FILE_NOT_FOUND.
 DWORD DeletePrinterRow(DatabaseHold& hold, int64_t id);

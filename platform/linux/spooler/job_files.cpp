@@ -1,4 +1,4 @@
-// The files of jobs: their layout, who may do what, and how they come and go.
+// The files of jobs: layout, permissions, creation and removal. State: the files.
 #include "spooler/job_files.h"
 
 #include "base/call.h"
@@ -21,22 +21,22 @@ namespace oriel {
 namespace {
 
 constexpr const char* kFolder = "jobs";
-// The number given last, which all may write: whoever writes nonsense has numbers used again, and no more.
+// The last number given. Everybody may write it; a wrong value only makes numbers repeat.
 constexpr const char* kLastNumberFile = "last";
 constexpr std::string_view kDataSuffix = ".data";
 constexpr DWORD kHighestJob = 0x7FFFFFFF;
 constexpr size_t kMostJobs = 10000;
 constexpr uint32_t kMark = 0x626a724f; // "Orjb"
 
-// A job's head file. Each word is written by one side and whole, so nobody needs a lock to change one.
+// A job's head file. Each word is written whole and by one side only, so changing it needs no lock.
 struct JobHead {
     uint32_t mark;
     uint32_t complete; // 1: EndDocPrinter was called
     uint32_t paused;   // 1
-    uint32_t deleting; // 1: cancelled while it was spooled
+    uint32_t deleting; // 1: cancelled while spooling
     int64_t printer;
     int64_t submittedMs;
-    char document[1024]; // texts with their NUL, in the ANSI code page
+    char document[1024]; // terminated texts in the ANSI code page
     char datatype[64];
     char machine[64];
 };
@@ -50,7 +50,7 @@ struct CloseFolder {
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
 
-// Null when there is none: nobody ever spooled.
+// Null when the folder does not exist: nobody has spooled yet.
 Folder OpenJobsFolder() {
     const std::string& state = StateDirectory();
     if (state.empty()) return nullptr;
@@ -60,7 +60,7 @@ Folder OpenJobsFolder() {
     return Folder(opened);
 }
 
-// 0 for a name that is no job's head.
+// 0 when the name is not that of a head.
 DWORD NumberOf(const char* name) {
     DWORD number = 0;
     const char* end = name + std::strlen(name);
@@ -88,11 +88,11 @@ bool IsTerminated(const char (&text)[size]) {
 struct HeadRead {
     JobHead head;
     uid_t owner = 0;
-    bool spooling = false; // it is locked
-    bool living = false;   // else its process died, or it was cancelled
+    bool spooling = false; // the head is locked
+    bool living = false;   // false: its process died, or it was cancelled
 };
 
-// False when the file is no job.
+// False when the file is not a job.
 bool ReadHead(int file, HeadRead* read) {
     struct stat status {};
     if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) return false;
@@ -115,7 +115,7 @@ bool WriteWord(int file, size_t offset, uint32_t value) {
     return pwrite(file, &value, sizeof value, static_cast<off_t>(offset)) == sizeof value;
 }
 
-// All numbers that have a head.
+// All numbers with a head.
 std::vector<DWORD> JobNumbers(DIR* folder) {
     std::vector<DWORD> numbers;
     while (const dirent* entry = readdir(folder))
@@ -144,7 +144,7 @@ DWORD FileError() {
     return SystemError(errno);
 }
 
-// What processes of this user left behind that died while they spooled. Others' own processes do it for theirs.
+// Removes jobs of this user's processes that died while spooling. Other users' processes do that for theirs.
 void SweepDeadJobs(int folder, const std::vector<DWORD>& numbers) {
     for (const DWORD number : numbers) {
         const Descriptor file = OpenHead(folder, number, O_RDONLY);
@@ -155,7 +155,7 @@ void SweepDeadJobs(int folder, const std::vector<DWORD>& numbers) {
 }
 
 DWORD LastNumber(int folder, Descriptor* file) {
-    // Not with O_CREAT, which the kernel refuses for another's file in such a folder.
+    // Without O_CREAT, which the kernel refuses for another user's file in such a folder.
     *file = Descriptor(openat(folder, kLastNumberFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file->IsOpen()) {
         *file = Descriptor(openat(folder, kLastNumberFile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
@@ -166,7 +166,7 @@ DWORD LastNumber(int folder, Descriptor* file) {
     return std::min(last, kHighestJob);
 }
 
-// A number that no file has. The data file is made first: it is what claims the number.
+// A number without a file. The data file is created first and claims the number.
 DWORD ClaimNumber(int folder, DWORD last, SpooledDocument* document) {
     for (size_t tries = 0; tries <= kMostJobs; ++tries) {
         const DWORD number = last < kHighestJob ? last + 1 : 1;
@@ -238,10 +238,10 @@ DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command) {
             return ERROR_INVALID_PARAMETER;
     }
     const Descriptor file = OpenHead(folder, job, O_RDWR);
-    // Another's file, or one that went just now.
+    // Another user's file, or one that is gone by now.
     if (!file.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
     if (command == JobCommand::kCancel && !read.spooling) {
-        // A head that its user lets others write is not theirs to remove.
+        // Others may not remove a head even when its user lets them write it.
         if (unlinkat(folder, HeadName(job).c_str(), 0) != 0) return FileError();
         unlinkat(folder, DataName(job).c_str(), 0);
         return ERROR_SUCCESS;
@@ -263,7 +263,7 @@ DWORD OpenJobDocument(int64_t printer, DWORD job, Descriptor* document) {
         return ERROR_INVALID_PARAMETER;
     Descriptor data(openat(folder, DataName(job).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!data.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
-    // Root reads others': what its user put here in place of the document may be a name of a file that is not theirs.
+    // Root reads files of other users, who may have put a link to a foreign file in place of the document.
     struct stat status {};
     if (fstat(data.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
         status.st_uid != read.owner)
@@ -298,7 +298,7 @@ DWORD StartDocument(int64_t printer, const DocumentTexts& texts, SpooledDocument
     if (!numbers.empty()) last = std::max(last, numbers.back());
     if (const DWORD error = ClaimNumber(folder, last, document); error != ERROR_SUCCESS) return error;
     const JobHead head = HeadOf(printer, texts);
-    // Nobody else locks a head that is empty yet.
+    // Nobody else locks an empty head.
     if (flock(document->head.Get(), LOCK_EX | LOCK_NB) != 0 || fchmod(document->head.Get(), 0644) != 0 ||
         pwrite(document->head.Get(), &head, sizeof head, 0) != sizeof head) {
         const DWORD error = FileError();
@@ -323,7 +323,7 @@ DWORD AppendToDocument(const SpooledDocument& document, const void* bytes, DWORD
 
 DWORD EndDocument(SpooledDocument& document) {
     const bool cancelled = IsCancelled(document);
-    // One that is cancelled right behind this look is complete and deleting, and as good as gone.
+    // A job that is cancelled right after this check is complete and deleting, which is as good as removed.
     if (cancelled || !WriteWord(document.head.Get(), offsetof(JobHead, complete), kSet)) {
         const DWORD error = cancelled ? ERROR_PRINT_CANCELLED : FileError();
         DropDocument(document);
@@ -336,7 +336,7 @@ DWORD EndDocument(SpooledDocument& document) {
 void DropDocument(SpooledDocument& document) {
     if (document.job == 0) return;
     if (const Folder folder = OpenJobsFolder(); folder != nullptr) {
-        // The number may be another job's by now, if this one was removed.
+        // The number may belong to another job by now, if this one was removed.
         struct stat own {};
         if (fstat(document.head.Get(), &own) == 0 && own.st_nlink != 0) RemoveFiles(dirfd(folder.get()), document.job);
     }

@@ -1,10 +1,9 @@
-// Jobs of the embedded spool: two files for each in <state directory>/jobs, a folder that every user may put files
-// into.
+// Jobs of the embedded spool: two files each in <state directory>/jobs, a folder into which every user may put files.
 //
-// "<number>" is the job's head, which all may read, "<number>.data" its document, which only its user may. The file's
-// owner is the job's: the kernel says whose it is, and lets nobody else change or remove it but root. While a document
-// is spooled its head is locked (flock), so that a job whose process died is told from one that still grows. Others'
-// files are looked at before they are used; what is no job is passed over.
+// "<number>" is the head of the job, readable by all; "<number>.data" is its document, readable by its user only. The
+// owner of the files owns the job: the kernel vouches for that, and lets nobody but the owner and root change or remove
+// it. While a document is spooled its head is locked (flock), which distinguishes a growing job from one whose process
+// died. Files of others are checked before use; what is not a job is skipped.
 #pragma once
 
 #include "base/descriptor.h"
@@ -12,18 +11,18 @@
 
 namespace oriel {
 
-// Makes the folder, where this user may.
+// Creates the folder, if this user may.
 DWORD MakeJobsFolder();
 
-// The complete jobs of a printer and those still spooled, by number; at most 10,000.
+// The complete and the spooling jobs of a printer, by number; at most 10,000.
 DWORD ListJobFiles(int64_t printer, std::vector<Job>* jobs);
 DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command);
-// The document of a complete job, for reading. ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED.
+// Opens the document of a complete job for reading. ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED.
 DWORD OpenJobDocument(int64_t printer, DWORD job, Descriptor* document);
-// The jobs of a printer that goes; those that this user may not remove stay, and are nobody's.
+// Removes the jobs of a printer that is deleted. Jobs that this user may not remove stay, without a printer.
 void RemoveJobsOf(int64_t printer);
 
-// A job that this process spools. A fork child shares the lock until it ends or runs another program.
+// A job that this process spools. A fork child shares the lock until it ends or executes another program.
 struct SpooledDocument {
     DWORD job = 0; // 0: none
     Descriptor head;
@@ -37,9 +36,9 @@ struct DocumentTexts {
 
 // ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_QUOTA, ERROR_INVALID_PARAMETER (a text is too long).
 DWORD StartDocument(int64_t printer, const DocumentTexts& texts, SpooledDocument* document);
-// *written: also on failure. ERROR_PRINT_CANCELLED, ERROR_DISK_FULL.
+// *written is set on failure too. ERROR_PRINT_CANCELLED, ERROR_DISK_FULL.
 DWORD AppendToDocument(const SpooledDocument& document, const void* bytes, DWORD size, DWORD* written);
-// Complete, or dropped: cancelled (ERROR_PRINT_CANCELLED) or not wanted any more. The document is then none.
+// Completes the job, or drops it: cancelled (ERROR_PRINT_CANCELLED) or no longer wanted. The document is then empty.
 DWORD EndDocument(SpooledDocument& document);
 void DropDocument(SpooledDocument& document);
 

@@ -1,5 +1,5 @@
-// The spooler's calls on jobs, on documents that become jobs, and on notifications of their changes, which are named
-// events. State: the document that a handle spools.
+// The spooler's calls on jobs, on documents that become jobs, and on change notifications, which are named events.
+// State: the document of a handle.
 #include "base/call.h"
 #include "spooler/printer_object.h"
 #include "spooler/records.h"
@@ -19,7 +19,7 @@ std::string EventName(int64_t printer) {
     return "OrielJobs:" + std::to_string(printer);
 }
 
-// Every user spools, and tells of it.
+// Every user may spool, and signals that.
 HANDLE CreateJobsEvent(int64_t printer) {
     SECURITY_DESCRIPTOR everyone{};
     SECURITY_ATTRIBUTES attributes{sizeof attributes, &everyone, FALSE};
@@ -146,7 +146,7 @@ DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record) {
         if (!open) return GetLastError();
         if (level != 1) return ERROR_INVALID_LEVEL;
         if (record == nullptr) return ERROR_INVALID_PARAMETER;
-        DOC_INFO_1A copy; // the caller's need not be aligned
+        DOC_INFO_1A copy; // the caller's may be unaligned
         std::memcpy(&copy, record, sizeof copy);
         const DWORD error = StartDocumentOf(*open.Get(), copy, &job);
         if (error == ERROR_SUCCESS) TellOfJobs(open->key.id);

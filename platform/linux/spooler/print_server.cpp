@@ -1,5 +1,5 @@
-// How the print server is found, and its answers in the ANSI code page. State: the module once it is loaded, and until
-// when a server that does not answer is left alone.
+// Finding the print server, and its answers in the ANSI code page. State: the loaded module, and until when a server
+// that does not answer is skipped.
 #include "spooler/print_server.h"
 
 #include "base/descriptor.h"
@@ -23,7 +23,7 @@
 namespace oriel {
 namespace {
 
-constexpr const char* kModule = "oriel/liboriel_cups.so"; // beside the layer
+constexpr const char* kModule = "oriel/liboriel_cups.so"; // next to the layer
 constexpr const char* kUsualSocket = "/run/cups/cups.sock";
 constexpr const char* kSystemSettings = "/etc/cups/client.conf";
 constexpr const char* kUserSettings = "/.cups/client.conf"; // below the home directory
@@ -56,19 +56,19 @@ std::string FindServer() {
     return !server.empty() ? server : kUsualSocket;
 }
 
-// Whether somebody listens there, or may. Costs one system call or two where nobody does, which is most machines.
+// True when somebody listens there, or may. Costs a system call or two where nobody does, which is most machines.
 bool MayListen(const std::string& server) {
-    if (!server.starts_with('/')) return true; // another machine's: whoever set it wants it asked
+    if (!server.starts_with('/')) return true; // another machine's: configured on purpose, so it is asked
     sockaddr_un address{.sun_family = AF_UNIX};
     if (server.size() >= sizeof address.sun_path) return false;
     std::memcpy(address.sun_path, server.c_str(), server.size() + 1);
     const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    // A full backlog (EAGAIN) is a server that is busy or stands still.
+    // A full backlog (EAGAIN) means a server that is busy or stopped.
     return probe.IsOpen() &&
            (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN);
 }
 
-// Null when it is not there or is another build's.
+// Null when the module is missing or from another build.
 const PrintServerModule* LoadModule() {
     Dl_info here{};
     if (dladdr(&kPrintServer, &here) == 0 || here.dli_fname == nullptr) return nullptr;
@@ -86,7 +86,7 @@ const PrintServerModule* Module() {
     return module;
 }
 
-// call(module, how): asks the module; notes a server that did not answer.
+// Runs call(module, how) and records a server that did not answer.
 template <typename Call>
 DWORD AskServer(Call call) {
     PrintServerCall how{.server = FindServer()};
@@ -103,7 +103,7 @@ DWORD AskServer(Call call) {
     return error;
 }
 
-// False for a queue whose name the ANSI code page does not have, or that is no printer's name: nobody could open it.
+// False for a queue whose name is not in the ANSI code page or not valid for a printer; nobody could open it.
 bool ToAnsi(Printer* printer) {
     const std::string queue = printer->Name();
     for (std::string& text : printer->texts)

@@ -1,4 +1,4 @@
-// What a printer's handle stands for, and what tells of changes of its jobs.
+// The object of a printer handle, and notifications of job changes. State: the handles.
 #pragma once
 
 #include "kernel/handles.h"
@@ -16,16 +16,15 @@ struct PrinterObject : Object {
 
     const SpoolerBackEnd* const backEnd;
     const PrinterKey key;
-    // Held for as long as a file of the spool takes its bytes.
+    // Held while the bytes of a document are written.
     std::mutex documentLock;
-    SpooledDocument document; // begun with StartDocPrinterA
+    SpooledDocument document; // started with StartDocPrinterA
     Descriptor jobDocument;   // of a job that was opened instead of its printer
 };
 
 extern const ObjectType kPrinterType;
 
-// Something became of a job of this printer. Without anybody who waits it is a look for a name and no more. Leaves the
-// last error alone.
+// Signals a change of this printer's jobs. Costs one look-up of a name when nobody waits. Keeps the last error.
 void TellOfJobs(int64_t printer);
 
 } // namespace oriel

@@ -1,4 +1,4 @@
-// The spooler's calls on printers. State: handles; the printers themselves are in the back ends.
+// The spooler's calls on printers. State: handles; the printers are in the back ends.
 #include "base/call.h"
 #include "registry/changes.h"
 #include "spooler/embedded.h"
@@ -22,7 +22,7 @@ constexpr const char* kPrintersKey = "System\\CurrentControlSet\\Control\\Print\
 void DropPrinter(Object* object) {
     if (!LastReference(object)) return;
     auto* printer = static_cast<PrinterObject*>(object);
-    // Without memory for it the job is left as one whose process died.
+    // When out of memory the job stays like one whose process died.
     CodeCall([printer]() -> DWORD {
         DropDocument(printer->document);
         return ERROR_SUCCESS;
@@ -41,7 +41,7 @@ DWORD OpenPrinterHandle(const SpoolerBackEnd& backEnd, PrinterKey key, DWORD acc
     return *handle != nullptr ? ERROR_SUCCESS : GetLastError();
 }
 
-// A name in both is the embedded spool's.
+// The embedded spool has precedence.
 DWORD FindNamedPrinter(const std::string& name, const SpoolerBackEnd** backEnd, PrinterKey* key) {
     *backEnd = &kEmbeddedSpool;
     const DWORD error = kEmbeddedSpool.findPrinter(name, key);
@@ -53,7 +53,7 @@ DWORD FindNamedPrinter(const std::string& name, const SpoolerBackEnd** backEnd, 
     return elsewhere == RPC_S_SERVER_UNAVAILABLE ? error : elsewhere;
 }
 
-// The embedded spool's, then the print server's when it answers.
+// The printers of the embedded spool, then those of the print server if it answers.
 DWORD ListAllPrinters(std::vector<Printer>* printers) {
     const DWORD error = kEmbeddedSpool.listPrinters(printers);
     if (error != ERROR_SUCCESS || PrintServerIsPaused()) return error;
@@ -68,7 +68,8 @@ DWORD ListAllPrinters(std::vector<Printer>* printers) {
     return ERROR_SUCCESS;
 }
 
-// "<printer>, Job <number>": the number, and the name without it; 0 for any other name. Printers have no commas.
+// Parses "<printer>, Job <number>": the number, and the name without it; 0 for other names. Printer names have no
+// commas.
 DWORD JobInName(std::string& name) {
     constexpr std::string_view kJob = ", Job ";
     const size_t at = name.rfind(kJob);
@@ -112,7 +113,7 @@ DWORD OpenNamedPrinter(LPCSTR name, LPHANDLE printer, const PRINTER_DEFAULTSA* d
     return refused == ERROR_SUCCESS ? OpenPrinterHandle(*backEnd, std::move(key), granted, printer) : refused;
 }
 
-// What Windows NT keeps of a local printer in the registry.
+// What Windows NT stores about a local printer in the registry.
 LSTATUS WritePrinterKey(const Printer& printer) {
     const std::string path = kPrintersKey + PrinterKeyName(printer.Name());
     static constexpr const char* kValueNames[kPrinterTextCount] = {"Name",     nullptr,           "Share Name",
@@ -136,8 +137,8 @@ LSTATUS DeletePrinterKey(const Printer& printer) {
     return ApplyChanges({&removal, 1});
 }
 
-// The spool's change is ended behind the registry's: killed between the two, a key is left without a printer, and the
-// next printer of that name takes it over.
+// The spool is changed after the registry. A process killed between the two leaves a key without a printer, which the
+// next printer of that name adopts.
 DWORD AddNewPrinter(const PRINTER_INFO_2A& record, HANDLE* handle) {
     Printer printer;
     DWORD error = ReadPrinterRecord(record, &printer);
@@ -150,7 +151,7 @@ DWORD AddNewPrinter(const PRINTER_INFO_2A& record, HANDLE* handle) {
     if (error == ERROR_SUCCESS && !IsConnection(printer.Name())) error = static_cast<DWORD>(WritePrinterKey(printer));
     if (error == ERROR_SUCCESS) error = hold.Commit();
     if (error != ERROR_SUCCESS) return error;
-    MakeJobsFolder(); // so that others can print; who spools tries it again
+    MakeJobsFolder(); // so that others can print; spooling tries again
     return OpenPrinterHandle(kEmbeddedSpool, {id, printer.Name()}, PRINTER_ALL_ACCESS, handle);
 }
 
@@ -229,7 +230,7 @@ HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record) {
     const DWORD error = CodeCall([&]() -> DWORD {
         if (server != nullptr || record == nullptr) return ERROR_INVALID_PARAMETER;
         if (level != 2) return ERROR_INVALID_LEVEL;
-        PRINTER_INFO_2A copy; // the caller's need not be aligned
+        PRINTER_INFO_2A copy; // the caller's may be unaligned
         std::memcpy(&copy, record, sizeof copy);
         return AddNewPrinter(copy, &handle);
     });
@@ -239,6 +240,6 @@ HANDLE WINAPI AddPrinterA(LPSTR server, DWORD level, LPBYTE record) {
 BOOL WINAPI DeletePrinter(HANDLE printer) {
     return Succeeds(CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_ADMINISTER);
-        return open ? DeleteOpenPrinter(*open.Get()) : GetLastError(); // the use has set it
+        return open ? DeleteOpenPrinter(*open.Get()) : GetLastError(); // set by the look-up
     }));
 }

@@ -15,7 +15,7 @@ struct PrinterTextField {
     LPSTR PRINTER_INFO_2A::*field;
     size_t longest;
     bool required = false;
-    const char* otherwise = ""; // when it is absent or empty
+    const char* otherwise = ""; // when absent or empty
 };
 
 // In the order of PrinterText.
@@ -33,7 +33,7 @@ constexpr PrinterTextField kPrinterTexts[kPrinterTextCount] = {
 static_assert(kPrinterTexts[kPrinterName].field == &PRINTER_INFO_2A::pPrinterName);
 static_assert(kPrinterTexts[kPrinterDatatype].field == &PRINTER_INFO_2A::pDatatype);
 
-// Texts that every printer has and that are always empty.
+// Texts that are empty for every printer.
 constexpr LPSTR PRINTER_INFO_2A::*kEmptyTexts[] = {&PRINTER_INFO_2A::pSepFile, &PRINTER_INFO_2A::pParameters};
 
 bool IsPresent(const char* text) {
@@ -66,7 +66,7 @@ bool IsConnection(std::string_view name) {
     return name.starts_with("\\\\");
 }
 
-// A connection's name is \\server\printer. Commas divide the entries of the profile that name printers.
+// The name of a connection is \\server\printer. Commas separate the profile entries that name printers.
 bool IsPrinterName(std::string_view name) {
     if (name.empty() || name.size() > kLongestName || EndsWithinCharacter(name)) return false;
     for (const char c : name)
@@ -119,7 +119,7 @@ DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer) {
 
 namespace {
 
-// All zero for a time that a FILETIME does not have.
+// All zero for a time that a FILETIME cannot hold.
 SYSTEMTIME SystemTimeOf(int64_t unixMs) {
     constexpr int64_t kEpochToUnixMs = 11'644'473'600'000;
     constexpr int64_t kTicksPerMs = 10'000;

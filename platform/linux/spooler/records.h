@@ -1,5 +1,5 @@
-// Printers and jobs as the PRINTER_INFO_2A and JOB_INFO_1A records of callers: the records in front of the caller's
-// buffer, their texts at its end.
+// PRINTER_INFO_2A and JOB_INFO_1A records for callers: the records at the start of the caller's buffer, their texts at
+// its end. No state.
 #pragma once
 
 #include "spooler/back_end.h"
@@ -13,7 +13,7 @@
 
 namespace oriel {
 
-// Strings fill the buffer from its end.
+// Strings are placed from the end of the buffer.
 struct StringSpace {
     LPBYTE end;
 
@@ -25,8 +25,8 @@ struct StringSpace {
     }
 };
 
-// sizeOf(item): bytes of the item's record and texts. recordOf(item, index, strings): the record, its texts put.
-// *needed: the bytes that all take. ERROR_INSUFFICIENT_BUFFER, with the buffer untouched.
+// sizeOf(item): bytes of the item's record and texts. recordOf(item, index, strings): builds the record and places its
+// texts. *needed: the bytes for all. ERROR_INSUFFICIENT_BUFFER, with the buffer untouched.
 template <typename Item, typename SizeOf, typename RecordOf>
 DWORD WriteRecords(std::span<const Item> items, LPBYTE buffer, DWORD size, LPDWORD needed, SizeOf sizeOf,
                    RecordOf recordOf) {
@@ -39,28 +39,28 @@ DWORD WriteRecords(std::span<const Item> items, LPBYTE buffer, DWORD size, LPDWO
     StringSpace strings{buffer + size};
     for (size_t at = 0; at < items.size(); ++at) {
         const auto record = recordOf(items[at], at, strings);
-        // The caller's buffer need not be aligned.
+        // The caller's buffer may be unaligned.
         std::memcpy(buffer + at * sizeof record, &record, sizeof record);
     }
     return ERROR_SUCCESS;
 }
 
-// As WriteRecords does.
+// Like WriteRecords.
 DWORD WritePrinterRecords(std::span<const Printer> printers, LPBYTE buffer, DWORD size, LPDWORD needed);
 
-// A record that a caller wants to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.
+// Reads a record to be added. ERROR_INVALID_PRINTER_NAME, ERROR_INVALID_PARAMETER.
 DWORD ReadPrinterRecord(const PRINTER_INFO_2A& record, Printer* printer);
 
-// Whether a printer may be called so.
+// True when a printer may have this name.
 bool IsPrinterName(std::string_view name);
 
-// Whether a printer of this name is another machine's.
+// True for the name of another machine's printer.
 bool IsConnection(std::string_view name);
 
-// A printer's key below the Printers key: its name with commas for backslashes.
+// A printer's key below the Printers key: its name with backslashes replaced by commas.
 std::string PrinterKeyName(std::string_view name);
 
-// As WriteRecords does. first: place of the first one in the queue, from 0.
+// Like WriteRecords. first: queue position of the first one, from 0.
 DWORD WriteJobRecords(std::span<const Job> jobs, size_t first, const std::string& printer, LPBYTE buffer, DWORD size,
                       LPDWORD needed);
 

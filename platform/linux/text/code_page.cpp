@@ -1,6 +1,6 @@
-// Builds and keeps the tables of code pages. They stand in a list that only grows: a thread that builds one links it in
-// with one exchange, and a table that another thread was quicker with is thrown away. Which code page is the ANSI one
-// is settled once for the process, on first need.
+// Builds and keeps the tables of code pages. State: a list of tables that only grows; a thread links its table with one
+// compare-and-exchange, and drops it when another thread was faster. The ANSI code page is determined once per process,
+// on first use.
 #include "text/code_page.h"
 
 #include <atomic>
@@ -27,24 +27,23 @@ struct Iconv {
     Iconv& operator=(const Iconv&) = delete;
 
     bool Open() const { return descriptor != reinterpret_cast<iconv_t>(-1); }
-    // Converts all of the input. The bytes that came out; 0 when it cannot, errno being EINVAL for an incomplete
-    // character.
+    // Converts the whole input. Returns the bytes written; 0 on failure, with errno EINVAL for an incomplete character.
     size_t Convert(const void* input, size_t inputSize, void* output, size_t outputSize) {
         iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
         errno = 0;
         char* in = const_cast<char*>(static_cast<const char*>(input));
         char* out = static_cast<char*>(output);
         size_t left = outputSize;
-        // A positive result counts characters that were exchanged for similar ones, which is not what a table is for.
+        // A positive result counts characters that were replaced by similar ones; a table must not have these.
         const size_t result = iconv(descriptor, &in, &inputSize, &out, &left);
         return result == 0 && inputSize == 0 ? outputSize - left : 0;
     }
 };
 
-// The host's byte order, without a mark.
+// Host byte order, without a byte order mark.
 constexpr const char* kUtf16 = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? "UTF-16LE" : "UTF-16BE";
 
-// 1252 and UTF-8 are there from the start, so that a process without gconv modules or memory has its code page.
+// 1252 and UTF-8 always exist, so that a process without gconv modules or memory has its code page.
 constexpr char16_t kWesternUpper[32] = {
     0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
     0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
@@ -92,7 +91,7 @@ char16_t DecodeBy(Iconv& decoder, const unsigned char* bytes, size_t size) {
     return decoder.Convert(bytes, size, characters, sizeof characters) == 2 ? characters[0] : kUndefined;
 }
 
-// False when the encoding is not one of single and double bytes: it has longer characters, or shift states.
+// False when the encoding has longer characters or shift states.
 bool FillFromIconv(CodePage& page, Iconv& decoder) {
     for (unsigned lead = 0; lead < 256; ++lead) {
         unsigned char bytes[2] = {static_cast<unsigned char>(lead), 0};
@@ -116,7 +115,7 @@ bool FillFromIconv(CodePage& page, Iconv& decoder) {
     return true;
 }
 
-// The way back. Where two codes stand for one character iconv says which is the usual one.
+// The reverse tables. Where two codes mean one character, iconv says which is the usual one.
 void AddCode(CodePage& page, char16_t character, uint16_t code, Iconv& encoder) {
     if (character == kUndefined) return;
     auto*& row = const_cast<uint16_t*&>(page.encode[character >> 8]);
@@ -199,7 +198,7 @@ DecodedChar DecodePair(const CodePage& page, const unsigned char* text, size_t s
     return {page.undefinedChar, 2, false};
 }
 
-// Unicode, table 3-7. An ill-formed sequence ends before the first byte that cannot go on with it.
+// Unicode, table 3-7. An ill-formed sequence ends before the first byte that cannot continue it.
 DecodedChar DecodeUtf8(const unsigned char* text, size_t size) {
     const unsigned char first = text[0];
     if (first < 0x80) return {first, 1, true};

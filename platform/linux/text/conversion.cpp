@@ -1,5 +1,5 @@
-// MultiByteToWideChar and WideCharToMultiByte. ASCII goes eight characters at a time; the rest by the tables of the
-// code page.
+// MultiByteToWideChar and WideCharToMultiByte. ASCII is converted eight characters at a time, the rest by the tables of
+// the code page. No state.
 #include "base/call.h"
 #include "text/code_page.h"
 
@@ -14,7 +14,7 @@
 namespace oriel {
 namespace {
 
-// Where the result goes: a buffer, or nowhere when only its size is asked for.
+// The output: a buffer, or none when only the size is asked for.
 template <typename Unit>
 struct Output {
     Unit* buffer;
@@ -34,7 +34,7 @@ struct Output {
     }
 };
 
-// Copies ASCII from the front of the source as far as it goes and fits; the number of characters.
+// Copies the leading ASCII of the source as far as it fits; returns the number of characters.
 template <typename From, typename To>
 size_t CopyAscii(const From* source, size_t size, Output<To>& output) {
     constexpr size_t kStep = 8;
@@ -57,7 +57,7 @@ size_t CopyAscii(const From* source, size_t size, Output<To>& output) {
     return done;
 }
 
-// The checks that both directions share. 0, or the error.
+// The checks of both directions. 0, or the error.
 DWORD CheckBuffers(const void* source, int sourceLength, size_t sourceUnit, const void* target, int targetLength,
                    size_t targetUnit) {
     if (source == nullptr || sourceLength == 0 || sourceLength < -1) return ERROR_INVALID_PARAMETER;

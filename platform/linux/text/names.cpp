@@ -1,4 +1,4 @@
-// Names and other text between the ANSI code page and UTF-8. Keeps nothing.
+// Text between the ANSI code page and UTF-8. No state.
 #include "text/names.h"
 
 #include "text/code_page.h"
@@ -15,9 +15,8 @@ bool IsAsciiLetter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// Walks text of one code page and appends it in another. replace(character) gives the character to append for
-// each one; 0 appends nothing more and makes the result false. One that the target does not have is handed back as
-// kReplacement.
+// Converts text of one code page to another. replace(character) returns the character to append; 0 ends the conversion
+// with result false. A character that the target lacks is passed to it again as kReplacement.
 template <typename Replace>
 bool Append(const CodePage& from, std::string_view text, const CodePage& to, std::string& result, Replace replace) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
@@ -84,7 +83,7 @@ bool IsAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-// The system's table of Unicode letters, whatever locale the host program set.
+// The system's table of Unicode letters, whatever locale the host program has set.
 wint_t UpperCase(char16_t character) {
     static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     if (unicode == nullptr || (character >= 0xd800 && character < 0xe000)) return character;
@@ -96,7 +95,7 @@ wint_t UpperCase(char16_t character) {
 
 std::string FoldName(std::string_view name) {
     if (IsAscii(name)) {
-        // Most names; and those that the code page itself is read by, which must not ask for the code page.
+        // Most names, including those through which the code page is determined, which must not ask for the code page.
         std::string folded(name);
         for (char& c : folded)
             if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');

@@ -1,9 +1,9 @@
-// lstrcmpA, lstrcmpiA and lstrlenA: the order of text.
+// lstrcmpA, lstrcmpiA and lstrlenA: the order of text. No state.
 //
-// An order by four things, each of which counts only where those before it are equal: base letters and other characters
-// without hyphens and apostrophes; accents; case (lower first); and last the bytes as they are, hyphens and apostrophes
-// behind all else. So identical text alone is equal, and a sorted list can be searched. Two ASCII texts are settled in
-// one pass over a table of weights; hyphens, apostrophes and other characters take the way by elements.
+// Four keys, each deciding only between texts that the earlier ones leave equal: base letters and other characters
+// without hyphens and apostrophes; accents; case (lower first); the bytes, with hyphens and apostrophes after
+// everything else. So only identical texts are equal, and sorted lists can be searched. Two ASCII texts are compared in
+// one pass over a table of weights; hyphens, apostrophes and other characters are compared by elements.
 #include "text/code_page.h"
 
 #include <winnls.h>
@@ -17,7 +17,7 @@ namespace {
 
 using std::string_view;
 
-// Weights by which characters of one kind stand together; each kind below begins where the one before it has ended.
+// Weights that keep characters of one kind together; each kind starts where the previous one ends.
 constexpr unsigned kControls = 1; // and the end of the text, 0
 constexpr unsigned kPunctuation = 0x30;
 constexpr unsigned kSymbols = 0x1000;     // + character
@@ -29,7 +29,7 @@ constexpr unsigned kMinor = 0x200100;     // + character: hyphens and apostrophe
 
 constexpr string_view kPunctuationOrder = " !\"#$%&()*,./:;?@[\\]^_`{|}~+<=>";
 
-// Base letters of U+00C0 to U+017F, Latin-1 and Latin Extended-A; "." where there is none.
+// Base letters of U+00C0 to U+017F, Latin-1 and Latin Extended-A; "." for none.
 constexpr string_view kBaseLetters =
     "AAAAAAACEEEEIIIIDNOOOOO.OUUUUYTsaaaaaaaceeeeiiiidnooooo.ouuuuyty"
     "AaAaAaCcCcCcCcDdDdEeEeEeEeEeGgGgGgGgHhHhIiIiIiIiIiIiJjKkkLlLlLlLlLlNnNnNnnNnOoOoOoOoRrRrRrSsSsSsSsTtTtTtUuUuUu"
@@ -38,7 +38,7 @@ constexpr char32_t kFirstAccented = 0xC0;
 constexpr char32_t kEndAccented = 0x180;
 static_assert(kBaseLetters.size() == kEndAccented - kFirstAccented);
 
-// The same for both cases of an accented letter: the number of the small one.
+// The same for both cases of an accented letter: the code of the small one.
 constexpr unsigned AccentOf(char32_t c) {
     if (c == 0x178) return 0xFF; // Y with diaeresis, whose small letter is in Latin-1
     if (c < 0x100) return c | 0x20;
@@ -79,7 +79,7 @@ constexpr AsciiElements kAsciiElements = [] {
     return table;
 }();
 
-// The other case of the scripts whose capitals stand in rows: Greek, Cyrillic, full-width Latin. 0 for no capital.
+// The small letter in scripts whose capitals are contiguous: Greek, Cyrillic, full-width Latin. 0: not a capital.
 constexpr char32_t LowerOf(char32_t c) {
     if (c >= 0x0391 && c <= 0x03AB) return c + 0x20;
     if (c >= 0x0410 && c <= 0x042F) return c + 0x20;
@@ -103,8 +103,8 @@ constexpr bool IsMinor(char c) {
     return c == '-' || c == '\'';
 }
 
-// What the one pass over two ASCII texts looks up: how many characters have a smaller base. Weight 0: this character
-// takes the other way.
+// The table of the single pass over two ASCII texts: how many characters have a smaller base. Weight 0: compare by
+// elements.
 struct AsciiTable {
     uint8_t weight[256]{};
 };
@@ -121,7 +121,7 @@ constexpr AsciiTable kAscii = [] {
 
 constexpr int kUndecided = 2;
 
-// -1, 0 or 1, or kUndecided when a character is in the way that the table does not settle.
+// -1, 0 or 1, or kUndecided at a character that the table does not cover.
 int CompareAscii(const unsigned char* a, const unsigned char* b, bool withCase) {
     int byCase = 0;
     for (;; ++a, ++b) {
@@ -137,7 +137,7 @@ int CompareAscii(const unsigned char* a, const unsigned char* b, bool withCase) 
 
 enum class Minor { kSkipped, kKept };
 
-// The elements of a text, one after the other, and an empty one at its end.
+// The elements of a text, one by one, with an empty one at the end.
 class Elements {
 public:
     Elements(string_view text, Minor minor) : m_text(text), m_minor(minor) {}
@@ -147,7 +147,7 @@ public:
             const auto* bytes = reinterpret_cast<const unsigned char*>(m_text.data()) + m_at;
             const DecodedChar next = DecodeChar(m_page, bytes, m_text.size() - m_at);
             m_at += next.length;
-            // An invalid byte stands for itself, behind all characters.
+            // An invalid byte is an element of its own, after all characters.
             if (!next.valid) return {kInvalid + bytes[0], next.length == 2 ? bytes[1] : 0U};
             const bool minor = next.character == U'-' || next.character == U'\'';
             if (!minor) return ElementOf(next.character);
@@ -187,7 +187,7 @@ ElementOrder CompareElements(string_view a, string_view b, Minor minor) {
     }
 }
 
-// The bytes as they are. No trail byte of a double-byte character is a hyphen or an apostrophe.
+// The bytes unchanged. No trail byte of a double-byte character is a hyphen or an apostrophe.
 int CompareBytes(string_view a, string_view b) {
     const auto rank = [](char c) { return static_cast<unsigned char>(c) + (IsMinor(c) ? 0x100U : 0U); };
     for (size_t i = 0; i < a.size() && i < b.size(); ++i)
