@@ -3,33 +3,22 @@
 #include "manager/manager_record.h"
 
 #include "manager/manager_database.h"
+#include "product/linked_list.h"
 
 #include <string.h>
 
 ManagerRecord* FindManager(TvsManager handle) {
-    for (ManagerRecord* manager = g_managerList; manager != nullptr; manager = manager->next)
-        if (HandleOf(manager) == handle) return manager;
-    return nullptr;
+    return FindInList(g_managerList, [&](const ManagerRecord& manager) { return HandleOf(&manager) == handle; });
 }
 
 void AppendManager(ManagerRecord* manager) {
     const ManagerLockHold lock;
-    ManagerRecord** link = &g_managerList;
-    while (*link != nullptr)
-        link = &(*link)->next;
-    manager->next = nullptr;
-    *link = manager;
+    AppendToList(&g_managerList, manager);
 }
 
 bool UnlinkManager(ManagerRecord* manager) {
     const ManagerLockHold lock;
-    for (ManagerRecord** link = &g_managerList; *link != nullptr; link = &(*link)->next) {
-        if (*link != manager) continue;
-        *link = manager->next;
-        manager->next = nullptr;
-        return true;
-    }
-    return false;
+    return TakeFromList(&g_managerList, [&](const ManagerRecord& other) { return &other == manager; }) != nullptr;
 }
 
 void ClassifyPlatform(ManagerRecord* manager) {

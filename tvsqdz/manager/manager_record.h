@@ -62,19 +62,6 @@ struct ManagerRecord {
     RetiredMutex* retiredMutexes GUARDED_BY(g_managerLock); // request mutexes of earlier database names
     std::atomic<DWORD> serviceLookedFor;                    // tick count of the last check for a new service
 };
-static_assert(offsetof(ManagerRecord, flags) == 0 && offsetof(ManagerRecord, clientKind) == 4 &&
-              offsetof(ManagerRecord, variableCount) == 8 && sizeof ManagerRecord::printerName == 260 &&
-              sizeof ManagerRecord::databaseName == 260 && sizeof ManagerRecord::masterDatabase == 4 &&
-              sizeof ManagerRecord::printerDatabase == 4 && sizeof ManagerRecord::lmFunction == 4);
-static_assert(sizeof(void*) != 4 ||
-              (offsetof(ManagerRecord, variableIndex) == 12 && offsetof(ManagerRecord, extraVariables) == 16 &&
-               offsetof(ManagerRecord, userName) == 20 && offsetof(ManagerRecord, printerIndex) == 24 &&
-               offsetof(ManagerRecord, ownerProcessId) == 28 && offsetof(ManagerRecord, printerName) == 32 &&
-               offsetof(ManagerRecord, databaseName) == 292 && offsetof(ManagerRecord, driverName) == 552 &&
-               offsetof(ManagerRecord, masterDatabase) == 556 && offsetof(ManagerRecord, printerDatabase) == 560 &&
-               offsetof(ManagerRecord, registrations) == 564 && offsetof(ManagerRecord, databaseMutex) == 568 &&
-               offsetof(ManagerRecord, requestMutex) == 572 && offsetof(ManagerRecord, lmFunction) == 576 &&
-               offsetof(ManagerRecord, next) == 580));
 
 // The open manager that the handle designates, or null. The handle is compared, never dereferenced.
 ManagerRecord* FindManager(TvsManager handle) REQUIRES(g_managerLock);

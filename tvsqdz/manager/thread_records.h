@@ -24,9 +24,6 @@ struct ThreadRecord {
     ThreadProc procedure;   // run by the thread, with the record as its parameter
     bool stoppedByItself;   // used by the thread only
 };
-static_assert(offsetof(ThreadRecord, next) == 0 && offsetof(ThreadRecord, threadId) == sizeof(void*) &&
-              offsetof(ThreadRecord, thread) == 2 * sizeof(void*) &&
-              offsetof(ThreadRecord, stopEvent) == 3 * sizeof(void*));
 
 // The record behind which a new one is appended; null for an empty list.
 ThreadRecord* FindLastRegistration(ThreadRecord* head);

@@ -41,10 +41,7 @@ struct NotificationRegistration {
     uint32_t entryCount;
     NotificationEntry entries[1]; // entryCount of them
 };
-static_assert(offsetof(NotificationRegistration, thread) == 0);
-static_assert(offsetof(NotificationEntry, mode) == 0 && offsetof(NotificationEntry, withoutValue) == 4 &&
-              offsetof(NotificationEntry, variableName) == 8 && offsetof(NotificationEntry, target) == 40 &&
-              offsetof(NotificationEntry, message) == 40 + sizeof(UINT_PTR));
+static_assert(offsetof(NotificationRegistration, thread) == 0); // a record of the list is cast to its registration
 
 constexpr uint64_t RegistrationSize(uint32_t entryCount) {
     return offsetof(NotificationRegistration, entries) + uint64_t{sizeof(NotificationEntry)} * entryCount;

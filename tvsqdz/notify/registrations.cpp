@@ -5,6 +5,7 @@
 #include "manager/variable_index.h"
 #include "manager/variables.h"
 #include "notify/caller_lists.h"
+#include "product/linked_list.h"
 
 #include <string.h>
 
@@ -27,14 +28,9 @@ bool Append(ManagerRecord* manager, ThreadRecord* record) {
 NotificationRegistration* TakeOut(ManagerRecord* manager, TvsRegistration handle) {
     const ManagerLockHold lock;
     if (FindManager(HandleOf(manager)) != manager) return nullptr;
-    for (ThreadRecord** link = &manager->registrations; *link != nullptr; link = &(*link)->next) {
-        ThreadRecord* record = *link;
-        if (RegistrationHandle(record) != handle) continue;
-        *link = record->next;
-        record->next = nullptr;
-        return reinterpret_cast<NotificationRegistration*>(record);
-    }
-    return nullptr;
+    ThreadRecord* record = TakeFromList(&manager->registrations,
+                                        [&](const ThreadRecord& each) { return RegistrationHandle(&each) == handle; });
+    return reinterpret_cast<NotificationRegistration*>(record);
 }
 
 void CancelDelegated(ManagerRecord* manager, const NotificationRegistration& registration) {
@@ -131,12 +127,6 @@ Status AddMessageRegistration(ManagerRecord* manager, const char* variableName, 
                               TvsRegistration* handle) {
     return AddRegistrationOfName(manager, variableName, DeliveryForm::Message,
                                  {reinterpret_cast<UINT_PTR>(window), message}, 0, handle);
-}
-
-Status AddCallbackRegistration(ManagerRecord* manager, const char* variableName, TvsCallback callback,
-                               uint32_t withoutValue, uint32_t index, TvsRegistration* handle) {
-    return AddRegistrationOfName(manager, variableName, DeliveryForm::Callback,
-                                 {reinterpret_cast<UINT_PTR>(callback), withoutValue}, index, handle);
 }
 
 Status KillRegistration(ManagerRecord* manager, TvsRegistration handle) {

@@ -31,10 +31,9 @@ Status AddRegistration(ManagerRecord* manager, const StatusVariableDef& variable
 // The same by name, in library memory; TVS_E_UNKNOWN when the manager does not have the variable.
 Status AddRegistrationOfName(ManagerRecord* manager, const char* variableName, DeliveryForm form,
                              const DeliveryTarget& target, uint32_t index, TvsRegistration* handle);
+
 Status AddMessageRegistration(ManagerRecord* manager, const char* variableName, HWND window, uint32_t message,
                               TvsRegistration* handle);
-Status AddCallbackRegistration(ManagerRecord* manager, const char* variableName, TvsCallback callback,
-                               uint32_t withoutValue, uint32_t index, TvsRegistration* handle);
 
 // Cancels a registration and those that it delegated to. Nothing is delivered any more on return; that takes at most
 // Timings.cancelWait each, since a callback may not return. Called from its own callback it returns at once, and the

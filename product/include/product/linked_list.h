@@ -1,0 +1,32 @@
+// Singly linked lists of records with a member `next`. No state, no memory of their own; the caller holds the lock.
+#pragma once
+
+// Appends the record, which is on no list.
+template <typename Record>
+void AppendToList(Record** head, Record* record) {
+    while (*head != nullptr)
+        head = &(*head)->next;
+    record->next = nullptr;
+    *head = record;
+}
+
+// Removes the first record for which matches(*record) is true, and returns it; null when there is none.
+template <typename Record, typename Matches>
+Record* TakeFromList(Record** head, Matches matches) {
+    for (; *head != nullptr; head = &(*head)->next) {
+        Record* record = *head;
+        if (!matches(*record)) continue;
+        *head = record->next;
+        record->next = nullptr;
+        return record;
+    }
+    return nullptr;
+}
+
+// The first record for which matches(*record) is true; null when there is none.
+template <typename Record, typename Matches>
+Record* FindInList(Record* head, Matches matches) {
+    while (head != nullptr && !matches(*head))
+        head = head->next;
+    return head;
+}
