@@ -1,4 +1,5 @@
-// The last error of each thread, and the last errors that stand for the errors of Linux calls.
+// The last error of each thread, and the Win32 error for each value of errno. State: the last error, one thread-local
+// word.
 #include "base/call.h"
 
 #include <cerrno>
@@ -6,7 +7,7 @@
 
 namespace {
 
-// Initial-exec: reached without a call, also from a thread that is being terminated.
+// Initial-exec: read and written without a call, so it also works in a thread that is being terminated.
 constinit thread_local DWORD t_lastError __attribute__((tls_model("initial-exec"))) = ERROR_SUCCESS;
 
 } // namespace
@@ -25,6 +26,7 @@ DWORD SystemError(int error) {
     switch (error) {
     case ENOENT:
         return ERROR_FILE_NOT_FOUND;
+    // A directory on the way is missing or wrong, not the file itself.
     case ENOTDIR:
     case ELOOP:
         return ERROR_PATH_NOT_FOUND;

@@ -1,5 +1,5 @@
-// The state and run directories, for the layer and for programs above it. State: the scope and the two names, found
-// once; whether each directory was seen to be there and safe; whether this process only looks.
+// The state and run directories. State: the scope and the two paths, found once; whether each directory was seen to be
+// safe; whether this process only looks.
 #include "base/directories.h"
 
 #include "base/call.h"
@@ -19,18 +19,21 @@
 namespace oriel {
 namespace {
 
+// RuntimeFolder makes them all together.
 constexpr const char* kRuntimeFolders[] = {"objects", "rpc", "services", "windows"};
 
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
 
-// Whether a directory can be relied on: nobody but its owner, who is this user or root, can exchange what is in it.
+// True when only the owner, who is this user or root, can replace what is in the directory. The sticky bit has the same
+// effect as no right to write: others may add entries, but not exchange those of the owner.
 bool IsTrusted(const struct stat& status) {
     if (!S_ISDIR(status.st_mode)) return false;
     if (status.st_uid != geteuid() && status.st_uid != 0) return false;
     return (status.st_mode & kOthersMayWrite) == 0 || (status.st_mode & S_ISVTX) != 0;
 }
 
-// Makes the directory if it is missing, with exactly this mode. True when it is there and can be relied on.
+// Makes the directory with exactly this mode, whatever the umask; an existing one keeps its mode. True when it exists
+// and can be trusted. The checks use a descriptor: nobody can exchange the directory between them.
 bool MakeDirectory(const std::string& path, mode_t mode) {
     const bool made = mkdir(path.c_str(), 0700) == 0;
     if (!made && errno != EEXIST) return false;
@@ -40,11 +43,13 @@ bool MakeDirectory(const std::string& path, mode_t mode) {
     return !made || fchmod(directory.Get(), mode) == 0;
 }
 
+// Errors are ignored: making the directory itself then fails.
 void MakeParents(const std::string& path) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
         mkdir(path.substr(0, slash).c_str(), 0755);
 }
 
+// A program that runs with more rights than its caller must not follow the environment of that caller.
 std::string Variable(const char* name) {
     const char* value = secure_getenv(name);
     return value != nullptr ? value : "";
@@ -53,8 +58,8 @@ std::string Variable(const char* name) {
 struct Directory {
     std::string path;
     mode_t mode = 0700;
-    bool named = false; // by a variable: a link is as good as what it leads to, since whoever set it chose that
-    std::atomic<bool> seen = false; // there and safe
+    bool named = false; // by a variable: links are followed, since whoever set the variable chose the target
+    std::atomic<bool> seen = false; // exists and is safe
 };
 
 struct Directories {
@@ -63,7 +68,7 @@ struct Directories {
     Directory runtime;
 };
 
-// What ChooseScope chose; Wrong: nothing.
+// Set by ChooseScope; Wrong while nobody has chosen.
 std::atomic<Scope> g_chosen = Scope::Wrong;
 std::atomic<bool> g_found = false;
 std::atomic<bool> g_onlyLooks = false;
@@ -73,6 +78,8 @@ constexpr const char* kSystemState = "/var/lib/oriel";
 constexpr const char* kSystemRuntime = "/run/oriel";
 constexpr const char* kInUseFile = "/in-use";
 
+// The fallback lies in a directory that everybody may write to, so its name has the user's number; IsTrusted refuses it
+// when another user made it first.
 std::string UsersDirectory(const char* variable, const char* underHome, const char* fallback) {
     std::string path = Variable(variable);
     const std::string home = Variable("HOME");
@@ -80,7 +87,7 @@ std::string UsersDirectory(const char* variable, const char* underHome, const ch
     return !path.empty() ? path + "/oriel" : fallback + std::to_string(geteuid());
 }
 
-// Record locks are asked for without being taken, so that looking disturbs nobody who takes one.
+// A process that looks only queries this lock (F_GETLK). It never takes it, so it cannot block the process that does.
 struct flock WholeFile() {
     struct flock lock {};
     lock.l_type = F_WRLCK;
@@ -88,6 +95,7 @@ struct flock WholeFile() {
     return lock;
 }
 
+// Whether a process has claimed the directories of this user.
 bool IsInUse(const std::string& runtime) {
     struct stat status {};
     if (lstat(runtime.c_str(), &status) != 0 || !IsTrusted(status)) return false;
@@ -118,7 +126,7 @@ void Choose(Directory& directory, const char* variable, Scope scope, const char*
 }
 
 Directories& Find() {
-    // Never destroyed: threads may outlive the end of main().
+    // Never destroyed: threads may outlive main().
     auto& found = *new Directories;
     const std::string users = UsersDirectory("XDG_RUNTIME_DIR", nullptr, "/tmp/oriel-");
     found.scope = FindScope(users);
@@ -135,6 +143,7 @@ Directories& Found() {
     return found;
 }
 
+// The empty path, for functions that return a reference.
 const std::string& Nothing() {
     static const std::string& nothing = *new std::string;
     return nothing;
@@ -142,7 +151,7 @@ const std::string& Nothing() {
 
 enum class Presence { Missing, Safe, Unsafe };
 
-// One that was safe once stays so: nobody else can exchange it.
+// A directory that was safe once stays safe: nobody else can replace it.
 Presence Look(Directory& directory) {
     if (directory.path.empty()) return Presence::Unsafe;
     if (directory.seen.load(std::memory_order_relaxed)) return Presence::Safe;
@@ -159,7 +168,7 @@ const std::string& IfThere(Directory& directory) {
     return Look(directory) == Presence::Safe ? directory.path : Nothing();
 }
 
-// A directory that was taken away since it was seen is made anew.
+// Makes a directory anew that was removed after it was seen.
 const std::string& Made(Directory& directory) {
     struct stat status {};
     if (directory.seen && stat(directory.path.c_str(), &status) != 0) directory.seen = false;
@@ -213,7 +222,7 @@ std::string FolderBelow(const std::string& directory, const char* name) {
     struct stat status {};
     if (directory.empty() || stat(directory.c_str(), &status) != 0) return "";
     std::string path = directory + "/" + name;
-    // Shared when other users get into the directory at all.
+    // Shared by all users when they can enter the directory.
     return MakeDirectory(path, (status.st_mode & S_IXOTH) != 0 ? 01777 : 0700) ? path : "";
 }
 
@@ -228,7 +237,7 @@ std::string RuntimeFolder(const char* name) {
         return !path.empty() && lstat(path.c_str(), &status) == 0 && IsTrusted(status) ? path : "";
     }
     const std::string& directory = Made(runtime);
-    // Whoever makes the first makes all: in root's directory no user could make one later.
+    // The first user makes all folders: in a directory of root, other users could not make one later.
     struct stat status {};
     if (!directory.empty() && lstat((directory + "/" + name).c_str(), &status) != 0) {
         for (const char* folder : kRuntimeFolders)
@@ -249,8 +258,10 @@ bool ClaimDirectories() {
     g_onlyLooks = false;
     if (MakeStateDirectory().empty() || RuntimeFolder(kRuntimeFolders[0]).empty()) return false;
     const Scope scope = TheScope();
+    // Child processes use the same scope.
     if (scope != Scope::Named) setenv(kScopeVariable, scope == Scope::System ? "system" : "user", 1);
-    // The lock goes with the process. One that cannot be had is another's who claims the same.
+    // The lock lasts until the process ends: its descriptor stays open. If the lock is taken, another process has
+    // claimed the same directories.
     const std::string path = RuntimeDirectory() + kInUseFile;
     Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     struct flock lock = WholeFile();

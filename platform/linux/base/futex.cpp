@@ -1,7 +1,7 @@
-// The futex system calls, with a bounded polling wait where the kernel cannot sleep on several words at once.
+// The futex system calls. Where the kernel cannot sleep on several words at once, a bounded poll replaces that.
 //
-// State: whether futex_waitv works, found out once. ORIEL_NO_FUTEX_WAITV=1 in the environment says that it does not,
-// which is how the other way is tested. The one instance of the time limits.
+// State: whether futex_waitv works, found once (ORIEL_NO_FUTEX_WAITV=1 in the environment turns it off, to test the
+// poll); the time limits of the process (timings.h).
 #include "base/futex.h"
 
 #include "base/timings.h"
@@ -18,8 +18,8 @@
 namespace oriel {
 namespace {
 
-// Without futex_waitv: how long a sleep on one word may overlook the second one (the sleeper's own, changed only by its
-// termination), and how long a sleep on many words may overlook all but the first.
+// Without futex_waitv a thread sleeps on the first word alone, and looks at the others after each slice. Of two words
+// the second is the sleeper's own, which changes only when the thread is terminated, so the slice may be long.
 constexpr int64_t kTwoWordSliceNs = 50 * kNsPerMs;
 constexpr int64_t kManyWordsSliceNs = 2 * kNsPerMs;
 
@@ -33,7 +33,8 @@ bool HaveWaitv() {
     if (forbidden != nullptr && *forbidden == '1') {
         have = kAbsent;
     } else {
-        // No words at all: EINVAL from a kernel that knows the call, ENOSYS or EPERM from one that has or allows none.
+        // Without words, the call fails with EINVAL if the kernel has it, with ENOSYS if not, with EPERM if a sandbox
+        // forbids it.
         syscall(SYS_futex_waitv, nullptr, 0, 0, nullptr, 0);
         have = errno == EINVAL ? kPresent : kAbsent;
     }
@@ -58,7 +59,7 @@ Awake Outcome(long result) {
     case EINTR:
         return Awake::Look;
     case ENOMEM: {
-        // The kernel has no memory for the list of words just now. Come back soon rather than fail a wait.
+        // The kernel has no memory for the list of words at the moment. To retry soon is better than to fail a wait.
         const timespec pause = ToTimespec(kNsPerMs);
         nanosleep(&pause, nullptr);
         return Awake::Look;
@@ -75,7 +76,7 @@ Awake SleepOnOne(const SleepPoint& point, int64_t deadline) {
 }
 
 bool ChangeAndWakeAll(Word& word, uint32_t operation, uint32_t operand, bool shared) {
-    // Wakes all who sleep on the first address; the comparison decides about the second one, of which none are to wake.
+    // FUTEX_WAKE_OP takes two addresses. Both are this word: it wakes all sleepers on the first and none on the second.
     return syscall(SYS_futex, &word, FUTEX_WAKE_OP | FutexFlags(shared), INT_MAX, 0L, &word,
                    FUTEX_OP(operation, operand, FUTEX_OP_CMP_EQ, 0)) >= 0;
 }
@@ -102,6 +103,7 @@ Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline) {
         const timespec end = ToTimespec(deadline);
         return Outcome(syscall(SYS_futex_waitv, words, count, 0, deadline == kNever ? nullptr : &end, CLOCK_MONOTONIC));
     }
+    // No futex_waitv. The end of a slice is reported as Look, so that the caller looks at all objects.
     for (uint32_t i = 1; i < count; ++i)
         if (points[i].word->load() != points[i].value) return Awake::Look;
     const int64_t slice = MonotonicNs() + (count == 2 ? kTwoWordSliceNs : kManyWordsSliceNs);

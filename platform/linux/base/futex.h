@@ -1,6 +1,7 @@
-// Sleeping on words of memory until they change, and waking who sleeps there.
+// Sleeps on 32-bit words of memory until they change, and wake-ups for the sleepers.
 //
-// A word in memory that other processes map is `shared`. Times are absolute, in nanoseconds of the monotonic clock.
+// `shared`: the word lies in memory that other processes map. Deadlines are absolute, in nanoseconds of
+// CLOCK_MONOTONIC. State: futex.cpp.
 #pragma once
 
 #include <atomic>
@@ -12,33 +13,36 @@ namespace oriel {
 using Word = std::atomic<uint32_t>;
 static_assert(sizeof(Word) == 4 && Word::is_always_lock_free);
 
+// The deadline of a sleep without time limit.
 constexpr int64_t kNever = INT64_MAX;
 constexpr int64_t kNsPerMs = 1'000'000;
 
 int64_t MonotonicNs();
-// The end of a wait as Win32 gives it: INFINITE is kNever.
+// The deadline of a Win32 time-out; kNever for INFINITE.
 int64_t DeadlineAfter(DWORD milliseconds);
 
-// One word to sleep on, and the value it has to have for the sleep to begin.
+// A word to sleep on. The sleep begins only if the word has this value.
 struct SleepPoint {
     Word* word;
     uint32_t value;
     bool shared;
 };
-constexpr uint32_t kMaxSleepPoints = 65; // 64 objects, and the sleeper's own word
+constexpr uint32_t kMaxSleepPoints = 65; // 64 objects and the state word of the thread
 
 enum class Awake {
-    Look,     // a word has changed, or a signal came, or a slice of a longer sleep is over: look again
-    TimedOut, // the deadline has passed
-    Failed,   // a word cannot be read any more
+    Look, // a word may have changed: look again. Also after a signal, or a slice of a longer sleep
+    TimedOut,
+    Failed, // a word cannot be read: its file was truncated
 };
+// Sleeps until one of the words changes, it is woken, or the deadline passes. At most kMaxSleepPoints points.
 Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline);
 
+// Wakes the threads that sleep on the word, without a change of it.
 void WakeAll(Word& word, bool shared);
-void WakeOne(Word& word); // private
+void WakeOne(Word& word); // one sleeper of a private word
 
-// Change and wake in one system call, so that no process can die between the two and leave a sleeper behind. False when
-// the word cannot be written.
+// Change the word and wake all sleepers in one system call: a process that dies cannot change the word without waking
+// them. False when the word cannot be written.
 bool OrAndWakeAll(Word& word, uint32_t bits, bool shared);
 bool AddAndWakeAll(Word& word, uint32_t amount, bool shared);
 

@@ -1,3 +1,4 @@
+// Where a thread stops for good, and the slow path of Lock. State: the thread-local variables of lock.h.
 #include "base/lock.h"
 
 #include <csignal>
@@ -12,6 +13,7 @@ constinit thread_local Word* t_terminationWord __attribute__((tls_model("initial
 
 namespace {
 
+// By direct system calls: ppoll() of the C library is a cancellation point.
 [[noreturn]] void StandStill() {
     for (;;)
         syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);
@@ -20,7 +22,7 @@ namespace {
 } // namespace
 
 void StopHereIfAsked() {
-    // No handler of the program's may run on a thread that is no more.
+    // A stopped thread must not run signal handlers of the program.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -30,11 +32,11 @@ void StopHereIfAsked() {
         WakeAll(*t_terminationWord, false);
         StandStill();
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr); // whoever asked has given up
+    pthread_sigmask(SIG_SETMASK, &before, nullptr); // the terminating thread has given up
 }
 
 bool Lock::AcquireContended(int64_t deadline) {
-    // Whoever had to wait once takes it as contended: there may be others asleep.
+    // A thread that had to wait takes the lock as contended: others may still sleep.
     while (m_word.exchange(kContended, std::memory_order_acquire) != 0) {
         const SleepPoint held{&m_word, kContended, false};
         if (SleepOn(&held, 1, deadline) == Awake::TimedOut) return false;

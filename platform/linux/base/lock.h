@@ -1,12 +1,12 @@
-// The layer's own locks, and what TerminateThread must not interrupt.
+// The locks of the layer, and protection against TerminateThread.
 //
-// A thread that TerminateThread stops in the middle of something leaves it as it is, for good: what it locked stays
-// locked. Inside the layer a thread is therefore stopped only where it holds nothing of the layer's. LockHold and
-// HandleUse (kernel/handles.h) see to that; other code that changes state shared by the process's threads puts a
-// TerminationHold around it. A TerminationHold must not be around a wait for another process, unless that wait asks
-// TerminationAsked() and comes back.
+// A thread that TerminateThread stops leaves everything as it is, for good: what it locked stays locked. Inside the
+// layer a thread is therefore stopped only where it holds nothing of the layer. LockHold and HandleUse
+// (kernel/handles.h) take care of that; other code that changes state shared by threads uses a TerminationHold. A
+// TerminationHold must not enclose a wait for another process, unless that wait polls TerminationAsked() and returns.
 //
-// State: a thread's count of holds and the address of its state word; the word is in its record (kernel/thread.h).
+// State: per thread, the count of holds and the address of its state word; the word itself is in the record of the
+// thread (kernel/thread.h).
 #pragma once
 
 #include "base/futex.h"
@@ -15,23 +15,26 @@
 
 namespace oriel {
 
-// The calling thread's holds; its word, null until the thread has a record (kernel/thread.h), is kTerminationAsked once
-// another thread wants to stop it. Initial-exec: a signal handler reads them.
+// The calling thread: how many holds it has, and its state word; null until the thread has a record. Initial-exec: a
+// signal handler reads them.
 extern constinit thread_local uint32_t t_terminationHolds __attribute__((tls_model("initial-exec")));
 extern constinit thread_local Word* t_terminationWord __attribute__((tls_model("initial-exec")));
 
+// Values of the state word.
 constexpr uint32_t kRunning = 0;
-constexpr uint32_t kTerminationAsked = 1;
-constexpr uint32_t kStopped = 2; // it stands still for good
+constexpr uint32_t kTerminationAsked = 1; // another thread wants to stop this one
+constexpr uint32_t kStopped = 2;          // it has stopped for good
 
-// True: give up what can be given up, and return.
+// True when another thread wants to stop this one: a wait should end and return.
 inline bool TerminationAsked() {
     return t_terminationWord != nullptr && t_terminationWord->load(std::memory_order_relaxed) == kTerminationAsked;
 }
 
-// Stops the calling thread for good if that was asked.
+// Stops the calling thread for good if another thread wants that; else returns.
 void StopHereIfAsked();
 
+// While one exists, TerminateThread does not stop the calling thread; at the end of the outermost one it does. Holds
+// nest. The fences keep the compiler from moving code across the count, which a signal handler reads.
 struct TerminationHold {
     TerminationHold() {
         ++t_terminationHolds;
@@ -45,8 +48,9 @@ struct TerminationHold {
     TerminationHold& operator=(const TerminationHold&) = delete;
 };
 
-// One word, never held across a wait for another process. Constant-initialised and without a destructor, so that a Lock
-// works before main() and after it.
+// A lock within the process: one futex word (0 free, 1 locked, kContended locked with sleepers). Not recursive, and
+// never held across a wait for another process. Constant-initialised and without a destructor, so it works before and
+// after main().
 class ORIEL_LOCK_CHECK(capability("lock")) Lock {
 public:
     constexpr Lock() = default;
@@ -54,7 +58,7 @@ public:
     Lock& operator=(const Lock&) = delete;
 
     void Acquire() ORIEL_LOCK_CHECK(acquire_capability()) { AcquireUntil(kNever); }
-    // False when the deadline passed.
+    // False when the deadline passed: the lock is not held.
     bool AcquireUntil(int64_t deadline) ORIEL_LOCK_CHECK(try_acquire_capability(true)) {
         uint32_t free = 0;
         return m_word.compare_exchange_strong(free, 1, std::memory_order_acquire) || AcquireContended(deadline);
@@ -62,7 +66,7 @@ public:
     void Release() ORIEL_LOCK_CHECK(release_capability()) {
         if (m_word.exchange(0, std::memory_order_release) == kContended) WakeOne(m_word);
     }
-    // In a fork child, where no other thread is left: whoever held it is gone.
+    // In a fork child: whichever thread held the lock is gone.
     void ForgetOwner() { m_word.store(0); }
 
 private:
@@ -72,6 +76,7 @@ private:
     Word m_word{0};
 };
 
+// Holds a lock for the life of the guard. The thread cannot be stopped in that time.
 class ORIEL_LOCK_CHECK(scoped_lockable) LockHold {
 public:
     explicit LockHold(Lock& lock) ORIEL_LOCK_CHECK(acquire_capability(lock)) : m_lock(lock) { m_lock.Acquire(); }
@@ -80,11 +85,11 @@ public:
     LockHold& operator=(const LockHold&) = delete;
 
 private:
-    TerminationHold m_hold; // before the lock is taken, until after it is released
+    TerminationHold m_hold; // outlives the lock
     Lock& m_lock;
 };
 
-// For fork hooks, which take a lock in one function and release it in another.
+// For fork steps (steps.h), which take a lock in one function and release it in another.
 template <Lock& lock>
 void TakeForFork() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     lock.Acquire();

@@ -6,6 +6,7 @@
 namespace oriel {
 namespace {
 
+// In the order in which these locks are taken everywhere else: any other order could deadlock.
 constexpr const ForkSteps* kForkSteps[] = {
     &kServiceFork,   &kStoresFork,    &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,
     &kRpcClientFork, &kRpcServerFork, &kRpcInterfacesFork,    &kRpcGroupsFork,     &kNamesFork,

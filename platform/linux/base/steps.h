@@ -1,22 +1,26 @@
-// What the folders above do when the process forks, and when a thread has been stopped: each declares its steps here
-// and defines them where its state is.
+// What the folders do when the process forks, and when a thread has been stopped. A folder declares its steps here and
+// defines them next to its state.
 //
-// A fork child starts with no handle of the layer's, owns no mutex and keeps none of its parent's objects alive. It may
-// use the layer afresh. This holds for fork(), whose hooks take these steps; a bare clone system call takes none, and
-// its child may only exec or exit.
+// A fork child starts with no handles of the layer, owns no mutex and keeps none of its parent's objects alive. It may
+// use the layer afresh. This holds for fork(), whose hooks run these steps. A bare clone system call runs none; its
+// child may only exec or exit.
+//
+// State: steps.cpp.
 #pragma once
 
 #include <windef.h>
 
 namespace oriel {
 
+// before and inParent may be null together.
 struct ForkSteps {
-    void (*before)(); // makes what it guards whole and keeps it so: takes the locks
-    void (*inParent)();
-    void (*inChild)(); // alone, with the locks of `before` held; closes what is not the child's, allocates nothing
+    void (*before)();   // takes the locks, so that the state is whole in the child
+    void (*inParent)(); // releases them
+    // The child has one thread, and still the locks. Closes what is the parent's, frees the locks, allocates nothing.
+    void (*inChild)();
 };
 
-// In the order of the locks.
+// In lock order.
 extern const ForkSteps kServiceFork;
 extern const ForkSteps kStoresFork;
 extern const ForkSteps kEventDescriptorsFork;
@@ -34,11 +38,11 @@ extern const ForkSteps kImpersonationFork;
 extern const ForkSteps kHandlesFork;
 extern const ForkSteps kThreadFork;
 
-// Installs the hooks, once. Whatever makes the first thing that a child must not inherit calls it.
+// Installs the hooks; later calls do nothing. Call it before the first change of state that a child must not inherit.
 void WatchForFork();
 
-// For a thread that TerminateThread has stopped for good, on the thread that stopped it: gives up what the stopped one
-// would have given up at its end.
+// Runs on the thread that called TerminateThread, after the other has stopped for good: releases what the stopped
+// thread would have released at its end.
 using StoppedThreadStep = void(DWORD threadId);
 extern StoppedThreadStep DropWindowsOfStoppedThread;
 

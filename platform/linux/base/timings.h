@@ -1,5 +1,5 @@
-// Every time limit of the layer that somebody may have to wait out, in milliseconds. Tests shorten those of their own
-// process; nothing else changes them, and no file or variable of the environment can.
+// Every time limit of the layer that somebody may have to wait for, in milliseconds. Only tests change them, in their
+// own process; no file or environment variable does. State: the one instance (futex.cpp).
 #pragma once
 
 #include <cstdint>
@@ -7,21 +7,21 @@
 namespace oriel {
 
 struct Timings {
-    // For the lock of the objects' folder, which is held for some 20 us at a time unless its holder has been stopped.
+    // The lock of the objects' folder. It is held for some 20 us at a time, unless its holder was stopped.
     uint32_t namesLock = 5000;
-    // For a thread that is terminated to get out of the layer or into its signal handler. Microseconds, unless the
-    // machine is badly loaded.
+    // Until a terminated thread has left the layer or entered its signal handler. Microseconds, unless the machine is
+    // overloaded.
     uint32_t threadStop = 2000;
-    // Between two looks of a thread that waits for a named mutex: nobody rings for an owner that was killed.
+    // Between two attempts to get a named mutex: a killed owner wakes nobody.
     uint32_t mutexSlice = 50;
-    // For the registry, while another process writes.
+    // While another process writes to the registry.
     uint32_t registryBusy = 5000;
-    // RPC: to be accepted, and to be answered a bind; from the first byte of a message to its last; for a peer that
-    // takes nothing of what is sent.
+    // RPC: until a connection is accepted or a bind is answered; from the first to the last byte of a message; for a
+    // peer that does not read.
     uint32_t rpcConnect = 5000;
     uint32_t rpcMessage = 10000;
     uint32_t rpcSend = 30000;
-    // For a call to the print server: two seconds in all, the rest being for what is around the server's answers.
+    // For a call to the print server. Two seconds are allowed in all; the rest is for the work around the answers.
     uint32_t printServerCall = 1800;
 };
 
