@@ -1,10 +1,11 @@
-// Makes a shared object a library of the platform: its DllMain is told when it is loaded and when it is unloaded.
+// Makes a shared object a library of the platform: calls its DllMain when it is loaded and when it is unloaded. State:
+// the instance, and the process in which the library is attached.
 //
-// A library compiles this file in. What its DllMain uses of the library's own variables must be constant-initialised:
-// there is no order between this constructor and theirs.
+// A library compiles this file in. Variables of the library that its DllMain uses must be constant-initialised: their
+// constructors have no fixed order with the one here.
 //
-// The dynamic loader has no load that fails here. An attach that returns FALSE is followed by its detach, as the loader
-// of Windows does it, and leaves a library that is there but that must refuse all of its calls by itself.
+// A load cannot fail here, unlike on Windows. After an attach that returns FALSE, DllMain gets the detach, as on
+// Windows, but the library stays loaded and must refuse its calls by itself.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -16,11 +17,10 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
 namespace {
 
 HINSTANCE g_instance;
-// The process that has it attached, 0 for none. A fork child has not: what its parent did at the attach is not its to
-// undo.
+// The process in which it is attached, 0 for none. A fork child is not: it must not undo what its parent did.
 pid_t g_attachedIn;
 
-// As on Windows, a library's instance is the address that it is loaded at.
+// As on Windows, the instance is the address at which the library is loaded.
 HINSTANCE Instance() {
     Dl_info info{};
     return dladdr(reinterpret_cast<void*>(&DllMain), &info) != 0 ? info.dli_fbase : nullptr;

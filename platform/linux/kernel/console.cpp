@@ -1,11 +1,11 @@
-// The console: SIGINT and SIGTERM as console events, and the standard streams, whose handles are the numbers by which
-// they are asked for.
+// The console: SIGINT and SIGTERM as console events, and the standard streams, whose handles are the numbers that name
+// them (STD_INPUT_HANDLE and so on).
 //
-// The signal handler writes one byte to a pipe; a thread reads it and runs the handlers, so that they may do what they
-// like.
+// The signal handler only writes a byte to a pipe. A thread reads it and runs the handlers, so a handler may call
+// anything.
 //
-// State: the handlers, the pipe and the thread, made with the first handler and kept; the dispositions that the signals
-// had before, restored with the removal of the last handler.
+// State: the handlers, the pipe and the thread, made with the first handler and kept; the earlier signal dispositions,
+// restored when the last handler is removed.
 #include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
@@ -38,7 +38,7 @@ std::atomic<int> g_writing{-1};
 void OnSignal(int number) {
     const int error = errno;
     const auto byte = static_cast<unsigned char>(number);
-    // A full pipe loses the signal, behind thousands that wait.
+    // A full pipe loses the signal, but then thousands are pending.
     [[maybe_unused]] const ssize_t written = write(g_writing.load(), &byte, 1);
     errno = error;
 }
@@ -57,7 +57,7 @@ void TakeSignalsBack() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
     sigaction(SIGTERM, &g_terminateBefore, nullptr);
 }
 
-// As if no handler had been there: what the signal did before it got its handler, and otherwise the end of the process.
+// Does what the signal did before the first handler was added; by default that ends the process.
 void EndBySignal(int number) {
     {
         LockHold hold(g_consoleLock);
@@ -79,8 +79,9 @@ void RunHandlers(int number) {
         for (; count < g_handlerCount; ++count)
             handlers[count] = g_handlers[count];
     }
-    if (count == 0) return; // they were removed in the meantime
+    if (count == 0) return; // removed in the meantime
     const DWORD event = number == SIGINT ? CTRL_C_EVENT : CTRL_BREAK_EVENT;
+    // The handler that was added last runs first. The first one that returns TRUE is the last to run.
     while (count > 0)
         if (handlers[--count](event)) return;
     EndBySignal(number);
@@ -89,7 +90,7 @@ void RunHandlers(int number) {
 void* ReadSignals(void*) {
     int reading = -1;
     {
-        LockHold hold(g_consoleLock); // until the pipe is in place
+        LockHold hold(g_consoleLock); // waits until the pipe is ready
         reading = g_reading;
     }
     for (;;) {
@@ -100,14 +101,14 @@ void* ReadSignals(void*) {
     }
 }
 
-// ERROR_SUCCESS, or why there can be no events.
+// ERROR_SUCCESS, or why no events can come.
 DWORD StartReading() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
     if (g_reading >= 0) return ERROR_SUCCESS;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return SystemError(errno);
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
     WatchForFork();
-    // Handlers are the program's: they get a stack of the usual size.
+    // Handlers belong to the program and get a stack of the usual size.
     const int error = StartThread(0, ReadSignals, nullptr);
     if (error != 0) {
         close(ends[0]);
@@ -119,7 +120,7 @@ DWORD StartReading() ORIEL_LOCK_CHECK(requires_capability(g_consoleLock)) {
     return ERROR_SUCCESS;
 }
 
-// The handlers are the parent's: the child has the dispositions that were there before.
+// The handlers belong to the parent. The child gets back the earlier dispositions.
 void ForgetConsole() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_consoleLock.ForgetOwner();
     if (g_handlerCount != 0) TakeSignalsBack();
@@ -159,7 +160,7 @@ const ForkSteps kConsoleFork{TakeForFork<g_consoleLock>, ReleaseAfterFork<g_cons
 
 namespace {
 
-// STDIN_FILENO and its two neighbours count up, STD_INPUT_HANDLE and its count down.
+// Both are consecutive: STDIN_FILENO and the next two count up, STD_INPUT_HANDLE and the next two count down.
 int DescriptorOf(DWORD stdHandle) {
     const DWORD descriptor = STD_INPUT_HANDLE - stdHandle;
     return descriptor <= STDERR_FILENO ? static_cast<int>(descriptor) : -1;

@@ -1,5 +1,4 @@
-// Critical sections. A section's whole state is in its record: LockWord is 0 free, 1 locked, 2 locked with threads
-// asleep.
+// Critical sections. State: all of it in the section's record. LockWord is 0 free, 1 locked, 2 locked with sleepers.
 #include "base/lock.h"
 
 #include <processthreadsapi.h>
@@ -16,7 +15,7 @@ static_assert(sizeof(Word) == sizeof(LONG) && alignof(Word) == alignof(LONG));
 Word& LockWord(LPCRITICAL_SECTION section) {
     return *reinterpret_cast<Word*>(&section->LockWord);
 }
-// Others read it while the owner writes it; it equals a thread's number only when that thread wrote it.
+// Other threads may read it while the owner writes it. It equals a thread's number only if that thread wrote it.
 Word& Owner(LPCRITICAL_SECTION section) {
     return *reinterpret_cast<Word*>(&section->OwningThread);
 }
@@ -60,11 +59,12 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no
     while (word.exchange(kContended, std::memory_order_acquire) != kFree) {
         SleepPoint points[2] = {{&word, kContended, false}};
         uint32_t count = 1;
+        // A thread in its outermost call of the layer can be terminated while it waits.
         if (t_terminationWord != nullptr && t_terminationHolds == 1)
             points[count++] = {t_terminationWord, kRunning, false};
         SleepOn(points, count, kNever);
         if (count == 2 && TerminationAsked()) {
-            // The wake-up for one may have been spent on this thread, which is about to stop here.
+            // This thread may have used up the wake-up for one sleeper, and is about to stop: pass it on.
             WakeOne(word);
             StopHereIfAsked();
         }
@@ -73,9 +73,9 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no
 }
 
 void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    if (Owner(section).load(std::memory_order_relaxed) != GetCurrentThreadId()) return; // it is another's, or nobody's
+    if (Owner(section).load(std::memory_order_relaxed) != GetCurrentThreadId()) return; // another thread's, or nobody's
     if (--section->RecursionCount != 0) return;
-    TerminationHold hold; // between the unlocking and the waking
+    TerminationHold hold; // from unlocking to waking
     Owner(section).store(0, std::memory_order_relaxed);
     if (LockWord(section).exchange(kFree, std::memory_order_release) == kContended) WakeOne(LockWord(section));
 }

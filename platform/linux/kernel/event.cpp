@@ -1,15 +1,15 @@
-// Events.
+// Events: CreateEventA, OpenEventA, SetEvent, ResetEvent, PulseEvent. State: the word in the head of each event
+// (named_object.h).
 //
-// The word of a manual-reset event counts: odd is set, even is not. A waiter remembers the word as it found it, unset;
-// from there only a set or a pulse can move it, so that any change means that the waiter is through, also when a reset
-// has followed already.
+// Manual reset: the word is a counter, odd while the event is set. A waiter remembers the even value that it found.
+// Only a set or a pulse changes an even value, so any change releases the waiter, even if a reset has followed.
 //
-// The word of an automatic one holds two counters of 16 bits: below, the same, where both a reset and a waiter's taking
-// move it from odd to even; above, how many have been taken. A waiter that finds more sets than takings since its wait
-// began is through even if a reset has followed.
+// Automatic reset: the word holds two counters of 16 bits. The lower one is odd while the event is set; a reset, or a
+// waiter that takes the event, makes it even again. The upper one counts how often the event was taken. A waiter that
+// finds more sets than takings since its wait began is released, even if a reset has followed.
 //
-// Setting is one system call that changes the word and wakes all sleepers: a process that is killed cannot have set an
-// event and not woken them.
+// A set changes the word and wakes all sleepers in one system call, so a killed process cannot set an event and leave
+// its waiters asleep.
 #include "base/call.h"
 #include "kernel/named_object.h"
 
@@ -40,12 +40,12 @@ Grab GrabManual(NamedObject& event, WaitPoint& point) {
     return Grab::Busy;
 }
 
-// The word with its lower half moved from odd to even.
+// Makes the lower counter even; the upper one stays.
 uint32_t Cleared(uint32_t word) {
     return (word & ~kLowHalf) | ((word + 1) & kLowHalf);
 }
 
-// How many sets have begun, and how many were taken, less what it was at `first`; both modulo 2^15.
+// Sets minus takings since the word was `first`, modulo 2^15, with sign.
 int32_t NotTaken(uint32_t first, uint32_t now) {
     const auto sets = [](uint32_t word) { return ((word & kLowHalf) + 1) >> 1; };
     const uint32_t difference = (sets(now) - sets(first)) - ((now >> 16) - (first >> 16));
@@ -58,7 +58,7 @@ Grab GrabAutomatic(NamedObject& event, WaitPoint& point) {
         const int32_t notTaken = point.begun ? NotTaken(point.first, now) : 0;
         const bool set = (now & kSet) != 0;
         if (!set && notTaken < 1) break;
-        // With two to choose from, the earlier one, which a reset has hidden from those who came later.
+        // Of two sets, take the earlier one: a reset hides it from all later waiters. The event stays set for them.
         const uint32_t next = (set && notTaken < 2 ? Cleared(now) : now) + kOneTaken;
         if (event.head->word.compare_exchange_weak(now, next, std::memory_order_acq_rel)) return Grab::Got;
     }
@@ -86,7 +86,7 @@ NamedObject* MakeEvent() {
     return new (std::nothrow) NamedObject{{&kEventType}};
 }
 
-// The event goes back to unset; what it was before.
+// Resets the event. True when it was set.
 bool Clear(NamedObject& event) {
     Word& word = event.head->word;
     const bool manual = event.kind == ObjectKind::ManualEvent;
@@ -98,7 +98,7 @@ bool Clear(NamedObject& event) {
 }
 
 BOOL Written(bool written) {
-    if (!written) SetLastError(ERROR_NOACCESS); // the file has been cut short
+    if (!written) SetLastError(ERROR_NOACCESS); // another process truncated the file
     return written ? TRUE : FALSE;
 }
 
@@ -126,6 +126,7 @@ HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name) {
     TerminationHold hold;
     if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
     bool existed = false;
+    // Either kind of reset: the file says which one it is.
     NamedObject* event =
         OpenNamed({.type = &kEventType, .kind = ObjectKind::ManualEvent, .name = name, .make = MakeEvent}, existed);
     return HandleWithRights(event, access, kEventRights);
@@ -134,8 +135,8 @@ HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name) {
 BOOL WINAPI SetEvent(HANDLE handle) {
     HandleUse<NamedObject> event(handle, kEventType, EVENT_MODIFY_STATE);
     if (!event) return FALSE;
-    // A change by nothing, rather than a look: it puts what the caller wrote before in front of the reset of whoever
-    // finds the event set by this call.
+    // An addition of 0 instead of a load: it orders the caller's earlier writes before the reset of a thread that finds
+    // the event set by this call.
     if ((event->head->word.fetch_add(0, std::memory_order_acq_rel) & kSet) != 0) return TRUE;
     return Written(OrAndWakeAll(event->head->word, kSet, event->named));
 }
@@ -151,7 +152,8 @@ BOOL WINAPI PulseEvent(HANDLE handle) {
     HandleUse<NamedObject> event(handle, kEventType, EVENT_MODIFY_STATE);
     if (!event) return FALSE;
     if (event->kind != ObjectKind::ManualEvent) return Fail(ERROR_NOT_SUPPORTED);
-    // While it is set nobody waits for it. A set that comes in between stays: it came after the pulse.
+    // Nobody waits for a set event, so a pulse only resets it. Otherwise the word moves to the next even value, which
+    // releases the waiters. A set that comes in between stays: it came after the pulse.
     event->head->word.fetch_add(0, std::memory_order_acq_rel);
     if (Clear(*event.Get())) return TRUE;
     return Written(AddAndWakeAll(event->head->word, 2, event->named));

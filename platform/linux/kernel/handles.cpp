@@ -1,8 +1,9 @@
 // The handle table, CloseHandle and the pseudo handles.
 //
-// State: slots in blocks that are never freed, found without a lock. A handle's value is its slot's number and
-// generation: bits 2 to 17 number (from 1), bits 18 to 30 generation. A slot's word counts who uses it (pins); the
-// object's reference is given up when the handle is closed and the last pin is gone, whichever comes last.
+// State: slots in blocks that are never freed, so they are found without a lock. A handle is the number of its slot
+// (bits 2 to 17, from 1) and a generation (bits 18 to 30), which rejects handles that were closed. The word of a slot
+// counts its users (pins). The table's reference to the object is released when the handle is closed and the last pin
+// is gone.
 #include "kernel/handles.h"
 
 #include "base/call.h"
@@ -24,7 +25,7 @@ constexpr uint32_t kSlots = 1U << kSlotBits;
 constexpr uint32_t kBlockSlots = 1U << kBlockBits;
 constexpr uint32_t kGenerationMask = 0x1FFF;
 
-// Word of a slot: pins in the low half, then whether the handle is open, then the generation.
+// The word of a slot: pins in the low half, then whether the handle is open, then the generation.
 constexpr uint64_t kPin = 1;
 constexpr uint64_t kPinMask = 0xFFFFFFFF;
 constexpr uint64_t kOpen = uint64_t{1} << 32;
@@ -39,10 +40,10 @@ struct Slot {
 
 std::atomic<Slot*> g_blocks[kSlots / kBlockSlots];
 constinit Lock g_tableLock;
-// Oldest first, so that a value that was closed is long not seen again. 0 ends the list.
+// The list of free slots, oldest first, so that a closed value comes back late. 0 ends the list.
 uint32_t g_firstFree ORIEL_LOCK_CHECK(guarded_by(g_tableLock)) = 0;
 uint32_t g_lastFree ORIEL_LOCK_CHECK(guarded_by(g_tableLock)) = 0;
-uint32_t g_slotCount ORIEL_LOCK_CHECK(guarded_by(g_tableLock)) = 1; // number 0 is never given out
+uint32_t g_slotCount ORIEL_LOCK_CHECK(guarded_by(g_tableLock)) = 1; // 0 is not a slot
 
 Slot* SlotAt(uint32_t number) {
     Slot* block = g_blocks[number >> kBlockBits].load(std::memory_order_acquire);
@@ -54,7 +55,7 @@ HANDLE ToHandle(uint32_t number, uint64_t word) {
     return std::bit_cast<HANDLE>(uintptr_t{generation << (kSlotBits + 2) | number << 2});
 }
 
-// The slot that a handle names, and the generation that it must have. Null for a value that no handle can have.
+// The slot of a handle, and the generation that it must have. Null for a value that cannot be a handle.
 Slot* SlotOf(HANDLE handle, uint64_t& generation, uint32_t& number) {
     const auto value = reinterpret_cast<uintptr_t>(handle);
     if (value > 0x7FFFFFFF) return nullptr;
@@ -63,9 +64,9 @@ Slot* SlotOf(HANDLE handle, uint64_t& generation, uint32_t& number) {
     return number != 0 ? SlotAt(number) : nullptr;
 }
 
-// 0 when all are in use, or memory is.
+// 0 with the error when all slots are in use or memory is lacking.
 uint32_t TakeFreeSlot(DWORD& error) ORIEL_LOCK_CHECK(requires_capability(g_tableLock)) {
-    // Fresh slots while the free ones are few: a closed value then stays unknown for a while.
+    // New slots first, up to kReserve of them: a closed value then stays unknown for longer.
     constexpr uint32_t kReserve = 64;
     if (g_slotCount < kReserve || g_firstFree == 0) {
         if (g_slotCount < kSlots) {
@@ -93,7 +94,7 @@ uint32_t TakeFreeSlot(DWORD& error) ORIEL_LOCK_CHECK(requires_capability(g_table
     return number;
 }
 
-// The handle is closed and nobody uses it any more.
+// For a closed handle without pins: frees its slot and releases the object.
 void Retire(uint32_t number, Slot& slot) {
     Object* object = slot.object;
     {
@@ -108,6 +109,7 @@ void Retire(uint32_t number, Slot& slot) {
             g_firstFree = number;
         g_lastFree = number;
     }
+    // Without the table lock: the drop of an object may close other handles.
     DropReference(object);
 }
 
@@ -138,6 +140,7 @@ HandlePin PinHandle(HANDLE handle) {
     HandlePin pin;
     Slot* slot = SlotOf(handle, generation, pin.slot);
     if (slot == nullptr) return {};
+    // One atomic operation checks the generation and adds the pin: the slot cannot be reused in between.
     uint64_t word = slot->word.load(std::memory_order_relaxed);
     do {
         if (word >> kGenerationShift != generation || (word & kOpen) == 0) return {};
@@ -165,8 +168,8 @@ bool CheckPin(const HandlePin& pin, const ObjectType& type, DWORD access) {
 
 namespace {
 
-// The child keeps the memory of its parent's objects, which threads that it does not have may have been using, and
-// nothing else of them.
+// The child keeps the memory of its parent's objects and nothing else of them: threads that do not exist in the child
+// may have been using them.
 void ForgetHandles() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_tableLock.ForgetOwner();
     g_firstFree = 0;
@@ -174,7 +177,7 @@ void ForgetHandles() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     for (uint32_t number = 1; number < g_slotCount; ++number) {
         Slot& slot = *SlotAt(number);
         const uint64_t word = slot.word.load();
-        // The generation moves on, so that a handle of the parent is none of the child's.
+        // A new generation, so that handles of the parent are invalid in the child.
         slot.object = nullptr;
         slot.word.store((((word >> kGenerationShift) + 1) & kGenerationMask) << kGenerationShift);
         slot.nextFree = 0;

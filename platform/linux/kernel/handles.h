@@ -1,10 +1,10 @@
-// Handles: small numbers that stand for objects of this process.
+// Handles: small numbers for the objects of this process. State: the handle table (handles.cpp).
 //
-// Other folders add kinds of objects of their own: derive a record from Object, write an ObjectType for it, and give
-// objects out with NewHandle. CloseHandle then works for them.
+// Other folders add kinds of objects: derive a record from Object, write an ObjectType for it, and call NewHandle.
+// CloseHandle then works for it.
 //
 //     struct FileObject : Object { int descriptor; };
-//     void DropFile(Object* object) {                       // one reference is given up
+//     void DropFile(Object* object) {                       // releases one reference
 //         if (!LastReference(object)) return;
 //         close(static_cast<FileObject*>(object)->descriptor);
 //         delete static_cast<FileObject*>(object);
@@ -26,32 +26,34 @@ namespace oriel {
 
 struct Object;
 
-// What a waiter keeps of one object while it waits.
+// What a wait remembers of one object.
 struct WaitPoint {
     Word* word = nullptr; // sleep on it while it has this value
     uint32_t value = 0;
     bool shared = false;
-    bool begun = false;   // `first` is the word's value when the wait began
-    uint32_t first = 0;   //
-    uint32_t sliceMs = 0; // look again after so long even if nobody wakes us; 0: no need to
+    bool begun = false;   // `first` is set
+    uint32_t first = 0;   // the word when the wait began
+    uint32_t sliceMs = 0; // if not 0, look again after this time even without a wake-up
 };
+// Busy: keep waiting. Abandoned: got, from an owner that died. LimitReached: a mutex that is owned too often.
 enum class Grab { Busy, Got, Abandoned, LimitReached, Failed };
 
-// One for each kind of object; the address is the kind's identity.
+// A kind of object. Its address identifies the kind.
 struct ObjectType {
     const char* name;
     void (*drop)(Object* object);
-    // Takes the object for the calling thread, if it can be had now. Otherwise fills in the point; when the caller is
-    // going to sleep, makes sure that it will be woken. Null: objects of this kind cannot be waited for.
+    // Takes the object for the calling thread if it is free; otherwise fills in `point`. goingToSleep: also arranges
+    // the wake-up. Null for objects that cannot be waited for.
     Grab (*grab)(Object* object, WaitPoint& point, bool goingToSleep) = nullptr;
 };
 
+// Base of all records. The creator holds the first reference; the drop of the last one deletes the record.
 struct Object {
     const ObjectType* type;
     std::atomic<uint32_t> references{1};
 };
 
-// Gives up one of the counted references; true for the last one.
+// Releases one reference. True for the last one.
 inline bool LastReference(Object* object) {
     return object->references.fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
@@ -61,24 +63,26 @@ inline void DropReference(Object* object) {
 
 constexpr DWORD kAllRights = 0xFFFFFFFF;
 
-// A new handle, which takes over one reference of the object. access: the rights that calls through this handle have.
-// NULL with ERROR_NOT_ENOUGH_MEMORY or ERROR_NO_SYSTEM_RESOURCES (65,535 are open); the reference is then given up.
+// Makes a handle, which takes over one reference. access: the rights of calls through it. On failure NULL and the
+// reference is released: ERROR_NOT_ENOUGH_MEMORY, or ERROR_NO_SYSTEM_RESOURCES with 65,535 open handles.
 HANDLE NewHandle(Object* object, DWORD access);
 
-// The bare form of HandleUse, for many handles at a time, all within a TerminationHold. No lock: one atomic operation
-// each.
+// The bare form of HandleUse, for many handles at once, inside a TerminationHold. Each call is one atomic operation,
+// without a lock.
 struct HandlePin {
-    Object* object = nullptr; // null: no open handle
+    Object* object = nullptr; // null when the handle is not open
     DWORD access = 0;
     uint32_t slot = 0;
 };
 HandlePin PinHandle(HANDLE handle);
 void UnpinHandle(const HandlePin& pin);
 
-// The object of a handle, kept alive as long as this exists. False with ERROR_INVALID_HANDLE when the handle designates
-// no object of the type, with ERROR_ACCESS_DENIED when it lacks one of the rights asked for.
+// True when the pin has an object of this type and all rights asked for; else false with ERROR_INVALID_HANDLE or
+// ERROR_ACCESS_DENIED.
 bool CheckPin(const HandlePin& pin, const ObjectType& type, DWORD access);
 
+// The object of a handle, kept alive for the life of the guard. False, with the last error of CheckPin, when the handle
+// does not fit. The thread cannot be stopped in that time.
 template <typename Record>
 class HandleUse {
 public:

@@ -1,14 +1,16 @@
-// Mutexes.
+// Mutexes: CreateMutexA, OpenMutexA, ReleaseMutex, and what happens to mutexes whose owner ends.
 //
-// A named mutex is owned by the process that has its file locked (an open-file-description lock, which the system drops
-// with the process, kill -9 included), and in it by the thread that the record names. The file's owner word is not 0
-// while the mutex is owned: whoever gets the lock and finds it so has got it from an owner that died.
+// The owner of a named mutex is the process that holds an open-file-description lock on its file, and in it the thread
+// that the record names. The kernel releases the lock with the process, kill -9 included. The owner word in the file is
+// not 0 while the mutex is owned: a process that gets the lock and finds the word set got the mutex from an owner that
+// died (WAIT_ABANDONED).
 //
-// The bell is a word to sleep on. Its lowest bit says that somebody may be asleep; a release that finds it rings, and
-// only then costs a call beyond the unlocking. Nobody rings for a process that was killed, so that every sleep is
-// short.
+// Waiters sleep on a futex word next to it. Its lowest bit says that somebody may be asleep; only a release that finds
+// the bit makes a wake-up call. Nobody wakes the waiters of a killed process, so each sleep is short
+// (Timings.mutexSlice).
 //
-// Lock order: the names lock (named_object.cpp), then a mutex's own lock.
+// State: the records; each thread has a list of those it owns. Lock order: the names lock (named_object.cpp), then the
+// lock of a mutex.
 #include "base/call.h"
 #include "base/lock.h"
 #include "base/timings.h"
@@ -27,9 +29,9 @@ namespace oriel {
 
 struct MutexObject : NamedObject {
     Lock lock;
-    ThreadObject* owner ORIEL_LOCK_CHECK(guarded_by(lock)) = nullptr; // while owned, it holds one of the references
+    ThreadObject* owner ORIEL_LOCK_CHECK(guarded_by(lock)) = nullptr; // holds a reference while it owns the mutex
     uint32_t depth ORIEL_LOCK_CHECK(guarded_by(lock)) = 0;
-    MutexObject* next = nullptr; // the owner's list
+    MutexObject* next = nullptr; // in the owner's list
     MutexObject* previous = nullptr;
 };
 
@@ -43,7 +45,7 @@ void DropMutex(Object* object) {
     if (DropNamed(mutex)) delete mutex;
 }
 
-// Locks or unlocks the file. False, with errno's value, when it is locked by another process.
+// Locks or unlocks the file. False with errno: EAGAIN or EACCES when another process holds the lock.
 bool LockFile(int file, short type) {
     struct flock lock {};
     lock.l_type = type;
@@ -62,6 +64,7 @@ Grab TryMutex(MutexObject& mutex, ThreadObject& thread) {
     if (mutex.owner != nullptr) return Grab::Busy;
     if (mutex.file >= 0 && !LockFile(mutex.file, F_WRLCK))
         return errno == EAGAIN || errno == EACCES ? Grab::Busy : Grab::Failed;
+    // An owned mutex lives on without a handle, so the ownership has a reference.
     mutex.references.fetch_add(1, std::memory_order_relaxed);
     mutex.owned.store(true, std::memory_order_relaxed);
     mutex.owner = &thread;
@@ -73,7 +76,7 @@ Grab TryMutex(MutexObject& mutex, ThreadObject& thread) {
     return mutex.head->owner.exchange(1, std::memory_order_relaxed) == 0 ? Grab::Got : Grab::Abandoned;
 }
 
-// Ends the ownership. The reference that came with it is left to the caller.
+// Ends the ownership. The caller releases its reference.
 void GiveUp(MutexObject& mutex, bool abandon) ORIEL_LOCK_CHECK(requires_capability(mutex.lock)) {
     if (mutex.next != nullptr) mutex.next->previous = mutex.previous;
     if (mutex.previous != nullptr)
@@ -83,13 +86,13 @@ void GiveUp(MutexObject& mutex, bool abandon) ORIEL_LOCK_CHECK(requires_capabili
     mutex.owner = nullptr;
     mutex.depth = 0;
     mutex.owned.store(false, std::memory_order_relaxed);
+    // Before the unlocking: the next owner must not find the word set.
     if (!abandon) mutex.head->owner.store(0, std::memory_order_relaxed);
     if (mutex.file >= 0) LockFile(mutex.file, F_UNLCK);
 }
 
 void Ring(MutexObject& mutex) {
-    // A change by nothing: either it sees the sleeper's bit, or the sleeper, whose change comes later, sees the
-    // release.
+    // An addition of 0: either it sees the sleeper's bit, or the sleeper, whose change comes later, sees the release.
     if ((mutex.head->word.fetch_add(0, std::memory_order_acq_rel) & kSomebodySleeps) != 0)
         AddAndWakeAll(mutex.head->word, 1, mutex.named);
 }
@@ -100,7 +103,7 @@ Grab GrabMutex(Object* object, WaitPoint& point, bool goingToSleep) {
     if (thread == nullptr) return Grab::Failed;
     Grab result = TryMutex(mutex, *thread);
     if (result != Grab::Busy || !goingToSleep) return result;
-    // Ask to be woken, and only then believe that it is busy.
+    // Set the bit first, then try again: a release between the first attempt and the bit wakes nobody.
     point.word = &mutex.head->word;
     point.value = point.word->fetch_or(kSomebodySleeps, std::memory_order_acq_rel) | kSomebodySleeps;
     point.shared = mutex.named;
@@ -178,6 +181,6 @@ BOOL WINAPI ReleaseMutex(HANDLE handle) {
         GiveUp(mutex, false);
     }
     Ring(mutex);
-    mutex.references.fetch_sub(1, std::memory_order_acq_rel); // not the last: the handle has one
+    mutex.references.fetch_sub(1, std::memory_order_acq_rel); // not the last one: the handle has one
     return TRUE;
 }

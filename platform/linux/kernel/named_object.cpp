@@ -1,7 +1,7 @@
-// The files of named objects, their life, and this process's list of the ones it has.
+// The files of named objects, from creation to removal, and the list of those that this process uses.
 //
-// State: the folder's descriptor, what its file system does, and the list, under one lock. Nothing else in this process
-// opens or closes an object's file. The lock is taken before the folder's flock and before a mutex's own lock.
+// State under one lock: the descriptor of the folder, what its file system does, and the list. Nothing else in this
+// process opens or closes the file of an object. Lock order: this lock, the folder's flock, the lock of a mutex.
 #include "kernel/named_object.h"
 
 #include "base/call.h"
@@ -28,7 +28,7 @@ namespace {
 
 constexpr uint32_t kMark = 0x316A624F; // "Obj1"
 constexpr uint32_t kLargestSection = 65536;
-// For the folder's flock. A close that cannot have it leaves a dead file, which does no harm.
+// For the folder's flock when an object is closed. Without it, a dead file remains, which does no harm.
 constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
 
 constinit Lock g_namesLock;
@@ -43,7 +43,8 @@ size_t Bucket(const char* fileName) {
     return hash % (sizeof g_named / sizeof g_named[0]);
 }
 
-// The file's name for an object's: "Global\" dropped; what a file name cannot hold, or what would hide it, as %XX.
+// The file name of an object: without "Global\", and with %XX for bytes that a file name cannot have or that would hide
+// it.
 DWORD FileName(const char* name, char (&fileName)[kLongestFileName + 1]) {
     constexpr char kGlobal[] = "Global\\";
     if (std::strncmp(name, kGlobal, sizeof kGlobal - 1) == 0) name += sizeof kGlobal - 1;
@@ -78,10 +79,10 @@ int OpenFolder() {
     });
 }
 
-// Whether a flock lasts until the last mapping is gone, although the descriptor has been closed. It does on most file
-// systems, whose mappings hold the open file. One that stacks on another (overlayfs, and so most containers) maps the
-// file below it, and the lock goes with the descriptor. False where it cannot be found out: a descriptor then stays
-// open for each object, which is right everywhere.
+// Whether a flock outlives its descriptor while a mapping exists. On most file systems it does: the mapping holds the
+// open file. A file system on top of another (overlayfs, so most containers) maps the lower file, and the lock ends
+// with the descriptor. False when that cannot be found out: each object then keeps its descriptor, which works
+// everywhere.
 bool MappingKeepsLock(int folder) {
     Descriptor first(openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (!first.IsOpen() || flock(first.Get(), LOCK_SH | LOCK_NB) != 0) return false;
@@ -96,10 +97,10 @@ bool MappingKeepsLock(int folder) {
     return kept;
 }
 
-// The names lock and, if asked for, the folder's flock.
+// Holds the names lock and, on demand, the flock of the folder.
 class ORIEL_LOCK_CHECK(scoped_lockable) NamesHold {
 public:
-    // The lock has a bound in that its holders have one each.
+    // Without a time limit: every wait under this lock has one.
     NamesHold() ORIEL_LOCK_CHECK(acquire_capability(g_namesLock)) { g_namesLock.Acquire(); }
     ~NamesHold() ORIEL_LOCK_CHECK(release_capability()) {
         if (m_guarded) flock(g_folder, LOCK_UN);
@@ -108,7 +109,7 @@ public:
     NamesHold(const NamesHold&) = delete;
     NamesHold& operator=(const NamesHold&) = delete;
 
-    // The folder's flock, until the end of the hold. False with the last error set.
+    // Takes the folder's flock until the end of the hold. False with the last error set.
     bool Guard(int64_t timeNs) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
         if (g_folder < 0) {
             g_folder = OpenFolder();
@@ -117,7 +118,7 @@ public:
             WatchForFork();
         }
         const int64_t deadline = MonotonicNs() + timeNs;
-        // Asking again and again is the only form of this lock that has a time limit.
+        // flock() has no time limit; repeated attempts do.
         for (int64_t pause = kNsPerMs / 50;; pause = std::min(2 * pause, kNsPerMs)) {
             if (flock(g_folder, LOCK_EX | LOCK_NB) == 0) break;
             if (MonotonicNs() >= deadline || TerminationAsked()) return Fail(ERROR_TIMEOUT, false);
@@ -155,7 +156,7 @@ bool IsEvent(ObjectKind kind) {
     return kind == ObjectKind::ManualEvent || kind == ObjectKind::AutoEvent;
 }
 
-// Maps the head. The mapping is not for fork children: it carries the flock, and with it the object's life.
+// Maps the head. Fork children do not inherit the mapping: it carries the flock, which keeps the object alive.
 ObjectHead* MapHead(int fd) {
     void* address = mmap(nullptr, sizeof(ObjectHead), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (address == MAP_FAILED) return nullptr;
@@ -163,19 +164,19 @@ ObjectHead* MapHead(int fd) {
     return static_cast<ObjectHead*>(address);
 }
 
-// Everything under the guard from here on.
+// The functions from here to RemoveNameOfOwned run under the folder's flock.
 
-// Removes the name if no process has the object.
+// Removes the file if no process has the object.
 void RemoveIfDead(const char* fileName) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     const Descriptor file(openat(g_folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (file.IsOpen() && flock(file.Get(), LOCK_EX | LOCK_NB) == 0) unlinkat(g_folder, fileName, 0);
 }
 
-// Fills in a file that is new, or nobody's. Its name is removed again on failure.
+// Fills in a file that is new or belongs to no process. On failure its name is removed.
 DWORD StartFile(const NamedRequest& request, NamedObject& object, int fd)
     ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     const auto size = static_cast<off_t>(FileSize(request.kind, request.size));
-    // Space is set aside here, since without it the first access to the mapping would be a fault.
+    // Allocates the space: without it, the first access to the mapping could raise SIGBUS.
     int error = ftruncate(fd, 0) == 0 ? posix_fallocate(fd, 0, size) : errno;
     if (error == 0 && flock(fd, LOCK_SH | LOCK_NB) != 0) error = errno;
     if (error == 0) {
@@ -196,11 +197,12 @@ DWORD StartFile(const NamedRequest& request, NamedObject& object, int fd)
         unlinkat(g_folder, object.fileName, 0);
         return GetLastError();
     }
+    // Last, so that a file of a creator that died halfway does not count as an object.
     std::atomic_ref(object.head->mark).store(kMark, std::memory_order_release);
     return ERROR_SUCCESS;
 }
 
-// Joins the processes that have the object.
+// Joins the processes that have the object. Other users may have written the file, so everything is checked.
 DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const struct stat& status) {
     ObjectHead head;
     if (pread(fd, static_cast<void*>(&head), sizeof head, 0) != static_cast<ssize_t>(sizeof head) || head.mark != kMark)
@@ -209,7 +211,7 @@ DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const s
     if (head.kind == ObjectKind::Section && (head.size == 0 || head.size > kLargestSection))
         return ERROR_INVALID_HANDLE;
     if (static_cast<size_t>(status.st_size) != FileSize(head.kind, head.size)) return ERROR_INVALID_HANDLE;
-    if (flock(fd, LOCK_SH | LOCK_NB) != 0) return ERROR_ACCESS_DENIED; // somebody plays with the file
+    if (flock(fd, LOCK_SH | LOCK_NB) != 0) return ERROR_ACCESS_DENIED; // locked by a process that is not ours
     object.kind = head.kind;
     object.size = head.size;
     object.file = fd;
@@ -217,8 +219,8 @@ DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const s
     return object.head != nullptr ? ERROR_SUCCESS : SystemError(errno);
 }
 
-// Keeps the file or lets it go: where an event's mapping is enough, it takes no descriptor, since processes may have
-// thousands of events.
+// Ends the opening of a file: keeps its descriptor, or closes it where the mapping of an event is enough, since a
+// process may have thousands of events.
 DWORD Settle(NamedObject& object, Descriptor& file, DWORD error) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     if (error != ERROR_SUCCESS) {
         if (object.head != nullptr && object.head != &object.own) munmap(object.head, sizeof(ObjectHead));
@@ -235,13 +237,13 @@ DWORD Settle(NamedObject& object, Descriptor& file, DWORD error) ORIEL_LOCK_CHEC
 DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
     ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     existed = false;
-    // A second round only after a dead file has been removed.
+    // The second round follows the removal of a dead file.
     for (int round = 0; round < 2; ++round) {
         if (request.create) {
             Descriptor file(
                 openat(g_folder, object.fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
             if (file.IsOpen()) {
-                fchmod(file.Get(), request.forEveryone ? 0666 : 0600); // whatever the umask
+                fchmod(file.Get(), request.forEveryone ? 0666 : 0600); // open() applies the umask
                 return Settle(object, file, StartFile(request, object, file.Get()));
             }
             if (errno != EEXIST) return SystemError(errno);
@@ -258,7 +260,7 @@ DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
             existed = true;
             return Settle(object, file, JoinFile(request, object, file.Get(), status));
         }
-        // Nobody's. Another user's cannot be removed; it will do if everyone was to have the object.
+        // No process has it. A file of another user cannot be removed, but it can be used if everybody may write to it.
         const bool removed = unlinkat(g_folder, object.fileName, 0) == 0;
         if (!request.create) return ERROR_FILE_NOT_FOUND;
         if (removed) continue;
@@ -268,15 +270,15 @@ DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
     return ERROR_ACCESS_DENIED;
 }
 
-// The last handle was closed, but a thread of this process still owns the mutex. If no other process has it, its name
-// goes now, as it would if nobody owned it; else the mutex stays owned.
+// The last handle was closed while a thread of this process owns the mutex. If no other process has it, its name is
+// removed now, as for a mutex without an owner; otherwise the mutex stays owned.
 void RemoveNameOfOwned(NamedObject& object) ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     if (flock(object.file, LOCK_EX | LOCK_NB) == 0) {
         unlinkat(g_folder, object.fileName, 0);
         *FindPlace(object.fileName) = object.nextNamed;
         object.fileName[0] = '\0';
     } else {
-        flock(object.file, LOCK_SH | LOCK_NB); // a failed change of a flock has lost it
+        flock(object.file, LOCK_SH | LOCK_NB); // a failed upgrade has lost the shared lock
     }
 }
 
@@ -307,6 +309,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     if (error != ERROR_SUCCESS) return Fail(error, nullptr);
 
     NamesHold names;
+    // One record for each object of the process: its handles share a mapping and a flock.
     if (NamedObject* known = *FindPlace(fileName)) {
         if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE, nullptr);
         known->references.fetch_add(1, std::memory_order_relaxed);
@@ -329,7 +332,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
 
 bool DropNamed(NamedObject* object) {
     if (!object->named) return LastReference(object);
-    // Far from the end, no lock.
+    // No lock while more than two references remain. The last two need it: one of them may be the owner's.
     uint32_t count = object->references.load(std::memory_order_relaxed);
     while (count > 2)
         if (object->references.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) return false;
@@ -343,6 +346,7 @@ bool DropNamed(NamedObject* object) {
     if (inList) *FindPlace(object->fileName) = object->nextNamed;
     const bool guarded = inList && names.Guard(kCloseTimeNs);
     CloseFile(*object);
+    // After the file was closed: this process's own flock no longer keeps the object alive.
     if (guarded) RemoveIfDead(object->fileName);
     return true;
 }
@@ -374,6 +378,7 @@ bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes) {
     return Fail(ERROR_NOT_SUPPORTED, false);
 }
 
+// The name may have been removed and used again, so the files are compared.
 int ReopenFile(const NamedObject& object) {
     NamesHold names;
     if (object.fileName[0] == '\0') return -1;
@@ -388,8 +393,8 @@ int ReopenFile(const NamedObject& object) {
 
 namespace {
 
-// The process ends without having closed its handles: their names go too. Other threads may still be at work, so no
-// mapping may vanish under them.
+// For a process that ends without closing its handles: removes the names of its objects too. Other threads may still
+// run, so no mapping may disappear.
 __attribute__((destructor)) void LeaveNames() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     constexpr int64_t kTimeNs = 200 * kNsPerMs;
     if (!g_namesLock.AcquireUntil(MonotonicNs() + kTimeNs)) return;
@@ -402,7 +407,7 @@ __attribute__((destructor)) void LeaveNames() ORIEL_LOCK_CHECK(no_thread_safety_
                 if (flock(object->file, LOCK_EX | LOCK_NB) == 0) unlinkat(g_folder, object->fileName, 0);
                 continue;
             }
-            // Exchanges the page for a copy in one step; the flock goes with the old one.
+            // Replaces the page by a private copy in one step; the flock ends with the old mapping.
             void* copy = mmap(nullptr, sizeof(ObjectHead), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             if (copy == MAP_FAILED) continue;
             std::memcpy(copy, static_cast<const void*>(object->head), sizeof(ObjectHead));
@@ -412,10 +417,10 @@ __attribute__((destructor)) void LeaveNames() ORIEL_LOCK_CHECK(no_thread_safety_
     }
 }
 
-// The child has no object of its parent's: their mappings were not handed down, their files are closed here.
+// The child has none of its parent's objects: it did not inherit the mappings, and the descriptors are closed here.
 void ForgetNames() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_namesLock.ForgetOwner();
-    if (g_folder >= 0) close(g_folder); // its flock is the parent's
+    if (g_folder >= 0) close(g_folder); // without unlocking: the flock belongs to the parent
     g_folder = -1;
     for (NamedObject*& first : g_named) {
         for (NamedObject* object = first; object != nullptr; object = object->nextNamed)

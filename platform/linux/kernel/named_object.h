@@ -1,14 +1,16 @@
-// Objects that processes share by name: events, mutexes, sections. Unnamed ones have the same record, without a file.
+// Objects that processes share by name: events, mutexes, sections. Unnamed ones have the same record without a file.
 //
-// A named object is a small file in the run directory's folder "objects", named as the object is, which every process
-// that uses it maps. The process's mapping, or its open descriptor where that has to be, carries a shared flock, which
-// says that the object is alive; the last one out removes the file. A file that nobody holds was left by a process that
-// died; whoever creates the object next starts it afresh. All of this happens under one lock, an exclusive flock of the
-// folder, for which nobody waits longer than a few seconds.
+// A named object is a small file in the folder "objects" of the run directory, with the name of the object. Every
+// process that uses it maps it. The mapping (or an open descriptor, where that is necessary) carries a shared flock,
+// which keeps the object alive; the last process removes the file. A file without a flock was left by a process that
+// died; the next creator initialises it anew. All this happens under an exclusive flock of the folder, which nobody
+// waits for longer than a few seconds.
 //
-// Only numbers lie in the file: no pointers, no types of the C library. Others write it too, so it is looked at before
-// it is used: a regular file with one link, of the right size, with the right marks. A process that may write the file
-// can still disturb the object, and can cut the file short while others look at it, which ends them with SIGBUS.
+// The file holds only numbers, no pointers and no types of the C library. Other processes write it too, so it is
+// checked before use: a regular file with one link, the right size and the right marks. A process that may write to the
+// file can still disturb the object, or truncate the file and so end the others with SIGBUS.
+//
+// State: named_object.cpp. Any thread may call these functions.
 #pragma once
 
 #include "kernel/handles.h"
@@ -20,13 +22,13 @@ namespace oriel {
 
 enum class ObjectKind : uint32_t { ManualEvent = 1, AutoEvent = 2, Mutex = 3, Section = 4 };
 
-// Head of the file; a section's bytes follow from kSectionOffset on.
+// The first 64 bytes of the file. The bytes of a section follow at kSectionOffset.
 struct ObjectHead {
     uint32_t mark; // written last
     ObjectKind kind;
-    uint32_t size; // of a section, in bytes
+    uint32_t size; // of a section, bytes; at most 65,536
     uint32_t reserved;
-    Word word;  // event: its state (event.cpp). mutex: its bell (mutex.cpp)
+    Word word;  // event: its state (event.cpp). mutex: the word that waiters sleep on (mutex.cpp)
     Word owner; // mutex: not 0 while owned
     uint32_t padding[10];
 };
@@ -35,55 +37,59 @@ constexpr uint32_t kSectionOffset = 4096;
 constexpr size_t kLongestFileName = 250;
 
 struct NamedObject : Object {
-    ObjectKind kind{}; // as the file said when it was opened,
-    uint32_t size = 0; // like this
+    // As in the file when it was opened; another process may change the file later.
+    ObjectKind kind{};
+    uint32_t size = 0;
     bool named = false;
-    std::atomic<bool> owned{false};           // one of the references is that of the thread that owns the mutex
+    std::atomic<bool> owned{false};           // a thread owns the mutex, with a reference of its own
     ObjectHead own{};                         // of an unnamed object
-    ObjectHead* head = &own;                  // else the file's, mapped
-    int file = -1;                            // kept open where the kind or the file system needs it
-    char fileName[kLongestFileName + 1] = ""; // "" once the name has been removed
+    ObjectHead* head = &own;                  // of a named object: in the mapped file
+    int file = -1;                            // open where the kind or the file system needs it
+    char fileName[kLongestFileName + 1] = ""; // "" after the name was removed
     NamedObject* nextNamed = nullptr;
 };
 
+// The arguments of OpenNamed.
 struct NamedRequest {
     const ObjectType* type;
     ObjectKind kind;
     const char* name;                                  // NULL or "": unnamed
-    bool create = false;                               // else it has to exist
-    bool forEveryone = false;                          // the rights of a new one
-    uint32_t word = 0;                                 // of a new one
-    uint32_t size = 0;                                 // of a new section
-    NamedObject* (*make)();                            // an empty record; null without memory
-    bool (*atCreation)(NamedObject* object) = nullptr; // before anyone else can see it; false with the last error set
+    bool create = false;                               // false: it must exist
+    bool forEveryone = false;                          // access for all users, if new
+    uint32_t word = 0;                                 // initial word, if new
+    uint32_t size = 0;                                 // of a section, if new
+    NamedObject* (*make)();                            // allocates an empty record; null when memory is lacking
+    bool (*atCreation)(NamedObject* object) = nullptr; // before other processes see it; false with the last error set
 };
 
-// A reference of the object, or null with the last error set. existed: it was there before. An event of the other kind
-// of reset is taken for the one asked for.
+// Opens or creates the object and returns a reference, or null with the last error set. existed: it was there before.
+// An event may have the other kind of reset than requested.
 NamedObject* OpenNamed(const NamedRequest& request, bool& existed);
 
-// For ObjectType::drop: gives up a reference. True when it was the last one: the name, the file and the mapping are
-// then gone, and the record is to be deleted.
+// For ObjectType::drop: releases a reference. True for the last one: name, file and mapping are gone, and the caller
+// deletes the record.
 bool DropNamed(NamedObject* object);
 
-// A handle for the outcome of OpenNamed with creation: sets the last error to ERROR_ALREADY_EXISTS or 0.
+// The handle for an object from OpenNamed with create; takes over the reference. Last error: ERROR_ALREADY_EXISTS if it
+// existed, else 0.
 HANDLE HandleOfCreated(NamedObject* object, bool existed);
 
-// Security attributes that can be followed, else false with ERROR_NOT_SUPPORTED.
+// False with ERROR_NOT_SUPPORTED for a handle that child processes shall inherit.
 bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes);
 
-// What the generic rights stand for, and all rights that the kind has.
+// The rights that each generic right stands for, and all rights of the kind.
 struct RightsMap {
     DWORD read;
     DWORD write;
     DWORD execute;
     DWORD all;
 };
-// A handle with the rights asked for, taking over the reference; ERROR_ACCESS_DENIED for none and for rights that the
-// kind does not have.
+// A handle with the desired rights; takes over the reference. NULL with ERROR_ACCESS_DENIED for no rights at all and
+// for rights that the kind does not have.
 HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map);
 
-// Opens the file of a named object once more, without the flock that keeps the object alive. -1 when it is not there.
+// Opens the file of a named object again, without the flock that keeps the object alive. -1 when it is gone. The caller
+// closes it.
 int ReopenFile(const NamedObject& object);
 
 } // namespace oriel

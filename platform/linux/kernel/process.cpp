@@ -1,7 +1,7 @@
-// Processes: CreateProcessA, OpenProcess, exit codes; the memory of the own one under the fault guard.
+// Processes: CreateProcessA, OpenProcess, exit codes; reads and writes of this process's memory with the fault guard.
 //
-// State: a record per process with a handle; a descriptor of the process (pidfd) names it, so that a process number
-// that the system has given to another process since is never mistaken for it.
+// State: a record for each process with a handle. A pidfd identifies the process: its number may belong to another
+// process after its end.
 #include "kernel/process.h"
 
 #include "base/call.h"
@@ -35,6 +35,7 @@ bool IsBlank(char c) {
     return c == ' ' || c == '\t';
 }
 
+// The program name has rules of its own on Windows: a backslash never escapes.
 std::string FirstWord(const char*& next) {
     std::string word;
     if (*next == '"') {
@@ -49,6 +50,8 @@ std::string FirstWord(const char*& next) {
     return word;
 }
 
+// The rules of Windows programs: 2n backslashes and a quote are n backslashes and a quotation mark; with 2n + 1 the
+// quote is literal; a doubled quote inside quotation marks is one quote.
 std::string Argument(const char*& next) {
     std::string word;
     bool quoted = false;
@@ -112,7 +115,7 @@ const ObjectType kProcessType{.name = "process", .drop = DropProcess, .grab = Gr
 
 namespace {
 
-// A right that only the handle of CreateProcessA has: OpenProcess gives it to nobody.
+// Only the handle of CreateProcessA has it; OpenProcess never grants it.
 constexpr DWORD kTerminateRight = 0x0001;
 
 struct SpawnActions {
@@ -131,18 +134,19 @@ struct SpawnAttributes {
     SpawnAttributes& operator=(const SpawnAttributes&) = delete;
 };
 
-// 0, or a value of errno. A program that was not found leaves no child behind.
+// 0, or a value of errno. A program that is not found leaves no child behind.
 int Spawn(const std::string& path, std::vector<std::string>& words, bool ownConsole, pid_t& id) {
     SpawnActions file;
     SpawnAttributes start;
     short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
     if (ownConsole) {
-        // Out of reach of the terminal's signals, and not holding on to a pipe that others read to its end.
+        // The child gets no signals of the terminal, and does not keep open a pipe that others read to its end.
         flags |= POSIX_SPAWN_SETSID;
         posix_spawn_file_actions_addopen(&file.actions, 0, "/dev/null", O_RDWR, 0);
         posix_spawn_file_actions_adddup2(&file.actions, 0, 1);
         posix_spawn_file_actions_adddup2(&file.actions, 0, 2);
     }
+    // No handle is inherited: descriptors of the host program and of the layer stay here.
     posix_spawn_file_actions_addclosefrom_np(&file.actions, 3);
     sigset_t signals;
     sigfillset(&signals);
@@ -160,7 +164,7 @@ int Spawn(const std::string& path, std::vector<std::string>& words, bool ownCons
 
 DWORD SpawnError(int error, const std::string& path) {
     if (error != ENOENT) return SystemError(error);
-    // Which part is missing? The interpreter of a script that is there counts as a format that is not known.
+    // ENOENT does not say what is missing. If the script exists, its interpreter is missing.
     struct stat status {};
     if (stat(path.c_str(), &status) == 0) return ERROR_BAD_EXE_FORMAT;
     const size_t slash = path.rfind('/');
@@ -177,11 +181,11 @@ bool AsksForNothing(const STARTUPINFOA& startup) {
            startup.hStdOutput == nullptr && startup.hStdError == nullptr;
 }
 
-// Handles for a child that runs. If they cannot be made it is killed: nobody could wait for it.
+// Handles for a running child. If they cannot be made, the child is killed: nobody could wait for it.
 BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
     auto* process = new (std::nothrow) ProcessObject{{&kProcessType}};
     const int descriptor = process != nullptr ? static_cast<int>(syscall(SYS_pidfd_open, id, 0)) : -1;
-    // Gone already: the host program lets the system reap its children.
+    // It ended, and the host program lets the kernel reap its children.
     const bool gone = descriptor < 0 && process != nullptr && errno == ESRCH;
     if (descriptor < 0 && !gone) {
         const int error = process != nullptr ? errno : ENOMEM;
@@ -194,7 +198,7 @@ BOOL GiveHandles(pid_t id, LPPROCESS_INFORMATION information) {
     process->descriptor = descriptor;
     process->child = true;
     process->ended.store(gone ? 1 : 0);
-    process->references.store(3); // two handles and this call
+    process->references.store(3); // two handles, and this call
     const bool watched = WatchProcess(*process);
     const HANDLE processHandle = NewHandle(process, kAllRights);
     const HANDLE threadHandle = NewHandle(process, SYNCHRONIZE);
@@ -219,7 +223,7 @@ BOOL StartProcess(LPCSTR application, LPCSTR commandLine, bool ownConsole, LPPRO
     if (path.empty()) return Fail(ERROR_INVALID_PARAMETER);
     for (std::string& word : words)
         word = AnsiToUtf8(word);
-    const AsOwnProcess ourselves; // a process is its parent's, whoever the thread acts for
+    const AsOwnProcess ourselves; // the child belongs to the process, even if the thread impersonates another user
     pid_t id = 0;
     const int error = Spawn(path, words, ownConsole, id);
     return error == 0 ? GiveHandles(id, information) : Fail(SpawnError(error, path));
@@ -267,7 +271,7 @@ HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD id) {
     if (process == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     process->descriptor = static_cast<int>(syscall(SYS_pidfd_open, id, 0));
     if (process->descriptor < 0) {
-        // No such process, or the number of a thread that is not a process's first.
+        // No such process, or a thread that is not the first of its process.
         const bool none = errno == ESRCH || errno == EINVAL || errno == ENOENT;
         SetLastError(none ? ERROR_INVALID_PARAMETER : SystemError(errno));
         delete process;
@@ -286,6 +290,7 @@ BOOL WINAPI GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
     HandleUse<ProcessObject> process(handle, kProcessType, PROCESS_QUERY_INFORMATION);
     if (!process) return FALSE;
     const bool ended = HasEnded(*process.Get());
+    // The exit code is known only for children that this process reaped.
     if (ended && !process->exitCodeKnown.load()) return Fail(ERROR_ACCESS_DENIED);
     *exitCode = ended ? process->exitCode.load() : STILL_ACTIVE;
     return TRUE;
@@ -296,6 +301,7 @@ BOOL WINAPI TerminateProcess(HANDLE handle, UINT exitCode) {
     HandleUse<ProcessObject> process(handle, kProcessType, kTerminateRight);
     if (!process) return FALSE;
     if (HasEnded(*process.Get())) return Fail(ERROR_ACCESS_DENIED);
+    // Before the signal: the watcher reads it as soon as the process has ended.
     process->exitCodeGiven.store(exitCode);
     if (syscall(SYS_pidfd_send_signal, process->descriptor, SIGKILL, nullptr, 0) != 0) return Fail(ERROR_ACCESS_DENIED);
     return TRUE;

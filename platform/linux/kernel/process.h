@@ -1,34 +1,37 @@
-// Processes that have a handle here, and the thread that waits for their end.
+// Processes with a handle, and the thread that waits for their end. State: the records; the list of the watched ones
+// (reaper.cpp).
 #pragma once
 
 #include "kernel/handles.h"
 
 namespace oriel {
 
+// Deleted with the last reference.
 struct ProcessObject : Object {
     DWORD id = 0;
     int descriptor = -1; // pidfd
-    bool child = false;  // of this process, and to be reaped
-    Word ended{0};       // 1: ready to a wait
+    bool child = false;  // of this process, which reaps it
+    Word ended{0};       // 1 once it has ended
+    // Valid when exitCodeKnown: a status of 0 to 255, the code given to TerminateProcess, or 128 plus the signal.
     std::atomic<DWORD> exitCode{STATUS_PENDING};
     std::atomic<bool> exitCodeKnown{false};
-    std::atomic<DWORD> exitCodeGiven{STATUS_PENDING}; // by TerminateProcess
+    std::atomic<DWORD> exitCodeGiven{STATUS_PENDING}; // to TerminateProcess
 
-    // The watcher's (reaper.cpp), under its lock.
+    // Of the watcher (reaper.cpp), under its lock.
     bool watched = false;
     ProcessObject* next = nullptr;
 };
 
 extern const ObjectType kProcessType;
 
-// From now on, `ended` tells of the end, and a child is reaped then. While a child is watched, the watcher holds one of
-// the references. False when that cannot be done.
+// From now on `ended` is set at the end of the process, and a child is reaped. While it watches a child, the watcher
+// holds a reference. False when the process cannot be watched.
 bool WatchProcess(ProcessObject& process);
 
-// For an object about to be deleted.
+// Before a record is deleted.
 void StopWatching(ProcessObject& process);
 
-// Looks, and takes note if it has ended.
+// Whether the process has ended. The first call after the end records it and reaps a child.
 bool HasEnded(ProcessObject& process);
 
 } // namespace oriel

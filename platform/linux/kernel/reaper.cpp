@@ -1,5 +1,5 @@
-// The thread that waits for processes: one for all of them, from the first that is started or waited for. It makes the
-// end of a process a change of a word, like any other that a wait sleeps on, and leaves no zombie.
+// The thread that waits for processes: one for all, started with the first process that is started or waited for. It
+// turns the end of a process into the change of a word that waits can sleep on, and leaves no zombies.
 //
 // State: the list of watched processes and the epoll descriptor, under one lock.
 #include "base/lock.h"
@@ -21,8 +21,7 @@ ProcessObject* g_watched ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = nullptr;
 int g_epoll ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = -1;
 bool g_running ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = false;
 
-// Takes the exit code of a child. A host program that waits for all its children may have been faster; then it is
-// unknown.
+// Reaps a child. Its exit code stays unknown if the host program has waited for all its children and was faster.
 void Reap(ProcessObject& process) {
     siginfo_t info{};
     int result = 0;
@@ -30,6 +29,7 @@ void Reap(ProcessObject& process) {
         result = waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(process.descriptor), &info, WEXITED);
     while (result != 0 && errno == EINTR);
     if (result != 0) return;
+    // A child that TerminateProcess killed reports the code that was given there; other signals count as in a shell.
     const DWORD given = process.exitCodeGiven.load();
     if (info.si_code == CLD_EXITED)
         process.exitCode.store(static_cast<DWORD>(info.si_status));
@@ -48,7 +48,7 @@ void Unlink(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reape
     epoll_ctl(g_epoll, EPOLL_CTL_DEL, process.descriptor, nullptr);
 }
 
-// True when it had not been noted yet. The watcher's reference of a child is then the caller's.
+// True the first time. The watcher's reference to a child then belongs to the caller.
 bool NoteEnd(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
     if (process.ended.load() != 0) return false;
     if (process.child) Reap(process);
@@ -63,8 +63,8 @@ bool IsReadable(int descriptor) {
     return poll(&ready, 1, 0) == 1;
 }
 
-// Notes the ends of all that have ended, up to the first child, whose reference is then the caller's; null for none.
-// Another process's object may be gone as soon as the lock is.
+// Records all ends up to the first child, whose reference then belongs to the caller; null for none. The record of
+// another process may be deleted as soon as the lock is released.
 ProcessObject* NextEndedChild() {
     LockHold hold(g_reaperLock);
     for (ProcessObject *process = g_watched, *next = nullptr; process != nullptr; process = next) {
@@ -83,6 +83,7 @@ void* WatchProcesses(void*) {
     for (;;) {
         epoll_event event{};
         if (epoll_wait(epoll, &event, 1, -1) < 0 && errno != EINTR) return nullptr;
+        // Dropped without the lock, since the drop takes it.
         while (ProcessObject* child = NextEndedChild())
             DropReference(child);
     }
@@ -97,7 +98,7 @@ bool StartWatcher() ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
     return g_running;
 }
 
-// The watcher is the parent's, and so are its children.
+// The watcher and the children belong to the parent.
 void ForgetProcesses() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_reaperLock.ForgetOwner();
     if (g_epoll >= 0) close(g_epoll);
@@ -122,7 +123,7 @@ bool WatchProcess(ProcessObject& process) {
     event.events = EPOLLIN;
     if (epoll_ctl(g_epoll, EPOLL_CTL_ADD, process.descriptor, &event) == 0) return true;
     Unlink(process);
-    if (process.child) process.references.fetch_sub(1); // not the last: the caller has one
+    if (process.child) process.references.fetch_sub(1); // not the last one: the caller has one
     return false;
 }
 
@@ -140,7 +141,7 @@ bool HasEnded(ProcessObject& process) {
         const bool watched = process.watched;
         drop = NoteEnd(process) && watched && process.child;
     }
-    if (drop) process.references.fetch_sub(1); // the watcher's; the caller has one
+    if (drop) process.references.fetch_sub(1); // the watcher's, not the last one: the caller has one
     return true;
 }
 

@@ -1,7 +1,8 @@
 // Named shared memory: CreateFileMappingA, MapViewOfFile, UnmapViewOfFile.
 //
-// State: the list of this process's views, each of which keeps its section. A view is mapped through a descriptor of
-// its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the section.
+// State: the list of the views of this process; each holds a reference to its section. A view is mapped through a
+// descriptor of its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the
+// section.
 #include "base/call.h"
 #include "base/descriptor.h"
 #include "base/lock.h"
@@ -22,6 +23,7 @@ using namespace oriel;
 namespace oriel {
 namespace {
 
+// The same limit applies to files that other processes wrote (named_object.cpp).
 constexpr DWORD kLargestSize = 65536;
 
 struct View {
@@ -45,6 +47,7 @@ NamedObject* MakeSection() {
     return new (std::nothrow) NamedObject{{&kSectionType}};
 }
 
+// The child may unmap its views; the references belong to the parent.
 void ForgetViews() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_viewsLock.ForgetOwner();
     for (View* view = g_views; view != nullptr; view = view->next)
@@ -60,6 +63,7 @@ const ForkSteps kViewsFork{TakeForFork<g_viewsLock>, ReleaseAfterFork<g_viewsLoc
 HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection, DWORD sizeHigh,
                                  DWORD sizeLow, LPCSTR name) {
     TerminationHold hold;
+    // Only named shared memory; nothing uses mapped files or unnamed sections.
     if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0')
         return Fail(ERROR_NOT_SUPPORTED, nullptr);
     if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) return Fail(ERROR_INVALID_PARAMETER, nullptr);

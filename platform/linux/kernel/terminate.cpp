@@ -1,10 +1,10 @@
-// TerminateThread: stops a thread where it stands, for good.
+// TerminateThread: stops a thread where it is, for good.
 //
-// The thread is asked through its state word, which its waits in the layer sleep on too, and by a real-time signal
-// whose handler never returns. Cancellation of the C library is no choice: it runs destructors in the middle of
-// anything. Where the thread is inside the layer (TerminationHold) it stops when it leaves.
+// The request is a value of the thread's state word, on which its waits in the layer sleep too, and a real-time signal
+// whose handler never returns. Cancellation of the C library is not an option: it runs destructors in the middle of
+// anything. A thread inside the layer (TerminationHold) stops when it leaves.
 //
-// State: the signal, chosen and given its handler at the first termination; none before.
+// State: the signal, chosen and given its handler by the first termination.
 #include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
@@ -30,12 +30,12 @@ void StopSignal(int) {
     errno = error;
 }
 
-// 0 when no signal is free.
+// 0 when all signals are in use.
 int SignalForStopping() {
     LockHold hold(g_signalLock);
     struct sigaction action {};
     if (g_signal != 0 && sigaction(g_signal, nullptr, &action) == 0 && action.sa_handler == StopSignal) return g_signal;
-    // One that the program does not use, from the end of the range that programs use least.
+    // From the end of the range, the part that programs use least. A handled or ignored signal is in use.
     for (int number = SIGRTMAX; number >= SIGRTMIN; --number) {
         if (sigaction(number, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) continue;
         action = {};
@@ -67,7 +67,7 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
         const DWORD id = thread->threadId.load();
         if (number != 0 && id != 0) syscall(SYS_tgkill, getpid(), id, number);
     }
-    // For the thread to stand still or, when another caller was first, for that caller to have dealt with it.
+    // Until the thread has stopped or ended. If another caller was first, until that caller is done.
     while (thread->ended.load() == 0) {
         state = thread->state.load();
         if (first && state == kStopped) {
@@ -75,12 +75,13 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
             RunStoppedThreadSteps(thread->threadId.load());
             thread->exitCode.store(exitCode);
             AnnounceEnd(*thread.Get());
-            DropReference(thread.Get()); // the thread's own
+            DropReference(thread.Get()); // of the thread itself
             return TRUE;
         }
         const SleepPoint stopping[2] = {{&thread->state, state, false}, {&thread->ended, 0, false}};
         if (SleepOn(stopping, 2, deadline) != Awake::TimedOut) continue;
         state = kTerminationAsked;
+        // Withdraws the request, unless the thread has stopped meanwhile.
         if (first && !thread->state.compare_exchange_strong(state, kRunning)) continue;
         return Fail(ERROR_TIMEOUT);
     }

@@ -1,7 +1,7 @@
 // Thread records, CreateThread and the end of threads. terminate.cpp stops them.
 //
-// State: a record per thread that needs one, found through a thread-local pointer; a key of the C library whose
-// destructor tells the end of a thread, whoever made it.
+// State: a record for each thread that needs one, in a thread-local pointer; a thread-specific key, whose destructor
+// runs at the end of every such thread, whoever created it.
 #include "kernel/thread.h"
 
 #include "base/call.h"
@@ -26,8 +26,7 @@ constinit thread_local DWORD t_threadId __attribute__((tls_model("initial-exec")
 pthread_key_t g_threadKey;
 
 constexpr size_t kSmallestStack = 65536;
-// The C library puts the thread's own data and thread-local variables on its stack; the caller asked for room to work
-// in.
+// The C library puts the thread's own data and thread-local variables on its stack. The caller asked for usable space.
 constexpr size_t kSystemShare = 32768;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t kSanitizerShare = 1 << 20;
@@ -55,12 +54,13 @@ Grab GrabThread(Object* object, WaitPoint& point, bool) {
 void LeaveThread(void* value) {
     auto* thread = static_cast<ThreadObject*>(value);
     if (!thread->lastRound) {
-        // Destructors of other keys may still need mutexes: come last, in the next round.
+        // Destructors of other keys may still need mutexes: be the last, in the next round.
         thread->lastRound = true;
         pthread_setspecific(g_threadKey, thread);
         return;
     }
-    ++t_terminationHolds; // from here on there is nothing left to terminate
+    ++t_terminationHolds; // nothing is left to terminate
+    // Another thread may be waiting for this one to stop.
     if (thread->state.exchange(kLeft) == kTerminationAsked) WakeAll(thread->state, false);
     t_terminationWord = nullptr;
     AbandonMutexes(*thread);
@@ -89,7 +89,7 @@ void* RunThread(void* argument) {
     const ThreadStart start = *static_cast<ThreadStart*>(argument);
     delete static_cast<ThreadStart*>(argument);
     {
-        TerminationHold hold; // one that is terminated before it has begun stops here
+        TerminationHold hold; // a thread that was terminated before it began stops here
         AdoptRecord(start.thread);
         start.thread->threadId.store(GetCurrentThreadId());
         WakeAll(start.thread->threadId, false);
@@ -135,15 +135,16 @@ int StartThread(size_t stackSize, void* (*procedure)(void*), void* argument) {
         const size_t size = std::max(stackSize, kSmallestStack) + kSystemShare + kSanitizerShare;
         pthread_attr_setstacksize(&attributes, (size + page - 1) / page * page);
     }
-    // The program's signals belong to the program's threads.
+    // Signals of the program belong to its own threads.
     sigset_t blocked;
     sigemptyset(&blocked);
     for (int number = 1; number < 32; ++number)
         sigaddset(&blocked, number);
+    // A blocked fault ends the process without its handler. SIGPROF is for profilers.
     for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT, SIGPROF})
         sigdelset(&blocked, fault);
     pthread_attr_setsigmask_np(&attributes, &blocked);
-    const AsOwnProcess ourselves; // a thread begins without its creator's impersonation
+    const AsOwnProcess ourselves; // a thread starts without the impersonation of its creator
     pthread_t thread;
     error = pthread_create(&thread, &attributes, procedure, argument);
     pthread_attr_destroy(&attributes);
@@ -174,8 +175,8 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, L
         delete start;
         return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
-    thread->references.store(2); // the handle's and the thread's
-    // The handle first: a thread that runs cannot be taken back.
+    thread->references.store(2); // of the handle and of the thread
+    // The handle first: a running thread cannot be undone.
     const HANDLE handle = NewHandle(thread, kAllRights);
     int error = 0;
     if (handle != nullptr) error = StartThread(stackSize, RunThread, start);
@@ -187,7 +188,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, L
         return nullptr;
     }
     if (threadId != nullptr) {
-        // Only the thread itself learns its number. It takes the moment that a thread needs to begin.
+        // Only the thread itself can find its number. It does so as soon as it runs.
         while (thread->threadId.load() == 0) {
             const SleepPoint begun{&thread->threadId, 0, false};
             SleepOn(&begun, 1, kNever);

@@ -1,4 +1,4 @@
-// Threads: the record that each has once the layer needs it.
+// Thread records: a thread gets one when the layer first needs it. State: thread.cpp.
 #pragma once
 
 #include "kernel/handles.h"
@@ -9,35 +9,35 @@ namespace oriel {
 
 struct MutexObject;
 
-// A thread's state, beside those of base/lock.h: it has come to its end by itself.
+// Value of the state word, after those of base/lock.h: the thread has ended by itself.
 constexpr uint32_t kLeft = 3;
 
-// What another thread may want to know of this one. The thread itself and every handle hold a reference.
+// What other threads may ask about a thread. The thread and every handle hold a reference.
 struct ThreadObject : Object {
     Word state{kRunning}; // kRunning, kTerminationAsked, kStopped, kLeft
-    Word ended{0};        // 1: ready to a wait
-    Word threadId{0};     // 0 until it has begun
+    Word ended{0};        // 1 once it has ended
+    Word threadId{0};     // 0 until it runs
     std::atomic<DWORD> exitCode{STATUS_PENDING};
-    bool lastRound = false; // its destructors have been run once
-    MutexObject* mutexes =
-        nullptr; // those it owns; touched by itself, and by nobody before it stands still or has left
+    bool lastRound = false;         // the key destructor has run once
+    MutexObject* mutexes = nullptr; // its own; others touch it only after it has stopped or ended
 };
 
 extern const ObjectType kThreadType;
 
-// The calling thread's record, made when there is none. Null when there is no memory for it.
+// The record of the calling thread, made on demand. Null when memory is lacking.
 ThreadObject* CurrentThread();
 
-// The thread has ended: wakes who waits for it.
+// Marks the thread as ended and wakes its waiters.
 void AnnounceEnd(ThreadObject& thread);
 
-// Gives up all mutexes of a thread that runs no longer (mutex.cpp).
+// Releases all mutexes of a thread that no longer runs, as abandoned (mutex.cpp).
 void AbandonMutexes(ThreadObject& thread);
 
-// Starts a detached thread with all signals blocked but its own faults and the real-time ones. 0, or a value of errno.
+// Starts a detached thread. All signals are blocked except faults and real-time signals. stackSize: usable bytes; 0 for
+// the usual size. Returns 0 or a value of errno.
 int StartThread(size_t stackSize, void* (*procedure)(void*), void* argument);
 
-// Stack of the layer's own threads, which call nothing but the system and the handlers that a program gave them.
+// For the layer's own threads, which call only the system and handlers that a program registered.
 constexpr size_t kOwnStackSize = 65536;
 
 } // namespace oriel

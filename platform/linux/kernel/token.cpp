@@ -1,5 +1,5 @@
-// Access tokens: opening them, what they say, and acting as their user. State: a record per open token, with the user
-// and groups as they were when it was opened.
+// Access tokens: opening and querying them, and impersonation. State: a record for each open token, with the user and
+// groups at the time of opening.
 #include "base/call.h"
 #include "kernel/process.h"
 #include "security/accounts.h"
@@ -35,13 +35,13 @@ BOOL GiveToken(Credentials credentials, DWORD access, PHANDLE token) {
     return TRUE;
 }
 
-// The refusal of a request for a token; ERROR_SUCCESS for none.
+// ERROR_SUCCESS, or why the request is refused.
 DWORD Refusal(DWORD access, PHANDLE token) {
     if (token == nullptr) return ERROR_INVALID_PARAMETER;
     return access == 0 || (access & ~kTokenRights) != 0 ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
 }
 
-// The record's fixed part is `fixed` bytes, `sids` follow it in order; place(i, address) puts the i-th address into the
+// Writes a record of `fixed` bytes and the SIDs after it; place(i, address) stores the address of the i-th SID in the
 // fixed part.
 template <typename Place>
 BOOL GiveSids(const std::vector<SidCopy>& sids, size_t fixed, LPVOID information, DWORD length, PDWORD needed,
@@ -73,7 +73,7 @@ BOOL WINAPI OpenProcessToken(HANDLE process, DWORD access, PHANDLE token) {
         const HandleUse<ProcessObject> use(process, kProcessType, PROCESS_QUERY_INFORMATION);
         if (!use) return FALSE;
         Credentials credentials;
-        // Asked after the reading: the number may be another process's once this one is gone.
+        // HasEnded comes after the reading: from then on the number may belong to another process.
         if (!ProcessCredentials(static_cast<pid_t>(use->id), credentials) || HasEnded(*use.Get()))
             return Fail(ERROR_INVALID_PARAMETER);
         return GiveToken(std::move(credentials), access, token);

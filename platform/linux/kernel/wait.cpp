@@ -1,8 +1,7 @@
-// Waits for objects, and Sleep.
+// Waits for objects, and Sleep. No state.
 //
-// A wait looks at each object in turn, lowest index first, and sleeps on the words of all of them, and on the thread's
-// own state word, until one has changed; then it looks again. It allocates nothing and changes no last error unless it
-// fails.
+// A wait looks at each object in turn, lowest index first. Then it sleeps on the words of all objects and on the state
+// word of the thread until one changes, and looks again. It allocates nothing, and sets the last error only on failure.
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 
@@ -20,6 +19,7 @@ DWORD FailWait(DWORD error) {
     return WAIT_FAILED;
 }
 
+// Keeps the objects of a wait alive, even if another thread closes their handles.
 struct Waiting {
     TerminationHold hold;
     HandlePin* const pins;
@@ -42,7 +42,7 @@ struct Waiting {
     }
 };
 
-// The result of the first object that can be had, or WAIT_TIMEOUT.
+// The result for the first object that is free, or WAIT_TIMEOUT.
 DWORD LookAtAll(Waiting& waiting, bool goingToSleep) {
     for (uint32_t i = 0; i < waiting.count; ++i) {
         Object* object = waiting.pins[i].object;
@@ -62,7 +62,7 @@ DWORD LookAtAll(Waiting& waiting, bool goingToSleep) {
     return WAIT_TIMEOUT;
 }
 
-// The thread's own word as the last of the points, if another thread could want to stop it.
+// Adds the state word of the thread as the last point. A thread without a record cannot be terminated.
 uint32_t AddOwnWord(SleepPoint* points, uint32_t count) {
     if (t_terminationWord == nullptr) return count;
     points[count] = {t_terminationWord, kRunning, false};
@@ -80,9 +80,10 @@ DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
         }
         const int64_t slice = sliceMs != 0 ? MonotonicNs() + sliceMs * kNsPerMs : kNever;
         const Awake awake = SleepOn(points, AddOwnWord(points, waiting.count), std::min(deadline, slice));
-        if (awake == Awake::Failed) return FailWait(ERROR_NOACCESS); // a file has been cut short
-        // About to be stopped, at the end of the outermost call: the result is for nobody.
+        if (awake == Awake::Failed) return FailWait(ERROR_NOACCESS); // another process truncated a file
+        // The thread stops at the end of the outermost call, so nobody sees this result.
         if (TerminationAsked()) return FailWait(ERROR_NO_SYSTEM_RESOURCES);
+        // A last look follows even the deadline: an object may have become free just before.
         const bool over = awake == Awake::TimedOut && deadline <= slice;
         const DWORD result = LookAtAll(waiting, !over);
         if (result != WAIT_TIMEOUT || over) return result;
@@ -136,6 +137,7 @@ void WINAPI Sleep(DWORD milliseconds) {
 }
 
 DWORD WINAPI GetTickCount() {
+    // As on Windows, time in suspend counts.
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
     return static_cast<DWORD>(static_cast<uint64_t>(now.tv_sec) * 1000 +
