@@ -1,19 +1,19 @@
-// The fault guard. No signal handler, no descriptor and no lock of its own: it keeps nothing but constant addresses, of
-// the process and of each thread, and the process's id.
+// The fault guard. It has no signal handler, no descriptor and no lock. State: constant addresses of the process and of
+// each thread, and the process id.
 //
-// Three ways, the first that serves:
+// There are three ways to copy; the first that applies is used:
 //
-// - A plain copy, where the address cannot fault: in the calling thread's own stack between here and its top (the
-//   frames of our callers, where most of them keep their buffers), and for reading in the constant segments of the
-//   main program (where names in quotes lie), which stay for the life of the process. A few nanoseconds.
-// - process_vm_readv and process_vm_writev on the own process. The kernel walks the pages with their protection; the
-//   own process is never refused by dumpable flags or security modules. One system call.
-// - Where a sandbox refuses those: through a pipe made for this one copy. The kernel takes and gives the caller's
-//   bytes by its own fault-safe copying. Five system calls, and again nothing that outlives the call.
+// - A plain copy, where the address cannot fault: in the stack of the calling thread from here to its top (the frames
+//   of our callers, where most of them keep their buffers), and for reads in the constant segments of the main program
+//   (its string literals), which stay mapped. A few nanoseconds.
+// - process_vm_readv and process_vm_writev on this process. The kernel respects the protection of the pages. Dumpable
+//   flags and security modules never refuse a process access to itself. One system call.
+// - Where a sandbox forbids those, a pipe for this one copy: the kernel copies fault-safely in and out. Five system
+//   calls, and nothing outlives the call.
 //
-// A memory file kept for each thread with a mapping would save about 0.3 of the 1.7 us of the second way. It was
-// measured and left: a hidden descriptor that the host program may close and reuse, a write that raises SIGXFSZ once
-// the host lowers its file size limit, and a mapping that a forked child shares, in a guard that exists to be harmless.
+// A memory file for each thread with a mapping would save about 0.3 of the 1.7 us of the second way. It was measured
+// and rejected: the host program could close and reuse its descriptor, a write could raise SIGXFSZ under a lowered file
+// size limit, and fork children would share the mapping.
 #include "memory/guard.h"
 
 #include <algorithm>
@@ -42,11 +42,11 @@ struct AddressRange {
     }
 };
 
-// Of the main thread's stack only this much is taken as such. The kernel keeps at least 128 MiB below its top free of
-// other mappings, so nothing foreign can lie in between.
+// The main thread's stack counts only up to this size. The kernel keeps at least 128 MiB below its top free of other
+// mappings.
 constexpr uintptr_t kMainStackReach = 64U << 20;
 
-// This thread's stack; empty when it could not be found out.
+// The stack of this thread; empty when it cannot be found.
 AddressRange FindOwnStack() {
     AddressRange stack;
     pthread_attr_t attributes;
@@ -62,14 +62,14 @@ AddressRange FindOwnStack() {
     return stack;
 }
 
-// The part of the own stack that is in use, from the frame of an export's caller up. Empty on a stack that is not the
-// thread's own (a coroutine, a signal stack).
+// True for the used part of the thread's stack, from the frame of an export's caller up. False on a stack that is not
+// the thread's own (a coroutine, a signal stack).
 bool InOwnFrames(const void* address, size_t size, const void* frame) {
     static thread_local bool known = false;
     static thread_local AddressRange stack;
     if (!known) [[unlikely]] {
-        // Before the look-up, which reads /proc on the main thread: a signal that comes in between finds an empty
-        // range.
+        // Before the look-up, which reads /proc on the main thread: a signal handler that comes in between sees an
+        // empty range.
         known = true;
         stack = FindOwnStack();
     }
@@ -83,7 +83,7 @@ struct ConstantSegments {
     AddressRange ranges[kMaxConstantSegments];
 };
 
-// Segments of the main program that are loaded without the right to write. The last page of each is mapped whole.
+// The segments of the main program that are not writable. Their last page is mapped as a whole.
 ConstantSegments FindConstantSegments() {
     ConstantSegments found;
     const auto collect = [](dl_phdr_info* module, size_t, void* context) {
@@ -96,7 +96,7 @@ ConstantSegments FindConstantSegments() {
             const uintptr_t begin = module->dlpi_addr + header.p_vaddr;
             segments.ranges[count++] = {begin, (begin + header.p_memsz + page - 1) & ~(page - 1)};
         }
-        return 1; // the first module is the main program; no more are wanted
+        return 1; // the first module is the main program: stop
     };
     dl_iterate_phdr(collect, &found);
     return found;
@@ -109,8 +109,8 @@ bool InConstantSegments(const void* address, size_t size) {
     });
 }
 
-// A copy that no sanitizer looks into: the caller of an export may well hand over more than one object of its stack,
-// and then it is for the export to say so.
+// Hidden from sanitizers: a caller of an export may pass memory that spans several objects of its stack, and the export
+// itself reports that.
 __attribute__((no_sanitize("address", "thread", "undefined"))) void PlainCopy(void* to, const void* from, size_t size) {
 #if defined(__x86_64__)
     asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(size) : : "memory");
@@ -122,8 +122,8 @@ __attribute__((no_sanitize("address", "thread", "undefined"))) void PlainCopy(vo
 #endif
 }
 
-// The process's id without a system call. It is kept on a page that the kernel clears in every kind of forked child:
-// the parent's id would designate the wrong memory.
+// The process id without a system call. It is on a page that the kernel clears in every kind of fork child: the id of
+// the parent would name the wrong memory.
 pid_t OwnProcessId() {
     static std::atomic<pid_t>* const kept = []() -> std::atomic<pid_t>* {
         const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -142,7 +142,7 @@ pid_t OwnProcessId() {
     return id;
 }
 
-// A step of a long copy that ended short is taken on from where it stopped, so that the count is exact to the page.
+// After a short step the copy continues where it stopped, so the count is exact to the page.
 constexpr size_t kLargestStep = 1U << 30;
 
 using Step = ssize_t (*)(void* to, const void* from, size_t size);
@@ -159,8 +159,7 @@ ssize_t WriteStep(void* to, const void* from, size_t size) {
     return process_vm_writev(OwnProcessId(), &local, 1, &remote, 1, 0);
 }
 
-// Both directions at once: the pipe takes the bytes from one address and gives them to the other, each by a raw call
-// that a sanitizer does not take for an access of ours.
+// One copy through a pipe, in and out. The raw calls are no accesses of this code to a sanitizer.
 ssize_t PipeStep(void* to, const void* from, size_t size) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
@@ -182,6 +181,7 @@ bool CopyInSteps(Step step, void* to, const void* from, size_t size, size_t* cop
         if (count > 0) {
             *copied += static_cast<size_t>(count);
         } else if (count < 0 && (errno == EPERM || errno == ENOSYS) && step != PipeStep) {
+            // A sandbox forbids the call; a bad address is EFAULT.
             step = PipeStep;
         } else {
             return false;
@@ -190,7 +190,7 @@ bool CopyInSteps(Step step, void* to, const void* from, size_t size, size_t* cop
     return true;
 }
 
-// The ranges of a copy must not pass the end of the address space: adding would wrap.
+// A range that passes the end of the address space: the sum would wrap around.
 bool Wraps(const void* address, size_t size) {
     return size > UINTPTR_MAX - reinterpret_cast<uintptr_t>(address);
 }

@@ -1,16 +1,20 @@
-// Copies that a bad address cannot bring down: what ReadProcessMemory and WriteProcessMemory are made of, for the
-// layer's own use where it reads records that it was handed.
+// Copies that survive a bad address. ReadProcessMemory and WriteProcessMemory are built on them, and the layer uses
+// them to read records of its callers.
+//
+// State: constant addresses (guard.cpp). Any thread may call these functions, also in a fork child.
 #pragma once
 
 #include <cstddef>
 
 namespace oriel {
 
-// Copies size bytes; true when all of them were. *copied tells how many, also on failure. The last error is untouched.
+// Copies size bytes; true when all were copied. *copied is the number of bytes copied, also on failure. The last error
+// stays as it was.
 bool GuardedRead(void* to, const void* from, size_t size, size_t* copied);
 bool GuardedWrite(void* to, const void* from, size_t size, size_t* copied);
 
-// One record, whole or not at all.
+// Copies one record, which need not be aligned. False when not all of it could be read; `to` may then be partly
+// overwritten.
 template <typename Record>
 bool GuardedCopy(Record& to, const void* from) {
     size_t copied = 0;

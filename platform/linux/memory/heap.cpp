@@ -1,8 +1,10 @@
-// Private heaps and the global allocator over the C library's.
+// Private heaps and GlobalAlloc, on top of the allocator of the C library.
 //
-// A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. There are several lists, each with
-// a lock of its own, and a thread keeps to one of them: threads that allocate at the same time do not meet. The locks
-// of all heaps are taken around fork, so that the child's heaps are usable.
+// A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. Each list has its own lock, and a
+// thread always uses the same list, so threads that allocate at the same time rarely wait for each other. Fork takes
+// the locks of all heaps, so the heaps of a child are usable.
+//
+// State: the list of heaps; each heap and its blocks.
 #include "base/call.h"
 #include "base/lock.h"
 
@@ -17,17 +19,17 @@
 namespace oriel {
 namespace {
 
-// In front of every block; the block is what follows. Freed blocks lose their tag, so that a second free is noticed as
-// long as the memory has not been used again.
+// Precedes every block. A freed block loses its tag, so a second free is detected until the memory is used again.
 struct alignas(16) BlockHeader {
     BlockHeader* previous;
     BlockHeader* next;
     size_t size;
-    uintptr_t tag; // address of the heap's list that the block is on; 0 when free
+    uintptr_t tag; // address of the list that has the block; 0 when free
 };
 static_assert(sizeof(BlockHeader) == 32);
 constexpr size_t kLargestBlock = PTRDIFF_MAX - sizeof(BlockHeader);
 
+// On a cache line of its own.
 struct alignas(64) BlockList {
     Lock lock;
     BlockHeader* first = nullptr;
@@ -46,7 +48,7 @@ struct Heap {
 Lock g_heapsLock;
 Heap* g_heaps ORIEL_LOCK_CHECK(guarded_by(g_heapsLock)) = nullptr;
 
-// The steps around fork. The lists are whole when the child gets them, and its locks are free.
+// Around fork: the child gets whole lists and free locks.
 void LockAllHeaps() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_heapsLock.Acquire();
     for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
@@ -69,12 +71,13 @@ Heap* HeapOf(HANDLE handle) {
 }
 
 BlockList& OwnList(Heap& heap) {
+    // Threads are spread over the lists in the order of their first allocation.
     static std::atomic<unsigned> threads{0};
     static thread_local const unsigned index = threads.fetch_add(1, std::memory_order_relaxed) % kListCount;
     return heap.lists[index];
 }
 
-// The list that a block is on, which tells the heap too; null when it is not a block of this heap.
+// The list of a block, which also identifies the heap. Null when the block is not from this heap.
 BlockList* ListOf(Heap& heap, const BlockHeader* header) {
     const auto begin = reinterpret_cast<uintptr_t>(&heap.lists[0]);
     const uintptr_t offset = header->tag - begin;
@@ -99,7 +102,7 @@ HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
     auto* heap = new (std::nothrow) Heap;
     if (heap == nullptr) return Fail<HANDLE>(ERROR_NOT_ENOUGH_MEMORY);
     static const int forkHandlers = pthread_atfork(LockAllHeaps, UnlockAllHeaps, UnlockAllHeaps);
-    static_cast<void>(forkHandlers); // without memory for them only the children of fork suffer
+    static_cast<void>(forkHandlers); // if they cannot be installed, only fork children suffer
     const LockHold hold(g_heapsLock);
     heap->next = g_heaps;
     if (g_heaps != nullptr) g_heaps->previous = heap;
@@ -131,8 +134,9 @@ BOOL WINAPI HeapDestroy(HANDLE handle) {
 LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     Heap* heap = HeapOf(handle);
     if (heap == nullptr || RefusedFlags(flags, HEAP_ZERO_MEMORY)) return nullptr;
+    // As on Windows, the heap functions do not set the last error when memory is lacking.
     if (bytes > kLargestBlock) return nullptr;
-    const TerminationHold whole; // the C library's allocator has locks too
+    const TerminationHold whole; // the allocator of the C library has locks too
     const size_t size = bytes + sizeof(BlockHeader);
     void* memory = (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, size) : std::malloc(size);
     if (memory == nullptr) return nullptr;
@@ -162,7 +166,7 @@ BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
         if (header->next != nullptr) header->next->previous = header->previous;
         if (list->first == header) list->first = header->next;
     }
-    *static_cast<volatile uintptr_t*>(&header->tag) = 0; // volatile, or it would be left out as dead
+    *static_cast<volatile uintptr_t*>(&header->tag) = 0; // volatile: the compiler would drop this write as dead
     std::free(header);
     return TRUE;
 }
@@ -179,7 +183,7 @@ SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
     if (RefusedFlags(flags, GPTR)) return nullptr;
     const TerminationHold whole;
-    // A block of 0 bytes is a block.
+    // 0 bytes is a valid size, and malloc(0) may return null.
     const size_t size = bytes == 0 ? 1 : bytes;
     void* memory = nullptr;
     if (size <= kLargestBlock) memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
