@@ -1,4 +1,5 @@
-// Connections: how a file is trusted, opened, made and closed; and the errors of SQLite as those of the system.
+// Connections: how a file is checked, opened, created and closed, and the Win32 errors for those of SQLite. State: the
+// list of databases; each has its connection.
 #include "store/database.h"
 
 #include "base/call.h"
@@ -34,8 +35,7 @@ DWORD FileError(int error) {
 }
 
 DWORD ErrorOf(sqlite3* connection, int result) {
-    // A change that its writer did not survive, met by a user who may not undo it: it is held up until one who may
-    // comes by.
+    // The writer of a change died, and this user may not roll it back. The next user who may write does it.
     if (result == SQLITE_READONLY_ROLLBACK) return ERROR_BUSY;
     if (result == SQLITE_IOERR_DATA) return ERROR_BADDB;
     switch (result & 0xff) {
@@ -59,12 +59,12 @@ DWORD ErrorOf(sqlite3* connection, int result) {
     case SQLITE_IOERR:
         return ERROR_REGISTRY_IO_FAILED;
     default:
-        // Our statements fit our schema: a file that they do not fit is damaged.
+        // The statements fit the schema. If they fail, the file is damaged.
         return ERROR_BADDB;
     }
 }
 
-// A link, a pipe or another user's file in this place is not ours to open. The directory's owner decides what is in it.
+// Refuses links, pipes and files of other users. The owner of the directory decides what is in it.
 DWORD CheckFile(const std::string& path) {
     struct stat file {};
     struct stat directory {};
@@ -74,8 +74,8 @@ DWORD CheckFile(const std::string& path) {
     return ERROR_SUCCESS;
 }
 
-// An empty file, which SQLite takes for an empty database. Nothing of SQLite's may be open on it: closing a file drops
-// the process's locks on it.
+// Creates an empty file, which is an empty database to SQLite. No connection may be open: close() would drop the locks
+// of the process on the file.
 DWORD CreateFileIfMissing(const std::string& path, mode_t mode) {
     const int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (file < 0) return errno == EEXIST ? ERROR_SUCCESS : FileError(errno);
@@ -85,7 +85,7 @@ DWORD CreateFileIfMissing(const std::string& path, mode_t mode) {
     return result == 0 ? ERROR_SUCCESS : FileError(error);
 }
 
-// Another process has the file: come back soon, unless that goes on for too long or this thread is to be terminated.
+// Another process has locked the file: retry soon, unless it takes too long or this thread is to be terminated.
 int WhenBusy(void*, int count) {
     if (TerminationAsked() || count >= g_timings.registryBusy / kBusySliceMs) return 0;
     const timespec slice{0, kBusySliceMs * kNsPerMs};
@@ -125,8 +125,8 @@ Database::Database(const DatabaseKind& kind, DatabaseRank rank) : m_kind(kind) {
     g_databases[static_cast<size_t>(rank)] = this;
 }
 
-// A child inherits whole databases, and the parent's connections only to leave them behind: they must be neither used
-// nor closed.
+// A child inherits whole databases. It abandons the connections of its parent: SQLite allows neither their use nor
+// their closing after fork.
 struct DatabaseFork {
     static void Before() {
         for (Database* database : g_databases)
@@ -152,7 +152,7 @@ bool Database::MayWrite() const {
     if (path.empty()) path = MissingStateDirectory();
     if (path.empty()) return false;
     if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT) return false;
-    // The journal and what is missing are made in the nearest directory that exists.
+    // The journal and missing directories are made in the nearest directory that exists.
     do {
         path = DirectoryOf(path);
         if (faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return true;
@@ -161,6 +161,7 @@ bool Database::MayWrite() const {
 }
 
 DWORD Database::Open(bool create) {
+    // A file that was replaced or deleted is opened anew.
     int moved = 0;
     if (m_connection != nullptr &&
         sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved == 0)
@@ -177,18 +178,19 @@ DWORD Database::Connect(bool create) {
     DWORD error = ERROR_SUCCESS;
     if (create) error = CreateFileIfMissing(path, m_kind.mode);
     if (error == ERROR_SUCCESS) error = CheckFile(path);
-    // A folder that only another user may make.
+    // Only another user may make the folder.
     if (create && error == ERROR_FILE_NOT_FOUND) error = ERROR_ACCESS_DENIED;
     if (error != ERROR_SUCCESS) return error;
 
     WatchForFork();
     const char* vfs = CheckedPagesVfs();
     if (vfs == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    // Not to be created; falls back to reading where the user may not write. Our own lock stands in for SQLite's.
+    // Without SQLITE_OPEN_CREATE, and read-only where the user may not write. m_lock replaces the mutex of SQLite.
     int result = sqlite3_open_v2(path.c_str(), &m_connection,
                                  SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, vfs);
     if (result != SQLITE_OK) return ErrorOf(m_connection, result);
     sqlite3_busy_handler(m_connection, WhenBusy, nullptr);
+    // Another user may have written the file: its schema is not trusted.
     sqlite3_db_config(m_connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(m_connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     result = Execute(m_connection, "PRAGMA cell_size_check = ON; PRAGMA temp_store = MEMORY");
@@ -198,7 +200,7 @@ DWORD Database::Connect(bool create) {
     result = ReadIdentity(m_connection, &identity);
     if (result != SQLITE_OK) return ErrorOf(m_connection, result);
     if (identity.pages == 0) {
-        if (!create) return ERROR_FILE_NOT_FOUND; // made just now, and not yet filled
+        if (!create) return ERROR_FILE_NOT_FOUND; // created by another process, not yet filled
         error = CreateSchema();
         if (error != ERROR_SUCCESS) return error;
         result = ReadIdentity(m_connection, &identity);
@@ -216,13 +218,14 @@ DWORD Database::Connect(bool create) {
 }
 
 DWORD Database::CreateSchema() {
+    // The text of the PRAGMA below.
     static_assert(kPageSize == 4096);
     int reserve = kPageReserve;
     int result = sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserve);
     if (result == SQLITE_OK) result = Execute(m_connection, "PRAGMA page_size = 4096; BEGIN IMMEDIATE");
     int64_t version = 0;
     if (result == SQLITE_OK) result = ReadNumber(m_connection, "PRAGMA user_version", &version);
-    // Another process may have been faster.
+    // Another process may have created the schema first.
     if (result == SQLITE_OK && version == 0) {
         const std::string text = std::string(m_kind.schema) +
                                  "; PRAGMA application_id = " + std::to_string(m_kind.applicationId) +
@@ -241,7 +244,7 @@ void Database::Close() {
     m_connection = nullptr;
 }
 
-// When the library is unloaded or the process exits. A connection that a thread still uses is left to the system.
+// At unload and at exit. A connection in use by another thread is left to the kernel.
 void Database::CloseAll() {
     bool all = true;
     for (Database* database : g_databases) {
@@ -263,7 +266,7 @@ DatabaseHold::DatabaseHold(Database& database, DatabaseUse use) : m_database(dat
 
 DatabaseHold::~DatabaseHold() {
     if (m_inTransaction) sqlite3_exec(m_database.m_connection, "ROLLBACK", nullptr, nullptr, nullptr);
-    // The next use starts from the file as it is then: it may have been repaired.
+    // The next use opens the file again: somebody may have repaired it.
     if (m_error == ERROR_BADDB || m_error == ERROR_REGISTRY_IO_FAILED) m_database.Close();
 }
 
@@ -296,7 +299,7 @@ Query& Query::Bind(int64_t number) {
 }
 
 Query& Query::Bind(std::string_view bytes) {
-    // SQLite takes a null pointer for NULL, which is not an empty value.
+    // SQLite stores a null pointer as NULL, not as an empty value.
     const char* data = bytes.data() != nullptr ? bytes.data() : "";
     if (m_statement != nullptr)
         sqlite3_bind_blob(m_statement, ++m_bound, data, static_cast<int>(bytes.size()), SQLITE_STATIC);
@@ -332,7 +335,7 @@ int64_t Query::Changes() const {
 
 DWORD GrantRights(DWORD asked, const RightsMap& map, DWORD readers, const Database& store, DWORD* granted) {
     const DWORD kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
-    // A right to wait is in no kind, and harmless.
+    // SYNCHRONIZE is in no kind, and harmless.
     DWORD rights = asked & ~(kGeneric | MAXIMUM_ALLOWED | SYNCHRONIZE);
     if ((rights & ~map.all) != 0) return ERROR_ACCESS_DENIED;
     if ((asked & GENERIC_READ) != 0) rights |= map.read;

@@ -1,8 +1,12 @@
-// A SQLite file of the layer: opened on first need, one connection for each process, shared by its threads.
+// A SQLite file of the layer. A process opens it on first use, with one connection that its threads share; a fork child
+// opens it anew.
 //
-// Readers of other users need no right to write: changes go through a rollback journal. Reading creates nothing; a file
-// that is not there yet reads as empty. Every page has a check sum (checked_pages.h), the file a kind and a version,
-// and what does not match is ERROR_BADDB. A fork child opens the file anew.
+// Readers need no right to write: changes use a rollback journal. Reading creates nothing; a missing file reads as
+// empty.
+//
+// Every page has a check sum (checked_pages.h), the file a kind and a version. What does not match is ERROR_BADDB.
+//
+// State: the connections, in static objects of the folders that have a database.
 #pragma once
 
 #include "kernel/named_object.h"
@@ -20,31 +24,36 @@ struct sqlite3_stmt;
 
 namespace oriel {
 
+// What is fixed about a database. The arrays and texts must live as long as the process.
 struct DatabaseKind {
-    int applicationId; // told by file(1), and by nobody else's databases
+    int applicationId; // shown by file(1); unique to these databases
     int version;       // of the schema
     const char* schema;
+    // SQL texts; Query names them by index.
     std::span<const char* const> statements;
-    unsigned mode; // of the file, whatever the umask
-    // Where the file is. create: make its directories; an empty string when they cannot be had, or not be trusted.
+    unsigned mode; // of a new file, whatever the umask
+    // The path of the file. create: makes its directories. Empty when they cannot be made or trusted.
     std::string (*path)(bool create);
 };
 
-// A thread that holds several takes the one of the lower rank first: a change of the spool writes the registry.
+// The lock order: a thread that holds several databases takes the lower rank first. A change of the spool writes to the
+// registry.
 enum class DatabaseRank { kSpool, kUserRegistry, kMachineRegistry };
 
-// Static objects; they are never destroyed, for threads that outlive the end of main() may still use them.
+// Only static objects, which are never destroyed: threads may use them after main().
 class Database {
 public:
+    // Registers the database under its rank, for fork and for the end of the process. kind must outlive it.
     Database(const DatabaseKind& kind, DatabaseRank rank);
 
-    // Whether this user may change the file, or make it. Asks the system; nothing is opened or created.
+    // Whether this user may change or create the file. Queries permissions only; opens and creates nothing.
     bool MayWrite() const;
 
 private:
     friend class DatabaseHold;
     friend class Query;
 
+    // All with m_lock held. Error codes as in DatabaseHold::Error.
     DWORD Open(bool create);
     DWORD Connect(bool create);
     DWORD CreateSchema();
@@ -55,17 +64,18 @@ private:
     const DatabaseKind& m_kind;
     sqlite3* m_connection = nullptr;
     std::vector<sqlite3_stmt*> m_statements;
-    // Held while another process is waited for, at most as long as SQLite's busy handler allows.
+    // Held during waits for other processes, at most as long as the busy handler allows (Timings.registryBusy).
     std::mutex m_lock;
 };
 
 enum class DatabaseUse {
     kLook,     // single statements
-    kSnapshot, // several that must fit together
-    kChange,   // a transaction; opens for writing, and creates
+    kSnapshot, // several statements that must agree
+    kChange,   // a transaction; creates the file if necessary
 };
 
-// The right to use a database, for as long as it lives. A change that was not committed is undone.
+// Holds a database for the life of the guard; other threads of the process wait. A change without Commit is rolled
+// back.
 class DatabaseHold {
 public:
     DatabaseHold(Database& database, DatabaseUse use);
@@ -73,10 +83,18 @@ public:
     DatabaseHold(const DatabaseHold&) = delete;
     DatabaseHold& operator=(const DatabaseHold&) = delete;
 
-    // ERROR_SUCCESS, ERROR_FILE_NOT_FOUND (only for reading: nothing was ever stored), ERROR_BUSY (held by others for
-    // five seconds), ERROR_BADDB, ERROR_ACCESS_DENIED, ERROR_REGISTRY_IO_FAILED, ERROR_DISK_FULL,
-    // ERROR_NOT_ENOUGH_MEMORY.
+    // The first error of the hold:
+    //
+    //   ERROR_SUCCESS
+    //   ERROR_FILE_NOT_FOUND      only for reads: nothing was ever stored
+    //   ERROR_BUSY                other processes held it for five seconds
+    //   ERROR_BADDB               damaged, or not a database of this kind and version
+    //   ERROR_ACCESS_DENIED
+    //   ERROR_REGISTRY_IO_FAILED
+    //   ERROR_DISK_FULL
+    //   ERROR_NOT_ENOUGH_MEMORY
     DWORD Error() const { return m_error; }
+    // Ends the transaction. Returns Error(); after an error nothing is committed.
     DWORD Commit();
 
 private:
@@ -90,7 +108,8 @@ private:
     bool m_inTransaction = false;
 };
 
-// A prepared statement in use. Values are bound in order; bytes must live as long as the query.
+// A prepared statement in use, on the thread of the hold. Parameters are bound in order; bound bytes must outlive the
+// query. In a hold with an error, Next and Run return false.
 class Query {
 public:
     Query(DatabaseHold& hold, size_t statement);
@@ -100,13 +119,14 @@ public:
 
     Query& Bind(int64_t number);
     Query& Bind(std::string_view bytes);
-    // Goes to the next row. False behind the last and after an error, which is then the hold's.
+    // Goes to the next row. False after the last one and on error, which the hold then has.
     bool Next();
-    // For statements without rows: false after an error.
+    // Runs a statement without rows. False on error.
     bool Run();
+    // Columns of the current row, from 0. The bytes are valid until the next call of Next.
     int64_t Number(int column) const;
     std::string_view Bytes(int column) const;
-    // Rows that the statement changed.
+    // How many rows the statement changed.
     int64_t Changes() const;
 
 private:
@@ -115,9 +135,9 @@ private:
     int m_bound = 0;
 };
 
-// The rights that are asked for, generic ones and MAXIMUM_ALLOWED resolved. Windows looks at an object's descriptor;
-// here everybody who may read the store has the rights of readers, and the others go with the right to write it.
-// ERROR_ACCESS_DENIED, also for bits that the kind does not have.
+// Resolves generic rights and MAXIMUM_ALLOWED. Windows looks at the security descriptor of an object; here everybody
+// who can read the store has the rights `readers`, and all others require the right to write to it.
+// ERROR_ACCESS_DENIED, also for bits that the kind does not have; *granted is then untouched.
 DWORD GrantRights(DWORD asked, const RightsMap& map, DWORD readers, const Database& store, DWORD* granted);
 
 } // namespace oriel
