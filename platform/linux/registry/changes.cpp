@@ -1,3 +1,4 @@
+// Changes of the registry: their steps, and lists of changes in one transaction. No state.
 #include "registry/changes.h"
 
 #include <algorithm>
@@ -6,7 +7,7 @@
 namespace oriel {
 namespace {
 
-// A change with its names divided and folded.
+// A change with its names split and folded, before the first hold.
 struct PreparedChange {
     const RegistryChange* change;
     std::vector<KeyName> names;
@@ -36,6 +37,7 @@ LSTATUS ApplyChange(DatabaseHold& hold, const PreparedChange& prepared) {
         return WriteValue(hold, key, prepared.value, change.type, change.data);
     }
     const LSTATUS found = FindKey(hold, prepared.path, kRootKey, &key);
+    // Without the key there is nothing to delete, and the value is absent.
     if (found == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
     if (found != ERROR_SUCCESS) return found;
     if (change.kind == RegistryChange::kRequireAbsent) {
@@ -77,11 +79,13 @@ bool Concerns(std::span<const RegistryChange> changes, Root root) {
 LSTATUS FindKey(DatabaseHold& hold, const std::string& path, int64_t other, int64_t* key) {
     Query query(hold, kFindKey);
     if (query.Bind(path).Bind(other).Next()) {
+        // Both keys come from one statement, so no writer can come in between.
         if (query.Number(1) == 0) return ERROR_KEY_DELETED;
         *key = query.Number(0);
         return ERROR_SUCCESS;
     }
     if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
+    // Which of the two keys is missing?
     Query read(hold, kReadKey);
     if (read.Bind(other).Next()) return ERROR_FILE_NOT_FOUND;
     return hold.Error() != ERROR_SUCCESS ? static_cast<LSTATUS>(hold.Error()) : ERROR_KEY_DELETED;
@@ -126,6 +130,7 @@ LSTATUS WriteValue(DatabaseHold& hold, int64_t key, const ValueName& name, DWORD
 }
 
 LSTATUS DeleteKeyTree(DatabaseHold& hold, const std::string& path, const std::string& parentPath) {
+    // The keys below path start with path and a backslash, so they sort before path and "]", the next character.
     const std::string first = path + '\\';
     const std::string behind = path + ']';
     Query(hold, kDeleteTreeValues).Bind(path).Bind(first).Bind(behind).Run();
@@ -146,7 +151,7 @@ LSTATUS ApplyChanges(std::span<const RegistryChange> changes, size_t* failed) {
         if (failed != nullptr) *failed = at;
         return error;
     }
-    // In the order of the stores' ranks, however the changes are mixed.
+    // In the order of ranks, whatever the order of the changes: otherwise two processes could deadlock.
     constexpr Root kRoots[2] = {Root::kUser, Root::kMachine};
     std::optional<DatabaseHold> holds[2];
     for (int at = 0; at < 2; ++at) {
@@ -155,6 +160,7 @@ LSTATUS ApplyChanges(std::span<const RegistryChange> changes, size_t* failed) {
         const LSTATUS error = ApplyToRoot(*holds[at], kRoots[at], prepared);
         if (error != ERROR_SUCCESS) return error;
     }
+    // Two files cannot be committed at once. All changes are applied before the first commit, so little can still fail.
     for (int at = 1; at >= 0; --at) {
         const DWORD error = holds[at].has_value() ? holds[at]->Commit() : ERROR_SUCCESS;
         if (error != ERROR_SUCCESS) return static_cast<LSTATUS>(error);

@@ -1,4 +1,5 @@
-// Changes of the registry: the steps of which every writing call is made, and lists of changes that happen together.
+// Changes of the registry: the steps of all writing calls, and lists of changes in one transaction. No state; any
+// thread may call these functions.
 #pragma once
 
 #include "registry/root.h"
@@ -9,47 +10,52 @@
 
 namespace oriel {
 
-// Steps within a DatabaseHold that changes. ERROR_SUCCESS or a code; after a code the hold is not to be committed.
-// Names come folded, for folding may read the registry itself: the code page is kept there.
+// The steps run inside a DatabaseHold with kChange. They return ERROR_SUCCESS or a code; after a code, the hold must
+// not be committed. They take folded names: folding may itself read the registry (it has the code page), which must not
+// happen inside a hold.
 
-// The key below parent (whose folded path is given), made when it is missing with all above it. *created may be null.
+// Finds the key below `parent`, whose folded path is parentPath, or makes it with all missing keys above it. *created
+// may be null. ERROR_INVALID_PARAMETER when the path becomes too long or too deep.
 LSTATUS MakeKey(DatabaseHold& hold, int64_t parent, std::string_view parentPath, const std::vector<KeyName>& names,
                 int64_t* key, bool* created);
-// A value's names, and whether they and the data keep to the limits (else ERROR_INVALID_PARAMETER).
+// Folds the name of a value and checks the limits of name and data: ERROR_INVALID_PARAMETER. `spelled` refers to the
+// argument.
 struct ValueName {
     std::string_view spelled;
     std::string folded;
 };
 LSTATUS CheckValue(std::string_view name, size_t dataSize, ValueName* result);
-// ERROR_KEY_DELETED when there is no such key.
+// Adds or replaces a value. ERROR_KEY_DELETED when the key does not exist.
 LSTATUS WriteValue(DatabaseHold& hold, int64_t key, const ValueName& name, DWORD type, std::string_view data);
-// Deletes a key with all below it; one that is not there is no error.
+// Deletes a key and everything below it. A missing key is not an error.
 LSTATUS DeleteKeyTree(DatabaseHold& hold, const std::string& path, const std::string& parentPath);
-// *key: ERROR_FILE_NOT_FOUND when there is none. other: a key that must exist too, else ERROR_KEY_DELETED.
+// Finds a key by its folded path. ERROR_FILE_NOT_FOUND when it is missing, ERROR_KEY_DELETED when `other` is: a key
+// that must exist too.
 LSTATUS FindKey(DatabaseHold& hold, const std::string& path, int64_t other, int64_t* key);
 
+// One change of a list.
 struct RegistryChange {
     enum Kind {
         kMakeKey,
         kDeleteTree,
-        kSetValue,     // the key is made when it is missing
-        kDeleteValue,  // one that is not there is no error
-        kRequireAbsent // the value must not exist: ERROR_ALREADY_EXISTS
+        kSetValue,     // makes the key if it is missing
+        kDeleteValue,  // a missing value is not an error
+        kRequireAbsent // ERROR_ALREADY_EXISTS if the value exists
     };
     Kind kind;
     Root root = Root::kMachine;
-    std::string path; // as it is spelled
+    std::string path; // not folded, without the root
     std::string name = {};
     DWORD type = REG_NONE;
     std::string data = {};
 };
 
-// Does all of them or none: one transaction for each root, HKEY_LOCAL_MACHINE's being ended first. The order between
-// changes of one root is kept. *failed (may be null): the change that can never be made, with ERROR_INVALID_PARAMETER,
-// ERROR_BAD_PATHNAME or ERROR_ACCESS_DENIED; for other failures it is untouched.
+// Makes all changes or none, in order, with one transaction for each root. That of HKEY_LOCAL_MACHINE is committed
+// first, and stays if the other commit fails. *failed (may be null) is the index of a change that can never be made:
+// ERROR_INVALID_PARAMETER, ERROR_BAD_PATHNAME, ERROR_ACCESS_DENIED. After other errors it is untouched.
 LSTATUS ApplyChanges(std::span<const RegistryChange> changes, size_t* failed = nullptr);
 
-// The data of a REG_SZ, with its NUL, and of a REG_DWORD.
+// The bytes of a REG_SZ (with its NUL) and of a REG_DWORD.
 std::string TextData(std::string_view text);
 std::string DwordData(DWORD number);
 

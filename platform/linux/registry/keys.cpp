@@ -1,4 +1,4 @@
-// The calls on keys and values.
+// The Reg... calls for keys and values. State: open keys, as objects in the handle table.
 #include "registry/keys.h"
 
 #include "base/call.h"
@@ -27,13 +27,14 @@ LSTATUS GrantAccess(Root root, REGSAM asked, REGSAM* granted) {
 
 LSTATUS HandOut(OpenKey key, PHKEY result) {
     const DWORD access = key.access;
+    // Lack of memory throws, and becomes a code in CodeCall.
     HANDLE handle = NewHandle(new KeyObject{{&kKeyType}, std::move(key)}, access);
     if (handle == nullptr) return static_cast<LSTATUS>(GetLastError());
     *result = static_cast<HKEY>(handle);
     return ERROR_SUCCESS;
 }
 
-// The keys that are open in every process.
+// The predefined keys, open in every process. Never destroyed: threads may outlive main().
 const OpenKey* PredefinedKey(HKEY key) {
     static const OpenKey& machine = *new OpenKey{Root::kMachine, kRootKey, {}, KEY_ALL_ACCESS};
     static const OpenKey& user = *new OpenKey{Root::kUser, kRootKey, {}, KEY_ALL_ACCESS};
@@ -47,6 +48,7 @@ LSTATUS DeleteOneKey(DatabaseHold& hold, const OpenKey& base, const std::string&
     if (found != ERROR_SUCCESS) return found;
     {
         Query count(hold, kCountSubKeys);
+        // As on Windows NT: RegDeleteKey refuses a key with subkeys.
         if (count.Bind(id).Next() && count.Number(0) != 0) return ERROR_ACCESS_DENIED;
     }
     return DeleteKeyTree(hold, path, parentPath);
@@ -84,7 +86,7 @@ LSTATUS LocateKey(const OpenKey& base, const std::string& path, int64_t* id) {
 }
 
 LSTATUS NothingFound(DatabaseHold& hold, const OpenKey& key, LSTATUS otherwise) {
-    // A root is always there, even before anything was stored.
+    // A root key always exists, even before anything was stored.
     if (hold.Error() == ERROR_FILE_NOT_FOUND) return key.id == kRootKey ? otherwise : ERROR_KEY_DELETED;
     Query read(hold, kReadKey);
     if (read.Bind(key.id).Next()) return otherwise;
@@ -149,6 +151,7 @@ LSTATUS WINAPI RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD reserved, LPSTR ke
         open.path = JoinKeyPath(base->path, names);
         bool created = false;
         error = LocateKey(*base, open.path, &open.id);
+        // Opened for writing only if the key is missing: most calls find it, also for users who may not write.
         if (error == ERROR_FILE_NOT_FOUND) {
             if ((base->access & KEY_CREATE_SUB_KEY) == 0) return ERROR_ACCESS_DENIED;
             DatabaseHold hold(StoreOf(base->root), DatabaseUse::kChange);
@@ -166,6 +169,7 @@ LSTATUS WINAPI RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD reserved, LPSTR ke
 LSTATUS WINAPI RegCloseKey(HKEY key) {
     if (key == HKEY_LOCAL_MACHINE || key == HKEY_CURRENT_USER) return ERROR_SUCCESS;
     return CodeCall([&]() -> LSTATUS {
+        // Closes keys only; CloseHandle alone would close any handle.
         const KeyUse open(key, 0);
         return open.Error() == ERROR_SUCCESS && CloseHandle(key) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
     });
@@ -184,7 +188,7 @@ LSTATUS WINAPI RegDeleteKeyA(HKEY key, LPCSTR subKey) {
         const size_t last = path.rfind('\\');
         const std::string parentPath = last != std::string::npos ? path.substr(0, last) : std::string();
 
-        // Looked for first: a key that is not there is to create no file.
+        // Looked up first: the deletion of a missing key must not create the file.
         int64_t id = 0;
         error = LocateKey(*base, path, &id);
         if (error != ERROR_SUCCESS) return error;
@@ -207,6 +211,7 @@ LSTATUS WINAPI RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, LPDWORD nameSize
         if (!row.Bind(open->id).Bind(int64_t{index}).Next()) return NothingFound(hold, *open, ERROR_NO_MORE_ITEMS);
         const LSTATUS error = CopyName(row.Bytes(0), name, nameSize);
         if (error != ERROR_SUCCESS) return error;
+        // After the name: on failure no output changes. Keys have no class, so it is empty.
         if (lastWrite != nullptr) *lastWrite = FileTimeOf(row.Number(1));
         if (keyClass != nullptr) *keyClass = '\0';
         if (classSize != nullptr) *classSize = 0;
@@ -225,6 +230,7 @@ LSTATUS WINAPI RegQueryInfoKeyA(HKEY key, LPSTR keyClass, LPDWORD classSize, LPD
         int64_t found[6] = {};
         DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
         Query row(hold, kDescribeKey);
+        // A root that was never stored has no row, and reads as zeros.
         if (row.Bind(open->id).Next()) {
             for (int column = 0; column < 6; ++column)
                 found[column] = row.Number(column);
@@ -250,6 +256,7 @@ LSTATUS WINAPI RegQueryValueExA(HKEY key, LPCSTR valueName, LPDWORD reserved, LP
         if (reserved != nullptr || (data != nullptr && size == nullptr)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_QUERY_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
+        // Folded before the hold: folding may read the registry.
         const std::string folded = FoldName(TextOf(valueName));
         DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
         Query row(hold, kReadValue);

@@ -1,4 +1,4 @@
-// Open keys: what an HKEY stands for. They are in the process's table of handles.
+// Open keys, the objects of HKEY handles. State: in the handle table of the process.
 #pragma once
 
 #include "kernel/handles.h"
@@ -9,11 +9,12 @@
 
 namespace oriel {
 
+// A key as it was opened. It may have been deleted since: its id is then unknown to the store.
 struct OpenKey {
     Root root;
-    int64_t id;
+    int64_t id;       // of its row; never reused
     std::string path; // folded, from the root
-    REGSAM access;
+    REGSAM access;    // granted rights
 };
 
 struct KeyObject : Object {
@@ -21,16 +22,16 @@ struct KeyObject : Object {
 };
 extern const ObjectType kKeyType;
 
-// The key that a handle stands for, kept as long as this exists.
+// The key of a handle or of a predefined key, kept alive for the life of the guard.
 class KeyUse {
 public:
-    // access: the rights that the handle must have.
+    // access: the rights that the handle must have; 0 for none.
     KeyUse(HKEY key, REGSAM access);
     ~KeyUse();
     KeyUse(const KeyUse&) = delete;
     KeyUse& operator=(const KeyUse&) = delete;
 
-    // ERROR_SUCCESS, ERROR_INVALID_HANDLE, ERROR_ACCESS_DENIED.
+    // ERROR_SUCCESS, ERROR_INVALID_HANDLE or ERROR_ACCESS_DENIED. After an error there is no key to use.
     LSTATUS Error() const { return m_error; }
     const OpenKey& operator*() const { return *m_key; }
     const OpenKey* operator->() const { return m_key; }
@@ -41,21 +42,24 @@ private:
     LSTATUS m_error = ERROR_SUCCESS;
 };
 
-// A key below an open one, by its folded path from the root. ERROR_FILE_NOT_FOUND, ERROR_KEY_DELETED (the open one is
-// gone).
+// Finds the row of a key by its folded path from the root, in the root of `base`. ERROR_FILE_NOT_FOUND, or
+// ERROR_KEY_DELETED when `base` itself is gone.
 LSTATUS LocateKey(const OpenKey& base, const std::string& path, int64_t* id);
 
-// What a look-up that found nothing means for a key: ERROR_KEY_DELETED when it is gone, else the code given.
+// The code for a look-up without a result: ERROR_KEY_DELETED when the key is gone, the error of the hold, or
+// `otherwise`.
 LSTATUS NothingFound(DatabaseHold& hold, const OpenKey& key, LSTATUS otherwise);
 
-// Hands data out as the reading calls do: size in and out, data may be absent. ERROR_MORE_DATA.
+// Copies data to a caller: *size is the room on entry and the length on return, also for ERROR_MORE_DATA. data null:
+// only the length. size null: nothing.
 LSTATUS CopyData(std::string_view from, LPBYTE data, LPDWORD size);
-// The same for a name, whose size counts the NUL on entry only and stays as it is on ERROR_MORE_DATA.
+// Copies a name with its NUL. *size counts the NUL on entry only, and is unchanged on ERROR_MORE_DATA.
 LSTATUS CopyName(std::string_view from, LPSTR name, LPDWORD size);
 
+// From a time of the store (TimeNow).
 FILETIME FileTimeOf(int64_t time);
 
-// An absent string as an empty one.
+// A null pointer is an empty string.
 inline std::string_view TextOf(LPCSTR text) {
     return text != nullptr ? std::string_view(text) : std::string_view();
 }

@@ -1,4 +1,4 @@
-// The files of the two stores, their schema and statements; paths of keys. State: the two databases.
+// The files of the two stores, their schema and statements, and the paths of keys. State: the two databases.
 #include "registry/root.h"
 
 #include "base/directories.h"
@@ -12,8 +12,8 @@
 namespace oriel {
 namespace {
 
-// Numbers of keys are never used again, so that a handle of a deleted key finds nothing. Paths are folded and whole: a
-// key is found by one look-up, however deep it lies. Rows of both tables are in the order of their creation.
+// Ids of keys are never reused, so the handle of a deleted key finds nothing. Paths are folded and complete: one
+// look-up finds a key at any depth. The ids of both tables give the order of creation, in which rows are enumerated.
 constexpr const char* kSchema = R"(
 CREATE TABLE keys(
     id INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -61,7 +61,7 @@ bool IsOwned(const struct stat& directory) {
     return S_ISDIR(directory.st_mode) && directory.st_uid == geteuid();
 }
 
-// A directory with exactly this mode, whatever the umask. One that exists keeps its own.
+// Makes a directory with exactly this mode, whatever the umask. An existing one keeps its mode.
 bool MakeDirectory(const std::string& path, mode_t mode) {
     if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
     return chmod(path.c_str(), mode) == 0;
@@ -71,7 +71,8 @@ std::string RegistryDirectory(bool create) {
     const std::string& state = create ? MakeStateDirectory() : StateDirectory();
     if (state.empty()) return {};
     const std::string registry = state + "/registry";
-    // Only the state directory's owner (or root) makes the folders, so that the others find them shared.
+    // Only the owner of the state directory or root makes the shared folders: those that another user made would belong
+    // to that user.
     struct stat directory {};
     if (create && stat(state.c_str(), &directory) == 0 && (IsOwned(directory) || geteuid() == 0)) {
         if (!MakeDirectory(registry, 0755) || !MakeDirectory(registry + "/users", 01777)) return {};
@@ -89,7 +90,7 @@ std::string UserPath(bool create) {
     if (registry.empty()) return registry;
     const std::string own = registry + "/users/" + std::to_string(geteuid());
     if (create && !MakeDirectory(own, 0700)) return {};
-    // Anybody may make a directory of this name in a shared folder; what lies in another's is not believed.
+    // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted.
     struct stat directory {};
     if (lstat(own.c_str(), &directory) == 0 && (!IsOwned(directory) || (directory.st_mode & 022) != 0)) return {};
     return own + "/HKCU.sqlite";
@@ -98,6 +99,7 @@ std::string UserPath(bool create) {
 constexpr int kApplicationId = 0x4f724847; // "OrHG"
 constexpr int kVersion = 1;
 
+// Everybody may read what is set for the machine; the keys of a user are private.
 constexpr DatabaseKind kMachineKind = {
     .applicationId = kApplicationId,
     .version = kVersion,
@@ -138,10 +140,12 @@ LSTATUS DivideKeyPath(std::string_view path, std::vector<KeyName>* names) {
     size_t at = 0;
     while (at < path.size()) {
         size_t end = at;
+        // A character of two bytes may have a backslash as its second byte.
         while (end < path.size() && path[end] != '\\') {
             if (static_cast<unsigned char>(path[end]) < ' ') return ERROR_INVALID_PARAMETER;
             end += CharacterLength(path, end);
         }
+        // Beyond the end: the text ends within a character.
         if (end > path.size() || end - at > kLongestKeyName) return ERROR_INVALID_PARAMETER;
         const std::string_view name = path.substr(at, end - at);
         if (!name.empty()) names->push_back({name, FoldName(name)});

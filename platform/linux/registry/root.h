@@ -1,8 +1,10 @@
-// The two stores of the registry, the tables in them, and how keys are named.
+// The two stores of the registry, their tables, and the names of keys.
 //
-// HKEY_LOCAL_MACHINE is <state directory>/registry/HKLM.sqlite, mode 0644, of the user who made it. HKEY_CURRENT_USER
-// is <state directory>/registry/users/<uid>/HKCU.sqlite, in a directory that only its user may enter; users has mode
-// 1777 when root shares it.
+// HKEY_LOCAL_MACHINE: <state directory>/registry/HKLM.sqlite, mode 0644, owned by the user who created it.
+// HKEY_CURRENT_USER: <state directory>/registry/users/<uid>/HKCU.sqlite, mode 0600, in a directory of mode 0700. The
+// folder "users" has mode 1777.
+//
+// State: the two databases (root.cpp).
 #pragma once
 
 #include "store/database.h"
@@ -16,12 +18,13 @@ namespace oriel {
 
 enum class Root { kMachine, kUser };
 
+// The database of a root. Valid for the life of the process.
 Database& StoreOf(Root root);
 
-// The row of a root's own key.
+// The id of the row of a root key. It always exists.
 inline constexpr int64_t kRootKey = 1;
 
-// One row for each statement, in the order of kRegistryStatements.
+// Indexes of the statements, in the order of kRegistryStatements: parameters -> columns.
 enum RegistryStatement : size_t {
     kFindKey,      // path, id of another key -> id, whether the other exists
     kReadKey,      // id -> parent, name
@@ -38,14 +41,15 @@ enum RegistryStatement : size_t {
     kDeleteValues, // key
     kEnumValue,    // key, index -> name, type, data
     kValues,       // key -> name, type, data
-    // path, path + "\", path + "]": what is below a path lies between the last two
+    // path, path + "\", path + "]": the keys below path sort between the last two
     kDeleteTreeValues,
     kDeleteTree,
 };
 
-// 100 ns units since 1601-01-01, UTC, as a FILETIME has them.
+// Now, in 100 ns units since 1601-01-01 UTC, like a FILETIME.
 int64_t TimeNow();
 
+// Limits, in bytes; kDeepestPath in keys.
 inline constexpr size_t kLongestKeyName = 255;
 inline constexpr size_t kLongestValueName = 16383;
 inline constexpr size_t kLongestPath = 32767;
@@ -53,16 +57,16 @@ inline constexpr int kDeepestPath = 512;
 inline constexpr size_t kLargestData = 1 << 20;
 
 struct KeyName {
-    std::string_view spelled; // in the text that was divided
+    std::string_view spelled; // refers to the text that was split
     std::string folded;
 };
 
-// Divides a path below a key: trailing and doubled backslashes are passed over; none for an absent or empty path.
-// ERROR_BAD_PATHNAME: it starts with a backslash. ERROR_INVALID_PARAMETER: a name or the path is too long, or has
-// control characters.
+// Splits a path below a key and appends its names. Doubled and trailing backslashes are skipped; an empty path has no
+// names. ERROR_BAD_PATHNAME: it starts with a backslash. ERROR_INVALID_PARAMETER: a name or the path is too long, has
+// control characters or ends within a character.
 LSTATUS DivideKeyPath(std::string_view path, std::vector<KeyName>* names);
 
-// The folded path of a key below another, as the store has it: names with a backslash between them, "" for the root.
+// The folded path of a key as in the store: names joined by backslashes, "" for the root. `parent` is a folded path.
 std::string JoinKeyPath(std::string_view parent, const std::vector<KeyName>& names);
 
 } // namespace oriel

@@ -1,4 +1,4 @@
-// Writing .reg text: the keys are collected in one view of the store, then written without it.
+// Writes .reg text (REGEDIT4). The keys are read in one transaction and written after it. No state.
 #include "base/call.h"
 #include "registry/changes.h"
 #include "registry/keys.h"
@@ -22,18 +22,20 @@ struct CollectedValue {
 struct CollectedKey {
     int64_t id;
     int depth;
-    std::string path; // as it is spelled, with the root's name
+    std::string path; // not folded, with the name of the root
     std::vector<CollectedValue> values = {};
 };
 
 LSTATUS SpelledPath(DatabaseHold& hold, Root root, int64_t id, CollectedKey* key) {
     std::string path;
+    // From the key up: a row has only the id of its parent, and its path is folded.
     while (id != kRootKey) {
         Query row(hold, kReadKey);
         if (!row.Bind(id).Next())
             return hold.Error() != ERROR_SUCCESS ? static_cast<LSTATUS>(hold.Error()) : ERROR_KEY_DELETED;
         path = '\\' + std::string(row.Bytes(1)) + path;
         id = row.Number(0);
+        // A damaged store may have a cycle of parents.
         if (++key->depth > kDeepestPath) return ERROR_BADDB;
     }
     key->path = (root == Root::kMachine ? "HKEY_LOCAL_MACHINE" : "HKEY_CURRENT_USER") + path;
@@ -48,13 +50,13 @@ void CollectValues(DatabaseHold& hold, CollectedKey* key) {
             {std::string(row.Bytes(0)), static_cast<DWORD>(row.Number(1)), std::string(row.Bytes(2))});
 }
 
-// Parents before their children, and children in order: so they are made again in the order that they have.
+// Parents before their children, and children in their order: an import creates them in the same order.
 LSTATUS CollectTree(Root root, int64_t top, std::vector<CollectedKey>* keys) {
     DatabaseHold hold(StoreOf(root), DatabaseUse::kSnapshot);
     CollectedKey first{top, 0, {}};
     const LSTATUS found = SpelledPath(hold, root, top, &first);
     if (found != ERROR_SUCCESS) return found;
-    // Nothing was ever stored.
+    // Nothing was ever stored: the root is empty.
     if (hold.Error() == ERROR_FILE_NOT_FOUND) {
         keys->push_back(std::move(first));
         return ERROR_SUCCESS;
@@ -71,6 +73,7 @@ LSTATUS CollectTree(Root root, int64_t top, std::vector<CollectedKey>* keys) {
             waiting.push_back({row.Number(0), key.depth + 1, key.path + '\\' + std::string(row.Bytes(1))});
         if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
         if (key.depth > kDeepestPath) return ERROR_BADDB;
+        // The last entry is taken first.
         std::reverse(waiting.begin() + static_cast<ptrdiff_t>(before), waiting.end());
         keys->push_back(std::move(key));
     }
@@ -80,6 +83,7 @@ LSTATUS CollectTree(Root root, int64_t top, std::vector<CollectedKey>* keys) {
 std::string Quoted(std::string_view text) {
     std::string quoted = "\"";
     for (size_t at = 0; at < text.size();) {
+        // The second byte of a character may look like a backslash.
         const size_t length = CharacterLength(text, at);
         if (length == 1 && (text[at] == '\\' || text[at] == '"')) quoted += '\\';
         quoted += text.substr(at, length);
@@ -88,7 +92,8 @@ std::string Quoted(std::string_view text) {
     return quoted + '"';
 }
 
-// Whether a REG_SZ is one that quoted text gives back: one NUL, at its end.
+// Whether quoted text can represent the value exactly: one NUL, at the end, no line break and no incomplete character.
+// Otherwise it is written in hexadecimal.
 bool IsPlainText(const CollectedValue& value) {
     if (value.type != REG_SZ || value.data.empty() || value.data.find('\0') != value.data.size() - 1) return false;
     const std::string_view text(value.data.data(), value.data.size() - 1);

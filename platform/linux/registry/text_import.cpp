@@ -1,4 +1,4 @@
-// Reading .reg text: the whole of it becomes a list of changes first, then they are applied together.
+// Reads .reg text. All of it becomes a list of changes, which is then applied as one. No state.
 #include "base/call.h"
 #include "registry/changes.h"
 #include "registry/root.h"
@@ -14,7 +14,7 @@ namespace {
 constexpr std::string_view kAnsiHeader = "REGEDIT4";
 constexpr std::string_view kUnicodeHeader = "Windows Registry Editor Version 5.00";
 
-// UTF-8 to the ANSI code page. False when something is invalid or has no place there.
+// To the ANSI code page. False when a character is invalid or not in it: nothing is replaced by "?".
 bool WideToAnsi(std::u16string_view wide, std::string* ansi) {
     ansi->clear();
     if (wide.empty()) return true;
@@ -52,13 +52,14 @@ int HexDigit(char c) {
     return -1;
 }
 
+// The changes of a text, and the line of each.
 struct Import {
     std::vector<RegistryChange> changes;
     std::vector<DWORD> lines;
 };
 
-// Reads a text from its start to its end. Each procedure says whether what it stands for was there; the line is then
-// the one behind it, else the one to blame.
+// A parser from the start to the end of the text. Each function returns whether it found its element; m_line is then
+// the line after it, otherwise the line with the error.
 class TextReader {
 public:
     explicit TextReader(std::string_view text) : m_text(text) {}
@@ -102,7 +103,7 @@ bool TextReader::Decode(std::string_view from, std::string* text) const {
     return true;
 }
 
-// Without regard to case.
+// Ignores case.
 bool TextReader::TakeWord(std::string_view word) {
     const std::string_view there = m_text.substr(m_at, word.size());
     if (there.size() != word.size()) return false;
@@ -117,7 +118,7 @@ void TextReader::SkipBlanks() {
         ++m_at;
 }
 
-// Blanks, perhaps a comment, and the end of the line or of the text.
+// Skips blanks, a comment, and the end of the line or text.
 bool TextReader::TakeLineEnd() {
     SkipBlanks();
     if (Peek() == ';')
@@ -140,6 +141,7 @@ void TextReader::SkipLinesAndComments() {
 }
 
 bool TextReader::ReadHeader() {
+    // A byte order mark is allowed.
     if (m_text.substr(0, 3) == "\xef\xbb\xbf") m_at = 3;
     m_unicode = m_text.substr(m_at, kUnicodeHeader.size()) == kUnicodeHeader;
     if (!m_unicode && m_text.substr(m_at, kAnsiHeader.size()) != kAnsiHeader) return false;
@@ -147,7 +149,7 @@ bool TextReader::ReadHeader() {
     return TakeLineEnd();
 }
 
-// "[root\path]" or "[-root\path]": a name may have brackets itself, so the line's last one ends the path.
+// "[root\path]" or "[-root\path]". The name of a key may contain brackets, so the last one of the line ends the path.
 bool TextReader::ReadKey(RegistryChange* change) {
     std::string_view line = m_text.substr(m_at, m_text.find('\n', m_at) - m_at);
     while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r'))
@@ -167,18 +169,19 @@ bool TextReader::ReadKey(RegistryChange* change) {
     else
         return false;
     m_path = rootLength < whole.size() ? whole.substr(rootLength + 1) : std::string();
+    // Values may follow only a key that is not deleted.
     m_inKey = !removal;
     *change = {removal ? RegistryChange::kDeleteTree : RegistryChange::kMakeKey, m_root, m_path};
     return true;
 }
 
-// Text in quotation marks, which may go over several lines.
+// Quoted text, which may span lines.
 bool TextReader::ReadQuoted(std::string* text) {
     if (!Take('"')) return false;
     const DWORD begin = m_line;
     std::string raw;
     while (!AtEnd()) {
-        // In UTF-8 no byte of another character looks like one of these.
+        // In UTF-8, no byte of a longer character looks like one of these.
         const size_t length = m_unicode ? 1 : CharacterLength(m_text, m_at);
         if (length == 1) {
             if (Take('"')) return Decode(raw, text);
@@ -189,6 +192,7 @@ bool TextReader::ReadQuoted(std::string* text) {
         raw += m_text.substr(m_at, length);
         m_at += length;
     }
+    // The end of the quotation is missing: the error is where it began.
     m_line = begin;
     return false;
 }
@@ -201,7 +205,7 @@ bool TextReader::ReadNumber(size_t digits, DWORD* number) {
     return m_at > begin && m_at - begin <= digits;
 }
 
-// Bytes between commas; a backslash at a line's end goes on in the next line.
+// Bytes with commas between them. A backslash at the end of a line continues in the next.
 bool TextReader::ReadBytes(std::string* bytes) {
     for (bool first = true;; first = false) {
         SkipBlanks();
@@ -225,6 +229,7 @@ bool TextReader::ReadHexData(RegistryChange* change) {
     std::string bytes;
     if (!ReadBytes(&bytes)) return false;
     const bool isText = change->type == REG_SZ || change->type == REG_EXPAND_SZ || change->type == REG_MULTI_SZ;
+    // In version 5, hexadecimal bytes of a text are UTF-16.
     if (m_unicode && isText) return Utf16BytesToAnsi(bytes, &change->data);
     change->data = bytes;
     return true;
@@ -270,7 +275,7 @@ bool TextReader::ReadAll(Import* import) {
 LSTATUS ImportText(std::string_view text, DWORD* line) {
     std::string converted;
     if (text.substr(0, 2) == "\xff\xfe") {
-        // A file as Windows writes it.
+        // UTF-16, as Windows writes files.
         std::u16string wide(text.size() / 2 - 1, u'\0');
         text.copy(reinterpret_cast<char*>(wide.data()), wide.size() * 2, 2);
         converted.resize(wide.size() * 3);
@@ -287,6 +292,7 @@ LSTATUS ImportText(std::string_view text, DWORD* line) {
     }
     size_t failed = import.changes.size();
     const LSTATUS error = ApplyChanges(import.changes, &failed);
+    // An error of the store has no line.
     if (failed == import.changes.size()) return error;
     *line = import.lines[failed];
     return ERROR_BAD_FORMAT;
@@ -299,7 +305,7 @@ using namespace oriel;
 
 LSTATUS WINAPI RegImportTextA(const char* text, SIZE_T length, LPDWORD errorLine) {
     return CodeCall([&]() -> LSTATUS {
-        // What one list of changes may take of memory has to end somewhere.
+        // Limits the memory of one list of changes.
         constexpr SIZE_T kLongestText = 256 << 20;
         if (text == nullptr || length > kLongestText) return ERROR_INVALID_PARAMETER;
         DWORD line = 0;
