@@ -1,5 +1,5 @@
-// The user's desktop: the window station of the process and the display behind it. No state; all is found in the
-// environment at each call.
+// The desktop of the user: the window station of the process, and the display behind it. No state; each call reads the
+// environment.
 #include "base/call.h"
 #include "base/descriptor.h"
 
@@ -27,18 +27,18 @@ namespace {
 
 constexpr char kDesktopStation[] = "WinSta0";
 constexpr char kNoStation[] = "none";
-// A value that no handle table gives out, and that fits 32 bits.
+// The handle table never uses this value. It fits 32 bits.
 const HWINSTA kStation = ULongToHandle(0xFFFFFFE0U);
 
 constexpr unsigned kTcpPortOfDisplay0 = 6000;
-constexpr unsigned kDisplayMax = 59535; // its port is the last one
+constexpr unsigned kDisplayMax = 59535; // its port is 65,535
 
 const char* Variable(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
 }
 
-// A process with a display is on the desktop; any other has the station that Windows gives to services of its account.
+// A process with a display is on the desktop. Any other has the station that Windows gives to services of its account.
 std::string StationName() {
     if (const char* set = Variable("ORIEL_WINDOW_STATION"); *set != '\0') return set;
     if (*Variable("DISPLAY") != '\0' || *Variable("WAYLAND_DISPLAY") != '\0') return kDesktopStation;
@@ -47,20 +47,21 @@ std::string StationName() {
     return std::string("Service-0x0-") + account + "$";
 }
 
-// False only when there is certainly nobody.
+// Whether somebody listens at the address. In doubt true: false means that the desktop is gone.
 bool SomebodyListens(const void* address, size_t size) {
     const auto* generic = static_cast<const sockaddr*>(address);
     const Descriptor socket(::socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // connect() to a hung server must not hang this process too.
     const timeval second{.tv_sec = 1, .tv_usec = 0};
     if (!socket.IsOpen() || setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &second, sizeof second) != 0) return true;
     if (connect(socket.Get(), generic, static_cast<socklen_t>(size)) == 0) return true;
     return errno != ECONNREFUSED && errno != ENOENT;
 }
 
-// A first byte of '@' stands for the NUL of a name without a file.
+// A leading '@' stands for the NUL of an abstract socket.
 bool SomebodyListensAt(std::string_view path) {
     sockaddr_un address{.sun_family = AF_UNIX};
-    if (path.size() >= sizeof address.sun_path) return true; // no socket has such a name: we do not know where it is
+    if (path.size() >= sizeof address.sun_path) return true; // too long for a socket: it is elsewhere
     std::memcpy(address.sun_path, path.data(), path.size());
     if (path[0] == '@') address.sun_path[0] = '\0';
     return SomebodyListens(&address, offsetof(sockaddr_un, sun_path) + path.size());
@@ -72,7 +73,8 @@ bool WaylandLives(const std::string& name) {
     return folder.empty() || SomebodyListensAt(folder + "/" + name);
 }
 
-// "[HOST]:DISPLAY[.SCREEN]". A display that another machine's X server lends to a remote login is at "localhost".
+// "[HOST]:DISPLAY[.SCREEN]". A display forwarded by a remote login is at "localhost". Displays of other
+// hosts are not queried and count as alive.
 bool XLives(std::string_view name) {
     const size_t colon = name.rfind(':');
     if (colon == std::string_view::npos) return true;
@@ -91,10 +93,12 @@ bool XLives(std::string_view name) {
     }
     if (!host.empty() && host != "unix") return true;
     const std::string path = "/tmp/.X11-unix/X" + std::to_string(display);
+    // X servers listen at a file, an abstract name or both.
     return SomebodyListensAt(path) || SomebodyListensAt("@" + path);
 }
 
 bool DisplayLives() {
+    // With both displays, X is a guest of Wayland.
     if (const std::string wayland = Variable("WAYLAND_DISPLAY"); !wayland.empty()) return WaylandLives(wayland);
     return XLives(Variable("DISPLAY"));
 }

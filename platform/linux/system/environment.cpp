@@ -1,4 +1,5 @@
-// What a process finds around it: its user, its environment, its executable, and whether files are there.
+// The surroundings of a process: user name, environment variables, executable, files that can be opened. State: a
+// record for each open file.
 #include "base/call.h"
 #include "kernel/handles.h"
 #include "security/accounts.h"
@@ -43,7 +44,7 @@ HANDLE NoFile(DWORD error) {
     return Fail(error, INVALID_HANDLE_VALUE);
 }
 
-// What Windows answers for a file that cannot be opened: a missing folder on the way is told from a missing file.
+// The error of Windows for a file that cannot be opened. It distinguishes a missing folder from a missing file.
 DWORD OpenError(int error, const std::string& path) {
     if (error == ENOTDIR) return ERROR_PATH_NOT_FOUND;
     if (error != ENOENT) return SystemError(error);
@@ -53,7 +54,7 @@ DWORD OpenError(int error, const std::string& path) {
 }
 
 HANDLE OpenFile(const std::string& path) {
-    // Not blocking: the name may be that of a FIFO. Not a terminal: opening one must not make it ours.
+    // O_NONBLOCK: the file may be a FIFO. O_NOCTTY: a terminal must not become the controlling one.
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0) return NoFile(OpenError(errno, path));
     struct stat status {};
@@ -70,13 +71,13 @@ HANDLE OpenFile(const std::string& path) {
     return handle != nullptr ? handle : INVALID_HANDLE_VALUE;
 }
 
-// UTF-8; empty on failure.
+// In UTF-8; empty on failure.
 std::string ExecutablePath() {
     char path[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
     if (length <= 0 || length == sizeof path) return {};
     std::string_view name(path, static_cast<size_t>(length));
-    // An executable that was replaced while it ran, by an update of the product, keeps its name.
+    // An executable that was replaced while it ran, by an update of the product, has this suffix.
     constexpr std::string_view kDeleted = " (deleted)";
     if (name.ends_with(kDeleted) && access(std::string(name).c_str(), F_OK) != 0) name.remove_suffix(kDeleted.size());
     return std::string(name);
@@ -107,6 +108,7 @@ DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {
     const size_t length = std::strlen(value);
     if (size <= length || buffer == nullptr) return static_cast<DWORD>(length + 1);
     std::memcpy(buffer, value, length + 1);
+    // The length of an empty variable is 0, as on failure; the last error distinguishes them.
     if (length == 0) SetLastError(ERROR_SUCCESS);
     return static_cast<DWORD>(length);
 }
@@ -119,6 +121,7 @@ BOOL WINAPI SetEnvironmentVariableA(LPCSTR name, LPCSTR value) {
 
 HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
                           DWORD disposition, DWORD attributes, HANDLE templateFile) {
+    // Other ways to open a file are refused rather than ignored.
     const bool asked = access == GENERIC_READ && shareMode == FILE_SHARE_READ && security == nullptr &&
                        disposition == OPEN_EXISTING && templateFile == nullptr &&
                        (attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL | FILE_FLAG_NO_BUFFERING)) == 0;
@@ -134,7 +137,7 @@ DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
     if (fileName == nullptr || size == 0) return Fail<DWORD>(ERROR_INSUFFICIENT_BUFFER);
     return Call<DWORD>(0, [&]() -> DWORD {
         std::string path = ExecutablePath();
-        std::replace(path.begin(), path.end(), '/', '\\'); // in UTF-8, where no slash is part of another character
+        std::replace(path.begin(), path.end(), '/', '\\'); // in UTF-8: no other character contains a slash
         path = Utf8ToAnsi(path);
         if (path.empty()) return Fail<DWORD>(ERROR_PATH_NOT_FOUND);
         const size_t length = std::min<size_t>(path.size(), size - 1);
@@ -146,5 +149,6 @@ DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
 }
 
 BOOL WINAPI DisableThreadLibraryCalls(HMODULE module) {
+    // Libraries of the platform get no thread notifications, so there are none to disable.
     return module != nullptr ? TRUE : Fail(ERROR_MOD_NOT_FOUND);
 }

@@ -1,5 +1,5 @@
-// What the emulated Windows is set to, kept in the environment or the registry and read at each call: its version, its
-// ANSI code page, the section "Windows" of the user's profile.
+// Settings of the emulated Windows: its version, its ANSI code page, the section "Windows" of the user's profile.
+// State: the environment and the registry, read at each call.
 #include "base/call.h"
 #include "text/code_page.h"
 
@@ -24,7 +24,7 @@ struct Version {
     DWORD build = 2600;
 };
 
-// The build that a version came with, for settings that do not name one.
+// The build number of each release, for settings without one.
 constexpr Version kReleases[] = {
     {VER_PLATFORM_WIN32_NT, 3, 50, 807},       {VER_PLATFORM_WIN32_NT, 3, 51, 1057},
     {VER_PLATFORM_WIN32_NT, 4, 0, 1381},       {VER_PLATFORM_WIN32_NT, 5, 0, 2195},
@@ -42,7 +42,7 @@ DWORD BuildOf(const Version& version) {
     return 0;
 }
 
-// Takes a number from the front of the text.
+// Removes a number from the front of the text.
 bool TakeNumber(std::string_view& text, DWORD& number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc()) return false;
@@ -56,7 +56,7 @@ bool TakePoint(std::string_view& text) {
     return true;
 }
 
-// [9x:]major.minor[.build]
+// Format: [9x:]major.minor[.build]
 bool ParseVersion(std::string_view text, Version& version) {
     constexpr std::string_view kWindows9x = "9x:";
     if (text.starts_with(kWindows9x)) {
@@ -70,7 +70,7 @@ bool ParseVersion(std::string_view text, Version& version) {
 
 enum class Setting { kAbsent, kGiven, kMalformed };
 
-// A text value of at most 31 characters, without its NUL.
+// Reads a text of at most 31 characters and adds a NUL.
 Setting ReadText(HKEY key, const char* name, char (&text)[32]) {
     DWORD size = sizeof text - 1;
     DWORD type = REG_NONE;
@@ -93,6 +93,7 @@ Setting ReadVersion(HKEY key, Version& version) {
 }
 
 bool FindVersion(Version& version) {
+    // A malformed setting is an error, not the default: a caller must not act on a wrong version.
     const char* setting = std::getenv("ORIEL_WINDOWS_VERSION");
     if (setting != nullptr) return ParseVersion(setting, version);
     HKEY key = nullptr;
@@ -110,7 +111,7 @@ bool IsWindowsSection(LPCSTR section) {
     return section != nullptr && lstrcmpiA(section, "Windows") == 0;
 }
 
-// A text value, up to its NUL. False when there is none.
+// Reads a text up to its NUL. False when there is none.
 bool ReadText(LPCSTR name, std::string& text) {
     HKEY key = nullptr;
     if (RegOpenKeyExA(HKEY_CURRENT_USER, kWindowsSection, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
@@ -118,7 +119,7 @@ bool ReadText(LPCSTR name, std::string& text) {
     DWORD size = 0;
     LSTATUS status = RegQueryValueExA(key, name, nullptr, &type, nullptr, &size);
     if (status == ERROR_SUCCESS && type == REG_SZ) {
-        // One that grew since it was measured counts as missing rather than as half of it.
+        // A value that grew since it was measured counts as missing, not as cut off.
         text.resize(size);
         status = RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(text.data()), &size);
     }
@@ -141,7 +142,7 @@ std::string_view WithoutTrailingBlanks(std::string_view text) {
     return text;
 }
 
-// 0 when the text is not a number.
+// 0 when the text is not a decimal number.
 UINT NumberOf(const char* text) {
     UINT number = 0;
     const char* end = text + std::strlen(text);
@@ -189,6 +190,7 @@ BOOL WINAPI GetVersionExA(LPOSVERSIONINFOA versionInformation) {
 }
 
 DWORD WINAPI GetProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR defaultValue, LPSTR returned, DWORD size) {
+    // Lists of sections and keys (null names) are not supported.
     if (section == nullptr || keyName == nullptr || *keyName == '\0' || returned == nullptr || size == 0)
         return Fail<DWORD>(ERROR_INVALID_PARAMETER);
     return Call<DWORD>(0, [&]() -> DWORD {
@@ -213,6 +215,7 @@ BOOL WINAPI WriteProfileStringA(LPCSTR section, LPCSTR keyName, LPCSTR value) {
             status = RegSetValueExA(key, keyName, 0, REG_SZ, reinterpret_cast<const BYTE*>(value), size);
         } else {
             status = RegDeleteValueA(key, keyName);
+            // The entry is absent, as requested.
             if (status == ERROR_FILE_NOT_FOUND) status = ERROR_SUCCESS;
         }
         RegCloseKey(key);

@@ -1,4 +1,4 @@
-// The time of day, and its two forms. Keeps nothing.
+// The time of day as FILETIME and SYSTEMTIME. No state.
 #include "base/call.h"
 
 #include <sysinfoapi.h>
@@ -9,14 +9,14 @@ namespace oriel {
 namespace {
 
 namespace chrono = std::chrono;
-using Ticks = chrono::duration<uint64_t, std::ratio<1, 10'000'000>>; // of a FILETIME, 100 ns
+using Ticks = chrono::duration<uint64_t, std::ratio<1, 10'000'000>>; // of a FILETIME: 100 ns
 
 constexpr chrono::sys_days kEpoch = chrono::year(1601) / 1 / 1;
-// 1601-01-01 to 1970-01-01.
+// From 1601-01-01 to 1970-01-01.
 constexpr Ticks kEpochToUnix = chrono::duration_cast<Ticks>(chrono::sys_days{} - kEpoch);
 static_assert(kEpochToUnix.count() == 116'444'736'000'000'000);
 constexpr int kFirstYear = 1601;
-constexpr int kLastYear = 30827; // with which a FILETIME is still below 2^63
+constexpr int kLastYear = 30827; // the last one whose FILETIMEs are below 2^63
 
 FILETIME FileTimeOf(Ticks ticks) {
     return {static_cast<DWORD>(ticks.count()), static_cast<DWORD>(ticks.count() >> 32)};
