@@ -1,4 +1,4 @@
-/* Private heaps and the process's global allocator.
+/* Private heaps.
  *
  * A heap keeps track of its blocks, so that destroying it frees whatever was left. Blocks are aligned to 16 bytes. Any
  * thread may use any heap. As on Windows, an allocation that fails answers NULL and leaves the last error alone. */
@@ -7,10 +7,6 @@
 
 #include <windef.h>
 #include <winnt.h>
-
-#define GMEM_FIXED 0x0000
-#define GMEM_ZEROINIT 0x0040
-#define GPTR (GMEM_FIXED | GMEM_ZEROINIT)
 
 WINBASE_BEGIN
 
@@ -27,16 +23,6 @@ WINBASEAPI LPVOID WINAPI HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes);
 
 /* flags: 0. NULL may be freed. FALSE with ERROR_INVALID_PARAMETER when the block is visibly not one of this heap. */
 WINBASEAPI BOOL WINAPI HeapFree(HANDLE heap, DWORD flags, LPVOID block);
-
-/* The bytes that were asked for; (SIZE_T)-1 when the block is visibly not one of this heap. flags: 0. */
-WINBASEAPI SIZE_T WINAPI HeapSize(HANDLE heap, DWORD flags, LPCVOID block);
-
-/* flags: GMEM_FIXED or GPTR; others are refused (NULL, ERROR_INVALID_PARAMETER). NULL with ERROR_NOT_ENOUGH_MEMORY when
- * there is no memory. */
-WINBASEAPI HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes);
-
-/* NULL on success, as Windows has it. NULL may be freed. */
-WINBASEAPI HGLOBAL WINAPI GlobalFree(HGLOBAL memory);
 
 WINBASE_END
 

@@ -100,8 +100,8 @@ RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcSendReceive(RPC_MESSAGE* Message);
  * reply's buffer is the run-time's. */
 RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcFreeBuffer(RPC_MESSAGE* Message);
 
-/* All connections of one client process form an association; a process of another user is never in it. Handle of the
- * three: RPC_MESSAGE.Handle, or NULL for the calling thread's call. RPC_S_NO_CALL_ACTIVE, RPC_S_INVALID_BINDING.
+/* All connections of one client process form an association; a process of another user is never in it. Handle of
+ * both: RPC_MESSAGE.Handle, or NULL for the calling thread's call. RPC_S_NO_CALL_ACTIVE, RPC_S_INVALID_BINDING.
  *
  * Monitor: RundownRoutine(Context) is called once, on a thread of the run-time, when the association's last connection
  * has closed and its calls have returned. A second Monitor replaces the first. Get gives the Context, NULL when there
@@ -109,7 +109,6 @@ RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcFreeBuffer(RPC_MESSAGE* Message);
 typedef void(__RPC_API* PRPC_RUNDOWN)(void* AssociationContext);
 RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcMonitorAssociation(RPC_BINDING_HANDLE Handle, PRPC_RUNDOWN RundownRoutine,
                                                       void* Context);
-RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcStopMonitorAssociation(RPC_BINDING_HANDLE Handle);
 RPCRTAPI RPC_STATUS RPC_ENTRY I_RpcGetAssociationContext(RPC_BINDING_HANDLE BindingHandle, void** AssociationContext);
 
 /* The process id of the client, as the kernel noted it when the client connected; the number may have been given to

@@ -22,9 +22,8 @@ WINBASEAPI BOOL WINAPI AllocateAndInitializeSid(PSID_IDENTIFIER_AUTHORITY identi
 /* NULL. */
 WINBASEAPI PVOID WINAPI FreeSid(PSID sid);
 
-/* TRUE for revision 1 and at most 15 sub-authorities. */
-WINBASEAPI BOOL WINAPI IsValidSid(PSID sid);
-/* Bytes: 8 + 4 for each sub-authority. 0 with ERROR_INVALID_SID for an invalid one. */
+/* Bytes: 8 + 4 for each sub-authority. 0 with ERROR_INVALID_SID for an invalid one: revision 1 and at most 15
+ * sub-authorities are valid. */
 WINBASEAPI DWORD WINAPI GetLengthSid(PSID sid);
 /* FALSE when they differ, and with ERROR_INVALID_SID when one is invalid. */
 WINBASEAPI BOOL WINAPI EqualSid(PSID sid1, PSID sid2);
@@ -59,9 +58,8 @@ WINBASEAPI BOOL WINAPI SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor
 WINBASEAPI BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL present, PACL* dacl,
                                                  LPBOOL defaulted);
 
-/* TRUE when the revision is 1 and every part that is there is valid. */
-WINBASEAPI BOOL WINAPI IsValidSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor);
-/* Bytes of the self-relative form; SECURITY_DESCRIPTOR_MIN_LENGTH for an invalid descriptor. */
+/* Bytes of the self-relative form; SECURITY_DESCRIPTOR_MIN_LENGTH for an invalid descriptor, whose revision is not 1 or
+ * that has a part that is not valid. */
 WINBASEAPI DWORD WINAPI GetSecurityDescriptorLength(PSECURITY_DESCRIPTOR descriptor);
 /* Writes the self-relative form of an absolute descriptor: header, system list, list, owner, group. *length: bytes of
  * the block, on return those needed. FALSE with ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_SECURITY_DESCR, or

@@ -44,14 +44,6 @@ WINBASEAPI BOOL WINAPI SystemTimeToFileTime(const SYSTEMTIME* systemTime, LPFILE
  * FALSE with ERROR_INSUFFICIENT_BUFFER when it does not fit, *size being what is needed. */
 WINBASEAPI BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size);
 
-/* Returns the characters without the NUL, or, when size is too small, those needed with it (the buffer is then
- * untouched). 0 with ERROR_ENVVAR_NOT_FOUND when there is no such variable; an empty one gives 0 and ERROR_SUCCESS.
- * Values are taken as they are, in whatever encoding the process's environment has. */
-WINBASEAPI DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size);
-/* A NULL value removes the variable. FALSE with ERROR_INVALID_PARAMETER for a name that is empty or has a "=". The
- * change is that of the C library's environment and shares its rule: no other thread may be using the environment. */
-WINBASEAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR name, LPCSTR value);
-
 /* Reads from the user's profile. Only the section "Windows" exists; it is stored, as Windows NT does it, in the
  * registry: HKEY_CURRENT_USER "Software\Microsoft\Windows NT\CurrentVersion\Windows". A missing section or key, or a
  * value that is not text, gives defaultValue (NULL: the empty string) without its trailing blanks. One pair of

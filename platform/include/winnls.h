@@ -20,9 +20,8 @@ WINBASE_BEGIN
 
 WINBASEAPI UINT WINAPI GetACP(void);
 
-/* TRUE when the byte begins a double-byte character of the ANSI code page, or of the one given. */
+/* TRUE when the byte begins a double-byte character of the ANSI code page. */
 WINBASEAPI BOOL WINAPI IsDBCSLeadByte(BYTE testChar);
-WINBASEAPI BOOL WINAPI IsDBCSLeadByteEx(UINT codePage, BYTE testChar);
 
 /* Text of a code page to UTF-16.
  *
@@ -58,9 +57,6 @@ WINBASEAPI int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wi
  * first. */
 WINBASEAPI int WINAPI lstrcmpA(LPCSTR string1, LPCSTR string2);
 WINBASEAPI int WINAPI lstrcmpiA(LPCSTR string1, LPCSTR string2);
-
-/* Bytes up to the NUL; 0 for NULL. */
-WINBASEAPI int WINAPI lstrlenA(LPCSTR string);
 
 WINBASE_END
 

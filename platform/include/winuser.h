@@ -70,15 +70,12 @@ typedef struct tagWNDCLASSEXA {
     HICON hIconSm;
 } WNDCLASSEXA, *PWNDCLASSEXA, *LPWNDCLASSEXA;
 
-/* Registers a window class for this process. A class is known by its name, without case, and its hInstance. cbSize is
- * the size of the record; lpfnWndProc and lpszClassName (1 to 256 bytes) are needed; every field that concerns what a
- * window looks like or stores (style, extra bytes, icons, cursor, brush, menu) must be 0. Returns a non-zero number,
- * unique in this process; names are used where Windows also takes that number. 0 on failure: ERROR_INVALID_PARAMETER,
- * ERROR_CLASS_ALREADY_EXISTS, ERROR_NOT_ENOUGH_MEMORY. */
+/* Registers a window class for the life of this process. A class is known by its name, without case, and its hInstance.
+ * cbSize is the size of the record; lpfnWndProc and lpszClassName (1 to 256 bytes) are needed; every field that
+ * concerns what a window looks like or stores (style, extra bytes, icons, cursor, brush, menu) must be 0. Returns a
+ * non-zero number, unique in this process; names are used where Windows also takes that number. 0 on failure:
+ * ERROR_INVALID_PARAMETER, ERROR_CLASS_ALREADY_EXISTS, ERROR_NOT_ENOUGH_MEMORY. */
 WINBASEAPI ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass);
-
-/* Forgets a class. ERROR_CLASS_DOES_NOT_EXIST; ERROR_CLASS_HAS_WINDOWS while a window of it exists. */
-WINBASEAPI BOOL WINAPI UnregisterClassA(LPCSTR className, HINSTANCE instance);
 
 #define CW_USEDEFAULT ((int)0x80000000)
 #define WS_OVERLAPPED 0x00000000L
@@ -109,11 +106,9 @@ WINBASEAPI HWND WINAPI FindWindowA(LPCSTR className, LPCSTR windowName);
  * skipped. */
 WINBASEAPI BOOL WINAPI EnumWindows(WNDENUMPROC procedure, LPARAM parameter);
 
-/* Copies the class name or the title, cut to size - 1 bytes and always terminated, and returns the number of bytes
- * without the terminator. 0 on failure: ERROR_INVALID_WINDOW_HANDLE, ERROR_INVALID_PARAMETER (no buffer); an empty
- * title gives 0 too and leaves the last error alone. */
+/* Copies the class name, cut to size - 1 bytes and always terminated, and returns the number of bytes without the
+ * terminator. 0 on failure: ERROR_INVALID_WINDOW_HANDLE, ERROR_INVALID_PARAMETER (no buffer). */
 WINBASEAPI int WINAPI GetClassNameA(HWND window, LPSTR buffer, int size);
-WINBASEAPI int WINAPI GetWindowTextA(HWND window, LPSTR buffer, int size);
 
 /* The thread that owns the window, and its process if asked for. Both as the owner has published them: its user's word.
  * 0 and ERROR_INVALID_WINDOW_HANDLE when there is no such window. */
@@ -133,17 +128,12 @@ WINBASEAPI BOOL WINAPI PostMessageA(HWND window, UINT message, WPARAM wParam, LP
 
 /* Has the window's procedure called by its thread and waits for the answer, at most timeout milliseconds. A window of
  * the calling thread is called directly, without a bound. The owning thread answers while it is in GetMessageA,
- * PeekMessageA or SendMessage. Under SMTO_NORMAL the calling thread answers what is sent to its own windows meanwhile,
- * under SMTO_BLOCK it does not. Parameters are values: a system message that carries a pointer is refused with
- * ERROR_MESSAGE_SYNC_ONLY between threads. 0 on failure: ERROR_TIMEOUT, ERROR_INVALID_WINDOW_HANDLE (also when the
+ * PeekMessageA or SendMessageTimeoutA. Under SMTO_NORMAL the calling thread answers what is sent to its own windows
+ * meanwhile, under SMTO_BLOCK it does not. Parameters are values: a system message that carries a pointer is refused
+ * with ERROR_MESSAGE_SYNC_ONLY between threads. 0 on failure: ERROR_TIMEOUT, ERROR_INVALID_WINDOW_HANDLE (also when the
  * window goes before it answers), ERROR_INVALID_PARAMETER. */
 WINBASEAPI LRESULT WINAPI SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT flags,
                                               UINT timeout, DWORD_PTR* result);
-
-/* As SendMessageTimeoutA with SMTO_NORMAL and returns the answer. Windows would wait for ever; here a thread that does
- * not answer costs ORIEL_SEND_BOUND milliseconds, after which the answer is 0 and the last error ERROR_TIMEOUT. */
-#define ORIEL_SEND_BOUND 10000
-WINBASEAPI LRESULT WINAPI SendMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
 
 /* Waits without bound, as is its purpose, for a message to a window of the calling thread and takes it from the queue.
  * window: NULL for all windows of the thread, or one of them. filterMin, filterMax: range of message numbers, 0 and 0

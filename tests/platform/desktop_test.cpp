@@ -21,8 +21,8 @@ std::string Station() {
 }
 
 void SetDisplay(const char* x, const char* wayland = nullptr) {
-    SetEnvironmentVariableA("DISPLAY", x);
-    SetEnvironmentVariableA("WAYLAND_DISPLAY", wayland);
+    UseSetting("DISPLAY", x);
+    UseSetting("WAYLAND_DISPLAY", wayland);
 }
 
 // Somebody who takes connections there, or took them once it is closed.

@@ -190,17 +190,17 @@ TEST(CriticalSection, ExcludesAndRecurs) {
     CRITICAL_SECTION section;
     InitializeCriticalSection(&section);
     EnterCriticalSection(&section);
-    EXPECT_TRUE(TryEnterCriticalSection(&section));
+    EnterCriticalSection(&section);
     LeaveCriticalSection(&section);
-    EXPECT_EQ(OnAThread([&] {
-                  if (TryEnterCriticalSection(&section)) return 1;
-                  if (OnTheLayer()) LeaveCriticalSection(&section); // not its own: nothing happens
-                  return TryEnterCriticalSection(&section) ? 2 : 0;
-              }),
-              0U);
+    const Owned other = StartThread([&] {
+        if (OnTheLayer()) LeaveCriticalSection(&section); // not its own: nothing happens
+        EnterCriticalSection(&section);
+        LeaveCriticalSection(&section);
+        return 0;
+    });
+    EXPECT_EQ(WaitForSingleObject(other, 20), DWORD{WAIT_TIMEOUT});
     LeaveCriticalSection(&section);
-    EXPECT_TRUE(TryEnterCriticalSection(&section));
-    LeaveCriticalSection(&section);
+    EXPECT_EQ(Finish(other), 0U);
     DeleteCriticalSection(&section);
 }
 

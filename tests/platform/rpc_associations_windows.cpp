@@ -13,7 +13,6 @@ Function Find(const char* name, Function otherwise) {
 }
 
 using Monitor = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, PRPC_RUNDOWN runDown, void* context);
-using StopMonitor = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client);
 using GetContext = RPC_STATUS(RPC_ENTRY*)(RPC_BINDING_HANDLE client, void** context);
 
 } // namespace
@@ -27,8 +26,6 @@ void NeedsAssociations() {
 extern "C" {
 Monitor __imp_I_RpcMonitorAssociation =
     Find<Monitor>("I_RpcMonitorAssociation", [](auto...) { return RPC_STATUS{RPC_S_CANNOT_SUPPORT}; });
-StopMonitor __imp_I_RpcStopMonitorAssociation =
-    Find<StopMonitor>("I_RpcStopMonitorAssociation", [](auto...) { return RPC_STATUS{RPC_S_CANNOT_SUPPORT}; });
 GetContext __imp_I_RpcGetAssociationContext =
     Find<GetContext>("I_RpcGetAssociationContext", [](auto...) { return RPC_STATUS{RPC_S_CANNOT_SUPPORT}; });
 }

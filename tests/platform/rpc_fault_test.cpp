@@ -25,7 +25,6 @@ CHILD_PROCESS(RpcClient) {
         RPC_STATUS status = RPC_S_OK;
         if (order == "thread") std::thread([&] { status = binding.Call(kTouch).status; }).join();
         if (order == "free") binding.Free();
-        if (order == "stop") status = binding.Call(kStopMonitor).status;
         if (order == "hold") binding.Call(kHold);
         child.Say(std::to_string(status));
     }
@@ -40,7 +39,7 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
         const char* order; // then it is killed
         int times;
         uint32_t rundownsBefore, rundowns;
-    } rows[] = {{"thread", 20, 0, 1}, {"free", 1, 1, 1}, {"stop", 1, 0, 0}};
+    } rows[] = {{"thread", 20, 0, 1}, {"free", 1, 1, 1}};
     for (uint32_t context = 0; context < std::size(rows); ++context) {
         const auto& row = rows[context];
         TestProcess client("RpcClient", {std::to_string(context)});

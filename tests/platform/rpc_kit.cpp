@@ -79,11 +79,6 @@ void Monitor(PRPC_MESSAGE message) {
     ReplyNumbers(message, {static_cast<uint32_t>(reinterpret_cast<uintptr_t>(before))});
 }
 
-void StopMonitor(PRPC_MESSAGE message) {
-    if (I_RpcStopMonitorAssociation(message->Handle) != RPC_S_OK) RpcRaiseException(RPC_S_INTERNAL_ERROR);
-    ReplyNumbers(message, {});
-}
-
 void Hold(PRPC_MESSAGE message) {
     const uint32_t before = g_releases;
     for (++g_holding; g_releases == before;)
@@ -103,7 +98,6 @@ RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {
     Identify,
     [](PRPC_MESSAGE message) { ReplyNumbers(message, {++g_touches}); },
     Monitor,
-    StopMonitor,
     [](PRPC_MESSAGE message) {
         ReplyNumbers(message, {std::begin(g_rundowns), std::end(g_rundowns)});
     },

@@ -46,14 +46,14 @@ TEST(SystemVersion, IsThatOfTheEnvironmentThenOfTheRegistryThenXp) {
     EXPECT_EQ(Version(), "2 4.0.1234");
     for (const auto& [setting, version] :
          {std::pair{"3.51", "2 3.51.1057"}, {"11.7", "2 11.7.0"}, {"6.1.42", "2 6.1.42"}, {"9x:4.10", "1 4.10.1998"}}) {
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", setting);
+        UseSetting("ORIEL_WINDOWS_VERSION", setting);
         EXPECT_EQ(Version(), version);
     }
     for (const char* setting : {"", "5", "5.", "5.1 ", "9x", "9x:4", "5.1.2600.1", "99999999999.1", "XP"}) {
-        SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", setting);
+        UseSetting("ORIEL_WINDOWS_VERSION", setting);
         EXPECT_EQ(Version(), "error 13") << setting;
     }
-    SetEnvironmentVariableA("ORIEL_WINDOWS_VERSION", nullptr);
+    UseSetting("ORIEL_WINDOWS_VERSION", nullptr);
     SetVersionValue("CurrentVersion", "five");
     EXPECT_EQ(Version(), "error 13");
 }
@@ -106,7 +106,7 @@ TEST(SystemTime, WhatIsNoTimeIsRefused) {
 TEST(SystemTexts, FitOrTellTheirSize) {
     char text[4096];
     for (const char* setting : {static_cast<const char*>(nullptr), "SYSTEM"}) {
-        SetEnvironmentVariableA("ORIEL_LOGON_NAME", setting);
+        UseSetting("ORIEL_LOGON_NAME", setting);
         DWORD whole = sizeof text;
         ASSERT_TRUE(GetUserNameA(text, &whole));
         const string name = text;
@@ -126,7 +126,7 @@ TEST(SystemTexts, FitOrTellTheirSize) {
 
     for (const char* station : {"WinSta0", "Service-0x0-3e7$", "none"}) {
         if (*station != 'W' && !OnTheLayer()) break;
-        SetEnvironmentVariableA("ORIEL_WINDOW_STATION", station);
+        UseSetting("ORIEL_WINDOW_STATION", station);
         const HWINSTA open = GetProcessWindowStation();
         EXPECT_EQ(open == nullptr, string(station) == "none");
         if (open == nullptr) continue;
@@ -137,21 +137,6 @@ TEST(SystemTexts, FitOrTellTheirSize) {
         EXPECT_TRUE(!OnTheLayer() || !GetUserObjectInformationA(open, 1, text, sizeof text, nullptr));
     }
     EXPECT_FALSE(GetUserObjectInformationA(nullptr, UOI_NAME, text, sizeof text, nullptr));
-
-    EXPECT_FAILS(GetEnvironmentVariableA("ORIEL_TEST_VALUE", text, 8), ERROR_ENVVAR_NOT_FOUND);
-    SetEnvironmentVariableA("ORIEL_TEST_VALUE", "1234567");
-    std::memset(text, '#', sizeof text);
-    EXPECT_EQ(GetEnvironmentVariableA("ORIEL_TEST_VALUE", text, 7), 8U);
-    EXPECT_EQ(text[0], '#');
-    EXPECT_EQ(GetEnvironmentVariableA("ORIEL_TEST_VALUE", text, 8), 7U);
-    EXPECT_STREQ(text, "1234567");
-    SetEnvironmentVariableA("ORIEL_TEST_VALUE", "");
-    SetLastError(kSentinel);
-    EXPECT_EQ(GetEnvironmentVariableA("ORIEL_TEST_VALUE", text, 8), 0U);
-    EXPECT_NE(GetLastError(), DWORD{ERROR_ENVVAR_NOT_FOUND});
-    EXPECT_TRUE(GetLastError() == ERROR_SUCCESS || !OnTheLayer());
-    for (const char* name : {"", "A=B", static_cast<const char*>(nullptr)})
-        EXPECT_FALSE(SetEnvironmentVariableA(name, "x"));
 
     const DWORD length = GetModuleFileNameA(nullptr, text, sizeof text);
     const string path(text, length);

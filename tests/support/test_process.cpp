@@ -1,6 +1,5 @@
 // What of test_process.h and private_machine.h is the same everywhere, and main() of every test program.
 #include "test_process.h"
-#include "not_here.h"
 #include "private_machine.h"
 
 #include <gtest/gtest.h>
@@ -22,11 +21,6 @@ std::map<std::string, ChildProcedure>& ChildProcedures() {
 std::string g_privateDirectory;
 
 } // namespace
-
-void UseSetting(const char* name, const char* value) {
-    NeedsTheLayer("the layer's settings");
-    SetEnvironmentVariableA(name, value);
-}
 
 void Child::Say(const std::string& line) {
     std::printf("%s\n", line.c_str());

@@ -245,6 +245,13 @@ void PrepareTestProgram() {
     signal(SIGPIPE, SIG_IGN);
 }
 
+void UseSetting(const char* name, const char* value) {
+    if (value != nullptr)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+}
+
 std::string MakePrivateMachine() {
     // Shared memory, so that a test costs no disk.
     const char* parent = std::getenv(kMachinesVariable);

@@ -357,6 +357,10 @@ void PrepareTestProgram() {
         _setmode(stream, _O_BINARY);
 }
 
+void UseSetting(const char*, const char*) {
+    NeedsTheLayer("the layer's settings");
+}
+
 std::string MakePrivateMachine() {
     for (const char* key : {"A", "D", "K", "Order", "Software\\Values"})
         RegDeleteTreeA(HKEY_LOCAL_MACHINE, key);

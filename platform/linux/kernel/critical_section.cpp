@@ -31,6 +31,14 @@ void TakeOwnership(LPCRITICAL_SECTION section) {
     section->RecursionCount = 1;
 }
 
+bool TryEnter(LPCRITICAL_SECTION section) {
+    if (EnterAgain(section)) return true;
+    uint32_t free = kFree;
+    if (!LockWord(section).compare_exchange_strong(free, kLocked, std::memory_order_acquire)) return false;
+    TakeOwnership(section);
+    return true;
+}
+
 } // namespace
 } // namespace oriel
 
@@ -44,16 +52,8 @@ void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section) {
     *section = {};
 }
 
-BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    if (EnterAgain(section)) return TRUE;
-    uint32_t free = kFree;
-    if (!LockWord(section).compare_exchange_strong(free, kLocked, std::memory_order_acquire)) return FALSE;
-    TakeOwnership(section);
-    return TRUE;
-}
-
 void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    if (TryEnterCriticalSection(section)) return;
+    if (TryEnter(section)) return;
     TerminationHold hold;
     Word& word = LockWord(section);
     while (word.exchange(kContended, std::memory_order_acquire) != kFree) {

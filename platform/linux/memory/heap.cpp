@@ -1,4 +1,4 @@
-// Private heaps and GlobalAlloc, on top of the allocator of the C library.
+// Private heaps, on top of the allocator of the C library.
 //
 // A heap is a set of lists of its blocks, so that HeapDestroy can free what is left. Each list has its own lock, and a
 // thread always uses the same list, so threads that allocate at the same time rarely wait for each other. Fork takes
@@ -169,30 +169,4 @@ BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
     *static_cast<volatile uintptr_t*>(&header->tag) = 0; // volatile: the compiler would drop this write as dead
     std::free(header);
     return TRUE;
-}
-
-SIZE_T WINAPI HeapSize(HANDLE handle, DWORD flags, LPCVOID block) {
-    constexpr auto kFailed = static_cast<SIZE_T>(-1);
-    Heap* heap = HeapOf(handle);
-    if (heap == nullptr || RefusedFlags(flags, 0)) return kFailed;
-    if (block == nullptr) return Fail(ERROR_INVALID_PARAMETER, kFailed);
-    const auto* header = static_cast<const BlockHeader*>(block) - 1;
-    return ListOf(*heap, header) != nullptr ? header->size : kFailed;
-}
-
-HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
-    if (RefusedFlags(flags, GPTR)) return nullptr;
-    const TerminationHold whole;
-    // 0 bytes is a valid size, and malloc(0) may return null.
-    const size_t size = bytes == 0 ? 1 : bytes;
-    void* memory = nullptr;
-    if (size <= kLargestBlock) memory = (flags & GMEM_ZEROINIT) != 0 ? std::calloc(1, size) : std::malloc(size);
-    if (memory == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return memory;
-}
-
-HGLOBAL WINAPI GlobalFree(HGLOBAL memory) {
-    const TerminationHold whole;
-    std::free(memory);
-    return nullptr;
 }

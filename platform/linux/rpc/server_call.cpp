@@ -106,15 +106,6 @@ RPC_STATUS RPC_ENTRY I_RpcMonitorAssociation(RPC_BINDING_HANDLE Handle, PRPC_RUN
     return RPC_S_OK;
 }
 
-RPC_STATUS RPC_ENTRY I_RpcStopMonitorAssociation(RPC_BINDING_HANDLE Handle) {
-    ServerConnection* connection = nullptr;
-    const RPC_STATUS status = FindCall(Handle, connection);
-    if (status != RPC_S_OK) return status;
-    connection->group->rundown.store(nullptr);
-    connection->group->context.store(nullptr);
-    return RPC_S_OK;
-}
-
 RPC_STATUS RPC_ENTRY I_RpcGetAssociationContext(RPC_BINDING_HANDLE BindingHandle, void** AssociationContext) {
     if (AssociationContext == nullptr) return RPC_S_INVALID_ARG;
     ServerConnection* connection = nullptr;

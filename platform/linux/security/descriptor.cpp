@@ -81,10 +81,6 @@ PVOID WINAPI FreeSid(PSID sid) {
     return nullptr;
 }
 
-BOOL WINAPI IsValidSid(PSID sid) {
-    return SidCopy(sid).Valid() ? TRUE : FALSE;
-}
-
 DWORD WINAPI GetLengthSid(PSID sid) {
     const SidCopy copy(sid);
     if (!copy.Valid()) SetLastError(ERROR_INVALID_SID);
@@ -189,10 +185,6 @@ BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL pr
     *dacl = static_cast<PACL>(const_cast<void*>(parts.dacl));
     *defaulted = (parts.control & SE_DACL_DEFAULTED) != 0 ? TRUE : FALSE;
     return TRUE;
-}
-
-BOOL WINAPI IsValidSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor) {
-    return PartCopies(DescriptorParts(descriptor)).valid ? TRUE : FALSE;
 }
 
 DWORD WINAPI GetSecurityDescriptorLength(PSECURITY_DESCRIPTOR descriptor) {

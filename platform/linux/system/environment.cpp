@@ -23,10 +23,6 @@
 namespace oriel {
 namespace {
 
-bool IsVariableName(LPCSTR name) {
-    return name != nullptr && *name != '\0' && std::strchr(name, '=') == nullptr;
-}
-
 struct FileObject : Object {
     int descriptor;
 };
@@ -100,23 +96,6 @@ BOOL WINAPI GetUserNameA(LPSTR buffer, LPDWORD size) {
         std::memcpy(buffer, name.c_str(), name.size() + 1);
         return TRUE;
     });
-}
-
-DWORD WINAPI GetEnvironmentVariableA(LPCSTR name, LPSTR buffer, DWORD size) {
-    const char* value = IsVariableName(name) ? std::getenv(name) : nullptr;
-    if (value == nullptr) return Fail<DWORD>(ERROR_ENVVAR_NOT_FOUND);
-    const size_t length = std::strlen(value);
-    if (size <= length || buffer == nullptr) return static_cast<DWORD>(length + 1);
-    std::memcpy(buffer, value, length + 1);
-    // The length of an empty variable is 0, as on failure; the last error distinguishes them.
-    if (length == 0) SetLastError(ERROR_SUCCESS);
-    return static_cast<DWORD>(length);
-}
-
-BOOL WINAPI SetEnvironmentVariableA(LPCSTR name, LPCSTR value) {
-    if (!IsVariableName(name)) return Fail(ERROR_INVALID_PARAMETER);
-    const int result = value == nullptr ? unsetenv(name) : setenv(name, value, 1);
-    return result == 0 ? TRUE : Fail(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,

@@ -293,12 +293,7 @@ UINT WINAPI GetACP(void) {
     return AnsiCodePage().number;
 }
 
-BOOL WINAPI IsDBCSLeadByteEx(UINT codePage, BYTE testChar) {
-    const CodePage* page = FindCodePage(codePage);
-    return page != nullptr && page->pairs[testChar] != nullptr ? TRUE : FALSE;
-}
-
 BOOL WINAPI IsDBCSLeadByte(BYTE testChar) {
     // No ANSI code page has a lead byte that is ASCII.
-    return testChar >= 0x80 ? IsDBCSLeadByteEx(CP_ACP, testChar) : FALSE;
+    return testChar >= 0x80 && AnsiCodePage().pairs[testChar] != nullptr ? TRUE : FALSE;
 }

@@ -1,4 +1,4 @@
-// lstrcmpA, lstrcmpiA and lstrlenA: the order of text. No state.
+// lstrcmpA and lstrcmpiA: the order of text. No state.
 //
 // Four keys, each deciding only between texts that the earlier ones leave equal: base letters and other characters
 // without hyphens and apostrophes; accents; case (lower first); the bytes, with hyphens and apostrophes after
@@ -223,8 +223,4 @@ int WINAPI lstrcmpA(LPCSTR string1, LPCSTR string2) {
 
 int WINAPI lstrcmpiA(LPCSTR string1, LPCSTR string2) {
     return Compare(string1, string2, false);
-}
-
-int WINAPI lstrlenA(LPCSTR string) {
-    return string == nullptr ? 0 : static_cast<int>(std::strlen(string));
 }

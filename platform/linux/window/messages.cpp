@@ -254,9 +254,3 @@ LRESULT WINAPI SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPA
         return TRUE;
     });
 }
-
-LRESULT WINAPI SendMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-    DWORD_PTR result = 0;
-    SendMessageTimeoutA(window, message, wParam, lParam, SMTO_NORMAL, ORIEL_SEND_BOUND, &result);
-    return static_cast<LRESULT>(result);
-}

@@ -138,7 +138,6 @@ void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& dropped) {
         const LockHold hold(Queues().lock);
         std::erase(queue.windows, window);
     }
-    window->windowClass.Release();
     std::erase_if(queue.posted, [&](const MSG& message) { return message.hwnd == window->handle; });
 }
 
@@ -150,7 +149,6 @@ void DropWindowsOfStoppedThread(DWORD threadId) {
         for (const auto& window : queue->windows) {
             RemoveWindow(HandleNumber(window->handle));
             window->fifo.Close();
-            window->windowClass.Release();
         }
         queue->windows.clear();
         queue->poll.Close();

@@ -15,10 +15,10 @@
 namespace oriel {
 
 struct Window {
-    explicit Window(ClassUse use) : windowClass(std::move(use)), procedure(windowClass.Get()->procedure) {}
+    explicit Window(const WindowClass& its) : windowClass(its), procedure(its.procedure) {}
 
-    ClassUse windowClass;
-    WNDPROC procedure;
+    const WindowClass& windowClass;
+    const WNDPROC procedure;
     HWND handle = nullptr;
     Descriptor fifo;
     MessageReader reader;
@@ -52,7 +52,7 @@ std::shared_ptr<Window> FindOwnWindow(ThreadQueue* queue, HWND handle);
 
 // False with the last error set.
 bool AddWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
-// Removes the window's files, its messages and its reference to its class.
+// Removes the window's files and its messages.
 void DropWindow(ThreadQueue& queue, const std::shared_ptr<Window>& window);
 
 bool IsFull(const ThreadQueue& queue);

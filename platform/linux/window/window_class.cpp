@@ -1,4 +1,4 @@
-// RegisterClassExA and UnregisterClassA. State: the list of classes, which lives as long as the process.
+// RegisterClassExA. State: the list of classes, which lives as long as the process.
 #include "window/window_class.h"
 
 #include "base/lock.h"
@@ -14,6 +14,10 @@
 
 namespace oriel {
 namespace {
+
+// Atoms: 0xc000 to 0xffff.
+constexpr size_t kFirstClassNumber = 0xc000;
+constexpr size_t kMostClasses = 0x4000;
 
 // Never destroyed: threads may own windows while the process exits.
 struct ClassTable {
@@ -35,14 +39,6 @@ std::list<WindowClass>::iterator FindClass(ClassTable& table, LPCSTR name, HINST
     return found;
 }
 
-// Atoms: 0xc000 to 0xffff. 0 when all are used.
-ATOM FreeNumber(const ClassTable& table) ORIEL_LOCK_CHECK(requires_capability(table.lock)) {
-    for (unsigned number = 0xc000; number <= 0xffff; ++number)
-        if (std::none_of(table.classes.begin(), table.classes.end(), [=](auto& c) { return c.number == number; }))
-            return static_cast<ATOM>(number);
-    return 0;
-}
-
 // Names only: an atom is a pointer below 64 KiB.
 bool IsClassName(LPCSTR name) {
     if (reinterpret_cast<ULONG_PTR>(name) < 0x10000 || name[0] == '\0') return false;
@@ -59,25 +55,14 @@ bool EqualWithoutCase(const char* left, const char* right) {
     return std::strcmp(left, right) == 0 || lstrcmpiA(left, right) == 0;
 }
 
-ClassUse::ClassUse(LPCSTR name, HINSTANCE instance) {
+const WindowClass* FindWindowClass(LPCSTR name, HINSTANCE instance) {
     if (IsClassName(name)) {
         ClassTable& table = Classes();
         const LockHold hold(table.lock);
         const auto found = FindClass(table, name, instance);
-        if (found != table.classes.end()) {
-            ++found->windows;
-            m_class = &*found;
-            return;
-        }
+        if (found != table.classes.end()) return &*found;
     }
-    SetLastError(ERROR_CANNOT_FIND_WND_CLASS);
-}
-
-void ClassUse::Release() {
-    if (m_class == nullptr) return;
-    const LockHold hold(Classes().lock);
-    --m_class->windows;
-    m_class = nullptr;
+    return Fail(ERROR_CANNOT_FIND_WND_CLASS, nullptr);
 }
 
 } // namespace oriel
@@ -89,35 +74,15 @@ ATOM WINAPI RegisterClassExA(const WNDCLASSEXA* windowClass) {
         const WNDCLASSEXA* c = windowClass;
         if (c == nullptr || c->cbSize != sizeof *c || c->lpfnWndProc == nullptr || !IsClassName(c->lpszClassName) ||
             c->style != 0 || c->cbClsExtra != 0 || c->cbWndExtra != 0 || c->hIcon != nullptr || c->hCursor != nullptr ||
-            c->hbrBackground != nullptr || c->lpszMenuName != nullptr || c->hIconSm != nullptr) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return 0;
-        }
+            c->hbrBackground != nullptr || c->lpszMenuName != nullptr || c->hIconSm != nullptr)
+            return Fail<ATOM>(ERROR_INVALID_PARAMETER);
         WatchForFork();
         ClassTable& table = Classes();
         const LockHold hold(table.lock);
-        if (FindClass(table, c->lpszClassName, c->hInstance) != table.classes.end()) {
-            SetLastError(ERROR_CLASS_ALREADY_EXISTS);
-            return 0;
-        }
-        const ATOM number = FreeNumber(table);
-        if (number == 0) {
-            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-            return 0;
-        }
-        table.classes.push_back({c->lpszClassName, c->hInstance, c->lpfnWndProc, number, 0});
-        return number;
-    });
-}
-
-BOOL WINAPI UnregisterClassA(LPCSTR className, HINSTANCE instance) {
-    return Call<BOOL>(FALSE, [=] {
-        ClassTable& table = Classes();
-        const LockHold hold(table.lock);
-        const auto found = IsClassName(className) ? FindClass(table, className, instance) : table.classes.end();
-        if (found == table.classes.end() || found->windows != 0)
-            return Fail(found == table.classes.end() ? ERROR_CLASS_DOES_NOT_EXIST : ERROR_CLASS_HAS_WINDOWS);
-        table.classes.erase(found);
-        return TRUE;
+        if (FindClass(table, c->lpszClassName, c->hInstance) != table.classes.end())
+            return Fail<ATOM>(ERROR_CLASS_ALREADY_EXISTS);
+        if (table.classes.size() == kMostClasses) return Fail<ATOM>(ERROR_NOT_ENOUGH_MEMORY);
+        table.classes.push_back({c->lpszClassName, c->hInstance, c->lpfnWndProc});
+        return static_cast<ATOM>(kFirstClassNumber + table.classes.size() - 1);
     });
 }

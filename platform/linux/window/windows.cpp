@@ -28,15 +28,15 @@ bool Publish(const Window& window, const char* title) {
     record.processId = GetCurrentProcessId();
     record.threadId = GetCurrentThreadId();
     record.created = static_cast<ULONGLONG>(MonotonicNs());
-    std::strncpy(record.className, window.windowClass.Get()->name.c_str(), sizeof record.className - 1);
+    std::strncpy(record.className, window.windowClass.name.c_str(), sizeof record.className - 1);
     std::strncpy(record.title, title, sizeof record.title - 1);
     return PublishWindow(record);
 }
 
-HWND Create(ThreadQueue& queue, ClassUse windowClass, const char* title) {
+HWND Create(ThreadQueue& queue, const WindowClass& windowClass, const char* title) {
     // The first window of a process also removes what killed processes left, in case nobody ever searches.
     if (queue.windows.empty()) VisitWindows([](const WindowRecord&) {});
-    const auto window = std::make_shared<Window>(std::move(windowClass));
+    const auto window = std::make_shared<Window>(windowClass);
     DWORD handle = 0;
     window->fifo = CreateFifo(Fifo::Queue, handle);
     if (!window->fifo.IsOpen()) return nullptr;
@@ -63,15 +63,6 @@ int CopyText(const char* text, LPSTR buffer, int size) {
     return static_cast<int>(length);
 }
 
-int GetText(HWND window, const char (WindowRecord::*text)[260], LPSTR buffer, int size) {
-    WindowRecord record;
-    if (buffer == nullptr || size <= 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    return Describe(window, record) ? CopyText(record.*text, buffer, size) : 0;
-}
-
 } // namespace
 } // namespace oriel
 
@@ -87,8 +78,8 @@ HWND WINAPI CreateWindowExA(DWORD exStyle, LPCSTR className, LPCSTR windowName, 
             return Fail(ERROR_INVALID_PARAMETER, nullptr);
         ThreadQueue* queue = MakeOwnQueue();
         if (queue == nullptr) return nullptr;
-        ClassUse windowClass(className, instance);
-        return windowClass.Get() != nullptr ? Create(*queue, std::move(windowClass), title) : nullptr;
+        const WindowClass* windowClass = FindWindowClass(className, instance);
+        return windowClass != nullptr ? Create(*queue, *windowClass, title) : nullptr;
     });
 }
 
@@ -147,11 +138,11 @@ BOOL WINAPI EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
 }
 
 int WINAPI GetClassNameA(HWND window, LPSTR buffer, int size) {
-    return Call(0, [=] { return GetText(window, &WindowRecord::className, buffer, size); });
-}
-
-int WINAPI GetWindowTextA(HWND window, LPSTR buffer, int size) {
-    return Call(0, [=] { return GetText(window, &WindowRecord::title, buffer, size); });
+    return Call(0, [=] {
+        WindowRecord record;
+        if (buffer == nullptr || size <= 0) return Fail(ERROR_INVALID_PARAMETER, 0);
+        return Describe(window, record) ? CopyText(record.className, buffer, size) : 0;
+    });
 }
 
 DWORD WINAPI GetWindowThreadProcessId(HWND window, LPDWORD processId) {
