@@ -1,24 +1,28 @@
-// The status variables of a printer: the built-in ones, and what its model adds or replaces in the registry.
+// The status variables of a printer, as the command shows them: the built-in ones (product/variables.h), and what the
+// printer's model adds or replaces in the registry. No state.
 #pragma once
+
+#include "product/variable_types.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-enum class VariableType { Byte, Word, Number, String, Variable, Record, Composite, Queue, Unknown };
-
 struct Variable {
-    std::string name; // ANSI
-    VariableType type = VariableType::Unknown;
+    std::string name;  // ANSI
+    uint32_t type = 0; // SVT_NUMBER and the like
     uint32_t size = 0; // of the value in bytes; 0: it varies. Of a queue: of one item
     uint32_t room = 0; // bytes that it takes in a composite
     bool readable = true;
     bool fromModel = false;
-    std::vector<std::string> members; // of a composite, in their order
+    std::string memberList;           // of a composite, as it is stored
+    std::vector<std::string> members; // the names of that list, in their order
 };
 
-const char* TypeName(VariableType type);
+// "number", "composite"; "unknown" for a code that is not a type.
+const char* TypeName(uint32_t type);
 
-// Sorted as the library sorts them. driver may be empty: the built-in ones only.
+// Sorted as the library sorts them. An empty driver gives the built-in ones alone.
 std::vector<Variable> PrinterVariables(const std::string& driver);
+// Null when the printer has no such variable. Names compare exactly.
 const Variable* FindVariable(const std::vector<Variable>& variables, const std::string& name);

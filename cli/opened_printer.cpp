@@ -67,13 +67,13 @@ Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool t
     Reading reading;
     uint32_t size = variable.size;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const bool probe = size == 0 || (variable.type == VariableType::Queue && !takeItem);
+        const bool probe = size == 0 || (variable.type == SVT_QUEUE && !takeItem);
         reading.value.resize(probe ? 0 : size);
         uint32_t returned = 0;
         reading.status = read(printer.manager.Get(), variable.name.c_str(), probe ? nullptr : reading.value.data(),
                               probe ? 0 : size, &returned);
         if (probe) {
-            if (reading.status == TVS_E_SIZE && variable.type == VariableType::Queue && !takeItem) {
+            if (reading.status == TVS_E_SIZE && variable.type == SVT_QUEUE && !takeItem) {
                 reading.value.resize(returned); // how much there is to take
                 reading.status = TVS_OK;
             }

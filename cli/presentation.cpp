@@ -72,24 +72,23 @@ constexpr const char* kJobQueues[] = {"PrinterQueue", "SpoolerQueue"};
 // Nothing for a record of a model that took the name but has another size.
 const RecordLayout* LayoutOf(const Variable& variable) {
     for (const RecordLayout& layout : kRecords)
-        if (variable.name == layout.variable && variable.type == VariableType::Record && variable.size == layout.size)
+        if (variable.name == layout.variable && variable.type == SVT_RECORD && variable.size == layout.size)
             return &layout;
     return nullptr;
 }
 
 bool IsJobQueue(const Variable& variable) {
-    return variable.type == VariableType::Variable &&
-           std::any_of(std::begin(kJobQueues), std::end(kJobQueues),
-                       [&](const char* name) { return variable.name == name; });
+    return variable.type == SVT_VARIABLE && std::any_of(std::begin(kJobQueues), std::end(kJobQueues),
+                                                        [&](const char* name) { return variable.name == name; });
 }
 
-unsigned NumberBits(VariableType type) {
+unsigned NumberBits(uint32_t type) {
     switch (type) {
-    case VariableType::Byte:
+    case SVT_BYTE:
         return 8;
-    case VariableType::Word:
+    case SVT_WORD:
         return 16;
-    case VariableType::Number:
+    case SVT_NUMBER:
         return 32;
     default:
         return 0;
@@ -143,7 +142,7 @@ Decoded DecodeMembers(const std::vector<Variable>& variables, const Variable& co
     for (const std::string& name : composite.members) {
         const Variable* member = FindVariable(variables, name);
         if (!member) continue;
-        if (member->type == VariableType::Composite || at + member->room > value.size()) break;
+        if (member->type == SVT_COMPOSITE || at + member->room > value.size()) break;
         const auto begin = value.begin() + static_cast<ptrdiff_t>(at);
         const Bytes bytes(begin, begin + static_cast<ptrdiff_t>(member->room));
         // What varies is cut or filled up to its room, and has no form any more.
@@ -161,31 +160,29 @@ Decoded DecodeMembers(const std::vector<Variable>& variables, const Variable& co
 Decoded Decode(const std::vector<Variable>& variables, const Variable& variable, const Bytes& value) {
     const Decoded bytes{.form = Decoded::Form::Bytes, .bytes = value};
     switch (variable.type) {
-    case VariableType::Byte:
-    case VariableType::Word:
-    case VariableType::Number: {
+    case SVT_BYTE:
+    case SVT_WORD:
+    case SVT_NUMBER: {
         const unsigned bits = NumberBits(variable.type);
         if (value.size() != bits / 8) return bytes;
         for (const NumberMeanings& row : kNumberMeanings)
             if (variable.name == row.variable) return DecodeNumber(value.data(), bits, row.bits);
         return DecodeNumber(value.data(), bits);
     }
-    case VariableType::String:
+    case SVT_STRING:
         return {.form = Decoded::Form::Text, .text = FieldToUtf8(value.data(), value.size())};
-    case VariableType::Record:
+    case SVT_RECORD:
         if (const RecordLayout* layout = LayoutOf(variable); layout && value.size() == layout->size)
             return DecodeFields(layout->fields, value.data());
         if (value.empty() || value.size() % 4 != 0) return bytes;
         return value.size() == 4 ? DecodeNumber(value.data(), 32) : DecodeWords(value);
-    case VariableType::Composite:
+    case SVT_COMPOSITE:
         return DecodeMembers(variables, variable, value);
-    case VariableType::Variable:
+    case SVT_VARIABLE:
         return IsJobQueue(variable) && value.size() >= TVS_JOB_QUEUE_SIZE(0) ? DecodeJobQueue(value) : bytes;
-    case VariableType::Queue:
-    case VariableType::Unknown:
+    default: // a queue's items and the types of models have no form of their own
         return bytes;
     }
-    return bytes;
 }
 
 // ---- 3 JSON
@@ -371,11 +368,11 @@ bool NeedsPresentValue(const Variable& variable) {
 
 Bytes Encode(const Variable& variable, const std::vector<std::string>& words, const Bytes& present) {
     if (const RecordLayout* layout = LayoutOf(variable)) return EncodeFields(*layout, words, present);
-    const unsigned bits = variable.type == VariableType::Record && variable.size == 4 ? 32 : NumberBits(variable.type);
-    if (!bits && variable.type != VariableType::String) {
+    const unsigned bits = variable.type == SVT_RECORD && variable.size == 4 ? 32 : NumberBits(variable.type);
+    if (!bits && variable.type != SVT_STRING) {
         const std::string kind = TypeName(variable.type);
         std::string next = "give its bytes with --hex or --file";
-        if (variable.type == VariableType::Composite) next = "set the variables it is made of";
+        if (variable.type == SVT_COMPOSITE) next = "set the variables it is made of";
         throw UsageFailure(Shown(variable) + " has the type " + kind + ", which cannot be typed as text", next);
     }
     if (words.size() != 1) throw UsageFailure(Shown(variable) + " takes one value", "quote text that contains spaces");

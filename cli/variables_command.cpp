@@ -30,7 +30,7 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
 
         Json json = VariableJson(variable);
         std::string shown;
-        const bool queue = variable.type == VariableType::Queue;
+        const bool queue = variable.type == SVT_QUEUE;
         const Reading reading = variable.readable ? ReadValue(printer, variable, false) : Reading{TVS_E_UNKNOWN, {}};
         if (!variable.readable) {
             json["readable"] = false;
@@ -169,8 +169,8 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
         bytes = BytesOf(ReadWholeFile(*value.file));
     }
     // The library would hand any size on to the service. A queue's size is that of an item, its value holds several.
-    const bool bounded = variable.size && variable.type != VariableType::Queue;
-    const bool fixed = bounded && variable.type != VariableType::String;
+    const bool bounded = variable.size && variable.type != SVT_QUEUE;
+    const bool fixed = bounded && variable.type != SVT_STRING;
     if ((fixed && bytes.size() != variable.size) || (bounded && bytes.size() > variable.size)) {
         throw UsageFailure(ToUtf8(variable.name) + " takes " + (fixed ? "" : "at most ") +
                            std::to_string(variable.size) + " bytes, not " + std::to_string(bytes.size()));

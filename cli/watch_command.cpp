@@ -49,7 +49,7 @@ Decoded DecodedValue(const Watch& watch, const Variable& variable, const Bytes& 
 }
 
 std::string Shown(const Watch& watch, const Variable& variable, const Bytes& value) {
-    if (variable.type == VariableType::Queue) return value.empty() ? "(empty)" : "(an item waits)";
+    if (variable.type == SVT_QUEUE) return value.empty() ? "(empty)" : "(an item waits)";
     return watch.options.hex ? ToHex(value.data(), value.size()) : OneLine(DecodedValue(watch, variable, value));
 }
 
@@ -66,7 +66,7 @@ void PrintValueJson(const Watch& watch, const char* event, const Watched& now, c
                  {"time", now.written.empty() ? Json(nullptr) : Json(now.written)},
                  {"printer", watch.printer.shownName},
                  {"name", ToUtf8(variable.name)}};
-    if (variable.type == VariableType::Queue) {
+    if (variable.type == SVT_QUEUE) {
         json["waiting"] = !now.value.empty();
     } else {
         if (before != nullptr) json["old"] = ToJson(DecodedValue(watch, variable, *before));

@@ -5,20 +5,15 @@
 #include "manager/printer_registration.h"
 #include "manager/variables.h"
 #include "product/guards.h"
+#include "product/model_variables.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdio.h>
 #include <string.h>
 
 namespace {
 
-struct RegisteredVariable {
-    uint32_t size;
-    uint32_t flags;
-};
-static_assert(sizeof(RegisteredVariable) == 8);
-
-constexpr DWORD kSmallestValue = sizeof(RegisteredVariable) + 4;
 constexpr DWORD kKeyNameSize = 1024;
 
 bool OpenModelVariables(const char* driverName, RegistryKey& variables) {
@@ -28,15 +23,9 @@ bool OpenModelVariables(const char* driverName, RegistryKey& variables) {
     return variables.Open(HKEY_LOCAL_MACHINE, name, KEY_READ) == ERROR_SUCCESS;
 }
 
-bool HasItsLength(const RegisteredVariable& variable, DWORD valueSize) {
-    if (valueSize < kSmallestValue) return false;
-    if ((variable.flags & SVT_QUEUE) != 0) return valueSize == kSmallestValue;
-    return valueSize - sizeof variable == variable.size;
-}
-
 // The initial value in a block of its own, in the form in which the database stores it; null without memory.
-void* CopyDefault(const RegisteredVariable& variable, const BYTE* value) {
-    if ((variable.flags & SVT_QUEUE) != 0) {
+void* CopyDefault(const product::ModelVariable& variable) {
+    if (variable.initial == nullptr) {
         void* block = AllocateZeroed(sizeof kEmptyVariableValue);
         if (block != nullptr) memcpy(block, kEmptyVariableValue, sizeof kEmptyVariableValue);
         return block;
@@ -47,15 +36,13 @@ void* CopyDefault(const RegisteredVariable& variable, const BYTE* value) {
     BYTE* block = static_cast<BYTE*>(AllocateZeroed(offset + variable.size + 1));
     if (block == nullptr) return nullptr;
     if (lengthFirst) memcpy(block, &variable.size, sizeof variable.size);
-    memcpy(block + offset, value, variable.size);
+    memcpy(block + offset, variable.initial, variable.size);
     return block;
 }
 
-bool FillRow(StatusVariableDef* row, const char* name, const BYTE* data) {
-    RegisteredVariable variable;
-    memcpy(&variable, data, sizeof variable);
+bool FillRow(StatusVariableDef* row, const char* name, const product::ModelVariable& variable) {
     row->name = CopyText(name);
-    row->defaultValue = CopyDefault(variable, data + sizeof variable);
+    row->defaultValue = CopyDefault(variable);
     row->size = variable.size;
     row->flags = variable.flags | SVF_PRINTER_DEFINED;
     return row->name != nullptr && row->defaultValue != nullptr;
@@ -71,10 +58,9 @@ bool ReadRows(HKEY key, DWORD valueCount, DWORD longestData, StatusVariableDef* 
         DWORD size = longestData;
         // A longer name, or data that grew meanwhile, is skipped like a value of the wrong length.
         if (RegEnumValueA(key, i, name, &nameSize, nullptr, nullptr, data.memory, &size) != ERROR_SUCCESS) continue;
-        RegisteredVariable variable = {};
-        if (size >= sizeof variable) memcpy(&variable, data.memory, sizeof variable);
-        if (nameSize == 0 || !HasItsLength(variable, size)) continue;
-        if (!FillRow(&rows[(*rowCount)++], name, data.memory)) return false;
+        product::ModelVariable variable;
+        if (!product::ReadModelVariable({name, nameSize}, data.memory, size, &variable)) continue;
+        if (!FillRow(&rows[(*rowCount)++], name, variable)) return false;
     }
     return true;
 }
@@ -139,49 +125,17 @@ void Merge(ManagerRecord* manager, uint32_t rowCount) {
     manager->variableCount = static_cast<uint32_t>(next - manager->variableIndex);
 }
 
-// The bytes that the variable takes in a composite: the service composes the members' values in the room that they were
-// created with. Of a variable-length one that is its first payload, and none for the empty value.
-uint32_t RoomOf(const StatusVariableDef& variable) {
-    if (TypeOf(variable) != SVT_VARIABLE) return variable.size;
+// The room of this printer's variable of that name.
+std::optional<uint32_t> RoomInIndex(const ManagerRecord* manager, const char* name) {
+    const StatusVariableDef* variable = FindStatusVariable(manager, name);
+    if (variable == nullptr) return std::nullopt;
+    if (TypeOf(*variable) != SVT_VARIABLE) return variable->size;
     uint32_t length = 0;
-    if (variable.size == 0 && variable.buildDefault != nullptr) {
-        length = variable.buildDefault(nullptr) - static_cast<uint32_t>(sizeof length);
-    } else if (memcmp(variable.defaultValue, kEmptyVariableValue, sizeof kEmptyVariableValue) != 0) {
-        memcpy(&length, variable.defaultValue, sizeof length);
-    }
-    return length;
-}
-
-template <typename SizeOf>
-uint64_t SumOfMembers(const char* members, SizeOf sizeOf) {
-    uint64_t sum = 0;
-    while (*members != '\0') {
-        const size_t length = strcspn(members, ";");
-        char name[kVariableNameSize] = {}; // no variable has a longer one; cut, it is not found either
-        memcpy(name, members, length < sizeof name ? length : 0);
-        if (length > 0) sum += sizeOf(static_cast<const char*>(name));
-        members += length;
-        if (*members == ';') ++members;
-    }
-    return sum;
-}
-
-uint32_t BuiltInSize(const char* name) {
-    const StatusVariableDef* end = kStatusVariables + g_variableCount;
-    const auto* row =
-        std::find_if(kStatusVariables, end, [&](const auto& each) { return strcmp(each.name, name) == 0; });
-    return row != end ? row->size : 0;
-}
-
-// What the members take that this printer has; one that it lacks keeps its share of the declared size.
-uint32_t BuiltInCompositeSize(const ManagerRecord* manager, const StatusVariableDef& composite) {
-    const char* members = static_cast<const char*>(composite.defaultValue);
-    const uint32_t absent = composite.size - static_cast<uint32_t>(SumOfMembers(members, BuiltInSize));
-    const uint64_t sum = SumOfMembers(members, [&](const char* name) {
-        const StatusVariableDef* member = FindStatusVariable(manager, name);
-        return member != nullptr ? RoomOf(*member) : absent;
-    });
-    return sum <= 0xFFFFFFFF ? static_cast<uint32_t>(sum) : 0;
+    if (variable->buildDefault != nullptr)
+        return variable->buildDefault(nullptr) - static_cast<uint32_t>(sizeof length);
+    const auto* stored = static_cast<const BYTE*>(variable->defaultValue);
+    memcpy(&length, stored, sizeof length);
+    return product::PayloadRoom(stored + sizeof length, length);
 }
 
 // A built-in composite of which the model replaced a member has a row of its own, `spare` being those behind the
@@ -190,7 +144,9 @@ bool FitBuiltInComposites(ManagerRecord* manager, StatusVariableDef* spare) {
     for (uint32_t i = 0; i < manager->variableCount; ++i) {
         const StatusVariableDef& row = *manager->variableIndex[i];
         if ((row.flags & (SVT_COMPOSITE | SVF_PRINTER_DEFINED)) != SVT_COMPOSITE) continue;
-        const uint32_t size = BuiltInCompositeSize(manager, row);
+        const uint32_t size =
+            product::BuiltInCompositeSize(static_cast<const char*>(row.defaultValue), row.size,
+                                          [manager](const char* name) { return RoomInIndex(manager, name); });
         if (size == row.size) continue;
         *spare = {.flags = row.flags,
                   .size = size,
@@ -237,13 +193,7 @@ void FreeVariables(ManagerRecord* manager) {
 }
 
 uint32_t CompositeSize(const ManagerRecord* manager, const char* members) {
-    bool known = true;
-    const uint64_t sum = SumOfMembers(members, [&](const char* name) -> uint32_t {
-        const StatusVariableDef* member = FindStatusVariable(manager, name);
-        known = known && member != nullptr;
-        return member != nullptr ? RoomOf(*member) : 0;
-    });
-    return known && sum <= 0xFFFFFFFF ? static_cast<uint32_t>(sum) : 0;
+    return product::ModelCompositeSize(members, [manager](const char* name) { return RoomInIndex(manager, name); });
 }
 
 // A binary search over the manager's index, which nothing changes once the manager is open: no lock is needed.
