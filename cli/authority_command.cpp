@@ -1,7 +1,8 @@
 // authority, acl: what this user may do with a printer, why, and the list that says so.
 #include "access_list.h"
 
-#include <winspool.h>
+#include "product/authority_rules.h"
+#include "product/client_kinds.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -10,17 +11,6 @@ namespace {
 
 constexpr char kUserAuthority[] = "UserAuthority";
 constexpr char kAccessControlList[] = "AccessControlList";
-constexpr char kPortMonitorUser[] = "\\\\.\\kptmon";
-constexpr uint32_t kPollingKinds[] = {TVS_KIND_POLLING, 12};
-constexpr DWORD kManagesJobs = GENERIC_ALL | JOB_ACCESS_ADMINISTER;
-constexpr DWORD kAdministers = PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE | JOB_ACCESS_ADMINISTER;
-
-// What an entry's mask adds up to, for the user or for the owners of jobs.
-struct Rights {
-    DWORD allowed = 0;
-    DWORD denied = 0;
-    DWORD Effective() const { return allowed & ~denied; }
-};
 
 bool CountsForYou(const ListEntry& entry) {
     return entry.counts == Counts::ForUser || entry.counts == Counts::ForGroup;
@@ -31,10 +21,10 @@ bool CountsForOwners(const ListEntry& entry) {
 }
 
 template <typename Whom>
-Rights Sum(const std::vector<ListEntry>& entries, Whom whom) {
-    Rights rights;
+ListedRights Sum(const std::vector<ListEntry>& entries, Whom whom) {
+    ListedRights rights;
     for (const ListEntry& entry : entries)
-        if (whom(entry)) (entry.denies ? rights.denied : rights.allowed) |= entry.mask;
+        if (whom(entry)) rights.Count(entry.denies, entry.mask);
     return rights;
 }
 
@@ -53,17 +43,20 @@ public:
         : m_entries(entries), m_yours(Sum(entries, CountsForYou)), m_owners(Sum(entries, CountsForOwners)) {}
 
     std::vector<Explanation> All() const {
-        Explanation print = Any("print", PRINTER_ACCESS_USE);
-        Explanation ownJobs = Any("own jobs", kManagesJobs);
-        for (size_t i = 0; i < m_entries.size(); ++i)
-            if (CountsForOwners(m_entries[i])) Note(ownJobs, i, kManagesJobs, m_owners);
-        ownJobs.had |= (m_owners.Effective() & kManagesJobs) != 0;
-        return {print, ownJobs, Any("all jobs", kManagesJobs), Any("direct read", kManagesJobs | PRINTER_ACCESS_USE),
-                DirectWrite()};
+        std::vector<Explanation> all;
+        for (const AuthorityRule& rule : kAuthorityRules) {
+            Explanation explanation = Any(rule.name, rule.user);
+            for (size_t i = 0; i < m_entries.size(); ++i)
+                if (CountsForOwners(m_entries[i])) Note(explanation, i, rule.owners, m_owners);
+            explanation.had |= (m_owners.Effective() & rule.owners) != 0;
+            all.push_back(explanation);
+        }
+        all.push_back(DirectWrite());
+        return all;
     }
 
 private:
-    void Note(Explanation& explanation, size_t index, DWORD bits, const Rights& rights) const {
+    void Note(Explanation& explanation, size_t index, DWORD bits, const ListedRights& rights) const {
         const ListEntry& entry = m_entries[index];
         if (!entry.denies && (entry.mask & bits & ~rights.denied) != 0) explanation.gave.push_back(index + 1);
         if (entry.denies && (entry.mask & bits & rights.allowed) != 0) explanation.took.push_back(index + 1);
@@ -76,22 +69,20 @@ private:
         return explanation;
     }
 
-    // Rights of the printer itself, or the standard ones: before Windows 2000 and where a generic right is among them.
     Explanation DirectWrite() const {
         OSVERSIONINFOA version{};
         version.dwOSVersionInfoSize = sizeof version;
-        const bool later = GetVersionExA(&version) && version.dwMajorVersion > 4;
-        const bool generic = (m_yours.Effective() & (GENERIC_ALL | GENERIC_EXECUTE)) != 0;
-        const DWORD bits = later && !generic ? kAdministers : STANDARD_RIGHTS_REQUIRED;
-        Explanation explanation = Any("direct write", bits);
+        GetVersionExA(&version);
+        const DWORD bits = DirectWriteRights(version.dwMajorVersion, m_yours.Effective());
+        Explanation explanation = Any(kDirectWriteName, bits);
         explanation.missing = bits & ~m_yours.Effective();
         explanation.had = explanation.missing == 0;
         return explanation;
     }
 
     const std::vector<ListEntry>& m_entries;
-    Rights m_yours;
-    Rights m_owners;
+    ListedRights m_yours;
+    ListedRights m_owners;
 };
 
 const char* CountsText(Counts counts) {
@@ -159,12 +150,19 @@ std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& opti
     uint32_t kind = 0;
     if (port.status == TVS_OK && port.value.size() >= sizeof kind)
         std::copy_n(port.value.begin(), sizeof kind, reinterpret_cast<uint8_t*>(&kind));
-    if (kind == TVS_PORT_NO_REQUESTS) return "the value stored in UserAuthority, because of the printer's port";
-    if (std::count(std::begin(kPollingKinds), std::end(kPollingKinds), options.kind) != 0)
+    const bool known = GetVersionExA(&version);
+    switch (AuthoritySourceOf(kind, KindOf(options.kind).bit, known ? version.dwPlatformId : 0, options.user.c_str())) {
+    case AuthoritySource::StoredValue:
+        return "the value stored in UserAuthority, because of the printer's port";
+    case AuthoritySource::Polling:
         return "the client kind, which polls and has the same rights for everybody";
-    if (GetVersionExA(&version) && version.dwPlatformId == VER_PLATFORM_WIN32_WINDOWS)
+    case AuthoritySource::NoAccounts:
         return "the system version: Windows 95, 98 and Me have no accounts";
-    if (options.user == kPortMonitorUser) return "the user name: the port monitor may do everything";
+    case AuthoritySource::PortMonitor:
+        return "the user name: the port monitor may do everything";
+    case AuthoritySource::AccessList:
+        return "";
+    }
     return "";
 }
 

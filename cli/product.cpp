@@ -5,6 +5,7 @@
 #include "registry.h"
 #include "text.h"
 
+#include "product/client_kinds.h"
 #include "product/desktop_agent.h"
 #include "product/object_names.h"
 
@@ -13,14 +14,6 @@
 #include <vector>
 
 namespace {
-
-bool NeedsInitialisedProduct(uint32_t clientKind) {
-    return clientKind == 0 || (clientKind >= 7 && clientKind <= 10);
-}
-
-bool StartsDesktopAgent(uint32_t clientKind) {
-    return clientKind == 0 || clientKind == 7 || clientKind == 8 || clientKind == 11;
-}
 
 // " in /run/oriel (the system's product)".
 std::string In(const std::string& directory) {
@@ -107,6 +100,7 @@ bool ProductInitialised() {
 }
 
 Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastError) {
+    const ClientKind kind = KindOf(clientKind);
     Failure failure = StatusFailure(TVS_E_UNAVAILABLE, what);
     const std::optional<std::string> directory = InstalledDirectory();
     if (!directory) {
@@ -119,11 +113,11 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
     } else if (ServiceState() != SERVICE_RUNNING) {
         failure.why = "no status database service runs" + In(RunDirectoryName());
         failure.next = HowToStart();
-    } else if (NeedsInitialisedProduct(clientKind) && !ProductInitialised()) {
+    } else if (kind.needsProduct && !ProductInitialised()) {
         failure.why =
             "client kind " + std::to_string(clientKind) + " needs a running product, and only its service runs";
         failure.next = HowToStart() + ", or use another --kind";
-    } else if (StartsDesktopAgent(clientKind) && !FileExists(*directory + product::kAgentExecutable)) {
+    } else if (kind.startsAgent && !FileExists(*directory + product::kAgentExecutable)) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " +
                       product::kAgentExecutable + ", which is not installed";
@@ -134,7 +128,7 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
         failure.next = "try again; if that does not help, restart the product";
     } else if (lastError != ERROR_SUCCESS) {
         return StatusFailure(static_cast<int32_t>(lastError), what);
-    } else if (NeedsInitialisedProduct(clientKind)) {
+    } else if (kind.needsProduct) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " cannot add a printer that nobody has opened yet";
         failure.next = "open it once with another --kind";

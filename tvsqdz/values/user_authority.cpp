@@ -4,21 +4,13 @@
 #include "base/memory.h"
 #include "base/system.h"
 #include "manager/variables.h"
-#include "product/client_kinds.h"
+#include "product/authority_rules.h"
 #include "product/guards.h"
 
 #include <string.h>
 #include <winspool.h>
 
 namespace {
-
-// The product's own port monitor works on everybody's behalf.
-constexpr char kPortMonitorUser[] = "\\\\.\\kptmon";
-
-constexpr uint32_t kAllAuthority = TVS_AUTHORITY_PRINT | TVS_AUTHORITY_OWN_JOBS | TVS_AUTHORITY_ALL_JOBS |
-                                   TVS_AUTHORITY_DIRECT_READ | TVS_AUTHORITY_DIRECT_WRITE;
-constexpr uint32_t kPollingAuthority = TVS_AUTHORITY_PRINT | TVS_AUTHORITY_OWN_JOBS | TVS_AUTHORITY_DIRECT_READ;
-static_assert(kAllAuthority == 31 && kPollingAuthority == 11);
 
 // What the component that serves such a port says; nothing when that cannot be read.
 uint32_t StoredAuthority(const ManagerDatabase& database) {
@@ -28,10 +20,9 @@ uint32_t StoredAuthority(const ManagerDatabase& database) {
     return authority;
 }
 
-uint32_t PrinterAuthority(const ManagerRecord* manager) {
-    if (strcmp(manager->userName, kPortMonitorUser) == 0) return kAllAuthority;
+uint32_t ListAuthority(const ManagerDatabase& database) {
     AccessControlList list;
-    if (list.Load(manager->printerDatabase) != TVS_OK) return TVS_AUTHORITY_PRINT;
+    if (list.Load(database) != TVS_OK) return TVS_AUTHORITY_PRINT;
     return AclAuthority(list.Acl(), list.AclSize());
 }
 
@@ -45,13 +36,19 @@ uint32_t StoredPortKind(const ManagerDatabase& database) {
 }
 
 uint32_t UserAuthority(const ManagerRecord* manager) {
-    // A port of exactly this kind has an authority of its own; one with the bit among others has not.
-    if (StoredPortKind(manager->printerDatabase) == TVS_PORT_NO_REQUESTS)
+    switch (AuthoritySourceOf(StoredPortKind(manager->printerDatabase), g_processKindMask.load(),
+                              SystemVersion().dwPlatformId, manager->userName)) {
+    case AuthoritySource::StoredValue:
         return StoredAuthority(manager->printerDatabase);
-    const bool polls = (g_processKindMask.load() & kPollingKindBit) != 0;
-    // Without accounts everybody may do everything.
-    if (SystemVersion().dwPlatformId == VER_PLATFORM_WIN32_WINDOWS) return polls ? kPollingAuthority : kAllAuthority;
-    return polls ? kPollingAuthority : PrinterAuthority(manager);
+    case AuthoritySource::Polling:
+        return kPollingAuthority;
+    case AuthoritySource::NoAccounts:
+    case AuthoritySource::PortMonitor:
+        return kAllAuthority;
+    case AuthoritySource::AccessList:
+        return ListAuthority(manager->printerDatabase);
+    }
+    return 0;
 }
 
 uint32_t UserAuthorityRead(ManagerRecord* manager, void* buffer) {
@@ -72,21 +69,10 @@ namespace {
 
 constexpr DWORD kAccountNameSize = 128; // of the buffers that a look-up fills
 
-constexpr DWORD kManagesJobs = GENERIC_ALL | JOB_ACCESS_ADMINISTER;
-constexpr DWORD kAdministers = PRINTER_ACCESS_ADMINISTER | PRINTER_ACCESS_USE | JOB_ACCESS_ADMINISTER;
-static_assert(kAdministers == 0x1C);
-
-// Rights that entries gave and took; taken anywhere, a right is gone, whatever the order.
-struct Rights {
-    DWORD allowed = 0;
-    DWORD denied = 0;
-
-    void Count(const ACCESS_ALLOWED_ACE& entry) {
-        if (entry.Header.AceType == ACCESS_ALLOWED_ACE_TYPE) allowed |= entry.Mask;
-        if (entry.Header.AceType == ACCESS_DENIED_ACE_TYPE) denied |= entry.Mask;
-    }
-    DWORD Effective() const { return allowed & ~denied; }
-};
+// Of an entry that allows or denies.
+void Count(const ACCESS_ALLOWED_ACE& entry, ListedRights* rights) {
+    rights->Count(entry.Header.AceType == ACCESS_DENIED_ACE_TYPE, entry.Mask);
+}
 
 // What a token says of its user or its groups.
 class TokenInformation {
@@ -182,19 +168,6 @@ const SID* SidOf(const ACCESS_ALLOWED_ACE& entry) {
     return LengthOf(*sid) <= entry.Header.AceSize - kSidOffset ? sid : nullptr;
 }
 
-uint32_t AuthorityOf(DWORD user, DWORD owner) {
-    uint32_t authority = 0;
-    if ((user & PRINTER_ACCESS_USE) != 0) authority |= TVS_AUTHORITY_PRINT | TVS_AUTHORITY_DIRECT_READ;
-    if ((owner & kManagesJobs) != 0) authority |= TVS_AUTHORITY_OWN_JOBS;
-    if ((user & kManagesJobs) != 0)
-        authority |= TVS_AUTHORITY_OWN_JOBS | TVS_AUTHORITY_ALL_JOBS | TVS_AUTHORITY_DIRECT_READ;
-    // Generic rights have not been mapped to the printer's own; then, as before Windows 2000, the standard ones tell.
-    const bool byPrinterRights = SystemVersion().dwMajorVersion > 4 && (user & (GENERIC_ALL | GENERIC_EXECUTE)) == 0;
-    const DWORD administers = byPrinterRights ? kAdministers : STANDARD_RIGHTS_REQUIRED;
-    if ((user & administers) == administers) authority |= TVS_AUTHORITY_DIRECT_WRITE;
-    return authority;
-}
-
 } // namespace
 
 uint32_t AclAuthority(const void* acl, uint32_t size) {
@@ -216,8 +189,8 @@ uint32_t AclAuthority(const void* acl, uint32_t size) {
     BYTE knownOfOwner = 0;
     Scratch knownOfGroups(groups.GroupCount);
     if (knownOfGroups.Data() == nullptr) return 0;
-    Rights usersRights;
-    Rights ownersRights;
+    ListedRights usersRights;
+    ListedRights ownersRights;
     const auto* at = static_cast<const BYTE*>(acl) + sizeof(ACL);
     for (DWORD i = 0; i < sizes.AceCount; ++i) {
         const auto& entry = *reinterpret_cast<const ACCESS_ALLOWED_ACE*>(at);
@@ -227,15 +200,15 @@ uint32_t AclAuthority(const void* acl, uint32_t size) {
         const DWORD group = FindGroup(groups, *sid);
         // No entry of somebody else's matters, so nobody asks whose it is.
         if (Same(*sid, user)) {
-            if (UseOf(*sid, &knownOfUser) == SidTypeUser) usersRights.Count(entry);
+            if (UseOf(*sid, &knownOfUser) == SidTypeUser) Count(entry, &usersRights);
         } else if (group < groups.GroupCount) {
             const int use = UseOf(*sid, knownOfGroups.Data() + group);
-            if (use != 0 && use != SidTypeUser) usersRights.Count(entry);
+            if (use != 0 && use != SidTypeUser) Count(entry, &usersRights);
         } else if (creatorOwner.sid != nullptr && Same(*sid, AsSid(creatorOwner.sid))) {
-            if (UseOf(*sid, &knownOfOwner) != 0) ownersRights.Count(entry);
+            if (UseOf(*sid, &knownOfOwner) != 0) Count(entry, &ownersRights);
         }
     }
-    return AuthorityOf(usersRights.Effective(), ownersRights.Effective());
+    return AuthorityOfRights(SystemVersion().dwMajorVersion, usersRights.Effective(), ownersRights.Effective());
 }
 
 // One value of the service, held in the record while it is small and in a block of the heap beyond that.

@@ -36,6 +36,11 @@ inline constexpr ClientKind kClientKinds[] = {
 };
 static_assert(sizeof kClientKinds / sizeof kClientKinds[0] == TVS_KIND_HIGHEST + 1);
 
+// A number above the highest kind has no effects.
+constexpr ClientKind KindOf(uint32_t number) {
+    return number <= TVS_KIND_HIGHEST ? kClientKinds[number] : ClientKind{};
+}
+
 // This process has opened a manager that asks for compulsive polling.
 inline constexpr uint32_t kPollingKindBit = kClientKinds[TVS_KIND_POLLING].bit;
 
