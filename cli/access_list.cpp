@@ -3,6 +3,8 @@
 
 #include "service_client.h"
 
+#include "product/variable_names.h"
+
 #include <sddl.h>
 
 #include <algorithm>
@@ -10,7 +12,6 @@
 
 namespace {
 
-constexpr char kVariable[] = "AccessControlList";
 constexpr size_t kLengthSize = sizeof(uint32_t); // before every value whose size varies
 constexpr size_t kSidOffset = offsetof(ACCESS_ALLOWED_ACE, SidStart);
 constexpr size_t kLargestSid = offsetof(SID, SubAuthority) + SID_MAX_SUB_AUTHORITIES * sizeof(DWORD);
@@ -153,7 +154,8 @@ std::string WithSids(const std::string& text) {
 } // namespace
 
 Bytes ReadAccessControlList(const OpenedPrinter& printer) {
-    Bytes value = ServiceDatabase(printer, WhatOf("read", kVariable, printer)).Read(kVariable);
+    Bytes value =
+        ServiceDatabase(printer, WhatOf("read", names::kAccessControlList, printer)).Read(names::kAccessControlList);
     value.erase(value.begin(), value.begin() + static_cast<ptrdiff_t>(std::min(value.size(), kLengthSize)));
     return value;
 }

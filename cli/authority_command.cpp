@@ -3,14 +3,15 @@
 
 #include "product/authority_rules.h"
 #include "product/client_kinds.h"
+#include "product/variable_names.h"
 
 #include <algorithm>
 #include <cstdio>
 
 namespace {
 
-constexpr char kUserAuthority[] = "UserAuthority";
-constexpr char kAccessControlList[] = "AccessControlList";
+using names::kAccessControlList;
+using names::kUserAuthority;
 
 bool CountsForYou(const ListEntry& entry) {
     return entry.counts == Counts::ForUser || entry.counts == Counts::ForGroup;
@@ -146,7 +147,7 @@ Json RightsJson(const std::vector<Explanation>& rights) {
 std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& options) {
     OSVERSIONINFOA version{};
     version.dwOSVersionInfoSize = sizeof version;
-    const Reading port = ReadValue(printer, FindNamed(printer, "Port", "read"), false);
+    const Reading port = ReadValue(printer, FindNamed(printer, names::kPort, "read"), false);
     uint32_t kind = 0;
     if (port.status == TVS_OK && port.value.size() >= sizeof kind)
         std::copy_n(port.value.begin(), sizeof kind, reinterpret_cast<uint8_t*>(&kind));

@@ -1,7 +1,6 @@
 // Variables of catalogue.h. No state.
 #include "catalogue.h"
 
-#include "printers.h"
 #include "registry.h"
 
 #include "product/model_variables.h"
@@ -78,8 +77,7 @@ std::vector<Variable> PrinterVariables(const std::string& driver) {
     std::vector<Variable> variables;
     for (const BuiltInVariable& row : kBuiltInVariables)
         variables.push_back(Described(row));
-    if (const RegistryKey key =
-            driver.empty() ? RegistryKey() : OpenKey(HKEY_LOCAL_MACHINE, ModelVariablesPath(driver), KEY_QUERY_VALUE)) {
+    if (const RegistryKey key = product::OpenModelVariables(driver.c_str())) {
         for (const RegistryValue& value : ListValues(key.Get())) {
             product::ModelVariable row;
             if (!product::ReadModelVariable(value.name, value.data.data(), value.data.size(), &row)) continue;

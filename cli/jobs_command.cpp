@@ -7,6 +7,8 @@
 #include "printers.h"
 #include "spooler.h"
 
+#include "product/variable_names.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -17,7 +19,7 @@ constexpr size_t kTitleMax = 1023;
 constexpr struct {
     const char* variable;
     const char* key;
-} kQueues[] = {{"PrinterQueue", "printerQueue"}, {"SpoolerQueue", "spoolerQueue"}};
+} kQueues[] = {{names::kPrinterQueue, "printerQueue"}, {names::kSpoolerQueue, "spoolerQueue"}};
 
 PrinterHandle SpoolerPrinterOf(const OpenedPrinter& printer) {
     return OpenInSpooler(RequireAnsi(printer.shownName, "the printer name"));

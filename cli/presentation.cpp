@@ -3,6 +3,8 @@
 // No state.
 #include "presentation.h"
 
+#include "product/variable_names.h"
+
 #include <tvsqdz.h>
 
 #include <algorithm>
@@ -67,7 +69,7 @@ constexpr RecordLayout kRecords[] = {
     {"PrintingJobInfo", sizeof(TvsPrintingJobRecord), kPrintingJobFields},
     {"SendingJobInfo", sizeof(TvsJobRecord), kJobFields},
 };
-constexpr const char* kJobQueues[] = {"PrinterQueue", "SpoolerQueue"};
+constexpr const char* kJobQueues[] = {names::kPrinterQueue, names::kSpoolerQueue};
 
 // Nothing for a record of a model that took the name but has another size.
 const RecordLayout* LayoutOf(const Variable& variable) {

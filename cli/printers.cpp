@@ -6,15 +6,16 @@
 #include "registry.h"
 #include "spooler.h"
 
+#include "product/model_variables.h"
+#include "product/registry_names.h"
+
 #include <tvsqdz.h>
 
 #include <algorithm>
 
 namespace {
 
-constexpr char kPrintersKey[] = "System\\CurrentControlSet\\Control\\Print\\Printers";
 constexpr size_t kLongestNewName = 220; // that the spooler takes
-constexpr char kDriverValue[] = "Printer Driver";
 constexpr char kPortValue[] = "Port";
 constexpr char kNameValue[] = "Name";           // the spooler's, of printers of its own
 constexpr char kScriptValue[] = "Oriel Script"; // of the product's, where everything of the printer goes with it
@@ -61,7 +62,7 @@ std::vector<Printer> ListPrinters() {
     if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) {
         for (const std::string& keyName : ListSubkeys(root.Get())) {
             auto printer = std::find_if(printers.begin(), printers.end(), [&](const Printer& candidate) {
-                return SameText(PrinterKeyName(candidate.name), keyName);
+                return SameText(PrinterKeyName(candidate.name.c_str()).name, keyName);
             });
             if (printer == printers.end()) printer = printers.insert(printers.end(), {.name = keyName});
             printer->inRegistry = true;
@@ -110,7 +111,7 @@ namespace {
 
 // "\\SERVER\NAME", the one form of a name with backslashes.
 bool IsConnection(const std::string& name) {
-    const std::string key = PrinterKeyName(name); // commas for backslashes, and no others
+    const std::string key = PrinterKeyName(name.c_str()).name; // commas for backslashes, and no others
     const size_t third = key.find(',', 2);
     return key.starts_with(",,") && third != std::string::npos && third > 2 && third + 1 < key.size() &&
            key.find(',', third + 1) == std::string::npos;
@@ -121,35 +122,19 @@ bool IsConnection(const std::string& name) {
 std::string RequireNewPrinterName(const std::string& text) {
     const std::string name = RequirePrinterText(text, "the printer name");
     const bool comma = name.find(',') != std::string::npos; // never the second byte of a character
-    const bool backslash = PrinterKeyName(name) != name;
+    const bool backslash = PrinterKeyName(name.c_str()).name != name;
     if (name.size() > kLongestNewName || comma || (backslash && !IsConnection(name)))
         throw UsageFailure("\"" + text + "\" cannot be the name of a printer",
                            "use 1 to 220 characters, and no comma or backslash");
     return name;
 }
 
-std::string PrinterKeyName(const std::string& name) {
-    std::string key = name;
-    for (size_t i = 0; i < key.size(); ++i) {
-        if (IsDBCSLeadByte(static_cast<BYTE>(key[i]))) {
-            ++i;
-        } else if (key[i] == '\\') {
-            key[i] = ',';
-        }
-    }
-    return key;
-}
-
 std::string PrinterKeyPath(const std::string& name) {
-    return std::string(kPrintersKey) + "\\" + PrinterKeyName(name);
-}
-
-std::string ModelVariablesPath(const std::string& driver) {
-    return std::string(kModelsKey) + "\\" + driver + "\\Status Variables";
+    return std::string(kPrintersKey) + "\\" + PrinterKeyName(name.c_str()).name;
 }
 
 bool IsRegisteredModel(const std::string& driver) {
-    return !driver.empty() && static_cast<bool>(OpenKey(HKEY_LOCAL_MACHINE, ModelVariablesPath(driver), KEY_READ));
+    return static_cast<bool>(product::OpenModelVariables(driver.c_str()));
 }
 
 std::optional<std::string> DriverOf(const std::string& name) {
@@ -168,7 +153,7 @@ std::string KnownPrinterName(const std::string& name) {
     for (const Printer& printer : printers) {
         if (SameText(printer.name, name)) return printer.name;
         // A key's name does not tell which of its commas stand for backslashes.
-        if (!printer.inSpooler && SameText(printer.name, PrinterKeyName(name))) return name;
+        if (!printer.inSpooler && SameText(printer.name, PrinterKeyName(name.c_str()).name)) return name;
     }
     const std::string shown = ToUtf8(name);
     throw Failure{Exit::False, "no printer is called \"" + shown + "\"", "",

@@ -30,12 +30,9 @@ std::string RequirePrinterText(const std::string& text, const char* what);
 // The same of the name of a printer that is to be made here.
 std::string RequireNewPrinterName(const std::string& text);
 
-// The registry's name of a printer's key: the name with commas for backslashes, double-byte characters left whole.
-std::string PrinterKeyName(const std::string& name);
+// The path of the printer's key below HKEY_LOCAL_MACHINE.
 std::string PrinterKeyPath(const std::string& name);
 
-// A driver that is registered as a model has a key "Status Variables".
-std::string ModelVariablesPath(const std::string& driver);
 bool IsRegisteredModel(const std::string& driver);
 
 // The printer's driver; nothing when neither registry nor spooler knows the printer.

@@ -4,18 +4,16 @@
 #include "failure.h"
 #include "handles.h"
 
+#include "product/interface.h"
+#include "product/program_names.h"
+#include "product/registry_names.h"
+
 #include <optional>
 #include <string>
 
-inline constexpr char kProductKey[] = "SOFTWARE\\Tavik\\Oriel";
-inline constexpr char kDirectoryValue[] = "DIRPATH";
-inline constexpr char kModelsKey[] = "SOFTWARE\\Tavik\\Oriel\\Printers";
-inline constexpr char kServiceName[] = "TVORSDB";
+using product::kServiceName;
 inline constexpr char kServiceDisplayName[] = "Oriel status database";
-inline constexpr char kServiceProgram[] = "TVSDBN.EXE";
-inline constexpr char kPrinterSideProgram[] = "TVSPSD.EXE";
 inline constexpr char kServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
-inline constexpr char kUpMutex[] = "TVORPWDMutex"; // held by the start-up process; never with the Global prefix
 
 // The folder of the product, ending with a backslash, as registered; nothing when it is not.
 std::optional<std::string> InstalledDirectory();

@@ -17,10 +17,7 @@ std::optional<std::string> RegistryValue::Text() const {
 }
 
 RegistryKey OpenKey(HKEY root, const std::string& path, REGSAM access, LSTATUS* error) {
-    RegistryKey key;
-    const LSTATUS status = RegOpenKeyExA(root, path.c_str(), 0, access, key.Receive());
-    if (error) *error = status;
-    return key;
+    return OpenKey(root, path.c_str(), access, error);
 }
 
 LSTATUS CreateKey(HKEY root, const std::string& path, RegistryKey& key) {

@@ -5,6 +5,8 @@
 #include "printers.h"
 #include "spooler.h"
 
+#include "product/variable_names.h"
+
 #include <cstring>
 
 namespace {
@@ -23,7 +25,7 @@ void PutText(char (&field)[TVS_PORT_TEXT_SIZE], const std::string& text, const c
 }
 
 int32_t StoreName(const OpenedPrinter& printer, const std::string& name) {
-    return UpdatePrinterStatusA(printer.manager.Get(), "PrinterName", name.c_str(),
+    return UpdatePrinterStatusA(printer.manager.Get(), names::kPrinterName, name.c_str(),
                                 static_cast<uint32_t>(name.size() + 1));
 }
 
@@ -62,13 +64,13 @@ Exit PortCommand(const ManagerOptions& options, const std::optional<NewPort>& wa
         PutText(record->portDetail, wanted->detail, "the port's detail");
     }
     const OpenedPrinter printer = OpenPrinterOf(options);
-    const Variable& variable = FindNamed(printer, "Port", wanted ? "write" : "read");
+    const Variable& variable = FindNamed(printer, names::kPort, wanted ? "write" : "read");
     if (record) {
-        const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), "Port", &*record, sizeof *record);
-        if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", "Port", printer));
+        const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), names::kPort, &*record, sizeof *record);
+        if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", names::kPort, printer));
     }
     const Reading reading = ReadValue(printer, variable, false);
-    if (reading.status != TVS_OK) throw StatusFailure(reading.status, WhatOf("read", "Port", printer));
+    if (reading.status != TVS_OK) throw StatusFailure(reading.status, WhatOf("read", names::kPort, printer));
     const Decoded port = Decode(printer.variables, variable, reading.value);
     if (g_output.json)
         PrintJson({{"printer", printer.shownName}, {"port", ToJson(port)}});

@@ -228,7 +228,7 @@ private:
 // This user's alone. Owned from construction to its end, or Held() is false: another process holds it.
 struct UpMutex {
     UpMutex() {
-        m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, kUpMutex));
+        m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, product::kStartUpMutexName));
         if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // it is another user's
         if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
         const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);

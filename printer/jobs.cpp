@@ -5,6 +5,8 @@
 #include "device.h"
 #include "spool.h"
 
+#include "product/variable_names.h"
+
 #include <tvsqdz.h>
 
 #include <algorithm>
@@ -132,7 +134,7 @@ void ReportSpoolerQueue(Taker& taker) {
     memcpy(queue.data(), &count, sizeof count);
     if (count != 0) memcpy(&queue[sizeof count], entries.data(), queue.size() - sizeof count);
     if (queue == taker.spoolerQueue) return;
-    Report(taker, "SpoolerQueue", queue.data(), queue.size());
+    Report(taker, names::kSpoolerQueue, queue.data(), queue.size());
     taker.spoolerQueue = std::move(queue);
 }
 
@@ -141,14 +143,14 @@ void ReportNothing(Taker& taker) {
     constexpr DWORD kEmptyQueue = 0;
     ReportSending(taker, nullptr);
     ReportPrinting(taker, nullptr);
-    Report(taker, "PrinterQueue", &kEmptyQueue, sizeof kEmptyQueue);
+    Report(taker, names::kPrinterQueue, &kEmptyQueue, sizeof kEmptyQueue);
     ReportJobStatus(taker, kNoJob);
 }
 
 // To a service that has none of it.
 void ReportAnew(Taker& taker) {
     constexpr DWORD kEmptyQueue = 0;
-    Report(taker, "PrinterQueue", &kEmptyQueue, sizeof kEmptyQueue);
+    Report(taker, names::kPrinterQueue, &kEmptyQueue, sizeof kEmptyQueue);
     for (const Sent& job : taker.inPrinter)
         ReportSending(taker, &job);
     ReportSending(taker, taker.sending ? &*taker.sending : nullptr);

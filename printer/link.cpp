@@ -2,6 +2,7 @@
 #include "link.h"
 
 #include "product/program_client.h"
+#include "product/variable_names.h"
 
 #include <algorithm>
 #include <iterator>
@@ -11,7 +12,8 @@ using namespace product;
 
 namespace {
 
-constexpr const char* kWatchedNames[kWatchedCount] = {"ReadRequest", "WriteRequest", kForwardMailbox, "LMFunction"};
+constexpr const char* kWatchedNames[kWatchedCount] = {names::kReadRequest, names::kWriteRequest, kForwardMailbox,
+                                                      names::kLMFunction};
 
 // What an answer means for the link: a service that cannot be reached, or does not know what we opened, is another one.
 LONG Examine(Link& link, Answer answer) {
@@ -178,7 +180,7 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
 
 bool SomebodyWaits(const Link& link) {
     const KernelName name =
-        VariableEventName(link.terminalServer, link.databaseName, "RWResult", VariableSignal::Updated);
+        VariableEventName(link.terminalServer, link.databaseName, names::kRWResult, VariableSignal::Updated);
     const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.text);
     if (event) CloseHandle(event);
     return event != nullptr;

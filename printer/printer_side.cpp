@@ -9,6 +9,8 @@
 #include "link.h"
 #include "queues.h"
 
+#include "product/variable_names.h"
+
 #include <tvsqdz.h>
 
 #include <algorithm>
@@ -73,7 +75,7 @@ struct PrinterSide {
     JobTaker* jobs = nullptr;
 };
 
-constexpr const char* kRequestVariables[] = {"ReadRequest", "WriteRequest"};
+constexpr const char* kRequestVariables[] = {names::kReadRequest, names::kWriteRequest};
 
 DWORD VariableOf(RequestKind kind) {
     return kind == kReadRequest ? kWatchedRead : kWatchedWrite;
@@ -139,13 +141,13 @@ void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue
         TvsPortRecord port = {.portKind = kOrdinaryPort, .portName = {}, .portDetail = {}};
         options.port.copy(port.portName, sizeof port.portName - 1);
         const auto* bytes = reinterpret_cast<const BYTE*>(&port);
-        add("Port", Bytes(bytes, bytes + sizeof port));
+        add(names::kPort, Bytes(bytes, bytes + sizeof port));
     }
-    add("SpoolerStatus", BytesOfNumber(kSpoolerUp));
-    add("PrinterExtStatus", BytesOfNumber(TVS_EXT_STATUS_TAKES_REQUESTS));
+    add(names::kSpoolerStatus, BytesOfNumber(kSpoolerUp));
+    add(names::kPrinterExtStatus, BytesOfNumber(TVS_EXT_STATUS_TAKES_REQUESTS));
     // What says that requests are taken comes last.
     std::stable_partition(values.begin(), values.end(), [](const DeviceValue& value) {
-        return value.variable != "SpoolerStatus" && value.variable != "PrinterExtStatus";
+        return value.variable != names::kSpoolerStatus && value.variable != names::kPrinterExtStatus;
     });
 }
 
@@ -153,7 +155,7 @@ void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue
 
 void Answer(PrinterSide& side, const Job& job, LONG result) {
     if (job.byVariable) {
-        WriteBytes(side.link, "RWResult", &result, sizeof result);
+        WriteBytes(side.link, names::kRWResult, &result, sizeof result);
         side.carried = {job.kind, job.writes, result, side.now};
     }
     if (job.forwardId != 0) {
@@ -185,7 +187,7 @@ LONG ReadCompanion(PrinterSide& side, const std::string& companion, Bytes* value
 }
 
 DeviceReply AskRefresh(PrinterSide& side) {
-    return side.device.refresh(side.device.self, ReadTextOf(side.link, "RefreshStatus"));
+    return side.device.refresh(side.device.self, ReadTextOf(side.link, names::kRefreshStatus));
 }
 
 // Anybody may have written the request variables: a text that names nothing is answered like any unknown name.
@@ -193,7 +195,7 @@ DeviceReply AskDevice(PrinterSide& side, RequestKind kind) {
     if (kind == kRefreshRequest) return AskRefresh(side);
     std::string name = ReadTextOf(side.link, kRequestVariables[VariableOf(kind)]);
     if (kind == kReadRequest && !name.empty()) return side.device.read(side.device.self, name);
-    if (name == "RefreshStatus") return AskRefresh(side);
+    if (name == names::kRefreshStatus) return AskRefresh(side);
     DeviceReply reply;
     reply.result = TVS_E_UNKNOWN;
     if (kind != kWriteRequest || name.size() < 2 || name.back() != 'W') return reply;
@@ -331,7 +333,7 @@ ULONGLONG TimeOf(const VariableInfo& info) {
 // last answer counts as later, for the worse would be that somebody waits for good.
 void FindUnanswered(PrinterSide& side) {
     VariableInfo answer = {};
-    const bool waits = SomebodyWaits(side.link) && InfoOf(side.link, "RWResult", &answer) == kDone;
+    const bool waits = SomebodyWaits(side.link) && InfoOf(side.link, names::kRWResult, &answer) == kDone;
     for (const DWORD which : {kWatchedRead, kWatchedWrite}) {
         VariableInfo info = {};
         if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return;
@@ -360,10 +362,10 @@ void BeginService(PrinterSide& side) {
 // Says that no more requests are taken, and leaves nobody waiting.
 void EndService(PrinterSide& side) {
     if (side.link.lost) return;
-    const DWORD extStatus = ReadNumberOf(side.link, "PrinterExtStatus") & ~TVS_EXT_STATUS_TAKES_REQUESTS;
-    const DWORD spoolerStatus = ReadNumberOf(side.link, "SpoolerStatus") & ~kSpoolerUp;
-    WriteBytes(side.link, "PrinterExtStatus", &extStatus, sizeof extStatus);
-    WriteBytes(side.link, "SpoolerStatus", &spoolerStatus, sizeof spoolerStatus);
+    const DWORD extStatus = ReadNumberOf(side.link, names::kPrinterExtStatus) & ~TVS_EXT_STATUS_TAKES_REQUESTS;
+    const DWORD spoolerStatus = ReadNumberOf(side.link, names::kSpoolerStatus) & ~kSpoolerUp;
+    WriteBytes(side.link, names::kPrinterExtStatus, &extStatus, sizeof extStatus);
+    WriteBytes(side.link, names::kSpoolerStatus, &spoolerStatus, sizeof spoolerStatus);
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
     // One may have been made since the last look. What comes from here on waits for the next printer side; what is in
     // the mailbox the service answers, when its watch ends.

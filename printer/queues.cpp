@@ -1,6 +1,8 @@
 // No state but the record's.
 #include "queues.h"
 
+#include "product/model_variables.h"
+
 #include <algorithm>
 #include <iterator>
 #include <string.h>
@@ -9,20 +11,8 @@ using namespace product;
 
 namespace {
 
-constexpr char kModelsKey[] = "SOFTWARE\\Tavik\\Oriel\\Printers\\";
-constexpr char kVariablesKey[] = "\\Status Variables";
-constexpr DWORD kTypeMask = 0x300000FF; // of the flags of a model's variable
-constexpr DWORD kTypeQueue = 0x80;
 constexpr SIZE_T kWaitingMax = 1000; // items; more than that nobody waits for
 constexpr SIZE_T kHeader = 2 * sizeof(DWORD);
-
-// A model's queue variable, as its registry value has it.
-struct ModelQueue {
-    DWORD itemSize;
-    DWORD flags;
-    DWORD unused;
-};
-static_assert(sizeof(ModelQueue) == 12);
 
 DWORD WordAt(const Bytes& bytes, SIZE_T at) {
     DWORD word = 0;
@@ -68,24 +58,23 @@ LONG PutItem(Link& link, const DeviceQueue& queue, const DeviceValue& item) {
 
 std::vector<DeviceQueue> QueuesOfModel(const std::string& driver) {
     std::vector<DeviceQueue> queues;
-    HKEY key = nullptr;
-    const std::string path = kModelsKey + driver + kVariablesKey;
-    if (driver.empty() || RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
-        return queues;
+    const RegistryKey key = OpenModelVariables(driver.c_str());
+    if (!key) return queues;
     for (DWORD index = 0;; ++index) {
+        constexpr DWORD kDataMax = 12; // of a queue's value
         char name[kVariableNameMax + 1];
         DWORD nameSize = sizeof name;
-        ModelQueue queue{};
-        DWORD size = sizeof queue;
-        const LSTATUS status =
-            RegEnumValueA(key, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&queue), &size);
+        BYTE data[kDataMax];
+        DWORD size = sizeof data;
+        const LSTATUS status = RegEnumValueA(key.Get(), index, name, &nameSize, nullptr, nullptr, data, &size);
         if (status == ERROR_MORE_DATA) continue; // another kind of variable
         if (status != ERROR_SUCCESS) break;
-        if (size != sizeof queue || (queue.flags & kTypeMask) != kTypeQueue || queue.itemSize == 0) continue;
-        if (queue.itemSize <= (kValueSizeMax - kHeader) / kQueueLength)
-            queues.push_back({.variable = name, .itemSize = queue.itemSize, .length = kQueueLength});
+        ModelVariable variable;
+        if (!ReadModelVariable({name, nameSize}, data, size, &variable)) continue;
+        if ((variable.flags & SVT_MASK) != SVT_QUEUE || variable.size == 0) continue;
+        if (variable.size <= (kValueSizeMax - kHeader) / kQueueLength)
+            queues.push_back({.variable = name, .itemSize = variable.size, .length = kQueueLength});
     }
-    RegCloseKey(key);
     return queues;
 }
 

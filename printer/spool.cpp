@@ -1,6 +1,8 @@
 // Calls of the print spooler. No state.
 #include "spool.h"
 
+#include "product/guards.h"
+
 #include <algorithm>
 #include <string_view>
 
@@ -80,16 +82,15 @@ DWORD PagesOfDocument(const std::string& document) {
 
 std::optional<DWORD> PagesOfJob(const std::string& printer, DWORD job) {
     std::string name = printer + ", Job " + std::to_string(job); // the call's text is not const
-    HANDLE handle = nullptr;
-    if (!OpenPrinterA(name.data(), &handle, nullptr)) return std::nullopt;
+    const PrinterHandle handle = OpenSpoolerPrinter(name.data());
+    if (!handle) return std::nullopt;
     std::string document;
     DWORD read = 0;
     do {
         const SIZE_T size = document.size();
         document.resize(size + kPieceSize);
-        if (!ReadPrinter(handle, &document[size], kPieceSize, &read)) read = 0;
+        if (!ReadPrinter(handle.Get(), &document[size], kPieceSize, &read)) read = 0;
         document.resize(size + read);
     } while (read != 0 && document.size() < kDocumentMax);
-    ClosePrinter(handle);
     return PagesOfDocument(document);
 }

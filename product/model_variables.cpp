@@ -1,6 +1,10 @@
 // The parser of a model's registry values, and the room of variables in composites. No state.
 #include "product/model_variables.h"
 
+#include "product/registry_names.h"
+
+#include <stdio.h>
+
 namespace product {
 
 namespace {
@@ -14,7 +18,16 @@ static_assert(sizeof(RegisteredVariable) == 8 && offsetof(RegisteredVariable, fl
 // Also the length of a queue's value.
 constexpr SIZE_T kSmallestValue = sizeof(RegisteredVariable) + 4;
 
+constexpr size_t kKeyNameSize = 1024;
+
 } // namespace
+
+RegistryKey OpenModelVariables(const char* driver) {
+    char name[kKeyNameSize];
+    const int length = snprintf(name, sizeof name, "%s\\%s\\%s", kModelsKey, driver, kModelVariablesKey);
+    if (driver[0] == '\0' || length >= static_cast<int>(sizeof name)) return {}; // no key has such a name
+    return OpenKey(HKEY_LOCAL_MACHINE, name, KEY_READ);
+}
 
 bool ReadModelVariable(std::string_view name, const BYTE* data, SIZE_T dataSize, ModelVariable* variable) {
     if (name.empty() || name.size() > kVariableNameMax || dataSize < kSmallestValue) return false;

@@ -1,5 +1,7 @@
 #include "product/object_names.h"
 
+#include "product/guards.h"
+
 #include <initializer_list>
 #include <stdint.h>
 #include <string.h>
@@ -27,13 +29,6 @@ KernelName Joined(std::initializer_list<std::string_view> parts) {
 std::string_view Prefix(bool terminalServer) {
     return terminalServer ? "Global\\" : "";
 }
-
-struct OpenKey {
-    HKEY key = nullptr;
-    ~OpenKey() {
-        if (key) RegCloseKey(key);
-    }
-};
 
 struct ListBlock {
     HANDLE heap;
@@ -101,15 +96,15 @@ HANDLE CreateEventForEveryone(const char* name) {
 
 bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
     if (majorVersion > 5 || (majorVersion == 5 && minorVersion != 0)) return true;
-    OpenKey options;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSuiteKey, 0, KEY_QUERY_VALUE, &options.key) != ERROR_SUCCESS) return false;
+    const RegistryKey options = OpenKey(HKEY_LOCAL_MACHINE, kSuiteKey, KEY_QUERY_VALUE);
+    if (!options) return false;
     DWORD size = 0;
-    if (RegQueryValueExA(options.key, kSuiteValue, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return false;
+    if (RegQueryValueExA(options.Get(), kSuiteValue, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return false;
     if (size == 0 || size > kSuiteListMax) return false;
     const ListBlock list{heap, static_cast<char*>(HeapAlloc(heap, HEAP_ZERO_MEMORY, size))};
     if (!list.text) return false;
     DWORD type = REG_NONE;
-    if (RegQueryValueExA(options.key, kSuiteValue, nullptr, &type, reinterpret_cast<BYTE*>(list.text), &size) !=
+    if (RegQueryValueExA(options.Get(), kSuiteValue, nullptr, &type, reinterpret_cast<BYTE*>(list.text), &size) !=
             ERROR_SUCCESS ||
         type != REG_MULTI_SZ)
         return false;

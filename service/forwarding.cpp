@@ -7,6 +7,8 @@
 #include "settings.h"
 #include "signals.h"
 
+#include "product/variable_names.h"
+
 #include <algorithm>
 #include <string.h>
 
@@ -105,7 +107,7 @@ struct TakingBits {
     std::string_view variable;
     DWORD bits;
 };
-constexpr TakingBits kTakingBits[] = {{"PrinterExtStatus", 0x1}, {"SpoolerStatus", 0xC}};
+constexpr TakingBits kTakingBits[] = {{names::kPrinterExtStatus, 0x1}, {names::kSpoolerStatus, 0xC}};
 
 constexpr LONG kUnavailable = -50; // what a printer side says that stops
 
@@ -132,12 +134,12 @@ void ClearBits(Database& database, std::string_view name, DWORD bits) {
 // milliseconds: a request within that of the last answer counts as open, for the worse would be that somebody waits for
 // good.
 void AnswerOpenRequest(Database& database) {
-    Variable* result = FindVariable(database, "RWResult");
+    Variable* result = FindVariable(database, names::kRWResult);
     if (!result || result->type != kTypeNumber) return;
     const VariableSignals* signals = result->signals.load(std::memory_order_acquire);
     if (!signals || signals->watchCount.load() == 0) return;
     const ULONGLONG answered = ReadWriteTime(*result);
-    for (const std::string_view name : {"ReadRequest", "WriteRequest"}) {
+    for (const std::string_view name : {names::kReadRequest, names::kWriteRequest}) {
         const Variable* request = FindVariable(database, name);
         if (!request || request->type == kTypeComposite || ReadWriteTime(*request) < answered) continue;
         StoreNumber(database, *result, static_cast<DWORD>(kUnavailable));

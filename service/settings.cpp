@@ -1,10 +1,12 @@
 #include "settings.h"
 
+#include "product/guards.h"
+#include "product/registry_names.h"
+
 bool ReadSetting(const char* name, DWORD type, void* value, DWORD size) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
+    const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
     DWORD found = 0;
-    const LSTATUS status = RegQueryValueExA(key, name, nullptr, &found, static_cast<BYTE*>(value), &size);
-    RegCloseKey(key);
-    return status == ERROR_SUCCESS && found == type;
+    return key &&
+           RegQueryValueExA(key.Get(), name, nullptr, &found, static_cast<BYTE*>(value), &size) == ERROR_SUCCESS &&
+           found == type;
 }

@@ -77,7 +77,7 @@ void InstallProduct() {
 }
 
 void AddPrinter(const std::string& name, const std::string& driver) {
-    const std::string key = DriverDataKeyName(name.c_str()).name;
+    const std::string key = PrinterKeyName(name.c_str()).name;
     SetRegistryText(kPrinterKeys + key, "Printer Driver", driver);
     RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrinterKeys + key + "\\PrinterDriverData"));
 }

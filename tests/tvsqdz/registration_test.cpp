@@ -33,7 +33,7 @@ TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
         Record record(printer);
         return LookUpDriverName(&record.manager) ? record.manager.driverName : "(none)";
     };
-    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue\\").name, ",,server,queue,");
+    EXPECT_STREQ(PrinterKeyName("\\\\server\\queue\\").name, ",,server,queue,");
     EXPECT_EQ(driverOf("Front desk"), "(none)"); // no printers at all
     AddPrinter("Front desk", "Driver A");
     AddPrinter("\\\\server\\queue", "Driver B");

@@ -150,7 +150,9 @@ TEST(Relay, RegistrationsOutliveTheService) {
     };
     // The owner has taken it up when there is a watcher of the variable.
     const std::string event = "Global\\TVOR:" + std::string(RecordOf(manager)->databaseName) + ":JobStatus:Changed";
-    const auto isServed = [&] { return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).handle != nullptr; };
+    const auto isServed = [&] {
+        return static_cast<bool>(KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())));
+    };
     EXPECT_TRUE(WaitUntil(isServed));
     const Bytes before = list();
     service->process.Kill();

@@ -225,7 +225,7 @@ TEST(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
     EXPECT_NE(registrant.Told(), 0);
     const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, "Global\\TVORSQD:ReqMutex:TVORSQD_DB2"));
     ASSERT_TRUE(mutex);
-    const MutexHold hold(mutex.handle);
+    const MutexHold hold(mutex.Get());
     std::atomic<bool> taken = false;
     {
         const TestThread waiter([&] {
@@ -234,10 +234,10 @@ TEST(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
         });
         EXPECT_EQ(WaitForSingleObject(waiter.Handle(), 50), DWORD{WAIT_TIMEOUT});
         EXPECT_FALSE(taken);
-        ReleaseMutex(mutex.handle);
+        ReleaseMutex(mutex.Get());
     }
     EXPECT_TRUE(taken);
-    WaitForSingleObject(mutex.handle, INFINITE);
+    WaitForSingleObject(mutex.Get(), INFINITE);
 }
 
 TEST(ServiceRestart, AnOwnerIsTheOwnerAgainUnlessAnotherWasFaster) {

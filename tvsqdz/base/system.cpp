@@ -3,6 +3,7 @@
 
 #include "base/memory.h"
 #include "product/object_names.h"
+#include "product/registry_names.h"
 
 #include <stdio.h>
 #include <windows.h>
@@ -63,7 +64,6 @@ bool IsOwnProcess() {
 
 namespace {
 
-constexpr char kInstallDirectoryValue[] = "DIRPATH";
 constexpr DWORD kInstallDirectorySize = 260;
 
 } // namespace
@@ -86,9 +86,9 @@ char* CopyRegistryText(HKEY key, const char* valueName) {
 }
 
 bool FindInstalledFile(const char* fileName, InstalledFile& file) {
-    const RegistryKey product(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
+    const RegistryKey product = OpenKey(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
     char directory[kInstallDirectorySize + 1];
-    if (!product || !ReadRegistryText(product.key, kInstallDirectoryValue, directory, sizeof directory)) return false;
+    if (!product || !ReadRegistryText(product.Get(), kDirectoryValue, directory, sizeof directory)) return false;
     // Appended unchanged: a directory without its backslash names another file.
     return snprintf(file.path, sizeof file.path, "%s%s", directory, fileName) < static_cast<int>(sizeof file.path);
 }

@@ -28,9 +28,6 @@ bool IsOwnProcess();
 
 // Texts in the registry. Their contents are not trusted: they are bounded and terminated here.
 
-// The product's key, and the value with the directory in which it is installed.
-inline constexpr char kProductKey[] = "SOFTWARE\\Tavik\\Oriel";
-
 // Reads a value as text, up to its first NUL. False when it is missing or longer than the buffer.
 bool ReadRegistryText(HKEY key, const char* valueName, char* buffer, DWORD capacity);
 

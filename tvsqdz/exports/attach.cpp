@@ -11,11 +11,11 @@
 #include "machine/process_state.h"
 #include "manager/variables.h"
 #include "product/client.h"
+#include "product/program_names.h"
 
 namespace {
 
 constexpr SIZE_T kInitialHeapSize = 32768;
-constexpr char kServiceExecutable[] = "TVSDBN.EXE";
 
 bool FileExists(const char* path) {
     const KernelHandle file(
@@ -31,7 +31,7 @@ void DestroyHeap() {
 // Checks whether the product is set up and its service can run at all.
 bool FindProduct() {
     InstalledFile service;
-    if (!FindInstalledFile(kServiceExecutable, service)) return false;
+    if (!FindInstalledFile(kServiceProgram, service)) return false;
     g_installed = FileExists(service.path);
     return true;
 }

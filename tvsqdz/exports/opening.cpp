@@ -14,6 +14,7 @@
 #include "manager/variable_index.h"
 #include "product/client_kinds.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 #include "requests/owner.h"
 #include "values/database_creation.h"
 
@@ -28,7 +29,6 @@ constexpr DWORD kLogonNameSize = 80;
 
 constexpr char kLmFunction[] = "LMFunction";
 constexpr char kCompulsivePolling[] = "CompulsivePolling";
-constexpr char kPrinterNameVariable[] = "PrinterName";
 
 // A manager that is being opened, with the database mutex. Unless it is kept, the destructor undoes everything. The
 // open has its own reference: another thread could close the manager once it is in the list.
@@ -69,7 +69,7 @@ bool HasObjectSecurity(const ManagerRecord* manager) {
 
 bool ProductIsInitialised() {
     const KernelHandle initialised(CreateNamedEvent(ObjectName(product::kProductInitialisedName)));
-    return initialised && WaitForSingleObject(initialised.handle, 0) == WAIT_OBJECT_0;
+    return initialised && WaitForSingleObject(initialised.Get(), 0) == WAIT_OBJECT_0;
 }
 
 // Windows NT 3.50 and 3.51 let applications start before the services are up. Later systems do not, and under Windows
@@ -82,9 +82,9 @@ bool StatusServiceIsUp(const ManagerRecord* manager) {
 
 // Written twice, with the name of the driver in between: watchers of the variable are notified when all of it is there.
 void WritePrinterName(ManagerRecord* manager) {
-    WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
+    WriteVariable(manager->printerDatabase, names::kPrinterName, manager->printerName, sizeof manager->printerName);
     LookUpDriverName(manager);
-    WriteVariable(manager->printerDatabase, kPrinterNameVariable, manager->printerName, sizeof manager->printerName);
+    WriteVariable(manager->printerDatabase, names::kPrinterName, manager->printerName, sizeof manager->printerName);
 }
 
 } // namespace
@@ -138,7 +138,7 @@ void TellOfOpen(const ManagerRecord* manager) {
     const DWORD lastError = GetLastError();
     const KernelHandle opened(
         OpenEventA(EVENT_MODIFY_STATE, FALSE, product::OpenedEventName(g_terminalServer, manager->printerName).text));
-    if (opened) SetEvent(opened.handle);
+    if (opened) SetEvent(opened.Get());
     SetLastError(lastError);
 }
 

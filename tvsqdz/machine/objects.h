@@ -12,8 +12,6 @@
 using product::kDatabaseMutexName;
 // Rule, followed by the printer's database name. The request mutex of a printer: one request at a time.
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
-// Plain. Exists while the product's start-up process runs.
-inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 
 // The name by the rule; empty when it would be too long.
 product::KernelName ObjectName(const char* baseName);

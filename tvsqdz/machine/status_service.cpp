@@ -16,13 +16,6 @@ constexpr char kRunServicesKey[] = "SOFTWARE\\Tavik\\Oriel\\RunServices";
 constexpr DWORD kExecutablePathSize = 260;
 constexpr int kStartUpProcessLooks = 6;
 
-struct ServiceHandle {
-    ~ServiceHandle() {
-        if (handle != nullptr) CloseServiceHandle(handle);
-    }
-    SC_HANDLE handle;
-};
-
 DWORD WithinHintBounds(DWORD hint) {
     if (hint < g_timings.shortestWaitHint) return g_timings.shortestWaitHint;
     return hint > g_timings.longestWaitHint ? g_timings.longestWaitHint : hint;
@@ -34,7 +27,7 @@ HWND ServiceWindow() {
 
 bool StartUpProcessRuns() {
     for (int look = 0; look < kStartUpProcessLooks; ++look) {
-        const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, kStartUpMutexName));
+        const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, product::kStartUpMutexName));
         if (mutex) return true;
         Sleep(g_timings.startUpPoll);
     }
@@ -67,13 +60,13 @@ void WaitForServiceWindow() {
 
 bool WaitForStatusService(DWORD seconds) {
     DWORD polls = seconds * 2;
-    const ServiceHandle manager{OpenSCManagerA(nullptr, nullptr, GENERIC_READ)};
-    if (manager.handle == nullptr) return false;
-    const ServiceHandle service{OpenServiceA(manager.handle, product::kServiceName, SERVICE_QUERY_STATUS)};
-    if (service.handle == nullptr) return false;
+    const ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
+    if (!manager) return false;
+    const ServiceHandle service(OpenServiceA(manager.Get(), product::kServiceName, SERVICE_QUERY_STATUS));
+    if (!service) return false;
     for (;;) {
         SERVICE_STATUS status;
-        if (!QueryServiceStatus(service.handle, &status)) return false;
+        if (!QueryServiceStatus(service.Get(), &status)) return false;
         if (status.dwCurrentState == SERVICE_RUNNING) return true;
         if (status.dwCurrentState == SERVICE_STOPPED) return false;
         if (status.dwCurrentState == SERVICE_START_PENDING && status.dwCheckPoint != 0) {
@@ -102,8 +95,9 @@ bool RestartStatusService9x() {
     if (PlatformBit() != OsWindows9x) return false;
     char path[kExecutablePathSize + 1];
     {
-        const RegistryKey runServices(HKEY_LOCAL_MACHINE, kRunServicesKey, KEY_QUERY_VALUE);
-        if (!runServices || !ReadRegistryText(runServices.key, product::kServiceName, path, sizeof path)) return false;
+        const RegistryKey runServices = OpenKey(HKEY_LOCAL_MACHINE, kRunServicesKey, KEY_QUERY_VALUE);
+        if (!runServices || !ReadRegistryText(runServices.Get(), product::kServiceName, path, sizeof path))
+            return false;
     }
     if (!CloseServiceWindow()) return false;
     STARTUPINFOA startUp = {};
@@ -136,7 +130,7 @@ Answer OpenWhenInitialised(const char* name, DatabaseHandle* handle) {
         if (GetTickCount() - start >= g_timings.initialisedBound) return Answer::TimedOut;
         const KernelHandle initialised(OpenEventA(SYNCHRONIZE, FALSE, product::InitializedEventName(name).text));
         const DWORD wait =
-            initialised ? WaitForSingleObject(initialised.handle, g_timings.initialisedSlice) : WAIT_FAILED;
+            initialised ? WaitForSingleObject(initialised.Get(), g_timings.initialisedSlice) : WAIT_FAILED;
         const bool told = wait == WAIT_OBJECT_0;
         // Without an event, or with one that somebody left set, asking again at once would be a busy loop.
         if (wait == WAIT_FAILED || (told && toldBefore)) Sleep(g_timings.initialisedPause);

@@ -60,9 +60,9 @@ bool RepairDefaultPrinter(const char* printerName) {
     // Not immediately: a printer that is just being set up has its ports entry by then.
     Sleep(g_timings.defaultPrinterPause);
 
-    const RegistryKey ports(HKEY_CURRENT_USER, kPortsKey, KEY_QUERY_VALUE);
+    const RegistryKey ports = OpenKey(HKEY_CURRENT_USER, kPortsKey, KEY_QUERY_VALUE);
     char entry[kPortEntrySize];
-    if (!ports || !ReadRegistryText(ports.key, printerName, entry, sizeof entry)) return false;
+    if (!ports || !ReadRegistryText(ports.Get(), printerName, entry, sizeof entry)) return false;
     char repaired[kPrinterNameSize + kPortEntrySize];
     snprintf(repaired, sizeof repaired, "%s,%s", printerName, entry);
     return KeepNameSpoolerAndPort(repaired) && WriteProfileStringA(kProfileSection, kProfileKey, repaired) != FALSE;
@@ -106,7 +106,7 @@ bool LaunchDesktopAgent(const ManagerRecord* manager) {
                         &process))
         return false;
     if (ready)
-        WaitForSingleObject(ready.handle,
+        WaitForSingleObject(ready.Get(),
                             manager->clientKind == kAgentWaitingKind ? g_timings.agentReadyLong : g_timings.agentReady);
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);

@@ -9,19 +9,9 @@
 
 #include <algorithm>
 #include <optional>
-#include <stdio.h>
 #include <string.h>
 
 namespace {
-
-constexpr DWORD kKeyNameSize = 1024;
-
-bool OpenModelVariables(const char* driverName, RegistryKey& variables) {
-    char name[kKeyNameSize];
-    const int length = snprintf(name, sizeof name, "%s%s\\%s", kModelsKey, driverName, kModelVariablesKey);
-    if (length >= static_cast<int>(sizeof name)) return false; // no key has such a name
-    return variables.Open(HKEY_LOCAL_MACHINE, name, KEY_READ) == ERROR_SUCCESS;
-}
 
 // The initial value in a block of its own, in the form in which the database stores it; null without memory.
 void* CopyDefault(const product::ModelVariable& variable) {
@@ -85,11 +75,11 @@ SIZE_T CountBuiltInComposites() {
 // without memory.
 bool ReadModelVariables(ManagerRecord* manager, uint32_t* rowCount) {
     *rowCount = 0;
-    RegistryKey key;
-    if (!OpenModelVariables(manager->driverName, key)) return true;
+    const RegistryKey key = product::OpenModelVariables(manager->driverName);
+    if (!key) return true;
     DWORD valueCount = 0;
     DWORD longestData = 0;
-    if (RegQueryInfoKeyA(key.key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &valueCount, nullptr,
+    if (RegQueryInfoKeyA(key.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &valueCount, nullptr,
                          &longestData, nullptr, nullptr) != ERROR_SUCCESS ||
         valueCount == 0)
         return true;
@@ -97,7 +87,7 @@ bool ReadModelVariables(ManagerRecord* manager, uint32_t* rowCount) {
     const SIZE_T room = SIZE_T{valueCount} + CountBuiltInComposites() + 1;
     manager->extraVariables = static_cast<StatusVariableDef*>(AllocateZeroed(room * sizeof(StatusVariableDef)));
     if (manager->extraVariables == nullptr) return false;
-    if (!ReadRows(key.key, valueCount, longestData, manager->extraVariables, rowCount)) return false;
+    if (!ReadRows(key.Get(), valueCount, longestData, manager->extraVariables, rowCount)) return false;
     SortByName(manager->extraVariables, *rowCount);
     return true;
 }

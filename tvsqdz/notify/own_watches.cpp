@@ -10,6 +10,7 @@
 #include "product/desktop_agent.h"
 #include "product/guards.h"
 #include "product/status.h"
+#include "product/variable_names.h"
 #include "values/stored_list.h"
 #include "values/user_authority.h"
 
@@ -103,7 +104,7 @@ DWORD WINAPI MyJobWatch(void* parameter) {
 
 namespace {
 
-constexpr char kAccessControlList[] = "AccessControlList";
+using names::kAccessControlList;
 
 class ListWatcher {
 public:
@@ -216,7 +217,7 @@ void CloseProductWindows(bool isNt) {
 
 void WakeWatchers() {
     const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, ObjectName(product::kTerminationName).text));
-    if (event) SetEvent(event.handle); // nobody watches without it
+    if (event) SetEvent(event.Get()); // nobody watches without it
 }
 
 Answer Store(const ManagerDatabase& database, uint32_t value) {
@@ -246,7 +247,7 @@ DWORD WINAPI TerminateManagerWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
     const KernelHandle terminated(CreateNamedEvent(ObjectName(product::kTerminationName)));
     ThreadHasBegun(registration.thread);
-    const HANDLE handles[] = {registration.thread.stopEvent, terminated.handle};
+    const HANDLE handles[] = {registration.thread.stopEvent, terminated.Get()};
     if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
         Store(PrinterDatabaseOf(registration), 1);
         Deliver(registration.entries[0]);

@@ -7,14 +7,13 @@
 
 #include "manager/manager_record.h"
 #include "notify/delivery.h"
+#include "product/mailboxes.h"
 #include "product/status.h"
 
 #include <windows.h>
 
 #include <stddef.h>
 #include <stdint.h>
-
-inline constexpr char kRelayedRegistrationsVariable[] = "NotifyMsg";
 
 // 48 bytes, stored.
 struct MessageRegistrationEntry {

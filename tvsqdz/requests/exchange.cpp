@@ -6,6 +6,7 @@
 #include "machine/process_state.h"
 #include "manager/variable_index.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 #include "values/user_authority.h"
 
 #include <stdio.h>
@@ -13,11 +14,7 @@
 
 namespace {
 
-constexpr char kReadRequest[] = "ReadRequest";
-constexpr char kWriteRequest[] = "WriteRequest";
 constexpr char kRefresh[] = "Refresh";
-constexpr char kRefreshStatus[] = "RefreshStatus";
-constexpr char kResult[] = "RWResult";
 
 struct ForwardText {
     char text[product::kRequestTextMax + 1];
@@ -29,7 +26,7 @@ Status Ended(Answer answer) {
 }
 
 const char* MailboxOf(RequestKind kind) {
-    return kind == RequestKind::Read ? kReadRequest : kWriteRequest;
+    return kind == RequestKind::Read ? names::kReadRequest : names::kWriteRequest;
 }
 
 Answer WriteText(DatabaseHandle database, const char* variable, const char* text) {
@@ -39,7 +36,7 @@ Answer WriteText(DatabaseHandle database, const char* variable, const char* text
 // The name in a request: for a write the companion, which carries the value.
 struct RequestText {
     RequestText(RequestKind kind, const char* variableName) {
-        const char* name = kind == RequestKind::Refresh ? kRefreshStatus : variableName;
+        const char* name = kind == RequestKind::Refresh ? names::kRefreshStatus : variableName;
         snprintf(text, sizeof text, "%s%s", name, kind == RequestKind::Write ? "W" : "");
     }
     char text[product::kVariableNameMax + 2]; // the service refuses longer names
@@ -54,10 +51,10 @@ Answer PostRequest(const PrinterRequest& request) {
 struct ResultWatch {
     explicit ResultWatch(DatabaseHandle database) : m_database(database) {
         // Without the watch the result is still checked from time to time.
-        m_set = WatchVariable(database, kResult, product::kEveryWrite) == Answer::Done;
+        m_set = WatchVariable(database, names::kRWResult, product::kEveryWrite) == Answer::Done;
     }
     ~ResultWatch() {
-        if (m_set) UnwatchVariable(m_database, kResult);
+        if (m_set) UnwatchVariable(m_database, names::kRWResult);
     }
     ResultWatch(const ResultWatch&) = delete;
     ResultWatch& operator=(const ResultWatch&) = delete;
@@ -83,7 +80,7 @@ Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DW
         const DWORD left = boundMs == INFINITE ? slice : Smaller(slice, isLast ? 0 : boundMs - waited);
         const DWORD wait = WaitForSingleObject(event, left);
         DWORD writes = 0;
-        if (const Answer answer = GetWriteCount(database, kResult, &writes); answer != Answer::Done)
+        if (const Answer answer = GetWriteCount(database, names::kRWResult, &writes); answer != Answer::Done)
             return Ended(answer);
         if (writes != writesBefore) return TVS_OK;
         if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
@@ -108,8 +105,8 @@ bool MayBeUnanswered(DatabaseHandle database) {
     ULONGLONG read = 0;
     ULONGLONG write = 0;
     ULONGLONG result = 0;
-    return WriteTimeOf(database, kReadRequest, &read) && WriteTimeOf(database, kWriteRequest, &write) &&
-           WriteTimeOf(database, kResult, &result) && (read >= result || write >= result);
+    return WriteTimeOf(database, names::kReadRequest, &read) && WriteTimeOf(database, names::kWriteRequest, &write) &&
+           WriteTimeOf(database, names::kRWResult, &result) && (read >= result || write >= result);
 }
 
 // The previous requester died with the mutex. Its answer may still come, and must not be taken for ours.
@@ -122,7 +119,7 @@ void AwaitLateAnswer(DatabaseHandle database) {
 Status ReadResult(DatabaseHandle database) {
     int32_t result = 0;
     DWORD size = 0;
-    const Answer answer = ReadVariable(database, kResult, &result, sizeof result, &size);
+    const Answer answer = ReadVariable(database, names::kRWResult, &result, sizeof result, &size);
     return answer == Answer::Done ? result : Ended(answer);
 }
 
@@ -136,7 +133,7 @@ PrinterRequest RequestOf(const ManagerRecord* manager, RequestKind kind, const c
 }
 
 RequestKind WriteKindOf(const char* variableName) {
-    return strcmp(variableName, kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
+    return strcmp(variableName, names::kRefreshStatus) == 0 ? RequestKind::Refresh : RequestKind::Write;
 }
 
 bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable) {
@@ -148,7 +145,7 @@ Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDe
     if (WriteKindOf(variable.name) == RequestKind::Refresh) {
         if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
         const CallerValue::Bytes text = value.Text();
-        return PassOn(WriteVariable(printerDatabase, kRefreshStatus, text.data, text.size));
+        return PassOn(WriteVariable(printerDatabase, names::kRefreshStatus, text.data, text.size));
     }
     const RequestText companion(RequestKind::Write, variable.name);
     const CallerValue::Bytes stored = value.Stored((variable.flags & SVT_VARIABLE) != 0);
@@ -159,16 +156,16 @@ Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDe
 Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs) {
     const DatabaseHandle database = request.printerDatabase;
     if (mutexWait == WAIT_ABANDONED) AwaitLateAnswer(database);
-    const KernelHandle event(CreateNamedEvent(product::VariableEventName(g_terminalServer, request.databaseName.text,
-                                                                         kResult, product::VariableSignal::Updated)));
+    const KernelHandle event(CreateNamedEvent(product::VariableEventName(
+        g_terminalServer, request.databaseName.text, names::kRWResult, product::VariableSignal::Updated)));
     if (!event) return TVS_E_MEMORY;
     {
         const ResultWatch watch(database);
         DWORD writes = 0;
-        Answer answer = GetWriteCount(database, kResult, &writes);
+        Answer answer = GetWriteCount(database, names::kRWResult, &writes);
         if (answer == Answer::Done) answer = PostRequest(request);
         if (answer != Answer::Done) return Ended(answer);
-        if (const Status status = AwaitResult(database, event.handle, writes, boundMs); status != TVS_OK) return status;
+        if (const Status status = AwaitResult(database, event.Get(), writes, boundMs); status != TVS_OK) return status;
     }
     return ReadResult(database);
 }
@@ -183,16 +180,13 @@ Status ForwardPostedRequest(const PrinterRequest& request, const char* printerNa
     ForwardText text;
     snprintf(text.text, sizeof text.text, "%s:%s", kind, printerName); // a printer's name has at most 259 bytes
     const Status result = PassOn(ForwardRequest(text.text));
-    WriteVariable(request.printerDatabase, kResult, &result, sizeof result);
+    WriteVariable(request.printerDatabase, names::kRWResult, &result, sizeof result);
     return result;
 }
 
 // Each question is one read of the printer's database; a value that cannot be read means no.
 
 namespace {
-
-constexpr char kPrinterExtStatus[] = "PrinterExtStatus";
-constexpr char kSpoolerStatus[] = "SpoolerStatus";
 
 bool ReadNumber(const ManagerDatabase& database, const char* name, uint32_t* value) {
     DWORD size = 0;
@@ -205,7 +199,7 @@ bool ReadNumber(const ManagerDatabase& database, const char* name, uint32_t* val
 bool PrinterTakesRequests(const ManagerRecord* manager) {
     if (UsesForwardedPath(manager)) return true;
     uint32_t status = 0;
-    return ReadNumber(manager->printerDatabase, kPrinterExtStatus, &status) &&
+    return ReadNumber(manager->printerDatabase, names::kPrinterExtStatus, &status) &&
            (status & TVS_EXT_STATUS_TAKES_REQUESTS) != 0;
 }
 
@@ -216,7 +210,7 @@ bool PortRefusesRequests(const ManagerRecord* manager) {
 bool SpoolerIsReady(const ManagerDatabase& printerDatabase) {
     for (DWORD pause = 0;; ++pause) {
         uint32_t status = 0;
-        if (!ReadNumber(printerDatabase, kSpoolerStatus, &status)) return false;
+        if (!ReadNumber(printerDatabase, names::kSpoolerStatus, &status)) return false;
         if ((status & TVS_SPOOLER_READY) != 0) return true;
         if ((status & TVS_SPOOLER_RUNS) == 0) return false;
         Sleep(g_timings.readinessPause);
@@ -226,5 +220,5 @@ bool SpoolerIsReady(const ManagerDatabase& printerDatabase) {
 
 bool SpoolerTakesRefreshes(const ManagerDatabase& printerDatabase) {
     uint32_t status = 0;
-    return ReadNumber(printerDatabase, kSpoolerStatus, &status) && (status & TVS_SPOOLER_RUNS) != 0;
+    return ReadNumber(printerDatabase, names::kSpoolerStatus, &status) && (status & TVS_SPOOLER_RUNS) != 0;
 }

@@ -19,8 +19,6 @@ bool StartManagerService(ManagerRecord* manager);
 // Whoever changes the variable holds the printer's request mutex. The owner takes a request by clearing the variable. A
 // request that has not been taken is never overwritten: the next requester waits.
 
-inline constexpr char kRelayedRequestVariable[] = "RequestMsg";
-
 // Leaves the request. lock: the request mutex, held; it is released while an earlier request has to be taken first, for
 // at most Timings.relayBound. TVS_OK, TVS_E_NO_OWNER when nobody takes the earlier one, TVS_E_REQUEST_LOCK, or the
 // answer of the service.

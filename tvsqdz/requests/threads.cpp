@@ -7,6 +7,7 @@
 #include "machine/process_state.h"
 #include "notify/relayed_registrations.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 #include "requests/exchange.h"
 #include "values/stored_list.h"
 
@@ -15,7 +16,7 @@
 namespace {
 
 constexpr SIZE_T kStackSize = 65536;
-constexpr char kRefreshStatus[] = "RefreshStatus";
+using names::kRefreshStatus;
 
 struct RequestTask {
     ManagerRecord* manager; // a reference
@@ -117,8 +118,6 @@ void TellCompletion(const StatusRequest& request) {
 }
 
 namespace {
-
-constexpr char kResultsVariable[] = "ReqResult";
 
 struct RequestResult {
     uint32_t requestId;

@@ -1,12 +1,9 @@
-// Asynchronous requests: their record, their results, and the threads that carry them out. State: "RequestMsg" and
-// "ReqResult" of the printer's database.
-//
-// StatusRequest is what a process leaves in "RequestMsg" for the printer's owner: 364 bytes, little-endian, stored.
-// Handles have 32 bits in it; fields that only the own process could use are 0.
+// Asynchronous requests (product/mailboxes.h has their record): the threads that carry them out, and the results of
+// writes. State: "RequestMsg" and "ReqResult" of the printer's database.
 #pragma once
 
 #include "manager/manager_record.h"
-#include "product/interface.h"
+#include "product/mailboxes.h"
 #include "product/status.h"
 #include "values/updating.h"
 
@@ -14,35 +11,6 @@
 #include <stdint.h>
 #include <tvsqdz.h>
 #include <windows.h>
-
-// Bits of StatusRequest.requestFlags: one of each pair. 0: no request.
-inline constexpr uint32_t REQ_BY_EVENT = 0x00001;   // sets the event `target` on completion
-inline constexpr uint32_t REQ_BY_MESSAGE = 0x00002; // posts `message` to the window `target`
-inline constexpr uint32_t REQ_READ = 0x10000;
-inline constexpr uint32_t REQ_WRITE = 0x20000;
-
-struct StatusRequest {
-    uint32_t requestId;       // of a write: its number in "ReqResult"
-    uint32_t handoffEvent;    // 0
-    uint32_t requestMutex;    // 0
-    uint32_t printerDatabase; // 0
-    uint32_t requestFlags;
-    uint32_t target;  // event or window
-    uint32_t message; // the number to post
-    char variableName[32];
-    char databaseName[product::kDatabaseNameMax + 1];
-    char printerName[TVS_PRINTER_NAME_MAX + 1];
-    uint32_t refreshText; // 0
-    uint32_t useForward;  // not 0: forwarded by the service
-    uint32_t isRefresh;   // not 0: a write of "RefreshStatus"
-};
-static_assert(sizeof(StatusRequest) == 364 && offsetof(StatusRequest, requestId) == 0 &&
-              offsetof(StatusRequest, handoffEvent) == 4 && offsetof(StatusRequest, requestMutex) == 8 &&
-              offsetof(StatusRequest, printerDatabase) == 12 && offsetof(StatusRequest, requestFlags) == 16 &&
-              offsetof(StatusRequest, target) == 20 && offsetof(StatusRequest, message) == 24 &&
-              offsetof(StatusRequest, variableName) == 28 && offsetof(StatusRequest, databaseName) == 60 &&
-              offsetof(StatusRequest, printerName) == 92 && offsetof(StatusRequest, refreshText) == 352 &&
-              offsetof(StatusRequest, useForward) == 356 && offsetof(StatusRequest, isRefresh) == 360);
 
 // "ReqResult" has the results of asynchronous writes until they are asked for: a list (values/stored_list.h) of 8-byte
 // items, u32 number and i32 result, in the order of the requests.

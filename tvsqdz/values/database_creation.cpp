@@ -5,6 +5,8 @@
 #include "base/memory.h"
 #include "manager/variable_index.h"
 #include "manager/variables.h"
+#include "product/mailboxes.h"
+#include "product/variable_types.h"
 #include "values/updating.h"
 
 #include <string.h>
@@ -14,12 +16,7 @@ namespace {
 // Of the buffer in which copies and built values are put together; a copy of this size or more is not taken.
 constexpr DWORD kWorkingSize = 1024;
 
-// Mailbox variables that every printer database has beside those of its index.
-constexpr char kMessageRegistrations[] = "NotifyMsg";
-constexpr char kRelayedRequest[] = "RequestMsg";
-constexpr char kRequestResults[] = "ReqResult";
-constexpr DWORD kRelayedRequestSize = 364;
-static_assert(kRelayedRequestSize <= kWorkingSize);
+static_assert(sizeof(StatusRequest) <= kWorkingSize);
 
 struct InitialValue {
     const void* data;
@@ -128,10 +125,10 @@ Population CreatePrinterVariables(ManagerRecord* manager) {
             CreateComposite(manager, *manager->variableIndex[i]);
 
     const DatabaseHandle database = manager->printerDatabase.handle;
-    CreateVariable(database, kMessageRegistrations, product::kTypeVariableLength, sizeof kEmptyVariableValue,
+    CreateVariable(database, kRelayedRegistrationsVariable, product::kTypeVariableLength, sizeof kEmptyVariableValue,
                    kEmptyVariableValue);
-    CreateVariable(database, kRelayedRequest, product::kTypeRecord, kRelayedRequestSize, working.memory);
-    CreateVariable(database, kRequestResults, product::kTypeVariableLength, sizeof kEmptyVariableValue,
+    CreateVariable(database, kRelayedRequestVariable, product::kTypeRecord, sizeof(StatusRequest), working.memory);
+    CreateVariable(database, kResultsVariable, product::kTypeVariableLength, sizeof kEmptyVariableValue,
                    kEmptyVariableValue);
     return EndDatabaseInitialization(database) == Answer::Done ? Population::Done : Population::NotReady;
 }

@@ -6,6 +6,7 @@
 #include "manager/manager_record.h"
 #include "manager/variables.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 #include "values/port_and_name.h"
 #include "values/stored_list.h"
 
@@ -15,9 +16,9 @@
 
 namespace {
 
-constexpr char kSendingJobInfo[] = "SendingJobInfo";
-constexpr char kPrintingJobInfo[] = "PrintingJobInfo";
-constexpr char kPrintingJobInfo2[] = "PrintingJobInfo2";
+using names::kPrintingJobInfo;
+using names::kPrintingJobInfo2;
+using names::kSendingJobInfo;
 
 // Appends a job; the oldest ones make room for it.
 Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
@@ -155,11 +156,11 @@ int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     if (!TakeRecord(data, size, &command)) return TVS_E_FAULT;
     if (command != kPauseCommand && command != kResumeCommand) return TVS_E_UNKNOWN;
     PrinterNameText name = RefreshedPrinterName(manager);
-    const SpoolerPrinter printer(name.text);
+    const PrinterHandle printer = OpenSpoolerPrinter(name.text);
     if (!printer) return TVS_E_NO_OWNER;
     const uint32_t job = SendingJob(manager->printerDatabase);
     if (job != 0)
-        SetJobA(printer.handle, job, 0, nullptr, command == kPauseCommand ? JOB_CONTROL_PAUSE : JOB_CONTROL_RESUME);
+        SetJobA(printer.Get(), job, 0, nullptr, command == kPauseCommand ? JOB_CONTROL_PAUSE : JOB_CONTROL_RESUME);
     return TVS_OK;
 }
 
@@ -167,11 +168,11 @@ int32_t DeleteJobIdWrite(ManagerRecord* manager, const void* data, uint32_t size
     uint32_t id = 0;
     if (!TakeRecord(data, size, &id)) return TVS_E_FAULT;
     PrinterNameText name = RefreshedPrinterName(manager);
-    const SpoolerPrinter printer(name.text);
+    const PrinterHandle printer = OpenSpoolerPrinter(name.text);
     JobList jobs;
-    if (!printer || !jobs.Load(printer.handle)) return TVS_E_NO_OWNER;
+    if (!printer || !jobs.Load(printer.Get())) return TVS_E_NO_OWNER;
     const JOB_INFO_1A* job = jobs.Find(id);
     if (job == nullptr || (job->Status & JOB_STATUS_DELETING) != 0) return TVS_E_NOT_NOW;
-    SetJobA(printer.handle, id, 0, nullptr, JOB_CONTROL_CANCEL);
+    SetJobA(printer.Get(), id, 0, nullptr, JOB_CONTROL_CANCEL);
     return TVS_OK;
 }

@@ -7,15 +7,13 @@
 #include "manager/printer_list.h"
 #include "manager/variables.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 #include "values/database_creation.h"
 
 #include <string.h>
 #include <tvsqdz_records.h>
 
 namespace {
-
-constexpr char kPort[] = "Port";
-constexpr char kPrinterName[] = "PrinterName";
 
 bool IsSamePort(const TvsPortRecord& a, const TvsPortRecord& b) {
     return a.portKind == b.portKind && strncmp(a.portName, b.portName, sizeof a.portName) == 0 &&
@@ -39,9 +37,9 @@ int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     const MutexHold lock(manager->databaseMutex);
     TvsPortRecord stored = {}; // unreadable: no port yet
     DWORD storedSize = 0;
-    ReadVariable(manager->printerDatabase, kPort, &stored, sizeof stored, &storedSize);
+    ReadVariable(manager->printerDatabase, names::kPort, &stored, sizeof stored, &storedSize);
     // First, so that nothing changes for somebody who may not change the port.
-    const Answer answer = WriteVariable(manager->printerDatabase, kPort, &port, sizeof port);
+    const Answer answer = WriteVariable(manager->printerDatabase, names::kPort, &port, sizeof port);
     if (answer == Answer::AccessDenied) return PassOn(answer);
     if (stored.portKind != 0 && !IsSamePort(stored, port)) {
         RefreshedPrinterName(manager); // the driver data are stored under the current name
@@ -71,13 +69,11 @@ int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size
         break;
     }
     ChangePrinterName(manager, name);
-    WriteVariable(manager->printerDatabase, kPrinterName, name.text, sizeof name.text);
+    WriteVariable(manager->printerDatabase, names::kPrinterName, name.text, sizeof name.text);
     return TVS_OK;
 }
 
 namespace {
-
-constexpr char kPrinterNameVariable[] = "PrinterName";
 
 bool IsName(const PrinterNameText& name) {
     return name.text[0] != '\0' && memchr(name.text, '\0', sizeof name.text) != nullptr;
@@ -87,7 +83,7 @@ bool IsName(const PrinterNameText& name) {
 
 bool ReadStoredPrinterName(const ManagerDatabase& database, PrinterNameText* name) {
     DWORD size = 0;
-    return ReadVariable(database, kPrinterNameVariable, name->text, sizeof name->text, &size) == Answer::Done &&
+    return ReadVariable(database, names::kPrinterName, name->text, sizeof name->text, &size) == Answer::Done &&
            IsName(*name);
 }
 

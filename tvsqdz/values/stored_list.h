@@ -7,6 +7,7 @@
 #include "manager/manager_database.h"
 #include "product/guards.h"
 #include "product/status.h"
+#include "product/variable_names.h"
 
 #include <stdint.h>
 #include <tvsqdz_records.h>
@@ -50,8 +51,8 @@ private:
 // "PrinterQueue" has the jobs that were sent to the printer and are not yet printed. It is changed only under the
 // database mutex, from the read to the write.
 
-inline constexpr char kPrinterQueue[] = "PrinterQueue";
-inline constexpr char kSpoolerQueue[] = "SpoolerQueue";
+using names::kPrinterQueue;
+using names::kSpoolerQueue;
 inline constexpr uint32_t kPrinterQueueLimit = 50;
 
 struct JobQueue : StoredList {

@@ -90,10 +90,11 @@ struct ValueName {
     char text[sizeof "SQD_" + product::kVariableNameMax];
 };
 
-bool OpenDriverData(const char* printerName, REGSAM parentAccess, REGSAM access, RegistryKey& key) {
-    return key.Open(HKEY_LOCAL_MACHINE, kPrintersKey, parentAccess) == ERROR_SUCCESS &&
-           key.Open(key.key, DriverDataKeyName(printerName).name, parentAccess) == ERROR_SUCCESS &&
-           key.Open(key.key, kDriverDataKey, access) == ERROR_SUCCESS;
+RegistryKey OpenDriverData(const char* printerName, REGSAM parentAccess, REGSAM access) {
+    const RegistryKey printers = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, parentAccess);
+    if (!printers) return {};
+    const RegistryKey printer = OpenKey(printers.Get(), PrinterKeyName(printerName).name, parentAccess);
+    return printer ? OpenKey(printer.Get(), kDriverDataKey, access) : RegistryKey();
 }
 
 bool HasLengthFirst(const StatusVariableDef& variable) {
@@ -134,30 +135,30 @@ bool HoldsAlready(HKEY key, const char* valueName, const void* data, DWORD size)
 } // namespace
 
 DWORD ReadDriverDataValue(const char* printerName, const StatusVariableDef& variable, void* buffer, DWORD capacity) {
-    RegistryKey key;
-    if (!OpenDriverData(printerName, KEY_READ, KEY_READ, key)) return 0;
+    const RegistryKey key = OpenDriverData(printerName, KEY_READ, KEY_READ);
+    if (!key) return 0;
     const ValueName name(variable);
     const DWORD lengthSize = HasLengthFirst(variable) ? sizeof(DWORD) : 0;
     DWORD size = 0;
     if (buffer == nullptr) {
-        if (RegQueryValueExA(key.key, name.text, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return 0;
+        if (RegQueryValueExA(key.Get(), name.text, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return 0;
         return size + lengthSize;
     }
     if (capacity < lengthSize) return 0;
     size = capacity - lengthSize;
     BYTE* payload = static_cast<BYTE*>(buffer) + lengthSize;
-    if (RegQueryValueExA(key.key, name.text, nullptr, nullptr, payload, &size) != ERROR_SUCCESS) return 0;
+    if (RegQueryValueExA(key.Get(), name.text, nullptr, nullptr, payload, &size) != ERROR_SUCCESS) return 0;
     if (lengthSize > 0) memcpy(buffer, &size, lengthSize);
     return size + lengthSize;
 }
 
 bool WriteDriverDataValue(const char* printerName, const StatusVariableDef& variable, const void* data, DWORD size) {
-    RegistryKey key;
-    if (!OpenDriverData(printerName, KEY_WRITE, KEY_WRITE | KEY_QUERY_VALUE, key)) return false;
+    const RegistryKey key = OpenDriverData(printerName, KEY_WRITE, KEY_WRITE | KEY_QUERY_VALUE);
+    if (!key) return false;
     StoredForm form;
     if (!StoredFormOf(variable, size, &form)) return false;
     const ValueName name(variable);
-    if (HoldsAlready(key.key, name.text, data, form.size)) return true;
-    return RegSetValueExA(key.key, name.text, 0, form.registryType, static_cast<const BYTE*>(data), form.size) ==
+    if (HoldsAlready(key.Get(), name.text, data, form.size)) return true;
+    return RegSetValueExA(key.Get(), name.text, 0, form.registryType, static_cast<const BYTE*>(data), form.size) ==
            ERROR_SUCCESS;
 }

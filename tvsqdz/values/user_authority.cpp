@@ -6,6 +6,7 @@
 #include "manager/variables.h"
 #include "product/authority_rules.h"
 #include "product/guards.h"
+#include "product/variable_names.h"
 
 #include <string.h>
 #include <winspool.h>
@@ -16,7 +17,7 @@ namespace {
 uint32_t StoredAuthority(const ManagerDatabase& database) {
     uint32_t authority = 0;
     DWORD size = 0;
-    if (ReadVariable(database, "UserAuthority", &authority, sizeof authority, &size) != Answer::Done) return 0;
+    if (ReadVariable(database, names::kUserAuthority, &authority, sizeof authority, &size) != Answer::Done) return 0;
     return authority;
 }
 
@@ -31,7 +32,7 @@ uint32_t ListAuthority(const ManagerDatabase& database) {
 uint32_t StoredPortKind(const ManagerDatabase& database) {
     TvsPortRecord port = {};
     DWORD size = 0;
-    if (ReadVariable(database, "Port", &port, sizeof port, &size) != Answer::Done) return 0;
+    if (ReadVariable(database, names::kPort, &port, sizeof port, &size) != Answer::Done) return 0;
     return port.portKind;
 }
 
@@ -176,8 +177,8 @@ uint32_t AclAuthority(const void* acl, uint32_t size) {
 
     const KernelHandle token(OpenCallersToken());
     if (!token) return 0;
-    TokenInformation userInformation(token.handle, TokenUser);
-    TokenInformation groupInformation(token.handle, TokenGroups);
+    TokenInformation userInformation(token.Get(), TokenUser);
+    TokenInformation groupInformation(token.Get(), TokenGroups);
     if (userInformation.Data() == nullptr || groupInformation.Data() == nullptr) return 0;
     const SID& user = AsSid(static_cast<const TOKEN_USER*>(userInformation.Data())->User.Sid);
     const auto& groups = *static_cast<const TOKEN_GROUPS*>(groupInformation.Data());
@@ -215,7 +216,6 @@ uint32_t AclAuthority(const void* acl, uint32_t size) {
 
 namespace {
 
-constexpr char kName[] = "AccessControlList";
 // A list that outgrows the room that was just asked for, time after time, is not believable.
 constexpr int kAttempts = 8;
 
@@ -230,13 +230,13 @@ void AccessControlList::Drop() {
 Status AccessControlList::Load(const ManagerDatabase& database) {
     Drop();
     DWORD size = 0;
-    Answer answer = ReadVariable(database, kName, m_small, sizeof m_small, &size);
+    Answer answer = ReadVariable(database, names::kAccessControlList, m_small, sizeof m_small, &size);
     for (int i = 0; i < kAttempts && answer == Answer::BufferTooSmall; ++i) {
         FreeBlock(m_block);
         const DWORD room = size;
         m_block = static_cast<BYTE*>(AllocateZeroed(room));
         if (m_block == nullptr) return TVS_E_MEMORY;
-        answer = ReadVariable(database, kName, m_block, room, &size);
+        answer = ReadVariable(database, names::kAccessControlList, m_block, room, &size);
     }
     if (answer != Answer::Done) {
         Drop();

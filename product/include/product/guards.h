@@ -1,8 +1,12 @@
-// Guards: what they hold is given back where they end, so that no early return repeats a clean-up.
+// Guards for what Windows hands out: each releases what it holds when it goes, so that no early return repeats a
+// clean-up. Each belongs to one thread.
 #pragma once
 
 #include <windows.h>
 #include <winspool.h>
+
+#include <type_traits>
+#include <utility>
 
 // Holds a named mutex. The wait has no time limit: the kernel gives a dead owner's mutex to the next waiter, and a
 // living owner holds it across a few calls of the service, which end at the latest with the service. One that stands
@@ -39,58 +43,60 @@ struct MutexHold {
     DWORD result = WAIT_FAILED; // of the wait
 };
 
-// A handle of the kernel: an event, a mutex, a file, a process.
-struct KernelHandle {
-    explicit KernelHandle(HANDLE owned) : handle(owned) {}
-    ~KernelHandle() {
-        if (handle != nullptr && handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
+// A handle that is closed with the guard. One that nobody owns any more, and INVALID_HANDLE_VALUE, is none: false.
+template <typename Handle, auto Close>
+class Guard {
+public:
+    Guard() = default;
+    explicit Guard(Handle handle) : m_handle(OrNone(handle)) {}
+    Guard(Guard&& other) noexcept : m_handle(std::exchange(other.m_handle, Handle{})) {}
+    Guard& operator=(Guard&& other) noexcept {
+        if (this != &other) {
+            Reset();
+            m_handle = std::exchange(other.m_handle, Handle{});
+        }
+        return *this;
     }
-    KernelHandle(const KernelHandle&) = delete;
-    KernelHandle& operator=(const KernelHandle&) = delete;
+    ~Guard() { Reset(); }
 
-    explicit operator bool() const { return handle != nullptr && handle != INVALID_HANDLE_VALUE; }
+    void Reset() {
+        if (m_handle) Close(std::exchange(m_handle, Handle{}));
+    }
+    Handle Get() const { return m_handle; }
+    // For calls that hand a handle out.
+    Handle* Receive() {
+        Reset();
+        return &m_handle;
+    }
+    explicit operator bool() const { return m_handle != Handle{}; }
 
-    HANDLE handle;
+private:
+    static Handle OrNone(Handle handle) {
+        if constexpr (std::is_same_v<Handle, HANDLE>) {
+            if (handle == INVALID_HANDLE_VALUE) return nullptr;
+        }
+        return handle;
+    }
+
+    Handle m_handle{};
 };
 
-// An open registry key.
-struct RegistryKey {
-    RegistryKey() = default;
-    RegistryKey(HKEY parent, const char* name, REGSAM access) { Open(parent, name, access); }
-    ~RegistryKey() { Close(); }
-    RegistryKey(const RegistryKey&) = delete;
-    RegistryKey& operator=(const RegistryKey&) = delete;
+using KernelHandle = Guard<HANDLE, &CloseHandle>; // an event, a mutex, a file, a process
+using RegistryKey = Guard<HKEY, &RegCloseKey>;
+using ServiceHandle = Guard<SC_HANDLE, &CloseServiceHandle>; // a service, or the service control manager
+using PrinterHandle = Guard<HANDLE, &ClosePrinter>;          // a printer of the spooler
 
-    // ERROR_SUCCESS, or why there is no key. parent may be the key that this guard holds.
-    LSTATUS Open(HKEY parent, const char* name, REGSAM access) {
-        HKEY opened = nullptr;
-        error = RegOpenKeyExA(parent, name, 0, access, &opened);
-        Close();
-        key = error == ERROR_SUCCESS ? opened : nullptr;
-        return error;
-    }
-    void Close() {
-        if (key != nullptr) RegCloseKey(key);
-        key = nullptr;
-    }
-    explicit operator bool() const { return key != nullptr; }
+// None when the key cannot be opened; error, which may be absent, then has the reason.
+inline RegistryKey OpenKey(HKEY parent, const char* name, REGSAM access, LSTATUS* error = nullptr) {
+    RegistryKey key;
+    const LSTATUS status = RegOpenKeyExA(parent, name, 0, access, key.Receive());
+    if (error != nullptr) *error = status;
+    return key;
+}
 
-    HKEY key = nullptr;
-    LSTATUS error = ERROR_SUCCESS;
-};
-
-// A printer of the spooler, by its name, for PRINTER_ACCESS_USE.
-struct SpoolerPrinter {
-    explicit SpoolerPrinter(char* name) {
-        if (!OpenPrinterA(name, &handle, nullptr)) handle = nullptr;
-    }
-    ~SpoolerPrinter() {
-        if (handle != nullptr) ClosePrinter(handle);
-    }
-    SpoolerPrinter(const SpoolerPrinter&) = delete;
-    SpoolerPrinter& operator=(const SpoolerPrinter&) = delete;
-
-    explicit operator bool() const { return handle != nullptr; }
-
-    HANDLE handle = nullptr;
-};
+// A printer of the spooler for PRINTER_ACCESS_USE. None when it cannot be opened; the last error has the reason.
+inline PrinterHandle OpenSpoolerPrinter(char* name) {
+    PrinterHandle printer;
+    OpenPrinterA(name, printer.Receive(), nullptr);
+    return printer;
+}

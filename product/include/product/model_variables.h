@@ -10,6 +10,7 @@
 //            an SVT_COMPOSITE the members' names, each followed by ";"
 #pragma once
 
+#include "product/guards.h"
 #include "product/interface.h"
 #include "product/variables.h"
 
@@ -26,6 +27,9 @@ struct ModelVariable {
     uint32_t flags = 0;
     const BYTE* initial = nullptr; // into the data, `size` bytes; null for a queue, which begins empty
 };
+
+// The key of the variables of a driver's model, for KEY_READ. None when the driver is empty or not a registered model.
+RegistryKey OpenModelVariables(const char* driver);
 
 // False for a value that every program skips: its length does not agree with its size, or its name is empty or longer
 // than the service takes. dataSize: bytes of the data.

@@ -36,6 +36,8 @@ inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the 
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.
 inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
+// Plain, never by ObjectName. The product's start-up process holds it while it runs.
+inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 
 // A printer's name may be longer than an object's, and have backslashes: 16 digits of its 64-bit FNV-1a hash stand for
 // it. Two that collide are told of each other's opens, which is no more than an open in vain.
