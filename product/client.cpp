@@ -48,13 +48,8 @@ RPC_CSTR Text(const char* text) {
     return reinterpret_cast<RPC_CSTR>(const_cast<char*>(text));
 }
 
-// One call: the request is marshalled straight into the run-time's buffer, the reply read straight from it.
-//
-//     Call call(kProcedure, size of the body);
-//     call.request.U32(...);
-//     if (!call.Send()) return call.Failure();
-//     ... = call.reply.U32();
-//     return call.Status();
+// One call: the request is marshalled straight into the run-time's buffer, the reply read straight from it. Invoke
+// below makes one of any procedure.
 class Call {
 public:
     Call(Procedure procedure, ULONGLONG bodySize)
@@ -81,7 +76,8 @@ public:
         return true;
     }
 
-    // Why there is no reply. A code of the run-time is positive; so is an exception of the server, or it is none.
+    // Why there is no reply. A code of the run-time is positive, and so is an exception of the server; anything else is
+    // a reply that cannot be read.
     Answer Failure() const { return m_result > 0 ? static_cast<Answer>(m_result) : Answer::BadStubData; }
 
     // The status, the last word of every reply. A reply that cannot be read as what it should be is a failed call.
@@ -113,21 +109,28 @@ public:
     NdrReader reply{nullptr, 0, kLocalRepresentation};
 };
 
-Answer CallWithName(Procedure procedure, std::string_view name, DatabaseHandle* handle) {
-    *handle = 0; // what is not open must not be closed
-    Call call(procedure, NdrTextSize(name));
-    call.request.Text(name);
-    if (!call.Send()) return call.Failure();
-    const DWORD opened = call.reply.U32();
-    const Answer answer = call.Status();
-    if (answer == Answer::Done) *handle = opened;
-    return answer;
-}
+template <Procedure procedure>
+class CallOf : public Call {
+public:
+    explicit CallOf(const InOf<procedure>& in) : Call(procedure, NdrSizeOfAll(in)) { request.WriteAll(in); }
 
-Answer CallWithHandle(Procedure procedure, DatabaseHandle database) {
-    Call call(procedure, kNdrU32Size);
-    call.request.U32(database);
-    return call.Send() ? call.Status() : call.Failure();
+    // After Send. Text and bytes point into the reply; the values count once Status is not BadStubData.
+    OutOf<procedure> Out() {
+        OutOf<procedure> out{};
+        reply.ReadAll(out);
+        return out;
+    }
+};
+
+// The stub of every procedure. The results are assigned when it is done, else they stay untouched.
+template <Procedure procedure>
+Answer Invoke(const InOf<procedure>& in, ResultsOf<procedure> results = {}) {
+    CallOf<procedure> call(in);
+    if (!call.Send()) return call.Failure();
+    const OutOf<procedure> out = call.Out();
+    const Answer answer = call.Status();
+    if (answer == Answer::Done) results = out;
+    return answer;
 }
 
 } // namespace
@@ -169,87 +172,60 @@ void UnbindStatusDatabase() {
 }
 
 Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
+    *handle = 0; // what is not open must not be closed
     // The fourth failure too is followed by a restart, so that the next open finds a server.
     Answer answer = Answer::ServerUnavailable;
     for (int i = 0; i < kCallsWithRestart; ++i) {
-        answer = CallWithName(kCreateDatabase, name, handle);
+        answer = Invoke<kCreateDatabase>({name}, {*handle});
         if (answer != Answer::ServerUnavailable || !RestartStatusService9x()) break;
     }
     return answer;
 }
 
 Answer OpenDatabase(const char* name, DatabaseHandle* handle) {
-    return CallWithName(kOpenDatabase, name, handle);
+    *handle = 0;
+    return Invoke<kOpenDatabase>({name}, {*handle});
 }
 
 Answer CloseDatabase(DatabaseHandle database) {
-    return CallWithHandle(kCloseDatabase, database);
+    return Invoke<kCloseDatabase>({database});
 }
 
 Answer GetServiceInstance(ServiceInstance* instance) {
     *instance = 0;
-    Call call(kGetServiceInstance, 0);
-    if (!call.Send()) return call.Failure();
-    const DWORD low = call.reply.U32();
-    const DWORD high = call.reply.U32();
-    const Answer answer = call.Status();
-    if (answer == Answer::Done) *instance = ServiceInstance{high} << 32 | low;
-    return answer;
+    return Invoke<kGetServiceInstance>({}, {*instance});
 }
 
 Answer GetDatabaseInfo(DatabaseHandle database, DatabaseInfo* info) {
     *info = {};
-    Call call(kGetDatabaseInfo, kNdrU32Size);
-    call.request.U32(database);
-    if (!call.Send()) return call.Failure();
-    const DatabaseInfo read = call.reply.ReadDatabaseInfo();
-    const Answer answer = call.Status();
-    if (answer == Answer::Done) *info = read;
-    return answer;
+    return Invoke<kGetDatabaseInfo>({database}, {*info});
 }
 
 Answer EndDatabaseInitialization(DatabaseHandle database) {
-    return CallWithHandle(kEndDatabaseInitialization, database);
+    return Invoke<kEndDatabaseInitialization>({database});
 }
 
 Answer CreateVariable(DatabaseHandle database, const char* name, DatabaseType type, DWORD size, const void* value) {
-    const std::string_view nameText = name;
     if (value == nullptr) size = 0;
-    Call call(kCreateVariable, kNdrU32Size * 4 + NdrTextSize(nameText) + NdrBytesSize(size));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    call.request.U32(type);
-    call.request.U32(size);
-    call.request.U32(0); // reserved
-    call.request.Bytes(value, size);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kCreateVariable>({database, name, type, {size}, 0, {static_cast<const BYTE*>(value), size}});
 }
 
 Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size) {
-    const std::string_view nameText = name;
     // What the service would answer to it, if a message could carry it there.
     if (size > kValueSizeMax) return Answer::WrongSize;
-    Call call(kWriteVariable, kNdrU32Size * 2 + NdrTextSize(nameText) + NdrBytesSize(size));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    call.request.Bytes(value, size);
-    call.request.U32(size);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kWriteVariable>({database, name, {static_cast<const BYTE*>(value), size}, {size}});
 }
 
+// Not by Invoke: the value is copied once, from the reply to the caller's buffer, and the stored size is a result of
+// kBufferTooSmall too.
 Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize) {
-    const std::string_view nameText = name;
     if (buffer == nullptr) {
         size = 0;
         *valueSize = 0;
     }
-    Call call(kReadVariable, kNdrU32Size * 2 + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    call.request.U32(size);
+    CallOf<kReadVariable> call({database, name, size});
     if (!call.Send()) return call.Failure();
-    const NdrBytes value = call.reply.Bytes();
-    const DWORD storedSize = call.reply.U32();
+    const auto [value, storedSize] = call.Out();
     const Answer answer = call.Status();
     // The array has as many elements as were asked for, so that a reply never exceeds the buffer.
     if (answer == Answer::BadStubData || value.size != size) return Answer::BadStubData;
@@ -259,59 +235,35 @@ Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWO
 }
 
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members) {
-    const std::string_view nameText = name;
-    const std::string_view membersText = members;
-    Call call(kSetCompositeMembers, kNdrU32Size + NdrTextSize(nameText) + NdrTextSize(membersText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    call.request.Text(membersText);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kSetCompositeMembers>({database, name, members});
 }
 
 Answer GetVariableInfo(DatabaseHandle database, const char* name, VariableInfo* info) {
-    const std::string_view nameText = name;
-    Call call(kGetVariableInfo, kNdrU32Size + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    if (!call.Send()) return call.Failure();
-    *info = call.reply.ReadVariableInfo();
-    return call.Status();
+    return Invoke<kGetVariableInfo>({database, name}, {*info});
 }
 
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime) {
-    VariableInfo info;
+    VariableInfo info = {};
     const Answer answer = GetVariableInfo(database, name, &info);
     if (answer == Answer::Done) *writeTime = info.writeTime;
     return answer;
 }
 
 Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes) {
-    VariableInfo info;
+    VariableInfo info = {};
     const Answer answer = GetVariableInfo(database, name, &info);
     if (answer == Answer::Done) *writes = info.writes;
     return answer;
 }
 
 Answer WatchVariable(DatabaseHandle database, const char* name, WatchMode mode) {
-    const std::string_view nameText = name;
-    Call call(kWatchVariable, kNdrU32Size * 2 + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    call.request.U32(mode);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kWatchVariable>({database, name, mode});
 }
 
 Answer UnwatchVariable(DatabaseHandle database, const char* name) {
-    const std::string_view nameText = name;
-    Call call(kUnwatchVariable, kNdrU32Size + NdrTextSize(nameText));
-    call.request.U32(database);
-    call.request.Text(nameText);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kUnwatchVariable>({database, name});
 }
 
 Answer ForwardRequest(const char* request) {
-    const std::string_view text = request;
-    Call call(kForwardRequest, NdrTextSize(text));
-    call.request.Text(text);
-    return call.Send() ? call.Status() : call.Failure();
+    return Invoke<kForwardRequest>({request});
 }

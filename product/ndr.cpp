@@ -1,3 +1,4 @@
+// No state.
 #include "product/ndr.h"
 
 #include <string.h>
@@ -55,7 +56,8 @@ DWORD NdrReader::U32() {
     return m_foreign ? Swapped(value) : value;
 }
 
-std::string_view NdrReader::Text() {
+void NdrReader::Read(WireForms::text& text) {
+    text = {};
     const DWORD maximumCount = U32();
     const DWORD offset = U32();
     const DWORD count = U32();
@@ -63,14 +65,18 @@ std::string_view NdrReader::Text() {
     const BYTE* characters = Take(count);
     // One NUL, at the end: a text that ended before its count would be another text to the one who counts.
     if (characters && memchr(characters, 0, count) != characters + count - 1) m_good = false;
-    if (!m_good) return {};
-    return {reinterpret_cast<const char*>(characters), count - 1};
+    if (m_good) text = {reinterpret_cast<const char*>(characters), count - 1};
 }
 
-NdrBytes NdrReader::Bytes() {
+void NdrReader::Read(WireForms::bytes& bytes) {
     const DWORD count = U32();
-    const BYTE* bytes = Take(count);
-    return bytes ? NdrBytes{bytes, count} : NdrBytes{};
+    const BYTE* data = Take(count);
+    bytes = data ? NdrBytes{data, count} : NdrBytes{};
+}
+
+void NdrReader::Read(ServiceInstance& instance) {
+    const DWORD low = U32();
+    instance = ServiceInstance{U32()} << 32 | low;
 }
 
 SYSTEMTIME NdrReader::Time() {
@@ -82,21 +88,17 @@ SYSTEMTIME NdrReader::Time() {
     return time;
 }
 
-DatabaseInfo NdrReader::ReadDatabaseInfo() {
-    DatabaseInfo info;
+void NdrReader::Read(DatabaseInfo& info) {
     info.openHandles = U32();
     info.variables = U32();
     info.created = Time();
-    return info;
 }
 
-VariableInfo NdrReader::ReadVariableInfo() {
-    VariableInfo info;
+void NdrReader::Read(VariableInfo& info) {
     info.type = U32();
     info.size = U32();
     info.writes = U32();
     info.writeTime = Time();
-    return info;
 }
 
 NdrWriter::NdrWriter(void* body, DWORD size) : m_body(static_cast<BYTE*>(body)), m_size(body ? size : 0) {}
@@ -132,12 +134,12 @@ BYTE* NdrWriter::Array(DWORD size) {
     return bytes;
 }
 
-void NdrWriter::Bytes(const void* data, DWORD size) {
-    BYTE* bytes = Array(size);
-    if (bytes && size > 0) memcpy(bytes, data, size);
+void NdrWriter::Write(WireForms::bytes bytes) {
+    BYTE* array = Array(bytes.size);
+    if (array && bytes.size > 0) memcpy(array, bytes.data, bytes.size);
 }
 
-void NdrWriter::Text(std::string_view text) {
+void NdrWriter::Write(WireForms::text text) {
     // Longer than any body: the array below would not fit anyway, but its count must not wrap.
     if (text.size() >= kBodySizeMax) {
         m_good = false;
@@ -158,13 +160,18 @@ void NdrWriter::Time(const SYSTEMTIME& time) {
         U16(field);
 }
 
-void NdrWriter::WriteDatabaseInfo(const DatabaseInfo& info) {
+void NdrWriter::Write(ServiceInstance instance) {
+    U32(static_cast<DWORD>(instance));
+    U32(static_cast<DWORD>(instance >> 32));
+}
+
+void NdrWriter::Write(const DatabaseInfo& info) {
     U32(info.openHandles);
     U32(info.variables);
     Time(info.created);
 }
 
-void NdrWriter::WriteVariableInfo(const VariableInfo& info) {
+void NdrWriter::Write(const VariableInfo& info) {
     U32(info.type);
     U32(info.size);
     U32(info.writes);

@@ -9,10 +9,13 @@
 
 #include "product/ndr.h"
 
+#include <array>
 #include <exception>
-#include <iterator>
 #include <random>
 #include <string.h>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 
 using namespace product;
 
@@ -23,12 +26,7 @@ struct Call {
     RPC_MESSAGE& message;
     NdrReader request;
     Caller caller;
-    Group& group = caller.group;
 };
-
-// Each returns 0 after it has written a reply, or the run-time's code to raise: it is raised when nothing is held any
-// more.
-using ProcedureFunction = RPC_STATUS (*)(Call& call);
 
 NdrWriter BeginReply(Call& call, ULONGLONG size, RPC_STATUS* fault) {
     call.message.BufferLength = static_cast<unsigned int>(size);
@@ -36,37 +34,27 @@ NdrWriter BeginReply(Call& call, ULONGLONG size, RPC_STATUS* fault) {
     return *fault == RPC_S_OK ? NdrWriter{call.message.Buffer, call.message.BufferLength} : NdrWriter{nullptr, 0};
 }
 
-RPC_STATUS ReplyStatus(Call& call, LONG status) {
-    RPC_STATUS fault;
-    BeginReply(call, kNdrU32Size, &fault).Status(status);
-    return fault;
-}
+// ---- the procedures: an overload of Serve for each row of product/interface.h. Handle below calls it with the row's
+// in parameters and references to its out parameters, which are zero; it returns the status.
 
-RPC_STATUS ReplyHandle(Call& call, DWORD handle, LONG status) {
-    RPC_STATUS fault;
-    NdrWriter reply = BeginReply(call, 2 * kNdrU32Size, &fault);
-    reply.U32(handle);
-    reply.Status(status);
-    return fault;
-}
+template <Procedure procedure>
+struct Row {};
 
-RPC_STATUS ServeCreateDatabase(Call& call) {
-    const std::string_view name = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    DWORD handle = ReserveHandle(call.group);
-    if (handle == 0) return ReplyHandle(call, 0, kLimitReached);
+LONG Serve(Row<kCreateDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
+    handle = ReserveHandle(caller.group);
+    if (handle == 0) return kLimitReached;
     Database* database = nullptr;
-    const ServiceStatus status = CreateDatabase(call.caller, name, handle, &database);
+    const ServiceStatus status = CreateDatabase(caller, name, handle, &database);
     if (status == kDone) {
         SetHandle(handle, *database);
     } else {
-        CancelHandle(call.group, handle);
+        CancelHandle(caller.group, handle);
         handle = 0;
     }
-    return ReplyHandle(call, handle, status);
+    return status;
 }
 
-ServiceStatus OpenExisting(Group& group, std::string_view name, DWORD* handle) {
+LONG Serve(Row<kOpenDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
     Database* database = FindDatabase(name);
     if (!database) return kUnknownDatabase;
     switch (database->state.load(std::memory_order_acquire)) {
@@ -77,24 +65,14 @@ ServiceStatus OpenExisting(Group& group, std::string_view name, DWORD* handle) {
     case DatabaseState::Ready:
         break;
     }
-    *handle = ReserveHandle(group);
-    if (*handle == 0) return kLimitReached;
-    SetHandle(*handle, *database);
+    handle = ReserveHandle(caller.group);
+    if (handle == 0) return kLimitReached;
+    SetHandle(handle, *database);
     return kDone;
 }
 
-RPC_STATUS ServeOpenDatabase(Call& call) {
-    const std::string_view name = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    DWORD handle = 0;
-    const ServiceStatus status = OpenExisting(call.group, name, &handle);
-    return ReplyHandle(call, handle, status);
-}
-
-RPC_STATUS ServeCloseDatabase(Call& call) {
-    const DWORD handle = call.request.U32();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    return ReplyStatus(call, CloseHandleOf(call.group, handle) ? kDone : kUnknownDatabase);
+LONG Serve(Row<kCloseDatabase>, const Caller& caller, DWORD handle) {
+    return CloseHandleOf(caller.group, handle) ? kDone : kUnknownDatabase;
 }
 
 ServiceInstance NewInstance() {
@@ -110,78 +88,139 @@ ServiceInstance NewInstance() {
 
 const ServiceInstance g_instance = NewInstance();
 
-RPC_STATUS ServeGetServiceInstance(Call& call) {
-    RPC_STATUS fault;
-    NdrWriter reply = BeginReply(call, 3 * kNdrU32Size, &fault);
-    reply.U32(static_cast<DWORD>(g_instance));
-    reply.U32(static_cast<DWORD>(g_instance >> 32));
-    reply.Status(kDone);
-    return fault;
+LONG Serve(Row<kGetServiceInstance>, const Caller&, ServiceInstance& instance) {
+    instance = g_instance;
+    return kDone;
 }
 
-// Those that have the database open but for its printer sides, which are no managers: one that waits for the others to
-// close would wait for them.
+// Those that have the database open, without its printer sides: these are not managers, and one that waits for the
+// others to close would wait for them.
 DWORD ManagersOf(Database& database) {
     const DWORD printerSides = HandlesOfPrinterSides(database);
     const DWORD all = database.openHandles.load();
     return all > printerSides ? all - printerSides : 0;
 }
 
-RPC_STATUS ServeGetDatabaseInfo(Call& call) {
-    const DWORD handle = call.request.U32();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    DatabaseInfo info = {};
-    if (database) info = {ManagersOf(*database), database->variableCount.load(), ToSystemTime(CreationTime(*database))};
+LONG Serve(Row<kGetDatabaseInfo>, const Caller& caller, DWORD handle, DatabaseInfo& info) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    info = {ManagersOf(*database), database->variableCount.load(), ToSystemTime(CreationTime(*database))};
+    return kDone;
+}
+
+LONG Serve(Row<kEndDatabaseInitialization>, const Caller& caller, DWORD handle) {
+    const DatabaseUse database{caller.group, handle};
+    return database ? EndInitialisation(*database, handle) : kUnknownDatabase;
+}
+
+LONG Serve(Row<kCreateVariable>, const Caller& caller, DWORD handle, std::string_view name, DWORD type,
+           WireForms::count size, DWORD reserved, NdrBytes value) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    if (reserved != 0 || type >= kTypeCount) return kBadArgument;
+    return CreateVariable(*database, caller, name, static_cast<DatabaseType>(type), value.data, size.value);
+}
+
+LONG Serve(Row<kWriteVariable>, const Caller& caller, DWORD handle, std::string_view name, NdrBytes value,
+           WireForms::count size) {
+    const DatabaseUse database{caller.group, handle};
+    return database ? WriteVariable(*database, caller, name, value.data, size.value) : kUnknownDatabase;
+}
+
+LONG Serve(Row<kSetCompositeMembers>, const Caller& caller, DWORD handle, std::string_view composite,
+           std::string_view members) {
+    const DatabaseUse database{caller.group, handle};
+    return database ? SetCompositeMembers(*database, caller, composite, members) : kUnknownDatabase;
+}
+
+LONG Serve(Row<kGetVariableInfo>, const Caller& caller, DWORD handle, std::string_view name, VariableInfo& info) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    Variable* variable = FindVariable(*database, name);
+    if (!variable) return kUnknownVariable;
+    NoteQuestion(caller.group, *variable);
+    ValueState state = {};
+    const ServiceStatus status = ReadAnyValue(*database, *variable, nullptr, 0, &state);
+    if (status == kLimitReached) return status;
+    info = {variable->type, state.size, state.writes, ToSystemTime(state.writeTime)};
+    return kDone;
+}
+
+LONG Serve(Row<kWatchVariable>, const Caller& caller, DWORD handle, std::string_view name, DWORD mode) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    if (mode != kEveryWrite && mode != kOnlyChanges) return kBadArgument;
+    // A database that can still be given up must not be held by anything but its handle.
+    if (!database.IsReady()) return kBeingInitialised;
+    Variable* variable = FindVariable(*database, name);
+    if (!variable) return kUnknownVariable;
+    // Whoever watches the mailbox is the printer side, and answers for the printer.
+    if (variable->role == VariableRole::Mailbox && !IsAdministrator(caller)) return kAccessDenied;
+    return AddWatch(caller.group, *database, *variable, static_cast<WatchMode>(mode));
+}
+
+LONG Serve(Row<kUnwatchVariable>, const Caller& caller, DWORD handle, std::string_view name) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    const Variable* variable = FindVariable(*database, name);
+    return variable ? EndWatch(caller.group, *variable) : kUnknownVariable;
+}
+
+LONG Serve(Row<kForwardRequest>, const Caller&, std::string_view request) {
+    return ForwardRequest(request);
+}
+
+// ---- from the request's bytes to the reply's
+
+// A reply that cannot be had is the run-time's code; writes to no buffer do nothing.
+template <typename... Forms>
+RPC_STATUS Reply(Call& call, const std::tuple<Forms...>& out, LONG status) {
     RPC_STATUS fault;
-    NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
-    reply.WriteDatabaseInfo(info);
-    reply.Status(database ? kDone : kUnknownDatabase);
+    NdrWriter reply = BeginReply(call, NdrSizeOfAll(out) + kNdrStatusSize, &fault);
+    reply.WriteAll(out);
+    reply.Status(status);
     return fault;
 }
 
-RPC_STATUS ServeEndDatabaseInitialization(Call& call) {
-    const DWORD handle = call.request.U32();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    return ReplyStatus(call, database ? EndInitialisation(*database, handle) : kUnknownDatabase);
+template <typename... Forms>
+bool CountsAgree(const std::tuple<Forms...>& in) {
+    if constexpr ((std::is_same_v<Forms, WireForms::count> || ...))
+        return std::get<WireForms::count>(in).value == std::get<WireForms::bytes>(in).size;
+    return true;
 }
 
-RPC_STATUS ServeCreateVariable(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    const DWORD type = call.request.U32();
-    const DWORD size = call.request.U32();
-    const DWORD reserved = call.request.U32();
-    const NdrBytes value = call.request.Bytes();
-    if (!call.request.Good() || value.size != size) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    if (!database) return ReplyStatus(call, kUnknownDatabase);
-    if (reserved != 0 || type >= kTypeCount) return ReplyStatus(call, kBadArgument);
-    return ReplyStatus(call,
-                       CreateVariable(*database, call.caller, name, static_cast<DatabaseType>(type), value.data, size));
+template <typename... Forms>
+bool ReadRequest(Call& call, std::tuple<Forms...>& in) {
+    call.request.ReadAll(in);
+    return call.request.Good() && CountsAgree(in);
 }
 
-RPC_STATUS ServeWriteVariable(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    const NdrBytes value = call.request.Bytes();
-    const DWORD size = call.request.U32();
-    if (!call.request.Good() || value.size != size) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    if (!database) return ReplyStatus(call, kUnknownDatabase);
-    return ReplyStatus(call, WriteVariable(*database, call.caller, name, value.data, size));
+// 0 after it has written a reply, or the run-time's code to raise: it is raised when nothing is held any more.
+template <Procedure procedure>
+RPC_STATUS Handle(Call& call) {
+    InOf<procedure> in;
+    if (!ReadRequest(call, in)) return RPC_X_BAD_STUB_DATA;
+    OutOf<procedure> out{};
+    const LONG status = std::apply(
+        [&](const auto&... given) {
+            return std::apply(
+                [&](auto&... result) { return Serve(Row<procedure>{}, call.caller, given..., result...); }, out);
+        },
+        in);
+    return Reply(call, out, status);
 }
 
-RPC_STATUS ServeReadVariable(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    const DWORD size = call.request.U32();
-    if (!call.request.Good() || size > kValueSizeMax) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
+// By hand: the value is copied once, from the variable into the reply, whose length the request gives.
+template <>
+RPC_STATUS Handle<kReadVariable>(Call& call) {
+    InOf<kReadVariable> in;
+    if (!ReadRequest(call, in)) return RPC_X_BAD_STUB_DATA;
+    const auto [handle, name, size] = in;
+    if (size > kValueSizeMax) return RPC_X_BAD_STUB_DATA;
+    const DatabaseUse database{call.caller.group, handle};
     const Variable* variable = database ? FindVariable(*database, name) : nullptr;
     RPC_STATUS fault;
-    NdrWriter reply = BeginReply(call, NdrBytesSize(size) + 2 * kNdrU32Size, &fault);
+    NdrWriter reply = BeginReply(call, NdrSize(NdrBytes{nullptr, size}) + NdrSize(size) + kNdrStatusSize, &fault);
     if (fault != RPC_S_OK) return fault;
     BYTE* array = reply.Array(size);
     ValueState state = {};
@@ -190,124 +229,37 @@ RPC_STATUS ServeReadVariable(Call& call) {
     const DWORD filled = status == kDone ? state.size : 0;
     memset(array + filled, 0, size - filled);
     if (status == kBufferTooSmall && size == 0) status = kDone;
-    reply.U32(state.size);
+    reply.Write(state.size);
     reply.Status(status);
     return RPC_S_OK;
 }
 
-RPC_STATUS ServeSetCompositeMembers(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view composite = call.request.Text();
-    const std::string_view list = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    if (!database) return ReplyStatus(call, kUnknownDatabase);
-    return ReplyStatus(call, SetCompositeMembers(*database, call.caller, composite, list));
+using HandleFunction = RPC_STATUS (*)(Call& call);
+
+template <Procedure procedure>
+constexpr HandleFunction HandleOf() {
+    if constexpr (Signature<procedure>::isServed)
+        return Handle<procedure>;
+    else
+        return nullptr;
 }
 
-ServiceStatus InfoOf(const Group& group, Database& database, std::string_view name, VariableInfo* info) {
-    Variable* variable = FindVariable(database, name);
-    if (!variable) return kUnknownVariable;
-    NoteQuestion(group, *variable);
-    ValueState state = {};
-    const ServiceStatus status = ReadAnyValue(database, *variable, nullptr, 0, &state);
-    if (status == kLimitReached) return status;
-    *info = {variable->type, state.size, state.writes, ToSystemTime(state.writeTime)};
-    return kDone;
+template <size_t... number>
+constexpr std::array<HandleFunction, sizeof...(number)> HandlesOfAll(std::index_sequence<number...>) {
+    return {HandleOf<number>()...};
 }
 
-RPC_STATUS ServeGetVariableInfo(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    VariableInfo info = {};
-    const ServiceStatus status = database ? InfoOf(call.group, *database, name, &info) : kUnknownDatabase;
-    RPC_STATUS fault;
-    NdrWriter reply = BeginReply(call, sizeof info + kNdrU32Size, &fault);
-    reply.WriteVariableInfo(info);
-    reply.Status(status);
-    return fault;
-}
-
-RPC_STATUS ServeWatchVariable(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    const DWORD mode = call.request.U32();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    if (!database) return ReplyStatus(call, kUnknownDatabase);
-    if (mode != kEveryWrite && mode != kOnlyChanges) return ReplyStatus(call, kBadArgument);
-    // A database that can still be given up must not be held by anything but its handle.
-    if (!database.IsReady()) return ReplyStatus(call, kBeingInitialised);
-    Variable* variable = FindVariable(*database, name);
-    if (!variable) return ReplyStatus(call, kUnknownVariable);
-    // Whoever watches the mailbox is the printer side, and answers for the printer.
-    if (variable->role == VariableRole::Mailbox && !IsAdministrator(call.caller))
-        return ReplyStatus(call, kAccessDenied);
-    return ReplyStatus(call, AddWatch(call.group, *database, *variable, static_cast<WatchMode>(mode)));
-}
-
-RPC_STATUS ServeUnwatchVariable(Call& call) {
-    const DWORD handle = call.request.U32();
-    const std::string_view name = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    const DatabaseUse database{call.group, handle};
-    if (!database) return ReplyStatus(call, kUnknownDatabase);
-    const Variable* variable = FindVariable(*database, name);
-    return ReplyStatus(call, variable ? EndWatch(call.group, *variable) : kUnknownVariable);
-}
-
-RPC_STATUS ServeForwardRequest(Call& call) {
-    const std::string_view request = call.request.Text();
-    if (!call.request.Good()) return RPC_X_BAD_STUB_DATA;
-    return ReplyStatus(call, ForwardRequest(request));
-}
-
-struct ProcedureRow {
-    UINT number;
-    ProcedureFunction function = nullptr; // null: not served
-};
-
-constexpr ProcedureRow kProcedures[] = {
-    {kCreateDatabase, ServeCreateDatabase},
-    {kOpenDatabase, ServeOpenDatabase},
-    {kCloseDatabase, ServeCloseDatabase},
-    {kGetServiceInstance, ServeGetServiceInstance},
-    {kGetDatabaseInfo, ServeGetDatabaseInfo},
-    {5},
-    {6},
-    {kEndDatabaseInitialization, ServeEndDatabaseInitialization},
-    {kCreateVariable, ServeCreateVariable},
-    {kWriteVariable, ServeWriteVariable},
-    {kReadVariable, ServeReadVariable},
-    {11},
-    {kSetCompositeMembers, ServeSetCompositeMembers},
-    {13},
-    {kGetVariableInfo, ServeGetVariableInfo},
-    {kWatchVariable, ServeWatchVariable},
-    {kUnwatchVariable, ServeUnwatchVariable},
-    {17},
-    {kForwardRequest, ServeForwardRequest},
-};
-
-constexpr bool RowsStandAtTheirNumbers() {
-    for (UINT i = 0; i < std::size(kProcedures); ++i)
-        if (kProcedures[i].number != i) return false;
-    return std::size(kProcedures) == kProcedureCount;
-}
-static_assert(RowsStandAtTheirNumbers());
+constexpr auto kHandles = HandlesOfAll(std::make_index_sequence<kProcedureCount>());
 
 RPC_STATUS Serve(RPC_MESSAGE& message) {
-    const ProcedureFunction function =
-        message.ProcNum < kProcedureCount ? kProcedures[message.ProcNum].function : nullptr;
-    if (!function) return RPC_S_PROCNUM_OUT_OF_RANGE;
+    const HandleFunction handle = message.ProcNum < kHandles.size() ? kHandles[message.ProcNum] : nullptr;
+    if (!handle) return RPC_S_PROCNUM_OUT_OF_RANGE;
     RPC_STATUS fault = RPC_S_OK;
     const CallersAssociation caller(message.Handle);
     Group* group = CallingGroup(caller, &fault);
     if (!group) return fault;
     Call call{message, NdrReader{message.Buffer, message.BufferLength, message.DataRepresentation}, {*group, caller}};
-    return function(call);
+    return handle(call);
 }
 
 void __RPC_STUB Dispatch(PRPC_MESSAGE message) {
@@ -315,13 +267,19 @@ void __RPC_STUB Dispatch(PRPC_MESSAGE message) {
     if (fault != RPC_S_OK) RpcRaiseException(fault);
 }
 
-// The run-time looks functions up by number; ours are told apart by the message, so that one place guards them all.
-RPC_DISPATCH_FUNCTION g_dispatchFunctions[kProcedureCount] = {
-    Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch,
-    Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch, Dispatch,
-};
+// The run-time looks functions up by number. All of its entries are Dispatch, which has the number from the message, so
+// that one place guards all procedures.
+using DispatchFunctions = std::array<RPC_DISPATCH_FUNCTION, kProcedureCount>;
 
-RPC_DISPATCH_TABLE g_dispatchTable = {kProcedureCount, g_dispatchFunctions, 0};
+constexpr DispatchFunctions DispatchForAll() {
+    DispatchFunctions functions{};
+    functions.fill(Dispatch);
+    return functions;
+}
+
+DispatchFunctions g_dispatchFunctions = DispatchForAll();
+
+RPC_DISPATCH_TABLE g_dispatchTable = {kProcedureCount, g_dispatchFunctions.data(), 0};
 
 } // namespace
 

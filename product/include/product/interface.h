@@ -1,30 +1,12 @@
 // The RPC interface of the status database service: what its clients and the service must agree on.
 //
 // Local RPC ("ncalrpc", endpoint "TVORSDB_RPC"), interface version 1.0, NDR 2.0. The body of a request holds the in
-// parameters in order, the body of a reply the out parameters and then the status:
+// parameters in order, the body of a reply the out parameters and then the status.
+// The numbers without a row below are not served: RPC_S_PROCNUM_OUT_OF_RANGE. A body that cannot be read raises
+// RPC_X_BAD_STUB_DATA. Text is bytes without NUL, compared exactly. docs/service.md has the rows as a table.
 //
-//    no.  procedure                  request                                          reply, before the status
-//     0   CreateDatabase             text name                                        u32 handle
-//     1   OpenDatabase               text name                                        u32 handle
-//     2   CloseDatabase              u32 handle
-//     3   GetServiceInstance                                                          u32, u32: ServiceInstance
-//     4   GetDatabaseInfo            u32 handle                                       DatabaseInfo
-//     7   EndDatabaseInitialization  u32 handle
-//     8   CreateVariable             u32 handle, text name, u32 type, u32 size,
-//                                    u32 reserved (0), bytes initial value
-//     9   WriteVariable              u32 handle, text name, bytes value, u32 size
-//    10   ReadVariable               u32 handle, text name, u32 size                  bytes buffer, u32 value size
-//    12   SetCompositeMembers        u32 handle, text composite, text member list
-//    14   GetVariableInfo            u32 handle, text name                            VariableInfo
-//    15   WatchVariable              u32 handle, text name, u32 mode
-//    16   UnwatchVariable            u32 handle, text name
-//    18   ForwardRequest             text request
-//
-// The numbers between are not served: RPC_S_PROCNUM_OUT_OF_RANGE. ndr.h has the form of u32, text and bytes. A body
-// that cannot be read raises RPC_X_BAD_STUB_DATA. Text is bytes without NUL, compared exactly.
-//
-// What a call answers besides its status is told with the procedure below; out parameters of a call that failed are
-// zero unless it says otherwise.
+// Each row says what the procedure answers. Out parameters of a call that failed are zero unless its row says
+// otherwise.
 #pragma once
 
 #include <windows.h>
@@ -32,6 +14,8 @@
 #include <rpc.h>
 
 #include <stddef.h>
+#include <string_view>
+#include <tuple>
 
 namespace product {
 
@@ -44,60 +28,6 @@ inline constexpr char kBindingOptions[] = "Security=impersonation static true";
 extern const RPC_SYNTAX_IDENTIFIER kInterfaceSyntax;
 // NDR, 8a885d04-1ceb-11c9-9fe8-08002b104860, version 2.0.
 extern const RPC_SYNTAX_IDENTIFIER kNdrSyntax;
-
-enum Procedure : UINT {
-    // Makes a database and begins its initialisation, which ends with EndDatabaseInitialization on the handle
-    // returned. kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database
-    // whose creator went away before it was ready is made anew.
-    kCreateDatabase = 0,
-    // kBeingInitialised: wait for the event of InitializedEventName() and ask again. kUnknownDatabase: there is none,
-    // or its creator went away before it was ready: begin again with CreateDatabase. Waiters are woken in either case.
-    kOpenDatabase = 1,
-    // Ends the handle. A database whose creator closes its handle before it is ready is given up.
-    kCloseDatabase = 2,
-    // Which run of the service this is. A handle that it does not know is one of an earlier run, when that was another.
-    kGetServiceInstance = 3,
-    kGetDatabaseInfo = 4,
-    // Only with the handle that CreateDatabase gave, once; else kNotCreator.
-    kEndDatabaseInitialization = 7,
-    // The size is that of the initial value. Byte, word and number keep it; string and record take values of up to it;
-    // variable-length ones of up to kValueSizeMax. kWrongSize: 0 for one of the first five. A composite has size 0,
-    // and no members until SetCompositeMembers.
-    kCreateVariable = 8,
-    // kWrongSize: not a size that the variable takes. A value of a composite has its size; it goes to the members, all
-    // at
-    // one moment, and whoever watches it or one of them is told once. A composite that has a member twice or one of
-    // variable length takes no value. A name that is not there, but is that of a variable followed by "W", makes a
-    // variable of that variable's type and size limit.
-    kWriteVariable = 9,
-    // The byte array has as many elements as size says; those behind the value are zero. kBufferTooSmall: size is less
-    // than the value's and not 0; the array is all zero, value size is what is needed. With size 0 the answer is
-    // kDone and value size.
-    kReadVariable = 10,
-    // Member names, each followed by ";". Replaces the list. A member takes the size that it was created with, zeros
-    // behind a shorter value; one of variable length that of the payload it was created with, which is none for the
-    // empty value {4, 0}. So no value moves the members behind it. A member that does not exist contributes nothing;
-    // one
-    // that is a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below them.
-    // kBadArgument: the variable is no composite. Reading one that comes to more than kCompositePartsMax members of
-    // members, or to more than kValueSizeMax bytes, answers kLimitReached.
-    kSetCompositeMembers = 12,
-    kGetVariableInfo = 14,
-    // Signals a named event (VariableEventName) when the variable, or a member of it, is written: in mode kEveryWrite
-    // its "Updated" event at each write, in mode kOnlyChanges its "Changed" event when bytes of its value changed. A
-    // signal is a pulse: the event is set and reset, after the value and its write time can be read. Watches are
-    // counted per client process, variable and mode. kBeingInitialised: the database is not ready.
-    kWatchVariable = 15,
-    // Ends one watch of this client process: of the mode it used last, while that has one, else of the other.
-    // kNotWatched: it has none.
-    kUnwatchVariable = 16,
-    // "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these. Waits
-    // until the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing
-    // serves that printer's requests, or what did has gone. kNoAnswer: there was none in time. One request of a printer
-    // is carried out at a time, in the order in which they came.
-    kForwardRequest = 18,
-    kProcedureCount = 19
-};
 
 enum DatabaseType : DWORD {
     kTypeByte = 0,
@@ -158,6 +88,125 @@ struct VariableInfo {
 static_assert(sizeof(VariableInfo) == 28 && offsetof(VariableInfo, type) == 0 && offsetof(VariableInfo, size) == 4 &&
               offsetof(VariableInfo, writes) == 8 && offsetof(VariableInfo, writeTime) == 12);
 
+// ---- the procedures: one row each, from which the clients' stubs and the service's dispatch are made
+
+using Procedure = UINT; // the number of a procedure
+
+// A byte array within a body.
+struct NdrBytes {
+    const BYTE* data = nullptr;
+    DWORD size = 0;
+};
+
+// The forms of parameters, under the names that the rows use. ndr.h has their encoding.
+struct WireForms {
+    using u32 = DWORD;
+    using text = std::string_view; // without NUL inside
+    using bytes = NdrBytes;
+    // A u32: how many elements the bytes of the same request have. Another number is bad stub data.
+    struct count {
+        DWORD value;
+    };
+};
+
+template <typename Declaration>
+struct ParametersOf;
+template <typename... Forms>
+struct ParametersOf<void(Forms...)> {
+    using Values = std::tuple<Forms...>;
+    using Results = std::tuple<Forms&...>;
+};
+
+// What a row declares; numbers without a row are not served.
+template <Procedure number>
+struct Signature {
+    static constexpr bool isServed = false;
+};
+
+template <Procedure procedure>
+using InOf = typename Signature<procedure>::In::Values;
+template <Procedure procedure>
+using OutOf = typename Signature<procedure>::Out::Values;
+template <Procedure procedure>
+using ResultsOf = typename Signature<procedure>::Out::Results;
+
+// PROCEDURE(number, name, (in parameters), (out parameters)). The status follows the out parameters.
+#define PROCEDURE(number, name, in, out)                                                                               \
+    inline constexpr Procedure k##name = number;                                                                       \
+    template <>                                                                                                        \
+    struct Signature<k##name> : WireForms {                                                                            \
+        static constexpr bool isServed = true;                                                                         \
+        using In = ParametersOf<void in>;                                                                              \
+        using Out = ParametersOf<void out>;                                                                            \
+    }
+
+// Makes a database and begins its initialisation, which EndDatabaseInitialization ends on the handle returned.
+// kDatabaseExists: there is one already, ready or still being initialised; the handle is 0. A database whose creator
+// went away before it was ready is made anew.
+PROCEDURE(0, CreateDatabase, (text name), (u32 handle));
+
+// kBeingInitialised: wait for the event of InitializedEventName() and ask again. kUnknownDatabase: there is none, or
+// its creator went away before it was ready; begin again with CreateDatabase. Waiters are woken in either case.
+PROCEDURE(1, OpenDatabase, (text name), (u32 handle));
+
+// Ends the handle. A database whose creator closes its handle before it is ready is given up.
+PROCEDURE(2, CloseDatabase, (u32 handle), ());
+
+// Which run of the service this is. A handle that the service does not know is one of an earlier run when the instance
+// has changed.
+PROCEDURE(3, GetServiceInstance, (), (ServiceInstance instance));
+
+PROCEDURE(4, GetDatabaseInfo, (u32 handle), (DatabaseInfo info));
+
+// Works once, and only with the handle that CreateDatabase returned; otherwise kNotCreator.
+PROCEDURE(7, EndDatabaseInitialization, (u32 handle), ());
+
+// The size is that of the initial value. Byte, word and number keep it; string and record take values up to it;
+// variable-length ones take values up to kValueSizeMax. kWrongSize: 0 for one of the first five. A composite has size 0
+// and has no members until SetCompositeMembers. reserved is 0.
+PROCEDURE(8, CreateVariable, (u32 handle, text name, u32 type, count size, u32 reserved, bytes value), ());
+
+// kWrongSize: the variable does not take a value of that size. A value of a composite has the composite's size. It goes
+// to all members at one moment, and whoever watches the composite or a member is signalled once. A composite that has a
+// member twice, or one of variable length, takes no value. A name that does not exist, but is that of a variable
+// followed by "W", makes a variable of that variable's type and size limit.
+PROCEDURE(9, WriteVariable, (u32 handle, text name, bytes value, count size), ());
+
+// value has as many elements as size says; those behind the variable's value are zero. kBufferTooSmall: size is less
+// than the value's and not 0; value is all zero, and valueSize is what is needed. With size 0 the answer is kDone and
+// valueSize. A size above kValueSizeMax raises RPC_X_BAD_STUB_DATA.
+PROCEDURE(10, ReadVariable, (u32 handle, text name, u32 size), (bytes value, u32 valueSize));
+
+// members: names, each followed by ";". Replaces the list. A member takes the size that it was created with, zeros
+// behind a shorter value. One of variable length takes the size of the payload that it was created with, which is none
+// for the empty value {4, 0}. So no value moves the members behind it. A member that does not exist contributes
+// nothing. One that is a composite itself is composed, up to kCompositeDepthMax levels, and contributes nothing below
+// them. kBadArgument: the variable is not a composite. Reading a composite of more than kCompositePartsMax members of
+// members, or of more than kValueSizeMax bytes, answers kLimitReached.
+PROCEDURE(12, SetCompositeMembers, (u32 handle, text name, text members), ());
+
+PROCEDURE(14, GetVariableInfo, (u32 handle, text name), (VariableInfo info));
+
+// Signals a named event (VariableEventName) when the variable, or a member of it, is written: in mode kEveryWrite its
+// "Updated" event at each write, in mode kOnlyChanges its "Changed" event when bytes of its value changed. A signal is
+// a pulse: the event is set and reset, after the value and its write time can be read. Watches are counted per client
+// process, variable and mode. kBeingInitialised: the database is not ready.
+PROCEDURE(15, WatchVariable, (u32 handle, text name, u32 mode), ());
+
+// Ends one watch of this client process: of the mode it used last while that has one, else of the other. kNotWatched:
+// there is none.
+PROCEDURE(16, UnwatchVariable, (u32 handle, text name), ());
+
+// request: "ReadRequest:<printer>", "WriteRequest:<printer>" or "Refresh:<printer>"; kBadArgument: none of these. Waits
+// until the printer side has answered; the status is its result, whatever number that is. kNoPrinterSide: nothing
+// serves that printer's requests, or what did has gone. kNoAnswer: the printer side did not answer in time. Requests of
+// a printer are carried out one at a time, in the order of the calls.
+PROCEDURE(18, ForwardRequest, (text request), ());
+
+#undef PROCEDURE
+
+inline constexpr Procedure kProcedureCount = kForwardRequest + 1;
+
 // How forwarded requests reach the printer side, and its answers the service: two records in the printer's database.
 // The printer side makes both, all zero, when the database is ready; nobody can make them of another form. While a
 // client watches the mailbox there is a printer side, and the service writes each request into the mailbox, which
@@ -199,7 +248,7 @@ inline constexpr DWORD kCompositeMembersMax = 64;
 inline constexpr DWORD kCompositeDepthMax = 4;
 inline constexpr DWORD kCompositePartsMax = 256;
 // Of the body of a request or reply, and of one value in it: the rest is room for everything else. A printer list of
-// 7,000 entries of 560 bytes fits. ReadVariable raises RPC_X_BAD_STUB_DATA for a size above kValueSizeMax.
+// 7,000 entries of 560 bytes fits.
 inline constexpr DWORD kBodySizeMax = 4 * 1024 * 1024;
 inline constexpr DWORD kValueSizeMax = kBodySizeMax - 64 * 1024;
 
