@@ -1,3 +1,4 @@
+// No state.
 #include "product/object_names.h"
 
 #include "product/guards.h"
@@ -14,6 +15,8 @@ constexpr char kSuiteKey[] = "System\\CurrentControlSet\\Control\\ProductOptions
 constexpr char kSuiteValue[] = "ProductSuite";
 constexpr char kTerminalServerSuite[] = "Terminal Server";
 constexpr DWORD kSuiteListMax = 64 * 1024;
+
+constexpr DWORD kAceHeaderSize = 8; // an entry has its header and mask, and its SID
 
 KernelName Joined(std::initializer_list<std::string_view> parts) {
     KernelName name;
@@ -82,20 +85,37 @@ KernelName VariableEventName(bool terminalServer, std::string_view database, std
                    signal == VariableSignal::Updated ? ":Updated" : ":Changed"});
 }
 
-// A list that is present and null allows everything to everyone.
-EveryoneAccess::EveryoneAccess()
-    : attributes{sizeof attributes, &m_descriptor, FALSE}, m_descriptor{},
-      m_valid(InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
-              SetSecurityDescriptorDacl(&m_descriptor, TRUE, nullptr, FALSE)) {}
-
-HANDLE CreateEventForEveryone(const char* name) {
-    if (name[0] == '\0') return nullptr;
-    EveryoneAccess everyone;
-    return everyone ? CreateEventA(&everyone.attributes, TRUE, FALSE, name) : nullptr;
+EveryoneAccess::EveryoneAccess() : attributes{sizeof attributes, nullptr, FALSE} {
+    SID_IDENTIFIER_AUTHORITY worldAuthority = SECURITY_WORLD_SID_AUTHORITY;
+    PSID world = nullptr;
+    if (!AllocateAndInitializeSid(&worldAuthority, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &world)) return;
+    SECURITY_DESCRIPTOR absolute;
+    alignas(ACL) BYTE list[sizeof descriptor];
+    ACL* acl = reinterpret_cast<ACL*>(list);
+    const DWORD aclSize = sizeof(ACL) + kAceHeaderSize + GetLengthSid(world);
+    DWORD size = sizeof descriptor;
+    if (InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION) &&
+        SetSecurityDescriptorOwner(&absolute, nullptr, FALSE) && SetSecurityDescriptorGroup(&absolute, world, FALSE) &&
+        InitializeAcl(acl, aclSize, ACL_REVISION) && AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, world) &&
+        SetSecurityDescriptorDacl(&absolute, TRUE, acl, FALSE) && MakeSelfRelativeSD(&absolute, descriptor, &size))
+        attributes.lpSecurityDescriptor = descriptor;
+    FreeSid(world);
 }
 
-bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
-    if (majorVersion > 5 || (majorVersion == 5 && minorVersion != 0)) return true;
+HANDLE CreateNamedEvent(const char* name, SECURITY_ATTRIBUTES* attributes) {
+    return name[0] != '\0' ? CreateEventA(attributes, TRUE, FALSE, name) : nullptr;
+}
+
+HANDLE CreateEventForEveryone(const char* name) {
+    EveryoneAccess everyone;
+    return everyone ? CreateNamedEvent(name, &everyone.attributes) : nullptr;
+}
+
+bool MachineIsTerminalServer(HANDLE heap) {
+    OSVERSIONINFOA version = {};
+    version.dwOSVersionInfoSize = sizeof version;
+    if (!GetVersionExA(&version)) version = {};
+    if (version.dwMajorVersion > 5 || (version.dwMajorVersion == 5 && version.dwMinorVersion != 0)) return true;
     const RegistryKey options = OpenKey(HKEY_LOCAL_MACHINE, kSuiteKey, KEY_QUERY_VALUE);
     if (!options) return false;
     DWORD size = 0;
@@ -112,11 +132,8 @@ bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap) {
 }
 
 bool MachineIsTerminalServer() {
-    OSVERSIONINFOA version = {};
-    version.dwOSVersionInfoSize = sizeof version;
-    HANDLE heap = HeapCreate(0, 0, 0);
-    const bool found =
-        heap && GetVersionExA(&version) && IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, heap);
+    const HANDLE heap = HeapCreate(0, 0, 0);
+    const bool found = heap && MachineIsTerminalServer(heap);
     if (heap) HeapDestroy(heap);
     return found;
 }

@@ -1,6 +1,6 @@
 #include "accounts.h"
 
-#include "lock.h"
+#include "product/lock.h"
 
 #include <new>
 #include <string.h>
@@ -27,7 +27,7 @@ bool HoldsNothing(const std::atomic<SIZE_T> (&held)[kShareCount]) {
 }
 
 // Nobody can charge an account without a client, so one that holds nothing stays that way.
-void DropIdleAccounts() NEEDS(g_accountsLock) {
+void DropIdleAccounts() REQUIRES(g_accountsLock) {
     for (Account** link = &g_accounts; *link;) {
         Account* account = *link;
         if (account->clients == 0 && HoldsNothing(account->held)) {

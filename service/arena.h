@@ -4,7 +4,7 @@
 #pragma once
 
 #include "accounts.h"
-#include "lock.h"
+#include "product/lock.h"
 
 class Arena {
 public:
@@ -25,7 +25,7 @@ private:
         Account* account;
         SIZE_T size;
     };
-    Chunk* NewChunk(Account& account, SIZE_T size, product::ServiceStatus* status) NEEDS(m_lock);
+    Chunk* NewChunk(Account& account, SIZE_T size, product::ServiceStatus* status) REQUIRES(m_lock);
 
     Lock m_lock;
     Chunk* m_chunks GUARDED_BY(m_lock) = nullptr;

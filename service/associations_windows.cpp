@@ -6,7 +6,7 @@
 // State: the processes of clients.
 #include "associations.h"
 
-#include "lock.h"
+#include "product/lock.h"
 
 #include <new>
 
@@ -50,7 +50,7 @@ DWORD ProcessOf(RPC_BINDING_HANDLE client) {
     return g_getProcess && g_getProcess(client, &process) == RPC_S_OK ? process : 0;
 }
 
-ClientProcess* FindProcess(DWORD id) NEEDS(g_lock) {
+ClientProcess* FindProcess(DWORD id) REQUIRES(g_lock) {
     ClientProcess* process = g_processes;
     while (process && process->id != id)
         process = process->next;
@@ -58,7 +58,7 @@ ClientProcess* FindProcess(DWORD id) NEEDS(g_lock) {
 }
 
 // Null when there is no memory for it. One that cannot be waited for is among those that cannot be told.
-ClientProcess* AddProcess(DWORD id) NEEDS(g_lock) {
+ClientProcess* AddProcess(DWORD id) REQUIRES(g_lock) {
     const HANDLE handle = id != 0 ? OpenProcess(SYNCHRONIZE, FALSE, id) : nullptr;
     if (!handle) {
         id = 0;
@@ -77,7 +77,7 @@ ClientProcess* AddProcess(DWORD id) NEEDS(g_lock) {
 }
 
 // Out of the list, to be run down.
-void Unlink(const ClientProcess* process) NEEDS(g_lock) {
+void Unlink(const ClientProcess* process) REQUIRES(g_lock) {
     ClientProcess** link = &g_processes;
     while (*link != process)
         link = &(*link)->next;
@@ -96,7 +96,7 @@ void RunDown(ClientProcess* process) {
 }
 
 // Takes one out of the list that nobody needs any more: it has ended, or was never monitored.
-bool TakeOut(const ClientProcess* process) NEEDS(g_lock) {
+bool TakeOut(const ClientProcess* process) REQUIRES(g_lock) {
     if (process->calls > 0 || (process->runDown && !process->ended)) return false;
     Unlink(process);
     return true;

@@ -56,7 +56,7 @@ Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
     return MakeGroup(caller, fault);
 }
 
-DatabaseUse::DatabaseUse(const Group& group, DWORD handle) UNCHECKED_LOCKS : m_database(FindHandle(group, handle)) {
+DatabaseUse::DatabaseUse(const Group& group, DWORD handle) NO_LOCK_ANALYSIS : m_database(FindHandle(group, handle)) {
     if (!m_database || m_database->state.load(std::memory_order_acquire) == DatabaseState::Ready) return;
     m_database->lock.Enter();
     // Another thread of the process may have closed the handle meanwhile, or made the database ready.
@@ -68,7 +68,7 @@ DatabaseUse::DatabaseUse(const Group& group, DWORD handle) UNCHECKED_LOCKS : m_d
     if (!isOurs || state == DatabaseState::GivenUp) m_database = nullptr;
 }
 
-DatabaseUse::~DatabaseUse() UNCHECKED_LOCKS {
+DatabaseUse::~DatabaseUse() NO_LOCK_ANALYSIS {
     if (m_locked) m_database->lock.Leave();
 }
 

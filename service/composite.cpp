@@ -66,13 +66,13 @@ bool Unchanged(const Parts& parts, const DWORD* sequences) {
 // Writers of all parts stand still while it lives. Locks are taken in their order, so that two of these cannot meet.
 class PartsHold {
 public:
-    explicit PartsHold(const Parts& parts) UNCHECKED_LOCKS {
+    explicit PartsHold(const Parts& parts) NO_LOCK_ANALYSIS {
         for (DWORD i = 0; i < parts.count; ++i)
             m_locks |= 1ULL << WriterLockOf(*parts.variables[i]);
         for (DWORD lock = 0; lock < kWriterLocks; ++lock)
             if (m_locks >> lock & 1) g_writerLocks[lock].Enter();
     }
-    ~PartsHold() UNCHECKED_LOCKS {
+    ~PartsHold() NO_LOCK_ANALYSIS {
         for (DWORD lock = 0; lock < kWriterLocks; ++lock)
             if (m_locks >> lock & 1) g_writerLocks[lock].Leave();
     }

@@ -3,10 +3,10 @@
 #include "administrators.h"
 #include "bounds.h"
 #include "clock.h"
-#include "kernel_objects.h"
 #include "printers.h"
 #include "signals.h"
 
+#include "product/object_names.h"
 #include "product/printer_list.h"
 
 #include <new>
@@ -26,6 +26,14 @@ std::atomic<Database*>& BucketOf(std::string_view name) {
     return g_table[HashOf(name) % kTableBuckets];
 }
 
+// "<database>:Initialized", not set. Null when it cannot be had; those who wait then ask again and again instead.
+HANDLE CreateInitialisedEvent(std::string_view database) {
+    HANDLE event = CreateEventForEveryone(InitializedEventName(database).text);
+    // Somebody who waited for a database of that name before may still hold the event, set.
+    if (event) ResetEvent(event);
+    return event;
+}
+
 void BeginInitialisation(Database& database, DWORD handle) {
     LockHold hold{database.lock};
     database.created = WriteTimeNow();
@@ -34,7 +42,7 @@ void BeginInitialisation(Database& database, DWORD handle) {
     database.state.store(DatabaseState::Initialising, std::memory_order_release);
 }
 
-void ReleaseContents(Database& database) NEEDS(database.lock) {
+void ReleaseContents(Database& database) REQUIRES(database.lock) {
     for (std::atomic<Variable*>& bucket : database.buckets)
         bucket.store(nullptr, std::memory_order_relaxed);
     database.variableCount.store(0, std::memory_order_relaxed);
@@ -42,7 +50,7 @@ void ReleaseContents(Database& database) NEEDS(database.lock) {
 }
 
 // Lets go those who wait for the database: they ask again.
-void EndWaiting(Database& database) NEEDS(database.lock) {
+void EndWaiting(Database& database) REQUIRES(database.lock) {
     if (!database.initialisedEvent) return;
     SetEvent(database.initialisedEvent);
     CloseHandle(database.initialisedEvent);
@@ -50,7 +58,7 @@ void EndWaiting(Database& database) NEEDS(database.lock) {
 }
 
 // A given-up database goes over to who creates it now.
-ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) NEEDS(g_tableLock) {
+ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) REQUIRES(g_tableLock) {
     if (database.account != &account) {
         if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
         GiveBack(*database.account, kShareDatabases, 1);
@@ -70,7 +78,7 @@ struct NewVariable {
 };
 
 ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
-                          DWORD size) NEEDS(database.lock) {
+                          DWORD size) REQUIRES(database.lock) {
     if (wanted.name.empty() || wanted.name.size() > kVariableNameMax) return kBadName;
     if (database.variableCount.load(std::memory_order_relaxed) == kVariablesPerDatabase) return kLimitReached;
     ServiceStatus status = kDone;

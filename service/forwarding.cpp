@@ -57,14 +57,14 @@ void StoreInMailbox(Database& database, Variable& mailbox, const ForwardedReques
     WriteValue(mailbox, database.arena, *database.account, bytes, sizeof bytes, &changed);
 }
 
-DWORD NextId(Forwarding& forwarding) NEEDS(forwarding.lock) {
+DWORD NextId(Forwarding& forwarding) REQUIRES(forwarding.lock) {
     if (++forwarding.lastId == 0) ++forwarding.lastId;
     return forwarding.lastId;
 }
 
 // Puts the first call's request into the mailbox, or none. That the mailbox was emptied tells a printer side that comes
 // later what it need not do, and the one that is there nothing: it is not signalled.
-void PostFirst(Database& database) NEEDS(database.forwarding.lock) {
+void PostFirst(Database& database) REQUIRES(database.forwarding.lock) {
     Variable* mailbox = FindVariable(database, kForwardMailbox);
     if (!mailbox) return;
     ForwardedCall* call = database.forwarding.first;
@@ -77,7 +77,7 @@ void PostFirst(Database& database) NEEDS(database.forwarding.lock) {
     SignalWritten(database, Written{mailbox, true});
 }
 
-void TakeOut(Forwarding& forwarding, ForwardedCall& call) NEEDS(forwarding.lock) {
+void TakeOut(Forwarding& forwarding, ForwardedCall& call) REQUIRES(forwarding.lock) {
     ForwardedCall* before = nullptr;
     if (forwarding.first != &call)
         for (before = forwarding.first; before->next != &call;)
@@ -87,13 +87,13 @@ void TakeOut(Forwarding& forwarding, ForwardedCall& call) NEEDS(forwarding.lock)
     call.waiting = false;
 }
 
-void Finish(Forwarding& forwarding, ForwardedCall& call, LONG result) NEEDS(forwarding.lock) {
+void Finish(Forwarding& forwarding, ForwardedCall& call, LONG result) REQUIRES(forwarding.lock) {
     TakeOut(forwarding, call);
     call.result = result;
     SetEvent(call.answered); // its thread goes on when it gets the lock
 }
 
-void FailAll(Database& database) NEEDS(database.forwarding.lock) {
+void FailAll(Database& database) REQUIRES(database.forwarding.lock) {
     if (!database.forwarding.first) return;
     while (database.forwarding.first)
         Finish(database.forwarding, *database.forwarding.first, kNoPrinterSide);
@@ -148,7 +148,7 @@ void AnswerOpenRequest(Database& database) {
 }
 
 // A printer side that is started again, or stood by, carries the request out. How long one is waited for.
-void AwaitSuccessor(Database& database) NEEDS(database.forwarding.lock) {
+void AwaitSuccessor(Database& database) REQUIRES(database.forwarding.lock) {
     Forwarding& forwarding = database.forwarding;
     if (forwarding.awaitsSuccessor) return;
     forwarding.awaitsSuccessor = true;

@@ -6,7 +6,7 @@
 // call of the service but for "RWResult". State: with each database.
 #pragma once
 
-#include "lock.h"
+#include "product/lock.h"
 
 #include "product/interface.h"
 

@@ -26,7 +26,7 @@ Slot& SlotOf(DWORD handle) {
     return g_slots[handle % kHandleSlots];
 }
 
-void Free(Group& group, Slot& slot) NEEDS(g_handlesLock) {
+void Free(Group& group, Slot& slot) REQUIRES(g_handlesLock) {
     DWORD& toThis =
         slot.previousOfGroup == kNoHandleSlot ? group.firstHandleSlot : g_slots[slot.previousOfGroup].nextOfGroup;
     toThis = slot.nextOfGroup;

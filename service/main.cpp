@@ -3,7 +3,6 @@
 // event and how it ended, here.
 #include "associations.h"
 #include "clients.h"
-#include "kernel_objects.h"
 #include "procedures.h"
 #include "signals.h"
 
@@ -68,7 +67,6 @@ DWORD ServeClients() {
 }
 
 DWORD Run() {
-    InitialiseObjectNames();
     InitialiseHandles();
     if (!StartForwarding() || !StartSignals()) return GetLastError();
     const DWORD result = ServeClients();

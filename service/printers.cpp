@@ -25,7 +25,7 @@ Lock g_printersLock; // before a variable's
 ListCopy g_list GUARDED_BY(g_printersLock);
 
 // The list as it is now. False: no memory.
-bool RefreshFrom(const Variable& variable) NEEDS(g_printersLock) {
+bool RefreshFrom(const Variable& variable) REQUIRES(g_printersLock) {
     for (;;) {
         // A count taken before the value is never ahead of it: what is read may be newer, and is then read once more.
         const DWORD sequence = SequenceBegin(variable);
@@ -45,14 +45,14 @@ bool RefreshFrom(const Variable& variable) NEEDS(g_printersLock) {
     }
 }
 
-bool RefreshList() NEEDS(g_printersLock) {
+bool RefreshList() REQUIRES(g_printersLock) {
     const Database* master = FindDatabase(kMasterDatabase);
     if (!master || master->state.load(std::memory_order_acquire) != DatabaseState::Ready) return false;
     const Variable* variable = FindVariable(*master, kPrinterListVariable);
     return variable && variable->type != kTypeComposite && RefreshFrom(*variable);
 }
 
-std::string_view PrinterOfDatabase(std::string_view database) NEEDS(g_printersLock) {
+std::string_view PrinterOfDatabase(std::string_view database) REQUIRES(g_printersLock) {
     if (!RefreshList()) return {};
     return FindListedDatabase(g_list.bytes.data(), g_list.bytes.size(), database).name;
 }

@@ -3,7 +3,8 @@
 #include "bounds.h"
 #include "clock.h"
 #include "composite.h"
-#include "kernel_objects.h"
+
+#include "product/object_names.h"
 
 #include <algorithm>
 #include <new>
@@ -19,6 +20,8 @@ struct Closing {
     Signal* signal;
 };
 
+bool g_terminalServer = false; // names of events carry the prefix; read once, at the start
+
 Lock g_queueLock;                                        // after a variable's
 std::vector<Closing> g_closings GUARDED_BY(g_queueLock); // a heap, the earliest first; each signal at most once
 Signal* g_firstOwed GUARDED_BY(g_queueLock) = nullptr;
@@ -29,7 +32,7 @@ HANDLE g_queueChanged = nullptr; // automatic: there is something owed, or an ea
 HANDLE g_stop = nullptr;
 HANDLE g_thread = nullptr;
 
-Signal& SignalOf(VariableSignals& signals, WatchMode mode) NEEDS(signals.lock) {
+Signal& SignalOf(VariableSignals& signals, WatchMode mode) REQUIRES(signals.lock) {
     return mode == kEveryWrite ? signals.everyWrite : signals.onlyChanges;
 }
 
@@ -134,7 +137,7 @@ void ServeOwed(Signal& signal) {
 }
 
 // Gives a burst that is over its turn among those of its database.
-void Place(Signal& signal, DWORD now) NEEDS(signal.owner->lock) {
+void Place(Signal& signal, DWORD now) REQUIRES(signal.owner->lock) {
     DWORD& next = signal.owner->database->nextClosing;
     // One that lies far ahead is left from before the tick count wrapped round.
     const bool waits = !TickReached(now, next) && next - now <= kClosingSpacingMs * 2 * kVariablesPerDatabase;
@@ -225,7 +228,8 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
     Signal& signal = SignalOf(signals, mode);
     if (signal.watches == 0) {
         const VariableSignal kind = mode == kEveryWrite ? VariableSignal::Updated : VariableSignal::Changed;
-        signal.event = CreateVariableEvent(signals.database->name, signals.variable->name->Text(), kind);
+        signal.event = CreateEventForEveryone(
+            VariableEventName(g_terminalServer, signals.database->name, signals.variable->name->Text(), kind).text);
         if (!signal.event) return kEventUnavailable;
     }
     ++signal.watches;
@@ -268,6 +272,7 @@ void SignalWritten(Database& database, std::span<const Written> variables) {
 }
 
 bool StartSignals() {
+    g_terminalServer = MachineIsTerminalServer();
     g_queueChanged = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!g_queueChanged || !g_stop) return false;

@@ -23,20 +23,20 @@ namespace {
 
 Lock g_watchesLock; // before a variable's lock
 
-Watch* FindWatch(const Group& group, const VariableSignals& signals) NEEDS(g_watchesLock) {
+Watch* FindWatch(const Group& group, const VariableSignals& signals) REQUIRES(g_watchesLock) {
     Watch* watch = signals.watches;
     while (watch && watch->group != &group)
         watch = watch->nextOfVariable;
     return watch;
 }
 
-void EndOne(Watch& watch, WatchMode mode) NEEDS(g_watchesLock) {
+void EndOne(Watch& watch, WatchMode mode) REQUIRES(g_watchesLock) {
     --watch.Count(mode);
     RemoveWatchFrom(*watch.signals, mode);
     GiveBack(*watch.group->account, kShareWatches, 1);
 }
 
-void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) NEEDS(g_watchesLock) {
+void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) REQUIRES(g_watchesLock) {
     Watch** link = &list;
     while (*link != &watch)
         link = &((*link)->*next);
@@ -44,12 +44,12 @@ void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) NEEDS(g_watch
 }
 
 // One that its group does not list any more.
-void Delete(Watch* watch) NEEDS(g_watchesLock) {
+void Delete(Watch* watch) REQUIRES(g_watchesLock) {
     Unlink(watch->signals->watches, &Watch::nextOfVariable, *watch);
     delete watch;
 }
 
-void DeleteIfUnused(Watch* watch) NEEDS(g_watchesLock) {
+void DeleteIfUnused(Watch* watch) REQUIRES(g_watchesLock) {
     if (watch->everyWrite != 0 || watch->onlyChanges != 0) return;
     Unlink(watch->group->watches, &Watch::nextOfGroup, *watch);
     Delete(watch);

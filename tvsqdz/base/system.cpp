@@ -2,7 +2,6 @@
 #include "base/system.h"
 
 #include "base/memory.h"
-#include "product/object_names.h"
 #include "product/registry_names.h"
 
 #include <stdio.h>
@@ -26,10 +25,7 @@ uint32_t PlatformBit() {
     return version.dwMinorVersion == 51 ? OsNt351 : OsNtLater;
 }
 
-bool RunsTerminalServices() {
-    const OSVERSIONINFOA version = SystemVersion();
-    return product::IsTerminalServer(version.dwMajorVersion, version.dwMinorVersion, g_heap);
-}
+// Determined at each open and restart, so that a change of the emulated version takes effect at once. No state.
 
 namespace {
 

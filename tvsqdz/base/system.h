@@ -19,9 +19,6 @@ OSVERSIONINFOA SystemVersion();
 // One of the bits above; 0 for a Windows before NT 3.50 and any other platform.
 uint32_t PlatformBit();
 
-// Whether the system runs Terminal Services.
-bool RunsTerminalServices();
-
 // Whether the calling process runs one of the product's executables.
 
 bool IsOwnProcess();

@@ -11,6 +11,7 @@
 #include "machine/process_state.h"
 #include "manager/variables.h"
 #include "product/client.h"
+#include "product/object_names.h"
 #include "product/program_names.h"
 
 namespace {
@@ -54,7 +55,7 @@ bool AttachProcess(HINSTANCE module) {
     g_heap = HeapCreate(0, kInitialHeapSize, 0);
     if (g_heap == nullptr) return false;
     // First, because it decides the name of the shared block.
-    g_terminalServer = RunsTerminalServices();
+    g_terminalServer = product::MachineIsTerminalServer(g_heap);
     if (!OpenSharedCounters()) {
         DestroyHeap();
         return false;

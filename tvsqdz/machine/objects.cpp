@@ -5,6 +5,8 @@
 #include "base/memory.h"
 #include "machine/process_state.h"
 
+#include <new>
+#include <stddef.h>
 #include <stdio.h>
 
 product::KernelName ObjectName(const char* baseName) {
@@ -24,59 +26,15 @@ HANDLE CreateOrOpenMutex(const product::KernelName& name) {
 }
 
 HANDLE CreateNamedEvent(const product::KernelName& name) {
-    if (name.text[0] == '\0') return nullptr;
-    return CreateEventA(ObjectSecurity(), TRUE, FALSE, name.text);
+    return product::CreateNamedEvent(name.text, ObjectSecurity());
 }
 
 namespace {
 
 std::atomic<SECURITY_ATTRIBUTES*> g_objectSecurity;
-
-// An entry is its header and mask, 8 bytes, and its SID.
-constexpr DWORD kAceHeaderSize = 8;
+static_assert(offsetof(product::EveryoneAccess, attributes) == 0);
 
 } // namespace
-
-bool BuildSecurityDescriptor(const AccessEntry* entries, DWORD count, PSID group, PSECURITY_DESCRIPTOR* descriptor) {
-    *descriptor = nullptr;
-    SECURITY_DESCRIPTOR absolute;
-    if (!InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION) ||
-        !SetSecurityDescriptorOwner(&absolute, nullptr, FALSE) || !SetSecurityDescriptorGroup(&absolute, group, FALSE))
-        return false;
-
-    DWORD aclSize = sizeof(ACL);
-    for (DWORD i = 0; i < count; ++i)
-        aclSize += GetLengthSid(entries[i].sid) + kAceHeaderSize;
-    const HeapBlock aclBlock(aclSize);
-    if (aclBlock.memory == nullptr) return false;
-    ACL* acl = reinterpret_cast<ACL*>(aclBlock.memory);
-    if (!InitializeAcl(acl, aclSize, ACL_REVISION)) return false;
-    for (DWORD i = 0; i < count; ++i) {
-        if (!AddAccessAllowedAce(acl, ACL_REVISION, entries[i].mask, entries[i].sid)) return false;
-        if (entries[i].aceFlags == 0) continue;
-        void* ace = nullptr;
-        if (!GetAce(acl, i, &ace)) return false;
-        static_cast<ACE_HEADER*>(ace)->AceFlags = entries[i].aceFlags;
-    }
-    if (!SetSecurityDescriptorDacl(&absolute, TRUE, acl, FALSE)) return false;
-
-    DWORD size = GetSecurityDescriptorLength(&absolute);
-    HeapBlock selfRelative(size);
-    if (selfRelative.memory == nullptr || !MakeSelfRelativeSD(&absolute, selfRelative.memory, &size)) return false;
-    *descriptor = selfRelative.Take();
-    return true;
-}
-
-PSECURITY_DESCRIPTOR BuildObjectSecurity() {
-    SID_IDENTIFIER_AUTHORITY worldAuthority = SECURITY_WORLD_SID_AUTHORITY;
-    PSID world = nullptr;
-    if (!AllocateAndInitializeSid(&worldAuthority, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &world)) return nullptr;
-    const AccessEntry everyone = {.sid = world, .mask = GENERIC_ALL, .aceFlags = 0};
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    BuildSecurityDescriptor(&everyone, 1, world, &descriptor);
-    FreeSid(world);
-    return descriptor;
-}
 
 SECURITY_ATTRIBUTES* ObjectSecurity() {
     return g_objectSecurity;
@@ -84,23 +42,17 @@ SECURITY_ATTRIBUTES* ObjectSecurity() {
 
 bool EnsureObjectSecurity() {
     if (g_objectSecurity != nullptr) return true;
-    HeapBlock block(sizeof(SECURITY_ATTRIBUTES));
+    HeapBlock block(sizeof(product::EveryoneAccess));
     if (block.memory == nullptr) return false;
-    SECURITY_ATTRIBUTES* attributes = reinterpret_cast<SECURITY_ATTRIBUTES*>(block.memory);
-    attributes->nLength = sizeof *attributes;
-    attributes->lpSecurityDescriptor = BuildObjectSecurity();
-    attributes->bInheritHandle = FALSE;
+    auto* everyone = new (block.memory) product::EveryoneAccess;
     // An object without the descriptor would lock out other users: no manager is better than one that only its user can
     // share.
-    if (attributes->lpSecurityDescriptor == nullptr) return false;
+    if (!*everyone) return false;
     block.Take();
-    g_objectSecurity = attributes;
+    g_objectSecurity = &everyone->attributes;
     return true;
 }
 
 void FreeObjectSecurity() {
-    SECURITY_ATTRIBUTES* attributes = g_objectSecurity.exchange(nullptr);
-    if (attributes == nullptr) return;
-    FreeBlock(attributes->lpSecurityDescriptor);
-    FreeBlock(attributes);
+    FreeBlock(g_objectSecurity.exchange(nullptr)); // the first field of its EveryoneAccess
 }

@@ -27,20 +27,6 @@ HANDLE CreateNamedEvent(const product::KernelName& name);
 // Every object that the library creates grants full access to everyone, so that the processes of all users share the
 // same objects.
 
-// One allowing entry of an access control list.
-struct AccessEntry {
-    PSID sid;
-    ACCESS_MASK mask;
-    BYTE aceFlags;
-};
-
-// Builds a self-relative descriptor in a heap block: no owner, the given group, no system ACL, a discretionary ACL with
-// the entries in their order. False when out of memory or a part is invalid; *descriptor is then null.
-bool BuildSecurityDescriptor(const AccessEntry* entries, DWORD count, PSID group, PSECURITY_DESCRIPTOR* descriptor);
-
-// The descriptor of the library's objects; null when it cannot be built.
-PSECURITY_DESCRIPTOR BuildObjectSecurity();
-
 // The attributes for creating objects: null on Windows 95/98/Me and until the first open of the process. They do not
 // change after that until the detach, so they are read without the lock.
 SECURITY_ATTRIBUTES* ObjectSecurity();

@@ -37,15 +37,10 @@ HANDLE CreateCountersMapping(SECURITY_ATTRIBUTES* security) {
 } // namespace
 
 bool OpenSharedCounters() {
-    SECURITY_ATTRIBUTES attributes = {
-        .nLength = sizeof attributes, .lpSecurityDescriptor = nullptr, .bInheritHandle = FALSE};
     const bool secured = (PlatformBit() & OsNtAny) != 0;
-    if (secured) {
-        attributes.lpSecurityDescriptor = BuildObjectSecurity();
-        if (attributes.lpSecurityDescriptor == nullptr) return false;
-    }
-    g_countersMapping = CreateCountersMapping(secured ? &attributes : nullptr);
-    FreeBlock(attributes.lpSecurityDescriptor);
+    product::EveryoneAccess everyone;
+    if (secured && !everyone) return false;
+    g_countersMapping = CreateCountersMapping(secured ? &everyone.attributes : nullptr);
     if (g_countersMapping == nullptr) return false;
     g_sharedCounters =
         static_cast<SharedCounters*>(MapViewOfFile(g_countersMapping, FILE_MAP_WRITE, 0, 0, sizeof(SharedCounters)));

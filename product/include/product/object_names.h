@@ -1,4 +1,5 @@
-// Names of the kernel objects that the library, the status database service and the product's other processes share.
+// Names and security of the kernel objects that the library, the status database service and the product's other
+// processes share. No state.
 //
 // Manual-reset events, with a name from ObjectName where they are not called plain:
 //   "<database>:Initialized"              plain: set when the database is ready, or given up
@@ -39,36 +40,39 @@ inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
 // Plain, never by ObjectName. The product's start-up process holds it while it runs.
 inline constexpr char kStartUpMutexName[] = "TVORPWDMutex";
 
-// A printer's name may be longer than an object's, and have backslashes: 16 digits of its 64-bit FNV-1a hash stand for
-// it. Two that collide are told of each other's opens, which is no more than an open in vain.
+// A printer's name may be longer than an object's, and have backslashes: the name has 16
+// digits of its 64-bit FNV-1a hash. Two printers whose hashes collide see each other's opens, which costs an open in
+// vain.
 KernelName OpenedEventName(bool terminalServer, std::string_view printer);
 
 enum class VariableSignal { Updated, Changed };
 KernelName VariableEventName(bool terminalServer, std::string_view database, std::string_view variable,
                              VariableSignal signal);
 
-// Lets everyone use an object that is made with its attributes, which point into it. False: the system refused it.
+// The security of every object that all users of the machine share: its attributes point to a self-relative descriptor
+// in the record (so it cannot be copied) with no owner, the group Everyone, no system list, and a list of one entry
+// that grants Everyone GENERIC_ALL. False when the system refused to build it; the attributes then have no descriptor.
 struct EveryoneAccess {
     EveryoneAccess();
     EveryoneAccess(const EveryoneAccess&) = delete;
     EveryoneAccess& operator=(const EveryoneAccess&) = delete;
-    explicit operator bool() const { return m_valid; }
+    explicit operator bool() const { return attributes.lpSecurityDescriptor != nullptr; }
 
     SECURITY_ATTRIBUTES attributes;
-
-private:
-    SECURITY_DESCRIPTOR m_descriptor;
-    bool m_valid;
+    alignas(void*) BYTE descriptor[64]; // 60 bytes are used
 };
 
-// A manual-reset event that everyone may use, not set unless it existed. Null when it cannot be had, or without a name.
+// A manual-reset event with those attributes, not set unless it existed; the caller closes it. Null when it cannot be
+// had, or without a name.
+HANDLE CreateNamedEvent(const char* name, SECURITY_ATTRIBUTES* attributes);
+// The same with the attributes of EveryoneAccess.
 HANDLE CreateEventForEveryone(const char* name);
 
-// Whether a Windows of that version runs the product suite "Terminal Server": always from 5.1 on; before it, when the
-// multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it exactly.
-// What cannot be read is no. The list is held in memory of the heap given while it is searched.
-bool IsTerminalServer(DWORD majorVersion, DWORD minorVersion, HANDLE heap);
-// The same of this machine; for programs without a heap of their own.
+// Whether this machine runs the product suite "Terminal Server": every Windows from 5.1 on does; an earlier one does
+// when the multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it
+// exactly. What cannot be read counts as no. The list is held in memory of the heap given while it is searched; a
+// program without a heap of its own gets one for the time of the call.
+bool MachineIsTerminalServer(HANDLE heap);
 bool MachineIsTerminalServer();
 
 } // namespace product
