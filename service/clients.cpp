@@ -2,7 +2,126 @@
 
 #include "watches.h"
 
+#include <sddl.h>
+
+#include <exception>
+#include <memory>
 #include <new>
+#include <random>
+#include <string.h>
+
+// ---- handles
+
+namespace {
+
+Lock g_handlesLock;
+
+// A slot is free while its handle is 0. What a reader finds beside the handle is valid when the handle is still the
+// same afterwards.
+struct Slot {
+    std::atomic<DWORD> handle = 0;
+    DWORD previousOfGroup GUARDED_BY(g_handlesLock) = 0;
+    DWORD nextOfGroup GUARDED_BY(g_handlesLock) = 0;
+    std::atomic<Group*> group = nullptr;
+    std::atomic<Database*> database = nullptr;
+};
+
+constinit Slot g_slots[kHandleSlots]; // all zero: pages without handles take no memory
+DWORD g_nextHandle GUARDED_BY(g_handlesLock) = 1;
+
+Slot& SlotOf(DWORD handle) {
+    return g_slots[handle % kHandleSlots];
+}
+
+void Free(Group& group, Slot& slot) REQUIRES(g_handlesLock) {
+    DWORD& toThis =
+        slot.previousOfGroup == kNoHandleSlot ? group.firstHandleSlot : g_slots[slot.previousOfGroup].nextOfGroup;
+    toThis = slot.nextOfGroup;
+    if (slot.nextOfGroup != kNoHandleSlot) g_slots[slot.nextOfGroup].previousOfGroup = slot.previousOfGroup;
+    slot.handle.store(0, std::memory_order_release);
+    GiveBack(*group.account, kShareHandles, 1);
+}
+
+} // namespace
+
+void InitialiseHandles() {
+    LockHold hold{g_handlesLock};
+    try {
+        g_nextHandle = std::random_device{}();
+    } catch (const std::exception&) {
+        g_nextHandle = GetTickCount() * 2654435761U; // enough against a mix-up; handles are no secrets
+    }
+}
+
+DWORD ReserveHandle(Group& group) {
+    if (!Charge(*group.account, kShareHandles, 1)) return 0;
+    LockHold hold{g_handlesLock};
+    // At most half of the slots are in use: kBounds.
+    while (g_nextHandle == 0 || SlotOf(g_nextHandle).handle.load(std::memory_order_relaxed) != 0)
+        ++g_nextHandle;
+    const DWORD handle = g_nextHandle++;
+    Slot& slot = SlotOf(handle);
+    slot.group.store(&group, std::memory_order_release);
+    slot.database.store(nullptr, std::memory_order_release);
+    slot.previousOfGroup = kNoHandleSlot;
+    slot.nextOfGroup = group.firstHandleSlot;
+    if (slot.nextOfGroup != kNoHandleSlot) g_slots[slot.nextOfGroup].previousOfGroup = handle % kHandleSlots;
+    group.firstHandleSlot = handle % kHandleSlots;
+    slot.handle.store(handle, std::memory_order_release);
+    return handle;
+}
+
+void SetHandle(DWORD handle, Database& database) {
+    database.openHandles.fetch_add(1);
+    SlotOf(handle).database.store(&database, std::memory_order_release);
+}
+
+void CancelHandle(Group& group, DWORD handle) {
+    LockHold hold{g_handlesLock};
+    Free(group, SlotOf(handle));
+}
+
+Database* FindHandle(const Group& group, DWORD handle) {
+    const Slot& slot = SlotOf(handle);
+    if (handle == 0 || slot.handle.load(std::memory_order_acquire) != handle) return nullptr;
+    const Group* owner = slot.group.load(std::memory_order_acquire);
+    Database* database = slot.database.load(std::memory_order_acquire);
+    return owner == &group && slot.handle.load(std::memory_order_relaxed) == handle ? database : nullptr;
+}
+
+DWORD HandlesOf(const Group& group, const Database& database) {
+    LockHold hold{g_handlesLock};
+    DWORD count = 0;
+    for (DWORD slot = group.firstHandleSlot; slot != kNoHandleSlot; slot = g_slots[slot].nextOfGroup)
+        count += g_slots[slot].database.load(std::memory_order_relaxed) == &database;
+    return count;
+}
+
+bool CloseHandleOf(Group& group, DWORD handle) {
+    Database* database = nullptr;
+    {
+        LockHold hold{g_handlesLock};
+        database = FindHandle(group, handle);
+        if (!database) return false;
+        Free(group, SlotOf(handle));
+    }
+    HandleIsGone(*database, handle);
+    return true;
+}
+
+void CloseAllHandles(Group& group) {
+    for (;;) {
+        DWORD handle = 0;
+        {
+            LockHold hold{g_handlesLock};
+            if (group.firstHandleSlot == kNoHandleSlot) return;
+            handle = g_slots[group.firstHandleSlot].handle.load(std::memory_order_relaxed);
+        }
+        CloseHandleOf(group, handle);
+    }
+}
+
+// ---- groups
 
 namespace {
 
@@ -74,4 +193,110 @@ DatabaseUse::~DatabaseUse() NO_LOCK_ANALYSIS {
 
 bool NoClientsAreLeft() {
     return g_groups.load() == 0;
+}
+
+// ---- administrators
+
+namespace {
+
+constexpr char kGroupValue[] = "AdministratorsGroup";
+// The groups of this system are a domain of their own, since a user may have the same name.
+constexpr char kGroupDomain[] = "Unix Group\\";
+constexpr const char* kDefaultGroups[] = {"Unix Group\\lpadmin", "Unix Group\\root"};
+constexpr DWORD kGroupNameMax = 256;
+
+// Records of the token with their SIDs behind them; null when they cannot be had.
+using TokenBlock = std::unique_ptr<ULONGLONG[]>;
+
+TokenBlock ReadToken(HANDLE token, TOKEN_INFORMATION_CLASS what) {
+    DWORD size = 0;
+    GetTokenInformation(token, what, nullptr, 0, &size);
+    TokenBlock block{new (std::nothrow) ULONGLONG[size / sizeof(ULONGLONG) + 1]};
+    if (block && !GetTokenInformation(token, what, block.get(), size, &size)) block.reset();
+    return block;
+}
+
+struct Token {
+    HANDLE handle = nullptr;
+
+    Token() = default;
+    ~Token() {
+        if (handle) CloseHandle(handle);
+    }
+    Token(const Token&) = delete;
+    Token& operator=(const Token&) = delete;
+};
+
+bool OpenClientsToken(const Caller& caller, Token& token) {
+    if (RpcImpersonateClient(caller.association.Binding()) != RPC_S_OK) return false;
+    const BOOL opened = OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token.handle);
+    RpcRevertToSelf();
+    return opened;
+}
+
+bool IsServiceUser(HANDLE token) {
+    Token own;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &own.handle)) return false;
+    const TokenBlock client = ReadToken(token, TokenUser);
+    const TokenBlock service = ReadToken(own.handle, TokenUser);
+    return client && service &&
+           EqualSid(reinterpret_cast<TOKEN_USER*>(client.get())->User.Sid,
+                    reinterpret_cast<TOKEN_USER*>(service.get())->User.Sid);
+}
+
+struct SidRoom {
+    alignas(DWORD) BYTE bytes[68]; // the longest has 15 sub-authorities
+};
+
+bool FindGroup(const char* name, SidRoom& sid) {
+    char domain[kGroupNameMax];
+    DWORD size = sizeof sid.bytes;
+    DWORD domainSize = sizeof domain;
+    SID_NAME_USE use = SidTypeUser;
+    return LookupAccountNameA(nullptr, name, sid.bytes, &size, domain, &domainSize, &use) && use != SidTypeUser;
+}
+
+bool FindAdministratorsGroup(SidRoom& sid) {
+    char name[sizeof kGroupDomain + kGroupNameMax] = {};
+    if (ReadSetting(kGroupValue, REG_SZ, name + sizeof kGroupDomain - 1, kGroupNameMax)) {
+        memcpy(name, kGroupDomain, sizeof kGroupDomain - 1);
+        return FindGroup(name, sid) || FindGroup(name + sizeof kGroupDomain - 1, sid);
+    }
+    for (const char* group : kDefaultGroups)
+        if (FindGroup(group, sid)) return true;
+    return false;
+}
+
+bool BelongsTo(const TOKEN_GROUPS& groups, PSID sid) {
+    for (DWORD i = 0; i < groups.GroupCount; ++i)
+        if ((groups.Groups[i].Attributes & SE_GROUP_ENABLED) != 0 && EqualSid(groups.Groups[i].Sid, sid)) return true;
+    return false;
+}
+
+bool BelongsToSystemAdministrators(const TOKEN_GROUPS& groups) {
+    PSID sid = nullptr;
+    if (!ConvertStringSidToSidA("BA", &sid)) return false;
+    const bool belongs = BelongsTo(groups, sid);
+    LocalFree(sid);
+    return belongs;
+}
+
+bool IsAdministratorsToken(HANDLE token) {
+    const TokenBlock block = ReadToken(token, TokenGroups);
+    if (!block) return false;
+    const auto& groups = *reinterpret_cast<const TOKEN_GROUPS*>(block.get());
+    SidRoom sid;
+    return BelongsToSystemAdministrators(groups) || (FindAdministratorsGroup(sid) && BelongsTo(groups, sid.bytes));
+}
+
+} // namespace
+
+bool IsAdministrator(const Caller& caller) {
+    std::atomic<ServiceUser>& known = caller.group.serviceUser;
+    if (known.load() == ServiceUser::Yes) return true;
+    Token token;
+    if (!OpenClientsToken(caller, token)) return false;
+    if (known.load() == ServiceUser::Unknown)
+        known.store(IsServiceUser(token.handle) ? ServiceUser::Yes : ServiceUser::No);
+    return known.load() == ServiceUser::Yes || IsAdministratorsToken(token.handle);
 }

@@ -1,6 +1,6 @@
 #include "composite.h"
 
-#include "bounds.h"
+#include "settings.h"
 #include "signals.h"
 #include "writing.h"
 

@@ -1,9 +1,8 @@
 #include "database.h"
 
-#include "administrators.h"
-#include "bounds.h"
-#include "clock.h"
+#include "clients.h"
 #include "printers.h"
+#include "settings.h"
 #include "signals.h"
 
 #include "product/object_names.h"

@@ -2,7 +2,6 @@
 // the service ends, and the thread that answers for a printer side that has no successor.
 #include "forwarding.h"
 
-#include "clock.h"
 #include "printers.h"
 #include "settings.h"
 #include "signals.h"

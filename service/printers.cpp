@@ -1,19 +1,93 @@
 #include "printers.h"
 
-#include "administrators.h"
-#include "kept_lists.h"
 #include "signals.h"
 
 #include "product/printer_list.h"
 
 #include <algorithm>
 #include <new>
+#include <optional>
 #include <stdio.h>
 #include <string.h>
 
 using namespace product;
 
 namespace {
+
+// ---- access control lists that outlive the service and the machine: values of a key of the product's, one for each
+// printer, the list as the variable has it
+
+struct ListsKey {
+    HKEY key = nullptr;
+    LSTATUS status;
+
+    explicit ListsKey(REGSAM access) {
+        const std::string path = std::string(kSettingsKey) + "\\Access Control Lists";
+        status = access == KEY_WRITE ? RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr,
+                                                       REG_OPTION_NON_VOLATILE, access, nullptr, &key, nullptr)
+                                     : RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &key);
+    }
+    ~ListsKey() {
+        if (key) RegCloseKey(key);
+    }
+    ListsKey(const ListsKey&) = delete;
+    ListsKey& operator=(const ListsKey&) = delete;
+};
+
+// Two printers may differ in case, names of values may not; a printer's may have any byte but NUL. So what is neither a
+// lower-case letter nor a digit nor a blank is written as %XX.
+std::string ValueName(std::string_view printer) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string name;
+    for (const char c : printer) {
+        const auto byte = static_cast<BYTE>(c);
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == ' ' || c == '-' || c == '_';
+        if (plain)
+            name += c;
+        else
+            name.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
+    }
+    return name;
+}
+
+LSTATUS KeepAccessList(std::string_view printer, const BYTE* list, DWORD size) {
+    try {
+        const ListsKey lists(KEY_WRITE);
+        if (lists.status != ERROR_SUCCESS) return lists.status;
+        return RegSetValueExA(lists.key, ValueName(printer).c_str(), 0, REG_BINARY, list, size);
+    } catch (const std::bad_alloc&) {
+        return ERROR_OUTOFMEMORY;
+    }
+}
+
+void ForgetAccessList(std::string_view printer) {
+    try {
+        const ListsKey lists(KEY_WRITE);
+        if (lists.status == ERROR_SUCCESS) RegDeleteValueA(lists.key, ValueName(printer).c_str());
+    } catch (const std::bad_alloc&) { // it stays, for a printer that nobody opens
+    }
+}
+
+std::optional<std::vector<BYTE>> KeptAccessList(std::string_view printer) {
+    try {
+        const ListsKey lists(KEY_QUERY_VALUE);
+        if (lists.status != ERROR_SUCCESS) return {};
+        const std::string name = ValueName(printer);
+        DWORD type = 0;
+        DWORD size = 0;
+        if (RegQueryValueExA(lists.key, name.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {};
+        std::vector<BYTE> list(size);
+        if (RegQueryValueExA(lists.key, name.c_str(), nullptr, &type, list.data(), &size) != ERROR_SUCCESS ||
+            type != REG_BINARY)
+            return {};
+        list.resize(size);
+        return list;
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+// ---- the printer list
 
 struct ListCopy {
     const Variable* variable = nullptr;

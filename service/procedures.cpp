@@ -1,9 +1,8 @@
 #include "procedures.h"
 
-#include "administrators.h"
 #include "clients.h"
-#include "clock.h"
 #include "composite.h"
+#include "settings.h"
 #include "watches.h"
 #include "writing.h"
 

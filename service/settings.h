@@ -1,8 +1,84 @@
-// What an administrator sets of the service: values of the product's key, HKLM\SOFTWARE\Tavik\Oriel. No state.
+// Settings of the service: its bounds and times beside those of the interface (product/interface.h), what an
+// administrator sets, and the two clocks. No state.
 #pragma once
 
-#include <windows.h>
+#include "product/interface.h"
+
+// What is charged to the user who caused it before it is done, and given back when it ends.
+enum Share { kShareDatabases, kShareMemory, kShareHandles, kShareWatches, kShareCount };
+
+struct Bound {
+    SIZE_T perUser;
+    SIZE_T inAll;
+};
+
+// Entries of the handle table; a power of two.
+inline constexpr DWORD kHandleSlots = 1 << 18;
+
+inline constexpr Bound kBounds[kShareCount] = {
+    /* kShareDatabases */ {.perUser = 8192, .inAll = 16384},
+    // Bytes of variables, their values, names and member lists. A value that grew keeps its old block: up to twice its
+    // size.
+    /* kShareMemory */ {.perUser = 128 << 20, .inAll = 512 << 20},
+    /* kShareHandles */ {.perUser = 65536, .inAll = kHandleSlots / 2},
+    /* kShareWatches */ {.perUser = 16384, .inAll = 65536},
+};
+
+inline constexpr DWORD kUsersMax = 4096;
+inline constexpr DWORD kVariablesPerDatabase = 2048;
+
+// A pulse that follows another within the gap is part of a burst, and the burst is closed by a pulse of its own.
+inline constexpr DWORD kBurstGapMs = 250;
+inline constexpr DWORD kClosingDelayMs = 50;
+// One that follows a question for the write time within the gap may come before the asker waits. Whether it has asked
+// again is looked at after the delay, long enough for one that was told to have had its turn.
+inline constexpr DWORD kLookGapMs = 1000;
+inline constexpr DWORD kLookDelayMs = 200;
+// A watcher of many variables misses what is pulsed while it delivers: the closing pulses of one database keep this
+// distance.
+inline constexpr DWORD kClosingSpacingMs = 4;
+// A closing pulse is repeated while somebody who asks for the write time when told has not asked.
+inline constexpr DWORD kClosingRepeatMs = 60;
+inline constexpr DWORD kClosingRepeats = 6;
+// Up to so many watches the writer's call pulses before its reply. Beyond, it would be held up by waking them all.
+inline constexpr DWORD kWatchesPulsedAtOnce = 8;
+
+// Tries of a reader before it takes the writer's lock: it then waits for the writers in front of it and no others.
+inline constexpr int kReadTries = 64;
+
+// ---- what an administrator sets: values of the product's key
 
 // False when there is no value of that type and at most that size. A text is cut off at its NUL, or ends with the
 // value: room has a byte more than size for it.
-bool ReadSetting(const char* name, DWORD type, void* value, DWORD size);
+inline bool ReadSetting(const char* name, DWORD type, void* value, DWORD size) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
+    DWORD found = 0;
+    const LSTATUS status = RegQueryValueExA(key, name, nullptr, &found, static_cast<BYTE*>(value), &size);
+    RegCloseKey(key);
+    return status == ERROR_SUCCESS && found == type;
+}
+
+// ---- the clocks: the time of day for write times, and milliseconds that only go forward for pulses
+
+inline constexpr ULONGLONG kWriteTimeStep = 10000; // a millisecond, which is what a SYSTEMTIME can tell
+
+// UTC, in 100 ns since 1601, cut to the millisecond.
+inline ULONGLONG WriteTimeNow() {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const ULONGLONG time = ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime;
+    return time - time % kWriteTimeStep;
+}
+
+inline SYSTEMTIME ToSystemTime(ULONGLONG time) {
+    const FILETIME file{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+    SYSTEMTIME system = {};
+    FileTimeToSystemTime(&file, &system);
+    return system;
+}
+
+// Tick counts wrap after 49.7 days; two of them that are less than half of that apart compare by their difference.
+inline bool TickReached(DWORD now, DWORD due) {
+    return static_cast<LONG>(now - due) >= 0;
+}

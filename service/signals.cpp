@@ -1,8 +1,7 @@
 #include "signals.h"
 
-#include "bounds.h"
-#include "clock.h"
 #include "composite.h"
+#include "settings.h"
 
 #include "product/object_names.h"
 

@@ -1,7 +1,6 @@
 #include "variable.h"
 
-#include "bounds.h"
-#include "clock.h"
+#include "product/printer_list.h"
 
 #include <algorithm>
 #include <memory>
@@ -9,6 +8,45 @@
 
 using namespace product;
 using Word = ValueBlock::Word;
+
+// ---- roles
+
+namespace {
+
+struct RoleRow {
+    std::string_view variable;
+    VariableRole role;
+};
+
+constexpr RoleRow kOfPrinters[] = {
+    {kForwardMailbox, VariableRole::Mailbox},        {kForwardAnswer, VariableRole::Answer},
+    {"AccessControlList", VariableRole::AccessList}, {"Port", VariableRole::Setting},
+    {"PrinterName", VariableRole::PrinterName},      {"ReadRequest", VariableRole::Request},
+    {"WriteRequest", VariableRole::Request},         {"TerminateManager", VariableRole::Termination},
+};
+
+} // namespace
+
+VariableRole RoleOf(std::string_view database, std::string_view variable) {
+    if (database == kMasterDatabase)
+        return variable == kPrinterListVariable ? VariableRole::PrinterList : VariableRole::None;
+    for (const RoleRow& row : kOfPrinters)
+        if (row.variable == variable) return row.role;
+    return VariableRole::None;
+}
+
+VariableRole RoleOfCompanion(VariableRole role) {
+    switch (role) {
+    case VariableRole::None:
+    case VariableRole::Request:
+    case VariableRole::Termination:
+        return VariableRole::None;
+    default:
+        return VariableRole::Setting;
+    }
+}
+
+// ---- values
 
 Lock g_writerLocks[kWriterLocks];
 

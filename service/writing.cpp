@@ -1,6 +1,6 @@
 #include "writing.h"
 
-#include "administrators.h"
+#include "clients.h"
 #include "composite.h"
 #include "printers.h"
 #include "signals.h"

@@ -44,7 +44,7 @@ public:
     void Read(VariableInfo& info);
     template <typename... Forms>
     void ReadAll(std::tuple<Forms...>& parameters) {
-        std::apply([this](auto&... parameter) { (Read(parameter), ...); }, parameters);
+        std::apply([this](auto&... parameter) { (this->Read(parameter), ...); }, parameters);
     }
     LONG Status() { return static_cast<LONG>(U32()); }
 
@@ -76,7 +76,7 @@ public:
     void Write(const VariableInfo& info);
     template <typename... Forms>
     void WriteAll(const std::tuple<Forms...>& parameters) {
-        std::apply([this](const auto&... parameter) { (Write(parameter), ...); }, parameters);
+        std::apply([this](const auto&... parameter) { (this->Write(parameter), ...); }, parameters);
     }
     void Status(LONG status) { U32(static_cast<DWORD>(status)); }
     // A byte array whose bytes the caller fills in; null when it does not fit. Its padding is zero, its bytes are not.

@@ -1,0 +1,85 @@
+// Memory of the service: the accounts of users, who are charged for it and for other shares; arenas, where it lies; and
+// names of variables, each kept once. State: the list of accounts, the sums of all, and the table of names, in
+// memory.cpp.
+#pragma once
+
+#include "settings.h"
+
+#include "product/lock.h"
+
+#include <atomic>
+#include <string_view>
+
+// ---- accounts: one per user, charged before something is made and given back when it is gone; settings.h has the
+// bounds
+
+struct Account {
+    Account* next = nullptr;
+    DWORD clients = 0; // guarded by the list's lock
+    std::atomic<SIZE_T> held[kShareCount] = {};
+    char user[64] = {};
+};
+
+// The account of a user, by the text that the run-time gives for it; held until LeaveAccount. Null: too many users, a
+// text too long, or no memory.
+Account* EnterAccount(const char* user);
+void LeaveAccount(Account* account);
+
+// False, and nothing is charged, when the user's or everyone's bound would be passed.
+bool Charge(Account& account, Share share, SIZE_T amount);
+void GiveBack(Account& account, Share share, SIZE_T amount);
+
+// Whether everything has been given back.
+bool AccountsAreBalanced();
+
+// ---- arenas
+
+// Memory of a database: small pieces from shared chunks, never freed one by one, so that a piece costs nothing beside
+// its own bytes and a reader without a lock cannot be left behind. Chunks are charged to the user whose call needed
+// them.
+class Arena {
+public:
+    Arena() = default;
+    ~Arena() { Release(); }
+    Arena(const Arena&) = delete;
+    Arena& operator=(const Arena&) = delete;
+
+    // Zeroed bytes, aligned to 8 or 64. Null: *status is kLimitReached or kOutOfMemory.
+    void* Take(Account& account, SIZE_T size, SIZE_T alignment, product::ServiceStatus* status);
+
+    // Frees everything and gives the charges back. Nobody may be using a piece.
+    void Release();
+
+private:
+    struct Chunk {
+        Chunk* next;
+        Account* account;
+        SIZE_T size;
+    };
+    Chunk* NewChunk(Account& account, SIZE_T size, product::ServiceStatus* status) REQUIRES(m_lock);
+
+    Lock m_lock;
+    Chunk* m_chunks GUARDED_BY(m_lock) = nullptr;
+    BYTE* m_at GUARDED_BY(m_lock) = nullptr; // the free rest of the chunk in use
+    BYTE* m_end GUARDED_BY(m_lock) = nullptr;
+};
+
+// ---- names of variables, each kept once for all databases: a thousand printers have the same 60. They stay until the
+// service ends
+
+struct Name {
+    Name* next;
+    DWORD hash;
+    WORD length;
+    char text[2]; // length bytes and a NUL
+
+    std::string_view Text() const { return {text, length}; }
+};
+
+DWORD HashOf(std::string_view text);
+
+// The name with that text. Null: *status says why.
+const Name* InternName(Account& account, std::string_view text, product::ServiceStatus* status);
+
+// At the end of the service.
+void ReleaseNames();
