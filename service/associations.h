@@ -6,7 +6,7 @@
 
 #include <rpc.h>
 
-struct ClientProcess; // where the run-time has no associations
+struct ClientProcess;
 
 // The association of a call in progress. For as long as it lives, the association's context stays.
 class CallersAssociation {
@@ -28,7 +28,7 @@ public:
 
 private:
     RPC_BINDING_HANDLE m_client;
-    ClientProcess* m_process = nullptr;
+    [[maybe_unused]] ClientProcess* m_process = nullptr; // where the run-time has no associations
 };
 
 // After the last call: ends what the run-time did not end itself.

@@ -1,6 +1,6 @@
 #include "clients.h"
 
-#include "watches.h"
+#include "product/guards.h"
 
 #include <sddl.h>
 
@@ -216,29 +216,18 @@ TokenBlock ReadToken(HANDLE token, TOKEN_INFORMATION_CLASS what) {
     return block;
 }
 
-struct Token {
-    HANDLE handle = nullptr;
-
-    Token() = default;
-    ~Token() {
-        if (handle) CloseHandle(handle);
-    }
-    Token(const Token&) = delete;
-    Token& operator=(const Token&) = delete;
-};
-
-bool OpenClientsToken(const Caller& caller, Token& token) {
+bool OpenClientsToken(const Caller& caller, KernelHandle& token) {
     if (RpcImpersonateClient(caller.association.Binding()) != RPC_S_OK) return false;
-    const BOOL opened = OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token.handle);
+    const BOOL opened = OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.Receive());
     RpcRevertToSelf();
     return opened;
 }
 
 bool IsServiceUser(HANDLE token) {
-    Token own;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &own.handle)) return false;
+    KernelHandle own;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, own.Receive())) return false;
     const TokenBlock client = ReadToken(token, TokenUser);
-    const TokenBlock service = ReadToken(own.handle, TokenUser);
+    const TokenBlock service = ReadToken(own.Get(), TokenUser);
     return client && service &&
            EqualSid(reinterpret_cast<TOKEN_USER*>(client.get())->User.Sid,
                     reinterpret_cast<TOKEN_USER*>(service.get())->User.Sid);
@@ -294,9 +283,9 @@ bool IsAdministratorsToken(HANDLE token) {
 bool IsAdministrator(const Caller& caller) {
     std::atomic<ServiceUser>& known = caller.group.serviceUser;
     if (known.load() == ServiceUser::Yes) return true;
-    Token token;
+    KernelHandle token;
     if (!OpenClientsToken(caller, token)) return false;
     if (known.load() == ServiceUser::Unknown)
-        known.store(IsServiceUser(token.handle) ? ServiceUser::Yes : ServiceUser::No);
-    return known.load() == ServiceUser::Yes || IsAdministratorsToken(token.handle);
+        known.store(IsServiceUser(token.Get()) ? ServiceUser::Yes : ServiceUser::No);
+    return known.load() == ServiceUser::Yes || IsAdministratorsToken(token.Get());
 }

@@ -16,7 +16,7 @@ enum class ServiceUser : BYTE { Unknown, Yes, No };
 struct Group {
     Account* account = nullptr;
     std::atomic<ServiceUser> serviceUser = ServiceUser::Unknown;
-    DWORD firstHandleSlot = kNoHandleSlot; // guarded by the lock of handles.cpp
+    DWORD firstHandleSlot = kNoHandleSlot; // guarded by the lock of the handles
     Watch* watches = nullptr;              // guarded by the lock of watches.cpp
 };
 
@@ -84,6 +84,9 @@ void InitialiseHandles();
 
 // A client counts as who its process was when it connected; the group is asked for anew each time.
 bool IsAdministrator(const Caller& caller);
+
+// Ends all watches of a group, none of whose calls is in progress. Defined with the watches.
+void DropWatches(Group& group);
 
 // Whether every client is gone.
 bool NoClientsAreLeft();

@@ -1,9 +1,5 @@
 #include "composite.h"
 
-#include "settings.h"
-#include "signals.h"
-#include "writing.h"
-
 #include <algorithm>
 #include <new>
 
@@ -11,36 +7,12 @@ using namespace product;
 
 namespace {
 
-// The variables that a composite comes down to, in order.
-struct Parts {
-    Variable* variables[kCompositePartsMax];
-    DWORD count = 0;
-    DWORD visits = 0; // of members, whether they contribute or not: what a list of composites can cost
-    bool tooMany = false;
-};
-
 Variable* Resolved(const Database& database, MemberList::Member& member) {
     Variable* variable = member.variable.load(std::memory_order_acquire);
     if (variable) return variable;
     variable = FindVariable(database, member.name->Text());
     if (variable) member.variable.store(variable, std::memory_order_release); // all who find it store the same
     return variable;
-}
-
-void Gather(const Database& database, const Variable& composite, DWORD depth, Parts& parts) {
-    MemberList* list = composite.members.load(std::memory_order_acquire);
-    for (DWORD i = 0; list && i < list->count; ++i) {
-        if (++parts.visits > kCompositePartsMax) {
-            parts.tooMany = true;
-            return;
-        }
-        Variable* variable = Resolved(database, list->Members()[i]);
-        if (!variable) continue;
-        if (variable->type != kTypeComposite)
-            parts.variables[parts.count++] = variable;
-        else if (depth < kCompositeDepthMax)
-            Gather(database, *variable, depth + 1, parts);
-    }
 }
 
 // Appends the parts' values; false when they come to more than any value may have.
@@ -85,7 +57,7 @@ private:
 ServiceStatus ReadComposite(const Database& database, const Variable& composite, BYTE* out, DWORD capacity,
                             ValueState* state) {
     Parts parts;
-    Gather(database, composite, 1, parts);
+    GatherParts(database, composite, parts);
     if (parts.tooMany) return kLimitReached;
     // A floor: when it was made, or its list was set.
     const ValueState own = {0, ReadWriteTime(composite), SequenceNow(composite) / 2};
@@ -103,18 +75,6 @@ ServiceStatus ReadComposite(const Database& database, const Variable& composite,
         fits = CopyParts(parts, own, out, capacity, state);
     }
     return fits ? kDone : kLimitReached;
-}
-
-// Whether a value of that size can be written to the parts.
-bool TakesWholeValues(const Parts& parts, DWORD size) {
-    DWORD whole = 0; // no sum of 256 rooms of 4 MiB overflows
-    for (DWORD i = 0; i < parts.count; ++i) {
-        const Variable* variable = parts.variables[i];
-        if (variable->type == kTypeVariableLength) return false;
-        if (std::find(parts.variables, parts.variables + i, variable) != parts.variables + i) return false;
-        whole += variable->room;
-    }
-    return parts.count > 0 && whole == size;
 }
 
 // The next name of a member list, taken off it.
@@ -137,15 +97,23 @@ ServiceStatus CountNames(std::string_view list, DWORD* count) {
 
 } // namespace
 
-ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std::string_view composite,
-                                  std::string_view list) {
-    if (list.size() > kMemberListMax) return kLimitReached;
-    if (!MayShape(database, caller)) return kAccessDenied;
-    Account& account = *caller.group.account;
-    LockHold hold{database.lock};
-    Variable* variable = FindVariable(database, composite);
-    if (!variable) return kUnknownVariable;
-    if (variable->type != kTypeComposite) return kBadArgument;
+void GatherParts(const Database& database, const Variable& composite, Parts& parts, DWORD depth) {
+    MemberList* list = composite.members.load(std::memory_order_acquire);
+    for (DWORD i = 0; list && i < list->count; ++i) {
+        if (++parts.visits > kCompositePartsMax) {
+            parts.tooMany = true;
+            return;
+        }
+        Variable* variable = Resolved(database, list->Members()[i]);
+        if (!variable) continue;
+        if (variable->type != kTypeComposite)
+            parts.variables[parts.count++] = variable;
+        else if (depth < kCompositeDepthMax)
+            GatherParts(database, *variable, parts, depth + 1);
+    }
+}
+
+ServiceStatus StoreMembers(Database& database, Account& account, Variable& composite, std::string_view list) {
     DWORD count = 0;
     ServiceStatus status = CountNames(list, &count);
     if (status != kDone) return status;
@@ -160,9 +128,8 @@ ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std:
         if (!name) return status;
         new (&members->Members()[i++]) MemberList::Member{name, FindVariable(database, text)};
     }
-    variable->members.store(members, std::memory_order_release);
-    TouchWriteTime(*variable);
-    SignalWritten(database, Written{variable, true});
+    composite.members.store(members, std::memory_order_release);
+    TouchWriteTime(composite);
     return kDone;
 }
 
@@ -177,39 +144,26 @@ ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, B
     return status;
 }
 
-ServiceStatus WriteComposite(Database& database, const Caller& caller, const Variable& composite, const BYTE* bytes,
-                             DWORD size) {
-    Parts parts;
-    Gather(database, composite, 1, parts);
-    if (parts.tooMany) return kLimitReached;
-    if (!TakesWholeValues(parts, size)) return kWrongSize;
-    Written written[kCompositePartsMax];
-    const std::span<Written> all{written, parts.count};
-    const BYTE* part = bytes;
+bool TakeWholeValue(const Parts& parts, DWORD size) {
+    DWORD whole = 0; // no sum of 256 rooms of 4 MiB overflows
     for (DWORD i = 0; i < parts.count; ++i) {
-        Variable* variable = parts.variables[i];
-        const ServiceStatus status = CheckWrite(caller, database, *variable, part, variable->room);
-        if (status != kDone) return status;
-        all[i] = {variable, false};
-        part += variable->room;
+        const Variable* variable = parts.variables[i];
+        if (variable->type == kTypeVariableLength) return false;
+        if (std::find(parts.variables, parts.variables + i, variable) != parts.variables + i) return false;
+        whole += variable->room;
     }
-    {
-        const PartsHold hold{parts};
-        WriteTogether(all, bytes);
-    }
-    SignalWritten(database, all);
-    part = bytes;
-    for (const Written& each : all) {
-        FollowWrite(caller, database, *each.variable, part, each.variable->room);
-        part += each.variable->room;
-    }
-    return kDone;
+    return parts.count > 0 && whole == size;
+}
+
+void WriteParts(const Parts& parts, std::span<Written> written, const BYTE* bytes) {
+    const PartsHold hold{parts};
+    WriteTogether(written, bytes);
 }
 
 bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,
                   bool* changed) {
     Parts parts;
-    Gather(database, composite, 1, parts);
+    GatherParts(database, composite, parts);
     bool found = false;
     *changed = false;
     for (const Written& written : variables) {

@@ -1,16 +1,9 @@
 #include "database.h"
 
-#include "clients.h"
-#include "printers.h"
-#include "settings.h"
-#include "signals.h"
-
 #include "product/object_names.h"
-#include "product/printer_list.h"
 
 #include <new>
 #include <string.h>
-#include <vector>
 
 using namespace product;
 
@@ -67,52 +60,7 @@ ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) RE
     return kDone;
 }
 
-// How a variable is made.
-struct NewVariable {
-    std::string_view name; // the database does not have it yet
-    DatabaseType type;
-    DWORD room;
-    bool companion = false;
-    VariableRole role = VariableRole::None;
-};
-
-ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
-                          DWORD size) REQUIRES(database.lock) {
-    if (wanted.name.empty() || wanted.name.size() > kVariableNameMax) return kBadName;
-    if (database.variableCount.load(std::memory_order_relaxed) == kVariablesPerDatabase) return kLimitReached;
-    ServiceStatus status = kDone;
-    const Name* name = InternName(account, wanted.name, &status);
-    if (!name) return status;
-    ValueBlock* block = nullptr;
-    if (wanted.type != kTypeComposite) {
-        const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.room;
-        block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
-        if (!block) return status;
-    }
-    void* piece = database.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
-    if (!piece) return status;
-    auto* variable = new (piece) Variable{};
-    variable->name = name;
-    variable->hash = name->hash;
-    variable->type = static_cast<BYTE>(wanted.type);
-    variable->room = wanted.room;
-    variable->companion = wanted.companion;
-    variable->role = wanted.role;
-    variable->block.store(block, std::memory_order_relaxed);
-    TouchWriteTime(*variable);
-    std::atomic<Variable*>& bucket = database.buckets[name->hash % Database::kBuckets];
-    variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    bucket.store(variable, std::memory_order_release);
-    database.variableCount.fetch_add(1, std::memory_order_relaxed);
-    SignalWritten(database, Written{variable, true}); // to those who watch a composite that lists it
-    return kDone;
-}
-
 } // namespace
-
-bool MayShape(const Database& database, const Caller& caller) {
-    return database.state.load(std::memory_order_acquire) != DatabaseState::Ready || IsAdministrator(caller);
-}
 
 Database* FindDatabase(std::string_view name) {
     Database* database = BucketOf(name).load(std::memory_order_acquire);
@@ -121,15 +69,11 @@ Database* FindDatabase(std::string_view name) {
     return database;
 }
 
-ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** created) {
-    if (name.empty() || name.size() > kDatabaseNameMax || name.find('\\') != name.npos) return kBadName;
-    if (FindDatabase(name) == nullptr && name != kMasterDatabase && !IsListed(name) && !IsAdministrator(caller))
-        return kAccessDenied;
-    Account& account = *caller.group.account;
+ServiceStatus AddDatabase(Account& account, std::string_view name, DWORD handle, Database** added) {
     LockHold hold{g_tableLock};
     if (Database* database = FindDatabase(name)) {
         if (database->state.load(std::memory_order_acquire) != DatabaseState::GivenUp) return kDatabaseExists;
-        *created = database;
+        *added = database;
         return StartAfresh(*database, account, handle);
     }
     if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
@@ -144,7 +88,7 @@ ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD 
     std::atomic<Database*>& bucket = BucketOf(name);
     database->next = bucket.load(std::memory_order_relaxed);
     bucket.store(database, std::memory_order_release);
-    *created = database;
+    *added = database;
     return kDone;
 }
 
@@ -184,63 +128,36 @@ Variable* FindVariable(const Database& database, std::string_view name) {
     return variable;
 }
 
-namespace {
-
-// What a variable of that role may be made as.
-bool IsFormOf(VariableRole role, DatabaseType type, const BYTE* bytes, DWORD size) {
-    switch (role) {
-    case VariableRole::Mailbox:
-    case VariableRole::Answer:
-        return IsForwardingForm(type, bytes, size);
-    case VariableRole::AccessList:
-    case VariableRole::PrinterList:
-        return type == kTypeVariableLength;
-    default:
-        return true;
+ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
+                          DWORD size, Variable** added) {
+    if (wanted.name.empty() || wanted.name.size() > kVariableNameMax) return kBadName;
+    if (database.variableCount.load(std::memory_order_relaxed) == kVariablesPerDatabase) return kLimitReached;
+    ServiceStatus status = kDone;
+    const Name* name = InternName(account, wanted.name, &status);
+    if (!name) return status;
+    ValueBlock* block = nullptr;
+    if (wanted.type != kTypeComposite) {
+        const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.room;
+        block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
+        if (!block) return status;
     }
-}
-
-// A list of printers comes to be by the same writes as it grows.
-bool MayBegin(const Caller& caller, VariableRole role, const BYTE* bytes, DWORD size) {
-    return role != VariableRole::PrinterList || RoomFor(kTypeVariableLength, bytes, size) == 0 ||
-           IsAdministrator(caller);
-}
-
-} // namespace
-
-ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name, DatabaseType type,
-                             const BYTE* bytes, DWORD size) {
-    if (type >= kTypeCount) return kBadArgument;
-    if (type == kTypeComposite ? size != 0 : size == 0 && type != kTypeVariableLength) return kWrongSize;
-    if (size > kValueSizeMax) return kLimitReached;
-    const VariableRole role = RoleOf(database.name, name);
-    if (!IsFormOf(role, type, bytes, size)) return kBadArgument;
-    if (!MayShape(database, caller) || !MayBegin(caller, role, bytes, size)) return kAccessDenied;
-    std::vector<BYTE> list;
-    if (role == VariableRole::AccessList && !FirstAccessList(database, caller, bytes, size, list)) return kOutOfMemory;
-    LockHold hold{database.lock};
-    if (FindVariable(database, name)) return kVariableExists;
-    const NewVariable wanted = {name, type, RoomFor(type, bytes, size), false, role};
-    if (role == VariableRole::AccessList) {
-        bytes = list.data();
-        size = static_cast<DWORD>(list.size());
-    }
-    return AddVariable(database, *caller.group.account, wanted, bytes, size);
-}
-
-ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,
-                                DWORD size) {
-    if (name.size() < 2 || name.back() != 'W') return kUnknownVariable;
-    const Variable* base = FindVariable(database, name.substr(0, name.size() - 1));
-    if (!base || base->companion || base->type == kTypeComposite) return kUnknownVariable;
-    const VariableRole role = RoleOfCompanion(base->role);
-    if (role == VariableRole::Setting && !IsAdministrator(caller)) return kAccessDenied;
-    const ServiceStatus sizeStatus = CheckValueSize(*base, size);
-    if (sizeStatus != kDone) return sizeStatus;
-    LockHold hold{database.lock};
-    if (FindVariable(database, name)) return kVariableExists;
-    return AddVariable(database, *caller.group.account,
-                       {name, static_cast<DatabaseType>(base->type), base->room, true, role}, bytes, size);
+    void* piece = database.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
+    if (!piece) return status;
+    auto* variable = new (piece) Variable{};
+    variable->name = name;
+    variable->hash = name->hash;
+    variable->type = static_cast<BYTE>(wanted.type);
+    variable->room = wanted.room;
+    variable->companion = wanted.companion;
+    variable->role = wanted.role;
+    variable->block.store(block, std::memory_order_relaxed);
+    TouchWriteTime(*variable);
+    std::atomic<Variable*>& bucket = database.buckets[name->hash % Database::kBuckets];
+    variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    bucket.store(variable, std::memory_order_release);
+    database.variableCount.fetch_add(1, std::memory_order_relaxed);
+    *added = variable;
+    return kDone;
 }
 
 void ForEachDatabase(const std::function<void(Database& database)>& function) {

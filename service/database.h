@@ -10,12 +10,24 @@
 
 #include <functional>
 
-struct Caller; // clients.h
-
 enum class DatabaseState : DWORD {
     Initialising, // its creator fills it
     Ready,
     GivenUp // its creator went away before it was ready; CreateDatabase starts it afresh
+};
+
+struct ForwardedCall; // forwarding.cpp
+
+// Those who wait for the printer side of a database, in the order in which they came; the first one's request is in the
+// mailbox.
+struct Forwarding {
+    Lock lock; // after the lock of watches.cpp, before a variable's
+    ForwardedCall* first GUARDED_BY(lock) = nullptr;
+    ForwardedCall* last GUARDED_BY(lock) = nullptr;
+    DWORD lastId GUARDED_BY(lock) = 0;
+    bool awaitsSuccessor GUARDED_BY(lock) = false; // for a request that stands open when the time is over
+    DWORD successorDue GUARDED_BY(lock) = 0;       // tick count
+    bool ending GUARDED_BY(lock) = false; // the printer side was asked to end: no more requests are handed over
 };
 
 struct Database {
@@ -41,9 +53,9 @@ struct Database {
     ULONGLONG created GUARDED_BY(lock) = 0;
 };
 
-// handle: the one that the creator will have; the database is its to make ready. kAccessDenied: only an administrator
-// makes one that the printer list does not have.
-product::ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** database);
+// Makes a database, or starts one afresh that was given up. handle: the one that the creator will have; the database is
+// its to make ready. kDatabaseExists, kLimitReached, kOutOfMemory.
+product::ServiceStatus AddDatabase(Account& account, std::string_view name, DWORD handle, Database** added);
 // Null when there is none.
 Database* FindDatabase(std::string_view name);
 // kNotCreator when it is not that handle's to make ready.
@@ -55,15 +67,17 @@ ULONGLONG CreationTime(Database& database);
 
 // Null when there is none.
 Variable* FindVariable(const Database& database, std::string_view name);
-// Whether the caller may add variables or change what composites are made of: whoever makes the database until it is
-// ready, then administrators.
-bool MayShape(const Database& database, const Caller& caller);
-product::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
-                                      product::DatabaseType type, const BYTE* bytes, DWORD size);
-// The first write to a name that is another variable's and "W": the variable takes the same values as the other.
-// kVariableExists: another call made it.
-product::ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::string_view name,
-                                         const BYTE* bytes, DWORD size);
+// How a variable is made.
+struct NewVariable {
+    std::string_view name; // the database does not have it yet
+    product::DatabaseType type;
+    DWORD room; // Variable::room
+    bool companion = false;
+    VariableRole role = VariableRole::None;
+};
+// Makes a variable with that value; of a composite without any. kBadName, kLimitReached, kOutOfMemory.
+product::ServiceStatus AddVariable(Database& database, Account& account, const NewVariable& wanted, const BYTE* bytes,
+                                   DWORD size, Variable** added) REQUIRES(database.lock);
 
 void ForEachDatabase(const std::function<void(Database& database)>& function);
 

@@ -148,24 +148,22 @@ void AnswerOpenRequest(Database& database) {
 
 // A printer side that is started again, or stood by, carries the request out. How long one is waited for.
 void AwaitSuccessor(Database& database) REQUIRES(database.forwarding.lock) {
-    Forwarding& forwarding = database.forwarding;
-    if (forwarding.awaitsSuccessor) return;
-    forwarding.awaitsSuccessor = true;
-    forwarding.successorDue = GetTickCount() + std::min(kSuccessorMs, g_limitMs);
+    if (database.forwarding.awaitsSuccessor) return;
+    database.forwarding.awaitsSuccessor = true;
+    database.forwarding.successorDue = GetTickCount() + std::min(kSuccessorMs, g_limitMs);
     SetEvent(g_successorAwaited);
 }
 
 // Answers for a database whose time is over; *wait: until that of another is, at most.
 void EndAwaiting(Database& database, DWORD* wait) {
     LockHold hold{database.forwarding.lock};
-    Forwarding& forwarding = database.forwarding;
-    if (!forwarding.awaitsSuccessor) return;
+    if (!database.forwarding.awaitsSuccessor) return;
     const DWORD now = GetTickCount();
-    if (!TickReached(now, forwarding.successorDue)) {
-        *wait = std::min(*wait, forwarding.successorDue - now);
+    if (!TickReached(now, database.forwarding.successorDue)) {
+        *wait = std::min(*wait, database.forwarding.successorDue - now);
         return;
     }
-    forwarding.awaitsSuccessor = false;
+    database.forwarding.awaitsSuccessor = false;
     if (!MailboxOf(database)) AnswerOpenRequest(database);
 }
 

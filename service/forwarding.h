@@ -3,33 +3,13 @@
 //
 // The mailbox and its answer are the two variables that product/interface.h tells of. A printer side is there while a
 // client watches the mailbox; when the last one goes, all who wait are told at once, also those who do not wait in a
-// call of the service but for "RWResult". State: with each database.
+// call of the service but for "RWResult". State: with each database (Forwarding in database.h).
 #pragma once
 
-#include "product/lock.h"
-
-#include "product/interface.h"
-
-#include <string_view>
-
-struct Database;
+#include "database.h"
 
 // Whether a new mailbox or answer variable is as it must be.
 bool IsForwardingForm(product::DatabaseType type, const BYTE* bytes, DWORD size);
-
-struct ForwardedCall; // forwarding.cpp
-
-// Those who wait for the printer side of a database, in the order in which they came; the first one's request is in the
-// mailbox.
-struct Forwarding {
-    Lock lock; // after the lock of watches.cpp, before a variable's
-    ForwardedCall* first GUARDED_BY(lock) = nullptr;
-    ForwardedCall* last GUARDED_BY(lock) = nullptr;
-    DWORD lastId GUARDED_BY(lock) = 0;
-    bool awaitsSuccessor GUARDED_BY(lock) = false; // for a request that stands open when the time is over
-    DWORD successorDue GUARDED_BY(lock) = 0;       // tick count
-    bool ending GUARDED_BY(lock) = false; // the printer side was asked to end: no more requests are handed over
-};
 
 // Carries out "ReadRequest:<printer>" and the like: the printer side's result, or why there is none.
 LONG ForwardRequest(std::string_view request);

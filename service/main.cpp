@@ -3,6 +3,7 @@
 // event and how it ended, here.
 #include "associations.h"
 #include "clients.h"
+#include "forwarding.h"
 #include "procedures.h"
 #include "signals.h"
 

@@ -1,5 +1,8 @@
 #include "printers.h"
 
+#include "product/guards.h"
+#include "product/registry_names.h"
+
 #include "signals.h"
 
 #include "product/printer_list.h"
@@ -17,22 +20,12 @@ namespace {
 // ---- access control lists that outlive the service and the machine: values of a key of the product's, one for each
 // printer, the list as the variable has it
 
-struct ListsKey {
-    HKEY key = nullptr;
-    LSTATUS status;
-
-    explicit ListsKey(REGSAM access) {
-        const std::string path = std::string(kSettingsKey) + "\\Access Control Lists";
-        status = access == KEY_WRITE ? RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr,
-                                                       REG_OPTION_NON_VOLATILE, access, nullptr, &key, nullptr)
-                                     : RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &key);
-    }
-    ~ListsKey() {
-        if (key) RegCloseKey(key);
-    }
-    ListsKey(const ListsKey&) = delete;
-    ListsKey& operator=(const ListsKey&) = delete;
-};
+LSTATUS OpenLists(REGSAM access, RegistryKey* key) {
+    const std::string path = std::string(kProductKey) + "\\Access Control Lists";
+    return access == KEY_WRITE ? RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                                 access, nullptr, key->Receive(), nullptr)
+                               : RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, key->Receive());
+}
 
 // Two printers may differ in case, names of values may not; a printer's may have any byte but NUL. So what is neither a
 // lower-case letter nor a digit nor a blank is written as %XX.
@@ -52,9 +45,9 @@ std::string ValueName(std::string_view printer) {
 
 LSTATUS KeepAccessList(std::string_view printer, const BYTE* list, DWORD size) {
     try {
-        const ListsKey lists(KEY_WRITE);
-        if (lists.status != ERROR_SUCCESS) return lists.status;
-        return RegSetValueExA(lists.key, ValueName(printer).c_str(), 0, REG_BINARY, list, size);
+        RegistryKey lists;
+        if (const LSTATUS status = OpenLists(KEY_WRITE, &lists); status != ERROR_SUCCESS) return status;
+        return RegSetValueExA(lists.Get(), ValueName(printer).c_str(), 0, REG_BINARY, list, size);
     } catch (const std::bad_alloc&) {
         return ERROR_OUTOFMEMORY;
     }
@@ -62,22 +55,22 @@ LSTATUS KeepAccessList(std::string_view printer, const BYTE* list, DWORD size) {
 
 void ForgetAccessList(std::string_view printer) {
     try {
-        const ListsKey lists(KEY_WRITE);
-        if (lists.status == ERROR_SUCCESS) RegDeleteValueA(lists.key, ValueName(printer).c_str());
+        RegistryKey lists;
+        if (OpenLists(KEY_WRITE, &lists) == ERROR_SUCCESS) RegDeleteValueA(lists.Get(), ValueName(printer).c_str());
     } catch (const std::bad_alloc&) { // it stays, for a printer that nobody opens
     }
 }
 
 std::optional<std::vector<BYTE>> KeptAccessList(std::string_view printer) {
     try {
-        const ListsKey lists(KEY_QUERY_VALUE);
-        if (lists.status != ERROR_SUCCESS) return {};
+        RegistryKey lists;
+        if (OpenLists(KEY_QUERY_VALUE, &lists) != ERROR_SUCCESS) return {};
         const std::string name = ValueName(printer);
         DWORD type = 0;
         DWORD size = 0;
-        if (RegQueryValueExA(lists.key, name.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {};
+        if (RegQueryValueExA(lists.Get(), name.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS) return {};
         std::vector<BYTE> list(size);
-        if (RegQueryValueExA(lists.key, name.c_str(), nullptr, &type, list.data(), &size) != ERROR_SUCCESS ||
+        if (RegQueryValueExA(lists.Get(), name.c_str(), nullptr, &type, list.data(), &size) != ERROR_SUCCESS ||
             type != REG_BINARY)
             return {};
         list.resize(size);

@@ -1,10 +1,11 @@
 #include "procedures.h"
 
+#include "changes.h"
 #include "clients.h"
 #include "composite.h"
+#include "forwarding.h"
 #include "settings.h"
 #include "watches.h"
-#include "writing.h"
 
 #include "product/ndr.h"
 

@@ -2,7 +2,9 @@
 // administrator sets, and the two clocks. No state.
 #pragma once
 
+#include "product/guards.h"
 #include "product/interface.h"
+#include "product/registry_names.h"
 
 // What is charged to the user who caused it before it is done, and given back when it ends.
 enum Share { kShareDatabases, kShareMemory, kShareHandles, kShareWatches, kShareCount };
@@ -51,12 +53,11 @@ inline constexpr int kReadTries = 64;
 // False when there is no value of that type and at most that size. A text is cut off at its NUL, or ends with the
 // value: room has a byte more than size for it.
 inline bool ReadSetting(const char* name, DWORD type, void* value, DWORD size) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
+    const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
     DWORD found = 0;
-    const LSTATUS status = RegQueryValueExA(key, name, nullptr, &found, static_cast<BYTE*>(value), &size);
-    RegCloseKey(key);
-    return status == ERROR_SUCCESS && found == type;
+    return key &&
+           RegQueryValueExA(key.Get(), name, nullptr, &found, static_cast<BYTE*>(value), &size) == ERROR_SUCCESS &&
+           found == type;
 }
 
 // ---- the clocks: the time of day for write times, and milliseconds that only go forward for pulses

@@ -237,16 +237,13 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
     return kDone;
 }
 
-void RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
-    bool last = false;
-    {
-        LockHold hold{signals.lock};
-        Signal& signal = SignalOf(signals, mode);
-        last = signals.watchCount.fetch_sub(1) == 1;
-        signals.database->watches.fetch_sub(1);
-        if (--signal.watches == 0) ForgetPulses(signal);
-    }
-    if (last && signals.variable->role == VariableRole::Mailbox) PrinterSideIsGone(*signals.database);
+bool RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
+    LockHold hold{signals.lock};
+    Signal& signal = SignalOf(signals, mode);
+    const bool last = signals.watchCount.fetch_sub(1) == 1;
+    signals.database->watches.fetch_sub(1);
+    if (--signal.watches == 0) ForgetPulses(signal);
+    return last;
 }
 
 // Stored with a barrier before the write time is read, as the writer stores that before it looks here.

@@ -54,7 +54,8 @@ struct VariableSignals {
 VariableSignals* SignalsOf(Database& database, Variable& variable, Account& account, product::ServiceStatus* status);
 // One watch more or less; the event exists while there are any. kEventUnavailable.
 product::ServiceStatus AddWatchTo(VariableSignals& signals, product::WatchMode mode);
-void RemoveWatchFrom(VariableSignals& signals, product::WatchMode mode);
+// True when it was the last one of both modes.
+bool RemoveWatchFrom(VariableSignals& signals, product::WatchMode mode);
 
 // Somebody is going to ask when the variable was written: before its write time is read. False: nobody watches it.
 bool NoteLook(VariableSignals& signals);

@@ -1,5 +1,7 @@
 #include "variable.h"
 
+#include "product/variable_names.h"
+
 #include "product/printer_list.h"
 
 #include <algorithm>
@@ -19,10 +21,14 @@ struct RoleRow {
 };
 
 constexpr RoleRow kOfPrinters[] = {
-    {kForwardMailbox, VariableRole::Mailbox},        {kForwardAnswer, VariableRole::Answer},
-    {"AccessControlList", VariableRole::AccessList}, {"Port", VariableRole::Setting},
-    {"PrinterName", VariableRole::PrinterName},      {"ReadRequest", VariableRole::Request},
-    {"WriteRequest", VariableRole::Request},         {"TerminateManager", VariableRole::Termination},
+    {kForwardMailbox, VariableRole::Mailbox},
+    {kForwardAnswer, VariableRole::Answer},
+    {names::kAccessControlList, VariableRole::AccessList},
+    {names::kPort, VariableRole::Setting},
+    {names::kPrinterName, VariableRole::PrinterName},
+    {names::kReadRequest, VariableRole::Request},
+    {names::kWriteRequest, VariableRole::Request},
+    {names::kTerminateManager, VariableRole::Termination},
 };
 
 } // namespace

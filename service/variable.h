@@ -8,7 +8,6 @@
 // Writers of a variable take turns under one of 64 locks, chosen by its address. State: none beside the variable.
 #pragma once
 
-#include "forwarding.h"
 #include "memory.h"
 
 #include <span>

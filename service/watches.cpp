@@ -1,5 +1,7 @@
 #include "watches.h"
 
+#include "forwarding.h"
+
 #include <new>
 
 using namespace product;
@@ -32,7 +34,9 @@ Watch* FindWatch(const Group& group, const VariableSignals& signals) REQUIRES(g_
 
 void EndOne(Watch& watch, WatchMode mode) REQUIRES(g_watchesLock) {
     --watch.Count(mode);
-    RemoveWatchFrom(*watch.signals, mode);
+    const VariableSignals& signals = *watch.signals;
+    const bool last = RemoveWatchFrom(*watch.signals, mode);
+    if (last && signals.variable->role == VariableRole::Mailbox) PrinterSideIsGone(*signals.database);
     GiveBack(*watch.group->account, kShareWatches, 1);
 }
 

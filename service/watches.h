@@ -12,5 +12,3 @@ product::ServiceStatus EndWatch(Group& group, const Variable& variable);
 void NoteQuestion(const Group& group, const Variable& variable);
 // Handles of the database that belong to those who watch its mailbox.
 DWORD HandlesOfPrinterSides(const Database& database);
-// All of a group, none of whose calls is in progress.
-void DropWatches(Group& group);

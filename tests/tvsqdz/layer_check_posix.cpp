@@ -13,7 +13,10 @@ TEST(LayerCheck, SeesEachBreach) {
         std::filesystem::create_directories(std::filesystem::path(root + "/" + file).parent_path());
         std::ofstream(root + "/" + file) << text;
     };
-    write("ARCHITECTURE.md", "```layers\nlibrary: include < tvsqdz/low < tvsqdz/high\ncli: include < cli\n```\n");
+    write("ARCHITECTURE.md", "```layers\nlibrary: include < tvsqdz/low < tvsqdz/high\ncli: include < cli\n```\n"
+                             "```files\nservice: first < second\n```\n");
+    write("service/first.h", "");
+    write("service/second_linux.cpp", "#include \"first.h\"\n#include \"second.h\"\n");
     write("include/public.h", "");
     std::filesystem::create_directories(root + "/platform/include");
     write("tvsqdz/low/low.h", "#include <string.h>\n");
@@ -23,10 +26,13 @@ TEST(LayerCheck, SeesEachBreach) {
 
     write("tvsqdz/low/low.cpp", "#include \"high/high.h\"\n#include <unistd.h>\n# include <thread>\n");
     write("tvsqdz/other/other.cpp", "");
+    write("service/first.cpp", "#include \"second.h\"\n");
+    write("service/third.cpp", "");
     write("cli/main.cpp", "#if defined(_WIN32)\n#endif\n#include \"low/low.h\"\n");
     const ProgramResult result = RunProgram(SourcePath("scripts/check-layers"), {root});
     EXPECT_EQ(result.exitCode, 1);
-    for (const char* finding : {"which is above it", "not in the law", "unistd.h", "thread", "no header of the seam",
-                                "tells the platforms apart", "none of the folders"})
+    for (const char* finding :
+         {"which is above it", "\"second.h\", which", "not in the order", "not in the law", "unistd.h", "thread",
+          "no header of the seam", "tells the platforms apart", "none of the folders"})
         EXPECT_NE(result.errors.find(finding), std::string::npos) << finding << result.errors;
 }
