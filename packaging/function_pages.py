@@ -2,14 +2,14 @@
 """Makes the manual pages of the library from its header, which holds the contract of each function.
 
 function_pages.py HEADER OVERVIEW FOLDER
-OVERVIEW: the page about the library as a whole; @CODES@, @CONSTANTS@ and @FUNCTIONS@ stand for what the header has of them,
-and @REMARKS@ for its comments that have no declaration below them.
-FOLDER: receives the pages: each function has one of its name, which leads to the page of its group.
+OVERVIEW: the page about the library as a whole. @CODES@, @CONSTANTS@ and @FUNCTIONS@ are replaced by those of the header,
+@REMARKS@ by its comments without a declaration below them.
+FOLDER: receives the pages. Each function has a page of its own name, which includes the page of its group.
 
-How the header is read: a comment in the first column describes the declarations below it. One that begins with a title of
-one or two words ("Notification: ...") begins a topic, whose page also holds everything that follows; before the first topic each comment
-makes a page. Within a comment a blank line ends a paragraph, columns that are two or more blanks apart are a list of
-terms, and a line that begins with "Returns" or "Return," begins what is said of the return value.
+How the header is read: a comment in the first column describes the declarations below it. A comment that begins with a
+title of one or two words ("Notification: ...") begins a topic, whose page also holds everything that follows. Before the
+first topic, each comment makes a page. Within a comment, a blank line ends a paragraph; columns at least two blanks apart
+form a list of terms; a line that begins with "Returns" or "Return," begins the description of the return value.
 """
 import pathlib
 import re
@@ -25,7 +25,7 @@ TERM = re.compile(r" *(\S.*?) {2,}(\S.*)")
 
 
 class Block:
-    """A comment and what it describes."""
+    """A comment and the declarations that it describes."""
 
     def __init__(self, comment, code):
         self.lines = [re.sub(r"^ \* ?", "", line) for line in comment.strip().split("\n")]
@@ -43,7 +43,7 @@ def split_parameters(text):
 
 
 def read_pages(text):
-    """Lists of blocks, a list a page; those that declare nothing belong to no page."""
+    """A list of blocks for each page. A block without declarations is on no page."""
     pages, topic = [], None
     for comment, code in BLOCK.findall(text):
         block = Block(comment, code)
@@ -70,12 +70,12 @@ class Writer:
         self.lines += lines
 
     def text(self, text):
-        """Running text, a sentence a line."""
+        """Running text, one sentence per line."""
         for sentence in re.split(r"(?<=[.!?]) +(?=[A-Z*\"])", text.strip()):
             self.put(self.functions.sub(r"\\fB\1\\fP", escape(sentence)))
 
     def paragraphs(self, lines, between=".Pp"):
-        """Paragraphs and lists of terms; `between` stands in front of each paragraph but the first."""
+        """Paragraphs and lists of terms; `between` precedes each paragraph but the first."""
         first, terms, paragraph = True, [], []
 
         def flush():

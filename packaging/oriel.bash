@@ -1,17 +1,17 @@
 # bash completion for oriel. Commands and options come from `oriel --help`, printers and variables from the product, so
-# that there is nothing here to bring up to date.
+# nothing here has to be kept up to date.
 
-# The words of a section of a help text: commands of "Subcommands:", options of "Options:".
+# Prints the words of a section of a help text: the commands of "Subcommands:", the options of "Options:".
 _oriel_section() {
     "$@" --help 2>/dev/null | sed -n "/^$section:/,/^\$/{s/^  \(-[a-z],\)\{0,1\}\([a-z-][a-z-]*\).*/\2/p}"
 }
 
-# A field of each record of a list in JSON.
+# Prints the field "name" of each record of a JSON list.
 _oriel_names() {
     "$@" --json 2>/dev/null | sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p' | sed 's/\\\(["\\/]\)/\1/g'
 }
 
-# Adds those of the lines that begin with the word, quoted as the user's shell needs them.
+# Offers the input lines that begin with the word, quoted for the shell.
 _oriel_offer() {
     local line typed=$word quoted
     [[ $typed == [\"\']* ]] && quoted=${typed:0:1} typed=${typed:1}
@@ -28,7 +28,7 @@ _oriel() {
     local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port|title|scope)'
     COMPREPLY=()
 
-    # Commands and their own commands first; what follows are their words.
+    # First commands and subcommands, then their arguments.
     section=Subcommands
     commands=$(_oriel_section "$program")
     for ((i = 1; i < COMP_CWORD; ++i)); do
@@ -79,7 +79,7 @@ _oriel() {
         elif [[ ${#rest[@]} -eq 0 ]]; then
             _oriel_offer < <(_oriel_names "$program" printers)
         elif [[ "${command[*]:1}" =~ ^(vars|get|info|set|watch)$ ]]; then
-            # The name is here as it was typed. Never evaluated: it would be run before the user wants that.
+            # The name as it was typed. It is not evaluated: that could run a command the user has not confirmed.
             place=${rest[0]}
             case $place in
             \"*\" | \'*\') place=${place:1:-1} ;;
