@@ -1,4 +1,4 @@
-/* A first program: reads a printer's status, changes its location, and tells when that was written.
+/* A first program: reads a printer's status, changes its location, and prints when the location was written.
  *
  *     first ["printer name"]
  *
@@ -19,7 +19,7 @@ static int failed(const char* what, int32_t status) {
 
 static int show(TvsManager manager) {
     uint32_t words[3]; /* "PrinterStatus" is a record of 12 bytes */
-    char text[64];     /* "PrinterName" has up to 260: a smaller buffer receives what fits, and we are told */
+    char text[64];     /* "PrinterName" has up to 260: a smaller buffer gets what fits, and TVS_E_SIZE */
     uint32_t size;
 
     int32_t status = GetPrinterStatusA(manager, "PrinterStatus", words, sizeof words, &size);
@@ -41,7 +41,7 @@ static int move_to(TvsManager manager, const char* location) {
     int32_t status = UpdatePrinterStatusA(manager, "PrinterLocation", location, (uint32_t)strlen(location) + 1);
     if (failed("updating PrinterLocation", status)) return 1;
 
-    /* Any process that reads it from now on, this one too, gets the new value. */
+    /* Every later read, in any process, returns the new value. */
     status = GetPrinterStatusA(manager, "PrinterLocation", text, sizeof text, &size);
     if (failed("reading PrinterLocation", status)) return 1;
     status = GetPrinterStatusInfoA(manager, "PrinterLocation", &written);

@@ -1,15 +1,15 @@
-/* Prints the jobs that wait for a printer, oldest first, and the one that it prints.
+/* Prints the jobs that wait for a printer, oldest first, and the job that is being printed.
  *
  *     queue ["printer name"]
  *
- * The values are records of tvsqdz_records.h, read in their wide form: a terminal wants UTF-8, and UTF-16 becomes that
- * whatever the ANSI code page of the system is. */
+ * The values are records of tvsqdz_records.h, read in their wide form: UTF-16 converts to the terminal's UTF-8 whatever
+ * the system's ANSI code page is. */
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <tvsqdz_status.h>
 
-#define ORDINARY_CLIENT 3 /* reads and updates, takes no ownership, needs nothing but the service */
+#define ORDINARY_CLIENT 3 /* reads and updates, takes no ownership, needs only the service */
 
 static int failed(const char* what, int32_t status) {
     if (status == TVS_OK) return 0;
@@ -39,8 +39,8 @@ static void print_text(const TvsWideChar* text, size_t size) {
     }
 }
 
-/* The queue in a block that the caller frees; null when it cannot be read. Other processes add jobs and take them away: a
- * queue that has grown since its size was asked is asked again. */
+/* Returns the queue in a block that the caller frees; null when it cannot be read. Other processes add and remove jobs,
+ * so a queue that has grown since its size was returned is read again. */
 static TvsJobQueueWide* read_queue(TvsManager manager) {
     TvsJobQueueWide* queue = NULL;
     uint32_t size = TVS_JOB_QUEUE_WIDE_SIZE(0);

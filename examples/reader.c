@@ -1,6 +1,6 @@
-/* A reader that keeps its manager open: for each variable that is named on a line of standard input ("PageCount", or
- * "ServiceNote text" for a text that the printer's model defines) it prints a line with the value, until the input ends.
- * Values that another process writes meanwhile are seen at once.
+/* A reader that keeps its manager open. Each line of standard input names a variable ("PageCount", or "ServiceNote text"
+ * for a text that the printer's model defines); the reader prints its value, until the input ends. It sees at once what
+ * other processes write meanwhile.
  *
  *     reader "printer name" */
 #include <stdio.h>
@@ -18,7 +18,7 @@ struct built_in {
 #define ROW(name, type, size) {#name, type},
 static const struct built_in built_ins[] = {TVS_BUILT_IN_VARIABLES(ROW)};
 
-/* A variable of the printer's model is in no list: it is shown as a number or as bytes, unless the user says that it is a
+/* The list does not have the variables of printer models: they are shown as numbers or bytes, unless the user asks for
  * text. */
 static enum type type_of(const char* name, uint32_t size) {
     for (size_t i = 0; i < sizeof built_ins / sizeof *built_ins; ++i)
