@@ -1,8 +1,7 @@
 #include "variable.h"
 
-#include "product/variable_names.h"
-
 #include "product/printer_list.h"
+#include "product/variable_names.h"
 
 #include <algorithm>
 #include <memory>
