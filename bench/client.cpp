@@ -4,13 +4,15 @@
 //   update PRINTER   UpdatePrinterStatusA of "JobStatus", 4 bytes, another value each time
 //   open PRINTER     OpenManagerExA and CloseManager
 //   told-event|told-message|told-callback PRINTER
-//                    an update, until a registration of this process has told it in that form
+//                    an update, until a registration of this process has delivered it in that form
 //   watched PRINTER N
 //                    an update while N registrations of this process watch the variable
-//   mutex            the named mutex alone: take and give back, nobody else
-//   event            a named event alone: set, found signalled, reset
-//   printers N       no rounds: opens printers 1 to N that nobody knows, each kept open; prints the nanoseconds of each
-//   open
+//   mutex            the named mutex alone: lock and release, without contention
+//   event            a named event alone: set, test, reset
+//   printers N       no rounds: opens the printers 1 to N, each for the first time, and keeps them open; prints the
+//                    nanoseconds of each open
+//
+// State: the event that deliveries set (g_told).
 #include <tvsqdz.h>
 #include <windows.h>
 
@@ -22,7 +24,7 @@
 
 namespace {
 
-// Serves no special purpose, so its opens need no initialised product and start nothing.
+// A client without a special purpose: its opens need no initialised product and start nothing.
 constexpr uint32_t kClientKind = 3;
 
 TvsManager Open(const char* printer) {
@@ -55,11 +57,11 @@ int MeasureUpdates(const char* printer) {
 }
 
 int MeasureOpens(const char* printer) {
-    Open(printer); // the first open makes the database
+    Open(printer); // the first open creates the database
     return ServeRounds([printer] { return CloseManager(Open(printer)) == TVS_OK; });
 }
 
-// ---- told
+// ---- notifications
 
 constexpr char kToldVariable[] = "JobStatus";
 HANDLE g_told = nullptr; // automatic
@@ -68,7 +70,7 @@ void TVS_CALL OnCall(TvsManager, uint32_t, const char*, const void*, uint32_t) {
     SetEvent(g_told);
 }
 
-// The message is taken from the queue by the measuring thread, which owns the window.
+// The measuring thread owns the window and takes the message from the queue.
 HWND CreateMessageWindow() {
     WNDCLASSEXA windowClass{};
     windowClass.cbSize = sizeof windowClass;
@@ -140,7 +142,7 @@ int OpenPrinters(long count) {
     for (const double each : nanoseconds)
         std::printf("%.0f\n", each);
     std::fflush(stdout);
-    std::getchar(); // the managers stay open while the service's memory is looked at
+    std::getchar(); // the managers stay open while the service's memory is measured
     return 0;
 }
 

@@ -1,5 +1,5 @@
-// The bare limit: a request and an answer of given sizes over a Unix stream socket between two processes, blocking, and
-// nothing else. bench_raw REQUEST_BYTES ANSWER_BYTES
+// The bare limit: only a request and an answer of given sizes over a blocking Unix stream socket between two processes.
+// No state. bench_raw REQUEST_BYTES ANSWER_BYTES
 #include "rounds.h"
 
 #include <csignal>

@@ -1,5 +1,5 @@
-// The conversation between a measuring program and bench/run: the program says "ready", and for each line "go SECONDS"
-// that it hears it repeats its operation for that long and answers "OPERATIONS NANOSECONDS".
+// The protocol between a measuring program and bench/run: the program prints "ready". For each line "go SECONDS" it
+// repeats its operation for that long and answers "OPERATIONS NANOSECONDS". No state.
 #pragma once
 
 #include <cstdio>
@@ -12,7 +12,7 @@ inline double NowNs() {
     return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
-// Repeats the operation; it returns false when it failed, which ends the program.
+// Repeats the operation, which returns false on failure; that ends the program.
 template <typename Operation>
 int ServeRounds(Operation operation) {
     std::printf("ready\n");
@@ -23,7 +23,7 @@ int ServeRounds(Operation operation) {
         const double end = start + seconds * 1e9;
         long operations = 0;
         double now = start;
-        // The clock is read once in 16 operations, so that it does not weigh on what is measured.
+        // The clock is read once per 16 operations, so that it adds little to what is measured.
         while (now < end) {
             for (int i = 0; i < 16; ++i) {
                 if (!operation()) {

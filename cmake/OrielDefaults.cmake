@@ -1,4 +1,4 @@
-# How everything here is compiled: language level, warnings, sanitizers, hidden visibility, where results go.
+# Defaults for all targets: language level, warnings, sanitizers, hidden visibility, output directories.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -22,7 +22,7 @@ set(ORIEL_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize take
 
 add_compile_options(-Wall -Wextra -Werror)
 add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# Rows of our tables name the fields that differ from their defaults and leave out the others on purpose.
+# Rows of our tables name only the fields that differ from their defaults.
 add_compile_options(-Wno-missing-field-initializers)
 if(ORIEL_SANITIZE)
   add_compile_options(-fsanitize=${ORIEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

@@ -1,6 +1,5 @@
-# oriel_header_library(PACKAGE TARGET FOLDER HEADER [VERSION]): a library that is headers only. When building for another
-# system its headers are this machine's: their folder is linked into a directory that holds nothing else, since
-# /usr/include itself would bring the C headers of this machine with it.
+# oriel_header_library(PACKAGE TARGET FOLDER HEADER [VERSION]): finds a header-only library. A cross build uses this
+# machine's headers through a link in a directory of their own, since /usr/include would add this machine's C headers.
 function(oriel_header_library package target folder header)
   if(NOT CMAKE_CROSSCOMPILING)
     find_package(${package} ${ARGN} REQUIRED GLOBAL)
