@@ -229,11 +229,11 @@ Message JobRequest(const Connection& connection, ipp_op_t operation, const std::
 
 ipp_op_t OperationOf(JobCommand command) {
     switch (command) {
-    case JobCommand::kPause:
+    case JobCommand::Pause:
         return IPP_OP_HOLD_JOB;
-    case JobCommand::kResume:
+    case JobCommand::Resume:
         return IPP_OP_RELEASE_JOB;
-    case JobCommand::kCancel:
+    case JobCommand::Cancel:
         return IPP_OP_CANCEL_JOB;
     }
     return IPP_OP_CUPS_NONE;
@@ -261,7 +261,7 @@ DWORD ChangeJob(const PrintServerCall& call, const std::string& name, DWORD job,
     const Message answer = connection.Ask(JobRequest(connection, OperationOf(command), name, job), &status);
     error = ErrorOf(status, answer, connection);
     // For a job that is not held the server reports that before it checks the owner.
-    if (status == IPP_STATUS_ERROR_NOT_POSSIBLE && command == JobCommand::kResume)
+    if (status == IPP_STATUS_ERROR_NOT_POSSIBLE && command == JobCommand::Resume)
         return isOwn ? DWORD{ERROR_SUCCESS} : DWORD{ERROR_ACCESS_DENIED};
     return error == ERROR_FILE_NOT_FOUND ? DWORD{ERROR_INVALID_PARAMETER} : error;
 }

@@ -69,20 +69,13 @@ Grab TryMutex(MutexObject& mutex, ThreadObject& thread) {
     mutex.owned.store(true, std::memory_order_relaxed);
     mutex.owner = &thread;
     mutex.depth = 1;
-    mutex.previous = nullptr;
-    mutex.next = thread.mutexes;
-    if (mutex.next != nullptr) mutex.next->previous = &mutex;
-    thread.mutexes = &mutex;
+    thread.mutexes.Add(mutex);
     return mutex.head->owner.exchange(1, std::memory_order_relaxed) == 0 ? Grab::Got : Grab::Abandoned;
 }
 
 // Ends the ownership. The caller releases its reference.
 void GiveUp(MutexObject& mutex, bool abandon) ORIEL_LOCK_CHECK(requires_capability(mutex.lock)) {
-    if (mutex.next != nullptr) mutex.next->previous = mutex.previous;
-    if (mutex.previous != nullptr)
-        mutex.previous->next = mutex.next;
-    else
-        mutex.owner->mutexes = mutex.next;
+    mutex.owner->mutexes.Remove(mutex);
     mutex.owner = nullptr;
     mutex.depth = 0;
     mutex.owned.store(false, std::memory_order_relaxed);
@@ -131,7 +124,7 @@ bool OwnAtCreation(NamedObject* object) {
 } // namespace
 
 void AbandonMutexes(ThreadObject& thread) {
-    while (MutexObject* mutex = thread.mutexes) {
+    while (MutexObject* mutex = thread.mutexes.First()) {
         {
             LockHold hold(mutex->lock);
             GiveUp(*mutex, true);

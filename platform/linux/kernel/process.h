@@ -20,6 +20,7 @@ struct ProcessObject : Object {
     // Of the watcher (reaper.cpp), under its lock.
     bool watched = false;
     ProcessObject* next = nullptr;
+    ProcessObject* previous = nullptr;
 };
 
 extern const ObjectType kProcessType;

@@ -2,6 +2,7 @@
 // turns the end of a process into the change of a word that waits can sleep on, and leaves no zombies.
 //
 // State: the list of watched processes and the epoll descriptor, under one lock.
+#include "base/list.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/process.h"
@@ -17,7 +18,7 @@ namespace oriel {
 namespace {
 
 constinit Lock g_reaperLock;
-ProcessObject* g_watched ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = nullptr;
+List<ProcessObject> g_watched ORIEL_LOCK_CHECK(guarded_by(g_reaperLock));
 int g_epoll ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = -1;
 bool g_running ORIEL_LOCK_CHECK(guarded_by(g_reaperLock)) = false;
 
@@ -39,11 +40,8 @@ void Reap(ProcessObject& process) {
     process.exitCodeKnown.store(true);
 }
 
-void Unlink(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
-    ProcessObject** place = &g_watched;
-    while (*place != &process)
-        place = &(*place)->next;
-    *place = process.next;
+void Unwatch(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
+    g_watched.Remove(process);
     process.watched = false;
     epoll_ctl(g_epoll, EPOLL_CTL_DEL, process.descriptor, nullptr);
 }
@@ -52,7 +50,7 @@ void Unlink(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reape
 bool NoteEnd(ProcessObject& process) ORIEL_LOCK_CHECK(requires_capability(g_reaperLock)) {
     if (process.ended.load() != 0) return false;
     if (process.child) Reap(process);
-    if (process.watched) Unlink(process);
+    if (process.watched) Unwatch(process);
     process.ended.store(1, std::memory_order_release);
     WakeAll(process.ended, false);
     return true;
@@ -67,7 +65,7 @@ bool IsReadable(int descriptor) {
 // another process may be deleted as soon as the lock is released.
 ProcessObject* NextEndedChild() {
     LockHold hold(g_reaperLock);
-    for (ProcessObject *process = g_watched, *next = nullptr; process != nullptr; process = next) {
+    for (ProcessObject *process = g_watched.First(), *next = nullptr; process != nullptr; process = next) {
         next = process->next;
         if (IsReadable(process->descriptor) && NoteEnd(*process) && process->child) return process;
     }
@@ -104,7 +102,7 @@ void ForgetProcesses() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     if (g_epoll >= 0) close(g_epoll);
     g_epoll = -1;
     g_running = false;
-    g_watched = nullptr;
+    g_watched.Forget();
 }
 
 } // namespace
@@ -116,20 +114,19 @@ bool WatchProcess(ProcessObject& process) {
     if (process.watched || process.ended.load() != 0) return true;
     if (!StartWatcher()) return false;
     process.watched = true;
-    process.next = g_watched;
-    g_watched = &process;
+    g_watched.Add(process);
     if (process.child) process.references.fetch_add(1);
     epoll_event event{};
     event.events = EPOLLIN;
     if (epoll_ctl(g_epoll, EPOLL_CTL_ADD, process.descriptor, &event) == 0) return true;
-    Unlink(process);
-    if (process.child) process.references.fetch_sub(1); // not the last one: the caller has one
+    Unwatch(process);
+    if (process.child) process.references.fetch_sub(1); // not the last: the caller has one
     return false;
 }
 
 void StopWatching(ProcessObject& process) {
     LockHold hold(g_reaperLock);
-    if (process.watched) Unlink(process);
+    if (process.watched) Unwatch(process);
 }
 
 bool HasEnded(ProcessObject& process) {

@@ -5,6 +5,7 @@
 // section.
 #include "base/call.h"
 #include "base/descriptor.h"
+#include "base/list.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/named_object.h"
@@ -30,11 +31,12 @@ struct View {
     void* address;
     size_t size;
     NamedObject* section;
-    View* next;
+    View* next = nullptr;
+    View* previous = nullptr;
 };
 
 constinit Lock g_viewsLock;
-View* g_views ORIEL_LOCK_CHECK(guarded_by(g_viewsLock)) = nullptr;
+List<View> g_views ORIEL_LOCK_CHECK(guarded_by(g_viewsLock));
 
 void DropSection(Object* object) {
     auto* section = static_cast<NamedObject*>(object);
@@ -50,8 +52,8 @@ NamedObject* MakeSection() {
 // The child may unmap its views; the references belong to the parent.
 void ForgetViews() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_viewsLock.ForgetOwner();
-    for (View* view = g_views; view != nullptr; view = view->next)
-        view->section = nullptr;
+    for (View& view : g_views)
+        view.section = nullptr;
 }
 
 } // namespace
@@ -89,7 +91,7 @@ LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWOR
     const size_t size = section->size;
     if (bytes > size) return Fail(ERROR_ACCESS_DENIED, nullptr);
     std::unique_ptr<View> view(new (std::nothrow) View{});
-    if (!view) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    if (view == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     const Descriptor file(ReopenFile(*section.Get()));
     if (!file.IsOpen()) return Fail(ERROR_FILE_NOT_FOUND, nullptr);
     const int protection = (access & FILE_MAP_WRITE) != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
@@ -97,8 +99,8 @@ LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWOR
     if (address == MAP_FAILED) return Fail(SystemError(errno), nullptr);
     section->references.fetch_add(1, std::memory_order_relaxed);
     LockHold lock(g_viewsLock);
-    *view = {address, size, section.Get(), g_views};
-    g_views = view.release();
+    *view = {address, size, section.Get()};
+    g_views.Add(*view.release());
     return address;
 }
 
@@ -107,13 +109,10 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
     std::unique_ptr<View> view;
     {
         LockHold lock(g_viewsLock);
-        View** place = &g_views;
-        while (*place != nullptr && (*place)->address != address)
-            place = &(*place)->next;
-        view.reset(*place);
-        if (view) *place = view->next;
+        view.reset(g_views.Find([=](const View& known) { return known.address == address; }));
+        if (view != nullptr) g_views.Remove(*view);
     }
-    if (!view) return Fail(ERROR_INVALID_ADDRESS);
+    if (view == nullptr) return Fail(ERROR_INVALID_ADDRESS);
     munmap(view->address, view->size);
     if (view->section != nullptr) DropReference(view->section);
     return TRUE;

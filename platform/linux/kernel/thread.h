@@ -1,6 +1,7 @@
 // Thread records: a thread gets one when the layer first needs it. State: thread.cpp.
 #pragma once
 
+#include "base/list.h"
 #include "kernel/handles.h"
 
 #include <cstddef>
@@ -18,8 +19,9 @@ struct ThreadObject : Object {
     Word ended{0};        // 1 once it has ended
     Word threadId{0};     // 0 until it runs
     std::atomic<DWORD> exitCode{STATUS_PENDING};
-    bool lastRound = false;         // the key destructor has run once
-    MutexObject* mutexes = nullptr; // its own; others touch it only after it has stopped or ended
+    bool lastRound = false; // its destructors have been run once
+    // Those it owns. Touched by itself, and by nobody else before it stands still or has left.
+    List<MutexObject> mutexes;
 };
 
 extern const ObjectType kThreadType;

@@ -6,6 +6,7 @@
 //
 // State: the list of heaps; each heap and its blocks.
 #include "base/call.h"
+#include "base/list.h"
 #include "base/lock.h"
 
 #include <heapapi.h>
@@ -23,8 +24,7 @@ namespace {
 struct alignas(16) BlockHeader {
     BlockHeader* previous;
     BlockHeader* next;
-    size_t size;
-    uintptr_t tag; // address of the list that has the block; 0 when free
+    uintptr_t tag; // address of the heap's list that the block is on; 0 when free
 };
 static_assert(sizeof(BlockHeader) == 32);
 constexpr size_t kLargestBlock = PTRDIFF_MAX - sizeof(BlockHeader);
@@ -32,7 +32,7 @@ constexpr size_t kLargestBlock = PTRDIFF_MAX - sizeof(BlockHeader);
 // On a cache line of its own.
 struct alignas(64) BlockList {
     Lock lock;
-    BlockHeader* first = nullptr;
+    List<BlockHeader> blocks;
 };
 
 constexpr unsigned kListCount = 8;
@@ -46,19 +46,19 @@ struct Heap {
 };
 
 Lock g_heapsLock;
-Heap* g_heaps ORIEL_LOCK_CHECK(guarded_by(g_heapsLock)) = nullptr;
+List<Heap> g_heaps ORIEL_LOCK_CHECK(guarded_by(g_heapsLock));
 
 // Around fork: the child gets whole lists and free locks.
 void LockAllHeaps() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_heapsLock.Acquire();
-    for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
-        for (BlockList& list : heap->lists)
+    for (Heap& heap : g_heaps)
+        for (BlockList& list : heap.lists)
             list.lock.Acquire();
 }
 
 void UnlockAllHeaps() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    for (Heap* heap = g_heaps; heap != nullptr; heap = heap->next)
-        for (BlockList& list : heap->lists)
+    for (Heap& heap : g_heaps)
+        for (BlockList& list : heap.lists)
             list.lock.Release();
     g_heapsLock.Release();
 }
@@ -104,9 +104,7 @@ HANDLE WINAPI HeapCreate(DWORD options, SIZE_T, SIZE_T maximumSize) {
     static const int forkHandlers = pthread_atfork(LockAllHeaps, UnlockAllHeaps, UnlockAllHeaps);
     static_cast<void>(forkHandlers); // if they cannot be installed, only fork children suffer
     const LockHold hold(g_heapsLock);
-    heap->next = g_heaps;
-    if (g_heaps != nullptr) g_heaps->previous = heap;
-    g_heaps = heap;
+    g_heaps.Add(*heap);
     return heap;
 }
 
@@ -115,15 +113,12 @@ BOOL WINAPI HeapDestroy(HANDLE handle) {
     if (heap == nullptr) return FALSE;
     {
         const LockHold hold(g_heapsLock);
-        if (heap->previous != nullptr) heap->previous->next = heap->next;
-        if (heap->next != nullptr) heap->next->previous = heap->previous;
-        if (g_heaps == heap) g_heaps = heap->next;
+        g_heaps.Remove(*heap);
     }
     heap->magic = 0;
     for (BlockList& list : heap->lists) {
-        while (list.first != nullptr) {
-            BlockHeader* header = list.first;
-            list.first = header->next;
+        while (BlockHeader* header = list.blocks.First()) {
+            list.blocks.Remove(*header);
             std::free(header);
         }
     }
@@ -142,13 +137,9 @@ LPVOID WINAPI HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
     if (memory == nullptr) return nullptr;
     BlockList& list = OwnList(*heap);
     auto* header = new (memory) BlockHeader;
-    header->previous = nullptr;
-    header->size = bytes;
     header->tag = reinterpret_cast<uintptr_t>(&list);
     const LockHold hold(list.lock);
-    header->next = list.first;
-    if (list.first != nullptr) list.first->previous = header;
-    list.first = header;
+    list.blocks.Add(*header);
     return header + 1;
 }
 
@@ -162,9 +153,7 @@ BOOL WINAPI HeapFree(HANDLE handle, DWORD flags, LPVOID block) {
     const TerminationHold whole;
     {
         const LockHold hold(list->lock);
-        if (header->previous != nullptr) header->previous->next = header->next;
-        if (header->next != nullptr) header->next->previous = header->previous;
-        if (list->first == header) list->first = header->next;
+        list->blocks.Remove(*header);
     }
     *static_cast<volatile uintptr_t*>(&header->tag) = 0; // volatile: the compiler would drop this write as dead
     std::free(header);

@@ -151,12 +151,12 @@ LSTATUS ApplyChanges(std::span<const RegistryChange> changes, size_t* failed) {
         if (failed != nullptr) *failed = at;
         return error;
     }
-    // In the order of ranks, whatever the order of the changes: otherwise two processes could deadlock.
-    constexpr Root kRoots[2] = {Root::kUser, Root::kMachine};
+    // In the order of the stores' ranks, however the changes are mixed.
+    constexpr Root kRoots[2] = {Root::User, Root::Machine};
     std::optional<DatabaseHold> holds[2];
     for (int at = 0; at < 2; ++at) {
         if (!Concerns(changes, kRoots[at])) continue;
-        holds[at].emplace(StoreOf(kRoots[at]), DatabaseUse::kChange);
+        holds[at].emplace(StoreOf(kRoots[at]), DatabaseUse::Change);
         const LSTATUS error = ApplyToRoot(*holds[at], kRoots[at], prepared);
         if (error != ERROR_SUCCESS) return error;
     }

@@ -43,8 +43,8 @@ struct RegistryChange {
         kRequireAbsent // ERROR_ALREADY_EXISTS if the value exists
     };
     Kind kind;
-    Root root = Root::kMachine;
-    std::string path; // not folded, without the root
+    Root root = Root::Machine;
+    std::string path; // as it is spelled
     std::string name = {};
     DWORD type = REG_NONE;
     std::string data = {};

@@ -36,8 +36,8 @@ LSTATUS HandOut(OpenKey key, PHKEY result) {
 
 // The predefined keys, open in every process. Never destroyed: threads may outlive main().
 const OpenKey* PredefinedKey(HKEY key) {
-    static const OpenKey& machine = *new OpenKey{Root::kMachine, kRootKey, {}, KEY_ALL_ACCESS};
-    static const OpenKey& user = *new OpenKey{Root::kUser, kRootKey, {}, KEY_ALL_ACCESS};
+    static const OpenKey& machine = *new OpenKey{Root::Machine, kRootKey, {}, KEY_ALL_ACCESS};
+    static const OpenKey& user = *new OpenKey{Root::User, kRootKey, {}, KEY_ALL_ACCESS};
     if (key == HKEY_LOCAL_MACHINE) return &machine;
     return key == HKEY_CURRENT_USER ? &user : nullptr;
 }
@@ -79,7 +79,7 @@ LSTATUS LocateKey(const OpenKey& base, const std::string& path, int64_t* id) {
         *id = kRootKey;
         return ERROR_SUCCESS;
     }
-    DatabaseHold hold(StoreOf(base.root), DatabaseUse::kLook);
+    DatabaseHold hold(StoreOf(base.root), DatabaseUse::Look);
     if (hold.Error() == ERROR_FILE_NOT_FOUND) return base.id == kRootKey ? ERROR_FILE_NOT_FOUND : ERROR_KEY_DELETED;
     if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
     return FindKey(hold, path, base.id, id);
@@ -154,7 +154,7 @@ LSTATUS WINAPI RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD reserved, LPSTR ke
         // Opened for writing only if the key is missing: most calls find it, also for users who may not write.
         if (error == ERROR_FILE_NOT_FOUND) {
             if ((base->access & KEY_CREATE_SUB_KEY) == 0) return ERROR_ACCESS_DENIED;
-            DatabaseHold hold(StoreOf(base->root), DatabaseUse::kChange);
+            DatabaseHold hold(StoreOf(base->root), DatabaseUse::Change);
             if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
             error = MakeKey(hold, base->id, base->path, names, &open.id, &created);
             if (error == ERROR_SUCCESS) error = static_cast<LSTATUS>(hold.Commit());
@@ -192,7 +192,7 @@ LSTATUS WINAPI RegDeleteKeyA(HKEY key, LPCSTR subKey) {
         int64_t id = 0;
         error = LocateKey(*base, path, &id);
         if (error != ERROR_SUCCESS) return error;
-        DatabaseHold hold(StoreOf(base->root), DatabaseUse::kChange);
+        DatabaseHold hold(StoreOf(base->root), DatabaseUse::Change);
         if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
         error = DeleteOneKey(hold, *base, path, parentPath);
         return error == ERROR_SUCCESS ? static_cast<LSTATUS>(hold.Commit()) : error;
@@ -206,7 +206,7 @@ LSTATUS WINAPI RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, LPDWORD nameSize
         if (keyClass != nullptr && (classSize == nullptr || *classSize == 0)) return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_ENUMERATE_SUB_KEYS);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Look);
         Query row(hold, kEnumKey);
         if (!row.Bind(open->id).Bind(int64_t{index}).Next()) return NothingFound(hold, *open, ERROR_NO_MORE_ITEMS);
         const LSTATUS error = CopyName(row.Bytes(0), name, nameSize);
@@ -228,7 +228,7 @@ LSTATUS WINAPI RegQueryInfoKeyA(HKEY key, LPSTR keyClass, LPDWORD classSize, LPD
         const KeyUse open(key, KEY_QUERY_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
         int64_t found[6] = {};
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Look);
         Query row(hold, kDescribeKey);
         // A root that was never stored has no row, and reads as zeros.
         if (row.Bind(open->id).Next()) {
@@ -258,7 +258,7 @@ LSTATUS WINAPI RegQueryValueExA(HKEY key, LPCSTR valueName, LPDWORD reserved, LP
         if (open.Error() != ERROR_SUCCESS) return open.Error();
         // Folded before the hold: folding may read the registry.
         const std::string folded = FoldName(TextOf(valueName));
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Look);
         Query row(hold, kReadValue);
         if (!row.Bind(open->id).Bind(folded).Next()) return NothingFound(hold, *open, ERROR_FILE_NOT_FOUND);
         if (type != nullptr) *type = static_cast<DWORD>(row.Number(0));
@@ -274,7 +274,7 @@ LSTATUS WINAPI RegSetValueExA(HKEY key, LPCSTR valueName, DWORD reserved, DWORD 
         ValueName name;
         LSTATUS error = CheckValue(TextOf(valueName), size, &name);
         if (error != ERROR_SUCCESS) return error;
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kChange);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Change);
         if (hold.Error() != ERROR_SUCCESS) return static_cast<LSTATUS>(hold.Error());
         error = WriteValue(hold, open->id, name, type, {reinterpret_cast<const char*>(data), size});
         return error == ERROR_SUCCESS ? static_cast<LSTATUS>(hold.Commit()) : error;
@@ -286,7 +286,7 @@ LSTATUS WINAPI RegDeleteValueA(HKEY key, LPCSTR valueName) {
         const KeyUse open(key, KEY_SET_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
         const std::string folded = FoldName(TextOf(valueName));
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kChange);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Change);
         {
             Query remove(hold, kDeleteValue);
             if (!remove.Bind(open->id).Bind(folded).Run()) return static_cast<LSTATUS>(hold.Error());
@@ -304,7 +304,7 @@ LSTATUS WINAPI RegEnumValueA(HKEY key, DWORD index, LPSTR valueName, LPDWORD nam
             return ERROR_INVALID_PARAMETER;
         const KeyUse open(key, KEY_QUERY_VALUE);
         if (open.Error() != ERROR_SUCCESS) return open.Error();
-        DatabaseHold hold(StoreOf(open->root), DatabaseUse::kLook);
+        DatabaseHold hold(StoreOf(open->root), DatabaseUse::Look);
         Query row(hold, kEnumValue);
         if (!row.Bind(open->id).Bind(int64_t{index}).Next()) return NothingFound(hold, *open, ERROR_NO_MORE_ITEMS);
         if (type != nullptr) *type = static_cast<DWORD>(row.Number(1));

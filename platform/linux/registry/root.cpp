@@ -117,13 +117,13 @@ constexpr DatabaseKind kUserKind = {
     .path = UserPath,
 };
 
-Database& g_machine = *new Database(kMachineKind, DatabaseRank::kMachineRegistry);
-Database& g_user = *new Database(kUserKind, DatabaseRank::kUserRegistry);
+Database& g_machine = *new Database(kMachineKind, DatabaseRank::MachineRegistry);
+Database& g_user = *new Database(kUserKind, DatabaseRank::UserRegistry);
 
 } // namespace
 
 Database& StoreOf(Root root) {
-    return root == Root::kMachine ? g_machine : g_user;
+    return root == Root::Machine ? g_machine : g_user;
 }
 
 int64_t TimeNow() {

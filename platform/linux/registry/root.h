@@ -16,7 +16,7 @@
 
 namespace oriel {
 
-enum class Root { kMachine, kUser };
+enum class Root { Machine, User };
 
 // The database of a root. Valid for the life of the process.
 Database& StoreOf(Root root);

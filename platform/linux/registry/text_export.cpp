@@ -38,7 +38,7 @@ LSTATUS SpelledPath(DatabaseHold& hold, Root root, int64_t id, CollectedKey* key
         // A damaged store may have a cycle of parents.
         if (++key->depth > kDeepestPath) return ERROR_BADDB;
     }
-    key->path = (root == Root::kMachine ? "HKEY_LOCAL_MACHINE" : "HKEY_CURRENT_USER") + path;
+    key->path = (root == Root::Machine ? "HKEY_LOCAL_MACHINE" : "HKEY_CURRENT_USER") + path;
     return ERROR_SUCCESS;
 }
 
@@ -52,7 +52,7 @@ void CollectValues(DatabaseHold& hold, CollectedKey* key) {
 
 // Parents before their children, and children in their order: an import creates them in the same order.
 LSTATUS CollectTree(Root root, int64_t top, std::vector<CollectedKey>* keys) {
-    DatabaseHold hold(StoreOf(root), DatabaseUse::kSnapshot);
+    DatabaseHold hold(StoreOf(root), DatabaseUse::Snapshot);
     CollectedKey first{top, 0, {}};
     const LSTATUS found = SpelledPath(hold, root, top, &first);
     if (found != ERROR_SUCCESS) return found;

@@ -93,7 +93,7 @@ private:
     DWORD m_line = 1;
     bool m_unicode = false;
     bool m_inKey = false;
-    Root m_root = Root::kMachine;
+    Root m_root = Root::Machine;
     std::string m_path;
 };
 
@@ -163,9 +163,9 @@ bool TextReader::ReadKey(RegistryChange* change) {
     const size_t rootLength = std::min(whole.find('\\'), whole.size());
     const std::string rootName = FoldName(std::string_view(whole).substr(0, rootLength));
     if (rootName == "HKEY_LOCAL_MACHINE" || rootName == "HKLM")
-        m_root = Root::kMachine;
+        m_root = Root::Machine;
     else if (rootName == "HKEY_CURRENT_USER" || rootName == "HKCU")
-        m_root = Root::kUser;
+        m_root = Root::User;
     else
         return false;
     m_path = rootLength < whole.size() ? whole.substr(rootLength + 1) : std::string();

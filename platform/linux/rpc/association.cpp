@@ -5,6 +5,7 @@
 // library releases it when the thread ends.
 #include "rpc/association.h"
 
+#include "base/list.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
@@ -23,8 +24,9 @@ struct Association {
     unsigned bindings = 0;   // 0: closing
     unsigned references = 0; // bindings and connections
     Association* next = nullptr;
+    Association* previous = nullptr;
 
-    Connection* connections = nullptr;
+    List<Connection> connections;
     Connection* idle = nullptr;
     unsigned idleCount = 0;
 
@@ -102,9 +104,9 @@ RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& in
     // A full server answers before it has read anything, and closes; so the answer counts even when the send fails.
     const Transfer sent = SendPdu(channel, pdu, size);
     Message message;
-    const Transfer received = Receive(channel, Side::client, message, deadline);
-    if (received != Transfer::done)
-        return StatusFromTransfer(sent != Transfer::done ? sent : received, RPC_S_SERVER_UNAVAILABLE);
+    const Transfer received = Receive(channel, Side::Client, message, deadline);
+    if (received != Transfer::Done)
+        return StatusFromTransfer(sent != Transfer::Done ? sent : received, RPC_S_SERVER_UNAVAILABLE);
     try {
         return ReadAnswer(connection, message, interface, group, groupUnknown);
     } catch (const std::bad_alloc&) {
@@ -113,18 +115,14 @@ RPC_STATUS OfferInterface(Connection& connection, const RPC_CLIENT_INTERFACE& in
 }
 
 constinit Lock g_lock;
-Association* g_associations ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
+List<Association> g_associations ORIEL_LOCK_CHECK(guarded_by(g_lock));
 
 constinit thread_local Connection* t_connections __attribute__((tls_model("initial-exec"))) = nullptr;
 pthread_key_t g_threadKey;
 
 void Unreference(Association& association) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     if (--association.references != 0) return;
-    for (Association** link = &g_associations; *link != nullptr; link = &(*link)->next) {
-        if (*link != &association) continue;
-        *link = association.next;
-        break;
-    }
+    g_associations.Remove(association);
     delete &association;
 }
 
@@ -147,11 +145,7 @@ void Disconnect(Connection& connection) ORIEL_LOCK_CHECK(requires_capability(g_l
 void Destroy(Connection* connection) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     Association& association = *connection->association;
     Disconnect(*connection);
-    if (connection->previous != nullptr)
-        connection->previous->next = connection->next;
-    else
-        association.connections = connection->next;
-    if (connection->next != nullptr) connection->next->previous = connection->previous;
+    association.connections.Remove(*connection);
     FreeBuffers(connection->channel);
     delete connection;
     Unreference(association);
@@ -204,9 +198,7 @@ Connection* AddConnection(Association& association) {
         connection = new (std::nothrow) Connection;
         if (connection == nullptr) return nullptr;
         connection->association = &association;
-        connection->next = association.connections;
-        if (connection->next != nullptr) connection->next->previous = connection;
-        association.connections = connection;
+        association.connections.Add(*connection);
         ++association.references;
     }
     connection->nextOfOwner = t_connections;
@@ -279,14 +271,13 @@ RPC_STATUS AddContext(Connection& connection, const RPC_CLIENT_INTERFACE& interf
 
 Association* OpenAssociation(const std::string& endpoint) {
     LockHold hold(g_lock);
-    Association* association = g_associations;
     // An association without bindings is being removed, with its connections cut.
-    while (association != nullptr && (association->bindings == 0 || association->endpoint != endpoint))
-        association = association->next;
+    Association* association = g_associations.Find(
+        [&](const Association& known) { return known.bindings != 0 && known.endpoint == endpoint; });
     if (association == nullptr) {
-        association = new (std::nothrow) Association{.endpoint = endpoint, .next = g_associations};
+        association = new (std::nothrow) Association{.endpoint = endpoint};
         if (association == nullptr) return nullptr;
-        g_associations = association;
+        g_associations.Add(*association);
     }
     ++association->bindings;
     ++association->references;
@@ -302,8 +293,8 @@ void CloseAssociation(Association& association) {
             Destroy(connection);
         }
         // Their threads close the others. The server sees their end now.
-        for (Connection* connection = association.connections; connection != nullptr; connection = connection->next)
-            shutdown(connection->channel.socket, SHUT_RDWR);
+        for (const Connection& connection : association.connections)
+            shutdown(connection.channel.socket, SHUT_RDWR);
         DropClosed();
     }
     Unreference(association);
@@ -357,13 +348,13 @@ namespace {
 
 // The sockets belong to the parent. Threads of the child reconnect, as another process.
 void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    for (Association* association = g_associations; association != nullptr; association = association->next) {
-        for (Connection* connection = association->connections; connection != nullptr; connection = connection->next) {
-            CloseSocket(connection->channel);
-            connection->contextCount = 0;
-            connection->group = 0;
+    for (Association& association : g_associations) {
+        for (Connection& connection : association.connections) {
+            CloseSocket(connection.channel);
+            connection.contextCount = 0;
+            connection.group = 0;
         }
-        association->group = 0;
+        association.group = 0;
     }
     g_lock.ForgetOwner();
 }

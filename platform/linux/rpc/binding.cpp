@@ -105,7 +105,7 @@ RPC_STATUS RPC_ENTRY RpcBindingFromStringBindingA(RPC_CSTR StringBinding, RPC_BI
         auto binding = std::make_unique<Binding>();
         binding->association = OpenAssociation(endpoint);
         if (binding->association == nullptr) return RPC_S_OUT_OF_MEMORY;
-        binding->kind = HandleKind::binding;
+        binding->kind = HandleKind::Binding;
         *Handle = binding.release();
         return RPC_S_OK;
     } catch (const std::bad_alloc&) {
@@ -114,18 +114,18 @@ RPC_STATUS RPC_ENTRY RpcBindingFromStringBindingA(RPC_CSTR StringBinding, RPC_BI
 }
 
 RPC_STATUS RPC_ENTRY RpcBindingFree(RPC_BINDING_HANDLE* Handle) {
-    if (Handle == nullptr || !IsKind(*Handle, HandleKind::binding)) return RPC_S_INVALID_BINDING;
+    if (Handle == nullptr || !IsKind(*Handle, HandleKind::Binding)) return RPC_S_INVALID_BINDING;
     TerminationHold hold;
     auto* binding = static_cast<Binding*>(*Handle);
     *Handle = nullptr;
     CloseAssociation(*binding->association);
-    binding->kind = HandleKind::free;
+    binding->kind = HandleKind::Free;
     delete binding;
     return RPC_S_OK;
 }
 
 RPC_STATUS RPC_ENTRY RpcBindingSetOption(RPC_BINDING_HANDLE hBinding, ULONG option, ULONG_PTR optionValue) {
-    if (!IsKind(hBinding, HandleKind::binding)) return RPC_S_INVALID_BINDING;
+    if (!IsKind(hBinding, HandleKind::Binding)) return RPC_S_INVALID_BINDING;
     if (option != RPC_C_OPT_CALL_TIMEOUT) return RPC_S_CANNOT_SUPPORT;
     if (optionValue > UINT32_MAX) return RPC_S_INVALID_ARG;
     static_cast<Binding*>(hBinding)->callTimeMs.store(static_cast<uint32_t>(optionValue), std::memory_order_relaxed);

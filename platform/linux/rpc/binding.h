@@ -12,13 +12,13 @@ namespace oriel::rpc {
 struct Association;
 
 enum class HandleKind : uint32_t {
-    free = 0,
-    binding = 0x444E4942, // "BIND"
-    call = 0x4C4C4143,    // "CALL"
+    Free = 0,
+    Binding = 0x444E4942, // "BIND"
+    Call = 0x4C4C4143,    // "CALL"
 };
 
 struct HandleRecord {
-    HandleKind kind = HandleKind::free;
+    HandleKind kind = HandleKind::Free;
 };
 
 struct Binding : HandleRecord {

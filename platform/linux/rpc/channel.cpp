@@ -58,14 +58,14 @@ void Release(Channel& channel, Buffer& buffer) {
 Transfer FromErrno(int error) {
     switch (error) {
     case ECONNRESET:
-        return Transfer::reset;
+        return Transfer::Reset;
     case EAGAIN:
-        return Transfer::timedOut;
+        return Transfer::TimedOut;
     case ENOMEM:
     case ENOBUFS:
-        return Transfer::noMemory;
+        return Transfer::NoMemory;
     default:
-        return Transfer::closed;
+        return Transfer::Closed;
     }
 }
 
@@ -90,7 +90,7 @@ Transfer SendAll(int socket, iovec* pieces, size_t count) {
             pieces->iov_len -= left;
         }
     }
-    return Transfer::done;
+    return Transfer::Done;
 }
 
 Transfer SendFragments(Channel& channel, Header header, CallHeader call, size_t length) {
@@ -112,15 +112,15 @@ Transfer SendFragments(Channel& channel, Header header, CallHeader call, size_t 
             offset += size;
         }
         const Transfer result = SendAll(channel.socket, pieces, fragments * 2);
-        if (result != Transfer::done) return result;
+        if (result != Transfer::Done) return result;
     }
-    return Transfer::done;
+    return Transfer::Done;
 }
 
 // Receives until `need` bytes are there, asking for up to `want`.
 Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
-    if (channel.received >= need) return Transfer::done;
-    if (!Reserve(channel, channel.in, need)) return Transfer::noMemory;
+    if (channel.received >= need) return Transfer::Done;
+    if (!Reserve(channel, channel.in, need)) return Transfer::NoMemory;
     want = std::min(want, channel.in.capacity);
     while (channel.received < need) {
         if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(g_timings.rpcMessage);
@@ -130,15 +130,15 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
             channel.received += static_cast<size_t>(count);
             continue;
         }
-        if (count == 0) return Transfer::closed;
+        if (count == 0) return Transfer::Closed;
         if (errno == EINTR) continue;
         if (errno != EAGAIN) return FromErrno(errno);
         const int left = LeftMs(deadline);
-        if (left == 0) return Transfer::timedOut;
+        if (left == 0) return Transfer::TimedOut;
         pollfd input{channel.socket, POLLIN, 0};
         poll(&input, 1, left);
     }
-    return Transfer::done;
+    return Transfer::Done;
 }
 
 // Removes `size` received bytes at `offset`.
@@ -148,7 +148,7 @@ void Cut(Channel& channel, size_t offset, size_t size) {
 }
 
 bool AsksForNothing(Side side, uint8_t type) {
-    return side == Side::server ? type == kCancel || type == kOrphaned : type == kShutdown;
+    return side == Side::Server ? type == kCancel || type == kOrphaned : type == kShutdown;
 }
 
 } // namespace
@@ -171,7 +171,7 @@ Transfer SendPdu(Channel& channel, const uint8_t* pdu, size_t size) {
         pdu += sent;
         size -= static_cast<size_t>(sent);
     }
-    return Transfer::done;
+    return Transfer::Done;
 }
 
 Transfer Send(Channel& channel, Header header, CallHeader call, size_t length) {
@@ -185,7 +185,7 @@ Transfer Send(Channel& channel, Header header, CallHeader call, size_t length) {
 }
 
 Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline) {
-    const uint8_t assembled = side == Side::server ? kRequest : kResponse;
+    const uint8_t assembled = side == Side::Server ? kRequest : kResponse;
     if (channel.consumed > 0) Cut(channel, 0, channel.consumed);
     channel.consumed = 0;
 
@@ -196,19 +196,19 @@ Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline
     for (;;) {
         const size_t want = begun ? at + kCallHeaderSize : channel.largestReceived + kCallHeaderSize;
         Transfer result = Fill(channel, at + kHeaderSize, want, deadline);
-        if (result != Transfer::done) return result;
+        if (result != Transfer::Done) return result;
 
         Header header;
         const bool plausible = DecodeHeader(channel.in.data + at, header);
         if (!begun) message.header = header;
-        if (header.majorVersion != 5 || header.minorVersion > 1) return Transfer::wrongVersion;
-        if (!plausible || header.fragmentLength > channel.largestReceived) return Transfer::malformed;
+        if (header.majorVersion != 5 || header.minorVersion > 1) return Transfer::WrongVersion;
+        if (!plausible || header.fragmentLength > channel.largestReceived) return Transfer::Malformed;
         if (begun && at - bodyStart + header.fragmentLength > kLargestBody + kCallHeaderSize + kObjectSize)
-            return Transfer::tooLarge;
+            return Transfer::TooLarge;
 
         const size_t end = at + header.fragmentLength;
         result = Fill(channel, end, end + kCallHeaderSize, deadline);
-        if (result != Transfer::done) return result;
+        if (result != Transfer::Done) return result;
         uint8_t* pdu = channel.in.data + at;
 
         if (AsksForNothing(side, header.type)) {
@@ -222,46 +222,46 @@ Transfer Receive(Channel& channel, Side side, Message& message, int64_t deadline
             if (!begun) deadline = whole;
             continue;
         }
-        if (header.authLength != 0) return Transfer::authenticated;
+        if (header.authLength != 0) return Transfer::Authenticated;
         if (header.type != assembled) {
             // A server may send a fault instead of the rest of its response; nothing else may come between fragments.
-            if (begun && header.type != kFault) return Transfer::malformed;
+            if (begun && header.type != kFault) return Transfer::Malformed;
             message.header = header;
             message.pdu = pdu;
             channel.consumed = end;
-            return Transfer::done;
+            return Transfer::Done;
         }
 
         CallHeader call;
-        if (!DecodeCallHeader(pdu, header, call)) return Transfer::malformed;
+        if (!DecodeCallHeader(pdu, header, call)) return Transfer::Malformed;
         const size_t offset =
-            kCallHeaderSize + (side == Side::server && (header.flags & kObjectUuid) != 0 ? kObjectSize : 0);
+            kCallHeaderSize + (side == Side::Server && (header.flags & kObjectUuid) != 0 ? kObjectSize : 0);
         const size_t length = header.fragmentLength - offset;
         if (!begun) {
-            if ((header.flags & kFirstFragment) == 0) return Transfer::malformed;
+            if ((header.flags & kFirstFragment) == 0) return Transfer::Malformed;
             begun = true;
             message.call = call;
             bodyStart = at = offset;
             if ((header.flags & kLastFragment) == 0 &&
                 !Reserve(channel, channel.in,
                          std::min<size_t>(call.allocationHint, kTrustedHint) + 2 * kCallHeaderSize))
-                return Transfer::noMemory;
+                return Transfer::NoMemory;
         } else {
             const Header& first = message.header;
             if ((header.flags & kFirstFragment) != 0 || header.callId != first.callId ||
                 header.representation != first.representation || call.contextId != message.call.contextId ||
-                (side == Side::server && call.procedure != message.call.procedure))
-                return Transfer::malformed;
+                (side == Side::Server && call.procedure != message.call.procedure))
+                return Transfer::Malformed;
             Cut(channel, at, offset);
         }
         at += length;
-        if (at - bodyStart > kLargestBody) return Transfer::tooLarge;
+        if (at - bodyStart > kLargestBody) return Transfer::TooLarge;
         if ((header.flags & kLastFragment) == 0) continue;
 
         message.body = channel.in.data + bodyStart;
         message.length = at - bodyStart;
         channel.consumed = at;
-        return Transfer::done;
+        return Transfer::Done;
     }
 }
 

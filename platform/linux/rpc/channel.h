@@ -36,15 +36,15 @@ struct Channel {
 };
 
 enum class Transfer {
-    done,
-    closed, // end of the stream, possibly within a message
-    reset,  // closed by a peer that had not read everything sent
-    timedOut,
-    malformed,     // impossible lengths, flags or order of fragments
-    wrongVersion,  // the version is in message.header
-    authenticated, // an authentication trailer, which is not supported
-    tooLarge,      // a body above kLargestBody
-    noMemory,
+    Done,
+    Closed, // end of the stream, possibly within a message
+    Reset,  // closed by a peer that had not read everything sent
+    TimedOut,
+    Malformed,     // impossible lengths, flags or order of fragments
+    WrongVersion,  // the version is in message.header
+    Authenticated, // an authentication trailer, which is not supported
+    TooLarge,      // a body above kLargestBody
+    NoMemory,
 };
 
 struct Message {
@@ -55,7 +55,7 @@ struct Message {
     size_t length;
 };
 
-enum class Side { client, server };
+enum class Side { Client, Server };
 
 // Makes room for a body of that length in `out`, keeping its contents.
 bool ReserveBody(Channel& channel, size_t length);

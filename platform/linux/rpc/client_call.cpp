@@ -40,7 +40,7 @@ RPC_STATUS ReadFault(const Message& reply) {
 // none.
 RPC_STATUS Refusal(Connection& connection) {
     Message reply;
-    if (Receive(connection.channel, Side::client, reply, MonotonicNs()) != Transfer::done) return RPC_S_OK;
+    if (Receive(connection.channel, Side::Client, reply, MonotonicNs()) != Transfer::Done) return RPC_S_OK;
     return reply.header.type == kFault && reply.header.callId == connection.callId ? ReadFault(reply) : RPC_S_OK;
 }
 
@@ -49,22 +49,22 @@ RPC_STATUS SendOnce(RPC_MESSAGE& message, Connection& connection, Transfer& sent
     const CallHeader call{.contextId = connection.contextId,
                           .procedure = static_cast<uint16_t>(message.ProcNum & ~kFlagsValid)};
     sent = Send(connection.channel, header, call, message.BufferLength);
-    if (sent == Transfer::done) return RPC_S_OK;
+    if (sent == Transfer::Done) return RPC_S_OK;
     // No server has the whole request, so none has executed it.
     const RPC_STATUS refused = Refusal(connection);
     LoseConnection(connection);
     if (refused != RPC_S_OK) return refused;
-    return sent == Transfer::noMemory ? RPC_S_OUT_OF_MEMORY : RPC_S_CALL_FAILED_DNE;
+    return sent == Transfer::NoMemory ? RPC_S_OUT_OF_MEMORY : RPC_S_CALL_FAILED_DNE;
 }
 
 RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     Message reply;
     // Unbounded, unless the binding has a limit: a call lasts as long as the server needs, and some need long. The end
     // of the server or of the connection is noticed at once; a thread that is terminated here holds nothing.
-    const Transfer received = Receive(connection.channel, Side::client, reply, connection.deadline);
+    const Transfer received = Receive(connection.channel, Side::Client, reply, connection.deadline);
     // Reset: the server had not read the whole request.
     RPC_STATUS status =
-        StatusFromTransfer(received, received == Transfer::reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
+        StatusFromTransfer(received, received == Transfer::Reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
     if (status == RPC_S_OK) {
         if (reply.header.callId != connection.callId) {
             status = RPC_S_PROTOCOL_ERROR;
@@ -100,9 +100,9 @@ void LimitSending(Connection& connection) {
 
 RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
     LimitSending(connection);
-    Transfer sent = Transfer::done;
+    Transfer sent = Transfer::Done;
     RPC_STATUS status = SendOnce(message, connection, sent);
-    if (sent == Transfer::closed || sent == Transfer::reset) {
+    if (sent == Transfer::Closed || sent == Transfer::Reset) {
         if (status != RPC_S_CALL_FAILED_DNE) return status;
         // Dead since its last call, for instance because the service restarted. The request is still in the buffer.
         status = Establish(connection, Interface(message));
@@ -154,17 +154,17 @@ using namespace oriel::rpc;
 
 RPC_STATUS RPC_ENTRY I_RpcGetBuffer(RPC_MESSAGE* Message) {
     if (Message == nullptr) return RPC_S_INVALID_ARG;
-    if (IsKind(Message->Handle, HandleKind::binding)) return GetRequestBuffer(*Message);
-    if (IsKind(Message->Handle, HandleKind::call)) return GetReplyBuffer(*Message);
+    if (IsKind(Message->Handle, HandleKind::Binding)) return GetRequestBuffer(*Message);
+    if (IsKind(Message->Handle, HandleKind::Call)) return GetReplyBuffer(*Message);
     return RPC_S_INVALID_BINDING;
 }
 
 RPC_STATUS RPC_ENTRY I_RpcSendReceive(RPC_MESSAGE* Message) {
     if (Message == nullptr) return RPC_S_INVALID_ARG;
-    return IsKind(Message->Handle, HandleKind::binding) ? SendRequest(*Message) : RPC_S_INVALID_BINDING;
+    return IsKind(Message->Handle, HandleKind::Binding) ? SendRequest(*Message) : RPC_S_INVALID_BINDING;
 }
 
 RPC_STATUS RPC_ENTRY I_RpcFreeBuffer(RPC_MESSAGE* Message) {
     if (Message == nullptr) return RPC_S_INVALID_ARG;
-    return IsKind(Message->Handle, HandleKind::binding) ? FreeReply(*Message) : RPC_S_INVALID_BINDING;
+    return IsKind(Message->Handle, HandleKind::Binding) ? FreeReply(*Message) : RPC_S_INVALID_BINDING;
 }

@@ -2,6 +2,7 @@
 // connection take.
 #include "rpc/client_groups.h"
 
+#include "base/list.h"
 #include "base/lock.h"
 #include "base/steps.h"
 
@@ -12,23 +13,12 @@ namespace oriel::rpc {
 namespace {
 
 constinit Lock g_lock;
-User* g_users ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
-Group* g_groups ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
+List<User> g_users ORIEL_LOCK_CHECK(guarded_by(g_lock));
+List<Group> g_groups ORIEL_LOCK_CHECK(guarded_by(g_lock));
 unsigned g_connections ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0;
 
-template <typename Entry>
-void Unlink(Entry*& list, const Entry* entry) {
-    Entry** link = &list;
-    while (*link != entry)
-        link = &(*link)->next;
-    *link = entry->next;
-}
-
 Group* FindGroup(uint32_t id) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
-    Group* group = g_groups;
-    while (group != nullptr && group->id != id)
-        group = group->next;
-    return group;
+    return g_groups.Find([=](const Group& group) { return group.id == id; });
 }
 
 // Random, so that a client that outlived another server does not find somebody else's group here.
@@ -43,15 +33,13 @@ uint32_t NewGroupId() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
 
 User* AdmitUser(uid_t id) {
     LockHold hold(g_lock);
-    User* user = g_users;
-    while (user != nullptr && user->id != id)
-        user = user->next;
+    User* user = g_users.Find([=](const User& known) { return known.id == id; });
     if (g_connections >= kMaxConnections || (user != nullptr && user->connections >= kMaxUserConnections))
         return nullptr;
     if (user == nullptr) {
-        user = new (std::nothrow) User{.id = id, .next = g_users};
+        user = new (std::nothrow) User{.id = id};
         if (user == nullptr) return nullptr;
-        g_users = user;
+        g_users.Add(*user);
     }
     ++user->connections;
     ++g_connections;
@@ -62,7 +50,7 @@ void DismissUser(User* user) {
     LockHold hold(g_lock);
     --g_connections;
     if (--user->connections != 0) return;
-    Unlink(g_users, user);
+    g_users.Remove(*user);
     delete user;
 }
 
@@ -73,9 +61,9 @@ Group* JoinGroup(uint32_t id, uid_t user, pid_t process) {
         group = FindGroup(id);
         if (group == nullptr || group->user != user || group->process != process) return nullptr;
     } else {
-        group = new (std::nothrow) Group{.id = NewGroupId(), .user = user, .process = process, .next = g_groups};
+        group = new (std::nothrow) Group{.id = NewGroupId(), .user = user, .process = process};
         if (group == nullptr) return nullptr;
-        g_groups = group;
+        g_groups.Add(*group);
     }
     ++group->connections;
     return group;
@@ -85,7 +73,7 @@ void LeaveGroup(Group* group) {
     {
         LockHold hold(g_lock);
         if (--group->connections != 0) return;
-        Unlink(g_groups, group);
+        g_groups.Remove(*group);
     }
     if (const PRPC_RUNDOWN rundown = group->rundown.load()) rundown(group->context.load());
     delete group;
@@ -94,8 +82,8 @@ void LeaveGroup(Group* group) {
 namespace {
 
 void LeaveGroupsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    g_users = nullptr;
-    g_groups = nullptr;
+    g_users.Forget();
+    g_groups.Forget();
     g_connections = 0;
     g_lock.ForgetOwner();
 }

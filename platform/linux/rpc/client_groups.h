@@ -19,6 +19,7 @@ struct User {
     unsigned connections = 0;
     std::atomic<size_t> bytes{0};
     User* next = nullptr;
+    User* previous = nullptr;
 };
 
 // Counts a connection of that user. Null when the user or all users together have enough, or out of memory.
@@ -35,6 +36,7 @@ struct Group {
     std::atomic<PRPC_RUNDOWN> rundown{nullptr};
     std::atomic<void*> context{nullptr};
     Group* next = nullptr;
+    Group* previous = nullptr;
 };
 
 // id 0: a new group. Null: that process has no such group, or out of memory.

@@ -66,18 +66,18 @@ RPC_STATUS StatusFromFault(uint32_t fault, bool didNotExecute) {
 
 RPC_STATUS StatusFromTransfer(Transfer result, RPC_STATUS lost) {
     switch (result) {
-    case Transfer::done:
+    case Transfer::Done:
         return RPC_S_OK;
-    case Transfer::closed:
-    case Transfer::reset:
-    case Transfer::timedOut:
+    case Transfer::Closed:
+    case Transfer::Reset:
+    case Transfer::TimedOut:
         return lost;
-    case Transfer::noMemory:
+    case Transfer::NoMemory:
         return RPC_S_OUT_OF_MEMORY;
-    case Transfer::malformed:
-    case Transfer::wrongVersion:
-    case Transfer::authenticated:
-    case Transfer::tooLarge:
+    case Transfer::Malformed:
+    case Transfer::WrongVersion:
+    case Transfer::Authenticated:
+    case Transfer::TooLarge:
         break;
     }
     return RPC_S_PROTOCOL_ERROR;

@@ -21,19 +21,19 @@ namespace oriel::rpc {
 namespace {
 
 enum class State {
-    idle,
-    listening,
-    stopping,   // asked to stop, or stopped, and not yet waited for
-    abandoning, // could not start on all endpoints
+    Idle,
+    Listening,
+    Stopping,   // asked to stop, or stopped, and not yet waited for
+    Abandoning, // could not start on all endpoints
 };
 
 // For the work of a dispatch function; untouched pages cost nothing.
 constexpr size_t kCallStackSize = 256 * 1024;
 
 constinit Lock g_lock;
-State g_state ORIEL_LOCK_CHECK(guarded_by(g_lock)) = State::idle;
+State g_state ORIEL_LOCK_CHECK(guarded_by(g_lock)) = State::Idle;
 std::list<Endpoint>* g_endpoints ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr; // never freed: threads outlive main()
-ServerConnection* g_connections ORIEL_LOCK_CHECK(guarded_by(g_lock)) = nullptr;
+List<ServerConnection> g_connections ORIEL_LOCK_CHECK(guarded_by(g_lock));
 unsigned g_threads ORIEL_LOCK_CHECK(guarded_by(g_lock)) = 0; // accepting or serving
 bool g_waiting ORIEL_LOCK_CHECK(guarded_by(g_lock)) = false;
 Word g_stops{0};
@@ -41,7 +41,7 @@ Word g_stops{0};
 void EndThread() {
     LockHold hold(g_lock);
     if (--g_threads != 0) return;
-    if (g_state == State::abandoning) g_state = State::idle;
+    if (g_state == State::Abandoning) g_state = State::Idle;
     g_stops.fetch_add(1);
     WakeAll(g_stops, false);
 }
@@ -80,11 +80,9 @@ bool StartConnection(const Endpoint& endpoint, int socket) {
     bool listening = false;
     {
         LockHold hold(g_lock);
-        listening = g_state == State::listening;
+        listening = g_state == State::Listening;
         if (listening) {
-            connection->next = g_connections;
-            if (connection->next != nullptr) connection->next->previous = connection;
-            g_connections = connection;
+            g_connections.Add(*connection);
             ++g_threads;
         }
     }
@@ -100,7 +98,7 @@ bool StartConnection(const Endpoint& endpoint, int socket) {
 
 bool IsListening() {
     LockHold hold(g_lock);
-    return g_state == State::listening;
+    return g_state == State::Listening;
 }
 
 void AcceptConnections(const Endpoint& endpoint) {
@@ -151,35 +149,29 @@ void StopListening(State state) ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
     for (const Endpoint& endpoint : *g_endpoints)
         if (endpoint.listener >= 0) shutdown(endpoint.listener, SHUT_RDWR);
     // A call in progress still sends its reply; the next receive sees the end.
-    for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
-        shutdown(connection->channel.socket, SHUT_RD);
+    for (const ServerConnection& connection : g_connections)
+        shutdown(connection.channel.socket, SHUT_RD);
 }
 
 } // namespace
 
 bool IsInUse(const OfferedInterface* offered) {
     LockHold hold(g_lock);
-    for (const ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
-        if (connection->calling.load() == offered) return true;
-    return false;
+    return g_connections.Find([=](const ServerConnection& one) { return one.calling.load() == offered; }) != nullptr;
 }
 
 void ForgetConnection(ServerConnection& connection) {
     LockHold hold(g_lock);
-    if (connection.previous != nullptr)
-        connection.previous->next = connection.next;
-    else
-        g_connections = connection.next;
-    if (connection.next != nullptr) connection.next->previous = connection.previous;
+    g_connections.Remove(connection);
 }
 
 namespace {
 
 // The child serves nobody, and clients of the parent must not wait for it when the parent ends.
 void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    for (ServerConnection* connection = g_connections; connection != nullptr; connection = connection->next)
-        close(connection->channel.socket);
-    g_connections = nullptr;
+    for (const ServerConnection& connection : g_connections)
+        close(connection.channel.socket);
+    g_connections.Forget();
     if (g_endpoints != nullptr) {
         for (Endpoint& endpoint : *g_endpoints) {
             for (const int descriptor : {endpoint.listener, endpoint.lock, endpoint.folder})
@@ -189,7 +181,7 @@ void LeaveServerToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     g_endpoints = nullptr;
     g_threads = 0;
     g_waiting = false;
-    g_state = State::idle;
+    g_state = State::Idle;
     g_lock.ForgetOwner();
 }
 
@@ -228,7 +220,7 @@ RPC_STATUS RPC_ENTRY RpcServerUseProtseqEpA(RPC_CSTR Protseq, unsigned int, RPC_
 RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int DontWait) {
     {
         LockHold hold(g_lock);
-        if (g_state != State::idle) return RPC_S_ALREADY_LISTENING;
+        if (g_state != State::Idle) return RPC_S_ALREADY_LISTENING;
         if (g_endpoints == nullptr || g_endpoints->empty()) return RPC_S_NO_PROTSEQS_REGISTERED;
         RaiseDescriptorLimit();
         RPC_STATUS status = RPC_S_OK;
@@ -238,11 +230,11 @@ RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int Do
             if (status == RPC_S_OK && StartThread(kCallStackSize, AcceptThread, &endpoint) != 0)
                 status = RPC_S_OUT_OF_THREADS;
             if (status != RPC_S_OK) break;
-            g_state = State::listening;
+            g_state = State::Listening;
             ++g_threads;
         }
         if (status != RPC_S_OK) {
-            if (g_state == State::listening) StopListening(State::abandoning);
+            if (g_state == State::Listening) StopListening(State::Abandoning);
             return status;
         }
     }
@@ -252,8 +244,8 @@ RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int Do
 RPC_STATUS RPC_ENTRY RpcMgmtStopServerListening(RPC_BINDING_HANDLE Binding) {
     if (Binding != nullptr) return RPC_S_WRONG_KIND_OF_BINDING;
     LockHold hold(g_lock);
-    if (g_state != State::listening) return RPC_S_NOT_LISTENING;
-    StopListening(State::stopping);
+    if (g_state != State::Listening) return RPC_S_NOT_LISTENING;
+    StopListening(State::Stopping);
     return RPC_S_OK;
 }
 
@@ -262,11 +254,11 @@ RPC_STATUS RPC_ENTRY RpcMgmtWaitServerListen(void) {
         SleepPoint stops{&g_stops, 0, false};
         {
             LockHold hold(g_lock);
-            if (first && g_state != State::listening && g_state != State::stopping) return RPC_S_NOT_LISTENING;
+            if (first && g_state != State::Listening && g_state != State::Stopping) return RPC_S_NOT_LISTENING;
             if (first && g_waiting) return RPC_S_ALREADY_LISTENING;
             g_waiting = g_threads != 0;
             if (!g_waiting) {
-                g_state = State::idle;
+                g_state = State::Idle;
                 return RPC_S_OK;
             }
             stops.value = g_stops.load();

@@ -7,6 +7,7 @@
 //   client_groups.cpp      association groups and users
 #pragma once
 
+#include "base/list.h"
 #include "rpc/binding.h"
 #include "rpc/channel.h"
 #include "rpc/client_groups.h"

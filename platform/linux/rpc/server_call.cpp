@@ -19,8 +19,8 @@ RPC_STATUS FindCall(RPC_BINDING_HANDLE handle, ServerConnection*& connection) {
                    ? RPC_S_OK
                    : RPC_S_NO_CALL_ACTIVE;
     }
-    if (IsKind(handle, HandleKind::binding)) return RPC_S_WRONG_KIND_OF_BINDING;
-    if (!IsKind(handle, HandleKind::call)) return RPC_S_INVALID_BINDING;
+    if (IsKind(handle, HandleKind::Binding)) return RPC_S_WRONG_KIND_OF_BINDING;
+    if (!IsKind(handle, HandleKind::Call)) return RPC_S_INVALID_BINDING;
     connection = static_cast<ServerConnection*>(handle);
     return RPC_S_OK;
 }

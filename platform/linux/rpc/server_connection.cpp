@@ -15,7 +15,7 @@ namespace oriel::rpc {
 namespace {
 
 bool Answered(Transfer result) {
-    return result == Transfer::done;
+    return result == Transfer::Done;
 }
 
 // Answers other than responses use the send buffer, because their size depends on the request.
@@ -44,23 +44,23 @@ void Refuse(ServerConnection& connection, const Message& message, Transfer why) 
     const bool isBind = message.header.type == kBind;
     const bool isRequest = message.header.type == kRequest && connection.group != nullptr;
     switch (why) {
-    case Transfer::wrongVersion:
+    case Transfer::WrongVersion:
         if (isBind) SendNak(connection, message, kNakVersionNotSupported);
         break;
-    case Transfer::authenticated:
+    case Transfer::Authenticated:
         if (isBind) SendNak(connection, message, kNakAuthenticationNotRecognized);
         [[fallthrough]];
-    case Transfer::malformed:
+    case Transfer::Malformed:
         if (isRequest) SendFault(connection, message, RPC_S_PROTOCOL_ERROR, false);
         break;
-    case Transfer::tooLarge:
-    case Transfer::noMemory:
+    case Transfer::TooLarge:
+    case Transfer::NoMemory:
         if (isRequest) SendFault(connection, message, RPC_S_SERVER_OUT_OF_MEMORY, false);
         break;
-    case Transfer::done:
-    case Transfer::closed:
-    case Transfer::reset:
-    case Transfer::timedOut:
+    case Transfer::Done:
+    case Transfer::Closed:
+    case Transfer::Reset:
+    case Transfer::TimedOut:
         break;
     }
 }
@@ -222,15 +222,15 @@ bool Handle(ServerConnection& connection, const Message& message) {
 
 void ServeConnection(ServerConnection& connection) {
     t_connection = &connection;
-    connection.kind = HandleKind::call;
+    connection.kind = HandleKind::Call;
     // A client connects in order to bind. After that it may be silent for as long as it likes.
     const int64_t bindDeadline = DeadlineAfter(g_timings.rpcMessage);
     try {
         for (;;) {
             Message message{};
             const Transfer result =
-                Receive(connection.channel, Side::server, message, connection.group != nullptr ? kNever : bindDeadline);
-            if (result != Transfer::done) {
+                Receive(connection.channel, Side::Server, message, connection.group != nullptr ? kNever : bindDeadline);
+            if (result != Transfer::Done) {
                 Refuse(connection, message, result);
                 break;
             }
@@ -239,7 +239,7 @@ void ServeConnection(ServerConnection& connection) {
     } catch (const std::bad_alloc&) {
         // A bind that failed for lack of memory.
     }
-    connection.kind = HandleKind::free;
+    connection.kind = HandleKind::Free;
     t_connection = nullptr;
     ForgetConnection(connection);
     CloseSocket(connection.channel);

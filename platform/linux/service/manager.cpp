@@ -46,7 +46,7 @@ DWORD FindConfiguration(const std::string& name) {
 
 DWORD OpenServiceHandle(const char* name, DWORD access, SC_HANDLE* handle) {
     DWORD granted = 0;
-    const DWORD error = GrantRights(access, kServiceRights, kServiceReaders, StoreOf(Root::kMachine), &granted);
+    const DWORD error = GrantRights(access, kServiceRights, kServiceReaders, StoreOf(Root::Machine), &granted);
     if (error != ERROR_SUCCESS) return error;
     *handle =
         static_cast<SC_HANDLE>(NewHandle(new ServiceObject{{&kServiceType}, name, FoldServiceName(name)}, granted));
@@ -85,10 +85,10 @@ DWORD ConfigureService(const ServiceConfiguration& wanted) {
     const std::string path = ServiceKeyPath(wanted.name);
     const char* display = wanted.displayName != nullptr ? wanted.displayName : wanted.name;
     const auto set = [&path](const char* name, DWORD type, std::string data) {
-        return RegistryChange{RegistryChange::kSetValue, Root::kMachine, path, name, type, std::move(data)};
+        return RegistryChange{RegistryChange::kSetValue, Root::Machine, path, name, type, std::move(data)};
     };
     const RegistryChange changes[] = {
-        {RegistryChange::kRequireAbsent, Root::kMachine, path, "ImagePath"},
+        {RegistryChange::kRequireAbsent, Root::Machine, path, "ImagePath"},
         set("Type", REG_DWORD, DwordData(wanted.type)),
         set("Start", REG_DWORD, DwordData(wanted.start)),
         set("ErrorControl", REG_DWORD, DwordData(wanted.errorControl)),
@@ -118,8 +118,8 @@ SC_HANDLE WINAPI OpenSCManagerA(LPCSTR machine, LPCSTR database, DWORD access) {
         if (machine != nullptr && *machine != '\0') return ERROR_NOT_SUPPORTED;
         if (database != nullptr && std::strcmp(database, SERVICES_ACTIVE_DATABASEA) != 0) return ERROR_INVALID_NAME;
         DWORD granted = 0;
-        const DWORD refused = GrantRights(access | SC_MANAGER_CONNECT, kManagerRights, kManagerReaders,
-                                          StoreOf(Root::kMachine), &granted);
+        const DWORD refused =
+            GrantRights(access | SC_MANAGER_CONNECT, kManagerRights, kManagerReaders, StoreOf(Root::Machine), &granted);
         if (refused != ERROR_SUCCESS) return refused;
         handle = static_cast<SC_HANDLE>(NewHandle(new ManagerObject{{&kManagerType}}, granted));
         return handle != nullptr ? ERROR_SUCCESS : GetLastError();
@@ -155,7 +155,7 @@ BOOL WINAPI DeleteService(SC_HANDLE service) {
         if (!use) return GetLastError();
         const DWORD error = FindConfiguration(use->name);
         if (error != ERROR_SUCCESS) return error == ERROR_FILE_NOT_FOUND ? ERROR_SERVICE_MARKED_FOR_DELETE : error;
-        const RegistryChange removal{RegistryChange::kDeleteTree, Root::kMachine, ServiceKeyPath(use->name)};
+        const RegistryChange removal{RegistryChange::kDeleteTree, Root::Machine, ServiceKeyPath(use->name)};
         return static_cast<DWORD>(ApplyChanges({&removal, 1}));
     }));
 }

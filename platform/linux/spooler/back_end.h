@@ -52,7 +52,7 @@ struct Job {
     std::string datatype;
 };
 
-enum class JobCommand { kPause, kResume, kCancel };
+enum class JobCommand { Pause, Resume, Cancel };
 
 // Every procedure returns ERROR_SUCCESS or a code of its call's contract, and throws only std::bad_alloc. Any threads
 // may call them at the same time.

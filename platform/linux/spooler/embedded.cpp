@@ -53,7 +53,7 @@ constexpr DatabaseKind kSpoolKind = {
     .path = SpoolPath,
 };
 
-Database& g_spool = *new Database(kSpoolKind, DatabaseRank::kSpool);
+Database& g_spool = *new Database(kSpoolKind, DatabaseRank::Spool);
 
 Printer PrinterOf(const Query& row) {
     Printer printer;
@@ -71,7 +71,7 @@ Database& SpoolStore() {
 }
 
 DWORD ListPrinters(std::vector<Printer>* printers) {
-    DatabaseHold hold(g_spool, DatabaseUse::kLook);
+    DatabaseHold hold(g_spool, DatabaseUse::Look);
     // Nothing was ever added.
     if (hold.Error() == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
     Query row(hold, kList);
@@ -81,7 +81,7 @@ DWORD ListPrinters(std::vector<Printer>* printers) {
 }
 
 DWORD FindPrinter(const std::string& folded, int64_t* id) {
-    DatabaseHold hold(g_spool, DatabaseUse::kLook);
+    DatabaseHold hold(g_spool, DatabaseUse::Look);
     Query row(hold, kFind);
     if (!row.Bind(folded).Next()) return hold.Error() != ERROR_SUCCESS ? hold.Error() : ERROR_FILE_NOT_FOUND;
     *id = row.Number(0);
@@ -89,7 +89,7 @@ DWORD FindPrinter(const std::string& folded, int64_t* id) {
 }
 
 DWORD ReadPrinter(int64_t id, Printer* printer) {
-    DatabaseHold hold(g_spool, DatabaseUse::kLook);
+    DatabaseHold hold(g_spool, DatabaseUse::Look);
     Query row(hold, kRead);
     if (!row.Bind(id).Next()) return hold.Error() != ERROR_SUCCESS ? hold.Error() : ERROR_FILE_NOT_FOUND;
     *printer = PrinterOf(row);

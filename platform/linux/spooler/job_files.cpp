@@ -240,15 +240,15 @@ DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command) {
     const Descriptor file = OpenHead(folder, job, O_RDWR);
     // Another user's file, or one that is gone by now.
     if (!file.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
-    if (command == JobCommand::kCancel && !read.spooling) {
+    if (command == JobCommand::Cancel && !read.spooling) {
         // Others may not remove a head even when its user lets them write it.
         if (unlinkat(folder, HeadName(job).c_str(), 0) != 0) return FileError();
         unlinkat(folder, DataName(job).c_str(), 0);
         return ERROR_SUCCESS;
     }
-    const bool done = command == JobCommand::kCancel ? WriteWord(file.Get(), offsetof(JobHead, deleting), kSet)
-                                                     : WriteWord(file.Get(), offsetof(JobHead, paused),
-                                                                 command == JobCommand::kPause ? kSet : kUnset);
+    const bool done = command == JobCommand::Cancel ? WriteWord(file.Get(), offsetof(JobHead, deleting), kSet)
+                                                    : WriteWord(file.Get(), offsetof(JobHead, paused),
+                                                                command == JobCommand::Pause ? kSet : kUnset);
     return done ? ERROR_SUCCESS : FileError();
 }
 

@@ -45,14 +45,14 @@ namespace {
 DWORD CommandOf(DWORD number, JobCommand* command) {
     switch (number) {
     case JOB_CONTROL_PAUSE:
-        *command = JobCommand::kPause;
+        *command = JobCommand::Pause;
         return ERROR_SUCCESS;
     case JOB_CONTROL_RESUME:
-        *command = JobCommand::kResume;
+        *command = JobCommand::Resume;
         return ERROR_SUCCESS;
     case JOB_CONTROL_CANCEL:
     case JOB_CONTROL_DELETE:
-        *command = JobCommand::kCancel;
+        *command = JobCommand::Cancel;
         return ERROR_SUCCESS;
     default:
         return ERROR_INVALID_PARAMETER;

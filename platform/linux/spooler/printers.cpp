@@ -122,17 +122,17 @@ LSTATUS WritePrinterKey(const Printer& printer) {
     std::vector<RegistryChange> changes;
     for (size_t text = 0; text < kPrinterTextCount; ++text) {
         if (kValueNames[text] == nullptr) continue;
-        changes.push_back({RegistryChange::kSetValue, Root::kMachine, path, kValueNames[text], REG_SZ,
-                           TextData(printer.texts[text])});
+        changes.push_back(
+            {RegistryChange::kSetValue, Root::Machine, path, kValueNames[text], REG_SZ, TextData(printer.texts[text])});
     }
     changes.push_back(
-        {RegistryChange::kSetValue, Root::kMachine, path, "Attributes", REG_DWORD, DwordData(printer.attributes)});
-    changes.push_back({RegistryChange::kMakeKey, Root::kMachine, path + "\\PrinterDriverData"});
+        {RegistryChange::kSetValue, Root::Machine, path, "Attributes", REG_DWORD, DwordData(printer.attributes)});
+    changes.push_back({RegistryChange::kMakeKey, Root::Machine, path + "\\PrinterDriverData"});
     return ApplyChanges(changes);
 }
 
 LSTATUS DeletePrinterKey(const Printer& printer) {
-    const RegistryChange removal{RegistryChange::kDeleteTree, Root::kMachine,
+    const RegistryChange removal{RegistryChange::kDeleteTree, Root::Machine,
                                  kPrintersKey + PrinterKeyName(printer.Name())};
     return ApplyChanges({&removal, 1});
 }
@@ -144,7 +144,7 @@ DWORD AddNewPrinter(const PRINTER_INFO_2A& record, HANDLE* handle) {
     DWORD error = ReadPrinterRecord(record, &printer);
     if (error != ERROR_SUCCESS) return error;
     const std::string folded = FoldName(printer.Name());
-    DatabaseHold hold(SpoolStore(), DatabaseUse::kChange);
+    DatabaseHold hold(SpoolStore(), DatabaseUse::Change);
     if (hold.Error() != ERROR_SUCCESS) return hold.Error();
     int64_t id = 0;
     error = AddPrinterRow(hold, printer, folded, &id);
@@ -160,7 +160,7 @@ DWORD DeleteOpenPrinter(const PrinterObject& open) {
     if (open.backEnd != &kEmbeddedSpool) return ERROR_NOT_SUPPORTED;
     DWORD error = open.backEnd->readPrinter(open.key, &printer);
     if (error != ERROR_SUCCESS) return error;
-    DatabaseHold hold(SpoolStore(), DatabaseUse::kChange);
+    DatabaseHold hold(SpoolStore(), DatabaseUse::Change);
     if (hold.Error() != ERROR_SUCCESS) return hold.Error();
     error = DeletePrinterRow(hold, open.key.id);
     if (error == ERROR_FILE_NOT_FOUND) return ERROR_PRINTER_DELETED;

@@ -259,9 +259,9 @@ void Database::CloseAll() {
 }
 
 DatabaseHold::DatabaseHold(Database& database, DatabaseUse use) : m_database(database), m_held(database.m_lock) {
-    m_error = database.Open(use == DatabaseUse::kChange);
-    if (m_error != ERROR_SUCCESS || use == DatabaseUse::kLook) return;
-    m_inTransaction = Execute(use == DatabaseUse::kChange ? "BEGIN IMMEDIATE" : "BEGIN");
+    m_error = database.Open(use == DatabaseUse::Change);
+    if (m_error != ERROR_SUCCESS || use == DatabaseUse::Look) return;
+    m_inTransaction = Execute(use == DatabaseUse::Change ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 DatabaseHold::~DatabaseHold() {

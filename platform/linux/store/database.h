@@ -36,9 +36,8 @@ struct DatabaseKind {
     std::string (*path)(bool create);
 };
 
-// The lock order: a thread that holds several databases takes the lower rank first. A change of the spool writes to the
-// registry.
-enum class DatabaseRank { kSpool, kUserRegistry, kMachineRegistry };
+// A thread that holds several takes the one of the lower rank first: a change of the spool writes the registry.
+enum class DatabaseRank { Spool, UserRegistry, MachineRegistry };
 
 // Only static objects, which are never destroyed: threads may use them after main().
 class Database {
@@ -69,9 +68,9 @@ private:
 };
 
 enum class DatabaseUse {
-    kLook,     // single statements
-    kSnapshot, // several statements that must agree
-    kChange,   // a transaction; creates the file if necessary
+    Look,     // single statements
+    Snapshot, // several that must fit together
+    Change,   // a transaction; opens for writing, and creates
 };
 
 // Holds a database for the life of the guard; other threads of the process wait. A change without Commit is rolled

@@ -68,28 +68,28 @@ bool ParseVersion(std::string_view text, Version& version) {
     return text.empty() || (TakePoint(text) && TakeNumber(text, version.build) && text.empty());
 }
 
-enum class Setting { kAbsent, kGiven, kMalformed };
+enum class Setting { Absent, Given, Malformed };
 
 // Reads a text of at most 31 characters and adds a NUL.
 Setting ReadText(HKEY key, const char* name, char (&text)[32]) {
     DWORD size = sizeof text - 1;
     DWORD type = REG_NONE;
     const LSTATUS status = RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(text), &size);
-    if (status == ERROR_FILE_NOT_FOUND) return Setting::kAbsent;
-    if (status != ERROR_SUCCESS || type != REG_SZ) return Setting::kMalformed;
+    if (status == ERROR_FILE_NOT_FOUND) return Setting::Absent;
+    if (status != ERROR_SUCCESS || type != REG_SZ) return Setting::Malformed;
     text[size] = '\0';
-    return Setting::kGiven;
+    return Setting::Given;
 }
 
 Setting ReadVersion(HKEY key, Version& version) {
     char text[32];
     const Setting setting = ReadText(key, "CurrentVersion", text);
-    if (setting == Setting::kMalformed) return setting;
-    if (setting == Setting::kGiven && !ParseVersion(text, version)) return Setting::kMalformed;
+    if (setting == Setting::Malformed) return setting;
+    if (setting == Setting::Given && !ParseVersion(text, version)) return Setting::Malformed;
     const Setting build = ReadText(key, "CurrentBuildNumber", text);
-    if (build != Setting::kGiven) return build == Setting::kMalformed ? build : setting;
+    if (build != Setting::Given) return build == Setting::Malformed ? build : setting;
     std::string_view left = text;
-    return TakeNumber(left, version.build) && left.empty() ? Setting::kGiven : Setting::kMalformed;
+    return TakeNumber(left, version.build) && left.empty() ? Setting::Given : Setting::Malformed;
 }
 
 bool FindVersion(Version& version) {
@@ -100,7 +100,7 @@ bool FindVersion(Version& version) {
     const LSTATUS status =
         RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", 0, KEY_QUERY_VALUE, &key);
     if (status != ERROR_SUCCESS) return status == ERROR_FILE_NOT_FOUND;
-    const bool wellFormed = ReadVersion(key, version) != Setting::kMalformed;
+    const bool wellFormed = ReadVersion(key, version) != Setting::Malformed;
     RegCloseKey(key);
     return wellFormed;
 }

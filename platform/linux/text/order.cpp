@@ -135,7 +135,7 @@ int CompareAscii(const unsigned char* a, const unsigned char* b, bool withCase) 
     }
 }
 
-enum class Minor { kSkipped, kKept };
+enum class Minor { Skipped, Kept };
 
 // The elements of a text, one by one, with an empty one at the end.
 class Elements {
@@ -151,7 +151,7 @@ public:
             if (!next.valid) return {kInvalid + bytes[0], next.length == 2 ? bytes[1] : 0U};
             const bool minor = next.character == U'-' || next.character == U'\'';
             if (!minor) return ElementOf(next.character);
-            if (m_minor == Minor::kKept) return {kMinor + next.character};
+            if (m_minor == Minor::Kept) return {kMinor + next.character};
         }
         return {};
     }
@@ -196,10 +196,10 @@ int CompareBytes(string_view a, string_view b) {
 }
 
 int CompareByElements(string_view a, string_view b, bool withCase) {
-    const ElementOrder order = CompareElements(a, b, Minor::kSkipped);
+    const ElementOrder order = CompareElements(a, b, Minor::Skipped);
     if (order.byBase != 0) return order.byBase;
     if (order.byAccent != 0) return order.byAccent;
-    if (!withCase) return CompareElements(a, b, Minor::kKept).byBase;
+    if (!withCase) return CompareElements(a, b, Minor::Kept).byBase;
     if (order.byCase != 0) return order.byCase;
     return CompareBytes(a, b);
 }
