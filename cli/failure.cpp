@@ -1,6 +1,8 @@
 // The one table from codes to meanings, advice and exit codes.
 #include "failure.h"
 
+#include "product/interface.h"
+
 #include <tvsqdz_status.h>
 #include <windows.h>
 
@@ -38,16 +40,17 @@ constexpr CodeMeaning kMeanings[] = {
     {TVS_E_AUTHORITY, Exit::Denied, nullptr, "'oriel authority PRINTER --explain' shows your rights"},
 
     // Answers of the service.
-    {-2, Exit::False, nullptr, "choose another name"},
-    {-3, Exit::NoService, nullptr, "run the command again"},
-    {-5, Exit::False, nullptr,
+    {product::kDatabaseExists, Exit::False, nullptr, "choose another name"},
+    {product::kUnknownDatabase, Exit::NoService, nullptr, "run the command again"},
+    {product::kUnknownVariable, Exit::False, nullptr,
      "a model that was registered after the printer was first opened counts once the product is restarted"},
-    {-7, Exit::False, nullptr, "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
-    {-8, Exit::False, nullptr, "run the command again"},
-    {-11, Exit::False, nullptr, ""},
-    {-14, Exit::NoService, nullptr, "'oriel up' starts one for each printer that was added with --script"},
-    {-15, Exit::False, nullptr, ""},
-    {-18, Exit::TimedOut, nullptr, kAskAgain},
+    {product::kWrongSize, Exit::False, nullptr, "see the TYPE and SIZE columns of 'oriel vars PRINTER'"},
+    {product::kBufferTooSmall, Exit::False, nullptr, "run the command again"},
+    {product::kLimitReached, Exit::False, nullptr, ""},
+    {product::kNoPrinterSide, Exit::NoService, nullptr,
+     "'oriel up' starts one for each printer that was added with --script"},
+    {product::kOutOfMemory, Exit::False, nullptr, ""},
+    {product::kNoAnswer, Exit::TimedOut, nullptr, kAskAgain},
 
     {ERROR_FILE_NOT_FOUND, Exit::False, "not found", ""},
     {ERROR_PATH_NOT_FOUND, Exit::False, "not found", ""},

@@ -8,6 +8,8 @@
 
 #include "product/variable_names.h"
 
+#include <tvsqdz.h>
+
 #include <algorithm>
 #include <string.h>
 
@@ -108,7 +110,7 @@ struct TakingBits {
 };
 constexpr TakingBits kTakingBits[] = {{names::kPrinterExtStatus, 0x1}, {names::kSpoolerStatus, 0xC}};
 
-constexpr LONG kUnavailable = -50; // what a printer side says that stops
+constexpr LONG kUnavailable = TVS_E_NOT_NOW; // what a printer side answers when it stops
 
 void StoreNumber(Database& database, Variable& variable, DWORD number) {
     BYTE bytes[sizeof number];
