@@ -3,6 +3,8 @@
 
 #include "failure.h"
 
+#include "product/growing_reads.h"
+
 #include <oriel_directories.h>
 #include <oriel_streams.h>
 #include <oriel_supervisor.h>
@@ -33,9 +35,6 @@ void BeforeLibraries(int argc, char** argv, char**) {
 }
 using BeforeLibrariesFunction = void (*)(int argc, char** argv, char** environment);
 [[gnu::section(".preinit_array"), gnu::used]] const BeforeLibrariesFunction g_beforeLibraries = BeforeLibraries;
-
-// A key that grows between the question for its size and its export is asked again; more often is not believable.
-constexpr int kAttempts = 8;
 
 } // namespace
 
@@ -82,13 +81,13 @@ LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine) {
 LSTATUS ExportRegistry(HKEY root, const std::string& path, std::string& text) {
     SIZE_T length = 0;
     LSTATUS status = RegExportTextA(root, path.c_str(), nullptr, &length);
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) return status;
+    ReadWhileItGrows([&] {
+        if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) return ReadAttempt::Failed;
         text.resize(length);
         status = RegExportTextA(root, path.c_str(), text.data(), &length);
-        if (status == ERROR_SUCCESS) break;
-    }
-    text.resize(length);
+        return status == ERROR_SUCCESS ? ReadAttempt::Done : ReadAttempt::Grew;
+    });
+    if (status == ERROR_SUCCESS) text.resize(length);
     return status;
 }
 

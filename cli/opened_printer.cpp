@@ -4,13 +4,12 @@
 #include "printers.h"
 #include "product.h"
 
+#include "product/growing_reads.h"
+
 #include <algorithm>
 #include <cstdio>
 
 namespace {
-
-// A value that grows between the question for its size and its read is asked again; more often is not believable.
-constexpr int kAttempts = 8;
 
 void OpenManager(OpenedPrinter& printer, const ManagerOptions& options) {
     const std::string name = RequireAnsi(printer.shownName, "the printer name");
@@ -66,29 +65,28 @@ const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name,
 Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem, ReadFunction read) {
     Reading reading;
     uint32_t size = variable.size;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const bool probe = size == 0 || (variable.type == SVT_QUEUE && !takeItem);
+    ReadWhileItGrows([&] {
+        const bool queue = variable.type == SVT_QUEUE && !takeItem;
+        const bool probe = size == 0 || queue;
         reading.value.resize(probe ? 0 : size);
         uint32_t returned = 0;
         reading.status = read(printer.manager.Get(), variable.name.c_str(), probe ? nullptr : reading.value.data(),
                               probe ? 0 : size, &returned);
-        if (probe) {
-            if (reading.status == TVS_E_SIZE && variable.type == SVT_QUEUE && !takeItem) {
-                reading.value.resize(returned); // how much there is to take
-                reading.status = TVS_OK;
-            }
-            if (reading.status != TVS_E_SIZE) return reading;
-            if (returned == 0) {
-                reading.status = TVS_OK;
-                return reading;
-            }
-            size = returned;
-            continue;
+        if (!probe) {
+            reading.value.resize(std::min(returned, size));
+            if (reading.status != TVS_E_SIZE || variable.size) return ReadAttempt::Done;
+            size = 0;
+            return ReadAttempt::Grew;
         }
-        reading.value.resize(std::min(returned, size));
-        if (reading.status != TVS_E_SIZE || variable.size) return reading;
-        size = 0;
-    }
+        if (reading.status != TVS_E_SIZE) return ReadAttempt::Done;
+        if (queue) reading.value.resize(returned); // how much there is to take
+        if (queue || returned == 0) {
+            reading.status = TVS_OK;
+            return ReadAttempt::Done;
+        }
+        size = returned;
+        return ReadAttempt::Grew;
+    });
     return reading;
 }
 

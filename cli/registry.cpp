@@ -1,12 +1,12 @@
 // Reading, listing and deleting of registry.h. No state.
 #include "registry.h"
 
+#include "product/growing_reads.h"
+
 namespace {
 
 constexpr DWORD kLongestKeyName = 256;
 constexpr DWORD kLongestValueName = 16384;
-// A value that grows between the question for its size and its read is asked again; more often is not believable.
-constexpr int kAttempts = 8;
 
 } // namespace
 
@@ -27,17 +27,18 @@ LSTATUS CreateKey(HKEY root, const std::string& path, RegistryKey& key) {
 
 std::optional<RegistryValue> ReadValue(HKEY key, const std::string& name) {
     RegistryValue value{.name = name};
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const ReadAttempt result = ReadWhileItGrows([&] {
         DWORD size = 0;
-        if (RegQueryValueExA(key, name.c_str(), nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) return std::nullopt;
+        if (RegQueryValueExA(key, name.c_str(), nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS)
+            return ReadAttempt::Failed;
         value.data.resize(size ? size : 1); // an address also for an empty value
         const LSTATUS status = RegQueryValueExA(key, name.c_str(), nullptr, &value.type, value.data.data(), &size);
-        if (status == ERROR_MORE_DATA) continue;
-        if (status != ERROR_SUCCESS) return std::nullopt;
-        value.data.resize(size);
-        return value;
-    }
-    return std::nullopt;
+        if (status == ERROR_SUCCESS) value.data.resize(size);
+        return status == ERROR_SUCCESS     ? ReadAttempt::Done
+               : status == ERROR_MORE_DATA ? ReadAttempt::Grew
+                                           : ReadAttempt::Failed;
+    });
+    return result == ReadAttempt::Done ? std::optional(std::move(value)) : std::nullopt;
 }
 
 std::optional<std::string> ReadText(HKEY root, const std::string& path, const std::string& name) {

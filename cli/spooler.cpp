@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr DWORD kAllJobs = 0xFFFFFFFF;
 constexpr size_t kPiece = size_t{1} << 20; // of a document that is written at once
 
 constexpr struct {
@@ -41,12 +40,15 @@ PrinterHandle OpenInSpooler(const std::string& name) {
 
 std::vector<SpoolerJob> ListJobs(HANDLE printer, const std::string& shownName) {
     DWORD count = 0;
-    const auto buffer = SpoolerRecords([&](LPBYTE into, DWORD size, LPDWORD needed) {
-        return EnumJobsA(printer, 0, kAllJobs, 1, into, size, needed, &count);
-    });
-    if (!buffer) throw SystemFailure(GetLastError(), "cannot list the jobs of \"" + shownName + "\" in the spooler");
+    Bytes buffer;
+    const auto grow = [&](DWORD size) {
+        buffer.resize(size);
+        return buffer.data();
+    };
+    if (!ReadJobs(printer, grow, &count))
+        throw SystemFailure(GetLastError(), "cannot list the jobs of \"" + shownName + "\" in the spooler");
     std::vector<SpoolerJob> jobs;
-    const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer->data());
+    const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer.data());
     for (DWORD i = 0; i < count; ++i) {
         jobs.push_back({.id = records[i].JobId,
                         .document = OrEmpty(records[i].pDocument),

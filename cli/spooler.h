@@ -4,25 +4,24 @@
 #include "handles.h"
 #include "text.h"
 
+#include "product/growing_reads.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// Calls EnumPrintersA and those like it until the buffer, which can have grown too small since the question for its
-// size, holds what they list. call: BOOL(LPBYTE buffer, DWORD size, LPDWORD needed). Nothing: the last error tells.
+// What EnumPrintersA and calls like it list. call: BOOL(BYTE* buffer, DWORD size, DWORD* needed). Nothing on failure;
+// the last error has the reason.
 template <typename Call>
 std::optional<Bytes> SpoolerRecords(Call call) {
-    constexpr int kAttempts = 8; // more often is not believable
     Bytes buffer;
-    DWORD needed = 0;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (call(buffer.data(), static_cast<DWORD>(buffer.size()), &needed)) return buffer;
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
-        buffer.resize(needed);
-    }
-    return std::nullopt;
+    const auto grow = [&](DWORD size) {
+        buffer.resize(size);
+        return buffer.data();
+    };
+    return ReadSpoolerRecords(grow, call) ? std::optional(std::move(buffer)) : std::nullopt;
 }
 
 // A text of such a record.

@@ -1,6 +1,7 @@
 // Calls of the print spooler. No state.
 #include "spool.h"
 
+#include "product/growing_reads.h"
 #include "product/guards.h"
 
 #include <algorithm>
@@ -8,8 +9,6 @@
 
 namespace {
 
-constexpr DWORD kAllJobs = 0xFFFFFFFF;
-constexpr int kAttempts = 8; // a list that outgrows its buffer eight times in a row means something is wrong
 constexpr SIZE_T kDocumentMax = SIZE_T{32} << 20;
 constexpr DWORD kPieceSize = 64 * 1024;
 constexpr SIZE_T kPagesMax = 10000;
@@ -55,14 +54,12 @@ SIZE_T PagesOfText(std::string_view text) {
 
 std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer) {
     std::vector<BYTE> buffer;
-    DWORD needed = 0;
     DWORD count = 0;
-    for (int attempt = 0;
-         !EnumJobsA(printer, 0, kAllJobs, 1, buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count);
-         ++attempt) {
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || attempt == kAttempts) return std::nullopt;
-        buffer.resize(needed);
-    }
+    const auto grow = [&](DWORD size) {
+        buffer.resize(size);
+        return buffer.data();
+    };
+    if (!ReadJobs(printer, grow, &count)) return std::nullopt;
     std::vector<SpooledJob> jobs;
     const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer.data());
     for (DWORD i = 0; i < count; ++i)

@@ -1,5 +1,6 @@
 #include "product/program_client.h"
 
+#include "product/growing_reads.h"
 #include "product/printer_list.h"
 
 #include <algorithm>
@@ -21,23 +22,20 @@ Answer ReadPrinterList(std::vector<BYTE>* list) {
     return answer;
 }
 
-// A value that outgrows the room that was just asked for, time after time, is not believable.
-constexpr int kAttempts = 8;
-
 } // namespace
 
 Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYTE>* value) {
     value->clear();
     Answer answer = Answer::BufferTooSmall;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const ReadAttempt result = ReadWhileItGrows([&] {
         const bool asks = value->empty();
         DWORD size = static_cast<DWORD>(value->size());
         answer = ReadVariable(database, name, asks ? nullptr : value->data(), size, &size);
-        if (answer != Answer::Done && answer != Answer::BufferTooSmall) break;
+        if (answer != Answer::Done && answer != Answer::BufferTooSmall) return ReadAttempt::Failed;
         value->resize(std::min(size, product::kValueSizeMax));
-        if (answer == Answer::Done && (!asks || size == 0)) return answer;
-    }
-    value->clear();
+        return answer == Answer::Done && (!asks || size == 0) ? ReadAttempt::Done : ReadAttempt::Grew;
+    });
+    if (result != ReadAttempt::Done) value->clear();
     return answer;
 }
 

@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "manager/manager_record.h"
 #include "manager/variables.h"
+#include "product/growing_reads.h"
 #include "product/guards.h"
 #include "product/variable_names.h"
 #include "values/port_and_name.h"
@@ -103,9 +104,6 @@ namespace {
 
 constexpr uint32_t kPauseCommand = 1;
 constexpr uint32_t kResumeCommand = 2;
-constexpr DWORD kAllJobs = 0xFFFFFFFF;
-// The list can grow between the question for its size and its read; more often than that is not believable.
-constexpr int kAttempts = 8;
 
 // The job that is being sent; 0 when there is none or it cannot be read.
 uint32_t SendingJob(const ManagerDatabase& database) {
@@ -119,18 +117,11 @@ class JobList {
 public:
     // False when the jobs cannot be listed.
     bool Load(HANDLE printer) {
-        DWORD needed = 0;
-        DWORD size = 0;
-        for (int i = 0; i < kAttempts; ++i) {
-            if (EnumJobsA(printer, 0, kAllJobs, 1, m_block, size, &needed, &m_count)) return true;
-            m_count = 0;
-            if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
+        const auto grow = [this](DWORD size) {
             FreeBlock(m_block);
-            m_block = static_cast<BYTE*>(AllocateZeroed(needed));
-            if (m_block == nullptr) return false;
-            size = needed;
-        }
-        return false;
+            return m_block = static_cast<BYTE*>(AllocateZeroed(size));
+        };
+        return ReadJobs(printer, grow, &m_count);
     }
     JobList() = default;
     ~JobList() { FreeBlock(m_block); }

@@ -5,6 +5,7 @@
 #include "base/system.h"
 #include "manager/variables.h"
 #include "product/authority_rules.h"
+#include "product/growing_reads.h"
 #include "product/guards.h"
 #include "product/variable_names.h"
 
@@ -214,13 +215,6 @@ uint32_t AclAuthority(const void* acl, uint32_t size) {
 
 // One value of the service, held in the record while it is small and in a block of the heap beyond that.
 
-namespace {
-
-// A list that outgrows the room that was just asked for, time after time, is not believable.
-constexpr int kAttempts = 8;
-
-} // namespace
-
 void AccessControlList::Drop() {
     FreeBlock(m_block);
     m_block = nullptr;
@@ -231,12 +225,16 @@ Status AccessControlList::Load(const ManagerDatabase& database) {
     Drop();
     DWORD size = 0;
     Answer answer = ReadVariable(database, names::kAccessControlList, m_small, sizeof m_small, &size);
-    for (int i = 0; i < kAttempts && answer == Answer::BufferTooSmall; ++i) {
-        FreeBlock(m_block);
-        const DWORD room = size;
-        m_block = static_cast<BYTE*>(AllocateZeroed(room));
-        if (m_block == nullptr) return TVS_E_MEMORY;
-        answer = ReadVariable(database, names::kAccessControlList, m_block, room, &size);
+    if (answer == Answer::BufferTooSmall) {
+        const ReadAttempt result = ReadWhileItGrows([&] {
+            FreeBlock(m_block);
+            const DWORD room = size;
+            m_block = static_cast<BYTE*>(AllocateZeroed(room));
+            if (m_block == nullptr) return ReadAttempt::Failed;
+            answer = ReadVariable(database, names::kAccessControlList, m_block, room, &size);
+            return answer == Answer::BufferTooSmall ? ReadAttempt::Grew : ReadAttempt::Done;
+        });
+        if (result == ReadAttempt::Failed) return TVS_E_MEMORY;
     }
     if (answer != Answer::Done) {
         Drop();

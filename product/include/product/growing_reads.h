@@ -1,0 +1,48 @@
+// Reading what can grow between the question for its size and the read: one loop for all programs. Throws nothing by
+// itself and works with any kind of buffer. No state.
+#pragma once
+
+#include <windows.h>
+#include <winspool.h>
+
+enum class ReadAttempt { Done, Grew, Failed };
+
+// A reader that always comes too late does not end by itself; eight times in a row means that something is wrong.
+inline constexpr int kReadAttempts = 8;
+
+// Calls attempt() until it does not answer Grew: its buffer was too small, and is as large as was needed by now. Grew
+// is also the answer after the last attempt.
+template <typename Attempt>
+ReadAttempt ReadWhileItGrows(Attempt attempt) {
+    for (int i = 1; i < kReadAttempts; ++i)
+        if (const ReadAttempt result = attempt(); result != ReadAttempt::Grew) return result;
+    return attempt();
+}
+
+// The same for EnumJobsA, GetPrinterA and other calls of the spooler that fail with ERROR_INSUFFICIENT_BUFFER.
+//   call   BOOL(BYTE* room, DWORD size, DWORD* needed)
+//   grow   BYTE*(DWORD size): room of that many bytes; null: out of memory
+// False: the last error has the reason, but for a lack of memory.
+template <typename Grow, typename Call>
+bool ReadSpoolerRecords(Grow grow, Call call) {
+    BYTE* room = nullptr;
+    DWORD size = 0;
+    const auto attempt = [&] {
+        DWORD needed = 0;
+        if (call(room, size, &needed)) return ReadAttempt::Done;
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return ReadAttempt::Failed;
+        size = needed;
+        room = grow(needed);
+        return room != nullptr ? ReadAttempt::Grew : ReadAttempt::Failed;
+    };
+    return ReadWhileItGrows(attempt) == ReadAttempt::Done;
+}
+
+// All jobs of a printer as JOB_INFO_1A records, *count of them, in the order of its queue.
+template <typename Grow>
+bool ReadJobs(HANDLE printer, Grow grow, DWORD* count) {
+    constexpr DWORD kAllJobs = 0xFFFFFFFF;
+    return ReadSpoolerRecords(grow, [&](BYTE* room, DWORD size, DWORD* needed) {
+        return EnumJobsA(printer, 0, kAllJobs, 1, room, size, needed, count);
+    });
+}
