@@ -12,10 +12,10 @@
 #include "layer.h"
 
 #include "product/desktop_agent.h"
+#include "product/guards.h"
+#include "product/log.h"
 #include "product/object_names.h"
 #include "product/program_client.h"
-
-#include <stdio.h>
 
 namespace {
 
@@ -36,22 +36,16 @@ bool g_productWasUp = false; // some client kinds need no product that is up, an
 // cannot have it, because somebody keeps it, begins all the same: two of them do no harm.
 struct OneAgentHold {
     OneAgentHold() {
-        product::EveryoneAccess everyone;
-        if (everyone) m_mutex = CreateMutexA(&everyone.attributes, FALSE, kOneAgentMutex);
-        if (m_mutex == nullptr) return;
-        const DWORD wait = WaitForSingleObject(m_mutex, kOneAgentMs);
-        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
+        if (m_mutex) m_hold.Acquire(m_mutex.handle, kOneAgentMs);
     }
-    ~OneAgentHold() {
-        if (m_held) ReleaseMutex(m_mutex);
-        if (m_mutex != nullptr) CloseHandle(m_mutex);
-    }
-    OneAgentHold(const OneAgentHold&) = delete;
-    OneAgentHold& operator=(const OneAgentHold&) = delete;
 
 private:
-    HANDLE m_mutex = nullptr;
-    bool m_held = false;
+    static HANDLE MakeMutex() {
+        product::EveryoneAccess everyone;
+        return everyone ? CreateMutexA(&everyone.attributes, FALSE, kOneAgentMutex) : nullptr;
+    }
+    KernelHandle m_mutex{MakeMutex()};
+    MutexHold m_hold; // ends first
 };
 
 LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -153,7 +147,9 @@ int Run() {
 
 int main(int count, char** words) {
     if (count != 2 || lstrcmpiA(words[1], product::kAgentSwitch) != 0) {
-        fprintf(stderr, "usage: %s %s\n", product::kAgentExecutable, product::kAgentSwitch);
+        product::NameLog("TVORPZ");
+        product::Log(product::LogLevel::Error,
+                     std::string("usage: ") + product::kAgentExecutable + " " + product::kAgentSwitch);
         return kWrong;
     }
     return LeaveCreator() ? Run() : kCannotBegin;

@@ -3,6 +3,8 @@
 
 #include "text.h"
 
+#include "product/log.h"
+
 #include <windows.h>
 
 #include <algorithm>
@@ -81,6 +83,10 @@ void PrintError(const Failure& failure) {
     const std::string line = Printable(FailureLine(failure)) + "\n";
     const std::string name = g_output.errorColour ? Paint("oriel:", "1;31") : "oriel:";
     std::fputs((name + " " + line).c_str(), stderr);
+}
+
+void LogFailure(const Failure& failure) {
+    product::Log(product::LogLevel::Warning, Printable(FailureLine(failure)));
 }
 
 void PrintFailure(const Failure& failure) {

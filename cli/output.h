@@ -36,7 +36,10 @@ std::optional<Failure> OutputFailure();
 
 // One line on standard error.
 void PrintError(const Failure& failure);
-// The same, and with --json {"error": ...} on one line of standard output; in a stream with "event": "error" before it.
+// The same in the log, as a warning: of a command that goes on, for as long as it runs.
+void LogFailure(const Failure& failure);
+// As PrintError, and with --json {"error": ...} on one line of standard output; in a stream with "event": "error"
+// before it.
 void PrintFailure(const Failure& failure);
 // {"exitCode": 1, "what": ..., "why": ..., "next": ..., "code": -19}
 Json FailureJson(const Failure& failure);

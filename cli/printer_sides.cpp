@@ -106,10 +106,10 @@ void PrinterSides::OpenOnce(const std::string& printer) {
     const std::string options = list == m_accessLists.end() ? "" : " --access-list " + Quoted(list->second);
     const KernelHandle process = StartProgram(program, Quoted(program) + " open" + options + " -- " + Quoted(printer));
     if (!process) {
-        PrintError(SystemFailure(GetLastError(), what));
+        LogFailure(SystemFailure(GetLastError(), what));
     } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {
         TerminateProcess(process.Get(), 1);
-        PrintError(SystemFailure(WAIT_TIMEOUT, what));
+        LogFailure(SystemFailure(WAIT_TIMEOUT, what));
     } // else it has told itself what went wrong
 }
 
@@ -135,7 +135,7 @@ void PrinterSides::StartSide(Side& side) {
         const DWORD pause = side.restart.AfterEnd();
         side.dueAt = GetTickCount() + pause;
         Publish(side, {.state = SideState::Restarting, .startFailed = true, .code = error, .pauseMs = pause});
-        PrintError(SystemFailure(error, "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
+        LogFailure(SystemFailure(error, "cannot start the printer side of \"" + ToUtf8(side.printer) + "\""));
         return;
     }
     Publish(side, {.state = SideState::Running});

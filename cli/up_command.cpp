@@ -15,6 +15,7 @@
 #include "registry.h"
 #include "restart_pause.h"
 
+#include "product/log.h"
 #include "product/object_names.h"
 #include "text.h"
 
@@ -28,7 +29,7 @@ constexpr DWORD kWatchMs = 250;   // while it runs
 
 HANDLE g_stop = nullptr;
 
-// ---- what is told
+// ---- what is said
 
 struct Teller {
     bool quiet;
@@ -172,7 +173,7 @@ void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
     }
     const std::string text = side + (news.pauseMs != 0 ? "ended" : "ended, as it was asked to");
     if (news.pauseMs != 0)
-        PrintError({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+        LogFailure({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
     teller.Tell("printer-side-ended", text, {{"printer", printer}, {"code", news.code}, {"pauseMs", news.pauseMs}});
 }
 
@@ -194,7 +195,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
 
         const DWORD pause = restart.AfterEnd();
-        PrintError({Exit::NoService, "the status database service ended", "",
+        LogFailure({Exit::NoService, "the status database service ended", "",
                     "starting it again in " + std::to_string(pause) + " ms", status.dwWin32ExitCode});
         teller.Tell("service-ended", "the status database service ended",
                     {{"code", status.dwWin32ExitCode}, {"pauseMs", pause}});
@@ -207,7 +208,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
             sides.OpenPrinters();
             teller.Tell("service-started", "the status database service runs again");
         } catch (const Failure& failure) {
-            PrintError(failure);
+            LogFailure(failure);
         }
     }
 }
@@ -248,6 +249,7 @@ private:
 
 Exit UpCommand(const UpOptions& options) {
     const Teller teller{options.quiet};
+    product::NameLog("oriel");
     TellSupervisor("STATUS=starting");
     g_stop = TakeOverInterrupts(kStartMs);
     ClaimDirectories();
@@ -284,6 +286,7 @@ Exit UpCommand(const UpOptions& options) {
     TellSupervisor("STOPPING=1");
     teller.Tell("stopping", "stopping");
     if (startedHere) Stop(service);
+    product::EndLog();
     teller.Tell("stopped", startedHere ? "stopped" : "stopped; the service, which ran before, still runs");
     return Exit::Done;
 }

@@ -5,6 +5,7 @@
 #include "device.h"
 #include "spool.h"
 
+#include "product/log.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <deque>
 #include <set>
-#include <stdio.h>
 #include <string.h>
 
 namespace {
@@ -222,8 +222,9 @@ void SendNext(Taker& taker, DWORD pageMs) {
         const std::optional<DWORD> pages = PagesOfJob(taker.jobs.printer, job.id);
         if (!pages) {
             taker.refused.insert(job.id);
-            fprintf(stderr, "TVSPSD: %s: job %u is another user's, and stays in the spool: only root prints it\n",
-                    taker.jobs.printer.c_str(), static_cast<unsigned>(job.id));
+            product::Log(product::LogLevel::Warning,
+                         taker.jobs.printer + ": job " + std::to_string(job.id) +
+                             " is another user's and stays in the spool: only root prints it");
             continue;
         }
         taker.sending = Sent{.id = job.id, .pages = *pages, .name = job.name, .owner = job.owner};

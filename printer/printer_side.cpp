@@ -9,6 +9,7 @@
 #include "link.h"
 #include "queues.h"
 
+#include "product/log.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -16,7 +17,6 @@
 #include <algorithm>
 #include <iterator>
 #include <optional>
-#include <stdio.h>
 #include <string.h>
 
 using namespace product;
@@ -61,7 +61,6 @@ struct PrinterSide {
     const Device& device;
     HANDLE stop;
     Link link;
-    std::string told{}; // the last message
     DWORD lastTick = GetTickCount();
     ULONGLONG now = 0;       // milliseconds since the start
     DWORD seen[2] = {};      // write counts of the two request variables
@@ -87,22 +86,20 @@ void UpdateClock(PrinterSide& side) {
     side.lastTick = tick;
 }
 
-void Tell(PrinterSide& side, const std::string& message) {
-    if (message == side.told) return;
-    side.told = message;
-    fprintf(stderr, "TVSPSD: %s: %s\n", side.options.printer.c_str(), message.c_str());
+void Warn(const PrinterSide& side, const std::string& message) {
+    Log(LogLevel::Warning, side.options.printer + ": " + message);
 }
 
 // ---- values
 
-void TellOfValue(PrinterSide& side, const std::string& origin, const std::string& variable, LONG status) {
+void WarnOfValue(PrinterSide& side, const std::string& origin, const std::string& variable, LONG status) {
     if (!side.link.lost)
-        Tell(side, origin + ": \"" + variable + "\" does not take this value (" + std::to_string(status) + ")");
+        Warn(side, origin + ": \"" + variable + "\" does not take this value (" + std::to_string(status) + ")");
 }
 
 void PutWaitingItems(PrinterSide& side) {
     const QueueResult result = PutItems(side.link, side.queues);
-    if (result.status != kDone) TellOfValue(side, result.origin, result.variable, result.status);
+    if (result.status != kDone) WarnOfValue(side, result.origin, result.variable, result.status);
 }
 
 // The first failure. A value that cannot be stored is told, and the others are stored all the same.
@@ -114,7 +111,7 @@ LONG StoreValues(PrinterSide& side, const std::vector<DeviceValue>& values) {
             continue;
         }
         const LONG status = StoreValue(side.link, value);
-        if (status != kDone) TellOfValue(side, value.origin, value.variable, status);
+        if (status != kDone) WarnOfValue(side, value.origin, value.variable, status);
         if (first == kDone) first = status;
     }
     PutWaitingItems(side);
@@ -350,7 +347,7 @@ void BeginService(PrinterSide& side) {
     side.graceEnd = 0;
     if (const QueueResult made = MakeQueues(side.link, side.queues, side.device.queues(side.device.self));
         made.status != kDone)
-        Tell(side, "the queue \"" + made.variable + "\" cannot be made (" + std::to_string(made.status) + ")");
+        Warn(side, "the queue \"" + made.variable + "\" cannot be made (" + std::to_string(made.status) + ")");
     FindUnanswered(side);
     std::copy(std::begin(side.seen), std::end(side.seen), side.unclaimed);
     std::vector<DeviceValue> values = side.device.state(side.device.self);
@@ -462,14 +459,13 @@ void Serve(PrinterSide& side) {
             if (value.item) AddItem(side.queues, value);
         const std::string failure = Connect(side.link);
         if (failure.empty()) {
-            side.told.clear();
             BeginService(side);
             TellOfService(*side.jobs);
             retry = kFirstRetryMs;
             goOn = ServeLink(side);
             if (!goOn) EndService(side);
         } else if (retry == kLongestRetryMs) { // at the start of the product it is as it must be
-            Tell(side, failure + "; waiting");
+            Warn(side, failure + "; waiting");
         }
         Disconnect(side.link);
         if (goOn && WaitForSingleObject(side.stop, retry) == WAIT_OBJECT_0) goOn = false;

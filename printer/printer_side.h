@@ -11,6 +11,5 @@ struct PrinterSideOptions {
     std::string port;    // the name for "Port", unless the device has the variable; may be empty
 };
 
-// Serves until stop is set. One message to standard error for what goes wrong, not for each time. False when it cannot
-// begin, which the last error tells.
+// Serves until stop is set. What goes wrong is logged. False when it cannot begin; the last error says why.
 bool ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop);

@@ -7,8 +7,11 @@
 #include "procedures.h"
 #include "signals.h"
 
+#include "product/log.h"
+
 #include <algorithm>
 #include <iterator>
+#include <string>
 
 using namespace product;
 
@@ -77,6 +80,7 @@ DWORD Run() {
     ReleaseNames();
     // What was charged has been given back, or we have a fault that must show.
     const bool balanced = NoClientsAreLeft() && AccountsAreBalanced();
+    if (!balanced) Log(LogLevel::Error, "clients or charges are left at the end of the service");
     return result == ERROR_SUCCESS && !balanced ? RPC_S_INTERNAL_ERROR : result;
 }
 
@@ -88,17 +92,25 @@ VOID WINAPI ServiceMain(DWORD, LPSTR*) {
     }
     TellState(SERVICE_START_PENDING);
     g_exitCode = Run();
+    if (g_exitCode != ERROR_SUCCESS)
+        Log(LogLevel::Error, "the service ends with system error " + std::to_string(g_exitCode));
     TellState(SERVICE_STOPPED);
 }
 
 } // namespace
 
 int main() {
+    NameLog("TVSDBN");
     g_stopEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!g_stopEvent) return 1;
     char name[sizeof kServiceName];
     std::copy(std::begin(kServiceName), std::end(kServiceName), name); // the table's text is not const
     const SERVICE_TABLE_ENTRYA table[] = {{name, ServiceMain}, {nullptr, nullptr}};
-    if (!StartServiceCtrlDispatcherA(table)) return 1;
+    if (!StartServiceCtrlDispatcherA(table)) {
+        Log(LogLevel::Error,
+            "cannot reach the service control manager, which has to start this program; 'oriel up' does");
+        return 1;
+    }
+    EndLog();
     return g_exitCode == ERROR_SUCCESS ? 0 : 1;
 }

@@ -14,11 +14,14 @@
 #include <cerrno>
 #include <consoleapi.h>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <errhandlingapi.h>
 #include <fcntl.h>
 #include <oriel_streams.h>
 #include <pthread.h>
 #include <stdhandleapi.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <winerror.h>
 
@@ -198,4 +201,13 @@ BOOL WINAPI GetConsoleMode(HANDLE consoleHandle, LPDWORD mode) {
 
 void WINAPI OrielFailOnClosedPipes() {
     std::signal(SIGPIPE, SIG_IGN);
+}
+
+BOOL WINAPI OrielErrorsGoToJournal() {
+    const char* stream = getenv("JOURNAL_STREAM"); // "DEVICE:INODE"
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    struct stat status {};
+    return stream && sscanf(stream, "%llu:%llu", &device, &inode) == 2 && fstat(STDERR_FILENO, &status) == 0 &&
+           status.st_dev == device && status.st_ino == inode;
 }

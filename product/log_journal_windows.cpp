@@ -1,0 +1,6 @@
+// Windows has no journal. No state.
+#include "product/log_journal.h"
+
+bool product::ErrorsGoToJournal() {
+    return false;
+}
