@@ -12,13 +12,15 @@
 #include "scripted_device.h"
 
 #include "product/client.h"
+#include "product/log.h"
 #include "product/object_names.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <charconv>
 #include <fstream>
 #include <iterator>
-#include <stdio.h>
+#include <limits>
 
 namespace {
 
@@ -58,7 +60,7 @@ bool FollowEndings(DWORD owner, const std::string& stopEvent) {
 }
 
 int Complain(const std::string& text) {
-    fprintf(stderr, "TVSPSD: %s\n", text.c_str());
+    product::Log(product::LogLevel::Error, text);
     return kWrong;
 }
 
@@ -70,12 +72,6 @@ struct CommandLine {
     std::string stopEvent;
     bool check = false;
 };
-
-bool ReadNumber(const std::string& word, DWORD* number) {
-    const char* end = word.data() + word.size();
-    const std::from_chars_result result = std::from_chars(word.data(), end, *number);
-    return result.ec == std::errc{} && result.ptr == end;
-}
 
 // Names are in the ANSI code page, command lines in that or in UTF-8, as the system has it.
 std::string ToAnsi(const std::string& word) {
@@ -91,41 +87,44 @@ std::string ToAnsi(const std::string& word) {
     return ansi;
 }
 
-// Empty, or what is wrong.
-std::string ReadCommandLine(int count, char** words, CommandLine* line) {
-    for (int i = 1; i < count; ++i) {
-        const std::string option = words[i];
-        if (option == "--check") {
-            line->check = true;
-            continue;
-        }
-        if (i + 1 == count) return option + " needs something behind it, or is no option";
-        const std::string value = words[++i];
-        if (option == "--printer") {
-            line->side.printer = ToAnsi(value);
-        } else if (option == "--port") {
-            line->side.port = ToAnsi(value);
-        } else if (option == "--script") {
-            line->script = value;
-        } else if (option == "--stop-event") {
-            line->stopEvent = value;
-        } else if (option == "--speed") {
-            if (!ReadNumber(value, &line->speed) || line->speed == 0 || line->speed > kSpeedMax)
-                return "--speed takes a number from 1 to " + std::to_string(kSpeedMax);
-        } else if (option == "--owner") {
-            if (!ReadNumber(value, &line->owner) || line->owner == 0) return "--owner takes the number of a process";
-        } else {
-            return "there is no option " + option;
-        }
-    }
-    if (line->script.empty()) return "--script FILE is missing";
-    if (line->check) return "";
-    if (line->side.printer.empty() || line->side.printer.size() > kPrinterNameMax)
-        return "--printer NAME is missing or too long";
-    return "";
+// The last of an option that is given twice counts.
+void AddOptions(CLI::App& app, CommandLine& line) {
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.add_option("--script", line.script, "what the printer has and does (docs/printer.md)")
+        ->type_name("FILE")
+        ->required();
+    app.add_option("--printer", line.side.printer, "the printer to serve")->type_name("NAME");
+    app.add_option("--port", line.side.port, "its port, unless the script sets \"Port\"")->type_name("NAME");
+    app.add_option("--speed", line.speed, "run the script so many times faster")
+        ->type_name("N")
+        ->check(CLI::Range(DWORD{1}, kSpeedMax));
+    app.add_option("--owner", line.owner, "end with this process")
+        ->type_name("PROCESS")
+        ->check(CLI::Range(DWORD{1}, std::numeric_limits<DWORD>::max()));
+    app.add_option("--stop-event", line.stopEvent, "end when this event is set")->type_name("NAME");
+    app.add_flag("--check", line.check, "only check the script");
 }
 
-// kStopped, or kWrong after it was told why.
+// kStopped, or kWrong after it was logged why. *help: it was asked for and printed.
+int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
+    CLI::App app("The printer side of one printer.", "TVSPSD.EXE");
+    AddOptions(app, *line);
+    try {
+        app.parse(count, words);
+    } catch (const CLI::Success& wanted) {
+        *help = true;
+        return app.exit(wanted);
+    } catch (const CLI::ParseError& error) {
+        return Complain(error.what());
+    }
+    line->side.printer = ToAnsi(line->side.printer);
+    line->side.port = ToAnsi(line->side.port);
+    if (!line->check && (line->side.printer.empty() || line->side.printer.size() > kPrinterNameMax))
+        return Complain("--printer NAME is missing or too long");
+    return kStopped;
+}
+
+// kStopped, or kWrong after it was logged why.
 int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) {
     std::ifstream file(path, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -157,7 +156,11 @@ int Run(const CommandLine& line) {
 } // namespace
 
 int main(int count, char** words) {
+    product::NameLog("TVSPSD");
     CommandLine line;
-    const std::string wrong = ReadCommandLine(count, words, &line);
-    return wrong.empty() ? Run(line) : Complain(wrong);
+    bool help = false;
+    int result = ReadCommandLine(count, words, &line, &help);
+    if (result == kStopped && !help) result = Run(line);
+    product::EndLog();
+    return result;
 }
