@@ -1,5 +1,6 @@
-// What the RPC run-time tells of the client of a call: its association, which is its process, and its user. The
-// run-time of Windows has it in an import library of its own time only, so there is a file for each system.
+// What the RPC run-time knows of the client of a call: its association, which is its process, and its user. Windows'
+// run-time exports these calls, but current import libraries lack them; so there is a file for each system. State: the
+// run-time's; on Windows also the list of client processes.
 #pragma once
 
 #include <windows.h>
@@ -8,7 +9,7 @@
 
 struct ClientProcess;
 
-// The association of a call in progress. For as long as it lives, the association's context stays.
+// The association of a call in progress. The association's context stays valid while this object lives.
 class CallersAssociation {
 public:
     explicit CallersAssociation(RPC_BINDING_HANDLE client);
@@ -20,10 +21,10 @@ public:
     RPC_STATUS Context(void** context) const;
     // runDown(context) is called once, when the process's last connection has closed and its calls have returned.
     RPC_STATUS Monitor(PRPC_RUNDOWN runDown, void* context) const;
-    // The number of the client's process; 0 when it cannot be told.
+    // The number of the client's process; 0 when it is not known.
     DWORD Process() const;
     RPC_BINDING_HANDLE Binding() const { return m_client; }
-    // The name of the client's user; the run-time keeps the text for as long as the call.
+    // The name of the client's user; the text is the run-time's and lives as long as the call.
     RPC_STATUS User(const char** user) const;
 
 private:

@@ -1,3 +1,4 @@
+// Our run-time has associations and exports the calls. No state.
 #include "associations.h"
 
 CallersAssociation::CallersAssociation(RPC_BINDING_HANDLE client) : m_client(client) {}

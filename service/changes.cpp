@@ -1,3 +1,4 @@
+// No state.
 #include "changes.h"
 
 #include "composite.h"

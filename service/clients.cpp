@@ -1,3 +1,4 @@
+// State: the table of handles, and the number of groups.
 #include "clients.h"
 
 #include "product/guards.h"

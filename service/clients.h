@@ -1,6 +1,6 @@
-// The clients: one group for each client process, which is an association of the RPC run-time. What a group holds
-// belongs to it and goes with it. State: the association's context; the number of groups and the table of handles, in
-// clients.cpp.
+// The clients: one group for each client process, which is an association of the RPC run-time; the database handles
+// that it holds; and whether it may do what administrators may. What a group holds is released when it ends. State: the
+// group is its association's context; the number of groups and the table of handles are in clients.cpp.
 #pragma once
 
 #include "associations.h"
@@ -26,12 +26,11 @@ struct Caller {
     const CallersAssociation& association;
 };
 
-// The group of the call in progress, made at the first call of its process. Null: *fault is the run-time's code to
-// raise.
+// The group of the call in progress; made at the first call of its process. Null: *fault is the code to raise.
 Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault);
 
-// The database of a handle, for one call. While the database is not ready its lock is held, so that it cannot be given
-// up in the middle of the call.
+// The database of a handle, for one call. While the database is not ready this holds its lock, so that the database
+// cannot be given up during the call.
 class DatabaseUse {
 public:
     DatabaseUse(const Group& group, DWORD handle);
@@ -51,15 +50,13 @@ private:
 
 // ---- handles
 
-// Database handles of the clients.
-//
-// One table for all, looked up without a lock. A handle is the value of a counter that starts at random, its place in
-// the table are the counter's low bits; so no number comes again before 2^32 others, and one from another client, or
-// from the service process before this one, is not found.
+// One table for all clients, looked up without a lock. A handle is the value of a counter that starts at random; the
+// low bits are its place in the table. So no number comes again before 2^32 others, and a handle of another client, or
+// of an earlier service process, is not found.
 
-// A handle for a database to come; nobody finds it yet. 0: no more of them for this user, or none at all.
+// A handle without a database; FindHandle does not find it yet. 0: the bound of this user, or of all, is reached.
 DWORD ReserveHandle(Group& group);
-// From here on it is found, and counts for the database.
+// Gives the handle its database, which counts it.
 void SetHandle(DWORD handle, Database& database);
 void CancelHandle(Group& group, DWORD handle); // one that was not set
 
@@ -68,9 +65,9 @@ DWORD HandlesOf(const Group& group, const Database& database);
 
 // The database, or null: not a handle of this group.
 Database* FindHandle(const Group& group, DWORD handle);
-// Ends a handle and tells its database. False: not a handle of this group.
+// Ends a handle, and lets go of its database (HandleIsGone). False: not a handle of this group.
 bool CloseHandleOf(Group& group, DWORD handle);
-// Ends all of a group, none of whose calls is in progress.
+// Ends all handles of a group, none of whose calls is in progress.
 void CloseAllHandles(Group& group);
 
 // Chooses where the counter starts.
@@ -78,11 +75,10 @@ void InitialiseHandles();
 
 // ---- administrators
 
-// Who may do what an administrator does. The account that runs the service may, whoever the system counts among its
-// administrators, and the members of one group: that which the value "AdministratorsGroup" of the product's key names,
-// without it "lpadmin" and, where there is no such group, root's.
-
-// A client counts as who its process was when it connected; the group is asked for anew each time.
+// Administrators are the account that runs the service, the system's administrators, and the members of one group. The
+// value "AdministratorsGroup" of the product's key names the group; without the value it is "lpadmin" or, where that
+// does not exist, root's. A client counts as the user and groups that its process had when it connected. The name of
+// the group is read at each question.
 bool IsAdministrator(const Caller& caller);
 
 // Ends all watches of a group, none of whose calls is in progress. Defined with the watches.

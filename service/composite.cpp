@@ -1,3 +1,4 @@
+// No state of its own: lists are with their variables.
 #include "composite.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
-// Composite variables: values composed on read from their members' in list order, each in the room that it was created
-// with. State: the list with its variable.
+// Composite variables: a read composes the value from the members' values, in list order, each in the room that its
+// variable was created with. State: the list, with its variable.
 #pragma once
 
 #include "database.h"
 
-// Immutable once it can be seen; what it replaces stays where it is.
+// Immutable once it is published. A list that is replaced is not freed.
 struct alignas(void*) MemberList {
     struct Member {
         const Name* name;
@@ -15,13 +15,13 @@ struct alignas(void*) MemberList {
     Member* Members() { return reinterpret_cast<Member*>(this + 1); }
 };
 
-// list: names, each followed by ";". Empty names are passed over, the last ";" may be missing. kBadName, kLimitReached,
+// list: names, each followed by ";". Empty names are skipped; the last ";" may be missing. kBadName, kLimitReached,
 // kOutOfMemory.
 product::ServiceStatus StoreMembers(Database& database, Account& account, Variable& composite, std::string_view list)
     REQUIRES(database.lock);
 
-// Any variable's value: kDone, or kBufferTooSmall when capacity is less than state->size (out may hold anything then),
-// or kLimitReached for a composite of too many parts or bytes. What is read was the value at one moment.
+// Reads any variable's value as it was at one moment. kBufferTooSmall: capacity is less than state->size, and out may
+// hold anything. kLimitReached: a composite of too many parts or bytes.
 product::ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, BYTE* out, DWORD capacity,
                                     ValueState* state);
 
@@ -35,12 +35,12 @@ struct Parts {
 
 // parts: empty. depth: of the recursion.
 void GatherParts(const Database& database, const Variable& composite, Parts& parts, DWORD depth = 1);
-// Whether a value of that size can be written to the parts: there are any, none is there twice, and none is of variable
-// length, whose value would be cut.
+// Whether a value of that size can be written to the parts: there are parts, none is listed twice, and none is of
+// variable length, whose value would be cut.
 bool TakeWholeValue(const Parts& parts, DWORD size);
-// Gives each its part of the value, all at one moment. written: one for each part, in order.
+// Stores each part's bytes of the value, all at one moment. written: one for each part, in order.
 void WriteParts(const Parts& parts, std::span<Written> written, const BYTE* bytes);
 
-// Whether the composite has one of those variables among its members, or theirs; *changed: and one that changed.
+// Whether one of those variables is a part of the composite. *changed: one that changed is.
 bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,
                   bool* changed);

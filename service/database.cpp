@@ -1,3 +1,4 @@
+// State: the table of databases.
 #include "database.h"
 
 #include "product/object_names.h"

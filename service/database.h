@@ -1,9 +1,9 @@
 // Databases and their variables.
 //
-// Both are found without a lock, in hash tables whose chains only grow. A database is never freed; what is in it is
-// freed only when its creator went away before it was ready. Until it is ready every call on it holds its lock
-// (DatabaseUse in clients.h), so nobody can be inside then; from there on nothing of it ever goes away. State: the
-// table in database.cpp.
+// Both are found without a lock, in hash tables whose chains only grow. A database is never freed. Its contents are
+// freed only when its creator goes away before it is ready; until then every call on it holds its lock (DatabaseUse in
+// clients.h), so nobody else is using them. Once it is ready, nothing in it is ever freed. Who may make or change what
+// is decided above, in changes.cpp. State: the table in database.cpp.
 #pragma once
 
 #include "variable.h"
@@ -18,14 +18,14 @@ enum class DatabaseState : DWORD {
 
 struct ForwardedCall; // forwarding.cpp
 
-// Those who wait for the printer side of a database, in the order in which they came; the first one's request is in the
-// mailbox.
+// Calls that wait for the printer side of a database, in the order in which they came (forwarding.cpp). The request of
+// the first one is in the mailbox.
 struct Forwarding {
     Lock lock; // after the lock of watches.cpp, before a variable's
     ForwardedCall* first GUARDED_BY(lock) = nullptr;
     ForwardedCall* last GUARDED_BY(lock) = nullptr;
     DWORD lastId GUARDED_BY(lock) = 0;
-    bool awaitsSuccessor GUARDED_BY(lock) = false; // for a request that stands open when the time is over
+    bool awaitsSuccessor GUARDED_BY(lock) = false; // for a request that is open when the time is over
     DWORD successorDue GUARDED_BY(lock) = 0;       // tick count
     bool ending GUARDED_BY(lock) = false; // the printer side was asked to end: no more requests are handed over
 };
@@ -40,7 +40,7 @@ struct Database {
     std::atomic<DWORD> openHandles = 0;
     std::atomic<DWORD> variableCount = 0;
     std::atomic<Variable*> buckets[kBuckets] = {};
-    // Watches in the whole database: while there are none, a write looks for no events.
+    // Watches in the whole database. While there are none, a write does not look for events.
     std::atomic<DWORD> watches = 0;
     std::atomic<VariableSignals*> compositeSignals = nullptr; // of composites that were watched
     DWORD nextClosing = 0; // tick count from which a burst may be closed; of the thread in signals.cpp alone
@@ -60,8 +60,7 @@ product::ServiceStatus AddDatabase(Account& account, std::string_view name, DWOR
 Database* FindDatabase(std::string_view name);
 // kNotCreator when it is not that handle's to make ready.
 product::ServiceStatus EndInitialisation(Database& database, DWORD handle);
-// The handle was closed, or its owner died: a database that it was to initialise is given up and those who wait are
-// woken.
+// The handle was closed, or its owner died. A database that it was to initialise is given up, and waiters are woken.
 void HandleIsGone(Database& database, DWORD handle);
 ULONGLONG CreationTime(Database& database);
 

@@ -1,25 +1,26 @@
-// Forwarded requests: what ForwardRequest asks of a printer reaches the printer side through the mailbox of the
-// printer's database, one request at a time, and the caller waits for its answer.
+// Forwarded requests: a request of ForwardRequest reaches the printer side through the mailbox of the printer's
+// database, one request at a time, and the caller waits for the answer.
 //
-// The mailbox and its answer are the two variables that product/interface.h tells of. A printer side is there while a
-// client watches the mailbox; when the last one goes, all who wait are told at once, also those who do not wait in a
-// call of the service but for "RWResult". State: with each database (Forwarding in database.h).
+// product/interface.h describes the mailbox and its answer, two variables. A printer side exists while a client watches
+// the mailbox. When the last one goes, all callers are answered at once; so is a program that waits for "RWResult"
+// without a call of the service. State: with each database (Forwarding in database.h); the thread's in forwarding.cpp.
 #pragma once
 
 #include "database.h"
 
-// Whether a new mailbox or answer variable is as it must be.
+// Whether a new mailbox or answer variable has the right type and an all-zero value of the right size.
 bool IsForwardingForm(product::DatabaseType type, const BYTE* bytes, DWORD size);
 
-// Carries out "ReadRequest:<printer>" and the like: the printer side's result, or why there is none.
+// Has "ReadRequest:<printer>" and the like carried out: the printer side's result, or why there is none.
 LONG ForwardRequest(std::string_view request);
 
-// The answer variable was written: by whom and with what must be checked.
+// The answer variable was written. An answer to another request than the one in the mailbox is ignored.
 void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
-// Nobody watches the mailbox any more: "PrinterExtStatus" and "SpoolerStatus" say so, whether the printer side could or
-// not, and who waits for "RWResult" is answered, unless another one comes soon.
+// Nobody watches the mailbox any more. Clears the bits of "PrinterExtStatus" and "SpoolerStatus" that a printer side
+// sets, since one that was killed did not, and answers whoever waits for "RWResult", unless another printer side comes
+// soon.
 void PrinterSideIsGone(Database& database);
-// A request was written. When the printer side has gone by now, it is answered in the same way.
+// A request variable was written. Answers it in the same way when there is no printer side.
 void AnswerUnserved(Database& database);
 // All managers are asked to terminate: each printer side that serves a printer is asked to end.
 void EndPrinterSides();
@@ -27,7 +28,7 @@ void EndPrinterSides();
 // Reads how long a request may take, and starts the thread that answers for printer sides without a successor. False:
 // it cannot be started.
 bool StartForwarding();
-// Tells all who wait that the service ends; later calls wait no more.
+// Answers all callers, since the service ends. Later calls do not wait.
 void EndForwarding();
 // Ends the thread.
 void StopForwarding();

@@ -1,3 +1,4 @@
+// State: the accounts and their totals; the table of names with its arena.
 #include "memory.h"
 
 #include <memory>

@@ -1,6 +1,5 @@
-// Memory of the service: the accounts of users, who are charged for it and for other shares; arenas, where it lies; and
-// names of variables, each kept once. State: the list of accounts, the sums of all, and the table of names, in
-// memory.cpp.
+// Memory of the service: accounts, which charge users for it and for other shares; arenas, which hold it; and names of
+// variables, each stored once. State: the list of accounts, the totals, and the table of names, in memory.cpp.
 #pragma once
 
 #include "settings.h"
@@ -10,8 +9,7 @@
 #include <atomic>
 #include <string_view>
 
-// ---- accounts: one per user, charged before something is made and given back when it is gone; settings.h has the
-// bounds
+// ---- accounts: one per user, charged before something is made and credited when it is gone; settings.h has the bounds
 
 struct Account {
     Account* next = nullptr;
@@ -20,23 +18,22 @@ struct Account {
     char user[64] = {};
 };
 
-// The account of a user, by the text that the run-time gives for it; held until LeaveAccount. Null: too many users, a
-// text too long, or no memory.
+// The account of a user, whom the run-time names with this text. The caller holds it until LeaveAccount. Null: too many
+// users, a text too long, or no memory.
 Account* EnterAccount(const char* user);
 void LeaveAccount(Account* account);
 
-// False, and nothing is charged, when the user's or everyone's bound would be passed.
+// False when the amount would exceed the user's bound or the bound of all; then nothing is charged.
 bool Charge(Account& account, Share share, SIZE_T amount);
 void GiveBack(Account& account, Share share, SIZE_T amount);
 
-// Whether everything has been given back.
+// Whether all charges were credited again.
 bool AccountsAreBalanced();
 
 // ---- arenas
 
-// Memory of a database: small pieces from shared chunks, never freed one by one, so that a piece costs nothing beside
-// its own bytes and a reader without a lock cannot be left behind. Chunks are charged to the user whose call needed
-// them.
+// Memory of a database: small pieces from shared chunks. Pieces are never freed one by one: a piece costs only its own
+// bytes, and a reader without a lock never holds freed memory. A chunk is charged to the user whose call needed it.
 class Arena {
 public:
     Arena() = default;
@@ -47,7 +44,7 @@ public:
     // Zeroed bytes, aligned to 8 or 64. Null: *status is kLimitReached or kOutOfMemory.
     void* Take(Account& account, SIZE_T size, SIZE_T alignment, product::ServiceStatus* status);
 
-    // Frees everything and gives the charges back. Nobody may be using a piece.
+    // Frees everything and credits the charges. Nobody may be using a piece.
     void Release();
 
 private:
@@ -64,8 +61,8 @@ private:
     BYTE* m_end GUARDED_BY(m_lock) = nullptr;
 };
 
-// ---- names of variables, each kept once for all databases: a thousand printers have the same 60. They stay until the
-// service ends
+// ---- names of variables, each stored once for all databases: a thousand printers share the same 60. They stay until
+// the service ends
 
 struct Name {
     Name* next;

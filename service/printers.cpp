@@ -1,3 +1,4 @@
+// State: the copy of the printer list, and the lock of its writers.
 #include "printers.h"
 
 #include "product/guards.h"

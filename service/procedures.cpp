@@ -1,3 +1,5 @@
+// Marshalling by the rows of product/interface.h, and the procedures themselves. State: which run of the service this
+// is.
 #include "procedures.h"
 
 #include "changes.h"

@@ -1,4 +1,4 @@
-// The procedures of the interface: from the request's bytes to the reply's.
+// The procedures of the interface: from the request's bytes to the reply's. State: which run of the service this is.
 #pragma once
 
 #include "product/interface.h"

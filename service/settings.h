@@ -6,7 +6,7 @@
 #include "product/interface.h"
 #include "product/registry_names.h"
 
-// What is charged to the user who caused it before it is done, and given back when it ends.
+// What is charged to the user who caused it before the work is done, and released when it ends.
 enum Share { kShareDatabases, kShareMemory, kShareHandles, kShareWatches, kShareCount };
 
 struct Bound {
@@ -19,8 +19,8 @@ inline constexpr DWORD kHandleSlots = 1 << 18;
 
 inline constexpr Bound kBounds[kShareCount] = {
     /* kShareDatabases */ {.perUser = 8192, .inAll = 16384},
-    // Bytes of variables, their values, names and member lists. A value that grew keeps its old block: up to twice its
-    // size.
+    // Bytes of variables, their values, names and member lists. A value that grew keeps its old blocks, which makes up
+    // to twice its size.
     /* kShareMemory */ {.perUser = 128 << 20, .inAll = 512 << 20},
     /* kShareHandles */ {.perUser = 65536, .inAll = kHandleSlots / 2},
     /* kShareWatches */ {.perUser = 16384, .inAll = 65536},
@@ -29,29 +29,29 @@ inline constexpr Bound kBounds[kShareCount] = {
 inline constexpr DWORD kUsersMax = 4096;
 inline constexpr DWORD kVariablesPerDatabase = 2048;
 
-// A pulse that follows another within the gap is part of a burst, and the burst is closed by a pulse of its own.
+// A pulse that follows another within the gap belongs to a burst. A burst ends with a closing pulse, after the delay.
 inline constexpr DWORD kBurstGapMs = 250;
 inline constexpr DWORD kClosingDelayMs = 50;
-// One that follows a question for the write time within the gap may come before the asker waits. Whether it has asked
-// again is looked at after the delay, long enough for one that was told to have had its turn.
+// A pulse within the gap after a question for the write time may come before the asker waits. After the delay, which is
+// long enough for a watcher that was woken to run, the service checks whether the watcher asked again.
 inline constexpr DWORD kLookGapMs = 1000;
 inline constexpr DWORD kLookDelayMs = 200;
-// A watcher of many variables misses what is pulsed while it delivers: the closing pulses of one database keep this
-// distance.
+// A watcher of many variables misses pulses while it delivers. So closing pulses of one database are this far apart.
 inline constexpr DWORD kClosingSpacingMs = 4;
-// A closing pulse is repeated while somebody who asks for the write time when told has not asked.
+// A closing pulse is repeated while a watcher that asks for the write time after each pulse has not asked.
 inline constexpr DWORD kClosingRepeatMs = 60;
 inline constexpr DWORD kClosingRepeats = 6;
-// Up to so many watches the writer's call pulses before its reply. Beyond, it would be held up by waking them all.
+// The writer's own call pulses an event of up to so many watches. Waking more would delay its reply, so the thread of
+// the signals does it.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
 
-// Tries of a reader before it takes the writer's lock: it then waits for the writers in front of it and no others.
+// Tries of a reader before it takes the writer's lock, where it waits only for the writers in front of it.
 inline constexpr int kReadTries = 64;
 
 // ---- what an administrator sets: values of the product's key
 
-// False when there is no value of that type and at most that size. A text is cut off at its NUL, or ends with the
-// value: room has a byte more than size for it.
+// False when there is no value of that type and at most that size. A text need not end with a NUL: for a text, value
+// has one byte more than size, and the caller clears it.
 inline bool ReadSetting(const char* name, DWORD type, void* value, DWORD size) {
     const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
     DWORD found = 0;
@@ -79,7 +79,7 @@ inline SYSTEMTIME ToSystemTime(ULONGLONG time) {
     return system;
 }
 
-// Tick counts wrap after 49.7 days; two of them that are less than half of that apart compare by their difference.
+// Tick counts wrap after 49.7 days. Two that are less than half of that apart compare by their difference.
 inline bool TickReached(DWORD now, DWORD due) {
     return static_cast<LONG>(now - due) >= 0;
 }

@@ -1,3 +1,4 @@
+// Pulses, closing pulses, and the thread that serves them. State: the queues of that thread, and a list of all signals.
 #include "signals.h"
 
 #include "composite.h"

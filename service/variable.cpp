@@ -1,3 +1,4 @@
+// State: the locks of the writers.
 #include "variable.h"
 
 #include "product/printer_list.h"

@@ -1,11 +1,11 @@
-// A variable and its value, read without a lock.
+// A variable, its role, and its value, which is read without a lock.
 //
-// The value lies in a block of words behind a sequence count: a writer makes the count odd, changes size, words and
-// write time, and makes it even; a reader copies and takes what it has when the count was even and the same before and
-// after. A block that has become too small is replaced and stays where it is, so a reader never touches memory that is
-// gone. Since blocks grow by doubling, what they leave behind is less than the last.
+// A sequence lock guards the value. A writer makes the sequence count odd, changes size, words and write time, and
+// makes the count even again. A reader copies, and keeps the copy when the count was even and the same before and
+// after. A block that has become too small is replaced but not freed, so a reader never touches freed memory. Blocks
+// grow by doubling, so the old blocks together are smaller than the last one.
 //
-// Writers of a variable take turns under one of 64 locks, chosen by its address. State: none beside the variable.
+// Writers of a variable take turns under one of 64 locks, chosen by its address. State: the variables and these locks.
 #pragma once
 
 #include "memory.h"
@@ -14,20 +14,20 @@
 
 // ---- roles
 
-// What a variable is to the service beside a value, known by its name, and who may write it.
+// What a variable of that name means to the service, and who may write it.
 enum class VariableRole : BYTE {
     None,        // anybody writes it
     Mailbox,     // forwarded requests: the service alone
-    Answer,      // to them: administrators, whom printer sides are among
+    Answer,      // to forwarded requests: administrators; a printer side is one
     Setting,     // administrators
     AccessList,  // administrators; kept for the printer's next database
     PrinterName, // administrators, and anybody who writes what the printer list says
-    PrinterList, // administrators; anybody adds a printer, and takes or gives up the ownership for his own process
-    Request,     // anybody; answered when no printer side serves the printer any more
-    Termination  // anybody; an administrator's ends the printer sides too
+    PrinterList, // administrators; anybody adds a printer, or takes or releases the ownership for their own process
+    Request,     // anybody; the service answers when no printer side serves the printer
+    Termination  // anybody; a write of an administrator also ends the printer sides
 };
 
-// A companion of a variable that is not everybody's is a Setting.
+// The companion of a variable that not everybody may write is a Setting.
 VariableRole RoleOf(std::string_view database, std::string_view variable);
 VariableRole RoleOfCompanion(VariableRole role);
 
@@ -46,7 +46,7 @@ struct ValueBlock {
 };
 static_assert(sizeof(ValueBlock) == 8 && sizeof(std::atomic<ValueBlock::Word>) == sizeof(ValueBlock::Word));
 
-// A cache line each, so that clients of two variables do not disturb each other.
+// One cache line each, so that clients of two variables do not contend.
 struct alignas(64) Variable {
     std::atomic<Variable*> next; // in its database's bucket
     const Name* name;
@@ -81,37 +81,38 @@ product::ServiceStatus CheckValueSize(const Variable& variable, DWORD size);
 // variable-length one. The empty variable-length value, {4, 0}, has none.
 DWORD RoomFor(product::DatabaseType type, const BYTE* bytes, DWORD size);
 
-// Copies the value out when capacity is enough for it; else out may hold anything. Not for composites.
+// Copies the value to out when capacity is enough for it; otherwise out may hold anything. Not for composites.
 ValueState ReadValue(const Variable& variable, BYTE* out, DWORD capacity);
 
-ULONGLONG ReadWriteTime(const Variable& variable); // alone
+ULONGLONG ReadWriteTime(const Variable& variable);
 
-// Stores a value that CheckValueSize took, with the time of day as its write time, or the last one when that is later.
-// *changed: the bytes are others than before.
+// Stores a value that CheckValueSize accepts. Its write time is the time of day, and always later than the one before.
+// *changed: the bytes differ from those before. kLimitReached, kOutOfMemory: nothing changed.
 product::ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
                                   bool* changed);
 
-// Moves the write time on without a value: of a variable just made, of a composite whose list was set.
+// Sets the write time without a value: of a variable just made, or of a composite whose list was set.
 void TouchWriteTime(Variable& variable);
 
 // For a reader of several variables at once. Pieces between SequenceBegin and an unchanged SequenceNow belong together.
 DWORD SequenceBegin(const Variable& variable); // waits until no writer is in the middle
 DWORD SequenceNow(const Variable& variable);
 ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity); // as ReadValue, but unchecked
-// The same of what it contributes to a composite: always its room, with zeros behind a shorter value. Of a
-// variable-length value the payload, as much as there is room for.
+// The same for what the variable contributes to a composite: always its room, with zeros behind a shorter value. Of a
+// variable-length value, as much of the payload as fits.
 ValueState CopyPart(const Variable& variable, BYTE* out, DWORD capacity);
 
 inline constexpr DWORD kWriterLocks = 64;
 DWORD WriterLockOf(const Variable& variable); // 0 to 63
 extern Lock g_writerLocks[kWriterLocks];
 
-// A variable that was written; changed: its bytes are others than before.
+// A variable that was written; changed: its bytes differ from those before.
 struct Written {
     Variable* variable;
     bool changed;
 };
 
-// Stores values of several variables at one moment: bytes has one behind the other, each as long as the variable's
-// room. No variable is there twice or of variable length, and the locks of all their writers are held.
+// Stores values of several variables at one moment. bytes has one value behind the other, each as long as its
+// variable's room. No variable is listed twice, none is of variable length, and the caller holds the writer locks of
+// all.
 void WriteTogether(std::span<Written> variables, const BYTE* bytes);

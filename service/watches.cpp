@@ -1,3 +1,4 @@
+// State: with the groups and the watched variables; the lock of all is here.
 #include "watches.h"
 
 #include "forwarding.h"
