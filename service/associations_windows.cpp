@@ -1,17 +1,18 @@
-// The calls for associations are looked for in the run-time of the machine: the toolchain's import library has them
-// not, or decorated for another count of parameters, and not every implementation has them. Where it has none, a client
-// is the process whose number the run-time tells, and it is gone when that process has ended and its calls have
-// returned. Those whose process cannot be told or waited for count as one, which ends with the service.
+// The calls for associations are looked up in the machine's run-time: the toolchain's import library lacks them, or
+// decorates them for another count of parameters, and not every implementation has them. Where the run-time has none, a
+// client is the process whose number the run-time gives. It is gone when that process has ended and its calls have
+// returned. Clients whose process is not known or cannot be waited for count as one, which ends with the service.
 //
 // State: the processes of clients.
 #include "associations.h"
 
+#include "product/linked_list.h"
 #include "product/lock.h"
 
 #include <new>
 
 struct ClientProcess {
-    DWORD id = 0;            // 0: of those that cannot be told
+    DWORD id = 0;            // 0: not known
     HANDLE handle = nullptr; // keeps the number from being another's
     HANDLE wait = nullptr;   // for its end, once monitored
     PRPC_RUNDOWN runDown = nullptr;
@@ -44,7 +45,7 @@ bool HasAssociations() {
     return g_getContext && g_monitor;
 }
 
-// The number of the client's process; 0 when it cannot be told.
+// The number of the client's process; 0 when it is not known.
 DWORD ProcessOf(RPC_BINDING_HANDLE client) {
     unsigned long process = 0;
     return g_getProcess && g_getProcess(client, &process) == RPC_S_OK ? process : 0;
@@ -57,7 +58,7 @@ ClientProcess* FindProcess(DWORD id) REQUIRES(g_lock) {
     return process;
 }
 
-// Null when there is no memory for it. One that cannot be waited for is among those that cannot be told.
+// Null when there is no memory for it. One that cannot be waited for counts as not known.
 ClientProcess* AddProcess(DWORD id) REQUIRES(g_lock) {
     const HANDLE handle = id != 0 ? OpenProcess(SYNCHRONIZE, FALSE, id) : nullptr;
     if (!handle) {
@@ -76,12 +77,9 @@ ClientProcess* AddProcess(DWORD id) REQUIRES(g_lock) {
     return process;
 }
 
-// Out of the list, to be run down.
-void Unlink(const ClientProcess* process) REQUIRES(g_lock) {
-    ClientProcess** link = &g_processes;
-    while (*link != process)
-        link = &(*link)->next;
-    *link = process->next;
+// Takes it out of the list, to be run down.
+void BeginRunDown(const ClientProcess* process) REQUIRES(g_lock) {
+    Unlink(g_processes, &ClientProcess::next, *process);
     ++g_runDowns;
 }
 
@@ -95,10 +93,10 @@ void RunDown(ClientProcess* process) {
     --g_runDowns;
 }
 
-// Takes one out of the list that nobody needs any more: it has ended, or was never monitored.
+// Takes a process out of the list when nobody needs it any more: it has ended, or was never monitored.
 bool TakeOut(const ClientProcess* process) REQUIRES(g_lock) {
     if (process->calls > 0 || (process->runDown && !process->ended)) return false;
-    Unlink(process);
+    BeginRunDown(process);
     return true;
 }
 
@@ -163,7 +161,7 @@ RPC_STATUS CallersAssociation::User(const char** user) const {
     RPC_AUTHZ_HANDLE name = nullptr;
     const RPC_STATUS status = RpcBindingInqAuthClientA(m_client, &name, nullptr, nullptr, nullptr, nullptr);
     if (status != RPC_S_OK && status != RPC_S_BINDING_HAS_NO_AUTH) return status;
-    // Those that the run-time does not name have one account in common.
+    // Users that the run-time does not name share one account.
     *user = name ? static_cast<const char*>(name) : "";
     return RPC_S_OK;
 }
@@ -175,17 +173,18 @@ void EndAssociations() {
             LockHold hold{g_lock};
             process = g_processes;
             if (!process && g_runDowns == 0) return;
-            if (process) process->calls = 1; // now the end of the process leaves it to us
+            if (process) process->calls = 1; // so the end of the process does not run it down
         }
         if (!process) {
-            Sleep(1); // another thread is at the last one; a run-down waits for nobody
+            Sleep(1); // another thread runs the last one down, which waits for nothing
             continue;
         }
-        if (process->wait) UnregisterWaitEx(process->wait, INVALID_HANDLE_VALUE); // and is waited for
+        if (process->wait)
+            UnregisterWaitEx(process->wait, INVALID_HANDLE_VALUE); // waits until a callback in progress has returned
         process->wait = nullptr;
         {
             LockHold hold{g_lock};
-            Unlink(process);
+            BeginRunDown(process);
         }
         RunDown(process);
     }

@@ -38,7 +38,7 @@ bool IsFormOf(VariableRole role, DatabaseType type, const BYTE* bytes, DWORD siz
     }
 }
 
-// A list of printers comes to be by the same writes as it grows.
+// A printer list that begins with entries would bypass the check of those that are added.
 bool MayBegin(const Caller& caller, VariableRole role, const BYTE* bytes, DWORD size) {
     return role != VariableRole::PrinterList || RoomFor(kTypeVariableLength, bytes, size) == 0 ||
            IsAdministrator(caller);
@@ -48,7 +48,7 @@ ServiceStatus AddAndSignal(Database& database, Account& account, const NewVariab
                            DWORD size) REQUIRES(database.lock) {
     Variable* variable = nullptr;
     const ServiceStatus status = AddVariable(database, account, wanted, bytes, size, &variable);
-    if (status == kDone) SignalWritten(database, Written{variable, true}); // who watches a composite that lists it
+    if (status == kDone) SignalWritten(database, Written{variable, true}); // for watchers of a composite that lists it
     return status;
 }
 
@@ -71,7 +71,7 @@ ServiceStatus WriteNewCompanion(Database& database, const Caller& caller, std::s
 
 // ---- values written
 
-// Whoever opens a printer first fills its database and writes its name; the printer list has it already.
+// The first program that opens a printer fills its database and writes its name, which the printer list already has.
 bool IsListedName(const Database& database, const BYTE* bytes, DWORD size) {
     const auto* text = reinterpret_cast<const char*>(bytes);
     const std::string_view name{text, strnlen(text, size)};
@@ -129,7 +129,7 @@ void FollowWrite(const Caller& caller, Database& database, const Variable& varia
     }
 }
 
-// Who may not write one of the members writes none.
+// A caller that may not write one of the members writes none.
 ServiceStatus WriteComposite(Database& database, const Caller& caller, const Variable& composite, const BYTE* bytes,
                              DWORD size) {
     Parts parts;

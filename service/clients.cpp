@@ -17,8 +17,8 @@ namespace {
 
 Lock g_handlesLock;
 
-// A slot is free while its handle is 0. What a reader finds beside the handle is valid when the handle is still the
-// same afterwards.
+// A slot is free while its handle is 0. The other fields that a reader finds are valid when the handle is the same
+// before and after.
 struct Slot {
     std::atomic<DWORD> handle = 0;
     DWORD previousOfGroup GUARDED_BY(g_handlesLock) = 0;
@@ -50,7 +50,7 @@ void InitialiseHandles() {
     try {
         g_nextHandle = std::random_device{}();
     } catch (const std::exception&) {
-        g_nextHandle = GetTickCount() * 2654435761U; // enough against a mix-up; handles are no secrets
+        g_nextHandle = GetTickCount() * 2654435761U; // enough to avoid mix-ups; handles are not secrets
     }
 }
 
@@ -126,7 +126,7 @@ void CloseAllHandles(Group& group) {
 
 namespace {
 
-Lock g_groupsLock; // one first call of a process at a time
+Lock g_groupsLock; // serialises the first calls of processes
 std::atomic<DWORD> g_groups;
 
 // The process's last connection is gone, and its calls have returned.
@@ -201,7 +201,7 @@ bool NoClientsAreLeft() {
 namespace {
 
 constexpr char kGroupValue[] = "AdministratorsGroup";
-// The groups of this system are a domain of their own, since a user may have the same name.
+// On Linux groups have a domain of their own, since a user may have the same name.
 constexpr char kGroupDomain[] = "Unix Group\\";
 constexpr const char* kDefaultGroups[] = {"Unix Group\\lpadmin", "Unix Group\\root"};
 constexpr DWORD kGroupNameMax = 256;

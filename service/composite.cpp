@@ -12,11 +12,12 @@ Variable* Resolved(const Database& database, MemberList::Member& member) {
     Variable* variable = member.variable.load(std::memory_order_acquire);
     if (variable) return variable;
     variable = FindVariable(database, member.name->Text());
-    if (variable) member.variable.store(variable, std::memory_order_release); // all who find it store the same
+    if (variable)
+        member.variable.store(variable, std::memory_order_release); // every thread that finds it stores the same
     return variable;
 }
 
-// Appends the parts' values; false when they come to more than any value may have.
+// Appends the parts' values; false when they are longer than any value may be.
 bool CopyParts(const Parts& parts, const ValueState& own, BYTE* out, DWORD capacity, ValueState* state) {
     *state = own;
     for (DWORD i = 0; i < parts.count; ++i) {
@@ -36,7 +37,7 @@ bool Unchanged(const Parts& parts, const DWORD* sequences) {
     return true;
 }
 
-// Writers of all parts stand still while it lives. Locks are taken in their order, so that two of these cannot meet.
+// Blocks the writers of all parts while it lives. The locks are taken in order, so that two of these cannot deadlock.
 class PartsHold {
 public:
     explicit PartsHold(const Parts& parts) NO_LOCK_ANALYSIS {
@@ -60,7 +61,7 @@ ServiceStatus ReadComposite(const Database& database, const Variable& composite,
     Parts parts;
     GatherParts(database, composite, parts);
     if (parts.tooMany) return kLimitReached;
-    // A floor: when it was made, or its list was set.
+    // At least the time when it was made or its list was set.
     const ValueState own = {0, ReadWriteTime(composite), SequenceNow(composite) / 2};
     DWORD sequences[kCompositePartsMax];
     bool fits = false;
@@ -78,7 +79,7 @@ ServiceStatus ReadComposite(const Database& database, const Variable& composite,
     return fits ? kDone : kLimitReached;
 }
 
-// The next name of a member list, taken off it.
+// Takes the next name off a member list.
 std::string_view NextName(std::string_view& list) {
     const size_t length = std::min(list.find(';'), list.size());
     const std::string_view name = list.substr(0, length);

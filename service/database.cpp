@@ -12,17 +12,17 @@ namespace {
 
 constexpr DWORD kTableBuckets = 4096;
 
-Lock g_tableLock; // who adds a database or starts one afresh; before a database's own lock
+Lock g_tableLock; // to add a database or start one afresh; taken before a database's own lock
 std::atomic<Database*> g_table[kTableBuckets];
 
 std::atomic<Database*>& BucketOf(std::string_view name) {
     return g_table[HashOf(name) % kTableBuckets];
 }
 
-// "<database>:Initialized", not set. Null when it cannot be had; those who wait then ask again and again instead.
+// "<database>:Initialized", not set. Null when it cannot be had; waiters then poll.
 HANDLE CreateInitialisedEvent(std::string_view database) {
     HANDLE event = CreateEventForEveryone(InitializedEventName(database).text);
-    // Somebody who waited for a database of that name before may still hold the event, set.
+    // A process that waited for an earlier database of that name may still hold the event, set.
     if (event) ResetEvent(event);
     return event;
 }
@@ -42,7 +42,7 @@ void ReleaseContents(Database& database) REQUIRES(database.lock) {
     database.arena.Release();
 }
 
-// Lets go those who wait for the database: they ask again.
+// Wakes those who wait for the database; they ask again.
 void EndWaiting(Database& database) REQUIRES(database.lock) {
     if (!database.initialisedEvent) return;
     SetEvent(database.initialisedEvent);
@@ -50,7 +50,7 @@ void EndWaiting(Database& database) REQUIRES(database.lock) {
     database.initialisedEvent = nullptr;
 }
 
-// A given-up database goes over to who creates it now.
+// Hands a given-up database to its new creator.
 ServiceStatus StartAfresh(Database& database, Account& account, DWORD handle) REQUIRES(g_tableLock) {
     if (database.account != &account) {
         if (!Charge(account, kShareDatabases, 1)) return kLimitReached;
@@ -174,7 +174,7 @@ void ReleaseDatabases() {
         while (database) {
             Database* next = database->next;
             Account& account = *database->account;
-            delete database; // its arena gives its own charges back
+            delete database; // its arena credits its own charges
             GiveBack(account, kShareDatabases, 1);
             database = next;
         }

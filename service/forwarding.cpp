@@ -1,5 +1,5 @@
-// Waiting calls lie on the stacks of the threads that serve them. State beside the databases': the time limit, whether
-// the service ends, and the thread that answers for a printer side that has no successor.
+// A waiting call is a record on the stack of the thread that serves it. State, besides the databases': the time limit,
+// whether the service ends, and the thread that answers when a printer side has no successor.
 #include "forwarding.h"
 
 #include "printers.h"
@@ -36,21 +36,21 @@ constexpr DWORD kLongestLimitMs = 600000;
 constexpr DWORD kSuccessorMs = 2000;
 
 DWORD g_limitMs = kDefaultLimitMs;
-HANDLE g_successorAwaited = nullptr; // automatic
+HANDLE g_successorAwaited = nullptr; // auto-reset
 HANDLE g_stop = nullptr;
 HANDLE g_thread = nullptr;
 std::atomic<bool> g_ending = false;
 
 // ---- the mailbox
 
-// Null: no printer side ever made it, or none watches it now.
+// Null: no printer side made the mailbox, or none watches it now.
 Variable* MailboxOf(const Database& database) {
     Variable* mailbox = FindVariable(database, kForwardMailbox);
     const VariableSignals* signals = mailbox ? mailbox->signals.load(std::memory_order_acquire) : nullptr;
     return signals && signals->watchCount.load() > 0 ? mailbox : nullptr;
 }
 
-// Never fails, and nobody is charged: the value's size is that of its block.
+// Cannot fail and charges nobody: the value is as large as its block.
 void StoreInMailbox(Database& database, Variable& mailbox, const ForwardedRequest& request) {
     BYTE bytes[sizeof request];
     memcpy(bytes, &request, sizeof request);
@@ -63,8 +63,8 @@ DWORD NextId(Forwarding& forwarding) REQUIRES(forwarding.lock) {
     return forwarding.lastId;
 }
 
-// Puts the first call's request into the mailbox, or none. That the mailbox was emptied tells a printer side that comes
-// later what it need not do, and the one that is there nothing: it is not signalled.
+// Puts the first call's request into the mailbox, or empties it. An empty mailbox tells a later printer side that there
+// is nothing to do. The present one need not know, so it is not signalled.
 void PostFirst(Database& database) REQUIRES(database.forwarding.lock) {
     Variable* mailbox = FindVariable(database, kForwardMailbox);
     if (!mailbox) return;
@@ -91,7 +91,7 @@ void TakeOut(Forwarding& forwarding, ForwardedCall& call) REQUIRES(forwarding.lo
 void Finish(Forwarding& forwarding, ForwardedCall& call, LONG result) REQUIRES(forwarding.lock) {
     TakeOut(forwarding, call);
     call.result = result;
-    SetEvent(call.answered); // its thread goes on when it gets the lock
+    SetEvent(call.answered); // its thread continues once it has the lock
 }
 
 void FailAll(Database& database) REQUIRES(database.forwarding.lock) {
@@ -103,14 +103,14 @@ void FailAll(Database& database) REQUIRES(database.forwarding.lock) {
 
 // ---- a printer side that is gone
 
-// Bits that say that requests are taken, which whoever took them cannot take back any more.
+// Bits that say that requests are taken. A printer side that was killed could not clear them.
 struct TakingBits {
     std::string_view variable;
     DWORD bits;
 };
 constexpr TakingBits kTakingBits[] = {{names::kPrinterExtStatus, 0x1}, {names::kSpoolerStatus, 0xC}};
 
-constexpr LONG kUnavailable = TVS_E_NOT_NOW; // what a printer side answers when it stops
+constexpr LONG kUnavailable = TVS_E_NOT_NOW; // the result that a printer side gives when it stops
 
 void StoreNumber(Database& database, Variable& variable, DWORD number) {
     BYTE bytes[sizeof number];
@@ -131,9 +131,9 @@ void ClearBits(Database& database, std::string_view name, DWORD bits) {
     if ((number & bits) != 0) StoreNumber(database, *variable, number & ~bits);
 }
 
-// Whoever watches "RWResult" waits for the answer to the request that was written since the last one. Times tell
-// milliseconds: a request within that of the last answer counts as open, for the worse would be that somebody waits for
-// good.
+// A watcher of "RWResult" waits for the answer to a request that was written after the last answer. Write times have
+// milliseconds. A request in the same one as the last answer counts as open, since a needless answer does less harm
+// than a program that waits forever.
 void AnswerOpenRequest(Database& database) {
     Variable* result = FindVariable(database, names::kRWResult);
     if (!result || result->type != kTypeNumber) return;
@@ -148,7 +148,7 @@ void AnswerOpenRequest(Database& database) {
     }
 }
 
-// A printer side that is started again, or stood by, carries the request out. How long one is waited for.
+// Gives a printer side that is restarted, or stands by, some time to carry the request out.
 void AwaitSuccessor(Database& database) REQUIRES(database.forwarding.lock) {
     if (database.forwarding.awaitsSuccessor) return;
     database.forwarding.awaitsSuccessor = true;
@@ -156,7 +156,7 @@ void AwaitSuccessor(Database& database) REQUIRES(database.forwarding.lock) {
     SetEvent(g_successorAwaited);
 }
 
-// Answers for a database whose time is over; *wait: until that of another is, at most.
+// Answers the open request of a database whose time for a successor is over. *wait is lowered to the time left.
 void EndAwaiting(Database& database, DWORD* wait) {
     LockHold hold{database.forwarding.lock};
     if (!database.forwarding.awaitsSuccessor) return;
@@ -188,7 +188,7 @@ bool Enter(Database& database, ForwardedCall& call) {
     return true;
 }
 
-// The time is over; the answer may have come in this very moment.
+// The call timed out. The answer may have come just now.
 void Leave(Database& database, ForwardedCall& call) {
     LockHold hold{database.forwarding.lock};
     if (!call.waiting) return;
@@ -238,7 +238,7 @@ void TakeAnswer(Database& database, const BYTE* bytes, DWORD size) {
     if (size != sizeof answer) return;
     memcpy(&answer, bytes, sizeof answer);
     LockHold hold{database.forwarding.lock};
-    // One that comes too late, or for another request, has another number.
+    // An answer that comes too late, or for another request, has another id.
     ForwardedCall* call = database.forwarding.first;
     if (!call || call->id != answer.id) return;
     Finish(database.forwarding, *call, answer.result);
@@ -247,7 +247,7 @@ void TakeAnswer(Database& database, const BYTE* bytes, DWORD size) {
 
 void PrinterSideIsGone(Database& database) {
     LockHold hold{database.forwarding.lock};
-    // Another may have come meanwhile: it finds the request in the mailbox.
+    // Another printer side may have come meanwhile. It finds the request in the mailbox.
     if (MailboxOf(database)) return;
     const bool wasAsked = database.forwarding.ending;
     database.forwarding.ending = false;
@@ -259,7 +259,7 @@ void PrinterSideIsGone(Database& database) {
 }
 
 void AnswerUnserved(Database& database) {
-    // Where no printer side of ours has been, another kind may serve the request.
+    // Without a mailbox there was no printer side of ours; another program may serve the request.
     if (!FindVariable(database, kForwardMailbox)) return;
     LockHold hold{database.forwarding.lock};
     if (!MailboxOf(database)) AwaitSuccessor(database);
@@ -300,7 +300,7 @@ void EndForwarding() {
 void StopForwarding() {
     if (g_thread) {
         SetEvent(g_stop);
-        WaitForSingleObject(g_thread, INFINITE); // it waits for no client
+        WaitForSingleObject(g_thread, INFINITE); // bounded: the thread waits for no client
     }
     for (HANDLE handle : {g_thread, g_stop, g_successorAwaited})
         if (handle) CloseHandle(handle);

@@ -1,6 +1,6 @@
 // TVSDBN.EXE, the status database service: the Windows service "TVORSDB". It keeps all databases in memory and serves
 // them over the interface of product/interface.h until it is asked to stop. State: the handle of its status, the stop
-// event and how it ended, here.
+// event, and how it ended.
 #include "associations.h"
 #include "clients.h"
 #include "forwarding.h"
@@ -17,14 +17,14 @@ using namespace product;
 
 namespace {
 
-// How long a start or a stop may take before somebody should wonder, in milliseconds.
+// A start or a stop that takes longer than this has failed, in milliseconds.
 constexpr DWORD kWaitHintMs = 10000;
 
 SERVICE_STATUS_HANDLE g_serviceHandle = nullptr;
 HANDLE g_stopEvent = nullptr;
 DWORD g_exitCode = ERROR_SUCCESS;
 
-void TellState(DWORD state) {
+void ReportState(DWORD state) {
     const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
     SERVICE_STATUS status = {};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
@@ -59,12 +59,12 @@ RPC_STATUS Listen() {
 DWORD ServeClients() {
     const RPC_STATUS status = Listen();
     if (status != RPC_S_OK) return static_cast<DWORD>(status);
-    TellState(SERVICE_RUNNING);
-    WaitForSingleObject(g_stopEvent, INFINITE); // until somebody asks, however long that is
-    TellState(SERVICE_STOP_PENDING);
+    ReportState(SERVICE_RUNNING);
+    WaitForSingleObject(g_stopEvent, INFINITE); // unbounded: until the service is asked to stop
+    ReportState(SERVICE_STOP_PENDING);
     RpcMgmtStopServerListening(nullptr);
     EndForwarding();
-    RpcMgmtWaitServerListen(); // no procedure waits for anything but its processor any more
+    RpcMgmtWaitServerListen(); // bounded: EndForwarding answered the calls that waited
     RpcServerUnregisterIf(&g_serverInterface, nullptr, TRUE);
     EndAssociations();
     return ERROR_SUCCESS;
@@ -90,11 +90,11 @@ VOID WINAPI ServiceMain(DWORD, LPSTR*) {
         g_exitCode = GetLastError();
         return;
     }
-    TellState(SERVICE_START_PENDING);
+    ReportState(SERVICE_START_PENDING);
     g_exitCode = Run();
     if (g_exitCode != ERROR_SUCCESS)
         Log(LogLevel::Error, "the service ends with system error " + std::to_string(g_exitCode));
-    TellState(SERVICE_STOPPED);
+    ReportState(SERVICE_STOPPED);
 }
 
 } // namespace

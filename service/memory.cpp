@@ -30,7 +30,7 @@ bool HoldsNothing(const std::atomic<SIZE_T> (&held)[kShareCount]) {
     return true;
 }
 
-// Nobody can charge an account without a client, so one that holds nothing stays that way.
+// Only clients charge an account, so one without clients that holds nothing stays that way.
 void DropIdleAccounts() REQUIRES(g_accountsLock) {
     for (Account** link = &g_accounts; *link;) {
         Account* account = *link;
@@ -81,7 +81,7 @@ bool Charge(Account& account, Share share, SIZE_T amount) {
 
 void GiveBack(Account& account, Share share, SIZE_T amount) {
     g_held[share].fetch_sub(amount, std::memory_order_relaxed);
-    account.held[share].fetch_sub(amount, std::memory_order_release); // the last access: the account may go now
+    account.held[share].fetch_sub(amount, std::memory_order_release); // the last access: the account may be deleted now
 }
 
 bool AccountsAreBalanced() {
@@ -94,12 +94,12 @@ bool AccountsAreBalanced() {
 
 namespace {
 
-// A printer's 60 variables take about 8 KiB: three of these, which leaves little unused.
-constexpr SIZE_T kChunkSize = 4096 - 32; // with the allocator's own header within a page
-// What would waste a good part of a chunk gets one of its own.
+// A printer's 60 variables take about 8 KiB: three chunks, with little unused.
+constexpr SIZE_T kChunkSize = 4096 - 32; // fits a page with the allocator's header
+// A piece that would waste much of a chunk gets a chunk of its own.
 constexpr SIZE_T kLargePiece = 1024;
 
-// The first place from there on that is aligned and has size bytes before the end; null when there is none.
+// The first aligned place at or behind from with size bytes before end; null when there is none.
 BYTE* Fit(BYTE* from, const BYTE* end, SIZE_T size, SIZE_T alignment) {
     void* place = from;
     size_t room = static_cast<size_t>(end - from);

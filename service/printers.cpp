@@ -18,8 +18,7 @@ using namespace product;
 
 namespace {
 
-// ---- access control lists that outlive the service and the machine: values of a key of the product's, one for each
-// printer, the list as the variable has it
+// ---- kept access control lists: registry values, one for each printer, with the variable's bytes
 
 LSTATUS OpenLists(REGSAM access, RegistryKey* key) {
     const std::string path = std::string(kProductKey) + "\\Access Control Lists";
@@ -28,8 +27,8 @@ LSTATUS OpenLists(REGSAM access, RegistryKey* key) {
                                : RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, key->Receive());
 }
 
-// Two printers may differ in case, names of values may not; a printer's may have any byte but NUL. So what is neither a
-// lower-case letter nor a digit nor a blank is written as %XX.
+// Names of two printers may differ only in case, names of values may not, and a printer's name may have any byte but
+// NUL. So everything but lower-case letters, digits, blanks, "-" and "_" is written as %XX.
 std::string ValueName(std::string_view printer) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string name;
@@ -58,7 +57,7 @@ void ForgetAccessList(std::string_view printer) {
     try {
         RegistryKey lists;
         if (OpenLists(KEY_WRITE, &lists) == ERROR_SUCCESS) RegDeleteValueA(lists.Get(), ValueName(printer).c_str());
-    } catch (const std::bad_alloc&) { // it stays, for a printer that nobody opens
+    } catch (const std::bad_alloc&) { // the list stays, for a printer that nobody opens
     }
 }
 
@@ -95,7 +94,7 @@ ListCopy g_list GUARDED_BY(g_printersLock);
 // The list as it is now. False: no memory.
 bool RefreshFrom(const Variable& variable) REQUIRES(g_printersLock) {
     for (;;) {
-        // A count taken before the value is never ahead of it: what is read may be newer, and is then read once more.
+        // The count is taken first, so it is never ahead of the value. A newer value is read again the next time.
         const DWORD sequence = SequenceBegin(variable);
         if (g_list.variable == &variable && g_list.sequence == sequence) return true;
         const ValueState state = ReadValue(variable, g_list.bytes.data(), static_cast<DWORD>(g_list.bytes.size()));
@@ -125,13 +124,13 @@ std::string_view PrinterOfDatabase(std::string_view database) REQUIRES(g_printer
     return FindListedDatabase(g_list.bytes.data(), g_list.bytes.size(), database).name;
 }
 
-// ---- what anybody may change of the list
+// ---- what anybody may change in the list
 
-// The list of a value, which may be of any form and address.
+// A value seen as a list. It may be malformed and unaligned.
 struct ListView {
     const BYTE* bytes = nullptr;
     DWORD count = 0;
-    bool whole = false; // it has its entries and nothing else
+    bool whole = false; // it has its entries and no other bytes
 
     ListView(const BYTE* value, SIZE_T size) : bytes(value) {
         constexpr SIZE_T kHeader = offsetof(PrinterList, entries);
@@ -153,7 +152,7 @@ std::string_view TextOf(const char (&field)[size]) {
     return {field, strnlen(field, size)};
 }
 
-// Nobody gives a printer to another process, or takes it from one.
+// A process may take or release the ownership for itself only.
 bool OwnsOrReleases(PrinterListEntry before, const PrinterListEntry& after, DWORD process) {
     const uint32_t from = before.ownerProcessId;
     const uint32_t to = after.ownerProcessId;
@@ -162,7 +161,7 @@ bool OwnsOrReleases(PrinterListEntry before, const PrinterListEntry& after, DWOR
            (from == to || (from == 0 && to == process) || (from == process && to == 0));
 }
 
-// A printer may have the number that it had with an earlier service, but nobody uses the numbers up.
+// A printer may keep its number from an earlier service. The step keeps one user from exhausting the numbers.
 constexpr uint32_t kNumberStep = 65536;
 
 bool IsNewPrinter(const ListView& before, const PrinterListEntry& entry, DWORD process) {
@@ -181,7 +180,7 @@ bool IsNewPrinter(const ListView& before, const PrinterListEntry& entry, DWORD p
            (entry.ownerProcessId == 0 || entry.ownerProcessId == process);
 }
 
-// Whether the value adds one printer at most and changes nothing but the ownership of the process.
+// Whether the value adds at most one printer and otherwise changes only this process's ownership.
 bool IsEverybodys(const ListView& before, const ListView& after, DWORD process) {
     if (!before.whole || !after.whole) return false;
     if (after.count != before.count && after.count != before.count + 1) return false;
@@ -213,7 +212,7 @@ std::vector<Renamed> RenamedPrinters(const ListView& before, const ListView& aft
     return all;
 }
 
-// Names may be exchanged among printers: all are forgotten first.
+// Printers may swap names, so all lists are forgotten before any is kept again.
 void MoveAccessLists(const std::vector<Renamed>& all) {
     for (const Renamed& renamed : all) {
         ForgetAccessList(renamed.before);
@@ -240,7 +239,7 @@ bool IsListed(std::string_view database, std::string_view printer) {
 
 namespace {
 
-// False: it is for administrators, and the caller is not known to be one.
+// False: only administrators may make this change, and the caller is not known to be one.
 bool StoreList(Database& database, Variable& variable, const Caller& caller, bool administrator, const BYTE* bytes,
                DWORD size, Written* written, ServiceStatus* status) {
     LockHold hold{g_printersLock};
@@ -263,7 +262,7 @@ ServiceStatus WritePrinterList(Database& database, Variable& variable, const Cal
     Written written{&variable, false};
     ServiceStatus status = kDone;
     try {
-        // Who is an administrator may take its time to be found out, and is asked without the lock.
+        // Finding out who is an administrator may take long, so it is done without the lock.
         if (!StoreList(database, variable, caller, false, bytes, size, &written, &status)) {
             if (!IsAdministrator(caller)) return kAccessDenied;
             StoreList(database, variable, caller, true, bytes, size, &written, &status);

@@ -14,7 +14,7 @@ using namespace product;
 
 namespace {
 
-// A burst is looked at when its closing pulse was due at first; if there were writes since, it is queued again.
+// A burst is checked when its closing pulse was first due. If there were writes since, it is queued again.
 struct Closing {
     DWORD due; // tick count
     Signal* signal;
@@ -28,7 +28,7 @@ Signal* g_firstOwed GUARDED_BY(g_queueLock) = nullptr;
 Signal* g_lastOwed GUARDED_BY(g_queueLock) = nullptr;
 VariableSignals* g_allSignals GUARDED_BY(g_queueLock) = nullptr;
 SIZE_T g_signalCount GUARDED_BY(g_queueLock) = 0;
-HANDLE g_queueChanged = nullptr; // automatic: there is something owed, or an earlier closing pulse
+HANDLE g_queueChanged = nullptr; // auto-reset: a signal is owed, or a closing pulse is due earlier
 HANDLE g_stop = nullptr;
 HANDLE g_thread = nullptr;
 
@@ -40,7 +40,7 @@ bool IsLater(const Closing& a, const Closing& b) {
     return a.due != b.due && TickReached(a.due, b.due);
 }
 
-// due: not after closingDue; an earlier one is looked at twice.
+// due: at or before closingDue; an earlier one is checked twice.
 void QueueClosing(Signal& signal, DWORD due) {
     if (signal.closingQueued) return;
     signal.closingQueued = true;
@@ -60,8 +60,7 @@ void QueueOwed(Signal& signal) {
     SetEvent(g_queueChanged);
 }
 
-// Lets through who waits now. An event that somebody made automatic cannot be pulsed; one of those who wait goes
-// through.
+// Wakes whoever waits now. An event that another process made auto-reset cannot be pulsed: one of its waiters wakes.
 void Pulse(Signal& signal, DWORD now) {
     if (!PulseEvent(signal.event)) {
         SetEvent(signal.event);
@@ -71,7 +70,7 @@ void Pulse(Signal& signal, DWORD now) {
     signal.lastPulse = now;
 }
 
-// Who asked for the write time a moment ago may not wait yet; whether it does is looked at later.
+// A watcher that asked for the write time a moment ago may not wait yet, so it is checked later.
 bool IsLookedAt(const VariableSignals& signals, DWORD now) {
     return signals.looked.load() && now - signals.lastLook.load() < kLookGapMs;
 }
@@ -80,7 +79,7 @@ void PulseForWrite(Signal& signal) {
     const DWORD now = GetTickCount();
     const bool burst = signal.pulsed && now - signal.lastPulse < kBurstGapMs;
     if (burst || IsLookedAt(*signal.owner, now)) {
-        // After a single write, only for those who were on their way to wait and missed it.
+        // After a single write, the closing pulse is only for watchers that were about to wait and missed it.
         const bool inAnyCase = burst || (signal.closing && signal.repeats == 0);
         signal.repeats = inAnyCase ? 0 : 1;
         signal.closing = true;
@@ -111,7 +110,7 @@ Signal* TakeOwed() {
     return signal;
 }
 
-// The signal whose burst may be over by now; else null, and the time until there may be one.
+// The signal whose burst may be over by now. Null: there is none for *wait ms.
 Signal* TakeClosing(DWORD* wait) {
     LockHold hold{g_queueLock};
     if (g_closings.empty()) {
@@ -136,10 +135,10 @@ void ServeOwed(Signal& signal) {
     if (signal.event) PulseForWrite(signal);
 }
 
-// Gives a burst that is over its turn among those of its database.
+// Spaces the closing pulse of a burst from those of its database.
 void Place(Signal& signal, DWORD now) REQUIRES(signal.owner->lock) {
     DWORD& next = signal.owner->database->nextClosing;
-    // One that lies far ahead is left from before the tick count wrapped round.
+    // A time far ahead is a leftover from before the tick count wrapped.
     const bool waits = !TickReached(now, next) && next - now <= kClosingSpacingMs * 2 * kVariablesPerDatabase;
     signal.closingDue = waits ? next : now;
     next = signal.closingDue + kClosingSpacingMs;
@@ -234,7 +233,7 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
     }
     ++signal.watches;
     signals.watchCount.fetch_add(1);
-    signals.database->watches.fetch_add(1); // the counterpart of the writer, which stores its count and then looks here
+    signals.database->watches.fetch_add(1); // pairs with the writer, which stores its count and then reads this
     return kDone;
 }
 
@@ -247,7 +246,7 @@ bool RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
     return last;
 }
 
-// Stored with a barrier before the write time is read, as the writer stores that before it looks here.
+// Stored with a barrier before the write time is read; the writer stores the write time before it reads this.
 bool NoteLook(VariableSignals& signals) {
     if (signals.watchCount.load() == 0) return false;
     signals.lastLook.store(GetTickCount());
@@ -280,7 +279,7 @@ bool StartSignals() {
 void StopSignals() {
     if (g_thread) {
         SetEvent(g_stop);
-        WaitForSingleObject(g_thread, INFINITE); // it never waits for anything but its queue
+        WaitForSingleObject(g_thread, INFINITE); // bounded: the thread waits only for its queue
     }
     for (HANDLE handle : {g_thread, g_stop, g_queueChanged})
         if (handle) CloseHandle(handle);
@@ -288,6 +287,6 @@ void StopSignals() {
     while (g_allSignals) {
         VariableSignals* signals = g_allSignals;
         g_allSignals = signals->nextOfAll;
-        signals->~VariableSignals(); // its memory is its database's
+        signals->~VariableSignals(); // the memory belongs to its database
     }
 }

@@ -71,8 +71,8 @@ Word WordAt(const BYTE* bytes, DWORD size, DWORD at) {
     return word;
 }
 
-// Stores of the words and all behind them are releases, loads acquires: that keeps them between the two accesses to the
-// sequence count without a fence, which the thread sanitizer would not understand.
+// Stores of the words and of what follows are releases, and loads are acquires. That keeps them between the two
+// accesses to the sequence count without a fence, which the thread sanitizer does not understand.
 void FillBlock(ValueBlock& block, const BYTE* bytes, DWORD size) {
     std::atomic<Word>* words = block.Words();
     for (DWORD at = 0; at < size; at += sizeof(Word))
@@ -95,7 +95,7 @@ ULONGLONG WriteTimeOf(const Variable& variable) {
     return high << 32 | variable.writeTime[0].load(std::memory_order_acquire);
 }
 
-// Now, unless the time of day was set back to before `earliest`.
+// Stores now, or `earliest` when the time of day was set back before it.
 void StoreWriteTime(Variable& variable, ULONGLONG now, ULONGLONG earliest) {
     const ULONGLONG time = std::max(now, earliest);
     variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
@@ -107,8 +107,8 @@ void BeginChange(Variable& variable) {
     variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-// Sequentially consistent: the writer looks for watches next, and a client that has its watch by then must either be
-// seen or see this value.
+// Sequentially consistent: the writer reads the count of watches next. A client that has just set its watch must either
+// be seen there or see this value.
 void EndChange(Variable& variable) {
     variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
 }
@@ -147,7 +147,7 @@ DWORD SequenceBegin(const Variable& variable) {
     for (;;) {
         const DWORD sequence = variable.sequence.load(std::memory_order_acquire);
         if (sequence % 2 == 0) return sequence;
-        // The writer is a thread of this process in the middle of a copy, or waiting for the processor we have.
+        // The writer is a thread of this process. It is copying, or waits for our processor.
         Sleep(0);
     }
 }
@@ -178,8 +178,8 @@ ValueBlock* NewValueBlock(Arena& arena, Account& account, DWORD capacity, const 
 
 ValueState CopyValue(const Variable& variable, BYTE* out, DWORD capacity) {
     ValueBlock* block = variable.block.load(std::memory_order_acquire);
-    // Size and block may belong to two different writes, which shows afterwards: until then the block's own bound
-    // holds.
+    // Size and block may belong to two different writes. The count shows that afterwards; until then the block's own
+    // capacity is the bound.
     const DWORD size = std::min(block->size.load(std::memory_order_acquire), block->capacity);
     if (size <= capacity) {
         const std::atomic<Word>* words = block->Words();
@@ -243,7 +243,7 @@ ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, con
         variable.block.store(grown, std::memory_order_release);
     else if (*changed)
         FillBlock(*block, bytes, size);
-    // Watchers compare write times to find what they missed: two writes never have the same one.
+    // Watchers compare write times to find what they missed, so no two writes have the same one.
     StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable) + kWriteTimeStep);
     return kDone;
 }
@@ -254,8 +254,7 @@ void TouchWriteTime(Variable& variable) {
     StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable));
 }
 
-// Readers of several variables see none of the new values before all of them are there: no count becomes even before
-// the last one has become odd.
+// A reader of several variables never sees only some of the new values: no count becomes even before all are odd.
 void WriteTogether(std::span<Written> variables, const BYTE* bytes) {
     const ULONGLONG now = WriteTimeNow();
     for (const Written& written : variables)

@@ -3,11 +3,13 @@
 
 #include "forwarding.h"
 
+#include "product/linked_list.h"
+
 #include <new>
 
 using namespace product;
 
-// Of one group and variable.
+// All watches of one group on one variable.
 struct Watch {
     Watch* nextOfGroup;
     Watch* nextOfVariable;
@@ -41,14 +43,7 @@ void EndOne(Watch& watch, WatchMode mode) REQUIRES(g_watchesLock) {
     GiveBack(*watch.group->account, kShareWatches, 1);
 }
 
-void Unlink(Watch*& list, Watch* Watch::*next, const Watch& watch) REQUIRES(g_watchesLock) {
-    Watch** link = &list;
-    while (*link != &watch)
-        link = &((*link)->*next);
-    *link = watch.*next;
-}
-
-// One that its group does not list any more.
+// Of a watch that its group does not list any more.
 void Delete(Watch* watch) REQUIRES(g_watchesLock) {
     Unlink(watch->signals->watches, &Watch::nextOfVariable, *watch);
     delete watch;

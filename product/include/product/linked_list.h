@@ -1,4 +1,4 @@
-// Singly linked lists of records with a member `next`. No state, no memory of their own; the caller holds the lock.
+// Singly linked lists of records that have their own next pointer. No state; the caller holds the list's lock.
 #pragma once
 
 // Appends the record, which is on no list.
@@ -29,4 +29,14 @@ Record* FindInList(Record* head, Matches matches) {
     while (head != nullptr && !matches(*head))
         head = head->next;
     return head;
+}
+
+// Removes item, which must be in the list that begins at first. next: the member that links this list, for records that
+// are in several.
+template <typename Record>
+void Unlink(Record*& first, Record* Record::*next, const Record& item) {
+    Record** link = &first;
+    while (*link != &item)
+        link = &((*link)->*next);
+    *link = item.*next;
 }
