@@ -1,51 +1,37 @@
 // Processes that are started, waited for and ended, and console events.
+#include "kit.h"
 #include "memory_kit.h"
-#include "posix_kit.h"
 #include "private_machine.h"
-#include "win32_kit.h"
 
+#include <algorithm>
 #include <atomic>
-#include <fstream>
+#include <csignal>
+#include <filesystem>
+#include <unistd.h>
 
 namespace {
 
-// This test program by its Windows path.
-std::string Self() {
-    char path[MAX_PATH];
-    GetModuleFileNameA(nullptr, path, sizeof path);
-    return path;
-}
-
-// A child procedure of it, with arguments.
+// A child procedure of this test program, with arguments.
 std::string SelfCommand(const std::string& child) {
-    return "\"" + Self() + "\" --child=" + child;
+    return "\"" + WindowsPath(OwnProgram()) + "\" --child=" + child;
 }
 
 struct Started {
     PROCESS_INFORMATION information{};
-    BOOL started = FALSE;
-    DWORD error = 0;
+    DWORD error;
 
     explicit Started(std::string commandLine, DWORD flags = NORMAL_PRIORITY_CLASS, LPCSTR application = nullptr,
                      DWORD startupFlags = 0, BOOL inherit = FALSE) {
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = startupFlags;
-        SetLastError(kSentinel);
-        started = CreateProcessA(application, commandLine.empty() ? nullptr : commandLine.data(), nullptr, nullptr,
-                                 inherit, flags, nullptr, nullptr, &startup, &information);
-        error = GetLastError();
+        STARTUPINFOA startup{.cb = sizeof startup, .dwFlags = startupFlags};
+        error = ErrorOf([&] {
+            return CreateProcessA(application, commandLine.empty() ? nullptr : commandLine.data(), nullptr, nullptr,
+                                  inherit, flags, nullptr, nullptr, &startup, &information);
+        });
     }
-    Started(const Started&) = delete;
-    Started& operator=(const Started&) = delete;
-    ~Started() {
-        if (!started) return;
-        CloseHandle(information.hProcess);
-        CloseHandle(information.hThread);
-    }
+    ~Started() { CloseHandle(information.hProcess), CloseHandle(information.hThread); }
     DWORD ExitCode() const {
         DWORD code = 0xDEAD;
-        EXPECT_TRUE(GetExitCodeProcess(information.hProcess, &code)) << GetLastError();
+        EXPECT_TRUE(GetExitCodeProcess(information.hProcess, &code)) << error;
         return code;
     }
     DWORD Finish() const {
@@ -54,62 +40,96 @@ struct Started {
     }
 };
 
+// Children of this process that have ended and were not waited for.
+bool HasZombies() {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        if (!std::isdigit(entry.path().filename().string()[0])) continue;
+        const std::string line = ReadWholeFile(entry.path() / "stat");
+        if (line.find(") Z " + std::to_string(getpid()) + " ") != std::string::npos) return true;
+    }
+    return false;
+}
+
+// "descriptors: 4", and what a process should not have inherited.
+std::string ProcessState() {
+    std::string state = "descriptors: " + std::to_string(OpenDescriptors());
+    if (getsid(0) == getpid()) state += ", own session";
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    for (int number = 1; number < 32; ++number) {
+        struct sigaction action {};
+        sigaction(number, nullptr, &action);
+        if (sigismember(&blocked, number) == 1) state += ", blocked: " + std::to_string(number);
+        // The test program itself ignores SIGPIPE.
+        if (number != SIGPIPE && action.sa_handler == SIG_IGN) state += ", ignored: " + std::to_string(number);
+    }
+    return state;
+}
+
 } // namespace
 
-// Writes its arguments to the file that the first one names, each in brackets.
-CHILD_PROCESS(WritesArguments) {
+// Writes to the file that the first argument names: its other arguments, each in brackets, or else its state.
+CHILD_PROCESS(Reports) {
     std::string text;
     for (size_t i = 1; i < child.arguments.size(); ++i)
         text += "[" + child.arguments[i] + "]";
-    std::ofstream(child.arguments.at(0), std::ios::binary) << text;
+    ReplaceFile(child.arguments.at(0), text.empty() ? ProcessState() : text);
     return 0;
 }
 
+CHILD_PROCESS(EndsAsTold) {
+    if (child.arguments.at(0) == "wait") PauseMs(1000000);
+    if (child.arguments.at(0) == "crash") {
+        signal(SIGSEGV, SIG_DFL); // a sanitizer's handler would exit
+        raise(SIGSEGV);
+    }
+    return std::stoi(child.arguments.at(0));
+}
+
 TEST(Process, GetsItsArgumentsAsWindowsDividesThem) {
-    const struct {
-        const char* given;
-        const char* arguments;
-    } rows[] = {
-        {"", ""},
-        {R"("a b" c)", "[a b][c]"},
-        {R"("")", "[]"},
-        {R"("a""b")", R"([a"b])"},
-        {R"(\"a\" b)", R"(["a"][b])"},
-        {R"("C:\dir\\" x)", R"([C:\dir\][x])"},
-        {R"(a\\\"b)", R"([a\"b])"},
-        {R"(a\\"b c" d)", R"([a\b c][d])"},
-        // Code page 1252 here; what a program of the layer gets is UTF-8.
-        {"\xE9t\xE9 \x80", OnTheLayer() ? "[\u00E9t\u00E9][\u20AC]" : "[\xE9t\xE9][\x80]"},
-    };
     const std::string report = PrivateDirectory() + "/arguments";
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.given);
-        const Started process(SelfCommand("WritesArguments " + report + " " + row.given));
-        ASSERT_TRUE(process.started) << process.error;
-        EXPECT_TRUE(process.error == kSentinel || !OnTheLayer());
+    for (const auto& [given, arguments] : {std::pair{R"("a b" c)", "[a b][c]"},
+                                           {R"("")", "[]"},
+                                           {R"("a""b")", R"([a"b])"},
+                                           {R"(\"a\" b)", R"(["a"][b])"},
+                                           {R"("C:\dir\\" x)", R"([C:\dir\][x])"},
+                                           {R"(a\\\"b)", R"([a\"b])"},
+                                           {R"(a\\"b c" d)", R"([a\b c][d])"},
+                                           // Code page 1252 here; what a program of the layer gets is UTF-8.
+                                           {"\xE9t\xE9 \x80", "[\u00E9t\u00E9][\u20AC]"}}) {
+        const Started process(SelfCommand("Reports " + report + " " + given));
+        EXPECT_EQ(GetLastError(), kSentinel);
         EXPECT_EQ(process.Finish(), 0U);
-        EXPECT_EQ(ReadWholeFile(report), row.arguments);
+        EXPECT_EQ(ReadWholeFile(report), arguments) << given;
     }
 }
 
-CHILD_PROCESS(EndsAsTold) {
-    if (child.arguments.at(0) == "crash") CrashHere();
-    if (child.arguments.at(0) == "wait") PauseMs(1000000);
-    return std::stoi(child.arguments.at(0));
+TEST(Process, StartsWithACleanSlate) {
+    EXPECT_GE(dup(0), 0); // that programs started from here would inherit
+    const HANDLE objects[] = {NewEvent("E"), CreateMutexA(nullptr, TRUE, "M")};
+    BlockAllSignals();
+    const std::string report = PrivateDirectory() + "/report";
+    // The standard streams, and the directory that it is counting them in.
+    EXPECT_EQ(Started(SelfCommand("Reports " + report)).Finish(), 0U);
+    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4");
+    EXPECT_EQ(Started(SelfCommand("Reports " + report), CREATE_NEW_CONSOLE).Finish(), 0U);
+    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4, own session");
+    // By the application's name, with a command line that says otherwise.
+    EXPECT_EQ(Started("anything --child=EndsAsTold 7", 0, WindowsPath(OwnProgram()).c_str()).Finish(), 7U);
+    EXPECT_NE(objects[0], objects[1]);
 }
 
 TEST(Process, TellsItsEndAndExitCode) {
     const unsigned descriptors = OpenDescriptors();
     {
         const Started normal(SelfCommand("EndsAsTold 42"));
-        ASSERT_TRUE(normal.started);
         EXPECT_EQ(normal.Finish(), 42U);
         EXPECT_EQ(Look(normal.information.hThread), DWORD{WAIT_OBJECT_0});
         EXPECT_FAILS(TerminateProcess(normal.information.hProcess, 1), ERROR_ACCESS_DENIED); // it has ended
         EXPECT_GT(Started(SelfCommand("EndsAsTold crash")).Finish(), 128U);
 
         // In a wait with other objects, and ended from here.
-        const Owned event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        const Owned event = NewEvent();
         const Started running(SelfCommand("EndsAsTold wait"));
         const HANDLE objects[] = {event, running.information.hProcess, running.information.hThread};
         EXPECT_EQ(running.ExitCode(), DWORD{STILL_ACTIVE});
@@ -124,14 +144,13 @@ TEST(Process, TellsItsEndAndExitCode) {
         // Nobody waits and nobody keeps a handle: no zombie all the same.
         const Started forgotten(SelfCommand("EndsAsTold 0"));
     }
-    EXPECT_TRUE(WaitUntil([] { return Zombies() == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return !HasZombies(); }));
     EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() <= descriptors + 1; })) << "the watcher keeps one";
 }
 
 TEST(Process, IsOpenedByItsNumberToBeWaitedFor) {
     TestProcess other("EndsAsTold", {"wait"});
     const Owned process = OpenProcess(SYNCHRONIZE, FALSE, other.Id());
-    ASSERT_NE(static_cast<HANDLE>(process), nullptr);
     DWORD code = 0;
     EXPECT_FAILS(GetExitCodeProcess(process, &code), ERROR_ACCESS_DENIED);
     EXPECT_FAILS(TerminateProcess(process, 1), ERROR_ACCESS_DENIED);
@@ -142,61 +161,36 @@ TEST(Process, IsOpenedByItsNumberToBeWaitedFor) {
     other.Kill();
     EXPECT_EQ(Finish(waiter), DWORD{WAIT_OBJECT_0});
     EXPECT_EQ(Look(process), DWORD{WAIT_OBJECT_0});
-    if (OnTheLayer()) { // Windows keeps what somebody has a handle of
-        EXPECT_FAILS(OpenProcess(SYNCHRONIZE, FALSE, other.Id()), ERROR_INVALID_PARAMETER);
-        EXPECT_FAILS(OpenProcess(EVENT_ALL_ACCESS, FALSE, GetCurrentProcessId()), ERROR_ACCESS_DENIED);
-    }
+    EXPECT_FAILS(OpenProcess(SYNCHRONIZE, FALSE, other.Id()), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(OpenProcess(EVENT_ALL_ACCESS, FALSE, GetCurrentProcessId()), ERROR_ACCESS_DENIED);
     EXPECT_TRUE(GetExitCodeProcess(GetCurrentProcess(), &code));
     EXPECT_EQ(code, DWORD{STILL_ACTIVE});
 }
 
 TEST(Process, ThatCannotBeStartedSaysWhy) {
-    const std::string folder = PrivateDirectory();
-    ReplaceFile(folder + "/plain", "plain text");
-    ReplaceFile(folder + "/strange", std::string("\0\1\2\3", 4), 0755);
+    const std::string folder = WindowsPath(PrivateDirectory());
+    ReplaceFile(PrivateDirectory() + "/plain", "plain text");
+    ReplaceFile(PrivateDirectory() + "/strange", std::string("\0\1\2\3", 4), 0755);
+    const std::string self = SelfCommand("EndsAsTold 0");
     const struct {
         std::string commandLine;
-        DWORD error;
-        DWORD flags = 0;
-        DWORD startupFlags = 0;
+        DWORD error, flags = 0, startupFlags = 0;
         BOOL inherit = FALSE;
     } rows[] = {
-        {WindowsPath(folder + "/plain"), ERROR_ACCESS_DENIED},
-        {WindowsPath(folder + "/strange") + " x", ERROR_BAD_EXE_FORMAT},
-        {WindowsPath(folder + "/missing"), ERROR_FILE_NOT_FOUND},
-        {"\"C:" + WindowsPath(folder + "/miss ing") + "\" /S", ERROR_FILE_NOT_FOUND},
-        {WindowsPath(folder + "/no/where"), ERROR_PATH_NOT_FOUND},
+        {folder + "\\plain", ERROR_ACCESS_DENIED},
+        {folder + "\\strange x", ERROR_BAD_EXE_FORMAT},
+        {folder + "\\missing", ERROR_FILE_NOT_FOUND},
+        {"\"C:" + folder + "\\miss ing\" /S", ERROR_FILE_NOT_FOUND},
+        {folder + "\\no\\where", ERROR_PATH_NOT_FOUND},
         {"", ERROR_INVALID_PARAMETER},
-        {Self(), ERROR_NOT_SUPPORTED, 4},
-        {Self(), ERROR_NOT_SUPPORTED, 0, 1},
-        {Self(), ERROR_NOT_SUPPORTED, 0, 0, TRUE},
+        {self, ERROR_NOT_SUPPORTED, 4},
+        {self, ERROR_NOT_SUPPORTED, 0, 1},
+        {self, ERROR_NOT_SUPPORTED, 0, 0, TRUE},
     };
-    for (const auto& row : rows) {
-        const Started process(row.commandLine, row.flags, nullptr, row.startupFlags, row.inherit);
-        EXPECT_FALSE(process.started) << row.commandLine;
-        EXPECT_EQ(process.error, row.error) << row.commandLine;
-    }
-    EXPECT_TRUE(WaitUntil([] { return Zombies() == 0; }));
-}
-
-CHILD_PROCESS(TellsWhatItStartedWith) {
-    ReplaceFile(child.arguments.at(0), ProcessState());
-    return 0;
-}
-
-TEST(Process, StartsWithACleanSlate) {
-    LeakADescriptor();
-    const Owned event = CreateEventA(nullptr, TRUE, FALSE, "E");
-    const Owned mutex = CreateMutexA(nullptr, TRUE, "M");
-    BlockAllSignals();
-    const std::string report = PrivateDirectory() + "/report";
-    // The standard streams, and the directory that it is counting them in.
-    EXPECT_EQ(Started(SelfCommand("TellsWhatItStartedWith " + report)).Finish(), 0U);
-    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4");
-    EXPECT_EQ(Started(SelfCommand("TellsWhatItStartedWith " + report), CREATE_NEW_CONSOLE).Finish(), 0U);
-    EXPECT_EQ(ReadWholeFile(report), "descriptors: 4, own session");
-    // By the application's name, with a command line that says otherwise.
-    EXPECT_EQ(Started("anything --child=EndsAsTold 7", 0, Self().c_str()).Finish(), 7U);
+    for (const auto& row : rows)
+        EXPECT_EQ(Started(row.commandLine, row.flags, nullptr, row.startupFlags, row.inherit).error, row.error)
+            << row.commandLine;
+    EXPECT_TRUE(WaitUntil([] { return !HasZombies(); }));
 }
 
 namespace {
@@ -241,7 +235,6 @@ CHILD_PROCESS(HandlesConsoleEvents) {
 }
 
 TEST(Console, EventsReachTheHandlersLastAddedFirstOnAnotherThread) {
-    NeedsTheLayer("console events that come as signals");
     TestProcess process("HandlesConsoleEvents", {"keep"});
     ASSERT_EQ(process.Hear(), "ready");
     process.Interrupt();
@@ -254,27 +247,22 @@ TEST(Console, EventsReachTheHandlersLastAddedFirstOnAnotherThread) {
     EXPECT_EQ(process.Hear(), "once more");
     process.Terminate(); // nobody deals with the third
     EXPECT_EQ(process.Hear(), "first 1");
-    EXPECT_EQ(process.Wait(), 128 + 15);
+    EXPECT_EQ(process.Wait(), 128 + SIGTERM);
 
     TestProcess removed("HandlesConsoleEvents", {"remove"});
     ASSERT_EQ(removed.Hear(), "ready");
     removed.Tell("go");
     EXPECT_EQ(removed.Hear(), "once more");
     removed.Interrupt(); // as if there had never been a handler
-    EXPECT_EQ(removed.Wait(), 128 + 2);
+    EXPECT_EQ(removed.Wait(), 128 + SIGINT);
 }
 
 // A fork child of a program with handlers takes its own signals, not its parent's.
 CHILD_PROCESS(ForksWithHandlers) {
     SetConsoleCtrlHandler(Last, TRUE);
-    return RunForked([] {
-        RaiseTermination();
-        PauseMs(20000);
-        return 0;
-    });
+    return RunForked([] { return kill(getpid(), SIGTERM), PauseMs(20000), 0; });
 }
 
 TEST(Console, HandlersAreNotInheritedByAForkChild) {
-    NeedsTheLayer("fork children");
-    EXPECT_EQ(TestProcess("ForksWithHandlers").Wait(), 128 + 15);
+    EXPECT_EQ(TestProcess("ForksWithHandlers").Wait(), 128 + SIGTERM);
 }

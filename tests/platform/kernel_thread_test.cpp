@@ -1,8 +1,7 @@
 // Threads, and their termination.
-#include "base/timings.h"
 #include "campaign.h"
-#include "posix_kit.h"
-#include "win32_kit.h"
+#include "kit.h"
+#include "timings.h"
 
 #include <atomic>
 
@@ -43,7 +42,6 @@ TEST(Thread, RunsAndLeavesItsExitCode) {
     EXPECT_TRUE(GetExitCodeThread(running, &code));
     EXPECT_EQ(code, DWORD{STILL_ACTIVE});
     EXPECT_EQ(Wait(running, 10), DWORD{WAIT_TIMEOUT});
-    if (!OnTheLayer()) return; // which refuses what it has no use for
     const auto nothing = [](LPVOID) -> DWORD { return 0; };
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     EXPECT_FAILS(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER);
@@ -53,12 +51,11 @@ TEST(Thread, RunsAndLeavesItsExitCode) {
 
 // Wherever a thread is, it can be stopped: its handle is ready, its mutexes are abandoned, nothing else of its runs.
 TEST(Termination, StopsAThreadWhereverItIs) {
-    NeedsTheLayer("threads that can be stopped without harm");
     CRITICAL_SECTION busy;
     InitializeCriticalSection(&busy);
     EnterCriticalSection(&busy);
-    const Owned never = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    Owned named = CreateEventA(nullptr, FALSE, FALSE, "Never");
+    const Owned never = NewEvent();
+    Owned named = NewEvent("Never", FALSE);
     Owned busyMutex = CreateMutexA(nullptr, TRUE, "Busy");
     const HANDLE three[] = {never, named, busyMutex};
     const struct {
@@ -81,10 +78,8 @@ TEST(Termination, StopsAThreadWhereverItIs) {
         {"waiting with all signals blocked", [&] { BlockAllSignals(), Wait(never, INFINITE); }},
         {"in and out of calls",
          [&] {
-             while (SetEvent(named)) {
-                 Look(named);
-                 CloseHandle(CreateEventA(nullptr, TRUE, FALSE, "Mine"));
-             }
+             for (; SetEvent(named); Look(named))
+                 CloseHandle(NewEvent("Mine"));
          },
          false},
     };
@@ -92,28 +87,19 @@ TEST(Termination, StopsAThreadWhereverItIs) {
         SCOPED_TRACE(row.where);
         const Owned mutex = CreateMutexA(nullptr, FALSE, "Owned");
         const Owned unnamed = CreateMutexA(nullptr, FALSE, nullptr);
-        const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        const Owned begun = NewEvent();
         std::atomic<bool> ranOn{false};
-        DWORD id = 0;
-        DWORD blockedId = 0;
+        DWORD id = 0, blockedId = 0;
         const Owned thread = StartThread(
             [&, body = row.body] {
-                Wait(mutex);
-                Wait(unnamed);
-                SetEvent(begun);
+                Wait(mutex), Wait(unnamed), SetEvent(begun);
                 body();
                 ranOn = true;
                 return 1;
             },
             &id);
         ASSERT_EQ(Wait(begun), DWORD{WAIT_OBJECT_0});
-        const Owned blocked = StartThread(
-            [&] {
-                const DWORD result = Wait(mutex);
-                ReleaseMutex(mutex);
-                return result;
-            },
-            &blockedId);
+        const Owned blocked = StartThread([&] { return Wait(mutex); }, &blockedId);
         EXPECT_TRUE(WaitUntil([&] { return IsAsleep(blockedId) && (!row.sleeps || IsAsleep(id)); }));
         EXPECT_TRUE(TerminateThread(thread, 88)) << GetLastError();
         EXPECT_EQ(Look(thread), DWORD{WAIT_OBJECT_0});
@@ -127,14 +113,9 @@ TEST(Termination, StopsAThreadWhereverItIs) {
         ResetEvent(named);
     }
     LeaveCriticalSection(&busy);
-    // None of the stopped threads has taken the section or a wake-up with it.
-    EXPECT_EQ(OnAThread([&] {
-                  EnterCriticalSection(&busy);
-                  LeaveCriticalSection(&busy);
-                  return 0;
-              }),
-              0U);
-    named.Close(); // what they waited for is let go
+    // None of the stopped threads has taken the section with it, and what they waited for is let go.
+    EXPECT_EQ(OnAThread([&] { return EnterCriticalSection(&busy), LeaveCriticalSection(&busy), 0; }), 0U);
+    named.Close();
     busyMutex.Close();
     EXPECT_FAILS(OpenEventA(SYNCHRONIZE, FALSE, "Never"), ERROR_FILE_NOT_FOUND);
     EXPECT_FAILS(OpenMutexA(SYNCHRONIZE, FALSE, "Busy"), ERROR_FILE_NOT_FOUND);
@@ -142,17 +123,13 @@ TEST(Termination, StopsAThreadWhereverItIs) {
 
 // A thread that is stopped again and again in the middle of calls never takes a lock of the layer with it.
 TEST(Termination, LeavesTheLayerWhole) {
-    NeedsTheLayer("threads that can be stopped without harm");
     const Owned shared = CreateMutexA(nullptr, FALSE, "Shared");
+    const auto contend = [] { return SetEvent(Owned(NewEvent("Contended"))); };
     for (int round = Rounds(39, 2000); round > 0; --round) {
-        const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-        const Owned thread = StartThread([&] {
-            for (SetEvent(begun);;) {
-                Wait(shared, INFINITE);
-                SetEvent(Owned(CreateEventA(nullptr, TRUE, FALSE, "Contended")));
-                ReleaseMutex(shared);
-            }
-            return 0;
+        const Owned begun = NewEvent();
+        const Owned thread = StartThread([&]() -> DWORD {
+            for (SetEvent(begun);; ReleaseMutex(shared))
+                Wait(shared, INFINITE), contend();
         });
         Wait(begun);
         for (int yields = round % 13; yields > 0; --yields)
@@ -160,32 +137,26 @@ TEST(Termination, LeavesTheLayerWhole) {
         ASSERT_TRUE(TerminateThread(thread, 0));
         const DWORD result = Wait(shared);
         ASSERT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_ABANDONED);
-        ASSERT_TRUE(SetEvent(Owned(CreateEventA(nullptr, TRUE, FALSE, "Contended")))) << GetLastError();
+        ASSERT_TRUE(contend()) << GetLastError();
         ReleaseMutex(shared);
     }
 }
 
 TEST(Termination, IsRefusedForWhatCannotBeStopped) {
-    NeedsTheLayer("threads that cannot be stopped");
-    const Owned begun = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const Owned begun = NewEvent();
     HANDLE own = nullptr;
-    const Owned suicidal = StartThread([&] {
-        Wait(begun);
-        return Code(TerminateThread(own, 1));
-    });
+    const Owned suicidal = StartThread([&] { return Wait(begun), Code(TerminateThread(own, 1)); });
     own = suicidal;
     SetEvent(begun);
     EXPECT_EQ(Finish(suicidal), DWORD{ERROR_NOT_SUPPORTED});
 
     // All signals blocked, and no call of the layer: an error in time, and the thread runs on as if nothing had been.
-    std::atomic<bool> over{false};
-    std::atomic<bool> ready{false};
+    std::atomic<bool> over{false}, ready{false};
     const Owned stubborn = StartThread([&] {
         BlockAllSignals();
         for (ready = true; !over;)
             PauseMs(1);
-        Sleep(1);
-        return 5;
+        return Sleep(1), 5;
     });
     EXPECT_TRUE(WaitUntil([&] { return ready.load(); }));
     oriel::g_timings.threadStop = 100;

@@ -1,6 +1,6 @@
 // The layer on overlayfs, which most containers have for their own file system. There a file lock does not last as long
 // as a mapping, and sockets, pipes and locks belong to files of another file system.
-#include "posix_kit.h"
+#include "kit.h"
 #include "private_machine.h"
 #include "test_process.h"
 
@@ -46,7 +46,7 @@ private:
 
 // What has to do with the run directory's files: objects, windows, sockets, locks.
 constexpr const char* kOnDisk = "--gtest_filter=Names.*:Rights.*:Life.*:Mutex.*:Section.*:Messages.C*:SentMessages.A*:"
-                                "Window.*:RpcEndpoint.*:RpcFork.*:ServiceControl.*:Registry.*:SpoolerJobs.*";
+                                "Window.*:RpcEndpoint.*:RpcFork.*:ServiceControl.*:RegistryStore.*:SpoolerJobs.*";
 
 // Says how many descriptors ten events cost, and what happens when there are no more.
 CHILD_PROCESS(RunsOutOfDescriptors) {

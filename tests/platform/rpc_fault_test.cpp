@@ -1,8 +1,7 @@
 // Servers and clients that are killed, stopped and started anew, and threads that end.
-#include "base/timings.h"
-#include "campaign.h"
+#include "kit.h"
 #include "rpc_kit.h"
-#include "win32_kit.h"
+#include "timings.h"
 
 #include <algorithm>
 #include <atomic>
@@ -25,6 +24,7 @@ CHILD_PROCESS(RpcClient) {
         RPC_STATUS status = RPC_S_OK;
         if (order == "thread") std::thread([&] { status = binding.Call(kTouch).status; }).join();
         if (order == "free") binding.Free();
+        if (order == "stop") status = binding.Call(kStopMonitor).status;
         if (order == "hold") binding.Call(kHold);
         child.Say(std::to_string(status));
     }
@@ -32,14 +32,13 @@ CHILD_PROCESS(RpcClient) {
 }
 
 TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
-    NeedsAssociations();
     TestServer server;
     const TestBinding observer;
     const struct {
         const char* order; // then it is killed
         int times;
         uint32_t rundownsBefore, rundowns;
-    } rows[] = {{"thread", 20, 0, 1}, {"free", 1, 1, 1}};
+    } rows[] = {{"thread", 20, 0, 1}, {"free", 1, 1, 1}, {"stop", 1, 0, 0}};
     for (uint32_t context = 0; context < std::size(rows); ++context) {
         const auto& row = rows[context];
         TestProcess client("RpcClient", {std::to_string(context)});
@@ -65,7 +64,6 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
 }
 
 TEST(RpcAssociation, ThreadsOfAProcessShareOne) {
-    NeedsAssociations();
     TestServer server;
     const TestBinding binding;
     std::vector<std::thread> threads;
@@ -122,7 +120,6 @@ TEST(RpcFault, CallInProgressFailsWhenTheServerIsKilled) {
 }
 
 TEST(RpcFault, StoppedServerIsGivenUpByNewClientsOnly) {
-    NeedsTheLayer("a bound on how long a connect takes");
     oriel::g_timings.rpcConnect = 300;
     TestServer server;
     const TestBinding binding;

@@ -26,10 +26,8 @@ void RPC_ENTRY CountRundown(void* context) {
 }
 
 uint32_t Argument(PRPC_MESSAGE message) {
-    uint32_t value = 0;
-    if (message->BufferLength < sizeof value) RpcRaiseException(RPC_X_BAD_STUB_DATA);
-    std::memcpy(&value, message->Buffer, sizeof value);
-    return value;
+    if (message->BufferLength < sizeof(uint32_t)) RpcRaiseException(RPC_X_BAD_STUB_DATA);
+    return *static_cast<uint32_t*>(message->Buffer);
 }
 
 uint8_t* ReplyBuffer(PRPC_MESSAGE message, size_t size) {
@@ -47,11 +45,6 @@ void Echo(PRPC_MESSAGE message) {
     const void* request = message->Buffer;
     const unsigned size = message->BufferLength;
     std::memcpy(ReplyBuffer(message, size), request, size);
-}
-
-void Throw(PRPC_MESSAGE message) {
-    if (Argument(message) == 0) throw std::bad_alloc();
-    throw 1;
 }
 
 void Identify(PRPC_MESSAGE message) {
@@ -90,11 +83,11 @@ void Hold(PRPC_MESSAGE message) {
 RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {
     Echo,
     [](PRPC_MESSAGE message) {
-        const Body made = Pattern(Argument(message));
+        const Bytes made = Pattern(Argument(message));
         std::ranges::copy(made, ReplyBuffer(message, made.size()));
     },
     [](PRPC_MESSAGE message) { RpcRaiseException(static_cast<RPC_STATUS>(Argument(message))); },
-    Throw,
+    [](PRPC_MESSAGE message) { Argument(message) == 0 ? throw std::bad_alloc() : throw 1; },
     Identify,
     [](PRPC_MESSAGE message) { ReplyNumbers(message, {++g_touches}); },
     Monitor,
@@ -154,23 +147,12 @@ CHILD_PROCESS(RpcServer) {
 }
 
 uint32_t Reply::Number(size_t index) const {
-    uint32_t value = 0;
-    if (body.size() < index * 4 + 4) {
-        ADD_FAILURE() << "status " << status << ", " << body.size() << " bytes of reply";
-        return 0;
-    }
-    std::memcpy(&value, body.data() + index * 4, 4);
-    return value;
+    EXPECT_GE(body.size(), index * 4 + 4) << "status " << status;
+    return body.size() < index * 4 + 4 ? 0 : Get32(body, index * 4);
 }
 
-Body Number(uint32_t value) {
-    Body bytes(4);
-    std::memcpy(bytes.data(), &value, 4);
-    return bytes;
-}
-
-Body Pattern(size_t size) {
-    Body bytes(size);
+Bytes Pattern(size_t size) {
+    Bytes bytes(size);
     for (size_t i = 0; i < size; ++i)
         bytes[i] = static_cast<uint8_t>(i * 7);
     return bytes;
@@ -189,7 +171,7 @@ void TestBinding::Free() {
     if (m_handle != nullptr) RpcBindingFree(&m_handle);
 }
 
-Reply TestBinding::Call(unsigned procedure, const Body& request, RPC_CLIENT_INTERFACE& interfaceOfCall) const {
+Reply TestBinding::Call(unsigned procedure, const Bytes& request, RPC_CLIENT_INTERFACE& interfaceOfCall) const {
     RPC_MESSAGE message{};
     message.Handle = m_handle;
     message.DataRepresentation = 0x10;

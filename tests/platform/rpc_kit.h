@@ -1,17 +1,16 @@
-// A test interface, a server of it in a process of its own, and calls to it.
+// A test interface, a server of it in a process of its own, calls to it, and PDUs made by hand for a peer of the
+// run-time that is not the run-time.
 #pragma once
 
-#include "not_here.h"
-#include "test_process.h"
-
-#include <gtest/gtest.h>
-#include <windows.h>
+#include "campaign.h"
+#include "kit.h"
+#include "unix_stream.h"
 
 #include <rpc.h>
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 
 // Procedures of the test interface. Numbers are u32.
 enum Procedure : unsigned {
@@ -37,16 +36,13 @@ extern const RPC_SYNTAX_IDENTIFIER kNdrSyntax;
 extern const RPC_SYNTAX_IDENTIFIER kUnknownInterface;
 extern RPC_CLIENT_INTERFACE g_testClient;
 
-using Body = std::vector<uint8_t>;
-
 struct Reply {
     RPC_STATUS status = RPC_S_OK;
-    Body body;
+    Bytes body;
     uint32_t Number(size_t index = 0) const;
 };
 
-Body Number(uint32_t value);
-Body Pattern(size_t size); // as kMake makes it
+Bytes Pattern(size_t size); // as kMake makes it
 
 class TestBinding {
 public:
@@ -54,7 +50,7 @@ public:
     ~TestBinding() { Free(); }
     TestBinding(const TestBinding&) = delete;
     void Free();
-    Reply Call(unsigned procedure, const Body& request = {},
+    Reply Call(unsigned procedure, const Bytes& request = {},
                RPC_CLIENT_INTERFACE& interfaceOfCall = g_testClient) const;
     RPC_BINDING_HANDLE Handle() const { return m_handle; }
 
@@ -78,10 +74,149 @@ private:
     TestProcess m_process;
 };
 
-// Ends the test as skipped where the run-time has no calls for associations.
-void NeedsAssociations();
-
 // In this process.
 RPC_STATUS RegisterTestInterface();
 RPC_STATUS ServeOn(const std::string& endpoint);
 RPC_STATUS StopServing(); // and waits until it has stopped
+
+// ---- PDUs
+
+enum : uint8_t { kFirst = 1, kLast = 2, kOnly = 3, kNotExecuted = 0x20, kMaybeCall = 0x40, kWithObject = 0x80 };
+enum : uint8_t {
+    kRequestPdu = 0,
+    kResponsePdu = 2,
+    kFaultPdu = 3,
+    kBindPdu = 11,
+    kBindAckPdu = 12,
+    kBindNakPdu = 13,
+    kAlterPdu = 14,
+    kAlterAckPdu = 15,
+    kAuth3Pdu = 16,
+    kShutdownPdu = 17,
+    kCancelPdu = 18,
+    kOrphanedPdu = 19,
+};
+
+inline const RPC_SYNTAX_IDENTIFIER kNdr64{
+    {0x71710533, 0xbeba, 0x4937, {0x83, 0x19, 0xb5, 0xdb, 0xef, 0x9c, 0xcc, 0x36}}, {1, 0}};
+inline const RPC_SYNTAX_IDENTIFIER kFeatureNegotiation{{0x6cb71c2c, 0x9812, 0x4540, {3, 0, 0, 0, 0, 0, 0, 0}}, {1, 0}};
+
+// The bytes of records one after another, as this little-endian machine has them.
+template <typename... Records>
+Bytes BytesOf(const Records&... records) {
+    Bytes all;
+    const auto append = [&all](const void* record, size_t size) {
+        std::copy_n(static_cast<const uint8_t*>(record), size, std::back_inserter(all));
+    };
+    (append(&records, sizeof records), ...);
+    return all;
+}
+
+inline Bytes Number(uint32_t value) {
+    return BytesOf(value);
+}
+
+inline unsigned Get16(const Bytes& bytes, size_t at) {
+    return at + 2 <= bytes.size() ? bytes[at] | bytes[at + 1] << 8 : 0xFFFF;
+}
+
+inline uint32_t Get32(const Bytes& bytes, size_t at) {
+    return Get16(bytes, at) | static_cast<uint32_t>(Get16(bytes, at + 2)) << 16;
+}
+
+inline Bytes Join(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& part : parts)
+        std::copy(part.begin(), part.end(), std::back_inserter(all));
+    return all;
+}
+
+inline Bytes Changed(Bytes pdu, size_t at, uint8_t value) {
+    pdu[at] = value;
+    return pdu;
+}
+
+inline Bytes Pdu(unsigned type, const Bytes& body, unsigned flags = kOnly, uint32_t callId = 1) {
+    return Join({{5, 0, uint8_t(type), uint8_t(flags), 0x10, 0, 0, 0},
+                 BytesOf(uint16_t(16 + body.size()), uint16_t{0}, callId),
+                 body});
+}
+
+struct Offer {
+    uint16_t id;
+    RPC_SYNTAX_IDENTIFIER interfaceId;
+    std::vector<RPC_SYNTAX_IDENTIFIER> transfers;
+};
+
+inline Bytes BindBody(const std::vector<Offer>& offers, uint32_t group = 0, uint16_t sent = 4280,
+                      uint16_t received = 4280) {
+    Bytes body = BytesOf(sent, received, group, uint32_t(offers.size()));
+    for (const Offer& offer : offers) {
+        body = Join({body, BytesOf(offer.id, uint16_t(offer.transfers.size()), offer.interfaceId)});
+        for (const RPC_SYNTAX_IDENTIFIER& transfer : offer.transfers)
+            body = Join({body, BytesOf(transfer)});
+    }
+    return body;
+}
+
+inline Bytes GoodBind(uint32_t group = 0) {
+    return Pdu(kBindPdu, BindBody({{0, kTestInterface, {kNdrSyntax}}}, group));
+}
+
+// Of a request or a response: allocation hint, context, procedure or cancel count, then the stub's bytes.
+inline Bytes CallBody(unsigned context, unsigned procedure, const Bytes& stub, uint32_t hint = 0) {
+    return Join({BytesOf(hint, uint16_t(context), uint16_t(procedure)), stub});
+}
+
+inline Bytes Request(unsigned procedure, const Bytes& stub, unsigned flags = kOnly, uint32_t callId = 2,
+                     unsigned context = 0) {
+    return Pdu(kRequestPdu, CallBody(context, procedure, stub), flags, callId);
+}
+
+// "result.reason" of each context of a bind-ack, with a blank behind it.
+inline std::string ResultsOf(const Bytes& ack) {
+    const size_t at = (26 + Get16(ack, 24) + 3) / 4 * 4;
+    std::string results;
+    for (unsigned i = 0; at < ack.size() && i < ack[at]; ++i)
+        results +=
+            std::to_string(Get16(ack, at + 4 + i * 24)) + "." + std::to_string(Get16(ack, at + 6 + i * 24)) + " ";
+    return results;
+}
+
+inline unsigned TypeOf(const Bytes& pdu) {
+    return pdu.size() >= 16 ? pdu[2] : 0xFF;
+}
+
+inline uint32_t FaultOf(const Bytes& pdu) {
+    return TypeOf(pdu) == kFaultPdu ? Get32(pdu, 24) : 0;
+}
+
+inline Bytes StubOf(const Bytes& pdu) {
+    return TypeOf(pdu) == kResponsePdu && pdu.size() >= 24 ? Bytes(pdu.begin() + 24, pdu.end()) : Bytes();
+}
+
+// Systematic damage: every byte, every aligned number, every length near the true one (of these a part, outside a
+// campaign), every beginning.
+template <typename Function>
+void ForEachDamage(const Bytes& good, Function function) {
+    int changes = 0;
+    const auto change = [&](size_t at, uint32_t value, size_t size) {
+        if (++changes % Rounds(5, 1) != 0) return;
+        Bytes bad = good;
+        std::memcpy(bad.data() + at, &value, size);
+        if (bad != good) function(bad);
+    };
+    for (size_t at = 0; at < good.size(); ++at)
+        for (const unsigned value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x01, good[at] ^ 0x80, good[at] + 1})
+            change(at, value, 1);
+    for (size_t at = 0; at + 4 <= good.size(); at += 4) {
+        const uint32_t value = Get32(good, at);
+        for (const uint32_t changed : {0U, 1U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFEU, value + 1, value - 1,
+                                       value * 2, ~value, __builtin_bswap32(value)})
+            change(at, changed, 4);
+    }
+    for (int difference = -42; difference <= 30; ++difference)
+        change(8, static_cast<uint32_t>(static_cast<int>(good.size()) + difference), 2);
+    for (size_t size = 0; size < good.size(); ++size)
+        function(Bytes(good.begin(), good.begin() + static_cast<ptrdiff_t>(size)));
+}

@@ -1,7 +1,7 @@
 // What only a POSIX system can do to the run-time: files in its way, fork, descriptors that run out.
 #include "memory_kit.h"
 #include "private_machine.h"
-#include "rpc_pdu_kit.h"
+#include "rpc_kit.h"
 
 #include <filesystem>
 #include <sys/resource.h>

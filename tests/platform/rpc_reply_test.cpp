@@ -1,5 +1,5 @@
 // A client and what a server that is none, or a broken one, may answer.
-#include "rpc_pdu_kit.h"
+#include "rpc_kit.h"
 
 #include <thread>
 
@@ -33,17 +33,10 @@ private:
     TestBinding m_binding{"test"};
 };
 
-Bytes Ack(unsigned type = kBindAckPdu, uint32_t group = 77, unsigned received = 4280, Result result = {0, 0},
-          const RPC_SYNTAX_IDENTIFIER& transfer = kNdrSyntax) {
-    Bytes body;
-    Put16(body, 4280);
-    Put16(body, received);
-    Put32(body, group);
-    body = Join({body, {5, 0, 't', 'e', 's', 't', 0, 0}, {1, 0, 0, 0}});
-    Put16(body, result.result);
-    Put16(body, result.reason);
-    Put(body, transfer);
-    return Pdu(static_cast<uint8_t>(type), body);
+Bytes Ack(unsigned type = kBindAckPdu, uint32_t group = 77, uint16_t received = 4280, uint16_t result = 0,
+          uint16_t reason = 0, const RPC_SYNTAX_IDENTIFIER& transfer = kNdrSyntax) {
+    const Bytes port{5, 0, 't', 'e', 's', 't', 0, 0}, count{1, 0, 0, 0};
+    return Pdu(type, Join({BytesOf(uint16_t{4280}, received, group), port, count, BytesOf(result, reason, transfer)}));
 }
 
 Bytes Nak(unsigned reason) {
@@ -55,10 +48,7 @@ Bytes Response(const Bytes& stub, unsigned flags = kOnly, uint32_t callId = 2, u
 }
 
 Bytes FaultPdu(uint32_t status, unsigned flags = kOnly) {
-    Bytes stub;
-    Put32(stub, status);
-    Put32(stub, 0);
-    return Pdu(kFaultPdu, CallBody(0, 0, stub), flags, 2);
+    return Pdu(kFaultPdu, CallBody(0, 0, BytesOf(status, uint32_t{0})), flags, 2);
 }
 
 } // namespace
@@ -75,10 +65,10 @@ TEST(RpcReply, AnswerToABindIsChecked) {
         {"too busy", Nak(2), RPC_S_SERVER_TOO_BUSY},
         {"version", Nak(4), RPC_S_PROTOCOL_ERROR},
         {"no reason", Nak(0), RPC_S_PROTOCOL_ERROR},
-        {"interface", Ack(kBindAckPdu, 77, 4280, {2, 1}), RPC_S_UNKNOWN_IF},
-        {"transfer syntax", Ack(kBindAckPdu, 77, 4280, {2, 2}), RPC_S_UNSUPPORTED_TRANS_SYN},
-        {"limit", Ack(kBindAckPdu, 77, 4280, {2, 3}), RPC_S_SERVER_TOO_BUSY},
-        {"another transfer syntax", Ack(kBindAckPdu, 77, 4280, {0, 0}, kNdr64), RPC_S_PROTOCOL_ERROR},
+        {"interface", Ack(kBindAckPdu, 77, 4280, 2, 1), RPC_S_UNKNOWN_IF},
+        {"transfer syntax", Ack(kBindAckPdu, 77, 4280, 2, 2), RPC_S_UNSUPPORTED_TRANS_SYN},
+        {"limit", Ack(kBindAckPdu, 77, 4280, 2, 3), RPC_S_SERVER_TOO_BUSY},
+        {"another transfer syntax", Ack(kBindAckPdu, 77, 4280, 0, 0, kNdr64), RPC_S_PROTOCOL_ERROR},
         {"no group", Ack(kBindAckPdu, 0), RPC_S_PROTOCOL_ERROR},
         {"tiny fragments", Ack(kBindAckPdu, 77, 1431), RPC_S_PROTOCOL_ERROR},
         {"alter-context-response", Ack(kAlterAckPdu), RPC_S_PROTOCOL_ERROR},
@@ -92,7 +82,7 @@ TEST(RpcReply, AnswerToABindIsChecked) {
     };
     for (const auto& row : rows)
         EXPECT_EQ(server.Serve(row.ack, {}).status, row.status) << row.what;
-    EXPECT_EQ(server.Serve(Join({Pdu(kShutdownPdu, {}), Ack()}), Response({9})).body, Body({9}));
+    EXPECT_EQ(server.Serve(Join({Pdu(kShutdownPdu, {}), Ack()}), Response({9})).body, Bytes({9}));
 }
 
 TEST(RpcReply, AnswerToARequestIsChecked) {
@@ -137,7 +127,7 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
     for (const auto& row : rows) {
         const Reply reply = server.Serve(Ack(), row.answer);
         EXPECT_EQ(reply.status, row.status) << row.what;
-        EXPECT_TRUE(row.status != RPC_S_OK || reply.body == Body({5, 6})) << row.what;
+        EXPECT_TRUE(row.status != RPC_S_OK || reply.body == Bytes({5, 6})) << row.what;
     }
     EXPECT_EQ(server.Serve(Ack(), {}).status, RPC_S_CALL_FAILED);
     EXPECT_EQ(server.Serve(Ack(), {}, 20).status, RPC_S_CALL_FAILED_DNE); // it has not read all of it
@@ -145,10 +135,10 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
 
 TEST(RpcReply, ClientSendsTheseBytes) {
     FakeServer server;
-    EXPECT_EQ(server.Serve(Ack(), Response({9})).body, Body({9}));
+    EXPECT_EQ(server.Serve(Ack(), Response({9})).body, Bytes({9}));
     // Version 5.0, bind, first and last fragment, little-endian, 72 bytes, call 1; fragments, no group; one context, 0:
     // the interface in NDR.
-    const unsigned fragment = Get16(server.bind, 16);
+    const auto fragment = static_cast<uint16_t>(Get16(server.bind, 16));
     EXPECT_EQ(server.bind, Pdu(kBindPdu, BindBody({{0, kTestInterface, {kNdrSyntax}}}, 0, fragment, fragment)));
     EXPECT_GE(fragment, 1432U);
     // Request, 28 bytes, call 2; 4 bytes of stub, context 0, procedure 0.
@@ -169,5 +159,5 @@ TEST(RpcReplyCampaign, DamagedAnswersLeaveTheClientWhole) {
     ForEachDamage(response, [&](const Bytes& damaged) { check(server.Serve(Ack(), damaged)); });
     ForEachDamage(FaultPdu(5), [&](const Bytes& damaged) { check(server.Serve(Ack(), damaged)); });
     EXPECT_GT(fine, 0U);
-    EXPECT_EQ(server.Serve(Ack(), response).body, Body({1, 2, 3, 4}));
+    EXPECT_EQ(server.Serve(Ack(), response).body, Bytes({1, 2, 3, 4}));
 }

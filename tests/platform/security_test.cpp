@@ -1,18 +1,15 @@
-// Security identifiers, lists and descriptors.
+// Security identifiers, lists and descriptors; tokens, accounts, and security records as text.
 #include "campaign.h"
+#include "kit.h"
 #include "memory_kit.h"
-#include "win32_kit.h"
 
-#include <array>
+#include <sddl.h>
+
 #include <cstring>
-#include <random>
-#include <vector>
 
 namespace {
 
 using Bytes = std::vector<BYTE>;
-
-constexpr SID_IDENTIFIER_AUTHORITY kWorld = SECURITY_WORLD_SID_AUTHORITY;
 
 // Revision 1, DACL present, self-relative; list at 20, no owner, group at 48.
 const Bytes kEveryoneDescriptor = {
@@ -22,41 +19,9 @@ const Bytes kEveryoneDescriptor = {
     // The group: S-1-1-0.
     1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};
 
-struct Sid {
-    PSID sid = nullptr;
-
-    explicit Sid(BYTE count = 1, DWORD first = SECURITY_WORLD_RID) {
-        SID_IDENTIFIER_AUTHORITY authority = kWorld;
-        EXPECT_TRUE(AllocateAndInitializeSid(&authority, count, first, 2, 3, 4, 5, 6, 7, 8, &sid));
-    }
-    ~Sid() { EXPECT_EQ(FreeSid(sid), nullptr); }
-    Sid(const Sid&) = delete;
-    Sid& operator=(const Sid&) = delete;
-};
-
-// As the library builds the security of its objects.
-Bytes BuildEveryoneDescriptor() {
-    const Sid everyone;
-    SECURITY_DESCRIPTOR absolute;
-    EXPECT_TRUE(InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION));
-    EXPECT_TRUE(SetSecurityDescriptorOwner(&absolute, nullptr, FALSE));
-    EXPECT_TRUE(SetSecurityDescriptorGroup(&absolute, everyone.sid, FALSE));
-    alignas(DWORD) BYTE list[64];
-    auto* acl = reinterpret_cast<PACL>(list);
-    EXPECT_TRUE(InitializeAcl(acl, 8 + GetLengthSid(everyone.sid) + 8, ACL_REVISION));
-    EXPECT_TRUE(AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, everyone.sid));
-    EXPECT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, acl, FALSE));
-    Bytes relative(GetSecurityDescriptorLength(&absolute));
-    DWORD length = static_cast<DWORD>(relative.size());
-    for (DWORD room : {DWORD{0}, length - 1})
-        EXPECT_FAILS(MakeSelfRelativeSD(&absolute, relative.data(), &room), ERROR_INSUFFICIENT_BUFFER);
-    EXPECT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &length));
-    EXPECT_EQ(length, relative.size());
-    return relative;
-}
-
 // Walks a record by every call that reads one. Nothing is expected of the answers but that they come.
 void ReadEverything(void* record) {
+    IsValidSid(record);
     GetLengthSid(record);
     EqualSid(record, record);
     auto* acl = static_cast<PACL>(record);
@@ -69,90 +34,223 @@ void ReadEverything(void* record) {
     BOOL defaulted = FALSE;
     GetSecurityDescriptorDacl(record, &present, &acl, &defaulted);
     if (present) IsValidAcl(acl);
+    IsValidSecurityDescriptor(record);
     GetSecurityDescriptorLength(record);
+}
+
+std::string TextOf(PSID sid) {
+    char* text = nullptr;
+    EXPECT_TRUE(ConvertSidToStringSidA(sid, &text)) << GetLastError();
+    const std::string result = text ? text : "";
+    LocalFree(text);
+    return result;
+}
+
+Bytes Information(HANDLE token, TOKEN_INFORMATION_CLASS informationClass) {
+    DWORD size = 0;
+    EXPECT_FAILS(GetTokenInformation(token, informationClass, nullptr, 0, &size), ERROR_INSUFFICIENT_BUFFER);
+    Bytes block(size);
+    EXPECT_FALSE(GetTokenInformation(token, informationClass, block.data(), size - 1, &size));
+    EXPECT_TRUE(GetTokenInformation(token, informationClass, block.data(), size, &size)) << GetLastError();
+    return block;
+}
+
+// The user, then the groups, each with a blank behind it.
+std::string WhoIs(HANDLE token) {
+    const Bytes user = Information(token, TokenUser);
+    const Bytes block = Information(token, TokenGroups);
+    std::string who = TextOf(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid) + " ";
+    const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(block.data());
+    for (DWORD i = 0; i < groups->GroupCount; ++i)
+        who += TextOf(groups->Groups[i].Sid) + " ";
+    return who;
+}
+
+std::string WhoAmI() {
+    HANDLE token = nullptr;
+    const DWORD error = ErrorOf([&] { return OpenThreadToken(GetCurrentThread(), TOKEN_READ, TRUE, &token); });
+    return error == ERROR_NO_TOKEN ? "nobody else" : WhoIs(Owned(token));
+}
+
+HANDLE TokenOfProcess(unsigned id, DWORD access = TOKEN_QUERY | TOKEN_DUPLICATE) {
+    HANDLE token = nullptr;
+    OpenProcessToken(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id), access, &token);
+    return token;
 }
 
 } // namespace
 
+// As the library builds the security of its objects.
 TEST(Descriptor, OfEveryoneHasTheseBytes) {
-    const Bytes built = BuildEveryoneDescriptor();
-    EXPECT_EQ(built, kEveryoneDescriptor);
-    auto* descriptor = const_cast<BYTE*>(kEveryoneDescriptor.data());
-    EXPECT_EQ(GetSecurityDescriptorLength(descriptor), kEveryoneDescriptor.size());
-    BOOL present = FALSE;
-    BOOL defaulted = TRUE;
-    PACL acl = nullptr;
-    ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &acl, &defaulted));
-    EXPECT_TRUE(present);
-    EXPECT_FALSE(defaulted);
-    ASSERT_EQ(reinterpret_cast<BYTE*>(acl), descriptor + 20);
-    LPVOID entry = nullptr;
-    ASSERT_TRUE(GetAce(acl, 0, &entry));
-    const auto* ace = static_cast<const ACCESS_ALLOWED_ACE*>(entry);
-    EXPECT_EQ(ace->Mask, static_cast<ACCESS_MASK>(GENERIC_ALL));
-    EXPECT_TRUE(EqualSid(const_cast<DWORD*>(&ace->SidStart), Sid().sid));
-    EXPECT_FALSE(GetAce(acl, 1, &entry));
-}
+    SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
+    PSID everyone = nullptr;
+    ASSERT_TRUE(AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 2, 3, 4, 5, 6, 7, 8, &everyone));
+    SECURITY_DESCRIPTOR absolute;
+    BOOL present = TRUE, defaulted = TRUE;
+    PACL found = nullptr;
+    EXPECT_FALSE(InitializeSecurityDescriptor(&absolute, 2));
+    EXPECT_TRUE(InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION));
+    EXPECT_TRUE(GetSecurityDescriptorDacl(&absolute, &present, &found, &defaulted) && !present) << "says nothing";
+    EXPECT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, nullptr, FALSE));
+    EXPECT_TRUE(GetSecurityDescriptorDacl(&absolute, &present, &found, &defaulted) && present && !found);
+    EXPECT_TRUE(SetSecurityDescriptorOwner(&absolute, nullptr, FALSE));
+    EXPECT_TRUE(SetSecurityDescriptorGroup(&absolute, everyone, FALSE));
+    alignas(DWORD) BYTE list[64];
+    auto* acl = reinterpret_cast<PACL>(list);
+    EXPECT_TRUE(InitializeAcl(acl, 8 + GetLengthSid(everyone) + 8, ACL_REVISION));
+    EXPECT_TRUE(AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, everyone));
+    EXPECT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, acl, FALSE));
+    Bytes relative(GetSecurityDescriptorLength(&absolute));
+    DWORD length = static_cast<DWORD>(relative.size());
+    for (DWORD room : {DWORD{0}, length - 1})
+        EXPECT_FAILS(MakeSelfRelativeSD(&absolute, relative.data(), &room), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &length));
+    EXPECT_EQ(relative, kEveryoneDescriptor);
 
-TEST(Descriptor, WithoutListAllowsEverythingOrSaysNothing) {
-    SECURITY_DESCRIPTOR descriptor;
-    EXPECT_FALSE(InitializeSecurityDescriptor(&descriptor, 2));
-    ASSERT_TRUE(InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION));
-    BOOL present = TRUE;
-    BOOL defaulted = FALSE;
-    PACL acl = nullptr;
-    EXPECT_TRUE(GetSecurityDescriptorDacl(&descriptor, &present, &acl, &defaulted));
-    EXPECT_FALSE(present);
-    EXPECT_TRUE(SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE));
-    EXPECT_TRUE(GetSecurityDescriptorDacl(&descriptor, &present, &acl, &defaulted));
-    EXPECT_TRUE(present);
-    EXPECT_EQ(acl, nullptr);
+    EXPECT_TRUE(IsValidSecurityDescriptor(relative.data()));
+    EXPECT_EQ(GetSecurityDescriptorLength(relative.data()), relative.size());
+    ASSERT_TRUE(GetSecurityDescriptorDacl(relative.data(), &present, &found, &defaulted) && present && !defaulted);
+    ASSERT_EQ(reinterpret_cast<BYTE*>(found), relative.data() + 20);
+    LPVOID entry = nullptr;
+    ASSERT_TRUE(GetAce(found, 0, &entry));
+    auto* ace = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+    EXPECT_EQ(ace->Mask, static_cast<ACCESS_MASK>(GENERIC_ALL));
+    EXPECT_TRUE(EqualSid(&ace->SidStart, everyone));
+    EXPECT_FALSE(GetAce(found, 1, &entry));
+    EXPECT_EQ(FreeSid(everyone), nullptr);
 }
 
 // Records that end where memory ends.
 TEST(HostileRecords, TruncatedAtEveryLengthAreInvalid) {
     BadMemory memory;
-    const Bytes list(kEveryoneDescriptor.begin() + 20, kEveryoneDescriptor.begin() + 48);
-    const Bytes sid(kEveryoneDescriptor.begin() + 48, kEveryoneDescriptor.end());
-    for (const Bytes& record : {kEveryoneDescriptor, list, sid})
-        for (size_t length = 0; length <= record.size(); length += 4) {
+    const auto check = [&](size_t from, size_t size, BOOL (*isValid)(PSID)) {
+        for (size_t length = 0; length <= size; length += 4) {
             BYTE* place = memory.AtEnd(length);
-            if (length > 0) std::memcpy(place, record.data(), length);
-            const bool whole = length == record.size();
+            std::copy_n(kEveryoneDescriptor.begin() + static_cast<ptrdiff_t>(from), length, place);
             ReadEverything(place);
-            if (record.size() == list.size()) {
-                EXPECT_EQ(IsValidAcl(reinterpret_cast<PACL>(place)), whole) << length;
-            } else if (record.size() == sid.size()) {
-                EXPECT_EQ(GetLengthSid(place) != 0, whole) << length;
-            } else {
-                EXPECT_EQ(GetSecurityDescriptorLength(place) == record.size(), whole) << length;
-                SECURITY_ATTRIBUTES attributes{sizeof attributes, place, FALSE};
-                HANDLE event = CreateEventA(&attributes, TRUE, FALSE, ("Truncated " + std::to_string(length)).c_str());
-                EXPECT_TRUE(event != nullptr || !whole);
-                if (event != nullptr) CloseHandle(event);
-            }
+            EXPECT_EQ(isValid(place) != FALSE, length == size) << from << " " << length;
+            if (from > 0 || size < 60) continue;
+            SECURITY_ATTRIBUTES attributes{sizeof attributes, place, FALSE};
+            const Owned event = CreateEventA(&attributes, TRUE, FALSE, ("T" + std::to_string(length)).c_str());
+            EXPECT_TRUE(event || length < size);
         }
+    };
+    check(0, 60, [](void* record) { return IsValidSecurityDescriptor(record); });
+    check(20, 28, [](void* record) { return IsValidAcl(static_cast<PACL>(record)); });
+    check(48, 12, [](void* record) { return IsValidSid(record); });
 }
 
 TEST(HostileRecordsCampaign, OddBytesAreReadWithoutAFault) {
     BadMemory memory;
-    BYTE* place = memory.AtEnd(kEveryoneDescriptor.size());
-    for (size_t at = 0; at < kEveryoneDescriptor.size(); ++at)
-        for (const BYTE value : std::array<BYTE, 8>{0, 1, 2, 4, 20, 0x7F, 0x80, 0xFF}) {
-            std::memcpy(place, kEveryoneDescriptor.data(), kEveryoneDescriptor.size());
-            place[at] = value;
-            ReadEverything(place);
-            ReadEverything(place + 20);
-            ReadEverything(place + 48);
-        }
+    const std::string good(kEveryoneDescriptor.begin(), kEveryoneDescriptor.end());
+    BYTE* place = memory.AtEnd(good.size());
+    const auto read = [&](const std::string& bytes) {
+        std::memcpy(place, bytes.data(), bytes.size());
+        for (const size_t at : {0, 20, 48})
+            ReadEverything(place + at);
+    };
+    for (size_t at = 0; at < good.size(); ++at)
+        for (const char value : {'\0', '\1', '\2', '\4', '\24', '\x7F', '\x80', '\xFF'})
+            read(std::string(good).replace(at, 1, 1, value));
     std::mt19937_64 random(Seed());
-    for (int round = Rounds(1000, 200000); round > 0; --round) {
-        std::memcpy(place, kEveryoneDescriptor.data(), kEveryoneDescriptor.size());
-        for (unsigned changes = 1 + random() % 4; changes > 0; --changes)
-            place[random() % kEveryoneDescriptor.size()] = static_cast<BYTE>(random());
-        ReadEverything(place);
-        ReadEverything(place + 20);
-    }
+    for (int round = Rounds(1000, 200000); round > 0; --round)
+        read(Damaged(good, random));
     for (const AddressCase& row : memory.Kinds(sizeof(SECURITY_DESCRIPTOR)))
         ReadEverything(row.address);
+}
+
+TEST_AS_ROOT(Tokens, OfOtherProcessesAreActedForByOneThread) {
+    const std::string daemon = "S-1-22-1-1 S-1-22-2-1 S-1-22-2-7 S-1-1-0 S-1-5-11 S-1-5-32-545 ";
+    const std::string own = WhoIs(TokenOfProcess(GetCurrentProcessId()));
+    EXPECT_TRUE(own.starts_with("S-1-22-1-0 S-1-22-2-0 ")) << own;
+    EXPECT_TRUE(own.ends_with("S-1-1-0 S-1-5-11 S-1-5-32-545 S-1-5-32-544 ")) << own;
+    EXPECT_EQ(WhoAmI(), "nobody else");
+    TestProcess cat = TestProcess::Program("/usr/bin/setpriv", {"--reuid=1", "--regid=1", "--groups=7", "/bin/cat"});
+    cat.Tell("ready");
+    ASSERT_EQ(cat.Hear(), "ready");
+    const HANDLE token = TokenOfProcess(cat.Id());
+    EXPECT_EQ(WhoIs(token), daemon);
+
+    ASSERT_TRUE(ImpersonateLoggedOnUser(token)) << GetLastError();
+    EXPECT_EQ(WhoAmI(), daemon);
+    std::string another;
+    OnAThread([&] { return another = WhoAmI(), 0; });
+    EXPECT_EQ(another, "nobody else");
+    HANDLE process = nullptr;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &process));
+    EXPECT_EQ(WhoIs(process), own);
+    ASSERT_TRUE(ImpersonateLoggedOnUser(token)) << "once more, by way of itself";
+    EXPECT_FAILS(ImpersonateLoggedOnUser(process), ERROR_ACCESS_DENIED); // the handle gives no right to do so
+    EXPECT_EQ(WhoAmI(), daemon);
+    EXPECT_TRUE(RevertToSelf() && RevertToSelf());
+    EXPECT_EQ(WhoAmI(), "nobody else");
+    EXPECT_EQ(RunProgram("/usr/bin/id", {"-u"}).output, "0\n");
+
+    cat.Kill();
+    EXPECT_EQ(TokenOfProcess(cat.Id()), nullptr);
+    EXPECT_FAILS(TokenOfProcess(GetCurrentProcessId(), TOKEN_QUERY | 0x20), ERROR_ACCESS_DENIED); // to change it
+}
+
+// A list has at most 64 KiB, however long or short its text is.
+TEST(Lists, OfLongTextsAreKeptWholeOrRefused) {
+    const auto repeated = [](const std::string& entry) {
+        std::string text = "D:";
+        while (text.size() < 70000)
+            text += entry;
+        return text;
+    };
+    PSECURITY_DESCRIPTOR list = nullptr;
+    LPSTR again = nullptr;
+    // 70 KB of long entries are a list of 41 KB,
+    const std::string fits = repeated("(A;;GA;;;S-1-5-21-4000000001-4000000002-4000000003-4000000004)");
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(fits.c_str(), SDDL_REVISION_1, &list, nullptr));
+    ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorA(list, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                                     &again, nullptr));
+    EXPECT_EQ(again, fits);
+    LocalFree(again);
+    LocalFree(list);
+    // and of short ones one of 117 KB, whose size would be cut to 51 KB.
+    const std::string tooLong = repeated("(A;;GA;;;WD)");
+    EXPECT_FAILS(ConvertStringSecurityDescriptorToSecurityDescriptorA(tooLong.c_str(), SDDL_REVISION_1, &list, nullptr),
+                 ERROR_INVALID_ACL);
+}
+
+TEST(Accounts, AreFoundBySidAndByName) {
+    const struct {
+        const char *account, *sid, *domain, *name; // the first is asked for
+        int use = 0;                               // 0: there is none
+    } rows[] = {
+        {"root", "S-1-22-1-0", "Unix User", "root", SidTypeUser},
+        {"Unix Group\\root", "S-1-22-2-0", "Unix Group", "root", SidTypeGroup},
+        {"everyone", "S-1-1-0", "", "Everyone", SidTypeWellKnownGroup},
+        {"Creator Owner", "S-1-3-0", "", "CREATOR OWNER", SidTypeWellKnownGroup},
+        {"BUILTIN\\Administrators", "S-1-5-32-544", "BUILTIN", "Administrators", SidTypeAlias},
+        {"no such user", "S-1-22-1-54321", "", ""},
+        {"Other\\root", "S-1-22-3-0", "", ""},
+        {"", "S-1-22-1-0-0", "", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.account);
+        const DWORD error = row.use ? ERROR_SUCCESS : ERROR_NONE_MAPPED;
+        PSID sid = nullptr;
+        ASSERT_TRUE(ConvertStringSidToSidA(row.sid, &sid));
+        EXPECT_EQ(TextOf(sid), row.sid);
+        char name[64] = "", domain[64] = "", otherDomain[64];
+        BYTE found[68];
+        DWORD nameSize = sizeof name, domainSize = sizeof domain, foundSize = sizeof found, otherSize = sizeof domain;
+        SID_NAME_USE use = SidTypeUser;
+        EXPECT_FAILS(LookupAccountNameA(nullptr, row.account, found, &foundSize, otherDomain, &otherSize, &use), error);
+        EXPECT_FAILS(LookupAccountSidA(nullptr, sid, name, &nameSize, domain, &domainSize, &use), error);
+        if (row.use) {
+            EXPECT_EQ(name + std::string(" of ") + domain, row.name + std::string(" of ") + row.domain);
+            EXPECT_STREQ(otherDomain, row.domain);
+            EXPECT_EQ(use, row.use);
+            EXPECT_EQ(nameSize, strlen(row.name));
+            EXPECT_TRUE(EqualSid(found, sid));
+            EXPECT_FAILS(LookupAccountSidA(nullptr, sid, name, &nameSize, domain, &domainSize, &use),
+                         ERROR_INSUFFICIENT_BUFFER); // without room for the NUL
+            EXPECT_EQ(nameSize, strlen(row.name) + 1);
+        }
+        LocalFree(sid);
+    }
 }

@@ -1,6 +1,5 @@
 // Printers of the spooler: how records lie in a caller's buffer, what is kept where, who may change it.
 #include "campaign.h"
-#include "posix_kit.h"
 #include "private_machine.h"
 #include "spooler_kit.h"
 
@@ -22,21 +21,19 @@ std::string RegistryText(const std::string& printer, const char* value) {
 } // namespace
 
 TEST(Spooler, RecordsStandInFrontAndTheirTextsAtTheEnd) {
-    DWORD needed = 7;
-    DWORD returned = 7;
+    DWORD needed = 7, returned = 7;
     HANDLE printer = nullptr;
     EXPECT_TRUE(EnumPrintersA(kLocal, nullptr, 2, nullptr, 0, &needed, &returned)) << "of none, nothing is needed";
     EXPECT_EQ(needed + returned, 0U);
     EXPECT_EQ(Open("Any", &printer), DWORD{ERROR_INVALID_PRINTER_NAME});
-    EXPECT_TRUE(!OnTheLayer() || std::filesystem::is_empty(PrivateDirectory() + "/state")) << "looking makes nothing";
+    EXPECT_TRUE(std::filesystem::is_empty(PrivateDirectory() + "/state")) << "looking makes nothing";
 
     ASSERT_EQ(Add("First", "A", "COM1:", PRINTER_ATTRIBUTE_SHARED), DWORD{ERROR_SUCCESS});
     ASSERT_EQ(Add("\\\\server\\second", "B", "net"), DWORD{ERROR_SUCCESS});
     EXPECT_FAILS(EnumPrintersA(kBoth, nullptr, 2, nullptr, 0, &needed, &returned), ERROR_INSUFFICIENT_BUFFER);
-    ASSERT_GT(needed, 2 * sizeof(PRINTER_INFO_2A));
     // One byte less, just enough, more than enough; at an odd address too.
-    std::vector<BYTE> memory(needed + 102, 0xee);
     const DWORD whole = needed;
+    std::vector<BYTE> memory(whole + 102, 0xee);
     EXPECT_FALSE(EnumPrintersA(kBoth, nullptr, 2, memory.data(), whole - 1, &needed, &returned));
     EXPECT_EQ(returned, 0U);
     EXPECT_EQ(memory, std::vector<BYTE>(memory.size(), 0xee));
@@ -44,39 +41,32 @@ TEST(Spooler, RecordsStandInFrontAndTheirTextsAtTheEnd) {
         std::fill(memory.begin(), memory.end(), 0xee);
         BYTE* buffer = memory.data() + offset;
         ASSERT_TRUE(EnumPrintersA(kBoth, nullptr, 2, buffer, whole + more, &needed, &returned));
-        EXPECT_EQ(needed, whole);
-        ASSERT_EQ(returned, 2U);
+        EXPECT_EQ(std::pair(needed, returned), std::pair(whole, DWORD{2}));
         EXPECT_EQ(memory.back(), 0xee);
         PRINTER_INFO_2A records[2];
         std::memcpy(records, buffer, sizeof records);
-        for (const PRINTER_INFO_2A& record : records)
+        std::string all;
+        for (const PRINTER_INFO_2A& record : records) {
             for (const LPSTR text :
                  {record.pPrinterName, record.pShareName, record.pPortName, record.pDriverName, record.pComment,
                   record.pLocation, record.pSepFile, record.pPrintProcessor, record.pDatatype, record.pParameters}) {
                 ASSERT_GE(reinterpret_cast<BYTE*>(text), buffer + sizeof records + more);
                 ASSERT_LE(reinterpret_cast<BYTE*>(text) + std::strlen(text) + 1, buffer + whole + more);
+                all += text + std::string("|");
             }
-        EXPECT_STREQ(records[0].pPrinterName, "First");
-        EXPECT_STREQ(records[0].pPortName, "COM1:");
-        EXPECT_STREQ(records[0].pDriverName, "A");
-        EXPECT_STREQ(records[0].pComment, "of First");
-        EXPECT_STREQ(records[0].pPrintProcessor, "winprint");
-        EXPECT_STREQ(records[0].pDatatype, "RAW");
-        EXPECT_EQ(records[0].pServerName, nullptr);
-        EXPECT_EQ(records[0].Attributes, DWORD{PRINTER_ATTRIBUTE_SHARED | PRINTER_ATTRIBUTE_LOCAL});
-        EXPECT_STREQ(records[1].pServerName, "\\\\server");
-        EXPECT_EQ(records[1].Attributes, DWORD{PRINTER_ATTRIBUTE_NETWORK});
-        EXPECT_EQ(records[1].pSecurityDescriptor, nullptr);
+            all += (record.pServerName ? record.pServerName : "none") + std::string("|") +
+                   std::to_string(record.Attributes) + "\n";
+            EXPECT_EQ(record.pSecurityDescriptor, nullptr);
+        }
+        EXPECT_EQ(all, "First||COM1:|A|of First|||winprint|RAW||none|72\n"
+                       "\\\\server\\second||net|B|of \\\\server\\second|||winprint|RAW||\\\\server|16\n");
     }
-    ASSERT_EQ(Open("FIRST", &printer), DWORD{ERROR_SUCCESS});
-    EXPECT_FAILS(GetPrinterA(printer, 2, nullptr, 0, &needed), ERROR_INSUFFICIENT_BUFFER);
-    EXPECT_TRUE(GetPrinterA(printer, 2, memory.data(), needed, &needed));
-    EXPECT_STREQ(reinterpret_cast<PRINTER_INFO_2A*>(memory.data())->pPrinterName, "First");
+    EXPECT_FAILS(GetPrinterA(Opened("FIRST"), 2, nullptr, 0, &needed), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(RecordOf(Opened("FIRST")), "First, A, COM1:, of First, ");
 }
 
 TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
-    HANDLE local = nullptr;
-    HANDLE connection = nullptr;
+    HANDLE local = nullptr, connection = nullptr;
     ASSERT_EQ(Add("Room 1\\Laser", "Laser Driver", "LPT2:", 0, &local), DWORD{ERROR_SUCCESS});
     ASSERT_EQ(Add("\\\\server\\Laser", "Net Driver", "net", 0, &connection), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(RegistryText("Room 1,Laser", "Printer Driver"), "Laser Driver");
@@ -88,18 +78,15 @@ TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
     EXPECT_EQ(PrintersOf(PRINTER_ENUM_CONNECTIONS), Names{"\\\\server\\Laser"});
     EXPECT_EQ(Add("ROOM 1\\laser"), DWORD{ERROR_PRINTER_ALREADY_EXISTS});
 
-    HANDLE use = nullptr;
-    ASSERT_EQ(Open("Room 1\\Laser", &use), DWORD{ERROR_SUCCESS});
+    const HANDLE use = Opened("Room 1\\Laser");
     EXPECT_FAILS(DeletePrinter(use), ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(DeletePrinter(local));
-    EXPECT_TRUE(DeletePrinter(connection));
+    EXPECT_TRUE(DeletePrinter(local) && DeletePrinter(connection));
     EXPECT_EQ(RegistryText("Room 1,Laser", ""), "no key");
     EXPECT_TRUE(PrintersOf(kBoth).empty());
     // The name made anew is another printer than the one that the handles knew.
     ASSERT_EQ(Add("Room 1\\Laser"), DWORD{ERROR_SUCCESS});
-    DWORD needed = 0;
     for (HANDLE gone : {use, local}) {
-        EXPECT_FAILS(GetPrinterA(gone, 2, nullptr, 0, &needed), ERROR_PRINTER_DELETED);
+        EXPECT_EQ(RecordOf(gone), "error " + std::to_string(ERROR_PRINTER_DELETED));
         EXPECT_TRUE(ClosePrinter(gone));
         EXPECT_FAILS(ClosePrinter(gone), ERROR_INVALID_HANDLE);
     }
@@ -108,38 +95,37 @@ TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
 TEST(Spooler, WhatCannotBeIsRefused) {
     const std::string longest(220, 'n');
     const struct {
-        std::string name, driver, port;
-        DWORD attributes, code;
+        std::string name;
+        DWORD code;
+        std::string driver = "D";
+        DWORD attributes = 0;
     } rows[] = {
-        {longest, "D", "P", 0, ERROR_SUCCESS},
-        {longest + "n", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"a,b", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"a\nb", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"\\a", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"\\\\server", "D", "P", 0, ERROR_INVALID_PRINTER_NAME},
-        {"A", "", "P", 0, ERROR_INVALID_PARAMETER},
-        {"A", std::string(260, 'd'), "P", 0, ERROR_INVALID_PARAMETER},
-        {"A", "D", "P", PRINTER_ATTRIBUTE_NETWORK, ERROR_INVALID_PARAMETER},
+        {longest, ERROR_SUCCESS},
+        {longest + "n", ERROR_INVALID_PRINTER_NAME},
+        {"", ERROR_INVALID_PRINTER_NAME},
+        {"a,b", ERROR_INVALID_PRINTER_NAME},
+        {"a\nb", ERROR_INVALID_PRINTER_NAME},
+        {"\\a", ERROR_INVALID_PRINTER_NAME},
+        {"\\\\server", ERROR_INVALID_PRINTER_NAME},
+        {"A", ERROR_INVALID_PARAMETER, ""},
+        {"A", ERROR_INVALID_PARAMETER, std::string(260, 'd')},
+        {"A", ERROR_INVALID_PARAMETER, "D", PRINTER_ATTRIBUTE_NETWORK},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(Add(row.name, row.driver, row.port, row.attributes), row.code) << row.name;
-    DWORD needed = 0;
-    DWORD returned = 0;
+        EXPECT_EQ(Add(row.name, row.driver, "P", row.attributes), row.code) << row.name;
+    DWORD needed = 0, returned = 0;
     HANDLE printer = nullptr;
     EXPECT_FAILS(EnumPrintersA(kLocal, nullptr, 1, nullptr, 0, &needed, &returned), ERROR_INVALID_LEVEL);
     EXPECT_FAILS(EnumPrintersA(0x40, nullptr, 2, nullptr, 0, &needed, &returned), ERROR_INVALID_FLAGS);
     EXPECT_EQ(Open(longest, &printer, 0x80), DWORD{ERROR_ACCESS_DENIED}); // no such right
-    EXPECT_FAILS(GetPrinterA(CreateEventA(nullptr, TRUE, FALSE, nullptr), 2, nullptr, 0, &needed),
-                 ERROR_INVALID_HANDLE);
+    EXPECT_EQ(RecordOf(NewEvent()), "error " + std::to_string(ERROR_INVALID_HANDLE));
 }
 
 CHILD_PROCESS(PrintsAsAnotherUser) {
     if (!BecomeNobody()) return 1;
     HANDLE printer = nullptr;
     std::string said = PrintersOf(PRINTER_ENUM_LOCAL)[0];
-    for (const ACCESS_MASK access :
-         {ACCESS_MASK{0}, ACCESS_MASK{PRINTER_ACCESS_ADMINISTER}, ACCESS_MASK{PRINTER_ALL_ACCESS}})
+    for (const DWORD access : {DWORD{0}, DWORD{PRINTER_ACCESS_ADMINISTER}, DWORD{PRINTER_ALL_ACCESS}})
         said += " " + std::to_string(Open("Shared", &printer, access));
     child.Say(said + " " + std::to_string(Add("Mine")) + " " + std::to_string(Add("\\\\mine\\too")));
     return 0;
@@ -147,8 +133,7 @@ CHILD_PROCESS(PrintsAsAnotherUser) {
 
 TEST_AS_ROOT(Spooler, AnotherUserReadsButDoesNotChange) {
     ASSERT_EQ(Add("Shared"), DWORD{ERROR_SUCCESS});
-    TestProcess other("PrintsAsAnotherUser");
-    EXPECT_EQ(other.Hear(), "Shared 0 5 5 5 5");
+    EXPECT_EQ(TestProcess("PrintsAsAnotherUser").Hear(), "Shared 0 5 5 5 5");
     EXPECT_EQ(PrintersOf(kBoth), Names{"Shared"});
 }
 
@@ -162,21 +147,14 @@ CHILD_PROCESS(AddsAndDeletes) {
 }
 
 TEST(SpoolerCampaign, APrinterIsWholeWhoeverIsKilled) {
-    const int rounds = Rounds(15, 1000);
-    for (int round = 0; round < rounds; ++round) {
-        TestProcess process("AddsAndDeletes");
-        ASSERT_EQ(process.Hear(), "adding");
-        PauseMs(round % 7);
-        process.Kill();
+    KillStorm("AddsAndDeletes", "", Rounds(15, 1000), [] {
         HANDLE printer = nullptr;
-        if (Open("Killed", &printer, PRINTER_ALL_ACCESS) == ERROR_SUCCESS) {
-            EXPECT_TRUE(DeletePrinter(printer));
-        }
+        EXPECT_TRUE(Open("Killed", &printer, PRINTER_ALL_ACCESS) != ERROR_SUCCESS || DeletePrinter(printer));
         // A key that was left over is taken over.
         ASSERT_EQ(Add("Killed", "Next", "P", 0, &printer), DWORD{ERROR_SUCCESS});
         EXPECT_EQ(RegistryText("Killed", "Printer Driver"), "Next");
         EXPECT_TRUE(DeletePrinter(printer));
-    }
+    });
 }
 
 TEST(Spooler, DamageIsTold) {
@@ -185,9 +163,6 @@ TEST(Spooler, DamageIsTold) {
     std::string bytes = ReadWholeFile(store);
     bytes[bytes.rfind("Driver")] ^= 1;
     ReplaceFile(store, bytes);
-    HANDLE printer = nullptr;
-    DWORD needed = 0;
-    ASSERT_EQ(Open("A", &printer), DWORD{ERROR_SUCCESS}); // the damage is elsewhere
-    EXPECT_FAILS(GetPrinterA(printer, 2, nullptr, 0, &needed), ERROR_BADDB);
+    EXPECT_EQ(RecordOf(Opened("A")), "error " + std::to_string(ERROR_BADDB)); // the damage is not where its name is
     EXPECT_EQ(Add("B"), DWORD{ERROR_BADDB});
 }

@@ -1,8 +1,7 @@
 // What other users of the machine can put into the folder of windows and write into a queue, and what dead processes
 // leave there. Linux only: it speaks of files.
-#include "posix_kit.h"
+#include "kit.h"
 #include "private_machine.h"
-#include "window_kit.h"
 
 #include <algorithm>
 #include <csignal>
@@ -11,7 +10,6 @@
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -33,49 +31,46 @@ long Files(const std::string& suffix = "") {
 const HWND kForged = WindowOf(0x1234abcd);
 
 std::string ForgedRecord() {
-    const ULONG fields[] = {0x4e49574f, 1, HandleToULong(kForged), 4711,
-                            4712}; // "OWIN", version, handle, process, thread
+    // "OWIN", version, handle, process, thread
+    const ULONG fields[] = {0x4e49574f, 1, HandleToULong(kForged), 4711, 4712};
     std::string record(552, '\0');
     std::memcpy(record.data(), fields, sizeof fields);
     return record.replace(32, 10, "TVORForged").replace(292, 6, "Forged");
 }
 
-int MakeFifo(const std::string& path, mode_t mode = 0622) {
-    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+int MakeFifo(const std::string& path) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0600) + chmod(path.c_str(), 0622), 0);
     return open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
 }
 
 CHILD_PROCESS(HasWindows) {
     umask(0077);
     for (int i = 0; i < 3; ++i)
-        child.Say(ToText(MakeWindow("TVORTestClass", "Owned")));
+        child.Say(ToText(MakeWindow("Owned")));
     child.Hear();
     return 0;
 }
 
 // Its fork child lives on after it.
 CHILD_PROCESS(ForksWithAWindow) {
-    const HWND window = MakeWindow("TVORTestClass");
-    if (fork() == 0) {
-        child.Say(!DestroyWindow(window) && IsWindow(MakeWindow("TVORTestClass")) ? "child works" : "child fails");
-        child.Hear();
-        _exit(0);
+    const HWND window = MakeWindow();
+    if (fork() != 0) {
+        child.Say(ToText(window));
+        PauseMs(1000000);
     }
-    child.Say(ToText(window));
-    while (true)
-        pause();
+    child.Say(!DestroyWindow(window) && IsWindow(MakeWindow()) ? "child works" : "child fails");
+    child.Hear();
+    _exit(0);
 }
 
 // Without any preparation for broken pipes.
 CHILD_PROCESS(SendsToAFullQueue) {
     signal(SIGPIPE, SIG_DFL);
     const HWND window = ToWindow(child.arguments[0]);
-    while (PostMessageA(window, WM_APP, 0, 0)) {
-    }
-    SetLastError(0);
-    SendMessageTimeoutA(window, WM_APP, 0, 0, SMTO_NORMAL, 30000, nullptr);
-    return GetLastError() == ERROR_INVALID_WINDOW_HANDLE ? 0 : 1;
+    while (PostMessageA(window, WM_APP, 0, 0))
+        continue;
+    const auto send = [&] { return SendMessageTimeoutA(window, WM_APP, 0, 0, SMTO_NORMAL, 30000, nullptr) != 0; };
+    return ErrorOf(send) == ERROR_INVALID_WINDOW_HANDLE ? 0 : 1;
 }
 
 // Says which of the things that it tries it may do.
@@ -91,7 +86,7 @@ CHILD_PROCESS(AnotherUser) {
     if (open(queue.c_str(), O_RDONLY | O_NONBLOCK) >= 0) may += " read";
     if (open(record.c_str(), O_WRONLY) >= 0) may += " write";
     if (unlink(queue.c_str()) == 0 || unlink(record.c_str()) == 0) may += " remove";
-    if (IsWindow(MakeWindow("TVOROtherUser"))) may += " own";
+    if (IsWindow(MakeWindow("", DefWindowProcA, "TVOROtherUser"))) may += " own";
     child.Say(may);
     return 0;
 }
@@ -121,7 +116,7 @@ TEST(WindowFiles, GoWithTheirProcesses) {
     EXPECT_EQ(FindWindowA("TVORTestClass", "Owned"), nullptr);
     EXPECT_EQ(Files(), 0) << "a finder sweeps";
     close(MakeFifo(FileOf(kForged, ".queue")));
-    EXPECT_TRUE(DestroyWindow(MakeWindow("TVORTestClass")));
+    EXPECT_TRUE(DestroyWindow(MakeWindow()));
     EXPECT_EQ(Files(), 0) << "a creator sweeps";
 }
 
@@ -140,62 +135,46 @@ TEST(WindowFiles, ForkChildDoesNotKeepItsParentsWindow) {
 // A forged window that is whole is a window like any other; each fault makes it none.
 TEST(WindowFiles, ForgedOnesAreIgnored) {
     ASSERT_EQ(FindWindowA(nullptr, nullptr), nullptr); // makes the folder
-    const std::string queue = FileOf(kForged, ".queue");
-    const std::string record = FileOf(kForged, ".window");
+    const std::string queue = FileOf(kForged, ".queue"), record = FileOf(kForged, ".window");
     const std::string elsewhere = PrivateDirectory() + "/elsewhere";
-    enum Fault {
-        // clang-format off
-        None, RecordIsLink, RecordHasTwoNames, RecordIsFifo, RecordOfAnotherUser,
-        QueueIsLink, QueueHasTwoNames, QueueOfAnotherMode, QueueIsFile
-        // clang-format on
+    const auto filled = [&](size_t at, size_t count, char value) {
+        return [=] { ReplaceFile(record, ForgedRecord().replace(at, count, count, value)); };
     };
-    struct Case {
+    const auto sized = [&](size_t size) {
+        return [=] { ReplaceFile(record, (ForgedRecord() + std::string(1 << 20, '\0')).substr(0, size)); };
+    };
+    const struct {
         const char* name;
-        Fault fault = None;
-        size_t size = 552; // of the record, in which `count` bytes from `at` on have another value
-        size_t at = 0;
-        size_t count = 0;
-        char value = 0;
+        std::function<void()> spoil;
+        bool queueIsSound = true;
+    } cases[] = {
+        {"sound", [] {}},
+        {"no magic", filled(0, 1, 'o')},
+        {"newer version", filled(4, 1, 2)},
+        {"another handle's", filled(8, 1, 1)},
+        {"no class", filled(32, 1, '\0')},
+        {"unterminated class", filled(32, 260, 'c')},
+        {"class too long", filled(32, 257, 'c')},
+        {"unterminated title", filled(292, 260, 't')},
+        {"empty", sized(0)},
+        {"short", sized(551)},
+        {"huge", sized(1 << 20)},
+        {"record is a link", [&] { fs::rename(record, elsewhere), fs::create_symlink(elsewhere, record); }},
+        {"record has two names", [&] { fs::create_hard_link(record, elsewhere); }},
+        {"record is a FIFO", [&] { PlantInPlace(record, Plant::kPipe); }},
+        {"record of another user, or none",
+         [&] { RunsAsRoot() ? chown(record.c_str(), 65534, 65534) : unlink(record.c_str()); }},
+        {"queue is a link", [&] { fs::rename(queue, elsewhere), fs::create_symlink(elsewhere, queue); }, false},
+        {"queue has two names", [&] { fs::create_hard_link(queue, elsewhere); }, false},
+        {"queue of another mode", [&] { fs::permissions(queue, fs::perms(0666)); }, false},
+        {"queue is a file", [&] { ReplaceFile(queue, "", 0622); }, false},
     };
-    const Case cases[] = {
-        {"sound"},
-        {"no magic", None, 552, 0, 1, 'o'},
-        {"newer version", None, 552, 4, 1, 2},
-        {"another handle's", None, 552, 8, 1, 1},
-        {"no class", None, 552, 32, 1, '\0'},
-        {"unterminated class", None, 552, 32, 260, 'c'},
-        {"class too long", None, 552, 32, 257, 'c'},
-        {"unterminated title", None, 552, 292, 260, 't'},
-        {"empty", None, 0},
-        {"short", None, 551},
-        {"huge", None, 1 << 20},
-        {"record is a link", RecordIsLink},
-        {"record has two names", RecordHasTwoNames},
-        {"record is a FIFO", RecordIsFifo},
-        {"record of another user", RecordOfAnotherUser},
-        {"queue is a link", QueueIsLink},
-        {"queue has two names", QueueHasTwoNames},
-        {"queue of another mode", QueueOfAnotherMode},
-        {"queue is a file", QueueIsFile},
-    };
-    for (const Case& planted : cases) {
-        SCOPED_TRACE(planted.name);
-        const Fault fault = planted.fault;
-        if (fault == RecordOfAnotherUser && !RunsAsRoot()) continue;
-        std::string bytes = ForgedRecord();
-        bytes.replace(planted.at, planted.count, planted.count, planted.value).resize(planted.size);
-        ReplaceFile(fault == RecordIsLink ? elsewhere : record, bytes);
-        EXPECT_TRUE(fault != RecordIsFifo || PlantInPlace(record, Plant::kPipe, ""));
-        EXPECT_TRUE(fault != RecordIsLink || PlantInPlace(record, Plant::kLink, elsewhere));
-        EXPECT_TRUE(fault != RecordHasTwoNames || PlantInPlace(elsewhere, Plant::kHardLink, record));
-        EXPECT_TRUE(fault != RecordOfAnotherUser || chown(record.c_str(), 65534, 65534) == 0);
-        const int fifo = fault == QueueIsFile ? open(queue.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0622)
-                                              : MakeFifo(fault == QueueIsLink ? elsewhere : queue,
-                                                         fault == QueueOfAnotherMode ? 0666 : 0622);
-        if (fault == QueueIsLink) fs::create_symlink(elsewhere, queue);
-        if (fault == QueueHasTwoNames) fs::create_hard_link(queue, elsewhere);
-
-        const bool sound = &planted == cases;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        ReplaceFile(record, ForgedRecord());
+        const int fifo = MakeFifo(queue);
+        row.spoil();
+        const bool sound = &row == cases;
         EXPECT_EQ(FindWindowA(nullptr, nullptr), sound ? kForged : nullptr);
         EXPECT_EQ(EnumWindows([](HWND, LPARAM) -> BOOL { return FALSE; }, 0), !sound);
         char text[300];
@@ -204,8 +183,8 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
         EXPECT_EQ(GetWindowThreadProcessId(kForged, &process), sound ? 4712U : 0U);
         EXPECT_EQ(process, sound ? 4711U : 0U);
         // A bad record beside a sound queue: nobody finds the window, but what is posted to it harms nobody.
-        EXPECT_EQ(PostMessageA(kForged, WM_APP, 0, 0), fault < QueueIsLink);
-        EXPECT_EQ(read(fifo, text, sizeof text) > 0, fault < QueueIsLink);
+        EXPECT_EQ(PostMessageA(kForged, WM_APP, 0, 0) != FALSE, row.queueIsSound);
+        EXPECT_EQ(read(fifo, text, sizeof text) > 0, row.queueIsSound);
         close(fifo);
         for (const std::string& path : {queue, record, elsewhere})
             fs::remove(path);
@@ -213,10 +192,10 @@ TEST(WindowFiles, ForgedOnesAreIgnored) {
 }
 
 TEST_AS_ROOT(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
-    const HWND window = MakeWindow("TVORTestClass");
+    const HWND window = MakeWindow();
     TestProcess other("AnotherUser", {ToText(window)});
     MSG message;
-    ASSERT_TRUE(TakeMessage(message));
+    ASSERT_TRUE(WaitUntil([&] { return Take(message); }));
     EXPECT_EQ(message.lParam, 2);
     // What it sends is answered while this thread looks for messages, of which none comes.
     EXPECT_TRUE(WaitUntil([&] { return PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) || !other.Running(); }));
@@ -225,51 +204,47 @@ TEST_AS_ROOT(WindowFiles, AnotherUserMayPostButNotReadNorRemove) {
 }
 
 TEST(WindowQueue, SkipsGarbageAndLosesNoMessage) {
-    const HWND window = MakeWindow("TVORTestClass");
+    const HWND window = MakeWindow();
     const int fifo = open(FileOf(window, ".queue").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     constexpr ULONG kMagic = 0x47534d4f; // "OMSG"
+    const ULONG handle = HandleToULong(window);
     const auto forge = [](ULONG magic, ULONG handle, ULONG message, ULONG replyTo) {
         const ULONG fields[10] = {magic, handle, message, 0, 0, 0, 0, 0, replyTo};
         return std::string(reinterpret_cast<const char*>(fields), sizeof fields);
     };
-    const ULONG handle = HandleToULong(window);
-    std::vector<std::string> garbage{forge(kMagic, handle ^ 1, WM_APP, 0),      // for another window
-                                     forge(kMagic - 1, handle, WM_APP, 0),      // no message
-                                     forge(kMagic, handle, WM_APP << 4, 0),     // with a number that does not exist
-                                     forge(kMagic, handle, WM_APP, 0x12345678), // sent, but nobody waits for the answer
-                                     std::string(4096, '\0'),
-                                     std::string(4096, 'O')};
+    const std::string good = forge(kMagic, handle, WM_APP, 0);
+    Names garbage{forge(kMagic, handle ^ 1, WM_APP, 0),      // for another window
+                  forge(kMagic - 1, handle, WM_APP, 0),      // no message
+                  forge(kMagic, handle, WM_APP << 4, 0),     // with a number that does not exist
+                  forge(kMagic, handle, WM_APP, 0x12345678), // sent, but nobody waits for the answer
+                  std::string(4096, '\0'),
+                  std::string(4096, 'O')};
     // Beginnings of a message, cut where the next one cannot be taken for the rest, and any pieces.
     for (size_t length = 1; length <= 8; ++length)
-        garbage.push_back(forge(kMagic, handle, WM_APP, 0).substr(0, length));
+        garbage.push_back(good.substr(0, length));
     for (size_t length = 1; length < 100; length += 7)
         garbage.emplace_back(length, static_cast<char>(length));
-    LPARAM posted = 0;
-    LPARAM taken = 0;
+    LPARAM posted = 0, taken = 0;
+    MSG message;
     // Each alone and before messages; then all of them between messages in one queue.
     for (const bool readEach : {true, false}) {
-        for (const std::string& bytes : garbage) {
+        for (const std::string& bytes : garbage)
             for (int i = 0; i < 3; ++i) {
                 ASSERT_EQ(write(fifo, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
                 ASSERT_TRUE(i == 0 || PostMessageA(window, WM_APP, 0, posted++));
-                MSG message;
-                while (readEach && PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+                while (readEach && Take(message))
                     ASSERT_EQ(message.lParam, taken++);
             }
-        }
-        MSG message;
-        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+        while (Take(message))
             ASSERT_EQ(message.lParam, taken++);
         EXPECT_EQ(taken, posted);
     }
     // The beginning of a message in a queue that is empty after it has no rest: what comes later is not taken for it.
-    ASSERT_EQ(write(fifo, forge(kMagic, handle, WM_APP, 0).data(), 39), 39);
+    ASSERT_EQ(write(fifo, good.data(), 39), 39);
     EXPECT_TRUE(QueueIsEmpty());
     ASSERT_TRUE(PostMessageA(window, WM_APP, 0, posted));
-    MSG message;
-    EXPECT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_TRUE(Take(message));
     EXPECT_EQ(message.lParam, posted);
-    close(fifo);
 }
 
 TEST(WindowQueue, OwnersDeathIsAnErrorToASenderAndNoSignal) {

@@ -1,5 +1,5 @@
 // Descriptors for event loops. Linux only, like the calls themselves.
-#include "window_kit.h"
+#include "kit.h"
 
 #include <oriel_poll.h>
 
@@ -17,8 +17,8 @@ bool Readable(int descriptor, int timeoutMs = 0) {
 
 TEST(QueueDescriptor, IsReadableWhileThereIsSomethingToDo) {
     const int queue = OrielWindowQueueDescriptor();
-    const HWND window = MakeWindow("TVORTestClass");
-    const HWND second = MakeWindow("TVORTestClass");
+    const HWND window = MakeWindow();
+    const HWND second = MakeWindow();
     EXPECT_EQ(OrielWindowQueueDescriptor(), queue);
     EXPECT_FALSE(Readable(queue));
 

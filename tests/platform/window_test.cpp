@@ -1,5 +1,5 @@
 // Classes and windows: making, finding, listing, describing and losing them, in one process and in several.
-#include "window_kit.h"
+#include "kit.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,7 +15,7 @@ LRESULT CALLBACK QuitWithWindow(HWND window, UINT message, WPARAM wParam, LPARAM
 // Has windows with the titles given, and serves them until one is destroyed.
 CHILD_PROCESS(OwnsWindows) {
     for (const std::string& title : child.arguments)
-        child.Say(ToText(MakeWindow("TVORTestClass", title.c_str(), QuitWithWindow)));
+        child.Say(ToText(MakeWindow(title.c_str(), QuitWithWindow)));
     return RunMessageLoop();
 }
 
@@ -36,8 +36,7 @@ std::vector<HWND> AllWindows() {
 } // namespace
 
 TEST(Window, DescribesItselfAndTakesOnlyPlainParameters) {
-    const std::string longest(OnTheLayer() ? 256 : 255, 'c'); // Windows counts the NUL
-    const std::string tooLong(257, 'c');
+    const std::string longest(OnTheLayer() ? 256 : 255, 'c'), tooLong(257, 'c'); // Windows counts the NUL
     const ATOM first = RegisterTestClass("TVORTestClass", DefWindowProcA);
     const ATOM second = RegisterTestClass(longest.c_str(), DefWindowProcA);
     EXPECT_TRUE(first != 0 && second != 0 && first != second);
@@ -59,15 +58,19 @@ TEST(Window, DescribesItselfAndTakesOnlyPlainParameters) {
     DWORD process = 0;
     EXPECT_EQ(GetClassNameA(window, text, 5), 4);
     EXPECT_STREQ(text, "TVOR");
-    EXPECT_TRUE(CreateTestWindow("TVORTestClass", nullptr));
-    const HWND titled = CreateTestWindow("TVORTestClass", longest.c_str());
-    EXPECT_EQ(FindWindowA(nullptr, longest.c_str()), titled);
+    for (const std::string& title : {std::string("A title"), std::string(), longest}) {
+        EXPECT_EQ(GetWindowTextA(CreateTestWindow("TVORTestClass", title.empty() ? nullptr : title.c_str()), text,
+                                 sizeof text),
+                  static_cast<int>(title.size()));
+        EXPECT_EQ(text, title);
+    }
     EXPECT_EQ(GetWindowThreadProcessId(window, &process), GetCurrentThreadId());
     EXPECT_EQ(process, GetCurrentProcessId());
+    EXPECT_FAILS(UnregisterClassA("TVORTestClass", nullptr), ERROR_CLASS_HAS_WINDOWS);
 }
 
 TEST(Window, StaleAndForeignHandlesAreRefused) {
-    const HWND stale = MakeWindow("TVORTestClass");
+    const HWND stale = MakeWindow();
     ASSERT_TRUE(DestroyWindow(stale));
     std::vector<HWND> windows = {stale, WindowOf(0x7fffffff)};
     // These are the thread's queue and everybody's windows to Windows.
@@ -97,16 +100,15 @@ TEST(Window, IsFoundFromOtherProcessesByClassAndTitle) {
     const HWND first = ToWindow(owner.Hear());
     const HWND second = ToWindow(owner.Hear());
     const HWND third = ToWindow(owner.Hear());
-    const HWND mine = MakeWindow("TVOROtherClass", "second");
+    const HWND mine = MakeWindow("second", DefWindowProcA, "TVOROtherClass");
 
     EXPECT_EQ(FindWindowA("TVORTestClass", "First"), first);
     EXPECT_EQ(FindWindowA("tvortestclass", "sECOND"), second);
     EXPECT_EQ(FindWindowA("TVORTestClass", nullptr), third) << "the newest of its class";
     EXPECT_EQ(FindWindowA(nullptr, "Second"), mine) << "the newest with this title";
     EXPECT_EQ(FindWindowA(nullptr, nullptr), mine);
-    SetLastError(kSentinel);
-    EXPECT_EQ(FindWindowA("TVORTestClass", "Secon"), nullptr);
-    EXPECT_TRUE(GetLastError() == ERROR_FILE_NOT_FOUND || !OnTheLayer());
+    const DWORD error = ErrorOf([] { return FindWindowA("TVORTestClass", "Secon") != nullptr; });
+    EXPECT_TRUE(error == ERROR_FILE_NOT_FOUND || (error != ERROR_SUCCESS && !OnTheLayer()));
     EXPECT_EQ(AllWindows(), (std::vector<HWND>{mine, third, second, first}));
     int seen = 0;
     const auto stopAtSecond = [](HWND, LPARAM count) -> BOOL { return ++*reinterpret_cast<int*>(count) < 2; };
@@ -125,7 +127,7 @@ TEST(Window, IsGoneWithItsThread) {
     for (const bool waits : {false, true}) {
         std::atomic<HWND> window{nullptr};
         const Owned thread = StartThread([&] {
-            window = MakeWindow("TVORTestClass");
+            window = MakeWindow();
             return waits ? RunMessageLoop() : 0;
         });
         ASSERT_TRUE(WaitUntil([&] { return window.load() != nullptr; }));
@@ -136,20 +138,19 @@ TEST(Window, IsGoneWithItsThread) {
         }
         EXPECT_EQ(Finish(thread), waits ? 1U : 0U);
         EXPECT_FALSE(IsWindow(window));
+        EXPECT_TRUE(UnregisterClassA("TVORTestClass", nullptr)) << "it has no windows left";
     }
 }
 
 // The procedure is told once, while the window still exists, and cannot destroy it a second time.
 TEST(Window, DestroyTellsTheProcedure) {
-    static int told;
-    told = 0;
+    static int told = 0;
     const auto procedure = [](HWND window, UINT message, WPARAM wParam, LPARAM lParam) -> LRESULT {
         told += message == WM_DESTROY && IsWindow(window) && (!OnTheLayer() || !DestroyWindow(window));
         return DefWindowProcA(window, message, wParam, lParam);
     };
-    const HWND window = MakeWindow("TVORTestClass", "", procedure);
-    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
-    EXPECT_FALSE(QueueIsEmpty());
+    const HWND window = MakeWindow("", procedure);
+    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0) && !QueueIsEmpty());
     EXPECT_TRUE(DestroyWindow(window));
     EXPECT_EQ(told, 1);
     EXPECT_TRUE(QueueIsEmpty()) << "its messages are gone with it";

@@ -1,0 +1,285 @@
+// The registry between processes and users, over a damaged store, and as text.
+#include "campaign.h"
+#include "kit.h"
+#include "memory_kit.h"
+#include "private_machine.h"
+#include "timings.h"
+
+#include <filesystem>
+#include <sys/stat.h>
+#include <winreg_text.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const HKEY kMachine = HKEY_LOCAL_MACHINE;
+
+std::string MachineStore() {
+    return PrivateDirectory() + "/state/registry/HKLM.sqlite";
+}
+
+} // namespace
+
+TEST(RegistryStore, ReadingCreatesNothing) {
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyExA(kMachine, "Software", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegDeleteKeyA(kMachine, "Software"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetValue(HKEY_CURRENT_USER, "v").status, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Export(kMachine), "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE]\r\n\r\n");
+    EXPECT_TRUE(NamesIn(OpenKey(kMachine, "", KEY_READ), kSubKeys).empty());
+    EXPECT_TRUE(fs::is_empty(PrivateDirectory() + "/state"));
+}
+
+CHILD_PROCESS(IsAnotherUser) {
+    if (!BecomeNobody()) return 1;
+    HKEY key = nullptr;
+    std::string said = GetValue(OpenKey(kMachine, "K", KEY_READ), "v").data;
+    for (const LSTATUS status :
+         {RegOpenKeyExA(kMachine, "K", 0, KEY_WRITE, &key), RegOpenKeyExA(kMachine, "K", 0, KEY_ALL_ACCESS, &key),
+          TryCreateKey(kMachine, "L", &key), RegDeleteKeyA(kMachine, "K"),
+          RegOpenKeyExA(kMachine, "K", 0, MAXIMUM_ALLOWED, &key), SetValue(key, "v", "2"),
+          // The user's own part is another's than root's, and may be written.
+          GetValue(HKEY_CURRENT_USER, "v").status, SetValue(HKEY_CURRENT_USER, "v", "mine")})
+        said += " " + std::to_string(status);
+    child.Say(said + ReadWholeFile(PrivateDirectory() + "/state/registry/users/0/HKCU.sqlite"));
+    child.Hear();
+    child.Say(GetValue(OpenKey(kMachine, "K", KEY_READ), "v").data);
+    return 0;
+}
+
+TEST_AS_ROOT(RegistryStore, AnotherUserReadsTheMachinesPartAndWritesItsOwn) {
+    umask(0777); // must not matter
+    SetValue(CreateKey(kMachine, "K"), "v", "first");
+    SetValue(HKEY_CURRENT_USER, "v", "root's");
+    ASSERT_NE(ReadWholeFile(PrivateDirectory() + "/state/registry/users/0/HKCU.sqlite"), "");
+    TestProcess other("IsAnotherUser");
+    EXPECT_EQ(other.Hear(), "first 5 5 5 5 0 5 2 0");
+    EXPECT_EQ(SetValue(OpenKey(kMachine, "K"), "v", "second"), ERROR_SUCCESS);
+    other.Tell("again");
+    EXPECT_EQ(other.Hear(), "second");
+    EXPECT_EQ(GetValue(HKEY_CURRENT_USER, "v").data, "root's");
+}
+
+// Sets two values to the same number, over and over, both in one change, from two threads.
+CHILD_PROCESS(WritesPairs) {
+    const auto write = [&]() -> DWORD {
+        for (int number = 0;; ++number) {
+            const std::string text = std::to_string(number % 10);
+            if (Import("REGEDIT4\n[HKLM\\Pair]\n\"a\"=dword:" + text + "\n\"b\"=dword:" + text + "\n")) return 1;
+            HKEY own = CreateKey(kMachine, "Own\\" + child.arguments[0]);
+            if (SetValue(own, text, text) != ERROR_SUCCESS || GetValue(own, text).data != text) return 2;
+            RegCloseKey(own);
+        }
+    };
+    child.Say("writing");
+    const HANDLE threads[] = {StartThread(write), StartThread(write)};
+    return static_cast<int>(1 + WaitForMultipleObjects(2, threads, FALSE, INFINITE));
+}
+
+TEST(RegistryCampaign, ChangesAreWholeWhoeverIsKilled) {
+    TestProcess steady("WritesPairs", {"steady"});
+    steady.Hear();
+    KillStorm("WritesPairs", "victim", Rounds(25, 2000), [] {
+        const std::string text = Export(CreateKey(kMachine, "Pair"));
+        const size_t a = text.find("\"a\"=dword:"), b = text.find("\"b\"=dword:");
+        ASSERT_TRUE(a == b || text.substr(a + 4, 14) == text.substr(b + 4, 14)) << text;
+    });
+    EXPECT_TRUE(steady.Running()); // no change of its own failed meanwhile
+    EXPECT_FALSE(NamesIn(OpenKey(kMachine, "Own\\steady"), kValues).empty());
+}
+
+TEST(RegistryStore, ThatIsHeldIsBusyNotWaitedForEndlessly) {
+    HKEY key = CreateKey(kMachine, "K");
+    TestProcess holder("HoldsAFile", {MachineStore()});
+    ASSERT_EQ(holder.Hear(), "held");
+    oriel::g_timings.registryBusy = 100;
+    const double begin = NowMs();
+    EXPECT_EQ(SetValue(key, "v", "1"), ERROR_BUSY);
+    EXPECT_GE(NowMs() - begin, 99);
+    EXPECT_LT(NowMs() - begin, 4000);
+    holder.Kill();
+    EXPECT_EQ(SetValue(key, "v", "1"), ERROR_SUCCESS);
+    EXPECT_EQ(RunForked([] { // a fork child goes on by itself
+                  HKEY own = OpenKey(kMachine, "K");
+                  return GetValue(own, "v").data == "1" && SetValue(own, "v", "2") == ERROR_SUCCESS ? 7 : 1;
+              }),
+              7);
+    EXPECT_EQ(GetValue(OpenKey(kMachine, "K"), "v").data, "2");
+}
+
+TEST(RegistryCampaign, DamageIsToldAndNeverTakenForData) {
+    for (int number = 0; number < 60; ++number)
+        SetValue(CreateKey(kMachine, "Software\\Key " + std::to_string(number)), "value",
+                 std::string(static_cast<size_t>(number) * 100, static_cast<char>('a' + number % 26)));
+    const std::string text = Export(kMachine), sound = ReadWholeFile(MachineStore());
+    ASSERT_GT(sound.size(), 100000U);
+    std::mt19937_64 random(Seed());
+    int told = 0;
+    const int rounds = Rounds(300, 20000);
+    for (int round = 0; round < rounds; ++round) {
+        // Half of them in the first page, which says what the others are.
+        const size_t whole = round % 10 == 0 ? 1 + random() % (sound.size() - 1) : sound.size();
+        ReplaceFile(MachineStore(), Damaged(sound.substr(0, whole), random, round % 2 == 0 ? whole : 4096));
+        const std::string result = Export(kMachine);
+        ASSERT_TRUE(result == text || result == std::to_string(ERROR_BADDB)) << "round " << round << ": " << result;
+        told += result != text;
+        HKEY key = nullptr;
+        if (RegOpenKeyExA(kMachine, "Software\\Key 59", 0, KEY_READ, &key) == ERROR_SUCCESS) {
+            const Value value = GetValue(key, "value");
+            ASSERT_TRUE(value.status == ERROR_BADDB || value.data == std::string(5900, 'h')) << "round " << round;
+            RegCloseKey(key);
+        }
+        const LSTATUS written = SetValue(kMachine, "new", "1");
+        ASSERT_TRUE(written == ERROR_SUCCESS || written == ERROR_BADDB) << "round " << round << ": " << written;
+    }
+    EXPECT_GT(told, rounds / 2);
+    ReplaceFile(MachineStore(), sound);
+    EXPECT_EQ(Export(kMachine), text);
+}
+
+TEST(RegistryStore, ThatIsNoneIsRefused) {
+    SetValue(CreateKey(kMachine, "K"), "v", "1");
+    const std::string elsewhere = PrivateDirectory() + "/elsewhere";
+    ReplaceFile(elsewhere, ReadWholeFile(MachineStore()));
+    for (const Plant plant : kPlants) {
+        ASSERT_TRUE(PlantInPlace(MachineStore(), plant, elsewhere));
+        EXPECT_EQ(GetValue(kMachine, "v").status, ERROR_BADDB) << static_cast<int>(plant);
+        EXPECT_EQ(SetValue(kMachine, "v", "2"), ERROR_BADDB) << static_cast<int>(plant);
+    }
+    ReplaceFile(MachineStore(), "text, and no database at all");
+    EXPECT_EQ(SetValue(kMachine, "v", "2"), ERROR_BADDB);
+    EXPECT_EQ(ReadWholeFile(MachineStore()), "text, and no database at all");
+    fs::remove(MachineStore()); // gone altogether: an empty registry again
+    EXPECT_EQ(GetValue(kMachine, "v").status, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(SetValue(kMachine, "v", "3"), ERROR_SUCCESS);
+}
+
+TEST(RegistryText, EveryFormIsRead) {
+    ASSERT_EQ(Import("REGEDIT4\r\n"
+                     "; a comment\r\n"
+                     "\r\n"
+                     "[HKEY_LOCAL_MACHINE\\Soft[ware]\\Forms]\r\n"
+                     "@=\"default\"\r\n"
+                     "\"text \\\\ \\\"quoted\\\"\"=\"C:\\\\Dir\\\\\" ; behind\r\n"
+                     "\"lines\"=\"one\r\ntwo\"\r\n"
+                     "\"word\" = DWORD:2A\r\n"
+                     "\"bytes\"=hex:00, 1,FF,\\\r\n  02,\\ \r\n\t03\r\n"
+                     "\"none\"=hex(0):\r\n"
+                     "\"multi\"=hex(7):61,00,00\r\n"
+                     "\"gone\"=dword:1\r\n\"gone\"=-\r\n"
+                     "\"never there\"=-\r\n"
+                     "[HKCU\\Other]\n\"v\"=hex(a0000001):01\n"
+                     "[HKLM\\Tree\\Below]\n[-HKLM\\TREE]\n[-HKLM\\Not\\There]"),
+              ERROR_SUCCESS);
+    EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "soft[ware]"), "REGEDIT4\r\n\r\n"
+                                                        "[HKEY_LOCAL_MACHINE\\Soft[ware]]\r\n\r\n"
+                                                        "[HKEY_LOCAL_MACHINE\\Soft[ware]\\Forms]\r\n"
+                                                        "@=\"default\"\r\n"
+                                                        "\"text \\\\ \\\"quoted\\\"\"=\"C:\\\\Dir\\\\\"\r\n"
+                                                        "\"lines\"=hex(1):6f,6e,65,0d,0a,74,77,6f,00\r\n"
+                                                        "\"word\"=dword:0000002a\r\n"
+                                                        "\"bytes\"=hex:00,01,ff,02,03\r\n"
+                                                        "\"none\"=hex(0):\r\n"
+                                                        "\"multi\"=hex(7):61,00,00\r\n\r\n");
+    const std::string user = "REGEDIT4\r\n\r\n[HKEY_CURRENT_USER]\r\n\r\n"
+                             "[HKEY_CURRENT_USER\\Other]\r\n\"v\"=hex(a0000001):01\r\n\r\n";
+    EXPECT_EQ(Export(HKEY_CURRENT_USER), user);
+    EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "Tree"), std::to_string(ERROR_FILE_NOT_FOUND));
+    char few[10];
+    SIZE_T room = sizeof few;
+    EXPECT_EQ(RegExportTextA(HKEY_CURRENT_USER, nullptr, few, &room), ERROR_MORE_DATA);
+    EXPECT_EQ(room, user.size());
+    EXPECT_EQ(RegImportTextA(nullptr, 1, nullptr), ERROR_INVALID_PARAMETER);
+}
+
+TEST(RegistryText, UnicodeTextBecomesTheCodePages) {
+    const std::string utf8 = "Windows Registry Editor Version 5.00\r\n"
+                             "[HKEY_LOCAL_MACHINE\\Caf\xc3\xa9]\r\n"
+                             "\"na\xc3\xafve\"=\"\xe2\x82\xac\"\r\n"            // euro
+                             "\"e\"=hex(2):ac,20,00,00\r\n\"b\"=hex:ac,20\r\n"; // the same in UTF-16; bytes
+    std::string utf16 = "\xff\xfe";
+    for (size_t at = 0; at < utf8.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(utf8[at]);
+        if (byte == 0xe2)
+            utf16 += "\xac\x20", at += 2;
+        else
+            utf16 += {byte == 0xc3 ? static_cast<char>(utf8[++at] | 0x40) : utf8[at], '\0'};
+    }
+    for (const std::string& text : {"\xef\xbb\xbf" + utf8, utf16}) {
+        ASSERT_EQ(Import(text), ERROR_SUCCESS);
+        EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "Caf\xe9"),
+                  "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Caf\xe9]\r\n\"na\xefve\"=\"\x80\"\r\n"
+                  "\"e\"=hex(2):80,00\r\n\"b\"=hex:ac,20\r\n\r\n");
+        ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Caf\xe9]"), ERROR_SUCCESS);
+    }
+}
+
+TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
+    const std::string good = "REGEDIT4\n[HKLM\\K]\n\"first\"=dword:1\n[HKCU\\K]\n";
+    const std::string wide = "Windows Registry Editor Version 5.00\n[HKLM\\K]\n";
+    const std::pair<std::string, DWORD> rows[] = {
+        {"", 1},
+        {"REGEDIT4\n\"v\"=dword:1\n", 2},
+        {"REGEDIT4\n[-HKLM\\K]\n\"v\"=dword:1\n", 3},
+        {good + "[HKEY_USERS\\K]\n", 5},
+        {good + "[HKLM\\\\K]\n", 5}, // a path that starts with a backslash
+        {good + "[HKLM\\" + std::string(256, 'k') + "]\n", 5},
+        {good + "\"v\"=\"text\" more\n", 5},
+        {good + "\"v\"=\"C:\\Dir\"\n", 5},
+        {good + "\n\"v\"=\"never\nended", 6},
+        {good + "\"v\"=dword:123456789\n", 5},
+        {good + "\"v\"=hex:1,\\\n2,\\\nxx\n", 7},
+        {good + "\"" + std::string(16384, 'n') + "\"=dword:1\n", 5},
+        {good + std::string("\"v\"=\"a\0b\"\n", 10), 5},
+        {wide + "\"v\"=\"\xff\"\n", 3},         // no UTF-8
+        {wide + "\"v\"=\"\xe6\xbc\xa2\"\n", 3}, // not in the code page
+        {wide + "\"v\"=hex(1):41,00,00\n", 3},  // half a character
+    };
+    for (const auto& [text, told] : rows) {
+        DWORD line = 0xffff;
+        EXPECT_EQ(Import(text, &line), ERROR_BAD_FORMAT) << text;
+        EXPECT_EQ(line, told) << text;
+    }
+    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER})
+        EXPECT_EQ(Export(root, "K"), std::to_string(ERROR_FILE_NOT_FOUND));
+}
+
+// What is written as text and read back has the same keys and values.
+TEST(RegistryTextCampaign, WhatIsExportedImportsToTheSame) {
+    std::mt19937_64 random(Seed());
+    const auto text = [&random](size_t length, bool name) {
+        std::string result;
+        while (result.size() < length) {
+            const char c = static_cast<char>(random() % 4 == 0 ? random() % 256 : "aB\\\"=]-;\n@\r"[random() % 11]);
+            if (!name || c != '\0') result += c;
+        }
+        return result;
+    };
+    const auto valuesOf = [](HKEY key) {
+        std::vector<Value> values;
+        for (const std::string& name : NamesIn(key, kValues))
+            values.push_back(GetValue(key, name));
+        return values;
+    };
+    const DWORD types[] = {REG_NONE, REG_SZ, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, REG_QWORD, 77};
+    for (int round = Rounds(150, 8000); round > 0; --round) {
+        std::string path = "Round";
+        for (uint64_t keys = 1 + random() % 3; keys > 0; --keys) { // each below the one before
+            for (path += '\\'; path.back() < ' ' || path.back() == '\\';)
+                path += static_cast<char>(random() % 2 == 0 ? '!' + random() % 59 : 0xa1 + random() % 94);
+            HKEY key = CreateKey(HKEY_LOCAL_MACHINE, path);
+            for (uint64_t values = random() % 4; values > 0; --values) {
+                const std::string data = text(random() % 60, false) + std::string(random() % 2, '\0');
+                ASSERT_EQ(SetValue(key, text(random() % 8, true), data, types[random() % std::size(types)]), 0);
+            }
+        }
+        const std::string first = Export(HKEY_LOCAL_MACHINE, "Round");
+        const std::vector<Value> before = valuesOf(OpenKey(HKEY_LOCAL_MACHINE, path));
+        ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Round]\n"), ERROR_SUCCESS);
+        ASSERT_EQ(Import(first), ERROR_SUCCESS) << first;
+        ASSERT_EQ(valuesOf(OpenKey(HKEY_LOCAL_MACHINE, path)), before) << first;
+        ASSERT_EQ(Export(HKEY_LOCAL_MACHINE, "Round"), first);
+        ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Round]\n"), ERROR_SUCCESS);
+    }
+}

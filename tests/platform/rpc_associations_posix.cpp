@@ -1,3 +1,0 @@
-#include "rpc_kit.h"
-
-void NeedsAssociations() {}
