@@ -9,6 +9,7 @@ bool OnTheLayer();
 // Ends the test as skipped where Windows answers, which has no form of this.
 void NeedsTheLayer(const char* forWhat);
 
-// Windows only. Ends the test as skipped. In a process that a test started it ends that process with a code of its own,
-// and the test that hears of it.
+// Windows only. Ends the process, in which one test runs, as if that were skipped. A process that a test started ends
+// the test that hears of it.
+inline constexpr char kNotHereText[] = "not on this system: Skipped";
 [[noreturn]] void NotHere(const std::string& what);

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -39,17 +41,6 @@ RegisterChild::RegisterChild(const char* name, ChildProcedure procedure) {
     ChildProcedures()[name] = procedure;
 }
 
-RegisterRootTest::RegisterRootTest(const char* suite, const char* name, const char* file, int line, void (*body)()) {
-    struct Test : testing::Test {
-        explicit Test(void (*body)()) : m_body(body) {}
-        void TestBody() override { m_body(); }
-        void (*m_body)();
-    };
-    if (!RunsAsRoot()) return;
-    testing::RegisterTest(suite, name, nullptr, nullptr, file, line,
-                          [body]() -> testing::Test* { return new Test(body); });
-}
-
 TestProcess::TestProcess(const std::string& child, const std::vector<std::string>& arguments,
                          const Environment& environment) {
     std::vector<std::string> all{"--child=" + child};
@@ -64,20 +55,76 @@ TestProcess TestProcess::Program(const std::string& path, const std::vector<std:
     return process;
 }
 
-TestProcess::TestProcess(TestProcess&& other) noexcept {
-    *this = std::move(other);
+TestProcess::~TestProcess() {
+    if (m.process != -1 && !m.ended) Kill();
+    if (testing::Test::HasFailure() && m.err != -1 && !Errors().empty())
+        std::fprintf(stderr, "--- standard error of process %u:\n%s", m.id, m.errors.c_str());
+    for (int* stream : {&m.in, &m.out, &m.err})
+        Close(*stream);
 }
 
-TestProcess& TestProcess::operator=(TestProcess&& other) noexcept {
-    m_pid = std::exchange(other.m_pid, -1);
-    m_in = std::exchange(other.m_in, -1);
-    m_out = std::exchange(other.m_out, -1);
-    m_err = std::exchange(other.m_err, -1);
-    m_buffer = std::move(other.m_buffer);
-    m_errors = std::move(other.m_errors);
-    m_ended = std::exchange(other.m_ended, true);
-    m_exitCode = other.m_exitCode;
-    return *this;
+std::string TestProcess::Hear(int timeoutMs) {
+    const double deadline = NowMs() + timeoutMs;
+    for (bool open = true;;) {
+        const size_t end = m.heard.find('\n');
+        if (end != std::string::npos) {
+            const std::string line = m.heard.substr(0, end);
+            m.heard.erase(0, end + 1);
+            if (line == kNotHereText) NeedsTheLayer(Hear().c_str());
+            return line;
+        }
+        if (!open || NowMs() > deadline) {
+            ADD_FAILURE() << "process " << m.id << (open ? " said nothing in time" : " closed its output")
+                          << " after: " << m.heard << "\n"
+                          << Errors();
+            return {};
+        }
+        open = Take(m.out, m.heard, 10);
+    }
+}
+
+void TestProcess::Tell(const std::string& line) {
+    EXPECT_TRUE(Give(m.in, line + "\n")) << "process " << m.id << " takes no input";
+}
+
+std::string TestProcess::Ask(const std::string& line) {
+    Tell(line);
+    return Hear();
+}
+
+void TestProcess::End(const std::string& line) {
+    Tell(line);
+    EXPECT_EQ(Wait(), 0) << Errors();
+}
+
+std::string TestProcess::HearAll(int timeoutMs) {
+    const double deadline = NowMs() + timeoutMs;
+    while (Take(m.out, m.heard, 10)) {
+        Errors(); // so that it can write more
+        if (NowMs() < deadline) continue;
+        ADD_FAILURE() << "process " << m.id << " still runs after " << timeoutMs << " ms";
+        break;
+    }
+    return std::exchange(m.heard, {});
+}
+
+std::string TestProcess::Errors() {
+    for (size_t before = m.errors.size() + 1; before != m.errors.size();) {
+        before = m.errors.size();
+        Take(m.err, m.errors, 0);
+    }
+    return m.errors;
+}
+
+void TestProcess::Kill() {
+    KillOnly();
+    Wait();
+}
+
+int TestProcess::Wait(int timeoutMs) {
+    if (WaitUntil([this] { return !Running(); }, timeoutMs)) return m.exitCode;
+    ADD_FAILURE() << "process " << m.id << " still runs after " << timeoutMs << " ms";
+    return -1;
 }
 
 ProgramResult RunProgram(const std::string& path, const std::vector<std::string>& arguments,
@@ -89,6 +136,14 @@ ProgramResult RunProgram(const std::string& path, const std::vector<std::string>
     result.exitCode = process.Wait();
     result.errors = process.Errors();
     return result;
+}
+
+double NowMs() {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+void PauseMs(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 const std::string& PrivateDirectory() {
@@ -121,6 +176,10 @@ int main(int argc, char** argv) {
         return procedure->second(child);
     }
     testing::InitGoogleTest(&argc, argv);
+    if (!RunsAsRoot()) {
+        std::string& filter = testing::GTEST_FLAG(filter);
+        filter += filter.find('-') == std::string::npos ? "-*AsRoot" : ":*AsRoot";
+    }
     if (testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
     g_privateDirectory = MakePrivateMachine();
     const int result = RUN_ALL_TESTS();

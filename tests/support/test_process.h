@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct Child {
@@ -49,42 +50,57 @@ public:
                                const Environment& environment = {});
     // One that another process started; its streams are not at hand. Windows only.
     static TestProcess Adopted(unsigned id);
-    TestProcess(TestProcess&& other) noexcept;
-    TestProcess& operator=(TestProcess&& other) noexcept;
+    TestProcess(TestProcess&& other) noexcept { std::swap(m, other.m); }
+    TestProcess& operator=(TestProcess&& other) noexcept {
+        std::swap(m, other.m);
+        return *this;
+    }
     ~TestProcess(); // kills what still runs, and waits for it
 
-    unsigned Id() const;
+    unsigned Id() const { return m.id; }
     bool Running();
     size_t ResidentBytes() const; // of its memory; fails the test when the system does not tell
     // One line of its standard output, without the newline. Fails the test after the deadline.
     std::string Hear(int timeoutMs = 20000);
     void Tell(const std::string& line);
-    void CloseInput();
+    // Its answer, one line.
+    std::string Ask(const std::string& line);
+    // Tells it to end, and fails the test unless it ends well.
+    void End(const std::string& line = "end");
+    void CloseInput() { Close(m.in); }
     // The rest of what it prints, until it closes its standard output.
     std::string HearAll(int timeoutMs = 60000);
     std::string Errors(); // what it wrote to standard error so far
-    void Kill();          // SIGKILL, and waits until it is gone
-    void KillOnly();      // SIGKILL, not waited for
-    void Terminate();     // SIGTERM
-    void Interrupt();     // SIGINT
-    void Stop();          // SIGSTOP, and waits until it stands still
-    void Continue();
+    void Kill();          // and waits until it is gone
+    void KillOnly() { Signal(9); }
+    void Terminate() { Signal(15); }
+    void Interrupt() { Signal(2); }
+    void Stop() { Signal(19); } // and waits until it stands still
+    void Continue() { Signal(18); }
     // Its exit code; 128 + the signal's number when one ended it. Fails the test after the deadline.
     int Wait(int timeoutMs = 60000);
 
 private:
     TestProcess() = default;
+    // These differ between the systems. Descriptors; on Windows handles, of which 32 bits count.
     void Start(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment);
-    void Ended(int status); // as wait(2) tells it
+    static bool Give(int stream, const std::string& text);
+    // Appends what has come, for which it waits as long. False once the other side has closed and all is read.
+    static bool Take(int stream, std::string& text, int waitMs);
+    static void Close(int& stream);
+    void Signal(int number); // as Linux numbers them
 
-    int m_pid = -1; // on Windows this and the next three are handles, of which 32 bits count
-    int m_in = -1;
-    int m_out = -1;
-    int m_err = -1;
-    std::string m_buffer;
-    std::string m_errors;
-    bool m_ended = false;
-    int m_exitCode = -1;
+    struct {
+        int process = -1;
+        unsigned id = 0;
+        int in = -1;
+        int out = -1;
+        int err = -1;
+        bool ended = true;
+        int exitCode = -1;
+        std::string heard;
+        std::string errors;
+    } m;
 };
 
 // Runs a program to its end.
@@ -100,25 +116,15 @@ ProgramResult RunProgram(const std::string& path, const std::vector<std::string>
 bool RunsAsRoot();
 
 // A test that acts as other users. It exists for root only; nobody else sees it listed, so it is never skipped.
-struct RegisterRootTest {
-    RegisterRootTest(const char* suite, const char* name, const char* file, int line, void (*body)());
-};
-#define TEST_AS_ROOT(suite, name)                                                                                      \
-    static void suite##_##name##_AsRoot();                                                                             \
-    static const RegisterRootTest suite##_##name##_Registration(#suite, #name, __FILE__, __LINE__,                     \
-                                                                suite##_##name##_AsRoot);                              \
-    static void suite##_##name##_AsRoot()
-
-// Waits until the condition holds, at most for the time given. True when it held.
-template <typename Condition>
-bool WaitUntil(Condition condition, int timeoutMs = 10000);
+#define TEST_AS_ROOT(suite, name) TEST(suite, name##AsRoot)
 
 // Milliseconds of the monotonic clock.
 double NowMs();
 void PauseMs(int milliseconds);
 
+// Waits until the condition holds, at most for the time given. True when it held.
 template <typename Condition>
-bool WaitUntil(Condition condition, int timeoutMs) {
+bool WaitUntil(Condition condition, int timeoutMs = 10000) {
     const double deadline = NowMs() + timeoutMs;
     while (!condition()) {
         if (NowMs() > deadline) return false;

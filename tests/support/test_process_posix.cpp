@@ -10,210 +10,86 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 extern char** environ;
 
-namespace {
-
-void CloseDescriptor(int& descriptor) {
-    if (descriptor >= 0) close(descriptor);
-    descriptor = -1;
-}
-
-} // namespace
-
 void TestProcess::Start(const std::string& path, const std::vector<std::string>& arguments,
                         const Environment& environment) {
-    int in[2];
-    int out[2];
-    int err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe: " << std::strerror(errno);
-        return;
-    }
-    std::vector<char*> argv{const_cast<char*>(path.c_str())};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    std::vector<std::string> words{path};
+    if (!environment.empty()) words[0] = "/usr/bin/env";
+    for (const auto& [name, value] : environment)
+        words.push_back(name + "=" + value);
+    if (!environment.empty()) words.push_back(path);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
     argv.push_back(nullptr);
 
-    std::vector<std::string> variables;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string name(*entry, std::strcspn(*entry, "="));
-        if (!environment.contains(name)) variables.emplace_back(*entry);
-    }
-    for (const auto& [name, value] : environment)
-        variables.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (std::string& variable : variables)
-        envp.push_back(variable.data());
-    envp.push_back(nullptr);
-
+    int pipes[3][2];
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), envp.data());
+    for (int stream = 0; stream < 3; ++stream) {
+        EXPECT_EQ(pipe2(pipes[stream], O_CLOEXEC), 0) << std::strerror(errno);
+        posix_spawn_file_actions_adddup2(&actions, pipes[stream][stream != 0], stream);
+    }
+    const int error = posix_spawn(&m.process, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    m_in = in[1];
-    m_out = out[0];
-    m_err = err[0];
-    fcntl(m_err, F_SETFL, O_NONBLOCK);
-    if (error != 0) {
-        ADD_FAILURE() << path << ": " << std::strerror(error);
-        m_ended = true;
-        return;
-    }
-    m_pid = pid;
+    m.in = pipes[0][1];
+    m.out = pipes[1][0];
+    m.err = pipes[2][0];
+    for (int stream = 0; stream < 3; ++stream)
+        close(pipes[stream][stream != 0]);
+    EXPECT_EQ(error, 0) << path << ": " << std::strerror(error);
+    m.ended = error != 0;
+    m.id = static_cast<unsigned>(m.process);
 }
 
-TestProcess::~TestProcess() {
-    if (m_pid > 0 && !m_ended) Kill();
-    if (testing::Test::HasFailure() && m_err >= 0) {
-        const std::string errors = Errors();
-        if (!errors.empty()) std::fprintf(stderr, "--- standard error of process %d:\n%s", m_pid, errors.c_str());
-    }
-    CloseDescriptor(m_in);
-    CloseDescriptor(m_out);
-    CloseDescriptor(m_err);
+bool TestProcess::Give(int stream, const std::string& text) {
+    return write(stream, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-unsigned TestProcess::Id() const {
-    return static_cast<unsigned>(m_pid);
+bool TestProcess::Take(int stream, std::string& text, int waitMs) {
+    pollfd ready{stream, POLLIN, 0};
+    if (poll(&ready, 1, waitMs) <= 0) return true;
+    char bytes[4096];
+    const ssize_t count = read(stream, bytes, sizeof bytes);
+    if (count > 0) text.append(bytes, static_cast<size_t>(count));
+    return count > 0;
+}
+
+void TestProcess::Close(int& stream) {
+    if (stream >= 0) close(stream);
+    stream = -1;
 }
 
 size_t TestProcess::ResidentBytes() const {
-    FILE* file = std::fopen(("/proc/" + std::to_string(Id()) + "/status").c_str(), "r");
-    char line[256];
-    size_t kibibytes = 0;
-    while (file && std::fgets(line, sizeof line, file))
-        std::sscanf(line, "VmRSS: %zu", &kibibytes);
-    if (file) std::fclose(file);
-    EXPECT_GT(kibibytes, 0u) << "process " << Id();
-    return kibibytes * 1024;
+    std::ifstream file("/proc/" + std::to_string(m.id) + "/statm");
+    size_t pages = 0;
+    EXPECT_TRUE(file >> pages >> pages && pages > 0) << "process " << m.id;
+    return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
 bool TestProcess::Running() {
-    if (m_ended || m_pid <= 0) return false;
     int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid) Ended(status);
-    return !m_ended;
+    if (m.ended || waitpid(m.process, &status, WNOHANG) != m.process) return !m.ended;
+    m.ended = true;
+    m.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return false;
 }
 
-void TestProcess::Ended(int status) {
-    m_ended = true;
-    m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string TestProcess::Hear(int timeoutMs) {
-    const double deadline = NowMs() + timeoutMs;
-    for (;;) {
-        const size_t end = m_buffer.find('\n');
-        if (end != std::string::npos) {
-            const std::string line = m_buffer.substr(0, end);
-            m_buffer.erase(0, end + 1);
-            return line;
-        }
-        pollfd ready{m_out, POLLIN, 0};
-        const double left = deadline - NowMs();
-        if (left <= 0 || poll(&ready, 1, static_cast<int>(left) + 1) <= 0) {
-            if (NowMs() < deadline) continue;
-            ADD_FAILURE() << "process " << m_pid << " said nothing within " << timeoutMs << " ms";
-            return {};
-        }
-        char bytes[4096];
-        const ssize_t count = read(m_out, bytes, sizeof bytes);
-        if (count <= 0) {
-            ADD_FAILURE() << "process " << m_pid << " closed its output after: " << m_buffer << "\n" << Errors();
-            return {};
-        }
-        m_buffer.append(bytes, static_cast<size_t>(count));
-    }
-}
-
-void TestProcess::Tell(const std::string& line) {
-    const std::string text = line + "\n";
-    if (write(m_in, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        ADD_FAILURE() << "process " << m_pid << " takes no input";
-}
-
-void TestProcess::CloseInput() {
-    CloseDescriptor(m_in);
-}
-
-std::string TestProcess::HearAll(int timeoutMs) {
-    const double deadline = NowMs() + timeoutMs;
-    for (;;) {
-        pollfd ready[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
-        const double left = deadline - NowMs();
-        if (left <= 0) {
-            ADD_FAILURE() << "process " << m_pid << " still runs after " << timeoutMs << " ms";
-            break;
-        }
-        if (poll(ready, 2, static_cast<int>(left) + 1) < 0 && errno != EINTR) break;
-        if (ready[1].revents != 0) Errors();
-        if (ready[0].revents == 0) continue;
-        char bytes[4096];
-        const ssize_t count = read(m_out, bytes, sizeof bytes);
-        if (count <= 0) break;
-        m_buffer.append(bytes, static_cast<size_t>(count));
-    }
-    return std::exchange(m_buffer, {});
-}
-
-std::string TestProcess::Errors() {
-    char bytes[4096];
-    ssize_t count = 0;
-    while ((count = read(m_err, bytes, sizeof bytes)) > 0)
-        m_errors.append(bytes, static_cast<size_t>(count));
-    return m_errors;
-}
-
-void TestProcess::Kill() {
-    KillOnly();
-    Wait();
-}
-
-void TestProcess::KillOnly() {
-    if (!m_ended) kill(m_pid, SIGKILL);
-}
-
-void TestProcess::Terminate() {
-    kill(m_pid, SIGTERM);
-}
-
-void TestProcess::Interrupt() {
-    kill(m_pid, SIGINT);
-}
-
-void TestProcess::Stop() {
-    kill(m_pid, SIGSTOP);
-    int status = 0;
-    if (waitpid(m_pid, &status, WUNTRACED) == m_pid && !WIFSTOPPED(status)) Ended(status); // it was faster
-}
-
-void TestProcess::Continue() {
-    if (!m_ended) kill(m_pid, SIGCONT);
-}
-
-int TestProcess::Wait(int timeoutMs) {
-    if (!WaitUntil([this] { return !Running(); }, timeoutMs)) {
-        ADD_FAILURE() << "process " << m_pid << " still runs after " << timeoutMs << " ms";
-        return -1;
-    }
-    return m_exitCode;
+void TestProcess::Signal(int number) {
+    if (m.ended) return;
+    kill(m.process, number);
+    siginfo_t information; // it may have ended before it was stopped
+    if (number == SIGSTOP) waitid(P_PID, m.id, &information, WSTOPPED | WEXITED | WNOWAIT);
 }
 
 bool OnTheLayer() {
@@ -224,17 +100,6 @@ void NeedsTheLayer(const char*) {}
 
 bool RunsAsRoot() {
     return geteuid() == 0;
-}
-
-double NowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
-}
-
-void PauseMs(int milliseconds) {
-    const timespec pause{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    nanosleep(&pause, nullptr);
 }
 
 std::string OwnProgram() {

@@ -25,13 +25,8 @@ sockaddr_un Address(const std::string& endpoint) {
 }
 
 bool WaitFor(int descriptor, int timeoutMs) {
-    const double deadline = NowMs() + timeoutMs;
-    for (;;) {
-        pollfd ready{descriptor, POLLIN, 0};
-        const int count = poll(&ready, 1, static_cast<int>(std::max(deadline - NowMs(), 0.0)) + 1);
-        if (count > 0) return true;
-        if (count == 0 || errno != EINTR) return false;
-    }
+    pollfd ready{descriptor, POLLIN, 0};
+    return poll(&ready, 1, timeoutMs) > 0;
 }
 
 } // namespace
@@ -51,27 +46,19 @@ UnixStream::UnixStream(const std::string& endpoint) : m_descriptor(socket(AF_UNI
 UnixStream::UnixStream(UnixStream&& other) noexcept : m_descriptor(std::exchange(other.m_descriptor, -1)) {}
 
 bool UnixStream::Send(const Bytes& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t count = send(m_descriptor, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        sent += static_cast<size_t>(count);
-    }
-    return true;
+    ssize_t count = 0;
+    for (size_t sent = 0; sent < bytes.size() && count >= 0; sent += static_cast<size_t>(std::max<ssize_t>(count, 0)))
+        count = send(m_descriptor, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    return count >= 0;
 }
 
 Bytes UnixStream::Receive(size_t count, int timeoutMs) {
     Bytes bytes(count);
     size_t received = 0;
-    while (received < count) {
-        if (!WaitFor(m_descriptor, timeoutMs)) {
-            ADD_FAILURE() << "nothing came within " << timeoutMs << " ms, after " << received << " bytes";
-            break;
-        }
-        const ssize_t more = recv(m_descriptor, bytes.data() + received, count - received, 0);
-        if (more <= 0) break;
-        received += static_cast<size_t>(more);
+    for (ssize_t more = 1; received < count && more > 0; received += static_cast<size_t>(std::max<ssize_t>(more, 0))) {
+        const bool came = WaitFor(m_descriptor, timeoutMs);
+        EXPECT_TRUE(came) << "nothing came within " << timeoutMs << " ms, after " << received << " bytes";
+        more = came ? recv(m_descriptor, bytes.data() + received, count - received, 0) : 0;
     }
     bytes.resize(received);
     return bytes;
@@ -92,11 +79,9 @@ void UnixStream::EndSending() {
 
 Bytes UnixStream::ReceiveAll(int timeoutMs) {
     Bytes all;
-    for (;;) {
-        const Bytes next = Receive(1, timeoutMs);
-        if (next.empty()) return all;
+    for (Bytes next; !(next = Receive(1, timeoutMs)).empty();)
         all.push_back(next[0]);
-    }
+    return all;
 }
 
 bool UnixStream::PeerCloses(int timeoutMs) {
