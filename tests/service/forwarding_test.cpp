@@ -8,24 +8,12 @@
 
 namespace {
 
-HANDLE MailboxEvent(const std::string& database) {
-    // The emulated system is one with Terminal Services.
-    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE,
-                                    VariableEventName(true, database, kForwardMailbox, VariableSignal::Updated).text);
-    EXPECT_NE(event, nullptr);
-    return event;
+DWORD MailboxId(const Database& database) {
+    return database.NumberIn(kForwardMailbox);
 }
 
-ForwardedRequest Mailbox(DWORD handle) {
-    const Bytes value = ValueOf(handle, kForwardMailbox);
-    return {U32At(value, 0), U32At(value, 4)};
-}
-
-LONG WriteAnswer(DWORD handle, DWORD id, LONG result) {
-    Bytes answer = Number(id);
-    const Bytes second = Number(static_cast<DWORD>(result));
-    answer.insert(answer.end(), second.begin(), second.end());
-    return WriteVariable(handle, kForwardAnswer, answer);
+LONG WriteAnswer(const Database& database, DWORD id, LONG result) {
+    return database.Write(kForwardAnswer, Number(id) + Number(static_cast<DWORD>(result)));
 }
 
 // What the printer side of a printer answers to a request of a kind.
@@ -39,81 +27,79 @@ LONG ResultFor(size_t printer, DWORD kind) {
 CHILD_PROCESS(ServesForwardedRequests) {
     const size_t printer = std::strtoul(child.arguments[0].c_str(), nullptr, 10);
     unsigned long silent = std::strtoul(child.arguments[1].c_str(), nullptr, 10);
-    DWORD handle = 0;
-    if (OpenDatabase(DatabaseOf(printer), &handle) != kDone) return 1;
-    for (const char* name : {kForwardMailbox, kForwardAnswer}) {
-        const LONG status = CreateVariable(handle, name, kTypeRecord, Bytes(8));
-        if (status != kDone && status != kVariableExists) return 1;
-    }
-    if (WatchVariable(handle, kForwardMailbox, kEveryWrite) != kDone) return 1;
-    const HANDLE event = MailboxEvent(DatabaseOf(printer));
+    Database database;
+    if (database.Open(DatabaseOf(printer)) != kDone) return 1;
+    for (const char* name : {kForwardMailbox, kForwardAnswer})
+        database.Add(name, kTypeRecord, Bytes(8)); // or it is there
+    if (database.Watch(kForwardMailbox, kEveryWrite) != kDone) return 1;
+    // The emulated system is one with Terminal Services.
+    const KernelName event = VariableEventName(true, DatabaseOf(printer), kForwardMailbox, VariableSignal::Updated);
+    const HANDLE posted = OpenEventA(SYNCHRONIZE, FALSE, event.text);
     child.Say("serving");
     for (DWORD last = 0;;) {
-        const ForwardedRequest request = Mailbox(handle);
-        if (request.id == last || request.id == 0) {
-            WaitForSingleObject(event, 20); // a request may have come between the look and the wait
+        const Bytes mailbox = database.Value(kForwardMailbox);
+        const DWORD id = U32At(mailbox, 0), kind = U32At(mailbox, 4);
+        if (id == last || id == 0) {
+            WaitForSingleObject(posted, 20); // a request may have come between the look and the wait
             continue;
         }
-        const DWORD before = last;
-        last = request.id;
-        if (request.kind == kEndRequest) {
+        if (kind == kEndRequest) {
             child.Say("asked to end");
             return 0;
         }
         if (silent > 0) {
             --silent;
             child.Say("silent");
-            continue;
+        } else {
+            // Answers to other requests, and ones of no form, are not taken for this one's.
+            for (const DWORD other : {last, id + 1, DWORD{0}})
+                WriteAnswer(database, other, 77);
+            database.Set(kForwardAnswer, id);
+            database.Write(kForwardAnswer, Bytes{});
+            if (WriteAnswer(database, id, ResultFor(printer, kind)) != kDone) return 0;
+            WriteAnswer(database, id, 80);
         }
-        // Answers to other requests, and ones of no form, are not taken for this one's.
-        WriteAnswer(handle, before, 77);
-        WriteAnswer(handle, request.id + 1, 78);
-        WriteAnswer(handle, 0, 79);
-        WriteVariable(handle, kForwardAnswer, Number(request.id));
-        WriteVariable(handle, kForwardAnswer, {});
-        if (WriteAnswer(handle, request.id, ResultFor(printer, request.kind)) != kDone) return 0;
-        WriteAnswer(handle, request.id, 80);
+        last = id;
     }
 }
 
-namespace {
-
-TestProcess PrinterSide(size_t printer, int silent = 0) {
+static TestProcess PrinterSide(size_t printer, int silent = 0) {
     TestProcess side("ServesForwardedRequests", {std::to_string(printer), std::to_string(silent)});
     EXPECT_EQ(side.Hear(), "serving");
     return side;
 }
 
-} // namespace
-
 TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
     const PrinterMachine machine;
-    const std::string request = "Refresh:" + kPrinters[1];
+    for (const char* bad : {"", "ReadRequest:", "readrequest:p", "ReadRequest", "Other:p"})
+        EXPECT_EQ(ForwardRequest(bad), kBadArgument) << bad;
+    EXPECT_EQ(ForwardRequest("Refresh:" + std::string(kRequestTextMax, 'p')), kBadArgument);
     EXPECT_EQ(ForwardRequest("Refresh:Unknown"), kNoPrinterSide);
+    const std::string request = "Refresh:" + kPrinters[1];
     EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << "no mailbox";
 
-    const DWORD handle = machine.databases[1];
-    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeVariableLength, Bytes(8)), kBadArgument);
-    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, Bytes(12)), kBadArgument);
-    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, {1, 0, 0, 0, 1, 0, 0, 0}), kBadArgument);
-    EXPECT_EQ(CreateVariable(handle, kForwardMailbox, kTypeRecord, Bytes(8)), kDone);
-    EXPECT_EQ(WriteVariable(handle, kForwardMailbox, Bytes(8)), kNotWritable);
+    const Database& database = machine.databases[1];
+    EXPECT_EQ(database.Add(kForwardMailbox, kTypeVariableLength, Bytes(8)), kBadArgument);
+    EXPECT_EQ(database.Add(kForwardMailbox, kTypeRecord, Bytes(12)), kBadArgument);
+    EXPECT_EQ(database.Add(kForwardMailbox, kTypeRecord, {1, 0, 0, 0, 1, 0, 0, 0}), kBadArgument);
+    EXPECT_EQ(database.Add(kForwardMailbox, kTypeRecord, Bytes(8)), kDone);
+    EXPECT_EQ(database.Write(kForwardMailbox, Bytes(8)), kNotWritable);
     EXPECT_EQ(ForwardRequest(request), kNoPrinterSide) << "nobody watches it";
 
-    TestProcess side = PrinterSide(1);
+    const TestProcess side = PrinterSide(1);
     EXPECT_EQ(ForwardRequest(request), ResultFor(1, kRefreshRequest));
-    EXPECT_EQ(Mailbox(handle).id, 0u) << "and the mailbox is empty again";
+    EXPECT_EQ(MailboxId(database), 0u) << "and the mailbox is empty again";
     // Lists that lie about their entries, end within one, or have no form at all.
     const Bytes good = PrinterList(2, 2);
     for (const Bytes& list : {PrinterList(2, 5000), PrinterList(2, 0), Bytes(good.begin(), good.end() - 1), Bytes{},
                               Bytes(600, 0xFF), Bytes(9)}) {
-        ASSERT_EQ(WriteVariable(machine.master, "PrinterDatabase", list), kDone);
+        ASSERT_EQ(machine.master.Write("PrinterDatabase", list), kDone);
         const bool listed = list.size() == good.size() && list[4] != 0;
         EXPECT_EQ(ForwardRequest(request), listed ? ResultFor(1, kRefreshRequest) : kNoPrinterSide) << list.size();
     }
     Bytes renamed = good;
-    std::memcpy(renamed.data() + 8 + 560 + 8, "Front", 6);
-    ASSERT_EQ(WriteVariable(machine.master, "PrinterDatabase", renamed), kDone);
+    std::memcpy(renamed.data() + kEntryAt + kEntrySize + kNameAt, "Front", 6);
+    ASSERT_EQ(machine.master.Write("PrinterDatabase", renamed), kDone);
     EXPECT_EQ(ForwardRequest("Refresh:Front"), ResultFor(1, kRefreshRequest));
     EXPECT_EQ(ForwardRequest(request), kNoPrinterSide);
 }
@@ -123,23 +109,18 @@ TEST(Forwarding, ManyCallersEachGetTheirOwnAnswer) {
     std::vector<TestProcess> sides;
     for (size_t i = 0; i < std::size(kPrinters); ++i)
         sides.push_back(PrinterSide(i));
-    struct KindRow {
-        const char* prefix;
-        DWORD kind;
-    };
-    constexpr KindRow kKinds[] = {
+    const std::pair<const char*, DWORD> kinds[] = {
         {"ReadRequest:", kReadRequest}, {"WriteRequest:", kWriteRequest}, {"Refresh:", kRefreshRequest}};
     std::atomic<int> right = 0;
     std::vector<std::thread> callers;
-    for (size_t i = 0; i < 16; ++i) {
-        callers.emplace_back([i, &kKinds, &right] {
+    for (size_t i = 0; i < 16; ++i)
+        callers.emplace_back([&, i] {
             for (size_t round = 0; round < 25; ++round) {
-                const KindRow& row = kKinds[(i + round) % 3];
+                const auto& [prefix, kind] = kinds[(i + round) % 3];
                 const size_t printer = (i / 2 + round) % std::size(kPrinters);
-                right += ForwardRequest(row.prefix + kPrinters[printer]) == ResultFor(printer, row.kind);
+                right += ForwardRequest(prefix + kPrinters[printer]) == ResultFor(printer, kind);
             }
         });
-    }
     for (std::thread& caller : callers)
         caller.join();
     EXPECT_EQ(right, 16 * 25);
@@ -165,98 +146,83 @@ TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
     EXPECT_EQ(ForwardRequest("ReadRequest:" + kPrinters[0]), ResultFor(0, kReadRequest));
 }
 
-namespace {
-
-const std::vector<VariableRow> kRequestVariables = {
+static const std::vector<VariableRow> kRequestVariables = {
     {"ReadRequest", kTypeString, Bytes(32)},   {"WriteRequest", kTypeString, Bytes(32)},
     {"RWResult", kTypeNumber, Number(0)},      {"PrinterExtStatus", kTypeNumber, Number(0)},
     {"SpoolerStatus", kTypeNumber, Number(0)}, {"TerminateManager", kTypeNumber, Number(0)}};
-constexpr DWORD kUnavailable = static_cast<DWORD>(-50);
-
-DWORD NumberIn(DWORD handle, const char* variable) {
-    return U32At(ValueOf(handle, variable), 0);
-}
-
-} // namespace
 
 // Requests that stand in their variables, without a call of the service that waits.
 TEST(Forwarding, APrinterSideThatIsGoneLeavesNoBitsAndNoRequest) {
+    constexpr DWORD kUnavailable = static_cast<DWORD>(-50);
     constexpr DWORD kAwaitedMs = 400; // a successor, as long as a forwarded request
     const PrinterMachine machine(kAwaitedMs, kRequestVariables);
-    const DWORD handle = machine.databases[0];
-    const auto sayReady = [&] {
-        EXPECT_EQ(WriteVariable(handle, "PrinterExtStatus", Number(0x81)), kDone);
-        EXPECT_EQ(WriteVariable(handle, "SpoolerStatus", Number(0x1C)), kDone);
+    // One for each printer.
+    const struct {
+        const char* request; // null: there is none
+        bool requesterWaits;
+        bool hasSuccessor;
+    } rows[] = {{"ReadRequest", true, true},
+                {"WriteRequest", true, true},
+                {nullptr, true, false},
+                {"ReadRequest", false, false}};
+    const auto expectResult = [&](size_t i, DWORD result) {
+        EXPECT_TRUE(WaitUntil([&] { return machine.databases[i].NumberIn("RWResult") == result; })) << i;
     };
-    ASSERT_EQ(WatchVariable(handle, "RWResult", kEveryWrite), kDone);
-    EXPECT_EQ(WriteVariable(handle, "ReadRequest", BytesOf("PageCount")), kDone);
-    EXPECT_EQ(NumberIn(handle, "RWResult"), 0u) << "a printer side of another kind may serve it";
-    for (const char* request : {"ReadRequest", "WriteRequest"}) {
-        SCOPED_TRACE(request);
-        TestProcess side = PrinterSide(0);
-        EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone); // the last answer
+    const auto ask = [&](size_t i) { // after the last answer
+        EXPECT_EQ(machine.databases[i].Set("RWResult", 7), kDone);
         PauseMs(5);
-        sayReady();
-        EXPECT_EQ(WriteVariable(handle, request, BytesOf("PageCount")), kDone);
-        {
-            TestProcess second = PrinterSide(0);
-            second.Kill();
-        }
-        EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest)) << "the first still serves";
-        EXPECT_EQ(NumberIn(handle, "PrinterExtStatus"), 0x81u);
-        EXPECT_EQ(NumberIn(handle, "RWResult"), 7u);
-        side.KillOnly();
-        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "SpoolerStatus") == 0x10; }));
-        EXPECT_EQ(NumberIn(handle, "PrinterExtStatus"), 0x80u);
-        {
-            TestProcess successor = PrinterSide(0);
-            PauseMs(kAwaitedMs + 100);
-            EXPECT_EQ(NumberIn(handle, "RWResult"), 7u) << "it is the successor's to answer";
-            successor.KillOnly();
-        }
-        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "RWResult") == kUnavailable; }));
-        // One that was made too late to see that.
-        EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone);
-        PauseMs(5);
-        EXPECT_EQ(WriteVariable(handle, request, BytesOf("PageCount")), kDone);
-        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "RWResult") == kUnavailable; }));
+        EXPECT_TRUE(!rows[i].request || machine.databases[i].Write(rows[i].request, BytesOf("PageCount")) == kDone);
+    };
+    EXPECT_EQ(machine.databases[0].Watch("RWResult", kEveryWrite), kDone);
+    EXPECT_EQ(machine.databases[0].Write("ReadRequest", BytesOf("PageCount")), kDone);
+    EXPECT_EQ(machine.databases[0].NumberIn("RWResult"), 0u) << "a printer side of another kind may serve it";
+    std::vector<TestProcess> sides, successors;
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const Database& database = machine.databases[i];
+        EXPECT_TRUE(!rows[i].requesterWaits || database.Watch("RWResult", kEveryWrite) == kDone);
+        sides.push_back(PrinterSide(i));
+        EXPECT_EQ(database.Set("PrinterExtStatus", 0x81), kDone);
+        EXPECT_EQ(database.Set("SpoolerStatus", 0x1C), kDone);
+        ask(i);
+        PrinterSide(i).Kill();
+        EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[i]), ResultFor(i, kRefreshRequest)) << "the first still serves";
+        EXPECT_EQ(database.NumberIn("PrinterExtStatus"), 0x81u);
+        EXPECT_EQ(database.NumberIn("RWResult"), 7u);
     }
-    // Nothing is open, or nobody waits: no answer comes of itself.
-    for (const bool waits : {true, false}) {
-        TestProcess side = PrinterSide(0);
-        sayReady();
-        if (!waits) {
-            EXPECT_EQ(UnwatchVariable(handle, "RWResult"), kDone);
-            EXPECT_EQ(WriteVariable(handle, "ReadRequest", BytesOf("PageCount")), kDone);
-        }
-        PauseMs(5);
-        if (waits) {
-            EXPECT_EQ(WriteVariable(handle, "RWResult", Number(7)), kDone);
-        }
-        side.KillOnly();
-        EXPECT_TRUE(WaitUntil([&] { return NumberIn(handle, "SpoolerStatus") == 0x10; }));
-        PauseMs(kAwaitedMs + 100);
-        EXPECT_EQ(NumberIn(handle, "RWResult"), 7u);
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        sides[i].KillOnly();
+        EXPECT_TRUE(WaitUntil([&] { return machine.databases[i].NumberIn("SpoolerStatus") == 0x10; }));
+        EXPECT_EQ(machine.databases[i].NumberIn("PrinterExtStatus"), 0x80u);
+        if (rows[i].hasSuccessor) successors.push_back(PrinterSide(i));
+    }
+    PauseMs(kAwaitedMs + 100);
+    for (size_t i = 0; i < std::size(rows); ++i)
+        EXPECT_EQ(machine.databases[i].NumberIn("RWResult"), 7u) << "the successor's to answer, or nobody's: " << i;
+    for (TestProcess& successor : successors)
+        successor.KillOnly();
+    for (const size_t i : {0, 1})
+        expectResult(i, kUnavailable);
+    for (const size_t i : {0, 1}) {
+        ask(i); // too late to see that
+        expectResult(i, kUnavailable);
     }
 }
 
 TEST(Forwarding, ATerminationAsksThePrinterSidesToEnd) {
     const PrinterMachine machine(20000, kRequestVariables);
     TestProcess sides[] = {PrinterSide(0), PrinterSide(1, 1)};
-    DatabaseInfo info = {};
-    EXPECT_EQ(GetDatabaseInfo(machine.databases[0], &info), kDone);
-    EXPECT_EQ(info.openHandles, 1u) << "a printer side is no manager";
+    EXPECT_EQ(machine.databases[0].OpenHandles(), 1u) << "a printer side is no manager";
     std::thread waits([&] { EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[1]), kNoPrinterSide); });
     EXPECT_EQ(sides[1].Hear(), "silent");
-    EXPECT_EQ(WriteVariable(machine.databases[2], "TerminateManager", Number(0)), kDone);
+    EXPECT_EQ(machine.databases[2].Set("TerminateManager", 0), kDone);
     EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest));
-    EXPECT_EQ(WriteVariable(machine.databases[2], "TerminateManager", Number(1)), kDone);
+    EXPECT_EQ(machine.databases[2].Set("TerminateManager", 1), kDone);
     waits.join();
     for (TestProcess& side : sides) {
         EXPECT_EQ(side.Hear(), "asked to end");
         EXPECT_EQ(side.Wait(), 0);
     }
-    EXPECT_TRUE(WaitUntil([&] { return Mailbox(machine.databases[0]).id == 0; })) << "its successor is not asked";
+    EXPECT_TRUE(WaitUntil([&] { return MailboxId(machine.databases[0]) == 0; })) << "its successor is not asked";
     TestProcess next = PrinterSide(0);
     EXPECT_EQ(ForwardRequest("Refresh:" + kPrinters[0]), ResultFor(0, kRefreshRequest));
 }

@@ -31,27 +31,27 @@ void ExpectOrderlyStop(Service& service) {
 
 TEST(CampaignLimits, OfWatchesVariablesAndMemoryHold) {
     Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-    const auto watch = [&] { return WatchVariable(handle, "Number", kEveryWrite); };
+    const Database database("Database", {{"Number", kTypeNumber, Number(1)}});
+    const auto watch = [&] { return database.Watch("Number", kEveryWrite); };
     EXPECT_EQ(TimesUntilRefused(watch, kWatches + 1), kWatches);
-    EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone);
+    EXPECT_EQ(database.Unwatch("Number"), kDone);
     EXPECT_EQ(watch(), kDone);
     EXPECT_EQ(watch(), kLimitReached);
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(2)), kDone) << "other calls go on";
+    EXPECT_EQ(database.Set("Number", 2), kDone) << "other calls go on";
 
     int number = 0;
-    const auto create = [&](DWORD database, const Bytes& value) {
-        return CreateVariable(database, "V" + std::to_string(number++), kTypeVariableLength, value);
+    const auto add = [&](const Database& to, const Bytes& value) {
+        return to.Add("V" + std::to_string(number++), kTypeVariableLength, value);
     };
-    EXPECT_EQ(TimesUntilRefused([&] { return create(handle, {1}); }, kVariables), kVariables - 1);
-    const DWORD large = ReadyDatabase("Large", {});
+    EXPECT_EQ(TimesUntilRefused([&] { return add(database, {1}); }, kVariables), kVariables - 1);
+    const Database large("Large");
     const Bytes value(kValueSizeMax);
-    const int values = TimesUntilRefused([&] { return create(large, value); }, kMemory / kValueSizeMax + 1);
+    const int values = TimesUntilRefused([&] { return add(large, value); }, kMemory / kValueSizeMax + 1);
     EXPECT_EQ(static_cast<size_t>(values), (kMemory - (1 << 20)) / kValueSizeMax);
-    ASSERT_EQ(create(large, {1}), kDone) << "small ones still fit";
+    ASSERT_EQ(add(large, {1}), kDone) << "small ones still fit";
     const std::string last = "V" + std::to_string(number - 1);
-    EXPECT_EQ(WriteVariable(large, last, value), kLimitReached);
-    EXPECT_EQ(ValueOf(large, last), (Bytes{1})) << "and keep their values";
+    EXPECT_EQ(large.Write(last, value), kLimitReached);
+    EXPECT_EQ(large.Value(last), (Bytes{1})) << "and keep their values";
     ExpectOrderlyStop(service);
 }
 
@@ -59,15 +59,15 @@ TEST(CampaignLimits, OfWatchesVariablesAndMemoryHold) {
 TEST(CampaignLimits, OfHandlesAndDatabasesHold) {
     Service service;
     int number = 0;
-    DWORD handle = 0;
+    Database database;
     const auto create = [&] {
-        const LONG answer = CreateDatabase("D" + std::to_string(number++), &handle);
-        return answer != kDone ? answer : number % 2 ? EndDatabaseInitialization(handle) : CloseDatabase(handle);
+        const LONG answer = database.Create("D" + std::to_string(number++));
+        return answer != kDone ? answer : number % 2 ? database.EndInitialization() : database.Close();
     };
     EXPECT_EQ(TimesUntilRefused(create, Rounds(200, kDatabases + 1)), Rounds(200, kDatabases));
-    EXPECT_EQ(CreateDatabase("D1", &handle), kDone) << "one that was given up can be made all the same";
-    const auto open = [&] { return OpenDatabase("D0", &handle); };
+    EXPECT_EQ(database.Create("D1"), kDone) << "one that was given up can be made all the same";
     const int held = kDatabases / 2 + 1;
-    EXPECT_EQ(TimesUntilRefused(open, Rounds(1000, kHandles)), Rounds(1000, kHandles - held));
+    EXPECT_EQ(TimesUntilRefused([&] { return database.Open("D0"); }, Rounds(1000, kHandles)),
+              Rounds(1000, kHandles - held));
     ExpectOrderlyStop(service);
 }

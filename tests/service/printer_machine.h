@@ -16,6 +16,9 @@ inline constexpr size_t kOwnerAt = 4;
 inline constexpr size_t kNameAt = 8;
 inline constexpr size_t kDatabaseAt = 268;
 
+// A value of the product's key, which the service reads when it starts or, some, when it is asked.
+void UseProductSetting(const char* name, DWORD type, const std::string& bytes);
+
 struct PrinterMachine {
     // limitMs: of a forwarded request. variables: of each printer.
     explicit PrinterMachine(DWORD limitMs = 20000, const std::vector<VariableRow>& variables = {});
@@ -23,6 +26,6 @@ struct PrinterMachine {
 
     std::vector<VariableRow> variables;
     std::unique_ptr<Service> service;
-    DWORD master = 0;
-    std::vector<DWORD> databases;
+    Database master;
+    std::vector<Database> databases;
 };

@@ -32,24 +32,19 @@ DWORD U32At(const Bytes& bytes, size_t at) {
     return bytes[at] | bytes[at + 1] << 8u | bytes[at + 2] << 16u | DWORD{bytes[at + 3]} << 24u;
 }
 
-void Body::AddPadded(const Bytes& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-    bytes.resize((bytes.size() + 3) / 4 * 4);
+void AddTo(Bytes& body, DWORD value) {
+    body = body + Number(value);
 }
 
-void Body::Add(DWORD value) {
-    AddPadded(Number(value));
+void AddTo(Bytes& body, const Bytes& array) {
+    body = body + Number(static_cast<DWORD>(array.size())) + array;
+    body.resize((body.size() + 3) / 4 * 4);
 }
 
-void Body::Add(const Bytes& array) {
-    Add(static_cast<DWORD>(array.size()));
-    AddPadded(array);
-}
-
-void Body::Add(std::string_view text) {
-    Add(static_cast<DWORD>(text.size() + 1));
-    Add(DWORD{0});
-    Add(BytesOf(text)); // its count is the text's actual count
+void AddTo(Bytes& body, std::string_view text) {
+    AddTo(body, static_cast<DWORD>(text.size() + 1));
+    AddTo(body, DWORD{0});
+    AddTo(body, BytesOf(text)); // its count is the text's actual count
 }
 
 RawReply CallRaw(UINT procedure, const Bytes& body) {
@@ -81,7 +76,22 @@ LONG Ask(UINT procedure, const Bytes& body, void* out, size_t size) {
     return static_cast<LONG>(U32At(reply.body, size));
 }
 
-LONG ReadVariable(DWORD handle, std::string_view name, DWORD size, Bytes* buffer, DWORD* valueSize) {
+Database::Database(std::string_view name, const std::vector<VariableRow>& variables) {
+    EXPECT_EQ(Create(name), kDone);
+    for (const VariableRow& row : variables)
+        EXPECT_EQ(Add(row.name, row.type, row.value), kDone) << row.name;
+    EXPECT_EQ(EndInitialization(), kDone);
+}
+
+LONG Database::Add(Name name, DWORD type, const Bytes& value, DWORD reserved) const {
+    return Ask(kCreateVariable, BodyOf(handle, name, type, static_cast<DWORD>(value.size()), reserved, value));
+}
+
+LONG Database::Write(Name name, const Bytes& value) const {
+    return Ask(kWriteVariable, BodyOf(handle, name, value, static_cast<DWORD>(value.size())));
+}
+
+LONG Database::Read(Name name, DWORD size, Bytes* buffer, DWORD* valueSize) const {
     Bytes out(4 + (size + 3) / 4 * 4 + 4);
     const LONG status = Ask(kReadVariable, BodyOf(handle, name, size), out.data(), out.size());
     if (status > 0) return status;
@@ -91,21 +101,24 @@ LONG ReadVariable(DWORD handle, std::string_view name, DWORD size, Bytes* buffer
     return status;
 }
 
-DWORD ReadyDatabase(std::string_view name, const std::vector<VariableRow>& variables) {
-    DWORD handle = 0;
-    EXPECT_EQ(CreateDatabase(name, &handle), kDone);
-    for (const VariableRow& row : variables)
-        EXPECT_EQ(CreateVariable(handle, row.name, row.type, row.value), kDone) << row.name;
-    EXPECT_EQ(EndDatabaseInitialization(handle), kDone);
-    return handle;
-}
-
-Bytes ValueOf(DWORD handle, std::string_view name) {
+Bytes Database::Value(Name name) const {
     DWORD size = 0;
     Bytes value;
-    EXPECT_EQ(ReadVariable(handle, name, 0, nullptr, &size), kDone) << name;
-    EXPECT_EQ(ReadVariable(handle, name, size, &value, &size), kDone) << name;
+    EXPECT_EQ(Read(name, 0, nullptr, &size), kDone) << name;
+    EXPECT_EQ(Read(name, size, &value, &size), kDone) << name;
     return value;
+}
+
+VariableInfo Database::Info(Name name) const {
+    VariableInfo info = {};
+    EXPECT_EQ(Info(name, &info), kDone) << name;
+    return info;
+}
+
+DWORD Database::OpenHandles() const {
+    DatabaseInfo info = {};
+    EXPECT_EQ(Info(&info), kDone);
+    return info.openHandles;
 }
 
 ULONGLONG Milliseconds(const SYSTEMTIME& time) {

@@ -16,105 +16,116 @@ std::string EventName(const std::string& variable, const std::string& signal) {
     return "Global\\TVOR:Database:" + variable + ":" + signal;
 }
 
-bool EventExists(const std::string& name) {
-    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.c_str());
-    if (event) CloseHandle(event);
-    return event != nullptr;
-}
-
-// The watch event of a variable, created as a watcher would.
-struct WatchEvent {
-    WatchEvent(const std::string& variable, const std::string& signal)
-        : handle(CreateEventA(nullptr, TRUE, FALSE, EventName(variable, signal).c_str())) {
-        EXPECT_NE(handle, nullptr);
-    }
-    ~WatchEvent() { CloseHandle(handle); }
-    bool IsPulsedWithin(DWORD ms) const { return WaitForSingleObject(handle, ms) == WAIT_OBJECT_0; }
-    const HANDLE handle;
-};
-
-// Counts the pulses that reach a thread which does nothing but wait.
-class PulseCounter {
-public:
+// The watch event of a variable, created as a watcher would, and how many pulses reached a thread that does nothing but
+// wait.
+struct PulseCounter {
     PulseCounter(const std::string& variable, const std::string& signal)
-        : m_event(variable, signal), m_stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
-        m_thread = std::thread([this] {
-            const HANDLE handles[] = {m_stop, m_event.handle};
+        : event(CreateEventA(nullptr, TRUE, FALSE, EventName(variable, signal).c_str())),
+          stop(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+        thread = std::thread([this] {
+            const HANDLE handles[] = {stop, event};
             while (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1)
                 ++pulses;
         });
     }
     ~PulseCounter() {
-        SetEvent(m_stop);
-        m_thread.join();
-        CloseHandle(m_stop);
+        SetEvent(stop);
+        thread.join();
+        CloseHandle(stop);
+        CloseHandle(event);
     }
-    std::atomic<int> pulses = 0;
+    // By whom does something else meanwhile.
+    bool IsPulsedWithin(DWORD ms) const { return WaitForSingleObject(event, ms) == WAIT_OBJECT_0; }
 
-private:
-    WatchEvent m_event;
-    HANDLE m_stop;
-    std::thread m_thread;
+    const HANDLE event, stop;
+    std::atomic<int> pulses = 0;
+    std::thread thread;
 };
 
 } // namespace
 
-TEST(Watches, PulseOncePerIsolatedWriteByMode) {
+TEST(Watches, PulseOncePerIsolatedWriteByModeAndForMembers) {
     const Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(1)}});
-    PulseCounter updates{"Number", "Updated"};
-    PulseCounter changes{"Number", "Changed"};
-    const auto watch = [&](DWORD mode) { EXPECT_EQ(WatchVariable(handle, "Number", mode), kDone); };
-    const auto unwatch = [&] { EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone); };
+    const Database database("Database", {{"Number", kTypeNumber, Number(1)},
+                                         {"A", kTypeNumber, Number(1)},
+                                         {"B", kTypeNumber, Number(1)},
+                                         {"Inner", kTypeComposite, {}},
+                                         {"Outer", kTypeComposite, {}}});
+    ASSERT_EQ(database.Compose("Inner", "B;Late;"), kDone);
+    ASSERT_EQ(database.Compose("Outer", "A;Inner;"), kDone);
+    ASSERT_EQ(database.Watch("Outer", kOnlyChanges), kDone);
+    ASSERT_EQ(database.Watch("A", kEveryWrite), kDone);
+    PulseCounter outer("Outer", "Changed"), member("A", "Updated"), updates("Number", "Updated"),
+        changes("Number", "Changed");
+    const auto unwatch = [&] { return database.Unwatch("Number"); };
     const struct {
-        std::function<void()> before;
-        DWORD value;
-        int updates, changes; // in all
+        std::function<LONG()> change; // with a write of the number
+        DWORD number;
+        int pulses[4]; // in all: of the composite, of A, of each write of the number, of its changes
     } rows[] = {
-        {[] {}, 2, 0, 0}, // nobody watches yet
-        {[&] { watch(kEveryWrite), watch(kOnlyChanges); }, 2, 1, 0},
-        {[] {}, 3, 2, 1},
-        {unwatch, 4, 3, 1}, // the last mode used is the first to end
-        {unwatch, 5, 3, 1},
+        {[&] { return database.Set("A", 2); }, 2, {1, 1, 0, 0}}, // nobody watches the number yet
+        {[&] {
+             return database.Watch("Number", kEveryWrite) + database.Watch("Number", kOnlyChanges) +
+                    database.Set("B", 2);
+         },
+         2,
+         {2, 1, 1, 0}},
+        {[&] { return database.Set("B", 2); }, 3, {2, 1, 2, 1}}, // no change, no member
+        {[&] { return unwatch() + database.Add("Late", kTypeByte, {1}); },
+         4,
+         {3, 1, 3, 1}}, // a member came; the last mode used is the first to end
+        {[&] { return unwatch() + database.Write("Outer", Bytes(9, 5)); },
+         5,
+         {4, 2, 3, 1}},                                                          // one write of three members
+        {[&] { return database.Write("Outer", Bytes(9, 5)); }, 6, {4, 3, 3, 1}}, // no change
+        {[&] { return database.Compose("Outer", "A;"); }, 7, {5, 3, 3, 1}},      // the list changed
+        {[&] { return database.Set("B", 7); }, 8, {5, 3, 3, 1}},                 // no member any more
     };
+    const auto pulsed = [&] { return std::vector<int>{outer.pulses, member.pulses, updates.pulses, changes.pulses}; };
+    std::vector<int> expected(4);
     for (const auto& row : rows) {
-        row.before();
         PauseMs(kQuietMs); // also until the counters wait
-        EXPECT_EQ(WriteVariable(handle, "Number", Number(row.value)), kDone);
-        EXPECT_TRUE(WaitUntil([&] { return updates.pulses >= row.updates && changes.pulses >= row.changes; }));
-        EXPECT_EQ(updates.pulses, row.updates) << row.value;
-        EXPECT_EQ(changes.pulses, row.changes) << row.value;
+        EXPECT_EQ(pulsed(), expected) << row.number;
+        EXPECT_EQ(row.change(), kDone);
+        EXPECT_EQ(database.Set("Number", row.number), kDone);
+        expected.assign(row.pulses, row.pulses + 4);
+        EXPECT_TRUE(WaitUntil([&] { return pulsed() == expected; })) << row.number;
     }
     PauseMs(kQuietMs);
-    EXPECT_EQ(updates.pulses + changes.pulses, 4);
-    EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched);
+    EXPECT_EQ(pulsed(), expected);
+    EXPECT_EQ(unwatch(), kNotWatched);
 }
 
 TEST(Watches, AreCountedAndRefusedWhereTheyCannotBe) {
     const Service service;
     const std::string longName(250, 'n');
-    const DWORD handle = ReadyDatabase(
+    const Database database(
         "Database",
         {{"Number", kTypeNumber, Number(1)}, {longName.c_str(), kTypeByte, {1}}, {"Squatted", kTypeByte, {1}}});
-    EXPECT_EQ(WatchVariable(handle, "Missing", kEveryWrite), kUnknownVariable);
-    EXPECT_EQ(WatchVariable(handle, "Number", 0), kBadArgument);
-    EXPECT_EQ(WatchVariable(handle, "Number", 3), kBadArgument);
-    EXPECT_EQ(WatchVariable(handle, longName, kEveryWrite), kEventUnavailable);
+    EXPECT_EQ(database.Watch("Missing", kEveryWrite), kUnknownVariable);
+    EXPECT_EQ(database.Watch("Number", 0), kBadArgument);
+    EXPECT_EQ(database.Watch("Number", 3), kBadArgument);
+    EXPECT_EQ(database.Watch(longName, kEveryWrite), kEventUnavailable);
     const HANDLE mutex = CreateMutexA(nullptr, FALSE, EventName("Squatted", "Updated").c_str());
     ASSERT_NE(mutex, nullptr);
-    EXPECT_EQ(WatchVariable(handle, "Squatted", kEveryWrite), kEventUnavailable);
-    EXPECT_EQ(UnwatchVariable(handle, "Squatted"), kNotWatched);
+    EXPECT_EQ(database.Watch("Squatted", kEveryWrite), kEventUnavailable);
+    EXPECT_EQ(database.Unwatch("Squatted"), kNotWatched);
     CloseHandle(mutex);
-    EXPECT_EQ(WatchVariable(handle, "Squatted", kEveryWrite), kDone);
+    EXPECT_EQ(database.Watch("Squatted", kEveryWrite), kDone);
 
+    const auto eventExists = [] {
+        const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, EventName("Number", "Updated").c_str());
+        if (event) CloseHandle(event);
+        return event != nullptr;
+    };
     for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
+        EXPECT_EQ(database.Watch("Number", kEveryWrite), kDone);
     for (int i = 0; i < 20; ++i) {
-        EXPECT_TRUE(EventExists(EventName("Number", "Updated"))) << "the service holds it while anybody watches";
-        EXPECT_EQ(UnwatchVariable(handle, "Number"), kDone);
+        EXPECT_TRUE(eventExists()) << "the service holds it while anybody watches";
+        EXPECT_EQ(database.Unwatch("Number"), kDone);
     }
-    EXPECT_FALSE(EventExists(EventName("Number", "Updated")));
-    EXPECT_EQ(UnwatchVariable(handle, "Number"), kNotWatched);
+    EXPECT_FALSE(eventExists());
+    EXPECT_EQ(database.Unwatch("Number"), kNotWatched);
 }
 
 // A watcher that is busy while a burst goes by is told when the writing has stopped. One that misses an isolated write
@@ -122,78 +133,36 @@ TEST(Watches, AreCountedAndRefusedWhereTheyCannotBe) {
 // call pulses, with many another thread.
 TEST(Watches, ABurstIsClosedByAPulseOfItsOwn) {
     const Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(0)}});
-    const WatchEvent event("Number", "Changed"); // of the busy watcher
-    PulseCounter all{"Number", "Changed"};
-    DWORD value = 0;
-    const auto write = [&] { EXPECT_EQ(WriteVariable(handle, "Number", Number(++value)), kDone); };
-    for (const int watches : {1, 9}) {
-        SCOPED_TRACE(watches);
+    const Database database("Database", {{"Few", kTypeNumber, Number(0)}, {"Many", kTypeNumber, Number(0)}});
+    const auto follow = [&](const char* name, int watches) {
+        PulseCounter all(name, "Changed");
         for (int i = 0; i < watches; ++i)
-            ASSERT_EQ(WatchVariable(handle, "Number", kOnlyChanges), kDone);
+            ASSERT_EQ(database.Watch(name, kOnlyChanges), kDone);
+        DWORD value = 0;
+        const auto write = [&] { EXPECT_EQ(database.Set(name, ++value), kDone); };
         PauseMs(kQuietMs);
-        int before = all.pulses;
         write();
-        EXPECT_TRUE(WaitUntil([&] { return all.pulses > before; }));
-        EXPECT_FALSE(event.IsPulsedWithin(kQuietMs)) << "an isolated write is one pulse";
-        before = all.pulses;
+        EXPECT_TRUE(WaitUntil([&] { return all.pulses > 0; }));
+        EXPECT_FALSE(all.IsPulsedWithin(kQuietMs)) << name << ": an isolated write is one pulse";
+        const int before = all.pulses;
         for (int i = 0; i < 3; ++i)
             write();
-        EXPECT_TRUE(event.IsPulsedWithin(5000));
+        EXPECT_TRUE(all.IsPulsedWithin(5000)) << name;
         PauseMs(kQuietMs);
-        EXPECT_LE(all.pulses, before + 4) << "one closing pulse";
+        EXPECT_LE(all.pulses, before + 4) << name << ": one closing pulse";
 
-        VariableInfo info = {};
-        EXPECT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
+        database.Info(name);
         write();
-        EXPECT_TRUE(event.IsPulsedWithin(5000)) << "a write right after a question";
+        EXPECT_TRUE(all.IsPulsedWithin(5000)) << name << ": a write right after a question";
         EXPECT_TRUE(WaitUntil([&] {
-            EXPECT_EQ(GetVariableInfo(handle, "Number", &info), kDone);
-            return !event.IsPulsedWithin(kQuietMs);
-        })) << "until it has been asked about";
-        for (int i = 0; i < watches; ++i)
-            ASSERT_EQ(UnwatchVariable(handle, "Number"), kDone);
-    }
-}
-
-TEST(Watches, OnACompositeFireForItsMembers) {
-    const Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"A", kTypeNumber, Number(1)},
-                                                    {"B", kTypeNumber, Number(1)},
-                                                    {"Other", kTypeNumber, Number(1)},
-                                                    {"Inner", kTypeComposite, {}},
-                                                    {"Outer", kTypeComposite, {}}});
-    ASSERT_EQ(SetCompositeMembers(handle, "Inner", "B;Late;"), kDone);
-    ASSERT_EQ(SetCompositeMembers(handle, "Outer", "A;Inner;"), kDone);
-    ASSERT_EQ(WatchVariable(handle, "Outer", kOnlyChanges), kDone);
-    PulseCounter counter{"Outer", "Changed"};
-    ASSERT_EQ(WatchVariable(handle, "A", kEveryWrite), kDone);
-    PulseCounter member{"A", "Updated"};
-    const auto write = [&](const char* name, DWORD value) { return WriteVariable(handle, name, Number(value)); };
-    const struct {
-        std::function<LONG()> change;
-        int pulses; // in all
-        int ofA = 1;
-    } rows[] = {
-        {[&] { return write("A", 2); }, 1},
-        {[&] { return write("B", 2); }, 2},
-        {[&] { return write("B", 2) + write("Other", 2); }, 2},              // no change, no member
-        {[&] { return CreateVariable(handle, "Late", kTypeByte, {1}); }, 3}, // a member came
-        {[&] { return WriteVariable(handle, "Outer", Bytes(9, 5)); }, 4, 2}, // one write of three members
-        {[&] { return WriteVariable(handle, "Outer", Bytes(9, 5)); }, 4, 3}, // no change
-        {[&] { return SetCompositeMembers(handle, "Outer", "A;"); }, 5, 3},  // the list changed
-        {[&] { return write("B", 7); }, 5, 3},                               // no member any more
+            database.Info(name);
+            return !all.IsPulsedWithin(kQuietMs);
+        })) << name
+            << ": until it has been asked about";
     };
-    for (const auto& row : rows) {
-        PauseMs(kQuietMs);
-        EXPECT_EQ(counter.pulses, &row == rows ? 0 : (&row)[-1].pulses);
-        EXPECT_EQ(member.pulses, &row == rows ? 0 : (&row)[-1].ofA);
-        EXPECT_EQ(row.change(), kDone);
-        EXPECT_TRUE(WaitUntil([&] { return counter.pulses >= row.pulses && member.pulses >= row.ofA; })) << &row - rows;
-    }
-    PauseMs(kQuietMs);
-    EXPECT_EQ(counter.pulses, 5);
-    EXPECT_EQ(member.pulses, 3);
+    std::thread few(follow, "Few", 1);
+    follow("Many", 9);
+    few.join();
 }
 
 // Writers flat out, watchers that take their time: after the last write each sees the last value, without looking again
@@ -202,37 +171,33 @@ TEST(Watches, EveryWatcherEndsWithTheLastValue) {
     constexpr int kWatchers = 12; // more than are pulsed at once
     constexpr DWORD kLast = 12345;
     const Service service;
-    const DWORD handle = ReadyDatabase("Database", {{"Number", kTypeNumber, Number(0)}});
+    const Database database("Database", {{"Number", kTypeNumber, Number(0)}});
     std::atomic<DWORD> seen[kWatchers] = {};
     std::atomic<int> ready = 0;
-    std::vector<std::thread> watchers;
-    const HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    for (int i = 0; i < kWatchers; ++i) {
-        watchers.emplace_back([&, i] {
-            const WatchEvent event("Number", "Updated");
-            EXPECT_EQ(WatchVariable(handle, "Number", kEveryWrite), kDone);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kWatchers; ++i)
+        threads.emplace_back([&, i] {
+            const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, EventName("Number", "Updated").c_str());
+            EXPECT_EQ(database.Watch("Number", kEveryWrite), kDone);
             ++ready;
-            const HANDLE handles[] = {stop, event.handle};
-            while (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
-                seen[i] = U32At(ValueOf(handle, "Number"), 0);
+            while (seen[i] != kLast && WaitForSingleObject(event, 10000) == WAIT_OBJECT_0) {
+                seen[i] = database.NumberIn("Number");
                 PauseMs(i); // busy
             }
+            CloseHandle(event);
         });
-    }
     EXPECT_TRUE(WaitUntil([&] { return ready == kWatchers; }));
     std::vector<std::thread> writers;
     for (int writer = 0; writer < 4; ++writer)
         writers.emplace_back([&] {
             for (DWORD i = 1; i < 500; ++i)
-                EXPECT_EQ(WriteVariable(handle, "Number", Number(i)), kDone);
+                EXPECT_EQ(database.Set("Number", i), kDone);
         });
     for (std::thread& writer : writers)
         writer.join();
-    EXPECT_EQ(WriteVariable(handle, "Number", Number(kLast)), kDone);
-    for (int i = 0; i < kWatchers; ++i)
-        EXPECT_TRUE(WaitUntil([&] { return seen[i] == kLast; })) << i << " saw " << seen[i];
-    SetEvent(stop);
-    for (std::thread& watcher : watchers)
+    EXPECT_EQ(database.Set("Number", kLast), kDone);
+    for (std::thread& watcher : threads)
         watcher.join();
-    CloseHandle(stop);
+    for (int i = 0; i < kWatchers; ++i)
+        EXPECT_EQ(seen[i], kLast) << i;
 }
