@@ -1,12 +1,8 @@
 // What a user gets for each kind of command line: exit code, one line of error, one JSON document.
-#include "private_machine.h"
 #include "product.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -28,19 +24,18 @@ void Check(const CommandLine& line) {
     EXPECT_TRUE(result.errors.starts_with("oriel: ")) << result.errors;
     EXPECT_EQ(result.output, "");
 
-    // The same failure for a program.
+    // The same failure for a program; an empty list says it all.
     Json document = OrielJson(line.arguments, line.exitCode);
     if (document.contains("variables")) document = document["variables"].empty() ? Json() : document["variables"][0];
-    if (document.is_null()) return; // an empty list says it all
+    if (document.is_null()) return;
     EXPECT_EQ(document["error"]["exitCode"], line.exitCode) << document;
-    EXPECT_FALSE(document["error"]["what"].get<std::string>().empty()) << document;
+    EXPECT_NE(document["error"]["what"], "") << document;
 }
 
 } // namespace
 
 TEST(CommandLine, OnAFreshMachine) {
-    const std::string good = PrivateDirectory() + "/good.script";
-    std::ofstream(good) << "set PageCount 1\n";
+    const std::string good = FileOf("good.script", "set PageCount 1\n");
     const CommandLine kLines[] = {
         {{"--help"}, 0, "Exit codes:", ""},
         {{"--version"}, 0, "0.1.0", ""},
@@ -62,6 +57,8 @@ TEST(CommandLine, OnAFreshMachine) {
         {{"printers", "add", "Front desk"}, 2, "", "--driver"},
         {{"printers", "add", "a,b", "--driver", "D"}, 2, "", "no comma or backslash"},
         {{"printers", "add", "a\\b", "--driver", "D", "--script", good}, 2, "", "no comma or backslash"},
+        {{"printers", "add", "P", "--driver", "D", "--script", "relative"}, 2, "", "relative"},
+        {{"printers", "add", "P", "--driver", "D", "--script", good + "x"}, 1, "", "good.scriptx"},
         {{"printers", "add", "", "--driver", "D"}, 2, "", "1 to 259"},
         {{"printers", "remove", "Front desk"}, 1, "", "no such printer"},
         {{"reg"}, 2, "", "a command is missing"},
@@ -81,8 +78,7 @@ TEST(CommandLine, OnAFreshMachine) {
     EXPECT_TRUE(std::filesystem::is_empty(std::getenv("ORIEL_RUNTIME_DIR")));
 
     // A script is checked before anything is added.
-    const std::string bad = PrivateDirectory() + "/bad.script";
-    std::ofstream(bad) << "set PageCount 1\nplay\n";
+    const std::string bad = FileOf("bad.script", "set PageCount 1\nplay\n");
     const ProgramResult refused = Oriel({"printers", "add", "P", "--driver", "D", "--script", bad});
     EXPECT_EQ(refused.exitCode, 2);
     EXPECT_NE(refused.errors.find("bad.script:2:"), std::string::npos) << refused.errors;
@@ -95,26 +91,23 @@ TEST(CommandLine, OnAFreshMachine) {
 }
 
 TEST(CommandLine, WithoutTheServiceSaysHowToStartIt) {
-    OrielText({"printers", "add", "Front desk", "--driver", "Some driver"});
-    Check({{"get", "Front desk", "PageCount"},
-           3,
-           "",
-           "no product is registered in " + std::string(std::getenv("ORIEL_STATE_DIR")) + " (status -16); start it"});
-    OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", "\\nowhere\\"});
-    Check({{"get", "Front desk", "PageCount"}, 3, "", "has no TVSDBN.EXE (status -16); correct it: oriel reg set"});
+    OrielText({"printers", "add", kPrinter, "--driver", "Some driver"});
+    const auto fails = [](const std::string& why) { Check({{"get", kPrinter, "PageCount"}, 3, "", why}); };
+    const auto install = [](const std::string& path) {
+        OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", path});
+    };
+    fails("no product is registered in " + std::string(std::getenv("ORIEL_STATE_DIR")) + " (status -16); start it");
+    install("\\nowhere\\");
+    fails("has no TVSDBN.EXE (status -16); correct it: oriel reg set");
     Check({{"up"}, 3, "", "if it moved, register this one: oriel reg set"});
-    OrielText({"reg", "set", "HKLM\\SOFTWARE\\Tavik\\Oriel", "DIRPATH", WindowsPath(ProgramPath(""))});
-    Check({{"get", "Front desk", "PageCount"},
-           3,
-           "",
-           "no status database service runs in " + std::string(std::getenv("ORIEL_RUNTIME_DIR"))});
+    install(WindowsPath(ProgramPath("")));
+    fails("no status database service runs in " + std::string(std::getenv("ORIEL_RUNTIME_DIR")));
 }
 
 TEST(CommandLine, WithTheProductUp) {
-    RunningProduct product;
-    AddExamplePrinter();
+    const ExampleProduct product;
     OrielText({"printers", "add", "Other", "--driver", "Unregistered"});
-    const std::string p = "Front desk";
+    const std::string& p = kPrinter;
     const CommandLine kLines[] = {
         {{"status"}, 0, "running", ""},
         {{"up"}, 1, "", "already up"},
@@ -142,33 +135,31 @@ TEST(CommandLine, WithTheProductUp) {
     for (const CommandLine& line : kLines)
         Check(line);
 
-    StopProcess(ServiceProcess());
-    const Json error = OrielJson({"get", p, "PageCount"}, 5)["error"];
-    EXPECT_EQ(error["why"], "the status database service runs but does not answer");
-    ContinueProcess(ServiceProcess());
+    // Nobody answers where the service does.
+    const std::string endpoint = PrivateDirectory() + "/run/rpc/TVORSDB_RPC";
+    std::filesystem::rename(endpoint, endpoint + ".away");
+    Check({{"get", p, "PageCount"}, 5, "", "the status database service runs but does not answer"});
+    std::filesystem::rename(endpoint + ".away", endpoint);
     Check({{"get", p, "PageCount"}, 0, "unknown", ""});
 }
 
 TEST_AS_ROOT(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
-    RunningProduct product;
-    AddExamplePrinter();
-    OrielText({"get", "Front desk", "PageCount"});
-    EXPECT_EQ(OrielAsNobody({"get", "Front desk", "PageCount"}).output, "unknown\n");
-    EXPECT_EQ(OrielAsNobody({"status"}).exitCode, 0);
+    const ExampleProduct product;
+    OrielText({"get", kPrinter, "PageCount"});
+    EXPECT_EQ(OrielAs(65534, {"get", kPrinter, "PageCount"}).output, "unknown\n");
+    EXPECT_EQ(OrielAs(65534, {"status"}).exitCode, 0);
     // Nobody else has a window yet, and the folder of windows lies in root's directory.
-    EXPECT_EQ(OrielAsNobody({"watch", "Front desk", "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
-    for (const std::vector<std::string>& denied : std::vector<std::vector<std::string>>{
-             {"reg", "set", "HKLM\\SOFTWARE\\X", "a", "b"},
-             {"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"},
-             {"reg", "import", SourcePath("examples/example_laser.reg")},
-             {"printers", "add", "P", "--driver", "D"},
-             {"printers", "remove", "Front desk"},
-         }) {
-        const ProgramResult result = OrielAsNobody(denied);
+    EXPECT_EQ(OrielAs(65534, {"watch", kPrinter, "--by", "message", "--until", "PageCount=-1"}).exitCode, 0);
+    for (const Words& denied : {Words{"reg", "set", "HKLM\\SOFTWARE\\X", "a", "b"},
+                                {"reg", "delete", "HKLM\\SOFTWARE\\Tavik", "--tree"},
+                                {"reg", "import", SourcePath("examples/example_laser.reg")},
+                                {"printers", "add", "P", "--driver", "D"},
+                                {"printers", "remove", kPrinter}}) {
+        const ProgramResult result = OrielAs(65534, denied);
         EXPECT_EQ(result.exitCode, 4) << denied[0] << " " << denied[1] << ": " << result.errors;
         EXPECT_NE(result.errors.find("access denied"), std::string::npos) << result.errors;
     }
-    EXPECT_EQ(OrielText({"get", "Front desk", "TonerLevel"}), "100 (0x64)");
+    EXPECT_EQ(ValueOf(kPrinter, "TonerLevel"), 100);
 }
 
 TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {

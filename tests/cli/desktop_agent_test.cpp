@@ -1,20 +1,14 @@
 // The desktop agent: who starts it, what it holds on to, and what ends it.
-#include "private_machine.h"
 #include "product.h"
 
-#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
-
-const Environment kDesktop = {{"ORIEL_WINDOW_STATION", "WinSta0"}};
 
 HWND AgentWindow() {
     return FindWindowA("TVORPSPWndClass", nullptr);
@@ -30,72 +24,54 @@ std::vector<int> Agents() {
     return ProcessesOf("TVORPZ.EXE");
 }
 
-BOOL CALLBACK CountAgentWindow(HWND window, LPARAM count) {
-    char name[64] = "";
-    GetClassNameA(window, name, sizeof name);
-    if (std::strcmp(name, "TVORPSPWndClass") == 0) ++*reinterpret_cast<int*>(count);
-    return TRUE;
-}
-
 int AgentWindows() {
     int count = 0;
-    EnumWindows(CountAgentWindow, reinterpret_cast<LPARAM>(&count));
+    const auto countAgent = [](HWND window, LPARAM counted) {
+        char name[64] = "";
+        GetClassNameA(window, name, sizeof name);
+        *reinterpret_cast<int*>(counted) += std::strcmp(name, "TVORPSPWndClass") == 0;
+        return TRUE;
+    };
+    EnumWindows(countAgent, reinterpret_cast<LPARAM>(&count));
     return count;
 }
 
 // As the library does. The process that is started ends at once; the agent is a child of nobody here.
 void StartAgents(int count) {
-    std::vector<HANDLE> started;
-    for (int i = 0; i < count; ++i) {
-        STARTUPINFOA startup = {};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION process = {};
-        std::string line = "\"" + WindowsPath(ProgramPath("TVORPZ.EXE")) + "\" /S";
-        ASSERT_TRUE(CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr,
-                                   &startup, &process));
-        CloseHandle(process.hThread);
-        started.push_back(process.hProcess);
-    }
-    for (const HANDLE process : started) {
-        EXPECT_EQ(WaitForSingleObject(process, 20000), DWORD{WAIT_OBJECT_0});
-        DWORD code = 99;
-        EXPECT_TRUE(GetExitCodeProcess(process, &code));
-        EXPECT_EQ(code, 0u);
-        CloseHandle(process);
-    }
-}
-
-std::string LinkOf(int process, const std::string& name) {
-    return std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/" + name);
+    std::vector<TestProcess> started;
+    for (int i = 0; i < count; ++i)
+        started.push_back(TestProcess::Program(ProgramPath("TVORPZ.EXE"), {"/S"}));
+    for (TestProcess& process : started)
+        EXPECT_EQ(process.Wait(20000), 0);
 }
 
 } // namespace
 
 TEST(DesktopAgent, IsStartedOnceWhereThereIsADesktopAndHoldsNothingOfItsCreator) {
-    AddExamplePrinter();
-    RunningProduct product;
+    const ExampleProduct product;
     const auto open = [](const char* kind, const Environment& environment) {
-        EXPECT_EQ(OrielText({"get", "Front desk", "PageCount", "--kind", kind}, environment), "unknown");
+        EXPECT_EQ(OrielText({"get", kPrinter, "PageCount", "--kind", kind}, environment), "unknown");
         return AgentProcess();
     };
     EXPECT_EQ(open("0", {}), 0);
-    const int agent = open("11", kDesktop); // an open of that kind waits until the agent says that it is there
+    const Environment desktop = {{"ORIEL_WINDOW_STATION", "WinSta0"}};
+    const int agent = open("11", desktop); // an open of that kind waits until the agent says that it is there
     ASSERT_NE(agent, 0);
     for (const char* kind : {"0", "7", "8", "11"})
-        EXPECT_EQ(open(kind, kDesktop), agent);
+        EXPECT_EQ(open(kind, desktop), agent);
     EXPECT_EQ(AgentWindows(), 1);
 
-    EXPECT_EQ(LinkOf(agent, "cwd"), "/");
+    const std::filesystem::path folder = "/proc/" + std::to_string(agent);
+    EXPECT_EQ(std::filesystem::read_symlink(folder / "cwd"), "/");
     for (const char* stream : {"fd/0", "fd/1", "fd/2"})
-        EXPECT_EQ(LinkOf(agent, stream), "/dev/null");
+        EXPECT_EQ(std::filesystem::read_symlink(folder / stream), "/dev/null");
     EXPECT_EQ(getsid(agent), getpgid(agent));
     EXPECT_NE(getsid(agent), getsid(0));
 }
 
 TEST(DesktopAgent, SaysThatItIsReadyAndIsAloneHoweverManyBegin) {
-    AddExamplePrinter();
-    RunningProduct product;
-    OrielText({"get", "Front desk", "PageCount"}); // the first printer of the list
+    const ExampleProduct product;
+    OrielText({"get", kPrinter, "PageCount"}); // the first printer of the list
     UseSetting("ORIEL_WINDOW_STATION", "WinSta0");
     const HANDLE ready = CreateEventA(nullptr, TRUE, FALSE, "TVOR:TVORSQD_DB1:Nsr:Initialize");
     {
@@ -123,56 +99,40 @@ TEST(DesktopAgent, SaysThatItIsReadyAndIsAloneHoweverManyBegin) {
 }
 
 TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {
-    AddExamplePrinter();
-    RunningProduct product;
-    sockaddr_un address{.sun_family = AF_UNIX};
+    ExampleProduct product;
     const std::string display = PrivateDirectory() + "/wayland";
-    std::memcpy(address.sun_path, display.data(), display.size());
-    const int compositor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    ASSERT_EQ(bind(compositor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(compositor, 16), 0);
+    CountedSocket compositor(display);
     UseSetting("WAYLAND_DISPLAY", display.c_str());
-    const auto isLookedAt = [compositor] {
-        const int connection = accept(compositor, nullptr, nullptr);
-        if (connection >= 0) close(connection);
-        return connection >= 0;
+    const auto terminate = [] {
+        HANDLE event = nullptr;
+        EXPECT_TRUE(WaitUntil([&] {
+            event = OpenEventA(EVENT_MODIFY_STATE, FALSE, "Global\\TVORSQD:TerminateManager");
+            return event != nullptr;
+        }));
+        SetEvent(event);
+        CloseHandle(event);
     };
-
+    const auto endProduct = [&] {
+        product.Process().Interrupt();
+        EXPECT_EQ(product.Process().Wait(), 0);
+    };
     const struct {
         const char* what;
         std::function<void()> act;
+        bool laterLook = false; // the agent has looked, and waits for its next look
     } ends[] = {
         {"message", [] { PostMessageA(AgentWindow(), 1030, 0, 0); }},
         {"close", [] { PostMessageA(AgentWindow(), WM_CLOSE, 0, 0); }},
-        {"termination",
-         [] {
-             HANDLE event = nullptr;
-             EXPECT_TRUE(WaitUntil([&] {
-                 event = OpenEventA(EVENT_MODIFY_STATE, FALSE, "Global\\TVORSQD:TerminateManager");
-                 return event != nullptr;
-             }));
-             SetEvent(event);
-             CloseHandle(event);
-         }},
-        // While it waits for its next look.
-        {"product",
-         [&] {
-             EXPECT_TRUE(WaitUntil(isLookedAt));
-             product.Interrupt();
-             EXPECT_EQ(product.Wait(), 0);
-         }},
+        {"termination", terminate},
+        {"product", endProduct, true},
         // With no product that is up, which some client kinds don't need.
-        {"desktop",
-         [&] {
-             EXPECT_TRUE(WaitUntil(isLookedAt));
-             close(compositor);
-         }},
+        {"desktop", [&] { compositor.Close(); }, true},
     };
     for (const auto& end : ends) {
-        while (isLookedAt()) { // by the one before
-        }
+        const int looks = compositor.Connections();
         StartAgents(1);
         ASSERT_TRUE(WaitUntil([] { return AgentWindow() != nullptr; }, 20000)) << end.what;
+        EXPECT_TRUE(!end.laterLook || WaitUntil([&] { return compositor.Connections() > looks; }));
         end.act();
         EXPECT_TRUE(WaitUntil([] { return AgentWindow() == nullptr && Agents().empty(); }, 20000)) << end.what;
     }

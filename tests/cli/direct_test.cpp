@@ -1,37 +1,26 @@
 // Commands that ask the printer itself: what they answer while no printer side serves it, and what a real one answers.
-#include "private_machine.h"
 #include "product.h"
 
-#include <fstream>
-#include <gtest/gtest.h>
-
-namespace {
-
-const std::string kPrinter = "Front desk";
-
-} // namespace
-
 TEST(DirectCommands, WithoutAPrinterSideTheyAreRefused) {
-    AddExamplePrinter();
-    RunningProduct product;
+    const ExampleProduct product;
     OrielText({"set", kPrinter, "PrinterExtStatus", "0"});
-    struct Row {
-        std::vector<std::string> command;
+    const struct {
+        Words command;
         int exitCode;
         int code;
+    } rows[] = {
+        {{"get", kPrinter, "PageCount", "--direct"}, 1, -50},
+        {{"set", kPrinter, "RefreshStatus", "all", "--direct"}, 1, -50},
+        {{"set", kPrinter, "RefreshStatus", "all", "--async"}, 1, -50},
+        {{"set", kPrinter, "RefreshStatus", "all", "--async", "--wait"}, 1, -50},
+        {{"set", kPrinter, "TonerLevel", "5", "--direct"}, 1, -19},
+        {{"set", kPrinter, "TonerLevel", "5", "--async"}, 1, -19},
+        {{"set", kPrinter, "RefreshStatus", "all", "--wait"}, 2, 0},
+        {{"set", kPrinter, "RefreshStatus", "all", "--async", "--direct"}, 2, 0},
+        {{"result", kPrinter, "5"}, 1, -19},
+        {{"result", kPrinter, "many"}, 2, 0},
     };
-    for (const Row& row : {
-             Row{{"get", kPrinter, "PageCount", "--direct"}, 1, -50},
-             Row{{"set", kPrinter, "RefreshStatus", "all", "--direct"}, 1, -50},
-             Row{{"set", kPrinter, "RefreshStatus", "all", "--async"}, 1, -50},
-             Row{{"set", kPrinter, "RefreshStatus", "all", "--async", "--wait"}, 1, -50},
-             Row{{"set", kPrinter, "TonerLevel", "5", "--direct"}, 1, -19},
-             Row{{"set", kPrinter, "TonerLevel", "5", "--async"}, 1, -19},
-             Row{{"set", kPrinter, "RefreshStatus", "all", "--wait"}, 2, 0},
-             Row{{"set", kPrinter, "RefreshStatus", "all", "--async", "--direct"}, 2, 0},
-             Row{{"result", kPrinter, "5"}, 1, -19},
-             Row{{"result", kPrinter, "many"}, 2, 0},
-         }) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.command[0] + " " + row.command.back());
         const Json document = OrielJson(row.command, row.exitCode);
         const Json& error = document.contains("variables") ? document["variables"][0]["error"] : document["error"];
@@ -43,26 +32,22 @@ TEST(DirectCommands, WithoutAPrinterSideTheyAreRefused) {
 TEST(DirectCommands, AreAnsweredByThePrinterSide) {
     AddExamplePrinter();
     // A number that the printer can be asked for, and told; and a queue.
-    const std::string model = PrivateDirectory() + "/copies.reg";
-    std::ofstream(model) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Tavik\\Oriel\\Printers\\Example Laser\\Status "
-                            "Variables]\n\"Copies\"=hex:04,00,00,00,04,02,03,00,01,00,00,00\n"
-                            "\"Events\"=hex:04,00,00,00,80,00,01,00,00,00,00,00\n";
-    OrielText({"reg", "import", model});
-    const std::string script = PrivateDirectory() + "/printer.script";
-    std::ofstream(script) << "set Copies 1\nset PageCount 3\n"
-                             "append Events 6\nappend Events 7\nappend Events 8:8\nqueue Events 4 2\n"
-                             "on read PageCount set PageCount 4711\n"
-                             "on write Copies delay 100ms\n"
-                             "on refresh fail -77\n";
+    const std::string variables = R"(HKLM\SOFTWARE\Tavik\Oriel\Printers\Example Laser\Status Variables)";
+    OrielText({"reg", "set", variables, "Copies", "04000000 04020300 01000000", "--type", "binary"});
+    OrielText({"reg", "set", variables, "Events", "04000000 80000100 00000000", "--type", "binary"});
+    const std::string script = FileOf("printer.script", "set Copies 1\nset PageCount 3\n"
+                                                        "append Events 6\nappend Events 7\nappend Events 8:8\n"
+                                                        "queue Events 4 2\non read PageCount set PageCount 4711\n"
+                                                        "on write Copies delay 100ms\non refresh fail -77\n");
     const std::string printer = "Back office";
     OrielText({"printers", "add", printer, "--driver", "Example Laser", "--port", "LPT1:", "--script", script});
     RunningProduct product;
     product.Event("printer-side-started");
-    ASSERT_TRUE(WaitUntil([&] { return OrielText({"get", printer, "PrinterExtStatus"}).starts_with("1 "); }));
-    EXPECT_EQ(product.Errors(), "");
+    ExpectTakesRequests(printer);
+    EXPECT_EQ(product.Process().Errors(), "");
 
     // The queue holds the two newest; each is there once, and what no one has put in is not.
-    const auto event = [&] { return OrielJson({"get", printer, "Events"})["variables"][0]["hex"]; };
+    const auto event = [&] { return VariableOf(printer, "Events")["hex"]; };
     Json first;
     ASSERT_TRUE(WaitUntil([&] { return (first = event()) != ""; })); // they are put in once nobody holds the mutex
     EXPECT_EQ(first, "07 00 00 00");

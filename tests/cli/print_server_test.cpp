@@ -2,12 +2,6 @@
 #include "print_server.h"
 #include "product.h"
 
-namespace {
-
-constexpr const char* kHeld = "job-hold-until-specified";
-
-} // namespace
-
 TEST(PrintServerJobs, ArePausedResumedAndCancelledByTheirOwnerAlone) {
     PrintServer server;
     RunningProduct product; // the registry knows no printer and no model
@@ -22,8 +16,9 @@ TEST(PrintServerJobs, ArePausedResumedAndCancelledByTheirOwnerAlone) {
         OrielText({"set", "Office", "SendingJobInfo", std::string("jobId=") + job});
     };
     isBeingSent("2");
+    constexpr const char* kHeld = "job-hold-until-specified";
     const struct {
-        std::vector<std::string> command;
+        Words command;
         const char* alerts[2]; // of the two jobs
     } rows[] = {
         {{"pause", "Office"}, {"none", kHeld}},
@@ -40,9 +35,8 @@ TEST(PrintServerJobs, ArePausedResumedAndCancelledByTheirOwnerAlone) {
 
     if (RunsAsRoot()) {
         isBeingSent("1");
-        for (const std::vector<std::string>& refused :
-             std::vector<std::vector<std::string>>{{"pause", "Office"}, {"cancel", "Office", "1"}}) {
-            const ProgramResult result = OrielAsNobody(refused);
+        for (const Words& refused : {Words{"pause", "Office"}, {"cancel", "Office", "1"}}) {
+            const ProgramResult result = OrielAs(65534, refused);
             EXPECT_EQ(result.exitCode, 4) << refused[0] << result.output << result.errors;
             EXPECT_EQ(server.Alerts(1), "none") << refused[0];
         }

@@ -1,20 +1,25 @@
 #include "product.h"
 
-#include "private_machine.h"
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
-#include <gtest/gtest.h>
-
-ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment& environment) {
+ProgramResult Oriel(const Words& arguments, const Environment& environment) {
     return RunProgram(ProgramPath("oriel"), arguments, environment);
 }
 
-ProgramResult OrielAsNobody(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {"--reuid=65534", "--regid=65534", "--clear-groups", ProgramPath("oriel")};
+ProgramResult OrielAs(unsigned user, const Words& arguments) {
+    const std::string id = std::to_string(user);
+    Words all = {"--reuid=" + id, "--regid=" + id, "--clear-groups", ProgramPath("oriel")};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return RunProgram("/usr/bin/setpriv", all);
 }
 
-Json OrielJson(std::vector<std::string> arguments, int exitCode, const Environment& environment) {
+Json OrielJson(Words arguments, int exitCode, const Environment& environment) {
     arguments.push_back("--json");
     const ProgramResult result = Oriel(arguments, environment);
     EXPECT_EQ(result.exitCode, exitCode) << arguments[0] << ": " << result.errors;
@@ -23,23 +28,42 @@ Json OrielJson(std::vector<std::string> arguments, int exitCode, const Environme
     return document;
 }
 
-std::string OrielText(const std::vector<std::string>& arguments, const Environment& environment) {
+std::string OrielText(const Words& arguments, const Environment& environment) {
     ProgramResult result = Oriel(arguments, environment);
     EXPECT_EQ(result.exitCode, 0) << arguments[0] << ": " << result.errors;
     if (result.output.ends_with('\n')) result.output.pop_back();
     return result.output;
 }
 
+Json VariableOf(const std::string& printer, const std::string& variable) {
+    return OrielJson({"get", printer, variable})["variables"][0];
+}
+
+Json ValueOf(const std::string& printer, const std::string& variable) {
+    return VariableOf(printer, variable)["value"];
+}
+
+void ExpectTakesRequests(const std::string& printer) {
+    EXPECT_TRUE(WaitUntil([&] { return ValueOf(printer, "PrinterExtStatus") == 1; }, 30000)) << printer;
+}
+
+std::string FileOf(const std::string& name, const std::string& text) {
+    const std::string path = PrivateDirectory() + "/" + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+void AddExamplePrinter(const Environment& environment) {
+    OrielText({"reg", "import", SourcePath("examples/example_laser.reg")}, environment);
+    OrielText({"printers", "add", kPrinter, "--driver", "Example Laser"}, environment);
+}
+
 RunningProduct::RunningProduct(const Environment& environment)
     : m_up(TestProcess::Program(ProgramPath("oriel"), {"up", "--json"}, environment)) {
-    for (;;) {
+    for (Json event = Json::object(); event.value("event", "") != "up";) {
         const std::string line = m_up.Hear();
-        const Json event = Json::parse(line, nullptr, false);
-        if (event.is_discarded()) {
-            ADD_FAILURE() << "the product did not start: " << line << m_up.Errors();
-            return;
-        }
-        if (event["event"] == "up") return;
+        event = Json::parse(line, nullptr, false);
+        if (event.is_discarded()) throw std::runtime_error("the product did not start: " + line + m_up.Errors());
     }
 }
 
@@ -49,13 +73,59 @@ RunningProduct::~RunningProduct() {
     EXPECT_EQ(m_up.Wait(), 0) << m_up.Errors();
 }
 
-Json RunningProduct::Event(const std::string& name) {
-    Json event = Json::parse(m_up.Hear(), nullptr, false);
-    EXPECT_EQ(event.value("event", ""), name);
+Json RunningProduct::Events(const Words& names) {
+    Json event;
+    for (const std::string& name : names) {
+        event = Json::parse(m_up.Hear(), nullptr, false);
+        EXPECT_EQ(event.value("event", ""), name);
+    }
     return event;
 }
 
-void AddExamplePrinter(const Environment& environment) {
-    OrielText({"reg", "import", SourcePath("examples/example_laser.reg")}, environment);
-    OrielText({"printers", "add", "Front desk", "--driver", "Example Laser"}, environment);
+void RunningProduct::KillService() {
+    KillProcess(ProcessOf(kServiceProgram));
+    Events({"service-ended", "service-started"});
+}
+
+CountedSocket::CountedSocket(const std::string& path) : m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{.sun_family = AF_UNIX};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(m_listener, 16), 0);
+    m_thread = std::thread([this] {
+        for (int client = 0; (client = accept(m_listener, nullptr, nullptr)) >= 0; close(client))
+            ++m_connections;
+    });
+}
+
+void CountedSocket::Close() {
+    if (!m_thread.joinable()) return;
+    shutdown(m_listener, SHUT_RDWR);
+    m_thread.join();
+    close(m_listener);
+}
+
+std::vector<int> ProcessesOf(const std::string& program) {
+    const auto textOf = [](const std::filesystem::path& path) {
+        std::ifstream stream(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(stream), {});
+    };
+    std::vector<int> processes;
+    const std::string state = std::string("ORIEL_STATE_DIR=") + std::getenv("ORIEL_STATE_DIR") + '\0';
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const int process = std::atoi(entry.path().filename().c_str());
+        if (process <= 0 || textOf(entry.path() / "cmdline").find(program) == std::string::npos) continue;
+        if (('\0' + textOf(entry.path() / "environ")).find('\0' + state) != std::string::npos)
+            processes.push_back(process);
+    }
+    return processes;
+}
+
+int ProcessOf(const std::string& program) {
+    const std::vector<int> processes = ProcessesOf(program);
+    return processes.empty() ? 0 : processes.front();
+}
+
+void KillProcess(int process) {
+    kill(process, SIGKILL);
 }

@@ -1,8 +1,10 @@
 // The real `oriel`, service and examples on the private machine of the test.
 #pragma once
 
+#include "private_machine.h"
 #include "test_process.h"
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <atomic>
@@ -11,17 +13,32 @@
 #include <vector>
 
 using Json = nlohmann::json;
+using Words = std::vector<std::string>;
 
-ProgramResult Oriel(const std::vector<std::string>& arguments, const Environment& environment = {});
+ProgramResult Oriel(const Words& arguments, const Environment& environment = {});
 
 // The same as another user, which only root can.
-ProgramResult OrielAsNobody(const std::vector<std::string>& arguments);
+ProgramResult OrielAs(unsigned user, const Words& arguments);
 
 // With --json: the one document that it must print. Fails the test when the exit code or the output is another.
-Json OrielJson(std::vector<std::string> arguments, int exitCode = 0, const Environment& environment = {});
+Json OrielJson(Words arguments, int exitCode = 0, const Environment& environment = {});
 
 // The output, without its last newline, of a command that must end with 0.
-std::string OrielText(const std::vector<std::string>& arguments, const Environment& environment = {});
+std::string OrielText(const Words& arguments, const Environment& environment = {});
+
+// `get` of one variable, as it is in JSON.
+Json VariableOf(const std::string& printer, const std::string& variable);
+Json ValueOf(const std::string& printer, const std::string& variable);
+
+// Waits until the printer's printer side serves direct requests.
+void ExpectTakesRequests(const std::string& printer);
+
+// A file of the test's own; its path.
+std::string FileOf(const std::string& name, const std::string& text);
+
+// "Front desk", of the example model.
+inline const std::string kPrinter = "Front desk";
+void AddExamplePrinter(const Environment& environment = {});
 
 // `oriel up --json`, up once constructed; stopped by the destructor when the test did not.
 class RunningProduct {
@@ -29,25 +46,27 @@ public:
     explicit RunningProduct(const Environment& environment = {});
     ~RunningProduct();
 
-    // The next event, which must be this one.
-    Json Event(const std::string& name);
-    void Interrupt() { m_up.Interrupt(); }
-    void Terminate() { m_up.Terminate(); }
-    int Wait() { return m_up.Wait(); }
-    std::string Errors() { return m_up.Errors(); }
+    // The next events, which must be these; the last one.
+    Json Events(const Words& names);
+    Json Event(const std::string& name) { return Events({name}); }
+    TestProcess& Process() { return m_up; }
+    void KillService(); // and waits until it is started again
 
 private:
     TestProcess m_up;
 };
 
-// The example model, and "Front desk", a printer of it.
-void AddExamplePrinter(const Environment& environment = {});
+// With the example printer, which was added before.
+struct ExampleProduct : RunningProduct {
+    ExampleProduct() : RunningProduct((AddExamplePrinter(), Environment{})) {}
+};
 
 // A socket that counts who connects, and closes each connection at once.
 class CountedSocket {
 public:
     explicit CountedSocket(const std::string& path);
-    ~CountedSocket();
+    ~CountedSocket() { Close(); }
+    void Close();
     int Connections() const { return m_connections; }
 
 private:
@@ -56,10 +75,9 @@ private:
     std::thread m_thread;
 };
 
-// The processes of a program, the one of the service, on this test's machine; 0 when there is none.
+// The processes of a program on this test's machine; the first one, or 0.
 std::vector<int> ProcessesOf(const std::string& program);
 int ProcessOf(const std::string& program);
-int ServiceProcess();
+inline constexpr const char* kServiceProgram = "TVSDBN.EXE";
+inline constexpr const char* kPrinterSideProgram = "TVSPSD.EXE";
 void KillProcess(int process);
-void StopProcess(int process); // SIGSTOP
-void ContinueProcess(int process);

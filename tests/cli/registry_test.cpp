@@ -1,23 +1,17 @@
 // reg: values of all types, and .reg files out and in.
-#include "private_machine.h"
 #include "product.h"
-
-#include <gtest/gtest.h>
-
-#include <fstream>
 
 static const std::string kKey = "HKLM\\SOFTWARE\\Test";
 
 TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
-    struct Case {
+    const struct {
         const char* name;
-        std::vector<std::string> data; // and --type
+        Words data; // and --type
         const char* type;
         const char* text;
         Json json;
         const char* hex;
-    };
-    const Case kCases[] = {
+    } rows[] = {
         {"text", {"a b"}, "REG_SZ", "a b", "a b", "61 20 62 00"},
         {"", {"\xc3\xa9"}, "REG_SZ", "\xc3\xa9", "\xc3\xa9", "e9 00"},
         {"path", {"%X%", "--type", "expand"}, "REG_EXPAND_SZ", "%X%", "%X%", "25 58 25 00"},
@@ -33,9 +27,9 @@ TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
         {"bytes", {"0102", "ff", "--type", "binary"}, "REG_BINARY", "01 02 ff", nullptr, "01 02 ff"},
         {"nothing", {"--type", "none"}, "REG_NONE", "", nullptr, ""},
     };
-    for (const Case& row : kCases) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        std::vector<std::string> command = {"reg", "set", kKey, row.name};
+        Words command = {"reg", "set", kKey, row.name};
         command.insert(command.end(), row.data.begin(), row.data.end());
         OrielText(command);
         EXPECT_EQ(OrielText({"reg", "query", kKey, row.name}), row.text);
@@ -43,7 +37,7 @@ TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
         EXPECT_EQ(value, Json({{"name", row.name}, {"type", row.type}, {"data", row.json}, {"hex", row.hex}}));
     }
     Json keys = OrielJson({"reg", "query", "HKEY_LOCAL_MACHINE\\software\\test"})["keys"];
-    EXPECT_EQ(keys[0]["values"].size(), std::size(kCases));
+    EXPECT_EQ(keys[0]["values"].size(), std::size(rows));
 
     OrielText({"reg", "delete", kKey, "list"});
     EXPECT_EQ(Oriel({"reg", "query", kKey, "list"}).exitCode, 1);
@@ -78,7 +72,7 @@ TEST(RegistryCommand, ExportAndImportGiveTheSameAndABadFileChangesNothing) {
     OrielText({"reg", "import", file});
     EXPECT_EQ(OrielText({"reg", "export", "HKLM\\SOFTWARE\\Tavik"}), before);
 
-    std::ofstream(file) << "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\n\"a\"=dword:1\n\"b\"=dword:xyz\n";
+    FileOf("exported.reg", "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\n\"a\"=dword:1\n\"b\"=dword:xyz\n");
     const Json error = OrielJson({"reg", "import", file}, 1)["error"];
     EXPECT_NE(error["what"].get<std::string>().find("line 5"), std::string::npos) << error;
     EXPECT_EQ(Oriel({"reg", "query", kKey}).exitCode, 1);

@@ -1,28 +1,14 @@
 // Values of every kind through the command, out and in.
-#include "private_machine.h"
 #include "product.h"
 
 #include <tvsqdz.h>
 #include <tvsqdz_variables.h>
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <fstream>
-
-namespace {
-
-const std::string kPrinter = "Front desk";
-
-Json Variable(const std::string& name) {
-    return OrielJson({"get", kPrinter, name})["variables"][0];
-}
-
-} // namespace
+#include <map>
 
 TEST(Variables, AllAreListedWithTheirInitialValues) {
-    AddExamplePrinter();
-    RunningProduct product;
+    const ExampleProduct product;
     const Json document = OrielJson({"vars", kPrinter});
     EXPECT_EQ(document["printer"], kPrinter);
     std::map<std::string, Json> variables;
@@ -49,19 +35,21 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
         if (size == 0 || variable["type"] == "string" || name == std::string("AccessControlList")) continue;
         EXPECT_EQ(variable["hex"].get<std::string>().size() + 1, size * 3);
     }
-    EXPECT_EQ(variables["PageCount"]["value"], Json()) << "not known yet";
+    const std::pair<const char*, Json> values[] = {
+        {"PageCount", nullptr}, // not known yet
+        {"PrinterStatus", {0, 0, 0}},
+        {"PrinterName", kPrinter},
+        {"PrinterQueue", Json::array()},
+        {"PortEx", {{"PrinterExtStatus", 0}, {"Port", {{"portKind", 0}, {"portName", ""}, {"portDetail", ""}}}}},
+        {"TonerLevel", 100},
+        {"PrinterModel", "Example Laser 4000"}};
+    for (const auto& [name, value] : values)
+        EXPECT_EQ(variables[name]["value"], value) << name;
     EXPECT_EQ(variables["PageCount"]["raw"], 0xffffffffu);
     EXPECT_EQ(variables["SpoolerStatus"]["bits"], Json::array());
-    EXPECT_EQ(variables["PrinterStatus"]["value"], Json({0, 0, 0}));
-    EXPECT_EQ(variables["PrinterName"]["value"], kPrinter);
-    EXPECT_EQ(variables["PrinterQueue"]["value"], Json::array());
-    EXPECT_EQ(variables["PortEx"]["value"],
-              Json({{"PrinterExtStatus", 0}, {"Port", {{"portKind", 0}, {"portName", ""}, {"portDetail", ""}}}}));
     EXPECT_EQ(variables["PrinterStatusEx"]["value"].size(), 5u); // ErrNSMError is in no model
-    EXPECT_EQ(variables["TonerLevel"]["value"], 100);
-    EXPECT_EQ(variables["TonerLevel"]["source"], "model");
-    EXPECT_EQ(variables["PrinterModel"]["value"], "Example Laser 4000");
-    EXPECT_EQ(variables["PrinterModel"]["source"], "model");
+    for (const char* name : {"TonerLevel", "PrinterModel"})
+        EXPECT_EQ(variables[name]["source"], "model");
 
     const Json some = OrielJson({"vars", kPrinter, "toner*", "Page?ount"});
     ASSERT_EQ(some["variables"].size(), 2u);
@@ -75,15 +63,28 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
 }
 
 TEST(Variables, WhatIsSetIsRead) {
-    AddExamplePrinter();
-    RunningProduct product;
-    struct Case {
-        const char* variable;
-        std::vector<std::string> value;
-        const char* text;
-        Json json;
+    const ExampleProduct product;
+    // A queue as the bytes of a file, its last name without NUL; it says how many jobs there are.
+    TvsJobRecord jobs[2] = {{"Report", "ann", 7}, {"Letter", "", 8}};
+    std::memset(jobs[1].ownerName, 'A', sizeof jobs[1].ownerName);
+    const auto queue = [&](const char* name, uint32_t count) {
+        return FileOf(name, std::string(reinterpret_cast<const char*>(&count), sizeof count) +
+                                std::string(reinterpret_cast<const char*>(jobs), sizeof jobs));
     };
-    const Case kCases[] = {
+    const Json report = {{"jobName", "Report"}, {"ownerName", "ann"}, {"jobId", 7}};
+    const Json letter = {{"jobName", "Letter"}, {"ownerName", std::string(32, 'A')}, {"jobId", 8}};
+    const std::string reportText = "jobName \"Report\", ownerName \"ann\", jobId 7";
+    const std::string bothText =
+        reportText + "\njobName \"Letter\", ownerName \"" + std::string(32, 'A') + "\", jobId 8";
+    const std::string portText = "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: ";
+    const std::string jobText = "jobName: \"Letter\"\nownerName: \"ann\"\njobId: 0";
+    const std::string office = "B\xc3\xbcro 5\xe2\x82\xac";
+    const struct {
+        const char* variable;
+        Words value;
+        std::string text;
+        Json json;
+    } rows[] = {
         {"PageCount", {"1234"}, "1234 (0x4D2)", 1234},
         {"PageCount", {"0x10"}, "16 (0x10)", 16},
         {"PageCount", {"unknown"}, "unknown", nullptr},
@@ -91,27 +92,30 @@ TEST(Variables, WhatIsSetIsRead) {
         {"PageCount", {"--hex", "0x07,00 0000"}, "7", 7},
         {"SpoolerStatus", {"12"}, "12 (0xC: ready for forwarded requests, takes refresh requests)", 12},
         {"PrinterExtStatus", {"1"}, "1 (0x1: takes direct requests)", 1},
-        {"PrinterLocation", {"B\xc3\xbcro 5\xe2\x82\xac"}, "B\xc3\xbcro 5\xe2\x82\xac", "B\xc3\xbcro 5\xe2\x82\xac"},
+        {"PrinterLocation", {office}, office, office},
         {"PrinterLocation", {""}, "", ""},
         {"PrinterLocation", {"--hex", "1b 5b 31 6d 0a 41 00"}, "\\x1b[1m\\nA", "\x1b[1m\nA"},
         {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, unknown", {1, 2, nullptr}},
         {"Port",
          {"portKind=8", "portName=LPT1:"},
-         "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: \"\"",
+         portText + "\"\"",
          {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", ""}}},
         {"Port",
-         {"portDetail=x"}, // the others are kept
-         "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: \"x\"",
-         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", "x"}}},
+         {"portDetail=x"},
+         portText + "\"x\"",
+         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", "x"}}}, // the others are kept
         {"PrinterBinConfig", {"--hex", "010203"}, "01 02 03", nullptr},
+        {"PrinterQueue", {"--file", queue("two", 2)}, bothText, {report, letter}},
+        {"PrinterQueue", {"--file", queue("one", 1)}, reportText, Json::array({report})},
+        {"PrinterQueue", {"--file", queue("many", 0xffffffff)}, bothText, {report, letter}}, // more than there are
     };
-    for (const Case& row : kCases) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.variable) + " " + row.value[0]);
-        std::vector<std::string> command = {"set", kPrinter, row.variable};
+        Words command = {"set", kPrinter, row.variable};
         command.insert(command.end(), row.value.begin(), row.value.end());
         EXPECT_EQ(OrielText(command), "");
         EXPECT_EQ(OrielText({"get", kPrinter, row.variable}), row.text);
-        EXPECT_EQ(Variable(row.variable)["value"], row.json);
+        EXPECT_EQ(ValueOf(kPrinter, row.variable), row.json);
     }
     EXPECT_EQ(OrielText({"get", kPrinter, "PageCount", "PrinterBinConfig", "--hex"}),
               "PageCount: 07 00 00 00\nPrinterBinConfig: 01 02 03");
@@ -124,51 +128,4 @@ TEST(Variables, WhatIsSetIsRead) {
     const Json mixed = OrielJson({"get", kPrinter, "Nothing", "PageCount"}, 1)["variables"];
     EXPECT_EQ(mixed[0]["error"]["code"], -19);
     EXPECT_EQ(mixed[1]["value"], 7);
-}
-
-TEST(Variables, JobsAndTheirQueues) {
-    AddExamplePrinter();
-    RunningProduct product;
-    OrielText({"set", kPrinter, "SendingJobInfo", "jobName=Report", "ownerName=ann"});
-    OrielText({"set", kPrinter, "SendingJobInfo", "jobName=Letter"}); // the owner is kept
-    EXPECT_EQ(Variable("SendingJobInfo")["value"], Json({{"jobName", "Letter"}, {"ownerName", "ann"}, {"jobId", 0}}));
-
-    // A queue as the bytes of a file; its last name has no NUL.
-    TvsJobRecord jobs[2] = {{"Report", "ann", 7}, {"Letter", "", 8}};
-    std::memset(jobs[1].ownerName, 'A', sizeof jobs[1].ownerName);
-    const std::string file = PrivateDirectory() + "/queue";
-    const auto writeQueue = [&](uint32_t count) {
-        std::ofstream stream(file, std::ios::binary);
-        stream.write(reinterpret_cast<const char*>(&count), sizeof count);
-        stream.write(reinterpret_cast<const char*>(jobs), sizeof jobs);
-        stream.close();
-        OrielText({"set", kPrinter, "PrinterQueue", "--file", file});
-    };
-    const Json report = {{"jobName", "Report"}, {"ownerName", "ann"}, {"jobId", 7}};
-    const Json letter = {{"jobName", "Letter"}, {"ownerName", std::string(32, 'A')}, {"jobId", 8}};
-    writeQueue(2);
-    EXPECT_EQ(Variable("PrinterQueue")["value"], Json({report, letter}));
-    EXPECT_TRUE(OrielText({"get", kPrinter, "PrinterQueue"})
-                    .starts_with("jobName \"Report\", ownerName \"ann\", jobId 7\njobName \"Letter\""));
-    writeQueue(1);
-    EXPECT_EQ(Variable("PrinterQueue")["value"], Json::array({report}));
-    writeQueue(0xffffffff); // more than there are
-    EXPECT_EQ(Variable("PrinterQueue")["value"], Json({report, letter}));
-}
-
-TEST(Variables, DoubleByteCodePage) {
-    const Environment japanese = {{"ORIEL_ANSI_CODE_PAGE", "932"}};
-    const std::string name = "\xe5\x8f\x97\xe4\xbb\x98";               // reception
-    const std::string floor = "\xe4\xba\x8c\xe9\x9a\x8e \xe8\xa1\xa8"; // its last character ends with a backslash byte
-    RunningProduct product(japanese);
-    OrielText({"printers", "add", name, "--driver", "Some driver"}, japanese);
-    EXPECT_EQ(OrielJson({"printers"}, 0, japanese)["printers"][0]["name"], name);
-    OrielText({"set", name, "PrinterLocation", floor}, japanese);
-    EXPECT_EQ(OrielText({"get", name, "PrinterLocation"}, japanese), floor);
-    EXPECT_EQ(OrielText({"get", name, "PrinterName"}, japanese), name);
-    const Json value = OrielJson({"get", name, "PrinterLocation"}, 0, japanese)["variables"][0];
-    EXPECT_EQ(value["hex"], "93 f1 8a 4b 20 95 5c 00");
-    const ProgramResult refused = Oriel({"set", name, "PrinterLocation", "\xc3\xbc"}, japanese);
-    EXPECT_EQ(refused.exitCode, 2);
-    EXPECT_NE(refused.errors.find("code page 932"), std::string::npos) << refused.errors;
 }

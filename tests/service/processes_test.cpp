@@ -109,7 +109,7 @@ TEST(ServiceProcess, OneServesAndStopsInOrderAndTheNextKnowsNothingOfIt) {
 // large that a reader easily comes between the writes of the others, were they not one.
 TEST(Load, ManyThreadsNeverSeeATornValue) {
     constexpr int kThreads = 16;
-    constexpr size_t kMiddle = 128 << 10;
+    constexpr size_t kMiddle = 256 << 10;
     const Service service;
     const Database database("Database", {{"Record", kTypeRecord, Bytes(255, 255)},
                                          {"List", kTypeVariableLength, Bytes(1, 1)},
