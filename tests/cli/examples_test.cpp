@@ -3,20 +3,9 @@
 
 #include <tvsqdz_status.h>
 
-#include <cstring>
 #include <fstream>
 
 namespace {
-
-std::string Hex(const void* bytes, size_t size) {
-    std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        constexpr char kDigits[] = "0123456789abcdef";
-        const auto byte = static_cast<const unsigned char*>(bytes)[i];
-        text += {kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-    return text;
-}
 
 // The lines of a file behind the one that is `before`, as long as they begin with the prefix, which is taken off, or
 // have nothing but it.
@@ -82,22 +71,15 @@ TEST(Examples, ProgramsOfHeaderAndReadmeAndTheFirstOneRun) {
 }
 
 TEST(Examples, QueuePrintsJobsInUtf8WhateverTheCodePage) {
+    UseSetting("ORIEL_ANSI_CODE_PAGE", "932");
     const ExampleProduct product;
-    const Environment japanese = {{"ORIEL_ANSI_CODE_PAGE", "932"}};
-    const auto shown = [&] { return RunProgram(ProgramPath("queue"), {"Front desk"}, japanese).output; };
+    const auto shown = [] { return RunProgram(ProgramPath("queue"), {"Front desk"}).output; };
     EXPECT_EQ(shown(), "0 waiting\n");
-    TvsJobRecord jobs[2] = {};
-    for (uint32_t i = 0; i < 2; ++i) {
-        std::strcpy(jobs[i].jobName,
-                    i == 0 ? "plain" : "\x95\x5C"); // one character of two bytes, the second a backslash
-        std::strcpy(jobs[i].ownerName, "anna");
-        jobs[i].jobId = 7 + i;
-    }
-    TvsPrintingJobRecord printing = {};
-    std::memcpy(&printing, &jobs[1], sizeof jobs[1]);
-    OrielText({"set", "Front desk", "PrinterQueue", "--hex", "02000000" + Hex(jobs, sizeof jobs)});
-    OrielText({"set", "Front desk", "PrintingJobInfo", "--hex", Hex(&printing, sizeof printing)});
-    EXPECT_EQ(shown(), "2 waiting\n7 plain of anna\n8 \u8868 of anna\nprinting 8 \u8868\n");
+    TvsJobRecord job = {"\x95\x5C", "anna", 8}; // one character of two bytes, the second a backslash
+    const std::string count("\1\0\0\0", 4), bytes(reinterpret_cast<const char*>(&job), sizeof job);
+    OrielText({"set", kPrinter, "PrinterQueue", "--file", FileOf("queue", count + bytes)});
+    OrielText({"set", kPrinter, "PrintingJobInfo", "jobName=\u8868", "jobId=8"});
+    EXPECT_EQ(shown(), "1 waiting\n8 \u8868 of anna\nprinting 8 \u8868\n");
 }
 
 TEST(Examples, DemonstrationEndsWell) {

@@ -30,10 +30,8 @@ TEST(Watch, EachFormTellsEachChangeUntilTheConditionHolds) {
     for (const std::string& form : kForms) {
         SCOPED_TRACE(form);
         Set({"TonerLevel", "100"});
-        TestProcess text =
-            Watch({"TonerLevel", "ServiceNote", "PrinterStatus", "--by", form, "--until", "TonerLevel<=20"});
+        TestProcess text = Watch({"TonerLevel", "PrinterStatus", "--by", form, "--until", "TonerLevel<=20"});
         EXPECT_EQ(text.Hear(), "watching TonerLevel: 100 (0x64)");
-        text.Hear();
         text.Hear();
         TestProcess json = Watch({"--json", "--by", form, "--until", "Port.portName=LPT2:", "--until", "TonerLevel&4"});
         EXPECT_EQ(Told(json, "start")["value"]["portName"], "");
@@ -46,21 +44,19 @@ TEST(Watch, EachFormTellsEachChangeUntilTheConditionHolds) {
         Set({"TonerLevel", "77"});
         EXPECT_TRUE(text.Hear().ends_with("Z  TonerLevel: 100 (0x64) -> 77 (0x4D)"));
         line = Told(json, "change");
-        EXPECT_EQ(line["name"], "TonerLevel");
-        EXPECT_EQ(line["old"], 100);
-        EXPECT_EQ(line["value"], 77);
+        for (const auto& [name, value] :
+             {std::pair<const char*, Json>{"name", "TonerLevel"}, {"old", 100}, {"value", 77}})
+            EXPECT_EQ(line[name], value);
         EXPECT_EQ(line["printer"], kPrinter);
         Set({"Port", "portName=LPT2:"}); // 77 has bit 4
         EXPECT_EQ(Told(json, "change")["value"]["portName"], "LPT2:");
         EXPECT_EQ(json.Wait(), 0);
         Set({"Port", "portName="});
-
-        for (const std::string value : {"01", "00"}) {
-            Set({"PrinterStatus", "--hex", value + "000000 00000000 00000000"});
-            EXPECT_NE(text.Hear().find(value == "01" ? "PrinterStatus: 0, 0, 0 -> 1, 0, 0" : "-> 0, 0, 0"),
-                      std::string::npos);
-        }
-        status.Hear();
+        Set({"PrinterStatus", "--hex", "01000000 00000000 00000000"});
+        EXPECT_TRUE(text.Hear().ends_with("PrinterStatus: 0, 0, 0 -> 1, 0, 0"));
+        EXPECT_TRUE(status.Hear().ends_with("-> 1, 0, 0"));
+        Set({"PrinterStatus", "--hex", "00000000 00000000 00000000"});
+        text.Hear();
         Set({"TonerLevel", "20"});
         EXPECT_TRUE(text.Hear().ends_with("77 (0x4D) -> 20 (0x14)"));
         EXPECT_EQ(text.Wait(), 0);
@@ -111,6 +107,7 @@ TEST(Watch, EndsAsItsOptionsSay) {
     TestProcess unknown = Watch({"--json", "--by", "letter"});
     EXPECT_EQ(Json::parse(unknown.Hear())["error"]["exitCode"], 2);
     const std::pair<const char*, const char*> scripts[] = {
+        {"\"$oriel\" printers >/dev/full", "No space"},
         {"\"$oriel\" watch 'Front desk' PageCount >/dev/full", "No space"},
         {R"(mkfifo "$d/pipe"; env --default-signal=PIPE "$oriel" watch 'Front desk' PageCount >"$d/pipe" & watch=$!
             until [ -p "$d/pipe" ]; do sleep 0.01; done; exec 3<"$d/pipe"; read -r line <&3; exec 3<&-

@@ -44,9 +44,29 @@ TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     EXPECT_EQ(other.Create("1234567890123456789012345678901"), kDone);
 }
 
-TEST(Variables, AreCreatedAsTheirTypeAllows) {
+namespace {
+
+// The service, with one database that has a variable of each type.
+struct Variables : testing::Test {
     const Service service;
-    const Database database("Database", {{"Number", kTypeNumber, Number(7)}});
+    const Database database{"Database",
+                            {{"Byte", kTypeByte, {1}},
+                             {"Word", kTypeWord, {1, 2}},
+                             {"Number", kTypeNumber, Number(7)},
+                             {"Text", kTypeString, Bytes(32, 't')},
+                             {"Record", kTypeRecord, Bytes(12, 'r')},
+                             {"B", kTypeRecord, {1, 2, 3}},
+                             {"List", kTypeVariableLength, {3, 0, 0, 0, 5, 6, 7}},
+                             {"Queue", kTypeVariableLength, {4, 0, 0, 0, 0, 0, 0, 0}},
+                             {"Inner", kTypeComposite, {}},
+                             {"Outer", kTypeComposite, {}},
+                             {"All", kTypeComposite, {}}}};
+};
+using Composites = Variables;
+
+} // namespace
+
+TEST_F(Variables, AreCreatedAsTheirTypeAllows) {
     const struct {
         std::string name;
         DWORD type;
@@ -56,8 +76,8 @@ TEST(Variables, AreCreatedAsTheirTypeAllows) {
         {"Number", kTypeNumber, Number(8), kVariableExists},
         {"number", kTypeNumber, Number(8), kDone}, // another name
         {"WideByte", kTypeByte, Number(1), kDone}, // keeps four bytes
-        {"List", kTypeVariableLength, {}, kDone},
-        {"All", kTypeComposite, {}, kDone},
+        {"Rest", kTypeVariableLength, {}, kDone},
+        {"Whole", kTypeComposite, {}, kDone},
         {"Empty", kTypeNumber, {}, kWrongSize},
         {"EmptyText", kTypeString, {}, kWrongSize},
         {"FullComposite", kTypeComposite, {1}, kWrongSize},
@@ -76,15 +96,7 @@ TEST(Variables, AreCreatedAsTheirTypeAllows) {
     EXPECT_EQ(database.NumberIn("Number"), 7u);
 }
 
-TEST(Variables, TakeValuesOfTheirSizes) {
-    const Service service;
-    const Database database("Database", {{"Byte", kTypeByte, {1}},
-                                         {"Word", kTypeWord, {1, 2}},
-                                         {"Number", kTypeNumber, Number(1)},
-                                         {"Text", kTypeString, Bytes(32, 't')},
-                                         {"Record", kTypeRecord, Bytes(12, 'r')},
-                                         {"List", kTypeVariableLength, {4, 0, 0, 0, 0, 0, 0, 0}},
-                                         {"All", kTypeComposite, {}}});
+TEST_F(Variables, TakeValuesOfTheirSizes) {
     const struct {
         const char* name;
         std::vector<size_t> taken, refused; // sizes; the latter are tried before and after
@@ -144,7 +156,7 @@ TEST(Variables, TakeValuesOfTheirSizes) {
     EXPECT_EQ(valueSize, 0u);
 }
 
-TEST(Variables, WriteTimesAreKeptInUtcAndNoTwoAreTheSameAndWritesAreCounted) {
+TEST(WriteTimes, AreKeptInUtcAndNoTwoAreTheSameAndWritesAreCounted) {
     const Service service;
     SYSTEMTIME now;
     GetSystemTime(&now);
@@ -162,19 +174,11 @@ TEST(Variables, WriteTimesAreKeptInUtcAndNoTwoAreTheSameAndWritesAreCounted) {
     EXPECT_LE(last, Milliseconds(now) + kWrites); // they may come faster than one a millisecond
 }
 
-TEST(Composites, AreTheirMembersInListOrder) {
-    const Service service;
-    const Database database("Database", {{"A", kTypeNumber, Number(0x11111111)},
-                                         {"B", kTypeRecord, {1, 2, 3}},
-                                         {"C", kTypeString, BytesOf("cc")},
-                                         {"List", kTypeVariableLength, {3, 0, 0, 0, 5, 6, 7}},
-                                         {"Queue", kTypeVariableLength, {4, 0, 0, 0, 0, 0, 0, 0}},
-                                         {"All", kTypeComposite, {}},
-                                         {"Outer", kTypeComposite, {}}});
-    const Bytes a = Number(0x11111111), b = {1, 2, 3};
-    const std::pair<const char*, Bytes> rows[] = {{"A;B;", a + b},
-                                                  {"B;ErrNSMError;A;", b + a}, // a member that is not there
-                                                  {"C;C;", {'c', 'c', 0, 'c', 'c', 0}},
+TEST_F(Composites, AreTheirMembersInListOrder) {
+    const Bytes a = Number(7), b = {1, 2, 3};
+    const std::pair<const char*, Bytes> rows[] = {{"Number;B;", a + b},
+                                                  {"B;ErrNSMError;Number;", b + a}, // a member that is not there
+                                                  {"Word;Word;", {1, 2, 1, 2}},
                                                   {"B", b},
                                                   {";;B;;", b},
                                                   {"Missing;", {}},
@@ -183,7 +187,7 @@ TEST(Composites, AreTheirMembersInListOrder) {
         EXPECT_EQ(database.Compose("All", list), kDone);
         EXPECT_EQ(database.Value("All"), value) << list;
     }
-    EXPECT_EQ(database.Compose("A", "B;"), kBadArgument);
+    EXPECT_EQ(database.Compose("Number", "B;"), kBadArgument);
     EXPECT_EQ(database.Compose("Missing", "B;"), kUnknownVariable);
     EXPECT_EQ(database.Compose("All", std::string(256, 'n') + ";"), kBadName);
 
@@ -220,55 +224,46 @@ TEST(Composites, AreTheirMembersInListOrder) {
     EXPECT_EQ(all.size, 4u);
 
     // Composites of composites, and of themselves.
-    EXPECT_EQ(database.Compose("Outer", "All;A;All;"), kDone);
+    EXPECT_EQ(database.Compose("Outer", "All;Number;All;"), kDone);
     EXPECT_EQ(database.Value("Outer"), (Bytes{4, 0, 0, 8} + a + Bytes{4, 0, 0, 8}));
     EXPECT_EQ(database.Compose("Outer", "Late;Outer;"), kDone);
     EXPECT_EQ(database.Value("Outer"), Bytes(kCompositeDepthMax, 8));
 }
 
-TEST(Composites, AWriteGoesToTheMembersOrNowhere) {
-    const Service service;
-    const Database database("Database", {{"A", kTypeNumber, Number(1)},
-                                         {"B", kTypeRecord, {1, 2, 3}},
-                                         {"List", kTypeVariableLength, {1, 0, 0, 0, 9}},
-                                         {"Inner", kTypeComposite, {}},
-                                         {"All", kTypeComposite, {}}});
+TEST_F(Composites, AWriteGoesToTheMembersOrNowhere) {
     ASSERT_EQ(database.Compose("Inner", "B;Missing;"), kDone);
     const struct {
         const char* list;
         size_t size;
         LONG answer;
-    } rows[] = {{"A;Inner;", 7, kDone},      {"Inner;A;", 7, kDone},      {"A;Inner;", 6, kWrongSize},
-                {"A;Inner;", 8, kWrongSize}, {"A;Inner;", 0, kWrongSize}, {"A;A;", 8, kWrongSize},
-                {"A;List;", 5, kWrongSize},  {"Missing;", 0, kWrongSize}};
+    } rows[] = {{"Number;Inner;", 7, kDone},      {"Inner;Number;", 7, kDone},      {"Number;Inner;", 6, kWrongSize},
+                {"Number;Inner;", 8, kWrongSize}, {"Number;Inner;", 0, kWrongSize}, {"Number;Number;", 8, kWrongSize},
+                {"Number;List;", 5, kWrongSize},  {"Missing;", 0, kWrongSize}};
     unsigned char fill = 0x40;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.list + std::to_string(row.size));
         ASSERT_EQ(database.Compose("All", row.list), kDone);
         const Bytes before = database.Value("All");
-        const DWORD writes = database.Info("A").writes;
+        const DWORD writes = database.Info("Number").writes;
         Bytes value(row.size);
         for (unsigned char& byte : value)
             byte = ++fill;
         EXPECT_EQ(database.Write("All", value), row.answer);
         EXPECT_EQ(database.Value("All"), row.answer == kDone ? value : before);
-        EXPECT_EQ(database.Info("A").writes, writes + (row.answer == kDone));
+        EXPECT_EQ(database.Info("Number").writes, writes + (row.answer == kDone));
     }
-    EXPECT_EQ(database.Value("List"), (Bytes{1, 0, 0, 0, 9}));
+    EXPECT_EQ(database.Value("List"), (Bytes{3, 0, 0, 0, 5, 6, 7}));
 }
 
-TEST(Composites, HaveBounds) {
-    const Service service;
-    const Database database("Database",
-                            {{"B", kTypeByte, {1}}, {"Inner", kTypeComposite, {}}, {"Outer", kTypeComposite, {}}});
+TEST_F(Composites, HaveBounds) {
     std::string bytes, outers;
     for (DWORD i = 0; i < kCompositeMembersMax; ++i) {
-        bytes += "B;";
+        bytes += "Byte;";
         outers += "Outer;"; // 64 to the fourth, were there no bound
     }
     EXPECT_EQ(database.Compose("Inner", bytes), kDone);
     EXPECT_EQ(database.Value("Inner"), Bytes(kCompositeMembersMax, 1));
-    EXPECT_EQ(database.Compose("Inner", bytes + "B;"), kLimitReached);
+    EXPECT_EQ(database.Compose("Inner", bytes + "Byte;"), kLimitReached);
     EXPECT_EQ(database.Compose("Inner", std::string(kMemberListMax + 1, ';')), kLimitReached);
     EXPECT_EQ(database.Compose("Outer", outers), kDone);
     DWORD size = 1;

@@ -1,8 +1,9 @@
 """A client of the status database that shares no code with it, in the byte order of either kind of machine.
 
-foreign_client.py SOCKET big|little: makes a database with a variable, writes and reads it, and prints "ok". The frames
+foreign_client.py SOCKET big|little: calls each procedure, looks at the bytes of the replies, and prints "ok". The frames
 are those of DCE 1.1 RPC, connection-oriented, version 5.0 (C706, chapter 12).
 """
+import datetime
 import socket
 import struct
 import sys
@@ -13,7 +14,6 @@ NDR = uuid.UUID("8a885d04-1ceb-11c9-9fe8-08002b104860")
 REQUEST, RESPONSE, FAULT, BIND, BIND_ACK = 0, 2, 3, 11, 12
 FIRST, LAST = 1, 2
 FRAGMENT = 4280
-VARIABLE_LENGTH = 5
 BAD_STUB_DATA = 1783
 
 
@@ -57,7 +57,7 @@ class Client:
                 body += parameter + bytes(-len(parameter) % 4)
         self.call_id += 1
         room = FRAGMENT - 24
-        for at in range(0, len(body), room):
+        for at in range(0, len(body) or 1, room):
             flags = (FIRST if at == 0 else 0) | (LAST if at + room >= len(body) else 0)
             self.send(REQUEST, flags, self.pack("LHH", len(body) - at, 0, procedure) + body[at:at + room])
         reply, flags = b"", 0
@@ -69,24 +69,55 @@ class Client:
             reply += body[8:]
         return reply, order
 
-    def numbers(self, procedure, *parameters):
-        body, order = self.call(procedure, *parameters)
-        return struct.unpack(order + "%dL" % (len(body) // 4), body)
+    def numbers(self, form, procedure, *parameters):
+        body, mark = self.call(procedure, *parameters)
+        return struct.unpack(mark + form, body)
+
+    def expect(self, procedure, parameters, *reply):
+        """The reply is these bytes and numbers."""
+        body, mark = self.call(procedure, *parameters)
+        wanted = [part if isinstance(part, bytes) else struct.pack(mark + "l", part) for part in reply]
+        assert body == b"".join(wanted), (procedure, parameters, body[:40])
 
 
 def main(path, order):
     client = Client(path, order == "big")
-    handle, status = client.numbers(0, "Of " + order)
-    assert status == 0, status
-    assert client.numbers(8, handle, "Value", VARIABLE_LENGTH, 5, 0, b"\1\2\3\4\5") == (0,)
+    name = "Of " + order
+    handle, status = client.numbers("Ll", 0, name)
+    assert handle != 0 and status == 0, status
+    v = (handle, "V")
+    client.expect(0, (name,), 0, -2)  # there is one
+    client.expect(1, (name,), 0, -4)  # not ready
+    client.expect(8, (*v, 5, 5, 0, b"\1\2\3\4\5"), 0)
+    client.expect(8, (handle, "C", 6, 0, 0, b""), 0)
+    client.expect(8, (handle, "R", 4, 3, 0, b"\6\7\x08"), 0)
+    client.expect(12, (handle, "C", "R;R;"), 0)
+    client.expect(7, (handle,), 0)
     # The last is longer than a fragment, so that requests and replies come in several.
     for value in (b"", b"\x09\x08", bytes(range(256)) * 300):
-        assert client.numbers(9, handle, "Value", value, len(value)) == (0,)
-        body, mark = client.call(10, handle, "Value", len(value) + 1)
-        array = struct.pack(mark + "L", len(value) + 1) + value + b"\0"
-        assert body == array + bytes(-len(array) % 4) + struct.pack(mark + "Ll", len(value), 0), body[:40]
-    assert client.numbers(9, handle, "Value", b"abc", 4) == (BAD_STUB_DATA,)
-    assert client.numbers(7, handle) == (0,)
+        size = len(value)
+        client.expect(9, (*v, value, size), 0)
+        client.expect(10, (*v, size + 3), size + 3, value + bytes(3 + -(size + 3) % 4), size, 0)
+    client.expect(10, (*v, 2), 2, bytes(4), size, -8)  # too small
+    client.expect(10, (*v, 0), 0, size, 0)
+    client.expect(10, (handle, "C", 7), 7, b"\6\7\x08\6\7\x08\0\0", 6, 0)
+    client.expect(9, (*v, b"abc", 4), BAD_STUB_DATA)
+
+    kind, size, writes, *written, status = client.numbers("3L8Hl", 14, handle, "R")
+    assert (kind, size, writes, status) == (4, 3, 1, 0), (kind, size, writes, status)
+    year, month, _, *rest = written
+    age = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None) - datetime.datetime(year, month, *rest[:4])
+    assert abs(age.total_seconds()) < 20, written
+    handles, variables, *_, status = client.numbers("2L8Hl", 4, handle)
+    assert (handles, variables, status) == (1, 3, 0), (handles, variables, status)
+    first, second, status = instance = client.numbers("2Ll", 3)
+    assert (first or second) and status == 0 and client.numbers("2Ll", 3) == instance, instance
+    client.expect(15, (*v, 1), 0)
+    client.expect(16, v, 0)
+    client.expect(18, ("Refresh:Front desk",), -14)
+    again, status = client.numbers("Ll", 1, name)
+    assert again not in (0, handle) and status == 0, again
+    client.expect(2, (again,), 0)
     print("ok")
 
 

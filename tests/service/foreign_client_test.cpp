@@ -14,6 +14,6 @@ TEST(ForeignClient, IsServedInEitherByteOrder) {
         EXPECT_EQ(result.output, "ok\n") << order << ": " << result.errors;
         Database database;
         ASSERT_EQ(database.Open("Of " + order), kDone);
-        EXPECT_EQ(database.Value("Value").size(), 256u * 300);
+        EXPECT_EQ(database.Value("V").size(), 256u * 300);
     }
 }

@@ -157,38 +157,6 @@ TEST(Load, ManyThreadsNeverSeeATornValue) {
     EXPECT_EQ(torn, 0);
 }
 
-// Whoever is in a call when the service is killed gets an error at once.
-TEST(Campaign, CallsOfAKilledServiceReturn) {
-    constexpr int kThreads = 16;
-    // By itself, on a machine that does nothing else; elsewhere only that it ends.
-    const double boundMs = Rounds(5000, 100);
-    double worst = 0;
-    for (int round = 0; round < Rounds(3, 200); ++round) {
-        Service service;
-        const Database database("Database", {{"Number", kTypeNumber, Number(1)}});
-        std::atomic<int> calls = 0;
-        std::atomic<int> running = kThreads;
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < kThreads; ++thread) {
-            threads.emplace_back([&] {
-                Bytes value;
-                while (database.Read("Number", 4, &value) == kDone && database.Write("Number", value) == kDone)
-                    ++calls;
-                --running;
-            });
-        }
-        EXPECT_TRUE(WaitUntil([&] { return calls > 50 * kThreads; }));
-        const double killed = NowMs();
-        service.process.KillOnly();
-        EXPECT_TRUE(WaitUntil([&] { return running == 0; }));
-        worst = std::max(worst, NowMs() - killed);
-        for (std::thread& thread : threads)
-            thread.join();
-    }
-    std::printf("worst: %.1f ms\n", worst);
-    EXPECT_LE(worst, boundMs);
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take memory of their own
 // Printers as the library creates them: 1,000 are to stay far below 64 MiB.
 TEST(Campaign, AThousandPrintersTakeLittleMemory) {

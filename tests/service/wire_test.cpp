@@ -1,11 +1,9 @@
-// Bytes of requests and replies, as any client of the interface would send and see them.
+// Bodies that no client of ours would send. Those of an orderly one: foreign_client.py.
 #include "service_under_test.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
-
-const Bytes kDoneReply = Number(0);
 
 struct Request {
     UINT procedure;
@@ -30,70 +28,6 @@ std::vector<Request> GoodRequests(DWORD handle) {
 }
 
 } // namespace
-
-TEST(Wire, RequestAndReplyBytesOfEveryProcedure) {
-    const Service service;
-    // "AB" as it travels
-    const Bytes text = {3, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 'A', 'B', 0, 0};
-    EXPECT_EQ(BodyOf("AB"), text);
-    const RawReply created = CallRaw(0, text);
-    ASSERT_EQ(created.fault, RPC_S_OK);
-    const Bytes handle(created.body.begin(), created.body.begin() + 4);
-    EXPECT_NE(handle, Bytes(4));
-    EXPECT_EQ(created.body, handle + kDoneReply);
-
-    const auto named = [&](std::string_view name) { return handle + BodyOf(name); };
-    const Bytes& v = named("V");
-    const Bytes& c = named("C");
-    const struct {
-        Request request;
-        Bytes reply;
-    } rows[] = {
-        {{0, text}, Bytes(4) + Bytes{0xFE, 0xFF, 0xFF, 0xFF}}, // -2: there is one
-        {{1, text}, Bytes(4) + Bytes{0xFC, 0xFF, 0xFF, 0xFF}}, // -4: not ready
-        {{8, v + BodyOf(4u, 5u, 0u, Bytes{1, 2, 3, 4, 5})}, kDoneReply},
-        {{8, c + BodyOf(6u, 0u, 0u, Bytes{})}, kDoneReply},
-        {{12, c + BodyOf("V;V;")}, kDoneReply},
-        {{7, handle}, kDoneReply},
-        {{9, v + BodyOf(Bytes{6, 7, 8}, 3u)}, kDoneReply},
-        // An array of 7, the last four zero, padding; value size 3; status 0.
-        {{10, v + Number(7)}, {7, 0, 0, 0, 6, 7, 8, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0}},
-        // Too small: an array of 2, zero, padding; value size 3; status -8.
-        {{10, v + Number(2)}, {2, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0xF8, 0xFF, 0xFF, 0xFF}},
-        // Size 0: an empty array, the value size, status 0.
-        {{10, v + Number(0)}, {0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0}},
-        {{10, c + Number(10)}, {10, 0, 0, 0, 6, 7, 8, 0, 0, 6, 7, 8, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0}},
-        {{15, v + Number(1)}, kDoneReply},
-        {{16, v}, kDoneReply},
-        {{18, BodyOf("Refresh:Front desk")}, {0xF2, 0xFF, 0xFF, 0xFF}}, // -14
-    };
-    for (const auto& [request, reply] : rows)
-        EXPECT_EQ(CallRaw(request.procedure, request.body).body, reply) << request.procedure;
-
-    const Bytes info = CallRaw(14, v).body;
-    ASSERT_EQ(info.size(), 32u);
-    EXPECT_EQ(Bytes(info.begin(), info.begin() + 12), BodyOf(4u, 3u, 2u)) << "type, size, writes with its creation";
-    EXPECT_EQ(U32At(info, 28), 0u) << "status";
-    SYSTEMTIME written, now;
-    std::memcpy(&written, info.data() + 12, sizeof written);
-    GetSystemTime(&now);
-    EXPECT_LE(Milliseconds(now) + 1 - Milliseconds(written), 20000u); // the second write may be a millisecond ahead
-
-    const Bytes database = CallRaw(4, handle).body;
-    ASSERT_EQ(database.size(), 28u);
-    EXPECT_EQ(Bytes(database.begin(), database.begin() + 8), BodyOf(1u, 2u)) << "open handles, variables";
-    EXPECT_EQ(U32At(database, 24), 0u);
-
-    const Bytes instance = CallRaw(3, {}).body;
-    ASSERT_EQ(instance.size(), 12u);
-    EXPECT_NE(Bytes(instance.begin(), instance.begin() + 8), Bytes(8));
-    EXPECT_EQ(U32At(instance, 8), 0u);
-    EXPECT_EQ(CallRaw(3, {}).body, instance);
-
-    const Bytes opened = CallRaw(1, text).body;
-    EXPECT_NE(Bytes(opened.begin(), opened.begin() + 4), handle);
-    EXPECT_EQ(CallRaw(2, Bytes(opened.begin(), opened.begin() + 4)).body, kDoneReply);
-}
 
 TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
     const Service service;
