@@ -50,8 +50,9 @@ TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
     }
     Database again;
     ASSERT_EQ(again.Open("Database"), kDone);
-    EXPECT_EQ(CallRaw(9, BodyOf(again.handle, "Value", Bytes{7}, 2u)).fault, RPC_X_BAD_STUB_DATA)
-        << "array and size parameter differ";
+    // Array and size parameter differ.
+    EXPECT_EQ(CallRaw(8, BodyOf(again.handle, "More", 4u, 3u, 0u, Bytes{1, 2})).fault, RPC_X_BAD_STUB_DATA);
+    EXPECT_EQ(CallRaw(9, BodyOf(again.handle, "Value", Bytes{7}, 2u)).fault, RPC_X_BAD_STUB_DATA);
     EXPECT_EQ(CallRaw(10, BodyOf(again.handle, "Value", kValueSizeMax + 1)).fault, RPC_X_BAD_STUB_DATA);
     EXPECT_EQ(again.Value("Value"), (Bytes{1, 2, 3}));
     for (const UINT procedure : {5u, 6u, 11u, 13u, 17u, 19u, 4711u})
