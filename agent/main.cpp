@@ -36,7 +36,7 @@ bool g_productWasUp = false; // some client kinds need no product that is up, an
 // cannot have it, because somebody keeps it, begins all the same: two of them do no harm.
 struct OneAgentHold {
     OneAgentHold() {
-        if (m_mutex) m_hold.Acquire(m_mutex.handle, kOneAgentMs);
+        if (m_mutex) m_hold.Acquire(m_mutex.Get(), kOneAgentMs);
     }
 
 private:
