@@ -24,17 +24,14 @@ void SetDisplay(const std::string& x, const std::string& wayland = "") {
 }
 
 // Somebody who takes connections there, or took them once it is closed.
-int Listener(const sockaddr* address, size_t size) {
-    const int descriptor = socket(address->sa_family, SOCK_STREAM, 0);
-    EXPECT_EQ(bind(descriptor, address, static_cast<socklen_t>(size)) + listen(descriptor, 1), 0);
-    return descriptor;
-}
-
-int ListenerAt(const std::string& path) {
+int Listener(const std::string& path) {
     sockaddr_un address{.sun_family = AF_UNIX};
     std::memcpy(address.sun_path, path.data(), path.size());
     if (path[0] == '@') address.sun_path[0] = '\0';
-    return Listener(reinterpret_cast<sockaddr*>(&address), offsetof(sockaddr_un, sun_path) + path.size());
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) + listen(descriptor, 1), 0);
+    return descriptor;
 }
 
 } // namespace
@@ -44,12 +41,10 @@ TEST(Desktop, IsWhereADisplayIs) {
     std::snprintf(services, sizeof services, "Service-0x0-%x$", geteuid());
     EXPECT_EQ(Station(), services);
     EXPECT_FALSE(OrielDesktopLives());
-    SetDisplay("");
-    EXPECT_EQ(Station(), services);
-    SetDisplay(":99");
-    EXPECT_EQ(Station(), "WinSta0");
-    SetDisplay("", "wayland-99");
-    EXPECT_EQ(Station(), "WinSta0");
+    for (const auto& [x, wayland] : {std::pair{"", ""}, {":99", ""}, {"", "wayland-99"}}) {
+        SetDisplay(x, wayland);
+        EXPECT_EQ(Station(), *x || *wayland ? "WinSta0" : services);
+    }
     UseSetting("ORIEL_WINDOW_STATION", "Service-0x0-3e7$");
     EXPECT_EQ(Station(), "Service-0x0-3e7$");
     EXPECT_FALSE(OrielDesktopLives());
@@ -60,19 +55,19 @@ TEST(Desktop, LivesWhileItsDisplayTakesConnections) {
     const std::string x = std::to_string(7000 + getpid() % 50000), next = std::to_string(7001 + getpid() % 50000);
     const std::string folder = PrivateDirectory();
     UseSetting("XDG_RUNTIME_DIR", folder.c_str());
-    sockaddr_in loopback{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-    const int tcp = Listener(reinterpret_cast<sockaddr*>(&loopback), sizeof loopback);
-    socklen_t size = sizeof loopback;
-    ASSERT_EQ(getsockname(tcp, reinterpret_cast<sockaddr*>(&loopback), &size), 0);
+    sockaddr_in any{};
+    socklen_t size = sizeof any;
+    const int tcp = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(listen(tcp, 1) + getsockname(tcp, reinterpret_cast<sockaddr*>(&any), &size), 0);
     const struct {
         std::string x, wayland;
         int listener;
     } rows[] = {
-        {":0", "wayland-test", ListenerAt(folder + "/wayland-test")},
-        {"", folder + "/other", ListenerAt(folder + "/other")},
-        {":" + x + ".1", "", ListenerAt("@/tmp/.X11-unix/X" + x)},
-        {"unix:" + next, "", ListenerAt("@/tmp/.X11-unix/X" + next)},
-        {"localhost:" + std::to_string(ntohs(loopback.sin_port) - 6000) + ".0", "", tcp},
+        {":0", "wayland-test", Listener(folder + "/wayland-test")},
+        {"", folder + "/other", Listener(folder + "/other")},
+        {":" + x + ".1", "", Listener("@/tmp/.X11-unix/X" + x)},
+        {"unix:" + next, "", Listener("@/tmp/.X11-unix/X" + next)},
+        {"localhost:" + std::to_string(ntohs(any.sin_port) - 6000) + ".0", "", tcp},
     };
     for (const auto& row : rows) {
         SetDisplay(row.x, row.wayland);

@@ -168,16 +168,15 @@ TEST(EventCampaign, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
         const Owned through = NewEvent(nullptr, FALSE);
         std::atomic<int> resets{0}, missed{0};
         DWORD id = 0;
-        const Owned waiter = StartThread(
-            [&] {
-                for (int i = 1; i <= rounds && missed <= 3; SetEvent(through), ++i) {
-                    if (Wait(event, 5000) != WAIT_OBJECT_0) ++missed;
-                    while (resets != i)
-                        Sleep(0);
-                }
-                return 0;
-            },
-            &id);
+        const auto wait = [&] {
+            for (int i = 1; i <= rounds && missed <= 3; SetEvent(through), ++i) {
+                missed += Wait(event, 5000) != WAIT_OBJECT_0;
+                while (resets != i)
+                    Sleep(0);
+            }
+            return 0;
+        };
+        const Owned waiter = StartThread(wait, &id);
         for (int i = 1; i <= rounds && missed <= 3; ++i) {
             while (!IsAsleep(id)) // it sleeps nowhere but in the wait
                 Sleep(0);

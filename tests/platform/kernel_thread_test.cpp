@@ -19,18 +19,16 @@ struct LastWords {
 } // namespace
 
 TEST(Thread, RunsAndLeavesItsExitCode) {
-    DWORD own = 0;
-    DWORD id = 0;
-    const Owned thread = StartThread(
-        [&] {
-            static thread_local LastWords words;
-            volatile char room[60000]; // of the 64 KiB that it asked for
-            for (size_t i = 0; i < sizeof room; i += 1000)
-                room[i] = 1;
-            own = GetCurrentThreadId() * room[59000];
-            return words.said;
-        },
-        &id);
+    DWORD own = 0, id = 0;
+    const auto body = [&] {
+        static thread_local LastWords words;
+        volatile char room[60000]; // of the 64 KiB that it asked for
+        for (size_t i = 0; i < sizeof room; i += 1000)
+            room[i] = 1;
+        own = GetCurrentThreadId() * room[59000];
+        return words.said;
+    };
+    const Owned thread = StartThread(body, &id);
     EXPECT_EQ(Finish(thread), 4711U);
     EXPECT_EQ(own, id);
     EXPECT_NE(id, GetCurrentThreadId());
@@ -90,14 +88,13 @@ TEST(Termination, StopsAThreadWhereverItIs) {
         const Owned begun = NewEvent();
         std::atomic<bool> ranOn{false};
         DWORD id = 0, blockedId = 0;
-        const Owned thread = StartThread(
-            [&, body = row.body] {
-                Wait(mutex), Wait(unnamed), SetEvent(begun);
-                body();
-                ranOn = true;
-                return 1;
-            },
-            &id);
+        const auto body = [&, body = row.body] {
+            Wait(mutex), Wait(unnamed), SetEvent(begun);
+            body();
+            ranOn = true;
+            return 1;
+        };
+        const Owned thread = StartThread(body, &id);
         ASSERT_EQ(Wait(begun), DWORD{WAIT_OBJECT_0});
         const Owned blocked = StartThread([&] { return Wait(mutex); }, &blockedId);
         EXPECT_TRUE(WaitUntil([&] { return IsAsleep(blockedId) && (!row.sleeps || IsAsleep(id)); }));
@@ -114,7 +111,13 @@ TEST(Termination, StopsAThreadWhereverItIs) {
     }
     LeaveCriticalSection(&busy);
     // None of the stopped threads has taken the section with it, and what they waited for is let go.
-    EXPECT_EQ(OnAThread([&] { return EnterCriticalSection(&busy), LeaveCriticalSection(&busy), 0; }), 0U);
+    EnterCriticalSection(&busy);
+    EXPECT_TRUE(TryEnterCriticalSection(&busy));
+    OnAThread([&] { return LeaveCriticalSection(&busy), 0; }); // not its own: nothing happens
+    LeaveCriticalSection(&busy);
+    EXPECT_FALSE(OnAThread([&] { return TryEnterCriticalSection(&busy); }));
+    LeaveCriticalSection(&busy);
+    EXPECT_TRUE(OnAThread([&] { return TryEnterCriticalSection(&busy); }));
     named.Close();
     busyMutex.Close();
     EXPECT_FAILS(OpenEventA(SYNCHRONIZE, FALSE, "Never"), ERROR_FILE_NOT_FOUND);

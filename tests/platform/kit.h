@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+using Names = std::vector<std::string>;
+
 // ---- calls, handles, threads
 
 // The last error before a call that leaves it alone.
@@ -80,6 +82,20 @@ inline DWORD OnAThread(std::function<DWORD()> procedure) {
     return Finish(Owned(StartThread(std::move(procedure))));
 }
 
+// A child that has said what it says once it is ready.
+inline TestProcess Ready(const char* child, const Names& arguments = {}, const Environment& environment = {}) {
+    TestProcess process(child, arguments, environment);
+    EXPECT_EQ(process.Hear(), "ready") << child;
+    return process;
+}
+
+// Says that it is ready, and stays until it is told something; a child's exit code.
+inline int StayReady(Child& child) {
+    child.Say("ready");
+    child.Hear();
+    return 0;
+}
+
 // One number that the processes of a test share.
 inline volatile LONG* SharedNumber(const char* name) {
     const Owned section = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 64, name);
@@ -105,8 +121,6 @@ inline std::string Damaged(std::string bytes, std::mt19937_64& random, size_t re
 }
 
 // ---- the registry
-
-using Names = std::vector<std::string>;
 
 inline HKEY OpenKey(HKEY parent, const std::string& path, REGSAM access = KEY_ALL_ACCESS) {
     HKEY key = nullptr;
@@ -232,7 +246,7 @@ enum class Plant { kLink, kPipe, kDirectory, kHardLink };
 constexpr Plant kPlants[] = {Plant::kLink, Plant::kPipe, Plant::kDirectory}; // that nobody takes for the file
 bool PlantInPlace(const std::string& path, Plant plant, const std::string& target = "");
 // Locks a file until the process ends: as a writer who does not come to an end, or as any reader can. The child
-// procedure HoldsAFile does so too with its argument, a file or the folder of objects, and says "held".
+// procedure HoldsAFile does so too with its argument, a file or the folder of objects (".").
 bool LockWholeFile(const std::string& path, bool asReader = false);
 // Holds a file in the folder of objects as a process that has the object, or the folder (".") as one that opens an
 // object, until the process ends.

@@ -54,9 +54,7 @@ bool HoldObject(const std::string& name) {
 
 CHILD_PROCESS(HoldsAFile) {
     const std::string& path = child.arguments[0];
-    child.Say((path == "." ? HoldObject(path) : LockWholeFile(path)) ? "held" : "failed");
-    child.Hear();
-    return 0;
+    return (path == "." ? HoldObject(path) : LockWholeFile(path)) ? StayReady(child) : 1;
 }
 
 std::string ObjectPath(const std::string& name) {

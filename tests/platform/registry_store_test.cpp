@@ -91,8 +91,7 @@ TEST(RegistryCampaign, ChangesAreWholeWhoeverIsKilled) {
 
 TEST(RegistryStore, ThatIsHeldIsBusyNotWaitedForEndlessly) {
     HKEY key = CreateKey(kMachine, "K");
-    TestProcess holder("HoldsAFile", {MachineStore()});
-    ASSERT_EQ(holder.Hear(), "held");
+    TestProcess holder = Ready("HoldsAFile", {MachineStore()});
     oriel::g_timings.registryBusy = 100;
     const double begin = NowMs();
     EXPECT_EQ(SetValue(key, "v", "1"), ERROR_BUSY);
@@ -156,32 +155,19 @@ TEST(RegistryStore, ThatIsNoneIsRefused) {
 }
 
 TEST(RegistryText, EveryFormIsRead) {
-    ASSERT_EQ(Import("REGEDIT4\r\n"
-                     "; a comment\r\n"
-                     "\r\n"
-                     "[HKEY_LOCAL_MACHINE\\Soft[ware]\\Forms]\r\n"
-                     "@=\"default\"\r\n"
-                     "\"text \\\\ \\\"quoted\\\"\"=\"C:\\\\Dir\\\\\" ; behind\r\n"
-                     "\"lines\"=\"one\r\ntwo\"\r\n"
-                     "\"word\" = DWORD:2A\r\n"
-                     "\"bytes\"=hex:00, 1,FF,\\\r\n  02,\\ \r\n\t03\r\n"
-                     "\"none\"=hex(0):\r\n"
-                     "\"multi\"=hex(7):61,00,00\r\n"
-                     "\"gone\"=dword:1\r\n\"gone\"=-\r\n"
-                     "\"never there\"=-\r\n"
-                     "[HKCU\\Other]\n\"v\"=hex(a0000001):01\n"
-                     "[HKLM\\Tree\\Below]\n[-HKLM\\TREE]\n[-HKLM\\Not\\There]"),
-              ERROR_SUCCESS);
-    EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "soft[ware]"), "REGEDIT4\r\n\r\n"
-                                                        "[HKEY_LOCAL_MACHINE\\Soft[ware]]\r\n\r\n"
-                                                        "[HKEY_LOCAL_MACHINE\\Soft[ware]\\Forms]\r\n"
-                                                        "@=\"default\"\r\n"
-                                                        "\"text \\\\ \\\"quoted\\\"\"=\"C:\\\\Dir\\\\\"\r\n"
-                                                        "\"lines\"=hex(1):6f,6e,65,0d,0a,74,77,6f,00\r\n"
-                                                        "\"word\"=dword:0000002a\r\n"
-                                                        "\"bytes\"=hex:00,01,ff,02,03\r\n"
-                                                        "\"none\"=hex(0):\r\n"
-                                                        "\"multi\"=hex(7):61,00,00\r\n\r\n");
+    const std::string forms = "\r\n[HKEY_LOCAL_MACHINE\\Soft[ware]\\Forms]\r\n@=\"default\"\r\n"
+                              "\"text \\\\ \\\"quoted\\\"\"=\"C:\\\\Dir\\\\\"";
+    ASSERT_EQ(
+        Import("REGEDIT4\r\n; a comment\r\n" + forms +
+               " ; behind\r\n\"lines\"=\"one\r\ntwo\"\r\n\"word\" = DWORD:2A\r\n"
+               "\"bytes\"=hex:00, 1,FF,\\\r\n  02,\\ \r\n\t03\r\n\"none\"=hex(0):\r\n\"multi\"=hex(7):61,00,00\r\n"
+               "\"gone\"=dword:1\r\n\"gone\"=-\r\n\"never there\"=-\r\n[HKCU\\Other]\n\"v\"=hex(a0000001):01\n"
+               "[HKLM\\Tree\\Below]\n[-HKLM\\TREE]\n[-HKLM\\Not\\There]"),
+        ERROR_SUCCESS);
+    EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "soft[ware]"),
+              "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Soft[ware]]\r\n" + forms +
+                  "\r\n\"lines\"=hex(1):6f,6e,65,0d,0a,74,77,6f,00\r\n\"word\"=dword:0000002a\r\n"
+                  "\"bytes\"=hex:00,01,ff,02,03\r\n\"none\"=hex(0):\r\n\"multi\"=hex(7):61,00,00\r\n\r\n");
     const std::string user = "REGEDIT4\r\n\r\n[HKEY_CURRENT_USER]\r\n\r\n"
                              "[HKEY_CURRENT_USER\\Other]\r\n\"v\"=hex(a0000001):01\r\n\r\n";
     EXPECT_EQ(Export(HKEY_CURRENT_USER), user);
@@ -191,6 +177,21 @@ TEST(RegistryText, EveryFormIsRead) {
     EXPECT_EQ(RegExportTextA(HKEY_CURRENT_USER, nullptr, few, &room), ERROR_MORE_DATA);
     EXPECT_EQ(room, user.size());
     EXPECT_EQ(RegImportTextA(nullptr, 1, nullptr), ERROR_INVALID_PARAMETER);
+    // What was written is read back, from every byte that a value can have.
+    std::string bytes;
+    for (int byte = 0; byte < 256; ++byte)
+        bytes += static_cast<char>(byte);
+    HKEY key = CreateKey(HKEY_LOCAL_MACHINE, "Round");
+    const std::string name = bytes.substr(1);
+    EXPECT_EQ(SetValue(key, name, bytes, REG_SZ), ERROR_SUCCESS);
+    for (const DWORD type : {REG_NONE, REG_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, 77})
+        for (const std::string& data : {bytes.substr(1), bytes.substr(32) + '\0', bytes.substr(1, 4), std::string()})
+            SetValue(key, std::to_string(type) + std::to_string(data.size()), data, type);
+    const std::string round = Export(HKEY_LOCAL_MACHINE, "Round");
+    ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Round]\n"), ERROR_SUCCESS);
+    ASSERT_EQ(Import(round), ERROR_SUCCESS) << round;
+    EXPECT_EQ(Export(HKEY_LOCAL_MACHINE, "Round"), round);
+    EXPECT_EQ(GetValue(OpenKey(HKEY_LOCAL_MACHINE, "Round"), name).data, bytes);
 }
 
 TEST(RegistryText, UnicodeTextBecomesTheCodePages) {
@@ -243,43 +244,4 @@ TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
     }
     for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER})
         EXPECT_EQ(Export(root, "K"), std::to_string(ERROR_FILE_NOT_FOUND));
-}
-
-// What is written as text and read back has the same keys and values.
-TEST(RegistryTextCampaign, WhatIsExportedImportsToTheSame) {
-    std::mt19937_64 random(Seed());
-    const auto text = [&random](size_t length, bool name) {
-        std::string result;
-        while (result.size() < length) {
-            const char c = static_cast<char>(random() % 4 == 0 ? random() % 256 : "aB\\\"=]-;\n@\r"[random() % 11]);
-            if (!name || c != '\0') result += c;
-        }
-        return result;
-    };
-    const auto valuesOf = [](HKEY key) {
-        std::vector<Value> values;
-        for (const std::string& name : NamesIn(key, kValues))
-            values.push_back(GetValue(key, name));
-        return values;
-    };
-    const DWORD types[] = {REG_NONE, REG_SZ, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, REG_QWORD, 77};
-    for (int round = Rounds(150, 8000); round > 0; --round) {
-        std::string path = "Round";
-        for (uint64_t keys = 1 + random() % 3; keys > 0; --keys) { // each below the one before
-            for (path += '\\'; path.back() < ' ' || path.back() == '\\';)
-                path += static_cast<char>(random() % 2 == 0 ? '!' + random() % 59 : 0xa1 + random() % 94);
-            HKEY key = CreateKey(HKEY_LOCAL_MACHINE, path);
-            for (uint64_t values = random() % 4; values > 0; --values) {
-                const std::string data = text(random() % 60, false) + std::string(random() % 2, '\0');
-                ASSERT_EQ(SetValue(key, text(random() % 8, true), data, types[random() % std::size(types)]), 0);
-            }
-        }
-        const std::string first = Export(HKEY_LOCAL_MACHINE, "Round");
-        const std::vector<Value> before = valuesOf(OpenKey(HKEY_LOCAL_MACHINE, path));
-        ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Round]\n"), ERROR_SUCCESS);
-        ASSERT_EQ(Import(first), ERROR_SUCCESS) << first;
-        ASSERT_EQ(valuesOf(OpenKey(HKEY_LOCAL_MACHINE, path)), before) << first;
-        ASSERT_EQ(Export(HKEY_LOCAL_MACHINE, "Round"), first);
-        ASSERT_EQ(Import("REGEDIT4\n[-HKLM\\Round]\n"), ERROR_SUCCESS);
-    }
 }

@@ -111,11 +111,12 @@ TEST(Registry, HandlesHaveOnlyTheRightsTheyWereOpenedWith) {
     SetValue(OpenKey(kMachine, "K"), "v", "1");
     // Windows asks the key, not the handle, whether it may be looked at and have subkeys.
     const size_t asked = OnTheLayer() ? 7 : 5;
-    for (const auto& [access, allowed] : {std::pair<REGSAM, std::string>{KEY_READ, "q__kvi_"},
-                                          {KEY_QUERY_VALUE, "q___vi_"},
-                                          {KEY_WRITE, "_sd___c"},
-                                          {KEY_ALL_ACCESS, "qsdkvic"},
-                                          {MAXIMUM_ALLOWED, "qsdkvic"}})
+    const std::pair<REGSAM, std::string> rows[] = {{KEY_READ, "q__kvi_"},
+                                                   {KEY_QUERY_VALUE, "q___vi_"},
+                                                   {KEY_WRITE, "_sd___c"},
+                                                   {KEY_ALL_ACCESS, "qsdkvic"},
+                                                   {MAXIMUM_ALLOWED, "qsdkvic"}};
+    for (const auto& [access, allowed] : rows)
         EXPECT_EQ(AllowedCalls(OpenKey(kMachine, "K", access)).substr(0, asked), allowed.substr(0, asked)) << access;
     HKEY key = nullptr;
     for (const REGSAM none : {REGSAM{0}, REGSAM{0x0100}})

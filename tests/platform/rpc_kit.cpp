@@ -48,19 +48,16 @@ void Echo(PRPC_MESSAGE message) {
 }
 
 void Identify(PRPC_MESSAGE message) {
-    ULONG process = 0;
-    ULONG sameProcess = 0;
+    ULONG process = 0, sameProcess = 0, level = 0;
     RPC_AUTHZ_HANDLE identity = nullptr;
-    ULONG level = 0;
     if (I_RpcBindingInqLocalClientPID(message->Handle, &process) != RPC_S_OK ||
         I_RpcBindingInqLocalClientPID(nullptr, &sameProcess) != RPC_S_OK || process != sameProcess ||
         RpcBindingInqAuthClientA(nullptr, &identity, nullptr, &level, nullptr, nullptr) != RPC_S_OK ||
         level != RPC_C_AUTHN_LEVEL_PKT_PRIVACY)
         RpcRaiseException(RPC_S_INTERNAL_ERROR);
     const std::string text = static_cast<const char*>(identity);
-    uint8_t* reply = ReplyBuffer(message, 4 + text.size());
-    std::memcpy(reply, &process, 4);
-    std::memcpy(reply + 4, text.data(), text.size());
+    const Bytes reply = Join({BytesOf(uint32_t{process}), Bytes(text.begin(), text.end())});
+    std::ranges::copy(reply, ReplyBuffer(message, reply.size()));
 }
 
 void Monitor(PRPC_MESSAGE message) {
@@ -131,7 +128,8 @@ RPC_STATUS StopServing() {
 }
 
 CHILD_PROCESS(RpcServer) {
-    child.Say(std::to_string(ServeOn(child.arguments[0])));
+    const RPC_STATUS serves = ServeOn(child.arguments[0]);
+    child.Say(serves == RPC_S_OK ? "ready" : std::to_string(serves));
     for (std::string order = child.Hear(); !order.empty(); order = child.Hear()) {
         RPC_STATUS result = RPC_S_OK;
         if (order == "release") ++g_releases;
@@ -163,42 +161,23 @@ TestBinding::TestBinding(const std::string& endpoint) {
     EXPECT_EQ(RpcStringBindingComposeA(nullptr, Text("ncalrpc"), nullptr, Text(endpoint),
                                        Text("Security=impersonation static true"), &text),
               RPC_S_OK);
-    EXPECT_EQ(RpcBindingFromStringBindingA(text, &m_handle), RPC_S_OK);
+    EXPECT_EQ(RpcBindingFromStringBindingA(text, &handle), RPC_S_OK);
     RpcStringFreeA(&text);
 }
 
-void TestBinding::Free() {
-    if (m_handle != nullptr) RpcBindingFree(&m_handle);
-}
-
-Reply TestBinding::Call(unsigned procedure, const Bytes& request, RPC_CLIENT_INTERFACE& interfaceOfCall) const {
+Reply TestBinding::Call(unsigned procedure, const Bytes& request, RPC_CLIENT_INTERFACE& asked) const {
     RPC_MESSAGE message{};
-    message.Handle = m_handle;
+    message.Handle = handle;
     message.DataRepresentation = 0x10;
-    message.RpcInterfaceInformation = &interfaceOfCall;
+    message.RpcInterfaceInformation = &asked;
     message.ProcNum = procedure;
     message.BufferLength = static_cast<unsigned>(request.size());
     Reply reply{I_RpcGetBuffer(&message), {}};
     if (reply.status != RPC_S_OK) return reply;
     if (!request.empty()) std::memcpy(message.Buffer, request.data(), request.size());
-    reply.status = I_RpcSendReceive(&message);
-    if (reply.status != RPC_S_OK) return reply;
+    if ((reply.status = I_RpcSendReceive(&message)) != RPC_S_OK) return reply;
     const auto* bytes = static_cast<const uint8_t*>(message.Buffer);
     reply.body.assign(bytes, bytes + message.BufferLength);
     EXPECT_EQ(I_RpcFreeBuffer(&message), RPC_S_OK);
     return reply;
-}
-
-TestServer::TestServer(const std::string& endpoint) : m_endpoint(endpoint), m_process("RpcServer", {endpoint}) {
-    EXPECT_EQ(m_process.Hear(), "0");
-}
-
-RPC_STATUS TestServer::Order(const std::string& order) {
-    m_process.Tell(order);
-    return static_cast<RPC_STATUS>(std::stol("0" + m_process.Hear()));
-}
-
-void TestServer::Restart() {
-    m_process = TestProcess("RpcServer", {m_endpoint});
-    EXPECT_EQ(m_process.Hear(), "0");
 }

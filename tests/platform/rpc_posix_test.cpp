@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -15,20 +14,20 @@ namespace fs = std::filesystem;
 TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
     fs::create_directory(PrivateDirectory() + "/run/rpc");
     const std::string target = PrivateDirectory() + "/target";
-    fs::create_symlink(PrivateDirectory(), EndpointPath("link"));
-    fs::create_symlink(target, EndpointPath("dangling"));
-    fs::create_directory(EndpointPath("directory"));
-    ASSERT_EQ(mkfifo(EndpointPath("fifo").c_str(), 0666), 0);
-    ASSERT_GE(mknod(EndpointPath("file").c_str(), S_IFREG | 0666, 0), 0);
-    fs::create_symlink(target, EndpointPath(".lock.lock"));
-    for (const char* name : {"link", "dangling", "directory", "fifo", "file", "lock"}) {
-        EXPECT_EQ(ServeOn(name), RPC_S_CANT_CREATE_ENDPOINT) << name;
-        EXPECT_NE(fs::exists(fs::symlink_status(EndpointPath(name))), std::string(name) == "lock");
+    for (const Plant plant : kPlants) {
+        ASSERT_TRUE(PlantInPlace(EndpointPath("planted"), plant, target));
+        EXPECT_EQ(ServeOn("planted"), RPC_S_CANT_CREATE_ENDPOINT) << static_cast<int>(plant);
+        EXPECT_TRUE(fs::exists(fs::symlink_status(EndpointPath("planted"))));
     }
+    ReplaceFile(EndpointPath("file"), "");
+    EXPECT_EQ(ServeOn("file"), RPC_S_CANT_CREATE_ENDPOINT);
+    EXPECT_TRUE(fs::exists(EndpointPath("file")));
+    ASSERT_TRUE(PlantInPlace(EndpointPath(".lock.lock"), Plant::kLink, target));
+    EXPECT_EQ(ServeOn("lock"), RPC_S_CANT_CREATE_ENDPOINT);
+    EXPECT_FALSE(fs::exists(EndpointPath("lock")) || fs::exists(target));
     const UnixListener foreign("held"); // by a server that knows nothing of locks
     EXPECT_EQ(ServeOn("held"), RPC_S_DUPLICATE_ENDPOINT);
     EXPECT_TRUE(fs::is_socket(EndpointPath("held")));
-    EXPECT_FALSE(fs::exists(target));
 
     TestServer("dead").Kill();
     EXPECT_TRUE(fs::is_socket(EndpointPath("dead")));
@@ -36,8 +35,7 @@ TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
     EXPECT_EQ(ServeOn("dead"), RPC_S_OK);
     EXPECT_EQ(umask(0022), 0077U);
     EXPECT_EQ(fs::status(EndpointPath("dead")).permissions(), fs::perms(0666));
-    const TestBinding binding("dead");
-    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
+    EXPECT_EQ(TestBinding("dead").Call(kTouch).status, RPC_S_OK);
     EXPECT_EQ(StopServing(), RPC_S_OK);
     EXPECT_FALSE(fs::exists(EndpointPath("dead")));
 }
@@ -45,27 +43,25 @@ TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
 TEST(RpcEndpoint, LongRunDirectoryIsServedToo) {
     const std::string directory = PrivateDirectory() + "/" + std::string(100, 'd');
     fs::create_directory(directory);
-    TestProcess server("RpcServer", {"test"}, {{"ORIEL_RUNTIME_DIR", directory}});
-    ASSERT_EQ(server.Hear(), "0");
-    TestProcess client("RpcClient", {"1"}, {{"ORIEL_RUNTIME_DIR", directory}});
-    ASSERT_EQ(client.Hear(), "monitored");
-    client.Tell("thread");
-    EXPECT_EQ(client.Hear(), "0");
+    const Environment environment{{"ORIEL_RUNTIME_DIR", directory}};
+    TestProcess server = Ready("RpcServer", {"test"}, environment);
+    TestProcess client = Ready("RpcClient", {"1"}, environment);
+    server.Tell("stop");
+    EXPECT_EQ(server.Hear(), "0");
 }
 
 TEST(RpcFork, ChildIsAnotherClient) {
     TestServer server;
     const TestBinding binding;
-    EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 0U);
-    EXPECT_EQ(RunForked([&] {
-                  // Connects by itself, and leaves an association of its own behind.
-                  return binding.Call(kMonitor, Number(2)).Number() == 0 &&
-                         binding.Call(kIdentify).Number() == static_cast<uint32_t>(getpid());
+    EXPECT_EQ(binding.Number(kMonitor, Number(1)), 0U);
+    EXPECT_EQ(RunForked([&] { // connects by itself, and leaves an association of its own behind
+                  return binding.Number(kMonitor, Number(2)) == 0 &&
+                         binding.Number(kIdentify) == static_cast<uint32_t>(getpid());
               }),
               1);
     EXPECT_TRUE(WaitUntil([&] { return binding.Call(kRundowns).Number(2) == 1; }));
     EXPECT_EQ(binding.Call(kRundowns).Number(1), 0U);
-    EXPECT_EQ(binding.Call(kMonitor, Number(1)).Number(), 1U);
+    EXPECT_EQ(binding.Number(kMonitor, Number(1)), 1U);
 }
 
 TEST(RpcFork, ChildOfAServerServesNobody) {
@@ -87,7 +83,6 @@ TEST(RpcFork, ChildOfAServerServesNobody) {
             RpcMgmtWaitServerListen() == RPC_S_NOT_LISTENING && (!kMayStartThreads || ServeOn("another") == RPC_S_OK);
         _exit(read(held[0], &byte, 1) == 0 && idle ? 0 : 1);
     }
-    close(held[0]);
     // The child lives on, and holds neither the clients nor the endpoint.
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
     EXPECT_EQ(StopServing(), RPC_S_OK);
@@ -100,13 +95,10 @@ TEST(RpcFork, ChildOfAServerServesNobody) {
 
 TEST(RpcServer, OutOfDescriptorsRefusesAndRecovers) {
     TestServer server;
-    const TestBinding binding;
+    const TestBinding binding, late;
     ASSERT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    rlimit limit{};
-    const auto process = static_cast<pid_t>(server.Process().Id());
-    ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, nullptr, &limit), 0);
-    limit.rlim_cur = 32;
-    ASSERT_EQ(prlimit(process, RLIMIT_NOFILE, &limit, nullptr), 0);
+    const rlimit limit{32, 1024};
+    ASSERT_EQ(prlimit(static_cast<pid_t>(server.Id()), RLIMIT_NOFILE, &limit, nullptr), 0);
     std::vector<UnixStream> clients;
     unsigned refused = 0;
     while (clients.size() < 40) {
@@ -118,11 +110,8 @@ TEST(RpcServer, OutOfDescriptorsRefusesAndRecovers) {
     EXPECT_GT(refused, 5U);
     EXPECT_LT(refused, 40U);
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    const TestBinding late;
-    RPC_STATUS status = RPC_S_OK;
-    const auto call = [&] { std::thread([&] { status = late.Call(kTouch).status; }).join(); };
-    call();
-    EXPECT_EQ(status, RPC_S_SERVER_TOO_BUSY);
+    const auto status = [&] { return static_cast<RPC_STATUS>(OnAThread([&] { return late.Call(kTouch).status; })); };
+    EXPECT_EQ(status(), RPC_S_SERVER_TOO_BUSY);
     clients.clear();
-    EXPECT_TRUE(WaitUntil([&] { return call(), status == RPC_S_OK; }));
+    EXPECT_TRUE(WaitUntil([&] { return status() == RPC_S_OK; }));
 }

@@ -137,11 +137,12 @@ TEST(ServiceControl, EveryStateIsSeenByOtherProcesses) {
     NotifySocket supervisor(PrivateDirectory() + "/notify");
     Ordered service("Svc", {{"NOTIFY_SOCKET", PrivateDirectory() + "/notify"}});
     EXPECT_EQ(Query("svc"), kStarting);
-    for (const auto& [order, seen] : {std::pair{"2 0 1 500", "2 0 0 1 500"},
-                                      {"4 1", "4 1 0 0 0"},
-                                      {"4 0", "4 0 0 0 0"},
-                                      {"3 0 5 10", "3 0 0 5 10"},
-                                      {"1 0 0 0 1234", "1 0 1234 0 0"}}) {
+    const std::pair<const char*, const char*> steps[] = {{"2 0 1 500", "2 0 0 1 500"},
+                                                         {"4 1", kRunning},
+                                                         {"4 0", "4 0 0 0 0"},
+                                                         {"3 0 5 10", "3 0 0 5 10"},
+                                                         {"1 0 0 0 1234", "1 0 1234 0 0"}};
+    for (const auto& [order, seen] : steps) {
         service.Order(order);
         EXPECT_EQ(Query("SVC"), seen);
     }
@@ -162,8 +163,7 @@ TEST(ServiceControlCampaign, AServiceThatIsKilledIsStoppedAtOnce) {
     }
     // What the killed one left, "running", is not taken for the word of the next, which has the record but told
     // nothing.
-    TestProcess next("HoldsAFile", {RecordFile()});
-    ASSERT_EQ(next.Hear(), "held");
+    TestProcess next = Ready("HoldsAFile", {RecordFile()});
     EXPECT_EQ(Query(), kStarting);
 }
 

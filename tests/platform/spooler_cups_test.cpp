@@ -6,7 +6,7 @@
 
 #include <rpcnterr.h>
 
-TEST(PrintServer, ItsJobsArePausedResumedAndCancelled) {
+TEST(PrintServer, ItsPrintersAndJobsAreListedPausedResumedAndCancelled) {
     PrintServer server;
     server.Command("/usr/sbin/lpadmin", {"-p", "Other", "-v", "file:/dev/null"});
     server.Command("/usr/sbin/cupsaccept", {"Other"});
@@ -27,29 +27,26 @@ TEST(PrintServer, ItsJobsArePausedResumedAndCancelled) {
     EXPECT_EQ(Control(printer, 1, JOB_CONTROL_CANCEL), DWORD{ERROR_INVALID_PARAMETER}) << "it is cancelled already";
     EXPECT_FAILS(Start(printer, "not here"), ERROR_NOT_SUPPORTED);
 
-    const unsigned descriptors = OpenDescriptors();
-    JobsOf(printer);
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    server.Command("/usr/sbin/lpadmin", {"-x", "Office"});
-    EXPECT_EQ(JobsOf(printer), "error 1905");
-}
-
-TEST(PrintServer, ItsPrintersComeBehindTheEmbeddedOnes) {
-    PrintServer server;
+    // Its printers come behind the embedded ones.
     ASSERT_EQ(Add("Embedded"), DWORD{ERROR_SUCCESS});
-    EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "Office"}));
+    EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "Office", "Other"}));
     EXPECT_EQ(PrintersOf(PRINTER_ENUM_CONNECTIONS), Names{});
-    const HANDLE printer = Opened("office");
-    const std::string record = "Office, Local Raw Printer, file:/dev/null, of the office, Room 1";
+    const std::string record = "Office, Local Raw Printer, file:/dev/null, of the office, Room 1, none, 72";
     EXPECT_EQ(RecordOf(printer), record);
     HANDLE none = nullptr;
     EXPECT_EQ(Open("Nobody's", &none), DWORD{ERROR_INVALID_PRINTER_NAME});
 
     // A name in both is the embedded spool's; handles stay with what they were opened for.
     ASSERT_EQ(Add("OFFICE", "Own driver"), DWORD{ERROR_SUCCESS});
-    EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "OFFICE"}));
-    EXPECT_EQ(RecordOf(Opened("office")), "OFFICE, Own driver, LPT1:, of OFFICE, ");
+    EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "OFFICE", "Other"}));
+    EXPECT_EQ(RecordOf(Opened("office")), "OFFICE, Own driver, LPT1:, of OFFICE, , none, 64");
     EXPECT_EQ(RecordOf(printer), record);
+
+    const unsigned descriptors = OpenDescriptors();
+    JobsOf(printer);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    server.Command("/usr/sbin/lpadmin", {"-x", "Office"});
+    EXPECT_EQ(JobsOf(printer), "error 1905");
 }
 
 CHILD_PROCESS(ChangesJobsAsAnotherUser) {

@@ -44,14 +44,15 @@ inline Names PrintersOf(DWORD flags) {
     return names;
 }
 
-// "name, driver, port, comment, location" of a printer, or the error.
+// "name, driver, port, comment, location, server, attributes" of a printer, or the error.
 inline std::string RecordOf(HANDLE printer) {
     BYTE buffer[4096];
     DWORD needed = 0;
     if (!GetPrinterA(printer, 2, buffer, sizeof buffer, &needed)) return "error " + std::to_string(GetLastError());
     const auto& record = *reinterpret_cast<PRINTER_INFO_2A*>(buffer);
     return std::string(record.pPrinterName) + ", " + record.pDriverName + ", " + record.pPortName + ", " +
-           record.pComment + ", " + record.pLocation;
+           record.pComment + ", " + record.pLocation + ", " + (record.pServerName ? record.pServerName : "none") +
+           ", " + std::to_string(record.Attributes);
 }
 
 // A job as JobsOf tells it; of this user unless another is named.

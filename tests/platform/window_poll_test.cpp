@@ -17,8 +17,7 @@ bool Readable(int descriptor, int timeoutMs = 0) {
 
 TEST(QueueDescriptor, IsReadableWhileThereIsSomethingToDo) {
     const int queue = OrielWindowQueueDescriptor();
-    const HWND window = MakeWindow();
-    const HWND second = MakeWindow();
+    const HWND window = MakeWindow(), second = MakeWindow();
     EXPECT_EQ(OrielWindowQueueDescriptor(), queue);
     EXPECT_FALSE(Readable(queue));
 
@@ -29,62 +28,45 @@ TEST(QueueDescriptor, IsReadableWhileThereIsSomethingToDo) {
     MSG message;
     EXPECT_TRUE(PeekMessageA(&message, window, 0, 0, PM_NOREMOVE));
     EXPECT_TRUE(Readable(queue)) << "left in the queue";
-    EXPECT_TRUE(PeekMessageA(&message, window, 0, 0, PM_REMOVE));
-    EXPECT_TRUE(Readable(queue)) << "the other window's";
-    EXPECT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_FALSE(Readable(queue));
-
+    EXPECT_TRUE(Take(message, window) && Readable(queue)) << "the other window's";
+    EXPECT_TRUE(Take(message) && !Readable(queue));
     PostQuitMessage(0);
     EXPECT_TRUE(Readable(queue));
     EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 0);
     EXPECT_FALSE(Readable(queue));
 
     // A window goes with what is in its FIFO.
-    ASSERT_TRUE(PostMessageA(second, WM_APP, 0, 0));
-    EXPECT_TRUE(DestroyWindow(second));
+    ASSERT_TRUE(PostMessageA(second, WM_APP, 0, 0) && DestroyWindow(second));
     EXPECT_FALSE(Readable(queue));
 }
 
 TEST(EventDescriptor, FollowsManualAndAutomaticEvents) {
-    const HANDLE manual = CreateEventA(nullptr, TRUE, FALSE, "TVOR:manual");
-    const HANDLE automatic = CreateEventA(nullptr, FALSE, TRUE, nullptr);
-    const int first = OrielEventDescriptor(manual);
-    const int second = OrielEventDescriptor(automatic);
+    const HANDLE manual = NewEvent("Manual"), automatic = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    const int first = OrielEventDescriptor(manual), second = OrielEventDescriptor(automatic);
     EXPECT_TRUE(Readable(second, 10000)) << "set from the start";
     EXPECT_FALSE(Readable(first));
-    EXPECT_EQ(WaitForSingleObject(automatic, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "taken, as a waiter takes it";
+    EXPECT_EQ(Look(automatic), DWORD{WAIT_TIMEOUT}) << "taken, as a waiter takes it";
     for (int round = 0; round < 3; ++round) {
-        EXPECT_TRUE(OrielRearmEventDescriptor(second));
-        EXPECT_FALSE(Readable(second));
-        SetEvent(automatic);
-        EXPECT_TRUE(Readable(second, 10000));
-        SetEvent(manual);
-        EXPECT_TRUE(Readable(first, 10000));
-        EXPECT_TRUE(OrielRearmEventDescriptor(first));
-        EXPECT_TRUE(Readable(first, 10000)) << "still set";
-        ResetEvent(manual);
-        EXPECT_TRUE(Readable(first)) << "until it is re-armed";
-        EXPECT_TRUE(OrielRearmEventDescriptor(first));
-        EXPECT_FALSE(Readable(first));
+        EXPECT_TRUE(OrielRearmEventDescriptor(second) && !Readable(second));
+        EXPECT_TRUE(SetEvent(automatic) && Readable(second, 10000));
+        EXPECT_TRUE(SetEvent(manual) && Readable(first, 10000));
+        EXPECT_TRUE(OrielRearmEventDescriptor(first) && Readable(first, 10000)) << "still set";
+        EXPECT_TRUE(ResetEvent(manual) && Readable(first)) << "until it is re-armed";
+        EXPECT_TRUE(OrielRearmEventDescriptor(first) && !Readable(first));
     }
     // It watches on when the caller's own handle is closed, and holds the event no longer than it lives.
     CloseHandle(manual);
-    const HANDLE again = OpenEventA(EVENT_MODIFY_STATE, FALSE, "TVOR:manual");
-    EXPECT_TRUE(SetEvent(again));
-    CloseHandle(again);
+    EXPECT_TRUE(SetEvent(Owned(OpenEventA(EVENT_MODIFY_STATE, FALSE, "Manual"))));
     EXPECT_TRUE(Readable(first, 10000));
-    EXPECT_TRUE(OrielCloseEventDescriptor(first));
-    EXPECT_EQ(OpenEventA(EVENT_MODIFY_STATE, FALSE, "TVOR:manual"), nullptr);
+    EXPECT_TRUE(OrielCloseEventDescriptor(first) && OrielCloseEventDescriptor(second));
+    EXPECT_EQ(OpenEventA(EVENT_MODIFY_STATE, FALSE, "Manual"), nullptr);
     EXPECT_FAILS(OrielCloseEventDescriptor(first), ERROR_INVALID_HANDLE);
     EXPECT_FAILS(OrielRearmEventDescriptor(first), ERROR_INVALID_HANDLE);
-    EXPECT_TRUE(OrielCloseEventDescriptor(second));
-    CloseHandle(automatic);
 }
 
 TEST(EventDescriptor, TakesEventsOnlyAndABoundedNumber) {
     const auto taken = [](HANDLE handle) { return OrielEventDescriptor(handle) != -1; };
-    const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr), event = NewEvent();
     EXPECT_FAILS(taken(nullptr), ERROR_INVALID_HANDLE);
     EXPECT_FAILS(taken(mutex), ERROR_INVALID_HANDLE);
     for (int twice = 0; twice < 2; ++twice) { // closing gives everything back
@@ -97,6 +79,4 @@ TEST(EventDescriptor, TakesEventsOnlyAndABoundedNumber) {
             EXPECT_TRUE(Readable(descriptor, 10000) && OrielCloseEventDescriptor(descriptor));
         ResetEvent(event);
     }
-    CloseHandle(mutex);
-    CloseHandle(event);
 }

@@ -97,9 +97,9 @@ TEST(Window, StaleAndForeignHandlesAreRefused) {
 
 TEST(Window, IsFoundFromOtherProcessesByClassAndTitle) {
     TestProcess owner("OwnsWindows", {"First", "Second", "Third"});
-    const HWND first = ToWindow(owner.Hear());
-    const HWND second = ToWindow(owner.Hear());
-    const HWND third = ToWindow(owner.Hear());
+    HWND first, second, third;
+    for (HWND* window : {&first, &second, &third})
+        *window = ToWindow(owner.Hear());
     const HWND mine = MakeWindow("second", DefWindowProcA, "TVOROtherClass");
 
     EXPECT_EQ(FindWindowA("TVORTestClass", "First"), first);
