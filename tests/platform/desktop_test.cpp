@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -59,21 +60,18 @@ TEST(Desktop, LivesWhileItsDisplayTakesConnections) {
     socklen_t size = sizeof any;
     const int tcp = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(listen(tcp, 1) + getsockname(tcp, reinterpret_cast<sockaddr*>(&any), &size), 0);
-    const struct {
-        std::string x, wayland;
-        int listener;
-    } rows[] = {
+    const std::tuple<std::string, std::string, int> rows[] = {
         {":0", "wayland-test", Listener(folder + "/wayland-test")},
         {"", folder + "/other", Listener(folder + "/other")},
         {":" + x + ".1", "", Listener("@/tmp/.X11-unix/X" + x)},
         {"unix:" + next, "", Listener("@/tmp/.X11-unix/X" + next)},
         {"localhost:" + std::to_string(ntohs(any.sin_port) - 6000) + ".0", "", tcp},
     };
-    for (const auto& row : rows) {
-        SetDisplay(row.x, row.wayland);
-        EXPECT_TRUE(OrielDesktopLives()) << row.x << " " << row.wayland;
-        close(row.listener); // a crash leaves the file behind
-        EXPECT_FALSE(OrielDesktopLives()) << row.x << " " << row.wayland;
+    for (const auto& [x11, wayland, listener] : rows) {
+        SetDisplay(x11, wayland);
+        EXPECT_TRUE(OrielDesktopLives()) << x11 << " " << wayland;
+        close(listener); // a crash leaves the file behind
+        EXPECT_FALSE(OrielDesktopLives()) << x11 << " " << wayland;
     }
     SetDisplay(":0", "never-there");
     EXPECT_FALSE(OrielDesktopLives());

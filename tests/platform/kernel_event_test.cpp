@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -157,14 +158,10 @@ TEST(Wait, WorksWithAndWithoutTheKernelsCallForManyWords) {
 // A waiter that has begun its wait is let through by one set or pulse, however soon the event is reset. With a boolean
 // in the event's place most rounds fail.
 TEST(EventCampaign, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
-    const struct {
-        BOOL manual;
-        bool pulse;
-        const char* name;
-    } rows[] = {{TRUE, false, "Signal"}, {TRUE, true, nullptr}, {FALSE, false, "Signal"}};
-    for (const auto& row : rows) {
-        const int rounds = Rounds(2000, 100000);
-        const Owned event = NewEvent(row.name, row.manual);
+    const int rounds = Rounds(2000, 100000);
+    for (const auto& [manual, pulse, name] :
+         {std::tuple{TRUE, false, "Signal"}, {TRUE, true, nullptr}, {FALSE, false, "Signal"}}) {
+        const Owned event = NewEvent(name, manual);
         const Owned through = NewEvent(nullptr, FALSE);
         std::atomic<int> resets{0}, missed{0};
         DWORD id = 0;
@@ -180,11 +177,11 @@ TEST(EventCampaign, NoRegisteredWaiterMissesASetThatIsResetAtOnce) {
         for (int i = 1; i <= rounds && missed <= 3; ++i) {
             while (!IsAsleep(id)) // it sleeps nowhere but in the wait
                 Sleep(0);
-            row.pulse ? PulseEvent(event) : SetEvent(event) && ResetEvent(event);
+            pulse ? PulseEvent(event) : SetEvent(event) && ResetEvent(event);
             resets = i;
             ASSERT_EQ(Wait(through), DWORD{WAIT_OBJECT_0});
         }
         EXPECT_EQ(Finish(waiter), 0U);
-        EXPECT_EQ(missed, 0) << &row - rows;
+        EXPECT_EQ(missed, 0) << manual << pulse;
     }
 }

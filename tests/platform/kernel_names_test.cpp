@@ -137,12 +137,10 @@ TEST(Rights, AreThoseThatWereAskedFor) {
         EXPECT_EQ(Open(kind, kind.name, SYNCHRONIZE, TRUE), kUnsupported);
         EXPECT_EQ(Open(kind, "Missing", 0), kMissing);
     }
-    const struct {
-        DWORD access;
-        bool waits, modifies;
-    } rows[] = {{SYNCHRONIZE, true, false},    {EVENT_MODIFY_STATE, false, true}, {GENERIC_EXECUTE, true, false},
-                {GENERIC_WRITE, false, true},  {GENERIC_READ, false, false},      {GENERIC_ALL, true, true},
-                {MAXIMUM_ALLOWED, true, true}, {EVENT_ALL_ACCESS, true, true}};
+    const std::tuple<DWORD, bool, bool> rows[] = {{SYNCHRONIZE, true, false},     {EVENT_MODIFY_STATE, false, true},
+                                                  {GENERIC_EXECUTE, true, false}, {GENERIC_WRITE, false, true},
+                                                  {GENERIC_READ, false, false},   {GENERIC_ALL, true, true},
+                                                  {MAXIMUM_ALLOWED, true, true},  {EVENT_ALL_ACCESS, true, true}};
     for (const auto& [access, waits, modifies] : rows) {
         const Owned opened = OpenEventA(access, FALSE, "E");
         SetLastError(kSentinel);

@@ -182,10 +182,7 @@ inline Names NamesIn(HKEY key, Listed listed) {
 // ---- windows
 
 inline ATOM RegisterTestClass(const char* name, WNDPROC procedure) {
-    WNDCLASSEXA windowClass{};
-    windowClass.cbSize = sizeof windowClass;
-    windowClass.lpfnWndProc = procedure;
-    windowClass.lpszClassName = name;
+    const WNDCLASSEXA windowClass{.cbSize = sizeof windowClass, .lpfnWndProc = procedure, .lpszClassName = name};
     return RegisterClassExA(&windowClass);
 }
 

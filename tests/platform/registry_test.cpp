@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -33,11 +34,7 @@ std::string AllowedCalls(HKEY key) {
 
 TEST(Registry, ValuesKeepTypeAndExactBytes) {
     HKEY key = CreateKey(kMachine, "Software\\Values");
-    const struct {
-        const char* name;
-        DWORD type;
-        std::string data;
-    } values[] = {
+    const std::tuple<const char*, DWORD, std::string> values[] = {
         {"", REG_SZ, std::string("default\0", 8)},
         {"multi", REG_MULTI_SZ, std::string("a\0b\0\0", 5)},
         {"short word", REG_DWORD, "\1"},
@@ -45,19 +42,19 @@ TEST(Registry, ValuesKeepTypeAndExactBytes) {
         {"own type", 0xfffffff0, std::string("\0\xff\0", 3)},
         {"largest", REG_BINARY, std::string(1 << 20, 'x')},
     };
-    for (const auto& value : values)
-        ASSERT_EQ(SetValue(key, value.name, value.data, value.type), ERROR_SUCCESS) << value.name;
-    for (const auto& value : values) {
-        EXPECT_EQ(GetValue(key, value.name), (Value{ERROR_SUCCESS, value.type, value.data})) << value.name;
+    for (const auto& [name, type, data] : values)
+        ASSERT_EQ(SetValue(key, name, data, type), ERROR_SUCCESS) << name;
+    for (const auto& [name, type, data] : values) {
+        EXPECT_EQ(GetValue(key, name), (Value{ERROR_SUCCESS, type, data})) << name;
         // The size alone; and a byte less than it takes: told, and nothing written.
-        const auto whole = static_cast<DWORD>(value.data.size());
-        DWORD size = 7, type = 0;
-        EXPECT_EQ(RegQueryValueExA(key, value.name, nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
+        const auto whole = static_cast<DWORD>(data.size());
+        DWORD size = 7, told = 0;
+        EXPECT_EQ(RegQueryValueExA(key, name, nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
         EXPECT_EQ(size, whole);
-        if (value.data.empty()) continue;
+        if (data.empty()) continue;
         std::vector<BYTE> buffer(size--, '#');
-        EXPECT_EQ(RegQueryValueExA(key, value.name, nullptr, &type, buffer.data(), &size), ERROR_MORE_DATA);
-        EXPECT_EQ(std::pair(size, type), std::pair(whole, value.type));
+        EXPECT_EQ(RegQueryValueExA(key, name, nullptr, &told, buffer.data(), &size), ERROR_MORE_DATA);
+        EXPECT_EQ(std::pair(size, told), std::pair(whole, type));
         EXPECT_EQ(buffer, std::vector<BYTE>(whole, '#'));
     }
     EXPECT_EQ(GetValue(key, "absent").status, ERROR_FILE_NOT_FOUND);
@@ -84,10 +81,8 @@ TEST(Registry, PathsAreReadAsWindowsReadsThem) {
     std::string deepest = "D";
     for (int level = 1; level < 512; ++level)
         deepest += "\\d";
-    const struct {
-        std::string path;
-        LSTATUS open, create;
-    } paths[] = {
+    const std::tuple<std::string, LSTATUS, LSTATUS> paths[] = {
+        // how it is opened and created
         {"A\\tab\there", ERROR_INVALID_PARAMETER, ERROR_INVALID_PARAMETER},
         {"A\\B\\", ERROR_SUCCESS, ERROR_SUCCESS},
         {"", ERROR_SUCCESS, ERROR_SUCCESS},
@@ -97,12 +92,12 @@ TEST(Registry, PathsAreReadAsWindowsReadsThem) {
         {deepest, ERROR_FILE_NOT_FOUND, ERROR_SUCCESS},
         {deepest + "\\d", ERROR_FILE_NOT_FOUND, ERROR_INVALID_PARAMETER},
     };
-    for (const auto& row : paths) {
-        if (&row == paths && !OnTheLayer()) continue;
+    for (const auto& [path, open, create] : paths) {
+        if (path.find('\t') != std::string::npos && !OnTheLayer()) continue;
         HKEY key = nullptr;
-        EXPECT_EQ(RegOpenKeyExA(kMachine, row.path.c_str(), 0, KEY_READ, &key), row.open) << row.path;
-        EXPECT_EQ(key != nullptr, row.open == ERROR_SUCCESS);
-        EXPECT_EQ(TryCreateKey(kMachine, row.path, &key), row.create) << row.path;
+        EXPECT_EQ(RegOpenKeyExA(kMachine, path.c_str(), 0, KEY_READ, &key), open) << path;
+        EXPECT_EQ(key != nullptr, open == ERROR_SUCCESS);
+        EXPECT_EQ(TryCreateKey(kMachine, path, &key), create) << path;
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 TEST(RpcBinding, StringIsMadeOfItsPartsAndChecked) {
     const auto text = [](const char* chars) { return reinterpret_cast<RPC_CSTR>(const_cast<char*>(chars)); };
@@ -37,11 +38,7 @@ TEST(RpcCall, EverySizeArrivesUnchangedBothWaysAndFailureIsTheStatus) {
         EXPECT_TRUE(binding.Call(kEcho, Pattern(size)).body == Pattern(size)) << size;
         EXPECT_TRUE(binding.Call(kMake, Number(size)).body == Pattern(size)) << size;
     }
-    const struct {
-        unsigned procedure;
-        Bytes request;
-        RPC_STATUS status;
-    } rows[] = {
+    const std::tuple<unsigned, Bytes, RPC_STATUS> rows[] = {
         {kEcho, Bytes((4 << 20) + 1), RPC_S_OUT_OF_MEMORY},
         {kMake, Number((4 << 20) + 1), RPC_S_SERVER_OUT_OF_MEMORY},
         {kRaise, Number(RPC_X_BAD_STUB_DATA), RPC_X_BAD_STUB_DATA},
@@ -57,9 +54,9 @@ TEST(RpcCall, EverySizeArrivesUnchangedBothWaysAndFailureIsTheStatus) {
         {kProcedureCount, {}, RPC_S_PROCNUM_OUT_OF_RANGE},
         {0x7FFF, {}, RPC_S_PROCNUM_OUT_OF_RANGE},
     };
-    for (const auto& row : rows) {
-        const Reply reply = binding.Call(row.procedure, row.request);
-        EXPECT_EQ(reply.status, row.status) << row.procedure;
+    for (const auto& [procedure, request, status] : rows) {
+        const Reply reply = binding.Call(procedure, request);
+        EXPECT_EQ(reply.status, status) << procedure;
         EXPECT_TRUE(reply.body.empty());
     }
     EXPECT_EQ(binding.Number(kTouch), 1U) << "on the same connection, and as good as ever";
@@ -79,27 +76,22 @@ TEST(RpcCall, EverySizeArrivesUnchangedBothWaysAndFailureIsTheStatus) {
 TEST(RpcCall, InterfaceIsAskedForByItsVersionAndWhileItIsOffered) {
     TestServer server;
     const TestBinding binding;
-    const struct {
-        RPC_SYNTAX_IDENTIFIER id;
-        unsigned short major, minor, syntax;
-        RPC_STATUS status;
-    } rows[] = {{kTestInterface, 1, 2, 2, RPC_S_OK},
-                {kTestInterface, 1, 0, 2, RPC_S_OK},
-                {kTestInterface, 1, 3, 2, RPC_S_UNKNOWN_IF},
-                {kTestInterface, 2, 0, 2, RPC_S_UNKNOWN_IF},
-                {kUnknownInterface, 1, 0, 2, RPC_S_UNKNOWN_IF},
-                {kTestInterface, 1, 2, 3, RPC_S_UNSUPPORTED_TRANS_SYN}};
-    for (const auto& row : rows) {
+    const auto call = [&](const RPC_SYNTAX_IDENTIFIER& id, unsigned short major, unsigned short minor,
+                          unsigned short syntax) {
         RPC_CLIENT_INTERFACE asked = g_testClient;
-        asked.InterfaceId = {row.id.SyntaxGUID, {row.major, row.minor}};
-        asked.TransferSyntax.SyntaxVersion.MajorVersion = row.syntax;
-        EXPECT_EQ(binding.Call(kEcho, {}, asked).status, row.status) << row.major << "." << row.minor;
-    }
+        asked.InterfaceId = {id.SyntaxGUID, {major, minor}};
+        asked.TransferSyntax.SyntaxVersion.MajorVersion = syntax;
+        return binding.Call(kEcho, {}, asked).status;
+    };
+    EXPECT_EQ(call(kTestInterface, 1, 2, 2), RPC_S_OK);
+    EXPECT_EQ(call(kTestInterface, 1, 0, 2), RPC_S_OK);
+    EXPECT_EQ(call(kTestInterface, 1, 3, 2), RPC_S_UNKNOWN_IF);
+    EXPECT_EQ(call(kTestInterface, 2, 0, 2), RPC_S_UNKNOWN_IF);
+    EXPECT_EQ(call(kUnknownInterface, 1, 0, 2), RPC_S_UNKNOWN_IF);
+    EXPECT_EQ(call(kTestInterface, 1, 2, 3), RPC_S_UNSUPPORTED_TRANS_SYN);
     EXPECT_EQ(server.Order("withdraw"), RPC_S_OK);
     EXPECT_EQ(binding.Call(kTouch).status, RPC_S_UNKNOWN_IF);
-    RPC_CLIENT_INTERFACE older = g_testClient; // a context that is asked for only now
-    older.InterfaceId.SyntaxVersion.MinorVersion = 1;
-    EXPECT_EQ(binding.Call(kTouch, {}, older).status, RPC_S_UNKNOWN_IF);
+    EXPECT_EQ(call(kTestInterface, 1, 1, 2), RPC_S_UNKNOWN_IF) << "a context that is asked for only now";
     EXPECT_EQ(server.Order("withdraw"), RPC_S_UNKNOWN_IF);
     EXPECT_EQ(server.Order("offer"), RPC_S_OK);
     EXPECT_EQ(binding.Number(kTouch), 1U);
@@ -176,17 +168,14 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
     const auto reaches = [&](uint32_t context, uint32_t rundowns) {
         return WaitUntil([&] { return observer.Call(kRundowns).Number(context) == rundowns; });
     };
-    const struct {
-        const char* order; // then it is killed
-        uint32_t rundownsBefore, rundowns;
-    } rows[] = {{"thread", 0, 1}, {"free", 1, 1}, {"stop", 0, 0}};
-    for (uint32_t context = 0; context < std::size(rows); ++context) {
+    uint32_t context = 0;
+    for (const auto& [order, before, after] : {std::tuple{"thread", 0U, 1U}, {"free", 1U, 1U}, {"stop", 0U, 0U}}) {
         TestProcess client = Ready("RpcClient", {std::to_string(context)});
-        client.Tell(rows[context].order);
+        client.Tell(order);
         EXPECT_EQ(client.Hear(), "done");
-        EXPECT_TRUE(reaches(context, rows[context].rundownsBefore)) << rows[context].order;
+        EXPECT_TRUE(reaches(context, before)) << order;
         client.Kill();
-        EXPECT_TRUE(reaches(context, rows[context].rundowns)) << rows[context].order;
+        EXPECT_TRUE(reaches(context++, after)) << order;
     }
     TestProcess holds = Ready("RpcClient", {"4"}); // killed within a call: run down when the call has returned
     holds.Tell("hold");

@@ -13,22 +13,38 @@
 #include <iterator>
 
 // Procedures of the test interface. Numbers are u32.
+//   kEcho         replies what it was sent
+//   kMake         number n: replies n bytes, each the low byte of its offset times 7
+//   kRaise        number: raises it
+//   kThrow        number 0: throws std::bad_alloc, else an int
+//   kIdentify     replies the client's process id and the text of its identity
+//   kTouch        counts, and replies how often it was called
+//   kMonitor      number: asks for a rundown with it, replies the one asked for before
+//   kStopMonitor  takes it back
+//   kRundowns     replies how often each of the 16 contexts was run down, 16 numbers
+//   kHold         does not return before kRelease was called
+//   kRelease      lets all kHold return
+//   kHolding      replies how many kHold are in progress
+//   kTooLong      claims a longer reply than its buffer
+//   kNoBuffer     takes no buffer for its reply
+//   kHole         not offered
 enum Procedure : unsigned {
-    kEcho,     // replies what it was sent
-    kMake,     // number n: replies n bytes, each the low byte of its offset times 7
-    kRaise,    // number: raises it
-    kThrow,    // number 0: throws std::bad_alloc, else an int
-    kIdentify, // replies the client's process id and the text of its identity
-    kTouch,    // counts, and replies how often it was called
-    kMonitor,  // number: asks for a rundown with it, replies the one asked for before
-    kRundowns, // replies how often each of the 16 contexts was run down, 16 numbers
-    kHold,     // does not return before kRelease was called
-    kRelease,  // lets all kHold return
-    kHolding,  // replies how many kHold are in progress
-    kTooLong,  // claims a longer reply than its buffer
-    kNoBuffer, // takes no buffer for its reply
-    kHole,     // not offered
-    kProcedureCount,
+    kEcho,
+    kMake,
+    kRaise,
+    kThrow,
+    kIdentify,
+    kTouch,
+    kMonitor,
+    kStopMonitor,
+    kRundowns,
+    kHold,
+    kRelease,
+    kHolding,
+    kTooLong,
+    kNoBuffer,
+    kHole,
+    kProcedureCount
 };
 
 extern const RPC_SYNTAX_IDENTIFIER kTestInterface; // 8d1f7a10-52c4-4a0e-9d3b-0f1e2d3c4b5a, 1.2

@@ -2,6 +2,7 @@
 #include "rpc_kit.h"
 
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -57,11 +58,7 @@ TEST(RpcReply, AnswerToABindIsChecked) {
     FakeServer server;
     Bytes half = Ack();
     half.resize(20);
-    const struct {
-        const char* what;
-        Bytes ack;
-        RPC_STATUS status;
-    } rows[] = {
+    const std::tuple<const char*, Bytes, RPC_STATUS> rows[] = {
         {"too busy", Nak(2), RPC_S_SERVER_TOO_BUSY},
         {"version", Nak(4), RPC_S_PROTOCOL_ERROR},
         {"no reason", Nak(0), RPC_S_PROTOCOL_ERROR},
@@ -80,8 +77,8 @@ TEST(RpcReply, AnswerToABindIsChecked) {
         {"nothing", {}, RPC_S_SERVER_UNAVAILABLE},
         {"half of it", half, RPC_S_SERVER_UNAVAILABLE},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(server.Serve(row.ack, {}).status, row.status) << row.what;
+    for (const auto& [what, ack, status] : rows)
+        EXPECT_EQ(server.Serve(ack, {}).status, status) << what;
     EXPECT_EQ(server.Serve(Join({Pdu(kShutdownPdu, {}), Ack()}), Response({9})).body, Bytes({9}));
 }
 
@@ -91,11 +88,7 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
     const Bytes more = Response(Bytes(65000), 0);
     while (tooLarge.size() <= (4 << 20))
         tooLarge.insert(tooLarge.end(), more.begin(), more.end());
-    const struct {
-        const char* what;
-        Bytes answer;
-        RPC_STATUS status;
-    } rows[] = {
+    const std::tuple<const char*, Bytes, RPC_STATUS> rows[] = {
         {"good", Response({5, 6}), RPC_S_OK},
         {"in pieces", Join({Response({5}, kFirst), Response({}, 0), Response({6}, kLast)}), RPC_S_OK},
         {"after a shutdown", Join({Pdu(kShutdownPdu, {}), Response({5, 6})}), RPC_S_OK},
@@ -124,10 +117,10 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
         {"too short", Changed(Response({5}), 8, 200), RPC_S_CALL_FAILED},
         {"first piece alone", Response({5}, kFirst), RPC_S_CALL_FAILED},
     };
-    for (const auto& row : rows) {
-        const Reply reply = server.Serve(Ack(), row.answer);
-        EXPECT_EQ(reply.status, row.status) << row.what;
-        EXPECT_TRUE(row.status != RPC_S_OK || reply.body == Bytes({5, 6})) << row.what;
+    for (const auto& [what, answer, status] : rows) {
+        const Reply reply = server.Serve(Ack(), answer);
+        EXPECT_EQ(reply.status, status) << what;
+        EXPECT_EQ(reply.body, status == RPC_S_OK ? Bytes({5, 6}) : Bytes()) << what;
     }
     EXPECT_EQ(server.Serve(Ack(), {}).status, RPC_S_CALL_FAILED);
     EXPECT_EQ(server.Serve(Ack(), {}, 20).status, RPC_S_CALL_FAILED_DNE); // it has not read all of it

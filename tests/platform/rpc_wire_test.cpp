@@ -207,6 +207,7 @@ TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
     Bytes wrongOrder = Request(kEcho, {1}, kLast);
     wrongOrder[4] = 0;
     std::swap(wrongOrder[8], wrongOrder[9]);
+    std::swap(wrongOrder[12], wrongOrder[15]);
     const struct {
         const char* what;
         Bytes pdus;

@@ -9,12 +9,11 @@
 inline DWORD Add(std::string name, std::string driver = "Driver", std::string port = "LPT1:", DWORD attributes = 0,
                  HANDLE* handle = nullptr) {
     std::string comment = "of " + name;
-    PRINTER_INFO_2A record{};
-    record.pPrinterName = name.data();
-    record.pDriverName = driver.data();
-    record.pPortName = port.data();
-    record.pComment = comment.data();
-    record.Attributes = attributes;
+    PRINTER_INFO_2A record{.pPrinterName = name.data(),
+                           .pPortName = port.data(),
+                           .pDriverName = driver.data(),
+                           .pComment = comment.data(),
+                           .Attributes = attributes};
     HANDLE ignored = nullptr;
     HANDLE& printer = handle ? *handle : ignored;
     printer = AddPrinterA(nullptr, 2, reinterpret_cast<LPBYTE>(&record));

@@ -15,8 +15,7 @@ void SetVersionValue(const char* name, const string& text) {
 
 // "platform major.minor.build", or the error.
 string Version() {
-    OSVERSIONINFOA version{};
-    version.dwOSVersionInfoSize = sizeof version;
+    OSVERSIONINFOA version{.dwOSVersionInfoSize = sizeof version};
     if (!GetVersionExA(&version)) return "error " + std::to_string(GetLastError());
     return std::to_string(version.dwPlatformId) + " " + std::to_string(version.dwMajorVersion) + "." +
            std::to_string(version.dwMinorVersion) + "." + std::to_string(version.dwBuildNumber);

@@ -132,10 +132,8 @@ CHILD_PROCESS(TellsItsCodePage) {
 // The trail byte of the first character of the file's name is a backslash.
 TEST(AnsiCodePage, IsThatOfTheEnvironmentThenOfTheRegistryThen1252) {
     std::ofstream(PrivateDirectory() + "/\xE8\xA1\xA8.txt") << "x";
-    const struct {
-        const char *registry, *environment; // null: not set
-        const char *fileName, *said;
-    } rows[] = {
+    // The code page in the registry and in the environment (null: not set), the file's name, what is said.
+    const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
         {nullptr, nullptr, "\\\x95\\.txt", "1252 single not there"},
         {nullptr, "932", "\\\x95\\.txt", "932 lead there"},
         {nullptr, "65001", "\\\xE8\xA1\xA8.txt", "65001 single there"},
@@ -145,12 +143,12 @@ TEST(AnsiCodePage, IsThatOfTheEnvironmentThenOfTheRegistryThen1252) {
         {"12345", nullptr, "", "1252 single not there"},
     };
     HKEY key = CreateKey(HKEY_LOCAL_MACHINE, "SYSTEM\\CurrentControlSet\\Control\\Nls\\CodePage");
-    for (const auto& row : rows) {
-        if (row.registry) SetValue(key, "ACP", row.registry + string(1, '\0'), REG_SZ);
+    for (const auto& [registry, setting, fileName, said] : rows) {
+        if (registry) SetValue(key, "ACP", registry + string(1, '\0'), REG_SZ);
         Environment environment;
-        if (row.environment) environment["ORIEL_ANSI_CODE_PAGE"] = row.environment;
-        TestProcess child("TellsItsCodePage", {WindowsPath(PrivateDirectory()) + row.fileName}, environment);
-        EXPECT_EQ(child.Hear(), row.said) << &row - rows;
+        if (setting) environment["ORIEL_ANSI_CODE_PAGE"] = setting;
+        TestProcess child("TellsItsCodePage", {WindowsPath(PrivateDirectory()) + fileName}, environment);
+        EXPECT_EQ(child.Hear(), said);
     }
 }
 
@@ -223,16 +221,13 @@ TEST(Order, IsTotalAndOnlyIdenticalTextIsEqual) {
 }
 
 TEST(Order, WithoutCase) {
-    const struct {
-        const char *a, *b;
-        int result;
-    } rows[] = {{"SYSTEM", "system", 0},
-                {"WinSta0", "WinSta1", -1},
-                {"TVORSN.EXE", "tvorsn.exe.", -1},
-                {"\xC4rger", "\xE4rger", 0},
-                {"co-op", "CO-OP", 0},
-                {"co-op", "COOP", 1},
-                {"\xC4", "A", 1}};
+    const std::tuple<const char*, const char*, int> rows[] = {{"SYSTEM", "system", 0},
+                                                              {"WinSta0", "WinSta1", -1},
+                                                              {"TVORSN.EXE", "tvorsn.exe.", -1},
+                                                              {"\xC4rger", "\xE4rger", 0},
+                                                              {"co-op", "CO-OP", 0},
+                                                              {"co-op", "COOP", 1},
+                                                              {"\xC4", "A", 1}};
     for (const auto& [a, b, result] : rows) {
         EXPECT_EQ(lstrcmpiA(a, b), result) << a << " " << b;
         EXPECT_EQ(lstrcmpiA(b, a), -result) << a << " " << b;
