@@ -1,8 +1,10 @@
 // Every pointer argument of every export, with every kind of bad address: the code, no crash, and nothing lost.
-#include "machine.h"
 #include "memory_kit.h"
-#include "product/client.h"
+#include "notification_kit.h"
+#include "printer_side.h"
 #include "wide_literal.h"
+
+#include <tvsqdz_records.h>
 
 #include <cstring>
 #include <set>
@@ -18,253 +20,246 @@ size_t ReadableRun(const AddressCase& row) {
     return kNothing.contains(row.kind) ? 0 : kPage - reinterpret_cast<uintptr_t>(row.address) % kPage;
 }
 
-struct TextArgument {
-    const char* name;
-    size_t capacity; // bytes that are read before the text is too long
-    int32_t tooLong;
-    int32_t fault;
-    std::function<int32_t(const void* address)> call;
+// An address that is taken for a pointer to whatever the export wants.
+struct Any {
+    void* address;
+    template <typename Type>
+    operator Type*() const {
+        return static_cast<Type*>(address);
+    }
 };
+using Call = std::function<int32_t(Any)>;
 
-struct OutputArgument {
-    const char* name;
-    size_t size;
-    int32_t fault;
-    std::function<int32_t(void* address)> call;
-};
-
-// What is registered by them is never delivered.
+// What is registered by it is never delivered.
 const TvsCallback kCallback = [](TvsManager, uint32_t, const char*, const void*, uint32_t) {};
-void* const kEvents[2] = {};
-const uint32_t kNumbers[2] = {};
 
-} // namespace
+struct BadPointers : OpenedReady {
+    // Opened, closed again; registered, cancelled; requested, done.
+    int32_t Closed(int32_t status) {
+        if (status == TVS_OK) {
+            EXPECT_EQ(CloseManager(made), TVS_OK);
+        }
+        return status;
+    }
+    int32_t Cancelled(int32_t status, Any handle) {
+        EXPECT_EQ(RegistrationCount(manager) > 0, status == TVS_OK);
+        if (status != TVS_OK) return status;
+        if (handle.address != &made) std::memcpy(&made, handle.address, sizeof made);
+        EXPECT_EQ(KillNotificationEvent(manager, made), TVS_OK);
+        EXPECT_EQ(RegistrationCount(manager), 0);
+        return status;
+    }
+    int32_t Done(int32_t status) {
+        if (status == TVS_OK) {
+            EXPECT_TRUE(IsSet(event));
+            EXPECT_EQ(ResultOf(manager, 1), 0);
+        }
+        EXPECT_EQ(StoredBytes(database, "ReqResult"), Joined({Number(4), Number(0)}));
+        return status;
+    }
 
-TEST(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+    const HANDLE event = NewEvent();
+    void* const events[2] = {};
+    const uint32_t numbers[2] = {};
+    const TvsCallback callbacks[2] = {kCallback, kCallback};
     uint32_t value = 0;
     uint32_t size = 0;
     SYSTEMTIME time;
-    TvsManager opened = 0;
-    const auto narrow = [](const void* address) { return static_cast<const char*>(address); };
-    const auto wide = [](const void* address) { return static_cast<const WCHAR*>(address); };
-    const auto closed = [&](int32_t status) {
-        if (status == TVS_OK) {
-            EXPECT_EQ(CloseManager(opened), TVS_OK);
-        }
-        return status;
-    };
-    const TextArgument arguments[] = {
-        {"GetPrinterStatusA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetPrinterStatusA(manager, narrow(a), &value, 4, &size); }},
-        {"GetPrinterStatusInfoA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetPrinterStatusInfoA(manager, narrow(a), &time); }},
-        {"GetPrinterStatusInfoW variable", 64, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetPrinterStatusInfoW(manager, wide(a), &time); }},
-        {"UpdatePrinterStatusA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return UpdatePrinterStatusA(manager, narrow(a), &value, 4); }},
-        {"GetPrinterStatusDirectA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetPrinterStatusDirectA(manager, narrow(a), &value, 4, &size); }},
-        {"SetPrinterStatusDirectA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetPrinterStatusDirectA(manager, narrow(a), &value, 4); }},
-        {"SetNotificationEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationEventA(manager, narrow(a), nullptr, &opened); }},
-        {"SetNotificationMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationMsgA(manager, narrow(a), nullptr, 1, &opened); }},
-        {"SetNotificationCallbackA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationCallbackA(manager, narrow(a), kCallback, 0, &opened); }},
-        {"SetNotificationEventExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationEventExA(manager, 1, narrow(a), kEvents, &opened); }},
-        {"SetNotificationMsgExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationMsgExA(manager, 1, narrow(a), nullptr, kNumbers, &opened); }},
-        {"SetNotificationCallbackExA variables", 65536, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) {
-             return SetNotificationCallbackExA(manager, 1, narrow(a), &kCallback, kNumbers, &opened);
-         }},
-        {"GetPrinterStatusW variable", 64, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetPrinterStatusW(manager, wide(a), &value, 4, &size); }},
-        {"UpdatePrinterStatusW variable", 64, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return UpdatePrinterStatusW(manager, wide(a), &value, 4); }},
-        {"SetNotificationEventW variable", 64, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationEventW(manager, wide(a), nullptr, &opened); }},
-        {"SetNotificationEventExW variables", 131072, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetNotificationEventExW(manager, 1, wide(a), kEvents, &opened); }},
-        {"GetReqPrinterStatusEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetReqPrinterStatusEventA(manager, narrow(a), nullptr); }},
-        {"GetReqPrinterStatusMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return GetReqPrinterStatusMsgA(manager, narrow(a), nullptr, 0); }},
-        {"SetReqPrinterStatusEventA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetReqPrinterStatusEventA(manager, narrow(a), &value, 4, nullptr, &size); }},
-        {"SetReqPrinterStatusMsgA variable", 256, TVS_E_UNKNOWN, TVS_E_FAULT,
-         [&](const void* a) { return SetReqPrinterStatusMsgA(manager, narrow(a), &value, 4, nullptr, 0, &size); }},
-        {"OpenManagerA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerA(narrow(a), "u", &opened); }},
-        {"OpenManagerExA printer", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerExA(narrow(a), "u", 2, &opened); }},
-        {"OpenManagerExA printer of kind 1", 260, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerExA(narrow(a), "u", 1, &opened); }},
-        {"OpenManagerW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerW(wide(a), WIDE("u"), &opened); }},
-        {"OpenManagerExW printer", 520, TVS_E_UNAVAILABLE, TVS_E_FAULT,
-         [&](const void* a) { return OpenManagerExW(wide(a), WIDE("u"), 2, &opened); }},
-        // A user name that cannot be read counts as absent.
-        {"OpenManagerExA user", 64, TVS_E_UNAVAILABLE, TVS_OK,
-         [&](const void* a) { return closed(OpenManagerExA(kPrinter.c_str(), narrow(a), 2, &opened)); }},
-        {"OpenManagerExW user", 128, TVS_E_UNAVAILABLE, TVS_OK,
-         [&](const void* a) { return closed(OpenManagerExW(WIDE("Front desk"), wide(a), 2, &opened)); }},
-    };
+    UINT_PTR made = 0;
     BadMemory memory;
-    for (const TextArgument& argument : arguments)
-        for (const AddressCase& row : memory.Kinds(40)) {
-            const int32_t expected = ReadableRun(row) >= argument.capacity ? argument.tooLong : argument.fault;
-            EXPECT_EQ(argument.call(row.address), expected) << argument.name << ": " << row.kind;
-        }
+};
+
+} // namespace
+
+TEST_F(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
+    const TvsManager m = manager;
+    // capacity: bytes that are read before the text is too long.
+    const std::tuple<size_t, int32_t, int32_t, std::vector<Call>> groups[] = {
+        {256,
+         TVS_E_UNKNOWN,
+         TVS_E_FAULT,
+         {[&](Any a) { return GetPrinterStatusA(m, a, &value, 4, &size); },
+          [&](Any a) { return GetPrinterStatusInfoA(m, a, &time); },
+          [&](Any a) { return UpdatePrinterStatusA(m, a, &value, 4); },
+          [&](Any a) { return GetPrinterStatusDirectA(m, a, &value, 4, &size); },
+          [&](Any a) { return SetPrinterStatusDirectA(m, a, &value, 4); },
+          [&](Any a) { return SetNotificationEventA(m, a, nullptr, &made); },
+          [&](Any a) { return SetNotificationMsgA(m, a, nullptr, 1, &made); },
+          [&](Any a) { return SetNotificationCallbackA(m, a, kCallback, 0, &made); },
+          [&](Any a) { return GetReqPrinterStatusEventA(m, a, event); },
+          [&](Any a) { return GetReqPrinterStatusMsgA(m, a, nullptr, 0); },
+          [&](Any a) { return SetReqPrinterStatusEventA(m, a, &value, 4, nullptr, &size); },
+          [&](Any a) { return SetReqPrinterStatusMsgA(m, a, &value, 4, nullptr, 0, &size); }}},
+        {64,
+         TVS_E_UNKNOWN,
+         TVS_E_FAULT,
+         {[&](Any a) { return GetPrinterStatusW(m, a, &value, 4, &size); },
+          [&](Any a) { return GetPrinterStatusInfoW(m, a, &time); },
+          [&](Any a) { return UpdatePrinterStatusW(m, a, &value, 4); },
+          [&](Any a) { return GetPrinterStatusDirectW(m, a, &value, 4, &size); },
+          [&](Any a) { return SetPrinterStatusDirectW(m, a, &value, 4); },
+          [&](Any a) { return SetNotificationEventW(m, a, nullptr, &made); },
+          [&](Any a) { return SetNotificationMsgW(m, a, nullptr, 1, &made); },
+          [&](Any a) { return GetReqPrinterStatusEventW(m, a, event); },
+          [&](Any a) { return GetReqPrinterStatusMsgW(m, a, nullptr, 0); },
+          [&](Any a) { return SetReqPrinterStatusEventW(m, a, &value, 4, nullptr, &size); },
+          [&](Any a) { return SetReqPrinterStatusMsgW(m, a, &value, 4, nullptr, 0, &size); }}},
+        {65536,
+         TVS_E_UNKNOWN,
+         TVS_E_FAULT,
+         {[&](Any a) { return SetNotificationEventExA(m, 1, a, events, &made); },
+          [&](Any a) { return SetNotificationMsgExA(m, 1, a, nullptr, numbers, &made); },
+          [&](Any a) { return SetNotificationCallbackExA(m, 1, a, callbacks, numbers, &made); },
+          [&](Any a) { return SetNotificationEventExW(m, 1, a, events, &made); },
+          [&](Any a) { return SetNotificationMsgExW(m, 1, a, nullptr, numbers, &made); }}},
+        {260,
+         TVS_E_UNAVAILABLE,
+         TVS_E_FAULT,
+         {[&](Any a) { return OpenManagerA(a, "u", &made); }, [&](Any a) { return OpenManagerExA(a, "u", 2, &made); },
+          [&](Any a) { return OpenManagerExA(a, "u", 1, &made); }}},
+        {520,
+         TVS_E_UNAVAILABLE,
+         TVS_E_FAULT,
+         {[&](Any a) { return OpenManagerW(a, WIDE("u"), &made); },
+          [&](Any a) { return OpenManagerExW(a, WIDE("u"), 2, &made); }}},
+        // A user name that cannot be read counts as absent.
+        {64, TVS_E_UNAVAILABLE, TVS_OK, {[&](Any a) { return Closed(OpenManagerExA(kPrinter.c_str(), a, 2, &made)); }}},
+        {128, TVS_E_UNAVAILABLE, TVS_OK, {[&](Any a) {
+             return Closed(OpenManagerExW(WIDE("Front desk"), a, 2, &made));
+         }}},
+    };
+    for (const auto& [capacity, tooLong, fault, calls] : groups)
+        for (const Call& call : calls)
+            for (const AddressCase& row : memory.Kinds(40))
+                EXPECT_EQ(call({row.address}), ReadableRun(row) >= capacity ? tooLong : fault)
+                    << capacity << " bytes, call " << &call - calls.data() << ": " << row.kind;
     // A text that ends where the page does is a text.
-    const auto atEnd = [&](const void* text, size_t bytes) { return std::memcpy(memory.AtEnd(bytes), text, bytes); };
-    EXPECT_EQ(GetPrinterStatusA(manager, static_cast<char*>(atEnd("ModelNumber", 12)), &value, 4, &size), TVS_OK);
-    EXPECT_EQ(GetPrinterStatusInfoW(manager, static_cast<WCHAR*>(atEnd(WIDE("JobStatus"), 20)), &time), TVS_OK);
-    EXPECT_EQ(closed(OpenManagerExA(static_cast<char*>(atEnd("Front desk", 11)), nullptr, 2, &opened)), TVS_OK);
+    const auto atEnd = [&](const void* text, size_t bytes) {
+        return Any{std::memcpy(memory.AtEnd(bytes), text, bytes)};
+    };
+    EXPECT_EQ(GetPrinterStatusA(manager, atEnd("ModelNumber", 12), &value, 4, &size), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusInfoW(manager, atEnd(WIDE("JobStatus"), 20), &time), TVS_OK);
+    EXPECT_EQ(Closed(OpenManagerExA(atEnd("Front desk", 11), nullptr, 2, &made)), TVS_OK);
     // One that begins on another page than it ends.
     const std::string longName(255, 'n');
     std::memcpy(memory.AtEnd(kPage) + 10, longName.c_str(), 256);
-    EXPECT_EQ(GetPrinterStatusA(manager, narrow(memory.AtEnd(kPage) + 10), &value, 4, &size), TVS_E_UNKNOWN);
+    EXPECT_EQ(GetPrinterStatusA(manager, Any{memory.AtEnd(kPage) + 10}, &value, 4, &size), TVS_E_UNKNOWN);
 }
 
-TEST(BadPointers, OutputsAreWrittenOrNothingIsLost) {
-    const Product product;
-    AddModelVariable(kModel, "Queue", 4, 0x10080, Number(0));
-    const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
-    const Bytes items = Joined({Number(12), Number(2), {'o', 'l', 'd', '1'}, {'n', 'e', 'w', '2'}});
-    const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0)});
-    ASSERT_EQ(CreateVariable(database, "Queue", product::kTypeVariableLength, 16, items.data()), Answer::Done);
-    const auto restore = [&] {
-        EXPECT_EQ(WriteVariable(database, "Queue", items.data(), 16), Answer::Done);
-        EXPECT_EQ(WriteVariable(database, "ReqResult", results.data(), 16), Answer::Done);
+TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
+    const PrinterSide printer(database);
+    const Bytes items = Joined({Number(20), Number(2), Text("item one"), Text("item two")});
+    ASSERT_EQ(CreateVariable(database, "Q", dblink::kTypeVariableLength, 24, items.data()), Answer::Done);
+    const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0x33)});
+    const auto isWhole = [&] { return StoredBytes(database, "Q") == items; };
+    const auto queueRead = [&](int32_t status) {
+        EXPECT_EQ(isWhole(), status != TVS_OK);
+        StoreBytes(database, "Q", items);
+        return status;
     };
-    const auto unchanged = [&] {
-        Bytes now(16);
-        DWORD size = 0;
-        EXPECT_EQ(ReadVariable(database, "Queue", now.data(), 16, &size), Answer::Done);
-        const bool queueIsWhole = size == 16 && now == items;
-        EXPECT_EQ(ReadVariable(database, "ReqResult", now.data(), 16, &size), Answer::Done);
-        return queueIsWhole && size == 16 && now == results;
+    const auto resultRead = [&](Any a) {
+        StoreBytes(database, "ReqResult", results);
+        const int32_t status = ResSetPrinterStatus(manager, 5, a);
+        EXPECT_EQ(StoredBytes(database, "ReqResult") == results, status != TVS_OK);
+        StoreBytes(database, "ReqResult", Joined({Number(4), Number(0)}));
+        return status;
     };
-    uint32_t value = 0;
-    uint32_t size = 0;
-    const auto word = [](void* address) { return static_cast<uint32_t*>(address); };
-    const char* printer = kPrinter.c_str();
-    const OutputArgument arguments[] = {
-        {"GetPrinterStatusA buffer", 4, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusA(manager, "ModelNumber", a, a != nullptr ? 4 : 0, &size); }},
-        {"GetPrinterStatusA buffer of a queue", 4, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusA(manager, "Queue", a, a != nullptr ? 4 : 0, &size); }},
-        {"GetPrinterStatusA returned size", 4, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusA(manager, "ModelNumber", &value, 4, word(a)); }},
-        {"GetPrinterStatusA returned size of a queue", 4, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusA(manager, "Queue", &value, 4, word(a)); }},
-        {"GetPrinterStatusInfoA time", 16, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusInfoA(manager, "JobStatus", static_cast<SYSTEMTIME*>(a)); }},
-        {"GetPrinterStatusInfoW time", 16, TVS_E_FAULT,
-         [&](void* a) { return GetPrinterStatusInfoW(manager, WIDE("JobStatus"), static_cast<SYSTEMTIME*>(a)); }},
-        {"ResSetPrinterStatus result", 4, TVS_E_FAULT,
-         [&](void* a) { return ResSetPrinterStatus(manager, 5, static_cast<int32_t*>(a)); }},
-        {"OpenManagerExA handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
-         [&](void* a) { return OpenManagerExA(printer, "u", 2, static_cast<TvsManager*>(a)); }},
-        {"OpenManagerExW handle", sizeof(TvsManager), TVS_E_UNAVAILABLE,
-         [&](void* a) { return OpenManagerExW(WIDE("Front desk"), WIDE("u"), 2, static_cast<TvsManager*>(a)); }},
+    const auto registered = [&](const char* names, Any a) { // in each form; a list with one variable of each kind
+        const int32_t status = Cancelled(SetNotificationEventA(manager, "PrinterStatus", nullptr, a), a);
+        EXPECT_EQ(Cancelled(SetNotificationMsgA(manager, "PrinterStatus", nullptr, 1, a), a), status);
+        EXPECT_EQ(Cancelled(SetNotificationCallbackA(manager, "PrinterStatus", kCallback, 0, a), a), status);
+        EXPECT_EQ(Cancelled(SetNotificationEventExA(manager, 2, names, events, a), a), status);
+        EXPECT_EQ(Cancelled(SetNotificationMsgExA(manager, 2, names, nullptr, numbers, a), a), status);
+        EXPECT_EQ(Cancelled(SetNotificationCallbackExA(manager, 2, names, callbacks, numbers, a), a), status);
+        return status;
     };
-    BadMemory memory;
-    for (const OutputArgument& argument : arguments)
-        for (const AddressCase& row : memory.Kinds(argument.size)) {
-            SCOPED_TRACE(std::string(argument.name) + ": " + row.kind);
-            if (row.size != argument.size) continue; // the size of an output is fixed
-            restore();
-            const int32_t status = argument.call(row.address);
-            if (row.writable) {
-                EXPECT_EQ(status, TVS_OK);
-                continue;
-            }
-            // No buffer at all is the question for the size.
-            const bool asked = row.address == nullptr && std::strstr(argument.name, "buffer") != nullptr;
-            EXPECT_EQ(status, asked ? TVS_E_SIZE : argument.fault);
-            EXPECT_TRUE(unchanged());
+    const auto opened = [&](int32_t status, Any a) {
+        if (status == TVS_OK) std::memcpy(&made, a.address, sizeof made);
+        return Closed(status);
+    };
+    const auto direct = [&](bool write, Any a) {
+        const int before = printer.Requests();
+        const int32_t status = write ? SetPrinterStatusDirectA(manager, "DNumber", a, 4)
+                                     : GetPrinterStatusDirectA(manager, "DNumber", a, 4, &size);
+        EXPECT_EQ(printer.Requests() - before, write ? status == TVS_OK : a.address != nullptr);
+        EXPECT_TRUE(IsSet(record->requestMutex, 0)) << "no lock is lost";
+        ReleaseMutex(record->requestMutex);
+        return status;
+    };
+    const auto wideUpdate = [&](const WCHAR* variable, uint32_t bytes, Any a) {
+        std::memset(memory.GoodPage(), 0, kPage); // texts that end, queues without entries
+        const int32_t status = UpdatePrinterStatusW(manager, variable, a, bytes);
+        return status == TVS_E_MEMORY ? TVS_OK : status; // a count that promises more was read
+    };
+    const char two[] = "PrinterStatus;ModelNumber";
+    const char* name = kPrinter.c_str();
+    enum Access { kRead, kWrite };
+    const struct {
+        const char* what;
+        size_t bytes;
+        Access access;
+        Call call;
+        int32_t fault = TVS_E_FAULT;
+        int32_t null = TVS_E_FAULT; // no buffer may be the question for the size
+    } rows[] = {
+        {"buffer", 4, kWrite,
+         [&](Any a) { return GetPrinterStatusA(manager, "ModelNumber", a, a.address ? 4 : 0, &size); }, TVS_E_FAULT,
+         TVS_E_SIZE},
+        {"of a queue", 8, kWrite,
+         [&](Any a) { return queueRead(GetPrinterStatusA(manager, "Q", a, a.address ? 8 : 0, &size)); }, TVS_E_FAULT,
+         TVS_E_SIZE},
+        {"returned size", 4, kWrite, [&](Any a) { return GetPrinterStatusA(manager, "ModelNumber", &value, 4, a); }},
+        {"of a queue", 4, kWrite, [&](Any a) { return queueRead(GetPrinterStatusA(manager, "Q", &time, 8, a)); }},
+        {"wide record", 580, kWrite,
+         [&](Any a) { return GetPrinterStatusW(manager, WIDE("SendingJobInfo"), a, 580, &size); }, TVS_E_FAULT,
+         TVS_E_MEMORY},
+        {"wide queue", 4, kWrite, [&](Any a) { return GetPrinterStatusW(manager, WIDE("PrinterQueue"), a, 4, &size); },
+         TVS_E_FAULT, TVS_E_MEMORY},
+        {"wide record", 580, kRead, [&](Any a) { return wideUpdate(WIDE("SendingJobInfo"), 580, a); }},
+        {"wide queue", 4, kRead, [&](Any a) { return wideUpdate(WIDE("PrinterQueue"), 4, a); }},
+        {"time", 16, kWrite, [&](Any a) { return GetPrinterStatusInfoA(manager, "JobStatus", a); }},
+        {"time", 16, kWrite, [&](Any a) { return GetPrinterStatusInfoW(manager, WIDE("JobStatus"), a); }},
+        {"result", 4, kWrite, resultRead},
+        {"handle", sizeof made, kWrite, [&](Any a) { return opened(OpenManagerExA(name, "u", 2, a), a); },
+         TVS_E_UNAVAILABLE, TVS_E_UNAVAILABLE},
+        {"handle", sizeof made, kWrite,
+         [&](Any a) { return opened(OpenManagerExW(WIDE("Front desk"), WIDE("u"), 2, a), a); }, TVS_E_UNAVAILABLE,
+         TVS_E_UNAVAILABLE},
+        {"direct data", 4, kRead, [&](Any a) { return direct(true, a); }},
+        {"direct buffer", 4, kWrite, [&](Any a) { return direct(false, a); }, TVS_E_FAULT, TVS_E_SIZE},
+        {"request's data", 4, kRead,
+         [&](Any a) { return Done(SetReqPrinterStatusEventA(manager, "DNumber", a, 4, event, &size)); }},
+        {"request's number", 4, kWrite,
+         [&](Any a) { return Done(SetReqPrinterStatusEventA(manager, "DNumber", &value, 4, event, a)); }},
+        {"registrations", sizeof made, kWrite, [&](Any a) { return registered(two, a); }},
+        {"events", sizeof events, kRead,
+         [&](Any a) { return Cancelled(SetNotificationEventExA(manager, 2, two, a, &made), {&made}); }},
+        {"messages", sizeof numbers, kRead,
+         [&](Any a) { return Cancelled(SetNotificationMsgExA(manager, 2, two, nullptr, a, &made), {&made}); }},
+        {"flags", sizeof numbers, kRead,
+         [&](Any a) { return Cancelled(SetNotificationCallbackExA(manager, 2, two, callbacks, a, &made), {&made}); }},
+        {"callbacks", sizeof callbacks, kRead,
+         [&](Any a) { return Cancelled(SetNotificationCallbackExA(manager, 2, two, a, numbers, &made), {&made}); }},
+    };
+    for (const auto& row : rows)
+        for (const AddressCase& memoryCase : memory.Kinds(row.bytes)) {
+            if (memoryCase.size != row.bytes) continue; // the size of each is fixed
+            const bool good = row.access == kRead ? memoryCase.readable : memoryCase.writable;
+            const int32_t bad = memoryCase.address == nullptr ? row.null : row.fault;
+            EXPECT_EQ(row.call({memoryCase.address}), good ? TVS_OK : bad) << row.what << ": " << memoryCase.kind;
+            EXPECT_EQ(g_openManagerCount, 1u);
         }
-    while (g_managerList != nullptr && g_openManagerCount > 1)
-        EXPECT_EQ(CloseManager(HandleOf(g_managerList)), TVS_OK);
+    EXPECT_EQ(GetPrinterStatusW(manager, WIDE("SendingJobInfo"), nullptr, 0, nullptr), TVS_E_FAULT);
 }
 
-TEST(BadPointers, DataToStoreAreReadWholeOrNotAtAll) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
-    BadMemory memory;
+TEST_F(BadPointers, DataToStoreAreReadWholeOrNotAtAll) {
     for (const AddressCase& row : memory.Kinds(600)) {
         SCOPED_TRACE(row.kind);
         EXPECT_EQ(Update(manager, "AccessControlList", {1, 2, 3}), TVS_OK);
-        const uint32_t size = row.size > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<uint32_t>(row.size);
-        const int32_t status = UpdatePrinterStatusA(manager, "AccessControlList", row.address, size);
-        const bool huge = size == 0xFFFFFFFF;
+        const bool huge = row.size > 0xFFFFFFFF;
+        const int32_t status = UpdatePrinterStatusA(manager, "AccessControlList", row.address,
+                                                    huge ? 0xFFFFFFFF : static_cast<uint32_t>(row.size));
         EXPECT_EQ(status, huge ? PassOn(Answer::WrongSize) : row.readable ? TVS_OK : TVS_E_FAULT);
-        DWORD stored = 0;
-        EXPECT_EQ(ReadVariable(RecordOf(manager)->printerDatabase, "AccessControlList", nullptr, 0, &stored),
-                  Answer::Done);
-        EXPECT_EQ(stored, row.readable ? 604u : 7u);
+        EXPECT_EQ(StoredBytes(database, "AccessControlList").size(), row.readable ? 604u : 7u);
     }
-}
-
-// A list with a variable that is delegated and one that is not.
-TEST(BadPointers, NotificationsAreRegisteredWholeOrNotAtAll) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
-    const char one[] = "PrinterStatus";
-    const char two[] = "PrinterStatus;ModelNumber";
-    const TvsCallback callbacks[] = {kCallback, kCallback};
-    TvsRegistration made = 0;
-    const auto handle = [](void* a) { return static_cast<TvsRegistration*>(a); };
-    const auto numbers = [](void* a) { return static_cast<const uint32_t*>(a); };
-    const struct {
-        const char* name;
-        size_t size;
-        bool isOutput;
-        std::function<int32_t(void* address)> call;
-    } arguments[] = {
-        {"EventA", sizeof made, true, [&](void* a) { return SetNotificationEventA(manager, one, nullptr, handle(a)); }},
-        {"MsgA", sizeof made, true, [&](void* a) { return SetNotificationMsgA(manager, one, nullptr, 1, handle(a)); }},
-        {"CallbackA", sizeof made, true,
-         [&](void* a) { return SetNotificationCallbackA(manager, one, kCallback, 0, handle(a)); }},
-        {"EventExA", sizeof made, true,
-         [&](void* a) { return SetNotificationEventExA(manager, 2, two, kEvents, handle(a)); }},
-        {"MsgExA", sizeof made, true,
-         [&](void* a) { return SetNotificationMsgExA(manager, 2, two, nullptr, kNumbers, handle(a)); }},
-        {"CallbackExA", sizeof made, true,
-         [&](void* a) { return SetNotificationCallbackExA(manager, 2, two, callbacks, kNumbers, handle(a)); }},
-        {"EventExA events", 2 * sizeof(void*), false,
-         [&](void* a) { return SetNotificationEventExA(manager, 2, two, static_cast<void**>(a), &made); }},
-        {"MsgExA messages", 8, false,
-         [&](void* a) { return SetNotificationMsgExA(manager, 2, two, nullptr, numbers(a), &made); }},
-        {"CallbackExA callbacks", 2 * sizeof(TvsCallback), false,
-         [&](void* a) {
-             return SetNotificationCallbackExA(manager, 2, two, static_cast<TvsCallback*>(a), kNumbers, &made);
-         }},
-        {"CallbackExA flags", 8, false,
-         [&](void* a) { return SetNotificationCallbackExA(manager, 2, two, callbacks, numbers(a), &made); }},
-    };
-    const auto registered = [&] {
-        const ManagerLockHold lock;
-        return FindManager(manager)->registrations != nullptr;
-    };
-    BadMemory memory;
-    for (const auto& argument : arguments)
-        for (const AddressCase& row : memory.Kinds(argument.size)) {
-            if (row.size != argument.size) continue; // the size is not told
-            SCOPED_TRACE(std::string(argument.name) + ": " + row.kind);
-            const bool good = argument.isOutput ? row.writable : row.readable;
-            EXPECT_EQ(argument.call(row.address), good ? TVS_OK : TVS_E_FAULT);
-            EXPECT_EQ(registered(), good);
-            if (!good) continue;
-            if (argument.isOutput) std::memcpy(&made, row.address, sizeof made);
-            EXPECT_EQ(KillNotificationEvent(manager, made), TVS_OK);
-            EXPECT_FALSE(registered());
-        }
 }

@@ -1,42 +1,45 @@
 // Direct reads and writes: what each answers, in which order, and what an exchange survives.
-#include "base/timings.h"
-#include "memory_kit.h"
+#include "dblink/kernel_names.h"
+#include "frame/timings.h"
 #include "printer_side.h"
-#include "product/object_names.h"
 
 #include <cstring>
 
 namespace {
 
-ReadResult ReadDirectly(TvsManager manager, const std::string& variable, uint32_t size) {
-    return Read(manager, variable, size, GetPrinterStatusDirectA);
-}
-
-int32_t WriteDirectly(TvsManager manager, const std::string& variable, const Bytes& data) {
-    return SetPrinterStatusDirectA(manager, variable.c_str(), data.data(), static_cast<uint32_t>(data.size()));
-}
+struct Direct : OpenedReady {
+    ReadResult ReadDirectly(const std::string& variable, uint32_t size = 4) {
+        return Read(manager, variable, size, GetPrinterStatusDirectA);
+    }
+    int32_t WriteDirectly(const std::string& variable, const Bytes& data) {
+        return SetPrinterStatusDirectA(manager, variable.c_str(), data.data(), static_cast<uint32_t>(data.size()));
+    }
+    DWORD ReadRequests() {
+        DWORD writes = 0;
+        EXPECT_EQ(GetWriteCount(database, "ReadRequest", &writes), Answer::Done);
+        return writes;
+    }
+};
 
 // Reads a number directly until told to stop, a line for each: "status value".
 CHILD_PROCESS(ReadsDirectly) {
     const Library library;
-    const TvsManager manager = OpenAuthorised();
-    for (;;) {
-        if (child.Hear() != "read") return CloseManager(manager);
+    const TvsManager manager = OpenPrinter(2, kPrinter, kPowerfulUser);
+    while (child.Hear() == "read") {
         uint32_t value = 0;
         uint32_t size = 0;
         child.Say("asking");
         const int32_t status = GetPrinterStatusDirectA(manager, "DNumber", &value, sizeof value, &size);
         child.Say(std::to_string(status) + " " + std::to_string(value));
     }
+    return CloseManager(manager);
 }
 
 } // namespace
 
 // Each row has everything wrong that a later row has: the order of the tests.
-TEST(Direct, AnswersComeInTheirOrder) {
-    const DirectProduct product;
-    const TvsManager manager = product.manager;
-    PrinterSide printer(product.record, [&](const std::string&, const std::string&) { return -77; });
+TEST_F(Direct, AnswersComeInTheirOrder) {
+    const PrinterSide printer(database, [](auto&, auto&) { return -77; });
     uint32_t value = 0;
     uint32_t size = 0;
     EXPECT_EQ(GetPrinterStatusDirectA(manager + 8, "None", &value, 4, &size), TVS_E_HANDLE);
@@ -65,209 +68,170 @@ TEST(Direct, AnswersComeInTheirOrder) {
          }) {
         SCOPED_TRACE(row.what);
         SetReady(manager, row.extStatus, row.spoolerStatus, row.portKind);
-        product.record->lmFunction = row.forward;
-        std::strcpy(product.record->userName, row.user);
-        EXPECT_EQ(ReadDirectly(manager, "DNumber", 4).status, row.read);
-        EXPECT_EQ(WriteDirectly(manager, "DNumber", Number(1)), row.write);
-        EXPECT_EQ(WriteDirectly(manager, "DNumber", Bytes(8)), row.wrongSize);
-        EXPECT_EQ(WriteDirectly(manager, "RefreshStatus", BytesOf("all")), row.refresh);
-        for (const char* unknown : {"None", "AccessControlList"}) {
-            EXPECT_EQ(ReadDirectly(manager, unknown, 4).status, TVS_E_UNKNOWN);
-            EXPECT_EQ(WriteDirectly(manager, unknown, Number(1)), TVS_E_UNKNOWN);
-        }
-        EXPECT_EQ(WriteDirectly(manager, "DRead", Number(1)), TVS_E_UNKNOWN);
-        EXPECT_EQ(WriteDirectly(manager, "Plain", Number(1)), TVS_E_UNKNOWN) << "no printer takes it, and no handler";
+        record->lmFunction = row.forward;
+        std::strcpy(record->userName, row.user);
+        EXPECT_EQ(ReadDirectly("DNumber").status, row.read);
+        EXPECT_EQ(WriteDirectly("DNumber", Number(1)), row.write);
+        EXPECT_EQ(WriteDirectly("DNumber", Bytes(8)), row.wrongSize);
+        EXPECT_EQ(WriteDirectly("RefreshStatus", BytesOf("all")), row.refresh);
+        for (const char* unknown : {"None", "AccessControlList"})
+            EXPECT_EQ(ReadDirectly(unknown).status, TVS_E_UNKNOWN);
+        for (const char* unknown : {"None", "AccessControlList", "DRead", "Plain"}) // no printer takes it, no handler
+            EXPECT_EQ(WriteDirectly(unknown, Number(1)), TVS_E_UNKNOWN);
         EXPECT_EQ(NumberOf(manager, "Plain"), 4u);
     }
     // The size is told without asking anybody.
     const int before = printer.Requests();
-    EXPECT_EQ(ReadDirectly(manager, "DText", 0).returnedSize, 16u);
-    EXPECT_EQ(ReadDirectly(manager, "DVariable", 0).returnedSize, 4u);
-    EXPECT_EQ(ReadDirectly(manager, "DVariable", 0).status, TVS_E_SIZE);
-    EXPECT_EQ(ReadDirectly(manager, "JobStatus", 4).status, TVS_OK) << "stored: as any read";
-    EXPECT_EQ(WriteDirectly(manager, "DText", Bytes(17, 'x')), TVS_E_UNKNOWN) << "its companion takes 16 bytes";
+    EXPECT_EQ(ReadDirectly("DText", 0).returnedSize, 16u);
+    EXPECT_EQ(ReadDirectly("DVariable", 0).returnedSize, 4u);
+    EXPECT_EQ(ReadDirectly("DVariable", 0).status, TVS_E_SIZE);
+    EXPECT_EQ(ReadDirectly("JobStatus").status, TVS_OK) << "stored: as any read";
+    EXPECT_EQ(WriteDirectly("DText", Bytes(17, 'x')), TVS_E_UNKNOWN) << "its companion takes 16 bytes";
     EXPECT_EQ(printer.Requests(), before);
 }
 
-TEST(Direct, ValuesGoThroughTheDatabase) {
-    const DirectProduct product;
-    const TvsManager manager = product.manager;
+TEST_F(Direct, ValuesGoThroughTheDatabase) {
     std::string asked;
-    const PrinterSide printer(product.record, [&](const std::string& mailbox, const std::string& text) {
+    const PrinterSide printer(database, [&](const std::string& mailbox, const std::string& text) {
         asked = mailbox + ":" + text;
-        if (text == "DNumber") StoreBytes(product.database, text, Number(42));
-        if (text == "DText") StoreBytes(product.database, text, BytesOf("from the tray"));
-        if (text == "DVariable") StoreBytes(product.database, text, Joined({Number(9), Text("123456789")}));
+        if (text == "DNumber") StoreBytes(database, text, Number(42));
+        if (text == "DText") StoreBytes(database, text, BytesOf("from the tray"));
+        if (text == "DVariable") StoreBytes(database, text, Joined({Number(9), Text("123456789")}));
         return 0;
     });
-    struct Row {
+    const struct {
         const char* variable;
         uint32_t size;
         int32_t status;
         uint32_t returned;
         Bytes first;
-    };
-    for (const Row& row :
-         {Row{"DNumber", 8, TVS_OK, 4, Number(42)}, Row{"DRead", 4, TVS_OK, 4, Number(3)},
-          Row{"DText", 20, TVS_OK, 16, BytesOf("from the tray")}, Row{"DText", 4, TVS_E_SIZE, 4, Text("from")},
-          Row{"DVariable", 20, TVS_OK, 9, Text("123456789")}, Row{"DVariable", 3, TVS_E_SIZE, 3, Text("123")}}) {
+    } rows[] = {{"DNumber", 8, TVS_OK, 4, Number(42)},
+                {"DRead", 4, TVS_OK, 4, Number(3)},
+                {"DText", 20, TVS_OK, 16, BytesOf("from the tray")},
+                {"DText", 4, TVS_E_SIZE, 4, Text("from")},
+                {"DVariable", 20, TVS_OK, 9, Text("123456789")},
+                {"DVariable", 3, TVS_E_SIZE, 3, Text("123")}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.variable);
-        const ReadResult read = ReadDirectly(manager, row.variable, row.size);
+        const ReadResult read = ReadDirectly(row.variable, row.size);
         EXPECT_EQ(read.status, row.status);
         EXPECT_EQ(read.returnedSize, row.returned);
         EXPECT_EQ(Bytes(read.bytes.begin(), read.bytes.begin() + static_cast<long>(row.first.size())), row.first);
         EXPECT_EQ(asked, std::string("ReadRequest:") + row.variable);
     }
-    EXPECT_EQ(WriteDirectly(manager, "DNumber", Number(7)), TVS_OK);
-    EXPECT_EQ(StoredBytes(product.database, "DNumberW"), Number(7));
-    EXPECT_EQ(asked, "WriteRequest:DNumberW");
-    EXPECT_EQ(NumberOf(manager, "DNumber"), 42u);
-    EXPECT_EQ(WriteDirectly(manager, "DText", Text("tray")), TVS_OK);
-    EXPECT_EQ(StoredBytes(product.database, "DTextW"), Text("tray"));
-    EXPECT_EQ(WriteDirectly(manager, "DVariable", Text("abc")), TVS_OK);
-    EXPECT_EQ(StoredBytes(product.database, "DVariableW"), Joined({Number(3), Text("abc")}));
     // A text ends at its NUL, or where its size does.
-    for (const Bytes& text : {BytesOf("all"), Text("all"), Joined({BytesOf("all"), Text("more")})}) {
-        EXPECT_EQ(WriteDirectly(manager, "RefreshStatus", text), TVS_OK);
-        EXPECT_EQ(StoredBytes(product.database, "RefreshStatus"), BytesOf("all"));
-        EXPECT_EQ(asked, "WriteRequest:RefreshStatus");
+    const std::tuple<const char*, Bytes, const char*, Bytes> writes[] = {
+        {"DNumber", Number(7), "DNumberW", Number(7)},
+        {"DText", Text("tray"), "DTextW", Text("tray")},
+        {"DVariable", Text("abc"), "DVariableW", Joined({Number(3), Text("abc")})},
+        {"RefreshStatus", BytesOf("all"), "RefreshStatus", BytesOf("all")},
+        {"RefreshStatus", Text("all"), "RefreshStatus", BytesOf("all")},
+        {"RefreshStatus", Joined({BytesOf("all"), Text("more")}), "RefreshStatus", BytesOf("all")}};
+    for (const auto& [variable, data, companion, stored] : writes) {
+        EXPECT_EQ(WriteDirectly(variable, data), TVS_OK) << variable;
+        EXPECT_EQ(StoredBytes(database, companion), stored);
+        EXPECT_EQ(asked, std::string("WriteRequest:") + companion);
     }
+    EXPECT_EQ(NumberOf(manager, "DNumber"), 42u);
 }
 
 // A request has room for 31 characters, and names of a write the companion, which has one more.
-TEST(Direct, ANameThatDoesNotFitTheRequestIsUnknown) {
-    const auto nameOf = [](size_t length) { return std::string(length, 'n'); };
+TEST_F(Direct, ANameThatDoesNotFitTheRequestIsUnknown) {
     for (size_t length = 30; length < 34; ++length)
-        AddModelVariable(kModel, nameOf(length), 4, 0x30204, Number(1));
-    const DirectProduct product;
-    const TvsManager manager = product.manager;
-    const PrinterSide printer(product.record, [](const std::string&, const std::string&) { return 0; });
-    const HANDLE done = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        AddModelVariable("Long names", std::string(length, 'n'), 4, 0x30204, Number(1));
+    AddPrinter("Other", "Long names");
+    manager = OpenPrinter(2, "Other", kPowerfulUser);
+    SetReady(manager);
+    const PrinterSide printer(RecordOf(manager)->printerDatabase.handle);
+    const HANDLE done = NewEvent();
     for (size_t length = 30; length < 34; ++length) {
         SCOPED_TRACE(length);
-        const std::string name = nameOf(length);
+        const std::string name(length, 'n');
         const int32_t read = length < 32 ? TVS_OK : TVS_E_UNKNOWN;
         const int32_t write = length < 31 ? TVS_OK : TVS_E_UNKNOWN;
         uint32_t number = 0;
-        int32_t result = 5;
-        EXPECT_EQ(ReadDirectly(manager, name, 4).status, read);
-        EXPECT_EQ(WriteDirectly(manager, name, Number(7)), write);
+        EXPECT_EQ(ReadDirectly(name).status, read);
+        EXPECT_EQ(WriteDirectly(name, Number(7)), write);
         EXPECT_EQ(GetReqPrinterStatusEventA(manager, name.c_str(), done), read);
-        EXPECT_EQ(WaitForSingleObject(done, read == TVS_OK ? 10000 : 0), read == TVS_OK ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+        EXPECT_EQ(IsSet(done, read == TVS_OK ? 10000 : 0), read == TVS_OK);
         EXPECT_EQ(SetReqPrinterStatusEventA(manager, name.c_str(), &number, 4, done, &number), write);
         if (write != TVS_OK) continue;
-        EXPECT_EQ(WaitForSingleObject(done, 10000), DWORD{WAIT_OBJECT_0});
-        EXPECT_EQ(ResSetPrinterStatus(manager, number, &result), TVS_OK);
-        EXPECT_EQ(result, 0);
+        EXPECT_TRUE(IsSet(done));
+        EXPECT_EQ(ResultOf(manager, number), 0);
     }
 }
 
-TEST(Direct, BadAddressesAreAnErrorAndLoseNoLock) {
-    const DirectProduct product;
-    const PrinterSide printer(product.record, [](const std::string&, const std::string&) { return 0; });
-    uint32_t size = 0;
-    BadMemory memory;
-    for (const AddressCase& row : memory.Kinds(4)) {
-        SCOPED_TRACE(row.kind);
-        if (row.size != 4) continue;
-        const int requests = printer.Requests();
-        EXPECT_EQ(SetPrinterStatusDirectA(product.manager, "DNumber", row.address, 4),
-                  row.readable ? TVS_OK : TVS_E_FAULT);
-        EXPECT_EQ(printer.Requests(), requests + row.readable) << "nobody is asked for what cannot be read";
-        EXPECT_EQ(GetPrinterStatusDirectA(product.manager, "DNumber", row.address, 4, &size), row.writable ? TVS_OK
-                                                                                              : row.address == nullptr
-                                                                                                  ? TVS_E_SIZE
-                                                                                                  : TVS_E_FAULT);
-        EXPECT_EQ(WaitForSingleObject(product.record->requestMutex, 0), DWORD{WAIT_OBJECT_0});
-        ReleaseMutex(product.record->requestMutex);
-    }
-}
-
-TEST(Direct, AForwardedRequestWaitsAMomentForTheSpoolerAndLeavesItsResult) {
-    const DirectProduct product;
-    product.record->lmFunction = 1;
+TEST_F(Direct, AForwardedRequestWaitsAMomentForTheSpoolerAndLeavesItsResult) {
+    record->lmFunction = 1;
     g_timings.readinessPause = 1;
-    SetReady(product.manager, 0, 8);
-    EXPECT_EQ(ReadDirectly(product.manager, "DText", 4).status, TVS_E_NOT_READY);
-    EXPECT_EQ(StoredBytes(product.database, "ReadRequest"), BytesOf("DText"));
-    g_timings.readinessPause = 1000; // the spooler needs a part of one
-    TestThread spooler([&] {
-        WaitUntil([&] { return StoredBytes(product.database, "ReadRequest") == BytesOf("DNumber"); });
-        SetReady(product.manager, 0, 12);
+    SetReady(manager, 0, 8);
+    EXPECT_EQ(ReadDirectly("DText").status, TVS_E_NOT_READY);
+    EXPECT_EQ(StoredBytes(database, "ReadRequest"), BytesOf("DText"));
+    g_timings.readinessPause = 500; // the spooler needs a part of one
+    const TestThread spooler([&] {
+        WaitUntil([&] { return StoredBytes(database, "ReadRequest") == BytesOf("DNumber"); });
+        SetReady(manager, 0, 12);
     });
-    const int32_t status = ReadDirectly(product.manager, "DNumber", 4).status;
+    const int32_t status = ReadDirectly("DNumber").status;
     EXPECT_EQ(status, -14) << "the service's answer while nobody serves the printer";
-    EXPECT_EQ(NumberOf(product.manager, "RWResult"), static_cast<uint32_t>(status));
+    EXPECT_EQ(NumberOf(manager, "RWResult"), static_cast<uint32_t>(status));
 }
 
-TEST(Direct, AnEventThatTellsNothingEndsNoRequest) {
-    const DirectProduct product;
-    const product::KernelName name =
-        product::VariableEventName(true, product.record->databaseName, "RWResult", product::VariableSignal::Updated);
+TEST_F(Direct, AnEventThatTellsNothingEndsNoRequest) {
+    const dblink::KernelName name =
+        dblink::VariableEventName(true, record->databaseName, "RWResult", dblink::VariableSignal::Updated);
     const HANDLE event = CreateEventA(nullptr, TRUE, TRUE, name.text); // left set by somebody
     std::atomic<int32_t> result = 5;
-    const PrinterSide printer(product.record, [&](const std::string&, const std::string&) {
+    const PrinterSide printer(database, [&](auto&, auto&) {
         PauseMs(30);
         SetEvent(event);
         PauseMs(30);
         return static_cast<int32_t>(result);
     });
     for (; result < 8; ++result)
-        EXPECT_EQ(ReadDirectly(product.manager, "DNumber", 4).status, result);
+        EXPECT_EQ(ReadDirectly("DNumber").status, result);
     CloseHandle(event);
 }
 
 // The dead one's answer comes while the next one is waiting for its own.
-TEST(Direct, AnAnswerToADeadRequesterIsNotTheNextOnesAnswer) {
-    const DirectProduct product;
+TEST_F(Direct, AnAnswerToADeadRequesterIsNotTheNextOnesAnswer) {
     std::atomic<int> answers = 0;
-    const HANDLE go = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    const PrinterSide printer(product.record, [&](const std::string&, const std::string&) {
-        WaitForSingleObject(go, 10000);
-        StoreBytes(product.database, "DNumber", Number(static_cast<uint32_t>(++answers)));
+    const HANDLE go = NewEvent();
+    const PrinterSide printer(database, [&](auto&, auto&) {
+        IsSet(go);
+        StoreBytes(database, "DNumber", Number(static_cast<uint32_t>(++answers)));
         return answers == 1 ? -1 : 0;
     });
     TestProcess first("ReadsDirectly");
-    first.Tell("read");
-    EXPECT_EQ(first.Hear(), "asking");
+    EXPECT_EQ(first.Ask("read"), "asking");
     ASSERT_TRUE(WaitUntil([&] { return printer.Requests() == 1; }));
     first.Kill();
     TestProcess second("ReadsDirectly");
-    second.Tell("read");
-    EXPECT_EQ(second.Hear(), "asking");
+    EXPECT_EQ(second.Ask("read"), "asking");
     PauseMs(100); // it waits by now, or comes a little later: either way it must not take the first answer
     SetEvent(go);
     ASSERT_TRUE(WaitUntil([&] { return printer.Requests() == 2; }));
     SetEvent(go);
     EXPECT_EQ(second.Hear(), "0 2");
-    CloseHandle(go);
 }
 
-TEST(Direct, ARequesterThatNobodyAnswersEndsWithTheServiceOrThePrinterSidesSuccessor) {
-    DirectProduct product;
-    std::optional<PrinterSide> printer(std::in_place, product.record,
-                                       [](const std::string&, const std::string&) { return std::nullopt; });
+TEST_F(Direct, ARequesterThatNobodyAnswersEndsWithTheServiceOrThePrinterSidesSuccessor) {
+    std::optional<PrinterSide> printer(std::in_place, database, [](auto&, auto&) { return std::nullopt; });
     std::atomic<int32_t> status = 1;
     {
-        const TestThread reader([&] { status = ReadDirectly(product.manager, "DNumber", 4).status; });
+        const TestThread reader([&] { status = ReadDirectly("DNumber").status; });
         ASSERT_TRUE(WaitUntil([&] { return printer->Requests() == 1; }));
         PauseMs(50);
         EXPECT_EQ(status, 1) << "it waits for as long as it takes";
-        printer.reset();
-        printer.emplace(product.record, [](const std::string&, const std::string&) { return 0; });
+        printer.emplace(database);
     }
     EXPECT_EQ(status, TVS_OK);
     printer.reset();
-    const auto requests = [&] {
-        DWORD writes = 0;
-        EXPECT_EQ(GetWriteCount(product.database, "ReadRequest", &writes), Answer::Done);
-        return writes;
-    };
-    const DWORD before = requests();
+    const DWORD before = ReadRequests();
     {
-        const TestThread reader([&] { status = ReadDirectly(product.manager, "DNumber", 4).status; });
-        ASSERT_TRUE(WaitUntil([&] { return requests() != before; }));
-        product.service.process.Kill();
+        const TestThread reader([&] { status = ReadDirectly("DNumber").status; });
+        ASSERT_TRUE(WaitUntil([&] { return ReadRequests() != before; }));
+        KillService();
     }
     EXPECT_GT(status, 0) << "the RPC run-time's code";
 }

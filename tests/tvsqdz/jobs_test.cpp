@@ -33,12 +33,6 @@ TvsPrintingJobRecord2 Printing(uint32_t id, uint32_t progress = 0) {
 }
 
 template <typename Record>
-Bytes BytesOfRecord(const Record& record) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
-    return {bytes, bytes + sizeof record};
-}
-
-template <typename Record>
 Record RecordIn(TvsManager manager, const std::string& variable) {
     Record record = {};
     uint32_t size = 0;
@@ -47,31 +41,25 @@ Record RecordIn(TvsManager manager, const std::string& variable) {
 }
 
 int32_t Send(TvsManager manager, const TvsJobRecord& job) {
-    return Update(manager, "SendingJobInfo", BytesOfRecord(job));
+    return UpdateRecord(manager, "SendingJobInfo", job);
 }
 
 // second: through "PrintingJobInfo2".
 int32_t Report(TvsManager manager, const TvsPrintingJobRecord2& report, bool second = false) {
-    return second ? Update(manager, "PrintingJobInfo2", BytesOfRecord(report))
-                  : Update(manager, "PrintingJobInfo", BytesOfRecord(report.job));
+    return second ? UpdateRecord(manager, "PrintingJobInfo2", report)
+                  : UpdateRecord(manager, "PrintingJobInfo", report.job);
 }
 
-// The jobs of a queue; a queue whose size does not go with its count fails the test.
-std::vector<TvsJobRecord> Queued(TvsManager manager, const char* variable = "PrinterQueue") {
-    const ReadResult read = Read(manager, variable, 64 * sizeof(TvsJobRecord));
-    EXPECT_EQ(read.status, TVS_OK) << variable;
-    uint32_t count = 0;
-    if (read.returnedSize >= sizeof count) std::memcpy(&count, read.bytes.data(), sizeof count);
-    EXPECT_TRUE(read.returnedSize == TVS_JOB_QUEUE_SIZE(count) || (read.returnedSize == 4 && count == 0));
-    std::vector<TvsJobRecord> jobs(std::min(count, 64u));
-    if (!jobs.empty()) std::memcpy(jobs.data(), read.bytes.data() + sizeof count, jobs.size() * sizeof(TvsJobRecord));
-    return jobs;
-}
-
-Ids QueuedIds(TvsManager manager) {
+// The numbers of the queued jobs; a queue whose size does not go with its count fails the test.
+Ids Queued(TvsManager manager) {
+    const ReadResult read = Read(manager, "PrinterQueue", TVS_JOB_QUEUE_SIZE(64));
+    EXPECT_EQ(read.status, TVS_OK);
     Ids ids;
-    for (const TvsJobRecord& job : Queued(manager))
-        ids.push_back(job.jobId);
+    for (size_t at = 4 + offsetof(TvsJobRecord, jobId); at < read.returnedSize; at += sizeof(TvsJobRecord))
+        std::memcpy(&ids.emplace_back(), &read.bytes[at], sizeof(uint32_t));
+    const auto count = static_cast<uint32_t>(ids.size());
+    EXPECT_EQ(Bytes(read.bytes.begin(), read.bytes.begin() + 4), Number(count));
+    EXPECT_TRUE(read.returnedSize == TVS_JOB_QUEUE_SIZE(count) || (read.returnedSize == 4 && count == 0));
     return ids;
 }
 
@@ -82,27 +70,23 @@ Ids Range(uint32_t first, uint32_t count) {
     return ids;
 }
 
-// Stores a queue as another program may have left it: in its form in the database, whatever that is.
-void StoreQueue(TvsManager manager, const char* variable, uint32_t length, uint32_t count,
-                const std::vector<TvsJobRecord>& jobs) {
-    Bytes stored = Joined({Number(length), Number(count)});
+// Stores a queue in its form in the database, as another program may have left it: with any length and count.
+void StoreQueue(TvsManager manager, const char* variable, const std::vector<TvsJobRecord>& jobs, uint32_t length = 0,
+                uint32_t count = 0) {
+    const auto size = static_cast<uint32_t>(jobs.size());
+    Bytes stored = Joined({Number(length != 0 ? length : TVS_JOB_QUEUE_SIZE(size)), Number(count != 0 ? count : size)});
     for (const TvsJobRecord& job : jobs)
         stored = Joined({stored, BytesOfRecord(job)});
-    EXPECT_EQ(
-        WriteVariable(RecordOf(manager)->printerDatabase, variable, stored.data(), static_cast<DWORD>(stored.size())),
-        Answer::Done);
+    StoreBytes(RecordOf(manager)->printerDatabase.handle, variable, stored);
 }
 
-void StoreQueue(TvsManager manager, const char* variable, const std::vector<TvsJobRecord>& jobs) {
-    const auto count = static_cast<uint32_t>(jobs.size());
-    StoreQueue(manager, variable, TVS_JOB_QUEUE_SIZE(count), count, jobs);
-}
+using JobQueue = Opened;
+using MyJobs = Opened;
+using JobQueueCampaign = Opened;
 
 } // namespace
 
-TEST(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
     enum Kind { kSent, kPrinted, kPrinted2 };
     const struct {
         const char* what;
@@ -153,21 +137,19 @@ TEST(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
             EXPECT_STREQ(stored.job.ownerName, row.name[0] == 'J' ? "ann" : "someone");
             EXPECT_EQ(stored.coverage[0], row.kind == kPrinted2 ? row.id + 1 : stored.coverage[0]);
         }
-        EXPECT_EQ(QueuedIds(manager), row.queue);
+        EXPECT_EQ(Queued(manager), row.queue);
     }
 
     // The 51st drops the first, and shorter values are none.
     for (uint32_t id = 1; id <= 51; ++id)
         EXPECT_EQ(Send(manager, Job(id)), TVS_OK);
-    EXPECT_EQ(QueuedIds(manager), Range(2, 50));
+    EXPECT_EQ(Queued(manager), Range(2, 50));
     for (const char* variable : {"SendingJobInfo", "PrintingJobInfo", "PrintingJobInfo2"})
         EXPECT_EQ(Update(manager, variable, Bytes(291, 1)), PassOn(Answer::WrongSize)) << variable;
-    EXPECT_EQ(QueuedIds(manager), Range(2, 50));
+    EXPECT_EQ(Queued(manager), Range(2, 50));
 }
 
-TEST(JobQueue, AReportIsOneWrite) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(JobQueue, AReportIsOneWrite) {
     std::atomic<bool> done = false;
     int mixed = 0;
     {
@@ -184,35 +166,32 @@ TEST(JobQueue, AReportIsOneWrite) {
     EXPECT_EQ(mixed, 0);
 }
 
-TEST(JobQueue, IsReadAsWhatAnotherProgramMayHaveStored) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(JobQueue, IsReadAsWhatAnotherProgramMayHaveStored) {
     TvsJobRecord endless = Job(1, "OPERATOR");
     std::memset(endless.jobName, 'x', sizeof endless.jobName);
     TvsJobRecord filled = Job(2);
     std::memset(filled.ownerName, 'o', sizeof filled.ownerName);
     // More entries than are there, a wrong length, an entry that is cut off.
-    StoreQueue(manager, "PrinterQueue", 3, 0xFFFFFFFF, {endless, filled});
+    StoreQueue(manager, "PrinterQueue", {endless, filled}, 3, 0xFFFFFFFF);
     EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 1u);
     EXPECT_EQ(Report(manager, Printing(1)), TVS_OK);
     EXPECT_EQ(std::strlen(RecordIn<TvsPrintingJobRecord>(manager, "PrintingJobInfo").jobName), 255u);
     EXPECT_EQ(Send(manager, Job(3)), TVS_OK);
-    EXPECT_EQ(QueuedIds(manager), Ids({1, 2, 3}));
+    EXPECT_EQ(Queued(manager), Ids({1, 2, 3}));
     // More than there may be.
     std::vector<TvsJobRecord> many;
     for (uint32_t id = 100; id < 160; ++id)
         many.push_back(Job(id));
     StoreQueue(manager, "PrinterQueue", many);
     EXPECT_EQ(Send(manager, Job(160)), TVS_OK);
-    EXPECT_EQ(QueuedIds(manager), Range(111, 50));
+    EXPECT_EQ(Queued(manager), Range(111, 50));
     // Nothing at all.
-    EXPECT_EQ(WriteVariable(RecordOf(manager)->printerDatabase, "PrinterQueue", "", 1), Answer::Done);
+    StoreBytes(database, "PrinterQueue", {0});
     EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 0u);
     EXPECT_EQ(Send(manager, Job(5)), TVS_OK);
-    EXPECT_EQ(QueuedIds(manager), Ids{5});
+    EXPECT_EQ(Queued(manager), Ids{5});
     // A database that has gone: the read gives up, its reader is told that there is none.
-    ManagerRecord* record = RecordOf(manager);
-    EXPECT_EQ(CloseDatabase(record->printerDatabase.handle), Answer::Done);
+    EXPECT_EQ(CloseDatabase(database), Answer::Done);
     uint32_t count = 7;
     EXPECT_EQ(static_cast<int32_t>(PrintingMyJobRead(record, &count)), PassOn(Answer::UnknownDatabase));
     EXPECT_EQ(count, 0u);
@@ -225,8 +204,7 @@ namespace {
 // A user and an owner of jobs: what the two variables say of one job of the owner's in "PrinterQueue" and two in
 // "SpoolerQueue", beside those of others.
 std::string OwnJobs(const std::string& user, const std::string& owner) {
-    TvsManager manager = 0;
-    EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), user.c_str(), 2, &manager), TVS_OK);
+    const TvsManager manager = OpenPrinter(2, kPrinter, user.c_str());
     StoreQueue(manager, "PrinterQueue", {Job(1, owner), Job(2, "somebody else")});
     StoreQueue(manager, "SpoolerQueue", {Job(1, owner), Job(2, owner), Job(3, "")});
     EXPECT_EQ(PrintingMyJobRead(RecordOf(manager), nullptr), 4u);
@@ -245,13 +223,8 @@ CHILD_PROCESS(CountsInCodePage932) {
 
 } // namespace
 
-TEST(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
-    const Product product;
-    const struct {
-        std::string user;
-        std::string owner;
-        bool own;
-    } rows[] = {
+TEST_F(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
+    const std::tuple<std::string, std::string, bool> rows[] = {
         {"Operator", "oPERATOR", true},
         {"operator", "operator2", false},
         {"operator2", "operator", false},
@@ -261,23 +234,19 @@ TEST(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
         {std::string(31, 'u'), std::string(31, 'U'), true},
         {std::string(40, 'u'), std::string(31, 'u'), false},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(OwnJobs(row.user, row.owner), row.own ? "1 2" : "0 0") << row.user << " and " << row.owner;
+    for (const auto& [user, owner, own] : rows)
+        EXPECT_EQ(OwnJobs(user, owner), own ? "1 2" : "0 0") << user << " and " << owner;
     TestProcess japanese("CountsInCodePage932", {}, {{"ORIEL_ANSI_CODE_PAGE", "932"}});
     EXPECT_EQ(japanese.Hear(), "1 2, 0 0");
 }
 
-TEST(MyJobs, AreToldWhenTheirNumberChangesAndNotOtherwise) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(MyJobs, AreToldWhenTheirNumberChangesAndNotOtherwise) {
     StoreQueue(manager, "PrinterQueue", {Job(1, "Operator"), Job(2)});
     for (const Form form : {Form::Event, Form::Message}) {
         SCOPED_TRACE(static_cast<int>(form));
         StoreQueue(manager, "SpoolerQueue", {});
         Registrant printing(form, manager, "PrintingMyJob", 0);
         Registrant spooling(form, manager, "SpoolingMyJob", 1);
-        ASSERT_EQ(printing.status, TVS_OK);
-        ASSERT_EQ(spooling.status, TVS_OK);
         // The queue changes, the number does not: another's job, one that is moved up, a report.
         EXPECT_EQ(Send(manager, Job(3)), TVS_OK);
         StoreQueue(manager, "PrinterQueue", {Job(2), Job(1, "OPERATOR")});
@@ -296,8 +265,6 @@ TEST(MyJobs, AreToldWhenTheirNumberChangesAndNotOtherwise) {
         EXPECT_EQ(Report(manager, Printing(0)), TVS_OK);
         EXPECT_EQ(printing.Told(), 1);
         EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 1u);
-        EXPECT_EQ(printing.Cancel(), TVS_OK);
-        EXPECT_EQ(spooling.Cancel(), TVS_OK);
     }
 }
 
@@ -324,11 +291,9 @@ CHILD_PROCESS(SendsJobs) {
 }
 
 // Two senders at once; while they send, `meanwhile` runs.
-template <typename Work>
-void WithTwoSenders(int jobsOfEach, const char* how, Work meanwhile) {
-    std::vector<TestProcess> senders;
-    for (const char* number : {"1", "2"})
-        senders.emplace_back("SendsJobs", std::vector<std::string>{number, std::to_string(jobsOfEach), how});
+void WithTwoSenders(int jobsOfEach, const char* how, const std::function<void()>& meanwhile) {
+    TestProcess senders[] = {TestProcess("SendsJobs", {"1", std::to_string(jobsOfEach), how}),
+                             TestProcess("SendsJobs", {"2", std::to_string(jobsOfEach), how})};
     for (TestProcess& sender : senders)
         ASSERT_EQ(sender.Hear(), "sends");
     for (TestProcess& sender : senders)
@@ -343,18 +308,16 @@ void WithTwoSenders(int jobsOfEach, const char* how, Work meanwhile) {
 } // namespace
 
 // Nothing is lost while there is room, and each sender's jobs are printed in its order.
-TEST(JobQueueCampaign, TwoSendersAndAPrinter) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(JobQueueCampaign, TwoSendersAndAPrinter) {
     const int jobsOfEach = Rounds(150, 5000);
     uint32_t printed[3] = {};
     WithTwoSenders(jobsOfEach, "waits", [&] {
         const uint32_t all = 2 * static_cast<uint32_t>(jobsOfEach);
-        while (printed[1] + printed[2] < all && !::testing::Test::HasFailure()) {
-            std::vector<TvsJobRecord> queue;
+        while (printed[1] + printed[2] < all && !HasFailure()) {
+            Ids queue;
             ASSERT_TRUE(WaitUntil([&] { return !(queue = Queued(manager)).empty(); }, 60000));
             EXPECT_LE(queue.size(), 50u);
-            const uint32_t id = queue[0].jobId;
+            const uint32_t id = queue[0];
             ASSERT_TRUE(id / kSenderIds == 1 || id / kSenderIds == 2) << id;
             EXPECT_EQ(id % kSenderIds, ++printed[id / kSenderIds]);
             EXPECT_EQ(Report(manager, Printing(id)), TVS_OK);
@@ -364,14 +327,13 @@ TEST(JobQueueCampaign, TwoSendersAndAPrinter) {
         }
     });
     EXPECT_TRUE(Queued(manager).empty());
-    EXPECT_EQ(printed[1], static_cast<uint32_t>(jobsOfEach));
-    EXPECT_EQ(printed[2], static_cast<uint32_t>(jobsOfEach));
+    EXPECT_EQ(printed[1], printed[2]);
 
     // Without room the newest stay, and without a gap.
     WithTwoSenders(60, "floods", [&] { EXPECT_LE(Queued(manager).size(), 50u); });
     uint32_t next[3] = {0, 61, 61};
-    const std::vector<TvsJobRecord> left = Queued(manager);
+    const Ids left = Queued(manager);
     ASSERT_EQ(left.size(), 50u);
-    for (auto job = left.rbegin(); job != left.rend(); ++job)
-        EXPECT_EQ(job->jobId % kSenderIds, --next[job->jobId / kSenderIds]);
+    for (auto id = left.rbegin(); id != left.rend(); ++id)
+        EXPECT_EQ(*id % kSenderIds, --next[*id / kSenderIds]);
 }

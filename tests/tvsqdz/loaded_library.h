@@ -3,6 +3,14 @@
 
 #include <string>
 
-void* LoadTheLibrary(std::string& failure); // null when it fails
-void* FindExport(void* library, const char* name);
-void UnloadTheLibrary(void* library);
+struct LoadedLibrary {
+    LoadedLibrary();
+    void Unload() const;
+    template <typename Function>
+    Function* Find(const char* name, Function*) const {
+        return reinterpret_cast<Function*>(Find(name));
+    }
+    void* Find(const char* name) const;
+    void* library;
+    std::string failure; // empty when it is loaded
+};

@@ -3,16 +3,14 @@
 
 #include <dlfcn.h>
 
-void* LoadTheLibrary(std::string& failure) {
-    void* library = dlopen(LibraryPath("libtvsqdz.so.1").c_str(), RTLD_NOW);
+LoadedLibrary::LoadedLibrary() : library(dlopen(LibraryPath("libtvsqdz.so.1").c_str(), RTLD_NOW)) {
     if (library == nullptr) failure = dlerror();
-    return library;
 }
 
-void* FindExport(void* library, const char* name) {
+void* LoadedLibrary::Find(const char* name) const {
     return dlsym(library, name);
 }
 
-void UnloadTheLibrary(void* library) {
+void LoadedLibrary::Unload() const {
     dlclose(library);
 }

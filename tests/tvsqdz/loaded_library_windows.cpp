@@ -3,16 +3,14 @@
 
 #include <windows.h>
 
-void* LoadTheLibrary(std::string& failure) {
-    const HMODULE library = LoadLibraryA(LibraryPath("TVSQDZ.DLL").c_str());
-    if (!library) failure = "error " + std::to_string(GetLastError());
-    return library;
+LoadedLibrary::LoadedLibrary() : library(LoadLibraryA(LibraryPath("TVSQDZ.DLL").c_str())) {
+    if (library == nullptr) failure = "error " + std::to_string(GetLastError());
 }
 
-void* FindExport(void* library, const char* name) {
+void* LoadedLibrary::Find(const char* name) const {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
 }
 
-void UnloadTheLibrary(void* library) {
+void LoadedLibrary::Unload() const {
     FreeLibrary(static_cast<HMODULE>(library));
 }

@@ -1,9 +1,8 @@
 #include "machine.h"
 
-#include "manager/printer_registration.h"
+#include "frame/printer_registration.h"
 #include "not_here.h"
 #include "private_machine.h"
-#include "product/client.h"
 
 #include <winspool.h>
 
@@ -15,7 +14,6 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
 
 namespace {
 
-const std::string kPrinterKeys = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
 const HINSTANCE kInstance = reinterpret_cast<HINSTANCE>(ULONG_PTR{0x10000});
 
 HKEY CreateKey(HKEY root, const std::string& name) {
@@ -43,6 +41,29 @@ Bytes Joined(const std::vector<Bytes>& parts) {
     return all;
 }
 
+HANDLE NewEvent(bool manual) {
+    return CreateEventA(nullptr, manual, FALSE, nullptr);
+}
+
+bool IsSet(HANDLE handle, DWORD timeoutMs) {
+    return WaitForSingleObject(handle, timeoutMs) == WAIT_OBJECT_0;
+}
+
+HWND MakeWindow(const char* className, const char* title) {
+    WNDCLASSEXA windowClass = {};
+    windowClass.cbSize = sizeof windowClass;
+    windowClass.lpfnWndProc = DefWindowProcA;
+    windowClass.lpszClassName = className;
+    RegisterClassExA(&windowClass); // it may exist
+    const HWND window = CreateWindowExA(0, className, title, 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_NE(window, nullptr) << GetLastError();
+    return window;
+}
+
+bool TakeMessage(MSG& message, HWND window) {
+    return WaitUntil([&] { return PeekMessageA(&message, window, 0, 0, PM_REMOVE) != FALSE; });
+}
+
 void SetRegistryValue(const std::string& key, const std::string& name, DWORD type, const Bytes& data, HKEY root) {
     const HKEY opened = CreateKey(root, key);
     EXPECT_EQ(RegSetValueExA(opened, name.c_str(), 0, type, data.data(), static_cast<DWORD>(data.size())),
@@ -55,12 +76,12 @@ void SetRegistryText(const std::string& key, const std::string& name, const std:
     SetRegistryValue(key, name, REG_SZ, BytesOf(text), root);
 }
 
-Bytes RegistryValue(const std::string& key, const std::string& name, HKEY root) {
+Bytes RegistryValue(const std::string& key, const std::string& name, DWORD* type) {
     HKEY opened = nullptr;
-    if (RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return {};
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return {};
     Bytes data(4096);
     DWORD size = static_cast<DWORD>(data.size());
-    if (RegQueryValueExA(opened, name.c_str(), nullptr, nullptr, data.data(), &size) != ERROR_SUCCESS) size = 0;
+    if (RegQueryValueExA(opened, name.c_str(), nullptr, type, data.data(), &size) != ERROR_SUCCESS) size = 0;
     RegCloseKey(opened);
     data.resize(size);
     return data;
@@ -77,7 +98,7 @@ void InstallProduct() {
 }
 
 void AddPrinter(const std::string& name, const std::string& driver) {
-    const std::string key = PrinterKeyName(name.c_str()).name;
+    const std::string key = DriverDataKeyName(name.c_str()).name;
     SetRegistryText(kPrinterKeys + key, "Printer Driver", driver);
     RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrinterKeys + key + "\\PrinterDriverData"));
 }
@@ -117,7 +138,33 @@ HANDLE ProductInitialisedEvent() {
 void SetUpProduct() {
     InstallProduct();
     AddPrinter(kPrinter, kModel);
-    AddModelVariable(kModel, "ModelNumber", 4, 0x10004, Number(7));
+    const struct {
+        const char* name;
+        uint32_t size, flags;
+        Bytes data;
+    } variables[] = {
+        {"ModelNumber", 4, 0x10004, Number(7)},
+        {"Hidden", 4, 0x4, Number(1)}, // not for reading
+        {"B", 4, 0x10001, Number(1)},  // a byte that is registered with four
+        {"V", 5, 0x10010, Text("hello")},
+        {"S", 4, 0x10008, Text("abcd")}, // fills its field: no NUL of its own
+        {"Mix", 14, 0x10040, Text("ModelNumber;S;")},
+        {"Q", 8, 0x10080, Number(0)}, // a queue, which no database has until a test creates it
+        // What the printer can be asked for, only read, and not asked for.
+        {"DNumber", 4, 0x30204, Number(1)},
+        {"DText", 16, 0x30208, Bytes(16)},
+        {"DVariable", 4, 0x30210, Text("vvvv")},
+        {"DRead", 4, 0x40010004, Number(3)},
+        {"Plain", 4, 0x30004, Number(4)},
+        // Kept in the driver data; the last two depend on the port.
+        {"PByte", 4, 0x10101, Number(1)},
+        {"PNumber", 4, 0x10104, Number(2)},
+        {"PString", 16, 0x10108, Text("initial text....")},
+        {"PVariable", 4, 0x10910, Text("vvvv")},
+        {"PRecord", 6, 0x10920, Text("record")},
+    };
+    for (const auto& row : variables)
+        AddModelVariable(kModel, row.name, row.size, row.flags, row.data);
     ProductInitialisedEvent(); // lives as long as the test
 }
 
@@ -129,9 +176,22 @@ Library::~Library() {
     DllMain(kInstance, DLL_PROCESS_DETACH, nullptr);
 }
 
-TvsManager OpenPrinter(uint32_t clientKind, const std::string& printer) {
+Opened::Opened(const char* user)
+    : manager(OpenPrinter(2, kPrinter, user)), record(RecordOf(manager)), database(record->printerDatabase.handle) {}
+
+OpenedReady::OpenedReady() : Opened(kPowerfulUser) {
+    SetReady(manager);
+}
+
+void SetReady(TvsManager manager, uint32_t extStatus, uint32_t spoolerStatus, uint32_t portKind) {
+    EXPECT_EQ(Update(manager, "PrinterExtStatus", Number(extStatus)), TVS_OK);
+    EXPECT_EQ(Update(manager, "SpoolerStatus", Number(spoolerStatus)), TVS_OK);
+    EXPECT_EQ(Update(manager, "Port", Joined({Number(portKind), Bytes(256)})), TVS_OK);
+}
+
+TvsManager OpenPrinter(uint32_t clientKind, const std::string& printer, const char* user) {
     TvsManager manager = 0;
-    EXPECT_EQ(OpenManagerExA(printer.c_str(), "operator", clientKind, &manager), TVS_OK)
+    EXPECT_EQ(OpenManagerExA(printer.c_str(), user, clientKind, &manager), TVS_OK)
         << printer << ", last error " << GetLastError();
     EXPECT_NE(manager, 0u);
     return manager;
@@ -170,12 +230,31 @@ uint32_t NumberOf(TvsManager manager, const std::string& variable) {
     return value;
 }
 
+int32_t ResultOf(TvsManager manager, uint32_t number) {
+    int32_t result = 1;
+    EXPECT_EQ(ResSetPrinterStatus(manager, number, &result), TVS_OK);
+    return result;
+}
+
+void StoreBytes(DatabaseHandle database, const std::string& variable, const Bytes& value) {
+    EXPECT_EQ(WriteVariable(database, variable.c_str(), value.data(), static_cast<DWORD>(value.size())), Answer::Done)
+        << variable;
+}
+
+Bytes StoredBytes(DatabaseHandle database, const std::string& variable) {
+    Bytes value(65536);
+    DWORD size = 0;
+    EXPECT_EQ(ReadVariable(database, variable.c_str(), value.data(), 65536, &size), Answer::Done) << variable;
+    value.resize(size);
+    return value;
+}
+
 TestThread::TestThread(std::function<void()> function)
     : m_function(std::move(function)), m_thread(CreateThread(nullptr, 0, RunFunction, &m_function, 0, nullptr)) {
     EXPECT_NE(m_thread, nullptr);
 }
 
 TestThread::~TestThread() {
-    EXPECT_EQ(WaitForSingleObject(m_thread, 20000), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(IsSet(m_thread, 20000));
     CloseHandle(m_thread);
 }

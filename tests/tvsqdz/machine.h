@@ -2,8 +2,9 @@
 // printers.
 #pragma once
 
-#include "exports/attach.h"
-#include "manager/manager_record.h"
+#include "dblink/client.h"
+#include "frame/attach.h"
+#include "frame/manager_record.h"
 #include "not_here.h"
 #include "private_machine.h"
 #include "status_service.h"
@@ -12,13 +13,30 @@
 #include <tvsqdz.h>
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 Bytes Text(const std::string& text); // without a NUL
 Bytes Joined(const std::vector<Bytes>& parts);
+template <typename Record>
+Bytes BytesOfRecord(const Record& record) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+    return {bytes, bytes + sizeof record};
+}
+
+HANDLE NewEvent(bool manual = false);
+// Waits for an event, a mutex or a thread.
+bool IsSet(HANDLE handle, DWORD timeoutMs = 10000);
+// A window of this thread's, of a class of that name.
+HWND MakeWindow(const char* className, const char* title = "");
+// Takes the next message of a window of this thread's; false when none comes in time.
+bool TakeMessage(MSG& message, HWND window);
 
 // Sets a value of HKEY_LOCAL_MACHINE (or of the root given), making its key.
 void SetRegistryValue(const std::string& key, const std::string& name, DWORD type, const Bytes& data,
@@ -26,7 +44,7 @@ void SetRegistryValue(const std::string& key, const std::string& name, DWORD typ
 void SetRegistryText(const std::string& key, const std::string& name, const std::string& text,
                      HKEY root = HKEY_LOCAL_MACHINE);
 // Empty when it is not there.
-Bytes RegistryValue(const std::string& key, const std::string& name, HKEY root = HKEY_LOCAL_MACHINE);
+Bytes RegistryValue(const std::string& key, const std::string& name, DWORD* type = nullptr);
 
 // The directory of the installed product, with a backslash at its end; it holds a TVSDBN.EXE.
 std::string InstallDirectory();
@@ -39,11 +57,15 @@ void AddToSpooler(std::string name, std::string driver = "Test Model");
 // A variable of a registered model. size: of the record; data: behind size and flags.
 void AddModelVariable(const std::string& driver, const std::string& name, uint32_t size, uint32_t flags,
                       const Bytes& data);
+inline const std::string kPrinterKeys = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
 inline const std::string kPrinter = "Front desk";
 inline const std::string kModel = "Test Model";
-// All of the above: the product, the printer, its model, and the event that says that the product is initialised.
+inline const std::string kDriverData = kPrinterKeys + kPrinter + "\\PrinterDriverData";
+// All of the above: the product, the printer, its model with variables of all kinds (machine.cpp lists them), and the
+// event that says that the product is initialised.
 void SetUpProduct();
-HANDLE ProductInitialisedEvent(); // set
+inline constexpr uint32_t kVariableCount = 57 + 17; // the model's too
+HANDLE ProductInitialisedEvent();                   // set
 
 // The library in this process.
 struct Library {
@@ -58,10 +80,32 @@ struct Product {
     } setUp;
     Service service;
     Library library;
+    void KillService() { service.process.Kill(); }
+    void RestartService() {
+        KillService();
+        service = Service();
+    }
 };
 
+// With a manager on its printer.
+struct Opened : testing::Test, Product {
+    explicit Opened(const char* user = "operator");
+    TvsManager manager = 0;
+    ManagerRecord* record;
+    DatabaseHandle database;
+};
+
+// A user who may do everything, whatever the printer's access control list says.
+inline constexpr char kPowerfulUser[] = "\\\\.\\kptmon";
+// The same with a manager of that user's, and a printer that is ready for requests.
+struct OpenedReady : Opened {
+    OpenedReady();
+};
+// The status that requests need: of the printer and the spooler.
+void SetReady(TvsManager manager, uint32_t extStatus = 1, uint32_t spoolerStatus = 0xC, uint32_t portKind = 0);
+
 // Opens a manager; its status when that fails is a failure of the test.
-TvsManager OpenPrinter(uint32_t clientKind = 2, const std::string& printer = kPrinter);
+TvsManager OpenPrinter(uint32_t clientKind = 2, const std::string& printer = kPrinter, const char* user = "operator");
 // The status of an open, which is closed again when it succeeds.
 int32_t OpenStatus(const std::string& printer, uint32_t clientKind, const char* user = nullptr);
 // Its record, which stays while the manager is open.
@@ -75,6 +119,14 @@ struct ReadResult {
 ReadResult Read(TvsManager manager, const std::string& variable, uint32_t size,
                 decltype(&GetPrinterStatusA) read = GetPrinterStatusA);
 int32_t Update(TvsManager manager, const std::string& variable, const Bytes& data);
+int32_t UpdateRecord(TvsManager manager, const std::string& variable, const auto& record) {
+    return Update(manager, variable, BytesOfRecord(record));
+}
+// The result of an asynchronous write; fails the test when there is none to be had.
+int32_t ResultOf(TvsManager manager, uint32_t number);
+// What lies in the database, with the length that an update would add.
+void StoreBytes(DatabaseHandle database, const std::string& variable, const Bytes& value);
+Bytes StoredBytes(DatabaseHandle database, const std::string& variable);
 // The value of a number variable; fails the test when it cannot be read.
 uint32_t NumberOf(TvsManager manager, const std::string& variable);
 

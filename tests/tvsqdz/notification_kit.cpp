@@ -39,33 +39,16 @@ TvsCallback CallbackOf(int number) {
     return kCallbacks[number];
 }
 
-HWND MakeWindow(const char* className) {
-    WNDCLASSEXA windowClass = {};
-    windowClass.cbSize = sizeof windowClass;
-    windowClass.lpfnWndProc = DefWindowProcA;
-    windowClass.lpszClassName = className;
-    RegisterClassExA(&windowClass); // it may exist
-    const HWND window = CreateWindowExA(0, className, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_NE(window, nullptr) << GetLastError();
-    return window;
-}
-
 Registrant::Registrant(Form form, TvsManager manager, const std::string& variable, int number)
-    : m_form(form), m_manager(manager), m_number(number) {
-    switch (form) {
-    case Form::Event:
-        m_event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        status = SetNotificationEventA(manager, variable.c_str(), m_event, &handle);
-        break;
-    case Form::Message:
-        m_window = MakeWindow("Registrant");
-        status = SetNotificationMsgA(manager, variable.c_str(), m_window, kMessage + number, &handle);
-        break;
-    case Form::Callback:
-        m_seen = g_calls[number].count;
+    : m_form(form), m_manager(manager), m_number(number), m_seen(g_calls[number].count) {
+    int32_t status = TVS_OK;
+    if (form == Form::Event)
+        status = SetNotificationEventA(manager, variable.c_str(), m_event = NewEvent(), &handle);
+    else if (form == Form::Message)
+        status = SetNotificationMsgA(manager, variable.c_str(), m_window = MakeWindow("Registrant"), kMessage + number,
+                                     &handle);
+    else
         status = SetNotificationCallbackA(manager, variable.c_str(), CallbackOf(number), 0, &handle);
-        break;
-    }
     EXPECT_EQ(status, TVS_OK) << variable;
 }
 
@@ -82,27 +65,19 @@ int32_t Registrant::Cancel() {
                                    : KillNotificationEvent(m_manager, cancelled);
 }
 
-int Registrant::Take() {
-    int taken = 0;
-    MSG message;
-    switch (m_form) {
-    case Form::Event:
-        return WaitForSingleObject(m_event, 0) == WAIT_OBJECT_0 ? 1 : 0;
-    case Form::Message:
-        while (PeekMessageA(&message, m_window, 0, 0, PM_REMOVE))
-            taken += message.message == kMessage + m_number && message.wParam == 0 && message.lParam == 0;
-        return taken;
-    case Form::Callback:
-        taken = g_calls[m_number].count - m_seen;
-        m_seen += taken;
-        return taken;
-    }
-    return 0;
-}
-
 int Registrant::Told(int timeoutMs) {
     int told = 0;
-    WaitUntil([&] { return (told = Take()) != 0; }, timeoutMs);
+    WaitUntil(
+        [&] {
+            MSG message;
+            if (m_form == Form::Event) told = IsSet(m_event, 0);
+            if (m_form == Form::Callback) told = g_calls[m_number].count - m_seen;
+            while (m_form == Form::Message && PeekMessageA(&message, m_window, 0, 0, PM_REMOVE))
+                told += message.message == kMessage + m_number && message.wParam == 0 && message.lParam == 0;
+            return told != 0;
+        },
+        timeoutMs);
+    if (m_form == Form::Callback) m_seen += told;
     return told;
 }
 

@@ -3,10 +3,7 @@
 
 #include "machine.h"
 
-#include <atomic>
-#include <functional>
 #include <mutex>
-#include <string>
 
 // Longer than anything that is told late: the pause of the service after a burst and the first look of a watcher.
 inline constexpr int kQuietMs = 300;
@@ -30,9 +27,6 @@ struct Calls {
 extern Calls g_calls[4];
 TvsCallback CallbackOf(int number);
 
-// A window of this thread's, of a class of that name.
-HWND MakeWindow(const char* className);
-
 enum class Form { Event, Message, Callback };
 inline constexpr Form kForms[] = {Form::Event, Form::Message, Form::Callback};
 
@@ -48,15 +42,12 @@ public:
     int Told(int timeoutMs = 10000);
     int32_t Cancel();
 
-    int32_t status = TVS_OK;
     TvsRegistration handle = 0;
 
 private:
-    int Take();
-
-    Form m_form;
-    TvsManager m_manager;
-    int m_number;
+    const Form m_form;
+    const TvsManager m_manager;
+    const int m_number;
     HANDLE m_event = nullptr; // automatic
     HWND m_window = nullptr;
     int m_seen = 0;

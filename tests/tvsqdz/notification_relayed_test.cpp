@@ -3,6 +3,8 @@
 
 namespace {
 
+using RelayedNotification = Opened;
+
 Bytes Entry(uint32_t number, uint32_t window, uint32_t message, const std::string& variable) {
     Bytes name = BytesOf(variable);
     name.resize(32);
@@ -16,20 +18,10 @@ Bytes List(const std::vector<Bytes>& entries) {
 
 } // namespace
 
-TEST(RelayedNotification, TheListHoldsWhatTheOwnerIsToServe) {
-    const Product product;
-    const TvsManager manager = OpenPrinter(9); // one that starts no agent
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
-    const auto list = [&] {
-        Bytes bytes(4096);
-        DWORD size = 0;
-        EXPECT_EQ(ReadVariable(database, "NotifyMsg", bytes.data(), 4096, &size), Answer::Done);
-        bytes.resize(size);
-        return bytes;
-    };
-    const auto setList = [&](const Bytes& bytes) {
-        EXPECT_EQ(WriteVariable(database, "NotifyMsg", bytes.data(), static_cast<DWORD>(bytes.size())), Answer::Done);
-    };
+TEST_F(RelayedNotification, TheListHoldsWhatTheOwnerIsToServe) {
+    g_processKindMask = 0; // as if the first manager had been of the kind of this one, which starts no agent
+    manager = OpenPrinter(9);
+    const auto list = [&] { return StoredBytes(database, "NotifyMsg"); };
     void* const window = reinterpret_cast<void*>(ULONG_PTR{0x12345678});
     TvsRegistration handle = 77;
     const uint32_t messages[] = {8, 9};
@@ -74,10 +66,10 @@ TEST(RelayedNotification, TheListHoldsWhatTheOwnerIsToServe) {
     // Lists that others left wrong: the entries that are there count, and no number is given twice.
     Bytes lying = List({first});
     lying[4] = 200;
-    setList(lying);
+    StoreBytes(database, "NotifyMsg", lying);
     EXPECT_EQ(SetNotificationMsgA(manager, "Port", window, 7, &handle), TVS_OK);
     EXPECT_EQ(list(), List({first, Entry(2, 0x12345678, 7, "Port")}));
-    setList(List({Entry(0xFFFFFFFF, 1, 1, "Port")}));
+    StoreBytes(database, "NotifyMsg", List({Entry(0xFFFFFFFF, 1, 1, "Port")}));
     EXPECT_EQ(SetNotificationMsgA(manager, "Port", window, 7, &handle), TVS_E_MEMORY);
 
     // A process that has opened one manager of another kind serves all of its messages itself.

@@ -1,23 +1,19 @@
 // Opens of many processes at once, and of those that die in the middle.
-#include "base/timings.h"
+#include "dblink/database_opening.h"
+#include "dblink/kernel_names.h"
+#include "frame/timings.h"
 #include "machine.h"
-#include "machine/status_service.h"
-#include "product/client.h"
-#include "product/object_names.h"
 
 namespace {
+
+using OpeningProcesses = Opened;
 
 // Opens a new printer when told, says its number, and closes when told.
 CHILD_PROCESS(OpensWhenTold) {
     const Library library;
     child.Say("ready");
     child.Hear();
-    TvsManager manager = 0;
-    const int32_t status = OpenManagerExA(child.arguments[0].c_str(), "u", 6, &manager);
-    if (status != TVS_OK) {
-        child.Say("status " + std::to_string(status));
-        return 1;
-    }
+    const TvsManager manager = OpenPrinter(6, child.arguments[0]);
     const ManagerRecord* record = RecordOf(manager);
     child.Say(std::to_string(record->printerIndex) + " " + std::to_string(NumberOf(manager, "ModelNumber")) + " " +
               ((record->flags & ManagerOwnsPrinter) != 0 ? "owner" : "guest"));
@@ -27,7 +23,7 @@ CHILD_PROCESS(OpensWhenTold) {
 
 CHILD_PROCESS(HoldsTheDatabaseMutex) {
     const HANDLE mutex = OpenMutexA(SYNCHRONIZE, FALSE, "Global\\TVORSQD:Mutex:DabaBase");
-    child.Say(std::to_string(WaitForSingleObject(mutex, INFINITE)));
+    child.Say(IsSet(mutex, INFINITE) ? "holds" : "does not");
     child.Hear();
     return 0;
 }
@@ -45,43 +41,32 @@ CHILD_PROCESS(CreatesADatabase) {
 
 } // namespace
 
-TEST(OpeningProcesses, ManyOpenTheSameNewPrinterAtOnce) {
-    SetUpProduct();
-    const Service service;
-    for (int count : {2, 20}) {
-        SCOPED_TRACE(count);
-        const std::string printer = "Printer for " + std::to_string(count);
-        AddPrinter(printer, kModel);
-        std::vector<TestProcess> processes;
-        for (int i = 0; i < count; ++i)
-            processes.emplace_back("OpensWhenTold", std::vector<std::string>{printer});
-        for (TestProcess& process : processes)
-            EXPECT_EQ(process.Hear(), "ready");
-        for (TestProcess& process : processes)
-            process.Tell("open");
-        int owners = 0;
-        const std::string index = count == 2 ? "1" : "2";
-        for (TestProcess& process : processes) {
-            const std::string said = process.Hear(60000);
-            EXPECT_EQ(said.substr(0, said.rfind(' ')), index + " 7");
-            owners += said.ends_with("owner");
-        }
-        EXPECT_EQ(owners, 1);
-        for (TestProcess& process : processes)
-            process.Tell("close");
-        for (TestProcess& process : processes)
-            EXPECT_EQ(process.Wait(), 0);
+TEST_F(OpeningProcesses, ManyOpenTheSameNewPrinterAtOnce) {
+    AddPrinter("New", kModel);
+    std::vector<TestProcess> processes;
+    for (int i = 0; i < 20; ++i)
+        processes.emplace_back("OpensWhenTold", std::vector<std::string>{"New"});
+    for (TestProcess& process : processes)
+        EXPECT_EQ(process.Hear(), "ready");
+    for (TestProcess& process : processes)
+        process.Tell("open");
+    int owners = 0;
+    for (TestProcess& process : processes) {
+        const std::string said = process.Hear(60000);
+        EXPECT_TRUE(said.starts_with("2 7 ")) << said;
+        owners += said.ends_with("owner");
     }
+    EXPECT_EQ(owners, 1);
+    for (TestProcess& process : processes)
+        process.End();
 }
 
-TEST(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
-    const Product product;
-    const TvsManager kept = OpenPrinter(); // so that the mutex exists
+TEST_F(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
     for (int round = 0; round < 3; ++round) {
         TestProcess holder("HoldsTheDatabaseMutex");
-        EXPECT_EQ(holder.Hear(), "0");
+        EXPECT_EQ(holder.Hear(), "holds");
         std::atomic<double> opened{0};
-        TestThread opener([&] {
+        const TestThread opener([&] {
             EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_OK);
             opened = NowMs();
         });
@@ -92,20 +77,17 @@ TEST(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
         ASSERT_TRUE(WaitUntil([&] { return opened != 0; }));
         // The promise is 100 ms. What a busy machine adds is not its fault.
         EXPECT_LT(opened - killed, 2000) << "round " << round;
-        RecordProperty("milliseconds", std::to_string(opened - killed));
     }
-    EXPECT_EQ(NumberOf(kept, "ModelNumber"), 7u);
+    EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
 }
 
-TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
-    const Product product;
-    struct Row {
+TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
+    const struct {
         const char* database;
         const char* end; // what its creator does
         bool created;    // it is ours to initialise
-    };
-    for (const Row& row :
-         {Row{"Finished", "finish", false}, Row{"Closed", "close", true}, Row{"Killed", nullptr, true}}) {
+    } rows[] = {{"Finished", "finish", false}, {"Closed", "close", true}, {"Killed", nullptr, true}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.database);
         TestProcess creator("CreatesADatabase", {row.database});
         EXPECT_EQ(creator.Hear(), "0");
@@ -113,7 +95,7 @@ TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
         DatabaseHandle handle = 0;
         std::atomic<bool> done{false};
         {
-            TestThread opener([&] {
+            const TestThread opener([&] {
                 EXPECT_EQ(CreateOrOpenDatabase(row.database, &handle, &created), Answer::Done);
                 done = true;
             });
@@ -122,8 +104,7 @@ TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
             if (row.end == nullptr) {
                 creator.Kill();
             } else {
-                creator.Tell(row.end);
-                EXPECT_EQ(creator.Hear(), "0");
+                EXPECT_EQ(creator.Ask(row.end), "0");
             }
         }
         EXPECT_EQ(created, row.created);
@@ -131,48 +112,38 @@ TEST(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
     }
     // A creator that lives and never comes to an end is given up at last.
     g_timings.initialisedBound = 100;
+    CloseManager(manager);
+    RestartService();
     TestProcess creator("CreatesADatabase", {"TVORSQD_DB"});
     EXPECT_EQ(creator.Hear(), "0");
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_TIMEOUT});
     // An event of that name which is set and means nothing does not make it spin or believe.
-    const HANDLE stale = CreateEventA(nullptr, TRUE, TRUE, product::InitializedEventName("TVORSQD_DB").text);
-    SetEvent(stale);
+    SetEvent(CreateEventA(nullptr, TRUE, TRUE, dblink::InitializedEventName("TVORSQD_DB").text));
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     creator.Kill();
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_OK);
 }
 
 // A close while other threads are in calls on the same manager: each call gets its value or the handle's end.
-TEST(OpeningProcesses, CloseDuringCallsHarmsNobody) {
-    const Product product;
-    const TvsManager kept = OpenPrinter();
+TEST_F(OpeningProcesses, CloseDuringCallsHarmsNobody) {
     for (int round = 0; round < 20; ++round) {
-        TvsManager manager = 0;
-        { // opened by a thread that has ended
-            TestThread opener([&] { manager = OpenPrinter(); });
-        }
+        TvsManager shared = 0;
+        TestThread([&] { shared = OpenPrinter(); }); // by a thread that has ended
         std::atomic<int> reads{0};
         std::vector<std::unique_ptr<TestThread>> readers;
         for (int i = 0; i < 4; ++i)
             readers.push_back(std::make_unique<TestThread>([&] {
-                for (;;) {
-                    uint32_t value = 0;
-                    uint32_t size = 0;
+                for (int32_t status = TVS_OK; status != TVS_E_HANDLE; ++reads) {
                     SYSTEMTIME time;
-                    int32_t status = GetPrinterStatusA(manager, "ModelNumber", &value, 4, &size);
-                    if (status == TVS_OK) {
-                        EXPECT_EQ(value, 7u);
-                        status = GetPrinterStatusInfoA(manager, "ModelNumber", &time);
-                    }
-                    if (status == TVS_E_HANDLE) return;
-                    EXPECT_EQ(status, TVS_OK);
-                    ++reads;
+                    const ReadResult read = Read(shared, "ModelNumber", 4);
+                    EXPECT_TRUE(read.status == TVS_E_HANDLE || (read.status == TVS_OK && read.bytes == Number(7)));
+                    status = GetPrinterStatusInfoA(shared, "ModelNumber", &time);
+                    EXPECT_TRUE(status == TVS_OK || status == TVS_E_HANDLE) << status;
                 }
             }));
         ASSERT_TRUE(WaitUntil([&] { return reads > 8; }));
-        EXPECT_EQ(CloseManager(manager), TVS_OK);
+        EXPECT_EQ(CloseManager(shared), TVS_OK);
     }
     EXPECT_EQ(g_openManagerCount, 1u);
-    EXPECT_EQ(CloseManager(kept), TVS_OK);
 }

@@ -1,9 +1,7 @@
 // The printer's port and its name: what a change of them changes beside them.
 #include "acting_user.h"
+#include "frame/printer_list.h"
 #include "machine.h"
-#include "manager/printer_list.h"
-#include "product/client.h"
-#include "values/database_creation.h"
 
 #include <tvsqdz_records.h>
 
@@ -18,43 +16,32 @@ Bytes Port(uint32_t kind, const std::string& name, const std::string& detail = "
     port.portKind = kind;
     std::strcpy(port.portName, name.c_str());
     std::strcpy(port.portDetail, detail.c_str());
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&port);
-    return {bytes, bytes + sizeof port};
+    return BytesOfRecord(port);
 }
 
-// The names of the printer list, each followed by ";".
-std::string ListedNames(TvsManager manager) {
-    Bytes list(64 * sizeof(PrinterListEntry));
-    DWORD size = 0;
-    EXPECT_EQ(ReadVariable(RecordOf(manager)->masterDatabase, product::kPrinterListVariable, list.data(),
-                           static_cast<DWORD>(list.size()), &size),
-              Answer::Done);
-    std::string names;
-    for (size_t at = offsetof(PrinterList, entries); at < size; at += sizeof(PrinterListEntry))
-        names += reinterpret_cast<const char*>(&list[at + offsetof(PrinterListEntry, printerName)]) + std::string(";");
-    return names;
-}
+struct Settings : Opened {
+    // The names of the printer list, each followed by ";".
+    std::string ListedNames() const {
+        const Bytes list = StoredBytes(record->masterDatabase.handle, dblink::kPrinterListVariable);
+        std::string names;
+        for (size_t at = offsetof(PrinterList, entries); at < list.size(); at += sizeof(PrinterListEntry))
+            names +=
+                reinterpret_cast<const char*>(&list[at + offsetof(PrinterListEntry, printerName)]) + std::string(";");
+        return names;
+    }
+};
 
 std::string StoredName(TvsManager manager) {
-    const Bytes name = Read(manager, "PrinterName", 260).bytes;
-    return reinterpret_cast<const char*>(name.data());
+    return reinterpret_cast<const char*>(Read(manager, "PrinterName", 260).bytes.data());
 }
 
 } // namespace
 
-TEST(Port, AnotherOneResetsWhatDependsOnIt) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(Settings, AnotherPortResetsWhatDependsOnIt) {
     const Bytes built = Read(manager, "PrinterOptConfig", 12).bytes;
-    const std::string key = "System\\CurrentControlSet\\Control\\Print\\Printers\\" + kPrinter + "\\PrinterDriverData";
-    const std::string longName(127, 'n');
     Bytes endless = Port(1, "");
     std::fill(endless.begin() + 4, endless.begin() + 132, 'n');
-    const struct {
-        const char* what;
-        Bytes port;
-        bool resets;
-    } rows[] = {
+    const std::tuple<const char*, Bytes, bool> rows[] = {
         {"the first one", Port(1, "LPT1:"), false},
         {"the same", Port(1, "LPT1:"), false},
         {"another name", Port(1, "LPT2:"), true},
@@ -62,22 +49,29 @@ TEST(Port, AnotherOneResetsWhatDependsOnIt) {
         {"another detail", Port(1, "lpt2:", "x"), true},
         {"another kind", Port(2, "lpt2:", "x"), true},
         {"none", Port(0, ""), true},
-        {"one after none", Port(1, longName), false},
+        {"one after none", Port(1, std::string(127, 'n')), false},
         {"a name without end", endless, true},
         {"the same", endless, false},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const Bytes config = Text("as the printer said");
-        EXPECT_EQ(Update(manager, "PrinterOptConfig", config), TVS_OK);
-        EXPECT_EQ(Update(manager, "PageCount", Number(5)), TVS_OK);
-        EXPECT_EQ(Update(manager, "Port", row.port), TVS_OK);
-        EXPECT_EQ(Read(manager, "Port", 260).bytes, row.port);
-        EXPECT_EQ(
-            Read(manager, "PrinterOptConfig", static_cast<uint32_t>(row.resets ? built.size() : config.size())).bytes,
-            row.resets ? built : config);
-        EXPECT_EQ(RegistryValue(key, "SQD_PrinterOptConfig"), row.resets ? built : config);
-        EXPECT_EQ(NumberOf(manager, "PageCount"), 5u);
+    for (const auto& [what, port, resets] : rows) {
+        SCOPED_TRACE(what);
+        const struct {
+            const char* variable;
+            Bytes value, initial;
+            bool depends = true;
+        } variables[] = {{"PrinterOptConfig", Text("as the printer said"), built},
+                         {"PVariable", Text("changed"), Text("vvvv")},
+                         {"PRecord", Text("RECORD"), Text("record")},
+                         {"PageCount", Number(5), {}, false}};
+        for (const auto& variable : variables)
+            EXPECT_EQ(Update(manager, variable.variable, variable.value), TVS_OK);
+        EXPECT_EQ(Update(manager, "Port", port), TVS_OK);
+        EXPECT_EQ(Read(manager, "Port", 260).bytes, port);
+        for (const auto& variable : variables) {
+            const Bytes& now = resets && variable.depends ? variable.initial : variable.value;
+            EXPECT_EQ(Read(manager, variable.variable, static_cast<uint32_t>(now.size())).bytes, now);
+            EXPECT_EQ(RegistryValue(kDriverData, std::string("SQD_") + variable.variable), now);
+        }
     }
     EXPECT_EQ(Update(manager, "Port", Bytes(259)), PassOn(Answer::WrongSize));
     EXPECT_EQ(Read(manager, "Port", 260).bytes, endless);
@@ -94,37 +88,29 @@ CHILD_PROCESS(ChangesSettingsAsAnotherUser) {
     // A printer that nobody has opened yet.
     const TvsManager first = OpenPrinter(TVS_KIND_OWNER, kNewName);
     child.Say(StoredName(first) + " " + std::to_string(NumberOf(first, "UserAuthority")));
-    child.Say(std::to_string(CloseManager(first)));
-    return 0;
+    return CloseManager(first);
 }
 
-TEST_AS_ROOT(Settings, OfAnotherUserChangeNothing) {
-    NeedsTheLayer("threads that are other users by number");
-    const Product product;
+TEST_F(Settings, OfAnotherUserChangeNothingAsRoot) {
     AddPrinter(kNewName, kModel);
-    const TvsManager manager = OpenPrinter();
     ASSERT_EQ(Update(manager, "Port", Port(1, "LPT1:")), TVS_OK);
     const Bytes config = Text("as the printer said");
     ASSERT_EQ(Update(manager, "PrinterOptConfig", config), TVS_OK);
     TestProcess other("ChangesSettingsAsAnotherUser");
-    for (const Status expected :
-         {Status{ERROR_ACCESS_DENIED}, Status{ERROR_ACCESS_DENIED}, Status{ERROR_ACCESS_DENIED}, TVS_OK})
-        EXPECT_EQ(other.Hear(), std::to_string(expected));
+    for (const char* expected : {"5", "5", "5", "0"}) // ERROR_ACCESS_DENIED
+        EXPECT_EQ(other.Hear(), expected);
     EXPECT_EQ(other.Hear(), kNewName + " 0");
-    EXPECT_EQ(other.Hear(), "0");
     EXPECT_EQ(other.Wait(), 0) << other.Errors();
     EXPECT_EQ(Read(manager, "Port", 260).bytes, Port(1, "LPT1:"));
     EXPECT_EQ(Read(manager, "PrinterOptConfig", static_cast<uint32_t>(config.size())).bytes, config);
-    EXPECT_EQ(ListedNames(manager), kPrinter + ";" + kNewName + ";");
+    EXPECT_EQ(ListedNames(), kPrinter + ";" + kNewName + ";");
     EXPECT_EQ(StoredName(manager), kPrinter);
     EXPECT_EQ(NumberOf(manager, "PageCount"), 6u);
 }
 
-TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
-    const Product product;
+TEST_F(Settings, AnotherNameIsOneInTheListTheManagerAndTheDatabase) {
     AddPrinter("Other", kModel);
     AddPrinter(kNewName, kModel);
-    const TvsManager manager = OpenPrinter();
     const TvsManager owner = OpenPrinter(TVS_KIND_OWNER);
     const TvsManager other = OpenPrinter(2, "Other");
     const std::string before = kPrinter + ";Other;";
@@ -133,29 +119,30 @@ TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
         Bytes name;
         int32_t status;
     } refused[] = {
-        {"no name", Text(""), PassOn(Answer::WrongSize)},
+        {"no name", {}, PassOn(Answer::WrongSize)},
         {"an empty one", Bytes(260), PassOn(Answer::WrongSize)},
         {"260 characters", Bytes(260, 'x'), PassOn(Answer::WrongSize)},
         {"another printer's", BytesOf("Other"), PassOn(Answer::DatabaseExists)},
         {"its own", BytesOf(kPrinter), TVS_OK},
     };
-    const DWORD master = RecordOf(manager)->masterDatabase.handle;
-    DWORD writes = 0;
-    ASSERT_EQ(GetWriteCount(master, product::kPrinterListVariable, &writes), Answer::Done);
+    const auto writes = [&] {
+        DWORD count = 0;
+        EXPECT_EQ(GetWriteCount(record->masterDatabase.handle, dblink::kPrinterListVariable, &count), Answer::Done);
+        return count;
+    };
+    const DWORD writesBefore = writes();
     for (const auto& row : refused) {
         SCOPED_TRACE(row.what);
         EXPECT_EQ(Update(manager, "PrinterName", row.name), row.status);
-        EXPECT_EQ(ListedNames(manager), before);
+        EXPECT_EQ(ListedNames(), before);
         EXPECT_EQ(StoredName(manager), kPrinter);
     }
-    DWORD writesNow = 0;
-    ASSERT_EQ(GetWriteCount(master, product::kPrinterListVariable, &writesNow), Answer::Done);
-    EXPECT_EQ(writesNow, writes);
+    EXPECT_EQ(writes(), writesBefore);
 
     EXPECT_EQ(Update(manager, "PrinterName", BytesOf(kNewName)), TVS_OK);
-    EXPECT_EQ(ListedNames(manager), kNewName + ";Other;");
+    EXPECT_EQ(ListedNames(), kNewName + ";Other;");
     EXPECT_EQ(StoredName(owner), kNewName);
-    EXPECT_EQ(RecordOf(manager)->printerName, kNewName);
+    EXPECT_EQ(record->printerName, kNewName);
     EXPECT_EQ(RecordOf(owner)->printerName, kPrinter);
     // It is the same printer under its new name, and its owner can give it back.
     const TvsManager renamed = OpenPrinter(2, kNewName);
@@ -166,9 +153,9 @@ TEST(PrinterName, ChangesInTheListTheManagerAndTheDatabase) {
     // The longest name there is; back to a free one; and one that the list does not know.
     EXPECT_EQ(Update(renamed, "PrinterName", Bytes(259, 'n')), TVS_OK);
     EXPECT_EQ(Update(nextOwner, "PrinterName", BytesOf(kPrinter)), TVS_OK);
-    EXPECT_EQ(ListedNames(manager), before);
-    EXPECT_EQ(WriteVariable(RecordOf(manager)->printerDatabase, "PrinterName", "unlisted", 9), Answer::Done);
+    EXPECT_EQ(ListedNames(), before);
+    StoreBytes(database, "PrinterName", BytesOf("unlisted"));
     EXPECT_EQ(Update(manager, "PrinterName", BytesOf(kNewName)), TVS_E_NOT_NOW);
-    EXPECT_EQ(ListedNames(other), before);
+    EXPECT_EQ(ListedNames(), before);
     EXPECT_EQ(StoredName(other), "Other");
 }

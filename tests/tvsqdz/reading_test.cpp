@@ -1,12 +1,13 @@
 // Reading values and write times.
+#include "access/reading.h"
 #include "machine.h"
-#include "product/client.h"
-#include "values/reading.h"
 #include "wide_literal.h"
 
 #include <cstring>
 
 namespace {
+
+using Reading = Opened;
 
 struct Expected {
     const char* variable;
@@ -28,34 +29,16 @@ void ExpectReads(TvsManager manager, const std::vector<Expected>& rows) {
     }
 }
 
-// A printer whose model has a variable of every type, created with its manager.
-struct ReadingProduct : Product {
-    ReadingProduct() {
-        AddModelVariable(kModel, "B", 4, 0x10001, Number(1)); // a byte that is registered with four
-        AddModelVariable(kModel, "Q", 8, 0x10080, Number(0));
-        AddModelVariable(kModel, "Hidden", 4, 0x4, Number(1));
-        AddModelVariable(kModel, "V", 5, 0x10010, Text("hello"));
-        AddModelVariable(kModel, "S", 4, 0x10008, Text("abcd")); // fills its field: no NUL of its own
-        AddModelVariable(kModel, "Mix", 14, 0x10040, Text("ModelNumber;S;"));
-        manager = OpenPrinter();
-        database = RecordOf(manager)->printerDatabase.handle;
-    }
-    TvsManager manager;
-    DatabaseHandle database;
-};
-
 } // namespace
 
-TEST(Reading, EachFormAnswersEveryBufferSize) {
-    const ReadingProduct product;
-    const TvsManager manager = product.manager;
+TEST_F(Reading, EachFormAnswersEveryBufferSize) {
     EXPECT_EQ(Update(manager, "PrinterStatus", Text("123456789012")), TVS_OK);
     EXPECT_EQ(Update(manager, "PrinterLocation", BytesOf("third floor")), TVS_OK);
     const Bytes queue = Joined({Number(1), Bytes(292, 'q')});
     EXPECT_EQ(Update(manager, "SpoolerQueue", queue), TVS_OK);
     ExpectReads(manager,
                 {
-                    // Numbers and records: no buffer, short, exact, larger.
+                    // Numbers and records: no buffer, short, exact.
                     {"ModelNumber", 0, TVS_E_SIZE, 4, {}},
                     {"ModelNumber", 1, TVS_E_SIZE, 1, {7}},
                     {"ModelNumber", 4, TVS_OK, 4, Number(7)},
@@ -80,7 +63,7 @@ TEST(Reading, EachFormAnswersEveryBufferSize) {
                     {"V", 5, TVS_OK, 5, Text("hello")},
                     {"PrinterFontInfo", 8, TVS_OK, 8, Joined({Number(1), Number(2773)})},
                     // Composites: their members one behind the other; one that does not exist contributes nothing.
-                    {"CurrentStatus", 24, TVS_OK, 24, Joined({Text("123456789012"), Number(0), Number(0), Number(0)})},
+                    {"CurrentStatus", 24, TVS_OK, 24, Joined({Text("123456789012"), Bytes(12)})},
                     {"CurrentStatus", 5, TVS_E_SIZE, 5, Text("12345")},
                     {"PrinterStatusEx", 32, TVS_OK, 32, Joined({Text("123456789012"), Bytes(16, 0xFF), Number(0)})},
                     {"Mix", 0, TVS_E_SIZE, 8, {}},
@@ -92,7 +75,7 @@ TEST(Reading, EachFormAnswersEveryBufferSize) {
                     {"", 8, TVS_E_UNKNOWN, 0, {}},
                 });
     // A value shorter than its length is empty.
-    ASSERT_EQ(WriteVariable(product.database, "V", "\1\2", 2), Answer::Done);
+    StoreBytes(database, "V", {1, 2});
     ExpectReads(manager, {{"V", 8, TVS_OK, 0, {}}, {"V", 0, TVS_E_SIZE, 0, {}}});
     // A buffer that is not there has no size.
     uint32_t returned = 5;
@@ -102,17 +85,15 @@ TEST(Reading, EachFormAnswersEveryBufferSize) {
     EXPECT_EQ(Read(0, "ModelNumber", 4).returnedSize, 0u);
 }
 
-TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
-    SetUpProduct();
-    AddModelVariable(kModel, "PrinterStatus", 16, 0x10020, Bytes(16, 's'));
-    AddModelVariable(kModel, "ErrNSMError", 6, 0x10020, Bytes(6, 'n'));
-    AddModelVariable(kModel, "L", 4, 0x10110, Text("abcd")); // begins with a copy of another length
-    SetRegistryValue("System\\CurrentControlSet\\Control\\Print\\Printers\\" + kPrinter + "\\PrinterDriverData",
-                     "SQD_L", REG_BINARY, Text("x"));
-    AddModelVariable(kModel, "Mix", 32, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
-    const Service service;
-    const Library library;
-    const TvsManager manager = OpenPrinter();
+TEST_F(Reading, CompositesFollowTheSizesOfTheirMembersInEachFormOfTheCall) {
+    const std::string other = "Other printer";
+    AddPrinter(other, other);
+    AddModelVariable(other, "PrinterStatus", 16, 0x10020, Bytes(16, 's'));
+    AddModelVariable(other, "ErrNSMError", 6, 0x10020, Bytes(6, 'n'));
+    AddModelVariable(other, "L", 4, 0x10110, Text("abcd")); // begins with a copy of another length
+    SetRegistryValue(kPrinterKeys + other + "\\PrinterDriverData", "SQD_L", REG_BINARY, Text("x"));
+    AddModelVariable(other, "Mix", 32, 0x10040, BytesOf("L;PrinterQueue;PrinterStatus;L;"));
+    manager = OpenPrinter(2, other);
     ASSERT_EQ(Update(manager, "PrinterStatus", Text("12345678")), TVS_OK); // half of its field
     const Bytes status = Joined({Text("12345678"), Bytes(8)});
     const Bytes copy = Joined({Text("x"), Bytes(3)});
@@ -137,69 +118,52 @@ TEST(Reading, CompositesFollowTheSizesOfTheirMembers) {
         EXPECT_EQ(GetPrinterStatusW(manager, name.c_str(), wide.data(), row.size, &returned), row.status);
         EXPECT_EQ(returned, row.returned);
         EXPECT_EQ(wide, row.bytes);
-        SYSTEMTIME written;
-        EXPECT_EQ(GetPrinterStatusInfoA(manager, row.variable, &written), TVS_OK);
     }
 }
 
-TEST(Reading, AQueueGivesItsOldestItemOnce) {
-    const ReadingProduct product;
+TEST_F(Reading, AQueueGivesItsOldestItemOnce) {
     // The service has no such variable: its answer is passed on, and nothing is taken for a value.
-    const Answer unknown = static_cast<Answer>(product::kUnknownVariable);
-    ExpectReads(product.manager, {{"Q", 8, PassOn(unknown), 0, {}}, {"Q", 0, PassOn(unknown), 0, {}}});
+    const Answer unknown = static_cast<Answer>(dblink::kUnknownVariable);
+    ExpectReads(manager, {{"Q", 8, PassOn(unknown), 0, {}}, {"Q", 0, PassOn(unknown), 0, {}}});
 
     const Bytes empty = Joined({Number(4), Number(0)});
-    ASSERT_EQ(CreateVariable(product.database, "Q", product::kTypeVariableLength, 8, empty.data()), Answer::Done);
-    const auto store = [&](const Bytes& value) {
-        EXPECT_EQ(WriteVariable(product.database, "Q", value.data(), static_cast<DWORD>(value.size())), Answer::Done);
-    };
-    const auto stored = [&] {
-        Bytes value(100);
-        DWORD size = 0;
-        EXPECT_EQ(ReadVariable(product.database, "Q", value.data(), 100, &size), Answer::Done);
-        value.resize(size);
-        return value;
-    };
-    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 0, {}}, {"Q", 0, TVS_OK, 0, {}}});
-    store(Joined({Number(4 + 24), Number(3), Text("item one"), Text("item two"), Text("itemlast")}));
-    ExpectReads(product.manager, {{"Q", 0, TVS_E_SIZE, 8, {}},
-                                  {"Q", 100, TVS_OK, 8, Text("item one")},
-                                  {"Q", 2, TVS_E_SIZE, 2, Text("it")}}); // the rest of the second one is gone
-    EXPECT_EQ(stored(), Joined({Number(12), Number(1), Text("itemlast")}));
-    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 8, Text("itemlast")}, {"Q", 8, TVS_OK, 0, {}}});
-    EXPECT_EQ(stored(), empty);
-
+    ASSERT_EQ(CreateVariable(database, "Q", dblink::kTypeVariableLength, 8, empty.data()), Answer::Done);
+    ExpectReads(manager, {{"Q", 8, TVS_OK, 0, {}}, {"Q", 0, TVS_OK, 0, {}}});
+    StoreBytes(database, "Q", Joined({Number(28), Number(3), Text("item one"), Text("item two"), Text("itemlast")}));
+    ExpectReads(manager, {{"Q", 0, TVS_E_SIZE, 8, {}},
+                          {"Q", 100, TVS_OK, 8, Text("item one")},
+                          {"Q", 2, TVS_E_SIZE, 2, Text("it")}}); // the rest of the second one is gone
+    EXPECT_EQ(StoredBytes(database, "Q"), Joined({Number(12), Number(1), Text("itemlast")}));
+    ExpectReads(manager, {{"Q", 8, TVS_OK, 8, Text("itemlast")}, {"Q", 8, TVS_OK, 0, {}}});
+    EXPECT_EQ(StoredBytes(database, "Q"), empty);
     // What another process left there is believed as far as its bytes go.
-    store(Joined({Number(1), Bytes(2)}));
-    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 0, {}}});
-    store(Joined({Number(0xFFFFFFFF), Number(0xFFFFFFFF), Text("only one"), Text("half")}));
-    ExpectReads(product.manager, {{"Q", 8, TVS_OK, 8, Text("only one")}, {"Q", 8, TVS_OK, 0, {}}});
+    StoreBytes(database, "Q", Joined({Number(1), Bytes(2)}));
+    ExpectReads(manager, {{"Q", 8, TVS_OK, 0, {}}});
+    StoreBytes(database, "Q", Joined({Number(0xFFFFFFFF), Number(0xFFFFFFFF), Text("only one"), Text("half")}));
+    ExpectReads(manager, {{"Q", 8, TVS_OK, 8, Text("only one")}, {"Q", 8, TVS_OK, 0, {}}});
 }
 
-TEST(Reading, WithoutTheServiceItsAnswerIsPassedOn) {
-    ReadingProduct product;
-    product.service.process.Kill();
+TEST_F(Reading, WithoutTheServiceItsAnswerIsPassedOn) {
+    KillService();
     SYSTEMTIME time = {};
-    const ReadResult number = Read(product.manager, "ModelNumber", 4);
+    const ReadResult number = Read(manager, "ModelNumber", 4);
     EXPECT_GT(number.status, 0);
     EXPECT_EQ(number.returnedSize, 4u);
     EXPECT_EQ(number.bytes, Number(0));
     // Once it is known that there is none, that is what is told.
-    ExpectReads(product.manager, {{"ModelNumber", 4, RPC_S_SERVER_UNAVAILABLE, 4, Number(0)},
-                                  {"ModelNumber", 2, RPC_S_SERVER_UNAVAILABLE, 2, {0, 0}},
-                                  {"PrinterLocation", 9, RPC_S_SERVER_UNAVAILABLE, 1, {0}},
-                                  {"SpoolerQueue", 9, RPC_S_SERVER_UNAVAILABLE, 0, {}},
-                                  {"SpoolerQueue", 0, RPC_S_SERVER_UNAVAILABLE, 0, {}}});
-    EXPECT_EQ(GetPrinterStatusInfoA(product.manager, "ModelNumber", &time), TVS_E_UNKNOWN);
-    EXPECT_EQ(Update(product.manager, "ModelNumber", Number(1)), RPC_S_SERVER_UNAVAILABLE);
-    EXPECT_EQ(CloseManager(product.manager), TVS_OK);
-    const Service again;
+    ExpectReads(manager, {{"ModelNumber", 4, RPC_S_SERVER_UNAVAILABLE, 4, Number(0)},
+                          {"ModelNumber", 2, RPC_S_SERVER_UNAVAILABLE, 2, {0, 0}},
+                          {"PrinterLocation", 9, RPC_S_SERVER_UNAVAILABLE, 1, {0}},
+                          {"SpoolerQueue", 9, RPC_S_SERVER_UNAVAILABLE, 0, {}},
+                          {"SpoolerQueue", 0, RPC_S_SERVER_UNAVAILABLE, 0, {}}});
+    EXPECT_EQ(GetPrinterStatusInfoA(manager, "ModelNumber", &time), TVS_E_UNKNOWN);
+    EXPECT_EQ(Update(manager, "ModelNumber", Number(1)), RPC_S_SERVER_UNAVAILABLE);
+    EXPECT_EQ(CloseManager(manager), TVS_OK);
+    service = Service();
     EXPECT_EQ(NumberOf(OpenPrinter(), "ModelNumber"), 7u);
 }
 
-TEST(Reading, WriteTimesFollowTheWrites) {
-    const ReadingProduct product;
-    const TvsManager manager = product.manager;
+TEST_F(Reading, WriteTimesFollowTheWrites) {
     SYSTEMTIME time;
     const auto written = [&] {
         FILETIME file;
@@ -210,8 +174,7 @@ TEST(Reading, WriteTimesFollowTheWrites) {
     constexpr uint64_t kSecond = 10'000'000;
     GetSystemTime(&time);
     const uint64_t before = written() + kSecond;
-    // Readable or not, with each form of the call.
-    for (const char* name : {"AccessControlList", "Hidden", "ModelNumber", "CurrentStatus"}) {
+    for (const char* name : {"AccessControlList", "Hidden", "ModelNumber", "CurrentStatus"}) { // readable or not
         EXPECT_EQ(GetPrinterStatusInfoA(manager, name, &time), TVS_OK) << name;
         EXPECT_LE(written(), before) << name;
     }
@@ -227,21 +190,12 @@ TEST(Reading, WriteTimesFollowTheWrites) {
 }
 
 // Variables that the library will serve by itself, and types that only printers define.
-TEST(Reading, HandlersAndExtendedTypesGiveTheirForms) {
-    const ReadingProduct product;
-    ManagerRecord* record = RecordOf(product.manager);
+TEST_F(Reading, HandlersAndExtendedTypesGiveTheirForms) {
     const auto read = [&](const StatusVariableDef& variable, uint32_t size) {
         ReadResult result{0, 0, Bytes(size, 0xEE)};
         result.status = ReadValue(record, variable, {result.bytes.data(), size, nullptr}, &result.returnedSize);
         return result;
     };
-    const LocalReadProc number = [](ManagerRecord*, void* buffer) -> uint32_t {
-        if (buffer != nullptr) std::memcpy(buffer, "\x2A\0\0", 4);
-        return 4;
-    };
-    const StatusVariableDef computed = {.flags = SVT_NUMBER, .size = 4, .localRead = number, .name = "Computed"};
-    EXPECT_EQ(read(computed, 4).bytes, Number(42));
-    EXPECT_EQ(read(computed, 0).returnedSize, 4u);
     const LocalReadProc list = [](ManagerRecord*, void* buffer) -> uint32_t {
         if (buffer != nullptr) std::memcpy(buffer, "\3\0\0\0abc", 7);
         return 7;

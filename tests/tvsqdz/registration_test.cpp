@@ -1,45 +1,42 @@
 // What the registry and the spooler know of a printer: driver, model, and the variables that the model defines.
-#include "base/memory.h"
+#include "catalogue/name_order.h"
+#include "catalogue/variable_lookup.h"
+#include "catalogue/variable_table.h"
+#include "frame/printer_registration.h"
+#include "frame/variable_index.h"
 #include "machine.h"
-#include "manager/printer_registration.h"
-#include "manager/variable_index.h"
 
 #include <cstring>
 
 namespace {
 
-const std::string kKeys = "System\\CurrentControlSet\\Control\\Print\\Printers\\";
+const std::string kModels = "SOFTWARE\\Tavik\\Oriel\\Printers";
 
-// A record as an open has it before it asks what the printer's variables are.
-struct Record {
-    explicit Record(const std::string& printer = kPrinter) {
-        std::memcpy(manager.printerName, printer.c_str(), printer.size() + 1);
-    }
-    ~Record() {
-        FreeVariables(&manager);
-        FreeBlock(manager.driverName);
-    }
-    const StatusVariableDef* Find(const char* name) { return FindStatusVariable(&manager, name); }
-
-    ManagerRecord manager = {};
+// With a record as an open has it before it asks what the printer's variables are.
+struct Registration : testing::Test {
+    Registration() { std::strcpy(record.printerName, kPrinter.c_str()); }
+    struct Installed {
+        Installed() { InstallProduct(); }
+    } installed;
+    Library library;
+    ManagerRecord record = {};
 };
 
 } // namespace
 
-TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
-    InstallProduct();
-    const Library library;
-    const auto driverOf = [](const std::string& printer) -> std::string {
-        Record record(printer);
-        return LookUpDriverName(&record.manager) ? record.manager.driverName : "(none)";
+TEST_F(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
+    const auto driverOf = [&](const std::string& printer) -> std::string {
+        record.driverName = nullptr;
+        std::strcpy(record.printerName, printer.c_str());
+        return LookUpDriverName(&record) ? record.driverName : "(none)";
     };
-    EXPECT_STREQ(PrinterKeyName("\\\\server\\queue\\").name, ",,server,queue,");
+    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue\\").name, ",,server,queue,");
     EXPECT_EQ(driverOf("Front desk"), "(none)"); // no printers at all
     AddPrinter("Front desk", "Driver A");
     AddPrinter("\\\\server\\queue", "Driver B");
     AddToSpooler("\\\\server\\far", "Driver C");
-    SetRegistryValue(kKeys + "Unterminated", "Printer Driver", REG_SZ, {'D', 'r'});
-    SetRegistryText(kKeys + "Nameless", "Port", "LPT1:");
+    SetRegistryValue(kPrinterKeys + "Unterminated", "Printer Driver", REG_SZ, {'D', 'r'});
+    SetRegistryText(kPrinterKeys + "Nameless", "Port", "LPT1:");
     EXPECT_EQ(driverOf("Front desk"), "Driver A");
     EXPECT_EQ(driverOf("\\\\server\\queue"), "Driver B");
     EXPECT_EQ(driverOf("\\\\server\\far"), "Driver C"); // has no key
@@ -48,32 +45,28 @@ TEST(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
     EXPECT_EQ(driverOf("Nowhere"), "(none)");
 }
 
-TEST(Registration, ModelsAreRegisteredWithTheirVariables) {
-    InstallProduct();
-    const Library library;
-    const std::string models = "SOFTWARE\\Tavik\\Oriel\\Printers";
+TEST_F(Registration, ModelsAreRegisteredWithTheirVariables) {
     EXPECT_FALSE(IsUnsupportedPrinter("Front desk")); // the spooler has no keys
     AddPrinter("Front desk", "Test Model");
-    SetRegistryText(kKeys + "Nameless", "Port", "LPT1:");
+    SetRegistryText(kPrinterKeys + "Nameless", "Port", "LPT1:");
     EXPECT_FALSE(IsUnsupportedPrinter("Nowhere"));
     EXPECT_TRUE(IsUnsupportedPrinter("Nameless"));
     EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // the product has no key of models
-    SetRegistryText(models, "Version", "1");
+    SetRegistryText(kModels, "Version", "1");
     EXPECT_FALSE(IsUnsupportedPrinter("Front desk")); // it is empty
-    SetRegistryText(models + "\\Another Model\\Status Variables", "X", "");
-    SetRegistryText(models + "\\Test Model", "Only", "a value");
+    SetRegistryText(kModels + "\\Another Model\\Status Variables", "X", "");
+    SetRegistryText(kModels + "\\Test Model", "Only", "a value");
     EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // registered without variables
-    SetRegistryText(models + "\\TEST model\\Status Variables", "X", "");
+    SetRegistryText(kModels + "\\TEST model\\Status Variables", "X", "");
     EXPECT_FALSE(IsUnsupportedPrinter("Front desk"));
     AddPrinter("Back office", std::string(40, 'm'));
-    SetRegistryText(models + "\\" + std::string(40, 'm') + "\\Status Variables", "X", "");
+    SetRegistryText(kModels + "\\" + std::string(40, 'm') + "\\Status Variables", "X", "");
     EXPECT_TRUE(IsUnsupportedPrinter("Back office")); // its name is no model's: too long
 }
 
-TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
-    InstallProduct();
+TEST_F(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
+    EXPECT_FALSE(BuildVariableIndex(&record)); // of a printer that there is not
     AddPrinter(kPrinter, kModel);
-    const Library library;
     const Bytes eight(8, 0xAB);
     AddModelVariable(kModel, "Zeta", 4, 0x4, Number(9));
     AddModelVariable(kModel, "PrinterStatus", 8, 0x10020, eight);
@@ -92,23 +85,22 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
     AddModelVariable(kModel, "", 4, 0x4, Number(1));
     AddModelVariable(kModel, std::string(256, 'n'), 4, 0x4, Number(1));
     AddModelVariable(kModel, std::string(255, 'n'), 4, 0x4, Number(1));
-    SetRegistryValue("SOFTWARE\\Tavik\\Oriel\\Printers\\" + kModel + "\\Status Variables", "Empty", REG_BINARY, {});
+    SetRegistryValue(kModels + "\\" + kModel + "\\Status Variables", "Empty", REG_BINARY, {});
 
-    Record record;
-    ASSERT_TRUE(BuildVariableIndex(&record.manager));
-    for (uint32_t i = 1; i < record.manager.variableCount; ++i)
-        EXPECT_LT(lstrcmpA(record.manager.variableIndex[i - 1]->name, record.manager.variableIndex[i]->name), 0);
-    EXPECT_EQ(record.manager.variableCount, 57u + 9);
-    for (const char* name : {"Long", "Short", "Tiny", "LongQueue", "Empty", ""})
-        EXPECT_EQ(record.Find(name), nullptr) << name;
-    EXPECT_NE(record.Find(std::string(255, 'n').c_str()), nullptr);
-
-    struct Row {
-        const char* name;
-        uint32_t flags, size, timeout;
-        Bytes value;
-    };
-    const Row rows[] = {
+    ASSERT_TRUE(BuildVariableIndex(&record));
+    EXPECT_EQ(record.variableCount, 57u + 9);
+    // Each is found, by its name alone; the table's order is that of the platform.
+    for (uint32_t i = 0; i < record.variableCount; ++i) {
+        EXPECT_EQ(FindStatusVariable(&record, record.variableIndex[i]->name), record.variableIndex[i]);
+        for (uint32_t j = 0; j < i; ++j) {
+            EXPECT_LT(lstrcmpA(record.variableIndex[j]->name, record.variableIndex[i]->name), 0);
+            EXPECT_LT(CompareNames(record.variableIndex[j]->name, record.variableIndex[i]->name), 0);
+        }
+    }
+    for (const char* name : {"Long", "Short", "Tiny", "LongQueue", "Empty", "", "rwresult", "A", "PrinterStatusX",
+                             "PrinterStatu", "zzz", "PrinterStatus ", "\xff"})
+        EXPECT_EQ(FindStatusVariable(&record, name), nullptr) << name;
+    const std::tuple<const char*, uint32_t, uint32_t, uint32_t, Bytes> rows[] = {
         {"Zeta", 0x01000004, 4, 0, Number(9)},
         {"PrinterStatus", 0x01010020, 8, 30000, eight}, // takes over the built-in row's time-out
         {"Aardvark", 0x01010010, 5, 0, Joined({Number(5), {1, 2, 3, 4, 5}})},
@@ -123,16 +115,23 @@ TEST(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
         {"PrinterStatusEx", 0x00010040, 28, 0, Text("PrinterStatus;ErrPaperJam;")},
         {"PortEx", 0x00010040, 264, 0, BytesOf("PrinterExtStatus;Port;")},
     };
-    for (const Row& row : rows) {
-        const StatusVariableDef* found = record.Find(row.name);
-        ASSERT_NE(found, nullptr) << row.name;
-        EXPECT_EQ(found->flags, row.flags) << row.name;
-        EXPECT_EQ(found->size, row.size) << row.name;
-        EXPECT_EQ(found->timeoutMs, row.timeout) << row.name;
-        EXPECT_EQ(std::memcmp(found->defaultValue, row.value.data(), row.value.size()), 0) << row.name;
+    for (const auto& [name, flags, size, timeout, value] : rows) {
+        const StatusVariableDef* found = FindStatusVariable(&record, name);
+        ASSERT_NE(found, nullptr) << name;
+        EXPECT_EQ(found->flags, flags) << name;
+        EXPECT_EQ(found->size, size) << name;
+        EXPECT_EQ(found->timeoutMs, timeout) << name;
+        EXPECT_EQ(std::memcmp(found->defaultValue, value.data(), value.size()), 0) << name;
     }
-    EXPECT_EQ(CompositeSize(&record.manager, ""), 0u);
+}
 
-    Record nowhere("Nowhere");
-    EXPECT_FALSE(BuildVariableIndex(&nowhere.manager));
+TEST(Catalogue, OnlyPlainTypesAreDatabaseTypes) {
+    const std::pair<uint32_t, int> rows[] = {{0x01, 0},     {0x02, 1},  {0x10004, 2},     {0x08, 3},       {0x20, 4},
+                                             {0x310010, 5}, {0x40, -1}, {0x80, -1},       {0x05, -1},      {0x00, -1},
+                                             {0x90, -1},    {0x03, -1}, {0x10000004, -1}, {0x20000010, -1}};
+    for (const auto& [flags, expected] : rows) {
+        dblink::DatabaseType type = dblink::kTypeCount;
+        EXPECT_EQ(DatabaseTypeOf(flags, &type), expected >= 0) << std::hex << flags;
+        EXPECT_TRUE(expected < 0 || static_cast<int>(type) == expected) << std::hex << flags;
+    }
 }

@@ -1,8 +1,7 @@
 // Requests of many processes at once, and of processes that die in the middle.
-#include "base/timings.h"
 #include "campaign.h"
+#include "frame/timings.h"
 #include "printer_side.h"
-#include "product/object_names.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,58 +9,52 @@
 
 namespace {
 
+using RequestCampaign = OpenedReady;
+
 // A printer side in a process: the printer's name. It serves until it is told to end, or killed.
 CHILD_PROCESS(ServesAPrinter) {
     const Library library;
     const TvsManager manager = OpenPrinter(2, child.arguments[0]);
-    const ManagerRecord* record = RecordOf(manager);
-    const HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    const TestThread listener([&] {
-        child.Hear();
-        SetEvent(stop);
-    });
-    uint32_t reads = 0;
-    ServePrinter(
-        record->printerDatabase.handle, record->databaseName,
-        [&](const std::string& mailbox, const std::string& text) {
-            if (mailbox == "ReadRequest") StoreBytes(record->printerDatabase.handle, text, Number(++reads));
-            return 0;
-        },
-        stop, [&] { child.Say("serves"); });
+    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
+    std::optional<PrinterSide> printer(std::in_place, database,
+                                       [&](const std::string& mailbox, const std::string& text) {
+                                           if (mailbox == "ReadRequest") StoreBytes(database, text, Number(1));
+                                           return 0;
+                                       });
+    child.Say("serves");
+    child.Hear();
+    printer.reset();
     return CloseManager(manager);
 }
 
 // One asynchronous write from its start to its result; the result, or a failure of the test.
-int32_t WriteAndWait(TvsManager manager, HANDLE event, uint32_t* number) {
-    ResetEvent(event);
-    const uint32_t value = 7;
-    int32_t status = SetReqPrinterStatusEventA(manager, "DNumber", &value, sizeof value, event, number);
+int32_t WriteAndWait(TvsManager manager, HANDLE event) {
+    uint32_t number = 7;
+    const int32_t status = SetReqPrinterStatusEventA(manager, "DNumber", &number, sizeof number, event, &number);
     if (status != TVS_OK) return status;
-    EXPECT_EQ(WaitForSingleObject(event, 60000), DWORD{WAIT_OBJECT_0});
-    EXPECT_EQ(ResSetPrinterStatus(manager, *number, &status), TVS_OK);
-    return status;
+    EXPECT_TRUE(IsSet(event, 60000));
+    return ResultOf(manager, number);
 }
 
 // Any operation; its status.
-int32_t DoOne(TvsManager manager, HANDLE event, uint32_t choice) {
+int32_t DoOne(TvsManager manager, HANDLE event, uint64_t choice) {
     uint32_t value = 1;
     uint32_t size = 0;
+    int32_t status = TVS_OK;
     switch (choice) {
     case 0:
         return GetPrinterStatusDirectA(manager, "DNumber", &value, sizeof value, &size);
     case 1:
         return SetPrinterStatusDirectA(manager, "DNumber", &value, sizeof value);
     case 2:
-        return WriteAndWait(manager, event, &value);
+        return WriteAndWait(manager, event);
     case 3:
-        ResetEvent(event);
-        if (const int32_t status = GetReqPrinterStatusEventA(manager, "DNumber", event); status != TVS_OK)
-            return status;
-        return WaitForSingleObject(event, 60000) == WAIT_OBJECT_0 ? TVS_OK : TVS_E_REQUEST_LOCK;
+        status = GetReqPrinterStatusEventA(manager, "DNumber", event);
+        return status == TVS_OK && !IsSet(event, 60000) ? TVS_E_REQUEST_LOCK : status;
     case 4:
-        return UpdatePrinterStatusA(manager, "JobStatus", &value, sizeof value);
+        return Update(manager, "JobStatus", Number(value));
     default:
-        return GetPrinterStatusA(manager, "JobStatus", &value, sizeof value, &size);
+        return Read(manager, "JobStatus", 4).status;
     }
 }
 
@@ -80,36 +73,37 @@ CHILD_PROCESS(MixesOperations) {
         for (int t = 0; t < std::stoi(child.arguments[2]); ++t)
             threads.push_back(std::make_unique<TestThread>([&, t] {
                 std::mt19937_64 random(seed + static_cast<uint64_t>(t));
-                const TvsManager manager = OpenAuthorised(printer);
-                const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+                const TvsManager manager = OpenPrinter(2, printer, kPowerfulUser);
+                const HANDLE event = NewEvent();
                 for (int i = 0; operations == 0 || i < operations; ++i)
-                    failed += DoOne(manager, event, static_cast<uint32_t>(random() % 6)) != TVS_OK;
-                CloseHandle(event);
+                    failed += DoOne(manager, event, random() % 6) != TVS_OK;
                 EXPECT_EQ(CloseManager(manager), TVS_OK);
             }));
         for (const auto& thread : threads)
-            WaitForSingleObject(thread->Handle(), INFINITE);
+            IsSet(thread->Handle(), INFINITE);
     }
     child.Say(std::to_string(failed));
     return testing::Test::HasFailure();
 }
 
+// Started, and at work.
+TestProcess Start(const char* what, const std::vector<std::string>& arguments) {
+    TestProcess process(what, arguments);
+    EXPECT_FALSE(process.Hear().empty());
+    return process;
+}
+
 std::vector<uint32_t> NumbersLeft(DatabaseHandle database) {
     const Bytes list = StoredBytes(database, "ReqResult");
     std::vector<uint32_t> numbers;
-    for (size_t at = 8; at + 8 <= list.size(); at += 8) {
-        uint32_t number = 0;
-        std::memcpy(&number, &list[at], sizeof number);
-        numbers.push_back(number);
-    }
+    for (size_t at = 8; at + 8 <= list.size(); at += 8)
+        std::memcpy(&numbers.emplace_back(), &list[at], sizeof(uint32_t));
     return numbers;
 }
 
 } // namespace
 
-TEST(RequestCampaign, ManyProcessesMixOperationsAndAllResultsAreAccountedFor) {
-    const Product product;
-    AddDirectVariables();
+TEST_F(RequestCampaign, ManyProcessesMixOperationsAndAllResultsAreAccountedFor) {
     const int operations = Rounds(12, 1500);
     const uint64_t seed = Seed();
     std::vector<TestProcess> printers;
@@ -120,66 +114,48 @@ TEST(RequestCampaign, ManyProcessesMixOperationsAndAllResultsAreAccountedFor) {
         AddPrinter(name, kModel);
         managers.push_back(OpenPrinter(2, name));
         SetReady(managers.back());
-        printers.emplace_back("ServesAPrinter", std::vector<std::string>{name});
-        EXPECT_EQ(printers.back().Hear(), "serves");
+        printers.push_back(Start("ServesAPrinter", {name}));
     }
-    for (int i = 0; i < 16; ++i)
-        processes.emplace_back("MixesOperations",
-                               std::vector<std::string>{"Printer " + std::to_string(i % 4),
-                                                        std::to_string(seed + static_cast<uint64_t>(i) * 100), "4",
-                                                        std::to_string(operations)});
+    for (uint64_t i = 0; i < 16; ++i)
+        processes.push_back(
+            Start("MixesOperations", {"Printer " + std::to_string(i % 4), std::to_string(seed + i * 100), "4",
+                                      std::to_string(operations)}));
     for (TestProcess& process : processes) {
-        EXPECT_EQ(process.Hear(), "mixing");
         EXPECT_EQ(process.Hear(600000), "0");
         EXPECT_EQ(process.Wait(), 0) << process.Errors();
     }
-    for (const TvsManager manager : managers)
-        EXPECT_EQ(NumbersLeft(RecordOf(manager)->printerDatabase.handle), std::vector<uint32_t>());
-    for (TestProcess& printer : printers) {
-        printer.Tell("end");
-        EXPECT_EQ(printer.Wait(), 0) << printer.Errors();
-    }
+    for (const TvsManager each : managers)
+        EXPECT_EQ(NumbersLeft(RecordOf(each)->printerDatabase.handle), std::vector<uint32_t>());
+    for (TestProcess& printer : printers)
+        printer.End();
 }
 
 // A requester, the printer side or the owner is killed at any moment; the survivor's requests all come to their result.
-TEST(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
-    const Product product;
-    AddDirectVariables();
+TEST_F(RequestCampaign, KilledProcessesHoldNobodyUpAndLoseNoResult) {
     g_timings.requestLockBound = 60000;
-    g_timings.answerBound = 3000;
-    const TvsManager manager = OpenAuthorised();
-    SetReady(manager);
+    g_timings.answerBound = 1500;
     std::mt19937_64 random(Seed());
-    const auto start = [&](const char* what, const std::vector<std::string>& arguments) {
-        TestProcess process(what, arguments);
-        EXPECT_FALSE(process.Hear().empty());
-        return process;
-    };
-    const auto startPrinter = [&] { return start("ServesAPrinter", {kPrinter}); };
-    TestProcess printer = startPrinter();
-    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    TestProcess printer = Start("ServesAPrinter", {kPrinter});
+    const HANDLE event = NewEvent();
     for (int round = 0; round < Rounds(12, 1000); ++round) {
         SCOPED_TRACE(round);
-        TestProcess requester = start("MixesOperations", {kPrinter, std::to_string(random()), "2", "0"});
+        TestProcess requester = Start("MixesOperations", {kPrinter, std::to_string(random()), "2", "0"});
         PauseMs(static_cast<int>(random() % 20));
         const bool killPrinter = random() % 3 == 0;
         const TestThread killer([&, pause = static_cast<int>(random() % 10)] {
             PauseMs(pause);
             requester.KillOnly();
-            if (killPrinter) {
-                printer.Kill();
-                printer = startPrinter();
-            }
+            if (!killPrinter) return;
+            printer.Kill();
+            printer = Start("ServesAPrinter", {kPrinter});
         });
-        uint32_t number = 0; // once its result is taken, another request may have it
         // What a printer side had taken when it was killed, nobody answers.
-        const int32_t status = WriteAndWait(manager, event, &number);
+        const int32_t status = WriteAndWait(manager, event);
         ASSERT_TRUE(status == TVS_OK || (killPrinter && status == TVS_E_REQUEST_LOCK)) << status;
-        WaitForSingleObject(killer.Handle(), 20000);
+        IsSet(killer.Handle(), 20000);
         // What is left belongs to the dead; each once.
-        std::vector<uint32_t> left = NumbersLeft(RecordOf(manager)->printerDatabase.handle);
+        std::vector<uint32_t> left = NumbersLeft(database);
         std::sort(left.begin(), left.end());
         EXPECT_EQ(std::adjacent_find(left.begin(), left.end()), left.end());
     }
-    CloseHandle(event);
 }

@@ -1,10 +1,10 @@
 // Managers that outlive the status database service: killed, and started anew, under calls of every kind.
-#include "base/timings.h"
+#include "dblink/kernel_names.h"
+#include "dblink/printer_list.h"
+#include "frame/guards.h"
+#include "frame/timings.h"
 #include "notification_kit.h"
 #include "printer_side.h"
-#include "product/guards.h"
-#include "product/object_names.h"
-#include "product/printer_list.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -20,27 +20,18 @@ namespace {
 constexpr int32_t kUnavailable = RPC_S_SERVER_UNAVAILABLE;
 const std::string kOther = "Back office";
 
-struct RestartedProduct {
-    RestartedProduct() { AddPrinter(kOther, kModel); }
-    void Restart() {
-        service->process.Kill();
-        service.emplace();
-    }
-
-    Product::SetUp setUp;
-    std::optional<Service> service{std::in_place};
-    Library library;
+struct ServiceRestart : OpenedReady {
+    ServiceRestart() { AddPrinter(kOther, kModel); }
+    DatabaseHandle Handle() const { return RecordOf(manager)->printerDatabase.handle; }
 };
 
-product::PrinterListEntry ListEntry(const std::string& printer) {
+dblink::PrinterListEntry ListEntry(const std::string& printer) {
     DatabaseHandle master = 0;
-    EXPECT_EQ(OpenDatabase(product::kMasterDatabase, &master), Answer::Done);
-    Bytes list(4096);
-    DWORD size = 0;
-    EXPECT_EQ(ReadVariable(master, product::kPrinterListVariable, list.data(), 4096, &size), Answer::Done);
+    EXPECT_EQ(OpenDatabase(dblink::kMasterDatabase, &master), Answer::Done);
+    const Bytes list = StoredBytes(master, dblink::kPrinterListVariable);
     CloseDatabase(master);
-    for (DWORD at = 8; at + sizeof(product::PrinterListEntry) <= size; at += sizeof(product::PrinterListEntry)) {
-        const auto* entry = reinterpret_cast<const product::PrinterListEntry*>(&list[at]);
+    for (size_t at = 8; at < list.size(); at += sizeof(dblink::PrinterListEntry)) {
+        const auto* entry = reinterpret_cast<const dblink::PrinterListEntry*>(&list[at]);
         if (entry->printerName == printer) return *entry;
     }
     ADD_FAILURE() << printer << " is not in the list";
@@ -51,7 +42,7 @@ product::PrinterListEntry ListEntry(const std::string& printer) {
 DWORD HandlesOf(const std::string& database) {
     DatabaseHandle handle = 0;
     EXPECT_EQ(OpenDatabase(database.c_str(), &handle), Answer::Done);
-    product::DatabaseInfo info;
+    dblink::DatabaseInfo info;
     EXPECT_EQ(GetDatabaseInfo(handle, &info), Answer::Done);
     CloseDatabase(handle);
     return info.openHandles - 1;
@@ -96,25 +87,19 @@ CHILD_PROCESS(OpensThePrinterAs) {
 
 } // namespace
 
-TEST(ServiceRestart, AnyCallFindsTheNewService) {
-    AddModelVariable(kModel, "Q", 8, 0x10080, Number(0));
-    AddDirectVariables();
-    RestartedProduct product;
-    const TvsManager manager = OpenPrinter();
+TEST_F(ServiceRestart, AnyCallFindsTheNewService) {
     uint32_t size = 0;
     Bytes buffer(1024);
     SYSTEMTIME time;
-    int32_t result = 0;
     const auto readWide = [&](const WCHAR* variable) {
         return GetPrinterStatusW(manager, variable, buffer.data(), 1024, &size);
     };
-    struct Row {
+    const struct {
         const char* call;
         std::function<int32_t()> status;
         int32_t whileDown;
         int32_t afterwards = TVS_OK;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"a read", [&] { return Read(manager, "ModelNumber", 4).status; }, kUnavailable},
         {"of a wide number", [&] { return readWide(WIDE("ModelNumber")); }, kUnavailable},
         // What has a wide form is converted, be it read or not: empty, and no failure.
@@ -133,56 +118,51 @@ TEST(ServiceRestart, AnyCallFindsTheNewService) {
              return read.status == TVS_OK && read.bytes != Number(77) ? -999 : read.status;
          },
          kUnavailable},
-        {"of a result", [&] { return ResSetPrinterStatus(manager, 1, &result); }, TVS_OK},
+        {"of a result", [&] { return ResultOf(manager, 1) == TVS_E_UNKNOWN ? TVS_OK : -999; }, TVS_OK},
         {"a direct read", [&] { return Read(manager, "DNumber", 4, GetPrinterStatusDirectA).status; }, TVS_E_NOT_NOW,
          TVS_E_NOT_NOW},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.call);
-        const DatabaseHandle before = RecordOf(manager)->printerDatabase.handle;
-        product.service->process.Kill();
+        const DatabaseHandle before = Handle();
+        KillService();
         const int32_t down = row.status();
         // The first call may be the one that loses its connection.
         EXPECT_TRUE(down == row.whileDown || down == RPC_S_CALL_FAILED || down == RPC_S_CALL_FAILED_DNE) << down;
-        product.service.emplace();
+        service = Service();
         EXPECT_EQ(row.status(), row.afterwards);
-        EXPECT_NE(RecordOf(manager)->printerDatabase.handle, before);
+        EXPECT_NE(Handle(), before);
     }
     EXPECT_EQ(NumberOf(manager, "JobStatus"), 0u) << "only what has a copy in the driver data outlives a service";
-    product.service->process.Kill();
+    KillService();
     EXPECT_EQ(CloseManager(manager), TVS_OK);
 }
 
-TEST(ServiceRestart, AHandleThatTheSameServiceDoesNotKnowStaysUnknown) {
-    const Product product;
-    const TvsManager manager = OpenPrinter();
-    const DatabaseHandle handle = RecordOf(manager)->printerDatabase.handle;
+TEST_F(ServiceRestart, AHandleThatTheSameServiceDoesNotKnowStaysUnknown) {
+    const DatabaseHandle handle = Handle();
     ASSERT_EQ(CloseDatabase(handle), Answer::Done);
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(Read(manager, "ModelNumber", 4).status, -3);
     EXPECT_EQ(Update(manager, "ModelNumber", Number(1)), -3);
-    EXPECT_EQ(RecordOf(manager)->printerDatabase.handle, handle);
+    EXPECT_EQ(Handle(), handle);
     EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 0u);
 }
 
-TEST(ServiceRestart, EachManagerIsOpenedAgainOnceHoweverManyThreadsCall) {
-    RestartedProduct product;
+TEST_F(ServiceRestart, EachManagerIsOpenedAgainOnceHoweverManyThreadsCall) {
     std::vector<TestProcess> readers;
     for (int i = 0; i < 3; ++i)
         readers.emplace_back("ReadsAcrossRestarts");
-    const TvsManager manager = OpenPrinter();
     for (TestProcess& reader : readers)
         EXPECT_EQ(reader.Hear(), "reads");
     for (int round = 0; round < 3; ++round) {
-        product.Restart();
+        RestartService();
         EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
         const std::string database = RecordOf(manager)->databaseName;
         EXPECT_TRUE(WaitUntil([&] { return HandlesOf(database) == 7; }));
     }
     for (TestProcess& reader : readers) {
-        reader.Tell("stop");
         // While the service is away, and while it goes, calls fail: with codes of the run-time.
-        std::istringstream said(reader.Hear());
+        std::istringstream said(reader.Ask("stop"));
         std::set<int32_t> seen{std::istream_iterator<int32_t>(said), {}};
         EXPECT_EQ(seen.erase(TVS_OK), 1u);
         for (const int32_t status : {kUnavailable, int32_t{RPC_S_CALL_FAILED}, int32_t{RPC_S_CALL_FAILED_DNE}})
@@ -190,19 +170,16 @@ TEST(ServiceRestart, EachManagerIsOpenedAgainOnceHoweverManyThreadsCall) {
         EXPECT_EQ(seen, std::set<int32_t>());
     }
     EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 7u);
-    for (TestProcess& reader : readers) {
-        reader.Tell("end");
-        EXPECT_EQ(reader.Wait(), 0) << reader.Errors();
-    }
+    for (TestProcess& reader : readers)
+        reader.End();
     EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 1u);
 }
 
-TEST(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
-    RestartedProduct product;
-    const TvsManager first = OpenPrinter();
+TEST_F(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
+    const TvsManager first = manager;
     const TvsManager second = OpenPrinter(2, kOther);
     ASSERT_STREQ(RecordOf(second)->databaseName, "TVORSQD_DB2");
-    product.Restart();
+    RestartService();
     EXPECT_EQ(Update(second, "ModelNumber", Number(22)), TVS_OK);
     EXPECT_EQ(Update(first, "ModelNumber", Number(11)), TVS_OK);
     EXPECT_EQ(ListEntry(kOther).index, 2u);
@@ -210,7 +187,7 @@ TEST(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
     EXPECT_EQ(NumberOf(second, "ModelNumber"), 22u);
 
     // Somebody else opens the second one first, and takes the number of the first.
-    product.Restart();
+    RestartService();
     TestProcess opener("OpensThePrinterAs", {kOther, "2"});
     EXPECT_EQ(opener.Hear(), "open");
     Registrant registrant(Form::Event, first, "ModelNumber");
@@ -225,58 +202,43 @@ TEST(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
     EXPECT_NE(registrant.Told(), 0);
     const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, "Global\\TVORSQD:ReqMutex:TVORSQD_DB2"));
     ASSERT_TRUE(mutex);
-    const MutexHold hold(mutex.Get());
-    std::atomic<bool> taken = false;
-    {
-        const TestThread waiter([&] {
-            const MutexHold second_(RecordOf(first)->requestMutex);
-            taken = true;
-        });
-        EXPECT_EQ(WaitForSingleObject(waiter.Handle(), 50), DWORD{WAIT_TIMEOUT});
-        EXPECT_FALSE(taken);
-        ReleaseMutex(mutex.Get());
-    }
-    EXPECT_TRUE(taken);
-    WaitForSingleObject(mutex.Get(), INFINITE);
+    const MutexHold hold(mutex.handle);
+    TestThread([&] { EXPECT_FALSE(IsSet(RecordOf(first)->requestMutex, 0)); });
 }
 
-TEST(ServiceRestart, AnOwnerIsTheOwnerAgainUnlessAnotherWasFaster) {
-    RestartedProduct product;
+TEST_F(ServiceRestart, AnOwnerIsTheOwnerAgainUnlessAnotherWasFaster) {
     g_timings.relaySlice = 60000; // so that the owner's own thread comes too late
     const TvsManager owner = OpenPrinter(6);
     const TvsManager polling = OpenPrinter(4);
     const auto owns = [&] { return (RecordOf(owner)->flags & ManagerOwnsPrinter) != 0; };
     ASSERT_TRUE(owns());
-    product.Restart();
+    RestartService();
     EXPECT_EQ(NumberOf(polling, "CompulsivePolling"), 1u);
     EXPECT_EQ(ListEntry(kPrinter).ownerProcessId, 0u);
     EXPECT_EQ(NumberOf(owner, "ModelNumber"), 7u);
     EXPECT_EQ(ListEntry(kPrinter).ownerProcessId, GetCurrentProcessId());
     EXPECT_TRUE(owns());
 
-    product.Restart();
+    RestartService();
     TestProcess faster("OpensThePrinterAs", {kPrinter, "6"});
     EXPECT_EQ(faster.Hear(), "open");
     EXPECT_EQ(NumberOf(owner, "ModelNumber"), 7u);
     EXPECT_FALSE(owns());
     EXPECT_EQ(CloseManager(owner), TVS_OK);
     EXPECT_EQ(ListEntry(kPrinter).ownerProcessId, faster.Id()) << "a close gives back only what is its own";
-    faster.Tell("close");
-    EXPECT_EQ(faster.Wait(), 0);
+    faster.End();
     EXPECT_EQ(ListEntry(kPrinter).ownerProcessId, 0u);
 }
 
-TEST(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
-    RestartedProduct product;
+TEST_F(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
     g_timings.serviceLook = 50;
     g_timings.firstLook = 0; // so that it is not this look that finds the new service
-    const TvsManager manager = OpenPrinter();
     std::vector<std::unique_ptr<Registrant>> registrants;
     const std::vector<std::string> variables = {"ModelNumber", "JobStatus", "PrinterStatus"};
     for (size_t i = 0; i < variables.size(); ++i)
         for (const Form form : kForms)
             registrants.push_back(std::make_unique<Registrant>(form, manager, variables[i], static_cast<int>(i)));
-    product.Restart();
+    RestartService();
     for (const auto& registrant : registrants)
         EXPECT_EQ(registrant->Told(), 1) << "nobody called, and something may have been missed";
     PauseMs(kQuietMs);
@@ -287,56 +249,46 @@ TEST(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
     for (const auto& registrant : registrants)
         EXPECT_NE(registrant->Told(), 0);
     // What is worked out is told only when it is another one.
-    TvsJobRecord job = {.jobId = 1};
-    strcpy(job.ownerName, "operator");
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&job);
-    StoreBytes(RecordOf(manager)->printerDatabase.handle, "SpoolerQueue",
-               Joined({Number(TVS_JOB_QUEUE_SIZE(1)), Number(1), Bytes(bytes, bytes + sizeof job)}));
-    Registrant mine(Form::Event, manager, "SpoolingMyJob", 3);
-    Registrant printing(Form::Event, manager, "PrintingMyJob", 3);
-    EXPECT_EQ(NumberOf(manager, "SpoolingMyJob"), 1u);
-    product.Restart();
+    const TvsJobRecord job = {.ownerName = "operator", .jobId = 1};
+    const TvsManager operators = OpenPrinter();
+    StoreBytes(Handle(), "SpoolerQueue", Joined({Number(TVS_JOB_QUEUE_SIZE(1)), Number(1), BytesOfRecord(job)}));
+    Registrant mine(Form::Event, operators, "SpoolingMyJob", 3);
+    Registrant printing(Form::Event, operators, "PrintingMyJob", 3);
+    EXPECT_EQ(NumberOf(operators, "SpoolingMyJob"), 1u);
+    RestartService();
     EXPECT_EQ(mine.Told(), 1);
     EXPECT_EQ(printing.Told(kQuietMs), 0);
-    EXPECT_EQ(NumberOf(manager, "SpoolingMyJob"), 0u);
+    EXPECT_EQ(NumberOf(operators, "SpoolingMyJob"), 0u);
 }
 
-TEST(ServiceRestart, AWatchOfTheOldServiceEndsNoneOfTheNew) {
-    RestartedProduct product;
+TEST_F(ServiceRestart, AWatchOfTheOldServiceEndsNoneOfTheNew) {
     g_timings.serviceLook = 60000; // it sleeps, and does not come to know the new service
     g_timings.firstLook = 0;
-    const TvsManager manager = OpenPrinter();
     Registrant old(Form::Event, manager, "ModelNumber");
-    product.Restart();
+    RestartService();
     EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
     Registrant fresh(Form::Event, manager, "ModelNumber");
     EXPECT_EQ(old.Cancel(), TVS_OK);
-    EXPECT_EQ(UnwatchVariable(RecordOf(manager)->printerDatabase.handle, "ModelNumber"), Answer::Done);
+    EXPECT_EQ(UnwatchVariable(Handle(), "ModelNumber"), Answer::Done);
 }
 
-TEST(ServiceRestart, ARequestOnItsWayFailsAndTheNextIsCarriedOut) {
-    AddDirectVariables();
-    RestartedProduct product;
-    const TvsManager manager = OpenAuthorised();
-    SetReady(manager);
+TEST_F(ServiceRestart, ARequestOnItsWayFailsAndTheNextIsCarriedOut) {
     g_timings.answerSlice = 1000; // longer than the restart: only the handle tells that there was one
     std::atomic<int32_t> status = 0x5EE;
-    std::optional<PrinterSide> printer(std::in_place, RecordOf(manager),
-                                       [](const std::string&, const std::string&) { return std::nullopt; });
     {
+        const PrinterSide printer(database, [](auto&, auto&) { return std::nullopt; });
         const TestThread requester([&] { status = Read(manager, "DNumber", 4, GetPrinterStatusDirectA).status; });
-        ASSERT_TRUE(WaitUntil([&] { return printer->Requests() == 1; }));
-        product.Restart();
+        ASSERT_TRUE(WaitUntil([&] { return printer.Requests() == 1; }));
+        RestartService();
         EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
         EXPECT_EQ(Update(manager, "RWResult", Number(0)), TVS_OK); // of nobody's request
+        EXPECT_TRUE(IsSet(requester.Handle()));
     }
     EXPECT_EQ(status, RPC_S_CALL_FAILED);
 
     SetReady(manager);
-    printer.reset();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
-    const PrinterSide next(RecordOf(manager), [&](const std::string&, const std::string& text) {
-        StoreBytes(database, text, Number(5));
+    const PrinterSide next(Handle(), [&](const std::string&, const std::string& text) {
+        StoreBytes(Handle(), text, Number(5));
         return 0;
     });
     const ReadResult read = Read(manager, "DNumber", 4, GetPrinterStatusDirectA);

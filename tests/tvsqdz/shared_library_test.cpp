@@ -5,32 +5,13 @@
 
 namespace {
 
-template <typename Function>
-Function* Export(void* library, const char* name, Function*) {
-    return reinterpret_cast<Function*>(FindExport(library, name));
-}
-
-// Reads for ever.
-struct Reader {
-    decltype(&GetPrinterStatusA) read;
-    TvsManager manager;
-};
-DWORD WINAPI ReadForEver(void* parameter) {
-    const Reader reader = *static_cast<Reader*>(parameter);
-    for (uint32_t value = 0, size = 0;;)
-        reader.read(reader.manager, "ModelNumber", &value, sizeof value, &size);
-}
-
 // Opens, reads, and leaves the manager to the process's end. "watch": with a thread in a call, and watchers.
 CHILD_PROCESS(LoadsTheSharedLibrary) {
-    std::string failure;
-    void* library = LoadTheLibrary(failure);
-    if (library == nullptr) {
-        child.Say(failure);
-        return 1;
-    }
-    const auto open = Export(library, "OpenManagerExA", &OpenManagerExA);
-    const auto read = Export(library, "GetPrinterStatusA", &GetPrinterStatusA);
+    LoadedLibrary library;
+    child.Say(library.failure);
+    if (!library.failure.empty()) return 1;
+    const auto open = library.Find("OpenManagerExA", &OpenManagerExA);
+    const auto read = library.Find("GetPrinterStatusA", &GetPrinterStatusA);
     TvsManager manager = 0;
     uint32_t value = 0;
     uint32_t size = 0;
@@ -39,22 +20,23 @@ CHILD_PROCESS(LoadsTheSharedLibrary) {
     child.Say(std::to_string(opened) + " " + std::to_string(status) + " " + std::to_string(value));
     const std::string end = child.Hear();
     if (end == "unload") {
-        UnloadTheLibrary(library);
+        library.Unload();
         child.Say("unloaded");
         child.Hear();
     }
-    if (end == "watch") {
-        const auto watch = Export(library, "SetNotificationEventA", &SetNotificationEventA);
-        TvsRegistration registration = 0;
-        for (const char* variable : {"ModelNumber", "PrinterStatus", "PrintingMyJob"})
-            EXPECT_EQ(watch(manager, variable, nullptr, &registration), TVS_OK);
-        static Reader reader;
-        reader = {read, manager};
-        CreateThread(nullptr, 0, ReadForEver, &reader, 0, nullptr);
-        child.Say("watching");
-        child.Hear();
-    }
-    return testing::Test::HasFailure();
+    if (end != "watch") return 0;
+    const auto watch = library.Find("SetNotificationEventA", &SetNotificationEventA);
+    TvsRegistration registration = 0;
+    int32_t watched = TVS_OK;
+    for (const char* variable : {"ModelNumber", "PrinterStatus", "PrintingMyJob"})
+        watched |= watch(manager, variable, nullptr, &registration);
+    new TestThread([&] {
+        for (;;)
+            read(manager, "ModelNumber", &value, sizeof value, &size);
+    });
+    child.Say(std::to_string(watched));
+    child.Hear();
+    std::exit(0); // while the thread reads
 }
 
 } // namespace
@@ -65,16 +47,18 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
     for (const std::string end : {"unload", "exit", "kill"}) {
         SCOPED_TRACE(end);
         TestProcess process("LoadsTheSharedLibrary");
+        EXPECT_EQ(process.Hear(), "");
         EXPECT_EQ(process.Hear(), "0 0 7");
-        if (end != "kill") process.Tell(end);
-        if (end == "kill") process.Kill();
         if (end == "unload") {
-            EXPECT_EQ(process.Hear(), "unloaded");
+            EXPECT_EQ(process.Ask(end), "unloaded");
+        } else if (end == "exit") {
+            process.End();
+        } else {
+            process.Kill();
         }
         const Library library;
         // Unloading and ending close what is open; a process that is killed leaves itself as the owner.
-        EXPECT_TRUE(
-            WaitUntil([&] { return (RecordOf(OpenPrinter())->ownerProcessId == process.Id()) == (end == "kill"); }));
+        EXPECT_EQ(RecordOf(OpenPrinter())->ownerProcessId == process.Id(), end == "kill");
     }
 }
 
@@ -84,12 +68,11 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
     SetUpProduct();
     Service service;
     TestProcess process("LoadsTheSharedLibrary");
+    EXPECT_EQ(process.Hear(), "");
     EXPECT_EQ(process.Hear(), "0 0 7");
-    process.Tell("watch");
-    EXPECT_EQ(process.Hear(), "watching");
+    EXPECT_EQ(process.Ask("watch"), "0");
     // Somebody has the mutex under which an owner gives its printer back.
-    const HANDLE mutex = OpenMutexA(SYNCHRONIZE, FALSE, "TVORSQD:Mutex:DabaBase");
-    ASSERT_EQ(WaitForSingleObject(mutex, 10000), DWORD{WAIT_OBJECT_0});
+    ASSERT_TRUE(IsSet(OpenMutexA(SYNCHRONIZE, FALSE, "TVORSQD:Mutex:DabaBase")));
     service.process.Stop();
     // A watcher that is woken asks the service, and has no answer when the end begins.
     const HANDLE changed = OpenEventA(
@@ -99,8 +82,7 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
     SetEvent(changed);
     PauseMs(50);
     const double before = NowMs();
-    process.Tell("end");
-    EXPECT_EQ(process.Wait(), 0) << process.Errors();
+    process.End();
     EXPECT_LT(NowMs() - before, 3000);
     service.process.Continue();
 }
@@ -108,13 +90,9 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
 TEST(SharedLibrary, WithoutTheProductItLoadsAndRefuses) {
     TestProcess process("LoadsTheSharedLibrary");
     // Where DllMain refuses, Windows does not load it (ERROR_DLL_INIT_FAILED).
-    if (!OnTheLayer()) {
-        EXPECT_EQ(process.Hear(), "error 1114");
-        return;
-    }
+    EXPECT_EQ(process.Hear(), OnTheLayer() ? "" : "error 1114");
+    if (!OnTheLayer()) return;
     EXPECT_EQ(process.Hear(), "-16 -1 0");
-    process.Tell("unload");
-    EXPECT_EQ(process.Hear(), "unloaded");
-    process.Tell("end");
-    EXPECT_EQ(process.Wait(), 0);
+    EXPECT_EQ(process.Ask("unload"), "unloaded");
+    process.End();
 }

@@ -4,6 +4,8 @@
 
 namespace {
 
+using Termination = Opened;
+
 const std::string kOther = "Other desk";
 
 int MessagesOf(HWND window, UINT message) {
@@ -38,11 +40,9 @@ CHILD_PROCESS(WatchesForTermination) {
 
 } // namespace
 
-TEST(Termination, ReachesTheWatchersOfEveryPrinterAndTheirWindows) {
-    const Product product;
+TEST_F(Termination, ReachesTheWatchersOfEveryPrinterAndTheirWindows) {
     AddPrinter(kOther, kModel);
     g_timings.terminationPause = 1;
-    const TvsManager manager = OpenPrinter();
     TestProcess process("WatchesForTermination");
     ASSERT_EQ(process.Hear(), "ready");
     EXPECT_EQ(Update(manager, "TerminateManager", Number(1)), TVS_OK);
@@ -53,10 +53,8 @@ TEST(Termination, ReachesTheWatchersOfEveryPrinterAndTheirWindows) {
     EXPECT_TRUE(IsTerminating(manager));
 }
 
-TEST(Termination, ZeroIsToldToo) {
-    const Product product;
+TEST_F(Termination, ZeroIsToldToo) {
     AddPrinter(kOther, kModel);
-    const TvsManager manager = OpenPrinter();
     const TvsManager other = OpenPrinter(2, kOther);
     const HWND window = MakeWindow("TVORRPWndClass");
     Registrant registrant(Form::Event, other, "TerminateManager");
@@ -79,35 +77,34 @@ TEST(Termination, ZeroIsToldToo) {
     EXPECT_EQ(again.Told(), 1);
 }
 
-TEST(Termination, AsksTheProductsWindowsOfItsWindows) {
-    const struct {
-        const char* version;
-        int asked9x;
-    } rows[] = {{"5.1", 0}, {"9x:4.10", 1}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.version);
-        if (row.asked9x != 0 && !OnTheLayer()) continue;
-        if (OnTheLayer()) UseSetting("ORIEL_WINDOWS_VERSION", row.version);
-        const Product product;
-        g_timings.windowClosePolls = 1;
-        g_timings.windowClosePoll = 1;
-        g_timings.terminationPause = 1;
-        const TvsManager manager = OpenPrinter();
-        const HWND all[] = {MakeWindow("TVORRPWndClass"), MakeWindow("TVORRPWndClass")};
-        const HWND similar = MakeWindow("tvorrpwndclass2");
+TEST_F(Termination, AsksTheProductsWindowsOfItsWindows) {
+    g_timings.windowClosePolls = 1;
+    g_timings.windowClosePoll = 1;
+    g_timings.terminationPause = 1;
+    const std::pair<const char*, int> rows[] = {{"5.1", 0}, {"9x:4.10", 1}};
+    for (const auto& [version, asked9x] : rows) {
+        SCOPED_TRACE(version);
+        UseSetting("ORIEL_WINDOWS_VERSION", version);
+        const Library again;
+        manager = OpenPrinter();
+        const struct {
+            const char* className;
+            UINT message;
+            int asked;
+            HWND window = MakeWindow(className);
+        } windows[] = {{"TVORRPWndClass", 1225, 1},
+                       {"TVORRPWndClass", 1225, 1},
+                       {"tvorrpwndclass2", 1225, 0},
+                       {"TVORNSS95WndClass", 1026, asked9x},
+                       {"TVORPWD95WndClass", 1024, asked9x}};
         const HWND first[] = {MakeWindow("TVORPSPWndClass"), MakeWindow("TVORPSPWndClass")};
-        const HWND second = MakeWindow("TVORNSS95WndClass");
-        const HWND third = MakeWindow("TVORPWD95WndClass");
         EXPECT_EQ(Update(manager, "TerminateManager", Number(2)), TVS_OK);
         EXPECT_EQ(NumberOf(manager, "TerminateManager"), 2u);
-        EXPECT_EQ(MessagesOf(all[0], 1225), 1);
-        EXPECT_EQ(MessagesOf(all[1], 1225), 1);
-        EXPECT_EQ(MessagesOf(similar, 1225), 0);
+        for (const auto& row : windows) {
+            EXPECT_EQ(MessagesOf(row.window, row.message), row.asked) << row.className;
+            DestroyWindow(row.window);
+        }
         EXPECT_EQ(MessagesOf(first[0], 1030) + MessagesOf(first[1], 1030), 1);
-        EXPECT_EQ(MessagesOf(second, 1026), row.asked9x);
-        EXPECT_EQ(MessagesOf(third, 1024), row.asked9x);
-        EXPECT_EQ(WriteVariable(RecordOf(manager)->printerDatabase, "TerminateManager", "\0\0\0", 4), Answer::Done);
-        for (const HWND window : {all[0], all[1], similar, first[0], first[1], second, third})
-            DestroyWindow(window);
+        StoreBytes(RecordOf(manager)->printerDatabase.handle, "TerminateManager", Number(0));
     }
 }

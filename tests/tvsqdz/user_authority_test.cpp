@@ -1,7 +1,8 @@
-// The authority that lists give to users, and where it comes from.
-#include "acting_as.h"
+// The authority that lists give to users, where it comes from, and when its watcher tells.
+#include "acting_user.h"
 #include "campaign.h"
 #include "memory_kit.h"
+#include "notification_kit.h"
 
 #include "values/user_authority.h"
 
@@ -9,6 +10,41 @@
 #include <random>
 
 namespace {
+
+// S-1-AUTHORITY-SUB-SUB...
+Bytes Sid(uint8_t authority, const std::vector<uint32_t>& subAuthorities) {
+    Bytes sid = {1, static_cast<uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, authority};
+    for (const uint32_t subAuthority : subAuthorities)
+        sid = Joined({sid, Number(subAuthority)});
+    return sid;
+}
+Bytes UserSid(uint32_t user) {
+    return Sid(22, {1, user});
+}
+Bytes GroupSid(uint32_t group) {
+    return Sid(22, {2, group});
+}
+const Bytes kEveryone = Sid(1, {0});
+const Bytes kCreatorOwner = Sid(3, {0});
+const Bytes kAdministrators = Sid(5, {32, 544});
+
+struct Entry {
+    uint8_t type; // 0 allows, 1 denies
+    uint32_t mask;
+    Bytes sid;
+    uint8_t flags = 0;
+};
+// An ACL in the Windows form.
+Bytes List(const std::vector<Entry>& entries) {
+    Bytes list = {2, 0, 0, 0, static_cast<uint8_t>(entries.size()), static_cast<uint8_t>(entries.size() >> 8), 0, 0};
+    for (const Entry& entry : entries) {
+        const auto size = static_cast<uint8_t>(8 + entry.sid.size());
+        list = Joined({list, {entry.type, entry.flags, size, 0}, Number(entry.mask), entry.sid});
+    }
+    const auto size = static_cast<uint16_t>(list.size());
+    std::memcpy(&list[2], &size, sizeof size);
+    return list;
+}
 
 constexpr uint32_t kUse = 0x8;
 constexpr uint32_t kAdminister = 0x4;
@@ -24,14 +60,6 @@ constexpr uint32_t kDaemon = 1;
 constexpr uint32_t kLp = 7;
 constexpr uint32_t kNobodys = 54321; // no account has this number
 
-// The library, without a service.
-struct AttachedLibrary {
-    struct SetUp {
-        SetUp() { SetUpProduct(); }
-    } setUp;
-    Library library;
-};
-
 uint32_t AuthorityFrom(const Bytes& list) {
     return AclAuthority(list.data(), static_cast<uint32_t>(list.size()));
 }
@@ -39,10 +67,9 @@ uint32_t AuthorityFrom(const Bytes& list) {
 // The same as another user, on a thread that acts as that one.
 uint32_t AuthorityAs(uint32_t user, uint32_t group, const std::vector<uint32_t>& groups, const Bytes& list) {
     uint32_t authority = 0xEEEEEEEE;
-    TestThread thread([&] {
+    TestThread([&] {
         if (ActAs(user, group, groups)) authority = AuthorityFrom(list);
     });
-    WaitForSingleObject(thread.Handle(), INFINITE);
     return authority;
 }
 
@@ -54,21 +81,29 @@ Entry Deny(const Bytes& sid, uint32_t mask) {
     return {1, mask, sid};
 }
 
+const Bytes kPrinting = List({{0, 0x8, kEveryone}});
+const Bytes kPrintingAndOwnJobs = List({{0, 0x8, kEveryone}, {0, 0x10, kCreatorOwner}});
+const Bytes kEverything = List({{0, 0xF003C, kEveryone}});
+
+struct UserAuthority : Opened {
+    void StorePort(uint32_t kind) { StoreBytes(database, "Port", BytesOfRecord(TvsPortRecord{.portKind = kind})); }
+};
+
 } // namespace
 
 TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
-    const AttachedLibrary library;
+    SetUpProduct();
+    const Library library;
     const Bytes user = UserSid(kDaemon);
     const Bytes group = GroupSid(kDaemon);
     const Bytes second = GroupSid(kLp);
-    struct Row {
+    const struct {
         const char* what;
         std::vector<Entry> list;
         uint32_t daemon;      // user daemon of the groups daemon and lp
         uint32_t daemonOnNt4; // the same
         uint32_t root;
-    };
-    const Row kRows[] = {
+    } rows[] = {
         {"no entry", {}, 0, 0, 0},
         {"everyone prints", {Allow(kEveryone, kUse)}, 9, 9, 9},
         {"and owners manage theirs", {Allow(kEveryone, kUse), Allow(kCreatorOwner, kJobs)}, 11, 11, 11},
@@ -107,8 +142,7 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
         {"longer than everyone", {Allow(Sid(1, {0, 0}), kUse)}, 0, 0, 0},
         {"other kinds of entries", {{2, ~0u, user}, {17, ~0u, kEveryone}}, 0, 0, 0},
     };
-    static_assert(std::size(kRows) >= 30);
-    for (const Row& row : kRows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         const Bytes list = List(row.list);
         UseSetting("ORIEL_WINDOWS_VERSION", "5.1.2600");
@@ -120,7 +154,8 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
 }
 
 TEST_AS_ROOT(Authority, AnAccountThatWasDeletedGivesAndTakesNothing) {
-    const AttachedLibrary library;
+    SetUpProduct();
+    const Library library;
     const auto asNobody = [](const std::vector<Entry>& list) {
         return AuthorityAs(kNobodys, kDaemon, {kNobodys + 1}, List(list));
     };
@@ -131,7 +166,8 @@ TEST_AS_ROOT(Authority, AnAccountThatWasDeletedGivesAndTakesNothing) {
 }
 
 TEST(Authority, OfAListThatIsCutOrLiesIsNone) {
-    const AttachedLibrary library;
+    SetUpProduct();
+    const Library library;
     const Bytes whole = List({Allow(kEveryone, 0xF003C), Deny(kAdministrators, 1), Allow(kCreatorOwner, kJobs)});
     ASSERT_EQ(AuthorityFrom(whole), 31u);
     BadMemory memory;
@@ -147,27 +183,23 @@ TEST(Authority, OfAListThatIsCutOrLiesIsNone) {
         shortened[2] = static_cast<uint8_t>(length);
         EXPECT_EQ(AuthorityFrom(shortened), 0u) << length;
     }
-    struct Change {
-        size_t at;
-        uint8_t value;
-        uint32_t authority;
-    };
-    const Change kChanges[] = {
+    const std::tuple<size_t, uint8_t, uint32_t> changes[] = {
         {0, 0, 0},  {0, 1, 0},  {0, 5, 0},   {0, 4, 31},   {2, 252, 0}, {3, 1, 0},    // revision, size
         {4, 4, 0},  {5, 1, 0},  {4, 1, 31},  {4, 0, 0},                               // count
         {10, 0, 0}, {10, 3, 0}, {10, 8, 0},  {10, 16, 0},  {10, 22, 0}, {10, 252, 0}, // an entry's size
         {16, 2, 0}, {17, 2, 0}, {17, 15, 0}, {17, 255, 0}, {17, 0, 2},  {8, 9, 2},    // its SID, its type
     };
-    for (const Change& change : kChanges) {
+    for (const auto& [at, value, authority] : changes) {
         Bytes list = whole;
-        list[change.at] = change.value;
-        EXPECT_EQ(AuthorityFrom(list), change.authority) << change.at << " " << int(change.value);
+        list[at] = value;
+        EXPECT_EQ(AuthorityFrom(list), authority) << at << " " << int(value);
     }
 }
 
 // A list begins with what gives printing and takes everything else; whatever comes behind cannot give more.
 TEST(Authority, OfChangedListsNeverExceedsTheirIntactBeginningCampaign) {
-    const AttachedLibrary library;
+    SetUpProduct();
+    const Library library;
     std::vector<Entry> entries = {Allow(kEveryone, kUse), Deny(kEveryone, ~kUse), Deny(kCreatorOwner, ~0u)};
     const size_t intact = List(entries).size();
     const std::vector<Entry> generous = {Allow(kEveryone, ~0u), Allow(kCreatorOwner, ~0u), Allow(UserSid(0), ~0u)};
@@ -192,4 +224,131 @@ TEST(Authority, OfChangedListsNeverExceedsTheirIntactBeginningCampaign) {
     }
     EXPECT_GT(valid, rounds / 10);
     EXPECT_LT(valid, rounds);
+}
+
+TEST_F(UserAuthority, ComesFromThePortThePlatformTheKindsOrTheList) {
+    const TvsManager monitor = OpenPrinter(2, kPrinter, kPowerfulUser);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 0u) << "the first list is none";
+    EXPECT_EQ(NumberOf(monitor, "UserAuthority"), 31u);
+    EXPECT_EQ(Update(manager, "AccessControlList", {}), TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 0u);
+
+    constexpr const char* kXp = "5.1.2600";
+    constexpr uint32_t kStored = 0x1234;
+    // withPolling: in a process that has opened a manager of that kind.
+    const std::tuple<uint32_t, const char*, uint32_t, uint32_t, uint32_t> rows[] = {
+        {0, kXp, 9, 31, 11},
+        {0x18, kXp, 9, 31, 11},
+        {8, kXp, kStored, kStored, kStored},
+        {0, "9x:4.10", 31, 31, 11},
+        {8, "9x:4.10", kStored, kStored, kStored},
+    };
+    EXPECT_EQ(Update(manager, "AccessControlList", kPrinting), TVS_OK);
+    EXPECT_EQ(Update(manager, "UserAuthority", Number(kStored)), TVS_OK);
+    const auto check = [&](bool polling) {
+        for (const auto& [portKind, version, authority, monitors, withPolling] : rows) {
+            SCOPED_TRACE(portKind);
+            SCOPED_TRACE(version);
+            StorePort(portKind);
+            UseSetting("ORIEL_WINDOWS_VERSION", version);
+            EXPECT_EQ(NumberOf(manager, "UserAuthority"), polling ? withPolling : authority);
+            EXPECT_EQ(NumberOf(monitor, "UserAuthority"), polling ? withPolling : monitors);
+        }
+        StorePort(0);
+        UseSetting("ORIEL_WINDOWS_VERSION", kXp);
+    };
+    check(false);
+    const ReadResult size = Read(manager, "UserAuthority", 0);
+    EXPECT_EQ(size.status, TVS_E_SIZE);
+    EXPECT_EQ(size.returnedSize, 4u);
+
+    KillService();
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 1u) << "the list cannot be read";
+    service = Service();
+    const TvsManager polling = OpenPrinter(12);
+    ASSERT_EQ(Update(polling, "AccessControlList", kPrinting), TVS_OK);
+    EXPECT_EQ(NumberOf(polling, "UserAuthority"), 11u);
+}
+
+TEST_F(UserAuthority, OfTheLongestListIsThatOfItsEntries) {
+    std::vector<Entry> entries(2700, {0, 0x8, kEveryone}); // 54,008 bytes
+    entries.resize(3276, {0, 0, kCreatorOwner});           // 65,528
+    entries.back() = {1, 0x4, kEveryone};
+    Bytes list = List(entries);
+    list.resize(65535, 0xFF); // with a tail that is in no entry
+    ASSERT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 9u);
+    list[list.size() - 13] ^= 0x10; // in the last entry's SID
+    list[2] = 0xFC;                 // and a size that takes in a part of the tail
+    ASSERT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 9u);
+    list[3] = 0xFF;
+    list[2] = 0xFF; // more than an ACL may be
+    ASSERT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 0u);
+}
+
+// The thread's first call of the service comes while it impersonates: the service must take it for the process's.
+TEST_F(UserAuthority, IsThatOfWhomTheThreadImpersonatesAsRoot) {
+    ASSERT_EQ(Update(manager, "AccessControlList",
+                     List({{0, 0x8, UserSid(1)}, {0, 0x10, GroupSid(7)}, {0, 0xF003C, kAdministrators}})),
+              TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 31u);
+    TestThread([&] {
+        ASSERT_TRUE(ActAs(1, 1, {7}));
+        EXPECT_EQ(NumberOf(manager, "UserAuthority"), 15u);
+    });
+    TestProcess other =
+        TestProcess::Program("/usr/bin/setpriv", {"--reuid=1", "--regid=1", "--clear-groups", "/bin/cat"});
+    EXPECT_EQ(other.Ask("ready"), "ready"); // it is cat by now
+    TestThread byToken([&] {
+        HANDLE token = nullptr;
+        const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, other.Id());
+        ASSERT_TRUE(OpenProcessToken(process, TOKEN_QUERY | TOKEN_DUPLICATE, &token)) << GetLastError();
+        ASSERT_TRUE(ImpersonateLoggedOnUser(token)) << GetLastError();
+        EXPECT_EQ(NumberOf(manager, "UserAuthority"), 9u);
+        EXPECT_TRUE(RevertToSelf());
+        EXPECT_EQ(NumberOf(manager, "UserAuthority"), 31u);
+        CloseHandle(token);
+        CloseHandle(process);
+    });
+}
+
+TEST_F(UserAuthority, WatcherTellsAnotherAuthorityAndNotAnotherList) {
+    ASSERT_EQ(Update(manager, "AccessControlList", kPrinting), TVS_OK);
+    Registrant byEvent(Form::Event, manager, "UserAuthority");
+    Registrant byMessage(Form::Message, manager, "UserAuthority");
+    const auto told = [&](const Bytes& list) {
+        EXPECT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
+        EXPECT_EQ(byEvent.Told(), 1);
+        EXPECT_EQ(byMessage.Told(), 1);
+    };
+    const auto notTold = [&](const char* variable, const Bytes& value) {
+        EXPECT_EQ(Update(manager, variable, value), TVS_OK);
+        EXPECT_EQ(byEvent.Told(kQuietMs) + byMessage.Told(kQuietMs), 0);
+    };
+    told(kPrintingAndOwnJobs);
+    notTold("AccessControlList", List({{0, 0x8, kEveryone}, {0, 0x10, kCreatorOwner}, {0, 4, kCreatorOwner}}));
+    notTold("UserAuthority", Number(77));
+    told(kEverything);
+    told({}); // none
+    notTold("AccessControlList", {1, 2, 3, 4, 5, 6, 7, 8});
+    told(kPrinting);
+    for (int i = 0; i < 200; ++i) // many in a row: the last one counts
+        ASSERT_EQ(Update(manager, "AccessControlList", i % 2 == 0 ? kEverything : kPrinting), TVS_OK);
+    ASSERT_EQ(Update(manager, "AccessControlList", kPrintingAndOwnJobs), TVS_OK);
+    EXPECT_GT(byEvent.Told(), 0);
+    while (byEvent.Told(kQuietMs) > 0) {
+    }
+    EXPECT_EQ(Update(manager, "AccessControlList", kPrinting), TVS_OK); // and is what was told last
+    EXPECT_EQ(byEvent.Told(), 1);
+}
+
+TEST_F(UserAuthority, WatcherOfAPortWithoutRequestsTellsWhatIsStored) {
+    StorePort(0x18); // the bit, and not the kind
+    Registrant registrant(Form::Event, manager, "UserAuthority");
+    EXPECT_EQ(Update(manager, "UserAuthority", Number(5)), TVS_OK);
+    EXPECT_EQ(registrant.Told(), 1);
+    EXPECT_EQ(Update(manager, "AccessControlList", kPrinting), TVS_OK);
+    EXPECT_EQ(registrant.Told(kQuietMs), 0);
 }

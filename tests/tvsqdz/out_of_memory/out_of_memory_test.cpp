@@ -1,5 +1,5 @@
 // Every allocation of the library made to fail, one after the other.
-#include "base/timings.h"
+#include "frame/timings.h"
 #include "machine.h"
 #include "wide_literal.h"
 
@@ -42,12 +42,11 @@ int FailEach(const std::function<int32_t()>& run, const std::vector<int32_t>& al
     }
 }
 
+using OutOfMemory = OpenedReady;
+
 } // namespace
 
-TEST(OutOfMemory, AnOpenFailsCleanlyAtEachAllocation) {
-    const Product product;
-    AddModelVariable(kModel, "Text", 4, 0x10008, BytesOf("abc"));
-    AddModelVariable(kModel, "Sum", 12, 0x10040, BytesOf("ModelNumber"));
+TEST_F(OutOfMemory, AnOpenFailsCleanlyAtEachAllocation) {
     g_timings.memoryPause = 1;
     int printers = 0;
     // A new printer each time, so that its entry and its database are made under the failure too; and for the owner.
@@ -59,133 +58,110 @@ TEST(OutOfMemory, AnOpenFailsCleanlyAtEachAllocation) {
         },
         {TVS_E_MEMORY, TVS_E_UNAVAILABLE, TVS_OK});
     EXPECT_GT(allocations, 10);
-    EXPECT_EQ(g_openManagerCount, 0u);
+    EXPECT_EQ(g_openManagerCount, 1u);
     // Every printer that was begun can be opened now, has all of its variables, and is nobody's.
     for (int i = 1; i <= printers; ++i) {
-        const TvsManager manager = OpenPrinter(2, "Printer " + std::to_string(i));
-        EXPECT_EQ(RecordOf(manager)->ownerProcessId, 0u) << i;
-        EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u) << i;
-        EXPECT_EQ(Read(manager, "Sum", 4).status, TVS_OK) << i;
-        EXPECT_EQ(CloseManager(manager), TVS_OK);
+        const TvsManager opened = OpenPrinter(2, "Printer " + std::to_string(i));
+        EXPECT_EQ(RecordOf(opened)->ownerProcessId, 0u) << i;
+        EXPECT_EQ(NumberOf(opened, "ModelNumber"), 7u) << i;
+        EXPECT_EQ(Read(opened, "Mix", 8).status, TVS_OK) << i;
+        EXPECT_EQ(CloseManager(opened), TVS_OK);
     }
-}
-
-TEST(OutOfMemory, TheFirstOpenOfAMachineFailsCleanly) {
-    SetUpProduct();
-    for (int n = 1; n < 14; ++n) { // as many as there are until the list is made
-        const Library library;
-        Service service;
+    // The first open of a machine: as many as there are until the list is made.
+    for (int n = 1; n < 14; ++n) {
+        RestartService();
         g_allocations = 0;
         g_failAt = n;
-        OpenStatus(kPrinter, 2);
+        OpenStatus("Printer 1", 2);
         g_failAt = 0;
-        EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_OK) << n;
-        service.process.Kill();
+        EXPECT_EQ(OpenStatus("Printer 1", 2), TVS_OK) << n;
     }
 }
 
-TEST(OutOfMemory, CallsFailWithTheirCode) {
-    const Product product;
-    AddModelVariable(kModel, "Big", 600, 0x10120, Bytes(600, 'b'));
-    AddModelVariable(kModel, "Queue", 4, 0x10080, {0, 0, 0, 0});
-    const TvsManager manager = OpenPrinter();
-    const DatabaseHandle database = RecordOf(manager)->printerDatabase.handle;
+TEST_F(OutOfMemory, CallsFailWithTheirCode) {
+    AddModelVariable("Big Model", "Big", 600, 0x10120, Bytes(600, 'b'));
+    AddModelVariable("Big Model", "Q", 4, 0x10080, {0, 0, 0, 0});
+    AddPrinter("Other", "Big Model");
+    manager = OpenPrinter(2, "Other");
     const Bytes queue = Joined({Number(4 + 40), Number(10), Bytes(40, 'i')});
-    EXPECT_EQ(CreateVariable(database, "Queue", product::kTypeVariableLength, 48, queue.data()), Answer::Done);
-    const auto none = [&](const std::function<int32_t()>& run) { EXPECT_EQ(FailEach(run, {}), 0); };
-    const auto some = [&](const std::function<int32_t()>& run) { EXPECT_GT(FailEach(run, {TVS_E_MEMORY, TVS_OK}), 0); };
-    // Ordinary values cost no allocation; large ones one.
-    none([&] { return Read(manager, "PrinterName", 300).status; });
-    none([&] { return Update(manager, "JobStatus", Number(1)); });
-    none([&] { return Read(manager, "PrinterQueue", 100).status; });
-    some([&] { return Read(manager, "Big", 600).status; });
-    some([&] { return Update(manager, "Big", Bytes(600, 'c')); });
-    // So with wide forms; of a queue each form has its buffer.
+    EXPECT_EQ(
+        CreateVariable(RecordOf(manager)->printerDatabase.handle, "Q", dblink::kTypeVariableLength, 48, queue.data()),
+        Answer::Done);
+    int names = 0;
+    int taken = 0;
+    int32_t result = 0;
     uint32_t size = 0;
     TvsJobRecordWide job = {};
     TvsJobQueueWide jobs = {.count = 1, .entries = {}};
-    none([&] { return GetPrinterStatusW(manager, WIDE("SendingJobInfo"), &job, sizeof job, &size); });
-    some([&] { return UpdatePrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs); });
-    some([&] { return GetPrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs, &size); });
-    // A report of a job, the change of a name. What is counted without memory is 0.
-    some([&] { return Update(manager, "SendingJobInfo", Bytes(292, 1)); });
-    some([&] { return Update(manager, "PrintingJobInfo", Bytes(296)); });
-    some([&] { return Read(manager, "PrintingMyJob", 4).status; });
-    int names = 0;
-    some([&] { return Update(manager, "PrinterName", BytesOf("Name " + std::to_string(++names))); });
-    int32_t result = 0;
-    some([&] { return ResSetPrinterStatus(manager, 1, &result); });
-    // A list of which one variable has a registration of its own.
-    some([&] {
-        HANDLE const events[] = {nullptr, nullptr};
-        TvsRegistration handle = 0;
-        const int32_t status = SetNotificationEventExA(manager, 2, "PrinterStatus;ModelNumber", events, &handle);
-        if (status == TVS_OK) {
-            EXPECT_EQ(KillNotificationEvent(manager, handle), TVS_OK);
-        }
-        const ManagerLockHold lock;
-        EXPECT_EQ(FindManager(manager)->registrations, nullptr);
-        return status;
-    });
-    // An item that could not be read is still there.
-    const int before = 10;
-    int taken = 0;
-    some([&] {
-        const int32_t status = Read(manager, "Queue", 4).status;
-        taken += status == TVS_OK;
-        return status;
-    });
-    int left = 0;
-    while (Read(manager, "Queue", 4).returnedSize > 0)
-        ++left;
-    EXPECT_EQ(taken + left, before);
+    const std::function<int32_t()> none[] = {
+        // Ordinary values cost no allocation; large ones one.
+        [&] { return Read(manager, "PrinterName", 300).status; },
+        [&] { return Update(manager, "JobStatus", Number(1)); },
+        [&] { return Read(manager, "PrinterQueue", 100).status; },
+        [&] { return GetPrinterStatusW(manager, WIDE("SendingJobInfo"), &job, sizeof job, &size); },
+    };
+    for (const auto& run : none)
+        EXPECT_EQ(FailEach(run, {}), 0) << &run - none;
+    const std::function<int32_t()> some[] = {
+        [&] { return Read(manager, "Big", 600).status; },
+        [&] { return Update(manager, "Big", Bytes(600, 'c')); },
+        // Of a wide queue each form has its buffer.
+        [&] { return UpdatePrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs); },
+        [&] { return GetPrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs, &size); },
+        // A report of a job, the change of a name. What is counted without memory is 0.
+        [&] { return Update(manager, "SendingJobInfo", Bytes(292, 1)); },
+        [&] { return Update(manager, "PrintingJobInfo", Bytes(296)); },
+        [&] { return Read(manager, "PrintingMyJob", 4).status; },
+        [&] { return Update(manager, "PrinterName", BytesOf("Name " + std::to_string(++names))); },
+        [&] { return ResSetPrinterStatus(manager, 1, &result); },
+        // A list of which one variable has a registration of its own.
+        [&] {
+            HANDLE const events[] = {nullptr, nullptr};
+            TvsRegistration handle = 0;
+            const int32_t status = SetNotificationEventExA(manager, 2, "PrinterStatus;PageCount", events, &handle);
+            EXPECT_EQ(KillNotificationEvent(manager, handle), status == TVS_OK ? TVS_OK : TVS_E_HANDLE);
+            const ManagerLockHold lock;
+            EXPECT_EQ(FindManager(manager)->registrations, nullptr);
+            return status;
+        },
+        // An item that could not be read is still there.
+        [&] {
+            const int32_t status = Read(manager, "Q", 4).status;
+            taken += status == TVS_OK;
+            return status;
+        },
+    };
+    for (const auto& run : some)
+        EXPECT_GT(FailEach(run, {TVS_E_MEMORY, TVS_OK}), 0) << &run - some;
+    for (; Read(manager, "Q", 4).returnedSize > 0; ++taken) {
+    }
+    EXPECT_EQ(taken, 10);
 }
 
 // What cannot be started is answered, and leaves no entry and no number; what was started comes to its result.
-TEST(OutOfMemory, ARequestIsRefusedOrCarriedOut) {
-    const Product product;
+TEST_F(OutOfMemory, ARequestIsRefusedOrCarriedOut) {
     g_timings.answerBound = 1; // nobody answers
     g_timings.memoryPause = 1;
-    AddModelVariable(kModel, "DNumber", 4, 0x30204, Number(1));
-    TvsManager manager = 0; // of a user who may do everything
-    EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), "\\\\.\\kptmon", 2, &manager), TVS_OK);
-    EXPECT_EQ(Update(manager, "PrinterExtStatus", Number(1)), TVS_OK);
-    EXPECT_EQ(Update(manager, "SpoolerStatus", Number(4)), TVS_OK);
-    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    const std::function<int32_t(uint32_t*)> forms[] = {
-        [&](uint32_t* number) {
+    const HANDLE event = NewEvent();
+    for (const bool write : {true, false}) {
+        const auto start = [&] {
+            uint32_t number = 0;
             const uint32_t value = 2;
-            return SetReqPrinterStatusEventA(manager, "DNumber", &value, sizeof value, event, number);
-        },
-        [&](uint32_t*) { return GetReqPrinterStatusEventA(manager, "DNumber", event); }};
-    for (const auto& start : forms) {
-        const int allocations = FailEach(
-            [&] {
-                uint32_t number = 0;
-                int32_t result = 0;
-                const int32_t status = start(&number);
-                if (status == TVS_OK) {
-                    EXPECT_EQ(WaitForSingleObject(event, 10000), DWORD{WAIT_OBJECT_0});
-                }
-                if (number != 0) {
-                    g_failAt = 0;
-                    EXPECT_EQ(ResSetPrinterStatus(manager, number, &result), TVS_OK);
-                    EXPECT_EQ(result, TVS_E_REQUEST_LOCK);
-                }
-                EXPECT_TRUE(status == TVS_OK || number == 0);
-                DWORD size = 0;
-                EXPECT_EQ(ReadVariable(RecordOf(manager)->printerDatabase, "ReqResult", nullptr, 0, &size),
-                          Answer::Done);
-                EXPECT_EQ(size, 8u) << "the empty list";
-                return status;
-            },
-            {TVS_E_MEMORY, TVS_OK});
-        EXPECT_GT(allocations, 0);
+            const int32_t status =
+                write ? SetReqPrinterStatusEventA(manager, "DNumber", &value, sizeof value, event, &number)
+                      : GetReqPrinterStatusEventA(manager, "DNumber", event);
+            EXPECT_EQ(IsSet(event, status == TVS_OK ? 10000 : 0), status == TVS_OK);
+            EXPECT_TRUE(status == TVS_OK || number == 0);
+            g_failAt = 0;
+            EXPECT_EQ(ResultOf(manager, number), number != 0 ? TVS_E_REQUEST_LOCK : TVS_E_UNKNOWN);
+            EXPECT_EQ(StoredBytes(database, "ReqResult"), Joined({Number(4), Number(0)}));
+            return status;
+        };
+        EXPECT_GT(FailEach(start, {TVS_E_MEMORY, TVS_OK}), 0);
     }
-    CloseHandle(event);
 }
 
-TEST(OutOfMemory, AnAttachWithoutAHeapsMemoryIsInert) {
+TEST(OutOfMemoryAttach, WithoutAHeapsMemoryIsInert) {
     SetUpProduct();
     for (int n = 1; n < 10; ++n) {
         g_allocations = 0;

@@ -1,0 +1,141 @@
+// What the library makes of each Windows, and the repair of a default printer that does not exist any more.
+#include "frame/default_printer.h"
+#include "frame/object_names.h"
+#include "frame/object_security.h"
+#include "frame/timings.h"
+#include "machine.h"
+
+namespace {
+
+const std::string kPortsKey = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PrinterPorts";
+
+std::string Device() {
+    char text[300];
+    GetProfileStringA("Windows", "device", "", text, sizeof text);
+    return text;
+}
+
+void SetDevice(const char* text) {
+    WriteProfileStringA("Windows", "device", text);
+}
+
+} // namespace
+
+// Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
+TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
+    const Bytes business = Joined({BytesOf("Small Business"), BytesOf("")});
+    const Bytes listed = Joined({BytesOf("Small Business"), BytesOf("Terminal Server"), BytesOf("")});
+    const struct {
+        const char* version;
+        Bytes suite; // "ProductSuite"; empty: none
+        uint32_t bit;
+        bool terminalServer;
+        DWORD suiteType = REG_MULTI_SZ;
+    } rows[] = {
+        {"9x:4.0", {}, OsWindows9x, false},
+        {"9x:4.10", listed, OsWindows9x, true},
+        {"3.10", {}, 0, false},
+        {"3.50", {}, OsNt350, false},
+        {"3.51", {}, OsNt351, false},
+        {"3.52", {}, OsNtLater, false},
+        {"4.0", listed, OsNtLater, true},
+        {"5.0", {}, OsNtLater, false},
+        {"5.0", Text("Terminal Server"), OsNtLater, true}, // stored without its NULs
+        {"5.0", listed, OsNtLater, false, REG_BINARY},
+        {"5.0", BytesOf("Terminal Server"), OsNtLater, false, REG_SZ},
+        {"5.0", BytesOf("terminal server"), OsNtLater, false},
+        {"5.0", BytesOf("Terminal Server 2"), OsNtLater, false},
+        {"5.0", Joined({{0}, listed}), OsNtLater, false}, // the list ends first
+        {"5.0", business, OsNtLater, false},
+        {"5.1", {}, OsNtLater, true},
+        {"6.1", business, OsNtLater, true},
+    };
+    SetUpProduct();
+    const Service service;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.version);
+        UseSetting("ORIEL_WINDOWS_VERSION", row.version);
+        SetRegistryValue("System\\CurrentControlSet\\Control\\ProductOptions", "ProductSuite", row.suiteType,
+                         row.suite);
+        const Library library;
+        EXPECT_EQ(PlatformBit(), row.bit);
+        EXPECT_EQ(g_terminalServer, row.terminalServer);
+        const std::string prefix = row.terminalServer ? "Global\\" : "";
+        EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
+        EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
+        EXPECT_STREQ(dblink::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+        const TvsManager manager = OpenPrinter();
+        EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
+        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);
+    }
+}
+
+TEST(Versions, ObjectsAreEveryones) {
+    SetUpProduct();
+    const Library library;
+    {
+        const ManagerLockHold lock;
+        ASSERT_EQ(ObjectSecurity(), nullptr);
+        ASSERT_TRUE(EnsureObjectSecurity());
+        ASSERT_TRUE(EnsureObjectSecurity());
+    }
+    const SECURITY_ATTRIBUTES* attributes = ObjectSecurity();
+    EXPECT_EQ(attributes->bInheritHandle, FALSE);
+    // Self-relative: no owner and no system list, the group Everyone, a list with one entry for Everyone.
+    const Bytes everyone = {1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    const auto* bytes = static_cast<const uint8_t*>(attributes->lpSecurityDescriptor);
+    const auto* header = reinterpret_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(bytes);
+    EXPECT_EQ(header->Revision, 1);
+    EXPECT_EQ(header->Control, SE_SELF_RELATIVE | SE_DACL_PRESENT);
+    EXPECT_EQ(header->Owner, 0u);
+    EXPECT_EQ(header->Sacl, 0u);
+    EXPECT_EQ(Bytes(bytes + header->Group, bytes + header->Group + 12), everyone);
+    const Bytes list = Joined({{2, 0, 28, 0, 1, 0, 0, 0}, {0, 0, 20, 0}, Number(GENERIC_ALL), everyone});
+    EXPECT_EQ(Bytes(bytes + header->Dacl, bytes + header->Dacl + list.size()), list);
+}
+
+TEST(DefaultPrinter, IsReplacedOnlyWhenItHasGone) {
+    InstallProduct();
+    const Library library;
+    g_timings.defaultPrinterPause = 0;
+    SetDevice("Gone,winspool,LPT1:");
+    EXPECT_FALSE(RepairDefaultPrinter("Front desk")); // no printers at all
+    AddToSpooler("Front desk");
+    SetDevice(nullptr);
+    EXPECT_FALSE(RepairDefaultPrinter("Front desk")); // none is set
+    SetDevice("Front desk,winspool,LPT1:");
+    EXPECT_TRUE(RepairDefaultPrinter("Other"));
+    EXPECT_EQ(Device(), "Front desk,winspool,LPT1:");
+    SetDevice("front desk,winspool,LPT1:");           // another name
+    EXPECT_FALSE(RepairDefaultPrinter("Front desk")); // the user has no ports
+    const std::pair<const char*, bool> rows[] = {
+        {"winspool", false}, {"winspool,Ne01:", false}, {"winspool,Ne01:,15,45", true}};
+    for (const auto& [entry, repaired] : rows) {
+        SetRegistryText(kPortsKey, "Front desk", entry, HKEY_CURRENT_USER);
+        EXPECT_EQ(RepairDefaultPrinter("Front desk"), repaired) << entry;
+        EXPECT_EQ(Device(), repaired ? "Front desk,winspool,Ne01:" : "front desk,winspool,LPT1:");
+    }
+    SetDevice("Gone");
+    EXPECT_FALSE(RepairDefaultPrinter("Not in the list"));
+    EXPECT_EQ(Device(), "Gone");
+}
+
+// The process's first open of the kinds that care does it, under Windows NT, and no later one.
+TEST(DefaultPrinter, IsRepairedByAProcessesFirstOpen) {
+    const Product product;
+    g_timings.defaultPrinterPause = 0;
+    AddToSpooler("Front desk");
+    SetRegistryText(kPortsKey, "Front desk", "winspool,Ne01:,15,45", HKEY_CURRENT_USER);
+    const auto repairs = [](uint32_t kind, const char* version) {
+        UseSetting("ORIEL_WINDOWS_VERSION", version);
+        SetDevice("Gone,winspool,LPT1:");
+        EXPECT_EQ(OpenStatus(kPrinter, kind), TVS_OK) << kind;
+        return Device().starts_with("Front desk");
+    };
+    EXPECT_FALSE(repairs(1, "5.1"));
+    EXPECT_TRUE(repairs(12, "5.1"));
+    EXPECT_FALSE(repairs(2, "9x:4.10"));
+    EXPECT_TRUE(repairs(2, "4.0"));
+    OpenPrinter(1);
+    EXPECT_FALSE(repairs(2, "5.1"));
+}
