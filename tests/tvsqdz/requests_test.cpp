@@ -1,5 +1,4 @@
 // Asynchronous requests: their codes in their order, their results, and what they survive.
-#include "catalogue/variable_lookup.h"
 #include "frame/client_kinds.h"
 #include "frame/timings.h"
 #include "printer_side.h"
@@ -146,21 +145,6 @@ TEST_F(Requests, ReadsAndWritesAreDoneAndTold) {
     DestroyWindow(window);
     SetEvent(go);
     EXPECT_TRUE(WaitUntil([&] { return Results() == kEmptyList; }));
-}
-
-TEST_F(Requests, AWriteWithAHandlerOfTheLibraryIsDoneAtOnce) {
-    static int handled;
-    StatusVariableDef row = *FindStatusVariable(record, "DNumber");
-    row.localWrite = [](ManagerRecord*, const void*, uint32_t) -> int32_t {
-        ++handled;
-        return TVS_E_NOT_NOW;
-    };
-    for (uint32_t i = 0; i < record->variableCount; ++i)
-        if (std::strcmp(record->variableIndex[i]->name, "DNumber") == 0) record->variableIndex[i] = &row;
-    EXPECT_EQ(StartMessageWrite(), TVS_OK);
-    EXPECT_EQ(handled, 1);
-    EXPECT_TRUE(IsPosted());
-    EXPECT_EQ(ResultOf(manager, number), 0);
 }
 
 TEST_F(Requests, WhatIsNotAnsweredEndsAndTheNextGoesOn) {

@@ -81,17 +81,19 @@ TEST(Versions, ObjectsAreEveryones) {
     }
     const SECURITY_ATTRIBUTES* attributes = ObjectSecurity();
     EXPECT_EQ(attributes->bInheritHandle, FALSE);
-    // Self-relative: no owner and no system list, the group Everyone, a list with one entry for Everyone.
+    // Self-relative: no owner, the group Everyone, no system list, a list with one entry for Everyone.
     const Bytes everyone = {1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};
     const auto* bytes = static_cast<const uint8_t*>(attributes->lpSecurityDescriptor);
-    const auto* header = reinterpret_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(bytes);
-    EXPECT_EQ(header->Revision, 1);
-    EXPECT_EQ(header->Control, SE_SELF_RELATIVE | SE_DACL_PRESENT);
-    EXPECT_EQ(header->Owner, 0u);
-    EXPECT_EQ(header->Sacl, 0u);
-    EXPECT_EQ(Bytes(bytes + header->Group, bytes + header->Group + 12), everyone);
-    const Bytes list = Joined({{2, 0, 28, 0, 1, 0, 0, 0}, {0, 0, 20, 0}, Number(GENERIC_ALL), everyone});
-    EXPECT_EQ(Bytes(bytes + header->Dacl, bytes + header->Dacl + list.size()), list);
+    EXPECT_EQ(Bytes(bytes, bytes + 60), Joined({{1, 0, 4, 0x80},
+                                                Number(0),
+                                                Number(48),
+                                                Number(0),
+                                                Number(20),
+                                                {2, 0, 28, 0, 1, 0, 0, 0},
+                                                {0, 0, 20, 0},
+                                                Number(GENERIC_ALL),
+                                                everyone,
+                                                everyone}));
 }
 
 TEST(DefaultPrinter, IsReplacedOnlyWhenItHasGone) {

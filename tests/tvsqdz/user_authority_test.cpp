@@ -196,36 +196,6 @@ TEST(Authority, OfAListThatIsCutOrLiesIsNone) {
     }
 }
 
-// A list begins with what gives printing and takes everything else; whatever comes behind cannot give more.
-TEST(Authority, OfChangedListsNeverExceedsTheirIntactBeginningCampaign) {
-    SetUpProduct();
-    const Library library;
-    std::vector<Entry> entries = {Allow(kEveryone, kUse), Deny(kEveryone, ~kUse), Deny(kCreatorOwner, ~0u)};
-    const size_t intact = List(entries).size();
-    const std::vector<Entry> generous = {Allow(kEveryone, ~0u), Allow(kCreatorOwner, ~0u), Allow(UserSid(0), ~0u)};
-    while (entries.size() < 40)
-        entries.insert(entries.end(), generous.begin(), generous.end());
-    const Bytes original = List(entries);
-    ASSERT_EQ(AuthorityFrom(original), 9u);
-    BadMemory memory;
-    BYTE* list = memory.AtEnd(original.size());
-    std::mt19937_64 random(Seed());
-    const int rounds = Rounds(5000, 100000);
-    int valid = 0;
-    for (int round = 0; round < rounds; ++round) {
-        std::memcpy(list, original.data(), original.size());
-        for (uint64_t changes = 1 + random() % 4; changes > 0; --changes) {
-            const size_t at = random() % 8 == 0 ? random() % 8 : intact + random() % (original.size() - intact);
-            list[at] = static_cast<BYTE>(random());
-        }
-        const uint32_t authority = AclAuthority(list, static_cast<uint32_t>(original.size()));
-        ASSERT_EQ(authority & ~9u, 0u) << round;
-        valid += authority == 9;
-    }
-    EXPECT_GT(valid, rounds / 10);
-    EXPECT_LT(valid, rounds);
-}
-
 TEST_F(UserAuthority, ComesFromThePortThePlatformTheKindsOrTheList) {
     const TvsManager monitor = OpenPrinter(2, kPrinter, kPowerfulUser);
     EXPECT_EQ(NumberOf(manager, "UserAuthority"), 0u) << "the first list is none";
