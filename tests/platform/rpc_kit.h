@@ -20,7 +20,6 @@
 //   kIdentify     replies the client's process id and the text of its identity
 //   kTouch        counts, and replies how often it was called
 //   kMonitor      number: asks for a rundown with it, replies the one asked for before
-//   kStopMonitor  takes it back
 //   kRundowns     replies how often each of the 16 contexts was run down, 16 numbers
 //   kHold         does not return before kRelease was called
 //   kRelease      lets all kHold return
@@ -36,7 +35,6 @@ enum Procedure : unsigned {
     kIdentify,
     kTouch,
     kMonitor,
-    kStopMonitor,
     kRundowns,
     kHold,
     kRelease,

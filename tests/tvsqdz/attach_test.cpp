@@ -1,9 +1,9 @@
 // Attach and detach, and the state of the process and the machine.
-#include "frame/heap.h"
-#include "frame/own_process.h"
-#include "frame/process_state.h"
-#include "frame/timings.h"
+#include "base/memory.h"
+#include "base/system.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/process_state.h"
 #include "wide_literal.h"
 
 #include <filesystem>

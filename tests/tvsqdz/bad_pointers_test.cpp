@@ -149,7 +149,7 @@ TEST_F(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
 TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
     const PrinterSide printer(database);
     const Bytes items = Joined({Number(20), Number(2), Text("item one"), Text("item two")});
-    ASSERT_EQ(CreateVariable(database, "Q", dblink::kTypeVariableLength, 24, items.data()), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Q", product::kTypeVariableLength, 24, items.data()), Answer::Done);
     const Bytes results = Joined({Number(12), Number(1), Number(5), Number(0x33)});
     const auto isWhole = [&] { return StoredBytes(database, "Q") == items; };
     const auto queueRead = [&](int32_t status) {

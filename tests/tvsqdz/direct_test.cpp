@@ -1,7 +1,7 @@
 // Direct reads and writes: what each answers, in which order, and what an exchange survives.
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "printer_side.h"
+#include "product/object_names.h"
 
 #include <cstring>
 
@@ -178,8 +178,8 @@ TEST_F(Direct, AForwardedRequestWaitsAMomentForTheSpoolerAndLeavesItsResult) {
 }
 
 TEST_F(Direct, AnEventThatTellsNothingEndsNoRequest) {
-    const dblink::KernelName name =
-        dblink::VariableEventName(true, record->databaseName, "RWResult", dblink::VariableSignal::Updated);
+    const product::KernelName name =
+        product::VariableEventName(true, record->databaseName, "RWResult", product::VariableSignal::Updated);
     const HANDLE event = CreateEventA(nullptr, TRUE, TRUE, name.text); // left set by somebody
     std::atomic<int32_t> result = 5;
     const PrinterSide printer(database, [&](auto&, auto&) {

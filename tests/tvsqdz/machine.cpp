@@ -1,6 +1,6 @@
 #include "machine.h"
 
-#include "frame/printer_registration.h"
+#include "manager/printer_registration.h"
 #include "not_here.h"
 #include "private_machine.h"
 

@@ -2,11 +2,11 @@
 // printers.
 #pragma once
 
-#include "dblink/client.h"
-#include "frame/attach.h"
-#include "frame/manager_record.h"
+#include "exports/attach.h"
+#include "manager/manager_record.h"
 #include "not_here.h"
 #include "private_machine.h"
+#include "product/client.h"
 #include "status_service.h"
 
 #include <gtest/gtest.h>

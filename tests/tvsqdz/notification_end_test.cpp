@@ -1,8 +1,8 @@
 // How registrations end: cancelled, from inside and outside, with their manager, and when a callback does not return.
+#include "base/timings.h"
 #include "campaign.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
 #include "notification_kit.h"
+#include "product/object_names.h"
 
 #include <array>
 #include <filesystem>
@@ -58,10 +58,10 @@ struct NotificationEnd : Opened {
     }
     // The service has no watch of it any more, and nobody else the event.
     void ExpectUnwatched(const char* variable) {
-        for (const auto signal : {dblink::VariableSignal::Updated, dblink::VariableSignal::Changed})
+        for (const auto signal : {product::VariableSignal::Updated, product::VariableSignal::Changed})
             EXPECT_TRUE(WaitUntil([&] {
                 const HANDLE event = OpenEventA(
-                    SYNCHRONIZE, FALSE, dblink::VariableEventName(true, record->databaseName, variable, signal).text);
+                    SYNCHRONIZE, FALSE, product::VariableEventName(true, record->databaseName, variable, signal).text);
                 if (event != nullptr) CloseHandle(event);
                 return event == nullptr;
             }));

@@ -1,10 +1,10 @@
 // Registrations: what is watched by whom, what is delivered, what is refused.
+#include "base/timings.h"
 #include "campaign.h"
-#include "catalogue/variable_handlers.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "manager/variables.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -84,7 +84,7 @@ TEST_F(Notification, AValueThatIsTooLargeIsNotPassedOnAndAQueueIsAllOfIt) {
     StatusVariableDef row = *record->variableIndex[0];
     row = {.flags = SVT_RECORD, .size = 12, .callbackThreadProc = VariableCallbackWatch, .name = "Wide"};
     const char empty[] = "\4\0\0\0\0\0\0";
-    ASSERT_EQ(CreateVariable(database, "Wide", dblink::kTypeVariableLength, 8, empty), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Wide", product::kTypeVariableLength, 8, empty), Answer::Done);
     TvsRegistration handle = 0;
     const DeliveryTarget target = {reinterpret_cast<UINT_PTR>(CallbackOf(0))};
     ASSERT_EQ(AddRegistration(record, row, DeliveryForm::Callback, target, 0, &handle), TVS_OK);
@@ -94,7 +94,7 @@ TEST_F(Notification, AValueThatIsTooLargeIsNotPassedOnAndAQueueIsAllOfIt) {
     EXPECT_EQ(g_calls[0].Value(), Bytes());
     EXPECT_EQ(KillNotificationCallback(manager, handle), TVS_OK);
     // As it is stored; and nothing is taken off.
-    ASSERT_EQ(CreateVariable(database, "Q", dblink::kTypeVariableLength, 8, empty), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Q", product::kTypeVariableLength, 8, empty), Answer::Done);
     const Registrant registrant(Form::Callback, manager, "Q", 1);
     const Bytes queue = Joined({Number(12), Number(2), Number(7), Number(8)});
     StoreBytes(database, "Q", queue);
@@ -267,8 +267,8 @@ TEST_F(Notification, AnEventThatSomebodyLeftSetIsResetAfterAWhile) {
     for (const auto& [variable, deliveries] : rows) {
         SCOPED_TRACE(variable);
         Registrant registrant(Form::Callback, manager, variable);
-        const dblink::KernelName name =
-            dblink::VariableEventName(true, record->databaseName, variable, dblink::VariableSignal::Changed);
+        const product::KernelName name =
+            product::VariableEventName(true, record->databaseName, variable, product::VariableSignal::Changed);
         const HANDLE event = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, name.text);
         ASSERT_NE(event, nullptr);
         const int before = g_calls[0].count;

@@ -1,8 +1,8 @@
 // Opens of many processes at once, and of those that die in the middle.
-#include "dblink/database_opening.h"
-#include "dblink/kernel_names.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/status_service.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -119,7 +119,7 @@ TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_TIMEOUT});
     // An event of that name which is set and means nothing does not make it spin or believe.
-    SetEvent(CreateEventA(nullptr, TRUE, TRUE, dblink::InitializedEventName("TVORSQD_DB").text));
+    SetEvent(CreateEventA(nullptr, TRUE, TRUE, product::InitializedEventName("TVORSQD_DB").text));
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
     creator.Kill();
     EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_OK);

@@ -1,8 +1,8 @@
 // Opening and closing managers: every code in its order, the client kinds, the printer list.
-#include "frame/printer_list.h"
-#include "frame/printer_registration.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "manager/printer_list.h"
+#include "manager/printer_registration.h"
 #include "wide_literal.h"
 
 #include <cstring>

@@ -1,7 +1,7 @@
 // The printer's port and its name: what a change of them changes beside them.
 #include "acting_user.h"
-#include "frame/printer_list.h"
 #include "machine.h"
+#include "manager/printer_list.h"
 
 #include <tvsqdz_records.h>
 
@@ -22,7 +22,7 @@ Bytes Port(uint32_t kind, const std::string& name, const std::string& detail = "
 struct Settings : Opened {
     // The names of the printer list, each followed by ";".
     std::string ListedNames() const {
-        const Bytes list = StoredBytes(record->masterDatabase.handle, dblink::kPrinterListVariable);
+        const Bytes list = StoredBytes(record->masterDatabase.handle, product::kPrinterListVariable);
         std::string names;
         for (size_t at = offsetof(PrinterList, entries); at < list.size(); at += sizeof(PrinterListEntry))
             names +=
@@ -127,7 +127,7 @@ TEST_F(Settings, AnotherNameIsOneInTheListTheManagerAndTheDatabase) {
     };
     const auto writes = [&] {
         DWORD count = 0;
-        EXPECT_EQ(GetWriteCount(record->masterDatabase.handle, dblink::kPrinterListVariable, &count), Answer::Done);
+        EXPECT_EQ(GetWriteCount(record->masterDatabase.handle, product::kPrinterListVariable, &count), Answer::Done);
         return count;
     };
     const DWORD writesBefore = writes();

@@ -1,6 +1,6 @@
 // Reading values and write times.
-#include "access/reading.h"
 #include "machine.h"
+#include "values/reading.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -123,11 +123,11 @@ TEST_F(Reading, CompositesFollowTheSizesOfTheirMembersInEachFormOfTheCall) {
 
 TEST_F(Reading, AQueueGivesItsOldestItemOnce) {
     // The service has no such variable: its answer is passed on, and nothing is taken for a value.
-    const Answer unknown = static_cast<Answer>(dblink::kUnknownVariable);
+    const Answer unknown = static_cast<Answer>(product::kUnknownVariable);
     ExpectReads(manager, {{"Q", 8, PassOn(unknown), 0, {}}, {"Q", 0, PassOn(unknown), 0, {}}});
 
     const Bytes empty = Joined({Number(4), Number(0)});
-    ASSERT_EQ(CreateVariable(database, "Q", dblink::kTypeVariableLength, 8, empty.data()), Answer::Done);
+    ASSERT_EQ(CreateVariable(database, "Q", product::kTypeVariableLength, 8, empty.data()), Answer::Done);
     ExpectReads(manager, {{"Q", 8, TVS_OK, 0, {}}, {"Q", 0, TVS_OK, 0, {}}});
     StoreBytes(database, "Q", Joined({Number(28), Number(3), Text("item one"), Text("item two"), Text("itemlast")}));
     ExpectReads(manager, {{"Q", 0, TVS_E_SIZE, 8, {}},

@@ -1,10 +1,9 @@
 // What the registry and the spooler know of a printer: driver, model, and the variables that the model defines.
-#include "catalogue/name_order.h"
-#include "catalogue/variable_lookup.h"
-#include "catalogue/variable_table.h"
-#include "frame/printer_registration.h"
-#include "frame/variable_index.h"
 #include "machine.h"
+#include "manager/printer_registration.h"
+#include "manager/variable_index.h"
+#include "manager/variables.h"
+#include "product/name_order.h"
 
 #include <cstring>
 
@@ -130,7 +129,7 @@ TEST(Catalogue, OnlyPlainTypesAreDatabaseTypes) {
                                              {0x310010, 5}, {0x40, -1}, {0x80, -1},       {0x05, -1},      {0x00, -1},
                                              {0x90, -1},    {0x03, -1}, {0x10000004, -1}, {0x20000010, -1}};
     for (const auto& [flags, expected] : rows) {
-        dblink::DatabaseType type = dblink::kTypeCount;
+        product::DatabaseType type = product::kTypeCount;
         EXPECT_EQ(DatabaseTypeOf(flags, &type), expected >= 0) << std::hex << flags;
         EXPECT_TRUE(expected < 0 || static_cast<int>(type) == expected) << std::hex << flags;
     }

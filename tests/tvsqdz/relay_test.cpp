@@ -1,12 +1,12 @@
 // What processes that deliver no messages leave to the printer's owner, and the owner's service thread.
+#include "base/timings.h"
 #include "campaign.h"
-#include "frame/guards.h"
-#include "frame/timings.h"
 #include "notification_kit.h"
 #include "notify/registrations.h"
 #include "notify/relayed_registrations.h"
-#include "notify/status_request.h"
 #include "printer_side.h"
+#include "product/guards.h"
+#include "requests/threads.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Requests of many processes at once, and of processes that die in the middle.
+#include "base/timings.h"
 #include "campaign.h"
-#include "frame/timings.h"
 #include "printer_side.h"
 
 #include <algorithm>

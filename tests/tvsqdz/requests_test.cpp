@@ -1,7 +1,7 @@
 // Asynchronous requests: their codes in their order, their results, and what they survive.
-#include "frame/client_kinds.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "printer_side.h"
+#include "product/client_kinds.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,10 +1,10 @@
 // Managers that outlive the status database service: killed, and started anew, under calls of every kind.
-#include "dblink/kernel_names.h"
-#include "dblink/printer_list.h"
-#include "frame/guards.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "notification_kit.h"
 #include "printer_side.h"
+#include "product/guards.h"
+#include "product/object_names.h"
+#include "product/printer_list.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -25,13 +25,13 @@ struct ServiceRestart : OpenedReady {
     DatabaseHandle Handle() const { return RecordOf(manager)->printerDatabase.handle; }
 };
 
-dblink::PrinterListEntry ListEntry(const std::string& printer) {
+product::PrinterListEntry ListEntry(const std::string& printer) {
     DatabaseHandle master = 0;
-    EXPECT_EQ(OpenDatabase(dblink::kMasterDatabase, &master), Answer::Done);
-    const Bytes list = StoredBytes(master, dblink::kPrinterListVariable);
+    EXPECT_EQ(OpenDatabase(product::kMasterDatabase, &master), Answer::Done);
+    const Bytes list = StoredBytes(master, product::kPrinterListVariable);
     CloseDatabase(master);
-    for (size_t at = 8; at < list.size(); at += sizeof(dblink::PrinterListEntry)) {
-        const auto* entry = reinterpret_cast<const dblink::PrinterListEntry*>(&list[at]);
+    for (size_t at = 8; at < list.size(); at += sizeof(product::PrinterListEntry)) {
+        const auto* entry = reinterpret_cast<const product::PrinterListEntry*>(&list[at]);
         if (entry->printerName == printer) return *entry;
     }
     ADD_FAILURE() << printer << " is not in the list";
@@ -42,7 +42,7 @@ dblink::PrinterListEntry ListEntry(const std::string& printer) {
 DWORD HandlesOf(const std::string& database) {
     DatabaseHandle handle = 0;
     EXPECT_EQ(OpenDatabase(database.c_str(), &handle), Answer::Done);
-    dblink::DatabaseInfo info;
+    product::DatabaseInfo info;
     EXPECT_EQ(GetDatabaseInfo(handle, &info), Answer::Done);
     CloseDatabase(handle);
     return info.openHandles - 1;

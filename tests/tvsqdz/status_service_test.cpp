@@ -1,8 +1,8 @@
 // Finding and restarting the status database service, and the client's way with answers of every kind.
-#include "dblink/ndr.h"
-#include "frame/status_service.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/status_service.h"
+#include "product/ndr.h"
 
 #include <filesystem>
 #include <fstream>
@@ -75,13 +75,13 @@ void AnswerAsTold(PRPC_MESSAGE message) {
 }
 
 CHILD_PROCESS(AnswersAsTold) {
-    RPC_DISPATCH_FUNCTION functions[dblink::kProcedureCount];
+    RPC_DISPATCH_FUNCTION functions[product::kProcedureCount];
     std::fill(std::begin(functions), std::end(functions), AnswerAsTold);
-    RPC_DISPATCH_TABLE table = {dblink::kProcedureCount, functions, 0};
+    RPC_DISPATCH_TABLE table = {product::kProcedureCount, functions, 0};
     RPC_SERVER_INTERFACE offered = {};
     offered.Length = sizeof offered;
-    offered.InterfaceId = dblink::kInterfaceSyntax;
-    offered.TransferSyntax = dblink::kNdrSyntax;
+    offered.InterfaceId = product::kInterfaceSyntax;
+    offered.TransferSyntax = product::kNdrSyntax;
     offered.DispatchTable = &table;
     unsigned char protocol[] = "ncalrpc";
     unsigned char endpoint[] = "TVORSDB_RPC";
@@ -203,7 +203,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
     };
     const Library library;
     DatabaseHandle handle = 0;
-    dblink::DatabaseInfo info;
+    product::DatabaseInfo info;
     SYSTEMTIME time = {};
     DWORD size = 0;
     Bytes buffer(8);
@@ -214,7 +214,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
         {"CloseDatabase", Number(0), [&] { return CloseDatabase(5); }},
         {"GetDatabaseInfo", Joined({Bytes(24, 1), Number(0)}), [&] { return GetDatabaseInfo(5, &info); }},
         {"EndDatabaseInitialization", Number(0), [&] { return EndDatabaseInitialization(5); }},
-        {"CreateVariable", Number(0), [&] { return CreateVariable(5, "V", dblink::kTypeNumber, 4, "abc"); }},
+        {"CreateVariable", Number(0), [&] { return CreateVariable(5, "V", product::kTypeNumber, 4, "abc"); }},
         {"WriteVariable", Number(0), [&] { return WriteVariable(5, "V", "abc", 4); }},
         {"SetCompositeMembers", Number(0), [&] { return SetCompositeMembers(5, "V", "A;B;"); }},
         {"GetWriteTime", Joined({Bytes(28, 1), Number(0)}), [&] { return GetWriteTime(5, "V", &time); }},
@@ -239,8 +239,8 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
         reply(Joined({Number(count), Bytes(12, 0x44), Number(8), Number(0)}));
         EXPECT_EQ(ReadVariable(5, "V", buffer.data(), 8, &size), Answer::BadStubData) << count;
     }
-    reply(Joined({Number(8), Bytes(8, 0x55), Number(100), Number(static_cast<uint32_t>(dblink::kBufferTooSmall))}));
-    EXPECT_EQ(ReadVariable(5, "V", buffer.data(), 8, &size), static_cast<Answer>(dblink::kBufferTooSmall));
+    reply(Joined({Number(8), Bytes(8, 0x55), Number(100), Number(static_cast<uint32_t>(product::kBufferTooSmall))}));
+    EXPECT_EQ(ReadVariable(5, "V", buffer.data(), 8, &size), static_cast<Answer>(product::kBufferTooSmall));
     EXPECT_EQ(size, 100u);
     EXPECT_EQ(buffer, eight);
     // What no message could carry is not sent.
@@ -249,7 +249,7 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
     EXPECT_EQ(server.Ask("calls"), "0");
     // A composite is created without a value, whatever size it has.
     reply(Number(0));
-    EXPECT_EQ(CreateVariable(5, "V", dblink::kTypeComposite, 0xFFFFFFFF, nullptr), Answer::Done);
+    EXPECT_EQ(CreateVariable(5, "V", product::kTypeComposite, 0xFFFFFFFF, nullptr), Answer::Done);
     // Nonsense costs an open its manager and no more.
     g_timings.initialisedBound = 50;
     for (const Bytes& nonsense : {Bytes(), Bytes(200, 0xFF), Bytes(200), Joined({Number(5), Number(0xFFFFFFFC)}),

@@ -1,9 +1,8 @@
 // What the library makes of each Windows, and the repair of a default printer that does not exist any more.
-#include "frame/default_printer.h"
-#include "frame/object_names.h"
-#include "frame/object_security.h"
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
+#include "machine/objects.h"
+#include "manager/kind_effects.h"
 
 namespace {
 
@@ -63,7 +62,7 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         const std::string prefix = row.terminalServer ? "Global\\" : "";
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
         EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
-        EXPECT_STREQ(dblink::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
+        EXPECT_STREQ(product::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
         const TvsManager manager = OpenPrinter();
         EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
         EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);

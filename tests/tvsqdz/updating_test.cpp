@@ -1,6 +1,6 @@
 // Updates, their copies in the driver data, and the results of write requests.
-#include "access/driver_data.h"
 #include "machine.h"
+#include "values/updating.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // The converters, and the reads and writes that use them, in code pages of one, two and more bytes a character.
+#include "base/converters.h"
 #include "campaign.h"
-#include "catalogue/converters.h"
-#include "catalogue/variable_table.h"
+#include "manager/variables.h"
 #include "memory_kit.h"
 #include "notification_kit.h"
-#include "notify/registration_record.h"
+#include "notify/delivery.h"
 #include "printer_side.h"
 #include "wide_literal.h"
 

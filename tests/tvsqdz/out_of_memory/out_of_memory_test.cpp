@@ -1,5 +1,5 @@
 // Every allocation of the library made to fail, one after the other.
-#include "frame/timings.h"
+#include "base/timings.h"
 #include "machine.h"
 #include "wide_literal.h"
 
@@ -85,7 +85,7 @@ TEST_F(OutOfMemory, CallsFailWithTheirCode) {
     manager = OpenPrinter(2, "Other");
     const Bytes queue = Joined({Number(4 + 40), Number(10), Bytes(40, 'i')});
     EXPECT_EQ(
-        CreateVariable(RecordOf(manager)->printerDatabase.handle, "Q", dblink::kTypeVariableLength, 48, queue.data()),
+        CreateVariable(RecordOf(manager)->printerDatabase.handle, "Q", product::kTypeVariableLength, 48, queue.data()),
         Answer::Done);
     int names = 0;
     int taken = 0;
