@@ -1,4 +1,4 @@
-// Reading the list, and its two forms. No state.
+// Reading the list, and its binary and text forms. No state.
 #include "access_list.h"
 
 #include "service_client.h"
@@ -12,14 +12,14 @@
 
 namespace {
 
-constexpr size_t kLengthSize = sizeof(uint32_t); // before every value whose size varies
+constexpr size_t kLengthSize = sizeof(uint32_t); // precedes every value whose size varies
 constexpr size_t kSidOffset = offsetof(ACCESS_ALLOWED_ACE, SidStart);
 constexpr size_t kLargestSid = offsetof(SID, SubAuthority) + SID_MAX_SUB_AUTHORITIES * sizeof(DWORD);
 constexpr DWORD kNameSize = 512;
 
 using LocalMemory = Guard<HLOCAL, &LocalFree>;
 
-// A block that is aligned as records must be.
+// The list in a vector, whose memory is aligned for records.
 PACL AsList(const Bytes& list) {
     return reinterpret_cast<PACL>(const_cast<uint8_t*>(list.data()));
 }
@@ -41,7 +41,7 @@ std::string AccountName(PSID sid, SID_NAME_USE* use) {
     return ToUtf8(*domain != '\0' ? std::string(domain) + "\\" + name : name);
 }
 
-// What this process's token says; the SIDs point into it.
+// Information of this process's token. SIDs point into the block.
 template <typename Record>
 class TokenInformation {
 public:
@@ -52,7 +52,7 @@ public:
             GetTokenInformation(token.Get(), informationClass, nullptr, 0, &size);
         m_block.resize(size);
         if (size == 0 || !GetTokenInformation(token.Get(), informationClass, m_block.data(), size, &size))
-            throw SystemFailure(GetLastError(), "cannot tell who you are");
+            throw SystemFailure(GetLastError(), "cannot find out who you are");
     }
     const Record& Get() const { return *reinterpret_cast<const Record*>(m_block.data()); }
 
@@ -96,7 +96,7 @@ ListEntry Describe(const uint8_t* bytes, const Self& self) {
     if (!entry.denies && header.AceType != ACCESS_ALLOWED_ACE_TYPE) return entry;
     std::memcpy(&entry.mask, bytes + offsetof(ACCESS_ALLOWED_ACE, Mask), sizeof entry.mask);
 
-    // The text of one entry is that of a list that holds it alone, without the title.
+    // An entry's text is that of a list with this entry alone, without "D:".
     Bytes alone(sizeof(ACL));
     ACL list{.AclRevision = ACL_REVISION, .AceCount = 1};
     list.AclSize = static_cast<WORD>(sizeof list + header.AceSize);
@@ -132,7 +132,7 @@ std::string SidOfAccount(const std::string& name) {
     return SidText(sid);
 }
 
-// The text with the names of accounts made SIDs. Whatever has another form is left as it is, and refused with the text.
+// Replaces account names by SIDs. Anything else stays as it is; the conversion refuses it.
 std::string WithSids(const std::string& text) {
     std::string result;
     for (size_t at = 0; at < text.size();) {
@@ -190,9 +190,9 @@ Bytes ParseListText(const std::string& text) {
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(WithSids(text).c_str(), SDDL_REVISION_1, &descriptor,
                                                               nullptr)) {
         const DWORD error = GetLastError();
-        throw UsageFailure(error == ERROR_INVALID_ACL ? "the list is longer than a list may be"
-                                                      : "\"" + text + "\" is no list of entries",
-                           "such as D:(A;;SWRC;;;WD)(A;;0x10;;;CO)");
+        throw UsageFailure(error == ERROR_INVALID_ACL ? "the list is too long"
+                                                      : "\"" + text + "\" is not a list of entries",
+                           "write it like D:(A;;SWRC;;;WD)(A;;0x10;;;CO)");
     }
     const LocalMemory owned(descriptor);
     BOOL present = FALSE;

@@ -1,12 +1,12 @@
-// The access control list of a printer: read from the service itself, since the library lets no one read it, and taken
-// apart for people.
+// The access control list of a printer, and what its entries mean for this user. It is read from the service itself:
+// the variable is write-only in the library. No state.
 #pragma once
 
 #include "opened_printer.h"
 
 #include <windows.h>
 
-// Whom an entry counts for, seen by the user of this process.
+// Whom an entry counts for, from the point of view of the user of this process.
 enum class Counts { ForUser, ForGroup, ForOwners, NotForYou, NoAccount, OtherKind };
 
 struct ListEntry {
@@ -19,15 +19,14 @@ struct ListEntry {
 
 // The list as it is stored, in the binary form. Throws Failure when it cannot be read.
 Bytes ReadAccessControlList(const OpenedPrinter& printer);
-// Valid, and wholly there.
+// True when the list is valid and complete.
 bool IsWholeList(const Bytes& list);
-// "D:(A;;SWRC;;;WD)...", of a whole list. Throws Failure for a list that has no such form.
+// "D:(A;;SWRC;;;WD)...". The list must be whole. Throws Failure for a list that has no text form.
 std::string ListText(const Bytes& list);
 // The entries of a whole list. Throws Failure when this user cannot be determined.
 std::vector<ListEntry> ListEntries(const Bytes& list);
 
-// The binary form of a text as ListText gives it; an account may also be given by its name, UTF-8, in place of its SID.
-// Throws Failure.
+// The binary form of a text such as ListText returns. A UTF-8 account name may replace a SID. Throws Failure.
 Bytes ParseListText(const std::string& text);
 
 // "Unix User\alice", UTF-8: the user of this process.

@@ -1,4 +1,4 @@
-// authority, acl: what this user may do with a printer, why, and the list that says so.
+// authority, acl: what this user may do with a printer and why, and its access control list. No state.
 #include "access_list.h"
 
 #include "product/authority_rules.h"
@@ -29,11 +29,11 @@ ListedRights Sum(const std::vector<ListEntry>& entries, Whom whom) {
     return rights;
 }
 
-// One right that the list may give: how it came to be had or not.
+// One right, whether the list gives it, and which entries are the reason.
 struct Explanation {
     const char* right;
     bool had = false;
-    DWORD missing = 0;        // of a right that takes all of several bits
+    DWORD missing = 0;        // bits, of a right that takes several
     std::vector<size_t> gave; // numbers of entries, from 1
     std::vector<size_t> took;
 };
@@ -143,7 +143,7 @@ Json RightsJson(const std::vector<Explanation>& rights) {
     return list;
 }
 
-// Where the library takes the authority from, other than the list; empty for the list.
+// Where the library takes the authority from; empty for the access control list.
 std::string OtherSource(const OpenedPrinter& printer, const ManagerOptions& options) {
     OSVERSIONINFOA version{};
     version.dwOSVersionInfoSize = sizeof version;

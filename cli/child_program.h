@@ -1,11 +1,11 @@
-// Programs of the product that this command starts. They have its standard streams.
+// Starting programs of the product. They inherit this command's standard streams. No state.
 #pragma once
 
 #include "handles.h"
 
 #include <string>
 
-// A word of a command line as the C run-time divides it.
+// Quotes a word so that the C run-time reads it as one argument.
 std::string Quoted(const std::string& word);
-// Starts a program with that command line; empty when it cannot, which the last error then tells.
+// Starts a program with that command line. None when it cannot be started; the last error has the reason.
 KernelHandle StartProgram(const std::string& program, std::string commandLine);

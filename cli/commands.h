@@ -1,5 +1,5 @@
-// The commands. Each prints its result and returns its exit code, or throws Failure. Texts of their options are UTF-8
-// as the user typed them.
+// The commands. Each prints its result and returns its exit code, or throws Failure. Option texts are UTF-8, as the
+// user typed them. No state.
 #pragma once
 
 #include "failure.h"
@@ -28,8 +28,8 @@ struct NewValue {
     std::vector<std::string> words;
     std::optional<std::string> hex;
     std::optional<std::string> file; // "-": standard input
-    bool asynchronous = false;       // by a request whose result waits to be asked for
-    bool wait = false;               // for that result
+    bool asynchronous = false;       // by a request; its result is kept until somebody takes it
+    bool wait = false;               // take that result
 };
 Exit SetCommand(const ManagerOptions& options, const NewValue& value);
 // Takes the result of a request that an asynchronous set made.
@@ -46,12 +46,12 @@ struct WatchOptions {
 Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted);
 Exit TerminateCommand(const ManagerOptions& options);
 
-// What this user may do with the printer; explain: and which entry of its access control list gave or took what.
+// What this user may do with the printer. explain: also which entry of its access control list gave or denied what.
 Exit AuthorityCommand(const ManagerOptions& options, bool explain);
 Exit AclShowCommand(const ManagerOptions& options);
 // text: "D:(A;;SWRC;;;WD)..."
 Exit AclSetCommand(const ManagerOptions& options, const std::string& text);
-// Opens a printer and closes it again, which makes its variables. accessList: it gets this one unless it has one.
+// Opens a printer and closes it again, which creates its variables. accessList: given to a printer that has none.
 Exit OpenCommand(const ManagerOptions& options, const std::string& accessList);
 
 // Jobs of the spooler, and of the queues "PrinterQueue" and "SpoolerQueue".
@@ -99,7 +99,7 @@ Exit StatusCommand();
 
 struct UpOptions {
     bool quiet = false;
-    bool demoPrinter = false; // with a printer to play with
+    bool demoPrinter = false; // add a printer to try things on
 };
 // Exit::False when the product is up in another process.
 Exit UpCommand(const UpOptions& options);

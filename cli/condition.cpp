@@ -11,7 +11,7 @@ struct Operator {
     std::string_view text;
     Comparison comparison;
 };
-// The longer ones first.
+// Longer operators first: "<" is the start of "<=".
 constexpr Operator kOperators[] = {
     {"==", Comparison::Equal},          {"!=", Comparison::Different}, {"<=", Comparison::LessOrEqual},
     {">=", Comparison::GreaterOrEqual}, {"=", Comparison::Equal},      {"<", Comparison::Less},
@@ -36,7 +36,7 @@ bool Orders(Comparison comparison) {
     return comparison != Comparison::Equal && comparison != Comparison::Different;
 }
 
-// A number that is not known has no order and no bits.
+// An unknown number has no order and no bits.
 bool NumberHolds(Comparison comparison, uint64_t number, uint64_t operand, bool known) {
     switch (comparison) {
     case Comparison::Equal:
@@ -80,7 +80,7 @@ Condition ParseCondition(const OpenedPrinter& printer, const std::string& text) 
     }
     condition.variable = &FindNamed(printer, name, "watch");
 
-    // A value of zeros has the same parts as any other.
+    // All values of a variable have the same parts, so a value of zeros serves to check the field.
     const Decoded sample = Decode(printer.variables, *condition.variable, Bytes(condition.variable->size));
     const Decoded* compared = Compared(condition, sample);
     if (compared == nullptr)

@@ -12,9 +12,9 @@ struct Condition {
     std::string operand; // UTF-8, without quotes
 };
 
-// Throws Failure (Exit::Usage), also when the variable has no such field or no value that can be compared so.
+// Throws Failure (Exit::Usage) for a text that is not a condition, for a field that the variable does not have, and for
+// a value that cannot be compared in this way.
 Condition ParseCondition(const OpenedPrinter& printer, const std::string& text);
 
-// A number that is not known (-1) is equal to "unknown" and to -1, different from all others, and neither less nor
-// greater.
+// An unknown number (-1) equals "unknown" and -1 and differs from all others. It is neither less nor greater than any.
 bool Holds(const Condition& condition, const Decoded& value);

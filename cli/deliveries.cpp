@@ -1,7 +1,7 @@
-// The three forms. Events are waited for directly; messages arrive at a window that a thread of its own owns, and calls
-// on threads of the library: both pass through one queue.
+// The three forms. The caller waits for events directly. Messages arrive at a window with a thread of its own,
+// callbacks on threads of the library; both pass through one queue.
 //
-// State: g_called, where calls go: a process has one such watch at a time.
+// State: g_called, the queue that callbacks write to. A process has one such watch at a time.
 #include "deliveries.h"
 
 #include <algorithm>
@@ -24,10 +24,10 @@ void Check(int32_t status, const OpenedPrinter& printer) {
     throw failure;
 }
 
-// One call of the library takes so many variables.
+// The most variables that one call of the library takes.
 constexpr size_t kMostInList = 63;
 
-// Registrations that are cancelled when they go.
+// Registrations, cancelled with the guard.
 struct Registrations {
     using Cancel = int32_t(TVS_CALL*)(TvsManager, TvsRegistration);
 
@@ -60,7 +60,7 @@ struct Registrations {
 
 // ---- events
 
-// What can be waited for together with the interrupt. With more variables than that, several share an event.
+// The most events that can be waited for together with the interrupt. More variables share them.
 constexpr size_t kMostEvents = MAXIMUM_WAIT_OBJECTS - 1;
 
 struct EventDeliveries : Deliveries {
@@ -99,7 +99,7 @@ struct EventDeliveries : Deliveries {
     size_t count;
     std::vector<KernelHandle> events;
     std::deque<size_t> due;
-    Registrations registrations; // goes first
+    Registrations registrations; // destroyed first
 };
 
 // ---- the queue of the other forms
@@ -141,7 +141,7 @@ struct Queue {
 
 // ---- calls
 
-// Where calls go: the queue, and the variables' names in their order, since not every call knows its place.
+// Where callbacks go: the queue, and the variables' names in order, since a callback brings a name and not an index.
 struct Called {
     Queue& queue;
     std::vector<std::string> names;
@@ -160,7 +160,7 @@ struct CallbackDeliveries : Deliveries {
             called.names.push_back(variable->name);
         g_called = &called;
         const std::vector<TvsCallback> callbacks(variables.size(), &OnCall);
-        // All three forms read the value in the same way, when they were told.
+        // The value that a callback brings is ignored: all three forms read it in the same way.
         const std::vector<uint32_t> withoutValue(variables.size(), 1);
         registrations.Add(variables, [&](uint32_t size, const char* names, size_t first, TvsRegistration* handle) {
             return SetNotificationCallbackExA(printer.manager.Get(), size, names, &callbacks[first],
@@ -174,7 +174,7 @@ struct CallbackDeliveries : Deliveries {
 
     Queue queue;
     Called called;
-    Registrations registrations; // goes first
+    Registrations registrations; // destroyed first
 };
 
 // ---- messages
@@ -198,10 +198,10 @@ struct MessageWindow {
         }
     }
     ~MessageWindow() {
-        // A full queue refuses for as long as the thread needs to empty it.
+        // Posting fails while the queue is full; the thread is emptying it.
         while (!PostMessageA(window, WM_CLOSE, 0, 0) && GetLastError() == ERROR_NOT_ENOUGH_QUOTA)
             Sleep(1);
-        WaitForSingleObject(m_thread.Get(), INFINITE); // it does nothing else but read messages
+        WaitForSingleObject(m_thread.Get(), INFINITE); // it only reads messages
     }
     MessageWindow(const MessageWindow&) = delete;
     MessageWindow& operator=(const MessageWindow&) = delete;
@@ -218,7 +218,7 @@ private:
         windowClass.cbSize = sizeof windowClass;
         windowClass.lpfnWndProc = &WindowProcedure;
         windowClass.lpszClassName = kWindowClass;
-        // The class stays with the process.
+        // The class stays registered until the process ends.
         if (RegisterClassExA(&windowClass) || GetLastError() == ERROR_CLASS_ALREADY_EXISTS)
             window = CreateWindowExA(0, kWindowClass, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
         m_error = GetLastError();
@@ -255,7 +255,7 @@ struct MessageDeliveries : Deliveries {
 
     Queue queue;
     MessageWindow window;
-    Registrations registrations; // goes first
+    Registrations registrations; // destroyed first
 };
 
 } // namespace

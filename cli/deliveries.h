@@ -1,4 +1,4 @@
-// Being told of changes by one of the library's three forms, whichever it is as a stream of variables.
+// Notifications of changes as one stream, whichever of the library's three forms delivers them.
 #pragma once
 
 #include "opened_printer.h"
@@ -7,11 +7,11 @@
 #include <optional>
 
 struct Deliveries {
-    virtual ~Deliveries() = default; // no more is told
-    // The place in the list of a variable that was written; nothing after the time, or when `interrupted` is set.
+    virtual ~Deliveries() = default; // cancels the registrations
+    // Waits for a write. The index of the variable in the list; nothing when the time is up or `interrupted` is set.
     virtual std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) = 0;
 };
 
-// Registers all variables, as many as there are. The printer must outlive what is returned. Throws Failure.
+// Registers all variables; there is no limit on their number. The printer must outlive the result. Throws Failure.
 std::unique_ptr<Deliveries> Register(const OpenedPrinter& printer, const std::vector<const Variable*>& variables,
                                      DeliveredBy by);

@@ -20,7 +20,7 @@ constexpr char kPort[] = "DEMO:";
 constexpr char kModelFile[] = "example_laser.reg";
 constexpr char kScriptFile[] = "demo_printer.script";
 
-// An example of those beside this program.
+// Reads an example file that is installed next to this program.
 std::string ReadExample(const std::string& name) {
     std::string path = ToUtf8(OwnDirectory()) + "examples/" + name;
     std::replace(path.begin(), path.end(), '\\', '/');

@@ -1,4 +1,4 @@
-// The one table from codes to meanings, advice and exit codes.
+// The one table from codes to meanings, advice and exit codes. No state.
 #include "failure.h"
 
 #include "product/interface.h"
@@ -22,8 +22,8 @@ struct CodeMeaning {
 constexpr const char* kStartIt = "start it with 'oriel up'";
 constexpr const char* kAskAgain = "try again; 'oriel status' shows whether the service runs";
 
-// Negative: status codes of the library and answers of the service that it passes on. Positive: codes of the system and
-// of the RPC run-time.
+// Negative codes are those of the library and answers of the service that it passes on. Positive codes are those of the
+// system and of the RPC run-time.
 constexpr CodeMeaning kMeanings[] = {
     {TVS_E_HANDLE, Exit::False, nullptr, "run the command again"},
     {TVS_E_UNAVAILABLE, Exit::NoService, nullptr, "see 'oriel status'"},
@@ -90,7 +90,7 @@ constexpr CodeMeaning kMeanings[] = {
 };
 
 Failure Explain(int64_t code, std::string what) {
-    // What is above the library's numbers is the system's.
+    // Codes beyond 31 bits are the system's.
     const char* text = TvsStatusText(static_cast<int32_t>(std::min<int64_t>(code, INT32_MAX)));
     for (const CodeMeaning& meaning : kMeanings)
         if (meaning.code == code)

@@ -1,4 +1,4 @@
-// What went wrong, in the form in which the user hears it: what failed, why, and what to do next; and the exit code.
+// Failures as the user sees them: what failed, why, what to do next, and the exit code. No state.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +7,14 @@
 // Exit codes of the command.
 enum class Exit : int {
     Done = 0,
-    False = 1,     // not found, refused, or not so
+    False = 1,     // not found, refused, or the answer is no
     Usage = 2,     // the command line or a value on it is wrong; nothing was done
     NoService = 3, // the product is not installed, not up, or its service does not run
     Denied = 4,
     TimedOut = 5,
 };
 
-// Thrown by what cannot go on; main() tells the user, once.
+// Thrown by code that cannot go on. main() prints it once.
 struct Failure {
     Exit exitCode;
     std::string what; // "cannot read PageCount of Front desk"
@@ -24,9 +24,9 @@ struct Failure {
 };
 
 Failure UsageFailure(std::string what, std::string next = {});
-// A status of the library: negative one of its own, positive one of the system.
+// From a status of the library: negative ones are its own or the service's, positive ones the system's.
 Failure StatusFailure(int32_t status, std::string what);
-// A code of GetLastError or of the registry.
+// From a code of GetLastError or of the registry.
 Failure SystemFailure(uint32_t code, std::string what);
 
 // "cannot read PageCount of Front desk: unknown variable (status -19); list them with 'oriel vars'", one line.

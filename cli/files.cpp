@@ -1,4 +1,4 @@
-// Files of files.h.
+// Reading and writing of files.h. No state.
 #include "files.h"
 
 #include "failure.h"
@@ -10,7 +10,7 @@
 
 namespace {
 
-// More than any value or registry text can be.
+// More than any value or registry text needs.
 constexpr size_t kLargestFile = size_t{256} << 20;
 
 std::string ReadAll(std::istream& stream, const std::string& path) {

@@ -1,4 +1,4 @@
-// Whole files, for options that name one; "-" is standard input or output.
+// Whole files, for options that name one. "-" is standard input or output. No state.
 #pragma once
 
 #include <string>

@@ -10,8 +10,8 @@ DWORD g_lastWordsMs = 0;
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
     SetEvent(g_interrupted);
-    // After the other events, a closed console among them, the process ends as soon as this returns: the main thread
-    // shall end it before.
+    // After any other event, such as a closed console, the process ends as soon as this returns. Give the main thread
+    // time to end it first.
     if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(g_lastWordsMs);
     return TRUE;
 }

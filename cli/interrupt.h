@@ -1,8 +1,9 @@
-// Ctrl-C and the other ends that a console brings, for commands that run until the user ends them.
+// Ctrl-C and other console events, for commands that run until the user ends them.
 #pragma once
 
 #include <windows.h>
 
-// From now on Ctrl-C, a closed console and the like set the event that this returns, manual-reset, and do nothing else.
-// lastWordsMs: how long the command may take to end after a console was closed. Throws Failure. Called once.
+// Makes Ctrl-C, a closed console and similar events set the manual-reset event that this returns, and do nothing else.
+// Called once per process. lastWordsMs: how long the command may take to end after its console was closed. Throws
+// Failure.
 HANDLE TakeOverInterrupts(DWORD lastWordsMs);

@@ -1,4 +1,4 @@
-// jobs, pause, resume, cancel, print: the jobs of one printer, in the spooler and in the printer's own queues.
+// jobs, pause, resume, cancel, print: the jobs of one printer, in the spooler and in the product's queues. No state.
 #include "commands.h"
 
 #include "files.h"
@@ -63,12 +63,12 @@ void Command(const OpenedPrinter& printer, const char* variable, uint32_t value,
     throw failure;
 }
 
-// The library does not tell what the spooler answered: what became of the job tells.
+// The library does not pass on the spooler's answer, so look at what became of the job.
 [[noreturn]] void ThrowRefused(const std::string& what) {
     throw Failure{Exit::Denied, what, "the spooler refused", "only its owner and an administrator may change a job"};
 }
 
-// Why nothing prints the printer's jobs now, and what to do; nothing when a printer side does.
+// Why no printer side takes the printer's jobs now, and what to do about it; nothing when one does.
 std::optional<Failure> WhyNothingPrints(const std::string& printer) {
     Failure failure{Exit::False, "the job waits, and nothing prints it", "the printer has no device",
                     "give it one: oriel printers add NAME --driver DRIVER --script FILE"};

@@ -1,33 +1,33 @@
-// What the platform layer has beside the Win32 API, and Windows has in other ways.
+// What the platform layer offers beyond the Win32 API; Windows has other ways for it. No state.
 #pragma once
 
 #include <windows.h>
 
 #include <string>
 
-// Where the layer keeps what lasts, and sockets and kernel objects, whether or not they are there; empty where there
-// are no such directories.
+// The directories for persistent files, and for sockets and kernel objects. They need not exist. Empty on a system that
+// has no such directories.
 std::string StateDirectoryName();
 std::string RunDirectoryName();
 
-// Whose directories these are: "system" or "user". "environment": a variable names them. Empty where there is one
-// product for the machine. Throws Failure when the environment names no scope that there is.
+// Whose directories these are: "system" or "user"; "environment" when variables name them. Empty on a system with one
+// product per machine. Throws Failure when ORIEL_SCOPE is not a scope.
 std::string ScopeName();
-// Whether --scope is an option here.
+// Whether this system has the option --scope.
 bool HasScopes();
-// Makes the directories, for this process and those that it starts. Until then a command makes none. Throws Failure.
+// Creates the directories. Nothing else in a command does. Throws Failure.
 void ClaimDirectories();
 
-// A path of the registry as this system's users write it; UTF-8.
+// A path as users of this system write it; UTF-8.
 std::string ShownPath(std::string path);
 
-// From now on a write to a closed pipe fails, rather than ending this process.
+// Makes a write to a closed pipe fail instead of ending the process.
 void KeepRunningOnClosedPipes();
 
-// .reg text. ImportRegistry: whole or not at all; errorLine is the line refused, 0 when the failure belongs to none.
+// .reg text. An import is all or nothing; errorLine is the line that was refused, 0 when no line is to blame.
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine);
 LSTATUS ExportRegistry(HKEY root, const std::string& path, std::string& text);
 
-// A line of sd_notify(3) to what started this program, if that listens. The first call is made before anything is
-// started.
+// Sends a line of sd_notify(3) to the supervisor that started this program, if it listens. The first call must come
+// before any program is started.
 void TellSupervisor(const char* line);

@@ -1,4 +1,5 @@
-// The one file of the command that uses headers of the platform layer which Windows does not have.
+// The Linux side of layer.h: the one file of the command that uses headers of the platform layer that Windows does not
+// have. No state.
 #include "layer.h"
 
 #include "failure.h"
@@ -27,8 +28,8 @@ const char* WantedScope(int argc, char** argv) {
     return nullptr;
 }
 
-// The library asks for the directories as it is loaded, before main(). The functions of .preinit_array run before that.
-// A value that is no scope is refused by the parse in main().
+// The library asks for the directories while it is loaded, before main(). Functions of .preinit_array run earlier. The
+// parse in main() refuses a value that is not a scope.
 void BeforeLibraries(int argc, char** argv, char**) {
     OrielOnlyLook();
     if (const char* scope = WantedScope(argc, argv)) OrielChooseScope(scope);
@@ -58,7 +59,7 @@ bool HasScopes() {
 
 void ClaimDirectories() {
     if (OrielClaimDirectories()) return;
-    Failure failure = SystemFailure(GetLastError(), "cannot make the directories " + StateDirectoryName() + " and " +
+    Failure failure = SystemFailure(GetLastError(), "cannot create the directories " + StateDirectoryName() + " and " +
                                                         RunDirectoryName());
     if (ScopeName() == "system") failure.next = "run it as root, or start your own with 'oriel up --scope user'";
     throw failure;

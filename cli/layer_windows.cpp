@@ -1,5 +1,4 @@
-// What layer.h asks for, where the system is Windows itself: it has no such directories, and a command of its own for
-// .reg text.
+// The Windows side of layer.h. Windows has no such directories, and a command of its own for .reg text. No state.
 #include "layer.h"
 
 #include "failure.h"
@@ -26,14 +25,16 @@ std::string ShownPath(std::string path) {
     return path;
 }
 
-void KeepRunningOnClosedPipes() {} // they do not end processes there
+void KeepRunningOnClosedPipes() {} // on Windows they do not end processes
 
 LSTATUS ImportRegistry(const std::string&, DWORD&) {
-    throw Failure{Exit::False, "cannot import", "on Windows the system does that itself", "use 'reg import FILE'"};
+    throw Failure{Exit::False, "cannot import", "on Windows the system's own command does this",
+                  "use 'reg import FILE'"};
 }
 
 LSTATUS ExportRegistry(HKEY, const std::string&, std::string&) {
-    throw Failure{Exit::False, "cannot export", "on Windows the system does that itself", "use 'reg export KEY FILE'"};
+    throw Failure{Exit::False, "cannot export", "on Windows the system's own command does this",
+                  "use 'reg export KEY FILE'"};
 }
 
-void TellSupervisor(const char*) {} // what starts services there asks them itself
+void TellSupervisor(const char*) {} // the service control manager asks services itself

@@ -1,4 +1,4 @@
-// The command line of `oriel`: its commands and options, and where a failure ends.
+// The command line of `oriel`: its commands and options, and the one place that prints a failure. No state.
 #include "commands.h"
 #include "layer.h"
 #include "opened_printer.h"
@@ -203,10 +203,10 @@ void AddNameCommands(CLI::App& app, Arguments& a, Command& chosen) {
 }
 
 void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
-    CLI::App* open = app.add_subcommand("open", "Open a printer and close it again, which makes its variables");
-    open->group(""); // of use to 'up' alone
+    CLI::App* open = app.add_subcommand("open", "Open a printer and close it again, which creates its variables");
+    open->group(""); // only for 'up'
     AddManagerOptions(*open, a.manager);
-    open->add_option("--access-list", a.value, "The access control list that it gets unless it has one");
+    open->add_option("--access-list", a.value, "The access control list of a printer that has none");
     open->callback([&] { chosen = [&] { return OpenCommand(a.manager, a.value); }; });
 
     CLI::App* printers = app.add_subcommand("printers", "Show the printers, or add and remove one");
@@ -282,9 +282,9 @@ Exit Fail(const Failure& failure) {
     return failure.exitCode;
 }
 
-// ---- help, and command lines that are no command's
+// ---- help, and command lines that cannot be parsed
 
-// Options that every command takes stand in the help of each.
+// The help of each command lists the common options too.
 void AddCommonOptions(CLI::App& command, Arguments& a) {
     command.add_flag("--json", a.json, "Print JSON");
     if (HasScopes()) {
@@ -311,8 +311,8 @@ std::vector<std::string> CommandNames(const CLI::App& command) {
                        nearest.empty() ? "'oriel --help' lists the commands" : "did you mean \"" + nearest + "\"?");
 }
 
-// The command that the words name; words that follow it are its own. Throws Failure when it should name one and does
-// not.
+// The command that the words name; further words are its arguments. Throws Failure when a word should be a command and
+// is not.
 CLI::App& FindCommand(CLI::App& app, const std::vector<std::string>& words) {
     CLI::App* command = &app;
     for (const std::string& word : words) {
@@ -337,7 +337,7 @@ void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
     help->callback([&] {
         chosen = [&] {
             const CLI::App& command = FindCommand(app, a.helpFor);
-            // Not by help(): of a parsed command that is the help of what was parsed below it.
+            // Not by help(), which on a parsed command shows the help of the command below it.
             const std::string path = PathOf(&command);
             const std::string text = command.get_formatter()->make_help(&command, path, CLI::AppFormatMode::Normal);
             if (g_output.json)
@@ -349,8 +349,7 @@ void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
     });
 }
 
-// The words of a command line that are no options. What belongs to an option counts as well: it stands behind the
-// command.
+// The words of a command line that are not options. Values of options count too; they come after the command.
 std::vector<std::string> Words(int argc, char** argv) {
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
@@ -370,7 +369,7 @@ Failure ParseFailure(CLI::App& app, int argc, char** argv, const CLI::ParseError
     return UsageFailure(what, "see '" + name + " --help'");
 }
 
-// Asked before the parse, since that may fail before it comes to the option.
+// Before the parse, which may fail before it reaches the option.
 bool WantsJson(int argc, char** argv) {
     for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i)
         if (std::string_view(argv[i]) == "--json") return true;
@@ -402,7 +401,7 @@ Exit Run(int argc, char** argv) {
     AddRegistryCommands(app, arguments, chosen);
     AddHelpCommand(app, arguments, chosen);
     AddCommonOptions(app, arguments);
-    app.footer(kExitCodes); // last, or the commands would inherit it
+    app.footer(kExitCodes); // last: commands inherit it otherwise
 
     try {
         app.parse(argc, argv);

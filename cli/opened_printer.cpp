@@ -1,4 +1,4 @@
-// Opening a printer for a command, and what the commands read of it.
+// Opening a printer for a command, and reading its variables. No state.
 #include "opened_printer.h"
 
 #include "printers.h"
@@ -48,7 +48,7 @@ std::string WhatOf(const char* verb, const std::string& variable, const OpenedPr
     return std::string("cannot ") + verb + " " + variable + " of \"" + printer.shownName + "\"";
 }
 
-// Names compare with case, as the library compares them.
+// Names are case-sensitive, as in the library.
 const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name, const char* verb) {
     const std::optional<std::string> ansi = ToAnsi(name);
     if (const Variable* found = ansi ? FindVariable(printer.variables, *ansi) : nullptr) return *found;
@@ -79,7 +79,7 @@ Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool t
             return ReadAttempt::Grew;
         }
         if (reading.status != TVS_E_SIZE) return ReadAttempt::Done;
-        if (queue) reading.value.resize(returned); // how much there is to take
+        if (queue) reading.value.resize(returned); // the size of the oldest item
         if (queue || returned == 0) {
             reading.status = TVS_OK;
             return ReadAttempt::Done;

@@ -1,4 +1,4 @@
-// A printer with a manager open on it: its variables found by name, read and described.
+// A printer with an open manager: finding its variables by name, reading and describing them. No state.
 #pragma once
 
 #include "catalogue.h"
@@ -15,13 +15,13 @@ struct OpenedPrinter {
 
 // Throws Failure.
 OpenedPrinter OpenPrinterOf(const ManagerOptions& options);
-// Another manager in place of the one that it has. Throws Failure.
+// Replaces the manager by a new one. Throws Failure.
 void OpenAgain(OpenedPrinter& printer, const ManagerOptions& options);
 
 // "cannot VERB PageCount of "Front desk"".
 std::string WhatOf(const char* verb, const std::string& variable, const OpenedPrinter& printer);
 
-// name: UTF-8. Throws Failure that says what it could mean instead.
+// name: UTF-8. Throws Failure, with the nearest name as advice.
 const Variable& FindNamed(const OpenedPrinter& printer, const std::string& name, const char* verb);
 
 struct Reading {
@@ -30,11 +30,11 @@ struct Reading {
 };
 // GetPrinterStatusA and those like it.
 using ReadFunction = int32_t(TVS_CALL*)(TvsManager, const char*, void*, uint32_t, uint32_t*);
-// takeItem: false only asks a queue for the size of its oldest item, since a read takes it off.
+// takeItem: whether to read a queue, which removes its oldest item. False only asks for the size of that item.
 Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool takeItem,
                   ReadFunction read = GetPrinterStatusA);
 
-// "2026-11-24T08:15:00.123Z"; empty for a time that never was.
+// "2026-11-24T08:15:00.123Z"; empty for the time of a value that was never written.
 std::string TimeText(const SYSTEMTIME& time);
 int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, std::string& text);
 

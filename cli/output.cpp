@@ -31,7 +31,7 @@ std::string Paint(const std::string& text, const char* code) {
 } // namespace
 
 void DetectColour() {
-    // Any value that is not empty counts: no-color.org.
+    // Any value but the empty one counts (no-color.org).
     const char* noColour = std::getenv("NO_COLOR");
     const bool wanted = !noColour || !*noColour;
     g_output.colour = wanted && IsTerminal(STD_OUTPUT_HANDLE);

@@ -26,25 +26,25 @@ extern Output g_output;
 void DetectColour();
 std::string Styled(const std::string& text, Style style);
 
-// Writes at once. What cannot be written (a full disk, a closed pipe) is kept for OutputFailure.
+// Writes at once. OutputFailure reports what could not be written (a full disk, a closed pipe).
 void PrintText(const std::string& text);
 void PrintLine(const std::string& line);
 void PrintJson(const Json& document);     // indented
 void PrintJsonLine(const Json& document); // on one line
-// None while everything could be written.
+// None as long as every write succeeded.
 std::optional<Failure> OutputFailure();
 
 // One line on standard error.
 void PrintError(const Failure& failure);
-// The same in the log, as a warning: of a command that goes on, for as long as it runs.
+// The same in the log, as a warning; for commands that go on.
 void LogFailure(const Failure& failure);
-// As PrintError, and with --json {"error": ...} on one line of standard output; in a stream with "event": "error"
-// before it.
+// The same, and with --json also {"error": ...} as one line on standard output; in a stream it begins with "event":
+// "error".
 void PrintFailure(const Failure& failure);
 // {"exitCode": 1, "what": ..., "why": ..., "next": ..., "code": -19}
 Json FailureJson(const Failure& failure);
 
-// Columns two blanks apart; the last one is not padded.
+// Columns are two blanks apart. The last one is not padded.
 struct Table {
     std::vector<std::vector<std::string>> rows;
     void Print(bool firstRowIsHeading = true) const;

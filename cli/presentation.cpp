@@ -71,7 +71,7 @@ constexpr RecordLayout kRecords[] = {
 };
 constexpr const char* kJobQueues[] = {names::kPrinterQueue, names::kSpoolerQueue};
 
-// Nothing for a record of a model that took the name but has another size.
+// Null for a record of a model that has the name of a built-in one but another size.
 const RecordLayout* LayoutOf(const Variable& variable) {
     for (const RecordLayout& layout : kRecords)
         if (variable.name == layout.variable && variable.type == SVT_RECORD && variable.size == layout.size)
@@ -122,7 +122,7 @@ Decoded DecodeFields(std::span<const FieldLayout> fields, const uint8_t* record)
 }
 
 Decoded DecodeJobQueue(const Bytes& value) {
-    // The count is a writer's word: only entries that are there are shown.
+    // The count is what a writer claims. Only entries that are present are shown.
     constexpr size_t kEntries = offsetof(TvsJobQueue, entries);
     const size_t count = std::min<size_t>(NumberAt(value.data(), 32), (value.size() - kEntries) / sizeof(TvsJobRecord));
     Decoded decoded{.form = Decoded::Form::List};
@@ -147,7 +147,7 @@ Decoded DecodeMembers(const std::vector<Variable>& variables, const Variable& co
         if (member->type == SVT_COMPOSITE || at + member->room > value.size()) break;
         const auto begin = value.begin() + static_cast<ptrdiff_t>(at);
         const Bytes bytes(begin, begin + static_cast<ptrdiff_t>(member->room));
-        // What varies is cut or filled up to its room, and has no form any more.
+        // The service cuts or pads a value that varies to its room, so its form is lost.
         Decoded part = member->size != 0 ? Decode(variables, *member, bytes)
                                          : Decoded{.form = Decoded::Form::Bytes, .bytes = bytes};
         part.name = ToUtf8(name);
@@ -321,8 +321,8 @@ Bytes EncodeNumber(const std::string& word, unsigned bits, const std::string& na
     return Bytes(bytes, bytes + bits / 8);
 }
 
-// Padded with NULs to `size`, one at least. Also a string variable, so that its persistent copy, which gives the size
-// of the variable when the database is made again, has room for longer texts.
+// Padded with NULs to `size`, with at least one. Strings are padded too: the persistent copy sets the size of the
+// variable when the database is created again, and longer texts must fit then.
 Bytes EncodeText(const std::string& word, size_t size, const std::string& name) {
     const std::string ansi = RequireAnsi(word, name);
     if (ansi.size() >= size) {

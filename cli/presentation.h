@@ -1,8 +1,7 @@
-// Values of variables taken apart by their type, for people and for JSON, and put together again from what a user
-// types.
+// Values of variables: decoded by their type, for people and for JSON, and encoded from what a user types. No state.
 //
-// What is shown is what is known: records whose fields are not known are lists of their words, bits without a known
-// meaning are only in the number.
+// A record whose fields are not known is a list of its words. A bit whose meaning is not known shows only in the
+// number.
 #pragma once
 
 #include "catalogue.h"
@@ -31,22 +30,22 @@ struct Decoded {
 // variables: those of the printer, for the members of a composite.
 Decoded Decode(const std::vector<Variable>& variables, const Variable& variable, const Bytes& value);
 
-// The highest number of 32 bits says that the value is not known.
+// True for the highest 32-bit number, which says that the value is not known.
 bool IsUnknown(const Decoded& decoded);
 
-// A number is unsigned, null when it is not known; one with known bits comes as a number too, and NamedBits tells the
-// names of those that are set. Bytes come as null: the caller adds them in hexadecimal.
+// A number is unsigned, or null when it is not known. NamedBits has the names of the bits that are set. Bytes are null;
+// the caller adds them in hexadecimal.
 Json ToJson(const Decoded& decoded);
 Json NamedBits(const Decoded& decoded);
 
 std::string OneLine(const Decoded& decoded);
-// A line each for the fields of a record, else one line.
+// One line for each field of a record; else one line.
 std::string ManyLines(const Decoded& decoded);
 
-// The value that the user's words stand for. One word: a number, "unknown", or a text. field=value words: a record's
-// fields, the others as in `present`. Throws Failure (Exit::Usage).
+// The value that the user's words mean. One word is a number, "unknown", or a text. FIELD=VALUE words set fields of a
+// record; the other fields come from `present`. Throws Failure (Exit::Usage).
 Bytes Encode(const Variable& variable, const std::vector<std::string>& words, const Bytes& present);
-// A number as the user types it, or "unknown".
+// A number as the user types it, or "unknown". Throws Failure (Exit::Usage).
 inline constexpr char kUnknown[] = "unknown";
 std::optional<uint64_t> ParseKnownOrUnknown(const std::string& word, unsigned bits);
 // True when Encode needs the present value.

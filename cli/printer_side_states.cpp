@@ -1,4 +1,4 @@
-// The record of printer_side_states.h in the registry. No state.
+// The registry values of printer_side_states.h. No state of its own.
 #include "printer_side_states.h"
 
 #include "failure.h"
@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kSidesKey[] = "SOFTWARE\\Tavik\\Oriel\\PrinterSides";
 
-constexpr DWORD kStartFailed = 0x80000000; // in the word of the state
+constexpr DWORD kStartFailed = 0x80000000; // flag in the state word
 
 struct StoredState {
     DWORD owner;
@@ -26,7 +26,7 @@ static_assert(sizeof(StoredState) == 32 && offsetof(StoredState, since) == 16);
 
 constexpr DWORD kCannotBegin = 1; // exit codes of the printer side
 constexpr DWORD kWrong = 2;
-constexpr DWORD kSignals = 128; // and the signal's number
+constexpr DWORD kSignals = 128; // plus the signal's number
 
 bool Lives(DWORD process) {
     const KernelHandle handle(OpenProcess(SYNCHRONIZE, FALSE, process));
@@ -37,7 +37,7 @@ bool Lives(DWORD process) {
 
 std::vector<PrinterSideState> ReadPrinterSideStates() {
     std::vector<PrinterSideState> states;
-    // A number of a process may be another's by now: the product that is up says so itself too.
+    // The process number may belong to another process by now, so the product must also be initialised.
     if (!ProductInitialised()) return states;
     const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, kSidesKey, KEY_QUERY_VALUE);
     if (!key) return states;
@@ -73,8 +73,9 @@ std::string WhyNotRunning(const PrinterSideState& state) {
     if (state.state == SideState::Running) return "";
     if (state.state == SideState::Resting) return "it was asked to end; it starts again when the printer is opened";
     if (state.startFailed) return SystemFailure(state.code, "it cannot be started").why;
-    if (state.code == kWrong) return "its script or command line is wrong (TVSPSD.EXE --check tells what)";
-    if (state.code == kCannotBegin) return "it could not begin; its message is where 'oriel up' writes its own";
+    if (state.code == kWrong)
+        return std::string("its script or command line is wrong (") + kPrinterSideProgram + " --check tells what)";
+    if (state.code == kCannotBegin) return "it could not start; its message is in the output of 'oriel up'";
     if (state.code > kSignals) return "it was ended by signal " + std::to_string(state.code - kSignals);
     return "it ended with " + std::to_string(state.code);
 }

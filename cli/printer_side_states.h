@@ -1,15 +1,15 @@
-// What has become of the printer sides, as `oriel up` keeps it in the registry for whoever asks.
+// The states of the printer sides, which `oriel up` publishes in the registry. State: that key.
 //
 // HKEY_LOCAL_MACHINE\SOFTWARE\Tavik\Oriel\PrinterSides has a REG_BINARY value for each side, named like its printer:
 //
 //    0  u32  the process of `oriel up` that wrote it
-//    4  u32  1 runs, 2 restarts, 3 rests; | 0x80000000: it could not be started
-//    8  u32  what the side ended with last, or the system's error when it could not be started; 0: neither
-//   12  u32  milliseconds from `since` until it is started again; 0: it is not, or it runs
+//    4  u32  1 running, 2 restarting, 3 resting; | 0x80000000: it could not be started
+//    8  u32  its last exit code, or the system's error when it could not be started; 0: neither
+//   12  u32  milliseconds from `since` until it is started again; 0: it runs, or is not started again
 //   16       since: SYSTEMTIME, UTC
 //
-// All may read it, only who may change the registry can write it. What a process left that lives no more is passed
-// over.
+// Everybody may read the key; writing takes the right to change the registry. Values of a process that has ended are
+// ignored.
 #pragma once
 
 #include "output.h"
@@ -21,8 +21,8 @@
 
 enum class SideState : DWORD {
     Running = 1,
-    Restarting = 2, // it ended by itself, or could not be started, and is started again
-    Resting = 3,    // it was asked to end, as all managers were; it is started again when its printer is opened
+    Restarting = 2, // it ended by itself or could not be started, and will be started again
+    Resting = 3,    // it was asked to end, like all managers; it starts again when its printer is opened
 };
 
 struct PrinterSideState {
@@ -34,13 +34,13 @@ struct PrinterSideState {
     SYSTEMTIME since{};
 };
 
-// Of the printer sides that a living `oriel up` looks after, in no order; a printer that has none is not in it. Empty
-// where no product is up. Never fails: what cannot be read is not there.
+// The states of the printer sides that a running `oriel up` looks after, in no order. Empty when no product is up. A
+// value that cannot be read is left out.
 std::vector<PrinterSideState> ReadPrinterSideStates();
 
 // "running", "restarting", "resting": for tables and JSON.
 const char* SideStateName(SideState state);
-// Why it does not run, as one phrase without a full stop: "it was ended by signal 9", "its script or command line is
+// Why it does not run, as a phrase without a full stop: "it was ended by signal 9", "its script or command line is
 // wrong (TVSPSD.EXE --check tells what)". Empty when it runs.
 std::string WhyNotRunning(const PrinterSideState& state);
 
@@ -49,7 +49,7 @@ Json SideJson(const PrinterSideState& state);
 // "running", "restarting: it ended with 3".
 std::string SideText(const PrinterSideState& state);
 
-// For `oriel up`. A registry that cannot be written loses what is told here, and nothing else.
+// For `oriel up`. When the registry cannot be written, only this report is lost.
 void PublishSideState(const PrinterSideState& state);
 void ForgetSideState(const std::string& printer);
 void ForgetAllSideStates();

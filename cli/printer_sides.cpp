@@ -13,17 +13,17 @@
 
 namespace {
 
-constexpr DWORD kSettingsMs = 2000; // between looks at which printers have a script
-constexpr DWORD kStopMs = 5000;     // for those that were told to end
-constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to make its database
+constexpr DWORD kSettingsMs = 2000; // between checks which printers have a script
+constexpr DWORD kStopMs = 5000;     // for those that were asked to end
+constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to create its database
 
 bool HasPassed(DWORD due) {
     return static_cast<LONG>(GetTickCount() - due) >= 0;
 }
 
-// An event for this user alone that no other process has. Who knows its name can wait for it.
+// A new event for this user alone. A process that knows its name can wait for it.
 KernelHandle NewStopEvent(std::string& name) {
-    constexpr int kAttempts = 64; // names that others took before us
+    constexpr int kAttempts = 64; // names that others took first
     static DWORD number = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         name = SharedName(
@@ -61,7 +61,7 @@ void PrinterSides::Publish(const Side& side, const PrinterSideState& state) {
     PublishSideState(full);
 }
 
-// It answers who waits for it, and says that it takes no more requests. One that does not end in time is ended.
+// The side answers pending requests and reports that it takes no more. One that does not end in time is killed.
 void PrinterSides::AskToEnd(Side& side) {
     if (side.leaving || !side.process) return;
     side.leaving = true;
@@ -69,7 +69,7 @@ void PrinterSides::AskToEnd(Side& side) {
     SetEvent(side.stop.Get());
 }
 
-// New printers get a side, those that are gone or have another script lose theirs.
+// New printers get a side. Printers that are gone or have another script lose theirs.
 void PrinterSides::ReadSettings() {
     if (m_settingsRead && GetTickCount() - m_settingsReadAt < kSettingsMs) return;
     m_settingsRead = true;
@@ -95,8 +95,8 @@ void PrinterSides::ReadSettings() {
     }
 }
 
-// The first manager of a printer makes its database, which its printer side and others wait for. A process of its own
-// opens it: the library in this one may have been loaded before the product was installed, and then opens nothing.
+// The first manager of a printer creates its database, which its printer side waits for. A separate process opens it:
+// the library in this process may have been loaded before the product was installed, and then opens nothing.
 void PrinterSides::OpenOnce(const std::string& printer) {
     if (std::find(m_opened.begin(), m_opened.end(), printer) != m_opened.end()) return;
     m_opened.push_back(printer);
@@ -110,7 +110,7 @@ void PrinterSides::OpenOnce(const std::string& printer) {
     } else if (WaitForSingleObject(process.Get(), kOpenMs) != WAIT_OBJECT_0) {
         TerminateProcess(process.Get(), 1);
         LogFailure(SystemFailure(WAIT_TIMEOUT, what));
-    } // else it has told itself what went wrong
+    } // otherwise the process has printed its own error
 }
 
 void PrinterSides::OpenPrinters() {
@@ -142,8 +142,8 @@ void PrinterSides::StartSide(Side& side) {
     m_tell({.printer = side.printer, .started = true});
 }
 
-// One that ended without a fault was asked to, as all managers of the machine can be. It comes back when somebody opens
-// its printer, of which the opening manager tells by an event; where that cannot be had, once the termination is over.
+// A side that ended with 0 was asked to end, as all managers of the machine can be. It starts again when a manager
+// opens its printer and sets the event; without the event, at once.
 void PrinterSides::NoteEnd(Side& side) {
     DWORD code = 0;
     GetExitCodeProcess(side.process.Get(), &code);
@@ -170,7 +170,7 @@ void PrinterSides::Tend() {
         if (!side.process) continue;
         if (WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) {
             NoteEnd(side);
-            if (side.leaving) m_settingsRead = false; // its printer may have another one
+            if (side.leaving) m_settingsRead = false; // its printer may have another script
         } else if (side.leaving && HasPassed(side.dueAt)) {
             TerminateProcess(side.process.Get(), 1);
         }

@@ -1,4 +1,4 @@
-// The printer sides that `oriel up` looks after: a process for each printer that has a script.
+// The printer sides that `oriel up` runs: one process for each printer that has a script. State: the object's.
 #pragma once
 
 #include "handles.h"
@@ -10,31 +10,31 @@
 #include <string>
 #include <vector>
 
-// A printer's side was started, or it ended.
+// A printer side was started, or it ended.
 struct PrinterSideNews {
     std::string printer; // ANSI
     bool started = false;
-    DWORD code = 0;    // with which it ended: 0, as it was asked to
-    DWORD pauseMs = 0; // until it is started again; 0: it is not
+    DWORD code = 0;    // its exit code; 0: it was asked to end
+    DWORD pauseMs = 0; // until it is started again; 0: it is not started again
 };
 using TellPrinterSideNews = std::function<void(const PrinterSideNews& news)>;
 
 class PrinterSides {
 public:
     explicit PrinterSides(TellPrinterSideNews tell);
-    // Ends those that still run.
+    // Ends those that still run; kills one that takes too long.
     ~PrinterSides();
     PrinterSides(const PrinterSides&) = delete;
     PrinterSides& operator=(const PrinterSides&) = delete;
 
-    // The printer gets this access control list, a text, at its first open unless it has one.
+    // At its first open the printer gets this access control list (SDDL) unless it has one.
     void GiveAccessList(const std::string& printer, const std::string& list) { m_accessLists.emplace(printer, list); }
-    // Looks at printers and processes, starts and ends what is due. To be called now and then while the service runs.
+    // Checks printers and processes, and starts or ends what is due. Called regularly while the service runs.
     void Tend();
-    // Opens each printer that has a driver once, so that its database is there: most client kinds open no other. Asks the
-    // print server, so not again and again.
+    // Opens each printer that has a driver once, which creates its database; most client kinds open only such printers.
+    // Asks the print server, so it is not called often.
     void OpenPrinters();
-    // The service is another one: it has no databases.
+    // The service was restarted and has no databases.
     void ServiceIsNew() { m_opened.clear(); }
 
 private:
@@ -43,11 +43,11 @@ private:
         std::string port;
         std::string script;
         KernelHandle process{};
-        KernelHandle stop{};   // event: the process shall end
-        bool leaving = false;  // it was told so, since its printer has no such side any more
-        DWORD dueAt = 0;       // tick count: of the next start, or of the end by force of one that leaves
+        KernelHandle stop{};   // event: asks the process to end
+        bool leaving = false;  // it was asked to end: its printer has another script or none
+        DWORD dueAt = 0;       // tick count of the next start, or of the kill of one that is leaving
         bool resting = false;  // until its printer is opened
-        KernelHandle opened{}; // event: it was, since then. None: it could not be had
+        KernelHandle opened{}; // event: the printer was opened since then; none when the event cannot be created
         RestartPause restart{};
     };
 
@@ -60,7 +60,7 @@ private:
 
     TellPrinterSideNews m_tell;
     std::vector<Side> m_sides;
-    std::vector<std::string> m_opened; // printers whose database is there
+    std::vector<std::string> m_opened; // printers whose database exists
     std::map<std::string, std::string> m_accessLists{};
     DWORD m_settingsReadAt = 0;
     bool m_settingsRead = false;

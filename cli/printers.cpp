@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr size_t kLongestNewName = 220; // that the spooler takes
+constexpr size_t kLongestNewName = 220; // the spooler's limit
 constexpr char kPortValue[] = "Port";
-constexpr char kNameValue[] = "Name";           // the spooler's, of printers of its own
-constexpr char kScriptValue[] = "Oriel Script"; // of the product's, where everything of the printer goes with it
+constexpr char kNameValue[] = "Name";           // the spooler sets it for its own printers
+constexpr char kScriptValue[] = "Oriel Script"; // the product's; it is removed with the printer
 
 // None when the spooler cannot be asked.
 std::vector<Printer> SpoolerPrinters() {
@@ -54,7 +54,7 @@ void EnsurePrintersKey() {
     RegistryKey made;
     const LSTATUS status = CreateKey(HKEY_LOCAL_MACHINE, kPrintersKey, made);
     if (status != ERROR_SUCCESS)
-        throw SystemFailure(static_cast<uint32_t>(status), "cannot make the registry's key of printers");
+        throw SystemFailure(static_cast<uint32_t>(status), "cannot create the registry's key of printers");
 }
 
 std::vector<Printer> ListPrinters() {
@@ -68,7 +68,7 @@ std::vector<Printer> ListPrinters() {
             printer->inRegistry = true;
             const RegistryKey key = OpenKey(root.Get(), keyName, KEY_QUERY_VALUE);
             if (!key) continue;
-            // The library looks into the registry first; the spooler only counts where there is no key.
+            // Like the library: the registry first, the spooler only for a printer without a key.
             if (const std::string driver = TextOf(key.Get(), kDriverValue); !driver.empty()) printer->driver = driver;
             printer->script = TextOf(key.Get(), kScriptValue);
             if (printer->port.empty()) printer->port = TextOf(key.Get(), kPortValue);
@@ -109,7 +109,7 @@ std::string RequirePrinterText(const std::string& text, const char* what) {
 
 namespace {
 
-// "\\SERVER\NAME", the one form of a name with backslashes.
+// True for "\\SERVER\NAME", the only valid form of a name with backslashes.
 bool IsConnection(const std::string& name) {
     const std::string key = PrinterKeyName(name.c_str()).name; // commas for backslashes, and no others
     const size_t third = key.find(',', 2);
@@ -152,7 +152,7 @@ std::string KnownPrinterName(const std::string& name) {
         if (printer.name == name) return name;
     for (const Printer& printer : printers) {
         if (SameText(printer.name, name)) return printer.name;
-        // A key's name does not tell which of its commas stand for backslashes.
+        // Any comma in a key's name may stand for a backslash.
         if (!printer.inSpooler && SameText(printer.name, PrinterKeyName(name.c_str()).name)) return name;
     }
     const std::string shown = ToUtf8(name);
@@ -191,7 +191,7 @@ void InstallPrinter(const std::string& name, const std::string& driver, const st
 
 namespace {
 
-// What the new key has already, from the spooler, stays.
+// Values that the spooler has already put into the new key stay.
 LSTATUS CopyKey(HKEY from, const std::string& path) {
     RegistryKey to;
     if (const LSTATUS status = CreateKey(HKEY_LOCAL_MACHINE, path, to); status != ERROR_SUCCESS) return status;
@@ -215,14 +215,14 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
     for (const Printer& printer : ListPrinters())
         if (SameText(printer.name, newName)) throw SystemFailure(ERROR_PRINTER_ALREADY_EXISTS, what);
     std::string nameText = name, newText = newName;                 // the calls' texts are not const
-    PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS}; // it will have to be removed
+    PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS}; // it is removed afterwards
     PrinterHandle printer;
     if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
-        // Of its own printers the spooler keeps the name there too; others it could not remove afterwards.
+        // The spooler stores the name of its own printers here. It could not remove others afterwards.
         if (!ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kNameValue)) {
             Failure failure = SystemFailure(ERROR_NOT_SUPPORTED, what);
             failure.why = "the printer belongs to a print server";
-            failure.next = "rename it there, and tell the product with 'oriel set PRINTER PrinterName NEW'";
+            failure.next = "rename it there, then run 'oriel set PRINTER PrinterName NEW'";
             throw failure;
         }
         const auto buffer = SpoolerRecords(
@@ -264,11 +264,12 @@ void UninstallPrinter(const std::string& name) {
     PrinterHandle printer;
     if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
         if (!DeletePrinter(printer.Get())) throw SystemFailure(GetLastError(), what);
-        DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name)); // a connection has none from the spooler, but of ours
+        DeleteTree(HKEY_LOCAL_MACHINE,
+                   PrinterKeyPath(name)); // a connection has no key from the spooler, but may have ours
         return;
     }
     if (GetLastError() != ERROR_INVALID_PRINTER_NAME) throw SystemFailure(GetLastError(), what);
-    // The spooler does not know it; what the registry may still have of it can go.
+    // The spooler does not know it. Remove what the registry may still have.
     const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
     if (status == ERROR_FILE_NOT_FOUND) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
     if (status != ERROR_SUCCESS) throw SystemFailure(static_cast<uint32_t>(status), what);

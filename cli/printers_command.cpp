@@ -14,14 +14,14 @@
 
 namespace {
 
-// Whether a path means the same wherever the program runs that opens it.
+// Whether a path is absolute, so that it means the same in every working directory.
 bool IsAbsolute(const std::string& path) {
     return path.starts_with('/') || path.starts_with('\\') || (path.size() > 2 && path[1] == ':');
 }
 
 constexpr DWORD kCheckMs = 30000;
 
-// The printer side reads its script itself, and tells its mistakes on standard error with their lines.
+// The printer side checks its own script, and reports errors with their lines on standard error.
 void CheckScript(const std::string& script, const std::string& path) {
     const std::string program = OwnDirectory() + kPrinterSideProgram;
     const std::string what = "cannot check the script " + script;
@@ -38,7 +38,7 @@ void CheckScript(const std::string& script, const std::string& path) {
                            "correct the lines above; nothing was added. docs/printer.md describes scripts");
 }
 
-// The script's path in the form in which it is stored. A mistake in the file would show only later.
+// The script's path as it is stored. The file is checked now: otherwise an error would show only later.
 std::string ScriptPath(const std::string& script) {
     const std::string path = RequireAnsi(script, "the script's path");
     if (!IsAbsolute(path))
@@ -54,8 +54,8 @@ const char* WhoKnows(const Printer& printer) {
     return "registry";
 }
 
-// Most client kinds open only a printer that has been opened before; `up` opens those that it finds when it starts.
-// What hinders an open is told to whoever needs it.
+// Most client kinds open only a printer that has been opened before, and `up` opens only the printers that exist when
+// it starts. A failure is ignored here: whoever opens the printer later gets it.
 void OpenForOthers(const std::string& name) {
     if (!ProductInitialised()) return;
     try {
@@ -107,7 +107,7 @@ Exit AddPrinterCommand(const std::string& name, const std::string& driver, const
     try {
         if (script) SetPrinterScript(nameText, scriptPath);
     } catch (const Failure&) {
-        UninstallPrinter(nameText); // the whole or nothing
+        UninstallPrinter(nameText); // all or nothing
         throw;
     }
     OpenForOthers(name);

@@ -38,7 +38,7 @@ std::string OwnProgram() {
     std::string name(MAX_PATH, '\0');
     for (;;) {
         const DWORD length = GetModuleFileNameA(nullptr, name.data(), static_cast<DWORD>(name.size()));
-        if (!length) throw SystemFailure(GetLastError(), "cannot tell where this program is");
+        if (!length) throw SystemFailure(GetLastError(), "cannot find out where this program is");
         if (length < name.size()) {
             name.resize(length);
             return name;
@@ -125,7 +125,7 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
     } else if (lastError == RPC_S_SERVER_UNAVAILABLE) {
         failure.exitCode = Exit::TimedOut;
         failure.why = "the status database service runs but does not answer";
-        failure.next = "try again; if that does not help, restart the product";
+        failure.next = "try again, or restart the product";
     } else if (lastError != ERROR_SUCCESS) {
         return StatusFailure(static_cast<int32_t>(lastError), what);
     } else if (kind.needsProduct) {

@@ -15,16 +15,16 @@ using product::kServiceName;
 inline constexpr char kServiceDisplayName[] = "Oriel status database";
 inline constexpr char kServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
 
-// The folder of the product, ending with a backslash, as registered; nothing when it is not.
+// The installation directory as registered, ending with a backslash; nothing when none is registered.
 std::optional<std::string> InstalledDirectory();
-// The path of this program; its folder, ending with a backslash.
+// The path of this program; its directory, ending with a backslash.
 std::string OwnProgram();
 std::string OwnDirectory();
 bool FileExists(const std::string& path);
 
-// The name of an object that all sessions of the machine share: "Global\" before it on Terminal Services.
+// The name of an object that all sessions of the machine share: with the prefix "Global\" on Terminal Services.
 std::string SharedName(const char* name);
-// "5.1.2600", and whether it is a Terminal Services system.
+// "5.1.2600"; "unknown" when the system does not say.
 std::string SystemVersion();
 
 // SERVICE_RUNNING and the like, 0 when the service is not installed.
@@ -32,8 +32,8 @@ DWORD ServiceState();
 const char* ServiceStateName(DWORD state);
 bool ProductInitialised();
 
-// "start it with 'oriel up'", as it is done for the product that this command talks to.
+// "start it with 'oriel up'", in the form that suits the product that this command talks to.
 std::string HowToStart();
 
-// Tells why the library could open no manager: it has one code for all reasons. lastError: what the failed open left.
+// Finds out why the library could not open a manager, for which it has one code. lastError: after the failed open.
 Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastError);

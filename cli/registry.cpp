@@ -1,4 +1,4 @@
-// Reading, listing and deleting of registry.h. No state.
+// The calls of registry.h. No state.
 #include "registry.h"
 
 #include "product/growing_reads.h"
@@ -31,7 +31,7 @@ std::optional<RegistryValue> ReadValue(HKEY key, const std::string& name) {
         DWORD size = 0;
         if (RegQueryValueExA(key, name.c_str(), nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS)
             return ReadAttempt::Failed;
-        value.data.resize(size ? size : 1); // an address also for an empty value
+        value.data.resize(size ? size : 1); // an empty value needs an address too
         const LSTATUS status = RegQueryValueExA(key, name.c_str(), nullptr, &value.type, value.data.data(), &size);
         if (status == ERROR_SUCCESS) value.data.resize(size);
         return status == ERROR_SUCCESS     ? ReadAttempt::Done

@@ -1,4 +1,4 @@
-// Values of the registry as this command needs them, for the other files here.
+// Reading, writing and listing the registry with strings and vectors. No state.
 #pragma once
 
 #include "handles.h"
@@ -19,7 +19,7 @@ struct RegistryValue {
     std::optional<std::string> Text() const;
 };
 
-// An open key, or none and the system's code.
+// None when the key cannot be opened; error then has the system's code.
 RegistryKey OpenKey(HKEY root, const std::string& path, REGSAM access, LSTATUS* error = nullptr);
 LSTATUS CreateKey(HKEY root, const std::string& path, RegistryKey& key);
 
@@ -27,8 +27,8 @@ std::optional<RegistryValue> ReadValue(HKEY key, const std::string& name);
 std::optional<std::string> ReadText(HKEY root, const std::string& path, const std::string& name);
 LSTATUS WriteText(HKEY root, const std::string& path, const std::string& name, const std::string& text);
 
-// In the order of the registry. They end early where another process deletes the key meanwhile.
+// In the order of the registry. The list is cut short when another process deletes the key meanwhile.
 std::vector<RegistryValue> ListValues(HKEY key);
 std::vector<std::string> ListSubkeys(HKEY key);
-// The key with all that is below it.
+// Deletes the key with everything below it.
 LSTATUS DeleteTree(HKEY root, const std::string& path);

@@ -1,4 +1,4 @@
-// reg query, set, delete, import, export.
+// reg query, set, delete, import, export. No state.
 #include "commands.h"
 
 #include "files.h"
@@ -78,7 +78,7 @@ std::vector<std::string> Strings(const Bytes& data) {
     return strings;
 }
 
-// A text, a number or a list of texts where the type and size say so; else null.
+// A text, a number or a list of texts, as the type and size say; else null.
 Json DataJson(const RegistryValue& value) {
     if (const std::optional<std::string> text = value.Text()) return ToUtf8(*text);
     if (value.type == REG_MULTI_SZ) return Strings(value.data);

@@ -1,4 +1,4 @@
-// rename, port: what a printer is called and where it is.
+// rename, port: the name and the port of a printer. No state.
 #include "commands.h"
 
 #include "opened_printer.h"
@@ -31,8 +31,8 @@ int32_t StoreName(const OpenedPrinter& printer, const std::string& name) {
 
 } // namespace
 
-// The product knows the printer by its new name before `up` can see a printer of that name with a script: what it then
-// opened would become a printer of its own.
+// The product gets the new name before `up` can see a printer of that name with a script. Otherwise `up` would open it
+// as another printer.
 Exit RenameCommand(const ManagerOptions& options, const std::string& newName) {
     const std::string name = RequireNewPrinterName(newName);
     const OpenedPrinter printer = OpenPrinterOf(options);

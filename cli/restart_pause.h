@@ -1,5 +1,5 @@
-// How long to wait before a process that ended is started again: longer each time, and short again once it ran for
-// long.
+// How long to wait before a process that ended is started again: longer each time, and short again after a long run.
+// State: the object's.
 #pragma once
 
 #include <windows.h>
@@ -8,9 +8,9 @@
 
 class RestartPause {
 public:
-    // It is started now, or that is tried.
+    // Call at each start, also at one that fails.
     void Began() { m_began = GetTickCount(); }
-    // It has ended, or could not be started: the pause, in milliseconds.
+    // Call when it has ended or could not be started. Returns the pause in milliseconds.
     DWORD AfterEnd() {
         if (GetTickCount() - m_began > kHealthyMs) m_next = kFirstMs;
         const DWORD pause = m_next;

@@ -1,4 +1,4 @@
-// One binding for the process: there is one such database at a time. No state of its own.
+// The process has one binding, and one such database at a time.
 #include "service_client.h"
 
 namespace {
@@ -23,7 +23,7 @@ Bytes ServiceDatabase::Read(const char* variable) const {
     return value;
 }
 
-// A service never gives out a handle of the one before it.
+// A restarted service never issues a handle of its predecessor.
 ServiceDatabase::Service ServiceDatabase::Look() const {
     product::DatabaseInfo info{};
     switch (GetDatabaseInfo(m_database.Get(), &info)) {

@@ -1,5 +1,6 @@
-// The service asked without the library: for the variable that the library lets nobody read, and to learn that the
-// service is another one, since the library opens its managers anew without a word.
+// Calls of the service without the library: for the variable that is write-only in the library, and to notice a restart
+// of the service, after which the library reopens its managers silently. State: the object's, and the process's
+// binding.
 #pragma once
 
 #include "opened_printer.h"
@@ -12,7 +13,7 @@ public:
     // what: for the failure. Throws Failure when there is no service, or no database of the printer.
     ServiceDatabase(const OpenedPrinter& printer, const std::string& what);
 
-    // The stored bytes. Throws Failure.
+    // The value as it is stored. Throws Failure.
     Bytes Read(const char* variable) const;
 
     // Whether the service is still the one that opened the database.
@@ -26,5 +27,5 @@ private:
 
     std::string m_what;
     Binding m_binding;
-    Guard<DatabaseHandle, &CloseDatabase> m_database; // goes first
+    Guard<DatabaseHandle, &CloseDatabase> m_database; // closed before the binding ends
 };

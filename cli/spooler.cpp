@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kPiece = size_t{1} << 20; // of a document that is written at once
+constexpr size_t kPiece = size_t{1} << 20; // of a document, in one write
 
 constexpr struct {
     uint32_t bit;
@@ -71,7 +71,7 @@ uint32_t SpoolDocument(HANDLE printer, const std::string& title, std::string_vie
                        const std::string& what) {
     std::string titleText = title; // the record's pointers are not const
     DOC_INFO_1A document{titleText.data(), nullptr, nullptr};
-    // The job is dropped with the handle unless it is completed.
+    // Closing the handle drops a job that is not complete.
     const DWORD job = StartDocPrinterA(printer, 1, reinterpret_cast<LPBYTE>(&document));
     if (job == 0) throw SystemFailure(GetLastError(), what);
     if (held && !SetJobA(printer, job, 0, nullptr, JOB_CONTROL_PAUSE)) throw SystemFailure(GetLastError(), what);

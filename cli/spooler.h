@@ -1,4 +1,4 @@
-// Jobs of the print spooler.
+// Calls of the print spooler and its jobs. No state.
 #pragma once
 
 #include "handles.h"
@@ -38,13 +38,13 @@ struct SpoolerJob {
     SYSTEMTIME submitted{};
 };
 
-// None where the spooler does not know the printer. Throws Failure when it cannot be asked.
+// None when the spooler does not know the printer. Throws Failure when the spooler cannot be asked.
 PrinterHandle OpenInSpooler(const std::string& name);
 // In the order of the queue. Throws Failure.
 std::vector<SpoolerJob> ListJobs(HANDLE printer, const std::string& shownName);
-// "paused, printing"; "waiting" when there is nothing to tell.
+// "paused, printing"; "waiting" without any status bit.
 std::string JobStatusText(uint32_t status);
 
-// Spools a document as one job, and answers its number. held: it is paused before it is complete. Throws Failure.
+// Spools a document as one job and returns its number. held: pauses the job before it can print. Throws Failure.
 uint32_t SpoolDocument(HANDLE printer, const std::string& title, std::string_view content, bool held,
                        const std::string& what);

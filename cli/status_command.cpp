@@ -1,4 +1,4 @@
-// status: what is installed and what runs.
+// status: what is installed and what runs. No state.
 #include "commands.h"
 
 #include "layer.h"

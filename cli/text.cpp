@@ -54,7 +54,7 @@ char LowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
 }
 
-// How many letters have to be put in, taken out, exchanged or swapped with their neighbour.
+// The edit distance: letters inserted, deleted, replaced or swapped with their neighbour.
 size_t Slips(std::string_view a, std::string_view b) {
     std::vector<std::vector<size_t>> table(a.size() + 1, std::vector<size_t>(b.size() + 1));
     for (size_t i = 0; i <= a.size(); ++i) {
@@ -77,7 +77,7 @@ std::optional<std::string> ToAnsi(std::string_view utf8) {
     const std::optional<WideText> wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, utf8);
     if (!wide) return std::nullopt;
     std::optional<std::string> ansi = Narrow(CP_ACP, *wide);
-    // The way back tells also of characters that were exchanged for similar ones.
+    // Converting back also finds characters that were replaced by similar ones.
     if (!ansi || Widen(CP_ACP, 0, *ansi) != wide) return std::nullopt;
     return ansi;
 }
@@ -203,7 +203,7 @@ bool MatchesPattern(std::string_view pattern, std::string_view text) {
 }
 
 std::string Nearest(std::string_view word, const std::vector<std::string>& candidates) {
-    constexpr size_t kLongest = 64; // of a word that is worth the work
+    constexpr size_t kLongest = 64; // longer words are not compared
     std::string nearest;
     size_t fewest = word.size() > kLongest ? 0 : 1 + std::min<size_t>(2, word.size() / 3);
     for (const std::string& candidate : candidates) {

@@ -1,4 +1,4 @@
-// Text on its way between the terminal, which speaks UTF-8, and everything below, which speaks the ANSI code page.
+// Text conversion between the terminal (UTF-8) and everything below (the ANSI code page). No state.
 #pragma once
 
 #include <cstdint>
@@ -9,21 +9,21 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// Nothing when the text is no UTF-8, or holds a character that the code page does not have.
+// Nothing when the text is not UTF-8 or has a character that the code page lacks.
 std::optional<std::string> ToAnsi(std::string_view utf8);
 // The same, or throws Failure (Exit::Usage). what: "the printer name".
 std::string RequireAnsi(const std::string& utf8, const std::string& what);
-// Always valid UTF-8: bytes that are no text in the code page become U+FFFD or the code page's own replacement.
+// Always valid UTF-8. Bytes that are not text in the code page become U+FFFD or the code page's own replacement.
 std::string ToUtf8(std::string_view ansi);
 // The same, up to the first NUL of a field.
 std::string FieldToUtf8(const uint8_t* field, size_t size);
 
-// UTF-8 as it may be shown: control characters, which could drive the terminal, as \n, \t or \x1b.
+// UTF-8 that is safe to show: control characters, which could drive the terminal, become \n, \t or \x1b.
 std::string Printable(std::string_view utf8);
 // Columns that UTF-8 text takes on a terminal.
 size_t DisplayWidth(std::string_view utf8);
 
-// "04 00 ff", and back; blanks between bytes may be left out, 0x and commas are taken too.
+// "04 00 ff", and back. Blanks between bytes are optional; 0x and commas are accepted.
 std::string ToHex(const uint8_t* bytes, size_t size);
 std::optional<Bytes> FromHex(std::string_view text);
 
@@ -31,9 +31,9 @@ std::optional<Bytes> FromHex(std::string_view text);
 // or as an unsigned number.
 std::optional<uint64_t> ParseNumber(std::string_view text, unsigned bits);
 
-// The candidate that the word was most likely meant to be: the same in another case, or a slip or two away; empty when
-// there is none.
+// The candidate that the user most likely meant: the same word in another case, or one or two typing errors away. Empty
+// when there is none.
 std::string Nearest(std::string_view word, const std::vector<std::string>& candidates);
 
-// Shell pattern with * and ?, letters without regard to case.
+// Matches a shell pattern with * and ?, without regard to case.
 bool MatchesPattern(std::string_view pattern, std::string_view text);

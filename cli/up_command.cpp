@@ -1,6 +1,6 @@
-// up: the product's start-up process. It registers the installation when that is missing, starts the status database
-// service, signals that the product is initialised, starts a printer side for each printer that has a script, keeps all
-// of them running, and undoes all of it on Ctrl-C.
+// up: the product's start-up process. It registers the installation if it is not registered, starts the status database
+// service, signals that the product is initialised, and starts a printer side for each printer that has a script. It
+// keeps all of them running, and stops them on Ctrl-C.
 //
 // State: g_stop, set when the user wants to stop.
 #include "commands.h"
@@ -29,12 +29,12 @@ constexpr DWORD kWatchMs = 250;   // while it runs
 
 HANDLE g_stop = nullptr;
 
-// ---- what is said
+// ---- output
 
 struct Teller {
     bool quiet;
 
-    // fields: more of the JSON line.
+    // fields: further fields of the JSON line.
     void Tell(const char* event, const std::string& text, Json fields = Json::object()) const {
         if (quiet) return;
         if (!g_output.json) {
@@ -121,7 +121,7 @@ ServiceHandle CreateTheService() {
     return service;
 }
 
-// The service, created when it is missing, and anew when it does not run and would start a program of another place.
+// The service. It is created when it is missing, and again when it is stopped and its program lies elsewhere.
 ServiceHandle TheService(const Teller& teller) {
     const ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
     if (!manager) throw SystemFailure(GetLastError(), "cannot reach the service control manager");
@@ -141,7 +141,7 @@ ServiceHandle TheService(const Teller& teller) {
     return service;
 }
 
-// True when the service runs in the end, false when the user wanted to stop first.
+// True when the service runs, false when the user wanted to stop first.
 bool Start(const ServiceHandle& service) {
     if (!StartServiceA(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING)
         throw SystemFailure(GetLastError(), "cannot start the status database service");
@@ -184,8 +184,8 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
                 {{"printer", demo.name}, {"script", demo.script}});
 }
 
-// Watches service and printer sides until the user wants to stop, and starts what ended again. startedHere: set when it
-// was the service.
+// Watches the service and the printer sides until the user wants to stop, and restarts what ended. startedHere: set
+// when it restarted the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
     RestartPause restart;
     sides.Tend();
@@ -213,7 +213,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
     }
 }
 
-// Says that the product is initialised for as long as it lives.
+// Signals that the product is initialised, until it is destroyed.
 struct InitialisedSignal {
     InitialisedSignal() {
         m_event = KernelHandle(product::CreateEventForEveryone(SharedName(product::kProductInitialisedName).c_str()));
@@ -226,11 +226,11 @@ private:
     KernelHandle m_event;
 };
 
-// This user's alone. Owned from construction to its end, or Held() is false: another process holds it.
+// The start-up mutex, for this user alone. Held() is false when another process has it.
 struct UpMutex {
     UpMutex() {
         m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, product::kStartUpMutexName));
-        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // it is another user's
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // another user's
         if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
         const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);
         m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
@@ -271,7 +271,7 @@ Exit UpCommand(const UpOptions& options) {
             teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
             PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
             if (demo) sides.GiveAccessList(demo->name, demo->accessList);
-            sides.OpenPrinters(); // before anybody is told that he may
+            sides.OpenPrinters(); // before 'up' is reported
             const InitialisedSignal initialised;
             teller.Tell("up", "the product is up; Ctrl-C stops it");
             TellSupervisor("STATUS=up");
@@ -279,7 +279,7 @@ Exit UpCommand(const UpOptions& options) {
             KeepRunning(service, teller, sides, startedHere);
         }
     } catch (...) {
-        // Nothing stays running that nobody looks after; the first failure is the one to tell.
+        // Leave nothing running that nobody looks after. Report the first failure.
         if (startedHere) StopIfPossible(service);
         throw;
     }

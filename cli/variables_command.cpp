@@ -1,4 +1,4 @@
-// vars, get, info, set, result: what is done with the variables of one printer.
+// vars, get, info, set, result: the variables of one printer. No state.
 #include "commands.h"
 
 #include "files.h"
@@ -22,7 +22,7 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
     const OpenedPrinter printer = OpenPrinterOf(options);
     Json list = Json::array();
     Table table{{{"NAME", "TYPE", "SIZE", "WRITTEN (UTC)", "VALUE"}}};
-    bool missing = false; // from the database, which was made before the model was registered
+    bool missing = false; // some are not in the database, which is older than the model's registration
     for (const Variable& variable : printer.variables) {
         const std::string name = ToUtf8(variable.name);
         const auto matches = [&](const std::string& pattern) { return MatchesPattern(pattern, name); };
@@ -72,8 +72,7 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
 
 namespace {
 
-// Runs `one` for each name; a failure of one is told and the others are still done. The exit code is that of the first
-// failure.
+// Runs `one` for each name. A failure is reported and the others still run. The exit code is that of the first failure.
 template <typename One>
 Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names, const char* verb, One one) {
     Exit result = Exit::Done;
@@ -114,7 +113,7 @@ Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& n
         const Decoded decoded = Decode(printer.variables, variable, reading.value);
         AddValue(json, decoded, reading.value);
         if (g_output.json) return;
-        // One value alone comes bare, so that scripts can use it.
+        // A single value is printed bare, so that scripts can use it.
         const bool bare = names.size() == 1;
         if (options.hex) {
             PrintLine((bare ? "" : name + ": ") + ToHex(reading.value.data(), reading.value.size()));
@@ -168,7 +167,7 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
     } else {
         bytes = BytesOf(ReadWholeFile(*value.file));
     }
-    // The library would hand any size on to the service. A queue's size is that of an item, its value holds several.
+    // The library would pass any size on to the service. A queue's size is that of one item; its value holds several.
     const bool bounded = variable.size && variable.type != SVT_QUEUE;
     const bool fixed = bounded && variable.type != SVT_STRING;
     if ((fixed && bytes.size() != variable.size) || (bounded && bytes.size() > variable.size)) {
@@ -178,11 +177,11 @@ Bytes ValueToWrite(const OpenedPrinter& printer, const Variable& variable, const
     return bytes;
 }
 
-// Longer than the library gives a request in all.
+// Longer than the library's own limit for a request.
 constexpr DWORD kRequestBoundMs = 90000;
 
-// Starts the request and waits until it has been carried out, which it is only while this process lives. Its number is
-// told at once.
+// Starts the request, prints its number at once, and waits until it has been carried out. A request ends with its
+// process.
 uint32_t CarryOutRequest(const OpenedPrinter& printer, const Variable& variable, const Bytes& bytes, bool tellNumber) {
     const std::string what = WhatOf("write", ToUtf8(variable.name), printer);
     const KernelHandle done{CreateEventA(nullptr, TRUE, FALSE, nullptr)};

@@ -1,6 +1,6 @@
-// watch: prints the present values of variables and each change as the library tells it, until conditions hold, the
-// time is over or the user ends it. A restart of the service is survived. terminate: asks all managers of the machine
-// to shut down.
+// watch: prints the present values of variables and each change that the library reports, until conditions hold, it
+// times out or the user ends it. It survives a restart of the service. terminate: asks all managers of the machine to
+// shut down. No state.
 #include "commands.h"
 
 #include "condition.h"
@@ -16,14 +16,14 @@
 namespace {
 
 constexpr DWORD kLastWordsMs = 5000;
-// A message or a pulse can get lost, so all variables are also read now and then: soon after the registration, later
-// less often.
+// A message or a pulse can get lost, so all variables are also read from time to time: soon after the registration,
+// then less often.
 constexpr DWORD kFirstLooksMs[] = {50, 200, 1000};
 constexpr DWORD kLookMs = 5000;
-constexpr DWORD kServiceLookMs = 1000; // between questions whether the service is still the same
+constexpr DWORD kServiceLookMs = 1000; // between checks that the service is still the same
 constexpr DWORD kServicePollMs = 200;  // while it is gone
-constexpr DWORD kReopenMs = 30000;     // for a printer to be opened once a service runs again
-constexpr int kReadsMost = 4;          // of a value that is being written
+constexpr DWORD kReopenMs = 30000;     // to open the printer once a service runs again
+constexpr int kReadsMost = 4;          // of a value that is written meanwhile
 
 struct Watched {
     const Variable* variable = nullptr;
@@ -39,10 +39,10 @@ struct Watch {
     std::vector<Watched> variables{};
     std::vector<Condition> conditions{};
     std::optional<ServiceDatabase> service{};
-    std::unique_ptr<Deliveries> deliveries{}; // goes first
+    std::unique_ptr<Deliveries> deliveries{}; // destroyed first
 };
 
-// ---- what is shown
+// ---- output
 
 Decoded DecodedValue(const Watch& watch, const Variable& variable, const Bytes& value) {
     return Decode(watch.printer.variables, variable, value);
@@ -59,7 +59,7 @@ std::string TimeNow() {
     return TimeText(now);
 }
 
-// A line of JSON: "start" has the value alone, "change" also the one before.
+// A line of JSON. "start" has the value alone, "change" also the previous one.
 void PrintValueJson(const Watch& watch, const char* event, const Watched& now, const Bytes* before) {
     const Variable& variable = *now.variable;
     Json json = {{"event", event},
@@ -111,8 +111,8 @@ std::string WrittenNow(const Watch& watch, const Variable& variable) {
     return written;
 }
 
-// Time and value are read until there was no write between them. Where writes do not leave off the time is that of one
-// before: what came after it counts as one more change, and none is lost.
+// Reads time and value until no write came between them. When writes do not pause, the time is that of an earlier
+// write: the later one counts as another change, and none is lost.
 Watched ReadNow(const Watch& watch, const Variable& variable) {
     Watched now{.variable = &variable, .written = WrittenNow(watch, variable)};
     for (int reads = 1;; ++reads) {
@@ -126,8 +126,8 @@ Watched ReadNow(const Watch& watch, const Variable& variable) {
     }
 }
 
-// Prints the variable when it was written since it was last looked at, or with onlyValues when its value differs. A
-// variable that cannot be read is told once, and looked at again.
+// Prints the variable if it was written since the last look, or with onlyValues if its value differs. A variable that
+// cannot be read is reported once, and tried again.
 void Look(Watch& watch, size_t place, bool onlyValues = false) {
     Watched& last = watch.variables[place];
     try {
@@ -135,7 +135,7 @@ void Look(Watch& watch, size_t place, bool onlyValues = false) {
         if (now.value != last.value || (now.written != last.written && !onlyValues)) PrintChange(watch, last, now);
         last = std::move(now);
     } catch (const Failure& failure) {
-        // One of a service that is gone is told as that.
+        // A failure because the service is gone is reported as that.
         if (watch.service->Look() != ServiceDatabase::Service::Same) return;
         if (!last.failing) PrintFailure(failure);
         last.failing = true;
@@ -160,7 +160,7 @@ void AddVariable(Watch& watch, const Variable& variable) {
         watch.variables.push_back({.variable = &variable});
 }
 
-// Nothing named: all that can be watched.
+// Without names: all that can be watched.
 void ChooseVariables(Watch& watch) {
     for (const std::string& text : watch.wanted.until)
         watch.conditions.push_back(ParseCondition(watch.printer, text));
@@ -184,7 +184,7 @@ void Try(Watch& watch, const Watched& each, bool registers) {
     if (registers) Register(watch.printer, {each.variable}, watch.wanted.by);
 }
 
-// Takes out what cannot be watched, and tells it. What a condition needs, and the last one, is the end instead.
+// Reports and removes variables that cannot be watched. It is a failure when a condition needs one, or none is left.
 void DropUnwatchable(Watch& watch, bool registers) {
     for (auto each = watch.variables.begin(); each != watch.variables.end();) {
         try {
@@ -214,11 +214,11 @@ void Begin(Watch& watch) {
     try {
         RegisterAll(watch);
     } catch (const Failure& failure) {
-        if (failure.code != TVS_E_UNKNOWN) throw; // the library does not say which one
+        if (failure.code != TVS_E_UNKNOWN) throw; // -19 does not say which one
         DropUnwatchable(watch, true);
         RegisterAll(watch);
     }
-    // What is written from now on is told, so that whoever hears this may write.
+    // Every write after this line is reported, so its reader may start writing.
     for (Watched& each : watch.variables) {
         each = ReadNow(watch, *each.variable);
         PrintStart(watch, each);
@@ -232,7 +232,7 @@ struct Clock {
     DWORD start = GetTickCount();
 
     DWORD Elapsed() const { return GetTickCount() - start; }
-    // Until `due` milliseconds after the start; 0 when that is over.
+    // The rest of the time until `due` milliseconds after the start; 0 when it is over.
     DWORD Until(DWORD due) const {
         const DWORD elapsed = Elapsed();
         return elapsed < due ? due - elapsed : 0;
@@ -248,7 +248,7 @@ Ended Pause(const Clock& clock, HANDLE interrupted, DWORD pauseMs) {
     return clock.UntilEnd() == 0 ? Ended::TimedOut : Ended::No;
 }
 
-// Opens the printer again at another service, which knows nothing of this watch.
+// Opens the printer again at the restarted service, which does not know this watch.
 void StartAnew(Watch& watch) {
     watch.deliveries.reset();
     watch.service.reset();
@@ -257,10 +257,10 @@ void StartAnew(Watch& watch) {
     RegisterAll(watch);
 }
 
-// Waits for a service, and goes on with it.
+// Waits for a service and continues with it.
 Ended Survive(Watch& watch, const Clock& clock, HANDLE interrupted, bool gone) {
     if (gone) PrintServiceEvent(watch, "service-ended", "the status service ended; waiting for it");
-    DWORD running = 0; // for how long a service runs that does not open the printer
+    DWORD running = 0; // how long a service has been running without opening the printer
     for (;;) {
         try {
             if (ServiceState() == SERVICE_RUNNING) {
@@ -286,7 +286,7 @@ Ended TendService(Watch& watch, const Clock& clock, HANDLE interrupted) {
     return Survive(watch, clock, interrupted, found == ServiceDatabase::Service::Gone);
 }
 
-// Until the conditions hold: Ended::No.
+// Follows the variables until the conditions hold (Ended::No) or something else ends the watch.
 Ended Follow(Watch& watch, const Clock& clock, HANDLE interrupted) {
     size_t looks = 0;
     DWORD lookDue = clock.Elapsed() + kFirstLooksMs[0];

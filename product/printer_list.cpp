@@ -8,7 +8,7 @@ namespace {
 
 constexpr SIZE_T kHeader = offsetof(PrinterList, entries);
 
-// A field of any address, which may have no NUL.
+// A field at any address. It may lack a NUL.
 std::string_view FieldText(const BYTE* field, SIZE_T size) {
     const auto* text = reinterpret_cast<const char*>(field);
     return {text, strnlen(text, size)};

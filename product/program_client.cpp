@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-// The client asks for it when it creates a database, which no program does.
+// The client calls this when it cannot create a database. No program creates one.
 bool RestartStatusService9x() {
     return false;
 }

@@ -1,4 +1,4 @@
-// Client kinds: what a manager is opened as, and what that changes at its open.
+// Client kinds: the role that a manager is opened in, and what the role changes. No state: constant data.
 #pragma once
 
 #include <tvsqdz.h>
@@ -6,15 +6,15 @@
 #include <stdint.h>
 
 struct ClientKind {
-    // In the process's and the machine's kind mask. Kinds 4 and 12 share one.
+    // Its bit in the kind masks of the process and the machine. Kinds 4 and 12 share one.
     uint32_t bit = 0;
-    // Opens only once the product is initialised, and adds no printer, unless the process is one of the product's own.
+    // Needs an initialised product and adds no printer, unless the process is one of the product's own.
     bool needsProduct = false;
     // Starts the desktop agent.
     bool startsAgent = false;
     // Leaves the messages of its notifications to the printer's owner.
     bool relaysMessages = false;
-    // The process's first open repairs a default printer that does not exist any more.
+    // The process's first open repairs a default printer that no longer exists.
     bool repairsDefaultPrinter = false;
 };
 
@@ -41,16 +41,16 @@ constexpr ClientKind KindOf(uint32_t number) {
     return number <= TVS_KIND_HIGHEST ? kClientKinds[number] : ClientKind{};
 }
 
-// This process has opened a manager that asks for compulsive polling.
+// Kind mask bit: a manager asks for compulsive polling.
 inline constexpr uint32_t kPollingKindBit = kClientKinds[TVS_KIND_POLLING].bit;
 
-// A desktop agent started by this kind is waited for longer.
+// This kind waits longer for the desktop agent that it starts.
 inline constexpr uint32_t kAgentWaitingKind = 11;
 
-// Some process has an owner manager, which serves what others relay to it.
+// Kind mask bit: some process has an owner manager, which serves what others relay to it.
 inline constexpr uint32_t kOwnerKindBit = kClientKinds[TVS_KIND_OWNER].bit;
 
-// A process that opened a manager of any of these delivers its messages itself.
+// Kind mask bits: a process that has opened a manager of any of these kinds delivers its messages itself.
 consteval uint32_t LocalDeliveryKinds() {
     uint32_t bits = 0;
     for (const ClientKind& kind : kClientKinds)

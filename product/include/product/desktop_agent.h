@@ -1,14 +1,14 @@
-// The desktop agent, as the library that starts it, the agent itself and those who ask it to end know it.
+// The desktop agent: its names, and the message that ends it. The library starts it. No state.
 #pragma once
 
 namespace product {
 
 inline constexpr char kAgentExecutable[] = "TVORPZ.EXE";
 inline constexpr char kAgentSwitch[] = "/S"; // its one argument
-// Of its window, by which it is found.
+// The class of its window, by which others find it.
 inline constexpr char kAgentWindowClass[] = "TVORPSPWndClass";
 inline constexpr unsigned kAgentEndMessage = 1030; // both parameters 0
-// The one station that has a desktop.
+// The one window station that has a desktop.
 inline constexpr char kInteractiveStation[] = "WinSta0";
 
 } // namespace product

@@ -8,9 +8,9 @@
 #include <type_traits>
 #include <utility>
 
-// Holds a named mutex. The wait has no time limit: the kernel gives a dead owner's mutex to the next waiter, and a
-// living owner holds it across a few calls of the service, which end at the latest with the service. One that stands
-// still would hold up the waiter's own calls just as well.
+// Holds a named mutex. The wait has no time limit. The kernel passes a dead owner's mutex to the next waiter; a live
+// owner holds it across a few calls of the service, which end at the latest with the service. A service that hangs
+// would block the waiter's own calls just as well.
 struct MutexHold {
     explicit MutexHold(HANDLE mutex) { Acquire(mutex); }
     MutexHold() = default;
@@ -18,13 +18,13 @@ struct MutexHold {
     MutexHold(const MutexHold&) = delete;
     MutexHold& operator=(const MutexHold&) = delete;
 
-    // An abandoned mutex counts as obtained: whatever its last owner left half done is checked by those who read it.
+    // An abandoned mutex counts as acquired: readers check whatever its last owner left half done.
     bool Acquire(HANDLE mutex, DWORD boundMs = INFINITE) {
         result = WaitForSingleObject(mutex, boundMs);
         if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) held = mutex;
         return held != nullptr;
     }
-    // The same for a thread that is to end once the event is set: false then, and nothing is held.
+    // The same for a thread that ends when the event is set: false then, and nothing is held.
     bool AcquireUnless(HANDLE stopEvent, HANDLE mutex) {
         const HANDLE handles[] = {stopEvent, mutex};
         const DWORD woken = WaitForMultipleObjects(2, handles, FALSE, INFINITE);
@@ -43,7 +43,7 @@ struct MutexHold {
     DWORD result = WAIT_FAILED; // of the wait
 };
 
-// A handle that is closed with the guard. One that nobody owns any more, and INVALID_HANDLE_VALUE, is none: false.
+// Owns a handle and closes it. Null and INVALID_HANDLE_VALUE are no handle: the guard is false.
 template <typename Handle, auto Close>
 class Guard {
 public:
@@ -63,7 +63,7 @@ public:
         if (m_handle) Close(std::exchange(m_handle, Handle{}));
     }
     Handle Get() const { return m_handle; }
-    // For calls that hand a handle out.
+    // For calls that return a handle through a pointer. Closes the present one.
     Handle* Receive() {
         Reset();
         return &m_handle;

@@ -1,5 +1,5 @@
-// The order of variable names as a constant expression: that of lstrcmpA for names of ASCII letters and digits. It lets
-// the compiler check the built-in table, whose order the look-up relies on.
+// The order of variable names as a constant expression: that of lstrcmpA for names of ASCII letters and digits. With it
+// the compiler checks the order of the built-in table, on which the look-up relies. No state.
 #pragma once
 
 constexpr char FoldedLetter(char c) {
@@ -10,8 +10,8 @@ constexpr bool IsLowerCase(char c) {
     return c >= 'a' && c <= 'z';
 }
 
-// Negative, zero, positive. Digits before letters; letters without regard to case first, and where that leaves a tie,
-// lower case before upper case.
+// Negative, zero or positive. Digits come before letters. Letters compare without regard to case; on a tie, lower case
+// comes before upper case.
 constexpr int CompareNames(const char* a, const char* b) {
     int tie = 0;
     for (; FoldedLetter(*a) == FoldedLetter(*b); ++a, ++b) {

@@ -1,5 +1,6 @@
 // The printer list: which database belongs to which printer, and which process owns a printer. It is the value of a
-// variable of the master database, shared by all processes; any of them may have written anything there.
+// variable of the master database, shared by all processes. Any process may have written anything there, so every call
+// checks what it reads. No state of its own.
 #pragma once
 
 #include <windows.h>
@@ -34,19 +35,19 @@ struct PrinterList {
 static_assert(sizeof(PrinterList) == 568 && offsetof(PrinterList, entryCount) == 4 &&
               offsetof(PrinterList, entries) == 8);
 
-// The number of entries: those that are wholly there, and no more than the list counts.
+// The number of entries: those that are complete, but no more than the list's own count.
 SIZE_T CountPrinterList(const BYTE* list, SIZE_T size);
 
-// What an entry says, in the list's own bytes. A driver that is not known is empty.
+// The texts of an entry; they point into the list. A driver that is not known is empty.
 struct ListedPrinter {
     std::string_view name;
     std::string_view database;
     std::string_view driver;
 };
-// place: from 0, less than the count.
+// place: index of the entry, less than CountPrinterList().
 ListedPrinter PrinterInList(const BYTE* list, SIZE_T place);
 
-// The first entry of that printer, or with that database; all fields are empty when the list has none.
+// The first entry of that printer, or with that database. All fields are empty when there is none.
 ListedPrinter FindListedPrinter(const BYTE* list, SIZE_T size, std::string_view printer);
 ListedPrinter FindListedDatabase(const BYTE* list, SIZE_T size, std::string_view database);
 

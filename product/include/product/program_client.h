@@ -1,5 +1,5 @@
-// The service's client in the product's programs, which have memory and texts of their own. A program that is linked
-// with it has the calls of client.h too.
+// The service's client for the product's programs, on top of client.h: values in vectors and strings. It may throw
+// std::bad_alloc. State: the binding of client.h.
 #pragma once
 
 #include "product/client.h"
@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-// Reads a value whatever its size, which may change between the question for it and the read. Empty on failure.
+// Reads a value of any size, which may change meanwhile. On failure the value is empty.
 Answer ReadWholeValue(DatabaseHandle database, const char* name, std::vector<BYTE>* value);
 
-// Of all printers in the printer list, in its order; empty on failure.
+// The databases of all printers, in the order of the printer list. On failure the list is empty.
 Answer ListPrinterDatabases(std::vector<std::string>* databases);
 
-// The name of a printer's database, empty on failure. Answer::Done and empty: the printer list does not have the
-// printer. driver, which may be absent: the printer's, empty where it is not known.
+// The name of a printer's database; empty on failure. Answer::Done with an empty name: the printer list does not have
+// the printer. driver (optional): the printer's driver; empty when it is not known.
 Answer FindPrinterDatabase(const std::string& printer, std::string* database, std::string* driver = nullptr);

@@ -1,8 +1,8 @@
-// The status of an export, one of three number spaces that are kept apart:
+// The status of an export: one of three number spaces that are kept apart. No state.
 //
 //   Status       what an export returns: TVS_OK and the negative codes that tvsqdz.h names, or a code passed on
-//   Answer       what a call of the status database service gives (product/client.h)
-//   DWORD error  a system error, as GetLastError and the registry give it
+//   Answer       the result of a call of the status database service (product/client.h)
+//   DWORD error  a system error, from GetLastError or the registry
 //
 // An answer becomes a status in one place, PassOn() of product/client.h. System errors never leave the library.
 #pragma once
