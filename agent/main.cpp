@@ -80,22 +80,17 @@ void TellReady() {
     std::vector<std::string> databases;
     ListPrinterDatabases(&databases);
     for (const std::string& database : databases) {
-        const HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, product::AgentReadyName(database).text);
-        if (event == nullptr) continue;
-        SetEvent(event);
-        CloseHandle(event);
+        const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, product::AgentReadyName(database).text));
+        if (event) SetEvent(event.Get());
     }
 }
 
 // The event is not kept open: it would outlive a start-up process that was killed.
 bool ProductIsUp() {
     const bool terminalServer = product::MachineIsTerminalServer();
-    const HANDLE event =
-        OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(terminalServer, product::kProductInitialisedName).text);
-    if (event == nullptr) return false;
-    const bool up = WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
-    CloseHandle(event);
-    return up;
+    const KernelHandle event(
+        OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(terminalServer, product::kProductInitialisedName).text));
+    return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
 // Waits for a while. The agent can do without an event that cannot be had.
@@ -124,9 +119,8 @@ bool StartWaiting() {
     const bool terminalServer = product::MachineIsTerminalServer();
     g_termination =
         product::CreateEventForEveryone(product::ObjectName(terminalServer, product::kTerminationName).text);
-    const HANDLE thread = CreateThread(nullptr, 0, WaitForEnd, nullptr, 0, nullptr);
-    if (thread != nullptr) CloseHandle(thread);
-    return thread != nullptr;
+    const KernelHandle thread(CreateThread(nullptr, 0, WaitForEnd, nullptr, 0, nullptr));
+    return static_cast<bool>(thread);
 }
 
 int Run() {

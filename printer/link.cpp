@@ -1,12 +1,14 @@
 // Connecting, and values in the forms of the database. State: the link's.
 #include "link.h"
 
+#include "product/guards.h"
 #include "product/program_client.h"
 #include "product/variable_names.h"
 
 #include <algorithm>
 #include <iterator>
 #include <string.h>
+#include <utility>
 
 using namespace product;
 
@@ -34,14 +36,9 @@ std::string FindDatabaseName(const std::string& printer, std::string* name, std:
 // is this user's alone: anybody else who held it would keep the printer without a printer side.
 bool BecomeOnlyOne(Link& link) {
     const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
-    HANDLE mutex = name.text[0] ? CreateMutexA(nullptr, FALSE, name.text) : nullptr;
-    if (!mutex) return false;
-    const DWORD wait = WaitForSingleObject(mutex, 0);
-    if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
-        CloseHandle(mutex);
-        return false;
-    }
-    link.onlyOne = mutex;
+    KernelHandle mutex(name.text[0] ? CreateMutexA(nullptr, FALSE, name.text) : nullptr);
+    if (!mutex || !link.hold.Acquire(mutex.Get(), 0)) return false;
+    link.onlyOne = std::move(mutex);
     return true;
 }
 
@@ -126,11 +123,8 @@ void Disconnect(Link& link) {
     }
     if (link.database != 0) CloseDatabase(link.database);
     link.database = 0;
-    if (link.onlyOne) {
-        ReleaseMutex(link.onlyOne);
-        CloseHandle(link.onlyOne);
-    }
-    link.onlyOne = nullptr;
+    link.hold.Release();
+    link.onlyOne.Reset();
     link.known.clear();
     link.lost = true;
 }
@@ -181,7 +175,5 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
 bool SomebodyWaits(const Link& link) {
     const KernelName name =
         VariableEventName(link.terminalServer, link.databaseName, names::kRWResult, VariableSignal::Updated);
-    const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.text);
-    if (event) CloseHandle(event);
-    return event != nullptr;
+    return static_cast<bool>(KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text)));
 }

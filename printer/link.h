@@ -8,6 +8,7 @@
 #include "device.h"
 
 #include "product/client.h"
+#include "product/guards.h"
 #include "product/object_names.h"
 
 #include <map>
@@ -24,7 +25,8 @@ struct Link {
     std::string driver{}; // of the printer; empty: not known
     DatabaseHandle database = 0;
     HANDLE events[kWatchedCount] = {};
-    HANDLE onlyOne = nullptr; // mutex, owned: one printer side serves a printer
+    KernelHandle onlyOne{}; // mutex: one printer side serves a printer
+    MutexHold hold{};       // on it, while there is a connection
     bool lost = true;
     std::map<std::string, product::VariableInfo> known{}; // type and size of what was stored before
 };

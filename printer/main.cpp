@@ -12,6 +12,7 @@
 #include "scripted_device.h"
 
 #include "product/client.h"
+#include "product/guards.h"
 #include "product/log.h"
 #include "product/object_names.h"
 
@@ -54,9 +55,8 @@ bool FollowEndings(DWORD owner, const std::string& stopEvent) {
     if (!stopEvent.empty()) g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, stopEvent.c_str());
     if (g_endingCount == 0) return true;
     if (std::count(g_endings, g_endings + g_endingCount, HANDLE{}) != 0) return false;
-    const HANDLE thread = CreateThread(nullptr, 0, WaitForEnding, nullptr, 0, nullptr);
-    if (thread) CloseHandle(thread);
-    return thread != nullptr;
+    const KernelHandle thread(CreateThread(nullptr, 0, WaitForEnding, nullptr, 0, nullptr));
+    return static_cast<bool>(thread);
 }
 
 int Complain(const std::string& text) {

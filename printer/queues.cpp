@@ -102,11 +102,11 @@ QueueResult PutItems(Link& link, Queues& queues) {
     if (queues.waiting.empty()) return result;
     if (!queues.mutex) {
         EveryoneAccess everyone;
-        queues.mutex =
-            CreateMutexA(&everyone.attributes, FALSE, ObjectName(link.terminalServer, kDatabaseMutexName).text);
+        const KernelName name = ObjectName(link.terminalServer, kDatabaseMutexName);
+        queues.mutex = KernelHandle(CreateMutexA(&everyone.attributes, FALSE, name.text));
     }
-    const DWORD wait = queues.mutex ? WaitForSingleObject(queues.mutex, 0) : WAIT_FAILED;
-    if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) return result;
+    MutexHold hold;
+    if (!queues.mutex || !hold.Acquire(queues.mutex.Get(), 0)) return result;
     while (!queues.waiting.empty()) {
         const DeviceValue& item = queues.waiting.front();
         const auto queue = queues.known.find(item.variable);
@@ -115,11 +115,9 @@ QueueResult PutItems(Link& link, Queues& queues) {
         if (result.status == kDone && status != kDone) result = {status, item.variable, item.origin};
         queues.waiting.pop_front();
     }
-    ReleaseMutex(queues.mutex);
     return result;
 }
 
 void CloseQueues(Queues& queues) {
-    if (queues.mutex) CloseHandle(queues.mutex);
-    queues.mutex = nullptr;
+    queues.mutex.Reset();
 }

@@ -13,7 +13,7 @@
 struct Queues {
     std::map<std::string, DeviceQueue> known{};
     std::deque<DeviceValue> waiting{}; // items that are not in their queue yet
-    HANDLE mutex = nullptr;
+    KernelHandle mutex{};
 };
 
 // The queues of the printer's model, as HKEY_LOCAL_MACHINE\SOFTWARE\Tavik\Oriel\Printers\<driver>\Status Variables has
