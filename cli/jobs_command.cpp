@@ -111,8 +111,8 @@ Exit JobsCommand(const ManagerOptions& options) {
         }
         document["spooler"] = list;
     }
-    const uint32_t sending = JobIn(printer, "SendingJobInfo");
-    const uint32_t printing = JobIn(printer, "PrintingJobInfo");
+    const uint32_t sending = JobIn(printer, names::kSendingJobInfo);
+    const uint32_t printing = JobIn(printer, names::kPrintingJobInfo);
     for (const auto& queue : kQueues) {
         Json jobs = ValueJson(printer, queue.variable);
         if (!jobs.is_array()) jobs = Json::array(); // no queue has been stored yet
@@ -128,8 +128,8 @@ Exit JobsCommand(const ManagerOptions& options) {
     }
     document["sending"] = sending;
     document["printing"] = printing;
-    document["printingMyJob"] = ValueJson(printer, "PrintingMyJob");
-    document["spoolingMyJob"] = ValueJson(printer, "SpoolingMyJob");
+    document["printingMyJob"] = ValueJson(printer, names::kPrintingMyJob);
+    document["spoolingMyJob"] = ValueJson(printer, names::kSpoolingMyJob);
     if (g_output.json) {
         PrintJson(document);
     } else if (table.rows.size() > 1) {
@@ -143,9 +143,9 @@ Exit JobsCommand(const ManagerOptions& options) {
 Exit SetJobCommand(const ManagerOptions& options, bool pause) {
     const OpenedPrinter printer = OpenPrinterOf(options);
     const std::string what = std::string("cannot ") + (pause ? "pause" : "resume") + " \"" + printer.shownName + "\"";
-    const uint32_t id = JobIn(printer, "SendingJobInfo");
+    const uint32_t id = JobIn(printer, names::kSendingJobInfo);
     if (id == 0) throw Failure{Exit::False, what, "no job is being sent to the printer", "see 'oriel jobs PRINTER'"};
-    Command(printer, "SetJob", pause ? 1 : 2, what);
+    Command(printer, names::kSetJob, pause ? 1 : 2, what);
     const std::optional<SpoolerJob> job = FindJob(printer, id);
     if (!job) throw Failure{Exit::False, what, "job " + std::to_string(id) + " is no longer in the spooler", ""};
     if (((job->status & JOB_STATUS_PAUSED) != 0) != pause) ThrowRefused(what);
@@ -156,7 +156,7 @@ Exit SetJobCommand(const ManagerOptions& options, bool pause) {
 Exit CancelCommand(const ManagerOptions& options, uint32_t id) {
     const OpenedPrinter printer = OpenPrinterOf(options);
     const std::string what = "cannot cancel job " + std::to_string(id) + " of \"" + printer.shownName + "\"";
-    Command(printer, "DeleteJobId", id, what);
+    Command(printer, names::kDeleteJobId, id, what);
     constexpr uint32_t kGoing = JOB_STATUS_DELETING | JOB_STATUS_DELETED;
     if (const std::optional<SpoolerJob> job = FindJob(printer, id); job && (job->status & kGoing) == 0)
         ThrowRefused(what);

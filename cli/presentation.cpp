@@ -43,9 +43,9 @@ struct NumberMeanings {
     std::span<const BitMeaning> bits;
 };
 constexpr NumberMeanings kNumberMeanings[] = {
-    {"PrinterExtStatus", kExtStatusBits},
-    {"SpoolerStatus", kSpoolerBits},
-    {"UserAuthority", kAuthorityBits},
+    {names::kPrinterExtStatus, kExtStatusBits},
+    {names::kSpoolerStatus, kSpoolerBits},
+    {names::kUserAuthority, kAuthorityBits},
 };
 
 constexpr FieldLayout kJobFields[] = {
@@ -65,9 +65,9 @@ constexpr FieldLayout kPortFields[] = {
     {"portDetail", offsetof(TvsPortRecord, portDetail), sizeof(TvsPortRecord::portDetail)},
 };
 constexpr RecordLayout kRecords[] = {
-    {"Port", sizeof(TvsPortRecord), kPortFields},
-    {"PrintingJobInfo", sizeof(TvsPrintingJobRecord), kPrintingJobFields},
-    {"SendingJobInfo", sizeof(TvsJobRecord), kJobFields},
+    {names::kPort, sizeof(TvsPortRecord), kPortFields},
+    {names::kPrintingJobInfo, sizeof(TvsPrintingJobRecord), kPrintingJobFields},
+    {names::kSendingJobInfo, sizeof(TvsJobRecord), kJobFields},
 };
 constexpr const char* kJobQueues[] = {names::kPrinterQueue, names::kSpoolerQueue};
 

@@ -11,6 +11,8 @@
 #include "product.h"
 #include "service_client.h"
 
+#include "product/variable_names.h"
+
 #include <algorithm>
 
 namespace {
@@ -333,8 +335,8 @@ Exit WatchCommand(const ManagerOptions& options, const WatchOptions& wanted) {
 Exit TerminateCommand(const ManagerOptions& options) {
     const OpenedPrinter printer = OpenPrinterOf(options);
     const uint32_t yes = 1;
-    const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), "TerminateManager", &yes, sizeof yes);
-    if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", "TerminateManager", printer));
+    const int32_t status = UpdatePrinterStatusA(printer.manager.Get(), names::kTerminateManager, &yes, sizeof yes);
+    if (status != TVS_OK) throw StatusFailure(status, WhatOf("write", names::kTerminateManager, printer));
     if (g_output.json) PrintJson({{"printer", printer.shownName}, {"asked", true}});
     return Exit::Done;
 }

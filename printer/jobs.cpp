@@ -96,7 +96,7 @@ TvsJobRecord RecordOf(const std::string& name, const std::string& owner, DWORD i
 // A job begins to be sent, which also puts it into "PrinterQueue"; null: it has been sent.
 void ReportSending(Taker& taker, const Sent* job) {
     const TvsJobRecord record = job ? RecordOf(job->name, job->owner, job->id) : TvsJobRecord{};
-    Report(taker, "SendingJobInfo", &record, sizeof record);
+    Report(taker, names::kSendingJobInfo, &record, sizeof record);
 }
 
 // So many pages are out; null: printing has ended.
@@ -108,13 +108,13 @@ void ReportPrinting(Taker& taker, const Sent* job) {
         record.job.jobId = job->id;
         record.job.progress = job->out;
     }
-    Report(taker, "PrintingJobInfo2", &record, sizeof record);
+    Report(taker, names::kPrintingJobInfo2, &record, sizeof record);
 }
 
 void ReportJobStatus(Taker& taker, DWORD status) {
     if (taker.jobStatus == status) return;
     taker.jobStatus = status;
-    Report(taker, "JobStatus", &status, sizeof status);
+    Report(taker, names::kJobStatus, &status, sizeof status);
 }
 
 bool IsOnItsWay(const Taker& taker, DWORD id) {
@@ -184,8 +184,8 @@ bool OpenManager(Taker& taker) {
     if (taker.sending || !taker.inPrinter.empty()) ReportAnew(taker);
     if (taker.tidied) return true;
     taker.tidied = true;
-    if (JobIn(taker, "SendingJobInfo", TvsJobRecord{}, &TvsJobRecord::jobId) != 0 ||
-        JobIn(taker, "PrintingJobInfo", TvsPrintingJobRecord{}, &TvsPrintingJobRecord::jobId) != 0)
+    if (JobIn(taker, names::kSendingJobInfo, TvsJobRecord{}, &TvsJobRecord::jobId) != 0 ||
+        JobIn(taker, names::kPrintingJobInfo, TvsPrintingJobRecord{}, &TvsPrintingJobRecord::jobId) != 0)
         ReportNothing(taker);
     return true;
 }

@@ -311,7 +311,7 @@ void OnRequestEvent(PrinterSide& side, RequestKind kind) {
 }
 
 void CheckAll(PrinterSide& side) {
-    side.forwarded = ReadNumberOf(side.link, "LMFunction") != 0;
+    side.forwarded = ReadNumberOf(side.link, names::kLMFunction) != 0;
     CheckMailbox(side);
     CheckVariable(side, kReadRequest);
     CheckVariable(side, kWriteRequest);
@@ -399,7 +399,7 @@ bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
         CheckMailbox(side);
         break;
     case WAIT_OBJECT_0 + 1 + kWatchedFunction:
-        side.forwarded = ReadNumberOf(side.link, "LMFunction") != 0;
+        side.forwarded = ReadNumberOf(side.link, names::kLMFunction) != 0;
         break;
     case WAIT_OBJECT_0 + 1 + kWatchedCount:
         StoreValues(side, side.device.pagesOut(side.device.self, TakePagesOut(*side.jobs)));

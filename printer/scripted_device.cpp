@@ -1,6 +1,8 @@
 // The functions of the scripted printer; its state is the record they are given.
 #include "scripted_device.h"
 
+#include "product/variable_names.h"
+
 #include <tvsqdz.h>
 
 #include <algorithm>
@@ -69,14 +71,14 @@ DeviceReply Refresh(void* self, const std::string&) {
 
 // A counter that nobody has set counts from 0.
 DeviceValue AddPages(ScriptedPrinter& printer, DWORD count) {
-    constexpr char kPageCount[] = "PageCount";
     constexpr DWORD kUnknown = 0xFFFFFFFF;
-    DeviceValue& value = printer.values[kPageCount];
+    DeviceValue& value = printer.values[names::kPageCount];
     DWORD pages = 0;
     if (value.bytes.size() == sizeof pages) memcpy(&pages, value.bytes.data(), sizeof pages);
     pages = pages == kUnknown ? count : pages + count;
     const auto* bytes = reinterpret_cast<const BYTE*>(&pages);
-    value = {.variable = kPageCount, .bytes = {bytes, bytes + sizeof pages}, .origin = "the pages that came out"};
+    value = {
+        .variable = names::kPageCount, .bytes = {bytes, bytes + sizeof pages}, .origin = "the pages that came out"};
     return value;
 }
 

@@ -8,10 +8,11 @@
 #include "manager/printer_list.h"
 #include "manager/thread_records.h"
 #include "manager/variable_index.h"
+#include "product/variable_names.h"
 
 namespace {
 
-constexpr char kTerminateManager[] = "TerminateManager";
+using names::kTerminateManager;
 
 // A reference to an open manager. Unlike a ManagerCall, the detach may hold one too.
 struct ManagerReference {

@@ -27,8 +27,7 @@ constexpr DWORD kServiceSeconds = 60;
 constexpr uint32_t kProcessesOfARunningProduct = 3;
 constexpr DWORD kLogonNameSize = 80;
 
-constexpr char kLmFunction[] = "LMFunction";
-constexpr char kCompulsivePolling[] = "CompulsivePolling";
+using names::kCompulsivePolling;
 
 // A manager that is being opened, with the database mutex. Unless it is kept, the destructor undoes everything. The
 // open has its own reference: another thread could close the manager once it is in the list.
@@ -129,7 +128,8 @@ bool SetUserName(ManagerRecord* manager, const char* userName) {
 void ReadLmFunction(ManagerRecord* manager) {
     if ((manager->flags & (OsNt350 | OsNt351)) != 0) return; // stays 0
     DWORD valueSize = 0;
-    ReadVariable(manager->printerDatabase, kLmFunction, &manager->lmFunction, sizeof manager->lmFunction, &valueSize);
+    ReadVariable(manager->printerDatabase, names::kLMFunction, &manager->lmFunction, sizeof manager->lmFunction,
+                 &valueSize);
 }
 
 // Its printer side may have ended when all managers were asked to shut down; whoever starts it again waits for this

@@ -95,7 +95,7 @@ uint32_t SpoolingMyJobRead(ManagerRecord* manager, void* buffer) {
 
 DWORD WINAPI MyJobWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
-    const bool printing = strcmp(registration.entries[0].variableName, "PrintingMyJob") == 0;
+    const bool printing = strcmp(registration.entries[0].variableName, names::kPrintingMyJob) == 0;
     MyJobWatcher(registration, printing ? kPrinterQueue : kSpoolerQueue).Run();
     return kMyJobWatchEnded;
 }
@@ -176,7 +176,7 @@ DWORD WINAPI UserAuthorityWatch(void* parameter) {
 
 namespace {
 
-constexpr char kTerminateManager[] = "TerminateManager";
+using names::kTerminateManager;
 
 // A window of the product's other programs, and the message that asks it to close.
 struct TerminationTarget {
