@@ -1,5 +1,4 @@
-// Marshalling by the rows of product/interface.h, and the procedures themselves. State: which run of the service this
-// is.
+// The procedures, and their marshalling by the rows of product/interface.h. State: which run of the service this is.
 #include "procedures.h"
 
 #include "changes.h"
