@@ -1,8 +1,8 @@
-// What an agent that outlives its creator has to do itself on one system and not on another; a file for each.
+// What differs between systems for an agent that outlives its creator; a file for each. No state.
 #pragma once
 
-// Goes on without holding anything of the process that created this one. Called before threads are started. False when
-// that cannot be done.
+// Releases everything that belongs to the process that created this one. Called before threads are started. False when
+// that fails.
 bool LeaveCreator();
 
 // Whether there is a desktop, and its user is still there.

@@ -1,9 +1,9 @@
-// What layer.h asks for, where the system is Windows itself.
+// Windows itself. No state.
 #include "layer.h"
 
 #include <windows.h>
 
-// Only the directory is its creator's, which could not be removed.
+// Only the current directory is the creator's; it could not be removed while the agent runs.
 bool LeaveCreator() {
     char directory[MAX_PATH];
     const UINT length = GetSystemDirectoryA(directory, sizeof directory);

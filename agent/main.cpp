@@ -3,12 +3,12 @@
 //
 //     TVORPZ.EXE /S
 //
-// There is one for each desktop: another one says that there is an agent, and ends. It shows nothing yet. It ends when
-// it is asked to, when all managers of the machine are asked to terminate, when the product is stopped, and with the
-// desktop: none of those who use it starts it again before somebody opens a manager.
+// There is one for each desktop. A second one signals that there is an agent, and ends. It shows nothing yet. It ends
+// when it is asked to, when all managers of the machine are asked to terminate, when the product is stopped, and with
+// the desktop. It starts again when somebody opens a manager.
 //
-// Two threads: the first has the window, the other one waits for the end. State: what that one needs, set before it is
-// started.
+// Two threads: the first has the window, the other one waits for the end. State: what the second one needs, set before
+// it starts.
 #include "layer.h"
 
 #include "product/desktop_agent.h"
@@ -24,16 +24,16 @@ constexpr int kCannotBegin = 1;
 constexpr int kWrong = 2;
 
 constexpr char kOneAgentMutex[] = "TVORSQD:DesktopAgent";
-constexpr DWORD kOneAgentMs = 5000; // for another one that begins to have its window
-constexpr DWORD kLookMs = 2000;     // between looks at product and desktop
+constexpr DWORD kOneAgentMs = 5000; // for another agent that is starting to have its window
+constexpr DWORD kLookMs = 2000;     // between checks of product and desktop
 constexpr DWORD kPostAgainMs = 20;  // to a queue that is full
 
 HWND g_window = nullptr;
 HANDLE g_termination = nullptr;
-bool g_productWasUp = false; // some client kinds need no product that is up, and so does their agent
+bool g_productWasUp = false; // some client kinds work without a product that is up, and so does their agent
 
-// Held while the window is looked for and made, so that of two that begin at once one finds the other's. An agent that
-// cannot have it, because somebody keeps it, begins all the same: two of them do no harm.
+// Held while the agent looks for a window and makes its own, so that of two agents that start at once one finds the
+// other's window. An agent that cannot get it, because another process keeps it, starts anyway: two agents do no harm.
 struct OneAgentHold {
     OneAgentHold() {
         if (m_mutex) m_hold.Acquire(m_mutex.Get(), kOneAgentMs);
@@ -61,7 +61,7 @@ LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lPar
     }
 }
 
-// False when there is none and none can be made; g_window stays null when another agent has one.
+// False when no window can be made. g_window stays null when another agent has one.
 bool BecomeTheAgent() {
     const OneAgentHold hold;
     if (FindWindowA(product::kAgentWindowClass, nullptr) != nullptr) return true;
@@ -74,9 +74,9 @@ bool BecomeTheAgent() {
     return g_window != nullptr;
 }
 
-// Whoever started an agent waits for the event of the printer that he opens: it is one in the list, and only those who
-// wait have their events. Nobody waits for this; where the service stands still, so do the opens.
-void TellReady() {
+// A program that started an agent waits for the event of the printer that it opens, which is in the list. Only waiters
+// have these events open. If the service hangs, the opens hang as well, so this needs no bound.
+void SignalReady() {
     std::vector<std::string> databases;
     ListPrinterDatabases(&databases);
     for (const std::string& database : databases) {
@@ -93,7 +93,7 @@ bool ProductIsUp() {
     return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
-// Waits for a while. The agent can do without an event that cannot be had.
+// Waits for a while. The agent works without the event if it cannot be had.
 bool IsTerminated() {
     const DWORD wait = g_termination != nullptr ? WaitForSingleObject(g_termination, kLookMs) : WAIT_FAILED;
     if (wait == WAIT_FAILED) Sleep(kLookMs);
@@ -101,14 +101,14 @@ bool IsTerminated() {
 }
 
 DWORD WINAPI WaitForEnd(LPVOID) {
-    TellReady();
+    SignalReady();
     do {
         const bool up = ProductIsUp();
         if ((g_productWasUp && !up) || !DesktopLives()) break;
         g_productWasUp = up;
     } while (!IsTerminated());
     while (!PostMessageA(g_window, product::kAgentEndMessage, 0, 0)) {
-        // A queue that is full is being emptied; a window that nobody can reach is of no use.
+        // A full queue is being emptied. A window that cannot be reached is useless.
         if (GetLastError() != ERROR_NOT_ENOUGH_QUOTA) TerminateProcess(GetCurrentProcess(), kEnded);
         Sleep(kPostAgainMs);
     }
@@ -127,12 +127,12 @@ int Run() {
     g_productWasUp = ProductIsUp();
     if (!BindStatusDatabase() || !BecomeTheAgent()) return kCannotBegin;
     if (g_window == nullptr) {
-        TellReady();
+        SignalReady();
         return kEnded;
     }
     if (!StartWaiting()) return kCannotBegin;
     MSG message;
-    while (GetMessageA(&message, nullptr, 0, 0) > 0) // for as long as nobody wants the agent to end
+    while (GetMessageA(&message, nullptr, 0, 0) > 0) // unbounded: until the agent is asked to end
         DispatchMessageA(&message);
     return kEnded;
 }

@@ -1,5 +1,5 @@
-// The thread that prints the spooler's jobs. It reports through a manager of the library, which keeps "PrinterQueue" as
-// it keeps it for everybody, and has one only while there are jobs. State: the records of thread and jobs.
+// The thread that prints the spooler's jobs. It reports through a manager of the library, which maintains
+// "PrinterQueue"; it has one only while there are jobs. State: the records of thread and jobs.
 #include "jobs.h"
 
 #include "device.h"
@@ -19,9 +19,9 @@ namespace {
 
 constexpr SIZE_T kStackSize = 256 * 1024;
 constexpr DWORD kEndMs = 3000;
-// Jobs can go without a word, with the process that spooled them; and a service that is gone comes back.
+// A job may vanish without a notification, with the process that spooled it, and a service that is gone comes back.
 constexpr DWORD kLookMs = 2000;
-// Needs nothing but a product that is up: neither owner nor agent, and the default printer is left alone.
+// Needs only a product that is up. It does not own the printer, start the agent or repair the default printer.
 constexpr DWORD kClientKind = 9;
 constexpr SIZE_T kInPrinterMax = 4;      // jobs that were sent and are not printed yet
 constexpr SIZE_T kSpoolerQueueMax = 500; // entries
@@ -48,8 +48,8 @@ struct Taker {
     HANDLE printer = nullptr;
     HANDLE changes = INVALID_HANDLE_VALUE; // of its jobs
     TvsManager manager = 0;
-    bool tidied = false; // what a predecessor that died left behind is gone
-    bool failed = false; // a report was not taken: the service is another one, or none
+    bool tidied = false; // the reports of a predecessor that was killed are cleared
+    bool failed = false; // a report failed: the service is new or gone
     DWORD services = 0;  // of the record of the thread, when the manager was opened
     std::vector<SpooledJob> spooled{};
     std::optional<Sent> sending{};
@@ -93,7 +93,7 @@ TvsJobRecord RecordOf(const std::string& name, const std::string& owner, DWORD i
     return record;
 }
 
-// A job begins to be sent, which also puts it into "PrinterQueue"; null: it has been sent.
+// A job begins to be sent, which also puts it into "PrinterQueue"; null: it was sent.
 void ReportSending(Taker& taker, const Sent* job) {
     const TvsJobRecord record = job ? RecordOf(job->name, job->owner, job->id) : TvsJobRecord{};
     Report(taker, names::kSendingJobInfo, &record, sizeof record);
@@ -169,7 +169,7 @@ void CloseOwnManager(Taker& taker) {
     taker.manager = 0;
 }
 
-// True when there is a manager.
+// False: there is no manager.
 bool OpenManager(Taker& taker) {
     const DWORD services = taker.jobs.services;
     if (services != taker.services) CloseOwnManager(taker);
@@ -239,7 +239,7 @@ void Send(Taker& taker, DWORD pageMs) {
         const bool held = pageMs == kHoldJobs || taker.sending->paused;
         if (!taker.sending->cancelled && (held || !HasPassed(taker.sendDue))) return;
         ReportSending(taker, nullptr);
-        // A cancelled one too: it leaves "PrinterQueue" only when its turn to be printed comes.
+        // A cancelled job too: it leaves "PrinterQueue" only when it would be printed.
         taker.inPrinter.push_back(std::move(*taker.sending));
         taker.sending.reset();
     }
@@ -322,7 +322,7 @@ void TakeUntilStopped(Taker& taker) {
     }
 }
 
-// None where the spooler has no such printer, or its jobs are not ours.
+// Null: the spooler has no such printer, or stop was set.
 HANDLE OpenSpoolerPrinter(const JobTaker& jobs) {
     std::string name = jobs.printer; // the call's text is not const
     HANDLE printer = nullptr;
@@ -363,7 +363,7 @@ void SetPace(JobTaker& jobs, DWORD pageMs) {
     if (jobs.pageMs.exchange(pageMs) != pageMs) SetEvent(jobs.paceChanged);
 }
 
-void TellOfService(JobTaker& jobs) {
+void ReportAgain(JobTaker& jobs) {
     ++jobs.services;
     SetEvent(jobs.paceChanged);
 }

@@ -1,11 +1,10 @@
-// The jobs of the printer's spooler, printed: a thread takes one after the other, reports it by the job variables, has
-// its pages come out, and removes it from the spool when it is done.
+// Prints the spooled jobs of the printer. A thread takes one after the other, reports it by the job variables, prints
+// its pages, and removes it from the spool. State: the record of the thread.
 //
-// A job is sent (for as long as a page takes), then it waits in the printer, then its pages come out. It stays in the
-// spool until its last page, so that it can be paused and cancelled at any time, and is printed anew by the next
-// printer side if this one dies. Only jobs whose documents this user may read are taken: one's own, and all as root. A
-// printer of a print server, and any printer on Windows, has its jobs sent by its own spooler: the thread then ends at
-// once.
+// A job is sent (for as long as a page takes), then waits in the printer, then is printed. It stays in the spool until
+// its last page. So it can be paused and cancelled at any time, and the next printer side prints it from the beginning
+// if this one is killed. Only jobs whose documents this user may read are taken: the user's own, and all for root. A
+// print server, and any spooler on Windows, sends its jobs itself; the thread then ends at once.
 #pragma once
 
 #include <windows.h>
@@ -15,22 +14,22 @@
 
 struct JobTaker {
     std::string printer{};
-    HANDLE stop = nullptr;                // event, of who starts it
-    HANDLE paceChanged = nullptr;         // event, reset by who waited for it
-    HANDLE pagesOut = nullptr;            // the same: TakePagesOut is due
-    std::atomic<DWORD> pageMs = INFINITE; // kHoldJobs: no page comes out
+    HANDLE stop = nullptr;                // event of the caller
+    HANDLE paceChanged = nullptr;         // event, auto-reset
+    HANDLE pagesOut = nullptr;            // event, auto-reset: TakePagesOut is due
+    std::atomic<DWORD> pageMs = INFINITE; // kHoldJobs: no page is printed
     std::atomic<DWORD> pages = 0;
-    std::atomic<DWORD> services = 0; // how often TellOfService was called
+    std::atomic<DWORD> services = 0; // how often ReportAgain was called
     HANDLE thread = nullptr;
 };
 
-// Null when it cannot: the last error tells.
+// Null: it cannot start, and the last error says why. EndJobs frees the record.
 JobTaker* StartJobs(const std::string& printer, HANDLE stop);
 void SetPace(JobTaker& jobs, DWORD pageMs);
-// The service is connected anew, and may be another one, which knows nothing of the jobs on their way.
-void TellOfService(JobTaker& jobs);
-// How many since the last call.
+// The printer side is connected again, maybe with a new service, which does not know the jobs in progress.
+void ReportAgain(JobTaker& jobs);
+// How many pages were printed since the last call.
 DWORD TakePagesOut(JobTaker& jobs);
-// Once stop is set: waits for the thread, which another process may hold up, for 3 s at most. It is then left behind
-// with its record, since the process ends.
+// After stop was set: waits for the thread, which another process may block, for 3 s at most. A thread that is still
+// blocked keeps its record, since the process ends.
 void EndJobs(JobTaker* jobs);

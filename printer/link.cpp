@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kWatchedNames[kWatchedCount] = {names::kReadRequest, names::kWriteRequest, kForwardMailbox,
                                                       names::kLMFunction};
 
-// What an answer means for the link: a service that cannot be reached, or does not know what we opened, is another one.
+// A service that cannot be reached, or does not know our handle, is gone or new: the link is lost.
 LONG Examine(Link& link, Answer answer) {
     const auto status = static_cast<LONG>(answer);
     if (status > 0 || status == kUnknownDatabase) link.lost = true;
@@ -32,8 +32,8 @@ std::string FindDatabaseName(const std::string& printer, std::string* name, std:
     return name->empty() ? "the printer has not been opened yet" : "";
 }
 
-// Two printer sides would answer each other's requests. The end of the other one releases the mutex. It
-// is this user's alone: anybody else who held it would keep the printer without a printer side.
+// Two printer sides would answer each other's requests. When the other one ends it releases the mutex. Only this user
+// can open the mutex: another user could hold it and keep the printer without a printer side.
 bool BecomeOnlyOne(Link& link) {
     const KernelName name = ObjectName(link.terminalServer, "TVORSQD:PrinterSide:" + link.databaseName);
     KernelHandle mutex(name.text[0] ? CreateMutexA(nullptr, FALSE, name.text) : nullptr);
@@ -42,7 +42,7 @@ bool BecomeOnlyOne(Link& link) {
     return true;
 }
 
-// Whoever served the printer before may have made them.
+// An earlier printer side may have made both.
 bool MakeMailbox(Link& link) {
     constexpr BYTE kEmpty[sizeof(ForwardedRequest)] = {};
     static_assert(sizeof kEmpty == sizeof(ForwardedAnswer));
@@ -53,7 +53,7 @@ bool MakeMailbox(Link& link) {
     return true;
 }
 
-// The service makes the event when the variable is watched.
+// The service creates the event when the variable is watched.
 bool Watch(Link& link, DWORD which) {
     const char* variable = kWatchedNames[which];
     if (Examine(link, WatchVariable(link.database, variable, kEveryWrite)) != kDone) return false;
@@ -64,7 +64,7 @@ bool Watch(Link& link, DWORD which) {
     return link.events[which] != nullptr;
 }
 
-// A lone number in as many bytes as the variable has, when the others only repeat its sign.
+// Cuts a lone number to the size of the variable. False: bytes would be lost that are not copies of its sign.
 bool NarrowNumber(Bytes& bytes, SIZE_T size) {
     LONG number = 0;
     if (bytes.size() != sizeof number) return bytes.size() == size;
@@ -74,7 +74,7 @@ bool NarrowNumber(Bytes& bytes, SIZE_T size) {
     return above == 0 || (above == -1 && (bytes.back() & 0x80) != 0);
 }
 
-// The bytes that the database keeps. False: no value of such a variable.
+// Converts to the bytes that the database stores. False: not a value of such a variable.
 bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
     switch (info.type) {
     case kTypeByte:
@@ -114,7 +114,7 @@ std::string Connect(Link& link) {
 }
 
 void Disconnect(Link& link) {
-    // Watches are the process's, not the handle's. A link that is lost has none any more.
+    // Watches belong to the process, not to the handle. A lost link has none.
     for (DWORD which = 0; which < kWatchedCount; ++which) {
         if (!link.events[which]) continue;
         CloseHandle(link.events[which]);

@@ -1,8 +1,8 @@
-// The connection of a printer side with the status database service: the printer's database, its watches and the
-// events that tell of requests.
+// The connection of a printer side with the status database service: the printer's database, its watches, and the
+// events that signal requests. State: the Link record.
 //
-// Calls that fail because the service has gone, or another has come that does not know our handle, mark the link lost;
-// whoever uses it asks once at the end.
+// A call that fails because the service has gone, or is a new one that does not know our handle, marks the link as
+// lost. So a caller makes its calls and tests `lost` once at the end.
 #pragma once
 
 #include "device.h"
@@ -14,7 +14,7 @@
 #include <map>
 #include <string>
 
-// The variables that tell what to do, in the order of their events.
+// The watched variables, in the order of their events.
 enum Watched : DWORD { kWatchedRead, kWatchedWrite, kWatchedMailbox, kWatchedFunction, kWatchedCount };
 
 struct Link {
@@ -31,24 +31,24 @@ struct Link {
     std::map<std::string, product::VariableInfo> known{}; // type and size of what was stored before
 };
 
-// Why there is no connection yet, in words; empty when there is one now.
+// Connects. Empty, or the reason in words why there is no connection yet.
 std::string Connect(Link& link);
 void Disconnect(Link& link);
 
-// The value, or nothing: kDone and the service's answers of interface.h, or a positive code.
+// Reads the whole value. kDone, an answer of the service (product/interface.h), or a positive code.
 LONG ReadBytes(Link& link, const char* variable, Bytes* value);
 LONG WriteBytes(Link& link, const char* variable, const void* value, DWORD size);
-// Up to its NUL, or the value's end. Empty also when it cannot be read.
+// The text up to its NUL or the value's end. Also empty when it cannot be read.
 std::string ReadTextOf(Link& link, const char* variable);
-// 0 also when it cannot be read.
+// Also 0 when it cannot be read.
 DWORD ReadNumberOf(Link& link, const char* variable);
 LONG InfoOf(Link& link, const char* variable, product::VariableInfo* info);
 
-// A variable-length variable. kVariableExists: it was there.
+// Makes a variable-length variable. kVariableExists: it is there already.
 LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size);
 
 // Stores a value of the printer in the form that the variable has. kDone, an answer of the service, or a positive code.
 LONG StoreValue(Link& link, const DeviceValue& value);
 
-// Whether anybody waits for the answer of a request: who does has the event of the variable "RWResult".
+// Whether anybody waits for the answer to a request: a waiter has the event of "RWResult" open.
 bool SomebodyWaits(const Link& link);

@@ -6,8 +6,7 @@
 //
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
 // ends all managers of the machine), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the
-// stop event, set by the console's handler and by who waits for the others, each on a thread of its own; and what that
-// thread waits for.
+// stop event, which the console's handler and a waiting thread set, and the handles that this thread waits for.
 #include "printer_side.h"
 #include "scripted_device.h"
 
@@ -38,18 +37,18 @@ DWORD g_endingCount = 0;
 
 BOOL WINAPI OnConsoleControl(DWORD event) {
     SetEvent(g_stop);
-    // After other events the process ends as soon as this returns: the main thread shall end it before.
+    // After other events the system ends the process as soon as this returns. The main thread ends it first.
     if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kStopMs);
     return TRUE;
 }
 
 DWORD WINAPI WaitForEnding(LPVOID) {
-    WaitForMultipleObjects(g_endingCount, g_endings, FALSE, INFINITE); // as long as we live, if need be
+    WaitForMultipleObjects(g_endingCount, g_endings, FALSE, INFINITE); // unbounded: for the life of the process
     SetEvent(g_stop);
     return 0;
 }
 
-// False when the owner, if there shall be one, lives no more, or there is no such event.
+// False when the owner, if one is given, has ended, or the event does not exist.
 bool FollowEndings(DWORD owner, const std::string& stopEvent) {
     if (owner != 0) g_endings[g_endingCount++] = OpenProcess(SYNCHRONIZE, FALSE, owner);
     if (!stopEvent.empty()) g_endings[g_endingCount++] = OpenEventA(SYNCHRONIZE, FALSE, stopEvent.c_str());
@@ -73,7 +72,7 @@ struct CommandLine {
     bool check = false;
 };
 
-// Names are in the ANSI code page, command lines in that or in UTF-8, as the system has it.
+// Names are in the ANSI code page. A command line is in that or in UTF-8, depending on the system.
 std::string ToAnsi(const std::string& word) {
     const int size = static_cast<int>(word.size());
     std::vector<WCHAR> wide(word.size());
@@ -87,7 +86,7 @@ std::string ToAnsi(const std::string& word) {
     return ansi;
 }
 
-// The last of an option that is given twice counts.
+// Of an option that is given twice the last one counts.
 void AddOptions(CLI::App& app, CommandLine& line) {
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--script", line.script, "what the printer has and does (docs/printer.md)")
@@ -105,7 +104,7 @@ void AddOptions(CLI::App& app, CommandLine& line) {
     app.add_flag("--check", line.check, "only check the script");
 }
 
-// kStopped, or kWrong after it was logged why. *help: it was asked for and printed.
+// kStopped, or kWrong after the reason was logged. *help: help was requested and printed.
 int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
     CLI::App app("The printer side of one printer.", "TVSPSD.EXE");
     AddOptions(app, *line);
@@ -124,7 +123,7 @@ int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
     return kStopped;
 }
 
-// kStopped, or kWrong after it was logged why.
+// kStopped, or kWrong after the reason was logged.
 int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) {
     std::ifstream file(path, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};

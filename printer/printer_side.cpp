@@ -1,7 +1,7 @@
-// One thread: it waits for a request, for the device and for answers that are due, and does one thing after the other.
+// One thread waits for a request, for the device and for answers that are due, and handles one after the other.
 //
-// A pulse reaches only who waits at that moment. So the counts of writes are compared too: soon after anything
-// happened, then less and less often; a request is found at the latest after kIdleLookMs. State: the record of the one
+// A pulse wakes only those who wait at that moment. So the thread also compares counts of writes: soon after anything
+// happened, then less and less often. It finds a request after kIdleLookMs at the latest. State: the record of the
 // printer.
 #include "printer_side.h"
 
@@ -28,14 +28,14 @@ constexpr DWORD kIdleLookMs = 1000;
 constexpr DWORD kFirstRetryMs = 50; // to connect; doubled each time
 constexpr DWORD kLongestRetryMs = 2000;
 
-// Where requests are forwarded, the request variable is written first. What stands there is not carried out for itself,
-// unless nothing is forwarded within once to twice this time and somebody waits for an answer in the other way.
+// Where requests are forwarded, the request variable is written first. Its request is carried out only if it is not
+// forwarded within once to twice this time and somebody waits for "RWResult".
 constexpr DWORD kForwardGraceMs = 150;
-// The other way round, a request that was carried out already is not carried out once more because it is forwarded too.
+// A request that was carried out by its variable is not carried out again when it is forwarded within this time.
 constexpr DWORD kDoubledMs = 2000;
 
-constexpr DWORD kOrdinaryPort = 0x1; // anything but 0, which says that no port is known, and TVS_PORT_NO_REQUESTS
-// Of the spooler that requests find.
+constexpr DWORD kOrdinaryPort = 0x1; // any value but 0 (no port is known) and TVS_PORT_NO_REQUESTS
+// "SpoolerStatus" while requests are taken.
 constexpr DWORD kSpoolerUp = TVS_SPOOLER_RUNS | TVS_SPOOLER_READY;
 
 // A request being carried out.
@@ -48,7 +48,7 @@ struct Job {
     DeviceReply reply{};
 };
 
-// The last request that was carried out for its variable: it may be forwarded too.
+// The last request that was carried out by its variable; it may be forwarded too.
 struct Carried {
     RequestKind kind = kNoRequest;
     DWORD writes = 0;
@@ -65,7 +65,7 @@ struct PrinterSide {
     ULONGLONG now = 0;       // milliseconds since the start
     DWORD seen[2] = {};      // write counts of the two request variables
     DWORD unclaimed[2] = {}; // counts that no forwarded request has come for yet
-    ULONGLONG graceEnd = 0;  // when they are looked at; 0: there are none
+    ULONGLONG graceEnd = 0;  // when these are checked; 0: there are none
     DWORD mailboxId = 0;
     bool forwarded = false; // "LMFunction": requests come through the mailbox
     std::optional<Job> job{};
@@ -102,7 +102,7 @@ void PutWaitingItems(PrinterSide& side) {
     if (result.status != kDone) WarnOfValue(side, result.origin, result.variable, result.status);
 }
 
-// The first failure. A value that cannot be stored is told, and the others are stored all the same.
+// The first failure. A value that cannot be stored is logged, and the others are stored.
 LONG StoreValues(PrinterSide& side, const std::vector<DeviceValue>& values) {
     LONG first = kDone;
     for (const DeviceValue& value : values) {
@@ -129,7 +129,7 @@ bool IsOneOf(const std::vector<DeviceValue>& values, const char* variable) {
                        [&](const DeviceValue& value) { return value.variable == variable; });
 }
 
-// What every printer has. Where the device says nothing it takes requests.
+// Adds what every printer has and the device does not set. By default a printer takes requests.
 void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue>& values) {
     const auto add = [&](const char* variable, Bytes bytes) {
         if (!IsOneOf(values, variable)) values.push_back({variable, std::move(bytes), "the printer side"});
@@ -142,7 +142,7 @@ void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue
     }
     add(names::kSpoolerStatus, BytesOfNumber(kSpoolerUp));
     add(names::kPrinterExtStatus, BytesOfNumber(TVS_EXT_STATUS_TAKES_REQUESTS));
-    // What says that requests are taken comes last.
+    // The variables that say that requests are taken come last.
     std::stable_partition(values.begin(), values.end(), [](const DeviceValue& value) {
         return value.variable != names::kSpoolerStatus && value.variable != names::kPrinterExtStatus;
     });
@@ -168,7 +168,7 @@ void FinishJob(PrinterSide& side) {
     Answer(side, job, job.reply.result != 0 ? job.reply.result : stored);
 }
 
-// The companion's value as the variable itself has it.
+// The companion's value in the form of the variable itself.
 LONG ReadCompanion(PrinterSide& side, const std::string& companion, Bytes* value) {
     if (const LONG status = ReadBytes(side.link, companion.c_str(), value); status != kDone) return status;
     VariableInfo info = {};
@@ -187,7 +187,7 @@ DeviceReply AskRefresh(PrinterSide& side) {
     return side.device.refresh(side.device.self, ReadTextOf(side.link, names::kRefreshStatus));
 }
 
-// Anybody may have written the request variables: a text that names nothing is answered like any unknown name.
+// Anybody may write the request variables. A text that names nothing is answered like an unknown name.
 DeviceReply AskDevice(PrinterSide& side, RequestKind kind) {
     if (kind == kRefreshRequest) return AskRefresh(side);
     std::string name = ReadTextOf(side.link, kRequestVariables[VariableOf(kind)]);
@@ -204,8 +204,8 @@ DeviceReply AskDevice(PrinterSide& side, RequestKind kind) {
     return side.device.write(side.device.self, name, value);
 }
 
-// A job that is not answered yet gives way: its requester has given up, or does not keep to the printer's mutex. Its
-// late answer would be taken for the answer to the new request.
+// A job that is not answered yet is dropped: its requester has given up, or ignores the printer's mutex. A late answer
+// would be taken for the answer to the new request.
 void BeginJob(PrinterSide& side, Job job) {
     if (side.job && side.job->forwardId != 0 && side.job->forwardId != job.forwardId)
         Answer(side, {.forwardId = side.job->forwardId}, TVS_E_NOT_NOW);
@@ -215,7 +215,7 @@ void BeginJob(PrinterSide& side, Job job) {
     if (!side.job->reply.silent && side.job->reply.delayMs == 0) FinishJob(side);
 }
 
-// One that is never answered is kept only so that its requester does not wait for a printer side that is gone.
+// A job that is never answered is kept only to answer its requester when the printer side ends.
 bool IsDue(const PrinterSide& side) {
     return side.job && !side.job->reply.silent;
 }
@@ -224,7 +224,7 @@ void BeginGrace(PrinterSide& side) {
     if (side.graceEnd == 0) side.graceEnd = side.now + kForwardGraceMs;
 }
 
-// Whether the variable was written since it was looked at.
+// Whether the variable was written since it was last checked.
 bool IsNew(PrinterSide& side, DWORD which, DWORD* writes) {
     VariableInfo info = {};
     if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return false;
@@ -244,7 +244,7 @@ void CheckVariable(PrinterSide& side, RequestKind kind) {
     BeginJob(side, {.kind = kind, .writes = writes, .byVariable = true});
 }
 
-// A request that stood there at the end of the last grace too is not going to be forwarded.
+// A request that was already there at the end of the last grace will not be forwarded.
 void EndGrace(PrinterSide& side) {
     side.graceEnd = 0;
     for (const RequestKind kind : {kReadRequest, kWriteRequest}) {
@@ -262,7 +262,7 @@ void EndGrace(PrinterSide& side) {
     }
 }
 
-// The request that a forwarded one stands for may have been seen already, by its variable.
+// The request of a forwarded one may have been seen already, in its variable.
 bool JoinsKnownRequest(PrinterSide& side, RequestKind kind, DWORD writes, DWORD id) {
     if (side.job && side.job->kind == kind && side.job->writes == writes && side.job->forwardId == 0) {
         side.job->forwardId = id;
@@ -301,8 +301,8 @@ void CheckTimes(PrinterSide& side) {
     if (side.graceEnd != 0 && side.now >= side.graceEnd) EndGrace(side);
 }
 
-// A request variable's event says all that is to be known where requests are forwarded. To look would take the time in
-// which the mailbox is written, whose pulse would then be missed.
+// Where requests are forwarded, the event of a request variable is enough. Reading the variable would take the time in
+// which the mailbox is written, and its pulse would be missed.
 void OnRequestEvent(PrinterSide& side, RequestKind kind) {
     if (side.forwarded)
         BeginGrace(side);
@@ -326,8 +326,8 @@ ULONGLONG TimeOf(const VariableInfo& info) {
 }
 
 // A predecessor that was killed may have left a request unanswered: it was written after the last answer, and its
-// requester still waits. All other requests of the past are over. Times tell milliseconds: a request within that of the
-// last answer counts as later, for the worse would be that somebody waits for good.
+// requester still waits. All earlier requests are over. Write times have milliseconds. A request in the same one as the
+// last answer counts as later, since a needless answer does less harm than a requester that waits forever.
 void FindUnanswered(PrinterSide& side) {
     VariableInfo answer = {};
     const bool waits = SomebodyWaits(side.link) && InfoOf(side.link, names::kRWResult, &answer) == kDone;
@@ -356,7 +356,7 @@ void BeginService(PrinterSide& side) {
     CheckAll(side);
 }
 
-// Says that no more requests are taken, and leaves nobody waiting.
+// Says that requests are no longer taken, and answers those that wait.
 void EndService(PrinterSide& side) {
     if (side.link.lost) return;
     const DWORD extStatus = ReadNumberOf(side.link, names::kPrinterExtStatus) & ~TVS_EXT_STATUS_TAKES_REQUESTS;
@@ -364,8 +364,8 @@ void EndService(PrinterSide& side) {
     WriteBytes(side.link, names::kPrinterExtStatus, &extStatus, sizeof extStatus);
     WriteBytes(side.link, names::kSpoolerStatus, &spoolerStatus, sizeof spoolerStatus);
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
-    // One may have been made since the last look. What comes from here on waits for the next printer side; what is in
-    // the mailbox the service answers, when its watch ends.
+    // A request may have been made since the last check. Later ones wait for the next printer side. The service answers
+    // those in the mailbox when the watch ends.
     for (const RequestKind kind : {kReadRequest, kWriteRequest}) {
         DWORD writes = 0;
         if (IsNew(side, VariableOf(kind), &writes) && SomebodyWaits(side.link))
@@ -375,7 +375,7 @@ void EndService(PrinterSide& side) {
 
 // ---- the loop
 
-// False: it shall stop.
+// False: stop was set.
 bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
     const Link& link = side.link;
     const HANDLE handles[] = {side.stop,
@@ -407,7 +407,7 @@ bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
     case WAIT_TIMEOUT:
         *look = true;
         break;
-    default: // handles that cannot be waited for: another connection has others
+    default: // the handles are invalid: the next connection has new ones
         side.link.lost = true;
         break;
     }
@@ -418,7 +418,7 @@ DWORD Until(const PrinterSide& side, ULONGLONG due) {
     return due > side.now ? static_cast<DWORD>(std::min<ULONGLONG>(due - side.now, kIdleLookMs)) : 0;
 }
 
-// Until the link is lost or it shall stop, which is false.
+// Returns true when the link is lost, false when stop was set.
 bool ServeLink(PrinterSide& side) {
     DWORD lookMs = kFirstLookMs;
     ULONGLONG lookAt = side.now + lookMs;
@@ -446,7 +446,7 @@ bool ServeLink(PrinterSide& side) {
     return true;
 }
 
-// Until it shall stop.
+// Returns when stop was set.
 void Serve(PrinterSide& side) {
     const Device& device = side.device;
     DWORD retry = kFirstRetryMs;
@@ -454,17 +454,17 @@ void Serve(PrinterSide& side) {
     while (goOn) {
         UpdateClock(side);
         DWORD next = 0;
-        // Values are asked for again when there is a connection; items are said once.
+        // State() gives values again at the next connection. Items are given once.
         for (const DeviceValue& value : device.advance(device.self, side.now, &next))
             if (value.item) AddItem(side.queues, value);
         const std::string failure = Connect(side.link);
         if (failure.empty()) {
             BeginService(side);
-            TellOfService(*side.jobs);
+            ReportAgain(*side.jobs);
             retry = kFirstRetryMs;
             goOn = ServeLink(side);
             if (!goOn) EndService(side);
-        } else if (retry == kLongestRetryMs) { // at the start of the product it is as it must be
+        } else if (retry == kLongestRetryMs) { // not at once: when the product starts this is normal
             Warn(side, failure + "; waiting");
         }
         Disconnect(side.link);

@@ -1,5 +1,5 @@
-// The printer side of one printer: it keeps the printer's variables in the status database true, and carries out the
-// requests that reach it, by the request variables or by the mailbox of forwarded requests.
+// The printer side of one printer: it keeps the printer's variables in the status database up to date, and carries out
+// requests from the request variables and from the mailbox of forwarded requests. State: the printer side's record.
 #pragma once
 
 #include "device.h"

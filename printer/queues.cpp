@@ -1,4 +1,4 @@
-// No state but the record's.
+// State: the Queues record.
 #include "queues.h"
 
 #include "product/model_variables.h"
@@ -11,7 +11,7 @@ using namespace product;
 
 namespace {
 
-constexpr SIZE_T kWaitingMax = 1000; // items; more than that nobody waits for
+constexpr SIZE_T kWaitingMax = 1000; // items
 constexpr SIZE_T kHeader = 2 * sizeof(DWORD);
 
 DWORD WordAt(const Bytes& bytes, SIZE_T at) {
@@ -30,7 +30,7 @@ Bytes EmptyQueue() {
     return value;
 }
 
-// Anybody may have written the variable: what is no queue of such items is an empty one.
+// Anybody may write the variable. A value that is not a queue of such items counts as empty.
 bool IsQueue(const Bytes& value, const DeviceQueue& queue) {
     if (value.size() < kHeader || WordAt(value, 0) != value.size() - sizeof(DWORD)) return false;
     return (value.size() - kHeader) / queue.itemSize == WordAt(value, sizeof(DWORD)) &&
@@ -111,7 +111,7 @@ QueueResult PutItems(Link& link, Queues& queues) {
         const DeviceValue& item = queues.waiting.front();
         const auto queue = queues.known.find(item.variable);
         const LONG status = queue == queues.known.end() ? kUnknownVariable : PutItem(link, queue->second, item);
-        if (link.lost) break; // it is put in once there is another connection
+        if (link.lost) break; // the item is appended at the next connection
         if (result.status == kDone && status != kDone) result = {status, item.variable, item.origin};
         queues.waiting.pop_front();
     }

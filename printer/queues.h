@@ -1,5 +1,5 @@
-// Queues of the printer: variables that no manager makes, since the service knows no such type. The printer side makes
-// them, variable-length, and puts items in; the library's reads take them out again.
+// Queues of the printer. The service has no such type, so no manager makes these variables. The printer side makes them
+// as variable-length and appends items; the library's reads take them out. State: the Queues record.
 //
 // Stored: u32 length (of what follows it), u32 count of items, the items, oldest first. Both sides change it under the
 // database mutex.
@@ -12,7 +12,7 @@
 
 struct Queues {
     std::map<std::string, DeviceQueue> known{};
-    std::deque<DeviceValue> waiting{}; // items that are not in their queue yet
+    std::deque<DeviceValue> waiting{}; // items that wait for the mutex
     KernelHandle mutex{};
 };
 
@@ -20,21 +20,22 @@ struct Queues {
 // them.
 std::vector<DeviceQueue> QueuesOfModel(const std::string& driver);
 
-// What the service answered, kDone or not; to which variable, and where what it did not take comes from.
+// The service's answer (kDone or the first failure), with the variable and the origin of a value that failed.
 struct QueueResult {
     LONG status = 0;
     std::string variable{};
     std::string origin{};
 };
 
-// At each connection: makes those that are not there yet, empty. more: of the device; they count in place of the
-// model's. The first failure.
+// At each connection: makes the queues that do not exist yet, empty. more: the device's, which replace the model's of
+// the same name. Returns the first failure.
 QueueResult MakeQueues(Link& link, Queues& queues, const std::vector<DeviceQueue>& more);
 
-// The item waits until PutItems finds the mutex free. Of more than 1,000 that wait the oldest goes.
+// The item waits until PutItems finds the mutex free. When more than 1,000 wait the oldest is dropped.
 void AddItem(Queues& queues, const DeviceValue& item);
-// Puts in what waits, unless somebody holds the mutex: then it is to be called again after kQueueRetryMs. The first
-// failure: kUnknownVariable: neither model nor script has such a queue; kWrongSize: its items are smaller.
+// Appends the waiting items, unless somebody holds the mutex: then call it again after kQueueRetryMs. Returns the first
+// failure. kUnknownVariable: neither model nor script has such a queue. kWrongSize: the item is larger than the
+// queue's.
 inline constexpr DWORD kQueueRetryMs = 20;
 QueueResult PutItems(Link& link, Queues& queues);
 

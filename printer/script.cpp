@@ -17,7 +17,7 @@ constexpr DWORD kPagesMax = 100000;
 constexpr DWORD kQueueLengthMax = 1000;
 constexpr ULONGLONG kLongestPageMs = 60 * 60 * 1000;
 
-// What is wrong with a line; caught where lines are counted.
+// An error in a line; caught where lines are counted.
 struct LineError {
     std::string text;
 };
@@ -43,7 +43,7 @@ public:
 
     bool AtEnd() const { return m_rest.empty(); }
     std::string_view Peek() const { return m_rest.substr(0, Length()); }
-    // what: what should stand here, for the message when there is nothing.
+    // what: what is expected here, for the error message.
     std::string_view Take(const char* what) {
         if (AtEnd()) Fail(std::string("there should be ") + what);
         const std::string_view word = Peek();
@@ -221,7 +221,7 @@ ULONGLONG TakeDuration(Words& words) {
     Fail(Quoted(word) + " is no duration such as 200ms, 5s, 10m or 8h");
 }
 
-// What a request may be held up: a day.
+// The longest delay of a request: a day.
 constexpr ULONGLONG kLongestDelayMs = 24 * 60 * 60 * 1000;
 
 Rule TakeRule(Words& words, const std::string& origin) {
@@ -315,7 +315,7 @@ Statement TakeStatement(Words& words, const std::string& origin) {
 
 constexpr ULONGLONG kShortestRoundMs = 100;
 
-// Whether a repeat may stand behind the statements: without a pause it would never come to an end.
+// Whether a repeat may follow the statements: without a pause they would run forever.
 void CheckRepeat(const std::vector<Statement>& before) {
     ULONGLONG pause = 0;
     for (const Statement& statement : before) {

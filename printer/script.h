@@ -1,4 +1,4 @@
-// The text of a scripted printer, read into statements. docs/printer.md has the language.
+// Parses the text of a script into statements. docs/printer.md has the language. No state.
 #pragma once
 
 #include "device.h"
@@ -26,6 +26,6 @@ struct Statement {
     Rule rule{};            // OnRead, OnWrite, OnRefresh
 };
 
-// Statements in the order of their lines. name: of the script, for origins and errors. errors: "NAME:LINE: what is
-// wrong", one for each line that is; then the result is of no use.
+// The statements in the order of their lines. name: of the script, for origins and errors. errors: "NAME:LINE: what is
+// wrong", one for each wrong line; if there are any, do not use the result.
 std::vector<Statement> ReadScript(std::string_view text, const std::string& name, std::vector<std::string>* errors);

@@ -1,4 +1,4 @@
-// The functions of the scripted printer; its state is the record they are given.
+// State: the record of the printer.
 #include "scripted_device.h"
 
 #include "product/variable_names.h"
@@ -27,7 +27,7 @@ const Rule* RuleFor(const std::map<std::string, Rule>& rules, const std::string&
     return nullptr;
 }
 
-// What the rule says, if there is one and it says more than how long. True when nothing else is to be done.
+// Applies a rule. True: the request is done. False: there is no rule, or only its delay applies.
 bool ApplyRule(ScriptedPrinter& printer, const Rule* rule, DeviceReply& reply) {
     if (!rule) return false;
     reply.delayMs = rule->delayMs / printer.speed;
@@ -69,7 +69,7 @@ DeviceReply Refresh(void* self, const std::string&) {
     return reply;
 }
 
-// A counter that nobody has set counts from 0.
+// A counter that was not set starts at 0.
 DeviceValue AddPages(ScriptedPrinter& printer, DWORD count) {
     constexpr DWORD kUnknown = 0xFFFFFFFF;
     DeviceValue& value = printer.values[names::kPageCount];
@@ -98,7 +98,7 @@ std::vector<DeviceValue> PagesOut(void* self, DWORD count) {
     return {AddPages(PrinterOf(self), count)};
 }
 
-// A repeating script that falls behind, as when the machine slept, goes on from now.
+// A repeating script that falls behind, for example because the machine slept, continues from now.
 constexpr ULONGLONG kCatchUpMs = 60000;
 
 // Carries one statement out. now: of the script. False: it is not due yet.

@@ -1,4 +1,4 @@
-// A printer that a script plays: what it has and does is what the statements say as time goes on.
+// A printer that runs a script: its values and its behaviour follow the statements over time. State: its record.
 #pragma once
 
 #include "script.h"
@@ -7,7 +7,7 @@
 
 struct ScriptedPrinter {
     std::vector<Statement> statements;
-    DWORD speed = 1;    // so many times faster than the script says
+    DWORD speed = 1;    // runs the script so many times faster
     DWORD pageMs = 300; // of a page of a job, in the script's time; kHoldJobs
 
     // The script's own time is now * speed.

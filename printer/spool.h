@@ -1,4 +1,4 @@
-// The print spooler, seen by who prints its jobs. Texts are in the ANSI code page.
+// The print spooler, as a program uses it that prints its jobs. Texts are in the ANSI code page. No state.
 #pragma once
 
 #include <windows.h>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// Whether jobs of the spool wait for a printer side to print them.
+// Whether the printer side has to print the spooled jobs, rather than the system's spooler.
 bool SpoolIsOurs();
 
 struct SpooledJob {
@@ -21,8 +21,8 @@ struct SpooledJob {
 // In the order of the queue; nothing when they cannot be listed.
 std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer);
 
-// How many pages a job's document has, 1 to 10,000; nothing when this user may not read it. A PDF document has those
-// that are written out in it, PostScript as many as its comments say; anything else is text, 66 lines a page or up to a
-// form feed. Of a document only the first 32 MiB count.
+// How many pages a job's document has, 1 to 10,000; nothing when this user may not read it. The pages of a PDF document
+// are counted, those of PostScript are what its comments say. Everything else is text, with 66 lines a page or a form
+// feed between pages. Only the first 32 MiB count.
 std::optional<DWORD> PagesOfJob(const std::string& printer, DWORD job);
 DWORD PagesOfDocument(const std::string& document);

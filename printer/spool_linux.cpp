@@ -1,4 +1,4 @@
-// The spool of the layer has nobody else who prints its jobs.
+// Nothing else prints the jobs of the layer's spool. No state.
 #include "spool.h"
 
 bool SpoolIsOurs() {

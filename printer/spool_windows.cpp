@@ -1,4 +1,4 @@
-// The system's own spooler sends its jobs to their ports.
+// The system's own spooler sends its jobs to their ports. No state.
 #include "spool.h"
 
 bool SpoolIsOurs() {

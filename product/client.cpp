@@ -1,4 +1,4 @@
-// The binding is the only state.
+// State: the binding, and the bound on the calls of a process that ends.
 #include "product/client.h"
 
 #include "product/ndr.h"
@@ -15,7 +15,7 @@ RPC_BINDING_HANDLE g_binding;
 RPC_CSTR g_stringBinding;
 RPC_CLIENT_INTERFACE g_interface;
 
-// Of a process that ends.
+// The bound on the calls of a process that ends.
 struct CallBound {
     DWORD start; // tick count
     DWORD boundMs;
@@ -25,7 +25,7 @@ CallBound g_bound;
 std::atomic<bool> g_isBounded;
 std::atomic<bool> g_gaveUp;
 
-// False when no call is made any more. Several threads may set the limit at once, to nearly the same.
+// False when no more calls are made. Several threads may set the limit at once, to nearly the same value.
 bool LimitCall() {
     if (!g_isBounded.load()) return true;
     if (g_gaveUp.load()) return false;
@@ -41,7 +41,7 @@ RPC_STATUS NoteResult(RPC_STATUS result) {
 // The label of the local form: little-endian integers, ASCII characters.
 constexpr ULONG kLocalRepresentation = 0x10;
 
-// CreateDatabase, the first call of an open, is the one that may find the service gone.
+// CreateDatabase, the first call of an open, may find the service gone.
 constexpr int kCallsWithRestart = 4;
 
 RPC_CSTR Text(const char* text) {
@@ -63,7 +63,7 @@ public:
 
     bool Send() {
         if (m_result != RPC_S_OK) return false;
-        if (!request.Good()) { // the body was larger than it was said to be
+        if (!request.Good()) { // the body did not fit the size given
             m_result = RPC_X_BAD_STUB_DATA;
             return false;
         }
@@ -80,7 +80,7 @@ public:
     // a reply that cannot be read.
     Answer Failure() const { return m_result > 0 ? static_cast<Answer>(m_result) : Answer::BadStubData; }
 
-    // The status, the last word of every reply. A reply that cannot be read as what it should be is a failed call.
+    // The status, the last word of every reply. A reply that cannot be decoded is a failed call.
     Answer Status() {
         const LONG status = reply.Status();
         return reply.Good() ? static_cast<Answer>(status) : Answer::BadStubData;
@@ -89,7 +89,7 @@ public:
 private:
     RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
         if (g_binding == nullptr) return RPC_S_INVALID_BINDING;
-        if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no longer body
+        if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no larger body
         if (!LimitCall()) return RPC_S_CALL_CANCELLED;
         m_message.Handle = g_binding;
         m_message.DataRepresentation = kLocalRepresentation;
@@ -172,8 +172,8 @@ void UnbindStatusDatabase() {
 }
 
 Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
-    *handle = 0; // what is not open must not be closed
-    // The fourth failure too is followed by a restart, so that the next open finds a server.
+    *handle = 0; // a handle that is not open must not be closed
+    // A restart also follows the fourth failure, so that the next open finds a server.
     Answer answer = Answer::ServerUnavailable;
     for (int i = 0; i < kCallsWithRestart; ++i) {
         answer = Invoke<kCreateDatabase>({name}, {*handle});
@@ -211,7 +211,7 @@ Answer CreateVariable(DatabaseHandle database, const char* name, DatabaseType ty
 }
 
 Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size) {
-    // What the service would answer to it, if a message could carry it there.
+    // What the service would answer if a message could carry the value.
     if (size > kValueSizeMax) return Answer::WrongSize;
     return Invoke<kWriteVariable>({database, name, {static_cast<const BYTE*>(value), size}, {size}});
 }

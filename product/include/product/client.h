@@ -1,8 +1,9 @@
-// The client side of the status database service: the binding of the process, and a wrapper for each procedure that the
-// library calls. The procedures and what they answer are told in interface.h.
+// The client side of the status database service: the binding of the process, and a stub for each procedure.
+// interface.h says what each procedure does and answers. State: the binding and the bound on calls, in client.cpp.
+// After the binding any thread may call.
 //
-// Every read of a value or of a write time goes through ReadVariable and GetWriteTime; nothing else may assume that it
-// was a call.
+// Every read of a value or of a write time goes through ReadVariable and GetWriteTime; no other code may assume that
+// such a read is a call.
 #pragma once
 
 #include "product/interface.h"
@@ -10,8 +11,8 @@
 
 #include <windows.h>
 
-// What a call gives: 0, an answer of the service (product::ServiceStatus), or the positive code of the RPC run-time or
-// of the system when the call failed. A number space of its own; those that the library asks for have a name here.
+// The outcome of a call: 0, an answer of the service (product::ServiceStatus), or the positive code of the RPC run-time
+// or of the system when the call failed. A number space of its own; the values that the library tests have a name here.
 enum class Answer : LONG {
     Done = product::kDone,
     DatabaseExists = product::kDatabaseExists,
@@ -33,27 +34,27 @@ constexpr Status PassOn(Answer answer) {
     return static_cast<Status>(answer);
 }
 
-// Names a database that the service has open for this process; 0 is none.
+// A database that the service has open for this process; 0: none.
 using DatabaseHandle = DWORD;
 
-// The binding that every procedure uses. False when it cannot be made; the calls then answer InvalidBinding.
+// Makes the binding that every call uses. False: it cannot be made, and the calls answer InvalidBinding.
 bool BindStatusDatabase();
 void UnbindStatusDatabase();
 
-// For a process that ends, until the next binding: its calls are not held up by a service that stands still. They have
-// boundMs together and beyond that eachMs each, for as long as all are answered; once one was not, no more is made.
-// Windows cannot bound a local call; there this bounds what LeftForCalls bounds.
+// For a process that ends, until the next binding: a service that hangs must not block its calls. They have boundMs
+// together, and eachMs each beyond that. After the first call that is not answered in time no more calls are made.
+// Windows cannot bound a local call; there only other waits are bounded, by LeftForCalls.
 void BoundCalls(DWORD boundMs, DWORD eachMs);
-// How long a call that began now might take, for other waits that end with the service's answers: INFINITE while calls
-// are not bounded, 0 once one was given up.
+// How long a call that begins now may take, in milliseconds; for other waits that depend on the service. INFINITE while
+// calls are not bounded, 0 after one timed out.
 DWORD LeftForCalls();
 bool CallsWereGivenUp();
 
-// On failure *handle is 0. A call that finds no server has it restarted where that can be done, and is repeated: four
-// calls at most.
+// On failure *handle is 0. A call that finds no server restarts it where that is possible and is repeated: four calls
+// at most.
 Answer CreateDatabase(const char* name, DatabaseHandle* handle);
-// Restarts the service where it is an ordinary process (Windows 95/98/Me), and says whether it did. The program that is
-// linked with the client defines it.
+// Restarts the service where it is an ordinary process (Windows 95/98/Me); true when it did. The program that links the
+// client defines it.
 bool RestartStatusService9x();
 Answer OpenDatabase(const char* name, DatabaseHandle* handle);
 Answer CloseDatabase(DatabaseHandle database);
@@ -63,24 +64,24 @@ Answer GetServiceInstance(product::ServiceInstance* instance);
 Answer GetDatabaseInfo(DatabaseHandle database, product::DatabaseInfo* info);
 Answer EndDatabaseInitialization(DatabaseHandle database);
 
-// value null: size 0 is sent, whatever size says.
+// value null: size is ignored, and 0 is sent.
 Answer CreateVariable(DatabaseHandle database, const char* name, product::DatabaseType type, DWORD size,
                       const void* value);
 Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size);
-// buffer null: only the stored size is asked, and *valueSize is 0 on failure. With a buffer, *valueSize is the stored
-// size; the part of the buffer behind it is zero. On failure the buffer is untouched.
+// *valueSize: the stored size. buffer null: asks only for that size; on failure *valueSize is 0. With a buffer, the
+// rest of the buffer behind the value is zero. On failure the buffer is untouched.
 Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize);
 // members: names, each followed by ";".
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members);
-// *info is of no use on failure.
+// *info is untouched on failure.
 Answer GetVariableInfo(DatabaseHandle database, const char* name, product::VariableInfo* info);
 // When the variable was last written, UTC.
 Answer GetWriteTime(DatabaseHandle database, const char* name, SYSTEMTIME* writeTime);
-// How often the variable was written: two counts that differ have a write between them.
+// How often the variable was written, wrapping.
 Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes);
-// Has the variable's event pulsed at its writes (VariableEventName); each watch is ended once. A pulse reaches only
-// those who wait at that moment, so whoever watches also looks, after the watch is set and from time to time.
+// Has the variable's event (VariableEventName) pulsed at its writes. Each watch is ended once. A pulse wakes only those
+// who wait at that moment, so a watcher also checks after it has set the watch, and from time to time.
 Answer WatchVariable(DatabaseHandle database, const char* name, product::WatchMode mode);
 Answer UnwatchVariable(DatabaseHandle database, const char* name);
-// Has a request carried out at a printer: "ReadRequest:<printer>" and the like. The answer is the request's result.
+// Has "ReadRequest:<printer>" or the like carried out at a printer. The answer is the request's result.
 Answer ForwardRequest(const char* request);

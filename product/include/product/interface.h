@@ -1,4 +1,4 @@
-// The RPC interface of the status database service: what its clients and the service must agree on.
+// The RPC interface of the status database service: what its clients and the service must agree on. No state.
 //
 // Local RPC ("ncalrpc", endpoint "TVORSDB_RPC"), interface version 1.0, NDR 2.0. The body of a request holds the in
 // parameters in order, the body of a reply the out parameters and then the status.
@@ -42,7 +42,8 @@ enum DatabaseType : DWORD {
 
 enum WatchMode : DWORD { kEveryWrite = 1, kOnlyChanges = 2 };
 
-// What the service answers. Codes of its own, in no relation to a status of the library's exports or of the system.
+// The service's answers. They are unrelated to the status of a library export and, except kAccessDenied, to the
+// system's codes.
 enum ServiceStatus : LONG {
     kDone = 0,
     kDatabaseExists = -2,    // CreateDatabase: there is one of that name
@@ -207,15 +208,17 @@ PROCEDURE(18, ForwardRequest, (text request), ());
 
 inline constexpr Procedure kProcedureCount = kForwardRequest + 1;
 
-// How forwarded requests reach the printer side, and its answers the service: two records in the printer's database.
-// The printer side makes both, all zero, when the database is ready; nobody can make them of another form. While a
-// client watches the mailbox there is a printer side, and the service writes each request into the mailbox, which
-// pulses its "Updated" event, and {0, 0} when there is no more. The printer side writes the request's id with its
-// result into the answer; an id that is not that of the request in the mailbox changes nothing. What the request is
-// about stands in "ReadRequest", "WriteRequest" and "RefreshStatus". When nobody watches the mailbox any more, however
-// the printer side ended, the service takes bit 0x1 of "PrinterExtStatus" and the bits 0xC of "SpoolerStatus" away, and
-// if nobody watches the mailbox again within 2 s, writes -50 to "RWResult" when somebody watches that and a request was
-// written since the last answer; so for each request that is written while nobody watches the mailbox.
+// Two records in the printer's database carry forwarded requests to the printer side and its answers back. The printer
+// side makes both, all zero, when the database is ready; the service refuses any other form. The client that watches
+// the mailbox is the printer side. The service writes each request into the mailbox, which pulses its "Updated" event,
+// and {0, 0} when there are no more. The printer side writes the request's id with its result into the answer; an id
+// that is not that of the request in the mailbox changes nothing. "ReadRequest", "WriteRequest" and "RefreshStatus"
+// have the details of the request.
+//
+// When nobody watches the mailbox any more, however the printer side ended, the service clears bit 0x1 of
+// "PrinterExtStatus" and the bits 0xC of "SpoolerStatus". If nobody watches the mailbox again within 2 s, it writes -50
+// to "RWResult", provided that somebody watches "RWResult" and a request was written since the last answer. It does the
+// same for each request that is written while nobody watches the mailbox.
 inline constexpr char kForwardMailbox[] = "ForwardMailbox"; // ForwardedRequest; the service alone writes it
 inline constexpr char kForwardAnswer[] = "ForwardAnswer";   // ForwardedAnswer
 
@@ -239,7 +242,7 @@ struct ForwardedAnswer {
 };
 static_assert(sizeof(ForwardedAnswer) == 8 && offsetof(ForwardedAnswer, result) == 4);
 
-// Limits, in bytes without the terminator where they are of text.
+// Limits; of text in bytes, without the NUL.
 inline constexpr DWORD kDatabaseNameMax = 31; // what an entry of the printer list holds
 inline constexpr DWORD kVariableNameMax = 255;
 inline constexpr DWORD kMemberListMax = 16384;
@@ -247,8 +250,8 @@ inline constexpr DWORD kRequestTextMax = 511;
 inline constexpr DWORD kCompositeMembersMax = 64;
 inline constexpr DWORD kCompositeDepthMax = 4;
 inline constexpr DWORD kCompositePartsMax = 256;
-// Of the body of a request or reply, and of one value in it: the rest is room for everything else. A printer list of
-// 7,000 entries of 560 bytes fits.
+// The largest body of a request or reply, and the largest value; the difference is room for the other parameters. A
+// printer list of 7,000 entries of 560 bytes fits.
 inline constexpr DWORD kBodySizeMax = 4 * 1024 * 1024;
 inline constexpr DWORD kValueSizeMax = kBodySizeMax - 64 * 1024;
 
