@@ -3,6 +3,7 @@
 
 #include "product/ndr.h"
 
+#include <algorithm>
 #include <atomic>
 #include <string.h>
 #include <string_view>
@@ -56,7 +57,7 @@ public:
         : m_message(), m_result(GetBuffer(procedure, bodySize)),
           request(m_message.Buffer, m_result == RPC_S_OK ? m_message.BufferLength : 0) {}
     ~Call() {
-        if (m_message.Buffer != nullptr) I_RpcFreeBuffer(&m_message);
+        if (m_message.Buffer) I_RpcFreeBuffer(&m_message);
     }
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
@@ -88,7 +89,7 @@ public:
 
 private:
     RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
-        if (g_binding == nullptr) return RPC_S_INVALID_BINDING;
+        if (!g_binding) return RPC_S_INVALID_BINDING;
         if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no larger body
         if (!LimitCall()) return RPC_S_CALL_CANCELLED;
         m_message.Handle = g_binding;
@@ -145,7 +146,7 @@ DWORD LeftForCalls() {
     if (g_gaveUp.load()) return 0;
     const DWORD spent = GetTickCount() - g_bound.start;
     const DWORD left = spent < g_bound.boundMs ? g_bound.boundMs - spent : 0;
-    return left > g_bound.eachMs ? left : g_bound.eachMs;
+    return std::max(left, g_bound.eachMs);
 }
 
 bool CallsWereGivenUp() {
@@ -165,8 +166,8 @@ bool BindStatusDatabase() {
 }
 
 void UnbindStatusDatabase() {
-    if (g_stringBinding != nullptr) RpcStringFreeA(&g_stringBinding);
-    if (g_binding != nullptr) RpcBindingFree(&g_binding);
+    if (g_stringBinding) RpcStringFreeA(&g_stringBinding);
+    if (g_binding) RpcBindingFree(&g_binding);
     g_stringBinding = nullptr;
     g_binding = nullptr;
 }
@@ -206,7 +207,7 @@ Answer EndDatabaseInitialization(DatabaseHandle database) {
 }
 
 Answer CreateVariable(DatabaseHandle database, const char* name, DatabaseType type, DWORD size, const void* value) {
-    if (value == nullptr) size = 0;
+    if (!value) size = 0;
     return Invoke<kCreateVariable>({database, name, type, {size}, 0, {static_cast<const BYTE*>(value), size}});
 }
 
@@ -219,7 +220,7 @@ Answer WriteVariable(DatabaseHandle database, const char* name, const void* valu
 // Not by Invoke: the value is copied once, from the reply to the caller's buffer, and the stored size is a result of
 // kBufferTooSmall too.
 Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize) {
-    if (buffer == nullptr) {
+    if (!buffer) {
         size = 0;
         *valueSize = 0;
     }
