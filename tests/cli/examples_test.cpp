@@ -70,6 +70,21 @@ TEST(Examples, ProgramsOfHeaderAndReadmeAndTheFirstOneRun) {
     }
 }
 
+TEST(Examples, EventLoopTellsWhatIsWrittenByEventAndByMessage) {
+    AddExamplePrinter();
+    RunningProduct product;
+    TestProcess loop = TestProcess::Program(ProgramPath("event_loop"), {"Front desk"});
+    EXPECT_EQ(loop.Hear(), "watching");
+    for (const char* level : {"41", "40"}) {
+        OrielText({"set", "Front desk", "TonerLevel", level});
+        EXPECT_EQ(loop.Hear(), std::string("TonerLevel: ") + level);
+        OrielText({"set", "Front desk", "PrinterLocation", level});
+        EXPECT_EQ(loop.Hear(), std::string("PrinterLocation: ") + level);
+    }
+    loop.CloseInput();
+    EXPECT_EQ(loop.Wait(), 0) << loop.Errors();
+}
+
 TEST(Examples, QueuePrintsJobsInUtf8WhateverTheCodePage) {
     UseSetting("ORIEL_ANSI_CODE_PAGE", "932");
     const ExampleProduct product;
