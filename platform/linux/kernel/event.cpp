@@ -13,8 +13,6 @@
 #include "base/call.h"
 #include "kernel/named_object.h"
 
-#include "security/records.h"
-
 #include <errhandlingapi.h>
 #include <new>
 #include <synchapi.h>
@@ -108,28 +106,17 @@ BOOL Written(bool written) {
 using namespace oriel;
 
 HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState, LPCSTR name) {
-    TerminationHold hold;
-    if (!AttributesAreSupported(attributes)) return nullptr;
-    bool existed = false;
-    NamedObject* event = OpenNamed({.type = &kEventType,
-                                    .kind = manualReset ? ObjectKind::ManualEvent : ObjectKind::AutoEvent,
-                                    .name = name,
-                                    .create = true,
-                                    .forEveryone = GrantsEveryone(attributes),
-                                    .word = initialState ? kSet : 0,
-                                    .make = MakeEvent},
-                                   existed);
-    return HandleOfCreated(event, existed);
+    return CreateByName({.type = &kEventType,
+                         .kind = manualReset ? ObjectKind::ManualEvent : ObjectKind::AutoEvent,
+                         .name = name,
+                         .word = initialState ? kSet : 0,
+                         .make = MakeEvent},
+                        attributes);
 }
 
 HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name) {
-    TerminationHold hold;
-    if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
-    bool existed = false;
-    // Either kind of reset: the file says which one it is.
-    NamedObject* event =
-        OpenNamed({.type = &kEventType, .kind = ObjectKind::ManualEvent, .name = name, .make = MakeEvent}, existed);
-    return HandleWithRights(event, access, kEventRights);
+    return OpenByName({.type = &kEventType, .kind = ObjectKind::ManualEvent, .name = name, .make = MakeEvent}, access,
+                      inherit, kEventRights);
 }
 
 BOOL WINAPI SetEvent(HANDLE handle) {

@@ -156,6 +156,17 @@ void UnpinHandle(const HandlePin& pin) {
     if ((before & kOpen) == 0 && (before & kPinMask) == 1) Retire(pin.slot, slot);
 }
 
+bool MapRights(DWORD asked, const RightsMap& map, DWORD* rights) {
+    constexpr DWORD kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
+    *rights = asked & ~(kGeneric | MAXIMUM_ALLOWED);
+    if ((*rights & ~map.all) != 0) return false;
+    if ((asked & GENERIC_READ) != 0) *rights |= map.read;
+    if ((asked & GENERIC_WRITE) != 0) *rights |= map.write;
+    if ((asked & GENERIC_EXECUTE) != 0) *rights |= map.execute;
+    if ((asked & GENERIC_ALL) != 0) *rights |= map.all;
+    return true;
+}
+
 bool CheckPin(const HandlePin& pin, const ObjectType& type, DWORD access) {
     DWORD error = ERROR_SUCCESS;
     if (pin.object == nullptr || pin.object->type != &type)

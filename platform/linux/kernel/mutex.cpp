@@ -17,8 +17,6 @@
 #include "kernel/named_object.h"
 #include "kernel/thread.h"
 
-#include "security/records.h"
-
 #include <cerrno>
 #include <errhandlingapi.h>
 #include <fcntl.h>
@@ -139,27 +137,17 @@ void AbandonMutexes(ThreadObject& thread) {
 using namespace oriel;
 
 HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES attributes, BOOL initialOwner, LPCSTR name) {
-    TerminationHold hold;
-    if (!AttributesAreSupported(attributes)) return nullptr;
-    bool existed = false;
-    NamedObject* mutex = OpenNamed({.type = &kMutexType,
-                                    .kind = ObjectKind::Mutex,
-                                    .name = name,
-                                    .create = true,
-                                    .forEveryone = GrantsEveryone(attributes),
-                                    .make = MakeMutex,
-                                    .atCreation = initialOwner ? OwnAtCreation : nullptr},
-                                   existed);
-    return HandleOfCreated(mutex, existed);
+    return CreateByName({.type = &kMutexType,
+                         .kind = ObjectKind::Mutex,
+                         .name = name,
+                         .make = MakeMutex,
+                         .atCreation = initialOwner ? OwnAtCreation : nullptr},
+                        attributes);
 }
 
 HANDLE WINAPI OpenMutexA(DWORD access, BOOL inherit, LPCSTR name) {
-    TerminationHold hold;
-    if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
-    bool existed = false;
-    NamedObject* mutex =
-        OpenNamed({.type = &kMutexType, .kind = ObjectKind::Mutex, .name = name, .make = MakeMutex}, existed);
-    return HandleWithRights(mutex, access, kMutexRights);
+    return OpenByName({.type = &kMutexType, .kind = ObjectKind::Mutex, .name = name, .make = MakeMutex}, access,
+                      inherit, kMutexRights);
 }
 
 BOOL WINAPI ReleaseMutex(HANDLE handle) {

@@ -10,6 +10,7 @@
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
+#include "security/records.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -298,8 +299,7 @@ NamedObject* MakeUnnamed(const NamedRequest& request) {
     return nullptr;
 }
 
-} // namespace
-
+// A reference of the object, or null with the last error set. existed: it was there before.
 NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     existed = false;
     if (request.name == nullptr || *request.name == '\0')
@@ -330,6 +330,8 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     return object;
 }
 
+} // namespace
+
 bool DropNamed(NamedObject* object) {
     if (!object->named) return LastReference(object);
     // No lock while more than two references remain. The last two need it: one of them may be the owner's.
@@ -351,34 +353,39 @@ bool DropNamed(NamedObject* object) {
     return true;
 }
 
-HANDLE HandleOfCreated(NamedObject* object, bool existed) {
+bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes) {
+    if (attributes == nullptr || !attributes->bInheritHandle) return true;
+    return Fail(ERROR_NOT_SUPPORTED, false);
+}
+
+HANDLE CreateByName(NamedRequest request, const SECURITY_ATTRIBUTES* attributes) {
+    const TerminationHold hold;
+    if (!AttributesAreSupported(attributes)) return nullptr;
+    request.create = true;
+    request.forEveryone = GrantsEveryone(attributes);
+    bool existed = false;
+    NamedObject* object = OpenNamed(request, existed);
     if (object == nullptr) return nullptr;
     const HANDLE handle = NewHandle(object, kAllRights);
     if (handle != nullptr) SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
 }
 
-HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map) {
+HANDLE OpenByName(const NamedRequest& request, DWORD desired, BOOL inherit, const RightsMap& map) {
+    const TerminationHold hold;
+    if (inherit) return Fail(ERROR_NOT_SUPPORTED, nullptr);
+    bool existed = false;
+    NamedObject* object = OpenNamed(request, existed);
     if (object == nullptr) return nullptr;
-    constexpr DWORD kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
-    DWORD rights = desired & ~(kGeneric | MAXIMUM_ALLOWED);
-    if (desired == 0 || (rights & ~map.all) != 0) {
+    DWORD rights = 0;
+    if (desired == 0 || !MapRights(desired, map, &rights)) {
         DropReference(object);
         return Fail(ERROR_ACCESS_DENIED, nullptr);
     }
-    if ((desired & GENERIC_READ) != 0) rights |= map.read;
-    if ((desired & GENERIC_WRITE) != 0) rights |= map.write;
-    if ((desired & GENERIC_EXECUTE) != 0) rights |= map.execute;
-    if ((desired & (GENERIC_ALL | MAXIMUM_ALLOWED)) != 0) rights |= map.all;
+    if ((desired & MAXIMUM_ALLOWED) != 0) rights |= map.all;
     return NewHandle(object, rights);
 }
 
-bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes) {
-    if (attributes == nullptr || !attributes->bInheritHandle) return true;
-    return Fail(ERROR_NOT_SUPPORTED, false);
-}
-
-// The name may have been removed and used again, so the files are compared.
 int ReopenFile(const NamedObject& object) {
     NamesHold names;
     if (object.fileName[0] == '\0') return -1;

@@ -54,42 +54,31 @@ struct NamedRequest {
     const ObjectType* type;
     ObjectKind kind;
     const char* name;                                  // NULL or "": unnamed
-    bool create = false;                               // false: it must exist
-    bool forEveryone = false;                          // access for all users, if new
-    uint32_t word = 0;                                 // initial word, if new
-    uint32_t size = 0;                                 // of a section, if new
-    NamedObject* (*make)();                            // allocates an empty record; null when memory is lacking
-    bool (*atCreation)(NamedObject* object) = nullptr; // before other processes see it; false with the last error set
+    uint32_t word = 0;                                 // of a new one
+    uint32_t size = 0;                                 // of a new section
+    NamedObject* (*make)();                            // an empty record; null without memory
+    bool (*atCreation)(NamedObject* object) = nullptr; // before anyone else can see it; false with the last error set
+    bool create = false;                               // CreateByName's: else it has to exist,
+    bool forEveryone = false;                          // and the rights of a new one
 };
 
-// Opens or creates the object and returns a reference, or null with the last error set. existed: it was there before.
-// An event may have the other kind of reset than requested.
-NamedObject* OpenNamed(const NamedRequest& request, bool& existed);
+// CreateEventA and its like: a handle with all rights, for an object that is new or was there before; the last error is
+// then ERROR_ALREADY_EXISTS, else 0. An event of the other kind of reset is taken for the one asked for. NULL with the
+// last error set; ERROR_NOT_SUPPORTED for attributes that cannot be followed.
+HANDLE CreateByName(NamedRequest request, const SECURITY_ATTRIBUTES* attributes);
+
+// OpenEventA and its like: a handle with the rights asked for; ERROR_ACCESS_DENIED for none and for rights that the
+// kind does not have.
+HANDLE OpenByName(const NamedRequest& request, DWORD desired, BOOL inherit, const RightsMap& map);
 
 // For ObjectType::drop: releases a reference. True for the last one: name, file and mapping are gone, and the caller
 // deletes the record.
 bool DropNamed(NamedObject* object);
 
-// The handle for an object from OpenNamed with create; takes over the reference. Last error: ERROR_ALREADY_EXISTS if it
-// existed, else 0.
-HANDLE HandleOfCreated(NamedObject* object, bool existed);
-
-// False with ERROR_NOT_SUPPORTED for a handle that child processes shall inherit.
+// Security attributes that can be followed, else false with ERROR_NOT_SUPPORTED.
 bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes);
 
-// The rights that each generic right stands for, and all rights of the kind.
-struct RightsMap {
-    DWORD read;
-    DWORD write;
-    DWORD execute;
-    DWORD all;
-};
-// A handle with the desired rights; takes over the reference. NULL with ERROR_ACCESS_DENIED for no rights at all and
-// for rights that the kind does not have.
-HANDLE HandleWithRights(NamedObject* object, DWORD desired, const RightsMap& map);
-
-// Opens the file of a named object again, without the flock that keeps the object alive. -1 when it is gone. The caller
-// closes it.
+// Opens the file of a named object once more, without the flock that keeps the object alive. -1 when it is not there.
 int ReopenFile(const NamedObject& object);
 
 } // namespace oriel

@@ -10,8 +10,6 @@
 #include "base/steps.h"
 #include "kernel/named_object.h"
 
-#include "security/records.h"
-
 #include <cerrno>
 #include <errhandlingapi.h>
 #include <memory>
@@ -69,17 +67,9 @@ HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, 
     if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0')
         return Fail(ERROR_NOT_SUPPORTED, nullptr);
     if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) return Fail(ERROR_INVALID_PARAMETER, nullptr);
-    if (!AttributesAreSupported(attributes)) return nullptr;
-    bool existed = false;
-    NamedObject* section = OpenNamed({.type = &kSectionType,
-                                      .kind = ObjectKind::Section,
-                                      .name = name,
-                                      .create = true,
-                                      .forEveryone = GrantsEveryone(attributes),
-                                      .size = sizeLow,
-                                      .make = MakeSection},
-                                     existed);
-    return HandleOfCreated(section, existed);
+    return CreateByName(
+        {.type = &kSectionType, .kind = ObjectKind::Section, .name = name, .size = sizeLow, .make = MakeSection},
+        attributes);
 }
 
 LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes) {

@@ -5,10 +5,9 @@
 #include "security/accounts.h"
 #include "security/credentials.h"
 
+#include <cstring>
 #include <processthreadsapi.h>
 #include <securitybaseapi.h>
-
-#include <cstring>
 #include <vector>
 
 namespace oriel {

@@ -9,11 +9,10 @@
 #include "base/list.h"
 #include "base/lock.h"
 
-#include <heapapi.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <heapapi.h>
 #include <new>
 #include <pthread.h>
 

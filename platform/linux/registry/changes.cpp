@@ -1,4 +1,4 @@
-// Changes of the registry: their steps, and lists of changes in one transaction. No state.
+// The steps of changes, and changes that happen together. No state.
 #include "registry/changes.h"
 
 #include <algorithm>

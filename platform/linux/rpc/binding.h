@@ -1,10 +1,9 @@
 // What an RPC_BINDING_HANDLE points to: a client's binding, or the call that a server thread is executing.
 #pragma once
 
-#include <rpc.h>
-
 #include <atomic>
 #include <cstdint>
+#include <rpc.h>
 #include <string>
 
 namespace oriel::rpc {

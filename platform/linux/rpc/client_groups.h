@@ -2,10 +2,9 @@
 // (whose connections and memory are counted). State: client_groups.cpp.
 #pragma once
 
-#include <rpc.h>
-
 #include <atomic>
 #include <cstdint>
+#include <rpc.h>
 #include <sys/types.h>
 
 namespace oriel::rpc {

@@ -4,9 +4,8 @@
 
 #include "rpc/channel.h"
 
-#include <rpc.h>
-
 #include <cstdint>
+#include <rpc.h>
 
 namespace oriel::rpc {
 

@@ -6,12 +6,11 @@
 // UUIDs and versions are RPC_SYNTAX_IDENTIFIERs in memory.
 #pragma once
 
-#include <rpc.h>
-
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <rpc.h>
 #include <span>
 #include <string_view>
 #include <vector>

@@ -4,13 +4,12 @@
 #include "base/call.h"
 #include "text/names.h"
 
-#include <winbase.h>
-#include <winnls.h>
-
 #include <cerrno>
 #include <cstring>
 #include <grp.h>
 #include <pwd.h>
+#include <winbase.h>
+#include <winnls.h>
 
 namespace oriel {
 namespace {

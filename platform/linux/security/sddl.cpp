@@ -2,15 +2,14 @@
 #include "base/call.h"
 #include "security/accounts.h"
 
-#include <sddl.h>
-#include <securitybaseapi.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <sddl.h>
+#include <securitybaseapi.h>
 #include <string>
 #include <vector>
 

@@ -9,7 +9,7 @@
 // State: the connections, in static objects of the folders that have a database.
 #pragma once
 
-#include "kernel/named_object.h"
+#include "kernel/handles.h"
 
 #include <cstdint>
 #include <mutex>

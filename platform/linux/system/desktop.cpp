@@ -3,9 +3,6 @@
 #include "base/call.h"
 #include "base/descriptor.h"
 
-#include <oriel_desktop.h>
-#include <winstation.h>
-
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>
@@ -14,6 +11,7 @@
 #include <cstring>
 #include <netinet/in.h>
 #include <new>
+#include <oriel_desktop.h>
 #include <string>
 #include <string_view>
 #include <strings.h>
@@ -21,6 +19,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <winstation.h>
 
 namespace oriel {
 namespace {

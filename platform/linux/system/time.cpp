@@ -1,9 +1,8 @@
 // The time of day as FILETIME and SYSTEMTIME. No state.
 #include "base/call.h"
 
-#include <sysinfoapi.h>
-
 #include <chrono>
+#include <sysinfoapi.h>
 
 namespace oriel {
 namespace {

@@ -4,10 +4,9 @@
 // iconv. State: code_page.cpp.
 #pragma once
 
-#include <windef.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <windef.h>
 
 namespace oriel {
 

@@ -3,13 +3,12 @@
 #include "base/call.h"
 #include "text/code_page.h"
 
-#include <winnls.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
 #include <string>
 #include <type_traits>
+#include <winnls.h>
 
 namespace oriel {
 namespace {

@@ -6,11 +6,10 @@
 // one pass over a table of weights; hyphens, apostrophes and other characters are compared by elements.
 #include "text/code_page.h"
 
-#include <winnls.h>
-
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <winnls.h>
 
 namespace oriel {
 namespace {

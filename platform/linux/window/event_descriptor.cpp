@@ -2,21 +2,19 @@
 //
 // State: the table, under its lock. The thread runs while a descriptor exists. It copies the table at the start of a
 // round, and a change of the table ends the round. It waits through its own handles, so callers may close theirs.
-#include <oriel_poll.h>
-
 #include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 
-#include <errhandlingapi.h>
-#include <handleapi.h>
-#include <synchapi.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <errhandlingapi.h>
+#include <handleapi.h>
+#include <oriel_poll.h>
+#include <synchapi.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <vector>

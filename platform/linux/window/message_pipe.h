@@ -6,11 +6,11 @@
 #pragma once
 
 #include "base/descriptor.h"
-#include <winuser.h>
 
 #include <cstddef>
 #include <optional>
 #include <vector>
+#include <winuser.h>
 
 namespace oriel {
 

@@ -1,18 +1,17 @@
 // Thread queues: their lifetime with threads, processes and forks; reading and answering.
 #include "window/thread_queue.h"
 
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
-
-#include "base/call.h"
 #include "window/window_files.h"
-#include <errhandlingapi.h>
-#include <oriel_poll.h>
-#include <processthreadsapi.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <errhandlingapi.h>
+#include <oriel_poll.h>
+#include <processthreadsapi.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 

@@ -1,16 +1,15 @@
 // RegisterClassExA. State: the list of classes, which lives as long as the process.
 #include "window/window_class.h"
 
+#include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
 
-#include "base/call.h"
-#include <errhandlingapi.h>
-#include <winnls.h>
-
 #include <algorithm>
 #include <cstring>
+#include <errhandlingapi.h>
 #include <list>
+#include <winnls.h>
 
 namespace oriel {
 namespace {

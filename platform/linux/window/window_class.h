@@ -1,9 +1,8 @@
 // The window classes of this process.
 #pragma once
 
-#include <winuser.h>
-
 #include <string>
+#include <winuser.h>
 
 namespace oriel {
 

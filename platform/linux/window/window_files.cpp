@@ -6,20 +6,19 @@
 #include "base/directories.h"
 #include "base/lock.h"
 
-#include <errhandlingapi.h>
-#include <winerror.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <errhandlingapi.h>
 #include <fcntl.h>
 #include <memory>
 #include <string_view>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <winerror.h>
 
 namespace oriel {
 namespace {

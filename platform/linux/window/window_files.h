@@ -14,9 +14,9 @@
 #pragma once
 
 #include "base/descriptor.h"
-#include <winuser.h>
 
 #include <functional>
+#include <winuser.h>
 
 namespace oriel {
 

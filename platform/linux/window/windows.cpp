@@ -1,17 +1,15 @@
 // Creating and destroying windows, finding and listing them, querying them. State: the queues (thread_queue.cpp) and
 // the files (window_files.h).
-#include <winuser.h>
-
-#include "base/futex.h"
-
 #include "base/call.h"
+#include "base/futex.h"
 #include "window/thread_queue.h"
 #include "window/window_files.h"
-#include <errhandlingapi.h>
-#include <processthreadsapi.h>
 
 #include <algorithm>
 #include <cstring>
+#include <errhandlingapi.h>
+#include <processthreadsapi.h>
+#include <winuser.h>
 
 namespace oriel {
 namespace {
