@@ -83,7 +83,6 @@ typedef HANDLE HMODULE;
 typedef HANDLE HWND;
 typedef HANDLE HWINSTA;
 typedef HANDLE HLOCAL;
-typedef HANDLE HGLOBAL;
 
 typedef UINT_PTR WPARAM;
 typedef LONG_PTR LPARAM;

@@ -1,4 +1,4 @@
-// Where a thread stops that TerminateThread wants to stop, and the contended half of Lock.
+// Where a thread stops for good, and the slow path of Lock. State: the thread-local variables of lock.h.
 #include "base/lock.h"
 
 #include <csignal>

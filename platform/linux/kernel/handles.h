@@ -63,7 +63,7 @@ inline void DropReference(Object* object) {
 
 constexpr DWORD kAllRights = 0xFFFFFFFF;
 
-// What the generic rights stand for, and all rights that the kind has.
+// The meaning of the generic rights, and all rights of the kind.
 struct RightsMap {
     DWORD read;
     DWORD write;
@@ -71,12 +71,12 @@ struct RightsMap {
     DWORD all;
 };
 
-// The rights that are asked for, those that the generic ones stand for in their place; MAXIMUM_ALLOWED is left to the
-// caller. False for rights that the kind does not have.
+// The requested rights, with generic ones replaced by their meaning; MAXIMUM_ALLOWED is left to the caller. False for
+// rights that the kind does not have.
 bool MapRights(DWORD asked, const RightsMap& map, DWORD* rights);
 
-// A new handle, which takes over one reference of the object. access: the rights that calls through this handle have.
-// NULL with ERROR_NOT_ENOUGH_MEMORY or ERROR_NO_SYSTEM_RESOURCES (65,535 are open); the reference is then given up.
+// Makes a handle, which takes over one reference. access: the rights of calls through it. On failure NULL and the
+// reference is released: ERROR_NOT_ENOUGH_MEMORY, or ERROR_NO_SYSTEM_RESOURCES with 65,535 open handles.
 HANDLE NewHandle(Object* object, DWORD access);
 
 // The bare form of HandleUse, for many handles at once, inside a TerminationHold. Each call is one atomic operation,

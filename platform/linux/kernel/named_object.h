@@ -62,12 +62,12 @@ struct NamedRequest {
     bool forEveryone = false;                          // and the rights of a new one
 };
 
-// CreateEventA and its like: a handle with all rights, for an object that is new or was there before; the last error is
-// then ERROR_ALREADY_EXISTS, else 0. An event of the other kind of reset is taken for the one asked for. NULL with the
-// last error set; ERROR_NOT_SUPPORTED for attributes that cannot be followed.
+// For CreateEventA and its kin: a handle with all rights to a new or an existing object; the last error is
+// ERROR_ALREADY_EXISTS for an existing one, else 0. An existing event may have the other kind of reset than requested.
+// NULL with the last error set; ERROR_NOT_SUPPORTED for unsupported attributes.
 HANDLE CreateByName(NamedRequest request, const SECURITY_ATTRIBUTES* attributes);
 
-// OpenEventA and its like: a handle with the rights asked for; ERROR_ACCESS_DENIED for none and for rights that the
+// For OpenEventA and its kin: a handle with the requested rights; ERROR_ACCESS_DENIED for none and for rights that the
 // kind does not have.
 HANDLE OpenByName(const NamedRequest& request, DWORD desired, BOOL inherit, const RightsMap& map);
 
