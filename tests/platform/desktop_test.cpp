@@ -20,8 +20,8 @@ std::string Station() {
 }
 
 void SetDisplay(const std::string& x, const std::string& wayland = "") {
-    SetEnvironmentVariableA("DISPLAY", x.c_str());
-    SetEnvironmentVariableA("WAYLAND_DISPLAY", wayland.c_str());
+    UseSetting("DISPLAY", x.c_str());
+    UseSetting("WAYLAND_DISPLAY", wayland.c_str());
 }
 
 // Somebody who takes connections there, or took them once it is closed.

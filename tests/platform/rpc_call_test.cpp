@@ -155,7 +155,6 @@ CHILD_PROCESS(RpcClient) {
     for (std::string order = child.Hear(); !order.empty(); order = child.Hear()) {
         if (order == "free") binding.Free();
         if (order == "thread") binding.NumberOnAThread(kTouch);
-        if (order == "stop") binding.Call(kStopMonitor);
         if (order == "hold") binding.Call(kHold);
         child.Say("done");
     }
@@ -169,7 +168,7 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
         return WaitUntil([&] { return observer.Call(kRundowns).Number(context) == rundowns; });
     };
     uint32_t context = 0;
-    for (const auto& [order, before, after] : {std::tuple{"thread", 0U, 1U}, {"free", 1U, 1U}, {"stop", 0U, 0U}}) {
+    for (const auto& [order, before, after] : {std::tuple{"thread", 0U, 1U}, {"free", 1U, 1U}}) {
         TestProcess client = Ready("RpcClient", {std::to_string(context)});
         client.Tell(order);
         EXPECT_EQ(client.Hear(), "done");
