@@ -184,19 +184,19 @@ TEST(Process, ThatCannotBeStartedSaysWhy) {
 
 namespace {
 
+Child* g_child;
 std::atomic<DWORD> g_mainThread{0};
 std::atomic<int> g_events{0};
 
 BOOL WINAPI First(DWORD event) {
-    std::printf("first %u%s\n", event, GetCurrentThreadId() == g_mainThread ? " on the main thread" : "");
-    std::fflush(stdout);
+    g_child->Say("first " + std::to_string(event) +
+                 (GetCurrentThreadId() == g_mainThread ? " on the main thread" : ""));
     return g_events++ < 2; // deals with two
 }
 
 BOOL WINAPI Last(DWORD event) {
     const Owned made = CreateEventA(nullptr, TRUE, TRUE, "MadeInHandler"); // anything goes
-    std::printf("last %u %s\n", event, Look(made) == WAIT_OBJECT_0 ? "works" : "fails");
-    std::fflush(stdout);
+    g_child->Say("last " + std::to_string(event) + (Look(made) == WAIT_OBJECT_0 ? " works" : " fails"));
     return FALSE;
 }
 
@@ -210,6 +210,7 @@ void HearAsleep(Child& child) {
 } // namespace
 
 CHILD_PROCESS(HandlesConsoleEvents) {
+    g_child = &child;
     g_mainThread = GetCurrentThreadId();
     if (!SetConsoleCtrlHandler(First, TRUE) || !SetConsoleCtrlHandler(Last, TRUE)) return 1;
     if (SetConsoleCtrlHandler(nullptr, TRUE) || GetLastError() != ERROR_NOT_SUPPORTED) return 2;

@@ -135,6 +135,7 @@ TEST(Registry, HandlesOutliveNeitherTheirCloseNorTheirKey) {
             EXPECT_EQ(status, ERROR_KEY_DELETED);
     }
     EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
+    if (!OnTheLayer()) return; // where a handle of any kind is closed, and its number is used again
     for (HKEY bad :
          {key, HKEY(nullptr), static_cast<HKEY>(NewEvent()), reinterpret_cast<HKEY>(uintptr_t{0x80000009})}) {
         EXPECT_EQ(RegCloseKey(bad), ERROR_INVALID_HANDLE);
