@@ -14,6 +14,13 @@ constexpr UINT kDie = WM_APP + 5;
 // lParam is the answer, bent so that both parameters are seen to arrive whole.
 constexpr LPARAM kWide = static_cast<LPARAM>(0x8123456789abcdefULL >> (8 * (8 - sizeof(LPARAM))));
 
+// The answer; 0 when none came.
+LRESULT Send(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    DWORD_PTR answer = 0;
+    SendMessageTimeoutA(window, message, wParam, lParam, SMTO_NORMAL, 10000, &answer);
+    return static_cast<LRESULT>(answer);
+}
+
 LRESULT CALLBACK ServerProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
     static LRESULT count = 0;
     switch (message) {
@@ -24,7 +31,7 @@ LRESULT CALLBACK ServerProcedure(HWND window, UINT message, WPARAM wParam, LPARA
     case kEcho:
         return lParam ^ static_cast<LPARAM>(wParam);
     case kAskBack:
-        return SendMessageA(reinterpret_cast<HWND>(wParam), kEcho, 1, lParam);
+        return Send(reinterpret_cast<HWND>(wParam), kEcho, 1, lParam);
     case kVanish:
         return DestroyWindow(window), 5;
     case kDie:
@@ -94,9 +101,9 @@ TEST(Messages, FullQueueRefusesAtOnceAndTakesAgainOnceRead) {
 
     server.Continue();
     server.Tell("serve");
-    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == posted; })) << "none is lost or doubled";
+    EXPECT_TRUE(WaitUntil([&] { return Send(window, kCount, 0, 0) == posted; })) << "none is lost or doubled";
     EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
-    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == posted + 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return Send(window, kCount, 0, 0) == posted + 1; }));
 }
 
 TEST(Messages, CarryTheirParametersWholeToTheProcedure) {
@@ -147,23 +154,23 @@ TEST(Messages, AreChosenByWindowAndRangeAndQuitComesLast) {
 TEST(SentMessages, AreAnsweredByAnotherProcess) {
     TestProcess server("ServesMessages");
     const HWND window = ToWindow(server.Hear());
-    EXPECT_EQ(SendMessageA(window, kEcho, 0xff, kWide), kWide ^ 0xff);
+    EXPECT_EQ(Send(window, kEcho, 0xff, kWide), kWide ^ 0xff);
     DWORD_PTR result = 1;
     EXPECT_EQ(SendMessageTimeoutA(window, WM_NULL, 0, 0, SMTO_BLOCK, 10000, &result), 1);
     EXPECT_EQ(result, 0U);
     // What was posted before is read before a later question is answered.
     EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0));
-    EXPECT_TRUE(WaitUntil([&] { return SendMessageA(window, kCount, 0, 0) == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return Send(window, kCount, 0, 0) == 1; }));
     // It asks back while this thread waits for its answer.
     const HWND mine = MakeWindow("", ServerProcedure);
-    EXPECT_EQ(SendMessageA(window, kAskBack, reinterpret_cast<WPARAM>(mine), 40), 41);
+    EXPECT_EQ(Send(window, kAskBack, reinterpret_cast<WPARAM>(mine), 40), 41);
     EXPECT_TRUE(QueueIsEmpty());
     if (OnTheLayer()) {
         EXPECT_FAILS(SendMessageTimeoutA(window, 0x000d, 0, 0, SMTO_NORMAL, 100, nullptr), ERROR_MESSAGE_SYNC_ONLY);
         EXPECT_FAILS(SendMessageTimeoutA(window, WM_NULL, 0, 0, 2, 100, nullptr), ERROR_INVALID_PARAMETER);
     }
     // A window that its message destroyed has answered all the same.
-    EXPECT_EQ(SendMessageA(window, kVanish, 0, 0), 5);
+    EXPECT_EQ(Send(window, kVanish, 0, 0), 5);
     EXPECT_FALSE(IsWindow(window));
     EXPECT_EQ(server.Wait(), 0);
 }
@@ -171,7 +178,7 @@ TEST(SentMessages, AreAnsweredByAnotherProcess) {
 TEST(SentMessages, HaveABoundAndEndWithTheWindow) {
     TestProcess server("ServesMessages");
     const HWND window = ToWindow(server.Hear());
-    ASSERT_EQ(SendMessageA(window, kCount, 0, 0), 0) << "it serves";
+    ASSERT_EQ(Send(window, kCount, 0, 0), 0) << "it serves";
     server.Stop();
     DWORD_PTR result = 1234;
     const double start = NowMs();
@@ -181,7 +188,7 @@ TEST(SentMessages, HaveABoundAndEndWithTheWindow) {
     EXPECT_TRUE(result == 1234 || !OnTheLayer());
     server.Continue();
     // Nobody waits for it any more, so it is not carried out either.
-    EXPECT_EQ(SendMessageA(window, kCount, 0, 0), 0);
+    EXPECT_EQ(Send(window, kCount, 0, 0), 0);
     // The process dies while it has the message.
     SetLastError(kSentinel);
     EXPECT_EQ(SendMessageTimeoutA(window, kDie, 0, 0, SMTO_NORMAL, 20000, &result), 0);
@@ -191,7 +198,7 @@ TEST(SentMessages, HaveABoundAndEndWithTheWindow) {
 
 TEST(SentMessages, ReachOtherThreadsAndTheOwnDirectly) {
     const HWND mine = MakeWindow("", ServerProcedure);
-    EXPECT_EQ(SendMessageA(mine, kEcho, 3, 4), 7);
+    EXPECT_EQ(Send(mine, kEcho, 3, 4), 7);
     EXPECT_TRUE(QueueIsEmpty());
     std::atomic<HWND> other{nullptr};
     const Owned thread = StartThread([&] {
@@ -199,8 +206,8 @@ TEST(SentMessages, ReachOtherThreadsAndTheOwnDirectly) {
         return RunMessageLoop();
     });
     ASSERT_TRUE(WaitUntil([&] { return other.load() != nullptr; }));
-    EXPECT_EQ(SendMessageA(other, kAskBack, reinterpret_cast<WPARAM>(mine), 6), 7);
-    EXPECT_EQ(SendMessageA(other, WM_CLOSE, 0, 0), 0);
+    EXPECT_EQ(Send(other, kAskBack, reinterpret_cast<WPARAM>(mine), 6), 7);
+    EXPECT_EQ(Send(other, WM_CLOSE, 0, 0), 0);
     EXPECT_FALSE(IsWindow(other));
     EXPECT_EQ(Finish(thread), 0U);
 }
