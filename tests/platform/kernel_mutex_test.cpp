@@ -1,7 +1,7 @@
 // Mutexes whose owners end, critical sections and shared sections.
 #include "campaign.h"
 #include "kit.h"
-#include "timings.h"
+#include "base/timings.h"
 
 #include <atomic>
 

@@ -2,7 +2,7 @@
 #include "kit.h"
 #include "memory_kit.h"
 #include "private_machine.h"
-#include "timings.h"
+#include "base/timings.h"
 
 #include <csignal>
 #include <sys/prctl.h>

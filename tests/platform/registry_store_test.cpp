@@ -3,7 +3,7 @@
 #include "kit.h"
 #include "memory_kit.h"
 #include "private_machine.h"
-#include "timings.h"
+#include "base/timings.h"
 
 #include <filesystem>
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 // Calls as a stub makes them, to a server in another process; servers and clients that are killed, stopped and started
 // anew, and threads that end.
 #include "rpc_kit.h"
-#include "timings.h"
+#include "base/timings.h"
 
 #include <atomic>
 #include <thread>

@@ -1,7 +1,7 @@
 // Printers and jobs of a real print server, and servers that do not answer.
 #include "print_server.h"
 #include "spooler_kit.h"
-#include "timings.h"
+#include "base/timings.h"
 #include "unix_stream.h"
 
 #include <rpcnterr.h>

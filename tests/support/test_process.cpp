@@ -1,5 +1,6 @@
 // What of test_process.h and private_machine.h is the same everywhere, and main() of every test program.
 #include "test_process.h"
+#include "not_here.h"
 #include "private_machine.h"
 
 #include <gtest/gtest.h>

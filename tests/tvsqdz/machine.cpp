@@ -3,6 +3,7 @@
 #include "manager/printer_registration.h"
 #include "not_here.h"
 #include "private_machine.h"
+#include "product/registry_names.h"
 
 #include <winspool.h>
 
@@ -98,7 +99,7 @@ void InstallProduct() {
 }
 
 void AddPrinter(const std::string& name, const std::string& driver) {
-    const std::string key = DriverDataKeyName(name.c_str()).name;
+    const std::string key = PrinterKeyName(name.c_str()).name;
     SetRegistryText(kPrinterKeys + key, "Printer Driver", driver);
     RegCloseKey(CreateKey(HKEY_LOCAL_MACHINE, kPrinterKeys + key + "\\PrinterDriverData"));
 }

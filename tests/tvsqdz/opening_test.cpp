@@ -71,7 +71,7 @@ CHILD_PROCESS(OpensInCodePage932) {
     EXPECT_EQ(OpenManagerExW((longest + WIDE("\u30BD\u30BD\u30BD")).c_str(), WIDE(""), 2, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(OpenManagerExW(longest.c_str(), WideString(32, u'\u30BD').c_str(), 2, &manager), TVS_E_UNAVAILABLE);
     // Backslashes become commas, but not those that end a character; at the end the character is cut.
-    EXPECT_STREQ(DriverDataKeyName("\\\\\x83\\\\\x83").name, ",,\x83\\,\x83");
+    EXPECT_STREQ(PrinterKeyName("\\\\\x83\\\\\x83").name, ",,\x83\\,\x83");
     return testing::Test::HasFailure();
 }
 

@@ -29,7 +29,7 @@ TEST_F(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
         std::strcpy(record.printerName, printer.c_str());
         return LookUpDriverName(&record) ? record.driverName : "(none)";
     };
-    EXPECT_STREQ(DriverDataKeyName("\\\\server\\queue\\").name, ",,server,queue,");
+    EXPECT_STREQ(PrinterKeyName("\\\\server\\queue\\").name, ",,server,queue,");
     EXPECT_EQ(driverOf("Front desk"), "(none)"); // no printers at all
     AddPrinter("Front desk", "Driver A");
     AddPrinter("\\\\server\\queue", "Driver B");

@@ -90,7 +90,7 @@ TEST_F(Relay, ARegistrantIsToldByTheOwnerWhateverBecomesOfTheService) {
     EXPECT_EQ(registrant.Ask("w"), "0");
     // The owner has taken it up when there is a watcher of the variable.
     const std::string event = "Global\\TVOR:" + std::string(record->databaseName) + ":JobStatus:Changed";
-    const auto isServed = [&] { return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).handle != nullptr; };
+    const auto isServed = [&] { return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).Get() != nullptr; };
     EXPECT_TRUE(WaitUntil(isServed));
     registrant.Tell("h");
     std::atomic<bool> told = false;

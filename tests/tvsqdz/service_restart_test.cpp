@@ -202,7 +202,7 @@ TEST_F(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
     EXPECT_NE(registrant.Told(), 0);
     const KernelHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, "Global\\TVORSQD:ReqMutex:TVORSQD_DB2"));
     ASSERT_TRUE(mutex);
-    const MutexHold hold(mutex.handle);
+    const MutexHold hold(mutex.Get());
     TestThread([&] { EXPECT_FALSE(IsSet(RecordOf(first)->requestMutex, 0)); });
 }
 
