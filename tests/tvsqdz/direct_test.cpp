@@ -99,25 +99,20 @@ TEST_F(Direct, ValuesGoThroughTheDatabase) {
         if (text == "DVariable") StoreBytes(database, text, Joined({Number(9), Text("123456789")}));
         return 0;
     });
-    const struct {
-        const char* variable;
-        uint32_t size;
-        int32_t status;
-        uint32_t returned;
-        Bytes first;
-    } rows[] = {{"DNumber", 8, TVS_OK, 4, Number(42)},
-                {"DRead", 4, TVS_OK, 4, Number(3)},
-                {"DText", 20, TVS_OK, 16, BytesOf("from the tray")},
-                {"DText", 4, TVS_E_SIZE, 4, Text("from")},
-                {"DVariable", 20, TVS_OK, 9, Text("123456789")},
-                {"DVariable", 3, TVS_E_SIZE, 3, Text("123")}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.variable);
-        const ReadResult read = ReadDirectly(row.variable, row.size);
-        EXPECT_EQ(read.status, row.status);
-        EXPECT_EQ(read.returnedSize, row.returned);
-        EXPECT_EQ(Bytes(read.bytes.begin(), read.bytes.begin() + static_cast<long>(row.first.size())), row.first);
-        EXPECT_EQ(asked, std::string("ReadRequest:") + row.variable);
+    const std::tuple<const char*, uint32_t, int32_t, uint32_t, Bytes> rows[] = {
+        {"DNumber", 8, TVS_OK, 4, Number(42)},
+        {"DRead", 4, TVS_OK, 4, Number(3)},
+        {"DText", 20, TVS_OK, 16, BytesOf("from the tray")},
+        {"DText", 4, TVS_E_SIZE, 4, Text("from")},
+        {"DVariable", 20, TVS_OK, 9, Text("123456789")},
+        {"DVariable", 3, TVS_E_SIZE, 3, Text("123")}};
+    for (const auto& [name, room, status, returned, first] : rows) {
+        SCOPED_TRACE(name);
+        const ReadResult read = ReadDirectly(name, room);
+        EXPECT_EQ(read.status, status);
+        EXPECT_EQ(read.returnedSize, returned);
+        EXPECT_EQ(Bytes(read.bytes.begin(), read.bytes.begin() + static_cast<long>(first.size())), first);
+        EXPECT_EQ(asked, std::string("ReadRequest:") + name);
     }
     // A text ends at its NUL, or where its size does.
     const std::tuple<const char*, Bytes, const char*, Bytes> writes[] = {

@@ -88,14 +88,9 @@ using JobQueueCampaign = Opened;
 
 TEST_F(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
     enum Kind { kSent, kPrinted, kPrinted2 };
-    const struct {
-        const char* what;
-        Kind kind;
-        uint32_t id;
-        uint32_t progress;
-        Ids queue;        // afterwards
-        const char* name; // of the printing job afterwards; of the owner in the same way
-    } rows[] = {
+    // queue: afterwards.
+    // name: of the printing job afterwards; of the owner in the same way.
+    const std::tuple<const char*, Kind, uint32_t, uint32_t, Ids, const char*> rows[] = {
         {"no job is sent", kSent, 0, 0, {}, ""},
         {"first job", kSent, 7, 0, {7}, ""},
         {"second job", kSent, 8, 0, {7, 8}, ""},
@@ -120,24 +115,24 @@ TEST_F(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
         {"the last", kPrinted, 10, 0, {10}, "Job 10"},
         {"ends", kPrinted2, 0, 0, {}, "as it came"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        if (row.kind == kSent) {
-            EXPECT_EQ(Send(manager, Job(row.id)), TVS_OK);
-            EXPECT_EQ(RecordIn<TvsJobRecord>(manager, "SendingJobInfo").jobId, row.id);
+    for (const auto& [what, kind, job, progress, queue, name] : rows) {
+        SCOPED_TRACE(what);
+        if (kind == kSent) {
+            EXPECT_EQ(Send(manager, Job(job)), TVS_OK);
+            EXPECT_EQ(RecordIn<TvsJobRecord>(manager, "SendingJobInfo").jobId, job);
         } else {
-            const TvsPrintingJobRecord2 report = Printing(row.id, row.progress);
+            const TvsPrintingJobRecord2 report = Printing(job, progress);
             const TvsPrintingJobRecord2 before = report;
-            EXPECT_EQ(Report(manager, report, row.kind == kPrinted2), TVS_OK);
+            EXPECT_EQ(Report(manager, report, kind == kPrinted2), TVS_OK);
             EXPECT_EQ(std::memcmp(&report, &before, sizeof report), 0);
             const auto stored = RecordIn<TvsPrintingJobRecord2>(manager, "PrintingJobInfo2");
-            EXPECT_EQ(stored.job.jobId, row.id);
-            EXPECT_EQ(stored.job.progress, row.progress);
-            EXPECT_STREQ(stored.job.jobName, row.name);
-            EXPECT_STREQ(stored.job.ownerName, row.name[0] == 'J' ? "ann" : "someone");
-            EXPECT_EQ(stored.coverage[0], row.kind == kPrinted2 ? row.id + 1 : stored.coverage[0]);
+            EXPECT_EQ(stored.job.jobId, job);
+            EXPECT_EQ(stored.job.progress, progress);
+            EXPECT_STREQ(stored.job.jobName, name);
+            EXPECT_STREQ(stored.job.ownerName, name[0] == 'J' ? "ann" : "someone");
+            EXPECT_EQ(stored.coverage[0], kind == kPrinted2 ? job + 1 : stored.coverage[0]);
         }
-        EXPECT_EQ(Queued(manager), row.queue);
+        EXPECT_EQ(Queued(manager), queue);
     }
 
     // The 51st drops the first, and shorter values are none.

@@ -193,11 +193,7 @@ TEST_F(Notification, WhatCannotBeWatchedIsRefusedBeforeAnythingIsRegistered) {
     std::string many;
     for (int i = 0; i < 63; ++i)
         many += "PageCount;PrinterStatus;";
-    const struct {
-        std::string names;
-        uint32_t count;
-        int32_t status;
-    } rows[] = {
+    const std::tuple<std::string, uint32_t, int32_t> rows[] = {
         {"PrinterStatus;Nothing", 2, TVS_E_UNKNOWN},
         {"PrinterStatus;printerstatus", 2, TVS_E_UNKNOWN},
         {"PrinterStatus", 2, TVS_E_UNKNOWN},
@@ -213,13 +209,13 @@ TEST_F(Notification, WhatCannotBeWatchedIsRefusedBeforeAnythingIsRegistered) {
     };
     const std::vector<HANDLE> events(128, NewEvent());
     TvsRegistration handle = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.names.substr(0, 40) + " " + std::to_string(row.count));
+    for (const auto& [list, length, status] : rows) {
+        SCOPED_TRACE(list.substr(0, 40) + " " + std::to_string(length));
         // The array ends where the names do: a count that lies is found out by them.
-        void* const* const array = row.count < 1000 ? events.data() : nullptr;
-        EXPECT_EQ(SetNotificationEventExA(manager, row.count, row.names.c_str(), array, &handle), row.status);
-        if (row.status == TVS_OK) {
-            EXPECT_EQ(RegistrationCount(manager), row.count == 126 ? 64 : 1);
+        void* const* const array = length < 1000 ? events.data() : nullptr;
+        EXPECT_EQ(SetNotificationEventExA(manager, length, list.c_str(), array, &handle), status);
+        if (status == TVS_OK) {
+            EXPECT_EQ(RegistrationCount(manager), length == 126 ? 64 : 1);
             EXPECT_EQ(KillNotificationEvent(manager, handle), TVS_OK);
         }
         EXPECT_EQ(RegistrationCount(manager), 0);

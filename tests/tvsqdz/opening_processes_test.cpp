@@ -82,32 +82,31 @@ TEST_F(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
 }
 
 TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
-    const struct {
-        const char* database;
-        const char* end; // what its creator does
-        bool created;    // it is ours to initialise
-    } rows[] = {{"Finished", "finish", false}, {"Closed", "close", true}, {"Killed", nullptr, true}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.database);
-        TestProcess creator("CreatesADatabase", {row.database});
+    // ending: what its creator does.
+    // isOurs: it is ours to initialise.
+    const std::tuple<const char*, const char*, bool> rows[] = {
+        {"Finished", "finish", false}, {"Closed", "close", true}, {"Killed", nullptr, true}};
+    for (const auto& [database, ending, isOurs] : rows) {
+        SCOPED_TRACE(database);
+        TestProcess creator("CreatesADatabase", {database});
         EXPECT_EQ(creator.Hear(), "0");
         bool created = false;
         DatabaseHandle handle = 0;
         std::atomic<bool> done{false};
         {
             const TestThread opener([&] {
-                EXPECT_EQ(CreateOrOpenDatabase(row.database, &handle, &created), Answer::Done);
+                EXPECT_EQ(CreateOrOpenDatabase(database, &handle, &created), Answer::Done);
                 done = true;
             });
             PauseMs(20);
             EXPECT_FALSE(done);
-            if (row.end == nullptr) {
+            if (ending == nullptr) {
                 creator.Kill();
             } else {
-                EXPECT_EQ(creator.Ask(row.end), "0");
+                EXPECT_EQ(creator.Ask(ending), "0");
             }
         }
-        EXPECT_EQ(created, row.created);
+        EXPECT_EQ(created, isOurs);
         EXPECT_NE(handle, 0u);
     }
     // A creator that lives and never comes to an end is given up at last.

@@ -114,11 +114,7 @@ TEST_F(Settings, AnotherNameIsOneInTheListTheManagerAndTheDatabase) {
     const TvsManager owner = OpenPrinter(TVS_KIND_OWNER);
     const TvsManager other = OpenPrinter(2, "Other");
     const std::string before = kPrinter + ";Other;";
-    const struct {
-        const char* what;
-        Bytes name;
-        int32_t status;
-    } refused[] = {
+    const std::tuple<const char*, Bytes, int32_t> refused[] = {
         {"no name", {}, PassOn(Answer::WrongSize)},
         {"an empty one", Bytes(260), PassOn(Answer::WrongSize)},
         {"260 characters", Bytes(260, 'x'), PassOn(Answer::WrongSize)},
@@ -131,9 +127,9 @@ TEST_F(Settings, AnotherNameIsOneInTheListTheManagerAndTheDatabase) {
         return count;
     };
     const DWORD writesBefore = writes();
-    for (const auto& row : refused) {
-        SCOPED_TRACE(row.what);
-        EXPECT_EQ(Update(manager, "PrinterName", row.name), row.status);
+    for (const auto& [what, proposed, status] : refused) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(Update(manager, "PrinterName", proposed), status);
         EXPECT_EQ(ListedNames(), before);
         EXPECT_EQ(StoredName(manager), kPrinter);
     }

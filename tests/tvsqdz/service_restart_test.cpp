@@ -8,12 +8,6 @@
 #include "wide_literal.h"
 
 #include <cstring>
-#include <iterator>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <set>
-#include <sstream>
 
 namespace {
 
@@ -48,31 +42,28 @@ DWORD HandlesOf(const std::string& database) {
     return info.openHandles - 1;
 }
 
-// Reads on four threads through two managers until it is told to stop. Says every status that it saw.
+// Reads on four threads through two managers until it is told to stop. Says how many reads had an answer that none may
+// have: while the service is away, and while it goes, calls fail with codes of the run-time.
 CHILD_PROCESS(ReadsAcrossRestarts) {
     const Library library;
     const TvsManager managers[] = {OpenPrinter(), OpenPrinter()};
     std::atomic<bool> stop = false;
-    std::mutex lock;
-    std::set<int32_t> seen;
+    std::atomic<int> wrong = 0;
     {
         std::vector<std::unique_ptr<TestThread>> threads;
         for (int i = 0; i < 4; ++i)
             threads.push_back(std::make_unique<TestThread>([&, manager = managers[i % 2]] {
                 while (!stop) {
                     const int32_t status = Read(manager, "ModelNumber", 4).status;
-                    const std::lock_guard hold(lock);
-                    seen.insert(status);
+                    wrong += status != TVS_OK && status != kUnavailable && status != RPC_S_CALL_FAILED &&
+                             status != RPC_S_CALL_FAILED_DNE;
                 }
             }));
         child.Say("reads");
         child.Hear();
         stop = true;
     }
-    std::string said;
-    for (const int32_t status : seen)
-        said += std::to_string(status) + " ";
-    child.Say(said);
+    child.Say(std::to_string(wrong));
     child.Hear();
     return CloseManager(managers[0]) + CloseManager(managers[1]);
 }
@@ -160,15 +151,8 @@ TEST_F(ServiceRestart, EachManagerIsOpenedAgainOnceHoweverManyThreadsCall) {
         const std::string database = RecordOf(manager)->databaseName;
         EXPECT_TRUE(WaitUntil([&] { return HandlesOf(database) == 7; }));
     }
-    for (TestProcess& reader : readers) {
-        // While the service is away, and while it goes, calls fail: with codes of the run-time.
-        std::istringstream said(reader.Ask("stop"));
-        std::set<int32_t> seen{std::istream_iterator<int32_t>(said), {}};
-        EXPECT_EQ(seen.erase(TVS_OK), 1u);
-        for (const int32_t status : {kUnavailable, int32_t{RPC_S_CALL_FAILED}, int32_t{RPC_S_CALL_FAILED_DNE}})
-            seen.erase(status);
-        EXPECT_EQ(seen, std::set<int32_t>());
-    }
+    for (TestProcess& reader : readers)
+        EXPECT_EQ(reader.Ask("stop"), "0");
     EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 7u);
     for (TestProcess& reader : readers)
         reader.End();

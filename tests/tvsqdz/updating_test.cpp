@@ -55,12 +55,7 @@ TEST_F(Updating, ValuesAreStoredInTheFormOfTheirType) {
 
 TEST_F(Updating, PersistentVariablesKeepACopyThatOutlivesTheService) {
     const Bytes data = Text("0123456789");
-    const struct {
-        const char* variable;
-        Bytes data;
-        DWORD type;
-        Bytes copy;
-    } rows[] = {
+    const std::tuple<const char*, Bytes, DWORD, Bytes> rows[] = {
         {"PNumber", Number(77), REG_DWORD, Number(77)},
         {"PByte", Number(0x11223344), REG_DWORD, {0x44}},
         {"PString", Text("text!"), REG_SZ, BytesOf("text")},
@@ -69,11 +64,11 @@ TEST_F(Updating, PersistentVariablesKeepACopyThatOutlivesTheService) {
         {"PageCount", Number(1234), REG_DWORD, Number(1234)},
         {"PrinterFontInfo", Text("fonts"), REG_BINARY, Text("fonts")},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(Update(manager, row.variable, row.data), TVS_OK) << row.variable;
+    for (const auto& [variable, written, kind, copy] : rows) {
+        EXPECT_EQ(Update(manager, variable, written), TVS_OK) << variable;
         DWORD type = REG_NONE;
-        EXPECT_EQ(Copy(row.variable, &type), row.copy) << row.variable;
-        EXPECT_EQ(type, row.type) << row.variable;
+        EXPECT_EQ(Copy(variable, &type), copy) << variable;
+        EXPECT_EQ(type, kind) << variable;
     }
     EXPECT_EQ(Update(manager, "JobStatus", Number(3)), TVS_OK);
     EXPECT_EQ(Copy("JobStatus"), Bytes()); // not persistent

@@ -97,13 +97,9 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
     const Bytes user = UserSid(kDaemon);
     const Bytes group = GroupSid(kDaemon);
     const Bytes second = GroupSid(kLp);
-    const struct {
-        const char* what;
-        std::vector<Entry> list;
-        uint32_t daemon;      // user daemon of the groups daemon and lp
-        uint32_t daemonOnNt4; // the same
-        uint32_t root;
-    } rows[] = {
+    // daemon: user daemon of the groups daemon and lp.
+    // daemonOnNt4: the same.
+    const std::tuple<const char*, std::vector<Entry>, uint32_t, uint32_t, uint32_t> rows[] = {
         {"no entry", {}, 0, 0, 0},
         {"everyone prints", {Allow(kEveryone, kUse)}, 9, 9, 9},
         {"and owners manage theirs", {Allow(kEveryone, kUse), Allow(kCreatorOwner, kJobs)}, 11, 11, 11},
@@ -142,14 +138,14 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
         {"longer than everyone", {Allow(Sid(1, {0, 0}), kUse)}, 0, 0, 0},
         {"other kinds of entries", {{2, ~0u, user}, {17, ~0u, kEveryone}}, 0, 0, 0},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const Bytes list = List(row.list);
+    for (const auto& [what, entries, daemon, daemonOnNt4, root] : rows) {
+        SCOPED_TRACE(what);
+        const Bytes list = List(entries);
         UseSetting("ORIEL_WINDOWS_VERSION", "5.1.2600");
-        EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), row.daemon);
-        EXPECT_EQ(AuthorityFrom(list), row.root);
+        EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), daemon);
+        EXPECT_EQ(AuthorityFrom(list), root);
         UseSetting("ORIEL_WINDOWS_VERSION", "4.0.1381");
-        EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), row.daemonOnNt4);
+        EXPECT_EQ(AuthorityAs(kDaemon, kDaemon, {kLp}, list), daemonOnNt4);
     }
 }
 
