@@ -128,6 +128,8 @@ TEST_F(Direct, ValuesGoThroughTheDatabase) {
         EXPECT_EQ(asked, std::string("WriteRequest:") + companion);
     }
     EXPECT_EQ(NumberOf(manager, "DNumber"), 42u);
+    StoreBytes(database, "DVariable", {1, 2}); // shorter than its length: as good as empty
+    EXPECT_EQ(ReadDirectly("DVariable", 0).returnedSize, 0u);
 }
 
 // A request has room for 31 characters, and names of a write the companion, which has one more.

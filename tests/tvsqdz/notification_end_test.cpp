@@ -180,20 +180,22 @@ TEST_F(NotificationEnd, ACallbackThatDoesNotReturnCostsAWaitAndNoMore) {
         SCOPED_TRACE(round);
         const bool closes = round % 2 != 0;
         const TvsManager watching = OpenPrinter();
-        std::atomic<bool> inside = false;
+        std::atomic<int> inside = 0;
         g_calls[0].work = [&, asked = manager] {
-            inside = true;
-            SYSTEMTIME time;
-            for (;;)
+            ++inside;
+            for (SYSTEMTIME time;; ++inside)
                 round < 2 ? Sleep(INFINITE) : void(GetPrinterStatusInfoA(asked, "ModelNumber", &time));
         };
         Registrant other(Form::Event, watching, "ModelNumber");
         Registrant registrant(Form::Callback, watching, "PrinterExtStatus");
         EXPECT_EQ(Update(manager, "PrinterExtStatus", Number(++value)), TVS_OK);
-        EXPECT_TRUE(WaitUntil([&] { return inside.load(); }));
+        EXPECT_TRUE(WaitUntil([&] { return inside > 0; }));
         const double before = NowMs();
         EXPECT_EQ(closes ? CloseManager(watching) : registrant.Cancel(), TVS_OK);
         EXPECT_GE(NowMs() - before, closes ? 199 : 99);
+        const int stopped = inside;
+        PauseMs(5);
+        EXPECT_EQ(inside, stopped) << "nothing of it runs on";
         registrant.handle = other.handle = 0;
         if (!closes) {
             EXPECT_EQ(CloseManager(watching), TVS_OK);

@@ -1,5 +1,6 @@
 // Asynchronous requests: their codes in their order, their results, and what they survive.
 #include "base/timings.h"
+#include "manager/variable_index.h"
 #include "printer_side.h"
 #include "product/client_kinds.h"
 
@@ -145,6 +146,18 @@ TEST_F(Requests, ReadsAndWritesAreDoneAndTold) {
     DestroyWindow(window);
     SetEvent(go);
     EXPECT_TRUE(WaitUntil([&] { return Results() == kEmptyList; }));
+}
+
+TEST_F(Requests, AWriteWithAHandlerOfTheLibraryIsDoneAtOnce) {
+    static int handled;
+    StatusVariableDef row = *FindStatusVariable(record, "DNumber");
+    row.localWrite = [](ManagerRecord*, const void*, uint32_t) -> int32_t { return ++handled; };
+    for (uint32_t i = 0; i < record->variableCount; ++i)
+        if (std::strcmp(record->variableIndex[i]->name, "DNumber") == 0) record->variableIndex[i] = &row;
+    EXPECT_EQ(StartMessageWrite(), TVS_OK);
+    EXPECT_EQ(handled, 1);
+    EXPECT_TRUE(IsPosted());
+    EXPECT_EQ(ResultOf(manager, number), 0);
 }
 
 TEST_F(Requests, WhatIsNotAnsweredEndsAndTheNextGoesOn) {

@@ -136,7 +136,7 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
         {"users", {Allow(Sid(5, {32, 545}), kUse)}, 9, 9, 9},
         {"accounts that nobody knows", {Allow(Sid(5, {21, 1, 2, 3, 500}), ~0u), Allow(Sid(1, {}), ~0u)}, 0, 0, 0},
         {"longer than everyone", {Allow(Sid(1, {0, 0}), kUse)}, 0, 0, 0},
-        {"other kinds of entries", {{2, ~0u, user}, {17, ~0u, kEveryone}}, 0, 0, 0},
+        {"other kinds of entries", {Allow(kEveryone, kUse), {2, ~0u, user}, {17, ~0u, kEveryone}}, 9, 9, 9},
     };
     for (const auto& [what, entries, daemon, daemonOnNt4, root] : rows) {
         SCOPED_TRACE(what);
