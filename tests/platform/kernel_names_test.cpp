@@ -1,8 +1,8 @@
 // Names of kernel objects: who gets the same object, with which rights, and how long it lives.
+#include "base/timings.h"
 #include "kit.h"
 #include "memory_kit.h"
 #include "private_machine.h"
-#include "base/timings.h"
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -216,7 +216,7 @@ TEST(Life, IsNotProlongedByAForkChild) {
     bytes[0] = 'x';
     if (fork() == 0) prctl(PR_SET_PDEATHSIG, SIGKILL), PauseMs(1000000); // one that does nothing
     // A child has none of the handles, and may make its own.
-    EXPECT_EQ(RunForked([&] {
+    EXPECT_EQ(RunForked([&, &event = event, &mutex = mutex, &section = section] {
                   if (Look(event) != WAIT_FAILED || GetLastError() != ERROR_INVALID_HANDLE) return 1;
                   if (ReleaseMutex(mutex) || CloseHandle(section)) return 2;
                   const HANDLE again = OpenEventA(EVENT_ALL_ACCESS, FALSE, "E");

@@ -102,8 +102,9 @@ TEST(Conversion, WhatIsNotThereIsReplacedOrReported) {
     for (const auto& [bytes, wide] : {std::pair{"\xC0\x80", WIDE("\uFFFD\uFFFD")},
                                       {"\xE2\x82x", WIDE("\uFFFDx")},
                                       {"\xF8\x80\x80", WIDE("\uFFFD\uFFFD\uFFFD")}}) {
-        EXPECT_EQ(Decode(CP_UTF8, bytes), wide) << bytes;
-        EXPECT_FAILS(Decode(CP_UTF8, bytes, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
+        const char* const text = bytes;
+        EXPECT_EQ(Decode(CP_UTF8, text), wide) << text;
+        EXPECT_FAILS(Decode(CP_UTF8, text, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
     }
     if (!OnTheLayer()) return;
     // Beyond the last character; how many stand for it is nowhere said.

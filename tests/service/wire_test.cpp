@@ -65,7 +65,7 @@ TEST(Wire, NoChangedRequestDisturbsTheService) {
     const Service service;
     const Database database("Database", {{"Value", kTypeRecord, {1, 2, 3}}, {"All", kTypeComposite, {}}});
     for (const auto& [procedure, body] : GoodRequests(database.handle)) {
-        const auto answers = [&](size_t at, const Bytes& bytes) {
+        const auto answers = [&procedure = procedure, &body = body](size_t at, const Bytes& bytes) {
             Bytes changed = body;
             std::copy(bytes.begin(), bytes.end(), changed.begin() + static_cast<ptrdiff_t>(at));
             const RPC_STATUS fault = CallRaw(procedure, changed).fault;

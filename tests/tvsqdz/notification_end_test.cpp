@@ -108,7 +108,7 @@ TEST_F(NotificationEnd, ACallbackMayCancelItselfOrCloseItsManager) {
         const int called = g_calls[0].count;
         std::atomic<TvsRegistration> handle = 0;
         std::atomic<int32_t> status = 1;
-        g_calls[0].work = [&] {
+        g_calls[0].work = [&, closes = closes] {
             status = closes ? CloseManager(watching) : KillNotificationCallback(watching, handle);
         };
         TvsRegistration made = 0;

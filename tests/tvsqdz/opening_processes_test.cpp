@@ -94,7 +94,7 @@ TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
         DatabaseHandle handle = 0;
         std::atomic<bool> done{false};
         {
-            const TestThread opener([&] {
+            const TestThread opener([&, &database = database] {
                 EXPECT_EQ(CreateOrOpenDatabase(database, &handle, &created), Answer::Done);
                 done = true;
             });
