@@ -40,11 +40,7 @@ struct OneAgentHold {
     }
 
 private:
-    static HANDLE MakeMutex() {
-        product::EveryoneAccess everyone;
-        return everyone ? CreateMutexA(&everyone.attributes, FALSE, kOneAgentMutex) : nullptr;
-    }
-    KernelHandle m_mutex{MakeMutex()};
+    KernelHandle m_mutex{product::CreateMutexForEveryone(kOneAgentMutex)};
     MutexHold m_hold; // ends first
 };
 

@@ -100,11 +100,8 @@ void AddItem(Queues& queues, const DeviceValue& item) {
 QueueResult PutItems(Link& link, Queues& queues) {
     QueueResult result;
     if (queues.waiting.empty()) return result;
-    if (!queues.mutex) {
-        EveryoneAccess everyone;
-        const KernelName name = ObjectName(link.terminalServer, kDatabaseMutexName);
-        queues.mutex = KernelHandle(CreateMutexA(&everyone.attributes, FALSE, name.text));
-    }
+    if (!queues.mutex)
+        queues.mutex = KernelHandle(CreateMutexForEveryone(ObjectName(link.terminalServer, kDatabaseMutexName).text));
     MutexHold hold;
     if (!queues.mutex || !hold.Acquire(queues.mutex.Get(), 0)) return result;
     while (!queues.waiting.empty()) {

@@ -111,6 +111,11 @@ HANDLE CreateEventForEveryone(const char* name) {
     return everyone ? CreateNamedEvent(name, &everyone.attributes) : nullptr;
 }
 
+HANDLE CreateMutexForEveryone(const char* name) {
+    EveryoneAccess everyone;
+    return everyone && name[0] != '\0' ? CreateMutexA(&everyone.attributes, FALSE, name) : nullptr;
+}
+
 bool MachineIsTerminalServer(HANDLE heap) {
     OSVERSIONINFOA version = {};
     version.dwOSVersionInfoSize = sizeof version;

@@ -4,7 +4,7 @@
 
 namespace {
 
-// The table of bounds.h, for one user.
+// The table of settings.h, for one user.
 constexpr int kDatabases = 8192;
 constexpr int kHandles = 65536;
 constexpr int kWatches = 16384;

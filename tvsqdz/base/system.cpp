@@ -1,4 +1,5 @@
-// Determined at each open and restart, so that a change of the emulated version takes effect at once. No state.
+// The Windows version, the own executable and texts of the registry. The version is determined at each open and
+// restart, so that a change of the emulated one takes effect at once. No state.
 #include "base/system.h"
 
 #include "base/memory.h"
@@ -24,8 +25,6 @@ uint32_t PlatformBit() {
     if (version.dwMinorVersion == 50) return OsNt350;
     return version.dwMinorVersion == 51 ? OsNt351 : OsNtLater;
 }
-
-// Determined at each open and restart, so that a change of the emulated version takes effect at once. No state.
 
 namespace {
 

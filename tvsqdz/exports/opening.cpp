@@ -220,34 +220,18 @@ Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* hand
 
 namespace {
 
-OpenNames ReadNames(const char* printerName, const char* userName) {
-    OpenNames names;
-    switch (ReadCallerText(names.printer, kPrinterNameSize, printerName)) {
-    case CallerText::Read:
-        break;
-    case CallerText::Fault:
-        names.printerStatus = TVS_E_FAULT;
-        break;
-    case CallerText::TooLong:
-        names.printerStatus = TVS_E_UNAVAILABLE;
-        break;
-    }
-    switch (ReadCallerText(names.user, kUserNameSize, userName)) {
-    case CallerText::Read:
-        break;
-    case CallerText::Fault:
-        names.user[0] = '\0'; // counts as absent
-        break;
-    case CallerText::TooLong:
-        names.userStatus = TVS_E_UNAVAILABLE;
-        break;
-    }
-    return names;
+template <SIZE_T size>
+CallerText ReadName(char (&name)[size], const char* callersName) {
+    return ReadCallerText(name, size, callersName);
 }
 
-template <DWORD size>
-Status ConvertName(const WCHAR* callersName, char (&name)[size]) {
-    switch (ReadCallerName(name, callersName)) {
+template <SIZE_T size>
+CallerText ReadName(char (&name)[size], const WCHAR* callersName) {
+    return ReadCallerName(name, callersName);
+}
+
+Status StatusOf(CallerText read) {
+    switch (read) {
     case CallerText::Read:
         return TVS_OK;
     case CallerText::Fault:
@@ -258,10 +242,11 @@ Status ConvertName(const WCHAR* callersName, char (&name)[size]) {
     return TVS_E_UNAVAILABLE;
 }
 
-OpenNames ConvertNames(const WCHAR* printerName, const WCHAR* userName) {
+template <typename Character>
+OpenNames ReadNames(const Character* printerName, const Character* userName) {
     OpenNames names;
-    names.printerStatus = ConvertName(printerName, names.printer);
-    names.userStatus = ConvertName(userName, names.user);
+    names.printerStatus = StatusOf(ReadName(names.printer, printerName));
+    names.userStatus = StatusOf(ReadName(names.user, userName));
     if (names.userStatus == TVS_E_FAULT) {
         names.user[0] = '\0'; // counts as absent
         names.userStatus = TVS_OK;
@@ -281,10 +266,10 @@ int32_t TVS_CALL OpenManagerA(const char* printerName, const char* userName, Tvs
 }
 
 int32_t TVS_CALL OpenManagerW(const TvsWideChar* printerName, const TvsWideChar* userName, TvsManager* manager) {
-    return OpenManager(ConvertNames(printerName, userName), 0, manager);
+    return OpenManager(ReadNames(printerName, userName), 0, manager);
 }
 
 int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const TvsWideChar* userName, uint32_t clientKind,
                                 TvsManager* manager) {
-    return OpenManager(ConvertNames(printerName, userName), clientKind, manager);
+    return OpenManager(ReadNames(printerName, userName), clientKind, manager);
 }

@@ -45,7 +45,7 @@ constexpr uint32_t TypeOf(const StatusVariableDef& variable) {
 // The handlers that rows of the variable table name: declared here, beside the table, and defined where what they serve
 // lies. A row names none where the default serves it.
 
-// Watchers: thread procedures whose parameter is a NotificationRegistration (notify/registration_record.h).
+// Watchers: thread procedures whose parameter is a NotificationRegistration (notify/delivery.h).
 DWORD WINAPI ChangeWatch(void* registration);           // the default for events and messages, of any number of entries
 DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callbacks
 DWORD WINAPI VariableWatch(void* registration);         // of one variable, each signal one delivery
@@ -70,7 +70,7 @@ int32_t SetJobWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t DeleteJobIdWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size);
 int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size);
-int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // notify/termination.cpp
+int32_t TerminateManagerWrite(ManagerRecord* manager, const void* data, uint32_t size); // notify/own_watches.cpp
 
 // Reads inside the library (LocalReadProc).
 uint32_t UserAuthorityRead(ManagerRecord* manager, void* buffer); // "UserAuthority", 4 bytes

@@ -67,6 +67,9 @@ struct EveryoneAccess {
 HANDLE CreateNamedEvent(const char* name, SECURITY_ATTRIBUTES* attributes);
 // The same with the attributes of EveryoneAccess.
 HANDLE CreateEventForEveryone(const char* name);
+// A mutex with the attributes of EveryoneAccess, not owned unless it existed and was; the caller closes it. Null when
+// it cannot be had, or without a name.
+HANDLE CreateMutexForEveryone(const char* name);
 
 // Whether this machine runs the product suite "Terminal Server": every Windows from 5.1 on does; an earlier one does
 // when the multi-string "ProductSuite" of HKEY_LOCAL_MACHINE\System\CurrentControlSet\Control\ProductOptions lists it
