@@ -52,13 +52,6 @@ std::string OwnDirectory() {
     return name.substr(0, name.rfind('\\') + 1);
 }
 
-bool FileExists(const std::string& path) {
-    const HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return false;
-    CloseHandle(file);
-    return true;
-}
-
 std::string SharedName(const char* name) {
     return product::ObjectName(product::MachineIsTerminalServer(), name).text;
 }
@@ -106,7 +99,7 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
     if (!directory) {
         failure.why = "no product is registered" + In(StateDirectoryName());
         failure.next = HowToStart();
-    } else if (!FileExists(*directory + kServiceProgram)) {
+    } else if (!FileExists((*directory + kServiceProgram).c_str())) {
         failure.why = "the registered directory " + ShownPath(ToUtf8(*directory)) + " has no " + kServiceProgram;
         failure.next = std::string("correct it: oriel reg set 'HKLM\\") + kProductKey + "' " + kDirectoryValue + " '" +
                        ToUtf8(OwnDirectory()) + "'";
@@ -117,7 +110,7 @@ Failure WhyUnavailable(const std::string& what, uint32_t clientKind, DWORD lastE
         failure.why =
             "client kind " + std::to_string(clientKind) + " needs a running product, and only its service runs";
         failure.next = HowToStart() + ", or use another --kind";
-    } else if (kind.startsAgent && !FileExists(*directory + product::kAgentExecutable)) {
+    } else if (kind.startsAgent && !FileExists((*directory + product::kAgentExecutable).c_str())) {
         failure.exitCode = Exit::False;
         failure.why = "client kind " + std::to_string(clientKind) + " starts the desktop agent " +
                       product::kAgentExecutable + ", which is not installed";

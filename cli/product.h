@@ -20,7 +20,6 @@ std::optional<std::string> InstalledDirectory();
 // The path of this program; its directory, ending with a backslash.
 std::string OwnProgram();
 std::string OwnDirectory();
-bool FileExists(const std::string& path);
 
 // The name of an object that all sessions of the machine share: with the prefix "Global\" on Terminal Services.
 std::string SharedName(const char* name);

@@ -37,7 +37,7 @@ std::string DirectoryText(const std::string& path) {
 
 Exit StatusCommand() {
     const std::optional<std::string> directory = InstalledDirectory();
-    const bool program = directory && FileExists(*directory + kServiceProgram);
+    const bool program = directory && FileExists((*directory + kServiceProgram).c_str());
     const DWORD state = ServiceState();
     const bool running = state == SERVICE_RUNNING;
     const bool initialised = ProductInitialised();

@@ -60,11 +60,11 @@ void RegisterInstallation(const Teller& teller) {
         teller.Tell("registered", "registered the installation " + Printable(ShownPath(ToUtf8(own))),
                     {{"directory", ShownPath(ToUtf8(own))}});
     }
-    if (FileExists(*directory + kServiceProgram)) return;
+    if (FileExists((*directory + kServiceProgram).c_str())) return;
     Failure failure{Exit::NoService,
                     "the installation directory " + ShownPath(ToUtf8(*directory)) + " has no " + kServiceProgram, "",
                     "install the product there"};
-    if (*directory != own && FileExists(own + kServiceProgram)) {
+    if (*directory != own && FileExists((own + kServiceProgram).c_str())) {
         failure.next = R"(if it moved, register this one: oriel reg set 'HKLM\)" + std::string(kProductKey) + "' " +
                        kDirectoryValue + " '" + ToUtf8(own) + "'";
     }

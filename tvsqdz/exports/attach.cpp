@@ -18,12 +18,6 @@ namespace {
 
 constexpr SIZE_T kInitialHeapSize = 32768;
 
-bool FileExists(const char* path) {
-    const KernelHandle file(
-        CreateFileA(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr));
-    return static_cast<bool>(file);
-}
-
 void DestroyHeap() {
     HeapDestroy(g_heap);
     g_heap = nullptr;

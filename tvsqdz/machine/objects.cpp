@@ -6,7 +6,6 @@
 #include "machine/process_state.h"
 
 #include <new>
-#include <stddef.h>
 #include <stdio.h>
 
 product::KernelName ObjectName(const char* baseName) {
@@ -31,13 +30,13 @@ HANDLE CreateNamedEvent(const product::KernelName& name) {
 
 namespace {
 
-std::atomic<SECURITY_ATTRIBUTES*> g_objectSecurity;
-static_assert(offsetof(product::EveryoneAccess, attributes) == 0);
+std::atomic<product::EveryoneAccess*> g_objectSecurity; // in a block of the heap
 
 } // namespace
 
 SECURITY_ATTRIBUTES* ObjectSecurity() {
-    return g_objectSecurity;
+    product::EveryoneAccess* everyone = g_objectSecurity;
+    return everyone != nullptr ? &everyone->attributes : nullptr;
 }
 
 bool EnsureObjectSecurity() {
@@ -49,10 +48,10 @@ bool EnsureObjectSecurity() {
     // share.
     if (!*everyone) return false;
     block.Take();
-    g_objectSecurity = &everyone->attributes;
+    g_objectSecurity = everyone;
     return true;
 }
 
 void FreeObjectSecurity() {
-    FreeBlock(g_objectSecurity.exchange(nullptr)); // the first field of its EveryoneAccess
+    FreeBlock(g_objectSecurity.exchange(nullptr));
 }
