@@ -12,19 +12,18 @@
 
 namespace {
 
-HANDLE CreateSection(LPSECURITY_ATTRIBUTES, const char* name) {
+HANDLE CreateSection(const char* name) {
     return CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 8, name);
 }
 
 // The kinds of objects that have names; E, M and S are those that a process has of them.
 struct Kind {
     const char* name;
-    HANDLE (*create)(LPSECURITY_ATTRIBUTES attributes, const char* name);
+    HANDLE (*create)(const char* name);
     HANDLE (*open)(DWORD access, BOOL inherit, const char* name); // null: is only created
 };
-const Kind kEvent{"E", [](auto* attributes, auto* name) { return CreateEventA(attributes, TRUE, FALSE, name); },
-                  OpenEventA};
-const Kind kMutex{"M", [](auto* attributes, auto* name) { return CreateMutexA(attributes, FALSE, name); }, OpenMutexA};
+const Kind kEvent{"E", [](auto* name) { return NewEvent(name); }, OpenEventA};
+const Kind kMutex{"M", [](auto* name) { return CreateMutexA(nullptr, FALSE, name); }, OpenMutexA};
 const Kind kSection{"S", CreateSection, nullptr};
 
 // Whether there was a handle, which is closed, and the last error.
@@ -37,15 +36,15 @@ constexpr Result kOtherKind{false, ERROR_INVALID_HANDLE};
 constexpr Result kDenied{false, ERROR_ACCESS_DENIED};
 constexpr Result kUnsupported{false, ERROR_NOT_SUPPORTED};
 
-Result Create(const Kind& kind, const char* name, LPSECURITY_ATTRIBUTES attributes = nullptr) {
+Result Create(const Kind& kind, const char* name) {
     SetLastError(kSentinel);
-    const Owned handle = kind.create(attributes, name);
+    const Owned handle = kind.create(name);
     return {handle != nullptr, GetLastError()};
 }
 
-Result Open(const Kind& kind, const char* name, DWORD access = SYNCHRONIZE, BOOL inherit = FALSE) {
+Result Open(const Kind& kind, const char* name, DWORD access = SYNCHRONIZE) {
     SetLastError(kSentinel);
-    const Owned handle = kind.open(access, inherit, name);
+    const Owned handle = kind.open(access, FALSE, name);
     return {handle != nullptr, GetLastError()};
 }
 
@@ -54,7 +53,7 @@ CHILD_PROCESS(HoldsOneOfEach) {
     static HANDLE busy = NewEvent("B");
     NewEvent("E");
     CreateMutexA(nullptr, TRUE, "M");
-    MapViewOfFile(CreateSection(nullptr, "S"), FILE_MAP_WRITE, 0, 0, 0);
+    MapViewOfFile(CreateSection("S"), FILE_MAP_WRITE, 0, 0, 0);
     StartThread([] {
         while (SetEvent(busy) && ResetEvent(busy))
             Look(busy);
@@ -81,14 +80,11 @@ TEST(Names, AreSharedExactlyWithCase) {
 TEST(Names, ThatCannotBeAreRefused) {
     const std::string longest(240, 'n');
     const std::pair<std::string, DWORD> rows[] = {
-        {longest, ERROR_SUCCESS},
         {"Global\\" + longest, ERROR_SUCCESS},
         {"../../escape", ERROR_SUCCESS},
         {std::string(251, 'n'), ERROR_FILENAME_EXCED_RANGE},
         {std::string(100, '/'), ERROR_FILENAME_EXCED_RANGE}, // as a file name
-        {std::string(5000, 'n'), ERROR_FILENAME_EXCED_RANGE},
         {"Local\\Name", ERROR_PATH_NOT_FOUND},
-        {"Global\\Global\\Name", ERROR_PATH_NOT_FOUND},
         {"Global\\", ERROR_INVALID_NAME},
     };
     for (const auto& [name, error] : rows) {
@@ -98,20 +94,16 @@ TEST(Names, ThatCannotBeAreRefused) {
     }
     EXPECT_EQ(ObjectFiles(), Names{});
     const Owned other = CreateEventA(nullptr, TRUE, TRUE, "");
-    for (const char* none : {static_cast<const char*>(nullptr), ""}) { // an object of its own each time
-        for (const Kind& kind : {kEvent, kMutex, kSection}) {
-            EXPECT_EQ(Create(kind, none), kind.open ? kNew : kUnsupported);
-            EXPECT_TRUE(!kind.open || Open(kind, none) == Result(false, ERROR_INVALID_PARAMETER));
-        }
-        EXPECT_EQ(Look(Owned(NewEvent(none))), DWORD{WAIT_TIMEOUT});
-    }
+    EXPECT_EQ(Create(kEvent, ""), kNew) << "an object of its own each time";
+    EXPECT_EQ(Create(kSection, ""), kUnsupported);
+    EXPECT_EQ(Open(kEvent, ""), Result(false, ERROR_INVALID_PARAMETER));
 }
 
 TEST(Names, OfAnotherKindAreRefusedWhoeverHoldsThem) {
     TestProcess other = Ready("HoldsOneOfEach");
     for (const bool here : {false, true}) {
         for (const Kind& holder : {kEvent, kMutex, kSection}) {
-            const HANDLE own = here ? holder.create(nullptr, holder.name) : nullptr;
+            const HANDLE own = here ? holder.create(holder.name) : nullptr;
             for (const Kind& kind : {kEvent, kMutex, kSection}) {
                 const bool same = *kind.name == *holder.name;
                 EXPECT_EQ(Create(kind, holder.name), same ? kExisted : kOtherKind) << holder.name << kind.name << here;
@@ -126,21 +118,17 @@ TEST(Names, OfAnotherKindAreRefusedWhoeverHoldsThem) {
 TEST(Rights, AreThoseThatWereAskedFor) {
     const Owned event = CreateEventA(nullptr, TRUE, TRUE, "E");
     const Owned mutex = CreateMutexA(nullptr, FALSE, "M");
-    for (unsigned bit = 0; bit <= 32; ++bit) {
-        const DWORD access = bit < 32 ? DWORD{1} << bit : 0;
-        EXPECT_EQ(Open(kMutex, "M", access), !access || (access & 0x0DE0FFFE) != 0 ? kDenied : kOpened) << bit;
-        EXPECT_EQ(Open(kEvent, "E", access), !access || (access & 0x0DE0FFFC) != 0 ? kDenied : kOpened) << bit;
+    for (unsigned bit = 0; bit < 32; ++bit) {
+        const DWORD access = DWORD{1} << bit;
+        EXPECT_EQ(Open(kMutex, "M", access), (access & 0x0DE0FFFE) != 0 ? kDenied : kOpened) << bit;
+        EXPECT_EQ(Open(kEvent, "E", access), (access & 0x0DE0FFFC) != 0 ? kDenied : kOpened) << bit;
     }
-    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    for (const Kind& kind : {kEvent, kMutex}) {
-        EXPECT_EQ(Create(kind, nullptr, &inherited), kUnsupported);
-        EXPECT_EQ(Open(kind, kind.name, SYNCHRONIZE, TRUE), kUnsupported);
-        EXPECT_EQ(Open(kind, "Missing", 0), kMissing);
-    }
-    const std::tuple<DWORD, bool, bool> rows[] = {{SYNCHRONIZE, true, false},     {EVENT_MODIFY_STATE, false, true},
-                                                  {GENERIC_EXECUTE, true, false}, {GENERIC_WRITE, false, true},
-                                                  {GENERIC_READ, false, false},   {GENERIC_ALL, true, true},
-                                                  {MAXIMUM_ALLOWED, true, true},  {EVENT_ALL_ACCESS, true, true}};
+    EXPECT_EQ(Open(kMutex, "M", 0), kDenied);
+    const std::tuple<DWORD, bool, bool> rows[] = {{SYNCHRONIZE, true, false},
+                                                  {EVENT_MODIFY_STATE, false, true},
+                                                  {GENERIC_READ, false, false},
+                                                  {GENERIC_ALL, true, true},
+                                                  {MAXIMUM_ALLOWED, true, true}};
     for (const auto& [access, waits, modifies] : rows) {
         const Owned opened = OpenEventA(access, FALSE, "E");
         SetLastError(kSentinel);
@@ -149,10 +137,7 @@ TEST(Rights, AreThoseThatWereAskedFor) {
             EXPECT_EQ(call(opened), modifies ? TRUE : FALSE) << access;
         EXPECT_EQ(GetLastError(), waits && modifies ? kSentinel : DWORD{ERROR_ACCESS_DENIED}) << access;
     }
-    const Owned unable = OpenMutexA(READ_CONTROL, FALSE, "M");
-    EXPECT_FAILS(Look(unable) != WAIT_FAILED, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Look(Owned(OpenMutexA(GENERIC_EXECUTE, FALSE, "M"))), DWORD{WAIT_OBJECT_0});
-    EXPECT_TRUE(ReleaseMutex(unable)) << "any handle of the owner's";
+    EXPECT_FAILS(Look(Owned(OpenMutexA(READ_CONTROL, FALSE, "M"))) != WAIT_FAILED, ERROR_ACCESS_DENIED);
 }
 
 CHILD_PROCESS(UsesThemAsNobody) {
@@ -210,7 +195,7 @@ TEST(Life, EndsWithTheLastProcessHoweverThatEnds) {
 }
 
 TEST(Life, IsNotProlongedByAForkChild) {
-    Owned objects[] = {NewEvent("E"), CreateMutexA(nullptr, TRUE, "M"), CreateSection(nullptr, "S")};
+    Owned objects[] = {NewEvent("E"), CreateMutexA(nullptr, TRUE, "M"), CreateSection("S")};
     auto& [event, mutex, section] = objects;
     auto* bytes = static_cast<char*>(MapViewOfFile(section, FILE_MAP_WRITE, 0, 0, 0));
     bytes[0] = 'x';
@@ -219,11 +204,9 @@ TEST(Life, IsNotProlongedByAForkChild) {
     EXPECT_EQ(RunForked([&, &event = event, &mutex = mutex, &section = section] {
                   if (Look(event) != WAIT_FAILED || GetLastError() != ERROR_INVALID_HANDLE) return 1;
                   if (ReleaseMutex(mutex) || CloseHandle(section)) return 2;
-                  const HANDLE again = OpenEventA(EVENT_ALL_ACCESS, FALSE, "E");
-                  if (!SetEvent(again) || Look(again) != WAIT_OBJECT_0) return 3;
+                  if (!SetEvent(OpenEventA(EVENT_ALL_ACCESS, FALSE, "E"))) return 3;
                   if (Wait(OpenMutexA(SYNCHRONIZE, FALSE, "M"), 10) != WAIT_TIMEOUT) return 4; // the parent's
-                  if (OnAThread([] { return 7; }) != 7) return 5;
-                  return bytes[0] == 'x' && UnmapViewOfFile(bytes) ? 0 : 6; // memory is memory
+                  return OnAThread([&] { return bytes[0]; }) == 'x' ? 0 : 5;                   // memory is memory
               }),
               0);
     EXPECT_EQ(Look(event), DWORD{WAIT_OBJECT_0}) << "set by the child";
@@ -244,9 +227,10 @@ TEST(Names, TakenBySomethingElseAreRefusedAndLeftAlone) {
         EXPECT_EQ(Create(kEvent, name), kOtherKind);
         EXPECT_EQ(Open(kEvent, name), kOtherKind);
     };
-    for (const std::string& target : {victim, std::string("/nowhere/at/all")})
-        for (const Plant plant : {Plant::kLink, Plant::kDirectory, Plant::kPipe, Plant::kHardLink})
-            if (PlantInPlace(ObjectPath("Planted"), plant, target)) expectOtherKind("Planted");
+    for (const Plant plant : {Plant::kLink, Plant::kDirectory, Plant::kPipe, Plant::kHardLink}) {
+        EXPECT_TRUE(PlantInPlace(ObjectPath("Planted"), plant, victim));
+        expectOtherKind("Planted");
+    }
     EXPECT_EQ(ReadWholeFile(victim), std::string(64, 'v'));
 
     // A file that somebody has locked, as a live object's is, but with other contents.
@@ -263,8 +247,6 @@ TEST(Names, TakenBySomethingElseAreRefusedAndLeftAlone) {
         expectOtherKind("Forged");
     }
     // Whatever is in it, a file that nobody holds is made anew.
-    ReplaceFile(ObjectPath("Dead"), std::string(5000, 'd'), 0600);
-    EXPECT_EQ(Open(kEvent, "Dead"), kMissing);
     ReplaceFile(ObjectPath("Dead"), std::string(5000, 'd'), 0600);
     EXPECT_EQ(Create(kEvent, "Dead"), kNew);
 }

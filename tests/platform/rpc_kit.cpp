@@ -94,9 +94,6 @@ RPC_DISPATCH_FUNCTION g_functions[kProcedureCount] = {
     Hold,
     [](PRPC_MESSAGE message) { ReplyNumbers(message, {++g_releases}); },
     [](PRPC_MESSAGE message) { ReplyNumbers(message, {g_holding}); },
-    [](PRPC_MESSAGE message) { ReplyBuffer(message, 8), message->BufferLength = 9; },
-    [](PRPC_MESSAGE) {},
-    nullptr,
 };
 RPC_DISPATCH_TABLE g_table{kProcedureCount, g_functions, 0};
 RPC_SERVER_INTERFACE g_server{
@@ -108,15 +105,12 @@ RPC_CSTR Text(const std::string& text) {
 
 } // namespace
 
-RPC_STATUS RegisterTestInterface() {
-    return RpcServerRegisterIf2(&g_server, nullptr, nullptr, RPC_IF_ALLOW_LOCAL_ONLY, RPC_C_LISTEN_MAX_CALLS_DEFAULT,
-                                static_cast<unsigned>(-1), nullptr);
-}
-
 RPC_STATUS ServeOn(const std::string& endpoint) {
     RPC_STATUS status =
         RpcServerUseProtseqEpA(Text("ncalrpc"), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, Text(endpoint), nullptr);
-    if (status == RPC_S_OK) status = RegisterTestInterface();
+    if (status == RPC_S_OK)
+        status = RpcServerRegisterIf2(&g_server, nullptr, nullptr, RPC_IF_ALLOW_LOCAL_ONLY,
+                                      RPC_C_LISTEN_MAX_CALLS_DEFAULT, static_cast<unsigned>(-1), nullptr);
     if (status == RPC_S_ALREADY_REGISTERED) status = RPC_S_OK;
     if (status == RPC_S_OK) status = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
     return status;
@@ -138,7 +132,6 @@ CHILD_PROCESS(RpcServer) {
         if (order == "listen") result = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
         if (order == "withdraw") result = RpcServerUnregisterIf(&g_server, nullptr, 1);
         if (order == "hurry") oriel::g_timings.rpcMessage = 500;
-        if (order == "offer") result = RegisterTestInterface();
         child.Say(std::to_string(result));
     }
     return 0;

@@ -24,9 +24,6 @@
 //   kHold         does not return before kRelease was called
 //   kRelease      lets all kHold return
 //   kHolding      replies how many kHold are in progress
-//   kTooLong      claims a longer reply than its buffer
-//   kNoBuffer     takes no buffer for its reply
-//   kHole         not offered
 enum Procedure : unsigned {
     kEcho,
     kMake,
@@ -39,9 +36,6 @@ enum Procedure : unsigned {
     kHold,
     kRelease,
     kHolding,
-    kTooLong,
-    kNoBuffer,
-    kHole,
     kProcedureCount
 };
 
@@ -75,14 +69,12 @@ struct TestBinding {
 // A process that serves the test interface until it is told to stop.
 struct TestServer : TestProcess {
     explicit TestServer(const std::string& endpoint = "test") : TestProcess(Ready("RpcServer", {endpoint})) {}
-    // "stop", "wait", "listen", "withdraw", "offer", "release" of what is held, or "hurry": half a second for a
-    // message.
+    // "stop", "wait", "listen", "withdraw", "release" of what is held, or "hurry": half a second for a message.
     RPC_STATUS Order(const std::string& order) { return Tell(order), static_cast<RPC_STATUS>(std::stol("0" + Hear())); }
     void Restart() { TestProcess::operator=(Ready("RpcServer", {"test"})); }
 };
 
 // In this process.
-RPC_STATUS RegisterTestInterface();
 RPC_STATUS ServeOn(const std::string& endpoint);
 RPC_STATUS StopServing(); // and waits until it has stopped
 
@@ -90,7 +82,7 @@ RPC_STATUS StopServing(); // and waits until it has stopped
 
 enum : uint8_t { kFirst = 1, kLast = 2, kOnly = 3, kNotExecuted = 0x20, kMaybeCall = 0x40, kWithObject = 0x80 };
 enum : uint8_t { kRequestPdu = 0, kResponsePdu = 2, kFaultPdu = 3, kBindPdu = 11, kBindAckPdu = 12, kBindNakPdu = 13 };
-enum : uint8_t { kAlterPdu = 14, kAlterAckPdu, kAuth3Pdu, kShutdownPdu, kCancelPdu, kOrphanedPdu };
+enum : uint8_t { kAlterPdu = 14, kAlterAckPdu, kShutdownPdu = 17, kCancelPdu, kOrphanedPdu };
 
 inline const RPC_SYNTAX_IDENTIFIER kNdr64{
     {0x71710533, 0xbeba, 0x4937, {0x83, 0x19, 0xb5, 0xdb, 0xef, 0x9c, 0xcc, 0x36}}, {1, 0}};
@@ -190,28 +182,13 @@ inline Bytes StubOf(const Bytes& pdu) {
     return TypeOf(pdu) == kResponsePdu && pdu.size() >= 24 ? Bytes(pdu.begin() + 24, pdu.end()) : Bytes();
 }
 
-// Systematic damage: every byte, every aligned number, every length near the true one (of these a part, outside a
-// campaign), every beginning.
+// Systematic damage: every byte (of these a part, outside a campaign), and every beginning.
 template <typename Function>
 void ForEachDamage(const Bytes& good, Function function) {
     int changes = 0;
-    const auto change = [&](size_t at, uint32_t value, size_t size) {
-        if (++changes % Rounds(5, 1) != 0) return;
-        Bytes bad = good;
-        std::memcpy(bad.data() + at, &value, size);
-        if (bad != good) function(bad);
-    };
     for (size_t at = 0; at < good.size(); ++at)
-        for (const unsigned value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x01, good[at] ^ 0x80, good[at] + 1})
-            change(at, value, 1);
-    for (size_t at = 0; at + 4 <= good.size(); at += 4) {
-        const uint32_t value = Get32(good, at);
-        for (const uint32_t changed : {0U, 1U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFEU, value + 1, value - 1,
-                                       value * 2, ~value, __builtin_bswap32(value)})
-            change(at, changed, 4);
-    }
-    for (int difference = -42; difference <= 30; ++difference)
-        change(8, static_cast<uint32_t>(static_cast<int>(good.size()) + difference), 2);
+        for (const int value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x80, good[at] + 1, good[at] - 1})
+            if (++changes % Rounds(3, 1) == 0) function(Changed(good, at, static_cast<uint8_t>(value)));
     for (size_t size = 0; size < good.size(); ++size)
         function(Bytes(good.begin(), good.begin() + static_cast<ptrdiff_t>(size)));
 }

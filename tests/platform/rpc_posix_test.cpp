@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -19,9 +18,6 @@ TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
         EXPECT_EQ(ServeOn("planted"), RPC_S_CANT_CREATE_ENDPOINT) << static_cast<int>(plant);
         EXPECT_TRUE(fs::exists(fs::symlink_status(EndpointPath("planted"))));
     }
-    ReplaceFile(EndpointPath("file"), "");
-    EXPECT_EQ(ServeOn("file"), RPC_S_CANT_CREATE_ENDPOINT);
-    EXPECT_TRUE(fs::exists(EndpointPath("file")));
     ASSERT_TRUE(PlantInPlace(EndpointPath(".lock.lock"), Plant::kLink, target));
     EXPECT_EQ(ServeOn("lock"), RPC_S_CANT_CREATE_ENDPOINT);
     EXPECT_FALSE(fs::exists(EndpointPath("lock")) || fs::exists(target));
@@ -62,35 +58,6 @@ TEST(RpcFork, ChildIsAnotherClient) {
     EXPECT_TRUE(WaitUntil([&] { return binding.Call(kRundowns).Number(2) == 1; }));
     EXPECT_EQ(binding.Call(kRundowns).Number(1), 0U);
     EXPECT_EQ(binding.Number(kMonitor, Number(1)), 1U);
-}
-
-TEST(RpcFork, ChildOfAServerServesNobody) {
-#if defined(__SANITIZE_THREAD__)
-    constexpr bool kMayStartThreads = false; // the thread sanitizer ends a child that does
-#else
-    constexpr bool kMayStartThreads = true;
-#endif
-    ASSERT_EQ(ServeOn("forks"), RPC_S_OK);
-    const TestBinding binding("forks");
-    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    int held[2];
-    ASSERT_EQ(pipe(held), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        char byte = 0;
-        close(held[1]);
-        const bool idle =
-            RpcMgmtWaitServerListen() == RPC_S_NOT_LISTENING && (!kMayStartThreads || ServeOn("another") == RPC_S_OK);
-        _exit(read(held[0], &byte, 1) == 0 && idle ? 0 : 1);
-    }
-    // The child lives on, and holds neither the clients nor the endpoint.
-    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_OK);
-    EXPECT_EQ(StopServing(), RPC_S_OK);
-    EXPECT_EQ(binding.Call(kTouch).status, RPC_S_SERVER_UNAVAILABLE);
-    close(held[1]);
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
 }
 
 TEST(RpcServer, OutOfDescriptorsRefusesAndRecovers) {

@@ -56,26 +56,17 @@ Bytes FaultPdu(uint32_t status, unsigned flags = kOnly) {
 
 TEST(RpcReply, AnswerToABindIsChecked) {
     FakeServer server;
-    Bytes half = Ack();
-    half.resize(20);
     const std::tuple<const char*, Bytes, RPC_STATUS> rows[] = {
         {"too busy", Nak(2), RPC_S_SERVER_TOO_BUSY},
         {"version", Nak(4), RPC_S_PROTOCOL_ERROR},
-        {"no reason", Nak(0), RPC_S_PROTOCOL_ERROR},
         {"interface", Ack(kBindAckPdu, 77, 4280, 2, 1), RPC_S_UNKNOWN_IF},
         {"transfer syntax", Ack(kBindAckPdu, 77, 4280, 2, 2), RPC_S_UNSUPPORTED_TRANS_SYN},
-        {"limit", Ack(kBindAckPdu, 77, 4280, 2, 3), RPC_S_SERVER_TOO_BUSY},
         {"another transfer syntax", Ack(kBindAckPdu, 77, 4280, 0, 0, kNdr64), RPC_S_PROTOCOL_ERROR},
         {"no group", Ack(kBindAckPdu, 0), RPC_S_PROTOCOL_ERROR},
-        {"tiny fragments", Ack(kBindAckPdu, 77, 1431), RPC_S_PROTOCOL_ERROR},
-        {"alter-context-response", Ack(kAlterAckPdu), RPC_S_PROTOCOL_ERROR},
         {"another call", Changed(Ack(), 12, 9), RPC_S_PROTOCOL_ERROR},
-        {"two results", Changed(Ack(), 32, 2), RPC_S_PROTOCOL_ERROR},
         {"endless port", Changed(Ack(), 25, 0xFF), RPC_S_PROTOCOL_ERROR},
-        {"a response", Response({}, kOnly, 1), RPC_S_PROTOCOL_ERROR},
         {"version 4", Changed(Ack(), 0, 4), RPC_S_PROTOCOL_ERROR},
         {"nothing", {}, RPC_S_SERVER_UNAVAILABLE},
-        {"half of it", half, RPC_S_SERVER_UNAVAILABLE},
     };
     for (const auto& [what, ack, status] : rows)
         EXPECT_EQ(server.Serve(ack, {}).status, status) << what;
@@ -91,31 +82,18 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
     const std::tuple<const char*, Bytes, RPC_STATUS> rows[] = {
         {"good", Response({5, 6}), RPC_S_OK},
         {"in pieces", Join({Response({5}, kFirst), Response({}, 0), Response({6}, kLast)}), RPC_S_OK},
-        {"after a shutdown", Join({Pdu(kShutdownPdu, {}), Response({5, 6})}), RPC_S_OK},
         {"fault", FaultPdu(RPC_X_BAD_STUB_DATA), RPC_X_BAD_STUB_DATA},
-        {"fault after a piece", Join({Response({5}, kFirst), FaultPdu(5)}), RPC_S_ACCESS_DENIED},
         {"fault 0", FaultPdu(0), RPC_S_CALL_FAILED},
-        {"fault -2", FaultPdu(0xFFFFFFFE), RPC_S_CALL_FAILED},
         {"an exception as a fault", FaultPdu(0xC0000005), RPC_S_CALL_FAILED},
-        {"unknown fault", FaultPdu(0x1C00FFFF), RPC_S_CALL_FAILED},
         {"nca_s_op_rng_error", FaultPdu(0x1C010002), RPC_S_PROCNUM_OUT_OF_RANGE},
-        {"nca_unk_if", FaultPdu(0x1C010003), RPC_S_UNKNOWN_IF},
-        {"nca_server_too_busy", FaultPdu(0x1C010014), RPC_S_SERVER_TOO_BUSY},
         {"nca_s_fault_remote_no_memory", FaultPdu(0x1C00001B), RPC_S_SERVER_OUT_OF_MEMORY},
         {"fault, not executed", FaultPdu(0x1C000012, kOnly | kNotExecuted), RPC_S_CALL_FAILED_DNE},
-        {"short fault", Pdu(kFaultPdu, CallBody(0, 0, {}), kOnly, 2), RPC_S_PROTOCOL_ERROR},
         {"another call's", Response({5}, kOnly, 3), RPC_S_PROTOCOL_ERROR},
-        {"another context's", Response({5}, kOnly, 2, 1), RPC_S_PROTOCOL_ERROR},
         {"not the first", Response({5}, kLast), RPC_S_PROTOCOL_ERROR},
-        {"another call's piece", Join({Response({5}, kFirst), Response({5}, kLast, 3)}), RPC_S_PROTOCOL_ERROR},
         {"a request", Request(kEcho, {}), RPC_S_PROTOCOL_ERROR},
-        {"length 0", Changed(Response({5}), 8, 0), RPC_S_PROTOCOL_ERROR},
         {"length 23", Changed(Response({5}), 8, 23), RPC_S_PROTOCOL_ERROR},
-        {"trailer", Changed(Response(Bytes(24)), 10, 16), RPC_S_PROTOCOL_ERROR},
-        {"version 6", Changed(Response({5}), 0, 6), RPC_S_PROTOCOL_ERROR},
         {"too large", tooLarge, RPC_S_PROTOCOL_ERROR},
         {"too short", Changed(Response({5}), 8, 200), RPC_S_CALL_FAILED},
-        {"first piece alone", Response({5}, kFirst), RPC_S_CALL_FAILED},
     };
     for (const auto& [what, answer, status] : rows) {
         const Reply reply = server.Serve(Ack(), answer);

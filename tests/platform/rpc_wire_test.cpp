@@ -54,12 +54,10 @@ TEST(RpcWire, BindOffersAreAnsweredOneByOne) {
     EXPECT_EQ(ResultsOf(altered), "0.0 2.1 ");
     stream.Send(Request(kEcho, {4}, kOnly, 10, 8));
     EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({4}));
-    for (unsigned i = 0; i < 14; ++i) { // 16 in all
+    for (uint16_t i = 0; i < 15; ++i) { // 16 in all
         stream.Send(Pdu(kAlterPdu, BindBody({{static_cast<uint16_t>(100 + i), kTestInterface, {kNdrSyntax}}})));
-        EXPECT_EQ(ResultsOf(stream.ReceivePdu()), "0.0 ");
+        EXPECT_EQ(ResultsOf(stream.ReceivePdu()), i < 14 ? "0.0 " : "2.3 ");
     }
-    stream.Send(Pdu(kAlterPdu, BindBody({{200, kTestInterface, {kNdrSyntax}}})));
-    EXPECT_EQ(ResultsOf(stream.ReceivePdu()), "2.3 ");
 }
 
 TEST(RpcWire, BindThatCannotBeIsRefused) {
@@ -72,28 +70,22 @@ TEST(RpcWire, BindThatCannotBeIsRefused) {
     std::vector<std::tuple<const char*, Bytes, int>> rows{
         // with the reason, or -1 where it is accepted
         {"version 4.0", changed(0, 4), 4},
-        {"version 5.2", changed(1, 2), 4},
         {"version 5.1", changed(1, 1), -1},
+        {"a piece of a bind", changed(3, kFirst), 0},
         {"no context", Pdu(kBindPdu, BindBody({})), 0},
         {"two negotiations", Pdu(kBindPdu, BindBody({good[0], negotiation, negotiation})), 0},
-        {"one negotiation", Pdu(kBindPdu, BindBody({good[0], negotiation})), -1},
         {"unknown group", GoodBind(0x12345678), 0},
         {"tiny fragments", Pdu(kBindPdu, BindBody(good, 0, 4280, 1431)), 0},
-        {"smallest fragments", Pdu(kBindPdu, BindBody(good, 0, 0, 1432)), -1},
         {"authentication", Join({Changed(changed(8, size + 24), 10, 16), trailer}), 8},
         {"more contexts than there are", changed(24, 2), 0},
-        {"more transfer syntaxes than there are", changed(30, 2), 0},
-        {"all flags", changed(3, 0xFF), -1},
     };
     for (unsigned cut = 16; cut < size; ++cut)
         rows.emplace_back("cut short", changed(8, cut), 0);
-    for (unsigned flags = 0; flags < 256; flags = flags < 8 ? flags + 1 : flags * 2)
-        rows.emplace_back("flags", changed(3, flags), (flags & kOnly) == kOnly ? -1 : 0);
     for (const auto& [what, pdu, reason] : rows) {
         UnixStream stream("test");
         stream.Send(pdu);
         const Bytes answer = stream.ReceivePdu();
-        EXPECT_EQ(TypeOf(answer), reason < 0 ? kBindAckPdu : kBindNakPdu) << what << " " << int{pdu[3]};
+        EXPECT_EQ(TypeOf(answer), reason < 0 ? kBindAckPdu : kBindNakPdu) << what;
         EXPECT_TRUE(reason < 0 ? CallOn(stream, kEcho, {7}) == Bytes{7}
                                : static_cast<int>(Get16(answer, 16)) == reason && stream.PeerCloses())
             << what;
@@ -152,34 +144,22 @@ TEST(RpcWire, RequestIsAnsweredOrRefused) {
     stream.Send(Request(kTouch, {}, kOnly | kMaybeCall));
     EXPECT_EQ(CallOn(stream, kTouch), Number(2));
 
-    // Cancels and orphans come when they come.
-    stream.Send(Join({Pdu(kCancelPdu, {}), Pdu(kOrphanedPdu, {}), Request(kEcho, {3})}));
+    // Cancels and orphans come when they come, and two requests in one write.
+    stream.Send(Join({Pdu(kCancelPdu, {}), Pdu(kOrphanedPdu, {}), Request(kEcho, {3}), Request(kEcho, {4})}));
     EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({3}));
-    // Two requests in one write.
-    stream.Send(Join({Request(kEcho, {1}, kOnly, 11), Request(kEcho, {2}, kOnly, 12)}));
-    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({1}));
-    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({2}));
+    EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({4}));
 }
 
 TEST(RpcWire, FragmentsAreJoined) {
     TestServer server;
     UnixStream stream = BoundStream();
-    const Bytes body = Pattern(40);
-    for (const size_t piece : {1, 8, 39}) {
-        for (size_t at = 0; at < body.size(); at += piece) {
-            const size_t end = std::min(at + piece, body.size());
-            const unsigned flags = (at == 0 ? kFirst : 0) | (end == body.size() ? kLast : 0);
-            stream.Send(Request(kEcho, Bytes(&body[at], &body[end]), flags));
-            if (at == 8) stream.Send(Pdu(kCancelPdu, {}, kOnly, 2));
-        }
-        EXPECT_EQ(StubOf(stream.ReceivePdu()), body) << piece;
-    }
     // One byte at a time is enough, of a bind and of fragments.
     UnixStream slow("test");
-    for (const uint8_t byte : Join({GoodBind(), Request(kEcho, {1, 2}, kFirst), Request(kEcho, {3}, kLast)}))
+    for (const uint8_t byte : Join({GoodBind(), Request(kEcho, {1, 2}, kFirst), Request(kEcho, {3}, 0),
+                                    Pdu(kCancelPdu, {}, kOnly, 2), Request(kEcho, {4}, kLast)}))
         slow.Send({byte});
     EXPECT_EQ(TypeOf(slow.ReceivePdu()), kBindAckPdu);
-    EXPECT_EQ(StubOf(slow.ReceivePdu()), Bytes({1, 2, 3}));
+    EXPECT_EQ(StubOf(slow.ReceivePdu()), Bytes({1, 2, 3, 4}));
     // A call that is given up in the middle.
     stream.Send(Join({Request(kEcho, {1}, kFirst), Pdu(kOrphanedPdu, {}, kOnly, 2), Request(kEcho, {5})}));
     EXPECT_EQ(StubOf(stream.ReceivePdu()), Bytes({5}));
@@ -214,23 +194,16 @@ TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
         uint32_t fault = kProtocolFault; // 0: closed without a word
     } rows[] = {
         {"another call's fragment", Join({Request(kEcho, {1}, kFirst, 2), Request(kEcho, {1}, kLast, 3)})},
-        {"another context's fragment", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kLast, 2, 1)})},
-        {"another procedure's fragment", Join({Request(kEcho, {1}, kFirst), Request(kMake, {1}, kLast)})},
         {"another byte order", Join({Request(kEcho, {1}, kFirst), wrongOrder})},
         {"two first fragments", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kFirst)})},
         {"no first fragment", Request(kEcho, {1}, kLast)},
-        {"neither first nor last", Request(kEcho, {1}, 0)},
         {"a bind between fragments", Join({Request(kEcho, {1}, kFirst), GoodBind()})},
         {"above what was negotiated", Request(kEcho, Bytes(4280 - 24 + 1))},
         {"authentication trailer", withLength(Request(kEcho, Bytes(24)), 48, 16)},
-        {"trailer longer than the fragment", withLength(Request(kEcho, {}), 24, 9)},
         {"shorter than its header", withLength(Request(kEcho, {}), 23)},
-        {"length 15", withLength(Request(kEcho, {}), 15)},
         {"length 0", withLength(Request(kEcho, {}), 0)},
         {"no room for the object", Request(kEcho, Bytes(15), kOnly | kWithObject)},
         {"a response", Pdu(kResponsePdu, CallBody(0, 0, {})), 0},
-        {"authentication, third leg", Pdu(kAuth3Pdu, Bytes(4)), 0},
-        {"no such PDU", Pdu(99, Bytes(8)), 0},
         {"alter-context without contexts", Pdu(kAlterPdu, BindBody({})), 0},
     };
     for (const auto& row : rows) {
@@ -239,11 +212,9 @@ TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
         EXPECT_EQ(FaultOf(stream.ReceivePdu()), row.fault) << row.what;
         EXPECT_TRUE(stream.PeerCloses()) << row.what;
     }
-    for (const Bytes& early : {Request(kEcho, {1}), Pdu(kAlterPdu, BindBody({{0, kTestInterface, {kNdrSyntax}}}))}) {
-        UnixStream stream("test");
-        stream.Send(early); // before any bind
-        EXPECT_TRUE(stream.PeerCloses());
-    }
+    UnixStream early("test");
+    early.Send(Request(kEcho, {1})); // before any bind
+    EXPECT_TRUE(early.PeerCloses());
     UnixStream endless = BoundStream();
     const Bytes piece = Request(kEcho, Bytes(4256), 0);
     Bytes first = piece;

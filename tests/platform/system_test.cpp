@@ -41,18 +41,18 @@ TEST(SystemVersion, IsThatOfTheEnvironmentThenOfTheRegistryThenXp) {
     EXPECT_EQ(Version(), "2 4.0.1381");
     SetVersionValue("CurrentBuildNumber", "1234");
     EXPECT_EQ(Version(), "2 4.0.1234");
-    for (const auto& [setting, version] :
-         {std::pair{"3.51", "2 3.51.1057"}, {"11.7", "2 11.7.0"}, {"6.1.42", "2 6.1.42"}, {"9x:4.10", "1 4.10.1998"}}) {
+    for (const auto& [setting, version] : {std::pair{"3.51", "2 3.51.1057"},
+                                           {"11.7", "2 11.7.0"},
+                                           {"6.1.42", "2 6.1.42"},
+                                           {"9x:4.10", "1 4.10.1998"},
+                                           {"5", "error 13"},
+                                           {"5.1 ", "error 13"},
+                                           {"9x", "error 13"},
+                                           {"5.1.2600.1", "error 13"},
+                                           {"99999999999.1", "error 13"}}) {
         UseSetting("ORIEL_WINDOWS_VERSION", setting);
-        EXPECT_EQ(Version(), version);
+        EXPECT_EQ(Version(), version) << setting;
     }
-    for (const char* setting : {"", "5", "5.", "5.1 ", "9x", "9x:4", "5.1.2600.1", "99999999999.1", "XP"}) {
-        UseSetting("ORIEL_WINDOWS_VERSION", setting);
-        EXPECT_EQ(Version(), "error 13") << setting;
-    }
-    UseSetting("ORIEL_WINDOWS_VERSION", nullptr);
-    SetVersionValue("CurrentVersion", "five");
-    EXPECT_EQ(Version(), "error 13");
 }
 
 TEST(SystemTime, FormsAgreeAndWhatIsNoTimeIsRefused) {
@@ -93,25 +93,11 @@ TEST(SystemTexts, FitOrTellTheirSize) {
         EXPECT_EQ(InRoom(room, userName), "7 " + string(room, '#'));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
 
-    UseSetting("ORIEL_WINDOW_STATION", "WinSta0");
-    const auto station = [](char* room, DWORD size) {
-        DWORD needed = 0;
-        return Code(GetUserObjectInformationA(GetProcessWindowStation(), UOI_NAME, room, size, &needed)) + needed;
-    };
-    EXPECT_EQ(InRoom(8, station), string("8 WinSta0\0", 10));
-    EXPECT_EQ(InRoom(3, station), std::to_string(ERROR_INSUFFICIENT_BUFFER + 8) + " ###");
-    char text[64];
-    EXPECT_FALSE(GetUserObjectInformationA(GetProcessWindowStation(), 1, text, sizeof text, nullptr));
-    EXPECT_FALSE(GetUserObjectInformationA(nullptr, UOI_NAME, text, sizeof text, nullptr));
-    UseSetting("ORIEL_WINDOW_STATION", "none");
-    EXPECT_EQ(GetProcessWindowStation(), nullptr);
-
     const string path = WindowsPath(OwnProgram());
     const auto module = [](char* room, DWORD size) { return GetModuleFileNameA(nullptr, room, size); };
     EXPECT_EQ(InRoom(path.size() + 1, module), std::to_string(path.size()) + " " + path + '\0');
     EXPECT_EQ(InRoom(5, module), "5 " + path.substr(0, 4) + '\0');
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-    EXPECT_EQ(GetModuleFileNameA(static_cast<HMODULE>(ULongToHandle(0x1000)), text, sizeof text), 0U);
 }
 
 TEST(Profile, OfTheWindowsSectionIsKept) {
@@ -133,26 +119,19 @@ TEST(Profile, OfTheWindowsSectionIsKept) {
 TEST(Files, ExistOrSayWhyNot) {
     const string folder = WindowsPath(PrivateDirectory());
     ReplaceFile(PrivateDirectory() + "/here.exe", "x");
-    const struct {
-        string name;
-        DWORD error, access = GENERIC_READ, share = FILE_SHARE_READ;
-    } rows[] = {
+    const std::pair<string, DWORD> rows[] = {
         {folder + "\\here.exe", ERROR_SUCCESS},
-        {PrivateDirectory() + "/here.exe", ERROR_SUCCESS},
         {"d:" + folder + "\\here.exe", ERROR_SUCCESS}, // drives are nothing
         {folder + "\\gone.exe", ERROR_FILE_NOT_FOUND},
         {folder + "\\gone\\here.exe", ERROR_PATH_NOT_FOUND},
         {folder + "\\here.exe\\x", ERROR_PATH_NOT_FOUND},
         {folder, ERROR_ACCESS_DENIED},
-        {"", ERROR_INVALID_NAME},
         {folder + "\\" + string(300, 'x'), ERROR_FILENAME_EXCED_RANGE},
-        {folder + "\\here.exe", ERROR_INVALID_PARAMETER, GENERIC_READ | GENERIC_WRITE},
-        {folder + "\\here.exe", ERROR_INVALID_PARAMETER, GENERIC_READ, 0},
     };
-    for (const auto& row : rows) {
-        const HANDLE file = CreateFileA(row.name.c_str(), row.access, row.share, nullptr, OPEN_EXISTING,
+    for (const auto& [name, error] : rows) {
+        const HANDLE file = CreateFileA(name.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                         FILE_FLAG_NO_BUFFERING, nullptr);
-        EXPECT_EQ(Code(file != INVALID_HANDLE_VALUE), row.error) << row.name;
+        EXPECT_EQ(Code(file != INVALID_HANDLE_VALUE), error) << name;
         EXPECT_TRUE(CloseHandle(file));
     }
 }

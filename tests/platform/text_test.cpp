@@ -35,9 +35,7 @@ struct Pair {
     WideString wide;
 };
 const Pair kPairs[] = {
-    {1252, "PrinterStatus", WIDE("PrinterStatus")},
     {1252, "\x80 42,50 \xE4\xF6\xFC\xDF \x99\x81", WIDE("\u20AC 42,50 \u00E4\u00F6\u00FC\u00DF \u2122\u0081")},
-    {437, "\xC9\xCD\xBB \x81", WIDE("\u2554\u2550\u2557 \u00FC")},
     {932, "\x93\xFA\x96{\x8C\xEA \xB6\xC5 \x95\\\\", WIDE("\u65E5\u672C\u8A9E \uFF76\uFF85 \u8868\\")},
     // The usual ones of characters with two codes.
     {932, "\x81\xE0\x87T\x81\xCA\xFA\\", WIDE("\u2252\u2160\uFFE2\u7E8A")},
@@ -110,13 +108,6 @@ TEST(Conversion, WhatIsNotThereIsReplacedOrReported) {
     // Beyond the last character; how many stand for it is nowhere said.
     const char beyond[] = "\xF4\x90\x80\x80";
     EXPECT_FAILS(Decode(CP_UTF8, beyond, MB_ERR_INVALID_CHARS).size(), ERROR_NO_UNICODE_TRANSLATION);
-    EXPECT_EQ(Decode(CP_UTF8, beyond), WIDE("\uFFFD\uFFFD\uFFFD\uFFFD"));
-    // Defaults for UTF-8, and one room for both sides.
-    WCHAR room[8];
-    EXPECT_FAILS(Encode(CP_UTF8, WIDE("a"), "?").size(), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(Encode(CP_UTF8, WIDE("a"), nullptr, &used).size(), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(MultiByteToWideChar(1252, 0, reinterpret_cast<char*>(room) + 4, 4, room, 8), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(Decode(1252, "a", 0x2).size(), ERROR_INVALID_FLAGS);
     // To Windows a similar character is as good.
     EXPECT_EQ(Encode(1252, WIDE("\u0100"), nullptr), "?");
     EXPECT_EQ(Encode(932, WIDE("a\u00E4b"), "\x81\x96"), "a\x81\x96\x62");
@@ -141,7 +132,6 @@ TEST(AnsiCodePage, IsThatOfTheEnvironmentThenOfTheRegistryThen1252) {
         {"932", nullptr, "\\\x95\\.txt", "932 lead there"},
         {"932", "1252", "", "1252 single not there"},
         {"932", "nonsense", "", "932 lead not there"},
-        {"12345", nullptr, "", "1252 single not there"},
     };
     HKEY key = CreateKey(HKEY_LOCAL_MACHINE, "SYSTEM\\CurrentControlSet\\Control\\Nls\\CodePage");
     for (const auto& [registry, setting, fileName, said] : rows) {
@@ -191,11 +181,6 @@ std::vector<string> RandomTexts(unsigned seed) {
     return texts;
 }
 
-CHILD_PROCESS(ChecksTotalOrder) {
-    child.Say(CheckTotalOrder(RandomTexts(static_cast<unsigned>(std::stoul(child.arguments[0])))));
-    return 0;
-}
-
 } // namespace
 
 TEST(Order, IsThatOfWords) {
@@ -207,28 +192,17 @@ TEST(Order, IsThatOfWords) {
     std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
     std::sort(shuffled.begin(), shuffled.end(), SortsBefore);
     EXPECT_EQ(shuffled, ordered);
-    EXPECT_EQ(lstrcmpA(nullptr, nullptr), 0);
-    EXPECT_LT(lstrcmpA(nullptr, ""), 0);
-    EXPECT_GT(lstrcmpA("", nullptr), 0);
 }
 
 TEST(Order, IsTotalAndOnlyIdenticalTextIsEqual) {
     const unsigned seed = std::random_device()();
     EXPECT_EQ(CheckTotalOrder(RandomTexts(seed)), "in order") << "seed " << seed;
-    for (const char* codePage : {"932", "65001"}) {
-        TestProcess child("ChecksTotalOrder", {std::to_string(seed)}, {{"ORIEL_ANSI_CODE_PAGE", codePage}});
-        EXPECT_EQ(child.Hear(), "in order") << "seed " << seed << ", code page " << codePage;
-    }
 }
 
 TEST(Order, WithoutCase) {
-    const std::tuple<const char*, const char*, int> rows[] = {{"SYSTEM", "system", 0},
-                                                              {"WinSta0", "WinSta1", -1},
-                                                              {"TVORSN.EXE", "tvorsn.exe.", -1},
-                                                              {"\xC4rger", "\xE4rger", 0},
-                                                              {"co-op", "CO-OP", 0},
-                                                              {"co-op", "COOP", 1},
-                                                              {"\xC4", "A", 1}};
+    const std::tuple<const char*, const char*, int> rows[] = {{"SYSTEM", "system", 0},     {"WinSta0", "WinSta1", -1},
+                                                              {"\xC4rger", "\xE4rger", 0}, {"co-op", "CO-OP", 0},
+                                                              {"co-op", "COOP", 1},        {"\xC4", "A", 1}};
     for (const auto& [a, b, result] : rows) {
         EXPECT_EQ(lstrcmpiA(a, b), result) << a << " " << b;
         EXPECT_EQ(lstrcmpiA(b, a), -result) << a << " " << b;
