@@ -40,11 +40,6 @@ TEST(Thread, RunsAndLeavesItsExitCode) {
     EXPECT_TRUE(GetExitCodeThread(running, &code));
     EXPECT_EQ(code, DWORD{STILL_ACTIVE});
     EXPECT_EQ(Wait(running, 10), DWORD{WAIT_TIMEOUT});
-    const auto nothing = [](LPVOID) -> DWORD { return 0; };
-    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    EXPECT_FAILS(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER);
-    EXPECT_FAILS(CreateThread(nullptr, 0, nothing, nullptr, 4, nullptr), ERROR_NOT_SUPPORTED);
-    EXPECT_FAILS(CreateThread(&inherited, 0, nothing, nullptr, 0, nullptr), ERROR_NOT_SUPPORTED);
 }
 
 // Wherever a thread is, it can be stopped: its handle is ready, its mutexes are abandoned, nothing else of its runs.
@@ -71,7 +66,6 @@ TEST(Termination, StopsAThreadWhereverItIs) {
          },
          false},
         {"asleep in a call of the system", [] { PauseMs(1000000); }},
-        {"in Sleep", [] { Sleep(INFINITE); }},
         {"waiting for one", [&] { Wait(never, INFINITE); }},
         {"waiting for three", [&] { WaitForMultipleObjects(3, three, FALSE, INFINITE); }},
         {"waiting for a mutex", [&] { Wait(busyMutex, INFINITE); }},
@@ -115,19 +109,14 @@ TEST(Termination, StopsAThreadWhereverItIs) {
     leave(&busy);
     // None of the stopped threads has taken the section with it, and what they waited for is let go.
     enter(&busy);
-    enter(&busy);                               // recursively
-    OnAThread([&] { return leave(&busy), 0; }); // not its own: nothing happens
-    std::atomic<bool> entered{false};
-    std::thread other([&] {
-        enter(&busy);
-        entered = true;
-        leave(&busy);
-    });
+    enter(&busy); // recursively
+    DWORD otherId = 0;
+    const Owned other = StartThread([&] { return enter(&busy), leave(&busy), 0; }, &otherId);
     leave(&busy);
-    PauseMs(5);
-    EXPECT_FALSE(entered);
+    EXPECT_TRUE(WaitUntil([&] { return IsAsleep(otherId); }));
+    EXPECT_EQ(Look(other), DWORD{WAIT_TIMEOUT});
     leave(&busy);
-    other.join();
+    EXPECT_EQ(Finish(other), 0U);
     named.Close();
     busyMutex.Close();
     EXPECT_FAILS(OpenEventA(SYNCHRONIZE, FALSE, "Never"), ERROR_FILE_NOT_FOUND);
@@ -177,5 +166,4 @@ TEST(Termination, IsRefusedForWhatCannotBeStopped) {
     EXPECT_EQ(Look(stubborn), DWORD{WAIT_TIMEOUT});
     over = true;
     EXPECT_EQ(Finish(stubborn), 5U);
-    EXPECT_FAILS(TerminateThread(GetCurrentThread(), 1), ERROR_INVALID_HANDLE);
 }

