@@ -36,7 +36,6 @@ TEST(Handles, Fit32BitsAndStaleOnesStayStale) {
     const auto value = reinterpret_cast<ULONG_PTR>(later.back());
     EXPECT_EQ(value % 4, 0U);
     EXPECT_LE(value, 0x7FFFFFFFU);
-    EXPECT_EQ(ULongToHandle(HandleToULong(later.back())), later.back());
     EXPECT_EQ(Look(HandleOf(value | 3)), DWORD{WAIT_OBJECT_0}) << "the low bits are the caller's";
     for (const HANDLE foreign : {HANDLE{}, stale, HandleOf(0x7FFFFFFC), HandleOf(value + 0x100000000)}) {
         EXPECT_FAILS(Look(foreign) != WAIT_FAILED, ERROR_INVALID_HANDLE) << foreign;
@@ -102,23 +101,6 @@ TEST(Wait, KeepsItsObjectWhenTheHandleIsClosed) {
     EXPECT_TRUE(ObjectFiles().empty()) << "and then the object is gone";
 }
 
-// Every kind of wait ends, on whichever object.
-CHILD_PROCESS(WaitsForMany) {
-    HANDLE objects[MAXIMUM_WAIT_OBJECTS];
-    for (HANDLE& object : objects)
-        object = NewEvent(nullptr, FALSE);
-    for (const DWORD index : {0U, 1U, 40U, 63U}) {
-        const Owned setter = SetSoon(objects[index]);
-        if (WaitForMultipleObjects(64, objects, FALSE, 20000) != WAIT_OBJECT_0 + index || Finish(setter) != 0) return 1;
-    }
-    const double begin = NowMs();
-    if (WaitForMultipleObjects(64, objects, FALSE, 30) != WAIT_TIMEOUT || NowMs() - begin < 29) return 3;
-    DWORD id = 0;
-    const Owned sleeper = StartThread([&] { return WaitForMultipleObjects(64, objects, FALSE, INFINITE); }, &id);
-    if (!WaitUntil([&] { return IsAsleep(id); })) return 7;
-    return TerminateThread(sleeper, 1) && Finish(sleeper) == 1 ? 0 : 6;
-}
-
 CHILD_PROCESS(AnswersEvents) {
     const HANDLE questions[] = {NewEvent(), OpenEventA(SYNCHRONIZE, FALSE, "Question")};
     const HANDLE answer = OpenEventA(EVENT_MODIFY_STATE, FALSE, "Global\\Answer");
@@ -136,7 +118,6 @@ TEST(Wait, WorksWithAndWithoutTheKernelsCallForManyWords) {
     const HANDLE answer = NewEvent("Answer", FALSE);
     for (const char* withoutWaitv : {"0", "1"}) {
         const Environment environment{{"ORIEL_NO_FUTEX_WAITV", withoutWaitv}};
-        EXPECT_EQ(TestProcess("WaitsForMany", {}, environment).Wait(), 0);
         TestProcess one("AnswersEvents", {}, environment), other("AnswersEvents", {}, environment);
         EXPECT_EQ(one.Hear() + other.Hear(), "readyready");
         *SharedNumber("Taken") = 0;

@@ -123,7 +123,6 @@ TEST(Rights, AreThoseThatWereAskedFor) {
         EXPECT_EQ(Open(kMutex, "M", access), (access & 0x0DE0FFFE) != 0 ? kDenied : kOpened) << bit;
         EXPECT_EQ(Open(kEvent, "E", access), (access & 0x0DE0FFFC) != 0 ? kDenied : kOpened) << bit;
     }
-    EXPECT_EQ(Open(kMutex, "M", 0), kDenied);
     const std::tuple<DWORD, bool, bool> rows[] = {{SYNCHRONIZE, true, false},
                                                   {EVENT_MODIFY_STATE, false, true},
                                                   {GENERIC_READ, false, false},

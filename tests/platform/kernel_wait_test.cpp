@@ -39,7 +39,6 @@ TEST(Wait, LeavesTheLastErrorAloneUnlessItFails) {
         {{}, 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
         {std::vector<HANDLE>(65, set), 0, WAIT_FAILED, ERROR_INVALID_PARAMETER},
         {{set, nullptr}, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
-        {{set, GetCurrentProcess()}, 0, WAIT_FAILED, ERROR_INVALID_HANDLE},
         {{set, set}, 0, WAIT_FAILED, ERROR_NOT_SUPPORTED, TRUE},
     };
     for (const auto& row : rows) {
@@ -75,14 +74,12 @@ TEST(Mutex, IsReleasedAsOftenAsItWasTaken) {
     for (const char* name : kNames) {
         const Owned mutex = CreateMutexA(nullptr, TRUE, name);
         const auto elsewhere = [&] { return OnAThread([&] { return Look(mutex); }); };
-        SetLastError(kSentinel);
         for (int i = 0; i < 31; ++i)
             ASSERT_EQ(WaitForSingleObject(mutex, i % 2 != 0 ? 0 : INFINITE), DWORD{WAIT_OBJECT_0});
         for (int i = 0; i < 32; ++i) {
             EXPECT_EQ(elsewhere(), DWORD{WAIT_TIMEOUT});
             EXPECT_TRUE(ReleaseMutex(mutex));
         }
-        EXPECT_EQ(GetLastError(), kSentinel);
         EXPECT_FAILS(ReleaseMutex(mutex), ERROR_NOT_OWNER);
         EXPECT_EQ(elsewhere(), DWORD{WAIT_OBJECT_0});
         EXPECT_EQ(Look(mutex), DWORD{WAIT_ABANDONED}) << "its thread has ended";

@@ -139,26 +139,6 @@ TEST(RpcAssociation, IsRunDownOnceWhenItsProcessIsKilledOrFreesIt) {
     EXPECT_TRUE(reaches(4, 1) && reaches(0, 1) && reaches(1, 1) && reaches(2, 0));
 }
 
-TEST(RpcAssociation, ThreadsOfAProcessShareOne) {
-    TestServer server;
-    const TestBinding binding;
-    std::vector<std::thread> threads;
-    std::atomic<unsigned> wrong{0};
-    std::atomic<bool> monitored{false};
-    for (int i = 0; i < 16; ++i) // at the same moment, when there is no connection yet
-        threads.emplace_back([&] {
-            if (!monitored.exchange(true)) binding.Call(kMonitor, Number(5));
-            WaitUntil([&] { return binding.Number(kMonitor, Number(5)) == 5; });
-            for (int j = 0; j < 50; ++j)
-                wrong += binding.Number(kMonitor, Number(5)) != 5;
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong, 0U);
-    EXPECT_EQ(binding.NumberOnAThread(kMonitor, Number(5)), 5U) << "all the others have ended";
-    EXPECT_EQ(binding.Call(kRundowns).Number(5), 0U);
-}
-
 TEST(RpcFault, CallAfterARestartIsMadeOnce) {
     TestServer server;
     const TestBinding binding;
@@ -205,22 +185,6 @@ TEST(RpcFault, StoppedServerIsGivenUpByNewClientsOnly) {
     EXPECT_TRUE(goesOn);
     resumes.join();
 }
-
-#if !defined(__SANITIZE_THREAD__) // it keeps signals back from a thread that receives
-TEST(RpcFault, TerminatedThreadLeavesTheOthersTheirCalls) {
-    TestServer server;
-    TestBinding own;
-    const Owned thread = StartThread([&] { return own.Call(kHold), 0; });
-    ASSERT_TRUE(WaitUntil([&] { return own.Number(kHolding) == 1; }));
-    EXPECT_TRUE(TerminateThread(thread, 7));
-    EXPECT_EQ(Finish(thread), 7U);
-    EXPECT_EQ(own.Call(kRelease).status, RPC_S_OK);
-    EXPECT_EQ(own.NumberOnAThread(kTouch), 1U);
-    own.Free(); // and its connection with it
-    const TestBinding next;
-    EXPECT_TRUE(WaitUntil([&] { return next.Number(kHolding) == 0; }));
-}
-#endif
 
 TEST(RpcFault, EndpointHasOneServer) {
     TestServer server;

@@ -2,14 +2,12 @@
 // run-time that is not the run-time.
 #pragma once
 
-#include "campaign.h"
 #include "kit.h"
 #include "unix_stream.h"
 
 #include <rpc.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
 // Procedures of the test interface. Numbers are u32.
@@ -180,15 +178,4 @@ inline uint32_t FaultOf(const Bytes& pdu) {
 
 inline Bytes StubOf(const Bytes& pdu) {
     return TypeOf(pdu) == kResponsePdu && pdu.size() >= 24 ? Bytes(pdu.begin() + 24, pdu.end()) : Bytes();
-}
-
-// Systematic damage: every byte (of these a part, outside a campaign), and every beginning.
-template <typename Function>
-void ForEachDamage(const Bytes& good, Function function) {
-    int changes = 0;
-    for (size_t at = 0; at < good.size(); ++at)
-        for (const int value : {0x00, 0x01, 0x7F, 0x80, 0xFF, good[at] ^ 0x80, good[at] + 1, good[at] - 1})
-            if (++changes % Rounds(3, 1) == 0) function(Changed(good, at, static_cast<uint8_t>(value)));
-    for (size_t size = 0; size < good.size(); ++size)
-        function(Bytes(good.begin(), good.begin() + static_cast<ptrdiff_t>(size)));
 }

@@ -36,16 +36,6 @@ TEST(RpcEndpoint, SocketTakesThePlaceOfADeadOneOnly) {
     EXPECT_FALSE(fs::exists(EndpointPath("dead")));
 }
 
-TEST(RpcEndpoint, LongRunDirectoryIsServedToo) {
-    const std::string directory = PrivateDirectory() + "/" + std::string(100, 'd');
-    fs::create_directory(directory);
-    const Environment environment{{"ORIEL_RUNTIME_DIR", directory}};
-    TestProcess server = Ready("RpcServer", {"test"}, environment);
-    TestProcess client = Ready("RpcClient", {"1"}, environment);
-    server.Tell("stop");
-    EXPECT_EQ(server.Hear(), "0");
-}
-
 TEST(RpcFork, ChildIsAnotherClient) {
     TestServer server;
     const TestBinding binding;

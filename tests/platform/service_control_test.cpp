@@ -4,7 +4,6 @@
 #include "notify_socket.h"
 #include "private_machine.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <sstream>
 

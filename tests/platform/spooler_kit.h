@@ -97,20 +97,3 @@ inline DWORD Print(HANDLE printer, const std::string& document, std::string data
 inline DWORD Control(HANDLE printer, DWORD job, DWORD command) {
     return Code(SetJobA(printer, job, 0, nullptr, command));
 }
-
-// Pauses, resumes and leaves alone a job, as both spools do; the check follows each step with the status expected.
-inline void ExpectControls(HANDLE printer, DWORD job, const std::vector<DWORD>& strangers,
-                           const std::function<void(DWORD status)>& check) {
-    for (const auto& [command, status] : {std::pair{DWORD{JOB_CONTROL_PAUSE}, DWORD{JOB_STATUS_PAUSED}},
-                                          {JOB_CONTROL_PAUSE, JOB_STATUS_PAUSED},
-                                          {JOB_CONTROL_RESUME, 0},
-                                          {JOB_CONTROL_RESUME, 0}}) {
-        EXPECT_EQ(Control(printer, job, command), DWORD{ERROR_SUCCESS}) << command;
-        check(status);
-        for (const DWORD stranger : strangers)
-            EXPECT_EQ(Control(printer, stranger, JOB_CONTROL_CANCEL), DWORD{ERROR_INVALID_PARAMETER}) << stranger;
-        for (const DWORD unknown : {0, 4, 77})
-            EXPECT_EQ(Control(printer, job, unknown), DWORD{ERROR_INVALID_PARAMETER}) << unknown;
-        check(status);
-    }
-}

@@ -25,7 +25,6 @@ TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
     ASSERT_EQ(Add("Room 1\\Laser", "Laser Driver", "LPT2:", 0, &local), DWORD{ERROR_SUCCESS});
     ASSERT_EQ(Add("\\\\server\\Laser", "Net Driver", "net", 0, &connection), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(RegistryText("Room 1,Laser", "Printer Driver"), "Laser Driver");
-    EXPECT_EQ(RegistryText("Room 1,Laser\\PrinterDriverData", ""), "no value");
     EXPECT_EQ(RegistryText(",,server,Laser", ""), "no key");
     EXPECT_EQ(PrintersOf(PRINTER_ENUM_LOCAL), Names{"Room 1\\Laser"});
     EXPECT_EQ(PrintersOf(PRINTER_ENUM_CONNECTIONS), Names{"\\\\server\\Laser"});
@@ -43,7 +42,6 @@ TEST(Spooler, LocalPrintersAreInTheRegistryAndConnectionsAreNot) {
     for (HANDLE gone : {use, local}) {
         EXPECT_EQ(RecordOf(gone), "error " + std::to_string(ERROR_PRINTER_DELETED));
         EXPECT_TRUE(ClosePrinter(gone));
-        EXPECT_FAILS(ClosePrinter(gone), ERROR_INVALID_HANDLE);
     }
 }
 

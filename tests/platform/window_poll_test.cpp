@@ -14,27 +14,6 @@ bool Readable(int descriptor, int timeoutMs = 0) {
 
 } // namespace
 
-TEST(QueueDescriptor, IsReadableWhileThereIsSomethingToDo) {
-    const int queue = OrielWindowQueueDescriptor();
-    const HWND window = MakeWindow(), second = MakeWindow();
-    EXPECT_EQ(OrielWindowQueueDescriptor(), queue);
-    EXPECT_FALSE(Readable(queue));
-
-    TestProcess poster("PostsMessages", {ToText(window), "0", "1"});
-    EXPECT_TRUE(Readable(queue, 10000));
-    EXPECT_EQ(poster.Wait(), 0);
-    ASSERT_TRUE(PostMessageA(second, WM_APP + 1, 0, 0));
-    MSG message;
-    EXPECT_TRUE(PeekMessageA(&message, window, 0, 0, PM_NOREMOVE));
-    EXPECT_TRUE(Readable(queue)) << "left in the queue";
-    EXPECT_TRUE(Take(message, window) && Readable(queue)) << "the other window's";
-    EXPECT_TRUE(Take(message) && !Readable(queue));
-    PostQuitMessage(0);
-    EXPECT_TRUE(Readable(queue));
-    EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 0);
-    EXPECT_FALSE(Readable(queue));
-}
-
 TEST(EventDescriptor, FollowsEventsOfBothKindsInABoundedNumber) {
     const HANDLE manual = NewEvent("Manual"), automatic = CreateEventA(nullptr, FALSE, TRUE, nullptr);
     const int first = OrielEventDescriptor(manual), second = OrielEventDescriptor(automatic);

