@@ -191,12 +191,15 @@ TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
         uint32_t fault = kProtocolFault; // 0: closed without a word
     } rows[] = {
         {"another call's fragment", Join({Request(kEcho, {1}, kFirst, 2), Request(kEcho, {1}, kLast, 3)})},
+        {"another context's fragment", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kLast, 2, 1)})},
+        {"another procedure's fragment", Join({Request(kEcho, {1}, kFirst), Request(kMake, {1}, kLast)})},
         {"another byte order", Join({Request(kEcho, {1}, kFirst), wrongOrder})},
         {"two first fragments", Join({Request(kEcho, {1}, kFirst), Request(kEcho, {1}, kFirst)})},
         {"no first fragment", Request(kEcho, {1}, kLast)},
         {"a bind between fragments", Join({Request(kEcho, {1}, kFirst), GoodBind()})},
         {"above what was negotiated", Request(kEcho, Bytes(4280 - 24 + 1))},
         {"authentication trailer", withLength(Request(kEcho, Bytes(24)), 48, 16)},
+        {"trailer longer than the fragment", withLength(Request(kEcho, {}), 24, 9)},
         {"shorter than its header", withLength(Request(kEcho, {}), 23)},
         {"length 0", withLength(Request(kEcho, {}), 0)},
         {"no room for the object", Request(kEcho, Bytes(15), kOnly | kWithObject)},
