@@ -91,16 +91,6 @@ TEST(Wait, LastsUntilItsDeadlineUnderAStormOfSignals) {
     EXPECT_EQ(Finish(setter), 0U);
 }
 
-TEST(Wait, KeepsItsObjectWhenTheHandleIsClosed) {
-    const HANDLE event = NewEvent("Kept");
-    DWORD id = 0;
-    const Owned waiter = StartThread([&] { return Wait(event, 100); }, &id);
-    EXPECT_TRUE(WaitUntil([&] { return IsAsleep(id); }));
-    ASSERT_TRUE(CloseHandle(event));
-    EXPECT_EQ(Finish(waiter), DWORD{WAIT_TIMEOUT}) << "it runs to its end";
-    EXPECT_TRUE(ObjectFiles().empty()) << "and then the object is gone";
-}
-
 CHILD_PROCESS(AnswersEvents) {
     const HANDLE questions[] = {NewEvent(), OpenEventA(SYNCHRONIZE, FALSE, "Question")};
     const HANDLE answer = OpenEventA(EVENT_MODIFY_STATE, FALSE, "Global\\Answer");
