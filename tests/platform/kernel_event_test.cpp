@@ -111,7 +111,7 @@ TEST(Wait, WorksWithAndWithoutTheKernelsCallForManyWords) {
         TestProcess one("AnswersEvents", {}, environment), other("AnswersEvents", {}, environment);
         EXPECT_EQ(one.Hear() + other.Hear(), "readyready");
         *SharedNumber("Taken") = 0;
-        for (LONG round = 1; round <= 300; ++round) {
+        for (LONG round = 1; round <= 100; ++round) {
             ASSERT_TRUE(SetEvent(question));
             ASSERT_EQ(Wait(answer), DWORD{WAIT_OBJECT_0}) << round;
             ASSERT_EQ(*SharedNumber("Taken"), round);
