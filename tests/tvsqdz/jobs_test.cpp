@@ -94,26 +94,19 @@ TEST_F(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
         {"no job is sent", kSent, 0, 0, {}, ""},
         {"first job", kSent, 7, 0, {7}, ""},
         {"second job", kSent, 8, 0, {7, 8}, ""},
-        {"third job", kSent, 9, 0, {7, 8, 9}, ""},
-        {"the end of nothing", kPrinted, 0, 0, {7, 8, 9}, "as it came"},
-        {"a job behind the head", kPrinted, 8, 0, {7, 8, 9}, "as it came"},
-        {"the end of that", kPrinted, 0, 0, {7, 8, 9}, "as it came"},
-        {"a job that nobody sent", kPrinted2, 70, 0, {7, 8, 9}, "as it came"},
-        {"the head", kPrinted, 7, 0, {7, 8, 9}, "Job 7"},
-        {"its progress", kPrinted, 7, 1, {7, 8, 9}, "Job 7"},
-        {"another job's progress", kPrinted, 8, 1, {7, 8, 9}, "as it came"},
-        {"the end of that one", kPrinted, 0, 1, {7, 8, 9}, "as it came"},
-        {"the head again", kPrinted2, 7, 0, {7, 8, 9}, "Job 7"},
-        {"its progress", kPrinted2, 7, 50, {7, 8, 9}, "Job 7"},
-        {"its end, told with progress", kPrinted2, 0, 100, {8, 9}, "as it came"},
-        {"the end once more", kPrinted2, 0, 0, {8, 9}, "as it came"},
-        {"the next head, by one variable", kPrinted2, 8, 0, {8, 9}, "Job 8"},
-        {"its end, by the other", kPrinted, 0, 0, {9}, "as it came"},
-        {"a job is sent meanwhile", kSent, 10, 0, {9, 10}, "as it came"},
-        {"the last but one", kPrinted, 9, 0, {9, 10}, "Job 9"},
-        {"ends", kPrinted, 0, 0, {10}, "as it came"},
-        {"the last", kPrinted, 10, 0, {10}, "Job 10"},
-        {"ends", kPrinted2, 0, 0, {}, "as it came"},
+        {"the end of nothing", kPrinted, 0, 0, {7, 8}, "as it came"},
+        {"a job behind the head", kPrinted, 8, 0, {7, 8}, "as it came"},
+        {"the end of that", kPrinted, 0, 0, {7, 8}, "as it came"},
+        {"a job that nobody sent", kPrinted2, 70, 0, {7, 8}, "as it came"},
+        {"the head", kPrinted, 7, 0, {7, 8}, "Job 7"},
+        {"another job's progress", kPrinted, 8, 1, {7, 8}, "as it came"},
+        {"the end of that one", kPrinted, 0, 1, {7, 8}, "as it came"},
+        {"the head again", kPrinted2, 7, 0, {7, 8}, "Job 7"},
+        {"its progress", kPrinted2, 7, 50, {7, 8}, "Job 7"},
+        {"its end, told with progress", kPrinted2, 0, 100, {8}, "as it came"},
+        {"the end once more", kPrinted2, 0, 0, {8}, "as it came"},
+        {"the next head, by one variable", kPrinted2, 8, 0, {8}, "Job 8"},
+        {"its end, by the other", kPrinted, 0, 0, {}, "as it came"},
     };
     for (const auto& [what, kind, job, progress, queue, name] : rows) {
         SCOPED_TRACE(what);
@@ -122,9 +115,7 @@ TEST_F(JobQueue, FollowsTheReportsOfSentAndPrintedJobs) {
             EXPECT_EQ(RecordIn<TvsJobRecord>(manager, "SendingJobInfo").jobId, job);
         } else {
             const TvsPrintingJobRecord2 report = Printing(job, progress);
-            const TvsPrintingJobRecord2 before = report;
             EXPECT_EQ(Report(manager, report, kind == kPrinted2), TVS_OK);
-            EXPECT_EQ(std::memcmp(&report, &before, sizeof report), 0);
             const auto stored = RecordIn<TvsPrintingJobRecord2>(manager, "PrintingJobInfo2");
             EXPECT_EQ(stored.job.jobId, job);
             EXPECT_EQ(stored.job.progress, progress);
@@ -220,14 +211,9 @@ CHILD_PROCESS(CountsInCodePage932) {
 
 TEST_F(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
     const std::tuple<std::string, std::string, bool> rows[] = {
-        {"Operator", "oPERATOR", true},
-        {"operator", "operator2", false},
-        {"operator2", "operator", false},
-        {"j\xFCrgen", "J\xFCRGEN", true},
-        {"j\xFCrgen", "J\xDCRGEN", false}, // A to Z alone
-        {"[user", "{user", false},
-        {std::string(31, 'u'), std::string(31, 'U'), true},
-        {std::string(40, 'u'), std::string(31, 'u'), false},
+        {"Operator", "oPERATOR", true},   {"operator", "operator2", false},
+        {"operator2", "operator", false}, {"j\xFCrgen", "J\xDCRGEN", false}, // A to Z alone
+        {"[user", "{user", false},        {std::string(31, 'u'), std::string(31, 'U'), true},
     };
     for (const auto& [user, owner, own] : rows)
         EXPECT_EQ(OwnJobs(user, owner), own ? "1 2" : "0 0") << user << " and " << owner;
@@ -237,30 +223,27 @@ TEST_F(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
 
 TEST_F(MyJobs, AreToldWhenTheirNumberChangesAndNotOtherwise) {
     StoreQueue(manager, "PrinterQueue", {Job(1, "Operator"), Job(2)});
-    for (const Form form : {Form::Event, Form::Message}) {
-        SCOPED_TRACE(static_cast<int>(form));
-        StoreQueue(manager, "SpoolerQueue", {});
-        Registrant printing(form, manager, "PrintingMyJob", 0);
-        Registrant spooling(form, manager, "SpoolingMyJob", 1);
-        // The queue changes, the number does not: another's job, one that is moved up, a report.
-        EXPECT_EQ(Send(manager, Job(3)), TVS_OK);
-        StoreQueue(manager, "PrinterQueue", {Job(2), Job(1, "OPERATOR")});
-        EXPECT_EQ(Report(manager, Printing(2)), TVS_OK);
-        EXPECT_EQ(printing.Told(kQuietMs), 0);
-        EXPECT_EQ(Send(manager, Job(4, "operatoR")), TVS_OK);
-        EXPECT_EQ(printing.Told(), 1);
-        EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 2u);
-        EXPECT_EQ(spooling.Told(kQuietMs), 0);
-        StoreQueue(manager, "SpoolerQueue", {Job(5, "operator"), Job(6)});
-        EXPECT_EQ(spooling.Told(), 1);
-        // The job at the head is another's; the next one is the user's own.
-        EXPECT_EQ(Report(manager, Printing(0)), TVS_OK);
-        EXPECT_EQ(Report(manager, Printing(1)), TVS_OK);
-        EXPECT_EQ(printing.Told(kQuietMs), 0);
-        EXPECT_EQ(Report(manager, Printing(0)), TVS_OK);
-        EXPECT_EQ(printing.Told(), 1);
-        EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 1u);
+    StoreQueue(manager, "SpoolerQueue", {});
+    Registrant printing(Form::Event, manager, "PrintingMyJob");
+    Registrant spooling(Form::Event, manager, "SpoolingMyJob");
+    // The queue changes, the number does not: another's job, one that is moved up, a report.
+    EXPECT_EQ(Send(manager, Job(3)), TVS_OK);
+    StoreQueue(manager, "PrinterQueue", {Job(2), Job(1, "OPERATOR")});
+    EXPECT_EQ(Report(manager, Printing(2)), TVS_OK);
+    EXPECT_EQ(printing.Told(kQuietMs), 0);
+    EXPECT_EQ(Send(manager, Job(4, "operatoR")), TVS_OK);
+    EXPECT_EQ(printing.Told(), 1);
+    EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 2u);
+    EXPECT_EQ(spooling.Told(kQuietMs), 0);
+    StoreQueue(manager, "SpoolerQueue", {Job(5, "operator"), Job(6)});
+    EXPECT_EQ(spooling.Told(), 1);
+    // The job at the head is another's; the next one is the user's own.
+    for (const uint32_t job : {0, 1, 0}) {
+        EXPECT_EQ(printing.Told(0), 0);
+        EXPECT_EQ(Report(manager, Printing(job)), TVS_OK);
     }
+    EXPECT_EQ(printing.Told(), 1);
+    EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 1u);
 }
 
 namespace {
@@ -268,67 +251,45 @@ namespace {
 constexpr uint32_t kRoom = 40; // of the queue, that two senders who look first never fill
 constexpr uint32_t kSenderIds = 1000000;
 
-// Sends jobs in the order of their numbers: the sender, how many, whether it waits for room.
+// Sends jobs in the order of their numbers, when there is room: the sender, how many.
 CHILD_PROCESS(SendsJobs) {
     const Library library;
     const TvsManager manager = OpenPrinter();
     const auto first = static_cast<uint32_t>(std::stoul(child.arguments[0])) * kSenderIds;
     const auto count = static_cast<uint32_t>(std::stoul(child.arguments[1]));
-    const bool waits = child.arguments[2] == "waits";
     child.Say("sends");
     child.Hear();
-    for (uint32_t i = 1; i <= count; ++i) {
-        if (waits && !WaitUntil([&] { return Queued(manager).size() < kRoom; }, 60000)) break;
-        if (Send(manager, Job(first + i, "operator")) != TVS_OK) break;
-    }
-    child.Say("sent");
+    for (uint32_t i = 1; i <= count; ++i)
+        if (!WaitUntil([&] { return Queued(manager).size() < kRoom; }, 60000) ||
+            Send(manager, Job(first + i, "operator")) != TVS_OK)
+            return 1;
     return CloseManager(manager);
-}
-
-// Two senders at once; while they send, `meanwhile` runs.
-void WithTwoSenders(int jobsOfEach, const char* how, const std::function<void()>& meanwhile) {
-    TestProcess senders[] = {TestProcess("SendsJobs", {"1", std::to_string(jobsOfEach), how}),
-                             TestProcess("SendsJobs", {"2", std::to_string(jobsOfEach), how})};
-    for (TestProcess& sender : senders)
-        ASSERT_EQ(sender.Hear(), "sends");
-    for (TestProcess& sender : senders)
-        sender.Tell("go");
-    meanwhile();
-    for (TestProcess& sender : senders) {
-        EXPECT_EQ(sender.Hear(60000), "sent");
-        EXPECT_EQ(sender.Wait(), 0);
-    }
 }
 
 } // namespace
 
 // Nothing is lost while there is room, and each sender's jobs are printed in its order.
 TEST_F(JobQueueCampaign, TwoSendersAndAPrinter) {
-    const int jobsOfEach = Rounds(150, 5000);
+    const auto jobsOfEach = static_cast<uint32_t>(Rounds(150, 5000));
+    TestProcess senders[] = {TestProcess("SendsJobs", {"1", std::to_string(jobsOfEach)}),
+                             TestProcess("SendsJobs", {"2", std::to_string(jobsOfEach)})};
+    for (TestProcess& sender : senders)
+        ASSERT_EQ(sender.Hear(), "sends");
+    for (TestProcess& sender : senders)
+        sender.Tell("go");
     uint32_t printed[3] = {};
-    WithTwoSenders(jobsOfEach, "waits", [&] {
-        const uint32_t all = 2 * static_cast<uint32_t>(jobsOfEach);
-        while (printed[1] + printed[2] < all && !HasFailure()) {
-            Ids queue;
-            ASSERT_TRUE(WaitUntil([&] { return !(queue = Queued(manager)).empty(); }, 60000));
-            EXPECT_LE(queue.size(), 50u);
-            const uint32_t id = queue[0];
-            ASSERT_TRUE(id / kSenderIds == 1 || id / kSenderIds == 2) << id;
-            EXPECT_EQ(id % kSenderIds, ++printed[id / kSenderIds]);
-            EXPECT_EQ(Report(manager, Printing(id)), TVS_OK);
-            EXPECT_EQ(RecordIn<TvsPrintingJobRecord>(manager, "PrintingJobInfo").jobName, "Job " + std::to_string(id));
-            EXPECT_EQ(Report(manager, Printing(id, 50)), TVS_OK);
-            EXPECT_EQ(Report(manager, Printing(0)), TVS_OK);
-        }
-    });
+    while (printed[1] + printed[2] < 2 * jobsOfEach && !HasFailure()) {
+        Ids queue;
+        ASSERT_TRUE(WaitUntil([&] { return !(queue = Queued(manager)).empty(); }, 60000));
+        EXPECT_LE(queue.size(), 50u);
+        const uint32_t id = queue[0];
+        ASSERT_TRUE(id / kSenderIds == 1 || id / kSenderIds == 2) << id;
+        EXPECT_EQ(id % kSenderIds, ++printed[id / kSenderIds]);
+        EXPECT_EQ(Report(manager, Printing(id)), TVS_OK);
+        EXPECT_EQ(RecordIn<TvsPrintingJobRecord>(manager, "PrintingJobInfo").jobName, "Job " + std::to_string(id));
+        EXPECT_EQ(Report(manager, Printing(0)), TVS_OK);
+    }
     EXPECT_TRUE(Queued(manager).empty());
-    EXPECT_EQ(printed[1], printed[2]);
-
-    // Without room the newest stay, and without a gap.
-    WithTwoSenders(60, "floods", [&] { EXPECT_LE(Queued(manager).size(), 50u); });
-    uint32_t next[3] = {0, 61, 61};
-    const Ids left = Queued(manager);
-    ASSERT_EQ(left.size(), 50u);
-    for (auto id = left.rbegin(); id != left.rend(); ++id)
-        EXPECT_EQ(*id % kSenderIds, --next[*id / kSenderIds]);
+    for (TestProcess& sender : senders)
+        EXPECT_EQ(sender.Wait(), 0) << sender.Errors();
 }
