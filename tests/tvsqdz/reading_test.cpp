@@ -1,6 +1,5 @@
 // Reading values and write times.
 #include "machine.h"
-#include "values/reading.h"
 #include "wide_literal.h"
 
 #include <cstring>
@@ -187,32 +186,4 @@ TEST_F(Reading, WriteTimesFollowTheWrites) {
     EXPECT_EQ(GetPrinterStatusInfoA(manager, "Nothing", &time), TVS_E_UNKNOWN);
     EXPECT_EQ(GetPrinterStatusInfoA(manager, "Q", &time), TVS_E_UNKNOWN); // the service has none
     EXPECT_EQ(GetPrinterStatusInfoW(manager + 8, WIDE("JobStatus"), &time), TVS_E_HANDLE);
-}
-
-// Lists that the library will serve by itself, and types that only printers define.
-TEST_F(Reading, HandlersAndExtendedTypesGiveTheirForms) {
-    const auto expect = [&](const StatusVariableDef& variable, Bytes value, int32_t status, uint32_t returned) {
-        Bytes buffer(value.size());
-        uint32_t size = 77;
-        EXPECT_EQ(ReadValue(record, variable, {buffer.data(), static_cast<uint32_t>(buffer.size()), nullptr}, &size),
-                  status);
-        EXPECT_EQ(size, returned);
-        EXPECT_EQ(buffer, value);
-    };
-    const LocalReadProc read = [](ManagerRecord*, void* buffer) -> uint32_t {
-        if (buffer != nullptr) std::memcpy(buffer, "\3\0\0\0abc", 7);
-        return 7;
-    };
-    const StatusVariableDef list = {.flags = SVT_VARIABLE, .localRead = read, .name = "List"};
-    expect(list, {}, TVS_E_SIZE, 3);
-    expect(list, Text("ab"), TVS_E_SIZE, 2);
-    expect(list, Text("abc"), TVS_OK, 3);
-    // The stored size is asked, but the variable's own is handed over, from the start.
-    for (const uint32_t size : {4u, 9u, 20u}) {
-        const StatusVariableDef extended = {.flags = 0x10000000, .size = size, .name = "V"};
-        Bytes value = Joined({Number(5), Text("hello"), Bytes(11)});
-        value.resize(size);
-        expect(extended, value, TVS_OK, size);
-        expect(extended, {}, TVS_E_SIZE, 5);
-    }
 }
