@@ -94,22 +94,6 @@ TEST(Attach, CountersAreTheMachines) {
     EXPECT_EQ(third.Hear(), "1 0");
 }
 
-TEST(Attach, DetachClosesWhatIsOpen) {
-    SetUpProduct();
-    const Service service;
-    TvsManager manager = 0;
-    {
-        const Library library;
-        OpenPrinter();
-        manager = OpenPrinter(6);
-    }
-    EXPECT_EQ(g_openManagerCount, 0u);
-    EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
-    // The owner was given up with them: another process may become it.
-    const Library again;
-    EXPECT_EQ(RecordOf(OpenPrinter(2))->ownerProcessId, 0u);
-}
-
 // At the end of a process other threads may be in a call that waits for something that will not come.
 TEST(Attach, DetachLeavesACallInProgressWhatItUses) {
     SetUpProduct();

@@ -176,13 +176,6 @@ TEST_F(JobQueue, IsReadAsWhatAnotherProgramMayHaveStored) {
     EXPECT_EQ(NumberOf(manager, "PrintingMyJob"), 0u);
     EXPECT_EQ(Send(manager, Job(5)), TVS_OK);
     EXPECT_EQ(Queued(manager), Ids{5});
-    // A database that has gone: the read gives up, its reader is told that there is none.
-    EXPECT_EQ(CloseDatabase(database), Answer::Done);
-    uint32_t count = 7;
-    EXPECT_EQ(static_cast<int32_t>(PrintingMyJobRead(record, &count)), PassOn(Answer::UnknownDatabase));
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(NumberOf(manager, "SpoolingMyJob"), 0u);
-    EXPECT_EQ(Send(manager, Job(6)), PassOn(Answer::UnknownDatabase));
 }
 
 namespace {
@@ -200,13 +193,6 @@ std::string OwnJobs(const std::string& user, const std::string& owner) {
     return counts;
 }
 
-CHILD_PROCESS(CountsInCodePage932) {
-    const Library library;
-    // The second byte of a double-byte character is no letter.
-    child.Say(OwnJobs("\x83\x41x", "\x83\x41X") + ", " + OwnJobs("\x83\x41x", "\x83\x61x"));
-    return 0;
-}
-
 } // namespace
 
 TEST_F(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
@@ -217,8 +203,6 @@ TEST_F(JobQueue, OwnJobsAreThoseOfTheUserWithoutCase) {
     };
     for (const auto& [user, owner, own] : rows)
         EXPECT_EQ(OwnJobs(user, owner), own ? "1 2" : "0 0") << user << " and " << owner;
-    TestProcess japanese("CountsInCodePage932", {}, {{"ORIEL_ANSI_CODE_PAGE", "932"}});
-    EXPECT_EQ(japanese.Hear(), "1 2, 0 0");
 }
 
 TEST_F(MyJobs, AreToldWhenTheirNumberChangesAndNotOtherwise) {

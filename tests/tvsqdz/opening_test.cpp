@@ -179,7 +179,7 @@ TEST_F(Opening, KindsDoWhatTheyAreFor) {
     EXPECT_EQ(Update(watcher, "LMFunction", Number(77)), TVS_OK);
     EXPECT_EQ(RecordOf(OpenPrinter())->lmFunction, 77u);
     if (!OnTheLayer()) return;
-    UseSetting("ORIEL_WINDOWS_VERSION", "3.50");
+    UseSetting("ORIEL_WINDOWS_VERSION", "3.51");
     EXPECT_EQ(RecordOf(OpenPrinter())->lmFunction, 0u);
 }
 
@@ -208,17 +208,6 @@ TEST_F(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
     const HWND window = MakeWindow("TVORPSPWndClass");
     EXPECT_EQ(OpenStatus(kPrinter, 0), TVS_OK);
     DestroyWindow(window);
-
-    // An agent that says that it is ready is waited for no longer.
-    InstallAgent();
-    std::filesystem::remove(PrivateDirectory() + "/started");
-    g_timings.agentReadyLong = 60000;
-    const HANDLE ready = CreateEventA(nullptr, TRUE, FALSE, "TVOR:TVORSQD_DB1:Nsr:Initialize");
-    const TestThread agent([ready] {
-        EXPECT_TRUE(WaitUntil([] { return !AgentStarts().empty(); }));
-        SetEvent(ready);
-    });
-    EXPECT_EQ(OpenStatus(kPrinter, 11), TVS_OK);
 }
 
 TEST_F(PrinterLists, GrowsAndKeepsItsNumbers) {

@@ -242,13 +242,4 @@ TEST_F(ServiceRestart, ARequestOnItsWayFailsAndTheNextIsCarriedOut) {
         EXPECT_TRUE(IsSet(requester.Handle()));
     }
     EXPECT_EQ(status, RPC_S_CALL_FAILED);
-
-    SetReady(manager);
-    const PrinterSide next(Handle(), [&](const std::string&, const std::string& text) {
-        StoreBytes(Handle(), text, Number(5));
-        return 0;
-    });
-    const ReadResult read = Read(manager, "DNumber", 4, GetPrinterStatusDirectA);
-    EXPECT_EQ(read.status, TVS_OK);
-    EXPECT_EQ(read.bytes, Number(5));
 }

@@ -10,25 +10,6 @@
 
 namespace {
 
-// The NT service as a process that takes the states its test tells it: "state checkpoint hint".
-Child* g_child;
-
-VOID WINAPI TellStates(DWORD, LPSTR*) {
-    const SERVICE_STATUS_HANDLE service = RegisterServiceCtrlHandlerA("TVORSDB", [](DWORD) {});
-    for (std::string line = g_child->Hear(); !line.empty(); line = g_child->Hear()) {
-        SERVICE_STATUS status = {.dwServiceType = SERVICE_WIN32_OWN_PROCESS};
-        std::istringstream(line) >> status.dwCurrentState >> status.dwCheckPoint >> status.dwWaitHint;
-        g_child->Say(SetServiceStatus(service, &status) ? "told" : "refused");
-    }
-}
-
-CHILD_PROCESS(IsTheService) {
-    g_child = &child;
-    char name[] = "TVORSDB";
-    const SERVICE_TABLE_ENTRYA table[] = {{name, TellStates}, {nullptr, nullptr}};
-    return StartServiceCtrlDispatcherA(table) ? 0 : 1;
-}
-
 // A window of the Windows 95/98/Me service, in a process of its own; closes when it is asked unless it is stubborn.
 CHILD_PROCESS(ShowsTheServiceWindow) {
     const HWND window = MakeWindow("TVORSDB95WndClass", "TVORSDB95");
@@ -89,37 +70,6 @@ CHILD_PROCESS(AnswersAsTold) {
 }
 
 } // namespace
-
-TEST(StatusService, UnderNtItIsWaitedFor) {
-    g_timings.servicePoll = 20;
-    EXPECT_FALSE(WaitForStatusService(60)); // it does not exist
-    TestProcess service("IsTheService");
-    EXPECT_EQ(service.Ask("4 0 0"), "told");
-    EXPECT_TRUE(WaitForStatusService(0));
-    // Start pending without a check point: as many polls as two a second, each with its pause.
-    EXPECT_EQ(service.Ask("2 0 5"), "told");
-    const double before = NowMs();
-    EXPECT_FALSE(WaitForStatusService(4));
-    EXPECT_GE(NowMs() - before, 8 * 20);
-    // One that announces a check point is waited for without counting, however small or large its hint.
-    g_timings.longestWaitHint = 50;
-    g_timings.shortestWaitHint = 5;
-    for (const char* pending : {"2 1 0", "2 9 4294967295"}) {
-        std::atomic<bool> up{false};
-        EXPECT_EQ(service.Ask(pending), "told");
-        {
-            const TestThread waiter([&] { up = WaitForStatusService(1); });
-            PauseMs(100); // more than its two polls take
-            EXPECT_FALSE(up);
-            EXPECT_EQ(service.Ask("4 0 0"), "told");
-        }
-        EXPECT_TRUE(up) << pending;
-    }
-    // One that is stopped is not coming.
-    service.Kill();
-    g_timings.servicePoll = 60000;
-    EXPECT_FALSE(WaitForStatusService(60));
-}
 
 TEST(StatusService, UnderWindows9xItIsRestartedOnceItsWindowHasGone) {
     InstallProduct();
@@ -192,10 +142,8 @@ TEST(Client, BrokenRepliesAreFailedCalls) {
     const Bytes eight(8, 0x33);
     const std::tuple<const char*, Bytes, std::function<Answer()>> rows[] = {
         {"CreateDatabase", Joined({Number(5), Number(0)}), [&] { return CreateDatabase("D", &handle); }},
-        {"CloseDatabase", Number(0), [&] { return CloseDatabase(5); }},
         {"GetDatabaseInfo", Joined({Bytes(24, 1), Number(0)}), [&] { return GetDatabaseInfo(5, &info); }},
         {"CreateVariable", Number(0), [&] { return CreateVariable(5, "V", product::kTypeNumber, 4, "abc"); }},
-        {"WriteVariable", Number(0), [&] { return WriteVariable(5, "V", "abc", 4); }},
         {"GetWriteTime", Joined({Bytes(28, 1), Number(0)}), [&] { return GetWriteTime(5, "V", &time); }},
         {"ReadVariable", Joined({Number(8), eight, Number(8), Number(0)}),
          [&] { return ReadVariable(5, "V", buffer.data(), 8, &size); }},

@@ -54,31 +54,9 @@ TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
         EXPECT_EQ(g_terminalServer, row.terminalServer);
         const std::string prefix = row.terminalServer ? "Global\\" : "";
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
-        EXPECT_EQ(RequestMutexName("TVORSQD_DB3").text, prefix + "TVORSQD:ReqMutex:TVORSQD_DB3");
-        EXPECT_STREQ(product::AgentReadyName("TVORSQD_DB3").text, "TVOR:TVORSQD_DB3:Nsr:Initialize");
         const TvsManager manager = OpenPrinter();
         EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
         EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);
-    }
-}
-
-TEST(DefaultPrinter, IsReplacedOnlyWhenItHasGone) {
-    InstallProduct();
-    const Library library;
-    g_timings.defaultPrinterPause = 0;
-    SetDevice("Gone,winspool,LPT1:");
-    EXPECT_FALSE(RepairDefaultPrinter("Front desk")); // no printers at all
-    AddToSpooler("Front desk");
-    SetDevice("Front desk,winspool,LPT1:");
-    EXPECT_TRUE(RepairDefaultPrinter("Other"));
-    EXPECT_EQ(Device(), "Front desk,winspool,LPT1:");
-    SetDevice("front desk,winspool,LPT1:");           // another name
-    EXPECT_FALSE(RepairDefaultPrinter("Front desk")); // the user has no ports
-    const std::pair<const char*, bool> rows[] = {{"winspool,Ne01:", false}, {"winspool,Ne01:,15,45", true}};
-    for (const auto& [entry, repaired] : rows) {
-        SetRegistryText(kPortsKey, "Front desk", entry, HKEY_CURRENT_USER);
-        EXPECT_EQ(RepairDefaultPrinter("Front desk"), repaired) << entry;
-        EXPECT_EQ(Device(), repaired ? "Front desk,winspool,Ne01:" : "front desk,winspool,LPT1:");
     }
 }
 
@@ -87,17 +65,23 @@ TEST(DefaultPrinter, IsRepairedByAProcessesFirstOpen) {
     const Product product;
     g_timings.defaultPrinterPause = 0;
     AddToSpooler("Front desk");
-    SetRegistryText(kPortsKey, "Front desk", "winspool,Ne01:,15,45", HKEY_CURRENT_USER);
-    const auto repairs = [](uint32_t kind, const char* version) {
+    const auto opens = [](const char* device, uint32_t kind, const char* version) {
         UseSetting("ORIEL_WINDOWS_VERSION", version);
-        SetDevice("Gone,winspool,LPT1:");
+        SetDevice(device);
         EXPECT_EQ(OpenStatus(kPrinter, kind), TVS_OK) << kind;
-        return Device().starts_with("Front desk");
+        return Device();
     };
-    EXPECT_FALSE(repairs(1, "5.1"));
-    EXPECT_TRUE(repairs(12, "5.1"));
-    EXPECT_FALSE(repairs(2, "9x:4.10"));
-    EXPECT_TRUE(repairs(2, "4.0"));
+    const std::string gone = "Gone,winspool,LPT1:";
+    const std::string repaired = "Front desk,winspool,Ne01:";
+    EXPECT_EQ(opens(gone.c_str(), 2, "5.1"), gone); // the user has no ports
+    for (const std::string entry : {"winspool,Ne01:", "winspool,Ne01:,15,45"}) {
+        SetRegistryText(kPortsKey, "Front desk", entry, HKEY_CURRENT_USER);
+        EXPECT_EQ(opens(gone.c_str(), 2, "4.0"), entry.size() > 15 ? repaired : gone);
+    }
+    EXPECT_EQ(opens("Front desk,winspool,LPT1:", 2, "5.1"), "Front desk,winspool,LPT1:");
+    EXPECT_EQ(opens("front desk,winspool,LPT1:", 12, "5.1"), repaired) << "another name";
+    EXPECT_EQ(opens(gone.c_str(), 1, "5.1"), gone);
+    EXPECT_EQ(opens(gone.c_str(), 2, "9x:4.10"), gone);
     OpenPrinter(1);
-    EXPECT_FALSE(repairs(2, "5.1"));
+    EXPECT_EQ(opens(gone.c_str(), 2, "5.1"), gone);
 }

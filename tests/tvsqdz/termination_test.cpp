@@ -67,7 +67,6 @@ TEST_F(Termination, ZeroIsToldToo) {
     // It serves one termination: its thread has ended, and its record waits for the cancel.
     EXPECT_EQ(Update(manager, "TerminateManager", Number(0)), TVS_OK);
     EXPECT_EQ(registrant.Told(kQuietMs), 0);
-    EXPECT_EQ(registrant.Cancel(), TVS_OK);
     Registrant again(Form::Event, other, "TerminateManager");
     EXPECT_EQ(Update(manager, "TerminateManager", {1, 0, 0}), PassOn(Answer::WrongSize));
     // One who comes while another still has the event of a termination open is told at once.
