@@ -3,6 +3,7 @@
 #include "printer_side.h"
 #include "product/object_names.h"
 
+#include <array>
 #include <cstring>
 
 namespace {
@@ -39,34 +40,38 @@ TEST_F(Direct, AnswersComeInTheirOrder) {
     uint32_t size = 0;
     EXPECT_EQ(GetPrinterStatusDirectA(manager + 8, "None", &value, 4, &size), TVS_E_HANDLE);
     EXPECT_EQ(SetPrinterStatusDirectA(manager + 8, "None", &value, 4), TVS_E_HANDLE);
-    struct Row {
-        const char* what;
-        uint32_t extStatus, portKind, forward, spoolerStatus;
-        int32_t read;      // of DNumber with a buffer of 4
-        int32_t write;     // of DNumber
-        int32_t wrongSize; // write of 8 bytes
-        int32_t refresh;   // needs no authority
-        const char* user = kPowerfulUser;
+    constexpr int32_t kLater = TVS_E_NOT_NOW, kUnready = TVS_E_NOT_READY, kDenied = TVS_E_AUTHORITY;
+    constexpr int32_t kPrinters = -77, kBegun = 1;
+    // state: "PrinterExtStatus", kind of port, whether requests are forwarded, "SpoolerStatus".
+    // read, write: of DNumber.
+    // refresh: needs no authority.
+    // later: an asynchronous read; so does the write unless its authority fails.
+    const std::tuple<const char*, std::array<uint32_t, 4>, int32_t, int32_t, int32_t, int32_t, bool> rows[] = {
+        {"printer side takes nothing", {0, 8, 0, 0}, kLater, kLater, kLater, kLater, true},
+        {"port, no authority", {1, 9, 0, 8}, kUnready, kDenied, kUnready, kUnready, false},
+        {"no authority", {1, 0, 0, 8}, kDenied, kDenied, kPrinters, kDenied, false},
+        {"port", {1, 9, 0, 0}, kUnready, kUnready, kUnready, kUnready, true},
+        {"port, forwarded", {0, 9, 1, 0}, kUnready, kUnready, kUnready, kUnready, true},
+        {"no refreshes", {1, 0, 0, 4}, kPrinters, kPrinters, kLater, kBegun, true},
+        {"spooler not ready", {0, 0, 1, 0}, kUnready, kUnready, kLater, kUnready, true},
+        {"all well", {1, 0xF0, 0, 8}, kPrinters, kPrinters, kPrinters, kUnready, true},
     };
-    for (const Row& row : {
-             Row{"printer side takes nothing", 0, 8, 0, 0, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW, TVS_E_NOT_NOW},
-             Row{"port, no authority", 1, 9, 0, 8, TVS_E_NOT_READY, TVS_E_AUTHORITY, TVS_E_AUTHORITY, TVS_E_NOT_READY,
-                 "operator"},
-             Row{"no authority", 1, 0, 0, 8, TVS_E_AUTHORITY, TVS_E_AUTHORITY, TVS_E_AUTHORITY, -77, "operator"},
-             Row{"port", 1, 9, 0, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
-             Row{"port, forwarded", 0, 9, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_READY},
-             Row{"no refreshes", 1, 0, 0, 4, -77, -77, TVS_E_SIZE, TVS_E_NOT_NOW},
-             Row{"spooler not ready", 0, 0, 1, 0, TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_SIZE, TVS_E_NOT_NOW},
-             Row{"all well", 1, 0xF0, 0, 8, -77, -77, TVS_E_SIZE, -77},
-         }) {
-        SCOPED_TRACE(row.what);
-        SetReady(manager, row.extStatus, row.spoolerStatus, row.portKind);
-        record->lmFunction = row.forward;
-        std::strcpy(record->userName, row.user);
-        EXPECT_EQ(ReadDirectly("DNumber").status, row.read);
-        EXPECT_EQ(WriteDirectly("DNumber", Number(1)), row.write);
-        EXPECT_EQ(WriteDirectly("DNumber", Bytes(8)), row.wrongSize);
-        EXPECT_EQ(WriteDirectly("RefreshStatus", BytesOf("all")), row.refresh);
+    for (const auto& [what, state, read, write, refresh, later, powerful] : rows) {
+        SCOPED_TRACE(what);
+        SetReady(manager, state[0], state[3], state[1]);
+        record->lmFunction = state[2];
+        std::strcpy(record->userName, powerful ? kPowerfulUser : "operator");
+        EXPECT_EQ(ReadDirectly("DNumber").status, read);
+        EXPECT_EQ(WriteDirectly("DNumber", Number(1)), write);
+        EXPECT_EQ(WriteDirectly("DNumber", Bytes(8)), write == kLater || write == kDenied ? write : TVS_E_SIZE);
+        EXPECT_EQ(WriteDirectly("RefreshStatus", BytesOf("all")), refresh);
+        if (later != kBegun) {
+            EXPECT_EQ(GetReqPrinterStatusEventA(manager, "DNumber", nullptr), later);
+            EXPECT_EQ(GetReqPrinterStatusMsgA(manager, "DNumber", nullptr, 0), later);
+            const int32_t written = write == kDenied ? kDenied : later;
+            EXPECT_EQ(SetReqPrinterStatusEventA(manager, "DNumber", &value, 4, nullptr, &size), written);
+            EXPECT_EQ(SetReqPrinterStatusMsgA(manager, "DNumber", &value, 4, nullptr, 0, &size), written);
+        }
         for (const char* unknown : {"None", "AccessControlList"})
             EXPECT_EQ(ReadDirectly(unknown).status, TVS_E_UNKNOWN);
         for (const char* unknown : {"None", "AccessControlList", "DRead", "Plain"}) // no printer takes it, no handler

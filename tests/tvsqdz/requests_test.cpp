@@ -39,7 +39,7 @@ struct Requests : OpenedReady {
 
 } // namespace
 
-// Each row has what all rows before it have put right, and its own fault.
+// What direct reads and writes answer too is looked at with them.
 TEST_F(Requests, AnswersComeInTheirOrder) {
     const uint32_t processKinds = g_processKindMask;
     const uint32_t value = 1;
@@ -64,22 +64,6 @@ TEST_F(Requests, AnswersComeInTheirOrder) {
     g_processKindMask = processKinds;
     for (const char* variable : {"None", "JobStatus", "AccessControlList"})
         EXPECT_EQ(all(variable), each(TVS_E_UNKNOWN)) << variable;
-    EXPECT_EQ(all("DNumber"), each(TVS_E_NOT_NOW));
-    SetReady(manager, 1, 0, 9);
-    EXPECT_EQ(all("DNumber"), each(TVS_E_NOT_READY)) << "port";
-    std::strcpy(record->userName, "operator");
-    EXPECT_EQ(all("DNumber"),
-              (std::vector<int32_t>{TVS_E_NOT_READY, TVS_E_NOT_READY, TVS_E_AUTHORITY, TVS_E_AUTHORITY}));
-    SetReady(manager, 1, 0);
-    EXPECT_EQ(all("DNumber"), each(TVS_E_AUTHORITY)) << "before the spooler";
-    EXPECT_EQ(StartWrite(BytesOf("all"), "RefreshStatus"), TVS_E_NOT_READY) << "needs none";
-    std::strcpy(record->userName, kPowerfulUser);
-    record->lmFunction = 1;
-    SetReady(manager, 0, 0, 9);
-    EXPECT_EQ(all("DNumber"), each(TVS_E_NOT_READY)) << "nobody asks the printer side on the forwarded path";
-    record->lmFunction = 0;
-    SetReady(manager, 1, 8);
-    EXPECT_EQ(all("DNumber"), each(TVS_E_NOT_READY)) << "spooler";
     SetReady(manager, 1, 4);
     EXPECT_EQ(StartWrite(BytesOf("all"), "RefreshStatus"), TVS_E_NOT_NOW) << "the spooler takes none";
     EXPECT_EQ(StartWrite(Bytes(8)), TVS_E_UNKNOWN) << "its companion takes 4 bytes";
