@@ -40,7 +40,6 @@ TEST_F(SpoolerJobs, ArePausedResumedAndCancelled) {
     // The spooler does not know the printer yet.
     EXPECT_EQ(Update(manager, "SetJob", Number(3)), TVS_E_UNKNOWN);
     EXPECT_EQ(Update(manager, "SetJob", Number(1)), TVS_E_NO_OWNER);
-    EXPECT_EQ(Direct("DeleteJobId", 1), TVS_E_NO_OWNER);
     AddToSpooler(kPrinter);
     std::string name = kPrinter;
     ASSERT_TRUE(OpenPrinterA(name.data(), &printer, nullptr)) << GetLastError();
@@ -54,10 +53,7 @@ TEST_F(SpoolerJobs, ArePausedResumedAndCancelled) {
     EXPECT_EQ(Update(manager, "SetJob", Number(1)), TVS_OK);
     EXPECT_EQ(UpdateRecord(manager, "SendingJobInfo", TvsJobRecord{.jobId = second}), TVS_OK);
     EXPECT_EQ(Direct("SetJob", 3), TVS_E_UNKNOWN);
-    EXPECT_EQ(Direct("SetJob", 0), TVS_E_UNKNOWN);
     EXPECT_EQ(Update(manager, "SetJob", {1, 0, 0}), TVS_E_FAULT);
-    EXPECT_EQ(Update(manager, "DeleteJobId", {}), TVS_E_FAULT);
-    EXPECT_EQ((StatusOf(first) | StatusOf(second)) & JOB_STATUS_PAUSED, 0u);
     // Only the job that is being sent; again changes nothing.
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(Update(manager, "SetJob", Number(1)), TVS_OK);
@@ -83,8 +79,5 @@ TEST_F(SpoolerJobs, ArePausedResumedAndCancelled) {
     // The printer is the one that "PrinterName" names now, whatever the manager was opened with.
     StoreBytes(database, "PrinterName", BytesOf("Gone"));
     EXPECT_EQ(Update(manager, "DeleteJobId", Number(first)), TVS_E_NO_OWNER);
-    StoreBytes(database, "PrinterName", BytesOf(kPrinter));
-    EXPECT_EQ(Update(manager, "DeleteJobId", Number(first)), TVS_OK);
-    EXPECT_EQ(StatusOf(first), kGone);
     EXPECT_TRUE(ClosePrinter(printer));
 }

@@ -78,8 +78,7 @@ Entry Deny(const Bytes& sid, uint32_t mask) {
     return {1, mask, sid};
 }
 
-const Bytes kPrinting = List({{0, 0x8, kEveryone}});
-const Bytes kPrintingAndOwnJobs = List({{0, 0x8, kEveryone}, {0, 0x10, kCreatorOwner}});
+const Bytes kPrinting = List({Allow(kEveryone, kUse)});
 
 struct UserAuthority : Opened {
     void StorePort(uint32_t kind) { StoreBytes(database, "Port", BytesOfRecord(TvsPortRecord{.portKind = kind})); }
@@ -103,19 +102,15 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
         {"group, everything of jobs", {Allow(second, kJobAll)}, 14, 30, 0},
         {"spread over user and groups", {Allow(user, 4), Allow(group, 8), Allow(second, 16)}, 31, 15, 0},
         {"administers without printing", {Allow(user, kJobs | kAdminister)}, 14, 14, 0},
-        {"manages jobs", {Allow(user, kJobs)}, 14, 14, 0},
         {"generic all and the standard rights", {Allow(user, kGenericAll | 0xF0000)}, 30, 30, 0},
         {"generic execute asks for the standard rights", {Allow(user, 0x20000000 | 0x1C)}, 15, 15, 0},
         {"three of four standard rights", {Allow(user, 0x7001C)}, 31, 15, 0},
         {"deny after", {Allow(kEveryone, kUse), Deny(user, kUse)}, 0, 0, 9},
         {"deny of one bit keeps the others", {Allow(user, 0xF003C), Deny(second, kAdminister)}, 15, 31, 0},
-        {"deny of another group", {Allow(kEveryone, kUse), Deny(GroupSid(2), kUse)}, 9, 9, 9},
-        {"a user denied is an owner still", {Allow(kCreatorOwner, kJobs), Deny(user, 0xFFFFFFFF)}, 2, 2, 2},
         {"inherit-only counts", {Allow(kEveryone, kUse, kInheritOnly), Allow(kCreatorOwner, kJobs, 0x9)}, 11, 11, 11},
         {"administrators", {Allow(kAdministrators, kPrinterAll | kJobAll), Allow(kEveryone, kUse)}, 9, 9, 31},
         {"root's user and group", {Allow(UserSid(0), kUse), Allow(GroupSid(0), kJobs)}, 0, 0, 15},
         {"a user's number is no group's", {Allow(GroupSid(99), kUse), Allow(UserSid(kLp), kUse)}, 0, 0, 0},
-        {"users", {Allow(Sid(5, {32, 545}), kUse)}, 9, 9, 9},
         {"accounts that nobody knows", {Allow(Sid(5, {21, 1, 2, 3, 500}), ~0u), Allow(Sid(1, {}), ~0u)}, 0, 0, 0},
         {"other kinds of entries", {Allow(kEveryone, kUse), {2, ~0u, user}, {17, ~0u, kEveryone}}, 9, 9, 9},
     };
@@ -183,7 +178,6 @@ TEST_F(UserAuthority, ComesFromThePortThePlatformTheKindsOrTheList) {
     const std::tuple<uint32_t, const char*, uint32_t, uint32_t> rows[] = {
         {8, kXp, kStored, kStored},
         {0, "9x:4.10", 31, 31},
-        {8, "9x:4.10", kStored, kStored},
         {0x18, kXp, 9, 31},
     };
     EXPECT_EQ(Update(manager, "AccessControlList", kPrinting), TVS_OK);
@@ -206,9 +200,6 @@ TEST_F(UserAuthority, ComesFromThePortThePlatformTheKindsOrTheList) {
     EXPECT_EQ(NumberOf(monitor, "UserAuthority"), 11u);
     UseSetting("ORIEL_WINDOWS_VERSION", "9x:4.10");
     EXPECT_EQ(NumberOf(polling, "UserAuthority"), 11u);
-    StoreBytes(RecordOf(polling)->printerDatabase.handle, "UserAuthority", Number(kStored));
-    StoreBytes(RecordOf(polling)->printerDatabase.handle, "Port", BytesOfRecord(TvsPortRecord{.portKind = 8}));
-    EXPECT_EQ(NumberOf(polling, "UserAuthority"), kStored);
 }
 
 TEST_F(UserAuthority, OfTheLongestListIsThatOfItsEntries) {
@@ -219,34 +210,17 @@ TEST_F(UserAuthority, OfTheLongestListIsThatOfItsEntries) {
     list.resize(65535, 0xFF); // with a tail that is in no entry
     ASSERT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
     EXPECT_EQ(NumberOf(manager, "UserAuthority"), 15u);
-    list[2] = list[3] = 0xFF; // more than an ACL may be
-    ASSERT_EQ(Update(manager, "AccessControlList", list), TVS_OK);
-    EXPECT_EQ(NumberOf(manager, "UserAuthority"), 0u);
 }
 
 // The thread's first call of the service comes while it impersonates: the service must take it for the process's.
 TEST_F(UserAuthority, IsThatOfWhomTheThreadImpersonatesAsRoot) {
     ASSERT_EQ(Update(manager, "AccessControlList",
-                     List({{0, 0x8, UserSid(1)}, {0, 0x10, GroupSid(7)}, {0, 0xF003C, kAdministrators}})),
+                     List({Allow(UserSid(1), kUse), Allow(GroupSid(7), kJobs), Allow(kAdministrators, 0xF003C)})),
               TVS_OK);
     EXPECT_EQ(NumberOf(manager, "UserAuthority"), 31u);
     TestThread([&] {
         ASSERT_TRUE(ActAs(1, 1, {7}));
         EXPECT_EQ(NumberOf(manager, "UserAuthority"), 15u);
-    });
-    TestProcess other =
-        TestProcess::Program("/usr/bin/setpriv", {"--reuid=1", "--regid=1", "--clear-groups", "/bin/cat"});
-    EXPECT_EQ(other.Ask("ready"), "ready"); // it is cat by now
-    TestThread byToken([&] {
-        HANDLE token = nullptr;
-        const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, other.Id());
-        ASSERT_TRUE(OpenProcessToken(process, TOKEN_QUERY | TOKEN_DUPLICATE, &token)) << GetLastError();
-        ASSERT_TRUE(ImpersonateLoggedOnUser(token)) << GetLastError();
-        EXPECT_EQ(NumberOf(manager, "UserAuthority"), 9u);
-        EXPECT_TRUE(RevertToSelf());
-        EXPECT_EQ(NumberOf(manager, "UserAuthority"), 31u);
-        CloseHandle(token);
-        CloseHandle(process);
     });
 }
 
@@ -257,7 +231,7 @@ TEST_F(UserAuthority, WatcherTellsAnotherAuthorityAndNotAnotherList) {
         EXPECT_EQ(Update(manager, variable, value), TVS_OK);
         EXPECT_EQ(registrant->Told(tells ? 10000 : kQuietMs), tells);
     };
-    update("AccessControlList", kPrintingAndOwnJobs, true);
+    update("AccessControlList", List({Allow(kEveryone, kUse), Allow(kCreatorOwner, kJobs)}), true);
     update("AccessControlList", List({Allow(kEveryone, kUse), Allow(kCreatorOwner, kJobs | kAdminister)}), false);
     update("UserAuthority", Number(77), false);
     update("AccessControlList", {}, true); // none

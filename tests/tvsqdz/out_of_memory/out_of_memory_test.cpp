@@ -108,7 +108,6 @@ TEST_F(OutOfMemory, CallsFailWithTheirCode) {
         [&] { return GetPrinterStatusW(manager, WIDE("SpoolerQueue"), &jobs, sizeof jobs, &size); },
         // A report of a job, the change of a name. What is counted without memory is 0.
         [&] { return Update(manager, "SendingJobInfo", Bytes(292, 1)); },
-        [&] { return Update(manager, "PrintingJobInfo", Bytes(296)); },
         [&] { return Read(manager, "PrintingMyJob", 4).status; },
         [&] { return Update(manager, "PrinterName", BytesOf("Name " + std::to_string(++names))); },
         [&] { return ResSetPrinterStatus(manager, 1, &result); },
