@@ -208,12 +208,9 @@ TEST_F(Relay, TheOwnerChecksWhatOthersWrote) {
 TEST_F(Relay, TheDatabaseMutexIsHeldForNoThread) {
     g_timings.beginWait = 8000; // what one wait for a thread that cannot begin would take
     std::atomic<bool> stop = false;
-    std::atomic<double> longest = 0;
-    std::optional<TestThread> sampler(std::in_place, [&, mutex = record->databaseMutex] {
+    const TestThread sampler([&, mutex = record->databaseMutex] {
         while (!stop) {
-            const double before = NowMs();
-            EXPECT_TRUE(IsSet(mutex, 60000));
-            longest = std::max(longest.load(), NowMs() - before);
+            EXPECT_TRUE(IsSet(mutex, 2000));
             ReleaseMutex(mutex);
         }
     });
@@ -229,8 +226,6 @@ TEST_F(Relay, TheDatabaseMutexIsHeldForNoThread) {
             WaitUntil([&] { return FindMessageRegistration(RecordOf(owner), variable, window, kTold) != 0; }, 30000));
     EXPECT_EQ(CloseManager(owner), TVS_OK);
     stop = true;
-    sampler.reset();
-    EXPECT_LT(longest, 2000) << "ms";
 }
 
 TEST_F(Relay, AnOwnerOfTwoPrintersThatClosesOneServesTheOther) {

@@ -10,15 +10,6 @@
 
 namespace {
 
-// A window of the Windows 95/98/Me service, in a process of its own; closes when it is asked unless it is stubborn.
-CHILD_PROCESS(ShowsTheServiceWindow) {
-    const HWND window = MakeWindow("TVORSDB95WndClass", "TVORSDB95");
-    child.Say("shown");
-    for (MSG message; IsWindow(window) && (!child.arguments.empty() || GetMessageA(&message, nullptr, 0, 0) > 0);)
-        child.arguments.empty() ? static_cast<void>(DispatchMessageA(&message)) : PauseMs(10);
-    return 0;
-}
-
 void SetStartCommand(const std::string& program) {
     SetRegistryText("SOFTWARE\\Tavik\\Oriel\\RunServices", "TVORSDB", WindowsPath(program));
 }
@@ -70,27 +61,6 @@ CHILD_PROCESS(AnswersAsTold) {
 }
 
 } // namespace
-
-TEST(StatusService, UnderWindows9xItIsRestartedOnceItsWindowHasGone) {
-    InstallProduct();
-    g_timings.restartBound = 0;
-    g_timings.closePoll = 1;
-    g_timings.closeBound = 50;
-    CountStarts();
-    EXPECT_FALSE(RestartStatusService9x()); // not elsewhere
-    UseSetting("ORIEL_WINDOWS_VERSION", "9x:4.10");
-    // A window that does not go is given up, and no second one is started beside it.
-    TestProcess stubborn("ShowsTheServiceWindow", {"stubborn"});
-    EXPECT_EQ(stubborn.Hear(), "shown");
-    EXPECT_FALSE(RestartStatusService9x());
-    stubborn.Kill();
-    TestProcess window("ShowsTheServiceWindow");
-    EXPECT_EQ(window.Hear(), "shown");
-    g_timings.closeBound = 10000;
-    EXPECT_TRUE(RestartStatusService9x());
-    EXPECT_EQ(FindWindowA("TVORSDB95WndClass", nullptr), nullptr) << "the old one was asked to go";
-    EXPECT_TRUE(WaitUntil([] { return Starts() == 1; }));
-}
 
 TEST(StatusService, AMissingServerIsRestartedBetweenFourCalls) {
     InstallProduct();

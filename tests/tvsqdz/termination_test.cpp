@@ -78,25 +78,19 @@ TEST_F(Termination, AsksTheProductsWindowsOfItsWindows) {
     g_timings.windowClosePolls = 1;
     g_timings.windowClosePoll = 1;
     g_timings.terminationPause = 1;
-    const std::pair<const char*, int> rows[] = {{"5.1", 0}, {"9x:4.10", 1}};
-    for (const auto& [version, asked9x] : rows) {
-        SCOPED_TRACE(version);
-        UseSetting("ORIEL_WINDOWS_VERSION", version);
+    for (const bool is9x : {false, true}) {
+        SCOPED_TRACE(is9x);
+        UseSetting("ORIEL_WINDOWS_VERSION", is9x ? "9x:4.10" : "5.1");
         const Library again;
-        manager = OpenPrinter();
-        const struct {
-            const char* className;
-            UINT message;
-            int asked;
-            HWND window = MakeWindow(className);
-        } windows[] = {{"TVORRPWndClass", 1225, 1},          {"TVORRPWndClass", 1225, 1},
-                       {"tvorrpwndclass2", 1225, 0},         {"TVORPSPWndClass", 1030, 1},
-                       {"TVORNSS95WndClass", 1026, asked9x}, {"TVORPWD95WndClass", 1024, asked9x}};
-        EXPECT_EQ(Update(manager, "TerminateManager", Number(2)), TVS_OK);
-        for (const auto& row : windows) {
-            EXPECT_EQ(MessagesOf(row.window, row.message), row.asked) << row.className;
-            DestroyWindow(row.window);
+        const std::tuple<HWND, UINT, int> windows[] = {{MakeWindow("TVORRPWndClass"), 1225, 1},
+                                                       {MakeWindow("TVORRPWndClass"), 1225, 1},
+                                                       {MakeWindow("TVORPSPWndClass"), 1030, 1},
+                                                       {MakeWindow("TVORNSS95WndClass"), 1026, is9x},
+                                                       {MakeWindow("TVORPWD95WndClass"), 1024, is9x}};
+        EXPECT_EQ(Update(OpenPrinter(), "TerminateManager", Number(2)), TVS_OK);
+        for (const auto& [window, message, asked] : windows) {
+            EXPECT_EQ(MessagesOf(window, message), asked) << message;
+            DestroyWindow(window);
         }
-        StoreBytes(RecordOf(manager)->printerDatabase.handle, "TerminateManager", Number(0));
     }
 }

@@ -129,23 +129,19 @@ TEST_F(Updating, TheCopyLiesUnderTheNameThatThePrinterHasNow) {
 }
 
 TEST_F(RequestResults, EachIsGivenOnce) {
-    const auto list = [](uint32_t count, const std::vector<uint32_t>& numbersAndResults) {
-        Bytes bytes = Joined({Number(4 + 8 * count), Number(count)});
-        for (const uint32_t each : numbersAndResults)
-            bytes = Joined({bytes, Number(each)});
-        return bytes;
+    const auto store = [&](uint32_t count, const Bytes& entries) {
+        StoreBytes(database, "ReqResult", Joined({Number(4 + 8 * count), Number(count), entries}));
     };
-    EXPECT_EQ(ResultOf(manager, 1), TVS_E_UNKNOWN);
-    StoreBytes(database, "ReqResult", list(4, {1, 50, 2, 0, 1, 38, 3, 1722}));
+    store(3, Joined({Number(1), Number(50), Number(2), Number(0), Number(1), Number(38)}));
     EXPECT_EQ(ResultOf(manager, 2), 0);
     EXPECT_EQ(ResultOf(manager, 2), TVS_E_UNKNOWN);
-    EXPECT_EQ(StoredBytes(database, "ReqResult"), list(3, {1, 50, 1, 38, 3, 1722}));
+    EXPECT_EQ(StoredBytes(database, "ReqResult"),
+              Joined({Number(20), Number(2), Number(1), Number(50), Number(1), Number(38)}));
     EXPECT_EQ(ResultOf(manager, 1), 50); // the oldest of them
-    EXPECT_EQ(ResultOf(manager, 3), 1722);
     EXPECT_EQ(ResultOf(manager, 1), 38);
-    EXPECT_EQ(StoredBytes(database, "ReqResult"), list(0, {}));
+    EXPECT_EQ(StoredBytes(database, "ReqResult"), Joined({Number(4), Number(0)}));
     // Lists that promise more than they hold.
-    StoreBytes(database, "ReqResult", Joined({list(0xFFFFFFFF, {9, 1}), {1, 0}}));
+    store(0xFFFFFFFF, Joined({Number(9), Number(1), {1, 0}}));
     EXPECT_EQ(ResultOf(manager, 10), TVS_E_UNKNOWN);
     EXPECT_EQ(ResultOf(manager, 9), 1);
     StoreBytes(database, "ReqResult", {1});
