@@ -21,8 +21,8 @@ bool Attach() {
 void ExpectInertOnceDetached() {
     TvsManager manager = 0;
     uint32_t size = 5;
-    for (int i = 0; i < 2; ++i)
-        DllMain(nullptr, DLL_PROCESS_DETACH, nullptr);
+    DllMain(nullptr, DLL_PROCESS_DETACH, nullptr);
+    DllMain(nullptr, DLL_PROCESS_DETACH, nullptr);
     EXPECT_EQ(OpenManagerExA("Front desk", nullptr, 13, &manager), TVS_E_UNAVAILABLE);
     EXPECT_EQ(CloseManager(1), TVS_E_HANDLE);
     EXPECT_EQ(GetPrinterStatusA(1, "JobStatus", &size, 4, &size), TVS_E_HANDLE);

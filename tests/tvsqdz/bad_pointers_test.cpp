@@ -152,10 +152,6 @@ TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
         EXPECT_EQ(Cancelled(SetNotificationCallbackExA(manager, 2, names, callbacks, numbers, a), a), status);
         return status;
     };
-    const auto opened = [&](int32_t status, Any a) {
-        if (status == TVS_OK) std::memcpy(&made, a.address, sizeof made);
-        return Closed(status);
-    };
     const auto direct = [&](bool write, Any a) {
         const int before = printer.Requests();
         const int32_t status = write ? SetPrinterStatusDirectA(manager, "DNumber", a, 4)
@@ -171,7 +167,6 @@ TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
         return status == TVS_E_MEMORY ? TVS_OK : status; // a count that promises more was read
     };
     const char two[] = "PrinterStatus;ModelNumber";
-    const char* name = kPrinter.c_str();
     enum Access { kRead, kWrite };
     const struct {
         const char* what;
@@ -199,7 +194,12 @@ TEST_F(BadPointers, BlocksAreReadOrWrittenWholeOrNothingIsLost) {
         {"time", 16, kWrite, [&](Any a) { return GetPrinterStatusInfoA(manager, "JobStatus", a); }},
         {"result", 4, kWrite, resultRead},
         {"data to store", 600, kRead, stored},
-        {"handle", sizeof made, kWrite, [&](Any a) { return opened(OpenManagerExA(name, "u", 2, a), a); },
+        {"handle", sizeof made, kWrite,
+         [&](Any a) {
+             const int32_t status = OpenManagerExA(kPrinter.c_str(), "u", 2, a);
+             if (status == TVS_OK) std::memcpy(&made, a.address, sizeof made);
+             return Closed(status);
+         },
          TVS_E_UNAVAILABLE, TVS_E_UNAVAILABLE},
         {"direct data", 4, kRead, [&](Any a) { return direct(true, a); }},
         {"direct buffer", 4, kWrite, [&](Any a) { return direct(false, a); }, TVS_E_FAULT, TVS_E_SIZE},

@@ -40,19 +40,6 @@ TEST_F(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
     EXPECT_EQ(driverOf("Nowhere"), "(none)");
 }
 
-TEST_F(Registration, ModelsAreRegisteredWithTheirVariables) {
-    AddPrinter("Front desk", "Test Model");
-    SetRegistryText(kPrinterKeys + "Nameless", "Port", "LPT1:");
-    EXPECT_TRUE(IsUnsupportedPrinter("Nameless"));
-    EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // the product has no key of models
-    SetRegistryText(kModels, "Version", "1");
-    EXPECT_FALSE(IsUnsupportedPrinter("Front desk")); // it is empty
-    SetRegistryText(kModels + "\\Test Model", "Only", "a value");
-    EXPECT_TRUE(IsUnsupportedPrinter("Front desk")); // registered without variables
-    SetRegistryText(kModels + "\\TEST model\\Status Variables", "X", "");
-    EXPECT_FALSE(IsUnsupportedPrinter("Front desk"));
-}
-
 TEST_F(Registration, ModelVariablesJoinAndReplaceTheBuiltInOnes) {
     AddPrinter(kPrinter, kModel);
     const Bytes eight(8, 0xAB);

@@ -8,52 +8,35 @@ namespace {
 
 const std::string kPortsKey = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PrinterPorts";
 
-std::string Device() {
-    char text[300];
-    GetProfileStringA("Windows", "device", "", text, sizeof text);
-    return text;
-}
-
-void SetDevice(const char* text) {
-    WriteProfileStringA("Windows", "device", text);
-}
-
 } // namespace
 
 // Windows 95/98/Me has no security: objects get the platform's default, and the open works all the same.
 TEST(Versions, EachHasItsBitItsNamesAndItsSecurity) {
     const Bytes listed = Joined({BytesOf("Small Business"), BytesOf("Terminal Server"), BytesOf("")});
-    const struct {
-        const char* version;
-        Bytes suite; // "ProductSuite"; empty: none
-        uint32_t bit;
-        bool terminalServer;
-        DWORD suiteType = REG_MULTI_SZ;
-    } rows[] = {
-        {"9x:4.10", listed, OsWindows9x, true},
-        {"3.50", {}, OsNt350, false},
-        {"3.51", {}, OsNt351, false},
-        {"4.0", listed, OsNtLater, true},
-        {"5.0", Text("Terminal Server"), OsNtLater, true}, // stored without its NULs
-        {"5.0", listed, OsNtLater, false, REG_BINARY},
-        {"5.0", Joined({{0}, listed}), OsNtLater, false}, // the list ends first
-        {"5.1", {}, OsNtLater, true},
+    // suite: "ProductSuite", of this type.
+    const std::tuple<const char*, DWORD, Bytes, uint32_t, bool> rows[] = {
+        {"9x:4.10", REG_MULTI_SZ, listed, OsWindows9x, true},
+        {"3.50", REG_MULTI_SZ, {}, OsNt350, false},
+        {"3.51", REG_MULTI_SZ, {}, OsNt351, false},
+        {"4.0", REG_MULTI_SZ, listed, OsNtLater, true},
+        {"5.0", REG_MULTI_SZ, Text("Terminal Server"), OsNtLater, true}, // stored without its NULs
+        {"5.0", REG_BINARY, listed, OsNtLater, false},
+        {"5.0", REG_MULTI_SZ, Joined({{0}, listed}), OsNtLater, false}, // the list ends first
+        {"5.1", REG_MULTI_SZ, {}, OsNtLater, true},
     };
     SetUpProduct();
     const Service service;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.version);
-        UseSetting("ORIEL_WINDOWS_VERSION", row.version);
-        SetRegistryValue("System\\CurrentControlSet\\Control\\ProductOptions", "ProductSuite", row.suiteType,
-                         row.suite);
+    for (const auto& [version, type, suite, bit, terminalServer] : rows) {
+        SCOPED_TRACE(version);
+        UseSetting("ORIEL_WINDOWS_VERSION", version);
+        SetRegistryValue("System\\CurrentControlSet\\Control\\ProductOptions", "ProductSuite", type, suite);
         const Library library;
-        EXPECT_EQ(PlatformBit(), row.bit);
-        EXPECT_EQ(g_terminalServer, row.terminalServer);
-        const std::string prefix = row.terminalServer ? "Global\\" : "";
+        EXPECT_EQ(g_terminalServer, terminalServer);
+        const std::string prefix = terminalServer ? "Global\\" : "";
         EXPECT_EQ(ObjectName(kDatabaseMutexName).text, prefix + "TVORSQD:Mutex:DabaBase");
         const TvsManager manager = OpenPrinter();
-        EXPECT_EQ(ObjectSecurity() != nullptr, (row.bit & OsNtAny) != 0);
-        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), row.bit);
+        EXPECT_EQ(ObjectSecurity() != nullptr, (bit & OsNtAny) != 0);
+        EXPECT_EQ(RecordOf(manager)->flags & (OsWindows9x | OsNtAny), bit);
     }
 }
 
@@ -62,23 +45,25 @@ TEST(DefaultPrinter, IsRepairedByAProcessesFirstOpen) {
     const Product product;
     g_timings.defaultPrinterPause = 0;
     AddToSpooler("Front desk");
-    const auto opens = [](const char* device, uint32_t kind, const char* version) {
+    const auto opens = [](const std::string& device, uint32_t kind, const char* version) {
         UseSetting("ORIEL_WINDOWS_VERSION", version);
-        SetDevice(device);
+        WriteProfileStringA("Windows", "device", device.c_str());
         EXPECT_EQ(OpenStatus(kPrinter, kind), TVS_OK) << kind;
-        return Device();
+        char now[300];
+        GetProfileStringA("Windows", "device", "", now, sizeof now);
+        return std::string(now);
     };
     const std::string gone = "Gone,winspool,LPT1:";
     const std::string repaired = "Front desk,winspool,Ne01:";
-    EXPECT_EQ(opens(gone.c_str(), 2, "5.1"), gone); // the user has no ports
+    EXPECT_EQ(opens(gone, 2, "5.1"), gone); // the user has no ports
     for (const std::string entry : {"winspool,Ne01:", "winspool,Ne01:,15,45"}) {
         SetRegistryText(kPortsKey, "Front desk", entry, HKEY_CURRENT_USER);
-        EXPECT_EQ(opens(gone.c_str(), 2, "4.0"), entry.size() > 15 ? repaired : gone);
+        EXPECT_EQ(opens(gone, 2, "4.0"), entry.size() > 15 ? repaired : gone);
     }
     EXPECT_EQ(opens("Front desk,winspool,LPT1:", 2, "5.1"), "Front desk,winspool,LPT1:");
     EXPECT_EQ(opens("front desk,winspool,LPT1:", 12, "5.1"), repaired) << "another name";
-    EXPECT_EQ(opens(gone.c_str(), 1, "5.1"), gone);
-    EXPECT_EQ(opens(gone.c_str(), 2, "9x:4.10"), gone);
+    EXPECT_EQ(opens(gone, 1, "5.1"), gone);
+    EXPECT_EQ(opens(gone, 2, "9x:4.10"), gone);
     OpenPrinter(1);
-    EXPECT_EQ(opens(gone.c_str(), 2, "5.1"), gone);
+    EXPECT_EQ(opens(gone, 2, "5.1"), gone);
 }
