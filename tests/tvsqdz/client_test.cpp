@@ -1,28 +1,11 @@
-// Finding and restarting the status database service, and the client's way with answers of every kind.
+// The client's way with answers of every kind.
 #include "base/timings.h"
 #include "machine.h"
-#include "machine/status_service.h"
 #include "product/ndr.h"
 
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 namespace {
-
-// A start command that leaves a line for each start.
-void CountStarts() {
-    const std::string program = PrivateDirectory() + "/service9x";
-    std::ofstream(program) << "#!/bin/sh\necho >> " << PrivateDirectory() << "/starts\n";
-    std::filesystem::permissions(program, std::filesystem::perms(0755));
-    SetRegistryText("SOFTWARE\\Tavik\\Oriel\\RunServices", "TVORSDB", WindowsPath(program));
-}
-
-size_t Starts() {
-    std::error_code none;
-    const auto size = std::filesystem::file_size(PrivateDirectory() + "/starts", none);
-    return none ? 0 : size;
-}
 
 // A server of the interface that answers every call with the bytes it was told.
 Bytes g_reply;
@@ -57,24 +40,6 @@ CHILD_PROCESS(AnswersAsTold) {
 }
 
 } // namespace
-
-TEST(StatusService, AMissingServerIsRestartedBetweenFourCalls) {
-    InstallProduct();
-    g_timings.restartBound = 0;
-    CountStarts();
-    const Library library;
-    DatabaseHandle handle = 1;
-    EXPECT_EQ(CreateDatabase("D", &handle), Answer::ServerUnavailable);
-    EXPECT_EQ(handle, 0u);
-    EXPECT_EQ(Starts(), 0u); // under NT it is not the library's to start
-    UseSetting("ORIEL_WINDOWS_VERSION", "9x:4.0");
-    const Library again;
-    EXPECT_EQ(CreateDatabase("D", &handle), Answer::ServerUnavailable);
-    EXPECT_TRUE(WaitUntil([] { return Starts() == 4; })); // also after the fourth
-    // Only the creation does so.
-    EXPECT_EQ(OpenDatabase("D", &handle), Answer::ServerUnavailable);
-    EXPECT_EQ(Starts(), 4u);
-}
 
 // Replies of every length and with every count: an answer, or BadStubData, and never more than the buffer holds.
 TEST(Client, BrokenRepliesAreFailedCalls) {
