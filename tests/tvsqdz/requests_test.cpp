@@ -93,12 +93,12 @@ TEST_F(Requests, ReadsAndWritesAreDoneAndTold) {
     EXPECT_EQ(number, 3u);
     EXPECT_EQ(ResultOf(manager, 3), TVS_REQUEST_PENDING) << "asked for too early, and taken";
     SetEvent(go);
+    ASSERT_TRUE(WaitUntil([&] { return printer.Requests() == 5; }));
     ASSERT_TRUE(WaitUntil([&] { // the last one's thread has recorded what it could
         return Results() == Joined({Number(20), Number(2), Number(1), Number(0), Number(2), Number(0xFFFFFFB3)});
     }));
     EXPECT_TRUE(IsTold());
     EXPECT_EQ(ResultOf(manager, 2), -77);
-    EXPECT_EQ(printer.Requests(), 5);
     // The next number follows the largest that is left. A message's request has the result 0 from the start.
     ResetEvent(go);
     EXPECT_EQ(StartMessageWrite(), TVS_OK);

@@ -60,7 +60,6 @@ TEST(DefaultPrinter, IsRepairedByAProcessesFirstOpen) {
         SetRegistryText(kPortsKey, "Front desk", entry, HKEY_CURRENT_USER);
         EXPECT_EQ(opens(gone, 2, "4.0"), entry.size() > 15 ? repaired : gone);
     }
-    EXPECT_EQ(opens("Front desk,winspool,LPT1:", 2, "5.1"), "Front desk,winspool,LPT1:");
     EXPECT_EQ(opens("front desk,winspool,LPT1:", 12, "5.1"), repaired) << "another name";
     EXPECT_EQ(opens(gone, 1, "5.1"), gone);
     EXPECT_EQ(opens(gone, 2, "9x:4.10"), gone);

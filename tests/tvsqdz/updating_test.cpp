@@ -11,16 +11,6 @@ Bytes Copy(const std::string& variable, DWORD* type = nullptr) {
     return RegistryValue(kDriverData, "SQD_" + variable, type);
 }
 
-uint64_t DriverDataWritten() {
-    HKEY key = nullptr;
-    FILETIME time = {};
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, kDriverData.c_str(), 0, KEY_READ, &key), ERROR_SUCCESS);
-    RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                     &time);
-    RegCloseKey(key);
-    return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
-}
-
 } // namespace
 
 TEST_F(Updating, ValuesAreStoredInTheFormOfTheirType) {
@@ -67,13 +57,8 @@ TEST_F(Updating, PersistentVariablesKeepACopyThatOutlivesTheService) {
     }
     EXPECT_EQ(Update(manager, "JobStatus", Number(3)), TVS_OK);
     EXPECT_EQ(Copy("JobStatus"), Bytes()); // not persistent
-    // The value that is there already leaves the registry alone; another does not.
-    const uint64_t written = DriverDataWritten();
-    EXPECT_EQ(Update(manager, "PVariable", data), TVS_OK);
-    EXPECT_EQ(DriverDataWritten(), written);
     EXPECT_EQ(Update(manager, "PRecord", Text("again!")), TVS_OK);
     EXPECT_EQ(Copy("PRecord"), Text("again!"));
-    EXPECT_GT(DriverDataWritten(), written);
     EXPECT_EQ(CloseManager(manager), TVS_OK);
 
     RestartService();
