@@ -17,15 +17,6 @@ namespace {
 
 constexpr uint32_t kTold = 0x8001; // and the numbers behind it: requests
 
-// Owns the printer until it is told to close.
-CHILD_PROCESS(OwnsThePrinter) {
-    const Library library;
-    const TvsManager manager = OpenPrinter(6);
-    child.Say((RecordOf(manager)->flags & ManagerOwnsPrinter) != 0 ? "owner" : "guest");
-    child.Hear();
-    return CloseManager(manager);
-}
-
 // A process that relays. Commands: "w" watches, "c" cancels, "rN" and "aN" make N requests in a row and one of that
 // number; each answers the status. "h" answers the number of the next message.
 CHILD_PROCESS(RelaysToTheOwner) {
@@ -34,7 +25,6 @@ CHILD_PROCESS(RelaysToTheOwner) {
     const HWND window = MakeWindow("Registrant");
     const TvsManager manager = OpenPrinter(0, kPrinter, kPowerfulUser);
     TvsRegistration registration = 0;
-    child.Say("ready");
     for (std::string command = child.Hear(); command != "end" && !command.empty(); command = child.Hear()) {
         const auto number = static_cast<uint32_t>(std::atoi(command.c_str() + 1));
         int32_t status = TVS_OK;
@@ -66,12 +56,11 @@ struct Relay : OpenedReady {
         std::memset(&list[12], 0, 4);
         StoreBytes(record->masterDatabase.handle, "PrinterDatabase", list);
     }
-    static TestProcess Start(const char* procedure, const char* said) {
-        TestProcess process(procedure);
-        EXPECT_EQ(process.Hear(), said);
+    static TestProcess StartOwner() {
+        TestProcess process("OpensThePrinterAs", {kPrinter, "6"});
+        EXPECT_EQ(process.Hear(), "owner");
         return process;
     }
-    static TestProcess StartOwner() { return Start("OwnsThePrinter", "owner"); }
     const Bytes kEmptyList = Joined({Number(4), Number(0)});
 };
 using RelayCampaign = Relay;
@@ -86,7 +75,7 @@ MessageRegistrationEntry Entry(uint32_t number, HWND window, const char* variabl
 
 TEST_F(Relay, ARegistrantIsToldByTheOwnerWhateverBecomesOfTheService) {
     TestProcess owner = StartOwner();
-    TestProcess registrant = Start("RelaysToTheOwner", "ready");
+    TestProcess registrant("RelaysToTheOwner");
     EXPECT_EQ(registrant.Ask("w"), "0");
     // The owner has taken it up when there is a watcher of the variable.
     const std::string event = "Global\\TVOR:" + std::string(record->databaseName) + ":JobStatus:Changed";
@@ -126,7 +115,7 @@ TEST_F(RelayCampaign, RequestsArePerformedByTheOwnerOrByItsSuccessor) {
         return 0;
     });
     TestProcess owner = StartOwner();
-    TestProcess registrant = Start("RelaysToTheOwner", "ready");
+    TestProcess registrant("RelaysToTheOwner");
     EXPECT_EQ(registrant.Ask("r8"), "0");
     std::set<std::string> told;
     for (int i = 0; i < 8; ++i)

@@ -171,9 +171,7 @@ void CheckValue(TvsManager manager, const char* variable, const Forms& forms, bo
 }
 
 void CheckText(TvsManager manager, const Script& script) {
-    const auto update = [&](const void* text, size_t bytes) {
-        return UpdatePrinterStatusW(manager, WIDE("PrinterLocation"), text, static_cast<uint32_t>(bytes));
-    };
+    const WCHAR* name = WIDE("PrinterLocation");
     BadMemory memory;
     const Sample text = Cut(script, 1, 12, 99, 99);
     const Bytes wide = WideBytes(text.wide);
@@ -183,16 +181,16 @@ void CheckText(TvsManager manager, const Script& script) {
         // A text may take more bytes than it has characters; one that is not terminated loses its last character.
         GuardedBuffer value(memory, bytes);
         std::memcpy(value.data, wide.data(), std::min<size_t>(bytes, wide.size()));
-        EXPECT_EQ(update(value.data, bytes), room > 0 ? TVS_OK : TVS_E_MEMORY);
+        EXPECT_EQ(UpdatePrinterStatusW(manager, name, value.data, bytes), room > 0 ? TVS_OK : TVS_E_MEMORY);
         if (room > 0) {
             const ReadResult narrow = Read(manager, "PrinterLocation", 260);
             EXPECT_EQ(Bytes(narrow.bytes.begin(), narrow.bytes.begin() + narrow.returnedSize),
                       BytesOf(Cut(script, 1, 12, 99, room - 1).ansi));
         }
-        EXPECT_EQ(update(wide.data(), wide.size()), TVS_OK);
+        EXPECT_EQ(UpdatePrinterStatusW(manager, name, wide.data(), static_cast<uint32_t>(wide.size())), TVS_OK);
         GuardedBuffer buffer(memory, bytes);
         uint32_t size = 77;
-        const int32_t status = GetPrinterStatusW(manager, WIDE("PrinterLocation"), buffer.data, bytes, &size);
+        const int32_t status = GetPrinterStatusW(manager, name, buffer.data, bytes, &size);
         EXPECT_EQ(status, bytes == 0 ? TVS_E_MEMORY : room > text.wide.size() ? TVS_OK : TVS_E_SIZE);
         EXPECT_EQ(size, bytes == 0 ? 520 : 2 * bytes);
         buffer.ExpectOnly(room > 0 ? WideBytes(Cut(script, 1, 12, 99, room - 1).wide) : Bytes{});
