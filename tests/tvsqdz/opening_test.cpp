@@ -38,24 +38,6 @@ struct PrinterLists : Opened {
 using Opening = Opened;
 using Closing = Opened;
 
-// A desktop agent that leaves its arguments in a file.
-std::string AgentFile() {
-    return PrivateDirectory() + "/product/TVORPZ.EXE";
-}
-
-void InstallAgent() {
-    std::ofstream(AgentFile()) << "#!/bin/sh\necho \"$@\" >> " << PrivateDirectory() << "/started\n";
-    std::filesystem::permissions(AgentFile(), std::filesystem::perms(0755));
-    g_timings.agentReady = 0;
-    g_timings.agentReadyLong = 0;
-}
-
-std::string AgentStarts() {
-    std::string line;
-    std::getline(std::ifstream(PrivateDirectory() + "/started"), line);
-    return line;
-}
-
 } // namespace
 
 TEST(OpeningCodes, ComeInTheirOrder) {
@@ -158,15 +140,26 @@ TEST_F(Opening, KindsDoWhatTheyAreFor) {
 TEST_F(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
     NeedsTheLayer("programs that are scripts");
     UseSetting("DISPLAY", ":0");
-    InstallAgent();
+    g_timings.agentReady = 0;
+    g_timings.agentReadyLong = 0;
+    // An agent that leaves its arguments in a file.
+    const std::string agent = PrivateDirectory() + "/product/TVORPZ.EXE";
+    const std::string started = PrivateDirectory() + "/started";
+    std::ofstream(agent) << "#!/bin/sh\necho \"$@\" >> " << started << "\n";
+    std::filesystem::permissions(agent, std::filesystem::perms(0755));
+    const auto arguments = [&] {
+        std::string line;
+        std::getline(std::ifstream(started), line);
+        return line;
+    };
     for (const uint32_t kind : {12u, 0u, 7u, 8u, 11u}) {
-        std::filesystem::remove(PrivateDirectory() + "/started");
+        std::filesystem::remove(started);
         EXPECT_EQ(OpenStatus(kPrinter, kind), TVS_OK) << kind;
-        EXPECT_TRUE(WaitUntil([&] { return AgentStarts() == (kind != 12 ? "/S" : ""); })) << kind;
+        EXPECT_TRUE(WaitUntil([&] { return arguments() == (kind != 12 ? "/S" : ""); })) << kind;
     }
     // Not for the system itself, in no other window station, not when it runs. An agent that cannot be started would be
     // a failure, so there is none.
-    std::filesystem::remove(AgentFile());
+    std::filesystem::remove(agent);
     EXPECT_EQ(OpenStatus(kPrinter, 11), TVS_E_UNAVAILABLE);
     UseSetting("ORIEL_LOGON_NAME", "System");
     EXPECT_EQ(OpenStatus(kPrinter, 11), TVS_OK);

@@ -31,7 +31,6 @@ TEST_F(Registration, DriverComesFromTheKeyOrElseFromTheSpooler) {
     };
     EXPECT_STREQ(PrinterKeyName("\\\\server\\queue\\").name, ",,server,queue,");
     AddPrinter("Front desk", "Driver A");
-    AddPrinter("\\\\server\\queue", "Driver B");
     AddToSpooler("\\\\server\\far", "Driver C");
     SetRegistryText(kPrinterKeys + "Nameless", "Port", "LPT1:");
     EXPECT_EQ(driverOf("Front desk"), "Driver A");

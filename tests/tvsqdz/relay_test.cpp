@@ -8,7 +8,6 @@
 #include "product/guards.h"
 #include "requests/threads.h"
 
-#include <algorithm>
 #include <cstring>
 #include <random>
 #include <set>

@@ -3,8 +3,6 @@
 #include "printer_side.h"
 #include "product/client_kinds.h"
 
-#include <cstring>
-
 namespace {
 
 constexpr uint32_t kDone = 0x8001;

@@ -75,8 +75,7 @@ TEST(SharedLibrary, AProcessEndsWhileTheServiceStandsStill) {
     const HANDLE changed = OpenEventA(
         EVENT_MODIFY_STATE, FALSE,
         product::VariableEventName(true, "TVORSQD_DB1", "ModelNumber", product::VariableSignal::Changed).text);
-    ASSERT_NE(changed, nullptr);
-    SetEvent(changed);
+    ASSERT_TRUE(SetEvent(changed));
     PauseMs(50);
     const double before = NowMs();
     process.End();

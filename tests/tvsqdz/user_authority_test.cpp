@@ -50,7 +50,6 @@ constexpr uint32_t kJobs = 0x10;
 constexpr uint32_t kPrinterAll = 0xF000C;
 constexpr uint32_t kJobAll = 0xF0030;
 constexpr uint32_t kGenericAll = 0x10000000;
-constexpr uint8_t kInheritOnly = 0x8;
 
 // Accounts that every machine has: user and group daemon; group lp.
 constexpr uint32_t kDaemon = 1;
@@ -107,7 +106,7 @@ TEST_AS_ROOT(Authority, OfListsForUsersAndGroups) {
         {"three of four standard rights", {Allow(user, 0x7001C)}, 31, 15, 0},
         {"deny after", {Allow(kEveryone, kUse), Deny(user, kUse)}, 0, 0, 9},
         {"deny of one bit keeps the others", {Allow(user, 0xF003C), Deny(second, kAdminister)}, 15, 31, 0},
-        {"inherit-only counts", {Allow(kEveryone, kUse, kInheritOnly), Allow(kCreatorOwner, kJobs, 0x9)}, 11, 11, 11},
+        {"inherit-only counts", {Allow(kEveryone, kUse, 0x8), Allow(kCreatorOwner, kJobs, 0x9)}, 11, 11, 11},
         {"administrators", {Allow(kAdministrators, kPrinterAll | kJobAll), Allow(kEveryone, kUse)}, 9, 9, 31},
         {"root's user and group", {Allow(UserSid(0), kUse), Allow(GroupSid(0), kJobs)}, 0, 0, 15},
         {"a user's number is no group's", {Allow(GroupSid(99), kUse), Allow(UserSid(kLp), kUse)}, 0, 0, 0},
