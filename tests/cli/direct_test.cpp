@@ -1,10 +1,6 @@
 // Commands that ask the printer itself: what they answer while no printer side serves it, and what a real one answers.
 #include "product.h"
 
-#include <fstream>
-#include <set>
-#include <sstream>
-
 TEST(DirectCommands, WithoutAPrinterSideTheyAreRefused) {
     const ExampleProduct product;
     OrielText({"set", kPrinter, "PrinterExtStatus", "0"});
@@ -79,17 +75,4 @@ TEST(DirectCommands, AreAnsweredByThePrinterSide) {
     EXPECT_EQ(OrielText({"result", printer, request}), "0");
     EXPECT_EQ(OrielJson({"result", printer, request}, 1)["error"]["code"], -19);
     EXPECT_EQ(OrielText({"get", printer, "Copies", "--direct"}), "4");
-
-    // So is a plain C program that calls every export of the library.
-    const ProgramResult result = RunProgram(ProgramPath("every_export"));
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    std::set<std::string> called, exported;
-    std::istringstream output(result.output);
-    for (std::string name; output >> name;)
-        called.insert(name);
-    std::ifstream list(SourcePath("tvsqdz/exports.def"));
-    for (std::string line, name, ordinal; std::getline(list, line);)
-        if (std::istringstream(line) >> name >> ordinal && ordinal.starts_with('@')) exported.insert(name);
-    EXPECT_EQ(called, exported);
-    EXPECT_EQ(called.size(), 37u);
 }

@@ -68,6 +68,11 @@ TEST(Examples, ProgramsOfHeaderAndReadmeAndTheFirstOneRun) {
         EXPECT_NE(result.output.find(row.output), std::string::npos) << result.output << result.errors;
         EXPECT_EQ(result.exitCode, 0) << row.program;
     }
+    std::ifstream list(SourcePath("tvsqdz/exports.def"));
+    std::string exports;
+    for (std::string line; std::getline(list, line);)
+        if (line.starts_with("    ")) exports += line.substr(4, line.find(' ', 4) - 4) + "\n";
+    EXPECT_EQ(RunProgram(ProgramPath("every_export")).output, exports);
 }
 
 TEST(Examples, EventLoopTellsWhatIsWrittenByEventAndByMessage) {

@@ -2,7 +2,6 @@
 // restart.
 #include "acting_user.h"
 #include "memory_kit.h"
-#include "not_here.h"
 #include "printer_machine.h"
 
 #include <algorithm>
@@ -61,7 +60,6 @@ Bytes Changed(const Bytes& list, size_t entry, size_t at, const Bytes& value) {
 } // namespace
 
 TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
-    NeedsTheLayer("threads that are other users by number");
     UseAdministratorsGroup(kMembersGroupName);
     const PrinterMachine machine(20000, kVariables);
     const Database& database = machine.databases[0];
@@ -119,7 +117,6 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
 }
 
 TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
-    NeedsTheLayer("threads that are other users by number");
     UseAdministratorsGroup("");
     const PrinterMachine machine(20000, kVariables);
     const auto write = [](const Database& master, const Bytes& list) { return master.Write("PrinterDatabase", list); };
@@ -184,7 +181,6 @@ TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
 }
 
 TEST_AS_ROOT(Authority, AnAccessListStaysThroughRestartsAndRenames) {
-    NeedsTheLayer("threads that are other users by number");
     PrinterMachine machine;
     Database printers[4];
     // Databases of the printers in the list, made by whoever is first.

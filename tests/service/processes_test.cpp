@@ -1,15 +1,11 @@
 // Clients and the service as processes: what one that is killed leaves behind, and what a killed service does to
 // others.
 #include "campaign.h"
-#include "not_here.h"
 #include "private_machine.h"
 #include "service_under_test.h"
 
-#include <tvsqdz_variables.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -156,28 +152,3 @@ TEST(Load, ManyThreadsNeverSeeATornValue) {
         thread.join();
     EXPECT_EQ(torn, 0);
 }
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take memory of their own
-// Printers as the library creates them: 1,000 are to stay far below 64 MiB.
-TEST(Campaign, AThousandPrintersTakeLittleMemory) {
-    const int printers = Rounds(200, 1000);
-    Service service;
-    std::vector<VariableRow> variables;
-#define VARIABLE(name, type, size)                                                                                     \
-    variables.push_back({#name, size > 0 ? kTypeRecord : kTypeVariableLength, Bytes(size > 0 ? size : 8, 1)});
-    TVS_BUILT_IN_VARIABLES(VARIABLE)
-#undef VARIABLE
-    const size_t before = service.process.ResidentBytes();
-    size_t half = 0; // by then the system has what serving the first ones took it
-    for (int printer = 1; printer <= printers; ++printer) {
-        const Database database("TVORSQD_DB" + std::to_string(printer), variables);
-        if (printer == printers / 2) half = service.process.ResidentBytes();
-    }
-    const size_t after = service.process.ResidentBytes();
-    std::printf("resident: %zu KiB at the start, %zu KiB with %d printers\n", before / 1024, after / 1024, printers);
-    constexpr size_t kMiB = 1024 * 1024;
-    EXPECT_TRUE(after < before + 20 * kMiB * static_cast<size_t>(printers) / 1000 || !OnTheLayer());
-    EXPECT_LT(after, half + 20 * kMiB * static_cast<size_t>(printers - printers / 2) / 1000);
-    EXPECT_LT(before, 20 * kMiB);
-}
-#endif

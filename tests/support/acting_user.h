@@ -5,5 +5,3 @@
 
 // The calling thread, and no other, acts as this user from here to its end. False without the rights to do so.
 bool ActAs(unsigned user, unsigned group, const std::vector<unsigned>& groups = {});
-// Calls of which each would be one of the calling thread alone.
-unsigned EffectiveUser();

@@ -9,6 +9,3 @@ bool ActAs(unsigned user, unsigned group, const std::vector<unsigned>& groups) {
            syscall(SYS_setresuid, -1, user, -1) == 0;
 }
 
-unsigned EffectiveUser() {
-    return geteuid();
-}

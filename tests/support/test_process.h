@@ -59,7 +59,6 @@ public:
 
     unsigned Id() const { return m.id; }
     bool Running();
-    size_t ResidentBytes() const; // of its memory; fails the test when the system does not tell
     // One line of its standard output, without the newline. Fails the test after the deadline.
     std::string Hear(int timeoutMs = 20000);
     void Tell(const std::string& line);

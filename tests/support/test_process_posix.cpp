@@ -12,7 +12,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -68,13 +67,6 @@ bool TestProcess::Take(int stream, std::string& text, int waitMs) {
 void TestProcess::Close(int& stream) {
     if (stream >= 0) close(stream);
     stream = -1;
-}
-
-size_t TestProcess::ResidentBytes() const {
-    std::ifstream file("/proc/" + std::to_string(m.id) + "/statm");
-    size_t pages = 0;
-    EXPECT_TRUE(file >> pages >> pages && pages > 0) << "process " << m.id;
-    return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
 bool TestProcess::Running() {

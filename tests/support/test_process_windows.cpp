@@ -47,23 +47,19 @@ void DeleteTheService(const char* name) {
 
 } // namespace
 
-void NotHere(const std::string& what) {
-    std::printf("%s\n%s\n[  SKIPPED ]\n", kNotHereText, what.c_str());
-    std::fflush(stdout);
-    ExitProcess(0);
-}
-
 bool OnTheLayer() {
     return false;
 }
 
 void NeedsTheLayer(const char* forWhat) {
-    NotHere(forWhat);
+    std::printf("%s\n%s\n[  SKIPPED ]\n", kNotHereText, forWhat);
+    std::fflush(stdout);
+    ExitProcess(0);
 }
 
 void TestProcess::Start(const std::string& path, const std::vector<std::string>& arguments,
                         const Environment& environment) {
-    if (!environment.empty()) NotHere("settings of the layer");
+    if (!environment.empty()) NeedsTheLayer("settings of the layer");
     std::string commandLine = '"' + path + '"';
     for (const std::string& argument : arguments)
         commandLine += " \"" + argument + '"';
@@ -138,12 +134,8 @@ bool TestProcess::Running() {
 }
 
 void TestProcess::Signal(int number) {
-    if (number != 9) NotHere("signals");
+    if (number != 9) NeedsTheLayer("signals");
     if (!m.ended) TerminateProcess(HandleOf(m.process), kKilled);
-}
-
-size_t TestProcess::ResidentBytes() const {
-    NotHere("the memory of another process");
 }
 
 bool RunsAsRoot() {
