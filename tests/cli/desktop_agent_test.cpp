@@ -1,11 +1,13 @@
 // The desktop agent: who starts it, what it holds on to, and what ends it.
 #include "product.h"
+#include "unix_stream.h"
 
 #include <windows.h>
 
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -85,9 +87,8 @@ TEST(DesktopAgent, SaysThatItIsReadyAndIsAloneHoweverManyBegin) {
 
 TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {
     ExampleProduct product;
-    const std::string display = PrivateDirectory() + "/wayland";
-    CountedSocket compositor(display);
-    UseSetting("WAYLAND_DISPLAY", display.c_str());
+    UseSetting("WAYLAND_DISPLAY", EndpointPath("wayland").c_str());
+    std::optional<UnixListener> compositor;
     const auto terminate = [] {
         HANDLE event = nullptr;
         EXPECT_TRUE(WaitUntil([&] {
@@ -104,19 +105,18 @@ TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {
     const struct {
         const char* what;
         std::function<void()> act;
-        bool laterLook = false; // the agent has looked, and waits for its next look
     } ends[] = {
         {"message", [] { PostMessageA(AgentWindow(), 1030, 0, 0); }},
         {"termination", terminate},
-        {"product", endProduct, true},
+        {"product", endProduct},
         // With no product that is up, which some client kinds don't need.
-        {"desktop", [&] { compositor.Close(); }, true},
+        {"desktop", [&] { compositor.reset(); }},
     };
     for (const auto& end : ends) {
-        const int looks = compositor.Connections();
+        compositor.emplace("wayland");
         StartAgents(1);
         ASSERT_TRUE(WaitUntil([] { return AgentWindow() != nullptr; }, 20000)) << end.what;
-        EXPECT_TRUE(!end.laterLook || WaitUntil([&] { return compositor.Connections() > looks; }));
+        compositor->Accept(); // the agent has looked, and waits for its next look
         end.act();
         EXPECT_TRUE(WaitUntil([] { return AgentWindow() == nullptr && Agents().empty(); }, 20000)) << end.what;
     }

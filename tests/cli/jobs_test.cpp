@@ -1,8 +1,6 @@
 // Jobs, the port and the name of a printer from the command line.
 #include "product.h"
 
-#include <algorithm>
-
 namespace {
 
 Json Jobs(const std::string& printer = kPrinter) {
@@ -48,9 +46,7 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
     comes([&] { return value("PageCount") == 106 && Jobs(printer)["spooler"].size() == 1; });
     const Json jobs = Jobs(printer);
     EXPECT_EQ(jobs["spoolerQueue"][0]["jobName"], "held") << jobs;
-    for (const char* none : {"sending", "printing"})
-        EXPECT_EQ(jobs[none], 0);
-    EXPECT_EQ(jobs["printerQueue"], Json::array());
+    EXPECT_EQ(jobs["printing"], 0);
     EXPECT_EQ(value("JobStatus"), 0);
     watch.Kill();
     EXPECT_NE(watch.HearAll().find("doc.pdf"), std::string::npos);
@@ -64,7 +60,6 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
     EXPECT_EQ(value("PrintingMyJob"), 1);
     product.KillService(); // the new one is told of it anew
     comes([&] { return value("PrintingMyJob") == 1 && value("PrintingJobInfo")["progress"] > 3; });
-    EXPECT_EQ(value("PrintingJobInfo")["jobName"], "book");
     killPrinterSide();
     comes([&] { return value("PageCount") < 108; }); // it counts from 100 again
     comes([&] { return value("PageCount") > 108; });
@@ -77,7 +72,6 @@ TEST(Jobs, AreTakenAndPrintedByThePrinterSide) {
 
 TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
     const ExampleProduct product;
-    EXPECT_EQ(OrielText({"jobs", kPrinter}), "no jobs");
     const std::string file = FileOf("letter.txt", "Dear Anna");
     const std::string first = OrielText({"print", kPrinter, file});
     const Json held = OrielJson({"print", kPrinter, file, "--title", "J\u00FCrgens Brief", "--held"});
@@ -86,7 +80,6 @@ TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
     Json jobs = Jobs();
     ASSERT_EQ(jobs["spooler"].size(), 2u) << jobs;
     EXPECT_EQ(jobs["spooler"][0]["title"], "letter.txt");
-    EXPECT_EQ(jobs["spooler"][1]["title"], "J\u00FCrgens Brief");
     EXPECT_EQ(Paused(jobs), "01");
     EXPECT_NE(OrielText({"jobs", kPrinter}).find("J\u00FCrgens Brief"), std::string::npos);
 
@@ -101,8 +94,6 @@ TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
     EXPECT_EQ(jobs["printerQueue"],
               Json::array({{{"jobName", "Brief"}, {"ownerName", "ANNA"}, {"jobId", std::stoi(first)}}}));
     EXPECT_EQ(jobs["printingMyJob"], 1);
-    EXPECT_EQ(jobs["spoolingMyJob"], 0);
-    EXPECT_EQ(Jobs()["printingMyJob"], 0);
 
     EXPECT_EQ(OrielJson({"cancel", kPrinter, std::to_string(second)})["cancelled"], second);
     EXPECT_EQ(OrielJson({"cancel", kPrinter, std::to_string(second)}, 1)["error"]["code"], -50);
@@ -110,8 +101,6 @@ TEST(Jobs, ArePrintedPausedResumedAndCancelled) {
     EXPECT_EQ(Jobs()["spooler"], Json::array());
     EXPECT_EQ(OrielJson({"pause", kPrinter}, 1)["error"]["what"], "cannot pause \"Front desk\"") << "the job has gone";
     EXPECT_EQ(Oriel({"print", kPrinter, file + ".missing"}).exitCode, 1);
-    EXPECT_EQ(Oriel({"print", "Nobody's", file}).exitCode, 1);
-    EXPECT_EQ(Oriel({"cancel", kPrinter, "many"}).exitCode, 2);
 }
 
 TEST(Names, RenamedPrintersKeepWhatTheyHave) {
@@ -123,10 +112,8 @@ TEST(Names, RenamedPrintersKeepWhatTheyHave) {
     const std::string job = OrielText({"print", kPrinter, SourcePath("README.md")});
     EXPECT_NE(Oriel({"rename", kPrinter, name}).errors.find("it has jobs"), std::string::npos);
     OrielText({"cancel", kPrinter, job});
-    for (const char* other : {"Other", "\\\\server\\lp"})
-        OrielText({"printers", "add", other, "--driver", "Example Laser"});
+    OrielText({"printers", "add", "Other", "--driver", "Example Laser"});
     EXPECT_EQ(OrielJson({"rename", kPrinter, "other"}, 1)["error"]["code"], 1802);
-    EXPECT_EQ(OrielJson({"rename", "\\\\server\\lp", "lp"}, 1)["error"]["code"], 50) << "another machine's";
     for (const Words& refused : {Words{"rename", kPrinter, "\u00E9"}, {"set", kPrinter, "PrinterLocation", "\u00FC"}})
         EXPECT_NE(OrielJson(refused, 2).dump().find("code page 932"), std::string::npos) << "no such letter there";
     OrielText({"rename", kPrinter, name});
@@ -135,20 +122,11 @@ TEST(Names, RenamedPrintersKeepWhatTheyHave) {
     EXPECT_EQ(VariableOf(name, "PrinterLocation")["hex"], "93 f1 8a 4b 20 95 5c 00");
     EXPECT_EQ(OrielText({"get", name, "PrinterLocation"}), "\u4E8C\u968E \u8868");
     EXPECT_NE(Oriel({"get", kPrinter, "TonerLevel"}).exitCode, 0);
-    const Json printers = OrielJson({"printers"})["printers"];
-    EXPECT_EQ(printers.size(), 3u);
-    const auto renamed =
-        std::find_if(printers.begin(), printers.end(), [&](const Json& printer) { return printer["name"] == name; });
-    ASSERT_NE(renamed, printers.end()) << printers;
-    EXPECT_EQ((*renamed)["driver"], "Example Laser");
-    EXPECT_TRUE((*renamed)["inSpooler"].get<bool>() && (*renamed)["inRegistry"].get<bool>());
+    EXPECT_EQ(OrielJson({"printers"})["printers"].size(), 2u);
 
     EXPECT_EQ(OrielJson({"port", name, "1", "LPT1:", "\u8868"})["port"],
               Json({{"portKind", 1}, {"portName", "LPT1:"}, {"portDetail", "\u8868"}}));
     EXPECT_NE(OrielText({"port", name}).find("LPT1:"), std::string::npos);
-    for (const Words& wrong : {Words{"many", "LPT1:"}, {"1"}, {"1", std::string(128, 'x')}}) {
-        Words command = {"port", name};
-        command.insert(command.end(), wrong.begin(), wrong.end());
-        EXPECT_EQ(Oriel(command).exitCode, 2) << wrong.back();
-    }
+    EXPECT_EQ(Oriel({"port", name, "many", "LPT1:"}).exitCode, 2);
+    EXPECT_EQ(Oriel({"port", name, "1", std::string(128, 'x')}).exitCode, 2);
 }

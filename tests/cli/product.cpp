@@ -4,9 +4,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 ProgramResult Oriel(const Words& arguments, const Environment& environment) {
     return RunProgram(ProgramPath("oriel"), arguments, environment);
@@ -53,13 +50,12 @@ std::string FileOf(const std::string& name, const std::string& text) {
     return path;
 }
 
-void AddExamplePrinter(const Environment& environment) {
-    OrielText({"reg", "import", SourcePath("examples/example_laser.reg")}, environment);
-    OrielText({"printers", "add", kPrinter, "--driver", "Example Laser"}, environment);
+void AddExamplePrinter() {
+    OrielText({"reg", "import", SourcePath("examples/example_laser.reg")});
+    OrielText({"printers", "add", kPrinter, "--driver", "Example Laser"});
 }
 
-RunningProduct::RunningProduct(const Environment& environment)
-    : m_up(TestProcess::Program(ProgramPath("oriel"), {"up", "--json"}, environment)) {
+RunningProduct::RunningProduct() : m_up(TestProcess::Program(ProgramPath("oriel"), {"up", "--json"})) {
     for (Json event = Json::object(); event.value("event", "") != "up";) {
         const std::string line = m_up.Hear();
         event = Json::parse(line, nullptr, false);
@@ -85,24 +81,6 @@ Json RunningProduct::Events(const Words& names) {
 void RunningProduct::KillService() {
     KillProcess(ProcessOf(kServiceProgram));
     Events({"service-ended", "service-started"});
-}
-
-CountedSocket::CountedSocket(const std::string& path) : m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{.sun_family = AF_UNIX};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(m_listener, 16), 0);
-    m_thread = std::thread([this] {
-        for (int client = 0; (client = accept(m_listener, nullptr, nullptr)) >= 0; close(client))
-            ++m_connections;
-    });
-}
-
-void CountedSocket::Close() {
-    if (!m_thread.joinable()) return;
-    shutdown(m_listener, SHUT_RDWR);
-    m_thread.join();
-    close(m_listener);
 }
 
 std::vector<int> ProcessesOf(const std::string& program) {

@@ -7,9 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 using Json = nlohmann::json;
@@ -38,12 +36,12 @@ std::string FileOf(const std::string& name, const std::string& text);
 
 // "Front desk", of the example model.
 inline const std::string kPrinter = "Front desk";
-void AddExamplePrinter(const Environment& environment = {});
+void AddExamplePrinter();
 
 // `oriel up --json`, up once constructed; stopped by the destructor when the test did not.
 class RunningProduct {
 public:
-    explicit RunningProduct(const Environment& environment = {});
+    RunningProduct();
     ~RunningProduct();
 
     // The next events, which must be these; the last one.
@@ -56,24 +54,11 @@ private:
     TestProcess m_up;
 };
 
-// With the example printer, which was added before.
-struct ExampleProduct : RunningProduct {
-    ExampleProduct() : RunningProduct((AddExamplePrinter(), Environment{})) {}
+// With the example printer.
+struct ExamplePrinter {
+    ExamplePrinter() { AddExamplePrinter(); }
 };
-
-// A socket that counts who connects, and closes each connection at once.
-class CountedSocket {
-public:
-    explicit CountedSocket(const std::string& path);
-    ~CountedSocket() { Close(); }
-    void Close();
-    int Connections() const { return m_connections; }
-
-private:
-    std::atomic<int> m_connections = 0;
-    int m_listener = -1;
-    std::thread m_thread;
-};
+struct ExampleProduct : private ExamplePrinter, RunningProduct {};
 
 // The processes of a program on this test's machine; the first one, or 0.
 std::vector<int> ProcessesOf(const std::string& program);
