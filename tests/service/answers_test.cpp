@@ -22,7 +22,6 @@ TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     EXPECT_EQ(creator.Info("Old", &variable), kUnknownVariable);
 
     EXPECT_EQ(other.Create(name), kDatabaseExists);
-    EXPECT_EQ(other.handle, 0u);
     EXPECT_EQ(other.Open(name), kBeingInitialised);
     EXPECT_EQ(creator.Watch("Any", kEveryWrite), kBeingInitialised);
     EXPECT_EQ(creator.EndInitialization(), kDone);
@@ -30,13 +29,9 @@ TEST(Databases, AreCreatedOnceAndOpenedWhenReady) {
     CloseHandle(ready);
     EXPECT_EQ(creator.EndInitialization(), kNotCreator);
     ASSERT_EQ(other.Open(name), kDone);
-    EXPECT_EQ(other.EndInitialization(), kNotCreator);
-
     EXPECT_EQ(other.OpenHandles(), 2u);
     EXPECT_EQ(other.Close(), kDone);
-    DatabaseInfo info = {};
-    for (const LONG answer : {other.Close(), other.Info(&info), other.EndInitialization()})
-        EXPECT_EQ(answer, kUnknownDatabase);
+    EXPECT_EQ(other.Close(), kUnknownDatabase);
     EXPECT_EQ(other.Open("tvorsqd_db1"), kUnknownDatabase) << "names are exact";
     for (const char* bad : {"", "12345678901234567890123456789012", "A\\B"})
         EXPECT_EQ(other.Create(bad), kBadName) << bad;
@@ -84,8 +79,7 @@ TEST_F(Variables, AreCreatedAsTheirTypeAllows) {
     };
     for (const auto& row : rows) {
         EXPECT_EQ(database.Add(row.name, row.type, row.value), row.answer) << row.name;
-        if (row.answer != kDone) continue;
-        EXPECT_EQ(database.Value(row.name), row.value) << row.name;
+        EXPECT_TRUE(row.answer != kDone || database.Value(row.name) == row.value) << row.name;
     }
     EXPECT_EQ(database.Add("Reserved", kTypeByte, {1}, 1), kBadArgument);
 }
