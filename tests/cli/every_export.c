@@ -1,5 +1,5 @@
 /* Calls each of the library's exports from plain C, as none of them can succeed: prints the names of those that refuse
- * it as they should, in alphabetical order. */
+ * it as they should. */
 #include <stdio.h>
 
 #include <tvsqdz.h>
@@ -8,6 +8,10 @@
     if (function(__VA_ARGS__) == (status)) puts(#function)
 /* There is no manager 0; messages are the owner's to post, who is not there either. */
 #define REFUSED(function, ...) REFUSED_WITH(TVS_E_HANDLE, function, 0, __VA_ARGS__)
+
+#define BOTH(function, ...)                                                                                            \
+    REFUSED(function##A, name, __VA_ARGS__);                                                                           \
+    REFUSED(function##W, wide, __VA_ARGS__)
 
 int main(void) {
     static const TvsWideChar wide[] = {'P', 0};
@@ -19,16 +23,11 @@ int main(void) {
     TvsManager opened = 0;
 
     REFUSED_WITH(TVS_E_HANDLE, CloseManager, 0);
-    REFUSED(GetPrinterStatusA, name, value, 4, &size);
-    REFUSED(GetPrinterStatusDirectA, name, value, 4, &size);
-    REFUSED(GetPrinterStatusDirectW, wide, value, 4, &size);
-    REFUSED(GetPrinterStatusInfoA, name, (struct _SYSTEMTIME*)time);
-    REFUSED(GetPrinterStatusInfoW, wide, (struct _SYSTEMTIME*)time);
-    REFUSED(GetPrinterStatusW, wide, value, 4, &size);
-    REFUSED(GetReqPrinterStatusEventA, name, event);
-    REFUSED(GetReqPrinterStatusEventW, wide, event);
-    REFUSED(GetReqPrinterStatusMsgA, name, event, message);
-    REFUSED(GetReqPrinterStatusMsgW, wide, event, message);
+    BOTH(GetPrinterStatus, value, 4, &size);
+    BOTH(GetPrinterStatusDirect, value, 4, &size);
+    BOTH(GetPrinterStatusInfo, (struct _SYSTEMTIME*)time);
+    BOTH(GetReqPrinterStatusEvent, event);
+    BOTH(GetReqPrinterStatusMsg, event, message);
     REFUSED(KillNotificationCallback, 1);
     REFUSED(KillNotificationEvent, 1);
     REFUSED_WITH(TVS_E_NO_OWNER, KillNotificationMsg, 0, 1);
@@ -39,21 +38,16 @@ int main(void) {
     REFUSED(ResSetPrinterStatus, 1, (int32_t*)value);
     REFUSED(SetNotificationCallbackA, name, NULL, 0, &opened);
     REFUSED(SetNotificationCallbackExA, 1, name, NULL, &size, &opened);
-    REFUSED(SetNotificationEventA, name, event, &opened);
+    BOTH(SetNotificationEvent, event, &opened);
     REFUSED(SetNotificationEventExA, 1, name, &event, &opened);
     REFUSED(SetNotificationEventExW, 1, wide, &event, &opened);
-    REFUSED(SetNotificationEventW, wide, event, &opened);
     REFUSED_WITH(TVS_E_NO_OWNER, SetNotificationMsgA, 0, name, event, message, &opened);
     REFUSED_WITH(TVS_E_NO_OWNER, SetNotificationMsgExA, 0, 1, name, event, &message, &opened);
     REFUSED_WITH(TVS_E_NO_OWNER, SetNotificationMsgExW, 0, 1, wide, event, &message, &opened);
     REFUSED_WITH(TVS_E_NO_OWNER, SetNotificationMsgW, 0, wide, event, message, &opened);
-    REFUSED(SetPrinterStatusDirectA, name, value, 4);
-    REFUSED(SetPrinterStatusDirectW, wide, value, 4);
-    REFUSED(SetReqPrinterStatusEventA, name, value, 4, event, &size);
-    REFUSED(SetReqPrinterStatusEventW, wide, value, 4, event, &size);
-    REFUSED(SetReqPrinterStatusMsgA, name, value, 4, event, message, &size);
-    REFUSED(SetReqPrinterStatusMsgW, wide, value, 4, event, message, &size);
-    REFUSED(UpdatePrinterStatusA, name, value, 4);
-    REFUSED(UpdatePrinterStatusW, wide, value, 4);
+    BOTH(SetPrinterStatusDirect, value, 4);
+    BOTH(SetReqPrinterStatusEvent, value, 4, event, &size);
+    BOTH(SetReqPrinterStatusMsg, value, 4, event, message, &size);
+    BOTH(UpdatePrinterStatus, value, 4);
     return 0;
 }

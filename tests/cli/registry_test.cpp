@@ -2,6 +2,7 @@
 #include "product.h"
 
 static const std::string kKey = "HKLM\\SOFTWARE\\Test";
+constexpr const char* kLong = "00 00 00 00 01 00 00 00";
 
 TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
     const struct {
@@ -16,12 +17,7 @@ TEST(RegistryCommand, ValuesOfAllTypesKeysAndTrees) {
         {"", {"\xc3\xa9", "--type", "expand"}, "REG_EXPAND_SZ", "\xc3\xa9", "\xc3\xa9", "e9 00"},
         {"list", {"a", "bc", "--type", "multi"}, "REG_MULTI_SZ", "a | bc", {"a", "bc"}, "61 00 62 63 00 00"},
         {"negative", {"-1", "--type", "dword"}, "REG_DWORD", "0xffffffff (4294967295)", 4294967295u, "ff ff ff ff"},
-        {"long",
-         {"18446744073709551615", "--type", "qword"},
-         "REG_QWORD",
-         "0xffffffffffffffff (18446744073709551615)",
-         18446744073709551615ull,
-         "ff ff ff ff ff ff ff ff"},
+        {"long", {"0x100000000", "--type", "qword"}, "REG_QWORD", "0x100000000 (4294967296)", 1ll << 32, kLong},
         {"bytes", {"0102", "ff", "--type", "binary"}, "REG_BINARY", "01 02 ff", nullptr, "01 02 ff"},
         {"nothing", {"--type", "none"}, "REG_NONE", "", nullptr, ""},
     };

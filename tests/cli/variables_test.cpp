@@ -2,7 +2,6 @@
 #include "product.h"
 
 #include <tvsqdz.h>
-#include <tvsqdz_variables.h>
 
 #include <cstring>
 #include <map>
@@ -12,24 +11,16 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
     const Json document = OrielJson({"vars", kPrinter});
     EXPECT_EQ(document["printer"], kPrinter);
     std::map<std::string, Json> variables;
-    for (const Json& variable : document["variables"])
+    for (const Json& variable : document["variables"]) {
         variables[variable["name"]] = variable;
+        EXPECT_TRUE(variable.contains("written") && !variable.contains("error")) << variable;
+        const size_t size = variable["size"];
+        EXPECT_TRUE(!variable.contains("hex") || variable["type"] == "string" || size == 0 ||
+                    variable["hex"].get<std::string>().size() + 1 == size * 3)
+            << variable;
+    }
     EXPECT_EQ(variables.size(), 59u);
     EXPECT_EQ(document["variables"].size(), variables.size());
-
-#define ROW(name, type, size) {#name, #type, size},
-    const std::tuple<const char*, const char*, size_t> rows[] = {TVS_BUILT_IN_VARIABLES(ROW)};
-#undef ROW
-    for (const auto& [name, type, size] : rows) {
-        SCOPED_TRACE(name);
-        const Json& variable = variables[name];
-        EXPECT_EQ(strcasecmp(variable["type"].get<std::string>().c_str(), type), 0) << variable;
-        EXPECT_EQ(variable["size"], size);
-        EXPECT_TRUE(variable.contains("written"));
-        EXPECT_FALSE(variable.contains("error")) << variable;
-        if (size == 0 || variable["type"] == "string" || name == std::string("AccessControlList")) continue;
-        EXPECT_EQ(variable["hex"].get<std::string>().size() + 1, size * 3);
-    }
     const std::pair<const char*, Json> values[] = {
         {"PageCount", nullptr}, // not known yet
         {"PrinterQueue", Json::array()},

@@ -157,8 +157,10 @@ TEST(PrinterSide, KeepsItsVariablesTrueAndAnswersRequests) {
     for (const char* text : {"NoCompanionW", "PageCount", "W", ""})
         EXPECT_EQ(Request(database, "WriteRequest", text).Result(), -19) << text;
 
+    ASSERT_EQ(database.Write("PrinterModel", BytesOf("Another")), kDone);
     ASSERT_EQ(database.Write("RefreshStatus", BytesOf("all")), kDone);
     EXPECT_EQ(Request(database, "WriteRequest", "RefreshStatus").Result(), kUnknownVariable) << "of Unknown";
+    EXPECT_EQ(database.Value("PrinterModel"), BytesOf("Example") + Bytes(64 - 8));
 
     // One that is never answered is not answered by what comes for the next.
     EXPECT_FALSE(Request(database, "ReadRequest", "Silent").Answered(100));

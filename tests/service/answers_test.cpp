@@ -85,44 +85,31 @@ TEST_F(Variables, AreCreatedAsTheirTypeAllows) {
 }
 
 TEST_F(Variables, TakeValuesOfTheirSizes) {
-    const struct {
-        const char* name;
-        std::vector<size_t> taken, refused; // sizes; the latter are tried before and after
-        LONG refusal = kWrongSize;
-    } rows[] = {
-        {"Byte", {1}, {0, 2}},
-        {"Word", {2}, {1}},
-        {"Number", {4}, {8}},
-        {"Text", {32, 5}, {33}},
-        {"Record", {12, 7}, {13}},
-        {"List", {100000, kValueSizeMax, 0}, {}},
-        {"All", {}, {4}}, // it has no members
-        {"Missing", {}, {4}, kUnknownVariable},
-        // A companion is made by its first write that is taken.
-        {"NumberW", {4, 4}, {2}},
-        {"ListW", {5000}, {}},
-        {"AllW", {}, {4}, kUnknownVariable},
-        {"W", {}, {4}, kUnknownVariable},
+    // The composite has no members. A companion is made by its first write that is taken.
+    const std::tuple<const char*, size_t, LONG> rows[] = {{"Byte", 0, kWrongSize},    {"Byte", 2, kWrongSize},
+                                                          {"Byte", 1, kDone},         {"Byte", 2, kWrongSize},
+                                                          {"Word", 1, kWrongSize},    {"Word", 2, kDone},
+                                                          {"Number", 8, kWrongSize},  {"Number", 4, kDone},
+                                                          {"Text", 33, kWrongSize},   {"Text", 32, kDone},
+                                                          {"Text", 5, kDone},         {"Text", 33, kWrongSize},
+                                                          {"Record", 13, kWrongSize}, {"Record", 12, kDone},
+                                                          {"Record", 7, kDone},       {"All", 4, kWrongSize},
+                                                          {"List", 100000, kDone},    {"List", kValueSizeMax, kDone},
+                                                          {"List", 0, kDone},         {"Missing", 4, kUnknownVariable},
+                                                          {"NumberW", 2, kWrongSize}, {"NumberW", 4, kDone},
+                                                          {"NumberW", 4, kDone},      {"NumberW", 2, kWrongSize},
+                                                          {"ListW", 5000, kDone},     {"AllW", 4, kUnknownVariable},
+                                                          {"W", 4, kUnknownVariable}};
+    const auto valueOf = [&](const char* name) {
+        VariableInfo info = {};
+        return database.Info(name, &info) == kDone ? database.Value(name) : Bytes{};
     };
     unsigned char fill = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const auto tryRefused = [&] {
-            VariableInfo info = {};
-            const bool known = database.Info(row.name, &info) == kDone;
-            const Bytes before = known ? database.Value(row.name) : Bytes{};
-            for (const size_t size : row.refused)
-                EXPECT_EQ(database.Write(row.name, Bytes(size, ++fill)), row.refusal) << size;
-            EXPECT_EQ(database.Info(row.name, &info) == kDone, known);
-            EXPECT_EQ(known ? database.Value(row.name) : Bytes{}, before);
-        };
-        tryRefused();
-        for (const size_t size : row.taken) {
-            const Bytes value(size, ++fill);
-            EXPECT_EQ(database.Write(row.name, value), kDone) << size;
-            EXPECT_EQ(database.Value(row.name), value);
-        }
-        tryRefused();
+    for (const auto& [name, size, answer] : rows) {
+        SCOPED_TRACE(name + std::to_string(size));
+        const Bytes before = valueOf(name), value(size, ++fill);
+        EXPECT_EQ(database.Write(name, value), answer);
+        EXPECT_EQ(valueOf(name), answer == kDone ? value : before);
     }
     EXPECT_NE(database.Value("Number"), database.Value("NumberW"));
 

@@ -29,9 +29,11 @@ std::vector<Request> GoodRequests(DWORD handle) {
 
 } // namespace
 
-TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
+// Every byte of every request changed, and every count and number set to what breaks sums: the service answers each
+// call, with whatever answer, and goes on.
+TEST(Wire, BodiesThatCannotBeReadRaiseBadStubDataAndNoneDisturbsTheService) {
     const Service service;
-    const Database database("Database", {{"Value", kTypeRecord, {1, 2, 3}}});
+    const Database database("Database", {{"Value", kTypeRecord, {1, 2, 3}}, {"All", kTypeComposite, {}}});
     for (const auto& [procedure, body] : GoodRequests(database.handle)) {
         // Padding behind a text at the end may be missing.
         size_t needed = body.size();
@@ -57,14 +59,7 @@ TEST(Wire, BodiesThatCannotBeReadRaiseBadStubData) {
     EXPECT_EQ(again.Value("Value"), (Bytes{1, 2, 3}));
     for (const UINT procedure : {5u, 6u, 11u, 13u, 17u, 19u, 4711u})
         EXPECT_EQ(CallRaw(procedure, Number(again.handle)).fault, RPC_S_PROCNUM_OUT_OF_RANGE) << procedure;
-}
-
-// Every byte of every request changed, and every count and number set to what breaks sums: the service answers each
-// call, with whatever answer, and goes on.
-TEST(Wire, NoChangedRequestDisturbsTheService) {
-    const Service service;
-    const Database database("Database", {{"Value", kTypeRecord, {1, 2, 3}}, {"All", kTypeComposite, {}}});
-    for (const auto& [procedure, body] : GoodRequests(database.handle)) {
+    for (const auto& [procedure, body] : GoodRequests(again.handle)) {
         const auto answers = [&procedure = procedure, &body = body](size_t at, const Bytes& bytes) {
             Bytes changed = body;
             std::copy(bytes.begin(), bytes.end(), changed.begin() + static_cast<ptrdiff_t>(at));
