@@ -78,15 +78,6 @@ TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {
     ExampleProduct product;
     UseSetting("WAYLAND_DISPLAY", EndpointPath("wayland").c_str());
     std::optional<UnixListener> compositor;
-    const auto terminate = [] {
-        HANDLE event = nullptr;
-        EXPECT_TRUE(WaitUntil([&] {
-            event = OpenEventA(EVENT_MODIFY_STATE, FALSE, "Global\\TVORSQD:TerminateManager");
-            return event != nullptr;
-        }));
-        SetEvent(event);
-        CloseHandle(event);
-    };
     const auto endProduct = [&] {
         product.Process().Interrupt();
         EXPECT_EQ(product.Process().Wait(), 0);
@@ -96,7 +87,10 @@ TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {
         std::function<void()> act;
     } ends[] = {
         {"close", [] { PostMessageA(AgentWindow(), WM_CLOSE, 0, 0); }},
-        {"termination", terminate},
+        {"termination",
+         [] {
+             OrielText({"terminate", kPrinter});
+         }},
         {"product", endProduct},
         // With no product that is up, which some client kinds don't need.
         {"desktop", [&] { compositor.reset(); }},

@@ -51,11 +51,7 @@ TEST(Examples, ProgramsOfHeaderAndReadmeAndTheFirstOneRun) {
     EXPECT_EQ(
         RunProgram("/bin/sh", {"-c", "LC_ALL=C; export LC_ALL; \"$0\" | sort", ProgramPath("every_export")}).output,
         exports);
-}
 
-TEST(Examples, EventLoopTellsWhatIsWrittenByEventAndByMessage) {
-    AddExamplePrinter();
-    RunningProduct product;
     TestProcess loop = TestProcess::Program(ProgramPath("event_loop"), {"Front desk"});
     EXPECT_EQ(loop.Hear(), "watching");
     for (const char* level : {"41", "40"}) {

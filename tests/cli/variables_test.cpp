@@ -44,17 +44,21 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
 
 TEST(Variables, WhatIsSetIsRead) {
     const ExampleProduct product;
-    // A queue as the bytes of a file, its last name without NUL; it says how many jobs there are.
-    TvsJobRecord jobs[2] = {{"Report", "ann", 7}, {"Letter", "", 8}};
-    std::memset(jobs[1].ownerName, 'A', sizeof jobs[1].ownerName);
-    const auto queue = [&](const char* name, uint32_t count) {
-        return FileOf(name, std::string(reinterpret_cast<const char*>(&count), sizeof count) +
-                                std::string(reinterpret_cast<const char*>(jobs), sizeof jobs));
-    };
+    // A queue as the bytes of a file, its last name without NUL. It says that it has more jobs than there are.
+    struct {
+        uint32_t count = 0xffffffff;
+        TvsJobRecord jobs[2] = {{"Report", "ann", 7}, {"Letter", "", 8}};
+    } queue;
+    std::memset(queue.jobs[1].ownerName, 'A', sizeof queue.jobs[1].ownerName);
+    const std::string queueFile = FileOf("queue", {reinterpret_cast<const char*>(&queue), sizeof queue});
+    const std::string owner(32, 'A');
     const Json report = {{"jobName", "Report"}, {"ownerName", "ann"}, {"jobId", 7}};
-    const Json letter = {{"jobName", "Letter"}, {"ownerName", std::string(32, 'A')}, {"jobId", 8}};
-    const std::string bothText = "jobName \"Report\", ownerName \"ann\", jobId 7\njobName \"Letter\", ownerName \"" +
-                                 std::string(32, 'A') + "\", jobId 8";
+    const Json letter = {{"jobName", "Letter"}, {"ownerName", owner}, {"jobId", 8}};
+    const std::string queueText =
+        "jobName \"Report\", ownerName \"ann\", jobId 7\njobName \"Letter\", ownerName \"" + owner + "\", jobId 8";
+    const auto port = [](const char* detail) {
+        return Json{{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", detail}};
+    };
     const std::string portText = "portKind: 8 (0x8: takes no direct requests)\nportName: \"LPT1:\"\nportDetail: ";
     const std::string office = "B\xc3\xbcro 5\xe2\x82\xac";
     const struct {
@@ -71,17 +75,10 @@ TEST(Variables, WhatIsSetIsRead) {
         {"PrinterLocation", {office}, office, office},
         {"PrinterLocation", {"--hex", "1b 5b 31 6d 0a 41 00"}, "\\x1b[1m\\nA", "\x1b[1m\nA"},
         {"PrinterStatus", {"--hex", "01000000 02000000 ffffffff"}, "1, 2, unknown", {1, 2, nullptr}},
-        {"Port",
-         {"portKind=8", "portName=LPT1:"},
-         portText + "\"\"",
-         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", ""}}},
-        {"Port",
-         {"portDetail=x"},
-         portText + "\"x\"",
-         {{"portKind", 8}, {"portName", "LPT1:"}, {"portDetail", "x"}}}, // the others are kept
+        {"Port", {"portKind=8", "portName=LPT1:"}, portText + "\"\"", port("")},
+        {"Port", {"portDetail=x"}, portText + "\"x\"", port("x")}, // the others are kept
         {"PrinterBinConfig", {"--hex", "010203"}, "01 02 03", nullptr},
-        {"PrinterQueue", {"--file", queue("two", 2)}, bothText, {report, letter}},
-        {"PrinterQueue", {"--file", queue("many", 0xffffffff)}, bothText, {report, letter}}, // more than there are
+        {"PrinterQueue", {"--file", queueFile}, queueText, {report, letter}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.variable) + " " + row.value[0]);

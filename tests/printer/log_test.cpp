@@ -16,14 +16,8 @@ TEST(Log, CountsRepeatsAndKeepsMessagesToOneLine) {
     Log(LogLevel::Error, "again"); // of another level: another message
     Log(LogLevel::Note, "two\nlines\x1b[31m \xc3\xa4");
     Log(LogLevel::Error, std::string(kLogLineMax + 9, 'x'));
-    for (int i = 0; i < 20; ++i) // more than are kept: what was counted is printed first
-        Log(LogLevel::Error, "n" + std::to_string(i));
     EndLog();
-    std::string expected = "TEST: warning: again\nTEST: again\nTEST: note: two?lines?[31m \xc3\xa4\nTEST: " +
-                           std::string(kLogLineMax, 'x') + "\n";
-    for (int i = 0; i < 20; ++i) {
-        if (i == 12) expected += "TEST: warning: again (3 more times)\n";
-        expected += "TEST: n" + std::to_string(i) + "\n";
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "TEST: warning: again\nTEST: again\nTEST: note: two?lines?[31m \xc3\xa4\nTEST: " +
+                  std::string(kLogLineMax, 'x') + "\nTEST: warning: again (3 more times)\n");
 }

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 
 namespace {
@@ -90,11 +89,6 @@ TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
         const bool listed = list.size() == good.size() && list[4] != 0;
         EXPECT_EQ(ForwardRequest(request), listed ? ResultFor(1, kRefreshRequest) : kNoPrinterSide) << list.size();
     }
-    Bytes renamed = good;
-    std::memcpy(renamed.data() + kEntryAt + kEntrySize + kNameAt, "Front", 6);
-    ASSERT_EQ(machine.master.Write("PrinterDatabase", renamed), kDone);
-    EXPECT_EQ(ForwardRequest("Refresh:Front"), ResultFor(1, kRefreshRequest));
-    EXPECT_EQ(ForwardRequest(request), kNoPrinterSide);
 }
 
 static const std::vector<VariableRow> kRequestVariables = {
