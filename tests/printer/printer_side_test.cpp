@@ -7,23 +7,6 @@
 
 namespace {
 
-const std::vector<VariableRow> kVariables = {{"ReadRequest", kTypeString, Bytes(32)},
-                                             {"WriteRequest", kTypeString, Bytes(32)},
-                                             {"RefreshStatus", kTypeString, Bytes(260)},
-                                             {"RWResult", kTypeNumber, Number(0)},
-                                             {"LMFunction", kTypeNumber, Number(0)},
-                                             {"SpoolerStatus", kTypeNumber, Number(0)},
-                                             {"PrinterExtStatus", kTypeNumber, Number(0)},
-                                             {"TerminateManager", kTypeNumber, Number(0)},
-                                             {"PrinterStatus", kTypeRecord, Bytes(12)},
-                                             {"ErrPaperJam", kTypeNumber, Number(0xFFFFFFFF)},
-                                             {"PageCount", kTypeNumber, Number(0xFFFFFFFF)},
-                                             {"PrinterModel", kTypeString, Bytes(64)},
-                                             {"PrinterBinConfig", kTypeVariableLength, Bytes(8)},
-                                             {"Port", kTypeRecord, Bytes(260)},
-                                             {"Level", kTypeByte, {0}},
-                                             {"Temperature", kTypeWord, {0, 0}}};
-
 std::string ScriptFile(const std::string& name, const std::string& text) {
     const std::string path = PrivateDirectory() + "/" + name;
     std::ofstream(path, std::ios::binary) << text;
@@ -122,7 +105,7 @@ TEST(Script, ErrorsAreToldWithTheirLines) {
 }
 
 TEST(PrinterSide, KeepsItsVariablesTrueAndAnswersRequests) {
-    const PrinterMachine machine(20000, kVariables);
+    const PrinterMachine machine;
     const Database& database = machine.databases[0];
     constexpr const char* kScript = "set PrinterStatus 1 2\nset PrinterModel \"Example\"\nset PrinterBinConfig 7 8\n"
                                     "set Level 200\nset Temperature -3\nset Unknown 1\nset PageCount 41\n"
@@ -176,7 +159,7 @@ TEST(PrinterSide, KeepsItsVariablesTrueAndAnswersRequests) {
 }
 
 TEST(PrinterSide, ReplaysItsScriptAsTimeGoesOn) {
-    const PrinterMachine machine(20000, kVariables);
+    const PrinterMachine machine;
     const Database& database = machine.databases[0];
     constexpr const char* kScript = "set ErrPaperJam 0\nwait 1h\n"
                                     "set ErrPaperJam 1\non read * refuse\nwait 1h\n"
@@ -193,7 +176,7 @@ TEST(PrinterSide, ReplaysItsScriptAsTimeGoesOn) {
 }
 
 TEST(PrinterSide, ForwardedRequestsAreCarriedOutOnce) {
-    const PrinterMachine machine(20000, kVariables);
+    const PrinterMachine machine;
     const Database& database = machine.databases[0];
     const Serving side(machine, "set LMFunction 1\nset PageCount 10\nset Level 1\non read PageCount delay 1ms\n"
                                 "on read Silent fail -101\n");
@@ -217,7 +200,7 @@ TEST(PrinterSide, ForwardedRequestsAreCarriedOutOnce) {
 }
 
 TEST(PrinterSide, AKilledOneIsFollowedByAnother) {
-    PrinterMachine machine(20000, kVariables);
+    PrinterMachine machine;
     const Database& database = machine.databases[0];
     {
         Serving first(machine, "set PageCount 1\non read PageCount delay 1h\n");

@@ -35,21 +35,6 @@ LONG AsNobodyIn(const std::string& database, const std::function<LONG(const Data
         groups);
 }
 
-const Bytes kNoList = {4, 0, 0, 0, 0, 0, 0, 0};
-
-const std::vector<VariableRow> kVariables = {
-    {"AccessControlList", kTypeVariableLength, kNoList},
-    {"Port", kTypeRecord, Bytes(260)},
-    {"PrinterExtStatus", kTypeNumber, Number(0)},
-    {"PortEx", kTypeComposite, {}},
-    {"PrinterName", kTypeString, Bytes(260)},
-    {"PageCount", kTypeNumber, Number(0)},
-    {"TerminateManager", kTypeNumber, Number(0)},
-    {"ReadRequest", kTypeString, Bytes(32)},
-    {kForwardMailbox, kTypeRecord, Bytes(8)},
-    {kForwardAnswer, kTypeRecord, Bytes(8)},
-};
-
 Bytes Changed(const Bytes& list, size_t entry, size_t at, const Bytes& value) {
     Bytes changed = list;
     std::copy(value.begin(), value.end(), changed.begin() + static_cast<ptrdiff_t>(kEntryAt + entry * kEntrySize + at));
@@ -60,8 +45,10 @@ Bytes Changed(const Bytes& list, size_t entry, size_t at, const Bytes& value) {
 
 TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
     UseAdministratorsGroup(kMembersGroupName);
-    const PrinterMachine machine(20000, kVariables);
+    const PrinterMachine machine;
     const Database& database = machine.databases[0];
+    for (const char* name : {kForwardMailbox, kForwardAnswer})
+        ASSERT_EQ(database.Add(name, kTypeRecord, Bytes(8)), kDone);
     ASSERT_EQ(database.Compose("PortEx", "PrinterExtStatus;Port;"), kDone);
     const struct {
         std::string variable;
@@ -114,7 +101,7 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
 
 TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
     UseAdministratorsGroup("");
-    const PrinterMachine machine(20000, kVariables);
+    const PrinterMachine machine;
     const auto write = [](const Database& master, const Bytes& list) { return master.Write("PrinterDatabase", list); };
     const Bytes three = PrinterList(3, 3);
     const Bytes four = PrinterList(4, 4);

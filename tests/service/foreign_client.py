@@ -1,8 +1,7 @@
-"""A client of the status database that shares no code with it, in the byte order of either kind of machine.
-
-foreign_client.py SOCKET big|little: calls each procedure, looks at the bytes of the replies, and prints "ok". The frames
-are those of DCE 1.1 RPC, connection-oriented, version 5.0 (C706, chapter 12).
-"""
+# A client of the status database that shares no code with it, in the byte order of either kind of machine.
+#
+# foreign_client.py SOCKET big|little: calls each procedure, looks at the bytes of the replies, and prints "ok". The frames
+# are those of DCE 1.1 RPC, connection-oriented, version 5.0 (C706, chapter 12).
 import datetime
 import socket
 import struct
@@ -38,7 +37,7 @@ class Client:
         self.stream.flush()
 
     def receive(self):
-        """A frame: its kind, its flags, its body, and the mark of its byte order for struct."""
+        # A frame: its kind, its flags, its body, and the mark of its byte order for struct.
         header = self.stream.read(16)
         order = "<" if header[4] & 0xF0 else ">"
         length, _, call_id = struct.unpack(order + "HHL", header[8:])
@@ -46,7 +45,7 @@ class Client:
         return header[2], header[3], self.stream.read(length - 16), order
 
     def call(self, procedure, *parameters):
-        """Parameters are numbers, text or bytes; gives the reply, or its fault, and the mark of its byte order."""
+        # Parameters are numbers, text or bytes; gives the reply, or its fault, and the mark of its byte order.
         body = b""
         for parameter in parameters:
             if isinstance(parameter, str):
@@ -74,7 +73,7 @@ class Client:
         return struct.unpack(mark + form, body)
 
     def expect(self, procedure, parameters, *reply):
-        """The reply is these bytes and numbers."""
+        # The reply is these bytes and numbers.
         body, mark = self.call(procedure, *parameters)
         wanted = [part if isinstance(part, bytes) else struct.pack(mark + "l", part) for part in reply]
         assert body == b"".join(wanted), (procedure, parameters, body[:40])

@@ -91,13 +91,8 @@ TEST(Forwarding, WithoutAPrinterSideIsAnsweredAtOnce) {
     }
 }
 
-static const std::vector<VariableRow> kRequestVariables = {
-    {"ReadRequest", kTypeString, Bytes(32)},   {"WriteRequest", kTypeString, Bytes(32)},
-    {"RWResult", kTypeNumber, Number(0)},      {"PrinterExtStatus", kTypeNumber, Number(0)},
-    {"SpoolerStatus", kTypeNumber, Number(0)}, {"TerminateManager", kTypeNumber, Number(0)}};
-
 TEST(Forwarding, ManyCallersEachGetTheirOwnAnswer) {
-    const PrinterMachine machine(20000, kRequestVariables);
+    const PrinterMachine machine;
     std::vector<TestProcess> sides;
     for (size_t i = 0; i < std::size(kPrinters); ++i)
         sides.push_back(PrinterSide(i));
@@ -143,7 +138,7 @@ TEST(Forwarding, APrinterSideThatDoesNotAnswerCostsItsCallersTheLimit) {
 TEST(Forwarding, APrinterSideThatIsGoneLeavesNoBitsAndNoRequest) {
     constexpr DWORD kUnavailable = static_cast<DWORD>(-50);
     constexpr DWORD kAwaitedMs = 300; // a successor, as long as a forwarded request
-    const PrinterMachine machine(kAwaitedMs, kRequestVariables);
+    const PrinterMachine machine(kAwaitedMs);
     // One for each printer. result: when a successor has been awaited long enough.
     const struct {
         const char* request;

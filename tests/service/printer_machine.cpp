@@ -2,6 +2,26 @@
 
 #include <cstring>
 
+static const std::vector<VariableRow> kVariables = {{"AccessControlList", kTypeVariableLength, kNoList},
+                                                    {"ErrPaperJam", kTypeNumber, Number(0xFFFFFFFF)},
+                                                    {"Level", kTypeByte, {0}},
+                                                    {"LMFunction", kTypeNumber, Number(0)},
+                                                    {"PageCount", kTypeNumber, Number(0xFFFFFFFF)},
+                                                    {"Port", kTypeRecord, Bytes(260)},
+                                                    {"PortEx", kTypeComposite, {}},
+                                                    {"PrinterBinConfig", kTypeVariableLength, Bytes(8)},
+                                                    {"PrinterExtStatus", kTypeNumber, Number(0)},
+                                                    {"PrinterModel", kTypeString, Bytes(64)},
+                                                    {"PrinterName", kTypeString, Bytes(260)},
+                                                    {"PrinterStatus", kTypeRecord, Bytes(12)},
+                                                    {"ReadRequest", kTypeString, Bytes(32)},
+                                                    {"RefreshStatus", kTypeString, Bytes(260)},
+                                                    {"RWResult", kTypeNumber, Number(0)},
+                                                    {"SpoolerStatus", kTypeNumber, Number(0)},
+                                                    {"Temperature", kTypeWord, {0, 0}},
+                                                    {"TerminateManager", kTypeNumber, Number(0)},
+                                                    {"WriteRequest", kTypeString, Bytes(32)}};
+
 std::string DatabaseOf(size_t printer) {
     return "TVORSQD_DB" + std::to_string(printer + 1);
 }
@@ -27,7 +47,7 @@ void UseProductSetting(const char* name, DWORD type, const std::string& bytes) {
     RegCloseKey(key);
 }
 
-PrinterMachine::PrinterMachine(DWORD limitMs, const std::vector<VariableRow>& rows) : variables(rows) {
+PrinterMachine::PrinterMachine(DWORD limitMs) {
     UseProductSetting("ForwardLimit", REG_DWORD, {reinterpret_cast<const char*>(&limitMs), sizeof limitMs});
     StartService();
 }
@@ -38,5 +58,5 @@ void PrinterMachine::StartService() {
     master = Database("TVORSQD_DB", {{"PrinterDatabase", kTypeVariableLength, PrinterList(4, 4)}});
     databases.clear();
     for (size_t i = 0; i < std::size(kPrinters); ++i)
-        databases.emplace_back(DatabaseOf(i), variables);
+        databases.emplace_back(DatabaseOf(i), kVariables);
 }

@@ -10,7 +10,8 @@ inline const std::string kPrinters[] = {"Front desk", "Back office", "Cellar", "
 std::string DatabaseOf(size_t printer);
 // The printer list, with that many entries; count: what it says of them.
 Bytes PrinterList(DWORD entries, DWORD count);
-inline constexpr size_t kEntryAt = 8; // of the list, and what an entry has where
+inline const Bytes kNoList = {4, 0, 0, 0, 0, 0, 0, 0}; // of access control entries
+inline constexpr size_t kEntryAt = 8;                  // of the list, and what an entry has where
 inline constexpr size_t kEntrySize = 560;
 inline constexpr size_t kOwnerAt = 4;
 inline constexpr size_t kNameAt = 8;
@@ -20,11 +21,9 @@ inline constexpr size_t kDatabaseAt = 268;
 void UseProductSetting(const char* name, DWORD type, const std::string& bytes);
 
 struct PrinterMachine {
-    // limitMs: of a forwarded request. variables: of each printer.
-    explicit PrinterMachine(DWORD limitMs = 20000, const std::vector<VariableRow>& variables = {});
+    explicit PrinterMachine(DWORD limitMs = 20000); // of a forwarded request
     void StartService();
 
-    std::vector<VariableRow> variables;
     std::unique_ptr<Service> service;
     Database master;
     std::vector<Database> databases;
