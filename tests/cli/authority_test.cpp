@@ -48,7 +48,6 @@ TEST(Authority, IsExplainedAsTheLibraryComputesIt) {
     // Of other sources.
     OrielText({"acl", "set", kPrinter, "D:(A;;SW;;;WD)"});
     EXPECT_EQ(OrielJson({"authority", kPrinter, "--user", "\\\\.\\kptmon"})["authority"], 31);
-    EXPECT_EQ(OrielJson({"authority", kPrinter, "--kind", "4", "--explain"})["authority"], 11);
     OrielText({"set", kPrinter, "Port", "portKind=8"});
     OrielText({"set", kPrinter, "UserAuthority", "5"});
     const Json stored = OrielJson({"authority", kPrinter, "--explain"});

@@ -43,7 +43,6 @@ TEST(CommandLine, OnAFreshMachine) {
         {{}, 2, "", "a command is missing"},
         {{"frobnicate"}, 2, "", "there is no command \"frobnicate\"; 'oriel --help'"},
         {{"--scope", "user", "wacth", "Front desk"}, 2, "", "did you mean \"watch\"?"},
-        {{"help", "statsu"}, 2, "", "did you mean \"status\"?"},
         {{"status", "--scope", "user"}, 2, "", "the environment names the directories"},
         {{"get", "Front desk"}, 2, "", "VARIABLE"},
         {{"get", "Front desk", "PageCount", "--kind", "13"}, 2, "", "--kind"},
@@ -58,7 +57,6 @@ TEST(CommandLine, OnAFreshMachine) {
         {{"reg", "query", "HKXX\\Nothing"}, 2, "", "HKLM"},
         {{"reg", "delete", "HKLM"}, 2, "", "root"},
         {{"reg", "set", "HKLM\\K", "V", "12x", "--type", "dword"}, 2, "", "12x"},
-        {{"reg", "set", "HKLM\\K", "V", "0g", "--type", "binary"}, 2, "", "bytes"},
         {{"reg", "import", "/nonexistent.reg"}, 1, "", "/nonexistent.reg"},
         {{"reg", "query", "HKLM\\K"}, 1, "", "no such key"}, // the refused ones made nothing
         {{"printers"}, 0, "no printers", ""},
@@ -105,7 +103,6 @@ TEST(CommandLine, WithTheProductUp) {
         {{"set", p, "PageCount", "12x"}, 2, "", "PageCount takes a 32-bit number, not \"12x\""},
         {{"set", p, "PageCount", "--hex", "01 02"}, 2, "", "takes 4 bytes, not 2"},
         {{"set", p, "ServiceNote", std::string(32, 'x')}, 2, "", "takes at most 31 bytes, not 32"},
-        {{"set", p, "ServiceNote", "two", "words"}, 2, "", "takes one value"},
         {{"set", p, "CurrentStatus", "1"}, 2, "", "set the variables it is made of"},
         {{"set", p, "PrinterBinConfig", "1"}, 2, "", "--hex or --file"},
         {{"set", p, "Port", "colour=1"}, 2, "", "portKind, portName, portDetail"},

