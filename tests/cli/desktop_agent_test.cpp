@@ -71,7 +71,6 @@ TEST(DesktopAgent, IsAloneHoweverManyBeginAndHoldsNothingOfItsCreator) {
     for (const char* stream : {"fd/0", "fd/1", "fd/2"})
         EXPECT_EQ(std::filesystem::read_symlink(folder / stream), "/dev/null");
     EXPECT_NE(getsid(AgentProcess()), getsid(0));
-    EXPECT_EQ(RunProgram(ProgramPath("TVORPZ.EXE")).exitCode, 2);
 }
 
 TEST(DesktopAgent, EndsWhenItIsAskedToAndWithDesktopAndProduct) {

@@ -74,7 +74,6 @@ TEST(Script, ErrorsAreToldWithTheirLines) {
         {"pages 0", "'0' is no number of pages from 1 to 100000"},
         {"queue Events 12 1001", "'1001' is no length from 1 to 1000"},
         {"queue Events 65536 1000", "the queue is larger than any can be"},
-        {"set PageCount", "there should be a value"},
         {"set PageCount 4294967296", "'4294967296' is no 32-bit number"},
         {"set Level 256:8", "'256:8' does not fit into its bits"},
         {"set PrinterModel \"abc\":3", "the text and its NUL have 4 bytes"},
