@@ -85,7 +85,7 @@ KernelName VariableEventName(bool terminalServer, std::string_view database, std
                    signal == VariableSignal::Updated ? ":Updated" : ":Changed"});
 }
 
-EveryoneAccess::EveryoneAccess() : attributes{sizeof attributes, nullptr, FALSE} {
+EveryoneAccess::EveryoneAccess(DWORD access) : attributes{sizeof attributes, nullptr, FALSE} {
     SID_IDENTIFIER_AUTHORITY worldAuthority = SECURITY_WORLD_SID_AUTHORITY;
     PSID world = nullptr;
     if (!AllocateAndInitializeSid(&worldAuthority, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &world)) return;
@@ -96,7 +96,7 @@ EveryoneAccess::EveryoneAccess() : attributes{sizeof attributes, nullptr, FALSE}
     DWORD size = sizeof descriptor;
     if (InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION) &&
         SetSecurityDescriptorOwner(&absolute, nullptr, FALSE) && SetSecurityDescriptorGroup(&absolute, world, FALSE) &&
-        InitializeAcl(acl, aclSize, ACL_REVISION) && AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, world) &&
+        InitializeAcl(acl, aclSize, ACL_REVISION) && AddAccessAllowedAce(acl, ACL_REVISION, access, world) &&
         SetSecurityDescriptorDacl(&absolute, TRUE, acl, FALSE) && MakeSelfRelativeSD(&absolute, descriptor, &size))
         attributes.lpSecurityDescriptor = descriptor;
     FreeSid(world);

@@ -4,6 +4,7 @@
 #include "composite.h"
 #include "forwarding.h"
 #include "printers.h"
+#include "publishing.h"
 #include "signals.h"
 
 #include "product/printer_list.h"
@@ -48,8 +49,10 @@ ServiceStatus AddAndSignal(Database& database, Account& account, const NewVariab
                            DWORD size) REQUIRES(database.lock) {
     Variable* variable = nullptr;
     const ServiceStatus status = AddVariable(database, account, wanted, bytes, size, &variable);
-    if (status == kDone) SignalWritten(database, Written{variable, true}); // for watchers of a composite that lists it
-    return status;
+    if (status != kDone) return status;
+    PublishNewVariable(database, *variable);
+    SignalWritten(database, Written{variable, true}); // for watchers of a composite that lists it
+    return kDone;
 }
 
 // The first write to a name that is another variable's and "W": the variable takes the same values as the other.
@@ -106,7 +109,7 @@ ServiceStatus Store(Database& database, const Caller& caller, Variable& variable
     bool changed = false;
     const ServiceStatus status = variable.role == VariableRole::AccessList
                                      ? WriteAccessList(database, variable, account, bytes, size, &changed)
-                                     : WriteValue(variable, database.arena, account, bytes, size, &changed);
+                                     : WriteValue(variable, database.store, account, bytes, size, &changed);
     if (status == kDone) SignalWritten(database, Written{&variable, changed});
     return status;
 }
@@ -146,7 +149,7 @@ ServiceStatus WriteComposite(Database& database, const Caller& caller, const Var
         all[i] = {variable, false};
         part += variable->room;
     }
-    WriteParts(parts, all, bytes);
+    WriteParts(database, parts, all, bytes);
     SignalWritten(database, all);
     part = bytes;
     for (const Written& each : all) {
@@ -194,8 +197,10 @@ ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std:
     if (!variable) return kUnknownVariable;
     if (variable->type != kTypeComposite) return kBadArgument;
     const ServiceStatus status = StoreMembers(database, *caller.group.account, *variable, list);
-    if (status == kDone) SignalWritten(database, Written{variable, true});
-    return status;
+    if (status != kDone) return status;
+    PublishNewList(database, *variable);
+    SignalWritten(database, Written{variable, true});
+    return kDone;
 }
 
 ServiceStatus WriteVariable(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,
@@ -211,5 +216,13 @@ ServiceStatus WriteVariable(Database& database, const Caller& caller, std::strin
     if (status == kDone) status = CheckValueSize(*variable, size);
     if (status == kDone) status = Store(database, caller, *variable, bytes, size);
     if (status == kDone) FollowWrite(caller, database, *variable, bytes, size);
+    GrowPublication(database);
     return status;
+}
+
+ServiceStatus EndInitialisationOf(Database& database, DWORD handle) {
+    const LockHold hold{database.lock};
+    // First, so that it is complete when others find the database.
+    if (database.state.load(std::memory_order_relaxed) == DatabaseState::Initialising) PublishDatabase(database);
+    return EndInitialisation(database, handle);
 }

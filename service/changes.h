@@ -9,6 +9,7 @@
 product::ServiceStatus CreateDatabase(const Caller& caller, std::string_view name, DWORD handle, Database** created);
 
 // What product/interface.h says of the procedures of these names.
+product::ServiceStatus EndInitialisationOf(Database& database, DWORD handle);
 product::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
                                       product::DatabaseType type, const BYTE* bytes, DWORD size);
 product::ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std::string_view composite,

@@ -119,8 +119,8 @@ ServiceStatus StoreMembers(Database& database, Account& account, Variable& compo
     DWORD count = 0;
     ServiceStatus status = CountNames(list, &count);
     if (status != kDone) return status;
-    void* piece = database.arena.Take(account, sizeof(MemberList) + count * sizeof(MemberList::Member),
-                                      alignof(MemberList::Member), &status);
+    void* piece = database.store.arena.Take(account, sizeof(MemberList) + count * sizeof(MemberList::Member),
+                                            alignof(MemberList::Member), &status);
     if (!piece) return status;
     auto* members = new (piece) MemberList{count};
     for (DWORD i = 0; i < count;) {
@@ -131,8 +131,18 @@ ServiceStatus StoreMembers(Database& database, Account& account, Variable& compo
         new (&members->Members()[i++]) MemberList::Member{name, FindVariable(database, text)};
     }
     composite.members.store(members, std::memory_order_release);
-    TouchWriteTime(composite);
+    TouchWriteTime(composite, database.store, SlotList{database, composite}.Numbers());
     return kDone;
+}
+
+SlotList::SlotList(const Database& database, const Variable& composite) {
+    Parts parts;
+    GatherParts(database, composite, parts);
+    isWhole = !parts.tooMany;
+    for (; count < parts.count; ++count) {
+        numbers[count] = parts.variables[count]->slot.load(std::memory_order_relaxed);
+        isWhole &= numbers[count] != 0;
+    }
 }
 
 ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, BYTE* out, DWORD capacity,
@@ -157,9 +167,9 @@ bool TakeWholeValue(const Parts& parts, DWORD size) {
     return parts.count > 0 && whole == size;
 }
 
-void WriteParts(const Parts& parts, std::span<Written> written, const BYTE* bytes) {
+void WriteParts(Database& database, const Parts& parts, std::span<Written> written, const BYTE* bytes) {
     const PartsHold hold{parts};
-    WriteTogether(written, bytes);
+    WriteTogether(written, database.store, bytes);
 }
 
 bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,

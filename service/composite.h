@@ -20,6 +20,17 @@ struct alignas(void*) MemberList {
 product::ServiceStatus StoreMembers(Database& database, Account& account, Variable& composite, std::string_view list)
     REQUIRES(database.lock);
 
+// The slots of the parts, in order: what is published of a composite.
+struct SlotList {
+    SlotList(const Database& database, const Variable& composite);
+    // Without memory when a part has no slot, or there are too many.
+    std::span<const DWORD> Numbers() const { return isWhole ? std::span{numbers, count} : std::span<const DWORD>{}; }
+
+    DWORD numbers[product::kCompositePartsMax];
+    DWORD count = 0;
+    bool isWhole = true;
+};
+
 // Reads any variable's value as it was at one moment. kBufferTooSmall: capacity is less than state->size, and out may
 // hold anything. kLimitReached: a composite of too many parts or bytes.
 product::ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, BYTE* out, DWORD capacity,
@@ -39,7 +50,7 @@ void GatherParts(const Database& database, const Variable& composite, Parts& par
 // variable length, whose value would be cut.
 bool TakeWholeValue(const Parts& parts, DWORD size);
 // Stores each part's bytes of the value, all at one moment. written: one for each part, in order.
-void WriteParts(const Parts& parts, std::span<Written> written, const BYTE* bytes);
+void WriteParts(Database& database, const Parts& parts, std::span<Written> written, const BYTE* bytes);
 
 // Whether one of those variables is a part of the composite. *changed: one that changed is.
 bool IsComposedOf(const Database& database, const Variable& composite, std::span<const Written> variables,

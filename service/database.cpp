@@ -39,7 +39,9 @@ void ReleaseContents(Database& database) REQUIRES(database.lock) {
     for (std::atomic<Variable*>& bucket : database.buckets)
         bucket.store(nullptr, std::memory_order_relaxed);
     database.variableCount.store(0, std::memory_order_relaxed);
-    database.arena.Release();
+    ReleasePublication(database.store.publication.exchange(nullptr));
+    database.store.publicationIsFull = false;
+    database.store.arena.Release();
 }
 
 // Wakes those who wait for the database; they ask again.
@@ -124,7 +126,7 @@ void HandleIsGone(Database& database, DWORD handle) {
 Variable* FindVariable(const Database& database, std::string_view name) {
     const DWORD hash = HashOf(name);
     Variable* variable = database.buckets[hash % Database::kBuckets].load(std::memory_order_acquire);
-    while (variable && !(variable->hash == hash && variable->name->Text() == name))
+    while (variable && !(variable->name->hash == hash && variable->name->Text() == name))
         variable = variable->next.load(std::memory_order_relaxed);
     return variable;
 }
@@ -139,20 +141,19 @@ ServiceStatus AddVariable(Database& database, Account& account, const NewVariabl
     ValueBlock* block = nullptr;
     if (wanted.type != kTypeComposite) {
         const DWORD capacity = wanted.type == kTypeVariableLength ? size : wanted.room;
-        block = NewValueBlock(database.arena, account, capacity, bytes, size, &status);
+        block = NewValueBlock(database.store.arena, account, capacity, bytes, size, &status);
         if (!block) return status;
     }
-    void* piece = database.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
+    void* piece = database.store.arena.Take(account, sizeof(Variable), alignof(Variable), &status);
     if (!piece) return status;
     auto* variable = new (piece) Variable{};
     variable->name = name;
-    variable->hash = name->hash;
     variable->type = static_cast<BYTE>(wanted.type);
     variable->room = wanted.room;
     variable->companion = wanted.companion;
     variable->role = wanted.role;
     variable->block.store(block, std::memory_order_relaxed);
-    TouchWriteTime(*variable);
+    TouchWriteTime(*variable, database.store);
     std::atomic<Variable*>& bucket = database.buckets[name->hash % Database::kBuckets];
     variable->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_relaxed);
     bucket.store(variable, std::memory_order_release);
@@ -174,6 +175,7 @@ void ReleaseDatabases() {
         while (database) {
             Database* next = database->next;
             Account& account = *database->account;
+            ReleasePublication(database->store.publication);
             delete database; // its arena credits its own charges
             GiveBack(account, kShareDatabases, 1);
             database = next;

@@ -43,10 +43,9 @@ struct Database {
     // Watches in the whole database. While there are none, a write does not look for events.
     std::atomic<DWORD> watches = 0;
     std::atomic<VariableSignals*> compositeSignals = nullptr; // of composites that were watched
-    DWORD nextClosing = 0; // tick count from which a burst may be closed; of the thread in signals.cpp alone
 
     Lock lock; // what changes the state, or adds a variable or member list
-    Arena arena;
+    ValueStore store;
     Forwarding forwarding;
     DWORD creatorHandle GUARDED_BY(lock) = 0;
     HANDLE initialisedEvent GUARDED_BY(lock) = nullptr; // while it is Initialising

@@ -55,7 +55,7 @@ void StoreInMailbox(Database& database, Variable& mailbox, const ForwardedReques
     BYTE bytes[sizeof request];
     memcpy(bytes, &request, sizeof request);
     bool changed = false;
-    WriteValue(mailbox, database.arena, *database.account, bytes, sizeof bytes, &changed);
+    WriteValue(mailbox, database.store, *database.account, bytes, sizeof bytes, &changed);
 }
 
 DWORD NextId(Forwarding& forwarding) REQUIRES(forwarding.lock) {
@@ -117,7 +117,7 @@ void StoreNumber(Database& database, Variable& variable, DWORD number) {
     memcpy(bytes, &number, sizeof number);
     bool changed = false;
     if (CheckValueSize(variable, sizeof number) != kDone) return;
-    WriteValue(variable, database.arena, *database.account, bytes, sizeof bytes, &changed); // as large as the block
+    WriteValue(variable, database.store, *database.account, bytes, sizeof bytes, &changed); // as large as the block
     SignalWritten(database, Written{&variable, changed});
 }
 

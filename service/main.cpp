@@ -62,6 +62,7 @@ DWORD ServeClients() {
     ReportState(SERVICE_RUNNING);
     WaitForSingleObject(g_stopEvent, INFINITE); // unbounded: until the service is asked to stop
     ReportState(SERVICE_STOP_PENDING);
+    EndPublishing();
     RpcMgmtStopServerListening(nullptr);
     EndForwarding();
     RpcMgmtWaitServerListen(); // bounded: EndForwarding answered the calls that waited
@@ -73,6 +74,7 @@ DWORD ServeClients() {
 DWORD Run() {
     InitialiseHandles();
     if (!StartForwarding() || !StartSignals()) return GetLastError();
+    BeginPublishing();
     const DWORD result = ServeClients();
     StopForwarding();
     StopSignals();

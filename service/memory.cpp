@@ -168,13 +168,6 @@ Name* g_buckets[kBuckets] GUARDED_BY(g_namesLock);
 
 } // namespace
 
-DWORD HashOf(std::string_view text) {
-    DWORD hash = 2166136261U; // FNV-1a
-    for (char c : text)
-        hash = (hash ^ static_cast<BYTE>(c)) * 16777619U;
-    return hash;
-}
-
 const Name* InternName(Account& account, std::string_view text, product::ServiceStatus* status) {
     const DWORD hash = HashOf(text);
     LockHold hold{g_namesLock};

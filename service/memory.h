@@ -5,6 +5,7 @@
 #include "settings.h"
 
 #include "product/lock.h"
+#include "product/published_values.h"
 
 #include <atomic>
 #include <string_view>
@@ -73,7 +74,9 @@ struct Name {
     std::string_view Text() const { return {text, length}; }
 };
 
-DWORD HashOf(std::string_view text);
+inline DWORD HashOf(std::string_view text) {
+    return product::PublishedHash(text);
+}
 
 // The name with that text. Null: *status says why.
 const Name* InternName(Account& account, std::string_view text, product::ServiceStatus* status);

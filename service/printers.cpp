@@ -250,7 +250,7 @@ bool StoreList(Database& database, Variable& variable, const Caller& caller, boo
     const bool everybodys = IsEverybodys(before, after, caller.association.Process());
     if (!everybodys && !administrator) return false;
     const std::vector<Renamed> renamed = everybodys ? std::vector<Renamed>{} : RenamedPrinters(before, after);
-    *status = WriteValue(variable, database.arena, *caller.group.account, bytes, size, &written->changed);
+    *status = WriteValue(variable, database.store, *caller.group.account, bytes, size, &written->changed);
     if (*status == kDone) MoveAccessLists(renamed);
     return true;
 }
@@ -278,12 +278,12 @@ ServiceStatus WriteAccessList(Database& database, Variable& variable, Account& a
                               bool* changed) {
     LockHold hold{g_printersLock};
     const std::string_view printer = PrinterOfDatabase(database.name);
-    if (printer.empty()) return WriteValue(variable, database.arena, account, bytes, size, changed);
+    if (printer.empty()) return WriteValue(variable, database.store, account, bytes, size, changed);
     const std::optional<std::vector<BYTE>> kept = KeptAccessList(printer);
     if (!kept || !std::equal(kept->begin(), kept->end(), bytes, bytes + size))
         if (const LSTATUS status = KeepAccessList(printer, bytes, size); status != ERROR_SUCCESS)
             return static_cast<ServiceStatus>(status);
-    const ServiceStatus status = WriteValue(variable, database.arena, account, bytes, size, changed);
+    const ServiceStatus status = WriteValue(variable, database.store, account, bytes, size, changed);
     if (status == kDone) return kDone;
     if (kept)
         KeepAccessList(printer, kept->data(), static_cast<DWORD>(kept->size()));

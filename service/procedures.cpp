@@ -111,7 +111,7 @@ LONG Serve(Row<kGetDatabaseInfo>, const Caller& caller, DWORD handle, DatabaseIn
 
 LONG Serve(Row<kEndDatabaseInitialization>, const Caller& caller, DWORD handle) {
     const DatabaseUse database{caller.group, handle};
-    return database ? EndInitialisation(*database, handle) : kUnknownDatabase;
+    return database ? EndInitialisationOf(*database, handle) : kUnknownDatabase;
 }
 
 LONG Serve(Row<kCreateVariable>, const Caller& caller, DWORD handle, std::string_view name, DWORD type,
@@ -139,7 +139,6 @@ LONG Serve(Row<kGetVariableInfo>, const Caller& caller, DWORD handle, std::strin
     if (!database) return kUnknownDatabase;
     Variable* variable = FindVariable(*database, name);
     if (!variable) return kUnknownVariable;
-    NoteQuestion(caller.group, *variable);
     ValueState state = {};
     const ServiceStatus status = ReadAnyValue(*database, *variable, nullptr, 0, &state);
     if (status == kLimitReached) return status;
@@ -165,6 +164,20 @@ LONG Serve(Row<kUnwatchVariable>, const Caller& caller, DWORD handle, std::strin
     if (!database) return kUnknownDatabase;
     const Variable* variable = FindVariable(*database, name);
     return variable ? EndWatch(caller.group, *variable) : kUnknownVariable;
+}
+
+LONG Serve(Row<kFindPublishedValues>, const Caller& caller, DWORD handle, std::string_view& section, DWORD& size,
+           std::string_view& life) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    if (!database.IsReady()) return kBeingInitialised;
+    const LockHold hold{database->lock}; // not while the section is being replaced
+    const Publication* publication = database->store.publication.load(std::memory_order_relaxed);
+    if (!publication) return kDone;
+    section = SectionName(*publication);
+    size = SectionSize(*publication);
+    life = LifeName();
+    return kDone;
 }
 
 LONG Serve(Row<kForwardRequest>, const Caller&, std::string_view request) {

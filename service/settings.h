@@ -29,18 +29,6 @@ inline constexpr Bound kBounds[kShareCount] = {
 inline constexpr DWORD kUsersMax = 4096;
 inline constexpr DWORD kVariablesPerDatabase = 2048;
 
-// A pulse that follows another within the gap belongs to a burst. A burst ends with a closing pulse, after the delay.
-inline constexpr DWORD kBurstGapMs = 250;
-inline constexpr DWORD kClosingDelayMs = 50;
-// A pulse within the gap after a question for the write time may come before the asker waits. After the delay, which is
-// long enough for a watcher that was woken to run, the service checks whether the watcher asked again.
-inline constexpr DWORD kLookGapMs = 1000;
-inline constexpr DWORD kLookDelayMs = 200;
-// A watcher of many variables misses pulses while it delivers. So closing pulses of one database are this far apart.
-inline constexpr DWORD kClosingSpacingMs = 4;
-// A closing pulse is repeated while a watcher that asks for the write time after each pulse has not asked.
-inline constexpr DWORD kClosingRepeatMs = 60;
-inline constexpr DWORD kClosingRepeats = 6;
 // The writer's own call pulses an event of up to so many watches. Waking more would delay its reply, so the thread of
 // the signals does it.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
@@ -60,7 +48,7 @@ inline bool ReadSetting(const char* name, DWORD type, void* value, DWORD size) {
            found == type;
 }
 
-// ---- the clocks: the time of day for write times, and milliseconds that only go forward for pulses
+// ---- the clocks: the time of day for write times, and milliseconds that only go forward for bounds
 
 inline constexpr ULONGLONG kWriteTimeStep = 10000; // a millisecond, which is what a SYSTEMTIME can tell
 

@@ -1,35 +1,25 @@
 // Events that signal writes.
 //
 // A watched variable has up to two: "Updated" for every write (mode 1) and "Changed" for writes of other bytes (mode
-// 2). A signal is a pulse: it wakes whoever waits at that moment. A watcher that is busy delivering misses it. So a
-// burst of pulses ends with a closing pulse, 50 ms after its last write, which wakes watchers that came back to wait by
-// then.
+// 2). A signal is a pulse, one for each write, given after the value can be read. A pulse moves the position of its
+// event, so a watcher that remembers where its last wait ended misses none, and the published count of writes tells it
+// what is new. The published count of pulses tells the service's from those of others (docs/notifications.md).
 //
-// Most watchers ask for the write time after each pulse. The closing pulse is repeated a few times while one of them
-// has not asked since the last write. A single write just after such a question, when the asker may not wait yet, gets
-// the same check. One watcher may wait for many variables, so closing pulses of one database are spaced.
-//
-// State: with each watched variable; the queue of later pulses, which one thread serves, in signals.cpp.
+// State: with each watched variable; the queue of owed pulses, which one thread serves, in signals.cpp.
 #pragma once
 
 #include "database.h"
 
 struct Watch; // watches.h
 
-// One event and its pending pulses. The owner's lock guards all but the first two fields and the last.
+// One event and its pulses. The owner's lock guards all but the first two fields and the last.
 struct Signal {
     VariableSignals* owner;
     product::WatchMode mode;
     HANDLE event = nullptr; // while it has watches
     DWORD watches = 0;
-    DWORD lastPulse = 0;  // tick count, once pulsed
-    DWORD closingDue = 0; // tick count, while closing
-    bool pulsed = false;
-    bool closing = false;       // a closing pulse is pending
-    bool closingPlaced = false; // closingDue is spaced from others
-    bool closingQueued = false; // it is in the queue of closing pulses
-    DWORD repeats = 0;          // of the closing pulse; 0: unconditional
-    bool owed = false;          // a write was not signalled yet; it is in the list of those
+    DWORD pulses = 0;           // begun
+    bool owed = false;          // writes were not signalled yet; it is in the list of those
     Signal* nextOwed = nullptr; // guarded by the queue's lock
 };
 
@@ -40,10 +30,7 @@ struct VariableSignals {
     VariableSignals* nextComposite = nullptr; // of Database::compositeSignals; set before it can be seen
     VariableSignals* nextOfAll = nullptr;
     std::atomic<DWORD> watchCount = 0; // of both
-    std::atomic<DWORD> lastLook = 0;   // tick count of the last question for the write time, once looked
-    std::atomic<bool> looked = false;
-    std::atomic<DWORD> writes = 0;
-    Watch* watches = nullptr; // guarded by the lock of watches.cpp
+    Watch* watches = nullptr;          // guarded by the lock of watches.cpp
 
     Lock lock;
     Signal everyWrite GUARDED_BY(lock){this, product::kEveryWrite};
@@ -57,12 +44,6 @@ product::ServiceStatus AddWatchTo(VariableSignals& signals, product::WatchMode m
 // True when it was the last one of both modes.
 bool RemoveWatchFrom(VariableSignals& signals, product::WatchMode mode);
 
-// Notes a question for the write time, before it is read. False: nobody watches the variable.
-bool NoteLook(VariableSignals& signals);
-// Whether a watcher in this mode that asks for the write time after each pulse has not asked since the last write.
-// Defined with the watches.
-bool WasMissed(VariableSignals& signals, product::WatchMode mode);
-
 // Variables were written at one moment, and their values can be read. Signals each watched one, and each watched
 // composite of any of them, once.
 void SignalWritten(Database& database, std::span<const Written> variables);
@@ -70,7 +51,10 @@ inline void SignalWritten(Database& database, const Written& variable) {
     SignalWritten(database, std::span{&variable, 1});
 }
 
-// Starts the thread that pulses later. False: it cannot be started, and the last error says why.
+// Puts the counts of pulses into a new section.
+void PublishPulses(VariableSignals& signals);
+
+// Starts the thread that pulses events of many watches. False: it cannot be started, and the last error says why.
 bool StartSignals();
 // Ends the thread; nothing is pulsed afterwards. No call may be in progress.
 void StopSignals();

@@ -95,30 +95,53 @@ ULONGLONG WriteTimeOf(const Variable& variable) {
     return high << 32 | variable.writeTime[0].load(std::memory_order_acquire);
 }
 
-// Stores now, or `earliest` when the time of day was set back before it.
-void StoreWriteTime(Variable& variable, ULONGLONG now, ULONGLONG earliest) {
-    const ULONGLONG time = std::max(now, earliest);
-    variable.writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
-    variable.writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
-}
+// One change of a variable and of its slot: their sequence counts are odd while it lasts. The writer's lock is held.
+class Change {
+public:
+    void Begin(Variable& variable, ValueStore& store) {
+        m_variable = &variable;
+        m_store = &store;
+        m_publication = store.publication.load(std::memory_order_acquire);
+        m_slot = m_publication ? variable.slot.load(std::memory_order_relaxed) : 0;
+        const DWORD odd = variable.sequence.load(std::memory_order_relaxed) + 1;
+        variable.sequence.store(odd, std::memory_order_relaxed);
+        BeginSlot(m_publication, m_slot, odd);
+    }
+    // Sequentially consistent: the writer reads the count of watches next. A client that has just set its watch must
+    // either be seen there or see this value.
+    void End() {
+        const DWORD even = m_variable->sequence.load(std::memory_order_relaxed) + 1;
+        EndSlot(m_publication, m_slot, even);
+        m_variable->sequence.store(even, std::memory_order_seq_cst);
+    }
 
-// The writer's side of the sequence count; the writer's lock is held.
-void BeginChange(Variable& variable) {
-    variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
+    // Of other bytes than before.
+    void PublishValue(const BYTE* bytes, DWORD size) {
+        CountChange(m_publication, m_slot);
+        if (!PutValue(m_publication, m_slot, bytes, size)) m_store->publicationIsFull = true;
+    }
+    // Stores now, or `earliest` when the time of day was set back before it.
+    void StoreWriteTime(ULONGLONG now, ULONGLONG earliest) {
+        const ULONGLONG time = std::max(now, earliest);
+        m_variable->writeTime[0].store(static_cast<DWORD>(time), std::memory_order_release);
+        m_variable->writeTime[1].store(static_cast<DWORD>(time >> 32), std::memory_order_release);
+        PutTime(m_publication, m_slot, time);
+    }
 
-// Sequentially consistent: the writer reads the count of watches next. A client that has just set its watch must either
-// be seen there or see this value.
-void EndChange(Variable& variable) {
-    variable.sequence.store(variable.sequence.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
-}
-
-struct Change {
-    Variable& variable;
-
-    explicit Change(Variable& changed) : variable(changed) { BeginChange(variable); }
-    ~Change() { EndChange(variable); }
+private:
+    Variable* m_variable = nullptr;
+    ValueStore* m_store = nullptr;
+    Publication* m_publication = nullptr;
+    DWORD m_slot = 0;
 };
+
+const BYTE* BytesOf(std::span<const DWORD> list) {
+    return reinterpret_cast<const BYTE*>(list.data());
+}
+
+DWORD SizeOf(std::span<const DWORD> list) {
+    return list.data() ? static_cast<DWORD>(list.size_bytes()) : kAskService;
+}
 
 // Bytes [from, to) of the value.
 void CopyBytes(ValueBlock& block, DWORD from, DWORD to, BYTE* out) {
@@ -226,7 +249,7 @@ ULONGLONG ReadWriteTime(const Variable& variable) {
     }
 }
 
-ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
+ServiceStatus WriteValue(Variable& variable, ValueStore& store, Account& account, const BYTE* bytes, DWORD size,
                          bool* changed) {
     LockHold hold{g_writerLocks[WriterLockOf(variable)]};
     ValueBlock* block = variable.block.load(std::memory_order_relaxed);
@@ -235,38 +258,66 @@ ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, con
     if (size > block->capacity) {
         ServiceStatus status = kDone;
         const DWORD doubled = std::min(block->capacity * 2, kValueSizeMax);
-        grown = NewValueBlock(arena, account, std::max(doubled, size), bytes, size, &status);
+        grown = NewValueBlock(store.arena, account, std::max(doubled, size), bytes, size, &status);
         if (!grown) return status;
     }
-    const Change change{variable};
+    Change change;
+    change.Begin(variable, store);
     if (grown)
         variable.block.store(grown, std::memory_order_release);
     else if (*changed)
         FillBlock(*block, bytes, size);
-    // Watchers compare write times to find what they missed, so no two writes have the same one.
-    StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable) + kWriteTimeStep);
+    if (*changed) change.PublishValue(bytes, size);
+    // Clients without the published counts compare write times, so no two writes have the same one.
+    change.StoreWriteTime(WriteTimeNow(), WriteTimeOf(variable) + kWriteTimeStep);
+    change.End();
     return kDone;
 }
 
-void TouchWriteTime(Variable& variable) {
+void TouchWriteTime(Variable& variable, ValueStore& store, std::span<const DWORD> list) {
     LockHold hold{g_writerLocks[WriterLockOf(variable)]};
-    const Change change{variable};
-    StoreWriteTime(variable, WriteTimeNow(), WriteTimeOf(variable));
+    Change change;
+    change.Begin(variable, store);
+    if (variable.type == kTypeComposite) change.PublishValue(BytesOf(list), SizeOf(list));
+    change.StoreWriteTime(WriteTimeNow(), WriteTimeOf(variable));
+    change.End();
+}
+
+void FillSlot(Variable& variable, ValueStore& store, DWORD slot, std::span<const DWORD> list,
+              const Publication* replaced) {
+    LockHold hold{g_writerLocks[WriterLockOf(variable)]};
+    Publication* publication = store.publication.load(std::memory_order_relaxed);
+    const DWORD sequence = variable.sequence.load(std::memory_order_relaxed);
+    TakeOverChanges(*publication, slot, replaced, variable.slot.load(std::memory_order_relaxed));
+    variable.slot.store(slot, std::memory_order_relaxed);
+    BeginSlot(publication, slot, sequence + 1);
+    if (ValueBlock* block = variable.block.load(std::memory_order_relaxed))
+        PutValue(publication, slot, reinterpret_cast<const BYTE*>(block->Words()),
+                 block->size.load(std::memory_order_relaxed));
+    else
+        PutValue(publication, slot, BytesOf(list), SizeOf(list));
+    PutTime(publication, slot, WriteTimeOf(variable));
+    EndSlot(publication, slot, sequence);
 }
 
 // A reader of several variables never sees only some of the new values: no count becomes even before all are odd.
-void WriteTogether(std::span<Written> variables, const BYTE* bytes) {
+void WriteTogether(std::span<Written> variables, ValueStore& store, const BYTE* bytes) {
     const ULONGLONG now = WriteTimeNow();
-    for (const Written& written : variables)
-        BeginChange(*written.variable);
-    for (Written& written : variables) {
+    Change changes[kCompositePartsMax];
+    for (size_t i = 0; i < variables.size(); ++i)
+        changes[i].Begin(*variables[i].variable, store);
+    for (size_t i = 0; i < variables.size(); ++i) {
+        Written& written = variables[i];
         Variable& variable = *written.variable;
         ValueBlock& block = *variable.block.load(std::memory_order_relaxed); // has room for it
         written.changed = !BlockHolds(block, bytes, variable.room);
-        if (written.changed) FillBlock(block, bytes, variable.room);
-        StoreWriteTime(variable, now, WriteTimeOf(variable) + kWriteTimeStep);
+        if (written.changed) {
+            FillBlock(block, bytes, variable.room);
+            changes[i].PublishValue(bytes, variable.room);
+        }
+        changes[i].StoreWriteTime(now, WriteTimeOf(variable) + kWriteTimeStep);
         bytes += variable.room;
     }
-    for (const Written& written : variables)
-        EndChange(*written.variable);
+    for (size_t i = 0; i < variables.size(); ++i)
+        changes[i].End();
 }

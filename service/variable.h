@@ -5,10 +5,12 @@
 // after. A block that has become too small is replaced but not freed, so a reader never touches freed memory. Blocks
 // grow by doubling, so the old blocks together are smaller than the last one.
 //
-// Writers of a variable take turns under one of 64 locks, chosen by its address. State: the variables and these locks.
+// Writers of a variable take turns under one of 64 locks, chosen by its address. A write also goes to the variable's
+// slot of the published values. State: the variables and these locks.
 #pragma once
 
 #include "memory.h"
+#include "publication.h"
 
 #include <span>
 
@@ -55,7 +57,7 @@ struct alignas(64) Variable {
     std::atomic<VariableSignals*> signals; // null until it is watched for the first time; then it stays
     std::atomic<DWORD> writeTime[2];       // low and high half of 100 ns since 1601
     std::atomic<DWORD> sequence;
-    DWORD hash; // of its name
+    std::atomic<DWORD> slot; // of the database's publication; changed under the writer's lock
     DWORD room; // bytes that it takes in a composite; of all but the variable-length ones, those of the largest value
     BYTE type;  // product::DatabaseType
     bool companion; // made by a write to a name of another variable and "W"
@@ -68,6 +70,14 @@ struct ValueState {
     DWORD size;
     ULONGLONG writeTime;
     DWORD writes;
+};
+
+// Where the values of a database are.
+struct ValueStore {
+    Arena arena;
+    std::atomic<Publication*> publication = nullptr;
+    // A value did not find room in it: it has to be replaced by a larger one.
+    std::atomic<bool> publicationIsFull = false;
 };
 
 // The block of a new variable's value. capacity: of the largest value that it will take before it is replaced.
@@ -88,11 +98,15 @@ ULONGLONG ReadWriteTime(const Variable& variable);
 
 // Stores a value that CheckValueSize accepts. Its write time is the time of day, and always later than the one before.
 // *changed: the bytes differ from those before. kLimitReached, kOutOfMemory: nothing changed.
-product::ServiceStatus WriteValue(Variable& variable, Arena& arena, Account& account, const BYTE* bytes, DWORD size,
-                                  bool* changed);
+product::ServiceStatus WriteValue(Variable& variable, ValueStore& store, Account& account, const BYTE* bytes,
+                                  DWORD size, bool* changed);
 
 // Sets the write time without a value: of a variable just made, or of a composite whose list was set.
-void TouchWriteTime(Variable& variable);
+// A composite publishes its list of slots with that (composite.h); a list without memory sends readers to the service.
+void TouchWriteTime(Variable& variable, ValueStore& store, std::span<const DWORD> list = {});
+// Puts the present value, or a composite's list, into the slot of a section that nobody reads yet.
+void FillSlot(Variable& variable, ValueStore& store, DWORD slot, std::span<const DWORD> list,
+              const Publication* replaced);
 
 // For a reader of several variables at once. Pieces between SequenceBegin and an unchanged SequenceNow belong together.
 DWORD SequenceBegin(const Variable& variable); // waits until no writer is in the middle
@@ -115,4 +129,4 @@ struct Written {
 // Stores values of several variables at one moment. bytes has one value behind the other, each as long as its
 // variable's room. No variable is listed twice, none is of variable length, and the caller holds the writer locks of
 // all.
-void WriteTogether(std::span<Written> variables, const BYTE* bytes);
+void WriteTogether(std::span<Written> variables, ValueStore& store, const BYTE* bytes);

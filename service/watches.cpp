@@ -18,8 +18,6 @@ struct Watch {
     DWORD everyWrite = 0;
     DWORD onlyChanges = 0;
     WatchMode lastMode = kEveryWrite;
-    bool asks = false; // for the write time
-    DWORD askedAt = 0; // the variable's count of writes then
 
     DWORD& Count(WatchMode mode) { return mode == kEveryWrite ? everyWrite : onlyChanges; }
 };
@@ -93,24 +91,6 @@ ServiceStatus EndWatch(Group& group, const Variable& variable) {
     EndOne(*watch, watch->Count(watch->lastMode) > 0 ? watch->lastMode : other);
     DeleteIfUnused(watch);
     return kDone;
-}
-
-void NoteQuestion(const Group& group, const Variable& variable) {
-    VariableSignals* signals = variable.signals.load(std::memory_order_acquire);
-    if (!signals || !NoteLook(*signals)) return;
-    LockHold hold{g_watchesLock};
-    Watch* watch = FindWatch(group, *signals);
-    if (!watch) return;
-    watch->asks = true;
-    watch->askedAt = signals->writes.load();
-}
-
-bool WasMissed(VariableSignals& signals, WatchMode mode) {
-    LockHold hold{g_watchesLock};
-    const DWORD writes = signals.writes.load();
-    for (Watch* watch = signals.watches; watch; watch = watch->nextOfVariable)
-        if (watch->asks && watch->askedAt != writes && watch->Count(mode) > 0) return true;
-    return false;
 }
 
 void DropWatches(Group& group) {

@@ -8,7 +8,5 @@
 product::ServiceStatus AddWatch(Group& group, Database& database, Variable& variable, product::WatchMode mode);
 // Ends one watch: of the mode that the group used last while it has one, else of the other. kNotWatched: it has none.
 product::ServiceStatus EndWatch(Group& group, const Variable& variable);
-// The group is about to ask for the write time.
-void NoteQuestion(const Group& group, const Variable& variable);
 // How many handles of the database belong to groups that watch its mailbox.
 DWORD HandlesOfPrinterSides(const Database& database);

@@ -15,16 +15,20 @@ WINBASE_BEGIN
 #define FILE_MAP_WRITE SECTION_MAP_WRITE
 #define FILE_MAP_READ SECTION_MAP_READ
 
-/* file: INVALID_HANDLE_VALUE (memory, no file). protection: PAGE_READWRITE. Size: 1 to 65536 bytes, of the first
+/* file: INVALID_HANDLE_VALUE (memory, no file). protection: PAGE_READWRITE. Size: 1 byte to 1 MiB, of the first
  * creator; a later one gets the existing block, with its size, and the last error ERROR_ALREADY_EXISTS (0 otherwise).
  * NULL on failure: ERROR_NOT_SUPPORTED (a file, another protection, no name), ERROR_INVALID_PARAMETER (size), and the
- * errors of CreateEventA. */
+ * errors of CreateEventA. Attributes that give Everyone GENERIC_READ let other users read the block, and nobody but the
+ * creating user (and root) write it or cut its file short. */
 WINBASEAPI HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection,
                                             DWORD sizeHigh, DWORD sizeLow, LPCSTR name);
 
+/* access: FILE_MAP_READ, or FILE_MAP_WRITE to write too. NULL on failure: as OpenEventA. */
+WINBASEAPI HANDLE WINAPI OpenFileMappingA(DWORD access, BOOL inherit, LPCSTR name);
+
 /* access: FILE_MAP_WRITE (reading included) or FILE_MAP_READ. Offsets: 0. bytes: 0 for the whole block.
  * The view keeps the block alive after its handle is closed. NULL on failure: ERROR_INVALID_HANDLE,
- * ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED (more bytes than the block has). */
+ * ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED (more bytes than the block has, a right that the handle lacks). */
 WINBASEAPI LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes);
 
 /* address: as MapViewOfFile gave it, else ERROR_INVALID_ADDRESS. */

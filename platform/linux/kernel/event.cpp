@@ -1,8 +1,9 @@
-// Events: CreateEventA, OpenEventA, SetEvent, ResetEvent, PulseEvent. State: the word in the head of each event
-// (named_object.h).
+// Events: CreateEventA, OpenEventA, SetEvent, ResetEvent, PulseEvent, OrielEventPosition. State: the word in the head
+// of each event (named_object.h).
 //
 // Manual reset: the word is a counter, odd while the event is set. A waiter remembers the even value that it found.
-// Only a set or a pulse changes an even value, so any change releases the waiter, even if a reset has followed.
+// Only a set or a pulse changes an even value, so any change releases the waiter, even if a reset has followed. The
+// even value is the event's position: a wait that begins at an earlier one is released at once.
 //
 // Automatic reset: the word holds two counters of 16 bits. The lower one is odd while the event is set; a reset, or a
 // waiter that takes the event, makes it even again. The upper one counts how often the event was taken. A waiter that
@@ -15,6 +16,7 @@
 
 #include <errhandlingapi.h>
 #include <new>
+#include <oriel_wait.h>
 #include <synchapi.h>
 
 namespace oriel {
@@ -73,7 +75,11 @@ Grab GrabEvent(Object* object, WaitPoint& point, bool) {
     return event.kind == ObjectKind::ManualEvent ? GrabManual(event, point) : GrabAutomatic(event, point);
 }
 
-constexpr ObjectType kEventType{.name = "event", .drop = DropEvent, .grab = GrabEvent};
+bool IsManual(const Object* object) {
+    return static_cast<const NamedObject*>(object)->kind == ObjectKind::ManualEvent;
+}
+
+constexpr ObjectType kEventType{.name = "event", .drop = DropEvent, .grab = GrabEvent, .remembers = IsManual};
 
 constexpr RightsMap kEventRights{.read = STANDARD_RIGHTS_READ | 0x1,
                                  .write = STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
@@ -144,4 +150,14 @@ BOOL WINAPI PulseEvent(HANDLE handle) {
     event->head->word.fetch_add(0, std::memory_order_acq_rel);
     if (Clear(*event.Get())) return TRUE;
     return Written(AddAndWakeAll(event->head->word, 2, event->named));
+}
+
+BOOL WINAPI OrielEventPosition(HANDLE handle, DWORD* position, BOOL* isSet) {
+    HandleUse<NamedObject> event(handle, kEventType, SYNCHRONIZE);
+    if (!event) return FALSE;
+    if (!IsManual(event.Get())) return Fail(ERROR_INVALID_HANDLE);
+    const uint32_t now = event->head->word.load(std::memory_order_acquire);
+    *isSet = (now & kSet) != 0;
+    *position = now + (now & kSet); // where a reset would leave it
+    return TRUE;
 }

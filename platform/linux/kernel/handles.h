@@ -32,7 +32,7 @@ struct WaitPoint {
     uint32_t value = 0;
     bool shared = false;
     bool begun = false;   // `first` is set
-    uint32_t first = 0;   // the word when the wait began
+    uint32_t first = 0;   // the word when the wait began, or where it is to begin
     uint32_t sliceMs = 0; // if not 0, look again after this time even without a wake-up
 };
 // Busy: keep waiting. Abandoned: got, from an owner that died. LimitReached: a mutex that is owned too often.
@@ -45,6 +45,8 @@ struct ObjectType {
     // Takes the object for the calling thread if it is free; otherwise fills in `point`. goingToSleep: also arranges
     // the wake-up. Null for objects that cannot be waited for.
     Grab (*grab)(Object* object, WaitPoint& point, bool goingToSleep) = nullptr;
+    // Whether a wait for the object may begin at an earlier word. Null: never.
+    bool (*remembers)(const Object* object) = nullptr;
 };
 
 // Base of all records. The creator holds the first reference; the drop of the last one deletes the record.

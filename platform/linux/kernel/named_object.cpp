@@ -10,7 +10,6 @@
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
-#include "security/records.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,7 +27,6 @@ namespace oriel {
 namespace {
 
 constexpr uint32_t kMark = 0x316A624F; // "Obj1"
-constexpr uint32_t kLargestSection = 65536;
 // For the folder's flock when an object is closed. Without it, a dead file remains, which does no harm.
 constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
 
@@ -153,13 +151,33 @@ size_t FileSize(ObjectKind kind, uint32_t size) {
     return kind == ObjectKind::Section ? kSectionOffset + size : sizeof(ObjectHead);
 }
 
+constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+
+int AccessOf(bool readOnly) {
+    return readOnly ? O_RDONLY : O_RDWR;
+}
+
 bool IsEvent(ObjectKind kind) {
     return kind == ObjectKind::ManualEvent || kind == ObjectKind::AutoEvent;
 }
 
+// What everyone may do with a new file, its owner everything.
+mode_t ModeFor(ForEveryone granted) {
+    switch (granted) {
+    case ForEveryone::All:
+        return 0666;
+    case ForEveryone::Read:
+        return 0644;
+    case ForEveryone::Nothing:
+        break;
+    }
+    return 0600;
+}
+
 // Maps the head. Fork children do not inherit the mapping: it carries the flock, which keeps the object alive.
-ObjectHead* MapHead(int fd) {
-    void* address = mmap(nullptr, sizeof(ObjectHead), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+ObjectHead* MapHead(int fd, bool readOnly) {
+    const int protection = readOnly ? PROT_READ : PROT_READ | PROT_WRITE;
+    void* address = mmap(nullptr, sizeof(ObjectHead), protection, MAP_SHARED, fd, 0);
     if (address == MAP_FAILED) return nullptr;
     madvise(address, sizeof(ObjectHead), MADV_DONTFORK);
     return static_cast<ObjectHead*>(address);
@@ -181,7 +199,7 @@ DWORD StartFile(const NamedRequest& request, NamedObject& object, int fd)
     int error = ftruncate(fd, 0) == 0 ? posix_fallocate(fd, 0, size) : errno;
     if (error == 0 && flock(fd, LOCK_SH | LOCK_NB) != 0) error = errno;
     if (error == 0) {
-        object.head = MapHead(fd);
+        object.head = MapHead(fd, false);
         if (object.head == nullptr) error = errno;
     }
     if (error != 0) {
@@ -216,7 +234,7 @@ DWORD JoinFile(const NamedRequest& request, NamedObject& object, int fd, const s
     object.kind = head.kind;
     object.size = head.size;
     object.file = fd;
-    object.head = MapHead(fd);
+    object.head = MapHead(fd, request.readOnly);
     return object.head != nullptr ? ERROR_SUCCESS : SystemError(errno);
 }
 
@@ -244,12 +262,12 @@ DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
             Descriptor file(
                 openat(g_folder, object.fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
             if (file.IsOpen()) {
-                fchmod(file.Get(), request.forEveryone ? 0666 : 0600); // open() applies the umask
+                fchmod(file.Get(), ModeFor(request.forEveryone)); // open() applies the umask
                 return Settle(object, file, StartFile(request, object, file.Get()));
             }
             if (errno != EEXIST) return SystemError(errno);
         }
-        Descriptor file(openat(g_folder, object.fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        Descriptor file(openat(g_folder, object.fileName, AccessOf(request.readOnly) | kOpenFlags));
         if (!file.IsOpen()) {
             if (errno == ENOENT && request.create) continue;
             return errno == ELOOP || errno == EISDIR || errno == ENXIO ? ERROR_INVALID_HANDLE : SystemError(errno);
@@ -265,7 +283,7 @@ DWORD OpenFile(const NamedRequest& request, NamedObject& object, bool& existed)
         const bool removed = unlinkat(g_folder, object.fileName, 0) == 0;
         if (!request.create) return ERROR_FILE_NOT_FOUND;
         if (removed) continue;
-        if (!request.forEveryone || (status.st_mode & 0666) != 0666) return ERROR_ACCESS_DENIED;
+        if (request.forEveryone != ForEveryone::All || (status.st_mode & 0666) != 0666) return ERROR_ACCESS_DENIED;
         return Settle(object, file, StartFile(request, object, file.Get()));
     }
     return ERROR_ACCESS_DENIED;
@@ -320,6 +338,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     NamedObject* object = MakeRecord(request);
     if (object == nullptr) return nullptr;
     std::memcpy(object->fileName, fileName, sizeof fileName);
+    object->readOnly = request.readOnly;
     error = OpenFile(request, *object, existed);
     if (error != ERROR_SUCCESS) {
         DropReference(object);
@@ -362,7 +381,7 @@ HANDLE CreateByName(NamedRequest request, const SECURITY_ATTRIBUTES* attributes)
     const TerminationHold hold;
     if (!AttributesAreSupported(attributes)) return nullptr;
     request.create = true;
-    request.forEveryone = GrantsEveryone(attributes);
+    request.forEveryone = GrantedToEveryone(attributes);
     bool existed = false;
     NamedObject* object = OpenNamed(request, existed);
     if (object == nullptr) return nullptr;
@@ -389,7 +408,7 @@ HANDLE OpenByName(const NamedRequest& request, DWORD desired, BOOL inherit, cons
 int ReopenFile(const NamedObject& object) {
     NamesHold names;
     if (object.fileName[0] == '\0') return -1;
-    Descriptor file(openat(g_folder, object.fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    Descriptor file(openat(g_folder, object.fileName, AccessOf(object.readOnly) | kOpenFlags));
     struct stat mine {};
     struct stat found {};
     if (!file.IsOpen() || fstat(object.file, &mine) != 0 || fstat(file.Get(), &found) != 0 ||

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "kernel/handles.h"
+#include "security/records.h"
 
 #include <cstddef>
 #include <minwinbase.h>
@@ -26,7 +27,7 @@ enum class ObjectKind : uint32_t { ManualEvent = 1, AutoEvent = 2, Mutex = 3, Se
 struct ObjectHead {
     uint32_t mark; // written last
     ObjectKind kind;
-    uint32_t size; // of a section, bytes; at most 65,536
+    uint32_t size; // of a section, bytes; at most kLargestSection
     uint32_t reserved;
     Word word;  // event: its state (event.cpp). mutex: the word that waiters sleep on (mutex.cpp)
     Word owner; // mutex: not 0 while owned
@@ -34,6 +35,7 @@ struct ObjectHead {
 };
 static_assert(sizeof(ObjectHead) == 64 && offsetof(ObjectHead, word) == 16 && offsetof(ObjectHead, owner) == 20);
 constexpr uint32_t kSectionOffset = 4096;
+constexpr uint32_t kLargestSection = 1 << 20;
 constexpr size_t kLongestFileName = 250;
 
 struct NamedObject : Object {
@@ -41,6 +43,7 @@ struct NamedObject : Object {
     ObjectKind kind{};
     uint32_t size = 0;
     bool named = false;
+    bool readOnly = false; // a section of which only views to read are asked for; another user's, perhaps
     std::atomic<bool> owned{false};           // a thread owns the mutex, with a reference of its own
     ObjectHead own{};                         // of an unnamed object
     ObjectHead* head = &own;                  // of a named object: in the mapped file
@@ -58,8 +61,9 @@ struct NamedRequest {
     uint32_t size = 0;                                 // of a new section
     NamedObject* (*make)();                            // an empty record; null without memory
     bool (*atCreation)(NamedObject* object) = nullptr; // before anyone else can see it; false with the last error set
+    bool readOnly = false;                             // a section that is only read
     bool create = false;                               // CreateByName's: else it has to exist,
-    bool forEveryone = false;                          // and the rights of a new one
+    ForEveryone forEveryone = ForEveryone::Nothing;    // and the rights of a new one
 };
 
 // For CreateEventA and its kin: a handle with all rights to a new or an existing object; the last error is

@@ -1,4 +1,4 @@
-// Named shared memory: CreateFileMappingA, MapViewOfFile, UnmapViewOfFile.
+// Named shared memory: CreateFileMappingA, OpenFileMappingA, MapViewOfFile, UnmapViewOfFile.
 //
 // State: the list of the views of this process; each holds a reference to its section. A view is mapped through a
 // descriptor of its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the
@@ -22,9 +22,6 @@ using namespace oriel;
 namespace oriel {
 namespace {
 
-// The same limit applies to files that other processes wrote (named_object.cpp).
-constexpr DWORD kLargestSize = 65536;
-
 struct View {
     void* address;
     size_t size;
@@ -42,6 +39,12 @@ void DropSection(Object* object) {
 }
 
 constexpr ObjectType kSectionType{.name = "section", .drop = DropSection};
+
+// Of a handle; CreateFileMappingA gives all.
+constexpr RightsMap kSectionRights{.read = STANDARD_RIGHTS_READ | SECTION_MAP_READ,
+                                   .write = STANDARD_RIGHTS_WRITE | SECTION_MAP_WRITE,
+                                   .execute = READ_CONTROL,
+                                   .all = STANDARD_RIGHTS_REQUIRED | SECTION_MAP_READ | SECTION_MAP_WRITE};
 
 NamedObject* MakeSection() {
     return new (std::nothrow) NamedObject{{&kSectionType}};
@@ -66,15 +69,25 @@ HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, 
     // Only named shared memory; nothing uses mapped files or unnamed sections.
     if (reinterpret_cast<LONG_PTR>(file) != -1 || protection != PAGE_READWRITE || name == nullptr || *name == '\0')
         return Fail(ERROR_NOT_SUPPORTED, nullptr);
-    if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSize) return Fail(ERROR_INVALID_PARAMETER, nullptr);
+    if (sizeHigh != 0 || sizeLow == 0 || sizeLow > kLargestSection) return Fail(ERROR_INVALID_PARAMETER, nullptr);
     return CreateByName(
         {.type = &kSectionType, .kind = ObjectKind::Section, .name = name, .size = sizeLow, .make = MakeSection},
         attributes);
 }
 
+HANDLE WINAPI OpenFileMappingA(DWORD access, BOOL inherit, LPCSTR name) {
+    return OpenByName({.type = &kSectionType,
+                       .kind = ObjectKind::Section,
+                       .name = name,
+                       .make = MakeSection,
+                       .readOnly = (access & FILE_MAP_WRITE) == 0},
+                      access, inherit, kSectionRights);
+}
+
 LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes) {
-    HandleUse<NamedObject> section(mapping, kSectionType, 0);
+    HandleUse<NamedObject> section(mapping, kSectionType, access & (FILE_MAP_READ | FILE_MAP_WRITE));
     if (!section) return nullptr;
+    if (section->readOnly && (access & FILE_MAP_WRITE) != 0) return Fail(ERROR_ACCESS_DENIED, nullptr);
     const bool known = (access & FILE_MAP_WRITE) != 0 || (access & FILE_MAP_READ) != 0;
     if (!known || (access & ~DWORD{FILE_MAP_WRITE | FILE_MAP_READ}) != 0 || offsetHigh != 0 || offsetLow != 0)
         return Fail(ERROR_INVALID_PARAMETER, nullptr);

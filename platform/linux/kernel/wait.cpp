@@ -1,4 +1,4 @@
-// Waits for objects, and Sleep. No state.
+// Waits for objects, also from an earlier position, and Sleep. No state.
 //
 // A wait looks at each object in turn, lowest index first. Then it sleeps on the words of all objects and on the state
 // word of the thread until one changes, and looks again. It allocates nothing, and sets the last error only on failure.
@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <ctime>
 #include <errhandlingapi.h>
+#include <oriel_wait.h>
 #include <sched.h>
 #include <synchapi.h>
 
@@ -33,10 +34,16 @@ struct Waiting {
         for (uint32_t i = 0; i < count; ++i)
             UnpinHandle(pins[i]);
     }
-    DWORD Pin(HANDLE handle) {
+    DWORD Pin(HANDLE handle, DWORD position = ORIEL_FROM_NOW) {
         const HandlePin pin = PinHandle(handle);
         if (pin.object == nullptr) return ERROR_INVALID_HANDLE;
         pins[count++] = pin;
+        if (position != ORIEL_FROM_NOW) {
+            const auto remembers = pin.object->type->remembers;
+            if (remembers == nullptr || !remembers(pin.object)) return ERROR_INVALID_PARAMETER;
+            points[count - 1].begun = true;
+            points[count - 1].first = position;
+        }
         if (pin.object->type->grab == nullptr) return ERROR_INVALID_HANDLE;
         return (pin.access & SYNCHRONIZE) != 0 ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
     }
@@ -109,17 +116,30 @@ DWORD WINAPI WaitForSingleObject(HANDLE object, DWORD milliseconds) {
     return error != ERROR_SUCCESS ? FailWait(error) : Wait(waiting, milliseconds);
 }
 
-DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* objects, BOOL waitAll, DWORD milliseconds) {
+namespace {
+
+// positions: null for a wait that begins now.
+DWORD WaitForAny(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
     if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || objects == nullptr) return FailWait(ERROR_INVALID_PARAMETER);
-    if (waitAll) return FailWait(ERROR_NOT_SUPPORTED);
     HandlePin pins[MAXIMUM_WAIT_OBJECTS];
     WaitPoint points[MAXIMUM_WAIT_OBJECTS];
     Waiting waiting(pins, points);
     for (DWORD i = 0; i < count; ++i) {
-        const DWORD error = waiting.Pin(objects[i]);
+        const DWORD error = waiting.Pin(objects[i], positions != nullptr ? positions[i] : ORIEL_FROM_NOW);
         if (error != ERROR_SUCCESS) return FailWait(error);
     }
     return Wait(waiting, milliseconds);
+}
+
+} // namespace
+
+DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* objects, BOOL waitAll, DWORD milliseconds) {
+    if (waitAll) return FailWait(ERROR_NOT_SUPPORTED);
+    return WaitForAny(count, objects, nullptr, milliseconds);
+}
+
+DWORD WINAPI OrielWaitFrom(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
+    return WaitForAny(count, objects, positions, milliseconds);
 }
 
 void WINAPI Sleep(DWORD milliseconds) {

@@ -139,28 +139,31 @@ constexpr BYTE kEveryone[12] = {SID_REVISION, 1, 0, 0, 0, 0, 0, 1}; // S-1-1-0
 
 } // namespace
 
-bool GrantsEveryone(const SECURITY_ATTRIBUTES* attributes) {
+ForEveryone GrantedToEveryone(const SECURITY_ATTRIBUTES* attributes) {
     SECURITY_ATTRIBUTES copy;
-    if (attributes == nullptr || !GuardedCopy(copy, attributes) || copy.lpSecurityDescriptor == nullptr) return false;
+    if (attributes == nullptr || !GuardedCopy(copy, attributes) || copy.lpSecurityDescriptor == nullptr)
+        return ForEveryone::Nothing;
     const DescriptorParts parts(copy.lpSecurityDescriptor);
-    if (!parts.valid || (parts.control & SE_DACL_PRESENT) == 0) return false;
-    if (parts.dacl == nullptr) return true;
+    if (!parts.valid || (parts.control & SE_DACL_PRESENT) == 0) return ForEveryone::Nothing;
+    if (parts.dacl == nullptr) return ForEveryone::All;
+    ForEveryone granted = ForEveryone::Nothing;
     const AclCopy list(parts.dacl);
     for (DWORD i = 0; i < list.count; ++i) {
         const BYTE* entry = list.bytes.get() + list.EntryOffset(i);
         ACCESS_ALLOWED_ACE fixed;
         std::memcpy(&fixed.Header, entry, sizeof fixed.Header);
         // A list that denies somebody something is not open to everyone.
-        if (fixed.Header.AceType == ACCESS_DENIED_ACE_TYPE) return false;
+        if (fixed.Header.AceType == ACCESS_DENIED_ACE_TYPE) return granted;
         if (fixed.Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (fixed.Header.AceFlags & INHERIT_ONLY_ACE) != 0)
             continue;
         std::memcpy(&fixed.Mask, entry + offsetof(ACCESS_ALLOWED_ACE, Mask), sizeof fixed.Mask);
         const size_t sidSize = fixed.Header.AceSize - kAceSidOffset;
-        if ((fixed.Mask & GENERIC_ALL) != 0 && sidSize >= sizeof kEveryone &&
-            std::memcmp(entry + kAceSidOffset, kEveryone, sizeof kEveryone) == 0)
-            return true;
+        if (sidSize < sizeof kEveryone || std::memcmp(entry + kAceSidOffset, kEveryone, sizeof kEveryone) != 0)
+            continue;
+        if ((fixed.Mask & GENERIC_ALL) != 0) return ForEveryone::All;
+        if ((fixed.Mask & GENERIC_READ) != 0) granted = ForEveryone::Read;
     }
-    return false;
+    return granted;
 }
 
 } // namespace oriel

@@ -53,9 +53,10 @@ struct DescriptorParts {
     explicit DescriptorParts(const void* descriptor);
 };
 
-// True when everyone has full access: the DACL is null, or has an allowing entry of GENERIC_ALL for Everyone with no
-// denying entry before it. False without attributes, descriptor or DACL, and for an invalid descriptor: its memory is
-// read under the fault guard, and every count and offset is checked.
-bool GrantsEveryone(const SECURITY_ATTRIBUTES* attributes);
+// What everyone may do. All: the DACL is null, or has an allowing entry of GENERIC_ALL for Everyone with no denying
+// entry before it. Read: it has such an entry of GENERIC_READ only. Nothing without attributes, descriptor or DACL, and
+// for an invalid descriptor: its memory is read under the fault guard, and every count and offset is checked.
+enum class ForEveryone { Nothing, Read, All };
+ForEveryone GrantedToEveryone(const SECURITY_ATTRIBUTES* attributes);
 
 } // namespace oriel

@@ -204,9 +204,14 @@ PROCEDURE(16, UnwatchVariable, (u32 handle, text name), ());
 // a printer are carried out one at a time, in the order of the calls.
 PROCEDURE(18, ForwardRequest, (text request), ());
 
+// The section that has the database's values (published_values.h): its name, its size in bytes, and the name of the
+// section with the LifeRecord of the service. A client that cannot use them reads by calls. Names are empty and the
+// size 0 when nothing is published now. kBeingInitialised: the database is not ready.
+PROCEDURE(19, FindPublishedValues, (u32 handle), (text section, u32 size, text life));
+
 #undef PROCEDURE
 
-inline constexpr Procedure kProcedureCount = kForwardRequest + 1;
+inline constexpr Procedure kProcedureCount = kFindPublishedValues + 1;
 
 // Two records in the printer's database carry forwarded requests to the printer side and its answers back. The printer
 // side makes both, all zero, when the database is ready; the service refuses any other form. The client that watches

@@ -1,6 +1,10 @@
 // Names and security of the kernel objects that the library, the status database service and the product's other
 // processes share. No state.
 //
+// Sections that the service alone writes, with a number N from 0 and a name from ObjectName:
+//   "TVOR:<database>:Values:N"            published values (published_values.h)
+//   "TVORSDB:Life:N"                      whether the service lives (service_life.h)
+//
 // Manual-reset events, with a name from ObjectName where they are not called plain:
 //   "<database>:Initialized"              plain: set when the database is ready, or given up
 //   "TVOR:<database>:<variable>:Updated"  pulsed at every write
@@ -51,9 +55,10 @@ KernelName VariableEventName(bool terminalServer, std::string_view database, std
 
 // The security of every object that all users of the machine share: its attributes point to a self-relative descriptor
 // in the record (so it cannot be copied) with no owner, the group Everyone, no system list, and a list of one entry
-// that grants Everyone GENERIC_ALL. False when the system refused to build it; the attributes then have no descriptor.
+// that grants Everyone GENERIC_ALL, or the access given. False when the system refused to build it; the attributes then
+// have no descriptor.
 struct EveryoneAccess {
-    EveryoneAccess();
+    explicit EveryoneAccess(DWORD access = GENERIC_ALL);
     EveryoneAccess(const EveryoneAccess&) = delete;
     EveryoneAccess& operator=(const EveryoneAccess&) = delete;
     explicit operator bool() const { return attributes.lpSecurityDescriptor != nullptr; }

@@ -1,0 +1,32 @@
+/* Waits that remember, which Win32 does not have: a pulse between two waits is not lost. This layer's own. */
+#ifndef ORIEL_WAIT_H
+#define ORIEL_WAIT_H
+
+#include <windef.h>
+
+WINBASE_BEGIN
+
+/* Of a wait that begins now, like those of synchapi.h. Not a position. */
+#define ORIEL_FROM_NOW 0xFFFFFFFFU
+
+/* Where a manual-reset event stands, and whether it is set now. The position moves by 2 at each pulse, and at each set
+ * of an event that is not set; a reset does not move it. It wraps. The first position of an event is unspecified.
+ * ERROR_INVALID_HANDLE: not an event, or one that resets automatically. ERROR_ACCESS_DENIED: the handle lacks
+ * SYNCHRONIZE. */
+WINBASEAPI BOOL WINAPI OrielEventPosition(HANDLE event, DWORD* position, BOOL* isSet);
+
+/* As WaitForMultipleObjects for any of the objects, but a manual-reset event also releases the wait when it does not
+ * stand at positions[i] any more. positions[i] is ORIEL_FROM_NOW for all other objects, else ERROR_INVALID_PARAMETER.
+ *
+ *     DWORD position;
+ *     OrielEventPosition(event, &position, &isSet);    // first, then look at what the event tells
+ *     while (OrielWaitFrom(1, &event, &position, INFINITE) == WAIT_OBJECT_0) {
+ *         OrielEventPosition(event, &position, &isSet);
+ *         look();                                      // misses nothing, however long it takes
+ *     }
+ */
+WINBASEAPI DWORD WINAPI OrielWaitFrom(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds);
+
+WINBASE_END
+
+#endif
