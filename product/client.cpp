@@ -265,6 +265,22 @@ Answer UnwatchVariable(DatabaseHandle database, const char* name) {
     return Invoke<kUnwatchVariable>({database, name});
 }
 
+// Not by Invoke: the names lie in the reply.
+Answer FindPublishedValues(DatabaseHandle database, PublishedPlace* place) {
+    *place = {};
+    CallOf<kFindPublishedValues> call(InOf<kFindPublishedValues>{database});
+    if (!call.Send()) return call.Failure();
+    const auto [section, size, life] = call.Out();
+    const Answer answer = call.Status();
+    if (answer != Answer::Done) return answer;
+    if (section.size() >= sizeof place->section.text || life.size() >= sizeof place->life.text)
+        return Answer::BadStubData;
+    memcpy(place->section.text, section.data(), section.size());
+    memcpy(place->life.text, life.data(), life.size());
+    place->size = size;
+    return Answer::Done;
+}
+
 Answer ForwardRequest(const char* request) {
     return Invoke<kForwardRequest>({request});
 }

@@ -5,9 +5,12 @@
 #include "clients.h"
 #include "forwarding.h"
 #include "procedures.h"
+#include "publication.h"
 #include "signals.h"
 
+#include "product/guards.h"
 #include "product/log.h"
+#include "product/object_names.h"
 
 #include <algorithm>
 #include <iterator>
@@ -55,11 +58,18 @@ RPC_STATUS Listen() {
     return RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
 }
 
+// Watchers of an earlier service wait for this.
+void TellStarted() {
+    const KernelHandle started{CreateEventForEveryone(ObjectName(MachineIsTerminalServer(), kServiceStartedName).text)};
+    if (started) PulseEvent(started.Get());
+}
+
 // Serves until the stop event is set.
 DWORD ServeClients() {
     const RPC_STATUS status = Listen();
     if (status != RPC_S_OK) return static_cast<DWORD>(status);
     ReportState(SERVICE_RUNNING);
+    TellStarted();
     WaitForSingleObject(g_stopEvent, INFINITE); // unbounded: until the service is asked to stop
     ReportState(SERVICE_STOP_PENDING);
     EndPublishing();

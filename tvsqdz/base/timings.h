@@ -44,12 +44,12 @@ struct Timings {
     // Requests to the printer side: the interval between two checks whether it is ready, and their number.
     DWORD readinessPause = 20;
     DWORD readinessPauses = 3;
-    // Waiting for its answer: the first slice and the longest; the result is checked after each slice. Long slices cost
-    // nothing, short ones recover soon from a missed pulse. lateAnswerBound: how long to wait for the answer to a
-    // requester that died, so that the next requester does not take it for its own.
-    DWORD answerSlice = 10;
-    DWORD longestAnswerSlice = 250;
+    // Waiting for its answer: how often to look whether the service still answers. lateAnswerBound: how long to wait
+    // for the answer to a requester that died, so that the next requester does not take it for its own, and the
+    // interval between two looks for it.
+    DWORD answerLook = 250;
     DWORD lateAnswerBound = 1000;
+    DWORD lateAnswerPause = 10;
     // Asynchronous requests: how long a write waits for its turn, how long reads and writes wait for the answer, and
     // the pause while there is no memory for a result.
     DWORD requestLockBound = 5000;
@@ -61,8 +61,8 @@ struct Timings {
     // how long to wait for that.
     DWORD relayPause = 20;
     DWORD relayBound = 10000;
-    // How often the owner checks for a request whose pulse it missed.
-    DWORD relaySlice = 1000;
+    // How often the owner looks whether it still owns the printer, and tries again what it could not do.
+    DWORD relayLook = 1000;
 
     // Closing: the interval between two checks whether the other managers have ended, and their number.
     DWORD terminationPoll = 200;
@@ -90,13 +90,8 @@ struct Timings {
     DWORD cancelWait = 3000;
     DWORD closeWait = 12000;
 
-    // How long after its start a watcher checks for a write that came before its first wait.
-    DWORD firstLook = 50;
-
-    // How long a default watcher stays awake after a delivery by event or message, and after a callback, before it
-    // checks for a write that it missed.
-    DWORD changeAwake = 200;
-    DWORD callbackAwake = 1000;
+    // How often a watcher tries again to make a watch that it could not make.
+    DWORD watchRetry = 250;
 };
 
 extern Timings g_timings;

@@ -82,6 +82,8 @@ Status CloseManagerOf(TvsManager handle) {
 void CloseDatabases(ManagerRecord* manager) {
     for (ManagerDatabase* database : {&manager->printerDatabase, &manager->masterDatabase})
         if (const DatabaseHandle handle = database->handle.exchange(0); handle != 0) CloseDatabase(handle);
+    ForgetPublished(manager->printerDatabase);
+    ForgetPublished(manager->masterDatabase);
 }
 
 void DestroyManager(ManagerRecord* manager) {

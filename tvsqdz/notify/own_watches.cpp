@@ -6,7 +6,7 @@
 #include "machine/objects.h"
 #include "manager/manager_record.h"
 #include "manager/variables.h"
-#include "notify/delivery.h"
+#include "notify/watcher.h"
 #include "product/desktop_agent.h"
 #include "product/guards.h"
 #include "product/status.h"
@@ -38,8 +38,8 @@ uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer)
 class MyJobWatcher {
 public:
     MyJobWatcher(const NotificationRegistration& registration, const char* queueName)
-        : m_registration(registration), m_queueName(queueName),
-          m_watch(registration, queueName, product::kOnlyChanges) {
+        : m_registration(registration), m_queueName(queueName), m_watcher(registration) {
+        m_watcher.Add(queueName, product::kOnlyChanges);
         // A queue that cannot be read counts as empty, as in a read of the variable.
         while (Count(&m_told) == TVS_E_MEMORY &&
                WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT) {
@@ -50,7 +50,7 @@ public:
     MyJobWatcher& operator=(const MyJobWatcher&) = delete;
 
     void Run() {
-        WatchUntilStopped(m_registration, m_watch, g_timings.firstLook, [this] { return TellChange(); });
+        m_watcher.Run([this](DWORD) { return TellChange(); });
     }
 
 private:
@@ -61,25 +61,19 @@ private:
         return ReadOwnerJobCount(PrinterDatabaseOf(m_registration), m_queueName, m_registration.userName, lock, count);
     }
 
-    // Asking for the write time tells the service that this watcher was notified: it repeats a pulse that comes during
-    // the count. A count that took long is followed by another.
     DWORD TellChange() {
-        const DWORD begun = GetTickCount();
-        SYSTEMTIME written = {};
-        GetWriteTime(PrinterDatabaseOf(m_registration), m_queueName, &written);
         uint32_t count = m_told;
         const Status status = Count(&count);
         if (status == TVS_OK && count != m_told) {
             m_told = count;
             Deliver(m_registration.entries[0]);
         }
-        if (status == TVS_E_MEMORY) return g_timings.memoryPause;
-        return GetTickCount() - begun > kPulseComesAgainMs ? g_timings.firstLook : INFINITE;
+        return status == TVS_E_MEMORY ? g_timings.memoryPause : kNoLook;
     }
 
     const NotificationRegistration& m_registration;
     const char* const m_queueName;
-    Watch m_watch;
+    Watcher m_watcher;
     uint32_t m_told = 0;
 };
 
@@ -109,17 +103,18 @@ using names::kAccessControlList;
 class ListWatcher {
 public:
     explicit ListWatcher(const NotificationRegistration& registration)
-        : m_registration(registration), m_watch(registration, kAccessControlList, product::kOnlyChanges) {
+        : m_registration(registration), m_watcher(registration) {
+        m_watcher.Add(kAccessControlList, product::kOnlyChanges);
         // Without a list nobody has any authority.
-        if (Load(m_list) == TVS_OK) m_told = AclAuthority(m_list.Acl(), m_list.AclSize());
+        AccessControlList list;
+        if (Load(list) == TVS_OK) m_told = AclAuthority(list.Acl(), list.AclSize());
         ThreadHasBegun(registration.thread);
     }
     ListWatcher(const ListWatcher&) = delete;
     ListWatcher& operator=(const ListWatcher&) = delete;
 
     void Run() {
-        WatchUntilStopped(m_registration, m_watch, g_timings.firstLook,
-                          [this] { return TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : TimeToNextLook(); });
+        m_watcher.Run([this](DWORD) { return TellChange() == TVS_E_MEMORY ? g_timings.memoryPause : kNoLook; });
     }
 
 private:
@@ -131,30 +126,21 @@ private:
         return list.Load(PrinterDatabaseOf(m_registration));
     }
 
-    // A list that cannot be read is not a change.
+    // A list that cannot be read is not a change. Looking up accounts may take long; a list that is written meanwhile
+    // is news.
     Status TellChange() {
-        const Status status = Load(m_list);
+        AccessControlList list;
+        const Status status = Load(list);
         if (status != TVS_OK) return status;
-        const uint32_t authority = AclAuthority(m_list.Acl(), m_list.AclSize());
+        const uint32_t authority = AclAuthority(list.Acl(), list.AclSize());
         if (authority == m_told) return status;
         m_told = authority;
         Deliver(m_registration.entries[0]);
         return status;
     }
 
-    // Looking up accounts may take long, and the list may have changed meanwhile.
-    DWORD TimeToNextLook() const {
-        const DWORD begun = GetTickCount();
-        AccessControlList now;
-        const Status status = Load(now);
-        if (status == TVS_E_MEMORY) return g_timings.memoryPause;
-        if (status == TVS_OK && !(now == m_list)) return 0;
-        return GetTickCount() - begun > kPulseComesAgainMs ? g_timings.firstLook : INFINITE;
-    }
-
     const NotificationRegistration& m_registration;
-    Watch m_watch;
-    AccessControlList m_list;
+    Watcher m_watcher;
     uint32_t m_told = 0;
 };
 

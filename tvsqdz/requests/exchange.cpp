@@ -6,6 +6,7 @@
 #include "machine/process_state.h"
 #include "manager/variable_index.h"
 #include "product/guards.h"
+#include "product/signal_wait.h"
 #include "product/variable_names.h"
 #include "values/user_authority.h"
 
@@ -68,28 +69,23 @@ DWORD Smaller(DWORD a, DWORD b) {
     return a < b ? a : b;
 }
 
-// Waits until the write count of the result differs from the given one. The event alone is not enough: a thread that
-// does not wait yet misses its pulse, and the closing pulse of a burst belongs to no request. So the count is checked
-// after each slice.
-Status AwaitResult(DatabaseHandle database, HANDLE event, DWORD writesBefore, DWORD boundMs) {
+// Waits until the write count of the result differs from the given one. It also looks after each slice: the service may
+// have ended, or the library be about to be unloaded.
+Status AwaitResult(DatabaseHandle database, HANDLE event, product::SignalWait& signals, DWORD writesBefore,
+                   DWORD boundMs) {
     const DWORD start = GetTickCount();
-    DWORD slice = g_timings.answerSlice;
+    const DWORD slice = g_timings.answerLook;
     for (;;) {
         const DWORD waited = GetTickCount() - start;
         const bool isLast = boundMs != INFINITE && waited >= boundMs;
         const DWORD left = boundMs == INFINITE ? slice : Smaller(slice, isLast ? 0 : boundMs - waited);
-        const DWORD wait = WaitForSingleObject(event, left);
+        signals.Wait(left);
         DWORD writes = 0;
         if (const Answer answer = GetWriteCount(database, names::kRWResult, &writes); answer != Answer::Done)
             return Ended(answer);
         if (writes != writesBefore) return TVS_OK;
         if (isLast || !CallsAreLetIn()) return TVS_E_REQUEST_LOCK;
-        if (wait == WAIT_OBJECT_0) {
-            // A spurious wake-up; an event that somebody left set causes them without end.
-            ResetEvent(event);
-            continue;
-        }
-        slice = Smaller(slice * 2, g_timings.longestAnswerSlice);
+        if (signals.Take(0).isSet) ResetEvent(event); // somebody left it set
     }
 }
 
@@ -113,7 +109,7 @@ bool MayBeUnanswered(DatabaseHandle database) {
 void AwaitLateAnswer(DatabaseHandle database) {
     const DWORD start = GetTickCount();
     while (MayBeUnanswered(database) && CallsAreLetIn() && GetTickCount() - start < g_timings.lateAnswerBound)
-        Sleep(g_timings.answerSlice);
+        Sleep(g_timings.lateAnswerPause);
 }
 
 Status ReadResult(DatabaseHandle database) {
@@ -161,11 +157,14 @@ Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boun
     if (!event) return TVS_E_MEMORY;
     {
         const ResultWatch watch(database);
+        product::SignalWait signals(nullptr);
+        signals.SetEvent(0, event.Get());
         DWORD writes = 0;
         Answer answer = GetWriteCount(database, names::kRWResult, &writes);
         if (answer == Answer::Done) answer = PostRequest(request);
         if (answer != Answer::Done) return Ended(answer);
-        if (const Status status = AwaitResult(database, event.Get(), writes, boundMs); status != TVS_OK) return status;
+        if (const Status status = AwaitResult(database, event.Get(), signals, writes, boundMs); status != TVS_OK)
+            return status;
     }
     return ReadResult(database);
 }

@@ -4,19 +4,19 @@
 
 #include "base/memory.h"
 #include "base/timings.h"
-#include "notify/delivery.h"
 #include "notify/registrations.h"
 #include "notify/relayed_registrations.h"
+#include "notify/watcher.h"
 #include "product/guards.h"
 #include "requests/threads.h"
 #include "values/stored_list.h"
 
 #include <string.h>
+#include <utility>
 
 namespace {
 
 constexpr DWORD kStopped = 1;
-constexpr DWORD kNotServed = static_cast<DWORD>(-1);
 
 MessageRegistrationEntry EntryOf(const StoredList& list, uint32_t i) {
     MessageRegistrationEntry entry;
@@ -180,41 +180,48 @@ bool OwnsPrinter(const ManagerRecord* manager) {
 }
 
 DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
-    Watch registrations(record, kRelayedRegistrationsVariable, product::kEveryWrite);
-    Watch requests(record, kRelayedRequestVariable, product::kEveryWrite);
+    Watch registrations;
+    Watch requests;
+    registrations.Begin(record, kRelayedRegistrationsVariable, product::kEveryWrite);
+    requests.Begin(record, kRelayedRequestVariable, product::kEveryWrite);
     const HANDLE stop = record.thread.stopEvent;
     DWORD registrationWrites = 0;
     DWORD requestWrites = 0;
     KnownEntries known;
-    // A pulse during a pass is missed, so writes are counted, now and after each slice. A pass that has to be repeated
-    // keeps its old count.
+    product::SignalWait signals(stop);
+    signals.SetEvent(0, registrations.Event());
+    signals.SetEvent(1, requests.Event());
+    // A pass that has to be repeated keeps its old count.
     for (;;) {
         const ManagerDatabase& database = manager->printerDatabase;
         DWORD writes = 0;
         const bool answers = GetWriteCount(database, kRelayedRegistrationsVariable, &writes) == Answer::Done;
         const bool serves = answers && OwnsPrinter(manager);
-        if (registrations.IsLost() || requests.IsLost()) {
-            if (serves) RestoreRegistrations(manager, stop, known);
+        const bool isLost = registrations.IsLost() || requests.IsLost();
+        if (isLost || !registrations.IsWhole() || !requests.IsWhole()) {
+            if (serves && isLost) RestoreRegistrations(manager, stop, known);
             registrations.Renew();
             requests.Renew();
+            signals.SetEvent(0, registrations.Event());
+            signals.SetEvent(1, requests.Event());
             registrationWrites = 0;
             requestWrites = 0;
         }
-        const HANDLE handles[] = {stop, registrations.Event(), requests.Event()};
-        if (handles[1] == nullptr || handles[2] == nullptr) return kNotServed;
         if (serves && writes != registrationWrites && ServeRegistrations(manager, stop, known))
             registrationWrites = writes;
         if (serves && GetWriteCount(database, kRelayedRequestVariable, &writes) == Answer::Done &&
             writes != requestWrites && ServeRequest(manager, stop))
             requestWrites = writes;
-        switch (WaitForMultipleObjects(3, handles, FALSE, g_timings.relaySlice)) {
-        case WAIT_OBJECT_0:
+        switch (signals.Wait(g_timings.relayLook)) {
+        case product::Woken::Stopped:
             return kStopped;
-        case WAIT_FAILED:
+        case product::Woken::Failed:
             return GetLastError();
         default:
             break;
         }
+        for (const auto& [number, watch] : {std::pair{DWORD{0}, &registrations}, std::pair{DWORD{1}, &requests}})
+            if (signals.Take(number).isSet) ResetEvent(watch->Event()); // somebody left it set
     }
 }
 

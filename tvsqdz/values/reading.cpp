@@ -1,5 +1,5 @@
-// Reads. Every process reads ordinary values of fixed size all the time; that path is one guarded read of the name, one
-// call of the service, two guarded writes, and no allocation. No state.
+// Reads. Every process reads ordinary values of fixed size all the time; that path is one guarded read of the name, a
+// copy of the published value, two guarded writes, and no allocation. No state.
 #include "values/reading.h"
 
 #include "base/memory.h"
@@ -52,18 +52,19 @@ Status GiveValue(const StatusVariableDef& variable, BYTE* value, uint32_t length
     return cut ? TVS_E_SIZE : TVS_OK;
 }
 
-} // namespace
-
-Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+// lock: held when nobody may change the value between the query for its size and the fetch. A published value is taken
+// without it; when it has grown in between, the lock is taken.
+Status ReadUnder(MutexHold& lock, ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                  uint32_t* returned) {
     const bool probed = (variable.flags & SVT_PROBED) != 0;
-    // Nobody may change the value between the query for its size and the fetch.
-    MutexHold lock;
     DWORD total = variable.size;
+    product::PublishedState published;
     if (probed && variable.localRead != nullptr) {
         total = variable.localRead(manager, nullptr);
+    } else if (probed && !lock.held && FindPublishedState(manager->printerDatabase, variable.name, &published)) {
+        total = published.size;
     } else if (probed) {
-        lock.Acquire(manager->databaseMutex);
+        if (!lock.held) lock.Acquire(manager->databaseMutex);
         const Answer answer = ReadVariable(manager->printerDatabase, variable.name, nullptr, 0, &total);
         if (answer != Answer::Done) return PassOn(answer);
     }
@@ -81,11 +82,21 @@ Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, cons
         fetchedSize = variable.localRead(manager, value.Data());
     else
         fetched = ReadVariable(manager->printerDatabase, variable.name, value.Data(), total, &fetchedSize);
+    if (fetched == Answer::BufferTooSmall && probed && !lock.held && lock.Acquire(manager->databaseMutex))
+        return ReadUnder(lock, manager, variable, target, returned);
     lock.Release();
 
     // A failed fetch takes the same path: the temporary is zero then, and the answer is passed on.
     const Extent extent = ExtentOf(variable, value.Data(), total, fetchedSize);
     return GiveValue(variable, value.Data() + extent.offset, extent.length, target, fetched, returned);
+}
+
+} // namespace
+
+Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
+                 uint32_t* returned) {
+    MutexHold lock;
+    return ReadUnder(lock, manager, variable, target, returned);
 }
 
 Status ReadCurrent(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
@@ -154,7 +165,8 @@ Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, 
 Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime) {
     SYSTEMTIME writeTime;
     {
-        const MutexHold lock(manager->databaseMutex);
+        MutexHold lock;
+        if (!ServiceIsKnownToLive(manager->printerDatabase)) lock.Acquire(manager->databaseMutex);
         if (GetWriteTime(manager->printerDatabase, variable.name, &writeTime) != Answer::Done) return TVS_E_UNKNOWN;
     }
     return CopyToCaller(callersTime, &writeTime, sizeof writeTime) ? TVS_OK : TVS_E_FAULT;

@@ -2,11 +2,11 @@
 // interface.h says what each procedure does and answers. State: the binding and the bound on calls, in client.cpp.
 // After the binding any thread may call.
 //
-// Every read of a value or of a write time goes through ReadVariable and GetWriteTime; no other code may assume that
-// such a read is a call.
+// These are calls. Reads that need none go through the published values (published_values.h).
 #pragma once
 
 #include "product/interface.h"
+#include "product/object_names.h"
 #include "product/status.h"
 
 #include <windows.h>
@@ -27,6 +27,7 @@ enum class Answer : LONG {
     ServerUnavailable = RPC_S_SERVER_UNAVAILABLE,
     CallFailed = RPC_S_CALL_FAILED,
     BadStubData = RPC_X_BAD_STUB_DATA,
+    NoSuchProcedure = RPC_S_PROCNUM_OUT_OF_RANGE,
 };
 
 // The one place where an answer becomes the status of an export.
@@ -83,5 +84,13 @@ Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes);
 // who wait at that moment, so a watcher also checks after it has set the watch, and from time to time.
 Answer WatchVariable(DatabaseHandle database, const char* name, product::WatchMode mode);
 Answer UnwatchVariable(DatabaseHandle database, const char* name);
+// Where the values of the database are published; names are empty when nowhere.
+struct PublishedPlace {
+    product::KernelName section;
+    DWORD size;
+    product::KernelName life;
+};
+// *place is empty on failure.
+Answer FindPublishedValues(DatabaseHandle database, PublishedPlace* place);
 // Has "ReadRequest:<printer>" or the like carried out at a printer. The answer is the request's result.
 Answer ForwardRequest(const char* request);

@@ -13,6 +13,7 @@
 //                                         process waits for that
 //   "TVOR:<database>:Nsr:Initialize"      plain too: set when the desktop agent is ready
 //   "TVORPWD:INITIALIZED"                 set while the product is up
+//   "TVORSDB:Started"                     pulsed by a status database service when it answers calls
 //   "TVORSQD:TerminateManager"            set when all managers of the machine are asked to shut down; it stays so for
 //                                         as long as somebody has it open
 //
@@ -38,6 +39,7 @@ KernelName AgentReadyName(std::string_view database);
 
 inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";   // the base name
 inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name
+inline constexpr char kServiceStartedName[] = "TVORSDB:Started";         // the base name
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.
 inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";

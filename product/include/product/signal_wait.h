@@ -1,0 +1,50 @@
+// What a watcher waits for: the event that ends it, events that others pulse, and the start of a service. No pulse is
+// lost between two waits where the system remembers them (signal_wait_linux.cpp). Elsewhere a wait ends a few times by
+// itself after each pulse (signal_wait_windows.cpp), so a watcher compares counts whenever a wait has ended. No state.
+#pragma once
+
+#include <windows.h>
+
+namespace product {
+
+enum class Woken {
+    Stopped,
+    Signalled, // look at all events
+    Started,   // a service has started; look at all events too
+    TimedOut,
+    Failed
+};
+
+// What happened to an event since it was last asked for.
+struct Signals {
+    DWORD pulses; // of which several may be one where the system does not count them
+    bool isSet;   // it is still set: somebody left it so
+};
+
+class SignalWait {
+public:
+    static constexpr DWORD kEventsMax = MAXIMUM_WAIT_OBJECTS - 1;
+
+    // The handles belong to the caller. stop may be null.
+    explicit SignalWait(HANDLE stop) : m_handles{stop} {}
+
+    // The event of that number, from 0, from now on. Null: none, which is never signalled.
+    void SetEvent(DWORD number, HANDLE event);
+    // Pulsed by each service that starts. Waited for while fewer than kEventsMax events are.
+    void SetStarted(HANDLE event);
+
+    Woken Wait(DWORD milliseconds);
+    Signals Take(DWORD number);
+
+private:
+    DWORD Gather(HANDLE* handles, DWORD* positions) const;
+
+    HANDLE m_handles[1 + kEventsMax];
+    DWORD m_positions[1 + kEventsMax] = {};
+    DWORD m_count = 1; // of the handles
+    HANDLE m_started = nullptr;
+    DWORD m_startedPosition = 0;
+    DWORD m_repeats = 0; // waits that ended by themselves since the last pulse
+};
+
+} // namespace product

@@ -1,0 +1,159 @@
+#include "notify/watcher.h"
+
+#include "machine/objects.h"
+#include "machine/process_state.h"
+
+void Watch::Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode) {
+    m_registration = &registration;
+    m_variable = variableName;
+    m_mode = mode;
+    const product::VariableSignal signal =
+        mode == product::kEveryWrite ? product::VariableSignal::Updated : product::VariableSignal::Changed;
+    // Before the name and the watch: when the service changes in between, the watch counts as lost.
+    m_database = PrinterDatabaseOf(registration).handle;
+    const DatabaseNameText database = CurrentDatabaseName(registration.thread.manager);
+    m_event = CreateNamedEvent(product::VariableEventName(g_terminalServer, database.text, variableName, signal));
+    m_isWatched = WatchVariable(m_database, variableName, mode) == Answer::Done;
+}
+
+// With the handle with which it was made: a later service counts the watches of others under that name.
+void Watch::End() {
+    if (m_isWatched) UnwatchVariable(m_database, m_variable);
+    if (m_event != nullptr) CloseHandle(m_event);
+    m_isWatched = false;
+    m_event = nullptr;
+}
+
+void Watch::Renew() {
+    End();
+    Begin(*m_registration, m_variable, m_mode);
+}
+
+void SignalCount::Count(HANDLE event) {
+    constexpr uint32_t kSignalsCounted = 100;
+    constexpr DWORD kSignalsCountedMs = 1000;
+    if (++m_signals <= kSignalsCounted) return;
+    m_signals = 0;
+    const DWORD now = GetTickCount();
+    if (now > m_lastCheck && now - m_lastCheck < kSignalsCountedMs) ResetEvent(event);
+    m_lastCheck = now;
+}
+
+Watcher::Watcher(const NotificationRegistration& registration)
+    : m_registration(registration), m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))),
+      m_wait(registration.thread.stopEvent) {
+    m_wait.SetStarted(m_started.Get());
+}
+
+// Writes are read before pulses: a write that is not among them is followed by its pulse.
+Watcher::Told Watcher::ReadLast(const Watched& watched) const {
+    const ManagerDatabase& database = PrinterDatabaseOf(m_registration);
+    const char* name = watched.watch.Variable();
+    Told last;
+    product::PublishedState state;
+    if (FindPublishedState(database, name, &state) &&
+        FindPublishedPulses(database, name, watched.watch.Mode(), &last.pulses)) {
+        last.isCounted = true;
+        last.writes = watched.watch.Mode() == product::kEveryWrite ? state.writes : state.changes;
+        last.time = state.writeTime;
+        return last;
+    }
+    SYSTEMTIME written;
+    FILETIME time;
+    if (GetWriteTime(database, name, &written) == Answer::Done && SystemTimeToFileTime(&written, &time))
+        last.time = ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+    return last;
+}
+
+// What was written before is not news. A write at this very moment may count as such, or be told.
+void Watcher::SetBase(Watched& watched, DWORD number) {
+    m_wait.SetEvent(number, watched.watch.Event());
+    watched.told = ReadLast(watched);
+    watched.pulsesBefore = watched.told.pulses;
+    watched.pulsesSeen = 0;
+    if (!watched.watch.IsWhole()) m_isWhole = false;
+}
+
+void Watcher::Add(const char* variableName, product::WatchMode mode) {
+    Watched& watched = m_variables[m_count];
+    watched.watch.Begin(m_registration, variableName, mode);
+    SetBase(watched, m_count++);
+}
+
+// Anything may have been written before the previous service ended. A watch that could not be had missed what was
+// written since.
+void Watcher::RenewWatches() {
+    m_isWhole = true;
+    for (DWORD k = 0; k < m_count; ++k) {
+        Watched& watched = m_variables[k];
+        const bool isLost = watched.watch.IsLost();
+        if (!isLost && watched.watch.IsWhole()) continue;
+        const Told before = watched.told;
+        watched.watch.Renew();
+        SetBase(watched, k);
+        watched.isNews |= isLost || before.time != watched.told.time;
+    }
+}
+
+void Watcher::Look(Watched& watched, DWORD number) {
+    const product::Signals signals = m_wait.Take(number);
+    const bool isSignalled = signals.pulses > 0 || signals.isSet;
+    if (isSignalled) watched.signals.Count(watched.watch.Event());
+    const Told last = ReadLast(watched);
+    if (last.isCounted && watched.told.isCounted) {
+        watched.pulsesSeen += signals.pulses;
+        const DWORD given = last.pulses - watched.pulsesBefore;
+        const bool isForeign = signals.isSet || static_cast<LONG>(watched.pulsesSeen - given) > 0;
+        if (isForeign) watched.pulsesSeen = given;
+        watched.isNews |= isForeign || last.writes != watched.told.writes;
+    } else {
+        watched.pulsesBefore = last.pulses;
+        watched.pulsesSeen = 0;
+        watched.isNews |= isSignalled || last.time > watched.told.time;
+    }
+    watched.told = last; // before the value is read: it is at least as new
+}
+
+// Opens the manager's databases again when there is a new service, which makes the watches lost. Unless one has just
+// started, one watcher asks for all watchers of a manager.
+void Watcher::LookForNewService(bool isStarted) {
+    ManagerRecord* manager = m_registration.thread.manager;
+    if (ServiceIsKnownToLive(manager->printerDatabase)) return;
+    const DWORD now = GetTickCount();
+    DWORD before = manager->serviceLookedFor;
+    if (!isStarted &&
+        (now - before < g_timings.serviceLook / 2 || !manager->serviceLookedFor.compare_exchange_strong(before, now)))
+        return;
+    product::DatabaseInfo info;
+    GetDatabaseInfo(manager->printerDatabase, &info);
+}
+
+// False when the watcher is to end.
+bool Watcher::AwaitNews(DWORD pause) {
+    for (;;) {
+        const bool idle = pause == kNoLook;
+        const DWORD limit = m_isWhole ? g_timings.serviceLook : g_timings.watchRetry;
+        const product::Woken woken = m_wait.Wait(std::min(pause, limit));
+        switch (woken) {
+        case product::Woken::Stopped:
+        case product::Woken::Failed:
+            return false;
+        case product::Woken::Started:
+            LookForNewService(true);
+            break;
+        case product::Woken::TimedOut:
+            if (idle) LookForNewService(false);
+            break;
+        case product::Woken::Signalled:
+            break;
+        }
+        const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
+        if (isLost || !m_isWhole) RenewWatches();
+        if (woken != product::Woken::TimedOut)
+            for (DWORD k = 0; k < m_count; ++k)
+                Look(m_variables[k], k);
+        const bool isOver = !idle && woken == product::Woken::TimedOut;
+        if (isOver || std::any_of(m_variables, m_variables + m_count, [](const Watched& each) { return each.isNews; }))
+            return true;
+    }
+}

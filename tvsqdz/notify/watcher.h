@@ -1,0 +1,119 @@
+// What all watchers share: the watches of variables, the wait, and what is news. docs/notifications.md has the argument
+// why no write is missed and none is told twice.
+//
+// A watcher remembers where its last wait on each event ended, so it sees every pulse, however late. What a pulse means
+// is told by counts: the published number of writes says whether there was a new one, and the published number of the
+// service's pulses whether somebody else gave this one. Both were counted before the pulse. Where nothing is published,
+// every pulse and every later write time is news.
+//
+// State: with each watcher, on its stack.
+#pragma once
+
+#include "base/timings.h"
+#include "notify/delivery.h"
+#include "product/guards.h"
+#include "product/signal_wait.h"
+
+#include <algorithm>
+
+// The event of a printer's variable, which the service pulses at every write or at every change while the watch exists.
+// A restarted service does not know the watch: it is lost.
+class Watch {
+public:
+    Watch() = default;
+    ~Watch() { End(); }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+    // variableName: owned by the caller.
+    void Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode);
+    void Renew();
+
+    HANDLE Event() const { return m_event; } // null when it cannot be had; changes with a renewal
+    const char* Variable() const { return m_variable; }
+    product::WatchMode Mode() const { return m_mode; }
+    bool IsLost() const { return PrinterDatabaseOf(*m_registration).handle != m_database; }
+    // False: the event or the watch cannot be had now, and it has to be renewed.
+    bool IsWhole() const { return m_event != nullptr && m_isWatched; }
+
+private:
+    void End();
+
+    const NotificationRegistration* m_registration = nullptr;
+    const char* m_variable = nullptr;
+    product::WatchMode m_mode = product::kOnlyChanges;
+    DatabaseHandle m_database = 0; // in which the watch was made
+    HANDLE m_event = nullptr;
+    bool m_isWatched = false;
+};
+
+// Detects an event that somebody left set: it is reset after more than 100 signals within a second.
+class SignalCount {
+public:
+    void Count(HANDLE event);
+
+private:
+    uint32_t m_signals = 0;
+    DWORD m_lastCheck = GetTickCount();
+};
+
+// No time to look again without a signal.
+inline constexpr DWORD kNoLook = INFINITE;
+
+class Watcher {
+public:
+    explicit Watcher(const NotificationRegistration& registration);
+    Watcher(const Watcher&) = delete;
+    Watcher& operator=(const Watcher&) = delete;
+
+    // Watches one more variable, of at most SignalWait::kEventsMax; writes before are no news. Then ThreadHasBegun.
+    void Add(const char* variableName, product::WatchMode mode);
+
+    // Until the thread is to end. tell is called with the number of a variable, from 0 in the order of the calls of
+    // Add, when it was written, somebody else signalled it, or the service is a new one. It delivers, and returns
+    // kNoLook, or a time in milliseconds after which it is to be called again.
+    template <typename Tell> // DWORD(DWORD number)
+    void Run(Tell tell) {
+        DWORD pause = kNoLook;
+        while (AwaitNews(pause)) {
+            pause = kNoLook;
+            for (DWORD k = 0; k < m_count; ++k) {
+                if (!m_variables[k].isNews) continue;
+                const DWORD again = tell(k);
+                m_variables[k].isNews = again != kNoLook;
+                pause = std::min(pause, again);
+            }
+        }
+    }
+
+private:
+    // What was told of a variable, or need not be.
+    struct Told {
+        bool isCounted = false; // the published counts are known
+        ULONGLONG writes = 0;   // or changes
+        DWORD pulses = 0;       // the service's
+        ULONGLONG time = 0;     // of the last write
+    };
+    struct Watched {
+        Watch watch;
+        SignalCount signals;
+        bool isNews = false;
+        Told told;
+        DWORD pulsesBefore = 0; // of the service when the watch began
+        DWORD pulsesSeen = 0;   // since then
+    };
+
+    bool AwaitNews(DWORD pause);
+    void RenewWatches();
+    void SetBase(Watched& watched, DWORD number);
+    void Look(Watched& watched, DWORD number);
+    Told ReadLast(const Watched& watched) const;
+    void LookForNewService(bool isStarted);
+
+    const NotificationRegistration& m_registration;
+    const KernelHandle m_started;
+    product::SignalWait m_wait;
+    DWORD m_count = 0;
+    bool m_isWhole = true; // all watches are
+    Watched m_variables[product::SignalWait::kEventsMax];
+};
