@@ -1,5 +1,4 @@
 // Registrations: what is watched by whom, what is delivered, what is refused.
-#include "base/timings.h"
 #include "campaign.h"
 #include "manager/variables.h"
 #include "notification_kit.h"
@@ -25,32 +24,42 @@ struct Notification : Opened {
 
 } // namespace
 
-// One with a watcher of its own and two without, of which one tells every write.
+// One with a watcher of its own and two without, of which one tells every write. Each has several watchers in this
+// process, and a client asks for write times all the while.
 TEST_F(NotificationCampaign, IsolatedWritesAreOneDeliveryEachInEachForm) {
-    g_timings.changeAwake = 50; // asleep again long before the next write
-    g_timings.callbackAwake = 50;
     constexpr const char* kWatched[] = {"PrinterExtStatus", "ModelNumber", "RWResult"};
     std::vector<std::unique_ptr<Registrant>> registrants;
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         for (const Form form : kForms)
             registrants.push_back(std::make_unique<Registrant>(form, manager, kWatched[i], i));
+        for (int more = 0; more < 5; ++more)
+            registrants.push_back(std::make_unique<Registrant>(Form::Event, manager, kWatched[i]));
+    }
+    const size_t each = registrants.size() / 3;
+    std::atomic<bool> isOver = false;
+    const TestThread asker([&] {
+        SYSTEMTIME time;
+        while (!isOver)
+            GetPrinterStatusInfoA(manager, "ModelNumber", &time);
+    });
     const auto write = [&](uint32_t value, bool isAnother) {
         // The first one follows the registrations at once: they tell from their return on.
         for (const char* variable : kWatched)
             ASSERT_EQ(Update(manager, variable, Number(value)), TVS_OK);
         // The same value again is told only of a variable that tells every write.
-        for (size_t i = isAnother ? 0 : 6; i < 9; ++i)
+        for (size_t i = isAnother ? 0 : 2 * each; i < registrants.size(); ++i)
             ASSERT_EQ(registrants[i]->Told(), 1) << value << " " << i;
         for (int i = 0; i < 3; ++i)
             ASSERT_EQ(g_calls[i].Value(), Number(value));
         PauseMs(kQuietMs);
-        for (size_t i = 0; i < 9; ++i)
+        for (size_t i = 0; i < registrants.size(); ++i)
             ASSERT_EQ(registrants[i]->Told(0), 0) << value << " " << i;
     };
     const auto rounds = static_cast<uint32_t>(Rounds(2, 1000));
     for (uint32_t round = 1; round <= rounds; ++round)
         write(1000 + round, true);
     write(1000 + rounds, false);
+    isOver = true;
 }
 
 TEST_F(Notification, ACallbackGetsItsIndexAndTheValueThatIsStored) {
@@ -102,43 +111,48 @@ TEST_F(Notification, AValueThatIsTooLargeIsNotPassedOnAndAQueueIsAllOfIt) {
     EXPECT_EQ(StoredBytes(database, "Q"), queue);
 }
 
-// What pulses do not tell, a look does: here the service pulses nothing, for the test has ended the watch.
-TEST_F(Notification, AWriteDuringACallbackIsTold) {
-    g_timings.callbackAwake = 1;
+// Those of before the first wait too: a registration tells from its return on.
+TEST_F(Notification, WritesDuringACallbackAreToldByOneMore) {
     const HANDLE go = NewEvent();
     std::atomic<int> inside = 0;
     g_calls[0].work = [&] {
         ++inside;
         IsSet(go);
     };
-    for (const char* variable : {"ModelNumber", "PrinterExtStatus"}) {
+    for (const char* variable : {"ModelNumber", "PrinterExtStatus", "RWResult"}) {
         SCOPED_TRACE(variable);
         const Registrant registrant(Form::Callback, manager, variable);
         inside = 0;
         EXPECT_EQ(Update(manager, variable, Number(100)), TVS_OK);
         ASSERT_TRUE(WaitUntil([&] { return inside == 1; }));
-        EXPECT_EQ(UnwatchVariable(database, variable), Answer::Done);
-        EXPECT_EQ(Update(manager, variable, Number(200)), TVS_OK);
+        for (const uint32_t value : {200, 300, 400})
+            EXPECT_EQ(Update(manager, variable, Number(value)), TVS_OK);
         SetEvent(go);
         EXPECT_TRUE(WaitUntil([&] { return inside == 2; }));
-        EXPECT_EQ(g_calls[0].Value(), Number(200));
+        EXPECT_EQ(g_calls[0].Value(), Number(400));
         SetEvent(go);
+        PauseMs(kQuietMs);
+        EXPECT_EQ(inside, 2);
     }
 }
 
-// Also one that follows the write before the registration within the same millisecond. Nothing is pulsed here either;
-// the first look tells.
-TEST_F(Notification, TheFirstLookTellsWhatWasWrittenBeforeTheFirstWait) {
-    g_timings.firstLook = 300; // time enough for what follows
-    std::vector<std::unique_ptr<Registrant>> registrants;
-    for (const std::string variable : {"ModelNumber", "DNumber", "Plain", "PNumber", "PrinterExtStatus"}) {
-        EXPECT_EQ(Update(manager, variable, Number(0x1001)), TVS_OK);
-        registrants.push_back(std::make_unique<Registrant>(Form::Event, manager, variable));
-        EXPECT_EQ(UnwatchVariable(database, variable.c_str()), Answer::Done);
-        EXPECT_EQ(Update(manager, variable, Number(0x1002)), TVS_OK);
+// Whoever may signal a variable's event is taken for the service, also while the service writes.
+TEST_F(Notification, ASignalThatSomebodyElseGivesIsOneDelivery) {
+    for (const char* variable : {"ModelNumber", "PrinterExtStatus"}) {
+        SCOPED_TRACE(variable);
+        Registrant registrant(Form::Event, manager, variable);
+        const product::KernelName name =
+            product::VariableEventName(true, record->databaseName, variable, product::VariableSignal::Changed);
+        const KernelHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, name.text));
+        ASSERT_TRUE(event);
+        for (uint32_t round = 1; round <= 3; ++round) {
+            EXPECT_EQ(Update(manager, variable, Number(round)), TVS_OK);
+            EXPECT_EQ(registrant.Told(), 1);
+            PulseEvent(event.Get());
+            EXPECT_EQ(registrant.Told(), 1);
+        }
+        EXPECT_EQ(registrant.Told(kQuietMs), 0);
     }
-    for (const auto& registrant : registrants)
-        EXPECT_EQ(registrant->Told(), 1);
 }
 
 TEST_F(Notification, AListDelegatesTheVariablesThatHaveWatchersOfTheirOwn) {
@@ -238,7 +252,6 @@ TEST_F(Notification, WhatCannotBeWatchedIsRefusedBeforeAnythingIsRegistered) {
 }
 
 TEST_F(Notification, WhatWasMissedDuringACallbackIsToldInTheOrderOfTheList) {
-    g_timings.callbackAwake = 60;
     const HANDLE called = NewEvent();
     const HANDLE goOn = NewEvent();
     g_calls[0].work = [&] {

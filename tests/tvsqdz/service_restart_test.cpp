@@ -122,8 +122,8 @@ TEST_F(ServiceRestart, AnyCallFindsTheNewService) {
 TEST_F(ServiceRestart, AHandleThatTheSameServiceDoesNotKnowStaysUnknown) {
     const DatabaseHandle handle = Handle();
     ASSERT_EQ(CloseDatabase(handle), Answer::Done);
-    EXPECT_EQ(Read(manager, "ModelNumber", 4).status, -3);
-    EXPECT_EQ(Update(manager, "ModelNumber", Number(1)), -3);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(Update(manager, "ModelNumber", Number(1)), -3);
     EXPECT_EQ(Handle(), handle);
     EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 0u);
 }
@@ -173,7 +173,7 @@ TEST_F(ServiceRestart, APrinterKeepsItsNumberWhereItIsFree) {
 }
 
 TEST_F(ServiceRestart, AnOwnerIsTheOwnerAgainUnlessAnotherWasFaster) {
-    g_timings.relaySlice = 60000; // so that the owner's own thread comes too late
+    g_timings.relayLook = 60000; // so that the owner's own thread comes too late
     const TvsManager owner = OpenPrinter(6);
     const TvsManager polling = OpenPrinter(4);
     const auto owns = [&] { return (RecordOf(owner)->flags & ManagerOwnsPrinter) != 0; };
@@ -198,7 +198,6 @@ TEST_F(ServiceRestart, AnOwnerIsTheOwnerAgainUnlessAnotherWasFaster) {
 
 TEST_F(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
     g_timings.serviceLook = 50;
-    g_timings.firstLook = 0; // so that it is not this look that finds the new service
     std::vector<std::unique_ptr<Registrant>> registrants;
     const std::vector<std::string> variables = {"ModelNumber", "JobStatus", "PrinterStatus"};
     // One watcher each: of two for one variable in one process, one may miss a single write.
@@ -218,7 +217,6 @@ TEST_F(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
 
 TEST_F(ServiceRestart, AWatchOfTheOldServiceEndsNoneOfTheNew) {
     g_timings.serviceLook = 60000; // it sleeps, and does not come to know the new service
-    g_timings.firstLook = 0;
     Registrant old(Form::Event, manager, "ModelNumber");
     RestartService();
     EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
@@ -228,7 +226,7 @@ TEST_F(ServiceRestart, AWatchOfTheOldServiceEndsNoneOfTheNew) {
 }
 
 TEST_F(ServiceRestart, ARequestOnItsWayFailsAndTheNextIsCarriedOut) {
-    g_timings.answerSlice = 1000; // longer than the restart: only the handle tells that there was one
+    g_timings.answerLook = 1000; // longer than the restart: only the handle tells that there was one
     std::atomic<int32_t> status = 0x5EE;
     {
         const PrinterSide printer(database, [](auto&, auto&) { return std::nullopt; });

@@ -29,19 +29,17 @@ void Watch::Renew() {
     Begin(*m_registration, m_variable, m_mode);
 }
 
-void SignalCount::Count(HANDLE event) {
-    constexpr uint32_t kSignalsCounted = 100;
-    constexpr DWORD kSignalsCountedMs = 1000;
-    if (++m_signals <= kSignalsCounted) return;
+void SignalCount::Count(HANDLE event, const SignalTrust& trust) {
+    if (++m_signals <= trust.signals) return;
     m_signals = 0;
     const DWORD now = GetTickCount();
-    if (now > m_lastCheck && now - m_lastCheck < kSignalsCountedMs) ResetEvent(event);
+    if (now > m_lastCheck && now - m_lastCheck < trust.within) ResetEvent(event);
     m_lastCheck = now;
 }
 
-Watcher::Watcher(const NotificationRegistration& registration)
-    : m_registration(registration), m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))),
-      m_wait(registration.thread.stopEvent) {
+Watcher::Watcher(const NotificationRegistration& registration, const SignalTrust& trust)
+    : m_registration(registration), m_trust(trust),
+      m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))), m_wait(registration.thread.stopEvent) {
     m_wait.SetStarted(m_started.Get());
 }
 
@@ -98,7 +96,7 @@ void Watcher::RenewWatches() {
 void Watcher::Look(Watched& watched, DWORD number) {
     const product::Signals signals = m_wait.Take(number);
     const bool isSignalled = signals.pulses > 0 || signals.isSet;
-    if (isSignalled) watched.signals.Count(watched.watch.Event());
+    if (isSignalled) watched.signals.Count(watched.watch.Event(), m_trust);
     const Told last = ReadLast(watched);
     if (last.isCounted && watched.told.isCounted) {
         watched.pulsesSeen += signals.pulses;

@@ -47,10 +47,16 @@ private:
     bool m_isWatched = false;
 };
 
-// Detects an event that somebody left set: it is reset after more than 100 signals within a second.
+// Detects an event that somebody left set: it is reset after more than so many signals in so many milliseconds.
+struct SignalTrust {
+    uint32_t signals;
+    DWORD within;
+};
+inline constexpr SignalTrust kTrusted = {100, 1000};
+inline constexpr SignalTrust kTrustedInList = {102, INFINITE};
 class SignalCount {
 public:
-    void Count(HANDLE event);
+    void Count(HANDLE event, const SignalTrust& trust);
 
 private:
     uint32_t m_signals = 0;
@@ -62,7 +68,7 @@ inline constexpr DWORD kNoLook = INFINITE;
 
 class Watcher {
 public:
-    explicit Watcher(const NotificationRegistration& registration);
+    explicit Watcher(const NotificationRegistration& registration, const SignalTrust& trust = kTrusted);
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
 
@@ -111,6 +117,7 @@ private:
     void LookForNewService(bool isStarted);
 
     const NotificationRegistration& m_registration;
+    const SignalTrust m_trust;
     const KernelHandle m_started;
     product::SignalWait m_wait;
     DWORD m_count = 0;

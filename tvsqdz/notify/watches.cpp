@@ -8,7 +8,7 @@ namespace {
 
 // Delivers each write; those that come during a delivery are told by one more.
 void TellWrites(const NotificationRegistration& registration, CallbackValue* value) {
-    Watcher watcher(registration);
+    Watcher watcher(registration, kTrustedInList);
     uint32_t entryOf[product::SignalWait::kEventsMax];
     DWORD count = 0;
     for (uint32_t i = 0; i < registration.entryCount && count < product::SignalWait::kEventsMax; ++i) {
