@@ -172,15 +172,63 @@ void UnbindStatusDatabase() {
     g_binding = nullptr;
 }
 
-Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
-    *handle = 0; // a handle that is not open must not be closed
-    // A restart also follows the fourth failure, so that the next open finds a server.
+namespace {
+
+// A restart also follows the fourth failure, so that the next open finds a server.
+template <typename Make> // Answer()
+Answer WithRestarts(Make make) {
     Answer answer = Answer::ServerUnavailable;
     for (int i = 0; i < kCallsWithRestart; ++i) {
-        answer = Invoke<kCreateDatabase>({name}, {*handle});
+        answer = make();
         if (answer != Answer::ServerUnavailable || !RestartStatusService9x()) break;
     }
     return answer;
+}
+
+// The names of a reply end with it.
+bool CopyPlace(std::string_view section, DWORD size, std::string_view life, PublishedPlace* place) {
+    if (section.size() >= sizeof place->section.text || life.size() >= sizeof place->life.text) return false;
+    memcpy(place->section.text, section.data(), section.size());
+    memcpy(place->life.text, life.data(), life.size());
+    place->size = size;
+    return true;
+}
+
+Answer EnterAtOnce(const char* name, EnteredDatabase* entered) {
+    CallOf<kEnterDatabase> call(InOf<kEnterDatabase>{name});
+    if (!call.Send()) return call.Failure();
+    const auto [handle, created, instance, section, size, life] = call.Out();
+    const Answer answer = call.Status();
+    if (answer != Answer::Done) return answer;
+    entered->handle = handle;
+    entered->created = created != 0;
+    entered->instance = instance;
+    return CopyPlace(section, size, life, &entered->place) ? Answer::Done : Answer::BadStubData;
+}
+
+// The instance is read before anything is opened. Handles of a later service would then be opened once more for
+// nothing; read afterwards, handles of an earlier one would be taken for handles of this one. Where the creation
+// restarts the service, there is none to ask before.
+Answer EnterBySingleCalls(const char* name, EnteredDatabase* entered) {
+    GetServiceInstance(&entered->instance);
+    Answer answer = CreateDatabase(name, &entered->handle);
+    entered->created = answer == Answer::Done;
+    if (answer == Answer::DatabaseExists) answer = OpenDatabase(name, &entered->handle);
+    if (entered->instance == 0) GetServiceInstance(&entered->instance);
+    return answer;
+}
+
+} // namespace
+
+Answer CreateDatabase(const char* name, DatabaseHandle* handle) {
+    *handle = 0; // a handle that is not open must not be closed
+    return WithRestarts([&] { return Invoke<kCreateDatabase>({name}, {*handle}); });
+}
+
+Answer EnterDatabase(const char* name, EnteredDatabase* entered) {
+    *entered = {};
+    const Answer answer = WithRestarts([&] { return EnterAtOnce(name, entered); });
+    return answer == Answer::NoSuchProcedure ? EnterBySingleCalls(name, entered) : answer;
 }
 
 Answer OpenDatabase(const char* name, DatabaseHandle* handle) {
@@ -209,6 +257,11 @@ Answer EndDatabaseInitialization(DatabaseHandle database) {
 Answer CreateVariable(DatabaseHandle database, const char* name, DatabaseType type, DWORD size, const void* value) {
     if (!value) size = 0;
     return Invoke<kCreateVariable>({database, name, type, {size}, 0, {static_cast<const BYTE*>(value), size}});
+}
+
+Answer CreateVariables(DatabaseHandle database, const BYTE* variables, DWORD size) {
+    DWORD made = 0;
+    return Invoke<kCreateVariables>({database, {variables, size}}, {made});
 }
 
 Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size) {
@@ -273,12 +326,7 @@ Answer FindPublishedValues(DatabaseHandle database, PublishedPlace* place) {
     const auto [section, size, life] = call.Out();
     const Answer answer = call.Status();
     if (answer != Answer::Done) return answer;
-    if (section.size() >= sizeof place->section.text || life.size() >= sizeof place->life.text)
-        return Answer::BadStubData;
-    memcpy(place->section.text, section.data(), section.size());
-    memcpy(place->life.text, life.data(), life.size());
-    place->size = size;
-    return Answer::Done;
+    return CopyPlace(section, size, life, place) ? Answer::Done : Answer::BadStubData;
 }
 
 Answer ForwardRequest(const char* request) {

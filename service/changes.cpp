@@ -203,6 +203,30 @@ ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std:
     return kDone;
 }
 
+ServiceStatus CreateVariables(Database& database, const Caller& caller, const BYTE* variables, DWORD size,
+                              DWORD* made) {
+    ServiceStatus first = kDone;
+    for (DWORD at = 0; at < size;) {
+        NewVariableHead head;
+        if (size - at < sizeof head) return kBadArgument;
+        memcpy(&head, variables + at, sizeof head);
+        at += sizeof head;
+        if (head.nameLength > size - at || head.valueSize > size - at - head.nameLength) return kBadArgument;
+        const std::string_view name{reinterpret_cast<const char*>(variables + at), head.nameLength};
+        const BYTE* value = variables + at + head.nameLength;
+        const bool isComposite = head.type == kTypeComposite;
+        ServiceStatus status = CreateVariable(database, caller, name, static_cast<DatabaseType>(head.type), value,
+                                              isComposite ? 0 : head.valueSize);
+        if (status == kDone && isComposite)
+            status =
+                SetCompositeMembers(database, caller, name, {reinterpret_cast<const char*>(value), head.valueSize});
+        if (status == kDone) ++*made;
+        if (first == kDone) first = status;
+        at = std::min(size, (at + head.nameLength + head.valueSize + 3) / 4 * 4);
+    }
+    return first;
+}
+
 ServiceStatus WriteVariable(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,
                             DWORD size) {
     Variable* variable = FindVariable(database, name);

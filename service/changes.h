@@ -12,6 +12,8 @@ product::ServiceStatus CreateDatabase(const Caller& caller, std::string_view nam
 product::ServiceStatus EndInitialisationOf(Database& database, DWORD handle);
 product::ServiceStatus CreateVariable(Database& database, const Caller& caller, std::string_view name,
                                       product::DatabaseType type, const BYTE* bytes, DWORD size);
+product::ServiceStatus CreateVariables(Database& database, const Caller& caller, const BYTE* variables, DWORD size,
+                                       DWORD* made);
 product::ServiceStatus SetCompositeMembers(Database& database, const Caller& caller, std::string_view composite,
                                            std::string_view list);
 // A variable that does not exist is made when it is the companion of another. The value of a composite goes to its

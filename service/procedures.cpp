@@ -41,7 +41,7 @@ NdrWriter BeginReply(Call& call, ULONGLONG size, RPC_STATUS* fault) {
 template <Procedure procedure>
 struct Row {};
 
-LONG Serve(Row<kCreateDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
+LONG Create(const Caller& caller, std::string_view name, DWORD& handle) {
     handle = ReserveHandle(caller.group);
     if (handle == 0) return kLimitReached;
     Database* database = nullptr;
@@ -55,8 +55,8 @@ LONG Serve(Row<kCreateDatabase>, const Caller& caller, std::string_view name, DW
     return status;
 }
 
-LONG Serve(Row<kOpenDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
-    Database* database = FindDatabase(name);
+LONG Open(const Caller& caller, std::string_view name, DWORD& handle, Database*& database) {
+    database = FindDatabase(name);
     if (!database) return kUnknownDatabase;
     switch (database->state.load(std::memory_order_acquire)) {
     case DatabaseState::Initialising:
@@ -70,6 +70,31 @@ LONG Serve(Row<kOpenDatabase>, const Caller& caller, std::string_view name, DWOR
     if (handle == 0) return kLimitReached;
     SetHandle(handle, *database);
     return kDone;
+}
+
+// Of a ready database; everything is empty when nothing is published.
+struct Place {
+    std::string_view section;
+    DWORD size = 0;
+    std::string_view life;
+
+    explicit Place(Database& database) {
+        const LockHold hold{database.lock}; // not while the section is being replaced
+        const Publication* publication = database.store.publication.load(std::memory_order_relaxed);
+        if (!publication) return;
+        section = SectionName(*publication);
+        size = SectionSize(*publication);
+        life = LifeName();
+    }
+};
+
+LONG Serve(Row<kCreateDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
+    return Create(caller, name, handle);
+}
+
+LONG Serve(Row<kOpenDatabase>, const Caller& caller, std::string_view name, DWORD& handle) {
+    Database* database = nullptr;
+    return Open(caller, name, handle, database);
 }
 
 LONG Serve(Row<kCloseDatabase>, const Caller& caller, DWORD handle) {
@@ -88,6 +113,27 @@ ServiceInstance NewInstance() {
 }
 
 const ServiceInstance g_instance = NewInstance();
+
+// A database that another client creates or gives up in between is opened or created at the next attempt.
+LONG Serve(Row<kEnterDatabase>, const Caller& caller, std::string_view name, DWORD& handle, DWORD& created,
+           ServiceInstance& instance, std::string_view& section, DWORD& size, std::string_view& life) {
+    constexpr int kAttempts = 3;
+    LONG status = kUnknownDatabase;
+    for (int i = 0; i < kAttempts && status == kUnknownDatabase; ++i) {
+        Database* database = nullptr;
+        status = Open(caller, name, handle, database);
+        if (status == kDone) {
+            const Place place{*database};
+            std::tie(section, size, life) = std::tie(place.section, place.size, place.life);
+        } else if (status == kUnknownDatabase) {
+            status = Create(caller, name, handle);
+            created = status == kDone;
+            if (status == kDatabaseExists) status = kUnknownDatabase;
+        }
+    }
+    instance = g_instance;
+    return status;
+}
 
 LONG Serve(Row<kGetServiceInstance>, const Caller&, ServiceInstance& instance) {
     instance = g_instance;
@@ -171,13 +217,14 @@ LONG Serve(Row<kFindPublishedValues>, const Caller& caller, DWORD handle, std::s
     const DatabaseUse database{caller.group, handle};
     if (!database) return kUnknownDatabase;
     if (!database.IsReady()) return kBeingInitialised;
-    const LockHold hold{database->lock}; // not while the section is being replaced
-    const Publication* publication = database->store.publication.load(std::memory_order_relaxed);
-    if (!publication) return kDone;
-    section = SectionName(*publication);
-    size = SectionSize(*publication);
-    life = LifeName();
+    const Place place{*database};
+    std::tie(section, size, life) = std::tie(place.section, place.size, place.life);
     return kDone;
+}
+
+LONG Serve(Row<kCreateVariables>, const Caller& caller, DWORD handle, NdrBytes variables, DWORD& made) {
+    const DatabaseUse database{caller.group, handle};
+    return database ? CreateVariables(*database, caller, variables.data, variables.size, &made) : kUnknownDatabase;
 }
 
 LONG Serve(Row<kForwardRequest>, const Caller&, std::string_view request) {

@@ -141,5 +141,5 @@ TEST(Section, IsZeroAtFirstSharedAndChecked) {
     EXPECT_TRUE(UnmapViewOfFile(one));
     EXPECT_FAILS(UnmapViewOfFile(one), ERROR_INVALID_ADDRESS);
     EXPECT_FAILS(MapViewOfFile(again, FILE_MAP_WRITE, 0, 0, 9), ERROR_ACCESS_DENIED);
-    EXPECT_FAILS(create("Other", 65537), ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS(create("Other", (1 << 20) + 1), ERROR_INVALID_PARAMETER);
 }

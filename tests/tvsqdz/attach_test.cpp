@@ -100,17 +100,19 @@ TEST(Attach, DetachLeavesACallInProgressWhatItUses) {
     const HANDLE held = OpenMutexA(SYNCHRONIZE, FALSE, "Global\\TVORSQD:Mutex:DabaBase");
     ASSERT_TRUE(IsSet(held, 0));
     std::atomic<int32_t> status{1};
-    SYSTEMTIME time = {};
+    uint32_t count = 7;
+    uint32_t size = 0;
+    const auto read = [&] { return GetPrinterStatusA(manager, "PrintingMyJob", &count, sizeof count, &size); };
     {
-        const TestThread reader([&] { status = GetPrinterStatusInfoA(manager, "JobStatus", &time); });
+        const TestThread reader([&] { status = read(); });
         ASSERT_TRUE(WaitUntil([&] { return InterlockedOr(&record->references, 0) >= 2; }));
         library.reset();
         EXPECT_EQ(status, 1);
         ReleaseMutex(held);
     }
     EXPECT_EQ(status, TVS_OK);
-    EXPECT_NE(time.wYear, 0);
-    EXPECT_EQ(GetPrinterStatusInfoA(manager, "JobStatus", &time), TVS_E_HANDLE);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(read(), TVS_E_HANDLE);
 }
 
 TEST(OwnProcess, IsKnownByTheNameOfItsExecutable) {

@@ -79,16 +79,16 @@ TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
         SCOPED_TRACE(database);
         TestProcess creator("CreatesADatabase", {database});
         EXPECT_EQ(creator.Hear(), "0");
-        bool created = false;
-        DatabaseHandle handle = 0;
+        EnteredDatabase entered = {};
         {
             const TestThread opener([&, &database = database] {
-                EXPECT_EQ(CreateOrOpenDatabase(database, &handle, &created), Answer::Done);
+                EXPECT_EQ(CreateOrOpenDatabase(database, &entered), Answer::Done);
             });
             EXPECT_FALSE(IsSet(opener.Handle(), 20));
             ending == nullptr ? creator.Kill() : creator.Tell(ending);
         }
-        EXPECT_EQ(created, isOurs);
+        EXPECT_EQ(entered.created, isOurs);
+        EXPECT_NE(entered.handle, 0u);
     }
     // A creator that lives and never comes to an end is given up at last.
     g_timings.initialisedBound = 100;

@@ -89,11 +89,10 @@ void WritePrinterName(ManagerRecord* manager) {
 } // namespace
 
 Status ObtainPrinterDatabase(ManagerRecord* manager) {
-    bool created = false;
-    DatabaseHandle database = 0;
-    if (CreateOrOpenDatabase(manager->databaseName, &database, &created) != Answer::Done) return TVS_E_UNAVAILABLE;
-    manager->printerDatabase.handle = database;
-    if (!created) return TVS_OK;
+    EnteredDatabase database;
+    if (CreateOrOpenDatabase(manager->databaseName, &database) != Answer::Done) return TVS_E_UNAVAILABLE;
+    TakeDatabase(manager->printerDatabase, database);
+    if (!database.created) return TVS_OK;
     switch (CreatePrinterVariables(manager)) {
     case Population::Done:
         WritePrinterName(manager);

@@ -114,39 +114,34 @@ bool RestartStatusService9x() {
 
 namespace {
 
-// The creator can abandon a database between our two calls. Five times in a row means something is wrong.
+// A creator can abandon a database again and again. Five times in a row means something is wrong.
 constexpr int kAttempts = 5;
 
-// Opens a database that another process may still be initialising. The event only means that it is worth asking again:
-// it may be missing or belong to somebody else, or the database may be abandoned. So the service is asked again after
-// every slice.
-Answer OpenWhenInitialised(const char* name, DatabaseHandle* handle) {
-    const DWORD start = GetTickCount();
-    bool toldBefore = false;
-    for (;;) {
-        const Answer answer = OpenDatabase(name, handle);
-        if (answer != Answer::BeingInitialised) return answer;
-        // A live creator that never finishes would block us, and with us every open on the machine.
-        if (GetTickCount() - start >= g_timings.initialisedBound) return Answer::TimedOut;
-        const KernelHandle initialised(OpenEventA(SYNCHRONIZE, FALSE, product::InitializedEventName(name).text));
-        const DWORD wait =
-            initialised ? WaitForSingleObject(initialised.Get(), g_timings.initialisedSlice) : WAIT_FAILED;
-        const bool told = wait == WAIT_OBJECT_0;
-        // Without an event, or with one that somebody left set, asking again at once would be a busy loop.
-        if (wait == WAIT_FAILED || (told && toldBefore)) Sleep(g_timings.initialisedPause);
-        toldBefore = told;
-    }
+// Waits until it is worth asking again: the event may be missing or belong to somebody else, or the database may be
+// abandoned. Without an event, or with one that somebody left set, asking again at once would be a busy loop.
+bool AwaitInitialised(const char* name, bool toldBefore) {
+    const KernelHandle initialised(OpenEventA(SYNCHRONIZE, FALSE, product::InitializedEventName(name).text));
+    const DWORD wait = initialised ? WaitForSingleObject(initialised.Get(), g_timings.initialisedSlice) : WAIT_FAILED;
+    const bool told = wait == WAIT_OBJECT_0;
+    if (wait == WAIT_FAILED || (told && toldBefore)) Sleep(g_timings.initialisedPause);
+    return told;
 }
 
 } // namespace
 
-Answer CreateOrOpenDatabase(const char* name, DatabaseHandle* handle, bool* created) {
-    *created = false;
-    Answer answer = Answer::UnknownDatabase;
-    for (int attempt = 0; attempt < kAttempts && answer == Answer::UnknownDatabase; ++attempt) {
-        answer = CreateDatabase(name, handle);
-        *created = answer == Answer::Done;
-        if (answer == Answer::DatabaseExists) answer = OpenWhenInitialised(name, handle);
+Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered) {
+    const DWORD start = GetTickCount();
+    bool told = false;
+    for (int attempt = 0; attempt < kAttempts;) {
+        const Answer answer = EnterDatabase(name, entered);
+        if (answer == Answer::UnknownDatabase) {
+            ++attempt;
+            continue;
+        }
+        if (answer != Answer::BeingInitialised) return answer;
+        // A live creator that never finishes would block us, and with us every open on the machine.
+        if (GetTickCount() - start >= g_timings.initialisedBound) return Answer::TimedOut;
+        told = AwaitInitialised(name, told);
     }
-    return answer;
+    return Answer::UnknownDatabase;
 }

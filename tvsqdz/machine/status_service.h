@@ -19,7 +19,7 @@ bool WaitForStatusService9x(DWORD seconds);
 // Windows 95/98/Me: closes the running process and starts a new one. True when one was started; always false elsewhere.
 bool RestartStatusService9x();
 
-// Creates the database, or opens it when it exists, waiting while another process initialises it. Done: *handle is
-// open; when *created, the caller initialises the database and calls EndDatabaseInitialization. Any other answer: there
-// is no handle.
-Answer CreateOrOpenDatabase(const char* name, DatabaseHandle* handle, bool* created);
+// Creates the database, or opens it when it exists, waiting while another process initialises it. Done: the handle is
+// open; when it was created, the caller initialises the database and calls EndDatabaseInitialization. Any other answer:
+// there is no handle.
+Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered);

@@ -24,6 +24,9 @@ struct ManagerDatabase {
     mutable std::atomic<DatabaseHandle> readByCalls;   // the handle whose values this process cannot map
 };
 
+// A database that was just entered: its handle, and its published values.
+void TakeDatabase(ManagerDatabase& database, const EnteredDatabase& entered);
+
 // As the calls of product/client.h. Published values need no call.
 Answer GetDatabaseInfo(const ManagerDatabase& database, product::DatabaseInfo* info);
 Answer WriteVariable(const ManagerDatabase& database, const char* name, const void* value, DWORD size);

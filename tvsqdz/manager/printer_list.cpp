@@ -170,21 +170,14 @@ bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
 } // namespace
 
 bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
-    // The instance is read before anything is opened. Handles of a later service would then be opened once more for
-    // nothing; read afterwards, handles of an earlier one would be taken for handles of this one. Where the creation
-    // restarts the service, there is none to ask before.
-    product::ServiceInstance instance = 0;
-    GetServiceInstance(&instance);
-    bool created = false;
-    DatabaseHandle master = 0;
-    const Answer answer = CreateOrOpenDatabase(product::kMasterDatabase, &master, &created);
+    EnteredDatabase master;
+    const Answer answer = CreateOrOpenDatabase(product::kMasterDatabase, &master);
     if (answer != Answer::Done) return Fail(answer);
-    manager->masterDatabase.handle = master;
-    if (instance == 0) GetServiceInstance(&instance);
-    manager->serviceInstance = instance;
-    if (!(created ? MakeList(manager, former) : FindOrAddPrinter(manager, former))) {
+    TakeDatabase(manager->masterDatabase, master);
+    manager->serviceInstance = master.instance;
+    if (!(master.created ? MakeList(manager, former) : FindOrAddPrinter(manager, former))) {
         const DWORD reason = GetLastError(); // the close may change it
-        CloseDatabase(master);
+        CloseDatabase(master.handle);
         manager->masterDatabase.handle = 0;
         SetLastError(reason);
         return false;

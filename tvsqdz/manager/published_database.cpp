@@ -75,12 +75,9 @@ PublishedDatabase* Mapped(DatabaseHandle handle, const PublishedPlace& place) {
     return nullptr;
 }
 
-// Asks the service where the values are, and maps them. Null: this read goes by call.
-const PublishedDatabase* Map(const ManagerDatabase& database, DatabaseHandle handle, PublishedDatabase* earlier) {
-    PublishedPlace place;
-    const Answer answer = FindPublishedValues(handle, &place);
-    // Being initialised: published later. Other answers are those of an earlier handle or of no service.
-    if (answer != Answer::Done && answer != Answer::NoSuchProcedure) return nullptr;
+// earlier: the one before, which it replaces unless another thread was faster. Null: reads go by call.
+const PublishedDatabase* Publish(const ManagerDatabase& database, DatabaseHandle handle, const PublishedPlace& place,
+                                 PublishedDatabase* earlier) {
     PublishedDatabase* published = place.size != 0 ? Mapped(handle, place) : nullptr;
     if (published == nullptr) {
         database.readByCalls = handle;
@@ -88,8 +85,17 @@ const PublishedDatabase* Map(const ManagerDatabase& database, DatabaseHandle han
     }
     published->earlier = earlier;
     if (database.published.compare_exchange_strong(earlier, published)) return published;
-    Free(published); // another thread was faster
+    Free(published);
     return earlier->handle == handle ? earlier : nullptr;
+}
+
+// Asks the service where the values are, and maps them.
+const PublishedDatabase* Map(const ManagerDatabase& database, DatabaseHandle handle, PublishedDatabase* earlier) {
+    PublishedPlace place;
+    const Answer answer = FindPublishedValues(handle, &place);
+    // Being initialised: published later. Other answers are those of an earlier handle or of no service.
+    if (answer != Answer::Done && answer != Answer::NoSuchProcedure) return nullptr;
+    return Publish(database, handle, place, earlier);
 }
 
 bool IsCurrent(const PublishedDatabase& published) {
@@ -138,6 +144,11 @@ Answer Made(const ManagerDatabase& database, Call call) {
 }
 
 } // namespace
+
+void TakeDatabase(ManagerDatabase& database, const EnteredDatabase& entered) {
+    database.handle = entered.handle;
+    if (!entered.created) Publish(database, entered.handle, entered.place, database.published.load());
+}
 
 Answer GetDatabaseInfo(const ManagerDatabase& database, product::DatabaseInfo* info) {
     return Made(database, [&](DatabaseHandle handle) { return GetDatabaseInfo(handle, info); });

@@ -80,25 +80,86 @@ InitialValue FirstValue(const StatusVariableDef& variable, BYTE* buffer) {
     return value;
 }
 
-void CreateIndexedVariable(ManagerRecord* manager, const StatusVariableDef& variable, product::DatabaseType type,
-                           BYTE* working) {
-    const DatabaseHandle database = manager->printerDatabase.handle;
+// Variables that are made in one call of the service, or in several when they are large; one by one for a service that
+// does not know the call.
+class VariableBatch {
+public:
+    explicit VariableBatch(DatabaseHandle database) : m_database(database), m_block(kBatchSize) {}
+    ~VariableBatch() { Send(); }
+    VariableBatch(const VariableBatch&) = delete;
+    VariableBatch& operator=(const VariableBatch&) = delete;
+
+    bool HasMemory() const { return m_block.memory != nullptr; }
+
+    // A composite's value is its list of members.
+    void Add(const char* name, product::DatabaseType type, const void* value, DWORD size) {
+        const product::NewVariableHead head = {type, static_cast<DWORD>(strlen(name)), size};
+        const uint64_t needed = sizeof head + uint64_t{head.nameLength} + size;
+        if (m_used + needed > kBatchSize) Send();
+        if (needed > kBatchSize) return AddAlone(name, type, value, size);
+        Append(&head, sizeof head);
+        Append(name, head.nameLength);
+        Append(value, size);
+        m_used = (m_used + 3) / 4 * 4;
+        if (m_used > kBatchSize) m_used = kBatchSize;
+    }
+
+    void Send() {
+        if (m_used == 0) return;
+        if (CreateVariables(m_database, m_block.memory, m_used) == Answer::NoSuchProcedure) AddOneByOne();
+        m_used = 0;
+    }
+
+private:
+    static constexpr DWORD kBatchSize = 64 * 1024;
+
+    void Append(const void* bytes, DWORD size) {
+        memcpy(m_block.memory + m_used, bytes, size);
+        m_used += size;
+    }
+
+    void AddAlone(const char* name, product::DatabaseType type, const void* value, DWORD size) {
+        const bool isComposite = type == product::kTypeComposite;
+        CreateVariable(m_database, name, type, isComposite ? 0 : size, isComposite ? nullptr : value);
+        if (!isComposite) return;
+        const HeapBlock members(SIZE_T{size} + 1);
+        if (members.memory == nullptr) return;
+        memcpy(members.memory, value, size);
+        SetCompositeMembers(m_database, name, reinterpret_cast<const char*>(members.memory));
+    }
+
+    void AddOneByOne() {
+        for (DWORD at = 0; at < m_used;) {
+            product::NewVariableHead head;
+            memcpy(&head, m_block.memory + at, sizeof head);
+            at += sizeof head;
+            char name[product::kVariableNameMax + 1] = {};
+            memcpy(name, m_block.memory + at, head.nameLength < sizeof name ? head.nameLength : sizeof name - 1);
+            at += head.nameLength;
+            AddAlone(name, static_cast<product::DatabaseType>(head.type), m_block.memory + at, head.valueSize);
+            at = (at + head.valueSize + 3) / 4 * 4;
+        }
+    }
+
+    const DatabaseHandle m_database;
+    const HeapBlock m_block;
+    DWORD m_used = 0;
+};
+
+void AddIndexedVariable(ManagerRecord* manager, const StatusVariableDef& variable, product::DatabaseType type,
+                        VariableBatch& batch, BYTE* working) {
     BYTE built[kWorkingSize] = {};
     const InitialValue first = FirstValue(variable, built);
     InitialValue value = first;
     if ((variable.flags & SVF_PERSISTENT) != 0) TakePersistentValue(manager->printerName, variable, working, &value);
     // The room that a variable has in composites is that of the value it is created with, which the index knows.
-    const bool keepsRoom = value.size == first.size;
-    CreateVariable(database, variable.name, type, keepsRoom ? value.size : first.size,
-                   keepsRoom ? value.data : first.data);
-    if (!keepsRoom) WriteVariable(database, variable.name, value.data, value.size);
+    const InitialValue& fitting = value.size == first.size ? value : first;
+    batch.Add(variable.name, type, fitting.data, fitting.size);
+    if (value.size != first.size) { // the copy of a value that varies
+        batch.Send();
+        WriteVariable(manager->printerDatabase.handle, variable.name, value.data, value.size);
+    }
     if (value.data == working) memset(working, 0, kWorkingSize); // the next value may be shorter than its field
-}
-
-void CreateComposite(ManagerRecord* manager, const StatusVariableDef& variable) {
-    CreateVariable(manager->printerDatabase.handle, variable.name, product::kTypeComposite, variable.size, nullptr);
-    SetCompositeMembers(manager->printerDatabase.handle, variable.name,
-                        static_cast<const char*>(variable.defaultValue));
 }
 
 void ResetVariable(ManagerRecord* manager, const StatusVariableDef& variable, const BYTE* data, DWORD size) {
@@ -113,23 +174,26 @@ void ResetVariable(ManagerRecord* manager, const StatusVariableDef& variable, co
 Population CreatePrinterVariables(ManagerRecord* manager) {
     const HeapBlock working(kWorkingSize);
     if (working.memory == nullptr) return Population::NoMemory;
+    const DatabaseHandle database = manager->printerDatabase.handle;
+    VariableBatch batch(database);
+    if (!batch.HasMemory()) return Population::NoMemory;
     // Nobody else can use the database yet: others wait until its initialisation is ended below.
     for (uint32_t i = 0; i < manager->variableCount; ++i) {
         const StatusVariableDef& variable = *manager->variableIndex[i];
         product::DatabaseType type;
-        if (DatabaseTypeOf(variable.flags, &type)) CreateIndexedVariable(manager, variable, type, working.memory);
+        if (DatabaseTypeOf(variable.flags, &type)) AddIndexedVariable(manager, variable, type, batch, working.memory);
     }
     // After the plain ones: their members are there by then.
-    for (uint32_t i = 0; i < manager->variableCount; ++i)
-        if ((manager->variableIndex[i]->flags & SVT_COMPOSITE) != 0)
-            CreateComposite(manager, *manager->variableIndex[i]);
-
-    const DatabaseHandle database = manager->printerDatabase.handle;
-    CreateVariable(database, kRelayedRegistrationsVariable, product::kTypeVariableLength, sizeof kEmptyVariableValue,
-                   kEmptyVariableValue);
-    CreateVariable(database, kRelayedRequestVariable, product::kTypeRecord, sizeof(StatusRequest), working.memory);
-    CreateVariable(database, kResultsVariable, product::kTypeVariableLength, sizeof kEmptyVariableValue,
-                   kEmptyVariableValue);
+    for (uint32_t i = 0; i < manager->variableCount; ++i) {
+        const StatusVariableDef& variable = *manager->variableIndex[i];
+        if ((variable.flags & SVT_COMPOSITE) == 0) continue;
+        const char* members = static_cast<const char*>(variable.defaultValue);
+        batch.Add(variable.name, product::kTypeComposite, members, static_cast<DWORD>(strlen(members)));
+    }
+    for (const char* list : {kRelayedRegistrationsVariable, kResultsVariable})
+        batch.Add(list, product::kTypeVariableLength, kEmptyVariableValue, sizeof kEmptyVariableValue);
+    batch.Add(kRelayedRequestVariable, product::kTypeRecord, working.memory, sizeof(StatusRequest));
+    batch.Send();
     return EndDatabaseInitialization(database) == Answer::Done ? Population::Done : Population::NotReady;
 }
 

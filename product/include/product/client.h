@@ -58,6 +58,22 @@ Answer CreateDatabase(const char* name, DatabaseHandle* handle);
 // client defines it.
 bool RestartStatusService9x();
 Answer OpenDatabase(const char* name, DatabaseHandle* handle);
+
+// Where the values of a database are published; names are empty when nowhere.
+struct PublishedPlace {
+    product::KernelName section;
+    DWORD size;
+    product::KernelName life;
+};
+struct EnteredDatabase {
+    DatabaseHandle handle;
+    bool created; // the caller initialises it
+    product::ServiceInstance instance;
+    PublishedPlace place;
+};
+// Opens the database, or creates it, restarting the service as CreateDatabase does. By the single calls where the
+// service has no such procedure. *entered is empty on failure.
+Answer EnterDatabase(const char* name, EnteredDatabase* entered);
 Answer CloseDatabase(DatabaseHandle database);
 // *instance is 0 on failure.
 Answer GetServiceInstance(product::ServiceInstance* instance);
@@ -68,6 +84,8 @@ Answer EndDatabaseInitialization(DatabaseHandle database);
 // value null: size is ignored, and 0 is sent.
 Answer CreateVariable(DatabaseHandle database, const char* name, product::DatabaseType type, DWORD size,
                       const void* value);
+// variables: in the form of interface.h. NoSuchProcedure: make them one by one.
+Answer CreateVariables(DatabaseHandle database, const BYTE* variables, DWORD size);
 Answer WriteVariable(DatabaseHandle database, const char* name, const void* value, DWORD size);
 // *valueSize: the stored size. buffer null: asks only for that size; on failure *valueSize is 0. With a buffer, the
 // rest of the buffer behind the value is zero. On failure the buffer is untouched.
@@ -84,12 +102,6 @@ Answer GetWriteCount(DatabaseHandle database, const char* name, DWORD* writes);
 // who wait at that moment, so a watcher also checks after it has set the watch, and from time to time.
 Answer WatchVariable(DatabaseHandle database, const char* name, product::WatchMode mode);
 Answer UnwatchVariable(DatabaseHandle database, const char* name);
-// Where the values of the database are published; names are empty when nowhere.
-struct PublishedPlace {
-    product::KernelName section;
-    DWORD size;
-    product::KernelName life;
-};
 // *place is empty on failure.
 Answer FindPublishedValues(DatabaseHandle database, PublishedPlace* place);
 // Has "ReadRequest:<printer>" or the like carried out at a printer. The answer is the request's result.

@@ -209,9 +209,28 @@ PROCEDURE(18, ForwardRequest, (text request), ());
 // size 0 when nothing is published now. kBeingInitialised: the database is not ready.
 PROCEDURE(19, FindPublishedValues, (u32 handle), (text section, u32 size, text life));
 
+// CreateDatabase, or OpenDatabase when there is one, whichever applies, with the answers of both; created: 1 when the
+// caller initialises it. Also which run of the service this is, and what FindPublishedValues says of a ready database.
+PROCEDURE(20, EnterDatabase, (text name),
+          (u32 handle, u32 created, ServiceInstance instance, text section, u32 size, text life));
+
+// CreateVariable for each of several, and SetCompositeMembers for each composite, whose value is its list of members.
+// variables: one behind the other, each aligned to 4: u32 type, u32 length of the name, u32 size of the value, the
+// name without a NUL, the value. Those that can be made are; the status is that of the first that cannot. made: how
+// many were. kBadArgument: the bytes end within a variable; those before it were made.
+PROCEDURE(21, CreateVariables, (u32 handle, bytes variables), (u32 made));
+
 #undef PROCEDURE
 
-inline constexpr Procedure kProcedureCount = kFindPublishedValues + 1;
+inline constexpr Procedure kProcedureCount = kCreateVariables + 1;
+
+// The head of a variable in CreateVariables; its name and value follow.
+struct NewVariableHead {
+    DWORD type; // DatabaseType
+    DWORD nameLength;
+    DWORD valueSize;
+};
+static_assert(sizeof(NewVariableHead) == 12);
 
 // Two records in the printer's database carry forwarded requests to the printer side and its answers back. The printer
 // side makes both, all zero, when the database is ready; the service refuses any other form. The client that watches
