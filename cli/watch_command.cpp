@@ -18,9 +18,7 @@
 namespace {
 
 constexpr DWORD kLastWordsMs = 5000;
-// A message or a pulse can get lost, so all variables are also read from time to time: soon after the registration,
-// then less often.
-constexpr DWORD kFirstLooksMs[] = {50, 200, 1000};
+// A message can get lost in a queue that is full, so all variables are also read from time to time.
 constexpr DWORD kLookMs = 5000;
 constexpr DWORD kServiceLookMs = 1000; // between checks that the service is still the same
 constexpr DWORD kServicePollMs = 200;  // while it is gone
@@ -290,22 +288,22 @@ Ended TendService(Watch& watch, const Clock& clock, HANDLE interrupted) {
 
 // Follows the variables until the conditions hold (Ended::No) or something else ends the watch.
 Ended Follow(Watch& watch, const Clock& clock, HANDLE interrupted) {
-    size_t looks = 0;
-    DWORD lookDue = clock.Elapsed() + kFirstLooksMs[0];
+    DWORD lookDue = clock.Elapsed() + kLookMs;
     DWORD serviceDue = clock.Elapsed() + kServiceLookMs;
     while (!ConditionsHold(watch) && !OutputFailure()) {
         if (const Ended ended = Pause(clock, interrupted, 0); ended != Ended::No) return ended;
         const DWORD wait = std::min({clock.UntilEnd(), clock.Until(lookDue), clock.Until(serviceDue)});
-        if (const auto told = watch.deliveries->Next(wait, interrupted)) Look(watch, *told);
-        if (clock.Until(serviceDue) == 0) {
+        const auto told = watch.deliveries->Next(wait, interrupted);
+        // A restart is told like a write, and is to be known as one.
+        if (told || clock.Until(serviceDue) == 0) {
             if (const Ended ended = TendService(watch, clock, interrupted); ended != Ended::No) return ended;
             serviceDue = clock.Elapsed() + kServiceLookMs;
         }
+        if (told) Look(watch, *told);
         if (clock.Until(lookDue) == 0) {
             for (size_t i = 0; i < watch.variables.size(); ++i)
                 Look(watch, i);
-            ++looks;
-            lookDue = clock.Elapsed() + (looks < std::size(kFirstLooksMs) ? kFirstLooksMs[looks] : kLookMs);
+            lookDue = clock.Elapsed() + kLookMs;
         }
     }
     return Ended::No;
