@@ -33,7 +33,7 @@ void SignalCount::Count(HANDLE event, const SignalTrust& trust) {
     if (++m_signals <= trust.signals) return;
     m_signals = 0;
     const DWORD now = GetTickCount();
-    if (now > m_lastCheck && now - m_lastCheck < trust.within) ResetEvent(event);
+    if (now >= m_lastCheck && now - m_lastCheck < trust.within) ResetEvent(event);
     m_lastCheck = now;
 }
 
