@@ -1,8 +1,7 @@
 // One thread waits for a request, for the device and for answers that are due, and handles one after the other.
 //
-// A pulse wakes only those who wait at that moment. So the thread also compares counts of writes: soon after anything
-// happened, then less and less often. It finds a request after kIdleLookMs at the latest. State: the record of the
-// printer.
+// Its wait remembers which pulses it has seen, so it misses no request. It also looks from time to time whether the
+// service is still there. State: the record of the printer.
 #include "printer_side.h"
 
 #include "jobs.h"
@@ -10,6 +9,7 @@
 #include "queues.h"
 
 #include "product/log.h"
+#include "product/signal_wait.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -23,7 +23,6 @@ using namespace product;
 
 namespace {
 
-constexpr DWORD kFirstLookMs = 2;
 constexpr DWORD kIdleLookMs = 1000;
 constexpr DWORD kFirstRetryMs = 50; // to connect; doubled each time
 constexpr DWORD kLongestRetryMs = 2000;
@@ -375,42 +374,49 @@ void EndService(PrinterSide& side) {
 
 // ---- the loop
 
-// False: stop was set.
-bool WaitForWork(PrinterSide& side, DWORD wait, bool* look) {
-    const Link& link = side.link;
-    const HANDLE handles[] = {side.stop,
-                              link.events[kWatchedRead],
-                              link.events[kWatchedWrite],
-                              link.events[kWatchedMailbox],
-                              link.events[kWatchedFunction],
-                              side.jobs->pagesOut};
-    const DWORD result = WaitForMultipleObjects(static_cast<DWORD>(std::size(handles)), handles, FALSE, wait);
-    UpdateClock(side);
-    switch (result) {
-    case WAIT_OBJECT_0:
-        return false;
-    case WAIT_OBJECT_0 + 1 + kWatchedRead:
+void WatchEvents(PrinterSide& side, SignalWait& signals) {
+    for (DWORD which = 0; which < kWatchedCount; ++which)
+        signals.SetEvent(which, side.link.events[which]);
+    signals.SetEvent(kWatchedCount, side.jobs->pagesOut);
+}
+
+void HandleSignal(PrinterSide& side, DWORD which) {
+    switch (which) {
+    case kWatchedRead:
         OnRequestEvent(side, kReadRequest);
         break;
-    case WAIT_OBJECT_0 + 1 + kWatchedWrite:
+    case kWatchedWrite:
         OnRequestEvent(side, kWriteRequest);
         break;
-    case WAIT_OBJECT_0 + 1 + kWatchedMailbox:
+    case kWatchedMailbox:
         CheckMailbox(side);
         break;
-    case WAIT_OBJECT_0 + 1 + kWatchedFunction:
+    case kWatchedFunction:
         side.forwarded = ReadNumberOf(side.link, names::kLMFunction) != 0;
         break;
-    case WAIT_OBJECT_0 + 1 + kWatchedCount:
-        StoreValues(side, side.device.pagesOut(side.device.self, TakePagesOut(*side.jobs)));
-        break;
-    case WAIT_TIMEOUT:
-        *look = true;
-        break;
-    default: // the handles are invalid: the next connection has new ones
-        side.link.lost = true;
+    default:
         break;
     }
+}
+
+// False: stop was set.
+bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
+    const Woken woken = signals.Wait(wait);
+    UpdateClock(side);
+    if (woken == Woken::Stopped) return false;
+    if (woken == Woken::Failed) side.link.lost = true; // the handles are invalid: the next connection has new ones
+    if (woken != Woken::Signalled) return true;
+    bool any = false;
+    for (DWORD which = 0; which < kWatchedCount; ++which) {
+        const Signals since = signals.Take(which);
+        if (since.pulses == 0 && !since.isSet) continue;
+        any = true;
+        HandleSignal(side, which);
+    }
+    if (const DWORD pages = TakePagesOut(*side.jobs); pages > 0)
+        StoreValues(side, side.device.pagesOut(side.device.self, pages));
+    else if (!any)
+        CheckAll(side); // woken to look for a pulse that was missed
     return true;
 }
 
@@ -420,8 +426,10 @@ DWORD Until(const PrinterSide& side, ULONGLONG due) {
 
 // Returns true when the link is lost, false when stop was set.
 bool ServeLink(PrinterSide& side) {
-    DWORD lookMs = kFirstLookMs;
-    ULONGLONG lookAt = side.now + lookMs;
+    ULONGLONG lookAt = side.now + kIdleLookMs;
+    SignalWait signals(side.stop);
+    WatchEvents(side, signals);
+    CheckAll(side); // what was written since the connection
     while (!side.link.lost) {
         DWORD next = kNothingDue;
         const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);
@@ -432,16 +440,10 @@ bool ServeLink(PrinterSide& side) {
         if (IsDue(side)) wait = std::min(wait, Until(side, side.job->due));
         if (side.graceEnd != 0) wait = std::min(wait, Until(side, side.graceEnd));
         if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
-        bool look = false;
-        if (!WaitForWork(side, wait, &look)) return false;
-        if (!look) {
-            lookMs = kFirstLookMs;
-            lookAt = side.now + lookMs;
-        } else if (side.now >= lookAt) {
-            CheckAll(side);
-            lookMs = std::min(lookMs * 2, kIdleLookMs);
-            lookAt = side.now + lookMs;
-        }
+        if (!WaitForWork(side, signals, wait)) return false;
+        if (side.now < lookAt) continue;
+        CheckAll(side);
+        lookAt = side.now + kIdleLookMs;
     }
     return true;
 }

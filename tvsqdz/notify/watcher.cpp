@@ -37,6 +37,12 @@ void SignalCount::Count(HANDLE event, const SignalTrust& trust) {
     m_lastCheck = now;
 }
 
+namespace {
+
+constexpr int kBaseTries = 16;
+
+} // namespace
+
 Watcher::Watcher(const NotificationRegistration& registration, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust),
       m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))), m_wait(registration.thread.stopEvent) {
@@ -66,7 +72,10 @@ Watcher::Told Watcher::ReadLast(const Watched& watched) const {
 // What was written before is not news. A write at this very moment may count as such, or be told.
 void Watcher::SetBase(Watched& watched, DWORD number) {
     m_wait.SetEvent(number, watched.watch.Event());
-    watched.told = ReadLast(watched);
+    for (int tries = 0; tries < kBaseTries; ++tries) { // until nothing was pulsed meanwhile
+        watched.told = ReadLast(watched);
+        if (m_wait.Take(number).pulses == 0) break;
+    }
     watched.pulsesBefore = watched.told.pulses;
     watched.pulsesSeen = 0;
     if (!watched.watch.IsWhole()) m_isWhole = false;
