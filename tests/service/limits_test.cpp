@@ -5,11 +5,11 @@
 namespace {
 
 // The table of settings.h, for one user.
-constexpr int kDatabases = 8192;
+constexpr int kDatabases = 12288;
 constexpr int kHandles = 65536;
 constexpr int kWatches = 16384;
 constexpr int kVariables = 2048;
-constexpr size_t kMemory = 128u << 20;
+constexpr size_t kMemory = 384u << 20;
 
 // Asks until it is refused, at most so often; the number of times that it was not.
 template <typename Ask>
