@@ -26,7 +26,8 @@ Signal& SignalOf(VariableSignals& signals, WatchMode mode) REQUIRES(signals.lock
     return mode == kEveryWrite ? signals.everyWrite : signals.onlyChanges;
 }
 
-void PutPulses(const Signal& signal) REQUIRES(signal.owner->lock) {
+// The owner's lock is held here and below.
+void PutPulses(const Signal& signal) {
     const VariableSignals& signals = *signal.owner;
     if (Publication* publication = signals.database->store.publication.load(std::memory_order_acquire))
         PutPulses(publication, signals.variable->slot.load(std::memory_order_acquire), signal.mode, signal.pulses);
@@ -34,7 +35,7 @@ void PutPulses(const Signal& signal) REQUIRES(signal.owner->lock) {
 
 // Wakes whoever waits now. An event that another process made auto-reset cannot be pulsed: one of its waiters wakes.
 // Counted first: whoever sees more pulses than are counted knows that one was not the service's.
-void Pulse(Signal& signal) REQUIRES(signal.owner->lock) {
+void Pulse(Signal& signal) {
     ++signal.pulses;
     PutPulses(signal);
     if (PulseEvent(signal.event)) return;

@@ -43,8 +43,8 @@ private:
     DWORD m_positions[1 + kEventsMax] = {};
     DWORD m_count = 1; // of the handles
     HANDLE m_started = nullptr;
-    DWORD m_startedPosition = 0;
-    DWORD m_repeats = 0; // waits that ended by themselves since the last pulse
+    [[maybe_unused]] DWORD m_startedPosition = 0;
+    [[maybe_unused]] DWORD m_repeats = 0; // waits that ended by themselves since the last pulse
 };
 
 } // namespace product
