@@ -1,8 +1,15 @@
 // One client process of the library. bench_client OPERATION [ARGUMENT]
 //
-//   read PRINTER     GetPrinterStatusA of "PrinterStatus", 12 bytes
+//   read PRINTER VARIABLE BYTES
+//                    GetPrinterStatusA; a variable-length value gets that length first
+//   read-heap PRINTER VARIABLE BYTES
+//                    the same with name, value and size in memory of the heap, which the library cannot trust
+//   read-by-call PRINTER VARIABLE BYTES
+//                    the same in a process that cannot map published values
+//   info PRINTER     GetPrinterStatusInfoA of "PrinterStatus"
 //   update PRINTER   UpdatePrinterStatusA of "JobStatus", 4 bytes, another value each time
 //   open PRINTER     OpenManagerExA and CloseManager
+//   first-open       OpenManagerExA of the printers "First 1", "First 2" and so on, which stay open
 //   told-event|told-message|told-callback PRINTER
 //                    an update, until a registration of this process has delivered it in that form
 //   watched PRINTER N
@@ -11,16 +18,20 @@
 //   event            a named event alone: set, test, reset
 //   printers N       no rounds: opens the printers 1 to N, each for the first time, and keeps them open; prints the
 //                    nanoseconds of each open
+//   watchers PRINTER N
+//                    no rounds: the bytes of this process for each of N registrations that wait, after they were told
+//                    once; they stay
 //
 // State: the event that deliveries set (g_told).
 #include <tvsqdz.h>
 #include <windows.h>
 
+#include "no_section.h"
 #include "rounds.h"
 
-#include <cstring>
+#include <fstream>
+#include <memory>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -37,13 +48,48 @@ TvsManager Open(const char* printer) {
     return manager;
 }
 
-int MeasureReads(const char* printer) {
+void GiveSize(TvsManager manager, const char* variable, uint32_t size) {
+    uint32_t present = 0;
+    GetPrinterStatusA(manager, variable, nullptr, 0, &present);
+    if (present == size) return;
+    const std::vector<char> value(size, 'v');
+    const int32_t status = UpdatePrinterStatusA(manager, variable, value.data(), size);
+    if (status == TVS_OK) return;
+    std::fprintf(stderr, "%s takes no value of %u bytes: status %d\n", variable, size, status);
+    std::exit(1);
+}
+
+int MeasureReads(const std::string& form, const char* printer, const char* variable, uint32_t size) {
+    if (form == "read-by-call" && !RefuseSections()) {
+        std::fprintf(stderr, "this system has no filter of system calls\n");
+        return 1;
+    }
+    const TvsManager manager = Open(printer);
+    GiveSize(manager, variable, size);
+    if (form == "read-heap") {
+        const std::string name(variable);
+        const auto value = std::make_unique<char[]>(size);
+        const auto returned = std::make_unique<uint32_t>();
+        return ServeRounds([&] {
+            return GetPrinterStatusA(manager, name.c_str(), value.get(), size, returned.get()) == TVS_OK &&
+                   *returned == size;
+        });
+    }
+    char name[64];
+    char value[32768];
+    if (std::strlen(variable) >= sizeof name || size > sizeof value) return 2;
+    std::strcpy(name, variable);
+    return ServeRounds([&] {
+        uint32_t returned = 0;
+        return GetPrinterStatusA(manager, name, value, size, &returned) == TVS_OK && returned == size;
+    });
+}
+
+int MeasureInfo(const char* printer) {
     const TvsManager manager = Open(printer);
     return ServeRounds([manager] {
-        char value[12];
-        uint32_t size = 0;
-        return GetPrinterStatusA(manager, "PrinterStatus", value, sizeof value, &size) == TVS_OK &&
-               size == sizeof value;
+        SYSTEMTIME time;
+        return GetPrinterStatusInfoA(manager, "PrinterStatus", &time) == TVS_OK;
     });
 }
 
@@ -59,6 +105,13 @@ int MeasureUpdates(const char* printer) {
 int MeasureOpens(const char* printer) {
     Open(printer); // the first open creates the database
     return ServeRounds([printer] { return CloseManager(Open(printer)) == TVS_OK; });
+}
+
+int MeasureFirstOpens() {
+    return ServeRounds([number = 0]() mutable {
+        Open(("First " + std::to_string(++number)).c_str());
+        return true;
+    });
 }
 
 // ---- notifications
@@ -146,21 +199,57 @@ int OpenPrinters(long count) {
     return 0;
 }
 
+// The share of this process in the memory that it maps.
+double ProportionalBytes() {
+    std::ifstream smaps("/proc/self/smaps_rollup");
+    for (std::string word; smaps >> word;) {
+        double kib = 0;
+        if (word == "Pss:" && smaps >> kib) return kib * 1024;
+    }
+    std::fprintf(stderr, "/proc/self/smaps_rollup has no Pss\n");
+    std::exit(1);
+}
+
+// Every registration has an event of its own, to know that each has delivered and waits again.
+int HoldWatchers(const char* printer, size_t count) {
+    const TvsManager manager = Open(printer);
+    std::vector<HANDLE> events(count + 1);
+    for (HANDLE& event : events)
+        event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    double before = 0;
+    for (const HANDLE event : events) {
+        TvsRegistration registration = 0;
+        if (SetNotificationEventA(manager, kToldVariable, event, &registration) != TVS_OK) return 1;
+        if (event == events.front()) before = ProportionalBytes();
+    }
+    const auto value = static_cast<uint32_t>(NowNs() / 1000);
+    if (UpdatePrinterStatusA(manager, kToldVariable, &value, sizeof value) != TVS_OK) return 1;
+    for (const HANDLE event : events)
+        if (WaitForSingleObject(event, 10000) != WAIT_OBJECT_0) return 1;
+    std::printf("%.0f\n", (ProportionalBytes() - before) / static_cast<double>(count));
+    std::fflush(stdout);
+    std::getchar(); // the registrations stay while the service's memory is measured
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     const std::string operation = argc > 1 ? argv[1] : "";
     const char* argument = argc > 2 ? argv[2] : "";
-    if (operation == "read") return MeasureReads(argument);
+    const long last = std::strtol(argv[argc - 1], nullptr, 10);
+    if (operation.starts_with("read") && argc == 5)
+        return MeasureReads(operation, argument, argv[3], static_cast<uint32_t>(last));
+    if (operation == "info") return MeasureInfo(argument);
     if (operation == "update") return MeasureUpdates(argument);
     if (operation == "open") return MeasureOpens(argument);
+    if (operation == "first-open") return MeasureFirstOpens();
     if (operation.starts_with("told-")) return MeasureTold(operation, argument);
-    if (operation == "watched") return MeasureWatched(argument, argc > 3 ? std::strtol(argv[3], nullptr, 10) : 0);
+    if (operation == "watched") return MeasureWatched(argument, last);
     if (operation == "mutex") return MeasureMutex();
     if (operation == "event") return MeasureEvent();
-    if (operation == "printers") return OpenPrinters(std::strtol(argument, nullptr, 10));
-    std::fprintf(
-        stderr,
-        "usage: bench_client read|update|open|told-FORM PRINTER | watched PRINTER N | mutex | event | printers N\n");
+    if (operation == "printers") return OpenPrinters(last);
+    if (operation == "watchers" && argc == 4) return HoldWatchers(argument, static_cast<size_t>(last));
+    std::fprintf(stderr, "usage: bench_client OPERATION [ARGUMENT]...; client.cpp lists the operations\n");
     return 2;
 }

@@ -1,26 +1,12 @@
 // The bare limit: only a request and an answer of given sizes over a blocking Unix stream socket between two processes.
 // No state. bench_raw REQUEST_BYTES ANSWER_BYTES
+#include "raw_stream.h"
 #include "rounds.h"
 
 #include <csignal>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
-
-namespace {
-
-bool ReceiveAll(int descriptor, char* bytes, size_t size) {
-    while (size > 0) {
-        const ssize_t count = recv(descriptor, bytes, size, 0);
-        if (count <= 0) return false;
-        bytes += count;
-        size -= static_cast<size_t>(count);
-    }
-    return true;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3) {
@@ -37,12 +23,11 @@ int main(int argc, char** argv) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(pair[0]);
         while (ReceiveAll(pair[1], request.data(), request.size()))
-            if (send(pair[1], answer.data(), answer.size(), MSG_NOSIGNAL) < 0) break;
+            if (!SendAll(pair[1], answer.data(), answer.size())) break;
         _exit(0);
     }
     close(pair[1]);
     return ServeRounds([&] {
-        return send(pair[0], request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()) &&
-               ReceiveAll(pair[0], answer.data(), answer.size());
+        return SendAll(pair[0], request.data(), request.size()) && ReceiveAll(pair[0], answer.data(), answer.size());
     });
 }
