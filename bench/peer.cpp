@@ -1,7 +1,7 @@
 // A client of another store or bus, by its bytes. bench/peers makes the bytes; all byte arguments are hexadecimal.
 //
-//   bench_peer read SOCKET HELLO REQUEST
-//       a request and its reply, by the protocol of rounds.h
+//   bench_peer read SOCKET HELLO REQUEST VALUE
+//       a request and its reply, which has the value, by the protocol of rounds.h
 //   bench_peer told SOCKET HELLO WRITE WATCH SIGN ASK WATCHERS
 //       an update, until each watcher has the value, by the protocol of told.h. A watcher sends WATCH. Whenever bytes
 //       with SIGN arrive, it sends ASK over a second connection, unless that is empty, and takes the value that
@@ -15,6 +15,7 @@
 #include "raw_stream.h"
 #include "told.h"
 
+#include <optional>
 #include <poll.h>
 #include <string_view>
 #include <sys/un.h>
@@ -60,37 +61,35 @@ public:
     }
 
     // The reply to a request. All have one length, which may be 0.
-    void ReadReply() {
+    std::string_view ReadReply() {
         if (m_known) {
-            m_reply.resize(m_replySize);
-            if (!ReceiveAll(m_socket, m_reply.data(), m_reply.size())) Fail("recv");
-            return;
+            if (!ReceiveAll(m_socket, m_bytes.data(), m_bytes.size())) Fail("recv");
+        } else {
+            m_bytes = ReadUntilQuiet();
+            m_known = true;
         }
-        m_replySize = ReadUntilQuiet();
-        m_known = true;
+        return m_bytes;
     }
 
     // More bytes, at least one.
     std::string_view Read() {
-        m_reply.resize(4096);
-        const ssize_t count = recv(m_socket, m_reply.data(), m_reply.size(), 0);
+        const ssize_t count = recv(m_socket, m_part, sizeof m_part, 0);
         if (count <= 0) Fail("recv");
-        m_reply.resize(static_cast<size_t>(count));
-        return m_reply;
+        return {m_part, static_cast<size_t>(count)};
     }
 
 private:
-    size_t ReadUntilQuiet() {
-        size_t total = 0;
+    std::string ReadUntilQuiet() {
+        std::string bytes;
         for (pollfd poller{m_socket, POLLIN, 0}; poll(&poller, 1, kQuietMs) > 0;)
-            total += Read().size();
-        return total;
+            bytes += Read();
+        return bytes;
     }
 
     int m_socket;
-    bool m_known = false;
-    size_t m_replySize = 0;
-    std::string m_reply;
+    bool m_known = false; // m_bytes has the length of a reply
+    std::string m_bytes;
+    char m_part[4096];
 };
 
 // 0: the bytes have no whole value.
@@ -118,18 +117,17 @@ void ReadUntil(Connection& connection, Found found) {
 
 [[noreturn]] void Watch(const ToldArguments& arguments, const WatcherRole& role) {
     Connection events(arguments.path, arguments.hello);
-    Connection values(arguments.path, arguments.hello);
+    std::optional<Connection> values;
+    if (!arguments.ask.empty()) values.emplace(arguments.path, arguments.hello);
     events.Steps(arguments.watch);
     uint32_t number = 0;
     const auto hasValue = [&](std::string_view bytes) { return (number = ValueIn(bytes)) != 0; };
     for (role.Ready();;) {
-        if (arguments.ask.empty()) {
-            ReadUntil(events, hasValue);
-        } else {
+        if (values) {
             ReadUntil(events, [&](std::string_view bytes) { return bytes.find(arguments.sign) != bytes.npos; });
-            values.Send(arguments.ask);
-            ReadUntil(values, hasValue);
+            values->Send(arguments.ask);
         }
+        ReadUntil(values ? *values : events, hasValue);
         role.Tell(number);
     }
 }
@@ -148,11 +146,10 @@ int Write(Watchers& watchers, ToldArguments& arguments) {
     });
 }
 
-int MeasureRead(Connection connection, const std::string& request) {
+int MeasureRead(Connection connection, const std::string& request, const std::string& value) {
     return ServeRounds([&] {
         connection.Send(request);
-        connection.ReadReply();
-        return true;
+        return connection.ReadReply().find(value) != std::string_view::npos;
     });
 }
 
@@ -170,7 +167,7 @@ int Answer(Connection connection, const std::string& reply) {
 int main(int argc, char** argv) {
     const WatcherRole role(argc, argv);
     const std::string operation = argc > 1 ? argv[1] : "";
-    if (operation == "read" && argc == 5) return MeasureRead({argv[2], argv[3]}, Bytes(argv[4]));
+    if (operation == "read" && argc == 6) return MeasureRead({argv[2], argv[3]}, Bytes(argv[4]), Bytes(argv[5]));
     if (operation == "answer" && argc == 5) return Answer({argv[2], argv[3]}, Bytes(argv[4]));
     if (operation == "told" && argc == 9) {
         ToldArguments arguments{argv[2], argv[3], Bytes(argv[4]), argv[5], Bytes(argv[6]), Bytes(argv[7])};
