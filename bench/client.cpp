@@ -16,8 +16,9 @@
 //                    an update while N registrations of this process watch the variable
 //   mutex            the named mutex alone: lock and release, without contention
 //   event            a named event alone: set, test, reset
-//   printers N       no rounds: opens the printers 1 to N, each for the first time, and keeps them open; prints the
-//                    nanoseconds of each open
+//   printers FIRST LAST
+//                    no rounds: opens the printers of these numbers, each for the first time, and keeps them open,
+//                    until one cannot be opened; prints the nanoseconds of each open, then the number of opens
 //   watchers PRINTER N
 //                    no rounds: the bytes of this process for each of N registrations that wait, after they were told
 //                    once; they stay
@@ -184,16 +185,18 @@ int MeasureEvent() {
     });
 }
 
-int OpenPrinters(long count) {
+int OpenPrinters(long first, long last) {
     std::vector<double> nanoseconds;
-    for (long i = 1; i <= count; ++i) {
+    for (long i = first; i <= last; ++i) {
         const std::string name = "Printer " + std::to_string(i);
         const double start = NowNs();
-        Open(name.c_str());
+        TvsManager manager = 0;
+        if (OpenManagerExA(name.c_str(), "bench", kClientKind, &manager) != TVS_OK) break;
         nanoseconds.push_back(NowNs() - start);
     }
     for (const double each : nanoseconds)
-        std::printf("%.0f\n", each);
+        std::printf("%.0f ", each);
+    std::printf("%zu\n", nanoseconds.size());
     std::fflush(stdout);
     std::getchar(); // the managers stay open while the service's memory is measured
     return 0;
@@ -248,7 +251,7 @@ int main(int argc, char** argv) {
     if (operation == "watched") return MeasureWatched(argument, last);
     if (operation == "mutex") return MeasureMutex();
     if (operation == "event") return MeasureEvent();
-    if (operation == "printers") return OpenPrinters(last);
+    if (operation == "printers") return OpenPrinters(std::strtol(argument, nullptr, 10), last);
     if (operation == "watchers" && argc == 4) return HoldWatchers(argument, static_cast<size_t>(last));
     std::fprintf(stderr, "usage: bench_client OPERATION [ARGUMENT]...; client.cpp lists the operations\n");
     return 2;
