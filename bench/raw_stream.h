@@ -1,6 +1,7 @@
 // Whole messages over a stream socket. No state.
 #pragma once
 
+#include <cstddef>
 #include <sys/socket.h>
 
 inline bool ReceiveAll(int descriptor, char* bytes, size_t size) {
