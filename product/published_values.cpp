@@ -132,8 +132,9 @@ Attempt CopyPart(const PublishedSection& section, const PublishedSlot& part, BYT
     return Attempt::Done;
 }
 
-Attempt TryComposite(const PublishedSection& section, const PublishedSlot& slot, BYTE* out, DWORD capacity,
-                     PublishedState* state) {
+// Its room on the stack is not for threads that read plain values alone.
+[[gnu::noinline]] Attempt TryComposite(const PublishedSection& section, const PublishedSlot& slot, BYTE* out,
+                                       DWORD capacity, PublishedState* state) {
     Look own;
     if (!own.Begin(slot)) return Attempt::Torn;
     DWORD place = 0;

@@ -157,7 +157,7 @@ ServiceStatus ReadAnyValue(const Database& database, const Variable& variable, B
 }
 
 bool TakeWholeValue(const Parts& parts, DWORD size) {
-    DWORD whole = 0; // no sum of 256 rooms of 4 MiB overflows
+    DWORD whole = 0; // no sum of 256 rooms of 8 MiB overflows
     for (DWORD i = 0; i < parts.count; ++i) {
         const Variable* variable = parts.variables[i];
         if (variable->type == kTypeVariableLength) return false;

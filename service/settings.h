@@ -19,8 +19,8 @@ inline constexpr DWORD kHandleSlots = 1 << 18;
 
 inline constexpr Bound kBounds[kShareCount] = {
     /* kShareDatabases */ {.perUser = 12288, .inAll = 16384},
-    // Bytes of variables, their values, names and member lists, and of published sections: some 35 KiB for a printer, of
-    // which a user may have ten thousand. A value that grew keeps its old blocks, which makes up to twice its size.
+    // Bytes of variables, their values, names and member lists, and of published sections: some 35 KiB for a printer,
+    // of which a user may have ten thousand. A value that grew keeps its old blocks, which makes up to twice its size.
     /* kShareMemory */ {.perUser = 384 << 20, .inAll = 512 << 20},
     /* kShareHandles */ {.perUser = 65536, .inAll = kHandleSlots / 2},
     /* kShareWatches */ {.perUser = 16384, .inAll = 65536},

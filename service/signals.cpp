@@ -2,6 +2,7 @@
 // signals.
 #include "signals.h"
 
+#include "after_reply.h"
 #include "composite.h"
 
 #include "product/object_names.h"
@@ -50,7 +51,8 @@ void QueueOwed(Signal& signal) {
     signal.nextOwed = nullptr;
     (g_firstOwed ? g_lastOwed->nextOwed : g_firstOwed) = &signal;
     g_lastOwed = &signal;
-    SetEvent(g_queueChanged);
+    // The thread wakes many, who would all run before the writer had its reply.
+    RunAfterReply([] { SetEvent(g_queueChanged); });
 }
 
 void Fire(VariableSignals& signals, bool changed) {

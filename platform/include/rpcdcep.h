@@ -79,7 +79,7 @@ typedef struct _RPC_CLIENT_INTERFACE {
 } RPC_CLIENT_INTERFACE, *PRPC_CLIENT_INTERFACE;
 
 /* Client: finds or makes the thread's connection, binds it to the interface and gives a buffer of BufferLength bytes,
- * not zeroed. Server: the buffer of the reply. At most 4 MiB, else RPC_S_OUT_OF_MEMORY; RpcFlags 0, else
+ * not zeroed. Server: the buffer of the reply. At most 8 MiB, else RPC_S_OUT_OF_MEMORY; RpcFlags 0, else
  * RPC_S_CANNOT_SUPPORT. RPC_S_INVALID_BINDING, RPC_S_INVALID_ARG, RPC_S_SERVER_UNAVAILABLE (nobody listens, or nobody
  * who is root, the owner of the run directory or the caller's own user, or not answered within 5 s),
  * RPC_S_ACCESS_DENIED, RPC_S_SERVER_TOO_BUSY, RPC_S_UNKNOWN_IF, RPC_S_UNSUPPORTED_TRANS_SYN, RPC_S_PROTOCOL_ERROR,

@@ -11,13 +11,13 @@ TEST(RpcCall, EverySizeArrivesUnchangedBothWaysAndFailureIsTheStatus) {
     TestServer server;
     const TestBinding binding;
     // Around the first buffer, around a fragment, and multi-fragment.
-    for (const uint32_t size : {0, 1, 7, 8, 60, 4071, 4072, 4073, 65503, 65504, 65505, 131008, 131009, 4 << 20}) {
+    for (const uint32_t size : {0, 1, 7, 8, 60, 4071, 4072, 4073, 65503, 65504, 65505, 131008, 131009, 8 << 20}) {
         EXPECT_TRUE(binding.Call(kEcho, Pattern(size)).body == Pattern(size)) << size;
         EXPECT_TRUE(binding.Call(kMake, Number(size)).body == Pattern(size)) << size;
     }
     const std::tuple<unsigned, Bytes, RPC_STATUS> rows[] = {
-        {kEcho, Bytes((4 << 20) + 1), RPC_S_OUT_OF_MEMORY},
-        {kMake, Number((4 << 20) + 1), RPC_S_SERVER_OUT_OF_MEMORY},
+        {kEcho, Bytes((8 << 20) + 1), RPC_S_OUT_OF_MEMORY},
+        {kMake, Number((8 << 20) + 1), RPC_S_SERVER_OUT_OF_MEMORY},
         {kRaise, Number(RPC_X_BAD_STUB_DATA), RPC_X_BAD_STUB_DATA},
         {kRaise, Number(4711), 4711},
         {kRaise, Number(0), RPC_S_CALL_FAILED},

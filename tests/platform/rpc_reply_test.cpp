@@ -76,7 +76,7 @@ TEST(RpcReply, AnswerToARequestIsChecked) {
     FakeServer server;
     Bytes tooLarge = Response(Bytes(65000), kFirst);
     const Bytes more = Response(Bytes(65000), 0);
-    while (tooLarge.size() <= (4 << 20))
+    while (tooLarge.size() <= (8 << 20))
         tooLarge.insert(tooLarge.end(), more.begin(), more.end());
     const std::tuple<const char*, Bytes, RPC_STATUS> rows[] = {
         {"good", Response({5, 6}), RPC_S_OK},

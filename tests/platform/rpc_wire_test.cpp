@@ -220,7 +220,7 @@ TEST(RpcWire, BrokenSequenceEndsItsConnectionAlone) {
     Bytes first = piece;
     first[3] = kFirst;
     bool taken = endless.Send(first);
-    for (size_t sent = 4256; taken && sent < (6 << 20); sent += 4256)
+    for (size_t sent = 4256; taken && sent < (12 << 20); sent += 4256)
         taken = endless.Send(piece);
     EXPECT_FALSE(taken);
     EXPECT_EQ(FaultOf(endless.ReceivePdu()), kMemoryFault);

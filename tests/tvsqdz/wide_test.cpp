@@ -275,7 +275,7 @@ TEST_F(Wide, ValuesWithoutAWideFormAndNamesThatAreNone) {
     EXPECT_EQ(size, 0xFFFFFFFFu);
     // What no value can be is answered before anything is read or made room for.
     for (const WCHAR* name : {WIDE("PrinterLocation"), WIDE("SendingJobInfo"), WIDE("PrinterQueue"), WIDE("JobStatus")})
-        for (const uint32_t huge : {uint32_t{8} << 20, 0xFFFFFFFFu})
+        for (const uint32_t huge : {uint32_t{16} << 20, 0xFFFFFFFFu})
             EXPECT_EQ(UpdatePrinterStatusW(manager, name, &value, huge), PassOn(Answer::WrongSize)) << huge;
 }
 

@@ -38,7 +38,7 @@ uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer)
 class MyJobWatcher {
 public:
     MyJobWatcher(const NotificationRegistration& registration, const char* queueName)
-        : m_registration(registration), m_queueName(queueName), m_watcher(registration) {
+        : m_registration(registration), m_queueName(queueName), m_watcher(registration, 1) {
         m_watcher.Add(queueName, product::kOnlyChanges);
         // A queue that cannot be read counts as empty, as in a read of the variable.
         while (Count(&m_told) == TVS_E_MEMORY &&
@@ -103,7 +103,7 @@ using names::kAccessControlList;
 class ListWatcher {
 public:
     explicit ListWatcher(const NotificationRegistration& registration)
-        : m_registration(registration), m_watcher(registration) {
+        : m_registration(registration), m_watcher(registration, 1) {
         m_watcher.Add(kAccessControlList, product::kOnlyChanges);
         // Without a list nobody has any authority.
         AccessControlList list;

@@ -1,7 +1,10 @@
 #include "notify/watcher.h"
 
+#include "base/memory.h"
 #include "machine/objects.h"
 #include "machine/process_state.h"
+
+#include <new>
 
 void Watch::Begin(const NotificationRegistration& registration, const char* variableName, product::WatchMode mode) {
     m_registration = &registration;
@@ -43,10 +46,20 @@ constexpr int kBaseTries = 16;
 
 } // namespace
 
-Watcher::Watcher(const NotificationRegistration& registration, const SignalTrust& trust)
+Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust),
       m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))), m_wait(registration.thread.stopEvent) {
     m_wait.SetStarted(m_started.Get());
+    do {
+        m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));
+    } while (m_variables == nullptr &&
+             WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT);
+}
+
+Watcher::~Watcher() {
+    for (DWORD k = 0; k < m_count; ++k)
+        m_variables[k].~Watched();
+    FreeBlock(m_variables);
 }
 
 // Writes are read before pulses: a write that is not among them is followed by its pulse.
@@ -82,7 +95,8 @@ void Watcher::SetBase(Watched& watched, DWORD number) {
 }
 
 void Watcher::Add(const char* variableName, product::WatchMode mode) {
-    Watched& watched = m_variables[m_count];
+    if (m_variables == nullptr) return;
+    Watched& watched = *new (&m_variables[m_count]) Watched;
     watched.watch.Begin(m_registration, variableName, mode);
     SetBase(watched, m_count++);
 }
@@ -137,6 +151,7 @@ void Watcher::LookForNewService(bool isStarted) {
 
 // False when the watcher is to end.
 bool Watcher::AwaitNews(DWORD pause) {
+    if (m_variables == nullptr) return false;
     for (;;) {
         const bool idle = pause == kNoLook;
         const DWORD limit = m_isWhole ? g_timings.serviceLook : g_timings.watchRetry;

@@ -68,11 +68,14 @@ inline constexpr DWORD kNoLook = INFINITE;
 
 class Watcher {
 public:
-    explicit Watcher(const NotificationRegistration& registration, const SignalTrust& trust = kTrusted);
+    // most: variables, at most SignalWait::kEventsMax. Without memory for them it waits until there is some, or until
+    // the thread is to end; Run then returns at once.
+    Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust = kTrusted);
+    ~Watcher();
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
 
-    // Watches one more variable, of at most SignalWait::kEventsMax; writes before are no news. Then ThreadHasBegun.
+    // Watches one more variable; writes before are no news. Then ThreadHasBegun.
     void Add(const char* variableName, product::WatchMode mode);
 
     // Until the thread is to end. tell is called with the number of a variable, from 0 in the order of the calls of
@@ -121,6 +124,6 @@ private:
     const KernelHandle m_started;
     product::SignalWait m_wait;
     DWORD m_count = 0;
-    bool m_isWhole = true; // all watches are
-    Watched m_variables[product::SignalWait::kEventsMax];
+    bool m_isWhole = true;          // all watches are
+    Watched* m_variables = nullptr; // m_count of them, in a block of the heap: few watch many
 };

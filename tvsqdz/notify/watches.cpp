@@ -8,7 +8,8 @@ namespace {
 
 // Delivers each write; those that come during a delivery are told by one more.
 void TellWrites(const NotificationRegistration& registration, CallbackValue* value) {
-    Watcher watcher(registration, kTrustedInList);
+    Watcher watcher(registration, std::min<DWORD>(registration.entryCount, product::SignalWait::kEventsMax),
+                    kTrustedInList);
     uint32_t entryOf[product::SignalWait::kEventsMax];
     DWORD count = 0;
     for (uint32_t i = 0; i < registration.entryCount && count < product::SignalWait::kEventsMax; ++i) {
@@ -32,7 +33,7 @@ void TellWrites(const NotificationRegistration& registration, CallbackValue* val
 // The same for one variable, whose changes alone are told.
 template <typename Tell> // void()
 void TellChanges(const NotificationRegistration& registration, Tell tell) {
-    Watcher watcher(registration);
+    Watcher watcher(registration, 1);
     watcher.Add(registration.entries[0].variableName, product::kOnlyChanges);
     ThreadHasBegun(registration.thread);
     watcher.Run([&](DWORD) {

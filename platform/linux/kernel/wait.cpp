@@ -118,17 +118,25 @@ DWORD WINAPI WaitForSingleObject(HANDLE object, DWORD milliseconds) {
 
 namespace {
 
-// positions: null for a wait that begins now.
-DWORD WaitForAny(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
-    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || objects == nullptr) return FailWait(ERROR_INVALID_PARAMETER);
-    HandlePin pins[MAXIMUM_WAIT_OBJECTS];
-    WaitPoint points[MAXIMUM_WAIT_OBJECTS];
+// most: room on the stack, which a thread that waits for a few objects need not have for 64.
+template <DWORD most>
+[[gnu::noinline]] DWORD WaitForUpTo(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
+    HandlePin pins[most];
+    WaitPoint points[most];
     Waiting waiting(pins, points);
     for (DWORD i = 0; i < count; ++i) {
         const DWORD error = waiting.Pin(objects[i], positions != nullptr ? positions[i] : ORIEL_FROM_NOW);
         if (error != ERROR_SUCCESS) return FailWait(error);
     }
     return Wait(waiting, milliseconds);
+}
+
+// positions: null for a wait that begins now.
+DWORD WaitForAny(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
+    constexpr DWORD kFew = 4;
+    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || objects == nullptr) return FailWait(ERROR_INVALID_PARAMETER);
+    return count <= kFew ? WaitForUpTo<kFew>(count, objects, positions, milliseconds)
+                         : WaitForUpTo<MAXIMUM_WAIT_OBJECTS>(count, objects, positions, milliseconds);
 }
 
 } // namespace

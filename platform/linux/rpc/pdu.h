@@ -30,7 +30,7 @@ inline constexpr size_t kFaultSize = 32;
 inline constexpr size_t kObjectSize = 16; // an object UUID behind a request's header
 inline constexpr uint16_t kSmallestFragment = 1432;
 inline constexpr uint16_t kLargestFragment = 65528; // a multiple of 8 below 65536
-inline constexpr uint32_t kLargestBody = 4 * 1024 * 1024;
+inline constexpr uint32_t kLargestBody = 8 * 1024 * 1024;
 inline constexpr uint32_t kLocalRepresentation = 0x10;
 
 enum PduType : uint8_t {

@@ -45,6 +45,7 @@ struct ServerConnection : HandleRecord {
     std::atomic<const OfferedInterface*> calling{nullptr};
     bool replied = false; // the dispatch function has a buffer for its reply
     size_t replyRoom = 0;
+    void(WINAPI* afterReply)() = nullptr; // of the call in progress
     struct {
         uint16_t id;
         const OfferedInterface* offered;

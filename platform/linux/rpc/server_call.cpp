@@ -1,5 +1,6 @@
 // What a dispatch function may call: its reply buffer, the identity of its client, its context for the client, and
 // raising a failure. State: the thread's connection.
+#include "base/call.h"
 #include "rpc/server.h"
 #include "security/credentials.h"
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <oriel_reply.h>
 
 namespace oriel::rpc {
 
@@ -55,6 +57,13 @@ bool ClientCredentials(const ServerConnection& connection, Credentials& credenti
 } // namespace oriel::rpc
 
 using namespace oriel::rpc;
+
+BOOL WINAPI OrielAfterReply(void(WINAPI* step)()) {
+    ServerConnection* connection = nullptr;
+    if (FindCall(nullptr, connection) != RPC_S_OK) return oriel::Fail(ERROR_INVALID_FUNCTION);
+    connection->afterReply = step;
+    return TRUE;
+}
 
 RPC_STATUS RPC_ENTRY RpcBindingInqAuthClientA(RPC_BINDING_HANDLE ClientBinding, RPC_AUTHZ_HANDLE* Privs,
                                               RPC_CSTR* ServerPrincName, ULONG* AuthnLevel, ULONG* AuthnSvc,

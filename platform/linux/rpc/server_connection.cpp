@@ -10,6 +10,7 @@
 #include <cxxabi.h>
 #include <new>
 #include <unistd.h>
+#include <utility>
 
 namespace oriel::rpc {
 namespace {
@@ -200,6 +201,7 @@ bool HandleRequest(ServerConnection& connection, const Message& message) {
     if (offered == nullptr) return SendFault(connection, message, RPC_S_UNKNOWN_IF, false);
     connection.calling.store(offered);
     const bool goesOn = ReserveBody(connection.channel, kFaultSize) && CarryOut(connection, message, *offered);
+    if (const auto step = std::exchange(connection.afterReply, nullptr)) step();
     connection.calling.store(nullptr, std::memory_order_release);
     if (IsBulky(connection.channel)) Trim(connection.channel);
     return goesOn;

@@ -275,8 +275,8 @@ inline constexpr DWORD kCompositeMembersMax = 64;
 inline constexpr DWORD kCompositeDepthMax = 4;
 inline constexpr DWORD kCompositePartsMax = 256;
 // The largest body of a request or reply, and the largest value; the difference is room for the other parameters. A
-// printer list of 7,000 entries of 560 bytes fits.
-inline constexpr DWORD kBodySizeMax = 4 * 1024 * 1024;
+// printer list of 14,000 entries of 560 bytes fits.
+inline constexpr DWORD kBodySizeMax = 8 * 1024 * 1024;
 inline constexpr DWORD kValueSizeMax = kBodySizeMax - 64 * 1024;
 
 } // namespace product

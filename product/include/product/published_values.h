@@ -30,8 +30,8 @@ namespace product {
 inline constexpr DWORD kPublishedMark = 0x31627550; // "Pub1"
 inline constexpr DWORD kPublishedBuckets = 64;
 inline constexpr DWORD kPublishedSectionMax = 1 << 20;
-// Longer values are asked for.
-inline constexpr DWORD kPublishedValueMax = 16384;
+// Longer values are asked for. 16 KiB, and the length of one of variable length.
+inline constexpr DWORD kPublishedValueMax = 16384 + 8;
 // PublishedSlot.size of a value that is not there.
 inline constexpr DWORD kAskService = 0xFFFFFFFF;
 
