@@ -23,7 +23,8 @@ WINBASE_BEGIN
 WINBASEAPI HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protection,
                                             DWORD sizeHigh, DWORD sizeLow, LPCSTR name);
 
-/* access: FILE_MAP_READ, or FILE_MAP_WRITE to write too. NULL on failure: as OpenEventA. */
+/* access: FILE_MAP_READ, or FILE_MAP_WRITE to write too, which is denied while this process has the block open for
+ * reading alone. NULL on failure: as OpenEventA. */
 WINBASEAPI HANDLE WINAPI OpenFileMappingA(DWORD access, BOOL inherit, LPCSTR name);
 
 /* access: FILE_MAP_WRITE (reading included) or FILE_MAP_READ. Offsets: 0. bytes: 0 for the whole block.

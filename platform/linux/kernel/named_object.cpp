@@ -330,6 +330,7 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     // One record for each object of the process: its handles share a mapping and a flock.
     if (NamedObject* known = *FindPlace(fileName)) {
         if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE, nullptr);
+        if (known->readOnly && !request.readOnly) return Fail(ERROR_ACCESS_DENIED, nullptr);
         known->references.fetch_add(1, std::memory_order_relaxed);
         existed = true;
         return known;
