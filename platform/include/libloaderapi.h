@@ -1,4 +1,4 @@
-/* Modules of the process. */
+/* Modules of the process. A module is known by the address at which it is loaded. */
 #ifndef ORIEL_LIBLOADERAPI_H
 #define ORIEL_LIBLOADERAPI_H
 
@@ -16,6 +16,20 @@ WINBASEAPI DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD
 
 /* Thread notifications do not exist here: always TRUE for a module, FALSE with ERROR_MOD_NOT_FOUND for NULL. */
 WINBASEAPI BOOL WINAPI DisableThreadLibraryCalls(HMODULE module);
+
+#define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 0x00000004
+
+/* The module that has the address (given as the name) in its memory, and a reference to it: it stays loaded until
+ * FreeLibrary. flags must be GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS (ERROR_INVALID_PARAMETER, also without module).
+ * ERROR_MOD_NOT_FOUND: *module is NULL. */
+WINBASEAPI BOOL WINAPI GetModuleHandleExA(DWORD flags, LPCSTR name, HMODULE* module);
+
+/* Gives a reference back; with the last one the module goes. ERROR_MOD_NOT_FOUND. */
+WINBASEAPI BOOL WINAPI FreeLibrary(HMODULE module);
+
+/* For a thread whose code is in the module: gives the reference back and ends the thread, without a return to that
+ * code. Of threads that CreateThread began. Nothing is unwound. */
+WINBASEAPI void WINAPI FreeLibraryAndExitThread(HMODULE module, DWORD exitCode) __attribute__((noreturn));
 
 WINBASE_END
 

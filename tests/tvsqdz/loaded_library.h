@@ -6,6 +6,7 @@
 struct LoadedLibrary {
     LoadedLibrary();
     void Unload() const;
+    static bool IsThere(); // in the process
     template <typename Function>
     Function* Find(const char* name, Function*) const {
         return reinterpret_cast<Function*>(Find(name));

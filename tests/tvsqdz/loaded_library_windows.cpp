@@ -11,6 +11,10 @@ void* LoadedLibrary::Find(const char* name) const {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
 }
 
+bool LoadedLibrary::IsThere() {
+    return GetModuleHandleA("TVSQDZ.DLL") != nullptr;
+}
+
 void LoadedLibrary::Unload() const {
     FreeLibrary(static_cast<HMODULE>(library));
 }

@@ -1,6 +1,7 @@
 // The library as it is shipped, in a process that loads it.
 #include "loaded_library.h"
 #include "machine.h"
+#include "printer_side.h"
 #include "product/object_names.h"
 
 namespace {
@@ -38,6 +39,22 @@ CHILD_PROCESS(LoadsTheSharedLibrary) {
     std::exit(0); // while the thread reads
 }
 
+// Unloads the library while a request waits.
+CHILD_PROCESS(UnloadsDuringARequest) {
+    const HANDLE event = NewEvent();
+    const LoadedLibrary library;
+    TvsManager manager = 0;
+    uint32_t number = 7;
+    int32_t status = library.Find("OpenManagerExA", &OpenManagerExA)(kPrinter.c_str(), kPowerfulUser, 2, &manager);
+    const auto ask = library.Find("SetReqPrinterStatusEventA", &SetReqPrinterStatusEventA);
+    if (status == TVS_OK) status = ask(manager, "DNumber", &number, sizeof number, event, &number);
+    library.Unload();
+    child.Say(std::to_string(status));
+    child.Say(IsSet(event, 20000) ? "told" : "not told");
+    child.Say(WaitUntil([&] { return !LoadedLibrary::IsThere(); }) ? "gone" : "still there");
+    return 0;
+}
+
 } // namespace
 
 TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
@@ -58,6 +75,24 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
         // Unloading and ending close what is open; a process that is killed leaves itself as the owner.
         EXPECT_EQ(RecordOf(OpenPrinter())->ownerProcessId == process.Id(), end == "kill");
     }
+}
+
+// The thread of a request keeps the code that it runs.
+TEST(SharedLibrary, IsUnloadedOnceTheLastRequestHasEnded) {
+    SetUpProduct();
+    const Service service;
+    const Library library;
+    const TvsManager manager = OpenPrinter();
+    SetReady(manager);
+    const PrinterSide printer(RecordOf(manager)->printerDatabase.handle);
+    const HANDLE turn = RecordOf(manager)->requestMutex;
+    ASSERT_TRUE(IsSet(turn)); // for which the thread waits
+    TestProcess process("UnloadsDuringARequest");
+    EXPECT_EQ(process.Hear(), "0");
+    ReleaseMutex(turn);
+    EXPECT_EQ(process.Hear(), "told");
+    EXPECT_EQ(process.Hear(), "gone");
+    process.End();
 }
 
 // The end of a process closes its managers, but not at any price.

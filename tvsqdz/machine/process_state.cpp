@@ -98,12 +98,21 @@ bool CallsAreLetIn() {
     return g_attached.load();
 }
 
-void CountAsCall() {
+bool CountAsCall(ThreadPin* pin) {
     g_callsInside.fetch_add(1);
+    const auto* here = reinterpret_cast<LPCSTR>(&g_attached);
+    return GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, here, &pin->module) != FALSE;
 }
 
-void UncountAsCall() {
+void UncountAsCall(const ThreadPin& pin) {
     g_callsInside.fetch_sub(1);
+    FreeLibrary(pin.module);
+}
+
+void UncountAndExitThread(const ThreadPin& pin, DWORD exitCode) {
+    const HMODULE module = pin.module;
+    g_callsInside.fetch_sub(1);
+    FreeLibraryAndExitThread(module, exitCode);
 }
 
 bool LetCallsIn(bool attached) {

@@ -73,9 +73,18 @@ private:
     bool m_attached;
 };
 
-// The same for a thread of the library that no call waits for: a detach waits for it between the two calls.
-void CountAsCall();
-void UncountAsCall();
+// The same for a thread of the library that nobody waits for: a detach waits for it between the two calls. The pin
+// keeps the library loaded until the thread has left its code: an unload meanwhile has its effect at the end of the
+// thread.
+struct ThreadPin {
+    HMODULE module; // null: none
+};
+// False: it is counted, and not pinned.
+bool CountAsCall(ThreadPin* pin);
+// For a thread that was not started.
+void UncountAsCall(const ThreadPin& pin);
+// The thread's last call: it holds nothing with a destructor.
+[[noreturn]] void UncountAndExitThread(const ThreadPin& pin, DWORD exitCode);
 
 // False once the detach has begun; long waits inside the library then end.
 bool CallsAreLetIn();

@@ -27,19 +27,19 @@ bool IsOwn(const ThreadRecord* record) {
     return record->threadId == GetCurrentThreadId();
 }
 
+// Nobody else waits for this thread now. A library that cannot be pinned is being unloaded, by this thread.
 void LeaveToItself(ThreadRecord* record) {
     record->stoppedByItself = true;
-    CountAsCall(); // because nobody else waits for this thread now
+    CountAsCall(&record->pin);
 }
 
 DWORD WINAPI RunRecord(void* parameter) {
     auto* record = static_cast<ThreadRecord*>(parameter);
     const DWORD result = record->procedure(record);
-    if (record->stoppedByItself) {
-        FreeRecord(record);
-        UncountAsCall();
-    }
-    return result;
+    if (!record->stoppedByItself) return result;
+    const ThreadPin pin = record->pin;
+    FreeRecord(record);
+    UncountAndExitThread(pin, result);
 }
 
 // False when the thread still runs; what it uses must then stay.

@@ -3,7 +3,8 @@
 // Every record of a manager's list (ManagerRecord.registrations) begins with a ThreadRecord and is a zero-filled block
 // of the heap. The list is changed under g_managerLock. A thread neither closes its handles nor frees its record: it
 // ends when its stop event is set, and whoever stopped it releases everything. The exception is a thread that stops its
-// own record, because a callback cancels its registration; it releases everything itself when it ends.
+// own record, because a callback cancels its registration; it releases everything itself when it ends, and the library
+// stays loaded until then.
 #pragma once
 
 #include "manager/manager_record.h"
@@ -22,7 +23,8 @@ struct ThreadRecord {
     HANDLE begunEvent;      // the same: set when the watches are in place
     ManagerRecord* manager; // a reference, which keeps alive what the thread uses of the manager; or null
     ThreadProc procedure;   // run by the thread, with the record as its parameter
-    bool stoppedByItself;   // used by the thread only
+    bool stoppedByItself;   // used by the thread only, like the pin that it then has
+    ThreadPin pin;
 };
 
 // The record behind which a new one is appended; null for an empty list.

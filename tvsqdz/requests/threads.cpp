@@ -21,6 +21,7 @@ using names::kRefreshStatus;
 struct RequestTask {
     ManagerRecord* manager; // a reference
     StatusRequest request;
+    ThreadPin pin;
     DWORD mutexWait;      // of the starter
     uint32_t refreshSize; // of the text behind this record, including the NUL; 0: none
 
@@ -68,24 +69,23 @@ void PerformWrite(RequestTask& task) {
     TellCompletion(task.request);
 }
 
-void Finish(RequestTask* task) {
+ThreadPin Release(RequestTask* task) {
+    const ThreadPin pin = task->pin;
     ReleaseManager(task->manager);
     FreeBlock(task);
-    UncountAsCall(); // the library may be unloaded from here on
+    return pin;
 }
 
 DWORD WINAPI ReadRequestThread(void* parameter) {
     auto* task = static_cast<RequestTask*>(parameter);
     PerformRead(*task);
-    Finish(task);
-    return 0;
+    UncountAndExitThread(Release(task), 0);
 }
 
 DWORD WINAPI WriteRequestThread(void* parameter) {
     auto* task = static_cast<RequestTask*>(parameter);
     PerformWrite(*task);
-    Finish(task);
-    return 0;
+    UncountAndExitThread(Release(task), 0);
 }
 
 } // namespace
@@ -95,15 +95,15 @@ bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, co
     const uint32_t refreshSize = refresh != nullptr ? refresh->size : 0;
     auto* task = static_cast<RequestTask*>(AllocateZeroed(sizeof(RequestTask) + refreshSize));
     if (task == nullptr) return false;
-    *task = {.manager = manager, .request = request, .mutexWait = mutexWait, .refreshSize = refreshSize};
+    *task = {.manager = manager, .request = request, .pin = {}, .mutexWait = mutexWait, .refreshSize = refreshSize};
     if (refreshSize != 0) memcpy(task->RefreshText(), refresh->data, refreshSize);
     InterlockedIncrement(&manager->references);
-    CountAsCall();
+    HANDLE thread = nullptr;
     const bool writes = (request.requestFlags & REQ_WRITE) != 0;
-    const HANDLE thread =
-        CreateThread(nullptr, kStackSize, writes ? WriteRequestThread : ReadRequestThread, task, 0, nullptr);
+    if (CountAsCall(&task->pin))
+        thread = CreateThread(nullptr, kStackSize, writes ? WriteRequestThread : ReadRequestThread, task, 0, nullptr);
     if (thread == nullptr) {
-        Finish(task);
+        UncountAsCall(Release(task));
         return false;
     }
     CloseHandle(thread);

@@ -36,8 +36,8 @@ Status TakeResult(ManagerRecord* manager, uint32_t requestId, int32_t* callersRe
 // Threads. Nobody waits for them: each ends after the exchange with the printer side or its time limit
 // (Timings.requestLockBound, .answerBound), and notifies its requester.
 //
-// A thread holds a reference to its manager, so that what it uses stays however early the manager is closed. The detach
-// of the library waits for the thread, and hurries it.
+// A thread holds a reference to its manager, so that what it uses stays however early the manager is closed, and it
+// pins the library: an unload waits for its end, the caller does not. The end of the process hurries it.
 
 // Starts the thread of the request, with a stack of 64 KiB. The caller has a reference to the manager. refresh: the
 // text of a refresh that is forwarded, or null. mutexWait: the result of the caller's wait for the request mutex.

@@ -1,7 +1,7 @@
 // Thread records, CreateThread and the end of threads. terminate.cpp stops them.
 //
 // State: a record for each thread that needs one, in a thread-local pointer; a thread-specific key, whose destructor
-// runs at the end of every such thread, whoever created it.
+// runs at the end of every such thread, whoever created it; of each thread of CreateThread the place where it ends.
 #include "kernel/thread.h"
 
 #include "base/call.h"
@@ -9,9 +9,11 @@
 #include "security/credentials.h"
 
 #include <algorithm>
+#include <csetjmp>
 #include <csignal>
 #include <errhandlingapi.h>
 #include <handleapi.h>
+#include <libloaderapi.h>
 #include <new>
 #include <processthreadsapi.h>
 #include <pthread.h>
@@ -24,6 +26,14 @@ namespace {
 constinit thread_local ThreadObject* t_thread __attribute__((tls_model("initial-exec"))) = nullptr;
 constinit thread_local DWORD t_threadId __attribute__((tls_model("initial-exec"))) = 0;
 pthread_key_t g_threadKey;
+
+// How a thread of CreateThread ends from inside its procedure.
+struct ThreadExit {
+    jmp_buf place;  // in RunThread
+    HMODULE module; // to be given back
+    DWORD exitCode;
+};
+constinit thread_local ThreadExit* t_exit __attribute__((tls_model("initial-exec"))) = nullptr;
 
 constexpr size_t kSmallestStack = 65536;
 // The C library puts the thread's own data and thread-local variables on its stack. The caller asked for usable space.
@@ -85,6 +95,18 @@ struct ThreadStart {
     LPVOID parameter;
 };
 
+// The procedure's module may go here, after its last instruction.
+void RunProcedure(const ThreadStart& start) {
+    ThreadExit exit{};
+    t_exit = &exit;
+    if (setjmp(exit.place) == 0) {
+        start.thread->exitCode.store(start.procedure(start.parameter), std::memory_order_relaxed);
+        return;
+    }
+    t_thread->exitCode.store(t_exit->exitCode, std::memory_order_relaxed);
+    FreeLibrary(t_exit->module);
+}
+
 void* RunThread(void* argument) {
     const ThreadStart start = *static_cast<ThreadStart*>(argument);
     delete static_cast<ThreadStart*>(argument);
@@ -94,7 +116,7 @@ void* RunThread(void* argument) {
         start.thread->threadId.store(GetCurrentThreadId());
         WakeAll(start.thread->threadId, false);
     }
-    start.thread->exitCode.store(start.procedure(start.parameter), std::memory_order_relaxed);
+    RunProcedure(start);
     return nullptr;
 }
 
@@ -196,6 +218,16 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, L
         *threadId = thread->threadId.load();
     }
     return handle;
+}
+
+void WINAPI FreeLibraryAndExitThread(HMODULE module, DWORD exitCode) {
+    if (t_exit == nullptr) {
+        FreeLibrary(module);
+        pthread_exit(nullptr);
+    }
+    t_exit->module = module;
+    t_exit->exitCode = exitCode;
+    longjmp(t_exit->place, 1);
 }
 
 BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exitCode) {

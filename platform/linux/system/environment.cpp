@@ -10,9 +10,11 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fileapi.h>
 #include <libloaderapi.h>
+#include <link.h>
 #include <new>
 #include <string>
 #include <string_view>
@@ -79,6 +81,17 @@ std::string ExecutablePath() {
     return std::string(name);
 }
 
+// The module that has the address in its memory, with a reference; null when there is none.
+void* TakeModule(const void* address, void** base) {
+    Dl_info information{};
+    link_map* map = nullptr;
+    if (address == nullptr || dladdr1(address, &information, reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP) == 0)
+        return nullptr;
+    *base = information.dli_fbase;
+    // The loader finds it by the name that it gave it, also when the file is gone. The program itself has none.
+    return dlopen(*map->l_name != '\0' ? map->l_name : nullptr, RTLD_LAZY | RTLD_NOLOAD);
+}
+
 } // namespace
 } // namespace oriel
 
@@ -125,6 +138,23 @@ DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD size) {
         if (length == path.size()) return static_cast<DWORD>(length);
         return Fail(ERROR_INSUFFICIENT_BUFFER, size);
     });
+}
+
+BOOL WINAPI GetModuleHandleExA(DWORD flags, LPCSTR name, HMODULE* module) {
+    if (module == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    *module = nullptr;
+    if (flags != GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS) return Fail(ERROR_INVALID_PARAMETER);
+    return TakeModule(name, module) != nullptr ? TRUE : Fail(ERROR_MOD_NOT_FOUND);
+}
+
+BOOL WINAPI FreeLibrary(HMODULE module) {
+    void* base = nullptr;
+    void* const handle = TakeModule(module, &base);
+    if (handle == nullptr) return Fail(ERROR_MOD_NOT_FOUND);
+    const bool isModule = base == module; // and not just any address in one
+    if (isModule) dlclose(handle);
+    dlclose(handle);
+    return isModule ? TRUE : Fail(ERROR_MOD_NOT_FOUND);
 }
 
 BOOL WINAPI DisableThreadLibraryCalls(HMODULE module) {
