@@ -86,9 +86,11 @@ struct Timings {
     // How long the start of a manager's thread waits until the thread is at work.
     DWORD beginWait = 1000;
 
-    // How long a thread gets to end before it is terminated: when its record is cancelled, when its manager closes.
+    // How long a thread gets to end before it is terminated: when its record is cancelled, when its manager closes (all
+    // threads of the manager together). terminatedWait: until a terminated thread stands still.
     DWORD cancelWait = 3000;
     DWORD closeWait = 12000;
+    DWORD terminatedWait = 3000;
 
     // How often a watcher tries again to make a watch that it could not make.
     DWORD watchRetry = 250;

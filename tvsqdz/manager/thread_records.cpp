@@ -43,37 +43,37 @@ DWORD WINAPI RunRecord(void* parameter) {
 }
 
 // False when the thread still runs; what it uses must then stay.
-bool Terminate(HANDLE thread, DWORD boundMs) {
+bool Terminate(HANDLE thread) {
     {
         // A callback may be inside a call of the library. Terminated while we hold this lock, it cannot hold the lock
         // itself.
         const ManagerLockHold lock;
         if (!TerminateThread(thread, kTerminatedExitCode)) return false;
     }
-    return WaitForSingleObject(thread, boundMs) == WAIT_OBJECT_0;
+    return WaitForSingleObject(thread, g_timings.terminatedWait) == WAIT_OBJECT_0;
 }
 
 bool EndThread(HANDLE thread, DWORD boundMs) {
-    return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread, boundMs);
+    return WaitForSingleObject(thread, boundMs) != WAIT_TIMEOUT || Terminate(thread);
 }
 
 // When the process ends, a thread may still be in an unbounded call of the service. So the service is asked before the
 // thread gets its full time.
-DWORD TimeToEnd(const ThreadRecord* record) {
+DWORD TimeToEnd(const ThreadRecord* record, DWORD closeLeft) {
     const DWORD left = LeftForCalls();
-    if (left >= g_timings.closeWait || record->manager == nullptr) return g_timings.closeWait;
+    if (left >= closeLeft || record->manager == nullptr) return closeLeft;
     if (WaitForSingleObject(record->thread, left) == WAIT_TIMEOUT && !CallsWereGivenUp()) {
         product::DatabaseInfo info;
         GetDatabaseInfo(record->manager->masterDatabase, &info);
     }
-    return CallsWereGivenUp() ? g_timings.detachThread : g_timings.closeWait;
+    return CallsWereGivenUp() ? g_timings.detachThread : closeLeft;
 }
 
-// Like EndThread, but does not wait for a thread that has ended.
-bool EndThreadOfList(const ThreadRecord* record) {
+// Does not wait for a thread that has ended. closeLeft: of the time that the threads of the list have together.
+bool EndThreadOfList(const ThreadRecord* record, DWORD closeLeft) {
     DWORD exitCode = STILL_ACTIVE;
-    if (!GetExitCodeThread(record->thread, &exitCode)) return Terminate(record->thread, g_timings.closeWait);
-    return exitCode != STILL_ACTIVE || EndThread(record->thread, TimeToEnd(record));
+    if (!GetExitCodeThread(record->thread, &exitCode)) return Terminate(record->thread);
+    return exitCode != STILL_ACTIVE || EndThread(record->thread, TimeToEnd(record, closeLeft));
 }
 
 } // namespace
@@ -123,12 +123,14 @@ void StopThreadRecord(ThreadRecord* record) {
 void StopThreadRecords(ThreadRecord* head) {
     for (ThreadRecord* record = head; record != nullptr; record = record->next)
         SetEvent(record->stopEvent);
+    const DWORD start = GetTickCount();
     while (head != nullptr) {
         ThreadRecord* record = head;
         head = record->next;
+        const DWORD waited = GetTickCount() - start;
         if (IsOwn(record))
             LeaveToItself(record);
-        else if (EndThreadOfList(record))
+        else if (EndThreadOfList(record, waited < g_timings.closeWait ? g_timings.closeWait - waited : 0))
             FreeRecord(record);
     }
 }

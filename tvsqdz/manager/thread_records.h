@@ -45,5 +45,6 @@ void ThreadHasBegun(const ThreadRecord& record);
 // the record is freed when the thread ends.
 void StopThreadRecord(ThreadRecord* record) EXCLUDES(g_managerLock);
 
-// The same for a whole list: all threads are asked to stop before the first one is waited for (Timings.closeWait each).
+// The same for a whole list: all threads are asked to stop before the first one is waited for (Timings.closeWait for
+// all of them together).
 void StopThreadRecords(ThreadRecord* head) EXCLUDES(g_managerLock);
