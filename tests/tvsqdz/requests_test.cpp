@@ -113,6 +113,31 @@ TEST_F(Requests, ReadsAndWritesAreDoneAndTold) {
     EXPECT_TRUE(WaitUntil([&] { return Results() == kEmptyList; }));
 }
 
+// A request that waits has its value with it: what the printer side finds when its turn comes is its own.
+TEST_F(Requests, EachWriteSendsItsOwnValue) {
+    const HANDLE go = NewEvent(true);
+    std::atomic<int> asked = 0;
+    std::vector<Bytes> taken; // to be read once all are told
+    const PrinterSide printer(database, [&](const std::string&, const std::string& text) {
+        ++asked;
+        IsSet(go);
+        taken.push_back(StoredBytes(database, text));
+        return 0;
+    });
+    HANDLE ends[3];
+    for (uint32_t i = 0; i < 3; ++i) {
+        event = ends[i] = NewEvent(true);
+        EXPECT_EQ(StartWrite(Number(i)), TVS_OK);
+        EXPECT_TRUE(WaitUntil([&] { return asked == 1; })); // the first is with the printer side, the others wait
+    }
+    EXPECT_EQ(StartWrite(Bytes(8)), TVS_E_UNKNOWN) << "its companion takes 4 bytes";
+    SetEvent(go);
+    for (const HANDLE end : ends)
+        EXPECT_TRUE(IsSet(end, 20000));
+    std::sort(taken.begin() + 1, taken.end());
+    EXPECT_EQ(taken, (std::vector<Bytes>{Number(0), Number(1), Number(2)}));
+}
+
 TEST_F(Requests, WhatIsNotAnsweredEndsAndTheNextGoesOn) {
     g_timings.answerBound = 200;
     g_timings.requestLockBound = 50;

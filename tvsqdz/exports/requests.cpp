@@ -95,19 +95,25 @@ bool ResetNumber(uint32_t* callersNumber) {
 }
 
 // From the lock to the start. The event form holds the database mutex, under which the result is entered; the message
-// form holds the request mutex, so it waits for its turn here.
+// form holds the request mutex, so it waits for its turn here. The value is placed at once if it is the caller's turn,
+// else by the thread.
 Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value,
                      const Completion& completion, uint32_t* callersNumber) {
     MutexHold lock(completion.IsMessage() ? manager->requestMutex.load() : manager->databaseMutex);
     if (lock.held == nullptr) return TVS_E_REQUEST_LOCK;
     const bool isHandled = completion.IsMessage() && variable.localWrite != nullptr;
+    // Not waited for, since the database mutex is the inner one of the two.
+    MutexHold turn;
+    PlacedValue placed = {.bytes = BytesToPlace(variable, value), .writes = 0};
     if (!isHandled) {
-        const Status status = PlaceValue(manager->printerDatabase, variable, value);
+        const ManagerDatabase& database = manager->printerDatabase;
+        Status status = CheckPlace(database, variable, placed.bytes);
+        const bool isOurTurn = completion.IsMessage() || turn.Acquire(manager->requestMutex, 0);
+        if (status == TVS_OK && isOurTurn) status = PlaceBytes(database, variable.name, placed.bytes, &placed.writes);
         if (status != TVS_OK) return status;
     }
     StatusRequest request = NewRequest(manager, variable, REQ_WRITE, completion);
-    const bool isRefresh = WriteKindOf(variable.name) == RequestKind::Refresh;
-    request.isRefresh = isRefresh ? 1 : 0;
+    request.isRefresh = WriteKindOf(variable.name) == RequestKind::Refresh ? 1 : 0;
     if (isHandled) variable.localWrite(manager, value.Data(), value.Size());
 
     const int32_t firstResult = completion.IsMessage() ? TVS_OK : TVS_REQUEST_PENDING;
@@ -120,9 +126,8 @@ Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, 
         TellCompletion(request);
         return TVS_OK;
     }
-    const CallerValue::Bytes text = value.Text();
-    const DWORD mutexWait = completion.IsMessage() ? lock.result : DWORD{WAIT_OBJECT_0};
-    if (StartRequestThread(manager, request, isRefresh ? &text : nullptr, mutexWait)) return TVS_OK;
+    const DWORD mutexWait = completion.IsMessage() ? lock.result : turn.result;
+    if (StartRequestThread(manager, request, &placed, mutexWait)) return TVS_OK;
     RemoveRequest(manager, request.requestId);
     ResetNumber(callersNumber);
     return TVS_E_MEMORY;

@@ -128,6 +128,9 @@ Status WriteDirect(ManagerRecord* manager, const StatusVariableDef& variable, co
 
     const MutexHold lock(manager->requestMutex);
     if (lock.held == nullptr) return TVS_E_NOT_READY;
-    if (const Status status = PlaceValue(manager->printerDatabase, variable, value); status != TVS_OK) return status;
+    const CallerValue::Bytes bytes = BytesToPlace(variable, value);
+    Status status = CheckPlace(manager->printerDatabase, variable, bytes);
+    if (status == TVS_OK) status = PlaceBytes(manager->printerDatabase, variable.name, bytes);
+    if (status != TVS_OK) return status;
     return AskPrinter(manager, kind, variable, lock.result);
 }

@@ -137,16 +137,36 @@ bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVar
     return mailbox != nullptr && strlen(RequestText(kind, variable.name).text) < mailbox->size;
 }
 
-Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value) {
-    if (WriteKindOf(variable.name) == RequestKind::Refresh) {
-        if (!SpoolerTakesRefreshes(printerDatabase)) return TVS_E_NOT_NOW;
-        const CallerValue::Bytes text = value.Text();
-        return PassOn(WriteVariable(printerDatabase, names::kRefreshStatus, text.data, text.size));
-    }
-    const RequestText companion(RequestKind::Write, variable.name);
-    const CallerValue::Bytes stored = value.Stored((variable.flags & SVT_VARIABLE) != 0);
-    const Answer answer = WriteVariable(printerDatabase, companion.text, stored.data, stored.size);
-    return answer == Answer::Done ? TVS_OK : TVS_E_UNKNOWN;
+CallerValue::Bytes BytesToPlace(const StatusVariableDef& variable, CallerValue& value) {
+    const bool isRefresh = WriteKindOf(variable.name) == RequestKind::Refresh;
+    return isRefresh ? value.Text() : value.Stored((variable.flags & SVT_VARIABLE) != 0);
+}
+
+Status CheckPlace(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable,
+                  const CallerValue::Bytes& bytes) {
+    if (WriteKindOf(variable.name) == RequestKind::Refresh)
+        return SpoolerTakesRefreshes(printerDatabase) ? TVS_OK : TVS_E_NOT_NOW;
+    // The companion is made by the first write to it, and takes what the variable itself takes.
+    product::VariableInfo info = {};
+    if (GetVariableInfo(printerDatabase, variable.name, &info) != Answer::Done) return TVS_E_UNKNOWN;
+    const bool sizeIsFixed = info.type <= product::kTypeNumber || info.type == product::kTypeRecord;
+    return !sizeIsFixed || info.size == bytes.size ? TVS_OK : TVS_E_UNKNOWN;
+}
+
+Status PlaceBytes(const ManagerDatabase& printerDatabase, const char* variableName, const CallerValue::Bytes& bytes,
+                  DWORD* writes) {
+    const RequestKind kind = WriteKindOf(variableName);
+    const RequestText place(kind, variableName);
+    const Answer answer = WriteVariable(printerDatabase, place.text, bytes.data, bytes.size);
+    if (writes != nullptr && GetWriteCount(printerDatabase, place.text, writes) != Answer::Done) *writes = 0;
+    if (answer == Answer::Done) return TVS_OK;
+    return kind == RequestKind::Refresh ? PassOn(answer) : TVS_E_UNKNOWN;
+}
+
+bool IsStillPlaced(const ManagerDatabase& printerDatabase, const char* variableName, DWORD writes) {
+    DWORD now = 0;
+    const RequestText place(WriteKindOf(variableName), variableName);
+    return writes != 0 && GetWriteCount(printerDatabase, place.text, &now) == Answer::Done && now == writes;
 }
 
 Status AskPrinterSide(const PrinterRequest& request, DWORD mutexWait, DWORD boundMs) {

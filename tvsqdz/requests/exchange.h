@@ -7,8 +7,9 @@
 // out (ForwardRequest), and the library writes "RWResult".
 //
 // The caller holds the printer's request mutex throughout, because the mailbox has room for one request. The value to
-// be written is placed before the request is made: the text of a refresh in "RefreshStatus", any other value in the
-// companion, a variable with the name of the written one and "W". After a read the value is in the database.
+// be written is placed before the request is made, under the same mutex: the text of a refresh in "RefreshStatus", any
+// other value in the companion, a variable with the name of the written one and "W". After a read the value is in the
+// database.
 #pragma once
 
 #include "manager/manager_record.h"
@@ -38,9 +39,18 @@ RequestKind WriteKindOf(const char* variableName);
 // character longer. The printer cannot be asked for variables with longer names.
 bool FitsMailbox(const ManagerRecord* manager, RequestKind kind, const StatusVariableDef& variable);
 
-// Places the value of a write or the text of a refresh. TVS_OK; TVS_E_UNKNOWN when the companion does not take the
-// value; TVS_E_NOT_NOW for a refresh while the spooler takes none; or the service's answer to the text of a refresh.
-Status PlaceValue(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable, CallerValue& value);
+// What is placed for a write: the text of a refresh, or the value in its stored form. The bytes are the caller value's.
+CallerValue::Bytes BytesToPlace(const StatusVariableDef& variable, CallerValue& value);
+// Whether the value can be placed now. TVS_OK; TVS_E_UNKNOWN when there is no companion that takes it; TVS_E_NOT_NOW
+// for a refresh while the spooler takes none.
+Status CheckPlace(const ManagerDatabase& printerDatabase, const StatusVariableDef& variable,
+                  const CallerValue::Bytes& bytes);
+// Places it. Also the service's answer to the text of a refresh. writes: if not null, the write count by which the
+// place is known to be untouched.
+Status PlaceBytes(const ManagerDatabase& printerDatabase, const char* variableName, const CallerValue::Bytes& bytes,
+                  DWORD* writes = nullptr);
+// True when nobody has written to the place since.
+bool IsStillPlaced(const ManagerDatabase& printerDatabase, const char* variableName, DWORD writes);
 
 // The event path. mutexWait: the result of the wait for the request mutex. The status is the result of the request; an
 // answer of the service when the request cannot be made or its result cannot be read; that of a failed call when the

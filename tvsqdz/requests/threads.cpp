@@ -16,16 +16,14 @@
 namespace {
 
 constexpr SIZE_T kStackSize = 65536;
-using names::kRefreshStatus;
 
 struct RequestTask {
     ManagerRecord* manager; // a reference
     StatusRequest request;
     ThreadPin pin;
-    DWORD mutexWait;      // of the starter
-    uint32_t refreshSize; // of the text behind this record, including the NUL; 0: none
-
-    BYTE* RefreshText() { return reinterpret_cast<BYTE*>(this + 1); }
+    DWORD mutexWait;  // of the starter
+    bool placesValue; // the one behind this record
+    PlacedValue value;
 };
 
 RequestKind KindOf(const StatusRequest& request) {
@@ -35,14 +33,16 @@ RequestKind KindOf(const StatusRequest& request) {
 
 // The exchange. The caller holds the request mutex.
 Status CarryOut(RequestTask& task, DWORD mutexWait) {
-    const PrinterRequest request = RequestOf(task.manager, KindOf(task.request), task.request.variableName);
+    const char* name = task.request.variableName;
+    const ManagerDatabase& database = task.manager->printerDatabase;
+    if (task.placesValue && !IsStillPlaced(database, name, task.value.writes))
+        if (const Status status = PlaceBytes(database, name, task.value.bytes); status != TVS_OK) return status;
+    const PrinterRequest request = RequestOf(task.manager, KindOf(task.request), name);
     if (task.request.useForward == 0) {
         // The starter may have been the one that found its predecessor dead.
         if (task.mutexWait == WAIT_ABANDONED) mutexWait = WAIT_ABANDONED;
         return AskPrinterSide(request, mutexWait, g_timings.answerBound);
     }
-    if (task.refreshSize != 0)
-        WriteVariable(request.printerDatabase, kRefreshStatus, task.RefreshText(), task.refreshSize);
     if (const Status status = PostForwardedRequest(request); status != TVS_OK) return status;
     return ForwardPostedRequest(request, task.request.printerName);
 }
@@ -90,13 +90,20 @@ DWORD WINAPI WriteRequestThread(void* parameter) {
 
 } // namespace
 
-bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const CallerValue::Bytes* refresh,
+bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const PlacedValue* value,
                         DWORD mutexWait) {
-    const uint32_t refreshSize = refresh != nullptr ? refresh->size : 0;
-    auto* task = static_cast<RequestTask*>(AllocateZeroed(sizeof(RequestTask) + refreshSize));
+    const SIZE_T valueSize = value != nullptr ? value->bytes.size : 0;
+    auto* task = static_cast<RequestTask*>(AllocateZeroed(sizeof(RequestTask) + valueSize));
     if (task == nullptr) return false;
-    *task = {.manager = manager, .request = request, .pin = {}, .mutexWait = mutexWait, .refreshSize = refreshSize};
-    if (refreshSize != 0) memcpy(task->RefreshText(), refresh->data, refreshSize);
+    task->manager = manager;
+    task->request = request;
+    task->mutexWait = mutexWait;
+    task->placesValue = value != nullptr;
+    if (value != nullptr) {
+        auto* bytes = reinterpret_cast<BYTE*>(task + 1);
+        memcpy(bytes, value->bytes.data, valueSize);
+        task->value = {.bytes = {bytes, value->bytes.size}, .writes = value->writes};
+    }
     InterlockedIncrement(&manager->references);
     HANDLE thread = nullptr;
     const bool writes = (request.requestFlags & REQ_WRITE) != 0;

@@ -39,10 +39,18 @@ Status TakeResult(ManagerRecord* manager, uint32_t requestId, int32_t* callersRe
 // A thread holds a reference to its manager, so that what it uses stays however early the manager is closed, and it
 // pins the library: an unload waits for its end, the caller does not. The end of the process hurries it.
 
-// Starts the thread of the request, with a stack of 64 KiB. The caller has a reference to the manager. refresh: the
-// text of a refresh that is forwarded, or null. mutexWait: the result of the caller's wait for the request mutex.
-// False: out of memory or threads, and nothing was started. The request is copied.
-bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const CallerValue::Bytes* refresh,
+// What a write places (requests/exchange.h). The thread places it again under the request mutex, unless nobody has
+// written there since: a request that is in progress at the start has a value of its own there, and so has one that
+// gets its turn in between.
+struct PlacedValue {
+    CallerValue::Bytes bytes;
+    DWORD writes; // as PlaceBytes told; 0: not placed yet
+};
+
+// Starts the thread of the request, with a stack of 64 KiB. The caller has a reference to the manager. value: of a
+// write; null: what is in the place is written. mutexWait: the result of the caller's wait for the request mutex.
+// False: out of memory or threads, and nothing was started. The request and the value are copied.
+bool StartRequestThread(ManagerRecord* manager, const StatusRequest& request, const PlacedValue* value,
                         DWORD mutexWait);
 
 // Posts the message or sets the event of the request.
