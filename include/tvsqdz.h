@@ -155,7 +155,8 @@ TVS_EXPORT int32_t TVS_CALL OpenManagerExW(const TvsWideChar* printerName, const
 
 /* Closes a manager and everything that was registered through it. Managers that are still open when the process ends, or when
  * the library is unloaded, are closed then; a service that is stopped delays the end of a process by less than 3 seconds. The
- * library stays loaded until the last asynchronous request has ended: close the managers before you unload it.
+ * library stays loaded until the last asynchronous request has ended: close the managers before you unload it. After a fork,
+ * the handles of the parent are unknown in the child, which may open managers of its own.
  * Returns TVS_OK, or TVS_E_HANDLE. */
 TVS_EXPORT int32_t TVS_CALL CloseManager(TvsManager manager);
 

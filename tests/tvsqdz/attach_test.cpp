@@ -4,8 +4,10 @@
 #include "base/timings.h"
 #include "machine.h"
 #include "machine/process_state.h"
+#include "memory_kit.h"
 
 #include <filesystem>
+#include <unistd.h>
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved);
 
@@ -113,6 +115,59 @@ TEST(Attach, DetachLeavesACallInProgressWhatItUses) {
     EXPECT_EQ(status, TVS_OK);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(read(), TVS_E_HANDLE);
+}
+
+// Whatever the threads of its parent were doing, a fork child has nothing of it, and is a process like any other.
+TEST(Attach, AForkChildOpensForItself) {
+    SetUpProduct();
+    const Service service;
+    const Library library;
+    const TvsManager manager = OpenPrinter(6);
+    const HANDLE told = NewEvent();
+    TvsRegistration registration = 0;
+    ASSERT_EQ(SetNotificationEventA(manager, "JobStatus", told, &registration), TVS_OK);
+    EXPECT_EQ(NumberOf(manager, "ModelNumber"), 7u);
+    const HANDLE forked = NewEvent(true);
+    std::atomic<bool> holds = false;
+    const TestThread holder([&] {
+        const ManagerLockHold lock;
+        holds = true;
+        IsSet(forked);
+    });
+    ASSERT_TRUE(WaitUntil([&] { return holds.load(); }));
+    const int failures = RunForked([&] {
+        alarm(20); // ends it when it hangs
+        SYSTEMTIME time;
+        EXPECT_EQ(Read(manager, "ModelNumber", 4).status, TVS_E_HANDLE);
+        EXPECT_EQ(GetPrinterStatusInfoA(manager, "ModelNumber", &time), TVS_E_HANDLE);
+        EXPECT_EQ(KillNotificationEvent(manager, registration), TVS_E_HANDLE);
+        EXPECT_EQ(CloseManager(manager), TVS_E_HANDLE);
+        TvsManager own = 0;
+        for (int round = 0; round < 2; ++round) {
+            own = OpenPrinter(6);
+            EXPECT_EQ(RecordOf(own)->ownerProcessId, static_cast<DWORD>(getppid()));
+            EXPECT_EQ(NumberOf(own, "ModelNumber"), 7u);
+            const HANDLE event = NewEvent();
+            TvsRegistration mine = 0;
+            EXPECT_EQ(SetNotificationEventA(own, "JobStatus", event, &mine), TVS_OK);
+            EXPECT_EQ(Update(own, "JobStatus", Number(5 + static_cast<uint32_t>(round))), TVS_OK);
+            EXPECT_TRUE(IsSet(event));
+            EXPECT_EQ(ProcessCount(), 2u);
+            if (round == 0) {
+                EXPECT_EQ(CloseManager(own), TVS_OK);
+            }
+        }
+        EXPECT_EQ(RunForked([&] { return CloseManager(own) == TVS_E_HANDLE ? 0 : 1; }), 0) << "nor has its own child";
+        DetachProcess();
+        EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    SetEvent(forked);
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(ProcessCount(), 1u);
+    EXPECT_TRUE(IsSet(told));
+    EXPECT_EQ(NumberOf(manager, "JobStatus"), 6u);
+    EXPECT_EQ(RecordOf(OpenPrinter(2))->ownerProcessId, GetCurrentProcessId());
 }
 
 TEST(OwnProcess, IsKnownByTheNameOfItsExecutable) {

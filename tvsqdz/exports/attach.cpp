@@ -7,12 +7,15 @@
 #include "base/system.h"
 #include "base/timings.h"
 #include "exports/closing.h"
+#include "machine/fork.h"
 #include "machine/objects.h"
 #include "machine/process_state.h"
 #include "manager/variables.h"
 #include "product/client.h"
 #include "product/object_names.h"
 #include "product/program_names.h"
+
+#include <stdlib.h>
 
 namespace {
 
@@ -63,7 +66,24 @@ bool AttachProcess(HINSTANCE module) {
     InitializeCriticalSection(&g_managerLock.section);
     // A binding that cannot be made shows in the calls.
     BindStatusDatabase();
+    FollowForks(ForgetParent);
     LetCallsIn(true);
+    return true;
+}
+
+bool AttachForkChild() {
+    const ManagerLockHold lock;
+    if (!IsForkChild()) return true; // another thread was faster
+    FollowForks(ForgetParent);
+    if (!OpenSharedCounters()) return false;
+    JoinProcessCount();
+    // The loader's own detach is that of the process that loaded the library.
+    if (atexit(DetachProcess) != 0) {
+        LeaveProcessCount();
+        return false;
+    }
+    LetCallsIn(true);
+    ForkChildIsAttached();
     return true;
 }
 
@@ -77,6 +97,7 @@ void DetachProcess() {
     CloseAllManagers(); // those whose open was in progress
     RemoveKindBits(g_processKindMask.exchange(0));
     LeaveProcessCount();
+    UnfollowForks();
     g_installed = false;
     if (!empty) return;
     CloseSharedCounters();

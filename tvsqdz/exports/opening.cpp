@@ -5,6 +5,7 @@
 
 #include "base/memory.h"
 #include "base/system.h"
+#include "exports/attach.h"
 #include "exports/closing.h"
 #include "machine/objects.h"
 #include "machine/status_service.h"
@@ -191,6 +192,7 @@ bool StartAgent(TvsManager handle) {
 } // namespace
 
 Status OpenManager(const OpenNames& names, uint32_t clientKind, TvsManager* handleOutput) {
+    if (IsForkChild() && !AttachForkChild()) return TVS_E_UNAVAILABLE;
     const LibraryCall call;
     if (!call || !g_installed) return TVS_E_UNAVAILABLE; // before any argument is checked
     if (clientKind == TVS_KIND_REGISTERED_MODELS) {

@@ -6,6 +6,8 @@
 #include "base/system.h"
 #include "machine/objects.h"
 
+#include <utility>
+
 ManagerLock g_managerLock;
 ManagerRecord* g_managerList;
 std::atomic<uint32_t> g_openManagerCount;
@@ -22,6 +24,7 @@ constexpr char kSharedCountersName[] = "TVORSQD:SharedCounters";
 HANDLE g_countersMapping;
 std::atomic<bool> g_attached;
 std::atomic<uint32_t> g_callsInside;
+std::atomic<bool> g_isForkChild;
 
 HANDLE CreateCountersMapping(SECURITY_ATTRIBUTES* security) {
     const product::KernelName name = ObjectName(kSharedCountersName);
@@ -37,6 +40,7 @@ HANDLE CreateCountersMapping(SECURITY_ATTRIBUTES* security) {
 } // namespace
 
 bool OpenSharedCounters() {
+    if (g_sharedCounters != nullptr) UnmapViewOfFile(std::exchange(g_sharedCounters, nullptr)); // a fork parent's
     const bool secured = (PlatformBit() & OsNtAny) != 0;
     product::EveryoneAccess everyone;
     if (secured && !everyone) return false;
@@ -92,6 +96,25 @@ LibraryCall::LibraryCall() {
 
 LibraryCall::~LibraryCall() {
     g_callsInside.fetch_sub(1);
+}
+
+void ForgetParent() NO_LOCK_ANALYSIS {
+    InitializeCriticalSection(&g_managerLock.section);
+    g_isForkChild = true;
+    g_attached = false;
+    g_callsInside = 0;
+    g_managerList = nullptr;
+    g_openManagerCount = 0;
+    g_processKindMask = 0;
+    g_countersMapping = nullptr;
+}
+
+bool IsForkChild() {
+    return g_isForkChild.load();
+}
+
+void ForkChildIsAttached() {
+    g_isForkChild = false;
 }
 
 bool CallsAreLetIn() {

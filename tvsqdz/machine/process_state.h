@@ -86,6 +86,13 @@ void UncountAsCall(const ThreadPin& pin);
 // The thread's last call: it holds nothing with a destructor.
 [[noreturn]] void UncountAndExitThread(const ThreadPin& pin, DWORD exitCode);
 
+// In a fork child: no call is inside, none is let in, and nothing is open. g_managerLock is free; what it protected
+// stays allocated, since threads that do not exist here may have been using it.
+void ForgetParent();
+// True until a fork child attaches.
+bool IsForkChild();
+void ForkChildIsAttached();
+
 // False once the detach has begun; long waits inside the library then end.
 bool CallsAreLetIn();
 // Admits calls, or stops admitting them; returns whether they were admitted before.

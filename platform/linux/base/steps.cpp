@@ -11,7 +11,7 @@ constexpr const ForkSteps* kForkSteps[] = {
     &kServiceFork,   &kStoresFork,    &kEventDescriptorsFork, &kWindowClassesFork, &kWindowQueuesFork,
     &kRpcClientFork, &kRpcServerFork, &kRpcInterfacesFork,    &kRpcGroupsFork,     &kNamesFork,
     &kViewsFork,     &kReaperFork,    &kConsoleFork,          &kImpersonationFork, &kHandlesFork,
-    &kThreadFork};
+    &kThreadFork,    &kLibrariesFork};
 
 constexpr StoppedThreadStep* kStoppedThreadSteps[] = {&DropWindowsOfStoppedThread};
 

@@ -37,6 +37,7 @@ extern const ForkSteps kConsoleFork;
 extern const ForkSteps kImpersonationFork;
 extern const ForkSteps kHandlesFork;
 extern const ForkSteps kThreadFork;
+extern const ForkSteps kLibrariesFork; // the last: its steps may use the layer
 
 // Installs the hooks; later calls do nothing. Call it before the first change of state that a child must not inherit.
 void WatchForFork();

@@ -1,0 +1,6 @@
+// Processes do not fork. No state.
+#include "machine/fork.h"
+
+void FollowForks(void (*)()) {}
+
+void UnfollowForks() {}
