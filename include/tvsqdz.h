@@ -363,7 +363,8 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationEventExW(TvsManager manager, uint32_t
  * In a process that has opened only managers of kinds 0, 7 and 9, the process that owns the printer serves the registrations
  * and posts the messages: TVS_E_NO_OWNER when no manager of kind 6 is open. The handle is then a number that all entries of a
  * list share, the single form accepts any name, a list is limited by its text only (64 KiB), and answers of the service (-3,
- * -5, -7, -8, -11 or -15) are passed on. */
+ * -5, -7, -8, -11 or -15) are passed on. Such a registration ends with its manager too, and about a second after its window
+ * or its process is gone. */
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgA(TvsManager manager, const char* variable, void* window, uint32_t message,
                                                 TvsRegistration* registration);
 TVS_EXPORT int32_t TVS_CALL SetNotificationMsgExA(TvsManager manager, uint32_t count, const char* variables, void* window,
@@ -386,7 +387,8 @@ TVS_EXPORT int32_t TVS_CALL SetNotificationCallbackExA(TvsManager manager, uint3
  *
  * KillNotificationEvent and KillNotificationCallback do the same: each cancels any registration that this process serves.
  * KillNotificationMsg cancels message registrations, also those that the printer's owner serves; of these an unknown number
- * gives TVS_OK.
+ * gives TVS_OK. It cancels them also after the process has opened a manager of another kind; an unknown number is then
+ * TVS_E_HANDLE.
  * Returns TVS_OK, or TVS_E_HANDLE when the manager has no such registration; KillNotificationMsg also TVS_E_NO_OWNER,
  * TVS_E_MEMORY, an answer of the service (-3, -5, -7, -8, -11 or -15) or a positive RPC code for those that the owner serves. */
 TVS_EXPORT int32_t TVS_CALL KillNotificationEvent(TvsManager manager, TvsRegistration registration);

@@ -16,13 +16,14 @@ namespace {
 
 constexpr uint32_t kTold = 0x8001; // and the numbers behind it: requests
 
-// A process that relays. Commands: "w" watches, "c" cancels, "rN" and "aN" make N requests in a row and one of that
-// number; each answers the status. "h" answers the number of the next message.
+// A process that relays. Commands: "w" watches, "c" cancels, "d" destroys the window, "x" closes the manager, "l" opens
+// one with which the process no longer relays, "rN" and "aN" make N requests in a row and one of that number; each
+// answers the status. "h" answers the number of the next message.
 CHILD_PROCESS(RelaysToTheOwner) {
     const Library library;
     MakeWindow("TVORPSPWndClass"); // so that no agent is started
     const HWND window = MakeWindow("Registrant");
-    const TvsManager manager = OpenPrinter(0, kPrinter, kPowerfulUser);
+    TvsManager manager = OpenPrinter(0, kPrinter, kPowerfulUser);
     TvsRegistration registration = 0;
     for (std::string command = child.Hear(); command != "end" && !command.empty(); command = child.Hear()) {
         const auto number = static_cast<uint32_t>(std::atoi(command.c_str() + 1));
@@ -34,6 +35,15 @@ CHILD_PROCESS(RelaysToTheOwner) {
             break;
         case 'c':
             status = KillNotificationMsg(manager, registration);
+            break;
+        case 'd':
+            DestroyWindow(window);
+            break;
+        case 'x':
+            status = CloseManager(std::exchange(manager, OpenPrinter(0)));
+            break;
+        case 'l':
+            OpenPrinter(2);
             break;
         case 'h':
             status = TakeMessage(message, window) ? static_cast<int32_t>(message.message - kTold) : -1;
@@ -48,6 +58,11 @@ CHILD_PROCESS(RelaysToTheOwner) {
 }
 
 struct Relay : OpenedReady {
+    // The owner has taken the registration up when there is a watcher of the variable.
+    bool IsServed() const {
+        const std::string event = "Global\\TVOR:" + std::string(record->databaseName) + ":JobStatus:Changed";
+        return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).Get() != nullptr;
+    }
     Bytes List() const { return StoredBytes(RecordOf(manager)->printerDatabase.handle, "NotifyMsg"); }
     // The printer's entry keeps the number of an owner that was killed.
     void ForgetOwner() const {
@@ -76,10 +91,7 @@ TEST_F(Relay, ARegistrantIsToldByTheOwnerWhateverBecomesOfTheService) {
     TestProcess owner = StartOwner();
     TestProcess registrant("RelaysToTheOwner");
     EXPECT_EQ(registrant.Ask("w"), "0");
-    // The owner has taken it up when there is a watcher of the variable.
-    const std::string event = "Global\\TVOR:" + std::string(record->databaseName) + ":JobStatus:Changed";
-    const auto isServed = [&] { return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).Get() != nullptr; };
-    EXPECT_TRUE(WaitUntil(isServed));
+    EXPECT_TRUE(WaitUntil([&] { return IsServed(); }));
     registrant.Tell("h");
     std::atomic<bool> told = false;
     {
@@ -101,8 +113,30 @@ TEST_F(Relay, ARegistrantIsToldByTheOwnerWhateverBecomesOfTheService) {
     EXPECT_EQ(registrant.Ask("h"), "0") << "something may have been missed";
     EXPECT_EQ(registrant.Ask("c"), "0");
     EXPECT_TRUE(WaitUntil([&] { return List() == kEmptyList; })) << "the owner takes out what was cancelled";
-    EXPECT_TRUE(WaitUntil([&] { return !isServed(); }));
+    EXPECT_TRUE(WaitUntil([&] { return !IsServed(); }));
     registrant.End();
+    owner.End();
+}
+
+// Whatever a registration ends with, the owner drops it.
+TEST_F(Relay, ARegistrationEndsWithItsManagerItsWindowAndItsProcess) {
+    TestProcess owner = StartOwner();
+    for (const std::string end : {"x", "d", "kill", "l"}) {
+        SCOPED_TRACE(end);
+        TestProcess registrant("RelaysToTheOwner");
+        EXPECT_EQ(registrant.Ask("w"), "0");
+        EXPECT_TRUE(WaitUntil([&] { return IsServed(); }));
+        if (end == "kill") {
+            registrant.Kill();
+        } else {
+            EXPECT_EQ(registrant.Ask(end), "0");
+        }
+        if (end == "l") {
+            EXPECT_EQ(registrant.Ask("c"), "0") << "it was relayed";
+            EXPECT_EQ(registrant.Ask("c"), "-1") << "it is none of this process's";
+        }
+        EXPECT_TRUE(WaitUntil([&] { return List() == kEmptyList && !IsServed(); }));
+    }
     owner.End();
 }
 

@@ -61,7 +61,8 @@ struct Timings {
     // how long to wait for that.
     DWORD relayPause = 20;
     DWORD relayBound = 10000;
-    // How often the owner looks whether it still owns the printer, and tries again what it could not do.
+    // How often the owner looks whether it still owns the printer and whether the windows that it serves are there, and
+    // tries again what it could not do.
     DWORD relayLook = 1000;
 
     // Closing: the interval between two checks whether the other managers have ended, and their number.

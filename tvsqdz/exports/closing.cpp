@@ -8,6 +8,7 @@
 #include "manager/printer_list.h"
 #include "manager/thread_records.h"
 #include "manager/variable_index.h"
+#include "notify/relayed_registrations.h"
 #include "product/variable_names.h"
 
 namespace {
@@ -73,6 +74,7 @@ Status CloseManagerOf(TvsManager handle) {
     // What others see of the manager ends here. The last reference releases what the record holds, so that a call in
     // progress keeps its databases and a mutex that it may hold.
     StopThreadRecords(TakeRegistrations(manager));
+    CancelRelayedRegistrations(manager);
     if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
     --g_openManagerCount;
     ReleaseManager(manager); // the list's reference

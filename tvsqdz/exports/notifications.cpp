@@ -162,8 +162,10 @@ int32_t TVS_CALL KillNotificationCallback(TvsManager manager, TvsRegistration re
 int32_t TVS_CALL KillNotificationMsg(TvsManager manager, TvsRegistration registration) {
     const MessageCall call(manager);
     if (call.status != TVS_OK) return call.status;
-    return call.relayed ? CancelRelayedRegistration(call.Manager(), registration)
-                        : KillRegistration(call.Manager(), registration);
+    // The process may have relayed it before it opened a manager of another kind.
+    return call.relayed || IsRelayed(call.Manager(), registration)
+               ? CancelRelayedRegistration(call.Manager(), registration)
+               : KillRegistration(call.Manager(), registration);
 }
 
 namespace {

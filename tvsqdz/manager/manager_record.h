@@ -16,6 +16,7 @@
 #include <tvsqdz.h>
 #include <windows.h>
 
+struct RelayedRegistration;
 struct RetiredMutex;
 struct StatusVariableDef;
 struct ThreadRecord;
@@ -52,6 +53,7 @@ struct ManagerRecord {
     ManagerDatabase printerDatabase;
     // The manager's threads. Records are added only while the manager is in the list, so a close sees all of them.
     ThreadRecord* registrations GUARDED_BY(g_managerLock);
+    RelayedRegistration* relayed GUARDED_BY(g_managerLock); // those that the printer's owner serves for the manager
     HANDLE databaseMutex;
     std::atomic<HANDLE> requestMutex;
     uint32_t lmFunction; // value of "LMFunction" at open; 0 under Windows NT 3.50 and 3.51

@@ -210,19 +210,23 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     }
 }
 
+bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock) {
+    // The holder of the mutex waits for the service, and a process that ends also needs the service.
+    while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
+        product::DatabaseInfo info;
+        if (lock.result != WAIT_TIMEOUT) return false;
+        GetDatabaseInfo(manager->masterDatabase, &info);
+        if (CallsWereGivenUp()) return false;
+    }
+    return true;
+}
+
 namespace {
 
 // False when there is no memory for the list.
 bool TryToReleaseOwnership(ManagerRecord* manager) {
     MutexHold lock;
-    // The holder of the mutex waits for the service. A process that ends also needs the service, and goes on without
-    // the mutex when the service does not answer.
-    while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
-        product::DatabaseInfo info;
-        if (lock.result != WAIT_TIMEOUT) return true;
-        GetDatabaseInfo(manager->masterDatabase, &info);
-        if (CallsWereGivenUp()) return true;
-    }
+    if (!AcquireInClose(manager, lock)) return true;
     ListBlock block;
     if (!ReadList(manager->masterDatabase, &block)) return !block.outOfMemory;
     for (uint32_t i = 0; i < block.list->entryCount; ++i) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "manager/manager_record.h"
+#include "product/guards.h"
 #include "product/printer_list.h"
 
 using product::PrinterList;
@@ -36,6 +37,10 @@ enum class Renaming {
 // Renames the first entry with the old name. The caller holds the database mutex.
 Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameText& oldName,
                              const PrinterNameText& newName);
+
+// Acquires the database mutex in a close. False when it cannot be had; a process that ends goes on without it when the
+// service does not answer.
+bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock);
 
 // Releases the ownership of the printer (ManagerOwnsPrinter). Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);

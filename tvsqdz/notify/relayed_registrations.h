@@ -46,3 +46,7 @@ Status AddRelayedRegistrations(ManagerRecord* manager, uint32_t count, const cha
                                const uint32_t* messages, TvsRegistration* handle);
 // Cancels all entries with the number; TVS_OK also when there are none.
 Status CancelRelayedRegistration(ManagerRecord* manager, TvsRegistration handle);
+// True for a registration that was relayed for this manager and not cancelled through it.
+bool IsRelayed(ManagerRecord* manager, TvsRegistration handle);
+// Cancels those that were relayed for a manager that is closed.
+void CancelRelayedRegistrations(ManagerRecord* manager);

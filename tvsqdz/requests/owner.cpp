@@ -29,6 +29,28 @@ bool IsLive(const MessageRegistrationEntry& entry) {
     return entry.registrationId != 0;
 }
 
+// A window that is there may lack an answer: this process may be out of descriptors.
+bool IsGone(uint32_t storedWindow) {
+    SetLastError(ERROR_SUCCESS);
+    if (IsWindow(WindowFromStored(storedWindow))) return false;
+    return GetLastError() == ERROR_SUCCESS || GetLastError() == ERROR_INVALID_WINDOW_HANDLE;
+}
+
+// Registrations of windows that are gone, with their process or before it, count as cancelled. True when there were
+// some.
+bool CancelThoseOfGoneWindows(StoredList& list) {
+    bool any = false;
+    for (uint32_t i = 0; i < list.Count(); ++i) {
+        MessageRegistrationEntry entry;
+        memcpy(&entry, list.Item(i), sizeof entry);
+        if (!IsLive(entry) || !IsGone(entry.window)) continue;
+        entry.registrationId = 0;
+        memcpy(list.Item(i), &entry, sizeof entry);
+        any = true;
+    }
+    return any;
+}
+
 bool IsSame(const MessageRegistrationEntry& a, const MessageRegistrationEntry& b) {
     return a.window == b.window && a.message == b.message && strcmp(a.variableName, b.variableName) == 0;
 }
@@ -49,7 +71,7 @@ TvsRegistration LocalRegistration(ManagerRecord* manager, const MessageRegistrat
 struct Cancelled {
     TvsRegistration* ended; // as many as the list has entries
     uint32_t endedCount = 0;
-    bool any = false; // a registered entry was cancelled
+    bool any = false; // the list has one to remove
 
     // Entries may share a registration, and once it has ended another one may get its handle.
     void AddOnce(TvsRegistration registration) {
@@ -87,6 +109,12 @@ public:
             AllocateZeroed(SIZE_T{list.Count()} * sizeof(MessageRegistrationEntry) + 1));
         for (uint32_t i = 0; m_entries != nullptr && i < list.Count(); ++i)
             if (const MessageRegistrationEntry entry = EntryOf(list, i); IsLive(entry)) m_entries[m_count++] = entry;
+    }
+
+    bool HasGoneWindows() const {
+        for (uint32_t i = 0; i < m_count; ++i)
+            if (IsGone(m_entries[i].window)) return true;
+        return false;
     }
 
     // Appends those that the list lacks. The caller holds the database mutex.
@@ -145,8 +173,9 @@ bool ServeRegistrations(ManagerRecord* manager, HANDLE stop, KnownEntries& known
     if (loaded != TVS_OK) return loaded != TVS_E_MEMORY;
     HeapBlock endedBlock(SIZE_T{list.Count()} * sizeof(TvsRegistration) + 1);
     if (endedBlock.memory == nullptr) return false;
-    known.Remember(list);
     Cancelled cancelled = {.ended = reinterpret_cast<TvsRegistration*>(endedBlock.memory)};
+    cancelled.any = CancelThoseOfGoneWindows(list);
+    known.Remember(list);
     FindCancelled(manager, list, &cancelled);
     if (cancelled.any) RemoveCancelled(list);
     lock.Release();
@@ -187,6 +216,7 @@ DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
     const HANDLE stop = record.thread.stopEvent;
     DWORD registrationWrites = 0;
     DWORD requestWrites = 0;
+    DWORD lookedForWindows = GetTickCount();
     KnownEntries known;
     product::SignalWait signals(stop);
     signals.SetEvent(0, registrations.Event());
@@ -207,8 +237,12 @@ DWORD Serve(ManagerRecord* manager, const NotificationRegistration& record) {
             registrationWrites = 0;
             requestWrites = 0;
         }
-        if (serves && writes != registrationWrites && ServeRegistrations(manager, stop, known))
-            registrationWrites = writes;
+        bool isStale = writes != registrationWrites;
+        if (GetTickCount() - lookedForWindows >= g_timings.relayLook) {
+            isStale = isStale || known.HasGoneWindows();
+            lookedForWindows = GetTickCount();
+        }
+        if (serves && isStale && ServeRegistrations(manager, stop, known)) registrationWrites = writes;
         if (serves && GetWriteCount(database, kRelayedRequestVariable, &writes) == Answer::Done &&
             writes != requestWrites && ServeRequest(manager, stop))
             requestWrites = writes;
