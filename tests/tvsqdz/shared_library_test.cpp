@@ -39,6 +39,20 @@ CHILD_PROCESS(LoadsTheSharedLibrary) {
     std::exit(0); // while the thread reads
 }
 
+// Unloads the library while its threads begin.
+CHILD_PROCESS(UnloadsAtOnce) {
+    for (int i = 0; i < 20; ++i) {
+        const LoadedLibrary library;
+        TvsManager manager = 0;
+        EXPECT_EQ(library.Find("OpenManagerExA", &OpenManagerExA)(kPrinter.c_str(), "u", 6, &manager), TVS_OK);
+        const double before = NowMs();
+        library.Unload();
+        EXPECT_LT(NowMs() - before, 5000);
+        if (testing::Test::HasFailure()) return 1;
+    }
+    return 0;
+}
+
 // Unloads the library while a request waits.
 CHILD_PROCESS(UnloadsDuringARequest) {
     const HANDLE event = NewEvent();
@@ -75,6 +89,14 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
         // Unloading and ending close what is open; a process that is killed leaves itself as the owner.
         EXPECT_EQ(RecordOf(OpenPrinter())->ownerProcessId == process.Id(), end == "kill");
     }
+}
+
+// The loader's lock is held meanwhile: no thread that the unload waits for may need it.
+TEST(SharedLibrary, AnUnloadWaitsForNoThreadThatWaitsForTheLoader) {
+    SetUpProduct();
+    const Service service;
+    TestProcess process("UnloadsAtOnce");
+    EXPECT_EQ(process.Wait(), 0) << process.Errors();
 }
 
 // The thread of a request keeps the code that it runs.

@@ -123,6 +123,7 @@ bool CallsAreLetIn() {
 
 bool CountAsCall(ThreadPin* pin) {
     g_callsInside.fetch_add(1);
+    if (!CallsAreLetIn()) return false; // the loader may wait for this thread, under its lock
     const auto* here = reinterpret_cast<LPCSTR>(&g_attached);
     return GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, here, &pin->module) != FALSE;
 }

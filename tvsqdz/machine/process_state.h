@@ -79,7 +79,7 @@ private:
 struct ThreadPin {
     HMODULE module; // null: none
 };
-// False: it is counted, and not pinned.
+// False: it is counted, and not pinned; the detach may have begun.
 bool CountAsCall(ThreadPin* pin);
 // For a thread that was not started.
 void UncountAsCall(const ThreadPin& pin);

@@ -20,6 +20,7 @@
 #include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 #include <winerror.h>
 
 namespace oriel {
@@ -129,26 +130,30 @@ constinit Lock g_firstThreadLock;
 const Credentials* g_firstThreadsOwn ORIEL_LOCK_CHECK(guarded_by(g_firstThreadLock)) = nullptr;
 
 // Null: the layer does not make the thread impersonate.
-class OwnBefore {
-public:
-    ~OwnBefore() { Set(nullptr); }
-    const Credentials* Get() const { return m_own.get(); }
-    void Set(std::unique_ptr<Credentials> own) {
-        if (m_own == nullptr && own == nullptr) return;
-        LockHold hold(g_firstThreadLock);
-        m_own = std::move(own);
-        if (IsFirstThread()) g_firstThreadsOwn = m_own.get();
-    }
+constinit thread_local const Credentials* t_own = nullptr;
+constinit thread_local const Credentials* t_client = nullptr; // the client of a server thread
 
-private:
-    std::unique_ptr<Credentials> m_own;
+void SetOwn(std::unique_ptr<const Credentials> own) {
+    if (t_own == nullptr && own == nullptr) return;
+    LockHold hold(g_firstThreadLock);
+    delete std::exchange(t_own, own.release());
+    if (IsFirstThread()) g_firstThreadsOwn = t_own;
+}
+
+// Frees them at the end of the thread. Armed only by a thread that impersonates: the C library registers a destructor
+// under the loader's lock, which a thread that unloads a library may hold while it waits for this one.
+struct ThreadEnd {
+    bool armed = false;
+    ~ThreadEnd() {
+        SetOwn(nullptr);
+        delete std::exchange(t_client, nullptr);
+    }
 };
-thread_local OwnBefore t_own;
-thread_local std::unique_ptr<Credentials> t_client; // the client of a server thread
+thread_local ThreadEnd t_end;
 
 // The thread that forked is the first one of the child.
 void InForkChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
-    g_firstThreadsOwn = t_own.Get();
+    g_firstThreadsOwn = t_own;
     g_firstThreadLock.ForgetOwner();
 }
 
@@ -157,7 +162,7 @@ bool MayActForAnother() {
     uid_t real = 0;
     uid_t effective = 0;
     uid_t saved = 0;
-    return t_own.Get() != nullptr || (getresuid(&real, &effective, &saved) == 0 && effective != saved);
+    return t_own != nullptr || (getresuid(&real, &effective, &saved) == 0 && effective != saved);
 }
 
 } // namespace
@@ -165,7 +170,7 @@ bool MayActForAnother() {
 const ForkSteps kImpersonationFork{TakeForFork<g_firstThreadLock>, ReleaseAfterFork<g_firstThreadLock>, InForkChild};
 
 Credentials OwnCredentials() {
-    if (t_own.Get() != nullptr) return *t_own.Get();
+    if (t_own != nullptr) return *t_own;
     if (IsFirstThread()) return ThreadCredentials();
     LockHold hold(g_firstThreadLock);
     if (g_firstThreadsOwn != nullptr) return *g_firstThreadsOwn;
@@ -178,15 +183,16 @@ bool ImpersonatedCredentials(Credentials& credentials) {
         credentials = *t_client;
         return true;
     }
-    if (t_own.Get() == nullptr && IsFirstThread()) return false;
+    if (t_own == nullptr && IsFirstThread()) return false;
     Credentials now = ThreadCredentials();
-    if (t_own.Get() == nullptr && now == OwnCredentials()) return false;
+    if (t_own == nullptr && now == OwnCredentials()) return false;
     credentials = std::move(now);
     return true;
 }
 
 void SpeakFor(std::unique_ptr<Credentials> client) {
-    t_client = std::move(client);
+    if (client != nullptr) t_end.armed = true;
+    delete std::exchange(t_client, client.release());
 }
 
 AsOwnProcess::AsOwnProcess() {
@@ -205,20 +211,21 @@ DWORD ActAs(const Credentials& credentials) {
     const Credentials before = ThreadCredentials();
     // A thread that acts for one user switches to the next through its own user, who may.
     if (!TakeOn(*own)) return ERROR_PRIVILEGE_NOT_HELD;
-    const bool first = t_own.Get() == nullptr;
-    t_own.Set(std::move(own)); // before the change, which other threads may see at once
+    const bool first = t_own == nullptr;
+    t_end.armed = true;
+    SetOwn(std::move(own)); // before the change, which other threads may see at once
     if (TakeOn(credentials)) return ERROR_SUCCESS;
     if (!TakeOn(before)) std::abort();
-    if (first) t_own.Set(nullptr);
+    if (first) SetOwn(nullptr);
     return ERROR_PRIVILEGE_NOT_HELD;
 }
 
 DWORD ActAsProcess() {
-    t_client.reset();
+    SpeakFor(nullptr);
     Credentials impersonated;
     if (!ImpersonatedCredentials(impersonated)) return ERROR_SUCCESS;
     if (!TakeOn(OwnCredentials())) return ERROR_ACCESS_DENIED;
-    t_own.Set(nullptr);
+    SetOwn(nullptr);
     return ERROR_SUCCESS;
 }
 
