@@ -215,6 +215,7 @@ TEST_F(PrinterLists, OwnershipIsTakenAndGivenBack) {
     EXPECT_EQ(CloseManager(first), TVS_OK);
     EXPECT_TRUE(isOwner(0));
     // A printer of another process: known to be owned, not taken over, not given back.
+    const HANDLE mark = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:Owner:TVORSQD_DB1");
     Store(ListOf({Entry(1, kPrinter, self + 1, kModel)}));
     RemoveKindBits(0x20);
     const TvsManager second = OpenPrinter(6);
@@ -223,6 +224,7 @@ TEST_F(PrinterLists, OwnershipIsTakenAndGivenBack) {
     EXPECT_NE(KindMask() & 0x20, 0u);
     EXPECT_EQ(CloseManager(second), TVS_OK);
     EXPECT_TRUE(isOwner(self + 1));
+    CloseHandle(mark);
     // An open that fails later gives it back too.
     Store(ListOf({Entry(1, kPrinter, 0, kModel)}));
     EXPECT_EQ(OpenManagerExA(kPrinter.c_str(), "u", 6, nullptr), TVS_E_UNAVAILABLE);

@@ -64,10 +64,11 @@ struct Relay : OpenedReady {
         return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, event.c_str())).Get() != nullptr;
     }
     Bytes List() const { return StoredBytes(RecordOf(manager)->printerDatabase.handle, "NotifyMsg"); }
-    // The printer's entry keeps the number of an owner that was killed.
-    void ForgetOwner() const {
+    // The printer's entry keeps the number of an owner that was killed, and the system gives it to another process.
+    void ReuseOwnersNumber() const {
         Bytes list = StoredBytes(record->masterDatabase.handle, "PrinterDatabase");
-        std::memset(&list[12], 0, 4);
+        const Bytes number = Number(GetCurrentProcessId());
+        std::copy(number.begin(), number.end(), &list[12]);
         StoreBytes(record->masterDatabase.handle, "PrinterDatabase", list);
     }
     static TestProcess StartOwner() {
@@ -157,7 +158,7 @@ TEST_F(RelayCampaign, RequestsArePerformedByTheOwnerOrByItsSuccessor) {
     EXPECT_EQ(printer.Requests(), 8);
     std::mt19937_64 random(Seed());
     owner.Kill();
-    ForgetOwner();
+    ReuseOwnersNumber();
     ASSERT_EQ(registrant.Ask("a9"), "0"); // left while nobody owns the printer
     owner = StartOwner();
     ASSERT_EQ(registrant.Ask("h"), "9") << "the next owner finds it";
@@ -167,7 +168,6 @@ TEST_F(RelayCampaign, RequestsArePerformedByTheOwnerOrByItsSuccessor) {
         registrant.Tell("r3"); // the numbers 1 to 3; those that the dead one had taken up are never told
         PauseMs(static_cast<int>(random() % 12));
         owner.Kill();
-        ForgetOwner();
         owner = StartOwner();
         ASSERT_EQ(registrant.Hear(), "0");
         ASSERT_EQ(registrant.Ask("a" + std::to_string(round)), "0");

@@ -10,6 +10,7 @@
 #include "product/guards.h"
 
 #include <string.h>
+#include <utility>
 
 // A thread may wait for a mutex, or hold it, when its manager gets another one, so a mutex stays open as long as the
 // record.
@@ -38,6 +39,7 @@ public:
     ~FreshRecord() {
         if (record == nullptr) return;
         if ((record->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(record);
+        CloseOwnerMark(record);
         CloseDatabases(record);
         FreeBlock(record->driverName);
         if (record->requestMutex != nullptr) CloseHandle(record->requestMutex);
@@ -91,6 +93,7 @@ void TakeOver(ManagerRecord* manager, ManagerRecord* fresh, HeapBlock& retired) 
     fresh->flags &= ~ManagerOwnsPrinter;
     manager->printerIndex = fresh->printerIndex;
     manager->ownerProcessId = fresh->ownerProcessId;
+    std::swap(manager->ownerMark, fresh->ownerMark); // the former one is closed with the fresh record
     memcpy(manager->databaseName, fresh->databaseName, sizeof manager->databaseName);
     if (fresh->requestMutex != nullptr) {
         auto* old = reinterpret_cast<RetiredMutex*>(retired.Take());

@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "base/system.h"
 #include "base/timings.h"
+#include "machine/objects.h"
 #include "machine/process_state.h"
 #include "machine/status_service.h"
 #include "manager/printer_registration.h"
@@ -14,6 +15,7 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <utility>
 
 namespace {
 
@@ -88,6 +90,20 @@ bool WantsOwnership(const ManagerRecord* manager, const FormerPlace* former) {
     return manager->clientKind == TVS_KIND_OWNER && (former == nullptr || former->ownedPrinter);
 }
 
+// A process id says little: its process may have been killed, and the number be another one's now.
+bool IsOwned(const PrinterListEntry& entry) {
+    if (entry.ownerProcessId == 0) return false;
+    const KernelHandle mark(OpenEventA(SYNCHRONIZE, FALSE, OwnerMarkName(entry.databaseName).text));
+    return mark || GetLastError() != ERROR_FILE_NOT_FOUND;
+}
+
+// The process id for the entry; 0 when others would not know that the owner lives. The database mutex keeps all others
+// from looking before the entry is written.
+uint32_t BecomeOwner(ManagerRecord* manager, const PrinterListEntry& entry) {
+    manager->ownerMark = CreateNamedEvent(OwnerMarkName(entry.databaseName));
+    return manager->ownerMark != nullptr ? GetCurrentProcessId() : 0;
+}
+
 bool HasNumber(const PrinterList* list, uint32_t index) {
     for (uint32_t i = 0; i < list->entryCount; ++i)
         if (list->entries[i].index == index) return true;
@@ -103,7 +119,7 @@ void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index
              static_cast<unsigned>(index));
     if (LookUpDriverName(manager) && strlen(manager->driverName) < sizeof entry->driverName)
         strcpy(entry->driverName, manager->driverName);
-    if (WantsOwnership(manager, former)) entry->ownerProcessId = GetCurrentProcessId();
+    if (WantsOwnership(manager, former)) entry->ownerProcessId = BecomeOwner(manager, *entry);
 }
 
 bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
@@ -111,8 +127,8 @@ bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlo
     // An unterminated name is not a name; an unterminated driver is unknown.
     if (IsTerminated(entry->driverName) && entry->driverName[0] != '\0')
         manager->driverName = CopyText(entry->driverName);
-    if (entry->ownerProcessId == 0 && WantsOwnership(manager, former)) {
-        entry->ownerProcessId = GetCurrentProcessId();
+    if (WantsOwnership(manager, former) && !IsOwned(*entry)) {
+        entry->ownerProcessId = BecomeOwner(manager, *entry);
         // An owner whose process id is not in the list counts as none.
         const Answer answer =
             WriteVariable(manager->masterDatabase, product::kPrinterListVariable, block->list, block->size);
@@ -210,6 +226,10 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     }
 }
 
+void CloseOwnerMark(ManagerRecord* manager) {
+    if (manager->ownerMark != nullptr) CloseHandle(std::exchange(manager->ownerMark, nullptr));
+}
+
 bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock) {
     // The holder of the mutex waits for the service, and a process that ends also needs the service.
     while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
@@ -244,7 +264,8 @@ bool TryToReleaseOwnership(ManagerRecord* manager) {
 } // namespace
 
 void ReleasePrinterOwnership(ManagerRecord* manager) {
-    // A printer that is not released belongs to this process until it ends, and nobody serves its requests.
+    // The entry of a printer that is not released keeps its process id, and the next owner finds no mark.
     for (DWORD pause = 0; !TryToReleaseOwnership(manager) && pause < g_timings.releasePauses; ++pause)
         Sleep(g_timings.memoryPause);
+    CloseOwnerMark(manager);
 }

@@ -19,7 +19,7 @@ struct FormerPlace {
 // none. The caller holds the database mutex and has set printerName and clientKind. On success masterDatabase is open
 // and serviceInstance, databaseName, printerIndex, ownerProcessId and, if known, driverName are set; a client of kind 6
 // has become the owner if there was none (ManagerOwnsPrinter). On failure nothing is open, and the last error is the
-// service's answer that was the reason, or 0.
+// service's answer that was the reason, or 0. An owner that was killed is none.
 //
 // former: null at an open. A manager that had a place may add its printer whatever its kind, gets its former number if
 // that is free, and becomes the owner only if it was the owner.
@@ -44,3 +44,4 @@ bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock);
 
 // Releases the ownership of the printer (ManagerOwnsPrinter). Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);
+void CloseOwnerMark(ManagerRecord* manager);
