@@ -59,6 +59,10 @@ KernelName ObjectName(bool terminalServer, std::string_view baseName) {
     return Joined({Prefix(terminalServer), baseName});
 }
 
+KernelName OwnerName(bool terminalServer, std::string_view database) {
+    return Joined({Prefix(terminalServer), "TVORSQD:Owner:", database});
+}
+
 KernelName InitializedEventName(std::string_view database) {
     return Joined({database, ":Initialized"});
 }

@@ -1,5 +1,8 @@
 #include "product/printer_list.h"
 
+#include "product/guards.h"
+#include "product/object_names.h"
+
 #include <string.h>
 
 namespace product {
@@ -22,6 +25,14 @@ ListedPrinter FindListed(const BYTE* list, SIZE_T size, std::string_view ListedP
 }
 
 } // namespace
+
+bool HasOwner(bool terminalServer, const PrinterListEntry& entry) {
+    if (entry.ownerProcessId == 0) return false;
+    const auto* database = reinterpret_cast<const BYTE*>(entry.databaseName);
+    const KernelName name = OwnerName(terminalServer, FieldText(database, sizeof entry.databaseName));
+    const KernelHandle open(OpenEventA(SYNCHRONIZE, FALSE, name.text));
+    return open || GetLastError() != ERROR_FILE_NOT_FOUND; // what cannot be told counts as there
+}
 
 SIZE_T CountPrinterList(const BYTE* list, SIZE_T size) {
     if (size < kHeader) return 0;

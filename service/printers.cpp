@@ -6,6 +6,7 @@
 
 #include "signals.h"
 
+#include "product/object_names.h"
 #include "product/printer_list.h"
 
 #include <algorithm>
@@ -152,13 +153,13 @@ std::string_view TextOf(const char (&field)[size]) {
     return {field, strnlen(field, size)};
 }
 
-// A process may take or release the ownership for itself only.
+// A process may take or release the ownership for itself only, and not from another that owns the printer.
 bool OwnsOrReleases(PrinterListEntry before, const PrinterListEntry& after, DWORD process) {
     const uint32_t from = before.ownerProcessId;
     const uint32_t to = after.ownerProcessId;
+    const auto isTaken = [&, was = before] { return to == process && !HasOwner(MachineIsTerminalServer(), was); };
     before.ownerProcessId = to;
-    return memcmp(&before, &after, sizeof after) == 0 &&
-           (from == to || (from == 0 && to == process) || (from == process && to == 0));
+    return memcmp(&before, &after, sizeof after) == 0 && (from == to || (from == process && to == 0) || isTaken());
 }
 
 // A printer may keep its number from an earlier service. The step keeps one user from exhausting the numbers.

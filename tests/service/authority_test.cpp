@@ -5,6 +5,7 @@
 #include "printer_machine.h"
 
 #include <algorithm>
+#include <utility>
 #include <functional>
 
 namespace {
@@ -149,6 +150,17 @@ TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
         EXPECT_EQ(AsNobodyIn("TVORSQD_DB", [&](const Database& master) { return write(master, row.after); }),
                   kAccessDenied);
         EXPECT_EQ(machine.master.Value("PrinterDatabase"), row.before);
+    }
+    // Another's becomes the caller's once the owner, whatever process has its number now, is gone with its event.
+    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:Owner:TVORSQD_DB2");
+    for (const auto expected : {kAccessDenied, kDone}) {
+        ASSERT_EQ(write(machine.master, foreign), kDone);
+        EXPECT_EQ(AsNobodyIn("TVORSQD_DB",
+                             [&](const Database& master) {
+                                 return write(master, Changed(foreign, 1, kOwnerAt, Number(GetCurrentProcessId())));
+                             }),
+                  expected);
+        if (event != nullptr) CloseHandle(std::exchange(event, nullptr));
     }
 }
 

@@ -93,6 +93,7 @@ TEST(SharedLibrary, ServesAProcessAndLeavesNothingBehind) {
 
 // The loader's lock is held meanwhile: no thread that the unload waits for may need it.
 TEST(SharedLibrary, AnUnloadWaitsForNoThreadThatWaitsForTheLoader) {
+    NeedsTheLayer("threads that end without the loader's lock");
     SetUpProduct();
     const Service service;
     TestProcess process("UnloadsAtOnce");

@@ -92,7 +92,7 @@ void DestroyManager(ManagerRecord* manager) {
     CloseDatabases(manager);
     FreeBlock(manager->userName);
     FreeBlock(manager->driverName);
-    CloseOwnerMark(manager); // of an open that failed
+    CloseOwnerEvent(manager); // of an open that failed
     if (manager->databaseMutex != nullptr) CloseHandle(manager->databaseMutex);
     if (manager->requestMutex != nullptr) CloseHandle(manager->requestMutex);
     CloseRetiredMutexes(manager);

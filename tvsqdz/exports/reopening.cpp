@@ -39,7 +39,7 @@ public:
     ~FreshRecord() {
         if (record == nullptr) return;
         if ((record->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(record);
-        CloseOwnerMark(record);
+        CloseOwnerEvent(record);
         CloseDatabases(record);
         FreeBlock(record->driverName);
         if (record->requestMutex != nullptr) CloseHandle(record->requestMutex);
@@ -93,7 +93,7 @@ void TakeOver(ManagerRecord* manager, ManagerRecord* fresh, HeapBlock& retired) 
     fresh->flags &= ~ManagerOwnsPrinter;
     manager->printerIndex = fresh->printerIndex;
     manager->ownerProcessId = fresh->ownerProcessId;
-    std::swap(manager->ownerMark, fresh->ownerMark); // the former one is closed with the fresh record
+    std::swap(manager->ownerEvent, fresh->ownerEvent); // the former one is closed with the fresh record
     memcpy(manager->databaseName, fresh->databaseName, sizeof manager->databaseName);
     if (fresh->requestMutex != nullptr) {
         auto* old = reinterpret_cast<RetiredMutex*>(retired.Take());

@@ -12,22 +12,10 @@ product::KernelName ObjectName(const char* baseName) {
     return product::ObjectName(g_terminalServer, baseName);
 }
 
-namespace {
-
-product::KernelName NameWith(const char* prefix, const char* databaseName) {
-    product::KernelName name;
-    const int length = snprintf(name.text, sizeof name.text, "%s%s", prefix, databaseName);
-    return length < static_cast<int>(sizeof name.text) ? ObjectName(name.text) : product::KernelName{};
-}
-
-} // namespace
-
 product::KernelName RequestMutexName(const char* databaseName) {
-    return NameWith(kRequestMutexPrefix, databaseName);
-}
-
-product::KernelName OwnerMarkName(const char* databaseName) {
-    return NameWith(kOwnerMarkPrefix, databaseName);
+    product::KernelName name;
+    const int length = snprintf(name.text, sizeof name.text, "%s%s", kRequestMutexPrefix, databaseName);
+    return length < static_cast<int>(sizeof name.text) ? ObjectName(name.text) : product::KernelName{};
 }
 
 HANDLE CreateOrOpenMutex(const product::KernelName& name) {

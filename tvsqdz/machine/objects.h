@@ -12,17 +12,11 @@
 using product::kDatabaseMutexName;
 // Rule, followed by the printer's database name. The request mutex of a printer: one request at a time.
 inline constexpr char kRequestMutexPrefix[] = "TVORSQD:ReqMutex:";
-// Rule, followed by the printer's database name. An event that a printer's owner has open, and nobody else: the printer
-// list keeps the process id of an owner that was killed.
-inline constexpr char kOwnerMarkPrefix[] = "TVORSQD:Owner:";
 
 // The name by the rule; empty when it would be too long.
 product::KernelName ObjectName(const char* baseName);
 // "TVORSQD:ReqMutex:<database>", by the rule.
 product::KernelName RequestMutexName(const char* databaseName);
-
-// "TVORSQD:Owner:<database>", by the rule.
-product::KernelName OwnerMarkName(const char* databaseName);
 
 // Creates the mutex without owning it. When the caller may not create it, opens the existing one for waiting. Null when
 // neither works.

@@ -42,7 +42,7 @@ struct ManagerRecord {
     // From the printer list.
     uint32_t printerIndex;
     uint32_t ownerProcessId; // 0: none
-    HANDLE ownerMark;        // of a manager that became the owner (kOwnerMarkPrefix), else null
+    HANDLE ownerEvent;       // of a manager that became the owner (product::OwnerName), else null
     // The name given at open; an update of a persistent variable adopts a new one. After the open it is read and
     // changed under g_managerLock (CurrentPrinterName).
     char printerName[kPrinterNameSize];

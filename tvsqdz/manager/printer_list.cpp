@@ -90,18 +90,10 @@ bool WantsOwnership(const ManagerRecord* manager, const FormerPlace* former) {
     return manager->clientKind == TVS_KIND_OWNER && (former == nullptr || former->ownedPrinter);
 }
 
-// A process id says little: its process may have been killed, and the number be another one's now.
-bool IsOwned(const PrinterListEntry& entry) {
-    if (entry.ownerProcessId == 0) return false;
-    const KernelHandle mark(OpenEventA(SYNCHRONIZE, FALSE, OwnerMarkName(entry.databaseName).text));
-    return mark || GetLastError() != ERROR_FILE_NOT_FOUND;
-}
-
-// The process id for the entry; 0 when others would not know that the owner lives. The database mutex keeps all others
-// from looking before the entry is written.
-uint32_t BecomeOwner(ManagerRecord* manager, const PrinterListEntry& entry) {
-    manager->ownerMark = CreateNamedEvent(OwnerMarkName(entry.databaseName));
-    return manager->ownerMark != nullptr ? GetCurrentProcessId() : 0;
+// In the list the process is the owner by now; the database mutex keeps others from looking before its event is there.
+// An owner that cannot have the event gives way to the next.
+void BecomeOwner(ManagerRecord* manager) {
+    manager->ownerEvent = CreateNamedEvent(product::OwnerName(g_terminalServer, manager->databaseName));
 }
 
 bool HasNumber(const PrinterList* list, uint32_t index) {
@@ -119,7 +111,7 @@ void FillEntry(ManagerRecord* manager, const FormerPlace* former, uint32_t index
              static_cast<unsigned>(index));
     if (LookUpDriverName(manager) && strlen(manager->driverName) < sizeof entry->driverName)
         strcpy(entry->driverName, manager->driverName);
-    if (WantsOwnership(manager, former)) entry->ownerProcessId = BecomeOwner(manager, *entry);
+    if (WantsOwnership(manager, former)) entry->ownerProcessId = GetCurrentProcessId();
 }
 
 bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* block, PrinterListEntry* entry) {
@@ -127,14 +119,16 @@ bool UseExistingEntry(ManagerRecord* manager, const FormerPlace* former, ListBlo
     // An unterminated name is not a name; an unterminated driver is unknown.
     if (IsTerminated(entry->driverName) && entry->driverName[0] != '\0')
         manager->driverName = CopyText(entry->driverName);
-    if (WantsOwnership(manager, former) && !IsOwned(*entry)) {
-        entry->ownerProcessId = BecomeOwner(manager, *entry);
+    const bool becomesOwner = WantsOwnership(manager, former) && !product::HasOwner(g_terminalServer, *entry);
+    if (becomesOwner) {
+        entry->ownerProcessId = GetCurrentProcessId();
         // An owner whose process id is not in the list counts as none.
         const Answer answer =
             WriteVariable(manager->masterDatabase, product::kPrinterListVariable, block->list, block->size);
         if (answer != Answer::Done) return Fail(answer);
     }
     TakeOverEntry(manager, *entry);
+    if (becomesOwner) BecomeOwner(manager);
     return true;
 }
 
@@ -153,6 +147,7 @@ bool AddEntry(ManagerRecord* manager, const FormerPlace* former, ListBlock* bloc
     const Answer answer = WriteVariable(manager->masterDatabase, product::kPrinterListVariable, list, size);
     if (answer != Answer::Done) return Fail(answer);
     TakeOverEntry(manager, *entry);
+    if (WantsOwnership(manager, former)) BecomeOwner(manager);
     return true;
 }
 
@@ -180,6 +175,7 @@ bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
     if (answer == Answer::Done) answer = EndDatabaseInitialization(master); // others wait for this
     if (answer != Answer::Done) return Fail(answer);
     TakeOverEntry(manager, list->entries[0]);
+    if (WantsOwnership(manager, former)) BecomeOwner(manager);
     return true;
 }
 
@@ -226,8 +222,8 @@ Renaming RenameInPrinterList(const ManagerDatabase& master, const PrinterNameTex
     }
 }
 
-void CloseOwnerMark(ManagerRecord* manager) {
-    if (manager->ownerMark != nullptr) CloseHandle(std::exchange(manager->ownerMark, nullptr));
+void CloseOwnerEvent(ManagerRecord* manager) {
+    if (manager->ownerEvent != nullptr) CloseHandle(std::exchange(manager->ownerEvent, nullptr));
 }
 
 bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock) {
@@ -264,8 +260,8 @@ bool TryToReleaseOwnership(ManagerRecord* manager) {
 } // namespace
 
 void ReleasePrinterOwnership(ManagerRecord* manager) {
-    // The entry of a printer that is not released keeps its process id, and the next owner finds no mark.
+    // The entry of a printer that is not released keeps its process id, and the next owner finds no event.
     for (DWORD pause = 0; !TryToReleaseOwnership(manager) && pause < g_timings.releasePauses; ++pause)
         Sleep(g_timings.memoryPause);
-    CloseOwnerMark(manager);
+    CloseOwnerEvent(manager);
 }

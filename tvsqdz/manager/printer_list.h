@@ -44,4 +44,4 @@ bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock);
 
 // Releases the ownership of the printer (ManagerOwnsPrinter). Takes the database mutex itself.
 void ReleasePrinterOwnership(ManagerRecord* manager);
-void CloseOwnerMark(ManagerRecord* manager);
+void CloseOwnerEvent(ManagerRecord* manager);

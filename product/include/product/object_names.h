@@ -11,6 +11,7 @@
 //   "TVOR:<database>:<variable>:Changed"  pulsed when the value changed
 //   "TVORSQD:Opened:<printer's hash>"     set by each open of a manager for the printer; exists while the start-up
 //                                         process waits for that
+//   "TVORSQD:Owner:<database>"            exists while the owner of the printer lives and owns it
 //   "TVOR:<database>:Nsr:Initialize"      plain too: set when the desktop agent is ready
 //   "TVORPWD:INITIALIZED"                 set while the product is up
 //   "TVORSDB:Started"                     pulsed by a status database service when it answers calls
@@ -36,6 +37,7 @@ struct KernelName {
 KernelName ObjectName(bool terminalServer, std::string_view baseName);
 KernelName InitializedEventName(std::string_view database);
 KernelName AgentReadyName(std::string_view database);
+KernelName OwnerName(bool terminalServer, std::string_view database);
 
 inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";   // the base name
 inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name

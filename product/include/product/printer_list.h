@@ -35,6 +35,10 @@ struct PrinterList {
 static_assert(sizeof(PrinterList) == 568 && offsetof(PrinterList, entryCount) == 4 &&
               offsetof(PrinterList, entries) == 8);
 
+// Whether the process that the entry names still owns the printer. The number says little: an owner that was killed
+// leaves it there, and it may be another process's now. So an owner has an event open (OwnerName).
+bool HasOwner(bool terminalServer, const PrinterListEntry& entry);
+
 // The number of entries: those that are complete, but no more than the list's own count.
 SIZE_T CountPrinterList(const BYTE* list, SIZE_T size);
 
