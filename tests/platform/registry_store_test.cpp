@@ -182,6 +182,7 @@ TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
     const std::pair<std::string, DWORD> rows[] = {
         {"", 1},
         {good + "[HKEY_USERS\\K]\n", 5},
+        {"REGEDIT4\n[-HKLM\\K]\n\"v\"=dword:1\n", 3},
         {good + "[HKLM\\" + std::string(256, 'k') + "]\n", 5},
         {good + "\"v\"=\"text\" more\n", 5},
         {good + "\"v\"=\"C:\\Dir\"\n", 5},

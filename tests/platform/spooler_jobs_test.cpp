@@ -33,13 +33,24 @@ TEST(SpoolerJobs, AreListedPausedResumedAndCancelled) {
     EXPECT_EQ(JobsOf(printer, 1, 7), line);
     EXPECT_EQ(JobsOf(printer, 0, 1), Line(first, 0, "letter"));
     EXPECT_EQ(JobsOf(printer, 9), "");
+    // Whoever watches the printer's jobs is told of commands to them.
+    const HANDLE changes = FindFirstPrinterChangeNotification(printer, PRINTER_CHANGE_JOB, 0, nullptr);
+    const auto told = [&] {
+        const bool isSet = Look(changes) == WAIT_OBJECT_0;
+        FindNextPrinterChangeNotification(changes, nullptr, nullptr, nullptr);
+        return isSet;
+    };
+    EXPECT_FALSE(told());
     for (const auto& [command, status] : {std::pair{DWORD{JOB_CONTROL_PAUSE}, DWORD{JOB_STATUS_PAUSED}},
                                           {JOB_CONTROL_PAUSE, JOB_STATUS_PAUSED},
                                           {JOB_CONTROL_RESUME, 0}}) {
         EXPECT_EQ(Control(printer, first, command), DWORD{ERROR_SUCCESS});
+        EXPECT_TRUE(told());
         EXPECT_EQ(Control(printer, first, 77), DWORD{ERROR_INVALID_PARAMETER});
+        EXPECT_FALSE(told());
         EXPECT_EQ(JobsOf(printer), Line(first, status, "letter") + line);
     }
+    EXPECT_TRUE(FindClosePrinterChangeNotification(changes));
     EXPECT_EQ(Control(printer, elsewhere, JOB_CONTROL_CANCEL), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(Control(printer, second, JOB_CONTROL_DELETE), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(Control(printer, second, JOB_CONTROL_CANCEL), DWORD{ERROR_INVALID_PARAMETER});
