@@ -79,6 +79,7 @@ TEST(OpeningCodes, ComeInTheirOrder) {
     EXPECT_EQ(OpenStatus("Nowhere", 10), TVS_E_UNAVAILABLE);
     EXPECT_EQ(GetLastError(), 0u);
     EXPECT_EQ(OpenStatus(kPrinter, 10), TVS_OK);
+    EXPECT_EQ(OpenStatus("", 2), TVS_E_UNAVAILABLE);
     EXPECT_EQ(OpenStatus("Nowhere", 2), TVS_E_MEMORY);
     EXPECT_EQ(StoredBytes(RecordOf(OpenPrinter())->masterDatabase.handle, "PrinterDatabase").size(),
               8 + 2 * sizeof(PrinterListEntry));
