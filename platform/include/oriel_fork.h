@@ -12,8 +12,8 @@ typedef struct _ORIEL_FORK_STEP {
     struct _ORIEL_FORK_STEP* next;
 } ORIEL_FORK_STEP;
 
-/* Sets a step: each child of a fork() calls inChild, on its one thread, once it may use the layer afresh (it has none of
- * its parent's handles, and its views are readable). The parent's other threads stopped anywhere: inChild allocates
+/* Sets a step: each child of a fork() calls inChild, on its one thread, once it may use the layer afresh (it has none
+ * of its parent's handles, and its views are readable). The parent's other threads stopped anywhere: inChild allocates
  * nothing and waits for no lock. No step is set in the child: it sets one when it has something to lose. */
 WINBASEAPI void WINAPI OrielSetForkStep(ORIEL_FORK_STEP* step);
 /* Takes it back, if it is set. */

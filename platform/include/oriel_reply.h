@@ -6,9 +6,9 @@
 
 WINBASE_BEGIN
 
-/* In a dispatch function: runs the step once on the same thread when the reply has been sent, or could not be, and before
- * the client's next call. Of several steps of a call the last one counts. FALSE with ERROR_INVALID_FUNCTION when the
- * thread has no call in progress. */
+/* In a dispatch function: runs the step once on the same thread when the reply has been sent, or could not be, and
+ * before the client's next call. Of several steps of a call the last one counts. FALSE with ERROR_INVALID_FUNCTION when
+ * the thread has no call in progress. */
 WINBASEAPI BOOL WINAPI OrielAfterReply(void(WINAPI* step)(void));
 
 WINBASE_END

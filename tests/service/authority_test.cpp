@@ -5,8 +5,8 @@
 #include "printer_machine.h"
 
 #include <algorithm>
-#include <utility>
 #include <functional>
+#include <utility>
 
 namespace {
 

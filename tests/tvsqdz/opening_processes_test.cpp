@@ -81,9 +81,8 @@ TEST_F(OpeningProcesses, AnUnfinishedDatabaseIsWaitedForOrMadeAnew) {
         EXPECT_EQ(creator.Hear(), "0");
         EnteredDatabase entered = {};
         {
-            const TestThread opener([&, &database = database] {
-                EXPECT_EQ(CreateOrOpenDatabase(database, &entered), Answer::Done);
-            });
+            const TestThread opener(
+                [&, &database = database] { EXPECT_EQ(CreateOrOpenDatabase(database, &entered), Answer::Done); });
             EXPECT_FALSE(IsSet(opener.Handle(), 20));
             ending == nullptr ? creator.Kill() : creator.Tell(ending);
         }

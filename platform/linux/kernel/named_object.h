@@ -43,11 +43,11 @@ struct NamedObject : Object {
     ObjectKind kind{};
     uint32_t size = 0;
     bool named = false;
-    bool readOnly = false; // a section of which only views to read are asked for; another user's, perhaps
-    std::atomic<bool> owned{false};           // a thread owns the mutex, with a reference of its own
-    ObjectHead own{};                         // of an unnamed object
-    ObjectHead* head = &own;                  // of a named object: in the mapped file
-    int file = -1;                            // open where the kind or the file system needs it
+    bool readOnly = false;          // a section of which only views to read are asked for; another user's, perhaps
+    std::atomic<bool> owned{false}; // a thread owns the mutex, with a reference of its own
+    ObjectHead own{};               // of an unnamed object
+    ObjectHead* head = &own;        // of a named object: in the mapped file
+    int file = -1;                  // open where the kind or the file system needs it
     char fileName[kLongestFileName + 1] = ""; // "" after the name was removed
     NamedObject* nextNamed = nullptr;
 };
