@@ -93,7 +93,7 @@ struct _SYSTEMTIME;
  * have been carried out). Calls do not wait for the service. With a new service, the next call through a manager opens its
  * databases there and is carried out; applications need not open anything again. Values with a copy in the printer's driver
  * data return; all others have their initial values until somebody writes them. Requests in progress end with 1726, and results
- * not yet taken with ResSetPrinterStatus are lost. Registrations continue: each is notified once, within some seconds, since it
+ * not yet taken with ResSetPrinterStatus are lost. Registrations continue: each is notified once, within two seconds, since it
  * may have missed a write. An owner (client kind 6) becomes the owner again, unless another process was faster.
  *
  * While the service is down, these differ from 1722:
