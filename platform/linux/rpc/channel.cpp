@@ -33,7 +33,7 @@ bool Charge(Channel& channel, size_t bytes) {
 bool Grow(Channel& channel, Buffer& buffer, size_t size) {
     TerminationHold hold; // the heap takes locks
     const size_t doubled = std::min<size_t>(buffer.capacity * 2, buffer.capacity + kLargestBody / 4);
-    const size_t capacity = (std::max({size, doubled, kFirstBuffer}) + 4095) & ~size_t{4095};
+    const size_t capacity = (std::max({size, doubled, kFirstBuffer}) + kFirstBuffer - 1) / kFirstBuffer * kFirstBuffer;
     if (!Charge(channel, capacity - buffer.capacity)) return false;
     void* data = realloc(buffer.data, capacity);
     if (data == nullptr) {

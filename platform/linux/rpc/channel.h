@@ -14,7 +14,7 @@
 
 namespace oriel::rpc {
 
-inline constexpr size_t kFirstBuffer = 4096;
+inline constexpr size_t kFirstBuffer = 1024;      // enough for most calls; each thread that ever called has two
 inline constexpr size_t kKeptBuffer = 256 * 1024; // a larger buffer is released after the call
 
 struct Buffer {
