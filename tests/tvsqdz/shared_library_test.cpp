@@ -115,7 +115,7 @@ TEST(SharedLibrary, IsUnloadedOnceTheLastRequestHasEnded) {
     ReleaseMutex(turn);
     EXPECT_EQ(process.Hear(), "told");
     EXPECT_EQ(process.Hear(), "gone");
-    process.End();
+    EXPECT_EQ(process.Wait(), 0) << process.Errors();
 }
 
 // The end of a process closes its managers, but not at any price.
