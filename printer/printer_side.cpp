@@ -8,6 +8,7 @@
 #include "link.h"
 #include "queues.h"
 
+#include "product/file_times.h"
 #include "product/log.h"
 #include "product/signal_wait.h"
 #include "product/variable_names.h"
@@ -318,12 +319,6 @@ void CheckAll(PrinterSide& side) {
 
 // ---- beginning and end of a connection
 
-ULONGLONG TimeOf(const VariableInfo& info) {
-    FILETIME time = {};
-    SystemTimeToFileTime(&info.writeTime, &time);
-    return ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime;
-}
-
 // A predecessor that was killed may have left a request unanswered: it was written after the last answer, and its
 // requester still waits. All earlier requests are over. Write times have milliseconds. A request in the same one as the
 // last answer counts as later, since a needless answer does less harm than a requester that waits forever.
@@ -333,7 +328,7 @@ void FindUnanswered(PrinterSide& side) {
     for (const DWORD which : {kWatchedRead, kWatchedWrite}) {
         VariableInfo info = {};
         if (InfoOf(side.link, kRequestVariables[which], &info) != kDone) return;
-        const bool later = TimeOf(info) >= TimeOf(answer);
+        const bool later = ToTime(info.writeTime) >= ToTime(answer.writeTime);
         const bool open = waits && later && !ReadTextOf(side.link, kRequestVariables[which]).empty();
         side.seen[which] = open ? info.writes - 1 : info.writes;
     }
@@ -352,7 +347,6 @@ void BeginService(PrinterSide& side) {
     std::vector<DeviceValue> values = side.device.state(side.device.self);
     AddWhatIsMissing(side.options, values);
     StoreValues(side, values);
-    CheckAll(side);
 }
 
 // Says that requests are no longer taken, and answers those that wait.
@@ -429,7 +423,7 @@ bool ServeLink(PrinterSide& side) {
     ULONGLONG lookAt = side.now + kIdleLookMs;
     SignalWait signals(side.stop);
     WatchEvents(side, signals);
-    CheckAll(side); // what was written since the connection
+    CheckAll(side); // what was written before
     while (!side.link.lost) {
         DWORD next = kNothingDue;
         const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);

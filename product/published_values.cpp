@@ -191,14 +191,11 @@ PublishedRead ReadPublished(const PublishedSection& section, std::string_view na
     for (int tries = 0; tries < kTries && attempt == Attempt::Torn; ++tries)
         attempt = slot->type == kTypeComposite ? TryComposite(section, *slot, out, capacity, state)
                                                : TryPlain(section, *slot, out, capacity, state);
-    if (attempt == Attempt::Torn || attempt == Attempt::Ask || !IsCurrent(section)) return PublishedRead::Ask;
+    if (attempt == Attempt::Torn || attempt == Attempt::Ask) return PublishedRead::Ask;
+    state->updatedPulses = slot->pulses[0].load(std::memory_order_acquire);
+    state->changedPulses = slot->pulses[1].load(std::memory_order_acquire);
+    if (!IsCurrent(section)) return PublishedRead::Ask;
     return attempt == Attempt::Done ? PublishedRead::Done : PublishedRead::TooSmall;
-}
-
-bool ReadPulses(const PublishedSection& section, std::string_view name, WatchMode mode, DWORD* pulses) {
-    const PublishedSlot* slot = FindSlot(section, name);
-    if (slot) *pulses = slot->pulses[mode == kEveryWrite ? 0 : 1].load(std::memory_order_acquire);
-    return slot && IsCurrent(section);
 }
 
 } // namespace product

@@ -2,6 +2,7 @@
 // administrator sets, and the two clocks. No state.
 #pragma once
 
+#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/interface.h"
 #include "product/registry_names.h"
@@ -57,15 +58,8 @@ inline constexpr ULONGLONG kWriteTimeStep = 10000; // a millisecond, which is wh
 inline ULONGLONG WriteTimeNow() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
-    const ULONGLONG time = ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime;
+    const ULONGLONG time = product::ToTime(now);
     return time - time % kWriteTimeStep;
-}
-
-inline SYSTEMTIME ToSystemTime(ULONGLONG time) {
-    const FILETIME file{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
-    SYSTEMTIME system = {};
-    FileTimeToSystemTime(&file, &system);
-    return system;
 }
 
 // Tick counts wrap after 49.7 days. Two that are less than half of that apart compare by their difference.

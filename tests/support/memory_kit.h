@@ -44,6 +44,3 @@ bool RefuseGuardCalls();
 
 // Runs the function in a forked child, without exec; its result, or 128 + the signal's number.
 int RunForked(const std::function<int()>& function);
-
-// Bytes that the C library has given out; 0 where it does not say.
-size_t BytesInUse();

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -74,9 +73,4 @@ int RunForked(const std::function<int()>& function) {
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-size_t BytesInUse() {
-    const struct mallinfo2 information = mallinfo2();
-    return information.uordblks + information.hblkhd;
 }

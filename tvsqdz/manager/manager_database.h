@@ -37,7 +37,6 @@ Answer GetWriteCount(const ManagerDatabase& database, const char* name, DWORD* w
 
 // The published values alone. False: ask the service.
 bool FindPublishedState(const ManagerDatabase& database, const char* name, product::PublishedState* state);
-bool FindPublishedPulses(const ManagerDatabase& database, const char* name, product::WatchMode mode, DWORD* pulses);
 // Whether the service that has this handle is known to live, which costs no call. False: it has to be asked.
 bool ServiceIsKnownToLive(const ManagerDatabase& database);
 // Unmaps what was mapped; nobody uses the database any more.

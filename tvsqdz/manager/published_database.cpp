@@ -5,6 +5,7 @@
 // each ManagerDatabase.
 #include "base/memory.h"
 #include "manager/manager_database.h"
+#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/service_life.h"
 
@@ -127,13 +128,6 @@ PublishedRead Read(const ManagerDatabase& database, const char* name, BYTE* buff
     return PublishedRead::Ask;
 }
 
-SYSTEMTIME ToSystemTime(ULONGLONG time) {
-    const FILETIME file{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
-    SYSTEMTIME system = {};
-    FileTimeToSystemTime(&file, &system);
-    return system;
-}
-
 template <typename Call> // Answer(DatabaseHandle)
 Answer Made(const ManagerDatabase& database, Call call) {
     DatabaseHandle handle = database.handle.load(std::memory_order_relaxed);
@@ -181,15 +175,6 @@ bool FindPublishedState(const ManagerDatabase& database, const char* name, Publi
     return Read(database, name, nullptr, 0, state) != PublishedRead::Ask;
 }
 
-bool FindPublishedPulses(const ManagerDatabase& database, const char* name, product::WatchMode mode, DWORD* pulses) {
-    for (int i = 0; i < 2; ++i) {
-        const PublishedDatabase* published = PublishedOf(database);
-        if (published == nullptr) return false;
-        if (product::ReadPulses(published->section, name, mode, pulses)) return true;
-    }
-    return false;
-}
-
 bool ServiceIsKnownToLive(const ManagerDatabase& database) {
     const PublishedDatabase* published = database.published.load(std::memory_order_acquire);
     return published != nullptr && published->handle == database.handle && product::IsAlive(published->watch);
@@ -209,7 +194,7 @@ Answer GetVariableInfo(const ManagerDatabase& database, const char* name, produc
     if (!FindPublishedState(database, name, &state))
         return Made(database, [&](DatabaseHandle handle) { return GetVariableInfo(handle, name, info); });
     const DWORD writes = static_cast<DWORD>(state.writes) + static_cast<DWORD>(state.writes >> 32);
-    *info = {state.type, state.size, writes, ToSystemTime(state.writeTime)};
+    *info = {state.type, state.size, writes, product::ToSystemTime(state.writeTime)};
     return Answer::Done;
 }
 

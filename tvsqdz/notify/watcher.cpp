@@ -3,6 +3,7 @@
 #include "base/memory.h"
 #include "machine/objects.h"
 #include "machine/process_state.h"
+#include "product/file_times.h"
 
 #include <new>
 
@@ -62,23 +63,21 @@ Watcher::~Watcher() {
     FreeBlock(m_variables);
 }
 
-// Writes are read before pulses: a write that is not among them is followed by its pulse.
 Watcher::Told Watcher::ReadLast(const Watched& watched) const {
     const ManagerDatabase& database = PrinterDatabaseOf(m_registration);
     const char* name = watched.watch.Variable();
     Told last;
     product::PublishedState state;
-    if (FindPublishedState(database, name, &state) &&
-        FindPublishedPulses(database, name, watched.watch.Mode(), &last.pulses)) {
+    if (FindPublishedState(database, name, &state)) {
+        const bool everyWrite = watched.watch.Mode() == product::kEveryWrite;
         last.isCounted = true;
-        last.writes = watched.watch.Mode() == product::kEveryWrite ? state.writes : state.changes;
+        last.writes = everyWrite ? state.writes : state.changes;
+        last.pulses = everyWrite ? state.updatedPulses : state.changedPulses;
         last.time = state.writeTime;
         return last;
     }
     SYSTEMTIME written;
-    FILETIME time;
-    if (GetWriteTime(database, name, &written) == Answer::Done && SystemTimeToFileTime(&written, &time))
-        last.time = ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+    if (GetWriteTime(database, name, &written) == Answer::Done) last.time = product::ToTime(written);
     return last;
 }
 

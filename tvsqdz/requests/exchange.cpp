@@ -5,6 +5,7 @@
 #include "machine/objects.h"
 #include "machine/process_state.h"
 #include "manager/variable_index.h"
+#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/signal_wait.h"
 #include "product/variable_names.h"
@@ -91,10 +92,9 @@ Status AwaitResult(DatabaseHandle database, HANDLE event, product::SignalWait& s
 
 bool WriteTimeOf(DatabaseHandle database, const char* name, ULONGLONG* time) {
     SYSTEMTIME written;
-    FILETIME file;
-    if (GetWriteTime(database, name, &written) != Answer::Done || !SystemTimeToFileTime(&written, &file)) return false;
-    *time = ULONGLONG{file.dwHighDateTime} << 32 | file.dwLowDateTime;
-    return true;
+    if (GetWriteTime(database, name, &written) != Answer::Done) return false;
+    *time = product::ToTime(written);
+    return *time != 0;
 }
 
 bool MayBeUnanswered(DatabaseHandle database) {

@@ -100,8 +100,7 @@ public:
         Append(&head, sizeof head);
         Append(name, head.nameLength);
         Append(value, size);
-        m_used = (m_used + 3) / 4 * 4;
-        if (m_used > kBatchSize) m_used = kBatchSize;
+        m_used = (m_used + 3) / 4 * 4; // kBatchSize is a multiple of 4
     }
 
     void Send() {

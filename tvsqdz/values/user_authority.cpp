@@ -243,7 +243,3 @@ Status AccessControlList::Load(const ManagerDatabase& database) {
     m_size = size;
     return TVS_OK;
 }
-
-bool AccessControlList::operator==(const AccessControlList& other) const {
-    return m_size == other.m_size && memcmp(Value(), other.Value(), m_size) == 0;
-}

@@ -37,7 +37,6 @@ public:
     // The ACL, aligned to 4 bytes, and what is there of it: 0 bytes for a value that is all length or less.
     const void* Acl() const { return Value() + kLengthSize; }
     uint32_t AclSize() const { return m_size > kLengthSize ? m_size - kLengthSize : 0; }
-    bool operator==(const AccessControlList& other) const;
 
 private:
     void Drop();

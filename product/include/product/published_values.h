@@ -86,6 +86,9 @@ struct PublishedState {
     // and the sum of its parts' in the low half. Compare for equality only.
     ULONGLONG writes;
     ULONGLONG changes;
+    // Pulses begun of the two events. They are read last: a write that is not counted above is followed by its pulse.
+    DWORD updatedPulses;
+    DWORD changedPulses;
 };
 
 enum class PublishedRead {
@@ -98,8 +101,5 @@ enum class PublishedRead {
 // behind the value are left alone; on Ask, out may hold anything.
 PublishedRead ReadPublished(const PublishedSection& section, std::string_view name, BYTE* out, DWORD capacity,
                             PublishedState* state);
-
-// Pulses begun of the variable's event for that mode. False: ask the service, which does not tell either.
-bool ReadPulses(const PublishedSection& section, std::string_view name, WatchMode mode, DWORD* pulses);
 
 } // namespace product
