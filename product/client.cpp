@@ -240,6 +240,15 @@ Answer CloseDatabase(DatabaseHandle database) {
     return Invoke<kCloseDatabase>({database});
 }
 
+Answer CloseDatabases(DatabaseHandle first, DatabaseHandle second) {
+    if (first == 0 || second == 0) return first + second != 0 ? CloseDatabase(first + second) : Answer::Done;
+    const Answer answer = Invoke<kLeaveDatabases>({first, second});
+    if (answer != Answer::NoSuchProcedure) return answer;
+    const Answer firstAnswer = CloseDatabase(first);
+    const Answer secondAnswer = CloseDatabase(second);
+    return firstAnswer != Answer::Done ? firstAnswer : secondAnswer;
+}
+
 Answer GetServiceInstance(ServiceInstance* instance) {
     *instance = 0;
     return Invoke<kGetServiceInstance>({}, {*instance});

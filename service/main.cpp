@@ -84,7 +84,7 @@ DWORD ServeClients() {
 DWORD Run() {
     InitialiseHandles();
     if (!StartForwarding() || !StartSignals()) return GetLastError();
-    BeginPublishing();
+    BeginPublishing(ThisInstance());
     const DWORD result = ServeClients();
     StopForwarding();
     StopSignals();

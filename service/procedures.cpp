@@ -101,6 +101,11 @@ LONG Serve(Row<kCloseDatabase>, const Caller& caller, DWORD handle) {
     return CloseHandleOf(caller.group, handle) ? kDone : kUnknownDatabase;
 }
 
+LONG Serve(Row<kLeaveDatabases>, const Caller& caller, DWORD first, DWORD second) {
+    const bool both = CloseHandleOf(caller.group, first) & CloseHandleOf(caller.group, second);
+    return both ? kDone : kUnknownDatabase;
+}
+
 ServiceInstance NewInstance() {
     ServiceInstance instance = 0;
     try {
@@ -346,3 +351,7 @@ RPC_DISPATCH_TABLE g_dispatchTable = {kProcedureCount, g_dispatchFunctions.data(
 
 RPC_SERVER_INTERFACE g_serverInterface = {
     sizeof(RPC_SERVER_INTERFACE), kInterfaceSyntax, kNdrSyntax, &g_dispatchTable, 0, nullptr, nullptr, nullptr, 0};
+
+ServiceInstance ThisInstance() {
+    return g_instance;
+}

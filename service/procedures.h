@@ -5,3 +5,5 @@
 
 // The interface as RpcServerRegisterIf2 takes it.
 extern RPC_SERVER_INTERFACE g_serverInterface;
+
+product::ServiceInstance ThisInstance();

@@ -1,4 +1,4 @@
-// State: the record of life.
+// State: the record of life, and what names are made of.
 #include "publication.h"
 
 #include "product/object_names.h"
@@ -31,6 +31,8 @@ constexpr int kNamesTried = 16;
 constexpr DWORD kAlignment = 8;
 
 bool g_terminalServer = false;
+ServiceInstance g_run = 0;
+std::atomic<DWORD> g_sections = 0;
 KernelName g_lifeName;
 HANDLE g_lifeSection = nullptr;
 LifeRecord* g_life = nullptr;
@@ -39,15 +41,17 @@ DWORD Aligned(DWORD size) {
     return (size + kAlignment - 1) / kAlignment * kAlignment;
 }
 
-// A new section that others may only read, under the first of a few names that is free. One that exists may be another
-// user's: whoever holds a name may keep the service from it, so there are several.
+// A new section that others may only read. Its name has the run of the service, since clients may still have the
+// sections of an earlier run. A name that exists is another user's: whoever holds it may keep the service from it, so
+// the next one is tried.
 HANDLE CreateReadOnlySection(std::string_view baseName, DWORD size, KernelName* name) {
     EveryoneAccess readers{GENERIC_READ};
     if (!readers) return nullptr;
     for (int i = 0; i < kNamesTried; ++i) {
         char numbered[sizeof name->text];
         const int length =
-            snprintf(numbered, sizeof numbered, "%.*s:%d", static_cast<int>(baseName.size()), baseName.data(), i);
+            snprintf(numbered, sizeof numbered, "%.*s:%016llx:%lu", static_cast<int>(baseName.size()), baseName.data(),
+                     static_cast<unsigned long long>(g_run), static_cast<unsigned long>(g_sections++));
         if (length >= static_cast<int>(sizeof numbered)) return nullptr;
         *name = ObjectName(g_terminalServer, numbered);
         const HANDLE section =
@@ -228,8 +232,9 @@ void PutPulses(Publication* publication, DWORD number, WatchMode mode, DWORD pul
         SlotOf(*publication, number).pulses[mode == kEveryWrite ? 0 : 1].store(pulses, std::memory_order_release);
 }
 
-void BeginPublishing() {
+void BeginPublishing(ServiceInstance run) {
     g_terminalServer = MachineIsTerminalServer();
+    g_run = run;
     g_lifeSection = CreateReadOnlySection("TVORSDB:Life", sizeof(LifeRecord), &g_lifeName);
     if (!g_lifeSection) return;
     void* view = MapViewOfFile(g_lifeSection, FILE_MAP_WRITE, 0, 0, sizeof(LifeRecord));

@@ -43,7 +43,7 @@ void TakeOverChanges(Publication& publication, DWORD slot, const Publication* re
 void PutPulses(Publication* publication, DWORD slot, product::WatchMode mode, DWORD pulses);
 
 // Tells clients that the service lives. Without this nothing is published.
-void BeginPublishing();
+void BeginPublishing(product::ServiceInstance run);
 // Before the service stops answering.
 void EndPublishing();
 // Where clients see it. Empty: nothing is published.

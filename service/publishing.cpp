@@ -11,7 +11,8 @@ using namespace product;
 
 namespace {
 
-// Variables that a database gets once it is ready: mailboxes and companions. Values that grow.
+// Room for what a database gets once it is ready: mailboxes and companions, and values that grow. A section that
+// replaces another has twice the room that it needs, so that all those before it together are not larger.
 constexpr DWORD kSpareSlots = 8;
 constexpr DWORD kSpareBytes = 512;
 
@@ -75,14 +76,16 @@ bool HasCompositeMember(const Database& database, const Variable& composite) {
 }
 
 // Null: it cannot be had, or clients would gain nothing from it.
-Publication* MakePublication(Database& database, const std::vector<Variable*>& variables) {
+Publication* MakePublication(Database& database, const std::vector<Variable*>& variables, bool replaces) {
+    const auto count = static_cast<DWORD>(variables.size());
     DWORD bytes = 0; // no sum of 2048 lengths of at most 16 KiB overflows
     for (const Variable* variable : variables)
         bytes += variable->name->length + CapacityFor(database, *variable) + 16; // both are aligned to 8
-    bytes += bytes / 4 + kSpareBytes;
-    Publication* publication =
-        NewPublication(*database.account, database.name, static_cast<DWORD>(variables.size()) + kSpareSlots, bytes);
-    for (size_t i = 0; publication && i < variables.size(); ++i) {
+    const DWORD slots = count + std::max(kSpareSlots, replaces ? count : 0);
+    const DWORD most = kPublishedSectionMax - sizeof(PublishedHead) - slots * sizeof(PublishedSlot);
+    bytes = std::min(bytes + (replaces ? bytes : bytes / 4) + kSpareBytes, std::max(bytes, most));
+    Publication* publication = NewPublication(*database.account, database.name, slots, bytes);
+    for (DWORD i = 0; publication && i < count; ++i) {
         if (Add(database, *publication, *variables[i]) == i + 1) continue;
         ReleasePublication(publication);
         return nullptr;
@@ -97,7 +100,7 @@ void PublishDatabase(Database& database) {
     Publication* replaced = store.publication.load(std::memory_order_relaxed);
     try {
         const std::vector<Variable*> variables = InOrderOfSlots(database);
-        Publication* publication = MakePublication(database, variables);
+        Publication* publication = MakePublication(database, variables, replaced != nullptr);
         if (!publication) return;
         MarkReplaced(replaced);
         KeepReplaced(*publication, replaced);

@@ -32,11 +32,12 @@ bool IsWithin(const Holdings& held, const Holdings& other) {
 
 struct NotificationEnd : Opened {
     // The layer keeps the connections of threads that have ended for the next ones, as many as ever called at once, and
-    // the message queue of a thread that once had a window.
+    // the message queue of a thread that once had a window; the library keeps the sections that were read last.
     NotificationEnd() {
         {
             const TestThread first([] {});
         } // a sanitizer's own thread comes with the first
+        EXPECT_EQ(CloseManager(OpenPrinter()), TVS_OK);
         const long threads = HeldNow()[0];
         {
             Registrant registrants[] = {{Form::Event, manager, "JobStatus"},

@@ -10,6 +10,7 @@
 #include "machine/fork.h"
 #include "machine/objects.h"
 #include "machine/process_state.h"
+#include "manager/manager_database.h"
 #include "manager/variables.h"
 #include "product/client.h"
 #include "product/object_names.h"
@@ -44,6 +45,11 @@ void CloseAllManagers() {
         CloseManagerOf(manager);
 }
 
+void ForgetAllOfParent() {
+    ForgetParent();
+    ForgetMappedSections();
+}
+
 } // namespace
 
 bool AttachProcess(HINSTANCE module) {
@@ -66,7 +72,7 @@ bool AttachProcess(HINSTANCE module) {
     InitializeCriticalSection(&g_managerLock.section);
     // A binding that cannot be made shows in the calls.
     BindStatusDatabase();
-    FollowForks(ForgetParent);
+    FollowForks(ForgetAllOfParent);
     LetCallsIn(true);
     return true;
 }
@@ -74,7 +80,7 @@ bool AttachProcess(HINSTANCE module) {
 bool AttachForkChild() {
     const ManagerLockHold lock;
     if (!IsForkChild()) return true; // another thread was faster
-    FollowForks(ForgetParent);
+    FollowForks(ForgetAllOfParent);
     if (!OpenSharedCounters()) return false;
     JoinProcessCount();
     // The loader's own detach is that of the process that loaded the library.
@@ -100,6 +106,7 @@ void DetachProcess() {
     UnfollowForks();
     g_installed = false;
     if (!empty) return;
+    UnmapKeptSections();
     CloseSharedCounters();
     FreeObjectSecurity();
     DeleteCriticalSection(&g_managerLock.section);

@@ -82,8 +82,7 @@ Status CloseManagerOf(TvsManager handle) {
 }
 
 void CloseDatabases(ManagerRecord* manager) {
-    for (ManagerDatabase* database : {&manager->printerDatabase, &manager->masterDatabase})
-        if (const DatabaseHandle handle = database->handle.exchange(0); handle != 0) CloseDatabase(handle);
+    CloseDatabases(manager->printerDatabase.handle.exchange(0), manager->masterDatabase.handle.exchange(0));
     ForgetPublished(manager->printerDatabase);
     ForgetPublished(manager->masterDatabase);
 }

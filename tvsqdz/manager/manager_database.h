@@ -22,6 +22,7 @@ struct ManagerDatabase {
     std::atomic<DatabaseHandle> handle;                // of the service; 0: not open
     mutable std::atomic<PublishedDatabase*> published; // the newest, which may be of an earlier handle; null: none
     mutable std::atomic<DatabaseHandle> readByCalls;   // the handle whose values this process cannot map
+    mutable std::atomic<DWORD> readers;                // threads that may be reading what is published
 };
 
 // A database that was just entered: its handle, and its published values.
@@ -39,8 +40,12 @@ Answer GetWriteCount(const ManagerDatabase& database, const char* name, DWORD* w
 bool FindPublishedState(const ManagerDatabase& database, const char* name, product::PublishedState* state);
 // Whether the service that has this handle is known to live, which costs no call. False: it has to be asked.
 bool ServiceIsKnownToLive(const ManagerDatabase& database);
-// Unmaps what was mapped; nobody uses the database any more.
+// Releases what was mapped; nobody uses the database any more.
 void ForgetPublished(ManagerDatabase& database);
+// Unmaps what is mapped for managers to come. At the detach, when there are no managers.
+void UnmapKeptSections();
+// In a fork child, which maps afresh; what its parent had mapped stays in its memory.
+void ForgetMappedSections();
 
 // Called when a service did not know *handle. Done: the service is a new one, and *handle is the handle there.
 // UnknownDatabase: the service is the same, or no open manager has the database. Other answers: why the database could

@@ -75,6 +75,8 @@ struct EnteredDatabase {
 // service has no such procedure. *entered is empty on failure.
 Answer EnterDatabase(const char* name, EnteredDatabase* entered);
 Answer CloseDatabase(DatabaseHandle database);
+// Closes both, by one call where the service has it; 0 is not closed.
+Answer CloseDatabases(DatabaseHandle first, DatabaseHandle second);
 // *instance is 0 on failure.
 Answer GetServiceInstance(product::ServiceInstance* instance);
 // *info is zero on failure.

@@ -220,9 +220,13 @@ PROCEDURE(20, EnterDatabase, (text name),
 // many were. kBadArgument: the bytes end within a variable; those before it were made.
 PROCEDURE(21, CreateVariables, (u32 handle, bytes variables), (u32 made));
 
+// CloseDatabase for each of the two that a manager has. kUnknownDatabase: one of them was not open; the other is
+// closed.
+PROCEDURE(22, LeaveDatabases, (u32 first, u32 second), ());
+
 #undef PROCEDURE
 
-inline constexpr Procedure kProcedureCount = kCreateVariables + 1;
+inline constexpr Procedure kProcedureCount = kLeaveDatabases + 1;
 
 // The head of a variable in CreateVariables; its name and value follow.
 struct NewVariableHead {

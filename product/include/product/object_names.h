@@ -1,9 +1,10 @@
 // Names and security of the kernel objects that the library, the status database service and the product's other
 // processes share. No state.
 //
-// Sections that the service alone writes, with a number N from 0 and a name from ObjectName:
-//   "TVOR:<database>:Values:N"            published values (published_values.h)
-//   "TVORSDB:Life:N"                      whether the service lives (service_life.h)
+// Sections that the service alone writes, with a name from ObjectName. RUN: 16 hexadecimal digits, the service's
+// instance (interface.h). N: a number that counts its sections.
+//   "TVOR:<database>:Values:RUN:N"        published values (published_values.h)
+//   "TVORSDB:Life:RUN:N"                  whether the service lives (service_life.h)
 //
 // Manual-reset events, with a name from ObjectName where they are not called plain:
 //   "<database>:Initialized"              plain: set when the database is ready, or given up
