@@ -96,6 +96,11 @@ struct _SYSTEMTIME;
  * not yet taken with ResSetPrinterStatus are lost. Registrations continue: each is notified once, within two seconds, since it
  * may have missed a write. An owner (client kind 6) becomes the owner again, unless another process was faster.
  *
+ * A service that stands still is not waited for without end either: a call ends with 1818 after 60 seconds, and may have been
+ * carried out. Only direct reads and writes that are forwarded wait as long as the printer needs. Opens, and calls that change
+ * or read what several processes change (lists, queues, values of variable length), wait at most 30 seconds for the lock that
+ * guards it, and then give TVS_E_NOT_READY; an open gives TVS_E_UNAVAILABLE.
+ *
  * While the service is down, these differ from 1722:
  *
  *   OpenManager...            TVS_E_UNAVAILABLE

@@ -13,6 +13,7 @@ namespace {
 using namespace product;
 
 RPC_BINDING_HANDLE g_binding;
+RPC_BINDING_HANDLE g_patientBinding; // for ForwardRequest
 RPC_CSTR g_stringBinding;
 RPC_CLIENT_INTERFACE g_interface;
 
@@ -30,12 +31,13 @@ std::atomic<bool> g_gaveUp;
 bool LimitCall() {
     if (!g_isBounded.load()) return true;
     if (g_gaveUp.load()) return false;
-    RpcBindingSetOption(g_binding, RPC_C_OPT_CALL_TIMEOUT, LeftForCalls());
+    for (RPC_BINDING_HANDLE binding : {g_binding, g_patientBinding})
+        RpcBindingSetOption(binding, RPC_C_OPT_CALL_TIMEOUT, LeftForCalls());
     return true;
 }
 
 RPC_STATUS NoteResult(RPC_STATUS result) {
-    if (result == RPC_S_CALL_CANCELLED) g_gaveUp = true;
+    if (result == RPC_S_CALL_CANCELLED && g_isBounded.load()) g_gaveUp = true;
     return result;
 }
 
@@ -89,10 +91,10 @@ public:
 
 private:
     RPC_STATUS GetBuffer(Procedure procedure, ULONGLONG bodySize) {
-        if (!g_binding) return RPC_S_INVALID_BINDING;
+        if (!g_binding || !g_patientBinding) return RPC_S_INVALID_BINDING;
         if (bodySize > kBodySizeMax) return RPC_S_OUT_OF_MEMORY; // the run-time carries no larger body
         if (!LimitCall()) return RPC_S_CALL_CANCELLED;
-        m_message.Handle = g_binding;
+        m_message.Handle = procedure == kForwardRequest ? g_patientBinding : g_binding;
         m_message.DataRepresentation = kLocalRepresentation;
         m_message.BufferLength = static_cast<unsigned int>(bodySize);
         m_message.ProcNum = procedure;
@@ -136,6 +138,10 @@ Answer Invoke(const InOf<procedure>& in, ResultsOf<procedure> results = {}) {
 
 } // namespace
 
+void LimitAnswers(DWORD boundMs) {
+    RpcBindingSetOption(g_binding, RPC_C_OPT_CALL_TIMEOUT, boundMs);
+}
+
 void BoundCalls(DWORD boundMs, DWORD eachMs) {
     g_bound = {GetTickCount(), boundMs, eachMs};
     g_isBounded = true;
@@ -162,14 +168,19 @@ bool BindStatusDatabase() {
     if (RpcStringBindingComposeA(nullptr, Text(kProtocolSequence), nullptr, Text(kEndpoint), Text(kBindingOptions),
                                  &g_stringBinding) != RPC_S_OK)
         return false;
-    return RpcBindingFromStringBindingA(g_stringBinding, &g_binding) == RPC_S_OK;
+    for (RPC_BINDING_HANDLE* binding : {&g_binding, &g_patientBinding})
+        if (RpcBindingFromStringBindingA(g_stringBinding, binding) != RPC_S_OK) return false;
+    LimitAnswers(kAnswerBound);
+    return true;
 }
 
 void UnbindStatusDatabase() {
     if (g_stringBinding) RpcStringFreeA(&g_stringBinding);
-    if (g_binding) RpcBindingFree(&g_binding);
+    for (RPC_BINDING_HANDLE* binding : {&g_binding, &g_patientBinding}) {
+        if (*binding) RpcBindingFree(binding);
+        *binding = nullptr;
+    }
     g_stringBinding = nullptr;
-    g_binding = nullptr;
 }
 
 namespace {

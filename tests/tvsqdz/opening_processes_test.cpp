@@ -58,6 +58,37 @@ TEST_F(OpeningProcesses, ManyOpenTheSameNewPrinterAtOnce) {
     EXPECT_EQ(owners, 1);
 }
 
+// Neither a holder of the database mutex that was stopped nor a service that was: each call ends, and works again
+// afterwards.
+TEST_F(OpeningProcesses, WhoStandsStillHoldsNobodyUpForGood) {
+    NeedsTheLayer("Windows cannot stop a process, nor bound a local call");
+    const TvsManager owner = OpenPrinter(6);
+    const auto update = [&] { return Update(owner, "PrinterBinConfig", {1, 2, 3, 4}); };
+    ASSERT_EQ(update(), TVS_OK);
+    g_timings.databaseLockBound = 50;
+    {
+        TestProcess holder("HoldsTheDatabaseMutex");
+        EXPECT_EQ(holder.Hear(), "holds");
+        EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
+        EXPECT_EQ(update(), TVS_E_NOT_READY);
+        EXPECT_EQ(Read(manager, "PrinterStatus", 12).status, TVS_OK) << "what is published needs no lock";
+        const TestThread closer([&] { EXPECT_EQ(CloseManager(owner), TVS_OK); });
+        EXPECT_TRUE(IsSet(closer.Handle(), 5000));
+    }
+    g_timings.databaseLockBound = 30000;
+    const TvsManager next = OpenPrinter(6);
+    EXPECT_NE(RecordOf(next)->flags & ManagerOwnsPrinter, 0u) << "the one that could not release it has no event";
+    LimitAnswers(50);
+    service.process.Stop();
+    EXPECT_EQ(Update(manager, "JobStatus", Number(3)), RPC_S_CALL_CANCELLED);
+    EXPECT_EQ(OpenStatus(kPrinter, 2), TVS_E_UNAVAILABLE);
+    service.process.Continue();
+    LimitAnswers(kAnswerBound);
+    EXPECT_EQ(Update(manager, "JobStatus", Number(4)), TVS_OK);
+    EXPECT_EQ(Read(manager, "JobStatus", 4).bytes, Number(4));
+    EXPECT_EQ(CloseManager(next), TVS_OK);
+}
+
 TEST_F(OpeningProcesses, AKilledHolderOfTheMutexHoldsNobodyUp) {
     for (int round = 0; round < 3; ++round) {
         TestProcess holder("HoldsTheDatabaseMutex");

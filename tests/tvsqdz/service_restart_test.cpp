@@ -119,13 +119,18 @@ TEST_F(ServiceRestart, AnyCallFindsTheNewService) {
     EXPECT_EQ(CloseManager(manager), TVS_OK);
 }
 
-TEST_F(ServiceRestart, AHandleThatTheSameServiceDoesNotKnowStaysUnknown) {
+// As after the service has released what the process had open.
+TEST_F(ServiceRestart, AHandleThatTheSameServiceDoesNotKnowIsOpenedAgain) {
     const DatabaseHandle handle = Handle();
     ASSERT_EQ(CloseDatabase(handle), Answer::Done);
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(Update(manager, "ModelNumber", Number(1)), -3);
-    EXPECT_EQ(Handle(), handle);
-    EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 0u);
+    for (uint32_t i = 1; i <= 2; ++i)
+        EXPECT_EQ(Update(manager, "ModelNumber", Number(i)), TVS_OK);
+    EXPECT_NE(Handle(), handle);
+    EXPECT_EQ(HandlesOf(RecordOf(manager)->databaseName), 1u);
+    Registrant registrant(Form::Event, manager, "ModelNumber");
+    ASSERT_EQ(CloseDatabase(Handle()), Answer::Done);
+    EXPECT_EQ(Update(manager, "ModelNumber", Number(3)), TVS_OK);
+    EXPECT_GT(registrant.Told(), 0);
 }
 
 TEST_F(ServiceRestart, EachManagerIsOpenedAgainOnceHoweverManyThreadsCall) {

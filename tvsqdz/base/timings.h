@@ -30,6 +30,9 @@ struct Timings {
     DWORD initialisedPause = 10;
     DWORD initialisedBound = 60000;
 
+    // The database mutex: how long an open, an update or a read waits for it. Its holder may have been stopped.
+    DWORD databaseLockBound = 30000;
+
     // After a restart of the service: how long a call waits for another manager's open or reopening, and how often an
     // idle watcher checks for a new service.
     DWORD reopenBound = 10000;

@@ -54,7 +54,7 @@ public:
         m_kept = true;
     }
 
-    MutexHold databaseLock;
+    DatabaseLock databaseLock;
 
 private:
     ManagerRecord* m_manager;
@@ -142,15 +142,15 @@ void TellOfOpen(const ManagerRecord* manager) {
     SetLastError(lastError);
 }
 
-// From the database mutex to the manager in the list.
+// From what needs no lock to the manager in the list.
 Status JoinTheProduct(Opening& opening, const OpenNames& names) {
     ManagerRecord* manager = opening.Manager();
-    manager->databaseMutex = CreateOrOpenMutex(ObjectName(kDatabaseMutexName));
-    if (manager->databaseMutex == nullptr || !opening.databaseLock.Acquire(manager->databaseMutex))
-        return TVS_E_UNAVAILABLE;
+    // Before the mutex, since it may take ten seconds.
     if ((manager->flags & OsNtAny) != 0 && g_openManagerCount == 0 &&
         kClientKinds[manager->clientKind].repairsDefaultPrinter)
         RepairDefaultPrinter(manager->printerName);
+    manager->databaseMutex = CreateOrOpenMutex(ObjectName(kDatabaseMutexName));
+    if (manager->databaseMutex == nullptr || !opening.databaseLock.Acquire(*manager)) return TVS_E_UNAVAILABLE;
     if (!StatusServiceIsUp(manager)) return TVS_E_SERVICE_TIMEOUT;
     if (!AttachPrinterDatabase(manager, nullptr)) return TVS_E_UNAVAILABLE;
     if (!BuildVariableIndex(manager)) return TVS_E_MEMORY; // also when the driver of the printer is unknown

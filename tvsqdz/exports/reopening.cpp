@@ -132,15 +132,17 @@ Answer FollowService(const ManagerDatabase& database, DatabaseHandle* handle) {
     ManagerRecord* manager = holder.manager;
     product::ServiceInstance instance = 0;
     if (const Answer answer = GetServiceInstance(&instance); answer != Answer::Done) return answer;
-    if (manager->serviceInstance != instance) {
+    // The same service does not know the handle when it has released what this process had open: it does so when the
+    // process's last connection ends.
+    const bool isNew = manager->serviceInstance != instance;
+    if (isNew || database.handle == *handle) {
         // Opens and reopenings of other managers may come first.
         MutexHold lock;
         if (!lock.Acquire(manager->databaseMutex, g_timings.reopenBound)) return Answer::UnknownDatabase;
-        if (manager->serviceInstance != instance) {
+        if (isNew ? manager->serviceInstance != instance : database.handle == *handle) {
             if (const Answer answer = Reopen(manager); answer != Answer::Done) return answer;
         }
     }
-    // It is the same service, which does not know the handle.
     const DatabaseHandle now = database.handle;
     if (now == *handle) return Answer::UnknownDatabase;
     *handle = now;

@@ -2,6 +2,7 @@
 // ResSetPrinterStatus. Everything that can be refused is refused on the caller's thread; the exchange runs on its own
 // thread (requests/threads.h), or in the printer's owner (requests/owner.h). No state.
 #include "base/memory.h"
+#include "base/timings.h"
 #include "exports/wide_names.h"
 #include "manager/variable_index.h"
 #include "notify/relayed_registrations.h"
@@ -99,7 +100,11 @@ bool ResetNumber(uint32_t* callersNumber) {
 // else by the thread.
 Status PlaceAndStart(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value,
                      const Completion& completion, uint32_t* callersNumber) {
-    MutexHold lock(completion.IsMessage() ? manager->requestMutex.load() : manager->databaseMutex);
+    MutexHold lock;
+    if (completion.IsMessage())
+        lock.Acquire(manager->requestMutex);
+    else
+        lock.Acquire(manager->databaseMutex, g_timings.databaseLockBound);
     if (lock.held == nullptr) return TVS_E_REQUEST_LOCK;
     const bool isHandled = completion.IsMessage() && variable.localWrite != nullptr;
     // Not waited for, since the database mutex is the inner one of the two.

@@ -1,6 +1,7 @@
 // The list of managers. State: g_managerList and its records, under g_managerLock (machine/process_state.h).
 #include "manager/manager_record.h"
 
+#include "base/timings.h"
 #include "product/linked_list.h"
 
 #include <string.h>
@@ -44,6 +45,10 @@ DatabaseNameText CurrentDatabaseName(const ManagerRecord* manager) {
     const ManagerLockHold lock;
     memcpy(name.text, manager->databaseName, sizeof name.text - 1);
     return name;
+}
+
+bool DatabaseLock::Acquire(const ManagerRecord& manager) {
+    return MutexHold::Acquire(manager.databaseMutex, g_timings.databaseLockBound);
 }
 
 ManagerCall::ManagerCall(TvsManager handle) {

@@ -9,6 +9,7 @@
 #include "base/system.h"
 #include "machine/process_state.h"
 #include "manager/manager_database.h"
+#include "product/guards.h"
 
 #include <atomic>
 #include <stddef.h>
@@ -100,6 +101,14 @@ struct DatabaseNameText {
     char text[product::kDatabaseNameMax + 1];
 };
 DatabaseNameText CurrentDatabaseName(const ManagerRecord* manager) EXCLUDES(g_managerLock);
+
+// The database mutex, which is waited for as long as Timings.databaseLockBound says: its holder may have been stopped.
+struct DatabaseLock : MutexHold {
+    DatabaseLock() = default;
+    explicit DatabaseLock(const ManagerRecord& manager) { Acquire(manager); }
+
+    bool Acquire(const ManagerRecord& manager);
+};
 
 // A call on a manager, from the check of the handle to the return of the export.
 class ManagerCall {

@@ -13,6 +13,7 @@
 #include "product/client_kinds.h"
 #include "product/guards.h"
 
+#include <algorithm>
 #include <stdio.h>
 #include <string.h>
 #include <utility>
@@ -228,9 +229,10 @@ void CloseOwnerEvent(ManagerRecord* manager) {
 
 bool AcquireInClose(const ManagerRecord* manager, MutexHold& lock) {
     // The holder of the mutex waits for the service, and a process that ends also needs the service.
-    while (!lock.Acquire(manager->databaseMutex, LeftForCalls())) {
+    const DWORD start = GetTickCount();
+    while (!lock.Acquire(manager->databaseMutex, std::min(LeftForCalls(), g_timings.databaseLockBound))) {
         product::DatabaseInfo info;
-        if (lock.result != WAIT_TIMEOUT) return false;
+        if (lock.result != WAIT_TIMEOUT || GetTickCount() - start >= g_timings.databaseLockBound) return false;
         GetDatabaseInfo(manager->masterDatabase, &info);
         if (CallsWereGivenUp()) return false;
     }

@@ -27,7 +27,9 @@ uint32_t ReadMyJobs(ManagerRecord* manager, const char* queueName, void* buffer)
     if (buffer == nullptr) return sizeof count;
     Status status = TVS_OK;
     for (int i = 0; i < kAttempts; ++i) {
-        MutexHold lock(manager->databaseMutex);
+        DatabaseLock lock(*manager);
+        status = TVS_E_NOT_READY;
+        if (!lock.held) break;
         status = ReadOwnerJobCount(manager->printerDatabase, queueName, manager->userName, lock, &count);
         if (status == TVS_OK || status == TVS_E_MEMORY) break;
     }

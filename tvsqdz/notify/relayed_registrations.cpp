@@ -70,7 +70,8 @@ bool Remember(ManagerRecord* manager, RelayedRegistration* record) {
 Status Relay(ManagerRecord* manager, MessageRegistrationEntry* entries, uint32_t count, TvsRegistration* handle) {
     HeapBlock record(sizeof(RelayedRegistration));
     if (record.memory == nullptr) return TVS_E_MEMORY;
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     RelayedList relayed(manager);
     if (const Status status = relayed.list.Load(count); status != TVS_OK) return status;
     const uint32_t number = relayed.list.NextNumber();
@@ -144,7 +145,8 @@ Status AddRelayedRegistrations(ManagerRecord* manager, uint32_t count, const cha
 
 Status CancelRelayedRegistration(ManagerRecord* manager, TvsRegistration handle) {
     if (handle == 0) return TVS_OK; // entries that are already cancelled have this number
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     RelayedList relayed(manager);
     if (const Status status = relayed.list.Load(); status != TVS_OK) return status;
     RelayedRegistration* known = TakeRelayed(manager, handle);

@@ -51,8 +51,8 @@ Status CheckRead(const ManagerRecord* manager) {
 Status GiveFetched(const ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                    uint32_t* returned) {
     // Nobody may change the value between the query for its size and the fetch.
-    MutexHold lock;
-    if (HasLength(variable)) lock.Acquire(manager->databaseMutex);
+    DatabaseLock lock;
+    if (HasLength(variable) && !lock.Acquire(*manager)) return TVS_E_NOT_READY;
     DWORD total = 0;
     if (const Status status = AskStoredSize(manager, variable, &total); status != TVS_OK) return status;
     Scratch value(total);

@@ -132,10 +132,10 @@ struct RequestResult {
 };
 static_assert(sizeof(RequestResult) == 8 && offsetof(RequestResult, requestId) == 0);
 
-// The list. Holds the database mutex as long as it lives.
+// The list. Holds the database mutex as long as it lives; the list is not to be used when it cannot be had.
 struct ResultList {
     explicit ResultList(ManagerRecord* manager)
-        : lock(manager->databaseMutex), list(manager->printerDatabase, kResultsVariable, sizeof(RequestResult)) {}
+        : lock(*manager), list(manager->printerDatabase, kResultsVariable, sizeof(RequestResult)) {}
 
     RequestResult Entry(uint32_t i) const {
         RequestResult entry;
@@ -150,17 +150,17 @@ struct ResultList {
         return i;
     }
 
-    MutexHold lock;
+    DatabaseLock lock;
     StoredList list;
 };
 
-// Changes the entry of the request. Nobody would hear of a failure, so this waits for memory, with the mutex released
-// meanwhile; a change that the service refuses is lost.
+// Changes the entry of the request. Nobody would hear of a failure, so this waits for memory and for the mutex, which
+// is released meanwhile; a change that the service refuses is lost.
 template <typename Change>
 void ChangeEntry(ManagerRecord* manager, uint32_t requestId, Change change) {
     for (;;) {
         ResultList results(manager);
-        const Status loaded = results.list.Load();
+        const Status loaded = results.lock.held ? results.list.Load() : TVS_E_MEMORY;
         if (loaded == TVS_OK) {
             const uint32_t place = results.Find(requestId);
             if (place == results.list.Count()) return;
@@ -178,6 +178,7 @@ void ChangeEntry(ManagerRecord* manager, uint32_t requestId, Change change) {
 
 Status EnterRequest(ManagerRecord* manager, int32_t result, uint32_t* callersNumber, uint32_t* requestId) {
     ResultList results(manager);
+    if (!results.lock.held) return TVS_E_REQUEST_LOCK;
     if (const Status status = results.list.Load(1); status != TVS_OK) return status;
     const RequestResult entry = {.requestId = results.list.NextNumber(), .result = result};
     if (entry.requestId == 0) return TVS_E_MEMORY;

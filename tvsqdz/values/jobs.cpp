@@ -23,7 +23,8 @@ using names::kSendingJobInfo;
 
 // Appends a job; the oldest ones make room for it.
 Status AppendToPrinterQueue(ManagerRecord* manager, const TvsJobRecord& job) {
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     JobQueue queue(manager->printerDatabase, kPrinterQueue);
     // A queue that cannot be read is not written, because it would then have this job only.
     if (const Status status = queue.Load(1); status != TVS_OK) return status;
@@ -57,7 +58,8 @@ Status CompareWithPrinterQueue(ManagerRecord* manager, TvsPrintingJobRecord* rep
         return TVS_OK;
     }
 
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     JobQueue queue(manager->printerDatabase, kPrinterQueue);
     if (queue.Load() == TVS_E_MEMORY) return TVS_E_MEMORY;
     if (queue.Count() == 0) return TVS_OK; // an unreadable queue counts as empty

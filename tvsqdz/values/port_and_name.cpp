@@ -34,7 +34,8 @@ bool TakeName(const void* data, uint32_t size, PrinterNameText* name) {
 int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     TvsPortRecord port;
     if (!TakeRecord(data, size, &port)) return PassOn(Answer::WrongSize);
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     TvsPortRecord stored = {}; // unreadable: no port yet
     DWORD storedSize = 0;
     ReadVariable(manager->printerDatabase, names::kPort, &stored, sizeof stored, &storedSize);
@@ -51,7 +52,8 @@ int32_t PortWrite(ManagerRecord* manager, const void* data, uint32_t size) {
 int32_t PrinterNameWrite(ManagerRecord* manager, const void* data, uint32_t size) {
     PrinterNameText name;
     if (!TakeName(data, size, &name)) return PassOn(Answer::WrongSize);
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     PrinterNameText old;
     if (!ReadStoredPrinterName(manager->printerDatabase, &old)) return TVS_E_NOT_NOW;
     if (strcmp(name.text, old.text) == 0) return TVS_OK;

@@ -54,8 +54,8 @@ Status GiveValue(const StatusVariableDef& variable, BYTE* value, uint32_t length
 
 // lock: held when nobody may change the value between the query for its size and the fetch. A published value is taken
 // without it; when it has grown in between, the lock is taken.
-Status ReadUnder(MutexHold& lock, ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
-                 uint32_t* returned) {
+Status ReadUnder(DatabaseLock& lock, ManagerRecord* manager, const StatusVariableDef& variable,
+                 const ReadTarget& target, uint32_t* returned) {
     const bool probed = (variable.flags & SVT_PROBED) != 0;
     DWORD total = variable.size;
     product::PublishedState published;
@@ -64,7 +64,7 @@ Status ReadUnder(MutexHold& lock, ManagerRecord* manager, const StatusVariableDe
     } else if (probed && !lock.held && FindPublishedState(manager->printerDatabase, variable.name, &published)) {
         total = published.size;
     } else if (probed) {
-        if (!lock.held) lock.Acquire(manager->databaseMutex);
+        if (!lock.held && !lock.Acquire(*manager)) return TVS_E_NOT_READY;
         const Answer answer = ReadVariable(manager->printerDatabase, variable.name, nullptr, 0, &total);
         if (answer != Answer::Done) return PassOn(answer);
     }
@@ -82,8 +82,10 @@ Status ReadUnder(MutexHold& lock, ManagerRecord* manager, const StatusVariableDe
         fetchedSize = variable.localRead(manager, value.Data());
     else
         fetched = ReadVariable(manager->printerDatabase, variable.name, value.Data(), total, &fetchedSize);
-    if (fetched == Answer::BufferTooSmall && probed && !lock.held && lock.Acquire(manager->databaseMutex))
+    if (fetched == Answer::BufferTooSmall && probed && !lock.held) {
+        if (!lock.Acquire(*manager)) return TVS_E_NOT_READY;
         return ReadUnder(lock, manager, variable, target, returned);
+    }
     lock.Release();
 
     // A failed fetch takes the same path: the temporary is zero then, and the answer is passed on.
@@ -95,7 +97,7 @@ Status ReadUnder(MutexHold& lock, ManagerRecord* manager, const StatusVariableDe
 
 Status ReadValue(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                  uint32_t* returned) {
-    MutexHold lock;
+    DatabaseLock lock;
     return ReadUnder(lock, manager, variable, target, returned);
 }
 
@@ -139,7 +141,8 @@ Status ServeRead(TvsManager manager, const WCHAR* callersVariable, void* buffer,
 
 Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, const ReadTarget& target,
                      uint32_t* returned, bool* returnedWritten) {
-    const MutexHold lock(manager->databaseMutex);
+    const DatabaseLock lock(*manager);
+    if (!lock.held) return TVS_E_NOT_READY;
     StoredList queue(manager->printerDatabase, variable.name, variable.size);
     if (const Status status = queue.Load(); status != TVS_OK) return status;
     if (queue.Count() == 0) return TVS_OK;
@@ -165,8 +168,8 @@ Status TakeQueueItem(ManagerRecord* manager, const StatusVariableDef& variable, 
 Status GiveWriteTime(ManagerRecord* manager, const StatusVariableDef& variable, SYSTEMTIME* callersTime) {
     SYSTEMTIME writeTime;
     {
-        MutexHold lock;
-        if (!ServiceIsKnownToLive(manager->printerDatabase)) lock.Acquire(manager->databaseMutex);
+        DatabaseLock lock;
+        if (!ServiceIsKnownToLive(manager->printerDatabase) && !lock.Acquire(*manager)) return TVS_E_NOT_READY;
         if (GetWriteTime(manager->printerDatabase, variable.name, &writeTime) != Answer::Done) return TVS_E_UNKNOWN;
     }
     return CopyToCaller(callersTime, &writeTime, sizeof writeTime) ? TVS_OK : TVS_E_FAULT;

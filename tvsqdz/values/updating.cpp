@@ -17,10 +17,10 @@ namespace {
 Status Store(ManagerRecord* manager, const StatusVariableDef& variable, CallerValue& value) {
     if (variable.localWrite != nullptr) return variable.localWrite(manager, value.Data(), value.Size());
     // Readers of a variable-length value ask for its size first; it must not change in between.
-    MutexHold lock;
+    DatabaseLock lock;
     switch (TypeOf(variable)) {
     case SVT_VARIABLE:
-        lock.Acquire(manager->databaseMutex);
+        if (!lock.Acquire(*manager)) return TVS_E_NOT_READY;
         break;
     case SVT_STRING:
         if (value.Size() > 0) value.Data()[value.Size() - 1] = '\0';

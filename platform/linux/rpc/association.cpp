@@ -136,6 +136,7 @@ void Disconnect(Connection& connection) ORIEL_LOCK_CHECK(requires_capability(g_l
     Association& association = *connection.association;
     if (connection.channel.socket < 0) return;
     CloseSocket(connection.channel);
+    connection.isLate = false;
     connection.contextCount = 0;
     if (connection.group == association.group && association.group != 0 && --association.groupConnections == 0)
         association.group = 0; // the server has run it down
@@ -332,15 +333,32 @@ RPC_STATUS Establish(Connection& connection, const RPC_CLIENT_INTERFACE& interfa
     }
 }
 
+namespace {
+
+// The server may still be at their last calls. They are kept until another connection stands: with its last connection
+// the process would lose what it has open at the server.
+void LoseLateConnections(const Association& association) {
+    for (Connection* connection = t_connections; connection != nullptr; connection = connection->nextOfOwner)
+        if (connection->association == &association && connection->isLate) LoseConnection(*connection);
+}
+
+} // namespace
+
 RPC_STATUS TakeConnection(Association& association, const RPC_CLIENT_INTERFACE& interface, int64_t deadline,
                           Connection*& connection) {
     connection = t_connections;
-    while (connection != nullptr && (connection->association != &association || connection->busy))
+    while (connection != nullptr && (connection->association != &association || connection->busy || connection->isLate))
         connection = connection->nextOfOwner;
-    if (connection == nullptr) connection = AddConnection(association);
-    if (connection == nullptr) return RPC_S_OUT_OF_MEMORY;
+    while (connection == nullptr || connection->isLate) {
+        connection = AddConnection(association);
+        if (connection == nullptr) return RPC_S_OUT_OF_MEMORY;
+    }
     connection->deadline = deadline;
-    if (connection->channel.socket < 0) return Establish(*connection, interface);
+    if (connection->channel.socket < 0) {
+        const RPC_STATUS status = Establish(*connection, interface);
+        if (status == RPC_S_OK) LoseLateConnections(association);
+        return status;
+    }
     return FindContext(*connection, interface) ? RPC_S_OK : AddContext(*connection, interface);
 }
 

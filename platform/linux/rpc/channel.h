@@ -24,6 +24,7 @@ struct Buffer {
 
 struct Channel {
     int socket = -1;
+    int receiveTimeMs = 0; // of the socket; 0: no limit
     Buffer out;
     Buffer in;
     size_t received = 0; // bytes in `in`
@@ -90,6 +91,10 @@ void Trim(Channel& channel);
 
 // The time until a deadline for poll(); 0 once it has passed.
 int LeftMs(int64_t deadline);
+
+// How long the socket waits for input before a deadline is looked at. With it, a call that has a deadline needs no
+// further system call. At least as long as what is left until the deadline.
+void SetReceiveTime(Channel& channel, int milliseconds);
 
 // Closes the socket and drops received data. After FreeBuffers too, the channel is as new.
 void CloseSocket(Channel& channel);

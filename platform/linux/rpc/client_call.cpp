@@ -62,6 +62,10 @@ RPC_STATUS ReceiveReply(RPC_MESSAGE& message, Connection& connection) {
     // Unbounded, unless the binding has a limit: a call lasts as long as the server needs, and some need long. The end
     // of the server or of the connection is noticed at once; a thread that is terminated here holds nothing.
     const Transfer received = Receive(connection.channel, Side::Client, reply, connection.deadline);
+    if (received == Transfer::TimedOut) {
+        connection.isLate = true; // TakeConnection replaces it
+        return RPC_S_CALL_CANCELLED;
+    }
     // Reset: the server had not read the whole request.
     RPC_STATUS status =
         StatusFromTransfer(received, received == Transfer::Reset ? RPC_S_CALL_FAILED_DNE : RPC_S_CALL_FAILED);
@@ -89,17 +93,19 @@ RPC_STATUS OrCancelled(RPC_STATUS status, int64_t deadline) {
     return status != RPC_S_OK && deadline != kNever && LeftMs(deadline) == 0 ? RPC_S_CALL_CANCELLED : status;
 }
 
-// A stopped server accepts what fits its socket, and no more.
-void LimitSending(Connection& connection) {
-    const bool shorter = connection.deadline != kNever;
+// A stopped server accepts what fits its socket, and no more. Calls with the same limit need no system call for it.
+void LimitTimes(Connection& connection) {
+    SetReceiveTime(connection.channel, static_cast<int>(connection.timeMs));
+    const auto usual = static_cast<int>(g_timings.rpcSend);
+    const int left = connection.deadline != kNever ? std::max(LeftMs(connection.deadline), 1) : usual;
+    const bool shorter = left < usual;
     if (!shorter && !connection.sendTimeIsShort) return;
-    SetSendTime(connection.channel.socket,
-                shorter ? std::max(LeftMs(connection.deadline), 1) : static_cast<int>(g_timings.rpcSend));
+    SetSendTime(connection.channel.socket, std::min(left, usual));
     connection.sendTimeIsShort = shorter;
 }
 
 RPC_STATUS Call(RPC_MESSAGE& message, Connection& connection) {
-    LimitSending(connection);
+    LimitTimes(connection);
     Transfer sent = Transfer::Done;
     RPC_STATUS status = SendOnce(message, connection, sent);
     if (sent == Transfer::Closed || sent == Transfer::Reset) {
@@ -124,6 +130,7 @@ RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
     if (status != RPC_S_OK) return OrCancelled(status, deadline);
     if (!ReserveBody(connection->channel, message.BufferLength)) return RPC_S_OUT_OF_MEMORY;
     connection->busy = true;
+    connection->timeMs = timeMs;
     connection->room = message.BufferLength;
     message.Buffer = Body(connection->channel);
     message.ReservedForRuntime = connection;

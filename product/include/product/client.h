@@ -28,6 +28,7 @@ enum class Answer : LONG {
     CallFailed = RPC_S_CALL_FAILED,
     BadStubData = RPC_X_BAD_STUB_DATA,
     NoSuchProcedure = RPC_S_PROCNUM_OUT_OF_RANGE,
+    NotInTime = RPC_S_CALL_CANCELLED,
 };
 
 // The one place where an answer becomes the status of an export.
@@ -41,6 +42,12 @@ using DatabaseHandle = DWORD;
 // Makes the binding that every call uses. False: it cannot be made, and the calls answer InvalidBinding.
 bool BindStatusDatabase();
 void UnbindStatusDatabase();
+
+// How long the service may take to answer any call but ForwardRequest, in milliseconds; NotInTime after that. The
+// service may have been stopped; it may carry the call out all the same. A forwarded request lasts as long as the
+// printer needs, and the service answers it when the printer side ends. Windows cannot bound a local call.
+inline constexpr DWORD kAnswerBound = 60000; // as long as nobody sets another
+void LimitAnswers(DWORD boundMs);
 
 // For a process that ends, until the next binding: a service that hangs must not block its calls. They have boundMs
 // together, and eachMs each beyond that. After the first call that is not answered in time no more calls are made.
