@@ -1,5 +1,6 @@
 // authority, acl: what this user may do with a printer and why, and its access control list. No state.
 #include "access_list.h"
+#include "service_client.h"
 
 #include "product/authority_rules.h"
 #include "product/client_kinds.h"
@@ -187,6 +188,24 @@ void ExplainList(const OpenedPrinter& printer, Json& document) {
     reasons.Print();
 }
 
+// What the service takes of this user, whatever the access control list says.
+void ExplainWrites(const OpenedPrinter& printer, Json& document) {
+    const ServiceDatabase database(printer, "cannot ask what you may change");
+    std::vector<std::string> may;
+    bool all = true;
+    for (const Variable& variable : printer.variables) {
+        const ServiceDatabase::Writes writes = database.WritesOf(variable.name.c_str());
+        if (writes == ServiceDatabase::Writes::Taken) may.push_back(variable.name);
+        all &= writes != ServiceDatabase::Writes::Denied;
+    }
+    document["changes"] = may;
+    if (g_output.json) return;
+    PrintLine(all ? "As an administrator you may change every variable."
+                  : "You may change these variables; the others are for administrators:");
+    for (const std::string& name : may)
+        if (!all) PrintLine("  " + name);
+}
+
 } // namespace
 
 Exit AuthorityCommand(const ManagerOptions& options, bool explain) {
@@ -204,6 +223,7 @@ Exit AuthorityCommand(const ManagerOptions& options, bool explain) {
     if (!g_output.json) PrintLine(OneLine(decoded));
     if (explain && !g_output.json) PrintLine("From " + document["source"].get<std::string>() + ".");
     if (explain && other.empty()) ExplainList(printer, document);
+    if (explain) ExplainWrites(printer, document);
     if (g_output.json) PrintJson(document);
     return Exit::Done;
 }

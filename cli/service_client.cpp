@@ -23,6 +23,14 @@ Bytes ServiceDatabase::Read(const char* variable) const {
     return value;
 }
 
+ServiceDatabase::Writes ServiceDatabase::WritesOf(const char* variable) const {
+    const Answer answer = MayWrite(m_database.Get(), variable);
+    if (answer == Answer::AccessDenied) return Writes::Denied;
+    if (answer == Answer::NotWritable || answer == Answer::UnknownVariable) return Writes::NotStored;
+    Check(answer, m_what);
+    return Writes::Taken;
+}
+
 // A restarted service never issues a handle of its predecessor.
 ServiceDatabase::Service ServiceDatabase::Look() const {
     product::DatabaseInfo info{};

@@ -16,6 +16,10 @@ public:
     // The value as it is stored. Throws Failure.
     Bytes Read(const char* variable) const;
 
+    // Whether the service takes this user's writes of the variable. Throws Failure.
+    enum class Writes { Taken, Denied, NotStored };
+    Writes WritesOf(const char* variable) const;
+
     // Whether the service is still the one that opened the database.
     enum class Service { Same, Gone, Another };
     Service Look() const;

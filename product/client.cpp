@@ -308,6 +308,10 @@ Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWO
     return answer;
 }
 
+Answer MayWrite(DatabaseHandle database, const char* name) {
+    return Invoke<kMayWrite>({database, name});
+}
+
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members) {
     return Invoke<kSetCompositeMembers>({database, name, members});
 }

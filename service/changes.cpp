@@ -6,6 +6,7 @@
 #include "printers.h"
 #include "publishing.h"
 #include "signals.h"
+#include "watches.h"
 
 #include "product/printer_list.h"
 
@@ -81,6 +82,23 @@ bool IsListedName(const Database& database, const BYTE* bytes, DWORD size) {
     return !name.empty() && IsListed(database.name, name);
 }
 
+// What an administrator has opened: names of variables, each followed by ";", or "*" for all.
+constexpr char kOpenedValue[] = "VariablesForEveryone";
+constexpr DWORD kOpenedMax = 4096;
+
+// Read at each refusal that it may lift, so that it takes effect at once.
+bool IsOpened(std::string_view variable) {
+    char text[kOpenedMax + 1] = {};
+    if (!ReadSetting(kOpenedValue, REG_SZ, text, kOpenedMax)) return false;
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t end = std::min(rest.find(';'), rest.size());
+        const std::string_view name = rest.substr(0, end);
+        if (name == variable || name == "*") return true;
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return false;
+}
+
 // Whether the caller may write that value: kDone, kAccessDenied or kNotWritable. The printer list decides for itself.
 ServiceStatus CheckWrite(const Caller& caller, const Database& database, const Variable& variable, const BYTE* bytes,
                          DWORD size) {
@@ -90,10 +108,13 @@ ServiceStatus CheckWrite(const Caller& caller, const Database& database, const V
     case VariableRole::PrinterName:
         if (IsListedName(database, bytes, size)) return kDone;
         [[fallthrough]];
-    case VariableRole::Answer:
     case VariableRole::Setting:
     case VariableRole::AccessList:
         return IsAdministrator(caller) ? kDone : kAccessDenied;
+    case VariableRole::Answer:
+        return IsPrinterSide(caller.group, database) ? kDone : kAccessDenied;
+    case VariableRole::State:
+        return MayShape(database, caller) || IsOpened(variable.name->Text()) ? kDone : kAccessDenied;
     case VariableRole::None:
     case VariableRole::PrinterList:
     case VariableRole::Request:
@@ -225,6 +246,18 @@ ServiceStatus CreateVariables(Database& database, const Caller& caller, const BY
         at = std::min(size, (at + head.nameLength + head.valueSize + 3) / 4 * 4);
     }
     return first;
+}
+
+ServiceStatus MayWrite(Database& database, const Caller& caller, const Variable& variable) {
+    if (variable.role == VariableRole::PrinterList) return IsAdministrator(caller) ? kDone : kAccessDenied;
+    if (variable.type != kTypeComposite) return CheckWrite(caller, database, variable, nullptr, 0);
+    Parts parts;
+    GatherParts(database, variable, parts);
+    for (DWORD i = 0; i < parts.count; ++i) {
+        const ServiceStatus status = CheckWrite(caller, database, *parts.variables[i], nullptr, 0);
+        if (status != kDone) return status;
+    }
+    return kDone;
 }
 
 ServiceStatus WriteVariable(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,

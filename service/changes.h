@@ -18,5 +18,7 @@ product::ServiceStatus SetCompositeMembers(Database& database, const Caller& cal
                                            std::string_view list);
 // A variable that does not exist is made when it is the companion of another. The value of a composite goes to its
 // members, all at one moment: kWrongSize when it is not as long as the composite, or the composite takes no values.
+// kDone, kAccessDenied or kNotWritable: of most values, since a few variables take some values of anybody.
+product::ServiceStatus MayWrite(Database& database, const Caller& caller, const Variable& variable);
 product::ServiceStatus WriteVariable(Database& database, const Caller& caller, std::string_view name, const BYTE* bytes,
                                      DWORD size);

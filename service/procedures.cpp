@@ -185,6 +185,13 @@ LONG Serve(Row<kSetCompositeMembers>, const Caller& caller, DWORD handle, std::s
     return database ? SetCompositeMembers(*database, caller, composite, members) : kUnknownDatabase;
 }
 
+LONG Serve(Row<kMayWrite>, const Caller& caller, DWORD handle, std::string_view name) {
+    const DatabaseUse database{caller.group, handle};
+    if (!database) return kUnknownDatabase;
+    const Variable* variable = FindVariable(*database, name);
+    return variable ? MayWrite(*database, caller, *variable) : kUnknownVariable;
+}
+
 LONG Serve(Row<kGetVariableInfo>, const Caller& caller, DWORD handle, std::string_view name, VariableInfo& info) {
     const DatabaseUse database{caller.group, handle};
     if (!database) return kUnknownDatabase;

@@ -1,8 +1,10 @@
 // State: the locks of the writers.
 #include "variable.h"
 
+#include "product/mailboxes.h"
 #include "product/printer_list.h"
 #include "product/variable_names.h"
+#include "product/variables.h"
 
 #include <algorithm>
 #include <memory>
@@ -29,21 +31,28 @@ constexpr RoleRow kOfPrinters[] = {
     {names::kReadRequest, VariableRole::Request},
     {names::kWriteRequest, VariableRole::Request},
     {names::kTerminateManager, VariableRole::Termination},
+    // What applications leave for the printer's owner, and the results that they wait for.
+    {kRelayedRegistrationsVariable, VariableRole::None},
+    {kRelayedRequestVariable, VariableRole::None},
+    {kResultsVariable, VariableRole::None},
 };
 
 } // namespace
 
 VariableRole RoleOf(std::string_view database, std::string_view variable) {
     if (database == kMasterDatabase)
-        return variable == kPrinterListVariable ? VariableRole::PrinterList : VariableRole::None;
+        return variable == kPrinterListVariable ? VariableRole::PrinterList : VariableRole::State;
     for (const RoleRow& row : kOfPrinters)
         if (row.variable == variable) return row.role;
-    return VariableRole::None;
+    // The variables of printer models have no row.
+    const BuiltInVariable* builtIn = FindBuiltInVariable(variable);
+    return builtIn && builtIn->writers == Writers::Everyone ? VariableRole::None : VariableRole::State;
 }
 
 VariableRole RoleOfCompanion(VariableRole role) {
     switch (role) {
     case VariableRole::None:
+    case VariableRole::State: // the printer side decides what it does with a direct write
     case VariableRole::Request:
     case VariableRole::Termination:
         return VariableRole::None;

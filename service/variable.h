@@ -19,6 +19,7 @@
 // What a variable of that name means to the service, and who may write it.
 enum class VariableRole : BYTE {
     None,        // anybody writes it
+    State,       // administrators, and anybody where a setting says so
     Mailbox,     // forwarded requests: the service alone
     Answer,      // to forwarded requests: administrators; a printer side is one
     Setting,     // administrators

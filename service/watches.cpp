@@ -104,13 +104,28 @@ void DropWatches(Group& group) {
     }
 }
 
-DWORD HandlesOfPrinterSides(const Database& database) {
+namespace {
+
+template <typename Function> // void(const Group&)
+void ForEachPrinterSide(const Database& database, Function function) {
     const Variable* mailbox = FindVariable(database, kForwardMailbox);
     const VariableSignals* signals = mailbox ? mailbox->signals.load(std::memory_order_acquire) : nullptr;
-    if (!signals || signals->watchCount.load() == 0) return 0;
+    if (!signals || signals->watchCount.load() == 0) return;
     LockHold hold{g_watchesLock};
-    DWORD handles = 0;
     for (const Watch* watch = signals->watches; watch; watch = watch->nextOfVariable)
-        handles += HandlesOf(*watch->group, database);
+        function(*watch->group);
+}
+
+} // namespace
+
+bool IsPrinterSide(const Group& group, const Database& database) {
+    bool found = false;
+    ForEachPrinterSide(database, [&](const Group& side) { found |= &side == &group; });
+    return found;
+}
+
+DWORD HandlesOfPrinterSides(const Database& database) {
+    DWORD handles = 0;
+    ForEachPrinterSide(database, [&](const Group& side) { handles += HandlesOf(side, database); });
     return handles;
 }

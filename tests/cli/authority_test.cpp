@@ -69,4 +69,11 @@ TEST_AS_ROOT(Authority, IsExplainedToTheUserWhoAsks) {
     EXPECT_EQ(document["authority"], 9);
     for (size_t i = 0; const char* whom : {"a group of yours", "not you", "nobody: no such account"})
         EXPECT_EQ(document["entries"][i++]["countsFor"], whom);
+    const auto changes = [](const Json& from, const char* name) {
+        return from["changes"].dump().find(name) != std::string::npos;
+    };
+    EXPECT_TRUE(changes(document, "\"JobStatus\""));
+    EXPECT_FALSE(changes(document, "\"PageCount\""));
+    EXPECT_TRUE(changes(OrielJson({"authority", kPrinter, "--explain"}), "\"PageCount\""));
+    EXPECT_EQ(OrielAs(1, {"set", kPrinter, "PageCount", "5"}).exitCode, 4);
 }

@@ -50,6 +50,7 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
     const Database& database = machine.databases[0];
     for (const char* name : {kForwardMailbox, kForwardAnswer})
         ASSERT_EQ(database.Add(name, kTypeRecord, Bytes(8)), kDone);
+    ASSERT_EQ(database.Add("JobStatus", kTypeNumber, Number(0)), kDone);
     ASSERT_EQ(database.Compose("PortEx", "PrinterExtStatus;Port;"), kDone);
     const struct {
         std::string variable;
@@ -57,7 +58,10 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
         LONG nobodys = kAccessDenied;
         LONG members = kDone;
     } writes[] = {
-        {"PageCount", Number(5), kDone},
+        {"PageCount", Number(5)},
+        {"Level", Bytes{5}},
+        {"JobStatus", Number(5), kDone},
+        {"PageCountW", Number(5), kDone},
         {"TerminateManager", Number(1), kDone},
         {"ReadRequest", BytesOf("PageCount"), kDone},
         {"AccessControlList", Bytes(16, 'x')},
@@ -67,7 +71,7 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
         {"PortEx", Bytes(264, 'p')},
         {"PrinterName", BytesOf(kPrinters[0]), kDone},
         {"PrinterName", BytesOf(kPrinters[1])},
-        {kForwardAnswer, Bytes(8, 1)},
+        {kForwardAnswer, Bytes(8, 1), kAccessDenied, kAccessDenied},
         {kForwardMailbox, Bytes(8, 1), kNotWritable, kNotWritable},
     };
     const auto valueOf = [&](const std::string& variable) {
@@ -91,6 +95,13 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
     for (const auto& [call, nobodys] : calls) {
         EXPECT_EQ(AsNobodyIn(DatabaseOf(0), call), nobodys) << &nobodys - &calls[0].second;
         EXPECT_EQ(AsNobodyIn(DatabaseOf(0), call, {kMembersGroup}), kDone);
+    }
+    // What an administrator opens is open at once.
+    const auto count = [](const Database& opened) { return opened.Set("PageCount", 7); };
+    for (const auto& [opened, status] :
+         {std::pair{"Level;PageCount", kDone}, {"PageCountW;", kAccessDenied}, {"*", kDone}}) {
+        UseProductSetting("VariablesForEveryone", REG_SZ, opened + std::string(1, '\0'));
+        EXPECT_EQ(AsNobodyIn(DatabaseOf(0), count), status) << opened;
     }
     // The group is asked for anew; an unknown or empty one has no members.
     for (const char* group : {"no-such-group", ""}) {

@@ -78,7 +78,8 @@ CHILD_PROCESS(ChangesSettingsAsAnotherUser) {
     const TvsManager manager = OpenPrinter();
     for (const LONG status :
          {Update(manager, "Port", Port(1, "LPT9:")), Update(manager, "PrinterName", BytesOf("Mine")),
-          Update(manager, "AccessControlList", Bytes(12, 1)), Update(manager, "PageCount", Number(6))})
+          Update(manager, "AccessControlList", Bytes(12, 1)), Update(manager, "PageCount", Number(6)),
+          Update(manager, "JobStatus", Number(6))})
         child.Say(std::to_string(status));
     // A printer that nobody has opened yet.
     const TvsManager first = OpenPrinter(TVS_KIND_OWNER, kNewName);
@@ -92,7 +93,7 @@ TEST_F(Settings, OfAnotherUserChangeNothingAsRoot) {
     const Bytes config = Text("as the printer said");
     ASSERT_EQ(Update(manager, "PrinterOptConfig", config), TVS_OK);
     TestProcess other("ChangesSettingsAsAnotherUser");
-    for (const char* expected : {"5", "5", "5", "0"}) // ERROR_ACCESS_DENIED
+    for (const char* expected : {"5", "5", "5", "5", "0"}) // ERROR_ACCESS_DENIED
         EXPECT_EQ(other.Hear(), expected);
     EXPECT_EQ(other.Hear(), kNewName + " 0");
     EXPECT_EQ(other.Wait(), 0) << other.Errors();
@@ -100,7 +101,8 @@ TEST_F(Settings, OfAnotherUserChangeNothingAsRoot) {
     EXPECT_EQ(Read(manager, "PrinterOptConfig", static_cast<uint32_t>(config.size())).bytes, config);
     EXPECT_EQ(ListedNames(), kPrinter + ";" + kNewName + ";");
     EXPECT_EQ(StoredName(manager), kPrinter);
-    EXPECT_EQ(NumberOf(manager, "PageCount"), 6u);
+    EXPECT_EQ(NumberOf(manager, "PageCount"), 0xFFFFFFFFu);
+    EXPECT_EQ(NumberOf(manager, "JobStatus"), 6u);
 }
 
 TEST_F(Settings, AnotherNameIsOneInTheListTheManagerAndTheDatabase) {

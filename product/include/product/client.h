@@ -21,6 +21,8 @@ enum class Answer : LONG {
     WrongSize = product::kWrongSize,
     BufferTooSmall = product::kBufferTooSmall,
     BadArgument = product::kBadArgument,
+    UnknownVariable = product::kUnknownVariable,
+    NotWritable = product::kNotWritable,
     AccessDenied = product::kAccessDenied,
     TimedOut = ERROR_TIMEOUT,
     InvalidBinding = RPC_S_INVALID_BINDING,
@@ -99,6 +101,8 @@ Answer WriteVariable(DatabaseHandle database, const char* name, const void* valu
 // *valueSize: the stored size. buffer null: asks only for that size; on failure *valueSize is 0. With a buffer, the
 // rest of the buffer behind the value is zero. On failure the buffer is untouched.
 Answer ReadVariable(DatabaseHandle database, const char* name, void* buffer, DWORD size, DWORD* valueSize);
+// Done, AccessDenied or NotWritable.
+Answer MayWrite(DatabaseHandle database, const char* name);
 // members: names, each followed by ";".
 Answer SetCompositeMembers(DatabaseHandle database, const char* name, const char* members);
 // *info is untouched on failure.

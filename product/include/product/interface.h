@@ -224,9 +224,13 @@ PROCEDURE(21, CreateVariables, (u32 handle, bytes variables), (u32 made));
 // closed.
 PROCEDURE(22, LeaveDatabases, (u32 first, u32 second), ());
 
+// Whether the caller may write the variable: kDone, kAccessDenied or kNotWritable. A value may be refused all the same,
+// or be taken where others are not ("PrinterName", the printer list).
+PROCEDURE(23, MayWrite, (u32 handle, text name), ());
+
 #undef PROCEDURE
 
-inline constexpr Procedure kProcedureCount = kLeaveDatabases + 1;
+inline constexpr Procedure kProcedureCount = kMayWrite + 1;
 
 // The head of a variable in CreateVariables; its name and value follow.
 struct NewVariableHead {

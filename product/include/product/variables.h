@@ -15,6 +15,11 @@
 #include <stdint.h>
 #include <string_view>
 
+// Whose writes the service takes. Product: those of administrators, who are the user that runs the service, and root,
+// among others; the product's own programs run as such. Everyone: what ordinary applications tell or ask. What a
+// composite's writer may write is decided for each of its members.
+enum class Writers : uint8_t { Product, Everyone };
+
 struct BuiltInVariable {
     const char* name = nullptr;
     uint32_t flags = 0;     // type code and behaviour bits
@@ -25,6 +30,7 @@ struct BuiltInVariable {
     const void* initial = nullptr;
     uint32_t initialSize = 0;
     const char* members = nullptr; // of a composite: their names in order, each followed by ";"
+    Writers writers = Writers::Product;
 };
 
 // Initial values. Little-endian, as every system is that this runs on.
@@ -88,11 +94,16 @@ consteval uint32_t Carried() {
 
 inline constexpr BuiltInVariable kBuiltInVariables[] = {
     {.name = "AccessControlList", .flags = SVT_VARIABLE, .initial = kEmptyVariableValue},
-    {.name = "ClientStatus", .flags = SVT_NUMBER | SVF_READABLE, .size = 4, .initial = &initial::kZero},
+    {.name = "ClientStatus",
+     .flags = SVT_NUMBER | SVF_READABLE,
+     .size = 4,
+     .initial = &initial::kZero,
+     .writers = Writers::Everyone},
     {.name = "CompulsivePolling",
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
      .size = 4,
-     .initial = &initial::kZero},
+     .initial = &initial::kZero,
+     .writers = Writers::Everyone},
     {.name = "CoverageInfo", .flags = SVT_RECORD | SVF_READABLE, .size = 24, .initial = initial::kZeros},
     {.name = "CurrentFeeder",
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
@@ -106,7 +117,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
     {.name = "DeleteJobId",
      .flags = SVT_NUMBER | SVF_READABLE | SVF_WRITABLE,
      .size = 4,
-     .initial = &initial::kMinusOne},
+     .initial = &initial::kMinusOne,
+     .writers = Writers::Everyone},
     {.name = "ErrCoverOpen",
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
      .size = 4,
@@ -145,7 +157,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x00300000>(),
      .size = 4,
      .timeoutMs = 60000,
-     .initial = &initial::kZero},
+     .initial = &initial::kZero,
+     .writers = Writers::Everyone},
     {.name = "LMFunction", .flags = SVT_NUMBER | SVF_READABLE, .size = 4, .initial = &initial::kZero},
     {.name = "LMStatus",
      .flags = SVT_NUMBER | SVF_READABLE | SVF_PERSISTENT | Carried<0x04300000>(),
@@ -217,7 +230,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
     {.name = "PrinterQueue",
      .flags = SVT_VARIABLE | SVF_READABLE | Carried<0x00300000>(),
      .timeoutMs = 60000,
-     .initial = kEmptyVariableValue},
+     .initial = kEmptyVariableValue,
+     .writers = Writers::Everyone},
     {.name = "PrinterStatus",
      .flags = SVT_RECORD | SVF_READABLE | Carried<0x00300400>(),
      .size = 12,
@@ -237,12 +251,14 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .flags = SVT_RECORD | SVF_READABLE | Carried<0x00300000>(),
      .size = 296,
      .timeoutMs = 60000,
-     .initial = initial::kZeros},
+     .initial = initial::kZeros,
+     .writers = Writers::Everyone},
     {.name = "PrintingJobInfo2",
      .flags = SVT_COMPOSITE | SVF_READABLE | Carried<0x04300000>(),
      .size = 320,
      .timeoutMs = 60000,
-     .members = "PrintingJobInfo;CoverageInfo;"},
+     .members = "PrintingJobInfo;CoverageInfo;",
+     .writers = Writers::Everyone},
     {.name = "PrintingMyJob", .flags = SVT_NUMBER | SVF_READABLE, .size = 4, .initial = &initial::kZero},
     {.name = "PrintingStatus",
      .flags = SVT_RECORD | SVF_READABLE | Carried<0x04300400>(),
@@ -252,7 +268,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
     {.name = "ReadRequest",
      .flags = SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_NOTIFY_EVERY_WRITE,
      .size = 32,
-     .initial = initial::kZeros},
+     .initial = initial::kZeros,
+     .writers = Writers::Everyone},
     {.name = "ReceivePort",
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x04300000>(),
      .size = 4,
@@ -261,8 +278,13 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .flags =
          SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_DIRECT | SVF_WRITE_WITHOUT_AUTHORITY | Carried<0x04000000>(),
      .size = 260,
-     .initial = initial::kZeros},
-    {.name = "RunningPSW", .flags = SVT_NUMBER | SVF_READABLE, .size = 4, .initial = &initial::kMinusOne},
+     .initial = initial::kZeros,
+     .writers = Writers::Everyone},
+    {.name = "RunningPSW",
+     .flags = SVT_NUMBER | SVF_READABLE,
+     .size = 4,
+     .initial = &initial::kMinusOne,
+     .writers = Writers::Everyone},
     {.name = "RWResult",
      .flags = SVT_NUMBER | SVF_READABLE | SVF_NOTIFY_EVERY_WRITE,
      .size = 4,
@@ -271,7 +293,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .flags = SVT_RECORD | SVF_READABLE | Carried<0x00300000>(),
      .size = 292,
      .timeoutMs = 60000,
-     .initial = initial::kZeros},
+     .initial = initial::kZeros,
+     .writers = Writers::Everyone},
     {.name = "ServerOS",
      .flags = SVT_RECORD | SVF_READABLE | Carried<0x00100000>(),
      .size = 12,
@@ -281,7 +304,11 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .size = 32,
      .timeoutMs = 1800000,
      .initial = initial::kZeros},
-    {.name = "SetJob", .flags = SVT_NUMBER | SVF_READABLE | SVF_WRITABLE, .size = 4, .initial = &initial::kMinusOne},
+    {.name = "SetJob",
+     .flags = SVT_NUMBER | SVF_READABLE | SVF_WRITABLE,
+     .size = 4,
+     .initial = &initial::kMinusOne,
+     .writers = Writers::Everyone},
     {.name = "SpoolerQueue",
      .flags = SVT_VARIABLE | SVF_READABLE | Carried<0x00300400>(),
      .timeoutMs = 60000,
@@ -295,7 +322,11 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
      .flags = SVT_NUMBER | SVF_READABLE | Carried<0x00000400>(),
      .size = 4,
      .initial = &initial::kMinusOne},
-    {.name = "TerminateManager", .flags = SVT_NUMBER | SVF_READABLE, .size = 4, .initial = &initial::kZero},
+    {.name = "TerminateManager",
+     .flags = SVT_NUMBER | SVF_READABLE,
+     .size = 4,
+     .initial = &initial::kZero,
+     .writers = Writers::Everyone},
     {.name = "UserAuthority",
      .flags = SVT_NUMBER | SVF_READABLE,
      .size = 4,
@@ -309,7 +340,8 @@ inline constexpr BuiltInVariable kBuiltInVariables[] = {
     {.name = "WriteRequest",
      .flags = SVT_STRING | SVF_READABLE | SVF_WRITABLE | SVF_NOTIFY_EVERY_WRITE,
      .size = 32,
-     .initial = initial::kZeros},
+     .initial = initial::kZeros,
+     .writers = Writers::Everyone},
 };
 inline constexpr size_t kBuiltInVariableCount = sizeof kBuiltInVariables / sizeof kBuiltInVariables[0];
 
