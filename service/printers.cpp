@@ -14,6 +14,7 @@
 #include <optional>
 #include <stdio.h>
 #include <string.h>
+#include <winspool.h>
 
 using namespace product;
 
@@ -181,6 +182,25 @@ bool IsNewPrinter(const ListView& before, const PrinterListEntry& entry, DWORD p
            (entry.ownerProcessId == 0 || entry.ownerProcessId == process);
 }
 
+// Whether the machine has the printer. The spooler may have to ask a print server, which takes up to two seconds.
+bool IsOnMachine(const char* printer) {
+    const RegistryKey printers = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_QUERY_VALUE);
+    if (printers && OpenKey(printers.Get(), PrinterKeyName(printer).name, KEY_QUERY_VALUE)) return true;
+    HANDLE opened = nullptr;
+    if (!OpenPrinterA(const_cast<LPSTR>(printer), &opened, nullptr)) return false;
+    ClosePrinter(opened);
+    return true;
+}
+
+// The printer that the value may add: its last entry, when its database does not exist yet. Whoever could add what the
+// machine does not have could fill the list and the service with names. False: that printer is not on the machine.
+bool AddsWhatIsThere(const ListView& after) {
+    if (!after.whole || after.count == 0) return true;
+    const PrinterListEntry last = after.Entry(after.count - 1);
+    if (FindDatabase(TextOf(last.databaseName))) return true;
+    return TextOf(last.printerName).size() < sizeof last.printerName && IsOnMachine(last.printerName);
+}
+
 // Whether the value adds at most one printer and otherwise changes only this process's ownership.
 bool IsEverybodys(const ListView& before, const ListView& after, DWORD process) {
     if (!before.whole || !after.whole) return false;
@@ -243,12 +263,13 @@ namespace {
 // False: only administrators may make this change, and the caller is not known to be one.
 bool StoreList(Database& database, Variable& variable, const Caller& caller, bool administrator, const BYTE* bytes,
                DWORD size, Written* written, ServiceStatus* status) {
+    const bool addsWhatIsThere = administrator || AddsWhatIsThere({bytes, size});
     LockHold hold{g_printersLock};
     *status = kOutOfMemory;
     if (!RefreshFrom(variable)) return true;
     const ListView before{g_list.bytes.data(), g_list.bytes.size()};
     const ListView after{bytes, size};
-    const bool everybodys = IsEverybodys(before, after, caller.association.Process());
+    const bool everybodys = addsWhatIsThere && IsEverybodys(before, after, caller.association.Process());
     if (!everybodys && !administrator) return false;
     const std::vector<Renamed> renamed = everybodys ? std::vector<Renamed>{} : RenamedPrinters(before, after);
     *status = WriteValue(variable, database.store, *caller.group.account, bytes, size, &written->changed);

@@ -3,6 +3,7 @@
 #include "acting_user.h"
 #include "memory_kit.h"
 #include "printer_machine.h"
+#include "product/registry_names.h"
 
 #include <algorithm>
 #include <functional>
@@ -161,6 +162,16 @@ TEST_AS_ROOT(Authority, OthersAddPrintersAndOwnThemAndNothingElse) {
         EXPECT_EQ(AsNobodyIn("TVORSQD_DB", [&](const Database& master) { return write(master, row.after); }),
                   kAccessDenied);
         EXPECT_EQ(machine.master.Value("PrinterDatabase"), row.before);
+    }
+    const Bytes fifth = Changed(Changed(Changed(four, 3, kNameAt, BytesOf("Elsewhere")), 3, 0, Number(9)), 3,
+                                kDatabaseAt, BytesOf("TVORSQD_DB9"));
+    for (const LONG expected : {LONG{kAccessDenied}, LONG{kDone}}) { // unknown to the machine, and then known
+        ASSERT_EQ(write(machine.master, three), kDone);
+        EXPECT_EQ(AsNobodyIn("TVORSQD_DB", [&](const Database& master) { return write(master, fifth); }), expected);
+        HKEY key = nullptr;
+        RegCreateKeyExA(HKEY_LOCAL_MACHINE, (std::string(kPrintersKey) + "\\Elsewhere").c_str(), 0, nullptr, 0,
+                        KEY_WRITE, nullptr, &key, nullptr);
+        RegCloseKey(key);
     }
     // Another's becomes the caller's once the owner, whatever process has its number now, is gone with its event.
     HANDLE event = CreateEventA(nullptr, TRUE, FALSE, "Global\\TVORSQD:Owner:TVORSQD_DB2");
