@@ -166,16 +166,6 @@ Group* MakeGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
 
 } // namespace
 
-Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
-    void* context = nullptr;
-    *fault = caller.Context(&context);
-    if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
-    LockHold hold{g_groupsLock};
-    *fault = caller.Context(&context);
-    if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
-    return MakeGroup(caller, fault);
-}
-
 DatabaseUse::DatabaseUse(const Group& group, DWORD handle) NO_LOCK_ANALYSIS : m_database(FindHandle(group, handle)) {
     if (!m_database || m_database->state.load(std::memory_order_acquire) == DatabaseState::Ready) return;
     m_database->lock.Enter();
@@ -279,14 +269,36 @@ bool IsAdministratorsToken(HANDLE token) {
     return BelongsToSystemAdministrators(groups) || (FindAdministratorsGroup(sid) && BelongsTo(groups, sid.bytes));
 }
 
+// Whether the caller is the user who runs the service, for whom a part of each share is reserved.
+void LearnServiceUser(const Caller& caller, HANDLE token) {
+    const bool is = IsServiceUser(token);
+    if (is) caller.group.account->hasReserve = true;
+    caller.group.serviceUser = is ? ServiceUser::Yes : ServiceUser::No;
+}
+
 } // namespace
 
 bool IsAdministrator(const Caller& caller) {
-    std::atomic<ServiceUser>& known = caller.group.serviceUser;
+    const std::atomic<ServiceUser>& known = caller.group.serviceUser;
     if (known.load() == ServiceUser::Yes) return true;
     KernelHandle token;
     if (!OpenClientsToken(caller, token)) return false;
-    if (known.load() == ServiceUser::Unknown)
-        known.store(IsServiceUser(token.Get()) ? ServiceUser::Yes : ServiceUser::No);
+    if (known.load() == ServiceUser::Unknown) LearnServiceUser(caller, token.Get());
     return known.load() == ServiceUser::Yes || IsAdministratorsToken(token.Get());
+}
+
+Group* CallingGroup(const CallersAssociation& caller, RPC_STATUS* fault) {
+    void* context = nullptr;
+    *fault = caller.Context(&context);
+    if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
+    LockHold hold{g_groupsLock};
+    *fault = caller.Context(&context);
+    if (*fault != RPC_S_OK || context) return static_cast<Group*>(context);
+    Group* group = MakeGroup(caller, fault);
+    if (group) {
+        const Caller first{*group, caller};
+        KernelHandle token;
+        if (OpenClientsToken(first, token)) LearnServiceUser(first, token.Get());
+    }
+    return group;
 }

@@ -74,7 +74,9 @@ void LeaveAccount(Account* account) {
 
 bool Charge(Account& account, Share share, SIZE_T amount) {
     if (!Add(account.held[share], amount, kBounds[share].perUser)) return false;
-    if (Add(g_held[share], amount, kBounds[share].inAll)) return true;
+    const SIZE_T all = kBounds[share].inAll;
+    if (Add(g_held[share], amount, account.hasReserve.load(std::memory_order_relaxed) ? all : all - all / 4))
+        return true;
     account.held[share].fetch_sub(amount, std::memory_order_release);
     return false;
 }

@@ -16,6 +16,7 @@ struct Account {
     Account* next = nullptr;
     DWORD clients = 0; // guarded by the list's lock
     std::atomic<SIZE_T> held[kShareCount] = {};
+    std::atomic<bool> hasReserve = false; // the user who runs the service
     char user[64] = {};
 };
 
@@ -24,7 +25,8 @@ struct Account {
 Account* EnterAccount(const char* user);
 void LeaveAccount(Account* account);
 
-// False when the amount would exceed the user's bound or the bound of all; then nothing is charged.
+// False when the amount would exceed the user's bound or the bound of all; then nothing is charged. A quarter of the
+// latter is reserved for the user who runs the service, so that others together cannot keep that one out.
 bool Charge(Account& account, Share share, SIZE_T amount);
 void GiveBack(Account& account, Share share, SIZE_T amount);
 
