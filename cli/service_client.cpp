@@ -9,6 +9,15 @@ void Check(Answer answer, const std::string& what) {
 
 } // namespace
 
+std::string RunningInstance() {
+    struct Binding {
+        ~Binding() { UnbindStatusDatabase(); }
+    } const binding;
+    product::ServiceInstance instance = 0;
+    if (!BindStatusDatabase() || GetServiceInstance(&instance) != Answer::Done) return "";
+    return std::to_string(instance);
+}
+
 ServiceDatabase::ServiceDatabase(const OpenedPrinter& printer, const std::string& what) : m_what(what) {
     if (!BindStatusDatabase()) Check(Answer::InvalidBinding, m_what);
     std::string name;

@@ -7,6 +7,9 @@
 
 #include "product/program_client.h"
 
+// Which run of the service answers, as text; empty when none does.
+std::string RunningInstance();
+
 // A printer's database as the service has it open for this process.
 class ServiceDatabase {
 public:

@@ -14,6 +14,7 @@
 #include "product.h"
 #include "registry.h"
 #include "restart_pause.h"
+#include "service_client.h"
 
 #include "product/log.h"
 #include "product/object_names.h"
@@ -157,6 +158,20 @@ void Stop(const ServiceHandle& service) {
     WaitForState(service, SERVICE_STOP_PENDING, SERVICE_STOPPED, false);
 }
 
+// The run of the service that an `up` has started and not stopped, which may have been killed: the next one takes over.
+constexpr char kStartedValue[] = "StartedInstance";
+
+void RememberStart() {
+    const LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, kProductKey, kStartedValue, RunningInstance());
+    if (status != ERROR_SUCCESS)
+        LogFailure(SystemFailure(static_cast<uint32_t>(status), "cannot note that the service was started here"));
+}
+
+bool WasStartedByAnother() {
+    const std::string started = ReadText(HKEY_LOCAL_MACHINE, kProductKey, kStartedValue).value_or("");
+    return !started.empty() && started == RunningInstance();
+}
+
 void StopIfPossible(const ServiceHandle& service) {
     try {
         Stop(service);
@@ -204,6 +219,7 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
         try {
             startedHere = true;
             if (!Start(service)) return;
+            RememberStart();
             sides.ServiceIsNew();
             sides.OpenPrinters();
             teller.Tell("service-started", "the status database service runs again");
@@ -265,9 +281,10 @@ Exit UpCommand(const UpOptions& options) {
         TellOfDemoPrinter(teller, *demo);
     }
     const ServiceHandle service = TheService(teller);
-    bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING;
+    bool startedHere = Query(service).dwCurrentState != SERVICE_RUNNING || WasStartedByAnother();
     try {
         if (Start(service)) {
+            if (startedHere) RememberStart();
             teller.Tell("service-started", "the status database service runs", {{"startedHere", startedHere}});
             PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
             if (demo) sides.GiveAccessList(demo->name, demo->accessList);

@@ -36,6 +36,19 @@ TEST(Up, MakesTheProductReadyKeepsItSoAndUndoesItOnInterrupt) {
         EXPECT_EQ(product.Process().Wait(), 0);
         EXPECT_NE(product.Process().Errors().find("starting it again"), std::string::npos);
     }
+    {
+        // One that was killed is followed by another, which takes over what runs and stops it.
+        RunningProduct killed;
+        const int service = ProcessOf(kServiceProgram);
+        killed.Process().KillOnly();
+        ASSERT_TRUE(WaitUntil([] { return OrielJson({"status"})["initialised"] == false; }));
+        TestProcess next = TestProcess::Program(ProgramPath("oriel"), {"up", "--quiet"});
+        ASSERT_TRUE(WaitUntil([] { return OrielJson({"status"})["initialised"] == true; }));
+        EXPECT_EQ(ProcessOf(kServiceProgram), service);
+        next.Interrupt();
+        EXPECT_EQ(next.Wait(), 0);
+        EXPECT_EQ(killed.Process().Wait(), 137);
+    }
     EXPECT_EQ(OrielJson({"status"}, 3)["initialised"], false);
     EXPECT_EQ(ProcessOf(kServiceProgram), 0);
 
