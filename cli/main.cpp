@@ -8,6 +8,8 @@
 #include <CLI/CLI.hpp>
 #include <tvsqdz.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 
@@ -417,9 +419,7 @@ Exit Run(int argc, char** argv) {
     return chosen();
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+Exit RunAndReport(int argc, char** argv) {
     Exit result = Exit::False;
     try {
         DetectColour();
@@ -436,5 +436,16 @@ int main(int argc, char** argv) {
         PrintError(*failure);
         if (result == Exit::Done) result = failure->exitCode;
     }
-    return static_cast<int>(result);
+    return result;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // Without memory for the report of a failure, or for the end of a JSON document, which needs some.
+    std::set_terminate([] {
+        std::fputs("oriel: error: not enough memory\n", stderr);
+        std::_Exit(static_cast<int>(Exit::False));
+    });
+    return static_cast<int>(RunAndReport(argc, argv));
 }

@@ -14,7 +14,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <string>
+#include <stdio.h>
 
 using namespace product;
 
@@ -104,8 +104,11 @@ VOID WINAPI ServiceMain(DWORD, LPSTR*) {
     }
     ReportState(SERVICE_START_PENDING);
     g_exitCode = Run();
-    if (g_exitCode != ERROR_SUCCESS)
-        Log(LogLevel::Error, "the service ends with system error " + std::to_string(g_exitCode));
+    if (g_exitCode != ERROR_SUCCESS) {
+        char text[64];
+        snprintf(text, sizeof text, "the service ends with system error %lu", static_cast<unsigned long>(g_exitCode));
+        Log(LogLevel::Error, text);
+    }
     ReportState(SERVICE_STOPPED);
 }
 

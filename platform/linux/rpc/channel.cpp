@@ -125,7 +125,7 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
     while (channel.received < need) {
         if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(g_timings.rpcMessage);
         const ssize_t count = recv(channel.socket, channel.in.data + channel.received, want - channel.received,
-                                   deadline == kNever || channel.receiveTimeMs != 0 ? 0 : MSG_DONTWAIT);
+                                   deadline == channel.socketDeadline ? 0 : MSG_DONTWAIT);
         if (count > 0) {
             channel.received += static_cast<size_t>(count);
             continue;
@@ -274,17 +274,21 @@ void Trim(Channel& channel) {
     }
 }
 
-void SetReceiveTime(Channel& channel, int milliseconds) {
+void SetReceiveTime(Channel& channel, int milliseconds, int64_t deadline) {
+    channel.socketDeadline = deadline;
     if (milliseconds == channel.receiveTimeMs) return;
     const timeval time{milliseconds / 1000, (milliseconds % 1000) * 1000};
     if (setsockopt(channel.socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) == 0)
         channel.receiveTimeMs = milliseconds;
+    else
+        channel.socketDeadline = kNever;
 }
 
 void CloseSocket(Channel& channel) {
     if (channel.socket >= 0) close(channel.socket);
     channel.socket = -1;
     channel.receiveTimeMs = 0;
+    channel.socketDeadline = kNever;
     channel.received = channel.consumed = 0;
 }
 

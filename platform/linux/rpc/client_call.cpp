@@ -95,7 +95,7 @@ RPC_STATUS OrCancelled(RPC_STATUS status, int64_t deadline) {
 
 // A stopped server accepts what fits its socket, and no more. Calls with the same limit need no system call for it.
 void LimitTimes(Connection& connection) {
-    SetReceiveTime(connection.channel, static_cast<int>(connection.timeMs));
+    SetReceiveTime(connection.channel, static_cast<int>(connection.timeMs), connection.deadline);
     const auto usual = static_cast<int>(g_timings.rpcSend);
     const int left = connection.deadline != kNever ? std::max(LeftMs(connection.deadline), 1) : usual;
     const bool shorter = left < usual;

@@ -8,6 +8,7 @@
 #include "base/descriptor.h"
 #include "base/lock.h"
 #include "base/steps.h"
+#include "base/thread_end.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <sys/syscall.h>
@@ -140,16 +142,11 @@ void SetOwn(std::unique_ptr<const Credentials> own) {
     if (IsFirstThread()) g_firstThreadsOwn = t_own;
 }
 
-// Frees them at the end of the thread. Armed only by a thread that impersonates: the C library registers a destructor
-// under the loader's lock, which a thread that unloads a library may hold while it waits for this one.
-struct ThreadEnd {
-    bool armed = false;
-    ~ThreadEnd() {
-        SetOwn(nullptr);
-        delete std::exchange(t_client, nullptr);
-    }
-};
-thread_local ThreadEnd t_end;
+// Frees them at the end of a thread that impersonates.
+const ThreadEnd kEnd([](void*) {
+    SetOwn(nullptr);
+    delete std::exchange(t_client, nullptr);
+});
 
 // The thread that forked is the first one of the child.
 void InForkChild() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
@@ -191,7 +188,7 @@ bool ImpersonatedCredentials(Credentials& credentials) {
 }
 
 void SpeakFor(std::unique_ptr<Credentials> client) {
-    if (client != nullptr) t_end.armed = true;
+    if (client != nullptr && !kEnd.Arm()) throw std::bad_alloc();
     delete std::exchange(t_client, client.release());
 }
 
@@ -212,7 +209,7 @@ DWORD ActAs(const Credentials& credentials) {
     // A thread that acts for one user switches to the next through its own user, who may.
     if (!TakeOn(*own)) return ERROR_PRIVILEGE_NOT_HELD;
     const bool first = t_own == nullptr;
-    t_end.armed = true;
+    if (!kEnd.Arm()) return ERROR_NOT_ENOUGH_MEMORY;
     SetOwn(std::move(own)); // before the change, which other threads may see at once
     if (TakeOn(credentials)) return ERROR_SUCCESS;
     if (!TakeOn(before)) std::abort();

@@ -4,6 +4,7 @@
 #include "base/call.h"
 #include "base/lock.h"
 #include "base/steps.h"
+#include "base/thread_end.h"
 #include "window/window_files.h"
 
 #include <algorithm>
@@ -32,22 +33,18 @@ QueueTable& Queues() {
 thread_local ThreadQueue* t_queue = nullptr;
 
 // A thread that ends destroys its windows.
-struct QueueEnd {
-    bool armed = false;
-    ~QueueEnd() {
-        const TerminationHold untilDone;
-        ThreadQueue* queue = std::exchange(t_queue, nullptr);
-        if (queue == nullptr) return;
-        while (!queue->windows.empty())
-            DropWindow(*queue, queue->windows.back());
-        {
-            const LockHold hold(Queues().lock);
-            std::erase(Queues().queues, queue);
-        }
-        delete queue;
+const ThreadEnd kQueueEnd([](void*) {
+    const TerminationHold untilDone;
+    ThreadQueue* queue = std::exchange(t_queue, nullptr);
+    if (queue == nullptr) return;
+    while (!queue->windows.empty())
+        DropWindow(*queue, queue->windows.back());
+    {
+        const LockHold hold(Queues().lock);
+        std::erase(Queues().queues, queue);
     }
-};
-thread_local QueueEnd t_queueEnd;
+    delete queue;
+});
 
 // For a process that calls exit() while other threads still have windows.
 void RemoveAllWindows() {
@@ -106,8 +103,8 @@ ThreadQueue* MakeOwnQueue() {
         return Fail(ERROR_TOO_MANY_OPEN_FILES, nullptr);
     WatchForFork();
     static const int atExit = std::atexit(RemoveAllWindows);
-    (void)atExit;            // when out of memory, the next search removes them
-    t_queueEnd.armed = true; // arms the destructor at thread end
+    (void)atExit; // when out of memory, the next search removes them
+    if (!kQueueEnd.Arm()) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     const LockHold hold(Queues().lock);
     Queues().queues.push_back(queue.get());
     t_queue = queue.release();
