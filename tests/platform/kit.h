@@ -242,8 +242,8 @@ void ReplaceFile(const std::string& path, const std::string& bytes, unsigned mod
 enum class Plant { kLink, kPipe, kDirectory, kHardLink };
 constexpr Plant kPlants[] = {Plant::kLink, Plant::kPipe, Plant::kDirectory}; // that nobody takes for the file
 bool PlantInPlace(const std::string& path, Plant plant, const std::string& target = "");
-// Locks a file until the process ends: as a writer who does not come to an end, or as any reader can. The child
-// procedure HoldsAFile does so too with its argument, a file or the folder of objects (".").
+// Locks a file in every way until the process ends: as a writer who does not come to an end, or as any reader can. The
+// child procedure HoldsAFile does so too with its argument, a file or the folder of objects (".").
 bool LockWholeFile(const std::string& path, bool asReader = false);
 // Holds a file in the folder of objects as a process that has the object, or the folder (".") as one that opens an
 // object, until the process ends.

@@ -45,7 +45,7 @@ bool LockWholeFile(const std::string& path, bool asReader) {
     const int file = open(path.c_str(), (asReader ? O_RDONLY : O_RDWR) | O_CLOEXEC);
     struct flock lock {};
     lock.l_type = asReader ? F_RDLCK : F_WRLCK;
-    return file >= 0 && fcntl(file, F_SETLK, &lock) == 0;
+    return file >= 0 && fcntl(file, F_SETLK, &lock) == 0 && flock(file, LOCK_EX) == 0;
 }
 
 bool HoldObject(const std::string& name) {

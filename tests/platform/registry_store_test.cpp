@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
 
 const HKEY kMachine = HKEY_LOCAL_MACHINE;
 
-std::string MachineStore() {
-    return PrivateDirectory() + "/state/registry/HKLM.sqlite";
+std::string MachineStore(const char* suffix = ".sqlite") {
+    return PrivateDirectory() + "/state/registry/HKLM" + suffix;
 }
 
 } // namespace
@@ -44,6 +44,18 @@ CHILD_PROCESS(IsAnotherUser) {
     child.Say(said + ReadWholeFile(PrivateDirectory() + "/state/registry/users/0/HKCU.sqlite"));
     child.Hear();
     child.Say(GetValue(OpenKey(kMachine, "K", KEY_READ), "v").data);
+    return 0;
+}
+
+CHILD_PROCESS(ReadsTheMachinesPart) {
+    oriel::g_timings.registryBusy = 50;
+    if (!BecomeNobody()) return 1;
+    do {
+        HKEY key = nullptr;
+        const LSTATUS status = RegOpenKeyExA(kMachine, "K", 0, KEY_READ, &key);
+        child.Say(std::to_string(status) + " " + GetValue(key, "v").data);
+        RegCloseKey(key);
+    } while (!child.Hear().empty());
     return 0;
 }
 
@@ -90,14 +102,56 @@ TEST(RegistryCampaign, ChangesAreWholeWhoeverIsKilled) {
 
 TEST(RegistryStore, ThatIsHeldIsBusyNotWaitedForEndlessly) {
     HKEY key = CreateKey(kMachine, "K");
-    TestProcess holder = Ready("HoldsAFile", {MachineStore()});
+    TestProcess holder = Ready("HoldsAFile", {MachineStore(".lock")});
     oriel::g_timings.registryBusy = 100;
     const double begin = NowMs();
     EXPECT_EQ(SetValue(key, "v", "1"), ERROR_BUSY);
     EXPECT_GE(NowMs() - begin, 99);
     EXPECT_LT(NowMs() - begin, 4000);
+    EXPECT_EQ(GetValue(key, "v").status, ERROR_FILE_NOT_FOUND) << "who reads needs no lock";
     holder.Kill();
     EXPECT_EQ(SetValue(key, "v", "1"), ERROR_SUCCESS);
+}
+
+CHILD_PROCESS(LocksAllThatItMayRead) {
+    if (!BecomeNobody()) return 1;
+    std::string said;
+    for (const auto& entry : fs::recursive_directory_iterator(PrivateDirectory() + "/state"))
+        if (entry.is_regular_file() && LockWholeFile(entry.path(), true))
+            said += entry.path().filename().string() + " ";
+    child.Say(said.find("HKLM.sqlite") != said.npos && said.find(".lock") == said.npos ? "ready" : said);
+    child.Hear();
+    return 0;
+}
+
+TEST_AS_ROOT(RegistryStore, NothingThatAReaderDoesHoldsUpAWriter) {
+    HKEY key = CreateKey(kMachine, "K");
+    TestProcess reader = Ready("LocksAllThatItMayRead");
+    for (const std::string text : {"1", "2"}) {
+        const double begin = NowMs();
+        EXPECT_EQ(SetValue(key, "v", text), ERROR_SUCCESS);
+        EXPECT_EQ(GetValue(key, "v").data, text);
+        EXPECT_LT(NowMs() - begin, 300);
+    }
+}
+
+// A number that is odd says that a change is being written; here its writer is gone.
+TEST_AS_ROOT(RegistryStore, AChangeWithoutAnEndIsPutRightByWhoMayWrite) {
+    SetValue(CreateKey(kMachine, "K"), "v", "first");
+    TestProcess other("ReadsTheMachinesPart");
+    EXPECT_EQ(other.Hear(), "0 first");
+    std::string record = ReadWholeFile(MachineStore(".seq"));
+    ASSERT_EQ(record.size(), 40U);
+    record[24] ^= 1;
+    record[32] ^= 1;
+    // Told by who has it open, who opens it now, and again after a restart of the system.
+    ReplaceFile(MachineStore(".seq"), record);
+    EXPECT_EQ(other.Ask("again"), "0 first") << "what was read before is still right";
+    EXPECT_EQ(TestProcess("ReadsTheMachinesPart").Hear(), std::to_string(ERROR_BUSY) + " ");
+    EXPECT_EQ(GetValue(OpenKey(kMachine, "K"), "v").data, "first");
+    SetValue(OpenKey(kMachine, "K"), "v", "second");
+    EXPECT_EQ(other.Ask("again"), "0 second");
+    EXPECT_EQ(TestProcess("ReadsTheMachinesPart").Hear(), "0 second");
 }
 
 TEST(RegistryCampaign, DamageIsToldAndNeverTakenForData) {
@@ -129,17 +183,30 @@ TEST(RegistryCampaign, DamageIsToldAndNeverTakenForData) {
 }
 
 TEST(RegistryStore, ThatIsNoneIsRefused) {
-    SetValue(CreateKey(kMachine, "K"), "v", "1");
+    HKEY key = CreateKey(kMachine, "K");
+    SetValue(key, "v", "1");
     const std::string elsewhere = PrivateDirectory() + "/elsewhere";
-    ReplaceFile(elsewhere, ReadWholeFile(MachineStore()));
-    for (const Plant plant : kPlants) {
-        ASSERT_TRUE(PlantInPlace(MachineStore(), plant, elsewhere));
-        EXPECT_EQ(GetValue(kMachine, "v").status, ERROR_BADDB) << static_cast<int>(plant);
-        EXPECT_EQ(SetValue(kMachine, "v", "2"), ERROR_BADDB) << static_cast<int>(plant);
+    const std::string store = ReadWholeFile(MachineStore());
+    ReplaceFile(elsewhere, store);
+    for (const char* suffix : {".sqlite", ".lock", ".seq", ".sqlite-journal"}) {
+        for (const Plant plant : {Plant::kLink, Plant::kHardLink, Plant::kPipe, Plant::kDirectory}) {
+            ASSERT_TRUE(PlantInPlace(MachineStore(suffix), plant, elsewhere));
+            const LSTATUS read = GetValue(key, "v").status, written = SetValue(key, "v", "2");
+            EXPECT_EQ(read, suffix == std::string(".sqlite") ? ERROR_BADDB : ERROR_SUCCESS) << suffix << int(plant);
+            EXPECT_TRUE(written == ERROR_BADDB) << suffix << int(plant) << written;
+            EXPECT_EQ(ReadWholeFile(elsewhere), store) << "no link is followed: " << suffix << int(plant);
+        }
+        fs::remove_all(MachineStore(suffix));
+        if (suffix == std::string(".sqlite")) ReplaceFile(MachineStore(), store);
+        EXPECT_EQ(SetValue(key, "v", "1"), ERROR_SUCCESS) << suffix;
     }
-    ReplaceFile(MachineStore(), "text, and no database at all");
-    EXPECT_EQ(SetValue(kMachine, "v", "2"), ERROR_BADDB);
-    EXPECT_EQ(ReadWholeFile(MachineStore()), "text, and no database at all");
+    // A store that lost its content is no empty registry.
+    for (const char* content : {"", "text, and no database at all"}) {
+        ReplaceFile(MachineStore(), content);
+        EXPECT_EQ(GetValue(kMachine, "v").status, ERROR_BADDB);
+        EXPECT_EQ(SetValue(kMachine, "v", "2"), ERROR_BADDB);
+        EXPECT_EQ(ReadWholeFile(MachineStore()), content);
+    }
     fs::remove(MachineStore()); // gone altogether: an empty registry again
     EXPECT_EQ(GetValue(kMachine, "v").status, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(SetValue(kMachine, "v", "3"), ERROR_SUCCESS);

@@ -4,7 +4,6 @@
 #include "base/directories.h"
 #include "text/names.h"
 
-#include <cerrno>
 #include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,16 +56,7 @@ constexpr const char* kRegistryStatements[] = {
     "DELETE FROM keys WHERE path = ?1 OR (path > ?2 AND path < ?3)",
 };
 
-bool IsOwned(const struct stat& directory) {
-    return S_ISDIR(directory.st_mode) && directory.st_uid == geteuid();
-}
-
-// Makes a directory with exactly this mode, whatever the umask. An existing one keeps its mode.
-bool MakeDirectory(const std::string& path, mode_t mode) {
-    if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
-    return chmod(path.c_str(), mode) == 0;
-}
-
+// Empty when it cannot be made, or another user made it.
 std::string RegistryDirectory(bool create) {
     const std::string& state = create ? MakeStateDirectory() : StateDirectory();
     if (state.empty()) return {};
@@ -74,10 +64,10 @@ std::string RegistryDirectory(bool create) {
     // Only the owner of the state directory or root makes the shared folders: those that another user made would belong
     // to that user.
     struct stat directory {};
-    if (create && stat(state.c_str(), &directory) == 0 && (IsOwned(directory) || geteuid() == 0)) {
-        if (!MakeDirectory(registry, 0755) || !MakeDirectory(registry + "/users", 01777)) return {};
+    if (create && stat(state.c_str(), &directory) == 0 && (directory.st_uid == geteuid() || geteuid() == 0)) {
+        if (!MakeSafeDirectory(registry, 0755) || !MakeSafeDirectory(registry + "/users", 01777)) return {};
     }
-    return registry;
+    return lstat(registry.c_str(), &directory) != 0 || IsSafeDirectory(registry) ? registry : "";
 }
 
 std::string MachinePath(bool create) {
@@ -89,10 +79,12 @@ std::string UserPath(bool create) {
     const std::string registry = RegistryDirectory(create);
     if (registry.empty()) return registry;
     const std::string own = registry + "/users/" + std::to_string(geteuid());
-    if (create && !MakeDirectory(own, 0700)) return {};
+    if (create && !MakeSafeDirectory(own, 0700)) return {};
     // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted.
     struct stat directory {};
-    if (lstat(own.c_str(), &directory) == 0 && (!IsOwned(directory) || (directory.st_mode & 022) != 0)) return {};
+    if (lstat(own.c_str(), &directory) == 0 &&
+        (!S_ISDIR(directory.st_mode) || directory.st_uid != geteuid() || (directory.st_mode & 022) != 0))
+        return {};
     return own + "/HKCU.sqlite";
 }
 

@@ -71,7 +71,7 @@ Database& SpoolStore() {
 }
 
 DWORD ListPrinters(std::vector<Printer>* printers) {
-    DatabaseHold hold(g_spool, DatabaseUse::Look);
+    DatabaseHold hold(g_spool, DatabaseUse::Snapshot);
     // Nothing was ever added.
     if (hold.Error() == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
     Query row(hold, kList);

@@ -8,44 +8,43 @@
 #include "base/lock.h"
 #include "base/steps.h"
 #include "base/timings.h"
-#include "store/checked_pages.h"
 
 #include <cerrno>
-#include <ctime>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <winerror.h>
 
 namespace oriel {
 namespace {
 
-constexpr int64_t kBusySliceMs = 5;
-
 // Every database of the process, by its rank.
 Database* g_databases[3];
 
-std::string DirectoryOf(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
+// SQLite's journal of the store at this path; a file beside it (files.h).
+std::string JournalOf(const std::string& path) {
+    return path + "-journal";
+}
+std::string Beside(const std::string& path, const char* suffix) {
+    return path.substr(0, path.rfind('.')) + suffix;
 }
 
-DWORD FileError(int error) {
-    return error == ENOENT || error == ENOTDIR ? ERROR_FILE_NOT_FOUND : SystemError(error);
+int64_t BusyDeadline() {
+    return DeadlineAfter(g_timings.registryBusy);
 }
 
 DWORD ErrorOf(sqlite3* connection, int result) {
-    // The writer of a change died, and this user may not roll it back. The next user who may write does it.
-    if (result == SQLITE_READONLY_ROLLBACK) return ERROR_BUSY;
+    if (result == kStoreMoved) return ERROR_BUSY;
     if (result == SQLITE_IOERR_DATA) return ERROR_BADDB;
+    if (result == SQLITE_IOERR_NOMEM) return ERROR_NOT_ENOUGH_MEMORY;
     switch (result & 0xff) {
     case SQLITE_OK:
     case SQLITE_ROW:
     case SQLITE_DONE:
         return ERROR_SUCCESS;
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-        return ERROR_BUSY;
     case SQLITE_READONLY:
     case SQLITE_PERM:
     case SQLITE_AUTH:
@@ -62,35 +61,6 @@ DWORD ErrorOf(sqlite3* connection, int result) {
         // The statements fit the schema. If they fail, the file is damaged.
         return ERROR_BADDB;
     }
-}
-
-// Refuses links, pipes and files of other users. The owner of the directory decides what is in it.
-DWORD CheckFile(const std::string& path) {
-    struct stat file {};
-    struct stat directory {};
-    if (lstat(path.c_str(), &file) != 0 || stat(DirectoryOf(path).c_str(), &directory) != 0) return FileError(errno);
-    if (!S_ISREG(file.st_mode)) return ERROR_BADDB;
-    if (file.st_uid != geteuid() && file.st_uid != 0 && file.st_uid != directory.st_uid) return ERROR_ACCESS_DENIED;
-    return ERROR_SUCCESS;
-}
-
-// Creates an empty file, which is an empty database to SQLite. No connection may be open: close() would drop the locks
-// of the process on the file.
-DWORD CreateFileIfMissing(const std::string& path, mode_t mode) {
-    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (file < 0) return errno == EEXIST ? ERROR_SUCCESS : FileError(errno);
-    const int result = fchmod(file, mode);
-    const int error = errno;
-    close(file);
-    return result == 0 ? ERROR_SUCCESS : FileError(error);
-}
-
-// Another process has locked the file: retry soon, unless it takes too long or this thread is to be terminated.
-int WhenBusy(void*, int count) {
-    if (TerminationAsked() || count >= g_timings.registryBusy / kBusySliceMs) return 0;
-    const timespec slice{0, kBusySliceMs * kNsPerMs};
-    nanosleep(&slice, nullptr);
-    return 1;
 }
 
 int Execute(sqlite3* connection, const char* text) {
@@ -119,6 +89,22 @@ int ReadIdentity(sqlite3* connection, Identity* identity) {
     return result;
 }
 
+// Whether a journal is there that a writer did not remove. One that cannot be read counts too.
+bool JournalIsLeft(const std::string& path) {
+    constexpr unsigned char kMagic[] = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
+    unsigned char begin[sizeof kMagic];
+    Descriptor journal;
+    const DWORD error = OpenFile(JournalOf(path), O_RDONLY, 0, &journal);
+    if (error != ERROR_SUCCESS) return error != ERROR_FILE_NOT_FOUND;
+    return pread(journal.Get(), begin, sizeof begin, 0) == sizeof begin &&
+           std::memcmp(begin, kMagic, sizeof begin) == 0;
+}
+
+struct ConnectionGuard {
+    sqlite3* connection = nullptr;
+    ~ConnectionGuard() { sqlite3_close(connection); }
+};
+
 } // namespace
 
 Database::Database(const DatabaseKind& kind, DatabaseRank rank) : m_kind(kind) {
@@ -141,6 +127,9 @@ struct DatabaseFork {
             if (database == nullptr) continue;
             database->m_connection = nullptr;
             database->m_statements.clear();
+            database->m_isPrepared = false;
+            database->m_file = StoreFile();
+            database->m_writersLock.Forget();
             database->m_lock.unlock();
         }
     }
@@ -160,80 +149,105 @@ bool Database::MayWrite() const {
     return false;
 }
 
-DWORD Database::Open(bool create) {
-    // A file that was replaced or deleted is opened anew.
-    int moved = 0;
-    if (m_connection != nullptr &&
-        sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved == 0)
-        return ERROR_SUCCESS;
-    Close();
-    const DWORD error = Connect(create);
-    if (error != ERROR_SUCCESS) Close();
+DWORD Database::Begin(DatabaseUse use) {
+    if (use == DatabaseUse::Change) return BeginChange();
+    DWORD error = Open();
+    if (error == ERROR_SUCCESS) error = Settle(use == DatabaseUse::Look ? Need::Cache : Need::Whole, BusyDeadline());
     return error;
 }
 
-DWORD Database::Connect(bool create) {
-    const std::string path = m_kind.path(create);
-    if (path.empty()) return create || MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
-    DWORD error = ERROR_SUCCESS;
-    if (create) error = CreateFileIfMissing(path, m_kind.mode);
-    if (error == ERROR_SUCCESS) error = CheckFile(path);
-    // Only another user may make the folder.
-    if (create && error == ERROR_FILE_NOT_FOUND) error = ERROR_ACCESS_DENIED;
+DWORD Database::Open() {
+    // A file that was replaced or deleted is opened anew.
+    int moved = 0;
+    if (m_isPrepared && sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+        moved == 0)
+        return ERROR_SUCCESS;
+    Close();
+    const DWORD error = Connect();
+    m_isPrepared = error == ERROR_SUCCESS;
+    if (!m_isPrepared) Close();
+    return error;
+}
+
+DWORD Database::Connect() {
+    m_path = m_kind.path(false);
+    if (m_path.empty()) return MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
+    int64_t size = 0;
+    const DWORD error = CheckFile(m_path, &size);
     if (error != ERROR_SUCCESS) return error;
+    // A new store appears whole, so this one has lost what was in it.
+    if (size == 0) return ERROR_BADDB;
 
     WatchForFork();
-    const char* vfs = CheckedPagesVfs();
+    const char* vfs = FileLayer();
     if (vfs == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    m_file.sequence.Place(Beside(m_path, ".seq"));
     // Without SQLITE_OPEN_CREATE, and read-only where the user may not write. m_lock replaces the mutex of SQLite.
-    int result = sqlite3_open_v2(path.c_str(), &m_connection,
-                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, vfs);
+    const int result = sqlite3_open_v2(m_path.c_str(), &m_connection,
+                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, vfs);
     if (result != SQLITE_OK) return ErrorOf(m_connection, result);
-    sqlite3_busy_handler(m_connection, WhenBusy, nullptr);
+    AttachStoreFile(m_connection, &m_file);
     // Another user may have written the file: its schema is not trusted.
     sqlite3_db_config(m_connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(m_connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    result = Execute(m_connection, "PRAGMA cell_size_check = ON; PRAGMA temp_store = MEMORY");
-    if (result != SQLITE_OK) return ErrorOf(m_connection, result);
-
-    Identity identity;
-    result = ReadIdentity(m_connection, &identity);
-    if (result != SQLITE_OK) return ErrorOf(m_connection, result);
-    if (identity.pages == 0) {
-        if (!create) return ERROR_FILE_NOT_FOUND; // created by another process, not yet filled
-        error = CreateSchema();
-        if (error != ERROR_SUCCESS) return error;
-        result = ReadIdentity(m_connection, &identity);
-        if (result != SQLITE_OK) return ErrorOf(m_connection, result);
+    const int64_t deadline = BusyDeadline();
+    for (;;) {
+        DWORD prepared = Settle(Need::Pages, deadline);
+        if (prepared != ERROR_SUCCESS) return prepared;
+        prepared = Prepare();
+        if (prepared != ERROR_BUSY || MonotonicNs() >= deadline) return prepared;
     }
-    if (identity.applicationId != m_kind.applicationId || identity.version != m_kind.version) return ERROR_BADDB;
+}
 
-    for (const char* text : m_kind.statements) {
-        sqlite3_stmt* statement = nullptr;
-        result = sqlite3_prepare_v3(m_connection, text, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+// ERROR_BUSY: the file was changed meanwhile.
+DWORD Database::Prepare() {
+    // A change is written to the file when it is committed, not before, and then readers have to wait for it.
+    int result = Execute(m_connection, "PRAGMA cell_size_check = ON; PRAGMA temp_store = MEMORY;"
+                                       "PRAGMA cache_spill = OFF; PRAGMA synchronous = EXTRA");
+    Identity identity;
+    if (result == SQLITE_OK) result = ReadIdentity(m_connection, &identity);
+    if (result != SQLITE_OK) return ErrorOf(m_connection, result);
+    if (identity.applicationId != m_kind.applicationId || identity.version != m_kind.version) return ERROR_BADDB;
+    m_statements.resize(m_kind.statements.size());
+    for (size_t at = 0; at < m_statements.size(); ++at) {
+        if (m_statements[at] != nullptr) continue;
+        result = sqlite3_prepare_v3(m_connection, m_kind.statements[at], -1, SQLITE_PREPARE_PERSISTENT,
+                                    &m_statements[at], nullptr);
         if (result != SQLITE_OK) return ErrorOf(m_connection, result);
-        m_statements.push_back(statement);
     }
     return ERROR_SUCCESS;
 }
 
-DWORD Database::CreateSchema() {
-    // The text of the PRAGMA below.
-    static_assert(kPageSize == 4096);
-    int reserve = kPageReserve;
-    int result = sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserve);
-    if (result == SQLITE_OK) result = Execute(m_connection, "PRAGMA page_size = 4096; BEGIN IMMEDIATE");
-    int64_t version = 0;
-    if (result == SQLITE_OK) result = ReadNumber(m_connection, "PRAGMA user_version", &version);
-    // Another process may have created the schema first.
-    if (result == SQLITE_OK && version == 0) {
-        const std::string text = std::string(m_kind.schema) +
+// With the writers' lock: whoever looks for the store finds none, or all of it.
+DWORD Database::CreateStore(const std::string& path) {
+    const char* vfs = FileLayer();
+    if (vfs == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    const std::string fresh = path + ".new";
+    Descriptor file;
+    unlink(fresh.c_str());
+    const DWORD error = OpenFile(fresh, O_RDWR | O_CREAT, m_kind.mode, &file);
+    if (error != ERROR_SUCCESS) return error;
+    {
+        ConnectionGuard guard;
+        int result = sqlite3_open_v2(fresh.c_str(), &guard.connection,
+                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, vfs);
+        int reserve = kPageReserve;
+        if (result == SQLITE_OK)
+            result = sqlite3_file_control(guard.connection, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserve);
+        // The text has the size of pages.
+        static_assert(kPageSize == 4096);
+        const std::string text = "PRAGMA page_size = 4096; PRAGMA journal_mode = OFF; BEGIN;" +
+                                 std::string(m_kind.schema) +
                                  "; PRAGMA application_id = " + std::to_string(m_kind.applicationId) +
-                                 "; PRAGMA user_version = " + std::to_string(m_kind.version);
-        result = Execute(m_connection, text.c_str());
+                                 "; PRAGMA user_version = " + std::to_string(m_kind.version) + "; COMMIT";
+        if (result == SQLITE_OK) result = Execute(guard.connection, text.c_str());
+        if (result != SQLITE_OK) return ErrorOf(guard.connection, result);
     }
-    if (result == SQLITE_OK) result = Execute(m_connection, "COMMIT");
-    return ErrorOf(m_connection, result);
+    // The journal of a store that is gone must not be rolled back into this one.
+    if (fsync(file.Get()) != 0 || (unlink(JournalOf(path).c_str()) != 0 && errno != ENOENT) ||
+        rename(fresh.c_str(), path.c_str()) != 0)
+        return FileError(errno);
+    return SyncDirectory(DirectoryOf(path)) ? ERROR_SUCCESS : FileError(errno);
 }
 
 void Database::Close() {
@@ -242,6 +256,87 @@ void Database::Close() {
     m_statements.clear();
     sqlite3_close(m_connection);
     m_connection = nullptr;
+    m_isPrepared = false;
+    m_file.sequence.Close();
+    m_file.known = false;
+    m_file.image = nullptr;
+}
+
+bool Database::IsReadable(const SequenceState& state) const {
+    // A number of another run of the system may be older than the store. Then a journal tells that there was a change.
+    return state.Rests() && (state.isOfThisBoot || !JournalIsLeft(m_path));
+}
+
+DWORD Database::Settle(Need need, int64_t deadline) {
+    if (m_file.writing) return ERROR_SUCCESS;
+    Pauses pauses;
+    for (;;) {
+        const SequenceState state = m_file.sequence.Read();
+        if (need == Need::Cache && m_file.known && state.number - m_file.number <= 1) return ERROR_SUCCESS;
+        if (IsReadable(state)) {
+            const int result = LoadState(m_connection, m_file, state.number, need == Need::Whole);
+            if (result != kStoreMoved) return ErrorOf(m_connection, result);
+        } else if (RecoverFromDeadWriter()) {
+            continue;
+        }
+        if (!pauses.Pause(deadline)) return ERROR_BUSY;
+    }
+}
+
+// True when a change was rolled back whose writer had died. False while the writer lives, and for users who may not
+// write: for them the next one who may does it.
+bool Database::RecoverFromDeadWriter() {
+    if (m_writersLock.Acquire(Beside(m_path, ".lock"), 0) != ERROR_SUCCESS) return false;
+    m_file.writing = true;
+    const bool recovered = BeginTransaction() == ERROR_SUCCESS;
+    End(false);
+    return recovered;
+}
+
+DWORD Database::BeginChange() {
+    const std::string path = m_kind.path(true);
+    if (path.empty()) return ERROR_ACCESS_DENIED;
+    DWORD error = m_writersLock.Acquire(Beside(path, ".lock"), BusyDeadline());
+    // Only another user may make the folder.
+    if (error == ERROR_FILE_NOT_FOUND) return ERROR_ACCESS_DENIED;
+    if (error != ERROR_SUCCESS) return error;
+    m_file.writing = true;
+    error = CheckFile(path);
+    if (error == ERROR_FILE_NOT_FOUND) error = CreateStore(path);
+    if (error == ERROR_SUCCESS) error = Open();
+    // It may have been opened on behalf of a user who may not write.
+    if (error == ERROR_SUCCESS && sqlite3_db_readonly(m_connection, "main") != 0) {
+        Close();
+        error = Open();
+    }
+    return error == ERROR_SUCCESS ? BeginTransaction() : error;
+}
+
+DWORD Database::BeginTransaction() {
+    DWORD error = m_file.sequence.OpenToWrite(m_kind.mode);
+    if (error != ERROR_SUCCESS) return error;
+    const SequenceState state = m_file.sequence.Read();
+    m_file.marked = !state.Rests();
+    // Rolls back what a dead writer left.
+    error = ErrorOf(m_connection, Execute(m_connection, "BEGIN IMMEDIATE"));
+    return error == ERROR_SUCCESS && !state.isOfThisBoot ? m_file.sequence.Write(state.number) : error;
+}
+
+void Database::End(bool committed) {
+    m_file.image = nullptr;
+    if (!m_file.writing) return;
+    bool isSound = committed;
+    if (!committed && m_connection != nullptr) {
+        Execute(m_connection, "ROLLBACK");
+        // A transaction can begin only where nothing is left of another.
+        isSound = !m_file.marked || (Execute(m_connection, "BEGIN IMMEDIATE") == SQLITE_OK &&
+                                     Execute(m_connection, "ROLLBACK") == SQLITE_OK);
+    }
+    // Otherwise it stays odd, and the next writer tries again.
+    if (m_file.marked && isSound) m_file.sequence.Write(m_file.sequence.Read().number + 1);
+    m_file.marked = false;
+    m_file.writing = false;
+    m_writersLock.Release();
 }
 
 // At unload and at exit. A connection in use by another thread is left to the kernel.
@@ -255,24 +350,18 @@ void Database::CloseAll() {
         else
             all = false;
     }
-    if (all) UnregisterCheckedPagesVfs();
+    if (all) UnregisterFileLayer();
 }
 
-DatabaseHold::DatabaseHold(Database& database, DatabaseUse use) : m_database(database), m_held(database.m_lock) {
-    m_error = database.Open(use == DatabaseUse::Change);
-    if (m_error != ERROR_SUCCESS || use == DatabaseUse::Look) return;
-    m_inTransaction = Execute(use == DatabaseUse::Change ? "BEGIN IMMEDIATE" : "BEGIN");
+DatabaseHold::DatabaseHold(Database& database, DatabaseUse use)
+    : m_database(database), m_held(database.m_lock), m_use(use) {
+    m_error = CatchLackOfMemory([&] { return database.Begin(use); }, [] { return DWORD{ERROR_NOT_ENOUGH_MEMORY}; });
 }
 
 DatabaseHold::~DatabaseHold() {
-    if (m_inTransaction) sqlite3_exec(m_database.m_connection, "ROLLBACK", nullptr, nullptr, nullptr);
+    m_database.End(false);
     // The next use opens the file again: somebody may have repaired it.
     if (m_error == ERROR_BADDB || m_error == ERROR_REGISTRY_IO_FAILED) m_database.Close();
-}
-
-bool DatabaseHold::Execute(const char* text) {
-    Note(ErrorOf(m_database.m_connection, oriel::Execute(m_database.m_connection, text)));
-    return m_error == ERROR_SUCCESS;
 }
 
 void DatabaseHold::Note(DWORD error) {
@@ -280,7 +369,9 @@ void DatabaseHold::Note(DWORD error) {
 }
 
 DWORD DatabaseHold::Commit() {
-    if (m_error == ERROR_SUCCESS && Execute("COMMIT")) m_inTransaction = false;
+    if (m_error != ERROR_SUCCESS) return m_error;
+    m_error = ErrorOf(m_database.m_connection, Execute(m_database.m_connection, "COMMIT"));
+    if (m_error == ERROR_SUCCESS) m_database.End(true);
     return m_error;
 }
 
@@ -294,7 +385,7 @@ Query::~Query() {
 }
 
 Query& Query::Bind(int64_t number) {
-    if (m_statement != nullptr) sqlite3_bind_int64(m_statement, ++m_bound, number);
+    if (m_statement != nullptr) NoteResult(sqlite3_bind_int64(m_statement, ++m_bound, number));
     return *this;
 }
 
@@ -302,13 +393,35 @@ Query& Query::Bind(std::string_view bytes) {
     // SQLite stores a null pointer as NULL, not as an empty value.
     const char* data = bytes.data() != nullptr ? bytes.data() : "";
     if (m_statement != nullptr)
-        sqlite3_bind_blob(m_statement, ++m_bound, data, static_cast<int>(bytes.size()), SQLITE_STATIC);
+        NoteResult(sqlite3_bind_blob(m_statement, ++m_bound, data, static_cast<int>(bytes.size()), SQLITE_STATIC));
     return *this;
 }
 
+void Query::NoteResult(int result) {
+    if (result != SQLITE_OK) m_hold.Note(ErrorOf(m_hold.m_database.m_connection, result));
+}
+
+// The state that a look began with may be gone. The first row can be asked for again from another.
+int Query::Step() {
+    int result = sqlite3_step(m_statement);
+    if (m_hold.m_use != DatabaseUse::Look || std::exchange(m_isBegun, true)) return result;
+    Database& database = m_hold.m_database;
+    const int64_t deadline = BusyDeadline();
+    while (result == kStoreMoved && MonotonicNs() < deadline) {
+        sqlite3_reset(m_statement);
+        // Another query of the hold keeps the old state.
+        if (sqlite3_txn_state(database.m_connection, "main") != SQLITE_TXN_NONE) break;
+        const DWORD error = database.Settle(Database::Need::Pages, deadline);
+        m_hold.Note(error);
+        if (error != ERROR_SUCCESS) break;
+        result = sqlite3_step(m_statement);
+    }
+    return result;
+}
+
 bool Query::Next() {
-    if (m_statement == nullptr) return false;
-    const int result = sqlite3_step(m_statement);
+    if (m_statement == nullptr || m_hold.m_error != ERROR_SUCCESS) return false;
+    const int result = Step();
     if (result == SQLITE_ROW) return true;
     m_hold.Note(ErrorOf(m_hold.m_database.m_connection, result));
     return false;

@@ -1,15 +1,18 @@
 // A SQLite file of the layer. A process opens it on first use, with one connection that its threads share; a fork child
 // opens it anew.
 //
-// Readers need no right to write: changes use a rollback journal. Reading creates nothing; a missing file reads as
-// empty.
+// Readers need no right to write and lock nothing (file_layer.h): whatever a reader does, writers go on. Writers
+// exclude each other by a lock that only they can open (files.h). Reading creates nothing; a missing file reads as
+// empty, an empty file is damaged. A new file appears whole.
 //
-// Every page has a check sum (checked_pages.h), the file a kind and a version. What does not match is ERROR_BADDB.
+// Every page has a check sum, the file a kind and a version. What does not match is ERROR_BADDB.
 //
 // State: the connections, in static objects of the folders that have a database.
 #pragma once
 
 #include "kernel/handles.h"
+#include "store/file_layer.h"
+#include "store/files.h"
 
 #include <cstdint>
 #include <mutex>
@@ -39,6 +42,12 @@ struct DatabaseKind {
 // A thread that holds several takes the one of the lower rank first: a change of the spool writes the registry.
 enum class DatabaseRank { Spool, UserRegistry, MachineRegistry };
 
+enum class DatabaseUse {
+    Look,     // single statements of one row
+    Snapshot, // several that must fit together, or with many rows; reads the whole file
+    Change,   // a transaction; opens for writing, and creates
+};
+
 // Only static objects, which are never destroyed: threads may use them after main().
 class Database {
 public:
@@ -53,24 +62,34 @@ private:
     friend class Query;
 
     // All with m_lock held. Error codes as in DatabaseHold::Error.
-    DWORD Open(bool create);
-    DWORD Connect(bool create);
-    DWORD CreateSchema();
+    DWORD Begin(DatabaseUse use);
+    void End(bool committed);
+    DWORD Open();
+    DWORD Connect();
+    DWORD Prepare();
+    DWORD CreateStore(const std::string& path);
     void Close();
+    // Waits until the file rests, and makes its state the known one. For Cache it is enough that what the connection
+    // has in its cache is right.
+    enum class Need { Cache, Pages, Whole };
+    DWORD Settle(Need need, int64_t deadline);
+    bool IsReadable(const SequenceState& state) const;
+    bool RecoverFromDeadWriter();
+    // The writers' lock, and a transaction in which the store is as the last change left it that came to its end.
+    DWORD BeginChange();
+    DWORD BeginTransaction();
     friend struct DatabaseFork;
     static void CloseAll() __attribute__((destructor));
 
     const DatabaseKind& m_kind;
     sqlite3* m_connection = nullptr;
+    bool m_isPrepared = false; // the connection, with all of its statements
     std::vector<sqlite3_stmt*> m_statements;
-    // Held during waits for other processes, at most as long as the busy handler allows (Timings.registryBusy).
+    std::string m_path; // of the open file
+    StoreFile m_file;
+    WritersLock m_writersLock;
+    // Held during waits for other processes, at most as long as Timings.registryBusy.
     std::mutex m_lock;
-};
-
-enum class DatabaseUse {
-    Look,     // single statements
-    Snapshot, // several that must fit together
-    Change,   // a transaction; opens for writing, and creates
 };
 
 // Holds a database for the life of the guard; other threads of the process wait. A change without Commit is rolled
@@ -86,7 +105,8 @@ public:
     //
     //   ERROR_SUCCESS
     //   ERROR_FILE_NOT_FOUND      only for reads: nothing was ever stored
-    //   ERROR_BUSY                other processes held it for five seconds
+    //   ERROR_BUSY                other processes changed it for five seconds, or one died in the midst of that and
+    //                             this user may not put it right
     //   ERROR_BADDB               damaged, or not a database of this kind and version
     //   ERROR_ACCESS_DENIED
     //   ERROR_REGISTRY_IO_FAILED
@@ -98,13 +118,12 @@ public:
 
 private:
     friend class Query;
-    bool Execute(const char* text);
     void Note(DWORD error);
 
     Database& m_database;
     std::unique_lock<std::mutex> m_held;
     DWORD m_error = 0;
-    bool m_inTransaction = false;
+    const DatabaseUse m_use;
 };
 
 // A prepared statement in use, on the thread of the hold. Parameters are bound in order; bound bytes must outlive the
@@ -129,9 +148,13 @@ public:
     int64_t Changes() const;
 
 private:
+    int Step();
+    void NoteResult(int result);
+
     DatabaseHold& m_hold;
     sqlite3_stmt* m_statement;
     int m_bound = 0;
+    bool m_isBegun = false;
 };
 
 // Resolves generic rights and MAXIMUM_ALLOWED. Windows looks at the security descriptor of an object; here everybody
