@@ -72,12 +72,12 @@ TEST_AS_ROOT(RegistryStore, AnotherUserReadsTheMachinesPartAndWritesItsOwn) {
     EXPECT_EQ(GetValue(HKEY_CURRENT_USER, "v").data, "root's");
 }
 
-// Sets two values to the same number, over and over, both in one change, from two threads.
+// Sets two values, each of many pages, to the same digits, over and over, both in one change, from two threads.
 CHILD_PROCESS(WritesPairs) {
     const auto write = [&]() -> DWORD {
         for (int number = 0;; ++number) {
-            const std::string text = std::to_string(number % 10);
-            if (Import("REGEDIT4\n[HKLM\\Pair]\n\"a\"=dword:" + text + "\n\"b\"=dword:" + text + "\n")) return 1;
+            const std::string text = std::to_string(number % 10), digits = std::string(40000, text[0]);
+            if (Import("REGEDIT4\n[HKLM\\Pair]\n\"a\"=\"" + digits + "\"\n\"b\"=\"" + digits + "\"\n")) return 1;
             HKEY own = CreateKey(kMachine, "Own\\" + child.arguments[0]);
             if (SetValue(own, text, text) != ERROR_SUCCESS || GetValue(own, text).data != text) return 2;
             RegCloseKey(own);
@@ -91,11 +91,19 @@ CHILD_PROCESS(WritesPairs) {
 TEST(RegistryCampaign, ChangesAreWholeWhoeverIsKilled) {
     TestProcess steady("WritesPairs", {"steady"});
     steady.Hear();
-    KillStorm("WritesPairs", "victim", Rounds(25, 2000), [] {
-        const std::string text = Export(CreateKey(kMachine, "Pair"));
-        const size_t a = text.find("\"a\"=dword:"), b = text.find("\"b\"=dword:");
-        ASSERT_TRUE(a == b || text.substr(a + 4, 14) == text.substr(b + 4, 14)) << text;
+    HKEY pair = CreateKey(kMachine, "Pair");
+    ASSERT_TRUE(WaitUntil([&] { return GetValue(pair, "a").status == ERROR_SUCCESS; }));
+    int changes = 0;
+    KillStorm("WritesPairs", "victim", Rounds(25, 2000), [&, last = std::string()]() mutable {
+        for (int look = 0; look < 10; ++look) {
+            const std::string text = Export(pair), value = GetValue(pair, "a").data;
+            ASSERT_TRUE(value == std::string(40000, value[0]) + '\0') << value.size();
+            const size_t a = text.find("\"a\"=") + 4, b = text.find("\"b\"=") + 4;
+            ASSERT_TRUE(text.size() > 80000 && text.substr(a, 40002) == text.substr(b, 40002)) << text.size();
+            changes += std::exchange(last, value) != value;
+        }
     });
+    EXPECT_GT(changes, 50);
     EXPECT_TRUE(steady.Running()); // no change of its own failed meanwhile
     EXPECT_FALSE(NamesIn(OpenKey(kMachine, "Own\\steady"), kValues).empty());
 }
