@@ -11,6 +11,8 @@
 #include <map>
 #include <set>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -33,14 +35,13 @@ char ReadPair() {
     HKEY key = nullptr;
     const LSTATUS status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Pair", 0, KEY_READ, &key);
     if (status != ERROR_SUCCESS) return status == ERROR_FILE_NOT_FOUND ? '0' : status == ERROR_BUSY ? '!' : '?';
-    const std::string whole = Export(key), value = GetValue(key, "b").data;
+    const std::string value = GetValue(key, "b").data, whole = Export(key);
     RegCloseKey(key);
     const size_t a = whole.find("\"a\"=\""), b = whole.find("\"b\"=\"");
     if (a == whole.npos || b == whole.npos || value.empty()) return '?';
-    const std::string text(kSize, whole[a + 5]), again(kSize, value[0]);
-    if (whole.substr(a + 5, kSize) != text || whole.substr(b + 5, kSize) != text || value != again + '\0') return '?';
-    // The value was read after the export.
-    return value[0] >= text[0] ? value[0] : '?';
+    const std::string text(kSize, whole[a + 5]), before(kSize, value[0]);
+    if (whole.substr(a + 5, kSize) != text || whole.substr(b + 5, kSize) != text || value != before + '\0') return '?';
+    return text[0] >= value[0] ? text[0] : '?'; // the value was read first
 }
 
 using Files = std::map<std::string, std::string>; // name -> content
@@ -180,23 +181,27 @@ TEST(RegistryFaults, AWriterKilledAnywhereLeavesTheOldOrTheNewState) {
 }
 
 TEST(RegistryFaults, AChangeBetweenAnyTwoCallsOfAReaderIsWholeToIt) {
-    ASSERT_EQ(WritePair('1'), ERROR_SUCCESS);
-    // At first with nothing in its cache, then with what it read before.
-    const auto read = [] { return ReadPair() != '?' && ReadPair() != '?' ? 0 : 1; };
+    // At first with nothing in its cache, then with what it read before. The call tells the two apart.
+    const auto readTwice = [] {
+        const char first = ReadPair();
+        getppid();
+        const char second = ReadPair();
+        return first != '?' && second >= first ? second : 0;
+    };
     bool within = true;
     for (int at = 1; within; ++at) {
+        ASSERT_EQ(WritePair('1'), ERROR_SUCCESS);
         within = false;
-        int changes = 0;
-        const int result = RunInSteps(read, [&](const SystemCall& call) {
-            // Two changes, so that the second one uses the pages that the first one freed.
+        bool first = true, duringFirst = false;
+        const int result = RunInSteps(readTwice, [&](const SystemCall& call) {
+            if (call.call == SYS_getppid) first = false;
             if (call.number != at || call.done) return true;
             within = true;
-            for (const char digit : {'2', '3'})
-                changes += WritePair(digit) == ERROR_SUCCESS;
+            duringFirst = first;
+            // Two changes, so that the second one uses the pages that the first one freed.
+            EXPECT_TRUE(WritePair('2') == ERROR_SUCCESS && WritePair('3') == ERROR_SUCCESS);
             return true;
         });
-        ASSERT_EQ(result, 0) << at;
-        ASSERT_EQ(changes, within ? 2 : 0);
-        WritePair('1');
+        ASSERT_TRUE(result == '3' || (!duringFirst && (result == '1' || result == '2'))) << result << " at " << at;
     }
 }
