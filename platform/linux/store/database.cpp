@@ -156,12 +156,15 @@ DWORD Database::Begin(DatabaseUse use) {
     return error;
 }
 
-DWORD Database::Open() {
-    // A file that was replaced or deleted is opened anew.
+// False for a file that was replaced or deleted, which is then opened anew.
+bool Database::IsOpen() const {
     int moved = 0;
-    if (m_isPrepared && sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
-        moved == 0)
-        return ERROR_SUCCESS;
+    return m_isPrepared && sqlite3_file_control(m_connection, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+           moved == 0;
+}
+
+DWORD Database::Open() {
+    if (IsOpen()) return ERROR_SUCCESS;
     Close();
     const DWORD error = Connect();
     m_isPrepared = error == ERROR_SUCCESS;
@@ -172,11 +175,8 @@ DWORD Database::Open() {
 DWORD Database::Connect() {
     m_path = m_kind.path(false);
     if (m_path.empty()) return MissingStateDirectory().empty() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
-    int64_t size = 0;
-    const DWORD error = CheckFile(m_path, &size);
+    const DWORD error = CheckFile(m_path);
     if (error != ERROR_SUCCESS) return error;
-    // A new store appears whole, so this one has lost what was in it.
-    if (size == 0) return ERROR_BADDB;
 
     WatchForFork();
     const char* vfs = FileLayer();
@@ -295,7 +295,7 @@ bool Database::RecoverFromDeadWriter() {
 }
 
 DWORD Database::BeginChange() {
-    const std::string path = m_kind.path(true);
+    const std::string path = IsOpen() ? m_path : m_kind.path(true);
     if (path.empty()) return ERROR_ACCESS_DENIED;
     DWORD error = m_writersLock.Acquire(Beside(path, ".lock"), BusyDeadline());
     // Only another user may make the folder.
@@ -317,7 +317,7 @@ DWORD Database::BeginTransaction() {
     DWORD error = m_file.sequence.OpenToWrite(m_kind.mode);
     if (error != ERROR_SUCCESS) return error;
     const SequenceState state = m_file.sequence.Read();
-    m_file.marked = !state.Rests();
+    m_file.written = state.number;
     // Rolls back what a dead writer left.
     error = ErrorOf(m_connection, Execute(m_connection, "BEGIN IMMEDIATE"));
     return error == ERROR_SUCCESS && !state.isOfThisBoot ? m_file.sequence.Write(state.number) : error;
@@ -330,12 +330,12 @@ void Database::End(bool committed) {
     if (!committed && m_connection != nullptr) {
         Execute(m_connection, "ROLLBACK");
         // A transaction can begin only where nothing is left of another.
-        isSound = !m_file.marked || (Execute(m_connection, "BEGIN IMMEDIATE") == SQLITE_OK &&
-                                     Execute(m_connection, "ROLLBACK") == SQLITE_OK);
+        isSound = !m_file.IsMarked() || (Execute(m_connection, "BEGIN IMMEDIATE") == SQLITE_OK &&
+                                         Execute(m_connection, "ROLLBACK") == SQLITE_OK);
     }
     // Otherwise it stays odd, and the next writer tries again.
-    if (m_file.marked && isSound) m_file.sequence.Write(m_file.sequence.Read().number + 1);
-    m_file.marked = false;
+    if (m_file.IsMarked() && isSound) m_file.sequence.Write(m_file.written + 1);
+    m_file.written = 0;
     m_file.writing = false;
     m_writersLock.Release();
 }

@@ -64,6 +64,7 @@ private:
     // All with m_lock held. Error codes as in DatabaseHold::Error.
     DWORD Begin(DatabaseUse use);
     void End(bool committed);
+    bool IsOpen() const;
     DWORD Open();
     DWORD Connect();
     DWORD Prepare();

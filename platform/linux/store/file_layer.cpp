@@ -250,7 +250,7 @@ int LoadState(sqlite3* connection, StoreFile& store, uint64_t number, bool image
     }
     if (result == SQLITE_OK) result = system->pMethods->xRead(system, header, sizeof header, 0);
     if (store.sequence.Read().number != number) return kStoreMoved;
-    // Less than a header is no store.
+    // A new store appears whole, so one that is empty has lost what was in it.
     if (result == SQLITE_IOERR_SHORT_READ) return SQLITE_IOERR_DATA;
     if (result != SQLITE_OK) return result;
     std::memcpy(store.header, header, sizeof header);
@@ -262,10 +262,10 @@ int LoadState(sqlite3* connection, StoreFile& store, uint64_t number, bool image
 }
 
 bool MarkChange(StoreFile& store) {
-    if (store.marked) return true;
-    const uint64_t number = store.sequence.Read().number;
-    store.marked = store.sequence.Write(number + 1) == ERROR_SUCCESS;
-    return store.marked;
+    if (store.IsMarked()) return true;
+    const bool marked = store.sequence.Write(store.written + 1) == ERROR_SUCCESS;
+    if (marked) ++store.written;
+    return marked;
 }
 
 } // namespace oriel

@@ -30,9 +30,10 @@ struct StoreFile {
     unsigned char header[kHeaderSize] = {};
     int64_t size = 0;
     std::unique_ptr<unsigned char[]> image; // the whole file, when many reads must see one state
-    // A writer's: this process holds the writers' lock; the number is odd.
+    // A writer's: this process holds the writers' lock, and the number that it last wrote.
     bool writing = false;
-    bool marked = false;
+    uint64_t written = 0;
+    bool IsMarked() const { return written % 2 != 0; }
 };
 
 // A page of another state than the known one: look at the number again.

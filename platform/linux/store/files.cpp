@@ -42,10 +42,9 @@ std::string DirectoryOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
-DWORD CheckFile(const std::string& path, int64_t* size) {
+DWORD CheckFile(const std::string& path) {
     struct stat file {};
     if (lstat(path.c_str(), &file) != 0) return FileError(errno);
-    if (size != nullptr) *size = file.st_size;
     return CheckStatus(file, path);
 }
 

@@ -22,7 +22,7 @@ DWORD FileError(int error);
 std::string DirectoryOf(const std::string& path);
 
 // ERROR_BADDB for what is no file of its own, ERROR_ACCESS_DENIED for another user's, ERROR_FILE_NOT_FOUND.
-DWORD CheckFile(const std::string& path, int64_t* size = nullptr);
+DWORD CheckFile(const std::string& path);
 
 // Opens such a file. With O_CREAT a new one has exactly this mode, whatever the umask.
 DWORD OpenFile(const std::string& path, int flags, mode_t mode, Descriptor* file);
