@@ -10,7 +10,6 @@
 #include "base/timings.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -279,6 +278,8 @@ DWORD Database::Settle(Need need, int64_t deadline) {
             if (result != kStoreMoved) return ErrorOf(m_connection, result);
         } else if (RecoverFromDeadWriter()) {
             continue;
+        } else if (m_connection == nullptr) {
+            return ERROR_NOT_ENOUGH_MEMORY;
         }
         if (!pauses.Pause(deadline)) return ERROR_BUSY;
     }
@@ -332,6 +333,8 @@ void Database::End(bool committed) {
         // A transaction can begin only where nothing is left of another.
         isSound = !m_file.IsMarked() || (Execute(m_connection, "BEGIN IMMEDIATE") == SQLITE_OK &&
                                          Execute(m_connection, "ROLLBACK") == SQLITE_OK);
+        // Without memory not even that ends. It must end before the lock does: it would undo the change of another.
+        if (sqlite3_get_autocommit(m_connection) == 0) Close();
     }
     // Otherwise it stays odd, and the next writer tries again.
     if (m_file.IsMarked() && isSound) m_file.sequence.Write(m_file.written + 1);
@@ -380,7 +383,8 @@ Query::Query(DatabaseHold& hold, size_t statement)
     : m_hold(hold), m_statement(hold.m_error == ERROR_SUCCESS ? hold.m_database.m_statements[statement] : nullptr) {}
 
 Query::~Query() {
-    if (m_statement == nullptr) return;
+    // A hold that ran out of memory may have closed the connection with its statements.
+    if (m_statement == nullptr || m_hold.m_database.m_statements.empty()) return;
     sqlite3_reset(m_statement);
     sqlite3_clear_bindings(m_statement);
 }
