@@ -3,7 +3,9 @@
 #include "spooler_kit.h"
 
 #include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -152,7 +154,7 @@ TEST_AS_ROOT(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
     const DWORD job = Print(printer, "secret"), open = Print(printer, "open to all"), own = open + 1;
     fs::permissions(JobFile(open), fs::perms(0666));
     TestProcess other("SpoolsAsAnotherUser", {std::to_string(job), std::to_string(open)});
-    EXPECT_EQ(other.Hear(), "5 5 5 5, 0 0 5 5, 0"); // to pause a job is to write its file
+    EXPECT_EQ(other.Hear(), "5 5 5 5, 5 5 5 5, 0"); // also of a job whose file everybody may write
     EXPECT_EQ(other.Wait(), 0);
     EXPECT_EQ(JobsOf(printer),
               Line(job, 0, "secret") + Line(open, 0, "open to all") + Line(own, JOB_STATUS_PAUSED, "own", "nobody"));
@@ -163,6 +165,89 @@ TEST_AS_ROOT(SpoolerJobs, AnotherUserHasJobsOfItsOwnAndNoOthers) {
     HANDLE document = nullptr;
     EXPECT_EQ(Open("Office, Job " + std::to_string(own), &document), DWORD{ERROR_ACCESS_DENIED});
     EXPECT_EQ(Control(printer, own, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS}) << "root may";
+}
+
+TEST(SpoolerJobs, AUserHasAShareOfTheSpool) {
+    const HANDLE printer = NewPrinter();
+    const DWORD first = Print(printer, "letter");
+    for (DWORD copy = first + 1; copy <= 1000; ++copy)
+        fs::copy(JobFile(first), JobFile(copy));
+    EXPECT_FAILS(Start(printer, "one too many"), ERROR_NOT_ENOUGH_QUOTA);
+    EXPECT_EQ(Control(printer, 1000, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS});
+    fs::resize_file(JobFile(first, ".data"), (4ULL << 30) - 2);
+    EXPECT_NE(Start(printer, "too long"), 0U);
+    char data[] = "data";
+    DWORD written = 7;
+    EXPECT_FAILS(WritePrinter(printer, data, 4, &written), ERROR_NOT_ENOUGH_QUOTA);
+    EXPECT_TRUE(WritePrinter(printer, data, 2, &written));
+    EXPECT_TRUE(EndDocPrinter(printer));
+}
+
+TEST(SpoolerJobs, WhatNobodyFinishesIsRemoved) {
+    const HANDLE printer = NewPrinter();
+    const DWORD job = Print(printer, "letter");
+    const auto isThereAfter = [&](const std::string& name, int seconds, int user = -1) {
+        const std::string path = PrivateDirectory() + "/state/jobs/" + name;
+        if (!fs::exists(path)) ReplaceFile(path, ReadWholeFile(JobFile(job)));
+        EXPECT_TRUE(user < 0 || chown(path.c_str(), static_cast<uid_t>(user), 0) == 0);
+        fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(seconds));
+        EXPECT_EQ(Control(printer, Print(printer, "next"), JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS});
+        return fs::exists(path);
+    };
+    EXPECT_TRUE(isThereAfter("500.data", 50)) << "its head may be made at this moment";
+    EXPECT_FALSE(isThereAfter("501.data", 70));
+    ASSERT_TRUE(PlantInPlace(JobFile(502), Plant::kPipe));
+    EXPECT_TRUE(isThereAfter("502", 50));
+    EXPECT_FALSE(isThereAfter("502", 70));
+    EXPECT_TRUE(isThereAfter(std::to_string(job), 10 * 86400));
+    if (!RunsAsRoot()) return;
+    constexpr int kNoUser = 543210, kNobody = 65534;
+    EXPECT_TRUE(isThereAfter("600", 6 * 86400, kNoUser));
+    EXPECT_FALSE(isThereAfter("600", 8 * 86400, kNoUser));
+    EXPECT_TRUE(isThereAfter("601", 8 * 86400, kNobody)) << "its user is there";
+    EXPECT_TRUE(isThereAfter("a note", 70)) << "root's";
+    EXPECT_FALSE(isThereAfter("another note", 70, kNobody));
+}
+
+// Fills the folder for all with what is in the way of others.
+CHILD_PROCESS(IsInTheWay) {
+    if (!BecomeNobody()) return 1;
+    const std::string jobs = PrivateDirectory() + "/state/jobs/", job = child.arguments[0];
+    const std::string good = ReadWholeFile(jobs + job);
+    for (int number = 3; number < 40; ++number)
+        std::filesystem::create_directory(jobs + std::to_string(number) + ".data");
+    for (int number = 1000; number < 3500; ++number)
+        std::ofstream(jobs + std::to_string(number)) << good;
+    for (const Plant plant : kPlants)
+        PlantInPlace(jobs + std::to_string(50 + int(plant)), plant, "/etc/passwd");
+    child.Say(LockWholeFile(jobs + job, true) ? "ready" : "no lock");
+    child.Hear();
+    return 0;
+}
+
+TEST_AS_ROOT(SpoolerJobs, AnotherUserIsInNobodysWay) {
+    const HANDLE printer = NewPrinter();
+    const DWORD before = Print(printer, "before");
+    EXPECT_NE(Start(printer, "slow"), 0U);
+    const std::string jobs = PrivateDirectory() + "/state/jobs/", kept = PrivateDirectory() + "/kept";
+    TestProcess other = Ready("IsInTheWay", {std::to_string(before)});
+    // A file that only root may write, under another name.
+    ReplaceFile(kept, "kept");
+    ASSERT_TRUE(PlantInPlace(jobs + "last", Plant::kHardLink, kept));
+    const double begin = NowMs();
+    DWORD written = 0;
+    EXPECT_TRUE(WritePrinter(printer, const_cast<char*>("data"), 4, &written) && EndDocPrinter(printer));
+    const DWORD next = Print(printer, "next");
+    std::vector<BYTE> buffer(1 << 21);
+    DWORD needed = 0, returned = 0;
+    EXPECT_TRUE(EnumJobsA(printer, 0, 9999, 1, buffer.data(), DWORD(buffer.size()), &needed, &returned));
+    EXPECT_EQ(returned, 3 + 1000 - std::size(kPlants)) << "the share of the other user, and all others";
+    for (const DWORD job : {before, next})
+        EXPECT_EQ(Control(printer, job, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS});
+    EXPECT_LT(NowMs() - begin, 300);
+    EXPECT_EQ(ReadWholeFile(kept), "kept");
+    const auto left = std::distance(fs::directory_iterator(jobs), {});
+    EXPECT_LT(left, 2100) << "what exceeds the double share is removed";
 }
 
 TEST(SpoolerJobs, WhatIsNoJobIsPassedOver) {

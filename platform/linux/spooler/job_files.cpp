@@ -1,4 +1,5 @@
-// The files of jobs: layout, permissions, creation and removal. State: the files.
+// The files of jobs: layout, permissions, shares of users, creation and removal. State: the files; when this process
+// last removed what others left.
 #include "spooler/job_files.h"
 
 #include "base/call.h"
@@ -6,14 +7,18 @@
 #include "security/accounts.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <map>
 #include <memory>
-#include <sys/file.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <winspool.h>
 
@@ -22,10 +27,17 @@ namespace {
 
 constexpr const char* kFolder = "jobs";
 // The last number given. Everybody may write it; a wrong value only makes numbers repeat.
-constexpr const char* kLastNumberFile = "last";
+constexpr std::string_view kLastNumberFile = "last";
 constexpr std::string_view kDataSuffix = ".data";
 constexpr DWORD kHighestJob = 0x7FFFFFFF;
-constexpr size_t kMostJobs = 10000;
+// What a user may have in the spool: jobs, and bytes of documents. Who goes around these calls can have more, as in any
+// folder for all. It does not count, and what exceeds the double is removed by root.
+constexpr size_t kJobsOfUser = 1000;
+constexpr int64_t kBytesOfUser = int64_t{4} << 30;
+// After this time without a change, what nobody finishes is removed, and a job whose user does not exist any more.
+// Accounts may be out of reach for a while, so jobs wait long.
+constexpr int64_t kUnfinishedSeconds = 60;
+constexpr int64_t kDepartedSeconds = 7 * 86400;
 constexpr uint32_t kMark = 0x626a724f; // "Orjb"
 
 // A job's head file. Each word is written whole and by one side only, so changing it needs no lock.
@@ -50,22 +62,29 @@ struct CloseFolder {
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
 
+bool IsMineOrRoots(uid_t owner) {
+    return owner == geteuid() || owner == 0;
+}
+
 // Null when the folder does not exist: nobody has spooled yet.
 Folder OpenJobsFolder() {
     const std::string& state = StateDirectory();
     if (state.empty()) return nullptr;
     Descriptor folder(open((state + "/" + kFolder).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    DIR* opened = folder.IsOpen() ? fdopendir(folder.Get()) : nullptr;
+    struct stat status {};
+    // Who owns the folder decides what is in it.
+    const bool isOurs = folder.IsOpen() && fstat(folder.Get(), &status) == 0 && IsMineOrRoots(status.st_uid);
+    DIR* opened = isOurs ? fdopendir(folder.Get()) : nullptr;
     if (opened != nullptr) folder.Release();
     return Folder(opened);
 }
 
 // 0 when the name is not that of a head.
-DWORD NumberOf(const char* name) {
+DWORD NumberOf(std::string_view name) {
     DWORD number = 0;
-    const char* end = name + std::strlen(name);
-    const auto [last, error] = std::from_chars(name, end, number);
-    return error == std::errc() && last == end && *name != '0' && number <= kHighestJob ? number : 0;
+    const char* end = name.data() + name.size();
+    const auto [last, error] = std::from_chars(name.data(), end, number);
+    return error == std::errc() && last == end && name[0] != '0' && number <= kHighestJob ? number : 0;
 }
 
 std::string HeadName(DWORD job) {
@@ -85,6 +104,20 @@ bool IsTerminated(const char (&text)[size]) {
     return strnlen(text, size) < size;
 }
 
+// A lock for writing, which only those can take who may write the file. To ask for it takes none.
+bool LockHead(int file) {
+    struct flock lock {
+        .l_type = F_WRLCK, .l_whence = SEEK_SET
+    };
+    return fcntl(file, F_OFD_SETLK, &lock) == 0;
+}
+bool IsHeadLocked(int file) {
+    struct flock lock {
+        .l_type = F_RDLCK, .l_whence = SEEK_SET
+    };
+    return fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
 struct HeadRead {
     JobHead head;
     uid_t owner = 0;
@@ -102,7 +135,7 @@ bool ReadHead(int file, HeadRead* read) {
         !IsTerminated(head.machine))
         return false;
     read->owner = status.st_uid;
-    read->spooling = head.complete != kSet && flock(file, LOCK_SH | LOCK_NB) != 0;
+    read->spooling = head.complete != kSet && IsHeadLocked(file);
     read->living = head.complete == kSet ? head.deleting != kSet : read->spooling;
     return true;
 }
@@ -144,38 +177,129 @@ DWORD FileError() {
     return SystemError(errno);
 }
 
-// Removes jobs of this user's processes that died while spooling. Other users' processes do that for theirs.
-void SweepDeadJobs(int folder, const std::vector<DWORD>& numbers) {
-    for (const DWORD number : numbers) {
-        const Descriptor file = OpenHead(folder, number, O_RDONLY);
-        HeadRead read;
-        if (file.IsOpen() && ReadHead(file.Get(), &read) && read.owner == geteuid() && !read.living)
-            RemoveFiles(folder, number);
+struct Share {
+    size_t jobs = 0;
+    int64_t bytes = 0;
+    bool Exceeds(int64_t times) const {
+        return jobs > kJobsOfUser * static_cast<size_t>(times) || bytes > kBytesOfUser * times;
     }
+};
+
+// Of each user, while the jobs are walked through by number.
+using Shares = std::map<uid_t, Share>;
+
+bool LookAt(int folder, const std::string& name, struct stat* status) {
+    return fstatat(folder, name.c_str(), status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool IsOlder(const struct stat& status, int64_t seconds) {
+    // A time in the future is wrong, and so nobody's.
+    return std::abs(static_cast<int64_t>(time(nullptr)) - status.st_mtime) > seconds;
+}
+
+void Remove(int folder, const std::string& name) {
+    if (unlinkat(folder, name.c_str(), 0) != 0) unlinkat(folder, name.c_str(), AT_REMOVEDIR);
+}
+
+// Whether a job may go: its process died, its user is gone, or its user has too many. What is no job goes when nobody
+// is about to make one of it.
+bool IsLeft(int folder, DWORD number, const struct stat& status, const Share& share) {
+    const Descriptor file = OpenHead(folder, number, O_RDONLY);
+    HeadRead read;
+    if (!file.IsOpen() || !ReadHead(file.Get(), &read)) return IsOlder(status, kUnfinishedSeconds);
+    if (!read.living) return true;
+    if (geteuid() != 0 || read.owner == 0) return false;
+    return share.Exceeds(2) || (IsOlder(status, kDepartedSeconds) && NameOfUser(read.owner).empty());
+}
+
+// Removes what is left of jobs: root that of everybody, others theirs. Returns the share that this user has then.
+Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
+    const int directory = dirfd(folder);
+    const auto mayRemove = [](const struct stat& status) { return geteuid() == 0 || status.st_uid == geteuid(); };
+    Shares shares;
+    rewinddir(folder);
+    std::vector<std::string> others;
+    while (const dirent* entry = readdir(folder)) {
+        const std::string_view name = entry->d_name;
+        if (const DWORD number = NumberOf(name); number != 0)
+            numbers->push_back(number);
+        else if (name != "." && name != ".." && name != kLastNumberFile)
+            others.emplace_back(name);
+    }
+    std::sort(numbers->begin(), numbers->end());
+    std::erase_if(*numbers, [&](DWORD number) {
+        struct stat head {};
+        struct stat data {};
+        if (!LookAt(directory, HeadName(number), &head)) return true;
+        Share& share = shares[head.st_uid];
+        Share with = share;
+        ++with.jobs;
+        if (LookAt(directory, DataName(number), &data) && data.st_uid == head.st_uid) with.bytes += data.st_size;
+        const bool isLeft = mayRemove(head) && IsLeft(directory, number, head, with);
+        if (isLeft) {
+            Remove(directory, HeadName(number));
+            Remove(directory, DataName(number));
+        } else {
+            share = with;
+        }
+        return isLeft;
+    });
+    for (const std::string& name : others) {
+        struct stat status {};
+        if (!LookAt(directory, name, &status) || !mayRemove(status) || !IsOlder(status, kUnfinishedSeconds)) continue;
+        const bool isData = name.ends_with(kDataSuffix);
+        const DWORD number = isData ? NumberOf(name.substr(0, name.size() - kDataSuffix.size())) : 0;
+        // A document without a head; and what has no business here, unless root put it there.
+        if (number != 0 ? !std::binary_search(numbers->begin(), numbers->end(), number) : status.st_uid != 0)
+            Remove(directory, name);
+    }
+    return shares[geteuid()];
+}
+
+// Root's printer sides look at the jobs all the time.
+void SweepForAll(DIR* folder) {
+    static std::atomic<time_t> last = 0;
+    constexpr time_t kPauseSeconds = 10;
+    const time_t now = time(nullptr);
+    if (geteuid() != 0 || now - last.exchange(now) < kPauseSeconds) return;
+    std::vector<DWORD> numbers;
+    Sweep(folder, &numbers);
+    rewinddir(folder);
 }
 
 DWORD LastNumber(int folder, Descriptor* file) {
     // Without O_CREAT, which the kernel refuses for another user's file in such a folder.
-    *file = Descriptor(openat(folder, kLastNumberFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const char* name = kLastNumberFile.data();
+    *file = Descriptor(openat(folder, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file->IsOpen()) {
-        *file = Descriptor(openat(folder, kLastNumberFile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+        *file = Descriptor(openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
         if (file->IsOpen()) fchmod(file->Get(), 0666);
     }
+    // Whoever made it may have made it a second name of a file that only we may write.
+    struct stat status {};
+    if (!file->IsOpen() || fstat(file->Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        file->Close();
+        return 0;
+    }
     DWORD last = 0;
-    if (!file->IsOpen() || pread(file->Get(), &last, sizeof last, 0) != sizeof last) return 0;
+    if (pread(file->Get(), &last, sizeof last, 0) != sizeof last) return 0;
     return std::min(last, kHighestJob);
 }
 
 // A number without a file. The data file is created first and claims the number.
 DWORD ClaimNumber(int folder, DWORD last, SpooledDocument* document) {
-    for (size_t tries = 0; tries <= kMostJobs; ++tries) {
-        const DWORD number = last < kHighestJob ? last + 1 : 1;
+    // Somebody may have taken the numbers that come next, but nobody can take all.
+    constexpr int kInOrder = 16;
+    for (int tries = 0; tries < 2 * kInOrder; ++tries) {
+        DWORD number = last < kHighestJob ? last + 1 : 1;
+        if (tries >= kInOrder && getrandom(&number, sizeof number, GRND_NONBLOCK) == sizeof number)
+            number = 1 + number % kHighestJob;
         last = number;
         constexpr int kNew = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
         Descriptor data(openat(folder, DataName(number).c_str(), kNew, 0600));
         if (!data.IsOpen() && errno == EEXIST) continue;
         if (!data.IsOpen()) return FileError();
-        Descriptor head(openat(folder, HeadName(number).c_str(), kNew, 0644));
+        Descriptor head(openat(folder, HeadName(number).c_str(), kNew, 0600));
         if (!head.IsOpen()) {
             const int error = errno;
             unlinkat(folder, DataName(number).c_str(), 0);
@@ -217,11 +341,16 @@ DWORD MakeJobsFolder() {
 DWORD ListJobFiles(int64_t printer, std::vector<Job>* jobs) {
     const Folder folder = OpenJobsFolder();
     if (folder == nullptr) return ERROR_SUCCESS;
+    SweepForAll(folder.get());
+    Shares shares;
     for (const DWORD number : JobNumbers(folder.get())) {
+        struct stat status {};
+        // Whoever has too many costs no more than this.
+        if (!LookAt(dirfd(folder.get()), HeadName(number), &status) || ++shares[status.st_uid].jobs > kJobsOfUser)
+            continue;
         const Descriptor file = OpenHead(dirfd(folder.get()), number, O_RDONLY);
         HeadRead read;
         if (!file.IsOpen() || !ReadHead(file.Get(), &read) || !read.living || read.head.printer != printer) continue;
-        if (jobs->size() == kMostJobs) break;
         jobs->push_back(JobOf(number, read));
     }
     return ERROR_SUCCESS;
@@ -231,17 +360,18 @@ DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command) {
     const Folder opened = OpenJobsFolder();
     if (opened == nullptr || job == 0) return ERROR_INVALID_PARAMETER;
     const int folder = dirfd(opened.get());
+    const auto isJob = [&](const Descriptor& file, HeadRead* read) {
+        return file.IsOpen() && ReadHead(file.Get(), read) && read->living && read->head.printer == printer;
+    };
     HeadRead read;
-    {
-        const Descriptor file = OpenHead(folder, job, O_RDONLY);
-        if (!file.IsOpen() || !ReadHead(file.Get(), &read) || !read.living || read.head.printer != printer)
-            return ERROR_INVALID_PARAMETER;
-    }
+    if (!isJob(OpenHead(folder, job, O_RDONLY), &read)) return ERROR_INVALID_PARAMETER;
+    // Also when its user lets others write the file.
+    if (geteuid() != 0 && read.owner != geteuid()) return ERROR_ACCESS_DENIED;
     const Descriptor file = OpenHead(folder, job, O_RDWR);
-    // Another user's file, or one that is gone by now.
     if (!file.IsOpen()) return errno == ENOENT ? ERROR_INVALID_PARAMETER : FileError();
+    // Its user may have put something else in its place by now.
+    if (!isJob(file, &read)) return ERROR_INVALID_PARAMETER;
     if (command == JobCommand::Cancel && !read.spooling) {
-        // Others may not remove a head even when its user lets them write it.
         if (unlinkat(folder, HeadName(job).c_str(), 0) != 0) return FileError();
         unlinkat(folder, DataName(job).c_str(), 0);
         return ERROR_SUCCESS;
@@ -290,16 +420,18 @@ DWORD StartDocument(int64_t printer, const DocumentTexts& texts, SpooledDocument
     const Folder opened = OpenJobsFolder();
     if (opened == nullptr) return FileError();
     const int folder = dirfd(opened.get());
-    const std::vector<DWORD> numbers = JobNumbers(opened.get());
-    SweepDeadJobs(folder, numbers);
-    if (numbers.size() >= kMostJobs) return ERROR_NOT_ENOUGH_QUOTA;
+    std::vector<DWORD> numbers;
+    Share share = Sweep(opened.get(), &numbers);
+    ++share.jobs;
+    if (share.Exceeds(1)) return ERROR_NOT_ENOUGH_QUOTA;
     Descriptor lastFile;
     DWORD last = LastNumber(folder, &lastFile);
     if (!numbers.empty()) last = std::max(last, numbers.back());
     if (const DWORD error = ClaimNumber(folder, last, document); error != ERROR_SUCCESS) return error;
+    document->room = static_cast<uint64_t>(kBytesOfUser - share.bytes);
     const JobHead head = HeadOf(printer, texts);
-    // Nobody else locks an empty head.
-    if (flock(document->head.Get(), LOCK_EX | LOCK_NB) != 0 || fchmod(document->head.Get(), 0644) != 0 ||
+    // Others see the head once it is locked.
+    if (!LockHead(document->head.Get()) || fchmod(document->head.Get(), 0644) != 0 ||
         pwrite(document->head.Get(), &head, sizeof head, 0) != sizeof head) {
         const DWORD error = FileError();
         DropDocument(*document);
@@ -309,14 +441,16 @@ DWORD StartDocument(int64_t printer, const DocumentTexts& texts, SpooledDocument
     return ERROR_SUCCESS;
 }
 
-DWORD AppendToDocument(const SpooledDocument& document, const void* bytes, DWORD size, DWORD* written) {
+DWORD AppendToDocument(SpooledDocument& document, const void* bytes, DWORD size, DWORD* written) {
     if (IsCancelled(document)) return ERROR_PRINT_CANCELLED;
+    if (size > document.room) return ERROR_NOT_ENOUGH_QUOTA;
     while (*written < size) {
         const ssize_t count = write(document.data.Get(), static_cast<const BYTE*>(bytes) + *written, size - *written);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno == EFAULT) return ERROR_NOACCESS;
         if (count <= 0) return FileError();
         *written += static_cast<DWORD>(count);
+        document.room -= static_cast<uint64_t>(count);
     }
     return ERROR_SUCCESS;
 }
