@@ -139,7 +139,7 @@ TEST_AS_ROOT(RegistryStore, NothingThatAReaderDoesHoldsUpAWriter) {
         const double begin = NowMs();
         EXPECT_EQ(SetValue(key, "v", text), ERROR_SUCCESS);
         EXPECT_EQ(GetValue(key, "v").data, text);
-        EXPECT_LT(NowMs() - begin, 300);
+        EXPECT_LT(NowMs() - begin, 2000); // far from the limit for a lock
     }
 }
 
