@@ -251,6 +251,21 @@ TEST(RegistryText, UnicodeTextBecomesTheCodePages) {
     EXPECT_EQ(NamesIn(HKEY_LOCAL_MACHINE, kSubKeys), Names{"Caf\xe9"});
 }
 
+CHILD_PROCESS(ImportsInUtf8) {
+    const std::string wide = "Windows Registry Editor Version 5.00\n[HKLM\\K\xc3\xa9]\n\"\xe6\xbc\xa2\"=";
+    DWORD line = 0;
+    std::string said = std::to_string(Import(wide + "\"\xf0\x9f\x98\x80\"\n"));
+    said += " " + std::to_string(Import(wide + "hex(1):00,d8\n", &line)); // half a pair
+    child.Say(said + " " + std::to_string(line) + " " +
+              GetValue(OpenKey(kMachine, "K\xc3\xa9"), "\xe6\xbc\xa2").data.c_str());
+    return 0;
+}
+
+TEST(RegistryText, CodePageMayBeUtf8) {
+    TestProcess child("ImportsInUtf8", {}, {{"ORIEL_ANSI_CODE_PAGE", "65001"}});
+    EXPECT_EQ(child.Hear(), "0 11 3 \xf0\x9f\x98\x80");
+}
+
 TEST(RegistryText, AMalformedLineChangesNothingAndIsTold) {
     const std::string good = "REGEDIT4\n[HKLM\\K]\n\"first\"=dword:1\n[HKCU\\K]\n";
     const std::string wide = "Windows Registry Editor Version 5.00\n[HKLM\\K]\n";

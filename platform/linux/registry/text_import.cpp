@@ -14,14 +14,29 @@ namespace {
 constexpr std::string_view kAnsiHeader = "REGEDIT4";
 constexpr std::string_view kUnicodeHeader = "Windows Registry Editor Version 5.00";
 
+bool IsWholeText(std::u16string_view wide) {
+    for (size_t at = 0; at < wide.size(); ++at) {
+        if ((wide[at] & 0xF800) != 0xD800) continue;
+        const bool isPair = wide[at] < 0xDC00 && at + 1 < wide.size() && (wide[at + 1] & 0xFC00) == 0xDC00;
+        if (!isPair) return false;
+        ++at;
+    }
+    return true;
+}
+
 // To the ANSI code page. False when a character is invalid or not in it: nothing is replaced by "?".
 bool WideToAnsi(std::u16string_view wide, std::string* ansi) {
     ansi->clear();
     if (wide.empty()) return true;
-    ansi->resize(wide.size() * 2);
+    if (!IsWholeText(wide)) return false;
+    constexpr size_t kLongestCharacter = 3; // bytes in UTF-8 for one unit of UTF-16
+    ansi->resize(wide.size() * kLongestCharacter);
     BOOL lost = FALSE;
-    const int length = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, wide.data(), static_cast<int>(wide.size()),
-                                           ansi->data(), static_cast<int>(ansi->size()), nullptr, &lost);
+    // UTF-8 has all characters; with it the system refuses to be asked.
+    const bool hasAll = GetACP() == CP_UTF8;
+    const int length =
+        WideCharToMultiByte(CP_ACP, hasAll ? 0 : WC_NO_BEST_FIT_CHARS, wide.data(), static_cast<int>(wide.size()),
+                            ansi->data(), static_cast<int>(ansi->size()), nullptr, hasAll ? nullptr : &lost);
     ansi->resize(static_cast<size_t>(length));
     return length > 0 && !lost;
 }
