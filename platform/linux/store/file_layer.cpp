@@ -39,19 +39,6 @@ sqlite3_file* System(sqlite3_file* file) {
     return reinterpret_cast<sqlite3_file*>(Ours(file)->system);
 }
 
-// Each step maps the sum one to one for a given word, and words one to one for a given sum: no change within one word
-// goes unnoticed. The place is part of it, so that a page written to another's place is noticed too.
-uint64_t CheckSum(const unsigned char* page, sqlite3_int64 offset) {
-    uint64_t sum = 0x9e3779b97f4a7c15 + static_cast<uint64_t>(offset);
-    for (int at = 0; at < kChecked; at += 8) {
-        uint64_t word = 0;
-        std::memcpy(&word, page + at, 8);
-        sum = (sum ^ word) * 0xff51afd7ed558ccd;
-        sum = sum << 29 | sum >> 35;
-    }
-    return sum;
-}
-
 // SQLite is C: no exception may reach it.
 template <typename Body>
 int Caught(Body body) {
@@ -100,7 +87,7 @@ int Read(sqlite3_file* file, void* data, int amount, sqlite3_int64 offset) {
         const auto* page = static_cast<const unsigned char*>(data);
         uint64_t stored = 0;
         std::memcpy(&stored, page + kChecked, 8);
-        return stored == CheckSum(page, offset) ? SQLITE_OK : SQLITE_IOERR_DATA;
+        return stored == PageCheckSum(page, offset) ? SQLITE_OK : SQLITE_IOERR_DATA;
     }
     // SQLite looks at the file's header before it knows the size of pages; everything else comes in pages.
     return offset + amount <= StoreFile::kHeaderSize ? SQLITE_OK : SQLITE_IOERR_DATA;
@@ -116,7 +103,7 @@ int Write(sqlite3_file* file, const void* data, int amount, sqlite3_int64 offset
     if (const int result = Mark(file, SQLITE_IOERR_WRITE); result != SQLITE_OK) return result;
     unsigned char page[kPageSize];
     std::memcpy(page, data, kChecked);
-    const uint64_t sum = CheckSum(page, offset);
+    const uint64_t sum = PageCheckSum(page, offset);
     std::memcpy(page + kChecked, &sum, 8);
     return System(file)->pMethods->xWrite(System(file), page, amount, offset);
 }
@@ -208,6 +195,19 @@ sqlite3_file* FileOf(sqlite3* connection) {
 } // namespace
 
 const int kStoreMoved = SQLITE_IOERR_BLOCKED; // which SQLite itself does not use any more
+
+// Each step maps the sum one to one for a given word, and words one to one for a given sum: no change within one word
+// goes unnoticed. The place is part of it, so that a page written to another's place is noticed too.
+uint64_t PageCheckSum(const unsigned char* page, int64_t offset) {
+    uint64_t sum = 0x9e3779b97f4a7c15 + static_cast<uint64_t>(offset);
+    for (int at = 0; at < kChecked; at += 8) {
+        uint64_t word = 0;
+        std::memcpy(&word, page + at, 8);
+        sum = (sum ^ word) * 0xff51afd7ed558ccd;
+        sum = sum << 29 | sum >> 35;
+    }
+    return sum;
+}
 
 const char* FileLayer() {
     std::lock_guard hold(g_registration);

@@ -17,6 +17,8 @@ namespace oriel {
 inline constexpr int kPageSize = 4096;
 // Bytes at the end of each page that SQLite must leave free for the check sum (SQLITE_FCNTL_RESERVE_BYTES).
 inline constexpr int kPageReserve = 8;
+// What stands there, for a page at this place of the file.
+uint64_t PageCheckSum(const unsigned char* page, int64_t offset);
 
 // What a connection and its file know together. For one thread at a time.
 struct StoreFile {
