@@ -148,8 +148,8 @@ void NdrWriter::Write(WireForms::text text) {
     const DWORD count = static_cast<DWORD>(text.size()) + 1;
     U32(count);
     U32(0);
-    if (BYTE* characters = Array(count)) { // the array's count is the text's actual count
-        memcpy(characters, text.data(), text.size());
+    if (BYTE* characters = Array(count)) {                           // the array's count is the text's actual count
+        text.copy(reinterpret_cast<char*>(characters), text.size()); // an empty text may have no address
         characters[text.size()] = 0;
     }
 }

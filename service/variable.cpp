@@ -235,7 +235,7 @@ ValueState CopyPart(const Variable& variable, BYTE* out, DWORD capacity) {
         const DWORD from = variable.type == kTypeVariableLength ? std::min(kLengthSize, size) : 0;
         const DWORD count = std::min(size - from, variable.room);
         CopyBytes(*block, from, from + count, out);
-        memset(out + count, 0, variable.room - count);
+        if (count < variable.room) memset(out + count, 0, variable.room - count); // of no bytes, out may be null
     }
     return {variable.room, WriteTimeOf(variable), SequenceNow(variable) / 2};
 }
