@@ -12,7 +12,7 @@
  *   ERROR_INVALID_PARAMETER     a required pointer is absent, a reserved one is set, an unknown option
  *   ERROR_ACCESS_DENIED         the handle lacks the right needed, this user may not write the store, no such right
  *   ERROR_KEY_DELETED           the key was deleted under the handle
- *   ERROR_BUSY                  another process held the store for 5 seconds, or died in a change that we may not undo
+ *   ERROR_BUSY                  other processes changed the store for 5 seconds, or one died in a change that we may not undo
  *   ERROR_BADDB                 the store's file is damaged or not of this version; nothing was changed
  *   ERROR_REGISTRY_IO_FAILED    the store's file cannot be read or written; ERROR_DISK_FULL
  *   ERROR_NOT_ENOUGH_MEMORY

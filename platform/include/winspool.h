@@ -171,13 +171,13 @@ WINBASEAPI BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD
 WINBASEAPI BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE record, DWORD command);
 
 /* Begins a job of the calling thread's user; level is 1, record a DOC_INFO_1A. The job's number, 0 on failure:
- * ERROR_ACCESS_DENIED (this user may not spool), ERROR_NOT_ENOUGH_QUOTA (10,000 jobs are there), ERROR_BUSY (this
- * handle spools one already), ERROR_NOT_SUPPORTED (a printer that is not the embedded spool's). The job is dropped when
- * the handle is closed, or the process ends, before EndDocPrinter. */
+ * ERROR_ACCESS_DENIED (this user may not spool), ERROR_NOT_ENOUGH_QUOTA (this user has 1,000 jobs or 4 GiB in the
+ * spool), ERROR_BUSY (this handle spools one already), ERROR_NOT_SUPPORTED (a printer that is not the embedded spool's).
+ * The job is dropped when the handle is closed, or the process ends, before EndDocPrinter. */
 WINBASEAPI DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record);
 
 /* Adds to the document. *written: bytes that were taken, also on failure. ERROR_SPL_NO_STARTDOC; ERROR_PRINT_CANCELLED:
- * the job was cancelled meanwhile; ERROR_DISK_FULL. */
+ * the job was cancelled meanwhile; ERROR_DISK_FULL; ERROR_NOT_ENOUGH_QUOTA: this user's 4 GiB are spooled. */
 WINBASEAPI BOOL WINAPI WritePrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD written);
 
 /* The document is complete. ERROR_SPL_NO_STARTDOC, ERROR_PRINT_CANCELLED. */
