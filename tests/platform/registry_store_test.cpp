@@ -143,6 +143,24 @@ TEST_AS_ROOT(RegistryStore, NothingThatAReaderDoesHoldsUpAWriter) {
     }
 }
 
+CHILD_PROCESS(TakesRootsDirectory) {
+    return BecomeNobody() && fs::create_directory(PrivateDirectory() + "/state/registry/users/0") ? 0 : 1;
+}
+
+CHILD_PROCESS(ReadsItsOwnPart) {
+    child.Say(GetValue(HKEY_CURRENT_USER, "v").data);
+    return 0;
+}
+
+TEST_AS_ROOT(RegistryStore, AUserHasItsPartThoughAnotherTookItsDirectory) {
+    CreateKey(kMachine, "K");
+    ASSERT_EQ(TestProcess("TakesRootsDirectory").Wait(), 0);
+    EXPECT_EQ(GetValue(HKEY_CURRENT_USER, "v").status, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(SetValue(HKEY_CURRENT_USER, "v", "mine"), ERROR_SUCCESS);
+    EXPECT_EQ(TestProcess("ReadsItsOwnPart").Hear(), "mine");
+    EXPECT_TRUE(fs::is_empty(PrivateDirectory() + "/state/registry/users/0"));
+}
+
 // A number that is odd says that a change is being written; here its writer is gone.
 TEST_AS_ROOT(RegistryStore, AChangeWithoutAnEndIsPutRightByWhoMayWrite) {
     SetValue(CreateKey(kMachine, "K"), "v", "first");

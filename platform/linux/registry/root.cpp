@@ -4,7 +4,10 @@
 #include "base/directories.h"
 #include "text/names.h"
 
+#include <cstdio>
 #include <ctime>
+#include <dirent.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -75,16 +78,43 @@ std::string MachinePath(bool create) {
     return registry.empty() ? registry : registry + "/HKLM.sqlite";
 }
 
+bool IsOwn(const std::string& path) {
+    struct stat directory {};
+    return lstat(path.c_str(), &directory) == 0 && S_ISDIR(directory.st_mode) && directory.st_uid == geteuid() &&
+           (directory.st_mode & 022) == 0;
+}
+
+// The directory of a user whose name somebody else has taken: "<uid>-<time of its creation>". Nobody else can take all
+// of those. Empty when there is none.
+std::string OtherOwnDirectory(const std::string& users) {
+    const std::string begin = std::to_string(geteuid()) + '-';
+    std::string oldest;
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(users.c_str()), closedir);
+    while (const dirent* entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
+        std::string name = entry->d_name;
+        if (name.starts_with(begin) && (oldest.empty() || name < oldest) && IsOwn(users + '/' + name))
+            oldest = std::move(name);
+    }
+    return oldest.empty() ? oldest : users + '/' + oldest;
+}
+
 std::string UserPath(bool create) {
     const std::string registry = RegistryDirectory(create);
     if (registry.empty()) return registry;
-    const std::string own = registry + "/users/" + std::to_string(geteuid());
-    if (create && !MakeSafeDirectory(own, 0700)) return {};
-    // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted.
+    const std::string users = registry + "/users";
+    std::string own = users + '/' + std::to_string(geteuid());
+    if (create) MakeSafeDirectory(own, 0700);
     struct stat directory {};
-    if (lstat(own.c_str(), &directory) == 0 &&
-        (!S_ISDIR(directory.st_mode) || directory.st_uid != geteuid() || (directory.st_mode & 022) != 0))
-        return {};
+    // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted.
+    if (lstat(own.c_str(), &directory) == 0 && directory.st_uid != geteuid()) {
+        char suffix[32];
+        std::snprintf(suffix, sizeof suffix, "-%016llx", static_cast<unsigned long long>(TimeNow()));
+        const std::string fresh = own + suffix;
+        own = OtherOwnDirectory(users);
+        if (own.empty() && create && MakeSafeDirectory(fresh, 0700)) own = OtherOwnDirectory(users);
+        if (own.empty()) own = fresh; // which does not exist: nothing was ever stored
+    }
+    if (lstat(own.c_str(), &directory) == 0 ? !IsOwn(own) : create) return {};
     return own + "/HKCU.sqlite";
 }
 
