@@ -46,7 +46,7 @@ CHILD_PROCESS(OwnsTheMutex) {
 TEST(Mutex, WhoseLastHandleIsClosedIsGoneOrStaysOwned) {
     EXPECT_TRUE(Owned(CreateMutexA(nullptr, TRUE, "Alone")).Close());
     EXPECT_FAILS(OpenMutexA(SYNCHRONIZE, FALSE, "Alone"), ERROR_FILE_NOT_FOUND);
-    EXPECT_TRUE(ObjectFiles().empty());
+    EXPECT_EQ(ObjectCount(), 0U);
     const Owned fresh = CreateMutexA(nullptr, FALSE, "Alone");
     EXPECT_EQ(OnAThread([&] { return Look(fresh); }), DWORD{WAIT_OBJECT_0});
     for (const bool killed : {true, false}) {

@@ -80,19 +80,16 @@ TEST(Names, AreSharedExactlyWithCase) {
 TEST(Names, ThatCannotBeAreRefused) {
     const std::string longest(240, 'n');
     const std::pair<std::string, DWORD> rows[] = {
-        {"Global\\" + longest, ERROR_SUCCESS},
-        {"../../escape", ERROR_SUCCESS},
-        {std::string(251, 'n'), ERROR_FILENAME_EXCED_RANGE},
-        {std::string(100, '/'), ERROR_FILENAME_EXCED_RANGE}, // as a file name
-        {"Local\\Name", ERROR_PATH_NOT_FOUND},
-        {"Global\\", ERROR_INVALID_NAME},
+        {"Global\\" + longest, ERROR_SUCCESS},  {"../../escape", ERROR_SUCCESS},
+        {std::string(250, '/'), ERROR_SUCCESS}, {std::string(251, 'n'), ERROR_FILENAME_EXCED_RANGE},
+        {"Local\\Name", ERROR_PATH_NOT_FOUND},  {"Global\\", ERROR_INVALID_NAME},
     };
     for (const auto& [name, error] : rows) {
         for (const Kind& kind : {kEvent, kMutex, kSection})
             EXPECT_EQ(Create(kind, name.c_str()), Result(error == ERROR_SUCCESS, error)) << name << kind.name;
         EXPECT_EQ(Open(kMutex, name.c_str()), error == ERROR_SUCCESS ? kMissing : Result(false, error)) << name;
     }
-    EXPECT_EQ(ObjectFiles(), Names{});
+    EXPECT_EQ(ObjectCount(), 0U);
     const Owned other = CreateEventA(nullptr, TRUE, TRUE, "");
     EXPECT_EQ(Create(kEvent, ""), kNew) << "an object of its own each time";
     EXPECT_EQ(Create(kSection, ""), kUnsupported);
@@ -148,7 +145,7 @@ CHILD_PROCESS(UsesThemAsNobody) {
     for (const char* name : {"Private", "Blank"})
         if (Open(kEvent, name) != kDenied || Create(kEvent, name) != kDenied) return 4;
     const Owned own = NewEvent("Own");
-    return own ? StayReady(child) : 5; // the last one out of another user's object: the file is left, dead
+    return own ? StayReady(child) : 5; // the last one out of another user's objects
 }
 
 TEST_AS_ROOT(Rights, LetOtherUsersInOrNot) {
@@ -166,10 +163,10 @@ TEST_AS_ROOT(Rights, LetOtherUsersInOrNot) {
         object.Close();
     other.Tell("go");
     EXPECT_EQ(other.Wait(), 0);
-    // What nobody can remove is dead all the same.
+    // Whoever was the last, all are gone.
     for (const auto& [kind, name] : {std::pair{kEvent, "Public"}, {kMutex, "PublicMutex"}, {kEvent, "Own"}})
         EXPECT_EQ(Open(kind, name), kMissing) << name;
-    EXPECT_EQ(ObjectFiles(), Names{});
+    EXPECT_EQ(ObjectCount(), 0U);
 }
 
 TEST(Life, EndsWithTheLastProcessHoweverThatEnds) {
@@ -182,7 +179,6 @@ TEST(Life, EndsWithTheLastProcessHoweverThatEnds) {
         other.Wait();
         EXPECT_EQ(Open(kMutex, "M"), kOpened) << "now this one keeps it";
         kept.Close();
-        EXPECT_EQ(ObjectFiles(), killed ? (Names{"B", "E", "S"}) : Names{}) << "left, but dead";
         EXPECT_EQ(Open(kEvent, "E"), kMissing);
         const Owned fresh = NewEvent("E");
         EXPECT_EQ(GetLastError(), DWORD{ERROR_SUCCESS});
@@ -190,7 +186,7 @@ TEST(Life, EndsWithTheLastProcessHoweverThatEnds) {
         for (const auto& [kind, name] : {std::pair{kMutex, "M"}, {kSection, "S"}, {kEvent, "B"}})
             EXPECT_EQ(Create(kind, name), kNew) << name;
     }
-    EXPECT_EQ(ObjectFiles(), Names{});
+    EXPECT_EQ(ObjectCount(), 0U);
 }
 
 TEST(Life, IsNotProlongedByAForkChild) {
@@ -214,53 +210,24 @@ TEST(Life, IsNotProlongedByAForkChild) {
         object.Close();
     EXPECT_EQ(Create(kSection, "S"), kExisted) << "the view keeps it";
     EXPECT_TRUE(UnmapViewOfFile(bytes));
-    EXPECT_EQ(ObjectFiles(), Names{}) << "although the idle child lives on";
+    EXPECT_EQ(ObjectCount(), 0U) << "although the idle child lives on";
 }
 
-// What another user could put in the place of an object.
-TEST(Names, TakenBySomethingElseAreRefusedAndLeftAlone) {
-    Create(kEvent, "MakesTheFolder");
-    const std::string victim = PrivateDirectory() + "/victim";
-    ReplaceFile(victim, std::string(64, 'v'), 0666);
-    const auto expectOtherKind = [](const char* name) {
-        EXPECT_EQ(Create(kEvent, name), kOtherKind);
-        EXPECT_EQ(Open(kEvent, name), kOtherKind);
-    };
-    for (const Plant plant : {Plant::kLink, Plant::kDirectory, Plant::kPipe, Plant::kHardLink}) {
-        EXPECT_TRUE(PlantInPlace(ObjectPath("Planted"), plant, victim));
-        expectOtherKind("Planted");
-    }
-    EXPECT_EQ(ReadWholeFile(victim), std::string(64, 'v'));
-
-    // A file that somebody has locked, as a live object's is, but with other contents.
-    Owned event = NewEvent("Good");
-    const std::string good = ReadWholeFile(ObjectPath("Good"));
-    event.Close();
-    ASSERT_EQ(good.size(), 64U);
-    std::string otherMark = good, otherKind = good;
-    otherMark[0] ^= 1;
-    otherKind[4] = 99;
-    for (const std::string& bytes : {std::string(), good.substr(0, 63), good + "x", otherMark, otherKind}) {
-        ReplaceFile(ObjectPath("Forged"), bytes, 0666);
-        EXPECT_TRUE(HoldObject("Forged"));
-        expectOtherKind("Forged");
-    }
-    // Whatever is in it, a file that nobody holds is made anew.
-    ReplaceFile(ObjectPath("Dead"), std::string(5000, 'd'), 0600);
-    EXPECT_EQ(Create(kEvent, "Dead"), kNew);
-}
-
-// The holder of the folder's lock stands still: an open fails in time, and works again afterwards.
+// The server stands still: an open fails in time, and works again afterwards. What came too late is given back.
 TEST(Names, AreNotWaitedForWithoutEnd) {
     const Owned known = NewEvent("Known");
-    TestProcess holder = Ready("HoldsAFile", {"."});
-    EXPECT_EQ(Create(kEvent, "Known"), kExisted); // needs no lock
-    oriel::g_timings.namesLock = 100;
-    const double begin = NowMs();
-    EXPECT_EQ(Create(kEvent, "Unknown"), Result(false, ERROR_TIMEOUT));
-    EXPECT_GE(NowMs() - begin, 100.0);
-    EXPECT_LT(NowMs() - begin, 4000.0);
+    ASSERT_TRUE(SignalObjectServer(SIGSTOP));
+    EXPECT_EQ(Create(kEvent, "Known"), kExisted); // needs no server
+    oriel::g_timings.objectServer = 100;
+    for (const char* name : {"Unknown", "Another"}) {
+        const double begin = NowMs();
+        EXPECT_EQ(Create(kEvent, name), Result(false, ERROR_TIMEOUT));
+        EXPECT_GE(NowMs() - begin, 100.0);
+        EXPECT_LT(NowMs() - begin, 4000.0);
+    }
     oriel::g_timings = {};
-    holder.Kill();
-    EXPECT_EQ(Create(kEvent, "Unknown"), kNew);
+    SignalObjectServer(SIGCONT);
+    EXPECT_EQ(Create(kEvent, "Another"), kNew);
+    EXPECT_EQ(Open(kEvent, "Unknown"), kMissing);
+    EXPECT_EQ(ObjectCount(), 1U);
 }

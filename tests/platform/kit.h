@@ -243,15 +243,16 @@ enum class Plant { kLink, kPipe, kDirectory, kHardLink };
 constexpr Plant kPlants[] = {Plant::kLink, Plant::kPipe, Plant::kDirectory}; // that nobody takes for the file
 bool PlantInPlace(const std::string& path, Plant plant, const std::string& target = "");
 // Locks a file in every way until the process ends: as a writer who does not come to an end, or as any reader can. The
-// child procedure HoldsAFile does so too with its argument, a file or the folder of objects (".").
+// child procedure HoldsAFile does so too with its argument.
 bool LockWholeFile(const std::string& path, bool asReader = false);
-// Holds a file in the folder of objects as a process that has the object, or the folder (".") as one that opens an
-// object, until the process ends.
-bool HoldObject(const std::string& name);
 
-// Where named objects are, and the names of those that have a file, sorted.
-std::string ObjectPath(const std::string& name);
-Names ObjectFiles();
+// A connection to the object server of this machine; -1 without one.
+int ConnectToObjectServer();
+// How many objects the server has. Only its user and root learn that.
+unsigned ObjectCount();
+// Sends a signal to the server's processes: the keeper, the worker, or both. False when there are none.
+enum Part : unsigned { kKeeper = 1, kWorker = 2 };
+bool SignalObjectServer(int signal, unsigned parts = kKeeper | kWorker);
 
 bool IsAsleep(unsigned threadId); // a thread of this process, in the kernel
 void BlockAllSignals();           // of this thread

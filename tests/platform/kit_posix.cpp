@@ -1,4 +1,5 @@
 #include "kit.h"
+#include "objects/protocol.h"
 
 #include <algorithm>
 #include <csignal>
@@ -8,8 +9,10 @@
 #include <fstream>
 #include <grp.h>
 #include <iterator>
-#include <sys/file.h>
+#include <map>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <winreg_text.h>
 
@@ -48,26 +51,48 @@ bool LockWholeFile(const std::string& path, bool asReader) {
     return file >= 0 && fcntl(file, F_SETLK, &lock) == 0 && flock(file, LOCK_EX) == 0;
 }
 
-bool HoldObject(const std::string& name) {
-    return flock(open(ObjectPath(name).c_str(), O_RDONLY | O_CLOEXEC), name == "." ? LOCK_EX : LOCK_SH) == 0;
-}
-
 CHILD_PROCESS(HoldsAFile) {
-    const std::string& path = child.arguments[0];
-    return (path == "." ? HoldObject(path) : LockWholeFile(path)) ? StayReady(child) : 1;
+    return LockWholeFile(child.arguments[0]) ? StayReady(child) : 1;
 }
 
-std::string ObjectPath(const std::string& name) {
-    return std::string(std::getenv("ORIEL_RUNTIME_DIR")) + "/objects/" + name;
+int ConnectToObjectServer() {
+    const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const std::string path = std::string(std::getenv("ORIEL_RUNTIME_DIR")) + "/" + oriel::kObjectsSocket;
+    sockaddr_un address{.sun_family = AF_UNIX};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return connection;
+    close(connection);
+    return -1;
 }
 
-Names ObjectFiles() {
-    Names names;
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(ObjectPath(""), none))
-        names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
+unsigned ObjectCount() {
+    const int connection = ConnectToObjectServer();
+    if (connection < 0) return 0;
+    const oriel::ObjectRequest request{.number = 1, .action = oriel::ObjectAction::Count};
+    oriel::ObjectReply reply{};
+    send(connection, &request, sizeof request, 0);
+    EXPECT_EQ(recv(connection, &reply, sizeof reply, 0), ssize_t{sizeof reply});
+    EXPECT_EQ(reply.error, DWORD{ERROR_SUCCESS});
+    close(connection);
+    return reply.size;
+}
+
+bool SignalObjectServer(int signal, unsigned parts) {
+    std::map<int, int> parents; // of the processes with the run directory in their command line
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const int process = std::atoi(entry.path().filename().c_str());
+        const std::string line = process > 0 ? ReadWholeFile(entry.path() / "cmdline") : "";
+        if (line.find("oriel-objects") == std::string::npos ||
+            line.find(std::string(std::getenv("ORIEL_RUNTIME_DIR")) + '\0') == std::string::npos)
+            continue;
+        const std::string status = ReadWholeFile(entry.path() / "stat");
+        const size_t name = status.rfind(") ");
+        if (name != std::string::npos && status[name + 2] != 'Z') parents[process] = std::atoi(&status[name + 4]);
+    }
+    bool done = false;
+    for (const auto& [process, parent] : parents)
+        if (((parents.contains(parent) ? kWorker : kKeeper) & parts) != 0) done |= kill(process, signal) == 0;
+    return done;
 }
 
 bool IsAsleep(unsigned threadId) {

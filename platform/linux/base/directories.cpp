@@ -19,8 +19,12 @@
 namespace oriel {
 namespace {
 
-// RuntimeFolder makes them all together.
-constexpr const char* kRuntimeFolders[] = {"objects", "rpc", "services", "windows"};
+// MakeRuntimeDirectory makes them all together.
+struct FolderRow {
+    const char* name;
+    mode_t shared; // its mode in a directory that all users share
+};
+constexpr FolderRow kRuntimeFolders[] = {{"rpc", 0755}, {"services", 0755}, {"windows", 01777}};
 
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
 
@@ -32,15 +36,17 @@ bool IsTrusted(const struct stat& status) {
     return (status.st_mode & kOthersMayWrite) == 0 || (status.st_mode & S_ISVTX) != 0;
 }
 
-// Makes the directory with exactly this mode, whatever the umask; an existing one keeps its mode. True when it exists
-// and can be trusted. The checks use a descriptor: nobody can exchange the directory between them.
+// Makes the directory with exactly this mode, whatever the umask; one of ours that exists loses the rights beyond it.
+// True when it exists and can be trusted. The checks use a descriptor: nobody can exchange the directory between them.
 bool MakeDirectory(const std::string& path, mode_t mode) {
     const bool made = mkdir(path.c_str(), 0700) == 0;
     if (!made && errno != EEXIST) return false;
     const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!directory.IsOpen() || fstat(directory.Get(), &status) != 0 || !IsTrusted(status)) return false;
-    return !made || fchmod(directory.Get(), mode) == 0;
+    const mode_t wanted = made ? mode : status.st_mode & mode;
+    if (status.st_uid != geteuid() || (status.st_mode & 07777) == wanted) return true;
+    return fchmod(directory.Get(), wanted) == 0;
 }
 
 // Errors are ignored: making the directory itself then fails.
@@ -218,36 +224,43 @@ const std::string& MissingStateDirectory() {
 
 namespace {
 
-std::string FolderBelow(const std::string& directory, const char* name) {
+std::string FolderBelow(const std::string& directory, const char* name, mode_t shared) {
     struct stat status {};
     if (directory.empty() || stat(directory.c_str(), &status) != 0) return "";
     std::string path = directory + "/" + name;
     // Shared by all users when they can enter the directory.
-    return MakeDirectory(path, (status.st_mode & S_IXOTH) != 0 ? 01777 : 0700) ? path : "";
+    return MakeDirectory(path, (status.st_mode & S_IXOTH) != 0 ? shared : 0700) ? path : "";
 }
 
 } // namespace
 
-std::string RuntimeFolder(const char* name) {
+const std::string& MakeRuntimeDirectory() {
     Directory& runtime = Found().runtime;
-    if (g_onlyLooks) {
-        std::string path = IfThere(runtime);
-        if (!path.empty()) path.append("/").append(name);
-        struct stat status {};
-        return !path.empty() && lstat(path.c_str(), &status) == 0 && IsTrusted(status) ? path : "";
-    }
+    if (g_onlyLooks) return IfThere(runtime);
     const std::string& directory = Made(runtime);
     // The first user makes all folders: in a directory of root, other users could not make one later.
     struct stat status {};
-    if (!directory.empty() && lstat((directory + "/" + name).c_str(), &status) != 0) {
-        for (const char* folder : kRuntimeFolders)
-            FolderBelow(directory, folder);
+    for (const FolderRow& row : kRuntimeFolders)
+        if (!directory.empty() && lstat((directory + "/" + row.name).c_str(), &status) != 0)
+            FolderBelow(directory, row.name, row.shared);
+    return directory;
+}
+
+std::string RuntimeFolder(const char* name) {
+    const std::string& directory = MakeRuntimeDirectory();
+    if (directory.empty()) return "";
+    struct stat status {};
+    if (g_onlyLooks) {
+        std::string path = directory + "/" + name;
+        return lstat(path.c_str(), &status) == 0 && IsTrusted(status) ? path : "";
     }
-    return FolderBelow(directory, name);
+    for (const FolderRow& row : kRuntimeFolders)
+        if (std::strcmp(row.name, name) == 0) return FolderBelow(directory, name, row.shared);
+    return "";
 }
 
 std::string StateFolder(const char* name) {
-    return FolderBelow(MakeStateDirectory(), name);
+    return FolderBelow(MakeStateDirectory(), name, 01777);
 }
 
 void OnlyLook() {
@@ -256,7 +269,7 @@ void OnlyLook() {
 
 bool ClaimDirectories() {
     g_onlyLooks = false;
-    if (MakeStateDirectory().empty() || RuntimeFolder(kRuntimeFolders[0]).empty()) return false;
+    if (MakeStateDirectory().empty() || RuntimeFolder(kRuntimeFolders[0].name).empty()) return false;
     const Scope scope = TheScope();
     // Child processes use the same scope.
     if (scope != Scope::Named) setenv(kScopeVariable, scope == Scope::System ? "system" : "user", 1);

@@ -1,7 +1,7 @@
 // The two directories for what outlives a process:
 //
 //   state directory  registry and spool; survives a reboot
-//   run directory    sockets, kernel objects, windows; best on a tmpfs
+//   run directory    sockets, windows; best on a tmpfs
 //
 // ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR name them. Without these variables, the scope decides:
 //
@@ -40,8 +40,11 @@ const std::string& MakeStateDirectory();
 // The path of the state directory while it does not exist, else empty.
 const std::string& MissingStateDirectory();
 
-// Makes a folder in the directory if it is missing, with mode 1777 when the directory is shared, and returns its path.
-// Empty when it cannot be made or trusted.
+// Makes the run directory and its folders if they are missing. Empty when it cannot be made or trusted.
+const std::string& MakeRuntimeDirectory();
+// A folder of the directory, made if it is missing. In a directory that all users share, everybody may put files into
+// "windows" and the folders of the state directory (mode 1777); only the owner into the others. Empty when it cannot be
+// made or trusted.
 std::string RuntimeFolder(const char* name);
 std::string StateFolder(const char* name);
 

@@ -7,8 +7,8 @@
 namespace oriel {
 
 struct Timings {
-    // The lock of the objects' folder. It is held for some 20 us at a time, unless its holder was stopped.
-    uint32_t namesLock = 5000;
+    // Until the object server has answered. It takes some 20 us, unless it has to be started or was stopped.
+    uint32_t objectServer = 5000;
     // Until a terminated thread has left the layer or entered its signal handler. Microseconds, unless the machine is
     // overloaded.
     uint32_t threadStop = 2000;

@@ -102,8 +102,7 @@ bool Clear(NamedObject& event) {
 }
 
 BOOL Written(bool written) {
-    if (!written) SetLastError(ERROR_NOACCESS); // another process truncated the file
-    return written ? TRUE : FALSE;
+    return written ? TRUE : Fail(ERROR_NOACCESS); // never: the event's memory is there
 }
 
 } // namespace
@@ -121,8 +120,13 @@ HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, B
 }
 
 HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name) {
-    return OpenByName({.type = &kEventType, .kind = ObjectKind::ManualEvent, .name = name, .make = MakeEvent}, access,
-                      inherit, kEventRights);
+    constexpr DWORD kChanging = EVENT_MODIFY_STATE | GENERIC_WRITE | GENERIC_ALL;
+    return OpenByName({.type = &kEventType,
+                       .kind = ObjectKind::ManualEvent,
+                       .name = name,
+                       .make = MakeEvent,
+                       .readingIsEnough = (access & kChanging) == 0},
+                      access, inherit, kEventRights);
 }
 
 BOOL WINAPI SetEvent(HANDLE handle) {

@@ -1,9 +1,9 @@
 // Mutexes: CreateMutexA, OpenMutexA, ReleaseMutex, and what happens to mutexes whose owner ends.
 //
-// The owner of a named mutex is the process that holds an open-file-description lock on its file, and in it the thread
-// that the record names. The kernel releases the lock with the process, kill -9 included. The owner word in the file is
-// not 0 while the mutex is owned: a process that gets the lock and finds the word set got the mutex from an owner that
-// died (WAIT_ABANDONED).
+// The owner of a named mutex is the process that holds an open-file-description lock on its memory, and in it the
+// thread that the record names. The kernel releases the lock with the process, kill -9 included. The owner word in the
+// memory is not 0 while the mutex is owned: a process that gets the lock and finds the word set got the mutex from an
+// owner that died (WAIT_ABANDONED).
 //
 // Waiters sleep on a futex word next to it. Its lowest bit says that somebody may be asleep; only a release that finds
 // the bit makes a wake-up call. Nobody wakes the waiters of a killed process, so each sleep is short

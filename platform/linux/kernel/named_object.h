@@ -1,54 +1,34 @@
-// Objects that processes share by name: events, mutexes, sections. Unnamed ones have the same record without a file.
+// Objects that processes share by name: events, mutexes, sections. Unnamed ones have the same record without a name.
 //
-// A named object is a small file in the folder "objects" of the run directory, with the name of the object. Every
-// process that uses it maps it. The mapping (or an open descriptor, where that is necessary) carries a shared flock,
-// which keeps the object alive; the last process removes the file. A file without a flock was left by a process that
-// died; the next creator initialises it anew. All this happens under an exclusive flock of the folder, which nobody
-// waits for longer than a few seconds.
+// Names belong to the object server (objects/). It gives each process that opens an object a descriptor of its memory,
+// which the process maps, and forgets the object when the last process has given it back or has ended. The server takes
+// no part in what follows: a set, a wait, a lock and a read are system calls or none.
 //
-// The file holds only numbers, no pointers and no types of the C library. Other processes write it too, so it is
-// checked before use: a regular file with one link, the right size and the right marks. A process that may write to the
-// file can still disturb the object, or truncate the file and so end the others with SIGBUS.
+// The memory holds only numbers, no pointers and no types of the C library. Whoever may change the object can write
+// anything there, but cannot change the size of the memory.
 //
 // State: named_object.cpp. Any thread may call these functions.
 #pragma once
 
 #include "kernel/handles.h"
-#include "security/records.h"
+#include "kernel/object_client.h"
 
 #include <cstddef>
 #include <minwinbase.h>
 
 namespace oriel {
 
-enum class ObjectKind : uint32_t { ManualEvent = 1, AutoEvent = 2, Mutex = 3, Section = 4 };
-
-// The first 64 bytes of the file. The bytes of a section follow at kSectionOffset.
-struct ObjectHead {
-    uint32_t mark; // written last
-    ObjectKind kind;
-    uint32_t size; // of a section, bytes; at most kLargestSection
-    uint32_t reserved;
-    Word word;  // event: its state (event.cpp). mutex: the word that waiters sleep on (mutex.cpp)
-    Word owner; // mutex: not 0 while owned
-    uint32_t padding[10];
-};
-static_assert(sizeof(ObjectHead) == 64 && offsetof(ObjectHead, word) == 16 && offsetof(ObjectHead, owner) == 20);
-constexpr uint32_t kSectionOffset = 4096;
-constexpr uint32_t kLargestSection = 1 << 20;
-constexpr size_t kLongestFileName = 250;
-
 struct NamedObject : Object {
-    // As in the file when it was opened; another process may change the file later.
     ObjectKind kind{};
     uint32_t size = 0;
     bool named = false;
-    bool readOnly = false;          // a section of which only views to read are asked for; another user's, perhaps
+    bool readOnly = false;          // another user's: only to wait for, or to read
     std::atomic<bool> owned{false}; // a thread owns the mutex, with a reference of its own
     ObjectHead own{};               // of an unnamed object
-    ObjectHead* head = &own;        // of a named object: in the mapped file
-    int file = -1;                  // open where the kind or the file system needs it
-    char fileName[kLongestFileName + 1] = ""; // "" after the name was removed
+    ObjectHead* head = &own;        // of a named object: the mapping; a section's is followed by its bytes
+    int file = -1;                  // of a named mutex, for its lock
+    ServerHold hold;
+    char name[kLongestObjectName + 1] = ""; // "" after the name was given back
     NamedObject* nextNamed = nullptr;
 };
 
@@ -60,8 +40,8 @@ struct NamedRequest {
     uint32_t word = 0;                                 // of a new one
     uint32_t size = 0;                                 // of a new section
     NamedObject* (*make)();                            // an empty record; null without memory
-    bool (*atCreation)(NamedObject* object) = nullptr; // before anyone else can see it; false with the last error set
-    bool readOnly = false;                             // a section that is only read
+    bool (*atCreation)(NamedObject* object) = nullptr; // owns a new mutex; false with the last error set
+    bool readingIsEnough = false;                      // to wait for an event, to read a section
     bool create = false;                               // CreateByName's: else it has to exist,
     ForEveryone forEveryone = ForEveryone::Nothing;    // and the rights of a new one
 };
@@ -75,14 +55,11 @@ HANDLE CreateByName(NamedRequest request, const SECURITY_ATTRIBUTES* attributes)
 // kind does not have.
 HANDLE OpenByName(const NamedRequest& request, DWORD desired, BOOL inherit, const RightsMap& map);
 
-// For ObjectType::drop: releases a reference. True for the last one: name, file and mapping are gone, and the caller
-// deletes the record.
+// For ObjectType::drop: releases a reference. True for the last one: name, mapping and descriptor are gone, and the
+// caller deletes the record.
 bool DropNamed(NamedObject* object);
 
 // Security attributes that can be followed, else false with ERROR_NOT_SUPPORTED.
 bool AttributesAreSupported(const SECURITY_ATTRIBUTES* attributes);
-
-// Opens the file of a named object once more, without the flock that keeps the object alive. -1 when it is not there.
-int ReopenFile(const NamedObject& object);
 
 } // namespace oriel

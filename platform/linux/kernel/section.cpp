@@ -1,10 +1,8 @@
 // Named shared memory: CreateFileMappingA, OpenFileMappingA, MapViewOfFile, UnmapViewOfFile.
 //
-// State: the list of the views of this process; each holds a reference to its section. A view is mapped through a
-// descriptor of its own, without the flock that keeps the section alive: a fork child keeps the memory, but not the
-// section.
+// State: the list of the views of this process; each holds a reference to its section. A view is a second mapping of
+// the section's memory: a fork child keeps the view, but not the section.
 #include "base/call.h"
-#include "base/descriptor.h"
 #include "base/list.h"
 #include "base/lock.h"
 #include "base/steps.h"
@@ -80,7 +78,7 @@ HANDLE WINAPI OpenFileMappingA(DWORD access, BOOL inherit, LPCSTR name) {
                        .kind = ObjectKind::Section,
                        .name = name,
                        .make = MakeSection,
-                       .readOnly = (access & FILE_MAP_WRITE) == 0},
+                       .readingIsEnough = (access & FILE_MAP_WRITE) == 0},
                       access, inherit, kSectionRights);
 }
 
@@ -95,11 +93,12 @@ LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWOR
     if (bytes > size) return Fail(ERROR_ACCESS_DENIED, nullptr);
     std::unique_ptr<View> view(new (std::nothrow) View{});
     if (view == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    const Descriptor file(ReopenFile(*section.Get()));
-    if (!file.IsOpen()) return Fail(ERROR_FILE_NOT_FOUND, nullptr);
-    const int protection = (access & FILE_MAP_WRITE) != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
-    void* address = mmap(nullptr, size, protection, MAP_SHARED, file.Get(), kSectionOffset);
+    // A move of no bytes of a shared mapping copies it.
+    void* content = reinterpret_cast<char*>(section->head) + kSectionOffset;
+    void* address = mremap(content, 0, size, MREMAP_MAYMOVE);
     if (address == MAP_FAILED) return Fail(SystemError(errno), nullptr);
+    madvise(address, size, MADV_DOFORK);
+    if ((access & FILE_MAP_WRITE) == 0) mprotect(address, size, PROT_READ);
     section->references.fetch_add(1, std::memory_order_relaxed);
     LockHold lock(g_viewsLock);
     *view = {address, size, section.Get()};

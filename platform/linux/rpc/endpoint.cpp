@@ -4,17 +4,16 @@
 #include "base/descriptor.h"
 #include "base/directories.h"
 #include "base/lock.h"
+#include "base/socket_address.h"
 #include "base/timings.h"
 #include "security/credentials.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace oriel::rpc {
@@ -43,18 +42,6 @@ bool IsTrusted(uid_t user) {
 
 int OpenFolder(const std::string& folder) {
     return open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-}
-
-// A path that is too long for a socket address is reached through the open folder.
-sockaddr_un Address(const std::string& path, const std::string& name, int folder) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string direct = path + "/" + name;
-    if (direct.size() < sizeof address.sun_path)
-        memcpy(address.sun_path, direct.c_str(), direct.size() + 1);
-    else
-        snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", folder, name.c_str());
-    return address;
 }
 
 // True when only we can put sockets there: no other user can replace them.
@@ -112,7 +99,7 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
             if (path.empty()) return RPC_S_SERVER_UNAVAILABLE;
             folder = Descriptor(OpenFolder(path));
             if (!folder.IsOpen()) return FromErrno(errno, RPC_S_SERVER_UNAVAILABLE);
-            address = Address(path, name, folder.Get());
+            address = SocketAddress(path, name, folder.Get());
         } catch (const std::bad_alloc&) {
             return RPC_S_OUT_OF_MEMORY;
         }
@@ -154,7 +141,7 @@ RPC_STATUS ClaimEndpoint(const std::string& name, Endpoint& endpoint) {
 RPC_STATUS BindEndpoint(Endpoint& endpoint) {
     if (endpoint.listener >= 0) return RPC_S_OK;
     const char* name = endpoint.name.c_str();
-    const sockaddr_un address = Address(endpoint.path, endpoint.name, endpoint.folder);
+    const sockaddr_un address = SocketAddress(endpoint.path, endpoint.name, endpoint.folder);
     struct stat status {};
     if (fstatat(endpoint.folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         if (!S_ISSOCK(status.st_mode)) return RPC_S_CANT_CREATE_ENDPOINT;

@@ -56,7 +56,7 @@ struct DescriptorParts {
 // What everyone may do. All: the DACL is null, or has an allowing entry of GENERIC_ALL for Everyone with no denying
 // entry before it. Read: it has such an entry of GENERIC_READ only. Nothing without attributes, descriptor or DACL, and
 // for an invalid descriptor: its memory is read under the fault guard, and every count and offset is checked.
-enum class ForEveryone { Nothing, Read, All };
+enum class ForEveryone : DWORD { Nothing, Read, All };
 ForEveryone GrantedToEveryone(const SECURITY_ATTRIBUTES* attributes);
 
 } // namespace oriel

@@ -1,0 +1,461 @@
+// OrielServeObjects: the object server.
+//
+// It is two processes, which share the table and all descriptors: the worker does everything, the keeper waits for the
+// worker's end and starts the next one. The worker becomes the keeper of another worker when the keeper ends. So a kill
+// of either loses nothing: connections, objects and their memory belong to both.
+//
+// A request is looked at, executed (table.h), answered, and only then taken from the connection. The next worker finds
+// a request that the last one did not finish: it executes or only answers it, by its number. It begins with that one,
+// so nobody else sees an object before its maker has it.
+//
+// State: the table; the rules for names.
+#include "base/call.h"
+#include "objects/place.h"
+#include "objects/table.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <iterator>
+#include <oriel_objects.h>
+#include <sched.h>
+#include <span>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace oriel {
+namespace {
+
+constexpr int64_t kStartTimeNs = 5000 * kNsPerMs;
+constexpr int64_t kIdleTimeNs = 2000 * kNsPerMs; // without a connection, until it ends
+constexpr int kIdleLookMs = 250;
+constexpr uint32_t kMostDescriptors = 1 << 20;
+constexpr uint32_t kMostAttempts = 20; // to execute one request: more than kills explain
+
+// Not in every C library's headers yet.
+constexpr unsigned kMfdNoExecSeal = 8; // Linux 6.3
+constexpr int kSoPassRights = 83;      // Linux 6.16: whether a peer may send descriptors
+
+std::span<const ORIEL_RESERVED_NAME> g_rules;
+
+// ---- descriptors
+
+// The memory of a new object: nobody can change its size, and only the server's user could open it by a path.
+int MakeMemory(const ObjectRequest& request) {
+    char name[NAME_MAX - 5] = ""; // for those who look at /proc/PID/maps
+    std::memcpy(name, request.name, sizeof name - 1);
+    Descriptor file(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING | kMfdNoExecSeal));
+    if (!file.IsOpen()) file = Descriptor(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING)); // an earlier Linux
+    // Allocated, so that no access to it fails later.
+    if (!file.IsOpen() || fchmod(file.Get(), S_IRUSR | S_IWUSR) != 0 ||
+        posix_fallocate(file.Get(), 0, ObjectBytes(request.kind, request.size)) != 0 ||
+        pwrite(file.Get(), &request.word, sizeof request.word, offsetof(ObjectHead, word)) !=
+            ssize_t{sizeof request.word} ||
+        fcntl(file.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
+        return -1;
+    return file.Release();
+}
+
+// The object's memory for one client: a new open file description, which has the access granted and locks of its own.
+Descriptor OpenMemory(const ObjectRecord& object, uint32_t flags) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", object.file);
+    Descriptor file(open(path, ((flags & kOnlyReadable) != 0 ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    // Fails only for the second answer to a request whose first one arrived, which has the lock.
+    if ((flags & kOwned) != 0) fcntl(file.Get(), F_OFD_SETLK, &lock);
+    return file;
+}
+
+// Closes what an ended worker opened and did not enter in the table.
+void CloseUnnamed() {
+    static std::bitset<kMostDescriptors> named;
+    named.reset();
+    unsigned end = 0;
+    const auto name = [&](int file) {
+        named.set(static_cast<size_t>(file));
+        end = std::max(end, static_cast<unsigned>(file) + 1);
+    };
+    for (const int stream : {0, 1, 2})
+        name(stream);
+    name(g_table->listener);
+    name(g_table->directory);
+    for (uint32_t i = 1; i <= g_table->connectionPool.used; ++i)
+        if (g_table->connections[i].live != 0) name(g_table->connections[i].file);
+    for (uint32_t i = 1; i <= g_table->objectPool.used; ++i)
+        if (g_table->objects[i].holds != 0) name(g_table->objects[i].file);
+    unsigned first = 0;
+    for (unsigned file = 0; file < end; ++file) {
+        if (!named.test(file)) continue;
+        if (file > first) close_range(first, file - 1, 0);
+        first = file + 1;
+    }
+    close_range(end, ~0U, 0);
+}
+
+// ---- requests
+
+const ORIEL_RESERVED_NAME* RuleFor(const char* name) {
+    const auto rule = std::find_if(g_rules.begin(), g_rules.end(),
+                                   [=](const auto& row) { return fnmatch(row.pattern, name, 0) == 0; });
+    return rule != g_rules.end() ? &*rule : nullptr;
+}
+
+DWORD Join(uint32_t connection, const ObjectRequest& request, uint32_t number, ObjectReply& reply) {
+    const ObjectRecord& object = g_table->objects[number];
+    if (object.kind != request.kind && !(IsEvent(object.kind) && IsEvent(request.kind))) return ERROR_INVALID_HANDLE;
+    const ForEveryone granted = Granted(connection, object);
+    // A wait for an automatic event or for a mutex changes it.
+    const bool canBeOnlyRead = object.kind == ObjectKind::ManualEvent || object.kind == ObjectKind::Section;
+    if (granted == ForEveryone::Nothing) return ERROR_ACCESS_DENIED;
+    if (granted == ForEveryone::Read && ((request.flags & kReadingIsEnough) == 0 || !canBeOnlyRead))
+        return ERROR_ACCESS_DENIED;
+    const uint32_t hold = AddHold(connection, number);
+    if (hold == 0) return ERROR_NO_SYSTEM_RESOURCES;
+    reply.hold = hold;
+    reply.kind = object.kind;
+    reply.size = object.size;
+    if (granted == ForEveryone::Read) reply.flags |= kOnlyReadable;
+    return ERROR_SUCCESS;
+}
+
+DWORD Make(uint32_t connection, const ObjectRequest& request, ObjectReply& reply) {
+    ForEveryone forEveryone = request.forEveryone;
+    if (const ORIEL_RESERVED_NAME* rule = RuleFor(request.name)) {
+        if (rule->kind != static_cast<DWORD>(request.kind)) return ERROR_INVALID_HANDLE;
+        if (rule->ownerMakes && !IsPrivileged(connection)) return ERROR_ACCESS_DENIED;
+        forEveryone = static_cast<ForEveryone>(rule->others);
+    }
+    Descriptor file(MakeMemory(request));
+    const uint32_t object = file.IsOpen() ? AddObject(connection, request, forEveryone, file.Get()) : 0;
+    if (object == 0) return ERROR_NO_SYSTEM_RESOURCES;
+    const DWORD error = Join(connection, request, object, reply);
+    if (error == ERROR_SUCCESS) file.Release();
+    if (error == ERROR_SUCCESS && (request.flags & kOwnedAtBirth) != 0) reply.flags |= kOwned;
+    return error;
+}
+
+DWORD GiveBackHold(uint32_t connection, const ObjectRequest& request, int& unused) {
+    const uint32_t hold = request.hold;
+    if (hold == 0 || hold > g_table->holdPool.used || g_table->holds[hold].connection != connection)
+        return ERROR_INVALID_HANDLE;
+    if (request.action == ObjectAction::CloseOwned && g_table->objects[g_table->holds[hold].object].holds != 1)
+        return ERROR_BUSY;
+    unused = RemoveHold(hold);
+    return ERROR_SUCCESS;
+}
+
+// unused: a descriptor to close once the change is final.
+DWORD Apply(uint32_t connection, const ObjectRequest& request, ObjectReply& reply, int& unused) {
+    switch (request.action) {
+    case ObjectAction::Create:
+    case ObjectAction::Open:
+        if (const uint32_t object = FindObject(request.name)) {
+            reply.flags = kExisted;
+            return Join(connection, request, object, reply);
+        }
+        return request.action == ObjectAction::Create ? Make(connection, request, reply) : ERROR_FILE_NOT_FOUND;
+    case ObjectAction::Close:
+    case ObjectAction::CloseOwned:
+        return GiveBackHold(connection, request, unused);
+    case ObjectAction::Count:
+        if (!IsPrivileged(connection)) return ERROR_ACCESS_DENIED;
+        reply.size = g_table->objectPool.live;
+        reply.kind = static_cast<ObjectKind>(g_table->holdPool.live);
+        return ERROR_SUCCESS;
+    }
+    return ERROR_INVALID_FUNCTION;
+}
+
+void Execute(uint32_t number, const ObjectRequest& request) {
+    ObjectReply reply{.protocol = kObjectProtocol, .number = request.number};
+    int unused = -1;
+    const DWORD error = Apply(number, request, reply, unused);
+    if (error != ERROR_SUCCESS) {
+        Undo();
+        reply = {.protocol = kObjectProtocol, .number = request.number, .error = error};
+    }
+    ObjectReply& kept = g_table->connections[number].reply;
+    const auto* words = reinterpret_cast<const uint32_t*>(&reply);
+    for (size_t i = 0; i < sizeof reply / sizeof *words; ++i)
+        Change(reinterpret_cast<uint32_t*>(&kept)[i], words[i]);
+    Commit();
+    if (unused >= 0) close(unused);
+}
+
+// False when the client does not take it.
+bool Answer(const ConnectionRecord& connection) {
+    ObjectReply reply = connection.reply;
+    iovec bytes{&reply, sizeof reply};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    Descriptor file;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (reply.hold != 0) {
+        file = OpenMemory(g_table->objects[g_table->holds[reply.hold].object], reply.flags);
+        if (!file.IsOpen()) return false;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        const int passed = file.Get();
+        std::memcpy(CMSG_DATA(header), &passed, sizeof passed);
+    }
+    return sendmsg(connection.file, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == ssize_t{sizeof reply};
+}
+
+bool ExecuteAndAnswer(uint32_t number, const void* record, size_t length) {
+    const ConnectionRecord& connection = g_table->connections[number];
+    ObjectRequest request;
+    if (!DecodeRequest(record, length, request)) return false;
+    if (request.number == connection.reply.number + 1)
+        Execute(number, request);
+    else if (request.number != connection.reply.number || request.number == 0)
+        return false;
+    return Answer(connection);
+}
+
+// ---- connections
+
+void Drop(ConnectionRecord& connection) {
+    connection.dropped = 1;
+    shutdown(connection.file, SHUT_RDWR); // so that it stays ready until it is gone
+}
+
+// Gives back what an ended connection held, step by step: others are served in between. What ends with a process of the
+// server's user goes faster, since another process of the product may be starting in its place.
+void EndConnection(uint32_t number) {
+    ConnectionRecord& connection = g_table->connections[number];
+    for (int left = IsPrivileged(number) ? 1024 : 32; left > 0 && connection.firstHold != 0; --left) {
+        const int unused = RemoveHold(connection.firstHold);
+        Commit();
+        if (unused >= 0) close(unused);
+    }
+    if (connection.firstHold != 0) return;
+    const int file = connection.file;
+    RemoveConnection(number);
+    Commit();
+    close(file);
+}
+
+// One request, or a step of the connection's end. What a client that is gone has asked for is not executed: another
+// process may know that it is gone.
+void Serve(uint32_t number, bool isGone) {
+    ConnectionRecord& connection = g_table->connections[number];
+    if (connection.live == 0) return;
+    if (isGone || connection.dropped != 0) {
+        Drop(connection);
+        EndConnection(number);
+        return;
+    }
+    char record[sizeof(ObjectRequest)];
+    const ssize_t length = recv(connection.file, record, sizeof record, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (length <= 0) {
+        Drop(connection);
+        EndConnection(number);
+        return;
+    }
+    g_table->current = number;
+    const bool good =
+        ++g_table->begun <= kMostAttempts && ExecuteAndAnswer(number, record, static_cast<size_t>(length));
+    recv(connection.file, record, sizeof record, MSG_DONTWAIT);
+    g_table->current = 0;
+    g_table->begun = 0;
+    if (!good) {
+        Drop(connection);
+        EndConnection(number);
+    }
+}
+
+void Add(int epoll, int file, uint64_t key) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = key;
+    epoll_ctl(epoll, EPOLL_CTL_ADD, file, &event);
+}
+
+constexpr uint64_t kListenerKey = 0; // the key of a connection is its number
+constexpr uint64_t kKeeperKey = ~uint64_t{0};
+
+void AcceptSome(int epoll) {
+    constexpr int kAtOnce = 32;
+    for (int i = 0; i < kAtOnce; ++i) {
+        Descriptor file(accept4(g_table->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!file.IsOpen()) {
+            // Without descriptors or memory the client stays in the queue: look again soon, not at once.
+            if (errno != EAGAIN && errno != ECONNABORTED) usleep(1000);
+            return;
+        }
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        if (getsockopt(file.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) continue;
+        // A client has one reply to take, and no descriptors to send: their close could take time.
+        const int least = 1;
+        const int no = 0;
+        setsockopt(file.Get(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+        setsockopt(file.Get(), SOL_SOCKET, kSoPassRights, &no, sizeof no);
+        const uint32_t number = AddConnection(peer.uid, file.Get());
+        if (number == 0) {
+            Undo();
+            continue;
+        }
+        Commit();
+        Add(epoll, file.Release(), number);
+    }
+}
+
+// ---- the two processes
+
+enum class End { KeeperGone, Done };
+
+// Whether new clients still find this server.
+bool IsReachable() {
+    struct stat named {};
+    struct stat own {};
+    return fstatat(g_table->directory, kObjectsSocket, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           fstat(g_table->directory, &own) == 0 && own.st_nlink != 0 && named.st_ino == g_table->socketNumber;
+}
+
+// Without connections: whether it is time to end. Whoever connects now and is not accepted starts another server.
+bool MayEnd(int64_t idleSince, bool stays) {
+    if (!IsReachable()) return true;
+    if (stays || MonotonicNs() - idleSince < kIdleTimeNs) return false;
+    unlinkat(g_table->directory, kObjectsSocket, 0);
+    return true;
+}
+
+End Work(pid_t keeper, bool stays) {
+    Undo();
+    CloseUnnamed();
+    const Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
+    const Descriptor keeperEnd(static_cast<int>(syscall(SYS_pidfd_open, keeper, 0)));
+    if (getppid() != keeper) return End::KeeperGone;
+    if (!epoll.IsOpen()) { // no memory: the keeper tries again
+        usleep(10000);
+        _exit(1);
+    }
+    Add(epoll.Get(), g_table->listener, kListenerKey);
+    if (keeperEnd.IsOpen()) Add(epoll.Get(), keeperEnd.Get(), kKeeperKey);
+    for (uint32_t i = 1; i <= g_table->connectionPool.used; ++i)
+        if (g_table->connections[i].live != 0) Add(epoll.Get(), g_table->connections[i].file, i);
+    if (g_table->current != 0) Serve(g_table->current, false);
+    for (int64_t idleSince = MonotonicNs();;) {
+        const bool idle = g_table->connectionPool.live == 0;
+        if (!idle) idleSince = MonotonicNs();
+        if (idle && MayEnd(idleSince, stays)) return End::Done;
+        epoll_event events[64];
+        const int count = epoll_wait(epoll.Get(), events, static_cast<int>(std::size(events)), idle ? kIdleLookMs : -1);
+        for (int i = 0; i < count; ++i) {
+            const uint64_t key = events[i].data.u64;
+            if (key == kKeeperKey) return End::KeeperGone;
+            if (key == kListenerKey)
+                AcceptSome(epoll.Get());
+            else
+                Serve(static_cast<uint32_t>(key), (events[i].events & EPOLLHUP) != 0);
+        }
+    }
+}
+
+// A child that shares the table of descriptors.
+pid_t CloneSharing() {
+    return static_cast<pid_t>(syscall(SYS_clone, CLONE_FILES | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+[[noreturn]] void Keep(bool stays) {
+    for (;;) {
+        const pid_t keeper = getpid();
+        const pid_t worker = CloneSharing();
+        if (worker == 0) {
+            if (Work(keeper, stays) == End::Done) _exit(0);
+            continue; // the keeper's work from now on
+        }
+        int status = 0;
+        if (worker < 0) usleep(10000); // as many processes as there may be
+        // Unbounded: the worker ends when the server ends.
+        while (worker > 0 && waitpid(worker, &status, 0) < 0 && errno == EINTR) {
+        }
+        if (worker > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) _exit(0);
+    }
+}
+
+uint32_t RaiseDescriptorLimit() {
+    rlimit limit{kMostDescriptors, kMostDescriptors};
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return kMostDescriptors; // root
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kMostDescriptors);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<uint32_t>(limit.rlim_cur);
+}
+
+bool IsListener(int file) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    return getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens != 0;
+}
+
+DWORD TakeListener(const char* directory, Descriptor& listener) {
+    if (IsListener(kGivenListener)) {
+        listener = Descriptor(kGivenListener);
+        return ERROR_SUCCESS;
+    }
+    const DWORD error = ListenForObjects(directory, MonotonicNs() + kStartTimeNs, listener);
+    return error == ERROR_SUCCESS && !listener.IsOpen() ? DWORD{ERROR_SERVICE_ALREADY_RUNNING} : error;
+}
+
+void LeaveTerminal() {
+    setsid();
+    for (const int ignored : {SIGHUP, SIGINT, SIGPIPE})
+        signal(ignored, SIG_IGN);
+    const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    for (const int stream : {0, 1, 2})
+        dup2(null.Get(), stream);
+    if (chdir("/") != 0) return; // it only keeps a file system from being unmounted
+}
+
+DWORD ServeObjects(const char* runDirectory, bool stays) {
+    Descriptor listener;
+    const DWORD error = TakeListener(runDirectory, listener);
+    if (error != ERROR_SUCCESS) return error;
+    Descriptor directory(open(runDirectory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (!directory.IsOpen() || fstatat(directory.Get(), kObjectsSocket, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return ERROR_PATH_NOT_FOUND;
+    if (!MakeTable(geteuid(), RaiseDescriptorLimit())) return ERROR_NOT_ENOUGH_MEMORY;
+    g_table->listener = listener.Get();
+    g_table->directory = directory.Get();
+    g_table->socketNumber = status.st_ino;
+    const pid_t keeper = fork();
+    if (keeper < 0) return ERROR_NO_SYSTEM_RESOURCES;
+    if (keeper > 0) return ERROR_SUCCESS;
+    LeaveTerminal();
+    Keep(stays);
+}
+
+} // namespace
+} // namespace oriel
+
+using namespace oriel;
+
+DWORD WINAPI OrielServeObjects(LPCSTR runDirectory, BOOL stays, const ORIEL_RESERVED_NAME* rules, DWORD count) {
+    g_rules = {rules, count};
+    return CodeCall([&] { return ServeObjects(runDirectory, stays != FALSE); });
+}
