@@ -216,7 +216,7 @@ TEST(Life, IsNotProlongedByAForkChild) {
 // The server stands still: an open fails in time, and works again afterwards. What came too late is given back.
 TEST(Names, AreNotWaitedForWithoutEnd) {
     const Owned known = NewEvent("Known");
-    ASSERT_TRUE(SignalObjectServer(SIGSTOP));
+    SignalObjectServer(SIGSTOP);
     EXPECT_EQ(Create(kEvent, "Known"), kExisted); // needs no server
     oriel::g_timings.objectServer = 100;
     for (const char* name : {"Unknown", "Another"}) {

@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -250,9 +251,9 @@ bool LockWholeFile(const std::string& path, bool asReader = false);
 int ConnectToObjectServer();
 // How many objects the server has. Only its user and root learn that.
 unsigned ObjectCount();
-// Sends a signal to the server's processes: the keeper, the worker, or both. False when there are none.
-enum Part : unsigned { kKeeper = 1, kWorker = 2 };
-bool SignalObjectServer(int signal, unsigned parts = kKeeper | kWorker);
+// The server's processes that are not ending, with their parents: a keeper, and its worker.
+std::map<int, int> ObjectServerProcesses();
+void SignalObjectServer(int signal);
 
 bool IsAsleep(unsigned threadId); // a thread of this process, in the kernel
 void BlockAllSignals();           // of this thread

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <grp.h>
 #include <iterator>
-#include <map>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -77,22 +76,31 @@ unsigned ObjectCount() {
     return reply.size;
 }
 
-bool SignalObjectServer(int signal, unsigned parts) {
-    std::map<int, int> parents; // of the processes with the run directory in their command line
+// Empty when the process is gone.
+static std::string OfProcess(const std::string& path) {
+    try {
+        return ReadWholeFile(path);
+    } catch (const std::exception&) {
+        return "";
+    }
+}
+
+std::map<int, int> ObjectServerProcesses() {
+    std::map<int, int> parents;
+    const std::string argument = std::string("oriel-objects\0", 14) + std::getenv("ORIEL_RUNTIME_DIR") + '\0';
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const int process = std::atoi(entry.path().filename().c_str());
-        const std::string line = process > 0 ? ReadWholeFile(entry.path() / "cmdline") : "";
-        if (line.find("oriel-objects") == std::string::npos ||
-            line.find(std::string(std::getenv("ORIEL_RUNTIME_DIR")) + '\0') == std::string::npos)
-            continue;
-        const std::string status = ReadWholeFile(entry.path() / "stat");
+        if (process == 0 || OfProcess(entry.path() / "cmdline").find(argument) == std::string::npos) continue;
+        const std::string status = OfProcess(entry.path() / "stat");
         const size_t name = status.rfind(") ");
         if (name != std::string::npos && status[name + 2] != 'Z') parents[process] = std::atoi(&status[name + 4]);
     }
-    bool done = false;
-    for (const auto& [process, parent] : parents)
-        if (((parents.contains(parent) ? kWorker : kKeeper) & parts) != 0) done |= kill(process, signal) == 0;
-    return done;
+    return parents;
+}
+
+void SignalObjectServer(int signal) {
+    for (const auto& [process, parent] : ObjectServerProcesses())
+        kill(process, signal);
 }
 
 bool IsAsleep(unsigned threadId) {

@@ -258,8 +258,7 @@ TEST_AS_ROOT(ServiceControl, AnotherUserLooksAndCannotBeInTheWay) {
     SC_HANDLE service = CreateNormal();
     Ordered().Order("1");
     std::filesystem::remove(RecordFile());
-    TestProcess pretender("RunsService", {"Svc", "as nobody"});
-    ASSERT_EQ(pretender.Hear(), "main");
+    EXPECT_EQ(TestProcess("RunsService", {"Svc", "as nobody"}).Hear(), "refused 5");
     EXPECT_EQ(Query(), Stopped(ERROR_SERVICE_NEVER_STARTED));
     Ordered().Order("1");
     TestProcess other("LooksAsAnotherUser");

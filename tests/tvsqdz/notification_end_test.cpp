@@ -6,12 +6,11 @@
 
 #include <array>
 #include <filesystem>
-#include <oriel_directories.h>
+#include <fstream>
 
 namespace {
 
-// What the process holds that a manager or a registration may take: threads, handles, descriptors, and named objects of
-// the machine.
+// What the process holds that a manager or a registration may take: threads, handles, descriptors, and named objects.
 using Holdings = std::array<long, 4>;
 
 Holdings HeldNow() {
@@ -21,8 +20,9 @@ Holdings HeldNow() {
     GetProcessHandleCount(GetCurrentProcess(), &handles);
     Holdings held = {std::distance(entries("/proc/self/task"), {}), static_cast<long>(handles),
                      std::distance(entries("/proc/self/fd"), {}), 0};
-    for (const auto& entry : entries(OrielRuntimeDirectory() + std::string("/objects")))
-        held[3] += entry.path().filename().string().find("TVOR:") != std::string::npos;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);)
+        held[3] += line.find("/memfd:TVOR:") != std::string::npos;
     return held;
 }
 

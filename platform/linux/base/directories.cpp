@@ -267,6 +267,10 @@ void OnlyLook() {
     g_onlyLooks = true;
 }
 
+bool OnlyLooks() {
+    return g_onlyLooks;
+}
+
 bool ClaimDirectories() {
     g_onlyLooks = false;
     if (MakeStateDirectory().empty() || RuntimeFolder(kRuntimeFolders[0].name).empty()) return false;

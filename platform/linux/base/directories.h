@@ -50,6 +50,7 @@ std::string StateFolder(const char* name);
 
 // This process makes nothing in the run directory any more, until ClaimDirectories: what is missing stays missing.
 void OnlyLook();
+bool OnlyLooks();
 // Makes both directories with their folders and keeps them in use until this process ends. Its child processes use the
 // same ones. False when they cannot be made.
 bool ClaimDirectories();

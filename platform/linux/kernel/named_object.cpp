@@ -82,7 +82,7 @@ void Unmap(NamedObject& object) {
     object.file = -1;
 }
 
-DWORD Open(const NamedRequest& request, NamedObject& object, bool& existed)
+DWORD Ask(const NamedRequest& request, const char* name, ObjectAnswer& answer)
     ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     ObjectRequest asked{.action = request.create ? ObjectAction::Create : ObjectAction::Open,
                         .flags = request.readingIsEnough ? kReadingIsEnough : 0,
@@ -91,11 +91,18 @@ DWORD Open(const NamedRequest& request, NamedObject& object, bool& existed)
                         .word = request.word,
                         .forEveryone = request.forEveryone};
     if (request.atCreation != nullptr) asked.flags |= kOwnedAtBirth;
-    std::memcpy(asked.name, object.name, sizeof object.name);
+    std::strncpy(asked.name, name, sizeof asked.name - 1);
+    try {
+        return AskForObject(asked, answer);
+    } catch (const std::bad_alloc&) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+}
+
+DWORD Open(const NamedRequest& request, NamedObject& object, bool& existed)
+    ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
     ObjectAnswer answer;
-    DWORD error = CatchLackOfMemory(
-        [&]() ORIEL_LOCK_CHECK(no_thread_safety_analysis) -> DWORD { return AskForObject(asked, answer); },
-        [] { return DWORD{ERROR_NOT_ENOUGH_MEMORY}; });
+    DWORD error = Ask(request, object.name, answer);
     if (error != ERROR_SUCCESS) return error;
     object.hold = answer.hold;
     object.kind = answer.reply.kind;
@@ -108,6 +115,18 @@ DWORD Open(const NamedRequest& request, NamedObject& object, bool& existed)
     if (error == ERROR_SUCCESS) return error;
     Unmap(object);
     GiveBack(object.hold, ObjectAction::Close);
+    return error;
+}
+
+// Whether the process's object may be had in this way by the user that the thread acts as.
+DWORD MayHave(const NamedRequest& request, const NamedObject& known)
+    ORIEL_LOCK_CHECK(requires_capability(g_namesLock)) {
+    if (known.type != request.type) return ERROR_INVALID_HANDLE;
+    if (known.readOnly && !request.readingIsEnough) return ERROR_ACCESS_DENIED;
+    if (!IsOtherUsers(known.hold)) return ERROR_SUCCESS;
+    ObjectAnswer answer;
+    const DWORD error = Ask(request, known.name, answer);
+    if (error == ERROR_SUCCESS) GiveBack(answer.hold, ObjectAction::Close);
     return error;
 }
 
@@ -140,8 +159,8 @@ NamedObject* OpenNamed(const NamedRequest& request, bool& existed) {
     LockHold names(g_namesLock); // without a time limit: every wait under this lock has one
     // One record for each object of the process: its handles share a mapping and a hold.
     if (NamedObject* known = FindKnown(name)) {
-        if (known->type != request.type) return Fail(ERROR_INVALID_HANDLE, nullptr);
-        if (known->readOnly && !request.readingIsEnough) return Fail(ERROR_ACCESS_DENIED, nullptr);
+        error = MayHave(request, *known);
+        if (error != ERROR_SUCCESS) return Fail(error, nullptr);
         known->references.fetch_add(1, std::memory_order_relaxed);
         existed = true;
         return known;

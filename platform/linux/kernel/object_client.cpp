@@ -151,6 +151,7 @@ DWORD Connect(Connection& connection, int64_t deadline, bool mayStart) {
         }
         if (error == ERROR_FILE_NOT_FOUND) {
             if (!mayStart) return error; // there are no objects
+            if (OnlyLooks()) return ERROR_PATH_NOT_FOUND;
             const AsOwnProcess ourselves;
             error = StartObjectServer(directory, deadline);
             if (error != ERROR_SUCCESS) return error;
@@ -228,6 +229,10 @@ bool GiveBack(ServerHold& hold, ObjectAction action) {
 
 bool IsInForce(const ServerHold& hold) {
     return IsAlive(Of(hold)) && Of(hold).run == hold.run;
+}
+
+bool IsOtherUsers(const ServerHold& hold) {
+    return Of(hold).user != geteuid();
 }
 
 void ForgetConnections() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {

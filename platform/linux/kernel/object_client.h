@@ -37,6 +37,9 @@ bool GiveBack(ServerHold& hold, ObjectAction action) ORIEL_LOCK_CHECK(requires_c
 // Whether the server still has the object, as far as this process can see.
 bool IsInForce(const ServerHold& hold) ORIEL_LOCK_CHECK(requires_capability(g_namesLock));
 
+// Whether the calling thread acts as another user than the one that took the hold.
+bool IsOtherUsers(const ServerHold& hold) ORIEL_LOCK_CHECK(requires_capability(g_namesLock));
+
 // In a fork child: closes the parent's connections.
 void ForgetConnections();
 

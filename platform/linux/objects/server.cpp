@@ -286,6 +286,14 @@ void Serve(uint32_t number, bool isGone) {
     }
 }
 
+// What the worker waits for. The connections of the server's user and of root are in the first, those of others in the
+// second, which is in the first too: however many requests others make, a few of them are executed between two looks at
+// the first.
+struct Waits {
+    Descriptor first{epoll_create1(EPOLL_CLOEXEC)};
+    Descriptor others{epoll_create1(EPOLL_CLOEXEC)};
+};
+
 void Add(int epoll, int file, uint64_t key) {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -295,9 +303,15 @@ void Add(int epoll, int file, uint64_t key) {
 
 constexpr uint64_t kListenerKey = 0; // the key of a connection is its number
 constexpr uint64_t kKeeperKey = ~uint64_t{0};
+constexpr uint64_t kOthersKey = kKeeperKey - 1;
 
-void AcceptSome(int epoll) {
-    constexpr int kAtOnce = 32;
+void WaitFor(const Waits& waits, uint32_t number) {
+    const Descriptor& epoll = IsPrivileged(number) ? waits.first : waits.others;
+    Add(epoll.Get(), g_table->connections[number].file, number);
+}
+
+void AcceptSome(const Waits& waits) {
+    constexpr int kAtOnce = 8;
     for (int i = 0; i < kAtOnce; ++i) {
         Descriptor file(accept4(g_table->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!file.IsOpen()) {
@@ -319,7 +333,8 @@ void AcceptSome(int epoll) {
             continue;
         }
         Commit();
-        Add(epoll, file.Release(), number);
+        file.Release();
+        WaitFor(waits, number);
     }
 }
 
@@ -343,35 +358,44 @@ bool MayEnd(int64_t idleSince, bool stays) {
     return true;
 }
 
+// Serves what is ready, at most `most` of it. True when the keeper has ended.
+bool ServeReady(const Waits& waits, const Descriptor& epoll, int most, int timeoutMs) {
+    epoll_event events[64];
+    const int count = epoll_wait(epoll.Get(), events, most, timeoutMs);
+    for (int i = 0; i < count; ++i) {
+        const uint64_t key = events[i].data.u64;
+        if (key == kKeeperKey) return true;
+        if (key == kListenerKey)
+            AcceptSome(waits);
+        else if (key == kOthersKey)
+            ServeReady(waits, waits.others, 8, 0);
+        else
+            Serve(static_cast<uint32_t>(key), (events[i].events & EPOLLHUP) != 0);
+    }
+    return false;
+}
+
 End Work(pid_t keeper, bool stays) {
     Undo();
     CloseUnnamed();
-    const Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
+    const Waits waits;
     const Descriptor keeperEnd(static_cast<int>(syscall(SYS_pidfd_open, keeper, 0)));
     if (getppid() != keeper) return End::KeeperGone;
-    if (!epoll.IsOpen()) { // no memory: the keeper tries again
+    if (!waits.first.IsOpen() || !waits.others.IsOpen()) { // no memory: the keeper tries again
         usleep(10000);
         _exit(1);
     }
-    Add(epoll.Get(), g_table->listener, kListenerKey);
-    if (keeperEnd.IsOpen()) Add(epoll.Get(), keeperEnd.Get(), kKeeperKey);
+    Add(waits.first.Get(), g_table->listener, kListenerKey);
+    Add(waits.first.Get(), waits.others.Get(), kOthersKey);
+    if (keeperEnd.IsOpen()) Add(waits.first.Get(), keeperEnd.Get(), kKeeperKey);
     for (uint32_t i = 1; i <= g_table->connectionPool.used; ++i)
-        if (g_table->connections[i].live != 0) Add(epoll.Get(), g_table->connections[i].file, i);
+        if (g_table->connections[i].live != 0) WaitFor(waits, i);
     if (g_table->current != 0) Serve(g_table->current, false);
     for (int64_t idleSince = MonotonicNs();;) {
         const bool idle = g_table->connectionPool.live == 0;
         if (!idle) idleSince = MonotonicNs();
         if (idle && MayEnd(idleSince, stays)) return End::Done;
-        epoll_event events[64];
-        const int count = epoll_wait(epoll.Get(), events, static_cast<int>(std::size(events)), idle ? kIdleLookMs : -1);
-        for (int i = 0; i < count; ++i) {
-            const uint64_t key = events[i].data.u64;
-            if (key == kKeeperKey) return End::KeeperGone;
-            if (key == kListenerKey)
-                AcceptSome(epoll.Get());
-            else
-                Serve(static_cast<uint32_t>(key), (events[i].events & EPOLLHUP) != 0);
-        }
+        if (ServeReady(waits, waits.first, 64, idle ? kIdleLookMs : -1)) return End::KeeperGone;
     }
 }
 
