@@ -16,8 +16,10 @@
 #include <linux/capability.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using oriel::ObjectAction;
@@ -97,9 +99,9 @@ CHILD_PROCESS(PlaysWithObjects) {
     const Owned storm = StartThread([&]() -> DWORD {
         for (int round = self; *isOver == 0; ++round) {
             volatile LONG& in = *inside[round % 2];
-            const Owned mutex = CreateMutexA(nullptr, FALSE, Numbered("Brief", round % 2).c_str());
+            const Owned mutex = CreateMutexA(nullptr, TRUE, Numbered("Brief", round % 2).c_str());
             if (mutex == nullptr) return 100 + GetLastError();
-            if (Wait(mutex) != WAIT_OBJECT_0) return 21;
+            if (GetLastError() == ERROR_ALREADY_EXISTS && Wait(mutex) != WAIT_OBJECT_0) return 21;
             if (in != 0) return 22; // there are two mutexes of that name
             in = self + 1;
             const std::string name = Numbered("Alone", self);
@@ -123,8 +125,22 @@ CHILD_PROCESS(PlaysWithObjects) {
     return static_cast<int>(Finish(both[1 - first]));
 }
 
+// Lets a process run to its n-th system call from now, before or after it, and stops it there. False where the system
+// does not let us.
+bool RunToSystemCall(int process, unsigned count) {
+    int status = 0;
+    if (ptrace(PTRACE_SEIZE, process, nullptr, nullptr) != 0) return false;
+    ptrace(PTRACE_INTERRUPT, process, nullptr, nullptr);
+    waitpid(process, &status, __WALL);
+    for (; count > 0 && WIFSTOPPED(status); --count) {
+        ptrace(PTRACE_SYSCALL, process, nullptr, nullptr);
+        EXPECT_TRUE(WaitUntil([&] { return waitpid(process, &status, __WALL | WNOHANG) != 0; }));
+    }
+    return true;
+}
+
 // Kills the keeper or its worker, once both are there and nothing is left of the one that was killed last.
-bool KillOne(bool worker, int& last) {
+bool KillOne(bool worker, int& last, unsigned systemCalls) {
     int victim = 0;
     const bool found = WaitUntil([&] {
         const std::map<int, int> processes = ObjectServerProcesses();
@@ -134,7 +150,11 @@ bool KillOne(bool worker, int& last) {
         return victim != 0;
     });
     last = victim;
-    return found && kill(victim, SIGKILL) == 0;
+    if (!found) return false;
+    const bool traced = worker && RunToSystemCall(victim, systemCalls);
+    if (kill(victim, SIGKILL) != 0) return false;
+    if (traced) waitpid(victim, nullptr, __WALL);
+    return true;
 }
 
 // The whole server.
@@ -164,7 +184,7 @@ TEST(ObjectServerCampaign, LosesNothingWhenItsProcessesAreKilled) {
         int last = 0;
         const int rounds = Rounds(200, 1000);
         for (int round = 0; round < rounds; ++round) {
-            ASSERT_TRUE(KillOne(round % 2 == 0, last)) << round;
+            ASSERT_TRUE(KillOne(round % 3 != 0, last, static_cast<unsigned>(random() % 40))) << round;
             usleep(static_cast<unsigned>(random() % 3000));
             for (TestProcess& player : players)
                 ASSERT_TRUE(player.Running()) << round << ": " << player.Wait();
@@ -180,6 +200,10 @@ TEST(ObjectServerCampaign, LosesNothingWhenItsProcessesAreKilled) {
             EXPECT_EQ(player.Wait(), 0);
         for (HANDLE event : ring)
             CloseHandle(event);
+        for (const auto& [process, parent] : ObjectServerProcesses()) {
+            const auto descriptors = std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd");
+            EXPECT_LT(std::distance(descriptors, {}), 20) << "those of processes that were killed are closed";
+        }
         for (const volatile LONG* view : {isOver, turns})
             UnmapViewOfFile(const_cast<LONG*>(view));
     }
