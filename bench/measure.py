@@ -110,9 +110,16 @@ class Machine:
         status = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{self.service.pid}/status").read_text().splitlines())
         return sum(int(status[field].split()[0]) * 1024 for field in fields or ("VmRSS",))
 
-    def tmpfs_memory(self):
-        """Bytes that the files of the run directory take."""
-        return sum(os.lstat(path).st_blocks * 512 for path in self.run_directory.rglob("*"))
+    def objects(self):
+        """Bytes of the named objects that the service has, by their names."""
+        found = {}
+        for line in pathlib.Path(f"/proc/{self.service.pid}/maps").read_text().splitlines():
+            place, _, offset, _, _, name = (line.split(maxsplit=5) + [""])[:6]
+            if name.startswith("/memfd:"):
+                begin, end = (int(number, 16) for number in place.split("-"))
+                name = name.removeprefix("/memfd:").removesuffix(" (deleted)")
+                found[name] = max(found.get(name, 0), int(offset, 16) + end - begin)
+        return found
 
     def end(self):
         self.service.send_signal(signal.SIGTERM)

@@ -91,7 +91,7 @@ bool IsStillThere(const std::string& path, const struct stat& file) {
     return lstat(path.c_str(), &there) == 0 && there.st_dev == file.st_dev && there.st_ino == file.st_ino;
 }
 
-// Removes the file, where this user may: the folder is everybody's, but sticky.
+// Removes the file, where this user may.
 bool TakeAway(const std::string& path) {
     if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
     if (errno != EISDIR && errno != EPERM) return false;
