@@ -16,6 +16,7 @@
 //                    an update while N registrations of this process watch the variable
 //   mutex            the named mutex alone: lock and release, without contention
 //   event            a named event alone: set, test, reset
+//   open-object      OpenEventA of an event that another process has, and CloseHandle
 //   printers FIRST LAST
 //                    no rounds: opens the printers of these numbers, each for the first time, and keeps them open,
 //                    until one cannot be opened; prints the nanoseconds of each open, then the number of opens
@@ -30,9 +31,12 @@
 #include "no_section.h"
 #include "rounds.h"
 
+#include <csignal>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -185,6 +189,27 @@ int MeasureEvent() {
     });
 }
 
+int MeasureObjectOpens() {
+    const char* const name = "bench:object";
+    int ready[2];
+    if (pipe(ready) != 0) return 1;
+    const pid_t holder = fork();
+    if (holder == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const HANDLE held = CreateEventA(nullptr, TRUE, FALSE, name);
+        if (held == nullptr || write(ready[1], "r", 1) != 1) _exit(1);
+        for (;;)
+            pause();
+    }
+    char byte = 0;
+    close(ready[1]);
+    if (read(ready[0], &byte, 1) != 1) return 1;
+    return ServeRounds([name] {
+        const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name);
+        return event != nullptr && CloseHandle(event);
+    });
+}
+
 int OpenPrinters(long first, long last) {
     std::vector<double> nanoseconds;
     for (long i = first; i <= last; ++i) {
@@ -251,6 +276,7 @@ int main(int argc, char** argv) {
     if (operation == "watched") return MeasureWatched(argument, last);
     if (operation == "mutex") return MeasureMutex();
     if (operation == "event") return MeasureEvent();
+    if (operation == "open-object") return MeasureObjectOpens();
     if (operation == "printers") return OpenPrinters(std::strtol(argument, nullptr, 10), last);
     if (operation == "watchers" && argc == 4) return HoldWatchers(argument, static_cast<size_t>(last));
     std::fprintf(stderr, "usage: bench_client OPERATION [ARGUMENT]...; client.cpp lists the operations\n");

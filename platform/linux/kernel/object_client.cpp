@@ -193,7 +193,7 @@ DWORD AskForObject(ObjectRequest request, ObjectAnswer& answer) {
     constexpr int kTries = 5;
     for (int tries = 0; tries < kTries; ++tries) {
         DWORD error = ERROR_SUCCESS;
-        if (!IsAlive(*connection)) error = Connect(*connection, deadline, request.action == ObjectAction::Create);
+        if (connection->file < 0) error = Connect(*connection, deadline, request.action == ObjectAction::Create);
         if (error == ERROR_SUCCESS) error = Exchange(*connection, deadline, request, answer.reply, answer.memory);
         if (error == kConnectionLost) {
             Close(*connection);
@@ -213,8 +213,8 @@ DWORD AskForObject(ObjectRequest request, ObjectAnswer& answer) {
 }
 
 bool GiveBack(ServerHold& hold, ObjectAction action) {
-    if (hold.number == 0 || !IsInForce(hold)) return true;
     Connection& connection = Of(hold);
+    if (hold.number == 0 || connection.file < 0 || connection.run != hold.run) return true;
     const uint32_t before = connection.sent;
     const DWORD error = CloseHold(connection, MonotonicNs() + kCloseTimeNs, hold.number, action);
     if (error == ERROR_BUSY) return false;

@@ -288,17 +288,19 @@ void Serve(uint32_t number, bool isGone) {
 
 // What the worker waits for. The connections of the server's user and of root are in the first, those of others in the
 // second, which is in the first too: however many requests others make, a few of them are executed between two looks at
-// the first.
+// the first. Connections are edge-triggered, which makes their order that of the arrivals: what a process leaves at its
+// end, another one that knows of the end does not find any more. A client has one request on its way, so nothing is
+// left behind.
 struct Waits {
     Descriptor first{epoll_create1(EPOLL_CLOEXEC)};
     Descriptor others{epoll_create1(EPOLL_CLOEXEC)};
 };
 
-void Add(int epoll, int file, uint64_t key) {
+void Add(const Descriptor& epoll, int file, uint64_t key, uint32_t events = EPOLLIN, int operation = EPOLL_CTL_ADD) {
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = events;
     event.data.u64 = key;
-    epoll_ctl(epoll, EPOLL_CTL_ADD, file, &event);
+    epoll_ctl(epoll.Get(), operation, file, &event);
 }
 
 constexpr uint64_t kListenerKey = 0; // the key of a connection is its number
@@ -307,7 +309,7 @@ constexpr uint64_t kOthersKey = kKeeperKey - 1;
 
 void WaitFor(const Waits& waits, uint32_t number) {
     const Descriptor& epoll = IsPrivileged(number) ? waits.first : waits.others;
-    Add(epoll.Get(), g_table->connections[number].file, number);
+    Add(epoll, g_table->connections[number].file, number, EPOLLIN | EPOLLET);
 }
 
 void AcceptSome(const Waits& waits) {
@@ -358,19 +360,28 @@ bool MayEnd(int64_t idleSince, bool stays) {
     return true;
 }
 
+void ServeConnection(const Descriptor& epoll, const epoll_event& event) {
+    const auto number = static_cast<uint32_t>(event.data.u64);
+    Serve(number, (event.events & EPOLLHUP) != 0);
+    const ConnectionRecord& connection = g_table->connections[number];
+    if (connection.live != 0 && connection.dropped != 0) // more to give back, after the others' turn
+        Add(epoll, connection.file, number, EPOLLIN | EPOLLET, EPOLL_CTL_MOD);
+}
+
 // Serves what is ready, at most `most` of it. True when the keeper has ended.
 bool ServeReady(const Waits& waits, const Descriptor& epoll, int most, int timeoutMs) {
     epoll_event events[64];
     const int count = epoll_wait(epoll.Get(), events, most, timeoutMs);
+    // The few of others before those of the server's user, who may know that another user's process has ended.
+    for (int i = 0; i < count; ++i)
+        if (events[i].data.u64 == kOthersKey) ServeReady(waits, waits.others, 8, 0);
     for (int i = 0; i < count; ++i) {
         const uint64_t key = events[i].data.u64;
         if (key == kKeeperKey) return true;
         if (key == kListenerKey)
             AcceptSome(waits);
-        else if (key == kOthersKey)
-            ServeReady(waits, waits.others, 8, 0);
-        else
-            Serve(static_cast<uint32_t>(key), (events[i].events & EPOLLHUP) != 0);
+        else if (key != kOthersKey)
+            ServeConnection(epoll, events[i]);
     }
     return false;
 }
@@ -385,12 +396,13 @@ End Work(pid_t keeper, bool stays) {
         usleep(10000);
         _exit(1);
     }
-    Add(waits.first.Get(), g_table->listener, kListenerKey);
-    Add(waits.first.Get(), waits.others.Get(), kOthersKey);
-    if (keeperEnd.IsOpen()) Add(waits.first.Get(), keeperEnd.Get(), kKeeperKey);
+    // Before it is waited for: its client may have sent the next request too.
+    if (g_table->current != 0) Serve(g_table->current, false);
+    Add(waits.first, g_table->listener, kListenerKey);
+    Add(waits.first, waits.others.Get(), kOthersKey);
+    if (keeperEnd.IsOpen()) Add(waits.first, keeperEnd.Get(), kKeeperKey);
     for (uint32_t i = 1; i <= g_table->connectionPool.used; ++i)
         if (g_table->connections[i].live != 0) WaitFor(waits, i);
-    if (g_table->current != 0) Serve(g_table->current, false);
     for (int64_t idleSince = MonotonicNs();;) {
         const bool idle = g_table->connectionPool.live == 0;
         if (!idle) idleSince = MonotonicNs();
