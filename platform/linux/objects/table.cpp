@@ -87,6 +87,9 @@ uint32_t FindOrAddUser(uid_t id) {
         const bool live = std::any_of(user.taken, std::end(user.taken), [](uint32_t taken) { return taken != 0; });
         if (live && user.id == id) return number;
     }
+    // Root and the server's user find room.
+    constexpr uint32_t kReserved = 2;
+    if (!IsPrivilegedUser({.id = id}) && g_table->userPool.live >= kMostUsers - kReserved) return 0;
     const uint32_t number = Take(g_table->userPool, g_table->users);
     if (number != 0) Change(g_table->users[number].id, id);
     return number;
