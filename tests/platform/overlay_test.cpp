@@ -1,5 +1,5 @@
-// The layer on overlayfs, which most containers have for their own file system. There sockets, pipes and locks belong to
-// files of another file system.
+// The layer on overlayfs, which most containers have for their own file system. There sockets, pipes and locks belong
+// to files of another file system.
 #include "kit.h"
 #include "private_machine.h"
 
@@ -13,8 +13,9 @@
 namespace {
 
 // What has to do with the run directory's files: windows, sockets, locks, the object server's among them.
-constexpr const char* kOnDisk = "--gtest_filter=Names.*:Life.*:ObjectServer.E*:ObjectServer.T*:Messages.C*:SentMessages.A*:"
-                                "Window.*:RpcEndpoint.*:RpcFork.*:ServiceControl.*:RegistryStore.*:SpoolerJobs.*";
+constexpr const char* kOnDisk =
+    "--gtest_filter=Names.*:Life.*:ObjectServer.E*:ObjectServer.T*:Messages.C*:SentMessages.A*:"
+    "Window.*:RpcEndpoint.*:RpcFork.*:ServiceControl.*:RegistryStore.*:SpoolerJobs.*";
 
 } // namespace
 
