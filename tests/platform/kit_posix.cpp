@@ -9,6 +9,7 @@
 #include <fstream>
 #include <grp.h>
 #include <iterator>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
