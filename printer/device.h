@@ -1,8 +1,9 @@
 // The printer, as the printer side uses it: a struct of functions. A new kind of printer is a new table. State: the
 // device's own, behind self.
 //
-// All functions are called on one thread, and none may block. A request that takes time says so by the reply's delay;
-// the printer side continues meanwhile.
+// All functions are called on one thread, and none may block: a request is handed over by `ask`, and its answer comes
+// out of `take` whenever the device has it. A device that works in threads of its own sets its event `ready` when
+// `take` has something new; one that acts by time says when (DeviceNews::nextMs).
 #pragma once
 
 #include <windows.h>
@@ -19,6 +20,7 @@ struct DeviceValue {
     Bytes bytes;
     std::string origin; // where it comes from, for messages: "day.script:12"
     bool item = false;  // appended to a queue
+    bool known = true;  // false: the printer does not tell it. bytes do not count; the initial value is stored
 };
 
 inline constexpr DWORD kQueueLength = 50;
@@ -30,31 +32,62 @@ struct DeviceQueue {
     DWORD length = kQueueLength; // items it holds at most; one more removes the oldest
 };
 
-// The outcome of a request.
-struct DeviceReply {
-    LONG result = 0;                 // for the requester; 0 or a status of the library
-    DWORD delayMs = 0;               // until it is answered
-    bool silent = false;             // it is never answered
-    std::vector<DeviceValue> values; // what the printer has now, stored before the answer
+enum class DeviceAsk { Read, Write, Refresh };
+
+struct DeviceRequest {
+    DWORD id = 0; // of the answer
+    DeviceAsk kind = DeviceAsk::Read;
+    std::string subject{}; // the variable; of a refresh, the requester's text in "RefreshStatus"
+    Bytes value{};         // Write
+};
+
+struct DeviceAnswer {
+    DWORD id = 0;
+    LONG result = 0;                   // for the requester; 0 or a status of the library
+    std::vector<DeviceValue> values{}; // what the printer has now, stored before the requester is told
 };
 
 inline constexpr DWORD kNothingDue = INFINITE;
 inline constexpr DWORD kHoldJobs = INFINITE;
 
+// How the device stands with its printer.
+struct DeviceLink {
+    bool up = true;           // it answers; requests can be made
+    std::string trouble{};    // else: why not, in words
+    std::string device{};     // for people: what is asked, without secrets; empty: not a device of its own
+    ULONGLONG answers = 0;    // how often it has answered so far
+    DWORD answersEveryMs = 0; // the longest time between two answers while it is up; 0: values do not age
+};
+
+struct DeviceNews {
+    std::vector<DeviceValue> changed{};
+    std::vector<DeviceAnswer> answers{};
+    DWORD nextMs = kNothingDue; // until `take` has more by itself
+};
+
+// now: milliseconds since any start.
 struct Device {
-    // All values of the printer. Called at each new connection with the service.
+    // What the printer is known to have. Called at each new connection with the service. What was read before the
+    // printer stopped answering is not part of it: it would be stored as if it were new.
     std::vector<DeviceValue> (*state)(void* self);
-    DeviceReply (*read)(void* self, const std::string& variable);
-    DeviceReply (*write)(void* self, const std::string& variable, const Bytes& value);
-    // argument: the requester's text in "RefreshStatus".
-    DeviceReply (*refresh)(void* self, const std::string& argument);
-    // The changes up to now. now: milliseconds since any start. *next: milliseconds until the next change.
-    std::vector<DeviceValue> (*advance)(void* self, ULONGLONG now, DWORD* next);
+    // False: it will never be answered.
+    bool (*ask)(void* self, const DeviceRequest& request, ULONGLONG now);
+    // Nobody waits for this answer any more.
+    void (*drop)(void* self, DWORD id);
+    // The changes and the answers up to now.
+    DeviceNews (*take)(void* self, ULONGLONG now);
+    const DeviceLink& (*link)(void* self);
+    // Whether somebody follows the printer's values: worth asking it more often. Null: of no interest.
+    void (*followed)(void* self, bool followed);
     // Queues that the printer's model lacks, or has with other bounds.
     std::vector<DeviceQueue> (*queues)(void* self);
-    // How long a page of a job takes now, in milliseconds; kHoldJobs: no page is printed.
+    // How long a page of a job takes now, in milliseconds; kHoldJobs: no page is printed. Null: the device prints no
+    // spooled jobs.
     DWORD (*pageMs)(void* self);
-    // So many pages of jobs were printed. Returns the values that change with it.
+    // So many pages of jobs were printed. Returns the values that change with it. Null with pageMs.
     std::vector<DeviceValue> (*pagesOut)(void* self, DWORD count);
-    void* self;
+
+    DWORD answerLimitMs = INFINITE; // a request that is not answered by then is answered with TVS_E_NOT_NOW
+    HANDLE ready = nullptr;         // event, auto-reset, of the device; null: none
+    void* self = nullptr;
 };

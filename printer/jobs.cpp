@@ -335,6 +335,7 @@ HANDLE OpenSpoolerPrinter(const JobTaker& jobs) {
 
 DWORD WINAPI TakeJobs(LPVOID parameter) {
     Taker taker{.jobs = *static_cast<JobTaker*>(parameter)};
+    taker.tidied = !taker.jobs.prints; // another reports what is printed
     taker.printer = SpoolIsOurs() ? OpenSpoolerPrinter(taker.jobs) : nullptr;
     if (!taker.printer) return 0;
     taker.changes = FindFirstPrinterChangeNotification(taker.printer, PRINTER_CHANGE_JOB, 0, nullptr);
@@ -348,9 +349,10 @@ DWORD WINAPI TakeJobs(LPVOID parameter) {
 
 } // namespace
 
-JobTaker* StartJobs(const std::string& printer, HANDLE stop) {
+JobTaker* StartJobs(const std::string& printer, HANDLE stop, bool prints) {
     auto* jobs = new JobTaker;
     jobs->printer = printer;
+    jobs->prints = prints;
     jobs->stop = stop;
     jobs->paceChanged = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     jobs->pagesOut = CreateEventA(nullptr, FALSE, FALSE, nullptr);

@@ -14,6 +14,7 @@
 
 struct JobTaker {
     std::string printer{};
+    bool prints = true;
     HANDLE stop = nullptr;                // event of the caller
     HANDLE paceChanged = nullptr;         // event, auto-reset
     HANDLE pagesOut = nullptr;            // event, auto-reset: TakePagesOut is due
@@ -23,8 +24,9 @@ struct JobTaker {
     HANDLE thread = nullptr;
 };
 
-// Null: it cannot start, and the last error says why. EndJobs frees the record.
-JobTaker* StartJobs(const std::string& printer, HANDLE stop);
+// prints: false only reports the jobs that wait in the spool. Null: it cannot start, and the last error says why.
+// EndJobs frees the record.
+JobTaker* StartJobs(const std::string& printer, HANDLE stop, bool prints);
 void SetPace(JobTaker& jobs, DWORD pageMs);
 // The printer side is connected again, maybe with a new service, which does not know the jobs in progress.
 void ReportAgain(JobTaker& jobs);

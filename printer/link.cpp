@@ -4,6 +4,7 @@
 #include "product/guards.h"
 #include "product/program_client.h"
 #include "product/variable_names.h"
+#include "product/variables.h"
 
 #include <algorithm>
 #include <iterator>
@@ -47,7 +48,7 @@ bool MakeMailbox(Link& link) {
     constexpr BYTE kEmpty[sizeof(ForwardedRequest)] = {};
     static_assert(sizeof kEmpty == sizeof(ForwardedAnswer));
     for (const char* variable : {kForwardMailbox, kForwardAnswer}) {
-        const LONG status = Examine(link, CreateVariable(link.database, variable, kTypeRecord, sizeof kEmpty, kEmpty));
+        const LONG status = CreateRecord(link, variable, kEmpty, sizeof kEmpty);
         if (status != kDone && status != kVariableExists) return false;
     }
     return true;
@@ -95,6 +96,20 @@ bool ToStoredForm(const VariableInfo& info, Bytes& bytes) {
     default:
         return false;
     }
+}
+
+// The value of a variable that nobody has told yet. Of the built-in ones it is in the table of variables; a number of a
+// model is -1.
+Bytes NotKnown(const std::string& variable, const VariableInfo& info) {
+    for (const BuiltInVariable& row : kBuiltInVariables) {
+        if (variable != row.name || row.initial == nullptr) continue;
+        const auto* initial = static_cast<const BYTE*>(row.initial);
+        if (TypeOf(row) != SVT_VARIABLE) return {initial, initial + row.size};
+        // The payload: its length goes before it again.
+        return row.initialSize != 0 ? Bytes(initial + sizeof(DWORD), initial + row.initialSize) : Bytes(sizeof(DWORD));
+    }
+    const bool number = info.type == kTypeByte || info.type == kTypeWord || info.type == kTypeNumber;
+    return Bytes(info.type == kTypeVariableLength ? 0 : info.size, number ? BYTE{0xFF} : BYTE{0});
 }
 
 } // namespace
@@ -159,6 +174,10 @@ LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size
     return Examine(link, CreateVariable(link.database, variable, kTypeVariableLength, size, value));
 }
 
+LONG CreateRecord(Link& link, const char* variable, const void* value, DWORD size) {
+    return Examine(link, CreateVariable(link.database, variable, kTypeRecord, size, value));
+}
+
 LONG StoreValue(Link& link, const DeviceValue& value) {
     const char* variable = value.variable.c_str();
     auto known = link.known.find(value.variable);
@@ -167,7 +186,7 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
         if (const LONG status = InfoOf(link, variable, &info); status != kDone) return status;
         known = link.known.emplace(value.variable, info).first;
     }
-    Bytes bytes = value.bytes;
+    Bytes bytes = value.known ? value.bytes : NotKnown(value.variable, known->second);
     if (!ToStoredForm(known->second, bytes)) return kWrongSize;
     return WriteBytes(link, variable, bytes.data(), static_cast<DWORD>(bytes.size()));
 }

@@ -47,6 +47,9 @@ LONG InfoOf(Link& link, const char* variable, product::VariableInfo* info);
 // Makes a variable-length variable. kVariableExists: it is there already.
 LONG CreateQueue(Link& link, const char* variable, const void* value, DWORD size);
 
+// Makes a record. kVariableExists: it is there already.
+LONG CreateRecord(Link& link, const char* variable, const void* value, DWORD size);
+
 // Stores a value of the printer in the form that the variable has. kDone, an answer of the service, or a positive code.
 LONG StoreValue(Link& link, const DeviceValue& value);
 

@@ -1,4 +1,4 @@
-// One thread waits for a request, for the device and for answers that are due, and handles one after the other.
+// One thread waits for a request, for the device and for its answers, and handles one after the other.
 //
 // Its wait remembers which pulses it has seen, so it misses no request. It also looks from time to time whether the
 // service is still there. State: the record of the printer.
@@ -8,6 +8,7 @@
 #include "link.h"
 #include "queues.h"
 
+#include "product/device_record.h"
 #include "product/file_times.h"
 #include "product/log.h"
 #include "product/signal_wait.h"
@@ -44,8 +45,9 @@ struct Job {
     DWORD writes = 0;              // the count of the request variable
     bool byVariable = false;       // the answer goes to "RWResult"
     DWORD forwardId = 0;           // the answer goes to the mailbox's
-    ULONGLONG due = 0;             // of the answer
-    DeviceReply reply{};
+    DWORD id = 0;                  // of the device's answer
+    bool silent = false;           // the device never answers
+    ULONGLONG limit = 0;           // when the requester is told that there is no answer; 0: never
 };
 
 // The last request that was carried out by its variable; it may be forwarded too.
@@ -69,7 +71,12 @@ struct PrinterSide {
     DWORD mailboxId = 0;
     bool forwarded = false; // "LMFunction": requests come through the mailbox
     std::optional<Job> job{};
+    DWORD lastId = 0; // of a request to the device
     Carried carried{};
+    std::optional<DeviceRecord> told{}; // what "DeviceState" says; none: not stored yet
+    ULONGLONG answers = 0;              // of the device
+    ULONGLONG answeredAt = 0;           // the last of them, as a FILETIME
+    bool linkUp = false;                // as "PrinterExtStatus" and "SpoolerStatus" say
     Queues queues{};
     JobTaker* jobs = nullptr;
 };
@@ -129,10 +136,20 @@ bool IsOneOf(const std::vector<DeviceValue>& values, const char* variable) {
                        [&](const DeviceValue& value) { return value.variable == variable; });
 }
 
+// The printer side runs, and takes requests while the printer answers.
+DWORD SpoolerStatusOf(bool linkUp) {
+    return linkUp ? kSpoolerUp : DWORD{TVS_SPOOLER_RUNS};
+}
+
+DWORD ExtStatusOf(bool linkUp) {
+    return linkUp ? DWORD{TVS_EXT_STATUS_TAKES_REQUESTS} : 0;
+}
+
 // Adds what every printer has and the device does not set. By default a printer takes requests.
-void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue>& values) {
+void AddWhatIsMissing(const PrinterSideOptions& options, bool linkUp, std::vector<DeviceValue>& values) {
     const auto add = [&](const char* variable, Bytes bytes) {
-        if (!IsOneOf(values, variable)) values.push_back({variable, std::move(bytes), "the printer side"});
+        if (!IsOneOf(values, variable))
+            values.push_back({.variable = variable, .bytes = std::move(bytes), .origin = "the printer side"});
     };
     if (!options.port.empty()) {
         TvsPortRecord port = {.portKind = kOrdinaryPort, .portName = {}, .portDetail = {}};
@@ -140,12 +157,56 @@ void AddWhatIsMissing(const PrinterSideOptions& options, std::vector<DeviceValue
         const auto* bytes = reinterpret_cast<const BYTE*>(&port);
         add(names::kPort, Bytes(bytes, bytes + sizeof port));
     }
-    add(names::kSpoolerStatus, BytesOfNumber(kSpoolerUp));
-    add(names::kPrinterExtStatus, BytesOfNumber(TVS_EXT_STATUS_TAKES_REQUESTS));
+    add(names::kSpoolerStatus, BytesOfNumber(SpoolerStatusOf(linkUp)));
+    add(names::kPrinterExtStatus, BytesOfNumber(ExtStatusOf(linkUp)));
     // The variables that say that requests are taken come last.
     std::stable_partition(values.begin(), values.end(), [](const DeviceValue& value) {
         return value.variable != names::kSpoolerStatus && value.variable != names::kPrinterExtStatus;
     });
+}
+
+// ---- the device's link
+
+void SetText(char (&field)[128], const std::string& text) {
+    memset(field, 0, sizeof field);
+    text.copy(field, sizeof field - 1);
+}
+
+void StoreRecord(PrinterSide& side, const DeviceRecord& record) {
+    if (side.told && memcmp(&record, &*side.told, sizeof record) == 0) return;
+    if (!side.told) {
+        const LONG status = CreateRecord(side.link, kDeviceVariable, &record, sizeof record);
+        if (status != kDone && status != kVariableExists) return;
+    }
+    side.told = record;
+    WriteBytes(side.link, kDeviceVariable, &record, sizeof record);
+}
+
+// Tells how the device stands with its printer, when that changed or the printer has answered again.
+void TellLink(PrinterSide& side) {
+    const DeviceLink& link = side.device.link(side.device.self);
+    if (link.answers != side.answers) {
+        FILETIME now;
+        GetSystemTimeAsFileTime(&now);
+        side.answeredAt = ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime;
+        side.answers = link.answers;
+    }
+    if (link.device.empty() || side.link.lost) return;
+    if (link.up != side.linkUp) {
+        side.linkUp = link.up;
+        StoreValues(side, {{.variable = names::kSpoolerStatus, .bytes = BytesOfNumber(SpoolerStatusOf(link.up))},
+                           {.variable = names::kPrinterExtStatus, .bytes = BytesOfNumber(ExtStatusOf(link.up))}});
+        Log(link.up ? LogLevel::Note : LogLevel::Warning,
+            side.options.printer + ": " + (link.up ? "the printer answers" : link.trouble));
+    }
+    DeviceRecord record{.version = kDeviceRecordVersion,
+                        .up = link.up ? 1u : 0u,
+                        .answersEveryMs = link.answersEveryMs,
+                        .process = GetCurrentProcessId(),
+                        .answeredAt = side.answeredAt};
+    SetText(record.device, link.device);
+    SetText(record.trouble, link.trouble);
+    StoreRecord(side, record);
 }
 
 // ---- requests
@@ -161,11 +222,10 @@ void Answer(PrinterSide& side, const Job& job, LONG result) {
     }
 }
 
-void FinishJob(PrinterSide& side) {
-    const Job job = std::move(*side.job);
+void FinishJob(PrinterSide& side, LONG result) {
+    const Job job = *side.job;
     side.job.reset();
-    const LONG stored = StoreValues(side, job.reply.values);
-    Answer(side, job, job.reply.result != 0 ? job.reply.result : stored);
+    Answer(side, job, result);
 }
 
 // The companion's value in the form of the variable itself.
@@ -183,41 +243,67 @@ LONG ReadCompanion(PrinterSide& side, const std::string& companion, Bytes* value
     return kDone;
 }
 
-DeviceReply AskRefresh(PrinterSide& side) {
-    return side.device.refresh(side.device.self, ReadTextOf(side.link, names::kRefreshStatus));
+// Hands the request to the device. kDone, or the result of one that names nothing: anybody may write the request
+// variables.
+LONG AskDevice(PrinterSide& side) {
+    Job& job = *side.job;
+    DeviceRequest request{.id = job.id};
+    if (job.kind != kRefreshRequest) request.subject = ReadTextOf(side.link, kRequestVariables[VariableOf(job.kind)]);
+    if (job.kind == kRefreshRequest || (job.kind == kWriteRequest && request.subject == names::kRefreshStatus)) {
+        request.kind = DeviceAsk::Refresh;
+        request.subject = ReadTextOf(side.link, names::kRefreshStatus);
+    } else if (job.kind == kWriteRequest) {
+        if (request.subject.size() < 2 || request.subject.back() != 'W') return TVS_E_UNKNOWN;
+        request.kind = DeviceAsk::Write;
+        const LONG status = ReadCompanion(side, request.subject, &request.value);
+        if (status != kDone) return status == kUnknownVariable ? TVS_E_UNKNOWN : status;
+        request.subject.pop_back();
+    } else if (request.subject.empty()) {
+        return TVS_E_UNKNOWN;
+    } else if (request.subject == names::kRefreshStatus) {
+        request.kind = DeviceAsk::Refresh;
+    }
+    job.silent = !side.device.ask(side.device.self, request, side.now);
+    if (side.device.answerLimitMs != INFINITE) job.limit = side.now + side.device.answerLimitMs;
+    return kDone;
 }
 
-// Anybody may write the request variables. A text that names nothing is answered like an unknown name.
-DeviceReply AskDevice(PrinterSide& side, RequestKind kind) {
-    if (kind == kRefreshRequest) return AskRefresh(side);
-    std::string name = ReadTextOf(side.link, kRequestVariables[VariableOf(kind)]);
-    if (kind == kReadRequest && !name.empty()) return side.device.read(side.device.self, name);
-    if (name == names::kRefreshStatus) return AskRefresh(side);
-    DeviceReply reply;
-    reply.result = TVS_E_UNKNOWN;
-    if (kind != kWriteRequest || name.size() < 2 || name.back() != 'W') return reply;
-    Bytes value;
-    reply.result = ReadCompanion(side, name, &value);
-    if (reply.result == kUnknownVariable) reply.result = TVS_E_UNKNOWN;
-    if (reply.result != kDone) return reply;
-    name.pop_back();
-    return side.device.write(side.device.self, name, value);
+// Stores what the device has new, and tells the requester its answer. True: there was something.
+bool TakeNews(PrinterSide& side, DWORD* next) {
+    const DeviceNews news = side.device.take(side.device.self, side.now);
+    *next = news.nextMs;
+    StoreValues(side, news.changed);
+    for (const DeviceAnswer& answer : news.answers) {
+        const LONG stored = StoreValues(side, answer.values);
+        if (side.job && side.job->id == answer.id) FinishJob(side, answer.result != 0 ? answer.result : stored);
+    }
+    TellLink(side);
+    return !news.changed.empty() || !news.answers.empty();
+}
+
+void DropJob(PrinterSide& side) {
+    side.device.drop(side.device.self, side.job->id);
+    side.job.reset();
 }
 
 // A job that is not answered yet is dropped: its requester has given up, or ignores the printer's mutex. A late answer
 // would be taken for the answer to the new request.
-void BeginJob(PrinterSide& side, Job job) {
-    if (side.job && side.job->forwardId != 0 && side.job->forwardId != job.forwardId)
-        Answer(side, {.forwardId = side.job->forwardId}, TVS_E_NOT_NOW);
-    side.job = std::move(job);
-    side.job->reply = AskDevice(side, side.job->kind);
-    side.job->due = side.now + side.job->reply.delayMs;
-    if (!side.job->reply.silent && side.job->reply.delayMs == 0) FinishJob(side);
+void BeginJob(PrinterSide& side, const Job& job) {
+    if (side.job) {
+        if (side.job->forwardId != 0 && side.job->forwardId != job.forwardId)
+            Answer(side, {.forwardId = side.job->forwardId}, TVS_E_NOT_NOW);
+        DropJob(side);
+    }
+    side.job = job;
+    side.job->id = ++side.lastId;
+    if (const LONG result = AskDevice(side); result != kDone) FinishJob(side, result);
+    DWORD next = 0;
+    TakeNews(side, &next); // many answers are there at once
 }
 
 // A job that is never answered is kept only to answer its requester when the printer side ends.
 bool IsDue(const PrinterSide& side) {
-    return side.job && !side.job->reply.silent;
+    return side.job && !side.job->silent;
 }
 
 void BeginGrace(PrinterSide& side) {
@@ -293,11 +379,14 @@ void CheckMailbox(PrinterSide& side) {
         if (!IsNew(side, which, &job.writes) && JoinsKnownRequest(side, kind, job.writes, request.id)) return;
         side.seen[which] = job.writes;
     }
-    BeginJob(side, std::move(job));
+    BeginJob(side, job);
 }
 
 void CheckTimes(PrinterSide& side) {
-    if (IsDue(side) && side.now >= side.job->due) FinishJob(side);
+    if (side.job && side.job->limit != 0 && side.now >= side.job->limit) {
+        side.device.drop(side.device.self, side.job->id);
+        FinishJob(side, TVS_E_NOT_NOW);
+    }
     if (side.graceEnd != 0 && side.now >= side.graceEnd) EndGrace(side);
 }
 
@@ -335,7 +424,8 @@ void FindUnanswered(PrinterSide& side) {
 }
 
 void BeginService(PrinterSide& side) {
-    side.job.reset();
+    if (side.job) DropJob(side);
+    side.told.reset();
     side.carried = {};
     side.mailboxId = 0;
     side.graceEnd = 0;
@@ -345,8 +435,10 @@ void BeginService(PrinterSide& side) {
     FindUnanswered(side);
     std::copy(std::begin(side.seen), std::end(side.seen), side.unclaimed);
     std::vector<DeviceValue> values = side.device.state(side.device.self);
-    AddWhatIsMissing(side.options, values);
+    side.linkUp = side.device.link(side.device.self).up;
+    AddWhatIsMissing(side.options, side.linkUp, values);
     StoreValues(side, values);
+    TellLink(side);
 }
 
 // Says that requests are no longer taken, and answers those that wait.
@@ -356,6 +448,12 @@ void EndService(PrinterSide& side) {
     const DWORD spoolerStatus = ReadNumberOf(side.link, names::kSpoolerStatus) & ~kSpoolerUp;
     WriteBytes(side.link, names::kPrinterExtStatus, &extStatus, sizeof extStatus);
     WriteBytes(side.link, names::kSpoolerStatus, &spoolerStatus, sizeof spoolerStatus);
+    if (side.told) {
+        DeviceRecord record = *side.told;
+        record.up = 0;
+        SetText(record.trouble, "the printer side has ended");
+        StoreRecord(side, record);
+    }
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
     // A request may have been made since the last check. Later ones wait for the next printer side. The service answers
     // those in the mailbox when the watch ends.
@@ -372,6 +470,7 @@ void WatchEvents(PrinterSide& side, SignalWait& signals) {
     for (DWORD which = 0; which < kWatchedCount; ++which)
         signals.SetEvent(which, side.link.events[which]);
     signals.SetEvent(kWatchedCount, side.jobs->pagesOut);
+    signals.SetEvent(kWatchedCount + 1, side.device.ready);
 }
 
 void HandleSignal(PrinterSide& side, DWORD which) {
@@ -400,6 +499,7 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
     if (woken == Woken::Stopped) return false;
     if (woken == Woken::Failed) side.link.lost = true; // the handles are invalid: the next connection has new ones
     if (woken != Woken::Signalled) return true;
+    DWORD next = 0;
     bool any = false;
     for (DWORD which = 0; which < kWatchedCount; ++which) {
         const Signals since = signals.Take(which);
@@ -409,7 +509,7 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
     }
     if (const DWORD pages = TakePagesOut(*side.jobs); pages > 0)
         StoreValues(side, side.device.pagesOut(side.device.self, pages));
-    else if (!any)
+    else if (!any && !TakeNews(side, &next))
         CheckAll(side); // woken to look for a pulse that was missed
     return true;
 }
@@ -426,12 +526,11 @@ bool ServeLink(PrinterSide& side) {
     CheckAll(side); // what was written before
     while (!side.link.lost) {
         DWORD next = kNothingDue;
-        const std::vector<DeviceValue> changed = side.device.advance(side.device.self, side.now, &next);
-        StoreValues(side, changed);
-        SetPace(*side.jobs, side.device.pageMs(side.device.self));
+        TakeNews(side, &next);
+        if (side.device.pageMs) SetPace(*side.jobs, side.device.pageMs(side.device.self));
         CheckTimes(side);
         DWORD wait = std::min(next, Until(side, lookAt));
-        if (IsDue(side)) wait = std::min(wait, Until(side, side.job->due));
+        if (side.job && side.job->limit != 0) wait = std::min(wait, Until(side, side.job->limit));
         if (side.graceEnd != 0) wait = std::min(wait, Until(side, side.graceEnd));
         if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
         if (!WaitForWork(side, signals, wait)) return false;
@@ -449,9 +548,8 @@ void Serve(PrinterSide& side) {
     bool goOn = true;
     while (goOn) {
         UpdateClock(side);
-        DWORD next = 0;
-        // State() gives values again at the next connection. Items are given once.
-        for (const DeviceValue& value : device.advance(device.self, side.now, &next))
+        // State() gives values again at the next connection. Items are given once. Nobody waits for an answer.
+        for (const DeviceValue& value : device.take(device.self, side.now).changed)
             if (value.item) AddItem(side.queues, value);
         const std::string failure = Connect(side.link);
         if (failure.empty()) {
@@ -473,7 +571,7 @@ void Serve(PrinterSide& side) {
 
 bool ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop) {
     PrinterSide side{.options = options, .device = device, .stop = stop, .link = {.printer = options.printer}};
-    side.jobs = StartJobs(options.printer, stop);
+    side.jobs = StartJobs(options.printer, stop, device.pageMs != nullptr);
     if (!side.jobs) return false;
     Serve(side);
     EndJobs(side.jobs);

@@ -27,46 +27,56 @@ const Rule* RuleFor(const std::map<std::string, Rule>& rules, const std::string&
     return nullptr;
 }
 
-// Applies a rule. True: the request is done. False: there is no rule, or only its delay applies.
-bool ApplyRule(ScriptedPrinter& printer, const Rule* rule, DeviceReply& reply) {
-    if (!rule) return false;
-    reply.delayMs = rule->delayMs / printer.speed;
-    reply.result = rule->result;
-    reply.silent = rule->silent;
-    if (rule->sets) {
-        printer.values[rule->value.variable] = rule->value;
-        reply.values.push_back(rule->value);
+const Rule* RuleFor(const ScriptedPrinter& printer, const DeviceRequest& request) {
+    switch (request.kind) {
+    case DeviceAsk::Read:
+        return RuleFor(printer.readRules, request.subject);
+    case DeviceAsk::Write:
+        return RuleFor(printer.writeRules, request.subject);
+    case DeviceAsk::Refresh:
+        return &printer.refreshRule;
     }
-    return rule->sets || rule->silent || rule->result != 0;
+    return nullptr;
 }
 
-DeviceReply Read(void* self, const std::string& variable) {
-    ScriptedPrinter& printer = PrinterOf(self);
-    DeviceReply reply;
-    if (ApplyRule(printer, RuleFor(printer.readRules, variable), reply)) return reply;
-    const auto value = printer.values.find(variable);
-    if (value == printer.values.end())
-        reply.result = TVS_E_UNKNOWN;
-    else
-        reply.values.push_back(value->second);
-    return reply;
+// What the printer does where no rule says otherwise.
+void Carry(ScriptedPrinter& printer, const DeviceRequest& request, DeviceAnswer& answer) {
+    switch (request.kind) {
+    case DeviceAsk::Read:
+        if (const auto value = printer.values.find(request.subject); value != printer.values.end())
+            answer.values.push_back(value->second);
+        else
+            answer.result = TVS_E_UNKNOWN;
+        break;
+    case DeviceAsk::Write: {
+        DeviceValue& value = printer.values[request.subject];
+        value = {.variable = request.subject, .bytes = request.value, .origin = "a write request"};
+        answer.values.push_back(value);
+        break;
+    }
+    case DeviceAsk::Refresh:
+        answer.values = State(&printer);
+        break;
+    }
 }
 
-DeviceReply Write(void* self, const std::string& variable, const Bytes& bytes) {
+bool Ask(void* self, const DeviceRequest& request, ULONGLONG now) {
     ScriptedPrinter& printer = PrinterOf(self);
-    DeviceReply reply;
-    if (ApplyRule(printer, RuleFor(printer.writeRules, variable), reply)) return reply;
-    DeviceValue& value = printer.values[variable];
-    value = {.variable = variable, .bytes = bytes, .origin = "a write request"};
-    reply.values.push_back(value);
-    return reply;
+    const Rule* rule = RuleFor(printer, request);
+    if (rule && rule->silent) return false;
+    PendingAnswer pending{.due = now + (rule ? rule->delayMs / printer.speed : 0), .answer = {.id = request.id}};
+    if (rule && rule->sets) {
+        printer.values[rule->value.variable] = rule->value;
+        pending.answer.values.push_back(rule->value);
+    }
+    if (rule) pending.answer.result = rule->result;
+    if (!rule || (!rule->sets && rule->result == 0)) Carry(printer, request, pending.answer);
+    printer.pending.push_back(std::move(pending));
+    return true;
 }
 
-DeviceReply Refresh(void* self, const std::string&) {
-    ScriptedPrinter& printer = PrinterOf(self);
-    DeviceReply reply;
-    if (!ApplyRule(printer, &printer.refreshRule, reply)) reply.values = State(self);
-    return reply;
+void Drop(void* self, DWORD id) {
+    std::erase_if(PrinterOf(self).pending, [id](const PendingAnswer& pending) { return pending.answer.id == id; });
 }
 
 // A counter that was not set starts at 0.
@@ -147,30 +157,47 @@ bool Step(ScriptedPrinter& printer, ULONGLONG now, std::vector<DeviceValue>& cha
     return true;
 }
 
-std::vector<DeviceValue> Advance(void* self, ULONGLONG now, DWORD* next) {
-    ScriptedPrinter& printer = PrinterOf(self);
-    std::vector<DeviceValue> changed;
+// The statements up to now. Returns the milliseconds until the next one.
+DWORD Advance(ScriptedPrinter& printer, ULONGLONG now, std::vector<DeviceValue>& changed) {
     now *= printer.speed;
     if (!printer.started) printer.due = now;
     printer.started = true;
     while (printer.at < printer.statements.size()) {
         if (Step(printer, now, changed)) continue;
         const ULONGLONG pause = (printer.due - now + printer.speed - 1) / printer.speed;
-        *next = static_cast<DWORD>(std::min<ULONGLONG>(pause, kNothingDue - 1));
-        return changed;
+        return static_cast<DWORD>(std::min<ULONGLONG>(pause, kNothingDue - 1));
     }
-    *next = kNothingDue;
-    return changed;
+    return kNothingDue;
+}
+
+DeviceNews Take(void* self, ULONGLONG now) {
+    ScriptedPrinter& printer = PrinterOf(self);
+    DeviceNews news;
+    news.nextMs = Advance(printer, now, news.changed);
+    std::erase_if(printer.pending, [&](PendingAnswer& pending) {
+        const bool due = pending.due <= now;
+        if (due)
+            news.answers.push_back(std::move(pending.answer));
+        else
+            news.nextMs = std::min(news.nextMs, static_cast<DWORD>(pending.due - now));
+        return due;
+    });
+    return news;
+}
+
+const DeviceLink& LinkOf(void* self) {
+    return PrinterOf(self).link;
 }
 
 } // namespace
 
 Device DeviceOf(ScriptedPrinter& printer) {
     return {.state = State,
-            .read = Read,
-            .write = Write,
-            .refresh = Refresh,
-            .advance = Advance,
+            .ask = Ask,
+            .drop = Drop,
+            .take = Take,
+            .link = LinkOf,
+            .followed = nullptr,
             .queues = Queues,
             .pageMs = PageMs,
             .pagesOut = PagesOut,

@@ -5,6 +5,11 @@
 
 #include <map>
 
+struct PendingAnswer {
+    ULONGLONG due = 0;
+    DeviceAnswer answer{};
+};
+
 struct ScriptedPrinter {
     std::vector<Statement> statements;
     DWORD speed = 1;    // runs the script so many times faster
@@ -20,6 +25,8 @@ struct ScriptedPrinter {
     std::map<std::string, Rule> readRules; // "*": of all others
     std::map<std::string, Rule> writeRules;
     Rule refreshRule;
+    std::vector<PendingAnswer> pending;
+    DeviceLink link; // always up
 };
 
 // The device lives as long as the printer.
