@@ -18,9 +18,10 @@ using Bytes = std::vector<BYTE>;
 struct DeviceValue {
     std::string variable;
     Bytes bytes;
-    std::string origin; // where it comes from, for messages: "day.script:12"
-    bool item = false;  // appended to a queue
-    bool known = true;  // false: the printer does not tell it. bytes do not count; the initial value is stored
+    std::string origin;       // where it comes from, for messages: "day.script:12"
+    bool item = false;        // appended to a queue
+    bool known = true;        // false: the printer does not tell it. bytes do not count; the initial value is stored
+    bool onlyIfEmpty = false; // a text that does not replace another
 };
 
 inline constexpr DWORD kQueueLength = 50;

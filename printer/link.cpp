@@ -191,8 +191,14 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
     return WriteBytes(link, variable, bytes.data(), static_cast<DWORD>(bytes.size()));
 }
 
+bool IsWatched(const Link& link, const char* variable) {
+    for (const VariableSignal signal : {VariableSignal::Updated, VariableSignal::Changed}) {
+        const KernelName name = VariableEventName(link.terminalServer, link.databaseName, variable, signal);
+        if (KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text))) return true;
+    }
+    return false;
+}
+
 bool SomebodyWaits(const Link& link) {
-    const KernelName name =
-        VariableEventName(link.terminalServer, link.databaseName, names::kRWResult, VariableSignal::Updated);
-    return static_cast<bool>(KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text)));
+    return IsWatched(link, names::kRWResult);
 }

@@ -53,5 +53,7 @@ LONG CreateRecord(Link& link, const char* variable, const void* value, DWORD siz
 // Stores a value of the printer in the form that the variable has. kDone, an answer of the service, or a positive code.
 LONG StoreValue(Link& link, const DeviceValue& value);
 
-// Whether anybody waits for the answer to a request: a waiter has the event of "RWResult" open.
+// Whether anybody watches the variable: a watcher has its event open.
+bool IsWatched(const Link& link, const char* variable);
+// Whether anybody waits for the answer to a request, in "RWResult".
 bool SomebodyWaits(const Link& link);

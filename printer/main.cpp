@@ -1,24 +1,31 @@
-// TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a script.
+// TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a device.
 //
-//     TVSPSD.EXE --printer NAME --script FILE [--port NAME] [--speed N] [--owner PROCESS]
-//                [--stop-event NAME]
-//     TVSPSD.EXE --script FILE --check
+//     TVSPSD.EXE --printer NAME --device ADDRESS [--poll MS] [--port NAME] [--owner PROCESS] [--stop-event NAME]
+//     TVSPSD.EXE --printer NAME --script FILE [--speed N] ...
+//     TVSPSD.EXE --check --device ADDRESS
+//
+// ADDRESS: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST, script:FILE, which is the same as --script FILE.
 //
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
 // ends all managers of the machine), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the
 // stop event, which the console's handler and a waiting thread set, and the handles that this thread waits for.
+#include "network_device.h"
 #include "printer_side.h"
+#include "printer_values.h"
 #include "scripted_device.h"
+#include "text.h"
 
 #include "product/client.h"
 #include "product/guards.h"
 #include "product/log.h"
 #include "product/object_names.h"
+#include "product/registry_names.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <limits>
 
@@ -66,32 +73,23 @@ int Complain(const std::string& text) {
 struct CommandLine {
     PrinterSideOptions side;
     std::string script;
+    std::string device;
+    DWORD pollMs = kPollMs;
     DWORD speed = 1;
     DWORD owner = 0;
     std::string stopEvent;
     bool check = false;
 };
 
-// Names are in the ANSI code page. A command line is in that or in UTF-8, depending on the system.
-std::string ToAnsi(const std::string& word) {
-    const int size = static_cast<int>(word.size());
-    std::vector<WCHAR> wide(word.size());
-    const int length =
-        size == 0 ? 0 : MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, word.data(), size, wide.data(), size);
-    if (length <= 0) return word;
-    std::string ansi(2 * word.size(), '\0');
-    const int ansiSize = static_cast<int>(ansi.size());
-    ansi.resize(static_cast<SIZE_T>(
-        WideCharToMultiByte(CP_ACP, 0, wide.data(), length, ansi.data(), ansiSize, nullptr, nullptr)));
-    return ansi;
-}
-
 // Of an option that is given twice the last one counts.
 void AddOptions(CLI::App& app, CommandLine& line) {
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    app.add_option("--script", line.script, "what the printer has and does (docs/printer.md)")
-        ->type_name("FILE")
-        ->required();
+    app.add_option("--script", line.script, "what the printer has and does (docs/printer.md)")->type_name("FILE");
+    app.add_option("--device", line.device, "the printer's address, ipp://HOST/PATH and the like, or script:FILE")
+        ->type_name("ADDRESS");
+    app.add_option("--poll", line.pollMs, "ask a printer that does nothing so often")
+        ->type_name("MS")
+        ->check(CLI::Range(kPollMinMs, kPollMaxMs));
     app.add_option("--printer", line.side.printer, "the printer to serve")->type_name("NAME");
     app.add_option("--port", line.side.port, "its port, unless the script sets \"Port\"")->type_name("NAME");
     app.add_option("--speed", line.speed, "run the script so many times faster")
@@ -101,7 +99,7 @@ void AddOptions(CLI::App& app, CommandLine& line) {
         ->type_name("PROCESS")
         ->check(CLI::Range(DWORD{1}, std::numeric_limits<DWORD>::max()));
     app.add_option("--stop-event", line.stopEvent, "end when this event is set")->type_name("NAME");
-    app.add_flag("--check", line.check, "only check the script");
+    app.add_flag("--check", line.check, "only check the script, or ask the device once");
 }
 
 // kStopped, or kWrong after the reason was logged. *help: help was requested and printed.
@@ -116,8 +114,17 @@ int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
     } catch (const CLI::ParseError& error) {
         return Complain(error.what());
     }
+    // Names are in the ANSI code page. A command line is in that or in UTF-8, depending on the system.
     line->side.printer = ToAnsi(line->side.printer);
     line->side.port = ToAnsi(line->side.port);
+    constexpr std::string_view kScript = "script:";
+    if (line->device.starts_with(kScript)) {
+        line->script = line->device.substr(kScript.size());
+        line->device.clear();
+    }
+    if (line->script.empty() == line->device.empty()) return Complain("give one of --device and --script");
+    if (!line->device.empty() && !IsNetworkDevice(line->device))
+        return Complain("\"" + line->device + "\" is no address of a device, such as ipp://printer/ipp/print");
     if (!line->check && (line->side.printer.empty() || line->side.printer.size() > kPrinterNameMax))
         return Complain("--printer NAME is missing or too long");
     return kStopped;
@@ -135,21 +142,110 @@ int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) 
     return errors.empty() ? kStopped : kWrong;
 }
 
+// ---- the certificate of a network printer, which is trusted from the first time that it is seen
+
+constexpr char kCertificateValue[] = "Oriel Certificate";
+
+RegistryKey OpenPrinterKey(const std::string& printer, REGSAM access) {
+    HKEY key = nullptr;
+    const std::string path = std::string(kPrintersKey) + "\\" + PrinterKeyName(printer.c_str()).name;
+    return RegistryKey(RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &key) == ERROR_SUCCESS ? key
+                                                                                                         : nullptr);
+}
+
+std::string ReadCertificate(const std::string& printer) {
+    const RegistryKey key = OpenPrinterKey(printer, KEY_QUERY_VALUE);
+    char text[128] = {};
+    DWORD size = sizeof text - 1;
+    if (!key || RegQueryValueExA(key.Get(), kCertificateValue, nullptr, nullptr, reinterpret_cast<BYTE*>(text),
+                                 &size) != ERROR_SUCCESS)
+        return "";
+    return text;
+}
+
+void TrustCertificate(const std::string& printer, const std::string& certificate) {
+    const RegistryKey key = OpenPrinterKey(printer, KEY_SET_VALUE);
+    const bool stored = key && RegSetValueExA(key.Get(), kCertificateValue, 0, REG_SZ,
+                                              reinterpret_cast<const BYTE*>(certificate.c_str()),
+                                              static_cast<DWORD>(certificate.size() + 1)) == ERROR_SUCCESS;
+    product::Log(product::LogLevel::Note, printer + ": trusts the printer's certificate " + certificate +
+                                              (stored ? "" : ", until the printer side ends"));
+}
+
+// ---- running
+
+// Prints what the printer tells, a value a line.
+int TryDevice(const CommandLine& line) {
+    constexpr DWORD kMarginMs = 1000;
+    NetworkPrinter printer{.uri = line.device};
+    if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) return Complain(failure);
+    const devices::Answer answer = TryNetworkPrinter(printer, kDeviceLimitMs + kMarginMs);
+    CloseNetworkPrinter(printer);
+    if (answer.outcome != devices::Outcome::Answered) {
+        Complain(answer.trouble);
+        return kCannotBegin;
+    }
+    const devices::Identity identity = answer.reading.identity.value_or(devices::Identity());
+    const auto say = [](const char* what, const std::string& text) {
+        if (!text.empty()) std::cout << what << ": " << text << "\n";
+    };
+    say("manufacturer", identity.manufacturer);
+    say("model", identity.model);
+    say("serial number", identity.serial);
+    say("location", identity.location);
+    for (const devices::Tray& tray : answer.reading.trays)
+        say("tray", tray.name + (tray.media.empty() ? "" : ", " + tray.media));
+    for (const devices::Supply& supply : answer.reading.supplies)
+        say("supply", supply.name + (supply.percent < 0 ? "" : ", " + std::to_string(supply.percent) + " %"));
+    say("says", answer.reading.display);
+    say("certificate", answer.certificate);
+    return kStopped;
+}
+
+// What either kind of device is run with. kStopped, or the exit code after the reason was logged.
+int Serve(const CommandLine& line, const Device& device) {
+    const bool served = ServePrinter(line.side, device, g_stop);
+    if (!served) Complain("cannot take jobs, system error " + std::to_string(GetLastError()));
+    return served ? kStopped : kCannotBegin;
+}
+
+int ServeScript(const CommandLine& line, ScriptedPrinter& printer) {
+    return Serve(line, DeviceOf(printer));
+}
+
+int ServeNetworkPrinter(const CommandLine& line) {
+    const std::string name = line.side.printer;
+    NetworkPrinter printer{.uri = line.device,
+                           .pollMs = line.pollMs,
+                           .certificate = ReadCertificate(name),
+                           .trust = [name](const std::string& seen) { TrustCertificate(name, seen); }};
+    if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) {
+        Complain(failure);
+        return kCannotBegin;
+    }
+    const int result = Serve(line, DeviceOf(printer));
+    CloseNetworkPrinter(printer);
+    return result;
+}
+
 int Run(const CommandLine& line) {
     ScriptedPrinter printer;
     printer.speed = line.speed;
-    if (const int result = ReadScriptFile(line.script, &printer.statements); result != kStopped || line.check)
-        return result;
+    if (line.device.empty()) {
+        if (const int result = ReadScriptFile(line.script, &printer.statements); result != kStopped || line.check)
+            return result;
+    } else if (line.check) {
+        return TryDevice(line);
+    }
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (!g_stop || !SetConsoleCtrlHandler(OnConsoleControl, TRUE) || !BindStatusDatabase() ||
         !FollowEndings(line.owner, line.stopEvent)) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }
-    const bool served = ServePrinter(line.side, DeviceOf(printer), g_stop);
-    if (!served) Complain("cannot take jobs, system error " + std::to_string(GetLastError()));
+    const int result = line.device.empty() ? ServeScript(line, printer) : ServeNetworkPrinter(line);
     UnbindStatusDatabase();
-    return served ? kStopped : kCannotBegin;
+    return result;
 }
 
 } // namespace

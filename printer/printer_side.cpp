@@ -117,6 +117,7 @@ LONG StoreValues(PrinterSide& side, const std::vector<DeviceValue>& values) {
             AddItem(side.queues, value);
             continue;
         }
+        if (value.onlyIfEmpty && !ReadTextOf(side.link, value.variable.c_str()).empty()) continue;
         const LONG status = StoreValue(side.link, value);
         if (status != kDone) WarnOfValue(side, value.origin, value.variable, status);
         if (first == kDone) first = status;
@@ -406,6 +407,15 @@ void CheckAll(PrinterSide& side) {
     CheckVariable(side, kWriteRequest);
 }
 
+// Somebody waits for a change of the printer's status, or asked for polling when it opened the printer.
+bool IsFollowed(PrinterSide& side) {
+    constexpr const char* kFollowed[] = {names::kPrinterStatus, names::kPrinterStatus2, names::kErrPaperJam,
+                                         names::kPrintingStatus, names::kPrintingJobInfo};
+    return ReadNumberOf(side.link, names::kCompulsivePolling) != 0 ||
+           std::any_of(std::begin(kFollowed), std::end(kFollowed),
+                       [&](const char* variable) { return IsWatched(side.link, variable); });
+}
+
 // ---- beginning and end of a connection
 
 // A predecessor that was killed may have left a request unanswered: it was written after the last answer, and its
@@ -536,6 +546,7 @@ bool ServeLink(PrinterSide& side) {
         if (!WaitForWork(side, signals, wait)) return false;
         if (side.now < lookAt) continue;
         CheckAll(side);
+        if (side.device.followed) side.device.followed(side.device.self, IsFollowed(side));
         lookAt = side.now + kIdleLookMs;
     }
     return true;

@@ -17,6 +17,18 @@ WINBASEAPI DWORD WINAPI GetModuleFileNameA(HMODULE module, LPSTR fileName, DWORD
 /* Thread notifications do not exist here: always TRUE for a module, FALSE with ERROR_MOD_NOT_FOUND for NULL. */
 WINBASEAPI BOOL WINAPI DisableThreadLibraryCalls(HMODULE module);
 
+#define LOAD_LIBRARY_SEARCH_APPLICATION_DIR 0x00000200
+
+/* Loads a module that came with the product, and takes a reference to it. name: without a folder and a suffix; "oriel_x"
+ * is oriel/liboriel_x.so beside this layer. reserved must be NULL and flags LOAD_LIBRARY_SEARCH_APPLICATION_DIR
+ * (ERROR_INVALID_PARAMETER). NULL with ERROR_MOD_NOT_FOUND when there is no such module, or a library that it needs is
+ * missing. */
+WINBASEAPI HMODULE WINAPI LoadLibraryExA(LPCSTR name, HANDLE reserved, DWORD flags);
+
+/* The address of an export of a module. NULL with ERROR_PROC_NOT_FOUND, or ERROR_MOD_NOT_FOUND. name is a text: there
+ * are no numbers of exports here. */
+WINBASEAPI FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
+
 #define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 0x00000004
 
 /* The module that has the address (given as the name) in its memory, and a reference to it: it stays loaded until

@@ -1,6 +1,6 @@
 // The printer side program against the real service, by a client that asks as the library does.
 #include "not_here.h"
-#include "printer_machine.h"
+#include "printer_kit.h"
 #include "private_machine.h"
 
 #include <fstream>
@@ -20,10 +20,6 @@ TestProcess Start(const std::string& script, size_t printer = 0, const std::vect
     return TestProcess::Program(ProgramPath("TVSPSD.EXE"), arguments);
 }
 
-bool TakesRequests(const Database& database) {
-    return (database.NumberIn("PrinterExtStatus") & 1) != 0 && database.NumberIn("SpoolerStatus") == 0xC;
-}
-
 // A printer side that serves when the constructor returns.
 struct Serving {
     Serving(const PrinterMachine& machine, const std::string& script, size_t printer = 0,
@@ -33,34 +29,6 @@ struct Serving {
     }
     TestProcess process;
 };
-
-// What a requester does, who waits for its answer.
-struct Request {
-    Request(const Database& asked, const char* variable, std::string_view text) : database(asked) {
-        EXPECT_EQ(database.Watch("RWResult", kEveryWrite), kDone);
-        before = database.Info("RWResult").writes;
-        EXPECT_EQ(database.Write(variable, BytesOf(text)), kDone);
-    }
-    ~Request() { database.Unwatch("RWResult"); }
-    bool Answered(int waitMs) const {
-        return WaitUntil([&] { return database.Info("RWResult").writes != before; }, waitMs);
-    }
-    LONG Result() const {
-        EXPECT_TRUE(Answered(10000));
-        return static_cast<LONG>(database.NumberIn("RWResult"));
-    }
-    const Database& database;
-    DWORD before;
-};
-
-LONG DirectRead(const Database& database, std::string_view variable) {
-    return Request(database, "ReadRequest", variable).Result();
-}
-
-LONG DirectWrite(const Database& database, const std::string& variable, const Bytes& value) {
-    EXPECT_EQ(database.Write(variable + "W", value), kDone);
-    return Request(database, "WriteRequest", variable + "W").Result();
-}
 
 } // namespace
 

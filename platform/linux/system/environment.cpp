@@ -147,6 +147,34 @@ BOOL WINAPI GetModuleHandleExA(DWORD flags, LPCSTR name, HMODULE* module) {
     return TakeModule(name, module) != nullptr ? TRUE : Fail(ERROR_MOD_NOT_FOUND);
 }
 
+HMODULE WINAPI LoadLibraryExA(LPCSTR name, HANDLE reserved, DWORD flags) {
+    if (name == nullptr || *name == '\0' || std::strpbrk(name, "/\\.:") != nullptr || reserved != nullptr ||
+        flags != LOAD_LIBRARY_SEARCH_APPLICATION_DIR)
+        return Fail<HMODULE>(ERROR_INVALID_PARAMETER, nullptr);
+    return Call<HMODULE>(nullptr, [&]() -> HMODULE {
+        Dl_info here{};
+        if (dladdr(&kFileType, &here) == 0 || here.dli_fname == nullptr)
+            return Fail<HMODULE>(ERROR_MOD_NOT_FOUND, nullptr);
+        std::string path = here.dli_fname;
+        path.resize(path.rfind('/') + 1);
+        path += "oriel/lib" + std::string(name) + ".so";
+        auto* map = static_cast<link_map*>(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
+        if (map == nullptr) return Fail<HMODULE>(ERROR_MOD_NOT_FOUND, nullptr);
+        return reinterpret_cast<HMODULE>(map->l_addr);
+    });
+}
+
+FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name) {
+    if (name == nullptr || reinterpret_cast<uintptr_t>(name) <= 0xFFFF)
+        return Fail<FARPROC>(ERROR_INVALID_PARAMETER, nullptr);
+    void* base = nullptr;
+    void* const handle = TakeModule(module, &base);
+    if (handle == nullptr) return Fail<FARPROC>(ERROR_MOD_NOT_FOUND, nullptr);
+    void* const address = base == module ? dlsym(handle, name) : nullptr;
+    dlclose(handle);
+    return address != nullptr ? reinterpret_cast<FARPROC>(address) : Fail<FARPROC>(ERROR_PROC_NOT_FOUND, nullptr);
+}
+
 BOOL WINAPI FreeLibrary(HMODULE module) {
     void* base = nullptr;
     void* const handle = TakeModule(module, &base);

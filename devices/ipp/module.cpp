@@ -1,0 +1,237 @@
+// The module for IPP printers (RFC 8011, PWG 5100): a session polls its printer, and carries out what IPP has for jobs.
+// State: the session's.
+#include "http.h"
+#include "message.h"
+#include "printer_attributes.h"
+#include "session.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <new>
+#include <system_error>
+
+namespace devices {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kIppVersion = 0x0200;
+constexpr uint32_t kShortestMs = 100; // that a further request of the same question gets
+
+Outcome OutcomeOf(ipp_status_t status) {
+    switch (status) {
+    case IPP_STATUS_ERROR_OPERATION_NOT_SUPPORTED:
+    case IPP_STATUS_ERROR_ATTRIBUTES_NOT_SETTABLE:
+    case IPP_STATUS_ERROR_ATTRIBUTES_OR_VALUES:
+        return Outcome::NotSupported;
+    default:
+        return status <= IPP_STATUS_OK_CONFLICTING ? Outcome::Answered : Outcome::Declined;
+    }
+}
+
+class IppSession : public Session {
+public:
+    IppSession(const Address& address, const Settings& settings)
+        : m_address(address), m_settings(settings), m_http(address) {}
+    bool IsMade() const { return m_http.IsMade(); }
+
+protected:
+    Answer Carry(const Question& question) override;
+    void Cut() override { m_http.Wake(); }
+
+private:
+    Message Request(ipp_op_t operation) const;
+    // Null: *answer says why.
+    Message Send(const Question& question, ipp_t* request, Answer* answer);
+    Message AskAttributes(const Question& question, const char* const* names, int count, Answer* answer);
+    bool NeedsIdentity(const Question& question, ipp_t* message);
+    void AskIdentity(const Question& question, Answer* answer);
+    void AskJobs(const Question& question, ipp_t* message, Answer* answer);
+    void Poll(const Question& question, Answer* answer);
+    void Command(const Question& question, Answer* answer);
+    bool Supports(ipp_op_t operation) const {
+        return std::find(m_operations.begin(), m_operations.end(), static_cast<int32_t>(operation)) !=
+               m_operations.end();
+    }
+
+    const Address m_address;
+    const Settings m_settings;
+    Http m_http;
+    Clock::time_point m_deadline{};
+    bool m_identified = false;
+    int32_t m_upTime = kNotKnown; // of the last poll
+    int32_t m_configTime = kNotKnown;
+    bool m_hadJobs = false;
+    std::vector<int32_t> m_operations{};
+    std::vector<std::string> m_mediaSources{};
+};
+
+Message IppSession::Request(ipp_op_t operation) const {
+    Message request(ippNewRequest(operation));
+    if (request == nullptr) throw std::bad_alloc();
+    ippSetVersion(request.get(), kIppVersion >> 8, kIppVersion & 0xFF);
+    ippAddString(request.get(), IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, m_address.uri.c_str());
+    if (!m_settings.user.empty())
+        ippAddString(request.get(), IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", nullptr,
+                     m_settings.user.c_str());
+    return request;
+}
+
+Message IppSession::Send(const Question& question, ipp_t* request, Answer* answer) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Clock::now()).count();
+    const auto limit = static_cast<uint32_t>(std::max<int64_t>(left, kShortestMs));
+    Exchange exchange = m_http.Post(Encode(request), question.certificate, limit, [this] { return IsCut(); });
+    answer->outcome = exchange.outcome;
+    answer->trouble = exchange.trouble;
+    answer->certificate = exchange.certificate;
+    if (exchange.outcome != Outcome::Answered) return nullptr;
+    Message message = Decode(exchange.body);
+    if (message == nullptr || ippGetRequestId(message.get()) != ippGetRequestId(request)) {
+        answer->outcome = Outcome::Garbled;
+        answer->trouble = "the answer is no IPP";
+        return nullptr;
+    }
+    answer->outcome = OutcomeOf(ippGetStatusCode(message.get()));
+    if (answer->outcome == Outcome::Answered) return message;
+    answer->trouble = std::string("the printer says ") + ippErrorString(ippGetStatusCode(message.get()));
+    return nullptr;
+}
+
+Message IppSession::AskAttributes(const Question& question, const char* const* names, int count, Answer* answer) {
+    const Message request = Request(IPP_OP_GET_PRINTER_ATTRIBUTES);
+    ippAddStrings(request.get(), IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", count, nullptr, names);
+    Message message = Send(question, request.get(), answer);
+    // Whatever else it is, that does not tell its attributes is no printer to watch.
+    if (message == nullptr && (answer->outcome == Outcome::NotSupported || answer->outcome == Outcome::Declined))
+        answer->outcome = Outcome::Garbled;
+    return message;
+}
+
+bool IppSession::NeedsIdentity(const Question& question, ipp_t* message) {
+    const int32_t upTime = NumberOf(message, "printer-up-time");
+    const int32_t configTime = NumberOf(message, "printer-config-change-time");
+    const bool anew = !m_identified || question.identity || upTime < m_upTime || configTime != m_configTime;
+    m_upTime = upTime;
+    m_configTime = configTime;
+    return anew;
+}
+
+void IppSession::AskIdentity(const Question& question, Answer* answer) {
+    Answer own;
+    const Message message = AskAttributes(question, kIdentityAttributes, kIdentityAttributeCount, &own);
+    if (message == nullptr) return; // asked again at the next poll
+    m_operations = NumbersOf(message.get(), "operations-supported");
+    m_mediaSources = KeywordsOf(message.get(), "media-source-supported");
+    answer->reading.identity = ReadIdentity(message.get());
+    m_identified = true;
+}
+
+void IppSession::AskJobs(const Question& question, ipp_t* message, Answer* answer) {
+    const int32_t queued = NumberOf(message, "queued-job-count");
+    answer->reading.jobsKnown = true;
+    if (queued == 0 && answer->reading.state != State::Printing && !m_hadJobs) return;
+    const Message request = Request(IPP_OP_GET_JOBS);
+    ippAddString(request.get(), IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "which-jobs", nullptr, "not-completed");
+    ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "limit", static_cast<int>(kJobsMax));
+    ippAddStrings(request.get(), IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", kAskedJobAttributeCount,
+                  nullptr, kAskedJobAttributes);
+    Answer own;
+    const Message jobs = Send(question, request.get(), &own);
+    if (jobs != nullptr)
+        answer->reading.jobs = ReadJobs(jobs.get());
+    else
+        answer->reading.jobsKnown = false;
+    m_hadJobs = !answer->reading.jobs.empty();
+}
+
+void IppSession::Poll(const Question& question, Answer* answer) {
+    const Message message = AskAttributes(question, kChangingAttributes, kChangingAttributeCount, answer);
+    if (message == nullptr) return;
+    // First, because it tells what the trays are called.
+    if (NeedsIdentity(question, message.get())) {
+        m_identified = false;
+        AskIdentity(question, answer);
+    }
+    ReadPrinter(message.get(), m_mediaSources, &answer->reading);
+    AskJobs(question, message.get(), answer);
+}
+
+void IppSession::Command(const Question& question, Answer* answer) {
+    ipp_op_t operation = IPP_OP_CUPS_NONE;
+    switch (question.ask) {
+    case Ask::Poll:
+        return;
+    case Ask::HoldJob:
+        operation = IPP_OP_HOLD_JOB;
+        break;
+    case Ask::ReleaseJob:
+        operation = IPP_OP_RELEASE_JOB;
+        break;
+    case Ask::CancelJob:
+        operation = IPP_OP_CANCEL_JOB;
+        break;
+    case Ask::Identify:
+        operation = IPP_OP_IDENTIFY_PRINTER;
+        break;
+    case Ask::SetLocation:
+        operation = IPP_OP_SET_PRINTER_ATTRIBUTES;
+        break;
+    }
+    if (m_identified && !Supports(operation)) {
+        answer->outcome = Outcome::NotSupported;
+        answer->trouble = std::string("the printer has no ") + ippOpString(operation);
+        return;
+    }
+    const Message request = Request(operation);
+    if (question.job > 0) ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", question.job);
+    if (question.ask == Ask::Identify && !question.text.empty())
+        ippAddString(request.get(), IPP_TAG_OPERATION, IPP_TAG_TEXT, "message", nullptr, question.text.c_str());
+    if (question.ask == Ask::SetLocation)
+        ippAddString(request.get(), IPP_TAG_PRINTER, IPP_TAG_TEXT, "printer-location", nullptr, question.text.c_str());
+    Send(question, request.get(), answer);
+}
+
+Answer IppSession::Carry(const Question& question) {
+    m_deadline = Clock::now() + std::chrono::milliseconds(question.limitMs);
+    Answer answer;
+    if (question.ask == Ask::Poll)
+        Poll(question, &answer);
+    else
+        Command(question, &answer);
+    return answer;
+}
+
+Session* Open(const Settings& settings, void (*finished)(void*), void* context, std::string* error) {
+    static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    Address address;
+    if (!ParseAddress(settings.uri, &address, error)) return nullptr;
+    try {
+        auto session = std::make_unique<IppSession>(address, settings);
+        if (ready && session->IsMade()) {
+            session->Start(finished, context);
+            return session.release();
+        }
+        *error = "the HTTP client cannot be set up";
+    } catch (const std::bad_alloc&) {
+        *error = "there is not enough memory";
+    } catch (const std::system_error&) {
+        *error = "there is no thread for the printer";
+    }
+    return nullptr;
+}
+
+constexpr Module kModule{
+    .size = sizeof(Module),
+    .open = Open,
+    .ask = [](Session* session, const Question& question) { session->Ask(question); },
+    .take = [](Session* session, Answer* answer) { return session->Take(answer); },
+    .close = Session::Close,
+};
+
+} // namespace
+} // namespace devices
+
+extern "C" __attribute__((visibility("default"))) const devices::Module* OrielDeviceModule() {
+    return &devices::kModule;
+}

@@ -1,0 +1,369 @@
+// State: the record of the printer.
+#include "network_device.h"
+
+#include "printer_values.h"
+#include "text.h"
+
+#include "product/variable_names.h"
+
+#include <tvsqdz.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string.h>
+#include <string_view>
+
+using devices::Ask;
+using devices::Outcome;
+
+namespace {
+
+constexpr DWORD kQuickShare = 15; // the quick interval is that part of the idle one
+constexpr DWORD kQuickMinMs = 200;
+constexpr DWORD kQuickForMs = 60000; // after a change
+constexpr DWORD kBackOffMax = 2;     // times the idle interval
+constexpr DWORD kJitterPercent = 10; // so that many printers are not polled at once
+constexpr DWORD kAnswerMarginMs = 500;
+
+constexpr DWORD kPauseJob = 1; // "SetJob"
+constexpr DWORD kResumeJob = 2;
+
+struct Scheme {
+    std::string_view name;
+    const char* module;
+};
+constexpr Scheme kSchemes[] = {{"ipp", "oriel_ipp"}, {"ipps", "oriel_ipp"}, {"snmp", "oriel_snmp"}};
+
+const Scheme* SchemeOf(std::string_view uri) {
+    const std::string_view scheme = uri.substr(0, uri.find("://"));
+    for (const Scheme& row : kSchemes)
+        if (scheme == row.name && scheme.size() < uri.size()) return &row;
+    return nullptr;
+}
+
+NetworkPrinter& PrinterOf(void* self) {
+    return *static_cast<NetworkPrinter*>(self);
+}
+
+void OnFinished(void* ready) {
+    SetEvent(ready);
+}
+
+// What people may see: without what follows "?", where a community may be.
+std::string ShownUri(const std::string& uri) {
+    return uri.substr(0, uri.find('?'));
+}
+
+// ---- intervals
+
+DWORD QuickMs(const NetworkPrinter& printer) {
+    return std::min(printer.pollMs, std::max(printer.pollMs / kQuickShare, kQuickMinMs));
+}
+
+DWORD WithJitter(DWORD pause) {
+    static DWORD seed = GetCurrentProcessId() * 2654435761u + GetTickCount();
+    seed = seed * 1664525u + 1013904223u;
+    const DWORD most = pause * kJitterPercent / 100;
+    return pause - (most != 0 ? seed / 65536 % (most + 1) : 0);
+}
+
+bool IsBusyPrinter(const NetworkPrinter& printer) {
+    return printer.reading.state == devices::State::Printing || !printer.reading.jobs.empty();
+}
+
+DWORD PauseOf(const NetworkPrinter& printer, ULONGLONG now) {
+    if (printer.failures > 0) {
+        constexpr DWORD kDoublingsMax = 16;
+        const ULONGLONG pause = ULONGLONG{QuickMs(printer)} << std::min(printer.failures - 1, kDoublingsMax);
+        return WithJitter(static_cast<DWORD>(std::min<ULONGLONG>(pause, ULONGLONG{kBackOffMax} * printer.pollMs)));
+    }
+    const bool quick = printer.followed || IsBusyPrinter(printer) || now < printer.quickUntil;
+    return WithJitter(quick ? QuickMs(printer) : printer.pollMs);
+}
+
+// ---- questions
+
+void AskModule(NetworkPrinter& printer, devices::Question question) {
+    question.certificate = printer.certificate;
+    question.limitMs = kDeviceLimitMs;
+    printer.busy = true;
+    printer.module->ask(printer.session, question);
+}
+
+LONG NumberOf(const Bytes& value) {
+    LONG number = 0;
+    if (value.size() == sizeof number) memcpy(&number, value.data(), sizeof number);
+    return number;
+}
+
+std::string TextOf(const Bytes& value) {
+    return ToUtf8({value.begin(), std::find(value.begin(), value.end(), BYTE{0})});
+}
+
+// The first job in one of these states; 0: there is none.
+LONG JobIn(const NetworkPrinter& printer, std::initializer_list<LONG> states) {
+    for (const devices::Job& job : printer.reading.jobs)
+        if (std::find(states.begin(), states.end(), job.state) != states.end()) return job.id;
+    return 0;
+}
+
+// The question that carries a write out. Nothing: no printer has the like.
+std::optional<devices::Question> QuestionOf(const NetworkPrinter& printer, const DeviceRequest& write) {
+    devices::Question question;
+    const LONG number = NumberOf(write.value);
+    if (write.subject == names::kDeleteJobId) {
+        question.ask = Ask::CancelJob;
+        question.job = number;
+    } else if (write.subject == names::kSetJob && number == kPauseJob) {
+        question.ask = Ask::HoldJob;
+        question.job = JobIn(printer, {devices::kJobPending, devices::kJobProcessing});
+    } else if (write.subject == names::kSetJob && number == kResumeJob) {
+        question.ask = Ask::ReleaseJob;
+        question.job = JobIn(printer, {devices::kJobHeld, devices::kJobStopped});
+    } else if (write.subject == names::kPrinterDisplay || write.subject == names::kPrinterDisplay2) {
+        question.ask = Ask::Identify;
+        question.text = TextOf(write.value);
+        return question;
+    } else if (write.subject == names::kPrinterLocation) {
+        question.ask = Ask::SetLocation;
+        question.text = TextOf(write.value);
+        return question;
+    } else {
+        return std::nullopt;
+    }
+    return question.job > 0 ? std::optional(question) : std::nullopt;
+}
+
+void AnswerRequest(NetworkPrinter& printer, const DeviceRequest& request, LONG result) {
+    printer.answers.push_back({.id = request.id, .result = result});
+}
+
+// Begins the next question, if one is due.
+void AskNext(NetworkPrinter& printer, ULONGLONG now) {
+    while (!printer.busy && !printer.waiting.empty() && printer.waiting.front().kind == DeviceAsk::Write) {
+        const DeviceRequest write = std::move(printer.waiting.front());
+        printer.waiting.pop_front();
+        if (const std::optional<devices::Question> question = QuestionOf(printer, write)) {
+            printer.asked = {write};
+            AskModule(printer, *question);
+        } else {
+            AnswerRequest(printer, write, TVS_E_NOT_NOW);
+        }
+    }
+    if (printer.busy || (printer.waiting.empty() && now < printer.pollAt)) return;
+    while (!printer.waiting.empty() && printer.waiting.front().kind != DeviceAsk::Write) {
+        printer.asked.push_back(std::move(printer.waiting.front()));
+        printer.waiting.pop_front();
+    }
+    AskModule(printer, {.ask = Ask::Poll, .identity = !printer.identity});
+}
+
+// ---- answers
+
+bool Answers(Outcome outcome) {
+    return outcome == Outcome::Answered || outcome == Outcome::NotSupported || outcome == Outcome::Declined;
+}
+
+void NoteLink(NetworkPrinter& printer, const devices::Answer& answer) {
+    const bool up = Answers(answer.outcome);
+    printer.failures = up ? 0 : printer.failures + 1;
+    if (up) ++printer.link.answers;
+    if (up && printer.certificate.empty() && !answer.certificate.empty()) {
+        printer.certificate = answer.certificate;
+        printer.trust(answer.certificate);
+    }
+    printer.link.trouble = up ? "" : ToAnsi(answer.trouble);
+    if (!up && (printer.link.up || printer.values.empty())) {
+        // What was read before stays in the database, and is old. It is not stored again.
+        printer.values.clear();
+        printer.reading = {};
+        const DeviceValue value = NoAnswerValue(ShownUri(printer.uri));
+        printer.values[value.variable] = value;
+        printer.changed.push_back(value);
+    }
+    printer.link.up = up;
+}
+
+bool SameValue(const DeviceValue& a, const DeviceValue& b) {
+    return a.known == b.known && a.bytes == b.bytes;
+}
+
+void NoteReading(NetworkPrinter& printer, devices::Answer& answer, ULONGLONG now) {
+    if (answer.reading.identity) printer.identity = std::move(answer.reading.identity);
+    printer.reading = std::move(answer.reading);
+    const bool first = printer.values.size() <= 1;
+    bool any = false;
+    for (DeviceValue& value :
+         ValuesOf(printer.reading, printer.identity ? &*printer.identity : nullptr, ShownUri(printer.uri))) {
+        const auto old = printer.values.find(value.variable);
+        if (old != printer.values.end() && SameValue(old->second, value)) continue;
+        any = true;
+        printer.changed.push_back(value);
+        printer.values[value.variable] = std::move(value);
+    }
+    if (any && !first) printer.quickUntil = now + kQuickForMs;
+}
+
+void AnswerRequests(NetworkPrinter& printer, const devices::Answer& answer) {
+    for (const DeviceRequest& request : printer.asked) {
+        DeviceAnswer reply{.id = request.id, .result = answer.outcome == Outcome::Answered ? 0 : TVS_E_NOT_NOW};
+        if (reply.result == 0 && request.kind == DeviceAsk::Read) {
+            const auto value = printer.values.find(request.subject);
+            if (value != printer.values.end())
+                reply.values.push_back(value->second);
+            else
+                reply.result = TVS_E_UNKNOWN;
+        } else if (reply.result == 0 && request.kind == DeviceAsk::Refresh) {
+            for (const auto& [name, value] : printer.values)
+                reply.values.push_back(value);
+        }
+        printer.answers.push_back(std::move(reply));
+    }
+    printer.asked.clear();
+}
+
+void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
+    devices::Answer answer;
+    if (!printer.busy || !printer.module->take(printer.session, &answer)) return;
+    printer.busy = false;
+    const bool wasCommand = !printer.asked.empty() && printer.asked.front().kind == DeviceAsk::Write;
+    NoteLink(printer, answer);
+    if (answer.outcome == Outcome::Answered && !wasCommand) NoteReading(printer, answer, now);
+    AnswerRequests(printer, answer);
+    // What a command did shows at once.
+    printer.pollAt = wasCommand && printer.link.up ? now : now + PauseOf(printer, now);
+    if (printer.link.up) return;
+    // Nor are those answered that came meanwhile; to ask again would take as long.
+    for (const DeviceRequest& request : printer.waiting)
+        AnswerRequest(printer, request, TVS_E_NOT_NOW);
+    printer.waiting.clear();
+}
+
+// ---- the functions of the device
+
+std::vector<DeviceValue> State(void* self) {
+    std::vector<DeviceValue> values;
+    for (const auto& [name, value] : PrinterOf(self).values)
+        values.push_back(value);
+    const NetworkPrinter& printer = PrinterOf(self);
+    const std::string_view rest = std::string_view(printer.uri).substr(printer.uri.find("://") + 3);
+    const std::string shown = ShownUri(std::string(rest));
+    TvsPortRecord port{.portKind = 1, .portName = {}, .portDetail = {}};
+    const SIZE_T slash = std::min(shown.find('/'), shown.size());
+    ToAnsi(shown.substr(0, slash)).copy(port.portName, sizeof port.portName - 1);
+    ToAnsi(shown.substr(slash)).copy(port.portDetail, sizeof port.portDetail - 1);
+    const auto* bytes = reinterpret_cast<const BYTE*>(&port);
+    values.push_back({.variable = names::kPort, .bytes = Bytes(bytes, bytes + sizeof port), .origin = shown});
+    return values;
+}
+
+bool AskDevice(void* self, const DeviceRequest& request, ULONGLONG now) {
+    NetworkPrinter& printer = PrinterOf(self);
+    if (request.kind == DeviceAsk::Read && !IsDeviceVariable(request.subject))
+        AnswerRequest(printer, request, TVS_E_UNKNOWN);
+    else
+        printer.waiting.push_back(request);
+    AskNext(printer, now);
+    return true;
+}
+
+void Drop(void* self, DWORD id) {
+    NetworkPrinter& printer = PrinterOf(self);
+    const auto isIt = [id](const DeviceRequest& request) { return request.id == id; };
+    std::erase_if(printer.waiting, isIt);
+    std::erase_if(printer.answers, [id](const DeviceAnswer& answer) { return answer.id == id; });
+    // Its question goes on; a command's kind must be known at its end.
+    for (DeviceRequest& request : printer.asked)
+        if (request.id == id) request.id = 0;
+}
+
+DeviceNews Take(void* self, ULONGLONG now) {
+    NetworkPrinter& printer = PrinterOf(self);
+    TakeAnswer(printer, now);
+    AskNext(printer, now);
+    DeviceNews news{.changed = std::move(printer.changed), .answers = std::move(printer.answers)};
+    printer.changed.clear();
+    printer.answers.clear();
+    if (!printer.busy) news.nextMs = static_cast<DWORD>(printer.pollAt > now ? printer.pollAt - now : 0);
+    return news;
+}
+
+const DeviceLink& LinkOf(void* self) {
+    return PrinterOf(self).link;
+}
+
+void Followed(void* self, bool followed) {
+    NetworkPrinter& printer = PrinterOf(self);
+    // Whoever begins to follow is not left with old values for a whole interval.
+    if (followed && !printer.followed && printer.failures == 0) printer.pollAt = 0;
+    printer.followed = followed;
+}
+
+std::vector<DeviceQueue> Queues(void*) {
+    return {};
+}
+
+const devices::Module* LoadModule(const char* name) {
+    const HMODULE library = LoadLibraryExA(name, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
+    if (!library) return nullptr;
+    // By way of a plain pointer, because FARPROC has another type.
+    const auto entry = reinterpret_cast<devices::ModuleEntry>(
+        reinterpret_cast<void*>(GetProcAddress(library, devices::kModuleEntry)));
+    const devices::Module* module = entry ? entry() : nullptr;
+    return module && module->size == sizeof *module ? module : nullptr;
+}
+
+std::string UserName() {
+    char name[257];
+    DWORD size = sizeof name;
+    return GetUserNameA(name, &size) ? ToUtf8(name) : "";
+}
+
+} // namespace
+
+bool IsNetworkDevice(const std::string& uri) {
+    return SchemeOf(uri) != nullptr;
+}
+
+std::string OpenNetworkPrinter(NetworkPrinter& printer) {
+    const Scheme* scheme = SchemeOf(printer.uri);
+    if (!scheme) return "\"" + printer.uri + "\" is no address of a device";
+    printer.module = LoadModule(scheme->module);
+    if (!printer.module)
+        return "the module " + std::string(scheme->module) + " is not installed, or a library that it needs";
+    printer.ready = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    if (!printer.ready) return "there is no event to have, system error " + std::to_string(GetLastError());
+    std::string error;
+    printer.session = printer.module->open({.uri = printer.uri, .user = UserName()}, OnFinished, printer.ready, &error);
+    printer.link.device = ToAnsi(ShownUri(printer.uri));
+    printer.link.answersEveryMs = printer.pollMs + kDeviceLimitMs;
+    return printer.session ? "" : error;
+}
+
+void CloseNetworkPrinter(NetworkPrinter& printer) {
+    // The event stays: a thread that is left behind may set it.
+    if (printer.session) printer.module->close(printer.session);
+    printer.session = nullptr;
+}
+
+Device DeviceOf(NetworkPrinter& printer) {
+    return {.state = State,
+            .ask = AskDevice,
+            .drop = Drop,
+            .take = Take,
+            .link = LinkOf,
+            .followed = Followed,
+            .queues = Queues,
+            .pageMs = nullptr,
+            .pagesOut = nullptr,
+            .answerLimitMs = kDeviceLimitMs + kAnswerMarginMs,
+            .ready = printer.ready,
+            .self = &printer};
+}
+
+devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs) {
+    devices::Answer answer{.outcome = Outcome::NoAnswer, .trouble = "the printer does not answer in time"};
+    AskModule(printer, {.ask = Ask::Poll, .identity = true});
+    if (WaitForSingleObject(printer.ready, limitMs) == WAIT_OBJECT_0) printer.module->take(printer.session, &answer);
+    return answer;
+}

@@ -1,0 +1,59 @@
+// A printer on the network, asked by a device module. State: the NetworkPrinter record.
+//
+// It is polled: every `pollMs` while nothing happens, more often while it prints, while something has changed and while
+// somebody follows its values; less and less often while it does not answer. One question is asked at a time. A direct
+// read and a refresh poll it at once.
+#pragma once
+
+#include "device.h"
+
+#include "module.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+
+inline constexpr DWORD kPollMs = 30000;
+inline constexpr DWORD kPollMinMs = 200;
+inline constexpr DWORD kPollMaxMs = 60 * 60 * 1000;
+// For the answer to a question.
+inline constexpr DWORD kDeviceLimitMs = 5000;
+
+struct NetworkPrinter {
+    std::string uri; // UTF-8
+    DWORD pollMs = kPollMs;
+    std::string certificate{}; // the trusted one; empty: the first one that is seen
+    // Remembers the first certificate.
+    std::function<void(const std::string& certificate)> trust = [](const std::string&) {};
+
+    const devices::Module* module = nullptr;
+    devices::Session* session = nullptr;
+    HANDLE ready = nullptr;
+    DeviceLink link{.up = false, .trouble = "the printer has not answered yet"};
+    std::optional<devices::Identity> identity{};
+    devices::Reading reading{};                  // the last one
+    std::map<std::string, DeviceValue> values{}; // of that reading
+    std::deque<DeviceRequest> waiting{};         // requests that no question was asked for yet
+    std::vector<DeviceRequest> asked{};          // those that the question in progress answers
+    bool busy = false;                           // a question is in progress
+    bool followed = false;
+    ULONGLONG pollAt = 0;
+    ULONGLONG quickUntil = 0; // something has changed
+    DWORD failures = 0;       // in a row
+    std::vector<DeviceValue> changed{};
+    std::vector<DeviceAnswer> answers{};
+};
+
+// "ipp", "ipps", "snmp"; false: no module has such devices.
+bool IsNetworkDevice(const std::string& uri);
+
+// Empty, or in words why there is none: no such module on this machine, or a wrong address.
+std::string OpenNetworkPrinter(NetworkPrinter& printer);
+void CloseNetworkPrinter(NetworkPrinter& printer);
+
+// The device lives as long as the printer.
+Device DeviceOf(NetworkPrinter& printer);
+
+// Asks once, for at most limitMs, and waits for the answer.
+devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs);
