@@ -173,6 +173,8 @@ void Http::Judge(CURLcode result, Exchange* exchange) {
                                      : say(Outcome::CertificateChanged,
                                            who + " has another certificate than the trusted one: " + m_certificate +
                                                " instead of " + m_trusted);
+    case CURLE_OUT_OF_MEMORY: // also of a header that is too long
+        return say(Outcome::Garbled, "the answer is too large");
     case CURLE_WRITE_ERROR:
         return say(Outcome::Garbled, m_tooLarge ? "the answer is larger than any printer's" : "the answer is no IPP");
     default:

@@ -139,6 +139,21 @@ struct Severity {
 };
 constexpr Severity kSeverities[] = {{"-error", true, false}, {"-warning", false, true}, {"-report", false, false}};
 
+// Removes the suffix. Null: there is none. CUPS's own printer cuts its keywords at 31 bytes, and so the suffix.
+const Severity* TakeSeverity(std::string_view* word) {
+    constexpr size_t kCutAt = 31, kFewest = 2;
+    for (const Severity& row : kSeverities) {
+        for (size_t length = row.suffix.size(); length >= kFewest; --length) {
+            if (word->size() > length && word->ends_with(row.suffix.substr(0, length))) {
+                word->remove_suffix(length);
+                return &row;
+            }
+            if (word->size() != kCutAt) break;
+        }
+    }
+    return nullptr;
+}
+
 bool IsAsleep(std::string_view word) {
     return word.ends_with("power-saver") || word == "hibernate" || word == "standby" || word == "suspend";
 }
@@ -267,11 +282,8 @@ int32_t NumberOf(ipp_t* message, const char* name, int32_t fallback) {
 
 void TakeReason(std::string_view keyword, Reading* reading) {
     std::string_view word = keyword;
-    const auto* severity = std::find_if(std::begin(kSeverities), std::end(kSeverities), [&](const Severity& row) {
-        return word.size() > row.suffix.size() && word.ends_with(row.suffix);
-    });
-    const bool plain = severity == std::end(kSeverities);
-    if (!plain) word.remove_suffix(severity->suffix.size());
+    const Severity* severity = TakeSeverity(&word);
+    const bool plain = severity == nullptr;
     if (word.empty() || word == "none") return;
     const bool report = !plain && !severity->error && !severity->warning;
     if (!plain) {

@@ -16,7 +16,8 @@ int FreePort();
 // and "ATTR: marker-levels=12,88" change the printer at once, and "wait NAME" prints on until the gate NAME is opened.
 class IppPrinter {
 public:
-    explicit IppPrinter(const std::string& keys = "keys");
+    // keys: the folder of its certificate. attributes: in place of its own, in the form of ipptool(5) files.
+    explicit IppPrinter(const std::string& keys = "keys", const std::string& attributes = "");
     std::string Uri(const std::string& scheme = "ipp") const;
     // Prints a job of these lines. Returns once the printer has it.
     void Print(const std::string& lines, const std::string& title = "script");
@@ -30,6 +31,7 @@ public:
 private:
     TestProcess Start(const std::string& keys);
     const std::string m_folder;
+    const std::string m_attributes;
     const int m_port;
     TestProcess m_bus;
     TestProcess m_process;

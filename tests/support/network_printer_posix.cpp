@@ -45,37 +45,38 @@ int FreePort() {
 
 // ---- ippeveprinter
 
-IppPrinter::IppPrinter(const std::string& keys)
-    : m_folder(PrivateDirectory() + "/printer"), m_port(FreePort()),
+IppPrinter::IppPrinter(const std::string& keys, const std::string& attributes)
+    : m_folder(PrivateDirectory() + "/printer"), m_attributes(attributes), m_port(FreePort()),
       // It looks for a D-Bus system bus, and ends without one.
       m_bus(TestProcess::Program("/usr/bin/dbus-daemon", {"--session", "--nofork", "--nopidfile",
                                                           "--address=unix:path=" + PrivateDirectory() + "/bus"})),
       m_process(Start(keys)) {}
 
 TestProcess IppPrinter::Start(const std::string& keys) {
-    for (const char* folder : {"/spool", "/gates"})
+    for (const std::string folder : {"/spool", "/gates"})
         std::filesystem::create_directories(m_folder + folder);
     std::filesystem::create_directories(m_folder + "/" + keys);
     const std::string command = m_folder + "/command";
     std::ofstream(command) << "#!/bin/sh\nwhile read -r word rest; do\n  case $word in\n"
-                              "  wait) while [ ! -e "
-                           << m_folder
-                           << "/gates/$rest ]; do sleep 0.02; done ;;\n"
-                              "  *) echo \"$word $rest\" >&2 ;;\n  esac\ndone <\"$1\"\n";
+                           << "  wait) while [ ! -e " << m_folder << "/gates/$rest ]; do sleep 0.02; done ;;\n"
+                           << "  *) echo \"$word $rest\" >&2 ;;\n  esac\ndone <\"$1\"\n";
     std::filesystem::permissions(command, std::filesystem::perms::owner_all);
     EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(PrivateDirectory() + "/bus"); }));
+    std::vector<std::string> arguments = {
+        "-p", std::to_string(m_port), "-n", "localhost",          "-r", "off", "-c", command,
+        "-d", m_folder + "/spool",    "-K", m_folder + "/" + keys};
+    if (m_attributes.empty()) {
+        arguments.insert(arguments.end(),
+                         {"-f", "application/octet-stream,text/plain", "-M", "Example", "-m", "Laser 7"});
+    } else {
+        std::ofstream(m_folder + "/attributes") << m_attributes
+                                                << "ATTR mimeMediaType document-format-supported "
+                                                   "application/octet-stream,text/plain\n";
+        arguments.insert(arguments.end(), {"-a", m_folder + "/attributes"});
+    }
+    arguments.emplace_back("Laser");
     TestProcess process =
-        TestProcess::Program("/usr/sbin/ippeveprinter", {"-p",   std::to_string(m_port),
-                                                         "-n",   "localhost",
-                                                         "-r",   "off",
-                                                         "-f",   "application/octet-stream,text/plain",
-                                                         "-l",   "Room 7",
-                                                         "-M",   "Example",
-                                                         "-m",   "Laser 7",
-                                                         "-c",   command,
-                                                         "-d",   m_folder + "/spool",
-                                                         "-K",   m_folder + "/" + keys,
-                                                         "Laser"},
+        TestProcess::Program("/usr/sbin/ippeveprinter", arguments,
                              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + PrivateDirectory() + "/bus"}});
     EXPECT_TRUE(WaitUntil([&] { return !process.Running() || !Attribute("printer-state").empty(); }));
     EXPECT_TRUE(process.Running()) << process.Errors();
@@ -92,9 +93,17 @@ std::string IppPrinter::Uri(const std::string& scheme) const {
 }
 
 void IppPrinter::Print(const std::string& lines, const std::string& title) {
-    const std::string file = m_folder + "/" + title + ".txt";
-    std::ofstream(file) << lines;
-    const ProgramResult result = RunProgram("/usr/bin/ipptool", {"-tf", file, Uri(), "print-job.test"});
+    std::ofstream(m_folder + "/job.txt") << lines;
+    std::ofstream(m_folder + "/print.test") << "{\nOPERATION Print-Job\nGROUP operation-attributes-tag\n"
+                                               "ATTR charset attributes-charset utf-8\n"
+                                               "ATTR language attributes-natural-language en\n"
+                                               "ATTR uri printer-uri $uri\nATTR name requesting-user-name $user\n"
+                                               "ATTR name job-name \""
+                                            << title
+                                            << "\"\nATTR mimeMediaType document-format text/plain\nFILE $filename\n"
+                                               "STATUS successful-ok\n}\n";
+    const ProgramResult result =
+        RunProgram("/usr/bin/ipptool", {"-tf", m_folder + "/job.txt", Uri(), m_folder + "/print.test"});
     EXPECT_EQ(result.exitCode, 0) << result.output << result.errors;
 }
 
