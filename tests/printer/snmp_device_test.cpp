@@ -1,0 +1,271 @@
+// The SNMP device against net-snmp's agent, which replays recorded walks of a printer.
+#include "network_printer.h"
+#include "printer_kit.h"
+#include "private_machine.h"
+
+#include "product/conditions.h"
+#include "product/device_record.h"
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace {
+
+using Objects = std::map<std::string, std::string>; // below 1.3.6.1.2.1: "TYPE VALUE"
+
+// An idle printer with two trays, two supplies and a display, as its agent was walked.
+const Objects kIdle = {
+    {"25.3.2.1.2.1", "objectid .1.3.6.1.2.1.25.3.1.3"}, // a processor comes first
+    {"25.3.2.1.2.4", "objectid .1.3.6.1.2.1.25.3.1.5"},
+    {"25.3.2.1.3.4", "string Example Laser 7"},
+    {"25.3.2.1.5.4", "integer 2"},
+    {"25.3.5.1.1.4", "integer 3"},
+    {"25.3.5.1.2.4", "octet 00 00"},
+    {"43.5.1.1.1.4", "counter 1"},
+    {"43.5.1.1.6.4", "integer 2"},
+    {"43.5.1.1.17.4", "string SN-12345"},
+    {"43.5.1.1.19.4", "counter 0"},
+    {"43.6.1.1.3.4.1", "integer 4"},
+    {"43.8.2.1.2.4.1", "integer 3"},
+    {"43.8.2.1.2.4.2", "integer 5"},
+    {"43.8.2.1.9.4.1", "integer 250"},
+    {"43.8.2.1.9.4.2", "integer -2"},
+    {"43.8.2.1.10.4.1", "integer 100"},
+    {"43.8.2.1.10.4.2", "integer -3"},
+    {"43.8.2.1.12.4.1", "string iso_a4_210x297mm"},
+    {"43.8.2.1.13.4.1", "string Tray 1"},
+    {"43.8.2.1.13.4.2", "string By-pass"},
+    {"43.10.2.1.3.4.1", "integer 7"},
+    {"43.10.2.1.4.4.1", "counter 4711"},
+    {"43.10.2.1.6.4.1", "integer 4"},
+    {"43.11.1.1.6.4.1", "string Black toner"},
+    {"43.11.1.1.7.4.1", "integer 19"},
+    {"43.11.1.1.8.4.1", "integer -2"},
+    {"43.11.1.1.9.4.1", "integer 37"},
+    {"43.13.4.1.9.4.1", "integer 3"},
+    {"43.16.5.1.2.4.1", "string Ready"},
+};
+
+Objects Changed(const Objects& changes) {
+    Objects all = kIdle;
+    for (const auto& [object, value] : changes)
+        all[object] = value;
+    return all;
+}
+
+// An alert in the first row, and the counter that says so.
+Objects Alert(int code, int severity = 3, int group = 7) {
+    static int events = 0;
+    return {{"43.5.1.1.19.4", "counter " + std::to_string(++events)},
+            {"43.18.1.1.2.4.1", "integer " + std::to_string(severity)},
+            {"43.18.1.1.5.4.1", "integer " + std::to_string(group)},
+            {"43.18.1.1.7.4.1", "integer " + std::to_string(code)}};
+}
+
+class PrinterAgent {
+public:
+    PrinterAgent() : m_folder(PrivateDirectory() + "/agent"), m_port(FreePort()) {
+        std::filesystem::create_directories(m_folder + "/persistent");
+        Tell(kIdle);
+        const std::string program =
+            "/usr/bin/python3 " + SourcePath("tests/printer/printer_mib.py") + " " + m_folder + "/mib";
+        std::ofstream(m_folder + "/snmpd.conf")
+            << "rocommunity public\ncreateUser watcher SHA-256 \"a long passphrase\" AES \"another passphrase\"\n"
+            << "rouser watcher priv\npass_persist -p 1 .1.3.6.1.2.1.25.3.2.1 " << program
+            << "\npass_persist -p 1 .1.3.6.1.2.1.25.3.5.1 " << program << "\npass_persist -p 1 .1.3.6.1.2.1.43 "
+            << program << "\n";
+        Start();
+    }
+    void Start() {
+        m_process = std::make_unique<TestProcess>(TestProcess::Program(
+            "/usr/sbin/snmpd",
+            {"-f", "-Lo", "-C", "-m", "", "-I", "-hr_device,hr_print,hr_proc,hr_network,hr_disk,hr_partition", "-c",
+             m_folder + "/snmpd.conf", "udp:127.0.0.1:" + std::to_string(m_port)},
+            {{"SNMP_PERSISTENT_DIR", m_folder + "/persistent"}}));
+    }
+    void End() { m_process.reset(); }
+    void Tell(const Objects& objects) {
+        std::ofstream file(m_folder + "/new");
+        for (const auto& [object, value] : objects)
+            file << ".1.3.6.1.2.1." << object << " " << value << "\n";
+        file.close();
+        std::filesystem::rename(m_folder + "/new", m_folder + "/mib");
+    }
+    std::string Uri(const std::string& more = "") const { return "snmp://127.0.0.1:" + std::to_string(m_port) + more; }
+
+private:
+    const std::string m_folder;
+    const int m_port;
+    std::unique_ptr<TestProcess> m_process;
+};
+
+struct Watched {
+    explicit Watched(const std::string& uri)
+        : side(TestProcess::Program(ProgramPath("TVSPSD.EXE"),
+                                    {"--printer", kPrinters[0], "--device", uri, "--poll", "3000"})) {
+        EXPECT_TRUE(WaitUntil([&] { return Number("PrinterExtStatus") == 1; }, 20000)) << side.Errors();
+    }
+    DWORD Number(const char* variable, size_t word = 0) const { return U32At(database.Value(variable), 4 * word); }
+    std::string Text(const char* variable) const {
+        const Bytes value = database.Value(variable);
+        return {value.begin(), std::find(value.begin(), value.end(), 0)};
+    }
+    // Polls now.
+    LONG Read() const { return DirectRead(database, "PrinterStatus"); }
+
+    PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    TestProcess side;
+};
+
+} // namespace
+
+TEST(SnmpDevice, RecordedStatesAreUnderstood) {
+    PrinterAgent agent;
+    const Watched printer(agent.Uri());
+    EXPECT_EQ(printer.Text("PrinterModel"), "Example Laser 7");
+    EXPECT_EQ(printer.Text("PrinterManufacturer"), "Example");
+    EXPECT_EQ(printer.Text("ServiceTag"), "SN-12345");
+    EXPECT_EQ(printer.Text("PrinterDisplay"), "Ready");
+    EXPECT_EQ(printer.Number("PageCount"), 4711u);
+    EXPECT_EQ(printer.Number("CurrentFeeder"), 2u);
+    EXPECT_EQ(printer.Number("PrinterExtConfig"), 0x3u);
+    const Bytes bins = printer.database.Value("PrinterBinConfig");
+    EXPECT_EQ(Bytes(bins.begin() + 4, bins.end()), (Bytes{2,    0, 0,    0,                           //
+                                                          1,    0, 1,    0, 9, 0, 1, 2, 100, 0, 0, 0, // A4, 100 sheets
+                                                          0xE9, 3, 0xE9, 3, 0, 0, 1, 2, 0,   0, 0, 0})) // at least one
+        << "no -2 or -3 becomes a number";
+
+    struct Row {
+        const char* name;
+        Objects objects;
+        DWORD status[3];
+        DWORD conditions;
+    };
+    Objects jam = Alert(8, 3, 2);
+    jam.insert({{"25.3.5.1.2.4", "octet 06 00"}, {"25.3.2.1.5.4", "integer 5"}});
+    Objects low = Alert(1104, 4, 1);
+    low.insert({{"25.3.5.1.2.4", "octet 20"}, {"25.3.2.1.5.4", "integer 3"}});
+    const Row rows[] = {
+        {"printing", {{"25.3.5.1.1.4", "integer 4"}}, {0x1, 0, 0}, 0},
+        {"a jam, offline", jam, {0x18, 1, 2}, 0x1000001},
+        {"toner low, in one octet", low, {0x20, 0, 0}, 1u << 8},
+        {"an open cover, no alert", {{"43.6.1.1.3.4.1", "integer 3"}}, {0, 0, 0}, 0},
+        {"asleep", {{"25.3.5.1.1.4", "integer 1"}}, {0x4, 0, 0}, 0},
+        {"warming up", {{"25.3.5.1.1.4", "integer 5"}}, {0x2, 0, 0}, 0},
+        {"idle again, alerts without a counter", {{"43.5.1.1.19.4", "counter 999"}}, {0, 0, 0}, 0},
+    };
+    for (const Row& row : rows) {
+        agent.Tell(Changed(row.objects));
+        EXPECT_EQ(printer.Read(), 0) << row.name;
+        for (size_t word = 0; word < 3; ++word)
+            EXPECT_EQ(printer.Number("PrinterStatus", word), row.status[word]) << row.name << " word " << word;
+        EXPECT_EQ(printer.Number("PrinterStatus2"), row.conditions) << row.name;
+        EXPECT_EQ(printer.Number("ErrPaperJam"), row.conditions & 1 ? 2u : 0u) << row.name;
+        EXPECT_EQ(printer.Number("ErrCoverOpen"), std::string(row.name).find("cover") != std::string::npos ? 1u : 0u);
+        EXPECT_EQ(printer.Number("WarmupRemains"), row.status[0] == 2 ? 0xFFFFFFFFu : 0u) << row.name;
+    }
+
+    // Counters of sheets are no pages; a counter may be absent.
+    agent.Tell(Changed({{"43.10.2.1.3.4.1", "integer 8"}}));
+    EXPECT_EQ(printer.Read(), 0);
+    EXPECT_EQ(printer.Number("PageCount"), 0xFFFFFFFFu);
+    // A command is none of SNMP's.
+    EXPECT_EQ(printer.database.Add("SetJobW", kTypeNumber, Number(0)), kDone);
+    EXPECT_EQ(DirectWrite(printer.database, "SetJob", Number(1)), -50);
+}
+
+TEST(SnmpDevice, EachBitAndEachAlertHasItsCondition) {
+    PrinterAgent agent;
+    const Watched printer(agent.Uri());
+    // hrPrinterDetectedErrorState, first octet high; the bits of RFC 2790 in their order.
+    constexpr DWORD kBits[16] = {3, 1, 8, 7, 5, 0, 24, 27, 4, 14, 9, 13, 12, 1, 16, 32};
+    for (int bit = 0; bit < 16; ++bit) {
+        char octets[32];
+        std::snprintf(octets, sizeof octets, "octet %02X %02X", bit < 8 ? 0x80 >> bit : 0,
+                      bit < 8 ? 0 : 0x80 >> (bit - 8));
+        agent.Tell(Changed({{"25.3.5.1.2.4", octets}}));
+        EXPECT_EQ(printer.Read(), 0);
+        EXPECT_EQ(printer.Number("PrinterStatus2"), kBits[bit] < 32 ? 1u << kBits[bit] : 0u) << octets;
+    }
+    const std::pair<int, DWORD> alerts[] = {
+        {8, 0},     {808, 1},   {809, 2},   {810, 2},  {807, 3},  {801, 4},   {3, 5},     {501, 5},
+        {5, 6},     {1101, 7},  {1102, 7},  {1104, 8}, {1105, 8}, {1115, 9},  {1109, 10}, {1110, 10},
+        {1107, 11}, {1108, 11}, {903, 12},  {902, 13}, {901, 14}, {1112, 15}, {1111, 16}, {1002, 17},
+        {1001, 18}, {1114, 19}, {1113, 20}, {813, 21}, {802, 21}, {1507, 22}, {34, 23},   {22, 24},
+        {504, 25},  {1, 27},    {2, 27},    {29, 27},  {30, 27},  {4242, 32}, {0, 32}};
+    for (const auto& [code, bit] : alerts) {
+        agent.Tell(Changed(Alert(code)));
+        EXPECT_EQ(printer.Read(), 0);
+        EXPECT_EQ(printer.Number("PrinterStatus2"), bit < 32 ? 1u << bit : 0u) << code;
+        const DWORD cause = bit < 32 ? static_cast<DWORD>(product::kConditions[bit].cause) : 0;
+        EXPECT_EQ(printer.Number("PrinterStatus", 1), cause) << code;
+        EXPECT_EQ(printer.Number("PrinterStatus", 2), cause != 0 ? 7u : 0u) << code;
+    }
+    // The table is not walked while its counter stands still.
+    Objects silent = Alert(8);
+    agent.Tell(Changed(silent));
+    EXPECT_EQ(printer.Read(), 0);
+    silent["43.18.1.1.7.4.1"] = "integer 808";
+    agent.Tell(Changed(silent));
+    EXPECT_EQ(printer.Read(), 0);
+    EXPECT_EQ(printer.Number("PrinterStatus2"), 1u);
+}
+
+TEST(SnmpDevice, VersionsCredentialsAndSilence) {
+    PrinterAgent agent;
+    const std::string secrets = PrivateDirectory() + "/secrets";
+    const auto check = [](const std::string& device) {
+        return RunProgram(ProgramPath("TVSPSD.EXE"), {"--check", "--device", device});
+    };
+    const auto write = [&](const std::string& text, int mode) {
+        std::ofstream(secrets) << text;
+        std::filesystem::permissions(secrets, static_cast<std::filesystem::perms>(mode));
+    };
+    const std::string right = "user watcher\nauth SHA-256\nauthpass a long passphrase\nprivpass another passphrase\n";
+    const std::string v3 = "?version=3&credentials=" + secrets;
+    write(right, 0600);
+    ASSERT_TRUE(WaitUntil([&] { return check(agent.Uri()).exitCode == 0; }));
+    for (const std::string& more : {std::string(), std::string("?version=1"), std::string("?community=public"), v3}) {
+        const ProgramResult result = check(agent.Uri(more));
+        EXPECT_EQ(result.exitCode, 0) << more << result.errors;
+        EXPECT_NE(result.output.find("model: Example Laser 7\n"), std::string::npos) << more << result.output;
+        EXPECT_NE(result.output.find("supply: Black toner, 37 %\n"), std::string::npos) << more << result.output;
+    }
+    struct Row {
+        std::string more;
+        const char* secrets;
+        int mode;
+        const char* error;
+    };
+    const Row rows[] = {
+        {v3, right.c_str(), 0644, "others may read"},
+        {v3, "user watcher\nauthpass short\n", 0600, "too short"},
+        {v3, "authpass a long passphrase\n", 0600, "lack a user"},
+        {v3, "user watcher\nauth SHA-256\nauthpass the wrong passphrase\nprivpass another passphrase\n", 0600,
+         "takes no SNMP from us"},
+        {"?version=3", "", 0600, "needs credentials"},
+        {"?version=4", "", 0600, "no version of SNMP"},
+        {"?secret=x", "", 0600, "no part of an SNMP address"},
+        {"?credentials=/nowhere", "", 0600, "cannot read the credentials"},
+        {"?community=private", "", 0600, "does not answer in time"},
+    };
+    for (const Row& row : rows) {
+        write(row.secrets, row.mode);
+        const ProgramResult result = check(agent.Uri(row.more));
+        EXPECT_NE(result.exitCode, 0) << row.more;
+        EXPECT_NE(result.errors.find(row.error), std::string::npos) << row.more << ": " << result.errors;
+    }
+
+    // It falls silent and comes back. Its community is shown to nobody.
+    const Watched printer(agent.Uri("?community=public"));
+    agent.End();
+    EXPECT_EQ(printer.Read(), -50);
+    EXPECT_EQ(printer.Number("PrinterStatus"), product::kStatusNoAnswer);
+    const Bytes record = printer.database.Value(kDeviceVariable);
+    EXPECT_EQ(std::string(record.begin(), record.end()).find("public"), std::string::npos);
+    agent.Start();
+    EXPECT_TRUE(WaitUntil([&] { return printer.Number("PrinterExtStatus") == 1; }, 20000));
+    EXPECT_EQ(printer.Number("PrinterStatus"), 0u);
+}
