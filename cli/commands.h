@@ -77,9 +77,14 @@ struct NewPort {
 Exit PortCommand(const ManagerOptions& options, const std::optional<NewPort>& wanted); // none: shows it
 
 Exit PrintersCommand();
-// script: the file that the printer's side plays.
-Exit AddPrinterCommand(const std::string& name, const std::string& driver, const std::string& port,
-                       const std::optional<std::string>& script);
+struct NewPrinter {
+    std::string name;
+    std::string driver; // may be empty for a device on the network
+    std::string port;
+    std::optional<std::string> script; // the file that the printer's side plays
+    std::optional<std::string> device; // "ipp://HOST/PATH" and so on; it is tried first
+};
+Exit AddPrinterCommand(const NewPrinter& wanted);
 Exit RemovePrinterCommand(const std::string& name);
 
 struct NewRegistryValue {

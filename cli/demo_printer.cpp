@@ -44,7 +44,7 @@ DemoPrinter EnsureDemoPrinter() {
     if (!std::ifstream(script)) WriteWholeFile(script, ReadExample(kScriptFile));
     if (!DriverOf(kName)) {
         InstallPrinter(kName, kDriver, kPort);
-        SetPrinterScript(kName, scriptText);
+        SetPrinterDevice(kName, "script:" + scriptText);
     }
     return {kName, script, "D:(A;;SWRC;;;WD)(A;;RPWPSDRCWDWO;;;CO)(A;;LCSWRPWPSDRCWDWO;;;" + OwnAccountName() + ")"};
 }

@@ -48,7 +48,7 @@ constexpr CodeMeaning kMeanings[] = {
     {product::kBufferTooSmall, Exit::False, nullptr, "run the command again"},
     {product::kLimitReached, Exit::False, nullptr, ""},
     {product::kNoPrinterSide, Exit::NoService, nullptr,
-     "'oriel up' starts one for each printer that was added with --script"},
+     "'oriel up' starts one for each printer that was added with --device or --script"},
     {product::kOutOfMemory, Exit::False, nullptr, ""},
     {product::kNoAnswer, Exit::TimedOut, nullptr, kAskAgain},
 

@@ -72,10 +72,16 @@ void Command(const OpenedPrinter& printer, const char* variable, uint32_t value,
 std::optional<Failure> WhyNothingPrints(const std::string& printer) {
     Failure failure{Exit::False, "the job waits, and nothing prints it", "the printer has no device",
                     "give it one: oriel printers add NAME --driver DRIVER --script FILE"};
-    bool scripted = false;
-    for (const Printer& known : ScriptedPrinters())
-        scripted = scripted || lstrcmpiA(known.name.c_str(), printer.c_str()) == 0;
-    if (!scripted) return failure;
+    const std::vector<Printer> printers = PrintersWithDevice();
+    const auto known = std::find_if(printers.begin(), printers.end(), [&](const Printer& candidate) {
+        return lstrcmpiA(candidate.name.c_str(), printer.c_str()) == 0;
+    });
+    if (known == printers.end()) return failure;
+    if (ScriptOf(*known).empty()) {
+        failure.why = "a printer on the network gets its jobs from a print server";
+        failure.next = "print through CUPS: lp -d QUEUE FILE";
+        return failure;
+    }
     failure.why = "its printer side does not run";
     failure.next = "start the product: oriel up";
     for (const PrinterSideState& side : ReadPrinterSideStates()) {

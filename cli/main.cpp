@@ -35,7 +35,7 @@ struct Arguments {
     NewValue newValue;
     WatchOptions watch;
     double timeoutSeconds = 0;
-    std::string printer, driver, port = "FILE:", script;
+    std::string printer, driver, port = "FILE:", script, device;
     NewRegistryValue registryValue;
     std::string key, value, file = "-";
     PrintJob print;
@@ -219,12 +219,18 @@ void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
 
     CLI::App* add = printers->add_subcommand("add", "Add a printer to the spooler and the registry");
     add->add_option("NAME", a.printer, "Name of the printer")->required();
-    add->add_option("--driver", a.driver, "Name of the driver, which is also the model")->required();
+    add->add_option("--driver", a.driver, "Name of the driver, which is also the model; not needed with --device");
     add->add_option("--port", a.port, "Name of the port")->capture_default_str();
     const CLI::Option* script =
         add->add_option("--script", a.script, "Script of the printer; 'oriel up' starts a printer side that plays it");
-    add->callback([&, script] {
-        chosen = [&, script] { return AddPrinterCommand(a.printer, a.driver, a.port, WhenGiven(script, a.script)); };
+    const CLI::Option* device =
+        add->add_option("--device", a.device,
+                        "Address of the printer: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST; it is tried first");
+    add->callback([&, script, device] {
+        chosen = [&, script, device] {
+            return AddPrinterCommand(
+                {a.printer, a.driver, a.port, WhenGiven(script, a.script), WhenGiven(device, a.device)});
+        };
     });
 
     CLI::App* remove = printers->add_subcommand(

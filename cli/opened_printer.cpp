@@ -98,9 +98,14 @@ std::string TimeText(const SYSTEMTIME& time) {
     return text;
 }
 
+int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, SYSTEMTIME& time) {
+    time = {};
+    return GetPrinterStatusInfoA(printer.manager.Get(), variable.name.c_str(), &time);
+}
+
 int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, std::string& text) {
-    SYSTEMTIME time{};
-    const int32_t status = GetPrinterStatusInfoA(printer.manager.Get(), variable.name.c_str(), &time);
+    SYSTEMTIME time;
+    const int32_t status = ReadWriteTime(printer, variable, time);
     if (status == TVS_OK) text = TimeText(time);
     return status;
 }

@@ -36,6 +36,8 @@ Reading ReadValue(const OpenedPrinter& printer, const Variable& variable, bool t
 
 // "2026-11-24T08:15:00.123Z"; empty for the time of a value that was never written.
 std::string TimeText(const SYSTEMTIME& time);
+// *time is all zero when it was never written.
+int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, SYSTEMTIME& time);
 int32_t ReadWriteTime(const OpenedPrinter& printer, const Variable& variable, std::string& text);
 
 // Name, type, size and source; then value, bits and hex.

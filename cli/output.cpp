@@ -34,7 +34,8 @@ void DetectColour() {
     // Any value but the empty one counts (no-color.org).
     const char* noColour = std::getenv("NO_COLOR");
     const bool wanted = !noColour || !*noColour;
-    g_output.colour = wanted && IsTerminal(STD_OUTPUT_HANDLE);
+    g_output.terminal = IsTerminal(STD_OUTPUT_HANDLE);
+    g_output.colour = wanted && g_output.terminal;
     g_output.errorColour = wanted && IsTerminal(STD_ERROR_HANDLE);
 }
 

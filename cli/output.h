@@ -17,6 +17,7 @@ enum class Style { Plain, Name, Good, Bad, Faint };
 struct Output {
     bool json = false;
     bool stream = false;      // with json: a line for each event, failures too
+    bool terminal = false;    // standard output is one
     bool colour = false;      // standard output is a terminal and NO_COLOR is unset
     bool errorColour = false; // the same of standard error
 };

@@ -19,7 +19,7 @@ struct FieldLayout {
     const char* name;
     size_t offset;
     size_t size; // 4: a number; else NUL-terminated text
-    std::span<const BitMeaning> meanings{};
+    std::span<const product::Named> meanings{};
 };
 
 struct RecordLayout {
@@ -28,25 +28,7 @@ struct RecordLayout {
     std::span<const FieldLayout> fields;
 };
 
-constexpr BitMeaning kPortKindBits[] = {{TVS_PORT_NO_REQUESTS, "takes no direct requests"}};
-constexpr BitMeaning kSpoolerBits[] = {{TVS_SPOOLER_READY, "ready for forwarded requests"},
-                                       {TVS_SPOOLER_RUNS, "takes refresh requests"}};
-constexpr BitMeaning kExtStatusBits[] = {{TVS_EXT_STATUS_TAKES_REQUESTS, "takes direct requests"}};
-constexpr BitMeaning kAuthorityBits[] = {{TVS_AUTHORITY_PRINT, "print"},
-                                         {TVS_AUTHORITY_OWN_JOBS, "own jobs"},
-                                         {TVS_AUTHORITY_ALL_JOBS, "all jobs"},
-                                         {TVS_AUTHORITY_DIRECT_READ, "direct read"},
-                                         {TVS_AUTHORITY_DIRECT_WRITE, "direct write"}};
-
-struct NumberMeanings {
-    const char* variable;
-    std::span<const BitMeaning> bits;
-};
-constexpr NumberMeanings kNumberMeanings[] = {
-    {names::kPrinterExtStatus, kExtStatusBits},
-    {names::kSpoolerStatus, kSpoolerBits},
-    {names::kUserAuthority, kAuthorityBits},
-};
+constexpr product::Named kPortKindBits[] = {{TVS_PORT_NO_REQUESTS, "takes no direct requests"}};
 
 constexpr FieldLayout kJobFields[] = {
     {"jobName", offsetof(TvsJobRecord, jobName), sizeof(TvsJobRecord::jobName)},
@@ -105,7 +87,7 @@ uint64_t NumberAt(const uint8_t* bytes, unsigned bits) {
     return number;
 }
 
-Decoded DecodeNumber(const uint8_t* bytes, unsigned bits, std::span<const BitMeaning> meanings = {}) {
+Decoded DecodeNumber(const uint8_t* bytes, unsigned bits, std::span<const product::Named> meanings = {}) {
     return {.form = Decoded::Form::Number, .number = NumberAt(bytes, bits), .bits = bits, .meanings = meanings};
 }
 
@@ -167,9 +149,9 @@ Decoded Decode(const std::vector<Variable>& variables, const Variable& variable,
     case SVT_NUMBER: {
         const unsigned bits = NumberBits(variable.type);
         if (value.size() != bits / 8) return bytes;
-        for (const NumberMeanings& row : kNumberMeanings)
-            if (variable.name == row.variable) return DecodeNumber(value.data(), bits, row.bits);
-        return DecodeNumber(value.data(), bits);
+        const product::VariableMeaning* meaning = product::MeaningOf(variable.name.c_str());
+        return meaning && !meaning->words.empty() ? DecodeNumber(value.data(), bits, meaning->words[0].bits)
+                                                  : DecodeNumber(value.data(), bits);
     }
     case SVT_STRING:
         return {.form = Decoded::Form::Text, .text = FieldToUtf8(value.data(), value.size())};
@@ -220,8 +202,8 @@ Json ToJson(const Decoded& decoded) {
 Json NamedBits(const Decoded& decoded) {
     Json names = Json::array();
     if (IsUnknown(decoded)) return names;
-    for (const BitMeaning& meaning : decoded.meanings)
-        if (decoded.number & meaning.bit) names.push_back(meaning.meaning);
+    for (const product::Named& meaning : decoded.meanings)
+        if (decoded.number & meaning.value) names.push_back(meaning.words);
     return names;
 }
 
@@ -233,8 +215,8 @@ std::string NumberText(const Decoded& decoded) {
     if (IsUnknown(decoded)) return kUnknown;
     const std::string text = std::to_string(decoded.number);
     std::string meanings;
-    for (const BitMeaning& meaning : decoded.meanings)
-        if (decoded.number & meaning.bit) meanings += (meanings.empty() ? ": " : ", ") + std::string(meaning.meaning);
+    for (const product::Named& meaning : decoded.meanings)
+        if (decoded.number & meaning.value) meanings += (meanings.empty() ? ": " : ", ") + std::string(meaning.words);
     if (decoded.number < 10 && meanings.empty()) return text;
     char hexadecimal[24];
     std::snprintf(hexadecimal, sizeof hexadecimal, "0x%llX", static_cast<unsigned long long>(decoded.number));

@@ -8,21 +8,18 @@
 #include "output.h"
 #include "text.h"
 
-#include <span>
+#include "product/meanings.h"
 
-struct BitMeaning {
-    uint32_t bit;
-    const char* meaning;
-};
+#include <span>
 
 struct Decoded {
     enum class Form { Number, Text, Bytes, Parts, List };
     Form form = Form::Bytes;
-    std::string name;                       // of a part
-    uint64_t number = 0;                    // unsigned
-    unsigned bits = 32;                     // of the number
-    std::span<const BitMeaning> meanings{}; // of its bits
-    std::string text;                       // UTF-8
+    std::string name;                           // of a part
+    uint64_t number = 0;                        // unsigned
+    unsigned bits = 32;                         // of the number
+    std::span<const product::Named> meanings{}; // of its bits
+    std::string text;                           // UTF-8
     Bytes bytes;
     std::vector<Decoded> parts; // named, or a list
 };

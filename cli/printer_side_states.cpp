@@ -74,7 +74,7 @@ std::string WhyNotRunning(const PrinterSideState& state) {
     if (state.state == SideState::Resting) return "it was asked to end; it starts again when the printer is opened";
     if (state.startFailed) return SystemFailure(state.code, "it cannot be started").why;
     if (state.code == kWrong)
-        return std::string("its script or command line is wrong (") + kPrinterSideProgram + " --check tells what)";
+        return std::string("its device or command line is wrong (") + kPrinterSideProgram + " --check tells what)";
     if (state.code == kCannotBegin) return "it could not start; its message is in the output of 'oriel up'";
     if (state.code > kSignals) return "it was ended by signal " + std::to_string(state.code - kSignals);
     return "it ended with " + std::to_string(state.code);

@@ -40,7 +40,7 @@ std::vector<PrinterSideState> ReadPrinterSideStates();
 
 // "running", "restarting", "resting": for tables and JSON.
 const char* SideStateName(SideState state);
-// Why it does not run, as a phrase without a full stop: "it was ended by signal 9", "its script or command line is
+// Why it does not run, as a phrase without a full stop: "it was ended by signal 9", "its device or command line is
 // wrong (TVSPSD.EXE --check tells what)". Empty when it runs.
 std::string WhyNotRunning(const PrinterSideState& state);
 

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr DWORD kSettingsMs = 2000; // between checks which printers have a script
+constexpr DWORD kSettingsMs = 2000; // between checks which printers have a device
 constexpr DWORD kStopMs = 5000;     // for those that were asked to end
 constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to create its database
 
@@ -69,15 +69,15 @@ void PrinterSides::AskToEnd(Side& side) {
     SetEvent(side.stop.Get());
 }
 
-// New printers get a side. Printers that are gone or have another script lose theirs.
+// New printers get a side. Printers that are gone or have another device lose theirs.
 void PrinterSides::ReadSettings() {
     if (m_settingsRead && GetTickCount() - m_settingsReadAt < kSettingsMs) return;
     m_settingsRead = true;
     m_settingsReadAt = GetTickCount();
-    const std::vector<Printer> printers = ScriptedPrinters();
+    const std::vector<Printer> printers = PrintersWithDevice();
     const auto isConfigured = [&](const Side& side) {
         return std::any_of(printers.begin(), printers.end(), [&](const Printer& printer) {
-            return printer.name == side.printer && printer.script == side.script && printer.port == side.port;
+            return printer.name == side.printer && printer.device == side.device && printer.port == side.port;
         });
     };
     for (Side& side : m_sides)
@@ -91,7 +91,7 @@ void PrinterSides::ReadSettings() {
         const auto isOfPrinter = [&](const Side& side) { return side.printer == printer.name; };
         if (std::any_of(m_sides.begin(), m_sides.end(), isOfPrinter)) continue;
         m_sides.push_back(
-            {.printer = printer.name, .port = printer.port, .script = printer.script, .dueAt = GetTickCount()});
+            {.printer = printer.name, .port = printer.port, .device = printer.device, .dueAt = GetTickCount()});
     }
 }
 
@@ -123,8 +123,8 @@ void PrinterSides::StartSide(Side& side) {
     const std::string program = directory.value_or("") + kPrinterSideProgram;
     std::string stop;
     side.stop = NewStopEvent(stop);
-    std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --script " +
-                              Quoted(side.script) + " --owner " + std::to_string(GetCurrentProcessId()) +
+    std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --device " +
+                              Quoted(side.device) + " --owner " + std::to_string(GetCurrentProcessId()) +
                               " --stop-event " + Quoted(stop);
     if (!side.port.empty()) commandLine += " --port " + Quoted(side.port);
     side.restart.Began();
@@ -170,7 +170,7 @@ void PrinterSides::Tend() {
         if (!side.process) continue;
         if (WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) {
             NoteEnd(side);
-            if (side.leaving) m_settingsRead = false; // its printer may have another script
+            if (side.leaving) m_settingsRead = false; // its printer may have another device
         } else if (side.leaving && HasPassed(side.dueAt)) {
             TerminateProcess(side.process.Get(), 1);
         }

@@ -1,4 +1,4 @@
-// The printer sides that `oriel up` runs: one process for each printer that has a script. State: the object's.
+// The printer sides that `oriel up` runs: one process for each printer that has a device. State: the object's.
 #pragma once
 
 #include "handles.h"
@@ -41,10 +41,10 @@ private:
     struct Side {
         std::string printer;
         std::string port;
-        std::string script;
+        std::string device;
         KernelHandle process{};
         KernelHandle stop{};   // event: asks the process to end
-        bool leaving = false;  // it was asked to end: its printer has another script or none
+        bool leaving = false;  // it was asked to end: its printer has another device or none
         DWORD dueAt = 0;       // tick count of the next start, or of the kill of one that is leaving
         bool resting = false;  // until its printer is opened
         KernelHandle opened{}; // event: the printer was opened since then; none when the event cannot be created

@@ -17,8 +17,11 @@ namespace {
 
 constexpr size_t kLongestNewName = 220; // the spooler's limit
 constexpr char kPortValue[] = "Port";
-constexpr char kNameValue[] = "Name";           // the spooler sets it for its own printers
-constexpr char kScriptValue[] = "Oriel Script"; // the product's; it is removed with the printer
+constexpr char kNameValue[] = "Name"; // the spooler sets it for its own printers
+// The product's; they are removed with the printer. A printer has one of them.
+constexpr char kScriptValue[] = "Oriel Script"; // a file
+constexpr char kDeviceValue[] = "Oriel Device"; // an address
+constexpr char kScriptPrefix[] = "script:";
 
 // None when the spooler cannot be asked.
 std::vector<Printer> SpoolerPrinters() {
@@ -47,6 +50,11 @@ std::string TextOf(HKEY key, const char* name) {
     return value ? value->Text().value_or("") : "";
 }
 
+std::string DeviceIn(HKEY key) {
+    const std::string script = TextOf(key, kScriptValue);
+    return script.empty() ? TextOf(key, kDeviceValue) : kScriptPrefix + script;
+}
+
 } // namespace
 
 void EnsurePrintersKey() {
@@ -70,7 +78,7 @@ std::vector<Printer> ListPrinters() {
             if (!key) continue;
             // Like the library: the registry first, the spooler only for a printer without a key.
             if (const std::string driver = TextOf(key.Get(), kDriverValue); !driver.empty()) printer->driver = driver;
-            printer->script = TextOf(key.Get(), kScriptValue);
+            printer->device = DeviceIn(key.Get());
             if (printer->port.empty()) printer->port = TextOf(key.Get(), kPortValue);
         }
     }
@@ -79,15 +87,19 @@ std::vector<Printer> ListPrinters() {
     return printers;
 }
 
-std::vector<Printer> ScriptedPrinters() {
+std::string ScriptOf(const Printer& printer) {
+    return printer.device.starts_with(kScriptPrefix) ? printer.device.substr(sizeof kScriptPrefix - 1) : "";
+}
+
+std::vector<Printer> PrintersWithDevice() {
     std::vector<Printer> printers;
     bool others = false;
     if (const RegistryKey root = OpenKey(HKEY_LOCAL_MACHINE, kPrintersKey, KEY_READ)) {
         for (const std::string& keyName : ListSubkeys(root.Get())) {
             const RegistryKey key = OpenKey(root.Get(), keyName, KEY_QUERY_VALUE);
             Printer printer{.inRegistry = true};
-            if (key) printer.script = TextOf(key.Get(), kScriptValue);
-            if (printer.script.empty()) continue;
+            if (key) printer.device = DeviceIn(key.Get());
+            if (printer.device.empty()) continue;
             printer.name = TextOf(key.Get(), kNameValue);
             printer.port = TextOf(key.Get(), kPortValue);
             others = others || printer.name.empty();
@@ -96,7 +108,7 @@ std::vector<Printer> ScriptedPrinters() {
     }
     if (!others) return printers;
     printers = ListPrinters();
-    std::erase_if(printers, [](const Printer& printer) { return printer.script.empty(); });
+    std::erase_if(printers, [](const Printer& printer) { return printer.device.empty(); });
     return printers;
 }
 
@@ -160,11 +172,13 @@ std::string KnownPrinterName(const std::string& name) {
                   "list them with 'oriel printers', or add it: oriel printers add \"" + shown + "\" --driver DRIVER"};
 }
 
-void SetPrinterScript(const std::string& name, const std::string& path) {
-    const LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kScriptValue, path);
+void SetPrinterDevice(const std::string& name, const std::string& device) {
+    const std::string script = ScriptOf({.device = device});
+    const LSTATUS status = script.empty() ? WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kDeviceValue, device)
+                                          : WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kScriptValue, script);
     if (status != ERROR_SUCCESS) {
         throw SystemFailure(static_cast<uint32_t>(status),
-                            "cannot store the script of the printer \"" + ToUtf8(name) + "\"");
+                            "cannot store the device of the printer \"" + ToUtf8(name) + "\"");
     }
 }
 
@@ -196,7 +210,7 @@ LSTATUS CopyKey(HKEY from, const std::string& path) {
     RegistryKey to;
     if (const LSTATUS status = CreateKey(HKEY_LOCAL_MACHINE, path, to); status != ERROR_SUCCESS) return status;
     for (const RegistryValue& value : ListValues(from)) {
-        if (value.name == kScriptValue || ReadValue(to.Get(), value.name)) continue;
+        if (value.name == kScriptValue || value.name == kDeviceValue || ReadValue(to.Get(), value.name)) continue;
         const LSTATUS status = RegSetValueExA(to.Get(), value.name.c_str(), 0, value.type, value.data.data(),
                                               static_cast<DWORD>(value.data.size()));
         if (status != ERROR_SUCCESS) return status;
@@ -252,9 +266,10 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
     throw SystemFailure(static_cast<uint32_t>(status), what);
 }
 
-void MovePrinterScript(const std::string& name, const std::string& newName) {
-    if (const std::optional<std::string> script = ReadText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kScriptValue))
-        SetPrinterScript(newName, *script);
+void MovePrinterDevice(const std::string& name, const std::string& newName) {
+    const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), KEY_QUERY_VALUE);
+    const std::string device = key ? DeviceIn(key.Get()) : "";
+    if (!device.empty()) SetPrinterDevice(newName, device);
 }
 
 void UninstallPrinter(const std::string& name) {

@@ -9,7 +9,7 @@ struct Printer {
     std::string name; // ANSI; a printer that only the registry knows goes by the name of its key
     std::string driver;
     std::string port;
-    std::string script; // the file that its printer side plays; empty: none
+    std::string device; // what its printer side is run with: "ipp://HOST/PATH", "script:FILE"; empty: none
     bool inSpooler = false;
     bool inRegistry = false;
     bool registeredModel = false; // its driver is a model of the product
@@ -20,9 +20,12 @@ struct Printer {
 void EnsurePrintersKey();
 
 std::vector<Printer> ListPrinters();
-// Printers that have a script: name, port and script. Reads only the registry, so that it does not start a print server
-// that is activated on demand, unless a printer of that server has a script.
-std::vector<Printer> ScriptedPrinters();
+// Printers that have a device: name, port and device. Reads only the registry, so that it does not start a print server
+// that is activated on demand, unless a printer of that server has a device.
+std::vector<Printer> PrintersWithDevice();
+
+// The file of a device that is a script; empty: it is another device, or none.
+std::string ScriptOf(const Printer& printer);
 
 // The user's name of a printer, driver or port in ANSI. Throws Failure when it is empty, too long, or not in the code
 // page.
@@ -43,13 +46,13 @@ std::optional<std::string> DriverOf(const std::string& name);
 // is no such printer. Called before every open, because the library's printer list accepts any name and keeps it.
 std::string KnownPrinterName(const std::string& name);
 
-// Makes the printer side that `oriel up` starts play that file. Throws Failure.
-void SetPrinterScript(const std::string& name, const std::string& path);
+// The device that `oriel up` starts a printer side for. Throws Failure.
+void SetPrinterDevice(const std::string& name, const std::string& device);
 
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port);
-// Adds a printer that equals another one except for its name and script. Throws Failure.
+// Adds a printer that equals another one except for its name and device. Throws Failure.
 void CopyPrinter(const std::string& name, const std::string& newName, const std::string& what);
-// Gives the copy the script of the printer, if it has one. Throws Failure.
-void MovePrinterScript(const std::string& name, const std::string& newName);
+// Gives the copy the device of the printer, if it has one. Throws Failure.
+void MovePrinterDevice(const std::string& name, const std::string& newName);
 // Also removes the copies of persistent variables. Throws Failure.
 void UninstallPrinter(const std::string& name);

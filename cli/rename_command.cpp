@@ -31,7 +31,7 @@ int32_t StoreName(const OpenedPrinter& printer, const std::string& name) {
 
 } // namespace
 
-// The product gets the new name before `up` can see a printer of that name with a script. Otherwise `up` would open it
+// The product gets the new name before `up` can see a printer of that name with a device. Otherwise `up` would open it
 // as another printer.
 Exit RenameCommand(const ManagerOptions& options, const std::string& newName) {
     const std::string name = RequireNewPrinterName(newName);
@@ -46,7 +46,7 @@ Exit RenameCommand(const ManagerOptions& options, const std::string& newName) {
             UninstallPrinter(name);
             throw failure;
         }
-        MovePrinterScript(oldName, name);
+        MovePrinterDevice(oldName, name);
         UninstallPrinter(oldName);
     }
     if (g_output.json) PrintJson({{"printer", newName}, {"was", printer.shownName}});

@@ -1,5 +1,5 @@
 // up: the product's start-up process. It registers the installation if it is not registered, starts the status database
-// service, signals that the product is initialised, and starts a printer side for each printer that has a script. It
+// service, signals that the product is initialised, and starts a printer side for each printer that has a device. It
 // keeps all of them running, and stops them on Ctrl-C.
 //
 // State: g_stop, set when the user wants to stop.

@@ -1,6 +1,7 @@
 // vars, get, info, set, result: the variables of one printer. No state.
 #include "commands.h"
 
+#include "device_state.h"
 #include "files.h"
 #include "opened_printer.h"
 
@@ -21,7 +22,8 @@ std::string SizeText(const Variable& variable) {
 Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& patterns) {
     const OpenedPrinter printer = OpenPrinterOf(options);
     Json list = Json::array();
-    Table table{{{"NAME", "TYPE", "SIZE", "WRITTEN (UTC)", "VALUE"}}};
+    Table table{{{"NAME", "TYPE", "SIZE", "WRITTEN (UTC)", "MEANING", "VALUE"}}};
+    const std::optional<DeviceRecord> device = ReadDeviceState(RequireAnsi(printer.shownName, "the printer name"));
     bool missing = false; // some are not in the database, which is older than the model's registration
     for (const Variable& variable : printer.variables) {
         const std::string name = ToUtf8(variable.name);
@@ -29,7 +31,10 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
         if (!patterns.empty() && std::none_of(patterns.begin(), patterns.end(), matches)) continue;
 
         Json json = VariableJson(variable);
-        std::string shown;
+        std::string shown, meaning;
+        SYSTEMTIME time{};
+        std::string written;
+        if (ReadWriteTime(printer, variable, time) == TVS_OK) written = TimeText(time);
         const bool queue = variable.type == SVT_QUEUE;
         const Reading reading = variable.readable ? ReadValue(printer, variable, false) : Reading{TVS_E_UNKNOWN, {}};
         if (!variable.readable) {
@@ -48,10 +53,12 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
             const Decoded decoded = Decode(printer.variables, variable, reading.value);
             AddValue(json, decoded, reading.value);
             shown = options.hex ? ToHex(reading.value.data(), reading.value.size()) : OneLine(decoded);
+            const Provenance provenance = ProvenanceOf(variable, reading.value, AgeMs(time), device);
+            AddProvenance(json, provenance);
+            meaning = provenance.meaning.words + (provenance.stale ? " (stale)" : "");
         }
-        std::string written;
-        if (ReadWriteTime(printer, variable, written) == TVS_OK && !written.empty()) json["written"] = written;
-        table.rows.push_back({Printable(name), TypeName(variable.type), SizeText(variable), written, shown});
+        if (!written.empty()) json["written"] = written;
+        table.rows.push_back({Printable(name), TypeName(variable.type), SizeText(variable), written, meaning, shown});
         list.push_back(std::move(json));
     }
     const bool none = list.empty();
@@ -98,6 +105,7 @@ Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names
 
 Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& names) {
     const OpenedPrinter printer = OpenPrinterOf(options);
+    const std::optional<DeviceRecord> device = ReadDeviceState(RequireAnsi(printer.shownName, "the printer name"));
     return ForEach(printer, names, "read", [&](const Variable& variable, Json& json) {
         const Reading reading =
             ReadValue(printer, variable, true, options.direct ? GetPrinterStatusDirectA : GetPrinterStatusA);
@@ -112,13 +120,21 @@ Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& n
         }
         const Decoded decoded = Decode(printer.variables, variable, reading.value);
         AddValue(json, decoded, reading.value);
+        SYSTEMTIME time{};
+        const bool timed = ReadWriteTime(printer, variable, time) == TVS_OK;
+        const Provenance provenance = ProvenanceOf(variable, reading.value, timed ? AgeMs(time) : std::nullopt, device);
+        AddProvenance(json, provenance);
         if (g_output.json) return;
-        // A single value is printed bare, so that scripts can use it.
+        // A single value is printed bare, so that scripts can use it; people see what it means.
         const bool bare = names.size() == 1;
+        const std::string meaning = options.hex ? "" : ProvenanceText(provenance);
         if (options.hex) {
             PrintLine((bare ? "" : name + ": ") + ToHex(reading.value.data(), reading.value.size()));
+        } else if (bare) {
+            PrintText(ManyLines(decoded));
+            if (g_output.terminal && !meaning.empty()) PrintLine(Styled(meaning, Style::Faint));
         } else {
-            PrintText(bare ? ManyLines(decoded) : Styled(name, Style::Name) + ": " + OneLine(decoded) + "\n");
+            PrintLine(Styled(name, Style::Name) + ": " + OneLine(decoded) + (meaning.empty() ? "" : "; " + meaning));
         }
     });
 }

@@ -79,6 +79,7 @@ struct CommandLine {
     DWORD owner = 0;
     std::string stopEvent;
     bool check = false;
+    bool quiet = false;
 };
 
 // Of an option that is given twice the last one counts.
@@ -99,6 +100,7 @@ void AddOptions(CLI::App& app, CommandLine& line) {
         ->type_name("PROCESS")
         ->check(CLI::Range(DWORD{1}, std::numeric_limits<DWORD>::max()));
     app.add_option("--stop-event", line.stopEvent, "end when this event is set")->type_name("NAME");
+    app.add_flag("--quiet", line.quiet, "with --check: do not print what the device tells");
     app.add_flag("--check", line.check, "only check the script, or ask the device once");
 }
 
@@ -186,8 +188,8 @@ int TryDevice(const CommandLine& line) {
         return kCannotBegin;
     }
     const devices::Identity identity = answer.reading.identity.value_or(devices::Identity());
-    const auto say = [](const char* what, const std::string& text) {
-        if (!text.empty()) std::cout << what << ": " << text << "\n";
+    const auto say = [&](const char* what, const std::string& text) {
+        if (!text.empty() && !line.quiet) std::cout << what << ": " << text << "\n";
     };
     say("manufacturer", identity.manufacturer);
     say("model", identity.model);
@@ -218,6 +220,7 @@ int ServeNetworkPrinter(const CommandLine& line) {
     NetworkPrinter printer{.uri = line.device,
                            .pollMs = line.pollMs,
                            .certificate = ReadCertificate(name),
+                           .trusted = [name] { return ReadCertificate(name); },
                            .trust = [name](const std::string& seen) { TrustCertificate(name, seen); }};
     if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) {
         Complain(failure);

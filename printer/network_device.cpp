@@ -172,6 +172,7 @@ void NoteLink(NetworkPrinter& printer, const devices::Answer& answer) {
         printer.certificate = answer.certificate;
         printer.trust(answer.certificate);
     }
+    if (answer.outcome == Outcome::CertificateChanged) printer.certificate = printer.trusted();
     printer.link.trouble = up ? "" : ToAnsi(answer.trouble);
     if (!up && (printer.link.up || printer.values.empty())) {
         // What was read before stays in the database, and is old. It is not stored again.
@@ -307,8 +308,8 @@ const devices::Module* LoadModule(const char* name) {
     const HMODULE library = LoadLibraryExA(name, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
     if (!library) return nullptr;
     // By way of a plain pointer, because FARPROC has another type.
-    const auto entry = reinterpret_cast<devices::ModuleEntry>(
-        reinterpret_cast<void*>(GetProcAddress(library, devices::kModuleEntry)));
+    const auto entry =
+        reinterpret_cast<devices::ModuleEntry>(reinterpret_cast<void*>(GetProcAddress(library, devices::kModuleEntry)));
     const devices::Module* module = entry ? entry() : nullptr;
     return module && module->size == sizeof *module ? module : nullptr;
 }

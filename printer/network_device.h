@@ -24,6 +24,8 @@ struct NetworkPrinter {
     std::string uri; // UTF-8
     DWORD pollMs = kPollMs;
     std::string certificate{}; // the trusted one; empty: the first one that is seen
+    // After another certificate was refused: the trusted one, which an administrator may have removed.
+    std::function<std::string()> trusted = [] { return std::string(); };
     // Remembers the first certificate.
     std::function<void(const std::string& certificate)> trust = [](const std::string&) {};
 

@@ -189,7 +189,7 @@ void TellLink(PrinterSide& side) {
     if (link.answers != side.answers) {
         FILETIME now;
         GetSystemTimeAsFileTime(&now);
-        side.answeredAt = ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime;
+        side.answeredAt = ToTime(now);
         side.answers = link.answers;
     }
     if (link.device.empty() || side.link.lost) return;

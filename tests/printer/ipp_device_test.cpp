@@ -255,6 +255,10 @@ ATTR octetString printer-input-tray "type=sheetFeedAutoRemovableTray;maxcapacity
 TEST(IppDevice, AnotherCertificateIsRefused) {
     const PrinterMachine machine;
     const Database& database = machine.databases[0];
+    HKEY key = nullptr; // of the printer, as the spooler makes it
+    const std::string path = "System\\CurrentControlSet\\Control\\Print\\Printers\\" + kPrinters[0];
+    ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+              ERROR_SUCCESS);
     IppPrinter printer("first");
     TestProcess side = StartDevice(printer.Uri("ipps"));
     ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
@@ -263,8 +267,16 @@ TEST(IppDevice, AnotherCertificateIsRefused) {
         return std::string(RecordIn(database).trouble).find("has another certificate") != std::string::npos;
     })) << RecordIn(database).trouble;
     EXPECT_EQ(DirectRead(database, "PrinterStatus"), -50);
+    EXPECT_EQ(DirectRead(database, "PrinterStatus"), -50) << "not the second time either";
     printer.Restart("first");
     EXPECT_TRUE(WaitUntil([&] { return IsUp(database); })) << RecordIn(database).trouble;
+
+    // Another one is trusted once the old one is forgotten.
+    printer.Restart("third");
+    EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).up == 0; }));
+    EXPECT_EQ(RegDeleteValueA(key, "Oriel Certificate"), ERROR_SUCCESS);
+    EXPECT_TRUE(WaitUntil([&] { return IsUp(database); })) << RecordIn(database).trouble;
+    RegCloseKey(key);
 }
 
 TEST(IppDevice, ADeviceThatNeverAnswersHoldsUpNothing) {

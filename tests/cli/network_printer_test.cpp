@@ -1,0 +1,46 @@
+// A printer on the network, from the command that adds it to the words for what it says.
+#include "network_printer.h"
+#include "product.h"
+
+TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
+    IppPrinter printer;
+    const std::string nowhere = "ipp://localhost:" + std::to_string(FreePort()) + "/ipp/print";
+    EXPECT_EQ(Oriel({"printers", "add", "Lab", "--device", nowhere}).exitCode, 2);
+    EXPECT_EQ(Oriel({"printers", "add", "Lab"}).exitCode, 2) << "neither a driver nor a device";
+    EXPECT_TRUE(OrielJson({"printers"})["printers"].empty()) << "nothing was added";
+
+    RunningProduct product;
+    const ProgramResult added = Oriel({"printers", "add", "Lab", "--device", printer.Uri()});
+    EXPECT_EQ(added.exitCode, 0) << added.errors;
+    EXPECT_NE(added.output.find("model: Laser 7\n"), std::string::npos) << added.output;
+    ExpectTakesRequests("Lab");
+    EXPECT_EQ(ValueOf("Lab", "PrinterModel"), "Laser 7");
+    const Json ready = VariableOf("Lab", "PrinterStatus");
+    EXPECT_EQ(ready["meaning"], "ready");
+    EXPECT_EQ(ready["from"], "device");
+    EXPECT_EQ(ready["stale"], false);
+    EXPECT_LT(ready["age_ms"].get<int>(), 30000);
+    EXPECT_EQ(OrielJson({"print", "Lab", FileOf("page", "text")})["why"],
+              "a printer on the network gets its jobs from a print server");
+
+    printer.Print("STATE: +media-jam-error\nwait here\n");
+    OrielText({"get", "Lab", "PrinterStatus", "--kind", "4"}); // asks for polling
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["meaning"] == "paper jam"; }));
+    EXPECT_EQ(VariableOf("Lab", "ErrPaperJam")["severity"], "error");
+    EXPECT_EQ(VariableOf("Lab", "PrinterStatus2")["bits"], Json({"paper jam"}));
+    EXPECT_NE(
+        OrielText({"get", "Lab", "ErrPaperJam", "PageCount"}).find("ErrPaperJam: 2; paper jam, from the device, "),
+        std::string::npos);
+    EXPECT_EQ(OrielText({"get", "Lab", "ErrPaperJam"}), "2") << "bare for scripts";
+
+    // It dies: what was read is stale, and the state says why.
+    printer.Process().Kill();
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["stale"] == true; }));
+    EXPECT_EQ(VariableOf("Lab", "PrinterStatus")["meaning"], "does not answer");
+    const Json state = OrielJson({"printers"})["printers"][0]["deviceState"];
+    EXPECT_EQ(state["answers"], false);
+    EXPECT_NE(state["trouble"].get<std::string>().find("no connection to localhost"), std::string::npos) << state;
+    printer.Restart("keys");
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["stale"] == false; }, 20000));
+    EXPECT_EQ(ValueOf("Lab", "ErrPaperJam"), 0);
+}
