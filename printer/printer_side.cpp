@@ -274,11 +274,11 @@ bool TakeNews(PrinterSide& side, DWORD* next) {
     const DeviceNews news = side.device.take(side.device.self, side.now);
     *next = news.nextMs;
     StoreValues(side, news.changed);
+    TellLink(side); // first, so that a requester that is told finds it
     for (const DeviceAnswer& answer : news.answers) {
         const LONG stored = StoreValues(side, answer.values);
         if (side.job && side.job->id == answer.id) FinishJob(side, answer.result != 0 ? answer.result : stored);
     }
-    TellLink(side);
     return !news.changed.empty() || !news.answers.empty();
 }
 
