@@ -9,7 +9,9 @@
 #include <tvsqdz.h>
 
 #include <cstring>
+#include <fstream>
 #include <random>
+#include <unistd.h>
 
 namespace {
 
@@ -97,6 +99,16 @@ void ExpectCleared(const Database& database, const FaultRow& row) {
     EXPECT_EQ(database.NumberIn(row.variable), 0u) << row.keyword;
 }
 
+// Of all threads, user and system.
+long CpuMs(unsigned process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string field;
+    long ticks = 0;
+    for (int i = 1; i <= 15 && file >> field; ++i) // its program's name has no blanks
+        if (i >= 14) ticks += std::stol(field);
+    return ticks * 1000 / sysconf(_SC_CLK_TCK);
+}
+
 // ---- an IPP answer by hand
 
 std::string U16(size_t number) {
@@ -177,8 +189,8 @@ TEST(IppDevice, FaultsAreFollowedWhileIdleAndWhilePrinting) {
 }
 
 TEST(IppDevice, ValuesEqualWhatThePrinterSays) {
-    const PrinterMachine machine;
-    const Database& database = machine.databases[0];
+    PrinterMachine machine;
+    const Database& database = machine.databases[0]; // at the same place after a restart of the service
     IppPrinter printer("keys", R"(ATTR integer printer-impressions-completed 4711
 ATTR text printer-serial-number "SN-12345"
 ATTR text printer-device-id "MFG:Example;MDL:Laser 7;"
@@ -247,6 +259,12 @@ ATTR octetString printer-input-tray "type=sheetFeedAutoRemovableTray;maxcapacity
     EXPECT_EQ(Word(database, "PrinterStatus", 0), product::kStatusNoAnswer);
     EXPECT_EQ(database.NumberIn("SpoolerStatus"), 0x8u) << "the printer side runs, the printer does not";
     EXPECT_EQ(database.NumberIn("ErrCoverOpen"), 1u) << "the old value stays";
+    // A new service does not get it as if it were read now.
+    machine.StartService();
+    EXPECT_TRUE(WaitUntil([&] { return Word(database, "PrinterStatus", 0) == product::kStatusNoAnswer; }));
+    EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).version != 0; }));
+    EXPECT_EQ(database.NumberIn("ErrCoverOpen"), 0xFFFFFFFFu);
+    EXPECT_EQ(TextIn(database, "PrinterModel"), "");
     printer.Restart("keys");
     EXPECT_TRUE(WaitUntil([&] { return IsUp(database); }));
     EXPECT_TRUE(WaitUntil([&] { return database.NumberIn("ErrCoverOpen") == 0; }));
@@ -294,6 +312,7 @@ TEST(IppDevice, ADeviceThatNeverAnswersHoldsUpNothing) {
     EXPECT_EQ(DirectRead(database, "PrinterStatus"), -50);
     EXPECT_LT(NowMs() - began, 7000);
     EXPECT_NE(std::string(RecordIn(database).trouble).find("does not answer in time"), std::string::npos);
+    EXPECT_LT(CpuMs(side.Id()), 300) << "it waits, and does not spin";
     ASSERT_TRUE(WaitUntil([&] { return printer.Connections() > 1; }));
     // The next printer side takes over while the first one's question hangs.
     TestProcess next = StartDevice(printer.Uri());
@@ -393,6 +412,35 @@ TEST(IppDevice, HostileAnswersAreToldAndSurvived) {
     EXPECT_EQ(database.NumberIn("PageCount"), 0xFFFFFFFFu);
     EXPECT_EQ(TextIn(database, "PrinterDisplay").substr(0, 9), "[2J red x") << "no control characters";
     EXPECT_EQ(TextIn(database, "PrinterDisplay").size(), 131u);
+
+    // Reasons beyond the list.
+    struct Reason {
+        const char* keyword;
+        DWORD status;
+        DWORD conditions;
+        const char* display;
+    };
+    const Reason reasons[] = {
+        {"none", 0, 0, ""},
+        {"feeder-jam-error", 0x10, 1u << 0, ""},
+        {"media-jam", 0x10, 1u << 0, ""},
+        {"media-low", 0, 1u << 3, ""},
+        {"printer-power-saver-report", 0x4, 0, ""},
+        {"fuser-warming-up-warning", 0x22, 0, ""},
+        {"marker-waste-almost-full-warnin", 0x20, 1u << 11, ""},
+        {"on-fire-error", 0x10, 1u << 27, "on-fire-error"},
+        {"on-fire-report", 0, 0, "on-fire-report"},
+        {"shutdown", 0x40, 1u << 25, ""},
+        {"-error", 0, 1u << 27, "-error"},
+    };
+    for (const Reason& reason : reasons) {
+        printer.Answer(
+            body(Integer('\x23', "printer-state", 3) + Attribute('\x44', "printer-state-reasons", reason.keyword)));
+        EXPECT_EQ(DirectRead(database, "PrinterStatus"), 0);
+        EXPECT_EQ(Word(database, "PrinterStatus", 0), reason.status) << reason.keyword;
+        EXPECT_EQ(database.NumberIn("PrinterStatus2"), reason.conditions) << reason.keyword;
+        EXPECT_EQ(TextIn(database, "PrinterDisplay"), reason.display) << reason.keyword;
+    }
 
     // Whatever byte is wrong, the next answer that is right is taken.
     std::mt19937 random(17);

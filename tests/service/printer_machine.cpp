@@ -79,6 +79,7 @@ void PrinterMachine::StartService() {
     service = std::make_unique<Service>();
     master = Database("TVORSQD_DB", {{"PrinterDatabase", kTypeVariableLength, PrinterList(4, 4)}});
     databases.clear();
+    databases.reserve(std::size(kPrinters)); // and so at the same place after a restart
     for (size_t i = 0; i < std::size(kPrinters); ++i)
         databases.emplace_back(DatabaseOf(i), kVariables);
 }
