@@ -77,7 +77,7 @@ DWORD PauseOf(const NetworkPrinter& printer, ULONGLONG now) {
         const ULONGLONG pause = ULONGLONG{QuickMs(printer)} << std::min(printer.failures - 1, kDoublingsMax);
         return WithJitter(static_cast<DWORD>(std::min<ULONGLONG>(pause, ULONGLONG{kBackOffMax} * printer.pollMs)));
     }
-    const bool quick = printer.followed || IsBusyPrinter(printer) || now < printer.quickUntil;
+    const bool quick = printer.followed || printer.tellsEvents || IsBusyPrinter(printer) || now < printer.quickUntil;
     return WithJitter(quick ? QuickMs(printer) : printer.pollMs);
 }
 
@@ -155,7 +155,9 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
         printer.asked.push_back(std::move(printer.waiting.front()));
         printer.waiting.pop_front();
     }
-    AskModule(printer, {.ask = Ask::Poll, .identity = !printer.identity});
+    // Who asks gets what is read now. While it prints, its pages come without an event.
+    const bool events = printer.asked.empty() && !IsBusyPrinter(printer);
+    AskModule(printer, {.ask = Ask::Poll, .identity = !printer.identity, .events = events});
 }
 
 // ---- answers
@@ -229,7 +231,8 @@ void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
     printer.busy = false;
     const bool wasCommand = !printer.asked.empty() && printer.asked.front().kind == DeviceAsk::Write;
     NoteLink(printer, answer);
-    if (answer.outcome == Outcome::Answered && !wasCommand) NoteReading(printer, answer, now);
+    if (!wasCommand) printer.tellsEvents = printer.link.up && answer.tellsEvents;
+    if (answer.outcome == Outcome::Answered && !wasCommand && !answer.unchanged) NoteReading(printer, answer, now);
     AnswerRequests(printer, answer);
     // What a command did shows at once.
     printer.pollAt = wasCommand && printer.link.up ? now : now + PauseOf(printer, now);

@@ -40,6 +40,7 @@ struct NetworkPrinter {
     std::vector<DeviceRequest> asked{};          // those that the question in progress answers
     bool busy = false;                           // a question is in progress
     bool followed = false;
+    bool tellsEvents = false; // it costs next to nothing to ask whether something happened
     ULONGLONG pollAt = 0;
     ULONGLONG quickUntil = 0; // something has changed
     DWORD failures = 0;       // in a row

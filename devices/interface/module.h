@@ -22,6 +22,7 @@ enum class Ask : uint8_t { Poll, HoldJob, ReleaseJob, CancelJob, Identify, SetLo
 struct Question {
     Ask ask = Ask::Poll;
     bool identity = false;     // Poll: read that too
+    bool events = false;       // Poll: where the printer tells events, read it only after one
     int32_t job = 0;           // HoldJob, ReleaseJob, CancelJob
     std::string text{};        // SetLocation
     std::string certificate{}; // the only one that is trusted, as SHA-256 in hexadecimal; empty: any
@@ -43,6 +44,8 @@ struct Answer {
     std::string trouble{};     // in words, unless it was answered
     std::string certificate{}; // of the connection; empty: it has none
     Reading reading{};         // of a Poll
+    bool tellsEvents = false;  // of a Poll: a question with `events` costs next to nothing
+    bool unchanged = false;    // there was no event: there is no reading
 };
 
 class Session;

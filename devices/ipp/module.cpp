@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
+#include <cstdint>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -17,6 +20,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kIppVersion = 0x0200;
+constexpr int kLeaseSeconds = 3600; // of a subscription, which is not cancelled
+constexpr std::chrono::seconds kFullPollEvery{30};
 constexpr uint32_t kShortestMs = 100; // that a further request of the same question gets
 
 Outcome OutcomeOf(ipp_status_t status) {
@@ -49,6 +54,8 @@ private:
     void AskIdentity(const Question& question, Answer* answer);
     void AskJobs(const Question& question, ipp_t* message, Answer* answer);
     void Poll(const Question& question, Answer* answer);
+    void Subscribe(const Question& question);
+    bool IsQuiet(const Question& question, Answer* answer);
     void Command(const Question& question, Answer* answer);
     bool Supports(ipp_op_t operation) const {
         return std::find(m_operations.begin(), m_operations.end(), static_cast<int32_t>(operation)) !=
@@ -63,6 +70,10 @@ private:
     int32_t m_upTime = kNotKnown; // of the last poll
     int32_t m_configTime = kNotKnown;
     bool m_hadJobs = false;
+    bool m_mayTellEvents = false;
+    int32_t m_subscription = 0; // 0: none
+    int32_t m_nextEvent = 1;    // its sequence number
+    Clock::time_point m_fullPoll{};
     std::vector<int32_t> m_operations{};
     std::vector<std::string> m_mediaSources{};
 };
@@ -125,6 +136,50 @@ void IppSession::AskIdentity(const Question& question, Answer* answer) {
     m_mediaSources = KeywordsOf(message.get(), "media-source-supported");
     answer->reading.identity = ReadIdentity(message.get());
     m_identified = true;
+    const std::vector<std::string> methods = KeywordsOf(message.get(), "notify-pull-method-supported");
+    m_mayTellEvents = Supports(IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS) && Supports(IPP_OP_GET_NOTIFICATIONS) &&
+                      std::find(methods.begin(), methods.end(), "ippget") != methods.end();
+}
+
+// Asks for the events of the printer (RFC 3995), to be fetched (RFC 3996). A printer that declines is polled as others.
+void IppSession::Subscribe(const Question& question) {
+    constexpr const char* kEvents[] = {"printer-state-changed", "printer-config-changed", "job-created",
+                                       "job-state-changed", "job-progress"};
+    const Message request = Request(IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS);
+    ippAddString(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_KEYWORD, "notify-pull-method", nullptr, "ippget");
+    ippAddStrings(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_KEYWORD, "notify-events",
+                  static_cast<int>(std::size(kEvents)), nullptr, kEvents);
+    ippAddInteger(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_INTEGER, "notify-lease-duration", kLeaseSeconds);
+    Answer own;
+    const Message message = Send(question, request.get(), &own);
+    m_subscription = message != nullptr ? std::max(NumberOf(message.get(), "notify-subscription-id"), 0) : 0;
+    m_nextEvent = 1;
+    if (m_subscription == 0) m_mayTellEvents = false; // until its identity is read again
+}
+
+// Whether nothing happened since the last poll. Now and then it is read all the same.
+bool IppSession::IsQuiet(const Question& question, Answer* answer) {
+    if (!question.events || m_subscription == 0 || Clock::now() - m_fullPoll > kFullPollEvery) return false;
+    const Message request = Request(IPP_OP_GET_NOTIFICATIONS);
+    ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "notify-subscription-ids", m_subscription);
+    ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "notify-sequence-numbers", m_nextEvent);
+    ippAddBoolean(request.get(), IPP_TAG_OPERATION, "notify-wait", 0);
+    Answer own;
+    const Message message = Send(question, request.get(), &own);
+    if (message == nullptr) {
+        m_subscription = 0; // its lease is over, or the printer was restarted
+        return false;
+    }
+    int32_t last = 0;
+    for (ipp_attribute_t* at = ippFindAttribute(message.get(), "notify-sequence-number", IPP_TAG_INTEGER);
+         at != nullptr; at = ippFindNextAttribute(message.get(), "notify-sequence-number", IPP_TAG_INTEGER))
+        last = std::max(last, ippGetInteger(at, 0));
+    if (last >= m_nextEvent && last < INT32_MAX) m_nextEvent = last + 1;
+    answer->outcome = Outcome::Answered;
+    answer->certificate = own.certificate;
+    answer->unchanged = last == 0;
+    answer->tellsEvents = true;
+    return answer->unchanged;
 }
 
 void IppSession::AskJobs(const Question& question, ipp_t* message, Answer* answer) {
@@ -146,6 +201,7 @@ void IppSession::AskJobs(const Question& question, ipp_t* message, Answer* answe
 }
 
 void IppSession::Poll(const Question& question, Answer* answer) {
+    if (IsQuiet(question, answer)) return;
     const Message message = AskAttributes(question, kChangingAttributes, kChangingAttributeCount, answer);
     if (message == nullptr) return;
     // First, because it tells what the trays are called.
@@ -155,6 +211,12 @@ void IppSession::Poll(const Question& question, Answer* answer) {
     }
     ReadPrinter(message.get(), m_mediaSources, &answer->reading);
     AskJobs(question, message.get(), answer);
+    m_fullPoll = Clock::now();
+    if (m_mayTellEvents && m_subscription == 0) {
+        Subscribe(question);
+        m_fullPoll = {}; // what happened since the reading has no event: read again soon
+    }
+    answer->tellsEvents = m_subscription != 0;
 }
 
 void IppSession::Command(const Question& question, Answer* answer) {

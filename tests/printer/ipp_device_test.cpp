@@ -1,5 +1,6 @@
 // The IPP device against CUPS's own IPP printer, and against a server that does everything wrong.
 #include "network_printer.h"
+#include "print_server.h"
 #include "printer_kit.h"
 #include "private_machine.h"
 
@@ -295,6 +296,22 @@ TEST(IppDevice, AnotherCertificateIsRefused) {
     EXPECT_EQ(RegDeleteValueA(key, "Oriel Certificate"), ERROR_SUCCESS);
     EXPECT_TRUE(WaitUntil([&] { return IsUp(database); })) << RecordIn(database).trouble;
     RegCloseKey(key);
+}
+
+TEST(IppDevice, EventsAreFetchedWhereThePrinterTellsThem) {
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    const std::string host = "localhost:" + std::to_string(FreePort());
+    PrintServer server(host);
+    // Nobody follows it: without events it would be asked again after half a minute.
+    TestProcess side = StartDevice("ipp://" + host + "/printers/Office", {"--poll", "30000"});
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    EXPECT_NE(server.AccessLog().find("Create-Printer-Subscriptions successful-ok"), std::string::npos)
+        << server.AccessLog();
+    server.Command("/usr/sbin/cupsenable", {"Office"});
+    EXPECT_TRUE(WaitUntil([&] { return Word(database, "PrinterStatus", 0) == 0; }, 6000)) << server.AccessLog();
+    server.Command("/usr/sbin/cupsdisable", {"Office"});
+    EXPECT_TRUE(WaitUntil([&] { return Has(database, product::kPausedBit); }, 6000)) << server.AccessLog();
 }
 
 TEST(IppDevice, ADeviceThatNeverAnswersHoldsUpNothing) {

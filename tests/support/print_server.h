@@ -12,7 +12,9 @@
 
 class PrintServer {
 public:
-    PrintServer() : m_folder(PrivateDirectory() + "/cups"), m_server(Start()) {
+    // listen: where else, "localhost:PORT".
+    explicit PrintServer(const std::string& listen = "")
+        : m_folder(PrivateDirectory() + "/cups"), m_listen(listen), m_server(Start()) {
         setenv("CUPS_SERVER", Socket().c_str(), 1);
         EXPECT_TRUE(
             WaitUntil([] { return RunProgram("/usr/bin/lpstat", {"-r"}).output == "scheduler is running\n"; }, 30000));
@@ -40,6 +42,10 @@ public:
         std::ofstream(m_folder + "/document") << title;
         Command("/usr/bin/lp", {"-d", queue, "-t", title, m_folder + "/document"});
     }
+    std::string AccessLog() const {
+        std::ifstream file(m_folder + "/access_log");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
     std::string Log() const {
         std::ifstream file(m_folder + "/error_log");
         return {std::istreambuf_iterator<char>(file), {}};
@@ -56,13 +62,15 @@ private:
         std::string group = RunProgram("/usr/bin/id", {"-gn"}).output;
         files += "SystemGroup " + group;
         std::ofstream(m_folder + "/files.conf") << files;
-        std::ofstream(m_folder + "/cupsd.conf") << "Listen " << Socket()
-                                                << "\nBrowsing No\nWebInterface No\nLogLevel warn\n"
-                                                   "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
+        std::ofstream(m_folder + "/cupsd.conf")
+            << "Listen " << Socket() << (m_listen.empty() ? "" : "\nListen " + m_listen)
+            << "\nBrowsing No\nWebInterface No\nLogLevel warn\n"
+               "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
         return TestProcess::Program("/usr/sbin/cupsd",
                                     {"-f", "-c", m_folder + "/cupsd.conf", "-s", m_folder + "/files.conf"});
     }
 
     const std::string m_folder;
+    const std::string m_listen;
     TestProcess m_server;
 };
