@@ -83,3 +83,18 @@ TEST(Files, ExistOrSayWhyNot) {
         EXPECT_TRUE(CloseHandle(file));
     }
 }
+
+TEST(Modules, AreLoadedByABareNameAndByNoPath) {
+    const HMODULE module = LoadLibraryExA("oriel_ipp", nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
+    ASSERT_TRUE(module) << GetLastError();
+    EXPECT_TRUE(GetProcAddress(module, "OrielDeviceModule"));
+    EXPECT_EQ(Code(GetProcAddress(module, "NoSuchExport") != nullptr), DWORD{ERROR_PROC_NOT_FOUND});
+    EXPECT_TRUE(FreeLibrary(module));
+    EXPECT_EQ(Code(LoadLibraryExA("oriel_none", nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR) != nullptr),
+              DWORD{ERROR_MOD_NOT_FOUND});
+    for (const char* name : {"", "../oriel/liboriel_ipp", "oriel_ipp.so", "c:oriel_ipp", "..\\oriel_ipp"})
+        EXPECT_EQ(Code(LoadLibraryExA(name, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR) != nullptr),
+                  DWORD{ERROR_INVALID_PARAMETER})
+            << name;
+    EXPECT_EQ(Code(LoadLibraryExA("oriel_ipp", nullptr, 0) != nullptr), DWORD{ERROR_INVALID_PARAMETER});
+}
