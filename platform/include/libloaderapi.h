@@ -19,10 +19,10 @@ WINBASEAPI BOOL WINAPI DisableThreadLibraryCalls(HMODULE module);
 
 #define LOAD_LIBRARY_SEARCH_APPLICATION_DIR 0x00000200
 
-/* Loads a module that came with the product, and takes a reference to it. name: without a folder and a suffix; "oriel_x"
- * is oriel/liboriel_x.so beside this layer. reserved must be NULL and flags LOAD_LIBRARY_SEARCH_APPLICATION_DIR
- * (ERROR_INVALID_PARAMETER). NULL with ERROR_MOD_NOT_FOUND when there is no such module, or a library that it needs is
- * missing. */
+/* Loads a module that came with the product, and takes a reference to it. name: without a folder and a suffix;
+ * "oriel_x" is oriel/liboriel_x.so beside this layer. reserved must be NULL and flags
+ * LOAD_LIBRARY_SEARCH_APPLICATION_DIR (ERROR_INVALID_PARAMETER). NULL with ERROR_MOD_NOT_FOUND when there is no such
+ * module, or a library that it needs is missing. */
 WINBASEAPI HMODULE WINAPI LoadLibraryExA(LPCSTR name, HANDLE reserved, DWORD flags);
 
 /* The address of an export of a module. NULL with ERROR_PROC_NOT_FOUND, or ERROR_MOD_NOT_FOUND. name is a text: there
