@@ -58,7 +58,8 @@ TestProcess IppPrinter::Start(const std::string& keys) {
     std::filesystem::create_directories(m_folder + "/" + keys);
     const std::string command = m_folder + "/command";
     std::ofstream(command) << "#!/bin/sh\nwhile read -r word rest; do\n  case $word in\n"
-                           << "  wait) while [ ! -e " << m_folder << "/gates/$rest ]; do sleep 0.02; done ;;\n"
+                           << "  wait) while [ -d " << m_folder << "/gates -a ! -e " << m_folder
+                           << "/gates/$rest ]; do sleep 0.02; done ;;\n" // the folder goes with the test
                            << "  *) echo \"$word $rest\" >&2 ;;\n  esac\ndone <\"$1\"\n";
     std::filesystem::permissions(command, std::filesystem::perms::owner_all);
     EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(PrivateDirectory() + "/bus"); }));
