@@ -114,4 +114,5 @@ def main(path, order):
     print("ok")
 
 
-main(*sys.argv[1:])
+if __name__ == "__main__":
+    main(*sys.argv[1:])
