@@ -271,4 +271,9 @@ TEST(SpoolerJobs, WhatIsNoJobIsPassedOver) {
     EXPECT_EQ(JobsOf(printer), Line(job, 0, "letter"));
     EXPECT_EQ(Control(printer, 102, JOB_CONTROL_CANCEL), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_NE(Print(printer, "next"), job) << "numbers begin again behind the highest";
+    // A second name of the file that counts them, which everybody may write, does not stop the count.
+    ASSERT_EQ(link((jobs + "last").c_str(), (PrivateDirectory() + "/second").c_str()), 0);
+    const DWORD anew = Print(printer, "anew");
+    EXPECT_EQ(Control(printer, anew, JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS});
+    EXPECT_GT(Print(printer, "after it"), anew);
 }

@@ -192,6 +192,10 @@ bool LookAt(int folder, const std::string& name, struct stat* status) {
     return fstatat(folder, name.c_str(), status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
+bool MayRemove(const struct stat& status) {
+    return geteuid() == 0 || status.st_uid == geteuid();
+}
+
 bool IsOlder(const struct stat& status, int64_t seconds) {
     // A time in the future is wrong, and so nobody's.
     return std::abs(static_cast<int64_t>(time(nullptr)) - status.st_mtime) > seconds;
@@ -215,7 +219,6 @@ bool IsLeft(int folder, DWORD number, const struct stat& status, const Share& sh
 // Removes what is left of jobs: root that of everybody, others theirs. Returns the share that this user has then.
 Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
     const int directory = dirfd(folder);
-    const auto mayRemove = [](const struct stat& status) { return geteuid() == 0 || status.st_uid == geteuid(); };
     Shares shares;
     rewinddir(folder);
     std::vector<std::string> others;
@@ -235,7 +238,7 @@ Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
         Share with = share;
         ++with.jobs;
         if (LookAt(directory, DataName(number), &data) && data.st_uid == head.st_uid) with.bytes += data.st_size;
-        const bool isLeft = mayRemove(head) && IsLeft(directory, number, head, with);
+        const bool isLeft = MayRemove(head) && IsLeft(directory, number, head, with);
         if (isLeft) {
             Remove(directory, HeadName(number));
             Remove(directory, DataName(number));
@@ -246,11 +249,13 @@ Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
     });
     for (const std::string& name : others) {
         struct stat status {};
-        if (!LookAt(directory, name, &status) || !mayRemove(status) || !IsOlder(status, kUnfinishedSeconds)) continue;
+        if (!LookAt(directory, name, &status) || !MayRemove(status) || !IsOlder(status, kUnfinishedSeconds)) continue;
         const bool isData = name.ends_with(kDataSuffix);
         const DWORD number = isData ? NumberOf(name.substr(0, name.size() - kDataSuffix.size())) : 0;
+        const bool isRoots =
+            status.st_uid == 0 && (status.st_mode & S_IWOTH) == 0; // not a second name of the last number
         // A document without a head; and what has no business here, unless root put it there.
-        if (number != 0 ? !std::binary_search(numbers->begin(), numbers->end(), number) : status.st_uid != 0)
+        if (number != 0 ? !std::binary_search(numbers->begin(), numbers->end(), number) : !isRoots)
             Remove(directory, name);
     }
     return shares[geteuid()];
@@ -270,6 +275,11 @@ void SweepForAll(DIR* folder) {
 DWORD LastNumber(int folder, Descriptor* file) {
     // Without O_CREAT, which the kernel refuses for another user's file in such a folder.
     const char* name = kLastNumberFile.data();
+    // Everybody may write the file, and so may give it a second name, somewhere else. Then it is made anew.
+    struct stat linked {};
+    if (LookAt(folder, std::string(kLastNumberFile), &linked) && S_ISREG(linked.st_mode) && linked.st_nlink > 1 &&
+        MayRemove(linked))
+        unlinkat(folder, name, 0);
     *file = Descriptor(openat(folder, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file->IsOpen()) {
         *file = Descriptor(openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));

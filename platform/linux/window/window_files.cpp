@@ -156,7 +156,8 @@ void SweepFifo(const Descriptor& folder, const char* name) {
 void SweepUnfinished(const Descriptor& folder, const char* name) {
     struct stat status;
     if (fstatat(folder.Get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (time(nullptr) - status.st_ctime > kUnfinishedSeconds) unlinkat(folder.Get(), name, 0);
+    if (time(nullptr) - status.st_ctime <= kUnfinishedSeconds) return;
+    if (unlinkat(folder.Get(), name, 0) != 0) unlinkat(folder.Get(), name, AT_REMOVEDIR);
 }
 
 } // namespace
@@ -247,7 +248,8 @@ void VisitWindows(const std::function<void(const WindowRecord&)>& visit) {
             if (life == Life::Dead) unlinkat(folder.Get(), name, 0);
         } else if (HandleInName(name, kQueueSuffix) != 0 || HandleInName(name, kReplySuffix) != 0) {
             SweepFifo(folder, name);
-        } else if (std::string_view(name).starts_with(kUnfinishedPrefix)) {
+        } else if (std::string_view(name) != "." && std::string_view(name) != "..") {
+            // Unfinished, or nothing of ours: what others may put into the folder would stay for good.
             SweepUnfinished(folder, name);
         }
     }
