@@ -24,9 +24,10 @@
 
 namespace {
 
-constexpr DWORD kStartMs = 30000; // for the service to run, and to stop
-constexpr DWORD kPollMs = 20;     // while it is starting or stopping
-constexpr DWORD kWatchMs = 250;   // while it runs
+constexpr DWORD kStartMs = 30000;  // for the service to run, and to stop
+constexpr DWORD kPollMs = 20;      // while it is starting or stopping
+constexpr DWORD kWatchMs = 250;    // while it runs
+constexpr DWORD kWindowsMs = 5000; // between looks at all windows
 
 HANDLE g_stop = nullptr;
 
@@ -199,12 +200,22 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
                 {{"printer", demo.name}, {"script", demo.script}});
 }
 
+// On Linux a look at the windows removes what killed processes left of theirs. Nobody else looks where there is no
+// desktop.
+void LookAtWindows(DWORD& due) {
+    if (static_cast<LONG>(GetTickCount() - due) < 0) return;
+    due = GetTickCount() + kWindowsMs;
+    EnumWindows([](HWND, LPARAM) -> BOOL { return TRUE; }, 0);
+}
+
 // Watches the service and the printer sides until the user wants to stop, and restarts what ended. startedHere: set
 // when it restarted the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
     RestartPause restart;
+    DWORD windowsDue = GetTickCount();
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
+        LookAtWindows(windowsDue);
         const SERVICE_STATUS status = Query(service);
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
