@@ -485,7 +485,12 @@ def object_replies(a):
 @attack("object server", "takes all connections that it gets")
 def object_connections(a):
     raise_descriptors()
-    a.until_refused("connections", ObjectServer, 9000)
+
+    def connect():
+        server = ObjectServer()
+        server.ask(OPEN, "None", MUTEX)
+        return server
+    a.until_refused("connections", connect, 9000)
     a.hold()
 
 
