@@ -28,7 +28,8 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 
 
 def attack(area, what, design="", allows=(), check="", leaves=()):
-    """design: why success is meant, for the report. allows: variables that everybody may write, and this attack does write.
+    """design: why success is meant, for the report. allows: variables that everybody may write, and this attack does write;
+    "the times of values" when only their times may change.
     check: a further measure of root's. leaves: folders in which files of the attacker may stay until the product removes
     them, which is measured at the end of the run."""
     def note(function):
@@ -179,7 +180,7 @@ def replace(a):
     a.hold()
 
 
-@attack("files", "gives every file a second name")
+@attack("files", "gives every file a second name", leaves=("jobs", "windows"))
 def hard_links(a):
     for path in list(foreign_paths()):
         for place in (a.home, STATE / "jobs", RUN / "windows"):
@@ -559,7 +560,7 @@ def watches(a):
 
     def watch():
         handle = random.choice(handles)
-        if service.status(WATCH, handle, "PrinterLocation", random.randint(0, 1)) != 0:
+        if service.status(WATCH, handle, "PrinterLocation", random.randint(1, 2)) != 0:
             raise OSError("watch")
     a.until_refused("watches", watch, 20000 if os.environ.get("ATTACK_LONG") else 5000)
     a.hold()
@@ -765,7 +766,7 @@ def write_access(a):
 def be_printer_side(a):
     service = Service()
     handle = service.database("TVORSQD_DB1")
-    a.answered("watch the mailbox", service.status(WATCH, handle, "ForwardMailbox", 0), ACCESS_DENIED)
+    a.answered("watch the mailbox", service.status(WATCH, handle, "ForwardMailbox", 1), ACCESS_DENIED)
     a.answered("write the mailbox", service.write(handle, "ForwardMailbox", struct.pack("<II", 1, 4)), -20, ACCESS_DENIED)
     for number in range(64):
         a.answered("answer", service.write(handle, "ForwardAnswer", struct.pack("<Ii", number, 0)), ACCESS_DENIED)
@@ -815,7 +816,8 @@ def change_databases(a):
     a.hold()
 
 
-@attack("service", "asks the printer for everything on 24 threads of calls", design="a printer handles one request at a time")
+@attack("service", "asks the printer for everything on 24 threads of calls", design="a printer handles one request at a time; a refresh writes its values again",
+        allows=("the times of values",))
 def forward_flood(a):
     services = [Service() for _ in range(24)]
     for service in services:
