@@ -5,6 +5,7 @@ do, then {"step", "ms", "error"}; after the last one {"done": true}.
 """
 import ctypes
 import json
+import os
 import subprocess
 import sys
 import time
@@ -26,7 +27,9 @@ class Measures:
         return b"Room %d" % self.number
 
     def machine(self):
-        subprocess.run(["/bin/true"], check=True)
+        """A program of the product that nobody attacks."""
+        subprocess.run([ORIEL, "get", "Demo printer", "PageCount"], env={**os.environ, **json.loads(os.environ["ATTACK_TWIN"])},
+                       check=True, capture_output=True)
 
     def read(self):
         self.library.get(self.manager, "PageCount")
