@@ -106,6 +106,11 @@ class Library:
             return ctypes.c_void_p(self.true("CreateEventA", None, 1, 0, name.encode()))
         return ctypes.c_void_p(self.true("OpenEventA", access, 0, name.encode()))
 
+    def hold_mutex(self, name):
+        """False when another process keeps it for a second."""
+        mutex = ctypes.c_void_p(self.true("CreateMutexA", None, 0, name.encode()))
+        return self.win.WaitForSingleObject(mutex, 1000) in (0, 0x80)
+
     def open(self, printer=QUIET, kind=3):
         manager = ctypes.c_void_p()
         self.call("OpenManagerExA", printer.encode(), None, kind, ctypes.byref(manager))
