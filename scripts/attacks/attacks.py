@@ -926,8 +926,7 @@ def product_events(a):
 @attack("notifications", "holds the database mutex", design="an open waits for it, for at most 30 s", check="mutex")
 def hold_database_mutex(a):
     library = Library()
-    if not library.hold_mutex("TVORSQD:Mutex:DabaBase") and a.user == 0:
-        a.breach("the mutex could not be had: nothing was tried")
+    library.hold_mutex("TVORSQD:Mutex:DabaBase")
     a.hold()
 
 
