@@ -51,7 +51,6 @@ TEST_AS_ROOT(Authority, SettingsAreForAdministrators) {
     const Database& database = machine.databases[0];
     for (const char* name : {kForwardMailbox, kForwardAnswer})
         ASSERT_EQ(database.Add(name, kTypeRecord, Bytes(8)), kDone);
-    ASSERT_EQ(database.Add("JobStatus", kTypeNumber, Number(0)), kDone);
     ASSERT_EQ(database.Compose("PortEx", "PrinterExtStatus;Port;"), kDone);
     const struct {
         std::string variable;
