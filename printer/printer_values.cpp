@@ -116,7 +116,7 @@ Value ErrPaperState(const Told& told) {
     if (Has(reading, {product::kEmptyBit})) state |= 0x2;
     if (Has(reading, {product::kNeededBit})) state |= 0x4;
     if (Has(reading, {product::kTrayMissingBit})) state |= 0x8;
-    for (SIZE_T tray = 0; tray < std::min(reading.trays.size(), kTrays); ++tray)
+    for (SIZE_T tray = 0; tray < std::min<SIZE_T>(reading.trays.size(), kTrays); ++tray)
         if (reading.trays[tray].level == 0) state |= 0x10000u << tray;
     return Number(state);
 }
@@ -286,7 +286,7 @@ TvsJobRecord JobRecord(const devices::Job& job) {
 
 Value PrinterQueue(const Told& told) {
     if (!told.reading.jobsKnown) return {};
-    const SIZE_T count = std::min(told.reading.jobs.size(), kQueueEntriesMax);
+    const SIZE_T count = std::min<SIZE_T>(told.reading.jobs.size(), kQueueEntriesMax);
     Bytes bytes = Words({static_cast<DWORD>(count)});
     for (SIZE_T i = 0; i < count; ++i) {
         const Bytes more = BytesOf(JobRecord(told.reading.jobs[i]));
