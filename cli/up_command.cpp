@@ -200,12 +200,16 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
                 {{"printer", demo.name}, {"script", demo.script}});
 }
 
+BOOL CALLBACK SeeWindow(HWND, LPARAM) {
+    return TRUE;
+}
+
 // On Linux a look at the windows removes what killed processes left of theirs. Nobody else looks where there is no
 // desktop.
 void LookAtWindows(DWORD& due) {
     if (static_cast<LONG>(GetTickCount() - due) < 0) return;
     due = GetTickCount() + kWindowsMs;
-    EnumWindows([](HWND, LPARAM) -> BOOL { return TRUE; }, 0);
+    EnumWindows(SeeWindow, 0);
 }
 
 // Watches the service and the printer sides until the user wants to stop, and restarts what ended. startedHere: set
