@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -119,7 +120,8 @@ std::string ProgramPath() {
     return path + kProgram;
 }
 
-// A session of its own, no descriptor but the socket, no environment, no signal settings of this process.
+// A session of its own, no descriptor but the socket, no signal settings of this process, and of its environment only
+// where it finds the libraries.
 int Spawn(const std::string& program, const std::string& directory, int listener, pid_t& id) {
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
@@ -136,9 +138,11 @@ int Spawn(const std::string& program, const std::string& directory, int listener
     posix_spawnattr_setsigmask(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
     const char* const words[] = {program.c_str(), directory.c_str(), nullptr};
-    char* const environment[] = {nullptr};
-    const int error =
-        posix_spawn(&id, program.c_str(), &actions, &attributes, const_cast<char* const*>(words), environment);
+    const char* found = secure_getenv("LD_LIBRARY_PATH");
+    const std::string libraries = found != nullptr ? std::string("LD_LIBRARY_PATH=") + found : "";
+    const char* const environment[] = {libraries.empty() ? nullptr : libraries.c_str(), nullptr};
+    const int error = posix_spawn(&id, program.c_str(), &actions, &attributes, const_cast<char* const*>(words),
+                                  const_cast<char* const*>(environment));
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     return error;
