@@ -10,9 +10,7 @@ void Check(Answer answer, const std::string& what) {
 } // namespace
 
 std::string RunningInstance() {
-    struct Binding {
-        ~Binding() { UnbindStatusDatabase(); }
-    } const binding;
+    const ServiceBinding binding;
     product::ServiceInstance instance = 0;
     if (!BindStatusDatabase() || GetServiceInstance(&instance) != Answer::Done) return "";
     return std::to_string(instance);

@@ -7,6 +7,11 @@
 
 #include "product/program_client.h"
 
+// Ends the binding, once it is made.
+struct ServiceBinding {
+    ~ServiceBinding() { UnbindStatusDatabase(); }
+};
+
 // Which run of the service answers, as text; empty when none does.
 std::string RunningInstance();
 
@@ -28,11 +33,7 @@ public:
     Service Look() const;
 
 private:
-    struct Binding {
-        ~Binding() { UnbindStatusDatabase(); }
-    };
-
     std::string m_what;
-    Binding m_binding;
+    ServiceBinding m_binding;
     Guard<DatabaseHandle, &CloseDatabase> m_database; // closed before the binding ends
 };

@@ -15,12 +15,12 @@ from machine import *  # noqa: F403: the vocabulary of the attacks
 
 class Measures:
     def __init__(self):
-        self.library = Library()
-        self.manager = self.library.open()
-        self.archive = self.library.printer(ARCHIVE)
-        self.office = self.library.printer(OFFICE)
-        self.told = ctypes.c_void_p(self.library.true("CreateEventA", None, 0, 0, None))
-        self.library.call("SetNotificationEventA", self.manager, b"PrinterLocation", self.told, ctypes.byref(ctypes.c_void_p()))
+        self.tvs = Library()
+        self.manager = self.tvs.open()
+        self.archive = self.tvs.printer(ARCHIVE)
+        self.office = self.tvs.printer(OFFICE)
+        self.told = ctypes.c_void_p(self.tvs.true("CreateEventA", None, 0, 0, None))
+        self.tvs.call("SetNotificationEventA", self.manager, b"PrinterLocation", self.told, ctypes.byref(ctypes.c_void_p()))
         self.number = 0
 
     def place(self):
@@ -32,21 +32,21 @@ class Measures:
                        check=True, capture_output=True)
 
     def read(self):
-        self.library.get(self.manager, "PageCount")
+        self.tvs.get(self.manager, "PageCount")
 
     def update(self):
         self.number += 1
-        self.library.win.ResetEvent(self.told)
-        self.library.set(self.manager, "PrinterLocation", self.place() + b"\0")
+        self.tvs.win.ResetEvent(self.told)
+        self.tvs.set(self.manager, "PrinterLocation", self.place() + b"\0")
 
     def notification(self):
-        while self.library.get(self.manager, "PrinterLocation", 260).rstrip(b"\0") != self.place():
+        while self.tvs.get(self.manager, "PrinterLocation", 260).rstrip(b"\0") != self.place():
             raise ValueError("the value is not the one that was written")
-        if self.library.win.WaitForSingleObject(self.told, 10000) != 0:
+        if self.tvs.win.WaitForSingleObject(self.told, 10000) != 0:
             raise TimeoutError("not told")
 
     def open(self):
-        self.library.close(self.library.open())
+        self.tvs.close(self.tvs.open())
 
     def program(self):
         done = subprocess.run([ORIEL, "get", QUIET, "PrinterLocation"], capture_output=True, text=True)
@@ -54,29 +54,29 @@ class Measures:
             raise ValueError(f"oriel get: {done.returncode} {done.stdout}{done.stderr}")
 
     def registry(self):
-        self.library.set_registry(HKLM, "SOFTWARE\\Probe", "Round", self.place() + b"\0")
+        self.tvs.set_registry(HKLM, "SOFTWARE\\Probe", "Round", self.place() + b"\0")
 
     def own_registry(self):
-        self.library.set_registry(HKCU, "SOFTWARE\\Probe", "Round", self.place() + b"\0")
+        self.tvs.set_registry(HKCU, "SOFTWARE\\Probe", "Round", self.place() + b"\0")
 
     def job(self):
-        job = self.library.spool(self.archive)
-        if job not in self.library.jobs(self.archive):
+        job = self.tvs.spool(self.archive)
+        if job not in self.tvs.jobs(self.archive):
             raise ValueError("a job is not in the spool")
-        self.library.change_job(self.archive, job, CANCEL_JOB)
+        self.tvs.change_job(self.archive, job, CANCEL_JOB)
 
     def window(self):
-        self.library.win.FindWindowA(b"NoSuchClass", None)
+        self.tvs.win.FindWindowA(b"NoSuchClass", None)
 
     def print(self):
-        job = self.library.spool(self.office)
-        while job in self.library.jobs(self.office):
+        job = self.tvs.spool(self.office)
+        while job in self.tvs.jobs(self.office):
             time.sleep(0.01)
 
     def mutex(self):
         """An open while another user holds the database mutex."""
         try:
-            self.library.close(self.library.open())
+            self.tvs.close(self.tvs.open())
         except OSError as error:
             if error.errno != -16:
                 raise
