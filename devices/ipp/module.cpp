@@ -12,7 +12,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <system_error>
 
 namespace devices {
 namespace {
@@ -268,28 +267,16 @@ Session* Open(const Settings& settings, void (*finished)(void*), void* context, 
     static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     Address address;
     if (!ParseAddress(settings.uri, &address, error)) return nullptr;
-    try {
+    const auto make = [&]() -> std::unique_ptr<Session> {
         auto session = std::make_unique<IppSession>(address, settings);
-        if (ready && session->IsMade()) {
-            session->Start(finished, context);
-            return session.release();
-        }
+        if (ready && session->IsMade()) return session;
         *error = "the HTTP client cannot be set up";
-    } catch (const std::bad_alloc&) {
-        *error = "there is not enough memory";
-    } catch (const std::system_error&) {
-        *error = "there is no thread for the printer";
-    }
-    return nullptr;
+        return nullptr;
+    };
+    return OpenSession(make, finished, context, error);
 }
 
-constexpr Module kModule{
-    .size = sizeof(Module),
-    .open = Open,
-    .ask = [](Session* session, const Question& question) { session->Ask(question); },
-    .take = [](Session* session, Answer* answer) { return session->Take(answer); },
-    .close = Session::Close,
-};
+constexpr Module kModule = ModuleOf(Open);
 
 } // namespace
 } // namespace devices

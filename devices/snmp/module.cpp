@@ -6,9 +6,7 @@
 
 #include <chrono>
 #include <memory>
-#include <new>
 #include <optional>
-#include <system_error>
 
 namespace devices {
 namespace {
@@ -60,25 +58,11 @@ Answer SnmpSession::Carry(const Question& question) {
 Session* Open(const Settings& settings, void (*finished)(void*), void* context, std::string* error) {
     AgentAddress address;
     if (!ParseAgentAddress(settings.uri, &address, error)) return nullptr;
-    try {
-        auto session = std::make_unique<SnmpSession>(std::move(address));
-        session->Start(finished, context);
-        return session.release();
-    } catch (const std::bad_alloc&) {
-        *error = "there is not enough memory";
-    } catch (const std::system_error&) {
-        *error = "there is no thread for the printer";
-    }
-    return nullptr;
+    const auto make = [&]() -> std::unique_ptr<Session> { return std::make_unique<SnmpSession>(std::move(address)); };
+    return OpenSession(make, finished, context, error);
 }
 
-constexpr Module kModule{
-    .size = sizeof(Module),
-    .open = Open,
-    .ask = [](Session* session, const Question& question) { session->Ask(question); },
-    .take = [](Session* session, Answer* answer) { return session->Take(answer); },
-    .close = Session::Close,
-};
+constexpr Module kModule = ModuleOf(Open);
 
 } // namespace
 } // namespace devices

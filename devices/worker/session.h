@@ -6,8 +6,11 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 namespace devices {
@@ -45,6 +48,31 @@ private:
     std::atomic<bool> m_stop = false;
     std::thread m_thread;
 };
+
+// Module::open: starts the session that make() returns. make: std::unique_ptr<Session>(); null with *error set; it may
+// throw std::bad_alloc.
+template <typename Make>
+Session* OpenSession(Make make, void (*finished)(void* context), void* context, std::string* error) {
+    try {
+        std::unique_ptr<Session> session = make();
+        if (session != nullptr) session->Start(finished, context);
+        return session.release();
+    } catch (const std::bad_alloc&) {
+        *error = "there is not enough memory";
+    } catch (const std::system_error&) {
+        *error = "there is no thread for the printer";
+    }
+    return nullptr;
+}
+
+// The interface of a module with that way to open a session.
+constexpr Module ModuleOf(decltype(Module::open) open) {
+    return {.size = sizeof(Module),
+            .open = open,
+            .ask = [](Session* session, const Question& question) { session->Ask(question); },
+            .take = [](Session* session, Answer* answer) { return session->Take(answer); },
+            .close = Session::Close};
+}
 
 // UTF-8 without control characters and invalid bytes, of at most kTextMax bytes: what a printer says is shown to
 // people.
