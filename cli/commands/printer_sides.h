@@ -1,0 +1,67 @@
+// The printer sides that `oriel up` runs: one process for each printer that has a device. State: the object's.
+#pragma once
+
+#include "base/handles.h"
+#include "base/printer_side_states.h"
+#include "commands/restart_pause.h"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+// A printer side was started, or it ended.
+struct PrinterSideNews {
+    std::string printer; // ANSI
+    bool started = false;
+    DWORD code = 0;    // its exit code; 0: it was asked to end
+    DWORD pauseMs = 0; // until it is started again; 0: it is not started again
+};
+using TellPrinterSideNews = std::function<void(const PrinterSideNews& news)>;
+
+class PrinterSides {
+public:
+    explicit PrinterSides(TellPrinterSideNews tell);
+    // Ends those that still run; kills one that takes too long.
+    ~PrinterSides();
+    PrinterSides(const PrinterSides&) = delete;
+    PrinterSides& operator=(const PrinterSides&) = delete;
+
+    // At its first open the printer gets this access control list (SDDL) unless it has one.
+    void GiveAccessList(const std::string& printer, const std::string& list) { m_accessLists.emplace(printer, list); }
+    // Checks printers and processes, and starts or ends what is due. Called regularly while the service runs.
+    void Tend();
+    // Opens each printer that has a driver once, which creates its database; most client kinds open only such printers.
+    // Asks the print server, so it is not called often.
+    void OpenPrinters();
+    // The service was restarted and has no databases.
+    void ServiceIsNew() { m_opened.clear(); }
+
+private:
+    struct Side {
+        std::string printer;
+        std::string port;
+        std::string device;
+        KernelHandle process{};
+        KernelHandle stop{};   // event: asks the process to end
+        bool leaving = false;  // it was asked to end: its printer has another device or none
+        DWORD dueAt = 0;       // tick count of the next start, or of the kill of one that is leaving
+        bool resting = false;  // until its printer is opened
+        KernelHandle opened{}; // event: the printer was opened since then; none when the event cannot be created
+        RestartPause restart{};
+    };
+
+    void ReadSettings();
+    void StartSide(Side& side);
+    void AskToEnd(Side& side);
+    void NoteEnd(Side& side);
+    void OpenOnce(const std::string& printer);
+    void Publish(const Side& side, const PrinterSideState& state);
+
+    TellPrinterSideNews m_tell;
+    std::vector<Side> m_sides;
+    std::vector<std::string> m_opened; // printers whose database exists
+    std::map<std::string, std::string> m_accessLists{};
+    DWORD m_settingsReadAt = 0;
+    bool m_settingsRead = false;
+};
