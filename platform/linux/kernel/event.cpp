@@ -11,6 +11,9 @@
 //
 // A set changes the word and wakes all sleepers in one system call, so a killed process cannot set an event and leave
 // its waiters asleep.
+//
+// Whoever may set a named event can also write its word without a wake. So a set event does not prove that nobody
+// sleeps, and a set or a pulse of a named event always wakes.
 #include "base/call.h"
 #include "kernel/named_object.h"
 
@@ -134,7 +137,8 @@ BOOL WINAPI SetEvent(HANDLE handle) {
     if (!event) return FALSE;
     // An addition of 0 instead of a load: it orders the caller's earlier writes before the reset of a thread that finds
     // the event set by this call.
-    if ((event->head->word.fetch_add(0, std::memory_order_acq_rel) & kSet) != 0) return TRUE;
+    const bool isSet = (event->head->word.fetch_add(0, std::memory_order_acq_rel) & kSet) != 0;
+    if (isSet && !event->named) return TRUE;
     return Written(OrAndWakeAll(event->head->word, kSet, event->named));
 }
 
@@ -149,11 +153,12 @@ BOOL WINAPI PulseEvent(HANDLE handle) {
     HandleUse<NamedObject> event(handle, kEventType, EVENT_MODIFY_STATE);
     if (!event) return FALSE;
     if (event->kind != ObjectKind::ManualEvent) return Fail(ERROR_NOT_SUPPORTED);
-    // Nobody waits for a set event, so a pulse only resets it. Otherwise the word moves to the next even value, which
+    // No wait begins at a set event, so a pulse only resets it. Otherwise the word moves to the next even value, which
     // releases the waiters. A set that comes in between stays: it came after the pulse.
     event->head->word.fetch_add(0, std::memory_order_acq_rel);
-    if (Clear(*event.Get())) return TRUE;
-    return Written(AddAndWakeAll(event->head->word, 2, event->named));
+    const bool wasSet = Clear(*event.Get());
+    if (wasSet && !event->named) return TRUE;
+    return Written(AddAndWakeAll(event->head->word, wasSet ? 0 : 2, event->named));
 }
 
 BOOL WINAPI OrielEventPosition(HANDLE handle, DWORD* position, BOOL* isSet) {
