@@ -25,7 +25,7 @@ struct NamedObject : Object {
     bool readOnly = false;          // another user's: only to wait for, or to read
     std::atomic<bool> owned{false}; // a thread owns the mutex, with a reference of its own
     ObjectHead own{};               // of an unnamed object
-    ObjectHead* head = &own;        // of a named object: the mapping; a section's is followed by its bytes
+    ObjectHead* head = &own;        // of a named object: the mapping, for a section its bytes
     int file = -1;                  // of a named mutex, for its lock
     ServerHold hold;
     char name[kLongestObjectName + 1] = ""; // "" after the name was given back

@@ -94,8 +94,7 @@ LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWOR
     std::unique_ptr<View> view(new (std::nothrow) View{});
     if (view == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     // A move of no bytes of a shared mapping copies it.
-    void* content = reinterpret_cast<char*>(section->head) + kSectionOffset;
-    void* address = mremap(content, 0, size, MREMAP_MAYMOVE);
+    void* address = mremap(section->head, 0, size, MREMAP_MAYMOVE);
     if (address == MAP_FAILED) return Fail(SystemError(errno), nullptr);
     madvise(address, size, MADV_DOFORK);
     if ((access & FILE_MAP_WRITE) == 0) mprotect(address, size, PROT_READ);

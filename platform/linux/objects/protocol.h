@@ -21,20 +21,19 @@ inline bool IsEvent(ObjectKind kind) {
     return kind == ObjectKind::ManualEvent || kind == ObjectKind::AutoEvent;
 }
 
-// The first 64 bytes of an object's memory. The bytes of a section follow at kSectionOffset. Whoever may change the
-// object may write anything here.
+// The memory of an event or a mutex, 64 bytes; that of a section has only its own bytes. Whoever may change the object
+// may write anything here.
 struct ObjectHead {
     Word word;  // event: its state (kernel/event.cpp). mutex: the word that waiters sleep on (kernel/mutex.cpp)
     Word owner; // mutex: not 0 while owned
     uint32_t unused[14];
 };
 static_assert(sizeof(ObjectHead) == 64 && offsetof(ObjectHead, owner) == 4);
-constexpr uint32_t kSectionOffset = 4096;
 constexpr uint32_t kLargestSection = 1 << 20;
 constexpr uint32_t kLongestObjectName = 250;
 
 inline uint32_t ObjectBytes(ObjectKind kind, uint32_t size) {
-    return kind == ObjectKind::Section ? kSectionOffset + size : uint32_t{sizeof(ObjectHead)};
+    return kind == ObjectKind::Section ? size : uint32_t{sizeof(ObjectHead)};
 }
 
 enum class ObjectAction : uint32_t {

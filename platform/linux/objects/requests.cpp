@@ -22,6 +22,10 @@ constexpr unsigned kMfdNoExecSeal = 8; // of Linux 6.3, not in every C library's
 
 std::span<const ORIEL_RESERVED_NAME> g_rules;
 
+bool WriteWord(int memory, uint32_t word) {
+    return pwrite(memory, &word, sizeof word, offsetof(ObjectHead, word)) == ssize_t{sizeof word};
+}
+
 // The memory of a new object: nobody can change its size, and only the server's user could open it by a path.
 int MakeMemory(const ObjectRequest& request) {
     char name[NAME_MAX - 5] = ""; // for those who look at /proc/PID/maps
@@ -31,8 +35,7 @@ int MakeMemory(const ObjectRequest& request) {
     // Allocated, so that no access to it fails later.
     if (!file.IsOpen() || fchmod(file.Get(), S_IRUSR | S_IWUSR) != 0 ||
         posix_fallocate(file.Get(), 0, ObjectBytes(request.kind, request.size)) != 0 ||
-        pwrite(file.Get(), &request.word, sizeof request.word, offsetof(ObjectHead, word)) !=
-            ssize_t{sizeof request.word} ||
+        (request.kind != ObjectKind::Section && !WriteWord(file.Get(), request.word)) ||
         fcntl(file.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
         return -1;
     return file.Release();
