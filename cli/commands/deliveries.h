@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/opened_printer.h"
+#include "commands/commands.h"
 
 #include <memory>
 #include <optional>
