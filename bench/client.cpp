@@ -21,8 +21,8 @@
 //                    no rounds: opens the printers of these numbers, each for the first time, and keeps them open,
 //                    until one cannot be opened; prints the nanoseconds of each open, then the number of opens
 //   watchers PRINTER N
-//                    no rounds: the bytes of this process for each of N registrations that wait, after they were told
-//                    once; they stay
+//                    no rounds: the bytes of this process for each of N registrations that wait, some seconds after they
+//                    were told once; they stay
 //
 // State: the event that deliveries set (g_told).
 #include <tvsqdz.h>
@@ -239,6 +239,9 @@ double ProportionalBytes() {
 }
 
 // Every registration has an event of its own, to know that each has delivered and waits again.
+// Longer than a watcher's look for a new service, after which it gives back what it does not use.
+constexpr DWORD kRestsAfterMs = 5000;
+
 int HoldWatchers(const char* printer, size_t count) {
     const TvsManager manager = Open(printer);
     std::vector<HANDLE> events(count + 1);
@@ -254,6 +257,7 @@ int HoldWatchers(const char* printer, size_t count) {
     if (UpdatePrinterStatusA(manager, kToldVariable, &value, sizeof value) != TVS_OK) return 1;
     for (const HANDLE event : events)
         if (WaitForSingleObject(event, 10000) != WAIT_OBJECT_0) return 1;
+    Sleep(kRestsAfterMs);
     std::printf("%.0f\n", (ProportionalBytes() - before) / static_cast<double>(count));
     std::fflush(stdout);
     std::getchar(); // the registrations stay while the service's memory is measured

@@ -48,8 +48,15 @@ Woken SignalWait::Wait(DWORD milliseconds) {
     HANDLE handles[MAXIMUM_WAIT_OBJECTS];
     DWORD positions[MAXIMUM_WAIT_OBJECTS];
     const DWORD count = Gather(handles, positions);
+    if (m_isToRest) OrielRestThread();
+    m_isToRest = false;
     const DWORD result = OrielWaitFrom(count, handles, positions, milliseconds);
-    if (result == WAIT_TIMEOUT) return Woken::TimedOut;
+    if (result == WAIT_TIMEOUT) {
+        m_isToRest = !m_rests;
+        m_rests = true;
+        return Woken::TimedOut;
+    }
+    m_rests = false;
     if (result >= WAIT_OBJECT_0 + count) return Woken::Failed;
     const HANDLE woken = handles[result - WAIT_OBJECT_0];
     if (woken == m_handles[0]) return Woken::Stopped;

@@ -1,4 +1,5 @@
-/* Waits that remember, which Win32 does not have: a pulse between two waits is not lost. This layer's own. */
+/* Waits that remember, which Win32 does not have: a pulse between two waits is not lost; and threads that wait for
+ * long. This layer's own. */
 #ifndef ORIEL_WAIT_H
 #define ORIEL_WAIT_H
 
@@ -26,6 +27,11 @@ WINBASEAPI BOOL WINAPI OrielEventPosition(HANDLE event, DWORD* position, BOOL* i
  *     }
  */
 WINBASEAPI DWORD WINAPI OrielWaitFrom(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds);
+
+/* For a thread that is likely to sleep for long: gives back the memory of the stack that it does not use, and its
+ * connections to RPC servers, which other threads of the process may use; a few are kept for them. The thread has them
+ * again when it needs them. */
+WINBASEAPI void WINAPI OrielRestThread(void);
 
 WINBASE_END
 

@@ -1002,7 +1002,11 @@ def plant_windows(a):
                 path.write_bytes(struct.pack("<6IQ260s260s", 0x4E49574F, 1, 0x10000 + number + 100 * a.user, 1, 1, 0, 0, name, b"y" * 260))
             else:
                 os.mkfifo(path, 0o666)
-                a.kept.append(os.open(path, os.O_RDWR | os.O_NONBLOCK))
+                made.append(path)
+                try:
+                    a.kept.append(os.open(path, os.O_RDWR | os.O_NONBLOCK))
+                except FileNotFoundError:  # swept away
+                    continue
             made.append(path)
     a.hold()
     for path in made:
@@ -1039,15 +1043,18 @@ def many_jobs(a):
     library.change_job(printer, library.spool(printer), CANCEL_JOB)
     # A thousand calls take a minute, so most jobs are written by hand.
     made = [STATE / "jobs" / str(300000 + 2000 * a.user + number) for number in range(995)]
-    for path in made:
-        path.write_bytes(struct.pack("<4I2q1024s64s64s", 0x626A724F, 1, 0, 0, 999, 0, b"x", b"RAW", b"m"))
+    for path in [*made]:
+        try:
+            path.write_bytes(struct.pack("<4I2q1024s64s64s", 0x626A724F, 1, 0, 0, 999, 0, b"x", b"RAW", b"m"))
+        except PermissionError:  # the number is another user's
+            made.remove(path)
     if a.until_refused("jobs beside 995", lambda: library.spool(printer), 100) > 5:
         a.breach("spooled more than 1,000 jobs")
     a.hold()
     for job in a.kept:
         library.change_job(printer, job, CANCEL_JOB)
     for path in made:
-        path.unlink()
+        path.unlink(missing_ok=True)
 
 
 @attack("spool", "spools more bytes than it may, in a sparse file")

@@ -75,6 +75,16 @@ Awake SleepOnOne(const SleepPoint& point, int64_t deadline) {
                            deadline == kNever ? nullptr : &end, nullptr, FUTEX_BITSET_MATCH_ANY));
 }
 
+template <uint32_t most>
+[[gnu::noinline]] Awake SleepOnUpTo(const SleepPoint* points, uint32_t count, int64_t deadline) {
+    futex_waitv words[most];
+    for (uint32_t i = 0; i < count; ++i)
+        words[i] = {points[i].value, reinterpret_cast<uintptr_t>(points[i].word),
+                    FUTEX_32 | static_cast<uint32_t>(FutexFlags(points[i].shared)), 0};
+    const timespec end = ToTimespec(deadline);
+    return Outcome(syscall(SYS_futex_waitv, words, count, 0, deadline == kNever ? nullptr : &end, CLOCK_MONOTONIC));
+}
+
 bool ChangeAndWakeAll(Word& word, uint32_t operation, uint32_t operand, bool shared) {
     // FUTEX_WAKE_OP takes two addresses. Both are this word: it wakes all sleepers on the first and none on the second.
     return syscall(SYS_futex, &word, FUTEX_WAKE_OP | FutexFlags(shared), INT_MAX, 0L, &word,
@@ -95,14 +105,9 @@ int64_t DeadlineAfter(DWORD milliseconds) {
 
 Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline) {
     if (count == 1) return SleepOnOne(points[0], deadline);
-    if (HaveWaitv()) {
-        futex_waitv words[kMaxSleepPoints];
-        for (uint32_t i = 0; i < count; ++i)
-            words[i] = {points[i].value, reinterpret_cast<uintptr_t>(points[i].word),
-                        FUTEX_32 | static_cast<uint32_t>(FutexFlags(points[i].shared)), 0};
-        const timespec end = ToTimespec(deadline);
-        return Outcome(syscall(SYS_futex_waitv, words, count, 0, deadline == kNever ? nullptr : &end, CLOCK_MONOTONIC));
-    }
+    if (HaveWaitv())
+        return count <= kFewSleepPoints ? SleepOnUpTo<kFewSleepPoints>(points, count, deadline)
+                                        : SleepOnUpTo<kMaxSleepPoints>(points, count, deadline);
     // No futex_waitv. The end of a slice is reported as Look, so that the caller looks at all objects.
     for (uint32_t i = 1; i < count; ++i)
         if (points[i].word->load() != points[i].value) return Awake::Look;

@@ -28,6 +28,8 @@ struct SleepPoint {
     bool shared;
 };
 constexpr uint32_t kMaxSleepPoints = 65; // 64 objects and the state word of the thread
+// A thread that sleeps on no more needs little of its stack.
+constexpr uint32_t kFewSleepPoints = 5;
 
 enum class Awake {
     Look, // a word may have changed: look again. Also after a signal, or a slice of a longer sleep

@@ -14,6 +14,7 @@ constexpr const ForkSteps* kForkSteps[] = {
     &kThreadFork,    &kLibrariesFork};
 
 constexpr StoppedThreadStep* kStoppedThreadSteps[] = {&DropWindowsOfStoppedThread};
+constexpr RestingThreadStep* kRestingThreadSteps[] = {&GiveUpOwnConnections};
 
 void Before() {
     for (const ForkSteps* steps : kForkSteps)
@@ -40,6 +41,11 @@ void WatchForFork() {
 void RunStoppedThreadSteps(DWORD threadId) {
     for (StoppedThreadStep* step : kStoppedThreadSteps)
         step(threadId);
+}
+
+void RunRestingThreadSteps() {
+    for (RestingThreadStep* step : kRestingThreadSteps)
+        step();
 }
 
 } // namespace oriel

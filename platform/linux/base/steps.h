@@ -1,5 +1,5 @@
-// What the folders do when the process forks, and when a thread has been stopped. A folder declares its steps here and
-// defines them next to its state.
+// What the folders do when the process forks, when a thread has been stopped, and when it rests. A folder declares its
+// steps here and defines them next to its state.
 //
 // A fork child starts with no handles of the layer, owns no mutex and keeps none of its parent's objects alive. It may
 // use the layer afresh. This holds for fork(), whose hooks run these steps. A bare clone system call runs none; its
@@ -48,5 +48,11 @@ using StoppedThreadStep = void(DWORD threadId);
 extern StoppedThreadStep DropWindowsOfStoppedThread;
 
 void RunStoppedThreadSteps(DWORD threadId);
+
+// Runs on a thread that may sleep for long: gives back what it can have again.
+using RestingThreadStep = void();
+extern RestingThreadStep GiveUpOwnConnections;
+
+void RunRestingThreadSteps();
 
 } // namespace oriel

@@ -6,6 +6,7 @@
 
 #include "base/call.h"
 #include "base/steps.h"
+#include "memory/own_stack.h"
 #include "security/credentials.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <handleapi.h>
 #include <libloaderapi.h>
 #include <new>
+#include <oriel_wait.h>
 #include <processthreadsapi.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -236,4 +238,10 @@ BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exitCode) {
     if (!thread) return FALSE;
     *exitCode = thread->ended.load(std::memory_order_acquire) != 0 ? thread->exitCode.load() : STILL_ACTIVE;
     return TRUE;
+}
+
+void WINAPI OrielRestThread() {
+    const TerminationHold hold;
+    RunRestingThreadSteps();
+    ReleaseUnusedStack();
 }

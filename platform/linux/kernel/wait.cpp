@@ -76,8 +76,10 @@ uint32_t AddOwnWord(SleepPoint* points, uint32_t count) {
     return count + 1;
 }
 
-DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
-    SleepPoint points[kMaxSleepPoints];
+// most: sleep points on the stack.
+template <uint32_t most>
+[[gnu::noinline]] DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
+    SleepPoint points[most];
     for (;;) {
         uint32_t sliceMs = 0;
         for (uint32_t i = 0; i < waiting.count; ++i) {
@@ -100,7 +102,9 @@ DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
 DWORD Wait(Waiting& waiting, DWORD milliseconds) {
     const DWORD result = LookAtAll(waiting, milliseconds != 0);
     if (result != WAIT_TIMEOUT || milliseconds == 0) return result;
-    return SleepOnAll(waiting, DeadlineAfter(milliseconds));
+    const int64_t deadline = DeadlineAfter(milliseconds);
+    return waiting.count < kFewSleepPoints ? SleepOnAll<kFewSleepPoints>(waiting, deadline)
+                                           : SleepOnAll<kMaxSleepPoints>(waiting, deadline);
 }
 
 } // namespace
@@ -118,7 +122,6 @@ DWORD WINAPI WaitForSingleObject(HANDLE object, DWORD milliseconds) {
 
 namespace {
 
-// most: room on the stack, which a thread that waits for a few objects need not have for 64.
 template <DWORD most>
 [[gnu::noinline]] DWORD WaitForUpTo(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
     HandlePin pins[most];
@@ -133,7 +136,7 @@ template <DWORD most>
 
 // positions: null for a wait that begins now.
 DWORD WaitForAny(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds) {
-    constexpr DWORD kFew = 4;
+    constexpr DWORD kFew = kFewSleepPoints - 1; // and the thread's word
     if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || objects == nullptr) return FailWait(ERROR_INVALID_PARAMETER);
     return count <= kFew ? WaitForUpTo<kFew>(count, objects, positions, milliseconds)
                          : WaitForUpTo<MAXIMUM_WAIT_OBJECTS>(count, objects, positions, milliseconds);

@@ -16,6 +16,8 @@
 // size limit, and fork children would share the mapping.
 #include "memory/guard.h"
 
+#include "memory/own_stack.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -32,35 +34,6 @@
 
 namespace oriel {
 namespace {
-
-struct AddressRange {
-    uintptr_t begin = 0;
-    uintptr_t end = 0;
-
-    bool Holds(uintptr_t address, size_t size) const {
-        return address >= begin && address <= end && size <= end - address;
-    }
-};
-
-// The main thread's stack counts only up to this size. The kernel keeps at least 128 MiB below its top free of other
-// mappings.
-constexpr uintptr_t kMainStackReach = 64U << 20;
-
-// The stack of this thread; empty when it cannot be found.
-AddressRange FindOwnStack() {
-    AddressRange stack;
-    pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0) return stack;
-    void* lowest = nullptr;
-    size_t size = 0;
-    if (pthread_attr_getstack(&attributes, &lowest, &size) == 0 && lowest != nullptr) {
-        stack.begin = reinterpret_cast<uintptr_t>(lowest);
-        stack.end = stack.begin + size;
-        if (stack.end - stack.begin > kMainStackReach) stack.begin = stack.end - kMainStackReach;
-    }
-    pthread_attr_destroy(&attributes);
-    return stack;
-}
 
 // True for the used part of the thread's stack, from the frame of an export's caller up. False on a stack that is not
 // the thread's own (a coroutine, a signal stack).

@@ -152,7 +152,7 @@ void Destroy(Connection* connection) ORIEL_LOCK_CHECK(requires_capability(g_lock
     Unreference(association);
 }
 
-void GiveUpConnections(void*) {
+void GiveUpConnections() {
     LockHold hold(g_lock);
     while (t_connections != nullptr) {
         Connection* connection = t_connections;
@@ -187,7 +187,7 @@ void DropClosed() ORIEL_LOCK_CHECK(requires_capability(g_lock)) {
 // Puts an idle connection, or a new one without a socket, into the thread's list. Null: out of memory.
 Connection* AddConnection(Association& association) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_key_create(&g_threadKey, GiveUpConnections); });
+    pthread_once(&once, [] { pthread_key_create(&g_threadKey, [](void*) { GiveUpConnections(); }); });
     WatchForFork();
     LockHold hold(g_lock);
     DropClosed();
@@ -382,4 +382,7 @@ void LeaveAssociationsToParent() ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
 
 namespace oriel {
 const ForkSteps kRpcClientFork{TakeForFork<rpc::g_lock>, ReleaseAfterFork<rpc::g_lock>, rpc::LeaveAssociationsToParent};
+void GiveUpOwnConnections() {
+    rpc::GiveUpConnections();
+}
 } // namespace oriel

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <list>
+#include <malloc.h>
 #include <new>
 #include <poll.h>
 #include <sys/resource.h>
@@ -135,6 +136,10 @@ void* AcceptThread(void* argument) {
     return nullptr;
 }
 
+// From this size on a block is a mapping of its own, so that a client's large messages leave no memory behind. The
+// allocator would raise the limit with each large block that is freed.
+constexpr int kOwnMapping = 128 * 1024;
+
 // A client needs a descriptor, and on some file systems so does each of its events. The usual limit is meant for
 // programs that use select.
 void RaiseDescriptorLimit() {
@@ -223,6 +228,7 @@ RPC_STATUS RPC_ENTRY RpcServerListen(unsigned int, unsigned int, unsigned int Do
         if (g_state != State::Idle) return RPC_S_ALREADY_LISTENING;
         if (g_endpoints == nullptr || g_endpoints->empty()) return RPC_S_NO_PROTSEQS_REGISTERED;
         RaiseDescriptorLimit();
+        mallopt(M_MMAP_THRESHOLD, kOwnMapping);
         RPC_STATUS status = RPC_S_OK;
         for (Endpoint& endpoint : *g_endpoints) {
             status = BindEndpoint(endpoint);

@@ -44,7 +44,9 @@ private:
     DWORD m_count = 1; // of the handles
     HANDLE m_started = nullptr;
     [[maybe_unused]] DWORD m_startedPosition = 0;
-    [[maybe_unused]] DWORD m_repeats = 0; // waits that ended by themselves since the last pulse
+    [[maybe_unused]] bool m_isToRest = true; // before the next wait: what came before may have been deep
+    [[maybe_unused]] bool m_rests = false;   // nothing has come since the last wait ended by its time
+    [[maybe_unused]] DWORD m_repeats = 0;    // waits that ended by themselves since the last pulse
 };
 
 } // namespace product
