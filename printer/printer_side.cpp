@@ -26,7 +26,7 @@ using namespace product;
 namespace {
 
 constexpr DWORD kIdleLookMs = 1000;
-constexpr DWORD kFirstRetryMs = 50; // to connect; doubled each time
+constexpr DWORD kFirstRetryMs = 50; // to connect; half as long again each time
 constexpr DWORD kLongestRetryMs = 2000;
 
 // Where requests are forwarded, the request variable is written first. Its request is carried out only if it is not
@@ -63,6 +63,8 @@ struct PrinterSide {
     const Device& device;
     HANDLE stop;
     Link link;
+    const KernelHandle serviceStarted{
+        product::CreateEventForEveryone(product::ObjectName(link.terminalServer, product::kServiceStartedName).text)};
     DWORD lastTick = GetTickCount();
     ULONGLONG now = 0;       // milliseconds since the start
     DWORD seen[2] = {};      // write counts of the two request variables
@@ -481,6 +483,7 @@ void WatchEvents(PrinterSide& side, SignalWait& signals) {
         signals.SetEvent(which, side.link.events[which]);
     signals.SetEvent(kWatchedCount, side.jobs->pagesOut);
     signals.SetEvent(kWatchedCount + 1, side.device.ready);
+    signals.SetStarted(side.serviceStarted.Get());
 }
 
 void HandleSignal(PrinterSide& side, DWORD which) {
@@ -508,6 +511,7 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
     UpdateClock(side);
     if (woken == Woken::Stopped) return false;
     if (woken == Woken::Failed) side.link.lost = true; // the handles are invalid: the next connection has new ones
+    if (woken == Woken::Started) CheckAll(side);       // a new service does not know the link
     if (woken != Woken::Signalled) return true;
     DWORD next = 0;
     bool any = false;
@@ -574,7 +578,7 @@ void Serve(PrinterSide& side) {
         }
         Disconnect(side.link);
         if (goOn && WaitForSingleObject(side.stop, retry) == WAIT_OBJECT_0) goOn = false;
-        retry = std::min(retry * 2, kLongestRetryMs);
+        retry = std::min(retry + retry / 2, kLongestRetryMs);
     }
 }
 

@@ -1,4 +1,6 @@
-// How long to wait before a process that ended is started again: longer each time, and short again after a long run.
+// How long to wait before a process that ended is started again. One that had run for a while was killed, or met
+// something rare: it is back almost at once. One that ends at its start again and again waits longer each
+// time.
 // State: the object's.
 #pragma once
 
@@ -12,17 +14,19 @@ public:
     void Began() { m_began = GetTickCount(); }
     // Call when it has ended or could not be started. Returns the pause in milliseconds.
     DWORD AfterEnd() {
-        if (GetTickCount() - m_began > kHealthyMs) m_next = kFirstMs;
-        const DWORD pause = m_next;
-        m_next = std::min(m_next * 2, kLongestMs);
-        return pause;
+        m_short = GetTickCount() - m_began > kHealthyMs ? 0 : std::min(m_short + 1, kShortMax);
+        if (m_short < kShortAtOnce) return kFirstMs;
+        return std::min(kLongerMs << (m_short - kShortAtOnce), kLongestMs);
     }
 
 private:
-    static constexpr DWORD kFirstMs = 500;
+    static constexpr DWORD kFirstMs = 50;
+    static constexpr DWORD kHealthyMs = 500; // of running; longer than a start that fails takes
+    static constexpr DWORD kShortAtOnce = 5; // short runs in a row
+    static constexpr DWORD kLongerMs = 500;  // after so many; then doubled
     static constexpr DWORD kLongestMs = 30000;
-    static constexpr DWORD kHealthyMs = 60000; // of running
+    static constexpr DWORD kShortMax = 16;
 
     DWORD m_began = GetTickCount();
-    DWORD m_next = kFirstMs;
+    DWORD m_short = 0;
 };

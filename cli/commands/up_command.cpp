@@ -26,7 +26,7 @@ namespace {
 
 constexpr DWORD kStartMs = 30000;  // for the service to run, and to stop
 constexpr DWORD kPollMs = 20;      // while it is starting or stopping
-constexpr DWORD kWatchMs = 250;    // while it runs
+constexpr DWORD kWatchMs = 100;    // while it runs
 constexpr DWORD kWindowsMs = 5000; // between looks at all windows
 
 HANDLE g_stop = nullptr;
