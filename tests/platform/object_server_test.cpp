@@ -232,6 +232,26 @@ CHILD_PROCESS(SetsWhenTold) {
     return 0;
 }
 
+// Whoever may set an event may also write its word, and need not wake anybody.
+TEST(ObjectServer, ASetOrAPulseWakesWhateverTheWordOfTheEventSays) {
+    const Owned event = NewEvent("Scribbled");
+    const int memory = MemoryOf("Scribbled");
+    ASSERT_GE(memory, 0);
+    uint32_t looksSet = 0x4711;
+    for (const auto wake : {&SetEvent, &PulseEvent}) {
+        DWORD id = 0;
+        const Owned waiter = StartThread([&]() -> DWORD { return Wait(event, 10000); }, &id);
+        ASSERT_TRUE(WaitUntil([&] { return IsAsleep(id); }));
+        looksSet += 0x1000;
+        ASSERT_EQ(pwrite(memory, &looksSet, sizeof looksSet, 0), ssize_t{sizeof looksSet});
+        EXPECT_TRUE(wake(event));
+        EXPECT_EQ(Wait(waiter, 5000), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(Finish(waiter), DWORD{WAIT_OBJECT_0});
+        EXPECT_TRUE(ResetEvent(event));
+    }
+    close(memory);
+}
+
 TEST(ObjectServer, EndsWhenNobodyNeedsItAndLeavesNothing) {
     EXPECT_EQ(RunForked([] { return NewEvent("E") != nullptr ? 0 : 1; }), 0);
     EXPECT_EQ(ObjectServerProcesses().size(), 2U);

@@ -170,9 +170,9 @@ bool Watcher::AwaitNews(DWORD pause) {
         }
         const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
         if (isLost || !m_isWhole) RenewWatches();
-        if (woken != product::Woken::TimedOut)
-            for (DWORD k = 0; k < m_count; ++k)
-                Look(m_variables[k], k);
+        // Also after the time: whoever may signal the event can also hide a pulse.
+        for (DWORD k = 0; k < m_count; ++k)
+            Look(m_variables[k], k);
         const bool isOver = !idle && woken == product::Woken::TimedOut;
         if (isOver || std::any_of(m_variables, m_variables + m_count, [](const Watched& each) { return each.isNews; }))
             return true;
