@@ -52,9 +52,13 @@ std::optional<DeviceRecord> ReadDeviceState(const std::string& printer) {
     Guard<DatabaseHandle, &CloseDatabase> database;
     if (OpenDatabase(name.c_str(), database.Receive()) != Answer::Done) return std::nullopt;
     std::vector<BYTE> value;
+    if (ReadWholeValue(database.Get(), kDeviceVariable, &value) != Answer::Done) return std::nullopt;
+    return ParseDeviceRecord(value);
+}
+
+std::optional<DeviceRecord> ParseDeviceRecord(const std::vector<uint8_t>& value) {
     DeviceRecord record{};
-    if (ReadWholeValue(database.Get(), kDeviceVariable, &value) != Answer::Done || value.size() != sizeof record)
-        return std::nullopt;
+    if (value.size() != sizeof record) return std::nullopt;
     std::memcpy(&record, value.data(), sizeof record);
     if (record.version != kDeviceRecordVersion) return std::nullopt;
     return record;
@@ -86,6 +90,17 @@ std::string DurationText(uint64_t milliseconds) {
     return std::to_string(milliseconds / kSecond) + " s";
 }
 
+std::string AddressOf(const DeviceRecord& record) {
+    return FieldText(record.device);
+}
+
+std::string TroubleOf(const DeviceRecord& record) {
+    if (!IsStale(record)) return "";
+    const std::string trouble = FieldText(record.trouble);
+    if (record.up == 0) return trouble.empty() ? "does not answer" : trouble;
+    return record.answeredAt == 0 ? "has not answered yet" : "is overdue";
+}
+
 std::string DeviceText(const DeviceRecord& record) {
     const std::optional<uint64_t> age = AgeMs(record);
     const std::string trouble = FieldText(record.trouble);
@@ -96,7 +111,7 @@ std::string DeviceText(const DeviceRecord& record) {
 
 Json DeviceJson(const DeviceRecord& record) {
     const std::optional<uint64_t> age = AgeMs(record);
-    return {{"address", FieldText(record.device)},
+    return {{"address", AddressOf(record)},
             {"answers", record.up != 0},
             {"trouble", FieldText(record.trouble)},
             {"age_ms", age ? Json(*age) : Json(nullptr)},

@@ -15,6 +15,9 @@
 // printer: ANSI. None without a service, without a database of the printer, or when no printer side has told one.
 std::optional<DeviceRecord> ReadDeviceState(const std::string& printer);
 
+// The record in a value of the variable; none: it is not one.
+std::optional<DeviceRecord> ParseDeviceRecord(const std::vector<uint8_t>& value);
+
 // Of a time (UTC) that is not all zero.
 std::optional<uint64_t> AgeMs(const SYSTEMTIME& time);
 // The age of the last answer in milliseconds; none: there was none.
@@ -22,6 +25,10 @@ std::optional<uint64_t> AgeMs(const DeviceRecord& record);
 // What was read is no longer sure: the printer does not answer, or is overdue.
 bool IsStale(const DeviceRecord& record);
 
+// What is asked; UTF-8.
+std::string AddressOf(const DeviceRecord& record);
+// Why what was read is no longer sure, without numbers that change; empty while it is sure.
+std::string TroubleOf(const DeviceRecord& record);
 // "answered 2 s ago", "does not answer: no connection to printer port 631".
 std::string DeviceText(const DeviceRecord& record);
 Json DeviceJson(const DeviceRecord& record);

@@ -1,30 +1,16 @@
-// The command line of `oriel`: its commands and options, and the one place that prints a failure. No state.
-#include "commands/commands.h"
-#include "base/layer.h"
+// The command line of `oriel`: its commands and their options. No state.
+#include "base/command_line.h"
 #include "base/opened_printer.h"
 #include "base/output.h"
 #include "base/text.h"
+#include "commands/commands.h"
 
 #include <CLI/CLI.hpp>
 #include <tvsqdz.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <functional>
 
 namespace {
-
-constexpr const char* kExitCodes = R"(Exit codes:
-  0  done
-  1  false, or not found
-  2  the command line, or a value on it, is wrong; nothing was done
-  3  the product is not installed or not running
-  4  access denied
-  5  timed out
-
-With --json a command prints one JSON document ('up' and 'watch': one line for each event), also when it fails:
-{"error": {"exitCode", "what", "why", "next", "code"}}. Output to a terminal is coloured unless NO_COLOR is set.)";
 
 using Command = std::function<Exit()>;
 
@@ -45,8 +31,7 @@ struct Arguments {
     UpOptions up;
     bool recursive = false, tree = false, explain = false;
     std::vector<std::string> helpFor;
-    bool json = false; // known before the parse: WantsJson
-    std::string scope; // the layer knows it already
+    CommonOptions common;
 };
 
 std::optional<std::string> WhenGiven(const CLI::Option* option, const std::string& value) {
@@ -285,25 +270,7 @@ void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
     exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
 }
 
-Exit Fail(const Failure& failure) {
-    PrintFailure(failure);
-    return failure.exitCode;
-}
-
 // ---- help, and command lines that cannot be parsed
-
-// The help of each command lists the common options too.
-void AddCommonOptions(CLI::App& command, Arguments& a) {
-    command.add_flag("--json", a.json, "Print JSON");
-    if (HasScopes()) {
-        command
-            .add_option("--scope", a.scope,
-                        "The product to talk to: the system's, or your own (default: your own while it is up)")
-            ->check(CLI::IsMember({"system", "user"}));
-    }
-    for (CLI::App* below : command.get_subcommands({}))
-        AddCommonOptions(*below, a);
-}
 
 std::vector<std::string> CommandNames(const CLI::App& command) {
     std::vector<std::string> names;
@@ -368,22 +335,6 @@ std::vector<std::string> Words(int argc, char** argv) {
     return words;
 }
 
-Failure ParseFailure(CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
-    const std::string name = PathOf(&FindCommand(app, Words(argc, argv)));
-    std::string what = error.what();
-    std::replace(what.begin(), what.end(), '\n', ' ');
-    if (what.starts_with("A subcommand")) what = "a command is missing";
-    if (what.starts_with("The ")) what[0] = 't';
-    return UsageFailure(what, "see '" + name + " --help'");
-}
-
-// Before the parse, which may fail before it reaches the option.
-bool WantsJson(int argc, char** argv) {
-    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i)
-        if (std::string_view(argv[i]) == "--json") return true;
-    return false;
-}
-
 Exit Run(int argc, char** argv) {
     Arguments arguments;
     Command chosen;
@@ -408,50 +359,20 @@ Exit Run(int argc, char** argv) {
     AddNameCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
     AddHelpCommand(app, arguments, chosen);
-    AddCommonOptions(app, arguments);
+    AddCommonOptions(app, arguments.common);
     app.footer(kExitCodes); // last: commands inherit it otherwise
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& wanted) { // --help, --version
-        app.exit(wanted);
+    if (!Parse(app, argc, argv, arguments.common, [&] { return PathOf(&FindCommand(app, Words(argc, argv))); }))
         return Exit::Done;
-    } catch (const CLI::ParseError& error) {
-        throw ParseFailure(app, argc, argv, error);
-    }
-    if (ScopeName() == "environment" && !arguments.scope.empty())
-        throw UsageFailure("--scope has no effect here: the environment names the directories",
-                           "unset ORIEL_STATE_DIR and ORIEL_RUNTIME_DIR, or omit it");
     return chosen();
-}
-
-Exit RunAndReport(int argc, char** argv) {
-    Exit result = Exit::False;
-    try {
-        DetectColour();
-        g_output.json = WantsJson(argc, argv);
-        const std::vector<std::string> words = Words(argc, argv);
-        g_output.stream = !words.empty() && (words.front() == "up" || words.front() == "watch");
-        result = Run(argc, argv);
-    } catch (const Failure& failure) {
-        result = Fail(failure);
-    } catch (const std::exception& error) {
-        result = Fail({Exit::False, "unexpected failure", error.what(), ""});
-    }
-    if (const std::optional<Failure> failure = OutputFailure()) {
-        PrintError(*failure);
-        if (result == Exit::Done) result = failure->exitCode;
-    }
-    return result;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    // Without memory for the report of a failure, or for the end of a JSON document, which needs some.
-    std::set_terminate([] {
-        std::fputs("oriel: error: not enough memory\n", stderr);
-        std::_Exit(static_cast<int>(Exit::False));
+    return RunAndReport(argc, argv, [&] {
+        const std::vector<std::string> words = Words(argc, argv);
+        g_output.stream = !words.empty() && (words.front() == "up" || words.front() == "watch");
+        return Run(argc, argv);
     });
-    return static_cast<int>(RunAndReport(argc, argv));
 }
