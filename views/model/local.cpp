@@ -33,12 +33,13 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr auto kBusySweep = 50ms;
-constexpr auto kIdleSweep = 100ms; // a change is seen soon enough for a page that promises 200 ms
-constexpr auto kBusyFor = 10s;     // after a change
-constexpr auto kLook = 1s;         // between looks at the service, the printer list, and values that are not published
-constexpr auto kAbsentLook = 10s;  // for a variable that the database does not have
-constexpr auto kSpoolerLook = 30s; // for printers that only the spooler knows; it may be a print server
-constexpr DWORD kAnswerMs = 5000;  // a service that was stopped must not block a view for longer
+constexpr auto kIdleSweep = 100ms;  // a change is seen soon enough for a page that promises 200 ms
+constexpr auto kBusyFor = 10s;      // after a change
+constexpr auto kLook = 1s;          // between looks at the service, the printer list, and values that are not published
+constexpr auto kInstalledLook = 2s; // whether the printers are still there: a look at the registry for each
+constexpr auto kAbsentLook = 10s;   // for a variable that the database does not have
+constexpr auto kSpoolerLook = 30s;  // for printers that only the spooler knows; it may be a print server
+constexpr DWORD kAnswerMs = 5000;   // a service that was stopped must not block a view for longer
 constexpr int64_t kTicksPerMs = 10000;             // of FILETIME
 constexpr int64_t kUnixEpochMs = 11644473600000LL; // 1970 after 1601
 
@@ -264,6 +265,7 @@ struct LocalPrinters::State {
     std::vector<BYTE> list{}; // of printers, as it is stored
     DWORD listWrites = 0;
     Clock::time_point listDue{};
+    Clock::time_point installedDue{};
     Clock::time_point spoolerDue{};
     std::set<std::string> inSpooler{};
 
@@ -343,6 +345,7 @@ bool LocalPrinters::State::ReadList() {
     if (answer != Answer::Done) return answer == Answer::UnknownVariable || answer == Answer::BeingInitialised;
     if (writes == listWrites && !list.empty()) return true;
     listWrites = writes;
+    installedDue = {};
     return ReadWholeValue(master, product::kPrinterListVariable, &list) == Answer::Done;
 }
 
@@ -374,6 +377,8 @@ void LocalPrinters::State::Follow(const product::ListedPrinter& listed) {
 bool LocalPrinters::State::RefreshPrinters(Clock::time_point time, std::vector<Change>& changes) {
     listDue = time + kLook;
     if (!ReadList()) return false;
+    if (time < installedDue) return true;
+    installedDue = time + kInstalledLook;
     std::set<std::string> gone;
     for (const auto& [name, printer] : followed)
         gone.insert(name);
@@ -397,7 +402,7 @@ bool LocalPrinters::State::RefreshPrinters(Clock::time_point time, std::vector<C
             changes.push_back(ChangeOf(ChangeKind::PrinterRemoved, shown));
         }
         followed.erase(place);
-        spoolerDue = {};
+        installedDue = spoolerDue = {}; // it may come back at once with another database
     }
     return true;
 }
@@ -433,7 +438,7 @@ void LocalPrinters::State::Disconnect(std::vector<Change>& changes) {
     connected = false;
     master = 0;
     list.clear();
-    listDue = spoolerDue = {};
+    listDue = installedDue = spoolerDue = {};
     variablesOf.clear();
     for (auto& [name, printer] : followed) {
         Forget(printer);
