@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 // The directories for persistent files, and for sockets and kernel objects. They need not exist. Empty on a system that
 // has no such directories.
@@ -23,6 +24,9 @@ std::string ShownPath(std::string path);
 
 // Makes a write to a closed pipe fail instead of ending the process.
 void KeepRunningOnClosedPipes();
+
+// Runs a program that lies beside this one in its place: same process, same streams. Throws Failure.
+[[noreturn]] void ReplaceProgram(const std::string& name, const std::vector<std::string>& arguments);
 
 // .reg text. An import is all or nothing; errorLine is the line that was refused, 0 when no line is to blame.
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine);

@@ -7,6 +7,7 @@
 #include "product/growing_reads.h"
 
 #include <oriel_directories.h>
+#include <oriel_programs.h>
 #include <oriel_streams.h>
 #include <oriel_supervisor.h>
 #include <winreg_text.h>
@@ -72,6 +73,16 @@ std::string ShownPath(std::string path) {
 
 void KeepRunningOnClosedPipes() {
     OrielFailOnClosedPipes();
+}
+
+void ReplaceProgram(const std::string& name, const std::vector<std::string>& arguments) {
+    std::vector<std::string> texts = arguments; // the call's are not const
+    std::vector<char*> words;
+    for (std::string& text : texts)
+        words.push_back(text.data());
+    words.push_back(nullptr);
+    OrielReplaceProgram(name.c_str(), words.data());
+    throw SystemFailure(GetLastError(), "cannot run " + name);
 }
 
 LSTATUS ImportRegistry(const std::string& text, DWORD& errorLine) {

@@ -27,6 +27,10 @@ std::string ShownPath(std::string path) {
 
 void KeepRunningOnClosedPipes() {} // on Windows they do not end processes
 
+void ReplaceProgram(const std::string& name, const std::vector<std::string>&) {
+    throw Failure{Exit::False, "cannot run " + name, "there is none for Windows", ""};
+}
+
 LSTATUS ImportRegistry(const std::string&, DWORD&) {
     throw Failure{Exit::False, "cannot import", "on Windows the system's own command does this",
                   "use 'reg import FILE'"};

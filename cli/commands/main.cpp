@@ -4,10 +4,12 @@
 #include "base/output.h"
 #include "base/text.h"
 #include "commands/commands.h"
+#include "commands/views.h"
 
 #include <CLI/CLI.hpp>
 #include <tvsqdz.h>
 
+#include <algorithm>
 #include <functional>
 
 namespace {
@@ -311,6 +313,8 @@ void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
     help->add_option("COMMAND", a.helpFor, "The command (default: all of them in short)");
     help->callback([&] {
         chosen = [&] {
+            const View* view = a.helpFor.empty() ? nullptr : FindView(a.helpFor.front());
+            if (view != nullptr) BecomeView(*view, {"--help"});
             const CLI::App& command = FindCommand(app, a.helpFor);
             // Not by help(), which on a parsed command shows the help of the command below it.
             const std::string path = PathOf(&command);
@@ -324,6 +328,14 @@ void AddHelpCommand(CLI::App& app, Arguments& a, Command& chosen) {
     });
 }
 
+// For the help; FindViewIn takes their command lines. Those that are not installed are not listed.
+void AddViews(CLI::App& app) {
+    for (const View& view : Views()) {
+        CLI::App* command = app.add_subcommand(view.name, view.purpose);
+        if (!IsInstalled(view)) command->group("");
+    }
+}
+
 // The words of a command line that are not options. Values of options count too; they come after the command.
 std::vector<std::string> Words(int argc, char** argv) {
     std::vector<std::string> words;
@@ -333,6 +345,16 @@ std::vector<std::string> Words(int argc, char** argv) {
         if (!word.starts_with('-')) words.push_back(word);
     }
     return words;
+}
+
+// Runs the view that is the first word of the command line, if one is, with all the others.
+void BecomeViewIn(int argc, char** argv) {
+    const std::vector<std::string> words = Words(argc, argv);
+    const View* view = words.empty() ? nullptr : FindView(words.front());
+    if (view == nullptr) return;
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    arguments.erase(std::find(arguments.begin(), arguments.end(), words.front()));
+    BecomeView(*view, arguments);
 }
 
 Exit Run(int argc, char** argv) {
@@ -358,6 +380,7 @@ Exit Run(int argc, char** argv) {
     AddPrinterCommands(app, arguments, chosen);
     AddNameCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
+    AddViews(app);
     AddHelpCommand(app, arguments, chosen);
     AddCommonOptions(app, arguments.common);
     app.footer(kExitCodes); // last: commands inherit it otherwise
@@ -371,6 +394,7 @@ Exit Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     return RunAndReport(argc, argv, [&] {
+        BecomeViewIn(argc, argv);
         const std::vector<std::string> words = Words(argc, argv);
         g_output.stream = !words.empty() && (words.front() == "up" || words.front() == "watch");
         return Run(argc, argv);

@@ -11,12 +11,14 @@
 #include "text/names.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <errhandlingapi.h>
 #include <fcntl.h>
 #include <handleapi.h>
 #include <memoryapi.h>
 #include <new>
+#include <oriel_programs.h>
 #include <processthreadsapi.h>
 #include <spawn.h>
 #include <string>
@@ -319,4 +321,19 @@ BOOL WINAPI WriteProcessMemory(HANDLE process, LPVOID baseAddress, LPCVOID buffe
     size_t copied = 0;
     const bool whole = GuardedWrite(baseAddress, buffer, size, &copied);
     return Report(whole, copied, bytesWritten);
+}
+
+BOOL WINAPI OrielReplaceProgram(LPCSTR name, LPSTR const* arguments) {
+    char own[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", own, sizeof own);
+    if (name == nullptr || arguments == nullptr || length <= 0 || length == ssize_t{sizeof own})
+        return Fail(ERROR_INVALID_PARAMETER);
+    const std::string path(own, static_cast<size_t>(length));
+    std::string program = path.substr(0, path.rfind('/') + 1) + name;
+    std::vector<char*> words{program.data()};
+    for (; *arguments != nullptr; ++arguments)
+        words.push_back(*arguments);
+    words.push_back(nullptr);
+    execv(program.c_str(), words.data());
+    return Fail(SystemError(errno));
 }
