@@ -1,0 +1,135 @@
+"""The journal: what was recorded is shown, whatever ends the recorder and whatever happens to the file."""
+import json
+import os
+import re
+import sqlite3
+import subprocess
+
+from conftest import BIN, wait_until
+
+
+def recorded(machine, *words, code=0):
+    return [json.loads(line) for line in machine.run("log", *words, "--json", code=code).splitlines()]
+
+
+def recorder(machine, printer):
+    """Starts one, and waits until it has seen the printer."""
+    presents = lambda: sum(row[0] for row in rows(machine, "SELECT count(*) FROM change WHERE told = 8 AND printer = ?",
+                                                  printer))
+    before = presents()
+    started = machine.start("log", "--record")
+    wait_until(lambda: presents() > before, "the recorder")
+    return started
+
+
+def rows(machine, query, *parameters):
+    found = []
+    for segment in sorted((machine.state / "history").glob("*.sqlite")):
+        database = sqlite3.connect(f"file:{segment}?mode=ro&vfs=unix-none", uri=True)
+        database.execute("PRAGMA locking_mode = EXCLUSIVE").fetchone()
+        try:
+            found += database.execute(query, parameters).fetchall()
+        finally:
+            database.close()
+    return found
+
+
+def test_shows_what_changed_to_other_users_too(up):
+    up.add("Front desk")
+    up.add("Back office")
+    assert "oriel config Views" in up.run("log", code=1)
+    recorder(up, "Front desk")
+    assert "already recorded" in up.run("log", "--record", code=1)
+    up.set("Front desk", "ErrPaperJam", 2)
+    up.set("Back office", "PageCount", 17)
+    changes = lambda: [each for each in recorded(up, "Front desk", "ErrPaperJam") if each["event"] == "change"]
+    change = wait_until(changes)[0]
+    assert (change["old"], change["value"], change["hex"], change["from"]) == (None, 2, "02 00 00 00", "device")
+    assert (change["meaning"], change["severity"], change["missed"]) == ("paper jam", "error", 0)
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z", change["time"])
+    wait_until(lambda: "Back office  PageCount: unknown -> 17 (0x11)" in up.run("log"))
+    assert "Front desk" not in up.run("log", "Back office")
+    assert up.run("log", "--since", "2099-01-01", code=1).startswith("oriel: nothing was recorded in this time")
+    assert "is no time" in up.run("log", "--since", "yesterday", code=2)
+    # Reads are open, and a reader needs no right to write.
+    (up.folder).chmod(0o755)
+    done = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", BIN / "oriel", "log", "--json"],
+                          env=up.env, capture_output=True, text=True)
+    assert done.returncode == 0 and '"name":"ErrPaperJam"' in done.stdout, done.stderr
+
+
+def test_nothing_acknowledged_is_lost_when_the_recorder_is_killed(up):
+    up.add("Front desk", script="".join(f"set PageCount {count}\nwait 10ms\n" for count in range(3000)))
+    values = lambda: [each["value"] for each in recorded(up, "Front desk", "PageCount", code=None)
+                      if each["event"] == "change"]
+    for _ in range(3):
+        before = values()
+        running = recorder(up, "Front desk")
+        acknowledged = wait_until(lambda: (found := values())[len(before):] and found)
+        running.kill()  # the printer counts on
+        assert values()[:len(acknowledged)] == acknowledged
+    recorder(up, "Front desk")
+    gaps = wait_until(lambda: (found := [each for each in recorded(up) if each["event"] == "gap"])[2:] and found)
+    assert len(gaps) == 3 and all(gap["since"] < gap["time"] for gap in gaps)
+    assert (final := values()) == sorted(final)
+
+
+def test_a_restart_of_the_service_is_a_gap(up):
+    up.add("Front desk")
+    recorder(up, "Front desk")
+    up.kill_service()
+    events = wait_until(lambda: (found := [each["event"] for each in recorded(up)]).count("connected") == 2 and found)
+    assert [each for each in events if each in ("disconnected", "connected", "gap")] == ["connected", "disconnected", "connected", "gap"]
+
+
+def test_a_damaged_segment_is_put_aside(up):
+    up.add("Front desk")
+    recorder(up, "Front desk").end()
+    segment, = (up.state / "history").glob("*.sqlite")
+    log = segment.with_name(segment.name + "-wal")
+    with open(log, "r+b") as file:  # what was not committed whole counts as not there
+        file.truncate(log.stat().st_size - 100)
+    assert up.run("log")
+    with open(segment, "r+b") as file:
+        file.seek(100)
+        file.write(os.urandom(8000))
+    log.unlink()
+    assert "cannot read" in up.run("log", code=1)
+    running = up.start("log", "--record")
+    changes = lambda: [each for each in recorded(up, "Front desk", "PageCount", code=None) if each["event"] == "change"]
+    wait_until(lambda: [each for each in recorded(up, code=None) if each["event"] == "added"])
+    up.set("Front desk", "PageCount", 5)
+    wait_until(changes)
+    assert segment.with_suffix(".damaged").exists() and "put aside" in "".join(running.errors)
+
+
+def test_the_journal_keeps_its_bounds(up):
+    up.add("Front desk")
+    up.run("reg", "set", r"HKLM\SOFTWARE\Tavik\Oriel", "HistoryMegabytes", 8, "--type", "dword")
+    recorder(up, "Front desk")
+    folder = up.state / "history"
+    size = lambda: sum(each.stat().st_size for each in folder.iterdir())
+    large = up.file("large", "x" * 16000)
+    firsts = set()
+    for count in range(900):
+        up.file("large", f"{count:05}" + "x" * 16000) if count % 2 else large.write_text("y" * 16000)
+        up.run("set", "Front desk", "PrinterQueue", "--file", large)
+        firsts |= {each.name for each in folder.glob("*.sqlite")}
+        assert size() <= 8 << 20
+        if len(firsts) > 10:
+            break
+    assert len(firsts) > 8 and min(firsts) not in {each.name for each in folder.glob("*.sqlite")}
+
+
+def test_states_and_jams_by_day(up):
+    up.add("Front desk")
+    recorder(up, "Front desk")
+    for jam, status in ((2, "10 00 00 00 01 00 00 00 00 00 00 00"), (0, "00 " * 12), (2, "10 00 00 00 01 00 00 00 00 00 00 00")):
+        up.set("Front desk", "ErrPaperJam", jam)
+        up.run("set", "Front desk", "PrinterStatus", "--hex", status)
+        wait_until(lambda: [each for each in recorded(up, "Front desk", "ErrPaperJam")][-1]["value"] == jam)
+    states = lambda: up.json("log", "--states", "Front desk", code=None)["days"]
+    wait_until(lambda: states()[-1]["jams"] == 2)
+    days = wait_until(lambda: (found := states())[-1]["states_ms"].keys() >= {"ready", "stopped by an error"} and found)
+    assert all(each["printer"] == "Front desk" for each in days)
+    assert "ready" in up.run("log", "--states", "Front desk")
