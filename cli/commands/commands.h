@@ -89,6 +89,14 @@ Exit RegDeleteCommand(const std::string& key, const std::optional<std::string>& 
 Exit RegImportCommand(const std::string& file);
 Exit RegExportCommand(const std::string& key, const std::string& file);
 
+struct NewSetting {
+    std::string name;               // empty: shows all
+    std::vector<std::string> words; // empty: shows it
+    bool add = false;               // to a list
+    bool remove = false;            // back to what counts without a value
+};
+Exit ConfigCommand(const NewSetting& wanted);
+
 // Exit::NoService unless the product is installed and its service runs.
 Exit StatusCommand();
 

@@ -28,6 +28,7 @@ struct Arguments {
     std::string key, value, file = "-";
     PrintJob print;
     NewPort newPort;
+    NewSetting newSetting;
     uint32_t request = 0;
     uint32_t job = 0;
     UpOptions up;
@@ -272,6 +273,16 @@ void AddRegistryCommands(CLI::App& app, Arguments& a, Command& chosen) {
     exportKey->callback([&] { chosen = [&] { return RegExportCommand(a.key, a.file); }; });
 }
 
+void AddConfigCommand(CLI::App& app, Arguments& a, Command& chosen) {
+    CLI::App* config = app.add_subcommand("config", "Show the settings of the product, or change one");
+    config->add_option("NAME", a.newSetting.name, "Name of the setting (default: all are shown)");
+    config->add_option("VALUE", a.newSetting.words,
+                       "The new value: a number, or for Views the command lines, each as one word");
+    config->add_flag("--add", a.newSetting.add, "Add to the list instead of replacing it");
+    config->add_flag("--default", a.newSetting.remove, "Remove the value, so that the default counts");
+    config->callback([&] { chosen = [&] { return ConfigCommand(a.newSetting); }; });
+}
+
 // ---- help, and command lines that cannot be parsed
 
 std::vector<std::string> CommandNames(const CLI::App& command) {
@@ -380,6 +391,7 @@ Exit Run(int argc, char** argv) {
     AddPrinterCommands(app, arguments, chosen);
     AddNameCommands(app, arguments, chosen);
     AddRegistryCommands(app, arguments, chosen);
+    AddConfigCommand(app, arguments, chosen);
     AddViews(app);
     AddHelpCommand(app, arguments, chosen);
     AddCommonOptions(app, arguments.common);

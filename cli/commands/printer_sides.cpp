@@ -17,25 +17,20 @@ constexpr DWORD kSettingsMs = 2000; // between checks which printers have a devi
 constexpr DWORD kStopMs = 5000;     // for those that were asked to end
 constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to create its database
 
-bool HasPassed(DWORD due) {
-    return static_cast<LONG>(GetTickCount() - due) >= 0;
-}
+} // namespace
 
-// A new event for this user alone. A process that knows its name can wait for it.
-KernelHandle NewStopEvent(std::string& name) {
+KernelHandle NewStopEvent(const char* what, std::string& name) {
     constexpr int kAttempts = 64; // names that others took first
     static DWORD number = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        name = SharedName(
-            ("TVORSQD:StopPrinterSide:" + std::to_string(GetCurrentProcessId()) + ":" + std::to_string(++number))
-                .c_str());
+        name = SharedName(("TVORSQD:Stop" + std::string(what) + ":" + std::to_string(GetCurrentProcessId()) + ":" +
+                           std::to_string(++number))
+                              .c_str());
         KernelHandle event(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
         if (event && GetLastError() != ERROR_ALREADY_EXISTS) return event;
     }
     return {};
 }
-
-} // namespace
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
     ForgetAllSideStates(); // of a process that was killed
@@ -122,7 +117,7 @@ void PrinterSides::StartSide(Side& side) {
     const std::optional<std::string> directory = InstalledDirectory();
     const std::string program = directory.value_or("") + kPrinterSideProgram;
     std::string stop;
-    side.stop = NewStopEvent(stop);
+    side.stop = NewStopEvent("PrinterSide", stop);
     std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --device " +
                               Quoted(side.device) + " --owner " + std::to_string(GetCurrentProcessId()) +
                               " --stop-event " + Quoted(stop);

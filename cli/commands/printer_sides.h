@@ -10,6 +10,14 @@
 #include <string>
 #include <vector>
 
+// Whether the tick count has come.
+inline bool HasPassed(DWORD due) {
+    return static_cast<LONG>(GetTickCount() - due) >= 0;
+}
+// A new event for this user alone, which asks a program to end. A process that knows its name can wait for it. what: of
+// the name. None when it cannot be created.
+KernelHandle NewStopEvent(const char* what, std::string& name);
+
 // A printer side was started, or it ended.
 struct PrinterSideNews {
     std::string printer; // ANSI

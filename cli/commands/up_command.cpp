@@ -1,24 +1,25 @@
 // up: the product's start-up process. It registers the installation if it is not registered, starts the status database
-// service, signals that the product is initialised, and starts a printer side for each printer that has a device. It
-// keeps all of them running, and stops them on Ctrl-C.
+// service, signals that the product is initialised, and starts a printer side for each printer that has a device, and
+// the views of the setting "Views". It keeps all of them running, and stops them on Ctrl-C.
 //
 // State: g_stop, set when the user wants to stop.
 #include "commands/commands.h"
 
-#include "commands/demo_printer.h"
 #include "base/interrupt.h"
 #include "base/layer.h"
 #include "base/output.h"
-#include "commands/printer_sides.h"
 #include "base/printers.h"
 #include "base/product.h"
 #include "base/registry.h"
-#include "commands/restart_pause.h"
 #include "base/service_client.h"
+#include "commands/demo_printer.h"
+#include "commands/printer_sides.h"
+#include "commands/restart_pause.h"
+#include "commands/view_programs.h"
 
+#include "base/text.h"
 #include "product/log.h"
 #include "product/object_names.h"
-#include "base/text.h"
 
 #include <algorithm>
 
@@ -193,6 +194,19 @@ void TellOfPrinterSide(const Teller& teller, const PrinterSideNews& news) {
     teller.Tell("printer-side-ended", text, {{"printer", printer}, {"code", news.code}, {"pauseMs", news.pauseMs}});
 }
 
+void TellOfView(const Teller& teller, const ViewNews& news) {
+    const std::string command = ToUtf8(news.command);
+    const std::string view = "the view \"" + Printable(command) + "\" ";
+    if (news.started) {
+        teller.Tell("view-started", view + "runs", {{"command", command}});
+        return;
+    }
+    const std::string text = view + (news.pauseMs != 0 ? "ended" : "ended, as it was asked to");
+    if (news.pauseMs != 0)
+        LogFailure({Exit::False, text, "", "starting it again in " + std::to_string(news.pauseMs) + " ms", news.code});
+    teller.Tell("view-ended", text, {{"command", command}, {"code", news.code}, {"pauseMs", news.pauseMs}});
+}
+
 void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
     teller.Tell("demo-printer",
                 "the printer \"" + demo.name + "\" plays " + Printable(demo.script) + "; try: oriel watch \"" +
@@ -212,14 +226,16 @@ void LookAtWindows(DWORD& due) {
     EnumWindows(SeeWindow, 0);
 }
 
-// Watches the service and the printer sides until the user wants to stop, and restarts what ended. startedHere: set
-// when it restarted the service.
+// Watches the service, the printer sides and the views until the user wants to stop, and restarts what ended.
+// startedHere: set when it restarted the service.
 void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
+    ViewPrograms views([&](const ViewNews& news) { TellOfView(teller, news); });
     RestartPause restart;
     DWORD windowsDue = GetTickCount();
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
         LookAtWindows(windowsDue);
+        views.Tend();
         const SERVICE_STATUS status = Query(service);
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;

@@ -41,10 +41,12 @@ bool IsInstalled(const View& view) {
     return FileExists(ProgramOf(view).c_str());
 }
 
+Failure NotInstalled(const View& view) {
+    return {Exit::False, std::string("the command \"") + view.name + "\" is not installed", "",
+            "install the package oriel-views"};
+}
+
 void BecomeView(const View& view, const std::vector<std::string>& arguments) {
-    if (!IsInstalled(view)) {
-        throw Failure{Exit::False, std::string("the command \"") + view.name + "\" is not installed", "",
-                      "install the package oriel-views"};
-    }
+    if (!IsInstalled(view)) throw NotInstalled(view);
     ReplaceProgram(std::string("oriel-") + view.name, arguments);
 }

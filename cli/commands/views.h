@@ -2,6 +2,8 @@
 // state.
 #pragma once
 
+#include "base/failure.h"
+
 #include <span>
 #include <string>
 #include <vector>
@@ -14,6 +16,7 @@ std::span<const View> Views();
 // Null: no view has that name.
 const View* FindView(const std::string& name);
 bool IsInstalled(const View& view);
+Failure NotInstalled(const View& view);
 
 // Its program, as `oriel up` starts it.
 std::string ProgramOf(const View& view);

@@ -1,7 +1,9 @@
 """The journal: what was recorded is shown, whatever ends the recorder and whatever happens to the file."""
+import contextlib
 import json
 import os
 import re
+import shutil
 import sqlite3
 import subprocess
 
@@ -18,19 +20,22 @@ def recorder(machine, printer):
                                                   printer))
     before = presents()
     started = machine.start("log", "--record")
-    wait_until(lambda: presents() > before, "the recorder")
+    wait_until(lambda: presents() > before or started.process.poll() is not None, "the recorder")
+    assert started.process.poll() is None, started.errors
     return started
 
 
 def rows(machine, query, *parameters):
+    """Of copies: SQLite would put the log into the file at its end."""
     found = []
     for segment in sorted((machine.state / "history").glob("*.sqlite")):
-        database = sqlite3.connect(f"file:{segment}?mode=ro&vfs=unix-none", uri=True)
-        database.execute("PRAGMA locking_mode = EXCLUSIVE").fetchone()
-        try:
+        copy = machine.folder / "copy.sqlite"
+        for part in ("", "-wal"):
+            machine.folder.joinpath(copy.name + part).unlink(missing_ok=True)
+            if os.path.exists(f"{segment}{part}"):
+                shutil.copyfile(f"{segment}{part}", f"{copy}{part}")
+        with contextlib.closing(sqlite3.connect(copy)) as database:
             found += database.execute(query, parameters).fetchall()
-        finally:
-            database.close()
     return found
 
 
@@ -101,6 +106,23 @@ def test_a_damaged_segment_is_put_aside(up):
     up.set("Front desk", "PageCount", 5)
     wait_until(changes)
     assert segment.with_suffix(".damaged").exists() and "put aside" in "".join(running.errors)
+
+
+def test_whoever_looks_at_the_file_or_removes_it_loses_no_later_change(up):
+    up.add("Front desk")
+    recorder(up, "Front desk")
+    folder = up.state / "history"
+    segment, = folder.glob("*.sqlite")
+    count = lambda: len([each for each in recorded(up, "Front desk", "PageCount", code=None) if each["event"] == "change"])
+    with contextlib.closing(sqlite3.connect(segment)) as shell:
+        assert shell.execute("SELECT count(*) FROM change").fetchone()[0] > 0
+    up.set("Front desk", "PageCount", 1)
+    wait_until(lambda: count() == 1)
+    assert [each.name for each in folder.glob("*.sqlite")] == [segment.name], "its log was not taken away"
+    for file in folder.glob(segment.name + "*"):
+        file.unlink()
+    up.set("Front desk", "PageCount", 2)
+    wait_until(lambda: count() == 1)
 
 
 def test_the_journal_keeps_its_bounds(up):

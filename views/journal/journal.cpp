@@ -5,11 +5,9 @@
 
 #include "base/failure.h"
 #include "base/layer.h"
-#include "base/registry.h"
+#include "base/settings.h"
 #include "base/text.h"
 #include "model/local.h"
-
-#include "product/registry_names.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -238,6 +236,33 @@ uint64_t SizeOf(const std::string& path) {
     return size;
 }
 
+// Which files they are: somebody may remove or replace them.
+struct Files {
+    ino_t segment = 0;
+    ino_t log = 0;
+    bool operator==(const Files&) const = default;
+};
+Files FilesOf(const std::string& path) {
+    const auto numberOf = [](const std::string& file) {
+        struct stat status {};
+        return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+    };
+    return {numberOf(path), numberOf(path + "-wal")};
+}
+
+// Keeps SQLite in other programs, such as its shell, from taking the log away: at its end it does so unless somebody
+// reads the file. -1: it cannot be locked, and the recorder notices afterwards.
+int LockAsReader(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0x40000000 + 2; // the range of a reader's lock in the format of SQLite
+    lock.l_len = 510;
+    if (file >= 0) fcntl(file, F_OFD_SETLK, &lock);
+    return file;
+}
+
 void Remove(const std::string& path) {
     for (const char* part : {"", "-wal"})
         unlink((path + part).c_str());
@@ -292,18 +317,8 @@ Entry PresentEntry(const std::string& printer, const std::string& variable, cons
 }
 
 JournalBounds ReadJournalBounds() {
-    JournalBounds bounds;
-    const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, kProductKey, KEY_QUERY_VALUE);
-    const auto numberOf = [&](const char* name, uint64_t least, uint64_t most, uint64_t otherwise) {
-        const std::optional<RegistryValue> value = key ? ReadValue(key.Get(), name) : std::nullopt;
-        DWORD number = 0;
-        if (!value || value->type != REG_DWORD || value->data.size() != sizeof number) return otherwise;
-        std::memcpy(&number, value->data.data(), sizeof number);
-        return std::clamp<uint64_t>(number, least, most);
-    };
-    bounds.bytes = numberOf(kMegabytesValue, 8, 65536, bounds.bytes >> 20) << 20;
-    bounds.days = static_cast<int64_t>(numberOf(kDaysValue, 1, 3660, static_cast<uint64_t>(bounds.days)));
-    return bounds;
+    return {.bytes = uint64_t{ReadNumberSetting(settings::kHistoryMegabytes)} << 20,
+            .days = ReadNumberSetting(settings::kHistoryDays)};
 }
 
 std::string JournalFolder() {
@@ -321,6 +336,8 @@ struct JournalWriter::State {
 
     std::optional<Segment> segment{}; // the newest one; none: there is none that takes more
     uint64_t beginning = 0;           // its size with the values that it begins with
+    Files files{};                    // since the first commit
+    int readerLock = -1;
     std::unique_ptr<Connection> connection{};
     std::unique_ptr<Statement> insert{};
     std::unique_ptr<Statement> setLife{};
@@ -362,6 +379,8 @@ void JournalWriter::State::Close() {
     insert.reset();
     setLife.reset();
     connection.reset();
+    if (readerLock >= 0) close(std::exchange(readerLock, -1));
+    files = {};
 }
 
 // The file is kept for those who want to look at it.
@@ -377,6 +396,7 @@ void JournalWriter::State::PutAside(const char* why) {
 
 // Opens the segment, and has SQLite put right what a recorder left that was killed.
 void JournalWriter::State::Open() {
+    readerLock = LockAsReader(segment->path);
     connection = std::make_unique<Connection>();
     insert = std::make_unique<Statement>();
     setLife = std::make_unique<Statement>();
@@ -407,6 +427,7 @@ void JournalWriter::State::Continue() {
 }
 
 bool JournalWriter::State::IsFull(int64_t now) const {
+    if (files != Files{} && files != FilesOf(segment->path)) return true; // what is written there nobody would see
     return SizeOf(segment->path) > std::max(bounds.bytes / kSegments, 2 * beginning) || now - segment->start > kDayMs;
 }
 
@@ -495,6 +516,7 @@ void JournalWriter::State::Write(const std::vector<Entry>& entries, int64_t now)
     }
     if (good && Execute(database, "COMMIT")) {
         recordedUntil = now;
+        if (files == Files{}) files = FilesOf(segment->path);
         return;
     }
     const int result = sqlite3_errcode(database);
@@ -505,8 +527,7 @@ void JournalWriter::State::Write(const std::vector<Entry>& entries, int64_t now)
     throw JournalFailure("cannot write", path, why);
 }
 
-JournalWriter::JournalWriter(std::string folder, const JournalBounds& bounds)
-    : m_state(std::make_unique<State>()) {
+JournalWriter::JournalWriter(std::string folder, const JournalBounds& bounds) : m_state(std::make_unique<State>()) {
     m_state->folder = std::move(folder);
     m_state->bounds = bounds;
     m_state->TakeLock();

@@ -69,12 +69,10 @@ Entry EntryOf(const Change& change, const std::string& why);
 Entry PresentEntry(const std::string& printer, const std::string& variable, const Value& value, int64_t atMs);
 
 struct JournalBounds {
-    uint64_t bytes = 256ULL << 20; // of all segments together
-    int64_t days = 30;
+    uint64_t bytes; // of all segments together
+    int64_t days;
 };
-// Of the registry: "HistoryMegabytes" (8 to 65,536) and "HistoryDays" (1 to 3,660).
-inline constexpr char kMegabytesValue[] = "HistoryMegabytes";
-inline constexpr char kDaysValue[] = "HistoryDays";
+// The settings "HistoryMegabytes" and "HistoryDays".
 JournalBounds ReadJournalBounds();
 
 // "history" in the state directory.

@@ -46,7 +46,7 @@ JournalQuery QueryOf(const LogOptions& options) {
 
 Failure NothingRecorded() {
     return {Exit::False, "nothing was recorded", "there is no journal in " + JournalFolder(),
-            "record from now on: oriel config Views 'log --record'"};
+            "record from now on: oriel config Views --add 'log --record'"};
 }
 
 Exit ShowHistory(const LogOptions& options) {

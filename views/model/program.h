@@ -28,7 +28,8 @@ struct Program {
 int RunProgram(int argc, char** argv, const Program& program, const std::function<void(CLI::App&)>& addOptions,
                const std::function<Exit()>& run);
 
-// While it lives, Ctrl-C, SIGTERM and SIGHUP do not end the process but the waits of the source. One per process.
+// While it lives, Ctrl-C, SIGTERM and SIGHUP do not end the process but the waits of the source; so do the event and
+// the end of the process that `oriel up` names with --stop-event and --owner. One per process.
 class EndOnInterrupt {
 public:
     explicit EndOnInterrupt(Source& source);
