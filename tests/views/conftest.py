@@ -21,7 +21,7 @@ import pytest
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
 BIN = pathlib.Path(os.environ.get("ORIEL_BIN_DIR", SOURCES / "build/release/bin"))
-PATIENCE = 60  # seconds, for everything that must happen
+PATIENCE = int(os.environ.get("ORIEL_TEST_PATIENCE", 60))  # seconds, for everything that must happen
 
 
 def wait_until(holds, what="it", seconds=PATIENCE):

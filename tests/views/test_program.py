@@ -1,7 +1,9 @@
 """What all views have in common: how `oriel` finds them, and how they fail."""
+import os
+import signal
 import subprocess
 
-from conftest import BIN
+from conftest import BIN, wait_until
 
 
 def test_oriel_becomes_the_view(machine):
@@ -21,3 +23,36 @@ def test_a_view_that_is_not_installed_is_not_listed(machine):
     assert "recorded" not in run("--help").stdout
     done = run("log", "Front desk")
     assert done.returncode == 1 and "install the package oriel-views" in done.stderr
+
+
+def test_up_runs_the_views_of_the_setting(up):
+    assert up.json("config", "Views")["setting"] == {"name": "Views", "value": [], "default": True}
+    up.run("config", "Views", "log --record")
+    up.run("config", "Views", "--add", "log --record")  # is there already
+    assert up.json("config", "views")["setting"]["value"] == ["log --record"]
+    up.product.json(lambda event: event["event"] == "view-started")
+    recorder, = wait_until(lambda: up.processes("oriel-log"))
+    os.kill(recorder, signal.SIGKILL)
+    assert up.product.json(lambda event: event["event"] == "view-ended")["pauseMs"] == 500
+    up.product.json(lambda event: event["event"] == "view-started")
+    up.run("config", "Views", "--default")
+    assert up.product.json(lambda event: event["event"] == "view-ended") == {
+        "event": "view-ended", "command": "log --record", "code": 0, "pauseMs": 0}
+    assert not up.processes("oriel-log")
+    # When `up` ends, and when it is killed.
+    up.run("config", "Views", "log --record")
+    for kill in (up.product.end, up.product.kill):
+        wait_until(lambda: up.processes("oriel-log"))
+        kill()
+        wait_until(lambda: not up.processes("oriel-log"))
+        up.product = None
+        up.up()
+
+
+def test_config_checks_what_it_stores(machine):
+    for words, message in ((("HistoryDays", "0"), "1 to 3660"), (("HistoryDays", "x"), "1 to 3660"),
+                           (("HistoryDaze",), "did you mean HistoryDays"), (("Views", "nonsense"), "no view"),
+                           (("HistoryDays", "--add", "1"), "no list"), (("Views", "--default", "log"), "no value")):
+        assert message in machine.run("config", *words, code=2)
+    machine.run("config", "HistoryDays", "7")
+    assert [row[:2] for row in map(str.split, machine.run("config").splitlines()) if row[0] == "HistoryDays"] == [["HistoryDays", "7"]]

@@ -69,13 +69,16 @@ Exit ShowHistory(const LogOptions& options) {
 Exit FollowAll(const LogOptions& options) {
     LocalPrinters source;
     const EndOnInterrupt end(source);
-    source.Wait(std::chrono::seconds(10));                        // what is there already
+    // What is there already is no news.
+    for (const Change& change : source.Wait(std::chrono::seconds(10)))
+        if (change.kind == ChangeKind::Disconnected) Print(EntryOf(change, ""));
     std::map<std::pair<std::string, std::string>, int64_t> shown; // the last change of each variable
     ReadJournal(JournalFolder(), QueryOf(options), [&](const Entry& entry) {
         if (!IsWanted(options, entry)) return;
         if (entry.told == Told::Value) shown[{entry.printer, entry.variable}] = entry.atMs;
         Print(entry);
     });
+    if (g_output.json) PrintJsonLine({{"event", "following"}, {"time", TimeText(NowMs())}});
     while (!end.Asked() && !OutputFailure()) {
         for (const Change& change : source.Wait(std::chrono::minutes(1))) {
             const auto printer = source.Now().find({change.machine, change.printer});

@@ -31,11 +31,14 @@ struct RecordOptions {
 // Each statement is written at once, so that a script is whole up to its last change whenever this ends.
 class ScriptFile {
 public:
-    explicit ScriptFile(const std::string& path)
-        : m_path(path), m_file(path == "-" ? stdout : std::fopen(path.c_str(), "w"), std::fclose) {
+    explicit ScriptFile(std::string path) : m_path(std::move(path)) {}
+    // Replaces a file that is there.
+    void Open() {
+        if (!m_file) m_file.reset(IsStandardOutput() ? stdout : std::fopen(m_path.c_str(), "w"));
         if (!m_file) Throw();
     }
     void Write(const std::string& text) {
+        Open();
         if (std::fputs(text.c_str(), m_file.get()) < 0 || std::fflush(m_file.get()) != 0) Throw();
     }
     bool IsStandardOutput() const { return m_path == "-"; }
@@ -44,7 +47,7 @@ private:
     [[noreturn]] void Throw() const { throw Failure{Exit::False, "cannot write " + m_path, std::strerror(errno), ""}; }
 
     std::string m_path;
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_file;
+    std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })> m_file;
 };
 
 struct Recorded {
@@ -65,12 +68,14 @@ void WriteChange(Recorded& recorded, const std::string& variable, const std::vec
 
 using Values = std::map<std::string, std::vector<uint8_t>>;
 
-void WriteStart(Recorded& recorded, const Values& values, int64_t atMs) {
+void WriteStart(Recorded& recorded, const std::string& printer, const Values& values, int64_t atMs) {
+    recorded.file.Write(ScriptComment(printer + ", recorded since " + TimeText(atMs)));
     for (const auto& [variable, value] : values)
         if (recorded.writer.Takes(variable)) recorded.file.Write(recorded.writer.Set(variable, value, atMs));
 }
 
 void RecordLive(Recorded& recorded, const std::string& name) {
+    recorded.file.Open();
     LocalPrinters source;
     const EndOnInterrupt end(source);
     const std::pair<std::string, std::string> key{MachineName(), name};
@@ -82,7 +87,7 @@ void RecordLive(Recorded& recorded, const std::string& name) {
             Values values;
             for (const auto& [variable, value] : printer->second.values)
                 values[variable] = value.bytes;
-            WriteStart(recorded, values, NowMs());
+            WriteStart(recorded, name, values, NowMs());
             begun = true;
             if (!recorded.file.IsStandardOutput() && !g_output.json)
                 PrintLine("recording \"" + name + "\"; Ctrl-C ends it");
@@ -102,7 +107,7 @@ void RecordJournal(Recorded& recorded, const std::string& name, int64_t since) {
     Values values; // at the time
     bool begun = false;
     const auto begin = [&] {
-        if (!begun) WriteStart(recorded, values, since);
+        if (!begun) WriteStart(recorded, name, values, since);
         begun = true;
     };
     const int64_t until =
@@ -123,9 +128,9 @@ void RecordJournal(Recorded& recorded, const std::string& name, int64_t since) {
             values[entry.variable] = entry.after.bytes;
             WriteChange(recorded, entry.variable, entry.after.bytes, entry.atMs, entry.missed);
         });
-    begin();
     if (until == 0 || values.empty())
         throw Failure{Exit::False, "nothing was recorded of \"" + name + "\"", "", "'oriel log' shows what was"};
+    begin();
     recorded.file.Write(recorded.writer.Wait(until));
 }
 
@@ -135,7 +140,6 @@ Exit Run(const RecordOptions& options) {
     const int64_t since = options.since.empty() ? now : ParseSince(options.since, now);
     Recorded recorded{ScriptWriter(DriverOf(name).value_or("")), ScriptFile(options.file)};
     const std::string shown = Printable(ToUtf8(name));
-    recorded.file.Write(ScriptComment(shown + ", recorded since " + TimeText(since)));
     if (options.since.empty())
         RecordLive(recorded, shown);
     else
