@@ -41,9 +41,9 @@ def test_up_runs_the_views_of_the_setting(up):
     assert not up.processes("oriel-log")
     # When `up` ends, and when it is killed.
     up.run("config", "Views", "log --record")
-    for kill in (up.product.end, up.product.kill):
+    for ending in ("end", "kill"):
         wait_until(lambda: up.processes("oriel-log"))
-        kill()
+        getattr(up.product, ending)()
         wait_until(lambda: not up.processes("oriel-log"))
         up.product = None
         up.up()
