@@ -33,7 +33,7 @@ def test_up_runs_the_views_of_the_setting(up):
     up.product.json(lambda event: event["event"] == "view-started")
     recorder, = wait_until(lambda: up.processes("oriel-log"))
     os.kill(recorder, signal.SIGKILL)
-    assert up.product.json(lambda event: event["event"] == "view-ended")["pauseMs"] == 500
+    assert up.product.json(lambda event: event["event"] == "view-ended")["pauseMs"] == 50
     up.product.json(lambda event: event["event"] == "view-started")
     up.run("config", "Views", "--default")
     assert up.product.json(lambda event: event["event"] == "view-ended") == {
