@@ -25,7 +25,7 @@ _oriel_offer() {
 _oriel() {
     local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} section
     local -a command=("$1") rest=()
-    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port|title|scope)'
+    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port|title|scope|since)'
     COMPREPLY=()
 
     # First commands and subcommands, then their arguments.
@@ -51,7 +51,7 @@ _oriel() {
     --by) _oriel_offer <<<$'event\nmessage\ncallback' ; return ;;
     --scope) _oriel_offer <<<$'system\nuser' ; return ;;
     --type) _oriel_offer <<<$'sz\nexpand\nmulti\ndword\nqword\nbinary\nnone' ; return ;;
-    --kind | --user | --timeout | --until | --driver | --port | --title) return ;;
+    --kind | --user | --timeout | --until | --driver | --port | --title | --since) return ;;
     esac
     if [[ $word == -* ]]; then
         section=Options
@@ -71,14 +71,17 @@ _oriel() {
         section=Subcommands
         [[ ${#rest[@]} -gt 0 ]] || _oriel_offer < <(_oriel_section "$program")
         ;;
+    config)
+        [[ ${#rest[@]} -gt 0 ]] || _oriel_offer < <(_oriel_names "$program" config)
+        ;;
     reg* | "printers add" | up | status) ;;
     *)
-        if [[ ${#rest[@]} -eq 1 && ${command[1]} == print ]]; then
+        if [[ ${#rest[@]} -eq 1 && ${command[1]} =~ ^(print|record)$ ]]; then
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$word")
         elif [[ ${#rest[@]} -eq 0 ]]; then
             _oriel_offer < <(_oriel_names "$program" printers)
-        elif [[ "${command[*]:1}" =~ ^(vars|get|info|set|watch)$ ]]; then
+        elif [[ "${command[*]:1}" =~ ^(vars|get|info|set|watch|log)$ ]]; then
             # The name as it was typed. It is not evaluated: that could run a command the user has not confirmed.
             place=${rest[0]}
             case $place in

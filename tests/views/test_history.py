@@ -125,22 +125,33 @@ def test_whoever_looks_at_the_file_or_removes_it_loses_no_later_change(up):
     wait_until(lambda: count() == 1)
 
 
-def test_the_journal_keeps_its_bounds(up):
+def test_the_journal_keeps_its_bounds_and_the_users_their_share(up):
     up.add("Front desk")
-    up.run("reg", "set", r"HKLM\SOFTWARE\Tavik\Oriel", "HistoryMegabytes", 8, "--type", "dword")
+    up.run("config", "HistoryMegabytes", 8)
     recorder(up, "Front desk")
     folder = up.state / "history"
-    size = lambda: sum(each.stat().st_size for each in folder.iterdir())
-    large = up.file("large", "x" * 16000)
-    firsts = set()
-    for count in range(900):
-        up.file("large", f"{count:05}" + "x" * 16000) if count % 2 else large.write_text("y" * 16000)
-        up.run("set", "Front desk", "PrinterQueue", "--file", large)
-        firsts |= {each.name for each in folder.glob("*.sqlite")}
-        assert size() <= 8 << 20
-        if len(firsts) > 10:
-            break
-    assert len(firsts) > 8 and min(firsts) not in {each.name for each in folder.glob("*.sqlite")}
+    large = up.folder / "large"
+
+    def write(variable, count, done):
+        for number in range(count):
+            large.write_text(f"{number:05}" * 3200)
+            up.run("set", "Front desk", variable, "--file", large)
+            if done():
+                return
+
+    told = lambda: sum(row[0] for row in rows(up, "SELECT count(*) FROM change WHERE told = 0 AND variable = 'PrinterQueue'"))
+    write("PrinterQueue", 60, lambda: False)
+    assert 1 < told() < 40  # anybody may write it: half a mebibyte, old and new values
+    seen = set()
+
+    def is_cut():
+        names = {each.name for each in folder.glob("*.sqlite")}
+        seen.update(names)
+        assert sum(each.stat().st_size for each in folder.iterdir()) <= 8 << 20
+        return min(seen) not in names
+
+    write("PrinterBinConfig", 900, is_cut)
+    assert len(seen) > 6 and not (folder / min(seen)).exists()
 
 
 def test_states_and_jams_by_day(up):

@@ -1,4 +1,5 @@
 """A recorded script, played on a fresh product, gives the same sequence of changes."""
+import datetime
 import json
 import pathlib
 import signal
@@ -80,10 +81,11 @@ def test_a_replay_gives_the_same_changes(up, fresh, from_journal):
 
 
 def recorded_start(machine):
-    """The time of the jam, in the journal."""
+    """A second before the jam, in the journal."""
     jam = next(json.loads(line) for line in machine.run("log", "Lab", "PrinterStatus", "--json").splitlines()
                if '"value":[16,1,2]' in line)
-    return jam["time"]
+    time = datetime.datetime.strptime(jam["time"], "%Y-%m-%dT%H:%M:%S.%fZ") - datetime.timedelta(seconds=1)
+    return time.strftime("%Y-%m-%dT%H:%M:%S.") + f"{time.microsecond // 1000:03}Z"
 
 
 def test_refuses_what_it_cannot_do(up):

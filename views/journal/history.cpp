@@ -128,6 +128,9 @@ std::string EntryText(const Entry& entry) {
     case Told::Fresh:
         return entry.printer + "  is up to date again";
     case Told::Gap:
+        if (!entry.variable.empty())
+            return entry.printer + "  " + entry.variable + ": " + std::to_string(entry.missed) +
+                   " changes were not recorded since " + TimeText(entry.sinceMs) + ", because there were too many";
         return entry.sinceMs != 0 ? "gap: nothing was recorded since " + TimeText(entry.sinceMs)
                                   : "gap: what happened in between was not recorded";
     case Told::Connected:
@@ -144,6 +147,10 @@ Json EntryJson(const Entry& entry) {
     if (entry.told == Told::Gap) json["since"] = entry.sinceMs != 0 ? Json(TimeText(entry.sinceMs)) : Json(nullptr);
     if (entry.printer.empty()) return json;
     json["printer"] = entry.printer;
+    if (entry.told == Told::Gap) {
+        json["name"] = entry.variable;
+        json["missed"] = entry.missed;
+    }
     if (entry.told == Told::Stale) json["why"] = entry.meaning;
     if (!entry.after.known) return json;
     json["name"] = entry.variable;
@@ -202,7 +209,7 @@ void StateCounter::Enter(const std::string& printer, const std::string& state, i
 }
 
 void StateCounter::Take(const Entry& entry) {
-    if (entry.told == Told::Gap) {
+    if (entry.told == Told::Gap && entry.printer.empty()) {
         const std::map<std::string, Present> presents = m_present;
         for (const auto& [printer, present] : presents) {
             if (present.state.empty()) continue;

@@ -35,7 +35,7 @@ enum class Told : int {
     Removed = 2,
     Stale = 3,
     Fresh = 4,
-    Gap = 5, // nothing was recorded since `since`
+    Gap = 5, // nothing was recorded since `since`; with a variable: `missed` changes of it were not
     Connected = 6,
     Disconnected = 7,
     Present = 8, // a value at the beginning of a segment, or of a printer that was added

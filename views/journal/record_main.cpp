@@ -118,7 +118,7 @@ void RecordJournal(Recorded& recorded, const std::string& name, int64_t since) {
                 values[entry.variable] = entry.after.bytes;
                 return;
             }
-            if (entry.told == Told::Gap && entry.atMs >= since) {
+            if (entry.told == Told::Gap && entry.printer.empty() && entry.atMs >= since) {
                 begin();
                 recorded.file.Write(ScriptComment("nothing was recorded here; changes are missing"));
             }
