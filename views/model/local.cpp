@@ -52,12 +52,6 @@ int64_t UnixMs(ULONGLONG time) {
     return time == 0 ? 0 : static_cast<int64_t>(time / kTicksPerMs) - kUnixEpochMs;
 }
 
-ULONGLONG TimeNow() {
-    FILETIME now;
-    GetSystemTimeAsFileTime(&now);
-    return product::ToTime(now);
-}
-
 bool IsShown(const Variable& variable) {
     return variable.readable && variable.type != SVT_QUEUE &&
            std::none_of(std::begin(kPerReader), std::end(kPerReader),
@@ -98,13 +92,6 @@ Bytes Given(const Variable& variable, Bytes stored) {
         return stored;
     }
 }
-
-// With the time in 100 ns since 1601, which orders them more finely.
-struct TimedChange {
-    ULONGLONG time;
-    Change change;
-};
-using Changes = std::vector<TimedChange>;
 
 struct StoredValue {
     Bytes bytes;
@@ -213,7 +200,7 @@ void Describe(Value& value, const Followed& printer, const Variable& variable, B
     value.bytes = std::move(bytes);
 }
 
-void Take(Followed& printer, Watched& watched, StoredValue stored, Changes& changes) {
+void Take(Followed& printer, Watched& watched, StoredValue stored, std::vector<Change>& changes) {
     const Seen before = std::exchange(watched.seen, stored.seen);
     Printer& shown = printer.Shown();
     if (watched.variable == nullptr) {
@@ -234,19 +221,18 @@ void Take(Followed& printer, Watched& watched, StoredValue stored, Changes& chan
     if (count == 0 || printer.shown == nullptr) return;
     // The count of a composite is the sum of its members'.
     const bool composite = watched.variable->type == SVT_COMPOSITE;
-    changes.push_back({stored.writeTime,
-                       {.kind = ChangeKind::Value,
-                        .atMs = value.writtenMs,
-                        .machine = shown.machine,
-                        .printer = shown.name,
-                        .variable = watched.shownName,
-                        .before = old,
-                        .after = value,
-                        .missed = composite ? 0 : count - 1}});
+    changes.push_back({.kind = ChangeKind::Value,
+                       .atMs = value.writtenMs,
+                       .machine = shown.machine,
+                       .printer = shown.name,
+                       .variable = watched.shownName,
+                       .before = old,
+                       .after = value,
+                       .missed = composite ? 0 : count - 1});
 }
 
 // Reads what was written since the last time.
-void ReadNew(Followed& printer, Clock::time_point now, Changes& changes) {
+void ReadNew(Followed& printer, Clock::time_point now, std::vector<Change>& changes) {
     if (printer.published.IsMapped() && !printer.published.IsCurrent()) FindSection(printer);
     const bool asks = printer.asks && now >= printer.askDue;
     if (asks) {
@@ -289,26 +275,25 @@ struct LocalPrinters::State {
     std::condition_variable wake{};
     bool woken = false;
 
-    TimedChange ChangeOf(ChangeKind kind, const std::string& printer = {}) const {
-        const ULONGLONG time = TimeNow();
-        return {time, {.kind = kind, .atMs = UnixMs(time), .machine = machine, .printer = printer}};
+    Change ChangeOf(ChangeKind kind, const std::string& printer = {}) const {
+        return {.kind = kind, .atMs = NowMs(), .machine = machine, .printer = printer};
     }
 
     void GiveVariables(Followed& printer);
-    void Judge(Followed& printer, Changes& changes) const;
-    void LookAt(Followed& printer, Clock::time_point time, Changes& changes);
+    void Judge(Followed& printer, std::vector<Change>& changes) const;
+    void LookAt(Followed& printer, Clock::time_point time, std::vector<Change>& changes);
 
     bool ReadList();
     bool IsInstalled(const std::string& printer, Clock::time_point time);
     void Follow(const product::ListedPrinter& listed);
-    bool RefreshPrinters(Clock::time_point time, Changes& changes);
+    bool RefreshPrinters(Clock::time_point time, std::vector<Change>& changes);
 
     void Bind();
     bool ServiceLives() const;
-    bool Connect(Changes& changes);
-    void Disconnect(Changes& changes);
+    bool Connect(std::vector<Change>& changes);
+    void Disconnect(std::vector<Change>& changes);
 
-    void Sweep(Changes& changes);
+    void Sweep(std::vector<Change>& changes);
 };
 
 void LocalPrinters::State::GiveVariables(Followed& printer) {
@@ -323,7 +308,7 @@ void LocalPrinters::State::GiveVariables(Followed& printer) {
 }
 
 // Whether the values are still sure.
-void LocalPrinters::State::Judge(Followed& printer, Changes& changes) const {
+void LocalPrinters::State::Judge(Followed& printer, std::vector<Change>& changes) const {
     std::string trouble;
     if (printer.database == 0)
         trouble = kNoDatabase;
@@ -337,7 +322,7 @@ void LocalPrinters::State::Judge(Followed& printer, Changes& changes) const {
         changes.push_back(ChangeOf(shown.stale ? ChangeKind::Stale : ChangeKind::Fresh, shown.name));
 }
 
-void LocalPrinters::State::LookAt(Followed& printer, Clock::time_point time, Changes& changes) {
+void LocalPrinters::State::LookAt(Followed& printer, Clock::time_point time, std::vector<Change>& changes) {
     if (!printer.variables) GiveVariables(printer);
     if (printer.database == 0 && time >= printer.openDue && !Open(printer)) printer.openDue = time + kLook;
     if (printer.database != 0) ReadNew(printer, time, changes);
@@ -389,7 +374,7 @@ void LocalPrinters::State::Follow(const product::ListedPrinter& listed) {
 }
 
 // False: the service does not answer, or is another one.
-bool LocalPrinters::State::RefreshPrinters(Clock::time_point time, Changes& changes) {
+bool LocalPrinters::State::RefreshPrinters(Clock::time_point time, std::vector<Change>& changes) {
     listDue = time + kLook;
     if (!ReadList()) return false;
     if (time < installedDue) return true;
@@ -437,7 +422,7 @@ bool LocalPrinters::State::ServiceLives() const {
     return mapped == followed.end() || mapped->second.published.ServiceLives();
 }
 
-bool LocalPrinters::State::Connect(Changes& changes) {
+bool LocalPrinters::State::Connect(std::vector<Change>& changes) {
     product::ServiceInstance instance = 0;
     if (GetServiceInstance(&instance) != Answer::Done) return false;
     changes.push_back(ChangeOf(ChangeKind::Connected));
@@ -446,7 +431,7 @@ bool LocalPrinters::State::Connect(Changes& changes) {
     return true;
 }
 
-void LocalPrinters::State::Disconnect(Changes& changes) {
+void LocalPrinters::State::Disconnect(std::vector<Change>& changes) {
     // Ends the handles too, without a call for each, which a service that hangs would not answer.
     UnbindStatusDatabase();
     Bind();
@@ -465,7 +450,7 @@ void LocalPrinters::State::Disconnect(Changes& changes) {
 
 // ---- 5 the source
 
-void LocalPrinters::State::Sweep(Changes& changes) {
+void LocalPrinters::State::Sweep(std::vector<Change>& changes) {
     const Clock::time_point time = Clock::now();
     if (!connected) {
         if (time < connectDue) return;
@@ -482,21 +467,10 @@ void LocalPrinters::State::Sweep(Changes& changes) {
     const size_t first = changes.size();
     for (auto& [name, printer] : followed)
         LookAt(printer, time, changes);
+    // Write times have milliseconds. Within one the order is not known.
     std::stable_sort(changes.begin() + static_cast<ptrdiff_t>(first), changes.end(),
-                     [](const TimedChange& a, const TimedChange& b) { return a.time < b.time; });
+                     [](const Change& a, const Change& b) { return a.atMs < b.atMs; });
 }
-
-namespace {
-
-std::vector<Change> Untimed(Changes changes) {
-    std::vector<Change> untimed;
-    untimed.reserve(changes.size());
-    for (TimedChange& each : changes)
-        untimed.push_back(std::move(each.change));
-    return untimed;
-}
-
-} // namespace
 
 LocalPrinters::LocalPrinters() : m_state(std::make_unique<State>()) {
     m_state->Bind();
@@ -507,19 +481,18 @@ LocalPrinters::~LocalPrinters() = default;
 std::vector<Change> LocalPrinters::Wait(std::chrono::milliseconds most) {
     State& state = *m_state;
     const Clock::time_point end = Clock::now() + most;
+    std::vector<Change> changes;
     for (;;) {
         const Clock::time_point time = Clock::now();
         if (time >= state.sweepDue) {
-            Changes changes;
             state.Sweep(changes);
             if (!changes.empty()) state.busyUntil = time + kBusyFor;
             state.sweepDue = time + (time < state.busyUntil ? kBusySweep : kIdleSweep);
-            if (!changes.empty()) return Untimed(std::move(changes));
         }
         std::unique_lock lock(state.mutex);
-        if (state.woken || Clock::now() >= end) {
+        if (!changes.empty() || state.woken || Clock::now() >= end) {
             state.woken = false;
-            return {};
+            return changes;
         }
         state.wake.wait_until(lock, std::min(end, state.sweepDue), [&] { return state.woken; });
     }
@@ -546,7 +519,9 @@ void LocalPrinters::CancelJob(const Printer& printer, uint32_t job) {
 }
 
 int64_t NowMs() {
-    return UnixMs(TimeNow());
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    return UnixMs(product::ToTime(now));
 }
 
 std::string MachineName() {
