@@ -1,0 +1,18 @@
+# Writes the files of the page as constants: cmake -D FOLDER=... -D OUTPUT=... -P embed.cmake
+set(arrays "")
+set(rows "")
+foreach(row "index.html|/|text/html" "page.css|/page.css|text/css" "page.js|/page.js|text/javascript")
+  string(REPLACE "|" ";" row "${row}")
+  list(GET row 0 file)
+  list(GET row 1 path)
+  list(GET row 2 type)
+  file(READ "${FOLDER}/${file}" hex HEX)
+  string(LENGTH "${hex}" digits)
+  math(EXPR size "${digits} / 2")
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "'\\\\x\\1'," bytes "${hex}")
+  string(MAKE_C_IDENTIFIER "${file}" name)
+  string(APPEND arrays "constexpr char ${name}[] = {${bytes}};\n")
+  string(APPEND rows "    {\"${path}\", \"${type}; charset=utf-8\", {${name}, ${size}}},\n")
+endforeach()
+file(WRITE "${OUTPUT}" "#include \"serve/page.h\"\n\nnamespace views {\nnamespace {\n${arrays}\
+constexpr PageFile kFiles[] = {\n${rows}};\n}\nconst std::span<const PageFile> kPageFiles = kFiles;\n}\n")
