@@ -90,7 +90,7 @@ class Browser:
     def wait(self, script, deadline=15):
         """Until the script's value is true; returns it."""
         end = time.monotonic() + deadline
-        while not (value := self.value(script)):
+        while not (value := self.value(f"((value) => value instanceof Node || value)({script})")):
             assert time.monotonic() < end, f"{script}: {self.value('document.body.innerText')}"
             time.sleep(0.01)
         return value
