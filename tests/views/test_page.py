@@ -46,7 +46,7 @@ def test_a_jam_is_seen_at_once(page):
         status(page, "Front desk", READY)
         page.wait("document.querySelector('#printers > li.none')")
     assert min(delays) < 200, delays  # milliseconds; a machine that is busy may take longer now and then
-    assert page.wait("document.getElementById('news').textContent").startswith("Front desk: stopped by an error")
+    assert page.wait("document.getElementById('news').textContent").startswith("Front desk: paper jam, unit 2")
     assert page.value("document.querySelectorAll('#printers svg rect.error').length") == 1
 
 

@@ -101,7 +101,7 @@ def serve(up):
 def test_documents_name_state_and_values(serve):
     serve.machine.run("set", HOSTILE, "PrinterStatus", "--hex", JAM)
     path = "/api/printers/" + urllib.parse.quote(HOSTILE, safe="")
-    wait_until(lambda: serve.json(path)["state"] == "stopped by an error, paper jam, unit 2")
+    wait_until(lambda: serve.json(path)["state"] == "paper jam, unit 2")
     printer = serve.json(path)
     assert printer["values"]["PrinterStatus"]["value"] == [16, 1, 2]
     assert printer["supplies"] == [{"name": "Toner", "percent": 100, "low": False}]

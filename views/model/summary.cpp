@@ -33,23 +33,36 @@ constexpr const char* kStates[] = {names::kPrinterStatus,     names::kPrinterSta
                                    names::kErrNoPaper,        names::kErrPaperState,     names::kErrCoverOpen,
                                    names::kErrPaperSizeError, names::kErrFormRegistError};
 
-void AddState(const Value& value, bool isMain, Summary& summary) {
+// They say that something is wrong; what follows them says what.
+constexpr std::string_view kGeneral[] = {"stopped by an error", "needs attention soon"};
+
+using Words = std::vector<std::string>;
+
+void AddState(const Value& value, bool isMain, Summary& summary, Words& words) {
     summary.changedMs = std::max(summary.changedMs, value.writtenMs);
     if (!isMain && value.severity < Severity::Warning) return;
     summary.severity = std::max(summary.severity, value.severity);
-    // "PrinterStatus" names the first cause, the others repeat it.
     for (size_t at = 0; at < value.meaning.size();) {
         const size_t end = std::min(value.meaning.find(", ", at), value.meaning.size());
-        const std::string part = Printable(std::string_view(value.meaning).substr(at, end - at));
-        if (!part.empty() && summary.state.find(part) == std::string::npos)
-            summary.state += (summary.state.empty() ? "" : ", ") + part;
+        std::string word = Printable(std::string_view(value.meaning).substr(at, end - at));
+        // "PrinterStatus" names the first cause, the others repeat it.
+        if (!word.empty() && std::find(words.begin(), words.end(), word) == words.end())
+            words.push_back(std::move(word));
         at = end + 2;
     }
 }
 
 void AddStates(const Printer& printer, Summary& summary) {
+    Words words;
     for (const char* name : kStates)
-        if (const Value* value = Find(printer, name)) AddState(*value, name == kStates[0], summary);
+        if (const Value* value = Find(printer, name)) AddState(*value, name == kStates[0], summary, words);
+    const auto isGeneral = [](const std::string& word) {
+        return std::find(std::begin(kGeneral), std::end(kGeneral), word) != std::end(kGeneral);
+    };
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        if (isGeneral(*word) && !std::all_of(word, words.end(), isGeneral)) continue;
+        summary.state += (summary.state.empty() ? "" : ", ") + *word;
+    }
     if (summary.state.empty()) summary.state = "not known";
 }
 

@@ -24,7 +24,7 @@ struct Job {
 
 struct Summary {
     product::Severity severity = product::Severity::None;
-    std::string state; // "stopped by an error, paper jam, unit 2"
+    std::string state; // "printing", "paper jam, unit 2"
     std::string panel; // what the printer's own display says
     std::vector<Supply> supplies;
     std::vector<Job> jobs; // the one that prints first

@@ -170,9 +170,9 @@ std::string BottomLine(View& view) {
         break;
     }
     if (!view.message.empty()) return view.message;
-    const std::string filter = view.rows.Filter().empty() ? "" : "  only \"" + view.rows.Filter() + "\"";
-    return std::string("q quit  ? help  / filter  s sort: ") + NameOf(view.rows.ShownOrder()) +
-           "  p pause  r resume  c cancel" + filter;
+    const std::string filter = view.rows.Filter().empty() ? "" : "only \"" + view.rows.Filter() + "\"  Esc all  ";
+    return filter + "q quit  ? help  / filter  s sort: " + NameOf(view.rows.ShownOrder()) +
+           "  p pause  r resume  c cancel";
 }
 
 } // namespace
