@@ -25,7 +25,8 @@ _oriel_offer() {
 _oriel() {
     local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} section
     local -a command=("$1") rest=()
-    local i place commands with_value='--(script|file|by|type|kind|user|timeout|until|driver|port|title|scope|since)'
+    local i place commands
+    local with_value='--(script|file|token-file|listen|by|type|kind|user|timeout|until|driver|port|title|scope|since)'
     COMPREPLY=()
 
     # First commands and subcommands, then their arguments.
@@ -43,7 +44,7 @@ _oriel() {
     done
 
     case $before in
-    --script | --file)
+    --script | --file | --token-file)
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
@@ -51,7 +52,7 @@ _oriel() {
     --by) _oriel_offer <<<$'event\nmessage\ncallback' ; return ;;
     --scope) _oriel_offer <<<$'system\nuser' ; return ;;
     --type) _oriel_offer <<<$'sz\nexpand\nmulti\ndword\nqword\nbinary\nnone' ; return ;;
-    --kind | --user | --timeout | --until | --driver | --port | --title | --since) return ;;
+    --kind | --user | --timeout | --until | --driver | --port | --title | --listen | --since) return ;;
     esac
     if [[ $word == -* ]]; then
         section=Options
@@ -74,7 +75,7 @@ _oriel() {
     config)
         [[ ${#rest[@]} -gt 0 ]] || _oriel_offer < <(_oriel_names "$program" config)
         ;;
-    reg* | "printers add" | up | status) ;;
+    reg* | "printers add" | up | status | top | serve) ;;
     *)
         if [[ ${#rest[@]} -eq 1 && ${command[1]} =~ ^(print|record)$ ]]; then
             compopt -o filenames
