@@ -110,6 +110,20 @@ def test_documents_name_state_and_values(serve):
     assert serve.get("/api/printers/Nobody")[0] == 404
 
 
+def test_the_day_goes_back_to_what_was_recorded(up):
+    up.add("Front desk")
+    recorder = up.start("log", "--record")
+    wait_until(lambda: "Front desk" in up.run("log", code=None), "the recorder")
+    for value in (JAM, JAM.replace("10", "00").replace("01", "00").replace("02", "00")):
+        up.run("set", "Front desk", "PrinterStatus", "--hex", value)
+        wait_until(lambda: ("jam" in up.run("log", "Front desk", "PrinterStatus", code=None).splitlines()[-1])
+                   == (value == JAM), "the record")
+    recorder.end()
+    spans = wait_until(lambda: Server(up).json("/api/timeline")["printers"])[0]["spans"]
+    assert [(span["severity"], span["known"]) for span in spans] == \
+        [("none", True), ("error", True), ("none", True), ("none", False), ("none", True)]
+
+
 def test_metrics_pass_promtool(serve):
     for _ in range(3):
         serve.machine.set("Front desk", "PageCount", "17")

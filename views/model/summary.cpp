@@ -152,6 +152,10 @@ void AddJobs(const Printer& printer, Summary& summary) {
 
 } // namespace
 
+std::span<const char* const> StateVariables() {
+    return kStates;
+}
+
 Summary SummaryOf(const Printer& printer) {
     Summary summary;
     AddStates(printer, summary);
@@ -178,7 +182,7 @@ Json SummaryJson(const Printer& printer, const Summary& summary) {
               {"severity", product::NameOf(summary.severity)},
               {"stale", printer.stale},
               {"trouble", printer.trouble},
-              {"changed", TimeText(summary.changedMs)},
+              {"changed", UtcText(summary.changedMs)},
               {"panel", summary.panel},
               {"pages", summary.pages ? Json(*summary.pages) : Json(nullptr)},
               {"supplies", Json::array()},
@@ -202,15 +206,15 @@ Json PrinterJson(const Printer& printer) {
                         {"severity", product::NameOf(value.severity)},
                         {"from", value.origin},
                         {"writes", value.writes},
-                        {"written", TimeText(value.writtenMs)}};
-    json["answered"] = TimeText(printer.answeredMs);
+                        {"written", UtcText(value.writtenMs)}};
+    json["answered"] = UtcText(printer.answeredMs);
     json["values"] = std::move(values);
     return json;
 }
 
 // ---- time
 
-std::string TimeText(int64_t ms) {
+std::string UtcText(int64_t ms) {
     if (ms <= 0) return "";
     const time_t seconds = static_cast<time_t>(ms / 1000);
     tm parts{};

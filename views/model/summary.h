@@ -6,7 +6,11 @@
 
 #include "model/source.h"
 
+#include <span>
+
 namespace views {
+
+using PrinterKey = Printers::key_type; // machine, name
 
 // Toner, ink, a tray.
 struct Supply {
@@ -33,12 +37,14 @@ struct Summary {
 };
 
 Summary SummaryOf(const Printer& printer);
+// The variables that the state is made from.
+std::span<const char* const> StateVariables();
 // Machine, name, driver, device, state, severity, stale, trouble, changed, panel, pages, supplies, jobs.
 Json SummaryJson(const Printer& printer, const Summary& summary);
 // The same with the time of the last answer and the values of all variables.
 Json PrinterJson(const Printer& printer);
 
 // "2026-11-24T08:15:00.123Z"; empty for 0.
-std::string TimeText(int64_t ms);
+std::string UtcText(int64_t ms);
 
 } // namespace views

@@ -32,7 +32,7 @@ std::string NewRun() {
 
 Json ChangeJson(const Change& change) {
     Json json{{"kind", NameOf(change.kind)},
-              {"at", TimeText(change.atMs)},
+              {"at", UtcText(change.atMs)},
               {"machine", change.machine},
               {"printer", change.printer},
               {"variable", change.variable}};
@@ -125,6 +125,7 @@ void Board::Take(const Printer& printer) {
     entry->second.printer = printer;
     m_dirty.push_back(key);
     if (!isNew) return;
+    if (const auto past = m_past.spans.extract(key)) entry->second.spans = past.mapped();
     for (auto removed = m_removed.begin(); removed != m_removed.end();)
         removed = removed->second == key ? m_removed.erase(removed) : std::next(removed);
 }
@@ -147,7 +148,7 @@ void Board::Remember(const Change& change) {
     if (m_changes.size() > kChangesKept) m_changes.pop_front();
 }
 
-void Board::Refresh(Entry& entry) {
+void Board::Refresh(BoardEntry& entry) {
     Summary summary = SummaryOf(entry.printer);
     std::string json = Dump(SummaryJson(entry.printer, summary));
     if (json == entry.json) return;
@@ -164,15 +165,32 @@ void Board::Refresh(Entry& entry) {
 
 // ---- 2 the day behind
 
-void Board::AddSpan(Entry& entry) {
-    const int64_t now = NowMs();
-    const Span span{now, entry.summary.severity, entry.printer.stale, entry.summary.state};
-    std::deque<Span>& spans = entry.spans;
+Span SpanOf(const Printer& printer, const Summary& summary, int64_t fromMs) {
+    return {fromMs, summary.severity, printer.stale, summary.state};
+}
+
+void Board::SetPast(Past past) {
+    const std::lock_guard hold(m_lock);
+    m_past = std::move(past);
+    if (m_past.beganMs > 0) m_beganMs = std::min(m_beganMs, m_past.beganMs);
+}
+
+void Board::AddTo(std::deque<Span>& spans, const Span& span) {
+    while (!spans.empty() && spans.back().fromMs >= span.fromMs)
+        spans.pop_back();
     if (!spans.empty()) {
         const Span& last = spans.back();
-        if (last.severity == span.severity && last.stale == span.stale && last.state == span.state) return;
+        if (last.severity == span.severity && last.stale == span.stale && last.state == span.state &&
+            last.known == span.known)
+            return;
     }
     spans.push_back(span);
+}
+
+void Board::AddSpan(BoardEntry& entry) {
+    const int64_t now = NowMs();
+    std::deque<Span>& spans = entry.spans;
+    AddTo(spans, SpanOf(entry.printer, entry.summary, now));
     const size_t most = std::clamp(kSpansMost / std::max<size_t>(m_entries.size(), 1), kSpansLeast, kSpansOfPrinter);
     // The first one may have begun before the day.
     while (spans.size() > most || (spans.size() > 1 && spans[1].fromMs < now - kDayMs))
@@ -227,7 +245,7 @@ std::string Board::MessageAfter(Place& place) const {
         text += std::string("event: ") + event + "\ndata: " + data + "\n\n";
     };
     if (!place.greeted) text = "retry: 1000\n";
-    if (!place.greeted) add("hello", Dump({{"began", TimeText(m_beganMs)}}));
+    if (!place.greeted) add("hello", Dump({{"began", UtcText(m_beganMs)}}));
     place.greeted = true;
     const uint64_t from = place.number;
     uint64_t to = m_number;
@@ -242,8 +260,7 @@ std::string Board::MessageAfter(Place& place) const {
     if (m_machinesNumber > from && m_machinesNumber <= to) {
         Json machines = Json::array();
         for (const auto& [name, machine] : m_machines)
-            machines.push_back(
-                {{"name", name}, {"connected", machine.connected}, {"since", TimeText(machine.sinceMs)}});
+            machines.push_back({{"name", name}, {"connected", machine.connected}, {"since", UtcText(machine.sinceMs)}});
         add("machines", Dump(machines));
     }
     const auto older = [](const Told& told, uint64_t number) { return told.number <= number; };
@@ -265,7 +282,7 @@ std::string Board::MessageAfter(Place& place) const {
 
 std::string Board::PrintersDocument() const {
     const std::lock_guard hold(m_lock);
-    std::string text = "{\"at\":\"" + TimeText(NowMs()) + "\",\"printers\":[";
+    std::string text = "{\"at\":\"" + UtcText(NowMs()) + "\",\"printers\":[";
     bool first = true;
     for (const auto& [key, entry] : m_entries) {
         text += (first ? "\n" : ",\n") + entry.json;
@@ -274,8 +291,8 @@ std::string Board::PrintersDocument() const {
     return text + "\n]}\n";
 }
 
-std::vector<const Entry*> Board::FindAll(const std::string& machine, const std::string& name) const {
-    std::vector<const Entry*> found;
+std::vector<const BoardEntry*> Board::FindAll(const std::string& machine, const std::string& name) const {
+    std::vector<const BoardEntry*> found;
     for (const auto& [key, entry] : m_entries)
         if ((machine.empty() || key.first == machine) && (name.empty() || key.second == name)) found.push_back(&entry);
     return found;
@@ -283,7 +300,7 @@ std::vector<const Entry*> Board::FindAll(const std::string& machine, const std::
 
 Board::Found Board::PrinterDocument(const std::string& machine, const std::string& name) const {
     const std::lock_guard hold(m_lock);
-    const std::vector<const Entry*> found = FindAll(machine, name);
+    const std::vector<const BoardEntry*> found = FindAll(machine, name);
     if (found.empty()) return {};
     if (found.size() > 1) return {409, {}};
     return {200, Dump(PrinterJson(found.front()->printer)) + "\n"};
@@ -291,25 +308,26 @@ Board::Found Board::PrinterDocument(const std::string& machine, const std::strin
 
 Board::Found Board::TimelineDocument(const std::string& machine, const std::string& name, int64_t sinceMs) const {
     const std::lock_guard hold(m_lock);
-    const std::vector<const Entry*> found = FindAll(machine, name);
+    const std::vector<const BoardEntry*> found = FindAll(machine, name);
     if (found.empty() && !name.empty()) return {};
     Json printers = Json::array();
-    for (const Entry* entry : found) {
+    for (const BoardEntry* entry : found) {
         Json spans = Json::array();
         for (size_t i = 0; i < entry->spans.size(); ++i) {
             const Span& span = entry->spans[i];
             // One that ended before is left out.
             if (i + 1 < entry->spans.size() && entry->spans[i + 1].fromMs <= sinceMs) continue;
-            spans.push_back({{"from", TimeText(std::max(span.fromMs, sinceMs))},
+            spans.push_back({{"from", UtcText(std::max(span.fromMs, sinceMs))},
                              {"severity", product::NameOf(span.severity)},
                              {"stale", span.stale},
-                             {"state", span.state}});
+                             {"state", span.state},
+                             {"known", span.known}});
         }
         printers.push_back(
             {{"machine", entry->printer.machine}, {"name", entry->printer.name}, {"spans", std::move(spans)}});
     }
-    return {200, Dump({{"at", TimeText(NowMs())}, {"began", TimeText(m_beganMs)}, {"printers", std::move(printers)}}) +
-                     "\n"};
+    return {200,
+            Dump({{"at", UtcText(NowMs())}, {"began", UtcText(m_beganMs)}, {"printers", std::move(printers)}}) + "\n"};
 }
 
 } // namespace views

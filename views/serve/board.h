@@ -21,10 +21,12 @@ struct Span {
     product::Severity severity = product::Severity::None;
     bool stale = false;
     std::string state;
+    bool known = true; // false: nobody looked
 };
+Span SpanOf(const Printer& printer, const Summary& summary, int64_t fromMs);
 
 // What the board has of a printer.
-struct Entry {
+struct BoardEntry {
     Printer printer;
     std::string json; // SummaryJson
     Summary summary;
@@ -34,11 +36,18 @@ struct Entry {
     uint64_t jobs = 0;          // that came since then
 };
 
-using PrinterKey = std::pair<std::string, std::string>; // machine, name
-
 class Board {
 public:
     Board();
+
+    // The day before it began.
+    struct Past {
+        std::map<PrinterKey, std::deque<Span>> spans;
+        int64_t beganMs = 0; // 0: nothing is known of it
+    };
+    void SetPast(Past past);
+    // Adds a span unless it is as the last one. Of several at one moment the last one counts.
+    static void AddTo(std::deque<Span>& spans, const Span& span);
 
     // Brings it up to date. True: there is something to tell.
     bool Update(const Printers& printers, const std::vector<Change>& changes);
@@ -73,7 +82,7 @@ public:
         const std::lock_guard hold(m_lock);
         use(m_entries, m_machines);
     }
-    using Entries = std::map<PrinterKey, Entry>;
+    using Entries = std::map<PrinterKey, BoardEntry>;
     struct Machine {
         bool connected = true;
         int64_t sinceMs = 0;
@@ -87,9 +96,9 @@ private:
     void Take(const Printer& printer);
     void Drop(const PrinterKey& key);
     void Remember(const Change& change);
-    void Refresh(Entry& entry);
-    void AddSpan(Entry& entry);
-    std::vector<const Entry*> FindAll(const std::string& machine, const std::string& name) const;
+    void Refresh(BoardEntry& entry);
+    void AddSpan(BoardEntry& entry);
+    std::vector<const BoardEntry*> FindAll(const std::string& machine, const std::string& name) const;
     std::string MessageAfter(Place& place) const;
     bool HasMoreNow(const Place& place) const;
 
@@ -101,6 +110,7 @@ private:
     mutable std::mutex m_lock;
     std::string m_run; // of this server
     int64_t m_beganMs;
+    Past m_past;
     uint64_t m_number = 1;
     Entries m_entries;
     std::map<uint64_t, PrinterKey> m_order;   // of printers, by number

@@ -7,7 +7,7 @@
 #include <CLI/CLI.hpp>
 
 int main(int argc, char** argv) {
-    views::ServeOptions options;
+    views::ServeOptions options{.isThisMachine = true};
     const views::Program program{"serve", "Serve a page that shows the printers, and their metrics, until Ctrl-C.",
                                  true};
     const auto addOptions = [&](CLI::App& app) {

@@ -80,7 +80,7 @@ void AddValue(Metrics& metrics, const std::string& labels, const Value& value) {
         AddNumber(metrics, labels, field, part);
 }
 
-void AddPrinter(Metrics& metrics, const Entry& entry, int64_t now) {
+void AddPrinter(Metrics& metrics, const BoardEntry& entry, int64_t now) {
     const Printer& printer = entry.printer;
     const Summary& summary = entry.summary;
     const std::string labels = Label("machine", printer.machine) + "," + Label("printer", printer.name);

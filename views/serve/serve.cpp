@@ -1,10 +1,12 @@
 // Feeds the board from the source, and the readers from the board. No state.
 #include "serve/serve.h"
 
+#include "serve/past.h"
 #include "serve/server.h"
 
 #include "base/layer.h"
 #include "base/output.h"
+#include "journal/journal.h"
 #include "model/program.h"
 
 namespace views {
@@ -18,6 +20,7 @@ Exit RunServe(Source& source, const ServeOptions& options) {
 
     const EndOnInterrupt end(source);
     Board board;
+    if (options.isThisMachine) board.SetPast(ReadPast(JournalFolder(), NowMs()));
     // What the source knows already is new here.
     std::vector<Change> known;
     for (const auto& [key, printer] : source.Now())

@@ -9,6 +9,7 @@ struct ServeOptions {
     std::string host = "127.0.0.1"; // to listen on; any that is not of the loopback needs a token
     uint16_t port = 8631;           // 0: one that is free
     std::string tokenFile;          // empty: no token
+    bool isThisMachine = false;     // the day before is in its journal, if it has one
 };
 
 // Serves until the user ends it. Says where, once it does: as a line, or with --json {"event": "listening", "url"}.

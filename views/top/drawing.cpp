@@ -49,7 +49,9 @@ std::string SuppliesBars(const Screen& screen, const Summary& summary, int colum
 
 void DrawTitle(Screen& screen, View& view) {
     const Rows::Counts counts = view.rows.Count();
-    std::string text = " " + MachineName() + "  " + ClockText(NowMs()) + "  " + std::to_string(counts.all) +
+    const size_t machines = view.rows.Machines();
+    const std::string where = machines > 1 ? std::to_string(machines) + " machines" : MachineName();
+    std::string text = " " + where + "  " + ClockText(NowMs()) + "  " + std::to_string(counts.all) +
                        (counts.all == 1 ? " printer" : " printers");
     if (counts.errors) text += ", " + std::to_string(counts.errors) + " with an error";
     if (counts.warnings) text += ", " + std::to_string(counts.warnings) + " to look at";
@@ -101,7 +103,7 @@ void DrawList(Screen& screen, View& view, int first, int lines) {
     if (chosen < view.top) view.top = chosen;
     if (chosen >= view.top + room) view.top = chosen - room + 1;
     if (view.top + room > shown.size()) view.top = shown.size() > room ? shown.size() - room : 0;
-    const bool machines = view.rows.SeveralMachines();
+    const bool machines = view.rows.Machines() > 1;
     for (size_t i = 0; i < room && view.top + i < shown.size(); ++i)
         DrawRow(screen, *shown[view.top + i], columns, first + 1 + static_cast<int>(i), view.top + i == chosen,
                 machines);

@@ -132,8 +132,11 @@ Rows::Counts Rows::Count() const {
     return counts;
 }
 
-bool Rows::SeveralMachines() const {
-    return !m_rows.empty() && m_rows.begin()->first.first != m_rows.rbegin()->first.first;
+size_t Rows::Machines() const {
+    std::set<std::string_view> machines;
+    for (const auto& [key, row] : m_rows)
+        machines.insert(key.first);
+    return machines.size();
 }
 
 } // namespace views

@@ -8,8 +8,6 @@
 
 namespace views {
 
-using PrinterKey = std::pair<std::string, std::string>; // machine, name
-
 enum class Order { Severity, Name, Jobs, Pages, Supplies };
 inline constexpr int kOrders = 5;
 const char* NameOf(Order order);
@@ -40,7 +38,7 @@ public:
         size_t all = 0, errors = 0, warnings = 0, stale = 0;
     };
     Counts Count() const;
-    bool SeveralMachines() const;
+    size_t Machines() const;
 
 private:
     void Arrange();

@@ -26,7 +26,7 @@ void PrintSnapshot(Rows& rows) {
             printers.push_back(SummaryJson(*row->printer, row->summary));
         return PrintJson({{"printers", printers}});
     }
-    const bool machines = rows.SeveralMachines();
+    const bool machines = rows.Machines() > 1;
     Table table{{{"PRINTER", "SEVERITY", "JOBS", "PAGES", "SUPPLIES", "STATE"}}};
     if (machines) table.rows[0].insert(table.rows[0].begin() + 1, "MACHINE");
     for (const Row* row : rows.Shown()) {

@@ -7,6 +7,7 @@
 #include "top/view.h"
 
 #include "base/output.h"
+#include "base/product.h"
 #include "model/program.h"
 
 #include <algorithm>
@@ -80,6 +81,19 @@ void Follow(View& view) {
     }
 }
 
+// Until there are printers, or it is clear that there are none.
+void GatherPrinters(View& view, std::chrono::milliseconds settle) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point begun = Clock::now();
+    do {
+        TakeChanges(view, view.source.Wait(100ms));
+        if (!view.source.Now().empty() || Clock::now() - begun < settle) continue;
+        if (!view.notConnected.empty())
+            throw Failure{Exit::NoService, "cannot show the printers of " + *view.notConnected.begin(),
+                          "the status database service does not run", HowToStart()};
+    } while (Clock::now() - begun < settle || (view.source.Now().empty() && Clock::now() - begun < kFirstLook));
+}
+
 } // namespace
 
 Exit RunTop(Source& source, const TopOptions& options) {
@@ -93,16 +107,7 @@ Exit RunTop(Source& source, const TopOptions& options) {
         return Exit::Done;
     }
     if (!once && g_output.terminal) PrintError({Exit::Done, "showing the printers once", why, ""});
-    const auto until = std::chrono::steady_clock::now() + kFirstLook;
-    std::vector<Change> changes;
-    do {
-        changes = source.Wait(200ms);
-        view.rows.Update(source.Now(), changes);
-        for (const Change& change : changes)
-            if (change.kind == ChangeKind::Disconnected)
-                throw Failure{Exit::NoService, "cannot show the printers of " + change.machine,
-                              "the status database service does not run", "start it with 'oriel up'"};
-    } while (source.Now().empty() && std::chrono::steady_clock::now() < until);
+    GatherPrinters(view, options.settle);
     PrintSnapshot(view.rows);
     return Exit::Done;
 }

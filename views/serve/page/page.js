@@ -133,7 +133,7 @@ async function showMore(row) {
 
 function addSpan(row, data) {
   const last = row.spans[row.spans.length - 1];
-  if (last && last.severity === data.severity && last.stale === data.stale && last.state === data.state) return;
+  if (last && last.known !== false && last.severity === data.severity && last.stale === data.stale && last.state === data.state) return;
   row.spans.push({ from: Date.now(), severity: data.severity, stale: data.stale, state: data.state });
   showDay(row);
 }
@@ -148,6 +148,7 @@ function showDay(row) {
   row.spans.forEach((span, i) => {
     const end = i + 1 < row.spans.length ? row.spans[i + 1].from : now;
     const from = Math.max(span.from, start);
+    if (span.known === false) return;
     if (rank(span.severity) === 3) errors += end - from;
     for (let at = Math.floor((from - start) / STEP); at <= Math.min(287, Math.floor((end - start) / STEP)); ++at)
       steps[at] = Math.max(steps[at], rank(span.severity));
