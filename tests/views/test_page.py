@@ -8,7 +8,7 @@ READY = "00 00 00 00 00 00 00 00 00 00 00 00"
 # What a name or a text might try: elements, attributes, entities, addresses.
 INJECTIONS = ["<img src=x onerror=hit=1>", "</span><script>hit=1</script>", '" onmouseover="hit=1', "&lt;b&gt;&#60;b&#62;",
               "javascript:hit=1", "<svg/onload=hit=1>", "${hit=1}", "<style>*{display:none}</style>", "\u202eno\u202c"]
-FOREIGN = ("document.querySelectorAll('img, b, iframe, style, span script, li script, [onerror], [onload], "
+FOREIGN = ("document.querySelectorAll('img, b, iframe, style, main script, [onerror], [onload], "
            "[onmouseover], [style]').length + (typeof hit == 'undefined' ? 0 : 1000)")
 
 

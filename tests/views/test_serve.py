@@ -108,6 +108,8 @@ def test_documents_name_state_and_values(serve):
     spans = serve.json("/api/timeline?printer=" + urllib.parse.quote(HOSTILE) + "&since=1h")["printers"][0]["spans"]
     assert [span["severity"] for span in spans] == ["none", "error"]
     assert serve.get("/api/printers/Nobody")[0] == 404
+    taken = serve.machine.json("serve", "--port", str(serve.port), code=1)["error"]
+    assert taken["why"] == "Address already in use" and "--port" in taken["next"]
 
 
 def test_the_day_goes_back_to_what_was_recorded(up):

@@ -355,7 +355,6 @@ Server::Server(const ServerOptions& options, Board& board) : m_state(new State{.
         MHD_start_daemon(flags, 0, nullptr, nullptr, OnRequest, &state,                                      //
                          MHD_OPTION_EXTERNAL_LOGGER, LogNothing, nullptr,                                    //
                          MHD_OPTION_SOCK_ADDR, reinterpret_cast<const sockaddr*>(&options.listen.address),   //
-                         MHD_OPTION_LISTENING_ADDRESS_REUSE, 1u,                                             //
                          MHD_OPTION_CONNECTION_LIMIT, kConnectionsMost,                                      //
                          MHD_OPTION_PER_IP_CONNECTION_LIMIT, options.listen.loopback ? 0u : kPerAddressMost, //
                          MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,                              //
@@ -366,7 +365,7 @@ Server::Server(const ServerOptions& options, Board& board) : m_state(new State{.
                          MHD_OPTION_STRICT_FOR_CLIENT, 1,                                                    //
                          MHD_OPTION_END);
     if (state.daemon == nullptr)
-        throw Failure{Exit::False, "cannot listen on " + options.listen.host, std::strerror(errno),
+        throw Failure{Exit::False, "cannot listen at " + options.listen.host, std::strerror(errno),
                       "choose another port with --port"};
     state.cookie = "oriel_" + std::to_string(Port());
 }

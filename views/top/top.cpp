@@ -21,7 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kClock = 1s;     // between two drawings when nothing happens
+constexpr auto kClock = 250ms;  // between two drawings when nothing happens; a new size of the terminal is seen then
 constexpr auto kFirstLook = 3s; // for printers, before a snapshot says that there are none
 
 // Wakes the source when there are keys, once until they are taken.
