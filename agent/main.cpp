@@ -3,12 +3,13 @@
 //
 //     TVORPZ.EXE /S
 //
-// There is one for each desktop. A second one signals that there is an agent, and ends. It shows nothing yet. It ends
-// when it is asked to, when all managers of the machine are asked to terminate, when the product is stopped, and with
-// the desktop. It starts again when somebody opens a manager.
+// There is one for each desktop. A second one signals that there is an agent, and ends. It shows alerts (alerts.h). It
+// ends when it is asked to, when all managers of the machine are asked to terminate, when the product is stopped, and
+// with the desktop. It starts again when somebody opens a manager.
 //
-// Two threads: the first has the window, the other one waits for the end. State: what the second one needs, set before
-// it starts.
+// Three threads: the first has the window, the second waits for the end, the third looks for alerts. State: what the
+// second and the third need, set before they start.
+#include "alerts.h"
 #include "layer.h"
 
 #include "product/desktop_agent.h"
@@ -24,12 +25,14 @@ constexpr int kCannotBegin = 1;
 constexpr int kWrong = 2;
 
 constexpr char kOneAgentMutex[] = "TVORSQD:DesktopAgent";
-constexpr DWORD kOneAgentMs = 5000; // for another agent that is starting to have its window
-constexpr DWORD kLookMs = 2000;     // between checks of product and desktop
-constexpr DWORD kPostAgainMs = 20;  // to a queue that is full
+constexpr DWORD kOneAgentMs = 5000;   // for another agent that is starting to have its window
+constexpr DWORD kLookMs = 2000;       // between checks of product and desktop
+constexpr DWORD kPostAgainMs = 20;    // to a queue that is full
+constexpr DWORD kLastAlertsMs = 3000; // to close what is shown
 
 HWND g_window = nullptr;
 HANDLE g_termination = nullptr;
+HANDLE g_ending = nullptr;   // the message loop has ended
 bool g_productWasUp = false; // some client kinds work without a product that is up, and so does their agent
 
 // Held while the agent looks for a window and makes its own, so that of two agents that start at once one finds the
@@ -111,6 +114,17 @@ DWORD WINAPI WaitForEnd(LPVOID) {
     return 0;
 }
 
+// It is apart from the thread that waits for the end, because the desktop or the service may keep it waiting.
+DWORD WINAPI ShowAlerts(LPVOID) {
+    Alerts* alerts = StartAlerts();
+    if (alerts == nullptr) return 0;
+    do
+        LookForAlerts(*alerts);
+    while (WaitForSingleObject(g_ending, kLookMs) == WAIT_TIMEOUT);
+    EndAlerts(alerts);
+    return 0;
+}
+
 bool StartWaiting() {
     const bool terminalServer = product::MachineIsTerminalServer();
     g_termination =
@@ -127,9 +141,15 @@ int Run() {
         return kEnded;
     }
     if (!StartWaiting()) return kCannotBegin;
+    g_ending = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const KernelHandle alerts(g_ending ? CreateThread(nullptr, 0, ShowAlerts, nullptr, 0, nullptr) : nullptr);
     MSG message;
     while (GetMessageA(&message, nullptr, 0, 0) > 0) // unbounded: until the agent is asked to end
         DispatchMessageA(&message);
+    if (alerts) {
+        SetEvent(g_ending);
+        WaitForSingleObject(alerts.Get(), kLastAlertsMs);
+    }
     return kEnded;
 }
 

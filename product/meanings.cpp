@@ -203,19 +203,45 @@ void Add(Explanation& explanation, const std::string& words, Severity severity) 
     explanation.severity = std::max(explanation.severity, severity);
 }
 
+// A number that is not known has none.
+void AddNamed(const WordMeaning& meaning, uint32_t number, bool alone, std::vector<Named>& named) {
+    if (number == kNotKnown && (alone || meaning.bits.empty())) return;
+    for (const Named& bit : meaning.bits)
+        if ((number & bit.value) != 0) named.push_back(bit);
+    for (const Named& row : meaning.numbers)
+        if (row.value == number) named.push_back(row);
+}
+
 void ExplainWord(const WordMeaning& meaning, uint32_t number, bool alone, Explanation& explanation) {
     if (number == kNotKnown && (alone || meaning.bits.empty())) return Add(explanation, "not known", Severity::Info);
-    for (const Named& bit : meaning.bits)
-        if ((number & bit.value) != 0) Add(explanation, bit.words, bit.severity);
-    const auto named = std::find_if(meaning.numbers.begin(), meaning.numbers.end(),
-                                    [&](const Named& row) { return row.value == number; });
-    if (named != meaning.numbers.end()) return Add(explanation, named->words, named->severity);
+    std::vector<Named> named;
+    AddNamed(meaning, number, alone, named);
+    for (const Named& row : named)
+        Add(explanation, row.words, row.severity);
+    const bool hasName = std::any_of(meaning.numbers.begin(), meaning.numbers.end(),
+                                     [&](const Named& row) { return row.value == number; });
+    if (hasName) return;
     if (*meaning.unit == '\0') return;
     const bool ordinal = std::string_view(meaning.unit).starts_with("number of");
     Add(explanation,
         ordinal ? std::string(meaning.unit + sizeof "number of the") + " " + std::to_string(number)
                 : std::to_string(number) + " " + meaning.unit,
         Severity::None);
+}
+
+// False: a model's variable of this name.
+bool HasWords(const VariableMeaning& meaning, SIZE_T size) {
+    return size >= meaning.words.size() * sizeof(uint32_t);
+}
+
+template <typename Call>
+void ForEachWord(const VariableMeaning& meaning, const BYTE* value, SIZE_T size, Call call) {
+    if (!HasWords(meaning, size)) return;
+    for (size_t i = 0; i < meaning.words.size(); ++i) {
+        uint32_t number = 0;
+        memcpy(&number, value + i * sizeof number, sizeof number);
+        call(meaning.words[i], number);
+    }
 }
 
 } // namespace
@@ -259,14 +285,20 @@ const VariableMeaning* MeaningOf(const char* variable) {
 Explanation Explain(const VariableMeaning& meaning, const BYTE* value, SIZE_T size) {
     Explanation explanation;
     if (meaning.text) explanation.words.assign(value, std::find(value, value + size, BYTE{0}));
-    if (size < meaning.words.size() * sizeof(uint32_t)) return explanation; // a model's variable of this name
-    for (size_t i = 0; i < meaning.words.size(); ++i) {
-        uint32_t number = 0;
-        memcpy(&number, value + i * sizeof number, sizeof number);
-        ExplainWord(meaning.words[i], number, meaning.words.size() == 1, explanation);
-    }
+    if (!HasWords(meaning, size)) return explanation;
+    ForEachWord(meaning, value, size, [&](const WordMeaning& word, uint32_t number) {
+        ExplainWord(word, number, meaning.words.size() == 1, explanation);
+    });
     if (meaning.none && explanation.words.empty()) explanation.words = meaning.none;
     return explanation;
+}
+
+std::vector<Named> NamedParts(const VariableMeaning& meaning, const BYTE* value, SIZE_T size) {
+    std::vector<Named> named;
+    ForEachWord(meaning, value, size, [&](const WordMeaning& word, uint32_t number) {
+        AddNamed(word, number, meaning.words.size() == 1, named);
+    });
+    return named;
 }
 
 } // namespace product

@@ -10,7 +10,7 @@ import sys
 import threading
 
 import pytest
-from conftest import SOURCE, wait_for
+from real_product import SOURCE, wait_for
 
 import oriel
 from oriel import _errors, _values

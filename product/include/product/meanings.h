@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace product {
 
@@ -59,5 +60,8 @@ struct Explanation {
 };
 // value: as the library's A functions give it. A number that is -1 is "not known".
 Explanation Explain(const VariableMeaning& meaning, const BYTE* value, SIZE_T size);
+
+// What of a value has words of its own: each bit that is set, and each number that has a name.
+std::vector<Named> NamedParts(const VariableMeaning& meaning, const BYTE* value, SIZE_T size);
 
 } // namespace product
