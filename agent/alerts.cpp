@@ -1,6 +1,7 @@
 // State: the printers and their conditions, and which notifications are shown.
 #include "alerts.h"
 
+#include "conditions.h"
 #include "desktop_module.h"
 
 #include "product/guards.h"
@@ -18,8 +19,6 @@
 
 namespace {
 
-constexpr DWORD kLastsMs = 3000;
-constexpr DWORD kAbsentMs = 6000;
 constexpr DWORD kListMs = 6000;      // between looks at the list of printers and the settings
 constexpr DWORD kRetryMs = 30000;    // after nobody showed a notification
 constexpr DWORD kSettingMax = 65536; // bytes
@@ -31,19 +30,12 @@ constexpr const char* kWatched[] = {names::kPrinterStatus,     names::kPrinterSt
                                     names::kErrPaperSizeError, names::kErrFormRegistError};
 constexpr DWORD kWatchedMax = 12;
 
-struct Condition {
-    DWORD firstSeen = 0; // by GetTickCount, as all times here
-    DWORD lastSeen = 0;
-    product::Severity severity = product::Severity::None;
-    bool shown = false;
-};
-
 struct WatchedPrinter {
     std::string name; // UTF-8
     DatabaseHandle database = 0;
     const BYTE* view = nullptr; // of the published values; null: none
     product::PublishedSection section{};
-    std::map<std::string, Condition> conditions; // by their words
+    Conditions conditions;
     uint32_t notification = 0;
 };
 
@@ -177,20 +169,9 @@ void See(WatchedPrinter& printer, const Settings& settings, DWORD now) {
         const DWORD size = ReadWatched(printer, variable, value);
         for (const product::Named& named : product::NamedParts(*product::MeaningOf(variable), value, size)) {
             if (*named.words == '\0' || named.severity < settings.lowest || Ignores(settings, named.words)) continue;
-            Condition& condition =
-                printer.conditions.try_emplace(named.words, Condition{.firstSeen = now}).first->second;
-            condition.lastSeen = now;
-            condition.severity = named.severity;
+            SeeCondition(printer.conditions, named, now);
         }
     }
-}
-
-// True when there is something new to show.
-bool Settle(WatchedPrinter& printer, DWORD now) {
-    std::erase_if(printer.conditions, [&](const auto& row) { return now - row.second.lastSeen >= kAbsentMs; });
-    return std::any_of(printer.conditions.begin(), printer.conditions.end(), [&](const auto& row) {
-        return !row.second.shown && row.second.lastSeen == now && now - row.second.firstSeen >= kLastsMs;
-    });
 }
 
 // False when nobody shows it.
@@ -198,7 +179,7 @@ bool Show(Alerts& alerts, WatchedPrinter& printer, DWORD now) {
     desktop::Notification notification{.title = ToUtf8(printer.name), .replaces = printer.notification};
     std::vector<Condition*> told;
     for (auto& [words, condition] : printer.conditions) {
-        if (!condition.shown && now - condition.firstSeen < kLastsMs) continue;
+        if (!HasLasted(condition, now)) continue;
         notification.body += (notification.body.empty() ? "" : ", ") + words;
         if (condition.severity == product::Severity::Error) notification.urgency = desktop::Urgency::Critical;
         told.push_back(&condition);
@@ -245,7 +226,7 @@ void LookForAlerts(Alerts& alerts) {
     for (auto& [name, printer] : alerts.printers) {
         if (printer.database == 0) continue;
         if (alerts.settings.any && !Ignores(alerts.settings, printer.name.c_str())) See(printer, alerts.settings, now);
-        if (Settle(printer, now) && (!alerts.nobodyShows || now - alerts.lastShow >= kRetryMs)) {
+        if (SettleConditions(printer.conditions, now) && (!alerts.nobodyShows || now - alerts.lastShow >= kRetryMs)) {
             alerts.nobodyShows = !Show(alerts, printer, now);
             alerts.lastShow = now;
         }

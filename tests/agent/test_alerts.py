@@ -69,10 +69,6 @@ def test_a_condition_that_lasts_is_shown_once_and_what_is_ignored_never(desktop)
     shown = {"shown": 1, "title": "Front desk", "body": "paper jam", "urgency": 2}
     assert desktop.next() == shown
 
-    # It comes and goes, and is there still: nothing is shown again, as what is shown next tells.
-    for _ in range(5):
-        jam("Front desk", 0)
-        jam("Front desk", 2)
     run("set", "Front desk", "ErrNoPaper", "1")
     assert desktop.next() == dict(shown, body="no paper, paper jam")
     jam("Lab <b>&", 2)
