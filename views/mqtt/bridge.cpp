@@ -224,6 +224,7 @@ void Bridge::Run() {
     const EndOnInterrupt end(m_source);
     BrokerConnection connection(m_options.broker, "oriel-" + LevelOf(m_options.machine),
                                 {.topic = m_topics.Available(), .payload = kOffline}, *this);
+    TellSupervisor("READY=1");
     Clock::time_point again = Clock::now() + kAgain;
     while (!end.Asked()) {
         bool put = false;

@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 constexpr size_t kMachinesMax = 1000;
 constexpr size_t kPrintersMax = 20000;   // of all machines
 constexpr size_t kVariablesMax = 500;    // of one printer
+constexpr size_t kKeptMax = 512 << 20;   // bytes of documents of all values
 constexpr size_t kWaitingMax = 32 << 20; // bytes of messages; the broker waits while there are more
 constexpr auto kForming = 2s;            // until a printer is shown without all the variables that it announced
 constexpr auto kQuiet = 300ms;           // after which the broker has told what it has
@@ -46,6 +47,7 @@ struct Told {
     size_t variables = 0;    // that it has
     Clock::time_point since; // when it was first told of
     bool shown = false;
+    std::map<std::string, size_t> sizes; // of the documents of its values
 };
 
 using Key = std::pair<std::string, std::string>;
@@ -104,12 +106,14 @@ struct FleetPrinters::State final : BrokerHandler {
     void TakeAbout(const Topic& topic, const std::string& payload, std::vector<Change>& changes);
     void TakeValue(const Topic& topic, const std::string& payload, std::vector<Change>& changes);
     bool HasRoom(const Topic& topic) const;
+    bool Charge(Told& known, const std::string& variable, size_t size);
     Told& ToldOf(const Key& key);
 
     const BrokerOptions options;
     std::map<std::string, Machine> machines;
     std::map<Key, Told> told;
     Printers now;
+    size_t kept = 0;     // bytes of documents
     bool linked = false; // what was last told of the connection
 
     std::mutex lock; // of what follows
@@ -148,6 +152,20 @@ void FleetPrinters::State::JudgeAll(const std::string& machine, std::vector<Chan
 bool FleetPrinters::State::HasRoom(const Topic& topic) const {
     if (!machines.contains(topic.machine) && machines.size() >= kMachinesMax) return false;
     return told.contains({topic.machine, topic.printer}) || told.size() < kPrintersMax;
+}
+
+// False: there is no room for it.
+bool FleetPrinters::State::Charge(Told& known, const std::string& variable, size_t size) {
+    const auto found = known.sizes.find(variable);
+    const size_t before = found == known.sizes.end() ? 0 : found->second;
+    if (found == known.sizes.end() && known.sizes.size() >= kVariablesMax) return false;
+    if (kept - before + size > kKeptMax) return false;
+    kept += size - before;
+    if (size == 0)
+        known.sizes.erase(variable);
+    else
+        known.sizes[variable] = size;
+    return true;
 }
 
 Told& FleetPrinters::State::ToldOf(const Key& key) {
@@ -190,6 +208,8 @@ void FleetPrinters::State::TakeAbout(const Topic& topic, const std::string& payl
         const auto known = told.find(key);
         if (known == told.end()) return;
         if (known->second.shown) changes.push_back(ChangeOf(ChangeKind::PrinterRemoved, key.first, key.second));
+        for (const auto& [variable, size] : known->second.sizes)
+            kept -= size;
         now.erase(key);
         told.erase(known);
         return;
@@ -212,16 +232,18 @@ void FleetPrinters::State::TakeAbout(const Topic& topic, const std::string& payl
 void FleetPrinters::State::TakeValue(const Topic& topic, const std::string& payload, std::vector<Change>& changes) {
     const Key key = {topic.machine, topic.printer};
     if (payload.empty()) {
-        const auto shown = now.find(key);
-        if (shown != now.end()) shown->second.values.erase(topic.variable);
+        const auto known = told.find(key);
+        if (known == told.end()) return;
+        Charge(known->second, topic.variable, 0);
+        (known->second.shown ? now[key] : known->second.printer).values.erase(topic.variable);
         return;
     }
     std::optional<Value> value = ParseValue(payload);
     if (!value || !HasRoom(topic)) return;
     Told& known = ToldOf(key);
     Printer& printer = known.shown ? now[key] : known.printer;
+    if (!Charge(known, topic.variable, payload.size())) return;
     const auto found = printer.values.find(topic.variable);
-    if (found == printer.values.end() && printer.values.size() >= kVariablesMax) return;
     if (!known.shown) {
         printer.values[topic.variable] = std::move(*value);
         return ShowIfComplete(key, known, changes);
