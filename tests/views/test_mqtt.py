@@ -77,6 +77,7 @@ def test_broker_that_is_killed_or_stands_still_has_the_last_values_afterwards(up
     broker.start()
     started.json(lambda event: event["event"] == "connected")
     wait_until(lambda: value_of(broker, "ErrPaperState") == 9999 and value_of(broker, "PrinterMemory") == 99, "the last values")
+    wait_until(lambda: value_of(broker, "TonerLevel") == 100, "what has not changed")
 
     before = memory_of(up)
     broker.signal(signal.SIGSTOP)
