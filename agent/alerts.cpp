@@ -12,9 +12,11 @@
 #include "product/variable_names.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {

@@ -2,12 +2,15 @@
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
+import sys
+import urllib.request
 
 import pytest
 from broker import Broker, broker  # noqa: F401
-from conftest import Machine, wait_until
+from conftest import BIN, SOURCES, Machine, wait_until
 
 PRINTER = "Front/desk +#%1"
 LEVEL = "Front%2Fdesk %2B%23%251"
@@ -64,12 +67,14 @@ def test_broker_that_is_killed_or_stands_still_has_the_last_values_afterwards(up
     writer = ("import ctypes, sys; sys.path.insert(0, sys.argv[1]); import oriel\n"
               "with oriel.open(sys.argv[2]) as p:\n"
               "    for i in range(10000): p['ErrPaperState'] = i; p['PrinterMemory'] = i // 100")
-    source = pathlib.Path(__file__).resolve().parents[2] / "python"
-    library = os.environ.get("ORIEL_LIBRARY") or str(pathlib.Path(os.environ["ORIEL_BIN_DIR"]).parent / "lib/libtvsqdz.so.1")
+    library = str(BIN.parent / "lib/libtvsqdz.so.1")
+
+    # The run-time of a sanitizer comes before all else.
+    runtime = re.findall(r"/\S*lib[at]san\S*", subprocess.run(["ldd", library], capture_output=True, text=True).stdout)
+    env = dict(up.env, ORIEL_LIBRARY=library, LD_PRELOAD=" ".join(runtime), ASAN_OPTIONS="detect_leaks=0")
 
     def write_much():
-        subprocess.run(["/usr/bin/python3", "-c", writer, source, PRINTER], check=True,
-                       env=dict(up.env, ORIEL_LIBRARY=library))
+        subprocess.run([sys.executable, "-c", writer, SOURCES / "python", PRINTER], check=True, env=env)
 
     broker.kill()
     started.json(lambda event: event["event"] == "disconnected")
@@ -130,11 +135,12 @@ def test_commands_are_refused_unless_they_run_as_the_user_that_is_named(up, brok
     # As the user of the product's directories, who may not cancel a job of root's, but one of its own.
     for path in (up.folder, up.state, up.run_folder):
         path.chmod(0o755)
-    own = subprocess.run(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", pathlib.Path(os.environ["ORIEL_BIN_DIR"]) / "oriel",
-                          "print", "Lab", "--held", "--json", "-"], input="x", env=up.env, capture_output=True, text=True)
+    as_nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+    own = subprocess.run([*as_nobody, BIN / "oriel", "print", "Lab", "--held", "--json", "-"], input="x", env=up.env,
+                         capture_output=True, text=True)
     own_job = json.loads(own.stdout)["job"]
     started = up.start(*words[:6], "--machine", "here", "--accept-commands", "nobody", "--json",
-                       wrap=["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"])
+                       wrap=as_nobody)
     started.json(lambda event: event["event"] == "connected")
     answer = {}
     for document, done in (("{", False), (json.dumps({"command": "cancel", "job": job, "id": 1}), False),
@@ -151,8 +157,8 @@ def secured(tmp_path):
     def openssl(*words):
         subprocess.run(["openssl", *words], check=True, capture_output=True, cwd=tmp_path)
 
-    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=ca", "-days", "2",
-            "-addext", "basicConstraints=critical,CA:TRUE")
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=ca",
+            "-days", "2", "-addext", "basicConstraints=critical,CA:TRUE")
     for name in "server", "client":
         openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={name}")
         (tmp_path / "names").write_text("subjectAltName=IP:127.0.0.1")
@@ -182,7 +188,7 @@ def test_tls_certificates_and_passwords(up, secured):
     own = [*tls, "--ca-file", folder / "ca.pem"]
     started = bridge(up, broker, *own, "--password-file", folder / "right")
     wait_until(lambda: value_of(broker, "TonerLevel", level="Lab") == 100, "the snapshot")
-    for words in ([*own, "--password-file", folder / "wrong"], ["--broker-user", "anna", "--ca-file", folder / "ca.pem", "--password-file", folder / "right"],
+    for words in ([*own, "--password-file", folder / "wrong"], [*tls[4:], *own[6:], "--password-file", folder / "right"],
                   [*tls, "--tls", "--password-file", folder / "right"]):
         other = up.start("bridge", "mqtt", "--host", "127.0.0.1", "--port", broker.port, "--machine", "other", "--json", *words)
         assert other.json()["event"] == "disconnected", words
@@ -222,6 +228,10 @@ def test_fleet_shows_two_machines_and_no_nonsense(up, broker, tmp_path_factory):
         assert "\x1b" not in up.run(*fleet) and "\x1b" not in up.run(*fleet, "top", "--once")
         assert printers["here", PRINTER]["severity"] == "none" != printers["there", PRINTER]["severity"]
         assert "there" in up.run(*fleet, "top", "--once")
+
+        page = up.start(*fleet, "--json", "serve", "--listen-port", 0)
+        url = page.json(lambda event: event["event"] == "listening")["url"]
+        wait_until(lambda: shown(json.load(urllib.request.urlopen(url + "api/printers")), 3), "the page's printers")
 
         other.programs[-1].kill()
         wait_until(lambda: shown(up.json(*fleet), 3)["there", PRINTER]["stale"], "the machine's absence")

@@ -109,6 +109,10 @@ struct BrokerConnection::Callbacks {
             std::string_view(static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen)),
             message->retain);
     }
+    static void OnSubscribe(mosquitto*, void* self, int, int, const int*) {
+        ++Of(self).m_received;
+        Of(self).m_handler.Subscribed();
+    }
     static void OnPublish(mosquitto*, void* self, int number) {
         BrokerConnection& connection = Of(self);
         ++connection.m_received;
@@ -158,6 +162,7 @@ void BrokerConnection::Unsubscribe(const std::string& filter) {
 int BrokerConnection::Configure() {
     mosquitto_connect_callback_set(m_client, Callbacks::OnConnect);
     mosquitto_message_callback_set(m_client, Callbacks::OnMessage);
+    mosquitto_subscribe_callback_set(m_client, Callbacks::OnSubscribe);
     mosquitto_publish_callback_set(m_client, Callbacks::OnPublish);
     mosquitto_max_inflight_messages_set(m_client, kOutstandingMax);
     int code = MOSQ_ERR_SUCCESS;

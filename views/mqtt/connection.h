@@ -51,6 +51,8 @@ public:
     // why: in words. The next attempt follows by itself.
     virtual void Disconnected(const std::string& why) = 0;
     virtual void Received(const std::string& topic, std::string_view payload, bool retained) = 0;
+    // The broker has answered one Subscribe; what it retains follows.
+    virtual void Subscribed() {}
     // The next message to publish; nothing when there is none. Asked again after Ready().
     virtual std::optional<Outgoing> Next() = 0;
     // The broker has it.

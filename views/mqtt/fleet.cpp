@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <iterator>
 #include <mutex>
 
 namespace views {
@@ -25,6 +26,7 @@ constexpr size_t kWaitingMax = 32 << 20; // bytes of messages; the broker waits 
 constexpr auto kForming = 2s;            // until a printer is shown without all the variables that it announced
 constexpr auto kQuiet = 300ms;           // after which the broker has told what it has
 
+constexpr const char* kFilters[] = {"/+/available", "/+/printers/+/about", "/+/printers/+/values/+"};
 constexpr char kNoBroker[] = "there is no connection to the broker";
 constexpr char kOfflineTrouble[] = "its machine is not connected to the broker";
 
@@ -68,19 +70,23 @@ struct FleetPrinters::State final : BrokerHandler {
             const std::lock_guard hold(lock);
             connected = true;
             trouble.clear();
-            lastArrival = Clock::now();
+            answers = 0;
         }
-        const std::string all = options.prefix + "/+";
-        connection.Subscribe(all + "/available");
-        connection.Subscribe(all + "/printers/+/about");
-        connection.Subscribe(all + "/printers/+/values/+");
+        for (const char* filter : kFilters)
+            connection.Subscribe(options.prefix + filter);
         arrival.notify_all();
     }
     void Disconnected(const std::string& why) override {
         const std::lock_guard hold(lock);
         connected = false;
+        answers = 0;
         trouble = why;
         arrival.notify_all();
+    }
+    void Subscribed() override {
+        const std::lock_guard hold(lock);
+        ++answers;
+        lastArrival = Clock::now();
     }
     void Received(const std::string& topic, std::string_view payload, bool) override {
         if (payload.size() > kDocumentMax) return;
@@ -120,6 +126,7 @@ struct FleetPrinters::State final : BrokerHandler {
     std::condition_variable arrival, taken;
     std::deque<Arrived> waiting;
     size_t waitingBytes = 0;
+    size_t answers = 0; // to subscriptions
     Clock::time_point lastArrival{};
     bool connected = false;
     std::string trouble;
@@ -348,9 +355,11 @@ void FleetPrinters::WaitForAll(std::chrono::milliseconds most) {
     for (;;) {
         Wait(50ms);
         const std::lock_guard hold(m_state->lock);
-        if (m_state->connected && m_state->waiting.empty() && Clock::now() - m_state->lastArrival >= kQuiet) return;
+        if (m_state->answers == std::size(kFilters) && m_state->waiting.empty() &&
+            Clock::now() - m_state->lastArrival >= kQuiet)
+            return;
         if (Clock::now() >= end) {
-            if (m_state->connected) return; // it tells without end
+            if (m_state->answers == std::size(kFilters)) return; // it tells without end
             throw Failure{Exit::NoService, "cannot reach the broker " + NameOf(m_state->options), m_state->trouble,
                           "check --host and --port, and that it runs"};
         }

@@ -57,7 +57,8 @@ int main(int argc, char** argv) {
         views::CheckBrokerOptions(broker);
         views::FleetPrinters source(broker);
         if (!showTop && !runServe) return RunList(source);
-        if (top.once || !g_output.terminal || g_output.json) source.WaitForAll(kPatience);
-        return showTop ? views::RunTop(source, top) : views::RunServe(source, serve);
+        if (runServe) return views::RunServe(source, serve);
+        source.WaitForAll(kPatience);
+        return views::RunTop(source, top);
     });
 }
