@@ -30,6 +30,7 @@ constexpr unsigned kPerAddressMost = 100;   // of other machines; on the loopbac
 constexpr size_t kConnectionMemory = 16384; // for the line and the headers of a request
 constexpr unsigned kStuckSeconds = 20;      // without a byte in either direction
 constexpr auto kMetricsFresh = 500ms;       // readers within this time share a document
+constexpr int kSendBuffer = 65536;          // of a connection
 constexpr size_t kPiece = 16384;            // of a message
 constexpr size_t kNameMost = 2048;          // bytes of an argument
 
@@ -324,6 +325,8 @@ void OnConnection(void* state, MHD_Connection* connection, void** context, MHD_C
     auto* server = static_cast<Server::State*>(state);
     if (code == MHD_CONNECTION_NOTIFY_STARTED) {
         const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        // The kernel would keep megabytes for each slow reader.
+        setsockopt(info->connect_fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
         *context = server->connections.Add(info->connect_fd);
     } else {
         server->connections.Remove(static_cast<Connection*>(*context));
