@@ -24,6 +24,9 @@ constexpr DWORD kQuickForMs = 60000; // after a change
 constexpr DWORD kBackOffMax = 2;     // times the idle interval
 constexpr DWORD kJitterPercent = 10; // so that many printers are not polled at once
 constexpr DWORD kAnswerMarginMs = 500;
+// An answer to a poll is overdue after this time, and after twice what the slowest of the last answers took. What was
+// read before is stale then, long before the question fails.
+constexpr DWORD kLateMs = 1500;
 
 constexpr DWORD kPauseJob = 1; // "SetJob"
 constexpr DWORD kResumeJob = 2;
@@ -157,6 +160,8 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
     }
     // Who asks gets what is read now. While it prints, its pages come without an event.
     const bool events = printer.asked.empty() && !IsBusyPrinter(printer);
+    printer.askedAt = now;
+    if (printer.link.up) printer.lateAt = now + std::max(kLateMs, 2 * printer.usualMs);
     AskModule(printer, {.ask = Ask::Poll, .identity = !printer.identity, .events = events});
 }
 
@@ -164,6 +169,19 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
 
 bool Answers(Outcome outcome) {
     return outcome == Outcome::Answered || outcome == Outcome::NotSupported || outcome == Outcome::Declined;
+}
+
+// What was read before stays in the database, and is old. It is not stored again.
+void NoteDown(NetworkPrinter& printer, const std::string& trouble) {
+    printer.link.trouble = ToAnsi(trouble);
+    if (printer.link.up || printer.values.empty()) {
+        printer.values.clear();
+        printer.reading = {};
+        const DeviceValue value = NoAnswerValue(ShownUri(printer.uri));
+        printer.values[value.variable] = value;
+        printer.changed.push_back(value);
+    }
+    printer.link.up = false;
 }
 
 void NoteLink(NetworkPrinter& printer, const devices::Answer& answer) {
@@ -175,16 +193,20 @@ void NoteLink(NetworkPrinter& printer, const devices::Answer& answer) {
         printer.trust(answer.certificate);
     }
     if (answer.outcome == Outcome::CertificateChanged) printer.certificate = printer.trusted();
-    printer.link.trouble = up ? "" : ToAnsi(answer.trouble);
-    if (!up && (printer.link.up || printer.values.empty())) {
-        // What was read before stays in the database, and is old. It is not stored again.
-        printer.values.clear();
-        printer.reading = {};
-        const DeviceValue value = NoAnswerValue(ShownUri(printer.uri));
-        printer.values[value.variable] = value;
-        printer.changed.push_back(value);
-    }
-    printer.link.up = up;
+    if (!up) return NoteDown(printer, answer.trouble);
+    printer.link.trouble.clear();
+    printer.link.up = true;
+}
+
+void NoteLate(NetworkPrinter& printer, ULONGLONG now) {
+    if (!printer.busy || printer.lateAt == 0 || now < printer.lateAt) return;
+    printer.lateAt = 0;
+    NoteDown(printer, "the answer is overdue");
+}
+
+void NoteDuration(NetworkPrinter& printer, ULONGLONG now) {
+    const auto took = static_cast<DWORD>(now - printer.askedAt);
+    printer.usualMs = std::max(took, printer.usualMs - printer.usualMs / 8);
 }
 
 bool SameValue(const DeviceValue& a, const DeviceValue& b) {
@@ -229,8 +251,10 @@ void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
     devices::Answer answer;
     if (!printer.busy || !printer.module->take(printer.session, &answer)) return;
     printer.busy = false;
+    printer.lateAt = 0;
     const bool wasCommand = !printer.asked.empty() && printer.asked.front().kind == DeviceAsk::Write;
     NoteLink(printer, answer);
+    if (!wasCommand && printer.link.up) NoteDuration(printer, now);
     if (!wasCommand) printer.tellsEvents = printer.link.up && answer.tellsEvents;
     if (answer.outcome == Outcome::Answered && !wasCommand && !answer.unchanged) NoteReading(printer, answer, now);
     AnswerRequests(printer, answer);
@@ -284,11 +308,13 @@ void Drop(void* self, DWORD id) {
 DeviceNews Take(void* self, ULONGLONG now) {
     NetworkPrinter& printer = PrinterOf(self);
     TakeAnswer(printer, now);
+    NoteLate(printer, now);
     AskNext(printer, now);
     DeviceNews news{.changed = std::move(printer.changed), .answers = std::move(printer.answers)};
     printer.changed.clear();
     printer.answers.clear();
-    if (!printer.busy) news.nextMs = static_cast<DWORD>(printer.pollAt > now ? printer.pollAt - now : 0);
+    const ULONGLONG next = printer.busy ? printer.lateAt : printer.pollAt;
+    if (!printer.busy || next != 0) news.nextMs = static_cast<DWORD>(next > now ? next - now : 0);
     return news;
 }
 

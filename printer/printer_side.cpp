@@ -463,7 +463,7 @@ void EndService(PrinterSide& side) {
     if (side.told) {
         DeviceRecord record = *side.told;
         record.up = 0;
-        SetText(record.trouble, "the printer side has ended");
+        SetText(record.trouble, kPrinterSideEnded);
         StoreRecord(side, record);
     }
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);

@@ -6,6 +6,7 @@
 #include "settings.h"
 #include "signals.h"
 
+#include "product/device_record.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -112,12 +113,14 @@ constexpr TakingBits kTakingBits[] = {{names::kPrinterExtStatus, 0x1}, {names::k
 
 constexpr LONG kUnavailable = TVS_E_NOT_NOW; // the result that a printer side gives when it stops
 
-void StoreNumber(Database& database, Variable& variable, DWORD number) {
-    BYTE bytes[sizeof number];
-    memcpy(bytes, &number, sizeof number);
+// A value that is as large as its block.
+template <typename Value>
+void StoreAndSignal(Database& database, Variable& variable, const Value& value) {
+    BYTE bytes[sizeof value];
+    memcpy(bytes, &value, sizeof value);
     bool changed = false;
-    if (CheckValueSize(variable, sizeof number) != kDone) return;
-    WriteValue(variable, database.store, *database.account, bytes, sizeof bytes, &changed); // as large as the block
+    if (CheckValueSize(variable, sizeof bytes) != kDone) return;
+    WriteValue(variable, database.store, *database.account, bytes, sizeof bytes, &changed);
     SignalWritten(database, Written{&variable, changed});
 }
 
@@ -128,7 +131,23 @@ void ClearBits(Database& database, std::string_view name, DWORD bits) {
     BYTE bytes[sizeof number] = {};
     if (ReadValue(*variable, bytes, sizeof bytes).size != sizeof bytes) return;
     memcpy(&number, bytes, sizeof number);
-    if ((number & bits) != 0) StoreNumber(database, *variable, number & ~bits);
+    if ((number & bits) != 0) StoreAndSignal(database, *variable, number & ~bits);
+}
+
+void EndDevice(Database& database) {
+    Variable* variable = FindVariable(database, kDeviceVariable);
+    if (!variable || variable->type != kTypeRecord) return;
+    DeviceRecord record{};
+    BYTE bytes[sizeof record] = {};
+    if (ReadValue(*variable, bytes, sizeof bytes).size != sizeof bytes) return;
+    memcpy(&record, bytes, sizeof record);
+    if (record.version != kDeviceRecordVersion) return;
+    const bool said = memcmp(record.trouble, kPrinterSideEnded, sizeof kPrinterSideEnded) == 0;
+    if (record.up == 0 && said) return;
+    record.up = 0;
+    memset(record.trouble, 0, sizeof record.trouble);
+    memcpy(record.trouble, kPrinterSideEnded, sizeof kPrinterSideEnded);
+    StoreAndSignal(database, *variable, record);
 }
 
 // A watcher of "RWResult" waits for the answer to a request that was written after the last answer. Write times have
@@ -143,7 +162,7 @@ void AnswerOpenRequest(Database& database) {
     for (const std::string_view name : {names::kReadRequest, names::kWriteRequest}) {
         const Variable* request = FindVariable(database, name);
         if (!request || request->type == kTypeComposite || ReadWriteTime(*request) < answered) continue;
-        StoreNumber(database, *result, static_cast<DWORD>(kUnavailable));
+        StoreAndSignal(database, *result, kUnavailable);
         return;
     }
 }
@@ -255,6 +274,7 @@ void PrinterSideIsGone(Database& database) {
     FailAll(database);
     for (const TakingBits& row : kTakingBits)
         ClearBits(database, row.variable, row.bits);
+    EndDevice(database);
     AwaitSuccessor(database);
 }
 

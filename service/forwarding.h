@@ -16,9 +16,9 @@ LONG ForwardRequest(std::string_view request);
 
 // The answer variable was written. An answer to another request than the one in the mailbox is ignored.
 void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
-// Nobody watches the mailbox any more. Clears the bits of "PrinterExtStatus" and "SpoolerStatus" that a printer side
-// sets, since one that was killed did not, and answers whoever waits for "RWResult", unless another printer side comes
-// soon.
+// Nobody watches the mailbox any more. Does what a printer side that was killed could not do: clears the bits of
+// "PrinterExtStatus" and "SpoolerStatus" that it sets, and says in "DeviceState" that nobody asks the device. Answers
+// whoever waits for "RWResult", unless another printer side comes soon.
 void PrinterSideIsGone(Database& database);
 // A request variable was written. Answers it in the same way when there is no printer side.
 void AnswerUnserved(Database& database);

@@ -1,6 +1,8 @@
 // The process has one binding, and one such database at a time.
 #include "base/service_client.h"
 
+#include "product/object_names.h"
+
 namespace {
 
 void Check(Answer answer, const std::string& what) {
@@ -18,16 +20,29 @@ std::string RunningInstance() {
 
 ServiceDatabase::ServiceDatabase(const OpenedPrinter& printer, const std::string& what) : m_what(what) {
     if (!BindStatusDatabase()) Check(Answer::InvalidBinding, m_what);
-    std::string name;
-    Check(FindPrinterDatabase(RequireAnsi(printer.shownName, "the printer name"), &name), m_what);
-    if (name.empty()) Check(Answer::UnknownDatabase, m_what);
-    Check(OpenDatabase(name.c_str(), m_database.Receive()), m_what);
+    Check(FindPrinterDatabase(RequireAnsi(printer.shownName, "the printer name"), &m_name), m_what);
+    if (m_name.empty()) Check(Answer::UnknownDatabase, m_what);
+    Check(OpenDatabase(m_name.c_str(), m_database.Receive()), m_what);
 }
 
 Bytes ServiceDatabase::Read(const char* variable) const {
     Bytes value;
     Check(ReadWholeValue(m_database.Get(), variable, &value), m_what);
     return value;
+}
+
+Bytes ServiceDatabase::TryRead(const char* variable) const {
+    Bytes value;
+    return ReadWholeValue(m_database.Get(), variable, &value) == Answer::Done ? value : Bytes();
+}
+
+HANDLE ServiceDatabase::Watch(const char* variable) {
+    if (m_written || WatchVariable(m_database.Get(), variable, product::kEveryWrite) != Answer::Done)
+        return m_written.Get();
+    const product::KernelName name = product::VariableEventName(product::MachineIsTerminalServer(), m_name, variable,
+                                                                product::VariableSignal::Updated);
+    m_written = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text));
+    return m_written.Get();
 }
 
 ServiceDatabase::Writes ServiceDatabase::WritesOf(const char* variable) const {

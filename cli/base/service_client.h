@@ -23,6 +23,11 @@ public:
 
     // The value as it is stored. Throws Failure.
     Bytes Read(const char* variable) const;
+    // Empty when it cannot be read.
+    Bytes TryRead(const char* variable) const;
+
+    // The event that each write of the variable pulses. One variable can be watched. Null: there is no such variable.
+    HANDLE Watch(const char* variable);
 
     // Whether the service takes this user's writes of the variable. Throws Failure.
     enum class Writes { Taken, Denied, NotStored };
@@ -35,5 +40,7 @@ public:
 private:
     std::string m_what;
     ServiceBinding m_binding;
+    std::string m_name;
     Guard<DatabaseHandle, &CloseDatabase> m_database; // closed before the binding ends
+    KernelHandle m_written;                           // the watch ends with the process
 };

@@ -61,7 +61,7 @@ struct Registrations {
 // ---- events
 
 // The most events that can be waited for together with the interrupt. More variables share them.
-constexpr size_t kMostEvents = MAXIMUM_WAIT_OBJECTS - 1;
+constexpr size_t kMostEvents = MAXIMUM_WAIT_OBJECTS - kOtherHandles;
 
 struct EventDeliveries : Deliveries {
     EventDeliveries(const OpenedPrinter& printer, const std::vector<const Variable*>& variables)
@@ -76,23 +76,23 @@ struct EventDeliveries : Deliveries {
         });
     }
 
-    std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
-        if (due.empty()) Wait(timeoutMs, interrupted);
+    std::optional<size_t> Next(DWORD timeoutMs, const std::vector<HANDLE>& others) override {
+        if (due.empty()) Wait(timeoutMs, others);
         if (due.empty()) return std::nullopt;
         const size_t place = due.front();
         due.pop_front();
         return place;
     }
 
-    void Wait(DWORD timeoutMs, HANDLE interrupted) {
-        std::vector<HANDLE> handles{interrupted};
+    void Wait(DWORD timeoutMs, const std::vector<HANDLE>& others) {
+        std::vector<HANDLE> handles = others;
         for (const KernelHandle& event : events)
             handles.push_back(event.Get());
         const DWORD result =
             WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, timeoutMs);
         if (result == WAIT_FAILED) throw SystemFailure(GetLastError(), "cannot wait for changes");
-        if (result == WAIT_TIMEOUT || result == WAIT_OBJECT_0) return;
-        for (size_t place = result - WAIT_OBJECT_0 - 1; place < count; place += kMostEvents)
+        if (result == WAIT_TIMEOUT || result < WAIT_OBJECT_0 + others.size()) return;
+        for (size_t place = result - WAIT_OBJECT_0 - others.size(); place < count; place += kMostEvents)
             due.push_back(place);
     }
 
@@ -126,10 +126,11 @@ struct Queue {
         LeaveCriticalSection(&lock);
         return place;
     }
-    std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) {
+    std::optional<size_t> Next(DWORD timeoutMs, const std::vector<HANDLE>& others) {
         if (const std::optional<size_t> place = Pop()) return place;
-        const HANDLE handles[] = {interrupted, bell.Get()};
-        if (WaitForMultipleObjects(2, handles, FALSE, timeoutMs) == WAIT_FAILED)
+        std::vector<HANDLE> handles = others;
+        handles.push_back(bell.Get());
+        if (WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, timeoutMs) == WAIT_FAILED)
             throw SystemFailure(GetLastError(), "cannot wait for changes");
         return Pop();
     }
@@ -168,8 +169,8 @@ struct CallbackDeliveries : Deliveries {
         });
     }
 
-    std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
-        return queue.Next(timeoutMs, interrupted);
+    std::optional<size_t> Next(DWORD timeoutMs, const std::vector<HANDLE>& others) override {
+        return queue.Next(timeoutMs, others);
     }
 
     Queue queue;
@@ -249,8 +250,8 @@ struct MessageDeliveries : Deliveries {
         });
     }
 
-    std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) override {
-        return queue.Next(timeoutMs, interrupted);
+    std::optional<size_t> Next(DWORD timeoutMs, const std::vector<HANDLE>& others) override {
+        return queue.Next(timeoutMs, others);
     }
 
     Queue queue;

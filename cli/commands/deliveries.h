@@ -7,10 +7,13 @@
 #include <memory>
 #include <optional>
 
+inline constexpr size_t kOtherHandles = 2; // that are waited for too, at most
+
 struct Deliveries {
     virtual ~Deliveries() = default; // cancels the registrations
-    // Waits for a write. The index of the variable in the list; nothing when the time is up or `interrupted` is set.
-    virtual std::optional<size_t> Next(DWORD timeoutMs, HANDLE interrupted) = 0;
+    // Waits for a write. The index of the variable in the list; nothing when the time is up or one of the other handles
+    // is set.
+    virtual std::optional<size_t> Next(DWORD timeoutMs, const std::vector<HANDLE>& others) = 0;
 };
 
 // Registers all variables; there is no limit on their number. The printer must outlive the result. Throws Failure.

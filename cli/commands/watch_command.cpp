@@ -3,13 +3,14 @@
 // shut down. No state.
 #include "commands/commands.h"
 
-#include "commands/condition.h"
-#include "commands/deliveries.h"
+#include "base/device_state.h"
 #include "base/interrupt.h"
 #include "base/layer.h"
 #include "base/printers.h"
 #include "base/product.h"
 #include "base/service_client.h"
+#include "commands/condition.h"
+#include "commands/deliveries.h"
 
 #include "product/variable_names.h"
 
@@ -20,7 +21,7 @@ namespace {
 constexpr DWORD kLastWordsMs = 5000;
 // A message can get lost in a queue that is full, so all variables are also read from time to time.
 constexpr DWORD kLookMs = 5000;
-constexpr DWORD kServiceLookMs = 1000; // between checks that the service is still the same
+constexpr DWORD kServiceLookMs = 1000; // between checks that the service is still the same, and the device answers
 constexpr DWORD kServicePollMs = 200;  // while it is gone
 constexpr DWORD kReopenMs = 30000;     // to open the printer once a service runs again
 constexpr int kReadsMost = 4;          // of a value that is written meanwhile
@@ -39,6 +40,7 @@ struct Watch {
     std::vector<Watched> variables{};
     std::vector<Condition> conditions{};
     std::optional<ServiceDatabase> service{};
+    bool stale = false;                       // what the device told is no longer sure
     std::unique_ptr<Deliveries> deliveries{}; // destroyed first
 };
 
@@ -94,9 +96,11 @@ void PrintChange(const Watch& watch, const Watched& before, const Watched& now) 
               Shown(watch, *now.variable, before.value) + " -> " + Shown(watch, *now.variable, now.value));
 }
 
-void PrintServiceEvent(const Watch& watch, const char* event, const char* text) {
+void PrintEvent(const Watch& watch, const char* event, const std::string& text, const std::string& why = "") {
     if (g_output.json) {
-        PrintJsonLine({{"event", event}, {"time", TimeNow()}, {"printer", watch.printer.shownName}});
+        Json json = {{"event", event}, {"time", TimeNow()}, {"printer", watch.printer.shownName}};
+        if (!why.empty()) json["why"] = why;
+        PrintJsonLine(json);
     } else {
         PrintLine(Styled(TimeNow(), Style::Faint) + "  " + text);
     }
@@ -259,7 +263,7 @@ void StartAnew(Watch& watch) {
 
 // Waits for a service and continues with it.
 Ended Survive(Watch& watch, const Clock& clock, HANDLE interrupted, bool gone) {
-    if (gone) PrintServiceEvent(watch, "service-ended", "the status service ended; waiting for it");
+    if (gone) PrintEvent(watch, "service-ended", "the status service ended; waiting for it");
     DWORD running = 0; // how long a service has been running without opening the printer
     for (;;) {
         try {
@@ -274,15 +278,38 @@ Ended Survive(Watch& watch, const Clock& clock, HANDLE interrupted, bool gone) {
         }
         if (const Ended ended = Pause(clock, interrupted, kServicePollMs); ended != Ended::No) return ended;
     }
-    PrintServiceEvent(watch, "service-restarted", "the status service was restarted");
+    PrintEvent(watch, "service-restarted", "the status service was restarted");
     for (size_t i = 0; i < watch.variables.size(); ++i)
         Look(watch, i, true);
     return Ended::No;
 }
 
+// What wakes the watch besides the variables.
+std::vector<HANDLE> Others(Watch& watch, HANDLE interrupted) {
+    std::vector<HANDLE> others = {interrupted};
+    if (const HANDLE written = watch.service->Watch(kDeviceVariable)) others.push_back(written);
+    return others;
+}
+
+// Tells when what the device said is no longer sure, and when it is sure again.
+void TendDevice(Watch& watch) {
+    const std::optional<DeviceRecord> device = ParseDeviceRecord(watch.service->TryRead(kDeviceVariable));
+    const bool stale = device && IsStale(*device);
+    if (stale == watch.stale) return;
+    watch.stale = stale;
+    const std::string why = device ? DeviceText(*device) : "";
+    if (stale)
+        PrintEvent(watch, "stale", "the values of the device are stale: it " + why, why);
+    else
+        PrintEvent(watch, "fresh", "the values of the device are fresh again");
+}
+
 Ended TendService(Watch& watch, const Clock& clock, HANDLE interrupted) {
     const ServiceDatabase::Service found = watch.service->Look();
-    if (found == ServiceDatabase::Service::Same) return Ended::No;
+    if (found == ServiceDatabase::Service::Same) {
+        TendDevice(watch);
+        return Ended::No;
+    }
     return Survive(watch, clock, interrupted, found == ServiceDatabase::Service::Gone);
 }
 
@@ -293,12 +320,10 @@ Ended Follow(Watch& watch, const Clock& clock, HANDLE interrupted) {
     while (!ConditionsHold(watch) && !OutputFailure()) {
         if (const Ended ended = Pause(clock, interrupted, 0); ended != Ended::No) return ended;
         const DWORD wait = std::min({clock.UntilEnd(), clock.Until(lookDue), clock.Until(serviceDue)});
-        const auto told = watch.deliveries->Next(wait, interrupted);
+        const auto told = watch.deliveries->Next(wait, Others(watch, interrupted));
         // A restart is told like a write, and is to be known as one.
-        if (told || clock.Until(serviceDue) == 0) {
-            if (const Ended ended = TendService(watch, clock, interrupted); ended != Ended::No) return ended;
-            serviceDue = clock.Elapsed() + kServiceLookMs;
-        }
+        if (const Ended ended = TendService(watch, clock, interrupted); ended != Ended::No) return ended;
+        serviceDue = clock.Elapsed() + kServiceLookMs;
         if (told) Look(watch, *told);
         if (clock.Until(lookDue) == 0) {
             for (size_t i = 0; i < watch.variables.size(); ++i)

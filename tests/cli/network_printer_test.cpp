@@ -44,3 +44,32 @@ TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
     EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["stale"] == false; }, 20000));
     EXPECT_EQ(ValueOf("Lab", "ErrPaperJam"), 0);
 }
+
+TEST(NetworkPrinter, WatchersAreToldWhenItsValuesAreStaleAndFreshAgain) {
+    IppPrinter printer;
+    RunningProduct product;
+    EXPECT_EQ(Oriel({"printers", "add", "Lab", "--device", printer.Uri()}).exitCode, 0);
+    ExpectTakesRequests("Lab");
+    TestProcess watch = TestProcess::Program(ProgramPath("oriel"), {"watch", "Lab", "ErrPaperJam", "--json"});
+    const auto told = [&](const char* event) {
+        Json line;
+        do
+            line = Json::parse(watch.Hear(), nullptr, false);
+        while (line.is_object() && line["event"] == "change");
+        EXPECT_EQ(line.value("event", ""), event) << line;
+        return line;
+    };
+    told("start");
+    // Nobody but the service can tell of a printer side that is killed.
+    KillProcess(ProcessOf(kPrinterSideProgram));
+    const auto killed = std::chrono::steady_clock::now();
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["stale"] == true; }, 2000));
+    EXPECT_EQ(told("stale")["why"], "does not answer: the printer side has ended");
+    EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(2));
+    told("fresh"); // the next one
+    EXPECT_EQ(VariableOf("Lab", "ErrPaperJam")["stale"], false);
+    printer.Process().Kill();
+    EXPECT_NE(told("stale")["why"].get<std::string>().find("no connection to localhost"), std::string::npos);
+    printer.Restart("keys");
+    told("fresh");
+}

@@ -341,6 +341,26 @@ TEST(IppDevice, ADeviceThatNeverAnswersHoldsUpNothing) {
     EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).process == id; }));
 }
 
+TEST(IppDevice, ValuesAreStaleLongBeforeAnUnansweredQuestionFails) {
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    FakePrinter printer;
+    printer.Answer(Right);
+    TestProcess side = StartDevice(printer.Uri(), {"--poll", "600"});
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    const int before = printer.Connections();
+    printer.Answer({}); // it hangs
+    ASSERT_TRUE(WaitUntil([&] { return printer.Connections() > before; }));
+    const double began = NowMs();
+    EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).up == 0; }));
+    EXPECT_LT(NowMs() - began, 3000);
+    EXPECT_EQ(std::string(RecordIn(database).trouble), "the answer is overdue");
+    EXPECT_EQ(Word(database, "PrinterStatus", 0), product::kStatusNoAnswer);
+    printer.Answer(Right);
+    EXPECT_TRUE(WaitUntil([&] { return IsUp(database); }));
+    EXPECT_EQ(Word(database, "PrinterStatus", 0), 0u) << "stored anew";
+}
+
 TEST(IppDevice, HostileAnswersAreToldAndSurvived) {
     const PrinterMachine machine;
     const Database& database = machine.databases[0];

@@ -1,5 +1,6 @@
 // The variable in which a printer side tells how its device stands with the printer: where the values come from, and
-// how old they are. It is no status variable, so no catalogue has it; the printer side makes it. No state.
+// how old they are. It is no status variable, so no catalogue has it; the printer side makes it. When a printer side is
+// gone without a word, the service writes it. No state.
 #pragma once
 
 #include <stddef.h>
@@ -23,3 +24,5 @@ static_assert(sizeof(DeviceRecord) == 280 && offsetof(DeviceRecord, up) == 4 &&
               offsetof(DeviceRecord, trouble) == 152);
 
 inline constexpr uint32_t kDeviceRecordVersion = 1;
+// The trouble of a device that no printer side asks any more.
+inline constexpr char kPrinterSideEnded[] = "the printer side has ended";
