@@ -100,6 +100,10 @@ Exit ConfigCommand(const NewSetting& wanted);
 // Exit::NoService unless the product is installed and its service runs.
 Exit StatusCommand();
 
+// What keeps a printer, or with an empty name any, from being watched or from printing. Exit::NoService: the product;
+// Denied: rights of this user; TimedOut: the device does not answer; False: anything else.
+Exit DoctorCommand(const std::string& printer);
+
 struct UpOptions {
     bool quiet = false;
     bool demoPrinter = false; // add a printer to try things on

@@ -383,6 +383,9 @@ Exit Run(int argc, char** argv) {
     up->callback([&] { chosen = [&] { return UpCommand(arguments.up); }; });
     CLI::App* status = app.add_subcommand("status", "Show what is installed and what runs");
     status->callback([&] { chosen = [] { return StatusCommand(); }; });
+    CLI::App* doctor = app.add_subcommand("doctor", "Find out why a printer is not watched or does not print");
+    doctor->add_option("PRINTER", arguments.printer, "Name of the printer (default: all)");
+    doctor->callback([&] { chosen = [&] { return DoctorCommand(arguments.printer); }; });
     AddVariableCommands(app, arguments, chosen);
     AddWatchCommands(app, arguments, chosen);
     AddResultCommand(app, arguments, chosen);

@@ -11,8 +11,14 @@
 namespace oriel {
 namespace {
 
-constexpr const char* kPrinterAttributes[] = {"printer-name",           "printer-info", "printer-location",
-                                              "printer-make-and-model", "device-uri",   "printer-is-shared"};
+constexpr const char* kPrinterAttributes[] = {"printer-name",
+                                              "printer-info",
+                                              "printer-location",
+                                              "printer-make-and-model",
+                                              "device-uri",
+                                              "printer-is-shared",
+                                              "printer-state",
+                                              "printer-is-accepting-jobs"};
 constexpr const char* kJobAttributes[] = {"job-id",
                                           "job-name",
                                           "job-originating-user-name",
@@ -108,6 +114,9 @@ Printer PrinterOf(const Attributes& attributes) {
     printer.texts[kPrintProcessor] = "winprint";
     printer.texts[kPrinterDatatype] = "RAW";
     printer.attributes = PRINTER_ATTRIBUTE_LOCAL;
+    if (attributes.Number("printer-state") == IPP_PSTATE_STOPPED) printer.status |= PRINTER_STATUS_PAUSED;
+    ipp_attribute_t* accepts = attributes.Find("printer-is-accepting-jobs");
+    if (accepts != nullptr && ippGetBoolean(accepts, 0) == 0) printer.status |= PRINTER_STATUS_NOT_AVAILABLE;
     if (ippGetBoolean(attributes.Find("printer-is-shared"), 0) != 0) {
         printer.attributes |= PRINTER_ATTRIBUTE_SHARED;
         printer.texts[kShareName] = printer.Name();

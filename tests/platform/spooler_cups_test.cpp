@@ -17,7 +17,7 @@ TEST(PrintServer, ItsPrintersAreListedBehindTheEmbeddedOnes) {
 
     ASSERT_EQ(Add("Embedded"), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "Office", "Other"}));
-    const std::string record = "Office, Local Raw Printer, file:/dev/null, of the office, Room 1, none, 72";
+    const std::string record = "Office, Local Raw Printer, file:/dev/null, of the office, Room 1, none, 72, status 1";
     EXPECT_EQ(RecordOf(printer), record);
 
     // A name in both is the embedded spool's; handles stay with what they were opened for.
@@ -25,6 +25,11 @@ TEST(PrintServer, ItsPrintersAreListedBehindTheEmbeddedOnes) {
     EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "OFFICE", "Other"}));
     EXPECT_EQ(RecordOf(Opened("office")), "OFFICE, Own driver, LPT1:, of OFFICE, , none, 64");
     EXPECT_EQ(RecordOf(printer), record);
+
+    server.Command("/usr/sbin/cupsreject", {"Office"});
+    EXPECT_TRUE(RecordOf(printer).ends_with("72, status 4097")) << "paused, and accepts no jobs";
+    server.Command("/usr/sbin/cupsenable", {"Office"});
+    EXPECT_TRUE(RecordOf(printer).ends_with("72, status 4096"));
 
     server.Command("/usr/sbin/lpadmin", {"-x", "Office"});
     EXPECT_EQ(JobsOf(printer), "error 1905");

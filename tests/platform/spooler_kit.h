@@ -43,7 +43,7 @@ inline Names PrintersOf(DWORD flags) {
     return names;
 }
 
-// "name, driver, port, comment, location, server, attributes" of a printer, or the error.
+// "name, driver, port, comment, location, server, attributes", and its status if any, of a printer, or the error.
 inline std::string RecordOf(HANDLE printer) {
     BYTE buffer[4096];
     DWORD needed = 0;
@@ -51,7 +51,8 @@ inline std::string RecordOf(HANDLE printer) {
     const auto& record = *reinterpret_cast<PRINTER_INFO_2A*>(buffer);
     return std::string(record.pPrinterName) + ", " + record.pDriverName + ", " + record.pPortName + ", " +
            record.pComment + ", " + record.pLocation + ", " + (record.pServerName ? record.pServerName : "none") +
-           ", " + std::to_string(record.Attributes);
+           ", " + std::to_string(record.Attributes) +
+           (record.Status != 0 ? ", status " + std::to_string(record.Status) : "");
 }
 
 // A job as JobsOf tells it; of this user unless another is named.

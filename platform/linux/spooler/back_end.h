@@ -29,6 +29,7 @@ struct Printer {
     int64_t id = 0; // in the embedded spool; else 0
     std::string texts[kPrinterTextCount];
     DWORD attributes = 0;
+    DWORD status = 0; // PRINTER_STATUS_*
 
     const std::string& Name() const { return texts[kPrinterName]; }
 };

@@ -49,6 +49,7 @@ PRINTER_INFO_2A RecordOf(const Printer& printer, StringSpace& strings) {
     for (const auto field : kEmptyTexts)
         record.*field = strings.Put("");
     record.Attributes = printer.attributes;
+    record.Status = printer.status;
     record.Priority = 1;
     return record;
 }
