@@ -80,6 +80,8 @@ struct Device {
     const DeviceLink& (*link)(void* self);
     // Whether somebody follows the printer's values: worth asking it more often. Null: of no interest.
     void (*followed)(void* self, bool followed);
+    // Something has happened at the printer: ask it soon. Null: of no interest.
+    void (*look)(void* self);
     // Queues that the printer's model lacks, or has with other bounds.
     std::vector<DeviceQueue> (*queues)(void* self);
     // How long a page of a job takes now, in milliseconds; kHoldJobs: no page is printed. Null: the device prints no

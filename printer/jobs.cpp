@@ -23,6 +23,7 @@ constexpr DWORD kEndMs = 3000;
 constexpr DWORD kLookMs = 2000;
 // Needs only a product that is up. It does not own the printer, start the agent or repair the default printer.
 constexpr DWORD kClientKind = 9;
+constexpr DWORD kBetweenLooksMs = 200;   // at the jobs of a print server, which may change many times a second
 constexpr SIZE_T kInPrinterMax = 4;      // jobs that were sent and are not printed yet
 constexpr SIZE_T kSpoolerQueueMax = 500; // entries
 
@@ -50,6 +51,7 @@ struct Taker {
     TvsManager manager = 0;
     bool tidied = false; // the reports of a predecessor that was killed are cleared
     bool failed = false; // a report failed: the service is new or gone
+    bool blind = false;  // the spool could not be looked into
     DWORD services = 0;  // of the record of the thread, when the manager was opened
     std::vector<SpooledJob> spooled{};
     std::optional<Sent> sending{};
@@ -181,6 +183,10 @@ bool OpenManager(Taker& taker) {
     }
     taker.spoolerQueue.clear();
     taker.jobStatus.reset();
+    if (taker.jobs.duty == JobDuty::Follow && !taker.inPrinter.empty()) {
+        ReportNothing(taker);
+        taker.inPrinter.clear(); // it is found again
+    }
     if (taker.sending || !taker.inPrinter.empty()) ReportAnew(taker);
     if (taker.tidied) return true;
     taker.tidied = true;
@@ -197,7 +203,9 @@ bool LookIntoSpool(Taker& taker) {
     if (taker.changes != INVALID_HANDLE_VALUE)
         FindNextPrinterChangeNotification(taker.changes, nullptr, nullptr, nullptr);
     std::optional<std::vector<SpooledJob>> spooled = ListSpooledJobs(taker.printer);
-    if (!spooled) return GetLastError() != ERROR_PRINTER_DELETED;
+    taker.blind = !spooled;
+    // A print server may get the printer back.
+    if (!spooled) return GetLastError() != ERROR_PRINTER_DELETED || taker.jobs.duty == JobDuty::Follow;
     taker.spooled = std::move(*spooled);
     const auto find = [&](DWORD id) {
         return std::find_if(taker.spooled.begin(), taker.spooled.end(),
@@ -277,6 +285,29 @@ void Print(Taker& taker, DWORD pageMs) {
     }
 }
 
+// The job that the print server sends is at the printer too, as far as it tells.
+void Follow(Taker& taker) {
+    const auto now = std::find_if(taker.spooled.begin(), taker.spooled.end(),
+                                  [](const SpooledJob& job) { return (job.status & JOB_STATUS_PRINTING) != 0; });
+    const bool prints = now != taker.spooled.end();
+    if (!taker.inPrinter.empty() && (!prints || taker.inPrinter.front().id != now->id)) {
+        taker.inPrinter.clear();
+        ReportSending(taker, nullptr);
+        ReportPrinting(taker, nullptr);
+        ReportJobStatus(taker, kNoJob);
+    }
+    if (!prints) return;
+    const bool begins = taker.inPrinter.empty();
+    if (begins) {
+        taker.inPrinter.push_back({.id = now->id, .name = now->name, .owner = now->owner, .begun = true});
+        ReportSending(taker, &taker.inPrinter.front());
+        ReportJobStatus(taker, kJobProcessing);
+    }
+    if (!begins && taker.inPrinter.front().out == now->pages) return;
+    taker.inPrinter.front().out = now->pages;
+    ReportPrinting(taker, &taker.inPrinter.front());
+}
+
 // ---- the thread
 
 bool HasWork(const Taker& taker) {
@@ -294,31 +325,56 @@ DWORD Until(DWORD due) {
 DWORD Pause(const Taker& taker, DWORD pageMs) {
     if (!taker.manager) return taker.tidied && taker.spooled.empty() ? INFINITE : kLookMs;
     DWORD pause = kLookMs;
+    if (taker.jobs.duty == JobDuty::Follow && !taker.blind) return INFINITE; // the server tells
     if (pageMs == kHoldJobs) return pause;
     if (taker.sending && !taker.sending->paused) pause = std::min(pause, Until(taker.sendDue));
     if (!taker.inPrinter.empty() && !taker.inPrinter.front().paused) pause = std::min(pause, Until(taker.pageDue));
     return pause;
 }
 
-void TakeUntilStopped(Taker& taker) {
+// The error when there is nothing to wait for.
+DWORD BeginChanges(Taker& taker) {
+    if (taker.changes != INVALID_HANDLE_VALUE) return ERROR_SUCCESS;
+    const DWORD printer = taker.jobs.duty == JobDuty::Follow ? PRINTER_CHANGE_SET_PRINTER : 0;
+    taker.changes = FindFirstPrinterChangeNotification(taker.printer, PRINTER_CHANGE_JOB | printer, 0, nullptr);
+    return taker.changes != INVALID_HANDLE_VALUE ? ERROR_SUCCESS : GetLastError();
+}
+
+// False: stop was set.
+bool WaitForChange(Taker& taker, DWORD pause) {
     const HANDLE handles[] = {taker.jobs.stop, taker.jobs.paceChanged, taker.changes};
-    const DWORD count = taker.changes != INVALID_HANDLE_VALUE ? 3 : 2;
+    const DWORD count = taker.failed ? 1 : taker.changes != INVALID_HANDLE_VALUE ? 3 : 2;
+    const DWORD wait = WaitForMultipleObjects(count, handles, FALSE, pause);
+    if (wait == WAIT_OBJECT_0 || wait == WAIT_FAILED) return false;
+    if (taker.jobs.duty != JobDuty::Follow || wait == WAIT_OBJECT_0 + 1) return true;
+    taker.jobs.serverNews = true;
+    SetEvent(taker.jobs.serverTold);
+    return WaitForSingleObject(taker.jobs.stop, kBetweenLooksMs) == WAIT_TIMEOUT;
+}
+
+void TakeUntilStopped(Taker& taker) {
     for (;;) {
+        const DWORD changes = BeginChanges(taker);
         if (!LookIntoSpool(taker)) return;
         const DWORD pageMs = taker.jobs.pageMs;
         const bool work = HasWork(taker);
         if ((work || !taker.tidied) && OpenManager(taker)) {
-            Send(taker, pageMs);
-            Print(taker, pageMs);
+            if (taker.jobs.duty == JobDuty::Follow) {
+                Follow(taker);
+            } else {
+                Send(taker, pageMs);
+                Print(taker, pageMs);
+            }
+        } else if (taker.manager && taker.jobs.duty == JobDuty::Follow) {
+            Follow(taker);
         }
         if (taker.manager) ReportSpoolerQueue(taker);
-        const bool failed = taker.failed;
-        if (failed || !HasWork(taker)) CloseOwnManager(taker);
+        if (taker.failed || !HasWork(taker)) CloseOwnManager(taker);
+        DWORD pause = taker.failed ? kLookMs : Pause(taker, pageMs);
+        if (changes != ERROR_SUCCESS) pause = std::min(pause, kLookMs);
+        const bool goOn = WaitForChange(taker, pause);
         taker.failed = false;
-        DWORD pause = failed ? kLookMs : Pause(taker, pageMs);
-        if (count == 2) pause = std::min(pause, kLookMs);
-        const DWORD wait = WaitForMultipleObjects(failed ? 1 : count, handles, FALSE, pause);
-        if (wait == WAIT_OBJECT_0 || wait == WAIT_FAILED) return;
+        if (!goOn) return;
     }
 }
 
@@ -327,7 +383,7 @@ HANDLE OpenSpoolerPrinter(const JobTaker& jobs) {
     std::string name = jobs.printer; // the call's text is not const
     HANDLE printer = nullptr;
     while (!OpenPrinterA(name.data(), &printer, nullptr)) {
-        if (GetLastError() == ERROR_INVALID_PRINTER_NAME) return nullptr;
+        if (GetLastError() == ERROR_INVALID_PRINTER_NAME && jobs.duty != JobDuty::Follow) return nullptr;
         if (WaitForSingleObject(jobs.stop, kLookMs) != WAIT_TIMEOUT) return nullptr;
     }
     return printer;
@@ -335,11 +391,15 @@ HANDLE OpenSpoolerPrinter(const JobTaker& jobs) {
 
 DWORD WINAPI TakeJobs(LPVOID parameter) {
     Taker taker{.jobs = *static_cast<JobTaker*>(parameter)};
-    taker.tidied = !taker.jobs.prints; // another reports what is printed
+    taker.tidied = taker.jobs.duty == JobDuty::Report; // another reports what is printed
     taker.printer = SpoolIsOurs() ? OpenSpoolerPrinter(taker.jobs) : nullptr;
     if (!taker.printer) return 0;
-    taker.changes = FindFirstPrinterChangeNotification(taker.printer, PRINTER_CHANGE_JOB, 0, nullptr);
-    if (taker.changes != INVALID_HANDLE_VALUE || GetLastError() != ERROR_NOT_SUPPORTED) TakeUntilStopped(taker);
+    const DWORD changes = BeginChanges(taker);
+    if (changes == ERROR_NOT_SUPPORTED && taker.jobs.duty == JobDuty::Follow)
+        product::Log(product::LogLevel::Warning,
+                     taker.jobs.printer + ": the print server tells no changes, since the program oriel-events is not in its "
+                                          "folder of notifiers; it is asked every 2 s");
+    if (changes != ERROR_NOT_SUPPORTED || taker.jobs.duty == JobDuty::Follow) TakeUntilStopped(taker);
     if (taker.manager && (taker.sending || !taker.inPrinter.empty())) ReportNothing(taker);
     CloseOwnManager(taker);
     if (taker.changes != INVALID_HANDLE_VALUE) FindClosePrinterChangeNotification(taker.changes);
@@ -349,14 +409,15 @@ DWORD WINAPI TakeJobs(LPVOID parameter) {
 
 } // namespace
 
-JobTaker* StartJobs(const std::string& printer, HANDLE stop, bool prints) {
+JobTaker* StartJobs(const std::string& printer, HANDLE stop, JobDuty duty) {
     auto* jobs = new JobTaker;
     jobs->printer = printer;
-    jobs->prints = prints;
+    jobs->duty = duty;
     jobs->stop = stop;
     jobs->paceChanged = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     jobs->pagesOut = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    if (jobs->paceChanged && jobs->pagesOut)
+    jobs->serverTold = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    if (jobs->paceChanged && jobs->pagesOut && jobs->serverTold)
         jobs->thread = CreateThread(nullptr, kStackSize, TakeJobs, jobs, 0, nullptr);
     return jobs->thread ? jobs : nullptr; // without one the process ends
 }
@@ -374,9 +435,13 @@ DWORD TakePagesOut(JobTaker& jobs) {
     return jobs.pages.exchange(0);
 }
 
+bool TakeServerNews(JobTaker& jobs) {
+    return jobs.serverNews.exchange(false);
+}
+
 void EndJobs(JobTaker* jobs) {
     if (WaitForSingleObject(jobs->thread, kEndMs) != WAIT_OBJECT_0) return;
-    for (const HANDLE handle : {jobs->thread, jobs->paceChanged, jobs->pagesOut})
+    for (const HANDLE handle : {jobs->thread, jobs->paceChanged, jobs->pagesOut, jobs->serverTold})
         CloseHandle(handle);
     delete jobs;
 }

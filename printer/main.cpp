@@ -4,7 +4,7 @@
 //     TVSPSD.EXE --printer NAME --script FILE [--speed N] ...
 //     TVSPSD.EXE --check --device ADDRESS
 //
-// ADDRESS: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST, script:FILE, which is the same as --script FILE.
+// ADDRESS: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST, cups:QUEUE, script:FILE, which is the same as --script FILE.
 //
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
 // ends all managers of the machine), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the
@@ -16,6 +16,7 @@
 #include "text.h"
 
 #include "product/client.h"
+#include "product/growing_reads.h"
 #include "product/guards.h"
 #include "product/log.h"
 #include "product/object_names.h"
@@ -31,6 +32,7 @@
 
 namespace {
 
+constexpr std::string_view kQueuePrefix = "cups:"; // of a device that is a queue of the print server
 constexpr int kStopped = 0;
 constexpr int kCannotBegin = 1;
 constexpr int kWrong = 2;
@@ -124,6 +126,7 @@ int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
         line->script = line->device.substr(kScript.size());
         line->device.clear();
     }
+    line->side.ofPrintServer = line->device.starts_with(kQueuePrefix);
     if (line->script.empty() == line->device.empty()) return Complain("give one of --device and --script");
     if (!line->device.empty() && !IsNetworkDevice(line->device))
         return Complain("\"" + line->device + "\" is no address of a device, such as ipp://printer/ipp/print");
@@ -174,12 +177,50 @@ void TrustCertificate(const std::string& printer, const std::string& certificate
                                               (stored ? "" : ", until the printer side ends"));
 }
 
+// ---- queues of the print server
+
+// What the print server itself sends the queue's jobs to. Empty: the server does not know the queue, or is not there.
+std::string DeviceUriOf(const std::string& queue) {
+    std::string name = ToAnsi(queue); // the call's text is not const
+    const PrinterHandle printer = OpenSpoolerPrinter(name.data());
+    std::vector<BYTE> buffer;
+    const auto grow = [&](DWORD size) {
+        buffer.resize(size);
+        return buffer.data();
+    };
+    if (!printer || !ReadSpoolerRecords(grow, [&](LPBYTE into, DWORD size, LPDWORD needed) {
+            return GetPrinterA(printer.Get(), 2, into, size, needed);
+        }))
+        return "";
+    return ToUtf8(reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data())->pPortName);
+}
+
+// The device of a queue: the printer itself, where its address says how to ask it, else the queue.
+std::string DeviceOfQueue(const std::string& device, DWORD limitMs) {
+    const std::string uri = DeviceUriOf(device.substr(kQueuePrefix.size()));
+    const size_t host = uri.find("://");
+    if (host == uri.npos) return device;
+    const std::string scheme = uri.substr(0, host);
+    if (scheme == "ipp" || scheme == "ipps") return uri.substr(0, uri.find('?'));
+    if (scheme != "socket" && scheme != "lpd") return device;
+    // It has no way to tell anything; SNMP beside it may.
+    std::string name = uri.substr(host + 3, uri.find_first_of("/?", host + 3) - host - 3);
+    if (!name.ends_with(']')) name = name.substr(0, name.rfind(':'));
+    NetworkPrinter agent{.uri = "snmp://" + name};
+    if (!OpenNetworkPrinter(agent).empty()) return device;
+    const devices::Answer answer = TryNetworkPrinter(agent, limitMs);
+    CloseNetworkPrinter(agent);
+    return answer.outcome == devices::Outcome::Answered ? agent.uri : device;
+}
+
 // ---- running
 
 // Prints what the printer tells, a value a line.
 int TryDevice(const CommandLine& line) {
     constexpr DWORD kMarginMs = 1000;
-    NetworkPrinter printer{.uri = line.device};
+    const bool queue = line.device.starts_with(kQueuePrefix);
+    NetworkPrinter printer{.uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs) : line.device};
+    if (queue && !line.quiet) std::cout << "device: " << printer.uri << "\n";
     if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) return Complain(failure);
     const devices::Answer answer = TryNetworkPrinter(printer, kDeviceLimitMs + kMarginMs);
     CloseNetworkPrinter(printer);
@@ -217,8 +258,12 @@ int ServeScript(const CommandLine& line, ScriptedPrinter& printer) {
 
 int ServeNetworkPrinter(const CommandLine& line) {
     const std::string name = line.side.printer;
-    NetworkPrinter printer{.uri = line.device,
-                           .pollMs = line.pollMs,
+    const bool queue = line.side.ofPrintServer;
+    const std::string uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs) : line.device;
+    NetworkPrinter printer{.uri = uri,
+                           .ofPrintServer = queue,
+                           // The server tells when its queue has changed.
+                           .pollMs = uri.starts_with(kQueuePrefix) ? kPollMaxMs : line.pollMs,
                            .certificate = ReadCertificate(name),
                            .trusted = [name] { return ReadCertificate(name); },
                            .trust = [name](const std::string& seen) { TrustCertificate(name, seen); }};

@@ -35,10 +35,11 @@ struct Scheme {
     std::string_view name;
     const char* module;
 };
-constexpr Scheme kSchemes[] = {{"ipp", "oriel_ipp"}, {"ipps", "oriel_ipp"}, {"snmp", "oriel_snmp"}};
+constexpr Scheme kSchemes[] = {
+    {"ipp", "oriel_ipp"}, {"ipps", "oriel_ipp"}, {"cups", "oriel_ipp"}, {"snmp", "oriel_snmp"}};
 
 const Scheme* SchemeOf(std::string_view uri) {
-    const std::string_view scheme = uri.substr(0, uri.find("://"));
+    const std::string_view scheme = uri.substr(0, uri.find(':'));
     for (const Scheme& row : kSchemes)
         if (scheme == row.name && scheme.size() < uri.size()) return &row;
     return nullptr;
@@ -162,7 +163,10 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
     const bool events = printer.asked.empty() && !IsBusyPrinter(printer);
     printer.askedAt = now;
     if (printer.link.up) printer.lateAt = now + std::max(kLateMs, 2 * printer.usualMs);
-    AskModule(printer, {.ask = Ask::Poll, .identity = !printer.identity, .events = events});
+    AskModule(printer, {.ask = Ask::Poll,
+                        .identity = !printer.identity,
+                        .events = events && !printer.ofPrintServer,
+                        .jobs = !printer.ofPrintServer});
 }
 
 // ---- answers
@@ -218,8 +222,8 @@ void NoteReading(NetworkPrinter& printer, devices::Answer& answer, ULONGLONG now
     printer.reading = std::move(answer.reading);
     const bool first = printer.values.size() <= 1;
     bool any = false;
-    for (DeviceValue& value :
-         ValuesOf(printer.reading, printer.identity ? &*printer.identity : nullptr, ShownUri(printer.uri))) {
+    for (DeviceValue& value : ValuesOf(printer.reading, printer.identity ? &*printer.identity : nullptr,
+                                       !printer.ofPrintServer, ShownUri(printer.uri))) {
         const auto old = printer.values.find(value.variable);
         if (old != printer.values.end() && SameValue(old->second, value)) continue;
         any = true;
@@ -274,8 +278,9 @@ std::vector<DeviceValue> State(void* self) {
     for (const auto& [name, value] : PrinterOf(self).values)
         values.push_back(value);
     const NetworkPrinter& printer = PrinterOf(self);
-    const std::string_view rest = std::string_view(printer.uri).substr(printer.uri.find("://") + 3);
-    const std::string shown = ShownUri(std::string(rest));
+    std::string shown = ShownUri(printer.uri);
+    shown.erase(0, shown.find(':') + 1);
+    if (shown.starts_with("//")) shown.erase(0, 2);
     TvsPortRecord port{.portKind = 1, .portName = {}, .portDetail = {}};
     const SIZE_T slash = std::min(shown.find('/'), shown.size());
     ToAnsi(shown.substr(0, slash)).copy(port.portName, sizeof port.portName - 1);
@@ -327,6 +332,11 @@ void Followed(void* self, bool followed) {
     // Whoever begins to follow is not left with old values for a whole interval.
     if (followed && !printer.followed && printer.failures == 0) printer.pollAt = 0;
     printer.followed = followed;
+}
+
+void Look(void* self) {
+    NetworkPrinter& printer = PrinterOf(self);
+    if (printer.failures == 0 || printer.ofPrintServer) printer.pollAt = 0;
 }
 
 std::vector<DeviceQueue> Queues(void*) {
@@ -383,6 +393,7 @@ Device DeviceOf(NetworkPrinter& printer) {
             .take = Take,
             .link = LinkOf,
             .followed = Followed,
+            .look = Look,
             .queues = Queues,
             .pageMs = nullptr,
             .pagesOut = nullptr,
@@ -393,7 +404,7 @@ Device DeviceOf(NetworkPrinter& printer) {
 
 devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs) {
     devices::Answer answer{.outcome = Outcome::NoAnswer, .trouble = "the printer does not answer in time"};
-    AskModule(printer, {.ask = Ask::Poll, .identity = true});
+    AskModule(printer, {.ask = Ask::Poll, .identity = true, .jobs = false});
     if (WaitForSingleObject(printer.ready, limitMs) == WAIT_OBJECT_0) printer.module->take(printer.session, &answer);
     return answer;
 }

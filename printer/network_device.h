@@ -22,6 +22,8 @@ inline constexpr DWORD kDeviceLimitMs = 5000;
 
 struct NetworkPrinter {
     std::string uri; // UTF-8
+    // The printer is a queue of a print server: its jobs are the server's, which tells of everything that happens.
+    bool ofPrintServer = false;
     DWORD pollMs = kPollMs;
     std::string certificate{}; // the trusted one; empty: the first one that is seen
     // After another certificate was refused: the trusted one, which an administrator may have removed.
@@ -51,7 +53,7 @@ struct NetworkPrinter {
     std::vector<DeviceAnswer> answers{};
 };
 
-// "ipp", "ipps", "snmp"; false: no module has such devices.
+// "ipp", "ipps", "snmp", "cups"; false: no module has such devices.
 bool IsNetworkDevice(const std::string& uri);
 
 // Empty, or in words why there is none: no such module on this machine, or a wrong address.

@@ -483,6 +483,7 @@ void WatchEvents(PrinterSide& side, SignalWait& signals) {
         signals.SetEvent(which, side.link.events[which]);
     signals.SetEvent(kWatchedCount, side.jobs->pagesOut);
     signals.SetEvent(kWatchedCount + 1, side.device.ready);
+    signals.SetEvent(kWatchedCount + 2, side.jobs->serverTold);
     signals.SetStarted(side.serviceStarted.Get());
 }
 
@@ -521,6 +522,7 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
         any = true;
         HandleSignal(side, which);
     }
+    if (TakeServerNews(*side.jobs) && side.device.look) side.device.look(side.device.self);
     if (const DWORD pages = TakePagesOut(*side.jobs); pages > 0)
         StoreValues(side, side.device.pagesOut(side.device.self, pages));
     else if (!any && !TakeNews(side, &next))
@@ -586,7 +588,10 @@ void Serve(PrinterSide& side) {
 
 bool ServePrinter(const PrinterSideOptions& options, const Device& device, HANDLE stop) {
     PrinterSide side{.options = options, .device = device, .stop = stop, .link = {.printer = options.printer}};
-    side.jobs = StartJobs(options.printer, stop, device.pageMs != nullptr);
+    side.jobs = StartJobs(options.printer, stop,
+                          options.ofPrintServer ? JobDuty::Follow
+                          : device.pageMs       ? JobDuty::Print
+                                                : JobDuty::Report);
     if (!side.jobs) return false;
     Serve(side);
     EndJobs(side.jobs);

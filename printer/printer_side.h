@@ -7,8 +7,9 @@
 #include <string>
 
 struct PrinterSideOptions {
-    std::string printer; // ANSI
-    std::string port;    // the name for "Port", unless the device has the variable; may be empty
+    std::string printer;        // ANSI
+    std::string port;           // the name for "Port", unless the device has the variable; may be empty
+    bool ofPrintServer = false; // the printer is a queue of a print server, whose jobs are followed
 };
 
 // Serves until stop is set. What goes wrong is logged. False when it cannot begin; the last error says why.

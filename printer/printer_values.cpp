@@ -319,6 +319,7 @@ struct Row {
     Value (*value)(const Told& told);
     bool ofIdentity = false;
     bool onlyIfEmpty = false; // people may have typed something
+    bool ofJobs = false;
 };
 // Jobs before the status, so that a program that is told of the status finds them.
 constexpr Row kRows[] = {
@@ -329,9 +330,9 @@ constexpr Row kRows[] = {
     {.variable = names::kPrinterMemory, .value = PrinterMemory, .ofIdentity = true},
     {.variable = names::kPrinterExtConfig, .value = PrinterExtConfig, .ofIdentity = true},
     {.variable = names::kPrinterOptConfig, .value = PrinterOptConfig, .ofIdentity = true},
-    {.variable = names::kPrinterQueue, .value = PrinterQueue},
-    {.variable = names::kPrintingJobInfo, .value = PrintingJobInfo},
-    {.variable = names::kJobStatus, .value = JobStatus},
+    {.variable = names::kPrinterQueue, .value = PrinterQueue, .ofJobs = true},
+    {.variable = names::kPrintingJobInfo, .value = PrintingJobInfo, .ofJobs = true},
+    {.variable = names::kJobStatus, .value = JobStatus, .ofJobs = true},
     {.variable = names::kPageCount, .value = PageCount},
     {.variable = names::kCurrentFeeder, .value = CurrentFeeder},
     {.variable = names::kPrinterBinConfig, .value = PrinterBinConfig},
@@ -352,12 +353,12 @@ constexpr Row kRows[] = {
 
 } // namespace
 
-std::vector<DeviceValue> ValuesOf(const Reading& reading, const devices::Identity* identity,
+std::vector<DeviceValue> ValuesOf(const Reading& reading, const devices::Identity* identity, bool jobs,
                                   const std::string& origin) {
     const Told told{reading, identity};
     std::vector<DeviceValue> values;
     for (const Row& row : kRows) {
-        if (row.ofIdentity && !identity) continue;
+        if ((row.ofIdentity && !identity) || (row.ofJobs && !jobs)) continue;
         const Value value = row.value(told);
         if (row.onlyIfEmpty && !value) continue;
         values.push_back({.variable = row.variable,

@@ -6,8 +6,8 @@
 #include "reading.h"
 
 // A value for each variable that such a device has; those that the printer does not tell are not known. identity: the
-// last one that was read; null: none yet, and its variables are left out.
-std::vector<DeviceValue> ValuesOf(const devices::Reading& reading, const devices::Identity* identity,
+// last one that was read; null: none yet, and its variables are left out. jobs: also those of its own jobs.
+std::vector<DeviceValue> ValuesOf(const devices::Reading& reading, const devices::Identity* identity, bool jobs,
                                   const std::string& origin);
 
 // "PrinterStatus" while the printer does not answer.

@@ -198,6 +198,7 @@ Device DeviceOf(ScriptedPrinter& printer) {
             .take = Take,
             .link = LinkOf,
             .followed = nullptr,
+            .look = nullptr,
             .queues = Queues,
             .pageMs = PageMs,
             .pagesOut = PagesOut,

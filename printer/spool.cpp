@@ -65,6 +65,7 @@ std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer) {
     for (DWORD i = 0; i < count; ++i)
         jobs.push_back({.id = records[i].JobId,
                         .status = records[i].Status,
+                        .pages = records[i].PagesPrinted,
                         .name = TextOf(records[i].pDocument),
                         .owner = TextOf(records[i].pUserName)});
     return jobs;

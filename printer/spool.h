@@ -14,6 +14,7 @@ bool SpoolIsOurs();
 struct SpooledJob {
     DWORD id = 0;
     DWORD status = 0; // JOB_STATUS_*
+    DWORD pages = 0;  // that are printed
     std::string name;
     std::string owner;
 };

@@ -22,6 +22,21 @@ constexpr char kNameValue[] = "Name"; // the spooler sets it for its own printer
 constexpr char kScriptValue[] = "Oriel Script"; // a file
 constexpr char kDeviceValue[] = "Oriel Device"; // an address
 constexpr char kScriptPrefix[] = "script:";
+constexpr char kQueuePrefix[] = "cups:"; // the printer is that queue of the print server
+
+std::vector<Printer> PrintersIn(const Bytes& buffer, DWORD count) {
+    std::vector<Printer> printers;
+    const auto* records = reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data());
+    for (DWORD i = 0; i < count; ++i) {
+        printers.push_back({.name = OrEmpty(records[i].pPrinterName),
+                            .driver = OrEmpty(records[i].pDriverName),
+                            .port = OrEmpty(records[i].pPortName),
+                            .location = OrEmpty(records[i].pLocation),
+                            .announced = (records[i].Attributes & PRINTER_ATTRIBUTE_NETWORK) != 0,
+                            .inSpooler = true});
+    }
+    return printers;
+}
 
 // None when the spooler cannot be asked.
 std::vector<Printer> SpoolerPrinters() {
@@ -29,16 +44,7 @@ std::vector<Printer> SpoolerPrinters() {
     const auto buffer = SpoolerRecords([&](LPBYTE into, DWORD size, LPDWORD needed) {
         return EnumPrintersA(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS, nullptr, 2, into, size, needed, &count);
     });
-    std::vector<Printer> printers;
-    if (!buffer) return printers;
-    const auto* records = reinterpret_cast<const PRINTER_INFO_2A*>(buffer->data());
-    for (DWORD i = 0; i < count; ++i) {
-        printers.push_back({.name = OrEmpty(records[i].pPrinterName),
-                            .driver = OrEmpty(records[i].pDriverName),
-                            .port = OrEmpty(records[i].pPortName),
-                            .inSpooler = true});
-    }
-    return printers;
+    return buffer ? PrintersIn(*buffer, count) : std::vector<Printer>();
 }
 
 bool SameText(const std::string& a, const std::string& b) {
@@ -100,7 +106,8 @@ std::vector<Printer> PrintersWithDevice() {
             Printer printer{.inRegistry = true};
             if (key) printer.device = DeviceIn(key.Get());
             if (printer.device.empty()) continue;
-            printer.name = TextOf(key.Get(), kNameValue);
+            printer.name = printer.device.starts_with(kQueuePrefix) ? printer.device.substr(sizeof kQueuePrefix - 1)
+                                                                    : TextOf(key.Get(), kNameValue);
             printer.port = TextOf(key.Get(), kPortValue);
             others = others || printer.name.empty();
             printers.push_back(printer);
@@ -180,6 +187,30 @@ void SetPrinterDevice(const std::string& name, const std::string& device) {
         throw SystemFailure(static_cast<uint32_t>(status),
                             "cannot store the device of the printer \"" + ToUtf8(name) + "\"");
     }
+}
+
+void SetQueueDevice(const std::string& name, const std::string& driver) {
+    // Without the driver the library would find a printer of no model.
+    const LSTATUS status = WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kDriverValue, driver);
+    if (status != ERROR_SUCCESS)
+        throw SystemFailure(static_cast<uint32_t>(status), "cannot store the printer \"" + ToUtf8(name) + "\"");
+    SetPrinterDevice(name, kQueuePrefix + name);
+}
+
+std::vector<Printer> DiscoverPrinters() {
+    DWORD count = 0;
+    const auto buffer = SpoolerRecords([&](LPBYTE into, DWORD size, LPDWORD needed) {
+        return EnumPrintersA(PRINTER_ENUM_NETWORK, nullptr, 2, into, size, needed, &count);
+    });
+    if (!buffer) {
+        Failure failure = SystemFailure(GetLastError(), "cannot look for printers");
+        if (failure.code == ERROR_MOD_NOT_FOUND) {
+            failure.why = "the module for print servers is missing";
+            failure.next = "install the package oriel-cups";
+        }
+        throw failure;
+    }
+    return PrintersIn(*buffer, count);
 }
 
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port) {
@@ -266,9 +297,13 @@ void CopyPrinter(const std::string& name, const std::string& newName, const std:
     throw SystemFailure(static_cast<uint32_t>(status), what);
 }
 
-void MovePrinterDevice(const std::string& name, const std::string& newName) {
+std::string DeviceOf(const std::string& name) {
     const RegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), KEY_QUERY_VALUE);
-    const std::string device = key ? DeviceIn(key.Get()) : "";
+    return key ? DeviceIn(key.Get()) : "";
+}
+
+void MovePrinterDevice(const std::string& name, const std::string& newName) {
+    const std::string device = DeviceOf(name);
     if (!device.empty()) SetPrinterDevice(newName, device);
 }
 
@@ -277,13 +312,15 @@ void UninstallPrinter(const std::string& name) {
     std::string nameText = name; // the call's text is not const
     PRINTER_DEFAULTSA rights{nullptr, nullptr, PRINTER_ALL_ACCESS};
     PrinterHandle printer;
-    if (OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
+    // The queue of a print server stays; it only has no printer side any more.
+    if (DeviceOf(name) != kQueuePrefix + name && OpenPrinterA(nameText.data(), printer.Receive(), &rights)) {
         if (!DeletePrinter(printer.Get())) throw SystemFailure(GetLastError(), what);
         DeleteTree(HKEY_LOCAL_MACHINE,
                    PrinterKeyPath(name)); // a connection has no key from the spooler, but may have ours
         return;
     }
-    if (GetLastError() != ERROR_INVALID_PRINTER_NAME) throw SystemFailure(GetLastError(), what);
+    if (DeviceOf(name) != kQueuePrefix + name && GetLastError() != ERROR_INVALID_PRINTER_NAME)
+        throw SystemFailure(GetLastError(), what);
     // The spooler does not know it. Remove what the registry may still have.
     const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
     if (status == ERROR_FILE_NOT_FOUND) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);

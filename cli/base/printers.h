@@ -9,7 +9,9 @@ struct Printer {
     std::string name; // ANSI; a printer that only the registry knows goes by the name of its key
     std::string driver;
     std::string port;
-    std::string device; // what its printer side is run with: "ipp://HOST/PATH", "script:FILE"; empty: none
+    std::string location{};
+    bool announced = false; // discovered: it announces itself, and is no queue of the print server
+    std::string device;     // what its printer side is run with: "ipp://HOST/PATH", "script:FILE"; empty: none
     bool inSpooler = false;
     bool inRegistry = false;
     bool registeredModel = false; // its driver is a model of the product
@@ -48,6 +50,15 @@ std::string KnownPrinterName(const std::string& name);
 
 // The device that `oriel up` starts a printer side for. Throws Failure.
 void SetPrinterDevice(const std::string& name, const std::string& device);
+
+// Of a printer that is a queue of the print server: no printer is added. Throws Failure.
+void SetQueueDevice(const std::string& name, const std::string& driver);
+// What the registry has for the printer; empty: none.
+std::string DeviceOf(const std::string& name);
+
+// The print server's queues, and printers that announce themselves in the network; takes some seconds. Of the former
+// `port` is what the server prints to. Throws Failure.
+std::vector<Printer> DiscoverPrinters();
 
 void InstallPrinter(const std::string& name, const std::string& driver, const std::string& port);
 // Adds a printer that equals another one except for its name and device. Throws Failure.

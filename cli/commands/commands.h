@@ -74,6 +74,9 @@ struct NewPrinter {
     std::optional<std::string> script; // the file that the printer's side plays
     std::optional<std::string> device; // "ipp://HOST/PATH" and so on; it is tried first
 };
+// The print server's queues, and printers that announce themselves, each with the command that adds it. Exit::False:
+// none was found.
+Exit DiscoverCommand();
 Exit AddPrinterCommand(const NewPrinter& wanted);
 Exit RemovePrinterCommand(const std::string& name);
 

@@ -211,15 +211,19 @@ void AddPrinterCommands(CLI::App& app, Arguments& a, Command& chosen) {
     add->add_option("--port", a.port, "Name of the port")->capture_default_str();
     const CLI::Option* script =
         add->add_option("--script", a.script, "Script of the printer; 'oriel up' starts a printer side that plays it");
-    const CLI::Option* device =
-        add->add_option("--device", a.device,
-                        "Address of the printer: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST; it is tried first");
+    const CLI::Option* device = add->add_option(
+        "--device", a.device,
+        "Address of the printer: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST, cups:QUEUE; it is tried first");
     add->callback([&, script, device] {
         chosen = [&, script, device] {
             return AddPrinterCommand(
                 {a.printer, a.driver, a.port, WhenGiven(script, a.script), WhenGiven(device, a.device)});
         };
     });
+
+    CLI::App* discover = printers->add_subcommand(
+        "discover", "Look for printers for some seconds: the print server's queues, and what announces itself");
+    discover->callback([&] { chosen = [] { return DiscoverCommand(); }; });
 
     CLI::App* remove = printers->add_subcommand(
         "remove",

@@ -122,7 +122,66 @@ Exit PrintersCommand() {
     return Exit::Done;
 }
 
+namespace {
+
+constexpr char kQueuePrefix[] = "cups:";
+
+// A queue of the print server is a printer already; it only gets a printer side.
+Exit AddQueue(const NewPrinter& wanted) {
+    const std::string queue = wanted.device->substr(std::strlen(kQueuePrefix));
+    const std::string name = KnownPrinterName(queue);
+    if (wanted.name != ToUtf8(name))
+        throw UsageFailure("the queue " + queue + " is the printer \"" + ToUtf8(name) + "\"",
+                           "add it by that name: oriel printers add '" + ToUtf8(name) + "' --device cups:" + queue);
+    TriedDevice(kQueuePrefix + ToUtf8(name));
+    const std::string driver =
+        wanted.driver.empty() ? DriverOf(name).value_or("") : RequireAnsi(wanted.driver, "the driver name");
+    SetQueueDevice(name, driver);
+    OpenForOthers(wanted.name);
+    if (g_output.json)
+        PrintJson({{"added", wanted.name},
+                   {"driver", ToUtf8(driver)},
+                   {"registeredModel", IsRegisteredModel(driver)},
+                   {"script", ""},
+                   {"device", *wanted.device}});
+    return Exit::Done;
+}
+
+// The command that adds a printer that was found.
+std::string AddLine(const Printer& printer) {
+    const std::string port = ToUtf8(printer.port), name = ToUtf8(printer.name);
+    const std::string address = printer.announced ? port.substr(0, port.find('?')) : kQueuePrefix + name;
+    return "oriel printers add '" + name + "' --device '" + address + "'";
+}
+
+} // namespace
+
+Exit DiscoverCommand() {
+    const std::vector<Printer> found = DiscoverPrinters();
+    Json list = Json::array();
+    for (const Printer& printer : found) {
+        list.push_back({{"name", ToUtf8(printer.name)},
+                        {"model", ToUtf8(printer.driver)},
+                        {"address", ToUtf8(printer.port)},
+                        {"location", ToUtf8(printer.location)},
+                        {"queue", !printer.announced},
+                        {"add", AddLine(printer)}});
+        if (g_output.json) continue;
+        PrintLine(Styled(Printable(ToUtf8(printer.name)), Style::Name) + "  " + Printable(ToUtf8(printer.driver)) +
+                  "  " + Printable(ToUtf8(printer.port)));
+        PrintLine("  " + Printable(AddLine(printer)));
+    }
+    if (g_output.json)
+        PrintJson({{"printers", list}});
+    else if (found.empty())
+        PrintLine(
+            "no printers found: none announces itself, and the print server has no queue; a printer whose address "
+            "you know is added with 'oriel printers add NAME --device ipp://ADDRESS/ipp/print'");
+    return found.empty() ? Exit::False : Exit::Done;
+}
+
 Exit AddPrinterCommand(const NewPrinter& wanted) {
+    if (wanted.device && wanted.device->starts_with(kQueuePrefix)) return AddQueue(wanted);
     const std::string nameText = RequireNewPrinterName(wanted.name);
     if (wanted.script && wanted.device) throw UsageFailure("a printer has one device", "give --device or --script");
     if (wanted.driver.empty() && !wanted.device)

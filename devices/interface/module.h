@@ -13,7 +13,7 @@
 namespace devices {
 
 struct Settings {
-    std::string uri{};  // ipp://HOST[:PORT]/PATH and so on; UTF-8
+    std::string uri{};  // ipp://HOST[:PORT]/PATH, cups:QUEUE and so on; UTF-8
     std::string user{}; // in whose name jobs are held, released and cancelled
 };
 
@@ -23,6 +23,7 @@ struct Question {
     Ask ask = Ask::Poll;
     bool identity = false;     // Poll: read that too
     bool events = false;       // Poll: where the printer tells events, read it only after one
+    bool jobs = true;          // Poll: read those too
     int32_t job = 0;           // HoldJob, ReleaseJob, CancelJob
     std::string text{};        // SetLocation
     std::string certificate{}; // the only one that is trusted, as SHA-256 in hexadecimal; empty: any

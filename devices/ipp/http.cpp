@@ -45,7 +45,34 @@ std::string FingerprintOf(std::string_view pem) {
 
 } // namespace
 
+namespace {
+
+// The server as libcups finds it: CUPS_SERVER, client.conf, this machine's socket.
+bool ParseQueue(const std::string& queue, Address* address, std::string* error) {
+    char uri[HTTP_MAX_URI];
+    if (queue.empty() || queue.find_first_of("/#?") != queue.npos ||
+        httpAssembleURIf(HTTP_URI_CODING_ALL, uri, sizeof uri, "ipp", nullptr, "localhost", 0, "/printers/%s",
+                         queue.c_str()) < HTTP_URI_STATUS_OK) {
+        *error = "\"" + queue + "\" is no name of a queue";
+        return false;
+    }
+    constexpr std::string_view kHost = "ipp://localhost";
+    address->uri = uri;
+    address->path = address->uri.substr(kHost.size());
+    address->host = cupsServer();
+    address->port = ippPort();
+    if (address->host.starts_with('/')) {
+        address->socket = address->host;
+        address->host = "localhost";
+    }
+    return true;
+}
+
+} // namespace
+
 bool ParseAddress(const std::string& uri, Address* address, std::string* error) {
+    constexpr std::string_view kQueue = "cups:";
+    if (uri.starts_with(kQueue)) return ParseQueue(uri.substr(kQueue.size()), address, error);
     char scheme[32], user[256], host[256], path[1024];
     int port = 0;
     const http_uri_status_t status = httpSeparateURI(HTTP_URI_CODING_ALL, uri.c_str(), scheme, sizeof scheme, user,
@@ -76,6 +103,7 @@ Http::Http(const Address& address) : m_address(address), m_multi(curl_multi_init
     curl_easy_setopt(m_easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(m_easy, CURLOPT_PROTOCOLS_STR, address.secure ? "https" : "http");
     curl_easy_setopt(m_easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+    if (!address.socket.empty()) curl_easy_setopt(m_easy, CURLOPT_UNIX_SOCKET_PATH, address.socket.c_str());
     curl_easy_setopt(m_easy, CURLOPT_PROXY, "");
     curl_easy_setopt(m_easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(m_easy, CURLOPT_HTTPHEADER, m_headers);
@@ -151,7 +179,8 @@ void Http::Judge(CURLcode result, Exchange* exchange) {
         exchange->outcome = outcome;
         exchange->trouble = trouble;
     };
-    const std::string who = m_address.host + " port " + std::to_string(m_address.port);
+    const std::string who =
+        m_address.socket.empty() ? m_address.host + " port " + std::to_string(m_address.port) : "the print server";
     switch (result) {
     case CURLE_OK:
         break;

@@ -11,13 +11,14 @@
 
 namespace devices {
 
-// The parts of ipp://HOST[:PORT]/PATH or ipps://.
+// The parts of ipp://HOST[:PORT]/PATH or ipps://; or of cups:QUEUE, a queue of this machine's print server.
 struct Address {
     bool secure = false;
     std::string host{}; // without brackets
     int port = 631;
     std::string path{"/ipp/print"};
-    std::string uri{}; // in full
+    std::string uri{};    // in full
+    std::string socket{}; // of this machine's print server, where it listens at one
 };
 // False: *error says what is wrong.
 bool ParseAddress(const std::string& uri, Address* address, std::string* error);

@@ -209,9 +209,9 @@ void IppSession::Poll(const Question& question, Answer* answer) {
         AskIdentity(question, answer);
     }
     ReadPrinter(message.get(), m_mediaSources, &answer->reading);
-    AskJobs(question, message.get(), answer);
+    if (question.jobs) AskJobs(question, message.get(), answer);
     m_fullPoll = Clock::now();
-    if (m_mayTellEvents && m_subscription == 0) {
+    if (question.jobs && m_mayTellEvents && m_subscription == 0) {
         Subscribe(question);
         m_fullPoll = {}; // what happened since the reading has no event: read again soon
     }

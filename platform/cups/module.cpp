@@ -1,8 +1,11 @@
 // The module for the print server: printers and jobs of CUPS (RFC 8011, and CUPS's documented operations) through
 // libcups. No state between calls.
 #include "connection.h"
+#include "watch.h"
 
+#include <chrono>
 #include <cstring>
+#include <memory>
 #include <strings.h>
 #include <system_error>
 #include <winerror.h>
@@ -11,14 +14,9 @@
 namespace oriel {
 namespace {
 
-constexpr const char* kPrinterAttributes[] = {"printer-name",
-                                              "printer-info",
-                                              "printer-location",
-                                              "printer-make-and-model",
-                                              "device-uri",
-                                              "printer-is-shared",
-                                              "printer-state",
-                                              "printer-is-accepting-jobs"};
+constexpr const char* kPrinterAttributes[] = {
+    "printer-name", "printer-info",      "printer-location", "printer-make-and-model",
+    "device-uri",   "printer-is-shared", "printer-state",    "printer-is-accepting-jobs"};
 constexpr const char* kJobAttributes[] = {"job-id",
                                           "job-name",
                                           "job-originating-user-name",
@@ -275,6 +273,65 @@ DWORD ChangeJob(const PrintServerCall& call, const std::string& name, DWORD job,
     return error == ERROR_FILE_NOT_FOUND ? DWORD{ERROR_INVALID_PARAMETER} : error;
 }
 
+// ---- discovery
+
+struct Found {
+    std::mutex lock;
+    std::condition_variable ended;
+    bool over = false;
+    int cut = 0; // libcups looks at it
+    std::vector<Printer> printers;
+};
+
+const char* OptionOf(const cups_dest_t& destination, const char* name) {
+    const char* value = cupsGetOption(name, destination.num_options, destination.options);
+    return value != nullptr ? value : "";
+}
+
+int TakeFound(void* context, unsigned, cups_dest_t* destination) {
+    auto& found = *static_cast<Found*>(context);
+    Printer printer;
+    printer.texts[kPrinterName] = destination->name;
+    printer.texts[kPortName] = OptionOf(*destination, "device-uri");
+    printer.texts[kDriverName] = OptionOf(*destination, "printer-make-and-model");
+    printer.texts[kPrinterComment] = OptionOf(*destination, "printer-info");
+    printer.texts[kPrinterLocation] = OptionOf(*destination, "printer-location");
+    // What is announced has an address to print to; a queue of the server has a name alone.
+    printer.attributes =
+        *OptionOf(*destination, "printer-uri-supported") != '\0' ? PRINTER_ATTRIBUTE_LOCAL : PRINTER_ATTRIBUTE_NETWORK;
+    const std::lock_guard hold(found.lock);
+    found.printers.push_back(std::move(printer));
+    return 1;
+}
+
+// libcups may wait for a server that stands still; its thread is left behind then.
+DWORD Discover(const PrintServerCall& call, std::vector<Printer>* printers) {
+    constexpr int kAnnouncementsMs = 2500;
+    const auto found = std::make_shared<Found>();
+    std::thread([found] {
+        const SigpipeHold hold;
+        cupsEnumDests(CUPS_DEST_FLAGS_NONE, kAnnouncementsMs, &found->cut, 0, 0, TakeFound, found.get());
+        const std::lock_guard over(found->lock);
+        found->over = true;
+        found->ended.notify_one();
+    }).detach();
+    std::unique_lock hold(found->lock);
+    const std::chrono::steady_clock::time_point deadline{std::chrono::nanoseconds(call.deadlineNs)};
+    found->ended.wait_until(hold, deadline, [&] { return found->over; });
+    found->cut = 1;
+    *printers = found->printers;
+    return ERROR_SUCCESS;
+}
+
+// ---- watches
+
+DWORD WatchPrinters(const PrintServerCall& call, void (*changed)(void*), void* context, void** watch) {
+    auto made = std::make_unique<Watch>(call, changed, context);
+    const DWORD error = made->Begin();
+    if (error == ERROR_SUCCESS) *watch = made.release();
+    return error;
+}
+
 // Throws only on lack of memory.
 template <auto procedure, typename... Arguments>
 DWORD Only(Arguments... arguments) {
@@ -291,6 +348,9 @@ constexpr PrintServerModule kModule{
     .readPrinter = Only<ReadPrinter, const PrintServerCall&, const std::string&, Printer*>,
     .listJobs = Only<ListJobs, const PrintServerCall&, const std::string&, std::vector<Job>*>,
     .changeJob = Only<ChangeJob, const PrintServerCall&, const std::string&, DWORD, JobCommand>,
+    .discover = Only<Discover, const PrintServerCall&, std::vector<Printer>*>,
+    .watch = Only<WatchPrinters, const PrintServerCall&, void (*)(void*), void*, void**>,
+    .endWatch = [](void* watch) { delete static_cast<Watch*>(watch); },
 };
 
 } // namespace

@@ -1,10 +1,10 @@
 /* Printers and jobs of the print spooler. Win32, "Print Spooler API Functions".
  *
- * There are two sources of printers. The embedded spool is a database in the state directory (spooler/embedded.h) that all
- * users of the machine read; its jobs are files of their users (spooler/job_files.h). A printer of it whose name starts
- * with two backslashes is a connection to another machine's; the others are local, and have their driver and port also
- * in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>" (backslashes of the name as commas),
- * values "Printer Driver" and "Port", as Windows NT keeps them. Queues of the system's print server (CUPS;
+ * There are two sources of printers. The embedded spool is a database in the state directory (spooler/embedded.h) that
+ * all users of the machine read; its jobs are files of their users (spooler/job_files.h). A printer of it whose name
+ * starts with two backslashes is a connection to another machine's; the others are local, and have their driver and
+ * port also in HKEY_LOCAL_MACHINE "System\CurrentControlSet\Control\Print\Printers\<name>" (backslashes of the name as
+ * commas), values "Printer Driver" and "Port", as Windows NT keeps them. Queues of the system's print server (CUPS;
  * spooler/print_server.h) are local printers too, unless the embedded spool has one of that name. A call that needs
  * that server waits two seconds for it at most: ERROR_TIMEOUT, RPC_S_SERVER_UNAVAILABLE. Names compare without case.
  * Calls give FALSE and set the last error on failure. */
@@ -20,6 +20,7 @@ WINBASE_BEGIN
 
 #define PRINTER_ENUM_LOCAL 0x00000002
 #define PRINTER_ENUM_CONNECTIONS 0x00000004
+#define PRINTER_ENUM_NETWORK 0x00000040
 
 /* A printer's Status. The print server tells these two; the embedded spool has none. */
 #define PRINTER_STATUS_PAUSED 0x00000001
@@ -128,9 +129,11 @@ typedef struct _DOC_INFO_1A {
 } DOC_INFO_1A, *PDOC_INFO_1A, *LPDOC_INFO_1A;
 
 /* Lists printers in the order in which they were added, then those of the print server if it answers. flags:
- * PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both; name is absent; level is 2. buffer: *returned records one
- * behind the other, then their strings. size: bytes. *needed: the bytes that it takes (on success those used).
- * ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0. ERROR_INVALID_LEVEL, ERROR_INVALID_FLAGS. */
+ * PRINTER_ENUM_LOCAL, PRINTER_ENUM_CONNECTIONS or both; or PRINTER_ENUM_NETWORK alone: printers that announce
+ * themselves in the network and those of the print server, found within some seconds. name is absent; level is 2.
+ * buffer: *returned records one behind the other, then their strings. size: bytes. *needed: the bytes that it takes (on
+ * success those used). ERROR_INSUFFICIENT_BUFFER: the buffer is too small, *returned is 0. ERROR_INVALID_LEVEL,
+ * ERROR_INVALID_FLAGS. */
 WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed,
                                      LPDWORD returned);
 
@@ -139,9 +142,9 @@ WINBASEAPI BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYT
  * this user may not write the spool. Printers are looked up when they are used: one that is deleted under the handle
  * gives ERROR_PRINTER_DELETED. ERROR_INVALID_PRINTER_NAME: there is no such printer.
  *
- * "<printer>, Job <number>" opens the document of a complete job of the embedded spool, for ReadPrinter and no other call;
- * its rights are JOB_ACCESS_READ. ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: it is another
- * user's, and this one is not root. */
+ * "<printer>, Job <number>" opens the document of a complete job of the embedded spool, for ReadPrinter and no other
+ * call; its rights are JOB_ACCESS_READ. ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: it
+ * is another user's, and this one is not root. */
 WINBASEAPI BOOL WINAPI OpenPrinterA(LPSTR name, LPHANDLE printer, LPPRINTER_DEFAULTSA defaults);
 
 /* One record as EnumPrintersA gives it. level is 2. */
@@ -176,8 +179,8 @@ WINBASEAPI BOOL WINAPI SetJobA(HANDLE printer, DWORD job, DWORD level, LPBYTE re
 
 /* Begins a job of the calling thread's user; level is 1, record a DOC_INFO_1A. The job's number, 0 on failure:
  * ERROR_ACCESS_DENIED (this user may not spool), ERROR_NOT_ENOUGH_QUOTA (this user has 1,000 jobs or 4 GiB in the
- * spool), ERROR_BUSY (this handle spools one already), ERROR_NOT_SUPPORTED (a printer that is not the embedded spool's).
- * The job is dropped when the handle is closed, or the process ends, before EndDocPrinter. */
+ * spool), ERROR_BUSY (this handle spools one already), ERROR_NOT_SUPPORTED (a printer that is not the embedded
+ * spool's). The job is dropped when the handle is closed, or the process ends, before EndDocPrinter. */
 WINBASEAPI DWORD WINAPI StartDocPrinterA(HANDLE printer, DWORD level, LPBYTE record);
 
 /* Adds to the document. *written: bytes that were taken, also on failure. ERROR_SPL_NO_STARTDOC; ERROR_PRINT_CANCELLED:
@@ -190,12 +193,14 @@ WINBASEAPI BOOL WINAPI EndDocPrinter(HANDLE printer);
 /* Reads on in a job's document, which OpenPrinterA opened. *read: bytes; 0 at the end. */
 WINBASEAPI BOOL WINAPI ReadPrinter(HANDLE printer, LPVOID buffer, DWORD size, LPDWORD read);
 
+#define PRINTER_CHANGE_SET_PRINTER 0x00000002
 #define PRINTER_CHANGE_JOB 0x0000FF00
 
 /* A handle to wait for: it is signalled once a job of the printer came, was completed, paused, resumed or cancelled.
- * filter: PRINTER_CHANGE_JOB; options 0, notifyOptions absent. INVALID_HANDLE_VALUE on failure: ERROR_NOT_SUPPORTED (a
- * printer that is not the embedded spool's), ERROR_INVALID_PARAMETER, the errors of CreateEventA. Jobs that go with the
- * process that spooled them, or whose files somebody removed, are not told. */
+ * filter: PRINTER_CHANGE_JOB, with PRINTER_CHANGE_SET_PRINTER also once the state of a printer of the print server has
+ * changed; options 0, notifyOptions absent. INVALID_HANDLE_VALUE on failure: ERROR_NOT_SUPPORTED (a printer of a print
+ * server that tells no changes), ERROR_INVALID_PARAMETER, the errors of CreateEventA and of the print server. Jobs that
+ * go with the process that spooled them, or whose files somebody removed, are not told. */
 WINBASEAPI HANDLE WINAPI FindFirstPrinterChangeNotification(HANDLE printer, DWORD filter, DWORD options,
                                                             LPVOID notifyOptions);
 

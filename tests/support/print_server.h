@@ -51,10 +51,38 @@ public:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
+    // A queue whose printer prints a page of a job, and the rest when it is told so.
+    void AddSlowPrinter(const std::string& queue) { Command("/usr/sbin/lpadmin", {"-p", queue, "-E", "-v", "slow:/"}); }
+    void PrintOn() { std::ofstream(m_folder + "/go") << "go"; }
+
 private:
+    // The programs that it runs: its own, and what the tests add.
+    void MakePrograms() {
+        const std::string own = "/usr/lib/cups", programs = m_folder + "/bin";
+        for (const char* folder : {"backend", "notifier"}) {
+            std::filesystem::create_directories(programs + "/" + folder);
+            for (const auto& entry : std::filesystem::directory_iterator(own + "/" + folder))
+                std::filesystem::create_symlink(entry.path(),
+                                                programs + "/" + folder + "/" + entry.path().filename().string());
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(own))
+            if (!std::filesystem::exists(programs + "/" + entry.path().filename().string()))
+                std::filesystem::create_symlink(entry.path(), programs + "/" + entry.path().filename().string());
+        std::filesystem::create_symlink(ProgramPath("../lib/oriel/notifier/oriel-events"),
+                                        programs + "/notifier/oriel-events");
+        const std::string slow = programs + "/backend/slow";
+        std::ofstream(slow) << "#!/bin/sh\n[ $# = 0 ] && exit 0\necho 'PAGE: 1 1' >&2\nwhile [ -d " << m_folder
+                            << " -a ! -e " << m_folder << "/go ]; do sleep 0.05; done\n";
+        std::filesystem::permissions(slow, std::filesystem::perms::owner_all); // so it runs as root
+    }
+
     TestProcess Start() {
-        std::string files = "FileDevice Yes\nErrorLog " + m_folder + "/error_log\nAccessLog " + m_folder +
-                            "/access_log\nPageLog " + m_folder + "/page_log\n";
+        MakePrograms();
+        std::string files = "ServerBin " + m_folder +
+                            "/bin\n"
+                            "FileDevice Yes\nErrorLog " +
+                            m_folder + "/error_log\nAccessLog " + m_folder + "/access_log\nPageLog " + m_folder +
+                            "/page_log\n";
         for (const char* name : {"ServerRoot", "RequestRoot", "CacheDir", "StateDir", "TempDir"}) {
             std::filesystem::create_directories(m_folder + "/" + name);
             files += std::string(name) + " " + m_folder + "/" + name + "\n";
@@ -64,7 +92,7 @@ private:
         std::ofstream(m_folder + "/files.conf") << files;
         std::ofstream(m_folder + "/cupsd.conf")
             << "Listen " << Socket() << (m_listen.empty() ? "" : "\nListen " + m_listen)
-            << "\nBrowsing No\nWebInterface No\nLogLevel warn\n"
+            << "\nBrowsing No\nWebInterface No\nLogLevel warn\nMaxJobs 3000\n"
                "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
         return TestProcess::Program("/usr/sbin/cupsd",
                                     {"-f", "-c", m_folder + "/cupsd.conf", "-s", m_folder + "/files.conf"});

@@ -23,6 +23,8 @@ struct Timings {
     uint32_t rpcSend = 30000;
     // For a call to the print server. Two seconds are allowed in all; the rest is for the work around the answers.
     uint32_t printServerCall = 1800;
+    // Until printers in the network have announced themselves.
+    uint32_t printerDiscovery = 5000;
 };
 
 __attribute__((visibility("default"))) extern Timings g_timings;

@@ -1,12 +1,15 @@
 // The spooler's calls on jobs, on documents that become jobs, and on change notifications, which are named events.
-// State: the document of a handle.
+// State: the document of a handle; the watches on printers of the print server.
 #include "base/call.h"
+#include "spooler/print_server.h"
 #include "spooler/printer_object.h"
 #include "spooler/records.h"
 
 #include <cerrno>
 #include <cstring>
 #include <handleapi.h>
+#include <map>
+#include <mutex>
 #include <securitybaseapi.h>
 #include <string>
 #include <synchapi.h>
@@ -59,6 +62,31 @@ DWORD CommandOf(DWORD number, JobCommand* command) {
     }
 }
 
+// Watches on printers of the print server, by their events.
+std::mutex g_watchesLock;
+std::map<HANDLE, void*> g_watches;
+
+DWORD BeginServerWatch(HANDLE event) {
+    void* watch = nullptr;
+    const DWORD error = WatchPrintServer(event, &watch);
+    if (error != ERROR_SUCCESS) return error;
+    const std::lock_guard hold(g_watchesLock);
+    g_watches[event] = watch;
+    return ERROR_SUCCESS;
+}
+
+void EndServerWatchOf(HANDLE event) {
+    void* watch = nullptr;
+    {
+        const std::lock_guard hold(g_watchesLock);
+        const auto found = g_watches.find(event);
+        if (found == g_watches.end()) return;
+        watch = found->second;
+        g_watches.erase(found);
+    }
+    EndServerWatch(watch);
+}
+
 std::string_view TextOr(const char* text, std::string_view otherwise) {
     return text != nullptr && *text != '\0' ? text : otherwise;
 }
@@ -86,10 +114,15 @@ HANDLE WINAPI FindFirstPrinterChangeNotification(HANDLE printer, DWORD filter, D
     const DWORD error = CodeCall([&]() -> DWORD {
         const HandleUse<PrinterObject> open(printer, kPrinterType, PRINTER_ACCESS_USE);
         if (!open) return GetLastError();
-        if (filter != PRINTER_CHANGE_JOB || options != 0 || notifyOptions != nullptr) return ERROR_INVALID_PARAMETER;
-        if (open->backEnd != &kEmbeddedSpool) return ERROR_NOT_SUPPORTED;
-        event = CreateJobsEvent(open->key.id);
-        return event != nullptr ? ERROR_SUCCESS : GetLastError();
+        if ((filter & ~DWORD{PRINTER_CHANGE_SET_PRINTER}) != PRINTER_CHANGE_JOB || options != 0 ||
+            notifyOptions != nullptr)
+            return ERROR_INVALID_PARAMETER;
+        const bool embedded = open->backEnd == &kEmbeddedSpool;
+        event = embedded ? CreateJobsEvent(open->key.id) : CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        if (event == nullptr) return GetLastError();
+        const DWORD begun = embedded ? ERROR_SUCCESS : BeginServerWatch(event);
+        if (begun != ERROR_SUCCESS) CloseHandle(event);
+        return begun;
     });
     return Succeeds(error) ? event : INVALID_HANDLE_VALUE;
 }
@@ -102,6 +135,7 @@ BOOL WINAPI FindNextPrinterChangeNotification(HANDLE notification, LPDWORD chang
 }
 
 BOOL WINAPI FindClosePrinterChangeNotification(HANDLE notification) {
+    EndServerWatchOf(notification);
     return CloseHandle(notification);
 }
 

@@ -16,6 +16,7 @@
 #include <dlfcn.h>
 #include <fstream>
 #include <rpcnterr.h>
+#include <synchapi.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <winspool.h>
@@ -86,18 +87,23 @@ const PrintServerModule* Module() {
     return module;
 }
 
-// Runs call(module, how) and records a server that did not answer.
-template <typename Call>
-DWORD AskServer(Call call) {
+PrintServerCall CallWithin(uint32_t limitMs) {
     PrintServerCall how{.server = FindServer()};
-    if (!MayListen(how.server)) return RPC_S_SERVER_UNAVAILABLE;
-    const PrintServerModule* module = Module();
-    if (module == nullptr) return ERROR_MOD_NOT_FOUND;
     const uid_t user = geteuid();
     how.user = AnsiToUtf8(NameOfUser(user));
     if (how.user.empty()) how.user = std::to_string(user);
     how.mayAll = user == 0;
-    how.deadlineNs = MonotonicNs() + g_timings.printServerCall * kNsPerMs;
+    how.deadlineNs = MonotonicNs() + limitMs * kNsPerMs;
+    return how;
+}
+
+// Runs call(module, how) and records a server that did not answer.
+template <typename Call>
+DWORD AskServer(Call call) {
+    const PrintServerCall how = CallWithin(g_timings.printServerCall);
+    if (!MayListen(how.server)) return RPC_S_SERVER_UNAVAILABLE;
+    const PrintServerModule* module = Module();
+    if (module == nullptr) return ERROR_MOD_NOT_FOUND;
     const DWORD error = call(*module, how);
     g_pausedUntilNs = error == ERROR_TIMEOUT ? MonotonicNs() + kPauseNs : 0;
     return error;
@@ -169,6 +175,26 @@ const SpoolerBackEnd kPrintServer{
     .listJobs = ListServerJobs,
     .changeJob = ChangeServerJob,
 };
+
+DWORD DiscoverPrinters(std::vector<Printer>* printers) {
+    // Without a server too: printers announce themselves.
+    const PrintServerModule* module = Module();
+    if (module == nullptr) return ERROR_MOD_NOT_FOUND;
+    const DWORD error = module->discover(CallWithin(g_timings.printerDiscovery), printers);
+    std::erase_if(*printers, [](Printer& printer) { return !ToAnsi(&printer); });
+    return error;
+}
+
+DWORD WatchPrintServer(HANDLE event, void** watch) {
+    return AskServer([&](const PrintServerModule& module, const PrintServerCall& how) {
+        return module.watch(
+            how, [](void* changed) { SetEvent(changed); }, event, watch);
+    });
+}
+
+void EndServerWatch(void* watch) {
+    Module()->endWatch(watch);
+}
 
 bool PrintServerIsPaused() {
     return MonotonicNs() < g_pausedUntilNs;

@@ -14,6 +14,14 @@ namespace oriel {
 // seconds), ERROR_MOD_NOT_FOUND.
 extern const SpoolerBackEnd kPrintServer;
 
+// As SpoolerBackEnd's procedures: the printers of the server, and those that announce themselves in the network. Takes
+// some seconds.
+DWORD DiscoverPrinters(std::vector<Printer>* printers);
+
+// Sets the event after each change of a printer or a job, from now on. ERROR_NOT_SUPPORTED: the server does not tell.
+DWORD WatchPrintServer(HANDLE event, void** watch);
+void EndServerWatch(void* watch);
+
 // True when it recently did not answer a call. Calls that can do without it then skip it for some seconds.
 bool PrintServerIsPaused();
 
@@ -34,6 +42,12 @@ struct PrintServerModule {
     DWORD (*readPrinter)(const PrintServerCall& call, const std::string& name, Printer* printer);
     DWORD (*listJobs)(const PrintServerCall& call, const std::string& name, std::vector<Job>* jobs);
     DWORD (*changeJob)(const PrintServerCall& call, const std::string& name, DWORD job, JobCommand command);
+    // The server's printers, and those that announce themselves in the network.
+    DWORD (*discover)(const PrintServerCall& call, std::vector<Printer>* printers);
+    // Has changed(context) called, in a thread of its own, after each change of a printer or a job, until endWatch.
+    // ERROR_NOT_SUPPORTED: the server's notifier program of ours is not installed.
+    DWORD (*watch)(const PrintServerCall& call, void (*changed)(void*), void* context, void** watch);
+    void (*endWatch)(void* watch);
 };
 
 // The only export of the module, of type const PrintServerModule* ().

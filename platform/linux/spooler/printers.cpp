@@ -189,12 +189,15 @@ BOOL WINAPI EnumPrintersA(DWORD flags, LPSTR name, DWORD level, LPBYTE buffer, D
         *needed = 0;
         *returned = 0;
         if (level != 2) return ERROR_INVALID_LEVEL;
-        if (flags == 0 || (flags & ~(PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS)) != 0) return ERROR_INVALID_FLAGS;
+        const bool network = flags == PRINTER_ENUM_NETWORK;
+        constexpr DWORD kKnown = PRINTER_ENUM_LOCAL | PRINTER_ENUM_CONNECTIONS;
+        if (!network && (flags == 0 || (flags & ~kKnown) != 0)) return ERROR_INVALID_FLAGS;
         std::vector<Printer> printers;
-        DWORD error = ListAllPrinters(&printers);
+        DWORD error = network ? DiscoverPrinters(&printers) : ListAllPrinters(&printers);
         if (error != ERROR_SUCCESS) return error;
         std::erase_if(printers, [flags](const Printer& printer) {
-            return (flags & (IsConnection(printer.Name()) ? PRINTER_ENUM_CONNECTIONS : PRINTER_ENUM_LOCAL)) == 0;
+            return flags != PRINTER_ENUM_NETWORK &&
+                   (flags & (IsConnection(printer.Name()) ? PRINTER_ENUM_CONNECTIONS : PRINTER_ENUM_LOCAL)) == 0;
         });
         error = WritePrinterRecords(printers, buffer, size, needed);
         if (error == ERROR_SUCCESS) *returned = static_cast<DWORD>(printers.size());
