@@ -263,7 +263,8 @@ void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
     if (answer.outcome == Outcome::Answered && !wasCommand && !answer.unchanged) NoteReading(printer, answer, now);
     AnswerRequests(printer, answer);
     // What a command did shows at once.
-    printer.pollAt = wasCommand && printer.link.up ? now : now + PauseOf(printer, now);
+    printer.pollAt = (wasCommand || printer.again) && printer.link.up ? now : now + PauseOf(printer, now);
+    printer.again = false;
     if (printer.link.up) return;
     // Nor are those answered that came meanwhile; to ask again would take as long.
     for (const DeviceRequest& request : printer.waiting)
@@ -337,6 +338,7 @@ void Followed(void* self, bool followed) {
 void Look(void* self) {
     NetworkPrinter& printer = PrinterOf(self);
     if (printer.failures == 0 || printer.ofPrintServer) printer.pollAt = 0;
+    printer.again = printer.busy;
 }
 
 std::vector<DeviceQueue> Queues(void*) {

@@ -41,6 +41,7 @@ struct NetworkPrinter {
     std::deque<DeviceRequest> waiting{};         // requests that no question was asked for yet
     std::vector<DeviceRequest> asked{};          // those that the question in progress answers
     bool busy = false;                           // a question is in progress
+    bool again = false;                          // something has happened since it was asked
     ULONGLONG lateAt = 0;                        // when its answer is overdue; 0: it may take as long as it likes
     ULONGLONG askedAt = 0;
     DWORD usualMs = 0; // that an answer takes at most

@@ -12,6 +12,7 @@
 #include "product/file_times.h"
 #include "product/log.h"
 #include "product/signal_wait.h"
+#include "product/supplies_record.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -444,6 +445,10 @@ void BeginService(PrinterSide& side) {
     if (const QueueResult made = MakeQueues(side.link, side.queues, side.device.queues(side.device.self));
         made.status != kDone)
         Warn(side, "the queue \"" + made.variable + "\" cannot be made (" + std::to_string(made.status) + ")");
+    if (!side.device.link(side.device.self).device.empty()) {
+        const Bytes none = EmptyQueue();
+        CreateQueue(side.link, kSuppliesVariable, none.data(), static_cast<DWORD>(none.size()));
+    }
     FindUnanswered(side);
     std::copy(std::begin(side.seen), std::end(side.seen), side.unclaimed);
     std::vector<DeviceValue> values = side.device.state(side.device.self);

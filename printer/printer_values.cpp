@@ -4,6 +4,7 @@
 #include "text.h"
 
 #include "product/conditions.h"
+#include "product/supplies_record.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -213,6 +214,25 @@ Value PrinterDisplay2(const Told& told) {
     return Display(told, 260);
 }
 
+Value Supplies(const Told& told) {
+    if (told.reading.supplies.empty()) return {};
+    Bytes bytes = Words({static_cast<DWORD>(told.reading.supplies.size())});
+    for (const devices::Supply& supply : told.reading.supplies) {
+        SupplyRecord record{.percent = supply.percent, .level = supply.level, .capacity = supply.capacity};
+        const auto put = [](auto& field, const std::string& text) {
+            const Bytes ansi = Text(text, sizeof field);
+            memcpy(field, ansi.data(), sizeof field);
+        };
+        put(record.name, supply.name);
+        put(record.kind, supply.kind);
+        put(record.colour, supply.colour);
+        put(record.unit, supply.unit);
+        const Bytes more = BytesOf(record);
+        bytes.insert(bytes.end(), more.begin(), more.end());
+    }
+    return bytes;
+}
+
 // ---- identity
 
 Value PrinterExtConfig(const Told& told) {
@@ -336,6 +356,7 @@ constexpr Row kRows[] = {
     {.variable = names::kPageCount, .value = PageCount},
     {.variable = names::kCurrentFeeder, .value = CurrentFeeder},
     {.variable = names::kPrinterBinConfig, .value = PrinterBinConfig},
+    {.variable = kSuppliesVariable, .value = Supplies},
     {.variable = names::kPrinterDisplay, .value = PrinterDisplay},
     {.variable = names::kPrinterDisplay2, .value = PrinterDisplay2},
     {.variable = names::kErrPaperState, .value = ErrPaperState},

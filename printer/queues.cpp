@@ -24,12 +24,6 @@ void SetWordAt(Bytes& bytes, SIZE_T at, DWORD word) {
     memcpy(&bytes[at], &word, sizeof word);
 }
 
-Bytes EmptyQueue() {
-    Bytes value(kHeader);
-    SetWordAt(value, 0, sizeof(DWORD)); // of the count
-    return value;
-}
-
 // Anybody may write the variable. A value that is not a queue of such items counts as empty.
 bool IsQueue(const Bytes& value, const DeviceQueue& queue) {
     if (value.size() < kHeader || WordAt(value, 0) != value.size() - sizeof(DWORD)) return false;
@@ -55,6 +49,12 @@ LONG PutItem(Link& link, const DeviceQueue& queue, const DeviceValue& item) {
 }
 
 } // namespace
+
+Bytes EmptyQueue() {
+    Bytes value(kHeader);
+    SetWordAt(value, 0, sizeof(DWORD)); // of the count
+    return value;
+}
 
 std::vector<DeviceQueue> QueuesOfModel(const std::string& driver) {
     std::vector<DeviceQueue> queues;

@@ -10,6 +10,9 @@
 #include <deque>
 #include <map>
 
+// The stored form of no items.
+Bytes EmptyQueue();
+
 struct Queues {
     std::map<std::string, DeviceQueue> known{};
     std::deque<DeviceValue> waiting{}; // items that wait for the mutex

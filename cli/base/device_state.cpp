@@ -44,16 +44,60 @@ std::string FieldText(const char (&field)[size]) {
 
 } // namespace
 
-std::optional<DeviceRecord> ReadDeviceState(const std::string& printer) {
-    if (!ProductInitialised()) return std::nullopt;
+namespace {
+
+// Empty without a service, without a database of the printer, or without such a variable.
+std::vector<BYTE> ReadStored(const std::string& printer, const char* variable) {
+    if (!ProductInitialised()) return {};
     const Binding binding;
     std::string name;
-    if (!binding.made || FindPrinterDatabase(printer, &name) != Answer::Done || name.empty()) return std::nullopt;
+    if (!binding.made || FindPrinterDatabase(printer, &name) != Answer::Done || name.empty()) return {};
     Guard<DatabaseHandle, &CloseDatabase> database;
-    if (OpenDatabase(name.c_str(), database.Receive()) != Answer::Done) return std::nullopt;
+    if (OpenDatabase(name.c_str(), database.Receive()) != Answer::Done) return {};
     std::vector<BYTE> value;
-    if (ReadWholeValue(database.Get(), kDeviceVariable, &value) != Answer::Done) return std::nullopt;
-    return ParseDeviceRecord(value);
+    return ReadWholeValue(database.Get(), variable, &value) == Answer::Done ? value : std::vector<BYTE>();
+}
+
+Json NumberOrNull(int32_t number) {
+    return number < 0 ? Json(nullptr) : Json(number);
+}
+
+OwnValue SuppliesIn(const std::vector<BYTE>& value) {
+    constexpr size_t kHeader = 2 * sizeof(uint32_t);
+    OwnValue own{.json = Json::array()};
+    for (size_t at = kHeader; at + sizeof(SupplyRecord) <= value.size(); at += sizeof(SupplyRecord)) {
+        SupplyRecord record;
+        std::memcpy(&record, &value[at], sizeof record);
+        const std::string name = FieldText(record.name), colour = FieldText(record.colour),
+                          unit = FieldText(record.unit);
+        own.json.push_back({{"name", name},
+                            {"kind", FieldText(record.kind)},
+                            {"colour", colour},
+                            {"percent", NumberOrNull(record.percent)},
+                            {"level", NumberOrNull(record.level)},
+                            {"capacity", NumberOrNull(record.capacity)},
+                            {"unit", unit}});
+        const std::string level = record.percent >= 0 ? std::to_string(record.percent) + " %"
+                                  : record.level >= 0 ? std::to_string(record.level) + " " + unit
+                                                      : "not known";
+        own.text += (own.text.empty() ? "" : "\n") + name + (colour.empty() ? "" : " (" + colour + ")") + ": " + level;
+    }
+    if (own.text.empty()) own.text = "none";
+    return own;
+}
+
+} // namespace
+
+std::optional<DeviceRecord> ReadDeviceState(const std::string& printer) {
+    return ParseDeviceRecord(ReadStored(printer, kDeviceVariable));
+}
+
+std::optional<OwnValue> ReadOwnVariable(const std::string& printer, const std::string& variable) {
+    const std::vector<BYTE> value = ReadStored(printer, variable.c_str());
+    if (value.empty()) return std::nullopt;
+    if (variable == kSuppliesVariable) return SuppliesIn(value);
+    const std::optional<DeviceRecord> device = ParseDeviceRecord(value);
+    return device ? std::optional(OwnValue{DeviceJson(*device), DeviceText(*device)}) : std::nullopt;
 }
 
 std::optional<DeviceRecord> ParseDeviceRecord(const std::vector<uint8_t>& value) {

@@ -7,6 +7,7 @@
 
 #include "product/device_record.h"
 #include "product/meanings.h"
+#include "product/supplies_record.h"
 
 #include <optional>
 #include <string>
@@ -17,6 +18,15 @@ std::optional<DeviceRecord> ReadDeviceState(const std::string& printer);
 
 // The record in a value of the variable; none: it is not one.
 std::optional<DeviceRecord> ParseDeviceRecord(const std::vector<uint8_t>& value);
+
+// The product's own variables of a printer with a device, which no catalogue has.
+inline constexpr const char* kOwnVariables[] = {kDeviceVariable, kSuppliesVariable};
+// One of them in JSON, and on a line for each entry. Nothing: the printer has none.
+struct OwnValue {
+    Json json;
+    std::string text;
+};
+std::optional<OwnValue> ReadOwnVariable(const std::string& printer, const std::string& variable);
 
 // Of a time (UTC) that is not all zero.
 std::optional<uint64_t> AgeMs(const SYSTEMTIME& time);

@@ -95,6 +95,8 @@ Exit PrintersCommand() {
         const std::string script = ToUtf8(ScriptOf(printer)), device = ToUtf8(WithoutSecrets(printer.device));
         const bool network = !printer.device.empty() && script.empty();
         const std::optional<DeviceRecord> state = network ? ReadDeviceState(printer.name) : std::nullopt;
+        const std::optional<OwnValue> supplies =
+            network ? ReadOwnVariable(printer.name, kSuppliesVariable) : std::nullopt;
         const auto side = std::find_if(sides.begin(), sides.end(), [&](const PrinterSideState& candidate) {
             return candidate.printer == printer.name;
         });
@@ -105,6 +107,7 @@ Exit PrintersCommand() {
                         {"script", script},
                         {"device", device},
                         {"deviceState", state ? DeviceJson(*state) : Json(nullptr)},
+                        {"supplies", supplies ? supplies->json : Json::array()},
                         {"inSpooler", printer.inSpooler},
                         {"inRegistry", printer.inRegistry},
                         {"printerSide", side == sides.end() ? Json(nullptr) : SideJson(*side)}});

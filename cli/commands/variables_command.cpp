@@ -6,6 +6,7 @@
 #include "base/opened_printer.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -61,6 +62,16 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
         table.rows.push_back({Printable(name), TypeName(variable.type), SizeText(variable), written, meaning, shown});
         list.push_back(std::move(json));
     }
+    for (const std::string name : kOwnVariables) {
+        const auto matches = [&](const std::string& pattern) { return MatchesPattern(pattern, name); };
+        if (!patterns.empty() && std::none_of(patterns.begin(), patterns.end(), matches)) continue;
+        const std::optional<OwnValue> own = ReadOwnVariable(RequireAnsi(printer.shownName, "the printer name"), name);
+        if (!own || FindVariable(printer.variables, name) != nullptr) continue;
+        list.push_back({{"name", name}, {"source", "printer side"}, {"value", own->json}});
+        std::string line = own->text;
+        std::replace(line.begin(), line.end(), '\n', ',');
+        table.rows.push_back({name, "-", "-", "", "", line});
+    }
     const bool none = list.empty();
     if (missing)
         PrintError({Exit::Done, "variables of the model are missing from the database of \"" + printer.shownName + "\"",
@@ -79,6 +90,18 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
 
 namespace {
 
+// Of a variable that is in no catalogue. False: it is none of the product's own either, or the printer has none.
+bool GetOwn(const OpenedPrinter& printer, const std::string& name, bool bare, Json& json) {
+    if (std::find(std::begin(kOwnVariables), std::end(kOwnVariables), name) == std::end(kOwnVariables) ||
+        FindVariable(printer.variables, name) != nullptr)
+        return false;
+    const std::optional<OwnValue> own = ReadOwnVariable(RequireAnsi(printer.shownName, "the printer name"), name);
+    if (!own) return false;
+    json = {{"name", name}, {"source", "printer side"}, {"value", own->json}};
+    if (!g_output.json) PrintLine(bare ? own->text : Styled(name, Style::Name) + ":\n" + own->text);
+    return true;
+}
+
 // Runs `one` for each name. A failure is reported and the others still run. The exit code is that of the first failure.
 template <typename One>
 Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names, const char* verb, One one) {
@@ -86,9 +109,12 @@ Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names
     Json list = Json::array();
     for (const std::string& name : names) {
         try {
-            const Variable& variable = FindNamed(printer, name, verb);
-            Json json = VariableJson(variable);
-            one(variable, json);
+            Json json;
+            if (std::strcmp(verb, "read") != 0 || !GetOwn(printer, name, names.size() == 1, json)) {
+                const Variable& variable = FindNamed(printer, name, verb);
+                json = VariableJson(variable);
+                one(variable, json);
+            }
             list.push_back(std::move(json));
         } catch (const Failure& failure) {
             if (Aborts(failure)) throw;

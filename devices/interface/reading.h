@@ -30,6 +30,10 @@ struct Tray {
 struct Supply {
     std::string name{};
     std::string kind{}; // "toner", "ink", "wasteToner"
+    std::string colour{};
+    std::string unit{}; // of the next two: "percent", "impressions"
+    int32_t level = kNotKnown;
+    int32_t capacity = kNotKnown;
     int32_t percent = kNotKnown;
 };
 

@@ -221,19 +221,30 @@ std::vector<Supply> ReadSupplies(ipp_t* message) {
     std::vector<Supply> supplies;
     const std::vector<std::string> names = TextsOf(message, "printer-supply-description", kSuppliesMax);
     for (const std::string& text : TextsOf(message, "printer-supply", kSuppliesMax)) {
+        const int32_t level = ToNumber(FieldOf(text, "level")), capacity = ToNumber(FieldOf(text, "maxcapacity"));
         Supply supply{.kind = std::string(FieldOf(text, "type")),
-                      .percent = PercentOf(ToNumber(FieldOf(text, "level")), ToNumber(FieldOf(text, "maxcapacity")),
-                                           FieldOf(text, "unit"))};
+                      .colour = std::string(FieldOf(text, "colorantname")),
+                      .unit = std::string(FieldOf(text, "unit")),
+                      .level = std::max(level, kNotKnown),
+                      .capacity = std::max(capacity, kNotKnown),
+                      .percent = PercentOf(level, capacity, FieldOf(text, "unit"))};
         if (supplies.size() < names.size()) supply.name = names[supplies.size()];
         supplies.push_back(std::move(supply));
     }
     if (!supplies.empty()) return supplies;
     const std::vector<std::string> types = TextsOf(message, "marker-types", kSuppliesMax);
+    const std::vector<std::string> colours = TextsOf(message, "marker-colors", kSuppliesMax);
     const std::vector<int32_t> levels = NumbersOf(message, "marker-levels");
     for (const std::string& name : TextsOf(message, "marker-names", kSuppliesMax)) {
         Supply supply{.name = name};
         if (supplies.size() < types.size()) supply.kind = types[supplies.size()];
+        if (supplies.size() < colours.size()) supply.colour = colours[supplies.size()];
         if (supplies.size() < levels.size()) supply.percent = PercentOf(levels[supplies.size()], 100, "percent");
+        if (supply.percent >= 0) {
+            supply.unit = "percent";
+            supply.level = supply.percent;
+            supply.capacity = 100;
+        }
         supplies.push_back(std::move(supply));
     }
     return supplies;

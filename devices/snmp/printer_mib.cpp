@@ -48,6 +48,9 @@ const ObjectId kOutputName = Mib({43, 9, 2, 1, 7});
 const ObjectId kCounterUnit = Mib({43, 10, 2, 1, 3});
 const ObjectId kLifeCount = Mib({43, 10, 2, 1, 4});
 const ObjectId kColorants = Mib({43, 10, 2, 1, 6});
+const ObjectId kSupplyColorant = Mib({43, 11, 1, 1, 3});
+const ObjectId kSupplyType = Mib({43, 11, 1, 1, 5});
+const ObjectId kColorantValue = Mib({43, 12, 1, 1, 4});
 const ObjectId kSupplyText = Mib({43, 11, 1, 1, 6});
 const ObjectId kSupplyUnit = Mib({43, 11, 1, 1, 7});
 const ObjectId kSupplyCapacity = Mib({43, 11, 1, 1, 8});
@@ -72,6 +75,26 @@ constexpr int64_t kManualFeed = 5;
 constexpr int64_t kLongEdgeDuplex = 3, kShortEdgeDuplex = 4;
 constexpr int64_t kCritical = 3, kWarning = 4;
 constexpr uint32_t kAlertPowerSaver = 23;
+
+struct Word {
+    int64_t number;
+    const char* word;
+};
+// prtMarkerSuppliesType and prtMarkerSuppliesSupplyUnit, RFC 3805.
+constexpr Word kSupplyKinds[] = {{3, "toner"},           {4, "wasteToner"}, {5, "ink"},    {6, "inkCartridge"},
+                                 {7, "inkRibbon"},       {8, "wasteInk"},   {9, "opc"},    {10, "developer"},
+                                 {11, "fuserOil"},       {14, "wasteWax"},  {15, "fuser"}, {20, "transferUnit"},
+                                 {21, "tonerCartridge"}, {32, "staples"}};
+constexpr Word kSupplyUnits[] = {{7, "impressions"},          {8, "sheets"},         {11, "hours"},
+                                 {12, "thousandthsOfOunces"}, {13, "tenthsOfGrams"}, {14, "hundrethsOfFluidOunces"},
+                                 {15, "tenthsOfMilliliters"}, {18, "items"},         {19, "percent"}};
+
+template <size_t count>
+std::string WordOf(const Word (&words)[count], int64_t number) {
+    for (const Word& row : words)
+        if (row.number == number) return row.word;
+    return "";
+}
 
 using Values = std::map<ObjectId, AgentValue>;
 
@@ -190,15 +213,23 @@ bool PrinterMib::ReadTables(Agent& agent, Reading* reading) {
                                   .hasSome = level == kSomeLeft || level > 0,
                                   .feed = NumberIn(types, index) == kManualFeed ? Feed::Manual : Feed::Tray});
     }
-    Values supplyLevels, supplyCapacities, units, texts;
+    Values supplyLevels, supplyCapacities, units, texts, kinds, colorants, colours;
     if (!walk(kSupplyLevel, &supplyLevels) || !walk(kSupplyCapacity, &supplyCapacities) || !walk(kSupplyUnit, &units) ||
-        !walk(kSupplyText, &texts))
+        !walk(kSupplyText, &texts) || !walk(kSupplyType, &kinds) || !walk(kSupplyColorant, &colorants) ||
+        !walk(kColorantValue, &colours))
         return false;
     for (const auto& [index, value] : supplyLevels) {
         if (reading->supplies.size() == kSuppliesMax) break;
         const int64_t level = value.isNumber ? value.number : kNotKnown;
-        const int64_t capacity = NumberIn(units, index) == kPercent ? 100 : NumberIn(supplyCapacities, index);
-        Supply supply{.name = TextIn(texts, index)};
+        const int64_t unit = NumberIn(units, index);
+        const int64_t capacity = unit == kPercent ? 100 : NumberIn(supplyCapacities, index);
+        Supply supply{.name = TextIn(texts, index),
+                      .kind = WordOf(kSupplyKinds, NumberIn(kinds, index)),
+                      .unit = WordOf(kSupplyUnits, unit),
+                      .level = Known(level),
+                      .capacity = Known(capacity)};
+        if (const int64_t colorant = NumberIn(colorants, index); colorant > 0 && colorant <= kMostNumber)
+            supply.colour = TextIn(colours, {static_cast<uint32_t>(colorant)});
         if (level >= 0 && level <= kMostNumber && capacity > 0)
             supply.percent = static_cast<int32_t>(std::min<int64_t>(level * 100 / capacity, 100));
         reading->supplies.push_back(std::move(supply));

@@ -32,6 +32,13 @@ TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
         OrielText({"get", "Lab", "ErrPaperJam", "PageCount"}).find("ErrPaperJam: 2; paper jam, from the device, "),
         std::string::npos);
     EXPECT_EQ(OrielText({"get", "Lab", "ErrPaperJam"}), "2") << "bare for scripts";
+    const Json supplies = ValueOf("Lab", "DeviceSupplies");
+    EXPECT_EQ(OrielJson({"printers"})["printers"][0]["supplies"], supplies);
+    const std::string names = printer.Attribute("printer-supply-description");
+    ASSERT_FALSE(supplies.empty());
+    for (const Json& supply : supplies)
+        EXPECT_NE(names.find(supply["name"]), std::string::npos) << supply << names;
+    EXPECT_NE(OrielText({"vars", "Lab", "Device*"}).find("DeviceSupplies"), std::string::npos);
 
     // It dies: what was read is stale, and the state says why.
     printer.Process().Kill();

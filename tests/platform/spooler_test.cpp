@@ -65,7 +65,8 @@ TEST(Spooler, WhatCannotBeIsRefused) {
     DWORD needed = 0, returned = 0;
     HANDLE printer = nullptr;
     EXPECT_FAILS(EnumPrintersA(PRINTER_ENUM_LOCAL, nullptr, 1, nullptr, 0, &needed, &returned), ERROR_INVALID_LEVEL);
-    EXPECT_FAILS(EnumPrintersA(0x40, nullptr, 2, nullptr, 0, &needed, &returned), ERROR_INVALID_FLAGS);
+    EXPECT_FAILS(EnumPrintersA(PRINTER_ENUM_NETWORK | PRINTER_ENUM_LOCAL, nullptr, 2, nullptr, 0, &needed, &returned),
+                 ERROR_INVALID_FLAGS);
     EXPECT_EQ(Open(longest, &printer, 0x80), DWORD{ERROR_ACCESS_DENIED}); // no such right
 }
 

@@ -5,7 +5,9 @@
 
 #include "product/conditions.h"
 #include "product/device_record.h"
+#include "product/supplies_record.h"
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -39,6 +41,9 @@ const Objects kIdle = {
     {"43.10.2.1.3.4.1", "integer 7"},
     {"43.10.2.1.4.4.1", "counter 4711"},
     {"43.10.2.1.6.4.1", "integer 4"},
+    {"43.11.1.1.3.4.1", "integer 1"},
+    {"43.11.1.1.5.4.1", "integer 3"},
+    {"43.12.1.1.4.4.1", "string black"},
     {"43.11.1.1.6.4.1", "string Black toner"},
     {"43.11.1.1.7.4.1", "integer 19"},
     {"43.11.1.1.8.4.1", "integer -2"},
@@ -136,6 +141,15 @@ TEST(SnmpDevice, RecordedStatesAreUnderstood) {
                                                           1,    0, 1,    0, 9, 0, 1, 2, 100, 0, 0, 0, // A4, 100 sheets
                                                           0xE9, 3, 0xE9, 3, 0, 0, 1, 2, 0,   0, 0, 0})) // at least one
         << "no -2 or -3 becomes a number";
+
+    const Bytes supplies = printer.database.Value(kSuppliesVariable);
+    SupplyRecord supply{};
+    ASSERT_EQ(supplies.size(), 8 + sizeof supply);
+    std::memcpy(&supply, &supplies[8], sizeof supply);
+    EXPECT_EQ(std::string(supply.name) + " " + supply.kind + " " + supply.colour + " " + supply.unit,
+              "Black toner toner black percent");
+    EXPECT_EQ(supply.percent, 37);
+    EXPECT_EQ(supply.capacity, 100) << "of a percentage";
 
     struct Row {
         const char* name;
