@@ -26,7 +26,7 @@ _oriel() {
     local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} section
     local -a command=("$1") rest=()
     local i place commands
-    local with_value='--(script|file|token-file|ca-file|cert-file|key-file|password-file|listen|listen-port|host|machine|prefix|broker-user|accept-commands|by|type|kind|user|timeout|until|driver|port|title|scope|since)'
+    local with_value='--(script|file|token-file|ca-file|cert-file|key-file|password-file|listen|listen-port|host|machine|prefix|broker-user|accept-commands|by|type|kind|user|timeout|until|driver|port|title|scope|since|device)'
     COMPREPLY=()
 
     # First commands and subcommands, then their arguments.
@@ -52,7 +52,7 @@ _oriel() {
     --by) _oriel_offer <<<$'event\nmessage\ncallback' ; return ;;
     --scope) _oriel_offer <<<$'system\nuser' ; return ;;
     --type) _oriel_offer <<<$'sz\nexpand\nmulti\ndword\nqword\nbinary\nnone' ; return ;;
-    --kind | --user | --timeout | --until | --driver | --port | --title | --listen | --since | --listen-port | --host | --machine | --prefix | --broker-user | --accept-commands) return ;;
+    --kind | --user | --timeout | --until | --driver | --port | --title | --listen | --since | --listen-port | --host | --machine | --prefix | --broker-user | --accept-commands | --device) return ;;
     esac
     if [[ $word == -* ]]; then
         section=Options
@@ -75,7 +75,7 @@ _oriel() {
     config)
         [[ ${#rest[@]} -gt 0 ]] || _oriel_offer < <(_oriel_names "$program" config)
         ;;
-    reg* | "printers add" | up | status | top | serve | bridge* | fleet*) ;;
+    reg* | "printers add" | "printers discover" | up | status | top | serve | bridge* | fleet*) ;;
     *)
         if [[ ${#rest[@]} -eq 1 && ${command[1]} =~ ^(print|record)$ ]]; then
             compopt -o filenames

@@ -5,6 +5,7 @@
 #include "device.h"
 #include "spool.h"
 
+#include "product/growing_reads.h"
 #include "product/log.h"
 #include "product/variable_names.h"
 
@@ -202,7 +203,9 @@ bool OpenManager(Taker& taker) {
 bool LookIntoSpool(Taker& taker) {
     if (taker.changes != INVALID_HANDLE_VALUE)
         FindNextPrinterChangeNotification(taker.changes, nullptr, nullptr, nullptr);
-    std::optional<std::vector<SpooledJob>> spooled = ListSpooledJobs(taker.printer);
+    // A print server has the job that it prints among the first.
+    const DWORD most = taker.jobs.duty == JobDuty::Follow ? DWORD{kSpoolerQueueMax + kInPrinterMax} : kAllJobs;
+    std::optional<std::vector<SpooledJob>> spooled = ListSpooledJobs(taker.printer, most);
     taker.blind = !spooled;
     // A print server may get the printer back.
     if (!spooled) return GetLastError() != ERROR_PRINTER_DELETED || taker.jobs.duty == JobDuty::Follow;
@@ -397,8 +400,9 @@ DWORD WINAPI TakeJobs(LPVOID parameter) {
     const DWORD changes = BeginChanges(taker);
     if (changes == ERROR_NOT_SUPPORTED && taker.jobs.duty == JobDuty::Follow)
         product::Log(product::LogLevel::Warning,
-                     taker.jobs.printer + ": the print server tells no changes, since the program oriel-events is not in its "
-                                          "folder of notifiers; it is asked every 2 s");
+                     taker.jobs.printer +
+                         ": the print server tells no changes, since the program oriel-events is not in its "
+                         "folder of notifiers; it is asked every 2 s");
     if (changes != ERROR_NOT_SUPPORTED || taker.jobs.duty == JobDuty::Follow) TakeUntilStopped(taker);
     if (taker.manager && (taker.sending || !taker.inPrinter.empty())) ReportNothing(taker);
     CloseOwnManager(taker);

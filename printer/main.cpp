@@ -204,9 +204,7 @@ std::string DeviceOfQueue(const std::string& device, DWORD limitMs) {
     if (scheme == "ipp" || scheme == "ipps") return uri.substr(0, uri.find('?'));
     if (scheme != "socket" && scheme != "lpd") return device;
     // It has no way to tell anything; SNMP beside it may.
-    std::string name = uri.substr(host + 3, uri.find_first_of("/?", host + 3) - host - 3);
-    if (!name.ends_with(']')) name = name.substr(0, name.rfind(':'));
-    NetworkPrinter agent{.uri = "snmp://" + name};
+    NetworkPrinter agent{.uri = "snmp://" + HostOf(uri)};
     if (!OpenNetworkPrinter(agent).empty()) return device;
     const devices::Answer answer = TryNetworkPrinter(agent, limitMs);
     CloseNetworkPrinter(agent);

@@ -4,6 +4,7 @@
 #include "printer_values.h"
 #include "text.h"
 
+#include "product/conditions.h"
 #include "product/variable_names.h"
 
 #include <tvsqdz.h>
@@ -35,6 +36,8 @@ struct Scheme {
     std::string_view name;
     const char* module;
 };
+constexpr char kCompanionModule[] = "oriel_snmp";
+constexpr char kCompanionMark[] = "?snmp";
 constexpr Scheme kSchemes[] = {
     {"ipp", "oriel_ipp"}, {"ipps", "oriel_ipp"}, {"cups", "oriel_ipp"}, {"snmp", "oriel_snmp"}};
 
@@ -161,6 +164,12 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
     }
     // Who asks gets what is read now. While it prints, its pages come without an event.
     const bool events = printer.asked.empty() && !IsBusyPrinter(printer);
+    if (printer.companion.session && !printer.companion.busy) {
+        printer.companion.busy = true;
+        printer.companion.module->ask(
+            printer.companion.session,
+            {.ask = Ask::Poll, .identity = !printer.companion.identity, .limitMs = kDeviceLimitMs});
+    }
     printer.askedAt = now;
     if (printer.link.up) printer.lateAt = now + std::max(kLateMs, 2 * printer.usualMs);
     AskModule(printer, {.ask = Ask::Poll,
@@ -217,13 +226,37 @@ bool SameValue(const DeviceValue& a, const DeviceValue& b) {
     return a.known == b.known && a.bytes == b.bytes;
 }
 
-void NoteReading(NetworkPrinter& printer, devices::Answer& answer, ULONGLONG now) {
-    if (answer.reading.identity) printer.identity = std::move(answer.reading.identity);
-    printer.reading = std::move(answer.reading);
+// What the printer itself tells goes first.
+devices::Reading Completed(const devices::Reading& own, const devices::Reading& more) {
+    constexpr uint32_t kCovers = 1u << product::kCoverBit | 1u << product::kInterlockBit;
+    devices::Reading all = own;
+    if (all.pageCount < 0) all.pageCount = more.pageCount;
+    if (all.currentFeeder < 0) all.currentFeeder = more.currentFeeder;
+    if (all.display.empty()) all.display = more.display;
+    if (all.trays.empty()) all.trays = more.trays;
+    if (all.supplies.empty()) all.supplies = more.supplies;
+    all.coverOpen = std::max(own.coverOpen, more.coverOpen);
+    all.conditions |= more.conditions & kCovers;
+    return all;
+}
+
+devices::Identity Completed(const devices::Identity& own, const devices::Identity& more) {
+    devices::Identity all = own;
+    if (all.serial.empty()) all.serial = more.serial;
+    if (all.location.empty()) all.location = more.location;
+    if (all.memoryKiB < 0) all.memoryKiB = more.memoryKiB;
+    return all;
+}
+
+void NoteReading(NetworkPrinter& printer, ULONGLONG now) {
+    const Companion& companion = printer.companion;
+    printer.reading = companion.reading ? Completed(printer.own, *companion.reading) : printer.own;
+    std::optional<devices::Identity> identity = printer.identity;
+    if (identity && companion.identity) identity = Completed(*identity, *companion.identity);
     const bool first = printer.values.size() <= 1;
     bool any = false;
-    for (DeviceValue& value : ValuesOf(printer.reading, printer.identity ? &*printer.identity : nullptr,
-                                       !printer.ofPrintServer, ShownUri(printer.uri))) {
+    for (DeviceValue& value :
+         ValuesOf(printer.reading, identity ? &*identity : nullptr, !printer.ofPrintServer, ShownUri(printer.uri))) {
         const auto old = printer.values.find(value.variable);
         if (old != printer.values.end() && SameValue(old->second, value)) continue;
         any = true;
@@ -260,7 +293,11 @@ void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
     NoteLink(printer, answer);
     if (!wasCommand && printer.link.up) NoteDuration(printer, now);
     if (!wasCommand) printer.tellsEvents = printer.link.up && answer.tellsEvents;
-    if (answer.outcome == Outcome::Answered && !wasCommand && !answer.unchanged) NoteReading(printer, answer, now);
+    if (answer.outcome == Outcome::Answered && !wasCommand && !answer.unchanged) {
+        if (answer.reading.identity) printer.identity = std::move(answer.reading.identity);
+        printer.own = std::move(answer.reading);
+        NoteReading(printer, now);
+    }
     AnswerRequests(printer, answer);
     // What a command did shows at once.
     printer.pollAt = (wasCommand || printer.again) && printer.link.up ? now : now + PauseOf(printer, now);
@@ -270,6 +307,19 @@ void TakeAnswer(NetworkPrinter& printer, ULONGLONG now) {
     for (const DeviceRequest& request : printer.waiting)
         AnswerRequest(printer, request, TVS_E_NOT_NOW);
     printer.waiting.clear();
+}
+
+// What only the companion tells is not known while it is silent.
+void TakeCompanion(NetworkPrinter& printer, ULONGLONG now) {
+    Companion& companion = printer.companion;
+    devices::Answer answer;
+    if (!companion.busy || !companion.module->take(companion.session, &answer)) return;
+    companion.busy = false;
+    const bool answered = answer.outcome == Outcome::Answered;
+    if (answered && answer.reading.identity) companion.identity = std::move(answer.reading.identity);
+    companion.reading.reset();
+    if (answered) companion.reading = std::move(answer.reading);
+    if (printer.link.up && printer.identity) NoteReading(printer, now);
 }
 
 // ---- the functions of the device
@@ -314,6 +364,7 @@ void Drop(void* self, DWORD id) {
 DeviceNews Take(void* self, ULONGLONG now) {
     NetworkPrinter& printer = PrinterOf(self);
     TakeAnswer(printer, now);
+    TakeCompanion(printer, now);
     NoteLate(printer, now);
     AskNext(printer, now);
     DeviceNews news{.changed = std::move(printer.changed), .answers = std::move(printer.answers)};
@@ -363,6 +414,14 @@ std::string UserName() {
 
 } // namespace
 
+std::string HostOf(const std::string& uri) {
+    const size_t begin = uri.find("://");
+    if (begin == uri.npos) return "";
+    std::string host = uri.substr(begin + 3, uri.find_first_of("/?", begin + 3) - begin - 3);
+    if (!host.ends_with(']')) host = host.substr(0, host.rfind(':'));
+    return host;
+}
+
 bool IsNetworkDevice(const std::string& uri) {
     return SchemeOf(uri) != nullptr;
 }
@@ -376,7 +435,20 @@ std::string OpenNetworkPrinter(NetworkPrinter& printer) {
     printer.ready = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     if (!printer.ready) return "there is no event to have, system error " + std::to_string(GetLastError());
     std::string error;
-    printer.session = printer.module->open({.uri = printer.uri, .user = UserName()}, OnFinished, printer.ready, &error);
+    const size_t mark = std::string_view(scheme->name).starts_with("ipp") ? printer.uri.find(kCompanionMark) : printer.uri.npos;
+    if (mark != printer.uri.npos) {
+        const std::string given = printer.uri.substr(mark + sizeof kCompanionMark - 1);
+        if (!given.empty() && !given.starts_with("=snmp://"))
+            return "\"?snmp" + given + "\" names no agent: ?snmp and ?snmp=snmp://HOST do";
+        printer.companion.module = LoadModule(kCompanionModule);
+        if (!printer.companion.module) return std::string("the module ") + kCompanionModule + " is not installed";
+        printer.companion.session =
+            printer.companion.module->open({.uri = given.empty() ? "snmp://" + HostOf(printer.uri) : given.substr(1)},
+                                           OnFinished, printer.ready, &error);
+        if (!printer.companion.session) return error;
+    }
+    printer.session = printer.module->open({.uri = printer.uri.substr(0, mark), .user = UserName()}, OnFinished,
+                                           printer.ready, &error);
     printer.link.device = ToAnsi(ShownUri(printer.uri));
     printer.link.answersEveryMs = printer.pollMs + kDeviceLimitMs;
     return printer.session ? "" : error;
@@ -386,6 +458,8 @@ void CloseNetworkPrinter(NetworkPrinter& printer) {
     // The event stays: a thread that is left behind may set it.
     if (printer.session) printer.module->close(printer.session);
     printer.session = nullptr;
+    if (printer.companion.session) printer.companion.module->close(printer.companion.session);
+    printer.companion.session = nullptr;
 }
 
 Device DeviceOf(NetworkPrinter& printer) {

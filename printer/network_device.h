@@ -20,8 +20,19 @@ inline constexpr DWORD kPollMaxMs = 60 * 60 * 1000;
 // For the answer to a question.
 inline constexpr DWORD kDeviceLimitMs = 5000;
 
+// An SNMP agent that is asked beside an IPP printer, for what IPP lacks.
+struct Companion {
+    const devices::Module* module = nullptr; // null: there is none
+    devices::Session* session = nullptr;
+    bool busy = false;
+    std::optional<devices::Reading> reading{}; // the last one, while it answers
+    std::optional<devices::Identity> identity{};
+};
+
 struct NetworkPrinter {
-    std::string uri; // UTF-8
+    // UTF-8. What follows "?snmp" is none of the printer's address: "?snmp" names the agent of its host as a companion,
+    // "?snmp=snmp://HOST" another one.
+    std::string uri;
     // The printer is a queue of a print server: its jobs are the server's, which tells of everything that happens.
     bool ofPrintServer = false;
     DWORD pollMs = kPollMs;
@@ -36,7 +47,9 @@ struct NetworkPrinter {
     HANDLE ready = nullptr;
     DeviceLink link{.up = false, .trouble = "the printer has not answered yet"};
     std::optional<devices::Identity> identity{};
-    devices::Reading reading{};                  // the last one
+    devices::Reading own{};     // the last one of the printer itself
+    devices::Reading reading{}; // with what the companion adds
+    Companion companion{};
     std::map<std::string, DeviceValue> values{}; // of that reading
     std::deque<DeviceRequest> waiting{};         // requests that no question was asked for yet
     std::vector<DeviceRequest> asked{};          // those that the question in progress answers
@@ -53,6 +66,9 @@ struct NetworkPrinter {
     std::vector<DeviceValue> changed{};
     std::vector<DeviceAnswer> answers{};
 };
+
+// "printer" of "ipp://printer:631/ipp/print"; an IPv6 address keeps its brackets. Empty: the address has none.
+std::string HostOf(const std::string& uri);
 
 // "ipp", "ipps", "snmp", "cups"; false: no module has such devices.
 bool IsNetworkDevice(const std::string& uri);

@@ -52,14 +52,14 @@ SIZE_T PagesOfText(std::string_view text) {
 
 } // namespace
 
-std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer) {
+std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer, DWORD most) {
     std::vector<BYTE> buffer;
     DWORD count = 0;
     const auto grow = [&](DWORD size) {
         buffer.resize(size);
         return buffer.data();
     };
-    if (!ReadJobs(printer, grow, &count)) return std::nullopt;
+    if (!ReadJobs(printer, grow, &count, most)) return std::nullopt;
     std::vector<SpooledJob> jobs;
     const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer.data());
     for (DWORD i = 0; i < count; ++i)

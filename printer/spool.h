@@ -19,8 +19,8 @@ struct SpooledJob {
     std::string owner;
 };
 
-// In the order of the queue; nothing when they cannot be listed.
-std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer);
+// The first ones in the order of the queue; nothing when they cannot be listed.
+std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer, DWORD most);
 
 // How many pages a job's document has, 1 to 10,000; nothing when this user may not read it. The pages of a PDF document
 // are counted, those of PostScript are what its comments say. Everything else is text, with 66 lines a page or a form

@@ -214,10 +214,12 @@ DWORD ReadPrinter(const PrintServerCall& call, const std::string& name, Printer*
     return unknown ? DWORD{ERROR_INVALID_PRINTER_NAME} : error;
 }
 
-DWORD ListJobs(const PrintServerCall& call, const std::string& name, std::vector<Job>* jobs) {
+DWORD ListJobs(const PrintServerCall& call, const std::string& name, DWORD most, std::vector<Job>* jobs) {
     Connection connection(call);
     Message request = connection.Request(IPP_OP_GET_JOBS, name.c_str());
     ippAddString(request.get(), IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "which-jobs", nullptr, "not-completed");
+    if (most <= INT32_MAX)
+        ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "limit", static_cast<int>(most));
     AskFor(request, kJobAttributes);
     ipp_status_t status{};
     const Message answer = connection.Ask(std::move(request), &status);
@@ -346,7 +348,7 @@ constexpr PrintServerModule kModule{
     .size = sizeof(PrintServerModule),
     .listPrinters = Only<ListPrinters, const PrintServerCall&, std::vector<Printer>*>,
     .readPrinter = Only<ReadPrinter, const PrintServerCall&, const std::string&, Printer*>,
-    .listJobs = Only<ListJobs, const PrintServerCall&, const std::string&, std::vector<Job>*>,
+    .listJobs = Only<ListJobs, const PrintServerCall&, const std::string&, DWORD, std::vector<Job>*>,
     .changeJob = Only<ChangeJob, const PrintServerCall&, const std::string&, DWORD, JobCommand>,
     .discover = Only<Discover, const PrintServerCall&, std::vector<Printer>*>,
     .watch = Only<WatchPrinters, const PrintServerCall&, void (*)(void*), void*, void**>,

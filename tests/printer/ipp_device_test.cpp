@@ -11,6 +11,8 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <random>
 #include <unistd.h>
 
@@ -502,6 +504,53 @@ TEST(IppDevice, HostileAnswersAreToldAndSurvived) {
     EXPECT_EQ(DirectRead(database, "PageCount"), -50);
     side.Terminate();
     EXPECT_EQ(side.Wait(), 0);
+}
+
+TEST(IppDevice, WritesAreOperationsOfThePrinter) {
+    constexpr char kSetAttributes = 0x13, kIdentify = 0x3C;
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    std::mutex lock;
+    std::map<char, std::string> requests; // the last of each operation
+    FakePrinter printer;
+    const auto answers = [&](const std::string& more) {
+        printer.Answer([&, more](const std::string& request) {
+            const std::lock_guard hold(lock);
+            requests[request[3]] = request;
+            return FakeAnswer{Http(Body(request, Healthy() + more))};
+        });
+    };
+    answers(Integer('\x23', "operations-supported", kIdentify) + Integer('\x23', "", kSetAttributes));
+    TestProcess side = StartDevice(printer.Uri());
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    struct Row {
+        const char* variable;
+        size_t size;
+        char operation;
+        std::string sent;
+    };
+    const Row rows[] = {{"PrinterDisplay", 132, kIdentify, Attribute('\x41', "message", "here I am")},
+                        {"PrinterLocation", 260, kSetAttributes, Attribute('\x41', "printer-location", "here I am")}};
+    for (const Row& row : rows) {
+        Bytes text = BytesOf("here I am");
+        text.resize(row.size);
+        EXPECT_EQ(database.Add(row.variable + std::string("W"), kTypeRecord, text), kDone);
+        EXPECT_EQ(DirectWrite(database, row.variable, text), 0) << row.variable;
+        const std::lock_guard hold(lock);
+        EXPECT_NE(requests[row.operation].find(row.sent), std::string::npos) << row.variable;
+    }
+    // Another printer, which has neither: nothing is sent.
+    requests.clear();
+    answers("");
+    side.Terminate();
+    side.Wait();
+    side = StartDevice(printer.Uri());
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    for (const Row& row : rows) {
+        EXPECT_EQ(DirectWrite(database, row.variable, Bytes(row.size)), -50) << row.variable;
+        const std::lock_guard hold(lock);
+        EXPECT_FALSE(requests.contains(row.operation));
+    }
 }
 
 TEST(IppDevice, WrongAddressesAreRefusedAndTheDeviceIsTried) {

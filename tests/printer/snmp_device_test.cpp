@@ -7,10 +7,18 @@
 #include "product/device_record.h"
 #include "product/supplies_record.h"
 
+#include <arpa/inet.h>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <netinet/in.h>
+#include <poll.h>
+#include <random>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -97,6 +105,7 @@ public:
         file.close();
         std::filesystem::rename(m_folder + "/new", m_folder + "/mib");
     }
+    int Port() const { return m_port; }
     std::string Uri(const std::string& more = "") const { return "snmp://127.0.0.1:" + std::to_string(m_port) + more; }
 
 private:
@@ -225,6 +234,82 @@ TEST(SnmpDevice, EachBitAndEachAlertHasItsCondition) {
     agent.Tell(Changed(silent));
     EXPECT_EQ(printer.Read(), 0);
     EXPECT_EQ(printer.Number("PrinterStatus2"), 1u);
+}
+
+TEST(SnmpDevice, HostileAgentsAreSurvived) {
+    PrinterAgent agent;
+    Watched printer(agent.Uri());
+    // Types that the objects do not have, texts beyond all fields, tables without end.
+    Objects hostile = Changed({{"25.3.5.1.2.4", "integer 5"},
+                               {"25.3.2.1.5.4", "string down"},
+                               {"43.5.1.1.17.4", "string \x1B[2J" + std::string(2000, 'x')},
+                               {"43.8.2.1.10.4.1", "string many"},
+                               {"43.8.2.1.9.4.1", "counter 4294967295"},
+                               {"43.10.2.1.4.4.1", "objectid .1.3"},
+                               {"43.11.1.1.9.4.1", "integer -2147483648"},
+                               {"43.11.1.1.3.4.1", "integer 999999"}});
+    for (int row = 2; row < 900; ++row) {
+        hostile["43.8.2.1.10.4." + std::to_string(row)] = "integer 2147483647";
+        hostile["43.18.1.1.7.4." + std::to_string(row)] = "integer " + std::to_string(row);
+    }
+    agent.Tell(hostile);
+    printer.Read(); // such an agent may be too slow to be read at all
+    ASSERT_TRUE(printer.side.Running());
+    agent.Tell(kIdle);
+    EXPECT_TRUE(WaitUntil([&] { return printer.Read() == 0 && printer.Text("ServiceTag") == "SN-12345"; }, 20000));
+    EXPECT_EQ(printer.Number("PageCount"), 4711u);
+    EXPECT_EQ(printer.Number("PrinterStatus2"), 0u);
+
+    // One that answers with what was sent, with bytes changed, cut short, or with nothing but noise.
+    agent.End();
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(agent.Port()))};
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    std::atomic<bool> over = false;
+    std::atomic<int> answered = 0;
+    std::thread fake([&] {
+        std::mt19937 random(17);
+        char bytes[4096];
+        while (!over) {
+            sockaddr_in from{};
+            socklen_t size = sizeof from;
+            pollfd ready{socket, POLLIN, 0};
+            if (poll(&ready, 1, 50) <= 0) continue;
+            ssize_t length = recvfrom(socket, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr*>(&from), &size);
+            if (length <= 0) continue;
+            for (ssize_t at = 0; at < length; ++at)
+                if (bytes[at] == '\xA0' || bytes[at] == '\xA1' || bytes[at] == '\xA5') bytes[at] = '\xA2';
+            for (unsigned wrong = random() % 6; wrong > 0; --wrong)
+                bytes[random() % static_cast<unsigned>(length)] = static_cast<char>(random());
+            if (random() % 4 == 0) length = static_cast<ssize_t>(random() % static_cast<unsigned>(length));
+            sendto(socket, bytes, static_cast<size_t>(length), 0, reinterpret_cast<const sockaddr*>(&from), size);
+            ++answered;
+        }
+    });
+    for (int round = 0; round < 10; ++round)
+        printer.Read();
+    EXPECT_GT(answered, 10);
+    over = true;
+    fake.join();
+    close(socket);
+    ASSERT_TRUE(printer.side.Running());
+    agent.Start();
+    EXPECT_TRUE(WaitUntil([&] { return printer.Read() == 0 && printer.Number("PageCount") == 4711u; }, 20000));
+}
+
+TEST(SnmpDevice, AddsToAnIppPrinterWhatThatLacks) {
+    PrinterAgent agent;
+    IppPrinter ipp;
+    const Watched printer(ipp.Uri() + "?snmp=" + agent.Uri());
+    EXPECT_TRUE(WaitUntil([&] { return printer.Text("ServiceTag") == "SN-12345"; }));
+    EXPECT_EQ(printer.Text("PrinterModel"), "Laser 7") << "what the printer itself tells goes first";
+    EXPECT_NE(printer.Number("PrinterMemory"), 0xFFFFFFFFu);
+    agent.Tell(Changed({{"43.6.1.1.3.4.1", "integer 3"}}));
+    EXPECT_TRUE(WaitUntil([&] { return printer.Read() == 0 && printer.Number("ErrCoverOpen") == 1; }));
+    agent.End(); // what only it told is not known any more; the rest goes on
+    EXPECT_TRUE(WaitUntil([&] { return printer.Read() == 0 && printer.Number("ErrCoverOpen") == 0; }, 20000));
+    EXPECT_EQ(printer.Number("PrinterStatus"), 0u);
 }
 
 TEST(SnmpDevice, VersionsCredentialsAndSilence) {

@@ -63,8 +63,8 @@ struct SpoolerBackEnd {
     DWORD (*findPrinter)(const std::string& name, PrinterKey* key);
     // ERROR_PRINTER_DELETED, here and below: the printer is gone.
     DWORD (*readPrinter)(const PrinterKey& key, Printer* printer);
-    // In queue order.
-    DWORD (*listJobs)(const PrinterKey& key, std::vector<Job>* jobs);
+    // In queue order. most: how many are wanted; there may be more.
+    DWORD (*listJobs)(const PrinterKey& key, DWORD most, std::vector<Job>* jobs);
     // ERROR_INVALID_PARAMETER: the printer has no such job. ERROR_ACCESS_DENIED: not allowed to the thread's user.
     DWORD (*changeJob)(const PrinterKey& key, DWORD job, JobCommand command);
 };

@@ -128,7 +128,7 @@ DWORD ReadKnown(const PrinterKey& key, Printer* printer) {
     return error == ERROR_FILE_NOT_FOUND ? ERROR_PRINTER_DELETED : error;
 }
 
-DWORD ListJobsOf(const PrinterKey& key, std::vector<Job>* jobs) {
+DWORD ListJobsOf(const PrinterKey& key, DWORD, std::vector<Job>* jobs) {
     Printer printer;
     const DWORD error = ReadKnown(key, &printer);
     return error == ERROR_SUCCESS ? ListJobFiles(key.id, jobs) : error;

@@ -149,7 +149,8 @@ BOOL WINAPI EnumJobsA(HANDLE printer, DWORD first, DWORD count, DWORD level, LPB
         *returned = 0;
         if (level != 1) return ERROR_INVALID_LEVEL;
         std::vector<Job> jobs;
-        DWORD error = open->backEnd->listJobs(open->key, &jobs);
+        DWORD error =
+            open->backEnd->listJobs(open->key, count < UINT32_MAX - first ? first + count : UINT32_MAX, &jobs);
         if (error != ERROR_SUCCESS) return error;
         const size_t begin = std::min<size_t>(first, jobs.size());
         const std::span<const Job> asked(jobs.data() + begin, std::min<size_t>(count, jobs.size() - begin));

@@ -151,9 +151,9 @@ DWORD ReadKnownServerPrinter(const PrinterKey& key, Printer* printer) {
     return error == ERROR_INVALID_PRINTER_NAME ? ERROR_PRINTER_DELETED : error;
 }
 
-DWORD ListServerJobs(const PrinterKey& key, std::vector<Job>* jobs) {
+DWORD ListServerJobs(const PrinterKey& key, DWORD most, std::vector<Job>* jobs) {
     const DWORD error = AskServer([&](const PrintServerModule& module, const PrintServerCall& how) {
-        return module.listJobs(how, AnsiToUtf8(key.name), jobs);
+        return module.listJobs(how, AnsiToUtf8(key.name), most, jobs);
     });
     for (Job& job : *jobs)
         ToAnsi(&job);

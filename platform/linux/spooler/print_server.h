@@ -40,7 +40,7 @@ struct PrintServerModule {
     DWORD (*listPrinters)(const PrintServerCall& call, std::vector<Printer>* printers);
     // ERROR_INVALID_PRINTER_NAME.
     DWORD (*readPrinter)(const PrintServerCall& call, const std::string& name, Printer* printer);
-    DWORD (*listJobs)(const PrintServerCall& call, const std::string& name, std::vector<Job>* jobs);
+    DWORD (*listJobs)(const PrintServerCall& call, const std::string& name, DWORD most, std::vector<Job>* jobs);
     DWORD (*changeJob)(const PrintServerCall& call, const std::string& name, DWORD job, JobCommand command);
     // The server's printers, and those that announce themselves in the network.
     DWORD (*discover)(const PrintServerCall& call, std::vector<Printer>* printers);

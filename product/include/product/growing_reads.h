@@ -38,11 +38,12 @@ bool ReadSpoolerRecords(Grow grow, Call call) {
     return ReadWhileItGrows(attempt) == ReadAttempt::Done;
 }
 
-// All jobs of a printer as JOB_INFO_1A records, *count of them, in the order of its queue.
+inline constexpr DWORD kAllJobs = 0xFFFFFFFF;
+
+// The first jobs of a printer as JOB_INFO_1A records, *count of them, in the order of its queue.
 template <typename Grow>
-bool ReadJobs(HANDLE printer, Grow grow, DWORD* count) {
-    constexpr DWORD kAllJobs = 0xFFFFFFFF;
+bool ReadJobs(HANDLE printer, Grow grow, DWORD* count, DWORD most = kAllJobs) {
     return ReadSpoolerRecords(grow, [&](BYTE* room, DWORD size, DWORD* needed) {
-        return EnumJobsA(printer, 0, kAllJobs, 1, room, size, needed, count);
+        return EnumJobsA(printer, 0, most, 1, room, size, needed, count);
     });
 }
