@@ -175,7 +175,12 @@ std::vector<uint32_t> StatusWords(const Patient& patient) {
 }
 
 Finding CheckState(Patient& patient) {
-    if (!patient.opened) return Skipped(kNoService);
+    if (!patient.serviceAnswers) return Skipped(kNoService);
+    try {
+        patient.opened = OpenPrinterOf({.printer = patient.name});
+    } catch (const Failure& failure) {
+        return Bad(FailureLine(failure), failure.next.empty() ? "see 'oriel status'" : failure.next);
+    }
     const std::vector<uint32_t> words = StatusWords(patient);
     constexpr uint32_t kBad = product::kStatusError | product::kStatusNoAnswer | product::kStatusAcceptsNoJobs;
     constexpr size_t kCauseAt = 1;
@@ -190,19 +195,18 @@ Finding CheckState(Patient& patient) {
 // ---- the user
 
 Finding CheckRights(Patient& patient) {
-    if (!patient.serviceAnswers) return Skipped(kNoService);
-    try {
-        patient.opened = OpenPrinterOf({.printer = patient.name});
-    } catch (const Failure& failure) {
-        return Bad(FailureLine(failure), failure.next.empty() ? "see 'oriel status'" : failure.next);
-    }
+    if (!patient.opened) return Skipped(kNoService);
+    const Bytes list = ServiceDatabase(*patient.opened, "cannot read the rights").TryRead(names::kAccessControlList);
+    constexpr size_t kNoEntries = 2 * sizeof(uint32_t);
+    if (list.size() <= kNoEntries)
+        return Ok("the printer has no access control list: all read, nobody asks it directly");
     const Variable& variable = FindNamed(*patient.opened, names::kUserAuthority, "read");
     const Reading reading = ReadValue(*patient.opened, variable, false);
     uint32_t rights = 0;
     if (reading.status != TVS_OK || reading.value.size() != sizeof rights) return Skipped("they cannot be read");
     std::memcpy(&rights, reading.value.data(), sizeof rights);
     if ((rights & TVS_AUTHORITY_DIRECT_READ) != 0) return Ok();
-    return Bad("you may read what is stored, but ask the printer for nothing",
+    return Bad("you may read what is stored, but not ask the printer",
                "an administrator gives rights: 'oriel authority --explain' and 'oriel acl set'");
 }
 
@@ -222,11 +226,11 @@ constexpr Check kChecks[] = {
     {"queue", "the printer exists", CheckQueue, Exit::False},
     {"accepting", "its queue accepts jobs", CheckAccepting, Exit::False},
     {"paused", "its queue is not paused", CheckPaused, Exit::False},
-    {"rights", "you may ask the printer", CheckRights, Exit::Denied},
     {"side", "its printer side runs", CheckSide, Exit::False},
     {"reachable", "its device answers", CheckReachable, Exit::TimedOut},
-    {"fresh", "its values are fresh", CheckFresh, Exit::TimedOut},
     {"state", "the printer is ready", CheckState, Exit::False},
+    {"rights", "you may ask the printer", CheckRights, Exit::Denied},
+    {"fresh", "its values are fresh", CheckFresh, Exit::TimedOut},
 };
 
 const char* NameOf(Result result) {

@@ -36,7 +36,7 @@ TEST(Doctor, NamesTheFirstCauseAndItsRemedy) {
     server.Command("/usr/sbin/cupsaccept", {"Office"});
     server.Command("/usr/sbin/cupsenable", {"Office"});
 
-    // Rights come before the device, since nobody can see through them.
+    EXPECT_EQ(CauseOf("Lab", 0), "") << "without an access control list";
     OrielText({"acl", "set", "Lab", "D:(D;;LCSWRPWPSDRCWDWO;;;WD)"});
     EXPECT_TRUE(Has(CauseOf("Lab", 4), "rights: you may read what is stored")) << CauseOf("Lab", 4);
     EXPECT_EQ(OrielJson({"doctor"}, 4)["printers"].size(), 2u) << "all printers";

@@ -287,9 +287,9 @@ TEST(SnmpDevice, HostileAgentsAreSurvived) {
             ++answered;
         }
     });
-    for (int round = 0; round < 10; ++round)
+    for (int round = 0; round < 3; ++round)
         printer.Read();
-    EXPECT_GT(answered, 10);
+    EXPECT_GT(answered, 3);
     over = true;
     fake.join();
     close(socket);
