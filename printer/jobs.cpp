@@ -203,6 +203,11 @@ bool OpenManager(Taker& taker) {
 bool LookIntoSpool(Taker& taker) {
     if (taker.changes != INVALID_HANDLE_VALUE)
         FindNextPrinterChangeNotification(taker.changes, nullptr, nullptr, nullptr);
+    // Only now: what happens from here on is told again.
+    if (taker.jobs.duty == JobDuty::Follow) {
+        taker.jobs.serverNews = true;
+        SetEvent(taker.jobs.serverTold);
+    }
     // A print server has the job that it prints among the first.
     const DWORD most = taker.jobs.duty == JobDuty::Follow ? DWORD{kSpoolerQueueMax + kInPrinterMax} : kAllJobs;
     std::optional<std::vector<SpooledJob>> spooled = ListSpooledJobs(taker.printer, most);
@@ -350,8 +355,6 @@ bool WaitForChange(Taker& taker, DWORD pause) {
     const DWORD wait = WaitForMultipleObjects(count, handles, FALSE, pause);
     if (wait == WAIT_OBJECT_0 || wait == WAIT_FAILED) return false;
     if (taker.jobs.duty != JobDuty::Follow || wait == WAIT_OBJECT_0 + 1) return true;
-    taker.jobs.serverNews = true;
-    SetEvent(taker.jobs.serverTold);
     return WaitForSingleObject(taker.jobs.stop, kBetweenLooksMs) == WAIT_TIMEOUT;
 }
 

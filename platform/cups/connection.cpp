@@ -59,9 +59,7 @@ void Divide(const std::string& server, std::string* host, int* port) {
     if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
 }
 
-} // namespace
-
-http_t* ConnectTo(const std::string& server, int64_t deadlineNs) {
+http_t* Connect(const std::string& server, int64_t deadlineNs) {
     std::string host = server;
     int port = 0;
     if (!server.starts_with('/')) Divide(server, &host, &port);
@@ -69,6 +67,8 @@ http_t* ConnectTo(const std::string& server, int64_t deadlineNs) {
     if (leftMs <= 0) return nullptr;
     return httpConnect2(host.c_str(), port, nullptr, AF_UNSPEC, cupsEncryption(), 1, static_cast<int>(leftMs), nullptr);
 }
+
+} // namespace
 
 SigpipeHold::SigpipeHold() {
     sigset_t pending;
@@ -97,7 +97,7 @@ Connection::Connection(const PrintServerCall& call) : m_call(call) {
     InitializeQuietly();
     cupsSetUser(call.user.c_str());
     cupsSetPasswordCB2(NoPassword, nullptr);
-    m_http = ConnectTo(call.server, call.deadlineNs);
+    m_http = Connect(call.server, call.deadlineNs);
     if (m_http == nullptr) return;
     httpSetTimeout(m_http, kLookSeconds, GoOnWaiting, const_cast<int64_t*>(&m_call.deadlineNs));
     m_socket = fcntl(httpGetFd(m_http), F_DUPFD_CLOEXEC, 0);

@@ -31,9 +31,6 @@ private:
     bool m_pending;
 };
 
-// Null: nobody listens there, or not by then.
-http_t* ConnectTo(const std::string& server, int64_t deadlineNs);
-
 // A connection for one call. It is cut at the deadline, whatever libcups waits for: a server may be stopped, or answer
 // byte by byte.
 class Connection {

@@ -2,8 +2,9 @@
 // notifier program for "oriel-events" addresses (notifier.c) reports by a datagram to a socket of this process. So
 // nobody polls.
 //
-// The server ends idle connections after some minutes, and all when it ends. Such a connection tells that it is still
-// the same server; when it breaks, the subscription is renewed or made anew. State: the object's.
+// The subscription is renewed now and then, since the server may have lost it, and at once when the file of the
+// server's socket is another one: the server was restarted. No connection is kept, because it has a hundred of them for
+// all its clients. State: the object's.
 #include "watch.h"
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <random>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
 #include <time.h>
@@ -23,17 +25,19 @@
 namespace oriel {
 namespace {
 
+constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int kLeaseSeconds = 3600;
-constexpr int kRenewMs = kLeaseSeconds / 2 * 1000;
-constexpr int kRetryMs = 1000; // while there is no server
-constexpr int64_t kCallNs = INT64_C(2'000'000'000);
+constexpr int64_t kRenewNs = 300 * kSecondNs;
+constexpr int64_t kRetryNs = 2 * kSecondNs; // while there is no server
+constexpr int64_t kCallNs = 2 * kSecondNs;
+constexpr int kLookMs = 2000; // at the file of the socket
 constexpr const char* kEvents[] = {"printer-state-changed", "job-created", "job-completed", "job-state-changed",
                                    "job-progress"};
 
 int64_t NowNs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+    return now.tv_sec * kSecondNs + now.tv_nsec;
 }
 
 std::string NewToken() {
@@ -56,6 +60,13 @@ int OpenSocket(const std::string& token) {
     if (socket >= 0 && bind(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0) return socket;
     if (socket >= 0) close(socket);
     return -1;
+}
+
+// Which file the server's socket is; 0: it has none, or is another machine's.
+uint64_t FileOf(const std::string& server) {
+    struct stat file {};
+    if (!server.starts_with('/') || stat(server.c_str(), &file) != 0) return 0;
+    return file.st_ino ^ static_cast<uint64_t>(file.st_ctim.tv_sec) << 32 ^ static_cast<uint64_t>(file.st_ctim.tv_nsec);
 }
 
 } // namespace
@@ -127,26 +138,26 @@ DWORD Watch::Begin() {
 }
 
 void Watch::Run() {
-    std::unique_ptr<http_t, void (*)(http_t*)> idle(nullptr, httpClose);
-    for (bool made = true;;) {
-        if (idle == nullptr && made) idle.reset(ConnectTo(m_call.server, NowNs() + kCallNs));
-        pollfd all[] = {
-            {m_stop, POLLIN, 0}, {m_socket, POLLIN, 0}, {idle != nullptr ? httpGetFd(idle.get()) : -1, POLLIN, 0}};
-        const int ready = poll(all, 3, idle != nullptr ? kRenewMs : kRetryMs);
+    int64_t renewNs = NowNs() + kRenewNs;
+    for (uint64_t file = FileOf(m_call.server);;) {
+        pollfd all[] = {{m_stop, POLLIN, 0}, {m_socket, POLLIN, 0}};
+        poll(all, 2, kLookMs);
         if (all[0].revents != 0) break;
         char byte = 0;
         bool changed = false;
         while (recv(m_socket, &byte, sizeof byte, 0) >= 0)
             changed = true;
-        if (ready == 0 || all[2].revents != 0) { // the lease is half over, the connection broken, or there was none
-            idle.reset();
+        const uint64_t now = FileOf(m_call.server);
+        if (now != file || NowNs() >= renewNs) {
+            file = now;
+            const int before = m_subscription;
+            bool made = false;
             try {
-                const int before = m_subscription;
                 made = Subscribe() == ERROR_SUCCESS;
-                changed = changed || m_subscription != before; // events may have been lost
-            } catch (const std::exception&) {                  // lack of memory or threads
-                made = false;
+            } catch (const std::exception&) { // lack of memory or threads
             }
+            renewNs = NowNs() + (made ? kRenewNs : kRetryNs);
+            changed = changed || m_subscription != before; // events may have been lost
         }
         if (changed) m_changed(m_context);
     }

@@ -101,12 +101,19 @@ TEST(PrintServerSource, JobsOfAllClientsAreFollowedWithoutPollingCampaign) {
     EXPECT_EQ(ValueOf("Slow", "SendingJobInfo")["jobName"], "A report");
     EXPECT_EQ(ValueOf("Slow", "PrinterQueue").size(), 1u);
     EXPECT_EQ(ValueOf("Slow", "SpoolerQueue").size(), 0u);
-    EXPECT_TRUE(WaitUntil([] { return VariableOf("Slow", "PrinterStatus")["meaning"] == "printing"; }));
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Slow", "PrinterStatus")["meaning"] == "printing"; }))
+        << VariableOf("Slow", "PrinterStatus");
     server.PrintOn();
     EXPECT_TRUE(WaitUntil([] { return ValueOf("Slow", "SendingJobInfo")["jobId"] == 0; }));
     EXPECT_TRUE(WaitUntil([] { return ValueOf("Slow", "PrinterQueue").empty(); }));
     EXPECT_EQ(ValueOf("Slow", "JobStatus"), 0);
     EXPECT_TRUE(WaitUntil([] { return VariableOf("Slow", "PrinterStatus")["meaning"] == "ready"; }));
+
+    // It is restarted, and has forgotten who subscribed.
+    server.Restart();
+    PauseMs(3000);
+    server.Print("after the restart");
+    EXPECT_TRUE(WaitUntil([&] { return Difference(OurQueue(), ServersQueue(server)).empty(); }));
 
     OrielText({"printers", "remove", "Slow"});
     EXPECT_EQ(server.Command("/usr/bin/lpstat", {"-v", "Slow"}).substr(0, 15), "device for Slow") << "the queue stays";

@@ -55,6 +55,15 @@ public:
     void AddSlowPrinter(const std::string& queue) { Command("/usr/sbin/lpadmin", {"-p", queue, "-E", "-v", "slow:/"}); }
     void PrintOn() { std::ofstream(m_folder + "/go") << "go"; }
 
+    // It keeps its queues and jobs, and loses its subscriptions.
+    void Restart() {
+        m_server.Terminate(); // which saves the queues
+        m_server.Wait();
+        std::filesystem::remove(m_folder + "/ServerRoot/subscriptions.conf");
+        m_server = Serve();
+        EXPECT_TRUE(WaitUntil([] { return RunProgram("/usr/bin/lpstat", {"-r"}).output == "scheduler is running\n"; }));
+    }
+
 private:
     // The programs that it runs: its own, and what the tests add.
     void MakePrograms() {
@@ -94,6 +103,10 @@ private:
             << "Listen " << Socket() << (m_listen.empty() ? "" : "\nListen " + m_listen)
             << "\nBrowsing No\nWebInterface No\nLogLevel warn\nMaxJobs 3000\n"
                "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
+        return Serve();
+    }
+
+    TestProcess Serve() const {
         return TestProcess::Program("/usr/sbin/cupsd",
                                     {"-f", "-c", m_folder + "/cupsd.conf", "-s", m_folder + "/files.conf"});
     }
