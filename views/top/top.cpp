@@ -82,16 +82,15 @@ void Follow(View& view) {
 }
 
 // Until there are printers, or it is clear that there are none.
-void GatherPrinters(View& view, std::chrono::milliseconds settle) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point begun = Clock::now();
+void GatherPrinters(View& view) {
+    const auto begun = std::chrono::steady_clock::now();
     do {
         TakeChanges(view, view.source.Wait(100ms));
-        if (!view.source.Now().empty() || Clock::now() - begun < settle) continue;
+        if (!view.source.Now().empty()) return;
         if (!view.notConnected.empty())
             throw Failure{Exit::NoService, "cannot show the printers of " + *view.notConnected.begin(),
                           "the status database service does not run", HowToStart()};
-    } while (Clock::now() - begun < settle || (view.source.Now().empty() && Clock::now() - begun < kFirstLook));
+    } while (std::chrono::steady_clock::now() - begun < kFirstLook);
 }
 
 } // namespace
@@ -107,7 +106,7 @@ Exit RunTop(Source& source, const TopOptions& options) {
         return Exit::Done;
     }
     if (!once && g_output.terminal) PrintError({Exit::Done, "showing the printers once", why, ""});
-    GatherPrinters(view, options.settle);
+    GatherPrinters(view);
     PrintSnapshot(view.rows);
     return Exit::Done;
 }

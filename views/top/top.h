@@ -3,15 +3,11 @@
 
 #include "model/source.h"
 
-#include <chrono>
-
 namespace views {
 
 struct TopOptions {
     std::string filter;
     bool once = false; // one snapshot as text, as where there is no terminal
-    // For a snapshot of a source that hears of its printers one by one: how long it is listened to.
-    std::chrono::milliseconds settle{0};
 };
 
 // Shows the printers until the user ends it. In a pipe, with --json, or on a terminal that cannot show a live view it
