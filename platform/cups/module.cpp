@@ -290,11 +290,29 @@ const char* OptionOf(const cups_dest_t& destination, const char* name) {
     return value != nullptr ? value : "";
 }
 
+// Of an announcement, which names a service: the host, port and path that it leads to, if it does.
+std::string AddressOf(cups_dest_t* destination) {
+    constexpr int kConnectMs = 1000;
+    const std::string uri = OptionOf(*destination, "device-uri");
+    if (!uri.starts_with("dnssd://")) return uri;
+    char path[HTTP_MAX_URI], host[HTTP_MAX_HOST], address[HTTP_MAX_URI];
+    http_t* http =
+        cupsConnectDest(destination, CUPS_DEST_FLAGS_DEVICE, kConnectMs, nullptr, path, sizeof path, nullptr, nullptr);
+    if (http == nullptr) return uri;
+    const char* scheme = uri.find("._ipps.") != uri.npos ? "ipps" : "ipp";
+    const int port = httpAddrPort(httpGetAddress(http));
+    const char* name = httpGetHostname(http, host, sizeof host);
+    const bool made = name != nullptr && httpAssembleURI(HTTP_URI_CODING_ALL, address, sizeof address, scheme, nullptr,
+                                                         name, port, path) >= HTTP_URI_STATUS_OK;
+    httpClose(http);
+    return made ? address : uri;
+}
+
 int TakeFound(void* context, unsigned, cups_dest_t* destination) {
     auto& found = *static_cast<Found*>(context);
     Printer printer;
     printer.texts[kPrinterName] = destination->name;
-    printer.texts[kPortName] = OptionOf(*destination, "device-uri");
+    printer.texts[kPortName] = AddressOf(destination);
     printer.texts[kDriverName] = OptionOf(*destination, "printer-make-and-model");
     printer.texts[kPrinterComment] = OptionOf(*destination, "printer-info");
     printer.texts[kPrinterLocation] = OptionOf(*destination, "printer-location");

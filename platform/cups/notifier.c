@@ -1,6 +1,6 @@
-/* The notifier program of the print server for addresses "oriel-events:///TOKEN": the server starts it for a subscription, and
- * writes each event to its standard input. It passes on that there was one, by an empty datagram to the socket of that
- * token, and not what it was. An address cannot name another socket. No state. */
+/* The notifier program of the print server for addresses "oriel-events:///TOKEN": the server starts it for a
+ * subscription, and writes each event to its standard input. It passes on that there was one, by an empty datagram to
+ * the socket of that token, and not what it was. An address cannot name another socket. No state. */
 #include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
