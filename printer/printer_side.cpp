@@ -26,7 +26,8 @@ using namespace product;
 
 namespace {
 
-constexpr DWORD kIdleLookMs = 1000;
+constexpr DWORD kIdleLookMs = 1000; // between looks whether the service is still there
+constexpr DWORD kFullLookMs = 4000; // at all that events tell too, and whether somebody follows the printer
 constexpr DWORD kFirstRetryMs = 50; // to connect; half as long again each time
 constexpr DWORD kLongestRetryMs = 2000;
 
@@ -541,7 +542,7 @@ DWORD Until(const PrinterSide& side, ULONGLONG due) {
 
 // Returns true when the link is lost, false when stop was set.
 bool ServeLink(PrinterSide& side) {
-    ULONGLONG lookAt = side.now + kIdleLookMs;
+    ULONGLONG lookAt = side.now + kIdleLookMs, fullLookAt = lookAt;
     SignalWait signals(side.stop);
     WatchEvents(side, signals);
     CheckAll(side); // what was written before
@@ -556,9 +557,15 @@ bool ServeLink(PrinterSide& side) {
         if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
         if (!WaitForWork(side, signals, wait)) return false;
         if (side.now < lookAt) continue;
+        lookAt = side.now + kIdleLookMs;
+        VariableInfo info = {};
+        if (side.now < fullLookAt) {
+            InfoOf(side.link, names::kReadRequest, &info); // marks a link that is lost
+            continue;
+        }
+        fullLookAt = side.now + kFullLookMs;
         CheckAll(side);
         if (side.device.followed) side.device.followed(side.device.self, IsFollowed(side));
-        lookAt = side.now + kIdleLookMs;
     }
     return true;
 }
