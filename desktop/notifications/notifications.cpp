@@ -1,4 +1,4 @@
-// Notifications by D-Bus (Desktop Notifications Specification 1.2, org.freedesktop.Notifications). No state: each call
+// Notifications by D-Bus (org.freedesktop.Notifications 1.2). No state: each call
 // makes a connection of its own, because one that is kept open would keep the user's session bus from ending.
 #include "desktop_module.h"
 
