@@ -21,8 +21,8 @@ public:
 
 private:
     static constexpr DWORD kFirstMs = 50;
-    static constexpr DWORD kHealthyMs = 500; // of running; longer than a start that fails takes
-    static constexpr DWORD kShortAtOnce = 5; // short runs in a row
+    static constexpr DWORD kHealthyMs = 250; // of running; longer than a start that fails takes
+    static constexpr DWORD kShortAtOnce = 8; // short runs in a row
     static constexpr DWORD kLongerMs = 500;  // after so many; then doubled
     static constexpr DWORD kLongestMs = 30000;
     static constexpr DWORD kShortMax = 16;
