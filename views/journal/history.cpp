@@ -5,6 +5,8 @@
 #include "base/failure.h"
 #include "base/text.h"
 
+#include "model/times.h"
+
 #include "product/meanings.h"
 #include "product/variable_names.h"
 
@@ -23,32 +25,9 @@ constexpr char kNotRecorded[] = "not recorded";
 
 using Days = std::chrono::sys_days;
 
-// Of a journal, which may say anything; the years are four digits.
-int64_t Bounded(int64_t ms) {
-    constexpr int64_t kLast = 253402300799999; // 9999-12-31
-    return std::clamp<int64_t>(ms, 0, kLast);
-}
-
 } // namespace
 
 // ---- 1 times
-
-std::string DayText(int64_t ms) {
-    const std::chrono::year_month_day date{Days{std::chrono::days{Bounded(ms) / kDayMs}}};
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
-    return text;
-}
-
-std::string TimeText(int64_t ms) {
-    const int64_t inDay = Bounded(ms) % kDayMs;
-    char text[32];
-    std::snprintf(text, sizeof text, "T%02d:%02d:%02d.%03dZ", static_cast<int>(inDay / 3600000),
-                  static_cast<int>(inDay / 60000 % 60), static_cast<int>(inDay / 1000 % 60),
-                  static_cast<int>(inDay % 1000));
-    return DayText(ms) + text;
-}
 
 namespace {
 

@@ -8,9 +8,6 @@
 
 namespace views {
 
-// "2026-11-24T08:15:00.123Z"; "2026-11-24".
-std::string TimeText(int64_t ms);
-std::string DayText(int64_t ms);
 // "90s", "30min", "2h", "7d" before now, or a time "2026-11-24", "2026-11-24T08:15", "2026-11-24T08:15:00.123Z", in
 // UTC. Throws Failure (Exit::Usage).
 int64_t ParseSince(const std::string& text, int64_t now);

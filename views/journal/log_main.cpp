@@ -7,6 +7,7 @@
 #include "base/output.h"
 #include "model/local.h"
 #include "model/program.h"
+#include "model/times.h"
 
 #include <CLI/CLI.hpp>
 

@@ -9,6 +9,7 @@
 #include "base/text.h"
 #include "model/local.h"
 #include "model/program.h"
+#include "model/times.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,6 +1,8 @@
 // Summaries, and their JSON. No state.
 #include "model/summary.h"
 
+#include "model/times.h"
+
 #include "base/text.h"
 
 #include "product/variable_names.h"
@@ -8,7 +10,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 namespace views {
 
@@ -210,19 +211,6 @@ Json PrinterJson(const Printer& printer) {
     json["answered"] = UtcText(printer.answeredMs);
     json["values"] = std::move(values);
     return json;
-}
-
-// ---- time
-
-std::string UtcText(int64_t ms) {
-    if (ms <= 0) return "";
-    const time_t seconds = static_cast<time_t>(ms / 1000);
-    tm parts{};
-    if (!gmtime_r(&seconds, &parts)) return "";
-    char text[64];
-    const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(ms % 1000));
-    return text;
 }
 
 } // namespace views

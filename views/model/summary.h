@@ -44,7 +44,4 @@ Json SummaryJson(const Printer& printer, const Summary& summary);
 // The same with the time of the last answer and the values of all variables.
 Json PrinterJson(const Printer& printer);
 
-// "2026-11-24T08:15:00.123Z"; empty for 0.
-std::string UtcText(int64_t ms);
-
 } // namespace views

@@ -1,6 +1,8 @@
 // The board: 1 taking over changes, 2 the day behind, 3 events, 4 documents. State: the object's.
 #include "serve/board.h"
 
+#include "model/times.h"
+
 #include "product/meanings.h"
 
 #include <algorithm>
