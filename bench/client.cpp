@@ -216,7 +216,11 @@ int OpenPrinters(long first, long last) {
         const std::string name = "Printer " + std::to_string(i);
         const double start = NowNs();
         TvsManager manager = 0;
-        if (OpenManagerExA(name.c_str(), "bench", kClientKind, &manager) != TVS_OK) break;
+        const int32_t status = OpenManagerExA(name.c_str(), "bench", kClientKind, &manager);
+        if (status != TVS_OK) {
+            std::fprintf(stderr, "%s cannot be opened: status %d\n", name.c_str(), status);
+            break;
+        }
         nanoseconds.push_back(NowNs() - start);
     }
     for (const double each : nanoseconds)
