@@ -102,7 +102,8 @@ LONG Serve(Row<kCloseDatabase>, const Caller& caller, DWORD handle) {
 }
 
 LONG Serve(Row<kLeaveDatabases>, const Caller& caller, DWORD first, DWORD second) {
-    const bool both = CloseHandleOf(caller.group, first) & CloseHandleOf(caller.group, second);
+    const bool firstClosed = CloseHandleOf(caller.group, first);
+    const bool both = CloseHandleOf(caller.group, second) && firstClosed;
     return both ? kDone : kUnknownDatabase;
 }
 

@@ -18,6 +18,8 @@ std::string ScopeName();
 bool HasScopes();
 // Creates the directories. Nothing else in a command does. Throws Failure.
 void ClaimDirectories();
+// Removes what killed processes and other users left in them.
+void TidyDirectories();
 
 // A path as users of this system write it; UTF-8.
 std::string ShownPath(std::string path);

@@ -66,6 +66,10 @@ void ClaimDirectories() {
     throw failure;
 }
 
+void TidyDirectories() {
+    OrielTidyDirectories();
+}
+
 std::string ShownPath(std::string path) {
     std::replace(path.begin(), path.end(), '\\', '/');
     return path;

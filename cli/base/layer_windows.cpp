@@ -20,6 +20,7 @@ bool HasScopes() {
 }
 
 void ClaimDirectories() {}
+void TidyDirectories() {}
 
 std::string ShownPath(std::string path) {
     return path;

@@ -25,10 +25,10 @@
 
 namespace {
 
-constexpr DWORD kStartMs = 30000;  // for the service to run, and to stop
-constexpr DWORD kPollMs = 20;      // while it is starting or stopping
-constexpr DWORD kWatchMs = 100;    // while it runs
-constexpr DWORD kWindowsMs = 5000; // between looks at all windows
+constexpr DWORD kStartMs = 30000; // for the service to run, and to stop
+constexpr DWORD kPollMs = 20;     // while it is starting or stopping
+constexpr DWORD kWatchMs = 100;   // while it runs
+constexpr DWORD kTidyMs = 4000;   // between removals of what others left
 
 HANDLE g_stop = nullptr;
 
@@ -214,16 +214,11 @@ void TellOfDemoPrinter(const Teller& teller, const DemoPrinter& demo) {
                 {{"printer", demo.name}, {"script", demo.script}});
 }
 
-BOOL CALLBACK SeeWindow(HWND, LPARAM) {
-    return TRUE;
-}
-
-// On Linux a look at the windows removes what killed processes left of theirs. Nobody else looks where there is no
-// desktop.
-void LookAtWindows(DWORD& due) {
+// Nobody else does it where there is no desktop, and where nobody prints.
+void Tidy(DWORD& due) {
     if (static_cast<LONG>(GetTickCount() - due) < 0) return;
-    due = GetTickCount() + kWindowsMs;
-    EnumWindows(SeeWindow, 0);
+    due = GetTickCount() + kTidyMs;
+    TidyDirectories();
 }
 
 // Watches the service, the printer sides and the views until the user wants to stop, and restarts what ended.
@@ -231,10 +226,10 @@ void LookAtWindows(DWORD& due) {
 void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
     ViewPrograms views([&](const ViewNews& news) { TellOfView(teller, news); });
     RestartPause restart;
-    DWORD windowsDue = GetTickCount();
+    DWORD tidyDue = GetTickCount();
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
-        LookAtWindows(windowsDue);
+        Tidy(tidyDue);
         views.Tend();
         const SERVICE_STATUS status = Query(service);
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();

@@ -30,6 +30,9 @@ WINBASEAPI void WINAPI OrielOnlyLook(void);
 /* Makes the directories, and marks them as in use until this process ends. Processes that it starts use the same. For
  * the program that starts the product. FALSE with the last error set. */
 WINBASEAPI BOOL WINAPI OrielClaimDirectories(void);
+/* Removes what others left in the folders where everybody may put files: for a program of root that runs all the time,
+ * every few seconds. */
+WINBASEAPI void WINAPI OrielTidyDirectories(void);
 
 WINBASE_END
 

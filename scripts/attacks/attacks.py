@@ -27,14 +27,13 @@ DATABASES = ["TVORSQD_DB"] + [f"TVORSQD_DB{number}" for number in range(1, 8)]
 LIBC = ctypes.CDLL(None, use_errno=True)
 
 
-def attack(area, what, design="", allows=(), check="", leaves=()):
+def attack(area, what, design="", allows=(), check=""):
     """design: why success is meant, for the report. allows: variables that everybody may write, and this attack does write;
     "the times of values" when only their times may change.
-    check: a further measure of root's. leaves: folders in which files of the attacker may stay until the product removes
-    them, which is measured at the end of the run."""
+    check: a further measure of root's."""
     def note(function):
         ATTACKS.append({"name": function.__name__, "area": area, "what": what, "run": function, "design": design,
-                        "allows": set(allows), "check": check, "leaves": tuple(leaves)})
+                        "allows": set(allows), "check": check})
         return function
     return note
 
@@ -181,7 +180,7 @@ def replace(a):
     a.hold()
 
 
-@attack("files", "gives every file a second name", leaves=("jobs", "windows"))
+@attack("files", "gives every file a second name")
 def hard_links(a):
     for path in list(foreign_paths()):
         for place in (a.home, STATE / "jobs", RUN / "windows"):
@@ -267,13 +266,18 @@ def change_modes(a):
     a.hold()
 
 
-@attack("files", "fills the folders for everybody with 6,000 files and leaves them there", leaves=("jobs", "windows", "users"))
+@attack("files", "leaves 6,000 files in the folders for everybody, and directories nested 2,000 deep")
 def litter(a):
     for number in range(3000):
         for folder in (STATE / "jobs", RUN / "windows"):
             with open(folder / f"{a.user}litter{number}", "wb") as file:
                 file.write(b"x" * 100)
-    os.mkdir(STATE / f"registry/users/litter{a.user}")
+    for folder in (STATE / "jobs", RUN / "windows", STATE / "registry/users"):
+        os.mkdir(folder / f"litter{a.user}")
+        os.chdir(folder / f"litter{a.user}")
+        for _ in range(2000):  # deeper than a process has descriptors
+            os.mkdir("deeper")
+            os.chdir("deeper")
     a.hold()
 
 
@@ -431,8 +435,9 @@ def scribble(a):
 
 @attack("names", "writes random words into the mutexes and the shared counters for everybody")
 def scribble_mutexes(a):
-    files = [file for name, kind, (_, _, _, flags), file in opened(a) if kind in (MUTEX, SECTION) and not flags & 2]
-    a.hold(lambda: [os.pwrite(file, random.randbytes(64), 0) for file in files])
+    files = [(file, os.fstat(file).st_size) for name, kind, (_, _, _, flags), file in opened(a)
+             if kind in (MUTEX, SECTION) and not flags & 2]
+    a.hold(lambda: [os.pwrite(file, random.randbytes(size), 0) for file, size in files])
 
 
 @attack("names", "gives back the holds of others, asks for the count, closes what is owned")
@@ -966,7 +971,7 @@ def sqlite_readers(a):
 
 # ---- windows
 
-@attack("windows", "makes 300 windows and goes without a word", leaves=("windows",))
+@attack("windows", "makes 300 windows and goes without a word")
 def many_windows(a):
     raise_descriptors()
     library = Library()

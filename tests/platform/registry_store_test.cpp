@@ -5,7 +5,10 @@
 #include "private_machine.h"
 
 #include <filesystem>
+#include <fstream>
+#include <oriel_directories.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <winreg_text.h>
 
 namespace {
@@ -143,8 +146,26 @@ TEST_AS_ROOT(RegistryStore, NothingThatAReaderDoesHoldsUpAWriter) {
     }
 }
 
-CHILD_PROCESS(TakesRootsDirectory) {
-    return BecomeNobody() && fs::create_directory(PrivateDirectory() + "/state/registry/users/0") ? 0 : 1;
+// Takes root's name, and puts into the folders for everybody what nobody else can remove; its own directory is one of
+// two.
+CHILD_PROCESS(LeavesLitter) {
+    if (!BecomeNobody()) return 1;
+    const std::string users = PrivateDirectory() + "/state/registry/users/";
+    for (const std::string& folder :
+         {users + "0/full", users + "65534-", users + "65534-0123456789abcdef", users + "65534-1123456789abcdef",
+          PrivateDirectory() + "/state/jobs/17/full", PrivateDirectory() + "/state/jobs/x/full",
+          PrivateDirectory() + "/run/windows/12345678.queue/full", PrivateDirectory() + "/run/windows/x/full"})
+        fs::create_directories(folder);
+    std::ofstream(users + "file") << "x";
+    std::ofstream(PrivateDirectory() + "/run/windows/12345678.window") << "x";
+    fs::create_symlink(MachineStore(), users + "1");
+    // Deeper than a process has descriptors, and than a path is long.
+    fs::current_path(users + "0/full");
+    for (int level = 0; level < 1500; ++level) {
+        std::ofstream("file") << "x";
+        if (mkdir("a directory", 0700) != 0 || chdir("a directory") != 0) return 2;
+    }
+    return 0;
 }
 
 CHILD_PROCESS(ReadsItsOwnPart) {
@@ -153,12 +174,28 @@ CHILD_PROCESS(ReadsItsOwnPart) {
 }
 
 TEST_AS_ROOT(RegistryStore, AUserHasItsPartThoughAnotherTookItsDirectory) {
+    const fs::path state = PrivateDirectory() + "/state", users = state / "registry/users";
+    const fs::path shared[] = {state / "jobs", PrivateDirectory() + "/run/windows"};
     CreateKey(kMachine, "K");
-    ASSERT_EQ(TestProcess("TakesRootsDirectory").Wait(), 0);
+    for (const fs::path& folder : shared) {
+        fs::create_directories(folder);
+        chmod(folder.c_str(), 01777);
+    }
+    ASSERT_EQ(TestProcess("LeavesLitter").Wait(), 0);
     EXPECT_EQ(GetValue(HKEY_CURRENT_USER, "v").status, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(SetValue(HKEY_CURRENT_USER, "v", "mine"), ERROR_SUCCESS);
     EXPECT_EQ(TestProcess("ReadsItsOwnPart").Hear(), "mine");
-    EXPECT_TRUE(fs::is_empty(PrivateDirectory() + "/state/registry/users/0"));
+    const auto count = [](const fs::path& folder) { return std::distance(fs::directory_iterator(folder), {}); };
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            OrielTidyDirectories();
+            return count(users) == 2 && count(shared[0]) == 0 && count(shared[1]) == 0;
+        },
+        10000));
+    EXPECT_TRUE(fs::exists(users / "65534-0123456789abcdef")) << "the one that the registry uses";
+    EXPECT_EQ(TestProcess("ReadsItsOwnPart").Hear(), "mine");
+    EXPECT_EQ(SetValue(HKEY_CURRENT_USER, "v", "still mine"), ERROR_SUCCESS);
+    EXPECT_EQ(count(users), 2) << "nobody moves when the name is free again";
 }
 
 // A number that is odd says that a change is being written; here its writer is gone.

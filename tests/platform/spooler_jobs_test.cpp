@@ -194,19 +194,19 @@ TEST(SpoolerJobs, WhatNobodyFinishesIsRemoved) {
         EXPECT_EQ(Control(printer, Print(printer, "next"), JOB_CONTROL_CANCEL), DWORD{ERROR_SUCCESS});
         return fs::exists(path);
     };
-    EXPECT_TRUE(isThereAfter("500.data", 50)) << "its head may be made at this moment";
-    EXPECT_FALSE(isThereAfter("501.data", 70));
+    EXPECT_TRUE(isThereAfter("500.data", 0)) << "its head may be made at this moment";
+    EXPECT_FALSE(isThereAfter("501.data", 9));
     ASSERT_TRUE(PlantInPlace(JobFile(502), Plant::kPipe));
-    EXPECT_TRUE(isThereAfter("502", 50));
-    EXPECT_FALSE(isThereAfter("502", 70));
+    EXPECT_TRUE(isThereAfter("502", 0));
+    EXPECT_FALSE(isThereAfter("502", 9));
     EXPECT_TRUE(isThereAfter(std::to_string(job), 10 * 86400));
     if (!RunsAsRoot()) return;
     constexpr int kNoUser = 543210, kNobody = 65534;
     EXPECT_TRUE(isThereAfter("600", 6 * 86400, kNoUser));
     EXPECT_FALSE(isThereAfter("600", 8 * 86400, kNoUser));
     EXPECT_TRUE(isThereAfter("601", 8 * 86400, kNobody)) << "its user is there";
-    EXPECT_TRUE(isThereAfter("a note", 70)) << "root's";
-    EXPECT_FALSE(isThereAfter("another note", 70, kNobody));
+    EXPECT_TRUE(isThereAfter("a note", 9)) << "root's";
+    EXPECT_FALSE(isThereAfter("another note", 0, kNobody));
 }
 
 // Fills the folder for all with what is in the way of others.

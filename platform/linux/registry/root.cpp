@@ -103,16 +103,18 @@ std::string UserPath(bool create) {
     if (registry.empty()) return registry;
     const std::string users = registry + "/users";
     std::string own = users + '/' + std::to_string(geteuid());
-    if (create) MakeSafeDirectory(own, 0700);
     struct stat directory {};
-    // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted.
+    // Anybody may make a directory of this name in the shared folder, so that of another user is not trusted. Who once
+    // had to take another name keeps it.
+    if (lstat(own.c_str(), &directory) != 0 || directory.st_uid != geteuid()) {
+        if (std::string other = OtherOwnDirectory(users); !other.empty()) own = std::move(other);
+    }
+    if (create) MakeSafeDirectory(own, 0700);
     if (lstat(own.c_str(), &directory) == 0 && directory.st_uid != geteuid()) {
         char suffix[32];
         std::snprintf(suffix, sizeof suffix, "-%016llx", static_cast<unsigned long long>(TimeNow()));
-        const std::string fresh = own + suffix;
-        own = OtherOwnDirectory(users);
-        if (own.empty() && create && MakeSafeDirectory(fresh, 0700)) own = OtherOwnDirectory(users);
-        if (own.empty()) own = fresh; // which does not exist: nothing was ever stored
+        own += suffix; // does not exist: nothing was ever stored
+        if (create && MakeSafeDirectory(own, 0700)) own = OtherOwnDirectory(users);
     }
     if (lstat(own.c_str(), &directory) == 0 ? !IsOwn(own) : create) return {};
     return own + "/HKCU.sqlite";

@@ -2,7 +2,8 @@
 //
 // HKEY_LOCAL_MACHINE: <state directory>/registry/HKLM.sqlite, mode 0644, owned by the user who created it.
 // HKEY_CURRENT_USER: <state directory>/registry/users/<uid>/HKCU.sqlite, mode 0600, in a directory of mode 0700. The
-// folder "users" has mode 1777; where somebody else has taken the name, the directory is "<uid>-<time>".
+// folder "users" has mode 1777; where somebody else has taken the name, the directory is "<uid>-<time>". user_folders.h
+// removes what else is in the folder.
 //
 // State: the two databases (root.cpp).
 #pragma once

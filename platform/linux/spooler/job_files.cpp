@@ -4,6 +4,7 @@
 
 #include "base/call.h"
 #include "base/directories.h"
+#include "base/litter.h"
 #include "security/accounts.h"
 
 #include <algorithm>
@@ -35,8 +36,9 @@ constexpr DWORD kHighestJob = 0x7FFFFFFF;
 constexpr size_t kJobsOfUser = 1000;
 constexpr int64_t kBytesOfUser = int64_t{4} << 30;
 // After this time without a change, what nobody finishes is removed, and a job whose user does not exist any more.
-// Accounts may be out of reach for a while, so jobs wait long.
-constexpr int64_t kUnfinishedSeconds = 60;
+// Beginning a job takes microseconds; who was stopped meanwhile gets an error. Accounts may be out of reach for a
+// while, so jobs wait long.
+constexpr int64_t kUnfinishedSeconds = 4;
 constexpr int64_t kDepartedSeconds = 7 * 86400;
 constexpr uint32_t kMark = 0x626a724f; // "Orjb"
 
@@ -201,10 +203,6 @@ bool IsOlder(const struct stat& status, int64_t seconds) {
     return std::abs(static_cast<int64_t>(time(nullptr)) - status.st_mtime) > seconds;
 }
 
-void Remove(int folder, const std::string& name) {
-    if (unlinkat(folder, name.c_str(), 0) != 0) unlinkat(folder, name.c_str(), AT_REMOVEDIR);
-}
-
 // Whether a job may go: its process died, its user is gone, or its user has too many. What is no job goes when nobody
 // is about to make one of it.
 bool IsLeft(int folder, DWORD number, const struct stat& status, const Share& share) {
@@ -240,8 +238,8 @@ Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
         if (LookAt(directory, DataName(number), &data) && data.st_uid == head.st_uid) with.bytes += data.st_size;
         const bool isLeft = MayRemove(head) && IsLeft(directory, number, head, with);
         if (isLeft) {
-            Remove(directory, HeadName(number));
-            Remove(directory, DataName(number));
+            RemoveLitter(directory, HeadName(number));
+            RemoveLitter(directory, DataName(number));
         } else {
             share = with;
         }
@@ -249,14 +247,16 @@ Share Sweep(DIR* folder, std::vector<DWORD>* numbers) {
     });
     for (const std::string& name : others) {
         struct stat status {};
-        if (!LookAt(directory, name, &status) || !MayRemove(status) || !IsOlder(status, kUnfinishedSeconds)) continue;
+        if (!LookAt(directory, name, &status) || !MayRemove(status)) continue;
         const bool isData = name.ends_with(kDataSuffix);
         const DWORD number = isData ? NumberOf(name.substr(0, name.size() - kDataSuffix.size())) : 0;
+        if (number != 0 && !IsOlder(status, kUnfinishedSeconds)) continue;
         const bool isRoots =
             status.st_uid == 0 && (status.st_mode & S_IWOTH) == 0; // not a second name of the last number
         // A document without a head; and what has no business here, unless root put it there.
-        if (number != 0 ? !std::binary_search(numbers->begin(), numbers->end(), number) : !isRoots)
-            Remove(directory, name);
+        if (number != 0 ? !std::binary_search(numbers->begin(), numbers->end(), number)
+                        : !isRoots || IsHalfRemoved(name))
+            RemoveLitter(directory, name);
     }
     return shares[geteuid()];
 }
@@ -346,6 +346,11 @@ bool IsCancelled(const SpooledDocument& document) {
 
 DWORD MakeJobsFolder() {
     return StateFolder(kFolder).empty() ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
+}
+
+void TidyJobs() {
+    std::vector<DWORD> numbers;
+    if (const Folder folder = OpenJobsFolder(); folder != nullptr) Sweep(folder.get(), &numbers);
 }
 
 DWORD ListJobFiles(int64_t printer, std::vector<Job>* jobs) {

@@ -17,6 +17,9 @@ namespace oriel {
 // Creates the folder, if this user may.
 DWORD MakeJobsFolder();
 
+// Removes what is left of jobs, and what is none: root that of everybody, others theirs.
+void TidyJobs();
+
 // The complete and the spooling jobs of a printer, by number; of each user at most 1,000 in all.
 DWORD ListJobFiles(int64_t printer, std::vector<Job>* jobs);
 DWORD ChangeJobFile(int64_t printer, DWORD job, JobCommand command);

@@ -4,6 +4,7 @@
 
 #include "base/call.h"
 #include "base/directories.h"
+#include "base/litter.h"
 #include "base/lock.h"
 
 #include <algorithm>
@@ -29,8 +30,9 @@ constexpr DWORD kLowestHandle = 0x10000;
 constexpr DWORD kHandleMask = 0x7fffffff;
 // A random name is taken once in millions of times, unless somebody plants files; then creating fails.
 constexpr int kNameTries = 16;
-// Unfinished files of a process that died while creating them. That takes microseconds, so a minute is safe.
-constexpr time_t kUnfinishedSeconds = 60;
+// Unfinished files of a process that died while creating them. That takes microseconds; who was stopped meanwhile gets
+// an error.
+constexpr time_t kUnfinishedSeconds = 4;
 
 constexpr std::string_view kUnfinishedPrefix = ".new-";
 constexpr const char* kQueueSuffix = ".queue";
@@ -148,16 +150,26 @@ DWORD HandleInName(const char* name, const char* suffix) {
     return static_cast<DWORD>(handle);
 }
 
+// Whether a file under the name of one of ours cannot be ours, which gets its name when it is complete.
+bool IsForeign(const Descriptor& folder, const char* name, bool isRecord) {
+    struct stat status;
+    if (fstatat(folder.Get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    return isRecord ? !S_ISREG(status.st_mode) || status.st_size != sizeof(WindowRecord)
+                    : !S_ISFIFO(status.st_mode) || (status.st_mode & 07777) != kFifoMode;
+}
+
 void SweepFifo(const Descriptor& folder, const char* name) {
     Descriptor fifo;
+    if (IsForeign(folder, name, false)) return RemoveLitter(folder.Get(), name);
     if (OpenFifoIn(folder, name, fifo) == Life::Dead) unlinkat(folder.Get(), name, 0);
 }
 
 void SweepUnfinished(const Descriptor& folder, const char* name) {
     struct stat status;
     if (fstatat(folder.Get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (time(nullptr) - status.st_ctime <= kUnfinishedSeconds) return;
-    if (unlinkat(folder.Get(), name, 0) != 0) unlinkat(folder.Get(), name, AT_REMOVEDIR);
+    const bool isOurs = std::string_view(name).starts_with(kUnfinishedPrefix);
+    if (isOurs && time(nullptr) - status.st_ctime <= kUnfinishedSeconds) return;
+    RemoveLitter(folder.Get(), name);
 }
 
 } // namespace
@@ -245,7 +257,8 @@ void VisitWindows(const std::function<void(const WindowRecord&)>& visit) {
             WindowRecord record;
             const Life life = ReadWindowIn(folder, handle, record);
             if (life == Life::Living) visit(record);
-            if (life == Life::Dead) unlinkat(folder.Get(), name, 0);
+            if (life == Life::Dead || (life == Life::Unknown && IsForeign(folder, name, true)))
+                RemoveLitter(folder.Get(), name);
         } else if (HandleInName(name, kQueueSuffix) != 0 || HandleInName(name, kReplySuffix) != 0) {
             SweepFifo(folder, name);
         } else if (std::string_view(name) != "." && std::string_view(name) != "..") {
