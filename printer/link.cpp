@@ -60,7 +60,7 @@ bool Watch(Link& link, DWORD which) {
     if (Examine(link, WatchVariable(link.database, variable, kEveryWrite)) != kDone) return false;
     const KernelName name =
         VariableEventName(link.terminalServer, link.databaseName, variable, VariableSignal::Updated);
-    link.events[which] = OpenEventA(SYNCHRONIZE, FALSE, name.text);
+    link.events[which] = OpenEventA(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, name.text);
     if (!link.events[which]) UnwatchVariable(link.database, variable);
     return link.events[which] != nullptr;
 }

@@ -526,6 +526,8 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
         const Signals since = signals.Take(which);
         if (since.pulses == 0 && !since.isSet) continue;
         any = true;
+        // The service only pulses. Whoever left the event set would keep this loop from ever waiting.
+        if (since.isSet) ResetEvent(side.link.events[which]);
         HandleSignal(side, which);
     }
     if (TakeServerNews(*side.jobs) && side.device.look) side.device.look(side.device.self);

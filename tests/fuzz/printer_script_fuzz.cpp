@@ -12,11 +12,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     DWORD next = 0;
     device.queues(device.self);
     device.state(device.self);
-    for (ULONGLONG now = 0; now < 100'000'000 && next != kNothingDue; now += 1'000'000 + next)
-        device.advance(device.self, now, &next);
-    device.read(device.self, "PageCount");
-    device.write(device.self, "PageCount", {1, 2, 3, 4});
-    device.refresh(device.self, "x");
+    for (ULONGLONG now = 0; now < 100'000'000 && next != kNothingDue; now += 1'000'000 + next) {
+        for (const DeviceAsk kind : {DeviceAsk::Read, DeviceAsk::Write, DeviceAsk::Refresh})
+            device.ask(device.self, {.kind = kind, .subject = "PageCount", .value = {1, 2, 3, 4}}, now);
+        device.drop(device.self, 0);
+        next = device.take(device.self, now).nextMs;
+    }
     device.pagesOut(device.self, 3);
     return 0;
 }

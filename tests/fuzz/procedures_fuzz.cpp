@@ -58,7 +58,7 @@ void StartService() {
     PrivateMachine();
     InitialiseHandles();
     REQUIRE(StartForwarding() && StartSignals());
-    BeginPublishing();
+    BeginPublishing(1);
     REQUIRE(RpcServerUseProtseqEpA(Text(kProtocolSequence), RPC_C_PROTSEQ_MAX_REQS_DEFAULT, Text(kEndpoint), nullptr) ==
             RPC_S_OK);
     REQUIRE(RpcServerRegisterIf2(&g_serverInterface, nullptr, nullptr, RPC_IF_ALLOW_LOCAL_ONLY,

@@ -308,7 +308,7 @@ int AttackMemory() {
 // What a user tries with the product's names.
 int AttackNames() {
     SetLastError(0);
-    for (const char* name : {"TVOR:DB:V:Updated", "Global\\TVORSQD:Owner:DB", "TVORPWD:INITIALIZED"}) {
+    for (const char* name : {"TVOR:DB:V:Updated", "Global\\TVORSQD:Owner:DB"}) {
         REFUSED(CreateMutexA(nullptr, FALSE, name) != nullptr || GetLastError() != ERROR_INVALID_HANDLE);
         REFUSED(CreateEventA(nullptr, FALSE, FALSE, name) != nullptr || GetLastError() != ERROR_INVALID_HANDLE);
     }
@@ -319,6 +319,10 @@ int AttackNames() {
         REFUSED(section(name) != nullptr || GetLastError() != ERROR_ACCESS_DENIED);
     for (const char* name : {"TVORPWDMutex", "TVORSQD:PrinterSide:DB"})
         REFUSED(CreateMutexA(nullptr, FALSE, name) != nullptr || GetLastError() != ERROR_ACCESS_DENIED);
+    for (const char* name : {"TVORPWD:INITIALIZED", "TVORSDB:Started"}) {
+        REFUSED(CreateEventA(nullptr, TRUE, FALSE, name) != nullptr || GetLastError() != ERROR_ACCESS_DENIED);
+        REFUSED(CreateMutexA(nullptr, FALSE, name) != nullptr || GetLastError() != ERROR_INVALID_HANDLE);
+    }
     // A name of everybody's, made for one alone: see the test.
     return NewEvent("TVORSQD:TerminateManager") != nullptr ? 0 : __LINE__;
 }

@@ -2,6 +2,7 @@
 #include "not_here.h"
 #include "printer_kit.h"
 #include "private_machine.h"
+#include "product/guards.h"
 
 #include <fstream>
 
@@ -147,6 +148,13 @@ TEST(PrinterSide, ForwardedRequestsAreCarriedOutOnce) {
          {std::pair{"PageCount", 0}, {"Silent", -101}, {"Nothing", -19}, {"PageCount", 0}}) {
         ASSERT_EQ(database.Write("ReadRequest", BytesOf(variable)), kDone);
         EXPECT_EQ(ForwardRequest("ReadRequest:" + kPrinters[0]), result) << variable;
+    }
+    // An event that somebody left set tells something once.
+    for (const char* variable : {"ForwardMailbox", "ReadRequest", "LMFunction"}) {
+        const auto name = product::VariableEventName(true, DatabaseOf(0), variable, product::VariableSignal::Updated);
+        const KernelHandle event{OpenEventA(EVENT_ALL_ACCESS, FALSE, name.text)};
+        EXPECT_TRUE(SetEvent(event.Get()));
+        EXPECT_TRUE(WaitUntil([&] { return WaitForSingleObject(event.Get(), 0) == WAIT_TIMEOUT; })) << variable;
     }
     // What stands in the request variable is not carried out for itself too.
     const DWORD writes = database.Info("Level").writes;

@@ -68,7 +68,8 @@ bool HasObjectSecurity(const ManagerRecord* manager) {
 }
 
 bool ProductIsInitialised() {
-    const KernelHandle initialised(CreateNamedEvent(ObjectName(product::kProductInitialisedName)));
+    // Only the product's own user may change it.
+    const KernelHandle initialised(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kProductInitialisedName).text));
     return initialised && WaitForSingleObject(initialised.Get(), 0) == WAIT_OBJECT_0;
 }
 

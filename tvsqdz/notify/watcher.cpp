@@ -49,7 +49,8 @@ constexpr int kBaseTries = 16;
 
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust),
-      m_started(CreateNamedEvent(ObjectName(product::kServiceStartedName))), m_wait(registration.thread.stopEvent) {
+      m_started(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text)),
+      m_wait(registration.thread.stopEvent) {
     m_wait.SetStarted(m_started.Get());
     do {
         m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));

@@ -26,7 +26,7 @@ inline constexpr ReservedName kReservedNames[] = {
     {.pattern = "TVOR:*:Nsr:Initialize", .kind = ReservedKind::ManualEvent},
     {.pattern = "TVOR:*:Values:*", .kind = ReservedKind::Section, .others = ForOthers::Read, .ownerMakes = true},
     {.pattern = "TVORSDB:Life:*", .kind = ReservedKind::Section, .others = ForOthers::Read, .ownerMakes = true},
-    {.pattern = "TVORSDB:Started", .kind = ReservedKind::ManualEvent},
+    {.pattern = "TVORSDB:Started", .kind = ReservedKind::ManualEvent, .others = ForOthers::Read, .ownerMakes = true},
     {.pattern = "TVORSQD_DB*:Initialized", .kind = ReservedKind::ManualEvent, .ownerMakes = true},
     {.pattern = "TVORSQD:Mutex:DabaBase", .kind = ReservedKind::Mutex},
     {.pattern = "TVORSQD:ReqMutex:*", .kind = ReservedKind::Mutex},
@@ -40,7 +40,10 @@ inline constexpr ReservedName kReservedNames[] = {
      .kind = ReservedKind::ManualEvent,
      .others = ForOthers::Nothing,
      .ownerMakes = true},
-    {.pattern = "TVORPWD:INITIALIZED", .kind = ReservedKind::ManualEvent},
+    {.pattern = "TVORPWD:INITIALIZED",
+     .kind = ReservedKind::ManualEvent,
+     .others = ForOthers::Read,
+     .ownerMakes = true},
     {.pattern = "TVORPWDMutex", .kind = ReservedKind::Mutex, .others = ForOthers::Nothing, .ownerMakes = true},
 };
 
