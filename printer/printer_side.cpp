@@ -66,7 +66,7 @@ struct PrinterSide {
     HANDLE stop;
     Link link;
     const KernelHandle serviceStarted{
-        product::CreateEventForEveryone(product::ObjectName(link.terminalServer, product::kServiceStartedName).text)};
+        OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(link.terminalServer, product::kServiceStartedName).text)};
     DWORD lastTick = GetTickCount();
     ULONGLONG now = 0;       // milliseconds since the start
     DWORD seen[2] = {};      // write counts of the two request variables

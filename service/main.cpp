@@ -58,18 +58,23 @@ RPC_STATUS Listen() {
     return RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
 }
 
-// Watchers of an earlier service wait for this.
-void TellStarted() {
-    const KernelHandle started{CreateEventForEveryone(ObjectName(MachineIsTerminalServer(), kServiceStartedName).text)};
-    if (started) PulseEvent(started.Get());
+// Watchers of an earlier service wait for this event. The service keeps it while it runs: `up` sees by it whether the
+// names of the service's objects are still known.
+KernelHandle MakeStartedEvent() {
+    return KernelHandle{CreateEventForEveryone(ObjectName(MachineIsTerminalServer(), kServiceStartedName).text)};
+}
+
+void Pulse(const KernelHandle& event) {
+    if (event) PulseEvent(event.Get());
 }
 
 // Serves until the stop event is set.
 DWORD ServeClients() {
     const RPC_STATUS status = Listen();
     if (status != RPC_S_OK) return static_cast<DWORD>(status);
+    const KernelHandle started = MakeStartedEvent();
     ReportState(SERVICE_RUNNING);
-    TellStarted();
+    Pulse(started);
     WaitForSingleObject(g_stopEvent, INFINITE); // unbounded: until the service is asked to stop
     ReportState(SERVICE_STOP_PENDING);
     EndPublishing();
@@ -78,6 +83,7 @@ DWORD ServeClients() {
     RpcMgmtWaitServerListen(); // bounded: EndForwarding answered the calls that waited
     RpcServerUnregisterIf(&g_serverInterface, nullptr, TRUE);
     EndAssociations();
+    Pulse(started); // who waits begins to look for the next service, even if that has another event of this name
     return ERROR_SUCCESS;
 }
 

@@ -5,6 +5,7 @@
 #include "product/service_life.h"
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <new>
 #include <stdio.h>
@@ -35,7 +36,7 @@ ServiceInstance g_run = 0;
 std::atomic<DWORD> g_sections = 0;
 KernelName g_lifeName;
 HANDLE g_lifeSection = nullptr;
-LifeRecord* g_life = nullptr;
+std::atomic<LifeRecord*> g_life = nullptr; // null again at the end, while calls are still served
 
 DWORD Aligned(DWORD size) {
     return (size + kAlignment - 1) / kAlignment * kAlignment;
@@ -244,8 +245,7 @@ void BeginPublishing(ServiceInstance run) {
 }
 
 void EndPublishing() {
-    if (g_life) EndLife(*g_life);
-    g_life = nullptr;
+    if (LifeRecord* life = g_life.exchange(nullptr)) EndLife(*life);
 }
 
 std::string_view LifeName() {

@@ -221,17 +221,87 @@ void Tidy(DWORD& due) {
     TidyDirectories();
 }
 
+// Signals that the product is initialised, until it is destroyed.
+struct InitialisedSignal {
+    InitialisedSignal() {
+        Renew();
+        if (!m_event || !SetEvent(m_event.Get()))
+            throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
+    }
+    ~InitialisedSignal() { ResetEvent(m_event.Get()); } // others may have it open
+    // True when there was no event of that name: on Linux, all named objects are new after both processes of the object
+    // server were killed.
+    bool Renew() {
+        KernelHandle event(product::CreateEventForEveryone(SharedName(product::kProductInitialisedName).c_str()));
+        if (!event) return false;
+        const bool isNew = GetLastError() != ERROR_ALREADY_EXISTS;
+        if (!m_event || isNew) m_event = std::move(event);
+        if (isNew) SetEvent(m_event.Get());
+        return isNew;
+    }
+
+private:
+    KernelHandle m_event;
+};
+
+// The start-up mutex, for this user alone. Held() is false when another process has it.
+struct UpMutex {
+    UpMutex() { Take(); }
+    void Take() {
+        m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, product::kStartUpMutexName));
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // another user's
+        if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
+        const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);
+        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
+    }
+    ~UpMutex() {
+        if (m_held) ReleaseMutex(m_mutex.Get());
+    }
+    bool Held() const { return m_held; }
+
+private:
+    KernelHandle m_mutex;
+    bool m_held = false;
+};
+
+// The event that the service makes as it starts, and keeps. When a running service has none, all names of the object
+// server are new.
+struct StartedEvent {
+    // True when it was not there at the last look either: a service that is killed at this moment has none.
+    bool IsMissing() {
+        const bool terminalServer = product::MachineIsTerminalServer();
+        m_event = KernelHandle(
+            OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(terminalServer, product::kServiceStartedName).text));
+        const bool was = m_missing;
+        m_missing = !m_event && GetLastError() == ERROR_FILE_NOT_FOUND;
+        return was && m_missing;
+    }
+
+private:
+    KernelHandle m_event; // kept: to open it again asks nobody
+    bool m_missing = false;
+};
+
 // Watches the service, the printer sides and the views until the user wants to stop, and restarts what ended.
 // startedHere: set when it restarted the service.
-void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides, bool& startedHere) {
+void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSides& sides,
+                 InitialisedSignal& initialised, UpMutex& mutex, bool& startedHere) {
     ViewPrograms views([&](const ViewNews& news) { TellOfView(teller, news); });
     RestartPause restart;
+    StartedEvent started;
     DWORD tidyDue = GetTickCount();
     sides.Tend();
     while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
         Tidy(tidyDue);
         views.Tend();
         const SERVICE_STATUS status = Query(service);
+        if (initialised.Renew()) mutex.Take();
+        if (status.dwCurrentState == SERVICE_RUNNING && started.IsMissing()) {
+            // Programs that open managers from now on get other objects than those that the service signals.
+            LogFailure({Exit::NoService, "the object server was killed", "", "restarting the status database service"});
+            StopIfPossible(service);
+            continue;
+        }
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
 
@@ -255,38 +325,6 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
     }
 }
 
-// Signals that the product is initialised, until it is destroyed.
-struct InitialisedSignal {
-    InitialisedSignal() {
-        m_event = KernelHandle(product::CreateEventForEveryone(SharedName(product::kProductInitialisedName).c_str()));
-        if (!m_event || !SetEvent(m_event.Get()))
-            throw SystemFailure(GetLastError(), "cannot signal that the product is initialised");
-    }
-    ~InitialisedSignal() { ResetEvent(m_event.Get()); } // others may have it open
-
-private:
-    KernelHandle m_event;
-};
-
-// The start-up mutex, for this user alone. Held() is false when another process has it.
-struct UpMutex {
-    UpMutex() {
-        m_mutex = KernelHandle(CreateMutexA(nullptr, FALSE, product::kStartUpMutexName));
-        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED) return; // another user's
-        if (!m_mutex) throw SystemFailure(GetLastError(), "cannot create the mutex of the start-up process");
-        const DWORD wait = WaitForSingleObject(m_mutex.Get(), 0);
-        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
-    }
-    ~UpMutex() {
-        if (m_held) ReleaseMutex(m_mutex.Get());
-    }
-    bool Held() const { return m_held; }
-
-private:
-    KernelHandle m_mutex;
-    bool m_held = false;
-};
-
 } // namespace
 
 Exit UpCommand(const UpOptions& options) {
@@ -296,7 +334,7 @@ Exit UpCommand(const UpOptions& options) {
     g_stop = TakeOverInterrupts(kStartMs);
     ClaimDirectories();
 
-    const UpMutex mutex;
+    UpMutex mutex;
     if (!mutex.Held())
         throw Failure{Exit::False, "the product is already up, in another process", "", "'oriel status' shows it"};
     RegisterInstallation(teller);
@@ -315,11 +353,11 @@ Exit UpCommand(const UpOptions& options) {
             PrinterSides sides([&](const PrinterSideNews& news) { TellOfPrinterSide(teller, news); });
             if (demo) sides.GiveAccessList(demo->name, demo->accessList);
             sides.OpenPrinters(); // before 'up' is reported
-            const InitialisedSignal initialised;
+            InitialisedSignal initialised;
             teller.Tell("up", "the product is up; Ctrl-C stops it");
             TellSupervisor("STATUS=up");
             TellSupervisor("READY=1");
-            KeepRunning(service, teller, sides, startedHere);
+            KeepRunning(service, teller, sides, initialised, mutex, startedHere);
         }
     } catch (...) {
         // Leave nothing running that nobody looks after. Report the first failure.

@@ -70,7 +70,10 @@ CHILD_PROCESS(ReadsAcrossRestarts) {
 CHILD_PROCESS(OpensThePrinterAs) {
     const Library library;
     const TvsManager manager = OpenPrinter(static_cast<uint32_t>(std::stoul(child.arguments[1])), child.arguments[0]);
-    child.Say((RecordOf(manager)->flags & ManagerOwnsPrinter) != 0 ? "owner" : "guest");
+    {
+        const ManagerLockHold lock; // a service that is new may change them
+        child.Say((RecordOf(manager)->flags & ManagerOwnsPrinter) != 0 ? "owner" : "guest");
+    }
     child.Hear();
     return CloseManager(manager);
 }

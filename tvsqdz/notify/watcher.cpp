@@ -44,18 +44,24 @@ void SignalCount::Count(HANDLE event, const SignalTrust& trust) {
 namespace {
 
 constexpr int kBaseTries = 16;
+constexpr DWORD kLooks = 12; // for the next service, after one has told that it ends
 
 } // namespace
 
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
-    : m_registration(registration), m_trust(trust),
-      m_started(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text)),
-      m_wait(registration.thread.stopEvent) {
-    m_wait.SetStarted(m_started.Get());
+    : m_registration(registration), m_trust(trust), m_wait(registration.thread.stopEvent) {
+    WaitForStarted();
     do {
         m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));
     } while (m_variables == nullptr &&
              WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT);
+}
+
+// Another event than the last one when the system has lost all names.
+void Watcher::WaitForStarted() {
+    KernelHandle last = std::move(m_started);
+    m_started = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text));
+    m_wait.SetStarted(m_started.Get());
 }
 
 Watcher::~Watcher() {
@@ -154,7 +160,7 @@ bool Watcher::AwaitNews(DWORD pause) {
     if (m_variables == nullptr) return false;
     for (;;) {
         const bool idle = pause == kNoLook;
-        const DWORD limit = m_isWhole ? g_timings.serviceLook : g_timings.watchRetry;
+        const DWORD limit = m_isWhole && m_looks == 0 ? g_timings.serviceLook : g_timings.watchRetry;
         const product::Woken woken = m_wait.Wait(std::min(pause, limit));
         switch (woken) {
         case product::Woken::Stopped:
@@ -162,14 +168,20 @@ bool Watcher::AwaitNews(DWORD pause) {
             return false;
         case product::Woken::Started:
             LookForNewService(true);
+            m_looks = kLooks;
             break;
         case product::Woken::TimedOut:
-            if (idle) LookForNewService(false);
+            if (idle) LookForNewService(m_looks > 0);
+            if (m_looks > 0) --m_looks;
             break;
         case product::Woken::Signalled:
             break;
         }
         const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
+        if (isLost) {
+            m_looks = 0;
+            WaitForStarted();
+        }
         if (isLost || !m_isWhole) RenewWatches();
         // Also after the time: whoever may signal the event can also hide a pulse.
         for (DWORD k = 0; k < m_count; ++k)

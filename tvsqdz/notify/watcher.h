@@ -113,6 +113,7 @@ private:
     };
 
     bool AwaitNews(DWORD pause);
+    void WaitForStarted();
     void RenewWatches();
     void SetBase(Watched& watched, DWORD number);
     void Look(Watched& watched, DWORD number);
@@ -121,7 +122,8 @@ private:
 
     const NotificationRegistration& m_registration;
     const SignalTrust m_trust;
-    const KernelHandle m_started;
+    KernelHandle m_started;
+    DWORD m_looks = 0; // for a new service, that follow soon
     product::SignalWait m_wait;
     DWORD m_count = 0;
     bool m_isWhole = true;          // all watches are
