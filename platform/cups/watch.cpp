@@ -29,8 +29,9 @@ constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int kLeaseSeconds = 3600;
 constexpr int64_t kRenewNs = 300 * kSecondNs;
 constexpr int64_t kRetryNs = 2 * kSecondNs; // while there is no server
-constexpr int64_t kCallNs = 2 * kSecondNs;
-constexpr int kLookMs = 2000; // at the file of the socket
+constexpr int64_t kCallNs = 2 * kSecondNs;  // for all requests of one look
+constexpr int kLookMs = 2000;               // at the file of the socket
+constexpr const char* kScheme = "oriel-events:///";
 constexpr const char* kEvents[] = {"printer-state-changed", "job-created", "job-completed", "job-state-changed",
                                    "job-progress"};
 
@@ -72,8 +73,8 @@ uint64_t FileOf(const std::string& server) {
 } // namespace
 
 Watch::Watch(const PrintServerCall& call, void (*changed)(void*), void* context)
-    : m_call(call), m_changed(changed), m_context(context), m_token(NewToken()), m_socket(OpenSocket(m_token)),
-      m_stop(eventfd(0, EFD_CLOEXEC)) {
+    : m_call(call), m_changed(changed), m_context(context), m_uri(kScheme + NewToken()),
+      m_socket(OpenSocket(m_uri.substr(std::strlen(kScheme)))), m_stop(eventfd(0, EFD_CLOEXEC)) {
     if (m_socket < 0 || m_stop < 0) throw std::bad_alloc();
 }
 
@@ -87,33 +88,45 @@ Watch::~Watch() {
     close(m_stop);
 }
 
-ipp_status_t Watch::Ask(ipp_op_t operation, int* subscription) {
-    m_call.deadlineNs = NowNs() + kCallNs;
+ipp_status_t Watch::Ask(ipp_op_t operation, int* subscription, std::string* recipient) {
     Connection connection(m_call);
     // Of all printers: the server does not count the end of a job that was never begun as an event of its printer.
     Message request = connection.Request(operation, "");
     if (operation == IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS) {
-        ippAddString(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_URI, "notify-recipient-uri", nullptr,
-                     ("oriel-events:///" + m_token).c_str());
+        ippAddString(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_URI, "notify-recipient-uri", nullptr, m_uri.c_str());
         ippAddStrings(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_KEYWORD, "notify-events",
                       static_cast<int>(std::size(kEvents)), nullptr, kEvents);
     } else {
         ippAddInteger(request.get(), IPP_TAG_OPERATION, IPP_TAG_INTEGER, "notify-subscription-id", *subscription);
     }
-    if (operation != IPP_OP_CANCEL_SUBSCRIPTION)
+    if (operation == IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS || operation == IPP_OP_RENEW_SUBSCRIPTION)
         ippAddInteger(request.get(), IPP_TAG_SUBSCRIPTION, IPP_TAG_INTEGER, "notify-lease-duration", kLeaseSeconds);
     ipp_status_t status{};
     const Message answer = connection.Ask(std::move(request), &status);
     if (answer == nullptr) return IPP_STATUS_ERROR_SERVICE_UNAVAILABLE;
     if (operation == IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS)
         *subscription = ippGetInteger(ippFindAttribute(answer.get(), "notify-subscription-id", IPP_TAG_INTEGER), 0);
+    if (recipient != nullptr) {
+        const char* uri = ippGetString(ippFindAttribute(answer.get(), "notify-recipient-uri", IPP_TAG_URI), 0, nullptr);
+        *recipient = uri != nullptr ? uri : "";
+    }
     return status;
 }
 
-// Renews the subscription, or makes one.
-DWORD Watch::Subscribe() {
-    if (m_subscription > 0 && Ask(IPP_OP_RENEW_SUBSCRIPTION, &m_subscription) <= IPP_STATUS_OK_CONFLICTING)
-        return ERROR_SUCCESS;
+// A server that has lost its subscriptions counts them anew, so the number may be another watch's now.
+bool Watch::IsOurs() {
+    std::string recipient;
+    return m_subscription > 0 &&
+           Ask(IPP_OP_GET_SUBSCRIPTION_ATTRIBUTES, &m_subscription, &recipient) <= IPP_STATUS_OK_CONFLICTING &&
+           recipient == m_uri;
+}
+
+// Renews the subscription, or makes one. *anew: made, so that events may have been lost.
+DWORD Watch::Subscribe(bool* anew) {
+    *anew = false;
+    m_call.deadlineNs = NowNs() + kCallNs;
+    if (IsOurs() && Ask(IPP_OP_RENEW_SUBSCRIPTION, &m_subscription) <= IPP_STATUS_OK_CONFLICTING) return ERROR_SUCCESS;
+    *anew = true;
     m_subscription = 0;
     const ipp_status_t status = Ask(IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS, &m_subscription);
     if (status == IPP_STATUS_ERROR_SERVICE_UNAVAILABLE) return ERROR_TIMEOUT;
@@ -122,7 +135,8 @@ DWORD Watch::Subscribe() {
 }
 
 DWORD Watch::Begin() {
-    const DWORD error = Subscribe();
+    bool anew = false;
+    const DWORD error = Subscribe(&anew);
     if (error != ERROR_SUCCESS) return error;
     sigset_t all, before;
     sigfillset(&all);
@@ -150,19 +164,19 @@ void Watch::Run() {
         const uint64_t now = FileOf(m_call.server);
         if (now != file || NowNs() >= renewNs) {
             file = now;
-            const int before = m_subscription;
-            bool made = false;
+            bool holds = false, anew = false;
             try {
-                made = Subscribe() == ERROR_SUCCESS;
+                holds = Subscribe(&anew) == ERROR_SUCCESS;
             } catch (const std::exception&) { // lack of memory or threads
             }
-            renewNs = NowNs() + (made ? kRenewNs : kRetryNs);
-            changed = changed || m_subscription != before; // events may have been lost
+            renewNs = NowNs() + (holds ? kRenewNs : kRetryNs);
+            changed = changed || anew;
         }
         if (changed) m_changed(m_context);
     }
+    m_call.deadlineNs = NowNs() + kCallNs;
     try {
-        if (m_subscription > 0) Ask(IPP_OP_CANCEL_SUBSCRIPTION, &m_subscription);
+        if (IsOurs()) Ask(IPP_OP_CANCEL_SUBSCRIPTION, &m_subscription);
     } catch (const std::exception&) { // its lease ends
     }
 }

@@ -20,14 +20,16 @@ public:
     DWORD Begin();
 
 private:
-    ipp_status_t Ask(ipp_op_t operation, int* subscription);
-    DWORD Subscribe();
+    // recipient: of Get-Subscription-Attributes, else null.
+    ipp_status_t Ask(ipp_op_t operation, int* subscription, std::string* recipient = nullptr);
+    bool IsOurs();
+    DWORD Subscribe(bool* anew);
     void Run();
 
     PrintServerCall m_call;
     void (*const m_changed)(void*);
     void* const m_context;
-    const std::string m_token; // of this watch's socket
+    const std::string m_uri; // of this watch's socket
     const int m_socket;
     const int m_stop;
     int m_subscription = 0; // 0: none

@@ -1,4 +1,5 @@
 // A printer of the print server: jobs of all clients reach the variables by events, and commands reach the jobs.
+#include "network_printer.h"
 #include "print_server.h"
 #include "product.h"
 
@@ -6,6 +7,7 @@
 
 #include <map>
 #include <random>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -50,29 +52,43 @@ std::string Difference(Queue ours, Queue theirs) {
     return text.str();
 }
 
-// Several users print, hold, release and cancel; after a second of quiet both queues are the same.
+// Several users print, and hold, release and cancel their own jobs, and the operator everybody's. After a second of
+// quiet both queues are the same.
 void Load(PrintServer& server, int jobs, int looks, uint64_t seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(static_cast<unsigned>(seed));
     const std::string document = FileOf("page", "text");
-    const std::string users[] = {"anna", "bert", "cleo"};
+    const std::string users[] = {"anna", "bert", "cleo", "root"};
+    std::map<int, std::string> owners;
+    std::set<std::string> changers;
     for (int job = 1; job <= jobs; ++job) {
-        const std::string& user = users[random() % 3];
-        server.Command("/usr/bin/lp", {"-U", user, "-d", "Office", "-t", "job " + std::to_string(job), document});
-        const std::string victim = "Office-" + std::to_string(1 + random() % static_cast<unsigned>(job));
-        const char* const changes[] = {"hold", "resume"};
-        if (random() % 4 == 0) RunProgram("/usr/bin/lp", {"-i", victim, "-H", changes[random() % 2]});
-        if (random() % 6 == 0) RunProgram("/usr/bin/cancel", {"-U", user, victim}); // its own ones only
+        owners[job] = users[random() % 3];
+        server.Command("/usr/bin/lp",
+                       {"-U", owners[job], "-d", "Office", "-t", "job " + std::to_string(job), document});
+        if (random() % 3 != 0) {
+            const int victim = 1 + static_cast<int>(random() % static_cast<unsigned>(job));
+            const std::string& who = users[random() % std::size(users)];
+            const std::string number = "Office-" + std::to_string(victim);
+            const std::vector<std::string> changes[] = {{"/usr/bin/lp", "-U", who, "-i", number, "-H", "hold"},
+                                                        {"/usr/bin/lp", "-U", who, "-i", number, "-H", "resume"},
+                                                        {"/usr/bin/cancel", "-U", who, number}};
+            const std::vector<std::string>& change = changes[random() % std::size(changes)];
+            const bool done = RunProgram(change[0], {change.begin() + 1, change.end()}).exitCode == 0;
+            EXPECT_TRUE(!done || who == "root" || who == owners[victim]) << who << " changed " << number;
+            if (done) changers.insert(who);
+        }
         if (job % (jobs / looks) != 0) continue;
         PauseMs(1000);
         EXPECT_EQ(Difference(OurQueue(), ServersQueue(server)), "") << "after job " << job;
     }
+    EXPECT_GE(changers.size(), 2u) << "several users changed jobs";
 }
 
 } // namespace
 
 TEST(PrintServerSource, JobsOfAllClientsAreFollowedWithoutPollingCampaign) {
-    PrintServer server;
+    const std::string listen = "localhost:" + std::to_string(FreePort());
+    PrintServer server(listen);
     server.AddSlowPrinter("Slow");
     const RunningProduct product;
     EXPECT_EQ(OrielJson({"printers", "discover"})["printers"][0]["add"],
@@ -109,9 +125,19 @@ TEST(PrintServerSource, JobsOfAllClientsAreFollowedWithoutPollingCampaign) {
     EXPECT_EQ(ValueOf("Slow", "JobStatus"), 0);
     EXPECT_TRUE(WaitUntil([] { return VariableOf("Slow", "PrinterStatus")["meaning"] == "ready"; }));
 
-    // It is restarted, and has forgotten who subscribed.
+    // It is restarted, and has forgotten who subscribed. Somebody else gets the number of the first subscription.
     server.Restart();
-    PauseMs(3000);
+    const std::string subscribe = FileOf("subscribe", "{\nOPERATION Create-Printer-Subscription\n"
+                                                      "GROUP operation-attributes-tag\n"
+                                                      "ATTR charset attributes-charset utf-8\n"
+                                                      "ATTR language attributes-natural-language en\n"
+                                                      "ATTR uri printer-uri $uri\n"
+                                                      "GROUP subscription-attributes-tag\n"
+                                                      "ATTR keyword notify-pull-method ippget\n"
+                                                      "ATTR keyword notify-events job-created\n"
+                                                      "STATUS successful-ok\n}\n");
+    for (int i = 0; i < 2; ++i)
+        server.Command("/usr/bin/ipptool", {"ipp://" + listen + "/printers/Office", subscribe});
     server.Print("after the restart");
     EXPECT_TRUE(WaitUntil([&] { return Difference(OurQueue(), ServersQueue(server)).empty(); }));
 
