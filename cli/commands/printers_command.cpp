@@ -150,11 +150,19 @@ Exit AddQueue(const NewPrinter& wanted) {
     return Exit::Done;
 }
 
+// For a shell: what is announced may hold anything.
+std::string ShellWord(const std::string& text) {
+    std::string word = "'";
+    for (const char letter : text)
+        word += letter == '\'' ? R"('"'"')" : std::string(1, letter); // without a backslash, which Printable doubles
+    return word + "'";
+}
+
 // The command that adds a printer that was found.
 std::string AddLine(const Printer& printer) {
     const std::string port = ToUtf8(printer.port), name = ToUtf8(printer.name);
-    const std::string address = printer.announced ? port.substr(0, port.find('?')) : kQueuePrefix + name;
-    return "oriel printers add '" + name + "' --device '" + address + "'";
+    const std::string address = printer.announced ? port : kQueuePrefix + name;
+    return "oriel printers add " + ShellWord(name) + " --device " + ShellWord(address);
 }
 
 } // namespace

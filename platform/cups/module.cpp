@@ -1,5 +1,6 @@
 // The module for the print server: printers and jobs of CUPS (RFC 8011, and CUPS's documented operations) through
 // libcups. No state between calls.
+#include "announcements.h"
 #include "connection.h"
 #include "watch.h"
 
@@ -281,65 +282,33 @@ struct Found {
     std::mutex lock;
     std::condition_variable ended;
     bool over = false;
-    int cut = 0; // libcups looks at it
     std::vector<Printer> printers;
 };
 
-const char* OptionOf(const cups_dest_t& destination, const char* name) {
-    const char* value = cupsGetOption(name, destination.num_options, destination.options);
-    return value != nullptr ? value : "";
-}
-
-// Of an announcement, which names a service: the host, port and path that it leads to, if it does.
-std::string AddressOf(cups_dest_t* destination) {
-    constexpr int kConnectMs = 1000;
-    const std::string uri = OptionOf(*destination, "device-uri");
-    if (!uri.starts_with("dnssd://")) return uri;
-    char path[HTTP_MAX_URI], host[HTTP_MAX_HOST], address[HTTP_MAX_URI];
-    http_t* http =
-        cupsConnectDest(destination, CUPS_DEST_FLAGS_DEVICE, kConnectMs, nullptr, path, sizeof path, nullptr, nullptr);
-    if (http == nullptr) return uri;
-    const char* scheme = uri.find("._ipps.") != uri.npos ? "ipps" : "ipp";
-    const int port = httpAddrPort(httpGetAddress(http));
-    const char* name = httpGetHostname(http, host, sizeof host);
-    const bool made = name != nullptr && httpAssembleURI(HTTP_URI_CODING_ALL, address, sizeof address, scheme, nullptr,
-                                                         name, port, path) >= HTTP_URI_STATUS_OK;
-    httpClose(http);
-    return made ? address : uri;
-}
-
-int TakeFound(void* context, unsigned, cups_dest_t* destination) {
-    auto& found = *static_cast<Found*>(context);
-    Printer printer;
-    printer.texts[kPrinterName] = destination->name;
-    printer.texts[kPortName] = AddressOf(destination);
-    printer.texts[kDriverName] = OptionOf(*destination, "printer-make-and-model");
-    printer.texts[kPrinterComment] = OptionOf(*destination, "printer-info");
-    printer.texts[kPrinterLocation] = OptionOf(*destination, "printer-location");
-    // What is announced has an address to print to; a queue of the server has a name alone.
-    printer.attributes =
-        *OptionOf(*destination, "printer-uri-supported") != '\0' ? PRINTER_ATTRIBUTE_LOCAL : PRINTER_ATTRIBUTE_NETWORK;
-    const std::lock_guard hold(found.lock);
-    found.printers.push_back(std::move(printer));
-    return 1;
-}
-
-// libcups may wait for a server that stands still; its thread is left behind then.
+// The queues of the server, which may be none, and printers that announce themselves. Who waits for an Avahi that
+// stands still is left behind.
 DWORD Discover(const PrintServerCall& call, std::vector<Printer>* printers) {
     constexpr int kAnnouncementsMs = 2500;
     const auto found = std::make_shared<Found>();
     std::thread([found] {
         const SigpipeHold hold;
-        cupsEnumDests(CUPS_DEST_FLAGS_NONE, kAnnouncementsMs, &found->cut, 0, 0, TakeFound, found.get());
+        const auto take = [&](std::vector<Printer> announced) {
+            const std::lock_guard hold(found->lock);
+            found->printers = std::move(announced);
+        };
+        try {
+            FindAnnounced(kAnnouncementsMs, take);
+        } catch (const std::bad_alloc&) { // those that were found are told
+        }
         const std::lock_guard over(found->lock);
         found->over = true;
         found->ended.notify_one();
     }).detach();
+    if (ListPrinters(call, printers) != ERROR_SUCCESS) printers->clear();
     std::unique_lock hold(found->lock);
     const std::chrono::steady_clock::time_point deadline{std::chrono::nanoseconds(call.deadlineNs)};
     found->ended.wait_until(hold, deadline, [&] { return found->over; });
-    found->cut = 1;
-    *printers = found->printers;
+    printers->insert(printers->end(), found->printers.begin(), found->printers.end());
     return ERROR_SUCCESS;
 }
 
