@@ -121,12 +121,10 @@ bool Watch::IsOurs() {
            recipient == m_uri;
 }
 
-// Renews the subscription, or makes one. *anew: made, so that events may have been lost.
-DWORD Watch::Subscribe(bool* anew) {
-    *anew = false;
+// Renews the subscription, or makes one.
+DWORD Watch::Subscribe() {
     m_call.deadlineNs = NowNs() + kCallNs;
     if (IsOurs() && Ask(IPP_OP_RENEW_SUBSCRIPTION, &m_subscription) <= IPP_STATUS_OK_CONFLICTING) return ERROR_SUCCESS;
-    *anew = true;
     m_subscription = 0;
     const ipp_status_t status = Ask(IPP_OP_CREATE_PRINTER_SUBSCRIPTIONS, &m_subscription);
     if (status == IPP_STATUS_ERROR_SERVICE_UNAVAILABLE) return ERROR_TIMEOUT;
@@ -135,8 +133,7 @@ DWORD Watch::Subscribe(bool* anew) {
 }
 
 DWORD Watch::Begin() {
-    bool anew = false;
-    const DWORD error = Subscribe(&anew);
+    const DWORD error = Subscribe();
     if (error != ERROR_SUCCESS) return error;
     sigset_t all, before;
     sigfillset(&all);
@@ -164,13 +161,13 @@ void Watch::Run() {
         const uint64_t now = FileOf(m_call.server);
         if (now != file || NowNs() >= renewNs) {
             file = now;
-            bool holds = false, anew = false;
+            bool holds = false;
             try {
-                holds = Subscribe(&anew) == ERROR_SUCCESS;
+                holds = Subscribe() == ERROR_SUCCESS;
             } catch (const std::exception&) { // lack of memory or threads
             }
             renewNs = NowNs() + (holds ? kRenewNs : kRetryNs);
-            changed = changed || anew;
+            changed = true; // events may have been lost, or the notifier program may not send any
         }
         if (changed) m_changed(m_context);
     }

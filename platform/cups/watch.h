@@ -23,7 +23,7 @@ private:
     // recipient: of Get-Subscription-Attributes, else null.
     ipp_status_t Ask(ipp_op_t operation, int* subscription, std::string* recipient = nullptr);
     bool IsOurs();
-    DWORD Subscribe(bool* anew);
+    DWORD Subscribe();
     void Run();
 
     PrintServerCall m_call;
