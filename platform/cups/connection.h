@@ -49,6 +49,7 @@ public:
     DWORD Failure() const;
 
 private:
+    Message ReadAnswer(ipp_status_t* status);
     void CutOffAtDeadline();
 
     const PrintServerCall& m_call;
