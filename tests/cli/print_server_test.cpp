@@ -1,6 +1,7 @@
 // A printer of the print server: jobs of all clients reach the variables by events, and commands reach the jobs.
 #include "network_printer.h"
 #include "print_server.h"
+#include "printer_agent.h"
 #include "product.h"
 
 #include "campaign.h"
@@ -15,8 +16,8 @@ namespace {
 // The jobs that are not over, by number, with their users.
 using Queue = std::map<int, std::string>;
 
-Queue ServersQueue(PrintServer& server) {
-    std::istringstream text(server.Command("/usr/bin/lpstat", {"-o", "Office"}));
+Queue ServersQueue(PrintServer& server, const std::string& name = "Office") {
+    std::istringstream text(server.Command("/usr/bin/lpstat", {"-o", name}));
     Queue queue;
     for (std::string line; std::getline(text, line);) {
         std::istringstream fields(line);
@@ -79,7 +80,9 @@ void Load(PrintServer& server, int jobs, int looks, uint64_t seed) {
         }
         if (job % (jobs / looks) != 0) continue;
         PauseMs(1000);
-        EXPECT_EQ(Difference(OurQueue(), ServersQueue(server)), "") << "after job " << job;
+        EXPECT_EQ(Difference(OurQueue(), ServersQueue(server)), "")
+            << "after job " << job
+            << ", and 3 s later:" << (PauseMs(3000), Difference(OurQueue(), ServersQueue(server)));
     }
     EXPECT_GE(changers.size(), 2u) << "several users changed jobs";
 }
@@ -143,4 +146,36 @@ TEST(PrintServerSource, JobsOfAllClientsAreFollowedWithoutPollingCampaign) {
 
     OrielText({"printers", "remove", "Slow"});
     EXPECT_EQ(server.Command("/usr/bin/lpstat", {"-v", "Slow"}).substr(0, 15), "device for Slow") << "the queue stays";
+}
+
+TEST(PrintServerSource, ASocketOrLpdQueueIsAskedBySnmpAndItsJobsAreTheServers) {
+    PrintServer server;
+    const int port = FreePort();
+    // Port 161 of a loopback address that no other test has.
+    const std::string host = "127.1." + std::to_string(port / 256) + "." + std::to_string(1 + port % 254);
+    PrinterAgent agent(host, 161);
+    server.Command("/usr/sbin/lpadmin", {"-p", "Wire", "-E", "-v", "socket://" + host + ":9100/?waiteof=false"});
+    server.Command("/usr/sbin/lpadmin", {"-p", "Line", "-E", "-v", "lpd://somebody@" + host + "/queue?format=l"});
+    const RunningProduct product;
+    for (const std::string queue : {"Wire", "Line"}) {
+        const ProgramResult added = Oriel({"printers", "add", queue, "--device", "cups:" + queue});
+        EXPECT_NE(added.output.find("device: snmp://" + host + "\n"), std::string::npos)
+            << added.output << added.errors;
+        ExpectTakesRequests(queue);
+        EXPECT_EQ(ValueOf(queue, "PrinterModel"), "Example Laser 7");
+        EXPECT_EQ(ValueOf(queue, "PageCount"), 4711);
+    }
+    server.Print("A letter", "Wire");
+    EXPECT_TRUE(WaitUntil([] { return ValueOf("Wire", "SendingJobInfo")["jobName"] == "A letter"; }));
+    EXPECT_EQ(ValueOf("Line", "SendingJobInfo")["jobId"], 0);
+    agent.Tell(Changed({{"25.3.5.1.2.4", "octet 04 00"}, {"25.3.2.1.5.4", "integer 5"}}));
+    OrielText({"get", "Wire", "PrinterStatus", "--kind", "4"}); // asks for polling
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Wire", "ErrPaperJam")["meaning"] == "paper jam"; }));
+    EXPECT_EQ(ValueOf("Wire", "SendingJobInfo")["jobName"], "A letter")
+        << "the printer's reading leaves the jobs alone";
+    agent.End();
+    EXPECT_TRUE(WaitUntil([] { return VariableOf("Wire", "ErrPaperJam")["stale"] == true; }));
+    const int job = ServersQueue(server, "Wire").begin()->first;
+    EXPECT_EQ(Oriel({"cancel", "Wire", std::to_string(job)}).exitCode, 0) << "jobs go on without the agent";
+    EXPECT_TRUE(WaitUntil([] { return ValueOf("Wire", "SendingJobInfo")["jobId"] == 0; }));
 }

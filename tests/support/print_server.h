@@ -83,6 +83,10 @@ private:
         std::ofstream(slow) << "#!/bin/sh\n[ $# = 0 ] && exit 0\necho 'PAGE: 1 1' >&2\nwhile [ -d " << m_folder
                             << " -a ! -e " << m_folder << "/go ]; do sleep 0.05; done\n";
         std::filesystem::permissions(slow, std::filesystem::perms::owner_all); // so it runs as root
+        // These are of a package that brings filters and drivers too.
+        for (const char* scheme : {"socket", "lpd"})
+            if (!std::filesystem::exists(programs + "/backend/" + scheme))
+                std::filesystem::create_symlink(slow, programs + "/backend/" + scheme);
     }
 
     TestProcess Start() {
