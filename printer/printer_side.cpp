@@ -411,13 +411,22 @@ void CheckAll(PrinterSide& side) {
     CheckVariable(side, kWriteRequest);
 }
 
+// Whether a manager of the polling kind is open, or was since the last look. Such a manager sets the variable and does
+// not reset it.
+bool IsPollingWanted(PrinterSide& side) {
+    if (IsWatched(side.link, names::kCompulsivePolling)) return true;
+    if (ReadNumberOf(side.link, names::kCompulsivePolling) == 0) return false;
+    constexpr DWORD kOff = 0;
+    WriteBytes(side.link, names::kCompulsivePolling, &kOff, sizeof kOff);
+    return true;
+}
+
 // Somebody waits for a change of the printer's status, or asked for polling when it opened the printer.
 bool IsFollowed(PrinterSide& side) {
     constexpr const char* kFollowed[] = {names::kPrinterStatus, names::kPrinterStatus2, names::kErrPaperJam,
                                          names::kPrintingStatus, names::kPrintingJobInfo};
-    return ReadNumberOf(side.link, names::kCompulsivePolling) != 0 ||
-           std::any_of(std::begin(kFollowed), std::end(kFollowed),
-                       [&](const char* variable) { return IsWatched(side.link, variable); });
+    return IsPollingWanted(side) || std::any_of(std::begin(kFollowed), std::end(kFollowed),
+                                                [&](const char* variable) { return IsWatched(side.link, variable); });
 }
 
 // ---- beginning and end of a connection

@@ -26,6 +26,15 @@ TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
     printer.Print("STATE: +media-jam-error\nwait here\n");
     OrielText({"get", "Lab", "PrinterStatus", "--kind", "4"}); // asks for polling
     EXPECT_TRUE(WaitUntil([] { return VariableOf("Lab", "ErrPaperJam")["meaning"] == "paper jam"; }));
+    // It is polled for as long as a manager of that kind is open.
+    EXPECT_TRUE(WaitUntil([] { return ValueOf("Lab", "CompulsivePolling") == 0; }));
+    {
+        TestProcess polling = TestProcess::Program(ProgramPath("oriel"), {"watch", "Lab", "PageCount", "--kind", "4"});
+        EXPECT_TRUE(WaitUntil([] { return ValueOf("Lab", "CompulsivePolling") == 1; }));
+        PauseMs(5000); // a look is every 4 s
+        EXPECT_EQ(ValueOf("Lab", "CompulsivePolling"), 1);
+    }
+    EXPECT_TRUE(WaitUntil([] { return ValueOf("Lab", "CompulsivePolling") == 0; }));
     EXPECT_EQ(VariableOf("Lab", "ErrPaperJam")["severity"], "error");
     EXPECT_EQ(VariableOf("Lab", "PrinterStatus2")["bits"], Json({"paper jam"}));
     EXPECT_NE(

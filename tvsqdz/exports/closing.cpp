@@ -94,6 +94,7 @@ void DestroyManager(ManagerRecord* manager) {
     CloseOwnerEvent(manager); // of an open that failed
     if (manager->databaseMutex != nullptr) CloseHandle(manager->databaseMutex);
     if (manager->requestMutex != nullptr) CloseHandle(manager->requestMutex);
+    if (manager->pollingEvent != nullptr) CloseHandle(manager->pollingEvent);
     CloseRetiredMutexes(manager);
     FreeVariables(manager);
     FreeBlock(manager);

@@ -109,8 +109,10 @@ Status ObtainPrinterDatabase(ManagerRecord* manager) {
 
 void AskForPolling(ManagerRecord* manager) {
     const uint32_t on = 1;
-    if (manager->clientKind == TVS_KIND_POLLING)
-        WriteVariable(manager->printerDatabase, kCompulsivePolling, &on, sizeof on);
+    if (manager->clientKind != TVS_KIND_POLLING) return;
+    manager->pollingEvent = CreateNamedEvent(product::VariableEventName(
+        g_terminalServer, manager->databaseName, kCompulsivePolling, product::VariableSignal::Updated));
+    WriteVariable(manager->printerDatabase, kCompulsivePolling, &on, sizeof on);
 }
 
 namespace {

@@ -94,6 +94,7 @@ void TakeOver(ManagerRecord* manager, ManagerRecord* fresh, HeapBlock& retired) 
     manager->printerIndex = fresh->printerIndex;
     manager->ownerProcessId = fresh->ownerProcessId;
     std::swap(manager->ownerEvent, fresh->ownerEvent); // the former one is closed with the fresh record
+    std::swap(manager->pollingEvent, fresh->pollingEvent);
     memcpy(manager->databaseName, fresh->databaseName, sizeof manager->databaseName);
     if (fresh->requestMutex != nullptr) {
         auto* old = reinterpret_cast<RetiredMutex*>(retired.Take());

@@ -58,6 +58,8 @@ struct ManagerRecord {
     RelayedRegistration* relayed GUARDED_BY(g_managerLock); // those that the printer's owner serves for the manager
     HANDLE databaseMutex;
     std::atomic<HANDLE> requestMutex;
+    // The event of "CompulsivePolling", of a manager of the polling kind: the printer is polled while one has it open.
+    HANDLE pollingEvent;
     uint32_t lmFunction; // value of "LMFunction" at open; 0 under Windows NT 3.50 and 3.51
     ManagerRecord* next GUARDED_BY(g_managerLock);
     LONG volatile references;
