@@ -1,6 +1,7 @@
 // Connecting, and values in the forms of the database. State: the link's.
 #include "link.h"
 
+#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/program_client.h"
 #include "product/variable_names.h"
@@ -14,6 +15,8 @@
 using namespace product;
 
 namespace {
+
+constexpr DWORD kSmallValue = 512; // bytes; larger values are asked for
 
 constexpr const char* kWatchedNames[kWatchedCount] = {names::kReadRequest, names::kWriteRequest, kForwardMailbox,
                                                       names::kLMFunction};
@@ -31,6 +34,22 @@ std::string FindDatabaseName(const std::string& printer, std::string* name, std:
     if (status > 0) return "the status database service does not answer (" + std::to_string(status) + ")";
     if (answer != Answer::Done) return "no printer has been opened yet";
     return name->empty() ? "the printer has not been opened yet" : "";
+}
+
+// What is published of the variable, and its value if it has at most that many bytes. Ask: nothing, or the service has
+// ended, which makes the link a lost one.
+PublishedRead ReadPublished(Link& link, const char* variable, BYTE* value, DWORD capacity, PublishedState* state) {
+    if (!link.published.IsMapped()) return PublishedRead::Ask;
+    if (!link.published.ServiceLives()) {
+        link.lost = true;
+        return PublishedRead::Ask;
+    }
+    if (!link.published.IsCurrent()) {
+        PublishedPlace place;
+        if (Examine(link, FindPublishedValues(link.database, &place)) != kDone || !link.published.Map(place))
+            return PublishedRead::Ask;
+    }
+    return product::ReadPublished(link.published.Section(), variable, value, capacity, state);
 }
 
 // Two printer sides would answer each other's requests. When the other one ends it releases the mutex. Only this user
@@ -123,28 +142,45 @@ std::string Connect(Link& link) {
     link.lost = false;
     if (!BecomeOnlyOne(link)) return "another printer side serves the printer";
     if (!MakeMailbox(link)) return "the mailbox of forwarded requests cannot be made";
+    PublishedPlace place;
+    if (FindPublishedValues(link.database, &place) == Answer::Done) link.published.Map(place); // or it is read by calls
     for (DWORD which = 0; which < kWatchedCount; ++which)
         if (!Watch(link, which)) return std::string("\"") + kWatchedNames[which] + "\" cannot be watched";
     return "";
 }
 
 void Disconnect(Link& link) {
-    // Watches belong to the process, not to the handle. A lost link has none.
+    // Watches belong to the process, not to the handle. A service that does not know the handle has none of it; one that
+    // cannot be reached is not asked again.
+    bool asks = link.database != 0;
     for (DWORD which = 0; which < kWatchedCount; ++which) {
         if (!link.events[which]) continue;
         CloseHandle(link.events[which]);
         link.events[which] = nullptr;
-        if (!link.lost) UnwatchVariable(link.database, kWatchedNames[which]);
+        if (asks) asks = static_cast<LONG>(UnwatchVariable(link.database, kWatchedNames[which])) <= 0;
     }
-    if (link.database != 0) CloseDatabase(link.database);
+    if (asks) CloseDatabase(link.database);
     link.database = 0;
     link.hold.Release();
     link.onlyOne.Reset();
     link.known.clear();
+    link.published.Unmap();
     link.lost = true;
 }
 
+void AskService(Link& link) {
+    VariableInfo info = {};
+    Examine(link, GetVariableInfo(link.database, names::kReadRequest, &info));
+}
+
 LONG ReadBytes(Link& link, const char* variable, Bytes* value) {
+    BYTE small[kSmallValue];
+    PublishedState state = {};
+    if (ReadPublished(link, variable, small, sizeof small, &state) == PublishedRead::Done) {
+        value->assign(small, small + state.size);
+        return kDone;
+    }
+    if (link.lost) return kUnknownDatabase;
     return Examine(link, ReadWholeValue(link.database, variable, value));
 }
 
@@ -167,6 +203,12 @@ DWORD ReadNumberOf(Link& link, const char* variable) {
 }
 
 LONG InfoOf(Link& link, const char* variable, VariableInfo* info) {
+    PublishedState state = {};
+    if (ReadPublished(link, variable, nullptr, 0, &state) != PublishedRead::Ask) {
+        *info = {state.type, state.size, static_cast<DWORD>(state.writes), ToSystemTime(state.writeTime)};
+        return kDone;
+    }
+    if (link.lost) return kUnknownDatabase;
     return Examine(link, GetVariableInfo(link.database, variable, info));
 }
 
@@ -191,7 +233,9 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
     return WriteBytes(link, variable, bytes.data(), static_cast<DWORD>(bytes.size()));
 }
 
-bool IsWatched(const Link& link, const char* variable) {
+bool IsWatched(Link& link, const char* variable) {
+    PublishedState state = {};
+    if (ReadPublished(link, variable, nullptr, 0, &state) != PublishedRead::Ask) return state.watched;
     for (const VariableSignal signal : {VariableSignal::Updated, VariableSignal::Changed}) {
         const KernelName name = VariableEventName(link.terminalServer, link.databaseName, variable, signal);
         if (KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text))) return true;
@@ -199,6 +243,6 @@ bool IsWatched(const Link& link, const char* variable) {
     return false;
 }
 
-bool SomebodyWaits(const Link& link) {
+bool SomebodyWaits(Link& link) {
     return IsWatched(link, names::kRWResult);
 }

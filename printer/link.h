@@ -10,6 +10,7 @@
 #include "product/client.h"
 #include "product/guards.h"
 #include "product/object_names.h"
+#include "product/published_mapping.h"
 
 #include <map>
 #include <string>
@@ -29,11 +30,15 @@ struct Link {
     MutexHold hold{};       // on it, while there is a connection
     bool lost = true;
     std::map<std::string, product::VariableInfo> known{}; // type and size of what was stored before
+    product::PublishedValues published{};                 // of the database, where it has them: reads need no call
 };
 
 // Connects. Empty, or the reason in words why there is no connection yet.
 std::string Connect(Link& link);
 void Disconnect(Link& link);
+
+// Marks a link as lost whose service does not know the database any more. Reads notice only that the service has ended.
+void AskService(Link& link);
 
 // Reads the whole value. kDone, an answer of the service (product/interface.h), or a positive code.
 LONG ReadBytes(Link& link, const char* variable, Bytes* value);
@@ -54,6 +59,6 @@ LONG CreateRecord(Link& link, const char* variable, const void* value, DWORD siz
 LONG StoreValue(Link& link, const DeviceValue& value);
 
 // Whether anybody watches the variable: a watcher has its event open.
-bool IsWatched(const Link& link, const char* variable);
+bool IsWatched(Link& link, const char* variable);
 // Whether anybody waits for the answer to a request, in "RWResult".
-bool SomebodyWaits(const Link& link);
+bool SomebodyWaits(Link& link);

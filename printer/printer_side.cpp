@@ -1,7 +1,7 @@
 // One thread waits for a request, for the device and for its answers, and handles one after the other.
 //
-// Its wait remembers which pulses it has seen, so it misses no request. It also looks from time to time whether the
-// service is still there. State: the record of the printer.
+// Its wait remembers which pulses it has seen, so it misses no request. It also looks from time to time, at the values
+// that the service publishes: that costs no call. State: the record of the printer.
 #include "printer_side.h"
 
 #include "jobs.h"
@@ -26,8 +26,8 @@ using namespace product;
 
 namespace {
 
-constexpr DWORD kIdleLookMs = 1000; // between looks whether the service is still there
-constexpr DWORD kFullLookMs = 4000; // at all that events tell too, and whether somebody follows the printer
+constexpr DWORD kLookMs = 2000;  // between looks at all that events tell too, and whether somebody follows the printer
+constexpr DWORD kAskMs = 30000; // between calls of the service that only see whether it still knows us
 constexpr DWORD kFirstRetryMs = 50; // to connect; half as long again each time
 constexpr DWORD kLongestRetryMs = 2000;
 
@@ -548,12 +548,12 @@ bool WaitForWork(PrinterSide& side, SignalWait& signals, DWORD wait) {
 }
 
 DWORD Until(const PrinterSide& side, ULONGLONG due) {
-    return due > side.now ? static_cast<DWORD>(std::min<ULONGLONG>(due - side.now, kIdleLookMs)) : 0;
+    return due > side.now ? static_cast<DWORD>(std::min<ULONGLONG>(due - side.now, kLookMs)) : 0;
 }
 
 // Returns true when the link is lost, false when stop was set.
 bool ServeLink(PrinterSide& side) {
-    ULONGLONG lookAt = side.now + kIdleLookMs, fullLookAt = lookAt;
+    ULONGLONG lookAt = side.now + kLookMs, askAt = side.now + kAskMs;
     SignalWait signals(side.stop);
     WatchEvents(side, signals);
     CheckAll(side); // what was written before
@@ -568,13 +568,11 @@ bool ServeLink(PrinterSide& side) {
         if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
         if (!WaitForWork(side, signals, wait)) return false;
         if (side.now < lookAt) continue;
-        lookAt = side.now + kIdleLookMs;
-        VariableInfo info = {};
-        if (side.now < fullLookAt) {
-            InfoOf(side.link, names::kReadRequest, &info); // marks a link that is lost
-            continue;
+        lookAt = side.now + kLookMs;
+        if (side.now >= askAt) {
+            AskService(side.link);
+            askAt = side.now + kAskMs;
         }
-        fullLookAt = side.now + kFullLookMs;
         CheckAll(side);
         if (side.device.followed) side.device.followed(side.device.self, IsFollowed(side));
     }

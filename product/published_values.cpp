@@ -2,6 +2,7 @@
 #include "product/published_values.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string.h>
 
 namespace product {
@@ -194,6 +195,8 @@ PublishedRead ReadPublished(const PublishedSection& section, std::string_view na
     if (attempt == Attempt::Torn || attempt == Attempt::Ask) return PublishedRead::Ask;
     state->updatedPulses = slot->pulses[0].load(std::memory_order_acquire);
     state->changedPulses = slot->pulses[1].load(std::memory_order_acquire);
+    state->watched = std::any_of(std::begin(slot->watches), std::end(slot->watches),
+                                 [](const auto& count) { return count.load(std::memory_order_acquire) != 0; });
     if (!IsCurrent(section)) return PublishedRead::Ask;
     return attempt == Attempt::Done ? PublishedRead::Done : PublishedRead::TooSmall;
 }

@@ -233,6 +233,11 @@ void PutPulses(Publication* publication, DWORD number, WatchMode mode, DWORD pul
         SlotOf(*publication, number).pulses[mode == kEveryWrite ? 0 : 1].store(pulses, std::memory_order_release);
 }
 
+void PutWatches(Publication* publication, DWORD number, WatchMode mode, DWORD watches) {
+    if (number != 0)
+        SlotOf(*publication, number).watches[mode == kEveryWrite ? 0 : 1].store(watches, std::memory_order_release);
+}
+
 void BeginPublishing(ServiceInstance run) {
     g_terminalServer = MachineIsTerminalServer();
     g_run = run;

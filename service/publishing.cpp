@@ -107,7 +107,7 @@ void PublishDatabase(Database& database) {
         store.publication.store(publication, std::memory_order_seq_cst);
         FillAll(database, variables, replaced);
         for (Variable* variable : variables)
-            if (VariableSignals* signals = variable->signals.load(std::memory_order_acquire)) PublishPulses(*signals);
+            if (VariableSignals* signals = variable->signals.load(std::memory_order_acquire)) PublishCounts(*signals);
         MarkCurrent(*publication);
     } catch (const std::bad_alloc&) { // nothing was replaced by then
     }

@@ -28,17 +28,20 @@ Signal& SignalOf(VariableSignals& signals, WatchMode mode) REQUIRES(signals.lock
 }
 
 // The owner's lock is held here and below.
-void PutPulses(const Signal& signal) {
+void PutCounts(const Signal& signal) {
     const VariableSignals& signals = *signal.owner;
-    if (Publication* publication = signals.database->store.publication.load(std::memory_order_acquire))
-        PutPulses(publication, signals.variable->slot.load(std::memory_order_acquire), signal.mode, signal.pulses);
+    Publication* publication = signals.database->store.publication.load(std::memory_order_acquire);
+    if (!publication) return;
+    const DWORD slot = signals.variable->slot.load(std::memory_order_acquire);
+    PutPulses(publication, slot, signal.mode, signal.pulses);
+    PutWatches(publication, slot, signal.mode, signal.watches);
 }
 
 // Wakes whoever waits now. An event that another process made auto-reset cannot be pulsed: one of its waiters wakes.
 // Counted first: whoever sees more pulses than are counted knows that one was not the service's.
 void Pulse(Signal& signal) {
     ++signal.pulses;
-    PutPulses(signal);
+    PutCounts(signal);
     if (PulseEvent(signal.event)) return;
     SetEvent(signal.event);
     ResetEvent(signal.event);
@@ -126,6 +129,7 @@ ServiceStatus AddWatchTo(VariableSignals& signals, WatchMode mode) {
         if (!signal.event) return kEventUnavailable;
     }
     ++signal.watches;
+    PutCounts(signal);
     signals.watchCount.fetch_add(1);
     signals.database->watches.fetch_add(1); // pairs with the writer, which stores its count and then reads this
     return kDone;
@@ -140,6 +144,7 @@ bool RemoveWatchFrom(VariableSignals& signals, WatchMode mode) {
         CloseHandle(signal.event);
         signal.event = nullptr;
     }
+    PutCounts(signal);
     return last;
 }
 
@@ -156,10 +161,10 @@ void SignalWritten(Database& database, std::span<const Written> variables) {
     }
 }
 
-void PublishPulses(VariableSignals& signals) {
+void PublishCounts(VariableSignals& signals) {
     LockHold hold{signals.lock};
     for (const WatchMode mode : {kEveryWrite, kOnlyChanges})
-        PutPulses(SignalOf(signals, mode));
+        PutCounts(SignalOf(signals, mode));
 }
 
 bool StartSignals() {

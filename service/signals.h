@@ -51,8 +51,8 @@ inline void SignalWritten(Database& database, const Written& variable) {
     SignalWritten(database, std::span{&variable, 1});
 }
 
-// Puts the counts of pulses into a new section.
-void PublishPulses(VariableSignals& signals);
+// Puts the counts of pulses and watches into a new section.
+void PublishCounts(VariableSignals& signals);
 
 // Starts the thread that pulses events of many watches. False: it cannot be started, and the last error says why.
 bool StartSignals();

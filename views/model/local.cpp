@@ -3,7 +3,6 @@
 // State: the object's.
 #include "model/local.h"
 
-#include "model/published.h"
 
 #include "base/catalogue.h"
 #include "base/device_state.h"
@@ -15,6 +14,7 @@
 
 #include "product/file_times.h"
 #include "product/printer_list.h"
+#include "product/published_mapping.h"
 #include "product/variable_names.h"
 
 #include <unistd.h>
@@ -110,7 +110,7 @@ struct Followed {
 
     DatabaseHandle database = 0; // 0: not open
     Clock::time_point openDue{};
-    PublishedValues published{};
+    product::PublishedValues published{};
     bool asks = true; // a value is not published
     Clock::time_point askDue{};
     std::optional<DeviceRecord> device{};

@@ -27,7 +27,7 @@
 
 namespace product {
 
-inline constexpr DWORD kPublishedMark = 0x31627550; // "Pub1"
+inline constexpr DWORD kPublishedMark = 0x32627550; // "Pub2"
 inline constexpr DWORD kPublishedBuckets = 64;
 inline constexpr DWORD kPublishedSectionMax = 1 << 20;
 // Longer values are asked for. 16 KiB, and the length of one of variable length.
@@ -65,8 +65,9 @@ struct PublishedSlot {
     std::atomic<DWORD> place;    // of the value
     // Pulses begun of the "Updated" and of the "Changed" event. Not part of what the sequence guards.
     std::atomic<DWORD> pulses[2];
+    std::atomic<DWORD> watches[2]; // of the two events, likewise
 };
-static_assert(sizeof(PublishedSlot) == 56 && sizeof(PublishedHead) % 8 == 0 &&
+static_assert(sizeof(PublishedSlot) == 64 && sizeof(PublishedHead) % 8 == 0 &&
               std::atomic<DWORD>::is_always_lock_free && std::atomic<SIZE_T>::is_always_lock_free);
 
 DWORD PublishedHash(std::string_view name); // FNV-1a of 32 bits
@@ -89,6 +90,7 @@ struct PublishedState {
     // Pulses begun of the two events. They are read last: a write that is not counted above is followed by its pulse.
     DWORD updatedPulses;
     DWORD changedPulses;
+    bool watched; // by anybody, either event
 };
 
 enum class PublishedRead {

@@ -7,7 +7,7 @@
 
 #include <vector>
 
-namespace views {
+namespace product {
 
 class PublishedValues {
 public:
@@ -23,17 +23,17 @@ public:
     bool IsMapped() const { return m_values != nullptr; }
     // False: the service has replaced the section by a larger one.
     bool IsCurrent() const;
-    bool ServiceLives() const { return product::IsAlive(m_watch); }
+    bool ServiceLives() const { return IsAlive(m_watch); }
     // Whether a variable was written or added since the last call. One pass over the counts of the section.
     bool HaveChanged();
-    const product::PublishedSection& Section() const { return m_section; }
+    const PublishedSection& Section() const { return m_section; }
 
 private:
     const void* m_values = nullptr;
     const void* m_life = nullptr;
-    product::PublishedSection m_section{};
-    product::LifeWatch m_watch{};
+    PublishedSection m_section{};
+    LifeWatch m_watch{};
     std::vector<DWORD> m_seen; // the sequence of each slot in use
 };
 
-} // namespace views
+} // namespace product
