@@ -446,6 +446,7 @@ bool TakeServerNews(JobTaker& jobs) {
     return jobs.serverNews.exchange(false);
 }
 
+// What is left is for the thread, which may be in the midst of anything.
 void EndJobs(JobTaker* jobs) {
     if (WaitForSingleObject(jobs->thread, kEndMs) != WAIT_OBJECT_0) return;
     for (const HANDLE handle : {jobs->thread, jobs->paceChanged, jobs->pagesOut, jobs->serverTold})

@@ -43,5 +43,5 @@ DWORD TakePagesOut(JobTaker& jobs);
 // Whether the print server has told of a change of the printer or its jobs since the last call.
 bool TakeServerNews(JobTaker& jobs);
 // After stop was set: waits for the thread, which another process may block, for 3 s at most. A thread that is still
-// blocked keeps its record, since the process ends.
+// blocked keeps its record.
 void EndJobs(JobTaker* jobs);

@@ -150,8 +150,8 @@ std::string Connect(Link& link) {
 }
 
 void Disconnect(Link& link) {
-    // Watches belong to the process, not to the handle. A service that does not know the handle has none of it; one that
-    // cannot be reached is not asked again.
+    // Watches belong to the process, not to the handle. A service that does not know the handle has none of it; one
+    // that cannot be reached is not asked again.
     bool asks = link.database != 0;
     for (DWORD which = 0; which < kWatchedCount; ++which) {
         if (!link.events[which]) continue;

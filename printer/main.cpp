@@ -1,7 +1,9 @@
-// TVSPSD.EXE, the printer side of one printer: a program that `oriel up` starts for each printer that has a device.
+// TVSPSD.EXE, the printer side of one printer, or of many on the network: a program that `oriel up` starts for printers
+// that have a device.
 //
 //     TVSPSD.EXE --printer NAME --device ADDRESS [--poll MS] [--port NAME] [--owner PROCESS] [--stop-event NAME]
 //     TVSPSD.EXE --printer NAME --script FILE [--speed N] ...
+//     TVSPSD.EXE --hosted TABLE [--owner PROCESS] [--stop-event NAME]
 //     TVSPSD.EXE --check --device ADDRESS
 //
 // ADDRESS: ipp://HOST/PATH, ipps://HOST/PATH, snmp://HOST, cups:QUEUE, script:FILE, which is the same as --script FILE.
@@ -9,18 +11,15 @@
 // Ends with 0 when it was asked to stop (Ctrl-C, Ctrl-Break, the owner's end, or by the service, when an administrator
 // ends all managers of the machine), 1 when it cannot begin, 2 when the command line or the script is wrong. State: the
 // stop event, which the console's handler and a waiting thread set, and the handles that this thread waits for.
+#include "host.h"
 #include "network_device.h"
-#include "printer_side.h"
-#include "printer_values.h"
+#include "network_side.h"
 #include "scripted_device.h"
 #include "text.h"
 
 #include "product/client.h"
-#include "product/growing_reads.h"
 #include "product/guards.h"
 #include "product/log.h"
-#include "product/object_names.h"
-#include "product/registry_names.h"
 
 #include <CLI/CLI.hpp>
 
@@ -32,9 +31,6 @@
 
 namespace {
 
-constexpr std::string_view kQueuePrefix = "cups:"; // of a device that is a queue of the print server
-constexpr int kStopped = 0;
-constexpr int kCannotBegin = 1;
 constexpr int kWrong = 2;
 constexpr SIZE_T kPrinterNameMax = 259;
 constexpr DWORD kSpeedMax = 10000;
@@ -80,6 +76,7 @@ struct CommandLine {
     DWORD speed = 1;
     DWORD owner = 0;
     std::string stopEvent;
+    std::string hosted;
     bool check = false;
     bool quiet = false;
 };
@@ -102,13 +99,15 @@ void AddOptions(CLI::App& app, CommandLine& line) {
         ->type_name("PROCESS")
         ->check(CLI::Range(DWORD{1}, std::numeric_limits<DWORD>::max()));
     app.add_option("--stop-event", line.stopEvent, "end when this event is set")->type_name("NAME");
+    app.add_option("--hosted", line.hosted, "serve the printers on the network that this table lists")
+        ->type_name("NAME");
     app.add_flag("--quiet", line.quiet, "with --check: do not print what the device tells");
     app.add_flag("--check", line.check, "only check the script, or ask the device once");
 }
 
 // kStopped, or kWrong after the reason was logged. *help: help was requested and printed.
 int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
-    CLI::App app("The printer side of one printer.", "TVSPSD.EXE");
+    CLI::App app("The printer side of one printer, or of many on the network.", "TVSPSD.EXE");
     AddOptions(app, *line);
     try {
         app.parse(count, words);
@@ -126,7 +125,8 @@ int ReadCommandLine(int count, char** words, CommandLine* line, bool* help) {
         line->script = line->device.substr(kScript.size());
         line->device.clear();
     }
-    line->side.ofPrintServer = line->device.starts_with(kQueuePrefix);
+    if (!line->hosted.empty()) return kStopped;
+    line->side.ofPrintServer = IsQueue(line->device);
     if (line->script.empty() == line->device.empty()) return Complain("give one of --device and --script");
     if (!line->device.empty() && !IsNetworkDevice(line->device))
         return Complain("\"" + line->device + "\" is no address of a device, such as ipp://printer/ipp/print");
@@ -147,76 +147,12 @@ int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) 
     return errors.empty() ? kStopped : kWrong;
 }
 
-// ---- the certificate of a network printer, which is trusted from the first time that it is seen
-
-constexpr char kCertificateValue[] = "Oriel Certificate";
-
-RegistryKey OpenPrinterKey(const std::string& printer, REGSAM access) {
-    HKEY key = nullptr;
-    const std::string path = std::string(kPrintersKey) + "\\" + PrinterKeyName(printer.c_str()).name;
-    return RegistryKey(RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &key) == ERROR_SUCCESS ? key
-                                                                                                         : nullptr);
-}
-
-std::string ReadCertificate(const std::string& printer) {
-    const RegistryKey key = OpenPrinterKey(printer, KEY_QUERY_VALUE);
-    char text[128] = {};
-    DWORD size = sizeof text - 1;
-    if (!key || RegQueryValueExA(key.Get(), kCertificateValue, nullptr, nullptr, reinterpret_cast<BYTE*>(text),
-                                 &size) != ERROR_SUCCESS)
-        return "";
-    return text;
-}
-
-void TrustCertificate(const std::string& printer, const std::string& certificate) {
-    const RegistryKey key = OpenPrinterKey(printer, KEY_SET_VALUE);
-    const bool stored = key && RegSetValueExA(key.Get(), kCertificateValue, 0, REG_SZ,
-                                              reinterpret_cast<const BYTE*>(certificate.c_str()),
-                                              static_cast<DWORD>(certificate.size() + 1)) == ERROR_SUCCESS;
-    product::Log(product::LogLevel::Note, printer + ": trusts the printer's certificate " + certificate +
-                                              (stored ? "" : ", until the printer side ends"));
-}
-
-// ---- queues of the print server
-
-// What the print server itself sends the queue's jobs to. Empty: the server does not know the queue, or is not there.
-std::string DeviceUriOf(const std::string& queue) {
-    std::string name = ToAnsi(queue); // the call's text is not const
-    const PrinterHandle printer = OpenSpoolerPrinter(name.data());
-    std::vector<BYTE> buffer;
-    const auto grow = [&](DWORD size) {
-        buffer.resize(size);
-        return buffer.data();
-    };
-    if (!printer || !ReadSpoolerRecords(grow, [&](LPBYTE into, DWORD size, LPDWORD needed) {
-            return GetPrinterA(printer.Get(), 2, into, size, needed);
-        }))
-        return "";
-    return ToUtf8(reinterpret_cast<const PRINTER_INFO_2A*>(buffer.data())->pPortName);
-}
-
-// The device of a queue: the printer itself, where its address says how to ask it, else the queue.
-std::string DeviceOfQueue(const std::string& device, DWORD limitMs) {
-    const std::string uri = DeviceUriOf(device.substr(kQueuePrefix.size()));
-    const size_t host = uri.find("://");
-    if (host == uri.npos) return device;
-    const std::string scheme = uri.substr(0, host);
-    if (scheme == "ipp" || scheme == "ipps") return uri.substr(0, uri.find('?'));
-    if (scheme != "socket" && scheme != "lpd") return device;
-    // It has no way to tell anything; SNMP beside it may.
-    NetworkPrinter agent{.uri = "snmp://" + HostOf(uri)};
-    if (!OpenNetworkPrinter(agent).empty()) return device;
-    const devices::Answer answer = TryNetworkPrinter(agent, limitMs);
-    CloseNetworkPrinter(agent);
-    return answer.outcome == devices::Outcome::Answered ? agent.uri : device;
-}
-
 // ---- running
 
 // Prints what the printer tells, a value a line.
 int TryDevice(const CommandLine& line) {
     constexpr DWORD kMarginMs = 1000;
-    const bool queue = line.device.starts_with(kQueuePrefix);
+    const bool queue = IsQueue(line.device);
     NetworkPrinter printer{.uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs) : line.device};
     if (queue && !line.quiet) std::cout << "device: " << printer.uri << "\n";
     if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) return Complain(failure);
@@ -243,41 +179,14 @@ int TryDevice(const CommandLine& line) {
     return kStopped;
 }
 
-// What either kind of device is run with. kStopped, or the exit code after the reason was logged.
-int Serve(const CommandLine& line, const Device& device) {
-    const bool served = ServePrinter(line.side, device, g_stop);
-    if (!served) Complain("cannot take jobs, system error " + std::to_string(GetLastError()));
-    return served ? kStopped : kCannotBegin;
-}
-
 int ServeScript(const CommandLine& line, ScriptedPrinter& printer) {
-    return Serve(line, DeviceOf(printer));
-}
-
-int ServeNetworkPrinter(const CommandLine& line) {
-    const std::string name = line.side.printer;
-    const bool queue = line.side.ofPrintServer;
-    const std::string uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs) : line.device;
-    NetworkPrinter printer{.uri = uri,
-                           .ofPrintServer = queue,
-                           // The server tells when its queue has changed.
-                           .pollMs = uri.starts_with(kQueuePrefix) ? kPollMaxMs : line.pollMs,
-                           .certificate = ReadCertificate(name),
-                           .trusted = [name] { return ReadCertificate(name); },
-                           .trust = [name](const std::string& seen) { TrustCertificate(name, seen); }};
-    if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) {
-        Complain(failure);
-        return kCannotBegin;
-    }
-    const int result = Serve(line, DeviceOf(printer));
-    CloseNetworkPrinter(printer);
-    return result;
+    return ServeDevice(line.side, DeviceOf(printer), g_stop);
 }
 
 int Run(const CommandLine& line) {
     ScriptedPrinter printer;
     printer.speed = line.speed;
-    if (line.device.empty()) {
+    if (line.device.empty() && line.hosted.empty()) {
         if (const int result = ReadScriptFile(line.script, &printer.statements); result != kStopped || line.check)
             return result;
     } else if (line.check) {
@@ -289,7 +198,9 @@ int Run(const CommandLine& line) {
         Complain("cannot begin, system error " + std::to_string(GetLastError()));
         return kCannotBegin;
     }
-    const int result = line.device.empty() ? ServeScript(line, printer) : ServeNetworkPrinter(line);
+    const int result = !line.hosted.empty()  ? ServeHostedPrinters(line.hosted, g_stop)
+                       : line.device.empty() ? ServeScript(line, printer)
+                                             : ServeNetworkPrinter(line.side, line.device, line.pollMs, g_stop);
     UnbindStatusDatabase();
     return result;
 }

@@ -10,6 +10,7 @@
 #include <tvsqdz.h>
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <string.h>
 #include <string_view>
@@ -68,10 +69,10 @@ DWORD QuickMs(const NetworkPrinter& printer) {
 }
 
 DWORD WithJitter(DWORD pause) {
-    static DWORD seed = GetCurrentProcessId() * 2654435761u + GetTickCount();
-    seed = seed * 1664525u + 1013904223u;
+    static std::atomic<DWORD> seed = GetCurrentProcessId() * 2654435761u + GetTickCount();
+    const DWORD random = (seed += 2654435769u) * 1664525u + 1013904223u; // any thread's
     const DWORD most = pause * kJitterPercent / 100;
-    return pause - (most != 0 ? seed / 65536 % (most + 1) : 0);
+    return pause - (most != 0 ? random / 65536 % (most + 1) : 0);
 }
 
 bool IsBusyPrinter(const NetworkPrinter& printer) {
@@ -435,7 +436,8 @@ std::string OpenNetworkPrinter(NetworkPrinter& printer) {
     printer.ready = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     if (!printer.ready) return "there is no event to have, system error " + std::to_string(GetLastError());
     std::string error;
-    const size_t mark = std::string_view(scheme->name).starts_with("ipp") ? printer.uri.find(kCompanionMark) : printer.uri.npos;
+    const size_t mark =
+        std::string_view(scheme->name).starts_with("ipp") ? printer.uri.find(kCompanionMark) : printer.uri.npos;
     if (mark != printer.uri.npos) {
         const std::string given = printer.uri.substr(mark + sizeof kCompanionMark - 1);
         if (!given.empty() && !given.starts_with("=snmp://"))
@@ -455,11 +457,12 @@ std::string OpenNetworkPrinter(NetworkPrinter& printer) {
 }
 
 void CloseNetworkPrinter(NetworkPrinter& printer) {
-    // The event stays: a thread that is left behind may set it.
     if (printer.session) printer.module->close(printer.session);
     printer.session = nullptr;
     if (printer.companion.session) printer.companion.module->close(printer.companion.session);
     printer.companion.session = nullptr;
+    if (printer.ready) CloseHandle(printer.ready);
+    printer.ready = nullptr;
 }
 
 Device DeviceOf(NetworkPrinter& printer) {

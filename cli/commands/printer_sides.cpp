@@ -7,29 +7,35 @@
 #include "base/product.h"
 #include "base/text.h"
 
+#include "product/log.h"
 #include "product/object_names.h"
 
 #include <algorithm>
 
 namespace {
 
-constexpr DWORD kSettingsMs = 2000; // between checks which printers have a device
-constexpr DWORD kStopMs = 5000;     // for those that were asked to end
-constexpr DWORD kOpenMs = 30000;    // for a printer's first manager to create its database
+constexpr DWORD kSettingsMs = 2000;       // between checks which printers have a device
+constexpr DWORD kStopMs = 5000;           // for those that were asked to end
+constexpr DWORD kCrashesWithinMs = 60000; // two of them end the life of many printers in one process
+constexpr DWORD kOpenMs = 30000;          // for a printer's first manager to create its database
 
 } // namespace
 
-KernelHandle NewStopEvent(const char* what, std::string& name) {
+KernelHandle NewObject(const std::string& begin, std::string& name,
+                       const std::function<HANDLE(const char* name)>& make) {
     constexpr int kAttempts = 64; // names that others took first
     static DWORD number = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        name = SharedName(("TVORSQD:Stop" + std::string(what) + ":" + std::to_string(GetCurrentProcessId()) + ":" +
-                           std::to_string(++number))
-                              .c_str());
-        KernelHandle event(CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
-        if (event && GetLastError() != ERROR_ALREADY_EXISTS) return event;
+        name = SharedName((begin + std::to_string(GetCurrentProcessId()) + ":" + std::to_string(++number)).c_str());
+        KernelHandle object(make(name.c_str()));
+        if (object && GetLastError() != ERROR_ALREADY_EXISTS) return object;
     }
     return {};
+}
+
+KernelHandle NewStopEvent(const char* what, std::string& name) {
+    return NewObject(std::string("TVORSQD:Stop") + what + ":", name,
+                     [](const char* text) { return CreateEventA(nullptr, TRUE, FALSE, text); });
 }
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
@@ -39,13 +45,13 @@ PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
 PrinterSides::~PrinterSides() {
     for (Side& side : m_sides)
         AskToEnd(side);
+    m_host.EndAll();
     const DWORD start = GetTickCount();
-    for (Side& side : m_sides) {
-        if (!side.process) continue;
-        const DWORD waited = std::min(GetTickCount() - start, kStopMs);
-        if (WaitForSingleObject(side.process.Get(), kStopMs - waited) == WAIT_OBJECT_0) continue;
-        TerminateProcess(side.process.Get(), 1);
-    }
+    const auto left = [&] { return kStopMs - std::min(GetTickCount() - start, kStopMs); };
+    for (Side& side : m_sides)
+        if (side.process && WaitForSingleObject(side.process.Get(), left()) != WAIT_OBJECT_0)
+            TerminateProcess(side.process.Get(), 1);
+    m_host.WaitForEnd(left());
     ForgetAllSideStates();
 }
 
@@ -58,10 +64,11 @@ void PrinterSides::Publish(const Side& side, const PrinterSideState& state) {
 
 // The side answers pending requests and reports that it takes no more. One that does not end in time is killed.
 void PrinterSides::AskToEnd(Side& side) {
-    if (side.leaving || !side.process) return;
+    if (side.leaving || !side.Runs()) return;
     side.leaving = true;
     side.dueAt = GetTickCount() + kStopMs;
-    SetEvent(side.stop.Get());
+    if (side.process) SetEvent(side.stop.Get());
+    if (side.row) m_host.End(*side.row);
 }
 
 // New printers get a side. Printers that are gone or have another device lose theirs.
@@ -78,7 +85,7 @@ void PrinterSides::ReadSettings() {
     for (Side& side : m_sides)
         if (!isConfigured(side)) AskToEnd(side);
     std::erase_if(m_sides, [&](const Side& side) {
-        const bool gone = !side.process && !isConfigured(side);
+        const bool gone = !side.Runs() && !isConfigured(side);
         if (gone) ForgetSideState(side.printer);
         return gone;
     });
@@ -113,19 +120,28 @@ void PrinterSides::OpenPrinters() {
         if (!printer.driver.empty()) OpenOnce(printer.name);
 }
 
-void PrinterSides::StartSide(Side& side) {
-    const std::optional<std::string> directory = InstalledDirectory();
-    const std::string program = directory.value_or("") + kPrinterSideProgram;
+bool PrinterSides::StartHosted(Side& side) {
+    if (m_apart || !MayBeHosted(side.printer, side.port, side.device)) return false;
+    side.row = m_host.Begin(side.printer, side.port, side.device);
+    return side.row.has_value();
+}
+
+bool PrinterSides::StartProcess(Side& side) {
+    const std::string program = InstalledDirectory().value_or("") + kPrinterSideProgram;
     std::string stop;
     side.stop = NewStopEvent("PrinterSide", stop);
     std::string commandLine = Quoted(program) + " --printer " + Quoted(side.printer) + " --device " +
                               Quoted(side.device) + " --owner " + std::to_string(GetCurrentProcessId()) +
                               " --stop-event " + Quoted(stop);
     if (!side.port.empty()) commandLine += " --port " + Quoted(side.port);
+    if (side.stop) side.process = StartProgram(program, commandLine);
+    return static_cast<bool>(side.process);
+}
+
+void PrinterSides::StartSide(Side& side) {
     side.restart.Began();
     side.resting = false;
-    if (side.stop) side.process = StartProgram(program, commandLine);
-    if (!side.process) {
+    if (!StartHosted(side) && !StartProcess(side)) {
         const DWORD error = GetLastError();
         const DWORD pause = side.restart.AfterEnd();
         side.dueAt = GetTickCount() + pause;
@@ -137,14 +153,50 @@ void PrinterSides::StartSide(Side& side) {
     m_tell({.printer = side.printer, .started = true});
 }
 
-// A side that ended with 0 was asked to end, as all managers of the machine can be. It starts again when a manager
-// opens its printer and sets the event; without the event, at once.
-void PrinterSides::NoteEnd(Side& side) {
-    DWORD code = 0;
-    GetExitCodeProcess(side.process.Get(), &code);
+// All printer sides of a host end with it.
+void PrinterSides::TendHost() {
+    const std::optional<DWORD> code = m_host.TakeEndOfAll();
+    if (!code) return;
+    if (*code != 0) {
+        const bool again = m_crashed && GetTickCount() - m_crashedAt < kCrashesWithinMs;
+        m_crashed = true;
+        m_crashedAt = GetTickCount();
+        if (again && !m_apart)
+            product::Log(
+                product::LogLevel::Warning,
+                "the process of all printers on the network has ended twice within a minute; until the product is "
+                "started again each of them has a process of its own");
+        m_apart = m_apart || again;
+    }
+    for (Side& side : m_sides) {
+        if (!side.row) continue;
+        side.row.reset();
+        NoteEnd(side, *code);
+    }
+}
+
+// The exit code of a side that has ended.
+std::optional<DWORD> PrinterSides::TakeEnd(Side& side) {
+    std::optional<DWORD> code;
+    if (side.process && WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) {
+        DWORD ended = 0;
+        GetExitCodeProcess(side.process.Get(), &ended);
+        code = ended;
+    } else if (side.row) {
+        code = m_host.TakeEnd(*side.row);
+    }
+    if (!code) return code;
     side.process.Reset();
     side.stop.Reset();
+    side.row.reset();
+    return code;
+}
+
+// A side that ended with 0 was asked to end, as all managers of the machine can be. It starts again when a manager
+// opens its printer and sets the event; without the event, at once.
+void PrinterSides::NoteEnd(Side& side, DWORD code) {
     if (side.leaving) {
+        m_settingsRead = false; // its printer may have another device
         m_tell({.printer = side.printer, .code = code});
         return;
     }
@@ -161,19 +213,20 @@ void PrinterSides::NoteEnd(Side& side) {
 }
 
 void PrinterSides::Tend() {
+    TendHost();
     for (Side& side : m_sides) {
-        if (!side.process) continue;
-        if (WaitForSingleObject(side.process.Get(), 0) == WAIT_OBJECT_0) {
-            NoteEnd(side);
-            if (side.leaving) m_settingsRead = false; // its printer may have another device
-        } else if (side.leaving && HasPassed(side.dueAt)) {
+        if (const std::optional<DWORD> code = TakeEnd(side)) {
+            NoteEnd(side, *code);
+        } else if (side.process && side.leaving && HasPassed(side.dueAt)) {
+            // One that shares a process is left to end when it can: the service bounds each of its calls.
             TerminateProcess(side.process.Get(), 1);
         }
     }
+    m_host.EndIfUnused();
     ReadSettings();
     for (Side& side : m_sides) {
         if (!side.leaving) OpenOnce(side.printer);
-        if (side.process || !HasPassed(side.dueAt)) continue;
+        if (side.Runs() || !HasPassed(side.dueAt)) continue;
         if (side.resting) {
             const bool asked = !side.opened || WaitForSingleObject(side.opened.Get(), 0) == WAIT_OBJECT_0;
             if (!asked) continue;

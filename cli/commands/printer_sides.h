@@ -1,12 +1,16 @@
-// The printer sides that `oriel up` runs: one process for each printer that has a device. State: the object's.
+// The printer sides that `oriel up` runs: one process for all printers on the network, one for each other printer that
+// has a device. When the first of them has crashed twice within a minute, each printer gets a process of its own, so
+// that one printer whose answers crash it does not keep the others down. State: the object's.
 #pragma once
 
 #include "base/handles.h"
 #include "base/printer_side_states.h"
+#include "commands/printer_host.h"
 #include "commands/restart_pause.h"
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +21,9 @@ inline bool HasPassed(DWORD due) {
 // A new event for this user alone, which asks a program to end. A process that knows its name can wait for it. what: of
 // the name. None when it cannot be created.
 KernelHandle NewStopEvent(const char* what, std::string& name);
+// A new named object: made by `make`, with a name that begins like this and that nobody has yet.
+KernelHandle NewObject(const std::string& begin, std::string& name,
+                       const std::function<HANDLE(const char* name)>& make);
 
 // A printer side was started, or it ended.
 struct PrinterSideNews {
@@ -51,18 +58,25 @@ private:
         std::string port;
         std::string device;
         KernelHandle process{};
-        KernelHandle stop{};   // event: asks the process to end
-        bool leaving = false;  // it was asked to end: its printer has another device or none
-        DWORD dueAt = 0;       // tick count of the next start, or of the kill of one that is leaving
-        bool resting = false;  // until its printer is opened
-        KernelHandle opened{}; // event: the printer was opened since then; none when the event cannot be created
+        KernelHandle stop{};        // event: asks the process to end
+        std::optional<DWORD> row{}; // of the host, which serves it
+        bool leaving = false;       // it was asked to end: its printer has another device or none
+        DWORD dueAt = 0;            // tick count of the next start, or of the kill of one that is leaving
+        bool resting = false;       // until its printer is opened
+        KernelHandle opened{};      // event: the printer was opened since then; none when the event cannot be created
         RestartPause restart{};
+
+        bool Runs() const { return process || row; }
     };
 
     void ReadSettings();
     void StartSide(Side& side);
+    bool StartHosted(Side& side);
+    bool StartProcess(Side& side);
     void AskToEnd(Side& side);
-    void NoteEnd(Side& side);
+    void TendHost();
+    std::optional<DWORD> TakeEnd(Side& side);
+    void NoteEnd(Side& side, DWORD code);
     void OpenOnce(const std::string& printer);
     void Publish(const Side& side, const PrinterSideState& state);
 
@@ -72,4 +86,8 @@ private:
     std::map<std::string, std::string> m_accessLists{};
     DWORD m_settingsReadAt = 0;
     bool m_settingsRead = false;
+    PrinterHost m_host{};
+    bool m_apart = false;   // the host has crashed too often
+    bool m_crashed = false; // the host, at
+    DWORD m_crashedAt = 0;
 };

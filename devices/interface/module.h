@@ -1,8 +1,8 @@
 // The interface of a device module: a library of its own that speaks one protocol with network printers, loaded when a
 // printer needs it. No state.
 //
-// A session belongs to one printer and works in a thread of its own. Its calls return at once. One question is asked at
-// a time; when its answer is there the session calls `finished`, in its own thread.
+// A session belongs to one printer. Its calls return at once. One question is asked at a time; a thread of the module
+// works at it, and calls `finished` when its answer is there. No question waits for that of another session.
 #pragma once
 
 #include "reading.h"
@@ -58,8 +58,8 @@ struct Module {
     void (*ask)(Session* session, const Question& question);
     // False: the answer is not there yet.
     bool (*take)(Session* session, Answer* answer);
-    // Cuts off a question in progress. A thread that does not end within a second stays behind, because the process
-    // ends.
+    // Cuts off a question in progress. `finished` is not called any more. A thread that is still at it after a second
+    // goes on, and releases the session then.
     void (*close)(Session* session);
 };
 

@@ -1,5 +1,6 @@
-// The thread of a session: takes a question, has it carried out, keeps the answer until it is taken. State: the
-// object's.
+// A session has its questions carried out, one at a time, by threads that all sessions of the module share, and keeps
+// the answer until it is taken. There are as many threads as questions in progress, so a printer that hangs holds up no
+// other; one that has had nothing to do for a while ends. State: the object's; the threads are in session.cpp.
 #pragma once
 
 #include "module.h"
@@ -10,8 +11,6 @@
 #include <mutex>
 #include <new>
 #include <optional>
-#include <system_error>
-#include <thread>
 
 namespace devices {
 
@@ -21,7 +20,6 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Throws std::system_error when there is no thread to have.
     void Start(void (*finished)(void* context), void* context);
     void Ask(const Question& question);
     bool Take(Answer* answer);
@@ -29,24 +27,24 @@ public:
 
 protected:
     Session() = default;
-    // In the session's thread.
+    // In one of the threads.
     virtual Answer Carry(const Question& question) = 0;
     // In any thread: makes Carry return soon.
     virtual void Cut() = 0;
     bool IsCut() const { return m_stop; }
 
 private:
-    void Run();
+    friend class Workers;
+    void CarryOut();
 
     void (*m_finished)(void*) = nullptr;
     void* m_context = nullptr;
     std::mutex m_lock;
     std::condition_variable m_changed;
-    std::optional<Question> m_question; // under the lock
+    std::optional<Question> m_question; // under the lock: in progress
     std::optional<Answer> m_answer;     // under the lock
-    bool m_over = false;                // under the lock: the thread has ended
+    bool m_abandoned = false;           // under the lock: closed, and deleted when the question is over
     std::atomic<bool> m_stop = false;
-    std::thread m_thread;
 };
 
 // Module::open: starts the session that make() returns. make: std::unique_ptr<Session>(); null with *error set; it may
@@ -59,8 +57,6 @@ Session* OpenSession(Make make, void (*finished)(void* context), void* context, 
         return session.release();
     } catch (const std::bad_alloc&) {
         *error = "there is not enough memory";
-    } catch (const std::system_error&) {
-        *error = "there is no thread for the printer";
     }
     return nullptr;
 }

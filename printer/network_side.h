@@ -1,0 +1,18 @@
+// A printer side whose device is on the network: with the certificate that its printer's key has, and for a queue of
+// the print server with the device behind the queue. No state.
+#pragma once
+
+#include "printer_side.h"
+
+inline constexpr int kStopped = 0; // exit codes
+inline constexpr int kCannotBegin = 1;
+
+// Whether the device is a queue of the print server: "cups:QUEUE".
+bool IsQueue(const std::string& device);
+// The device of a queue: the printer itself, where its address says how to ask it, else the queue. Tries an agent for
+// limitMs at most.
+std::string DeviceOfQueue(const std::string& device, DWORD limitMs);
+
+// Serves until stop is set. kStopped, or kCannotBegin after the reason was logged. ServeDevice: with any device.
+int ServeDevice(const PrinterSideOptions& side, const Device& device, HANDLE stop);
+int ServeNetworkPrinter(const PrinterSideOptions& side, const std::string& device, DWORD pollMs, HANDLE stop);
