@@ -205,7 +205,8 @@ DWORD ReadNumberOf(Link& link, const char* variable) {
 LONG InfoOf(Link& link, const char* variable, VariableInfo* info) {
     PublishedState state = {};
     if (ReadPublished(link, variable, nullptr, 0, &state) != PublishedRead::Ask) {
-        *info = {state.type, state.size, static_cast<DWORD>(state.writes), ToSystemTime(state.writeTime)};
+        *info = {state.type, state.size, static_cast<DWORD>(state.writes + (state.writes >> 32)),
+                 ToSystemTime(state.writeTime)};
         return kDone;
     }
     if (link.lost) return kUnknownDatabase;

@@ -26,7 +26,7 @@ using namespace product;
 
 namespace {
 
-constexpr DWORD kLookMs = 2000;  // between looks at all that events tell too, and whether somebody follows the printer
+constexpr DWORD kLookMs = 4000; // between looks at all that events tell too, and whether somebody follows the printer
 constexpr DWORD kAskMs = 30000; // between calls of the service that only see whether it still knows us
 constexpr DWORD kFirstRetryMs = 50; // to connect; half as long again each time
 constexpr DWORD kLongestRetryMs = 2000;

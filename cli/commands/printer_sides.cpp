@@ -15,6 +15,8 @@
 namespace {
 
 constexpr DWORD kSettingsMs = 2000;       // between checks which printers have a device
+constexpr DWORD kSettingsMostMs = 8000;   // between those of many printers:
+constexpr DWORD kSettingsShare = 400;     // a check takes one of so many parts of the time
 constexpr DWORD kStopMs = 5000;           // for those that were asked to end
 constexpr DWORD kCrashesWithinMs = 60000; // two of them end the life of many printers in one process
 constexpr DWORD kOpenMs = 30000;          // for a printer's first manager to create its database
@@ -73,10 +75,12 @@ void PrinterSides::AskToEnd(Side& side) {
 
 // New printers get a side. Printers that are gone or have another device lose theirs.
 void PrinterSides::ReadSettings() {
-    if (m_settingsRead && GetTickCount() - m_settingsReadAt < kSettingsMs) return;
+    if (m_settingsRead && GetTickCount() - m_settingsReadAt < m_settingsPauseMs) return;
     m_settingsRead = true;
-    m_settingsReadAt = GetTickCount();
+    const DWORD start = GetTickCount();
     const std::vector<Printer> printers = PrintersWithDevice();
+    m_settingsReadAt = GetTickCount();
+    m_settingsPauseMs = std::clamp((m_settingsReadAt - start) * kSettingsShare, kSettingsMs, kSettingsMostMs);
     const auto isConfigured = [&](const Side& side) {
         return std::any_of(printers.begin(), printers.end(), [&](const Printer& printer) {
             return printer.name == side.printer && printer.device == side.device && printer.port == side.port;

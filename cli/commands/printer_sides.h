@@ -85,6 +85,7 @@ private:
     std::vector<std::string> m_opened; // printers whose database exists
     std::map<std::string, std::string> m_accessLists{};
     DWORD m_settingsReadAt = 0;
+    DWORD m_settingsPauseMs = 0;
     bool m_settingsRead = false;
     PrinterHost m_host{};
     bool m_apart = false;   // the host has crashed too often

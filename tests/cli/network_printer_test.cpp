@@ -89,3 +89,65 @@ TEST(NetworkPrinter, WatchersAreToldWhenItsValuesAreStaleAndFreshAgain) {
     printer.Restart("keys");
     told("fresh");
 }
+
+TEST(NetworkPrinter, OneProcessServesManyAndNoneDisturbsAnother) {
+    IppPrinter printer;
+    FakePrinter hung;
+    hung.Answer([](const std::string&) { return FakeAnswer{.never = true}; });
+    const auto setDevice = [](const std::string& name, const std::string& device) {
+        OrielText(
+            {"reg", "set", R"(HKLM\System\CurrentControlSet\Control\Print\Printers\)" + name, "Oriel Device", device});
+    };
+    RunningProduct product;
+    for (const char* name : {"Lab", "Attic", "Hung"}) {
+        OrielText({"printers", "add", name, "--driver", "Any"});
+        setDevice(name, name == std::string("Hung") ? hung.Uri() : printer.Uri());
+        EXPECT_EQ(product.Event("printer-side-started")["printer"], name);
+    }
+    const auto processes = [] { return ProcessesOf(kPrinterSideProgram); };
+    const std::vector<int> one = processes();
+    EXPECT_EQ(one.size(), 1U);
+    ExpectTakesRequests("Lab");
+    ExpectTakesRequests("Attic");
+    EXPECT_TRUE(WaitUntil([&] { return hung.Connections() > 0; }));
+    const auto asked = std::chrono::steady_clock::now();
+    OrielText({"get", "Attic", "PrinterStatus", "--direct"});
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(3)) << "a question that hangs takes 5 s";
+
+    // Another address, a printer that goes, another service: the others go on.
+    setDevice("Hung", printer.Uri());
+    const Json left = product.Event("printer-side-ended");
+    EXPECT_EQ(left["printer"], "Hung");
+    EXPECT_EQ(left["code"], 0);
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], "Hung");
+    ExpectTakesRequests("Hung");
+    OrielText({"printers", "remove", "Attic"});
+    EXPECT_EQ(product.Event("printer-side-ended")["printer"], "Attic");
+    product.KillService();
+    ExpectTakesRequests("Lab");
+    ExpectTakesRequests("Hung");
+    EXPECT_EQ(processes(), one);
+
+    // Each rests after a termination until its own printer is opened.
+    OrielText({"terminate", "Lab"});
+    EXPECT_EQ(product.Events({"printer-side-ended", "printer-side-ended"})["pauseMs"], 0);
+    EXPECT_TRUE(WaitUntil([&] { return processes().empty(); }));
+    for (const char* name : {"Hung", "Lab"}) {
+        OrielText({"get", name, "PageCount"});
+        EXPECT_EQ(product.Event("printer-side-started")["printer"], name);
+        ExpectTakesRequests(name);
+    }
+
+    // One that crashes again and again would keep the others down.
+    const Words both = {"printer-side-ended", "printer-side-ended", "printer-side-started", "printer-side-started"};
+    for (const size_t count : {1U, 2U}) {
+        KillProcess(ProcessOf(kPrinterSideProgram));
+        product.Events(both);
+        ExpectTakesRequests("Lab");
+        ExpectTakesRequests("Hung");
+        EXPECT_EQ(processes().size(), count);
+    }
+    KillProcess(ProcessOf("Lab"));
+    EXPECT_EQ(product.Event("printer-side-ended")["printer"], "Lab");
+    EXPECT_EQ(product.Event("printer-side-started")["printer"], "Lab");
+}

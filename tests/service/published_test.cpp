@@ -50,6 +50,28 @@ struct Mapped {
 
 } // namespace
 
+TEST(Published, TellWhichVariablesAreWatchedAlsoInALargerSection) {
+    const Service service;
+    const Database database("Database", {{"Byte", kTypeByte, {7}}});
+    const auto watched = [&] {
+        Bytes value;
+        PublishedState state;
+        EXPECT_EQ(Mapped(database).Read("Byte", &value, &state), PublishedRead::Done);
+        return state.watched;
+    };
+    EXPECT_FALSE(watched());
+    for (const WatchMode mode : {kEveryWrite, kOnlyChanges}) {
+        EXPECT_EQ(database.Watch("Byte", mode), kDone);
+        EXPECT_TRUE(watched());
+        for (int i = 0; i < 200; ++i) // one for each replaces the section
+            CreateVariable(database.handle, ("More" + std::to_string(mode * 1000 + i)).c_str(), kTypeRecord, 600,
+                           Bytes(600).data());
+        EXPECT_TRUE(watched());
+        EXPECT_EQ(database.Unwatch("Byte"), kDone);
+        EXPECT_FALSE(watched());
+    }
+}
+
 TEST(Published, ValuesAreThoseOfTheCallsAlsoWhenTheyGrow) {
     const Service service;
     const Database database("Database", {{"Byte", kTypeByte, {7}},
