@@ -64,8 +64,7 @@ TEST(Published, TellWhichVariablesAreWatchedAlsoInALargerSection) {
         EXPECT_EQ(database.Watch("Byte", mode), kDone);
         EXPECT_TRUE(watched());
         for (int i = 0; i < 200; ++i) // one for each replaces the section
-            CreateVariable(database.handle, ("More" + std::to_string(mode * 1000 + i)).c_str(), kTypeRecord, 600,
-                           Bytes(600).data());
+            EXPECT_EQ(database.Add("More" + std::to_string(mode * 1000 + i), kTypeRecord, Bytes(600)), kDone);
         EXPECT_TRUE(watched());
         EXPECT_EQ(database.Unwatch("Byte"), kDone);
         EXPECT_FALSE(watched());
