@@ -6,6 +6,7 @@
 #include "commands/printer_sides.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
