@@ -27,8 +27,7 @@ bool PublishedValues::Map(const PublishedPlace& place) {
     m_values = MapView(place.section.text, place.size);
     m_life = MapView(place.life.text, sizeof(LifeRecord));
     m_section = {static_cast<const BYTE*>(m_values), place.size / 8 * 8};
-    if (m_values != nullptr && m_life != nullptr &&
-        BeginLifeWatch(static_cast<const LifeRecord*>(m_life), &m_watch))
+    if (m_values != nullptr && m_life != nullptr && BeginLifeWatch(static_cast<const LifeRecord*>(m_life), &m_watch))
         return true;
     Unmap();
     return false;
@@ -54,8 +53,7 @@ bool PublishedValues::HaveChanged() {
     const size_t count = std::min<size_t>(HeadOf(m_section).slotCount.load(std::memory_order_acquire), room);
     bool changed = count != m_seen.size();
     m_seen.resize(count);
-    const auto* slots =
-        reinterpret_cast<const PublishedSlot*>(m_section.base + sizeof(PublishedHead));
+    const auto* slots = reinterpret_cast<const PublishedSlot*>(m_section.base + sizeof(PublishedHead));
     for (size_t i = 0; i < count; ++i) {
         // Acquire: what is read afterwards is at least as new as this count.
         const DWORD sequence = slots[i].sequence.load(std::memory_order_acquire);
