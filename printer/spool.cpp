@@ -10,6 +10,7 @@
 namespace {
 
 constexpr SIZE_T kDocumentMax = SIZE_T{32} << 20;
+constexpr DWORD kJobSize = 384; // with its texts, as a rule
 constexpr DWORD kPieceSize = 64 * 1024;
 constexpr SIZE_T kPagesMax = 10000;
 constexpr SIZE_T kLinesOfPage = 66;
@@ -59,7 +60,9 @@ std::optional<std::vector<SpooledJob>> ListSpooledJobs(HANDLE printer, DWORD mos
         buffer.resize(size);
         return buffer.data();
     };
-    if (!ReadJobs(printer, grow, &count, most)) return std::nullopt;
+    // A print server is asked once rather than twice.
+    const DWORD room = most != kAllJobs ? most * kJobSize : 0;
+    if (!ReadJobs(printer, grow, &count, most, room)) return std::nullopt;
     std::vector<SpooledJob> jobs;
     const auto* records = reinterpret_cast<const JOB_INFO_1A*>(buffer.data());
     for (DWORD i = 0; i < count; ++i)

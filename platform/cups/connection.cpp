@@ -179,6 +179,13 @@ Message Connection::ReadAnswer(ipp_status_t* status) {
     return answer;
 }
 
+// Without an answer the last error may be that of an earlier request, which succeeded.
+Message Connection::Judged(Message answer, ipp_status_t* status) {
+    *status = cupsLastError();
+    if (answer == nullptr && *status <= IPP_STATUS_OK_CONFLICTING) *status = IPP_STATUS_ERROR_INTERNAL;
+    return answer;
+}
+
 Message Connection::Ask(Message request, ipp_status_t* status) {
     *status = IPP_STATUS_ERROR_INTERNAL;
     if (m_http == nullptr || NowNs() >= m_call.deadlineNs) return nullptr;
@@ -188,14 +195,11 @@ Message Connection::Ask(Message request, ipp_status_t* status) {
         while ((got = httpUpdate(m_http)) == HTTP_STATUS_CONTINUE) {
         }
         if (got == HTTP_STATUS_OK) return ReadAnswer(status);
-        Message answer(cupsGetResponse(m_http, "/")); // proves who asks, where the server wants that
-        *status = cupsLastError();
+        Message refusal(cupsGetResponse(m_http, "/")); // proves who asks, where the server wants that
         if (got != HTTP_STATUS_UNAUTHORIZED || httpGetStatus(m_http) == HTTP_STATUS_CUPS_AUTHORIZATION_CANCELED)
-            return answer;
+            return Judged(std::move(refusal), status);
     }
-    Message answer(cupsDoRequest(m_http, request.release(), "/"));
-    *status = cupsLastError();
-    return answer;
+    return Judged(Message(cupsDoRequest(m_http, request.release(), "/")), status);
 }
 
 DWORD Connection::Failure() const {

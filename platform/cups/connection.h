@@ -50,6 +50,7 @@ public:
 
 private:
     Message ReadAnswer(ipp_status_t* status);
+    static Message Judged(Message answer, ipp_status_t* status);
     void CutOffAtDeadline();
 
     const PrintServerCall& m_call;

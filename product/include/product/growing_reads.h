@@ -22,11 +22,12 @@ ReadAttempt ReadWhileItGrows(Attempt attempt) {
 // The same for EnumJobsA, GetPrinterA and other calls of the spooler that fail with ERROR_INSUFFICIENT_BUFFER.
 //   call   BOOL(BYTE* room, DWORD size, DWORD* needed)
 //   grow   BYTE*(DWORD size): room of that many bytes; null: out of memory
+//   size   of the first room; 0: the first call only tells how much is needed
 // False: the last error has the reason, but for a lack of memory.
 template <typename Grow, typename Call>
-bool ReadSpoolerRecords(Grow grow, Call call) {
-    BYTE* room = nullptr;
-    DWORD size = 0;
+bool ReadSpoolerRecords(Grow grow, Call call, DWORD size = 0) {
+    BYTE* room = size != 0 ? grow(size) : nullptr;
+    if (size != 0 && room == nullptr) return false;
     const auto attempt = [&] {
         DWORD needed = 0;
         if (call(room, size, &needed)) return ReadAttempt::Done;
@@ -42,8 +43,9 @@ inline constexpr DWORD kAllJobs = 0xFFFFFFFF;
 
 // The first jobs of a printer as JOB_INFO_1A records, *count of them, in the order of its queue.
 template <typename Grow>
-bool ReadJobs(HANDLE printer, Grow grow, DWORD* count, DWORD most = kAllJobs) {
-    return ReadSpoolerRecords(grow, [&](BYTE* room, DWORD size, DWORD* needed) {
-        return EnumJobsA(printer, 0, most, 1, room, size, needed, count);
-    });
+bool ReadJobs(HANDLE printer, Grow grow, DWORD* count, DWORD most = kAllJobs, DWORD size = 0) {
+    const auto call = [&](BYTE* room, DWORD space, DWORD* needed) {
+        return EnumJobsA(printer, 0, most, 1, room, space, needed, count);
+    };
+    return ReadSpoolerRecords(grow, call, size);
 }
