@@ -1,5 +1,6 @@
 // Printers and jobs of a real print server, and servers that do not answer.
 #include "base/timings.h"
+#include "network_printer.h"
 #include "print_server.h"
 #include "spooler_kit.h"
 
@@ -52,6 +53,13 @@ TEST(PrintServer, OneThatStandsStillOrGoesIsAnError) {
     server.Process().Continue();
     EXPECT_EQ(JobsOf(printer), "");
     EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "Office"}));
+    // One that takes the request and answers too late is not one without jobs.
+    const FakePrinter silent;
+    const std::string own = getenv("CUPS_SERVER"), uri = silent.Uri();
+    setenv("CUPS_SERVER", uri.substr(6, uri.rfind("/ipp") - 6).c_str(), 1);
+    EXPECT_EQ(JobsOf(printer), "error " + std::to_string(ERROR_TIMEOUT));
+    setenv("CUPS_SERVER", own.c_str(), 1);
+    EXPECT_EQ(JobsOf(printer), "");
     server.Process().Kill();
     EXPECT_EQ(JobsOf(printer), "error " + std::to_string(RPC_S_SERVER_UNAVAILABLE));
     EXPECT_EQ(PrintersOf(kBoth), Names{"Embedded"});
