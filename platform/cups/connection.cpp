@@ -192,8 +192,8 @@ Message Connection::Ask(Message request, ipp_status_t* status) {
     const http_status_t sent = cupsSendRequest(m_http, request.get(), "/", ippLength(request.get()));
     if (sent == HTTP_STATUS_CONTINUE || sent == HTTP_STATUS_OK) {
         http_status_t got{};
-        while ((got = httpUpdate(m_http)) == HTTP_STATUS_CONTINUE) {
-        }
+        while ((got = httpUpdate(m_http)) == HTTP_STATUS_CONTINUE)
+            if (NowNs() >= m_call.deadlineNs) return nullptr; // a server may say that without end
         if (got == HTTP_STATUS_OK) return ReadAnswer(status);
         Message refusal(cupsGetResponse(m_http, "/")); // proves who asks, where the server wants that
         if (got != HTTP_STATUS_UNAUTHORIZED || httpGetStatus(m_http) == HTTP_STATUS_CUPS_AUTHORIZATION_CANCELED)
