@@ -526,7 +526,7 @@ def object_memory(a):
         os.close(file)
 
     def hold_one():
-        error, _, file = server.ask(OPEN, "TVORSDB:Started", MANUAL_EVENT)
+        error, _, file = server.ask(OPEN, "TVORSDB:Started", MANUAL_EVENT, flags=READING_IS_ENOUGH)
         if error:
             raise OSError(error, "open")
         os.close(file)

@@ -74,6 +74,8 @@ unsigned ObjectCount() {
     EXPECT_EQ(recv(connection, &reply, sizeof reply, 0), ssize_t{sizeof reply});
     EXPECT_EQ(reply.error, DWORD{ERROR_SUCCESS});
     close(connection);
+    // The kind is the number of holds: one at least for each object.
+    EXPECT_GE(static_cast<unsigned>(reply.kind), reply.size);
     return reply.size;
 }
 

@@ -136,8 +136,9 @@ void Execute(uint32_t number, const ObjectRequest& request) {
         reply = {.protocol = kObjectProtocol, .number = request.number, .error = error};
     }
     ObjectReply& kept = g_table->connections[number].reply;
-    const auto* words = reinterpret_cast<const uint32_t*>(&reply);
-    for (size_t i = 0; i < sizeof reply / sizeof *words; ++i)
+    uint32_t words[sizeof reply / sizeof(uint32_t)]; // a copy: the compiler need not see that a word is also a kind
+    std::memcpy(words, &reply, sizeof words);
+    for (size_t i = 0; i < std::size(words); ++i)
         Change(reinterpret_cast<uint32_t*>(&kept)[i], words[i]);
     Commit();
     if (unused >= 0) close(unused);
