@@ -19,3 +19,15 @@ function(oriel_headers target scope base)
     target_sources(${target} ${scope} FILE_SET HEADERS BASE_DIRS ${base} FILES ${headers})
   endif()
 endfunction()
+
+# oriel_notification_path(TARGET): the code that a notification passes through stands together in the program or library
+# that is made of the target.
+function(oriel_notification_path target)
+  if(WIN32 OR ORIEL_SANITIZE OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    return()
+  endif()
+  set(script "${CMAKE_SOURCE_DIR}/cmake/notification_path.ld")
+  target_compile_options(${target} PRIVATE -ffunction-sections)
+  target_link_options(${target} PRIVATE LINKER:-T,${script})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${script}")
+endfunction()
