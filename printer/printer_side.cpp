@@ -411,11 +411,13 @@ void CheckAll(PrinterSide& side) {
     CheckVariable(side, kWriteRequest);
 }
 
-// Whether a manager of the polling kind is open, or was since the last look. Such a manager sets the variable and does
-// not reset it.
+// Whether a manager of the polling kind is open, or was since the last look. Such a manager sets the variable, does not
+// reset it, and holds its event open.
 bool IsPollingWanted(PrinterSide& side) {
-    if (IsWatched(side.link, names::kCompulsivePolling)) return true;
     if (ReadNumberOf(side.link, names::kCompulsivePolling) == 0) return false;
+    const KernelName name = VariableEventName(side.link.terminalServer, side.link.databaseName,
+                                              names::kCompulsivePolling, VariableSignal::Updated);
+    if (const KernelHandle held{OpenEventA(SYNCHRONIZE, FALSE, name.text)}) return true;
     constexpr DWORD kOff = 0;
     WriteBytes(side.link, names::kCompulsivePolling, &kOff, sizeof kOff);
     return true;
