@@ -52,6 +52,10 @@ PublishedRead ReadPublished(Link& link, const char* variable, BYTE* value, DWORD
     return product::ReadPublished(link.published.Section(), variable, value, capacity, state);
 }
 
+HANDLE OpenSignal(const Link& link, const char* variable, VariableSignal signal, DWORD access) {
+    return OpenEventA(access, FALSE, VariableEventName(link.terminalServer, link.databaseName, variable, signal).text);
+}
+
 // Two printer sides would answer each other's requests. When the other one ends it releases the mutex. Only this user
 // can open the mutex: another user could hold it and keep the printer without a printer side.
 bool BecomeOnlyOne(Link& link) {
@@ -77,9 +81,7 @@ bool MakeMailbox(Link& link) {
 bool Watch(Link& link, DWORD which) {
     const char* variable = kWatchedNames[which];
     if (Examine(link, WatchVariable(link.database, variable, kEveryWrite)) != kDone) return false;
-    const KernelName name =
-        VariableEventName(link.terminalServer, link.databaseName, variable, VariableSignal::Updated);
-    link.events[which] = OpenEventA(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, name.text);
+    link.events[which] = OpenSignal(link, variable, VariableSignal::Updated, SYNCHRONIZE | EVENT_MODIFY_STATE);
     if (!link.events[which]) UnwatchVariable(link.database, variable);
     return link.events[which] != nullptr;
 }
@@ -237,11 +239,11 @@ LONG StoreValue(Link& link, const DeviceValue& value) {
 bool IsWatched(Link& link, const char* variable) {
     PublishedState state = {};
     if (ReadPublished(link, variable, nullptr, 0, &state) != PublishedRead::Ask) return state.watched;
-    for (const VariableSignal signal : {VariableSignal::Updated, VariableSignal::Changed}) {
-        const KernelName name = VariableEventName(link.terminalServer, link.databaseName, variable, signal);
-        if (KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text))) return true;
-    }
-    return false;
+    return HasEvent(link, variable, VariableSignal::Updated) || HasEvent(link, variable, VariableSignal::Changed);
+}
+
+bool HasEvent(const Link& link, const char* variable, VariableSignal signal) {
+    return static_cast<bool>(KernelHandle(OpenSignal(link, variable, signal, SYNCHRONIZE)));
 }
 
 bool SomebodyWaits(Link& link) {

@@ -60,5 +60,7 @@ LONG StoreValue(Link& link, const DeviceValue& value);
 
 // Whether anybody watches the variable: a watcher has its event open.
 bool IsWatched(Link& link, const char* variable);
+// Whether any process has that event of the variable open, for whatever it is.
+bool HasEvent(const Link& link, const char* variable, product::VariableSignal signal);
 // Whether anybody waits for the answer to a request, in "RWResult".
 bool SomebodyWaits(Link& link);

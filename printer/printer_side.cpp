@@ -415,9 +415,7 @@ void CheckAll(PrinterSide& side) {
 // reset it, and holds its event open.
 bool IsPollingWanted(PrinterSide& side) {
     if (ReadNumberOf(side.link, names::kCompulsivePolling) == 0) return false;
-    const KernelName name = VariableEventName(side.link.terminalServer, side.link.databaseName,
-                                              names::kCompulsivePolling, VariableSignal::Updated);
-    if (const KernelHandle held{OpenEventA(SYNCHRONIZE, FALSE, name.text)}) return true;
+    if (HasEvent(side.link, names::kCompulsivePolling, VariableSignal::Updated)) return true;
     constexpr DWORD kOff = 0;
     WriteBytes(side.link, names::kCompulsivePolling, &kOff, sizeof kOff);
     return true;

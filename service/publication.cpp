@@ -228,14 +228,12 @@ void TakeOverChanges(Publication& publication, DWORD slot, const Publication* re
     SlotOf(publication, slot).changes.store(from.changes.load(std::memory_order_relaxed), std::memory_order_release);
 }
 
-void PutPulses(Publication* publication, DWORD number, WatchMode mode, DWORD pulses) {
-    if (number != 0)
-        SlotOf(*publication, number).pulses[mode == kEveryWrite ? 0 : 1].store(pulses, std::memory_order_release);
-}
-
-void PutWatches(Publication* publication, DWORD number, WatchMode mode, DWORD watches) {
-    if (number != 0)
-        SlotOf(*publication, number).watches[mode == kEveryWrite ? 0 : 1].store(watches, std::memory_order_release);
+void PutCounts(Publication* publication, DWORD number, WatchMode mode, DWORD pulses, DWORD watches) {
+    if (number == 0) return;
+    PublishedSlot& slot = SlotOf(*publication, number);
+    const DWORD event = mode == kEveryWrite ? 0 : 1;
+    slot.pulses[event].store(pulses, std::memory_order_release);
+    slot.watches[event].store(watches, std::memory_order_release);
 }
 
 void BeginPublishing(ServiceInstance run) {

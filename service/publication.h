@@ -40,8 +40,7 @@ void CountChange(Publication* publication, DWORD slot);
 void EndSlot(Publication* publication, DWORD slot, DWORD sequence);
 // At the end of a replacement: what the slot of the same number had.
 void TakeOverChanges(Publication& publication, DWORD slot, const Publication* replaced, DWORD replacedSlot);
-void PutPulses(Publication* publication, DWORD slot, product::WatchMode mode, DWORD pulses);
-void PutWatches(Publication* publication, DWORD slot, product::WatchMode mode, DWORD watches);
+void PutCounts(Publication* publication, DWORD slot, product::WatchMode mode, DWORD pulses, DWORD watches);
 
 // Tells clients that the service lives. Without this nothing is published.
 void BeginPublishing(product::ServiceInstance run);

@@ -30,11 +30,9 @@ Signal& SignalOf(VariableSignals& signals, WatchMode mode) REQUIRES(signals.lock
 // The owner's lock is held here and below.
 void PutCounts(const Signal& signal) {
     const VariableSignals& signals = *signal.owner;
-    Publication* publication = signals.database->store.publication.load(std::memory_order_acquire);
-    if (!publication) return;
-    const DWORD slot = signals.variable->slot.load(std::memory_order_acquire);
-    PutPulses(publication, slot, signal.mode, signal.pulses);
-    PutWatches(publication, slot, signal.mode, signal.watches);
+    if (Publication* publication = signals.database->store.publication.load(std::memory_order_acquire))
+        PutCounts(publication, signals.variable->slot.load(std::memory_order_acquire), signal.mode, signal.pulses,
+                  signal.watches);
 }
 
 // Wakes whoever waits now. An event that another process made auto-reset cannot be pulsed: one of its waiters wakes.
