@@ -26,7 +26,6 @@ struct Connection {
     uint32_t callId = 0;          // the last one used
     bool isLate = false;          // a call was given up before its answer came
     int64_t deadline = kNever;    // of the call in preparation
-    uint32_t timeMs = 0;          // its limit; 0: none
     bool sendTimeIsShort = false; // SO_SNDTIMEO is short, for a call with a deadline
     uint16_t contextId = 0;       // of the call in preparation: an index into the next array
     unsigned contextCount = 0;

@@ -124,8 +124,13 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
     want = std::min(want, channel.in.capacity);
     while (channel.received < need) {
         if (channel.received > 0 && deadline == kNever) deadline = DeadlineAfter(g_timings.rpcMessage);
+        // A client waits in poll(): in recv() it would also be woken when the server takes the request, for nothing and
+        // at the worst moment. A server's thread, which has no deadline, is woken no later for it.
+        const bool blocks = deadline == kNever;
+        pollfd input{channel.socket, POLLIN, 0};
+        if (!blocks) poll(&input, 1, LeftMs(deadline));
         const ssize_t count = recv(channel.socket, channel.in.data + channel.received, want - channel.received,
-                                   deadline == channel.socketDeadline ? 0 : MSG_DONTWAIT);
+                                   blocks ? 0 : MSG_DONTWAIT);
         if (count > 0) {
             channel.received += static_cast<size_t>(count);
             continue;
@@ -133,10 +138,7 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
         if (count == 0) return Transfer::Closed;
         if (errno == EINTR) continue;
         if (errno != EAGAIN) return FromErrno(errno);
-        const int left = LeftMs(deadline);
-        if (left == 0) return Transfer::TimedOut;
-        pollfd input{channel.socket, POLLIN, 0};
-        poll(&input, 1, left);
+        if (LeftMs(deadline) == 0) return Transfer::TimedOut;
     }
     return Transfer::Done;
 }
@@ -274,21 +276,9 @@ void Trim(Channel& channel) {
     }
 }
 
-void SetReceiveTime(Channel& channel, int milliseconds, int64_t deadline) {
-    channel.socketDeadline = deadline;
-    if (milliseconds == channel.receiveTimeMs) return;
-    const timeval time{milliseconds / 1000, (milliseconds % 1000) * 1000};
-    if (setsockopt(channel.socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) == 0)
-        channel.receiveTimeMs = milliseconds;
-    else
-        channel.socketDeadline = kNever;
-}
-
 void CloseSocket(Channel& channel) {
     if (channel.socket >= 0) close(channel.socket);
     channel.socket = -1;
-    channel.receiveTimeMs = 0;
-    channel.socketDeadline = kNever;
     channel.received = channel.consumed = 0;
 }
 

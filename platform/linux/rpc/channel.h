@@ -24,8 +24,6 @@ struct Buffer {
 
 struct Channel {
     int socket = -1;
-    int receiveTimeMs = 0;           // of the socket; 0: no limit
-    int64_t socketDeadline = kNever; // the one that this time keeps
     Buffer out;
     Buffer in;
     size_t received = 0; // bytes in `in`
@@ -92,10 +90,6 @@ void Trim(Channel& channel);
 
 // The time until a deadline for poll(); 0 once it has passed.
 int LeftMs(int64_t deadline);
-
-// Lets the socket keep that deadline, which is as many milliseconds away, by its own time limit: a Receive with it then
-// needs no further system call, and none at all when the limit is that of the last call. 0: no limit.
-void SetReceiveTime(Channel& channel, int milliseconds, int64_t deadline);
 
 // Closes the socket and drops received data. After FreeBuffers too, the channel is as new.
 void CloseSocket(Channel& channel);

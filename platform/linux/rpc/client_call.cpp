@@ -93,9 +93,8 @@ RPC_STATUS OrCancelled(RPC_STATUS status, int64_t deadline) {
     return status != RPC_S_OK && deadline != kNever && LeftMs(deadline) == 0 ? RPC_S_CALL_CANCELLED : status;
 }
 
-// A stopped server accepts what fits its socket, and no more. Calls with the same limit need no system call for it.
+// A stopped server accepts what fits its socket, and no more.
 void LimitTimes(Connection& connection) {
-    SetReceiveTime(connection.channel, static_cast<int>(connection.timeMs), connection.deadline);
     const auto usual = static_cast<int>(g_timings.rpcSend);
     const int left = connection.deadline != kNever ? std::max(LeftMs(connection.deadline), 1) : usual;
     const bool shorter = left < usual;
@@ -130,7 +129,6 @@ RPC_STATUS GetRequestBuffer(RPC_MESSAGE& message) {
     if (status != RPC_S_OK) return OrCancelled(status, deadline);
     if (!ReserveBody(connection->channel, message.BufferLength)) return RPC_S_OUT_OF_MEMORY;
     connection->busy = true;
-    connection->timeMs = timeMs;
     connection->room = message.BufferLength;
     message.Buffer = Body(connection->channel);
     message.ReservedForRuntime = connection;
