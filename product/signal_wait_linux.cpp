@@ -18,6 +18,10 @@ struct Position {
 
 } // namespace
 
+KernelHandle StepInWait(HANDLE event, HANDLE signal, void(WINAPI* step)(void*), void* context) {
+    return KernelHandle(OrielStepInWait(event, signal, step, context));
+}
+
 void SignalWait::SetEvent(DWORD number, HANDLE event) {
     while (m_count <= number + 1)
         m_handles[m_count++] = nullptr;
@@ -47,7 +51,11 @@ DWORD SignalWait::Gather(HANDLE* handles, DWORD* positions) const {
 Woken SignalWait::Wait(DWORD milliseconds) {
     HANDLE handles[MAXIMUM_WAIT_OBJECTS];
     DWORD positions[MAXIMUM_WAIT_OBJECTS];
-    const DWORD count = Gather(handles, positions);
+    DWORD count = 0;
+    {
+        const Turn turn(*this);
+        count = Gather(handles, positions);
+    }
     if (m_isToRest) OrielRestThread();
     m_isToRest = false;
     const DWORD result = OrielWaitFrom(count, handles, positions, milliseconds);
@@ -73,6 +81,10 @@ Signals SignalWait::Take(DWORD number) {
     const DWORD pulses = (now.at - last) / 2;
     last = now.at;
     return {pulses, now.isSet != FALSE};
+}
+
+void SignalWait::GiveBack(DWORD number, const Signals& taken) {
+    m_positions[number + 1] -= 2 * taken.pulses;
 }
 
 } // namespace product

@@ -15,6 +15,10 @@ constexpr DWORD kSignalled = 1; // in a position: a wait ended with the event
 
 } // namespace
 
+KernelHandle StepInWait(HANDLE, HANDLE, void(WINAPI*)(void*), void*) {
+    return {};
+}
+
 void SignalWait::SetEvent(DWORD number, HANDLE event) {
     while (m_count <= number + 1)
         m_handles[m_count++] = nullptr;
@@ -64,6 +68,10 @@ Signals SignalWait::Take(DWORD number) {
                                         WaitForSingleObject(m_handles[number + 1], 0) == WAIT_OBJECT_0};
     position = 0;
     return signals;
+}
+
+void SignalWait::GiveBack(DWORD number, const Signals& taken) {
+    m_positions[number + 1] = taken.pulses;
 }
 
 } // namespace product

@@ -28,6 +28,19 @@ WINBASEAPI BOOL WINAPI OrielEventPosition(HANDLE event, DWORD* position, BOOL* i
  */
 WINBASEAPI DWORD WINAPI OrielWaitFrom(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds);
 
+/* A step that waiting threads do. Short; it must not wait for anything, nor end itself. It may set events. */
+typedef void(WINAPI* ORIEL_WAIT_STEP)(void* context);
+
+/* Whoever waits for `event` in this process is woken when `signal`, another event, is set or pulsed too, calls
+ * step(context), and looks at `event` again: so the news of `signal` comes without the detour through a thread that
+ * waits for it and sets `event`. That thread is needed still: nobody may be waiting, and a signal between two waits
+ * does no step. Steps of an event do not overlap. A wait for 64 objects does none.
+ *
+ * Returns a handle; no step is called any more when CloseHandle has returned. NULL: ERROR_INVALID_HANDLE,
+ * ERROR_ACCESS_DENIED, ERROR_INVALID_PARAMETER (no step, or both events are one), ERROR_ALREADY_EXISTS (the event has a
+ * step), ERROR_NOT_ENOUGH_MEMORY, ERROR_NO_SYSTEM_RESOURCES. */
+WINBASEAPI HANDLE WINAPI OrielStepInWait(HANDLE event, HANDLE signal, ORIEL_WAIT_STEP step, void* context);
+
 /* For a thread that is likely to sleep for long: gives back the memory of the stack that it does not use, and its
  * connections to RPC servers, which other threads of the process may use; a few are kept for them. The thread has them
  * again when it needs them. */

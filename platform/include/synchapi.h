@@ -104,6 +104,8 @@ typedef struct ORIEL_LOCK_CHECK(capability("critical section")) _CRITICAL_SECTIO
 
 WINBASEAPI void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);
 WINBASEAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(acquire_capability(*section));
+WINBASEAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section)
+    ORIEL_LOCK_CHECK(try_acquire_capability(TRUE, *section));
 WINBASEAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(release_capability(*section));
 WINBASEAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section);
 

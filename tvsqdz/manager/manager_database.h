@@ -38,6 +38,8 @@ Answer GetWriteCount(const ManagerDatabase& database, const char* name, DWORD* w
 
 // The published values alone. False: ask the service.
 bool FindPublishedState(const ManagerDatabase& database, const char* name, product::PublishedState* state);
+// The same without any call, as long as what is mapped is current.
+bool FindMappedState(const ManagerDatabase& database, const char* name, product::PublishedState* state);
 // Whether the service that has this handle is known to live, which costs no call. False: it has to be asked.
 bool ServiceIsKnownToLive(const ManagerDatabase& database);
 // Releases what was mapped; nobody uses the database any more.

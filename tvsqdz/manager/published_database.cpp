@@ -215,8 +215,10 @@ const PublishedDatabase* Map(const Reading& reading, DatabaseHandle handle, Publ
     return Publish(reading, handle, place, earlier);
 }
 
+enum class Mapping { Allowed, Refused }; // it takes calls of the service
+
 // Null: ask the service, which may have ended.
-const PublishedDatabase* PublishedOf(const Reading& reading) {
+const PublishedDatabase* PublishedOf(const Reading& reading, Mapping mapping) {
     const ManagerDatabase& database = reading.database;
     const DatabaseHandle handle = database.handle.load(std::memory_order_relaxed);
     PublishedDatabase* published = database.published.load();
@@ -224,16 +226,18 @@ const PublishedDatabase* PublishedOf(const Reading& reading) {
         if (!product::IsAlive(published->mapped->watch)) return nullptr;
         if (IsCurrent(*published->mapped)) return published;
     }
-    if (handle == 0 || database.readByCalls.load(std::memory_order_relaxed) == handle) return nullptr;
+    if (mapping == Mapping::Refused || handle == 0 || database.readByCalls.load(std::memory_order_relaxed) == handle)
+        return nullptr;
     return Map(reading, handle, published);
 }
 
 // Reads once more when the section was replaced meanwhile. A service that ended during the read did so after it: its
 // memory stays as it was.
-PublishedRead Read(const ManagerDatabase& database, const char* name, BYTE* buffer, DWORD size, PublishedState* state) {
+PublishedRead Read(const ManagerDatabase& database, const char* name, BYTE* buffer, DWORD size, PublishedState* state,
+                   Mapping mapping = Mapping::Allowed) {
     const Reading reading(database);
     for (int i = 0; i < 2; ++i) {
-        const PublishedDatabase* published = PublishedOf(reading);
+        const PublishedDatabase* published = PublishedOf(reading, mapping);
         if (published == nullptr) break;
         const PublishedRead read = product::ReadPublished(published->mapped->section, name, buffer, size, state);
         if (read != PublishedRead::Ask || IsCurrent(*published->mapped)) return read;
@@ -286,6 +290,10 @@ Answer ReadVariable(const ManagerDatabase& database, const char* name, void* buf
 
 bool FindPublishedState(const ManagerDatabase& database, const char* name, PublishedState* state) {
     return Read(database, name, nullptr, 0, state) != PublishedRead::Ask;
+}
+
+bool FindMappedState(const ManagerDatabase& database, const char* name, PublishedState* state) {
+    return Read(database, name, nullptr, 0, state, Mapping::Refused) != PublishedRead::Ask;
 }
 
 bool ServiceIsKnownToLive(const ManagerDatabase& database) {

@@ -66,23 +66,26 @@ void Watcher::WaitForStarted() {
 
 Watcher::~Watcher() {
     for (DWORD k = 0; k < m_count; ++k)
+        m_variables[k].step.Reset(); // none runs any more
+    for (DWORD k = 0; k < m_count; ++k)
         m_variables[k].~Watched();
     FreeBlock(m_variables);
+}
+
+Watcher::Told Watcher::ToTold(const Watched& watched, const product::PublishedState& state) {
+    const bool everyWrite = watched.watch.Mode() == product::kEveryWrite;
+    return {.isCounted = true,
+            .writes = everyWrite ? state.writes : state.changes,
+            .pulses = everyWrite ? state.updatedPulses : state.changedPulses,
+            .time = state.writeTime};
 }
 
 Watcher::Told Watcher::ReadLast(const Watched& watched) const {
     const ManagerDatabase& database = PrinterDatabaseOf(m_registration);
     const char* name = watched.watch.Variable();
-    Told last;
     product::PublishedState state;
-    if (FindPublishedState(database, name, &state)) {
-        const bool everyWrite = watched.watch.Mode() == product::kEveryWrite;
-        last.isCounted = true;
-        last.writes = everyWrite ? state.writes : state.changes;
-        last.pulses = everyWrite ? state.updatedPulses : state.changedPulses;
-        last.time = state.writeTime;
-        return last;
-    }
+    if (FindPublishedState(database, name, &state)) return ToTold(watched, state);
+    Told last;
     SYSTEMTIME written;
     if (GetWriteTime(database, name, &written) == Answer::Done) last.time = product::ToTime(written);
     return last;
@@ -90,6 +93,7 @@ Watcher::Told Watcher::ReadLast(const Watched& watched) const {
 
 // What was written before is not news. A write at this very moment may count as such, or be told.
 void Watcher::SetBase(Watched& watched, DWORD number) {
+    const product::SignalWait::Turn turn(m_wait);
     m_wait.SetEvent(number, watched.watch.Event());
     for (int tries = 0; tries < kBaseTries; ++tries) { // until nothing was pulsed meanwhile
         watched.told = ReadLast(watched);
@@ -107,6 +111,37 @@ void Watcher::Add(const char* variableName, product::WatchMode mode) {
     SetBase(watched, m_count++);
 }
 
+void Watcher::TellByWaiter(DWORD number, const NotificationEntry& entry) {
+    if (number >= m_count) return;
+    Watched& watched = m_variables[number];
+    watched.watcher = this;
+    watched.entry = &entry;
+    BeginStep(watched);
+}
+
+void Watcher::BeginStep(Watched& watched) {
+    if (watched.entry == nullptr || !watched.watch.IsWhole()) return;
+    watched.step =
+        product::StepInWait(reinterpret_cast<HANDLE>(watched.entry->target), watched.watch.Event(), &Step, &watched);
+}
+
+// In a thread that waits for the event, and for nothing else: what takes a call or is unclear is left to the watcher's
+// own, which the signal has woken too.
+void WINAPI Watcher::Step(void* parameter) {
+    Watched& watched = *static_cast<Watched*>(parameter);
+    Watcher& watcher = *watched.watcher;
+    const auto number = static_cast<DWORD>(&watched - watcher.m_variables);
+    const product::SignalWait::Turn turn(watcher.m_wait, std::try_to_lock);
+    if (!turn.held || watched.watch.IsLost()) return;
+    const product::Signals signals = watcher.m_wait.Take(number);
+    product::PublishedState state;
+    if (FindMappedState(PrinterDatabaseOf(watcher.m_registration), watched.watch.Variable(), &state)) {
+        if (watcher.IsNews(watched, signals, ToTold(watched, state))) Deliver(*watched.entry);
+    } else {
+        watcher.m_wait.GiveBack(number, signals);
+    }
+}
+
 // Anything may have been written before the previous service ended. A watch that could not be had missed what was
 // written since.
 void Watcher::RenewWatches() {
@@ -116,29 +151,32 @@ void Watcher::RenewWatches() {
         const bool isLost = watched.watch.IsLost();
         if (!isLost && watched.watch.IsWhole()) continue;
         const Told before = watched.told;
+        watched.step.Reset();
         watched.watch.Renew();
         SetBase(watched, k);
+        BeginStep(watched);
         watched.isNews |= isLost || before.time != watched.told.time;
     }
 }
 
-void Watcher::Look(Watched& watched, DWORD number) {
-    const product::Signals signals = m_wait.Take(number);
+// last: read after the signals were taken. The caller has the turn.
+bool Watcher::IsNews(Watched& watched, const product::Signals& signals, const Told& last) {
     const bool isSignalled = signals.pulses > 0 || signals.isSet;
     if (isSignalled) watched.signals.Count(watched.watch.Event(), m_trust);
-    const Told last = ReadLast(watched);
+    bool isNews = false;
     if (last.isCounted && watched.told.isCounted) {
         watched.pulsesSeen += signals.pulses;
         const DWORD given = last.pulses - watched.pulsesBefore;
         const bool isForeign = signals.isSet || static_cast<LONG>(watched.pulsesSeen - given) > 0;
         if (isForeign) watched.pulsesSeen = given;
-        watched.isNews |= isForeign || last.writes != watched.told.writes;
+        isNews = isForeign || last.writes != watched.told.writes;
     } else {
         watched.pulsesBefore = last.pulses;
         watched.pulsesSeen = 0;
-        watched.isNews |= isSignalled || last.time > watched.told.time;
+        isNews = isSignalled || last.time > watched.told.time;
     }
     watched.told = last; // before the value is read: it is at least as new
+    return isNews;
 }
 
 // Opens the manager's databases again when there is a new service, which makes the watches lost. Unless one has just
@@ -184,8 +222,11 @@ bool Watcher::AwaitNews(DWORD pause) {
         }
         if (isLost || !m_isWhole) RenewWatches();
         // Also after the time: whoever may signal the event can also hide a pulse.
-        for (DWORD k = 0; k < m_count; ++k)
-            Look(m_variables[k], k);
+        for (DWORD k = 0; k < m_count; ++k) {
+            const product::SignalWait::Turn turn(m_wait);
+            const product::Signals signals = m_wait.Take(k);
+            m_variables[k].isNews |= IsNews(m_variables[k], signals, ReadLast(m_variables[k]));
+        }
         const bool isOver = !idle && woken == product::Woken::TimedOut;
         if (isOver || std::any_of(m_variables, m_variables + m_count, [](const Watched& each) { return each.isNews; }))
             return true;

@@ -6,6 +6,9 @@
 // service's pulses whether somebody else gave this one. Both were counted before the pulse. Where nothing is published,
 // every pulse and every later write time is news.
 //
+// Threads that wait for the event of a registration look for its news and tell it too (TellByWaiter): it need not come
+// through the watcher's thread.
+//
 // State: with each watcher, on its stack.
 #pragma once
 
@@ -78,6 +81,10 @@ public:
     // Watches one more variable; writes before are no news. Then ThreadHasBegun.
     void Add(const char* variableName, product::WatchMode mode);
 
+    // The entry sets an event when the variable of that number is written: threads of this process that wait for it
+    // look for themselves. Before Run.
+    void TellByWaiter(DWORD number, const NotificationEntry& entry);
+
     // Until the thread is to end. tell is called with the number of a variable, from 0 in the order of the calls of
     // Add, when it was written, somebody else signalled it, or the service is a new one. It delivers, and returns
     // kNoLook, or a time in milliseconds after which it is to be called again.
@@ -110,13 +117,20 @@ private:
         Told told;
         DWORD pulsesBefore = 0; // of the service when the watch began
         DWORD pulsesSeen = 0;   // since then
+        // Of TellByWaiter.
+        const NotificationEntry* entry = nullptr;
+        Watcher* watcher = nullptr;
+        KernelHandle step; // ends before the watch
     };
 
     bool AwaitNews(DWORD pause);
     void WaitForStarted();
     void RenewWatches();
     void SetBase(Watched& watched, DWORD number);
-    void Look(Watched& watched, DWORD number);
+    void BeginStep(Watched& watched);
+    static void WINAPI Step(void* watched);
+    bool IsNews(Watched& watched, const product::Signals& signals, const Told& last);
+    static Told ToTold(const Watched& watched, const product::PublishedState& state);
     Told ReadLast(const Watched& watched) const;
     void LookForNewService(bool isStarted);
 

@@ -72,6 +72,10 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no
     TakeOwnership(section);
 }
 
+BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
+    return TryEnter(section);
+}
+
 void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) ORIEL_LOCK_CHECK(no_thread_safety_analysis) {
     if (Owner(section).load(std::memory_order_relaxed) != GetCurrentThreadId()) return; // another thread's, or nobody's
     if (--section->RecursionCount != 0) return;

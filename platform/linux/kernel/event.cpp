@@ -1,5 +1,5 @@
-// Events: CreateEventA, OpenEventA, SetEvent, ResetEvent, PulseEvent, OrielEventPosition. State: the word in the head
-// of each event (named_object.h).
+// Events: CreateEventA, OpenEventA, SetEvent, ResetEvent, PulseEvent, OrielEventPosition, OrielStepInWait. State: the
+// word in the head of each event (named_object.h), and its step.
 //
 // Manual reset: the word is a counter, odd while the event is set. A waiter remembers the even value that it found.
 // Only a set or a pulse changes an even value, so any change releases the waiter, even if a reset has followed. The
@@ -25,12 +25,27 @@
 namespace oriel {
 namespace {
 
+struct EventObject;
+
+// What OrielStepInWait returns. It has a reference to both events.
+struct StepObject : Object {
+    EventObject* event;
+    NamedObject* signal;
+    ORIEL_WAIT_STEP step;
+    void* context;
+};
+
+struct EventObject : NamedObject {
+    Lock lock;                              // held during the step, so that its end waits for it
+    std::atomic<StepObject*> step{nullptr}; // changed under the lock
+};
+
 constexpr uint32_t kSet = 1;
 constexpr uint32_t kLowHalf = 0xFFFF;
 constexpr uint32_t kOneTaken = 0x10000;
 
 void DropEvent(Object* object) {
-    auto* event = static_cast<NamedObject*>(object);
+    auto* event = static_cast<EventObject*>(object);
     if (DropNamed(event)) delete event;
 }
 
@@ -71,11 +86,38 @@ Grab GrabAutomatic(NamedObject& event, WaitPoint& point) {
     return Grab::Busy;
 }
 
-Grab GrabEvent(Object* object, WaitPoint& point, bool) {
-    auto& event = *static_cast<NamedObject*>(object);
+// Does the event's step if its signal has come since the last look. A wait that has not looked yet leaves what came
+// before to others.
+bool DoStep(EventObject& event, WaitPoint& point) {
+    if (event.step.load(std::memory_order_relaxed) == nullptr && point.signal == nullptr) return false;
+    Object* before = point.signal;
+    bool came = false;
+    {
+        const LockHold hold(event.lock);
+        const StepObject* step = event.step.load(std::memory_order_relaxed);
+        NamedObject* signal = step != nullptr ? step->signal : nullptr;
+        if (signal != before) {
+            if (signal != nullptr) signal->references.fetch_add(1, std::memory_order_relaxed);
+            point.signal = signal;
+        }
+        if (signal != nullptr) {
+            const uint32_t now = signal->head->word.load(std::memory_order_acquire);
+            came = signal == before && now != point.signalled.value;
+            point.signalled = {&signal->head->word, now, signal->named};
+            if (came) step->step(step->context);
+        }
+    }
+    if (before != nullptr && before != point.signal) DropReference(before);
+    return came;
+}
+
+Grab GrabEvent(Object* object, WaitPoint& point, bool goingToSleep) {
+    auto& event = *static_cast<EventObject*>(object);
     point.word = &event.head->word;
     point.shared = event.named;
-    return event.kind == ObjectKind::ManualEvent ? GrabManual(event, point) : GrabAutomatic(event, point);
+    const auto grab = event.kind == ObjectKind::ManualEvent ? GrabManual : GrabAutomatic;
+    const Grab result = grab(event, point);
+    return result == Grab::Busy && goingToSleep && DoStep(event, point) ? grab(event, point) : result;
 }
 
 bool IsManual(const Object* object) {
@@ -90,7 +132,7 @@ constexpr RightsMap kEventRights{.read = STANDARD_RIGHTS_READ | 0x1,
                                  .all = EVENT_ALL_ACCESS};
 
 NamedObject* MakeEvent() {
-    return new (std::nothrow) NamedObject{{&kEventType}};
+    return new (std::nothrow) EventObject{{{&kEventType}}};
 }
 
 // Resets the event. True when it was set.
@@ -103,6 +145,21 @@ bool Clear(NamedObject& event) {
     } while (!word.compare_exchange_weak(now, manual ? now + 1 : Cleared(now), std::memory_order_acq_rel));
     return true;
 }
+
+void DropStep(Object* object) {
+    if (!LastReference(object)) return;
+    auto* step = static_cast<StepObject*>(object);
+    {
+        const LockHold hold(step->event->lock);
+        step->event->step.store(nullptr, std::memory_order_relaxed);
+    }
+    WakeAll(step->event->head->word, step->event->named); // the waits give up the signal
+    DropReference(step->event);
+    DropReference(step->signal);
+    delete step;
+}
+
+constexpr ObjectType kStepType{.name = "step in a wait", .drop = DropStep};
 
 BOOL Written(bool written) {
     return written ? TRUE : Fail(ERROR_NOACCESS); // never: the event's memory is there
@@ -169,4 +226,26 @@ BOOL WINAPI OrielEventPosition(HANDLE handle, DWORD* position, BOOL* isSet) {
     *isSet = (now & kSet) != 0;
     *position = now + (now & kSet); // where a reset would leave it
     return TRUE;
+}
+
+HANDLE WINAPI OrielStepInWait(HANDLE event, HANDLE signal, ORIEL_WAIT_STEP step, void* context) {
+    HandleUse<EventObject> waitedFor(event, kEventType, SYNCHRONIZE);
+    if (!waitedFor) return nullptr;
+    HandleUse<NamedObject> signals(signal, kEventType, SYNCHRONIZE);
+    if (!signals) return nullptr;
+    if (step == nullptr || signals.Get() == waitedFor.Get()) return Fail(ERROR_INVALID_PARAMETER, nullptr);
+    auto* made = new (std::nothrow) StepObject{{&kStepType}, waitedFor.Get(), signals.Get(), step, context};
+    if (made == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    {
+        const LockHold hold(waitedFor->lock);
+        StepObject* none = nullptr;
+        if (!waitedFor->step.compare_exchange_strong(none, made)) {
+            delete made;
+            return Fail(ERROR_ALREADY_EXISTS, nullptr);
+        }
+        made->event->references.fetch_add(1, std::memory_order_relaxed);
+        made->signal->references.fetch_add(1, std::memory_order_relaxed);
+    }
+    WakeAll(made->event->head->word, made->event->named); // waits that have begun follow it too
+    return NewHandle(made, 0);
 }

@@ -34,6 +34,10 @@ struct WaitPoint {
     bool begun = false;   // `first` is set
     uint32_t first = 0;   // the word when the wait began, or where it is to begin
     uint32_t sliceMs = 0; // if not 0, look again after this time even without a wake-up
+    // The signal whose step the wait does meanwhile (OrielStepInWait), with a reference, and the word that was last
+    // seen.
+    Object* signal = nullptr;
+    SleepPoint signalled{};
 };
 // Busy: keep waiting. Abandoned: got, from an owner that died. LimitReached: a mutex that is owned too often.
 enum class Grab { Busy, Got, Abandoned, LimitReached, Failed };

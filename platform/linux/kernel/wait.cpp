@@ -31,8 +31,10 @@ struct Waiting {
     Waiting(const Waiting&) = delete;
     Waiting& operator=(const Waiting&) = delete;
     ~Waiting() {
-        for (uint32_t i = 0; i < count; ++i)
+        for (uint32_t i = 0; i < count; ++i) {
+            if (points[i].signal != nullptr) DropReference(points[i].signal);
             UnpinHandle(pins[i]);
+        }
     }
     DWORD Pin(HANDLE handle, DWORD position = ORIEL_FROM_NOW) {
         const HandlePin pin = PinHandle(handle);
@@ -88,7 +90,10 @@ template <uint32_t most>
             if (point.sliceMs != 0) sliceMs = point.sliceMs;
         }
         const int64_t slice = sliceMs != 0 ? MonotonicNs() + sliceMs * kNsPerMs : kNever;
-        const Awake awake = SleepOn(points, AddOwnWord(points, waiting.count), std::min(deadline, slice));
+        uint32_t count = AddOwnWord(points, waiting.count);
+        for (uint32_t i = 0; i < waiting.count && count < most; ++i) // without room, others do the steps
+            if (waiting.points[i].signal != nullptr) points[count++] = waiting.points[i].signalled;
+        const Awake awake = SleepOn(points, count, std::min(deadline, slice));
         if (awake == Awake::Failed) return FailWait(ERROR_NOACCESS); // another process truncated a file
         // The thread stops at the end of the outermost call, so nobody sees this result.
         if (TerminationAsked()) return FailWait(ERROR_NO_SYSTEM_RESOURCES);

@@ -3,6 +3,9 @@
 // itself after each pulse (signal_wait_windows.cpp), so a watcher compares counts whenever a wait has ended. No state.
 #pragma once
 
+#include "product/guards.h"
+
+#include <mutex>
 #include <windows.h>
 
 namespace product {
@@ -21,12 +24,40 @@ struct Signals {
     bool isSet;   // it is still set: somebody left it so
 };
 
+// Whoever waits for `event` in this process calls step(context) when `signal` is signalled (oriel_wait.h), until the
+// handle is closed. Null where the system has no such thing, or the event has a step already.
+KernelHandle StepInWait(HANDLE event, HANDLE signal, void(WINAPI* step)(void*), void* context);
+
 class SignalWait {
 public:
     static constexpr DWORD kEventsMax = MAXIMUM_WAIT_OBJECTS - 1;
 
     // The handles belong to the caller. stop may be null.
-    explicit SignalWait(HANDLE stop) : m_handles{stop} {}
+    explicit SignalWait(HANDLE stop) : m_handles{stop} { InitializeCriticalSection(&m_turn); }
+    ~SignalWait() { DeleteCriticalSection(&m_turn); }
+    SignalWait(const SignalWait&) = delete;
+    SignalWait& operator=(const SignalWait&) = delete;
+
+    // Other threads than the one that waits may take signals too, in turn. While one has the turn no wait begins, so a
+    // wait misses nothing of what that thread took and gave back.
+    class Turn {
+    public:
+        explicit Turn(SignalWait& wait) : m_wait(wait), held(true) { EnterCriticalSection(&wait.m_turn); }
+        // held: nobody else has it.
+        Turn(SignalWait& wait, std::try_to_lock_t)
+            : m_wait(wait), held(TryEnterCriticalSection(&wait.m_turn) != FALSE) {}
+        ~Turn() {
+            if (held) LeaveCriticalSection(&m_wait.m_turn);
+        }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+    private:
+        SignalWait& m_wait;
+
+    public:
+        const bool held;
+    };
 
     // The event of that number, from 0, from now on. Null: none, which is never signalled.
     void SetEvent(DWORD number, HANDLE event);
@@ -35,10 +66,12 @@ public:
 
     Woken Wait(DWORD milliseconds);
     Signals Take(DWORD number);
+    void GiveBack(DWORD number, const Signals& taken);
 
 private:
     DWORD Gather(HANDLE* handles, DWORD* positions) const;
 
+    CRITICAL_SECTION m_turn; // for all that follows
     HANDLE m_handles[1 + kEventsMax];
     DWORD m_positions[1 + kEventsMax] = {};
     DWORD m_count = 1; // of the handles
