@@ -51,7 +51,7 @@ Woken SignalWait::Wait(DWORD milliseconds) {
     if (result == WAIT_TIMEOUT) {
         if (milliseconds <= pause) return Woken::TimedOut;
         ++m_repeats;
-        return Woken::Signalled;
+        return Woken::Again;
     }
     if (result >= WAIT_OBJECT_0 + count) return Woken::Failed;
     const DWORD index = result - WAIT_OBJECT_0;

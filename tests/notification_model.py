@@ -1,20 +1,22 @@
 #!/usr/bin/env python3
 """Explores every interleaving of what docs/notifications.md describes, and checks what it promises.
 
-Two watchers of one process register, wait, look and deliver; writers write; the service pulses at once or by its thread;
-somebody else may pulse the event; the service may die and be followed by another. A stopped thread is one that takes no
+Two watchers of one process register, wait, look and deliver; a thread that waits for what one of them delivers may look and
+deliver for it; writers write; the service pulses at once or by its thread; somebody else may pulse the event; the service may
+die and be followed by another. A stopped thread is one that takes no
 step for a while, which is among the interleavings. With any one of the rules in BREAKS left out, a check has to fail.
 """
 import sys
 from typing import NamedTuple
 
-BREAKS = ("remember", "count-pulses", "count-first", "publish-first", "tell-after-restart")
+BREAKS = ("remember", "count-pulses", "count-first", "publish-first", "tell-after-restart", "turn", "give-back")
 
 
 class Watcher(NamedTuple):
     step: str = "open"  # the next one
     life: int = 0       # the service in which it has its watch
-    position: int = 0   # of the event, from which it waits
+    position: int = 0   # of the event, as it was last taken
+    begun: int = 0      # the position from which it waits
     told: int = 0       # writes
     before: int = 0     # pulses of the service when the watch began
     seen: int = 0       # pulses since then
@@ -25,6 +27,11 @@ class Watcher(NamedTuple):
     deliveries: int = 0
     racing: int = 0     # pulses on their way when the watch began: of writes at that moment, which may be told
     needless: int = 0   # deliveries without a new write
+    turn: str = ""      # who looks: "", "watcher", "waiter"
+    waiter: str = "none"  # where the other thread stands, from "away" on
+    signalled: int = 0  # the event, as that thread last saw it
+    taken: int = 0      # pulses that it took
+    read: int = 0       # writes that it has read
 
 
 class State(NamedTuple):
@@ -72,26 +79,53 @@ def watcher_steps(s, w, broken):
         renewed = w.registered >= 0
         tells = renewed and "tell-after-restart" not in broken
         on_their_way = s.owed + (s.pulse != "") + (s.writer == "signal")
-        return put(step="deliver" if tells else "wait", seen=0, racing=w.racing + on_their_way,
+        return put(step="deliver" if tells else "begin", seen=0, waiter="away" if w.waiter == "gone" else w.waiter, racing=w.racing + on_their_way,
                    registered=w.registered if renewed else s.writes, writes=w.told)
+    if w.step == "begin":
+        return put(step="wait", begun=w.position) if w.turn == "" or "turn" in broken else None
     if w.step == "wait":
-        if w.life != s.life:
-            return put(step="open")
+        if w.life != s.life:  # the step of the other thread ends first
+            return put(step="open", waiter="gone" if w.waiter != "none" else "none") if w.turn == "" else None
         if "remember" in broken:  # whoever does not sleep misses the pulse
             return None if w.asleep else put(asleep=True, position=s.event)
-        return put(step="take") if s.event != w.position else None
+        return put(step="take") if s.event != w.begun else None
     if w.step == "take":
-        return put(step="read-writes", seen=w.seen + s.event - w.position, position=s.event)
+        if w.turn != "" and "turn" not in broken:
+            return None
+        if s.event == w.position:  # the other thread has had it
+            return put(step="begin")
+        return put(step="read-writes", turn="watcher", seen=w.seen + s.event - w.position, position=s.event)
     if w.step == "read-writes":
         return put(step="read-pulses", writes=s.writes)
     if w.step == "read-pulses":
         given = s.counted - w.before
         foreign = w.seen > given or "count-pulses" in broken
         news = foreign or w.writes != w.told
-        return put(step="deliver" if news else "wait", seen=min(w.seen, given), told=w.writes,
+        return put(step="deliver" if news else "begin", seen=min(w.seen, given), told=w.writes, turn="",
                    needless=w.needless + (news and w.writes == w.told))
     assert w.step == "deliver"
-    return put(step="wait", value=s.writes, deliveries=w.deliveries + 1)
+    return put(step="begin", value=s.writes, deliveries=w.deliveries + 1)
+
+
+def waiter_steps(s, w, broken):
+    """The thread that waits for what the watcher delivers: it looks in turn. Where the values cannot be read without a call, it
+    gives back what it took."""
+    put = lambda **changes: w._replace(**changes)
+    if w.waiter == "away" and w.step in ("begin", "wait"):
+        yield put(waiter="asleep", signalled=s.event)
+    elif w.waiter == "asleep" and s.event != w.signalled and (
+            s.event == w.position or (w.turn != "" and "turn" not in broken)):  # the watcher had it, or is at it
+        yield put(signalled=s.event)
+    elif w.waiter == "asleep" and s.event != w.signalled:
+        yield put(waiter="read-writes", turn="waiter", signalled=s.event, taken=s.event - w.position, position=s.event)
+    elif w.waiter == "read-writes":
+        yield put(waiter="read-pulses", read=s.writes)
+        yield put(waiter="asleep", turn="", position=w.position - (0 if "give-back" in broken else w.taken))
+    elif w.waiter == "read-pulses":
+        seen, given = w.seen + w.taken, s.counted - w.before
+        news = seen > given or w.read != w.told
+        yield put(waiter="asleep", turn="", seen=min(seen, given), told=w.read, deliveries=w.deliveries + news,
+                  value=s.writes if news else w.value, needless=w.needless + (news and w.read == w.told))
 
 
 def steps(s, broken):
@@ -118,6 +152,8 @@ def steps(s, broken):
     for name in ("a", "b"):
         stepped = watcher_steps(s, getattr(s, name), broken)
         if stepped is not None:
+            yield s._replace(**{name: stepped})
+        for stepped in waiter_steps(s, getattr(s, name), broken):
             yield s._replace(**{name: stepped})
 
 
@@ -150,8 +186,9 @@ def explore(start, broken=()):
 
 
 NOBODY = Watcher(step="none")
+WITH_WAITER = Watcher(waiter="away")
 STARTS = (State(left=1, foreign=1), State(left=1, deaths=1, b=NOBODY), State(left=2, foreign=1, b=NOBODY),
-          State(left=3, b=NOBODY))
+          State(left=3, b=NOBODY), State(left=2, foreign=1, a=WITH_WAITER, b=NOBODY), State(left=1, deaths=1, a=WITH_WAITER, b=NOBODY))
 
 
 def main():

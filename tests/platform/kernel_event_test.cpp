@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <oriel_wait.h>
 #include <thread>
 #include <tuple>
 
@@ -116,6 +117,54 @@ TEST(Wait, WorksWithAndWithoutTheKernelsCallForManyWords) {
             ASSERT_EQ(Wait(answer), DWORD{WAIT_OBJECT_0}) << round;
             ASSERT_EQ(*SharedNumber("Taken"), round);
         }
+    }
+}
+
+struct CountedStep {
+    HANDLE event; // set by every second step
+    std::atomic<DWORD> thread{0};
+    std::atomic<int> begun{0}, done{0};
+};
+
+void WINAPI DoCounted(void* context) {
+    auto& step = *static_cast<CountedStep*>(context);
+    step.thread = GetCurrentThreadId();
+    if (++step.begun % 2 == 0) SetEvent(step.event);
+    if (step.begun > 2) Sleep(30);
+    ++step.done;
+}
+
+// Whoever waits does the step, from the first signal of its wait until the step's handle is closed, which waits for one
+// that has begun.
+TEST(Wait, DoesTheStepOfAnEvent) {
+    const Owned signal = NewEvent("Signal");
+    for (const BOOL manual : {FALSE, TRUE}) {
+        const Owned event = NewEvent(nullptr, manual);
+        CountedStep counted{event};
+        const HANDLE step = OrielStepInWait(event, signal, &DoCounted, &counted);
+        ASSERT_NE(step, nullptr);
+        EXPECT_FAILS(OrielStepInWait(event, signal, &DoCounted, &counted), ERROR_ALREADY_EXISTS);
+        EXPECT_FAILS(OrielStepInWait(signal, signal, &DoCounted, &counted), ERROR_INVALID_PARAMETER);
+        std::atomic<DWORD> waiter{0};
+        const auto wait = [&] { return waiter = GetCurrentThreadId(), Wait(event); };
+        const auto signalUntil = [&](int begun) {
+            return WaitUntil([&] { return PulseEvent(signal) && counted.begun >= begun; });
+        };
+        const HANDLE first = StartThread(wait);
+        ASSERT_TRUE(signalUntil(2));
+        EXPECT_EQ(Finish(first), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(counted.thread, waiter);
+        ResetEvent(event);
+        const HANDLE second = StartThread(wait);
+        ASSERT_TRUE(signalUntil(3));
+        EXPECT_TRUE(CloseHandle(step));
+        const int done = counted.done;
+        EXPECT_EQ(done, counted.begun) << "closed during a step";
+        for (int i = 0; i < 20; ++i)
+            PulseEvent(signal);
+        SetEvent(event);
+        EXPECT_EQ(Finish(second), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(counted.done, done);
     }
 }
 

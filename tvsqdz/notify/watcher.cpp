@@ -134,6 +134,7 @@ void WINAPI Watcher::Step(void* parameter) {
     const product::SignalWait::Turn turn(watcher.m_wait, std::try_to_lock);
     if (!turn.held || watched.watch.IsLost()) return;
     const product::Signals signals = watcher.m_wait.Take(number);
+    if (signals.pulses == 0 && !signals.isSet) return; // the watcher has had it
     product::PublishedState state;
     if (FindMappedState(PrinterDatabaseOf(watcher.m_registration), watched.watch.Variable(), &state)) {
         if (watcher.IsNews(watched, signals, ToTold(watched, state))) Deliver(*watched.entry);
@@ -213,6 +214,7 @@ bool Watcher::AwaitNews(DWORD pause) {
             if (m_looks > 0) --m_looks;
             break;
         case product::Woken::Signalled:
+        case product::Woken::Again:
             break;
         }
         const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
@@ -221,10 +223,11 @@ bool Watcher::AwaitNews(DWORD pause) {
             WaitForStarted();
         }
         if (isLost || !m_isWhole) RenewWatches();
-        // Also after the time: whoever may signal the event can also hide a pulse.
         for (DWORD k = 0; k < m_count; ++k) {
             const product::SignalWait::Turn turn(m_wait);
             const product::Signals signals = m_wait.Take(k);
+            // After the time at all: whoever may signal the event can also hide a pulse.
+            if (woken == product::Woken::Signalled && signals.pulses == 0 && !signals.isSet) continue;
             m_variables[k].isNews |= IsNews(m_variables[k], signals, ReadLast(m_variables[k]));
         }
         const bool isOver = !idle && woken == product::Woken::TimedOut;

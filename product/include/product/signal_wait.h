@@ -12,8 +12,9 @@ namespace product {
 
 enum class Woken {
     Stopped,
-    Signalled, // look at all events
-    Started,   // a service has started; look at all events too
+    Signalled, // take the signals of all events
+    Again,     // signals may have been missed: look at all variables
+    Started,   // a service has started; look at all variables too
     TimedOut,
     Failed
 };
