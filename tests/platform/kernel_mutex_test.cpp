@@ -6,7 +6,7 @@
 #include <atomic>
 
 TEST(Mutex, IsAbandonedOnceByAThreadThatEnds) {
-    oriel::g_timings.mutexSlice = 60000; // who is not woken sleeps on
+    oriel::g_timings.mutexFirstLook = oriel::g_timings.mutexLook = 60000; // who is not woken sleeps on
     for (const char* name : {static_cast<const char*>(nullptr), "M"})
         for (const bool blocked : {false, true}) {
             SCOPED_TRACE(testing::Message() << (name ? name : "none") << (blocked ? ", blocked" : ""));
@@ -41,6 +41,20 @@ CHILD_PROCESS(OwnsTheMutex) {
     child.Say(result == WAIT_OBJECT_0 ? "owns" : result == WAIT_ABANDONED ? "owns, abandoned" : "failed");
     child.Hear();
     return 0; // leaves without a release
+}
+
+TEST(Mutex, OfAKilledOwnerIsLookedForSoonAfterTheWaitBegan) {
+    oriel::g_timings.mutexLook = 60000; // which only a long wait comes to
+    const Owned mutex = CreateMutexA(nullptr, FALSE, "M");
+    TestProcess owner("OwnsTheMutex");
+    ASSERT_EQ(owner.Hear(), "owns");
+    DWORD id = 0;
+    const Owned waiter = StartThread([&]() -> DWORD { return Wait(mutex, 10000); }, &id);
+    ASSERT_TRUE(WaitUntil([&] { return IsAsleep(id); }));
+    const double killed = NowMs();
+    owner.KillOnly();
+    EXPECT_EQ(Finish(waiter), DWORD{WAIT_ABANDONED});
+    EXPECT_LT(NowMs() - killed, 5000) << "not by the last look of the wait";
 }
 
 TEST(Mutex, WhoseLastHandleIsClosedIsGoneOrStaysOwned) {

@@ -12,8 +12,10 @@ struct Timings {
     // Until a terminated thread has left the layer or entered its signal handler. Microseconds, unless the machine is
     // overloaded.
     uint32_t threadStop = 2000;
-    // Between two attempts to get a named mutex: a killed owner wakes nobody, and the next one has it within this time.
-    uint32_t mutexSlice = 8;
+    // Between two attempts to get a named mutex, since a killed owner wakes nobody: the first interval, and the
+    // longest. They grow with the wait (kernel/wait.cpp).
+    uint32_t mutexFirstLook = 1;
+    uint32_t mutexLook = 6;
     // While another process writes to the registry.
     uint32_t registryBusy = 5000;
     // RPC: until a connection is accepted or a bind is answered; from the first to the last byte of a message; for a

@@ -31,9 +31,9 @@ struct WaitPoint {
     Word* word = nullptr; // sleep on it while it has this value
     uint32_t value = 0;
     bool shared = false;
-    bool begun = false;   // `first` is set
-    uint32_t first = 0;   // the word when the wait began, or where it is to begin
-    uint32_t sliceMs = 0; // if not 0, look again after this time even without a wake-up
+    bool begun = false; // `first` is set
+    uint32_t first = 0; // the word when the wait began, or where it is to begin
+    bool looks = false; // now and then also without a wake-up (Timings.mutexLook)
     // The signal whose step the wait does meanwhile (OrielStepInWait), with a reference, and the word that was last
     // seen.
     Object* signal = nullptr;

@@ -7,7 +7,7 @@
 //
 // Waiters sleep on a futex word next to it. Its lowest bit says that somebody may be asleep; only a release that finds
 // the bit makes a wake-up call. Nobody wakes the waiters of a killed process, so each sleep is short
-// (Timings.mutexSlice).
+// (Timings.mutexLook).
 //
 // State: the records; each thread has a list of those it owns. Lock order: the names lock (named_object.cpp), then the
 // lock of a mutex.
@@ -98,7 +98,7 @@ Grab GrabMutex(Object* object, WaitPoint& point, bool goingToSleep) {
     point.word = &mutex.head->word;
     point.value = point.word->fetch_or(kSomebodySleeps, std::memory_order_acq_rel) | kSomebodySleeps;
     point.shared = mutex.named;
-    point.sliceMs = mutex.named ? g_timings.mutexSlice : 0;
+    point.looks = mutex.named;
     return TryMutex(mutex, *thread);
 }
 

@@ -2,6 +2,7 @@
 //
 // A wait looks at each object in turn, lowest index first. Then it sleeps on the words of all objects and on the state
 // word of the thread until one changes, and looks again. It allocates nothing, and sets the last error only on failure.
+#include "base/timings.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 
@@ -78,18 +79,27 @@ uint32_t AddOwnWord(SleepPoint* points, uint32_t count) {
     return count + 1;
 }
 
+// An owner is mostly killed after a short wait for it, and its death should not lengthen the wait much: looks begin
+// close together, and are later an eighth of the wait apart. begun: 0 at the first look.
+int64_t NextLook(int64_t& begun) {
+    const int64_t now = MonotonicNs();
+    if (begun == 0) begun = now;
+    return now + std::clamp((now - begun) / 8, g_timings.mutexFirstLook * kNsPerMs, g_timings.mutexLook * kNsPerMs);
+}
+
 // most: sleep points on the stack.
 template <uint32_t most>
 [[gnu::noinline]] DWORD SleepOnAll(Waiting& waiting, int64_t deadline) {
     SleepPoint points[most];
+    int64_t begun = 0;
     for (;;) {
-        uint32_t sliceMs = 0;
+        bool looks = false;
         for (uint32_t i = 0; i < waiting.count; ++i) {
             const WaitPoint& point = waiting.points[i];
             points[i] = {point.word, point.value, point.shared};
-            if (point.sliceMs != 0) sliceMs = point.sliceMs;
+            looks |= point.looks;
         }
-        const int64_t slice = sliceMs != 0 ? MonotonicNs() + sliceMs * kNsPerMs : kNever;
+        const int64_t slice = looks ? NextLook(begun) : kNever;
         uint32_t count = AddOwnWord(points, waiting.count);
         for (uint32_t i = 0; i < waiting.count && count < most; ++i) // without room, others do the steps
             if (waiting.points[i].signal != nullptr) points[count++] = waiting.points[i].signalled;
