@@ -65,8 +65,7 @@ struct PrinterSide {
     const Device& device;
     HANDLE stop;
     Link link;
-    const KernelHandle serviceStarted{
-        OpenEventA(SYNCHRONIZE, FALSE, product::ObjectName(link.terminalServer, product::kServiceStartedName).text)};
+    KernelHandle serviceStarted{}; // of the service that is connected
     DWORD lastTick = GetTickCount();
     ULONGLONG now = 0;       // milliseconds since the start
     DWORD seen[2] = {};      // write counts of the two request variables
@@ -499,6 +498,9 @@ void WatchEvents(PrinterSide& side, SignalWait& signals) {
     signals.SetEvent(kWatchedCount, side.jobs->pagesOut);
     signals.SetEvent(kWatchedCount + 1, side.device.ready);
     signals.SetEvent(kWatchedCount + 2, side.jobs->serverTold);
+    // The last service may have had another event of that name: when the system has lost all names.
+    side.serviceStarted =
+        KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(side.link.terminalServer, kServiceStartedName).text));
     signals.SetStarted(side.serviceStarted.Get());
 }
 

@@ -70,9 +70,9 @@ void Pulse(const KernelHandle& event) {
 
 // Serves until the stop event is set.
 DWORD ServeClients() {
+    const KernelHandle started = MakeStartedEvent(); // first: whoever reaches this service finds it
     const RPC_STATUS status = Listen();
     if (status != RPC_S_OK) return static_cast<DWORD>(status);
-    const KernelHandle started = MakeStartedEvent();
     ReportState(SERVICE_RUNNING);
     Pulse(started);
     WaitForSingleObject(g_stopEvent, INFINITE); // unbounded: until the service is asked to stop

@@ -28,6 +28,7 @@ namespace {
 constexpr DWORD kStartMs = 30000; // for the service to run, and to stop
 constexpr DWORD kPollMs = 20;     // while it is starting or stopping
 constexpr DWORD kWatchMs = 100;   // while it runs
+constexpr DWORD kSureMs = 20;     // to see again that the event of the service is missing
 constexpr DWORD kTidyMs = 4000;   // between removals of what others left
 
 HANDLE g_stop = nullptr;
@@ -276,6 +277,7 @@ struct StartedEvent {
         m_missing = !m_event && GetLastError() == ERROR_FILE_NOT_FOUND;
         return was && m_missing;
     }
+    bool MayBeMissing() const { return m_missing; }
 
 private:
     KernelHandle m_event; // kept: to open it again asks nobody
@@ -291,16 +293,16 @@ void KeepRunning(const ServiceHandle& service, const Teller& teller, PrinterSide
     StartedEvent started;
     DWORD tidyDue = GetTickCount();
     sides.Tend();
-    while (WaitForSingleObject(g_stop, kWatchMs) != WAIT_OBJECT_0) {
+    while (WaitForSingleObject(g_stop, started.MayBeMissing() ? kSureMs : kWatchMs) != WAIT_OBJECT_0) {
         Tidy(tidyDue);
         views.Tend();
-        const SERVICE_STATUS status = Query(service);
+        SERVICE_STATUS status = Query(service);
         if (initialised.Renew()) mutex.Take();
         if (status.dwCurrentState == SERVICE_RUNNING && started.IsMissing()) {
             // Programs that open managers from now on get other objects than those that the service signals.
             LogFailure({Exit::NoService, "the object server was killed", "", "restarting the status database service"});
             StopIfPossible(service);
-            continue;
+            status = Query(service);
         }
         if (status.dwCurrentState == SERVICE_RUNNING) sides.Tend();
         if (status.dwCurrentState != SERVICE_STOPPED) continue;
