@@ -92,8 +92,11 @@ std::vector<int> ProcessesOf(const std::string& program) {
     const std::string state = std::string("ORIEL_STATE_DIR=") + std::getenv("ORIEL_STATE_DIR") + '\0';
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const int process = std::atoi(entry.path().filename().c_str());
-        if (process <= 0 || textOf(entry.path() / "cmdline").find(program) == std::string::npos) continue;
-        if (('\0' + textOf(entry.path() / "environ")).find('\0' + state) != std::string::npos)
+        const std::string command = textOf(entry.path() / "cmdline");
+        if (process <= 0 || command.find(program) == std::string::npos) continue;
+        // The object server has no environment, but its directory as an argument.
+        if (('\0' + textOf(entry.path() / "environ")).find('\0' + state) != std::string::npos ||
+            command.find(std::getenv("ORIEL_RUNTIME_DIR") + std::string(1, '\0')) != std::string::npos)
             processes.push_back(process);
     }
     return processes;

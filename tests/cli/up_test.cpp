@@ -3,6 +3,7 @@
 #include "product.h"
 
 #include <fstream>
+#include <set>
 
 TEST(Up, MakesTheProductReadyKeepsItSoAndUndoesItOnInterrupt) {
     const std::string serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\TVORSDB";
@@ -112,6 +113,43 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
     product.Process().Terminate();
     EXPECT_EQ(product.Process().Wait(), 0) << product.Process().Errors();
     EXPECT_EQ(ProcessOf(kPrinterSideProgram), 0) << "none is left";
+}
+
+namespace {
+
+// The numbers of the memory of the process's events of that name.
+std::set<std::string> EventsOf(int process, const std::string& name) {
+    std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
+    std::set<std::string> found;
+    std::string range, rights, offset, device, number, path;
+    while (maps >> range >> rights >> offset >> device >> number && std::getline(maps, path))
+        if (path.find("/memfd:" + name) != std::string::npos) found.insert(number);
+    return found;
+}
+
+} // namespace
+
+TEST(Up, RestartsTheServiceWhenTheWholeObjectServerIsKilled) {
+    OrielText(
+        {"printers", "add", "Office", "--driver", "Any", "--script", FileOf("office.script", "set PageCount 4711\n")});
+    RunningProduct product;
+    product.Event("printer-side-started");
+    ExpectTakesRequests("Office");
+    for (int round = 0; round < 2; ++round) {
+        const int service = ProcessOf(kServiceProgram);
+        EXPECT_TRUE(WaitUntil([] { // a worker that is still alive may have made another one
+            for (const int process : ProcessesOf("oriel-objects"))
+                KillProcess(process);
+            return ProcessesOf("oriel-objects").empty();
+        }));
+        product.Events({"service-ended", "service-started"});
+        EXPECT_NE(ProcessOf(kServiceProgram), service);
+        ExpectTakesRequests("Office");
+        // The start of the next service is told by an event of this one, which the printer side has to wait for.
+        const std::set<std::string> started = EventsOf(ProcessOf(kServiceProgram), "TVORSDB:Started");
+        EXPECT_EQ(started.size(), 1U);
+        EXPECT_TRUE(WaitUntil([&] { return EventsOf(ProcessOf(kPrinterSideProgram), "TVORSDB:Started") == started; }));
+    }
 }
 
 TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
