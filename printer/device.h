@@ -56,7 +56,8 @@ struct DeviceLink {
     bool up = true;           // it answers; requests can be made
     std::string trouble{};    // else: why not, in words
     std::string device{};     // for people: what is asked, without secrets; empty: not a device of its own
-    ULONGLONG answers = 0;    // how often it has answered so far
+    ULONGLONG questions = 0;  // how many have ended so far, answered or not
+    ULONGLONG answers = 0;    // of them
     DWORD answersEveryMs = 0; // the longest time between two answers while it is up; 0: values do not age
 };
 
@@ -79,7 +80,7 @@ struct Device {
     DeviceNews (*take)(void* self, ULONGLONG now);
     const DeviceLink& (*link)(void* self);
     // Whether somebody follows the printer's values: worth asking it more often. Null: of no interest.
-    void (*followed)(void* self, bool followed);
+    void (*followed)(void* self, bool followed, ULONGLONG now);
     // Something has happened at the printer: ask it soon. Null: of no interest.
     void (*look)(void* self);
     // Queues that the printer's model lacks, or has with other bounds.

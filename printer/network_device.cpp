@@ -26,9 +26,17 @@ constexpr DWORD kQuickForMs = 60000; // after a change
 constexpr DWORD kBackOffMax = 2;     // times the idle interval
 constexpr DWORD kJitterPercent = 10; // so that many printers are not polled at once
 constexpr DWORD kAnswerMarginMs = 500;
-// An answer to a poll is overdue after this time, and after twice what the slowest of the last answers took. What was
-// read before is stale then, long before the question fails.
+// An answer to a poll is overdue after this time, and after twice what the second slowest answer of the last ten to
+// twenty minutes took: a single slow one may come from a printer that was dead for a moment. What was read before is
+// stale then, long before the question fails.
 constexpr DWORD kLateMs = 1500;
+constexpr ULONGLONG kSlowPeriodMs = 10 * 60 * 1000;
+// While somebody follows the printer. The pause and the time for the answer are less than 2 s together, but for a
+// printer that needs almost a second for an answer.
+constexpr DWORD kFollowedMs = 1000;
+constexpr DWORD kFollowedLateMs = 800;
+constexpr DWORD kFollowedStaleMs = 1900;
+constexpr DWORD kFollowedRetryMs = 2000; // of a printer that does not answer, at most
 
 constexpr DWORD kPauseJob = 1; // "SetJob"
 constexpr DWORD kResumeJob = 2;
@@ -75,6 +83,26 @@ DWORD WithJitter(DWORD pause) {
     return pause - (most != 0 ? random / 65536 % (most + 1) : 0);
 }
 
+// After what time an answer is overdue.
+DWORD LateAfterMs(const NetworkPrinter& printer) {
+    const auto& [now, before] = printer.slow;
+    const DWORD slowest = std::max(now.slowestMs, before.slowestMs);
+    const DWORD second =
+        std::max({now.secondMs, before.secondMs, std::min(now.slowestMs, before.slowestMs)}); // 0: there was only one
+    return std::max(printer.followed ? kFollowedLateMs : kLateMs, 2 * (second != 0 ? second : slowest));
+}
+
+// A print server tells when its queue has changed.
+bool AsksServer(const NetworkPrinter& printer) {
+    return SchemeOf(printer.uri)->name == "cups";
+}
+
+DWORD FollowedPauseMs(const NetworkPrinter& printer) {
+    if (AsksServer(printer)) return QuickMs(printer);
+    const DWORD late = std::min(LateAfterMs(printer), kFollowedStaleMs);
+    return std::min(QuickMs(printer), std::clamp(kFollowedStaleMs - late, kQuickMinMs, kFollowedMs));
+}
+
 bool IsBusyPrinter(const NetworkPrinter& printer) {
     return printer.reading.state == devices::State::Printing || !printer.reading.jobs.empty();
 }
@@ -83,9 +111,11 @@ DWORD PauseOf(const NetworkPrinter& printer, ULONGLONG now) {
     if (printer.failures > 0) {
         constexpr DWORD kDoublingsMax = 16;
         const ULONGLONG pause = ULONGLONG{QuickMs(printer)} << std::min(printer.failures - 1, kDoublingsMax);
-        return WithJitter(static_cast<DWORD>(std::min<ULONGLONG>(pause, ULONGLONG{kBackOffMax} * printer.pollMs)));
+        const ULONGLONG most = printer.followed ? kFollowedRetryMs : ULONGLONG{kBackOffMax} * printer.pollMs;
+        return WithJitter(static_cast<DWORD>(std::min(pause, most)));
     }
-    const bool quick = printer.followed || printer.tellsEvents || IsBusyPrinter(printer) || now < printer.quickUntil;
+    if (printer.followed) return WithJitter(FollowedPauseMs(printer));
+    const bool quick = printer.tellsEvents || IsBusyPrinter(printer) || now < printer.quickUntil;
     return WithJitter(quick ? QuickMs(printer) : printer.pollMs);
 }
 
@@ -172,7 +202,7 @@ void AskNext(NetworkPrinter& printer, ULONGLONG now) {
             {.ask = Ask::Poll, .identity = !printer.companion.identity, .limitMs = kDeviceLimitMs});
     }
     printer.askedAt = now;
-    if (printer.link.up) printer.lateAt = now + std::max(kLateMs, 2 * printer.usualMs);
+    if (printer.link.up) printer.lateAt = now + LateAfterMs(printer);
     AskModule(printer, {.ask = Ask::Poll,
                         .identity = !printer.identity,
                         .events = events && !printer.ofPrintServer,
@@ -201,6 +231,7 @@ void NoteDown(NetworkPrinter& printer, const std::string& trouble) {
 void NoteLink(NetworkPrinter& printer, const devices::Answer& answer) {
     const bool up = Answers(answer.outcome);
     printer.failures = up ? 0 : printer.failures + 1;
+    ++printer.link.questions;
     if (up) ++printer.link.answers;
     if (up && printer.certificate.empty() && !answer.certificate.empty()) {
         printer.certificate = answer.certificate;
@@ -219,8 +250,15 @@ void NoteLate(NetworkPrinter& printer, ULONGLONG now) {
 }
 
 void NoteDuration(NetworkPrinter& printer, ULONGLONG now) {
-    const auto took = static_cast<DWORD>(now - printer.askedAt);
-    printer.usualMs = std::max(took, printer.usualMs - printer.usualMs / 8);
+    const DWORD took = std::max(static_cast<DWORD>(now - printer.askedAt), DWORD{1});
+    auto& [slow, before] = printer.slow;
+    if (const ULONGLONG since = now - printer.slowSince; since >= kSlowPeriodMs) {
+        before = since < 2 * kSlowPeriodMs ? slow : SlowAnswers();
+        slow = {};
+        printer.slowSince = now;
+    }
+    slow.secondMs = std::max(slow.secondMs, std::min(slow.slowestMs, took));
+    slow.slowestMs = std::max(slow.slowestMs, took);
 }
 
 bool SameValue(const DeviceValue& a, const DeviceValue& b) {
@@ -380,11 +418,18 @@ const DeviceLink& LinkOf(void* self) {
     return PrinterOf(self).link;
 }
 
-void Followed(void* self, bool followed) {
+// Whoever begins to follow is not left with old values for a whole interval, also not those of a question that hangs.
+// When the last one ends, the printer is left in peace.
+void Followed(void* self, bool followed, ULONGLONG now) {
     NetworkPrinter& printer = PrinterOf(self);
-    // Whoever begins to follow is not left with old values for a whole interval.
-    if (followed && !printer.followed && printer.failures == 0) printer.pollAt = 0;
+    if (followed == printer.followed) return;
     printer.followed = followed;
+    if (followed) {
+        printer.pollAt = std::min(printer.pollAt, printer.askedAt + std::min(QuickMs(printer), kFollowedMs));
+        if (printer.lateAt != 0) printer.lateAt = std::min(printer.lateAt, printer.askedAt + LateAfterMs(printer));
+    } else if (!printer.busy && printer.failures == 0) {
+        printer.pollAt = std::max(printer.pollAt, printer.askedAt + PauseOf(printer, now));
+    }
 }
 
 void Look(void* self) {

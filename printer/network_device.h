@@ -1,8 +1,9 @@
 // A printer on the network, asked by a device module. State: the NetworkPrinter record.
 //
-// It is polled: every `pollMs` while nothing happens, more often while it prints, while something has changed and while
-// somebody follows its values; less and less often while it does not answer. One question is asked at a time. A direct
-// read and a refresh poll it at once.
+// It is polled: every `pollMs` while nothing happens, more often while it prints and while something has changed; less
+// and less often while it does not answer. While somebody follows its values it is polled so often, and an answer
+// counts as overdue so soon, that they are stale within 2 s of its end. One question is asked at a time. A direct read
+// and a refresh poll it at once.
 #pragma once
 
 #include "device.h"
@@ -27,6 +28,12 @@ struct Companion {
     bool busy = false;
     std::optional<devices::Reading> reading{}; // the last one, while it answers
     std::optional<devices::Identity> identity{};
+};
+
+// How long the two slowest answers of a time took; 0: there was none.
+struct SlowAnswers {
+    DWORD slowestMs = 0;
+    DWORD secondMs = 0;
 };
 
 struct NetworkPrinter {
@@ -57,7 +64,8 @@ struct NetworkPrinter {
     bool again = false;                          // something has happened since it was asked
     ULONGLONG lateAt = 0;                        // when its answer is overdue; 0: it may take as long as it likes
     ULONGLONG askedAt = 0;
-    DWORD usualMs = 0; // that an answer takes at most
+    SlowAnswers slow[2] = {}; // of the present period and of the one before
+    ULONGLONG slowSince = 0;  // when the present one began
     bool followed = false;
     bool tellsEvents = false; // it costs next to nothing to ask whether something happened
     ULONGLONG pollAt = 0;

@@ -77,7 +77,8 @@ struct PrinterSide {
     DWORD lastId = 0; // of a request to the device
     Carried carried{};
     std::optional<DeviceRecord> told{}; // what "DeviceState" says; none: not stored yet
-    ULONGLONG answers = 0;              // of the device
+    ULONGLONG questions = 0;            // of the device, as it was told last
+    ULONGLONG answers = 0;              // of them
     ULONGLONG answeredAt = 0;           // the last of them, as a FILETIME
     bool linkUp = false;                // as "PrinterExtStatus" and "SpoolerStatus" say
     Queues queues{};
@@ -176,8 +177,9 @@ void SetText(char (&field)[128], const std::string& text) {
     text.copy(field, sizeof field - 1);
 }
 
-void StoreRecord(PrinterSide& side, const DeviceRecord& record) {
-    if (side.told && memcmp(&record, &*side.told, sizeof record) == 0) return;
+// anew: even if it says the same.
+void StoreRecord(PrinterSide& side, const DeviceRecord& record, bool anew) {
+    if (!anew && side.told && memcmp(&record, &*side.told, sizeof record) == 0) return;
     if (!side.told) {
         const LONG status = CreateRecord(side.link, kDeviceVariable, &record, sizeof record);
         if (status != kDone && status != kVariableExists) return;
@@ -186,7 +188,8 @@ void StoreRecord(PrinterSide& side, const DeviceRecord& record) {
     WriteBytes(side.link, kDeviceVariable, &record, sizeof record);
 }
 
-// Tells how the device stands with its printer, when that changed or the printer has answered again.
+// Tells how the device stands with its printer, when that changed or the printer was asked again: whoever looks for its
+// values waits for the next write.
 void TellLink(PrinterSide& side) {
     const DeviceLink& link = side.device.link(side.device.self);
     if (link.answers != side.answers) {
@@ -210,7 +213,8 @@ void TellLink(PrinterSide& side) {
                         .answeredAt = side.answeredAt};
     SetText(record.device, link.device);
     SetText(record.trouble, link.trouble);
-    StoreRecord(side, record);
+    StoreRecord(side, record, link.questions != side.questions);
+    side.questions = link.questions;
 }
 
 // ---- requests
@@ -421,11 +425,12 @@ bool IsPollingWanted(PrinterSide& side) {
 }
 
 // Somebody waits for a change of the printer's status, or asked for polling when it opened the printer.
-bool IsFollowed(PrinterSide& side) {
-    constexpr const char* kFollowed[] = {names::kPrinterStatus, names::kPrinterStatus2, names::kErrPaperJam,
-                                         names::kPrintingStatus, names::kPrintingJobInfo};
-    return IsPollingWanted(side) || std::any_of(std::begin(kFollowed), std::end(kFollowed),
-                                                [&](const char* variable) { return IsWatched(side.link, variable); });
+void TendFollowers(PrinterSide& side) {
+    if (!side.device.followed) return;
+    const bool followed =
+        IsPollingWanted(side) || std::any_of(std::begin(kFollowedVariables), std::end(kFollowedVariables),
+                                             [&](const char* variable) { return IsWatched(side.link, variable); });
+    side.device.followed(side.device.self, followed, side.now);
 }
 
 // ---- beginning and end of a connection
@@ -478,7 +483,7 @@ void EndService(PrinterSide& side) {
         DeviceRecord record = *side.told;
         record.up = 0;
         SetText(record.trouble, kPrinterSideEnded);
-        StoreRecord(side, record);
+        StoreRecord(side, record, false);
     }
     if (side.job) Answer(side, *side.job, TVS_E_NOT_NOW);
     // A request may have been made since the last check. Later ones wait for the next printer side. The service answers
@@ -514,6 +519,7 @@ void HandleSignal(PrinterSide& side, DWORD which) {
         break;
     case kWatchedMailbox:
         CheckMailbox(side);
+        TendFollowers(side); // the service signals them here too
         break;
     case kWatchedFunction:
         side.forwarded = ReadNumberOf(side.link, names::kLMFunction) != 0;
@@ -559,6 +565,7 @@ bool ServeLink(PrinterSide& side) {
     SignalWait signals(side.stop);
     WatchEvents(side, signals);
     CheckAll(side); // what was written before
+    TendFollowers(side);
     while (!side.link.lost) {
         DWORD next = kNothingDue;
         TakeNews(side, &next);
@@ -576,7 +583,7 @@ bool ServeLink(PrinterSide& side) {
             askAt = side.now + kAskMs;
         }
         CheckAll(side);
-        if (side.device.followed) side.device.followed(side.device.self, IsFollowed(side));
+        TendFollowers(side);
     }
     return true;
 }

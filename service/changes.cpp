@@ -118,6 +118,7 @@ ServiceStatus CheckWrite(const Caller& caller, const Database& database, const V
     case VariableRole::None:
     case VariableRole::PrinterList:
     case VariableRole::Request:
+    case VariableRole::Polling:
     case VariableRole::Termination:
         break;
     }
@@ -143,6 +144,9 @@ void FollowWrite(const Caller& caller, Database& database, const Variable& varia
         break;
     case VariableRole::Request:
         AnswerUnserved(database);
+        break;
+    case VariableRole::Polling:
+        WakePrinterSide(database);
         break;
     case VariableRole::Termination:
         if (std::any_of(bytes, bytes + size, [](BYTE byte) { return byte != 0; }) && IsAdministrator(caller))

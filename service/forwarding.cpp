@@ -278,6 +278,11 @@ void PrinterSideIsGone(Database& database) {
     AwaitSuccessor(database);
 }
 
+void WakePrinterSide(const Database& database) {
+    if (const Variable* mailbox = MailboxOf(database))
+        SignalUnwritten(*mailbox->signals.load(std::memory_order_acquire));
+}
+
 void AnswerUnserved(Database& database) {
     // Without a mailbox there was no printer side of ours; another program may serve the request.
     if (!FindVariable(database, kForwardMailbox)) return;

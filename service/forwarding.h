@@ -20,6 +20,8 @@ void TakeAnswer(Database& database, const BYTE* bytes, DWORD size);
 // "PrinterExtStatus" and "SpoolerStatus" that it sets, and says in "DeviceState" that nobody asks the device. Answers
 // whoever waits for "RWResult", unless another printer side comes soon.
 void PrinterSideIsGone(Database& database);
+// Wakes the printer side, to see whether somebody follows the printer.
+void WakePrinterSide(const Database& database);
 // A request variable was written. Answers it in the same way when there is no printer side.
 void AnswerUnserved(Database& database);
 // All managers are asked to terminate: each printer side that serves a printer is asked to end.

@@ -159,6 +159,10 @@ void SignalWritten(Database& database, std::span<const Written> variables) {
     }
 }
 
+void SignalUnwritten(VariableSignals& signals) {
+    Fire(signals, false);
+}
+
 void PublishCounts(VariableSignals& signals) {
     LockHold hold{signals.lock};
     for (const WatchMode mode : {kEveryWrite, kOnlyChanges})

@@ -51,6 +51,9 @@ inline void SignalWritten(Database& database, const Written& variable) {
     SignalWritten(database, std::span{&variable, 1});
 }
 
+// Pulses the event of every write, though nothing was written.
+void SignalUnwritten(VariableSignals& signals);
+
 // Puts the counts of pulses and watches into a new section.
 void PublishCounts(VariableSignals& signals);
 

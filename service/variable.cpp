@@ -30,6 +30,7 @@ constexpr RoleRow kOfPrinters[] = {
     {names::kPrinterName, VariableRole::PrinterName},
     {names::kReadRequest, VariableRole::Request},
     {names::kWriteRequest, VariableRole::Request},
+    {names::kCompulsivePolling, VariableRole::Polling},
     {names::kTerminateManager, VariableRole::Termination},
     // What applications leave for the printer's owner, and the results that they wait for.
     {kRelayedRegistrationsVariable, VariableRole::None},
@@ -54,6 +55,7 @@ VariableRole RoleOfCompanion(VariableRole role) {
     case VariableRole::None:
     case VariableRole::State: // the printer side decides what it does with a direct write
     case VariableRole::Request:
+    case VariableRole::Polling:
     case VariableRole::Termination:
         return VariableRole::None;
     default:

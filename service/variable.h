@@ -27,6 +27,7 @@ enum class VariableRole : BYTE {
     PrinterName, // administrators, and anybody who writes what the printer list says
     PrinterList, // administrators; anybody adds a printer, or takes or releases the ownership for their own process
     Request,     // anybody; the service answers when no printer side serves the printer
+    Polling,     // anybody; a write wakes the printer side
     Termination  // anybody; a write of an administrator also ends the printer sides
 };
 

@@ -3,8 +3,10 @@
 
 #include "forwarding.h"
 
+#include "product/device_record.h"
 #include "product/linked_list.h"
 
+#include <algorithm>
 #include <new>
 
 using namespace product;
@@ -33,11 +35,19 @@ Watch* FindWatch(const Group& group, const VariableSignals& signals) REQUIRES(g_
     return watch;
 }
 
+// The first watch of the variable has begun, or the last one has ended.
+void NoteFollowers(const VariableSignals& signals) {
+    const std::string_view name = signals.variable->name->Text();
+    if (std::find(std::begin(kFollowedVariables), std::end(kFollowedVariables), name) != std::end(kFollowedVariables))
+        WakePrinterSide(*signals.database);
+}
+
 void EndOne(Watch& watch, WatchMode mode) REQUIRES(g_watchesLock) {
     --watch.Count(mode);
     const VariableSignals& signals = *watch.signals;
     const bool last = RemoveWatchFrom(*watch.signals, mode);
     if (last && signals.variable->role == VariableRole::Mailbox) PrinterSideIsGone(*signals.database);
+    if (last) NoteFollowers(signals);
     GiveBack(*watch.group->account, kShareWatches, 1);
 }
 
@@ -68,6 +78,7 @@ ServiceStatus AddCharged(Group& group, Database& database, Variable& variable, W
     if (status == kDone) {
         ++watch->Count(mode);
         watch->lastMode = mode;
+        if (signals->watchCount.load() == 1) NoteFollowers(*signals);
     }
     DeleteIfUnused(watch);
     return status;

@@ -6,16 +6,24 @@
 
 #include "product/file_times.h"
 #include "product/guards.h"
+#include "product/object_names.h"
 #include "product/program_client.h"
+#include "product/signal_wait.h"
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 namespace {
 
 // Longer than a watcher's own pauses.
 constexpr uint64_t kOverdueMarginMs = 2000;
 constexpr uint64_t kTicksPerMs = 10000; // of FILETIME
+
+constexpr uint64_t kRecentMs = 2000;   // an answer that need not be asked for again
+constexpr DWORD kAskedLimitMs = 6000;  // longer than a printer side waits for an answer
+constexpr DWORD kReturnLimitMs = 1000; // for one that did not answer before
+constexpr char kSideSilent[] = "its printer side does not ask it";
 
 struct Binding {
     Binding() : made(BindStatusDatabase()) {}
@@ -46,17 +54,82 @@ std::string FieldText(const char (&field)[size]) {
 
 namespace {
 
-// Empty without a service, without a database of the printer, or without such a variable.
+// A printer's database. Not open without a service, or when there is none.
+struct OpenedDatabase {
+    explicit OpenedDatabase(const std::string& printer) {
+        if (FindPrinterDatabase(printer, &name) == Answer::Done && !name.empty())
+            static_cast<void>(OpenDatabase(name.c_str(), handle.Receive()));
+    }
+    // Empty when there is no such variable.
+    std::vector<BYTE> Read(const char* variable) const {
+        std::vector<BYTE> value;
+        return handle && ReadWholeValue(handle.Get(), variable, &value) == Answer::Done ? value : std::vector<BYTE>();
+    }
+    std::string name{};
+    Guard<DatabaseHandle, &CloseDatabase> handle{};
+};
+
 std::vector<BYTE> ReadStored(const std::string& printer, const char* variable) {
     if (!ProductInitialised()) return {};
     const Binding binding;
-    std::string name;
-    if (!binding.made || FindPrinterDatabase(printer, &name) != Answer::Done || name.empty()) return {};
-    Guard<DatabaseHandle, &CloseDatabase> database;
-    if (OpenDatabase(name.c_str(), database.Receive()) != Answer::Done) return {};
-    std::vector<BYTE> value;
-    return ReadWholeValue(database.Get(), variable, &value) == Answer::Done ? value : std::vector<BYTE>();
+    return binding.made ? OpenedDatabase(printer).Read(variable) : std::vector<BYTE>();
 }
+
+// A look at the state of one device. While it watches the state it follows the printer, which is asked for that.
+class DeviceLook {
+public:
+    explicit DeviceLook(const std::string& printer)
+        : m_database(printer), m_state(ParseDeviceRecord(m_database.Read(kDeviceVariable))) {
+        if (!m_state || (m_state->up != 0 && AgeMs(*m_state).value_or(kRecentMs + 1) <= kRecentMs) ||
+            std::strcmp(m_state->trouble, kPrinterSideEnded) == 0)
+            return;
+        m_writes = Writes();
+        m_watches = WatchVariable(m_database.handle.Get(), kDeviceVariable, product::kEveryWrite) == Answer::Done;
+        if (!m_watches) return;
+        m_written =
+            KernelHandle(OpenEventA(SYNCHRONIZE, FALSE,
+                                    product::VariableEventName(product::MachineIsTerminalServer(), m_database.name,
+                                                               kDeviceVariable, product::VariableSignal::Updated)
+                                        .text));
+        m_wait.SetEvent(0, m_written.Get());
+    }
+    ~DeviceLook() {
+        if (m_watches) UnwatchVariable(m_database.handle.Get(), kDeviceVariable);
+    }
+    DeviceLook(const DeviceLook&) = delete;
+    DeviceLook& operator=(const DeviceLook&) = delete;
+
+    // start: the tick count when the look began. Every question that has ended is a write.
+    std::optional<DeviceRecord> Result(DWORD start) {
+        if (!m_watches || !m_written) return m_state;
+        const DWORD limit = m_state->up != 0 ? kAskedLimitMs : kReturnLimitMs;
+        DWORD waited = GetTickCount() - start;
+        while (Writes() == m_writes && waited < limit) {
+            if (m_wait.Wait(limit - waited) == product::Woken::Failed) break;
+            waited = GetTickCount() - start;
+        }
+        const bool told = Writes() != m_writes;
+        m_state = ParseDeviceRecord(m_database.Read(kDeviceVariable));
+        if (!m_state || told || m_state->up == 0) return m_state;
+        m_state->up = 0;
+        std::strcpy(m_state->trouble, kSideSilent);
+        return m_state;
+    }
+
+private:
+    DWORD Writes() const {
+        product::VariableInfo info{};
+        GetVariableInfo(m_database.handle.Get(), kDeviceVariable, &info);
+        return info.writes;
+    }
+
+    OpenedDatabase m_database;
+    std::optional<DeviceRecord> m_state;
+    DWORD m_writes = 0;
+    bool m_watches = false;
+    KernelHandle m_written{};
+    product::SignalWait m_wait{nullptr};
+};
 
 Json NumberOrNull(int32_t number) {
     return number < 0 ? Json(nullptr) : Json(number);
@@ -90,6 +163,24 @@ OwnValue SuppliesIn(const std::vector<BYTE>& value) {
 
 std::optional<DeviceRecord> ReadDeviceState(const std::string& printer) {
     return ParseDeviceRecord(ReadStored(printer, kDeviceVariable));
+}
+
+std::vector<std::optional<DeviceRecord>> AskDeviceStates(const std::vector<std::string>& printers) {
+    std::vector<std::optional<DeviceRecord>> states(printers.size());
+    if (!ProductInitialised()) return states;
+    const Binding binding;
+    if (!binding.made) return states;
+    const DWORD start = GetTickCount();
+    std::vector<std::unique_ptr<DeviceLook>> looks; // all are asked before one is waited for
+    for (const std::string& printer : printers)
+        looks.push_back(std::make_unique<DeviceLook>(printer));
+    for (size_t i = 0; i < looks.size(); ++i)
+        states[i] = looks[i]->Result(start);
+    return states;
+}
+
+std::optional<DeviceRecord> AskDeviceState(const std::string& printer) {
+    return AskDeviceStates({printer}).front();
 }
 
 std::optional<OwnValue> ReadOwnVariable(const std::string& printer, const std::string& variable) {
@@ -162,6 +253,11 @@ Json DeviceJson(const DeviceRecord& record) {
             {"stale", IsStale(record)}};
 }
 
+bool IsFromDevice(const Variable& variable) {
+    const product::VariableMeaning* meaning = variable.fromModel ? nullptr : product::MeaningOf(variable.name.c_str());
+    return meaning && meaning->origin == product::Origin::Device;
+}
+
 Provenance ProvenanceOf(const Variable& variable, const std::vector<uint8_t>& value, std::optional<uint64_t> written,
                         const std::optional<DeviceRecord>& device) {
     Provenance provenance{.from = "model", .ageMs = written};
@@ -170,7 +266,7 @@ Provenance ProvenanceOf(const Variable& variable, const std::vector<uint8_t>& va
     provenance.meaning = product::Explain(*meaning, value.data(), value.size());
     provenance.meaning.words = Printable(ToUtf8(provenance.meaning.words));
     provenance.from = product::NameOf(meaning->origin);
-    if (meaning->origin != product::Origin::Device || !device) return provenance;
+    if (!IsFromDevice(variable) || !device) return provenance;
     // A value that has not changed was still confirmed by the last answer.
     provenance.stale = IsStale(*device);
     if (written) provenance.ageMs = AgeMs(*device);

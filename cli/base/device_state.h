@@ -15,6 +15,11 @@
 
 // printer: ANSI. None without a service, without a database of the printer, or when no printer side has told one.
 std::optional<DeviceRecord> ReadDeviceState(const std::string& printer);
+// The same of several printers, for people who look: a printer whose last answer is older than 2 s is asked now, and
+// the answer is waited for until the printer side counts it as overdue. So no value is shown as fresh whose printer has
+// died. Of one that does not answer, only a second is waited for its return.
+std::vector<std::optional<DeviceRecord>> AskDeviceStates(const std::vector<std::string>& printers);
+std::optional<DeviceRecord> AskDeviceState(const std::string& printer);
 
 // The record in a value of the variable; none: it is not one.
 std::optional<DeviceRecord> ParseDeviceRecord(const std::vector<uint8_t>& value);
@@ -45,6 +50,9 @@ Json DeviceJson(const DeviceRecord& record);
 
 // "2 s", "3 min", "4 h", "5 days".
 std::string DurationText(uint64_t milliseconds);
+
+// Whether a printer's device tells the variable.
+bool IsFromDevice(const Variable& variable);
 
 // What a value means, who it comes from, how old it is.
 struct Provenance {

@@ -138,7 +138,7 @@ Finding CheckSide(Patient& patient) {
 Finding CheckReachable(Patient& patient) {
     if (!patient.HasDevice()) return Skipped(kNoDevice);
     if (patient.IsScript()) return Skipped("the device is a script");
-    patient.device = ReadDeviceState(patient.printer->name);
+    patient.device = AskDeviceState(patient.printer->name);
     if (!patient.device) return Bad("its printer side has not told anything yet", "wait some seconds and try again");
     if (patient.device->up != 0) return Ok(DeviceText(*patient.device));
     return Bad("the device " + DeviceText(*patient.device),

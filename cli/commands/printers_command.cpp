@@ -90,11 +90,20 @@ Exit PrintersCommand() {
     Json list = Json::array();
     Table table{{{"NAME", "DRIVER", "MODEL", "PORT", "DEVICE", "KNOWN TO", "PRINTER SIDE", "PRINTER"}}};
     const std::vector<PrinterSideState> sides = ReadPrinterSideStates();
-    for (const Printer& printer : ListPrinters()) {
+    const std::vector<Printer> printers = ListPrinters();
+    const auto isOnNetwork = [](const Printer& printer) {
+        return !printer.device.empty() && ScriptOf(printer).empty();
+    };
+    std::vector<std::string> onNetwork;
+    for (const Printer& printer : printers)
+        if (isOnNetwork(printer)) onNetwork.push_back(printer.name);
+    const std::vector<std::optional<DeviceRecord>> states = AskDeviceStates(onNetwork);
+    auto nextState = states.begin();
+    for (const Printer& printer : printers) {
         const std::string name = ToUtf8(printer.name), driver = ToUtf8(printer.driver), port = ToUtf8(printer.port);
         const std::string script = ToUtf8(ScriptOf(printer)), device = ToUtf8(WithoutSecrets(printer.device));
-        const bool network = !printer.device.empty() && script.empty();
-        const std::optional<DeviceRecord> state = network ? ReadDeviceState(printer.name) : std::nullopt;
+        const bool network = isOnNetwork(printer);
+        const std::optional<DeviceRecord> state = network ? *nextState++ : std::nullopt;
         const std::optional<OwnValue> supplies =
             network ? ReadOwnVariable(printer.name, kSuppliesVariable) : std::nullopt;
         const auto side = std::find_if(sides.begin(), sides.end(), [&](const PrinterSideState& candidate) {

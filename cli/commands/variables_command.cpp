@@ -24,7 +24,7 @@ Exit VarsCommand(const ManagerOptions& options, const std::vector<std::string>& 
     const OpenedPrinter printer = OpenPrinterOf(options);
     Json list = Json::array();
     Table table{{{"NAME", "TYPE", "SIZE", "WRITTEN (UTC)", "MEANING", "VALUE"}}};
-    const std::optional<DeviceRecord> device = ReadDeviceState(RequireAnsi(printer.shownName, "the printer name"));
+    const std::optional<DeviceRecord> device = AskDeviceState(RequireAnsi(printer.shownName, "the printer name"));
     bool missing = false; // some are not in the database, which is older than the model's registration
     for (const Variable& variable : printer.variables) {
         const std::string name = ToUtf8(variable.name);
@@ -95,12 +95,38 @@ bool GetOwn(const OpenedPrinter& printer, const std::string& name, bool bare, Js
     if (std::find(std::begin(kOwnVariables), std::end(kOwnVariables), name) == std::end(kOwnVariables) ||
         FindVariable(printer.variables, name) != nullptr)
         return false;
-    const std::optional<OwnValue> own = ReadOwnVariable(RequireAnsi(printer.shownName, "the printer name"), name);
+    const std::string ansi = RequireAnsi(printer.shownName, "the printer name");
+    static_cast<void>(AskDeviceState(ansi)); // which brings both up to date
+    const std::optional<OwnValue> own = ReadOwnVariable(ansi, name);
     if (!own) return false;
     json = {{"name", name}, {"source", "printer side"}, {"value", own->json}};
     if (!g_output.json) PrintLine(bare ? own->text : Styled(name, Style::Name) + ":\n" + own->text);
     return true;
 }
+
+// How the printer's device stands with it, once a value of the device is to be shown.
+class LazyDevice {
+public:
+    LazyDevice(const OpenedPrinter& printer, bool direct)
+        : m_printer(RequireAnsi(printer.shownName, "the printer name")), m_direct(direct) {}
+    // Before the value is read: the device is asked first, unless the read itself asks it.
+    void Ask(const Variable& variable) {
+        if (m_asked || m_direct || !IsFromDevice(variable)) return;
+        m_asked = true;
+        m_state = AskDeviceState(m_printer);
+    }
+    // After it was read.
+    const std::optional<DeviceRecord>& State(const Variable& variable) {
+        if (m_direct && IsFromDevice(variable)) m_state = ReadDeviceState(m_printer);
+        return m_state;
+    }
+
+private:
+    const std::string m_printer;
+    const bool m_direct;
+    bool m_asked = false;
+    std::optional<DeviceRecord> m_state{};
+};
 
 // Runs `one` for each name. A failure is reported and the others still run. The exit code is that of the first failure.
 template <typename One>
@@ -131,8 +157,9 @@ Exit ForEach(const OpenedPrinter& printer, const std::vector<std::string>& names
 
 Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& names) {
     const OpenedPrinter printer = OpenPrinterOf(options);
-    const std::optional<DeviceRecord> device = ReadDeviceState(RequireAnsi(printer.shownName, "the printer name"));
+    LazyDevice device(printer, options.direct);
     return ForEach(printer, names, "read", [&](const Variable& variable, Json& json) {
+        device.Ask(variable);
         const Reading reading =
             ReadValue(printer, variable, true, options.direct ? GetPrinterStatusDirectA : GetPrinterStatusA);
         const std::string name = ToUtf8(variable.name);
@@ -148,7 +175,8 @@ Exit GetCommand(const ManagerOptions& options, const std::vector<std::string>& n
         AddValue(json, decoded, reading.value);
         SYSTEMTIME time{};
         const bool timed = ReadWriteTime(printer, variable, time) == TVS_OK;
-        const Provenance provenance = ProvenanceOf(variable, reading.value, timed ? AgeMs(time) : std::nullopt, device);
+        const Provenance provenance =
+            ProvenanceOf(variable, reading.value, timed ? AgeMs(time) : std::nullopt, device.State(variable));
         AddProvenance(json, provenance);
         if (g_output.json) return;
         // A single value is printed bare, so that scripts can use it; people see what it means.

@@ -2,6 +2,9 @@
 #include "network_printer.h"
 #include "product.h"
 
+#include <csignal>
+#include <functional>
+
 TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
     IppPrinter printer;
     const std::string nowhere = "ipp://localhost:" + std::to_string(FreePort()) + "/ipp/print";
@@ -61,6 +64,39 @@ TEST(NetworkPrinter, IsTriedAddedAndToldInWords) {
     EXPECT_EQ(ValueOf("Lab", "ErrPaperJam"), 0);
 }
 
+TEST(NetworkPrinter, NobodyWhoLooksSeesOldValuesAsFresh) {
+    IppPrinter printer;
+    const RunningProduct product;
+    EXPECT_EQ(Oriel({"printers", "add", "Lab", "--device", printer.Uri()}).exitCode, 0);
+    ExpectTakesRequests("Lab");
+    const std::pair<const char*, std::function<bool()>> looks[] = {
+        {"get", [] { return VariableOf("Lab", "ErrPaperJam")["stale"] == true; }},
+        {"vars",
+         [] {
+             return OrielJson({"vars", "Lab", "PageCount"})["variables"][0]["stale"] == true;
+         }},
+        {"get of its own", [] { return ValueOf("Lab", "DeviceState")["stale"] == true; }},
+        {"printers", [] { return OrielJson({"printers"})["printers"][0]["deviceState"]["stale"] == true; }},
+        {"doctor", [] {
+             return Oriel({"doctor", "Lab"}).exitCode == 5;
+         }}};
+    for (const auto& [name, isStale] : looks) {
+        EXPECT_FALSE(isStale()) << name;
+        PauseMs(2100); // what was answered before is too old to be shown as it is
+        printer.Process().Stop();
+        EXPECT_TRUE(isStale()) << name << ", at the first look";
+        printer.Process().Continue();
+    }
+    // Nor when its printer side stands still.
+    EXPECT_FALSE(looks[0].second());
+    PauseMs(2100);
+    const int side = ProcessOf(kPrinterSideProgram);
+    kill(side, SIGSTOP);
+    EXPECT_NE(OrielText({"printers"}).find("its printer side does not ask it"), std::string::npos);
+    kill(side, SIGCONT);
+    EXPECT_FALSE(looks[0].second());
+}
+
 TEST(NetworkPrinter, WatchersAreToldWhenItsValuesAreStaleAndFreshAgain) {
     IppPrinter printer;
     RunningProduct product;
@@ -85,7 +121,9 @@ TEST(NetworkPrinter, WatchersAreToldWhenItsValuesAreStaleAndFreshAgain) {
     told("fresh"); // the next one
     EXPECT_EQ(VariableOf("Lab", "ErrPaperJam")["stale"], false);
     printer.Process().Kill();
+    const auto died = std::chrono::steady_clock::now();
     EXPECT_NE(told("stale")["why"].get<std::string>().find("no connection to localhost"), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - died, std::chrono::seconds(2));
     printer.Restart("keys");
     told("fresh");
 }

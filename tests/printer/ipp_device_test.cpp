@@ -363,6 +363,59 @@ TEST(IppDevice, ValuesAreStaleLongBeforeAnUnansweredQuestionFails) {
     EXPECT_EQ(Word(database, "PrinterStatus", 0), 0u) << "stored anew";
 }
 
+TEST(IppDevice, WhoeverFollowsAPrinterKnowsWithinTwoSecondsThatItHasDied) {
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    IppPrinter printer;
+    TestProcess side = StartDevice(printer.Uri(), {"--poll", "30000"});
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    const uint64_t before = RecordIn(database).answeredAt;
+    EXPECT_EQ(database.Watch("PrinterStatus", kOnlyChanges), kDone);
+    EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).answeredAt != before; }, 1500)) << "it is asked at once";
+    const auto expectStale = [&](const char* how) {
+        const double began = NowMs();
+        EXPECT_TRUE(WaitUntil([&] { return RecordIn(database).up == 0; })) << how;
+        EXPECT_LT(NowMs() - began, 2000) << how;
+    };
+    for (const int phaseMs : {0, 350, 700}) {
+        PauseMs(phaseMs);
+        printer.Process().Stop(); // its connections stand; so it is when the network has gone
+        expectStale("stopped");
+        printer.Process().Continue();
+        EXPECT_TRUE(WaitUntil([&] { return IsUp(database); }));
+    }
+    printer.Process().Kill();
+    expectStale("killed");
+    PauseMs(5000); // it is asked seldom by now, if nobody followed it
+    printer.Restart("keys");
+    const double began = NowMs();
+    EXPECT_TRUE(WaitUntil([&] { return IsUp(database); }));
+    EXPECT_LT(NowMs() - began, 4000) << "fresh again";
+}
+
+TEST(IppDevice, FollowingASlowPrinterDoesNotFlapAndEndsWithTheLastFollower) {
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    FakePrinter printer;
+    printer.Answer([](const std::string& request) {
+        return FakeAnswer{.bytes = Http(Body(request, Healthy())), .afterMs = 1000};
+    });
+    TestProcess side = StartDevice(printer.Uri(), {"--poll", "30000"});
+    ASSERT_TRUE(WaitUntil([&] { return IsUp(database); })) << side.Errors();
+    for (const char* followed : {"ErrPaperJam", kDeviceVariable}) {
+        const int before = printer.Connections();
+        EXPECT_EQ(database.Watch(followed, kEveryWrite), kDone);
+        EXPECT_TRUE(WaitUntil([&] { return printer.Connections() > before + 2; })) << followed;
+        EXPECT_EQ(Word(database, "PrinterStatus", 0), 0u);
+        EXPECT_EQ(database.Unwatch(followed), kDone);
+        PauseMs(2500); // for a question that was due
+        const int after = printer.Connections();
+        PauseMs(3000);
+        EXPECT_EQ(printer.Connections(), after) << "it is left in peace";
+    }
+    EXPECT_EQ(database.Info("PrinterStatus").writes, 2u) << "as it was made, and its first value";
+}
+
 TEST(IppDevice, HostileAnswersAreToldAndSurvived) {
     const PrinterMachine machine;
     const Database& database = machine.databases[0];

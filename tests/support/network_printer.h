@@ -41,6 +41,7 @@ private:
 // closed. Never: it is kept open and nothing is sent. Slowly: a byte at a time, for as long as the client stays.
 struct FakeAnswer {
     std::string bytes{};
+    int afterMs = 0;
     bool never = false;
     bool slowly = false;
     bool endless = false; // the bytes again and again

@@ -175,6 +175,7 @@ void FakePrinter::ServeOne(int connection) {
         const std::lock_guard hold(m_lock);
         answer = m_answerer ? m_answerer(request.substr(end)) : FakeAnswer{.never = true};
     }
+    PauseMs(answer.afterMs);
     const auto gone = [&] { return Readable(connection, 0) && recv(connection, bytes, 1, MSG_PEEK) <= 0; };
     if (answer.never) {
         while (!m_over && !gone())

@@ -3,6 +3,8 @@
 // gone without a word, the service writes it. No state.
 #pragma once
 
+#include "product/variable_names.h"
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -26,3 +28,9 @@ static_assert(sizeof(DeviceRecord) == 280 && offsetof(DeviceRecord, up) == 4 &&
 inline constexpr uint32_t kDeviceRecordVersion = 1;
 // The trouble of a device that no printer side asks any more.
 inline constexpr char kPrinterSideEnded[] = "the printer side has ended";
+
+// Whoever watches one of these follows the printer: its printer side asks it more often, and the service tells the
+// printer side when the first one begins and when the last one ends.
+inline constexpr const char* kFollowedVariables[] = {names::kPrinterStatus,   names::kPrinterStatus2,
+                                                     names::kErrPaperJam,     names::kPrintingStatus,
+                                                     names::kPrintingJobInfo, kDeviceVariable};
