@@ -153,10 +153,10 @@ int ReadScriptFile(const std::string& path, std::vector<Statement>* statements) 
 int TryDevice(const CommandLine& line) {
     constexpr DWORD kMarginMs = 1000;
     const bool queue = IsQueue(line.device);
-    NetworkPrinter printer{.uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs) : line.device};
+    NetworkPrinter printer{.uri = queue ? DeviceOfQueue(line.device, kDeviceLimitMs, nullptr).uri : line.device};
     if (queue && !line.quiet) std::cout << "device: " << printer.uri << "\n";
     if (const std::string failure = OpenNetworkPrinter(printer); !failure.empty()) return Complain(failure);
-    const devices::Answer answer = TryNetworkPrinter(printer, kDeviceLimitMs + kMarginMs);
+    const devices::Answer answer = TryNetworkPrinter(printer, kDeviceLimitMs + kMarginMs, nullptr);
     CloseNetworkPrinter(printer);
     if (answer.outcome != devices::Outcome::Answered) {
         Complain(answer.trouble);

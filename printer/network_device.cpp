@@ -526,9 +526,11 @@ Device DeviceOf(NetworkPrinter& printer) {
             .self = &printer};
 }
 
-devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs) {
+devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs, HANDLE stop) {
     devices::Answer answer{.outcome = Outcome::NoAnswer, .trouble = "the printer does not answer in time"};
     AskModule(printer, {.ask = Ask::Poll, .identity = true, .jobs = false});
-    if (WaitForSingleObject(printer.ready, limitMs) == WAIT_OBJECT_0) printer.module->take(printer.session, &answer);
+    const HANDLE handles[] = {printer.ready, stop};
+    if (WaitForMultipleObjects(stop ? 2 : 1, handles, FALSE, limitMs) == WAIT_OBJECT_0)
+        printer.module->take(printer.session, &answer);
     return answer;
 }

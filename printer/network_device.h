@@ -88,5 +88,5 @@ void CloseNetworkPrinter(NetworkPrinter& printer);
 // The device lives as long as the printer.
 Device DeviceOf(NetworkPrinter& printer);
 
-// Asks once, for at most limitMs, and waits for the answer.
-devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs);
+// Asks once and waits for the answer, for at most limitMs, or until stop is set, which may be null.
+devices::Answer TryNetworkPrinter(NetworkPrinter& printer, DWORD limitMs, HANDLE stop);

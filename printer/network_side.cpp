@@ -9,6 +9,7 @@
 #include "product/log.h"
 #include "product/registry_names.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace {
@@ -69,19 +70,19 @@ bool IsQueue(const std::string& device) {
     return device.starts_with(kQueuePrefix);
 }
 
-std::string DeviceOfQueue(const std::string& device, DWORD limitMs) {
+QueueDevice DeviceOfQueue(const std::string& device, DWORD limitMs, HANDLE stop) {
     const std::string uri = DeviceUriOf(device.substr(kQueuePrefix.size()));
     const size_t host = uri.find("://");
-    if (host == uri.npos) return device;
+    if (host == uri.npos) return {device, uri.empty()};
     const std::string scheme = uri.substr(0, host);
-    if (scheme == "ipp" || scheme == "ipps") return uri.substr(0, uri.find('?'));
-    if (scheme != "socket" && scheme != "lpd") return device;
+    if (scheme == "ipp" || scheme == "ipps") return {uri.substr(0, uri.find('?'))};
+    if (scheme != "socket" && scheme != "lpd") return {device};
     // It has no way to tell anything; SNMP beside it may.
     NetworkPrinter agent{.uri = "snmp://" + HostOf(uri)};
-    if (!OpenNetworkPrinter(agent).empty()) return device;
-    const devices::Answer answer = TryNetworkPrinter(agent, limitMs);
+    if (!OpenNetworkPrinter(agent).empty()) return {device};
+    const devices::Answer answer = TryNetworkPrinter(agent, limitMs, stop);
     CloseNetworkPrinter(agent);
-    return answer.outcome == devices::Outcome::Answered ? agent.uri : device;
+    return answer.outcome == devices::Outcome::Answered ? QueueDevice{agent.uri} : QueueDevice{device, true};
 }
 
 int ServeDevice(const PrinterSideOptions& side, const Device& device, HANDLE stop) {
@@ -92,12 +93,12 @@ int ServeDevice(const PrinterSideOptions& side, const Device& device, HANDLE sto
     return served ? kStopped : kCannotBegin;
 }
 
-int ServeNetworkPrinter(const PrinterSideOptions& side, const std::string& device, DWORD pollMs, HANDLE stop) {
+namespace {
+
+int ServeAt(const std::string& uri, const PrinterSideOptions& side, DWORD pollMs, HANDLE stop) {
     const std::string name = side.printer;
-    const bool queue = side.ofPrintServer;
-    const std::string uri = queue ? DeviceOfQueue(device, kDeviceLimitMs) : device;
     NetworkPrinter printer{.uri = uri,
-                           .ofPrintServer = queue,
+                           .ofPrintServer = side.ofPrintServer,
                            // The server tells when its queue has changed.
                            .pollMs = IsQueue(uri) ? kPollMaxMs : pollMs,
                            .certificate = ReadCertificate(name),
@@ -108,4 +109,57 @@ int ServeNetworkPrinter(const PrinterSideOptions& side, const std::string& devic
     const int result = failure.empty() ? ServeDevice(side, DeviceOf(printer), stop) : kCannotBegin;
     CloseNetworkPrinter(printer);
     return result;
+}
+
+// ---- a queue whose printer could not be asked at the start, because it or the print server was not up yet
+
+constexpr SIZE_T kStackSize = 256 * 1024;
+constexpr DWORD kSearchPolls = 2;      // idle intervals until the printer is looked for again; twice as long each time
+constexpr DWORD kSearchPollsMost = 32; // up to a quarter of an hour
+
+struct Search {
+    std::string queue;
+    DWORD pollMs;
+    HANDLE stop;
+    KernelHandle over{}; // event, manual-reset: ends the serving of the queue itself
+    std::string found{}; // once over is set: the printer; empty: it was stopped
+};
+
+// Sets over when stop is set, or when the printer is found.
+DWORD WINAPI SearchPrinter(LPVOID parameter) {
+    Search& search = *static_cast<Search*>(parameter);
+    const HANDLE endings[] = {search.stop, search.over.Get()};
+    ULONGLONG polls = kSearchPolls;
+    bool goOn = true;
+    while (WaitForMultipleObjects(2, endings, FALSE,
+                                  goOn ? static_cast<DWORD>(std::min<ULONGLONG>(polls * search.pollMs, kPollMaxMs))
+                                       : INFINITE) == WAIT_TIMEOUT) {
+        const QueueDevice device = DeviceOfQueue(search.queue, kDeviceLimitMs, search.stop);
+        goOn = device.mayChange;
+        polls = std::min<ULONGLONG>(2 * polls, kSearchPollsMost);
+        if (device.uri == search.queue) continue;
+        if (WaitForSingleObject(search.over.Get(), 0) == WAIT_TIMEOUT) search.found = device.uri;
+        break;
+    }
+    SetEvent(search.over.Get());
+    return 0;
+}
+
+} // namespace
+
+int ServeNetworkPrinter(const PrinterSideOptions& side, const std::string& device, DWORD pollMs, HANDLE stop) {
+    const QueueDevice first =
+        side.ofPrintServer ? DeviceOfQueue(device, kDeviceLimitMs, stop) : QueueDevice{.uri = device};
+    if (!first.mayChange) return ServeAt(first.uri, side, pollMs, stop);
+    Search search{.queue = device, .pollMs = pollMs, .stop = stop};
+    search.over = KernelHandle(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    const KernelHandle thread(search.over ? CreateThread(nullptr, kStackSize, SearchPrinter, &search, 0, nullptr)
+                                          : nullptr);
+    if (!thread) return ServeAt(device, side, pollMs, stop);
+    const int result = ServeAt(device, side, pollMs, search.over.Get());
+    SetEvent(search.over.Get());
+    WaitForSingleObject(thread.Get(), INFINITE); // bounded: by the calls of the print server and of the agent
+    if (search.found.empty() || result != kStopped) return result;
+    product::Log(product::LogLevel::Note, side.printer + ": the printer itself is asked from now on, " + search.found);
+    return ServeAt(search.found, side, pollMs, stop);
 }

@@ -5,11 +5,9 @@
 #include "private_machine.h"
 
 #include "product/conditions.h"
-#include "product/device_record.h"
 
 #include <tvsqdz.h>
 
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -26,15 +24,6 @@ TestProcess StartDevice(const std::string& uri, const std::vector<std::string>& 
                                           uri,         "--poll",     std::to_string(kPollMs)};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return TestProcess::Program(ProgramPath("TVSPSD.EXE"), arguments);
-}
-
-DeviceRecord RecordIn(const Database& database) {
-    DeviceRecord record{};
-    Bytes bytes(sizeof record);
-    DWORD size = 0;
-    if (database.Read(kDeviceVariable, sizeof record, &bytes, &size) == kDone && size == sizeof record)
-        std::memcpy(&record, bytes.data(), sizeof record);
-    return record;
 }
 
 bool IsUp(const Database& database) {

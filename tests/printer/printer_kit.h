@@ -3,8 +3,22 @@
 
 #include "printer_machine.h"
 
+#include "product/device_record.h"
+
+#include <cstring>
+
 inline bool TakesRequests(const Database& database) {
     return (database.NumberIn("PrinterExtStatus") & 1) != 0 && database.NumberIn("SpoolerStatus") == 0xC;
+}
+
+// "DeviceState"; all zero before there is one.
+inline DeviceRecord RecordIn(const Database& database) {
+    DeviceRecord record{};
+    Bytes bytes(sizeof record);
+    DWORD size = 0;
+    if (database.Read(kDeviceVariable, sizeof record, &bytes, &size) == kDone && size == sizeof record)
+        std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
 }
 
 // What a requester does, who waits for its answer.

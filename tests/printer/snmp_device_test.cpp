@@ -1,5 +1,6 @@
 // The SNMP device against net-snmp's agent, which replays recorded walks of a printer.
 #include "network_printer.h"
+#include "print_server.h"
 #include "printer_agent.h"
 #include "printer_kit.h"
 #include "private_machine.h"
@@ -228,6 +229,49 @@ TEST(SnmpDevice, AddsToAnIppPrinterWhatThatLacks) {
     agent.End(); // what only it told is not known any more; the rest goes on
     EXPECT_TRUE(WaitUntil([&] { return printer.Number("ErrCoverOpen") == 0; }, 20000));
     EXPECT_EQ(printer.Number("PrinterStatus"), 0u);
+}
+
+TEST(SnmpDevice, APrinterBehindAQueueIsFoundWhenItOrThePrintServerComesLater) {
+    PrintServer server;
+    const int port = FreePort();
+    const std::string host = "127.2." + std::to_string(port / 256) + "." + std::to_string(1 + port % 254);
+    PrinterAgent agent(host, 161);
+    server.Command("/usr/sbin/lpadmin", {"-p", "Wire", "-E", "-v", "socket://" + host + ":9100"});
+    const PrinterMachine machine;
+    const Database& database = machine.databases[0];
+    const auto deviceIs = [&](const std::string& device) { return std::string(RecordIn(database).device) == device; };
+    const auto start = [] {
+        return TestProcess::Program(ProgramPath("TVSPSD.EXE"),
+                                    {"--printer", kPrinters[0], "--device", "cups:Wire", "--poll", "500"});
+    };
+    agent.End();
+    TestProcess side = start();
+    EXPECT_TRUE(WaitUntil([&] { return deviceIs("cups:Wire"); })) << side.Errors();
+    agent.Start();
+    EXPECT_TRUE(WaitUntil([&] { return deviceIs("snmp://" + host); }, 30000)) << side.Errors();
+    EXPECT_TRUE(WaitUntil([&] { return database.NumberIn("PageCount") == 4711; }));
+    side.Terminate();
+    EXPECT_EQ(side.Wait(), 0);
+
+    agent.End();
+    server.Process().Stop();
+    side = start();
+    EXPECT_TRUE(WaitUntil([&] { return deviceIs("cups:Wire"); })) << side.Errors();
+    agent.Start();
+    server.Process().Continue();
+    EXPECT_TRUE(WaitUntil([&] { return deviceIs("snmp://" + host); }, 30000)) << side.Errors();
+    side.Terminate();
+    EXPECT_EQ(side.Wait(), 0);
+
+    // It ends as soon as others do, while it looks for its printer.
+    agent.End();
+    side = start();
+    EXPECT_TRUE(WaitUntil([&] { return deviceIs("cups:Wire"); })) << side.Errors();
+    PauseMs(1500);
+    const double began = NowMs();
+    side.Terminate();
+    EXPECT_EQ(side.Wait(), 0);
+    EXPECT_LT(NowMs() - began, 2000);
 }
 
 TEST(SnmpDevice, VersionsCredentialsAndSilence) {
