@@ -53,11 +53,20 @@ TEST(PrintServer, OneThatStandsStillOrGoesIsAnError) {
     server.Process().Continue();
     EXPECT_EQ(JobsOf(printer), "");
     EXPECT_EQ(PrintersOf(kBoth), (Names{"Embedded", "Office"}));
-    // One that takes the request and answers too late is not one without jobs.
-    const FakePrinter silent;
-    const std::string own = getenv("CUPS_SERVER"), uri = silent.Uri();
-    setenv("CUPS_SERVER", uri.substr(6, uri.rfind("/ipp") - 6).c_str(), 1);
-    EXPECT_EQ(JobsOf(printer), "error " + std::to_string(ERROR_TIMEOUT));
+    // One that takes the request and answers too late, or says without end that it will, is not one without jobs.
+    std::string continues;
+    for (int i = 0; i < 50000; ++i)
+        continues += "HTTP/1.1 100 Continue\r\n\r\n";
+    const std::string own = getenv("CUPS_SERVER");
+    for (const FakeAnswer& answer : {FakeAnswer{.never = true}, FakeAnswer{.bytes = continues, .endless = true}}) {
+        FakePrinter fake;
+        fake.Answer([&](const std::string&) { return answer; });
+        const std::string uri = fake.Uri();
+        setenv("CUPS_SERVER", uri.substr(6, uri.rfind("/ipp") - 6).c_str(), 1);
+        const double asked = NowMs();
+        EXPECT_EQ(JobsOf(printer), "error " + std::to_string(ERROR_TIMEOUT));
+        EXPECT_LT(NowMs() - asked, 3000) << answer.bytes.substr(0, 21);
+    }
     setenv("CUPS_SERVER", own.c_str(), 1);
     EXPECT_EQ(JobsOf(printer), "");
     server.Process().Kill();

@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -145,6 +146,8 @@ void FakePrinter::Serve() {
         const int connection = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection < 0) continue;
         ++m_connections;
+        constexpr timeval kSendLimit{.tv_sec = 10, .tv_usec = 0}; // to a client that does not read
+        setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &kSendLimit, sizeof kSendLimit);
         ServeOne(connection);
         close(connection);
     }
