@@ -51,6 +51,7 @@ struct Patient {
 
 constexpr char kNoService[] = "the service does not answer";
 constexpr char kNoDevice[] = "the printer has no device";
+constexpr char kNothingTold[] = "its device has told nothing";
 
 // ---- the product
 
@@ -73,7 +74,8 @@ Finding CheckService(Patient& patient) {
                                         "restart the product; its log says what happened");
 }
 
-Finding CheckInitialised(Patient&) {
+Finding CheckInitialised(Patient& patient) {
+    if (!patient.serviceAnswers) return Skipped(kNoService);
     return ProductInitialised() ? Ok() : Bad("only the service runs, so nothing starts printer sides", HowToStart());
 }
 
@@ -146,7 +148,7 @@ Finding CheckReachable(Patient& patient) {
 }
 
 Finding CheckFresh(Patient& patient) {
-    if (!patient.device) return Skipped(kNoDevice);
+    if (!patient.device) return Skipped(patient.HasDevice() ? kNothingTold : kNoDevice);
     return IsStale(*patient.device)
                ? Bad("its values are stale: the device " + DeviceText(*patient.device), "restart its printer side")
                : Ok();

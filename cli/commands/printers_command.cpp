@@ -74,6 +74,18 @@ const char* WhoKnows(const Printer& printer) {
     return "registry";
 }
 
+void TellAdded(const std::string& name, const std::string& driver, const std::string& device) {
+    if (g_output.json) {
+        PrintJson({{"added", name},
+                   {"driver", ToUtf8(driver)},
+                   {"registeredModel", IsRegisteredModel(driver)},
+                   {"script", ToUtf8(ScriptOf({.device = device}))},
+                   {"device", ToUtf8(WithoutSecrets(device))}});
+    } else if (!device.empty() && !device.starts_with(kScriptPrefix)) { // behind what its device told
+        PrintLine("added " + Printable(name) + (ProductInitialised() ? "" : "; 'oriel up' begins to watch it"));
+    }
+}
+
 // Most client kinds open only a printer that has been opened before, and `up` opens only the printers that exist when
 // it starts. A failure is ignored here: whoever opens the printer later gets it.
 void OpenForOthers(const std::string& name) {
@@ -150,12 +162,7 @@ Exit AddQueue(const NewPrinter& wanted) {
         wanted.driver.empty() ? DriverOf(name).value_or("") : RequireAnsi(wanted.driver, "the driver name");
     SetQueueDevice(name, driver);
     OpenForOthers(wanted.name);
-    if (g_output.json)
-        PrintJson({{"added", wanted.name},
-                   {"driver", ToUtf8(driver)},
-                   {"registeredModel", IsRegisteredModel(driver)},
-                   {"script", ""},
-                   {"device", *wanted.device}});
+    TellAdded(wanted.name, driver, kQueuePrefix + name);
     return Exit::Done;
 }
 
@@ -220,13 +227,7 @@ Exit AddPrinterCommand(const NewPrinter& wanted) {
         throw;
     }
     OpenForOthers(wanted.name);
-    if (g_output.json) {
-        PrintJson({{"added", wanted.name},
-                   {"driver", driver},
-                   {"registeredModel", IsRegisteredModel(driverText)},
-                   {"script", wanted.script.value_or("")},
-                   {"device", ToUtf8(WithoutSecrets(device))}});
-    }
+    TellAdded(wanted.name, driverText, device);
     return Exit::Done;
 }
 

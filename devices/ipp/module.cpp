@@ -113,8 +113,10 @@ Message IppSession::AskAttributes(const Question& question, const char* const* n
     ippAddStrings(request.get(), IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", count, nullptr, names);
     Message message = Send(question, request.get(), answer);
     // Whatever else it is, that does not tell its attributes is no printer to watch.
-    if (message == nullptr && (answer->outcome == Outcome::NotSupported || answer->outcome == Outcome::Declined))
+    if (message == nullptr && (answer->outcome == Outcome::NotSupported || answer->outcome == Outcome::Declined)) {
         answer->outcome = Outcome::Garbled;
+        answer->trouble += ", at the path " + m_address.path;
+    }
     return message;
 }
 
