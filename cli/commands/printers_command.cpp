@@ -82,7 +82,7 @@ void TellAdded(const std::string& name, const std::string& driver, const std::st
                    {"script", ToUtf8(ScriptOf({.device = device}))},
                    {"device", ToUtf8(WithoutSecrets(device))}});
     } else if (!device.empty() && !device.starts_with(kScriptPrefix)) { // behind what its device told
-        PrintLine("added " + Printable(name) + (ProductInitialised() ? "" : "; 'oriel up' begins to watch it"));
+        PrintLine("added " + Printable(name) + (ProductInitialised() ? "" : "; run 'oriel up' to watch it"));
     }
 }
 
