@@ -26,6 +26,7 @@ using namespace product;
 
 namespace {
 
+constexpr DWORD kDeafLookMs = 250; // without an event that tells of the next service: all names were lost
 constexpr DWORD kLookMs = 4000; // between looks at all that events tell too, and whether somebody follows the printer
 constexpr DWORD kAskMs = 30000; // between calls of the service that only see whether it still knows us
 constexpr DWORD kFirstRetryMs = 50; // to connect; half as long again each time
@@ -561,9 +562,10 @@ DWORD Until(const PrinterSide& side, ULONGLONG due) {
 
 // Returns true when the link is lost, false when stop was set.
 bool ServeLink(PrinterSide& side) {
-    ULONGLONG lookAt = side.now + kLookMs, askAt = side.now + kAskMs;
     SignalWait signals(side.stop);
     WatchEvents(side, signals);
+    const DWORD look = side.serviceStarted ? kLookMs : kDeafLookMs;
+    ULONGLONG lookAt = side.now + look, askAt = side.now + kAskMs;
     CheckAll(side); // what was written before
     TendFollowers(side);
     while (!side.link.lost) {
@@ -577,7 +579,7 @@ bool ServeLink(PrinterSide& side) {
         if (!side.queues.waiting.empty()) wait = std::min(wait, kQueueRetryMs);
         if (!WaitForWork(side, signals, wait)) return false;
         if (side.now < lookAt) continue;
-        lookAt = side.now + kLookMs;
+        lookAt = side.now + look;
         if (side.now >= askAt) {
             AskService(side.link);
             askAt = side.now + kAskMs;

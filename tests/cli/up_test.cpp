@@ -152,6 +152,36 @@ TEST(Up, RestartsTheServiceWhenTheWholeObjectServerIsKilled) {
     }
 }
 
+// Such a printer side is not told of the next service, and looks for it more often.
+TEST(Up, APrinterSideThatBeganWhenAllNamesWereLostFindsTheNextService) {
+    const std::string script = FileOf("office.script", "set PageCount 4711\n");
+    OrielText({"printers", "add", "Office", "--driver", "Any", "--script", script});
+    RunningProduct product;
+    product.Event("printer-side-started");
+    ExpectTakesRequests("Office");
+    kill(static_cast<int>(product.Process().Id()), SIGSTOP); // so that it mends nothing
+    for (const char* program : {"oriel-objects", kPrinterSideProgram})
+        EXPECT_TRUE(WaitUntil([&] {
+            for (const int process : ProcessesOf(program))
+                KillProcess(process);
+            return ProcessesOf(program).empty();
+        }));
+    TestProcess side =
+        TestProcess::Program(ProgramPath(kPrinterSideProgram), {"--printer", "Office", "--script", script});
+    EXPECT_TRUE(WaitUntil([&] { return !EventsOf(static_cast<int>(side.Id()), "TVOR:").empty(); }));
+    ExpectTakesRequests("Office");
+    KillProcess(ProcessOf(kServiceProgram));
+    TestProcess service = TestProcess::Program(ProgramPath(kServiceProgram), {});
+    OrielText({"get", "Office", "PageCount"});
+    const auto connected = [] {
+        const std::set<std::string> started = EventsOf(ProcessOf(kServiceProgram), "TVORSDB:Started");
+        return !started.empty() && EventsOf(ProcessOf(kPrinterSideProgram), "TVORSDB:Started") == started;
+    };
+    EXPECT_TRUE(WaitUntil(connected, 2500));
+    side.Kill();
+    kill(static_cast<int>(product.Process().Id()), SIGCONT);
+}
+
 TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
     const std::string printer = "Demo printer";
     for (const int expected : {30, 4711}) {

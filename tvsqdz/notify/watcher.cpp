@@ -199,7 +199,8 @@ bool Watcher::AwaitNews(DWORD pause) {
     if (m_variables == nullptr) return false;
     for (;;) {
         const bool idle = pause == kNoLook;
-        const DWORD limit = m_isWhole && m_looks == 0 ? g_timings.serviceLook : g_timings.watchRetry;
+        const bool isTold = m_isWhole && m_looks == 0 && m_started; // of all that may happen
+        const DWORD limit = isTold ? g_timings.serviceLook : g_timings.watchRetry;
         const product::Woken woken = m_wait.Wait(std::min(pause, limit));
         switch (woken) {
         case product::Woken::Stopped:
