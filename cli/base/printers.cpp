@@ -7,6 +7,7 @@
 #include "base/spooler.h"
 
 #include "product/model_variables.h"
+#include "product/object_names.h"
 #include "product/registry_names.h"
 
 #include <tvsqdz.h>
@@ -179,6 +180,18 @@ std::string KnownPrinterName(const std::string& name) {
                   "list them with 'oriel printers', or add it: oriel printers add \"" + shown + "\" --driver DRIVER"};
 }
 
+namespace {
+
+// `oriel up` reads the list of printers at once, instead of when it looks again. It is of the same user, or this is
+// root.
+void TellPrintersChanged() {
+    if (const KernelHandle changed{
+            OpenEventA(EVENT_MODIFY_STATE, FALSE, SharedName(product::kPrintersChangedName).c_str())})
+        SetEvent(changed.Get());
+}
+
+} // namespace
+
 void SetPrinterDevice(const std::string& name, const std::string& device) {
     const std::string script = ScriptOf({.device = device});
     const LSTATUS status = script.empty() ? WriteText(HKEY_LOCAL_MACHINE, PrinterKeyPath(name), kDeviceValue, device)
@@ -187,6 +200,7 @@ void SetPrinterDevice(const std::string& name, const std::string& device) {
         throw SystemFailure(static_cast<uint32_t>(status),
                             "cannot store the device of the printer \"" + ToUtf8(name) + "\"");
     }
+    TellPrintersChanged();
 }
 
 void SetQueueDevice(const std::string& name, const std::string& driver) {
@@ -317,6 +331,7 @@ void UninstallPrinter(const std::string& name) {
         if (!DeletePrinter(printer.Get())) throw SystemFailure(GetLastError(), what);
         DeleteTree(HKEY_LOCAL_MACHINE,
                    PrinterKeyPath(name)); // a connection has no key from the spooler, but may have ours
+        TellPrintersChanged();
         return;
     }
     if (DeviceOf(name) != kQueuePrefix + name && GetLastError() != ERROR_INVALID_PRINTER_NAME)
@@ -325,4 +340,5 @@ void UninstallPrinter(const std::string& name) {
     const LSTATUS status = DeleteTree(HKEY_LOCAL_MACHINE, PrinterKeyPath(name));
     if (status == ERROR_FILE_NOT_FOUND) throw SystemFailure(ERROR_INVALID_PRINTER_NAME, what);
     if (status != ERROR_SUCCESS) throw SystemFailure(static_cast<uint32_t>(status), what);
+    TellPrintersChanged();
 }

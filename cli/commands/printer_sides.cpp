@@ -16,7 +16,8 @@ namespace {
 
 constexpr DWORD kSettingsMs = 2000;       // between checks which printers have a device
 constexpr DWORD kSettingsMostMs = 8000;   // between those of many printers:
-constexpr DWORD kSettingsShare = 400;     // a check takes one of so many parts of the time
+constexpr DWORD kSettingsShare = 400;     // a check takes one of so many parts of the time,
+constexpr DWORD kToldShare = 20;          // or of so many while printers are added and removed
 constexpr DWORD kStopMs = 5000;           // for those that were asked to end
 constexpr DWORD kCrashesWithinMs = 60000; // two of them end the life of many printers in one process
 constexpr DWORD kOpenMs = 30000;          // for a printer's first manager to create its database
@@ -42,6 +43,13 @@ KernelHandle NewStopEvent(const char* what, std::string& name) {
 
 PrinterSides::PrinterSides(TellPrinterSideNews tell) : m_tell(std::move(tell)) {
     ForgetAllSideStates(); // of a process that was killed
+    ServiceIsNew();
+}
+
+// All names may be new too.
+void PrinterSides::ServiceIsNew() {
+    m_opened.clear();
+    m_changed = KernelHandle(CreateEventA(nullptr, FALSE, FALSE, SharedName(product::kPrintersChangedName).c_str()));
 }
 
 PrinterSides::~PrinterSides() {
@@ -73,14 +81,23 @@ void PrinterSides::AskToEnd(Side& side) {
     if (side.row) m_host.End(*side.row);
 }
 
+bool PrinterSides::SettingsAreDue() {
+    if (!m_settingsRead) return true;
+    m_toldOfChange = m_toldOfChange || (m_changed && WaitForSingleObject(m_changed.Get(), 0) == WAIT_OBJECT_0);
+    const DWORD pause = std::clamp(m_settingsCostMs * kSettingsShare, kSettingsMs, kSettingsMostMs);
+    return GetTickCount() - m_settingsReadAt >=
+           (m_toldOfChange ? std::min(m_settingsCostMs * kToldShare, pause) : pause);
+}
+
 // New printers get a side. Printers that are gone or have another device lose theirs.
 void PrinterSides::ReadSettings() {
-    if (m_settingsRead && GetTickCount() - m_settingsReadAt < m_settingsPauseMs) return;
+    if (!SettingsAreDue()) return;
     m_settingsRead = true;
+    m_toldOfChange = false;
     const DWORD start = GetTickCount();
     const std::vector<Printer> printers = PrintersWithDevice();
     m_settingsReadAt = GetTickCount();
-    m_settingsPauseMs = std::clamp((m_settingsReadAt - start) * kSettingsShare, kSettingsMs, kSettingsMostMs);
+    m_settingsCostMs = m_settingsReadAt - start;
     const auto isConfigured = [&](const Side& side) {
         return std::any_of(printers.begin(), printers.end(), [&](const Printer& printer) {
             return printer.name == side.printer && printer.device == side.device && printer.port == side.port;

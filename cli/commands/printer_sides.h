@@ -50,7 +50,7 @@ public:
     // Asks the print server, so it is not called often.
     void OpenPrinters();
     // The service was restarted and has no databases.
-    void ServiceIsNew() { m_opened.clear(); }
+    void ServiceIsNew();
 
 private:
     struct Side {
@@ -69,6 +69,7 @@ private:
         bool Runs() const { return process || row; }
     };
 
+    bool SettingsAreDue();
     void ReadSettings();
     void StartSide(Side& side);
     bool StartHosted(Side& side);
@@ -85,8 +86,10 @@ private:
     std::vector<std::string> m_opened; // printers whose database exists
     std::map<std::string, std::string> m_accessLists{};
     DWORD m_settingsReadAt = 0;
-    DWORD m_settingsPauseMs = 0;
+    DWORD m_settingsCostMs = 0; // that the last check took
     bool m_settingsRead = false;
+    KernelHandle m_changed{}; // event, for this user alone: the printers have changed; none when another has the name
+    bool m_toldOfChange = false;
     PrinterHost m_host{};
     bool m_apart = false;   // the host has crashed too often
     bool m_crashed = false; // the host, at

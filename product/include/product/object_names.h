@@ -43,6 +43,9 @@ KernelName OwnerName(bool terminalServer, std::string_view database);
 inline constexpr char kTerminationName[] = "TVORSQD:TerminateManager";   // the base name
 inline constexpr char kProductInitialisedName[] = "TVORPWD:INITIALIZED"; // the base name
 inline constexpr char kServiceStartedName[] = "TVORSDB:Started";         // the base name
+// The base name of an event, auto-reset, of the start-up process: a printer was added or removed, or has another
+// device.
+inline constexpr char kPrintersChangedName[] = "TVORSQD:PrintersChanged";
 // The base name of the database mutex: held by an open from the printer list to the end, and around the changes of
 // shared values.
 inline constexpr char kDatabaseMutexName[] = "TVORSQD:Mutex:DabaBase";
