@@ -180,7 +180,8 @@ TEST(Up, APrinterSideThatBeganWhenAllNamesWereLostFindsTheNextService) {
     ExpectTakesRequests("Office");
     KillProcess(ProcessOf(kServiceProgram));
     TestProcess service = TestProcess::Program(ProgramPath(kServiceProgram), {});
-    OrielText({"get", "Office", "PageCount"});
+    // Its first manager makes the printer's database.
+    EXPECT_TRUE(WaitUntil([] { return Oriel({"get", "Office", "PageCount"}).exitCode == 0; }));
     const auto connected = [] {
         const std::set<std::string> started = EventsOf(ProcessOf(kServiceProgram), "TVORSDB:Started");
         return !started.empty() && EventsOf(ProcessOf(kPrinterSideProgram), "TVORSDB:Started") == started;
