@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 ProgramResult Oriel(const Words& arguments, const Environment& environment) {
     return RunProgram(ProgramPath("oriel"), arguments, environment);
@@ -86,7 +87,9 @@ void RunningProduct::KillService() {
 std::vector<int> ProcessesOf(const std::string& program) {
     const auto textOf = [](const std::filesystem::path& path) {
         std::ifstream stream(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(stream), {});
+        std::ostringstream text;
+        text << stream.rdbuf(); // which throws nothing when the process has ended
+        return text.str();
     };
     std::vector<int> processes;
     const std::string state = std::string("ORIEL_STATE_DIR=") + std::getenv("ORIEL_STATE_DIR") + '\0';

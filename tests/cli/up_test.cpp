@@ -2,6 +2,7 @@
 #include "notify_socket.h"
 #include "product.h"
 
+#include <csignal>
 #include <fstream>
 #include <set>
 
@@ -125,6 +126,18 @@ TEST(Up, RunsAPrinterSideForEachPrinterWithAScript) {
 
 namespace {
 
+struct Stopped {
+    explicit Stopped(const TestProcess& process) : m_process(static_cast<int>(process.Id())) {
+        kill(m_process, SIGSTOP);
+    }
+    ~Stopped() { kill(m_process, SIGCONT); }
+    Stopped(const Stopped&) = delete;
+    Stopped& operator=(const Stopped&) = delete;
+
+private:
+    const int m_process;
+};
+
 // The numbers of the memory of the process's events of that name.
 std::set<std::string> EventsOf(int process, const std::string& name) {
     std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
@@ -167,7 +180,7 @@ TEST(Up, APrinterSideThatBeganWhenAllNamesWereLostFindsTheNextService) {
     RunningProduct product;
     product.Event("printer-side-started");
     ExpectTakesRequests("Office");
-    kill(static_cast<int>(product.Process().Id()), SIGSTOP); // so that it mends nothing
+    const Stopped up(product.Process()); // so that it mends nothing
     for (const char* program : {"oriel-objects", kPrinterSideProgram})
         EXPECT_TRUE(WaitUntil([&] {
             for (const int process : ProcessesOf(program))
@@ -188,7 +201,6 @@ TEST(Up, APrinterSideThatBeganWhenAllNamesWereLostFindsTheNextService) {
     };
     EXPECT_TRUE(WaitUntil(connected, 2500));
     side.Kill();
-    kill(static_cast<int>(product.Process().Id()), SIGCONT);
 }
 
 TEST(Up, MakesADemoPrinterOnceAndTellsItsSupervisor) {
