@@ -131,7 +131,7 @@ void WINAPI Watcher::Step(void* parameter) {
     Watched& watched = *static_cast<Watched*>(parameter);
     Watcher& watcher = *watched.watcher;
     const auto number = static_cast<DWORD>(&watched - watcher.m_variables);
-    const product::SignalWait::Turn turn(watcher.m_wait, std::try_to_lock);
+    const product::SignalWait::Turn turn(watcher.m_wait, product::SignalWait::IfFree());
     if (!turn.held || watched.watch.IsLost()) return;
     const product::Signals signals = watcher.m_wait.Take(number);
     if (signals.pulses == 0 && !signals.isSet) return; // the watcher has had it

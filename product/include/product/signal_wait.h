@@ -5,7 +5,6 @@
 
 #include "product/guards.h"
 
-#include <mutex>
 #include <windows.h>
 
 namespace product {
@@ -41,12 +40,12 @@ public:
 
     // Other threads than the one that waits may take signals too, in turn. While one has the turn no wait begins, so a
     // wait misses nothing of what that thread took and gave back.
+    struct IfFree {};
     class Turn {
     public:
         explicit Turn(SignalWait& wait) : m_wait(wait), held(true) { EnterCriticalSection(&wait.m_turn); }
-        // held: nobody else has it.
-        Turn(SignalWait& wait, std::try_to_lock_t)
-            : m_wait(wait), held(TryEnterCriticalSection(&wait.m_turn) != FALSE) {}
+        // Without a wait for it: see held.
+        Turn(SignalWait& wait, IfFree) : m_wait(wait), held(TryEnterCriticalSection(&wait.m_turn) != FALSE) {}
         ~Turn() {
             if (held) LeaveCriticalSection(&m_wait.m_turn);
         }
