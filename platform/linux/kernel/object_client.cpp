@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace oriel {
@@ -21,7 +21,7 @@ namespace {
 // For closing. Without an answer, the hold is given back later.
 constexpr int64_t kCloseTimeNs = 1000 * kNsPerMs;
 // For each look whether this thread is to be terminated.
-constexpr timeval kSlice{0, 20000};
+constexpr int kSliceMs = 20;
 
 constexpr DWORD kConnectionLost = ERROR_SERVICE_NOT_ACTIVE; // does not leave this file
 
@@ -65,7 +65,10 @@ DWORD Receive(Connection& connection, int64_t deadline, ObjectReply& reply, Desc
         message.msg_iovlen = 1;
         message.msg_control = control;
         message.msg_controllen = sizeof control;
-        const ssize_t length = recvmsg(connection.file, &message, MSG_CMSG_CLOEXEC);
+        // In recvmsg() it would also be woken when the server takes the request.
+        pollfd input{connection.file, POLLIN, 0};
+        poll(&input, 1, kSliceMs);
+        const ssize_t length = recvmsg(connection.file, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
         if (length == ssize_t{sizeof reply} && reply.protocol == kObjectProtocol) {
             const cmsghdr* header = CMSG_FIRSTHDR(&message);
             int passed = -1;
@@ -143,8 +146,6 @@ DWORD Connect(Connection& connection, int64_t deadline, bool mayStart) {
         DWORD error = ERROR_SUCCESS;
         Descriptor file = ConnectToObjects(directory, error);
         if (error == ERROR_SUCCESS) {
-            fcntl(file.Get(), F_SETFL, 0);
-            setsockopt(file.Get(), SOL_SOCKET, SO_RCVTIMEO, &kSlice, sizeof kSlice);
             connection.file = file.Release();
             connection.user = geteuid();
             return ERROR_SUCCESS;
