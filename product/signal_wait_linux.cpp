@@ -75,12 +75,12 @@ Woken SignalWait::Wait(DWORD milliseconds) {
 
 Signals SignalWait::Take(DWORD number) {
     DWORD& last = m_positions[number + 1];
-    if (!m_handles[number + 1]) return {0, false};
+    if (!m_handles[number + 1]) return {0, false, false};
     const Position now(m_handles[number + 1]);
-    if (now.at == ORIEL_FROM_NOW) return {0, false};
+    if (now.at == ORIEL_FROM_NOW) return {0, false, false};
     const DWORD pulses = (now.at - last) / 2;
     last = now.at;
-    return {pulses, now.isSet != FALSE};
+    return {pulses, now.isSet != FALSE, false};
 }
 
 void SignalWait::GiveBack(DWORD number, const Signals& taken) {

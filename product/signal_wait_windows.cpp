@@ -51,7 +51,7 @@ Woken SignalWait::Wait(DWORD milliseconds) {
     if (result == WAIT_TIMEOUT) {
         if (milliseconds <= pause) return Woken::TimedOut;
         ++m_repeats;
-        return Woken::Again;
+        return Woken::Signalled;
     }
     if (result >= WAIT_OBJECT_0 + count) return Woken::Failed;
     const DWORD index = result - WAIT_OBJECT_0;
@@ -64,8 +64,10 @@ Woken SignalWait::Wait(DWORD milliseconds) {
 
 Signals SignalWait::Take(DWORD number) {
     DWORD& position = m_positions[number + 1];
-    const Signals signals{position, m_handles[number + 1] && position == kSignalled &&
-                                        WaitForSingleObject(m_handles[number + 1], 0) == WAIT_OBJECT_0};
+    const Signals signals{position,
+                          m_handles[number + 1] && position == kSignalled &&
+                              WaitForSingleObject(m_handles[number + 1], 0) == WAIT_OBJECT_0,
+                          true};
     position = 0;
     return signals;
 }

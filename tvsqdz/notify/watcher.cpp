@@ -215,7 +215,6 @@ bool Watcher::AwaitNews(DWORD pause) {
             if (m_looks > 0) --m_looks;
             break;
         case product::Woken::Signalled:
-        case product::Woken::Again:
             break;
         }
         const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
@@ -228,7 +227,8 @@ bool Watcher::AwaitNews(DWORD pause) {
             const product::SignalWait::Turn turn(m_wait);
             const product::Signals signals = m_wait.Take(k);
             // After the time at all: whoever may signal the event can also hide a pulse.
-            if (woken == product::Woken::Signalled && signals.pulses == 0 && !signals.isSet) continue;
+            const bool isQuiet = signals.pulses == 0 && !signals.isSet && !signals.mayHaveMissed;
+            if (isQuiet && woken == product::Woken::Signalled) continue;
             m_variables[k].isNews |= IsNews(m_variables[k], signals, ReadLast(m_variables[k]));
         }
         const bool isOver = !idle && woken == product::Woken::TimedOut;

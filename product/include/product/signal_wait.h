@@ -11,17 +11,17 @@ namespace product {
 
 enum class Woken {
     Stopped,
-    Signalled, // take the signals of all events
-    Again,     // signals may have been missed: look at all variables
-    Started,   // a service has started; look at all variables too
+    Signalled, // look at all events
+    Started,   // a service has started; look at all events too
     TimedOut,
     Failed
 };
 
 // What happened to an event since it was last asked for.
 struct Signals {
-    DWORD pulses; // of which several may be one where the system does not count them
-    bool isSet;   // it is still set: somebody left it so
+    DWORD pulses;       // of which several may be one where the system does not count them
+    bool isSet;         // it is still set: somebody left it so
+    bool mayHaveMissed; // pulses: the system does not remember them
 };
 
 // Whoever waits for `event` in this process calls step(context) when `signal` is signalled (oriel_wait.h), until the
