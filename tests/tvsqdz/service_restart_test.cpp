@@ -212,11 +212,11 @@ TEST_F(ServiceRestart, RegistrationsAreToldOnceAndThenOfEveryChange) {
     for (size_t i = 0; i < variables.size(); ++i)
         registrants.push_back(std::make_unique<Registrant>(kForms[i], manager, variables[i], static_cast<int>(i)));
     RestartService();
-    for (const auto& registrant : registrants)
-        EXPECT_EQ(registrant->Told(), 1) << "nobody called, and something may have been missed";
+    for (size_t i = 0; i < registrants.size(); ++i)
+        EXPECT_EQ(registrants[i]->Told(), 1) << variables[i] << ": nobody called, and something may have been missed";
     PauseMs(kQuietMs);
-    for (const auto& registrant : registrants)
-        EXPECT_EQ(registrant->Told(0), 0);
+    for (size_t i = 0; i < registrants.size(); ++i)
+        EXPECT_EQ(registrants[i]->Told(0), 0) << variables[i];
     for (const std::string& variable : variables)
         EXPECT_EQ(Update(manager, variable, Bytes(variable == "PrinterStatus" ? 12 : 4, 9)), TVS_OK);
     for (const auto& registrant : registrants)

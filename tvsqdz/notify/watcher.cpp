@@ -197,11 +197,12 @@ void Watcher::LookForNewService(bool isStarted) {
 // False when the watcher is to end.
 bool Watcher::AwaitNews(DWORD pause) {
     if (m_variables == nullptr) return false;
-    for (;;) {
+    for (bool foundNew = false;;) {
         const bool idle = pause == kNoLook;
         const bool isTold = m_isWhole && m_looks == 0 && m_started; // of all that may happen
         const DWORD limit = isTold ? g_timings.serviceLook : g_timings.watchRetry;
-        const product::Woken woken = m_wait.Wait(std::min(pause, limit));
+        const product::Woken woken = m_wait.Wait(foundNew ? 0 : std::min(pause, limit));
+        foundNew = false;
         switch (woken) {
         case product::Woken::Stopped:
         case product::Woken::Failed:
@@ -229,7 +230,11 @@ bool Watcher::AwaitNews(DWORD pause) {
             // After the time at all: whoever may signal the event can also hide a pulse.
             const bool isQuiet = signals.pulses == 0 && !signals.isSet && !signals.mayHaveMissed;
             if (isQuiet && woken == product::Woken::Signalled) continue;
-            m_variables[k].isNews |= IsNews(m_variables[k], signals, ReadLast(m_variables[k]));
+            const Told last = ReadLast(m_variables[k]);
+            // The read may have found a new service. That is told, once, when the watches are made again.
+            foundNew = m_variables[k].watch.IsLost();
+            if (foundNew) break;
+            m_variables[k].isNews |= IsNews(m_variables[k], signals, last);
         }
         const bool isOver = !idle && woken == product::Woken::TimedOut;
         if (isOver || std::any_of(m_variables, m_variables + m_count, [](const Watched& each) { return each.isNews; }))
