@@ -290,16 +290,8 @@ void TakeReplies(Peer& peer) {
     const ObjectReply& expected = g_table->connections[peer.number].reply;
     for (bool isLast = false; !isLast;) {
         ObjectReply reply{};
-        iovec bytes{&reply, sizeof reply};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-        msghdr message{};
-        message.msg_iov = &bytes;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        REQUIRE(recvmsg(peer.end, &message, MSG_CMSG_CLOEXEC) == ssize_t{sizeof reply});
         int memory = -1;
-        if (const cmsghdr* header = CMSG_FIRSTHDR(&message)) std::memcpy(&memory, CMSG_DATA(header), sizeof memory);
+        REQUIRE(ReceiveReply(peer.end, 0, reply, memory) == ssize_t{sizeof reply});
         REQUIRE(reply.protocol == kObjectProtocol && (memory >= 0) == (reply.hold != 0));
         isLast = --peer.unread == 0;
         if (isLast) {

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/capability.h>
@@ -43,17 +42,7 @@ bool Send(int connection, const void* bytes, size_t size) {
 
 // False when the server has ended the connection. The descriptor is -1 without one.
 bool Receive(int connection, ObjectReply& reply, int& memory) {
-    iovec bytes{&reply, sizeof reply};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    if (recvmsg(connection, &message, MSG_CMSG_CLOEXEC) != ssize_t{sizeof reply}) return false;
-    memory = -1;
-    if (const cmsghdr* header = CMSG_FIRSTHDR(&message)) std::memcpy(&memory, CMSG_DATA(header), sizeof memory);
-    return true;
+    return oriel::ReceiveReply(connection, 0, reply, memory) == ssize_t{sizeof reply};
 }
 
 // The descriptor of an object's memory; -1 with the server's answer in errno.

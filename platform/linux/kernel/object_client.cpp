@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
@@ -58,23 +57,14 @@ bool IsAlive(Connection& connection) {
 // Takes the next record. ERROR_SUCCESS; ERROR_TIMEOUT; kConnectionLost when the connection has ended.
 DWORD Receive(Connection& connection, int64_t deadline, ObjectReply& reply, Descriptor& memory) {
     for (;;) {
-        iovec bytes{&reply, sizeof reply};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-        msghdr message{};
-        message.msg_iov = &bytes;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
         // In recvmsg() it would also be woken when the server takes the request.
         pollfd input{connection.file, POLLIN, 0};
         poll(&input, 1, kSliceMs);
-        const ssize_t length = recvmsg(connection.file, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        int passed = -1;
+        const ssize_t length = ReceiveReply(connection.file, MSG_DONTWAIT, reply, passed);
+        Descriptor received(passed);
         if (length == ssize_t{sizeof reply} && reply.protocol == kObjectProtocol) {
-            const cmsghdr* header = CMSG_FIRSTHDR(&message);
-            int passed = -1;
-            if (header != nullptr && header->cmsg_type == SCM_RIGHTS)
-                std::memcpy(&passed, CMSG_DATA(header), sizeof passed);
-            memory = Descriptor(passed);
+            memory = std::move(received);
             return ERROR_SUCCESS;
         }
         if (length >= 0 || (errno != EAGAIN && errno != EINTR)) return kConnectionLost;

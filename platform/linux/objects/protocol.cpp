@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <sys/socket.h>
+#include <sys/uio.h>
 
 namespace oriel {
 namespace {
@@ -39,6 +41,21 @@ bool DecodeRequest(const void* record, size_t length, ObjectRequest& request) {
         return true;
     }
     return false;
+}
+
+ssize_t ReceiveReply(int connection, int flags, ObjectReply& reply, int& memory) {
+    iovec bytes{&reply, sizeof reply};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    memory = -1;
+    const ssize_t length = recvmsg(connection, &message, MSG_CMSG_CLOEXEC | flags);
+    const cmsghdr* header = length >= 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    if (header != nullptr && header->cmsg_type == SCM_RIGHTS) std::memcpy(&memory, CMSG_DATA(header), sizeof memory);
+    return length;
 }
 
 } // namespace oriel

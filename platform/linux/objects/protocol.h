@@ -12,6 +12,7 @@
 #include "security/records.h"
 
 #include <cstddef>
+#include <sys/types.h>
 
 namespace oriel {
 
@@ -83,6 +84,10 @@ static_assert(sizeof(ObjectReply) == 28);
 
 // The request in a received record. False for anything that no process of ours sends.
 bool DecodeRequest(const void* record, size_t length, ObjectRequest& request);
+
+// The next record on a client's connection, as recvmsg returns it. memory: the descriptor that came with it, which the
+// caller closes; -1: none.
+ssize_t ReceiveReply(int connection, int flags, ObjectReply& reply, int& memory);
 
 // The name of the server's socket in the run directory.
 constexpr char kObjectsSocket[] = "objects";
