@@ -66,8 +66,6 @@ void Watcher::WaitForStarted() {
 
 Watcher::~Watcher() {
     for (DWORD k = 0; k < m_count; ++k)
-        m_variables[k].step.Reset(); // none runs any more
-    for (DWORD k = 0; k < m_count; ++k)
         m_variables[k].~Watched();
     FreeBlock(m_variables);
 }
@@ -112,7 +110,7 @@ void Watcher::Add(const char* variableName, product::WatchMode mode) {
 }
 
 void Watcher::TellByWaiter(DWORD number, const NotificationEntry& entry) {
-    if (number >= m_count) return;
+    if (number >= m_count || (entry.mode & NOTIFY_BY_EVENT) == 0) return;
     Watched& watched = m_variables[number];
     watched.watcher = this;
     watched.entry = &entry;
@@ -197,12 +195,11 @@ void Watcher::LookForNewService(bool isStarted) {
 // False when the watcher is to end.
 bool Watcher::AwaitNews(DWORD pause) {
     if (m_variables == nullptr) return false;
-    for (bool foundNew = false;;) {
+    for (;;) {
         const bool idle = pause == kNoLook;
         const bool isTold = m_isWhole && m_looks == 0 && m_started; // of all that may happen
         const DWORD limit = isTold ? g_timings.serviceLook : g_timings.watchRetry;
-        const product::Woken woken = m_wait.Wait(foundNew ? 0 : std::min(pause, limit));
-        foundNew = false;
+        const product::Woken woken = m_wait.Wait(IsLost() ? 0 : std::min(pause, limit));
         switch (woken) {
         case product::Woken::Stopped:
         case product::Woken::Failed:
@@ -218,7 +215,7 @@ bool Watcher::AwaitNews(DWORD pause) {
         case product::Woken::Signalled:
             break;
         }
-        const bool isLost = m_count > 0 && m_variables[0].watch.IsLost();
+        const bool isLost = IsLost();
         if (isLost) {
             m_looks = 0;
             WaitForStarted();
@@ -232,8 +229,7 @@ bool Watcher::AwaitNews(DWORD pause) {
             if (isQuiet && woken == product::Woken::Signalled) continue;
             const Told last = ReadLast(m_variables[k]);
             // The read may have found a new service. That is told, once, when the watches are made again.
-            foundNew = m_variables[k].watch.IsLost();
-            if (foundNew) break;
+            if (IsLost()) break;
             m_variables[k].isNews |= IsNews(m_variables[k], signals, last);
         }
         const bool isOver = !idle && woken == product::Woken::TimedOut;

@@ -81,7 +81,7 @@ public:
     // Watches one more variable; writes before are no news. Then ThreadHasBegun.
     void Add(const char* variableName, product::WatchMode mode);
 
-    // The entry sets an event when the variable of that number is written: threads of this process that wait for it
+    // If the entry sets an event when the variable of that number is written, threads of this process that wait for it
     // look for themselves. Before Run.
     void TellByWaiter(DWORD number, const NotificationEntry& entry);
 
@@ -123,6 +123,8 @@ private:
         KernelHandle step; // ends before the watch
     };
 
+    // The databases were opened again. The watches are renewed in their order, so the first one tells of all.
+    bool IsLost() const { return m_count > 0 && m_variables[0].watch.IsLost(); }
     bool AwaitNews(DWORD pause);
     void WaitForStarted();
     void RenewWatches();

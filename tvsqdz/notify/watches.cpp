@@ -17,7 +17,7 @@ void TellWrites(const NotificationRegistration& registration, CallbackValue* val
         if ((entry.mode & NOTIFY_DELEGATED) != 0) continue;
         watcher.Add(entry.variableName,
                     (entry.mode & NOTIFY_ON_UPDATE) != 0 ? product::kEveryWrite : product::kOnlyChanges);
-        if ((entry.mode & NOTIFY_BY_EVENT) != 0) watcher.TellByWaiter(count, entry);
+        watcher.TellByWaiter(count, entry);
         entryOf[count++] = i;
     }
     ThreadHasBegun(registration.thread);
@@ -36,7 +36,7 @@ template <typename Tell> // void()
 void TellChanges(const NotificationRegistration& registration, Tell tell) {
     Watcher watcher(registration, 1);
     watcher.Add(registration.entries[0].variableName, product::kOnlyChanges);
-    if ((registration.entries[0].mode & NOTIFY_BY_EVENT) != 0) watcher.TellByWaiter(0, registration.entries[0]);
+    watcher.TellByWaiter(0, registration.entries[0]);
     ThreadHasBegun(registration.thread);
     watcher.Run([&](DWORD) {
         tell();
