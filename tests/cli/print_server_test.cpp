@@ -150,9 +150,7 @@ TEST(PrintServerSource, JobsOfAllClientsAreFollowedWithoutPollingCampaign) {
 
 TEST(PrintServerSource, ASocketOrLpdQueueIsAskedBySnmpAndItsJobsAreTheServers) {
     PrintServer server;
-    const int port = FreePort();
-    // Port 161 of a loopback address that no other test has.
-    const std::string host = "127.1." + std::to_string(port / 256) + "." + std::to_string(1 + port % 254);
+    const std::string host = OwnLoopbackHost();
     PrinterAgent agent(host, 161);
     server.Command("/usr/sbin/lpadmin", {"-p", "Wire", "-E", "-v", "socket://" + host + ":9100/?waiteof=false"});
     server.Command("/usr/sbin/lpadmin", {"-p", "Line", "-E", "-v", "lpd://somebody@" + host + "/queue?format=l"});

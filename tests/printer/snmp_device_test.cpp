@@ -233,8 +233,7 @@ TEST(SnmpDevice, AddsToAnIppPrinterWhatThatLacks) {
 
 TEST(SnmpDevice, APrinterBehindAQueueIsFoundWhenItOrThePrintServerComesLater) {
     PrintServer server;
-    const int port = FreePort();
-    const std::string host = "127.2." + std::to_string(port / 256) + "." + std::to_string(1 + port % 254);
+    const std::string host = OwnLoopbackHost();
     PrinterAgent agent(host, 161);
     server.Command("/usr/sbin/lpadmin", {"-p", "Wire", "-E", "-v", "socket://" + host + ":9100"});
     const PrinterMachine machine;

@@ -55,6 +55,12 @@ inline Objects Changed(const Objects& changes) {
     return all;
 }
 
+// A loopback address of the test's own, for an agent at a port that has to be the usual one.
+inline std::string OwnLoopbackHost() {
+    const int port = FreePort();
+    return "127.1." + std::to_string(port / 256) + "." + std::to_string(1 + port % 254);
+}
+
 class PrinterAgent {
 public:
     explicit PrinterAgent(const std::string& host = "127.0.0.1", int port = FreePort())
