@@ -1,7 +1,6 @@
 // Connecting, and values in the forms of the database. State: the link's.
 #include "link.h"
 
-#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/program_client.h"
 #include "product/variable_names.h"
@@ -207,8 +206,7 @@ DWORD ReadNumberOf(Link& link, const char* variable) {
 LONG InfoOf(Link& link, const char* variable, VariableInfo* info) {
     PublishedState state = {};
     if (ReadPublished(link, variable, nullptr, 0, &state) != PublishedRead::Ask) {
-        *info = {state.type, state.size, static_cast<DWORD>(state.writes + (state.writes >> 32)),
-                 ToSystemTime(state.writeTime)};
+        *info = ToVariableInfo(state);
         return kDone;
     }
     if (link.lost) return kUnknownDatabase;

@@ -2,6 +2,7 @@
 #include "product/client.h"
 
 #include "product/ndr.h"
+#include "product/printer_list.h"
 
 #include <algorithm>
 #include <atomic>
@@ -211,10 +212,23 @@ Answer EnterAtOnce(const char* name, EnteredDatabase* entered) {
     const auto [handle, created, instance, section, size, life] = call.Out();
     const Answer answer = call.Status();
     if (answer != Answer::Done) return answer;
-    entered->handle = handle;
-    entered->created = created != 0;
-    entered->instance = instance;
+    *entered = {.handle = handle, .created = created != 0, .instance = instance};
     return CopyPlace(section, size, life, &entered->place) ? Answer::Done : Answer::BadStubData;
+}
+
+Answer EnterAtOnce(const char* printer, EnteredPrinter* entered) {
+    CallOf<kEnterPrinter> call(InOf<kEnterPrinter>{printer});
+    if (!call.Send()) return call.Failure();
+    const auto [master, created, instance, section, size, life, handle, name, printerSection, printerSize] = call.Out();
+    const Answer answer = call.Status();
+    if (answer != Answer::Done) return answer;
+    entered->master = {.handle = master, .created = created != 0, .instance = instance};
+    entered->printer = {.handle = handle, .instance = instance};
+    if (name.size() >= sizeof entered->name) return Answer::BadStubData;
+    memcpy(entered->name, name.data(), name.size());
+    const bool whole = CopyPlace(section, size, life, &entered->master.place) &&
+                       CopyPlace(printerSection, printerSize, life, &entered->printer.place);
+    return whole ? Answer::Done : Answer::BadStubData;
 }
 
 // The instance is read before anything is opened. Handles of a later service would then be opened once more for
@@ -240,6 +254,12 @@ Answer EnterDatabase(const char* name, EnteredDatabase* entered) {
     *entered = {};
     const Answer answer = WithRestarts([&] { return EnterAtOnce(name, entered); });
     return answer == Answer::NoSuchProcedure ? EnterBySingleCalls(name, entered) : answer;
+}
+
+Answer EnterPrinter(const char* printer, EnteredPrinter* entered) {
+    *entered = {};
+    const Answer answer = WithRestarts([&] { return EnterAtOnce(printer, entered); });
+    return answer == Answer::NoSuchProcedure ? EnterDatabase(kMasterDatabase, &entered->master) : answer;
 }
 
 Answer OpenDatabase(const char* name, DatabaseHandle* handle) {

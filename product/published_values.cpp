@@ -1,6 +1,8 @@
 // Reading a published section. No state.
 #include "product/published_values.h"
 
+#include "product/file_times.h"
+
 #include <algorithm>
 #include <iterator>
 #include <string.h>
@@ -176,6 +178,10 @@ Attempt CopyPart(const PublishedSection& section, const PublishedSlot& part, BYT
 }
 
 } // namespace
+
+VariableInfo ToVariableInfo(const PublishedState& state) {
+    return {state.type, state.size, WriteCount(state.writes), ToSystemTime(state.writeTime)};
+}
 
 DWORD PublishedHash(std::string_view name) {
     DWORD hash = 2166136261U;

@@ -5,10 +5,12 @@
 #include "clients.h"
 #include "composite.h"
 #include "forwarding.h"
+#include "printers.h"
 #include "settings.h"
 #include "watches.h"
 
 #include "product/ndr.h"
+#include "product/printer_list.h"
 
 #include <array>
 #include <exception>
@@ -138,6 +140,18 @@ LONG Serve(Row<kEnterDatabase>, const Caller& caller, std::string_view name, DWO
         }
     }
     instance = g_instance;
+    return status;
+}
+
+LONG Serve(Row<kEnterPrinter>, const Caller& caller, std::string_view printer, DWORD& master, DWORD& created,
+           ServiceInstance& instance, std::string_view& section, DWORD& size, std::string_view& life, DWORD& handle,
+           std::string_view& name, std::string_view& printerSection, DWORD& printerSize) {
+    const LONG status = Serve(Row<kEnterDatabase>{}, caller, kMasterDatabase, master, created, instance, section, size, life);
+    Database* database = status == kDone && !created ? DatabaseOfPrinter(printer) : nullptr;
+    if (!database || Open(caller, database->name, handle, database) != kDone) return status;
+    const Place place{*database};
+    name = database->name;
+    std::tie(printerSection, printerSize) = std::tie(place.section, place.size);
     return status;
 }
 

@@ -2,11 +2,11 @@
 #include "base/device_state.h"
 
 #include "base/product.h"
+#include "base/service_client.h"
 #include "base/text.h"
 
 #include "product/file_times.h"
 #include "product/guards.h"
-#include "product/object_names.h"
 #include "product/program_client.h"
 #include "product/signal_wait.h"
 
@@ -86,11 +86,7 @@ public:
         m_writes = Writes();
         m_watches = WatchVariable(m_database.handle.Get(), kDeviceVariable, product::kEveryWrite) == Answer::Done;
         if (!m_watches) return;
-        m_written =
-            KernelHandle(OpenEventA(SYNCHRONIZE, FALSE,
-                                    product::VariableEventName(product::MachineIsTerminalServer(), m_database.name,
-                                                               kDeviceVariable, product::VariableSignal::Updated)
-                                        .text));
+        m_written = OpenWrittenEvent(m_database.name, kDeviceVariable);
         m_wait.SetEvent(0, m_written.Get());
     }
     ~DeviceLook() {

@@ -36,12 +36,16 @@ Bytes ServiceDatabase::TryRead(const char* variable) const {
     return ReadWholeValue(m_database.Get(), variable, &value) == Answer::Done ? value : Bytes();
 }
 
+KernelHandle OpenWrittenEvent(const std::string& database, const char* variable) {
+    const product::KernelName name = product::VariableEventName(product::MachineIsTerminalServer(), database, variable,
+                                                                product::VariableSignal::Updated);
+    return KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text));
+}
+
 HANDLE ServiceDatabase::Watch(const char* variable) {
     if (m_written || WatchVariable(m_database.Get(), variable, product::kEveryWrite) != Answer::Done)
         return m_written.Get();
-    const product::KernelName name = product::VariableEventName(product::MachineIsTerminalServer(), m_name, variable,
-                                                                product::VariableSignal::Updated);
-    m_written = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, name.text));
+    m_written = OpenWrittenEvent(m_name, variable);
     return m_written.Get();
 }
 

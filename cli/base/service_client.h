@@ -15,6 +15,9 @@ struct ServiceBinding {
 // Which run of the service answers, as text; empty when none does.
 std::string RunningInstance();
 
+// The event that each write of the variable pulses while it is watched; null when nobody watches it.
+KernelHandle OpenWrittenEvent(const std::string& database, const char* variable);
+
 // A printer's database as the service has it open for this process.
 class ServiceDatabase {
 public:

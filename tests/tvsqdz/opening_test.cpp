@@ -173,6 +173,43 @@ TEST_F(Opening, DesktopAgentIsStartedOnceAndWhereThereIsADesktop) {
     DestroyWindow(window);
 }
 
+TEST_F(PrinterLists, APrintersDatabaseIsOpenedWithTheListIfItIsReady) {
+    const auto handles = [&] {
+        product::DatabaseInfo info = {};
+        EXPECT_EQ(GetDatabaseInfo(record->printerDatabase, &info), Answer::Done);
+        return info.openHandles;
+    };
+    ASSERT_EQ(handles(), 1u);
+    const TvsManager second = OpenPrinter();
+    EXPECT_EQ(handles(), 2u);
+    EXPECT_EQ(CloseManager(second), TVS_OK);
+    EXPECT_EQ(handles(), 1u);
+
+    Store(ListOf({Entry(1, kPrinter), Entry(7, "Not made"), Entry(8, "Half made")}));
+    DatabaseHandle half = 0;
+    ASSERT_EQ(CreateDatabase("TVORSQD_DB8", &half), Answer::Done);
+    for (const auto& [printer, database] : {std::pair(kPrinter.c_str(), "TVORSQD_DB1"),
+                                            std::pair("Not made", ""),
+                                            std::pair("Half made", ""),
+                                            std::pair("Not listed", "")}) {
+        SCOPED_TRACE(printer);
+        EnteredPrinter entered;
+        EXPECT_EQ(EnterPrinter(printer, &entered), Answer::Done);
+        EXPECT_NE(entered.master.handle, 0u);
+        EXPECT_STREQ(entered.name, database);
+        EXPECT_EQ(entered.printer.handle != 0, *database != '\0');
+        for (const EnteredDatabase& each : {entered.master, entered.printer}) {
+            PublishedPlace place = {};
+            if (each.handle == 0 || !OnTheLayer()) continue;
+            EXPECT_EQ(FindPublishedValues(each.handle, &place), Answer::Done);
+            EXPECT_STREQ(each.place.section.text, place.section.text);
+            EXPECT_STREQ(each.place.life.text, place.life.text);
+            EXPECT_EQ(each.place.size, place.size);
+        }
+        EXPECT_EQ(CloseDatabases(entered.master.handle, entered.printer.handle), Answer::Done);
+    }
+}
+
 TEST_F(PrinterLists, GrowsAndKeepsItsNumbers) {
     AddPrinter("Back office", kModel);
     AddPrinter("front desk", kModel); // another printer than "Front desk"

@@ -91,6 +91,7 @@ void WritePrinterName(ManagerRecord* manager) {
 } // namespace
 
 Status ObtainPrinterDatabase(ManagerRecord* manager) {
+    if (manager->printerDatabase.handle != 0) return TVS_OK; // was there when the list was opened
     EnteredDatabase database;
     if (CreateOrOpenDatabase(manager->databaseName, &database) != Answer::Done) return TVS_E_UNAVAILABLE;
     TakeDatabase(manager->printerDatabase, database);

@@ -7,6 +7,7 @@
 #include "product/guards.h"
 #include "product/interface.h"
 #include "product/object_names.h"
+#include "product/printer_list.h"
 
 namespace {
 
@@ -127,13 +128,12 @@ bool AwaitInitialised(const char* name, bool toldBefore) {
     return told;
 }
 
-} // namespace
-
-Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered) {
+template <typename Enter> // Answer()
+Answer EnterWhenInitialised(const char* name, Enter enter) {
     const DWORD start = GetTickCount();
     bool told = false;
     for (int attempt = 0; attempt < kAttempts;) {
-        const Answer answer = EnterDatabase(name, entered);
+        const Answer answer = enter();
         if (answer == Answer::UnknownDatabase) {
             ++attempt;
             continue;
@@ -144,4 +144,14 @@ Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered) {
         told = AwaitInitialised(name, told);
     }
     return Answer::UnknownDatabase;
+}
+
+} // namespace
+
+Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered) {
+    return EnterWhenInitialised(name, [&] { return EnterDatabase(name, entered); });
+}
+
+Answer CreateOrOpenMaster(const char* printerName, EnteredPrinter* entered) {
+    return EnterWhenInitialised(product::kMasterDatabase, [&] { return EnterPrinter(printerName, entered); });
 }

@@ -23,3 +23,5 @@ bool RestartStatusService9x();
 // open; when it was created, the caller initialises the database and calls EndDatabaseInitialization. Any other answer:
 // there is no handle.
 Answer CreateOrOpenDatabase(const char* name, EnteredDatabase* entered);
+// The same of the database that has the printer list; with the printer's, if it is there and ready.
+Answer CreateOrOpenMaster(const char* printerName, EnteredPrinter* entered);

@@ -183,18 +183,23 @@ bool MakeList(ManagerRecord* manager, const FormerPlace* former) {
 } // namespace
 
 bool AttachPrinterDatabase(ManagerRecord* manager, const FormerPlace* former) {
-    EnteredDatabase master;
-    const Answer answer = CreateOrOpenDatabase(product::kMasterDatabase, &master);
+    EnteredPrinter entered;
+    const Answer answer = CreateOrOpenMaster(manager->printerName, &entered);
     if (answer != Answer::Done) return Fail(answer);
+    const auto& [master, printer, name] = entered;
     TakeDatabase(manager->masterDatabase, master);
     manager->serviceInstance = master.instance;
     if (!(master.created ? MakeList(manager, former) : FindOrAddPrinter(manager, former))) {
         const DWORD reason = GetLastError(); // the close may change it
-        CloseDatabase(master.handle);
+        CloseDatabases(master.handle, printer.handle);
         manager->masterDatabase.handle = 0;
         SetLastError(reason);
         return false;
     }
+    if (printer.handle != 0 && strcmp(name, manager->databaseName) == 0)
+        TakeDatabase(manager->printerDatabase, printer);
+    else if (printer.handle != 0)
+        CloseDatabase(printer.handle);
     if (manager->ownerProcessId != 0) AddKindBits(kOwnerKindBit);
     if (WantsOwnership(manager, former) && manager->ownerProcessId == GetCurrentProcessId())
         manager->flags |= ManagerOwnsPrinter;

@@ -8,7 +8,6 @@
 #include "base/memory.h"
 #include "machine/process_state.h"
 #include "manager/manager_database.h"
-#include "product/file_times.h"
 #include "product/guards.h"
 #include "product/linked_list.h"
 #include "product/service_life.h"
@@ -321,8 +320,7 @@ Answer GetVariableInfo(const ManagerDatabase& database, const char* name, produc
     PublishedState state;
     if (!FindPublishedState(database, name, &state))
         return Made(database, [&](DatabaseHandle handle) { return GetVariableInfo(handle, name, info); });
-    const DWORD writes = static_cast<DWORD>(state.writes) + static_cast<DWORD>(state.writes >> 32);
-    *info = {state.type, state.size, writes, product::ToSystemTime(state.writeTime)};
+    *info = product::ToVariableInfo(state);
     return Answer::Done;
 }
 

@@ -51,10 +51,13 @@ constexpr DWORD kLooks = 12; // for the next service, after one has told that it
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust), m_wait(registration.thread.stopEvent) {
     WaitForStarted();
-    do {
+    if (most <= 1) m_variables = reinterpret_cast<Watched*>(m_one);
+    while (m_variables == nullptr) {
         m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));
-    } while (m_variables == nullptr &&
-             WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT);
+        if (m_variables == nullptr &&
+            WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) != WAIT_TIMEOUT)
+            break;
+    }
 }
 
 // Another event than the last one when the system has lost all names.
@@ -67,7 +70,7 @@ void Watcher::WaitForStarted() {
 Watcher::~Watcher() {
     for (DWORD k = 0; k < m_count; ++k)
         m_variables[k].~Watched();
-    FreeBlock(m_variables);
+    if (m_variables != reinterpret_cast<Watched*>(m_one)) FreeBlock(m_variables);
 }
 
 Watcher::Told Watcher::ToTold(const Watched& watched, const product::PublishedState& state) {
@@ -119,6 +122,7 @@ void Watcher::TellByWaiter(DWORD number, const NotificationEntry& entry) {
 
 void Watcher::BeginStep(Watched& watched) {
     if (watched.entry == nullptr || !watched.watch.IsWhole()) return;
+    m_wait.Share();
     watched.step =
         product::StepInWait(reinterpret_cast<HANDLE>(watched.entry->target), watched.watch.Event(), &Step, &watched);
 }
@@ -198,7 +202,7 @@ bool Watcher::AwaitNews(DWORD pause) {
     for (;;) {
         const bool idle = pause == kNoLook;
         const bool isTold = m_isWhole && m_looks == 0 && m_started; // of all that may happen
-        const DWORD limit = isTold ? g_timings.serviceLook : g_timings.watchRetry;
+        const DWORD limit = isTold ? m_serviceLook : g_timings.watchRetry;
         const product::Woken woken = m_wait.Wait(IsLost() ? 0 : std::min(pause, limit));
         switch (woken) {
         case product::Woken::Stopped:

@@ -142,6 +142,9 @@ private:
     DWORD m_looks = 0; // for a new service, that follow soon
     product::SignalWait m_wait;
     DWORD m_count = 0;
-    bool m_isWhole = true;          // all watches are
-    Watched* m_variables = nullptr; // m_count of them, in a block of the heap: few watch many
+    bool m_isWhole = true; // all watches are
+    // A copy beside what each wait needs: after a pause every other page costs the watcher as much as all of its code.
+    const DWORD m_serviceLook = g_timings.serviceLook;
+    Watched* m_variables = nullptr; // m_count of them: m_one, or in a block of the heap since few watch many
+    alignas(Watched) BYTE m_one[sizeof(Watched)];
 };

@@ -216,7 +216,7 @@ void Take(Followed& printer, Watched& watched, StoredValue stored, std::vector<C
     const uint64_t count = isNew ? 1 : ChangesBetween(before, stored.seen, same);
     const std::optional<Value> old = count != 0 && !isNew ? std::optional(value) : std::nullopt;
     if (!same) Describe(value, printer, *watched.variable, std::move(bytes));
-    value.writes = static_cast<DWORD>(stored.seen.writes) + (stored.seen.writes >> 32);
+    value.writes = product::WriteCount(stored.seen.writes);
     value.writtenMs = UnixMs(stored.writeTime);
     if (count == 0 || printer.shown == nullptr) return;
     // The count of a composite is the sum of its members'.

@@ -15,7 +15,7 @@ struct Timings {
     // Between two attempts to get a named mutex, since a killed owner wakes nobody: the first interval, and the
     // longest. They grow with the wait (kernel/wait.cpp).
     uint32_t mutexFirstLook = 1;
-    uint32_t mutexLook = 6;
+    uint32_t mutexLook = 4;
     // While another process writes to the registry.
     uint32_t registryBusy = 5000;
     // RPC: until a connection is accepted or a bind is answered; from the first to the last byte of a message; for a

@@ -93,6 +93,12 @@ struct PublishedState {
     bool watched; // by anybody, either event
 };
 
+// `writes` as the service counts them (VariableInfo).
+inline DWORD WriteCount(ULONGLONG writes) {
+    return static_cast<DWORD>(writes) + static_cast<DWORD>(writes >> 32);
+}
+VariableInfo ToVariableInfo(const PublishedState& state);
+
 enum class PublishedRead {
     Done,
     TooSmall, // the buffer holds nothing of the value; the state counts

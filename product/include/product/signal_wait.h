@@ -38,12 +38,15 @@ public:
     SignalWait(const SignalWait&) = delete;
     SignalWait& operator=(const SignalWait&) = delete;
 
-    // Other threads than the one that waits may take signals too, in turn. While one has the turn no wait begins, so a
-    // wait misses nothing of what that thread took and gave back.
+    // Other threads than the one that waits may take signals too, in turn, once that one has shared the wait. While one has
+    // the turn no wait begins, so a wait misses nothing of what that thread took and gave back.
+    void Share() { m_isShared = true; }
     struct IfFree {};
     class Turn {
     public:
-        explicit Turn(SignalWait& wait) : m_wait(wait), held(true) { EnterCriticalSection(&wait.m_turn); }
+        explicit Turn(SignalWait& wait) : m_wait(wait), held(wait.m_isShared) {
+            if (held) EnterCriticalSection(&wait.m_turn);
+        }
         // Without a wait for it: see held.
         Turn(SignalWait& wait, IfFree) : m_wait(wait), held(TryEnterCriticalSection(&wait.m_turn) != FALSE) {}
         ~Turn() {
@@ -72,6 +75,7 @@ private:
     DWORD Gather(HANDLE* handles, DWORD* positions) const;
 
     CRITICAL_SECTION m_turn; // for all that follows
+    bool m_isShared = false; // of the thread that waits
     HANDLE m_handles[1 + kEventsMax];
     DWORD m_positions[1 + kEventsMax] = {};
     DWORD m_count = 1; // of the handles
