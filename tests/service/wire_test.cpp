@@ -26,7 +26,8 @@ std::vector<Request> GoodRequests(DWORD handle) {
             {18, BodyOf("Refresh:x")},
             {2, BodyOf(handle)},
             {22, BodyOf(handle, handle)},
-            {23, BodyOf(handle, "All")}};
+            {23, BodyOf(handle, "All")},
+            {24, BodyOf("x")}};
 }
 
 } // namespace
@@ -59,7 +60,7 @@ TEST(Wire, BodiesThatCannotBeReadRaiseBadStubDataAndNoneDisturbsTheService) {
     EXPECT_EQ(CallRaw(9, BodyOf(again.handle, "Value", Bytes{7}, 2u)).fault, RPC_X_BAD_STUB_DATA);
     EXPECT_EQ(CallRaw(10, BodyOf(again.handle, "Value", kValueSizeMax + 1)).fault, RPC_X_BAD_STUB_DATA);
     EXPECT_EQ(again.Value("Value"), (Bytes{1, 2, 3}));
-    for (const UINT procedure : {5u, 6u, 11u, 13u, 17u, 24u, 4711u})
+    for (const UINT procedure : {5u, 6u, 11u, 13u, 17u, 25u, 4711u})
         EXPECT_EQ(CallRaw(procedure, Number(again.handle)).fault, RPC_S_PROCNUM_OUT_OF_RANGE) << procedure;
     for (const auto& [procedure, body] : GoodRequests(again.handle)) {
         const auto answers = [&procedure = procedure, &body = body](size_t at, const Bytes& bytes) {

@@ -28,6 +28,7 @@ struct Channel {
     Buffer in;
     size_t received = 0; // bytes in `in`
     size_t consumed = 0; // of these, consumed by the last Receive
+    int64_t answered = 0; // on a client: when it had the last answer (MonotonicNs)
     uint16_t largestSent = kSmallestFragment;
     uint16_t largestReceived = kLargestFragment;
     // Bytes in the buffers of all channels of the peer's user, and their limit; null on a client.

@@ -14,10 +14,13 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace oriel::rpc {
 namespace {
+
+constexpr suseconds_t kLongestReceiveUs = 20'000;
 
 RPC_STATUS FromErrno(int error, RPC_STATUS otherwise) {
     switch (error) {
@@ -119,6 +122,9 @@ RPC_STATUS ConnectToEndpoint(const std::string& name, int64_t deadline, int& soc
         return RPC_S_SERVER_UNAVAILABLE;
     // A server that accepts nothing of a request for so long has stopped; it cannot have executed the call.
     SetSendTime(stream.Get(), g_timings.rpcSend);
+    // Who waits in recv() for an answer comes to its deadline soon enough.
+    const timeval look{0, kLongestReceiveUs};
+    setsockopt(stream.Get(), SOL_SOCKET, SO_RCVTIMEO, &look, sizeof look);
     socket = stream.Release();
     return RPC_S_OK;
 }
