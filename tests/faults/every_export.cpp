@@ -3,7 +3,9 @@
 #include <tvsqdz.h>
 #include <windows.h>
 
-#include <string>
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -83,13 +85,14 @@ void Register(TvsManager manager, HANDLE event, HWND window) {
 } // namespace
 
 int main(int, char** arguments) {
-    const std::string printer = arguments[1];
-    const std::u16string wide(printer.begin(), printer.end());
+    const char* printer = arguments[1];
+    char16_t wide[64] = {}; // not on the heap: what fails is the library's
+    std::copy_n(printer, std::min(std::strlen(printer), std::size(wide) - 1), wide);
     TvsManager managers[4] = {};
-    OpenManagerA(printer.c_str(), nullptr, &managers[0]);
-    OpenManagerW(wide.c_str(), nullptr, &managers[1]);
-    OpenManagerExA(printer.c_str(), "\\\\.\\kptmon", TVS_KIND_OWNER, &managers[2]);
-    OpenManagerExW(wide.c_str(), nullptr, TVS_KIND_POLLING, &managers[3]);
+    OpenManagerA(printer, nullptr, &managers[0]);
+    OpenManagerW(wide, nullptr, &managers[1]);
+    OpenManagerExA(printer, "\\\\.\\kptmon", TVS_KIND_OWNER, &managers[2]);
+    OpenManagerExW(wide, nullptr, TVS_KIND_POLLING, &managers[3]);
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     WNDCLASSEXA windowClass = {};
     windowClass.cbSize = sizeof windowClass;

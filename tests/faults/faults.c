@@ -124,18 +124,33 @@ __attribute__((destructor)) static void Tell(void) {
 
 #pragma GCC visibility push(default) /* the functions that are replaced */
 
-/* Allocations: dlsym itself may allocate, so these go to the C library's own names. */
-extern void* __libc_malloc(size_t);
-extern void* __libc_calloc(size_t, size_t);
-extern void* __libc_realloc(void*, size_t);
-void* malloc(size_t size) {
-    return Fails(k_malloc) ? NULL : __libc_malloc(size);
+/* Allocations, by the next library that has them: a leak checker, or the C library. */
+#define WRAP_ALLOCATION(name, parameters, arguments)                                                                   \
+    void* name parameters {                                                                                            \
+        static void*(*real) parameters;                                                                                \
+        if (real == NULL) real = (void*(*) parameters)Real(#name);                                                     \
+        return Fails(k_##name) ? NULL : real arguments;                                                                \
+    }
+WRAP_ALLOCATION(malloc, (size_t size), (size))
+WRAP_ALLOCATION(calloc, (size_t count, size_t size), (count, size))
+WRAP_ALLOCATION(realloc, (void* block, size_t size), (block, size))
+
+/* operator new, which a leak checker has of its own: throwing, and with std::nothrow. */
+extern void _ZSt17__throw_bad_allocv(void) __attribute__((weak));
+void* _Znwm(size_t size) {
+    void* block = malloc(size != 0 ? size : 1);
+    if (block == NULL) _ZSt17__throw_bad_allocv();
+    return block;
 }
-void* calloc(size_t count, size_t size) {
-    return Fails(k_calloc) ? NULL : __libc_calloc(count, size);
+void* _Znam(size_t size) {
+    return _Znwm(size);
 }
-void* realloc(void* block, size_t size) {
-    return Fails(k_realloc) ? NULL : __libc_realloc(block, size);
+void* _ZnwmRKSt9nothrow_t(size_t size, const void* nothrow) {
+    (void)nothrow;
+    return malloc(size != 0 ? size : 1);
+}
+void* _ZnamRKSt9nothrow_t(size_t size, const void* nothrow) {
+    return _ZnwmRKSt9nothrow_t(size, nothrow);
 }
 
 #define WRAP(result, name, failed, parameters, arguments)                                                              \
