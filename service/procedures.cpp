@@ -146,7 +146,8 @@ LONG Serve(Row<kEnterDatabase>, const Caller& caller, std::string_view name, DWO
 LONG Serve(Row<kEnterPrinter>, const Caller& caller, std::string_view printer, DWORD& master, DWORD& created,
            ServiceInstance& instance, std::string_view& section, DWORD& size, std::string_view& life, DWORD& handle,
            std::string_view& name, std::string_view& printerSection, DWORD& printerSize) {
-    const LONG status = Serve(Row<kEnterDatabase>{}, caller, kMasterDatabase, master, created, instance, section, size, life);
+    const LONG status =
+        Serve(Row<kEnterDatabase>{}, caller, kMasterDatabase, master, created, instance, section, size, life);
     Database* database = status == kDone && !created ? DatabaseOfPrinter(printer) : nullptr;
     if (!database || Open(caller, database->name, handle, database) != kDone) return status;
     const Place place{*database};

@@ -1,8 +1,8 @@
 // Registrations: what is watched by whom, what is delivered, what is refused.
 #include "campaign.h"
 #include "manager/variables.h"
-#include "notification_kit.h"
 #include "not_here.h"
+#include "notification_kit.h"
 #include "notify/registrations.h"
 #include "product/object_names.h"
 

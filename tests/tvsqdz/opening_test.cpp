@@ -188,10 +188,8 @@ TEST_F(PrinterLists, APrintersDatabaseIsOpenedWithTheListIfItIsReady) {
     Store(ListOf({Entry(1, kPrinter), Entry(7, "Not made"), Entry(8, "Half made")}));
     DatabaseHandle half = 0;
     ASSERT_EQ(CreateDatabase("TVORSQD_DB8", &half), Answer::Done);
-    for (const auto& [printer, database] : {std::pair(kPrinter.c_str(), "TVORSQD_DB1"),
-                                            std::pair("Not made", ""),
-                                            std::pair("Half made", ""),
-                                            std::pair("Not listed", "")}) {
+    for (const auto& [printer, database] : {std::pair(kPrinter.c_str(), "TVORSQD_DB1"), std::pair("Not made", ""),
+                                            std::pair("Half made", ""), std::pair("Not listed", "")}) {
         SCOPED_TRACE(printer);
         EnteredPrinter entered;
         EXPECT_EQ(EnterPrinter(printer, &entered), Answer::Done);

@@ -17,9 +17,10 @@ struct FormerPlace {
 
 // Finds the manager's printer in the list or adds it; creates the master database and the list when the machine has
 // none. The caller holds the database mutex and has set printerName and clientKind. On success masterDatabase is open,
-// printerDatabase too if it was there and ready, and serviceInstance, databaseName, printerIndex, ownerProcessId and, if
-// known, driverName are set; a client of kind 6 has become the owner if there was none (ManagerOwnsPrinter). On failure
-// nothing is open, and the last error is the service's answer that was the reason, or 0. An owner that was killed is none.
+// printerDatabase too if it was there and ready, and serviceInstance, databaseName, printerIndex, ownerProcessId and,
+// if known, driverName are set; a client of kind 6 has become the owner if there was none (ManagerOwnsPrinter). On
+// failure nothing is open, and the last error is the service's answer that was the reason, or 0. An owner that was
+// killed is none.
 //
 // former: null at an open. A manager that had a place may add its printer whatever its kind, gets its former number if
 // that is free, and becomes the owner only if it was the owner.

@@ -123,9 +123,9 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
     if (channel.received >= need) return Transfer::Done;
     if (!Reserve(channel, channel.in, need)) return Transfer::NoMemory;
     want = std::min(want, channel.in.capacity);
-    // A client waits in poll(): in recv() it would also be woken when the server takes the request, for nothing and at the
-    // worst moment. In calls that follow each other it is still awake then, and recv() is faster. A server's thread, which
-    // has no deadline, is woken no later for it.
+    // A client waits in poll(): in recv() it would also be woken when the server takes the request, for nothing and at
+    // the worst moment. In calls that follow each other it is still awake then, and recv() is faster. A server's
+    // thread, which has no deadline, is woken no later for it.
     const bool follows = channel.answered != 0 && MonotonicNs() - channel.answered < kFollowsNs;
     bool polls = deadline != kNever && !follows;
     while (channel.received < need) {
@@ -135,8 +135,8 @@ Transfer Fill(Channel& channel, size_t need, size_t want, int64_t& deadline) {
         }
         pollfd input{channel.socket, POLLIN, 0};
         if (polls) poll(&input, 1, LeftMs(deadline));
-        const ssize_t count = recv(channel.socket, channel.in.data + channel.received, want - channel.received,
-                                   polls ? MSG_DONTWAIT : 0);
+        const ssize_t count =
+            recv(channel.socket, channel.in.data + channel.received, want - channel.received, polls ? MSG_DONTWAIT : 0);
         polls = true;
         if (count > 0) {
             channel.received += static_cast<size_t>(count);

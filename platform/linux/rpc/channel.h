@@ -26,8 +26,8 @@ struct Channel {
     int socket = -1;
     Buffer out;
     Buffer in;
-    size_t received = 0; // bytes in `in`
-    size_t consumed = 0; // of these, consumed by the last Receive
+    size_t received = 0;  // bytes in `in`
+    size_t consumed = 0;  // of these, consumed by the last Receive
     int64_t answered = 0; // on a client: when it had the last answer (MonotonicNs)
     uint16_t largestSent = kSmallestFragment;
     uint16_t largestReceived = kLargestFragment;

@@ -83,8 +83,8 @@ struct EnteredDatabase {
 // Opens the database, or creates it, restarting the service as CreateDatabase does. By the single calls where the
 // service has no such procedure. *entered is empty on failure.
 Answer EnterDatabase(const char* name, EnteredDatabase* entered);
-// The same of the database that has the printer list, and with it the printer's where the list has one that is ready. Else,
-// and where the service has no such procedure, its handle is 0.
+// The same of the database that has the printer list, and with it the printer's where the list has one that is ready.
+// Else, and where the service has no such procedure, its handle is 0.
 struct EnteredPrinter {
     EnteredDatabase master;
     EnteredDatabase printer;

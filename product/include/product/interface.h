@@ -228,8 +228,8 @@ PROCEDURE(22, LeaveDatabases, (u32 first, u32 second), ());
 // or be taken where others are not ("PrinterName", the printer list).
 PROCEDURE(23, MayWrite, (u32 handle, text name), ());
 
-// All that an open needs: EnterDatabase for the database of the printer list, and OpenDatabase for the database that the
-// list has for that printer. Its handle is 0, and all after it empty, when there is none that is ready.
+// All that an open needs: EnterDatabase for the database of the printer list, and OpenDatabase for the database that
+// the list has for that printer. Its handle is 0, and all after it empty, when there is none that is ready.
 PROCEDURE(24, EnterPrinter, (text printer),
           (u32 master, u32 created, ServiceInstance instance, text section, u32 size, text life, u32 handle, text name,
            text printerSection, u32 printerSize));

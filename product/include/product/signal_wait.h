@@ -38,8 +38,8 @@ public:
     SignalWait(const SignalWait&) = delete;
     SignalWait& operator=(const SignalWait&) = delete;
 
-    // Other threads than the one that waits may take signals too, in turn, once that one has shared the wait. While one has
-    // the turn no wait begins, so a wait misses nothing of what that thread took and gave back.
+    // Other threads than the one that waits may take signals too, in turn, once that one has shared the wait. While one
+    // has the turn no wait begins, so a wait misses nothing of what that thread took and gave back.
     void Share() { m_isShared = true; }
     struct IfFree {};
     class Turn {
