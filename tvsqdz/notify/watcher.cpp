@@ -51,13 +51,14 @@ constexpr DWORD kLooks = 12; // for the next service, after one has told that it
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust), m_wait(registration.thread.stopEvent) {
     WaitForStarted();
-    if (most <= 1) m_variables = reinterpret_cast<Watched*>(m_one);
-    while (m_variables == nullptr) {
-        m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));
-        if (m_variables == nullptr &&
-            WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) != WAIT_TIMEOUT)
-            break;
+    if (most <= 1) {
+        m_variables = reinterpret_cast<Watched*>(m_one);
+        return;
     }
+    do {
+        m_variables = static_cast<Watched*>(AllocateZeroed(SIZE_T{most} * sizeof(Watched)));
+    } while (m_variables == nullptr &&
+             WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT);
 }
 
 // Another event than the last one when the system has lost all names.

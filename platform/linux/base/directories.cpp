@@ -11,6 +11,7 @@
 #include <cstring>
 #include <errhandlingapi.h>
 #include <fcntl.h>
+#include <memory>
 #include <oriel_directories.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -132,8 +133,8 @@ void Choose(Directory& directory, const char* variable, Scope scope, const char*
 }
 
 Directories& Find() {
-    // Never destroyed: threads may outlive main().
-    auto& found = *new Directories;
+    auto directories = std::make_unique<Directories>();
+    Directories& found = *directories;
     const std::string users = UsersDirectory("XDG_RUNTIME_DIR", nullptr, "/tmp/oriel-");
     found.scope = FindScope(users);
     Choose(found.state, "ORIEL_STATE_DIR", found.scope, kSystemState,
@@ -141,7 +142,7 @@ Directories& Find() {
     Choose(found.runtime, "ORIEL_RUNTIME_DIR", found.scope, kSystemRuntime, users);
     if (found.state.named || found.runtime.named) found.scope = Scope::Named;
     g_found = true;
-    return found;
+    return *directories.release(); // never destroyed: threads may outlive main()
 }
 
 Directories& Found() {
