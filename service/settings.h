@@ -33,7 +33,6 @@ inline constexpr DWORD kVariablesPerDatabase = 2048;
 // The writer's own call pulses an event of up to so many watches. Waking more would delay its reply, so the thread of
 // the signals does it.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
-inline constexpr int kYieldsToWriter = 50; // some 20 us
 
 // Tries of a reader before it takes the writer's lock, where it waits only for the writers in front of it.
 inline constexpr int kReadTries = 64;

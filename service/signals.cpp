@@ -85,10 +85,6 @@ DWORD WINAPI SignalThread(LPVOID) {
     const HANDLE handles[] = {g_stop, g_queueChanged};
     for (;;) {
         if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0) return 0; // until the service stops
-        // The writer has been woken by its reply, but may wait for a processor. Those that are woken here would stand
-        // in front of it.
-        for (int i = 0; i < kYieldsToWriter; ++i)
-            Sleep(0);
         while (Signal* owed = TakeOwed())
             ServeOwed(*owed);
     }

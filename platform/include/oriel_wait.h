@@ -17,7 +17,8 @@ WINBASE_BEGIN
 WINBASEAPI BOOL WINAPI OrielEventPosition(HANDLE event, DWORD* position, BOOL* isSet);
 
 /* As WaitForMultipleObjects for any of the objects, but a manual-reset event also releases the wait when it does not
- * stand at positions[i] any more. positions[i] is ORIEL_FROM_NOW for all other objects, else ERROR_INVALID_PARAMETER.
+ * stand at positions[i] any more, and of several objects any one may be returned. positions[i] is ORIEL_FROM_NOW for
+ * all other objects, else ERROR_INVALID_PARAMETER.
  *
  *     DWORD position;
  *     OrielEventPosition(event, &position, &isSet);    // first, then look at what the event tells

@@ -16,16 +16,21 @@ void Watch::Begin(const NotificationRegistration& registration, const char* vari
     // Before the name and the watch: when the service changes in between, the watch counts as lost.
     m_database = PrinterDatabaseOf(registration).handle;
     const DatabaseNameText database = CurrentDatabaseName(registration.thread.manager);
+    // The former event last: as long as one has it, to open it again takes no call.
+    const KernelHandle former(m_event);
     m_event = CreateNamedEvent(product::VariableEventName(g_terminalServer, database.text, variableName, signal));
     m_isWatched = WatchVariable(m_database, variableName, mode) == Answer::Done;
 }
 
-// With the handle with which it was made: a later service counts the watches of others under that name.
+// A watch that is lost ended with its handle.
 void Watch::End() {
-    if (m_isWatched) UnwatchVariable(m_database, m_variable);
-    if (m_event != nullptr) CloseHandle(m_event);
+    if (m_isWatched && !IsLost()) UnwatchVariable(m_database, m_variable);
     m_isWatched = false;
-    m_event = nullptr;
+}
+
+Watch::~Watch() {
+    End();
+    if (m_event != nullptr) CloseHandle(m_event);
 }
 
 void Watch::Renew() {

@@ -24,7 +24,7 @@
 class Watch {
 public:
     Watch() = default;
-    ~Watch() { End(); }
+    ~Watch();
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 

@@ -17,7 +17,7 @@ void TellWrites(const NotificationRegistration& registration, CallbackValue* val
         if ((entry.mode & NOTIFY_DELEGATED) != 0) continue;
         watcher.Add(entry.variableName,
                     (entry.mode & NOTIFY_ON_UPDATE) != 0 ? product::kEveryWrite : product::kOnlyChanges);
-        watcher.TellByWaiter(count, entry);
+        if (value == nullptr) watcher.TellByWaiter(count, entry);
         entryOf[count++] = i;
     }
     ThreadHasBegun(registration.thread);
@@ -32,14 +32,17 @@ void TellWrites(const NotificationRegistration& registration, CallbackValue* val
 }
 
 // The same for one variable, whose changes alone are told.
-template <typename Tell> // void()
-void TellChanges(const NotificationRegistration& registration, Tell tell) {
+void TellChanges(const NotificationRegistration& registration, CallbackValue* value) {
+    const NotificationEntry& entry = registration.entries[0];
     Watcher watcher(registration, 1);
-    watcher.Add(registration.entries[0].variableName, product::kOnlyChanges);
-    watcher.TellByWaiter(0, registration.entries[0]);
+    watcher.Add(entry.variableName, product::kOnlyChanges);
+    if (value == nullptr) watcher.TellByWaiter(0, entry);
     ThreadHasBegun(registration.thread);
     watcher.Run([&](DWORD) {
-        tell();
+        if (value == nullptr)
+            Deliver(entry);
+        else
+            CallBackWithValue(registration, entry, registration.callbackIndex, *value);
         return kNoLook;
     });
 }
@@ -58,15 +61,13 @@ DWORD WINAPI ChangeCallbackWatch(void* parameter) {
 }
 
 DWORD WINAPI VariableWatch(void* parameter) {
-    const NotificationRegistration& registration = RegistrationOf(parameter);
-    TellChanges(registration, [&] { Deliver(registration.entries[0]); });
+    TellChanges(RegistrationOf(parameter), nullptr);
     return kWatchEnded;
 }
 
 DWORD WINAPI VariableCallbackWatch(void* parameter) {
     const NotificationRegistration& registration = RegistrationOf(parameter);
-    const NotificationEntry& entry = registration.entries[0];
-    CallbackValue value(entry.valueSize == 0);
-    TellChanges(registration, [&] { CallBackWithValue(registration, entry, registration.callbackIndex, value); });
+    CallbackValue value(registration.entries[0].valueSize == 0);
+    TellChanges(registration, &value);
     return kWatchEnded;
 }

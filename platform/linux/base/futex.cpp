@@ -76,13 +76,15 @@ Awake SleepOnOne(const SleepPoint& point, int64_t deadline) {
 }
 
 template <uint32_t most>
-[[gnu::noinline]] Awake SleepOnUpTo(const SleepPoint* points, uint32_t count, int64_t deadline) {
+[[gnu::noinline]] Awake SleepOnUpTo(const SleepPoint* points, uint32_t count, int64_t deadline, uint32_t* woken) {
     futex_waitv words[most];
     for (uint32_t i = 0; i < count; ++i)
         words[i] = {points[i].value, reinterpret_cast<uintptr_t>(points[i].word),
                     FUTEX_32 | static_cast<uint32_t>(FutexFlags(points[i].shared)), 0};
     const timespec end = ToTimespec(deadline);
-    return Outcome(syscall(SYS_futex_waitv, words, count, 0, deadline == kNever ? nullptr : &end, CLOCK_MONOTONIC));
+    const long result = syscall(SYS_futex_waitv, words, count, 0, deadline == kNever ? nullptr : &end, CLOCK_MONOTONIC);
+    if (result >= 0 && woken != nullptr) *woken = static_cast<uint32_t>(result);
+    return Outcome(result);
 }
 
 bool ChangeAndWakeAll(Word& word, uint32_t operation, uint32_t operand, bool shared) {
@@ -103,11 +105,11 @@ int64_t DeadlineAfter(DWORD milliseconds) {
     return milliseconds == 0xFFFFFFFFU ? kNever : MonotonicNs() + milliseconds * kNsPerMs;
 }
 
-Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline) {
+Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline, uint32_t* woken) {
     if (count == 1) return SleepOnOne(points[0], deadline);
     if (HaveWaitv())
-        return count <= kFewSleepPoints ? SleepOnUpTo<kFewSleepPoints>(points, count, deadline)
-                                        : SleepOnUpTo<kMaxSleepPoints>(points, count, deadline);
+        return count <= kFewSleepPoints ? SleepOnUpTo<kFewSleepPoints>(points, count, deadline, woken)
+                                        : SleepOnUpTo<kMaxSleepPoints>(points, count, deadline, woken);
     // No futex_waitv. The end of a slice is reported as Look, so that the caller looks at all objects.
     for (uint32_t i = 1; i < count; ++i)
         if (points[i].word->load() != points[i].value) return Awake::Look;

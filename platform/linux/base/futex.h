@@ -36,8 +36,9 @@ enum class Awake {
     TimedOut,
     Failed, // a word cannot be read: its file was truncated
 };
-// Sleeps until one of the words changes, it is woken, or the deadline passes. At most kMaxSleepPoints points.
-Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline);
+// Sleeps until one of the words changes, it is woken, or the deadline passes. At most kMaxSleepPoints points. woken:
+// gets the index of the point that ended the sleep, and stays as it is when that is not known.
+Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline, uint32_t* woken = nullptr);
 
 // Wakes the threads that sleep on the word, without a change of it.
 void WakeAll(Word& word, bool shared);

@@ -156,6 +156,11 @@ void UnpinHandle(const HandlePin& pin) {
     if ((before & kOpen) == 0 && (before & kPinMask) == 1) Retire(pin.slot, slot);
 }
 
+void PrefetchPin(const HandlePin& pin) {
+    __builtin_prefetch(SlotAt(pin.slot), 1);
+    __builtin_prefetch(pin.object);
+}
+
 bool MapRights(DWORD asked, const RightsMap& map, DWORD* rights) {
     constexpr DWORD kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
     *rights = asked & ~(kGeneric | MAXIMUM_ALLOWED);

@@ -32,6 +32,7 @@ struct WaitPoint {
     uint32_t value = 0;
     bool shared = false;
     bool begun = false; // `first` is set
+    bool from = false;  // it was set by the caller, as an event's position
     uint32_t first = 0; // the word when the wait began, or where it is to begin
     bool looks = false; // now and then also without a wake-up (Timings.mutexLook)
     // The signal whose step the wait does meanwhile (OrielStepInWait), with a reference, and the word that was last
@@ -94,6 +95,8 @@ struct HandlePin {
 };
 HandlePin PinHandle(HANDLE handle);
 void UnpinHandle(const HandlePin& pin);
+// Fetches what UnpinHandle, and a look at the object, will need.
+void PrefetchPin(const HandlePin& pin);
 
 // True when the pin has an object of this type and all rights asked for; else false with ERROR_INVALID_HANDLE or
 // ERROR_ACCESS_DENIED.
