@@ -33,6 +33,9 @@ inline constexpr DWORD kVariablesPerDatabase = 2048;
 // The writer's own call pulses an event of up to so many watches. Waking more would delay its reply, so the thread of
 // the signals does it.
 inline constexpr DWORD kWatchesPulsedAtOnce = 8;
+// Before it does so again within kBurstMs, it lets whoever wants to write do so: one wake then tells of several writes.
+inline constexpr DWORD kBurstMs = 10;
+inline constexpr int kYieldsInBurst = 50; // some 20 us
 
 // Tries of a reader before it takes the writer's lock, where it waits only for the writers in front of it.
 inline constexpr int kReadTries = 64;

@@ -83,8 +83,11 @@ void ServeOwed(Signal& signal) {
 
 DWORD WINAPI SignalThread(LPVOID) {
     const HANDLE handles[] = {g_stop, g_queueChanged};
-    for (;;) {
+    for (DWORD last = GetTickCount() - kBurstMs;; last = GetTickCount()) {
         if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0) return 0; // until the service stops
+        const bool isBurst = GetTickCount() - last < kBurstMs;
+        for (int i = 0; isBurst && i < kYieldsInBurst; ++i)
+            Sleep(0);
         while (Signal* owed = TakeOwed())
             ServeOwed(*owed);
     }
