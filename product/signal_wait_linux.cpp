@@ -48,7 +48,42 @@ DWORD SignalWait::Gather(HANDLE* handles, DWORD* positions) const {
     return count;
 }
 
+bool WaitsCanBeRoused() {
+    return true;
+}
+
+void Rouse(HANDLE thread) {
+    OrielRouse(thread);
+}
+
+// Roused without a reason that is seen here counts as a time-out: look at everything.
+Woken SignalWait::WaitLightly(DWORD milliseconds) {
+    DWORD position = 0;
+    {
+        const Turn turn(*this);
+        position = m_positions[1];
+    }
+    const DWORD result = OrielSleepFrom(m_handles[1], position, milliseconds);
+    if (result == WAIT_OBJECT_0) return Woken::Signalled;
+    if (result == WAIT_FAILED) return Woken::Failed;
+    if (m_handles[0] && WaitForSingleObject(m_handles[0], 0) == WAIT_OBJECT_0) return Woken::Stopped;
+    if (!m_started || Position(m_started).at == m_startedPosition) return Woken::TimedOut;
+    SetStarted(m_started);
+    return Woken::Started;
+}
+
 Woken SignalWait::Wait(DWORD milliseconds) {
+    if (m_isToRest) OrielRestThread();
+    m_isToRest = false;
+    const bool isLight = m_isRoused && m_count == 2 && m_handles[1] && m_positions[1] != ORIEL_FROM_NOW;
+    const Woken woken = isLight ? WaitLightly(milliseconds) : WaitForAll(milliseconds);
+    const bool timedOut = woken == Woken::TimedOut;
+    m_isToRest = timedOut && !m_rests;
+    m_rests = timedOut;
+    return woken;
+}
+
+Woken SignalWait::WaitForAll(DWORD milliseconds) {
     HANDLE handles[MAXIMUM_WAIT_OBJECTS];
     DWORD positions[MAXIMUM_WAIT_OBJECTS];
     DWORD count = 0;
@@ -56,15 +91,8 @@ Woken SignalWait::Wait(DWORD milliseconds) {
         const Turn turn(*this);
         count = Gather(handles, positions);
     }
-    if (m_isToRest) OrielRestThread();
-    m_isToRest = false;
     const DWORD result = OrielWaitFrom(count, handles, positions, milliseconds);
-    if (result == WAIT_TIMEOUT) {
-        m_isToRest = !m_rests;
-        m_rests = true;
-        return Woken::TimedOut;
-    }
-    m_rests = false;
+    if (result == WAIT_TIMEOUT) return Woken::TimedOut;
     if (result >= WAIT_OBJECT_0 + count) return Woken::Failed;
     const HANDLE woken = handles[result - WAIT_OBJECT_0];
     if (woken == m_handles[0]) return Woken::Stopped;

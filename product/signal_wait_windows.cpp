@@ -19,6 +19,12 @@ KernelHandle StepInWait(HANDLE, HANDLE, void(WINAPI*)(void*), void*) {
     return {};
 }
 
+bool WaitsCanBeRoused() {
+    return false;
+}
+
+void Rouse(HANDLE) {}
+
 void SignalWait::SetEvent(DWORD number, HANDLE event) {
     while (m_count <= number + 1)
         m_handles[m_count++] = nullptr;

@@ -29,6 +29,18 @@ WINBASEAPI BOOL WINAPI OrielEventPosition(HANDLE event, DWORD* position, BOOL* i
  */
 WINBASEAPI DWORD WINAPI OrielWaitFrom(DWORD count, const HANDLE* objects, const DWORD* positions, DWORD milliseconds);
 
+#define ORIEL_WAIT_ROUSED 0x000000C0U /* the value of WAIT_IO_COMPLETION */
+
+/* A wait for one named manual-reset event, from a position, that costs less at each wake: the thread sleeps on nothing
+ * but the event, so whatever else it has to notice needs an OrielRouse. WAIT_OBJECT_0, WAIT_TIMEOUT, or
+ * ORIEL_WAIT_ROUSED after an OrielRouse of this thread, which may have come before the wait; several may be one.
+ * WAIT_FAILED: as OrielWaitFrom; ERROR_INVALID_PARAMETER for an unnamed event. */
+WINBASEAPI DWORD WINAPI OrielSleepFrom(HANDLE event, DWORD position, DWORD milliseconds);
+
+/* Ends the OrielSleepFrom that the thread is in, or its next one. Returns when the thread is awake; it may not be if it
+ * gets no processor within a second. ERROR_INVALID_HANDLE: not a thread. */
+WINBASEAPI BOOL WINAPI OrielRouse(HANDLE thread);
+
 /* A step that waiting threads do. Short; it must not wait for anything, nor end itself. It may set events. */
 typedef void(WINAPI* ORIEL_WAIT_STEP)(void* context);
 

@@ -4,6 +4,7 @@
 #include "kit.h"
 
 #include <atomic>
+#include <oriel_wait.h>
 
 namespace {
 
@@ -49,6 +50,7 @@ TEST(Termination, StopsAThreadWhereverItIs) {
     enter(&busy);
     const Owned never = NewEvent();
     Owned named = NewEvent("Never", FALSE);
+    Owned pulsed = NewEvent("Pulsed");
     Owned busyMutex = CreateMutexA(nullptr, TRUE, "Busy");
     const HANDLE three[] = {never, named, busyMutex};
     const struct {
@@ -65,6 +67,7 @@ TEST(Termination, StopsAThreadWhereverItIs) {
         {"asleep in a call of the system", [] { PauseMs(1000000); }},
         {"waiting for one", [&] { Wait(never, INFINITE); }},
         {"waiting for three", [&] { WaitForMultipleObjects(3, three, FALSE, INFINITE); }},
+        {"asleep for one alone", [&] { OrielSleepFrom(pulsed, 0, INFINITE); }},
         {"waiting for a mutex", [&] { Wait(busyMutex, INFINITE); }},
         {"waiting for a critical section", [&] { enter(&busy); }},
         {"waiting with all signals blocked", [&] { BlockAllSignals(), Wait(never, INFINITE); }},
@@ -115,8 +118,10 @@ TEST(Termination, StopsAThreadWhereverItIs) {
     leave(&busy);
     EXPECT_EQ(Finish(other), 0U);
     named.Close();
+    pulsed.Close();
     busyMutex.Close();
-    EXPECT_FAILS(OpenEventA(SYNCHRONIZE, FALSE, "Never"), ERROR_FILE_NOT_FOUND);
+    for (const char* name : {"Never", "Pulsed"})
+        EXPECT_FAILS(OpenEventA(SYNCHRONIZE, FALSE, name), ERROR_FILE_NOT_FOUND);
     EXPECT_FAILS(OpenMutexA(SYNCHRONIZE, FALSE, "Busy"), ERROR_FILE_NOT_FOUND);
 }
 

@@ -54,11 +54,15 @@ void AwaitOtherManagers(ManagerRecord* manager) {
     GetDatabaseInfo(manager->masterDatabase, &info);
 }
 
-ThreadRecord* TakeRegistrations(ManagerRecord* manager) {
+ThreadRecord* TakeThreads(ManagerRecord* manager) {
     const ManagerLockHold lock;
     ThreadRecord* records = manager->registrations;
     manager->registrations = nullptr;
-    return records;
+    ThreadRecord* startWatch = manager->startWatch;
+    manager->startWatch = nullptr;
+    if (startWatch == nullptr) return records;
+    startWatch->next = records;
+    return startWatch;
 }
 
 } // namespace
@@ -73,7 +77,7 @@ Status CloseManagerOf(TvsManager handle) {
 
     // What others see of the manager ends here. The last reference releases what the record holds, so that a call in
     // progress keeps its databases and a mutex that it may hold.
-    StopThreadRecords(TakeRegistrations(manager));
+    StopThreadRecords(TakeThreads(manager));
     CancelRelayedRegistrations(manager);
     if ((manager->flags & ManagerOwnsPrinter) != 0) ReleasePrinterOwnership(manager);
     --g_openManagerCount;

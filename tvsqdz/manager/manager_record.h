@@ -67,6 +67,10 @@ struct ManagerRecord {
     std::atomic<product::ServiceInstance> serviceInstance;
     RetiredMutex* retiredMutexes GUARDED_BY(g_managerLock); // request mutexes of earlier database names
     std::atomic<DWORD> serviceLookedFor;                    // tick count of the last check for a new service
+    // Of the thread that rouses the watchers when a service has started: it was begun; it is at work.
+    std::atomic<bool> startIsWatched;
+    std::atomic<bool> rousesWatchers;
+    ThreadRecord* startWatch GUARDED_BY(g_managerLock); // null: none
 };
 
 // The open manager that the handle designates, or null. The handle is compared, never dereferenced.

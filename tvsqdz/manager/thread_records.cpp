@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "base/timings.h"
 #include "machine/objects.h"
+#include "product/signal_wait.h"
 
 namespace {
 
@@ -114,6 +115,7 @@ void ThreadHasBegun(const ThreadRecord& record) {
 
 void StopThreadRecord(ThreadRecord* record) {
     SetEvent(record->stopEvent);
+    product::Rouse(record->thread);
     if (IsOwn(record))
         LeaveToItself(record);
     else if (EndThread(record->thread, g_timings.cancelWait))
@@ -121,8 +123,10 @@ void StopThreadRecord(ThreadRecord* record) {
 }
 
 void StopThreadRecords(ThreadRecord* head) {
-    for (ThreadRecord* record = head; record != nullptr; record = record->next)
+    for (ThreadRecord* record = head; record != nullptr; record = record->next) {
         SetEvent(record->stopEvent);
+        product::Rouse(record->thread);
+    }
     const DWORD start = GetTickCount();
     while (head != nullptr) {
         ThreadRecord* record = head;

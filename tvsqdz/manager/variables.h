@@ -46,6 +46,7 @@ constexpr uint32_t TypeOf(const StatusVariableDef& variable) {
 // lies. A row names none where the default serves it.
 
 // Watchers: thread procedures whose parameter is a NotificationRegistration (notify/delivery.h).
+DWORD WINAPI StartWatch(void* registration);            // of no entries: tells the others that a service has started
 DWORD WINAPI ChangeWatch(void* registration);           // the default for events and messages, of any number of entries
 DWORD WINAPI ChangeCallbackWatch(void* registration);   // the default for callbacks
 DWORD WINAPI VariableWatch(void* registration);         // of one variable, each signal one delivery

@@ -6,6 +6,7 @@
 #include "manager/variables.h"
 #include "notify/caller_lists.h"
 #include "product/linked_list.h"
+#include "product/signal_wait.h"
 
 #include <string.h>
 
@@ -42,6 +43,46 @@ void CancelDelegated(ManagerRecord* manager, const NotificationRegistration& reg
 bool Posts(const NotificationEntry& entry, const char* variableName, HWND window, uint32_t message) {
     return (entry.mode & NOTIFY_BY_MESSAGE) != 0 && entry.target == reinterpret_cast<UINT_PTR>(window) &&
            entry.message == message && strcmp(entry.variableName, variableName) == 0;
+}
+
+// Makes the watcher look, unless it has been cancelled meanwhile.
+void RouseListed(ManagerRecord* manager, const NotificationRegistration* registration) {
+    const ManagerLockHold lock;
+    if (!manager->rousesWatchers || FindManager(HandleOf(manager)) != manager) return;
+    for (ThreadRecord* record = manager->registrations; record != nullptr; record = record->next)
+        if (record == &registration->thread) product::Rouse(record->thread);
+}
+
+// False: the manager is closed.
+bool ListStartWatch(ManagerRecord* manager, ThreadRecord* startWatch) {
+    const ManagerLockHold lock;
+    if (FindManager(HandleOf(manager)) != manager) return false;
+    manager->startWatch = startWatch;
+    return true;
+}
+
+// The one that is listed, when nobody needs it any more; null otherwise.
+ThreadRecord* TakeIdleStartWatch(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    ThreadRecord* startWatch = manager->startWatch;
+    if (manager->registrations != nullptr || startWatch == nullptr) return nullptr;
+    manager->startWatch = nullptr;
+    manager->startIsWatched = false;
+    return startWatch;
+}
+
+// Without it, watchers wait for the start of a service themselves.
+void WatchForStart(ManagerRecord* manager) {
+    if (!product::WaitsCanBeRoused() || manager->startIsWatched.exchange(true)) return;
+    NotificationRegistration* registration = NewRegistration(manager, 0);
+    if (registration == nullptr) return;
+    ThreadRecord* record = &registration->thread;
+    if (!StartThreadRecord(record, manager, StartWatch)) {
+        FreeBlock(registration);
+        return;
+    }
+    AwaitThreadBegun(*record);
+    if (!ListStartWatch(manager, record)) StopThreadRecord(record);
 }
 
 } // namespace
@@ -87,6 +128,7 @@ void SetTarget(NotificationEntry& entry, DeliveryForm form, const DeliveryTarget
 
 Status StartRegistration(ManagerRecord* manager, NotificationRegistration* registration, ThreadProc watcher,
                          TvsRegistration* handle) {
+    WatchForStart(manager);
     ThreadRecord* record = &registration->thread;
     if (!StartThreadRecord(record, manager, watcher)) {
         CancelDelegated(manager, *registration);
@@ -99,6 +141,8 @@ Status StartRegistration(ManagerRecord* manager, NotificationRegistration* regis
         StopThreadRecord(record);
         return TVS_E_HANDLE;
     }
+    WatchForStart(manager);             // again: the last registration before may have ended meanwhile
+    RouseListed(manager, registration); // a service that started before it was listed was not told to it
     // The record may be gone by now, cancelled from its callback or with its manager.
     *handle = RegistrationHandle(record);
     return TVS_OK;
@@ -135,6 +179,7 @@ Status KillRegistration(ManagerRecord* manager, TvsRegistration handle) {
     if (registration == nullptr) return TVS_E_HANDLE;
     CancelDelegated(manager, *registration);
     StopThreadRecord(&registration->thread);
+    if (ThreadRecord* idle = TakeIdleStartWatch(manager)) StopThreadRecord(idle);
     return TVS_OK;
 }
 

@@ -55,6 +55,7 @@ constexpr DWORD kLooks = 12; // for the next service, after one has told that it
 
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust), m_wait(registration.thread.stopEvent) {
+    if (registration.thread.manager->rousesWatchers) m_wait.SetRoused();
     WaitForStarted();
     if (most <= 1) {
         m_variables = reinterpret_cast<Watched*>(m_one);

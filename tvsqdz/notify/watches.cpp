@@ -2,7 +2,9 @@
 // those of one variable. State: on the watchers' stacks.
 #include "notify/watcher.h"
 
+#include "machine/objects.h"
 #include "manager/variables.h"
+#include "product/object_names.h"
 
 namespace {
 
@@ -47,7 +49,35 @@ void TellChanges(const NotificationRegistration& registration, CallbackValue* va
     });
 }
 
+void RouseAll(ManagerRecord* manager) {
+    const ManagerLockHold lock;
+    for (ThreadRecord* record = manager->registrations; record != nullptr; record = record->next)
+        product::Rouse(record->thread);
+}
+
 } // namespace
+
+// No watcher of a variable, but what wakes those of its manager when a service has started: they sleep on one event
+// alone.
+DWORD WINAPI StartWatch(void* parameter) {
+    const NotificationRegistration& registration = RegistrationOf(parameter);
+    ManagerRecord* manager = registration.thread.manager;
+    product::SignalWait wait(registration.thread.stopEvent);
+    KernelHandle started;
+    for (product::Woken woken = product::Woken::TimedOut; woken != product::Woken::Stopped;) {
+        // Another event than the last one when the system has lost all names.
+        KernelHandle last = std::move(started);
+        started = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text));
+        wait.SetStarted(started.Get());
+        if (!manager->rousesWatchers.exchange(true)) ThreadHasBegun(registration.thread);
+        // Also one that started before the event was looked at.
+        if (woken == product::Woken::Started || !ServiceIsKnownToLive(manager->printerDatabase)) RouseAll(manager);
+        woken = wait.Wait(started ? g_timings.serviceLook : g_timings.watchRetry);
+        if (woken == product::Woken::Failed) break;
+    }
+    manager->rousesWatchers = false;
+    return kWatchEnded;
+}
 
 DWORD WINAPI ChangeWatch(void* parameter) {
     TellWrites(RegistrationOf(parameter), nullptr);

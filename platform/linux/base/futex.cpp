@@ -69,10 +69,10 @@ Awake Outcome(long result) {
     }
 }
 
-Awake SleepOnOne(const SleepPoint& point, int64_t deadline) {
+Awake SleepOnOne(const SleepPoint& point, int64_t deadline, uint32_t bits = FUTEX_BITSET_MATCH_ANY) {
     const timespec end = ToTimespec(deadline);
     return Outcome(syscall(SYS_futex, point.word, FUTEX_WAIT_BITSET | FutexFlags(point.shared), point.value,
-                           deadline == kNever ? nullptr : &end, nullptr, FUTEX_BITSET_MATCH_ANY));
+                           deadline == kNever ? nullptr : &end, nullptr, bits));
 }
 
 template <uint32_t most>
@@ -116,6 +116,14 @@ Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline, uint32
     const int64_t slice = MonotonicNs() + (count == 2 ? kTwoWordSliceNs : kManyWordsSliceNs);
     const Awake result = SleepOnOne(points[0], std::min(deadline, slice));
     return result == Awake::TimedOut && slice < deadline ? Awake::Look : result;
+}
+
+Awake SleepOnShared(const SleepPoint& point, int64_t deadline, uint32_t bits) {
+    return SleepOnOne(point, deadline, bits);
+}
+
+void WakeSome(Word& word, uint32_t bits) {
+    syscall(SYS_futex, &word, FUTEX_WAKE_BITSET, INT_MAX, nullptr, nullptr, bits);
 }
 
 void WakeAll(Word& word, bool shared) {

@@ -40,6 +40,10 @@ enum class Awake {
 // gets the index of the point that ended the sleep, and stays as it is when that is not known.
 Awake SleepOn(const SleepPoint* points, uint32_t count, int64_t deadline, uint32_t* woken = nullptr);
 
+// The same for one word of shared memory. bits: not 0; of those by which WakeSome chooses whom it wakes.
+Awake SleepOnShared(const SleepPoint& point, int64_t deadline, uint32_t bits);
+void WakeSome(Word& word, uint32_t bits);
+
 // Wakes the threads that sleep on the word, without a change of it.
 void WakeAll(Word& word, bool shared);
 void WakeOne(Word& word); // one sleeper of a private word

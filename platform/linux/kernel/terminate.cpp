@@ -63,6 +63,7 @@ BOOL WINAPI TerminateThread(HANDLE handle, DWORD exitCode) {
     const bool first = thread->state.compare_exchange_strong(state, kTerminationAsked);
     if (first) {
         WakeAll(thread->state, false);
+        Rouse(*thread.Get(), deadline);
         const int number = SignalForStopping();
         const DWORD id = thread->threadId.load();
         if (number != 0 && id != 0) syscall(SYS_tgkill, getpid(), id, number);

@@ -16,8 +16,12 @@ constexpr uint32_t kLeft = 3;
 // What other threads may ask about a thread. The thread and every handle hold a reference.
 struct ThreadObject : Object {
     Word state{kRunning}; // kRunning, kTerminationAsked, kStopped, kLeft
-    Word ended{0};        // 1 once it has ended
-    Word threadId{0};     // 0 until it runs
+    // Of OrielSleepFrom (light_sleep.cpp).
+    Word turn{0}; // odd: the thread may be asleep; moves before each of its looks
+    std::atomic<bool> roused{false};
+    std::atomic<Word*> sleepsOn{nullptr};
+    Word ended{0};    // 1 once it has ended
+    Word threadId{0}; // 0 until it runs
     std::atomic<DWORD> exitCode{STATUS_PENDING};
     bool lastRound = false; // its destructors have been run once
     // Those it owns. Touched by itself, and by nobody else before it stands still or has left.
@@ -28,6 +32,9 @@ extern const ObjectType kThreadType;
 
 // The record of the calling thread, made on demand. Null when memory is lacking.
 ThreadObject* CurrentThread();
+
+// Makes a thread that sleeps by OrielSleepFrom look again. Returns when it has, is not asleep, or at the deadline.
+void Rouse(ThreadObject& thread, int64_t deadline);
 
 // Marks the thread as ended and wakes its waiters.
 void AnnounceEnd(ThreadObject& thread);

@@ -28,6 +28,10 @@ struct Signals {
 // handle is closed. Null where the system has no such thing, or the event has a step already.
 KernelHandle StepInWait(HANDLE event, HANDLE signal, void(WINAPI* step)(void*), void* context);
 
+// Whether a wait can be roused, and so be a light one: Rouse makes the thread look at what it does not sleep on.
+bool WaitsCanBeRoused();
+void Rouse(HANDLE thread);
+
 class SignalWait {
 public:
     static constexpr DWORD kEventsMax = MAXIMUM_WAIT_OBJECTS - 1;
@@ -62,6 +66,10 @@ public:
         const bool held;
     };
 
+    // Whoever sets the stop event then calls Rouse for the thread that waits, and so does somebody when a service
+    // starts. So a wait for one event may be for that alone.
+    void SetRoused() { m_isRoused = true; }
+
     // The event of that number, from 0, from now on. Null: none, which is never signalled.
     void SetEvent(DWORD number, HANDLE event);
     // Pulsed by each service that starts. Waited for while fewer than kEventsMax events are.
@@ -73,9 +81,12 @@ public:
 
 private:
     DWORD Gather(HANDLE* handles, DWORD* positions) const;
+    Woken WaitLightly(DWORD milliseconds);
+    Woken WaitForAll(DWORD milliseconds);
 
     CRITICAL_SECTION m_turn; // for all that follows
     bool m_isShared = false; // of the thread that waits
+    bool m_isRoused = false;
     HANDLE m_handles[1 + kEventsMax];
     DWORD m_positions[1 + kEventsMax] = {};
     DWORD m_count = 1; // of the handles
