@@ -80,3 +80,18 @@ TEST(LightSleep, IsRousedWheneverThatComes) {
     PulseEvent(event);
     EXPECT_EQ(Finish(other), DWORD{WAIT_OBJECT_0});
 }
+
+// A stop is seen, however fast the event moves.
+TEST(LightSleep, IsRousedBeforeTheEventIsLookedAt) {
+    const Owned event = NewEvent("Lightly");
+    const Owned mayBegin = NewEvent();
+    const Owned sleeper = StartThread([&, before = PositionOf(event) - 2] {
+        Wait(mayBegin);
+        const DWORD first = OrielSleepFrom(event, before, INFINITE);
+        return first << 16 | OrielSleepFrom(event, before, INFINITE);
+    });
+    EXPECT_TRUE(OrielRouse(sleeper));
+    EXPECT_TRUE(OrielRouse(sleeper)) << "twice is once";
+    SetEvent(mayBegin);
+    EXPECT_EQ(Finish(sleeper), DWORD{ORIEL_WAIT_ROUSED << 16 | WAIT_OBJECT_0});
+}

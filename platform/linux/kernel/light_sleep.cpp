@@ -34,6 +34,10 @@ DWORD FailSleep(DWORD error) {
     return WAIT_FAILED;
 }
 
+bool TakeRouse(ThreadObject& self) {
+    return self.roused.load() && self.roused.exchange(false);
+}
+
 bool HasMoved(const WaitPoint& point) {
     return point.word->load(std::memory_order_acquire) != point.first;
 }
@@ -41,7 +45,7 @@ bool HasMoved(const WaitPoint& point) {
 DWORD SleepUntilItMoves(ThreadObject& self, const HandlePin& pin, const WaitPoint& point, int64_t deadline) {
     for (;;) {
         self.turn.fetch_add(2);
-        if (self.roused.load() && self.roused.exchange(false)) return ORIEL_WAIT_ROUSED;
+        if (TakeRouse(self)) return ORIEL_WAIT_ROUSED;
         if (TerminationAsked()) return FailSleep(ERROR_NO_SYSTEM_RESOURCES); // it stops at the end of the call
         const Awake awake = SleepOnShared({point.word, point.first, true}, deadline, BitOf(self));
         PrefetchPin(pin);
@@ -57,6 +61,7 @@ DWORD SleepFrom(ThreadObject& self, const HandlePin& pin, DWORD position, DWORD 
     if (position == ORIEL_FROM_NOW || type.remembers == nullptr || !type.remembers(pin.object))
         return FailSleep(ERROR_INVALID_PARAMETER);
     if ((pin.access & SYNCHRONIZE) == 0) return FailSleep(ERROR_ACCESS_DENIED);
+    if (TakeRouse(self)) return ORIEL_WAIT_ROUSED; // before the event, which may move all the time
     WaitPoint point;
     point.begun = true;
     point.first = position;
