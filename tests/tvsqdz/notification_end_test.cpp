@@ -156,6 +156,20 @@ TEST_F(NotificationEnd, NothingIsDeliveredAfterACancelAndNothingIsLeftBehind) {
     }
 }
 
+TEST_F(NotificationEnd, ACancelAndACloseWakeWatchersThatSleep) {
+    g_timings.serviceLook = g_timings.cancelWait = g_timings.closeWait = 60000;
+    const DWORD start = GetTickCount();
+    const TvsManager quiet = OpenPrinter();
+    std::vector<std::unique_ptr<Registrant>> closed;
+    for (const Form form : kForms) {
+        Registrant cancelled(form, quiet, "JobStatus");
+        EXPECT_EQ(cancelled.Cancel(), TVS_OK);
+        closed.push_back(std::make_unique<Registrant>(form, quiet, "JobStatus"));
+    }
+    EXPECT_EQ(CloseManager(quiet), TVS_OK);
+    EXPECT_LT(GetTickCount() - start, 30000U) << "nobody woke them";
+}
+
 TEST_F(NotificationEndCampaign, OpeningRegisteringAndCancellingUnderLoadLeavesNothing) {
     const Writer writer(manager, "ModelNumber");
     const Holdings before = HeldNow();
