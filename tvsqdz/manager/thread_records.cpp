@@ -24,6 +24,12 @@ void FreeRecord(ThreadRecord* record) {
     if (manager != nullptr) ReleaseManager(manager);
 }
 
+// It may sleep on other events than the one that ends it.
+void AskToEnd(const ThreadRecord* record) {
+    SetEvent(record->stopEvent);
+    product::Rouse(record->thread);
+}
+
 bool IsOwn(const ThreadRecord* record) {
     return record->threadId == GetCurrentThreadId();
 }
@@ -114,8 +120,7 @@ void ThreadHasBegun(const ThreadRecord& record) {
 }
 
 void StopThreadRecord(ThreadRecord* record) {
-    SetEvent(record->stopEvent);
-    product::Rouse(record->thread);
+    AskToEnd(record);
     if (IsOwn(record))
         LeaveToItself(record);
     else if (EndThread(record->thread, g_timings.cancelWait))
@@ -123,10 +128,8 @@ void StopThreadRecord(ThreadRecord* record) {
 }
 
 void StopThreadRecords(ThreadRecord* head) {
-    for (ThreadRecord* record = head; record != nullptr; record = record->next) {
-        SetEvent(record->stopEvent);
-        product::Rouse(record->thread);
-    }
+    for (ThreadRecord* record = head; record != nullptr; record = record->next)
+        AskToEnd(record);
     const DWORD start = GetTickCount();
     while (head != nullptr) {
         ThreadRecord* record = head;

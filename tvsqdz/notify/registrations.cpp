@@ -49,8 +49,9 @@ bool Posts(const NotificationEntry& entry, const char* variableName, HWND window
 void RouseListed(ManagerRecord* manager, const NotificationRegistration* registration) {
     const ManagerLockHold lock;
     if (!manager->rousesWatchers || FindManager(HandleOf(manager)) != manager) return;
-    for (ThreadRecord* record = manager->registrations; record != nullptr; record = record->next)
-        if (record == &registration->thread) product::Rouse(record->thread);
+    const ThreadRecord* listed =
+        FindInList(manager->registrations, [&](const ThreadRecord& each) { return &each == &registration->thread; });
+    if (listed != nullptr) product::Rouse(listed->thread);
 }
 
 // False: the manager is closed.

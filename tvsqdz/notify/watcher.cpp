@@ -56,7 +56,7 @@ constexpr DWORD kLooks = 12; // for the next service, after one has told that it
 Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const SignalTrust& trust)
     : m_registration(registration), m_trust(trust), m_wait(registration.thread.stopEvent) {
     if (registration.thread.manager->rousesWatchers) m_wait.SetRoused();
-    WaitForStarted();
+    AwaitStarts(m_wait, m_started);
     if (most <= 1) {
         m_variables = reinterpret_cast<Watched*>(m_one);
         return;
@@ -67,11 +67,10 @@ Watcher::Watcher(const NotificationRegistration& registration, DWORD most, const
              WaitForSingleObject(registration.thread.stopEvent, g_timings.memoryPause) == WAIT_TIMEOUT);
 }
 
-// Another event than the last one when the system has lost all names.
-void Watcher::WaitForStarted() {
-    KernelHandle last = std::move(m_started);
-    m_started = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text));
-    m_wait.SetStarted(m_started.Get());
+void AwaitStarts(product::SignalWait& wait, KernelHandle& started) {
+    const KernelHandle last = std::move(started);
+    started = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text));
+    wait.SetStarted(started.Get());
 }
 
 Watcher::~Watcher() {
@@ -229,7 +228,7 @@ bool Watcher::AwaitNews(DWORD pause) {
         const bool isLost = IsLost();
         if (isLost) {
             m_looks = 0;
-            WaitForStarted();
+            AwaitStarts(m_wait, m_started);
         }
         if (isLost || !m_isWhole) RenewWatches();
         for (DWORD k = 0; k < m_count; ++k) {

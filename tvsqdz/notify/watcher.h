@@ -50,6 +50,10 @@ private:
     bool m_isWatched = false;
 };
 
+// Waits for "TVORSDB:Started" too from now on. It is another event than the last one, which is closed, when the system
+// has lost all names. Null: it cannot be had now.
+void AwaitStarts(product::SignalWait& wait, KernelHandle& started);
+
 // Detects an event that somebody left set: it is reset after more than so many signals in so many milliseconds.
 struct SignalTrust {
     uint32_t signals;
@@ -126,7 +130,6 @@ private:
     // The databases were opened again. The watches are renewed in their order, so the first one tells of all.
     bool IsLost() const { return m_count > 0 && m_variables[0].watch.IsLost(); }
     bool AwaitNews(DWORD pause);
-    void WaitForStarted();
     void RenewWatches();
     void SetBase(Watched& watched, DWORD number);
     void BeginStep(Watched& watched);

@@ -2,11 +2,18 @@
 // those of one variable. State: on the watchers' stacks.
 #include "notify/watcher.h"
 
-#include "machine/objects.h"
 #include "manager/variables.h"
-#include "product/object_names.h"
 
 namespace {
+
+// index: the second argument of a callback. value: null when the entry's event or message tells.
+void TellOf(const NotificationRegistration& registration, const NotificationEntry& entry, uint32_t index,
+            CallbackValue* value) {
+    if (value == nullptr)
+        Deliver(entry);
+    else
+        CallBackWithValue(registration, entry, index, *value);
+}
 
 // Delivers each write; those that come during a delivery are told by one more.
 void TellWrites(const NotificationRegistration& registration, CallbackValue* value) {
@@ -24,11 +31,7 @@ void TellWrites(const NotificationRegistration& registration, CallbackValue* val
     }
     ThreadHasBegun(registration.thread);
     watcher.Run([&](DWORD k) {
-        const NotificationEntry& entry = registration.entries[entryOf[k]];
-        if (value == nullptr)
-            Deliver(entry);
-        else
-            CallBackWithValue(registration, entry, entryOf[k], *value);
+        TellOf(registration, registration.entries[entryOf[k]], entryOf[k], value);
         return kNoLook;
     });
 }
@@ -41,10 +44,7 @@ void TellChanges(const NotificationRegistration& registration, CallbackValue* va
     if (value == nullptr) watcher.TellByWaiter(0, entry);
     ThreadHasBegun(registration.thread);
     watcher.Run([&](DWORD) {
-        if (value == nullptr)
-            Deliver(entry);
-        else
-            CallBackWithValue(registration, entry, registration.callbackIndex, *value);
+        TellOf(registration, entry, registration.callbackIndex, value);
         return kNoLook;
     });
 }
@@ -64,16 +64,13 @@ DWORD WINAPI StartWatch(void* parameter) {
     ManagerRecord* manager = registration.thread.manager;
     product::SignalWait wait(registration.thread.stopEvent);
     KernelHandle started;
-    for (product::Woken woken = product::Woken::TimedOut; woken != product::Woken::Stopped;) {
-        // Another event than the last one when the system has lost all names.
-        KernelHandle last = std::move(started);
-        started = KernelHandle(OpenEventA(SYNCHRONIZE, FALSE, ObjectName(product::kServiceStartedName).text));
-        wait.SetStarted(started.Get());
+    for (product::Woken woken = product::Woken::TimedOut;
+         woken != product::Woken::Stopped && woken != product::Woken::Failed;) {
+        AwaitStarts(wait, started);
         if (!manager->rousesWatchers.exchange(true)) ThreadHasBegun(registration.thread);
         // Also one that started before the event was looked at.
         if (woken == product::Woken::Started || !ServiceIsKnownToLive(manager->printerDatabase)) RouseAll(manager);
         woken = wait.Wait(started ? g_timings.serviceLook : g_timings.watchRetry);
-        if (woken == product::Woken::Failed) break;
     }
     manager->rousesWatchers = false;
     return kWatchEnded;

@@ -29,11 +29,6 @@ uint32_t BitOf(const ThreadObject& thread) {
     return 1U << (thread.threadId.load(std::memory_order_relaxed) % 32);
 }
 
-DWORD FailSleep(DWORD error) {
-    SetLastError(error);
-    return WAIT_FAILED;
-}
-
 bool TakeRouse(ThreadObject& self) {
     return self.roused.load() && self.roused.exchange(false);
 }
@@ -46,27 +41,28 @@ DWORD SleepUntilItMoves(ThreadObject& self, const HandlePin& pin, const WaitPoin
     for (;;) {
         self.turn.fetch_add(2);
         if (TakeRouse(self)) return ORIEL_WAIT_ROUSED;
-        if (TerminationAsked()) return FailSleep(ERROR_NO_SYSTEM_RESOURCES); // it stops at the end of the call
+        if (TerminationAsked())
+            return Fail(ERROR_NO_SYSTEM_RESOURCES, DWORD{WAIT_FAILED}); // it stops at the end of the call
         const Awake awake = SleepOnShared({point.word, point.first, true}, deadline, BitOf(self));
         PrefetchPin(pin);
         if (HasMoved(point)) return WAIT_OBJECT_0;
         if (awake == Awake::TimedOut) return WAIT_TIMEOUT;
-        if (awake == Awake::Failed) return FailSleep(ERROR_NOACCESS); // another process truncated a file
+        if (awake == Awake::Failed) return Fail(ERROR_NOACCESS, DWORD{WAIT_FAILED}); // another process truncated a file
     }
 }
 
 DWORD SleepFrom(ThreadObject& self, const HandlePin& pin, DWORD position, DWORD milliseconds) {
     const ObjectType& type = *pin.object->type;
-    if (type.grab == nullptr) return FailSleep(ERROR_INVALID_HANDLE);
+    if (type.grab == nullptr) return Fail(ERROR_INVALID_HANDLE, DWORD{WAIT_FAILED});
     if (position == ORIEL_FROM_NOW || type.remembers == nullptr || !type.remembers(pin.object))
-        return FailSleep(ERROR_INVALID_PARAMETER);
-    if ((pin.access & SYNCHRONIZE) == 0) return FailSleep(ERROR_ACCESS_DENIED);
+        return Fail(ERROR_INVALID_PARAMETER, DWORD{WAIT_FAILED});
+    if ((pin.access & SYNCHRONIZE) == 0) return Fail(ERROR_ACCESS_DENIED, DWORD{WAIT_FAILED});
     if (TakeRouse(self)) return ORIEL_WAIT_ROUSED; // before the event, which may move all the time
     WaitPoint point;
     point.begun = true;
     point.first = position;
     if (type.grab(pin.object, point, false) == Grab::Got) return WAIT_OBJECT_0;
-    if (!point.shared) return FailSleep(ERROR_INVALID_PARAMETER);
+    if (!point.shared) return Fail(ERROR_INVALID_PARAMETER, DWORD{WAIT_FAILED});
     self.sleepsOn.store(point.word);
     self.turn.fetch_add(1);
     const DWORD result = SleepUntilItMoves(self, pin, point, DeadlineAfter(milliseconds));
@@ -95,9 +91,9 @@ using namespace oriel;
 DWORD WINAPI OrielSleepFrom(HANDLE event, DWORD position, DWORD milliseconds) {
     const TerminationHold hold;
     ThreadObject* self = CurrentThread();
-    if (self == nullptr) return FailSleep(ERROR_NOT_ENOUGH_MEMORY);
+    if (self == nullptr) return Fail(ERROR_NOT_ENOUGH_MEMORY, DWORD{WAIT_FAILED});
     const HandlePin pin = PinHandle(event);
-    if (pin.object == nullptr) return FailSleep(ERROR_INVALID_HANDLE);
+    if (pin.object == nullptr) return Fail(ERROR_INVALID_HANDLE, DWORD{WAIT_FAILED});
     const DWORD result = SleepFrom(*self, pin, position, milliseconds);
     UnpinHandle(pin);
     return result;
